@@ -1,0 +1,25 @@
+// The Android log.
+#ifndef PLATFORM_ANDROID_LOG_H
+#define PLATFORM_ANDROID_LOG_H
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+enum {
+    ANDROID_LOG_DEBUG = 3,
+    ANDROID_LOG_INFO = 4,
+    ANDROID_LOG_WARN = 5,
+    ANDROID_LOG_ERROR = 6,
+    ANDROID_LOG_SILENT = 8
+};
+
+// Writes one line with priority and tag. returns the number of characters, or a negative value.
+int __android_log_print(int priority, const char *pszTag, const char *pszFormat, ...)
+    __attribute__((format(printf, 3, 4)));
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

@@ -1,0 +1,19 @@
+// The base library's allocators; the C library's contracts.
+#ifndef PLATFORM_QVR_MEMORY_H
+#define PLATFORM_QVR_MEMORY_H
+
+#include <stddef.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+void *QVR_malloc(size_t size);
+void *QVR_calloc(size_t count, size_t size);
+void QVR_free(void *pMemory);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

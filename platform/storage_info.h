@@ -1,0 +1,36 @@
+// The base library's storage information.
+#ifndef PLATFORM_STORAGE_INFO_H
+#define PLATFORM_STORAGE_INFO_H
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#define DF_BUILT_IN 0  // the storage at /mnt/sdcard
+#define DF_REMOVABLE 1 // the card at /mnt/sdcard/tflash
+
+typedef struct df_handle_t df_handle_t;
+
+typedef struct df_record_t {
+    const char *pszFileSystem;
+    const char *pszMountPoint;
+    unsigned long ulTotalKiB;
+    unsigned long ulFreeKiB; // what an ordinary process may still fill
+} df_record_t;
+
+// Opens the storage information. returns null on failure.
+// owns: the caller, until dfclose.
+df_handle_t *dfopen(void);
+
+// Queries one storage afresh. returns its record, valid until the next call with this handle, or
+// null when the storage is not there or cannot be queried.
+const df_record_t *dfget(df_handle_t *pHandle, int iStorage);
+
+// Releases the handle; null is accepted. returns 0.
+int dfclose(df_handle_t *pHandle);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

@@ -1,0 +1,19 @@
+// The Android system properties.
+#ifndef PLATFORM_SYSTEM_PROPERTIES_H
+#define PLATFORM_SYSTEM_PROPERTIES_H
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#define PROPERTY_VALUE_MAX 92 // with the terminator
+
+// Copies the value of a property, or the default (null: none) when it is not set, into
+// szValue[PROPERTY_VALUE_MAX]. returns the length of what was copied.
+int property_get(const char *pszKey, char *szValue, const char *pszDefault);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
