@@ -5,6 +5,7 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+#pragma GCC visibility push(default)
 
 enum {
     ANDROID_LOG_DEBUG = 3,
@@ -18,6 +19,7 @@ enum {
 int __android_log_print(int priority, const char *pszTag, const char *pszFormat, ...)
     __attribute__((format(printf, 3, 4)));
 
+#pragma GCC visibility pop
 #ifdef __cplusplus
 }
 #endif

@@ -12,6 +12,7 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+#pragma GCC visibility push(default)
 
 // The transition that the component is in, beside its state.
 typedef enum omx_base_transient_t : uint32_t {
@@ -77,16 +78,23 @@ struct omx_base_sink_PrivateType {
 };
 
 // Makes the handle a sink component: fills its function table, starts its message thread and puts
-// it into Loaded. The private record is attached and zero-filled.
-// returns OMX_ErrorNone, or OMX_ErrorInsufficientResources.
+// it into Loaded. The private record is attached and zero-filled. When it fails, the table's
+// ComponentDeInit releases what there is.
+// in: pszName is copied, at most 127 characters.
+// returns OMX_ErrorNone, OMX_ErrorBadParameter when a pointer or the record is missing, or
+// OMX_ErrorInsufficientResources.
 OMX_ERRORTYPE omx_base_sink_Constructor(OMX_COMPONENTTYPE *pComponent, OMX_STRING pszName);
 
 // Joins the component's threads in whatever state it is, releases its buffers, ports and the
-// private record. Accepts a half-built record.
+// private record, and clears the handle's private pointer. Buffers that the component still holds
+// are not returned. Accepts a half-built record, and a handle without one.
+// returns OMX_ErrorNone, or OMX_ErrorBadParameter for a null handle.
+// thread: none of the component's own, so not from a callback.
 OMX_ERRORTYPE omx_base_sink_Destructor(OMX_COMPONENTTYPE *pComponent);
 
 // Prepare the port record at *ppPort (zero-filled, of the class's size) as an enabled port with the
-// given index; bInput nonzero for an input port.
+// given index; bInput nonzero for an input port. What the port definition says may be changed until
+// the component is handed out.
 // returns OMX_ErrorNone, OMX_ErrorBadParameter, or OMX_ErrorInsufficientResources.
 OMX_ERRORTYPE base_video_port_Constructor(OMX_COMPONENTTYPE *pComponent,
                                           omx_base_port_PrivateType **ppPort, OMX_U32 uiPortIndex,
@@ -101,7 +109,8 @@ OMX_ERRORTYPE omx_base_component_GetParameter(OMX_HANDLETYPE hComponent, OMX_IND
 OMX_ERRORTYPE omx_base_component_SetParameter(OMX_HANDLETYPE hComponent, OMX_INDEXTYPE eIndex,
                                               OMX_PTR pParameter);
 
-// Carries out one command; runs on the message thread.
+// Carries out one command; runs on the message thread, which reports an error that is returned to
+// the client as an error event.
 OMX_ERRORTYPE omx_base_component_MessageHandler(OMX_COMPONENTTYPE *pComponent,
                                                 omx_base_message_t *pMessage);
 
@@ -109,6 +118,7 @@ OMX_ERRORTYPE omx_base_component_MessageHandler(OMX_COMPONENTTYPE *pComponent,
 OMX_STATETYPE omx_base_get_state(const omx_base_sink_PrivateType *pSink);
 omx_base_transient_t omx_base_get_transient_state(const omx_base_sink_PrivateType *pSink);
 
+#pragma GCC visibility pop
 #ifdef __cplusplus
 }
 #endif

@@ -7,11 +7,13 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+#pragma GCC visibility push(default)
 
 void *QVR_malloc(size_t size);
 void *QVR_calloc(size_t count, size_t size);
 void QVR_free(void *pMemory);
 
+#pragma GCC visibility pop
 #ifdef __cplusplus
 }
 #endif

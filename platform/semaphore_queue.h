@@ -8,6 +8,7 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+#pragma GCC visibility push(default)
 
 // A counting semaphore. The owner provides the memory.
 typedef struct tsem_t {
@@ -48,6 +49,7 @@ void *dequeue(queue_t *queue);
 // The number of pointers queued at this moment.
 uint32_t queue_length(queue_t *queue);
 
+#pragma GCC visibility pop
 #ifdef __cplusplus
 }
 #endif

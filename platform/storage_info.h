@@ -5,6 +5,7 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+#pragma GCC visibility push(default)
 
 #define DF_BUILT_IN 0  // the storage at /mnt/sdcard
 #define DF_REMOVABLE 1 // the card at /mnt/sdcard/tflash
@@ -29,6 +30,7 @@ const df_record_t *dfget(df_handle_t *pHandle, int iStorage);
 // Releases the handle; null is accepted. returns 0.
 int dfclose(df_handle_t *pHandle);
 
+#pragma GCC visibility pop
 #ifdef __cplusplus
 }
 #endif

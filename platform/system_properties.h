@@ -5,6 +5,7 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+#pragma GCC visibility push(default)
 
 #define PROPERTY_VALUE_MAX 92 // with the terminator
 
@@ -12,6 +13,7 @@ extern "C" {
 // szValue[PROPERTY_VALUE_MAX]. returns the length of what was copied.
 int property_get(const char *pszKey, char *szValue, const char *pszDefault);
 
+#pragma GCC visibility pop
 #ifdef __cplusplus
 }
 #endif

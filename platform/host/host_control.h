@@ -8,6 +8,7 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+#pragma GCC visibility push(default)
 
 // Calls that can be made to fail; each fails in the way that its contract states.
 typedef enum host_call_t : uint32_t {
@@ -54,6 +55,7 @@ typedef void (*host_log_sink_t)(void *pContext, int priority, const char *pszTag
                                 const char *pszText);
 void host_set_log_sink(host_log_sink_t pfnSink, void *pContext);
 
+#pragma GCC visibility pop
 #ifdef __cplusplus
 }
 #endif
