@@ -1,0 +1,27 @@
+// What depends on the sample rate: scalefactor bands and audio bandwidth.
+#ifndef AACENC_BAND_TABLES_H
+#define AACENC_BAND_TABLES_H
+
+#include <cstdint>
+
+struct BandwidthRow {
+    int32_t sample_rate;
+    int32_t bandwidth_hz[6];
+};
+
+// Sample rates in Hz. The position of a rate is its sampling index, 3 below the standard's
+// samplingFrequencyIndex.
+extern const uint16_t SampleRates[9];
+
+// Row of sr_info_aac for each sampling index.
+extern const uint8_t sr_info_index[9];
+
+// Scalefactor bands of a long window: their number, then their widths in lines, lowest band first.
+extern const uint8_t sr_info_aac[5][52];
+
+// Audio bandwidth by sample rate; column i serves the bit rates per channel (bit/s) below
+// bandwidth_bounds[i], the last column all above.
+extern const BandwidthRow bandwidth_table[9];
+extern const int32_t bandwidth_bounds[5];
+
+#endif // AACENC_BAND_TABLES_H

@@ -1,0 +1,14 @@
+// Constants of the analysis filterbank.
+#ifndef AACENC_FILTERBANK_TABLES_H
+#define AACENC_FILTERBANK_TABLES_H
+
+#include <cstdint>
+
+// Rising half of the 2048-point sine window: 2^29 * sin(pi * (n + 1/2) / 2048), truncated. Q29.
+extern const int32_t MDCT_WINDOW[1024];
+
+// Quarter-wave cosine: 2^31 * cos(pi * k / 512), the cosine rounded to single precision, entry 0
+// saturated. Q31; the sine of entry k is entry 256 - k.
+extern const int32_t CPLX_COEFF[257];
+
+#endif // AACENC_FILTERBANK_TABLES_H

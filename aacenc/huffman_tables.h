@@ -1,0 +1,37 @@
+// Huffman codebooks of ISO/IEC 14496-3. An entry holds the length of its codeword in bits 24..31
+// and the codeword, right-aligned, in bits 0..23. Each line below gives the index of a codeword.
+#ifndef AACENC_HUFFMAN_TABLES_H
+#define AACENC_HUFFMAN_TABLES_H
+
+#include <cstdint>
+
+// signed quadruples, -1..1: ((a * 3 + b) * 3 + c) * 3 + d + 40
+extern const uint32_t huff1[81];
+extern const uint32_t huff2[81];
+
+// unsigned quadruples, 0..2: ((a * 3 + b) * 3 + c) * 3 + d
+extern const uint32_t huff3[81];
+extern const uint32_t huff4[81];
+
+// signed pairs, -4..4: a * 9 + b + 40
+extern const uint32_t huff5[81];
+extern const uint32_t huff6[81];
+
+// unsigned pairs, 0..7: a * 8 + b
+extern const uint32_t huff7[64];
+extern const uint32_t huff8[64];
+
+// unsigned pairs, 0..12: a * 13 + b
+extern const uint32_t huff9[169];
+extern const uint32_t huff10[169];
+
+// unsigned pairs, 0..16, 16 = escape: a * 17 + b
+extern const uint32_t huff11[289];
+
+// Scalefactors: difference + 60
+extern const uint32_t huff12[121];
+
+// The spectral codebooks; codebook n is entry n - 1.
+extern const uint32_t *const huff_table[11];
+
+#endif // AACENC_HUFFMAN_TABLES_H

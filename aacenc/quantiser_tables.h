@@ -1,0 +1,23 @@
+// Constants of the quantiser: its factors and the power law x^(3/4).
+#ifndef AACENC_QUANTISER_TABLES_H
+#define AACENC_QUANTISER_TABLES_H
+
+#include <cstdint>
+
+// A straight line that stands for x^(3/4) from `start` on: base + (x - start) * slope.
+struct PowerLine {
+    int32_t start;
+    int32_t base;
+    int32_t slope_q32;
+};
+
+// Quantiser factor of index i: 2^(-3 * (99 - i) / 16), truncated. Q29.
+extern const int32_t quantfac_table[100];
+
+// floor(x^(3/4)) for x = 0..8191.
+extern const int16_t CalcPow34[8192];
+
+// x^(3/4) above 8191, in rising order; each line ends where the next one starts.
+extern const PowerLine CalcPow_RageTable[5];
+
+#endif // AACENC_QUANTISER_TABLES_H
