@@ -1,0 +1,75 @@
+// Fixed-point helpers. A build with TDMBREC_CHECKED stops where a range is left.
+#ifndef AACENC_FIXED_POINT_H
+#define AACENC_FIXED_POINT_H
+
+#include <cstdint>
+
+#ifdef TDMBREC_CHECKED
+#include <cstdio>
+#include <cstdlib>
+
+[[noreturn]] inline void aacenc_check_failed(const char *condition, const char *file, int line)
+{
+    std::fprintf(stderr, "%s:%d: range check failed: %s\n", file, line, condition);
+    std::abort();
+}
+
+// Stops a checked build, in every build type, when `condition` does not hold.
+#define AACENC_CHECK(condition)                                                                    \
+    ((condition) ? static_cast<void>(0) : aacenc_check_failed(#condition, __FILE__, __LINE__))
+#else
+#define AACENC_CHECK(condition) static_cast<void>(0)
+#endif
+
+// The value, which fits in 32 bits.
+inline int32_t narrow_s32(int64_t value)
+{
+    AACENC_CHECK(value == static_cast<int32_t>(value));
+    return static_cast<int32_t>(value);
+}
+
+// The nearest 32-bit value.
+inline int32_t sat32(int64_t value)
+{
+    return value > INT32_MAX   ? INT32_MAX
+           : value < INT32_MIN ? INT32_MIN
+                               : static_cast<int32_t>(value);
+}
+
+// a + b and a - b, which fit in 32 bits.
+inline int32_t add_s32(int32_t a, int32_t b)
+{
+    return narrow_s32(static_cast<int64_t>(a) + b);
+}
+
+inline int32_t sub_s32(int32_t a, int32_t b)
+{
+    return narrow_s32(static_cast<int64_t>(a) - b);
+}
+
+// The magnitude of a value, 2^31 for the lowest one.
+inline uint32_t abs_u32(int32_t value)
+{
+    const uint32_t bits = static_cast<uint32_t>(value);
+    return value < 0 ? 0U - bits : bits;
+}
+
+// a * b in 64 bits.
+inline int64_t mul_s64(int32_t a, int32_t b)
+{
+    return static_cast<int64_t>(a) * b;
+}
+
+// The high 32 bits of a * b, rounded down.
+inline int32_t mulhi(int32_t a, int32_t b)
+{
+    return static_cast<int32_t>(mul_s64(a, b) >> 32);
+}
+
+// a * b with b in Q31, rounded down to an even number: the lowest bit of the product is lost.
+inline int32_t mul_q31(int32_t a, int32_t b)
+{
+    return narrow_s32(mul_s64(mulhi(a, b), 2));
+}
+
+#endif // AACENC_FIXED_POINT_H
