@@ -1,0 +1,218 @@
+#include "aacenc/element_syntax.h"
+
+#include <algorithm>
+
+#include "aacenc/bitstream.h"
+#include "aacenc/fixed_point.h"
+#include "aacenc/huffman_tables.h"
+
+static constexpr int32_t kSectionEscape = 31; // sect_len_incr that another one follows
+static constexpr int32_t kScalefactorZero = 60;
+static constexpr int32_t kScalefactorCodes = 121;
+
+// The other scalefactors leave out the highest codeword of their codebook.
+static constexpr int32_t kScalefactorLimit = kScalefactorCodes - 1;
+
+static int32_t put(AacEncBitstream *bitstream, int32_t value, int32_t count, int32_t write)
+{
+    if (write)
+        BsPutBit(bitstream, static_cast<uint32_t>(value), count);
+    return count;
+}
+
+static int32_t put_entry(AacEncBitstream *bitstream, uint32_t entry, int32_t write)
+{
+    return put(bitstream, static_cast<int32_t>(entry & 0xFFFFFF), static_cast<int32_t>(entry >> 24),
+               write);
+}
+
+// clang-format off
+
+// source: ISO/IEC 14496-3, Table 4.6, long window
+static int32_t write_ics_info(const AacEncCoderInfo *coderInfo, AacEncBitstream *bs, int32_t write,
+                              const EncTfState *tfState)
+{
+    int32_t bits = 0;
+    bits += put(bs, 0, 1, write);                           // ics_reserved_bit
+    bits += put(bs, coderInfo->windowSequence, 2, write);   // window_sequence
+    bits += put(bs, tfState->windowShape, 1, write);        // window_shape
+    bits += put(bs, tfState->maxSfb, 6, write);             // max_sfb
+    bits += put(bs, 0, 1, write);                           // predictor_data_present
+    return bits;
+}
+
+// source: ISO/IEC 14496-3, Table 4.56
+static int32_t write_spectral_data(const AacEncCoderInfo *coderInfo, AacEncBitstream *bs,
+                                   int32_t write, const EncTfState *tfState)
+{
+    const int32_t channel = coderInfo == tfState->coderInfo[1] ? 1 : 0;
+    const auto *entries = reinterpret_cast<const uint32_t *>(tfState->channelBuffer[channel]);
+    int32_t bits = 0;
+    for (int32_t i = 0; i < coderInfo->codewordCount; i++)
+        bits += put_entry(bs, entries[i], write);           // hcod, sign bits, hcod_esc
+    return bits;
+}
+
+int32_t write_channel_side(const AacEncCoderInfo *coderInfo, int32_t commonWindow,
+                           AacEncBitstream *bs, int32_t write, const EncTfState *tfState)
+{
+    int32_t bits = 0;
+    bits += put(bs, coderInfo->globalGain, 8, write);       // global_gain
+    if (!commonWindow)
+        bits += write_ics_info(coderInfo, bs, write, tfState);
+    bits += sort_book_numbers(coderInfo, bs, write, tfState);
+    bits += write_scalefactor_bitstream(bs, write, coderInfo, tfState);
+    bits += put(bs, 0, 1, write);                           // pulse_data_present
+    bits += WriteTNSData(coderInfo, bs, write);
+    bits += put(bs, 0, 1, write);                           // gain_control_data_present
+    return bits;
+}
+
+int32_t write_common_window(const AacEncCoderInfo *coderInfo, const AacEncMsInfo *msInfo,
+                            AacEncBitstream *bs, int32_t write, const EncTfState *tfState)
+{
+    int32_t bits = 0;
+    bits += write_ics_info(coderInfo, bs, write, tfState);
+    bits += put(bs, msInfo->msMaskPresent, 2, write);       // ms_mask_present
+    if (msInfo->msMaskPresent == 1) {
+        for (int32_t group = 0; group < tfState->windowGroups; group++)
+            for (int32_t sfb = 0; sfb < tfState->maxSfb; sfb++)
+                bits += put(bs, msInfo->msUsed[sfb], 1, write); // ms_used
+    }
+    return bits;
+}
+
+int32_t WriteSCE(const AacEncCoderInfo *coderInfo, uint32_t tag, AacEncBitstream *bs, int32_t write,
+                 const EncTfState *tfState)
+{
+    int32_t bits = 0;
+    bits += put(bs, ID_SCE, 3, write);                      // id_syn_ele
+    bits += put(bs, static_cast<int32_t>(tag), 4, write);   // element_instance_tag
+    bits += write_channel_side(coderInfo, 0, bs, write, tfState);
+    bits += write_spectral_data(coderInfo, bs, write, tfState);
+    return bits;
+}
+
+int32_t WriteCPE(const AacEncCoderInfo *coderInfoFirst, const AacEncCoderInfo *coderInfoSecond,
+                 uint32_t tag, int32_t commonWindow, const AacEncMsInfo *msInfo,
+                 AacEncBitstream *bs, int32_t write, const EncTfState *tfState)
+{
+    int32_t bits = 0;
+    bits += put(bs, ID_CPE, 3, write);                      // id_syn_ele
+    bits += put(bs, static_cast<int32_t>(tag), 4, write);   // element_instance_tag
+    bits += put(bs, commonWindow != 0, 1, write);           // common_window
+    if (commonWindow)
+        bits += write_common_window(coderInfoFirst, msInfo, bs, write, tfState);
+    for (const AacEncCoderInfo *coderInfo : {coderInfoFirst, coderInfoSecond}) {
+        bits += write_channel_side(coderInfo, commonWindow, bs, write, tfState);
+        bits += write_spectral_data(coderInfo, bs, write, tfState);
+    }
+    return bits;
+}
+
+int32_t sort_book_numbers(const AacEncCoderInfo *coderInfo, AacEncBitstream *bs, int32_t write,
+                          const EncTfState *tfState)
+{
+    int32_t bits = 0;
+    for (int32_t start = 0, end = 0; start < tfState->maxSfb; start = end) {
+        const uint8_t book = coderInfo->codebook[start];
+        for (end = start + 1; end < tfState->maxSfb && coderInfo->codebook[end] == book;)
+            end++;
+        bits += put(bs, book, 4, write);                    // sect_cb
+        int32_t length = end - start;
+        for (; length >= kSectionEscape; length -= kSectionEscape)
+            bits += put(bs, kSectionEscape, 5, write);      // sect_len_incr
+        bits += put(bs, length, 5, write);                  // sect_len_incr
+    }
+    return bits;
+}
+
+// A difference in the scalefactor codebook, when it has a codeword below `limit`.
+static int32_t put_difference(AacEncBitstream *bs, int32_t difference, int32_t limit, int32_t write)
+{
+    const int32_t index = difference + kScalefactorZero;
+    return index >= 0 && index < limit ? put_entry(bs, huff12[index], write) : 0;
+}
+
+int32_t write_scalefactor_bitstream(AacEncBitstream *bs, int32_t write,
+                                    const AacEncCoderInfo *coderInfo, const EncTfState *tfState)
+{
+    int32_t last = coderInfo->globalGain;
+    int32_t last_noise = coderInfo->globalGain;
+    int32_t last_position = 0;
+    bool first_noise = true;
+    int32_t bits = 0;
+    for (int32_t sfb = 0; sfb < tfState->maxSfb; sfb++) {
+        const int32_t scalefactor = coderInfo->scalefactor[sfb];
+        const int32_t energy = coderInfo->noiseEnergy[sfb];
+        switch (coderInfo->codebook[sfb]) {
+        case kZeroBook:
+            break;
+        case kNoiseBook:
+            if (first_noise)
+                bits += put(bs, energy - last_noise + 256, 9, write);        // dpcm_noise_nrg
+            else
+                bits += put_difference(bs, energy - last_noise, kScalefactorCodes, write);
+            first_noise = false;
+            last_noise = energy;
+            break;
+        case kIntensityBook2:
+        case kIntensityBook:
+            bits += put_difference(bs, scalefactor - last_position, kScalefactorCodes, write);
+            last_position = scalefactor;
+            break;
+        default:
+            bits += put_difference(bs, scalefactor - last, kScalefactorLimit, write);
+            last = scalefactor;
+            break;
+        }
+    }
+    return bits;
+}
+
+int32_t WriteTNSData(const AacEncCoderInfo *coderInfo, AacEncBitstream *bs, int32_t write)
+{
+    const AacEncTns *tns = coderInfo->tns;
+    int32_t bits = 0;
+    bits += put(bs, tns->active, 1, write);                 // tns_data_present
+    if (!tns->active)
+        return bits;
+    bits += put(bs, tns->nFilt, 2, write);                  // n_filt
+    if (tns->nFilt == 0)
+        return bits;
+    const AacEncTnsFilter &filter = tns->filter;
+    const int32_t coef_bits = tns->coefRes - filter.coefCompress;
+    const int32_t coef_mask = (1 << coef_bits) - 1;
+    bits += put(bs, tns->coefRes - 3, 1, write);            // coef_res
+    bits += put(bs, filter.length, 6, write);               // length
+    bits += put(bs, filter.order, 5, write);                // order
+    if (filter.order != 0) {
+        bits += put(bs, filter.direction, 1, write);        // direction
+        bits += put(bs, filter.coefCompress, 1, write);     // coef_compress
+        for (int32_t i = 1; i <= filter.order; i++)
+            bits += put(bs, filter.index[i] & coef_mask, coef_bits, write); // coef
+    }
+    return bits;
+}
+
+int32_t WriteAACFillBits(AacEncBitstream *bs, int32_t bits)
+{
+    while (bits > 6) {
+        bits -= 7;
+        int32_t count = bits >> 3;
+        BsPutBit(bs, ID_FIL, 3);                            // id_syn_ele
+        if (count <= 14) {
+            BsPutBit(bs, static_cast<uint32_t>(count), 4);  // count
+            for (int32_t i = 0; i < count; i++)
+                BsPutBit(bs, 0, 8);                         // extension_type FILL, fill_byte
+        } else {
+            count = std::min(count, 270);
+            BsPutBit(bs, 15, 4);                            // count
+            BsPutBit(bs, static_cast<uint32_t>(count - 15), 8); // esc_count
+            for (int32_t i = 0; i < count - 1; i++)
+                BsPutBit(bs, 0, 8);                         // extension_type FILL, fill_byte
+        }
+        bits -= count * 8;
+    }
+    return bits;
+}
