@@ -1,0 +1,37 @@
+#include "aacenc/quantiser.h"
+
+#include <algorithm>
+#include <bit>
+
+#include "aacenc/fixed_point.h"
+#include "aacenc/quantiser_tables.h"
+
+int32_t AACENC_LOG2(uint32_t x)
+{
+    return x < 2 ? 0 : static_cast<int32_t>(std::bit_width(x)) - 1;
+}
+
+int32_t power_three_quarters(uint32_t magnitude)
+{
+    if (magnitude <= 8191)
+        return CalcPow34[magnitude];
+    const PowerLine *line = CalcPow_RageTable;
+    while (line != CalcPow_RageTable + 4 && magnitude >= static_cast<uint32_t>(line[1].start))
+        line++;
+    const int64_t past_start = static_cast<int64_t>(magnitude) - line->start;
+    return line->base + static_cast<int32_t>((past_start * line->slope_q32) >> 32);
+}
+
+int32_t quantiser_factor(int32_t gain)
+{
+    return quantfac_table[std::clamp(99 - gain, 0, 99)];
+}
+
+void quantise_lines(const int32_t *spectrum, const int32_t *power, int32_t count,
+                    int32_t factor_q29, int32_t *out)
+{
+    for (int32_t k = 0; k < count; k++) {
+        const int32_t magnitude = quantise_power(power[k], factor_q29);
+        out[k] = spectrum[k] > 0 ? magnitude : -magnitude;
+    }
+}

@@ -1,0 +1,285 @@
+#include "aacenc/rate_loop.h"
+
+#include <algorithm>
+
+#include "aacenc/element_syntax.h"
+#include "aacenc/fixed_point.h"
+#include "aacenc/huffman_tables.h"
+#include "aacenc/noiseless_coding.h"
+#include "aacenc/quantiser.h"
+
+static constexpr int32_t kLowestStart = 40;
+static constexpr int32_t kHighestGain = 200;
+static constexpr int32_t kTrials = 5;
+static constexpr int32_t kScalefactorOffset = 100; // gain 0 is the standard's step size of 1
+static constexpr int32_t kScalefactorZero = 60;    // index of the scalefactor codeword for 0
+
+// Allowance of a trial for what it does not count: global_gain, ics_info, flags and scalefactors.
+static constexpr int32_t kSideAllowance = 102;
+
+// A channel without a coded line: global_gain, ics_info, one section, the three flags, TNS data.
+static constexpr int32_t kEmptyChannelBits = 8 + 11 + (4 + 2 * 5) + 3 + (2 + 1 + 11 + 2 + 12 * 4);
+
+// One channel on its way from lines to codewords.
+struct Channel {
+    const int32_t *spectrum;
+    int32_t *power;     // magnitudes to the power 3/4
+    int32_t *quantised; // with the signs of the spectrum; only in bands with a codebook
+    AacEncCoderInfo *coder;
+    AacEncBitstream *bitstream;
+    const EncTfState *tf;
+    int32_t common_window;
+    int32_t bands;    // up to the last one that is not silent
+    uint32_t max_abs; // largest magnitude of the spectrum
+    int32_t side_bits;
+    int32_t band_max[kMaxBands]; // largest power
+    int32_t band_bits[kMaxBands];
+};
+
+static int32_t band_width(const AacEncCoderInfo *coder, int32_t band)
+{
+    return coder->swbOffset[band + 1] - coder->swbOffset[band];
+}
+
+// Raises the lines to the power 3/4 and finds the largest one of each band.
+static void find_powers(Channel *channel)
+{
+    const AacEncCoderInfo *coder = channel->coder;
+    channel->max_abs = 0;
+    channel->bands = 0;
+    for (int32_t band = 0; band < channel->tf->sfbTotal; band++) {
+        uint32_t band_abs = 0;
+        for (int32_t k = coder->swbOffset[band]; k < coder->swbOffset[band + 1]; k++) {
+            const uint32_t magnitude = abs_u32(channel->spectrum[k]);
+            channel->power[k] = power_three_quarters(magnitude);
+            band_abs = std::max(band_abs, magnitude);
+        }
+        channel->band_max[band] = power_three_quarters(band_abs);
+        channel->max_abs = std::max(channel->max_abs, band_abs);
+        if (band_abs != 0)
+            channel->bands = band + 1;
+    }
+}
+
+static int32_t starting_gain(int32_t last_gain, uint32_t max_abs)
+{
+    if (last_gain > kHighestGain)
+        return kLowestStart;
+    if (last_gain >= kLowestStart)
+        return last_gain;
+    const uint32_t power = static_cast<uint32_t>(power_three_quarters(max_abs));
+    const int32_t gain = AACENC_LOG2(power >> 13) / 3 * 16;
+    return gain < kLowestStart || gain > kHighestGain ? kLowestStart : gain;
+}
+
+// Quantises every band and chooses its codebook.
+static void quantise_channel(Channel *channel, int32_t gain)
+{
+    AacEncCoderInfo *coder = channel->coder;
+    const int32_t factor_q29 = quantiser_factor(gain);
+    for (int32_t band = 0; band < channel->bands; band++) {
+        const int32_t start = coder->swbOffset[band];
+        const int32_t width = band_width(coder, band);
+        const int32_t max = quantise_power(channel->band_max[band], factor_q29);
+        BookChoice choice = {kZeroBook, 0};
+        if (max != 0 && coder->noiseFlag[band]) {
+            choice.book = kNoiseBook;
+        } else if (max != 0) {
+            quantise_lines(channel->spectrum + start, channel->power + start, width, factor_q29,
+                           channel->quantised + start);
+            choice = choose_codebook(channel->quantised + start, width, max);
+        }
+        coder->codebook[band] = choice.book;
+        channel->band_bits[band] = choice.bits;
+    }
+}
+
+static int32_t spectral_bits(const Channel *channel)
+{
+    int32_t bits = 0;
+    for (int32_t band = 0; band < channel->bands; band++)
+        bits += channel->band_bits[band];
+    return bits;
+}
+
+static int32_t difference_bits(int32_t difference, int32_t highest_index)
+{
+    const int32_t index = difference + kScalefactorZero;
+    return index >= 0 && index <= highest_index ? static_cast<int32_t>(huff12[index] >> 24) : 0;
+}
+
+// The search's estimate, made while every scalefactor is still 0.
+static int32_t estimate_scalefactor_bits(const AacEncCoderInfo *coder, int32_t bands, int32_t gain)
+{
+    int32_t bits = 0;
+    int32_t last = gain;
+    int32_t last_noise = gain;
+    bool first_noise = true;
+    for (int32_t band = 0; band < bands; band++) {
+        if (coder->codebook[band] == kNoiseBook) {
+            const int32_t energy = coder->noiseEnergy[band];
+            bits += first_noise ? 9 : difference_bits(energy - last_noise, 120);
+            first_noise = false;
+            last_noise = energy;
+        } else if (coder->codebook[band] != kZeroBook) {
+            bits += difference_bits(coder->scalefactor[band] - last, 119);
+            last = coder->scalefactor[band];
+        }
+    }
+    return bits;
+}
+
+// returns: the bits that the channel would take with a gain, as the search counts them
+static int32_t try_gain(Channel *channel, int32_t gain)
+{
+    quantise_channel(channel, gain);
+    return sort_book_numbers(channel->coder, channel->bitstream, 0, channel->tf) +
+           spectral_bits(channel) + channel->side_bits +
+           estimate_scalefactor_bits(channel->coder, channel->bands, gain);
+}
+
+// Searches for a gain that takes between three quarters of the budget and all of it. The channel is
+// left quantised with the gain that is returned, whether it got there or not.
+static int32_t search_gain(Channel *channel, int32_t bit_budget)
+{
+    const int32_t budget_quarter = bit_budget >> 2;
+    int32_t gain = starting_gain(channel->tf->lastGain, channel->max_abs);
+    int32_t step = 8;
+    for (int32_t trial = 1;; trial++) {
+        const int32_t total = try_gain(channel, gain);
+        int32_t next = gain + step;
+        if (total <= bit_budget) {
+            if (bit_budget - total < budget_quarter)
+                return gain;
+            step = step >> 1 != 0 ? step >> 1 : 2;
+            next = gain - step;
+        }
+        if (next > kHighestGain || trial == kTrials)
+            return gain;
+        gain = next;
+    }
+}
+
+// Keeps the steps between noise energies within the scalefactor codebook.
+static void bound_noise_steps(AacEncCoderInfo *coder, int32_t bands)
+{
+    bool first = true;
+    int32_t last = 0;
+    for (int32_t band = 0; band < bands; band++) {
+        if (coder->codebook[band] != kNoiseBook)
+            continue;
+        int32_t &energy = coder->noiseEnergy[band];
+        if (!first)
+            energy = std::clamp(energy, last - kScalefactorZero, last + kScalefactorZero);
+        first = false;
+        last = energy;
+    }
+}
+
+// The scalefactor names the factor that the lines were quantised with, which stays the same from
+// the highest gain of the table on.
+static void set_scalefactors(Channel *channel, int32_t gain)
+{
+    AacEncCoderInfo *coder = channel->coder;
+    const int32_t scalefactor = std::min(gain, kMaxFactorGain) + kScalefactorOffset;
+    std::fill_n(coder->scalefactor, channel->tf->sfbTotal, scalefactor);
+    coder->globalGain = scalefactor;
+    bound_noise_steps(coder, channel->bands);
+}
+
+static int32_t channel_bits(const Channel *channel)
+{
+    return write_channel_side(channel->coder, channel->common_window, channel->bitstream, 0,
+                              channel->tf) +
+           spectral_bits(channel);
+}
+
+static bool codewords_fit(const Channel *channel)
+{
+    const AacEncCoderInfo *coder = channel->coder;
+    int32_t entries = channel->tf->sfbTotal - channel->bands;
+    for (int32_t band = 0; band < channel->bands; band++)
+        entries +=
+            count_codewords(coder->codebook[band], channel->quantised + coder->swbOffset[band],
+                            band_width(coder, band));
+    return entries <= kMaxCodewords;
+}
+
+static bool drop_top_band(Channel *channel)
+{
+    for (int32_t band = channel->bands - 1; band >= 0; band--) {
+        if (channel->coder->codebook[band] != kZeroBook) {
+            channel->coder->codebook[band] = kZeroBook;
+            channel->band_bits[band] = 0;
+            return true;
+        }
+    }
+    return false;
+}
+
+// Keeps the channel within what the syntax can carry, which the search does not look at: magnitudes
+// up to 8191, `limit` bits and a list that fits its buffer. Raises the gain for this, and once that
+// does not help any more drops the top bands.
+// returns: the gain
+static int32_t keep_in_syntax(Channel *channel, int32_t gain, int32_t limit)
+{
+    const int32_t max_power = power_three_quarters(channel->max_abs);
+    const int32_t searched_gain = gain;
+    while (quantise_power(max_power, quantiser_factor(gain)) > kMaxQuantised)
+        gain++;
+    if (gain != searched_gain)
+        quantise_channel(channel, gain);
+    set_scalefactors(channel, gain);
+    while (channel_bits(channel) > limit || !codewords_fit(channel)) {
+        if (gain < kMaxFactorGain) {
+            gain++;
+            quantise_channel(channel, gain);
+            set_scalefactors(channel, gain);
+        } else if (!drop_top_band(channel)) {
+            break;
+        }
+    }
+    return gain;
+}
+
+static void pack_channel(Channel *channel, uint32_t *list)
+{
+    AacEncCoderInfo *coder = channel->coder;
+    uint32_t *end = list;
+    for (int32_t band = 0; band < channel->tf->sfbTotal; band++)
+        end = pack_codewords(coder->codebook[band], channel->quantised + coder->swbOffset[band],
+                             band_width(coder, band), end);
+    coder->codewordCount = static_cast<int32_t>(end - list);
+    AACENC_CHECK(coder->codewordCount <= kMaxCodewords);
+}
+
+int32_t tf_encode_spectrum_aac(int32_t *const *spectrumPtr, uint8_t windowSequence,
+                               int32_t bitBudget, AacEncBitstream *bitstream,
+                               AacEncCoderInfo *coderInfo, const AacEncChInfo *chInfo,
+                               EncTfState *tfState)
+{
+    // The list grows over the spectrum and, in the second channel's buffer, over the powers; the
+    // quantised lines must lie elsewhere.
+    Channel channel = {
+        .spectrum = *spectrumPtr,
+        .power = tfState->work[1],
+        .quantised = tfState->work[0],
+        .coder = coderInfo,
+        .bitstream = bitstream,
+        .tf = tfState,
+        .common_window = chInfo->commonWindow,
+    };
+    coderInfo->windowSequence = windowSequence;
+    channel.side_bits = WriteTNSData(coderInfo, bitstream, 0) + kSideAllowance;
+    std::fill_n(coderInfo->scalefactor, tfState->sfbTotal, 0);
+    std::fill_n(coderInfo->codebook, tfState->sfbTotal, kZeroBook);
+    find_powers(&channel);
+
+    const int32_t searched_gain = search_gain(&channel, bitBudget);
+    const bool another_follows = chInfo->pair && chInfo->firstOfPair;
+    const int32_t limit = tfState->bitsLeft - (another_follows ? kEmptyChannelBits : 0);
+    tfState->lastGain = keep_in_syntax(&channel, searched_gain, limit);
+    tfState->bitsLeft -= channel_bits(&channel);
+    pack_channel(&channel, reinterpret_cast<uint32_t *>(*spectrumPtr));
+    return 0;
+}
