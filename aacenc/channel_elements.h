@@ -1,0 +1,26 @@
+// Channels and their elements, and the two tools that work across bands and channels: perceptual
+// noise substitution and mid/side stereo.
+#ifndef AACENC_CHANNEL_ELEMENTS_H
+#define AACENC_CHANNEL_ELEMENTS_H
+
+#include <cstdint>
+
+#include "aacenc/encoder_state.h"
+
+// Maps one channel onto a single channel element, two onto a channel pair element without common
+// window; both with tag 0.
+void DetermineChInfo(AacEncChInfo *chInfo0, AacEncChInfo *chInfo1, int32_t channels);
+
+// Flags the bands above the audio bandwidth as noise bands with the energies that stand for them,
+// up to the highest band with energy, and clears the lines from there on. in, out: spectrum    1024
+// lines in:      bandWidths  the bands' widths in lines out:     coderInfo   noise flags and
+// energies
+void AACENC_CalcPNS(int32_t *spectrum, AacEncCoderInfo *coderInfo, const uint8_t *bandWidths,
+                    const EncTfState *tfState);
+
+// Turns the left and right lines of a channel pair into mid and side, and the pair into one with a
+// common window and mid/side in every band.
+void MSEncode(int32_t *const *spectra, AacEncChInfo *chInfo0, AacEncChInfo *chInfo1,
+              const AacEncCoderInfo *coderInfo0, int32_t channels, const EncTfState *tfState);
+
+#endif // AACENC_CHANNEL_ELEMENTS_H

@@ -1,0 +1,191 @@
+#include "aacenc/tns.h"
+
+#include <algorithm>
+#include <bit>
+
+#include "aacenc/fixed_point.h"
+#include "aacenc/tns_tables.h"
+
+static constexpr int32_t kCoefRes = 4;
+static constexpr int32_t kOne_q29 = 1 << 29;
+static constexpr int32_t kOne_q28 = 1 << 28;
+static constexpr int32_t kSmallest_q29 = 53687091;   // 0.1: coefficients up to here count as zero
+static constexpr int32_t kGainThreshold_q14 = 22938; // 1.4
+
+int32_t AACENC_snorm_l2(int64_t value, int64_t *normalised)
+{
+    const uint64_t bits = static_cast<uint64_t>(value);
+    const int32_t places = value == 0 ? 0 : std::countl_zero(value < 0 ? ~bits : bits) - 1;
+    *normalised = static_cast<int64_t>(bits << places);
+    return places;
+}
+
+int32_t AACENC_L_add(int32_t a, int32_t b)
+{
+    return sat32(static_cast<int64_t>(a) + b);
+}
+
+void TnsInit(int32_t sampleRate, AacEncTns *tns)
+{
+    for (int32_t position = 0; position < 9; position++) {
+        if (tnsSupportedSamplingRates[position] == sampleRate) {
+            tns->minBand = tnsMinBandNumberLong[8 - position];
+            tns->maxBands = tnsMaxBandsLongMainLow[8 - position];
+            tns->maxOrder = tnsMaxOrderLongLow;
+        }
+    }
+}
+
+// out |r| <= 2^52: up to 1024 products of 2^62, shifted by 20. The sum of squares alone can reach
+// 2^63, and is unsigned for it.
+static void autocorrelate(int32_t length, const int32_t *lines, int64_t *r)
+{
+    uint64_t energy = 0;
+    for (int32_t n = 0; n < length; n++)
+        energy += static_cast<uint64_t>(mul_s64(lines[n], lines[n])) >> 9;
+    r[0] = static_cast<int64_t>(energy >> 11);
+    for (int32_t lag = 1; lag <= kMaxTnsOrder; lag++) {
+        int64_t sum = 0;
+        for (int32_t n = 0; n + lag < length; n++)
+            sum += mul_s64(lines[n + lag], lines[n]) >> 9;
+        r[lag] = sum >> 11;
+    }
+}
+
+// a * b with b in Q28, rounded down.
+static int64_t mul_q28(int64_t a, int32_t b_q28)
+{
+    return (a * b_q28) >> 28;
+}
+
+// One step of the recursion in place: from the predictor of order m - 1 to that of order m.
+static void raise_order(int32_t *predictor_q28, int32_t m, int32_t k_q28)
+{
+    predictor_q28[m] = k_q28;
+    for (int32_t low = 1, high = m - 1; low <= high; low++, high--) {
+        const int32_t a = predictor_q28[low];
+        const int32_t b = predictor_q28[high];
+        predictor_q28[low] = AACENC_L_add(a, sat32(mul_q28(b, k_q28)));
+        predictor_q28[high] = AACENC_L_add(b, sat32(mul_q28(a, k_q28)));
+    }
+}
+
+int32_t LevinsonDurbin_fixed(int32_t length, const int32_t *lines, int32_t *reflectionOut)
+{
+    int64_t r[kMaxTnsOrder + 1];
+    autocorrelate(length, lines, r);
+    std::fill_n(reflectionOut + 1, kMaxTnsOrder, 0);
+    if (r[0] == 0)
+        return 0;
+
+    // Normalised to 2^29 <= r[0] < 2^30; no other lag is larger.
+    int64_t normalised = 0;
+    const int32_t places = AACENC_snorm_l2(r[0], &normalised);
+    for (int64_t &lag : r)
+        lag = static_cast<int64_t>(static_cast<uint64_t>(lag) << places) >> 33;
+
+    int32_t predictor_q28[kMaxTnsOrder + 1] = {kOne_q28};
+    int64_t error = r[0] | 1;
+    for (int32_t m = 1; m <= kMaxTnsOrder; m++) {
+        int64_t correlation = r[m]; // of the prediction error: |predictor| < 2^31, |r| < 2^30
+        for (int32_t j = 1; j < m; j++)
+            correlation += mul_q28(r[m - j], predictor_q28[j]);
+        if (correlation >= error || correlation <= -error)
+            break; // predicted as far as the precision goes
+        int64_t error_norm = 0;
+        const int32_t error_places = AACENC_snorm_l2(error, &error_norm);
+        const int64_t numerator = -correlation * (int64_t{1} << error_places);
+        const int32_t k_q28 = narrow_s32(numerator / (error_norm >> 28));
+        reflectionOut[m] = k_q28;
+        raise_order(predictor_q28, m, k_q28);
+        error = (error - mul_q28(mul_q28(error, k_q28), k_q28)) | 1;
+    }
+    return r[0] > (error * kGainThreshold_q14) >> 14;
+}
+
+void QuantizeReflectionCoeffs_fixedVer(int32_t *reflection, int8_t *indices)
+{
+    for (int32_t i = 1; i <= kMaxTnsOrder; i++) {
+        int32_t j = 1;
+        while (j < 15 && search4[j] < reflection[i])
+            j++;
+        indices[i] = static_cast<int8_t>(j - 8);
+        reflection[i] = kArray_Out[j];
+    }
+}
+
+int32_t StepUp_fixedVer(int32_t order, const int32_t *reflection, int32_t *directForm)
+{
+    int32_t before[kMaxTnsOrder + 1];
+    std::fill_n(directForm, order + 1, 0);
+    directForm[0] = kOne_q29;
+    for (int32_t m = 1; m <= order; m++) {
+        std::copy_n(directForm, m + 1, before);
+        for (int32_t j = 1; j <= m; j++) {
+            const int64_t sum = before[j] + (mul_s64(reflection[m], before[m - j]) >> 29);
+            if (sum != static_cast<int32_t>(sum))
+                return -1;
+            directForm[j] = static_cast<int32_t>(sum);
+        }
+    }
+    return 0;
+}
+
+void TnsInvFilter_fixedVer04(int32_t length, int32_t *lines, int32_t order,
+                             const int32_t *directForm, int32_t *work)
+{
+    std::copy_n(lines, length, work);
+    for (int32_t n = 0; n < length; n++) {
+        int64_t error = work[n];
+        for (int32_t i = 1; i <= std::min(n, order); i++)
+            error += mul_s64(directForm[i], work[n - i]) >> 29;
+        lines[n] = sat32(error);
+    }
+}
+
+// returns: the highest order with a coefficient that counts; those above become zero
+static int32_t truncate_order(AacEncTnsFilter *filter)
+{
+    int32_t order = kMaxTnsOrder;
+    while (order > 0 && filter->reflection[order] >= -kSmallest_q29 &&
+           filter->reflection[order] <= kSmallest_q29) {
+        filter->reflection[order] = 0;
+        order--;
+    }
+    return order;
+}
+
+int32_t TnsEncode_fixedVer(int32_t nsfb, int32_t maxSfb, const int32_t *swbOffset,
+                           int32_t *spectrum, AacEncTns *tns, int32_t enable, int32_t *work1,
+                           int32_t *work2)
+{
+    tns->active = 0;
+    if (!enable)
+        return 0;
+    tns->nFilt = 0;
+    tns->coefRes = kCoefRes;
+    const int32_t start = swbOffset[std::min({maxSfb, tns->maxBands, tns->minBand})];
+    const int32_t end = swbOffset[std::min({nsfb, tns->maxBands, maxSfb})];
+    if (end - start < 1)
+        return -2;
+
+    AacEncTnsFilter *filter = &tns->filter;
+    std::copy(spectrum + start, spectrum + end, work1);
+    if (!LevinsonDurbin_fixed(end - start, work1, filter->reflection))
+        return 0;
+    tns->nFilt = 1;
+    filter->direction = 0;
+    filter->coefCompress = 0;
+    tns->active = 1;
+    filter->length = nsfb - tns->minBand;
+
+    for (int32_t i = 1; i <= kMaxTnsOrder; i++) // Q28 to Q29
+        filter->reflection[i] = sat32(mul_s64(filter->reflection[i], 2));
+    QuantizeReflectionCoeffs_fixedVer(filter->reflection, filter->index);
+    filter->order = truncate_order(filter);
+    while (StepUp_fixedVer(filter->order, filter->reflection, filter->directForm) != 0)
+        filter->reflection[filter->order--] = 0; // order 2 and below always fit
+    TnsInvFilter_fixedVer04(end - start, spectrum + start, filter->order, filter->directForm,
+                            work2);
+    return 0;
+}
