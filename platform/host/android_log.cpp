@@ -1,0 +1,65 @@
+#include "platform/android_log.h"
+
+#include "platform/host/control_internal.h"
+
+#include <atomic>
+#include <pthread.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <string.h>
+
+#define LOG_TEXT_MAX 1024 // with the terminator; a longer text is cut
+
+static std::atomic<int> lowest_priority = ANDROID_LOG_WARN;
+static pthread_mutex_t lock_log = PTHREAD_MUTEX_INITIALIZER;
+static host_log_sink_t log_sink; // under lock_log, with its context
+static void *log_sink_context;
+
+static void write_line(int priority, const char *tag, const char *text)
+{
+    static constexpr char letters[] = "??VDIWEFS"; // by priority
+    const bool known = priority >= 0 && priority <= ANDROID_LOG_SILENT;
+    const size_t length = strlen(text);
+    const char *line_end = length != 0 && text[length - 1] == '\n' ? "" : "\n";
+    fprintf(stderr, "%c/%s: %s%s", known ? letters[priority] : '?', tag, text, line_end);
+}
+
+int __android_log_print(int priority, const char *pszTag, const char *pszFormat, ...)
+{
+    if (priority < lowest_priority)
+        return 0;
+    char text[LOG_TEXT_MAX];
+    va_list arguments;
+    va_start(arguments, pszFormat);
+    const int length = vsnprintf(text, sizeof(text), pszFormat, arguments);
+    va_end(arguments);
+    if (length < 0)
+        return length;
+
+    pthread_mutex_lock(&lock_log);
+    if (log_sink != nullptr)
+        log_sink(log_sink_context, priority, pszTag, text);
+    else
+        write_line(priority, pszTag, text);
+    pthread_mutex_unlock(&lock_log);
+    return length < LOG_TEXT_MAX ? length : LOG_TEXT_MAX - 1;
+}
+
+void host_set_log_level(int priority)
+{
+    lowest_priority = priority;
+}
+
+void host_set_log_sink(host_log_sink_t pfnSink, void *pContext)
+{
+    pthread_mutex_lock(&lock_log);
+    log_sink = pfnSink;
+    log_sink_context = pContext;
+    pthread_mutex_unlock(&lock_log);
+}
+
+void host_reset_log(void)
+{
+    host_set_log_level(ANDROID_LOG_WARN);
+    host_set_log_sink(nullptr, nullptr);
+}

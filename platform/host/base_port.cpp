@@ -1,0 +1,178 @@
+// The port classes.
+#include "platform/host/omx_base_internal.h"
+
+#include "platform/host/control_internal.h"
+#include "platform/qvr_memory.h"
+
+static char video_mime_type[] = "video/raw";
+static char audio_mime_type[] = "audio/raw";
+
+OMX_U32 omx_base_port_count(const omx_base_sink_PrivateType *pSink)
+{
+    OMX_U32 count = 0;
+    for (const OMX_PORT_PARAM_TYPE &domain : pSink->astPortDomain)
+        count += domain.nPorts;
+    return count;
+}
+
+omx_base_port_PrivateType *omx_base_port(const omx_base_sink_PrivateType *pSink, OMX_U32 uiPort)
+{
+    if (pSink->ppPorts == nullptr || uiPort >= omx_base_port_count(pSink))
+        return nullptr;
+    omx_base_port_PrivateType *port = pSink->ppPorts[uiPort];
+    return port != nullptr && port->pInternal != nullptr ? port : nullptr;
+}
+
+bool omx_base_ports_populated(const omx_base_sink_PrivateType *pSink)
+{
+    bool populated = true;
+    omx_base_for_ports(pSink, OMX_ALL, [&](const omx_base_port_PrivateType *port) {
+        const OMX_PARAM_PORTDEFINITIONTYPE &definition = port->stPortDefinition;
+        populated = populated && (!definition.bEnabled || definition.bPopulated);
+    });
+    return populated;
+}
+
+bool omx_base_ports_empty(const omx_base_sink_PrivateType *pSink)
+{
+    bool empty = true;
+    omx_base_for_ports(pSink, OMX_ALL, [&](const omx_base_port_PrivateType *port) {
+        empty = empty && port->pInternal->uiBufferCount == 0;
+    });
+    return empty;
+}
+
+void omx_base_release_port(omx_base_port_PrivateType *pPort)
+{
+    omx_base_port_internal_t *internal = pPort->pInternal;
+    if (internal == nullptr)
+        return;
+    omx_base_free_buffers(pPort);
+    if (internal->bSemReady)
+        tsem_deinit(pPort->pBufferSem);
+    if (internal->bQueueReady)
+        queue_deinit(pPort->pBufferQueue);
+    QVR_free(pPort->pBufferSem);
+    QVR_free(pPort->pBufferQueue);
+    QVR_free(internal);
+    pPort->pBufferSem = nullptr;
+    pPort->pBufferQueue = nullptr;
+    pPort->pInternal = nullptr;
+}
+
+static OMX_ERRORTYPE acquire_port(omx_base_port_PrivateType *port)
+{
+    port->pInternal =
+        static_cast<omx_base_port_internal_t *>(QVR_calloc(1, sizeof(omx_base_port_internal_t)));
+    if (port->pInternal == nullptr)
+        return OMX_ErrorInsufficientResources;
+    port->pBufferQueue = static_cast<queue_t *>(QVR_calloc(1, sizeof(queue_t)));
+    port->pBufferSem = static_cast<tsem_t *>(QVR_calloc(1, sizeof(tsem_t)));
+    if (port->pBufferQueue == nullptr || port->pBufferSem == nullptr)
+        return OMX_ErrorInsufficientResources;
+    port->pInternal->bQueueReady = queue_init(port->pBufferQueue) == 0;
+    port->pInternal->bSemReady = tsem_init(port->pBufferSem, 0) == 0;
+    return port->pInternal->bQueueReady && port->pInternal->bSemReady
+               ? OMX_ErrorNone
+               : OMX_ErrorInsufficientResources;
+}
+
+static OMX_ERRORTYPE construct_port(OMX_COMPONENTTYPE *component, omx_base_port_PrivateType *port,
+                                    OMX_U32 port_index, OMX_BOOL input, OMX_PORTDOMAINTYPE domain)
+{
+    const OMX_ERRORTYPE error = acquire_port(port);
+    if (error != OMX_ErrorNone) {
+        omx_base_release_port(port);
+        return error;
+    }
+    port->pComponent = component;
+    port->pfnReturnBuffer = omx_base_return_buffer;
+    port->pInternal->uiIndex = port_index;
+    port->pInternal->eDomain = domain;
+    port->stPortDefinition = {
+        .nSize = sizeof(port->stPortDefinition),
+        .nVersion = {.nVersion = OMX_VERSION_1_1_2},
+        .nPortIndex = port_index,
+        .eDir = input ? OMX_DirInput : OMX_DirOutput,
+        .nBufferCountActual = BUFFER_COUNT,
+        .nBufferCountMin = BUFFER_COUNT_MIN,
+        .bEnabled = OMX_TRUE,
+        .bPopulated = OMX_FALSE,
+        .eDomain = domain,
+    };
+    return OMX_ErrorNone;
+}
+
+static bool port_arguments_valid(const OMX_COMPONENTTYPE *component,
+                                 omx_base_port_PrivateType *const *port)
+{
+    return component != nullptr && component->pComponentPrivate != nullptr && port != nullptr &&
+           *port != nullptr && (*port)->pInternal == nullptr;
+}
+
+OMX_ERRORTYPE base_video_port_Constructor(OMX_COMPONENTTYPE *pComponent,
+                                          omx_base_port_PrivateType **ppPort, OMX_U32 uiPortIndex,
+                                          OMX_BOOL bInput)
+{
+    if (!port_arguments_valid(pComponent, ppPort))
+        return OMX_ErrorBadParameter;
+    if (host_call_fails(HOST_CALL_VIDEO_PORT_CONSTRUCTOR))
+        return OMX_ErrorInsufficientResources;
+    const OMX_ERRORTYPE error =
+        construct_port(pComponent, *ppPort, uiPortIndex, bInput, OMX_PortDomainVideo);
+    if (error != OMX_ErrorNone)
+        return error;
+    omx_base_video_PortType *port = reinterpret_cast<omx_base_video_PortType *>(*ppPort);
+    port->stBase.stPortDefinition.format.video = {
+        .cMIMEType = video_mime_type,
+        .eCompressionFormat = OMX_VIDEO_CodingUnused,
+        .eColorFormat = OMX_COLOR_FormatUnused,
+    };
+    port->stVideoFormat = {
+        .nSize = sizeof(port->stVideoFormat),
+        .nVersion = {.nVersion = OMX_VERSION_1_1_2},
+        .nPortIndex = uiPortIndex,
+        .eCompressionFormat = OMX_VIDEO_CodingUnused,
+        .eColorFormat = OMX_COLOR_FormatUnused,
+    };
+    return OMX_ErrorNone;
+}
+
+OMX_ERRORTYPE base_audio_port_Constructor(OMX_COMPONENTTYPE *pComponent,
+                                          omx_base_port_PrivateType **ppPort, OMX_U32 uiPortIndex,
+                                          OMX_BOOL bInput)
+{
+    if (!port_arguments_valid(pComponent, ppPort))
+        return OMX_ErrorBadParameter;
+    if (host_call_fails(HOST_CALL_AUDIO_PORT_CONSTRUCTOR))
+        return OMX_ErrorInsufficientResources;
+    const OMX_ERRORTYPE error =
+        construct_port(pComponent, *ppPort, uiPortIndex, bInput, OMX_PortDomainAudio);
+    if (error != OMX_ErrorNone)
+        return error;
+    omx_base_audio_PortType *port = reinterpret_cast<omx_base_audio_PortType *>(*ppPort);
+    port->stBase.stPortDefinition.format.audio = {
+        .cMIMEType = audio_mime_type,
+        .eEncoding = OMX_AUDIO_CodingUnused,
+    };
+    port->stAudioFormat = {
+        .nSize = sizeof(port->stAudioFormat),
+        .nVersion = {.nVersion = OMX_VERSION_1_1_2},
+        .nPortIndex = uiPortIndex,
+        .eEncoding = OMX_AUDIO_CodingUnused,
+    };
+    port->stPcmMode = {
+        .nSize = sizeof(port->stPcmMode),
+        .nVersion = {.nVersion = OMX_VERSION_1_1_2},
+        .nPortIndex = uiPortIndex,
+        .nChannels = 2,
+        .eNumData = OMX_NumericalDataSigned,
+        .eEndian = OMX_EndianLittle,
+        .bInterleaved = OMX_TRUE,
+        .nBitPerSample = 16,
+        .nSamplingRate = 48000,
+        .ePCMMode = OMX_AUDIO_PCMModeLinear,
+        .eChannelMapping = {OMX_AUDIO_ChannelLF, OMX_AUDIO_ChannelRF},
+    };
+    return OMX_ErrorNone;
+}

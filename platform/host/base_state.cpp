@@ -1,0 +1,255 @@
+// The state machine and the port commands; everything here runs on the message thread.
+#include "platform/host/omx_base_internal.h"
+
+// source: OpenMAX IL 1.1.2, 3.1.1.2: from each state, a bit for every state that may follow.
+// Invalid follows every state; the transitions within one command are not in the table.
+// clang-format off
+static constexpr std::array<uint32_t, 6> next_states = {
+    0,                                                                              // Invalid
+    1u << OMX_StateIdle   | 1u << OMX_StateWaitForResources,                        // Loaded
+    1u << OMX_StateLoaded | 1u << OMX_StateExecuting | 1u << OMX_StatePause,        // Idle
+    1u << OMX_StateIdle   | 1u << OMX_StatePause,                                   // Executing
+    1u << OMX_StateIdle   | 1u << OMX_StateExecuting,                               // Pause
+    1u << OMX_StateLoaded | 1u << OMX_StateIdle,                                    // WaitForResources
+};
+// clang-format on
+
+static void set_state(omx_base_sink_PrivateType *sink, OMX_STATETYPE state,
+                      omx_base_transient_t transient)
+{
+    pthread_mutex_lock(&sink->pInternal->lock);
+    omx_base_set_state(sink, state, transient);
+    pthread_mutex_unlock(&sink->pInternal->lock);
+    tsem_up(&sink->semBufferThread);
+}
+
+static void send_complete(omx_base_sink_PrivateType *sink, OMX_COMMANDTYPE command, OMX_U32 param)
+{
+    omx_base_send_event(sink, OMX_EventCmdComplete, command, param);
+}
+
+// Sets the state that a pending transition leads to, if it is complete. The check and the change
+// are one, so that no buffer comes or goes between them. returns whether it was.
+static bool end_transition(omx_base_sink_PrivateType *sink, omx_base_transient_t transient,
+                           OMX_STATETYPE target)
+{
+    pthread_mutex_lock(&sink->pInternal->lock);
+    const bool complete = omx_base_get_transient_state(sink) == transient &&
+                          (transient == OMX_TransStateLoadedToIdle ? omx_base_ports_populated(sink)
+                                                                   : omx_base_ports_empty(sink));
+    if (complete)
+        omx_base_set_state(sink, target, OMX_TransStateNone);
+    pthread_mutex_unlock(&sink->pInternal->lock);
+    return complete;
+}
+
+static void complete_idle(omx_base_sink_PrivateType *sink)
+{
+    const OMX_STATETYPE origin = omx_base_get_state(sink);
+    if (!end_transition(sink, OMX_TransStateLoadedToIdle, OMX_StateIdle))
+        return;
+    if (omx_base_start_buffer_thread(sink) != 0) {
+        set_state(sink, origin, OMX_TransStateNone);
+        omx_base_send_event(sink, OMX_EventError, OMX_ErrorInsufficientResources, 0);
+        return;
+    }
+    send_complete(sink, OMX_CommandStateSet, OMX_StateIdle);
+}
+
+static void complete_loaded(omx_base_sink_PrivateType *sink)
+{
+    if (!end_transition(sink, OMX_TransStateIdleToLoaded, OMX_StateLoaded))
+        return;
+    omx_base_join_buffer_thread(sink);
+    pthread_mutex_lock(&sink->pInternal->lock);
+    omx_base_for_ports(sink, OMX_ALL,
+                       [](omx_base_port_PrivateType *port) { port->pInternal->uiMarkCount = 0; });
+    pthread_mutex_unlock(&sink->pInternal->lock);
+    send_complete(sink, OMX_CommandStateSet, OMX_StateLoaded);
+}
+
+// Ends the pending command of one port. returns whether it was complete; the command goes to
+// *command.
+static bool end_port_change(omx_base_sink_PrivateType *sink, omx_base_port_PrivateType *port,
+                            OMX_COMMANDTYPE *command)
+{
+    omx_base_port_internal_t *internal = port->pInternal;
+    pthread_mutex_lock(&sink->pInternal->lock);
+    const OMX_STATETYPE state = omx_base_get_state(sink);
+    const bool unloaded = state == OMX_StateLoaded || state == OMX_StateWaitForResources;
+    bool complete = false;
+    if (internal->eChange == OMX_ChangeEnable) { // without resources, a port needs no buffers
+        complete = unloaded || port->stPortDefinition.bPopulated;
+        *command = OMX_CommandPortEnable;
+    } else if (internal->eChange == OMX_ChangeDisable) {
+        complete = internal->uiBufferCount == 0;
+        *command = OMX_CommandPortDisable;
+    }
+    if (complete)
+        internal->eChange = OMX_ChangeNone;
+    pthread_mutex_unlock(&sink->pInternal->lock);
+    return complete;
+}
+
+static bool take_unpopulated(omx_base_sink_PrivateType *sink, omx_base_port_PrivateType *port)
+{
+    pthread_mutex_lock(&sink->pInternal->lock);
+    const bool unpopulated = port->pInternal->bUnpopulated;
+    port->pInternal->bUnpopulated = false;
+    pthread_mutex_unlock(&sink->pInternal->lock);
+    return unpopulated;
+}
+
+void omx_base_complete_changes(omx_base_sink_PrivateType *pSink)
+{
+    complete_idle(pSink);
+    complete_loaded(pSink);
+    omx_base_for_ports(pSink, OMX_ALL, [&](omx_base_port_PrivateType *port) {
+        OMX_COMMANDTYPE command = OMX_CommandMax;
+        if (end_port_change(pSink, port, &command))
+            send_complete(pSink, command, port->pInternal->uiIndex);
+        if (take_unpopulated(pSink, port))
+            omx_base_send_event(pSink, OMX_EventError, OMX_ErrorPortUnpopulated,
+                                port->pInternal->uiIndex);
+    });
+}
+
+// Ends every activity at once; the client gets its buffers back.
+static OMX_ERRORTYPE enter_invalid(omx_base_sink_PrivateType *sink)
+{
+    pthread_mutex_lock(&sink->pInternal->lock);
+    omx_base_set_state(sink, OMX_StateInvalid, OMX_TransStateNone);
+    omx_base_for_ports(sink, OMX_ALL, [](omx_base_port_PrivateType *port) {
+        port->pInternal->eChange = OMX_ChangeNone;
+    });
+    pthread_mutex_unlock(&sink->pInternal->lock);
+    omx_base_join_buffer_thread(sink);
+    omx_base_flush(sink, OMX_ALL);
+    return OMX_ErrorInvalidState;
+}
+
+static OMX_ERRORTYPE check_transition(OMX_STATETYPE from, omx_base_transient_t transient,
+                                      OMX_STATETYPE target)
+{
+    if (transient != OMX_TransStateNone) { // only giving up the way to Idle is possible
+        return transient == OMX_TransStateLoadedToIdle && from == OMX_StateLoaded &&
+                       target == OMX_StateLoaded
+                   ? OMX_ErrorNone
+                   : OMX_ErrorIncorrectStateTransition;
+    }
+    if (from == target)
+        return OMX_ErrorSameState;
+    return (next_states[from] >> target & 1) != 0 ? OMX_ErrorNone
+                                                  : OMX_ErrorIncorrectStateTransition;
+}
+
+static OMX_ERRORTYPE change_state(omx_base_sink_PrivateType *sink, OMX_STATETYPE target)
+{
+    const OMX_STATETYPE from = omx_base_get_state(sink);
+    const omx_base_transient_t transient = omx_base_get_transient_state(sink);
+    if (target == OMX_StateInvalid)
+        return enter_invalid(sink);
+    const OMX_ERRORTYPE error = check_transition(from, transient, target);
+    if (error != OMX_ErrorNone)
+        return error;
+
+    const bool unloaded = from == OMX_StateLoaded || from == OMX_StateWaitForResources;
+    if (target == OMX_StateIdle && unloaded) {
+        set_state(sink, from, OMX_TransStateLoadedToIdle);
+        omx_base_complete_changes(sink);
+        return OMX_ErrorNone;
+    }
+    if (target == OMX_StateLoaded && from != OMX_StateWaitForResources) {
+        set_state(sink, from, OMX_TransStateIdleToLoaded);
+        omx_base_flush(sink, OMX_ALL);
+        omx_base_complete_changes(sink);
+        return OMX_ErrorNone;
+    }
+    set_state(sink, target, OMX_TransStateNone);
+    if (target == OMX_StateIdle)
+        omx_base_flush(sink, OMX_ALL);
+    send_complete(sink, OMX_CommandStateSet, target);
+    return OMX_ErrorNone;
+}
+
+// A flush and a mark concern a component that has its resources.
+static bool has_resources(const omx_base_sink_PrivateType *sink)
+{
+    const OMX_STATETYPE state = omx_base_get_state(sink);
+    return state == OMX_StateIdle || state == OMX_StateExecuting || state == OMX_StatePause;
+}
+
+static OMX_ERRORTYPE flush_port(omx_base_sink_PrivateType *sink, OMX_U32 port_index)
+{
+    if (!has_resources(sink))
+        return OMX_ErrorIncorrectStateOperation;
+    omx_base_flush(sink, port_index);
+    omx_base_for_ports(sink, port_index, [&](omx_base_port_PrivateType *port) {
+        send_complete(sink, OMX_CommandFlush, port->pInternal->uiIndex);
+    });
+    return OMX_ErrorNone;
+}
+
+static OMX_ERRORTYPE change_port(omx_base_sink_PrivateType *sink, OMX_U32 port_index, bool enable)
+{
+    pthread_mutex_lock(&sink->pInternal->lock);
+    omx_base_for_ports(sink, port_index, [&](omx_base_port_PrivateType *port) {
+        port->stPortDefinition.bEnabled = enable ? OMX_TRUE : OMX_FALSE;
+        port->pInternal->eChange = enable ? OMX_ChangeEnable : OMX_ChangeDisable;
+    });
+    pthread_mutex_unlock(&sink->pInternal->lock);
+    if (!enable)
+        omx_base_flush(sink, port_index);
+    omx_base_complete_changes(sink);
+    return OMX_ErrorNone;
+}
+
+static OMX_ERRORTYPE mark_buffer(omx_base_sink_PrivateType *sink, OMX_U32 port_index,
+                                 const OMX_MARKTYPE *mark)
+{
+    omx_base_port_PrivateType *port = omx_base_port(sink, port_index);
+    if (port == nullptr)
+        return OMX_ErrorBadPortIndex;
+    if (mark == nullptr)
+        return OMX_ErrorBadParameter;
+    if (!has_resources(sink))
+        return OMX_ErrorIncorrectStateOperation;
+    omx_base_port_internal_t *internal = port->pInternal;
+    pthread_mutex_lock(&sink->pInternal->lock);
+    const bool fits = internal->uiMarkCount < MARK_CAPACITY;
+    if (fits) {
+        internal->astMark[(internal->uiFirstMark + internal->uiMarkCount) % MARK_CAPACITY] = *mark;
+        internal->uiMarkCount++;
+    }
+    pthread_mutex_unlock(&sink->pInternal->lock);
+    if (!fits)
+        return OMX_ErrorInsufficientResources;
+    send_complete(sink, OMX_CommandMarkBuffer, port_index);
+    return OMX_ErrorNone;
+}
+
+OMX_ERRORTYPE omx_base_component_MessageHandler(OMX_COMPONENTTYPE *pComponent,
+                                                omx_base_message_t *pMessage)
+{
+    omx_base_sink_PrivateType *sink = nullptr;
+    const OMX_ERRORTYPE error = omx_base_find_valid_sink(pComponent, &sink);
+    if (error != OMX_ErrorNone)
+        return error;
+    if (pMessage == nullptr)
+        return OMX_ErrorBadParameter;
+    switch (pMessage->eCommand) {
+    case OMX_CommandStateSet:
+        return change_state(sink, static_cast<OMX_STATETYPE>(pMessage->uiParam));
+    case OMX_CommandFlush:
+        return flush_port(sink, pMessage->uiParam);
+    case OMX_CommandPortDisable:
+        return change_port(sink, pMessage->uiParam, false);
+    case OMX_CommandPortEnable:
+        return change_port(sink, pMessage->uiParam, true);
+    case OMX_CommandMarkBuffer:
+        return mark_buffer(sink, pMessage->uiParam,
+                           static_cast<const OMX_MARKTYPE *>(pMessage->pData));
+    default:
+        return OMX_ErrorBadParameter;
+    }
+}

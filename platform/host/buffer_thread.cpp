@@ -1,0 +1,87 @@
+// The buffer thread and the flush handshake with it.
+#include "platform/host/omx_base_internal.h"
+
+#include "platform/host/semaphore_queue_internal.h"
+
+static void *run_buffer_thread(void *argument)
+{
+    OMX_COMPONENTTYPE *component = static_cast<OMX_COMPONENTTYPE *>(argument);
+    omx_base_sink_PrivateType *sink =
+        static_cast<omx_base_sink_PrivateType *>(component->pComponentPrivate);
+    sink->pfnBufferMgmtFunction(component);
+    pthread_mutex_lock(&sink->pInternal->lock);
+    sink->pInternal->bBufferThreadRuns = false;
+    pthread_mutex_unlock(&sink->pInternal->lock);
+    tsem_up(&sink->semFlushAll); // a flush may have counted on this thread
+    return nullptr;
+}
+
+int omx_base_start_buffer_thread(omx_base_sink_PrivateType *pSink)
+{
+    omx_base_sink_internal_t *internal = pSink->pInternal;
+    if (pSink->pfnBufferMgmtFunction == nullptr)
+        return 0;
+    pthread_mutex_lock(&internal->lock);
+    internal->bBufferThreadRuns = true;
+    pthread_mutex_unlock(&internal->lock);
+    const int result =
+        pthread_create(&internal->hBufferThread, nullptr, run_buffer_thread, pSink->pComponent);
+    internal->bBufferThreadJoinable = result == 0;
+    if (result != 0) {
+        pthread_mutex_lock(&internal->lock);
+        internal->bBufferThreadRuns = false;
+        pthread_mutex_unlock(&internal->lock);
+    }
+    return result;
+}
+
+void omx_base_join_buffer_thread(omx_base_sink_PrivateType *pSink)
+{
+    omx_base_sink_internal_t *internal = pSink->pInternal;
+    if (!internal->bBufferThreadJoinable)
+        return;
+    tsem_up(&pSink->semBufferThread);
+    pthread_join(internal->hBufferThread, nullptr);
+    internal->bBufferThreadJoinable = false;
+    tsem_reset(&pSink->semBufferThread); // the next thread finds no counts of this one's time
+    tsem_reset(&pSink->semFlushAll);
+    tsem_reset(&pSink->semFlush);
+}
+
+static bool buffer_thread_runs(omx_base_sink_PrivateType *sink)
+{
+    pthread_mutex_lock(&sink->pInternal->lock);
+    const bool runs = sink->pInternal->bBufferThreadRuns;
+    pthread_mutex_unlock(&sink->pInternal->lock);
+    return runs;
+}
+
+static void set_being_flushed(omx_base_sink_PrivateType *sink, OMX_U32 port_index, uint32_t flushed)
+{
+    pthread_mutex_lock(&sink->lockFlush);
+    omx_base_for_ports(sink, port_index, [&](omx_base_port_PrivateType *port) {
+        std::atomic_ref(port->bBeingFlushed).store(flushed);
+    });
+    pthread_mutex_unlock(&sink->lockFlush);
+}
+
+void omx_base_flush(omx_base_sink_PrivateType *pSink, OMX_U32 uiPort)
+{
+    bool runs = buffer_thread_runs(pSink);
+    set_being_flushed(pSink, uiPort, 1);
+    tsem_up(&pSink->semBufferThread);
+    if (runs) {
+        tsem_down(&pSink->semFlushAll); // from the loop, or from the thread's end
+        runs = buffer_thread_runs(pSink);
+    }
+    omx_base_for_ports(pSink, uiPort, [&](omx_base_port_PrivateType *port) {
+        std::array<OMX_BUFFERHEADERTYPE *, QUEUE_CAPACITY> held;
+        // A thread that has ended may have left a buffer in nobody's hand.
+        const uint32_t count = omx_base_collect_held(pSink, port, !runs, &held);
+        for (uint32_t index = 0; index < count; index++)
+            port->pfnReturnBuffer(port, held[index]);
+    });
+    set_being_flushed(pSink, uiPort, 0);
+    if (runs)
+        tsem_up(&pSink->semFlush);
+}

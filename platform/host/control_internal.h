@@ -1,0 +1,15 @@
+// What the stand-in's units give to its controls, and take from them.
+#ifndef PLATFORM_HOST_CONTROL_INTERNAL_H
+#define PLATFORM_HOST_CONTROL_INTERNAL_H
+
+#include "platform/host/host_control.h"
+
+// Counts one call. returns whether it has to fail.
+[[nodiscard]] bool host_call_fails(host_call_t eCall);
+
+// Put each unit's settings back to their defaults.
+void host_reset_log(void);
+void host_reset_properties(void);
+void host_reset_storage(void);
+
+#endif

@@ -1,0 +1,179 @@
+// Inside of the base framework: what its units share and a component never sees.
+//
+// Threads: the client's calls; one message thread, which carries out commands, ends transitions
+// and sends events; one buffer thread from Idle on, whose body is the component's.
+//
+// Locks: omx_base_sink_internal_t::lock first, then a queue's or a semaphore's own mutex. lockFlush
+// is taken alone. None is held across a callback, a wait for a semaphore or a join.
+#ifndef PLATFORM_HOST_OMX_BASE_INTERNAL_H
+#define PLATFORM_HOST_OMX_BASE_INTERNAL_H
+
+#include "platform/omx_base.h"
+
+#include <array>
+#include <atomic>
+
+constexpr uint32_t MESSAGE_CAPACITY = 64; // commands that can wait
+constexpr uint32_t MARK_CAPACITY = 16;    // marks that can wait on one port
+constexpr OMX_U32 BUFFER_COUNT = 4;       // of a new port
+constexpr OMX_U32 BUFFER_COUNT_MIN = 1;
+
+// A command on its way to the message thread, with a copy of the mark that it may point to.
+typedef struct omx_base_slot_t {
+    omx_base_message_t stMessage;
+    OMX_MARKTYPE stMark;
+} omx_base_slot_t;
+
+struct omx_base_sink_internal_t {
+    pthread_mutex_t lock;  // guards what follows, every port and the changes of the state
+    pthread_cond_t stWork; // the message thread waits here
+    std::array<char, OMX_MAX_STRINGNAME_SIZE> szName; // constant once constructed
+    OMX_CALLBACKTYPE stCallbacks;
+    // A command stays in the ring until it has been carried out.
+    std::array<omx_base_slot_t, MESSAGE_CAPACITY> astSlot;
+    uint32_t uiFirstSlot;
+    uint32_t uiSlotCount;
+    bool bPortsChanged;     // a transition may have become complete, an error may wait
+    bool bQuit;             // the message thread has to end
+    bool bBufferThreadRuns; // its body has not returned
+    // Without the lock: the message thread's, and the destructor's when that one is joined.
+    bool bBufferThreadJoinable;
+    bool bMessageThreadJoinable;
+    pthread_t hBufferThread;
+    pthread_t hMessageThread;
+    // How far the construction came.
+    bool bFlushLockReady;
+    bool bFlushAllReady;
+    bool bFlushReady;
+    bool bBufferThreadSemReady;
+};
+
+typedef struct omx_base_buffer_t {
+    OMX_BUFFERHEADERTYPE *pHeader;
+    void *pData; // what AllocateBuffer made; null: the client's own memory
+    bool bHeld;  // by the component, from EmptyThisBuffer until its return
+} omx_base_buffer_t;
+
+// A port command that is not complete yet.
+typedef enum omx_base_change_t : uint32_t {
+    OMX_ChangeNone = 0,
+    OMX_ChangeEnable = 1,
+    OMX_ChangeDisable = 2
+} omx_base_change_t;
+
+struct omx_base_port_internal_t {
+    OMX_U32 uiIndex;
+    OMX_PORTDOMAINTYPE eDomain;
+    omx_base_change_t eChange;
+    bool bUnpopulated; // lost a buffer while in use, and the client has not been told
+    bool bQueueReady;
+    bool bSemReady;
+    std::array<omx_base_buffer_t, QUEUE_CAPACITY> astBuffer;
+    uint32_t uiBufferCount;
+    std::array<OMX_MARKTYPE, MARK_CAPACITY> astMark; // for the next buffers
+    uint32_t uiFirstMark;
+    uint32_t uiMarkCount;
+};
+
+// Finds the sink behind a handle. returns OMX_ErrorNone, OMX_ErrorBadParameter for a null handle,
+// OMX_ErrorInvalidComponent when nothing is constructed; the second also OMX_ErrorInvalidState.
+[[nodiscard]] OMX_ERRORTYPE omx_base_find_sink(OMX_HANDLETYPE hComponent,
+                                               omx_base_sink_PrivateType **ppSink);
+[[nodiscard]] OMX_ERRORTYPE omx_base_find_valid_sink(OMX_HANDLETYPE hComponent,
+                                                     omx_base_sink_PrivateType **ppSink);
+
+// The number of ports that the domain tables tell.
+[[nodiscard]] OMX_U32 omx_base_port_count(const omx_base_sink_PrivateType *pSink);
+
+// The port with this index, or null.
+[[nodiscard]] omx_base_port_PrivateType *omx_base_port(const omx_base_sink_PrivateType *pSink,
+                                                       OMX_U32 uiPort);
+
+// Calls a function for a port, or for every port with OMX_ALL.
+template <typename Function>
+void omx_base_for_ports(const omx_base_sink_PrivateType *pSink, OMX_U32 uiPort, Function function)
+{
+    for (OMX_U32 index = 0; index < omx_base_port_count(pSink); index++) {
+        omx_base_port_PrivateType *port = omx_base_port(pSink, index);
+        if (port != nullptr && (uiPort == OMX_ALL || uiPort == index))
+            function(port);
+    }
+}
+
+// Releases what a port constructor made; the record itself stays.
+void omx_base_release_port(omx_base_port_PrivateType *pPort);
+
+// thread: under the lock.
+void omx_base_set_state(omx_base_sink_PrivateType *pSink, OMX_STATETYPE eState,
+                        omx_base_transient_t eTransientState);
+
+// Tells the client; without any lock.
+void omx_base_send_event(omx_base_sink_PrivateType *pSink, OMX_EVENTTYPE eEvent, OMX_U32 uiData1,
+                         OMX_U32 uiData2);
+
+// Starts the message thread. returns an errno value.
+[[nodiscard]] int omx_base_start_message_thread(omx_base_sink_PrivateType *pSink);
+// Ends and joins it, whatever still waits.
+void omx_base_join_message_thread(omx_base_sink_PrivateType *pSink);
+// Makes the message thread look for what is complete; under the lock.
+void omx_base_notify_message_thread(omx_base_sink_PrivateType *pSink);
+// Whether this command waits or is being carried out; under the lock.
+[[nodiscard]] bool omx_base_command_waits(const omx_base_sink_PrivateType *pSink,
+                                          OMX_COMMANDTYPE eCommand, OMX_U32 uiParam);
+
+// Starts the buffer thread, if the component has a body for it. returns an errno value.
+[[nodiscard]] int omx_base_start_buffer_thread(omx_base_sink_PrivateType *pSink);
+// Wakes the buffer thread, whose state tells it to leave, and joins it.
+void omx_base_join_buffer_thread(omx_base_sink_PrivateType *pSink);
+// Gives every buffer that the component holds on a port (OMX_ALL: on every port) back to the
+// client. thread: the message thread.
+void omx_base_flush(omx_base_sink_PrivateType *pSink, OMX_U32 uiPort);
+
+// Ends the state transition and the port commands that have become complete, and reports ports
+// that lost a buffer. thread: the message thread.
+void omx_base_complete_changes(omx_base_sink_PrivateType *pSink);
+
+// Whether each enabled port has its buffers; whether no port has any. Under the lock.
+[[nodiscard]] bool omx_base_ports_populated(const omx_base_sink_PrivateType *pSink);
+[[nodiscard]] bool omx_base_ports_empty(const omx_base_sink_PrivateType *pSink);
+
+// Clears bHeld and calls EmptyBufferDone; what every port's return-buffer slot points to.
+OMX_ERRORTYPE omx_base_return_buffer(omx_base_port_PrivateType *pPort,
+                                     OMX_BUFFERHEADERTYPE *pBuffer);
+// Collects what the component holds on a port, oldest first, and empties its queue; with bAll also
+// what is in nobody's queue. returns how many.
+[[nodiscard]] uint32_t
+omx_base_collect_held(omx_base_sink_PrivateType *pSink, omx_base_port_PrivateType *pPort, bool bAll,
+                      std::array<OMX_BUFFERHEADERTYPE *, QUEUE_CAPACITY> *pCollected);
+// Frees every buffer of a port.
+void omx_base_free_buffers(omx_base_port_PrivateType *pPort);
+
+// Entries of the function table.
+OMX_ERRORTYPE omx_base_component_SendCommand(OMX_HANDLETYPE hComponent, OMX_COMMANDTYPE eCommand,
+                                             OMX_U32 uiParam, OMX_PTR pData);
+OMX_ERRORTYPE omx_base_component_UseBuffer(OMX_HANDLETYPE hComponent,
+                                           OMX_BUFFERHEADERTYPE **ppBuffer, OMX_U32 uiPort,
+                                           OMX_PTR pAppPrivate, OMX_U32 uiSize, OMX_U8 *pData);
+OMX_ERRORTYPE omx_base_component_AllocateBuffer(OMX_HANDLETYPE hComponent,
+                                                OMX_BUFFERHEADERTYPE **ppBuffer, OMX_U32 uiPort,
+                                                OMX_PTR pAppPrivate, OMX_U32 uiSize);
+OMX_ERRORTYPE omx_base_component_FreeBuffer(OMX_HANDLETYPE hComponent, OMX_U32 uiPort,
+                                            OMX_BUFFERHEADERTYPE *pBuffer);
+OMX_ERRORTYPE omx_base_component_EmptyThisBuffer(OMX_HANDLETYPE hComponent,
+                                                 OMX_BUFFERHEADERTYPE *pBuffer);
+
+// Checks the head that every record of the standard begins with.
+// returns OMX_ErrorNone, OMX_ErrorBadParameter, or OMX_ErrorVersionMismatch.
+[[nodiscard]] inline OMX_ERRORTYPE omx_base_check_head(OMX_U32 uiSize, OMX_VERSIONTYPE unVersion,
+                                                       size_t expected_size)
+{
+    if (uiSize != expected_size)
+        return OMX_ErrorBadParameter;
+    const OMX_VERSIONTYPE own = {.nVersion = OMX_VERSION_1_1_2};
+    return unVersion.s.nVersionMajor == own.s.nVersionMajor &&
+                   unVersion.s.nVersionMinor == own.s.nVersionMinor
+               ? OMX_ErrorNone
+               : OMX_ErrorVersionMismatch;
+}
+
+#endif

@@ -1,0 +1,106 @@
+#include "platform/storage_info.h"
+
+#include "platform/host/control_internal.h"
+#include "platform/qvr_memory.h"
+
+#include <array>
+#include <atomic>
+#include <limits.h>
+#include <pthread.h>
+#include <sys/statvfs.h>
+
+#define STORAGE_COUNT 2
+
+struct df_handle_t {
+    std::array<df_record_t, STORAGE_COUNT> astRecord;
+};
+
+typedef struct storage_figures_t {
+    bool bSet;
+    unsigned long ulTotalKiB;
+    unsigned long ulFreeKiB;
+} storage_figures_t;
+
+static constexpr std::array<df_record_t, STORAGE_COUNT> storages = {{
+    {.pszFileSystem = "sdcard", .pszMountPoint = "/mnt/sdcard"},
+    {.pszFileSystem = "tflash", .pszMountPoint = "/mnt/sdcard/tflash"},
+}};
+
+static std::atomic<int64_t> live_handles;
+static pthread_mutex_t lock_figures = PTHREAD_MUTEX_INITIALIZER;
+static std::array<storage_figures_t, STORAGE_COUNT> given_figures; // under lock_figures
+
+// Blocks in KiB, without passing 64 bits on the way; at most what the record can hold.
+static unsigned long blocks_to_kib(uint64_t blocks, uint64_t block_bytes)
+{
+    const uint64_t kib = blocks / 1024 * block_bytes + blocks % 1024 * block_bytes / 1024;
+    return kib < ULONG_MAX ? static_cast<unsigned long>(kib) : ULONG_MAX;
+}
+
+df_handle_t *dfopen(void)
+{
+    if (host_call_fails(HOST_CALL_DFOPEN))
+        return nullptr;
+    df_handle_t *handle = static_cast<df_handle_t *>(QVR_calloc(1, sizeof(df_handle_t)));
+    if (handle == nullptr)
+        return nullptr;
+    handle->astRecord = storages;
+    live_handles++;
+    return handle;
+}
+
+const df_record_t *dfget(df_handle_t *pHandle, int iStorage)
+{
+    if (host_call_fails(HOST_CALL_DFGET) || pHandle == nullptr || iStorage < 0 ||
+        iStorage >= STORAGE_COUNT)
+        return nullptr;
+    const size_t index = static_cast<size_t>(iStorage);
+    df_record_t &record = pHandle->astRecord[index];
+
+    pthread_mutex_lock(&lock_figures);
+    const storage_figures_t figures = given_figures[index];
+    pthread_mutex_unlock(&lock_figures);
+    if (figures.bSet) {
+        record.ulTotalKiB = figures.ulTotalKiB;
+        record.ulFreeKiB = figures.ulFreeKiB;
+        return &record;
+    }
+
+    struct statvfs status = {};
+    if (statvfs(record.pszMountPoint, &status) != 0)
+        return nullptr;
+    record.ulTotalKiB = blocks_to_kib(status.f_blocks, status.f_frsize);
+    record.ulFreeKiB = blocks_to_kib(status.f_bavail, status.f_frsize);
+    return &record;
+}
+
+int dfclose(df_handle_t *pHandle)
+{
+    if (pHandle != nullptr) {
+        live_handles--;
+        QVR_free(pHandle);
+    }
+    return 0;
+}
+
+int64_t host_live_storage_handles(void)
+{
+    return live_handles;
+}
+
+void host_set_storage(int iStorage, unsigned long ulTotalKiB, unsigned long ulFreeKiB)
+{
+    if (iStorage < 0 || iStorage >= STORAGE_COUNT)
+        return;
+    pthread_mutex_lock(&lock_figures);
+    given_figures[static_cast<size_t>(iStorage)] = {
+        .bSet = true, .ulTotalKiB = ulTotalKiB, .ulFreeKiB = ulFreeKiB};
+    pthread_mutex_unlock(&lock_figures);
+}
+
+void host_reset_storage(void)
+{
+    pthread_mutex_lock(&lock_figures);
+    given_figures = {};
+    pthread_mutex_unlock(&lock_figures);
+}
