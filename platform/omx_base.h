@@ -81,8 +81,8 @@ struct omx_base_sink_PrivateType {
 // it into Loaded. The private record is attached and zero-filled. When it fails, the table's
 // ComponentDeInit releases what there is.
 // in: pszName is copied, at most 127 characters.
-// returns OMX_ErrorNone, OMX_ErrorBadParameter when a pointer or the record is missing, or
-// OMX_ErrorInsufficientResources.
+// returns OMX_ErrorNone, OMX_ErrorBadParameter when a pointer or the record is missing or is
+// constructed already, or OMX_ErrorInsufficientResources.
 OMX_ERRORTYPE omx_base_sink_Constructor(OMX_COMPONENTTYPE *pComponent, OMX_STRING pszName);
 
 // Joins the component's threads in whatever state it is, releases its buffers, ports and the
@@ -93,8 +93,9 @@ OMX_ERRORTYPE omx_base_sink_Constructor(OMX_COMPONENTTYPE *pComponent, OMX_STRIN
 OMX_ERRORTYPE omx_base_sink_Destructor(OMX_COMPONENTTYPE *pComponent);
 
 // Prepare the port record at *ppPort (zero-filled, of the class's size) as an enabled port with the
-// given index; bInput nonzero for an input port. What the port definition says may be changed until
-// the component is handed out.
+// given index; bInput nonzero for an input port. It has 4 buffers, which the client may change to 1
+// to QUEUE_CAPACITY; a buffer shorter than nBufferSize is refused. The component may change what the
+// port definition says until it is handed out.
 // returns OMX_ErrorNone, OMX_ErrorBadParameter, or OMX_ErrorInsufficientResources.
 OMX_ERRORTYPE base_video_port_Constructor(OMX_COMPONENTTYPE *pComponent,
                                           omx_base_port_PrivateType **ppPort, OMX_U32 uiPortIndex,

@@ -1,6 +1,10 @@
 // Commands on their way from the client to the message thread.
 #include "platform/host/omx_base_internal.h"
 
+#include "platform/host/control_internal.h"
+
+#include <errno.h>
+
 void omx_base_notify_message_thread(omx_base_sink_PrivateType *pSink)
 {
     pSink->pInternal->bPortsChanged = true;
@@ -111,6 +115,8 @@ static void *run_message_thread(void *argument)
 int omx_base_start_message_thread(omx_base_sink_PrivateType *pSink)
 {
     omx_base_sink_internal_t *internal = pSink->pInternal;
+    if (host_call_fails(HOST_CALL_START_THREAD))
+        return EAGAIN;
     const int result =
         pthread_create(&internal->hMessageThread, nullptr, run_message_thread, pSink);
     internal->bMessageThreadJoinable = result == 0;

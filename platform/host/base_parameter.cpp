@@ -143,7 +143,8 @@ OMX_ERRORTYPE omx_base_component_GetParameter(OMX_HANDLETYPE hComponent, OMX_IND
     return error;
 }
 
-// Takes the buffer count and what describes the format; the rest is for reading.
+// Takes the buffer count and what describes the format; the rest is for reading. An audio port has
+// one encoding; which coding a video port receives is the client's to tell.
 static OMX_ERRORTYPE set_definition(omx_base_port_PrivateType *port,
                                     const OMX_PARAM_PORTDEFINITIONTYPE *parameter)
 {
@@ -155,15 +156,18 @@ static OMX_ERRORTYPE set_definition(omx_base_port_PrivateType *port,
     if (parameter->nBufferCountActual != definition.nBufferCountActual &&
         port->pInternal->uiBufferCount != 0)
         return OMX_ErrorIncorrectStateOperation;
+    const bool audio = port->pInternal->eDomain == OMX_PortDomainAudio;
+    if (audio && parameter->format.audio.eEncoding != definition.format.audio.eEncoding)
+        return OMX_ErrorUnsupportedSetting;
     definition.nBufferCountActual = parameter->nBufferCountActual;
-    if (port->pInternal->eDomain == OMX_PortDomainVideo) {
-        const OMX_STRING mime_type = definition.format.video.cMIMEType;
-        definition.format.video = parameter->format.video;
-        definition.format.video.cMIMEType = mime_type; // the client's text may not last
-    } else {
+    if (audio) {
         const OMX_STRING mime_type = definition.format.audio.cMIMEType;
         definition.format.audio = parameter->format.audio;
-        definition.format.audio.cMIMEType = mime_type;
+        definition.format.audio.cMIMEType = mime_type; // the client's text may not last
+    } else {
+        const OMX_STRING mime_type = definition.format.video.cMIMEType;
+        definition.format.video = parameter->format.video;
+        definition.format.video.cMIMEType = mime_type;
     }
     return OMX_ErrorNone;
 }
@@ -184,9 +188,8 @@ static OMX_ERRORTYPE set_audio_format(omx_base_port_PrivateType *port,
                                       const OMX_AUDIO_PARAM_PORTFORMATTYPE *format)
 {
     omx_base_audio_PortType *audio = reinterpret_cast<omx_base_audio_PortType *>(port);
-    if (format->eEncoding != audio->stAudioFormat.eEncoding)
-        return OMX_ErrorUnsupportedSetting;
-    return OMX_ErrorNone;
+    return format->eEncoding == audio->stAudioFormat.eEncoding ? OMX_ErrorNone
+                                                               : OMX_ErrorUnsupportedSetting;
 }
 
 static OMX_ERRORTYPE set_port_parameter_locked(omx_base_sink_PrivateType *sink,

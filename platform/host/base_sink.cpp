@@ -70,7 +70,7 @@ static OMX_ERRORTYPE get_component_version(OMX_HANDLETYPE hComponent, OMX_STRING
         return error;
     if (pszName == nullptr || pVersion == nullptr || pSpecVersion == nullptr || pUUID == nullptr)
         return OMX_ErrorBadParameter;
-    memcpy(pszName, sink->pInternal->szName.data(), sink->pInternal->szName.size());
+    memcpy(pszName, sink->pInternal->szName.data(), strlen(sink->pInternal->szName.data()) + 1);
     *pVersion = {.s = {.nVersionMajor = 1}};
     *pSpecVersion = {.nVersion = OMX_VERSION_1_1_2};
     memset(pUUID, 0, sizeof(*pUUID));
@@ -78,7 +78,8 @@ static OMX_ERRORTYPE get_component_version(OMX_HANDLETYPE hComponent, OMX_STRING
     return OMX_ErrorNone;
 }
 
-static OMX_ERRORTYPE get_config(OMX_HANDLETYPE hComponent, OMX_INDEXTYPE, OMX_PTR pConfig)
+// No configuration is known, neither for reading nor for writing.
+static OMX_ERRORTYPE reject_config(OMX_HANDLETYPE hComponent, OMX_INDEXTYPE, OMX_PTR pConfig)
 {
     omx_base_sink_PrivateType *sink = nullptr;
     const OMX_ERRORTYPE error = omx_base_find_valid_sink(hComponent, &sink);
@@ -178,8 +179,8 @@ static void fill_function_table(OMX_COMPONENTTYPE *component)
     component->SendCommand = omx_base_component_SendCommand;
     component->GetParameter = omx_base_component_GetParameter;
     component->SetParameter = omx_base_component_SetParameter;
-    component->GetConfig = get_config;
-    component->SetConfig = get_config; // no index is known to either
+    component->GetConfig = reject_config;
+    component->SetConfig = reject_config;
     component->GetExtensionIndex = get_extension_index;
     component->GetState = get_state;
     component->ComponentTunnelRequest = component_tunnel_request;
@@ -233,6 +234,8 @@ OMX_ERRORTYPE omx_base_sink_Constructor(OMX_COMPONENTTYPE *pComponent, OMX_STRIN
         return OMX_ErrorBadParameter;
     omx_base_sink_PrivateType *sink =
         static_cast<omx_base_sink_PrivateType *>(pComponent->pComponentPrivate);
+    if (sink->pInternal != nullptr)
+        return OMX_ErrorBadParameter;
     fill_function_table(pComponent);
     sink->pComponent = pComponent;
     sink->pfnMessageHandler = omx_base_component_MessageHandler;

@@ -50,6 +50,7 @@ static void complete_idle(omx_base_sink_PrivateType *sink)
         return;
     if (omx_base_start_buffer_thread(sink) != 0) {
         set_state(sink, origin, OMX_TransStateNone);
+        omx_base_flush(sink, OMX_ALL); // what the client emptied meanwhile
         omx_base_send_event(sink, OMX_EventError, OMX_ErrorInsufficientResources, 0);
         return;
     }

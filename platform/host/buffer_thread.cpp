@@ -1,7 +1,17 @@
 // The buffer thread and the flush handshake with it.
 #include "platform/host/omx_base_internal.h"
 
+#include "platform/host/control_internal.h"
 #include "platform/host/semaphore_queue_internal.h"
+
+#include <errno.h>
+
+static void set_buffer_thread_runs(omx_base_sink_internal_t *internal, bool runs)
+{
+    pthread_mutex_lock(&internal->lock);
+    internal->bBufferThreadRuns = runs;
+    pthread_mutex_unlock(&internal->lock);
+}
 
 static void *run_buffer_thread(void *argument)
 {
@@ -9,9 +19,7 @@ static void *run_buffer_thread(void *argument)
     omx_base_sink_PrivateType *sink =
         static_cast<omx_base_sink_PrivateType *>(component->pComponentPrivate);
     sink->pfnBufferMgmtFunction(component);
-    pthread_mutex_lock(&sink->pInternal->lock);
-    sink->pInternal->bBufferThreadRuns = false;
-    pthread_mutex_unlock(&sink->pInternal->lock);
+    set_buffer_thread_runs(sink->pInternal, false);
     tsem_up(&sink->semFlushAll); // a flush may have counted on this thread
     return nullptr;
 }
@@ -21,17 +29,14 @@ int omx_base_start_buffer_thread(omx_base_sink_PrivateType *pSink)
     omx_base_sink_internal_t *internal = pSink->pInternal;
     if (pSink->pfnBufferMgmtFunction == nullptr)
         return 0;
-    pthread_mutex_lock(&internal->lock);
-    internal->bBufferThreadRuns = true;
-    pthread_mutex_unlock(&internal->lock);
+    if (host_call_fails(HOST_CALL_START_THREAD))
+        return EAGAIN;
+    set_buffer_thread_runs(internal, true); // before the thread, which clears it
     const int result =
         pthread_create(&internal->hBufferThread, nullptr, run_buffer_thread, pSink->pComponent);
     internal->bBufferThreadJoinable = result == 0;
-    if (result != 0) {
-        pthread_mutex_lock(&internal->lock);
-        internal->bBufferThreadRuns = false;
-        pthread_mutex_unlock(&internal->lock);
-    }
+    if (result != 0)
+        set_buffer_thread_runs(internal, false);
     return result;
 }
 

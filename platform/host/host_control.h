@@ -21,15 +21,18 @@ typedef enum host_call_t : uint32_t {
     HOST_CALL_VIDEO_PORT_CONSTRUCTOR,
     HOST_CALL_AUDIO_PORT_CONSTRUCTOR,
     HOST_CALL_TSEM_INIT,
-    HOST_CALL_QUEUE,   // queue reports a full queue
-    HOST_CALL_DEQUEUE, // dequeue gives null
+    HOST_CALL_QUEUE,        // queue reports a full queue
+    HOST_CALL_DEQUEUE,      // dequeue gives null
+    HOST_CALL_START_THREAD, // the framework cannot start a thread of its own
     HOST_CALL_COUNT
 } host_call_t;
 
-// Puts everything that this header sets back to its default and the call counts to 0.
+// Puts everything that this header sets back to its default and the call counts to 0. What is live
+// stays counted.
 void host_reset(void);
 
 // Sets a system property; a null value unsets it.
+// in: key of at most 31 characters (a longer one is ignored), value of at most 91 (cut).
 void host_set_property(const char *pszKey, const char *pszValue);
 
 // Lets the next uiPass calls through, then makes the following uiFail calls fail (UINT32_MAX: all).
