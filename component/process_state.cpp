@@ -1,0 +1,40 @@
+#include "component/process_state.h"
+
+#include "component/shared_fields.h"
+
+#include <unistd.h>
+
+pthread_mutex_t lockTDMBRecording = PTHREAD_MUTEX_INITIALIZER;
+pthread_mutex_t lockDFHandle = PTHREAD_MUTEX_INITIALIZER;
+pthread_mutex_t lockParameters = PTHREAD_MUTEX_INITIALIZER;
+
+char szOutFileName[TDMBREC_PATH_BYTES];
+df_handle_t *global_mountinfo;
+uint8_t global_uc_stop_type;
+uint32_t global_ui_AUDIO_PTS[2 * AUDIO_PTS_ENTRIES];
+uint32_t global_ui_VIDEO_PTS[VIDEO_PTS_ENTRIES][2];
+uint8_t global_uc_write_index;
+omx_tdmbrec_component_PrivateType *global_recording_owner;
+
+claim_result_t claim_recording(omx_tdmbrec_component_PrivateType *pPrivate)
+{
+    omx_tdmbrec_component_PrivateType *const pNobody = nullptr;
+    while (!swap_shared(global_recording_owner, pNobody, pPrivate)) {
+        const omx_tdmbrec_component_PrivateType *const pOwner = load_shared(global_recording_owner);
+        if (pOwner != pPrivate && pOwner != nullptr) {
+            return CLAIM_OTHER_COMPONENT;
+        }
+        if (load_shared(pPrivate->bRecording) == 1) {
+            return CLAIM_RECORDING;
+        }
+        usleep(1);
+    }
+    return CLAIM_GRANTED;
+}
+
+void release_recording(omx_tdmbrec_component_PrivateType *pPrivate)
+{
+    omx_tdmbrec_component_PrivateType *const pNobody = nullptr;
+    // A close with nothing to close may run while another component records.
+    (void)swap_shared(global_recording_owner, pPrivate, pNobody);
+}

@@ -1,0 +1,43 @@
+// What the component keeps once per process: the output path, the storage handle, the stop reason,
+// the time tables and the mutexes.
+//
+// Lock order: lockTDMBRecording, then lockDFHandle. lockParameters is taken alone.
+#ifndef COMPONENT_PROCESS_STATE_H
+#define COMPONENT_PROCESS_STATE_H
+
+#include "component/omx_tdmbrec_component.h"
+#include "platform/storage_info.h"
+
+#include <pthread.h>
+#include <stdint.h>
+
+#define AUDIO_PTS_ENTRIES 50
+#define VIDEO_PTS_ENTRIES 50
+
+// Held while a muxer session is opened or closed, the event of the close included.
+extern pthread_mutex_t lockTDMBRecording;
+// Guards global_mountinfo.
+extern pthread_mutex_t lockDFHandle;
+// Guards szOutFileName and every component's name parts.
+extern pthread_mutex_t lockParameters;
+
+extern char szOutFileName[TDMBREC_PATH_BYTES]; // under lockParameters; may lack a terminator
+extern df_handle_t *global_mountinfo;          // under lockDFHandle; null when none is open
+extern uint8_t global_uc_stop_type;            // atomic: tdmbrec_stop_reason_t
+// Audio ring: word i is the time (ms) of entry i, word 50 + i its PCM bytes. The recording's buffer
+// thread.
+extern uint32_t global_ui_AUDIO_PTS[2 * AUDIO_PTS_ENTRIES];
+// The component whose recording is being prepared, running or being closed; null when none is.
+extern omx_tdmbrec_component_PrivateType *global_recording_owner; // atomic
+
+// Makes the component the process's recording one, waiting for its own last recording to be closed.
+typedef enum claim_result_t {
+    CLAIM_GRANTED,
+    CLAIM_RECORDING,
+    CLAIM_OTHER_COMPONENT
+} claim_result_t;
+[[nodiscard]] claim_result_t claim_recording(omx_tdmbrec_component_PrivateType *pPrivate);
+// Lets the next recording begin.
+void release_recording(omx_tdmbrec_component_PrivateType *pPrivate);
+
+#endif
