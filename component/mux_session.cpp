@@ -1,0 +1,235 @@
+#include "component/mux_session.h"
+
+#include "component/client_events.h"
+#include "component/component_log.h"
+#include "component/file_callbacks.h"
+#include "component/name_parts.h"
+#include "component/process_state.h"
+#include "component/shared_fields.h"
+#include "component/storage_watch.h"
+#include "platform/qvr_memory.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+static constexpr size_t CACHE_BLOCK_BYTES = 0x240000;
+static constexpr int32_t OUTPUT_CACHE_BYTES = 0x100000;
+static constexpr int32_t VIDEO_CACHE_BYTES = 0xC0000;
+static constexpr int32_t AUDIO_CACHE_BYTES = 0x80000;
+static_assert(CACHE_BLOCK_BYTES == OUTPUT_CACHE_BYTES + VIDEO_CACHE_BYTES + AUDIO_CACHE_BYTES);
+static constexpr int32_t CLOSE_MEMORY_BYTES = 0x300000;
+
+static constexpr int32_t VIDEO_WIDTH = 320;        // pixels
+static constexpr int32_t VIDEO_HEIGHT = 240;       // pixels
+static constexpr int32_t VIDEO_FRAME_RATE = 30000; // frames in 1000 s
+
+// The client may start the next recording from the event that a close sends while it holds the
+// lock; if that start finds no storage, it closes again on the same thread.
+static thread_local bool holds_recording_lock;
+
+static int c_file_at_end(void *hFile)
+{
+    return feof(static_cast<FILE *>(hFile));
+}
+
+static int c_file_flush(void *hFile)
+{
+    return fflush(static_cast<FILE *>(hFile));
+}
+
+static void fill_memory_callbacks(mp4_mux_init_t *pInit)
+{
+    pInit->m_pfnMalloc = malloc;
+    pInit->m_pfnFree = free;
+    pInit->m_pfnMemcmp = memcmp;
+    pInit->m_pfnMemcpy = memcpy;
+    pInit->m_pfnMemmove = memmove;
+    pInit->m_pfnMemset = memset;
+    pInit->m_pfnRealloc = realloc;
+}
+
+static void fill_file_callbacks(mp4_mux_init_t *pInit)
+{
+    pInit->m_pfnFopen = QVR_FILE_fopen;
+    pInit->m_pfnFread = QVR_FILE_fread;
+    pInit->m_pfnFseek = QVR_FILE_fseek;
+    pInit->m_pfnFtell = QVR_FILE_ftell;
+    pInit->m_pfnFclose = QVR_FILE_fclose;
+    pInit->m_pfnFwrite = QVR_FILE_fwrite;
+    pInit->m_pfnFeof = c_file_at_end;
+    pInit->m_pfnFflush = c_file_flush;
+    pInit->m_pfnRemove = remove;
+}
+
+static void fill_init(omx_tdmbrec_component_PrivateType *pPrivate)
+{
+    mp4_mux_init_t *const pInit = &pPrivate->stMuxInit;
+    *pInit = {};
+    fill_memory_callbacks(pInit);
+    fill_file_callbacks(pInit);
+    pInit->m_pOutput = pPrivate->szRecordingPath;
+    pInit->m_uiStreamFlags = MUX_STREAM_VIDEO | MUX_STREAM_AUDIO;
+    pInit->m_uiOptions = MUX_OPTION_32BIT_OFFSET;
+    pInit->m_pCacheMem = QVR_malloc(CACHE_BLOCK_BYTES);
+    pInit->m_iCacheSize = OUTPUT_CACHE_BYTES;
+    pInit->m_iVideoCacheSize = VIDEO_CACHE_BYTES;
+    pInit->m_iAudioCacheSize = AUDIO_CACHE_BYTES;
+    pInit->m_pszTempDir = is_on_removable_storage(pPrivate->szRecordingPath)
+                              ? REMOVABLE_STORAGE_ROOT
+                              : BUILT_IN_STORAGE_ROOT;
+}
+
+static void fill_input(omx_tdmbrec_component_PrivateType *pPrivate)
+{
+    mp4_mux_input_t *const pInput = &pPrivate->stMuxInput;
+    *pInput = {};
+    // Every file carries the same creation time: 5 October 2009, 17:05:18.
+    pInput->m_iYear = 2009;
+    pInput->m_iMonth = 9; // counted from 0
+    pInput->m_iDay = 5;
+    pInput->m_iWeekDay = 1;
+    pInput->m_iHour = 17;
+    pInput->m_iMinute = 5;
+    pInput->m_iSecond = 18;
+    pInput->m_iVideoWidth = VIDEO_WIDTH;
+    pInput->m_iVideoHeight = VIDEO_HEIGHT;
+    pInput->m_iVideoFrameRate = VIDEO_FRAME_RATE;
+    memcpy(&pInput->m_uiVideoFourCC, "avc1", 4);
+    pInput->m_pbyVideoPrivate = pPrivate->aucVideoConfig;
+    pInput->m_iVideoPrivateSize = pPrivate->ucVideoConfigLen;
+    pInput->m_iAudioSampleRate = pPrivate->stZplAenc.m_iAudioSamplePerSec;
+    pInput->m_iAudioBitsPerSample = pPrivate->stZplAenc.m_iAudioBitsPerSample;
+    pInput->m_iAudioChannels = pPrivate->stZplAenc.m_iAudioChannels;
+    pInput->m_iAudioCodec = static_cast<int32_t>(pPrivate->uiAudioCodecTag);
+    if (pPrivate->uiAudioSpecificConfigLen != 0) {
+        pInput->m_pbyAudioPrivate = pPrivate->aucAudioSpecificConfig;
+        pInput->m_iAudioPrivateSize = sizeof(pPrivate->aucAudioSpecificConfig);
+    }
+}
+
+void fetch_mux_error(omx_tdmbrec_component_PrivateType *pPrivate)
+{
+    pPrivate->stMuxError = {};
+    // Without a context there is nothing to fetch.
+    (void)QVR_MP4_MUX(MUX_GET_LAST_ERROR, &pPrivate->hMux, nullptr, &pPrivate->stMuxError);
+    if (pPrivate->stMuxError.m_pszMessage == nullptr) {
+        pPrivate->stMuxError.m_pszMessage = "";
+    }
+}
+
+static OMX_ERRORTYPE open_session_locked(omx_tdmbrec_component_PrivateType *pPrivate)
+{
+    pPrivate->hMux = nullptr;
+    fill_init(pPrivate);
+    fill_input(pPrivate);
+    pPrivate->stMuxCloseMem = {.m_pMem = QVR_malloc(CLOSE_MEMORY_BYTES),
+                               .m_iSize = CLOSE_MEMORY_BYTES};
+    pPrivate->uiFirstVideoPts = 0;
+    // Whatever the result, the close has to run and free the blocks.
+    pPrivate->bMuxOpen = 1;
+    const int32_t result =
+        QVR_MP4_MUX(MUX_OPEN, &pPrivate->hMux, &pPrivate->stMuxInit, &pPrivate->stMuxInput);
+    if (result < 0) {
+        fetch_mux_error(pPrivate);
+        __android_log_print(ANDROID_LOG_ERROR, TDMBREC_LOG_TAG, "[Open:%d] Error:%s\n",
+                            pPrivate->stMuxError.m_iCode, pPrivate->stMuxError.m_pszMessage);
+        return OMX_ErrorBadParameter;
+    }
+    return OMX_ErrorNone;
+}
+
+OMX_ERRORTYPE omx_tdmbrec_mp4_mux_Init(omx_tdmbrec_component_PrivateType *pPrivate)
+{
+    pthread_mutex_lock(&lockTDMBRecording);
+    const OMX_ERRORTYPE result =
+        pPrivate->bMuxOpen != 0 ? OMX_ErrorNone : open_session_locked(pPrivate);
+    pthread_mutex_unlock(&lockTDMBRecording);
+    return result;
+}
+
+static OMX_ERRORTYPE close_session_locked(omx_tdmbrec_component_PrivateType *pPrivate)
+{
+    OMX_ERRORTYPE result = OMX_ErrorNone;
+    if (QVR_MP4_MUX(MUX_CLOSE, &pPrivate->hMux, &pPrivate->stMuxCloseMem, nullptr) < 0) {
+        fetch_mux_error(pPrivate);
+        __android_log_print(ANDROID_LOG_ERROR, TDMBREC_LOG_TAG, "[Close:%d] Error:%s \n",
+                            pPrivate->stMuxError.m_iCode, pPrivate->stMuxError.m_pszMessage);
+        pPrivate->stMuxError.m_pszMessage = nullptr; // it goes with the context
+        // The muxer still holds the file and the blocks: this second call only releases them.
+        (void)QVR_MP4_MUX(MUX_CLOSE, &pPrivate->hMux, nullptr, nullptr);
+        result = OMX_ErrorBadParameter;
+    }
+    pPrivate->hMux = nullptr;
+    QVR_free(pPrivate->stMuxInit.m_pCacheMem);
+    pPrivate->stMuxInit.m_pCacheMem = nullptr;
+    QVR_free(pPrivate->stMuxCloseMem.m_pMem);
+    pPrivate->stMuxCloseMem = {};
+    pPrivate->bMuxOpen = 0;
+    return result;
+}
+
+// ucBufferPort is not among these: it is the buffer thread's, which sets it before every callback.
+static void reset_recording_state(omx_tdmbrec_component_PrivateType *pPrivate)
+{
+    pPrivate->llLastAudioTime = 0;
+    pPrivate->llLastVideoTime = 0;
+    pPrivate->llAudioBaseTime = 0;
+    pPrivate->llVideoBaseTime = 0;
+    pPrivate->ucVideoIntervalState = 0xFF;
+    pPrivate->ucVideoConfigLen = 0;
+    pPrivate->iMuxOpenResult = -1;
+    pPrivate->uiAudioSpecificConfigLen = 0;
+    pPrivate->ucAudioPtsRead = 0;
+    pPrivate->ucAudioPtsWrite = 0;
+    pPrivate->ucAudioPtsCount = 0;
+    pPrivate->ucAudioRollbackCount = 0;
+    pPrivate->ucVideoRollbackCount = 0;
+    pPrivate->uiAacInputSize = 0;
+    pPrivate->uiAudioFrameMs = 0;
+    pPrivate->uiVideoIntervalMs = 0;
+    pPrivate->uiFirstVideoPts = 0;
+    pPrivate->uiLastAudioPts = 0;
+    pPrivate->uiLastVideoPts = 0;
+    pPrivate->uiBackupAudioPts = 0;
+    pPrivate->uiBackupVideoPts = 0;
+    pPrivate->bInBandParameterSets = 0;
+    QVR_free(pPrivate->pucVideoFrame);
+    pPrivate->pucVideoFrame = nullptr;
+    pPrivate->uiVideoFrameSize = 0;
+}
+
+static OMX_ERRORTYPE close_locked(OMX_COMPONENTTYPE *pComponent,
+                                  omx_tdmbrec_component_PrivateType *pPrivate)
+{
+    OMX_ERRORTYPE result = OMX_ErrorNone;
+    close_storage();
+    uint8_t reason = TDMBREC_STOP_STORAGE;
+    if (pPrivate->bMuxOpen == 1) {
+        result = close_session_locked(pPrivate);
+        reason = load_shared(global_uc_stop_type);
+    } else {
+        store_shared<uint8_t>(global_uc_stop_type, reason);
+    }
+    // Also after a recording that never opened its file: its times must not reach the next one.
+    reset_recording_state(pPrivate);
+    // From here on the client may start the next recording, also from the event itself.
+    release_recording(pPrivate);
+    send_event(pComponent, TDMBREC_EVENT_END_OF_RECORDING, 0, reason, nullptr);
+    clear_name_parts(pPrivate);
+    return result;
+}
+
+OMX_ERRORTYPE omx_tdmbrec_mp4_mux_DeInit(OMX_COMPONENTTYPE *pComponent,
+                                         omx_tdmbrec_component_PrivateType *pPrivate)
+{
+    if (holds_recording_lock) {
+        return close_locked(pComponent, pPrivate);
+    }
+    pthread_mutex_lock(&lockTDMBRecording);
+    holds_recording_lock = true;
+    const OMX_ERRORTYPE result = close_locked(pComponent, pPrivate);
+    holds_recording_lock = false;
+    pthread_mutex_unlock(&lockTDMBRecording);
+    return result;
+}

@@ -1,0 +1,23 @@
+// The recording's file: one session of the muxer, from the first parameter sets to the stop.
+#ifndef COMPONENT_MUX_SESSION_H
+#define COMPONENT_MUX_SESSION_H
+
+#include "component/omx_tdmbrec_component.h"
+
+// Opens the session with the captured parameter sets; without any, the muxer takes them from the
+// first access unit. Does nothing when a session is open.
+// returns OMX_ErrorNone, or OMX_ErrorBadParameter when the muxer cannot open the file (logged).
+// thread: the buffer thread; takes lockTDMBRecording.
+[[nodiscard]] OMX_ERRORTYPE omx_tdmbrec_mp4_mux_Init(omx_tdmbrec_component_PrivateType *pPrivate);
+
+// Closes the storage handle and the session, if there is one, resets the recording's state and
+// sends the client the end of the recording with its reason.
+// returns OMX_ErrorNone, or OMX_ErrorBadParameter when the muxer could not finish the file
+// (logged). thread: the stop procedure, or a start that found no storage; takes lockTDMBRecording.
+OMX_ERRORTYPE omx_tdmbrec_mp4_mux_DeInit(OMX_COMPONENTTYPE *pComponent,
+                                         omx_tdmbrec_component_PrivateType *pPrivate);
+
+// Fetches the muxer's last error into stMuxError; its message is never null.
+void fetch_mux_error(omx_tdmbrec_component_PrivateType *pPrivate);
+
+#endif

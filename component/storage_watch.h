@@ -1,0 +1,29 @@
+// The storage that a recording goes to: which root the path lies under, whether it is there and how
+// much room is left.
+#ifndef COMPONENT_STORAGE_WATCH_H
+#define COMPONENT_STORAGE_WATCH_H
+
+#include <stdint.h>
+
+#define BUILT_IN_STORAGE_ROOT "/mnt/sdcard"
+#define REMOVABLE_STORAGE_ROOT "/mnt/sdcard/tflash"
+
+typedef enum storage_state_t {
+    STORAGE_USABLE,
+    STORAGE_UNUSABLE, // no handle, not available, on neither root, or the query failed
+    STORAGE_FULL      // too little room; the handle has been closed and the figures logged
+} storage_state_t;
+
+// True when the path begins with the removable storage's root.
+[[nodiscard]] bool is_on_removable_storage(const char *pszPath);
+
+// Opens the process's storage handle unless it is open. returns false when that fails.
+[[nodiscard]] bool open_storage(void);
+
+// Closes the process's storage handle if it is open.
+void close_storage(void);
+
+// Looks at the storage of a path; one property read and one query for every recorded buffer.
+[[nodiscard]] storage_state_t check_storage(const char *pszPath);
+
+#endif
