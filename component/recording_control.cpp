@@ -1,0 +1,113 @@
+#include "component/recording_control.h"
+
+#include "component/audio_encoder.h"
+#include "component/client_events.h"
+#include "component/component_log.h"
+#include "component/mux_session.h"
+#include "component/process_state.h"
+#include "component/shared_fields.h"
+#include "component/stop_procedure.h"
+#include "component/storage_watch.h"
+
+#include <cstring>
+#include <unistd.h>
+
+// The stop thread itself may get here, from the client's event handler: it cannot join itself.
+static void join_stop_thread(omx_tdmbrec_component_PrivateType *pPrivate)
+{
+    const pthread_t hThread = exchange_shared(pPrivate->hStopThread, pthread_t{});
+    if (hThread == pthread_t{}) {
+        return;
+    }
+    if (pthread_equal(hThread, pthread_self()) != 0) {
+        (void)pthread_detach(hThread);
+    } else {
+        (void)pthread_join(hThread, nullptr);
+    }
+}
+
+static void copy_recording_path(omx_tdmbrec_component_PrivateType *pPrivate)
+{
+    pthread_mutex_lock(&lockParameters);
+    memcpy(pPrivate->szRecordingPath, szOutFileName, TDMBREC_PATH_BYTES);
+    pthread_mutex_unlock(&lockParameters);
+    pPrivate->szRecordingPath[TDMBREC_PATH_BYTES] = '\0';
+}
+
+static OMX_ERRORTYPE start_claimed_recording(OMX_COMPONENTTYPE *pComponent)
+{
+    omx_tdmbrec_component_PrivateType *const pPrivate = private_record(pComponent);
+    join_stop_thread(pPrivate);
+    if (!open_storage()) {
+        store_shared<uint8_t>(global_uc_stop_type, TDMBREC_STOP_STORAGE);
+        (void)omx_tdmbrec_mp4_mux_DeInit(pComponent, pPrivate);
+        return OMX_ErrorNone;
+    }
+    copy_recording_path(pPrivate);
+    const OMX_ERRORTYPE result = omx_tdmbrec_audio_enc_Init(pPrivate);
+    if (result != OMX_ErrorNone) {
+        close_storage();
+        release_recording(pPrivate);
+        return result;
+    }
+    store_shared<uint32_t>(pPrivate->bRecording, 1);
+    return OMX_ErrorNone;
+}
+
+OMX_ERRORTYPE start_recording(OMX_COMPONENTTYPE *pComponent)
+{
+    switch (claim_recording(private_record(pComponent))) {
+    case CLAIM_GRANTED:
+        return start_claimed_recording(pComponent);
+    case CLAIM_RECORDING:
+        __android_log_print(ANDROID_LOG_WARN, TDMBREC_LOG_TAG, "Start while recording: ignored\n");
+        return OMX_ErrorNone;
+    case CLAIM_OTHER_COMPONENT:
+        break;
+    }
+    __android_log_print(ANDROID_LOG_ERROR, TDMBREC_LOG_TAG,
+                        "Start refused: another component is recording\n");
+    return OMX_ErrorInsufficientResources;
+}
+
+void stop_recording(OMX_COMPONENTTYPE *pComponent)
+{
+    omx_tdmbrec_component_PrivateType *const pPrivate = private_record(pComponent);
+    if (!take_recording(pPrivate)) {
+        return;
+    }
+    wait_for_idle_callback(pPrivate);
+    begin_stop(pComponent, TDMBREC_STOP_CLIENT);
+}
+
+void stop_recording_for_good(OMX_COMPONENTTYPE *pComponent)
+{
+    omx_tdmbrec_component_PrivateType *const pPrivate = private_record(pComponent);
+    if (take_recording(pPrivate)) {
+        begin_stop(pComponent, TDMBREC_STOP_DESTROYED);
+    }
+    // Also when somebody else took it a moment ago.
+    while (load_shared(global_recording_owner) == pPrivate) {
+        usleep(1);
+    }
+    join_stop_thread(pPrivate);
+    // A stop thread from which the client started again is not joined: it leaves the record with
+    // this lock.
+    pthread_mutex_lock(&lockTDMBRecording);
+    pthread_mutex_unlock(&lockTDMBRecording);
+    wait_for_idle_callback(pPrivate);
+}
+
+bool take_recording(omx_tdmbrec_component_PrivateType *pPrivate)
+{
+    return swap_shared<uint32_t>(pPrivate->bRecording, 1, 0);
+}
+
+void begin_stop(OMX_COMPONENTTYPE *pComponent, tdmbrec_stop_reason_t reason)
+{
+    store_shared<uint8_t>(global_uc_stop_type, reason);
+    pthread_t hThread; // the thread itself publishes its handle, before anyone can miss it
+    if (pthread_create(&hThread, nullptr, omx_tdmbrec_stop_thread, pComponent) != 0) {
+        run_stop_procedure(pComponent);
+    }
+}
