@@ -1,0 +1,43 @@
+// H.264 access units: from start codes (ITU-T H.264 Annex B) to 32-bit big-endian lengths.
+#ifndef COMPONENT_ACCESS_UNIT_H
+#define COMPONENT_ACCESS_UNIT_H
+
+#include <stdint.h>
+
+#define START_CODE_BYTES 4
+#define NAL_LENGTH_BYTES 4
+#define NAL_TYPE_IDR 5
+#define NAL_TYPE_SPS 7
+#define NAL_TYPE_PPS 8
+#define PARAMETER_SET_SCAN_BYTES 50 // parameter sets are captured from this much of a buffer
+
+// What an access unit in start-code form is made of. Offsets are in bytes from its start.
+typedef struct access_unit_t {
+    uint32_t uiPictureOffset; // start code of the first unit that is no parameter set in front; the
+                              // access unit's length when there is none
+    uint32_t uiSpsCount;      // parameter sets in front
+    uint32_t uiPpsCount;
+    uint32_t uiUnitCount;       // units from uiPictureOffset on
+    uint32_t uiFrontUnitCount;  // parameter sets in front
+    bool is_idr;                // one of the units is an IDR slice
+    bool has_sound_sps;         // an SPS in front that a decoder configuration can be built from
+    bool has_short_start_codes; // a start code of 3 bytes
+    bool has_empty_units;       // a start code with nothing behind it
+} access_unit_t;
+
+// Describes `length` bytes of data.
+// returns false when they are no access unit: no start code at their start, or no unit behind it.
+[[nodiscard]] bool describe_access_unit(const uint8_t *pData, uint32_t length,
+                                        access_unit_t *pAccessUnit);
+
+// Replaces every start code of `length` bytes at pData, which begin with one, by the length of the
+// unit behind it. Zero bytes that trail a unit, and units without a byte, are left out.
+// in       pOut: pData itself when every start code has 4 bytes, else other memory with room for
+//          length bytes and one for every unit
+// returns  the bytes written
+[[nodiscard]] uint32_t prefix_lengths(const uint8_t *pData, uint32_t length, uint8_t *pOut);
+
+// Writes a 32-bit big-endian number.
+void write_be32(uint8_t *pOut, uint32_t value);
+
+#endif

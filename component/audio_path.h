@@ -1,0 +1,21 @@
+// The recording's audio: from a client's PCM buffers to AAC frames with their times.
+#ifndef COMPONENT_AUDIO_PATH_H
+#define COMPONENT_AUDIO_PATH_H
+
+#include "component/frame_writer.h"
+#include "component/omx_tdmbrec_component.h"
+
+typedef enum audio_result_t {
+    AUDIO_CONSUMED,
+    AUDIO_RETRY, // the encoder cannot be initialised; the buffer is untouched
+    AUDIO_STOP   // a write ended the recording, see *pResult
+} audio_result_t;
+
+// Queues the PCM of an audio buffer with time uiTime, encodes every frame that it completes, and
+// writes each with its own time.
+// thread: the buffer thread, while recording
+[[nodiscard]] audio_result_t handle_audio_buffer(omx_tdmbrec_component_PrivateType *pPrivate,
+                                                 OMX_BUFFERHEADERTYPE *pBuffer, uint32_t uiTime,
+                                                 write_result_t *pResult);
+
+#endif

@@ -1,0 +1,107 @@
+// The buffer callback: consumes the client's buffers and, while a recording is active, records
+// them.
+#include "component/audio_path.h"
+#include "component/client_events.h"
+#include "component/component_log.h"
+#include "component/frame_writer.h"
+#include "component/omx_tdmbrec_component.h"
+#include "component/recording_control.h"
+#include "component/shared_fields.h"
+#include "component/storage_watch.h"
+#include "component/time_line.h"
+#include "component/video_path.h"
+
+#include <optional>
+
+typedef std::optional<tdmbrec_stop_reason_t>
+    stop_demand_t; // why the recording has to end, if it has
+
+static bool lies_within_allocation(const OMX_BUFFERHEADERTYPE *pBuffer)
+{
+    return pBuffer->pBuffer != nullptr && pBuffer->nOffset <= pBuffer->nAllocLen &&
+           pBuffer->nFilledLen <= pBuffer->nAllocLen - pBuffer->nOffset;
+}
+
+static stop_demand_t demand_after_write(write_result_t result)
+{
+    switch (result) {
+    case WRITE_FAILED:
+        return TDMBREC_STOP_WRITE;
+    case WRITE_SIZE_LIMIT:
+        return TDMBREC_STOP_SIZE_LIMIT;
+    case WRITE_DONE:
+        break;
+    }
+    return std::nullopt;
+}
+
+static stop_demand_t record_video(omx_tdmbrec_component_PrivateType *pPrivate,
+                                  OMX_BUFFERHEADERTYPE *pBuffer, uint32_t uiTime)
+{
+    mp4_mux_putstream_t frame = {};
+    if (!handle_video_buffer(pPrivate, pBuffer, uiTime, &frame)) {
+        return TDMBREC_STOP_MUX_OPEN;
+    }
+    return demand_after_write(write_frame(pPrivate, &frame));
+}
+
+static stop_demand_t record_audio(omx_tdmbrec_component_PrivateType *pPrivate,
+                                  OMX_BUFFERHEADERTYPE *pBuffer, uint32_t uiTime)
+{
+    write_result_t result = WRITE_DONE;
+    const audio_result_t audio = handle_audio_buffer(pPrivate, pBuffer, uiTime, &result);
+    return audio == AUDIO_STOP ? demand_after_write(result) : std::nullopt;
+}
+
+// The recording branch. Leaves the buffer consumed, except where it has to be offered again.
+static stop_demand_t record_buffer(omx_tdmbrec_component_PrivateType *pPrivate,
+                                   OMX_BUFFERHEADERTYPE *pBuffer)
+{
+    switch (check_storage(pPrivate->szRecordingPath)) {
+    case STORAGE_UNUSABLE:
+        pBuffer->nFilledLen = 0;
+        return TDMBREC_STOP_STORAGE;
+    case STORAGE_FULL:
+        pBuffer->nFilledLen = 0;
+        return TDMBREC_STOP_STORAGE_FULL;
+    case STORAGE_USABLE:
+        break;
+    }
+    if (!lies_within_allocation(pBuffer)) {
+        __android_log_print(ANDROID_LOG_ERROR, TDMBREC_LOG_TAG,
+                            "Buffer beyond its allocation: %u + %u of %u bytes, dropped\n",
+                            pBuffer->nOffset, pBuffer->nFilledLen, pBuffer->nAllocLen);
+        pBuffer->nFilledLen = 0;
+        return std::nullopt;
+    }
+    uint32_t uiTime = 0;
+    if (!map_time_stamp(pPrivate, pBuffer->nTimeStamp, &uiTime)) {
+        pBuffer->nFilledLen = 0;
+        return std::nullopt;
+    }
+    return pPrivate->ucBufferPort == TDMBREC_PORT_VIDEO ? record_video(pPrivate, pBuffer, uiTime)
+                                                        : record_audio(pPrivate, pBuffer, uiTime);
+}
+
+// The gate: bCallbackIdle goes down before bRecording is looked at, so that whoever ended the
+// recording and then sees the flag up knows that no buffer is inside.
+void omx_tdmbrec_component_BufferMgmtCallback(OMX_COMPONENTTYPE *pComponent,
+                                              OMX_BUFFERHEADERTYPE *pBuffer)
+{
+    omx_tdmbrec_component_PrivateType *const pPrivate = private_record(pComponent);
+    if (omx_base_get_state(&pPrivate->stBase) != OMX_StateExecuting) {
+        return;
+    }
+    store_shared<uint32_t>(pPrivate->bCallbackIdle, 0);
+    stop_demand_t demand;
+    if (load_shared(pPrivate->bRecording) == 1) {
+        demand = record_buffer(pPrivate, pBuffer);
+    } else {
+        pBuffer->nFilledLen = 0;
+    }
+    const bool ends_recording = demand.has_value() && take_recording(pPrivate);
+    store_shared<uint32_t>(pPrivate->bCallbackIdle, 1);
+    if (ends_recording) {
+        begin_stop(pComponent, *demand);
+    }
+}
