@@ -11,16 +11,14 @@
 
 #include "mp4mux/mp4_mux.h"
 
-#include <stdint.h>
+#include <cstdint>
 
-#ifdef __cplusplus
 extern "C" {
-#endif
 
 struct mp4_mux_t;
 struct mp4_mux_last_error_t;
 
-typedef struct mp4_mux_bs_t {
+struct mp4_mux_bs_t {
     uint8_t *m_pbyBase;        // the span in use; null until the first write or read arms it
     uint8_t *m_pbyEnd;         // its end: the cache's when writing, that of the read bytes else
     uint32_t m_uiValid;        // bytes that the last file write stored or the last read delivered
@@ -30,10 +28,10 @@ typedef struct mp4_mux_bs_t {
     int32_t m_iCacheSize;      // its bytes
     int64_t m_llFilePos;       // file offset of cache byte 0
     const char *m_pszFileName; // opens the file when the cache overflows, mode "wb+"
-    struct mp4_mux_t *m_pstMux;
-    struct mp4_mux_last_error_t *m_pstError;
+    mp4_mux_t *m_pstMux;
+    mp4_mux_last_error_t *m_pstError;
     int32_t m_bCloseFailed; // nonzero: closing m_hFile failed, so that it is closed no more
-} mp4_mux_bs_t;
+};
 
 // Opening and closing
 
@@ -145,8 +143,6 @@ MP4_MUX_API int32_t mp4_mux_bs_write_le32(mp4_mux_bs_t *bs, uint32_t value);
 // returns  bytes read, an error as above, or MUX_ERR_INVALID for an encoding of over 64 bits
 [[nodiscard]] MP4_MUX_API int32_t mp4_mux_bs_read_value(mp4_mux_bs_t *bs, uint64_t *previous);
 
-#ifdef __cplusplus
-}
-#endif
+} // extern "C"
 
 #endif // MP4MUX_BITSTREAM_H

@@ -5,18 +5,16 @@
 
 #include "mp4mux/mp4_mux.h"
 
-#include <stdint.h>
+#include <cstdint>
 
-#ifdef __cplusplus
 extern "C" {
-#endif
 
 struct mp4_mux_t;
 
 // Calendar
 
 // Broken-down time in the order of the C library's.
-typedef struct mp4_mux_tm_t {
+struct mp4_mux_tm_t {
     int32_t m_iSecond;
     int32_t m_iMinute;
     int32_t m_iHour;
@@ -26,7 +24,7 @@ typedef struct mp4_mux_tm_t {
     int32_t m_iWeekDay; // 0 = Sunday
     int32_t m_iYearDay; // 0 = 1 January
     int32_t m_iDaylight;
-} mp4_mux_tm_t;
+};
 
 // Converts a date (full year; the weekday is not read) and sets its day of the year.
 // returns  seconds since 1970-01-01 00:00:00; -1 for a month out of range or a day beyond the
@@ -64,10 +62,10 @@ MP4_MUX_API int32_t mp4_mux_toupper(int32_t character);
 
 // Description of a stream. Zeroed before its first use.
 //
-// The record owns its extra bytes only when mp4_mux_aac_build_config allocated them, which
-// m_uiExtraOwned says. The wave and bitmap helpers refer to the caller's bytes, which must outlive
+// The record owns its extra bytes only when mp4_mux_aac_build_config allocated them: m_pOwnedExtra
+// equals m_pExtra then. The wave and bitmap helpers refer to the caller's bytes, which must outlive
 // the record's use of them and which no helper ever frees or resizes.
-typedef struct mp4_mux_format_t {
+struct mp4_mux_format_t {
     uint32_t m_uiReserved;
     union {
         int32_t m_iSampleRate;
@@ -78,32 +76,32 @@ typedef struct mp4_mux_format_t {
         int32_t m_iHeight;
     };
     int32_t m_iChannels;
-    uint32_t m_uiFormatTag;  // video: compression code
-    uint8_t *m_pbyExtra;     // extra bytes, or null
-    int32_t m_iExtraSize;    // their count
-    uint32_t m_uiExtraOwned; // nonzero: m_pbyExtra came from the allocator of the context
-} mp4_mux_format_t;
+    uint32_t m_uiFormatTag;    // video: compression code
+    void *m_pExtra;            // extra bytes, or null
+    int32_t m_iExtraSize;      // their count
+    const void *m_pOwnedExtra; // the extra bytes that the record has to free, or null
+};
 
 // Fills a record from a wave-format header; extra bytes that it owned are freed before. A header
 // of less than 16 bytes changes nothing.
 // in       mux: memory callbacks; unused: anything; header: length bytes
 // returns  0
-MP4_MUX_API int32_t mp4_mux_set_wave_format(struct mp4_mux_t *mux, void *unused, uint8_t *header,
+MP4_MUX_API int32_t mp4_mux_set_wave_format(mp4_mux_t *mux, void *unused, void *header,
                                             int32_t length, mp4_mux_format_t *format);
 
 // Fills a record from a bitmap-info header; extra bytes that it owned are freed before. Less than
 // the header's own size, or than its first 20 bytes, changes nothing.
 // returns  0
-MP4_MUX_API int32_t mp4_mux_set_bitmap_format(struct mp4_mux_t *mux, void *unused, uint8_t *header,
+MP4_MUX_API int32_t mp4_mux_set_bitmap_format(mp4_mux_t *mux, void *unused, void *header,
                                               int32_t length, mp4_mux_format_t *format);
 
 // Builds the AudioSpecificConfig of a profile in the record's extra bytes, from the record's
 // sampling rate and channels. A sampling rate below sample_rate implies SBR.
 // in       profile: a record whose bytes from 12 on are the profile's name, terminated
 // returns  0 or MUX_ERR_MEMORY
-// owns     the record owns the bytes, until mp4_mux_clear_data_memory on m_pbyExtra
+// owns     the record owns the bytes, until mp4_mux_clear_data_memory on m_pExtra
 // source   ISO/IEC 14496-3, 1.6.2.1
-[[nodiscard]] MP4_MUX_API int32_t mp4_mux_aac_build_config(struct mp4_mux_t *mux, void *unused,
+[[nodiscard]] MP4_MUX_API int32_t mp4_mux_aac_build_config(mp4_mux_t *mux, void *unused,
                                                            const uint8_t *profile,
                                                            int32_t sample_rate,
                                                            mp4_mux_format_t *format);
@@ -112,16 +110,14 @@ MP4_MUX_API int32_t mp4_mux_set_bitmap_format(struct mp4_mux_t *mux, void *unuse
 // out      slot: the memory
 // returns  0 or MUX_ERR_MEMORY
 // owns     the caller, until mp4_mux_clear_allocated_data
-[[nodiscard]] MP4_MUX_API int32_t mp4_mux_get_allocated_data(struct mp4_mux_t *mux, void *unused,
+[[nodiscard]] MP4_MUX_API int32_t mp4_mux_get_allocated_data(mp4_mux_t *mux, void *unused,
                                                              uint32_t size, void **slot);
 
 // Free what the slot holds and set it to null.
 // returns  0
-MP4_MUX_API int32_t mp4_mux_clear_allocated_data(struct mp4_mux_t *mux, void *unused, void **slot);
-MP4_MUX_API int32_t mp4_mux_clear_data_memory(struct mp4_mux_t *mux, void *unused, void **slot);
+MP4_MUX_API int32_t mp4_mux_clear_allocated_data(mp4_mux_t *mux, void *unused, void **slot);
+MP4_MUX_API int32_t mp4_mux_clear_data_memory(mp4_mux_t *mux, void *unused, void **slot);
 
-#ifdef __cplusplus
-}
-#endif
+} // extern "C"
 
 #endif // MP4MUX_MUX_UTIL_H

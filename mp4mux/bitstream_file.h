@@ -1,0 +1,32 @@
+// What the writing and the reading half of the bitstream share: its position and its file.
+#ifndef MP4MUX_BITSTREAM_FILE_H
+#define MP4MUX_BITSTREAM_FILE_H
+
+#include "mp4mux/bitstream.h"
+
+#include <cstdint>
+
+// The file position of the next byte.
+[[nodiscard]] inline int64_t bs_position(const mp4_mux_bs_t *bs)
+{
+    return bs->m_llFilePos + bs->m_uiFill;
+}
+
+// Records a failure in the bitstream's error record.
+// returns  code
+int32_t bs_fail(const mp4_mux_bs_t *bs, int32_t code, const char *message);
+
+// Sets m_llFilePos from the file, if one is open.
+// returns  0, or MUX_ERR_SEEK with the message
+[[nodiscard]] int32_t bs_refresh(mp4_mux_bs_t *bs, const char *message);
+
+// Empties the cache and seeks the open file.
+// returns  the callback's result, or MUX_ERR_SEEK for a position that it cannot express
+[[nodiscard]] int32_t bs_seek_file(mp4_mux_bs_t *bs, int64_t position);
+
+// Shows up to max (above 0) of the next bytes to read where they lie in the cache, without
+// consuming them: the caller adds what it takes to m_uiFill. out      bytes: valid until the
+// bitstream's next use returns  number of bytes (1 to max), or an error as mp4_mux_bs_read_bytes
+[[nodiscard]] int32_t bs_borrow_bytes(mp4_mux_bs_t *bs, int32_t max, const uint8_t **bytes);
+
+#endif // MP4MUX_BITSTREAM_FILE_H

@@ -1,0 +1,100 @@
+#include "mp4mux/first_frame.h"
+
+#include "mp4mux/avc_syntax.h"
+#include "mp4mux/track.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <span>
+
+using nal_unit = std::span<const uint8_t>;
+
+static constexpr size_t kLengthBytes = 4;
+
+static size_t load_be32(const uint8_t *from)
+{
+    return static_cast<size_t>(from[0]) << 24 | static_cast<size_t>(from[1]) << 16 |
+           static_cast<size_t>(from[2]) << 8 | from[3];
+}
+
+struct parameter_sets {
+    nal_unit sps;
+    nal_unit pps;
+};
+
+// Walks length-prefixed NAL units until both parameter sets are found, the frame ends, or a length
+// leads out of it.
+static parameter_sets find_parameter_sets(nal_unit frame)
+{
+    parameter_sets found = {};
+    while (frame.size() > kLengthBytes && (found.sps.empty() || found.pps.empty())) {
+        const size_t length = load_be32(frame.data());
+        frame = frame.subspan(kLengthBytes);
+        if (length > frame.size()) {
+            break;
+        }
+        const nal_unit unit = frame.first(length);
+        frame = frame.subspan(length);
+        if (unit.empty()) {
+            continue;
+        }
+        if (nal_unit_type(unit) == NAL_TYPE_SPS) {
+            found.sps = unit;
+        } else if (nal_unit_type(unit) == NAL_TYPE_PPS) {
+            found.pps = unit;
+        }
+    }
+    return found;
+}
+
+static uint8_t *put_bytes(const mp4_mux_t *mux, uint8_t *to, nal_unit unit)
+{
+    *to++ = static_cast<uint8_t>(unit.size() >> 8);
+    *to++ = static_cast<uint8_t>(unit.size());
+    mux->m_stMem.m_pfnMemcpy(to, unit.data(), unit.size());
+    return to + unit.size();
+}
+
+int32_t take_avc_configuration(mp4_mux_t *mux, mp4_mux_track_t *p_track,
+                               const mp4_mux_putstream_t *frame)
+{
+    const parameter_sets sets =
+        find_parameter_sets({frame->m_pbyData, static_cast<size_t>(frame->m_iDataSize)});
+    if (sets.sps.size() < kMinSpsBytes || sets.pps.empty() || sets.sps.size() > UINT16_MAX ||
+        sets.pps.size() > UINT16_MAX) {
+        return 0;
+    }
+    const size_t size = sets.sps.size() + sets.pps.size() + 11;
+    uint8_t *record = static_cast<uint8_t *>(mux->m_stMem.m_pfnMalloc(size));
+    if (record == nullptr) {
+        return mp4_mux_set_last_error(MUX_ERR_MEMORY, 0,
+                                      "Insufficient memory to allocate of m_pbyCodecPrivate",
+                                      &mux->m_stLastError);
+    }
+    uint8_t *to = record;
+    *to++ = 1;           // unsigned int(8) configurationVersion;
+    *to++ = sets.sps[1]; // unsigned int(8) AVCProfileIndication;
+    *to++ = sets.sps[2]; // unsigned int(8) profile_compatibility;
+    *to++ = sets.sps[3]; // unsigned int(8) AVCLevelIndication;
+    *to++ = 0xFF;        // bit(6) reserved; unsigned int(2) lengthSizeMinusOne;
+    *to++ = 0xE1;        // bit(3) reserved; unsigned int(5) numOfSequenceParameterSets;
+    to = put_bytes(mux, to, sets.sps);
+    *to++ = 1; // unsigned int(8) numOfPictureParameterSets;
+    put_bytes(mux, to, sets.pps);
+
+    p_track->m_pbyCodecPrivate = record;
+    p_track->m_iCodecPrivateSize = static_cast<int32_t>(size);
+    mux->m_iMoovSizeEstimate = static_cast<int32_t>(std::min<int64_t>(
+        int64_t{mux->m_iMoovSizeEstimate} + p_track->m_iCodecPrivateSize, INT32_MAX));
+    return 0;
+}
+
+int32_t take_ac3_configuration(mp4_mux_t *mux, mp4_mux_track_t *p_track,
+                               const mp4_mux_putstream_t *frame)
+{
+    if (frame->m_iDataSize == 0) {
+        return 0;
+    }
+    return set_codec_private(mux, p_track, frame->m_pbyData, frame->m_iDataSize,
+                             "Insufficient memory to allocate of m_pbyCodecPrivate ac3");
+}

@@ -1,0 +1,198 @@
+#include "mp4mux/frame.h"
+
+#include "mp4mux/bitstream_file.h"
+#include "mp4mux/box_writer.h"
+#include "mp4mux/first_frame.h"
+#include "mp4mux/table_record.h"
+
+// What a movie box may need beyond its estimate: the longer forms of two track and media headers,
+// and the runs that the close adds.
+static constexpr int64_t kMovieReserveBytes = 256;
+
+static int32_t fail(mp4_mux_t *mux, int32_t code, const char *message)
+{
+    return mp4_mux_set_last_error(code, 0, message, &mux->m_stLastError);
+}
+
+static mp4_mux_track_t *find_track(mp4_mux_t *mux, int32_t type)
+{
+    for (uint32_t i = 0; i < mux->m_uiTrackCount; i++) {
+        mp4_mux_track_t *p_track = mux->m_pstTrack[i]; // null once the close has released it
+        if (p_track != nullptr && p_track->m_iType == type) {
+            return p_track;
+        }
+    }
+    return nullptr;
+}
+
+// Bytes of the sample tables for the frames so far.
+static int64_t sample_table_bytes(mp4_mux_t *mux)
+{
+    const uint32_t frame_bytes = mux->m_b32BitOffset != 0 ? 8 : 12; // offset and size
+    const mp4_mux_track_t *video = find_track(mux, MUX_TYPE_VIDEO);
+    const mp4_mux_track_t *audio = find_track(mux, MUX_TYPE_AUDIO);
+    uint32_t video_bytes = 0;
+    uint32_t audio_bytes = 0;
+    if (video != nullptr) {
+        video_bytes = video->m_uiSampleCount * frame_bytes + video->m_uiSyncSampleCount * 4 +
+                      (static_cast<uint32_t>(video->m_iSttsEntryCount) + 2) * 8;
+    }
+    if (audio != nullptr) {
+        audio_bytes = audio->m_uiSampleCount * frame_bytes;
+    }
+    return int64_t{static_cast<int32_t>(video_bytes)} + static_cast<int32_t>(audio_bytes);
+}
+
+static int64_t estimate_file_size(mp4_mux_t *mux)
+{
+    return bs_position(&mux->m_Bs) + mux->m_iMoovSizeEstimate + sample_table_bytes(mux);
+}
+
+// Refuses what must not reach the file: nothing has been written when this fails.
+static int32_t check_frame(mp4_mux_t *mux, const mp4_mux_putstream_t *frame)
+{
+    if (mux->m_iState != MUX_STATE_RECORDING) {
+        return fail(mux, MUX_ERR_INVALID, "file is not open for frames");
+    }
+    if (frame->m_iDataSize < 0) {
+        return fail(mux, MUX_ERR_INVALID, "mp4_mux_putstream_t's size is negative");
+    }
+    if (frame->m_pbyData == nullptr && frame->m_iDataSize > 0) {
+        return fail(mux, MUX_ERR_INVALID, "mp4_mux_putstream_t's data is NULL");
+    }
+    if (mux->m_b32BitOffset != 0 && bs_position(&mux->m_Bs) > UINT32_MAX) {
+        return fail(mux, MUX_ERR_INVALID, "frame lies beyond 32-bit chunk offsets");
+    }
+    // The close seeks in the file, up to the end of its movie box.
+    const bool seeks_32bit =
+        mux->m_stFile.m_pfnFseek64 == nullptr || mux->m_stFile.m_pfnFtell64 == nullptr;
+    if (seeks_32bit &&
+        estimate_file_size(mux) + frame->m_iDataSize + kMovieReserveBytes > INT32_MAX) {
+        return fail(mux, MUX_ERR_INVALID, "frame lies beyond 32-bit seeks");
+    }
+    return 0;
+}
+
+static bool is_sync_sample(const mp4_mux_putstream_t *frame)
+{
+    return frame->m_iType == MUX_TYPE_VIDEO && (frame->m_uiFlags & MUX_FRAME_KEY) != 0;
+}
+
+// Records the frame's place and size.
+static void append_chunk_and_size(mp4_mux_t *mux, mp4_mux_track_t *p_track, int32_t size)
+{
+    const uint64_t offset = static_cast<uint64_t>(bs_position(&mux->m_Bs));
+    if (mux->m_b32BitOffset != 0) {
+        append_be32(&p_track->m_BsSTCO, static_cast<uint32_t>(offset));
+    } else {
+        append_be64(&p_track->m_BsSTCO, offset);
+    }
+    append_be32(&p_track->m_BsSTSZ, static_cast<uint32_t>(size));
+}
+
+// Counts the frame into the open run of equal durations, or closes that run and opens another.
+// The time between two frames is known with the second one: it counts for the first.
+static int32_t append_duration(mp4_mux_t *mux, mp4_mux_track_t *p_track, uint32_t time_ms)
+{
+    const uint32_t delta_ms = time_ms - p_track->m_uiPrevTimeStamp;
+    if (delta_ms == p_track->m_uiSttsRunDeltaMs) {
+        p_track->m_iSttsRunCount++;
+        return 0;
+    }
+    if (p_track->m_iSttsEntryCount != -1) {
+        if (!append_run(p_track)) {
+            return mux->m_stLastError.m_iCode;
+        }
+        p_track->m_iSttsSampleCount += p_track->m_iSttsRunCount;
+    }
+    // A step back in time is a negative difference, also in 64 bits.
+    const int64_t signed_delta_ms = static_cast<int32_t>(delta_ms);
+    p_track->m_uiSttsRunDeltaMs = delta_ms;
+    p_track->m_iSttsEntryCount++;
+    p_track->m_iSttsRunCount = 1;
+    p_track->m_iSttsRunDelta =
+        static_cast<int32_t>(signed_delta_ms * p_track->m_uiTimeScale / 1000);
+    return 0;
+}
+
+static int32_t append_video_records(mp4_mux_t *mux, mp4_mux_track_t *p_track,
+                                    const mp4_mux_putstream_t *frame)
+{
+    const int32_t result = append_duration(mux, p_track, frame->m_uiTimeStamp);
+    if (result < 0) {
+        return result;
+    }
+    if (is_sync_sample(frame)) {
+        append_be32(&p_track->m_BsSTSS, p_track->m_uiSampleCount + 1);
+    }
+    return 0;
+}
+
+// Takes from the first frame of a track what the track does not know yet.
+static int32_t take_configuration(mp4_mux_t *mux, mp4_mux_track_t *p_track,
+                                  const mp4_mux_putstream_t *frame)
+{
+    if (p_track->m_uiSampleCount != 0 || p_track->m_iCodecPrivateSize != 0) {
+        return 0;
+    }
+    if (frame->m_iType == MUX_TYPE_VIDEO && p_track->m_uiFourCC == fourcc("avc1")) {
+        return take_avc_configuration(mux, p_track, frame);
+    }
+    if (frame->m_iType == MUX_TYPE_AUDIO && p_track->m_uiFourCC == fourcc("ac-3")) {
+        return take_ac3_configuration(mux, p_track, frame);
+    }
+    return 0;
+}
+
+static void note_sample_size(mp4_mux_track_t *p_track, uint32_t size)
+{
+    if (p_track->m_uiLastSampleSize != 0 && p_track->m_uiLastSampleSize != size) {
+        p_track->m_bVariableSampleSize = 1;
+    }
+    p_track->m_uiLastSampleSize = size;
+}
+
+static int32_t append_frame(mp4_mux_t *mux, mp4_mux_track_t *p_track,
+                            const mp4_mux_putstream_t *frame)
+{
+    append_chunk_and_size(mux, p_track, frame->m_iDataSize);
+    if (frame->m_iType == MUX_TYPE_VIDEO) {
+        const int32_t result = append_video_records(mux, p_track, frame);
+        if (result < 0) {
+            return result;
+        }
+    }
+    return mp4_mux_bs_write_bytes(&mux->m_Bs, frame->m_pbyData, frame->m_iDataSize);
+}
+
+int32_t mp4_mux_putframe(mp4_mux_t *mux, const mp4_mux_putstream_t *frame)
+{
+    mp4_mux_track_t *p_track = find_track(mux, frame->m_iType);
+    if (p_track == nullptr) {
+        return fail(mux, MUX_ERR_NO_STREAM, "stream does not exist");
+    }
+    int32_t result = check_frame(mux, frame);
+    if (result >= 0) {
+        result = take_configuration(mux, p_track, frame);
+    }
+    if (result < 0) {
+        return result;
+    }
+    const uint32_t size = static_cast<uint32_t>(frame->m_iDataSize);
+    if (frame->m_iType == MUX_TYPE_AUDIO) {
+        note_sample_size(p_track, size);
+    }
+    result = append_frame(mux, p_track, frame);
+    if (result < 0) {
+        mp4_mux_add_err_string("<mp4_mux_putframe", &mux->m_stLastError);
+        return result;
+    }
+    p_track->m_uiLastTimeStamp = frame->m_uiTimeStamp;
+    p_track->m_uiPrevTimeStamp = frame->m_uiTimeStamp;
+    p_track->m_uiSampleCount++;
+    p_track->m_uiChunkCount++;
+    p_track->m_uiSyncSampleCount += is_sync_sample(frame) ? 1u : 0u;
+    mux->m_ullMediaSize += size;
+    mux->m_llEstimatedFileSize = estimate_file_size(mux);
+    return 0;
+}

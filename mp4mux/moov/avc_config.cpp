@@ -1,0 +1,113 @@
+#include "mp4mux/moov/avc_config.h"
+
+#include "mp4mux/avc_syntax.h"
+#include "mp4mux/box_writer.h"
+
+#include <cstddef>
+#include <cstring>
+#include <span>
+
+using byte_span = std::span<const uint8_t>;
+
+static constexpr int32_t kMinConfigBytes = 7;
+static constexpr size_t kMaxCollectedBytes = 1024;
+static constexpr size_t kLengthBytes = 4;
+
+struct parameter_sets {
+    byte_span sps;
+    byte_span pps;
+};
+
+static bool is_aligned(const uint8_t *at)
+{
+    return (reinterpret_cast<uintptr_t>(at) & 3) == 0;
+}
+
+static bool has_zero_byte(const uint8_t *at)
+{
+    uint32_t word = 0;
+    std::memcpy(&word, at, sizeof(word));
+    return ((word - 0x01010101) & ~word & 0x80808080) != 0;
+}
+
+// The first start code at or behind `from`, with the zero byte before it; or the end of the data.
+static size_t find_start_code(byte_span data, size_t from)
+{
+    size_t at = from;
+    while (at + 3 <= data.size()) {
+        if (at + 4 <= data.size() && is_aligned(&data[at]) && !has_zero_byte(&data[at])) {
+            at += 4;
+            continue;
+        }
+        if (data[at] == 0 && data[at + 1] == 0 && data[at + 2] == 1) {
+            return at > from && data[at - 1] == 0 ? at - 1 : at;
+        }
+        at++;
+    }
+    return data.size();
+}
+
+static void note_parameter_set(byte_span unit, parameter_sets *found)
+{
+    const uint8_t type = nal_unit_type(unit);
+    if (type == NAL_TYPE_SPS && unit.size() >= kMinSpsBytes) {
+        found->sps = unit;
+    } else if (type == NAL_TYPE_PPS) {
+        found->pps = unit;
+    }
+}
+
+// Splits Annex B into its units, until both parameter sets are found.
+static parameter_sets find_parameter_sets(byte_span data)
+{
+    parameter_sets found = {};
+    size_t collected = 0;
+    size_t at = find_start_code(data, 0);
+    while (at < data.size() && (found.sps.empty() || found.pps.empty())) {
+        while (data[at] == 0) { // a start code ends with its 1
+            at++;
+        }
+        const size_t begin = at + 1;
+        at = find_start_code(data, begin);
+        const byte_span unit = data.subspan(begin, at - begin);
+        if (!unit.empty() && collected + kLengthBytes + unit.size() <= kMaxCollectedBytes) {
+            collected += kLengthBytes + unit.size();
+            note_parameter_set(unit, &found);
+        }
+    }
+    return found;
+}
+
+// Failures of these writes are in the error record.
+static void write_unit(mp4_mux_bs_t *bs, byte_span unit)
+{
+    mp4_mux_bs_write_be16(bs, static_cast<uint32_t>(unit.size())); // unsigned int(16) length;
+    (void)mp4_mux_bs_write_bytes(bs, unit.data(), static_cast<int32_t>(unit.size()));
+}
+
+int32_t isom_write_avcc(mp4_mux_t *mux, const uint8_t *data, int32_t length)
+{
+    mp4_mux_bs_t *bs = mux->m_pBs;
+    if (length < kMinConfigBytes) {
+        return 0;
+    }
+    const byte_span bytes = {data, static_cast<size_t>(length)};
+    if (find_start_code(bytes.first(4), 0) != 0) {
+        (void)mp4_mux_bs_write_bytes(bs, data, length); // a record already
+        return 0;
+    }
+    const parameter_sets sets = find_parameter_sets(bytes);
+    if (sets.sps.empty()) {
+        return 0;
+    }
+    mp4_mux_bs_write_be8(bs, 1);           // unsigned int(8) configurationVersion = 1;
+    mp4_mux_bs_write_be8(bs, sets.sps[1]); // unsigned int(8) AVCProfileIndication;
+    mp4_mux_bs_write_be8(bs, sets.sps[2]); // unsigned int(8) profile_compatibility;
+    mp4_mux_bs_write_be8(bs, sets.sps[3]); // unsigned int(8) AVCLevelIndication;
+    mp4_mux_bs_write_be8(bs, 0xFF);        // bit(6) reserved; unsigned int(2) lengthSizeMinusOne;
+    mp4_mux_bs_write_be8(bs, 0xE1);        // bit(3) reserved; unsigned int(5) numOfSPS = 1;
+    write_unit(bs, sets.sps);
+    mp4_mux_bs_write_be8(bs, 1); // unsigned int(8) numOfPictureParameterSets;
+    write_unit(bs, sets.pps);
+    return 0;
+}

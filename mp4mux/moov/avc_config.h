@@ -1,0 +1,17 @@
+// The AVC decoder configuration record.
+#ifndef MP4MUX_MOOV_AVC_CONFIG_H
+#define MP4MUX_MOOV_AVC_CONFIG_H
+
+#include "mp4mux/mux_context.h"
+
+#include <cstdint>
+
+// Writes the payload of an avcC box: length bytes that are a record already as they are, or a
+// record of the last SPS and PPS in length bytes of Annex B. Writes nothing for fewer than 7 bytes
+// and for Annex B without an SPS; a unit beyond the first 1024 bytes of collected units (each with
+// a length of 4 bytes) is left out.
+// returns  0; write failures are in the error record
+// source   ISO/IEC 14496-15, 5.2.4.1; ITU-T H.264, Annex B
+int32_t isom_write_avcc(mp4_mux_t *mux, const uint8_t *data, int32_t length);
+
+#endif // MP4MUX_MOOV_AVC_CONFIG_H

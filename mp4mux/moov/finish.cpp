@@ -1,0 +1,278 @@
+#include "mp4mux/moov/finish.h"
+
+#include "mp4mux/bitstream_file.h"
+#include "mp4mux/box_writer.h"
+#include "mp4mux/file_head.h"
+#include "mp4mux/moov/movie_box.h"
+#include "mp4mux/moov/table_copy.h"
+#include "mp4mux/table_record.h"
+#include "mp4mux/track.h"
+
+#include <algorithm>
+#include <array>
+
+static constexpr uint64_t kMaxMediaBytes = 0xFFFFFFF7; // with its header still a 32-bit size
+static constexpr int kMaxFillerRuns = 3;
+
+enum trailer_result {
+    TRAILER_WRITTEN,
+    TRAILER_FAILED,
+    TRAILER_RUNS_FAILED, // the duration runs could not be completed
+};
+
+struct scratch_table {
+    mp4_mux_bs_t *bs;
+    const char *name;
+    const char *close_tag;
+};
+
+static std::array<scratch_table, 5> scratch_tables_of(mp4_mux_track_t *p_track)
+{
+    return {{
+        {&p_track->m_BsSTCO, p_track->m_szSTCOName, "<mp4_mux_close.&p_track->m_BsSTCO"},
+        {&p_track->m_BsSTSS, p_track->m_szSTSSName, "<mp4_mux_close.&p_track->m_BsSTSS"},
+        {&p_track->m_BsSTSZ, p_track->m_szSTSZName, "<mp4_mux_close.&p_track->m_BsSTSZ"},
+        {&p_track->m_BsSTTS, p_track->m_szSTTSName, "<mp4_mux_close.&p_track->m_BsSTTS"},
+        {&p_track->m_BsSTTSDts, p_track->m_szSTTSDtsName, "<mp4_mux_close.&p_track->m_BsSTTSDts"},
+    }};
+}
+
+// Number of whole records in a scratch table that still stands at its end.
+static uint32_t record_count(const mp4_mux_t *mux, const mp4_mux_bs_t *bs, int32_t header_bytes,
+                             int32_t record_bytes)
+{
+    const int64_t reserved = mux->m_pfnAppendFile != nullptr ? header_bytes : 0;
+    const int64_t records = (bs_position(bs) - reserved) / record_bytes;
+    return static_cast<uint32_t>(std::clamp<int64_t>(records, 0, UINT32_MAX));
+}
+
+// A frame whose records could not be stored was counted all the same. The track then ends with the
+// last frame that all its tables describe.
+static void drop_unrecorded_frames(const mp4_mux_t *mux, mp4_mux_track_t *p_track)
+{
+    const int32_t offset_bytes = mux->m_b32BitOffset != 0 ? 4 : 8;
+    const uint32_t offsets = record_count(mux, &p_track->m_BsSTCO, kTableHeaderBytes, offset_bytes);
+    const uint32_t sizes = record_count(mux, &p_track->m_BsSTSZ, kSizeTableHeaderBytes, 4);
+    const uint32_t syncs = record_count(mux, &p_track->m_BsSTSS, kTableHeaderBytes, 4);
+    p_track->m_uiSampleCount = std::min({p_track->m_uiSampleCount, offsets, sizes});
+    p_track->m_uiChunkCount = p_track->m_uiSampleCount;
+    p_track->m_uiSyncSampleCount = std::min(p_track->m_uiSyncSampleCount, syncs);
+}
+
+// Writes a scratch table's last bytes and goes back to its start, if it has a file.
+static bool rewind_table(mp4_mux_bs_t *bs)
+{
+    if (bs->m_hFile == nullptr) {
+        return true;
+    }
+    return mp4_mux_bs_write_flush(bs) >= 0 && mp4_mux_bs_fseek_reset(bs, 0) == 0;
+}
+
+// Closes the open run of durations. The last frame is in no run yet: it lasts no time.
+static bool complete_runs(mp4_mux_track_t *p_track)
+{
+    if (p_track->m_iSttsRunCount != 0) {
+        if (!append_run(p_track)) {
+            return false;
+        }
+        p_track->m_iSttsEntryCount++;
+        p_track->m_iSttsSampleCount += p_track->m_iSttsRunCount;
+    }
+    const int64_t chunks = p_track->m_uiChunkCount;
+    for (int i = 0; i < kMaxFillerRuns && p_track->m_iSttsSampleCount < chunks; i++) {
+        if (!append_filler_run(p_track)) {
+            return false;
+        }
+        p_track->m_iSttsEntryCount++;
+        p_track->m_iSttsSampleCount++;
+    }
+    return true;
+}
+
+static trailer_result complete_tables(const mp4_mux_t *mux, mp4_mux_track_t *p_track)
+{
+    const bool is_video = p_track->m_iType == MUX_TYPE_VIDEO;
+    drop_unrecorded_frames(mux, p_track);
+    if (!rewind_table(&p_track->m_BsSTCO)) {
+        return TRAILER_FAILED;
+    }
+    if (is_video && !complete_runs(p_track)) {
+        return TRAILER_RUNS_FAILED;
+    }
+    if (!rewind_table(&p_track->m_BsSTTSDts) || !rewind_table(&p_track->m_BsSTSZ)) {
+        return TRAILER_FAILED;
+    }
+    if (is_video && (!append_be32(&p_track->m_BsSTSS, 0) || !rewind_table(&p_track->m_BsSTSS))) {
+        return TRAILER_FAILED;
+    }
+    return TRAILER_WRITTEN;
+}
+
+// Writes the size of the media data, which ends at the current position. It is measured, not summed
+// up: a frame that failed halfway has left bytes that belong to no sample.
+static bool fix_media_size(mp4_mux_t *mux)
+{
+    mp4_mux_bs_t *bs = mux->m_pBs;
+    const int64_t end = bs_position(bs);
+    const int64_t header = mux->m_uiMdatPos;
+    const uint64_t box_bytes = static_cast<uint64_t>(end - header);
+    int64_t written = 0;
+    if (box_bytes > kMaxMediaBytes + kMdatHeaderBytes) {
+        const int64_t start = header - kFreeBoxBytes;
+        if (mp4_mux_bs_write_fseek_reset(bs, start) != 0) {
+            return false;
+        }
+        mp4_mux_bs_write_be32(bs, 1);                         // unsigned int(32) size;
+        mp4_mux_bs_write_tag(bs, "mdat");                     // unsigned int(32) type;
+        mp4_mux_bs_write_be64(bs, box_bytes + kFreeBoxBytes); // unsigned int(64) largesize;
+        written = bs_position(bs) - start - 16;
+    } else {
+        if (mp4_mux_bs_write_fseek_reset(bs, header) != 0) {
+            return false;
+        }
+        mp4_mux_bs_write_be32(bs, static_cast<uint32_t>(box_bytes)); // unsigned int(32) size;
+        written = bs_position(bs) - header - 4;
+    }
+    return written == 0 && mp4_mux_bs_write_fseek_reset(bs, end) == 0;
+}
+
+static trailer_result write_trailer(mp4_mux_t *mux)
+{
+    mp4_mux_bs_t *bs = mux->m_pBs;
+    for (uint32_t i = 0; i < mux->m_uiTrackCount; i++) {
+        const trailer_result result = complete_tables(mux, mux->m_pstTrack[i]);
+        if (result != TRAILER_WRITTEN) {
+            return result;
+        }
+    }
+    if (!fix_media_size(mux)) {
+        return TRAILER_FAILED;
+    }
+    if (mux->m_iCloseMemMode == CLOSE_MEM_LARGE &&
+        reset_write_cache2(bs, mux->m_pCloseMem, mux->m_iCloseMemSize / 2) < 0) {
+        return TRAILER_FAILED;
+    }
+    if (write_moov_box(mux) < 0 || mp4_mux_bs_write_flush(bs) < 0) {
+        return TRAILER_FAILED;
+    }
+    return TRAILER_WRITTEN;
+}
+
+static void free_private_data(mp4_mux_t *mux, mp4_mux_track_t *p_track)
+{
+    if (p_track->m_iCodecPrivateSize != 0 && p_track->m_pbyCodecPrivate != nullptr) {
+        mux->m_stMem.m_pfnFree(p_track->m_pbyCodecPrivate);
+        p_track->m_pbyCodecPrivate = nullptr;
+    }
+}
+
+static void free_cache(mp4_mux_t *mux)
+{
+    if (mux->m_bExternalCache == 0 && mux->m_pCache != nullptr) {
+        mux->m_stMem.m_pfnFree(mux->m_pCache);
+        mux->m_pCache = nullptr;
+    }
+}
+
+// Releases one track; stops at the first scratch file that cannot be closed.
+static int32_t release_track(mp4_mux_t *mux, mp4_mux_track_t **slot)
+{
+    mp4_mux_track_t *p_track = *slot;
+    free_private_data(mux, p_track);
+    for (const scratch_table &table : scratch_tables_of(p_track)) {
+        const int32_t result = close_scratch(table.bs, table.name);
+        if (result < 0) {
+            mp4_mux_add_err_string(table.close_tag, &mux->m_stLastError);
+            return result;
+        }
+    }
+    mux->m_stMem.m_pfnFree(p_track);
+    *slot = nullptr;
+    return 0;
+}
+
+static int32_t release_all(mp4_mux_t *mux)
+{
+    for (uint32_t i = 0; i < mux->m_uiTrackCount; i++) {
+        const int32_t result = release_track(mux, &mux->m_pstTrack[i]);
+        if (result < 0) {
+            return result;
+        }
+    }
+    free_cache(mux);
+    const int32_t result = mp4_mux_close_bitstream_from_external_memory(&mux->m_Bs);
+    if (result < 0) {
+        mp4_mux_add_err_string("<mp4_mux_close.&pstMp4Mux->m_Bs", &mux->m_stLastError);
+        return result;
+    }
+    mux->m_stMem.m_pfnFree(mux);
+    return 0;
+}
+
+// What ends the file: the trailer, or for a file without frames the head that is still cached.
+static int32_t finish_file(mp4_mux_t *mux)
+{
+    trailer_result result = TRAILER_WRITTEN;
+    if (static_cast<int64_t>(mux->m_ullMediaSize) > 0) {
+        result = write_trailer(mux);
+    } else if (mp4_mux_bs_write_flush(mux->m_pBs) < 0) {
+        result = TRAILER_FAILED;
+    }
+    if (result == TRAILER_WRITTEN) {
+        return 0;
+    }
+    if (result == TRAILER_FAILED) {
+        mp4_mux_add_err_string("<write_trailer", &mux->m_stLastError);
+    }
+    if (mux->m_stLastError.m_iCode < 0) {
+        mp4_mux_add_err_string("<mp4_mux_close", &mux->m_stLastError);
+    }
+    return mux->m_stLastError.m_iCode;
+}
+
+int32_t mp4_mux_close(mp4_mux_t *mux)
+{
+    const bool was_recording = mux->m_iState == MUX_STATE_RECORDING;
+    mux->m_iState = MUX_STATE_ENDED;
+    if (was_recording) {
+        const int32_t result = finish_file(mux);
+        if (result < 0) {
+            return result;
+        }
+    }
+    return release_all(mux);
+}
+
+// A handle whose close failed is gone: it is not closed again.
+static void abandon_file(mp4_mux_bs_t *bs, const char *name)
+{
+    if (bs->m_hFile == nullptr) {
+        return;
+    }
+    if (bs->m_bCloseFailed == 0) {
+        (void)mp4_mux_close_bitstream_from_external_memory(bs);
+    }
+    bs->m_hFile = nullptr;
+    const mp4_mux_file_t &file = bs->m_pstMux->m_stFile;
+    if (file.m_pfnRemove != nullptr && name != nullptr) {
+        file.m_pfnRemove(name);
+    }
+}
+
+void mp4_mux_release(mp4_mux_t *mux)
+{
+    for (uint32_t i = 0; i < mux->m_uiTrackCount; i++) {
+        mp4_mux_track_t *p_track = mux->m_pstTrack[i];
+        if (p_track == nullptr) { // released by the close
+            continue;
+        }
+        free_private_data(mux, p_track);
+        for (const scratch_table &table : scratch_tables_of(p_track)) {
+            abandon_file(table.bs, table.name);
+        }
+        mux->m_stMem.m_pfnFree(p_track);
+    }
+    free_cache(mux);
+    abandon_file(&mux->m_Bs, nullptr);
+    mux->m_stMem.m_pfnFree(mux);
+}

@@ -1,0 +1,23 @@
+// The end of a recording: the trailer of the file, and the release of everything.
+#ifndef MP4MUX_MOOV_FINISH_H
+#define MP4MUX_MOOV_FINISH_H
+
+#include "mp4mux/mux_context.h"
+
+#include <cstdint>
+
+// Completes the scratch tables, sets the size of the media data, appends the movie box, and
+// releases the scratch files, the tracks and the context. A file without frames only gets its head.
+//
+// Failures inside the track boxes do not stop it: they cost that track, not the file.
+//
+// returns  0: the context is gone; or the error record's code: what was not yet released is left to
+//          mp4_mux_release. Tags: "<write_trailer", "<mp4_mux_close", "<mp4_mux_close.&…"
+// source   ISO/IEC 14496-12, 8.1.1 (media data)
+[[nodiscard]] int32_t mp4_mux_close(mp4_mux_t *mux);
+
+// Releases all that a context still holds, and the context: closes its files, removes its scratch
+// files, frees its memory. Writes nothing. Failures change nothing about that and are not told.
+void mp4_mux_release(mp4_mux_t *mux);
+
+#endif // MP4MUX_MOOV_FINISH_H

@@ -1,0 +1,245 @@
+#include "mp4mux/moov/sample_table.h"
+
+#include "mp4mux/bitstream_file.h"
+#include "mp4mux/box_writer.h"
+#include "mp4mux/moov/sample_entry.h"
+#include "mp4mux/moov/table_copy.h"
+#include "mp4mux/track.h"
+
+#include <cfloat>
+
+// The mean duration passes through single precision; a wider evaluation would round differently.
+static_assert(FLT_EVAL_METHOD == 0, "build with single-precision arithmetic, not x87");
+
+static constexpr uint32_t kStscBoxBytes = 28;
+
+static int32_t tag_failure(mp4_mux_t *mux, const char *tag, int32_t result)
+{
+    mp4_mux_add_err_string(tag, &mux->m_stLastError);
+    return result;
+}
+
+// How much of the cache block the copies of a track may use: the audio tables' region too, once
+// the audio track is written.
+static int32_t work_bytes(const mp4_mux_t *mux)
+{
+    return mux->m_iCacheSize + (mux->m_pAudioCache == nullptr ? mux->m_iAudioCacheSize : 0);
+}
+
+// A table's header goes in front of its records: with an append callback into the scratch table.
+static mp4_mux_bs_t *header_target(mp4_mux_t *mux, mp4_mux_bs_t *scratch)
+{
+    return mux->m_pfnAppendFile != nullptr ? scratch : mux->m_pBs;
+}
+
+static int32_t copy_records(mp4_mux_t *mux, mp4_mux_track_t *p_track, mp4_mux_bs_t *scratch,
+                            const char *name, int32_t header_bytes, int64_t record_bytes)
+{
+    if (mux->m_pfnAppendFile != nullptr) {
+        return append_file(mux, p_track, scratch, header_bytes + record_bytes, name);
+    }
+    return bs_direct_copy(mux->m_pBs, scratch, record_bytes, name);
+}
+
+static int32_t write_stsd_box(mp4_mux_t *mux, mp4_mux_track_t *p_track)
+{
+    mp4_mux_bs_t *bs = mux->m_pBs;
+    const int64_t start = begin_box(bs, "stsd");
+    mp4_mux_bs_write_be32(bs, 0); // unsigned int(8) version; bit(24) flags;
+    mp4_mux_bs_write_be32(bs, 1); // unsigned int(32) entry_count;
+    const int32_t result = p_track->m_iType == MUX_TYPE_VIDEO ? write_video_box(mux, p_track)
+                                                              : write_audio_box(mux, p_track);
+    if (result < 0) {
+        return tag_failure(mux, "<write_stsd_box", result);
+    }
+    const int32_t patched = update_size(bs, start);
+    return patched < 0 ? tag_failure(mux, "<write_stsd_box", patched) : 0;
+}
+
+// Every frame is a chunk of its own.
+static void write_stsc_box(mp4_mux_t *mux)
+{
+    mp4_mux_bs_t *bs = mux->m_pBs;
+    if (mux->m_pfnAppendFile != nullptr) {
+        mux->m_llPendingPos = bs_position(bs);
+        mux->m_uiPendingSize = kStscBoxBytes;
+    }
+    mp4_mux_bs_write_be32(bs, kStscBoxBytes); // unsigned int(32) size;
+    mp4_mux_bs_write_tag(bs, "stsc");         // unsigned int(32) type;
+    mp4_mux_bs_write_be32(bs, 0);             // unsigned int(8) version; bit(24) flags;
+    mp4_mux_bs_write_be32(bs, 1);             // unsigned int(32) entry_count;
+    mp4_mux_bs_write_be32(bs, 1);             // unsigned int(32) first_chunk;
+    mp4_mux_bs_write_be32(bs, 1);             // unsigned int(32) samples_per_chunk;
+    mp4_mux_bs_write_be32(bs, 1);             // unsigned int(32) sample_description_index;
+}
+
+static int32_t write_stco_records(mp4_mux_t *mux, mp4_mux_track_t *p_track)
+{
+    mp4_mux_bs_t *scratch = &p_track->m_BsSTCO;
+    const int32_t result = calc_stxx_cache(mux, p_track, scratch, work_bytes(mux));
+    if (result < 0) {
+        return result;
+    }
+    const bool is_32bit = mux->m_b32BitOffset != 0;
+    const uint32_t count = p_track->m_uiSampleCount;
+    const int64_t record_bytes = int64_t{count} * (is_32bit ? 4 : 8);
+    const uint32_t box_bytes = static_cast<uint32_t>(kTableHeaderBytes + record_bytes);
+    mp4_mux_bs_t *bs = header_target(mux, scratch);
+
+    mp4_mux_bs_write_be32(bs, box_bytes);                 // unsigned int(32) size;
+    mp4_mux_bs_write_tag(bs, is_32bit ? "stco" : "co64"); // unsigned int(32) type;
+    mp4_mux_bs_write_be32(bs, 0);                         // unsigned int(8) version; bit(24) flags;
+    mp4_mux_bs_write_be32(bs, count); // unsigned int(32) entry_count; chunk_offset[];
+    return copy_records(mux, p_track, scratch, p_track->m_szSTCOName, kTableHeaderBytes,
+                        record_bytes);
+}
+
+static int32_t write_stsz_records(mp4_mux_t *mux, mp4_mux_track_t *p_track)
+{
+    mp4_mux_bs_t *scratch = &p_track->m_BsSTSZ;
+    const int32_t result = calc_stxx_cache(mux, p_track, scratch, work_bytes(mux));
+    if (result < 0) {
+        return result;
+    }
+    const uint32_t count = p_track->m_uiSampleCount;
+    const int64_t record_bytes = int64_t{count} * 4;
+    const uint32_t box_bytes = static_cast<uint32_t>(kSizeTableHeaderBytes + record_bytes);
+    mp4_mux_bs_t *bs = header_target(mux, scratch);
+
+    mp4_mux_bs_write_be32(bs, box_bytes); // unsigned int(32) size;
+    mp4_mux_bs_write_tag(bs, "stsz");     // unsigned int(32) type;
+    mp4_mux_bs_write_be32(bs, 0);         // unsigned int(8) version; bit(24) flags;
+    mp4_mux_bs_write_be32(bs, 0);         // unsigned int(32) sample_size = 0: see the table
+    mp4_mux_bs_write_be32(bs, count);     // unsigned int(32) sample_count; entry_size[];
+    return copy_records(mux, p_track, scratch, p_track->m_szSTSZName, kSizeTableHeaderBytes,
+                        record_bytes);
+}
+
+static int32_t write_stss_records(mp4_mux_t *mux, mp4_mux_track_t *p_track)
+{
+    mp4_mux_bs_t *scratch = &p_track->m_BsSTSS;
+    const int32_t result = calc_stxx_cache(mux, p_track, scratch, work_bytes(mux));
+    if (result < 0) {
+        return result;
+    }
+    const uint32_t count = p_track->m_uiSyncSampleCount;
+    const int64_t record_bytes = int64_t{count} * 4;
+    const uint32_t box_bytes = static_cast<uint32_t>(kTableHeaderBytes + record_bytes);
+    mp4_mux_bs_t *bs = header_target(mux, scratch);
+
+    mp4_mux_bs_write_be32(bs, box_bytes); // unsigned int(32) size;
+    mp4_mux_bs_write_tag(bs, "stss");     // unsigned int(32) type;
+    mp4_mux_bs_write_be32(bs, 0);         // unsigned int(8) version; bit(24) flags;
+    mp4_mux_bs_write_be32(bs, count);     // unsigned int(32) entry_count; sample_number[];
+    return copy_records(mux, p_track, scratch, p_track->m_szSTSSName, kTableHeaderBytes,
+                        record_bytes);
+}
+
+static int32_t write_stts_records(mp4_mux_t *mux, mp4_mux_track_t *p_track)
+{
+    mp4_mux_bs_t *scratch = &p_track->m_BsSTTSDts;
+    const uint32_t count = static_cast<uint32_t>(p_track->m_iSttsEntryCount);
+    const int64_t record_bytes = int64_t{count} * 8;
+    const uint32_t box_bytes = static_cast<uint32_t>(kTableHeaderBytes + record_bytes);
+    mp4_mux_bs_t *bs = header_target(mux, scratch);
+
+    mp4_mux_bs_write_be32(bs, box_bytes); // unsigned int(32) size;
+    mp4_mux_bs_write_tag(bs, "stts");     // unsigned int(32) type;
+    mp4_mux_bs_write_be32(bs, 0);         // unsigned int(8) version; bit(24) flags;
+    mp4_mux_bs_write_be32(bs, count);     // unsigned int(32) entry_count; (count, delta)[];
+    return copy_records(mux, p_track, scratch, p_track->m_szSTTSDtsName, kTableHeaderBytes,
+                        record_bytes);
+}
+
+// The nearest whole number, kept within 32 bits.
+static uint32_t round_to_uint32(float value)
+{
+    const float rounded = value + 0.5F;
+    return rounded < 4294967296.0F ? static_cast<uint32_t>(rounded) : UINT32_MAX;
+}
+
+// One run for all samples, with their mean duration.
+static void write_mean_stts_box(mp4_mux_bs_t *bs, const mp4_mux_track_t *p_track)
+{
+    const float duration_ms = static_cast<float>(p_track->m_uiLastTimeStamp);
+    const float time_scale = static_cast<float>(p_track->m_uiTimeScale);
+    const float samples = static_cast<float>(p_track->m_uiSampleCount);
+    const uint32_t count = p_track->m_uiSampleCount != 0 ? p_track->m_uiSampleCount : 1;
+    const float mean_ms = p_track->m_uiSampleCount != 0 ? duration_ms / samples : duration_ms;
+    const uint32_t delta = round_to_uint32(mean_ms * time_scale / 1000.0F);
+
+    mp4_mux_bs_write_be32(bs, 24);    // unsigned int(32) size;
+    mp4_mux_bs_write_tag(bs, "stts"); // unsigned int(32) type;
+    mp4_mux_bs_write_be32(bs, 0);     // unsigned int(8) version; bit(24) flags;
+    mp4_mux_bs_write_be32(bs, 1);     // unsigned int(32) entry_count;
+    mp4_mux_bs_write_be32(bs, count); // unsigned int(32) sample_count;
+    mp4_mux_bs_write_be32(bs, delta); // unsigned int(32) sample_delta;
+}
+
+// Writes one table's box and gives its scratch file up.
+static int32_t write_table(mp4_mux_t *mux, mp4_mux_track_t *p_track,
+                           int32_t (*write_records)(mp4_mux_t *, mp4_mux_track_t *),
+                           mp4_mux_bs_t *scratch, const char *name, const char *tag)
+{
+    const int32_t result = write_records(mux, p_track);
+    return result < 0 ? tag_failure(mux, tag, result) : close_scratch(scratch, name);
+}
+
+static int32_t write_stss_box(mp4_mux_t *mux, mp4_mux_track_t *p_track)
+{
+    const uint32_t syncs = p_track->m_uiSyncSampleCount;
+    if (syncs == 0 || syncs >= p_track->m_uiSampleCount) {
+        return 0;
+    }
+    return write_table(mux, p_track, write_stss_records, &p_track->m_BsSTSS, p_track->m_szSTSSName,
+                       "<write_stss_box");
+}
+
+static int32_t write_stts_box(mp4_mux_t *mux, mp4_mux_track_t *p_track)
+{
+    if (p_track->m_iType == MUX_TYPE_VIDEO) {
+        const int32_t result =
+            calc_stxx_cache(mux, p_track, &p_track->m_BsSTTSDts, work_bytes(mux));
+        if (result < 0) {
+            return tag_failure(mux, "<write_stts_box", result);
+        }
+    }
+    if (p_track->m_iType == MUX_TYPE_VIDEO && p_track->m_iSttsEntryCount >= 2) {
+        const int32_t result = write_stts_records(mux, p_track);
+        if (result < 0) {
+            return tag_failure(mux, "<write_stts_box", result);
+        }
+    } else {
+        write_mean_stts_box(mux->m_pBs, p_track);
+    }
+    const int32_t result = close_scratch(&p_track->m_BsSTTS, p_track->m_szSTTSName);
+    return result < 0 ? result : close_scratch(&p_track->m_BsSTTSDts, p_track->m_szSTTSDtsName);
+}
+
+static int32_t write_tables(mp4_mux_t *mux, mp4_mux_track_t *p_track)
+{
+    int32_t result = write_stsd_box(mux, p_track);
+    if (result >= 0) {
+        write_stsc_box(mux);
+        result = write_table(mux, p_track, write_stco_records, &p_track->m_BsSTCO,
+                             p_track->m_szSTCOName, "<write_stco_box");
+    }
+    if (result >= 0) {
+        result = write_table(mux, p_track, write_stsz_records, &p_track->m_BsSTSZ,
+                             p_track->m_szSTSZName, "<write_stsz_box");
+    }
+    if (result >= 0 && p_track->m_iType == MUX_TYPE_VIDEO) {
+        result = write_stss_box(mux, p_track);
+    }
+    return result < 0 ? result : write_stts_box(mux, p_track);
+}
+
+int32_t write_stbl_box(mp4_mux_t *mux, mp4_mux_track_t *p_track)
+{
+    const int64_t start = begin_box(mux->m_pBs, "stbl");
+    const int32_t result = write_tables(mux, p_track);
+    if (result < 0) {
+        return tag_failure(mux, "<write_stbl_box", result);
+    }
+    return update_size(mux->m_pBs, start);
+}

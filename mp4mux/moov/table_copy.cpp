@@ -1,0 +1,252 @@
+#include "mp4mux/moov/table_copy.h"
+
+#include "mp4mux/bitstream_file.h"
+
+#include <algorithm>
+#include <cassert>
+#include <cstdio>
+
+// The output keeps at least this much cache when a table is read in one piece.
+static constexpr int64_t kMinOutputCacheBytes = 16384;
+
+// Appends a tag on the way up.
+// returns  a negative code also when nothing was recorded, as by a seek that the callback refused
+static int32_t tag_failure(mp4_mux_bs_t *bs, const char *tag, int32_t result)
+{
+    mp4_mux_add_err_string(tag, bs->m_pstError);
+    return result < 0 ? result : MUX_ERR_SEEK;
+}
+
+int32_t close_scratch(mp4_mux_bs_t *scratch, const char *name)
+{
+    if (scratch->m_hFile == nullptr) {
+        return 0;
+    }
+    if (scratch->m_bCloseFailed != 0) {
+        return mp4_mux_set_last_error(MUX_ERR_CLOSE, reinterpret_cast<intptr_t>(scratch->m_hFile),
+                                      "Error in fclose()", scratch->m_pstError);
+    }
+    const int32_t result = mp4_mux_close_bitstream_from_external_memory(scratch);
+    const mp4_mux_file_t &file = scratch->m_pstMux->m_stFile;
+    if (result == 0 && file.m_pfnRemove != nullptr && name != nullptr) {
+        file.m_pfnRemove(name);
+    }
+    return result;
+}
+
+static bool overlaps(const uint8_t *a, const uint8_t *b, uint32_t bytes)
+{
+    const uintptr_t from_a = reinterpret_cast<uintptr_t>(a);
+    const uintptr_t from_b = reinterpret_cast<uintptr_t>(b);
+    return (from_a < from_b ? from_b - from_a : from_a - from_b) < bytes;
+}
+
+int32_t reset_write_cache2(mp4_mux_bs_t *bs, uint8_t *buffer, int32_t size)
+{
+    // Pending bytes that lie across the new buffer's start cannot be copied there.
+    if (bs->m_uiFill >= static_cast<uint32_t>(size) ||
+        (buffer != bs->m_pbyCache && overlaps(buffer, bs->m_pbyCache, bs->m_uiFill))) {
+        assert(bs->m_hFile != nullptr);
+        const int32_t flushed = mp4_mux_bs_write_flush(bs);
+        if (flushed < 0) {
+            return tag_failure(bs, "<reset_write_cache2", flushed);
+        }
+    }
+    if (buffer != bs->m_pbyCache && bs->m_uiFill > 0) {
+        bs->m_pstMux->m_stMem.m_pfnMemcpy(buffer, bs->m_pbyCache, bs->m_uiFill);
+    }
+    bs->m_pbyCache = buffer;
+    bs->m_iCacheSize = size;
+    if (bs->m_pbyBase != nullptr) {
+        bs->m_pbyBase = buffer;
+        bs->m_pbyEnd = buffer + size;
+    }
+    return 0;
+}
+
+// The size of a scratch file, which is left at its start.
+static int32_t size_of_file(mp4_mux_bs_t *scratch, int64_t *size)
+{
+    const mp4_mux_file_t &file = scratch->m_pstMux->m_stFile;
+    if (file.m_pfnFseek(scratch->m_hFile, 0, SEEK_END) == 0) {
+        *size = file.m_pfnFtell(scratch->m_hFile);
+        if (*size >= 0 && file.m_pfnFseek(scratch->m_hFile, 0, SEEK_SET) == 0) {
+            return 0;
+        }
+    }
+    return bs_fail(scratch, MUX_ERR_SEEK, "can't size the scratch file");
+}
+
+// Moves the output's cache first: its pending bytes may lie where the table's cache will be.
+static int32_t lay_caches(mp4_mux_bs_t *out, uint8_t *out_cache, int64_t out_bytes,
+                          mp4_mux_bs_t *scratch, uint8_t *scratch_cache, int64_t scratch_bytes)
+{
+    const int32_t result = reset_write_cache2(out, out_cache, static_cast<int32_t>(out_bytes));
+    if (result < 0) {
+        return result;
+    }
+    return reset_write_cache2(scratch, scratch_cache, static_cast<int32_t>(scratch_bytes));
+}
+
+static int32_t share_cache_block(mp4_mux_t *mux, mp4_mux_bs_t *scratch, int64_t need, int64_t work)
+{
+    const int32_t flushed = mp4_mux_bs_write_flush(mux->m_pBs);
+    if (flushed < 0) {
+        return flushed;
+    }
+    const int64_t part = work - need > kMinOutputCacheBytes ? need : work / 2;
+    const int64_t rest = part == need ? work - need : work / 2;
+    return lay_caches(mux->m_pBs, mux->m_pCache + part, rest, scratch, mux->m_pCache, part);
+}
+
+static int32_t share_close_memory(mp4_mux_t *mux, mp4_mux_bs_t *scratch, int64_t need, int64_t work)
+{
+    const int64_t lent = mux->m_iCloseMemSize;
+    const int64_t rest = lent - need;
+    if (rest <= 0) {
+        return lay_caches(mux->m_pBs, mux->m_pCloseMem, lent, scratch, mux->m_pCache, work);
+    }
+    if (rest >= work) {
+        return lay_caches(mux->m_pBs, mux->m_pCloseMem, rest, scratch, mux->m_pCloseMem + rest,
+                          need);
+    }
+    return lay_caches(mux->m_pBs, mux->m_pCache, work, scratch, mux->m_pCloseMem, need);
+}
+
+// The table lies in its cache: the output may have all of the memory.
+static int32_t read_from_cache(mp4_mux_t *mux, mp4_mux_bs_t *scratch, int32_t work_bytes)
+{
+    scratch->m_uiValid = scratch->m_uiFill;
+    scratch->m_uiFill = 0;
+    return mux->m_iCloseMemMode == CLOSE_MEM_NONE
+               ? reset_write_cache2(mux->m_pBs, mux->m_pCache, work_bytes)
+               : reset_write_cache2(mux->m_pBs, mux->m_pCloseMem, mux->m_iCloseMemSize);
+}
+
+static int32_t share_memory(mp4_mux_t *mux, mp4_mux_bs_t *scratch, int32_t work_bytes)
+{
+    if (scratch->m_hFile == nullptr) {
+        return read_from_cache(mux, scratch, work_bytes);
+    }
+    int64_t size = 0;
+    const int32_t result = size_of_file(scratch, &size);
+    if (result < 0) {
+        return result;
+    }
+    const int64_t need = (size & ~int64_t{3}) + 4;
+    return mux->m_iCloseMemMode == CLOSE_MEM_NONE
+               ? share_cache_block(mux, scratch, need, work_bytes)
+               : share_close_memory(mux, scratch, need, work_bytes);
+}
+
+int32_t calc_stxx_cache(mp4_mux_t *mux, mp4_mux_track_t *, mp4_mux_bs_t *scratch,
+                        int32_t work_bytes)
+{
+    if (scratch->m_hFile != nullptr && mux->m_pfnAppendFile != nullptr) {
+        return 0;
+    }
+    const int32_t result = share_memory(mux, scratch, work_bytes);
+    return result < 0 ? tag_failure(mux->m_pBs, "<calc_stxx_cache", result) : 0;
+}
+
+static int32_t copy_from_cache(mp4_mux_bs_t *out, const mp4_mux_bs_t *scratch, int64_t length)
+{
+    if (length > scratch->m_uiValid) {
+        return bs_fail(out, MUX_ERR_EOF, "the end of the table");
+    }
+    return mp4_mux_bs_write_bytes(out, scratch->m_pbyCache, static_cast<int32_t>(length));
+}
+
+static int32_t copy_from_file(mp4_mux_bs_t *out, mp4_mux_bs_t *scratch, int64_t length,
+                              const char *name)
+{
+    int32_t result = 0;
+    for (int64_t left = length; left > 0 && result >= 0; left -= result) {
+        const uint8_t *bytes = nullptr;
+        const int32_t wanted = static_cast<int32_t>(std::min<int64_t>(left, INT32_MAX));
+        const int32_t got = bs_borrow_bytes(scratch, wanted, &bytes);
+        if (got < 0) {
+            return got;
+        }
+        if (got == length) { // all in one piece: give the storage back before it is needed
+            result = close_scratch(scratch, name);
+        }
+        if (result >= 0) {
+            result = mp4_mux_bs_write_bytes(out, bytes, got);
+            scratch->m_uiFill += static_cast<uint32_t>(got);
+        }
+    }
+    return result;
+}
+
+int32_t bs_direct_copy(mp4_mux_bs_t *out, mp4_mux_bs_t *scratch, int64_t length, const char *name)
+{
+    const int32_t result = scratch->m_hFile == nullptr ? copy_from_cache(out, scratch, length)
+                                                       : copy_from_file(out, scratch, length, name);
+    return result < 0 ? tag_failure(out, "<bs_direct_copy", result) : 0;
+}
+
+// Brings the table's header into its file and leaves both files where the callback expects them.
+static int32_t prepare_files(mp4_mux_bs_t *out, mp4_mux_bs_t *scratch)
+{
+    int32_t result = mp4_mux_bs_write_flush(out);
+    if (result >= 0) {
+        result = mp4_mux_bs_write_flush(scratch);
+    }
+    if (result >= 0) {
+        result = mp4_mux_bs_fseek_reset(scratch, 0) == 0 ? 0 : MUX_ERR_SEEK;
+    }
+    return result;
+}
+
+// Makes the table box before the appended one reach to it, and goes to the end of the latter.
+static int32_t absorb_gap(mp4_mux_t *mux, int64_t length)
+{
+    mp4_mux_bs_t *out = mux->m_pBs;
+    if (mp4_mux_bs_write_fseek_reset(out, mux->m_llPendingPos) != 0) {
+        return MUX_ERR_SEEK;
+    }
+    mp4_mux_bs_write_be32(out, mux->m_uiPendingSize); // unsigned int(32) size;
+    const int64_t end = mux->m_llPendingPos + mux->m_uiPendingSize + length;
+    return mp4_mux_bs_write_fseek_reset(out, end) == 0 ? 0 : MUX_ERR_SEEK;
+}
+
+static int32_t append_scratch_file(mp4_mux_t *mux, mp4_mux_bs_t *scratch, int64_t length,
+                                   const char *name)
+{
+    mp4_mux_bs_t *out = mux->m_pBs;
+    const int32_t prepared = prepare_files(out, scratch);
+    if (prepared < 0) {
+        return tag_failure(out, "<append_file", prepared);
+    }
+    const int32_t gap = mux->m_pfnAppendFile(out->m_hFile, scratch->m_hFile, 0);
+    if (gap < 0) {
+        return MUX_ERR_APPEND;
+    }
+    scratch->m_hFile = nullptr; // the callback has closed it
+    if (mux->m_stFile.m_pfnRemove != nullptr) {
+        mux->m_stFile.m_pfnRemove(name);
+    }
+    mux->m_uiPendingSize += static_cast<uint32_t>(gap);
+    const int32_t absorbed = absorb_gap(mux, length);
+    return absorbed < 0 ? tag_failure(out, "<append_file", absorbed) : 0;
+}
+
+int32_t append_file(mp4_mux_t *mux, mp4_mux_track_t *, mp4_mux_bs_t *scratch, int64_t length,
+                    const char *name)
+{
+    if (scratch->m_hFile != nullptr) {
+        const int32_t result = append_scratch_file(mux, scratch, length, name);
+        if (result < 0) {
+            return result;
+        }
+    } else {
+        const int32_t result = copy_from_cache(mux->m_pBs, scratch, length);
+        if (result < 0) {
+            return tag_failure(mux->m_pBs, "<append_file", result);
+        }
+    }
+    mux->m_llPendingPos += mux->m_uiPendingSize;
+    mux->m_uiPendingSize = static_cast<uint32_t>(length);
+    return 0;
+}
