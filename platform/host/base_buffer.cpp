@@ -15,11 +15,19 @@ static omx_base_buffer_t *find_buffer(omx_base_port_PrivateType *port,
     return nullptr;
 }
 
+static bool port_command_waits(const omx_base_sink_PrivateType *sink, OMX_COMMANDTYPE command,
+                               const omx_base_port_PrivateType *port)
+{
+    return omx_base_command_waits(sink, command, port->pInternal->uiIndex) ||
+           omx_base_command_waits(sink, command, OMX_ALL);
+}
+
 // Whether a port can be given a buffer now; a command that still waits counts.
 static bool may_add_buffer(const omx_base_sink_PrivateType *sink,
                            const omx_base_port_PrivateType *port)
 {
     const omx_base_transient_t transient = omx_base_get_transient_state(sink);
+    const omx_base_change_t change = port->pInternal->eChange;
     const bool enabled = port->stPortDefinition.bEnabled;
     switch (omx_base_get_state(sink)) {
     case OMX_StateLoaded:
@@ -29,8 +37,9 @@ static bool may_add_buffer(const omx_base_sink_PrivateType *sink,
     case OMX_StateIdle:
     case OMX_StateExecuting:
     case OMX_StatePause:
-        return transient == OMX_TransStateNone &&
-               port->pInternal->eChange == (enabled ? OMX_ChangeEnable : OMX_ChangeNone);
+        return transient == OMX_TransStateNone && change != OMX_ChangeDisable &&
+               (!enabled || change == OMX_ChangeEnable ||
+                port_command_waits(sink, OMX_CommandPortEnable, port));
     default:
         return false;
     }
@@ -131,13 +140,11 @@ OMX_ERRORTYPE omx_base_component_AllocateBuffer(OMX_HANDLETYPE hComponent,
 static bool is_missed(const omx_base_sink_PrivateType *sink, const omx_base_port_PrivateType *port)
 {
     const OMX_STATETYPE state = omx_base_get_state(sink);
-    const OMX_U32 index = port->pInternal->uiIndex;
     return (state == OMX_StateIdle || state == OMX_StateExecuting || state == OMX_StatePause) &&
            omx_base_get_transient_state(sink) == OMX_TransStateNone &&
            port->stPortDefinition.bEnabled && port->stPortDefinition.bPopulated &&
            !omx_base_command_waits(sink, OMX_CommandStateSet, OMX_StateLoaded) &&
-           !omx_base_command_waits(sink, OMX_CommandPortDisable, index) &&
-           !omx_base_command_waits(sink, OMX_CommandPortDisable, OMX_ALL);
+           !port_command_waits(sink, OMX_CommandPortDisable, port);
 }
 
 static OMX_ERRORTYPE free_buffer_locked(omx_base_sink_PrivateType *sink,

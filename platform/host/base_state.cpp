@@ -1,8 +1,8 @@
 // The state machine and the port commands; everything here runs on the message thread.
 #include "platform/host/omx_base_internal.h"
 
-// source: OpenMAX IL 1.1.2, 3.1.1.2: from each state, a bit for every state that may follow.
-// Invalid follows every state; the transitions within one command are not in the table.
+// From each state, a bit for every state that may follow, but for Invalid, which always may.
+// source: OpenMAX IL 1.1.2, 3.1.1.2
 // clang-format off
 static constexpr std::array<uint32_t, 6> next_states = {
     0,                                                                              // Invalid

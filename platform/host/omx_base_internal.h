@@ -54,7 +54,7 @@ typedef struct omx_base_buffer_t {
     bool bHeld;  // by the component, from EmptyThisBuffer until its return
 } omx_base_buffer_t;
 
-// A port command that is not complete yet.
+// A port command that is not complete yet; a later one takes its place.
 typedef enum omx_base_change_t : uint32_t {
     OMX_ChangeNone = 0,
     OMX_ChangeEnable = 1,
