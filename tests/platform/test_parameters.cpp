@@ -1,0 +1,147 @@
+#include "tests/platform/small_component.h"
+
+namespace {
+
+using parameter_test = framework_test;
+
+template <typename Record>
+Record port_record(OMX_U32 port)
+{
+    return {
+        .nSize = sizeof(Record), .nVersion = {.nVersion = OMX_VERSION_1_1_2}, .nPortIndex = port};
+}
+
+TEST_F(parameter_test, the_domain_tables_tell_the_ports)
+{
+    const struct {
+        OMX_INDEXTYPE eIndex;
+        OMX_U32 uiPorts;
+        OMX_U32 uiStart;
+    } expected[] = {{OMX_IndexParamAudioInit, 1, 1},
+                    {OMX_IndexParamVideoInit, 1, 0},
+                    {OMX_IndexParamImageInit, 0, 0},
+                    {OMX_IndexParamOtherInit, 0, 0}};
+    for (const auto &row : expected) {
+        OMX_PORT_PARAM_TYPE record = {.nSize = sizeof(record),
+                                      .nVersion = {.nVersion = OMX_VERSION_1_1_2}};
+        EXPECT_EQ(component.GetParameter(&component, row.eIndex, &record), OMX_ErrorNone);
+        EXPECT_EQ(record.nPorts, row.uiPorts);
+        EXPECT_EQ(record.nStartPortNumber, row.uiStart);
+        EXPECT_EQ(component.SetParameter(&component, row.eIndex, &record),
+                  OMX_ErrorUnsupportedSetting);
+        record.nSize--;
+        EXPECT_EQ(component.GetParameter(&component, row.eIndex, &record), OMX_ErrorBadParameter);
+    }
+}
+
+TEST_F(parameter_test, the_head_of_a_record_is_checked)
+{
+    for (const auto call : {component.GetParameter, component.SetParameter}) {
+        auto pcm = port_record<OMX_AUDIO_PARAM_PCMMODETYPE>(1);
+        EXPECT_EQ(call(&component, OMX_IndexParamAudioPcm, nullptr), OMX_ErrorBadParameter);
+        EXPECT_EQ(call(nullptr, OMX_IndexParamAudioPcm, &pcm), OMX_ErrorBadParameter);
+        EXPECT_EQ(call(&component, OMX_IndexVendorStartUnused, &pcm), OMX_ErrorUnsupportedIndex);
+        pcm.nPortIndex = 0; // no audio port
+        EXPECT_EQ(call(&component, OMX_IndexParamAudioPcm, &pcm), OMX_ErrorBadPortIndex);
+        pcm.nPortIndex = PORT_COUNT;
+        EXPECT_EQ(call(&component, OMX_IndexParamAudioPcm, &pcm), OMX_ErrorBadPortIndex);
+        pcm.nVersion.s.nVersionMajor = 2;
+        EXPECT_EQ(call(&component, OMX_IndexParamAudioPcm, &pcm), OMX_ErrorVersionMismatch);
+        pcm.nSize++;
+        EXPECT_EQ(call(&component, OMX_IndexParamAudioPcm, &pcm), OMX_ErrorBadParameter);
+        auto video = port_record<OMX_VIDEO_PARAM_PORTFORMATTYPE>(1);
+        EXPECT_EQ(call(&component, OMX_IndexParamVideoPortFormat, &video), OMX_ErrorBadPortIndex);
+    }
+}
+
+TEST_F(parameter_test, the_port_definition_takes_the_count_and_the_format_only)
+{
+    auto definition = port_record<OMX_PARAM_PORTDEFINITIONTYPE>(0);
+    const auto get = [&] {
+        return component.GetParameter(&component, OMX_IndexParamPortDefinition, &definition);
+    };
+    const auto set = [&] {
+        return component.SetParameter(&component, OMX_IndexParamPortDefinition, &definition);
+    };
+    ASSERT_EQ(get(), OMX_ErrorNone);
+    EXPECT_EQ(definition.eDir, OMX_DirInput);
+    EXPECT_EQ(definition.eDomain, OMX_PortDomainVideo);
+    EXPECT_EQ(definition.nBufferCountActual, 4u);
+    EXPECT_EQ(definition.nBufferCountMin, 1u);
+    for (OMX_U32 count : {0u, QUEUE_CAPACITY + 1u}) {
+        definition.nBufferCountActual = count;
+        EXPECT_EQ(set(), OMX_ErrorBadParameter);
+    }
+    definition.nBufferCountActual = QUEUE_CAPACITY;
+    definition.nBufferCountMin = 0;
+    definition.nBufferSize = 0;
+    definition.bEnabled = OMX_FALSE;
+    definition.format.video.nFrameWidth = 176;
+    definition.format.video.cMIMEType = nullptr;
+    EXPECT_EQ(set(), OMX_ErrorNone);
+    ASSERT_EQ(get(), OMX_ErrorNone);
+    EXPECT_EQ(definition.nBufferCountActual, QUEUE_CAPACITY + 0u);
+    EXPECT_EQ(definition.nBufferCountMin, 1u);
+    EXPECT_EQ(definition.nBufferSize, BUFFER_BYTES);
+    EXPECT_TRUE(definition.bEnabled);
+    EXPECT_EQ(definition.format.video.nFrameWidth, 176u);
+    EXPECT_NE(definition.format.video.cMIMEType, nullptr);
+    definition.eDir = OMX_DirOutput;
+    EXPECT_EQ(set(), OMX_ErrorBadParameter);
+
+    bring_to(OMX_StateIdle); // with a full queue
+    for (OMX_BUFFERHEADERTYPE *buffer : buffers[0])
+        EXPECT_EQ(empty(buffer), OMX_ErrorNone);
+    ASSERT_EQ(get(), OMX_ErrorNone);
+    EXPECT_TRUE(definition.bPopulated);
+    EXPECT_EQ(set(), OMX_ErrorIncorrectStateOperation);
+    ASSERT_EQ(send(OMX_CommandPortDisable, 0), OMX_ErrorNone);
+    EXPECT_EQ(wait_returned(QUEUE_CAPACITY).size(), QUEUE_CAPACITY + 0u);
+    EXPECT_EQ(set(), OMX_ErrorNone);
+    definition.nBufferCountActual = 2;
+    EXPECT_EQ(set(), OMX_ErrorIncorrectStateOperation); // it has buffers
+    free_buffers(0);
+    expect_complete(OMX_CommandPortDisable, 0);
+    EXPECT_EQ(set(), OMX_ErrorNone);
+}
+
+TEST_F(parameter_test, formats_are_told_one_by_one)
+{
+    auto video = port_record<OMX_VIDEO_PARAM_PORTFORMATTYPE>(0);
+    video.eCompressionFormat = OMX_VIDEO_CodingAVC;
+    EXPECT_EQ(component.SetParameter(&component, OMX_IndexParamVideoPortFormat, &video),
+              OMX_ErrorNone);
+    video.eCompressionFormat = OMX_VIDEO_CodingUnused;
+    EXPECT_EQ(component.GetParameter(&component, OMX_IndexParamVideoPortFormat, &video),
+              OMX_ErrorNone);
+    EXPECT_EQ(video.eCompressionFormat, OMX_VIDEO_CodingAVC);
+    video.nIndex = 1;
+    EXPECT_EQ(component.GetParameter(&component, OMX_IndexParamVideoPortFormat, &video),
+              OMX_ErrorNoMore);
+
+    auto audio = port_record<OMX_AUDIO_PARAM_PORTFORMATTYPE>(1);
+    EXPECT_EQ(component.GetParameter(&component, OMX_IndexParamAudioPortFormat, &audio),
+              OMX_ErrorNone);
+    EXPECT_EQ(audio.eEncoding, OMX_AUDIO_CodingUnused); // as the component left it
+    audio.eEncoding = OMX_AUDIO_CodingPCM;
+    EXPECT_EQ(component.SetParameter(&component, OMX_IndexParamAudioPortFormat, &audio),
+              OMX_ErrorUnsupportedSetting);
+    audio.nIndex = 1;
+    EXPECT_EQ(component.GetParameter(&component, OMX_IndexParamAudioPortFormat, &audio),
+              OMX_ErrorNoMore);
+
+    auto pcm = port_record<OMX_AUDIO_PARAM_PCMMODETYPE>(1);
+    ASSERT_EQ(component.GetParameter(&component, OMX_IndexParamAudioPcm, &pcm), OMX_ErrorNone);
+    EXPECT_EQ(pcm.nSamplingRate, 48000u);
+    EXPECT_EQ(pcm.nChannels, 2u);
+    pcm.nSamplingRate = 44100;
+    EXPECT_EQ(component.SetParameter(&component, OMX_IndexParamAudioPcm, &pcm), OMX_ErrorNone);
+    pcm.nSamplingRate = 0;
+    ASSERT_EQ(component.GetParameter(&component, OMX_IndexParamAudioPcm, &pcm), OMX_ErrorNone);
+    EXPECT_EQ(pcm.nSamplingRate, 44100u);
+    bring_to(OMX_StateIdle);
+    EXPECT_EQ(component.SetParameter(&component, OMX_IndexParamAudioPcm, &pcm),
+              OMX_ErrorIncorrectStateOperation);
+}
+
+} // namespace
