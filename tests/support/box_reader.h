@@ -1,0 +1,87 @@
+// A reader of MP4 files that shares nothing with the muxer: written from ISO/IEC 14496-12, -14 and
+// -15, it takes a file image apart and checks what it meets.
+#ifndef TESTS_SUPPORT_BOX_READER_H
+#define TESTS_SUPPORT_BOX_READER_H
+
+#include <cstdint>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace box_reader {
+
+struct box {
+    std::string type;
+    uint64_t offset = 0; // of the header, from the start of the image
+    uint64_t header_bytes = 0;
+    uint64_t size = 0; // header included; up to the image's end where the file says 0
+    std::vector<box> children;
+};
+
+struct sample {
+    uint64_t offset = 0;
+    uint32_t size = 0;
+    uint64_t time = 0; // in ticks of the track
+    uint32_t duration = 0;
+    bool sync = false;
+
+    bool operator==(const sample &) const = default;
+};
+
+struct avc_configuration {
+    std::vector<uint8_t> record;
+    uint32_t length_bytes = 0; // of the length in front of each NAL unit
+    std::vector<std::vector<uint8_t>> sps;
+    std::vector<std::vector<uint8_t>> pps;
+};
+
+struct stream_descriptors {
+    uint32_t es_id = 0;
+    uint32_t object_type = 0;
+    uint32_t stream_type = 0;
+    std::vector<uint8_t> specific_info;
+};
+
+struct track {
+    uint32_t id = 0;
+    uint64_t creation_time = 0;
+    uint64_t movie_duration = 0; // in ticks of the movie
+    double width = 0;
+    double height = 0;
+    std::string handler;
+    uint32_t timescale = 0;
+    uint64_t media_duration = 0;
+    uint32_t language = 0;
+    std::string entry_type;
+    uint32_t entry_width = 0;
+    uint32_t entry_height = 0;
+    uint32_t sample_rate = 0;
+    avc_configuration avc;
+    stream_descriptors esds;
+    std::vector<sample> samples;
+};
+
+struct movie {
+    std::vector<box> boxes;
+    std::vector<track> tracks;
+    uint64_t creation_time = 0;
+    uint32_t timescale = 0;
+    uint64_t duration = 0;
+    uint32_t next_track_id = 0;
+    std::string error; // empty for a sound file
+};
+
+// Reads a whole file, or one that begins at some box: the offsets of samples are the file's own.
+movie read_movie(std::span<const uint8_t> image);
+
+// The first box on a path such as "moov/trak/tkhd", or null.
+const box *find(const std::vector<box> &boxes, const std::string &path);
+
+// The bytes of a box without its header.
+std::vector<uint8_t> payload(std::span<const uint8_t> image, const box &found);
+
+const track *find_track(const movie &file, const std::string &handler);
+
+} // namespace box_reader
+
+#endif // TESTS_SUPPORT_BOX_READER_H

@@ -1,0 +1,214 @@
+#include "tests/support/mux_recording.h"
+
+#include "tests/support/mux_callbacks.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+
+namespace mux_test {
+
+const std::vector<uint8_t> kSps = {0x67, 0x42, 0xC0, 0x1E, 0xDA, 0x05, 0x07, 0xE8, 0x40, 0x00};
+const std::vector<uint8_t> kPps = {0x68, 0xCE, 0x3C, 0x80};
+const std::vector<uint8_t> kAudioConfig = {0x11, 0x90};
+
+std::vector<uint8_t> operator+(std::vector<uint8_t> a, const std::vector<uint8_t> &b)
+{
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
+
+std::vector<uint8_t> annex_b_parameter_sets()
+{
+    return std::vector<uint8_t>{0, 0, 0, 1} + kSps + std::vector<uint8_t>{0, 0, 0, 1} + kPps;
+}
+
+static uint32_t code(const char *text)
+{
+    uint32_t value = 0;
+    std::memcpy(&value, text, 4);
+    return value;
+}
+
+recording::recording(bool with_64bit, uint32_t flags)
+    : init(make_callbacks(with_64bit)), input{}, video_private(annex_b_parameter_sets()),
+      audio_private(kAudioConfig)
+{
+    init.m_uiStreamFlags = flags;
+    init.m_pszTempDir = "/tmp/scratch";
+    input.m_iYear = 2009;
+    input.m_iMonth = 9;
+    input.m_iDay = 5;
+    input.m_iHour = 17;
+    input.m_iMinute = 5;
+    input.m_iSecond = 18;
+    input.m_uiVideoTrackID = 77;
+    input.m_iVideoWidth = 320;
+    input.m_iVideoHeight = 240;
+    input.m_iVideoFrameRate = 30000;
+    input.m_uiVideoFourCC = code("avc1");
+    input.m_uiAudioTrackID = 78;
+    input.m_iAudioSampleRate = 48000;
+    input.m_iAudioBitsPerSample = 16;
+    input.m_iAudioChannels = 2;
+    input.m_iAudioCodec = 0xAAC0;
+}
+
+void recording::set_cache(cache_layout layout)
+{
+    struct {
+        int32_t output, video, audio;
+    } sizes = {0, 0, 0};
+    switch (layout) {
+    case cache_layout::own:
+        return;
+    case cache_layout::recorder:
+        sizes = {0x100000, 0xC0000, 0x80000};
+        break;
+    case cache_layout::pooled:
+        sizes = {40000, 0, 0};
+        break;
+    case cache_layout::tiny:
+        sizes = {8, 17, 9};
+        break;
+    }
+    cache.assign(static_cast<size_t>(sizes.output + sizes.video + sizes.audio), 0xEE);
+    init.m_pCacheMem = cache.data();
+    init.m_iCacheSize = sizes.output;
+    init.m_iVideoCacheSize = sizes.video;
+    init.m_iAudioCacheSize = sizes.audio;
+}
+
+void recording::lend_close_memory(int32_t bytes)
+{
+    close_bytes.assign(static_cast<size_t>(bytes), 0xDD);
+    close_mem = {close_bytes.data(), bytes};
+}
+
+int32_t recording::open()
+{
+    if (init.m_pOutput == nullptr) {
+        init.m_pOutput = output.data();
+    }
+    input.m_pbyVideoPrivate = video_private.empty() ? nullptr : video_private.data();
+    input.m_iVideoPrivateSize = static_cast<int32_t>(video_private.size());
+    input.m_pbyAudioPrivate = audio_private.empty() ? nullptr : audio_private.data();
+    input.m_iAudioPrivateSize = static_cast<int32_t>(audio_private.size());
+    return QVR_MP4_MUX(MUX_OPEN, &handle, &init, &input);
+}
+
+int32_t recording::put(int32_t type, const std::vector<uint8_t> &bytes, uint32_t time_ms, bool key)
+{
+    mp4_mux_putstream_t frame = {};
+    frame.m_pbyData = bytes.data();
+    frame.m_iDataSize = static_cast<int32_t>(bytes.size());
+    frame.m_iType = type;
+    frame.m_uiTimeStamp = time_ms;
+    frame.m_uiTimeStamp2 = time_ms;
+    frame.m_uiFlags = key ? MUX_FRAME_KEY : 0;
+    return QVR_MP4_MUX(MUX_PUTFRAME, &handle, &frame, &estimate);
+}
+
+static std::vector<uint8_t> make_frame(uint32_t time_ms, size_t size)
+{
+    std::vector<uint8_t> frame(size);
+    for (size_t i = 0; i < size; i++) {
+        frame[i] = static_cast<uint8_t>(time_ms * 31 + size * 7 + i * i);
+    }
+    return frame;
+}
+
+int32_t recording::video(uint32_t time_ms, size_t size, bool key)
+{
+    return put(MUX_TYPE_VIDEO, make_frame(time_ms, size), time_ms, key);
+}
+
+int32_t recording::audio(uint32_t time_ms, size_t size)
+{
+    return put(MUX_TYPE_AUDIO, make_frame(time_ms, size), time_ms);
+}
+
+int32_t recording::close()
+{
+    return QVR_MP4_MUX(MUX_CLOSE, &handle, close_mem.m_pMem != nullptr ? &close_mem : nullptr,
+                       nullptr);
+}
+
+mp4_mux_error_t recording::error()
+{
+    mp4_mux_error_t last = {};
+    QVR_MP4_MUX(MUX_GET_LAST_ERROR, &handle, nullptr, &last);
+    return last;
+}
+
+std::string recording::message()
+{
+    const mp4_mux_error_t last = error();
+    return last.m_pszMessage != nullptr ? last.m_pszMessage : "(no handle)";
+}
+
+std::vector<uint8_t> recording::file() const
+{
+    return read_file(output);
+}
+
+std::vector<uint8_t> bytes(const std::string &notation)
+{
+    std::vector<uint8_t> result;
+    std::string digits;
+    bool quoted = false;
+    for (const char c : notation) {
+        if (c == '\'') {
+            quoted = !quoted;
+        } else if (quoted) {
+            result.push_back(static_cast<uint8_t>(c));
+        } else if (c != ' ') {
+            digits.push_back(c);
+            if (digits.size() == 2) {
+                result.push_back(static_cast<uint8_t>(std::stoul(digits, nullptr, 16)));
+                digits.clear();
+            }
+        }
+    }
+    return result;
+}
+
+static std::string hex(const std::vector<uint8_t> &bytes, size_t from)
+{
+    std::string text;
+    for (size_t i = from; i < bytes.size() && i < from + 16; i++) {
+        char digits[4];
+        std::snprintf(digits, sizeof(digits), "%02X ", bytes[i]);
+        text += digits;
+    }
+    return text;
+}
+
+std::string difference(const std::vector<uint8_t> &a, const std::vector<uint8_t> &b)
+{
+    const auto [in_a, in_b] = std::mismatch(a.begin(), a.end(), b.begin(), b.end());
+    if (in_a == a.end() && in_b == b.end()) {
+        return "";
+    }
+    const size_t at = static_cast<size_t>(in_a - a.begin());
+    return "at " + std::to_string(at) + " of " + std::to_string(a.size()) + " and " +
+           std::to_string(b.size()) + ": " + hex(a, at) + "/ " + hex(b, at);
+}
+
+int32_t put_programme(recording &r, uint32_t frames, uint32_t gop)
+{
+    uint32_t time_ms = 0;
+    for (uint32_t i = 0; i < frames; i++) {
+        int32_t result = r.video(time_ms, 40 + i * 13 % 90, i % gop == 0);
+        if (result >= 0) {
+            result = r.audio(time_ms + 2, 20 + i * 7 % 30);
+        }
+        if (result < 0) {
+            return result;
+        }
+        time_ms += i % 3 == 2 ? 34 : 33;
+    }
+    return 0;
+}
+
+} // namespace mux_test

@@ -1,0 +1,70 @@
+// One recording through the muxer's entry point: its records with usual values, and shorthands for
+// the operations.
+#ifndef TESTS_SUPPORT_MUX_RECORDING_H
+#define TESTS_SUPPORT_MUX_RECORDING_H
+
+#include "mp4mux/mp4_mux.h"
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace mux_test {
+
+// H.264 parameter sets and an AudioSpecificConfig (AAC LC, 48 kHz, stereo).
+extern const std::vector<uint8_t> kSps;
+extern const std::vector<uint8_t> kPps;
+extern const std::vector<uint8_t> kAudioConfig;
+
+std::vector<uint8_t> operator+(std::vector<uint8_t> a, const std::vector<uint8_t> &b);
+
+// The parameter sets behind start codes of four bytes.
+std::vector<uint8_t> annex_b_parameter_sets();
+
+// Caches as a recorder lends them.
+enum class cache_layout { own, recorder, pooled, tiny };
+
+struct recording {
+    mp4_mux_init_t init;
+    mp4_mux_input_t input;
+    mp4_mux_closemem_t close_mem{};
+    void *handle = nullptr;
+    std::string output = "out.mp4";
+    std::vector<uint8_t> video_private;
+    std::vector<uint8_t> audio_private;
+    std::vector<uint8_t> cache;
+    std::vector<uint8_t> close_bytes;
+    int64_t estimate = 0;
+
+    // Video and audio, scratch files in "/tmp/scratch", 32-bit callbacks unless with_64bit.
+    explicit recording(bool with_64bit = false,
+                       uint32_t flags = MUX_STREAM_VIDEO | MUX_STREAM_AUDIO);
+
+    void set_cache(cache_layout layout);
+    void lend_close_memory(int32_t bytes);
+    int32_t open();
+    int32_t put(int32_t type, const std::vector<uint8_t> &bytes, uint32_t time_ms,
+                bool key = false);
+
+    // A frame of `size` bytes that carry the time and the size.
+    int32_t video(uint32_t time_ms, size_t size, bool key = false);
+    int32_t audio(uint32_t time_ms, size_t size);
+    int32_t close();
+    mp4_mux_error_t error();
+    std::string message();
+    std::vector<uint8_t> file() const;
+};
+
+// Bytes from hexadecimal digits and texts in quotes: "00000008 'free'".
+std::vector<uint8_t> bytes(const std::string &notation);
+
+// Where two byte strings differ, with some bytes of both; empty when they are equal.
+std::string difference(const std::vector<uint8_t> &a, const std::vector<uint8_t> &b);
+
+// Two tracks with frames of changing size and distance, a key frame every `gop`.
+// returns  the first error
+int32_t put_programme(recording &r, uint32_t frames, uint32_t gop);
+
+} // namespace mux_test
+
+#endif // TESTS_SUPPORT_MUX_RECORDING_H
