@@ -263,12 +263,12 @@ typedef struct OMX_AUDIO_PARAM_PCMMODETYPE {
 typedef struct OMX_TUNNELSETUPTYPE OMX_TUNNELSETUPTYPE;
 
 typedef struct OMX_CALLBACKTYPE {
-    OMX_ERRORTYPE (*EventHandler)
+    OMX_ERRORTYPE(*EventHandler)
     (OMX_HANDLETYPE hComponent, OMX_PTR pAppData, OMX_EVENTTYPE eEvent, OMX_U32 nData1,
      OMX_U32 nData2, OMX_PTR pEventData);
-    OMX_ERRORTYPE (*EmptyBufferDone)
+    OMX_ERRORTYPE(*EmptyBufferDone)
     (OMX_HANDLETYPE hComponent, OMX_PTR pAppData, OMX_BUFFERHEADERTYPE *pBuffer);
-    OMX_ERRORTYPE (*FillBufferDone)
+    OMX_ERRORTYPE(*FillBufferDone)
     (OMX_HANDLETYPE hComponent, OMX_PTR pAppData, OMX_BUFFERHEADERTYPE *pBuffer);
 } OMX_CALLBACKTYPE;
 
@@ -277,62 +277,62 @@ typedef struct OMX_COMPONENTTYPE {
     OMX_VERSIONTYPE nVersion;
     OMX_PTR pComponentPrivate;
     OMX_PTR pApplicationPrivate;
-    OMX_ERRORTYPE (*GetComponentVersion)
+    OMX_ERRORTYPE(*GetComponentVersion)
     (OMX_HANDLETYPE hComponent, OMX_STRING pComponentName, OMX_VERSIONTYPE *pComponentVersion,
      OMX_VERSIONTYPE *pSpecVersion, OMX_UUIDTYPE *pComponentUUID);
-    OMX_ERRORTYPE (*SendCommand)
+    OMX_ERRORTYPE(*SendCommand)
     (OMX_HANDLETYPE hComponent, OMX_COMMANDTYPE Cmd, OMX_U32 nParam1, OMX_PTR pCmdData);
-    OMX_ERRORTYPE (*GetParameter)
+    OMX_ERRORTYPE(*GetParameter)
     (OMX_HANDLETYPE hComponent, OMX_INDEXTYPE nParamIndex, OMX_PTR pComponentParameterStructure);
-    OMX_ERRORTYPE (*SetParameter)
+    OMX_ERRORTYPE(*SetParameter)
     (OMX_HANDLETYPE hComponent, OMX_INDEXTYPE nIndex, OMX_PTR pComponentParameterStructure);
-    OMX_ERRORTYPE (*GetConfig)
+    OMX_ERRORTYPE(*GetConfig)
     (OMX_HANDLETYPE hComponent, OMX_INDEXTYPE nIndex, OMX_PTR pComponentConfigStructure);
-    OMX_ERRORTYPE (*SetConfig)
+    OMX_ERRORTYPE(*SetConfig)
     (OMX_HANDLETYPE hComponent, OMX_INDEXTYPE nIndex, OMX_PTR pComponentConfigStructure);
-    OMX_ERRORTYPE (*GetExtensionIndex)
+    OMX_ERRORTYPE(*GetExtensionIndex)
     (OMX_HANDLETYPE hComponent, OMX_STRING cParameterName, OMX_INDEXTYPE *pIndexType);
     OMX_ERRORTYPE (*GetState)(OMX_HANDLETYPE hComponent, OMX_STATETYPE *pState);
-    OMX_ERRORTYPE (*ComponentTunnelRequest)
+    OMX_ERRORTYPE(*ComponentTunnelRequest)
     (OMX_HANDLETYPE hComp, OMX_U32 nPort, OMX_HANDLETYPE hTunneledComp, OMX_U32 nTunneledPort,
      OMX_TUNNELSETUPTYPE *pTunnelSetup);
-    OMX_ERRORTYPE (*UseBuffer)
+    OMX_ERRORTYPE(*UseBuffer)
     (OMX_HANDLETYPE hComponent, OMX_BUFFERHEADERTYPE **ppBufferHdr, OMX_U32 nPortIndex,
      OMX_PTR pAppPrivate, OMX_U32 nSizeBytes, OMX_U8 *pBuffer);
-    OMX_ERRORTYPE (*AllocateBuffer)
+    OMX_ERRORTYPE(*AllocateBuffer)
     (OMX_HANDLETYPE hComponent, OMX_BUFFERHEADERTYPE **ppBuffer, OMX_U32 nPortIndex,
      OMX_PTR pAppPrivate, OMX_U32 nSizeBytes);
-    OMX_ERRORTYPE (*FreeBuffer)
+    OMX_ERRORTYPE(*FreeBuffer)
     (OMX_HANDLETYPE hComponent, OMX_U32 nPortIndex, OMX_BUFFERHEADERTYPE *pBuffer);
     OMX_ERRORTYPE (*EmptyThisBuffer)(OMX_HANDLETYPE hComponent, OMX_BUFFERHEADERTYPE *pBuffer);
     OMX_ERRORTYPE (*FillThisBuffer)(OMX_HANDLETYPE hComponent, OMX_BUFFERHEADERTYPE *pBuffer);
-    OMX_ERRORTYPE (*SetCallbacks)
+    OMX_ERRORTYPE(*SetCallbacks)
     (OMX_HANDLETYPE hComponent, OMX_CALLBACKTYPE *pCallbacks, OMX_PTR pAppData);
     OMX_ERRORTYPE (*ComponentDeInit)(OMX_HANDLETYPE hComponent);
-    OMX_ERRORTYPE (*UseEGLImage)
+    OMX_ERRORTYPE(*UseEGLImage)
     (OMX_HANDLETYPE hComponent, OMX_BUFFERHEADERTYPE **ppBufferHdr, OMX_U32 nPortIndex,
      OMX_PTR pAppPrivate, void *eglImage);
     OMX_ERRORTYPE (*ComponentRoleEnum)(OMX_HANDLETYPE hComponent, OMX_U8 *cRole, OMX_U32 nIndex);
 } OMX_COMPONENTTYPE;
 
 #define OMX_SendCommand(hComponent, Cmd, nParam, pCmdData)                                         \
-    ((OMX_COMPONENTTYPE *)(hComponent))->SendCommand(hComponent, Cmd, nParam, pCmdData)
+    static_cast<OMX_COMPONENTTYPE *>(hComponent)->SendCommand(hComponent, Cmd, nParam, pCmdData)
 #define OMX_GetParameter(hComponent, nParamIndex, pStructure)                                      \
-    ((OMX_COMPONENTTYPE *)(hComponent))->GetParameter(hComponent, nParamIndex, pStructure)
+    static_cast<OMX_COMPONENTTYPE *>(hComponent)->GetParameter(hComponent, nParamIndex, pStructure)
 #define OMX_SetParameter(hComponent, nParamIndex, pStructure)                                      \
-    ((OMX_COMPONENTTYPE *)(hComponent))->SetParameter(hComponent, nParamIndex, pStructure)
+    static_cast<OMX_COMPONENTTYPE *>(hComponent)->SetParameter(hComponent, nParamIndex, pStructure)
 #define OMX_GetState(hComponent, pState)                                                           \
-    ((OMX_COMPONENTTYPE *)(hComponent))->GetState(hComponent, pState)
+    static_cast<OMX_COMPONENTTYPE *>(hComponent)->GetState(hComponent, pState)
 #define OMX_UseBuffer(hComponent, ppBufferHdr, nPortIndex, pAppPrivate, nSizeBytes, pBuffer)       \
-    ((OMX_COMPONENTTYPE *)(hComponent))                                                            \
+    static_cast<OMX_COMPONENTTYPE *>(hComponent)                                                   \
         ->UseBuffer(hComponent, ppBufferHdr, nPortIndex, pAppPrivate, nSizeBytes, pBuffer)
 #define OMX_AllocateBuffer(hComponent, ppBuffer, nPortIndex, pAppPrivate, nSizeBytes)              \
-    ((OMX_COMPONENTTYPE *)(hComponent))                                                            \
+    static_cast<OMX_COMPONENTTYPE *>(hComponent)                                                   \
         ->AllocateBuffer(hComponent, ppBuffer, nPortIndex, pAppPrivate, nSizeBytes)
 #define OMX_FreeBuffer(hComponent, nPortIndex, pBuffer)                                            \
-    ((OMX_COMPONENTTYPE *)(hComponent))->FreeBuffer(hComponent, nPortIndex, pBuffer)
+    static_cast<OMX_COMPONENTTYPE *>(hComponent)->FreeBuffer(hComponent, nPortIndex, pBuffer)
 #define OMX_EmptyThisBuffer(hComponent, pBuffer)                                                   \
-    ((OMX_COMPONENTTYPE *)(hComponent))->EmptyThisBuffer(hComponent, pBuffer)
+    static_cast<OMX_COMPONENTTYPE *>(hComponent)->EmptyThisBuffer(hComponent, pBuffer)
 
 // The core's own calls (client side of the standard).
 OMX_ERRORTYPE OMX_Init(void);

@@ -1,0 +1,92 @@
+// A client of the recorder for tests: drives a component through its OpenMAX IL handle and keeps
+// what it reports.
+#ifndef TESTS_SUPPORT_IL_CLIENT_H
+#define TESTS_SUPPORT_IL_CLIENT_H
+
+#include "platform/omx_il.h"
+
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+// The vendor interface, from the client's side.
+constexpr OMX_INDEXTYPE INDEX_OUTPUT_PATH{0x7F00002C};
+constexpr OMX_INDEXTYPE INDEX_START{0x7F00002D};
+constexpr OMX_INDEXTYPE INDEX_STOP{0x7F00002E};
+constexpr OMX_EVENTTYPE EVENT_END_OF_RECORDING{0x7F000005};
+
+struct IlEvent {
+    OMX_EVENTTYPE event;
+    OMX_U32 data1;
+    OMX_U32 data2;
+    OMX_PTR data;
+};
+
+class IlClient {
+  public:
+    // Takes a handle made by `make`, which gets the callbacks to install.
+    using Make = std::function<OMX_COMPONENTTYPE *(OMX_CALLBACKTYPE *callbacks, void *app_data)>;
+    using Release = std::function<void(OMX_COMPONENTTYPE *)>;
+    IlClient(const Make &make, Release release);
+    ~IlClient();
+    IlClient(const IlClient &) = delete;
+    IlClient &operator=(const IlClient &) = delete;
+
+    OMX_COMPONENTTYPE *handle() const
+    {
+        return handle_;
+    }
+
+    // State changes and the buffers that go with them; each waits for the component's answer.
+    void to_executing(uint32_t buffer_bytes = 0x100000);
+    void set_state(OMX_STATETYPE state);
+    void to_loaded();
+    void destroy();
+
+    // Empties one buffer into a port and waits until it comes back.
+    void send(OMX_U32 port, std::span<const uint8_t> data, int64_t ts_us, OMX_U32 flags = 0);
+    // Empties one buffer and does not wait. returns its header.
+    OMX_BUFFERHEADERTYPE *post(OMX_U32 port, std::span<const uint8_t> data, int64_t ts_us,
+                               OMX_U32 flags = 0);
+    bool wait_until_back(const OMX_BUFFERHEADERTYPE *header, int timeout_ms = 30000);
+
+    OMX_ERRORTYPE set_path(const std::string &path);
+    OMX_ERRORTYPE start();
+    OMX_ERRORTYPE stop();
+    // Waits for the next end of recording. returns its reason.
+    std::optional<uint32_t> wait_for_end(int timeout_ms = 60000);
+    // Events of one kind received so far.
+    size_t count(OMX_EVENTTYPE event);
+    std::vector<IlEvent> events();
+
+    // Called from the component's threads.
+    std::function<void(const IlEvent &)> on_event;
+    std::function<void(OMX_BUFFERHEADERTYPE *)> on_buffer_back;
+    // Changes a header just before it is emptied into the component.
+    std::function<void(OMX_BUFFERHEADERTYPE *)> before_empty;
+
+  private:
+    static OMX_ERRORTYPE event_handler(OMX_HANDLETYPE, OMX_PTR self, OMX_EVENTTYPE, OMX_U32,
+                                       OMX_U32, OMX_PTR);
+    static OMX_ERRORTYPE empty_buffer_done(OMX_HANDLETYPE, OMX_PTR self, OMX_BUFFERHEADERTYPE *);
+    bool wait_for_command(OMX_COMMANDTYPE command, OMX_U32 data, size_t from);
+    void allocate_buffers(uint32_t buffer_bytes);
+    void free_buffers();
+
+    OMX_CALLBACKTYPE callbacks_;
+    Release release_;
+    OMX_COMPONENTTYPE *handle_ = nullptr;
+    std::vector<OMX_BUFFERHEADERTYPE *> buffers_[2];
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::vector<IlEvent> events_;
+    std::vector<const OMX_BUFFERHEADERTYPE *> out_; // with the component
+    size_t ends_seen_ = 0;
+};
+
+#endif

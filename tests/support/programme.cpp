@@ -1,0 +1,108 @@
+#include "tests/support/programme.h"
+
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+
+Bytes read_file(const std::string &path)
+{
+    std::ifstream file(path, std::ios::binary);
+    if (!file) {
+        throw std::runtime_error("cannot read " + path);
+    }
+    return Bytes(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+}
+
+std::vector<Bytes> split_nal_units(const Bytes &data)
+{
+    std::vector<Bytes> units;
+    size_t zeros = 0;
+    size_t begin = SIZE_MAX;
+    const auto finish = [&](size_t end) {
+        if (begin == SIZE_MAX) {
+            return;
+        }
+        while (end > begin && data[end - 1] == 0) {
+            end--;
+        }
+        units.emplace_back(data.begin() + static_cast<ptrdiff_t>(begin),
+                           data.begin() + static_cast<ptrdiff_t>(end));
+    };
+    for (size_t i = 0; i < data.size(); i++) {
+        if (data[i] == 1 && zeros >= 2) {
+            finish(i - zeros);
+            begin = i + 1;
+        }
+        zeros = data[i] == 0 ? zeros + 1 : 0;
+    }
+    finish(data.size());
+    return units;
+}
+
+Bytes join_nal_units(const std::vector<Bytes> &units)
+{
+    Bytes data;
+    for (const Bytes &unit : units) {
+        data.insert(data.end(), {0, 0, 0, 1});
+        data.insert(data.end(), unit.begin(), unit.end());
+    }
+    return data;
+}
+
+// Every slice of the sample is a picture of its own; parameter sets belong to the slice behind
+// them.
+static std::vector<Bytes> split_access_units(const Bytes &stream)
+{
+    std::vector<Bytes> access_units;
+    std::vector<Bytes> current;
+    for (const Bytes &unit : split_nal_units(stream)) {
+        current.push_back(unit);
+        const int type = unit[0] & 0x1F;
+        if (type == 1 || type == 5) {
+            access_units.push_back(join_nal_units(current));
+            current.clear();
+        }
+    }
+    return access_units;
+}
+
+const Programme &sample_programme()
+{
+    static const Programme programme = [] {
+        const std::string folder = TDMBREC_SOURCE_DIR "/samples/";
+        const Bytes wav = read_file(folder + "programme.wav");
+        Programme result{split_access_units(read_file(folder + "programme.h264")), {}};
+        result.pcm.resize((wav.size() - 44) / 2);
+        memcpy(result.pcm.data(), wav.data() + 44, result.pcm.size() * 2);
+        return result;
+    }();
+    return programme;
+}
+
+int64_t video_time_us(size_t index)
+{
+    return 1000000 + static_cast<int64_t>(index) * 1000000 / 30;
+}
+
+int64_t audio_time_us(size_t index)
+{
+    return 1000000 + static_cast<int64_t>(index) * 1024 * 1000000 / 48000;
+}
+
+size_t pcm_buffer_count(const Programme &programme)
+{
+    return (programme.pcm.size() * 2 + PCM_BUFFER_BYTES - 1) / PCM_BUFFER_BYTES;
+}
+
+Bytes pcm_buffer(const Programme &programme, size_t index)
+{
+    Bytes data(PCM_BUFFER_BYTES);
+    const size_t total = programme.pcm.size() * 2;
+    const size_t begin = index * PCM_BUFFER_BYTES;
+    if (begin < total) {
+        memcpy(data.data(), reinterpret_cast<const uint8_t *>(programme.pcm.data()) + begin,
+               std::min(PCM_BUFFER_BYTES, total - begin));
+    }
+    return data;
+}
