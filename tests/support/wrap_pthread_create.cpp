@@ -16,8 +16,10 @@ void refuse_threads(int count)
 extern "C" int __real_pthread_create(pthread_t *, const pthread_attr_t *, void *(*)(void *),
                                      void *);
 
-extern "C" int __wrap_pthread_create(pthread_t *thread, const pthread_attr_t *attributes,
-                                     void *(*body)(void *), void *argument)
+// Visible, because a sanitizer's runtime library refers to it.
+extern "C" __attribute__((visibility("default"))) int
+__wrap_pthread_create(pthread_t *thread, const pthread_attr_t *attributes, void *(*body)(void *),
+                      void *argument)
 {
     if (threads_to_refuse > 0) {
         threads_to_refuse--;
