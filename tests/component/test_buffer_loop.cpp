@@ -1,6 +1,6 @@
 #include "component/client_events.h"
 #include "platform/host/host_control.h"
-#include "tests/support/component_fixture.h"
+#include "tests/support/component_test.h"
 #include "tests/support/programme.h"
 
 #include <algorithm>

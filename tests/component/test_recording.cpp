@@ -1,8 +1,9 @@
 // The life of a recording and its ends, at the component's own interface.
 #include "component/process_state.h"
 #include "platform/host/host_control.h"
-#include "tests/support/component_fixture.h"
+#include "tests/support/component_test.h"
 #include "tests/support/programme.h"
+#include "tests/support/programme_player.h"
 #include "tests/support/wrap_pthread_create.h"
 
 #include <atomic>
@@ -28,23 +29,6 @@ class Recording : public ComponentTest {
         EXPECT_EQ(client->set_path(path), OMX_ErrorNone);
         EXPECT_EQ(client->start(), OMX_ErrorNone);
         return client;
-    }
-
-    // The programme from access unit `from` on, with the PCM of that time.
-    static void send_programme(IlClient &client, size_t frames, size_t from = 0)
-    {
-        const Programme &programme = sample_programme();
-        if (from == 0) {
-            client.send(0, Bytes{0, 0, 0, 1, 9, 0xF0}, video_time_us(0) - FRAME_US);
-        }
-        size_t audio = static_cast<size_t>(from * 48000 / 30 / 1024);
-        for (size_t i = from; i < from + frames; i++) {
-            client.send(0, programme.access_units[i], video_time_us(i));
-            while (audio_time_us(audio) < video_time_us(i + 1)) {
-                client.send(1, pcm_buffer(programme, audio), audio_time_us(audio));
-                audio++;
-            }
-        }
     }
 };
 

@@ -3,7 +3,7 @@
 #include "component/process_state.h"
 #include "component/zpl_aenc.h"
 #include "platform/host/host_control.h"
-#include "tests/support/component_fixture.h"
+#include "tests/support/component_test.h"
 
 #include <cstdlib>
 #include <cstring>

@@ -1,7 +1,7 @@
 #include "component/time_line.h"
 
 #include "component/process_state.h"
-#include "tests/support/component_fixture.h"
+#include "tests/support/component_test.h"
 
 #include <algorithm>
 #include <cstdint>

@@ -1,13 +1,10 @@
-// A component built directly from its objects, with a client, the log in hand, and every leak of
-// the platform layer found at the end.
-#ifndef TESTS_SUPPORT_COMPONENT_FIXTURE_H
-#define TESTS_SUPPORT_COMPONENT_FIXTURE_H
+// What tests over the platform's stand-in have in common: the log in hand, and every leak of the
+// platform layer found at the end.
+#ifndef TESTS_SUPPORT_PLATFORM_TEST_H
+#define TESTS_SUPPORT_PLATFORM_TEST_H
 
-#include "component/omx_tdmbrec_component.h"
-#include "tests/support/il_client.h"
-
+#include <functional>
 #include <gtest/gtest.h>
-#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -18,13 +15,11 @@ struct LogLine {
     std::string text;
 };
 
-class ComponentTest : public testing::Test {
+class PlatformTest : public testing::Test {
   protected:
     void SetUp() override;
     void TearDown() override;
 
-    std::unique_ptr<IlClient> make_client(const char *name = "OMX.qvr.tdmb.rec");
-    static omx_tdmbrec_component_PrivateType *record_of(const IlClient &client);
     std::vector<LogLine> log();
     bool has_logged(const std::string &text);
     // Called with every log line, on the thread that logs.

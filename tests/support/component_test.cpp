@@ -1,0 +1,27 @@
+#include "tests/support/component_test.h"
+
+#include <cstdlib>
+
+std::unique_ptr<IlClient> ComponentTest::make_client(const char *name)
+{
+    const auto make = [name](OMX_CALLBACKTYPE *callbacks, void *app_data) {
+        OMX_COMPONENTTYPE *const handle =
+            static_cast<OMX_COMPONENTTYPE *>(calloc(1, sizeof(OMX_COMPONENTTYPE)));
+        handle->nSize = sizeof(*handle);
+        handle->nVersion.nVersion = OMX_VERSION_1_1_2;
+        EXPECT_EQ(omx_tdmbrec_component_Constructor(handle, const_cast<char *>(name)),
+                  OMX_ErrorNone);
+        EXPECT_EQ(handle->SetCallbacks(handle, callbacks, app_data), OMX_ErrorNone);
+        return handle;
+    };
+    const auto release = [](OMX_COMPONENTTYPE *handle) {
+        EXPECT_EQ(handle->ComponentDeInit(handle), OMX_ErrorNone);
+        free(handle);
+    };
+    return std::make_unique<IlClient>(make, release);
+}
+
+omx_tdmbrec_component_PrivateType *ComponentTest::record_of(const IlClient &client)
+{
+    return static_cast<omx_tdmbrec_component_PrivateType *>(client.handle()->pComponentPrivate);
+}

@@ -1,0 +1,17 @@
+// A component built directly from its objects, with a client.
+#ifndef TESTS_SUPPORT_COMPONENT_TEST_H
+#define TESTS_SUPPORT_COMPONENT_TEST_H
+
+#include "component/omx_tdmbrec_component.h"
+#include "tests/support/il_client.h"
+#include "tests/support/platform_test.h"
+
+#include <memory>
+
+class ComponentTest : public PlatformTest {
+  protected:
+    static std::unique_ptr<IlClient> make_client(const char *name = "OMX.qvr.tdmb.rec");
+    static omx_tdmbrec_component_PrivateType *record_of(const IlClient &client);
+};
+
+#endif
