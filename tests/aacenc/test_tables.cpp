@@ -1,0 +1,128 @@
+#include <algorithm>
+#include <cmath>
+#include <numeric>
+#include <span>
+
+#include <gtest/gtest.h>
+
+#include "aacenc/band_tables.h"
+#include "aacenc/filterbank_tables.h"
+#include "aacenc/huffman_tables.h"
+#include "aacenc/noise_tables.h"
+#include "aacenc/quantiser.h"
+#include "aacenc/quantiser_tables.h"
+#include "aacenc/tns_tables.h"
+
+static constexpr double kPi = 3.14159265358979323846;
+static constexpr double kOne_q29 = 536870912.0;
+
+TEST(Tables, WindowIsARisingSine)
+{
+    for (int n = 0; n < 1024; n++)
+        EXPECT_EQ(MDCT_WINDOW[n], std::trunc(kOne_q29 * std::sin(kPi * (n + 0.5) / 2048))) << n;
+}
+
+TEST(Tables, CosineIsRoundedToSinglePrecision)
+{
+    EXPECT_EQ(CPLX_COEFF[0], 2147483647);
+    EXPECT_EQ(CPLX_COEFF[256], 0);
+    for (int k = 1; k < 256; k++) {
+        const float cosine = static_cast<float>(std::cos(kPi * k / 512));
+        EXPECT_EQ(CPLX_COEFF[k], static_cast<double>(cosine) * 2147483648.0) << k;
+    }
+}
+
+TEST(Tables, QuantiserFactorsAreSixteenthsOfThreeOctaves)
+{
+    for (int i = 0; i < 100; i++)
+        EXPECT_EQ(quantfac_table[i], std::floor(std::exp2(29 - 3 * (99 - i) / 16.0))) << i;
+}
+
+TEST(Tables, PowersAreRoundedDown)
+{
+    for (int64_t x = 0; x < 8192; x++) {
+        const int64_t y = CalcPow34[x];
+        EXPECT_LE(y * y * y * y, x * x * x) << x;
+        EXPECT_GT((y + 1) * (y + 1) * (y + 1) * (y + 1), x * x * x) << x;
+    }
+}
+
+TEST(Tables, PowerLinesJoinAndFollowTheCurve)
+{
+    int32_t before = power_three_quarters(8191);
+    for (uint32_t x = 8192; x < 0x80000000U; x += 1 + x / 4096) {
+        const int32_t power = power_three_quarters(x);
+        EXPECT_GE(power, before) << x;
+        // The last line has no end, and leaves the curve where no line of the transform gets.
+        if (x < 1U << 26) {
+            EXPECT_NEAR(power / std::pow(x, 0.75), 1.0, 0.1) << x;
+        }
+        before = power;
+    }
+    for (const PowerLine &line : CalcPow_RageTable) {
+        const uint32_t start = static_cast<uint32_t>(line.start);
+        EXPECT_EQ(power_three_quarters(start), line.base);
+        EXPECT_NEAR(power_three_quarters(start - 1), line.base, 1);
+        EXPECT_NEAR(line.base, std::pow(start, 0.75), 1);
+    }
+}
+
+// Prefix-free: no codeword starts another one. Complete: the Kraft sum is 1.
+static void expect_complete_code(std::span<const uint32_t> book)
+{
+    uint64_t kraft = 0;
+    std::vector<std::pair<uint64_t, uint64_t>> ranges; // of the 24-bit words that start with a code
+    for (const uint32_t entry : book) {
+        const uint32_t length = entry >> 24;
+        const uint64_t code = entry & 0xFFFFFF;
+        ASSERT_TRUE(length >= 1 && length <= 24 && code >> length == 0) << std::hex << entry;
+        kraft += 1U << (24 - length);
+        ranges.emplace_back(code << (24 - length), (code + 1) << (24 - length));
+    }
+    EXPECT_EQ(kraft, 1U << 24);
+    std::sort(ranges.begin(), ranges.end());
+    for (size_t i = 1; i < ranges.size(); i++)
+        EXPECT_LE(ranges[i - 1].second, ranges[i].first);
+}
+
+TEST(Tables, CodebooksArePrefixFreeAndComplete)
+{
+    for (const std::span<const uint32_t> book :
+         {std::span<const uint32_t>(huff1), std::span<const uint32_t>(huff2),
+          std::span<const uint32_t>(huff3), std::span<const uint32_t>(huff4),
+          std::span<const uint32_t>(huff5), std::span<const uint32_t>(huff6),
+          std::span<const uint32_t>(huff7), std::span<const uint32_t>(huff8),
+          std::span<const uint32_t>(huff9), std::span<const uint32_t>(huff10),
+          std::span<const uint32_t>(huff11), std::span<const uint32_t>(huff12)})
+        expect_complete_code(book);
+    EXPECT_EQ(huff12[60], 0x01000000U);
+}
+
+TEST(Tables, BandsAddUpToTheFrame)
+{
+    const int counts[] = {49, 51, 47, 43, 40};
+    for (int i = 0; i < 5; i++) {
+        const uint8_t *row = sr_info_aac[i];
+        EXPECT_EQ(row[0], counts[i]);
+        EXPECT_EQ(std::accumulate(row + 1, row + 52, 0), 1024);
+        EXPECT_TRUE(std::all_of(row + 1, row + 1 + row[0],
+                                [](uint8_t width) { return width != 0 && width % 4 == 0; }));
+    }
+}
+
+TEST(Tables, TnsCoefficientsFollowTheStandardsQuantiser)
+{
+    for (int j = 0; j < 16; j++) {
+        const double threshold =
+            j < 8 ? std::sin((j - 8.5) * kPi / 17) : std::sin((j - 7.5) * kPi / 15);
+        EXPECT_EQ(search4[j], j == 10 ? 1 << 28 : std::trunc(kOne_q29 * threshold)) << j;
+        const int n = j - 8;
+        EXPECT_EQ(kArray_Out[j], std::trunc(kOne_q29 * std::sin(n * kPi / (n < 0 ? 17 : 15))));
+    }
+}
+
+TEST(Tables, LogarithmOfTheMantissaIsWithinTwoUnits)
+{
+    for (int i = 0; i < 32; i++)
+        EXPECT_NEAR(AacLc_Enc_cLog2Table[i], 32768 * (1 + std::log2(1 + i / 32.0)), 2.0) << i;
+}
