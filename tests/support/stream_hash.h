@@ -1,0 +1,24 @@
+// The stream that every build makes of samples/programme.wav. A change of these numbers is a change
+// of the encoder's output.
+#ifndef TESTS_SUPPORT_STREAM_HASH_H
+#define TESTS_SUPPORT_STREAM_HASH_H
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+// Raw access units of the whole frames, stereo, 128000 bit/s.
+inline constexpr uint64_t kProgrammeStreamHash = 0xb9348974d61266c3;
+inline constexpr size_t kProgrammeStreamBytes = 158494;
+
+inline constexpr uint64_t kHashStart = 0xcbf29ce484222325;
+
+// FNV-1a, continued from `hash`.
+inline uint64_t stream_hash(uint64_t hash, std::span<const uint8_t> bytes)
+{
+    for (const uint8_t byte : bytes)
+        hash = (hash ^ byte) * 0x100000001b3;
+    return hash;
+}
+
+#endif // TESTS_SUPPORT_STREAM_HASH_H
