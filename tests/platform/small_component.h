@@ -36,7 +36,8 @@ inline void consume(OMX_COMPONENTTYPE *component, OMX_BUFFERHEADERTYPE *buffer)
 {
     if (private_of(component)->pfnConsume != nullptr)
         private_of(component)->pfnConsume(buffer);
-    buffer->nFilledLen = 0;
+    else
+        buffer->nFilledLen = 0;
 }
 
 // Takes part in the flush handshake as long as a port is being flushed.

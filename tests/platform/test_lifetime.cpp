@@ -39,30 +39,6 @@ TEST_F(lifetime_test, a_destroyed_component_refuses_everything_but_its_destructi
     EXPECT_EQ(send(OMX_CommandFlush, OMX_ALL), OMX_ErrorInvalidComponent);
 }
 
-TEST_F(lifetime_test, callbacks_are_the_clients_to_set_while_loaded)
-{
-    OMX_CALLBACKTYPE callbacks = {handle_event, empty_buffer_done, nullptr};
-    EXPECT_EQ(component.SetCallbacks(&component, nullptr, nullptr), OMX_ErrorBadParameter);
-    bring_to(OMX_StateExecuting);
-    EXPECT_EQ(component.SetCallbacks(&component, &callbacks, &client),
-              OMX_ErrorIncorrectStateOperation);
-}
-
-TEST_F(lifetime_test, the_component_tells_its_name_and_versions)
-{
-    char name[OMX_MAX_STRINGNAME_SIZE];
-    OMX_VERSIONTYPE version = {};
-    OMX_VERSIONTYPE standard = {};
-    OMX_UUIDTYPE uuid;
-    EXPECT_EQ(component.GetComponentVersion(&component, name, &version, &standard, &uuid),
-              OMX_ErrorNone);
-    EXPECT_STREQ(name, "OMX.test.sink");
-    EXPECT_EQ(standard.nVersion, OMX_VERSION_1_1_2);
-    EXPECT_EQ(component.nVersion.nVersion, OMX_VERSION_1_1_2);
-    EXPECT_EQ(component.ComponentTunnelRequest(&component, 0, nullptr, 0, nullptr),
-              OMX_ErrorTunnelingUnsupported);
-}
-
 // Every call that the construction makes fails in turn, once and from then on.
 TEST(construction_test, a_failure_at_any_call_leaves_nothing_behind)
 {
@@ -89,20 +65,6 @@ TEST(construction_test, a_failure_at_any_call_leaves_nothing_behind)
         }
     }
     host_reset();
-}
-
-TEST(construction_test, wrong_arguments_are_refused)
-{
-    char name[] = "OMX.test.sink";
-    OMX_COMPONENTTYPE component = {};
-    omx_base_port_PrivateType *port = nullptr;
-    EXPECT_EQ(omx_base_sink_Constructor(nullptr, name), OMX_ErrorBadParameter);
-    EXPECT_EQ(omx_base_sink_Constructor(&component, name), OMX_ErrorBadParameter);
-    ASSERT_EQ(construct_small_component(&component), OMX_ErrorNone);
-    EXPECT_EQ(omx_base_sink_Constructor(&component, name), OMX_ErrorBadParameter);
-    EXPECT_EQ(base_video_port_Constructor(&component, &port, 0, OMX_TRUE), OMX_ErrorBadParameter);
-    EXPECT_EQ(base_audio_port_Constructor(&component, nullptr, 0, OMX_TRUE), OMX_ErrorBadParameter);
-    EXPECT_EQ(component.ComponentDeInit(&component), OMX_ErrorNone);
 }
 
 } // namespace

@@ -98,7 +98,15 @@ TEST_F(port_test, buffers_are_only_taken_from_idle_on)
     ASSERT_EQ(send(OMX_CommandStateSet, OMX_StateLoaded), OMX_ErrorNone);
     EXPECT_EQ(wait_returned(1).front(), buffers[0][0]); // the way to Loaded gives it back
     EXPECT_EQ(empty(buffers[0][0]), OMX_ErrorIncorrectStateOperation);
+}
+
+TEST_F(port_test, the_invalid_state_gives_every_buffer_back_and_lets_it_be_freed)
+{
+    bring_to(OMX_StatePause);
+    for (OMX_BUFFERHEADERTYPE *buffer : buffers[0])
+        ASSERT_EQ(empty(buffer), OMX_ErrorNone);
     bring_to(OMX_StateInvalid);
+    EXPECT_EQ(wait_returned(4).size(), 4u);
     EXPECT_EQ(empty(buffers[0][0]), OMX_ErrorInvalidState);
     free_buffers(0);
 }
@@ -148,14 +156,17 @@ TEST_F(port_test, a_flush_returns_the_buffer_in_hand_and_the_queued_ones_of_its_
 std::mutex consume_gate;
 std::atomic<bool> consuming;
 
+void wait_at_gate(OMX_BUFFERHEADERTYPE *)
+{
+    consuming = true;
+    const std::lock_guard guard(consume_gate);
+}
+
 TEST_F(port_test, a_flush_waits_for_the_buffer_that_is_being_consumed)
 {
     bring_to(OMX_StateExecuting);
+    private_of(&component)->pfnConsume = wait_at_gate;
     consuming = false;
-    private_of(&component)->pfnConsume = [](OMX_BUFFERHEADERTYPE *) {
-        consuming = true;
-        const std::lock_guard guard(consume_gate);
-    };
     {
         const std::lock_guard guard(consume_gate);
         ASSERT_EQ(empty(buffers[0][0]), OMX_ErrorNone);
@@ -168,7 +179,28 @@ TEST_F(port_test, a_flush_waits_for_the_buffer_that_is_being_consumed)
         EXPECT_TRUE(client.returned.empty());
     }
     expect_complete(OMX_CommandFlush, 0);
-    EXPECT_EQ(wait_returned(1).front()->nFilledLen, 0u);
+    EXPECT_EQ(wait_returned(1).size(), 1u);
+}
+
+TEST_F(port_test, a_flush_survives_the_end_of_the_buffer_thread)
+{
+    bring_to(OMX_StateExecuting);
+    private_of(&component)->pfnConsume = wait_at_gate;
+    host_fail_call(HOST_CALL_DEQUEUE, 1, 1);
+    consuming = false;
+    {
+        const std::lock_guard guard(consume_gate);
+        ASSERT_EQ(empty(buffers[0][0]), OMX_ErrorNone);
+        while (!consuming)
+            sched_yield();
+        ASSERT_EQ(empty(buffers[1][0]), OMX_ErrorNone); // ends the thread, port 0's in hand
+        ASSERT_EQ(send(OMX_CommandFlush, OMX_ALL), OMX_ErrorNone);
+        while (std::atomic_ref(sink()->ppPorts[0]->bBeingFlushed).load() == 0)
+            sched_yield();
+    }
+    expect_complete(OMX_CommandFlush, 0);
+    expect_complete(OMX_CommandFlush, 1);
+    EXPECT_EQ(wait_returned(2), (std::vector{buffers[0][0], buffers[1][0]}));
 }
 
 TEST_F(port_test, disabling_returns_the_buffers_and_ends_when_they_are_freed)
@@ -218,9 +250,10 @@ TEST_F(port_test, buffers_come_back_after_the_buffer_thread_has_ended)
     free_buffers(0);
     free_buffers(1);
     expect_complete(OMX_CommandStateSet, OMX_StateLoaded);
-    bring_to(OMX_StateExecuting); // a new thread, without counts of the old one
-    command(OMX_CommandFlush, 0);
+    bring_to(OMX_StatePause); // a new thread, without counts of the old one
     ASSERT_EQ(empty(buffers[0][0]), OMX_ErrorNone);
+    wait_taken(sink()->ppPorts[0]);
+    command(OMX_CommandFlush, 0);
     EXPECT_EQ(wait_returned(1).size(), 1u);
 }
 
@@ -237,6 +270,7 @@ TEST_F(port_test, each_mark_goes_to_the_next_buffer_without_one)
     for (int *data : {&first, &second}) {
         OMX_MARKTYPE mark = {&first, data};
         ASSERT_EQ(send(OMX_CommandMarkBuffer, 1, &mark), OMX_ErrorNone);
+        mark = {}; // the command took a copy
         expect_complete(OMX_CommandMarkBuffer, 1);
     }
     buffers[1][0]->hMarkTargetComponent = &second; // the client's own mark stays
