@@ -1,0 +1,169 @@
+// The desk's OpenMAX IL core: loads the components' shared libraries and makes their handles.
+#include "client/omx_core.h"
+
+#include "platform/omx_il.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <dlfcn.h>
+#include <mutex>
+#include <string_view>
+
+using component_init_t = OMX_ERRORTYPE (*)(OMX_HANDLETYPE);
+
+struct component_row_t {
+    const char *name;
+    const char *library;
+    const char *path_variable; // names another file to load, for components under development
+    const char *entry_point;
+    void *loaded;
+};
+
+static component_row_t components[] = {
+    {"OMX.qvr.tdmb.rec", "libOMX.QVR.tdmbrec.so", "TDMBREC_COMPONENT_PATH",
+     "omx_tdmbrec_component_Init", nullptr},
+};
+
+static std::mutex core_lock;      // guards everything here
+static unsigned init_count;       // calls of OMX_Init that OMX_Deinit has not answered
+static char load_error[512] = ""; // what the dynamic linker said
+
+static bool load(component_row_t &row)
+{
+    if (row.loaded != nullptr) {
+        return true;
+    }
+    const char *path = std::getenv(row.path_variable);
+    if (path == nullptr || path[0] == '\0') {
+        path = row.library;
+    }
+    // A component's threads may still be leaving its code when its handle is gone.
+    row.loaded = dlopen(path, RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
+    const char *error = row.loaded == nullptr ? dlerror() : "";
+    std::snprintf(load_error, sizeof load_error, "%s", error != nullptr ? error : "");
+    return row.loaded != nullptr;
+}
+
+static component_row_t *find_component(const char *name)
+{
+    for (component_row_t &row : components) {
+        if (std::strcmp(row.name, name) == 0) {
+            return &row;
+        }
+    }
+    return nullptr;
+}
+
+const char *omx_core_load_error(void)
+{
+    return load_error;
+}
+
+// Loads every library at once: the client may change what paths mean before it takes a handle.
+OMX_ERRORTYPE OMX_Init(void)
+{
+    const std::lock_guard<std::mutex> guard(core_lock);
+    if (init_count++ == 0) {
+        for (component_row_t &row : components) {
+            (void)load(row); // OMX_GetHandle tries again and reports
+        }
+    }
+    return OMX_ErrorNone;
+}
+
+OMX_ERRORTYPE OMX_Deinit(void)
+{
+    const std::lock_guard<std::mutex> guard(core_lock);
+    if (init_count == 0) {
+        return OMX_ErrorNotReady;
+    }
+    if (--init_count == 0) {
+        for (component_row_t &row : components) {
+            if (row.loaded != nullptr) {
+                dlclose(row.loaded);
+                row.loaded = nullptr;
+            }
+        }
+    }
+    return OMX_ErrorNone;
+}
+
+OMX_ERRORTYPE OMX_ComponentNameEnum(OMX_STRING cComponentName, OMX_U32 nNameLength, OMX_U32 nIndex)
+{
+    if (cComponentName == nullptr) {
+        return OMX_ErrorBadParameter;
+    }
+    if (nIndex >= std::size(components)) {
+        return OMX_ErrorNoMore;
+    }
+    const std::string_view name = components[nIndex].name;
+    if (nNameLength <= name.size()) {
+        return OMX_ErrorBadParameter;
+    }
+    std::memcpy(cComponentName, name.data(), name.size() + 1);
+    return OMX_ErrorNone;
+}
+
+static OMX_ERRORTYPE make_handle(component_row_t &row, OMX_PTR app_data,
+                                 OMX_CALLBACKTYPE *callbacks, OMX_COMPONENTTYPE *component)
+{
+    component_init_t init = nullptr;
+    void *const symbol = dlsym(row.loaded, row.entry_point);
+    std::memcpy(&init, &symbol, sizeof init);
+    if (init == nullptr) {
+        return OMX_ErrorInvalidComponent;
+    }
+    component->nSize = sizeof *component;
+    component->nVersion.nVersion = OMX_VERSION_1_1_2;
+    component->pApplicationPrivate = app_data;
+    const OMX_ERRORTYPE made = init(component);
+    if (made != OMX_ErrorNone) {
+        return made;
+    }
+    return component->SetCallbacks(component, callbacks, app_data);
+}
+
+OMX_ERRORTYPE OMX_GetHandle(OMX_HANDLETYPE *pHandle, OMX_STRING cComponentName, OMX_PTR pAppData,
+                            OMX_CALLBACKTYPE *pCallBacks)
+{
+    if (pHandle == nullptr || cComponentName == nullptr || pCallBacks == nullptr) {
+        return OMX_ErrorBadParameter;
+    }
+    *pHandle = nullptr;
+    const std::lock_guard<std::mutex> guard(core_lock);
+    if (init_count == 0) {
+        return OMX_ErrorNotReady;
+    }
+    component_row_t *const row = find_component(cComponentName);
+    if (row == nullptr || !load(*row)) {
+        return OMX_ErrorComponentNotFound;
+    }
+    void *const memory = std::calloc(1, sizeof(OMX_COMPONENTTYPE));
+    if (memory == nullptr) {
+        return OMX_ErrorInsufficientResources;
+    }
+    OMX_COMPONENTTYPE *const component = static_cast<OMX_COMPONENTTYPE *>(memory);
+    const OMX_ERRORTYPE made = make_handle(*row, pAppData, pCallBacks, component);
+    if (made != OMX_ErrorNone) {
+        // What was built before the failure is the component's own to release.
+        if (component->ComponentDeInit != nullptr && component->pComponentPrivate != nullptr) {
+            (void)component->ComponentDeInit(component);
+        }
+        std::free(component);
+        return made;
+    }
+    *pHandle = component;
+    return OMX_ErrorNone;
+}
+
+OMX_ERRORTYPE OMX_FreeHandle(OMX_HANDLETYPE hComponent)
+{
+    if (hComponent == nullptr) {
+        return OMX_ErrorBadParameter;
+    }
+    OMX_COMPONENTTYPE *const component = static_cast<OMX_COMPONENTTYPE *>(hComponent);
+    const OMX_ERRORTYPE freed = component->ComponentDeInit(component);
+    std::free(component);
+    return freed;
+}
