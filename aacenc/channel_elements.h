@@ -12,9 +12,11 @@
 void DetermineChInfo(AacEncChInfo *chInfo0, AacEncChInfo *chInfo1, int32_t channels);
 
 // Flags the bands above the audio bandwidth as noise bands with the energies that stand for them,
-// up to the highest band with energy, and clears the lines from there on. in, out: spectrum    1024
-// lines in:      bandWidths  the bands' widths in lines out:     coderInfo   noise flags and
-// energies
+// up to the highest band with energy, and clears the lines from there on.
+// in, out: spectrum    1024 lines
+// in:      bandWidths  the bands' widths in lines
+// out:     coderInfo   noise flags and energies
+// source:  ISO/IEC 14496-3, 4.6.13
 void AACENC_CalcPNS(int32_t *spectrum, AacEncCoderInfo *coderInfo, const uint8_t *bandWidths,
                     const EncTfState *tfState);
 

@@ -4,10 +4,12 @@
 
 #include <cstdint>
 
-// Transforms two frames of 1024 samples: -2 times the MDCT of the windowed 2048 samples, in units
-// of the samples. The first frame since init (counter 0) yields zeros. in:      cur   this frame
-//          prev  the frame before
-// out:     spec  1024 lines, magnitudes below 2^26
+// Transforms two frames of 1024 samples to -2 times the MDCT of the windowed 2048 samples, in units
+// of the samples. The first frame since init yields zeros.
+// in:      cur           this frame
+//          prev          the frame before
+//          frameCounter  0 for the first frame
+// out:     spec          1024 lines, magnitudes below 2^26
 // source:  ISO/IEC 14496-3, 4.6.11.3
 void buffer2freq(const int16_t *cur, int32_t *spec, const int16_t *prev, uint32_t frameCounter);
 

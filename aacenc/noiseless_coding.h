@@ -25,9 +25,10 @@ struct BookChoice {
 [[nodiscard]] int32_t count_codewords(int32_t book, const int32_t *values, int32_t count);
 
 // Packs a band into entries of the codeword list: a codeword, then its signs, then its escapes,
-// each with its length in bits 24..31. A band without spectral data is one entry of length 0. in:
-// values  magnitudes at most kMaxQuantised returns: the end of the entries source:  ISO/IEC
-// 14496-3, 4.6.3
+// each with its length in bits 24..31. A band without spectral data is one entry of length 0.
+// in:      values  magnitudes at most kMaxQuantised
+// returns: the end of the entries
+// source:  ISO/IEC 14496-3, 4.6.3
 [[nodiscard]] uint32_t *pack_codewords(int32_t book, const int32_t *values, int32_t count,
                                        uint32_t *out);
 

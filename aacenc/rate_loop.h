@@ -11,10 +11,10 @@
 // in:      spectrumPtr  the channel's 1024 lines, in a channel buffer
 //          bitBudget    bits for the channel; may be negative
 //          bitstream    where the channel will be written; used to count only
-//          tfState      `bitsLeft` bits are free for this channel and those after it, and loses
-//          what
-//                       this one takes
-// out:     coderInfo    gain, scalefactors, codebooks, length of the codeword list
+//          tfState      `bitsLeft`: what this channel and those after it may take
+// out:     tfState      `bitsLeft` without what this one takes, `lastGain`, the work arrays
+//          spectrumPtr  the codeword list
+//          coderInfo    gain, scalefactors, codebooks, length of the codeword list
 // returns: 0
 [[nodiscard]] int32_t tf_encode_spectrum_aac(int32_t *const *spectrumPtr, uint8_t windowSequence,
                                              int32_t bitBudget, AacEncBitstream *bitstream,
