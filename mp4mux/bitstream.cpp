@@ -5,6 +5,8 @@
 
 #include <cstdio>
 
+namespace {
+
 // The messages of one group of writers.
 struct write_messages {
     const char *open;
@@ -12,6 +14,8 @@ struct write_messages {
     const char *cache;
     const char *tell;
 };
+
+} // namespace
 
 static constexpr write_messages kBytesMessages = {
     "can't open file(bs_write_bytes)",

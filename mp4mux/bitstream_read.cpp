@@ -5,12 +5,16 @@
 
 #include <algorithm>
 
+namespace {
+
 // The messages of one group of readers.
 struct read_messages {
     const char *end;
     const char *cache;
     const char *tell;
 };
+
+} // namespace
 
 static constexpr read_messages kBytesMessages = {
     "the end of the file(bs_read_bytes)",

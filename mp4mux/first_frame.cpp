@@ -17,10 +17,14 @@ static size_t load_be32(const uint8_t *from)
            static_cast<size_t>(from[2]) << 8 | from[3];
 }
 
+namespace {
+
 struct parameter_sets {
     nal_unit sps;
     nal_unit pps;
 };
+
+} // namespace
 
 // Walks length-prefixed NAL units until both parameter sets are found, the frame ends, or a length
 // leads out of it.

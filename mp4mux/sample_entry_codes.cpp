@@ -19,6 +19,8 @@ enum {
     OTI_QCELP = 0xE1,
 };
 
+namespace {
+
 // How the estimate of a sample entry is formed.
 enum estimate_rule {
     ESTIMATE_DESCRIPTORS, // "mp4a": the elementary stream descriptors and 67 bytes
@@ -42,6 +44,8 @@ struct audio_code {
     estimate_rule estimate;
     private_mark mark;
 };
+
+} // namespace
 
 // clang-format off
 static constexpr audio_code kAudioCodes[] = {

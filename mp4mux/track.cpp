@@ -63,10 +63,14 @@ static int32_t set_scratch_name(mp4_mux_t *mux, char (&name)[kScratchNameBytes],
     return 0;
 }
 
+namespace {
+
 struct scratch_name {
     char (*name)[kScratchNameBytes];
     const char *fixed;
 };
+
+} // namespace
 
 template <size_t N>
 static int32_t set_scratch_names(mp4_mux_t *mux, const scratch_name (&names)[N])
@@ -80,6 +84,8 @@ static int32_t set_scratch_names(mp4_mux_t *mux, const scratch_name (&names)[N])
     return 0;
 }
 
+namespace {
+
 struct scratch_table {
     mp4_mux_bs_t *bs;
     const char *name;
@@ -87,6 +93,8 @@ struct scratch_table {
     int32_t cache_bytes;
     int32_t header_bytes;
 };
+
+} // namespace
 
 // Attaches scratch bitstreams to consecutive slices of a cache region.
 template <size_t N>

@@ -13,10 +13,14 @@ static constexpr int32_t kMinConfigBytes = 7;
 static constexpr size_t kMaxCollectedBytes = 1024;
 static constexpr size_t kLengthBytes = 4;
 
+namespace {
+
 struct parameter_sets {
     byte_span sps;
     byte_span pps;
 };
+
+} // namespace
 
 static bool is_aligned(const uint8_t *at)
 {

@@ -14,6 +14,8 @@
 static constexpr uint64_t kMaxMediaBytes = 0xFFFFFFF7; // with its header still a 32-bit size
 static constexpr int kMaxFillerRuns = 3;
 
+namespace {
+
 enum trailer_result {
     TRAILER_WRITTEN,
     TRAILER_FAILED,
@@ -25,6 +27,8 @@ struct scratch_table {
     const char *name;
     const char *close_tag;
 };
+
+} // namespace
 
 static std::array<scratch_table, 5> scratch_tables_of(mp4_mux_track_t *p_track)
 {

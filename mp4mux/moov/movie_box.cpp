@@ -163,10 +163,14 @@ static void write_trak_boxes(mp4_mux_t *mux, int32_t type)
     }
 }
 
+namespace {
+
 struct movie_extent {
     uint32_t duration_ms;
     uint32_t last_track_id;
 };
+
+} // namespace
 
 // Gives the tracks that have samples their final identifiers and their creation time.
 static movie_extent number_tracks(mp4_mux_t *mux)
