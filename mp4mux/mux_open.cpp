@@ -9,6 +9,7 @@
 static constexpr int32_t kFileType3g2a = 4;
 static constexpr int32_t kOwnCacheBytes = 0x54000;
 static constexpr uint64_t kSecondsFrom1904To1970 = 2082844800;
+static constexpr uint32_t kMaxCompatibleBrands = 1024;
 
 static int32_t fail(mp4_mux_t *mux, int32_t code, const char *message)
 {
@@ -101,6 +102,9 @@ static const char *fault_in_input(const mp4_mux_input_t *input)
     if (ftyp != nullptr && ftyp->m_uiCompatibleCount != 0 && ftyp->m_puiCompatible == nullptr) {
         return "mp4_mux_ftyp_t's value is NULL";
     }
+    if (ftyp != nullptr && ftyp->m_uiCompatibleCount > kMaxCompatibleBrands) {
+        return "mp4_mux_ftyp_t has too many brands";
+    }
     return fault_in_user_boxes(input);
 }
 
@@ -142,7 +146,7 @@ static int32_t prepare_cache(mp4_mux_t *mux)
         return fail(mux, MUX_ERR_CACHE_SIZE, "input cache size is zero");
     }
     if (mux->m_iVideoCacheSize < 0 || mux->m_iAudioCacheSize < 0 ||
-        int64_t{mux->m_iVideoCacheSize} + mux->m_iAudioCacheSize > INT32_MAX) {
+        int64_t{mux->m_iCacheSize} + mux->m_iVideoCacheSize + mux->m_iAudioCacheSize > INT32_MAX) {
         return fail(mux, MUX_ERR_CACHE_SIZE, "track cache size is out of range");
     }
     if (mux->m_iVideoCacheSize == 0 || mux->m_iAudioCacheSize == 0) {
