@@ -83,7 +83,19 @@ int32_t bs_seek_file(mp4_mux_bs_t *bs, int64_t position)
     bs->m_pbyEnd = nullptr;
     bs->m_uiFill = 0;
     bs->m_uiValid = 0;
+    bs->m_bSeekDue = 0;
     return seek_file(bs, position);
+}
+
+void bs_take_back(mp4_mux_bs_t *bs, int64_t position)
+{
+    if (position >= bs->m_llFilePos) {
+        bs->m_uiFill = static_cast<uint32_t>(position - bs->m_llFilePos);
+        return;
+    }
+    bs->m_llFilePos = position;
+    bs->m_uiFill = 0;
+    bs->m_bSeekDue = 1;
 }
 
 int32_t mp4_mux_open_bitstream_from_external_memory(mp4_mux_bs_t *bs, uint8_t *cache,
@@ -93,6 +105,7 @@ int32_t mp4_mux_open_bitstream_from_external_memory(mp4_mux_bs_t *bs, uint8_t *c
     bs->m_iCacheSize = cache_bytes;
     bs->m_hFile = handle;
     bs->m_bCloseFailed = 0;
+    bs->m_bSeekDue = 0;
     bs->m_llFilePos = 0;
     bs->m_pbyBase = nullptr;
     bs->m_pbyEnd = nullptr;
@@ -152,6 +165,17 @@ static size_t free_bytes(const mp4_mux_bs_t *bs)
     return span > bs->m_uiFill ? span - bs->m_uiFill : 0;
 }
 
+// A write that failed may have stored a part and moved the file on; what is written next still
+// belongs to m_llFilePos.
+static bool return_to_position(mp4_mux_bs_t *bs)
+{
+    if (bs->m_bSeekDue != 0) {
+        const bool sought = can_seek_to(bs, bs->m_llFilePos) && seek_file(bs, bs->m_llFilePos) == 0;
+        bs->m_bSeekDue = sought ? 0 : 1;
+    }
+    return bs->m_bSeekDue == 0;
+}
+
 // Writes the cached bytes to the file, which it opens by name when none is open. The cache keeps
 // its content, so that after a failure another try can follow.
 static int32_t flush_cache(mp4_mux_bs_t *bs, const write_messages &messages)
@@ -166,17 +190,16 @@ static int32_t flush_cache(mp4_mux_bs_t *bs, const write_messages &messages)
     if (bs->m_hFile == nullptr) {
         return bs_fail(bs, MUX_ERR_OPEN, messages.open);
     }
+    if (!return_to_position(bs)) {
+        return bs_fail(bs, MUX_ERR_WRITE, messages.write);
+    }
     const size_t written = file.m_pfnFwrite(bs->m_pbyBase, 1, bs->m_uiFill, bs->m_hFile);
     bs->m_uiValid = static_cast<uint32_t>(written);
-    if (written == bs->m_uiFill) {
-        return 0;
+    if (written != bs->m_uiFill) {
+        bs->m_bSeekDue = 1;
+        return bs_fail(bs, MUX_ERR_WRITE, messages.write);
     }
-    if (written != 0 && can_seek_to(bs, bs->m_llFilePos)) {
-        // The next try writes all of the cache again, so it must start where this one did. When
-        // the file cannot go back, that try is no worse off.
-        (void)seek_file(bs, bs->m_llFilePos);
-    }
-    return bs_fail(bs, MUX_ERR_WRITE, messages.write);
+    return 0;
 }
 
 // Makes the cache empty and ready for writing at the file's position; what it held is in the file.

@@ -31,6 +31,7 @@ struct mp4_mux_bs_t {
     mp4_mux_t *m_pstMux;
     mp4_mux_last_error_t *m_pstError;
     int32_t m_bCloseFailed; // nonzero: closing m_hFile failed, so that it is closed no more
+    int32_t m_bSeekDue;     // nonzero: the file need not stand at m_llFilePos, seek before writing
 };
 
 // Opening and closing

@@ -24,9 +24,14 @@ int32_t bs_fail(const mp4_mux_bs_t *bs, int32_t code, const char *message);
 // returns  the callback's result, or MUX_ERR_SEEK for a position that it cannot express
 [[nodiscard]] int32_t bs_seek_file(mp4_mux_bs_t *bs, int64_t position);
 
+// Makes an earlier position the next one to write: what was written behind it is overwritten. Calls
+// nothing; a file that has to seek for it does so before its next write.
+void bs_take_back(mp4_mux_bs_t *bs, int64_t position);
+
 // Shows up to max (above 0) of the next bytes to read where they lie in the cache, without
-// consuming them: the caller adds what it takes to m_uiFill. out      bytes: valid until the
-// bitstream's next use returns  number of bytes (1 to max), or an error as mp4_mux_bs_read_bytes
+// consuming them: the caller adds what it takes to m_uiFill.
+// out      bytes: valid until the bitstream's next use
+// returns  number of bytes (1 to max), or an error as mp4_mux_bs_read_bytes
 [[nodiscard]] int32_t bs_borrow_bytes(mp4_mux_bs_t *bs, int32_t max, const uint8_t **bytes);
 
 #endif // MP4MUX_BITSTREAM_FILE_H

@@ -78,54 +78,40 @@ static bool is_sync_sample(const mp4_mux_putstream_t *frame)
     return frame->m_iType == MUX_TYPE_VIDEO && (frame->m_uiFlags & MUX_FRAME_KEY) != 0;
 }
 
-// Records the frame's place and size.
-static void append_chunk_and_size(mp4_mux_t *mux, mp4_mux_track_t *p_track, int32_t size)
+static uint32_t delta_ms(const mp4_mux_track_t *p_track, const mp4_mux_putstream_t *frame)
 {
-    const uint64_t offset = static_cast<uint64_t>(bs_position(&mux->m_Bs));
-    if (mux->m_b32BitOffset != 0) {
-        append_be32(&p_track->m_BsSTCO, static_cast<uint32_t>(offset));
-    } else {
-        append_be64(&p_track->m_BsSTCO, offset);
-    }
-    append_be32(&p_track->m_BsSTSZ, static_cast<uint32_t>(size));
+    return frame->m_uiTimeStamp - p_track->m_uiPrevTimeStamp;
 }
 
-// Counts the frame into the open run of equal durations, or closes that run and opens another.
-// The time between two frames is known with the second one: it counts for the first.
-static int32_t append_duration(mp4_mux_t *mux, mp4_mux_track_t *p_track, uint32_t time_ms)
+// Writes the open run of equal durations if the frame ends it.
+static bool put_ended_run(const mp4_mux_t *mux, mp4_mux_track_t *p_track,
+                          const mp4_mux_putstream_t *frame)
 {
-    const uint32_t delta_ms = time_ms - p_track->m_uiPrevTimeStamp;
-    if (delta_ms == p_track->m_uiSttsRunDeltaMs) {
+    if (delta_ms(p_track, frame) == p_track->m_uiSttsRunDeltaMs ||
+        p_track->m_iSttsEntryCount == -1) {
+        return true;
+    }
+    return put_run(mux, p_track, p_track->m_iSttsRunCount, p_track->m_iSttsRunDelta);
+}
+
+// Counts a written frame into the open run or opens another. The time between two frames is known
+// with the second one: it counts for the first.
+static void count_duration(mp4_mux_track_t *p_track, const mp4_mux_putstream_t *frame)
+{
+    const uint32_t delta = delta_ms(p_track, frame);
+    if (delta == p_track->m_uiSttsRunDeltaMs) {
         p_track->m_iSttsRunCount++;
-        return 0;
+        return;
     }
     if (p_track->m_iSttsEntryCount != -1) {
-        if (!append_run(p_track)) {
-            return mux->m_stLastError.m_iCode;
-        }
         p_track->m_iSttsSampleCount += p_track->m_iSttsRunCount;
     }
     // A step back in time is a negative difference, also in 64 bits.
-    const int64_t signed_delta_ms = static_cast<int32_t>(delta_ms);
-    p_track->m_uiSttsRunDeltaMs = delta_ms;
+    const int64_t signed_delta = static_cast<int32_t>(delta);
+    p_track->m_uiSttsRunDeltaMs = delta;
     p_track->m_iSttsEntryCount++;
     p_track->m_iSttsRunCount = 1;
-    p_track->m_iSttsRunDelta =
-        static_cast<int32_t>(signed_delta_ms * p_track->m_uiTimeScale / 1000);
-    return 0;
-}
-
-static int32_t append_video_records(mp4_mux_t *mux, mp4_mux_track_t *p_track,
-                                    const mp4_mux_putstream_t *frame)
-{
-    const int32_t result = append_duration(mux, p_track, frame->m_uiTimeStamp);
-    if (result < 0) {
-        return result;
-    }
-    if (is_sync_sample(frame)) {
-        append_be32(&p_track->m_BsSTSS, p_track->m_uiSampleCount + 1);
-    }
-    return 0;
+    p_track->m_iSttsRunDelta = static_cast<int32_t>(signed_delta * p_track->m_uiTimeScale / 1000);
 }
 
 // Takes from the first frame of a track what the track does not know yet.
@@ -152,17 +138,36 @@ static void note_sample_size(mp4_mux_track_t *p_track, uint32_t size)
     p_track->m_uiLastSampleSize = size;
 }
 
+// Writes the frame's records, then its bytes.
+// out      recorded: whether every record of the frame is stored
+// returns  0, or the error of an ended run or of the bytes
 static int32_t append_frame(mp4_mux_t *mux, mp4_mux_track_t *p_track,
-                            const mp4_mux_putstream_t *frame)
+                            const mp4_mux_putstream_t *frame, bool *recorded)
 {
-    append_chunk_and_size(mux, p_track, frame->m_iDataSize);
-    if (frame->m_iType == MUX_TYPE_VIDEO) {
-        const int32_t result = append_video_records(mux, p_track, frame);
-        if (result < 0) {
-            return result;
-        }
+    const uint64_t offset = static_cast<uint64_t>(bs_position(&mux->m_Bs));
+    const bool has_offset = put_offset(mux, p_track, offset);
+    const bool has_size = put_size(mux, p_track, static_cast<uint32_t>(frame->m_iDataSize));
+    *recorded = has_offset && has_size;
+    if (frame->m_iType == MUX_TYPE_VIDEO && !put_ended_run(mux, p_track, frame)) {
+        return mux->m_stLastError.m_iCode;
+    }
+    if (is_sync_sample(frame) && !put_sync_sample(mux, p_track, p_track->m_uiSampleCount + 1)) {
+        *recorded = false;
     }
     return mp4_mux_bs_write_bytes(&mux->m_Bs, frame->m_pbyData, frame->m_iDataSize);
+}
+
+static void count_frame(mp4_mux_t *mux, mp4_mux_track_t *p_track, const mp4_mux_putstream_t *frame)
+{
+    if (frame->m_iType == MUX_TYPE_VIDEO) {
+        count_duration(p_track, frame);
+    }
+    p_track->m_uiLastTimeStamp = frame->m_uiTimeStamp;
+    p_track->m_uiPrevTimeStamp = frame->m_uiTimeStamp;
+    p_track->m_uiSampleCount++;
+    p_track->m_uiChunkCount++;
+    p_track->m_uiSyncSampleCount += is_sync_sample(frame) ? 1u : 0u;
+    mux->m_ullMediaSize += static_cast<uint32_t>(frame->m_iDataSize);
 }
 
 int32_t mp4_mux_putframe(mp4_mux_t *mux, const mp4_mux_putstream_t *frame)
@@ -178,21 +183,18 @@ int32_t mp4_mux_putframe(mp4_mux_t *mux, const mp4_mux_putstream_t *frame)
     if (result < 0) {
         return result;
     }
-    const uint32_t size = static_cast<uint32_t>(frame->m_iDataSize);
     if (frame->m_iType == MUX_TYPE_AUDIO) {
-        note_sample_size(p_track, size);
+        note_sample_size(p_track, static_cast<uint32_t>(frame->m_iDataSize));
     }
-    result = append_frame(mux, p_track, frame);
+    bool recorded = false;
+    result = append_frame(mux, p_track, frame, &recorded);
     if (result < 0) {
         mp4_mux_add_err_string("<mp4_mux_putframe", &mux->m_stLastError);
         return result;
     }
-    p_track->m_uiLastTimeStamp = frame->m_uiTimeStamp;
-    p_track->m_uiPrevTimeStamp = frame->m_uiTimeStamp;
-    p_track->m_uiSampleCount++;
-    p_track->m_uiChunkCount++;
-    p_track->m_uiSyncSampleCount += is_sync_sample(frame) ? 1u : 0u;
-    mux->m_ullMediaSize += size;
+    if (recorded) { // else its bytes belong to no sample
+        count_frame(mux, p_track, frame);
+    }
     mux->m_llEstimatedFileSize = estimate_file_size(mux);
     return 0;
 }

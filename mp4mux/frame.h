@@ -8,8 +8,10 @@
 
 // Appends a frame.
 //
-// The records are written before the frame's bytes. A record that could not be stored fails
-// neither the frame nor this function; it is in the error record. Nothing is undone by a failure.
+// The records are written before the frame's bytes. A record that could not be stored does not fail
+// this function; it is in the error record, and the frame does not count. Nothing that a failed
+// frame has written is undone: its bytes belong to no sample, its records are overwritten by those
+// of the track's next frame.
 //
 // returns  0; MUX_ERR_NO_STREAM without a track of the frame's type; MUX_ERR_INVALID for a frame
 //          that makes no sense or has no place in the file; MUX_ERR_MEMORY; the bitstream's error

@@ -1,51 +1,77 @@
 #include "mp4mux/table_record.h"
 
 #include "mp4mux/bitstream_file.h"
+#include "mp4mux/track.h"
 
-static bool append_byte(mp4_mux_bs_t *bs, uint8_t byte)
-{
-    const int64_t start = bs_position(bs);
-    for (int attempt = 0; attempt < 2 && bs_position(bs) == start; attempt++) {
-        mp4_mux_bs_write_be8(bs, byte);
-    }
-    return bs_position(bs) != start;
-}
+#include <algorithm>
+#include <cassert>
 
-static bool append_record(mp4_mux_bs_t *bs, uint64_t value, uint32_t bytes)
+namespace {
+
+struct scratch_record {
+    mp4_mux_bs_t *bs;
+    int32_t header_bytes; // that an append callback has reserved before the records
+    uint32_t index;
+    int32_t bytes; // 4 or 8
+    uint64_t value;
+};
+
+} // namespace
+
+static bool put_record(const mp4_mux_t *mux, const scratch_record &record)
 {
-    for (uint32_t stored = 0; stored < bytes; stored++) {
-        const uint32_t shift = 8 * (bytes - 1 - stored);
-        if (!append_byte(bs, static_cast<uint8_t>(value >> shift))) {
-            // The cache was full and could not be written, so the record's start still lies in it.
-            bs->m_uiFill -= stored < bs->m_uiFill ? stored : bs->m_uiFill;
-            return false;
+    mp4_mux_bs_t *bs = record.bs;
+    const int64_t reserved = mux->m_pfnAppendFile != nullptr ? record.header_bytes : 0;
+    const int64_t start = reserved + int64_t{record.index} * record.bytes;
+    assert(bs_position(bs) >= start);
+    for (int attempt = 0; attempt < 2; attempt++) {
+        bs_take_back(bs, start);
+        if (record.bytes == 8) {
+            mp4_mux_bs_write_be64(bs, record.value);
+        } else {
+            mp4_mux_bs_write_be32(bs, static_cast<uint32_t>(record.value));
+        }
+        if (bs_position(bs) == start + record.bytes) {
+            return true;
         }
     }
-    return true;
+    return false;
 }
 
-bool append_be32(mp4_mux_bs_t *bs, uint32_t value)
+bool put_offset(const mp4_mux_t *mux, mp4_mux_track_t *p_track, uint64_t offset)
 {
-    return append_record(bs, value, 4);
+    return put_record(mux, {.bs = &p_track->m_BsSTCO,
+                            .header_bytes = kTableHeaderBytes,
+                            .index = p_track->m_uiSampleCount,
+                            .bytes = mux->m_b32BitOffset != 0 ? 4 : 8,
+                            .value = offset});
 }
 
-bool append_be64(mp4_mux_bs_t *bs, uint64_t value)
+bool put_size(const mp4_mux_t *mux, mp4_mux_track_t *p_track, uint32_t size)
 {
-    return append_record(bs, value, 8);
+    return put_record(mux, {.bs = &p_track->m_BsSTSZ,
+                            .header_bytes = kSizeTableHeaderBytes,
+                            .index = p_track->m_uiSampleCount,
+                            .bytes = 4,
+                            .value = size});
 }
 
-static bool append_run_of(mp4_mux_track_t *p_track, int32_t count, int32_t ticks)
+bool put_sync_sample(const mp4_mux_t *mux, mp4_mux_track_t *p_track, uint32_t number)
 {
-    const uint64_t high = static_cast<uint32_t>(count);
-    return append_be64(&p_track->m_BsSTTSDts, high << 32 | static_cast<uint32_t>(ticks));
+    return put_record(mux, {.bs = &p_track->m_BsSTSS,
+                            .header_bytes = kTableHeaderBytes,
+                            .index = p_track->m_uiSyncSampleCount,
+                            .bytes = 4,
+                            .value = number});
 }
 
-bool append_run(mp4_mux_track_t *p_track)
+bool put_run(const mp4_mux_t *mux, mp4_mux_track_t *p_track, int32_t samples, int32_t ticks)
 {
-    return append_run_of(p_track, p_track->m_iSttsRunCount, p_track->m_iSttsRunDelta);
-}
-
-bool append_filler_run(mp4_mux_track_t *p_track)
-{
-    return append_run_of(p_track, 1, 0);
+    const int32_t written_runs = std::max(p_track->m_iSttsEntryCount, 0);
+    const uint64_t high = static_cast<uint32_t>(samples);
+    return put_record(mux, {.bs = &p_track->m_BsSTTSDts,
+                            .header_bytes = kTableHeaderBytes,
+                            .index = static_cast<uint32_t>(written_runs),
+                            .bytes = 8,
+                            .value = high << 32 | static_cast<uint32_t>(ticks)});
 }

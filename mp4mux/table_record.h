@@ -6,19 +6,17 @@
 
 #include <cstdint>
 
-// Append one big-endian number to a scratch table, whole or not at all: what the close copies is
-// never torn by a write that fails once and goes through on the next try.
-// returns  whether it was stored; a failure is in the error record, also one that the second try
-//          made good
-bool append_be32(mp4_mux_bs_t *bs, uint32_t value);
-bool append_be64(mp4_mux_bs_t *bs, uint64_t value);
-
-// Appends the track's open run of equal durations: its sample count, then its ticks per sample.
-// returns  as above
-bool append_run(mp4_mux_track_t *p_track);
-
-// Appends a run of one sample that lasts no time.
-// returns  as above
-bool append_filler_run(mp4_mux_track_t *p_track);
+// Write a track's next record, the one that its counters point at: m_uiSampleCount for offsets and
+// sizes, m_uiSyncSampleCount, m_iSttsEntryCount. Whatever a frame that failed has left there is
+// overwritten, so that record n belongs to sample n also when the caller goes on after a failure.
+//
+// A write that fails once is tried again; the record is then stored and the failure recorded.
+//
+// returns  whether the record is stored as a whole; a failure is in the error record
+[[nodiscard]] bool put_offset(const mp4_mux_t *mux, mp4_mux_track_t *p_track, uint64_t offset);
+[[nodiscard]] bool put_size(const mp4_mux_t *mux, mp4_mux_track_t *p_track, uint32_t size);
+[[nodiscard]] bool put_sync_sample(const mp4_mux_t *mux, mp4_mux_track_t *p_track, uint32_t number);
+[[nodiscard]] bool put_run(const mp4_mux_t *mux, mp4_mux_track_t *p_track, int32_t samples,
+                           int32_t ticks);
 
 #endif // MP4MUX_TABLE_RECORD_H

@@ -6,9 +6,7 @@
 #include "mp4mux/moov/movie_box.h"
 #include "mp4mux/moov/table_copy.h"
 #include "mp4mux/table_record.h"
-#include "mp4mux/track.h"
 
-#include <algorithm>
 #include <array>
 
 static constexpr uint64_t kMaxMediaBytes = 0xFFFFFFF7; // with its header still a 32-bit size
@@ -41,28 +39,6 @@ static std::array<scratch_table, 5> scratch_tables_of(mp4_mux_track_t *p_track)
     }};
 }
 
-// Number of whole records in a scratch table that still stands at its end.
-static uint32_t record_count(const mp4_mux_t *mux, const mp4_mux_bs_t *bs, int32_t header_bytes,
-                             int32_t record_bytes)
-{
-    const int64_t reserved = mux->m_pfnAppendFile != nullptr ? header_bytes : 0;
-    const int64_t records = (bs_position(bs) - reserved) / record_bytes;
-    return static_cast<uint32_t>(std::clamp<int64_t>(records, 0, UINT32_MAX));
-}
-
-// A frame whose records could not be stored was counted all the same. The track then ends with the
-// last frame that all its tables describe.
-static void drop_unrecorded_frames(const mp4_mux_t *mux, mp4_mux_track_t *p_track)
-{
-    const int32_t offset_bytes = mux->m_b32BitOffset != 0 ? 4 : 8;
-    const uint32_t offsets = record_count(mux, &p_track->m_BsSTCO, kTableHeaderBytes, offset_bytes);
-    const uint32_t sizes = record_count(mux, &p_track->m_BsSTSZ, kSizeTableHeaderBytes, 4);
-    const uint32_t syncs = record_count(mux, &p_track->m_BsSTSS, kTableHeaderBytes, 4);
-    p_track->m_uiSampleCount = std::min({p_track->m_uiSampleCount, offsets, sizes});
-    p_track->m_uiChunkCount = p_track->m_uiSampleCount;
-    p_track->m_uiSyncSampleCount = std::min(p_track->m_uiSyncSampleCount, syncs);
-}
-
 // Writes a scratch table's last bytes and goes back to its start, if it has a file.
 static bool rewind_table(mp4_mux_bs_t *bs)
 {
@@ -73,10 +49,10 @@ static bool rewind_table(mp4_mux_bs_t *bs)
 }
 
 // Closes the open run of durations. The last frame is in no run yet: it lasts no time.
-static bool complete_runs(mp4_mux_track_t *p_track)
+static bool complete_runs(const mp4_mux_t *mux, mp4_mux_track_t *p_track)
 {
     if (p_track->m_iSttsRunCount != 0) {
-        if (!append_run(p_track)) {
+        if (!put_run(mux, p_track, p_track->m_iSttsRunCount, p_track->m_iSttsRunDelta)) {
             return false;
         }
         p_track->m_iSttsEntryCount++;
@@ -84,7 +60,7 @@ static bool complete_runs(mp4_mux_track_t *p_track)
     }
     const int64_t chunks = p_track->m_uiChunkCount;
     for (int i = 0; i < kMaxFillerRuns && p_track->m_iSttsSampleCount < chunks; i++) {
-        if (!append_filler_run(p_track)) {
+        if (!put_run(mux, p_track, 1, 0)) {
             return false;
         }
         p_track->m_iSttsEntryCount++;
@@ -96,17 +72,16 @@ static bool complete_runs(mp4_mux_track_t *p_track)
 static trailer_result complete_tables(const mp4_mux_t *mux, mp4_mux_track_t *p_track)
 {
     const bool is_video = p_track->m_iType == MUX_TYPE_VIDEO;
-    drop_unrecorded_frames(mux, p_track);
     if (!rewind_table(&p_track->m_BsSTCO)) {
         return TRAILER_FAILED;
     }
-    if (is_video && !complete_runs(p_track)) {
+    if (is_video && !complete_runs(mux, p_track)) {
         return TRAILER_RUNS_FAILED;
     }
     if (!rewind_table(&p_track->m_BsSTTSDts) || !rewind_table(&p_track->m_BsSTSZ)) {
         return TRAILER_FAILED;
     }
-    if (is_video && (!append_be32(&p_track->m_BsSTSS, 0) || !rewind_table(&p_track->m_BsSTSS))) {
+    if (is_video && (!put_sync_sample(mux, p_track, 0) || !rewind_table(&p_track->m_BsSTSS))) {
         return TRAILER_FAILED;
     }
     return TRAILER_WRITTEN;

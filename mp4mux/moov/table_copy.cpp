@@ -219,6 +219,7 @@ static int32_t append_scratch_file(mp4_mux_t *mux, mp4_mux_bs_t *scratch, int64_
     if (prepared < 0) {
         return tag_failure(out, "<append_file", prepared);
     }
+    out->m_bSeekDue = 1; // the callback moves the file
     const int32_t gap = mux->m_pfnAppendFile(out->m_hFile, scratch->m_hFile, 0);
     if (gap < 0) {
         return MUX_ERR_APPEND;
