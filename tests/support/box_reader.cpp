@@ -215,7 +215,8 @@ void reader::read_sample_entry(const box &stsd, track *result)
     }
 }
 
-// The records of a table box: `fields` numbers of `width` bytes each, after a count.
+// The records of a table box: `fields` numbers of `width` bytes each, after a count. The box may
+// be longer than its records.
 std::vector<std::vector<uint64_t>> table(reader *r, const box *found, size_t skip, size_t fields,
                                          size_t width)
 {
@@ -227,7 +228,7 @@ std::vector<std::vector<uint64_t>> table(reader *r, const box *found, size_t ski
     cursor in = r->open(*found);
     in.take(4 + skip);
     const uint64_t count = in.u32();
-    if (in.overrun || in.data.size() - in.at != count * fields * width) {
+    if (in.overrun || in.data.size() - in.at < count * fields * width) {
         r->fail("table " + found->type + " does not add up");
         return records;
     }

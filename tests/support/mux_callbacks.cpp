@@ -222,7 +222,7 @@ int32_t append_whole_file(void *destination, void *source, int32_t reserved)
     if (reserved != 0) {
         note_misuse("a reserved argument that is not 0");
     }
-    if (fails(call::append_fn)) {
+    if (fails(call::append_fn) || to->position > to->file->size) {
         return -1;
     }
     const uint64_t gap = to->file->size - to->position;
@@ -230,7 +230,9 @@ int32_t append_whole_file(void *destination, void *source, int32_t reserved)
     from->position = 0;
     memory_fread(bytes.data(), 1, bytes.size(), source);
     to->position = to->file->size;
-    memory_fwrite(bytes.data(), 1, bytes.size(), destination);
+    if (memory_fwrite(bytes.data(), 1, bytes.size(), destination) != bytes.size()) {
+        return -1;
+    }
     from->open = false;
     return static_cast<int32_t>(gap);
 }

@@ -1,5 +1,6 @@
 #include "tests/support/mux_recording.h"
 
+#include "tests/support/box_reader.h"
 #include "tests/support/mux_callbacks.h"
 
 #include <algorithm>
@@ -8,7 +9,7 @@
 
 namespace mux_test {
 
-const std::vector<uint8_t> kSps = {0x67, 0x42, 0xC0, 0x1E, 0xDA, 0x05, 0x07, 0xE8, 0x40, 0x00};
+const std::vector<uint8_t> kSps = {0x67, 0x42, 0xC0, 0x1E, 0xDA, 0x05, 0x07, 0xE8, 0x40, 0x10};
 const std::vector<uint8_t> kPps = {0x68, 0xCE, 0x3C, 0x80};
 const std::vector<uint8_t> kAudioConfig = {0x11, 0x90};
 
@@ -106,7 +107,9 @@ int32_t recording::put(int32_t type, const std::vector<uint8_t> &bytes, uint32_t
     frame.m_uiTimeStamp = time_ms;
     frame.m_uiTimeStamp2 = time_ms;
     frame.m_uiFlags = key ? MUX_FRAME_KEY : 0;
-    return QVR_MP4_MUX(MUX_PUTFRAME, &handle, &frame, &estimate);
+    const int32_t result = QVR_MP4_MUX(MUX_PUTFRAME, &handle, &frame, &estimate);
+    frames.push_back({type, bytes, time_ms, key, result});
+    return result;
 }
 
 static std::vector<uint8_t> make_frame(uint32_t time_ms, size_t size)
@@ -150,6 +153,57 @@ std::string recording::message()
 std::vector<uint8_t> recording::file() const
 {
     return read_file(output);
+}
+
+static bool holds(const std::vector<uint8_t> &file, const box_reader::sample &sample,
+                  const put_frame &frame)
+{
+    return sample.size == frame.bytes.size() && sample.offset + sample.size <= file.size() &&
+           std::equal(frame.bytes.begin(), frame.bytes.end(),
+                      file.begin() + static_cast<ptrdiff_t>(sample.offset));
+}
+
+static std::string check_track(const recording &r, const std::vector<uint8_t> &file,
+                               const box_reader::track &track)
+{
+    const int32_t type = track.handler == "vide" ? MUX_TYPE_VIDEO : MUX_TYPE_AUDIO;
+    size_t at = 0;
+    bool timed = type == MUX_TYPE_VIDEO;
+    for (const put_frame &frame : r.frames) {
+        const std::string name = track.handler + " at " + std::to_string(frame.time_ms);
+        if (frame.type != type) {
+            continue;
+        }
+        if (at == track.samples.size() || !holds(file, track.samples[at], frame)) {
+            if (frame.result >= 0) {
+                return name + " is lost";
+            }
+            continue;
+        }
+        const box_reader::sample &sample = track.samples[at];
+        timed = timed && (at > 0 || frame.time_ms == 0);
+        if (timed && sample.time != frame.time_ms * 90) {
+            return name + " is out of time";
+        }
+        if (type == MUX_TYPE_VIDEO && sample.sync != frame.key) {
+            return name + " has the wrong sync flag";
+        }
+        at++;
+    }
+    return at == track.samples.size() ? "" : track.handler + " has samples that were never put";
+}
+
+std::string check_samples(const recording &r)
+{
+    const std::vector<uint8_t> file = r.file();
+    const box_reader::movie movie = box_reader::read_movie(file);
+    const bool taken = std::any_of(r.frames.begin(), r.frames.end(),
+                                   [](const put_frame &frame) { return frame.result >= 0; });
+    std::string fault = taken ? movie.error : ""; // without frames there is no movie box
+    for (const box_reader::track &track : movie.tracks) {
+        fault = fault.empty() ? check_track(r, file, track) : fault;
+    }
+    return fault;
 }
 
 std::vector<uint8_t> bytes(const std::string &notation)

@@ -24,6 +24,15 @@ std::vector<uint8_t> annex_b_parameter_sets();
 // Caches as a recorder lends them.
 enum class cache_layout { own, recorder, pooled, tiny };
 
+// A frame that was put, whatever came of it.
+struct put_frame {
+    int32_t type;
+    std::vector<uint8_t> bytes;
+    uint32_t time_ms;
+    bool key;
+    int32_t result;
+};
+
 struct recording {
     mp4_mux_init_t init;
     mp4_mux_input_t input;
@@ -35,6 +44,7 @@ struct recording {
     std::vector<uint8_t> cache;
     std::vector<uint8_t> close_bytes;
     int64_t estimate = 0;
+    std::vector<put_frame> frames;
 
     // Video and audio, scratch files in "/tmp/scratch", 32-bit callbacks unless with_64bit.
     explicit recording(bool with_64bit = false,
@@ -54,6 +64,12 @@ struct recording {
     std::string message();
     std::vector<uint8_t> file() const;
 };
+
+// Compares a finished file with what was put into it: every frame that was taken without an error
+// is there, in its order, with its bytes, its sync flag and (video that begins at 0) its time. A
+// frame whose put failed may be there as well.
+// returns  the first difference; empty when there is none
+std::string check_samples(const recording &r);
 
 // Bytes from hexadecimal digits and texts in quotes: "00000008 'free'".
 std::vector<uint8_t> bytes(const std::string &notation);

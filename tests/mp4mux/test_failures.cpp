@@ -1,0 +1,402 @@
+// The error model, hostile arguments, and every callback failing in turn.
+#include "mp4mux/mux_error.h"
+#include "tests/support/box_reader.h"
+#include "tests/support/mux_callbacks.h"
+#include "tests/support/mux_recording.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+using namespace mux_test;
+
+namespace {
+
+class Failures : public testing::Test {
+  protected:
+    void SetUp() override
+    {
+        reset_world();
+    }
+    void TearDown() override
+    {
+        expect_released();
+    }
+
+    static void expect_released()
+    {
+        EXPECT_EQ(the_world().misuse, "");
+        EXPECT_TRUE(the_world().memory.empty()) << "leaked memory";
+        EXPECT_EQ(open_handles(), 0u);
+        for (const auto &file : the_world().files) {
+            EXPECT_EQ(file.first, "out.mp4") << "a scratch file is left";
+        }
+    }
+};
+
+TEST(ErrorRecord, ReadsInnermostFirstAndNeverOverflows)
+{
+    mp4_mux_last_error_t error = {};
+    EXPECT_EQ(mp4_mux_set_last_error(-5, 7, "cause", &error), -5);
+    EXPECT_EQ(mp4_mux_add_err_string("<step", &error), -5);
+    EXPECT_STREQ(error.m_szMessage, "cause<step");
+    EXPECT_EQ(error.m_iLength, 10);
+    EXPECT_EQ(mp4_mux_set_last_error(-6, 0, nullptr, &error), -6);
+    EXPECT_EQ(mp4_mux_set_last_error(-6, 0, "x", nullptr), -6);
+    EXPECT_EQ(mp4_mux_add_err_string(nullptr, &error), 0);
+    EXPECT_STREQ(error.m_szMessage, "cause<step");
+
+    const std::string full(300, 'm');
+    mp4_mux_set_last_error(-5, 0, full.c_str(), &error);
+    EXPECT_EQ(std::string(error.m_szMessage), full.substr(0, 256));
+    EXPECT_EQ(mp4_mux_add_err_string("<tag", &error), -5);
+    EXPECT_EQ(std::string(error.m_szMessage), full.substr(0, 256));
+    error.m_iLength = 257;
+    EXPECT_EQ(mp4_mux_add_err_string("<tag", &error), 0);
+    mp4_mux_clear_last_error(&error);
+    EXPECT_EQ(error.m_iCode + error.m_iLength + static_cast<int>(error.m_szMessage[255]), 0);
+}
+
+TEST_F(Failures, OfTheEntryPointAreTold)
+{
+    recording r;
+    EXPECT_EQ(QVR_MP4_MUX(12345, &r.handle, nullptr, nullptr), MUX_ERR_HANDLE);
+    EXPECT_EQ(QVR_MP4_MUX(MUX_CLOSE, nullptr, nullptr, nullptr), MUX_ERR_HANDLE);
+    EXPECT_EQ(QVR_MP4_MUX(MUX_OPEN, &r.handle, nullptr, &r.input), MUX_ERR_HANDLE);
+    ASSERT_EQ(r.open(), 0);
+    EXPECT_EQ(QVR_MP4_MUX(12345, &r.handle, nullptr, nullptr), MUX_ERR_INVALID);
+    EXPECT_EQ(r.message(), "invalid operation code");
+    EXPECT_EQ(QVR_MP4_MUX(MUX_GET_LAST_ERROR, &r.handle, nullptr, nullptr), 0);
+    char version[17];
+    char date[9];
+    EXPECT_EQ(QVR_MP4_MUX(MUX_GET_VERSION, &r.handle, version, date), 0);
+    EXPECT_EQ(std::string(version).size() + std::string(date).size(), 24u);
+    EXPECT_EQ(QVR_MP4_MUX(MUX_GET_VERSION, &r.handle, nullptr, nullptr), 0);
+    ASSERT_EQ(r.close(), 0);
+    EXPECT_EQ(r.close(), MUX_ERR_HANDLE);
+}
+
+TEST_F(Failures, OfTheOpenLeaveAHandleToAskAndClose)
+{
+    static const uint8_t kByte = 0;
+    static const mp4_mux_userbox_t kEmptyBox = {1, nullptr, 1};
+    static const mp4_mux_userbox_t kHugeBox = {1, &kByte, 0x80000000};
+    static const mp4_mux_ftyp_t kEmptyFtyp = {{'i', 's', 'o', 'm'}, 0, nullptr, 1};
+    static const std::string kLongName(300, 'd');
+    struct {
+        int32_t code;
+        const char *message;
+        void (*spoil)(recording &);
+    } const cases[] = {
+        {MUX_ERR_NO_STREAM, "stream does not exist<mux_open",
+         [](recording &r) { r.init.m_uiStreamFlags = 4; }},
+        {MUX_ERR_INVALID, "a callback is NULL<mux_open",
+         [](recording &r) { r.init.m_pfnFread = nullptr; }},
+        {MUX_ERR_CACHE_SIZE, "input cache size is zero<mux_open",
+         [](recording &r) {
+             r.set_cache(cache_layout::recorder);
+             r.init.m_iCacheSize = 0;
+         }},
+        {MUX_ERR_CACHE_SIZE, "input cache size is zero<mux_open",
+         [](recording &r) {
+             r.set_cache(cache_layout::recorder);
+             r.init.m_pCacheMem = r.cache.data() + 1;
+             r.init.m_iCacheSize = 3;
+         }},
+        {MUX_ERR_CACHE_SIZE, "track cache size is out of range<mux_open",
+         [](recording &r) {
+             r.set_cache(cache_layout::recorder);
+             r.init.m_iVideoCacheSize = -8;
+         }},
+        {MUX_ERR_MEMORY, "track cache is too small<init<mux_open",
+         [](recording &r) {
+             r.set_cache(cache_layout::tiny);
+             r.init.m_iAudioCacheSize = 7;
+         }},
+        {MUX_ERR_MEMORY, "track cache is too small<init<mux_open",
+         [](recording &r) {
+             r.set_cache(cache_layout::tiny);
+             r.init.m_iVideoCacheSize = 13;
+         }},
+        {MUX_ERR_OPEN, "can't open file<mux_open",
+         [](recording &r) {
+             r.init.m_uiOptions = MUX_OPTION_OUTPUT_IS_HANDLE;
+             r.output.clear();
+             r.init.m_pfnFopen = [](const char *, const char *) -> void * { return nullptr; };
+             r.init.m_uiOptions = 0;
+         }},
+        {MUX_ERR_OPEN, "scratch file name is too long<init<mux_open",
+         [](recording &r) { r.init.m_pszTempDir = kLongName.c_str(); }},
+        {MUX_ERR_INVALID, "mp4_mux_userbox_t's value is NULL<mux_open",
+         [](recording &r) { r.input.m_uiUserBoxCount = 1; }},
+        {MUX_ERR_INVALID, "mp4_mux_userbox_t's data is NULL<mux_open",
+         [](recording &r) {
+             r.input.m_pstUserBox = &kEmptyBox;
+             r.input.m_uiUserBoxCount = 1;
+         }},
+        {MUX_ERR_INVALID, "mp4_mux_userbox_t's data is too large<mux_open",
+         [](recording &r) {
+             r.input.m_pstUserBox = &kHugeBox;
+             r.input.m_uiUserBoxCount = 1;
+         }},
+        {MUX_ERR_INVALID, "mp4_mux_ftyp_t's value is NULL<mux_open",
+         [](recording &r) { r.input.m_pstFtyp = &kEmptyFtyp; }},
+    };
+    for (const auto &c : cases) {
+        reset_world();
+        recording r;
+        c.spoil(r);
+        EXPECT_EQ(r.open(), c.code) << c.message;
+        EXPECT_EQ(r.message(), c.message);
+        EXPECT_LT(r.video(0, 10), 0);
+        EXPECT_EQ(r.close(), 0);
+        EXPECT_EQ(r.handle, nullptr);
+        expect_released();
+    }
+}
+
+TEST_F(Failures, OfTheOpenCloseAHandedOverOutput)
+{
+    recording r;
+    r.init.m_uiOptions = MUX_OPTION_OUTPUT_IS_HANDLE;
+    r.init.m_uiStreamFlags = 0;
+    r.init.m_pOutput = open_file("out.mp4");
+    EXPECT_EQ(r.open(), MUX_ERR_NO_STREAM);
+    EXPECT_EQ(r.close(), 0);
+}
+
+TEST_F(Failures, OfAFrameLeaveTheFileAsItWas)
+{
+    recording r(false, MUX_STREAM_VIDEO);
+    ASSERT_EQ(r.open(), 0);
+    ASSERT_EQ(r.video(0, 50, true), 0);
+    EXPECT_EQ(QVR_MP4_MUX(MUX_PUTFRAME, &r.handle, nullptr, nullptr), MUX_ERR_INVALID);
+    EXPECT_EQ(r.message(), "mp4_mux_putstream_t's value is NULL");
+    struct {
+        mp4_mux_putstream_t frame;
+        int32_t code;
+        const char *message;
+    } const cases[] = {
+        {{nullptr, 10, MUX_TYPE_VIDEO, 40, 0, 0},
+         MUX_ERR_INVALID,
+         "mp4_mux_putstream_t's data is NULL"},
+        {{kSps.data(), -1, MUX_TYPE_VIDEO, 40, 0, 0},
+         MUX_ERR_INVALID,
+         "mp4_mux_putstream_t's size is negative"},
+        {{kSps.data(), 4, MUX_TYPE_AUDIO, 40, 0, 0}, MUX_ERR_NO_STREAM, "stream does not exist"},
+        {{kSps.data(), 4, 7, 40, 0, 0}, MUX_ERR_NO_STREAM, "stream does not exist"},
+    };
+    for (const auto &c : cases) {
+        mp4_mux_putstream_t frame = c.frame;
+        EXPECT_EQ(QVR_MP4_MUX(MUX_PUTFRAME, &r.handle, &frame, nullptr), c.code);
+        EXPECT_EQ(r.message(), c.message);
+    }
+    ASSERT_EQ(r.video(40, 60), 0);
+    EXPECT_EQ(r.message(), "");
+    ASSERT_EQ(r.close(), 0);
+    const box_reader::movie movie = box_reader::read_movie(r.file());
+    EXPECT_EQ(movie.error, "");
+    EXPECT_EQ(movie.tracks.at(0).samples.size(), 2u);
+}
+
+std::vector<uint8_t> unit(const std::vector<uint8_t> &bytes)
+{
+    return std::vector<uint8_t>{0, 0, 0, static_cast<uint8_t>(bytes.size())} + bytes;
+}
+
+// The configuration of a track that was given `config` at open and `frame` as its first frame.
+std::vector<uint8_t> configuration_from(const std::vector<uint8_t> &config,
+                                        const std::vector<uint8_t> &frame)
+{
+    reset_world();
+    recording r(false, MUX_STREAM_VIDEO);
+    r.video_private = config;
+    EXPECT_EQ(r.open(), 0);
+    EXPECT_EQ(r.put(MUX_TYPE_VIDEO, frame, 0, true), 0);
+    EXPECT_EQ(r.video(40, 10), 0); // the first may be empty
+    EXPECT_EQ(r.close(), 0);
+    const box_reader::movie movie = box_reader::read_movie(r.file());
+    EXPECT_EQ(movie.error, "");
+    return movie.tracks.at(0).avc.record;
+}
+
+const std::vector<uint8_t> kRecord = bytes("01 42C01E FF E1 000A 6742C01EDA0507E84010"
+                                           "01 0004 68CE3C80");
+const std::vector<uint8_t> kSlice = bytes("65 88 80");
+const std::vector<uint8_t> kOtherSps = bytes("67 64 00 0D 01");
+
+TEST_F(Failures, OfAConfigurationAreNotWritten)
+{
+    const std::vector<uint8_t> start4 = bytes("00000001");
+    const std::vector<uint8_t> start3 = bytes("000001");
+    const std::vector<uint8_t> large(1100, 0x67);
+    struct {
+        std::vector<uint8_t> config;
+        std::vector<uint8_t> frame;
+        std::vector<uint8_t> record;
+    } const cases[] = {
+        // from the first frame
+        {{}, unit(kSps) + unit(kPps) + unit(kSlice), kRecord},
+        {{}, unit(kOtherSps) + unit(kSps) + unit(kPps) + unit(kOtherSps), kRecord},
+        {{}, unit(kSps) + unit(kSlice), {}},
+        {{}, unit(kPps) + unit(bytes("674200")), {}},
+        {{}, unit({}) + unit(kPps) + bytes("7FFFFFFF 67420000"), {}},
+        {{}, unit(kPps) + bytes("FFFFFFFF 67420000"), {}},
+        {{}, unit(kPps) + bytes("000000"), {}},
+        {{}, {}, {}},
+        // from the caller
+        {kRecord, unit(kSlice), kRecord},
+        {annex_b_parameter_sets(), unit(kOtherSps) + unit(kPps), kRecord},
+        {start3 + kSps + start3 + kPps, {}, kRecord},
+        {start3 + kOtherSps + start4 + kSps + start3 + bytes("06 05 01") + start4 + kPps + start4 +
+             kSlice,
+         {},
+         kRecord},
+        {start4 + kSps, {}, bytes("01 42C01E FF E1 000A 6742C01EDA0507E84010 01 0000")},
+        {start4 + kPps + start4 + kSlice, {}, {}},
+        {start4 + bytes("674200") + start4 + kPps, {}, {}},
+        {start4 + large + start4 + kSps + start4 + kPps, {}, kRecord},
+        {start4 + large, {}, {}},
+        {start4 + start4 + bytes("0000"), {}, {}},
+        {bytes("01 42 C0 1E FF E1"), {}, {}},
+    };
+    for (size_t i = 0; i < std::size(cases); i++) {
+        EXPECT_EQ(configuration_from(cases[i].config, cases[i].frame), cases[i].record) << i;
+        expect_released();
+    }
+}
+
+struct outcome {
+    int32_t first = 0;   // the first result of an operation that was not 0
+    std::string message; // and its message; also that of a head that could not be written
+    bool passed = false; // the failure came and went before the close
+    std::string lost;    // what a file that was closed without an error is missing
+};
+
+enum class lasting { once, partly, to_the_close, for_ever };
+
+void note(outcome *o, recording &r, int32_t result)
+{
+    if (o->message.empty()) {
+        o->first = result;
+        o->message = r.message();
+    }
+}
+
+// Records with caches that overflow all the time, goes on after errors, and closes the file.
+outcome record_with(call kind, uint32_t at, lasting how, bool append)
+{
+    reset_world();
+    the_world().fail = {kind, at, how > lasting::partly, how == lasting::partly};
+    outcome o;
+    recording r;
+    r.set_cache(cache_layout::tiny);
+    r.video_private.clear(); // so that a frame allocates as well
+    r.init.m_pfnAppendFile = append ? append_whole_file : nullptr;
+    const int32_t opened = r.open();
+    note(&o, r, opened);
+    if (r.handle == nullptr) {
+        return o;
+    }
+    const bool came_late = calls_of(kind) < at;
+    note(&o, r, r.put(MUX_TYPE_VIDEO, unit(kSps) + unit(kPps), 0, true));
+    for (uint32_t i = 1; i <= 12; i++) {
+        note(&o, r, i % 2 == 1 ? r.video(i * 20, 9 + i, i % 4 == 1) : r.audio(i * 20, 5 + i));
+    }
+    o.passed = came_late && how != lasting::for_ever && calls_of(kind) >= at;
+    if (how == lasting::to_the_close) {
+        the_world().fail = {};
+    }
+    const int32_t closed = r.close();
+    if (closed < 0) {
+        note(&o, r, closed);
+        EXPECT_LT(r.video(1000, 10), 0) << "a file that ended takes no frames";
+        EXPECT_EQ(r.close(), 0) << "the second close only releases";
+    } else if (o.passed && at > 0) {
+        o.lost = check_samples(r);
+    }
+    EXPECT_EQ(r.handle, nullptr);
+    o.passed = o.passed && closed == 0;
+    return o;
+}
+
+// What a failure of each kind is told as.
+const struct {
+    call kind;
+    int32_t code;
+    const char *message;
+} kFailures[] = {
+    {call::malloc_fn, MUX_ERR_MEMORY, "Insufficient memory"},
+    {call::fopen_fn, MUX_ERR_OPEN, "can't open file"},
+    {call::fwrite_fn, MUX_ERR_WRITE, "can't write file"},
+    {call::fclose_fn, MUX_ERR_CLOSE, "Error in fclose()"},
+    {call::ftell_fn, MUX_ERR_SEEK, "can't tell the position"},
+    {call::fseek_fn, 0, "<"},
+    {call::fread_fn, 0, "the end of the file"},
+    {call::append_fn, 0, "<"},
+};
+
+TEST_F(Failures, OfEveryCallbackAreToldAndCostNothingThatWasTaken)
+{
+    uint32_t recovered = 0;
+    for (const bool append : {false, true}) {
+        const outcome clean = record_with(call::malloc_fn, 0, lasting::once, append);
+        ASSERT_EQ(clean.message, "");
+        const auto calls = the_world().calls;
+        for (const auto &f : kFailures) {
+            for (uint32_t n = 1; n <= calls[static_cast<size_t>(f.kind)]; n++) {
+                for (const lasting how :
+                     {lasting::once, lasting::partly, lasting::to_the_close, lasting::for_ever}) {
+                    SCOPED_TRACE(testing::Message()
+                                 << "call " << static_cast<int>(f.kind) << " number " << n << " "
+                                 << static_cast<int>(how) << (append ? " append" : ""));
+                    const outcome o = record_with(f.kind, n, how, append);
+                    expect_released();
+                    EXPECT_EQ(o.lost, "") << o.message;
+                    recovered += o.passed ? 1 : 0;
+                    if (o.first != MUX_ERR_HANDLE && (o.passed || o.first < 0)) {
+                        EXPECT_THAT(o.message, testing::HasSubstr(f.message));
+                        EXPECT_TRUE(o.first == f.code || o.first == 0 || f.code == 0) << o.first;
+                    }
+                }
+            }
+        }
+    }
+    EXPECT_GT(recovered, 500u);
+}
+
+TEST_F(Failures, OfScratchFilesKeepWhatTheCachesHold)
+{
+    recording r(false, MUX_STREAM_AUDIO);
+    r.set_cache(cache_layout::pooled);
+    ASSERT_EQ(r.open(), 0);
+    the_world().fail = {call::fopen_fn, 2, true, false}; // there is no room for scratch files
+    uint32_t frames = 0;
+    while (r.audio(frames * 20, 10) == 0) {
+        frames++;
+        ASSERT_LT(frames, 100000u);
+    }
+    EXPECT_EQ(r.message(), "can't open file(bs_write_1byte)");
+    ASSERT_EQ(r.close(), 0);
+    const box_reader::movie movie = box_reader::read_movie(r.file());
+    EXPECT_EQ(movie.error, "");
+    EXPECT_EQ(movie.tracks.at(0).samples.size(), frames);
+}
+
+TEST_F(Failures, AreTaggedOnTheirWayUp)
+{
+    recording r(false, MUX_STREAM_VIDEO);
+    r.set_cache(cache_layout::tiny);
+    ASSERT_EQ(r.open(), 0);
+    the_world().fail = {call::fwrite_fn, calls_of(call::fwrite_fn) + 1, true, false};
+    EXPECT_EQ(r.video(0, 100, true), MUX_ERR_WRITE);
+    EXPECT_EQ(r.message(), "can't write file(bs_write_bytes)<mp4_mux_putframe");
+    the_world().fail = {};
+    ASSERT_EQ(r.video(0, 100, true), 0);
+    the_world().fail = {call::fclose_fn, 1, false, false};
+    EXPECT_EQ(r.close(), MUX_ERR_CLOSE);
+    EXPECT_THAT(r.message(), testing::StartsWith("Error in fclose()<mp4_mux_close.&"));
+    EXPECT_NE(r.error().m_llAux, 0);
+    EXPECT_EQ(r.close(), 0);
+}
+
+} // namespace
