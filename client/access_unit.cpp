@@ -1,0 +1,311 @@
+#include "client/access_unit.h"
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <optional>
+
+namespace {
+
+// nal_unit_type, ISO/IEC 14496-10 table 7-1
+enum : unsigned {
+    NAL_SLICE = 1,
+    NAL_PARTITION_A = 2,
+    NAL_PARTITION_C = 4,
+    NAL_IDR = 5,
+    NAL_SPS = 7,
+    NAL_PPS = 8,
+};
+
+using bytes = std::span<const uint8_t>;
+
+constexpr uint8_t START_CODE[4] = {0, 0, 0, 1};
+
+unsigned nal_type(bytes nal)
+{
+    return nal[0] & 0x1Fu;
+}
+
+// The position of the next 00 00 01 at or after `from`, or the size.
+size_t find_start_code(bytes data, size_t from)
+{
+    for (size_t at = from + 2; at < data.size(); at++) {
+        const void *const one = std::memchr(&data[at], 1, data.size() - at);
+        if (one == nullptr) {
+            break;
+        }
+        at = static_cast<size_t>(static_cast<const uint8_t *>(one) - data.data());
+        if (data[at - 1] == 0 && data[at - 2] == 0) {
+            return at - 2;
+        }
+    }
+    return data.size();
+}
+
+bytes without_trailing_zeros(bytes nal)
+{
+    while (!nal.empty() && nal.back() == 0) {
+        nal = nal.first(nal.size() - 1);
+    }
+    return nal;
+}
+
+bool split_at_start_codes(bytes data, std::vector<bytes> &nals)
+{
+    size_t at = find_start_code(data, 0);
+    if (std::any_of(data.begin(), data.begin() + static_cast<ptrdiff_t>(at),
+                    [](uint8_t byte) { return byte != 0; })) {
+        return false;
+    }
+    while (at < data.size()) {
+        const size_t begin = at + 3;
+        at = find_start_code(data, begin);
+        const bytes nal = without_trailing_zeros(data.subspan(begin, at - begin));
+        if (!nal.empty()) {
+            nals.push_back(nal);
+        }
+    }
+    return true;
+}
+
+// Cuts one NAL unit with a big-endian length in front off the data.
+std::optional<bytes> take_with_length(bytes &data, unsigned length_bytes)
+{
+    if (data.size() < length_bytes) {
+        return std::nullopt;
+    }
+    size_t length = 0;
+    for (const uint8_t byte : data.first(length_bytes)) {
+        length = length << 8 | byte;
+    }
+    data = data.subspan(length_bytes);
+    if (length > data.size()) {
+        return std::nullopt;
+    }
+    const bytes nal = data.first(length);
+    data = data.subspan(length);
+    return nal;
+}
+
+bool split_by_lengths(bytes data, unsigned length_bytes, std::vector<bytes> &nals)
+{
+    while (!data.empty()) {
+        const std::optional<bytes> taken = take_with_length(data, length_bytes);
+        // A start code inside would become a unit of its own in the start-code form.
+        if (!taken || find_start_code(*taken, 0) != taken->size()) {
+            return false;
+        }
+        const bytes nal = without_trailing_zeros(*taken);
+        if (!nal.empty()) {
+            nals.push_back(nal);
+        }
+    }
+    return true;
+}
+
+// Reads the first syntax elements of a NAL unit.
+struct head_bits {
+    std::array<uint8_t, 24> payload = {}; // without header and emulation prevention bytes
+    size_t size_bits = 0;
+    size_t at_bits = 0;
+};
+
+head_bits open_head(bytes nal, size_t skipped_bytes)
+{
+    head_bits head;
+    unsigned zeros = 0;
+    size_t filled = 0;
+    for (size_t i = 1 + skipped_bytes; i < nal.size() && filled < head.payload.size(); i++) {
+        if (zeros >= 2 && nal[i] == 3) {
+            zeros = 0;
+            continue;
+        }
+        zeros = nal[i] == 0 ? zeros + 1 : 0;
+        head.payload[filled++] = nal[i];
+    }
+    head.size_bits = filled * 8;
+    return head;
+}
+
+std::optional<unsigned> read_bit(head_bits &head)
+{
+    if (head.at_bits >= head.size_bits) {
+        return std::nullopt;
+    }
+    const unsigned byte = head.payload[head.at_bits / 8];
+    return byte >> (7 - head.at_bits++ % 8) & 1u;
+}
+
+// ue(v), up to 31 bits of value
+std::optional<unsigned> read_ue(head_bits &head)
+{
+    unsigned zeros = 0;
+    std::optional<unsigned> bit = read_bit(head);
+    for (; bit && *bit == 0; bit = read_bit(head)) {
+        if (++zeros > 31) {
+            return std::nullopt;
+        }
+    }
+    unsigned suffix = 0;
+    for (unsigned i = 0; i < zeros; i++) {
+        bit = read_bit(head);
+        if (!bit) {
+            return std::nullopt;
+        }
+        suffix = suffix << 1 | *bit;
+    }
+    return bit ? std::optional<unsigned>((1u << zeros) - 1 + suffix) : std::nullopt;
+}
+
+bool keep_parameter_set(access_unit_converter &converter, bytes nal)
+{
+    const unsigned type = nal_type(nal);
+    // profile_idc, the constraint flags and level_idc stand before a sequence set's identifier
+    head_bits head = open_head(nal, type == NAL_SPS ? 3 : 0);
+    const std::optional<unsigned> number = read_ue(head);
+    if (!number) {
+        return false;
+    }
+    const auto same = [&](const parameter_set &set) {
+        return set.type == type && set.number == *number;
+    };
+    const auto known = std::find_if(converter.sets.begin(), converter.sets.end(), same);
+    if (known != converter.sets.end()) {
+        known->bytes.assign(nal.begin(), nal.end());
+        return true;
+    }
+    const auto after = [](unsigned kind, const parameter_set &set) { return kind < set.type; };
+    const auto place = std::upper_bound(converter.sets.begin(), converter.sets.end(), type, after);
+    converter.sets.insert(place, {type, *number, {nal.begin(), nal.end()}});
+    return true;
+}
+
+void append(std::vector<uint8_t> &out, bytes nal)
+{
+    out.insert(out.end(), std::begin(START_CODE), std::end(START_CODE));
+    out.insert(out.end(), nal.begin(), nal.end());
+}
+
+unit_verdict put_sets_in_front(access_unit_converter &converter, access_unit &unit)
+{
+    const auto has = [&](unsigned type) {
+        return std::any_of(converter.sets.begin(), converter.sets.end(),
+                           [=](const parameter_set &set) { return set.type == type; });
+    };
+    if (!has(NAL_SPS) || !has(NAL_PPS)) {
+        return unit_verdict::no_sets;
+    }
+    for (const parameter_set &set : converter.sets) {
+        append(unit.bytes, set.bytes);
+    }
+    if (converter.sent.empty()) {
+        converter.sent = unit.bytes;
+    }
+    return unit.bytes == converter.sent ? unit_verdict::ready : unit_verdict::sets_changed;
+}
+
+// Picks the picture's slices out of the NAL units, and keeps the parameter sets among them.
+unit_verdict find_slices(access_unit_converter &converter, const std::vector<bytes> &nals,
+                         std::vector<bytes> &slices)
+{
+    for (const bytes nal : nals) {
+        const unsigned type = nal_type(nal);
+        if ((nal[0] & 0x80) != 0) { // forbidden_zero_bit
+            return unit_verdict::malformed;
+        }
+        if (type >= NAL_PARTITION_A && type <= NAL_PARTITION_C) {
+            return unit_verdict::partitioned;
+        }
+        if ((type == NAL_SPS || type == NAL_PPS) && !keep_parameter_set(converter, nal)) {
+            return unit_verdict::malformed;
+        }
+        if (type == NAL_SLICE || type == NAL_IDR) {
+            slices.push_back(nal);
+        }
+    }
+    return slices.empty() ? unit_verdict::empty : unit_verdict::ready;
+}
+
+// Notes in the unit what the slices' headers say. returns false when the picture is not whole.
+bool read_slice_headers(const std::vector<bytes> &slices, access_unit &unit)
+{
+    unit.idr = nal_type(slices.front()) == NAL_IDR;
+    unit.bi_predicted = false;
+    for (const bytes &slice : slices) {
+        head_bits head = open_head(slice, 0);
+        const std::optional<unsigned> first_mb_in_slice = read_ue(head);
+        const std::optional<unsigned> slice_type = read_ue(head);
+        const bool leads = &slice == &slices.front();
+        if (!first_mb_in_slice || !slice_type || (leads && *first_mb_in_slice != 0)) {
+            return false;
+        }
+        unit.bi_predicted = unit.bi_predicted || *slice_type % 5 == 1;
+    }
+    return true;
+}
+
+} // namespace
+
+bool access_unit_configure(access_unit_converter &converter, std::span<const uint8_t> configuration)
+{
+    std::vector<bytes> nals;
+    if (!configuration.empty() && configuration[0] != 1) {
+        if (!split_at_start_codes(configuration, nals)) {
+            return false;
+        }
+    } else if (!configuration.empty()) {
+        // AVCDecoderConfigurationRecord, ISO/IEC 14496-15: version, profile, compatibility, level,
+        // length size, then the sequence sets and the picture sets behind a count each
+        if (configuration.size() < 7) {
+            return false;
+        }
+        converter.length_bytes = (configuration[4] & 3u) + 1;
+        bytes rest = configuration.subspan(5);
+        for (const unsigned count_mask : {0x1Fu, 0xFFu}) {
+            if (rest.empty()) {
+                return false;
+            }
+            unsigned count = rest[0] & count_mask;
+            rest = rest.subspan(1);
+            for (; count > 0; count--) {
+                const std::optional<bytes> set = take_with_length(rest, 2);
+                if (!set || set->empty()) {
+                    return false;
+                }
+                nals.push_back(*set);
+            }
+        }
+    }
+    return std::all_of(nals.begin(), nals.end(), [&](bytes nal) {
+        const unsigned type = nal_type(nal);
+        return (type != NAL_SPS && type != NAL_PPS) || keep_parameter_set(converter, nal);
+    });
+}
+
+unit_verdict access_unit_convert(access_unit_converter &converter, std::span<const uint8_t> packet,
+                                 access_unit &unit)
+{
+    unit.bytes.clear();
+    std::vector<bytes> nals;
+    const bool split = converter.length_bytes == 0
+                           ? split_at_start_codes(packet, nals)
+                           : split_by_lengths(packet, converter.length_bytes, nals);
+    if (!split) {
+        return unit_verdict::malformed;
+    }
+    std::vector<bytes> slices;
+    unit_verdict verdict = find_slices(converter, nals, slices);
+    if (verdict != unit_verdict::ready) {
+        return verdict;
+    }
+    if (!read_slice_headers(slices, unit)) {
+        return unit_verdict::malformed;
+    }
+    if (unit.idr) {
+        verdict = put_sets_in_front(converter, unit);
+    }
+    for (const bytes slice : slices) {
+        append(unit.bytes, slice);
+    }
+    return verdict;
+}

@@ -1,0 +1,50 @@
+// Brings H.264 access units to the form that the component takes: four-byte start codes, the
+// parameter sets in front of every IDR picture, and nothing else but the picture's slices.
+#ifndef CLIENT_ACCESS_UNIT_H
+#define CLIENT_ACCESS_UNIT_H
+
+#include <cstdint>
+#include <span>
+#include <vector>
+
+// One parameter set; a later one of the same kind and number replaces it.
+struct parameter_set {
+    unsigned type;              // 7 sequence, 8 picture
+    unsigned number;            // its identifier in the stream
+    std::vector<uint8_t> bytes; // the NAL unit
+};
+
+// What the conversion knows of a stream.
+struct access_unit_converter {
+    unsigned length_bytes = 0;       // 0: start codes; else the size of the lengths in front
+    std::vector<parameter_set> sets; // sequence before picture
+    std::vector<uint8_t> sent;       // the sets as they stood in front of the first IDR picture
+};
+
+enum class unit_verdict {
+    ready,        // the access unit is complete
+    empty,        // no picture in it
+    malformed,    // not H.264 as announced
+    no_sets,      // an IDR picture, but no parameter sets so far
+    sets_changed, // other parameter sets than those in front of the first IDR picture
+    partitioned,  // a picture in data partitions
+};
+
+struct access_unit {
+    std::vector<uint8_t> bytes;
+    bool idr = false;
+    bool bi_predicted = false; // a slice is a B slice
+};
+
+// Reads a container's decoder configuration: an avcC record (its first byte is 1) or parameter sets
+// in start-code form; empty for a stream that carries everything itself.
+// returns false when it is damaged.
+[[nodiscard]] bool access_unit_configure(access_unit_converter &converter,
+                                         std::span<const uint8_t> configuration);
+
+// Converts one access unit of the stream. in: its bytes in the stream's form. out: the unit,
+// meaningful when the result is `ready`.
+[[nodiscard]] unit_verdict access_unit_convert(access_unit_converter &converter,
+                                               std::span<const uint8_t> packet, access_unit &unit);
+
+#endif

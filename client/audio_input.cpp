@@ -1,0 +1,236 @@
+#include "client/audio_input.h"
+
+#include "client/failure.h"
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+
+extern "C" {
+#include <libswresample/swresample.h>
+}
+
+// The encoder's sampling rates; other inputs are resampled to the first.
+static constexpr std::array<int, 9> encoder_rates = {48000, 8000,  11025, 12000, 16000,
+                                                     22050, 24000, 32000, 44100};
+
+// Time stamps that stray less than this from the running count of samples are taken as rounding.
+static constexpr int64_t DRIFT_TOLERANCE_US = 100'000;
+
+// A first frame further away than this is not of the video's clock.
+static constexpr int64_t ALIGNMENT_MAX_US = 600'000'000;
+
+static constexpr size_t CHANNELS = 2;
+
+void codec_deleter::operator()(AVCodecContext *codec) const
+{
+    avcodec_free_context(&codec);
+}
+
+void frame_deleter::operator()(AVFrame *frame) const
+{
+    av_frame_free(&frame);
+}
+
+void resampler_deleter::operator()(SwrContext *resampler) const
+{
+    swr_free(&resampler);
+}
+
+static bool same_format(const AVFrame &one, const AVFrame &other)
+{
+    return one.format == other.format && one.sample_rate == other.sample_rate &&
+           av_channel_layout_compare(&one.ch_layout, &other.ch_layout) == 0;
+}
+
+// Queues what the resampler gives for a frame; for null, what it still holds.
+static void queue_resampled(audio_input &audio, const AVFrame *frame)
+{
+    if (audio.resampler == nullptr) {
+        return;
+    }
+    const int in_samples = frame != nullptr ? frame->nb_samples : 0;
+    const int room = swr_get_out_samples(audio.resampler.get(), in_samples);
+    if (room <= 0) {
+        return;
+    }
+    const size_t begin = audio.queue.size();
+    audio.queue.resize(begin + static_cast<size_t>(room) * CHANNELS);
+    std::array<uint8_t *, 1> out = {reinterpret_cast<uint8_t *>(audio.queue.data() + begin)};
+    const uint8_t **const in =
+        frame != nullptr ? const_cast<const uint8_t **>(frame->extended_data) : nullptr;
+    int got = swr_convert(audio.resampler.get(), out.data(), room, in, in_samples);
+    if (got < 0) {
+        audio.damaged++;
+        got = 0;
+    }
+    audio.queue.resize(begin + static_cast<size_t>(got) * CHANNELS);
+    const int64_t skipped = std::min<int64_t>(audio.skip_due, got);
+    const auto first = audio.queue.begin() + static_cast<ptrdiff_t>(begin);
+    audio.queue.erase(first, first + static_cast<ptrdiff_t>(skipped) * 2);
+    audio.skip_due -= skipped;
+    audio.placed += got - skipped;
+}
+
+static void adapt_resampler(audio_input &audio, AVFrame &frame)
+{
+    if (frame.ch_layout.order == AV_CHANNEL_ORDER_UNSPEC) {
+        av_channel_layout_default(&frame.ch_layout, frame.ch_layout.nb_channels);
+    }
+    if (audio.resampler != nullptr && same_format(*audio.format, frame)) {
+        return;
+    }
+    queue_resampled(audio, nullptr);
+    AVChannelLayout stereo = AV_CHANNEL_LAYOUT_STEREO;
+    SwrContext *made = nullptr;
+    int error = swr_alloc_set_opts2(&made, &stereo, AV_SAMPLE_FMT_S16, audio.rate, &frame.ch_layout,
+                                    static_cast<AVSampleFormat>(frame.format), frame.sample_rate, 0,
+                                    nullptr);
+    audio.resampler.reset(made);
+    if (error >= 0 && frame.ch_layout.nb_channels == 1) {
+        static const double as_loud_on_either_side[CHANNELS] = {1, 1};
+        error = swr_set_matrix(made, as_loud_on_either_side, 1);
+    }
+    if (error >= 0) {
+        error = swr_init(made);
+    }
+    if (error < 0) {
+        throw failure(exit_code::unsupported, audio.file->path +
+                                                  ": its audio cannot be brought to stereo (" +
+                                                  media_error_text(error) + ")");
+    }
+    audio.format.reset(av_frame_alloc());
+    audio.format->format = frame.format;
+    audio.format->sample_rate = frame.sample_rate;
+    av_channel_layout_copy(&audio.format->ch_layout, &frame.ch_layout);
+}
+
+// Holds the next decoded frame. returns false at the end.
+static bool decode_frame(audio_input &audio)
+{
+    std::unique_ptr<AVFrame, frame_deleter> frame(av_frame_alloc());
+    for (;;) {
+        const int error = avcodec_receive_frame(audio.codec.get(), frame.get());
+        if (error == AVERROR_EOF) {
+            return false;
+        }
+        if (error == 0) {
+            if (frame->nb_samples > 0 && frame->sample_rate > 0) {
+                audio.held = std::move(frame);
+                return true;
+            }
+            continue;
+        }
+        audio.damaged += error != AVERROR(EAGAIN) ? 1 : 0;
+        const packet_ptr packet = media_file_read(*audio.file);
+        if (avcodec_send_packet(audio.codec.get(), packet.get()) < 0) {
+            if (packet == nullptr) { // told of the end before
+                return false;
+            }
+            audio.damaged++;
+        }
+    }
+}
+
+// Decides what comes before the held frame, which begins at the given time: silence where there is
+// a gap, or none of the samples whose place is taken.
+static void settle_frame(audio_input &audio, int64_t time_us, int64_t tolerance_us)
+{
+    const int64_t tolerance = av_rescale(tolerance_us, audio.rate, 1'000'000);
+    const int64_t begin = av_rescale(time_us - audio.origin_us, audio.rate, 1'000'000);
+    const int64_t away = begin - (audio.placed - audio.skip_due);
+    if (away > tolerance) {
+        audio.silence_due = away;
+        audio.placed += away;
+    } else if (away < -tolerance) {
+        audio.skip_due -= away;
+    }
+}
+
+// The held frame's time on the stream's steady line.
+static int64_t place_frame(audio_input &audio)
+{
+    const AVFrame &frame = *audio.held;
+    return stream_clock_place(
+        audio.clock, media_file_time_us(*audio.file, frame.best_effort_timestamp),
+        av_rescale(frame.nb_samples, 1'000'000, frame.sample_rate), DRIFT_TOLERANCE_US);
+}
+
+// Adds to the queue. returns false when nothing is left to add.
+static bool extend_queue(audio_input &audio)
+{
+    if (audio.silence_due > 0) {
+        const int64_t count =
+            std::min(audio.silence_due, static_cast<int64_t>(AUDIO_BLOCK_SAMPLES));
+        audio.queue.insert(audio.queue.end(), static_cast<size_t>(count) * CHANNELS, 0);
+        audio.silence_due -= count;
+        return true;
+    }
+    if (audio.held != nullptr) {
+        adapt_resampler(audio, *audio.held);
+        queue_resampled(audio, audio.held.get());
+        audio.held.reset();
+        return true;
+    }
+    if (audio.drained) {
+        return false;
+    }
+    if (decode_frame(audio)) {
+        settle_frame(audio, place_frame(audio), DRIFT_TOLERANCE_US);
+    } else {
+        audio.drained = true;
+        queue_resampled(audio, nullptr);
+    }
+    return true;
+}
+
+std::unique_ptr<audio_input> audio_input_open(const std::string &path)
+{
+    std::unique_ptr<audio_input> audio = std::make_unique<audio_input>();
+    audio->file = media_file_open(path, AVMEDIA_TYPE_AUDIO);
+    const AVCodecParameters &parameters = *audio->file->stream->codecpar;
+    const AVCodec *const decoder = avcodec_find_decoder(parameters.codec_id);
+    audio->codec.reset(avcodec_alloc_context3(decoder));
+    if (decoder != nullptr && audio->codec != nullptr) {
+        audio->codec->pkt_timebase = audio->file->stream->time_base;
+    }
+    if (decoder == nullptr || audio->codec == nullptr ||
+        avcodec_parameters_to_context(audio->codec.get(), &parameters) < 0 ||
+        avcodec_open2(audio->codec.get(), decoder, nullptr) < 0) {
+        throw failure(exit_code::unsupported, path + ": its audio (" +
+                                                  avcodec_get_name(parameters.codec_id) +
+                                                  ") cannot be decoded");
+    }
+    if (!decode_frame(*audio)) {
+        throw failure(exit_code::input, path + ": holds no audio that can be decoded");
+    }
+    const auto known =
+        std::find(encoder_rates.begin(), encoder_rates.end(), audio->held->sample_rate);
+    audio->rate = known != encoder_rates.end() ? *known : encoder_rates.front();
+    audio->begin_us = place_frame(*audio);
+    return audio;
+}
+
+void audio_input_start_at(audio_input &audio, int64_t origin_us)
+{
+    const bool apart = origin_us < audio.begin_us - ALIGNMENT_MAX_US;
+    audio.origin_us = apart ? audio.begin_us : origin_us;
+    settle_frame(audio, audio.begin_us, 0);
+}
+
+bool audio_input_next(audio_input &audio, std::span<int16_t, AUDIO_BLOCK_SAMPLES * 2> block)
+{
+    audio.queue.erase(audio.queue.begin(),
+                      audio.queue.begin() + static_cast<ptrdiff_t>(audio.queue_read));
+    audio.queue_read = 0;
+    while (audio.queue.size() < block.size() && extend_queue(audio)) {
+    }
+    const size_t got = std::min(audio.queue.size(), block.size());
+    if (got == 0 && audio.tail_blocks++ > 0) {
+        return false;
+    }
+    std::copy_n(audio.queue.begin(), got, block.begin());
+    std::fill(block.begin() + static_cast<ptrdiff_t>(got), block.end(), int16_t{0});
+    audio.queue_read = got;
+    return true;
+}

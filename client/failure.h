@@ -1,0 +1,28 @@
+// The command's exit codes, and the exception that carries one with its sentence.
+#ifndef CLIENT_FAILURE_H
+#define CLIENT_FAILURE_H
+
+#include <stdexcept>
+#include <string>
+
+enum class exit_code : int {
+    finished = 0,     // also when the user ended the recording
+    usage = 2,        // the command line is wrong
+    input = 3,        // an input cannot be read, or broke off
+    unsupported = 4,  // an input holds something that cannot be recorded
+    output = 5,       // the output cannot be written
+    storage = 6,      // the component's storage cannot be provided
+    component = 7,    // the component is missing or failed
+    stop_reason = 10, // plus the reason for which the component ended the recording
+    given_up = 128,   // plus the number of the second signal
+};
+
+// A failure that ends the command: its code, and one sentence for the user.
+struct failure : std::runtime_error {
+    failure(exit_code why, const std::string &sentence) : std::runtime_error(sentence), code(why)
+    {
+    }
+    exit_code code;
+};
+
+#endif

@@ -1,0 +1,178 @@
+#include "client/media_file.h"
+
+#include "client/failure.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+// The forms that are read; others could make the demuxer open further files.
+static const char format_names[] = "h264,mpegts,mov,mp4,m4a,3gp,3g2,mj2,matroska,webm,wav";
+
+static constexpr int IO_BUFFER_BYTES = 1 << 16;
+
+void packet_deleter::operator()(AVPacket *packet) const
+{
+    av_packet_free(&packet);
+}
+
+media_file::~media_file()
+{
+    avformat_close_input(&format);
+    if (io != nullptr) {
+        av_freep(&io->buffer);
+        avio_context_free(&io);
+    }
+    if (descriptor >= 0) {
+        close(descriptor);
+    }
+}
+
+std::string media_error_text(int error)
+{
+    char text[AV_ERROR_MAX_STRING_SIZE] = "";
+    av_make_error_string(text, sizeof text, error);
+    return text;
+}
+
+static int read_io(void *opaque, uint8_t *buffer, int size)
+{
+    media_file *const file = static_cast<media_file *>(opaque);
+    ssize_t got = 0;
+    do {
+        got = pread(file->descriptor, buffer, static_cast<size_t>(size), file->position);
+    } while (got < 0 && errno == EINTR);
+    if (got < 0) {
+        return AVERROR(errno);
+    }
+    file->position += got;
+    return got == 0 ? AVERROR_EOF : static_cast<int>(got);
+}
+
+static int64_t seek_io(void *opaque, int64_t offset, int whence)
+{
+    media_file *const file = static_cast<media_file *>(opaque);
+    switch (whence & ~AVSEEK_FORCE) {
+    case AVSEEK_SIZE:
+        return file->size;
+    case SEEK_SET:
+        break;
+    case SEEK_CUR:
+        offset += file->position;
+        break;
+    case SEEK_END:
+        offset += file->size;
+        break;
+    default:
+        return AVERROR(EINVAL);
+    }
+    if (offset < 0) {
+        return AVERROR(EINVAL);
+    }
+    file->position = offset;
+    return offset;
+}
+
+static void open_descriptor(media_file &file)
+{
+    // A pipe would block here without the flag; it is refused below.
+    file.descriptor = open(file.path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    struct stat status = {};
+    if (file.descriptor < 0 || fstat(file.descriptor, &status) != 0) {
+        throw failure(exit_code::input, file.path + ": " + std::strerror(errno));
+    }
+    if (!S_ISREG(status.st_mode)) {
+        throw failure(exit_code::input, file.path + ": is not a regular file");
+    }
+    if (status.st_size == 0) {
+        throw failure(exit_code::input, file.path + ": is empty");
+    }
+    file.size = status.st_size;
+}
+
+static void open_format(media_file &file)
+{
+    uint8_t *const buffer = static_cast<uint8_t *>(av_malloc(IO_BUFFER_BYTES));
+    file.io = avio_alloc_context(buffer, IO_BUFFER_BYTES, 0, &file, read_io, nullptr, seek_io);
+    file.format = avformat_alloc_context();
+    if (buffer == nullptr || file.io == nullptr || file.format == nullptr) {
+        throw std::bad_alloc();
+    }
+    file.format->pb = file.io;
+    file.format->flags |= AVFMT_FLAG_CUSTOM_IO;
+    file.format->format_whitelist = av_strdup(format_names);
+    int error = avformat_open_input(&file.format, file.path.c_str(), nullptr, nullptr);
+    if (error == 0) {
+        error = avformat_find_stream_info(file.format, nullptr);
+    }
+    if (error < 0) {
+        throw failure(exit_code::input,
+                      file.path + ": not readable as raw H.264, WAV, MPEG-TS, MP4 or Matroska (" +
+                          media_error_text(error) + ")");
+    }
+}
+
+std::unique_ptr<media_file> media_file_open(const std::string &path, AVMediaType kind)
+{
+    av_log_set_level(AV_LOG_QUIET); // what matters is reported by this program, in its own words
+    std::unique_ptr<media_file> file = std::make_unique<media_file>();
+    file->path = path;
+    open_descriptor(*file);
+    open_format(*file);
+    const int index = av_find_best_stream(file->format, kind, -1, -1, nullptr, 0);
+    if (index < 0) {
+        throw failure(exit_code::input, path + ": holds no " + av_get_media_type_string(kind) +
+                                            " (name another file with --" +
+                                            av_get_media_type_string(kind) + ")");
+    }
+    for (unsigned i = 0; i < file->format->nb_streams; i++) {
+        if (i != static_cast<unsigned>(index)) {
+            file->format->streams[i]->discard = AVDISCARD_ALL;
+        }
+    }
+    file->stream = file->format->streams[index];
+    return file;
+}
+
+bool media_file_is_raw(const media_file &file)
+{
+    return std::strcmp(file.format->iformat->name, "h264") == 0;
+}
+
+packet_ptr media_file_read(media_file &file)
+{
+    packet_ptr packet(av_packet_alloc());
+    if (packet == nullptr) {
+        throw std::bad_alloc();
+    }
+    for (;;) {
+        const int error = av_read_frame(file.format, packet.get());
+        if (error == AVERROR_EOF) {
+            // Demuxers report a failed read as an end.
+            if (file.io->error < 0 && file.io->error != AVERROR_EOF) {
+                throw failure(exit_code::input, file.path + ": breaks off (" +
+                                                    media_error_text(file.io->error) + ")");
+            }
+            return nullptr;
+        }
+        if (error < 0) {
+            throw failure(exit_code::input,
+                          file.path + ": breaks off (" + media_error_text(error) + ")");
+        }
+        if (packet->stream_index == file.stream->index) {
+            return packet;
+        }
+        av_packet_unref(packet.get());
+    }
+}
+
+std::optional<int64_t> media_file_time_us(const media_file &file, int64_t time)
+{
+    if (time == AV_NOPTS_VALUE) {
+        return std::nullopt;
+    }
+    return av_rescale_q(time, file.stream->time_base, {1, 1000000});
+}

@@ -1,0 +1,53 @@
+// One stream of one input file: opening, choosing the stream, reading its packets.
+#ifndef CLIENT_MEDIA_FILE_H
+#define CLIENT_MEDIA_FILE_H
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
+}
+
+struct packet_deleter {
+    void operator()(AVPacket *packet) const;
+};
+using packet_ptr = std::unique_ptr<AVPacket, packet_deleter>;
+
+struct media_file {
+    std::string path;
+    int descriptor = -1;
+    int64_t position = 0; // next byte that the demuxer reads
+    int64_t size = 0;
+    AVIOContext *io = nullptr;
+    AVFormatContext *format = nullptr;
+    AVStream *stream = nullptr;
+
+    media_file() = default;
+    media_file(const media_file &) = delete;
+    media_file &operator=(const media_file &) = delete;
+    ~media_file();
+};
+
+// Opens a file and picks its best stream of the kind; only this stream is read. The file is held
+// open from here on, so that it does not matter what its path means later.
+// returns the file; throws `failure` when it cannot be read or holds no such stream.
+std::unique_ptr<media_file> media_file_open(const std::string &path, AVMediaType kind);
+
+// Whether the file is nothing but a stream of access units, without time stamps.
+bool media_file_is_raw(const media_file &file);
+
+// Reads the stream's next packet.
+// returns null at the end; throws `failure` when the file breaks off.
+packet_ptr media_file_read(media_file &file);
+
+// A time stamp of the stream in microseconds; nothing when the packet or frame has none.
+std::optional<int64_t> media_file_time_us(const media_file &file, int64_t time);
+
+// The library's text for an error code.
+std::string media_error_text(int error);
+
+#endif

@@ -1,0 +1,104 @@
+#include "client/programme_input.h"
+
+#include <filesystem>
+
+static int64_t video_time_us(const programme_input &programme)
+{
+    return programme.next_video->time_us - programme.origin_us;
+}
+
+static int64_t audio_time_us(const programme_input &programme)
+{
+    return av_rescale(programme.audio_blocks * static_cast<int64_t>(AUDIO_BLOCK_SAMPLES), 1'000'000,
+                      programme.audio->rate);
+}
+
+std::unique_ptr<programme_input> programme_open(const std::string &video_path,
+                                                const std::string &audio_path,
+                                                std::optional<AVRational> frame_rate)
+{
+    std::unique_ptr<programme_input> programme = std::make_unique<programme_input>();
+    programme->video = video_input_open(video_path, frame_rate);
+    programme->audio = audio_input_open(audio_path);
+    programme->next_video = video_input_next(*programme->video);
+    programme->origin_us = programme->next_video->time_us;
+    std::error_code ignored;
+    const bool one_file = std::filesystem::equivalent(video_path, audio_path, ignored);
+    const int64_t between_us =
+        one_file ? 0 : programme->audio->begin_us - programme->video->begin_us;
+    audio_input_start_at(*programme->audio, programme->origin_us + between_us);
+    programme->has_audio = audio_input_next(*programme->audio, programme->next_audio);
+    return programme;
+}
+
+// Replaces the unit that the last call gave out; only now, so that it is used before a failure.
+static void refill(programme_input &programme)
+{
+    const std::optional<unit_kind> given = programme.given;
+    programme.given.reset();
+    if (given == unit_kind::video) {
+        programme.next_video.reset();
+        programme.next_video = video_input_next(*programme.video);
+    } else if (given == unit_kind::audio) {
+        programme.audio_blocks++;
+        programme.has_audio = false;
+        programme.has_audio = audio_input_next(*programme.audio, programme.next_audio);
+    }
+}
+
+std::optional<programme_unit> programme_next(programme_input &programme)
+{
+    refill(programme);
+    if (!programme.next_video && !programme.has_audio) {
+        return std::nullopt;
+    }
+    const bool video_first =
+        programme.next_video &&
+        (!programme.has_audio || video_time_us(programme) <= audio_time_us(programme));
+    if (video_first) {
+        programme.given = unit_kind::video;
+        const access_unit &unit = programme.next_video->unit;
+        return programme_unit{unit_kind::video, video_time_us(programme), unit.bytes, unit.idr};
+    }
+    programme.given = unit_kind::audio;
+    const std::span<const int16_t> samples = programme.next_audio;
+    return programme_unit{unit_kind::audio,
+                          audio_time_us(programme),
+                          {reinterpret_cast<const uint8_t *>(samples.data()), samples.size_bytes()},
+                          false};
+}
+
+static void remark(std::vector<std::string> &remarks, const media_file &file, const char *what,
+                   unsigned count)
+{
+    if (count > 0) {
+        remarks.push_back(file.path + ": " + what + ": " + std::to_string(count));
+    }
+}
+
+std::vector<std::string> programme_opening_remarks(const programme_input &programme)
+{
+    const video_input &video = *programme.video;
+    const AVCodecParameters &picture = *video.file->stream->codecpar;
+    std::vector<std::string> remarks;
+    if (picture.width != 320 || picture.height != 240) {
+        remarks.push_back(video.file->path + ": has pictures of " + std::to_string(picture.width) +
+                          "x" + std::to_string(picture.height) +
+                          "; the file will announce 320x240, which some players go by");
+    }
+    remark(remarks, *video.file, "pictures left out in front of the first IDR picture",
+           video.leading);
+    return remarks;
+}
+
+std::vector<std::string> programme_closing_remarks(const programme_input &programme)
+{
+    const video_input &video = *programme.video;
+    const audio_input &audio = *programme.audio;
+    std::vector<std::string> remarks;
+    remark(remarks, *video.file, "damaged access units left out", video.damaged);
+    remark(remarks, *audio.file, "damaged audio packets left out", audio.damaged);
+    remark(remarks, *video.file, "jumps of the video's clock closed", video.clock.jumps);
+    remark(remarks, *audio.file, "jumps of the audio's clock closed", audio.clock.jumps);
+    return remarks;
+}

@@ -1,0 +1,48 @@
+// The programme's video: H.264 access units in the component's form with their times.
+#ifndef CLIENT_VIDEO_INPUT_H
+#define CLIENT_VIDEO_INPUT_H
+
+#include "client/access_unit.h"
+#include "client/media_file.h"
+#include "client/stream_clock.h"
+
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <optional>
+#include <string>
+
+struct video_unit {
+    access_unit unit;
+    int64_t time_us;
+};
+
+struct video_input {
+    std::unique_ptr<media_file> file;
+    access_unit_converter converter;
+    AVRational frame_rate = {30, 1};
+    stream_clock clock;
+    std::optional<int64_t> display_us, decode_us; // time stamps of the last packet
+    int64_t packets = 0;
+    int64_t begin_us = 0; // of the file's first packet
+    bool begun = false;   // the first IDR picture has been found
+    bool lacked_sets = false;
+    unsigned leading = 0; // access units in front of the first IDR picture
+    unsigned damaged = 0;
+    std::deque<video_unit> ahead;
+};
+
+// Opens the video of a file and reads ahead, so that what cannot be recorded shows at once.
+// in: the frame rate for raw H.264 that states none or another (absent: the stream's own, else 30).
+// throws `failure`.
+std::unique_ptr<video_input> video_input_open(const std::string &path,
+                                              std::optional<AVRational> frame_rate);
+
+// The time between two pictures at the stream's nominal rate.
+int64_t video_input_interval_us(const video_input &video);
+
+// returns the next access unit, the first of them an IDR picture; nothing at the end.
+// throws `failure` for what cannot be read or recorded.
+std::optional<video_unit> video_input_next(video_input &video);
+
+#endif
