@@ -1,0 +1,65 @@
+#include "client/interruption.h"
+
+#include "client/failure.h"
+
+#include <condition_variable>
+#include <csignal>
+#include <mutex>
+#include <thread>
+#include <unistd.h>
+
+static std::mutex lock; // guards the number
+// Never destroyed: the listening thread stays until the process ends.
+static std::condition_variable &changed = *new std::condition_variable;
+static int requested; // the first signal's number
+
+static sigset_t listened_signals(void)
+{
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    sigaddset(&signals, SIGHUP);
+    return signals;
+}
+
+void interruption_block(void)
+{
+    const sigset_t signals = listened_signals();
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    // A closed pipe and a file-size limit are reported by the calls that meet them.
+    std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGXFSZ, SIG_IGN);
+}
+
+static void listen(void (*give_up)(void))
+{
+    const sigset_t signals = listened_signals();
+    int signal = 0;
+    sigwait(&signals, &signal);
+    {
+        const std::lock_guard<std::mutex> guard(lock);
+        requested = signal;
+    }
+    changed.notify_all();
+    sigwait(&signals, &signal);
+    give_up();
+    _exit(static_cast<int>(exit_code::given_up) + signal);
+}
+
+void interruption_listen(void (*give_up)(void))
+{
+    std::thread(listen, give_up).detach();
+}
+
+int interruption_signal(void)
+{
+    const std::lock_guard<std::mutex> guard(lock);
+    return requested;
+}
+
+bool interruption_sleep_until(std::chrono::steady_clock::time_point moment)
+{
+    std::unique_lock<std::mutex> guard(lock);
+    return changed.wait_until(guard, moment, [] { return requested != 0; });
+}

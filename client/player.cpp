@@ -1,0 +1,295 @@
+#include "client/player.h"
+
+#include "client/failure.h"
+#include "client/omx_core.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <utility>
+
+// The component's vendor parameters and its event.
+static constexpr uint32_t INDEX_OUTPUT_PATH = 0x7F00002C;
+static constexpr uint32_t INDEX_START = 0x7F00002D;
+static constexpr uint32_t INDEX_STOP = 0x7F00002E;
+static constexpr uint32_t EVENT_RECORDING_ENDED = 0x7F000005;
+static constexpr size_t OUTPUT_PATH_BYTES = 128;
+
+static constexpr uint32_t BUFFERS_PER_PORT = 4;
+
+static constexpr char component_name[] = "OMX.qvr.tdmb.rec";
+
+// Long enough for a slow disk, short enough to tell a person that nothing moves any more.
+static constexpr std::chrono::seconds PATIENCE(120);
+
+[[noreturn]] static void fail(const std::string &what, OMX_ERRORTYPE error)
+{
+    char code[16] = "";
+    std::snprintf(code, sizeof code, "0x%08X", static_cast<unsigned>(error));
+    throw failure(exit_code::component, "the recorder component " + what + " (" + code + ")");
+}
+
+static void check(OMX_ERRORTYPE error, const std::string &what)
+{
+    if (error != OMX_ErrorNone) {
+        fail(what, error);
+    }
+}
+
+// The callbacks, on the component's threads.
+
+static OMX_ERRORTYPE on_event(OMX_HANDLETYPE, OMX_PTR pAppData, OMX_EVENTTYPE eEvent,
+                              OMX_U32 nData1, OMX_U32 nData2, OMX_PTR)
+{
+    player &self = *static_cast<player *>(pAppData);
+    {
+        const std::lock_guard<std::mutex> guard(self.lock);
+        if (eEvent == OMX_EventCmdComplete && nData1 == OMX_CommandStateSet) {
+            self.state = static_cast<OMX_STATETYPE>(nData2);
+        } else if (eEvent == OMX_EventError && self.error == OMX_ErrorNone) {
+            self.error = static_cast<OMX_ERRORTYPE>(nData1);
+        } else if (static_cast<uint32_t>(eEvent) == EVENT_RECORDING_ENDED) {
+            self.stopped = nData2;
+        }
+    }
+    self.changed.notify_all();
+    return OMX_ErrorNone;
+}
+
+static OMX_ERRORTYPE on_empty_buffer_done(OMX_HANDLETYPE, OMX_PTR pAppData,
+                                          OMX_BUFFERHEADERTYPE *pBuffer)
+{
+    player &self = *static_cast<player *>(pAppData);
+    {
+        const std::lock_guard<std::mutex> guard(self.lock);
+        self.ports[pBuffer->nInputPortIndex].free.push_back(pBuffer);
+    }
+    self.changed.notify_all();
+    return OMX_ErrorNone;
+}
+
+static OMX_ERRORTYPE on_fill_buffer_done(OMX_HANDLETYPE, OMX_PTR, OMX_BUFFERHEADERTYPE *)
+{
+    return OMX_ErrorNone; // a sink fills nothing
+}
+
+// Waits until the condition, which is looked at under the lock, holds.
+template <typename Condition>
+static void await(player &self, const char *what, Condition condition)
+{
+    std::unique_lock<std::mutex> guard(self.lock);
+    const bool reached = self.changed.wait_for(
+        guard, PATIENCE, [&] { return condition() || self.error != OMX_ErrorNone; });
+    if (self.error != OMX_ErrorNone) {
+        fail("reported an error", self.error);
+    }
+    if (!reached) {
+        fail(std::string("does not ") + what, OMX_ErrorTimeout);
+    }
+}
+
+static bool all_returned(const player_buffers &port)
+{
+    return port.free.size() == port.all.size();
+}
+
+static void await_state(player &self, OMX_STATETYPE state)
+{
+    await(self, "change its state", [&] { return self.state == state; });
+}
+
+static void command_state(player &self, OMX_STATETYPE state)
+{
+    check(self.component->SendCommand(self.component, OMX_CommandStateSet, state, nullptr),
+          "refuses a change of state");
+}
+
+static OMX_PARAM_PORTDEFINITIONTYPE define_port(player &self, uint32_t port)
+{
+    OMX_PARAM_PORTDEFINITIONTYPE definition = {};
+    definition.nSize = sizeof definition;
+    definition.nVersion.nVersion = OMX_VERSION_1_1_2;
+    definition.nPortIndex = port;
+    check(self.component->GetParameter(self.component, OMX_IndexParamPortDefinition, &definition),
+          "does not describe its ports");
+    definition.nBufferCountActual = std::max(definition.nBufferCountMin, BUFFERS_PER_PORT);
+    check(self.component->SetParameter(self.component, OMX_IndexParamPortDefinition, &definition),
+          "refuses the number of buffers");
+    return definition;
+}
+
+static void allocate_buffers(player &self)
+{
+    std::array<OMX_PARAM_PORTDEFINITIONTYPE, PORT_COUNT> definitions;
+    for (uint32_t port = 0; port < PORT_COUNT; port++) {
+        definitions[port] = define_port(self, port);
+    }
+    command_state(self, OMX_StateIdle);
+    for (uint32_t port = 0; port < PORT_COUNT; port++) {
+        for (uint32_t i = 0; i < definitions[port].nBufferCountActual; i++) {
+            OMX_BUFFERHEADERTYPE *buffer = nullptr;
+            check(self.component->AllocateBuffer(self.component, &buffer, port, nullptr,
+                                                 definitions[port].nBufferSize),
+                  "allocates no buffers");
+            self.ports[port].all.push_back(buffer);
+            self.ports[port].free.push_back(buffer);
+        }
+    }
+    await_state(self, OMX_StateIdle);
+}
+
+player_ptr player_open(void)
+{
+    player_ptr self(new player);
+    self->callbacks = {on_event, on_empty_buffer_done, on_fill_buffer_done};
+    char name[sizeof component_name];
+    std::memcpy(name, component_name, sizeof name);
+    OMX_HANDLETYPE handle = nullptr;
+    const OMX_ERRORTYPE error = OMX_GetHandle(&handle, name, self.get(), &self->callbacks);
+    if (error == OMX_ErrorComponentNotFound) {
+        throw failure(exit_code::component,
+                      std::string("the recorder component cannot be loaded: ") +
+                          omx_core_load_error() + " (TDMBREC_COMPONENT_PATH may name its library)");
+    }
+    check(error, "cannot be made");
+    self->component = static_cast<OMX_COMPONENTTYPE *>(handle);
+    allocate_buffers(*self);
+    command_state(*self, OMX_StateExecuting);
+    await_state(*self, OMX_StateExecuting);
+    return self;
+}
+
+static void set_vendor(player &self, uint32_t index, void *record, const char *what)
+{
+    check(self.component->SetParameter(self.component, static_cast<OMX_INDEXTYPE>(index), record),
+          what);
+}
+
+void player_start(player &self, const std::string &path, unsigned rate)
+{
+    std::array<char, OUTPUT_PATH_BYTES> path_record = {};
+    if (path.size() >= path_record.size()) {
+        throw failure(exit_code::storage, path + ": too long for the recorder component");
+    }
+    std::copy(path.begin(), path.end(), path_record.begin());
+    set_vendor(self, INDEX_OUTPUT_PATH, path_record.data(), "refuses the output path");
+
+    OMX_AUDIO_PARAM_PCMMODETYPE pcm = {};
+    pcm.nSize = sizeof pcm;
+    pcm.nVersion.nVersion = OMX_VERSION_1_1_2;
+    pcm.nPortIndex = PORT_AUDIO;
+    pcm.nChannels = 2;
+    pcm.eNumData = OMX_NumericalDataSigned;
+    pcm.eEndian = OMX_EndianLittle;
+    pcm.bInterleaved = OMX_TRUE;
+    pcm.nBitPerSample = 16;
+    pcm.nSamplingRate = rate;
+    pcm.ePCMMode = OMX_AUDIO_PCMModeLinear;
+    pcm.eChannelMapping[0] = OMX_AUDIO_ChannelLF;
+    pcm.eChannelMapping[1] = OMX_AUDIO_ChannelRF;
+    check(self.component->SetParameter(self.component, OMX_IndexParamAudioPcm, &pcm),
+          "refuses the sampling rate");
+
+    uint32_t start = 1; // any record will do
+    set_vendor(self, INDEX_START, &start, "refuses to start");
+}
+
+static OMX_BUFFERHEADERTYPE *take_buffer(player &self, player_port port)
+{
+    const player_port other = port == PORT_VIDEO ? PORT_AUDIO : PORT_VIDEO;
+    await(self, "give its buffers back",
+          [&] { return !self.ports[port].free.empty() && all_returned(self.ports[other]); });
+    const std::lock_guard<std::mutex> guard(self.lock);
+    OMX_BUFFERHEADERTYPE *const buffer = self.ports[port].free.back();
+    self.ports[port].free.pop_back();
+    return buffer;
+}
+
+void player_send(player &self, player_port port, std::span<const uint8_t> bytes, int64_t time_us,
+                 uint32_t flags)
+{
+    OMX_BUFFERHEADERTYPE *const buffer = take_buffer(self, port);
+    if (bytes.size() > buffer->nAllocLen) {
+        const std::lock_guard<std::mutex> guard(self.lock);
+        self.ports[port].free.push_back(buffer);
+        throw failure(exit_code::unsupported,
+                      "a picture of " + std::to_string(bytes.size()) +
+                          " bytes is larger than the recorder's buffers of " +
+                          std::to_string(buffer->nAllocLen));
+    }
+    std::copy(bytes.begin(), bytes.end(), buffer->pBuffer);
+    buffer->nFilledLen = static_cast<OMX_U32>(bytes.size());
+    buffer->nOffset = 0;
+    buffer->nTimeStamp = time_us;
+    buffer->nFlags = flags;
+    const OMX_ERRORTYPE error = self.component->EmptyThisBuffer(self.component, buffer);
+    if (error != OMX_ErrorNone) {
+        const std::lock_guard<std::mutex> guard(self.lock);
+        self.ports[port].free.push_back(buffer);
+    }
+    check(error, "refuses a buffer");
+}
+
+std::optional<uint32_t> player_stopped(player &self)
+{
+    const std::lock_guard<std::mutex> guard(self.lock);
+    return self.stopped;
+}
+
+uint32_t player_stop(player &self)
+{
+    await(self, "give its buffers back", [&] {
+        return all_returned(self.ports[PORT_VIDEO]) && all_returned(self.ports[PORT_AUDIO]);
+    });
+    uint32_t stop = 1; // any record will do
+    set_vendor(self, INDEX_STOP, &stop, "refuses to stop");
+    await(self, "finish the file", [&] { return self.stopped.has_value(); });
+    return *player_stopped(self);
+}
+
+static void free_buffers(player &self)
+{
+    for (uint32_t port = 0; port < PORT_COUNT; port++) {
+        for (OMX_BUFFERHEADERTYPE *const buffer : self.ports[port].all) {
+            (void)self.component->FreeBuffer(self.component, port, buffer);
+        }
+        self.ports[port].all.clear();
+    }
+}
+
+static void leave_states(player &self)
+{
+    command_state(self, OMX_StateIdle);
+    await_state(self, OMX_StateIdle);
+    command_state(self, OMX_StateLoaded);
+    free_buffers(self);
+    await_state(self, OMX_StateLoaded);
+}
+
+void player_close(player_ptr self)
+{
+    leave_states(*self);
+    check(OMX_FreeHandle(std::exchange(self->component, nullptr)), "cannot be freed");
+}
+
+static bool can_leave_states(player &self)
+{
+    const std::lock_guard<std::mutex> guard(self.lock);
+    return self.state == OMX_StateExecuting && self.error == OMX_ErrorNone &&
+           all_returned(self.ports[PORT_VIDEO]) && all_returned(self.ports[PORT_AUDIO]);
+}
+
+void player_deleter::operator()(player *pPlayer) const
+{
+    if (pPlayer->component != nullptr) {
+        try {
+            if (can_leave_states(*pPlayer)) {
+                leave_states(*pPlayer);
+            }
+        } catch (const failure &) { // another failure is being reported; the handle takes the rest
+        }
+        (void)OMX_FreeHandle(pPlayer->component);
+    }
+    delete pPlayer;
+}

@@ -1,0 +1,78 @@
+// The OpenMAX IL client: takes the recorder's handle, walks it through its states, keeps a pool of
+// buffers for either port, and starts and stops the recording.
+#ifndef CLIENT_PLAYER_H
+#define CLIENT_PLAYER_H
+
+#include "platform/omx_il.h"
+
+#include <array>
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+// Why a recording ended, as the component reports it.
+enum stop_reason : uint32_t {
+    STOP_STORAGE = 0,
+    STOP_REQUEST = 1,
+    STOP_STORAGE_FULL = 2,
+    STOP_OPEN_FAILED = 4,
+    STOP_WRITE_FAILED = 5,
+    STOP_SIZE_LIMIT = 6,
+    STOP_DESTROYED = 7,
+};
+
+enum player_port : uint32_t { PORT_VIDEO = 0, PORT_AUDIO = 1, PORT_COUNT = 2 };
+
+struct player_buffers {
+    std::vector<OMX_BUFFERHEADERTYPE *> all;
+    std::vector<OMX_BUFFERHEADERTYPE *> free; // under the player's lock
+};
+
+// The component's threads only note here what happened; no call of OpenMAX IL is made under the
+// lock.
+struct player {
+    OMX_COMPONENTTYPE *component = nullptr;
+    OMX_CALLBACKTYPE callbacks = {};
+    std::array<player_buffers, PORT_COUNT> ports;
+    std::mutex lock; // guards the free lists and what follows
+    std::condition_variable changed;
+    OMX_STATETYPE state = OMX_StateLoaded; // the last one reached
+    OMX_ERRORTYPE error = OMX_ErrorNone;   // the first one reported
+    std::optional<uint32_t> stopped;       // the stop reason
+};
+
+// Ends what is still under way and frees the handle, in whatever state the player is.
+struct player_deleter {
+    void operator()(player *pPlayer) const;
+};
+using player_ptr = std::unique_ptr<player, player_deleter>;
+
+// Takes the handle and brings it to Executing, its buffers allocated. Between OMX_Init and
+// OMX_Deinit. throws `failure`.
+player_ptr player_open(void);
+
+// Starts a recording to the path, which has at most 127 characters. throws `failure`.
+void player_start(player &self, const std::string &path, unsigned rate);
+
+// Sends one buffer; waits until one is free and until everything sent to the other port has come
+// back, so that the component takes the programme in exactly this order.
+// throws `failure`, unsupported for more bytes than a buffer holds.
+void player_send(player &self, player_port port, std::span<const uint8_t> bytes, int64_t time_us,
+                 uint32_t flags);
+
+// The reason when the recording has ended, by whatever cause.
+std::optional<uint32_t> player_stopped(player &self);
+
+// Waits for all buffers, asks for the end unless it came by itself, and waits for it.
+// returns the stop reason. throws `failure`.
+uint32_t player_stop(player &self);
+
+// Back through Idle to Loaded; frees buffers and handle. throws `failure`.
+void player_close(player_ptr self);
+
+#endif

@@ -1,0 +1,301 @@
+#include "client/storage_root.h"
+
+#include "client/failure.h"
+
+#include "platform/host/host_control.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
+#include <filesystem>
+#include <sched.h>
+#include <sys/file.h>
+#include <sys/mount.h>
+#include <sys/sendfile.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+static constexpr char storage_mount[] = "/mnt/sdcard";
+static constexpr char card_name[] = "tflash";
+static constexpr char card_property[] = "qvr.sdcard.db.status";
+
+// The component's own files beside a recording, while it is under way.
+static constexpr const char *component_files[] = {"a_stco.tmp", "a_stsz.tmp", "v_stco.tmp",
+                                                  "v_stsz.tmp", "v_stss.tmp", "v_stts_dts.tmp"};
+
+static bool isolated; // this process has a mount namespace of its own
+
+[[noreturn]] static void fail(exit_code code, const std::string &what)
+{
+    throw failure(code, what + ": " + std::strerror(errno));
+}
+
+static bool write_file(const char *path, const std::string &text)
+{
+    const int file = open(path, O_WRONLY | O_CLOEXEC);
+    if (file < 0) {
+        return false;
+    }
+    const ssize_t written = write(file, text.data(), text.size());
+    close(file);
+    return written == static_cast<ssize_t>(text.size());
+}
+
+// In the new user namespace everyone keeps their numbers.
+static bool enter_user_namespace(void)
+{
+    const std::string uid = std::to_string(geteuid());
+    const std::string gid = std::to_string(getegid());
+    return unshare(CLONE_NEWUSER | CLONE_NEWNS) == 0 &&
+           write_file("/proc/self/setgroups", "deny") &&
+           write_file("/proc/self/uid_map", uid + " " + uid + " 1") &&
+           write_file("/proc/self/gid_map", gid + " " + gid + " 1");
+}
+
+void storage_isolate(void)
+{
+    isolated = (unshare(CLONE_NEWNS) == 0 || enter_user_namespace()) &&
+               mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+}
+
+storage_root::~storage_root()
+{
+    storage_discard(*this);
+    for (const int file : {directory, scratch}) {
+        if (file >= 0) {
+            close(file);
+        }
+    }
+}
+
+std::unique_ptr<storage_root> storage_open(const std::string &output, bool force)
+{
+    std::error_code missing;
+    const std::filesystem::path target = std::filesystem::canonical(output, missing);
+    const std::filesystem::path path = missing ? std::filesystem::path(output) : target;
+    std::unique_ptr<storage_root> root = std::make_unique<storage_root>();
+    root->name = path.filename();
+    root->force = force;
+    if (root->name.empty() || root->name == "." || root->name == "..") {
+        throw failure(exit_code::output, output + ": is not the name of a file");
+    }
+    const std::string directory = path.has_parent_path() ? path.parent_path().string() : ".";
+    root->directory = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (root->directory < 0) {
+        fail(exit_code::output, directory);
+    }
+    if (faccessat(root->directory, ".", W_OK | X_OK, AT_EACCESS) != 0) {
+        fail(exit_code::output, directory);
+    }
+    struct stat status = {};
+    if (fstatat(root->directory, root->name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0) {
+        if (!S_ISREG(status.st_mode) && !S_ISLNK(status.st_mode)) {
+            throw failure(exit_code::output, output + ": exists and is not a regular file");
+        }
+        if (!force) {
+            throw failure(exit_code::output, output + ": exists already (--force replaces it)");
+        }
+    }
+    return root;
+}
+
+static void make_scratch(storage_root &root)
+{
+    const std::string stem = ".tdmbrec-" + std::to_string(getpid());
+    std::string name = stem;
+    for (int number = 1; mkdirat(root.directory, name.c_str(), 0700) != 0; number++) {
+        if (errno != EEXIST || number > 100) {
+            fail(exit_code::output, "no scratch directory can be made beside the output");
+        }
+        name = stem + "-" + std::to_string(number);
+    }
+    root.scratch_name = name;
+    root.scratch = openat(root.directory, name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (root.scratch < 0) {
+        fail(exit_code::output, name);
+    }
+}
+
+// Puts the scratch directory at the component's storage path, for this process alone.
+static bool mount_scratch(const storage_root &root)
+{
+    struct stat status = {};
+    if (stat(storage_mount, &status) != 0 &&
+        (mount("tmpfs", "/mnt", "tmpfs", MS_NOSUID | MS_NODEV, "size=64k,mode=755") != 0 ||
+         mkdir(storage_mount, 0755) != 0)) {
+        return false;
+    }
+    const std::string scratch = "/proc/self/fd/" + std::to_string(root.scratch);
+    return mount(scratch.c_str(), storage_mount, nullptr, MS_BIND, nullptr) == 0;
+}
+
+static void use_storage_itself(storage_root &root)
+{
+    root.scratch = open(storage_mount, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (root.scratch < 0 || faccessat(root.scratch, ".", W_OK | X_OK, AT_EACCESS) != 0) {
+        throw failure(exit_code::storage,
+                      "the recorder needs /mnt/sdcard, and this system allows no private mount "
+                      "namespace to provide it; make it with\n"
+                      "    sudo mkdir -p /mnt/sdcard\n"
+                      "    sudo chown \"$(id -u)\" /mnt/sdcard");
+    }
+    if (flock(root.scratch, LOCK_EX | LOCK_NB) != 0) {
+        throw failure(exit_code::storage, "another recording is using /mnt/sdcard");
+    }
+    root.record_name = "tdmbrec-" + std::to_string(getpid()) + ".mp4";
+}
+
+void storage_provide(storage_root &root, bool card)
+{
+    if (isolated) {
+        make_scratch(root);
+        root.record_name = "recording.mp4";
+        if (!mount_scratch(root)) {
+            storage_discard(root);
+            close(root.scratch);
+            root.scratch = -1;
+        }
+    }
+    if (root.scratch < 0) {
+        use_storage_itself(root);
+    }
+    if (card) {
+        root.made_card = mkdirat(root.scratch, card_name, 0700) == 0;
+        if (!root.made_card && errno != EEXIST) {
+            fail(exit_code::storage, "the card cannot be provided");
+        }
+        root.record_name = std::string(card_name) + "/" + root.record_name;
+        host_set_property(card_property, "available");
+    }
+}
+
+std::string storage_component_path(const storage_root &root)
+{
+    return std::string(storage_mount) + "/" + root.record_name;
+}
+
+uint64_t storage_free_bytes(const storage_root &root)
+{
+    struct statvfs status = {};
+    return fstatvfs(root.scratch, &status) == 0 ? uint64_t{status.f_bavail} * status.f_frsize : 0;
+}
+
+uint64_t storage_recorded_bytes(const storage_root &root)
+{
+    struct stat status = {};
+    return fstatat(root.scratch, root.record_name.c_str(), &status, 0) == 0
+               ? static_cast<uint64_t>(status.st_size)
+               : 0;
+}
+
+int storage_open_recording(const storage_root &root)
+{
+    return openat(root.scratch, root.record_name.c_str(), O_RDONLY | O_CLOEXEC);
+}
+
+// Gives a complete file its name.
+static bool rename_to_place(const storage_root &root, int from, const std::string &from_name)
+{
+    const unsigned flags = root.force ? 0 : RENAME_NOREPLACE;
+    if (renameat2(from, from_name.c_str(), root.directory, root.name.c_str(), flags) == 0) {
+        return true;
+    }
+    return errno == EINVAL && // a file system without the flag
+           faccessat(root.directory, root.name.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) != 0 &&
+           renameat(from, from_name.c_str(), root.directory, root.name.c_str()) == 0;
+}
+
+static bool copy_bytes(int from, int to)
+{
+    ssize_t copied = 0;
+    do {
+        copied = sendfile(to, from, nullptr, 1 << 24);
+    } while (copied > 0 || (copied < 0 && errno == EINTR));
+    return copied == 0 && fsync(to) == 0;
+}
+
+// The way to another file system: a copy under another name that then takes its place.
+static bool copy_to_place(const storage_root &root, int recording)
+{
+    const std::string name = ".tdmbrec-" + std::to_string(getpid()) + ".mp4";
+    const int copy =
+        openat(root.directory, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    if (copy < 0) {
+        return false;
+    }
+    const bool placed = copy_bytes(recording, copy) && rename_to_place(root, root.directory, name);
+    const int error = errno;
+    close(copy);
+    if (!placed) {
+        unlinkat(root.directory, name.c_str(), 0);
+    }
+    errno = error;
+    return placed;
+}
+
+void storage_publish(storage_root &root)
+{
+    const int recording = storage_open_recording(root);
+    if (recording < 0) {
+        fail(exit_code::component, "the recorder component left no file");
+    }
+    bool placed = fsync(recording) == 0 && rename_to_place(root, root.scratch, root.record_name);
+    if (!placed && errno == EXDEV) {
+        placed = copy_to_place(root, recording);
+    }
+    const int error = errno;
+    close(recording);
+    if (placed) {
+        storage_discard(root);
+        return;
+    }
+    const std::string kept =
+        root.scratch_name.empty()
+            ? storage_component_path(root)
+            : root.scratch_name + "/" + root.record_name + " in the output's directory";
+    root.record_name.clear(); // the recording is worth more than tidiness
+    errno = error;
+    fail(exit_code::output,
+         "the recording cannot take the name " + root.name + " and stays as " + kept);
+}
+
+static void remove_entries(int directory)
+{
+    DIR *const entries = fdopendir(dup(directory));
+    if (entries == nullptr) {
+        return;
+    }
+    rewinddir(entries);
+    while (const dirent *const entry = readdir(entries)) {
+        unlinkat(directory, entry->d_name, 0);
+    }
+    closedir(entries);
+}
+
+void storage_discard(storage_root &root)
+{
+    if (root.scratch < 0 || root.record_name.empty()) {
+        return;
+    }
+    const bool on_card = root.record_name.find('/') != std::string::npos;
+    const int folder = on_card ? openat(root.scratch, card_name, O_RDONLY | O_DIRECTORY | O_CLOEXEC)
+                               : dup(root.scratch);
+    if (root.scratch_name.empty()) {
+        unlinkat(root.scratch, root.record_name.c_str(), 0);
+        for (const char *const name : component_files) {
+            unlinkat(folder, name, 0);
+        }
+    } else {
+        remove_entries(folder);
+    }
+    close(folder);
+    if (root.made_card) {
+        unlinkat(root.scratch, card_name, AT_REMOVEDIR);
+    }
+    if (!root.scratch_name.empty()) {
+        unlinkat(root.directory, root.scratch_name.c_str(), AT_REMOVEDIR);
+    }
+}

@@ -1,0 +1,93 @@
+#include "client/summary.h"
+
+#include <nlohmann/json.hpp>
+
+#include <array>
+#include <cmath>
+#include <cstdarg>
+#include <cstdio>
+
+__attribute__((format(printf, 1, 2))) static std::string print(const char *format, ...)
+{
+    std::array<char, 160> text = {};
+    std::va_list values;
+    va_start(values, format);
+    std::vsnprintf(text.data(), text.size(), format, values);
+    va_end(values);
+    return text.data();
+}
+
+std::string duration_text(double seconds)
+{
+    const long long tenths = std::llround(seconds * 10);
+    const long long minutes = tenths / 600;
+    if (minutes >= 60) {
+        return print("%lld:%02lld:%02lld.%lld", minutes / 60, minutes % 60, tenths / 10 % 60,
+                     tenths % 10);
+    }
+    return print("%lld:%02lld.%lld", minutes, tenths / 10 % 60, tenths % 10);
+}
+
+std::string size_text(uint64_t bytes)
+{
+    const double size = static_cast<double>(bytes);
+    if (bytes < 1'000'000) {
+        return print("%.0f kB", size / 1e3);
+    }
+    return bytes < 1'000'000'000 ? print("%.1f MB", size / 1e6) : print("%.2f GB", size / 1e9);
+}
+
+static double bit_rate(uint64_t bytes, double seconds)
+{
+    return seconds > 0 ? static_cast<double>(bytes) * 8 / seconds : 0;
+}
+
+static std::string track_text(const char *name, const track_summary &track, double seconds)
+{
+    return print("  %s  %llu frames, %.0f kbit/s\n", name,
+                 static_cast<unsigned long long>(track.frames),
+                 bit_rate(track.bytes, seconds) / 1000);
+}
+
+std::string summary_text(const recording_summary &summary)
+{
+    if (!summary.file) {
+        return "No file was made: " + summary.ended + ".\n";
+    }
+    const file_summary &file = *summary.file;
+    const double speed = summary.elapsed_s > 0 ? file.duration_s / summary.elapsed_s : 0;
+    return summary.output + ": " + duration_text(file.duration_s) + ", " + size_text(file.bytes) +
+           print(" (%llu bytes)\n", static_cast<unsigned long long>(file.bytes)) +
+           track_text("Video", file.video, file.duration_s) +
+           track_text("Audio", file.audio, file.duration_s) + "  Ended  " + summary.ended +
+           print("; took %.1f s, %.1f times real time\n", summary.elapsed_s, speed);
+}
+
+std::string summary_json(const recording_summary &summary)
+{
+    nlohmann::ordered_json json;
+    json["output"] = summary.file ? nlohmann::ordered_json(summary.output) : nullptr;
+    json["ended"] = summary.ended;
+    json["stop_reason"] =
+        summary.stop_reason ? nlohmann::ordered_json(*summary.stop_reason) : nullptr;
+    json["exit_status"] = summary.status;
+    if (!summary.error.empty()) {
+        json["error"] = summary.error;
+    }
+    if (summary.file) {
+        const file_summary &file = *summary.file;
+        const auto track = [&](const track_summary &of) {
+            return nlohmann::ordered_json{
+                {"frames", of.frames},
+                {"bytes", of.bytes},
+                {"bits_per_second", std::llround(bit_rate(of.bytes, file.duration_s))}};
+        };
+        json["duration_seconds"] = file.duration_s;
+        json["bytes"] = file.bytes;
+        json["video"] = track(file.video);
+        json["audio"] = track(file.audio);
+    }
+    json["elapsed_seconds"] = std::round(summary.elapsed_s * 1000) / 1000;
+    json["warnings"] = summary.remarks;
+    return json.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n";
+}

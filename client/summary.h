@@ -1,0 +1,30 @@
+// What is told at the end of a recording, as text and as data.
+#ifndef CLIENT_SUMMARY_H
+#define CLIENT_SUMMARY_H
+
+#include "client/finished_file.h"
+
+#include <optional>
+#include <string>
+#include <vector>
+
+struct recording_summary {
+    std::string output;
+    std::optional<file_summary> file; // nothing: no file was left
+    std::string ended;                // why, in words
+    std::optional<uint32_t> stop_reason;
+    std::string error; // what went wrong; empty when nothing did
+    std::vector<std::string> remarks;
+    int status = 0; // exit code
+    double elapsed_s = 0;
+};
+
+// A duration as 1:02:03.4, a size as 12.3 MB.
+std::string duration_text(double seconds);
+std::string size_text(uint64_t bytes);
+
+// The summary in a few lines, and as one JSON object; both end in a newline.
+std::string summary_text(const recording_summary &summary);
+std::string summary_json(const recording_summary &summary);
+
+#endif
