@@ -33,5 +33,10 @@ write_result_t write_frame(omx_tdmbrec_component_PrivateType *pPrivate, mp4_mux_
         log_write_error(pPrivate, result);
         return WRITE_FAILED;
     }
+    if (pFrame->m_iType == MUX_TYPE_AUDIO) {
+        pPrivate->bAudioWritten = 1;
+    } else {
+        pPrivate->bVideoWritten = 1;
+    }
     return estimated_bytes > LARGEST_FILE_BYTES ? WRITE_SIZE_LIMIT : WRITE_DONE;
 }

@@ -148,9 +148,29 @@ OMX_ERRORTYPE omx_tdmbrec_mp4_mux_Init(omx_tdmbrec_component_PrivateType *pPriva
     return result;
 }
 
+// The file announces a sound track whatever comes; with not one frame in it, common players refuse
+// the whole file. A recording without sound gets one frame of silence.
+static void complete_sound_track(omx_tdmbrec_component_PrivateType *pPrivate)
+{
+    // ISO/IEC 14496-3 channel_pair_element() with max_sfb 0 in both channels, then END.
+    static constexpr uint8_t SILENT_PAIR[] = {0x20, 0, 0, 0, 0, 0, 0x0E};
+    if (pPrivate->bVideoWritten == 0 || pPrivate->bAudioWritten != 0) {
+        return;
+    }
+    mp4_mux_putstream_t frame = {.m_pbyData = SILENT_PAIR,
+                                 .m_iDataSize = sizeof(SILENT_PAIR),
+                                 .m_iType = MUX_TYPE_AUDIO,
+                                 .m_uiTimeStamp = 0,
+                                 .m_uiTimeStamp2 = 0,
+                                 .m_uiFlags = MUX_FRAME_KEY};
+    // If this cannot be written, the close that follows reports it.
+    (void)QVR_MP4_MUX(MUX_PUTFRAME, &pPrivate->hMux, &frame, nullptr);
+}
+
 static OMX_ERRORTYPE close_session_locked(omx_tdmbrec_component_PrivateType *pPrivate)
 {
     OMX_ERRORTYPE result = OMX_ErrorNone;
+    complete_sound_track(pPrivate);
     if (QVR_MP4_MUX(MUX_CLOSE, &pPrivate->hMux, &pPrivate->stMuxCloseMem, nullptr) < 0) {
         fetch_mux_error(pPrivate);
         __android_log_print(ANDROID_LOG_ERROR, TDMBREC_LOG_TAG, "[Close:%d] Error:%s \n",
@@ -193,6 +213,8 @@ static void reset_recording_state(omx_tdmbrec_component_PrivateType *pPrivate)
     pPrivate->uiLastVideoPts = 0;
     pPrivate->uiBackupAudioPts = 0;
     pPrivate->uiBackupVideoPts = 0;
+    pPrivate->bAudioWritten = 0;
+    pPrivate->bVideoWritten = 0;
     pPrivate->bInBandParameterSets = 0;
     QVR_free(pPrivate->pucVideoFrame);
     pPrivate->pucVideoFrame = nullptr;

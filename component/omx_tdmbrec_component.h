@@ -162,6 +162,8 @@ typedef struct omx_tdmbrec_component_PrivateType {
 
     char szRecordingPath[TDMBREC_PATH_BYTES + 1]; // szOutFileName as the start found it, terminated
     uint8_t ucAudioPtsCount;                      // entries of the audio ring in use
+    uint8_t bAudioWritten;                        // the file has an audio frame
+    uint8_t bVideoWritten;                        // the file has a video frame
     uint8_t bInBandParameterSets; // the file carries its parameter sets in the access units
     uint8_t *pucVideoFrame;       // room for access units that grow, null until one does
     uint32_t uiVideoFrameSize;    // its bytes
