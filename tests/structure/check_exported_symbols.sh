@@ -1,0 +1,8 @@
+#!/bin/sh
+# check_exported_symbols.sh LIBRARY LIST: the symbols that the library defines for others are those
+# of the list, no more and no fewer.
+set -eu
+defined=$(mktemp)
+trap 'rm -f "$defined"' EXIT
+nm -D --defined-only "$1" | awk '{ print $3 }' | LC_ALL=C sort > "$defined"
+diff -u "$2" "$defined"

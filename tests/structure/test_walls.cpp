@@ -1,0 +1,90 @@
+// The walls between the subsystems: who may include what.
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <gtest/gtest.h>
+#include <regex>
+#include <string>
+#include <vector>
+
+namespace fs = std::filesystem;
+
+struct Include {
+    std::string file; // from the root
+    std::string target;
+    bool is_quoted;
+};
+
+static std::vector<Include> includes_below(const std::string &folder)
+{
+    const fs::path root = TDMBREC_SOURCE_DIR;
+    const std::regex pattern("^\\s*#\\s*include\\s*([\"<])([^\">]+)[\">]");
+    std::vector<Include> includes;
+    for (const auto &entry : fs::recursive_directory_iterator(root / folder)) {
+        if (entry.path().extension() != ".cpp" && entry.path().extension() != ".h") {
+            continue;
+        }
+        std::ifstream file(entry.path());
+        for (std::string line; std::getline(file, line);) {
+            std::smatch match;
+            if (std::regex_search(line, match, pattern)) {
+                includes.push_back({fs::relative(entry.path(), root).string(), match[2].str(),
+                                    match[1].str() == "\""});
+            }
+        }
+    }
+    return includes;
+}
+
+static void expect_includes(const std::string &folder,
+                            const std::function<bool(const Include &)> &is_allowed)
+{
+    const std::vector<Include> includes = includes_below(folder);
+    EXPECT_FALSE(includes.empty()) << folder;
+    for (const Include &include : includes) {
+        EXPECT_TRUE(is_allowed(include)) << include.file << " includes " << include.target;
+    }
+}
+
+static bool begins_with(const std::string &text, const std::string &start)
+{
+    return text.compare(0, start.size(), start) == 0;
+}
+
+TEST(Walls, TheEnginesIncludeThemselvesAndTheStandardLibraryOnly)
+{
+    for (const std::string engine : {"mp4mux", "aacenc"}) {
+        expect_includes(engine, [&](const Include &include) {
+            return include.is_quoted
+                       ? begins_with(include.target, engine + "/")
+                       : include.target.find('/') == std::string::npos &&
+                             include.target != "unistd.h" && include.target != "pthread.h";
+        });
+    }
+}
+
+TEST(Walls, TheComponentReachesTheEnginesByTheirPublicHeaders)
+{
+    expect_includes("component", [](const Include &include) {
+        return !include.is_quoted || begins_with(include.target, "component/") ||
+               (begins_with(include.target, "platform/") &&
+                !begins_with(include.target, "platform/host/")) ||
+               include.target == "mp4mux/mp4_mux.h" || include.target == "aacenc/aac_enc.h";
+    });
+}
+
+TEST(Walls, ThePlatformKnowsNothingOfItsUsers)
+{
+    expect_includes("platform", [](const Include &include) {
+        return !include.is_quoted || begins_with(include.target, "platform/");
+    });
+}
+
+TEST(Walls, TheClientKnowsTheStandardAndTheControlOfTheStandInOnly)
+{
+    expect_includes("client", [](const Include &include) {
+        return !include.is_quoted || begins_with(include.target, "client/") ||
+               include.target == "platform/omx_il.h" ||
+               include.target == "platform/host/host_control.h";
+    });
+}
