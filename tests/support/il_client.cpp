@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstring>
 #include <gtest/gtest.h>
 
 IlClient::IlClient(const Make &make, Release release)
@@ -143,7 +144,9 @@ OMX_BUFFERHEADERTYPE *IlClient::post(OMX_U32 port, std::span<const uint8_t> data
         }
         out_.push_back(header);
     }
-    std::copy(data.begin(), data.end(), header->pBuffer);
+    if (!data.empty()) {
+        memcpy(header->pBuffer, data.data(), data.size());
+    }
     header->nOffset = 0;
     header->nFilledLen = static_cast<OMX_U32>(data.size());
     header->nTimeStamp = ts_us;

@@ -1,0 +1,142 @@
+// Every way in which a recording ends, provoked for real; the file then plays.
+#include "platform/host/host_control.h"
+#include "tests/support/programme_player.h"
+#include "tests/support/recorder_test.h"
+
+#include <filesystem>
+#include <fstream>
+
+class StopReason : public RecorderTest {
+  protected:
+    // Sends IDR pictures of about `bytes` each, filled up with a filler data unit, until the
+    // recording ends or `most` are sent.
+    static void send_large_pictures(IlClient &client, size_t bytes, size_t most)
+    {
+        Bytes picture = sample_programme().access_units[0];
+        const Bytes start_of_filler{0, 0, 0, 1, 12};
+        picture.insert(picture.end(), start_of_filler.begin(), start_of_filler.end());
+        picture.resize(bytes, 0xFF);
+        picture.back() = 0x80;
+        send_time_base(client);
+        for (size_t i = 0; i < most && client.count(EVENT_END_OF_RECORDING) == 0; i++) {
+            client.send(0, picture, video_time_us(i));
+        }
+    }
+    static size_t video_samples(const box_reader::movie &movie)
+    {
+        const box_reader::track *const track = box_reader::find_track(movie, "vide");
+        return track == nullptr ? 0 : track->samples.size();
+    }
+    // Fills a storage up to `left` bytes.
+    static void fill(const std::string &path, uintmax_t left)
+    {
+        const uintmax_t room =
+            std::filesystem::space(std::filesystem::path(path).parent_path()).available;
+        std::ofstream file(path, std::ios::binary);
+        const std::string block(65536, 'x');
+        for (uintmax_t written = 0; written + left < room; written += block.size()) {
+            file.write(block.data(), static_cast<std::streamsize>(block.size()));
+        }
+    }
+};
+
+TEST_F(StopReason, Is0WhenTheCardGoes)
+{
+    use_card();
+    const auto client = start_recording(CARD_FILE);
+    send_programme(*client, 60);
+    host_set_property("qvr.sdcard.db.status", "removed");
+    send_programme(*client, 1, 60);
+    EXPECT_EQ(client->wait_for_end(), 0u);
+    client->to_loaded();
+    EXPECT_EQ(video_samples(expect_plays(CARD_FILE)), 60u);
+}
+
+TEST_F(StopReason, Is1WhenTheClientAsks)
+{
+    use_card();
+    const auto client = start_recording(CARD_FILE);
+    send_programme(*client, 45);
+    EXPECT_EQ(finish(*client), 1u);
+    EXPECT_EQ(video_samples(expect_plays(CARD_FILE)), 45u);
+}
+
+TEST_F(StopReason, Is2WhenTheCardIsFull)
+{
+    host_set_property("qvr.sdcard.db.status", "available"); // the card's own 64 MiB
+    const auto client = start_recording(CARD_FILE);
+    send_large_pictures(*client, 1000000, 100);
+    EXPECT_EQ(client->wait_for_end(), 2u);
+    EXPECT_TRUE(has_logged("card"));
+    client->to_loaded();
+    // 14 MiB were free above the limit of 50; what the cache holds back is seen late.
+    EXPECT_GE(video_samples(expect_plays(CARD_FILE)), 13u);
+    std::filesystem::remove(CARD_FILE);
+}
+
+TEST_F(StopReason, Is4WhenTheFileCannotBeOpened)
+{
+    std::filesystem::create_directory(BUILT_IN_FILE); // a folder has the file's name
+    const auto client = start_recording();
+    send_programme(*client, 2);
+    EXPECT_EQ(client->wait_for_end(), 4u);
+    client->to_loaded();
+    std::filesystem::remove(BUILT_IN_FILE);
+    const auto again = start_recording(); // the component is as good as new
+    send_programme(*again, 30);
+    EXPECT_EQ(finish(*again), 1u);
+    EXPECT_EQ(video_samples(expect_plays()), 30u);
+}
+
+TEST_F(StopReason, Is5WhenAWriteFails)
+{
+    use_card(); // says that there is room
+    const std::string filler = "/mnt/sdcard/tflash/filler";
+    fill(filler, 5000000);
+    // Before the file is finished, somebody makes room.
+    on_log = [&](const LogLine &line) {
+        if (line.text.find("Error:can't write file") != std::string::npos) {
+            std::filesystem::remove(filler);
+        }
+    };
+    const auto client = start_recording(CARD_FILE);
+    send_large_pictures(*client, 1000000, 20);
+    EXPECT_EQ(client->wait_for_end(), 5u);
+    client->to_loaded();
+    EXPECT_FALSE(std::filesystem::exists(filler));
+    EXPECT_TRUE(has_logged("[omx_tdmbrec_component_BufferMgmtCallback:829] -270511 [-270511] "
+                           "Error:can't write file(bs_write_bytes)<mp4_mux_putframe 0x"));
+    const size_t samples = video_samples(expect_plays(CARD_FILE));
+    EXPECT_GE(samples, 4u);
+    EXPECT_LE(samples, 6u);
+    std::filesystem::remove(CARD_FILE);
+}
+
+TEST_F(StopReason, Is6WhenTheFileWouldPassItsLimit)
+{
+    if (std::filesystem::space("/mnt/sdcard").available < 2000000000) {
+        GTEST_SKIP() << "no room for a file of 1.8 GB";
+    }
+    const auto client = start_recording();
+    send_large_pictures(*client, 1048000, 1800);
+    EXPECT_EQ(client->wait_for_end(), 6u);
+    client->to_loaded();
+    const uintmax_t size = std::filesystem::file_size(BUILT_IN_FILE);
+    EXPECT_GT(size, 1799000000u);
+    EXPECT_LT(size, 1802000000u);
+    const Bytes image = read_file(BUILT_IN_FILE);
+    const box_reader::movie movie = box_reader::read_movie(image);
+    EXPECT_EQ(movie.error, "");
+    EXPECT_EQ(video_samples(movie), 1718u);
+    std::filesystem::remove(BUILT_IN_FILE);
+}
+
+TEST_F(StopReason, Is7WhenTheComponentIsDestroyed)
+{
+    const auto client = start_recording();
+    send_programme(*client, 50);
+    client->to_loaded(); // with the recording still active
+    client->destroy();
+    EXPECT_EQ(client->wait_for_end(0), 7u);
+    EXPECT_EQ(video_samples(expect_plays()), 50u);
+}

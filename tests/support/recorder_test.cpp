@@ -1,0 +1,98 @@
+#include "tests/support/recorder_test.h"
+
+#include "platform/host/host_control.h"
+#include "tests/support/judges.h"
+
+#include <filesystem>
+
+void RecorderTest::SetUp()
+{
+    PlatformTest::SetUp();
+    std::filesystem::remove(BUILT_IN_FILE);
+    std::filesystem::remove(CARD_FILE);
+    ASSERT_EQ(OMX_Init(), OMX_ErrorNone);
+}
+
+void RecorderTest::TearDown()
+{
+    EXPECT_EQ(OMX_Deinit(), OMX_ErrorNone);
+    expect_no_scratch_files();
+    PlatformTest::TearDown();
+}
+
+std::unique_ptr<IlClient> RecorderTest::make_client()
+{
+    const auto make = [](OMX_CALLBACKTYPE *callbacks, void *app_data) {
+        char name[] = "OMX.qvr.tdmb.rec";
+        OMX_HANDLETYPE handle = nullptr;
+        EXPECT_EQ(OMX_GetHandle(&handle, name, app_data, callbacks), OMX_ErrorNone);
+        return static_cast<OMX_COMPONENTTYPE *>(handle);
+    };
+    const auto release = [](OMX_COMPONENTTYPE *handle) {
+        EXPECT_EQ(OMX_FreeHandle(handle), OMX_ErrorNone);
+    };
+    return std::make_unique<IlClient>(make, release);
+}
+
+std::unique_ptr<IlClient> RecorderTest::start_recording(const std::string &path)
+{
+    std::unique_ptr<IlClient> client = make_client();
+    client->to_executing();
+    EXPECT_EQ(client->set_path(path), OMX_ErrorNone);
+    EXPECT_EQ(client->start(), OMX_ErrorNone);
+    return client;
+}
+
+uint32_t RecorderTest::finish(IlClient &client)
+{
+    EXPECT_EQ(client.stop(), OMX_ErrorNone);
+    const uint32_t reason = client.wait_for_end().value_or(99);
+    client.to_loaded();
+    return reason;
+}
+
+void RecorderTest::use_card()
+{
+    host_set_property("qvr.sdcard.db.status", "available");
+    host_set_storage(1, 8000000, 4000000);
+}
+
+box_reader::movie RecorderTest::expect_plays(const std::string &path)
+{
+    const box_reader::movie movie = box_reader::read_movie(read_file(path));
+    EXPECT_EQ(movie.error, "");
+    if (has_ffmpeg()) {
+        EXPECT_EQ(complaints_of_ffmpeg(path), "");
+    }
+    return movie;
+}
+
+std::vector<Bytes> RecorderTest::nal_units_of(const Bytes &image, const box_reader::sample &sample)
+{
+    std::vector<Bytes> units;
+    size_t at = sample.offset;
+    const size_t end = at + sample.size;
+    while (at + 4 <= end) {
+        const size_t length = static_cast<size_t>(image[at]) << 24 | image[at + 1] << 16 |
+                              image[at + 2] << 8 | image[at + 3];
+        at += 4;
+        if (length > end - at) {
+            ADD_FAILURE() << "a NAL unit leaves its sample";
+            return units;
+        }
+        units.emplace_back(image.begin() + static_cast<ptrdiff_t>(at),
+                           image.begin() + static_cast<ptrdiff_t>(at + length));
+        at += length;
+    }
+    EXPECT_EQ(at, end);
+    return units;
+}
+
+void RecorderTest::expect_no_scratch_files()
+{
+    for (const char *const folder : {"/mnt/sdcard", "/mnt/sdcard/tflash"}) {
+        for (const auto &entry : std::filesystem::directory_iterator(folder)) {
+            EXPECT_NE(entry.path().extension(), ".tmp") << entry.path();
+        }
+    }
+}
