@@ -38,7 +38,7 @@ struct omx_base_port_PrivateType {
     tsem_t *pBufferSem;     // one count for every buffer in the queue
     uint32_t bBeingFlushed; // atomic; changes under the component's lockFlush
     // Gives a buffer back to the client through EmptyBufferDone; called by the buffer thread.
-    OMX_ERRORTYPE (*pfnReturnBuffer)
+    OMX_ERRORTYPE(*pfnReturnBuffer)
     (omx_base_port_PrivateType *pPort, OMX_BUFFERHEADERTYPE *pBuffer);
     struct omx_base_port_internal_t *pInternal;
 };
@@ -94,9 +94,9 @@ OMX_ERRORTYPE omx_base_sink_Destructor(OMX_COMPONENTTYPE *pComponent);
 
 // Prepare the port record at *ppPort (zero-filled, of the class's size) as an enabled port with the
 // given index; bInput nonzero for an input port. It has 4 buffers, which the client may change to 1
-// to QUEUE_CAPACITY; a buffer shorter than nBufferSize is refused. The component may change what the
-// port definition says until it is handed out.
-// returns OMX_ErrorNone, OMX_ErrorBadParameter, or OMX_ErrorInsufficientResources.
+// to QUEUE_CAPACITY; a buffer shorter than nBufferSize is refused. The component may change what
+// the port definition says until it is handed out. returns OMX_ErrorNone, OMX_ErrorBadParameter, or
+// OMX_ErrorInsufficientResources.
 OMX_ERRORTYPE base_video_port_Constructor(OMX_COMPONENTTYPE *pComponent,
                                           omx_base_port_PrivateType **ppPort, OMX_U32 uiPortIndex,
                                           OMX_BOOL bInput);

@@ -13,8 +13,7 @@
 constexpr char BUILT_IN_FILE[] = "/mnt/sdcard/recording.mp4";
 constexpr char CARD_FILE[] = "/mnt/sdcard/tflash/recording.mp4";
 
-class RecorderTest : public PlatformTest
-{
+class RecorderTest : public PlatformTest {
   protected:
     void SetUp() override;
     void TearDown() override;
