@@ -114,8 +114,8 @@ TEST_F(StopReason, Is5WhenAWriteFails)
 
 TEST_F(StopReason, Is6WhenTheFileWouldPassItsLimit)
 {
-    if (std::filesystem::space("/mnt/sdcard").available < 2000000000) {
-        GTEST_SKIP() << "no room for a file of 1.8 GB";
+    if (sizeof(void *) == 4 || std::filesystem::space("/mnt/sdcard").available < 2000000000) {
+        GTEST_SKIP() << "no room for a file of 1.8 GB, which is read whole";
     }
     const auto client = start_recording();
     send_large_pictures(*client, 1048000, 1800);
