@@ -1,13 +1,16 @@
 // The finished file, byte by byte and through an independent reader.
+#include "mp4mux/box_writer.h"
+#include "mp4mux/moov/sample_entry.h"
+#include "mp4mux/sample_entry_codes.h"
 #include "tests/support/box_reader.h"
 #include "tests/support/mux_callbacks.h"
 #include "tests/support/mux_recording.h"
+#include "tests/support/programme.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <fstream>
-#include <iterator>
 
 using namespace mux_test;
 using box_reader::find;
@@ -15,20 +18,7 @@ using box_reader::read_movie;
 
 namespace {
 
-class File : public testing::Test {
-  protected:
-    void SetUp() override
-    {
-        reset_world();
-    }
-    void TearDown() override
-    {
-        EXPECT_EQ(the_world().misuse, "");
-        EXPECT_TRUE(the_world().memory.empty()) << "leaked memory";
-        EXPECT_EQ(open_handles(), 0u);
-        EXPECT_EQ(the_world().files.size(), 1u) << "scratch files are left";
-    }
-};
+class File : public MuxTest {};
 
 // The beginning of both tracks' boxes is the same but for the track header.
 const char kTrackTail[] = "00010000 00000000 00000000 00000000 00010000 00000000"
@@ -114,6 +104,7 @@ std::vector<uint8_t> expected_movie()
 TEST_F(File, IsExactToTheByte)
 {
     recording r;
+    r.input.m_uiVideoFourCC = fourcc("H264"); // another name of "avc1"
     ASSERT_EQ(r.open(), 0);
     ASSERT_EQ(r.put(MUX_TYPE_VIDEO, bytes("000000017F"), 0, true), 0);
     ASSERT_EQ(r.put(MUX_TYPE_AUDIO, bytes("'abc'"), 2), 0);
@@ -165,32 +156,14 @@ TEST_F(File, GivesEveryFrameBack)
     ASSERT_EQ(put_programme(r, 100, 12), 0);
     const int64_t estimate = r.estimate;
     ASSERT_EQ(r.close(), 0);
-    const std::vector<uint8_t> file = r.file();
-    const box_reader::movie movie = read_movie(file);
-    ASSERT_EQ(movie.error, "");
+    EXPECT_EQ(check_samples(r), "");
+    const box_reader::movie movie = read_movie(r.file());
     // The estimate counts a 16-byte stss header and one run of durations for good measure.
-    EXPECT_NEAR(static_cast<double>(estimate), static_cast<double>(file.size()), 64);
+    EXPECT_NEAR(static_cast<double>(estimate), static_cast<double>(r.file().size()), 64);
     EXPECT_NE(find(movie.boxes, "moov/trak/mdia/minf/stbl/co64"), nullptr);
-
     const box_reader::track *video = box_reader::find_track(movie, "vide");
     const box_reader::track *audio = box_reader::find_track(movie, "soun");
-    ASSERT_EQ(video->samples.size(), 100u);
-    ASSERT_EQ(audio->samples.size(), 100u);
-    uint64_t offset = 36;
-    for (size_t i = 0; i < 100; i++) {
-        const box_reader::sample &v = video->samples[i];
-        const uint32_t size = static_cast<uint32_t>(40 + i * 13 % 90);
-        const uint64_t time_ms = i * 33 + i / 3;
-        EXPECT_EQ(v.offset, offset);
-        EXPECT_EQ(v.size, size);
-        EXPECT_EQ(v.sync, i % 12 == 0);
-        EXPECT_EQ(v.time, time_ms * 90);
-        EXPECT_EQ(file[v.offset], static_cast<uint8_t>(time_ms * 31 + size * 7));
-        offset += size;
-        EXPECT_EQ(audio->samples[i].offset, offset);
-        EXPECT_EQ(audio->samples[i].size, 20 + i * 7 % 30);
-        offset += audio->samples[i].size;
-    }
+    EXPECT_EQ(video->samples.size() + audio->samples.size(), 200u);
     EXPECT_EQ(video->avc.sps.at(0), kSps);
     EXPECT_EQ(video->avc.pps.at(0), kPps);
     EXPECT_EQ(audio->esds.specific_info, kAudioConfig);
@@ -297,155 +270,96 @@ TEST_F(File, NamesATrackWithoutFramesAsTheCallerDid)
     EXPECT_EQ(movie.next_track_id, 3u);
 }
 
-struct sound {
-    int32_t tag;
-    std::vector<uint8_t> config;
-    const char *type;
-    const char *child; // its bytes in full; null for an esds
-    uint32_t object_type;
-};
-
-TEST_F(File, ChoosesTheSoundsSampleEntryByItsTag)
+// The type and the codec-specific box of a track's sample entry.
+std::vector<uint8_t> sample_entry(int32_t type, uint32_t code, std::vector<uint8_t> config)
 {
-    const sound cases[] = {
-        {0x0001, {}, "NONE", "", 0},
-        {0x0001, {9, 8}, "NONE", "0000000A 'glbl' 0908", 0},
-        {0x0055, {}, "mp4a", nullptr, 0x6B},
-        {0x0057, {}, "samr", "00000011 'damr' 'ukwn' 00 81FF 00 01", 0},
-        {0x2000, {1, 2, 3, 4, 5, 6}, "mp4a", nullptr, 0xD3},
-        {0xCC00, {1, 2}, "sqcp", "0000000E 'dqcp' 'ukwn' 00 01", 0},
-        {0xCC00, bytes("'QLCM' 00"), "mp4a", nullptr, 0xE1},
-        {0xCC00, bytes("'EVRC' 00"), "sqcp", "0000000E 'dqcp' 'ukwn' 00 01", 0},
-        {0xCD01, bytes("'EVRC' 00"), "mp4a", nullptr, 0xA0},
-        {0xCD01, bytes("'EVRC'"), "secb", "0000000C 'glbl' 'EVRC'", 0},
-        {0xCD20, {}, "ssmv", "", 0},
-        {0x1234, {}, "mp4a", nullptr, 0x40},
-    };
-    for (const sound &c : cases) {
-        reset_world();
-        recording r(false, MUX_STREAM_AUDIO);
-        r.input.m_iAudioCodec = c.tag;
-        r.audio_private = c.config;
-        ASSERT_EQ(r.open(), 0);
-        ASSERT_EQ(r.audio(0, 10), 0);
-        ASSERT_EQ(r.close(), 0);
-        const std::vector<uint8_t> file = r.file();
-        const box_reader::movie movie = read_movie(file);
-        ASSERT_EQ(movie.error, "") << c.tag;
-        const box_reader::track &track = movie.tracks.at(0);
-        EXPECT_EQ(track.entry_type, c.type) << c.tag;
-        EXPECT_EQ(track.esds.object_type, c.object_type) << c.tag;
-        EXPECT_EQ(track.esds.specific_info, c.child == nullptr ? c.config : std::vector<uint8_t>{});
-        const std::vector<uint8_t> stsd =
-            payload(file, *find(movie.boxes, "moov/trak/mdia/minf/stbl/stsd"));
-        if (c.child != nullptr) {
-            EXPECT_EQ(std::vector<uint8_t>(stsd.begin() + 8 + 36, stsd.end()), bytes(c.child));
-        }
+    const mp4_mux_init_t callbacks = make_callbacks(true);
+    uint8_t cache[1000];
+    mp4_mux_t mux = {};
+    mux.m_stMem.m_pfnMemcpy = callbacks.m_pfnMemcpy;
+    mux.m_pBs = &mux.m_Bs;
+    mux.m_Bs.m_pstMux = &mux;
+    mp4_mux_open_bitstream_from_external_memory(mux.m_pBs, cache, sizeof(cache), nullptr);
+    mp4_mux_track_t track = {};
+    track.m_iType = type;
+    track.m_uiTrackID = 0x12345;
+    track.m_iCodec = static_cast<int32_t>(code);
+    track.m_uiFourCC = code;
+    track.m_pbyCodecPrivate = config.data();
+    track.m_iCodecPrivateSize = static_cast<int32_t>(config.size());
+    if (code != fourcc("ac-3")) {
+        type == MUX_TYPE_VIDEO ? assign_video_codes(&track) : assign_audio_codes(&track);
+    } else {
+        track.m_iCodec = AUDIO_TAG_AC3;
     }
+    const int32_t size =
+        type == MUX_TYPE_VIDEO ? write_video_box(&mux, &track) : write_audio_box(&mux, &track);
+    const size_t fixed = type == MUX_TYPE_VIDEO ? 86 : 36;
+    return size < 0 ? std::vector<uint8_t>{}
+                    : std::vector<uint8_t>(cache + 4, cache + 8) +
+                          std::vector<uint8_t>(cache + fixed, cache + size);
 }
 
-TEST_F(File, ChoosesThePicturesSampleEntryByItsCode)
+std::string esds(const char *sizes_and_type, const char *config)
 {
-    struct {
+    return "'esds' 00000000 03" + std::string(sizes_and_type).substr(0, 2) + "2345 00 04" +
+           std::string(sizes_and_type).substr(2) + "000000 00000000 00000000" + config + "060102";
+}
+
+TEST_F(File, ChoosesTheSampleEntryByTheCode)
+{
+    const struct {
+        int32_t type;
         uint32_t code;
-        std::vector<uint8_t> config;
-        const char *type;
-        const char *child;
-    } const cases[] = {
-        {0x34363248, annex_b_parameter_sets(), "avc1", nullptr}, // "H264"
-        {0x33363273, {}, "s263", "0000000F 'd263' 'ukwn' 00 0A 00"},
-        {0x5634504D,
-         {},
-         "mp4v",
-         "00000023 'esds' 00000000 03 15 0001 00 04 0D 20 11 000000 00000000 00000000 06 01 02"},
-        {0x58585858, {}, "xxxx", ""},
-        {0x58585858, {1, 2, 3}, "xxxx", "0000000B 'glbl' 010203"},
+        const char *config;
+        std::string entry;
+    } cases[] = {
+        {2, 0x0001, "", "'NONE'"},
+        {2, 0x0001, "0908", "'NONE' 0000000A 'glbl' 0908"},
+        {2, 0x0055, "", "'mp4a' 00000023" + esds("150D 6B 15", "")},
+        {2, 0x0057, "", "'samr' 00000011 'damr' 'ukwn' 00 81FF 00 01"},
+        {2, 0x2000, "010203", "'mp4a' 00000028" + esds("1A12 D3 15", "05 03 010203")},
+        {2, 0xCC00, "0102", "'sqcp' 0000000E 'dqcp' 'ukwn' 00 01"},
+        {2, 0xCC00, "'QLCM' 00", "'mp4a' 0000002A" + esds("1C14 E1 15", "05 05 'QLCM' 00")},
+        {2, 0xCC00, "'EVRC' 00", "'sqcp' 0000000E 'dqcp' 'ukwn' 00 01"},
+        {2, 0xCD01, "'EVRC' 00", "'mp4a' 0000002A" + esds("1C14 A0 15", "05 05 'EVRC' 00")},
+        {2, 0xCD01, "'EVRC'", "'secb' 0000000C 'glbl' 'EVRC'"},
+        {2, 0xCD20, "", "'ssmv'"},
+        {2, 0x1234, "", "'mp4a' 00000023" + esds("150D 40 15", "")},
+        {2, fourcc("ac-3"), "00000000 54 40 E1", "'ac-3' 0000000B 'dac3' 50 3D 40"},
+        {2, fourcc("ac-3"), "00000000 54 40", ""},
+        {1, fourcc("s263"), "", "'s263' 0000000F 'd263' 'ukwn' 00 0A 00"},
+        {1, fourcc("mp4v"), "", "'mp4v' 00000023" + esds("150D 20 11", "")},
+        {1, fourcc("xxxx"), "", "'xxxx'"},
+        {1, fourcc("xxxx"), "010203", "'xxxx' 0000000B 'glbl' 010203"},
+        {1, fourcc("avc1"), "01 42C01E FF E1", "'avc1' 00000008 'avcC'"},
     };
     for (const auto &c : cases) {
-        reset_world();
-        recording r(false, MUX_STREAM_VIDEO);
-        r.input.m_uiVideoFourCC = c.code;
-        r.video_private = c.config;
-        ASSERT_EQ(r.open(), 0);
-        ASSERT_EQ(r.video(0, 10), 0);
-        ASSERT_EQ(r.close(), 0);
-        const std::vector<uint8_t> file = r.file();
-        const box_reader::movie movie = read_movie(file);
-        ASSERT_EQ(movie.error, "") << c.type;
-        EXPECT_EQ(movie.tracks.at(0).entry_type, c.type);
-        const std::vector<uint8_t> stsd =
-            payload(file, *find(movie.boxes, "moov/trak/mdia/minf/stbl/stsd"));
-        if (c.child != nullptr) {
-            EXPECT_EQ(std::vector<uint8_t>(stsd.begin() + 8 + 86, stsd.end()), bytes(c.child));
-        }
+        EXPECT_EQ(sample_entry(c.type, c.code, bytes(c.config)), bytes(c.entry)) << c.entry;
     }
-}
-
-TEST_F(File, WritesLongDescriptorSizesInGroups)
-{
-    recording r(false, MUX_STREAM_AUDIO);
-    r.audio_private.assign(200, 0x5A);
-    ASSERT_EQ(r.open(), 0);
-    ASSERT_EQ(r.audio(0, 10), 0);
-    ASSERT_EQ(r.close(), 0);
-    const std::vector<uint8_t> file = r.file();
-    const box_reader::movie movie = read_movie(file);
-    ASSERT_EQ(movie.error, "");
-    EXPECT_EQ(movie.tracks.at(0).esds.specific_info, r.audio_private);
-    const std::vector<uint8_t> size_bytes = bytes("05 81 48 5A");
-    EXPECT_NE(std::search(file.begin(), file.end(), size_bytes.begin(), size_bytes.end()),
-              file.end());
-}
-
-// An Annex B stream with start codes of four bytes, taken apart.
-struct programme {
-    std::vector<uint8_t> config;              // what lies in front of the first picture
-    std::vector<std::vector<uint8_t>> frames; // one slice each, behind its length
-};
-
-programme read_programme()
-{
-    std::ifstream in(TDMBREC_SOURCE_DIR "/samples/programme.h264", std::ios::binary);
-    const std::vector<uint8_t> stream{std::istreambuf_iterator<char>(in), {}};
-    programme result;
-    const std::vector<uint8_t> start = {0, 0, 0, 1};
-    auto at = std::search(stream.begin(), stream.end(), start.begin(), start.end());
-    while (at != stream.end()) {
-        const auto begin = at + 4;
-        at = std::search(begin, stream.end(), start.begin(), start.end());
-        const std::vector<uint8_t> unit(begin, at);
-        if ((unit[0] & 0x1F) != 7 && (unit[0] & 0x1F) != 8) {
-            const uint8_t high = static_cast<uint8_t>(unit.size() >> 8);
-            result.frames.push_back(std::vector<uint8_t>{0, 0, high} +
-                                    std::vector{static_cast<uint8_t>(unit.size())} + unit);
-        } else if (result.frames.empty()) {
-            result.config = result.config + start + unit;
-        }
-    }
-    return result;
+    const std::vector<uint8_t> config(200, 0x5A); // sizes of two bytes
+    EXPECT_EQ(sample_entry(2, 0xAAC0, config),
+              bytes("'mp4a' 000000F0 'esds' 00000000 03 8161 2345 00 04 8158 40 15"
+                    "000000 00000000 00000000 05 8148") +
+                  config + bytes("060102"));
 }
 
 TEST_F(File, HoldsARealProgramme)
 {
-    const programme p = read_programme();
-    ASSERT_GT(p.frames.size(), 100u);
     recording r(false, MUX_STREAM_VIDEO);
-    r.video_private = p.config;
+    const std::vector<Bytes> &access_units = sample_programme().access_units;
+    r.video_private = access_units.at(0); // its parameter sets come first
     ASSERT_EQ(r.open(), 0);
-    for (uint32_t i = 0; i < p.frames.size(); i++) {
-        ASSERT_EQ(r.put(MUX_TYPE_VIDEO, p.frames[i], i * 1000 / 30, i % 30 == 0), 0);
+    for (uint32_t i = 0; i < access_units.size(); i++) {
+        const Bytes slice = split_nal_units(access_units[i]).back();
+        const uint8_t high = static_cast<uint8_t>(slice.size() >> 8);
+        const Bytes frame = Bytes{0, 0, high} + Bytes{static_cast<uint8_t>(slice.size())} + slice;
+        ASSERT_EQ(r.put(MUX_TYPE_VIDEO, frame, i * 1000 / 30, (slice[0] & 0x1F) == 5), 0);
     }
     ASSERT_EQ(r.close(), 0);
-    const std::vector<uint8_t> file = r.file();
-    const box_reader::movie movie = read_movie(file);
-    ASSERT_EQ(movie.error, "");
-    const box_reader::track &track = movie.tracks.at(0);
-    ASSERT_EQ(track.samples.size(), p.frames.size());
-    for (size_t i = 0; i < p.frames.size(); i++) {
-        const auto begin = file.begin() + static_cast<ptrdiff_t>(track.samples[i].offset);
-        EXPECT_EQ(std::vector<uint8_t>(begin, begin + track.samples[i].size), p.frames[i]);
-    }
+    EXPECT_EQ(check_samples(r), "");
     if (const char *path = std::getenv("MUX_TEST_OUTPUT")) { // to look at it with other readers
+        const std::vector<uint8_t> file = r.file();
         std::ofstream(path, std::ios::binary)
             .write(reinterpret_cast<const char *>(file.data()),
                    static_cast<std::streamsize>(file.size()));

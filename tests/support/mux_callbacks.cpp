@@ -23,34 +23,53 @@ void reset_world()
 
 uint32_t calls_of(call kind)
 {
-    return the_world().calls[static_cast<size_t>(kind)];
+    return the_world().calls[kind];
 }
 
-size_t open_handles()
-{
-    const auto &handles = the_world().handles;
-    return static_cast<size_t>(std::count_if(handles.begin(), handles.end(),
-                                             [](const auto &handle) { return handle->open; }));
-}
-
-static void note_misuse(const char *what)
+static void note_misuse(const std::string &what)
 {
     if (the_world().misuse.empty()) {
         the_world().misuse = what;
     }
 }
 
+std::string leftovers()
+{
+    const world &w = the_world();
+    for (const auto &handle : w.handles) {
+        if (handle->open) {
+            note_misuse("an open handle");
+        }
+    }
+    for (const auto &file : w.files) {
+        if (file.first != "out.mp4") {
+            note_misuse("the file " + file.first);
+        }
+    }
+    if (!w.memory.empty()) {
+        note_misuse("allocated memory");
+    }
+    return w.misuse;
+}
+
 static bool fails(call kind)
 {
     world &w = the_world();
-    const uint32_t number = ++w.calls[static_cast<size_t>(kind)];
+    const uint32_t number = ++w.calls[kind];
     return w.fail.at != 0 && w.fail.kind == kind &&
            (number == w.fail.at || (number > w.fail.at && w.fail.from_then_on));
 }
 
+static void forget(void *block)
+{
+    if (block != nullptr && the_world().memory.erase(block) == 0) {
+        note_misuse("free or realloc of a foreign block");
+    }
+}
+
 static void *count_malloc(size_t size)
 {
-    if (fails(call::malloc_fn)) {
+    if (fails(call::malloc)) {
         return nullptr;
     }
     void *block = std::malloc(size);
@@ -61,22 +80,16 @@ static void *count_malloc(size_t size)
 
 static void count_free(void *block)
 {
-    if (the_world().memory.erase(block) == 0) {
-        note_misuse("free of a foreign block");
-        return;
-    }
+    forget(block);
     std::free(block);
 }
 
 static void *count_realloc(void *block, size_t size)
 {
-    if (fails(call::realloc_fn)) {
+    if (fails(call::realloc)) {
         return nullptr;
     }
-    if (block != nullptr && the_world().memory.erase(block) == 0) {
-        note_misuse("realloc of a foreign block");
-        return nullptr;
-    }
+    forget(block);
     void *moved = std::realloc(block, size);
     the_world().memory.insert(moved);
     return moved;
@@ -86,11 +99,11 @@ static void *copy_unless_ghost(void *destination, const void *source, size_t cou
 {
     const world &w = the_world();
     const uint8_t *from = static_cast<const uint8_t *>(source);
+    const uint8_t *to = static_cast<const uint8_t *>(destination);
     if (w.ghost != nullptr && from >= w.ghost && from < w.ghost + w.ghost_bytes) {
         return destination;
     }
-    const uint8_t *to = static_cast<const uint8_t *>(destination);
-    if ((to <= from && from < to + count) || (from <= to && to < from + count)) {
+    if (to < from + count && from < to + count) {
         note_misuse("memcpy of overlapping memory");
     }
     return std::memcpy(destination, source, count);
@@ -112,8 +125,7 @@ void *open_file(const std::string &name)
 {
     world &w = the_world();
     auto handle = std::make_unique<file_handle>();
-    handle->file = std::make_shared<memory_file>();
-    w.files[name] = handle->file;
+    handle->file = w.files[name] = std::make_shared<memory_file>();
     w.handles.push_back(std::move(handle));
     return w.handles.back().get();
 }
@@ -123,7 +135,7 @@ static void *memory_fopen(const char *name, const char *mode)
     if (std::strcmp(mode, "wb+") != 0) {
         note_misuse("a mode other than wb+");
     }
-    if (fails(call::fopen_fn)) {
+    if (fails(call::fopen)) {
         return nullptr;
     }
     the_world().opened.emplace_back(name);
@@ -132,7 +144,7 @@ static void *memory_fopen(const char *name, const char *mode)
 
 static int memory_fclose(void *handle)
 {
-    const bool failed = fails(call::fclose_fn);
+    const bool failed = fails(call::fclose);
     use(handle)->open = false; // as in C, a close that fails closes all the same
     return failed ? -1 : 0;
 }
@@ -140,16 +152,12 @@ static int memory_fclose(void *handle)
 static size_t memory_fread(void *buffer, size_t, size_t count, void *handle)
 {
     file_handle *from = use(handle);
-    if (fails(call::fread_fn)) {
-        return 0;
-    }
     const uint64_t left = from->file->size - std::min(from->position, from->file->size);
-    const size_t got = static_cast<size_t>(std::min<uint64_t>(count, left));
-    for (size_t i = 0; i < got; i++, from->position++) {
-        const auto page = from->file->pages.find(from->position / 4096);
-        static_cast<uint8_t *>(buffer)[i] =
-            page == from->file->pages.end() ? 0 : page->second[from->position % 4096];
+    const size_t got = fails(call::fread) ? 0 : std::min<uint64_t>(count, left);
+    if (got > 0) {
+        std::memcpy(buffer, &from->file->bytes[from->position], got);
     }
+    from->position += got;
     return got;
 }
 
@@ -157,30 +165,29 @@ static size_t memory_fwrite(const void *buffer, size_t, size_t count, void *hand
 {
     const world &w = the_world();
     file_handle *to = use(handle);
-    if (fails(call::fwrite_fn)) {
-        if (!w.fail.partial) {
-            return 0;
-        }
-        count /= 2;
+    memory_file &file = *to->file;
+    if (fails(call::fwrite)) {
+        count = w.fail.partial ? count / 2 : 0;
     }
-    const uint8_t *from = static_cast<const uint8_t *>(buffer);
-    if (to->position >= w.hole_begin && to->position + count <= w.hole_end) {
-        to->position += count;
-    } else {
-        for (size_t i = 0; i < count; i++, to->position++) {
-            if (to->position < w.hole_begin || to->position >= w.hole_end) {
-                to->file->pages[to->position / 4096][to->position % 4096] = from[i];
+    if (to->position < w.hole_begin || to->position + count > w.hole_end) {
+        for (size_t i = 0; i < count; i++) {
+            const uint64_t at = to->position + i;
+            if (at < w.hole_begin || at >= w.hole_end) {
+                const size_t place = at < w.hole_end ? at : at - (w.hole_end - w.hole_begin);
+                file.bytes.resize(std::max(file.bytes.size(), place + 1));
+                file.bytes[place] = static_cast<const uint8_t *>(buffer)[i];
             }
         }
     }
-    to->file->size = std::max(to->file->size, to->position);
+    to->position += count;
+    file.size = std::max(file.size, to->position);
     return count;
 }
 
 static int memory_fseek64(void *handle, int64_t offset, int whence)
 {
     file_handle *moved = use(handle);
-    if (fails(call::fseek_fn) || offset < 0) {
+    if (fails(call::fseek) || offset < 0) {
         return -1;
     }
     moved->position = static_cast<uint64_t>(offset) + (whence == SEEK_END ? moved->file->size : 0);
@@ -195,40 +202,30 @@ static int memory_fseek(void *handle, int32_t offset, int whence)
 static int64_t memory_ftell64(void *handle)
 {
     const file_handle *asked = use(handle);
-    return fails(call::ftell_fn) ? -1 : static_cast<int64_t>(asked->position);
+    return fails(call::ftell) ? -1 : static_cast<int64_t>(asked->position);
 }
 
 static int32_t memory_ftell(void *handle)
 {
     const int64_t position = memory_ftell64(handle);
-    if (position > INT32_MAX) {
-        the_world().files_over_32bit++;
-        return -1;
-    }
-    return static_cast<int32_t>(position);
+    return position > INT32_MAX ? -1 : static_cast<int32_t>(position);
 }
 
 static int memory_remove(const char *name)
 {
-    world &w = the_world();
-    w.removed.emplace_back(name);
-    return w.files.erase(name) == 1 ? 0 : -1;
+    the_world().removed.emplace_back(name);
+    return the_world().files.erase(name) == 1 ? 0 : -1;
 }
 
-int32_t append_whole_file(void *destination, void *source, int32_t reserved)
+int32_t append_whole_file(void *destination, void *source, int32_t)
 {
     file_handle *to = use(destination);
     file_handle *from = use(source);
-    if (reserved != 0) {
-        note_misuse("a reserved argument that is not 0");
-    }
-    if (fails(call::append_fn) || to->position > to->file->size) {
+    if (fails(call::append) || to->position > to->file->size) {
         return -1;
     }
     const uint64_t gap = to->file->size - to->position;
-    std::vector<uint8_t> bytes(from->file->size);
-    from->position = 0;
-    memory_fread(bytes.data(), 1, bytes.size(), source);
+    const std::vector<uint8_t> bytes = from->file->bytes;
     to->position = to->file->size;
     if (memory_fwrite(bytes.data(), 1, bytes.size(), destination) != bytes.size()) {
         return -1;
@@ -257,19 +254,10 @@ mp4_mux_init_t make_callbacks(bool with_64bit)
     return init;
 }
 
-std::vector<uint8_t> read_file(const std::string &name, uint64_t from)
+std::vector<uint8_t> read_file(const std::string &name)
 {
     const auto found = the_world().files.find(name);
-    if (found == the_world().files.end()) {
-        return {};
-    }
-    const memory_file &file = *found->second;
-    std::vector<uint8_t> bytes(static_cast<size_t>(file.size - std::min(from, file.size)));
-    for (size_t i = 0; i < bytes.size(); i++) {
-        const auto page = file.pages.find((from + i) / 4096);
-        bytes[i] = page == file.pages.end() ? 0 : page->second[(from + i) % 4096];
-    }
-    return bytes;
+    return found == the_world().files.end() ? std::vector<uint8_t>{} : found->second->bytes;
 }
 
 } // namespace mux_test

@@ -5,7 +5,6 @@
 
 #include "mp4mux/mp4_mux.h"
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <map>
@@ -16,30 +15,18 @@
 
 namespace mux_test {
 
-enum class call {
-    malloc_fn,
-    realloc_fn,
-    fopen_fn,
-    fread_fn,
-    fseek_fn,
-    ftell_fn,
-    fclose_fn,
-    fwrite_fn,
-    append_fn,
-};
-inline constexpr size_t kCallKinds = 9;
-
 // Both the 32-bit and the 64-bit function of a name count as the same kind.
+enum class call { malloc, realloc, fopen, fread, fseek, ftell, fclose, fwrite, append };
+
 struct failure {
-    call kind = call::malloc_fn;
+    call kind = call::malloc;
     uint32_t at = 0; // the n-th call fails, counted from 1; 0 for none
     bool from_then_on = false;
     bool partial = false; // a write stores half of its bytes
 };
 
-// A file of sparse pages. What is written into the hole is dropped.
 struct memory_file {
-    std::map<uint64_t, std::array<uint8_t, 4096>> pages;
+    std::vector<uint8_t> bytes; // those in the hole left out
     uint64_t size = 0;
 };
 
@@ -53,16 +40,15 @@ struct world {
     std::map<std::string, std::shared_ptr<memory_file>> files;
     std::vector<std::unique_ptr<file_handle>> handles;
     std::set<void *> memory;
-    std::array<uint32_t, kCallKinds> calls{};
+    std::map<call, uint32_t> calls;
     failure fail;
     std::vector<std::string> removed;
     std::vector<std::string> opened;
-    uint64_t hole_begin = UINT64_MAX;
-    uint64_t hole_end = UINT64_MAX;
-    const uint8_t *ghost = nullptr; // memory that is never read: copies from it are skipped
+    uint64_t hole_begin = UINT64_MAX; // what is written from here ...
+    uint64_t hole_end = UINT64_MAX;   // ... to here is dropped
+    const uint8_t *ghost = nullptr;   // memory that is never read: copies from it are skipped
     size_t ghost_bytes = 0;
-    uint64_t files_over_32bit = 0; // 32-bit seeks and tells that could not be expressed
-    std::string misuse;            // the first forbidden call
+    std::string misuse; // the first forbidden call
 };
 
 world &the_world();
@@ -70,18 +56,20 @@ world &the_world();
 // Starts anew. Blocks that the last test leaked are freed.
 void reset_world();
 
-mp4_mux_init_t make_callbacks(bool with_64bit);
+// What was used wrongly or not given back; a file other than "out.mp4" counts. Empty when all is
+// well.
+std::string leftovers();
 
+mp4_mux_init_t make_callbacks(bool with_64bit);
 int32_t append_whole_file(void *destination, void *source, int32_t reserved);
 
 // An open handle on a new file.
 void *open_file(const std::string &name);
 
-// Bytes of a file from an offset on; empty when there is no such file.
-std::vector<uint8_t> read_file(const std::string &name, uint64_t from = 0);
+// A file's bytes; empty when there is no such file.
+std::vector<uint8_t> read_file(const std::string &name);
 
 uint32_t calls_of(call kind);
-size_t open_handles();
 
 } // namespace mux_test
 

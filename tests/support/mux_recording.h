@@ -4,12 +4,27 @@
 #define TESTS_SUPPORT_MUX_RECORDING_H
 
 #include "mp4mux/mp4_mux.h"
+#include "tests/support/mux_callbacks.h"
+
+#include <gtest/gtest.h>
 
 #include <cstdint>
 #include <string>
 #include <vector>
 
 namespace mux_test {
+
+class MuxTest : public testing::Test {
+  protected:
+    void SetUp() override
+    {
+        reset_world();
+    }
+    void TearDown() override
+    {
+        EXPECT_EQ(leftovers(), "");
+    }
+};
 
 // H.264 parameter sets and an AudioSpecificConfig (AAC LC, 48 kHz, stereo).
 extern const std::vector<uint8_t> kSps;
@@ -74,7 +89,7 @@ std::string check_samples(const recording &r);
 // Bytes from hexadecimal digits and texts in quotes: "00000008 'free'".
 std::vector<uint8_t> bytes(const std::string &notation);
 
-// Where two byte strings differ, with some bytes of both; empty when they are equal.
+// Where two byte strings differ; empty when they are equal.
 std::string difference(const std::vector<uint8_t> &a, const std::vector<uint8_t> &b);
 
 // Two tracks with frames of changing size and distance, a key frame every `gop`.
