@@ -52,6 +52,16 @@ struct cursor {
     }
 };
 
+bytes part(bytes image, uint64_t from, uint64_t count)
+{
+    return image.subspan(static_cast<size_t>(from), static_cast<size_t>(count));
+}
+
+bytes inside(bytes image, const box &found)
+{
+    return part(image, found.offset + found.header_bytes, found.size - found.header_bytes);
+}
+
 struct reader {
     bytes image;
     std::string error;
@@ -65,7 +75,7 @@ struct reader {
 
     cursor open(const box &found) const
     {
-        return {image.subspan(found.offset + found.header_bytes, found.size - found.header_bytes)};
+        return {inside(image, found)};
     }
 
     std::vector<box> read_boxes(uint64_t from, uint64_t end, bool top);
@@ -87,7 +97,7 @@ std::vector<box> reader::read_boxes(uint64_t from, uint64_t end, bool top)
 {
     std::vector<box> boxes;
     while (from < end) {
-        cursor in = {image.subspan(from, end - from)};
+        cursor in = {part(image, from, end - from)};
         box found;
         found.offset = from;
         found.size = in.u32();
@@ -283,7 +293,7 @@ void reader::read_samples(const box &stbl, track *result)
                 fail("stss names a sample that is not there");
                 return;
             }
-            result->samples[record[0] - 1].sync = true;
+            result->samples[static_cast<size_t>(record[0] - 1)].sync = true;
         }
     }
 }
@@ -338,9 +348,8 @@ const box *find(const std::vector<box> &boxes, const std::string &path)
 
 std::vector<uint8_t> payload(std::span<const uint8_t> image, const box &found)
 {
-    const auto inside =
-        image.subspan(found.offset + found.header_bytes, found.size - found.header_bytes);
-    return {inside.begin(), inside.end()};
+    const bytes content = inside(image, found);
+    return {content.begin(), content.end()};
 }
 
 const track *find_track(const movie &file, const std::string &handler)

@@ -152,11 +152,10 @@ static int memory_fclose(void *handle)
 static size_t memory_fread(void *buffer, size_t, size_t count, void *handle)
 {
     file_handle *from = use(handle);
-    const uint64_t left = from->file->size - std::min(from->position, from->file->size);
-    const size_t got = fails(call::fread) ? 0 : std::min<uint64_t>(count, left);
-    if (got > 0) {
-        std::memcpy(buffer, &from->file->bytes[from->position], got);
-    }
+    const std::vector<uint8_t> &bytes = from->file->bytes;
+    const size_t at = static_cast<size_t>(std::min<uint64_t>(from->position, bytes.size()));
+    const size_t got = fails(call::fread) ? 0 : std::min(count, bytes.size() - at);
+    std::copy_n(bytes.data() + at, got, static_cast<uint8_t *>(buffer));
     from->position += got;
     return got;
 }
@@ -173,7 +172,8 @@ static size_t memory_fwrite(const void *buffer, size_t, size_t count, void *hand
         for (size_t i = 0; i < count; i++) {
             const uint64_t at = to->position + i;
             if (at < w.hole_begin || at >= w.hole_end) {
-                const size_t place = at < w.hole_end ? at : at - (w.hole_end - w.hole_begin);
+                const size_t place =
+                    static_cast<size_t>(at < w.hole_end ? at : at - (w.hole_end - w.hole_begin));
                 file.bytes.resize(std::max(file.bytes.size(), place + 1));
                 file.bytes[place] = static_cast<const uint8_t *>(buffer)[i];
             }

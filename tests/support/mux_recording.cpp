@@ -222,7 +222,7 @@ int32_t put_programme(recording &r, uint32_t frames, uint32_t gop)
         if (result < 0) {
             return result;
         }
-        time_ms += i % 3 == 2 ? 34 : 33;
+        time_ms += i % 3 == 2 ? 34u : 33u;
     }
     return 0;
 }
