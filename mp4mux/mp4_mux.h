@@ -79,6 +79,10 @@ typedef void *(*mp4_mux_realloc_fn)(void *memory, size_t size);
 
 // File callbacks: the C library's functions of the same name on opaque handles, with offsets of a
 // fixed width. As there, a handle is gone after its close, also when the close reports a failure.
+//
+// The muxer has caches of its own and writes again what a write did not store. A buffer behind
+// m_pfnFwrite gains nothing, and what it loses after a write that succeeded is lost: leave files
+// unbuffered.
 typedef void *(*mp4_mux_fopen_fn)(const char *name, const char *mode);
 typedef size_t (*mp4_mux_fread_fn)(void *buffer, size_t size, size_t count, void *handle);
 typedef int (*mp4_mux_fseek_fn)(void *handle, int32_t offset, int whence);
@@ -126,7 +130,7 @@ typedef struct mp4_mux_init_t {
     int32_t m_iCacheSize;      // bytes of m_pCacheMem for the output file
     int32_t m_iVideoCacheSize; // bytes of it for the video tables; when this or the next is 0,
     int32_t m_iAudioCacheSize; // ... for the audio tables: all three are pooled and shared anew
-    const char *m_pszTempDir;  // directory of the scratch files, or null: the current one
+    const char *m_pszTempDir;  // directory of the scratch files; null or empty: the current one
     mp4_mux_append_file_fn m_pfnAppendFile; // may be null
 } mp4_mux_init_t;
 

@@ -1,5 +1,6 @@
 #include "mp4mux/mux_open.h"
 
+#include "mp4mux/bitstream_file.h"
 #include "mp4mux/file_head.h"
 #include "mp4mux/mux_util.h"
 #include "mp4mux/track.h"
@@ -164,8 +165,10 @@ static int32_t open_output(mp4_mux_t *mux)
     if (output == nullptr) {
         return fail(mux, MUX_ERR_OPEN, "can't open file");
     }
-    return mp4_mux_open_bitstream_from_external_memory(&mux->m_Bs, mux->m_pCache, mux->m_iCacheSize,
-                                                       output);
+    mp4_mux_open_bitstream_from_external_memory(&mux->m_Bs, mux->m_pCache, mux->m_iCacheSize,
+                                                output);
+    // A handle need not stand at the start of its file.
+    return mux->m_bOutputIsHandle != 0 ? bs_refresh(&mux->m_Bs, "can't tell the position") : 0;
 }
 
 // Lays the tracks' cache regions behind the output's: audio, then video.
