@@ -143,7 +143,8 @@ TEST_F(Bitstream, TellsFailuresOfFixedWidthWritersInTheRecordAlone)
     EXPECT_EQ(mp4_mux_bs_write_flush(&bs), MUX_ERR_WRITE);
     EXPECT_EQ(mp4_mux_bs_write_fseek_reset(&bs, 0), MUX_ERR_WRITE);
     EXPECT_STREQ(mux.m_stLastError.m_szMessage, "can't write file(bs_write_flush)");
-    the_world().fail = {};
+    the_world().fail = {call::fseek, calls_of(call::fseek) + 1, false, false};
+    EXPECT_EQ(mp4_mux_bs_write_flush(&bs), MUX_ERR_WRITE) << "the file could not go back";
     EXPECT_EQ(mp4_mux_bs_write_flush(&bs), 4) << "the cache kept its bytes";
     EXPECT_EQ(read_file("f"), bytes("00000000"));
 }
@@ -203,6 +204,11 @@ TEST_F(Bitstream, BehavesLikeAnArrayOfBytes)
         const int32_t got = mp4_mux_bs_read_bytes(&bs, block, static_cast<int32_t>(count));
         ASSERT_EQ(got, at + count > model.size() ? MUX_ERR_EOF : static_cast<int32_t>(count));
         ASSERT_TRUE(got < 0 || std::memcmp(block, &model[at], count) == 0);
+        if (at + count + 4 <= model.size()) {
+            ASSERT_GT(mp4_mux_bs_ready_cache(&bs), 0);
+            ASSERT_EQ(mp4_mux_bs_show_bytes(&bs, block, 4), 4);
+            ASSERT_EQ(std::memcmp(block, &model[at + count], 4), 0);
+        }
     }
     EXPECT_EQ(read_file("f"), model);
 }

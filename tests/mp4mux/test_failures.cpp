@@ -59,7 +59,9 @@ const std::string kLongName(300, 'd');
 const uint8_t kByte = 0;
 const mp4_mux_userbox_t kEmptyBox = {1, nullptr, 1};
 const mp4_mux_userbox_t kHugeBox = {1, &kByte, 0x80000000};
+const uint32_t kBrand = 0;
 const mp4_mux_ftyp_t kEmptyFtyp = {{'i', 's', 'o', 'm'}, 0, nullptr, 1};
+const mp4_mux_ftyp_t kLongFtyp = {{'i', 's', 'o', 'm'}, 0, &kBrand, UINT32_MAX};
 
 void *refuse_to_open(const char *, const char *)
 {
@@ -103,6 +105,8 @@ TEST_F(Failures, OfTheOpenLeaveAHandleToAskAndClose)
          [](recording &r) { r.input.m_pstUserBox = &kHugeBox; }},
         {own, MUX_ERR_INVALID, "mp4_mux_ftyp_t's value is NULL<mux_open",
          [](recording &r) { r.input.m_pstFtyp = &kEmptyFtyp; }},
+        {own, MUX_ERR_INVALID, "mp4_mux_ftyp_t has too many brands<mux_open",
+         [](recording &r) { r.input.m_pstFtyp = &kLongFtyp; }},
     };
     const mp4_mux_userbox_t box = {1, &kByte, 1};
     for (const auto &c : cases) {

@@ -47,7 +47,8 @@ TEST_F(Tables, MakeTheSameFileWhateverTheMemory)
         EXPECT_THAT(the_world().opened, ElementsAre("out.mp4")) << "these tables fit their caches";
         for (const cache_layout layout : {cache_layout::own, cache_layout::recorder,
                                           cache_layout::pooled, cache_layout::tiny}) {
-            for (const int32_t close_memory : {0, 5, 5000, 60000, 1023999, 1024003, 0x300000}) {
+            for (const int32_t close_memory :
+                 {0, 5, 3608, 5000, 60000, 1023999, 1024003, 0x300000}) {
                 const variant v = {layout, close_memory, false};
                 EXPECT_EQ(difference(record(v, with_64bit, 900), reference), "")
                     << static_cast<int>(layout) << " " << close_memory;
