@@ -70,11 +70,13 @@ box_reader::movie RecorderTest::expect_plays(const std::string &path)
 std::vector<Bytes> RecorderTest::nal_units_of(const Bytes &image, const box_reader::sample &sample)
 {
     std::vector<Bytes> units;
-    size_t at = sample.offset;
+    size_t at = static_cast<size_t>(sample.offset);
     const size_t end = at + sample.size;
     while (at + 4 <= end) {
-        const size_t length = static_cast<size_t>(image[at]) << 24 | image[at + 1] << 16 |
-                              image[at + 2] << 8 | image[at + 3];
+        size_t length = 0;
+        for (size_t i = 0; i < 4; i++) {
+            length = length << 8 | image[at + i];
+        }
         at += 4;
         if (length > end - at) {
             ADD_FAILURE() << "a NAL unit leaves its sample";
