@@ -124,13 +124,11 @@ class LargeFiles : public Tables {
     {
         int32_t result = 0;
         for (uint32_t time_ms = 0; total > 0 && result == 0; time_ms += 1000) {
-            mp4_mux_putstream_t frame = {};
-            frame.m_pbyData = the_world().ghost;
-            frame.m_iDataSize = static_cast<int32_t>(std::min<uint64_t>(total, kGhostBytes));
-            frame.m_iType = MUX_TYPE_VIDEO;
-            frame.m_uiTimeStamp = time_ms;
+            const uint64_t size = std::min<uint64_t>(total, kGhostBytes);
+            mp4_mux_putstream_t frame = {
+                the_world().ghost, static_cast<int32_t>(size), MUX_TYPE_VIDEO, time_ms, 0, 0};
             result = QVR_MP4_MUX(MUX_PUTFRAME, &r.handle, &frame, nullptr);
-            total -= static_cast<uint32_t>(frame.m_iDataSize);
+            total -= size;
         }
         return result;
     }

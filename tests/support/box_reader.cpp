@@ -173,8 +173,7 @@ void reader::read_esds(const box &esds, track *result)
     cursor in = open(esds);
     in.u32();
     cursor es = descriptor(&in, 3, this);
-    result->esds.es_id = es.u16();
-    es.u8();
+    es.take(3);
     cursor config = descriptor(&es, 4, this);
     result->esds.object_type = config.u8();
     result->esds.stream_type = config.u8() >> 2;
@@ -203,10 +202,7 @@ void reader::read_sample_entry(const box &stsd, track *result)
     result->entry_type = in.text(4);
     in.take(8);
     if (result->handler == "vide") {
-        in.take(16);
-        result->entry_width = in.u16();
-        result->entry_height = in.u16();
-        in.take(50);
+        in.take(70);
     } else {
         in.take(16);
         result->sample_rate = in.u32() >> 16;
@@ -317,15 +313,11 @@ void reader::read_track(const box &trak, track *result)
     result->id = in.u32();
     in.u32();
     result->movie_duration = in.number(tkhd_width);
-    in.take(52);
-    result->width = in.u32() / 65536.0;
-    result->height = in.u32() / 65536.0;
     in = open(*mdhd);
     const size_t mdhd_width = (in.u32() >> 24) == 1 ? 8 : 4;
     in.take(2 * mdhd_width);
     result->timescale = in.u32();
     result->media_duration = in.number(mdhd_width);
-    result->language = in.u16();
     in = open(*hdlr);
     in.take(8);
     result->handler = in.text(4);
@@ -344,12 +336,6 @@ const box *find(const std::vector<box> &boxes, const std::string &path)
         }
     }
     return nullptr;
-}
-
-std::vector<uint8_t> payload(std::span<const uint8_t> image, const box &found)
-{
-    const bytes content = inside(image, found);
-    return {content.begin(), content.end()};
 }
 
 const track *find_track(const movie &file, const std::string &handler)

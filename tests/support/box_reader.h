@@ -36,7 +36,6 @@ struct avc_configuration {
 };
 
 struct stream_descriptors {
-    uint32_t es_id = 0;
     uint32_t object_type = 0;
     uint32_t stream_type = 0;
     std::vector<uint8_t> specific_info;
@@ -46,15 +45,10 @@ struct track {
     uint32_t id = 0;
     uint64_t creation_time = 0;
     uint64_t movie_duration = 0; // in ticks of the movie
-    double width = 0;
-    double height = 0;
     std::string handler;
     uint32_t timescale = 0;
     uint64_t media_duration = 0;
-    uint32_t language = 0;
     std::string entry_type;
-    uint32_t entry_width = 0;
-    uint32_t entry_height = 0;
     uint32_t sample_rate = 0;
     avc_configuration avc;
     stream_descriptors esds;
@@ -76,9 +70,6 @@ movie read_movie(std::span<const uint8_t> image);
 
 // The first box on a path such as "moov/trak/tkhd", or null.
 const box *find(const std::vector<box> &boxes, const std::string &path);
-
-// The bytes of a box without its header.
-std::vector<uint8_t> payload(std::span<const uint8_t> image, const box &found);
 
 const track *find_track(const movie &file, const std::string &handler);
 

@@ -22,28 +22,18 @@ std::vector<uint8_t> annex_b_parameter_sets()
     return std::vector<uint8_t>{0, 0, 0, 1} + kSps + std::vector<uint8_t>{0, 0, 0, 1} + kPps;
 }
 
+// clang-format off
 recording::recording(bool with_64bit, uint32_t flags)
-    : init(make_callbacks(with_64bit)), input{}, video_private(annex_b_parameter_sets()),
-      audio_private(kAudioConfig)
+    : init(make_callbacks(with_64bit)),
+      input{.m_iYear = 2009, .m_iMonth = 9, .m_iDay = 5, .m_iHour = 17, .m_iMinute = 5,
+            .m_iSecond = 18, .m_uiVideoTrackID = 77, .m_iVideoWidth = 320, .m_iVideoHeight = 240,
+            .m_uiVideoFourCC = 0x31637661, .m_uiAudioTrackID = 78, .m_iAudioSampleRate = 48000,
+            .m_iAudioBitsPerSample = 16, .m_iAudioChannels = 2, .m_iAudioCodec = 0xAAC0},
+      video_private(annex_b_parameter_sets()), audio_private(kAudioConfig)
+// clang-format on
 {
     init.m_uiStreamFlags = flags;
     init.m_pszTempDir = "/tmp/scratch";
-    input.m_iYear = 2009;
-    input.m_iMonth = 9;
-    input.m_iDay = 5;
-    input.m_iHour = 17;
-    input.m_iMinute = 5;
-    input.m_iSecond = 18;
-    input.m_uiVideoTrackID = 77;
-    input.m_iVideoWidth = 320;
-    input.m_iVideoHeight = 240;
-    input.m_iVideoFrameRate = 30000;
-    input.m_uiVideoFourCC = 0x31637661; // "avc1"
-    input.m_uiAudioTrackID = 78;
-    input.m_iAudioSampleRate = 48000;
-    input.m_iAudioBitsPerSample = 16;
-    input.m_iAudioChannels = 2;
-    input.m_iAudioCodec = 0xAAC0;
 }
 
 void recording::set_cache(cache_layout layout)
@@ -78,13 +68,9 @@ int32_t recording::open()
 
 int32_t recording::put(int32_t type, const std::vector<uint8_t> &bytes, uint32_t time_ms, bool key)
 {
-    mp4_mux_putstream_t frame = {};
-    frame.m_pbyData = bytes.data();
-    frame.m_iDataSize = static_cast<int32_t>(bytes.size());
-    frame.m_iType = type;
-    frame.m_uiTimeStamp = time_ms;
-    frame.m_uiTimeStamp2 = time_ms;
-    frame.m_uiFlags = key ? MUX_FRAME_KEY : 0;
+    const uint32_t flags = key ? MUX_FRAME_KEY : 0;
+    mp4_mux_putstream_t frame = {
+        bytes.data(), static_cast<int32_t>(bytes.size()), type, time_ms, time_ms, flags};
     const int32_t result = QVR_MP4_MUX(MUX_PUTFRAME, &handle, &frame, &estimate);
     frames.push_back({type, bytes, time_ms, key, result});
     return result;
