@@ -4,8 +4,6 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <random>
 
 #include <gtest/gtest.h>
@@ -35,7 +33,7 @@ static void counting_release(void *pointer)
 const AacEncCallbacks counting_callbacks = {
     .allocate = counting_allocate, .release = counting_release, .fill = std::memset};
 
-Encoder::Encoder(const EncoderOptions &chosen) : options(chosen)
+Encoder::Encoder(const EncoderOptions &options)
 {
     audio.sampleRate = options.sample_rate;
     audio.channels = options.channels;
@@ -115,16 +113,5 @@ std::vector<int16_t> render(const Signal &signal, int channels, int frames)
         for (int ch = 0; ch < channels; ch++)
             samples.push_back(static_cast<int16_t>(
                 std::clamp(std::lround(32768 * signal(ch, n)), -32768L, 32767L)));
-    return samples;
-}
-
-std::vector<int16_t> programme()
-{
-    std::ifstream file(TDMBREC_SOURCE_DIR "/samples/programme.wav", std::ios::binary);
-    const std::vector<char> bytes{std::istreambuf_iterator<char>(file), {}};
-    constexpr size_t kHeader = 44;
-    EXPECT_GT(bytes.size(), kHeader);
-    std::vector<int16_t> samples((std::max(bytes.size(), kHeader) - kHeader) / 2);
-    std::memcpy(samples.data(), bytes.data() + kHeader, samples.size() * 2);
     return samples;
 }

@@ -48,7 +48,6 @@ struct Encoder {
         return state()->tfState;
     }
 
-    EncoderOptions options;
     AacEncAudioInfo audio = {};
     AacEncStreamInfo stream = {};
     AacEncInitParams params = {};
@@ -69,8 +68,5 @@ Signal noise(uint32_t seed, double amplitude);
 
 // `frames` frames of interleaved samples, rounded and limited to 16 bits.
 std::vector<int16_t> render(const Signal &signal, int channels, int frames);
-
-// samples/programme.wav: 48000 Hz, interleaved stereo.
-std::vector<int16_t> programme();
 
 #endif // TESTS_AACENC_ENCODER_HARNESS_H

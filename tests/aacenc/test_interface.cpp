@@ -31,11 +31,10 @@ TEST(Interface, RefusesWhatItCannotEncode)
 TEST(Interface, AFailingAllocationLeavesNothingBehind)
 {
     ASSERT_EQ(open_result({}), AACENC_OK);
-    const int allocations = memory_counts.allocations;
-    EXPECT_EQ(allocations, 4); // handle, work block, two channel buffers
+    ASSERT_EQ(memory_counts.allocations, 4); // handle, work block, two channel buffers
     EXPECT_EQ(memory_counts.open, 0);
-    for (const bool all_after : {false, true}) {
-        for (int n = 1; n <= allocations; n++) {
+    for (int n = 1; n <= 4; n++) {
+        for (const bool all_after : {false, true}) {
             memory_counts = {.fail_at = n, .fail_all_after = all_after};
             const Encoder encoder(EncoderOptions{});
             EXPECT_EQ(encoder.opened, AACENC_ERR_MEMORY) << n;
@@ -57,18 +56,16 @@ TEST(Interface, MissingPointersAreErrors)
     EXPECT_EQ(QVR_AAC_ENC(1, &handle, nullptr, nullptr), AACENC_ERR_OPERATION);
     EXPECT_EQ(EncTfFrame(nullptr, nullptr, nullptr), -1);
 
-    AacEncAudioInfo audio = {.sampleRate = 48000, .channels = 1};
-    AacEncStreamInfo stream = {.bitRate = 64000};
-    AacEncCallbacks callbacks = counting_callbacks;
-    for (int missing = 0; missing < 4; missing++) {
-        callbacks.fill = missing == 0 ? nullptr : counting_callbacks.fill;
-        AacEncInitParams params = {
-            .audioInfo = missing == 1 ? nullptr : &audio,
-            .streamInfo = missing == 2 ? nullptr : &stream,
-            .callbacks = missing == 3 ? nullptr : &callbacks,
-        };
+    Encoder complete(EncoderOptions{});
+    AacEncCallbacks no_fill = counting_callbacks;
+    no_fill.fill = nullptr;
+    std::vector<AacEncInitParams> broken(4, complete.params);
+    broken[0].audioInfo = nullptr;
+    broken[1].streamInfo = nullptr;
+    broken[2].callbacks = nullptr;
+    broken[3].callbacks = &no_fill;
+    for (AacEncInitParams &params : broken)
         EXPECT_EQ(QVR_AAC_ENC(AACENC_OP_INIT, &handle, &params, nullptr), AACENC_ERR_INIT);
-    }
 }
 
 TEST(Interface, MissingInputOfAFrameIsAnError)
@@ -88,27 +85,21 @@ TEST(Interface, MissingInputOfAFrameIsAnError)
         EXPECT_EQ(encoder.tf()->frameCounter, 0U);
         EXPECT_FALSE(encoder.encode(pcm.data(), pcm.data() + 1024).empty());
         EXPECT_FALSE(encoder.encode(nullptr).empty()); // the frame before once more
+        encoder.audio.deinterleave = 1;                // with or without the buffers for it
+        EXPECT_EQ(encoder.encode(pcm.data()).empty(), deinterleave == 0);
     }
-    Encoder encoder(EncoderOptions{.deinterleave = 0});
-    encoder.audio.deinterleave = 1; // without the buffers for it
-    EXPECT_TRUE(encoder.encode(pcm.data()).empty());
 }
 
 TEST(Interface, InterleavedAndSeparateChannelsGiveTheSameStream)
 {
-    constexpr int kFrames = 6;
-    const std::vector<int16_t> pairs = render(sweep(kFrames * 1024), 2, kFrames);
+    const std::vector<int16_t> pairs = render(sweep(6 * 1024), 2, 6);
     Encoder interleaved(EncoderOptions{.deinterleave = 1});
     Encoder separate(EncoderOptions{.deinterleave = 0});
-    for (size_t frame = 0; frame < kFrames; frame++) {
-        const int16_t *pcm = pairs.data() + frame * 2048;
-        int16_t left[1024];
-        int16_t right[1024];
-        for (size_t i = 0; i < 1024; i++) {
-            left[i] = pcm[2 * i];
-            right[i] = pcm[2 * i + 1];
-        }
-        EXPECT_EQ(interleaved.encode(pcm), separate.encode(left, right));
+    for (size_t at = 0; at < pairs.size(); at += 2048) {
+        int16_t channels[2][1024];
+        for (size_t i = 0; i < 2048; i++)
+            channels[i % 2][i / 2] = pairs[at + i];
+        EXPECT_EQ(interleaved.encode(pairs.data() + at), separate.encode(channels[0], channels[1]));
     }
 }
 
@@ -118,36 +109,20 @@ TEST(Setup, DerivesBandwidthAndMeanBits)
     EXPECT_EQ(stereo.state()->meanBits, 2731);
     EXPECT_EQ(stereo.tf()->bwLines, 653);
     EXPECT_EQ(stereo.state()->bitsAvailable, 8184);
-    EXPECT_EQ(stereo.stream.samplesPerChannel, 1024);
     EXPECT_EQ(stereo.params.outputBufferBytes, 2048);
+    EXPECT_EQ(stereo.tf()->heapUsed, kWorkBlockNeed);
     // 64000 bit/s at 8000 Hz becomes 47000; 300000 at 48000 Hz becomes 287000
     Encoder slow(EncoderOptions{.sample_rate = 8000, .channels = 1, .bit_rate = 64000});
     EXPECT_EQ(slow.stream.sampleRate, 8000);
     EXPECT_EQ(slow.stream.channels, 1);
+    EXPECT_EQ(slow.stream.samplesPerChannel, 1024);
     EXPECT_EQ(slow.state()->meanBits, 6016);
     EXPECT_EQ(slow.tf()->bwLines, 3628 * 1024 / 4000);
-    Encoder fast(EncoderOptions{.bit_rate = 300000});
-    EXPECT_EQ(fast.state()->meanBits, 6123);
+    EXPECT_EQ(Encoder(EncoderOptions{.bit_rate = 300000}).state()->meanBits, 6123);
 
     const int32_t cases[][3] = {{29999, 22050, 2802},  {30000, 22050, 8000},  {45999, 44100, 5604},
                                 {61999, 48000, 12490}, {62000, 48000, 15306}, {75000, 48000, 16000},
                                 {64000, 96000, 0}};
     for (const auto &[bit_rate, sample_rate, bandwidth] : cases)
         EXPECT_EQ(AACENC_SetBandWidth(bit_rate, sample_rate), bandwidth);
-}
-
-TEST(Setup, TheHeapRoundsUpAndClears)
-{
-    Encoder encoder(EncoderOptions{});
-    AacEncHandle *handle = static_cast<AacEncHandle *>(encoder.handle);
-    EXPECT_EQ(encoder.tf()->heapUsed, kWorkBlockNeed);
-    ASSERT_EQ(AACEnc_Create(handle, handle->workBlock), 0);
-    EncTfState *tf = handle->state->tfState;
-    handle->workBlock[tf->heapUsed] = 1;
-    const uint32_t before = tf->heapUsed;
-    EXPECT_EQ(*static_cast<const uint8_t *>(AACEnc_malloc(12, tf)), 0);
-    EXPECT_EQ(tf->heapUsed - before, 16U);
-    (void)AACEnc_malloc(8192, tf);
-    EXPECT_EQ(tf->heapUsed - before, 16U + 8192 + sizeof(void *));
-    EXPECT_EQ(tf->heapNext, handle->workBlock + tf->heapUsed);
 }

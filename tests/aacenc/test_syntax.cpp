@@ -32,49 +32,6 @@ static std::string fields(std::string digits)
     return digits;
 }
 
-// A mono encoder whose records the tests fill. A writer is (bitstream, write) -> bits.
-struct Syntax : testing::Test {
-    Encoder encoder{EncoderOptions{.channels = 1, .bit_rate = 64000}};
-    EncTfState *tf = encoder.tf();
-    AacEncCoderInfo *coder = tf->coderInfo[0];
-
-    void set_books(const std::vector<int> &books)
-    {
-        tf->maxSfb = static_cast<int32_t>(books.size());
-        std::copy(books.begin(), books.end(), coder->codebook);
-    }
-
-    template <typename Writer>
-    void expect(Writer writer, const std::string &expected)
-    {
-        int32_t bits = 0;
-        EXPECT_EQ(written_bits([&](AacEncBitstream *bs) { bits = writer(bs, 1); }),
-                  fields(expected));
-        EXPECT_EQ(bits, static_cast<int32_t>(fields(expected).size()));
-        EXPECT_EQ(writer(nullptr, 0), bits); // counting
-    }
-
-    void expect_sections(const std::string &expected)
-    {
-        expect([&](AacEncBitstream *bs,
-                   int32_t write) { return sort_book_numbers(coder, bs, write, tf); },
-               expected);
-    }
-
-    void expect_scalefactors(const std::string &expected)
-    {
-        expect([&](AacEncBitstream *bs,
-                   int32_t write) { return write_scalefactor_bitstream(bs, write, coder, tf); },
-               expected);
-    }
-
-    void expect_tns(const std::string &expected)
-    {
-        expect([&](AacEncBitstream *bs, int32_t write) { return WriteTNSData(coder, bs, write); },
-               expected);
-    }
-};
-
 TEST(BitWriter, WritesEveryWidthAtEveryOffset)
 {
     for (int offset = 0; offset < 8; offset++) {
@@ -93,79 +50,11 @@ TEST(BitWriter, WritesEveryWidthAtEveryOffset)
 
 TEST(BitWriter, AlignsOnlyAPartlyUsedByte)
 {
-    uint8_t bytes[4] = {0xFF, 0xFF, 0xFF, 0xFF};
-    AacEncBitstream bitstream;
-    bitstream_start(&bitstream, bytes);
-    BsPutBit(&bitstream, 5, 3);
-    BsPutBit(&bitstream, 0x1ABC, 13);
-    EXPECT_EQ(bitstream.freeBits, 8);
-    AACENC_ByteAlign(&bitstream);
-    EXPECT_EQ(AACENC_BsBufferNumBit(&bitstream), 16);
-    BsPutBit(&bitstream, 1, 1);
-    AACENC_ByteAlign(&bitstream);
-    EXPECT_EQ(AACENC_BsBufferNumBit(&bitstream), 24);
-    EXPECT_EQ(std::vector<uint8_t>(bytes, bytes + 4), (std::vector<uint8_t>{0xBA, 0xBC, 0x80, 0}));
+    EXPECT_EQ(written_bits(AACENC_ByteAlign, 16), "");
+    EXPECT_EQ(written_bits(AACENC_ByteAlign, 17), "0000000");
 }
 
-TEST_F(Syntax, SectionsAreTheLongestRuns)
-{
-    set_books(std::vector<int>(31, 11));
-    expect_sections("1011 11111 00000");
-    set_books(std::vector<int>(32, 1));
-    expect_sections("0001 11111 00001");
-    set_books({0, 0, 13, 5, 5, 5, 0});
-    expect_sections("0000 00010 1101 00001 0101 00011 0000 00001");
-}
-
-TEST_F(Syntax, ScalefactorsAndNoiseEnergiesAreDifferences)
-{
-    coder->globalGain = 150;
-    std::fill_n(coder->scalefactor, 4, 150);
-    set_books({1, 0, 11, 3});
-    expect_scalefactors("0 0 0");
-    coder->scalefactor[2] = 149; // down and up by one
-    expect_scalefactors("0 100 1010");
-    coder->scalefactor[2] = 150;
-    set_books({13, 5, 13, 13});
-    coder->noiseEnergy[0] = 40;
-    coder->noiseEnergy[2] = 41;
-    coder->noiseEnergy[3] = 41;
-    expect_scalefactors("010010010 0 1010 0"); // 40 - 150 + 256 = 146
-}
-
-TEST_F(Syntax, TnsDataHoldsOneFilter)
-{
-    AacEncTns *record = coder->tns;
-    expect_tns("0");
-    *record = {.active = 1, .nFilt = 0, .coefRes = 4};
-    expect_tns("1 00");
-    record->nFilt = 1;
-    record->filter = {.length = 33};
-    expect_tns("1 01 1 100001 00000");
-    record->filter = {.order = 3, .length = 33, .index = {0, -7, 0, 7}};
-    expect_tns("1 01 1 100001 00011 0 0 1001 0000 0111");
-}
-
-TEST_F(Syntax, CommonWindowSendsOneInfoAndTheMask)
-{
-    AacEncCoderInfo *second = tf->coderInfo[1];
-    tf->maxSfb = 2;
-    tf->windowGroups = 1;
-    coder->globalGain = 101;
-    second->globalGain = 102;
-    const AacEncMsInfo ms = {.msMaskPresent = 1, .msUsed = {1, 0}};
-    int32_t common = 1;
-    const auto cpe = [&](AacEncBitstream *bs, int32_t write) {
-        return WriteCPE(coder, second, 0, common, &ms, bs, write, tf);
-    };
-    const std::string info = "0 00 0 000010 0 ";
-    const std::string tail = "0000 00010 0 0 0 ";
-    expect(cpe, "001 0000 1" + info + "01 1 0 01100101" + tail + "01100110" + tail);
-    common = 0;
-    expect(cpe, "001 0000 0 01100101" + info + tail + "01100110" + info + tail);
-}
-
-TEST(FillElement, TakesAllButTheLastFewBits)
+TEST(BitWriter, FillElementsLeaveFewerThanSevenBits)
 {
     const auto fill = [](int32_t bits, int32_t rest) {
         return written_bits(
@@ -178,6 +67,88 @@ TEST(FillElement, TakesAllButTheLastFewBits)
     EXPECT_EQ(fill(127, 0), fields("110 1111 00000000") + zeros(14));
     EXPECT_EQ(fill(7 + 8 * 270 + 9, 2),
               fields("110 1111 11111111") + zeros(269) + fields("110 0000"));
+}
+
+// A mono encoder whose records the tests fill.
+struct Syntax : testing::Test {
+    Encoder encoder{EncoderOptions{.channels = 1, .bit_rate = 64000}};
+    EncTfState *tf = encoder.tf();
+    AacEncCoderInfo *coder = tf->coderInfo[0];
+
+    void set_books(const std::vector<int> &books)
+    {
+        tf->maxSfb = static_cast<int32_t>(books.size());
+        std::copy(books.begin(), books.end(), coder->codebook);
+    }
+};
+
+// Expects the bits of a call that has `bs` and `write` among its arguments; also counts them.
+#define EXPECT_BITS(call, expected)                                                                \
+    do {                                                                                           \
+        const auto writer = [&](AacEncBitstream *bs, int32_t write) { return call; };              \
+        int32_t bits = 0;                                                                          \
+        EXPECT_EQ(written_bits([&](AacEncBitstream *bs) { bits = writer(bs, 1); }),                \
+                  fields(expected));                                                               \
+        EXPECT_EQ(bits, static_cast<int32_t>(fields(expected).size()));                            \
+        EXPECT_EQ(writer(nullptr, 0), bits);                                                       \
+    } while (0)
+
+TEST_F(Syntax, SectionsAreTheLongestRuns)
+{
+    set_books(std::vector<int>(31, 11));
+    EXPECT_BITS(sort_book_numbers(coder, bs, write, tf), "1011 11111 00000");
+    set_books(std::vector<int>(32, 1));
+    EXPECT_BITS(sort_book_numbers(coder, bs, write, tf), "0001 11111 00001");
+    set_books({0, 0, 13, 5, 5, 5, 0});
+    EXPECT_BITS(sort_book_numbers(coder, bs, write, tf),
+                "0000 00010 1101 00001 0101 00011 0000 00001");
+}
+
+TEST_F(Syntax, ScalefactorsAndNoiseEnergiesAreDifferences)
+{
+    coder->globalGain = 150;
+    std::fill_n(coder->scalefactor, 4, 150);
+    set_books({1, 0, 11, 3});
+    EXPECT_BITS(write_scalefactor_bitstream(bs, write, coder, tf), "0 0 0");
+    coder->scalefactor[2] = 149; // down and up by one
+    EXPECT_BITS(write_scalefactor_bitstream(bs, write, coder, tf), "0 100 1010");
+    coder->scalefactor[2] = 271; // no codeword for 121
+    EXPECT_BITS(write_scalefactor_bitstream(bs, write, coder, tf), "0");
+    set_books({13, 5, 13, 13});
+    coder->noiseEnergy[0] = 40;
+    coder->noiseEnergy[2] = 41;
+    coder->noiseEnergy[3] = 41;
+    EXPECT_BITS(write_scalefactor_bitstream(bs, write, coder, tf),
+                "010010010 0 1010 0"); // 40 - 150 + 256 = 146
+}
+
+TEST_F(Syntax, TnsDataHoldsOneFilter)
+{
+    AacEncTns *record = coder->tns;
+    EXPECT_BITS(WriteTNSData(coder, bs, write), "0");
+    *record = {.active = 1, .nFilt = 0, .coefRes = 4};
+    EXPECT_BITS(WriteTNSData(coder, bs, write), "1 00");
+    record->nFilt = 1;
+    record->filter = {.length = 33};
+    EXPECT_BITS(WriteTNSData(coder, bs, write), "1 01 1 100001 00000");
+    record->filter = {.order = 3, .length = 33, .index = {0, -7, 0, 7}};
+    EXPECT_BITS(WriteTNSData(coder, bs, write), "1 01 1 100001 00011 0 0 1001 0000 0111");
+}
+
+TEST_F(Syntax, CommonWindowSendsOneInfoAndTheMask)
+{
+    AacEncCoderInfo *second = tf->coderInfo[1];
+    tf->maxSfb = 2;
+    tf->windowGroups = 1;
+    coder->globalGain = 101;
+    second->globalGain = 102;
+    const AacEncMsInfo ms = {.msMaskPresent = 1, .msUsed = {1, 0}};
+    const std::string info = "0 00 0 000010 0 ";
+    const std::string tail = "0000 00010 0 0 0 ";
+    EXPECT_BITS(WriteCPE(coder, second, 0, 1, &ms, bs, write, tf),
+                "001 0000 1" + info + "01 1 0 01100101" + tail + "01100110" + tail);
+    EXPECT_BITS(WriteCPE(coder, second, 0, 0, &ms, bs, write, tf),
+                "001 0000 0 01100101" + info + tail + "01100110" + info + tail);
 }
 
 TEST(Frame, SilenceIsOneEmptySection)

@@ -9,27 +9,16 @@
 #include <string>
 #include <vector>
 
-struct AacTnsData {
-    int length = 0;
-    int direction = 0;
-    std::vector<int> coefficients; // signed indices
-};
-
 struct AacChannel {
     int global_gain = 0;
-    int max_sfb = 0;
     std::vector<int> codebooks;    // of each band
     std::vector<int> scalefactors; // of each band; noise energy in a noise band, 0 in a zero band
     bool tns_present = false;
-    std::vector<AacTnsData> tns_filters;
     std::array<int, 1024> quantised = {};
 };
 
 struct AacFrame {
     int bits = 0; // up to the END element, its 3 bits included
-    bool pair = false;
-    bool common_window = false;
-    std::vector<bool> ms_used;
     std::vector<AacChannel> channels;
 };
 
@@ -47,9 +36,6 @@ std::string parse_raw_data_block(std::span<const uint8_t> bytes, int sampling_in
 
 // returns: what is wrong with the header; empty when nothing is
 std::string parse_adts_header(std::span<const uint8_t> bytes, AdtsHeader *header);
-
-// First lines of the bands of a long window, and 1024 at the end.
-std::vector<int> aac_band_offsets(int sampling_index);
 
 // Lines as a decoder reconstructs them, before TNS synthesis and without noise.
 std::vector<double> aac_dequantise(const AacChannel &channel, int sampling_index);
