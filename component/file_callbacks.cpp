@@ -19,6 +19,8 @@ void *QVR_FILE_fopen(const char *pszName, const char *pszMode)
     } else {
         __android_log_print(ANDROID_LOG_WARN, TDMBREC_LOG_TAG, "In %s : %s opened\n", __func__,
                             pszName);
+        // The muxer's cache is the buffer: a write that it is told of has to be on the card.
+        (void)setvbuf(hFile, nullptr, _IONBF, 0);
     }
     __android_log_print(ANDROID_LOG_WARN, TDMBREC_LOG_TAG, "In %s : File Handle[0x%08x]\n",
                         __func__, handle_word(hFile));
