@@ -3,7 +3,6 @@
 #include <fstream>
 #include <functional>
 #include <gtest/gtest.h>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -15,10 +14,20 @@ struct Include {
     bool is_quoted;
 };
 
+// The target of an include line, in its quotes or brackets; empty for any other line.
+static std::string include_target(const std::string &line)
+{
+    const size_t begin = line.find_first_of("\"<");
+    if (line.compare(0, 8, "#include") != 0 || begin == std::string::npos) {
+        return "";
+    }
+    const size_t end = line.find_first_of("\">", begin + 1);
+    return end == std::string::npos ? "" : line.substr(begin, end - begin);
+}
+
 static std::vector<Include> includes_below(const std::string &folder)
 {
     const fs::path root = TDMBREC_SOURCE_DIR;
-    const std::regex pattern("^\\s*#\\s*include\\s*([\"<])([^\">]+)[\">]");
     std::vector<Include> includes;
     for (const auto &entry : fs::recursive_directory_iterator(root / folder)) {
         if (entry.path().extension() != ".cpp" && entry.path().extension() != ".h") {
@@ -26,10 +35,10 @@ static std::vector<Include> includes_below(const std::string &folder)
         }
         std::ifstream file(entry.path());
         for (std::string line; std::getline(file, line);) {
-            std::smatch match;
-            if (std::regex_search(line, match, pattern)) {
-                includes.push_back({fs::relative(entry.path(), root).string(), match[2].str(),
-                                    match[1].str() == "\""});
+            const std::string target = include_target(line);
+            if (!target.empty()) {
+                includes.push_back({fs::relative(entry.path(), root).string(), target.substr(1),
+                                    target[0] == '"'});
             }
         }
     }
