@@ -18,7 +18,10 @@ inline constexpr int32_t kMaxFactorGain = 99; // gain of the smallest quantiser 
 // returns: a value of the power law, quantised with a factor in Q29; rounds up from 3/4
 [[nodiscard]] inline int32_t quantise_power(int32_t power, int32_t factor_q29)
 {
-    return static_cast<int32_t>((static_cast<int64_t>(power) * factor_q29 + (1 << 27)) >> 29);
+    // Neither is negative. An unsigned product is one that compilers vectorise.
+    const uint64_t product_q29 =
+        uint64_t{static_cast<uint32_t>(power)} * static_cast<uint32_t>(factor_q29);
+    return static_cast<int32_t>((product_q29 + (1 << 27)) >> 29);
 }
 
 // Quantises lines: `out` gets the quantised magnitudes with the signs of `spectrum`.
