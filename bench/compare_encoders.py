@@ -48,18 +48,21 @@ def align(original, decoded):
     return delay, numpy.sign(likeness[delay])
 
 
-def snr_db(original_path, coded_path, decoded_path):
+def measure(original_path, coded_path, decoded_path):
+    """The signal-to-noise ratio in dB, as decoded and with the level matched, and the delay."""
     subprocess.run(FFMPEG + ['-c:a', 'aac', '-i', coded_path, '-f', 's16le', decoded_path],
                    check=True)
     original = numpy.memmap(original_path, numpy.int16, 'r', 44).reshape(-1, 2)
     decoded = numpy.memmap(decoded_path, numpy.int16, 'r').reshape(-1, 2)
     delay, sign = align(original[:3 * RATE].astype(float), decoded[:3 * RATE].astype(float))
-    signal = noise = 0.0
+    xx = xy = yy = 0.0
     for at in range(LONGEST_DELAY, min(len(original), len(decoded) - delay) - RATE, RATE):
-        part = original[at:at + RATE].astype(float)
-        signal += numpy.sum(part ** 2)
-        noise += numpy.sum((part - sign * decoded[at + delay:at + delay + RATE]) ** 2)
-    return 10 * numpy.log10(signal / noise), delay
+        x = original[at:at + RATE].astype(float)
+        y = sign * decoded[at + delay:at + delay + RATE]
+        xx, xy, yy = xx + numpy.sum(x * x), xy + numpy.sum(x * y), yy + numpy.sum(y * y)
+    noise = xx - 2 * xy + yy
+    noise_of_matched = xx - xy * xy / yy
+    return 10 * numpy.log10(xx / noise), 10 * numpy.log10(xx / noise_of_matched), delay
 
 
 def main():
@@ -76,13 +79,13 @@ def main():
                                      '-b:a', str(BIT_RATE), coded],
         }
         print(f'{minutes:g} minutes, 48000 Hz, stereo, {BIT_RATE // 1000} kbit/s')
-        print('encoder      CPU time  x real time   kbit/s  SNR (dB)  delay')
+        print('encoder      CPU time  x real time   kbit/s  SNR (dB)  level matched  delay')
         for name, command in encoders.items():
             seconds = cpu_seconds(command)
             kilobits = os.path.getsize(coded) * 8 / (60 * minutes) / 1000
-            snr, delay = snr_db(pcm, coded, os.path.join(folder, 'decoded.pcm'))
+            snr, matched, delay = measure(pcm, coded, os.path.join(folder, 'decoded.pcm'))
             print(f'{name:12} {seconds:6.2f} s {60 * minutes / seconds:12.0f}'
-                  f' {kilobits:8.1f} {snr:9.2f} {delay:6}')
+                  f' {kilobits:8.1f} {snr:9.2f} {matched:14.2f} {delay:6}')
 
 
 main()
