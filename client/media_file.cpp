@@ -12,6 +12,7 @@
 // The forms that are read; others could make the demuxer open further files.
 static const char format_names[] = "h264,mpegts,mov,mp4,m4a,3gp,3g2,mj2,matroska,webm,wav";
 
+static constexpr char DEFAULT_FRAME_RATE[] = "30";
 static constexpr int IO_BUFFER_BYTES = 1 << 16;
 
 void packet_deleter::operator()(AVPacket *packet) const
@@ -104,7 +105,10 @@ static void open_format(media_file &file)
     file.format->pb = file.io;
     file.format->flags |= AVFMT_FLAG_CUSTOM_IO;
     file.format->format_whitelist = av_strdup(format_names);
-    int error = avformat_open_input(&file.format, file.path.c_str(), nullptr, nullptr);
+    AVDictionary *options = nullptr; // for raw H.264 that does not say it; the others ignore it
+    av_dict_set(&options, "framerate", DEFAULT_FRAME_RATE, 0);
+    int error = avformat_open_input(&file.format, file.path.c_str(), nullptr, &options);
+    av_dict_free(&options);
     if (error == 0) {
         error = avformat_find_stream_info(file.format, nullptr);
     }
@@ -142,6 +146,21 @@ bool media_file_is_raw(const media_file &file)
     return std::strcmp(file.format->iformat->name, "h264") == 0;
 }
 
+// At the end of the data: demuxers report what makes them stop early as an end, too.
+static void check_end(const media_file &file)
+{
+    if (file.io->error < 0 && file.io->error != AVERROR_EOF) {
+        throw failure(exit_code::input,
+                      file.path + ": breaks off (" + media_error_text(file.io->error) + ")");
+    }
+    const int entries = avformat_index_get_entries_count(file.stream);
+    const AVIndexEntry *const last = avformat_index_get_entry(file.stream, entries - 1);
+    if (last != nullptr && last->pos + last->size > file.size) {
+        throw failure(exit_code::input,
+                      file.path + ": breaks off (the file is shorter than its index says)");
+    }
+}
+
 packet_ptr media_file_read(media_file &file)
 {
     packet_ptr packet(av_packet_alloc());
@@ -151,11 +170,7 @@ packet_ptr media_file_read(media_file &file)
     for (;;) {
         const int error = av_read_frame(file.format, packet.get());
         if (error == AVERROR_EOF) {
-            // Demuxers report a failed read as an end.
-            if (file.io->error < 0 && file.io->error != AVERROR_EOF) {
-                throw failure(exit_code::input, file.path + ": breaks off (" +
-                                                    media_error_text(file.io->error) + ")");
-            }
+            check_end(file);
             return nullptr;
         }
         if (error < 0) {

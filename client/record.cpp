@@ -240,11 +240,10 @@ static void read_recording(session &self)
 static void finish(session &self)
 {
     terminal_show_progress("Finishing ...");
-    const bool ended_by_itself = player_stopped(*self.component).has_value();
     const uint32_t reason = player_stop(*self.component);
     self.summary.stop_reason = reason;
     player_close(std::move(self.component));
-    if (ended_by_itself) {
+    if (reason != STOP_REQUEST) {
         self.summary.ended = reason_text(reason);
         note_failure(self, failure(stop_code(reason), self.summary.ended));
     }

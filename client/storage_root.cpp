@@ -98,6 +98,8 @@ std::unique_ptr<storage_root> storage_open(const std::string &output, bool force
         if (!force) {
             throw failure(exit_code::output, output + ": exists already (--force replaces it)");
         }
+    } else if (errno != ENOENT) {
+        fail(exit_code::output, output);
     }
     return root;
 }
@@ -157,6 +159,7 @@ void storage_provide(storage_root &root, bool card)
             storage_discard(root);
             close(root.scratch);
             root.scratch = -1;
+            root.scratch_name.clear(); // what follows is the user's own folder
         }
     }
     if (root.scratch < 0) {
