@@ -3,6 +3,7 @@
 #include "platform/host/host_control.h"
 #include "tests/support/judges.h"
 
+#include <cstdlib>
 #include <filesystem>
 
 void RecorderTest::SetUp()
@@ -10,6 +11,9 @@ void RecorderTest::SetUp()
     PlatformTest::SetUp();
     std::filesystem::remove(BUILT_IN_FILE);
     std::filesystem::remove(CARD_FILE);
+#ifdef COMPONENT_FILE
+    setenv("TDMBREC_COMPONENT_PATH", COMPONENT_FILE, 1);
+#endif
     ASSERT_EQ(OMX_Init(), OMX_ErrorNone);
 }
 
