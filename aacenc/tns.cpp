@@ -8,7 +8,6 @@
 
 static constexpr int32_t kCoefRes = 4;
 static constexpr int32_t kOne_q29 = 1 << 29;
-static constexpr int32_t kOne_q28 = 1 << 28;
 static constexpr int32_t kSmallest_q29 = 53687091;   // 0.1: coefficients up to here count as zero
 static constexpr int32_t kGainThreshold_q14 = 22938; // 1.4
 
@@ -84,7 +83,7 @@ int32_t LevinsonDurbin_fixed(int32_t length, const int32_t *lines, int32_t *refl
     for (int64_t &lag : r)
         lag = static_cast<int64_t>(static_cast<uint64_t>(lag) << places) >> 33;
 
-    int32_t predictor_q28[kMaxTnsOrder + 1] = {kOne_q28};
+    int32_t predictor_q28[kMaxTnsOrder + 1] = {}; // [0], always 1.0, is not used
     int64_t error = r[0] | 1;
     for (int32_t m = 1; m <= kMaxTnsOrder; m++) {
         int64_t correlation = r[m]; // of the prediction error: |predictor| < 2^31, |r| < 2^30
