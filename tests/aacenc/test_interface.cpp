@@ -90,19 +90,6 @@ TEST(Interface, MissingInputOfAFrameIsAnError)
     }
 }
 
-TEST(Interface, InterleavedAndSeparateChannelsGiveTheSameStream)
-{
-    const std::vector<int16_t> pairs = render(sweep(6 * 1024), 2, 6);
-    Encoder interleaved(EncoderOptions{.deinterleave = 1});
-    Encoder separate(EncoderOptions{.deinterleave = 0});
-    for (size_t at = 0; at < pairs.size(); at += 2048) {
-        int16_t channels[2][1024];
-        for (size_t i = 0; i < 2048; i++)
-            channels[i % 2][i / 2] = pairs[at + i];
-        EXPECT_EQ(interleaved.encode(pairs.data() + at), separate.encode(channels[0], channels[1]));
-    }
-}
-
 TEST(Setup, DerivesBandwidthAndMeanBits)
 {
     Encoder stereo(EncoderOptions{});

@@ -118,18 +118,6 @@ TEST(Tns, QuantiserDecidesByTheThresholds)
     EXPECT_EQ(reflection[4], 533929876);
 }
 
-TEST(Tns, DirectFormThatLeavesItsFormatIsRefused)
-{
-    int32_t reflection[13];
-    int32_t direct[13];
-    std::fill_n(reflection, 13, 533929876);
-    EXPECT_EQ(StepUp_fixedVer(2, reflection, direct), 0);
-    EXPECT_EQ(direct[0], 1 << 29);
-    EXPECT_NEAR(direct[1] / 536870912.0, 0.99452 * 1.99452, 1e-4);
-    EXPECT_EQ(direct[2], reflection[2]);
-    EXPECT_EQ(StepUp_fixedVer(12, reflection, direct), -1);
-}
-
 // One channel of an encoder that has coded a frame of silence: its band offsets are there.
 struct Tools : testing::Test {
     Encoder encoder{EncoderOptions{.channels = 1, .bit_rate = 64000}};
