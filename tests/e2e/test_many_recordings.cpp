@@ -1,4 +1,6 @@
 // A thousand recordings in one process leave it as they found it.
+#include "platform/host/host_control.h"
+#include "tests/support/allocation_counter.h"
 #include "tests/support/programme_player.h"
 #include "tests/support/recorder_test.h"
 
@@ -33,7 +35,7 @@ static Footprint footprint()
 
 TEST_F(ManyRecordings, LeaveNoThreadFileOrMemoryBehind)
 {
-    on_log = nullptr;
+    host_set_log_level(8); // the test would keep every line
     const auto client = make_client();
     client->to_executing();
     client->set_path(BUILT_IN_FILE);
@@ -50,7 +52,9 @@ TEST_F(ManyRecordings, LeaveNoThreadFileOrMemoryBehind)
     const Footprint late = footprint();
     EXPECT_LE(late.threads, early.threads + 1) << "one stop thread may be ending";
     EXPECT_EQ(late.files, early.files);
-    EXPECT_LT(late.resident_kib, early.resident_kib + 4096) << "the client keeps its events";
+    if (can_count_allocations()) { // a sanitizer's own memory grows
+        EXPECT_LT(late.resident_kib, early.resident_kib + 1024) << "the client keeps its events";
+    }
     client->to_loaded();
     expect_plays();
 }
