@@ -3,54 +3,37 @@
 // buffers, or when asked. SCRIPT_FAIL names the call that fails: init, start, empty.
 #include "platform/omx_il.h"
 
-#include <cinttypes>
-#include <cstdio>
 #include <cstdlib>
-#include <cstring>
-
-static constexpr OMX_EVENTTYPE EVENT_ENDED = static_cast<OMX_EVENTTYPE>(0x7F000005);
+#include <fstream>
+#include <string>
 
 static OMX_CALLBACKTYPE callbacks;
 static OMX_PTR app_data;
-static long buffers_taken;
+static int buffers_taken;
 static bool recording;
 
-__attribute__((format(printf, 1, 2))) static void note(const char *format, ...)
-{
-    const char *const path = std::getenv("SCRIPT_LOG");
-    std::FILE *const log = path != nullptr ? std::fopen(path, "a") : nullptr;
-    if (log == nullptr) {
-        return;
-    }
-    __builtin_va_list values;
-    __builtin_va_start(values, format);
-    std::vfprintf(log, format, values);
-    __builtin_va_end(values);
-    std::fclose(log);
-}
-
-static bool fails(const char *call)
-{
-    const char *const failing = std::getenv("SCRIPT_FAIL");
-    return failing != nullptr && std::strcmp(failing, call) == 0;
-}
-
-static long script_number(const char *name)
+static std::string script(const char *name)
 {
     const char *const text = std::getenv(name);
-    return text != nullptr ? std::atol(text) : -1;
+    return text != nullptr ? text : "";
 }
 
-static void end_recording(OMX_HANDLETYPE component, uint32_t reason)
+static void note(const std::string &line)
+{
+    std::ofstream(script("SCRIPT_LOG"), std::ios::app) << line << '\n';
+}
+
+static void end_recording(OMX_HANDLETYPE component, OMX_U32 reason)
 {
     recording = false;
-    callbacks.EventHandler(component, app_data, EVENT_ENDED, 0, reason, nullptr);
+    callbacks.EventHandler(component, app_data, static_cast<OMX_EVENTTYPE>(0x7F000005), 0, reason,
+                           nullptr);
 }
 
 static OMX_ERRORTYPE send_command(OMX_HANDLETYPE component, OMX_COMMANDTYPE command,
                                   OMX_U32 parameter, OMX_PTR)
 {
-    note("state %u\n", parameter);
+    note("state " + std::to_string(parameter));
     return callbacks.EventHandler(component, app_data, OMX_EventCmdComplete, command, parameter,
                                   nullptr);
 }
@@ -65,31 +48,23 @@ static OMX_ERRORTYPE get_parameter(OMX_HANDLETYPE, OMX_INDEXTYPE, OMX_PTR record
 
 static OMX_ERRORTYPE set_parameter(OMX_HANDLETYPE component, OMX_INDEXTYPE index, OMX_PTR record)
 {
-    switch (static_cast<uint32_t>(index)) {
-    case OMX_IndexParamAudioPcm:
-        note("rate %u\n", static_cast<OMX_AUDIO_PARAM_PCMMODETYPE *>(record)->nSamplingRate);
-        break;
-    case 0x7F00002C: {
-        const char *const path = static_cast<const char *>(record);
-        bool padded = true;
-        for (size_t i = std::strlen(path); i < 128; i++) {
-            padded = padded && path[i] == '\0';
-        }
-        note("path %s%s\n", path, padded ? "" : " (not padded)");
-        break;
-    }
-    case 0x7F00002D:
-        note("start\n");
+    const OMX_U32 number = static_cast<OMX_U32>(index);
+    if (index == OMX_IndexParamAudioPcm) {
+        const auto &format = *static_cast<OMX_AUDIO_PARAM_PCMMODETYPE *>(record);
+        note("rate " + std::to_string(format.nSamplingRate));
+    } else if (number == 0x7F00002C) {
+        std::string path(static_cast<const char *>(record), 128);
+        path.erase(path.find_last_not_of('\0') + 1);
+        note("path " + path); // what is not padded with zeros shows
+    } else if (number == 0x7F00002D) {
+        note("start");
         recording = true;
-        return fails("start") ? OMX_ErrorUndefined : OMX_ErrorNone;
-    case 0x7F00002E:
-        note("stop\n");
+        return script("SCRIPT_FAIL") == "start" ? OMX_ErrorUndefined : OMX_ErrorNone;
+    } else if (number == 0x7F00002E) {
+        note("stop");
         if (recording) {
             end_recording(component, 1);
         }
-        break;
-    default:
-        break;
     }
     return OMX_ErrorNone;
 }
@@ -106,7 +81,7 @@ static OMX_ERRORTYPE allocate_buffer(OMX_HANDLETYPE, OMX_BUFFERHEADERTYPE **head
 
 static OMX_ERRORTYPE free_buffer(OMX_HANDLETYPE, OMX_U32, OMX_BUFFERHEADERTYPE *buffer)
 {
-    note("free\n");
+    note("free");
     delete[] buffer->pBuffer;
     delete buffer;
     return OMX_ErrorNone;
@@ -114,29 +89,17 @@ static OMX_ERRORTYPE free_buffer(OMX_HANDLETYPE, OMX_U32, OMX_BUFFERHEADERTYPE *
 
 static OMX_ERRORTYPE empty_buffer(OMX_HANDLETYPE component, OMX_BUFFERHEADERTYPE *buffer)
 {
-    if (fails("empty")) {
+    if (script("SCRIPT_FAIL") == "empty") {
         return OMX_ErrorUndefined;
     }
-    note("%s %" PRId64 " %u %02x%02x\n", buffer->nInputPortIndex == 0 ? "video" : "audio",
-         buffer->nTimeStamp, buffer->nFilledLen, buffer->pBuffer[0], buffer->pBuffer[4]);
-    if (recording && ++buffers_taken == script_number("SCRIPT_BUFFERS")) {
-        end_recording(component, static_cast<uint32_t>(script_number("SCRIPT_REASON")));
+    note((buffer->nInputPortIndex == 0 ? "video " : "audio ") + std::to_string(buffer->nTimeStamp) +
+         " " + std::to_string(buffer->nFilledLen) + " " + std::to_string(buffer->pBuffer[0]) + " " +
+         std::to_string(buffer->pBuffer[4]));
+    if (recording && std::to_string(++buffers_taken) == script("SCRIPT_BUFFERS")) {
+        end_recording(component, static_cast<OMX_U32>(std::stoi(script("SCRIPT_REASON"))));
     }
     buffer->nFilledLen = 0;
     return callbacks.EmptyBufferDone(component, app_data, buffer);
-}
-
-static OMX_ERRORTYPE set_callbacks(OMX_HANDLETYPE, OMX_CALLBACKTYPE *client, OMX_PTR client_data)
-{
-    callbacks = *client;
-    app_data = client_data;
-    return OMX_ErrorNone;
-}
-
-static OMX_ERRORTYPE de_init(OMX_HANDLETYPE)
-{
-    note("gone\n");
-    return OMX_ErrorNone;
 }
 
 extern "C" __attribute__((visibility("default"))) OMX_ERRORTYPE
@@ -150,7 +113,14 @@ omx_tdmbrec_component_Init(OMX_HANDLETYPE handle)
     component.AllocateBuffer = allocate_buffer;
     component.FreeBuffer = free_buffer;
     component.EmptyThisBuffer = empty_buffer;
-    component.SetCallbacks = set_callbacks;
-    component.ComponentDeInit = de_init;
-    return fails("init") ? OMX_ErrorInsufficientResources : OMX_ErrorNone;
+    component.SetCallbacks = [](OMX_HANDLETYPE, OMX_CALLBACKTYPE *client, OMX_PTR client_data) {
+        callbacks = *client;
+        app_data = client_data;
+        return OMX_ErrorNone;
+    };
+    component.ComponentDeInit = [](OMX_HANDLETYPE) {
+        note("gone");
+        return OMX_ErrorNone;
+    };
+    return script("SCRIPT_FAIL") == "init" ? OMX_ErrorInsufficientResources : OMX_ErrorNone;
 }

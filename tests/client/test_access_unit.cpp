@@ -5,6 +5,7 @@
 #include <random>
 
 using bytes = std::vector<uint8_t>;
+using enum unit_verdict;
 
 // Sets whose identifier is 0; slice headers that begin with first_mb_in_slice 0 and a P, I or B
 // slice_type.
@@ -15,167 +16,118 @@ static const bytes P_SLICE = {0x41, 0x9A, 0x02};
 static const bytes B_SLICE = {0x01, 0x9E, 0x02}; // slice_type 6
 static const bytes SEI = {0x06, 0x05, 0x01, 0x80};
 static const bytes DELIMITER = {0x09, 0xF0};
+static const bytes SECOND_PPS = {0x68, 0x4C, 0x8C};         // identifier 1
+static const bytes SECOND_SLICE = {0x65, 0x24, 0x44, 0x21}; // first_mb_in_slice 8
 
-static bytes join(std::initializer_list<bytes> parts)
+static bytes operator+(bytes left, const bytes &right)
+{
+    left.insert(left.end(), right.begin(), right.end());
+    return left;
+}
+
+static bytes units(std::initializer_list<bytes> nals, const bytes &start_code = {0, 0, 0, 1})
 {
     bytes all;
-    for (const bytes &part : parts) {
-        all.insert(all.end(), part.begin(), part.end());
+    for (const bytes &nal : nals) {
+        all = all + start_code + nal;
     }
     return all;
 }
 
-static bytes start4(const bytes &nal)
-{
-    return join({{0, 0, 0, 1}, nal});
-}
-
-static bytes start3(const bytes &nal)
-{
-    return join({{0, 0, 1}, nal});
-}
-
-static bytes length4(const bytes &nal)
-{
-    return join({{0, 0, 0, static_cast<uint8_t>(nal.size())}, nal});
-}
-
 static bytes avcc(uint8_t length_bytes)
 {
-    return join({{1, 0x42, 0xC0, 0x0D, static_cast<uint8_t>(0xFC | (length_bytes - 1)), 0xE1, 0, 6},
-                 SPS,
-                 {1, 0, 3},
-                 PPS});
+    const uint8_t coded = static_cast<uint8_t>(0xFC | (length_bytes - 1));
+    return bytes{1, 0x42, 0xC0, 0x0D, coded, 0xE1, 0, 6} + SPS + bytes{1, 0, 3} + PPS;
 }
 
-TEST(access_unit, drops_all_but_sets_and_slices_and_writes_long_start_codes)
+// Access units of one stream in turn, and what becomes of them.
+struct step {
+    bytes packet;
+    unit_verdict verdict;
+    bytes expected = {};
+};
+
+static void expect_stream(const bytes &configuration, std::initializer_list<step> steps)
 {
     access_unit_converter converter;
     access_unit unit;
-    const bytes packet = join({start4(DELIMITER),
-                               start3(SPS),
-                               start4(PPS),
-                               start3(SEI),
-                               start3(IDR),
-                               {0, 0},
-                               start3({0x0C, 0xFF, 0x80})});
-    ASSERT_EQ(access_unit_convert(converter, packet, unit), unit_verdict::ready);
-    EXPECT_EQ(unit.bytes, join({start4(SPS), start4(PPS), start4(IDR)}));
-    EXPECT_TRUE(unit.idr);
+    ASSERT_TRUE(access_unit_configure(converter, configuration));
+    for (const auto &[packet, verdict, expected] : steps) {
+        SCOPED_TRACE(testing::PrintToString(packet));
+        ASSERT_EQ(access_unit_convert(converter, packet, unit), verdict);
+        if (verdict == ready) {
+            EXPECT_EQ(unit.bytes, expected);
+            EXPECT_EQ(unit.idr, expected[4] == SPS[0]);
+            EXPECT_EQ(unit.bi_predicted, expected == units({B_SLICE}));
+        }
+    }
+}
 
-    // The sets stand in front of every IDR picture once, whether the stream repeats them or not.
-    ASSERT_EQ(access_unit_convert(converter, start4(P_SLICE), unit), unit_verdict::ready);
-    EXPECT_EQ(unit.bytes, start4(P_SLICE));
-    EXPECT_FALSE(unit.idr);
-    EXPECT_FALSE(unit.bi_predicted);
-    ASSERT_EQ(access_unit_convert(converter, start3(IDR), unit), unit_verdict::ready);
-    EXPECT_EQ(unit.bytes, join({start4(SPS), start4(PPS), start4(IDR)}));
-    const bytes doubled =
-        join({start4(SPS), start4(SPS), start4(PPS), start4(PPS), start4(PPS), start4(IDR)});
-    ASSERT_EQ(access_unit_convert(converter, doubled, unit), unit_verdict::ready);
-    EXPECT_EQ(unit.bytes, join({start4(SPS), start4(PPS), start4(IDR)}));
-    // Repeated in front of another picture they are left out.
-    ASSERT_EQ(access_unit_convert(converter, join({start4(SPS), start4(P_SLICE)}), unit),
-              unit_verdict::ready);
-    EXPECT_EQ(unit.bytes, start4(P_SLICE));
+TEST(access_unit, converts_start_codes_and_tells_what_cannot_be_recorded)
+{
+    const bytes whole = units({SPS, PPS, IDR});
+    const bytes both = units({SPS, PPS, SECOND_PPS, IDR, SECOND_SLICE});
+    const bytes mixed = units({DELIMITER}) + units({SPS}, {0, 0, 1}) + units({PPS}) +
+                        units({SEI, IDR}, {0, 0, 1}) + bytes{0, 0} + units({{0x0C, 0xFF, 0x80}});
+    // The sets stand in front of every IDR picture once, and of no other picture.
+    expect_stream({}, {{mixed, ready, whole},
+                       {units({P_SLICE}), ready, units({P_SLICE})},
+                       {units({B_SLICE}, {0, 0, 1}), ready, units({B_SLICE})},
+                       {units({IDR}, {0, 0, 1}), ready, whole},
+                       {units({SPS, SPS, PPS, PPS, PPS, IDR}), ready, whole},
+                       {units({SPS, P_SLICE}), ready, units({P_SLICE})},
+                       {units({{0x62, 0x88, 0x84}}), partitioned},
+                       {units({{0x68, 0xCA, 0x88}, IDR}), sets_changed}});
+    expect_stream({}, {{units({IDR}), no_sets},
+                       {units({SPS, IDR}), no_sets},
+                       {units({PPS, DELIMITER}), empty},
+                       {units({IDR}), ready, whole}});
+    // Without its first slice a picture is not whole.
+    expect_stream(units({PPS, SECOND_PPS, SPS}, {0, 0, 1}),
+                  {{units({IDR, SECOND_SLICE}), ready, both}, {units({SECOND_SLICE}), malformed}});
 }
 
 TEST(access_unit, takes_lengths_of_every_size_with_the_containers_sets)
 {
-    for (const uint8_t length_bytes : {uint8_t{1}, uint8_t{2}, uint8_t{4}}) {
-        access_unit_converter converter;
-        access_unit unit;
-        ASSERT_TRUE(access_unit_configure(converter, avcc(length_bytes)));
-        ASSERT_EQ(converter.length_bytes, length_bytes);
-        bytes packet;
-        for (const bytes &nal : {SEI, IDR}) {
-            packet.insert(packet.end(), length_bytes - 1u, 0);
-            packet.push_back(static_cast<uint8_t>(nal.size()));
-            packet.insert(packet.end(), nal.begin(), nal.end());
-        }
-        ASSERT_EQ(access_unit_convert(converter, packet, unit), unit_verdict::ready);
-        EXPECT_EQ(unit.bytes, join({start4(SPS), start4(PPS), start4(IDR)}));
+    for (const uint8_t size : {uint8_t{1}, uint8_t{2}, uint8_t{4}}) {
+        bytes length(size);
+        length.back() = 4; // of both units
+        expect_stream(avcc(size), {{units({SEI, IDR}, length), ready, units({SPS, PPS, IDR})}});
     }
 }
 
-TEST(access_unit, keeps_several_slices_and_several_picture_sets)
+TEST(access_unit, rejects_damage)
 {
+    const bytes with_start_codes[] = {
+        {0x65, 0x88, 0x84},          // no start code
+        units({{0xE5, 0x88, 0x84}}), // forbidden_zero_bit
+        units({bytes{0x65}}),        // no slice header
+        units({{0x65, 0x00, 0x00}}), // a slice header that does not end
+        units({{0x67, 0x42, 0xC0}}), // a sequence set that ends before its identifier
+        units({bytes{0x68}})};       // the same of a picture set
+    for (const bytes &packet : with_start_codes) {
+        expect_stream({}, {{packet, malformed}});
+    }
+    const bytes with_lengths[] = {
+        {0, 0, 0, 5, 0x65, 0x88, 0x84, 0x21},           // ends before its length says
+        {0, 0, 0},                                      // ends within a length
+        {0xFF, 0xFF, 0xFF, 0xFF, 0x65, 0x88},           // a length near 2^32
+        {0, 0, 0, 7, 0x65, 0x88, 0, 0, 1, 0x41, 0x9A}}; // a start code inside
+    for (const bytes &packet : with_lengths) {
+        expect_stream(avcc(4), {{packet, malformed}});
+    }
     access_unit_converter converter;
-    access_unit unit;
-    const bytes second_pps = {0x68, 0x4C, 0x8C};         // identifier 1
-    const bytes second_slice = {0x65, 0x24, 0x44, 0x21}; // first_mb_in_slice 8
-    ASSERT_TRUE(
-        access_unit_configure(converter, join({start3(PPS), start4(second_pps), start3(SPS)})));
-    ASSERT_EQ(access_unit_convert(converter, join({start4(IDR), start3(second_slice)}), unit),
-              unit_verdict::ready);
-    EXPECT_EQ(unit.bytes, join({start4(SPS), start4(PPS), start4(second_pps), start4(IDR),
-                                start4(second_slice)}));
-    // Without its first slice a picture is not whole.
-    EXPECT_EQ(access_unit_convert(converter, start4(second_slice), unit), unit_verdict::malformed);
-}
-
-TEST(access_unit, tells_what_cannot_be_recorded)
-{
-    access_unit_converter converter;
-    access_unit unit;
-    EXPECT_EQ(access_unit_convert(converter, start4(IDR), unit), unit_verdict::no_sets);
-    EXPECT_EQ(access_unit_convert(converter, join({start4(SPS), start4(IDR)}), unit),
-              unit_verdict::no_sets);
-    EXPECT_EQ(access_unit_convert(converter, join({start4(PPS), start4(DELIMITER)}), unit),
-              unit_verdict::empty);
-    ASSERT_EQ(access_unit_convert(converter, start4(IDR), unit), unit_verdict::ready);
-    ASSERT_EQ(access_unit_convert(converter, start4(B_SLICE), unit), unit_verdict::ready);
-    EXPECT_TRUE(unit.bi_predicted);
-    EXPECT_EQ(access_unit_convert(converter, start4({0x62, 0x88, 0x84}), unit),
-              unit_verdict::partitioned);
-    bytes other_pps = PPS;
-    other_pps.back() ^= 0x04;
-    EXPECT_EQ(access_unit_convert(converter, join({start4(other_pps), start4(IDR)}), unit),
-              unit_verdict::sets_changed);
-}
-
-TEST(access_unit, rejects_damaged_units)
-{
-    access_unit unit;
-    for (const bytes &packet : std::initializer_list<bytes>{
-             {0x65, 0x88, 0x84},         // no start code
-             start4({0xE5, 0x88, 0x84}), // forbidden_zero_bit
-             start4({0x65}),             // no slice header
-             start4({0x65, 0x00, 0x00}), // a slice header that does not end
-             start4({0x67, 0x42, 0xC0}), // a sequence set that ends before its identifier
-             start4({0x68})}) {
-        access_unit_converter converter;
-        EXPECT_EQ(access_unit_convert(converter, packet, unit), unit_verdict::malformed);
-    }
-    for (const bytes &packet : std::initializer_list<bytes>{
-             {0, 0, 0, 5, 0x65, 0x88, 0x84, 0x21},          // ends before its length says
-             {0, 0, 0},                                     // ends within a length
-             {0xFF, 0xFF, 0xFF, 0xFF, 0x65, 0x88},          // a length near 2^32
-             length4({0x65, 0x88, 0, 0, 1, 0x41, 0x9A})}) { // a start code inside
-        access_unit_converter converter;
-        ASSERT_TRUE(access_unit_configure(converter, avcc(4)));
-        EXPECT_EQ(access_unit_convert(converter, packet, unit), unit_verdict::malformed);
-    }
-}
-
-TEST(access_unit, rejects_every_shortened_configuration)
-{
+    EXPECT_FALSE(access_unit_configure(converter, bytes{2, 0, 0, 1, 0x67}));
     const bytes whole = avcc(4);
     for (size_t size = 1; size < whole.size(); size++) {
-        access_unit_converter converter;
-        EXPECT_FALSE(access_unit_configure(converter, {whole.data(), size})) << size;
+        EXPECT_FALSE(access_unit_configure(converter = {}, {whole.data(), size})) << size;
     }
-    access_unit_converter converter;
-    EXPECT_TRUE(access_unit_configure(converter, {}));
-    EXPECT_FALSE(access_unit_configure(converter, bytes{2, 0, 0, 1, 0x67}));
 }
 
 TEST(access_unit, survives_noise)
 {
     const char *const given = std::getenv("SEED");
-    const unsigned seed = given != nullptr ? static_cast<unsigned>(std::atoi(given)) : 1u;
-    std::mt19937 random(seed);
-    SCOPED_TRACE("SEED=" + std::to_string(seed));
+    std::mt19937 random(given != nullptr ? static_cast<unsigned>(std::atoi(given)) : 1u);
     // Few values, so that start codes, lengths and headers occur.
     const bytes alphabet = {0, 0, 0, 1, 3, 4, 0x65, 0x67, 0x68, 0x41, 0x80, 0xFF};
     for (int round = 0; round < 20000; round++) {
@@ -186,8 +138,8 @@ TEST(access_unit, survives_noise)
             byte = alphabet[random() % alphabet.size()];
         }
         if (access_unit_configure(converter, round % 2 == 0 ? packet : avcc(4)) &&
-            access_unit_convert(converter, packet, unit) == unit_verdict::ready) {
-            EXPECT_GE(unit.bytes.size(), 6u);
+            access_unit_convert(converter, packet, unit) == ready) {
+            ASSERT_GE(unit.bytes.size(), 6u);
             EXPECT_EQ(bytes(unit.bytes.begin(), unit.bytes.begin() + 4), (bytes{0, 0, 0, 1}));
         }
     }

@@ -1,107 +1,212 @@
-#include "tests/client/command_support.h"
+// Runs the command, and ffmpeg to make and to judge files.
+#include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
 
-#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
 #include <fstream>
-#include <sstream>
+#include <set>
+#include <string>
+#include <vector>
+#include <sys/wait.h>
 
-// What cannot run here is reported as skipped.
-#define SKIP_WITHOUT_STORAGE(result)                                                               \
-    if ((result).status == 6) {                                                                    \
-        GTEST_SKIP() << (result).err;                                                              \
-    }
-#define SKIP_WITHOUT_FFMPEG()                                                                      \
-    if (ffmpeg("-version").status != 0) {                                                          \
-        GTEST_SKIP() << "ffmpeg is not installed";                                                 \
-    }
+namespace fs = std::filesystem;
+using nlohmann::json;
+using name_set = std::set<std::string>;
+
+#define RECORD TDMBREC_COMMAND " record "
+#define SAMPLE "--video programme.h264 --audio programme.wav "
+#define SCRIPTED "TDMBREC_COMPONENT_PATH=" SCRIPTED_COMPONENT
+#define TIMED_SAMPLE "-fflags +genpts -r 30 -i programme.h264 "
+
+static const name_set SAMPLE_ALONE = {"programme.h264", "programme.wav"};
+
+struct command_result {
+    int status; // exit code, or 1000 plus the signal that killed it
+    std::string out;
+    std::string err;
+};
 
 static bool contains(const std::string &text, const std::string &part)
 {
     return text.find(part) != std::string::npos;
 }
 
-static std::vector<std::string> with(std::vector<std::string> names, const std::string &name)
+static std::string take_text(const std::string &path)
 {
-    names.push_back(name);
-    std::sort(names.begin(), names.end());
-    return names;
+    std::ifstream file(path, std::ios::binary);
+    fs::remove(path);
+    return std::string(std::istreambuf_iterator<char>(file), {});
 }
 
-TEST_F(command, answers_mistakes_with_its_own_code_and_touches_nothing)
+// Each test works in a directory of its own, which holds the sample as programme.h264 and .wav.
+class command : public testing::Test {
+  protected:
+    void SetUp() override
+    {
+        std::string place = (fs::temp_directory_path() / "tdmbrec-test-XXXXXX").string();
+        ASSERT_NE(mkdtemp(place.data()), nullptr);
+        directory = place;
+        for (const std::string &name : SAMPLE_ALONE) {
+            fs::copy_file(fs::path(TDMBREC_SOURCE_DIR) / "samples" / name, directory / name);
+        }
+    }
+
+    void TearDown() override
+    {
+        fs::remove_all(directory);
+    }
+
+    // Runs a shell command line in the directory. Words come from the tests alone.
+    command_result shell(const std::string &line)
+    {
+        const std::string place = directory.string() + "-";
+        const std::string whole = "cd '" + directory.string() + "' && { " + line + "\n} >'" +
+                                  place + "out' 2>'" + place + "err' </dev/null";
+        const int status = std::system(whole.c_str());
+        const int code = WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status);
+        return {code, take_text(place + "out"), take_text(place + "err")};
+    }
+
+    // The names in the directory, hidden ones included.
+    name_set names() const
+    {
+        name_set found;
+        for (const fs::directory_entry &entry : fs::directory_iterator(directory)) {
+            found.insert(entry.path().filename().string());
+        }
+        return found;
+    }
+
+    // Runs the command with these arguments and settings of the environment.
+    command_result record(const std::string &arguments, const std::string &environment = "")
+    {
+        inputs = names();
+        return shell(environment + " " RECORD + arguments);
+    }
+
+    command_result ffmpeg(const std::string &arguments)
+    {
+        return shell("ffmpeg -nostdin -v error -y " + arguments);
+    }
+
+    fs::path directory;
+    name_set inputs; // what the directory held before the command ran
+};
+
+// Finds the sample recorded as a.mp4. What cannot run here is reported as skipped.
+class recording : public command {
+  protected:
+    void SetUp() override
+    {
+        command::SetUp();
+        first = record(SAMPLE "-o a.mp4 --json");
+        if (first.status == 6 || ffmpeg("-version").status != 0) {
+            GTEST_SKIP() << "no ffmpeg here, or no storage: " << first.err;
+        }
+        ASSERT_EQ(first.status, 0) << first.err;
+    }
+
+    // Records and gives what --json tells.
+    json summary(const std::string &arguments, const std::string &environment = "")
+    {
+        return json::parse(record(arguments + " --json", environment).out);
+    }
+
+    // The video of a file, decoded: one line per picture with its checksum.
+    std::string pictures(const std::string &file)
+    {
+        const command_result result = ffmpeg("-i " + file +
+                                             " -map 0:v -f framehash -hash crc32 - | "
+                                             "grep -v '^#' | awk '{print $NF}'");
+        EXPECT_EQ(result.err, "");
+        return result.out;
+    }
+
+    command_result first;
+};
+
+TEST_F(recording, refuses_mistakes_by_name_with_their_code_and_touches_nothing)
 {
     std::ofstream(directory / "kept.mp4") << "old";
-    std::filesystem::create_directory(directory / "folder");
+    fs::create_directory(directory / "folder");
+    // clang-format off
     const struct {
+        const char *made; // by ffmpeg of a test picture and the sample's sound
         const char *arguments;
         int status;
         const char *sentence;
     } cases[] = {
-        {"", 2, "--output is required"},
-        {"-o x.mp4", 2, "name one INPUT"},
-        {"-o x.mp4 --video programme.h264", 2, "name one INPUT"},
-        {"-o x.mp4 --no-such-option in", 2, "no-such-option"},
-        {"-o x.mp4 --frame-rate many --video programme.h264 --audio programme.wav", 2,
-         "1 to 240, not \"many\""},
-        {"-o x.mp4 missing.ts", 3, "missing.ts: No such file"},
-        {"-o x.mp4 folder", 3, "folder: is not a regular file"},
-        {"-o x.mp4 /dev/zero", 3, "/dev/zero: is not a regular file"},
-        {"-o x.mp4 --video programme.h264 --audio kept.mp4", 3, "kept.mp4: not readable as"},
-        {"-o x.mp4 programme.wav", 3, "programme.wav: holds no video"},
-        {"-o x.mp4 programme.h264", 3, "programme.h264: holds no audio"},
-        {"-o kept.mp4 --video programme.h264 --audio programme.wav", 5, "exists already"},
-        {"-o folder -f --video programme.h264 --audio programme.wav", 5, "not a regular file"},
-        {"-o nowhere/x.mp4 --video programme.h264 --audio programme.wav", 5, "nowhere"},
-        {"-o programme.wav -f --video programme.h264 --audio programme.wav", 5, "is an input"},
+        {nullptr, "", 2, "--output is required"},
+        {nullptr, "-o x.mp4", 2, "name one INPUT"},
+        {nullptr, "-o x.mp4 --video programme.h264", 2, "name one INPUT"},
+        {nullptr, "-o x.mp4 --no-such-option in", 2, "no-such-option"},
+        {nullptr, "-o x.mp4 --frame-rate many " SAMPLE, 2, "1 to 240, not \"many\""},
+        {nullptr, "-o x.mp4 missing.ts", 3, "missing.ts: No such file"},
+        {nullptr, "-o x.mp4 folder", 3, "folder: is not a regular file"},
+        {nullptr, "-o x.mp4 /dev/zero", 3, "/dev/zero: is not a regular file"},
+        {nullptr, "-o x.mp4 --video programme.h264 --audio kept.mp4", 3,
+         "kept.mp4: not readable as"},
+        {nullptr, "-o x.mp4 programme.wav", 3, "programme.wav: holds no video"},
+        {nullptr, "-o x.mp4 programme.h264", 3, "programme.h264: holds no audio"},
+        {nullptr, "-o kept.mp4 " SAMPLE, 5, "exists already"},
+        {nullptr, "-o folder -f " SAMPLE, 5, "not a regular file"},
+        {nullptr, "-o nowhere/x.mp4 " SAMPLE, 5, "nowhere"},
+        {nullptr, "-o programme.wav -f " SAMPLE, 5, "is an input"},
+        {"-c:v libx264 -bf 2 b.mp4", "-o x.mp4 b.mp4", 4,
+         "b.mp4: its pictures are not in display order"},
+        {"-an -c:v libx264 -bf 2 b.h264", "-o x.mp4 --video b.h264 --audio programme.wav", 4,
+         "b.h264: its pictures are not in display order"},
+        {"-c:v mpeg4 m.mkv", "-o x.mp4 m.mkv", 4, "m.mkv: its video is mpeg4"},
+        {"-an -c:v libx264 -bf 0 -bsf:v filter_units=remove_types=7 s.h264",
+         "-o x.mp4 --video s.h264 --audio programme.wav", 4, "s.h264: holds no parameter sets"},
+        {"-an -c:v libx264 -bf 0 -bsf:v filter_units=remove_types=5 i.h264",
+         "-o x.mp4 --video i.h264 --audio programme.wav", 4, "i.h264: holds no IDR picture"},
     };
-    for (const auto &[arguments, status, sentence] : cases) {
+    // clang-format on
+    const std::string pattern = "-f lavfi -i testsrc2=s=320x240:d=1 -i programme.wav -t 1 ";
+    for (const auto &[made, arguments, status, sentence] : cases) {
+        if (made != nullptr && ffmpeg(pattern + made).status != 0) {
+            GTEST_SKIP() << "this ffmpeg does not encode with " << made;
+        }
         const command_result result = record(arguments);
         EXPECT_EQ(result.status, status) << arguments << "\n" << result.err;
         EXPECT_TRUE(contains(result.err, sentence)) << arguments << "\n" << result.err;
         EXPECT_EQ(result.out, "") << arguments;
-        EXPECT_EQ(names_in(directory), inputs) << arguments;
+        EXPECT_EQ(names(), inputs) << arguments;
     }
-    EXPECT_EQ(std::filesystem::file_size(directory / "kept.mp4"), 3u);
+    EXPECT_EQ(fs::file_size(directory / "kept.mp4"), 3u);
 }
 
-TEST_F(command, records_the_sample_whole_and_the_same_each_time)
+TEST_F(recording, holds_the_sample_whole_and_the_same_each_time)
 {
-    SKIP_WITHOUT_FFMPEG();
-    const command_result result = record(std::string(SAMPLE) + "-o a.mp4 --json");
-    SKIP_WITHOUT_STORAGE(result);
-    ASSERT_EQ(result.status, 0) << result.err;
-    EXPECT_EQ(result.err, "");
-    EXPECT_EQ(names_in(directory), with(inputs, "a.mp4"));
+    EXPECT_EQ(first.err, "");
+    EXPECT_EQ(names(), (name_set{"a.mp4", "programme.h264", "programme.wav"}));
     EXPECT_EQ(pictures("a.mp4"), pictures("programme.h264"));
 
-    const nlohmann::json summary = nlohmann::json::parse(result.out);
-    EXPECT_EQ(summary["output"], "a.mp4");
-    EXPECT_EQ(summary["ended"], "end of the programme");
-    EXPECT_EQ(summary["stop_reason"], 1);
-    EXPECT_EQ(summary["exit_status"], 0);
-    EXPECT_EQ(summary["bytes"], std::filesystem::file_size(directory / "a.mp4"));
-    EXPECT_EQ(summary["video"]["frames"], 300);
-    EXPECT_EQ(summary["audio"]["frames"], 470); // the last one empties the encoder
-    EXPECT_NEAR(summary["duration_seconds"].get<double>(), 10.0, 0.1);
+    const json told = json::parse(first.out);
+    EXPECT_EQ(told["output"], "a.mp4");
+    EXPECT_EQ(told["ended"], "end of the programme");
+    EXPECT_EQ(told["stop_reason"], 1);
+    EXPECT_EQ(told["exit_status"], 0);
+    EXPECT_EQ(told["bytes"], fs::file_size(directory / "a.mp4"));
+    EXPECT_EQ(told["video"]["frames"], 300);
+    EXPECT_EQ(told["audio"]["frames"], 470); // the last one empties the encoder
+    EXPECT_NEAR(told["duration_seconds"].get<double>(), 10.0, 0.1);
 
-    ASSERT_EQ(record(std::string(SAMPLE) + "-o b.mp4 --card").status, 0);
-    EXPECT_EQ(run_shell(directory, "cmp a.mp4 b.mp4").status, 0);
-    EXPECT_EQ(record(std::string(SAMPLE) + "-o b.mp4 -f").status, 0);
-    EXPECT_EQ(names_in(directory), inputs);
+    ASSERT_EQ(record(SAMPLE "-o b.mp4 --card").status, 0);
+    EXPECT_EQ(shell("cmp a.mp4 b.mp4").status, 0);
+    EXPECT_EQ(record(SAMPLE "-o b.mp4 -f").status, 0);
+    EXPECT_EQ(names(), inputs);
 }
 
-TEST_F(command, records_the_same_video_from_every_container)
+TEST_F(recording, holds_the_same_video_from_every_container_and_survives_damage)
 {
-    SKIP_WITHOUT_FFMPEG();
-    const command_result raw = record(std::string(SAMPLE) + "-o raw.mp4");
-    SKIP_WITHOUT_STORAGE(raw);
-    const std::string video = pictures("raw.mp4");
-    const std::string sample =
-        "-fflags +genpts -r 30 -i programme.h264 -i programme.wav -c:v copy ";
-    const char *const forms[] = {"-c:a mp2 -f mpegts in.ts", "-c:a aac in.mp4",
-                                 "-c:a pcm_s16le in.mkv"};
-    for (const std::string form : forms) {
-        ASSERT_EQ(ffmpeg(sample + form).status, 0);
+    const std::string video = pictures("a.mp4");
+    for (const std::string form :
+         {"-c:a mp2 -f mpegts in.ts", "-c:a aac in.mp4", "-c:a pcm_s16le in.mkv"}) {
+        ASSERT_EQ(ffmpeg(TIMED_SAMPLE "-i programme.wav -c:v copy " + form).status, 0);
         const std::string name = form.substr(form.rfind("in."));
         const command_result result = record(name + " -o out.mp4 -f");
         EXPECT_EQ(result.status, 0) << result.err;
@@ -109,170 +214,11 @@ TEST_F(command, records_the_same_video_from_every_container)
         EXPECT_EQ(pictures("out.mp4"), video) << name;
         EXPECT_TRUE(contains(result.out, "300 frames")) << result.out;
         EXPECT_TRUE(contains(result.out, "470 frames")) << result.out;
-    }
-}
 
-TEST_F(command, names_what_it_cannot_record)
-{
-    SKIP_WITHOUT_FFMPEG();
-    const std::string pattern = "-f lavfi -i testsrc2=s=320x240:d=1 -i programme.wav -t 1 ";
-    const struct {
-        const char *encoding;
-        const char *name;
-        const char *sentence;
-    } cases[] = {
-        {"-c:v libx264 -bf 2", "b.mp4", "b.mp4: its pictures are not in display order"},
-        {"-an -c:v libx264 -bf 2", "b.h264", "b.h264: its pictures are not in display order"},
-        {"-c:v mpeg4", "m.mkv", "m.mkv: its video is mpeg4"},
-        {"-an -c:v libx264 -bf 0 -bsf:v filter_units=remove_types=7", "s.h264", "s.h264: "},
-        {"-an -c:v libx264 -bf 0 -bsf:v filter_units=remove_types=5", "i.h264",
-         "i.h264: holds no IDR picture"},
-    };
-    for (const auto &[encoding, name, sentence] : cases) {
-        if (ffmpeg(pattern + encoding + " " + name).status != 0) {
-            GTEST_SKIP() << "this ffmpeg encodes no " << name;
-        }
-        const std::string audio = contains(name, "h264") ? " --audio programme.wav" : "";
-        const command_result result =
-            record("--video " + std::string(name) +
-                   (audio.empty() ? " --audio " + std::string(name) : audio) + " -o out.mp4");
-        EXPECT_TRUE(result.status == 4 || result.status == 3) << result.err;
-        EXPECT_TRUE(contains(result.err, sentence)) << result.err;
-        EXPECT_EQ(names_in(directory), inputs);
-    }
-}
-
-TEST_F(command, joins_late_audio_and_a_restarted_clock)
-{
-    SKIP_WITHOUT_FFMPEG();
-    const std::string sample = "-fflags +genpts -r 30 -i programme.h264 ";
-    const std::string to_ts = "-i programme.wav -c:v copy -c:a mp2 -f mpegts ";
-    ASSERT_EQ(ffmpeg(sample + "-itsoffset 2 " + to_ts + "late.ts").status, 0);
-    const command_result late = record("late.ts -o late.mp4 --json");
-    SKIP_WITHOUT_STORAGE(late);
-    // Two seconds of silence stand in front: 94 frames more than the sample alone.
-    EXPECT_EQ(nlohmann::json::parse(late.out)["audio"]["frames"], 564);
-
-    ASSERT_EQ(ffmpeg(sample + to_ts + "one.ts").status, 0);
-    run_shell(directory, "cat one.ts one.ts > two.ts");
-    const nlohmann::json twice = nlohmann::json::parse(record("two.ts -o two.mp4 --json").out);
-    EXPECT_EQ(twice["video"]["frames"], 600);
-    EXPECT_NEAR(twice["duration_seconds"].get<double>(), 20.0, 0.1);
-    EXPECT_EQ(twice["warnings"].size(), 2u);
-
-    // Cut off within a group of pictures, it begins with the next IDR picture.
-    run_shell(directory, "tail -c +56401 one.ts > cut.ts");
-    const nlohmann::json cut = nlohmann::json::parse(record("cut.ts -o cut.mp4 --json").out);
-    EXPECT_EQ(cut["video"]["frames"].get<int>() % 30, 0);
-    EXPECT_LT(cut["video"]["frames"].get<int>(), 300);
-}
-
-TEST_F(command, finishes_the_file_at_the_first_signal_and_gives_up_at_the_second)
-{
-    const std::string background =
-        TDMBREC_COMMAND " record --video programme.h264 --audio programme.wav --realtime -o a.mp4 ";
-    const command_result once =
-        run_shell(directory, background + "--json & sleep 1; kill -TERM $!; wait $!");
-    SKIP_WITHOUT_STORAGE(once);
-    EXPECT_EQ(once.status, 0) << once.err;
-    const nlohmann::json summary = nlohmann::json::parse(once.out);
-    EXPECT_EQ(summary["ended"], "stopped by the user");
-    EXPECT_LT(summary["video"]["frames"], 60);
-    std::filesystem::remove(directory / "a.mp4");
-
-    // Stopped in between, the process meets both signals before it can finish.
-    const command_result twice =
-        run_shell(directory, background + "& sleep 1; kill -STOP $!; kill -TERM $!; kill -HUP $!; "
-                                          "kill -CONT $!; wait $!");
-    EXPECT_TRUE(twice.status == 143 || twice.status == 129) << twice.status;
-    EXPECT_TRUE(contains(twice.err, "given up")) << twice.err;
-    EXPECT_EQ(names_in(directory), (std::vector<std::string>{"programme.h264", "programme.wav"}));
-}
-
-TEST_F(command, reports_why_the_component_stopped)
-{
-    const command_result first =
-        record(std::string(SAMPLE) + "-o a.mp4", "TDMBREC_COMPONENT_PATH=" SCRIPTED_COMPONENT);
-    SKIP_WITHOUT_STORAGE(first);
-    // It made no file, and the command does not pretend that there is one.
-    EXPECT_EQ(first.status, 7) << first.err;
-    for (const int reason : {0, 2, 4, 5, 6, 7}) {
-        const command_result result =
-            record(std::string(SAMPLE) + "-o a.mp4 --json",
-                   "SCRIPT_BUFFERS=20 SCRIPT_REASON=" + std::to_string(reason) +
-                       " TDMBREC_COMPONENT_PATH=" SCRIPTED_COMPONENT);
-        EXPECT_EQ(result.status, 10 + reason) << result.err;
-        EXPECT_EQ(nlohmann::json::parse(result.out)["stop_reason"], reason);
-        EXPECT_TRUE(nlohmann::json::parse(result.out)["output"].is_null());
-        EXPECT_EQ(names_in(directory), inputs);
-    }
-    for (const char *const call : {"init", "start", "empty"}) {
-        const command_result result = record(std::string(SAMPLE) + "-o a.mp4",
-                                             "SCRIPT_FAIL=" + std::string(call) +
-                                                 " TDMBREC_COMPONENT_PATH=" SCRIPTED_COMPONENT);
-        EXPECT_EQ(result.status, 7) << call << result.err;
-        EXPECT_EQ(names_in(directory), inputs);
-    }
-    const command_result missing =
-        record(std::string(SAMPLE) + "-o a.mp4", "TDMBREC_COMPONENT_PATH=/nowhere.so");
-    EXPECT_EQ(missing.status, 7);
-    EXPECT_TRUE(contains(missing.err, "/nowhere.so")) << missing.err;
-}
-
-TEST_F(command, plays_the_broadcast_player_in_the_order_of_time)
-{
-    const command_result result =
-        record(std::string(SAMPLE) + "-o a.mp4 --frame-rate 25 --card",
-               "SCRIPT_LOG=log TDMBREC_COMPONENT_PATH=" SCRIPTED_COMPONENT);
-    SKIP_WITHOUT_STORAGE(result);
-    std::ifstream log(directory / "log");
-    std::vector<std::string> calls;
-    std::vector<std::string> buffers;
-    long last = 0;
-    for (std::string line; std::getline(log, line);) {
-        std::istringstream words(line);
-        std::string kind;
-        long time_us = 0;
-        words >> kind >> time_us;
-        if (kind == "video" || kind == "audio") {
-            EXPECT_GE(time_us, last) << line;
-            last = time_us;
-            buffers.push_back(line);
-        } else {
-            calls.push_back(line);
-        }
-    }
-    std::vector<std::string> expected = {
-        "state 2",    "state 3", "path /mnt/sdcard/tflash/recording.mp4",
-        "rate 48000", "start",   "stop",
-        "state 2",    "state 1"};
-    expected.insert(expected.end(), 8, "free");
-    expected.push_back("gone");
-    if (contains(calls[2], "recording.mp4")) { // else /mnt/sdcard itself serves
-        EXPECT_EQ(calls, expected);
-    }
-    // A delimiter one picture ahead, then pictures 40 ms apart between blocks of audio.
-    ASSERT_EQ(buffers.size(), 1u + 300 + 470);
-    EXPECT_EQ(buffers[0], "video 1000000 6 0009");
-    EXPECT_TRUE(contains(buffers[1], "video 1040000 ")) << buffers[1];
-    EXPECT_TRUE(contains(buffers[1], " 0067")) << buffers[1];
-    EXPECT_TRUE(contains(buffers[2], "audio 1040000 4096 ")) << buffers[2];
-    EXPECT_TRUE(contains(buffers[3], "audio 1061333 4096 ")) << buffers[3];
-    EXPECT_TRUE(contains(buffers[4], "video 1080000 ")) << buffers[4];
-}
-
-TEST_F(command, survives_damaged_inputs)
-{
-    SKIP_WITHOUT_FFMPEG();
-    const std::string sample = "-fflags +genpts -r 30 -i programme.h264 -i programme.wav -t 3 "
-                               "-c:v copy ";
-    for (const std::string form : {"-c:a mp2 -f mpegts in.ts", "-c:a aac in.mp4", "in.mkv"}) {
-        ASSERT_EQ(ffmpeg(sample + form).status, 0);
-        const std::string name = form.substr(form.rfind("in."));
-        const uintmax_t size = std::filesystem::file_size(directory / name);
+        const uintmax_t size = fs::file_size(directory / name);
         for (unsigned round = 0; round < 12; round++) {
-            std::filesystem::copy_file(directory / name, directory / "bad",
-                                       std::filesystem::copy_options::overwrite_existing);
+            fs::copy_file(directory / name, directory / "bad",
+                          fs::copy_options::overwrite_existing);
             std::fstream bad(directory / "bad", std::ios::in | std::ios::out | std::ios::binary);
             for (uintmax_t at = round * 7; at < size; at += 1009) {
                 bad.seekp(static_cast<std::streamoff>(at));
@@ -280,12 +226,161 @@ TEST_F(command, survives_damaged_inputs)
             }
             bad.close();
             if (round % 3 == 0) {
-                std::filesystem::resize_file(directory / "bad", size * (1 + round) / 14);
+                fs::resize_file(directory / "bad", size * (1 + round) / 14);
             }
-            const command_result result = record("bad -o out.mp4 -f");
-            SKIP_WITHOUT_STORAGE(result);
-            EXPECT_TRUE(result.status == 0 || result.status == 3 || result.status == 4)
-                << name << round << ": " << result.status << result.err;
+            const int status = record("bad -o out.mp4 -f").status;
+            EXPECT_TRUE(status == 0 || status == 3 || status == 4) << name << round << status;
         }
     }
+}
+
+TEST_F(recording, joins_late_audio_and_a_restarted_clock)
+{
+    const std::string to_ts = "-i programme.wav -c:v copy -c:a mp2 -f mpegts ";
+    ASSERT_EQ(ffmpeg(TIMED_SAMPLE "-itsoffset 2 " + to_ts + "late.ts").status, 0);
+    ASSERT_EQ(ffmpeg(TIMED_SAMPLE + to_ts + "one.ts").status, 0);
+    // Two seconds of silence stand in front: 94 frames more than the sample alone.
+    EXPECT_EQ(summary("late.ts -o late.mp4")["audio"]["frames"], 564);
+
+    shell("cat one.ts one.ts > two.ts; tail -c +56401 one.ts > cut.ts");
+    const json twice = summary("two.ts -o two.mp4");
+    EXPECT_EQ(twice["video"]["frames"], 600);
+    EXPECT_NEAR(twice["duration_seconds"].get<double>(), 20.0, 0.1);
+    EXPECT_EQ(twice["warnings"].size(), 2u);
+    // Cut off within a group of pictures, it begins with the next IDR picture.
+    const int frames = summary("cut.ts -o cut.mp4")["video"]["frames"];
+    EXPECT_EQ(frames % 30, 0);
+    EXPECT_LT(frames, 300);
+}
+
+TEST_F(recording, is_finished_at_the_first_signal_and_given_up_at_the_second)
+{
+    const std::string background = RECORD SAMPLE "--realtime -f -o a.mp4 ";
+    const command_result once = shell(background + "--json & sleep 1; kill -TERM $!; wait $!");
+    EXPECT_EQ(once.status, 0) << once.err;
+    EXPECT_EQ(json::parse(once.out)["ended"], "stopped by the user");
+    EXPECT_LT(json::parse(once.out)["video"]["frames"], 60);
+    fs::remove(directory / "a.mp4");
+
+    // Stopped in between, the process meets both signals before it can finish.
+    const command_result twice =
+        shell(background + "& sleep 1; kill -STOP $!; kill -TERM $!; kill -HUP $!; "
+                           "kill -CONT $!; wait $!");
+    EXPECT_TRUE(twice.status == 143 || twice.status == 129) << twice.status;
+    EXPECT_TRUE(contains(twice.err, "given up")) << twice.err;
+    EXPECT_EQ(names(), SAMPLE_ALONE);
+}
+
+TEST_F(recording, ends_with_the_reason_why_the_component_stopped)
+{
+    for (const int reason : {0, 2, 4, 5, 6, 7}) {
+        const json told = summary(SAMPLE "-o b.mp4", SCRIPTED " SCRIPT_BUFFERS=20 SCRIPT_REASON=" +
+                                                         std::to_string(reason));
+        EXPECT_EQ(told["exit_status"], 10 + reason);
+        EXPECT_EQ(told["stop_reason"], reason);
+        EXPECT_TRUE(told["output"].is_null());
+        EXPECT_EQ(names(), inputs);
+    }
+    // The first makes no file, and the command does not pretend that there is one.
+    for (const char *const environment :
+         {SCRIPTED, SCRIPTED " SCRIPT_FAIL=init", SCRIPTED " SCRIPT_FAIL=start",
+          SCRIPTED " SCRIPT_FAIL=empty", "TDMBREC_COMPONENT_PATH=/nowhere.so"}) {
+        const command_result result = record(SAMPLE "-o b.mp4", environment);
+        EXPECT_EQ(result.status, 7) << environment << result.err;
+        EXPECT_EQ(contains(result.err, "/nowhere.so"), contains(environment, "/nowhere.so"));
+        EXPECT_EQ(names(), inputs);
+    }
+}
+
+TEST_F(recording, plays_the_broadcast_player_in_the_order_of_time)
+{
+    record(SAMPLE "-o b.mp4 --frame-rate 25 --card", "SCRIPT_LOG=log " SCRIPTED);
+    std::ifstream log(directory / "log");
+    std::string calls;
+    std::vector<std::string> buffers;
+    long last = 0;
+    for (std::string line; std::getline(log, line);) {
+        if (!line.starts_with("video ") && !line.starts_with("audio ")) {
+            calls += line + "\n";
+            continue;
+        }
+        EXPECT_GE(std::stol(line.substr(6)), last) << line;
+        last = std::stol(line.substr(6));
+        buffers.push_back(line);
+    }
+    if (contains(calls, "recording.mp4")) { // else /mnt/sdcard itself serves
+        EXPECT_EQ(calls, "state 2\nstate 3\npath /mnt/sdcard/tflash/recording.mp4\nrate 48000\n"
+                         "start\nstop\nstate 2\nstate 1\n"
+                         "free\nfree\nfree\nfree\nfree\nfree\nfree\nfree\ngone\n");
+    }
+    // A delimiter one picture ahead, then pictures 40 ms apart between blocks of audio.
+    ASSERT_EQ(buffers.size(), 1u + 300 + 470);
+    EXPECT_EQ(buffers[0], "video 1000000 6 0 9");
+    EXPECT_TRUE(buffers[1].starts_with("video 1040000 ")) << buffers[1];
+    EXPECT_TRUE(buffers[1].ends_with(" 0 103")) << buffers[1]; // a sequence set
+    EXPECT_TRUE(buffers[2].starts_with("audio 1040000 4096 ")) << buffers[2];
+    EXPECT_TRUE(buffers[3].starts_with("audio 1061333 4096 ")) << buffers[3];
+    EXPECT_TRUE(buffers[4].starts_with("video 1080000 ")) << buffers[4];
+}
+
+class storage : public command {
+  protected:
+    void SetUp() override
+    {
+        command::SetUp();
+        if (below_mnt("1m", "true").status != 0) {
+            GTEST_SKIP() << "this system allows no mount namespace";
+        }
+    }
+
+    // Runs a script in a mount namespace of its own, with a file system of that size at /mnt.
+    command_result below_mnt(const std::string &size, const std::string &script)
+    {
+        return shell("unshare -rm sh -c 'mount -t tmpfs -o size=" + size + " none /mnt && " +
+                     script + "'");
+    }
+
+    // The script's exit code and then the files that remain in `place` are the last it prints.
+    void expect(const std::string &size, const std::string &script, const std::string &place,
+                const std::string &ending, const std::string &sentence)
+    {
+        const command_result result = below_mnt(size, script + "; echo $?; ls -A " + place);
+        EXPECT_TRUE(("\n" + result.out).ends_with("\n" + ending)) << result.out << result.err;
+        EXPECT_TRUE(contains(result.out + result.err, sentence)) << result.out << result.err;
+    }
+};
+
+TEST_F(storage, serves_its_own_mount_point_and_watches_the_free_space)
+{
+    expect("200m", "cp programme.* /mnt && cd /mnt && " RECORD SAMPLE "-o a.mp4", "/mnt",
+           "0\na.mp4\nprogramme.h264\nprogramme.wav\n", "");
+    expect("40m", RECORD SAMPLE "-o /mnt/a.mp4", "/mnt", "12\n", "only 41.9 MB are free");
+    // Another writer takes the space while the recording runs; the file is finished all the same.
+    expect("70m",
+           "{ sleep 1; head -c 30000000 /dev/zero > /mnt/other; } & " RECORD SAMPLE
+           "--realtime -o /mnt/a.mp4",
+           "/mnt", "12\na.mp4\nother\n", "Ended  the free space is used up");
+}
+
+TEST_F(storage, leaves_nothing_when_writing_fails)
+{
+    const command_result result = shell("ulimit -f 300; " RECORD SAMPLE "-o a.mp4");
+    EXPECT_TRUE(result.status == 7 || result.status == 15) << result.err;
+    EXPECT_EQ(names(), SAMPLE_ALONE);
+}
+
+// Without namespaces /mnt/sdcard itself serves; the output lies on another file system.
+TEST_F(storage, does_without_namespaces)
+{
+    const std::string forbid = "echo 0 > /proc/sys/user/max_mnt_namespaces && "
+                               "echo 0 > /proc/sys/user/max_user_namespaces";
+    if (below_mnt("1m", forbid).status != 0) {
+        GTEST_SKIP() << "this system does not let namespaces be forbidden";
+    }
+    expect("1m", forbid + " && " RECORD SAMPLE "-o a.mp4", "/mnt", "6\n",
+           "sudo mkdir -p /mnt/sdcard\n");
+    expect("200m",
+           forbid + " && mkdir /mnt/sdcard && " RECORD SAMPLE "--card -o a.mp4 && ! " RECORD SAMPLE
+                    "-o a.mp4",
+           ". /mnt/sdcard", "0\n.:\na.mp4\nprogramme.h264\nprogramme.wav\n\n/mnt/sdcard:\n", "");
 }

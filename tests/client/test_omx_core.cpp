@@ -10,41 +10,16 @@
 #include <string>
 #include <unistd.h>
 
-static OMX_ERRORTYPE on_event(OMX_HANDLETYPE, OMX_PTR, OMX_EVENTTYPE, OMX_U32, OMX_U32, OMX_PTR)
-{
-    return OMX_ErrorNone;
-}
-
-static OMX_ERRORTYPE on_buffer(OMX_HANDLETYPE, OMX_PTR, OMX_BUFFERHEADERTYPE *)
-{
-    return OMX_ErrorNone;
-}
-
-static OMX_CALLBACKTYPE callbacks = {on_event, on_buffer, on_buffer};
+static OMX_CALLBACKTYPE callbacks = {};
 
 static OMX_ERRORTYPE get_handle(std::string name, OMX_HANDLETYPE *handle)
 {
     return OMX_GetHandle(handle, name.data(), nullptr, &callbacks);
 }
 
-class omx_core : public testing::Test {
-  protected:
-    void SetUp() override
-    {
-        setenv("TDMBREC_COMPONENT_PATH", SCRIPTED_COMPONENT, 1);
-    }
-    void TearDown() override
-    {
-        while (OMX_Deinit() == OMX_ErrorNone) {
-        }
-        unsetenv("TDMBREC_COMPONENT_PATH");
-        unsetenv("SCRIPT_FAIL");
-        unsetenv("SCRIPT_LOG");
-    }
-};
-
-TEST_F(omx_core, gives_handles_only_between_init_and_deinit)
+TEST(omx_core, gives_handles_by_name_between_init_and_deinit)
 {
+    setenv("TDMBREC_COMPONENT_PATH", SCRIPTED_COMPONENT, 1);
     OMX_HANDLETYPE handle = nullptr;
     EXPECT_EQ(get_handle("OMX.qvr.tdmb.rec", &handle), OMX_ErrorNotReady);
     EXPECT_EQ(OMX_Init(), OMX_ErrorNone);
@@ -55,43 +30,39 @@ TEST_F(omx_core, gives_handles_only_between_init_and_deinit)
     EXPECT_EQ(component.nSize, sizeof component);
     EXPECT_EQ(component.nVersion.nVersion, OMX_VERSION_1_1_2);
     EXPECT_EQ(OMX_FreeHandle(handle), OMX_ErrorNone);
-    EXPECT_EQ(OMX_Deinit(), OMX_ErrorNone);
-    EXPECT_EQ(OMX_Deinit(), OMX_ErrorNotReady);
-}
 
-TEST_F(omx_core, knows_its_components_by_name_alone)
-{
-    ASSERT_EQ(OMX_Init(), OMX_ErrorNone);
     std::array<char, OMX_MAX_STRINGNAME_SIZE> name = {};
     EXPECT_EQ(OMX_ComponentNameEnum(name.data(), 16, 0), OMX_ErrorBadParameter);
     EXPECT_EQ(OMX_ComponentNameEnum(name.data(), 17, 0), OMX_ErrorNone);
     EXPECT_STREQ(name.data(), "OMX.qvr.tdmb.rec");
     EXPECT_EQ(OMX_ComponentNameEnum(name.data(), name.size(), 1), OMX_ErrorNoMore);
-    OMX_HANDLETYPE handle = &name;
+    handle = &name;
     EXPECT_EQ(get_handle("OMX.qvr.tdmb.re", &handle), OMX_ErrorComponentNotFound);
     EXPECT_EQ(handle, nullptr);
     EXPECT_EQ(get_handle("OMX.qvr.tdmb.rec", nullptr), OMX_ErrorBadParameter);
+    EXPECT_EQ(OMX_Deinit(), OMX_ErrorNone);
+    EXPECT_EQ(OMX_Deinit(), OMX_ErrorNotReady);
 }
 
-TEST_F(omx_core, says_why_a_library_does_not_load)
+TEST(omx_core, says_why_a_library_does_not_load_and_cleans_up_after_a_failed_init)
 {
     setenv("TDMBREC_COMPONENT_PATH", "/nowhere/libmissing.so", 1);
     ASSERT_EQ(OMX_Init(), OMX_ErrorNone);
     OMX_HANDLETYPE handle = nullptr;
     EXPECT_EQ(get_handle("OMX.qvr.tdmb.rec", &handle), OMX_ErrorComponentNotFound);
     EXPECT_NE(std::string(omx_core_load_error()).find("/nowhere/libmissing.so"), std::string::npos);
-}
 
-TEST_F(omx_core, passes_a_failed_init_on_and_lets_the_component_clean_up)
-{
     const std::string log = testing::TempDir() + "omx_core-" + std::to_string(getpid());
     setenv("SCRIPT_LOG", log.c_str(), 1);
     setenv("SCRIPT_FAIL", "init", 1);
-    ASSERT_EQ(OMX_Init(), OMX_ErrorNone);
-    OMX_HANDLETYPE handle = &callbacks;
+    setenv("TDMBREC_COMPONENT_PATH", SCRIPTED_COMPONENT, 1);
+    handle = &callbacks;
     EXPECT_EQ(get_handle("OMX.qvr.tdmb.rec", &handle), OMX_ErrorInsufficientResources);
     EXPECT_EQ(handle, nullptr);
     std::ifstream calls(log);
     EXPECT_EQ(std::string(std::istreambuf_iterator<char>(calls), {}), "gone\n");
     std::remove(log.c_str());
+    EXPECT_EQ(OMX_Deinit(), OMX_ErrorNone);
+    unsetenv("SCRIPT_LOG");
+    unsetenv("SCRIPT_FAIL");
 }
