@@ -9,111 +9,81 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <functional>
 #include <mutex>
+#include <utility>
 #include <vector>
 
 constexpr OMX_U32 PORT_COUNT = 2;
 constexpr OMX_U32 BUFFER_BYTES = 64;
 constexpr auto PATIENCE = std::chrono::seconds(20);
 
-struct small_private_t {
-    omx_base_sink_PrivateType stBase;
-    uint32_t uiPasses;                                 // of the loop, atomic
-    void (*pfnConsume)(OMX_BUFFERHEADERTYPE *pBuffer); // null: the data is dropped
-};
+inline std::atomic<uint32_t> loop_passes;
 
-inline small_private_t *private_of(OMX_COMPONENTTYPE *component)
+inline omx_base_sink_PrivateType *private_of(OMX_COMPONENTTYPE *component)
 {
-    return static_cast<small_private_t *>(component->pComponentPrivate);
+    return static_cast<omx_base_sink_PrivateType *>(component->pComponentPrivate);
 }
 
-inline void consume(OMX_COMPONENTTYPE *component, OMX_BUFFERHEADERTYPE *buffer)
+inline void consume(OMX_COMPONENTTYPE *, OMX_BUFFERHEADERTYPE *buffer)
 {
-    if (private_of(component)->pfnConsume != nullptr)
-        private_of(component)->pfnConsume(buffer);
-    else
-        buffer->nFilledLen = 0;
+    buffer->nFilledLen = 0;
 }
 
 // Takes part in the flush handshake as long as a port is being flushed.
 inline void serve_flush(omx_base_sink_PrivateType *sink, OMX_BUFFERHEADERTYPE **in_hand)
 {
-    pthread_mutex_lock(&sink->lockFlush);
     for (;;) {
         bool flushed[PORT_COUNT];
+        pthread_mutex_lock(&sink->lockFlush);
         for (OMX_U32 index = 0; index < PORT_COUNT; index++)
             flushed[index] = std::atomic_ref(sink->ppPorts[index]->bBeingFlushed).load() != 0;
-        if (!flushed[0] && !flushed[1])
-            break;
         pthread_mutex_unlock(&sink->lockFlush);
-        for (OMX_U32 index = 0; index < PORT_COUNT; index++) {
-            if (flushed[index] && in_hand[index] != nullptr) {
-                sink->ppPorts[index]->pfnReturnBuffer(sink->ppPorts[index], in_hand[index]);
-                in_hand[index] = nullptr;
-            }
-        }
+        if (!flushed[0] && !flushed[1])
+            return;
+        for (OMX_U32 index = 0; index < PORT_COUNT; index++)
+            if (flushed[index] && in_hand[index] != nullptr)
+                sink->ppPorts[index]->pfnReturnBuffer(sink->ppPorts[index],
+                                                      std::exchange(in_hand[index], nullptr));
         tsem_up(&sink->semFlushAll);
         tsem_down(&sink->semFlush);
-        pthread_mutex_lock(&sink->lockFlush);
     }
-    pthread_mutex_unlock(&sink->lockFlush);
-}
-
-inline void serve_buffer(omx_base_sink_PrivateType *sink, omx_base_port_PrivateType *port,
-                         OMX_BUFFERHEADERTYPE **in_hand)
-{
-    OMX_BUFFERHEADERTYPE *buffer = *in_hand;
-    if (buffer->hMarkTargetComponent == sink->pComponent) {
-        sink->pCallbacks->EventHandler(sink->pComponent, sink->pCallbackData, OMX_EventMark, 1, 0,
-                                       buffer->pMarkData);
-        buffer->hMarkTargetComponent = nullptr;
-    }
-    if (buffer->nFilledLen != 0 && omx_base_get_state(sink) == OMX_StateExecuting)
-        sink->pfnBufferMgmtCallback(sink->pComponent, buffer);
-    if (buffer->nFilledLen == 0) {
-        *in_hand = nullptr;
-        port->pfnReturnBuffer(port, buffer);
-    }
-}
-
-inline bool has_work(omx_base_sink_PrivateType *sink, OMX_BUFFERHEADERTYPE *const *in_hand)
-{
-    for (OMX_U32 index = 0; index < PORT_COUNT; index++) {
-        if (in_hand[index] == nullptr ? tsem_value(sink->ppPorts[index]->pBufferSem) != 0
-                                      : omx_base_get_state(sink) == OMX_StateExecuting)
-            return true;
-    }
-    return false;
 }
 
 inline void *run_loop(void *argument)
 {
     OMX_COMPONENTTYPE *component = static_cast<OMX_COMPONENTTYPE *>(argument);
-    omx_base_sink_PrivateType *sink = &private_of(component)->stBase;
+    omx_base_sink_PrivateType *sink = private_of(component);
     OMX_BUFFERHEADERTYPE *in_hand[PORT_COUNT] = {};
     while (omx_base_get_state(sink) >= OMX_StateIdle) {
-        std::atomic_ref(private_of(component)->uiPasses)++;
+        bool worked = false;
+        loop_passes++;
         serve_flush(sink, in_hand);
-        if (!has_work(sink, in_hand)) {
-            tsem_down(&sink->semBufferThread);
-            continue;
-        }
         for (OMX_U32 index = 0; index < PORT_COUNT; index++) {
             omx_base_port_PrivateType *port = sink->ppPorts[index];
-            if (in_hand[index] == nullptr && tsem_value(port->pBufferSem) != 0) {
+            OMX_BUFFERHEADERTYPE *&buffer = in_hand[index];
+            const bool executing = omx_base_get_state(sink) == OMX_StateExecuting;
+            if (buffer == nullptr && tsem_value(port->pBufferSem) != 0) {
                 tsem_down(port->pBufferSem);
-                in_hand[index] = static_cast<OMX_BUFFERHEADERTYPE *>(dequeue(port->pBufferQueue));
-                if (in_hand[index] == nullptr)
+                buffer = static_cast<OMX_BUFFERHEADERTYPE *>(dequeue(port->pBufferQueue));
+                if (buffer == nullptr)
                     return nullptr;
+                worked = true;
             }
-            if (in_hand[index] != nullptr)
-                serve_buffer(sink, port, &in_hand[index]);
+            if (buffer == nullptr || !executing)
+                continue;
+            sink->pfnBufferMgmtCallback(component, buffer);
+            if (buffer->nFilledLen == 0)
+                port->pfnReturnBuffer(port, std::exchange(buffer, nullptr));
+            worked = true;
         }
+        if (!worked)
+            tsem_down(&sink->semBufferThread);
     }
     return nullptr;
 }
@@ -121,32 +91,29 @@ inline void *run_loop(void *argument)
 // Builds the component up to the first failure, as a component of the platform does.
 inline OMX_ERRORTYPE construct_small_component(OMX_COMPONENTTYPE *component)
 {
-    component->pComponentPrivate = QVR_calloc(1, sizeof(small_private_t));
-    if (component->pComponentPrivate == nullptr)
-        return OMX_ErrorInsufficientResources;
+    constexpr OMX_ERRORTYPE FAILED = OMX_ErrorInsufficientResources;
     char name[] = "OMX.test.sink";
-    omx_base_sink_PrivateType *sink = &private_of(component)->stBase;
-    OMX_ERRORTYPE error = omx_base_sink_Constructor(component, name);
-    if (error != OMX_ErrorNone)
-        return error;
+    component->pComponentPrivate = QVR_calloc(1, sizeof(omx_base_sink_PrivateType));
+    omx_base_sink_PrivateType *sink = private_of(component);
+    if (sink == nullptr || omx_base_sink_Constructor(component, name) != OMX_ErrorNone)
+        return FAILED;
     sink->astPortDomain[OMX_PortDomainVideo].nPorts = 1;
     sink->astPortDomain[OMX_PortDomainAudio].nPorts = 1;
     sink->astPortDomain[OMX_PortDomainAudio].nStartPortNumber = 1;
-    sink->ppPorts = static_cast<omx_base_port_PrivateType **>(
+    omx_base_port_PrivateType **ports = static_cast<omx_base_port_PrivateType **>(
         QVR_calloc(PORT_COUNT, sizeof(omx_base_port_PrivateType *)));
-    if (sink->ppPorts == nullptr)
-        return OMX_ErrorInsufficientResources;
-    sink->ppPorts[0] =
-        static_cast<omx_base_port_PrivateType *>(QVR_calloc(1, sizeof(omx_base_video_PortType)));
-    sink->ppPorts[1] =
-        static_cast<omx_base_port_PrivateType *>(QVR_calloc(1, sizeof(omx_base_audio_PortType)));
-    if (sink->ppPorts[0] == nullptr || sink->ppPorts[1] == nullptr)
-        return OMX_ErrorInsufficientResources;
-    error = base_video_port_Constructor(component, &sink->ppPorts[0], 0, OMX_TRUE);
-    if (error == OMX_ErrorNone)
-        error = base_audio_port_Constructor(component, &sink->ppPorts[1], 1, OMX_TRUE);
-    if (error != OMX_ErrorNone)
-        return error;
+    sink->ppPorts = ports;
+    if (ports == nullptr)
+        return FAILED;
+    for (size_t bytes : {sizeof(omx_base_video_PortType), sizeof(omx_base_audio_PortType)}) {
+        void *port = QVR_calloc(1, bytes);
+        if (port == nullptr)
+            return FAILED;
+        ports[ports[0] != nullptr] = static_cast<omx_base_port_PrivateType *>(port);
+    }
+    if (base_video_port_Constructor(component, &ports[0], 0, OMX_TRUE) != OMX_ErrorNone ||
+        base_audio_port_Constructor(component, &ports[1], 1, OMX_TRUE) != OMX_ErrorNone)
+        return FAILED;
     for (OMX_U32 index = 0; index < PORT_COUNT; index++)
         sink->ppPorts[index]->stPortDefinition.nBufferSize = BUFFER_BYTES;
     sink->pfnBufferMgmtFunction = run_loop;
@@ -154,39 +121,34 @@ inline OMX_ERRORTYPE construct_small_component(OMX_COMPONENTTYPE *component)
     return OMX_ErrorNone;
 }
 
-struct event_t {
-    OMX_EVENTTYPE eEvent;
-    OMX_U32 uiData1;
-    OMX_U32 uiData2;
-    bool operator==(const event_t &) const = default;
-};
-
-inline void PrintTo(const event_t &event, std::ostream *stream)
-{
-    *stream << "event " << event.eEvent << " (0x" << std::hex << event.uiData1 << ", "
-            << event.uiData2 << std::dec << ")";
-}
+using event_t = std::array<OMX_U32, 3>; // OMX_EVENTTYPE and its two data
+using buffer_list_t = std::vector<OMX_BUFFERHEADERTYPE *>;
 
 // The client's side: keeps what the component tells, and lets a test take part in a callback.
 struct client_t {
     std::mutex lock;
     std::condition_variable changed;
     std::deque<event_t> events;
-    std::deque<OMX_BUFFERHEADERTYPE *> returned;
+    buffer_list_t returned;
     std::function<void(const event_t &)> on_event;
     std::function<bool(OMX_BUFFERHEADERTYPE *)> on_return; // true: the buffer is in use again
 };
+
+template <typename List>
+void record(client_t *client, List &list, typename List::value_type value)
+{
+    const std::lock_guard guard(client->lock);
+    list.push_back(value);
+    client->changed.notify_all();
+}
 
 inline OMX_ERRORTYPE handle_event(OMX_HANDLETYPE, OMX_PTR app_data, OMX_EVENTTYPE event,
                                   OMX_U32 data1, OMX_U32 data2, OMX_PTR)
 {
     client_t *client = static_cast<client_t *>(app_data);
-    const event_t record = {event, data1, data2};
     if (client->on_event)
-        client->on_event(record);
-    const std::lock_guard guard(client->lock);
-    client->events.push_back(record);
-    client->changed.notify_all();
+        client->on_event({event, data1, data2});
+    record(client, client->events, {event, data1, data2});
     return OMX_ErrorNone;
 }
 
@@ -194,11 +156,8 @@ inline OMX_ERRORTYPE empty_buffer_done(OMX_HANDLETYPE, OMX_PTR app_data,
                                        OMX_BUFFERHEADERTYPE *buffer)
 {
     client_t *client = static_cast<client_t *>(app_data);
-    if (client->on_return && client->on_return(buffer))
-        return OMX_ErrorNone;
-    const std::lock_guard guard(client->lock);
-    client->returned.push_back(buffer);
-    client->changed.notify_all();
+    if (!client->on_return || !client->on_return(buffer))
+        record(client, client->returned, buffer);
     return OMX_ErrorNone;
 }
 
@@ -222,7 +181,7 @@ class framework_test : public testing::Test {
 
     omx_base_sink_PrivateType *sink()
     {
-        return &private_of(&component)->stBase;
+        return private_of(&component);
     }
 
     OMX_STATETYPE state()
@@ -248,14 +207,12 @@ class framework_test : public testing::Test {
     }
 
     // Waits until the client has this many buffers back, and takes the list.
-    std::vector<OMX_BUFFERHEADERTYPE *> wait_returned(size_t count)
+    buffer_list_t wait_returned(size_t count)
     {
         std::unique_lock guard(client.lock);
         EXPECT_TRUE(client.changed.wait_for(guard, PATIENCE,
                                             [&] { return client.returned.size() >= count; }));
-        std::vector<OMX_BUFFERHEADERTYPE *> taken(client.returned.begin(), client.returned.end());
-        client.returned.clear();
-        return taken;
+        return std::exchange(client.returned, {});
     }
 
     void expect_complete(OMX_COMMANDTYPE command, OMX_U32 param)
@@ -284,13 +241,6 @@ class framework_test : public testing::Test {
         return error;
     }
 
-    OMX_ERRORTYPE free_buffer(OMX_U32 port)
-    {
-        OMX_BUFFERHEADERTYPE *header = buffers[port].back();
-        buffers[port].pop_back();
-        return component.FreeBuffer(&component, port, header);
-    }
-
     void populate(OMX_U32 port)
     {
         while (!sink()->ppPorts[port]->stPortDefinition.bPopulated)
@@ -299,26 +249,33 @@ class framework_test : public testing::Test {
 
     void free_buffers(OMX_U32 port)
     {
-        while (!buffers[port].empty())
-            ASSERT_EQ(free_buffer(port), OMX_ErrorNone);
+        for (OMX_BUFFERHEADERTYPE *header : std::exchange(buffers[port], {}))
+            ASSERT_EQ(component.FreeBuffer(&component, port, header), OMX_ErrorNone);
+    }
+
+    // A change of state with the buffers that it waits for.
+    void change_state(OMX_STATETYPE target)
+    {
+        ASSERT_EQ(send(OMX_CommandStateSet, target), OMX_ErrorNone);
+        for (OMX_U32 port = 0; port < PORT_COUNT; port++) {
+            if (target == OMX_StateIdle)
+                populate(port);
+            else if (target == OMX_StateLoaded)
+                free_buffers(port);
+        }
+        if (target == OMX_StateInvalid)
+            expect_error(OMX_ErrorInvalidState);
+        else
+            expect_complete(OMX_CommandStateSet, target);
     }
 
     // From Loaded to any state, by the shortest way.
     void bring_to(OMX_STATETYPE target)
     {
-        if (target == OMX_StateInvalid) {
-            ASSERT_EQ(send(OMX_CommandStateSet, target), OMX_ErrorNone);
-            expect_error(OMX_ErrorInvalidState);
-        } else if (target == OMX_StateWaitForResources) {
-            command(OMX_CommandStateSet, target);
-        } else if (target != OMX_StateLoaded) {
-            ASSERT_EQ(send(OMX_CommandStateSet, OMX_StateIdle), OMX_ErrorNone);
-            populate(0);
-            populate(1);
-            expect_complete(OMX_CommandStateSet, OMX_StateIdle);
-            if (target != OMX_StateIdle)
-                command(OMX_CommandStateSet, target);
-        }
+        if (target == OMX_StateExecuting || target == OMX_StatePause)
+            change_state(OMX_StateIdle);
+        if (target != OMX_StateLoaded)
+            change_state(target);
     }
 
     OMX_ERRORTYPE empty(OMX_BUFFERHEADERTYPE *header, OMX_U32 bytes = BUFFER_BYTES)
@@ -329,7 +286,7 @@ class framework_test : public testing::Test {
 
     OMX_COMPONENTTYPE component = {};
     client_t client;
-    std::vector<OMX_BUFFERHEADERTYPE *> buffers[PORT_COUNT];
+    buffer_list_t buffers[PORT_COUNT];
     int64_t live_before = 0;
 };
 
