@@ -1,10 +1,7 @@
 // The cached bitstream against a plain array of bytes.
 #include "mp4mux/bitstream.h"
 #include "mp4mux/mux_context.h"
-#include "tests/support/mux_callbacks.h"
 #include "tests/support/mux_recording.h"
-
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -31,10 +28,9 @@ class Bitstream : public MuxTest {
     void TearDown() override
     {
         EXPECT_EQ(mp4_mux_close_bitstream_from_external_memory(&bs), 0);
-        the_world().files.clear();
+        world.files.clear();
         MuxTest::TearDown();
     }
-
     void set_callbacks(bool with_64bit)
     {
         const mp4_mux_init_t c = make_callbacks(with_64bit);
@@ -44,33 +40,48 @@ class Bitstream : public MuxTest {
                         c.m_pfnFclose, nullptr,        nullptr,       c.m_pfnFwrite,
                         c.m_pfnRemove, c.m_pfnFseek64, c.m_pfnFtell64};
     }
-    void open(int32_t cache_bytes, const char *file)
+    void open(int32_t cache_bytes, bool with_file = true)
     {
-        mp4_mux_open_bitstream_from_external_memory(&bs, cache, cache_bytes,
-                                                    file != nullptr ? open_file(file) : nullptr);
+        void *file = with_file ? open_file("f") : nullptr;
+        mp4_mux_open_bitstream_from_external_memory(&bs, cache, cache_bytes, file);
     }
 };
 
 TEST_F(Bitstream, WritesWhenAByteFindsTheCacheFull)
 {
-    open(4, "f");
+    open(4);
     mp4_mux_bs_write_be32(&bs, 0x01020304);
-    EXPECT_EQ(calls_of(call::fwrite), 0u);
+    EXPECT_EQ(world.calls[call::fwrite], 0u);
     EXPECT_EQ(mp4_mux_bs_write_be8(&bs, 0xA05), 5);
-    EXPECT_EQ(read_file("f"), bytes("01020304"));
+    EXPECT_EQ(world.files["f"].bytes, bytes("01020304"));
     EXPECT_EQ(bs.m_llFilePos + bs.m_uiFill, 5);
     EXPECT_EQ(mp4_mux_bs_write_fseek(&bs, 4), 0) << "a target in the cache";
     EXPECT_EQ(mp4_mux_bs_write_be8(&bs, 6), 6);
     EXPECT_EQ(mp4_mux_bs_write_flush(&bs), 1);
     EXPECT_EQ(mp4_mux_bs_write_flush(&bs), 0);
-    EXPECT_EQ(read_file("f"), bytes("0102030406"));
+    EXPECT_EQ(world.files["f"].bytes, bytes("0102030406"));
+    EXPECT_EQ(mp4_mux_close_bitstream_from_external_memory(&bs), 0);
+
+    open(4, false);
+    bs.m_pszFileName = "table";
+    EXPECT_EQ(mp4_mux_bs_write_bytes(&bs, "abcd", 4), 4);
+    EXPECT_EQ(mp4_mux_bs_write_flush(&bs), 0);
+    EXPECT_EQ(mp4_mux_bs_write_fseek_reset(&bs, 0), 0);
+    EXPECT_EQ(bs.m_uiFill + world.opened.size(), 0u);
+    EXPECT_EQ(mp4_mux_bs_write_bytes(&bs, "efghi", 5), 5);
+    EXPECT_EQ(world.files["table"].bytes, bytes("'efgh'"));
 }
 
 TEST_F(Bitstream, CarriesNumbersOfEveryWidthAcrossItsCache)
 {
     const uint64_t values[] = {0, 1, 0, 63, 1u << 20, UINT64_MAX, uint64_t{1} << 63, 5};
+    const auto read = [&]<class T>(int32_t (*function)(mp4_mux_bs_t *, T *)) {
+        T value = 0;
+        EXPECT_EQ(function(&bs, &value), 0);
+        return value;
+    };
     for (int32_t cache_bytes = 1; cache_bytes < 24; cache_bytes++) {
-        open(cache_bytes, "f");
+        open(cache_bytes);
         const uint8_t second = 2;
         mp4_mux_bs_write_be8(&bs, 0x101);
         mp4_mux_bs_write_1byte(&bs, &second);
@@ -86,26 +97,19 @@ TEST_F(Bitstream, CarriesNumbersOfEveryWidthAcrossItsCache)
             EXPECT_GT(mp4_mux_bs_write_value(&bs, value, &previous), 0);
         }
         EXPECT_GT(mp4_mux_bs_write_flush(&bs), 0);
-        std::vector<uint8_t> numbers = read_file("f");
+        Bytes numbers = world.files["f"].bytes;
         numbers.resize(28);
         EXPECT_EQ(numbers, bytes("0102030405060708090A0B0C0D0E0F101112131415161718191A1B1C"));
 
-        uint16_t two = 0;
-        uint32_t four = 0;
-        uint64_t eight = 0;
         EXPECT_EQ(mp4_mux_bs_fseek_reset(&bs, 1), 0);
         EXPECT_EQ(mp4_mux_bs_read_1byte(&bs), 2);
-        EXPECT_EQ(mp4_mux_bs_read_be16(&bs, &two) + two, 0x0304);
-        EXPECT_EQ(mp4_mux_bs_read_be32(&bs, &four), 0);
-        EXPECT_EQ(four, 0x05060708u);
-        EXPECT_EQ(mp4_mux_bs_read_be64(&bs, &eight), 0);
-        EXPECT_EQ(eight, 0x090A0B0C0D0E0F10u);
-        EXPECT_EQ(mp4_mux_bs_read_le16(&bs, &two) + two, 0x1211);
-        EXPECT_EQ(mp4_mux_bs_read_le32(&bs, &four), 0);
-        EXPECT_EQ(four, 0x16151413u);
+        EXPECT_EQ(read(mp4_mux_bs_read_be16), 0x0304);
+        EXPECT_EQ(read(mp4_mux_bs_read_be32), 0x05060708u);
+        EXPECT_EQ(read(mp4_mux_bs_read_be64), 0x090A0B0C0D0E0F10u);
+        EXPECT_EQ(read(mp4_mux_bs_read_le16), 0x1211);
+        EXPECT_EQ(read(mp4_mux_bs_read_le32), 0x16151413u);
         EXPECT_EQ(mp4_mux_bs_fseek(&bs, 8), 0);
-        EXPECT_EQ(mp4_mux_bs_read_le64(&bs, &eight), 0);
-        EXPECT_EQ(eight, 0x100F0E0D0C0B0A09u);
+        EXPECT_EQ(read(mp4_mux_bs_read_le64), 0x100F0E0D0C0B0A09u);
         EXPECT_EQ(mp4_mux_bs_skip_bytes(&bs, 12), 0);
         previous = 0;
         for (const uint64_t value : values) {
@@ -118,44 +122,30 @@ TEST_F(Bitstream, CarriesNumbersOfEveryWidthAcrossItsCache)
     }
 }
 
-TEST_F(Bitstream, StaysInMemoryUntilItsCacheOverflows)
-{
-    open(4, nullptr);
-    bs.m_pszFileName = "table";
-    EXPECT_EQ(mp4_mux_bs_write_bytes(&bs, "abcd", 4), 4);
-    EXPECT_EQ(mp4_mux_bs_write_flush(&bs), 0);
-    EXPECT_EQ(mp4_mux_bs_write_fseek_reset(&bs, 0), 0);
-    EXPECT_EQ(bs.m_uiFill, 0u);
-    EXPECT_TRUE(the_world().opened.empty());
-    EXPECT_EQ(mp4_mux_bs_write_bytes(&bs, "efghi", 5), 5);
-    EXPECT_EQ(read_file("table"), bytes("'efgh'"));
-}
-
 TEST_F(Bitstream, TellsFailuresOfFixedWidthWritersInTheRecordAlone)
 {
-    open(4, "f");
+    open(4);
     mp4_mux_bs_write_be32(&bs, 0);
-    the_world().fail = {call::fwrite, 1, true, true};
+    world.fail = {call::fwrite, 1, true, true};
     EXPECT_EQ(mp4_mux_bs_write_be32(&bs, 1), 0);
     EXPECT_STREQ(mux.m_stLastError.m_szMessage, "can't write file(bs_write_1byte)");
     EXPECT_EQ(mp4_mux_bs_write_be8(&bs, 1), MUX_ERR_WRITE);
     EXPECT_EQ(mp4_mux_bs_write_bytes(&bs, "x", 1), MUX_ERR_WRITE);
-    EXPECT_EQ(mp4_mux_bs_write_flush(&bs), MUX_ERR_WRITE);
     EXPECT_EQ(mp4_mux_bs_write_fseek_reset(&bs, 0), MUX_ERR_WRITE);
     EXPECT_STREQ(mux.m_stLastError.m_szMessage, "can't write file(bs_write_flush)");
-    the_world().fail = {call::fseek, calls_of(call::fseek) + 1, false, false};
+    world.fail = {call::fseek, world.calls[call::fseek] + 1};
     EXPECT_EQ(mp4_mux_bs_write_flush(&bs), MUX_ERR_WRITE) << "the file could not go back";
     EXPECT_EQ(mp4_mux_bs_write_flush(&bs), 4) << "the cache kept its bytes";
-    EXPECT_EQ(read_file("f"), bytes("00000000"));
+    EXPECT_EQ(world.files["f"].bytes, bytes("00000000"));
 }
 
 TEST_F(Bitstream, NeedsACacheAndPositionsThatItsCallbacksExpress)
 {
-    open(0, "f");
+    open(0);
     EXPECT_EQ(mp4_mux_bs_write_bytes(&bs, "x", 1), MUX_ERR_INVALID);
     EXPECT_STREQ(mux.m_stLastError.m_szMessage, "invalid data: cache is NULL(bs_write_bytes)");
     EXPECT_EQ(mp4_mux_bs_read_1byte(&bs), MUX_ERR_INVALID);
-    the_world().fail = {call::malloc, 1, false, false};
+    world.fail = {call::malloc, 1};
     EXPECT_EQ(mp4_mux_open_bitstream(&bs, 16, bs.m_hFile), MUX_ERR_MEMORY);
     EXPECT_EQ(mp4_mux_open_bitstream(&bs, 16, bs.m_hFile), 0);
     const int64_t beyond = int64_t{INT32_MAX} + 1;
@@ -165,7 +155,6 @@ TEST_F(Bitstream, NeedsACacheAndPositionsThatItsCallbacksExpress)
     EXPECT_EQ(mp4_mux_bs_fseek_reset(&bs, beyond), MUX_ERR_SEEK);
     EXPECT_EQ(mp4_mux_bs_write_fseek_reset(&bs, INT32_MAX), 0);
     EXPECT_EQ(mp4_mux_close_bitstream(&bs), 0);
-    EXPECT_TRUE(the_world().memory.empty());
 }
 
 TEST_F(Bitstream, BehavesLikeAnArrayOfBytes)
@@ -174,43 +163,42 @@ TEST_F(Bitstream, BehavesLikeAnArrayOfBytes)
     const unsigned seed = given != nullptr ? static_cast<unsigned>(std::atoi(given)) : 20;
     SCOPED_TRACE(testing::Message() << "SEED=" << seed);
     std::mt19937 random(seed);
-    std::vector<uint8_t> model(1);
+    Bytes model(1);
     for (int step = 0; step < 20000; step++) {
         if (step % 100 == 0) {
             EXPECT_EQ(mp4_mux_close_bitstream_from_external_memory(&bs), 0);
-            open(static_cast<int32_t>(8 + random() % 50), "f");
+            open(static_cast<int32_t>(8 + random() % 50));
             model = {static_cast<uint8_t>(step)};
             EXPECT_EQ(mp4_mux_bs_write_bytes(&bs, model.data(), 1), 1);
             EXPECT_EQ(mp4_mux_bs_write_flush(&bs), 1);
         }
         const size_t at = random() % model.size();
-        const size_t count = 1 + random() % (step % 10 == 0 ? 90 : 8);
+        const int32_t count = 1 + static_cast<int32_t>(random() % (step % 10 == 0 ? 90 : 8));
+        const size_t end = at + static_cast<size_t>(count);
         uint8_t block[90];
         if (step % 2 == 0) {
             std::generate_n(block, count, [&] { return static_cast<uint8_t>(random()); });
             ASSERT_EQ(mp4_mux_bs_fseek_reset(&bs, static_cast<int64_t>(at)), 0);
-            ASSERT_EQ(mp4_mux_bs_write_bytes(&bs, block, static_cast<int32_t>(count)),
-                      static_cast<int32_t>(count));
+            ASSERT_EQ(mp4_mux_bs_write_bytes(&bs, block, count), count);
             ASSERT_EQ(mp4_mux_bs_write_fseek_reset(&bs, 0), 0);
-            model.resize(std::max(model.size(), at + count));
-            std::copy_n(block, count, model.begin() + static_cast<ptrdiff_t>(at));
+            model.resize(std::max(model.size(), end));
+            std::copy_n(block, count, model.data() + at);
             continue;
         }
-        const size_t first = std::min<size_t>(8, std::min(count, model.size() - at));
+        const int32_t shown = std::min(8, static_cast<int32_t>(std::min(end, model.size()) - at));
         ASSERT_EQ(mp4_mux_bs_fseek(&bs, static_cast<int64_t>(at)), 0);
-        ASSERT_EQ(mp4_mux_bs_show_bytes(&bs, block, static_cast<int32_t>(first)),
-                  static_cast<int32_t>(first));
-        ASSERT_EQ(std::memcmp(block, &model[at], first), 0);
-        const int32_t got = mp4_mux_bs_read_bytes(&bs, block, static_cast<int32_t>(count));
-        ASSERT_EQ(got, at + count > model.size() ? MUX_ERR_EOF : static_cast<int32_t>(count));
-        ASSERT_TRUE(got < 0 || std::memcmp(block, &model[at], count) == 0);
-        if (at + count + 4 <= model.size()) {
+        ASSERT_EQ(mp4_mux_bs_show_bytes(&bs, block, shown), shown);
+        ASSERT_TRUE(std::equal(block, block + shown, &model[at]));
+        const int32_t got = mp4_mux_bs_read_bytes(&bs, block, count);
+        ASSERT_EQ(got, end > model.size() ? MUX_ERR_EOF : count);
+        ASSERT_TRUE(got < 0 || std::equal(block, block + count, &model[at]));
+        if (end + 4 <= model.size()) {
             ASSERT_GT(mp4_mux_bs_ready_cache(&bs), 0);
             ASSERT_EQ(mp4_mux_bs_show_bytes(&bs, block, 4), 4);
-            ASSERT_EQ(std::memcmp(block, &model[at + count], 4), 0);
+            ASSERT_TRUE(std::equal(block, block + 4, &model[end]));
         }
     }
-    EXPECT_EQ(read_file("f"), model);
+    EXPECT_EQ(world.files["f"].bytes, model);
 }
 
 } // namespace

@@ -1,11 +1,7 @@
 // The error model, hostile arguments, and every callback failing in turn.
 #include "mp4mux/mux_error.h"
 #include "tests/support/box_reader.h"
-#include "tests/support/mux_callbacks.h"
 #include "tests/support/mux_recording.h"
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 using namespace mux_test;
 
@@ -55,6 +51,9 @@ TEST_F(Failures, OfTheEntryPointAreTold)
     EXPECT_EQ(r.close(), MUX_ERR_HANDLE);
 }
 
+const char kNoCache[] = "input cache size is zero";
+const char kBadCache[] = "track cache size is out of range";
+const char kSmallCache[] = "track cache is too small<init";
 const std::string kLongName(300, 'd');
 const uint8_t kByte = 0;
 const mp4_mux_userbox_t kEmptyBox = {1, nullptr, 1};
@@ -71,43 +70,38 @@ void *refuse_to_open(const char *, const char *)
 TEST_F(Failures, OfTheOpenLeaveAHandleToAskAndClose)
 {
     using enum cache_layout;
+    using R = recording;
+    // clang-format off
     const struct {
         cache_layout layout;
         int32_t code;
-        const char *message;
-        void (*spoil)(recording &);
+        std::string message;
+        void (*spoil)(R &);
     } cases[] = {
-        {own, MUX_ERR_NO_STREAM, "stream does not exist<mux_open",
-         [](recording &r) { r.init.m_uiStreamFlags = 4; }},
-        {own, MUX_ERR_INVALID, "a callback is NULL<mux_open",
-         [](recording &r) { r.init.m_pfnFread = nullptr; }},
-        {recorder, MUX_ERR_CACHE_SIZE, "input cache size is zero<mux_open",
-         [](recording &r) { r.init.m_iCacheSize = 0; }},
-        {recorder, MUX_ERR_CACHE_SIZE, "input cache size is zero<mux_open",
-         [](recording &r) { r.init.m_iCacheSize = 3; }},
-        {recorder, MUX_ERR_CACHE_SIZE, "track cache size is out of range<mux_open",
-         [](recording &r) { r.init.m_iVideoCacheSize = -8; }},
-        {recorder, MUX_ERR_CACHE_SIZE, "track cache size is out of range<mux_open",
-         [](recording &r) { r.init.m_iVideoCacheSize = INT32_MAX - 0x100000; }},
-        {tiny, MUX_ERR_MEMORY, "track cache is too small<init<mux_open",
-         [](recording &r) { r.init.m_iAudioCacheSize = 7; }},
-        {tiny, MUX_ERR_MEMORY, "track cache is too small<init<mux_open",
-         [](recording &r) { r.init.m_iVideoCacheSize = 13; }},
-        {own, MUX_ERR_OPEN, "can't open file<mux_open",
-         [](recording &r) { r.init.m_pfnFopen = refuse_to_open; }},
-        {own, MUX_ERR_OPEN, "scratch file name is too long<init<mux_open",
-         [](recording &r) { r.init.m_pszTempDir = kLongName.c_str(); }},
-        {own, MUX_ERR_INVALID, "mp4_mux_userbox_t's value is NULL<mux_open",
-         [](recording &r) { r.input.m_pstUserBox = nullptr; }},
-        {own, MUX_ERR_INVALID, "mp4_mux_userbox_t's data is NULL<mux_open",
-         [](recording &r) { r.input.m_pstUserBox = &kEmptyBox; }},
-        {own, MUX_ERR_INVALID, "mp4_mux_userbox_t's data is too large<mux_open",
-         [](recording &r) { r.input.m_pstUserBox = &kHugeBox; }},
-        {own, MUX_ERR_INVALID, "mp4_mux_ftyp_t's value is NULL<mux_open",
-         [](recording &r) { r.input.m_pstFtyp = &kEmptyFtyp; }},
-        {own, MUX_ERR_INVALID, "mp4_mux_ftyp_t has too many brands<mux_open",
-         [](recording &r) { r.input.m_pstFtyp = &kLongFtyp; }},
+        {own, MUX_ERR_NO_STREAM, "stream does not exist", [](R &r) { r.init.m_uiStreamFlags = 4; }},
+        {own, MUX_ERR_INVALID, "a callback is NULL", [](R &r) { r.init.m_pfnFread = nullptr; }},
+        {recorder, MUX_ERR_CACHE_SIZE, kNoCache, [](R &r) { r.init.m_iCacheSize = 0; }},
+        {recorder, MUX_ERR_CACHE_SIZE, kNoCache, [](R &r) { r.init.m_iCacheSize = 3; }},
+        {recorder, MUX_ERR_CACHE_SIZE, kBadCache, [](R &r) { r.init.m_iVideoCacheSize = -8; }},
+        {recorder, MUX_ERR_CACHE_SIZE, kBadCache,
+         [](R &r) { r.init.m_iVideoCacheSize = INT32_MAX - 0x100000; }},
+        {tiny, MUX_ERR_MEMORY, kSmallCache, [](R &r) { r.init.m_iAudioCacheSize = 7; }},
+        {tiny, MUX_ERR_MEMORY, kSmallCache, [](R &r) { r.init.m_iVideoCacheSize = 13; }},
+        {own, MUX_ERR_OPEN, "can't open file", [](R &r) { r.init.m_pfnFopen = refuse_to_open; }},
+        {own, MUX_ERR_OPEN, "scratch file name is too long<init",
+         [](R &r) { r.init.m_pszTempDir = kLongName.c_str(); }},
+        {own, MUX_ERR_INVALID, "mp4_mux_userbox_t's value is NULL",
+         [](R &r) { r.input.m_pstUserBox = nullptr; }},
+        {own, MUX_ERR_INVALID, "mp4_mux_userbox_t's data is NULL",
+         [](R &r) { r.input.m_pstUserBox = &kEmptyBox; }},
+        {own, MUX_ERR_INVALID, "mp4_mux_userbox_t's data is too large",
+         [](R &r) { r.input.m_pstUserBox = &kHugeBox; }},
+        {own, MUX_ERR_INVALID, "mp4_mux_ftyp_t's value is NULL",
+         [](R &r) { r.input.m_pstFtyp = &kEmptyFtyp; }},
+        {own, MUX_ERR_INVALID, "mp4_mux_ftyp_t has too many brands",
+         [](R &r) { r.input.m_pstFtyp = &kLongFtyp; }},
     };
+    // clang-format on
     const mp4_mux_userbox_t box = {1, &kByte, 1};
     for (const auto &c : cases) {
         for (const bool is_handle : {false, true}) {
@@ -122,8 +116,8 @@ TEST_F(Failures, OfTheOpenLeaveAHandleToAskAndClose)
                 r.init.m_pOutput = open_file("out.mp4");
             }
             EXPECT_EQ(r.open(), c.code) << c.message;
-            EXPECT_EQ(r.message(), c.message);
-            EXPECT_EQ(calls_of(call::fwrite), 0u);
+            EXPECT_EQ(r.message(), c.message + "<mux_open");
+            EXPECT_EQ(world.calls[call::fwrite], 0u);
             EXPECT_LT(r.video(0, 10), 0);
             EXPECT_EQ(r.close(), 0);
             EXPECT_EQ(r.handle, nullptr);
@@ -160,14 +154,13 @@ TEST_F(Failures, OfAFrameLeaveTheFileAsItWas)
     EXPECT_EQ(check_samples(r), "");
 }
 
-std::vector<uint8_t> unit(const std::vector<uint8_t> &bytes)
+Bytes unit(const Bytes &bytes)
 {
-    return std::vector<uint8_t>{0, 0, 0, static_cast<uint8_t>(bytes.size())} + bytes;
+    return Bytes{0, 0, 0, static_cast<uint8_t>(bytes.size())} + bytes;
 }
 
 // The configuration of a track that was given `config` at open and `frame` as its first frame.
-std::vector<uint8_t> configuration_from(const std::vector<uint8_t> &config,
-                                        const std::vector<uint8_t> &frame)
+Bytes configuration_from(const Bytes &config, const Bytes &frame)
 {
     reset_world();
     recording r(false, MUX_STREAM_VIDEO);
@@ -176,25 +169,25 @@ std::vector<uint8_t> configuration_from(const std::vector<uint8_t> &config,
     EXPECT_EQ(r.put(MUX_TYPE_VIDEO, frame, 0, true), 0);
     EXPECT_EQ(r.video(40, 10), 0); // the first may be empty
     EXPECT_EQ(r.close(), 0);
-    const box_reader::movie movie = box_reader::read_movie(r.file());
+    const box_reader::movie movie = box_reader::read_movie(world.files["out.mp4"].bytes);
     EXPECT_EQ(movie.error, "");
     return movie.tracks.at(0).avc.record;
 }
 
-const std::vector<uint8_t> kRecord = bytes("01 42C01E FF E1 000A 6742C01EDA0507E84010"
-                                           "01 0004 68CE3C80");
-const std::vector<uint8_t> kSlice = bytes("65 88 80");
-const std::vector<uint8_t> kOtherSps = bytes("67 64 00 0D 01");
+const Bytes kRecord = bytes("01 42C01E FF E1 000A 6742C01EDA0507E84010"
+                            "01 0004 68CE3C80");
+const Bytes kSlice = bytes("65 88 80");
+const Bytes kOtherSps = bytes("67 64 00 0D 01");
 
 TEST_F(Failures, OfAConfigurationAreNotWritten)
 {
-    const std::vector<uint8_t> start4 = bytes("00000001");
-    const std::vector<uint8_t> start3 = bytes("000001");
-    const std::vector<uint8_t> large(1100, 0x67);
+    const Bytes start4 = bytes("00000001");
+    const Bytes start3 = bytes("000001");
+    const Bytes large(1100, 0x67);
     struct {
-        std::vector<uint8_t> config;
-        std::vector<uint8_t> frame;
-        std::vector<uint8_t> record;
+        Bytes config;
+        Bytes frame;
+        Bytes record;
     } const cases[] = {
         // from the first frame
         {{}, unit(kSps) + unit(kPps) + unit(kSlice), kRecord},
@@ -207,7 +200,7 @@ TEST_F(Failures, OfAConfigurationAreNotWritten)
         {{}, {}, {}},
         // from the caller
         {kRecord, unit(kSlice), kRecord},
-        {annex_b_parameter_sets(), unit(kOtherSps) + unit(kPps), kRecord},
+        {join_nal_units({kSps, kPps}), unit(kOtherSps) + unit(kPps), kRecord},
         {start3 + kSps + start3 + kPps, {}, kRecord},
         {start3 + kOtherSps + start4 + kSps + start3 + bytes("06 05 01") + start4 + kPps + start4 +
              kSlice,
@@ -248,7 +241,7 @@ void note(outcome *o, recording &r, int32_t result)
 outcome record_with(call kind, uint32_t at, lasting how, bool append)
 {
     reset_world();
-    the_world().fail = {kind, at, how > lasting::partly, how == lasting::partly};
+    world.fail = {kind, at, how > lasting::partly, how == lasting::partly};
     outcome o;
     recording r;
     r.set_cache(cache_layout::tiny);
@@ -259,14 +252,14 @@ outcome record_with(call kind, uint32_t at, lasting how, bool append)
     if (r.handle == nullptr) {
         return o;
     }
-    const bool came_late = calls_of(kind) < at;
+    const bool came_late = world.calls[kind] < at;
     note(&o, r, r.put(MUX_TYPE_VIDEO, unit(kSps) + unit(kPps), 0, true));
     for (uint32_t i = 1; i <= 12; i++) {
         note(&o, r, i % 2 == 1 ? r.video(i * 20, 9 + i, i % 4 == 1) : r.audio(i * 20, 5 + i));
     }
-    o.passed = came_late && how != lasting::for_ever && calls_of(kind) >= at;
+    o.passed = came_late && how != lasting::for_ever && world.calls[kind] >= at;
     if (how == lasting::to_the_close) {
-        the_world().fail = {};
+        world.fail = {};
     }
     const int32_t closed = r.close();
     if (closed < 0) {
@@ -303,7 +296,7 @@ TEST_F(Failures, OfEveryCallbackAreToldAndCostNothingThatWasTaken)
     for (const bool append : {false, true}) {
         const outcome clean = record_with(call::malloc, 0, lasting::once, append);
         ASSERT_EQ(clean.message, "");
-        auto calls = the_world().calls;
+        auto calls = world.calls;
         for (const auto &f : kFailures) {
             for (uint32_t n = 1; n <= calls[f.kind]; n++) {
                 for (const lasting how :
@@ -331,7 +324,7 @@ TEST_F(Failures, OfScratchFilesKeepWhatTheCachesHold)
     recording r(false, MUX_STREAM_AUDIO);
     r.set_cache(cache_layout::pooled);
     ASSERT_EQ(r.open(), 0);
-    the_world().fail = {call::fopen, 2, true, false}; // there is no room for scratch files
+    world.fail = {call::fopen, 2, true}; // there is no room for scratch files
     uint32_t frames = 0;
     while (r.audio(frames * 20, 10) == 0) {
         frames++;
@@ -347,12 +340,12 @@ TEST_F(Failures, AreTaggedOnTheirWayUp)
     recording r(false, MUX_STREAM_VIDEO);
     r.set_cache(cache_layout::tiny);
     ASSERT_EQ(r.open(), 0);
-    the_world().fail = {call::fwrite, calls_of(call::fwrite) + 1, true, false};
+    world.fail = {call::fwrite, world.calls[call::fwrite] + 1, true};
     EXPECT_EQ(r.video(0, 100, true), MUX_ERR_WRITE);
     EXPECT_EQ(r.message(), "can't write file(bs_write_bytes)<mp4_mux_putframe");
-    the_world().fail = {};
+    world.fail = {};
     ASSERT_EQ(r.video(0, 100, true), 0);
-    the_world().fail = {call::fclose, 1, false, false};
+    world.fail = {call::fclose, 1};
     EXPECT_EQ(r.close(), MUX_ERR_CLOSE);
     EXPECT_THAT(r.message(), testing::StartsWith("Error in fclose()<mp4_mux_close.&"));
     EXPECT_NE(r.error().m_llAux, 0);

@@ -1,59 +1,51 @@
 // The road of the sample tables: caches, scratch files, the memory lent for the close, the append
 // callback, and sizes beyond 32 bits.
 #include "tests/support/box_reader.h"
-#include "tests/support/mux_callbacks.h"
 #include "tests/support/mux_recording.h"
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <sys/mman.h>
 
 using namespace mux_test;
 using box_reader::read_movie;
-using testing::ElementsAre;
+using enum cache_layout;
 
 namespace {
 
 class Tables : public MuxTest {};
 
-struct variant {
-    cache_layout layout;
-    int32_t close_memory;
-    bool append;
-};
-
-std::vector<uint8_t> record(const variant &v, bool with_64bit, uint32_t frames)
+Bytes record(cache_layout layout, int32_t close_memory, bool with_64bit, bool append = false)
 {
     reset_world();
     recording r(with_64bit);
-    r.set_cache(v.layout);
-    if (v.close_memory > 0) {
-        r.lend_close_memory(v.close_memory);
-    }
-    r.init.m_pfnAppendFile = v.append ? append_whole_file : nullptr;
+    r.set_cache(layout);
+    r.lend_close_memory(close_memory);
+    r.init.m_pfnAppendFile = append ? append_whole_file : nullptr;
     EXPECT_EQ(r.open(), 0) << r.message();
-    EXPECT_EQ(put_programme(r, frames, 10), 0) << r.message();
+    EXPECT_EQ(put_programme(r, 900, 10), 0) << r.message();
     EXPECT_EQ(r.close(), 0) << r.message();
-    return r.file();
+    EXPECT_EQ(leftovers(), "");
+    return world.files["out.mp4"].bytes;
 }
 
 TEST_F(Tables, MakeTheSameFileWhateverTheMemory)
 {
     for (const bool with_64bit : {false, true}) {
-        const std::vector<uint8_t> reference =
-            record({cache_layout::own, 0, false}, with_64bit, 900);
-        EXPECT_EQ(read_movie(reference).error, "");
-        EXPECT_THAT(the_world().opened, ElementsAre("out.mp4")) << "these tables fit their caches";
-        for (const cache_layout layout : {cache_layout::own, cache_layout::recorder,
-                                          cache_layout::pooled, cache_layout::tiny}) {
-            for (const int32_t close_memory :
-                 {0, 5, 3608, 5000, 60000, 1023999, 1024003, 0x300000}) {
-                const variant v = {layout, close_memory, false};
-                EXPECT_EQ(difference(record(v, with_64bit, 900), reference), "")
-                    << static_cast<int>(layout) << " " << close_memory;
-                EXPECT_EQ(leftovers(), "");
+        const Bytes reference = record(own, 0, with_64bit);
+        const box_reader::movie plain = read_movie(reference);
+        EXPECT_EQ(plain.error, "");
+        EXPECT_EQ(world.opened.size(), 1u) << "these tables fit their caches";
+        for (const cache_layout layout : {own, recorder, pooled, tiny}) {
+            SCOPED_TRACE(static_cast<int>(layout));
+            for (const int size : {0, 5, 3608, 5000, 60000, 1023999, 1024003, 0x300000}) {
+                EXPECT_TRUE(record(layout, size, with_64bit) == reference) << size;
+                EXPECT_EQ(world.calls[call::append], 0u);
             }
+            const Bytes file = record(layout, 0x300000, with_64bit, true);
+            EXPECT_TRUE(layout != tiny || world.calls[call::append] == 6);
+            const box_reader::movie appended = read_movie(file);
+            EXPECT_EQ(appended.error, "");
+            EXPECT_EQ(appended.tracks.at(0).samples, plain.tracks.at(0).samples);
+            EXPECT_EQ(appended.tracks.at(1).samples, plain.tracks.at(1).samples);
         }
     }
 }
@@ -63,144 +55,86 @@ TEST_F(Tables, OverflowIntoScratchFilesThatTheCloseRemoves)
     for (const std::string directory : {"", "/tmp/scratch/"}) {
         reset_world();
         recording r;
-        r.set_cache(cache_layout::tiny);
+        r.set_cache(tiny);
         r.init.m_pszTempDir = directory.empty() ? nullptr : "/tmp/scratch";
         ASSERT_EQ(r.open(), 0);
         ASSERT_EQ(put_programme(r, 50, 10), 0);
         ASSERT_EQ(r.close(), 0);
         std::vector<std::string> names;
-        for (const char *name : {"a_stco.tmp", "a_stsz.tmp", "v_stco.tmp", "v_stsz.tmp",
-                                 "v_stss.tmp", "v_stts_dts.tmp"}) {
-            names.push_back(directory + name);
+        for (const char *name : {"a_stco", "a_stsz", "v_stco", "v_stsz", "v_stss", "v_stts_dts"}) {
+            names.push_back(directory + name + ".tmp");
         }
-        EXPECT_EQ(the_world().removed, names);
-        names.insert(names.begin(), "out.mp4");
-        EXPECT_THAT(the_world().opened, testing::UnorderedElementsAreArray(names));
+        EXPECT_EQ(world.removed, names);
+        names.emplace_back("out.mp4");
+        EXPECT_THAT(world.opened, testing::UnorderedElementsAreArray(names));
     }
 }
 
-TEST_F(Tables, AreAppendedWholeWhereTheCallerCan)
+// Frames of any size without their bytes: memory that no one reads.
+TEST_F(Tables, EndWhereOffsetsAndSeeksEnd)
 {
-    using enum cache_layout;
-    for (const bool with_64bit : {false, true}) {
-        for (const cache_layout layout : {own, recorder, pooled, tiny}) {
-            const box_reader::movie plain =
-                read_movie(record({layout, 0, false}, with_64bit, 2000));
-            EXPECT_EQ(calls_of(call::append), 0u);
-            const box_reader::movie appended =
-                read_movie(record({layout, 0x300000, true}, with_64bit, 2000));
-            EXPECT_EQ(leftovers(), "");
-            EXPECT_EQ(appended.error, "") << static_cast<int>(layout);
-            EXPECT_EQ(appended.tracks.at(0).samples, plain.tracks.at(0).samples);
-            EXPECT_EQ(appended.tracks.at(1).samples, plain.tracks.at(1).samples);
-            EXPECT_TRUE(layout != tiny || calls_of(call::append) == 6);
+    constexpr size_t kGhostBytes = size_t{1} << 28;
+    constexpr size_t kHeadBytes = 28 + 8;
+    constexpr uint64_t k4GiB = uint64_t{1} << 32;
+    const int flags = MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE;
+    void *memory = mmap(nullptr, kGhostBytes, PROT_NONE, flags, -1, 0);
+    ASSERT_NE(memory, MAP_FAILED);
+    // clang-format off
+    const struct {
+        bool with_64bit;
+        uint32_t options;
+        uint64_t media_bytes, beyond; // and the size of a frame that has no place behind them
+        const char *message, *headers, *offsets;
+    } cases[] = {
+        {true, 0, 0xFFFFFFF7, 0, "", "00000008 'free' FFFFFFFF 'mdat'", "co64"},
+        {true, 0, 0xFFFFFFF8, 0, "", "00000001 'mdat' 0000000100000008", "co64"},
+        {true, MUX_OPTION_32BIT_OFFSET, k4GiB, 1, "frame lies beyond 32-bit chunk offsets",
+         "00000001 'mdat' 0000000100000010", "stco"},
+        {false, 0, 8 * kGhostBytes - 2000, 2000, "frame lies beyond 32-bit seeks",
+         "00000008 'free' 7FFFF838 'mdat'", "stco"},
+    };
+    // clang-format on
+    for (const auto &c : cases) {
+        reset_world();
+        world.ghost = static_cast<const uint8_t *>(memory);
+        world.ghost_bytes = kGhostBytes;
+        world.hole_begin = kHeadBytes;
+        world.hole_end = kHeadBytes + c.media_bytes;
+        recording r(c.with_64bit, MUX_STREAM_VIDEO);
+        r.init.m_uiOptions = c.options;
+        ASSERT_EQ(r.open(), 0);
+        const auto put = [&](uint64_t at, uint64_t size) {
+            mp4_mux_putstream_t frame = {world.ghost,
+                                         static_cast<int32_t>(size),
+                                         MUX_TYPE_VIDEO,
+                                         static_cast<uint32_t>(at / 100000),
+                                         0,
+                                         0};
+            return QVR_MP4_MUX(MUX_PUTFRAME, &r.handle, &frame, nullptr);
+        };
+        for (uint64_t at = 0; at < c.media_bytes; at += kGhostBytes) {
+            const uint64_t size = std::min<uint64_t>(c.media_bytes - at, kGhostBytes);
+            if (size < kGhostBytes && c.beyond > 1) { // a smaller one still has its place
+                EXPECT_EQ(put(at, kGhostBytes), MUX_ERR_INVALID);
+            }
+            ASSERT_EQ(put(at, size), 0) << r.message();
         }
-    }
-}
-
-// Memory that no one reads: frames of any size without their bytes.
-class LargeFiles : public Tables {
-  protected:
-    static constexpr size_t kGhostBytes = size_t{1} << 28;
-    static constexpr uint64_t kHeadBytes = 28 + 8;
-
-    void SetUp() override
-    {
-        Tables::SetUp();
-        void *memory = mmap(nullptr, kGhostBytes, PROT_NONE,
-                            MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-        ASSERT_NE(memory, MAP_FAILED);
-        the_world().ghost = static_cast<const uint8_t *>(memory);
-        the_world().ghost_bytes = kGhostBytes;
-    }
-    void TearDown() override
-    {
-        munmap(const_cast<uint8_t *>(the_world().ghost), kGhostBytes);
-        Tables::TearDown();
-    }
-
-    // Frames that add up to `total` bytes, of which the file keeps none.
-    static int32_t put_ghosts(recording &r, uint64_t total)
-    {
-        int32_t result = 0;
-        for (uint32_t time_ms = 0; total > 0 && result == 0; time_ms += 1000) {
-            const uint64_t size = std::min<uint64_t>(total, kGhostBytes);
-            mp4_mux_putstream_t frame = {
-                the_world().ghost, static_cast<int32_t>(size), MUX_TYPE_VIDEO, time_ms, 0, 0};
-            result = QVR_MP4_MUX(MUX_PUTFRAME, &r.handle, &frame, nullptr);
-            total -= size;
-        }
-        return result;
-    }
-
-    static void drop(uint64_t media_bytes)
-    {
-        the_world().hole_begin = kHeadBytes;
-        the_world().hole_end = kHeadBytes + media_bytes;
-    }
-
-    // Checks the headers before the media data.
-    // returns  the movie box behind them
-    static box_reader::movie read_around_hole(const char *headers)
-    {
-        std::vector<uint8_t> file = read_file("out.mp4");
-        EXPECT_EQ(std::vector<uint8_t>(file.begin() + 20, file.begin() + 36), bytes(headers));
+        EXPECT_EQ(c.beyond == 0 ? 0 : put(k4GiB, c.beyond), c.beyond == 0 ? 0 : MUX_ERR_INVALID);
+        EXPECT_EQ(r.message(), c.message);
+        ASSERT_EQ(r.close(), 0) << r.message();
+        Bytes file = world.files["out.mp4"].bytes;
+        EXPECT_EQ(Bytes(file.begin() + 20, file.begin() + kHeadBytes), bytes(c.headers));
         file.erase(file.begin(), file.begin() + kHeadBytes);
         const box_reader::movie movie = read_movie(file);
         EXPECT_EQ(movie.error, "");
-        return movie;
+        const size_t frames = static_cast<size_t>((c.media_bytes + kGhostBytes - 1) / kGhostBytes);
+        EXPECT_EQ(movie.tracks.at(0).samples.size(), frames);
+        EXPECT_EQ(movie.tracks[0].samples.back().offset,
+                  kHeadBytes + (frames - 1) * uint64_t{kGhostBytes});
+        const std::string table = std::string("moov/trak/mdia/minf/stbl/") + c.offsets;
+        EXPECT_NE(find(movie.boxes, table), nullptr);
     }
-};
-
-TEST_F(LargeFiles, TakeALongMediaHeaderBeyond32Bits)
-{
-    const struct {
-        uint64_t media_bytes;
-        const char *headers;
-    } cases[] = {
-        {0xFFFFFFF7, "00000008 'free' FFFFFFFF 'mdat'"},
-        {0xFFFFFFF8, "00000001 'mdat' 0000000100000008"},
-    };
-    for (const auto &c : cases) {
-        recording r(true, MUX_STREAM_VIDEO);
-        r.set_cache(cache_layout::recorder);
-        drop(c.media_bytes);
-        ASSERT_EQ(r.open(), 0);
-        ASSERT_EQ(put_ghosts(r, c.media_bytes), 0) << r.message();
-        ASSERT_EQ(r.close(), 0);
-        const box_reader::movie movie = read_around_hole(c.headers);
-        EXPECT_EQ(movie.tracks.at(0).samples.back().offset, kHeadBytes + 15 * kGhostBytes);
-        EXPECT_NE(find(movie.boxes, "moov/trak/mdia/minf/stbl/co64"), nullptr);
-    }
-}
-
-TEST_F(LargeFiles, EndWhere32BitOffsetsEnd)
-{
-    recording r(true, MUX_STREAM_VIDEO);
-    r.init.m_uiOptions = MUX_OPTION_32BIT_OFFSET;
-    drop(uint64_t{1} << 32);
-    ASSERT_EQ(r.open(), 0);
-    ASSERT_EQ(put_ghosts(r, uint64_t{1} << 32), 0) << "the last frame begins below 4 GiB";
-    EXPECT_EQ(put_ghosts(r, 1), MUX_ERR_INVALID);
-    EXPECT_EQ(r.message(), "frame lies beyond 32-bit chunk offsets");
-    ASSERT_EQ(r.close(), 0);
-    const box_reader::movie movie = read_around_hole("00000001 'mdat' 0000000100000010");
-    EXPECT_EQ(movie.tracks.at(0).samples.size(), 16u);
-    EXPECT_NE(find(movie.boxes, "moov/trak/mdia/minf/stbl/stco"), nullptr);
-}
-
-TEST_F(LargeFiles, EndWhere32BitSeeksEnd)
-{
-    recording r(false, MUX_STREAM_VIDEO);
-    const uint64_t most = 8 * kGhostBytes - 2000;
-    drop(most);
-    ASSERT_EQ(r.open(), 0);
-    ASSERT_EQ(put_ghosts(r, 7 * kGhostBytes), 0);
-    EXPECT_EQ(put_ghosts(r, kGhostBytes), MUX_ERR_INVALID);
-    EXPECT_EQ(r.message(), "frame lies beyond 32-bit seeks");
-    EXPECT_EQ(put_ghosts(r, kGhostBytes - 2000), 0) << "a smaller one still has its place";
-    ASSERT_EQ(r.close(), 0) << r.message();
-    EXPECT_EQ(read_around_hole("00000008 'free' 7FFFF838 'mdat'").tracks.at(0).samples.size(), 8u);
+    munmap(memory, kGhostBytes);
 }
 
 } // namespace

@@ -11,284 +11,215 @@ using bytes = std::span<const uint8_t>;
 // Reads big-endian numbers; reading past the end gives zeros and is remembered.
 struct cursor {
     bytes data;
-    size_t at = 0;
     bool overrun = false;
 
-    uint64_t number(size_t count)
+    bytes take(uint64_t count)
+    {
+        overrun = overrun || count > data.size();
+        const bytes taken = data.first(std::min<size_t>(static_cast<size_t>(count), data.size()));
+        data = data.subspan(taken.size());
+        return taken;
+    }
+    uint64_t number(size_t width)
     {
         uint64_t value = 0;
-        for (size_t i = 0; i < count; i++) {
-            value = value << 8 | (at < data.size() ? data[at] : 0);
-            overrun = overrun || at >= data.size();
-            at++;
+        for (const uint8_t byte : take(width)) {
+            value = value << 8 | byte;
         }
         return value;
     }
-    uint8_t u8()
+    uint32_t u32(size_t width = 4)
     {
-        return static_cast<uint8_t>(number(1));
+        return static_cast<uint32_t>(number(width));
     }
-    uint16_t u16()
+    std::string text()
     {
-        return static_cast<uint16_t>(number(2));
-    }
-    uint32_t u32()
-    {
-        return static_cast<uint32_t>(number(4));
-    }
-    std::vector<uint8_t> take(size_t count)
-    {
-        overrun = overrun || count > data.size() - std::min(at, data.size());
-        std::vector<uint8_t> taken;
-        for (size_t i = 0; i < count && at < data.size(); i++) {
-            taken.push_back(data[at++]);
-        }
-        return taken;
-    }
-    std::string text(size_t count)
-    {
-        const std::vector<uint8_t> characters = take(count);
+        const bytes characters = take(4);
         return {characters.begin(), characters.end()};
+    }
+    bool is_used_up() const
+    {
+        return !overrun && data.empty();
     }
 };
 
-bytes part(bytes image, uint64_t from, uint64_t count)
+std::vector<uint8_t> copy(bytes from)
 {
-    return image.subspan(static_cast<size_t>(from), static_cast<size_t>(count));
-}
-
-bytes inside(bytes image, const box &found)
-{
-    return part(image, found.offset + found.header_bytes, found.size - found.header_bytes);
+    return {from.begin(), from.end()};
 }
 
 struct reader {
-    bytes image;
     std::string error;
 
-    void fail(const std::string &what)
+    bool check(bool sound, const std::string &what)
     {
-        if (error.empty()) {
-            error = what;
-        }
+        error = error.empty() && !sound ? what : error;
+        return sound;
     }
 
-    cursor open(const box &found) const
-    {
-        return {inside(image, found)};
-    }
-
-    std::vector<box> read_boxes(uint64_t from, uint64_t end, bool top);
-    void read_track(const box &trak, track *result);
+    std::vector<box> read_boxes(bytes image, bool top);
+    cursor descriptor(cursor *in, uint32_t tag);
+    void read_avcc(const box &avcc, avc_configuration *result);
+    void read_esds(const box &esds, stream_descriptors *result);
     void read_sample_entry(const box &stsd, track *result);
-    void read_avcc(const box &avcc, track *result);
-    void read_esds(const box &esds, track *result);
+    std::vector<std::vector<uint64_t>> table(const box *found, size_t skip, size_t fields,
+                                             size_t width = 4);
     void read_samples(const box &stbl, track *result);
+    void read_track(const box &trak, track *result);
 };
 
-bool is_container(const std::string &type)
+std::vector<box> reader::read_boxes(bytes image, bool top)
 {
-    static const std::set<std::string> kContainers = {"moov", "trak", "mdia", "minf",
-                                                      "dinf", "stbl", "udta"};
-    return kContainers.count(type) != 0;
-}
-
-std::vector<box> reader::read_boxes(uint64_t from, uint64_t end, bool top)
-{
+    static const std::set<std::string> containers = {"moov", "trak", "mdia", "minf",
+                                                     "dinf", "stbl", "udta"};
     std::vector<box> boxes;
-    while (from < end) {
-        cursor in = {part(image, from, end - from)};
+    while (!image.empty()) {
+        cursor in = {image};
         box found;
-        found.offset = from;
         found.size = in.u32();
-        found.type = in.text(4);
+        found.type = in.text();
         if (found.size == 1) {
             found.size = in.number(8);
         } else if (found.size == 0 && top) {
-            found.size = end - from;
+            found.size = image.size();
         }
-        found.header_bytes = in.at;
-        if (in.overrun || found.size < found.header_bytes || found.size > end - from) {
-            fail("box " + found.type + " at " + std::to_string(from) + " leaves its container");
-            return boxes;
+        const size_t header_bytes = image.size() - in.data.size();
+        if (!check(!in.overrun && found.size >= header_bytes && found.size <= image.size(),
+                   "box " + found.type + " leaves its container")) {
+            break;
         }
-        if (is_container(found.type)) {
-            found.children = read_boxes(from + found.header_bytes, from + found.size, false);
+        found.payload = in.take(found.size - header_bytes);
+        if (containers.count(found.type) != 0) {
+            found.children = read_boxes(found.payload, false);
         }
-        from += found.size;
+        image = in.data;
         boxes.push_back(found);
     }
     return boxes;
 }
 
-void reader::read_avcc(const box &avcc, track *result)
+void reader::read_avcc(const box &avcc, avc_configuration *result)
 {
-    cursor in = open(avcc);
-    result->avc.record.assign(in.data.begin(), in.data.end());
+    cursor in = {avcc.payload};
+    result->record = copy(in.data);
     if (in.data.empty()) {
         return;
     }
-    if (in.u8() != 1) {
-        fail("configurationVersion is not 1");
-    }
+    check(in.u32(1) == 1, "configurationVersion is not 1");
     in.take(3);
-    result->avc.length_bytes = (in.u8() & 3u) + 1;
-    const uint32_t sps_count = in.u8() & 0x1Fu;
-    for (uint32_t i = 0; i < sps_count; i++) {
-        result->avc.sps.push_back(in.take(in.u16()));
+    check((in.u32(1) & 3) == 3, "NAL units' lengths are not of 4 bytes");
+    for (uint32_t count = in.u32(1) & 0x1F; count > 0; count--) {
+        result->sps.push_back(copy(in.take(in.number(2))));
     }
-    const uint32_t pps_count = in.u8();
-    for (uint32_t i = 0; i < pps_count; i++) {
-        result->avc.pps.push_back(in.take(in.u16()));
+    for (uint32_t count = in.u32(1); count > 0; count--) {
+        result->pps.push_back(copy(in.take(in.number(2))));
     }
-    if (in.overrun || in.at != in.data.size()) {
-        fail("avcC does not add up");
-    }
+    check(in.is_used_up(), "avcC does not add up");
 }
 
 // Reads a descriptor's tag and size.
 // returns  a cursor on its payload; the outer cursor moves behind it
-cursor descriptor(cursor *in, uint32_t expected_tag, reader *r)
+cursor reader::descriptor(cursor *in, uint32_t tag)
 {
-    if (in->u8() != expected_tag) {
-        r->fail("descriptor tag is not " + std::to_string(expected_tag));
+    check(in->u32(1) == tag, "descriptor tag is not " + std::to_string(tag));
+    uint64_t size = 0;
+    uint32_t group = 0x80;
+    while ((group & 0x80) != 0 && !in->overrun) {
+        group = in->u32(1);
+        size = size << 7 | (group & 0x7F);
     }
-    size_t size = 0;
-    uint8_t group = 0;
-    do {
-        group = in->u8();
-        size = size << 7 | (group & 0x7Fu);
-    } while ((group & 0x80) != 0 && !in->overrun);
-    if (size > in->data.size() - std::min(in->at, in->data.size())) {
-        r->fail("descriptor leaves its container");
-        size = 0;
-    }
-    const cursor payload_in = {in->data.subspan(std::min(in->at, in->data.size()), size)};
-    in->at += size;
-    return payload_in;
+    const bytes payload = in->take(size);
+    check(!in->overrun, "descriptor leaves its container");
+    return {payload};
 }
 
-void reader::read_esds(const box &esds, track *result)
+void reader::read_esds(const box &esds, stream_descriptors *result)
 {
-    cursor in = open(esds);
+    cursor in = {esds.payload};
     in.u32();
-    cursor es = descriptor(&in, 3, this);
+    cursor es = descriptor(&in, 3);
     es.take(3);
-    cursor config = descriptor(&es, 4, this);
-    result->esds.object_type = config.u8();
-    result->esds.stream_type = config.u8() >> 2;
+    cursor config = descriptor(&es, 4);
+    result->object_type = config.u32(1);
+    result->stream_type = config.u32(1) >> 2;
     config.take(11);
-    if (config.at < config.data.size()) {
-        const cursor info = descriptor(&config, 5, this);
-        result->esds.specific_info.assign(info.data.begin(), info.data.end());
+    if (!config.data.empty()) {
+        result->specific_info = copy(descriptor(&config, 5).data);
     }
-    cursor sl = descriptor(&es, 6, this);
-    if (sl.u8() != 2 || in.at != in.data.size() || es.at != es.data.size() ||
-        config.at != config.data.size()) {
-        fail("esds does not add up");
-    }
+    check(descriptor(&es, 6).u32(1) == 2 && in.is_used_up() && es.is_used_up() &&
+              config.is_used_up(),
+          "esds does not add up");
 }
 
 void reader::read_sample_entry(const box &stsd, track *result)
 {
-    cursor in = open(stsd);
+    cursor in = {stsd.payload};
     in.u32();
-    if (in.u32() != 1) {
-        fail("stsd has not one entry");
-        return;
-    }
-    const uint64_t start = in.at;
-    const uint64_t size = in.u32();
-    result->entry_type = in.text(4);
-    in.take(8);
+    check(in.u32() == 1 && in.u32() == in.data.size() + 4, "stsd is not filled by one entry");
+    in.take(12);
     if (result->handler == "vide") {
         in.take(70);
     } else {
         in.take(16);
         result->sample_rate = in.u32() >> 16;
     }
-    const uint64_t base = stsd.offset + stsd.header_bytes;
-    if (in.overrun || start + size != in.data.size() || in.at > start + size) {
-        fail("sample entry does not fill stsd");
-        return;
-    }
-    for (const box &child : read_boxes(base + in.at, base + start + size, false)) {
+    check(!in.overrun, "sample entry is too short");
+    for (const box &child : read_boxes(in.data, false)) {
         if (child.type == "avcC") {
-            read_avcc(child, result);
+            read_avcc(child, &result->avc);
         } else if (child.type == "esds") {
-            read_esds(child, result);
+            read_esds(child, &result->esds);
         }
     }
 }
 
 // The records of a table box: `fields` numbers of `width` bytes each, after a count. The box may
 // be longer than its records.
-std::vector<std::vector<uint64_t>> table(reader *r, const box *found, size_t skip, size_t fields,
-                                         size_t width)
+std::vector<std::vector<uint64_t>> reader::table(const box *found, size_t skip, size_t fields,
+                                                 size_t width)
 {
     std::vector<std::vector<uint64_t>> records;
-    if (found == nullptr) {
-        r->fail("a sample table is missing");
+    if (!check(found != nullptr, "a sample table is missing")) {
         return records;
     }
-    cursor in = r->open(*found);
+    cursor in = {found->payload};
     in.take(4 + skip);
-    const uint64_t count = in.u32();
-    if (in.overrun || in.data.size() - in.at < count * fields * width) {
-        r->fail("table " + found->type + " does not add up");
-        return records;
+    for (uint32_t count = in.u32(); count > 0 && !in.overrun; count--) {
+        records.emplace_back(fields);
+        std::generate(records.back().begin(), records.back().end(),
+                      [&] { return in.number(width); });
     }
-    for (uint64_t i = 0; i < count; i++) {
-        std::vector<uint64_t> record;
-        for (size_t field = 0; field < fields; field++) {
-            record.push_back(in.number(width));
-        }
-        records.push_back(record);
-    }
+    check(!in.overrun, "table " + found->type + " does not add up");
     return records;
 }
 
 void reader::read_samples(const box &stbl, track *result)
 {
     const box *co64 = find(stbl.children, "co64");
-    const auto offsets = co64 != nullptr ? table(this, co64, 0, 1, 8)
-                                         : table(this, find(stbl.children, "stco"), 0, 1, 4);
-    const auto sizes = table(this, find(stbl.children, "stsz"), 4, 1, 4);
-    const auto chunks = table(this, find(stbl.children, "stsc"), 0, 3, 4);
-    const auto runs = table(this, find(stbl.children, "stts"), 0, 2, 4);
-    if (chunks.size() != 1 || chunks[0] != std::vector<uint64_t>{1, 1, 1} ||
-        offsets.size() != sizes.size()) {
-        fail("not one sample per chunk");
+    const box *stss = find(stbl.children, "stss");
+    const auto offsets =
+        co64 != nullptr ? table(co64, 0, 1, 8) : table(find(stbl.children, "stco"), 0, 1);
+    const auto sizes = table(find(stbl.children, "stsz"), 4, 1);
+    const auto chunks = table(find(stbl.children, "stsc"), 0, 3);
+    if (!check(chunks == decltype(chunks){{1, 1, 1}} && offsets.size() == sizes.size(),
+               "not one sample per chunk")) {
         return;
     }
-    for (size_t i = 0; i < sizes.size(); i++) {
-        sample next;
-        next.offset = offsets[i][0];
-        next.size = static_cast<uint32_t>(sizes[i][0]);
-        result->samples.push_back(next);
-    }
-    size_t at = 0;
     uint64_t time = 0;
-    for (const auto &run : runs) {
-        for (uint64_t i = 0; i < run[0] && at < result->samples.size(); i++, at++) {
-            result->samples[at].time = time;
-            result->samples[at].duration = static_cast<uint32_t>(run[1]);
+    for (const auto &run : table(find(stbl.children, "stts"), 0, 2)) {
+        for (uint64_t i = 0; i < run[0] && result->samples.size() < sizes.size(); i++) {
+            const size_t at = result->samples.size();
+            result->samples.push_back({offsets[at][0], static_cast<uint32_t>(sizes[at][0]), time,
+                                       static_cast<uint32_t>(run[1]), stss == nullptr});
             time += run[1];
         }
     }
-    if (at != result->samples.size()) {
-        fail("stts does not cover all samples");
+    check(result->samples.size() == sizes.size(), "stts does not cover all samples");
+    if (stss == nullptr) {
+        return;
     }
-    const box *stss = find(stbl.children, "stss");
-    for (sample &each : result->samples) {
-        each.sync = stss == nullptr;
-    }
-    if (stss != nullptr) {
-        for (const auto &record : table(this, stss, 0, 1, 4)) {
-            if (record[0] == 0 || record[0] > result->samples.size()) {
-                fail("stss names a sample that is not there");
-                return;
-            }
+    for (const auto &record : table(stss, 0, 1)) {
+        if (check(record[0] > 0 && record[0] <= result->samples.size(), "stss leaves the track")) {
             result->samples[static_cast<size_t>(record[0] - 1)].sync = true;
         }
     }
@@ -301,26 +232,25 @@ void reader::read_track(const box &trak, track *result)
     const box *hdlr = find(trak.children, "mdia/hdlr");
     const box *stbl = find(trak.children, "mdia/minf/stbl");
     const box *stsd = find(trak.children, "mdia/minf/stbl/stsd");
-    if (tkhd == nullptr || mdhd == nullptr || hdlr == nullptr || stbl == nullptr ||
-        stsd == nullptr) {
-        fail("a box of a track is missing");
+    if (!check(tkhd != nullptr && mdhd != nullptr && hdlr != nullptr && stsd != nullptr,
+               "a box of a track is missing")) {
         return;
     }
-    cursor in = open(*tkhd);
-    const size_t tkhd_width = (in.u32() >> 24) == 1 ? 8 : 4;
-    result->creation_time = in.number(tkhd_width);
-    in.number(tkhd_width);
+    cursor in = {tkhd->payload};
+    size_t width = in.u32() >> 24 == 1 ? 8 : 4;
+    result->creation_time = in.number(width);
+    in.take(width);
     result->id = in.u32();
     in.u32();
-    result->movie_duration = in.number(tkhd_width);
-    in = open(*mdhd);
-    const size_t mdhd_width = (in.u32() >> 24) == 1 ? 8 : 4;
-    in.take(2 * mdhd_width);
+    result->movie_duration = in.number(width);
+    in = {mdhd->payload};
+    width = in.u32() >> 24 == 1 ? 8 : 4;
+    in.take(2 * width);
     result->timescale = in.u32();
-    result->media_duration = in.number(mdhd_width);
-    in = open(*hdlr);
+    result->media_duration = in.number(width);
+    in = {hdlr->payload};
     in.take(8);
-    result->handler = in.text(4);
+    result->handler = in.text();
     read_sample_entry(*stsd, result);
     read_samples(*stbl, result);
 }
@@ -330,48 +260,41 @@ void reader::read_track(const box &trak, track *result)
 const box *find(const std::vector<box> &boxes, const std::string &path)
 {
     const size_t slash = path.find('/');
-    for (const box &each : boxes) {
-        if (each.type == path.substr(0, slash)) {
-            return slash == std::string::npos ? &each : find(each.children, path.substr(slash + 1));
-        }
+    const auto found = std::find_if(boxes.begin(), boxes.end(), [&](const box &each) {
+        return each.type == path.substr(0, slash);
+    });
+    if (found == boxes.end() || slash == std::string::npos) {
+        return found == boxes.end() ? nullptr : &*found;
     }
-    return nullptr;
+    return find(found->children, path.substr(slash + 1));
 }
 
 const track *find_track(const movie &file, const std::string &handler)
 {
-    for (const track &each : file.tracks) {
-        if (each.handler == handler) {
-            return &each;
-        }
-    }
-    return nullptr;
+    const auto found = std::find_if(file.tracks.begin(), file.tracks.end(),
+                                    [&](const track &each) { return each.handler == handler; });
+    return found == file.tracks.end() ? nullptr : &*found;
 }
 
 movie read_movie(std::span<const uint8_t> image)
 {
     movie result;
-    reader r = {image, {}};
-    result.boxes = r.read_boxes(0, image.size(), true);
-    const box *moov = find(result.boxes, "moov");
+    reader r;
+    result.boxes = r.read_boxes(image, true);
     const box *mvhd = find(result.boxes, "moov/mvhd");
-    if (moov == nullptr || mvhd == nullptr) {
-        r.fail("no movie");
-        result.error = r.error;
-        return result;
-    }
-    cursor in = r.open(*mvhd);
-    const size_t width = (in.u32() >> 24) == 1 ? 8 : 4;
-    result.creation_time = in.number(width);
-    in.number(width);
-    result.timescale = in.u32();
-    result.duration = in.number(width);
-    in.take(76);
-    result.next_track_id = in.u32();
-    for (const box &each : moov->children) {
-        if (each.type == "trak") {
-            result.tracks.emplace_back();
-            r.read_track(each, &result.tracks.back());
+    if (r.check(mvhd != nullptr, "no movie")) {
+        cursor in = {mvhd->payload};
+        const size_t width = in.u32() >> 24 == 1 ? 8 : 4;
+        result.creation_time = in.number(width);
+        in.take(width);
+        result.timescale = in.u32();
+        result.duration = in.number(width);
+        in.take(76);
+        result.next_track_id = in.u32();
+        for (const box &each : find(result.boxes, "moov")->children) {
+            if (each.type == "trak") {
+                r.read_track(each, &result.tracks.emplace_back());
+            }
         }
     }
     result.error = r.error;

@@ -12,9 +12,8 @@ namespace box_reader {
 
 struct box {
     std::string type;
-    uint64_t offset = 0; // of the header, from the start of the image
-    uint64_t header_bytes = 0;
     uint64_t size = 0; // header included; up to the image's end where the file says 0
+    std::span<const uint8_t> payload;
     std::vector<box> children;
 };
 
@@ -30,39 +29,30 @@ struct sample {
 
 struct avc_configuration {
     std::vector<uint8_t> record;
-    uint32_t length_bytes = 0; // of the length in front of each NAL unit
-    std::vector<std::vector<uint8_t>> sps;
-    std::vector<std::vector<uint8_t>> pps;
+    std::vector<std::vector<uint8_t>> sps, pps;
 };
 
 struct stream_descriptors {
-    uint32_t object_type = 0;
-    uint32_t stream_type = 0;
+    uint32_t object_type = 0, stream_type = 0;
     std::vector<uint8_t> specific_info;
 };
 
 struct track {
-    uint32_t id = 0;
+    uint32_t id = 0, timescale = 0, sample_rate = 0;
     uint64_t creation_time = 0;
-    uint64_t movie_duration = 0; // in ticks of the movie
+    uint64_t movie_duration = 0, media_duration = 0; // in ticks of the movie and of the track
     std::string handler;
-    uint32_t timescale = 0;
-    uint64_t media_duration = 0;
-    std::string entry_type;
-    uint32_t sample_rate = 0;
     avc_configuration avc;
     stream_descriptors esds;
     std::vector<sample> samples;
 };
 
 struct movie {
-    std::vector<box> boxes;
+    std::vector<box> boxes; // their payloads point into the image
     std::vector<track> tracks;
-    uint64_t creation_time = 0;
-    uint32_t timescale = 0;
-    uint64_t duration = 0;
-    uint32_t next_track_id = 0;
-    std::string error; // empty for a sound file
+    uint64_t creation_time = 0, duration = 0;
+    uint32_t timescale = 0, next_track_id = 0;
+    std::string error; // the first fault; empty for a sound file
 };
 
 // Reads a whole file, or one that begins at some box: the offsets of samples are the file's own.

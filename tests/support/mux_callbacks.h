@@ -4,14 +4,10 @@
 #define TESTS_SUPPORT_MUX_CALLBACKS_H
 
 #include "mp4mux/mp4_mux.h"
+#include "tests/support/programme.h"
 
-#include <cstddef>
-#include <cstdint>
 #include <map>
-#include <memory>
 #include <set>
-#include <string>
-#include <vector>
 
 namespace mux_test {
 
@@ -25,33 +21,25 @@ struct failure {
     bool partial = false; // a write stores half of its bytes
 };
 
+// A file is its own handle.
 struct memory_file {
-    std::vector<uint8_t> bytes; // those in the hole left out
-    uint64_t size = 0;
-};
-
-struct file_handle {
-    std::shared_ptr<memory_file> file;
-    uint64_t position = 0;
+    Bytes bytes; // those in the hole left out
+    uint64_t size = 0, position = 0;
     bool open = true;
 };
 
-struct world {
-    std::map<std::string, std::shared_ptr<memory_file>> files;
-    std::vector<std::unique_ptr<file_handle>> handles;
+struct world_state {
+    std::map<std::string, memory_file> files;
     std::set<void *> memory;
     std::map<call, uint32_t> calls;
     failure fail;
-    std::vector<std::string> removed;
-    std::vector<std::string> opened;
-    uint64_t hole_begin = UINT64_MAX; // what is written from here ...
-    uint64_t hole_end = UINT64_MAX;   // ... to here is dropped
-    const uint8_t *ghost = nullptr;   // memory that is never read: copies from it are skipped
+    std::vector<std::string> opened, removed;
+    uint64_t hole_begin = UINT64_MAX, hole_end = UINT64_MAX; // what is written there is dropped
+    const uint8_t *ghost = nullptr; // memory that is never read: copies from it are skipped
     size_t ghost_bytes = 0;
     std::string misuse; // the first forbidden call
 };
-
-world &the_world();
+extern world_state world;
 
 // Starts anew. Blocks that the last test leaked are freed.
 void reset_world();
@@ -65,11 +53,6 @@ int32_t append_whole_file(void *destination, void *source, int32_t reserved);
 
 // An open handle on a new file.
 void *open_file(const std::string &name);
-
-// A file's bytes; empty when there is no such file.
-std::vector<uint8_t> read_file(const std::string &name);
-
-uint32_t calls_of(call kind);
 
 } // namespace mux_test
 

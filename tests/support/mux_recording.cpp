@@ -1,25 +1,32 @@
 #include "tests/support/mux_recording.h"
 
 #include "tests/support/box_reader.h"
-#include "tests/support/mux_callbacks.h"
 
 #include <algorithm>
 
 namespace mux_test {
 
-const std::vector<uint8_t> kSps = {0x67, 0x42, 0xC0, 0x1E, 0xDA, 0x05, 0x07, 0xE8, 0x40, 0x10};
-const std::vector<uint8_t> kPps = {0x68, 0xCE, 0x3C, 0x80};
-const std::vector<uint8_t> kAudioConfig = {0x11, 0x90};
-
-std::vector<uint8_t> operator+(std::vector<uint8_t> a, const std::vector<uint8_t> &b)
+Bytes operator+(Bytes a, const Bytes &b)
 {
     a.insert(a.end(), b.begin(), b.end());
     return a;
 }
 
-std::vector<uint8_t> annex_b_parameter_sets()
+Bytes bytes(const std::string &notation)
 {
-    return std::vector<uint8_t>{0, 0, 0, 1} + kSps + std::vector<uint8_t>{0, 0, 0, 1} + kPps;
+    Bytes result;
+    bool quoted = false;
+    for (size_t i = 0; i < notation.size(); i++) {
+        if (notation[i] == '\'') {
+            quoted = !quoted;
+        } else if (quoted) {
+            result.push_back(static_cast<uint8_t>(notation[i]));
+        } else if (notation[i] != ' ') {
+            const std::string digits = notation.substr(i++, 2);
+            result.push_back(static_cast<uint8_t>(std::stoul(digits, nullptr, 16)));
+        }
+    }
+    return result;
 }
 
 // clang-format off
@@ -28,8 +35,7 @@ recording::recording(bool with_64bit, uint32_t flags)
       input{.m_iYear = 2009, .m_iMonth = 9, .m_iDay = 5, .m_iHour = 17, .m_iMinute = 5,
             .m_iSecond = 18, .m_uiVideoTrackID = 77, .m_iVideoWidth = 320, .m_iVideoHeight = 240,
             .m_uiVideoFourCC = 0x31637661, .m_uiAudioTrackID = 78, .m_iAudioSampleRate = 48000,
-            .m_iAudioBitsPerSample = 16, .m_iAudioChannels = 2, .m_iAudioCodec = 0xAAC0},
-      video_private(annex_b_parameter_sets()), audio_private(kAudioConfig)
+            .m_iAudioBitsPerSample = 16, .m_iAudioChannels = 2, .m_iAudioCodec = 0xAAC0}
 // clang-format on
 {
     init.m_uiStreamFlags = flags;
@@ -56,29 +62,26 @@ void recording::lend_close_memory(int32_t bytes)
 
 int32_t recording::open()
 {
-    if (init.m_pOutput == nullptr) {
-        init.m_pOutput = output.data();
-    }
+    init.m_pOutput = init.m_pOutput == nullptr ? output.data() : init.m_pOutput;
     input.m_pbyVideoPrivate = video_private.empty() ? nullptr : video_private.data();
     input.m_iVideoPrivateSize = static_cast<int32_t>(video_private.size());
-    input.m_pbyAudioPrivate = audio_private.empty() ? nullptr : audio_private.data();
+    input.m_pbyAudioPrivate = audio_private.data();
     input.m_iAudioPrivateSize = static_cast<int32_t>(audio_private.size());
     return QVR_MP4_MUX(MUX_OPEN, &handle, &init, &input);
 }
 
-int32_t recording::put(int32_t type, const std::vector<uint8_t> &bytes, uint32_t time_ms, bool key)
+int32_t recording::put(int32_t type, const Bytes &bytes, uint32_t time_ms, bool key)
 {
-    const uint32_t flags = key ? MUX_FRAME_KEY : 0;
-    mp4_mux_putstream_t frame = {
-        bytes.data(), static_cast<int32_t>(bytes.size()), type, time_ms, time_ms, flags};
+    mp4_mux_putstream_t frame = {bytes.data(), static_cast<int32_t>(bytes.size()), type, time_ms,
+                                 time_ms,      key ? uint32_t{MUX_FRAME_KEY} : 0u};
     const int32_t result = QVR_MP4_MUX(MUX_PUTFRAME, &handle, &frame, &estimate);
     frames.push_back({type, bytes, time_ms, key, result});
     return result;
 }
 
-static std::vector<uint8_t> make_frame(uint32_t time_ms, size_t size)
+static Bytes make_frame(uint32_t time_ms, size_t size)
 {
-    std::vector<uint8_t> frame(size);
+    Bytes frame(size);
     for (size_t i = 0; i < size; i++) {
         frame[i] = static_cast<uint8_t>(time_ms * 31 + size * 7 + i * i);
     }
@@ -97,8 +100,7 @@ int32_t recording::audio(uint32_t time_ms, size_t size)
 
 int32_t recording::close()
 {
-    return QVR_MP4_MUX(MUX_CLOSE, &handle, close_mem.m_pMem != nullptr ? &close_mem : nullptr,
-                       nullptr);
+    return QVR_MP4_MUX(MUX_CLOSE, &handle, close_bytes.empty() ? nullptr : &close_mem, nullptr);
 }
 
 mp4_mux_error_t recording::error()
@@ -110,107 +112,60 @@ mp4_mux_error_t recording::error()
 
 std::string recording::message()
 {
-    const mp4_mux_error_t last = error();
-    return last.m_pszMessage != nullptr ? last.m_pszMessage : "(no handle)";
+    const char *text = error().m_pszMessage;
+    return text != nullptr ? text : "(no handle)";
 }
 
-std::vector<uint8_t> recording::file() const
+std::string check_samples(const recording &r)
 {
-    return read_file(output);
-}
-
-static bool holds(const std::vector<uint8_t> &file, const box_reader::sample &sample,
-                  const put_frame &frame)
-{
-    return sample.size == frame.bytes.size() && sample.offset + sample.size <= file.size() &&
-           std::equal(frame.bytes.begin(), frame.bytes.end(),
-                      file.begin() + static_cast<ptrdiff_t>(sample.offset));
-}
-
-static std::string check_track(const recording &r, const std::vector<uint8_t> &file,
-                               const box_reader::track &track)
-{
-    const int32_t type = track.handler == "vide" ? MUX_TYPE_VIDEO : MUX_TYPE_AUDIO;
-    size_t at = 0;
-    bool timed = type == MUX_TYPE_VIDEO;
+    const Bytes &file = world.files[r.output].bytes;
+    const box_reader::movie movie = box_reader::read_movie(file);
+    size_t found[2] = {};
+    bool timed = true;
     for (const put_frame &frame : r.frames) {
-        const std::string name = track.handler + " at " + std::to_string(frame.time_ms);
-        if (frame.type != type) {
-            continue;
+        const bool is_video = frame.type == MUX_TYPE_VIDEO;
+        const box_reader::track *track = find_track(movie, is_video ? "vide" : "soun");
+        const std::string name =
+            (is_video ? "video at " : "audio at ") + std::to_string(frame.time_ms);
+        size_t &at = found[is_video];
+        if (frame.result >= 0 && !movie.error.empty()) {
+            return movie.error; // without frames there is no movie box
         }
-        if (at == track.samples.size() || !holds(file, track.samples[at], frame)) {
+        const box_reader::sample sample = track != nullptr && at < track->samples.size()
+                                              ? track->samples[at]
+                                              : box_reader::sample{UINT32_MAX};
+        if (sample.size != frame.bytes.size() || sample.offset + sample.size > file.size() ||
+            !std::equal(frame.bytes.begin(), frame.bytes.end(), file.data() + sample.offset)) {
             if (frame.result >= 0) {
                 return name + " is lost";
             }
             continue;
         }
-        const box_reader::sample &sample = track.samples[at];
-        timed = timed && (at > 0 || frame.time_ms == 0);
-        if (timed && sample.time != frame.time_ms * 90) {
-            return name + " is out of time";
-        }
-        if (type == MUX_TYPE_VIDEO && sample.sync != frame.key) {
-            return name + " has the wrong sync flag";
+        timed = timed && (!is_video || at > 0 || frame.time_ms == 0);
+        if (is_video &&
+            ((timed && sample.time != frame.time_ms * 90) || sample.sync != frame.key)) {
+            return name + " has the wrong time or sync flag";
         }
         at++;
     }
-    return at == track.samples.size() ? "" : track.handler + " has samples that were never put";
-}
-
-std::string check_samples(const recording &r)
-{
-    const std::vector<uint8_t> file = r.file();
-    const box_reader::movie movie = box_reader::read_movie(file);
-    const bool taken = std::any_of(r.frames.begin(), r.frames.end(),
-                                   [](const put_frame &frame) { return frame.result >= 0; });
-    std::string fault = taken ? movie.error : ""; // without frames there is no movie box
     for (const box_reader::track &track : movie.tracks) {
-        fault = fault.empty() ? check_track(r, file, track) : fault;
-    }
-    return fault;
-}
-
-std::vector<uint8_t> bytes(const std::string &notation)
-{
-    std::vector<uint8_t> result;
-    bool quoted = false;
-    for (size_t i = 0; i < notation.size(); i++) {
-        if (notation[i] == '\'') {
-            quoted = !quoted;
-        } else if (quoted) {
-            result.push_back(static_cast<uint8_t>(notation[i]));
-        } else if (notation[i] != ' ') {
-            result.push_back(
-                static_cast<uint8_t>(std::stoul(notation.substr(i++, 2), nullptr, 16)));
+        if (track.samples.size() != found[track.handler == "vide"]) {
+            return track.handler + " has samples that were never put";
         }
     }
-    return result;
-}
-
-std::string difference(const std::vector<uint8_t> &a, const std::vector<uint8_t> &b)
-{
-    const auto [in_a, in_b] = std::mismatch(a.begin(), a.end(), b.begin(), b.end());
-    if (in_a == a.end() && in_b == b.end()) {
-        return "";
-    }
-    return "at " + std::to_string(in_a - a.begin()) + " of " + std::to_string(a.size()) + " and " +
-           std::to_string(b.size());
+    return "";
 }
 
 int32_t put_programme(recording &r, uint32_t frames, uint32_t gop)
 {
+    int32_t result = 0;
     uint32_t time_ms = 0;
-    for (uint32_t i = 0; i < frames; i++) {
-        int32_t result = r.video(time_ms, 40 + i * 13 % 90, i % gop == 0);
-        if (result >= 0) {
-            result = r.audio(time_ms + 2, 20 + i * 7 % 30);
-        }
-        if (result < 0) {
-            return result;
-        }
-        time_ms += i % 3 == 2 ? 34u : 33u;
+    for (uint32_t i = 0; i < frames && result >= 0; i++) {
+        result = r.video(time_ms, 40 + i * 13 % 90, i % gop == 0);
+        result = result < 0 ? result : r.audio(time_ms + 2, 20 + i * 7 % 30);
+        time_ms += i % 3 == 2 ? 34 : 33;
     }
-    return 0;
+    return result;
 }
 
 } // namespace mux_test

@@ -3,14 +3,10 @@
 #ifndef TESTS_SUPPORT_MUX_RECORDING_H
 #define TESTS_SUPPORT_MUX_RECORDING_H
 
-#include "mp4mux/mp4_mux.h"
 #include "tests/support/mux_callbacks.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
-
-#include <cstdint>
-#include <string>
-#include <vector>
 
 namespace mux_test {
 
@@ -26,15 +22,14 @@ class MuxTest : public testing::Test {
     }
 };
 
+// Bytes from hexadecimal digits and texts in quotes: "00000008 'free'".
+Bytes bytes(const std::string &notation);
+Bytes operator+(Bytes a, const Bytes &b);
+
 // H.264 parameter sets and an AudioSpecificConfig (AAC LC, 48 kHz, stereo).
-extern const std::vector<uint8_t> kSps;
-extern const std::vector<uint8_t> kPps;
-extern const std::vector<uint8_t> kAudioConfig;
-
-std::vector<uint8_t> operator+(std::vector<uint8_t> a, const std::vector<uint8_t> &b);
-
-// The parameter sets behind start codes of four bytes.
-std::vector<uint8_t> annex_b_parameter_sets();
+inline const Bytes kSps = bytes("6742C01EDA0507E84010");
+inline const Bytes kPps = bytes("68CE3C80");
+inline const Bytes kAudioConfig = bytes("1190");
 
 // Caches as a recorder lends them.
 enum class cache_layout { own, recorder, pooled, tiny };
@@ -42,7 +37,7 @@ enum class cache_layout { own, recorder, pooled, tiny };
 // A frame that was put, whatever came of it.
 struct put_frame {
     int32_t type;
-    std::vector<uint8_t> bytes;
+    Bytes bytes;
     uint32_t time_ms;
     bool key;
     int32_t result;
@@ -54,22 +49,19 @@ struct recording {
     mp4_mux_closemem_t close_mem{};
     void *handle = nullptr;
     std::string output = "out.mp4";
-    std::vector<uint8_t> video_private;
-    std::vector<uint8_t> audio_private;
-    std::vector<uint8_t> cache;
-    std::vector<uint8_t> close_bytes;
+    Bytes video_private = join_nal_units({kSps, kPps}), audio_private = kAudioConfig;
+    Bytes cache, close_bytes;
     int64_t estimate = 0;
     std::vector<put_frame> frames;
 
-    // Video and audio, scratch files in "/tmp/scratch", 32-bit callbacks unless with_64bit.
+    // Scratch files in "/tmp/scratch", 32-bit callbacks unless with_64bit.
     explicit recording(bool with_64bit = false,
                        uint32_t flags = MUX_STREAM_VIDEO | MUX_STREAM_AUDIO);
 
     void set_cache(cache_layout layout);
     void lend_close_memory(int32_t bytes);
     int32_t open();
-    int32_t put(int32_t type, const std::vector<uint8_t> &bytes, uint32_t time_ms,
-                bool key = false);
+    int32_t put(int32_t type, const Bytes &bytes, uint32_t time_ms, bool key = false);
 
     // A frame of `size` bytes that carry the time and the size.
     int32_t video(uint32_t time_ms, size_t size, bool key = false);
@@ -77,7 +69,6 @@ struct recording {
     int32_t close();
     mp4_mux_error_t error();
     std::string message();
-    std::vector<uint8_t> file() const;
 };
 
 // Compares a finished file with what was put into it: every frame that was taken without an error
@@ -85,12 +76,6 @@ struct recording {
 // frame whose put failed may be there as well.
 // returns  the first difference; empty when there is none
 std::string check_samples(const recording &r);
-
-// Bytes from hexadecimal digits and texts in quotes: "00000008 'free'".
-std::vector<uint8_t> bytes(const std::string &notation);
-
-// Where two byte strings differ; empty when they are equal.
-std::string difference(const std::vector<uint8_t> &a, const std::vector<uint8_t> &b);
 
 // Two tracks with frames of changing size and distance, a key frame every `gop`.
 // returns  the first error
