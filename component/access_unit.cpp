@@ -57,6 +57,9 @@ static void count_unit(const uint8_t *pData, const nal_unit_t *pUnit, access_uni
 {
     if (pUnit->uiStart - pUnit->uiStartCode < START_CODE_BYTES) {
         pAccessUnit->has_short_start_codes = true;
+        if (pAccessUnit->uiUnitCount == 0) {
+            pAccessUnit->has_short_front_codes = true;
+        }
     }
     if (pUnit->uiStart == pUnit->uiEnd) {
         pAccessUnit->has_empty_units = true;

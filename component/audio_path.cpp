@@ -80,7 +80,8 @@ static uint32_t frame_time(const omx_tdmbrec_component_PrivateType *pPrivate)
     if (pPrivate->ucAudioPtsCount == 0) {
         return add_ms(pPrivate->uiLastAudioPts, pPrivate->uiAudioFrameMs);
     }
-    return *ring_time(pPrivate->ucAudioPtsRead);
+    // A time queued before a rollback may have fallen behind.
+    return lift_above_last_frame(pPrivate, *ring_time(pPrivate->ucAudioPtsRead));
 }
 
 // Gives up the entries whose PCM the frame has used: as many as it takes to reach its size.

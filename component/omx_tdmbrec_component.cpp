@@ -188,7 +188,9 @@ OMX_ERRORTYPE omx_tdmbrec_component_Constructor(OMX_COMPONENTTYPE *pComponent, O
 
 OMX_ERRORTYPE omx_tdmbrec_component_Destructor(OMX_COMPONENTTYPE *pComponent)
 {
-    stop_recording_for_good(pComponent);
+    if (private_record(pComponent) != nullptr) { // a constructor may have failed
+        stop_recording_for_good(pComponent);
+    }
     (void)omx_base_sink_Destructor(pComponent);
     return OMX_ErrorNone;
 }

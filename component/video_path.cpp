@@ -32,8 +32,17 @@ static bool fit_the_scan(const access_unit_t *pAccessUnit, uint32_t length)
 {
     const uint32_t header = pAccessUnit->uiPictureOffset == length ? 0 : START_CODE_BYTES + 1;
     return pAccessUnit->uiSpsCount == 1 && pAccessUnit->uiPpsCount == 1 &&
-           !pAccessUnit->has_short_start_codes &&
+           !pAccessUnit->has_short_front_codes &&
            pAccessUnit->uiPictureOffset + header <= PARAMETER_SET_SCAN_BYTES;
+}
+
+// In a file with its parameter sets in the access units, the first one has to hold them all.
+static bool can_begin_file(const omx_tdmbrec_component_PrivateType *pPrivate,
+                           const access_unit_t *pAccessUnit)
+{
+    return pPrivate->bInBandParameterSets == 0 ||
+           (pAccessUnit->has_sound_sps && pAccessUnit->uiPpsCount > 0 &&
+            pAccessUnit->uiUnitCount > 0);
 }
 
 // While nothing is captured, every byte that the scan reads is kept.
@@ -141,7 +150,8 @@ static bool handle_access_unit(omx_tdmbrec_component_PrivateType *pPrivate, uint
         if (pPrivate->iMuxOpenResult != 0 && !open_file(pPrivate, &access_unit, length)) {
             return false;
         }
-        if (pPrivate->iMuxOpenResult == 0 && pPrivate->uiFirstVideoPts == 0) {
+        if (pPrivate->iMuxOpenResult == 0 && pPrivate->uiFirstVideoPts == 0 &&
+            can_begin_file(pPrivate, &access_unit)) {
             pPrivate->uiFirstVideoPts = uiTime;
         }
     }
@@ -159,7 +169,9 @@ bool handle_video_buffer(omx_tdmbrec_component_PrivateType *pPrivate, OMX_BUFFER
 {
     const bool is_open = handle_access_unit(pPrivate, pBuffer->pBuffer + pBuffer->nOffset,
                                             pBuffer->nFilledLen, uiTime, pFrame);
-    note_video_time(pPrivate, uiTime);
+    if (is_open) {
+        note_video_time(pPrivate, uiTime);
+    }
     pBuffer->nFilledLen = 0;
     return is_open;
 }
