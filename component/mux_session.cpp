@@ -24,9 +24,16 @@ static constexpr int32_t VIDEO_WIDTH = 320;        // pixels
 static constexpr int32_t VIDEO_HEIGHT = 240;       // pixels
 static constexpr int32_t VIDEO_FRAME_RATE = 30000; // frames in 1000 s
 
-// The client may start the next recording from the event that a close sends while it holds the
-// lock; if that start finds no storage, it closes again on the same thread.
-static thread_local bool holds_recording_lock;
+typedef struct end_report_t {
+    OMX_COMPONENTTYPE *pComponent;
+    uint8_t reason;
+} end_report_t;
+
+// The client may start the next recording from the event of an end. If that start ends at once on
+// the same thread, its end is reported after the event, not within it: a client that starts again
+// at every end must not run out of stack.
+static thread_local bool is_reporting;
+static thread_local end_report_t next_report; // pComponent null: none
 
 static int c_file_at_end(void *hFile)
 {
@@ -221,37 +228,58 @@ static void reset_recording_state(omx_tdmbrec_component_PrivateType *pPrivate)
     pPrivate->uiVideoFrameSize = 0;
 }
 
-static OMX_ERRORTYPE close_locked(OMX_COMPONENTTYPE *pComponent,
-                                  omx_tdmbrec_component_PrivateType *pPrivate)
+// returns the result of the close; *pReason is what to tell the client.
+static OMX_ERRORTYPE close_locked(omx_tdmbrec_component_PrivateType *pPrivate, uint8_t *pReason)
 {
     OMX_ERRORTYPE result = OMX_ErrorNone;
     close_storage();
-    uint8_t reason = TDMBREC_STOP_STORAGE;
     if (pPrivate->bMuxOpen == 1) {
         result = close_session_locked(pPrivate);
-        reason = load_shared(global_uc_stop_type);
+        *pReason = load_shared(global_uc_stop_type);
     } else {
-        store_shared<uint8_t>(global_uc_stop_type, reason);
+        *pReason = TDMBREC_STOP_STORAGE;
+        store_shared<uint8_t>(global_uc_stop_type, TDMBREC_STOP_STORAGE);
     }
     // Also after a recording that never opened its file: its times must not reach the next one.
     reset_recording_state(pPrivate);
-    // From here on the client may start the next recording, also from the event itself.
-    release_recording(pPrivate);
-    send_event(pComponent, TDMBREC_EVENT_END_OF_RECORDING, 0, reason, nullptr);
     clear_name_parts(pPrivate);
     return result;
 }
 
+static void send_report(end_report_t report)
+{
+    send_event(report.pComponent, TDMBREC_EVENT_END_OF_RECORDING, 0, report.reason, nullptr);
+    leave_stop(private_record(report.pComponent));
+}
+
+static void report_end(end_report_t report)
+{
+    if (is_reporting && next_report.pComponent == nullptr) {
+        next_report = report;
+        return;
+    }
+    const bool is_outermost = !is_reporting;
+    is_reporting = true;
+    send_report(report);
+    while (is_outermost && next_report.pComponent != nullptr) {
+        const end_report_t next = next_report;
+        next_report = {};
+        send_report(next);
+    }
+    is_reporting = !is_outermost;
+}
+
+// No lock is held and the next recording may begin when the client is told, so that it can do
+// whatever it likes from the event.
 OMX_ERRORTYPE omx_tdmbrec_mp4_mux_DeInit(OMX_COMPONENTTYPE *pComponent,
                                          omx_tdmbrec_component_PrivateType *pPrivate)
 {
-    if (holds_recording_lock) {
-        return close_locked(pComponent, pPrivate);
-    }
+    enter_stop(pPrivate);
+    uint8_t reason = TDMBREC_STOP_STORAGE;
     pthread_mutex_lock(&lockTDMBRecording);
-    holds_recording_lock = true;
-    const OMX_ERRORTYPE result = close_locked(pComponent, pPrivate);
-    holds_recording_lock = false;
+    const OMX_ERRORTYPE result = close_locked(pPrivate, &reason);
     pthread_mutex_unlock(&lockTDMBRecording);
+    release_recording(pPrivate);
+    report_end({.pComponent = pComponent, .reason = reason});
     return result;
 }

@@ -162,6 +162,7 @@ typedef struct omx_tdmbrec_component_PrivateType {
 
     char szRecordingPath[TDMBREC_PATH_BYTES + 1]; // szOutFileName as the start found it, terminated
     uint8_t ucAudioPtsCount;                      // entries of the audio ring in use
+    uint32_t uiStopsInProgress;                   // atomic: ends being closed and reported
     uint8_t bAudioWritten;                        // the file has an audio frame
     uint8_t bVideoWritten;                        // the file has a video frame
     uint8_t bInBandParameterSets; // the file carries its parameter sets in the access units

@@ -14,7 +14,7 @@
 #define AUDIO_PTS_ENTRIES 50
 #define VIDEO_PTS_ENTRIES 50
 
-// Held while a muxer session is opened or closed, the event of the close included.
+// Held while a muxer session is opened or closed.
 extern pthread_mutex_t lockTDMBRecording;
 // Guards global_mountinfo.
 extern pthread_mutex_t lockDFHandle;
@@ -37,6 +37,10 @@ typedef enum claim_result_t {
     CLAIM_OTHER_COMPONENT
 } claim_result_t;
 [[nodiscard]] claim_result_t claim_recording(omx_tdmbrec_component_PrivateType *pPrivate);
+// Counts the ends of the component's recordings that are being closed and reported: its record has
+// to stay until they have left.
+void enter_stop(omx_tdmbrec_component_PrivateType *pPrivate);
+void leave_stop(omx_tdmbrec_component_PrivateType *pPrivate);
 // Lets the next recording begin.
 void release_recording(omx_tdmbrec_component_PrivateType *pPrivate);
 

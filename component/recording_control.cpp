@@ -12,17 +12,13 @@
 #include <cstring>
 #include <unistd.h>
 
-// The stop thread itself may get here, from the client's event handler: it cannot join itself.
-static void join_stop_thread(omx_tdmbrec_component_PrivateType *pPrivate)
+// The recording that the thread ended is over; it may still be telling the client, from whose event
+// handler this start may come. So it is not waited for.
+static void let_stop_thread_go(omx_tdmbrec_component_PrivateType *pPrivate)
 {
     const pthread_t hThread = exchange_shared(pPrivate->hStopThread, pthread_t{});
-    if (hThread == pthread_t{}) {
-        return;
-    }
-    if (pthread_equal(hThread, pthread_self()) != 0) {
+    if (hThread != pthread_t{}) {
         (void)pthread_detach(hThread);
-    } else {
-        (void)pthread_join(hThread, nullptr);
     }
 }
 
@@ -37,7 +33,7 @@ static void copy_recording_path(omx_tdmbrec_component_PrivateType *pPrivate)
 static OMX_ERRORTYPE start_claimed_recording(OMX_COMPONENTTYPE *pComponent)
 {
     omx_tdmbrec_component_PrivateType *const pPrivate = private_record(pComponent);
-    join_stop_thread(pPrivate);
+    let_stop_thread_go(pPrivate);
     if (!open_storage()) {
         store_shared<uint8_t>(global_uc_stop_type, TDMBREC_STOP_STORAGE);
         (void)omx_tdmbrec_mp4_mux_DeInit(pComponent, pPrivate);
@@ -87,14 +83,14 @@ void stop_recording_for_good(OMX_COMPONENTTYPE *pComponent)
         begin_stop(pComponent, TDMBREC_STOP_DESTROYED);
     }
     // Also when somebody else took it a moment ago.
-    while (load_shared(global_recording_owner) == pPrivate) {
+    while (load_shared(global_recording_owner) == pPrivate ||
+           load_shared(pPrivate->uiStopsInProgress) != 0) {
         usleep(1);
     }
-    join_stop_thread(pPrivate);
-    // A stop thread from which the client started again is not joined: it leaves the record with
-    // this lock.
-    pthread_mutex_lock(&lockTDMBRecording);
-    pthread_mutex_unlock(&lockTDMBRecording);
+    const pthread_t hThread = exchange_shared(pPrivate->hStopThread, pthread_t{});
+    if (hThread != pthread_t{}) {
+        (void)pthread_join(hThread, nullptr);
+    }
     wait_for_idle_callback(pPrivate);
 }
 

@@ -142,6 +142,40 @@ TEST_F(Recording, CanBeStartedAgainFromTheEventOfItsEnd)
     client->to_loaded();
 }
 
+TEST_F(Recording, CanBeStartedAndStoppedAtWillFromTheEventOfItsEnd)
+{
+    const auto client = make_recorder();
+    std::atomic<int> rounds = 0;
+    client->on_event = [&](const IlEvent &event) {
+        if (event.event == EVENT_END_OF_RECORDING && rounds++ == 0) {
+            EXPECT_EQ(client->start(), OMX_ErrorNone);
+            (void)client->post(0, sample_programme().access_units[0], video_time_us(0));
+            EXPECT_EQ(client->stop(), OMX_ErrorNone);
+            EXPECT_EQ(client->start(), OMX_ErrorNone);
+        }
+    };
+    client->stop();
+    EXPECT_EQ(client->start(), OMX_ErrorNone) << "from two threads at once";
+    EXPECT_TRUE(client->wait_for_end().has_value());
+    EXPECT_TRUE(client->wait_for_end().has_value());
+    client->destroy();
+    EXPECT_EQ(client->count(EVENT_END_OF_RECORDING), 3u);
+}
+
+TEST_F(Recording, OutlivesAClientThatStartsAgainAtEveryEndWithoutStorage)
+{
+    const auto client = make_client();
+    int ends = 0;
+    client->on_event = [&](const IlEvent &event) {
+        if (event.event == EVENT_END_OF_RECORDING && ++ends < 100000) {
+            EXPECT_EQ(client->start(), OMX_ErrorNone);
+        }
+    };
+    host_fail_call(HOST_CALL_DFOPEN, 0, UINT32_MAX);
+    EXPECT_EQ(client->start(), OMX_ErrorNone);
+    EXPECT_EQ(client->count(EVENT_END_OF_RECORDING), 100000u);
+}
+
 TEST_F(Recording, IgnoresAStartWhileItRuns)
 {
     const auto client = make_recorder();
