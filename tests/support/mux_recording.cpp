@@ -163,7 +163,7 @@ int32_t put_programme(recording &r, uint32_t frames, uint32_t gop)
     for (uint32_t i = 0; i < frames && result >= 0; i++) {
         result = r.video(time_ms, 40 + i * 13 % 90, i % gop == 0);
         result = result < 0 ? result : r.audio(time_ms + 2, 20 + i * 7 % 30);
-        time_ms += i % 3 == 2 ? 34 : 33;
+        time_ms += i % 3 == 2 ? 34u : 33u;
     }
     return result;
 }
