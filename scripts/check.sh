@@ -1,7 +1,7 @@
 #!/bin/sh
 # Installs what is needed, builds the recorder in every way and runs all tests.
 #
-#   sh scripts/check.sh             everything, about 10 minutes on two cores
+#   sh scripts/check.sh             everything
 #   sh scripts/check.sh STEP ...    some of: format release clang asan-ubsan tsan 32bit bench
 set -eu
 cd "$(dirname "$0")/.."
