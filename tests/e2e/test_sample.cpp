@@ -17,12 +17,12 @@ static uint32_t time_ms(int64_t ts_us) // on the file's time line
 }
 
 // Every picture as it was given, without the parameter sets in front, at its time.
-static void expect_video(const Bytes &image, const box_reader::track &track)
+static void expect_video(const Bytes &image, const mp4_reader::track &track)
 {
     const Programme &programme = sample_programme();
     ASSERT_EQ(track.samples.size(), programme.access_units.size());
     for (size_t i = 0; i < track.samples.size(); i++) {
-        const box_reader::sample &sample = track.samples[i];
+        const mp4_reader::sample &sample = track.samples[i];
         const std::vector<Bytes> units = split_nal_units(programme.access_units[i]);
         Bytes expected;
         const uint32_t size = static_cast<uint32_t>(units.back().size());
@@ -56,7 +56,7 @@ static double snr_db(const std::vector<int16_t> &decoded, size_t delay)
     return 10 * std::log10(signal / noise);
 }
 
-static void expect_audio(const box_reader::track &track)
+static void expect_audio(const mp4_reader::track &track)
 {
     EXPECT_EQ(track.esds.specific_info, (std::vector<uint8_t>{0x11, 0x90}));
     EXPECT_EQ(track.esds.object_type, 0x40u);
@@ -98,11 +98,11 @@ TEST_F(Sample, IsRecordedBitForBitAndPlays)
     }
     EXPECT_EQ(open_files(), files_before);
     const Bytes image = read_file(BUILT_IN_FILE);
-    const box_reader::movie movie = expect_plays();
+    const mp4_reader::movie movie = expect_plays();
     ASSERT_EQ(movie.tracks.size(), 2u);
     EXPECT_EQ(movie.creation_time, 3337607118u) << "5 October 2009, 17:05:18";
-    expect_video(image, *box_reader::find_track(movie, "vide"));
-    expect_audio(*box_reader::find_track(movie, "soun"));
+    expect_video(image, *mp4_reader::find_track(movie, "vide"));
+    expect_audio(*mp4_reader::find_track(movie, "soun"));
     for (const LogLine &line : log()) {
         EXPECT_TRUE(line.priority < 6 || line.text.find("[channel:   2") != std::string::npos)
             << line.text;

@@ -22,9 +22,9 @@ class StopReason : public RecorderTest {
             client.send(0, picture, video_time_us(i));
         }
     }
-    static size_t video_samples(const box_reader::movie &movie)
+    static size_t video_samples(const mp4_reader::movie &movie)
     {
-        const box_reader::track *const track = box_reader::find_track(movie, "vide");
+        const mp4_reader::track *const track = mp4_reader::find_track(movie, "vide");
         return track == nullptr ? 0 : track->samples.size();
     }
     // Fills a storage up to `left` bytes.
@@ -125,7 +125,7 @@ TEST_F(StopReason, Is6WhenTheFileWouldPassItsLimit)
     EXPECT_GT(size, 1799000000u);
     EXPECT_LT(size, 1802000000u);
     const Bytes image = read_file(BUILT_IN_FILE);
-    const box_reader::movie movie = box_reader::read_movie(image);
+    const mp4_reader::movie movie = mp4_reader::read_movie(image);
     EXPECT_EQ(movie.error, "");
     EXPECT_EQ(video_samples(movie), 1718u);
     std::filesystem::remove(BUILT_IN_FILE);

@@ -50,8 +50,8 @@ class Streams : public RecorderTest {
     static void expect_slices(const std::vector<Bytes> &access_units)
     {
         const Bytes image = read_file(BUILT_IN_FILE);
-        const box_reader::movie movie = expect_plays();
-        const box_reader::track *const track = box_reader::find_track(movie, "vide");
+        const mp4_reader::movie movie = expect_plays();
+        const mp4_reader::track *const track = mp4_reader::find_track(movie, "vide");
         ASSERT_NE(track, nullptr);
         ASSERT_EQ(track->samples.size(), access_units.size());
         for (size_t i = 0; i < access_units.size(); i++) {
@@ -176,10 +176,10 @@ TEST_F(Streams, WithoutSoundGetOneFrameOfSilenceAndPlay)
     const auto client = start_recording();
     send_all(*client, sample_programme().access_units);
     EXPECT_EQ(finish(*client), 1u);
-    const box_reader::movie movie = expect_plays();
-    EXPECT_EQ(box_reader::find_track(movie, "vide")->samples.size(),
+    const mp4_reader::movie movie = expect_plays();
+    EXPECT_EQ(mp4_reader::find_track(movie, "vide")->samples.size(),
               sample_programme().access_units.size());
-    EXPECT_EQ(box_reader::find_track(movie, "soun")->samples.size(), 1u);
+    EXPECT_EQ(mp4_reader::find_track(movie, "soun")->samples.size(), 1u);
 }
 
 TEST_F(Streams, DropTheAudioBeforeTheFirstPictureAndKeepTheRest)
@@ -197,9 +197,9 @@ TEST_F(Streams, DropTheAudioBeforeTheFirstPictureAndKeepTheRest)
         client->send(1, pcm_buffer(programme, 10 + i), audio_time_us(10 + i));
     }
     EXPECT_EQ(finish(*client), 1u);
-    const box_reader::movie movie = expect_plays();
-    EXPECT_EQ(box_reader::find_track(movie, "soun")->samples.size(), 60u);
-    EXPECT_EQ(box_reader::find_track(movie, "vide")->samples.size(), 60u);
+    const mp4_reader::movie movie = expect_plays();
+    EXPECT_EQ(mp4_reader::find_track(movie, "soun")->samples.size(), 60u);
+    EXPECT_EQ(mp4_reader::find_track(movie, "vide")->samples.size(), 60u);
 }
 
 TEST_F(Streams, ContinueOneFrameLaterWhenClocksJumpBackAndKeepGaps)
@@ -232,13 +232,13 @@ TEST_F(Streams, ContinueOneFrameLaterWhenClocksJumpBackAndKeepGaps)
         client->send(1, pcm_buffer(programme, i), 6000000 + ts_us);
     }
     EXPECT_EQ(finish(*client), 1u);
-    const box_reader::movie movie = expect_plays();
-    const box_reader::track *const video = box_reader::find_track(movie, "vide");
+    const mp4_reader::movie movie = expect_plays();
+    const mp4_reader::track *const video = mp4_reader::find_track(movie, "vide");
     ASSERT_EQ(video->samples.size(), 240u);
     for (size_t i = 0; i < 240; i++) {
         ASSERT_EQ(video->samples[i].time, 90u * static_cast<uint64_t>(expected_ms[i])) << i;
     }
-    EXPECT_EQ(box_reader::find_track(movie, "soun")->samples.size(), 239u);
+    EXPECT_EQ(mp4_reader::find_track(movie, "soun")->samples.size(), 239u);
     EXPECT_TRUE(has_logged("VIDEO_ROLLBACK_COUNT : 2"));
     EXPECT_TRUE(has_logged("AUDIO_ROLLBACK_COUNT : 2"));
 }
@@ -262,11 +262,11 @@ TEST_F(Streams, GiveTheSameSoundWhateverThePcmBuffers)
         client->send(0, programme.access_units[1], video_time_us(130));
         EXPECT_EQ(finish(*client), 1u);
         const Bytes image = read_file(BUILT_IN_FILE);
-        const box_reader::movie movie = expect_plays();
-        const box_reader::track *const track = box_reader::find_track(movie, "soun");
+        const mp4_reader::movie movie = expect_plays();
+        const mp4_reader::track *const track = mp4_reader::find_track(movie, "soun");
         EXPECT_EQ(track->samples.size(), 200u) << bytes;
         Bytes sound;
-        for (const box_reader::sample &sample : track->samples) {
+        for (const mp4_reader::sample &sample : track->samples) {
             sound.insert(sound.end(), image.begin() + static_cast<ptrdiff_t>(sample.offset),
                          image.begin() + static_cast<ptrdiff_t>(sample.offset + sample.size));
         }

@@ -1,6 +1,6 @@
 // The error model, hostile arguments, and every callback failing in turn.
 #include "mp4mux/mux_error.h"
-#include "tests/support/box_reader.h"
+#include "client/mp4_reader.h"
 #include "tests/support/mux_recording.h"
 
 using namespace mux_test;
@@ -169,7 +169,7 @@ Bytes configuration_from(const Bytes &config, const Bytes &frame)
     EXPECT_EQ(r.put(MUX_TYPE_VIDEO, frame, 0, true), 0);
     EXPECT_EQ(r.video(40, 10), 0); // the first may be empty
     EXPECT_EQ(r.close(), 0);
-    const box_reader::movie movie = box_reader::read_movie(world.files["out.mp4"].bytes);
+    const mp4_reader::movie movie = mp4_reader::read_movie(world.files["out.mp4"].bytes);
     EXPECT_EQ(movie.error, "");
     return movie.tracks.at(0).avc.record;
 }

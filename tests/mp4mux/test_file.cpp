@@ -2,21 +2,21 @@
 #include "mp4mux/box_writer.h"
 #include "mp4mux/moov/sample_entry.h"
 #include "mp4mux/sample_entry_codes.h"
-#include "tests/support/box_reader.h"
+#include "client/mp4_reader.h"
 #include "tests/support/mux_recording.h"
 
 using namespace mux_test;
-using box_reader::find;
-using box_reader::read_movie;
+using mp4_reader::find;
+using mp4_reader::read_movie;
 
 namespace {
 
 class File : public MuxTest {
   protected:
-    static box_reader::movie finish(recording &r)
+    static mp4_reader::movie finish(recording &r)
     {
         EXPECT_EQ(r.close(), 0) << r.message();
-        const box_reader::movie movie = read_movie(world.files["out.mp4"].bytes);
+        const mp4_reader::movie movie = read_movie(world.files["out.mp4"].bytes);
         EXPECT_EQ(movie.error, "");
         return movie;
     }
@@ -161,14 +161,14 @@ TEST_F(File, GivesEveryFrameBack)
     ASSERT_EQ(r.open(), 0);
     ASSERT_EQ(put_programme(r, 100, 12), 0);
     const int64_t estimate = r.estimate;
-    const box_reader::movie movie = finish(r);
+    const mp4_reader::movie movie = finish(r);
     EXPECT_EQ(check_samples(r), "");
     // The estimate counts a 16-byte stss header and one run of durations for good measure.
     EXPECT_NEAR(static_cast<double>(estimate),
                 static_cast<double>(world.files["out.mp4"].bytes.size()), 64);
     EXPECT_NE(find(movie.boxes, "moov/trak/mdia/minf/stbl/co64"), nullptr);
-    const box_reader::track *video = box_reader::find_track(movie, "vide");
-    const box_reader::track *audio = box_reader::find_track(movie, "soun");
+    const mp4_reader::track *video = mp4_reader::find_track(movie, "vide");
+    const mp4_reader::track *audio = mp4_reader::find_track(movie, "soun");
     EXPECT_EQ(video->samples.size() + audio->samples.size(), 200u);
     EXPECT_EQ(video->avc.sps.at(0), kSps);
     EXPECT_EQ(video->avc.pps.at(0), kPps);
@@ -212,9 +212,9 @@ TEST_F(File, TakesItsDurationsFromTheTimeStamps)
         for (const uint32_t time_ms : c.times_ms) {
             ASSERT_EQ(r.video(time_ms, 10, true), 0);
         }
-        const box_reader::movie movie = finish(r);
+        const mp4_reader::movie movie = finish(r);
         std::vector<uint32_t> durations;
-        for (const box_reader::sample &sample : movie.tracks.at(0).samples) {
+        for (const mp4_reader::sample &sample : movie.tracks.at(0).samples) {
             durations.push_back(sample.duration);
             EXPECT_TRUE(sample.sync);
         }
@@ -226,7 +226,7 @@ TEST_F(File, TakesItsDurationsFromTheTimeStamps)
     for (uint32_t i = 0; i < 1000; i++) {
         ASSERT_EQ(sound.audio(i * 21333 / 999, 8), 0);
     }
-    const box_reader::movie movie = finish(sound);
+    const mp4_reader::movie movie = finish(sound);
     EXPECT_EQ(movie.tracks.at(0).samples.at(999).duration, 1024u);
     EXPECT_EQ(movie.tracks[0].media_duration, 21333u * 48);
 }
@@ -238,9 +238,9 @@ TEST_F(File, HoldsLongTimesInLongHeaders)
     ASSERT_EQ(r.video(0, 10, true), 0);
     ASSERT_EQ(r.video(23861000, 10), 0);
     ASSERT_EQ(r.audio(23861000, 10), 0);
-    const box_reader::movie movie = finish(r);
+    const mp4_reader::movie movie = finish(r);
     EXPECT_EQ(movie.duration, 2147490000u);
-    const std::vector<box_reader::box> &boxes = find(movie.boxes, "moov")->children;
+    const std::vector<mp4_reader::box> &boxes = find(movie.boxes, "moov")->children;
     for (const size_t number : {1u, 2u}) { // audio, video
         EXPECT_EQ(find(boxes.at(number).children, "tkhd")->size, 104u);
         EXPECT_EQ(find(boxes[number].children, "mdia/mdhd")->size, number == 1 ? 32u : 44u);
@@ -254,7 +254,7 @@ TEST_F(File, NamesATrackWithoutFramesAsTheCallerDid)
     recording r;
     ASSERT_EQ(r.open(), 0);
     ASSERT_EQ(r.video(0, 10, true), 0);
-    const box_reader::movie movie = finish(r);
+    const mp4_reader::movie movie = finish(r);
     EXPECT_EQ(movie.tracks.at(0).id, 78u);
     EXPECT_EQ(movie.tracks[0].creation_time, 0u);
     EXPECT_EQ(movie.tracks.at(1).id, 2u);

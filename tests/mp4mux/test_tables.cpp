@@ -1,12 +1,12 @@
 // The road of the sample tables: caches, scratch files, the memory lent for the close, the append
 // callback, and sizes beyond 32 bits.
-#include "tests/support/box_reader.h"
+#include "client/mp4_reader.h"
 #include "tests/support/mux_recording.h"
 
 #include <sys/mman.h>
 
 using namespace mux_test;
-using box_reader::read_movie;
+using mp4_reader::read_movie;
 using enum cache_layout;
 
 namespace {
@@ -31,7 +31,7 @@ TEST_F(Tables, MakeTheSameFileWhateverTheMemory)
 {
     for (const bool with_64bit : {false, true}) {
         const Bytes reference = record(own, 0, with_64bit);
-        const box_reader::movie plain = read_movie(reference);
+        const mp4_reader::movie plain = read_movie(reference);
         EXPECT_EQ(plain.error, "");
         EXPECT_EQ(world.opened.size(), 1u) << "these tables fit their caches";
         for (const cache_layout layout : {own, recorder, pooled, tiny}) {
@@ -42,7 +42,7 @@ TEST_F(Tables, MakeTheSameFileWhateverTheMemory)
             }
             const Bytes file = record(layout, 0x300000, with_64bit, true);
             EXPECT_TRUE(layout != tiny || world.calls[call::append] == 6);
-            const box_reader::movie appended = read_movie(file);
+            const mp4_reader::movie appended = read_movie(file);
             EXPECT_EQ(appended.error, "");
             EXPECT_EQ(appended.tracks.at(0).samples, plain.tracks.at(0).samples);
             EXPECT_EQ(appended.tracks.at(1).samples, plain.tracks.at(1).samples);
@@ -125,7 +125,7 @@ TEST_F(Tables, EndWhereOffsetsAndSeeksEnd)
         Bytes file = world.files["out.mp4"].bytes;
         EXPECT_EQ(Bytes(file.begin() + 20, file.begin() + kHeadBytes), bytes(c.headers));
         file.erase(file.begin(), file.begin() + kHeadBytes);
-        const box_reader::movie movie = read_movie(file);
+        const mp4_reader::movie movie = read_movie(file);
         EXPECT_EQ(movie.error, "");
         const size_t frames = static_cast<size_t>((c.media_bytes + kGhostBytes - 1) / kGhostBytes);
         EXPECT_EQ(movie.tracks.at(0).samples.size(), frames);

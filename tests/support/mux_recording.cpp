@@ -1,6 +1,6 @@
 #include "tests/support/mux_recording.h"
 
-#include "tests/support/box_reader.h"
+#include "client/mp4_reader.h"
 
 #include <algorithm>
 
@@ -119,21 +119,21 @@ std::string recording::message()
 std::string check_samples(const recording &r)
 {
     const Bytes &file = world.files[r.output].bytes;
-    const box_reader::movie movie = box_reader::read_movie(file);
+    const mp4_reader::movie movie = mp4_reader::read_movie(file);
     size_t found[2] = {};
     bool timed = true;
     for (const put_frame &frame : r.frames) {
         const bool is_video = frame.type == MUX_TYPE_VIDEO;
-        const box_reader::track *track = find_track(movie, is_video ? "vide" : "soun");
+        const mp4_reader::track *track = find_track(movie, is_video ? "vide" : "soun");
         const std::string name =
             (is_video ? "video at " : "audio at ") + std::to_string(frame.time_ms);
         size_t &at = found[is_video];
         if (frame.result >= 0 && !movie.error.empty()) {
             return movie.error; // without frames there is no movie box
         }
-        const box_reader::sample sample = track != nullptr && at < track->samples.size()
+        const mp4_reader::sample sample = track != nullptr && at < track->samples.size()
                                               ? track->samples[at]
-                                              : box_reader::sample{UINT32_MAX};
+                                              : mp4_reader::sample{UINT32_MAX};
         if (sample.size != frame.bytes.size() || sample.offset + sample.size > file.size() ||
             !std::equal(frame.bytes.begin(), frame.bytes.end(), file.data() + sample.offset)) {
             if (frame.result >= 0) {
@@ -148,7 +148,7 @@ std::string check_samples(const recording &r)
         }
         at++;
     }
-    for (const box_reader::track &track : movie.tracks) {
+    for (const mp4_reader::track &track : movie.tracks) {
         if (track.samples.size() != found[track.handler == "vide"]) {
             return track.handler + " has samples that were never put";
         }

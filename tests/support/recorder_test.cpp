@@ -61,9 +61,9 @@ void RecorderTest::use_card()
     host_set_storage(1, 8000000, 4000000);
 }
 
-box_reader::movie RecorderTest::expect_plays(const std::string &path)
+mp4_reader::movie RecorderTest::expect_plays(const std::string &path)
 {
-    const box_reader::movie movie = box_reader::read_movie(read_file(path));
+    const mp4_reader::movie movie = mp4_reader::read_movie(read_file(path));
     EXPECT_EQ(movie.error, "");
     if (has_ffmpeg()) {
         EXPECT_EQ(complaints_of_ffmpeg(path), "");
@@ -71,7 +71,7 @@ box_reader::movie RecorderTest::expect_plays(const std::string &path)
     return movie;
 }
 
-std::vector<Bytes> RecorderTest::nal_units_of(const Bytes &image, const box_reader::sample &sample)
+std::vector<Bytes> RecorderTest::nal_units_of(const Bytes &image, const mp4_reader::sample &sample)
 {
     std::vector<Bytes> units;
     size_t at = static_cast<size_t>(sample.offset);

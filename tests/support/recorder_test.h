@@ -2,7 +2,7 @@
 #ifndef TESTS_SUPPORT_RECORDER_TEST_H
 #define TESTS_SUPPORT_RECORDER_TEST_H
 
-#include "tests/support/box_reader.h"
+#include "client/mp4_reader.h"
 #include "tests/support/il_client.h"
 #include "tests/support/platform_test.h"
 #include "tests/support/programme.h"
@@ -26,9 +26,9 @@ class RecorderTest : public PlatformTest {
     static void use_card();
 
     // Checks that the file is sound in every judge's eyes and gives its movie.
-    static box_reader::movie expect_plays(const std::string &path = BUILT_IN_FILE);
+    static mp4_reader::movie expect_plays(const std::string &path = BUILT_IN_FILE);
     // The NAL units of one video sample.
-    static std::vector<Bytes> nal_units_of(const Bytes &image, const box_reader::sample &sample);
+    static std::vector<Bytes> nal_units_of(const Bytes &image, const mp4_reader::sample &sample);
     static void expect_no_scratch_files();
 };
 

@@ -1,14 +1,14 @@
 // A reader of MP4 files that shares nothing with the muxer: written from ISO/IEC 14496-12, -14 and
 // -15, it takes a file image apart and checks what it meets.
-#ifndef TESTS_SUPPORT_BOX_READER_H
-#define TESTS_SUPPORT_BOX_READER_H
+#ifndef CLIENT_MP4_READER_H
+#define CLIENT_MP4_READER_H
 
 #include <cstdint>
 #include <span>
 #include <string>
 #include <vector>
 
-namespace box_reader {
+namespace mp4_reader {
 
 struct box {
     std::string type;
@@ -63,6 +63,6 @@ const box *find(const std::vector<box> &boxes, const std::string &path);
 
 const track *find_track(const movie &file, const std::string &handler);
 
-} // namespace box_reader
+} // namespace mp4_reader
 
-#endif // TESTS_SUPPORT_BOX_READER_H
+#endif // CLIENT_MP4_READER_H

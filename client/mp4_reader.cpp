@@ -1,9 +1,9 @@
-#include "tests/support/box_reader.h"
+#include "client/mp4_reader.h"
 
 #include <algorithm>
 #include <set>
 
-namespace box_reader {
+namespace mp4_reader {
 namespace {
 
 using bytes = std::span<const uint8_t>;
@@ -301,4 +301,4 @@ movie read_movie(std::span<const uint8_t> image)
     return result;
 }
 
-} // namespace box_reader
+} // namespace mp4_reader
