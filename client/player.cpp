@@ -16,7 +16,9 @@ static constexpr uint32_t INDEX_STOP = 0x7F00002E;
 static constexpr uint32_t EVENT_RECORDING_ENDED = 0x7F000005;
 static constexpr size_t OUTPUT_PATH_BYTES = 128;
 
-static constexpr uint32_t BUFFERS_PER_PORT = 4;
+// Half of them are filled while the component has the other half; about as many PCM buffers as
+// pictures and a half make up a programme.
+static constexpr std::array<uint32_t, PORT_COUNT> BUFFER_COUNTS = {16, 32};
 
 static constexpr char component_name[] = "OMX.qvr.tdmb.rec";
 
@@ -64,6 +66,9 @@ static OMX_ERRORTYPE on_empty_buffer_done(OMX_HANDLETYPE, OMX_PTR pAppData,
     {
         const std::lock_guard<std::mutex> guard(self.lock);
         self.ports[pBuffer->nInputPortIndex].free.push_back(pBuffer);
+        if (--self.out > 0) {
+            return OMX_ErrorNone; // nobody waits for less than a whole run
+        }
     }
     self.changed.notify_all();
     return OMX_ErrorNone;
@@ -89,9 +94,9 @@ static void await(player &self, const char *what, Condition condition)
     }
 }
 
-static bool all_returned(const player_buffers &port)
+static void await_run(player &self)
 {
-    return port.free.size() == port.all.size();
+    await(self, "give its buffers back", [&] { return self.out == 0; });
 }
 
 static void await_state(player &self, OMX_STATETYPE state)
@@ -113,7 +118,7 @@ static OMX_PARAM_PORTDEFINITIONTYPE define_port(player &self, uint32_t port)
     definition.nPortIndex = port;
     check(self.component->GetParameter(self.component, OMX_IndexParamPortDefinition, &definition),
           "does not describe its ports");
-    definition.nBufferCountActual = std::max(definition.nBufferCountMin, BUFFERS_PER_PORT);
+    definition.nBufferCountActual = std::max(definition.nBufferCountMin, BUFFER_COUNTS[port]);
     check(self.component->SetParameter(self.component, OMX_IndexParamPortDefinition, &definition),
           "refuses the number of buffers");
     return definition;
@@ -195,12 +200,56 @@ void player_start(player &self, const std::string &path, unsigned rate)
     set_vendor(self, INDEX_START, &start, "refuses to start");
 }
 
+static void give_back(player &self, player_port port, OMX_BUFFERHEADERTYPE *buffer)
+{
+    const std::lock_guard<std::mutex> guard(self.lock);
+    self.ports[port].free.push_back(buffer);
+}
+
+static void empty_buffer(player &self, player_port port, OMX_BUFFERHEADERTYPE *buffer)
+{
+    {
+        const std::lock_guard<std::mutex> guard(self.lock);
+        self.out++;
+    }
+    const OMX_ERRORTYPE error = self.component->EmptyThisBuffer(self.component, buffer);
+    if (error != OMX_ErrorNone) {
+        const std::lock_guard<std::mutex> guard(self.lock);
+        self.out--;
+        self.ports[port].free.push_back(buffer);
+    }
+    check(error, "refuses a buffer");
+}
+
+// Sends what is filled of one port when everything sent before has come back.
+static void send_run(player &self, player_port port)
+{
+    std::vector<OMX_BUFFERHEADERTYPE *> &filled = self.ports[port].filled;
+    if (filled.empty()) {
+        return;
+    }
+    await_run(self);
+    while (!filled.empty()) {
+        OMX_BUFFERHEADERTYPE *const buffer = filled.front();
+        filled.erase(filled.begin());
+        empty_buffer(self, port, buffer);
+    }
+}
+
+void player_flush(player &self)
+{
+    send_run(self, PORT_VIDEO);
+    send_run(self, PORT_AUDIO);
+}
+
 static OMX_BUFFERHEADERTYPE *take_buffer(player &self, player_port port)
 {
-    const player_port other = port == PORT_VIDEO ? PORT_AUDIO : PORT_VIDEO;
-    await(self, "give its buffers back",
-          [&] { return !self.ports[port].free.empty() && all_returned(self.ports[other]); });
-    const std::lock_guard<std::mutex> guard(self.lock);
+    std::unique_lock<std::mutex> guard(self.lock);
+    if (self.ports[port].free.empty()) {
+        guard.unlock();
+        await_run(self);
+        guard.lock();
+    }
     OMX_BUFFERHEADERTYPE *const buffer = self.ports[port].free.back();
     self.ports[port].free.pop_back();
     return buffer;
@@ -209,10 +258,10 @@ static OMX_BUFFERHEADERTYPE *take_buffer(player &self, player_port port)
 void player_send(player &self, player_port port, std::span<const uint8_t> bytes, int64_t time_us,
                  uint32_t flags)
 {
+    player_buffers &buffers = self.ports[port];
     OMX_BUFFERHEADERTYPE *const buffer = take_buffer(self, port);
     if (bytes.size() > buffer->nAllocLen) {
-        const std::lock_guard<std::mutex> guard(self.lock);
-        self.ports[port].free.push_back(buffer);
+        give_back(self, port, buffer);
         throw failure(exit_code::unsupported,
                       "a picture of " + std::to_string(bytes.size()) +
                           " bytes is larger than the recorder's buffers of " +
@@ -223,12 +272,10 @@ void player_send(player &self, player_port port, std::span<const uint8_t> bytes,
     buffer->nOffset = 0;
     buffer->nTimeStamp = time_us;
     buffer->nFlags = flags;
-    const OMX_ERRORTYPE error = self.component->EmptyThisBuffer(self.component, buffer);
-    if (error != OMX_ErrorNone) {
-        const std::lock_guard<std::mutex> guard(self.lock);
-        self.ports[port].free.push_back(buffer);
+    buffers.filled.push_back(buffer);
+    if (buffers.filled.size() >= buffers.all.size() / 2) {
+        player_flush(self);
     }
-    check(error, "refuses a buffer");
 }
 
 std::optional<uint32_t> player_stopped(player &self)
@@ -239,9 +286,8 @@ std::optional<uint32_t> player_stopped(player &self)
 
 uint32_t player_stop(player &self)
 {
-    await(self, "give its buffers back", [&] {
-        return all_returned(self.ports[PORT_VIDEO]) && all_returned(self.ports[PORT_AUDIO]);
-    });
+    player_flush(self);
+    await_run(self);
     uint32_t stop = 1; // any record will do
     set_vendor(self, INDEX_STOP, &stop, "refuses to stop");
     await(self, "finish the file", [&] { return self.stopped.has_value(); });
@@ -276,8 +322,7 @@ void player_close(player_ptr self)
 static bool can_leave_states(player &self)
 {
     const std::lock_guard<std::mutex> guard(self.lock);
-    return self.state == OMX_StateExecuting && self.error == OMX_ErrorNone &&
-           all_returned(self.ports[PORT_VIDEO]) && all_returned(self.ports[PORT_AUDIO]);
+    return self.state == OMX_StateExecuting && self.error == OMX_ErrorNone && self.out == 0;
 }
 
 void player_deleter::operator()(player *pPlayer) const

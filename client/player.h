@@ -30,7 +30,8 @@ enum player_port : uint32_t { PORT_VIDEO = 0, PORT_AUDIO = 1, PORT_COUNT = 2 };
 
 struct player_buffers {
     std::vector<OMX_BUFFERHEADERTYPE *> all;
-    std::vector<OMX_BUFFERHEADERTYPE *> free; // under the player's lock
+    std::vector<OMX_BUFFERHEADERTYPE *> filled; // kept back until the next run
+    std::vector<OMX_BUFFERHEADERTYPE *> free;   // under the player's lock
 };
 
 // The component's threads only note here what happened; no call of OpenMAX IL is made under the
@@ -41,6 +42,7 @@ struct player {
     std::array<player_buffers, PORT_COUNT> ports;
     std::mutex lock; // guards the free lists and what follows
     std::condition_variable changed;
+    size_t out = 0;                        // buffers that the component has
     OMX_STATETYPE state = OMX_StateLoaded; // the last one reached
     OMX_ERRORTYPE error = OMX_ErrorNone;   // the first one reported
     std::optional<uint32_t> stopped;       // the stop reason
@@ -59,11 +61,15 @@ player_ptr player_open(void);
 // Starts a recording to the path, which has at most 127 characters. throws `failure`.
 void player_start(player &self, const std::string &path, unsigned rate);
 
-// Sends one buffer; waits until one is free and until everything sent to the other port has come
-// back, so that the component takes the programme in exactly this order.
+// Sends one buffer; waits until one is free. Buffers go to the component in runs, the pictures of a
+// run before its sound and each run when the one before has come back: it takes the programme in
+// the same order each time, and few threads have to be woken.
 // throws `failure`, unsupported for more bytes than a buffer holds.
 void player_send(player &self, player_port port, std::span<const uint8_t> bytes, int64_t time_us,
                  uint32_t flags);
+
+// Sends the run so far, for a player that is about to sleep. throws `failure`.
+void player_flush(player &self);
 
 // The reason when the recording has ended, by whatever cause.
 std::optional<uint32_t> player_stopped(player &self);

@@ -190,6 +190,9 @@ static void send_programme(session &self)
             continue;
         }
         send_unit(self, *unit);
+        if (self.options.realtime) {
+            player_flush(*self.component);
+        }
         show_progress(self);
     }
 }
