@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cstring>
 
 extern "C" {
 #include <libswresample/swresample.h>
@@ -21,16 +20,6 @@ static constexpr int64_t DRIFT_TOLERANCE_US = 100'000;
 static constexpr int64_t ALIGNMENT_MAX_US = 600'000'000;
 
 static constexpr size_t CHANNELS = 2;
-
-void codec_deleter::operator()(AVCodecContext *codec) const
-{
-    avcodec_free_context(&codec);
-}
-
-void frame_deleter::operator()(AVFrame *frame) const
-{
-    av_frame_free(&frame);
-}
 
 void resampler_deleter::operator()(SwrContext *resampler) const
 {
@@ -61,7 +50,7 @@ static void queue_resampled(audio_input &audio, const AVFrame *frame)
         frame != nullptr ? const_cast<const uint8_t **>(frame->extended_data) : nullptr;
     int got = swr_convert(audio.resampler.get(), out.data(), room, in, in_samples);
     if (got < 0) {
-        audio.damaged++;
+        audio.decoder->damaged++;
         got = 0;
     }
     audio.queue.resize(begin + static_cast<size_t>(got) * CHANNELS);
@@ -95,7 +84,7 @@ static void adapt_resampler(audio_input &audio, AVFrame &frame)
         error = swr_init(made);
     }
     if (error < 0) {
-        throw failure(exit_code::unsupported, audio.file->path +
+        throw failure(exit_code::unsupported, audio.decoder->file->path +
                                                   ": its audio cannot be brought to stereo (" +
                                                   media_error_text(error) + ")");
     }
@@ -108,28 +97,8 @@ static void adapt_resampler(audio_input &audio, AVFrame &frame)
 // Holds the next decoded frame. returns false at the end.
 static bool decode_frame(audio_input &audio)
 {
-    std::unique_ptr<AVFrame, frame_deleter> frame(av_frame_alloc());
-    for (;;) {
-        const int error = avcodec_receive_frame(audio.codec.get(), frame.get());
-        if (error == AVERROR_EOF) {
-            return false;
-        }
-        if (error == 0) {
-            if (frame->nb_samples > 0 && frame->sample_rate > 0) {
-                audio.held = std::move(frame);
-                return true;
-            }
-            continue;
-        }
-        audio.damaged += error != AVERROR(EAGAIN) ? 1 : 0;
-        const packet_ptr packet = media_file_read(*audio.file);
-        if (avcodec_send_packet(audio.codec.get(), packet.get()) < 0) {
-            if (packet == nullptr) { // told of the end before
-                return false;
-            }
-            audio.damaged++;
-        }
-    }
+    audio.held = audio_decoder_next(*audio.decoder);
+    return audio.held != nullptr;
 }
 
 // Decides what comes before the held frame, which begins at the given time: silence where there is
@@ -152,7 +121,7 @@ static int64_t place_frame(audio_input &audio)
 {
     const AVFrame &frame = *audio.held;
     return stream_clock_place(
-        audio.clock, media_file_time_us(*audio.file, frame.best_effort_timestamp),
+        audio.clock, media_file_time_us(*audio.decoder->file, frame.best_effort_timestamp),
         av_rescale(frame.nb_samples, 1'000'000, frame.sample_rate), DRIFT_TOLERANCE_US);
 }
 
@@ -187,20 +156,7 @@ static bool extend_queue(audio_input &audio)
 std::unique_ptr<audio_input> audio_input_open(const std::string &path)
 {
     std::unique_ptr<audio_input> audio = std::make_unique<audio_input>();
-    audio->file = media_file_open(path, AVMEDIA_TYPE_AUDIO);
-    const AVCodecParameters &parameters = *audio->file->stream->codecpar;
-    const AVCodec *const decoder = avcodec_find_decoder(parameters.codec_id);
-    audio->codec.reset(avcodec_alloc_context3(decoder));
-    if (decoder != nullptr && audio->codec != nullptr) {
-        audio->codec->pkt_timebase = audio->file->stream->time_base;
-    }
-    if (decoder == nullptr || audio->codec == nullptr ||
-        avcodec_parameters_to_context(audio->codec.get(), &parameters) < 0 ||
-        avcodec_open2(audio->codec.get(), decoder, nullptr) < 0) {
-        throw failure(exit_code::unsupported, path + ": its audio (" +
-                                                  avcodec_get_name(parameters.codec_id) +
-                                                  ") cannot be decoded");
-    }
+    audio->decoder = audio_decoder_open(path);
     if (!decode_frame(*audio)) {
         throw failure(exit_code::input, path + ": holds no audio that can be decoded");
     }

@@ -2,7 +2,7 @@
 #ifndef CLIENT_AUDIO_INPUT_H
 #define CLIENT_AUDIO_INPUT_H
 
-#include "client/media_file.h"
+#include "client/audio_decoder.h"
 #include "client/stream_clock.h"
 
 #include <cstdint>
@@ -13,12 +13,6 @@
 
 struct SwrContext;
 
-struct codec_deleter {
-    void operator()(AVCodecContext *codec) const;
-};
-struct frame_deleter {
-    void operator()(AVFrame *frame) const;
-};
 struct resampler_deleter {
     void operator()(SwrContext *resampler) const;
 };
@@ -26,12 +20,11 @@ struct resampler_deleter {
 inline constexpr size_t AUDIO_BLOCK_SAMPLES = 1024; // per channel
 
 struct audio_input {
-    std::unique_ptr<media_file> file;
-    std::unique_ptr<AVCodecContext, codec_deleter> codec;
+    std::unique_ptr<audio_decoder> decoder;
     std::unique_ptr<SwrContext, resampler_deleter> resampler;
-    std::unique_ptr<AVFrame, frame_deleter> format; // a frame as the resampler expects it
-    std::unique_ptr<AVFrame, frame_deleter> held;   // decoded, not yet in the queue
-    int rate = 0;                                   // of the PCM
+    frame_ptr format; // a frame as the resampler expects it
+    frame_ptr held;   // decoded, not yet in the queue
+    int rate = 0;     // of the PCM
     stream_clock clock;
     int64_t begin_us = 0;    // of the file's first frame
     int64_t origin_us = 0;   // the moment of the first sample that is given out
@@ -39,8 +32,7 @@ struct audio_input {
     int64_t silence_due = 0; // samples to queue before the held frame
     int64_t skip_due = 0;    // samples to leave out of the frames to come
     bool drained = false;
-    unsigned tail_blocks = 0; // blocks of silence given out at the end
-    unsigned damaged = 0;
+    unsigned tail_blocks = 0;   // blocks of silence given out at the end
     std::vector<int16_t> queue; // both channels interleaved
     size_t queue_read = 0;
 };

@@ -1,9 +1,38 @@
 // The tdmbrec command.
+#include "client/encode_command.h"
+#include "client/failure.h"
 #include "client/options.h"
 #include "client/record.h"
+#include "client/terminal.h"
+
+#include <exception>
+
+static int run(int status)
+{
+    return status;
+}
+
+static int run(const record_options &options)
+{
+    return record(options);
+}
+
+static int run(const encode_options &options)
+{
+    return encode_run(options);
+}
 
 int main(int argc, char **argv)
 {
-    const parsed_command_line parsed = options_parse(argc, argv);
-    return parsed.record ? record(*parsed.record) : parsed.status;
+    const command_line line = options_parse(argc, argv);
+    exit_code code = exit_code::component;
+    try {
+        return std::visit([](const auto &options) { return run(options); }, line);
+    } catch (const failure &what) {
+        terminal_say(std::string("tdmbrec: ") + what.what());
+        code = what.code;
+    } catch (const std::exception &what) {
+        terminal_say(std::string("tdmbrec: ") + what.what());
+    }
+    return static_cast<int>(code);
 }

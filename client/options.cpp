@@ -6,7 +6,7 @@
 
 #include <iostream>
 
-static const char footer_text[] = R"(Exit status:
+static const char record_footer[] = R"(Exit status:
   0    the file is finished; also when Ctrl-C or SIGTERM ended the recording
   2    wrong command line
   3    an input cannot be read, or broke off (the file then holds what came before)
@@ -21,8 +21,23 @@ static const char footer_text[] = R"(Exit status:
   130  given up at the second Ctrl-C (143 SIGTERM, 129 SIGHUP); no file is left
 After 12, 15 and 16 the file holds what came before, if it could be finished.)";
 
-static void add_options(CLI::App &command, record_options &options, std::string &input)
+static const char encode_footer[] =
+    R"(The stream consists of ADTS frames. With --raw it is the bare access units, one after the other,
+behind one ADIF header that tells a decoder what they are. The last frame is filled up with silence,
+and one frame of silence follows it to push the encoder's overlap out.
+
+Exit status:
+  0    the stream is finished
+  2    wrong command line
+  3    the input cannot be read
+  4    the encoder does not take the input's sampling rate or channels
+  5    the output cannot be written
+  7    the encoder failed)";
+
+static void add_record(CLI::App &app, record_options &options, std::string &input)
 {
+    CLI::App &command = *app.add_subcommand("record", "Record a programme to an MP4 file");
+    command.footer(record_footer);
     command.add_option("INPUT", input, "file with video and audio: MPEG-TS, MP4 or Matroska")
         ->type_name("FILE");
     command
@@ -49,42 +64,77 @@ static void add_options(CLI::App &command, record_options &options, std::string 
                      "show the component's log; given twice, all of it");
 }
 
-static int report_mistake(const std::string &what)
+static void add_encode(CLI::App &app, encode_options &options)
 {
-    std::cerr << "tdmbrec: " << what << "\nRun \"tdmbrec record --help\" for the options.\n";
+    CLI::App &command = *app.add_subcommand("encode", "Code a file's sound to AAC-LC");
+    command.footer(encode_footer);
+    command.add_option("INPUT", options.input, "WAV file of one of the encoder's sampling rates")
+        ->type_name("FILE")
+        ->required();
+    command.add_option("-o,--output", options.output, "the AAC file to make")
+        ->type_name("FILE")
+        ->required();
+    command.add_flag("-f,--force", options.force, "replace an existing file when finished");
+    command
+        .add_option("--bitrate", options.bit_rate,
+                    "bits per second of all channels together, a multiple of 1000 from 16000 on; "
+                    "the encoder uses at most 6 per sample")
+        ->type_name("RATE")
+        ->capture_default_str();
+    command.add_flag("--raw", options.raw, "bare access units in place of ADTS frames");
+    command.add_flag("--tns", options.tns, "switch temporal noise shaping on");
+    command.add_flag("--pns", options.pns, "switch noise substitution on");
+    command.add_flag("--mpeg2", options.mpeg2,
+                     "announce MPEG-2 AAC in the ADTS frames, which have no noise substitution");
+}
+
+static int report_mistake(const std::string &command, const std::string &what)
+{
+    std::cerr << "tdmbrec: " << what << "\nRun \"tdmbrec " << command
+              << "--help\" for the options.\n";
     return static_cast<int>(exit_code::usage);
 }
 
-parsed_command_line options_parse(int argc, const char *const *argv)
+// Says which files the recording takes its two streams from.
+static command_line choose_inputs(record_options options, const std::string &input)
 {
-    record_options options;
-    std::string input;
-    CLI::App app("Records an H.264 programme with sound to an MP4 file, through the recorder's "
-                 "OpenMAX IL component.",
-                 "tdmbrec");
-    app.set_version_flag("--version", "tdmbrec " TDMBREC_VERSION);
-    app.require_subcommand(1);
-    CLI::App *const command = app.add_subcommand("record", "Record a programme to an MP4 file");
-    command->footer(footer_text);
-    add_options(*command, options, input);
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::Success &asked) { // help or version
-        return {std::nullopt, app.exit(asked)};
-    } catch (const CLI::ParseError &mistake) {
-        return {std::nullopt, report_mistake(mistake.what())};
-    }
     if (!input.empty() && !options.video.empty() && !options.audio.empty()) {
-        return {std::nullopt, report_mistake("INPUT is not needed beside --video and --audio")};
+        return report_mistake("record ", "INPUT is not needed beside --video and --audio");
     }
     for (std::string *const file : {&options.video, &options.audio}) {
         if (file->empty()) {
             *file = input;
         }
         if (file->empty()) {
-            return {std::nullopt,
-                    report_mistake("name one INPUT, or the files --video and --audio")};
+            return report_mistake("record ", "name one INPUT, or the files --video and --audio");
         }
     }
-    return {options, 0};
+    return options;
+}
+
+command_line options_parse(int argc, const char *const *argv)
+{
+    record_options record;
+    encode_options encode;
+    std::string input;
+    CLI::App app("Records an H.264 programme with sound to an MP4 file, through the recorder's "
+                 "OpenMAX IL component; the other commands use its parts alone.",
+                 "tdmbrec");
+    app.set_version_flag("--version", "tdmbrec " TDMBREC_VERSION);
+    app.require_subcommand(1);
+    add_record(app, record, input);
+    add_encode(app, encode);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::Success &asked) { // help or version
+        return app.exit(asked);
+    } catch (const CLI::ParseError &mistake) {
+        const auto chosen = app.get_subcommands();
+        return report_mistake(chosen.empty() ? "" : chosen.front()->get_name() + " ",
+                              mistake.what());
+    }
+    if (app.got_subcommand("encode")) {
+        return encode;
+    }
+    return choose_inputs(record, input);
 }

@@ -4,6 +4,7 @@
 
 #include <optional>
 #include <string>
+#include <variant>
 
 struct record_options {
     std::string video; // input files; the same one when it holds both
@@ -17,12 +18,21 @@ struct record_options {
     int verbosity = 0;
 };
 
-struct parsed_command_line {
-    std::optional<record_options> record; // nothing: all is said, exit with the status
-    int status = 0;
+struct encode_options {
+    std::string input;
+    std::string output;
+    int bit_rate = 128000; // bit/s, of all channels
+    bool raw = false;
+    bool tns = false;
+    bool pns = false;
+    bool mpeg2 = false;
+    bool force = false;
 };
 
+// What to do; a number when all is said, and the program is to exit with it.
+using command_line = std::variant<int, record_options, encode_options>;
+
 // Reads the command line; help, version and mistakes are answered here.
-parsed_command_line options_parse(int argc, const char *const *argv);
+command_line options_parse(int argc, const char *const *argv);
 
 #endif

@@ -95,10 +95,11 @@ std::vector<std::string> programme_closing_remarks(const programme_input &progra
 {
     const video_input &video = *programme.video;
     const audio_input &audio = *programme.audio;
+    const media_file &sound = *audio.decoder->file;
     std::vector<std::string> remarks;
     remark(remarks, *video.file, "damaged access units left out", video.damaged);
-    remark(remarks, *audio.file, "damaged audio packets left out", audio.damaged);
+    remark(remarks, sound, "damaged audio packets left out", audio.decoder->damaged);
     remark(remarks, *video.file, "jumps of the video's clock closed", video.clock.jumps);
-    remark(remarks, *audio.file, "jumps of the audio's clock closed", audio.clock.jumps);
+    remark(remarks, sound, "jumps of the audio's clock closed", audio.clock.jumps);
     return remarks;
 }

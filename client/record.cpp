@@ -13,7 +13,6 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <filesystem>
 #include <mutex>
 #include <unistd.h>
 
@@ -106,12 +105,7 @@ static void open_all(session &self)
     const record_options &options = self.options;
     const std::optional<AVRational> frame_rate = parse_frame_rate(options);
     self.storage = storage_open(options.output, options.force);
-    for (const std::string &input : {options.video, options.audio}) {
-        std::error_code ignored;
-        if (std::filesystem::equivalent(input, options.output, ignored)) {
-            throw failure(exit_code::output, options.output + ": is an input as well");
-        }
-    }
+    output_place_check_inputs(options.output, {options.video, options.audio});
     self.programme = programme_open(options.video, options.audio, frame_rate);
     say_remarks(self, programme_opening_remarks(*self.programme));
     (void)OMX_Init(); // loads the component while its path still means what the user meant

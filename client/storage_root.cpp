@@ -7,9 +7,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <dirent.h>
 #include <fcntl.h>
-#include <filesystem>
 #include <sched.h>
 #include <sys/file.h>
 #include <sys/mount.h>
@@ -64,60 +62,25 @@ void storage_isolate(void)
 storage_root::~storage_root()
 {
     storage_discard(*this);
-    for (const int file : {directory, scratch}) {
-        if (file >= 0) {
-            close(file);
-        }
+    if (scratch >= 0) {
+        close(scratch);
     }
 }
 
 std::unique_ptr<storage_root> storage_open(const std::string &output, bool force)
 {
-    std::error_code missing;
-    const std::filesystem::path target = std::filesystem::canonical(output, missing);
-    const std::filesystem::path path = missing ? std::filesystem::path(output) : target;
     std::unique_ptr<storage_root> root = std::make_unique<storage_root>();
-    root->name = path.filename();
-    root->force = force;
-    if (root->name.empty() || root->name == "." || root->name == "..") {
-        throw failure(exit_code::output, output + ": is not the name of a file");
-    }
-    const std::string directory = path.has_parent_path() ? path.parent_path().string() : ".";
-    root->directory = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (root->directory < 0) {
-        fail(exit_code::output, directory);
-    }
-    if (faccessat(root->directory, ".", W_OK | X_OK, AT_EACCESS) != 0) {
-        fail(exit_code::output, directory);
-    }
-    struct stat status = {};
-    if (fstatat(root->directory, root->name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0) {
-        if (!S_ISREG(status.st_mode) && !S_ISLNK(status.st_mode)) {
-            throw failure(exit_code::output, output + ": exists and is not a regular file");
-        }
-        if (!force) {
-            throw failure(exit_code::output, output + ": exists already (--force replaces it)");
-        }
-    } else if (errno != ENOENT) {
-        fail(exit_code::output, output);
-    }
+    root->place = output_place_open(output, force);
     return root;
 }
 
 static void make_scratch(storage_root &root)
 {
-    const std::string stem = ".tdmbrec-" + std::to_string(getpid());
-    std::string name = stem;
-    for (int number = 1; mkdirat(root.directory, name.c_str(), 0700) != 0; number++) {
-        if (errno != EEXIST || number > 100) {
-            fail(exit_code::output, "no scratch directory can be made beside the output");
-        }
-        name = stem + "-" + std::to_string(number);
-    }
-    root.scratch_name = name;
-    root.scratch = openat(root.directory, name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    const int directory = root.place->directory;
+    root.scratch_name = make_hidden_folder(directory);
+    root.scratch = openat(directory, root.scratch_name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (root.scratch < 0) {
-        fail(exit_code::output, name);
+        fail(exit_code::output, root.scratch_name);
     }
 }
 
@@ -199,18 +162,6 @@ int storage_open_recording(const storage_root &root)
     return openat(root.scratch, root.record_name.c_str(), O_RDONLY | O_CLOEXEC);
 }
 
-// Gives a complete file its name.
-static bool rename_to_place(const storage_root &root, int from, const std::string &from_name)
-{
-    const unsigned flags = root.force ? 0 : RENAME_NOREPLACE;
-    if (renameat2(from, from_name.c_str(), root.directory, root.name.c_str(), flags) == 0) {
-        return true;
-    }
-    return errno == EINVAL && // a file system without the flag
-           faccessat(root.directory, root.name.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) != 0 &&
-           renameat(from, from_name.c_str(), root.directory, root.name.c_str()) == 0;
-}
-
 static bool copy_bytes(int from, int to)
 {
     ssize_t copied = 0;
@@ -224,16 +175,17 @@ static bool copy_bytes(int from, int to)
 static bool copy_to_place(const storage_root &root, int recording)
 {
     const std::string name = ".tdmbrec-" + std::to_string(getpid()) + ".mp4";
-    const int copy =
-        openat(root.directory, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    const int directory = root.place->directory;
+    const int copy = openat(directory, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
     if (copy < 0) {
         return false;
     }
-    const bool placed = copy_bytes(recording, copy) && rename_to_place(root, root.directory, name);
+    const bool placed =
+        copy_bytes(recording, copy) && output_place_take(*root.place, directory, name);
     const int error = errno;
     close(copy);
     if (!placed) {
-        unlinkat(root.directory, name.c_str(), 0);
+        unlinkat(directory, name.c_str(), 0);
     }
     errno = error;
     return placed;
@@ -245,7 +197,8 @@ void storage_publish(storage_root &root)
     if (recording < 0) {
         fail(exit_code::component, "the recorder component left no file");
     }
-    bool placed = fsync(recording) == 0 && rename_to_place(root, root.scratch, root.record_name);
+    bool placed =
+        fsync(recording) == 0 && output_place_take(*root.place, root.scratch, root.record_name);
     if (!placed && errno == EXDEV) {
         placed = copy_to_place(root, recording);
     }
@@ -262,20 +215,7 @@ void storage_publish(storage_root &root)
     root.record_name.clear(); // the recording is worth more than tidiness
     errno = error;
     fail(exit_code::output,
-         "the recording cannot take the name " + root.name + " and stays as " + kept);
-}
-
-static void remove_entries(int directory)
-{
-    DIR *const entries = fdopendir(dup(directory));
-    if (entries == nullptr) {
-        return;
-    }
-    rewinddir(entries);
-    while (const dirent *const entry = readdir(entries)) {
-        unlinkat(directory, entry->d_name, 0);
-    }
-    closedir(entries);
+         "the recording cannot take the name " + root.place->name + " and stays as " + kept);
 }
 
 void storage_discard(storage_root &root)
@@ -299,6 +239,6 @@ void storage_discard(storage_root &root)
         unlinkat(root.scratch, card_name, AT_REMOVEDIR);
     }
     if (!root.scratch_name.empty()) {
-        unlinkat(root.directory, root.scratch_name.c_str(), AT_REMOVEDIR);
+        unlinkat(root.place->directory, root.scratch_name.c_str(), AT_REMOVEDIR);
     }
 }

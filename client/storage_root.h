@@ -7,20 +7,18 @@
 #ifndef CLIENT_STORAGE_ROOT_H
 #define CLIENT_STORAGE_ROOT_H
 
+#include "client/output_place.h"
+
 #include <cstdint>
 #include <memory>
-#include <optional>
 #include <string>
 
 struct storage_root {
-    int directory = -1; // where the finished file goes
-    int scratch = -1;   // what the component sees as /mnt/sdcard
-    std::string name;   // of the finished file in its directory
-    std::string
-        scratch_name;        // of the scratch directory there; empty when /mnt/sdcard itself serves
-    std::string record_name; // of the recording, seen from the scratch directory
-    bool force = false;      // an existing file may be replaced
-    bool made_card = false;  // the card's directory goes with the recording
+    std::unique_ptr<output_place> place; // where the finished file goes
+    int scratch = -1;                    // what the component sees as /mnt/sdcard
+    std::string scratch_name; // of that directory at the place; empty: /mnt/sdcard itself serves
+    std::string record_name;  // of the recording, seen from the scratch directory
+    bool made_card = false;   // the card's directory goes with the recording
 
     storage_root() = default;
     storage_root(const storage_root &) = delete;

@@ -1,99 +1,17 @@
 // Runs the command, and ffmpeg to make and to judge files.
-#include <gtest/gtest.h>
+#include "tests/client/command_test.h"
 
 #include <nlohmann/json.hpp>
 
-#include <cstdlib>
-#include <filesystem>
 #include <fstream>
-#include <set>
 #include <string>
 #include <vector>
-#include <sys/wait.h>
 
 namespace fs = std::filesystem;
 using nlohmann::json;
-using name_set = std::set<std::string>;
 
-#define RECORD TDMBREC_COMMAND " record "
-#define SAMPLE "--video programme.h264 --audio programme.wav "
+#define RECORD TDMBREC "record "
 #define SCRIPTED "TDMBREC_COMPONENT_PATH=" SCRIPTED_COMPONENT
-#define TIMED_SAMPLE "-fflags +genpts -r 30 -i programme.h264 "
-
-static const name_set SAMPLE_ALONE = {"programme.h264", "programme.wav"};
-
-struct command_result {
-    int status; // exit code, or 1000 plus the signal that killed it
-    std::string out;
-    std::string err;
-};
-
-static bool contains(const std::string &text, const std::string &part)
-{
-    return text.find(part) != std::string::npos;
-}
-
-static std::string take_text(const std::string &path)
-{
-    std::ifstream file(path, std::ios::binary);
-    fs::remove(path);
-    return std::string(std::istreambuf_iterator<char>(file), {});
-}
-
-// Each test works in a directory of its own, which holds the sample as programme.h264 and .wav.
-class command : public testing::Test {
-  protected:
-    void SetUp() override
-    {
-        std::string place = (fs::temp_directory_path() / "tdmbrec-test-XXXXXX").string();
-        ASSERT_NE(mkdtemp(place.data()), nullptr);
-        directory = place;
-        for (const std::string &name : SAMPLE_ALONE) {
-            fs::copy_file(fs::path(TDMBREC_SOURCE_DIR) / "samples" / name, directory / name);
-        }
-    }
-
-    void TearDown() override
-    {
-        fs::remove_all(directory);
-    }
-
-    // Runs a shell command line in the directory. Words come from the tests alone.
-    command_result shell(const std::string &line)
-    {
-        const std::string place = directory.string() + "-";
-        const std::string whole = "cd '" + directory.string() + "' && { " + line + "\n} >'" +
-                                  place + "out' 2>'" + place + "err' </dev/null";
-        const int status = std::system(whole.c_str());
-        const int code = WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status);
-        return {code, take_text(place + "out"), take_text(place + "err")};
-    }
-
-    // The names in the directory, hidden ones included.
-    name_set names() const
-    {
-        name_set found;
-        for (const fs::directory_entry &entry : fs::directory_iterator(directory)) {
-            found.insert(entry.path().filename().string());
-        }
-        return found;
-    }
-
-    // Runs the command with these arguments and settings of the environment.
-    command_result record(const std::string &arguments, const std::string &environment = "")
-    {
-        inputs = names();
-        return shell(environment + " " RECORD + arguments);
-    }
-
-    command_result ffmpeg(const std::string &arguments)
-    {
-        return shell("ffmpeg -nostdin -v error -y " + arguments);
-    }
-
-    fs::path directory;
-    name_set inputs; // what the directory held before the command ran
-};
 
 // Finds the sample recorded as a.mp4. What cannot run here is reported as skipped.
 class recording : public command {
@@ -106,6 +24,13 @@ class recording : public command {
             GTEST_SKIP() << "no ffmpeg here, or no storage: " << first.err;
         }
         ASSERT_EQ(first.status, 0) << first.err;
+    }
+
+    // Runs the command with these arguments and settings of the environment.
+    command_result record(const std::string &arguments, const std::string &environment = "")
+    {
+        inputs = names();
+        return shell(environment + " " RECORD + arguments);
     }
 
     // Records and gives what --json tells.
@@ -125,6 +50,7 @@ class recording : public command {
     }
 
     command_result first;
+    name_set inputs; // what the directory held before the command ran
 };
 
 TEST_F(recording, refuses_mistakes_by_name_with_their_code_and_touches_nothing)

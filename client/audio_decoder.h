@@ -1,0 +1,31 @@
+// The decoded audio of one file, frame by frame.
+#ifndef CLIENT_AUDIO_DECODER_H
+#define CLIENT_AUDIO_DECODER_H
+
+#include "client/media_file.h"
+
+#include <memory>
+#include <string>
+
+struct codec_deleter {
+    void operator()(AVCodecContext *codec) const;
+};
+struct frame_deleter {
+    void operator()(AVFrame *frame) const;
+};
+using frame_ptr = std::unique_ptr<AVFrame, frame_deleter>;
+
+struct audio_decoder {
+    std::unique_ptr<media_file> file;
+    std::unique_ptr<AVCodecContext, codec_deleter> codec;
+    unsigned damaged = 0; // packets that could not be decoded
+};
+
+// Opens the audio of a file. throws `failure`.
+std::unique_ptr<audio_decoder> audio_decoder_open(const std::string &path);
+
+// returns the next frame that holds samples; null at the end. throws `failure` when the file breaks
+// off.
+frame_ptr audio_decoder_next(audio_decoder &decoder);
+
+#endif

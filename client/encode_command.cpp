@@ -1,0 +1,80 @@
+#include "client/encode_command.h"
+
+#include "client/aac_stream.h"
+#include "client/failure.h"
+#include "client/pcm_input.h"
+#include "client/summary.h"
+#include "client/work_folder.h"
+
+#include <chrono>
+#include <cstdio>
+
+static constexpr char work_name[] = "stream.aac";
+
+struct encoding {
+    std::unique_ptr<pcm_input> pcm;
+    aac_stream stream;
+    uint64_t frames = 0;
+    uint64_t bytes = 0; // of the stream
+};
+
+static void open_stream(encoding &self, const encode_options &options)
+{
+    const aac_settings settings = {.rate = self.pcm->rate,
+                                   .channels = self.pcm->channels,
+                                   .bit_rate = options.bit_rate,
+                                   .raw = options.raw,
+                                   .tns = options.tns,
+                                   .pns = options.pns,
+                                   .mpeg2 = options.mpeg2};
+    try {
+        aac_stream_open(self.stream, settings);
+    } catch (const failure &refused) {
+        const bool of_input = refused.code == exit_code::unsupported;
+        throw failure(refused.code, (of_input ? options.input + ": " : "") + refused.what());
+    }
+}
+
+// The transform's overlap keeps the last frame back: one of silence pushes it out.
+static void encode_all(encoding &self, work_file &out)
+{
+    std::vector<int16_t> frame(AACENC_FRAME_SAMPLES * static_cast<size_t>(self.pcm->channels));
+    for (bool more = true; more; self.frames++) {
+        more = pcm_input_next(*self.pcm, frame) > 0;
+        work_file_write(out, aac_stream_encode(self.stream, frame));
+    }
+}
+
+static void report(const encode_options &options, const encoding &self, double elapsed_s)
+{
+    const double seconds = static_cast<double>(self.pcm->samples) / self.pcm->rate;
+    const double coded_s = static_cast<double>(self.frames * AACENC_FRAME_SAMPLES) / self.pcm->rate;
+    std::printf("%s: %s of %d Hz %s, %llu frames, %s, %.1f kbit/s; took %.2f s, %.0f times real "
+                "time\n",
+                options.output.c_str(), duration_text(seconds).c_str(), self.pcm->rate,
+                self.pcm->channels == 2 ? "stereo" : "mono",
+                static_cast<unsigned long long>(self.frames), size_text(self.bytes).c_str(),
+                static_cast<double>(self.bytes) * 8 / coded_s / 1000, elapsed_s,
+                elapsed_s > 0 ? seconds / elapsed_s : 0);
+}
+
+int encode_run(const encode_options &options)
+{
+    const auto begun = std::chrono::steady_clock::now();
+    const std::unique_ptr<work_folder> folder = work_folder_make(options.output, options.force);
+    encoding self;
+    output_place_check_inputs(options.output, {options.input});
+    self.pcm = pcm_input_open(options.input);
+    open_stream(self, options);
+    work_file out(*folder, work_name);
+    if (options.raw) {
+        work_file_write(out, adif_header(self.stream.settings));
+    }
+    encode_all(self, out);
+    work_file_finish(out);
+    self.bytes = out.bytes;
+    work_folder_publish(*folder, work_name);
+    report(options, self,
+           std::chrono::duration<double>(std::chrono::steady_clock::now() - begun).count());
+    return 0;
+}

@@ -1,0 +1,102 @@
+#include "client/output_place.h"
+
+#include "client/failure.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
+#include <filesystem>
+#include <sys/stat.h>
+#include <unistd.h>
+
+[[noreturn]] static void fail(const std::string &what)
+{
+    throw failure(exit_code::output, what + ": " + std::strerror(errno));
+}
+
+output_place::~output_place()
+{
+    if (directory >= 0) {
+        close(directory);
+    }
+}
+
+std::unique_ptr<output_place> output_place_open(const std::string &output, bool force)
+{
+    std::error_code missing;
+    const std::filesystem::path target = std::filesystem::canonical(output, missing);
+    const std::filesystem::path path = missing ? std::filesystem::path(output) : target;
+    std::unique_ptr<output_place> place = std::make_unique<output_place>();
+    place->name = path.filename();
+    place->force = force;
+    if (place->name.empty() || place->name == "." || place->name == "..") {
+        throw failure(exit_code::output, output + ": is not the name of a file");
+    }
+    const std::string directory = path.has_parent_path() ? path.parent_path().string() : ".";
+    place->directory = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (place->directory < 0 || faccessat(place->directory, ".", W_OK | X_OK, AT_EACCESS) != 0) {
+        fail(directory);
+    }
+    struct stat status = {};
+    if (fstatat(place->directory, place->name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0) {
+        if (!S_ISREG(status.st_mode) && !S_ISLNK(status.st_mode)) {
+            throw failure(exit_code::output, output + ": exists and is not a regular file");
+        }
+        if (!force) {
+            throw failure(exit_code::output, output + ": exists already (--force replaces it)");
+        }
+    } else if (errno != ENOENT) {
+        fail(output);
+    }
+    return place;
+}
+
+void output_place_check_inputs(const std::string &output, std::initializer_list<std::string> inputs)
+{
+    for (const std::string &input : inputs) {
+        std::error_code ignored;
+        if (std::filesystem::equivalent(input, output, ignored)) {
+            throw failure(exit_code::output, output + ": is an input as well");
+        }
+    }
+}
+
+bool output_place_take(const output_place &place, int from, const std::string &from_name)
+{
+    const unsigned flags = place.force ? 0 : RENAME_NOREPLACE;
+    const char *const name = place.name.c_str();
+    if (renameat2(from, from_name.c_str(), place.directory, name, flags) == 0) {
+        return true;
+    }
+    return errno == EINVAL && // a file system without the flag
+           faccessat(place.directory, name, F_OK, AT_SYMLINK_NOFOLLOW) != 0 &&
+           renameat(from, from_name.c_str(), place.directory, name) == 0;
+}
+
+std::string make_hidden_folder(int directory)
+{
+    const std::string stem = ".tdmbrec-" + std::to_string(getpid());
+    std::string name = stem;
+    for (int number = 1; mkdirat(directory, name.c_str(), 0700) != 0; number++) {
+        if (errno != EEXIST || number > 100) {
+            fail("no scratch directory can be made beside the output");
+        }
+        name = stem + "-" + std::to_string(number);
+    }
+    return name;
+}
+
+void remove_entries(int folder)
+{
+    DIR *const entries = fdopendir(dup(folder));
+    if (entries == nullptr) {
+        return;
+    }
+    rewinddir(entries);
+    while (const dirent *const entry = readdir(entries)) {
+        unlinkat(folder, entry->d_name, 0);
+    }
+    closedir(entries);
+}

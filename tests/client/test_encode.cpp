@@ -1,0 +1,62 @@
+// The encoder alone, judged by decoders that nobody here wrote.
+#include "tests/client/command_test.h"
+
+class encode : public command {};
+
+TEST_F(encode, makes_streams_that_decoders_take_without_a_word)
+{
+    if (shell("command -v ffmpeg faad").status != 0) {
+        GTEST_SKIP() << "no ffmpeg or no faad";
+    }
+    const struct {
+        const char *made; // by ffmpeg of the sample's sound
+        const char *options;
+        const char *told;
+    } cases[] = {
+        {"-ac 2", "", "0:10.0 of 48000 Hz stereo, 470 frames, "},
+        {"-ac 1 -ar 8000 -t 1.1", "--bitrate 16000 --tns --pns",
+         "0:01.1 of 8000 Hz mono, 10 frames"},
+        {"-c:a pcm_s24le -ar 44100", "--bitrate 256000 --mpeg2 --tns", "44100 Hz stereo, 432 "},
+    };
+    for (const auto &[made, options, told] : cases) {
+        ASSERT_EQ(ffmpeg(std::string("-i programme.wav ") + made + " in.wav").status, 0);
+        const std::string line = std::string(TDMBREC "encode -f in.wav ") + options;
+        const command_result framed = shell(line + " -o a.aac");
+        const command_result raw = shell(line + " -o raw.aac --raw");
+        EXPECT_EQ(framed.status + raw.status, 0) << framed.err << raw.err;
+        EXPECT_TRUE(contains(framed.out, told)) << framed.out;
+        EXPECT_EQ(ffmpeg("-xerror -err_detect explode -i a.aac -f null -").err, "");
+        // Behind one header or in frames of their own, the access units decode to the same sound.
+        EXPECT_EQ(shell("faad -q -o a.wav a.aac && faad -q -o raw.wav raw.aac && "
+                        "cmp a.wav raw.wav")
+                      .out,
+                  "");
+    }
+}
+
+TEST_F(encode, refuses_in_one_sentence_and_leaves_nothing)
+{
+    ffmpeg("-i programme.wav -t 1 -ar 96000 fast.wav -t 1 -ac 6 six.wav");
+    const name_set before = names();
+    const struct {
+        const char *arguments;
+        int status;
+        const char *sentence;
+    } cases[] = {
+        {"programme.wav", 2, "--output is required"},
+        {"programme.wav -o x --bitrate 64500", 2, "multiple of 1000 from 16000 on, not 64500"},
+        {"programme.wav -o x --bitrate 15000", 2, "not 15000"},
+        {"missing.wav -o x", 3, "missing.wav: No such file"},
+        {"programme.h264 -o x", 3, "holds no audio"},
+        {"fast.wav -o x", 4, "fast.wav: its sampling rate is 96000 Hz"},
+        {"six.wav -o x", 4, "six.wav: it has 6 channels"},
+        {"programme.wav -o programme.h264", 5, "exists already"},
+        {"programme.wav -f -o programme.wav", 5, "is an input"},
+    };
+    for (const auto &[arguments, status, sentence] : cases) {
+        const command_result result = shell(std::string(TDMBREC "encode ") + arguments);
+        EXPECT_EQ(result.status, status) << arguments << result.err;
+        EXPECT_TRUE(contains(result.err, sentence)) << arguments << result.err;
+        EXPECT_EQ(names(), before) << arguments;
+    }
+}
