@@ -168,7 +168,17 @@ static int32_t open_output(mp4_mux_t *mux)
     mp4_mux_open_bitstream_from_external_memory(&mux->m_Bs, mux->m_pCache, mux->m_iCacheSize,
                                                 output);
     // A handle need not stand at the start of its file.
-    return mux->m_bOutputIsHandle != 0 ? bs_refresh(&mux->m_Bs, "can't tell the position") : 0;
+    if (mux->m_bOutputIsHandle != 0) {
+        const int32_t refreshed = bs_refresh(&mux->m_Bs, "can't tell the position");
+        if (refreshed < 0) {
+            return refreshed;
+        }
+    }
+    // The position of the media data, which is the head's end, is kept in 32 bits.
+    if (bs_position(&mux->m_Bs) > INT32_MAX) {
+        return fail(mux, MUX_ERR_INVALID, "output stands beyond 32-bit positions");
+    }
+    return 0;
 }
 
 // Lays the tracks' cache regions behind the output's: audio, then video.
