@@ -32,15 +32,6 @@ static mp4_mux_bs_t *header_target(mp4_mux_t *mux, mp4_mux_bs_t *scratch)
     return mux->m_pfnAppendFile != nullptr ? scratch : mux->m_pBs;
 }
 
-static int32_t copy_records(mp4_mux_t *mux, mp4_mux_track_t *p_track, mp4_mux_bs_t *scratch,
-                            const char *name, int32_t header_bytes, int64_t record_bytes)
-{
-    if (mux->m_pfnAppendFile != nullptr) {
-        return append_file(mux, p_track, scratch, header_bytes + record_bytes, name);
-    }
-    return bs_direct_copy(mux->m_pBs, scratch, record_bytes, name);
-}
-
 static int32_t write_stsd_box(mp4_mux_t *mux, mp4_mux_track_t *p_track)
 {
     mp4_mux_bs_t *bs = mux->m_pBs;
@@ -73,82 +64,103 @@ static void write_stsc_box(mp4_mux_t *mux)
     mp4_mux_bs_write_be32(bs, 1);             // unsigned int(32) sample_description_index;
 }
 
-static int32_t write_stco_records(mp4_mux_t *mux, mp4_mux_track_t *p_track)
+namespace {
+
+// A box whose records a scratch table holds.
+struct table_box {
+    const char *type;
+    mp4_mux_bs_t *scratch;
+    const char *name;
+    const char *tag; // of its failures
+    int32_t header_bytes;
+    uint32_t count; // of its records
+    int32_t record_bytes;
+};
+
+} // namespace
+
+static int32_t write_records(mp4_mux_t *mux, mp4_mux_track_t *p_track, const table_box &table)
 {
-    mp4_mux_bs_t *scratch = &p_track->m_BsSTCO;
-    const int32_t result = calc_stxx_cache(mux, p_track, scratch, work_bytes(mux));
-    if (result < 0) {
-        return result;
+    const int64_t records_bytes = int64_t{table.count} * table.record_bytes;
+    const int64_t box_bytes = table.header_bytes + records_bytes;
+    mp4_mux_bs_t *bs = header_target(mux, table.scratch);
+
+    mp4_mux_bs_write_be32(bs, static_cast<uint32_t>(box_bytes)); // unsigned int(32) size;
+    mp4_mux_bs_write_tag(bs, table.type);                        // unsigned int(32) type;
+    mp4_mux_bs_write_be32(bs, 0); // unsigned int(8) version; bit(24) flags;
+    if (table.header_bytes == kSizeTableHeaderBytes) {
+        mp4_mux_bs_write_be32(bs, 0); // unsigned int(32) sample_size = 0: see the records
     }
+    mp4_mux_bs_write_be32(bs, table.count); // unsigned int(32) entry_count; the records
+    if (mux->m_pfnAppendFile != nullptr) {
+        return append_file(mux, p_track, table.scratch, box_bytes, table.name);
+    }
+    return bs_direct_copy(mux->m_pBs, table.scratch, records_bytes, table.name);
+}
+
+// Writes a table's box and gives its scratch file up.
+static int32_t write_table(mp4_mux_t *mux, mp4_mux_track_t *p_track, const table_box &table)
+{
+    int32_t result = calc_stxx_cache(mux, p_track, table.scratch, work_bytes(mux));
+    if (result >= 0) {
+        result = write_records(mux, p_track, table);
+    }
+    return result < 0 ? tag_failure(mux, table.tag, result)
+                      : close_scratch(table.scratch, table.name);
+}
+
+static int32_t write_stco_box(mp4_mux_t *mux, mp4_mux_track_t *p_track)
+{
     const bool is_32bit = mux->m_b32BitOffset != 0;
-    const uint32_t count = p_track->m_uiSampleCount;
-    const int64_t record_bytes = int64_t{count} * (is_32bit ? 4 : 8);
-    const uint32_t box_bytes = static_cast<uint32_t>(kTableHeaderBytes + record_bytes);
-    mp4_mux_bs_t *bs = header_target(mux, scratch);
-
-    mp4_mux_bs_write_be32(bs, box_bytes);                 // unsigned int(32) size;
-    mp4_mux_bs_write_tag(bs, is_32bit ? "stco" : "co64"); // unsigned int(32) type;
-    mp4_mux_bs_write_be32(bs, 0);                         // unsigned int(8) version; bit(24) flags;
-    mp4_mux_bs_write_be32(bs, count); // unsigned int(32) entry_count; chunk_offset[];
-    return copy_records(mux, p_track, scratch, p_track->m_szSTCOName, kTableHeaderBytes,
-                        record_bytes);
+    return write_table(mux, p_track,
+                       {.type = is_32bit ? "stco" : "co64",
+                        .scratch = &p_track->m_BsSTCO,
+                        .name = p_track->m_szSTCOName,
+                        .tag = "<write_stco_box",
+                        .header_bytes = kTableHeaderBytes,
+                        .count = p_track->m_uiSampleCount,
+                        .record_bytes = is_32bit ? 4 : 8});
 }
 
-static int32_t write_stsz_records(mp4_mux_t *mux, mp4_mux_track_t *p_track)
+static int32_t write_stsz_box(mp4_mux_t *mux, mp4_mux_track_t *p_track)
 {
-    mp4_mux_bs_t *scratch = &p_track->m_BsSTSZ;
-    const int32_t result = calc_stxx_cache(mux, p_track, scratch, work_bytes(mux));
-    if (result < 0) {
-        return result;
+    return write_table(mux, p_track,
+                       {.type = "stsz",
+                        .scratch = &p_track->m_BsSTSZ,
+                        .name = p_track->m_szSTSZName,
+                        .tag = "<write_stsz_box",
+                        .header_bytes = kSizeTableHeaderBytes,
+                        .count = p_track->m_uiSampleCount,
+                        .record_bytes = 4});
+}
+
+// A track without key frames, or of key frames alone, has no such box.
+static int32_t write_stss_box(mp4_mux_t *mux, mp4_mux_track_t *p_track)
+{
+    const uint32_t syncs = p_track->m_uiSyncSampleCount;
+    if (syncs == 0 || syncs >= p_track->m_uiSampleCount) {
+        return 0;
     }
-    const uint32_t count = p_track->m_uiSampleCount;
-    const int64_t record_bytes = int64_t{count} * 4;
-    const uint32_t box_bytes = static_cast<uint32_t>(kSizeTableHeaderBytes + record_bytes);
-    mp4_mux_bs_t *bs = header_target(mux, scratch);
-
-    mp4_mux_bs_write_be32(bs, box_bytes); // unsigned int(32) size;
-    mp4_mux_bs_write_tag(bs, "stsz");     // unsigned int(32) type;
-    mp4_mux_bs_write_be32(bs, 0);         // unsigned int(8) version; bit(24) flags;
-    mp4_mux_bs_write_be32(bs, 0);         // unsigned int(32) sample_size = 0: see the table
-    mp4_mux_bs_write_be32(bs, count);     // unsigned int(32) sample_count; entry_size[];
-    return copy_records(mux, p_track, scratch, p_track->m_szSTSZName, kSizeTableHeaderBytes,
-                        record_bytes);
+    return write_table(mux, p_track,
+                       {.type = "stss",
+                        .scratch = &p_track->m_BsSTSS,
+                        .name = p_track->m_szSTSSName,
+                        .tag = "<write_stss_box",
+                        .header_bytes = kTableHeaderBytes,
+                        .count = syncs,
+                        .record_bytes = 4});
 }
 
-static int32_t write_stss_records(mp4_mux_t *mux, mp4_mux_track_t *p_track)
+// The box of the runs of durations: (count, delta) pairs.
+static int32_t write_runs(mp4_mux_t *mux, mp4_mux_track_t *p_track)
 {
-    mp4_mux_bs_t *scratch = &p_track->m_BsSTSS;
-    const int32_t result = calc_stxx_cache(mux, p_track, scratch, work_bytes(mux));
-    if (result < 0) {
-        return result;
-    }
-    const uint32_t count = p_track->m_uiSyncSampleCount;
-    const int64_t record_bytes = int64_t{count} * 4;
-    const uint32_t box_bytes = static_cast<uint32_t>(kTableHeaderBytes + record_bytes);
-    mp4_mux_bs_t *bs = header_target(mux, scratch);
-
-    mp4_mux_bs_write_be32(bs, box_bytes); // unsigned int(32) size;
-    mp4_mux_bs_write_tag(bs, "stss");     // unsigned int(32) type;
-    mp4_mux_bs_write_be32(bs, 0);         // unsigned int(8) version; bit(24) flags;
-    mp4_mux_bs_write_be32(bs, count);     // unsigned int(32) entry_count; sample_number[];
-    return copy_records(mux, p_track, scratch, p_track->m_szSTSSName, kTableHeaderBytes,
-                        record_bytes);
-}
-
-static int32_t write_stts_records(mp4_mux_t *mux, mp4_mux_track_t *p_track)
-{
-    mp4_mux_bs_t *scratch = &p_track->m_BsSTTSDts;
-    const uint32_t count = static_cast<uint32_t>(p_track->m_iSttsEntryCount);
-    const int64_t record_bytes = int64_t{count} * 8;
-    const uint32_t box_bytes = static_cast<uint32_t>(kTableHeaderBytes + record_bytes);
-    mp4_mux_bs_t *bs = header_target(mux, scratch);
-
-    mp4_mux_bs_write_be32(bs, box_bytes); // unsigned int(32) size;
-    mp4_mux_bs_write_tag(bs, "stts");     // unsigned int(32) type;
-    mp4_mux_bs_write_be32(bs, 0);         // unsigned int(8) version; bit(24) flags;
-    mp4_mux_bs_write_be32(bs, count);     // unsigned int(32) entry_count; (count, delta)[];
-    return copy_records(mux, p_track, scratch, p_track->m_szSTTSDtsName, kTableHeaderBytes,
-                        record_bytes);
+    return write_records(mux, p_track,
+                         {.type = "stts",
+                          .scratch = &p_track->m_BsSTTSDts,
+                          .name = p_track->m_szSTTSDtsName,
+                          .header_bytes = kTableHeaderBytes,
+                          .count = static_cast<uint32_t>(p_track->m_iSttsEntryCount),
+                          .record_bytes = 8});
 }
 
 // The nearest whole number, kept within 32 bits.
@@ -176,43 +188,21 @@ static void write_mean_stts_box(mp4_mux_bs_t *bs, const mp4_mux_track_t *p_track
     mp4_mux_bs_write_be32(bs, delta); // unsigned int(32) sample_delta;
 }
 
-// Writes one table's box and gives its scratch file up.
-static int32_t write_table(mp4_mux_t *mux, mp4_mux_track_t *p_track,
-                           int32_t (*write_records)(mp4_mux_t *, mp4_mux_track_t *),
-                           mp4_mux_bs_t *scratch, const char *name, const char *tag)
-{
-    const int32_t result = write_records(mux, p_track);
-    return result < 0 ? tag_failure(mux, tag, result) : close_scratch(scratch, name);
-}
-
-static int32_t write_stss_box(mp4_mux_t *mux, mp4_mux_track_t *p_track)
-{
-    const uint32_t syncs = p_track->m_uiSyncSampleCount;
-    if (syncs == 0 || syncs >= p_track->m_uiSampleCount) {
-        return 0;
-    }
-    return write_table(mux, p_track, write_stss_records, &p_track->m_BsSTSS, p_track->m_szSTSSName,
-                       "<write_stss_box");
-}
-
 static int32_t write_stts_box(mp4_mux_t *mux, mp4_mux_track_t *p_track)
 {
+    int32_t result = 0;
     if (p_track->m_iType == MUX_TYPE_VIDEO) {
-        const int32_t result =
-            calc_stxx_cache(mux, p_track, &p_track->m_BsSTTSDts, work_bytes(mux));
-        if (result < 0) {
-            return tag_failure(mux, "<write_stts_box", result);
-        }
+        result = calc_stxx_cache(mux, p_track, &p_track->m_BsSTTSDts, work_bytes(mux));
     }
-    if (p_track->m_iType == MUX_TYPE_VIDEO && p_track->m_iSttsEntryCount >= 2) {
-        const int32_t result = write_stts_records(mux, p_track);
-        if (result < 0) {
-            return tag_failure(mux, "<write_stts_box", result);
-        }
-    } else {
+    if (result >= 0 && p_track->m_iType == MUX_TYPE_VIDEO && p_track->m_iSttsEntryCount >= 2) {
+        result = write_runs(mux, p_track);
+    } else if (result >= 0) {
         write_mean_stts_box(mux->m_pBs, p_track);
     }
-    const int32_t result = close_scratch(&p_track->m_BsSTTS, p_track->m_szSTTSName);
+    if (result < 0) {
+        return tag_failure(mux, "<write_stts_box", result);
+    }
+    result = close_scratch(&p_track->m_BsSTTS, p_track->m_szSTTSName);
     return result < 0 ? result : close_scratch(&p_track->m_BsSTTSDts, p_track->m_szSTTSDtsName);
 }
 
@@ -221,12 +211,10 @@ static int32_t write_tables(mp4_mux_t *mux, mp4_mux_track_t *p_track)
     int32_t result = write_stsd_box(mux, p_track);
     if (result >= 0) {
         write_stsc_box(mux);
-        result = write_table(mux, p_track, write_stco_records, &p_track->m_BsSTCO,
-                             p_track->m_szSTCOName, "<write_stco_box");
+        result = write_stco_box(mux, p_track);
     }
     if (result >= 0) {
-        result = write_table(mux, p_track, write_stsz_records, &p_track->m_BsSTSZ,
-                             p_track->m_szSTSZName, "<write_stsz_box");
+        result = write_stsz_box(mux, p_track);
     }
     if (result >= 0 && p_track->m_iType == MUX_TYPE_VIDEO) {
         result = write_stss_box(mux, p_track);
