@@ -292,18 +292,11 @@ static int32_t put_byte(mp4_mux_bs_t *bs, uint8_t byte)
     return result;
 }
 
-static int32_t put_big_endian(mp4_mux_bs_t *bs, uint64_t value, int bytes)
+static int32_t put_number(mp4_mux_bs_t *bs, byte_order order, uint64_t value, int bytes)
 {
-    for (int shift = 8 * (bytes - 1); shift >= 0; shift -= 8) {
-        put_byte(bs, static_cast<uint8_t>(value >> shift));
-    }
-    return 0;
-}
-
-static int32_t put_little_endian(mp4_mux_bs_t *bs, uint32_t value, int bytes)
-{
-    for (int shift = 0; shift < 8 * bytes; shift += 8) {
-        put_byte(bs, static_cast<uint8_t>(value >> shift));
+    for (int i = 0; i < bytes; i++) {
+        const int place = order == byte_order::little ? i : bytes - 1 - i;
+        put_byte(bs, static_cast<uint8_t>(value >> (8 * place)));
     }
     return 0;
 }
@@ -320,37 +313,37 @@ int32_t mp4_mux_bs_write_1byte(mp4_mux_bs_t *bs, const uint8_t *byte)
 
 int32_t mp4_mux_bs_write_be16(mp4_mux_bs_t *bs, uint32_t value)
 {
-    return put_big_endian(bs, value, 2);
+    return put_number(bs, byte_order::big, value, 2);
 }
 
 int32_t mp4_mux_bs_write_be24(mp4_mux_bs_t *bs, uint32_t value)
 {
-    return put_big_endian(bs, value, 3);
+    return put_number(bs, byte_order::big, value, 3);
 }
 
 int32_t mp4_mux_bs_write_be32(mp4_mux_bs_t *bs, uint32_t value)
 {
-    return put_big_endian(bs, value, 4);
+    return put_number(bs, byte_order::big, value, 4);
 }
 
 int32_t mp4_mux_bs_write_be64(mp4_mux_bs_t *bs, uint64_t value)
 {
-    return put_big_endian(bs, value, 8);
+    return put_number(bs, byte_order::big, value, 8);
 }
 
 int32_t mp4_mux_bs_write_le16(mp4_mux_bs_t *bs, uint32_t value)
 {
-    return put_little_endian(bs, value, 2);
+    return put_number(bs, byte_order::little, value, 2);
 }
 
 int32_t mp4_mux_bs_write_le24(mp4_mux_bs_t *bs, uint32_t value)
 {
-    return put_little_endian(bs, value, 3);
+    return put_number(bs, byte_order::little, value, 3);
 }
 
 int32_t mp4_mux_bs_write_le32(mp4_mux_bs_t *bs, uint32_t value)
 {
-    return put_little_endian(bs, value, 4);
+    return put_number(bs, byte_order::little, value, 4);
 }
 
 int32_t mp4_mux_bs_write_value(mp4_mux_bs_t *bs, uint64_t value, uint64_t *previous)

@@ -1,10 +1,14 @@
-// What the writing and the reading half of the bitstream share: its position and its file.
+// What the writing and the reading half of the bitstream share: the order of bytes, its position
+// and its file.
 #ifndef MP4MUX_BITSTREAM_FILE_H
 #define MP4MUX_BITSTREAM_FILE_H
 
 #include "mp4mux/bitstream.h"
 
 #include <cstdint>
+
+// The order of a number's bytes.
+enum class byte_order { big, little };
 
 // The file position of the next byte.
 [[nodiscard]] inline int64_t bs_position(const mp4_mux_bs_t *bs)

@@ -209,74 +209,50 @@ int32_t mp4_mux_bs_read_1byte(mp4_mux_bs_t *bs)
     return result < 0 ? result : byte;
 }
 
-static int32_t read_big_endian(mp4_mux_bs_t *bs, int bytes, uint64_t *value)
+template <class Number>
+static int32_t read_number(mp4_mux_bs_t *bs, byte_order order, Number *value)
 {
     uint64_t read = 0;
-    for (int i = 0; i < bytes; i++) {
+    for (size_t i = 0; i < sizeof(Number); i++) {
         const int32_t byte = mp4_mux_bs_read_1byte(bs);
         if (byte < 0) {
             return byte;
         }
-        read = read << 8 | static_cast<uint64_t>(byte);
+        const size_t place = order == byte_order::little ? i : sizeof(Number) - 1 - i;
+        read |= static_cast<uint64_t>(byte) << (8 * place);
     }
-    *value = read;
-    return 0;
-}
-
-static int32_t read_little_endian(mp4_mux_bs_t *bs, int bytes, uint64_t *value)
-{
-    uint64_t read = 0;
-    for (int i = 0; i < bytes; i++) {
-        const int32_t byte = mp4_mux_bs_read_1byte(bs);
-        if (byte < 0) {
-            return byte;
-        }
-        read |= static_cast<uint64_t>(byte) << (8 * i);
-    }
-    *value = read;
+    *value = static_cast<Number>(read);
     return 0;
 }
 
 int32_t mp4_mux_bs_read_be16(mp4_mux_bs_t *bs, uint16_t *value)
 {
-    uint64_t wide = *value;
-    const int32_t result = read_big_endian(bs, 2, &wide);
-    *value = static_cast<uint16_t>(wide);
-    return result;
+    return read_number(bs, byte_order::big, value);
 }
 
 int32_t mp4_mux_bs_read_be32(mp4_mux_bs_t *bs, uint32_t *value)
 {
-    uint64_t wide = *value;
-    const int32_t result = read_big_endian(bs, 4, &wide);
-    *value = static_cast<uint32_t>(wide);
-    return result;
+    return read_number(bs, byte_order::big, value);
 }
 
 int32_t mp4_mux_bs_read_be64(mp4_mux_bs_t *bs, uint64_t *value)
 {
-    return read_big_endian(bs, 8, value);
+    return read_number(bs, byte_order::big, value);
 }
 
 int32_t mp4_mux_bs_read_le16(mp4_mux_bs_t *bs, uint16_t *value)
 {
-    uint64_t wide = *value;
-    const int32_t result = read_little_endian(bs, 2, &wide);
-    *value = static_cast<uint16_t>(wide);
-    return result;
+    return read_number(bs, byte_order::little, value);
 }
 
 int32_t mp4_mux_bs_read_le32(mp4_mux_bs_t *bs, uint32_t *value)
 {
-    uint64_t wide = *value;
-    const int32_t result = read_little_endian(bs, 4, &wide);
-    *value = static_cast<uint32_t>(wide);
-    return result;
+    return read_number(bs, byte_order::little, value);
 }
 
 int32_t mp4_mux_bs_read_le64(mp4_mux_bs_t *bs, uint64_t *value)
 {
-    return read_little_endian(bs, 8, value);
+    return read_number(bs, byte_order::little, value);
 }
 
 int32_t mp4_mux_bs_read_value(mp4_mux_bs_t *bs, uint64_t *previous)
