@@ -139,7 +139,7 @@ TEST(FrameFifo, LosesDoublesAndTearsNothingBetweenTwoThreads)
             const uint8_t *const data = QVR_FIFO_GetOneFrame(FIFO, &length, &time, &extra);
             const bool is_sound =
                 Bytes(data, data + length) == make_frame(i) && time == INT64_MIN + i && extra == ~i;
-            faults += QVR_FIFO_PopFrame(FIFO) == 1 && is_sound ? 0 : 1;
+            faults += QVR_FIFO_PopFrame(FIFO) == 1 && is_sound ? 0u : 1u;
         }
         producer.join();
         EXPECT_EQ(faults, 0u) << "in a FIFO of " << size << " bytes";
