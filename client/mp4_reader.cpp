@@ -8,6 +8,13 @@ namespace {
 
 using bytes = std::span<const uint8_t>;
 
+// Beyond any file that makes sense; a hostile one shall not take more memory or stack than these.
+constexpr size_t MAX_FAULTS = 100;
+constexpr size_t MAX_BOXES = 1 << 16;
+constexpr size_t MAX_TRACKS = 64;
+constexpr size_t MAX_SAMPLES = 1 << 23; // of all tracks together
+constexpr unsigned MAX_DEPTH = 8;
+
 // Reads big-endian numbers; reading past the end gives zeros and is remembered.
 struct cursor {
     bytes data;
@@ -48,54 +55,85 @@ std::vector<uint8_t> copy(bytes from)
     return {from.begin(), from.end()};
 }
 
-struct reader {
-    std::string error;
+// The records of a table box: numbers of one width, some of them to a record.
+struct table {
+    bytes records;
+    size_t fields, width;
 
-    bool check(bool sound, const std::string &what)
+    size_t size() const
     {
-        error = error.empty() && !sound ? what : error;
-        return sound;
+        return records.size() / (fields * width);
     }
+    uint64_t at(size_t record, size_t field = 0) const
+    {
+        return cursor{records.subspan((record * fields + field) * width)}.number(width);
+    }
+};
 
-    std::vector<box> read_boxes(bytes image, bool top);
+uint32_t record_profile(const avc_configuration &avc)
+{
+    return avc.record.size() > 1 ? avc.record[1] : 0;
+}
+
+struct reader {
+    std::vector<std::string> faults;
+    std::string where; // in front of a fault
+    size_t boxes = 0, samples = 0;
+
+    bool check(bool sound, const std::string &what);
+    std::vector<box> read_boxes(bytes image, unsigned depth = 0);
     cursor descriptor(cursor *in, uint32_t tag);
     void read_avcc(const box &avcc, avc_configuration *result);
     void read_esds(const box &esds, stream_descriptors *result);
     void read_sample_entry(const box &stsd, track *result);
-    std::vector<std::vector<uint64_t>> table(const box *found, size_t skip, size_t fields,
-                                             size_t width = 4);
-    void read_samples(const box &stbl, track *result);
+    table read_table(const std::vector<box> &boxes, const std::string &type, size_t fields,
+                     size_t width = 4);
+    void read_sizes(const std::vector<box> &stbl, track *result);
+    void place_in_chunks(const std::vector<box> &stbl, track *result);
+    void place_in_time(const std::vector<box> &stbl, track *result);
+    void mark_sync_samples(const std::vector<box> &stbl, track *result);
     void read_track(const box &trak, track *result);
+    void read_tracks(const box &moov, movie *result);
 };
 
-std::vector<box> reader::read_boxes(bytes image, bool top)
+bool reader::check(bool sound, const std::string &what)
+{
+    if (!sound && faults.size() < MAX_FAULTS &&
+        std::find(faults.begin(), faults.end(), where + what) == faults.end()) {
+        faults.push_back(where + what);
+    }
+    return sound;
+}
+
+std::vector<box> reader::read_boxes(bytes image, unsigned depth)
 {
     static const std::set<std::string> containers = {"moov", "trak", "mdia", "minf",
                                                      "dinf", "stbl", "udta"};
-    std::vector<box> boxes;
-    while (!image.empty()) {
+    std::vector<box> found;
+    while (!image.empty() && check(boxes < MAX_BOXES, "too many boxes to read them all")) {
         cursor in = {image};
-        box found;
-        found.size = in.u32();
-        found.type = in.text();
-        if (found.size == 1) {
-            found.size = in.number(8);
-        } else if (found.size == 0 && top) {
-            found.size = image.size();
+        box next;
+        next.size = in.u32();
+        next.type = in.text();
+        if (next.size == 1) {
+            next.size = in.number(8);
+        } else if (next.size == 0 && depth == 0) {
+            next.size = image.size();
         }
         const size_t header_bytes = image.size() - in.data.size();
-        if (!check(!in.overrun && found.size >= header_bytes && found.size <= image.size(),
-                   "box " + found.type + " leaves its container")) {
+        if (!check(!in.overrun && next.size >= header_bytes && next.size <= image.size(),
+                   "box " + printable(next.type) + " leaves its container")) {
             break;
         }
-        found.payload = in.take(found.size - header_bytes);
-        if (containers.count(found.type) != 0) {
-            found.children = read_boxes(found.payload, false);
+        next.payload = in.take(next.size - header_bytes);
+        if (containers.count(next.type) != 0 && check(depth < MAX_DEPTH, "boxes nest too deep")) {
+            next.children = read_boxes(next.payload, depth + 1);
         }
         image = in.data;
-        boxes.push_back(found);
+        found.push_back(std::move(next));
+        boxes++;
     }
-    return boxes;
+    return found;
 }
 
 void reader::read_avcc(const box &avcc, avc_configuration *result)
@@ -113,6 +151,13 @@ void reader::read_avcc(const box &avcc, avc_configuration *result)
     }
     for (uint32_t count = in.u32(1); count > 0; count--) {
         result->pps.push_back(copy(in.take(in.number(2))));
+    }
+    const bool is_high = (record_profile(*result) & ~0x12u) == 0x68; // 100, 110, 122
+    if (is_high && !in.data.empty()) { // formats and depths, then extensions of sequence sets
+        in.take(3);
+        for (uint32_t count = in.u32(1); count > 0; count--) {
+            in.take(in.number(2));
+        }
     }
     check(in.is_used_up(), "avcC does not add up");
 }
@@ -156,15 +201,23 @@ void reader::read_sample_entry(const box &stsd, track *result)
     cursor in = {stsd.payload};
     in.u32();
     check(in.u32() == 1 && in.u32() == in.data.size() + 4, "stsd is not filled by one entry");
-    in.take(12);
+    result->coding = in.text();
+    in.take(8);
     if (result->handler == "vide") {
-        in.take(70);
-    } else {
         in.take(16);
+        result->width = in.u32(2);
+        result->height = in.u32(2);
+        in.take(50);
+    } else if (result->handler == "soun") {
+        in.take(8);
+        result->channels = in.u32(2);
+        in.take(6);
         result->sample_rate = in.u32() >> 16;
+    } else {
+        return;
     }
     check(!in.overrun, "sample entry is too short");
-    for (const box &child : read_boxes(in.data, false)) {
+    for (const box &child : read_boxes(in.data, 1)) {
         if (child.type == "avcC") {
             read_avcc(child, &result->avc);
         } else if (child.type == "esds") {
@@ -173,54 +226,108 @@ void reader::read_sample_entry(const box &stsd, track *result)
     }
 }
 
-// The records of a table box: `fields` numbers of `width` bytes each, after a count. The box may
-// be longer than its records.
-std::vector<std::vector<uint64_t>> reader::table(const box *found, size_t skip, size_t fields,
-                                                 size_t width)
+// A table's records follow their count. The box may be longer than they are.
+table reader::read_table(const std::vector<box> &boxes_of_table, const std::string &type,
+                         size_t fields, size_t width)
 {
-    std::vector<std::vector<uint64_t>> records;
-    if (!check(found != nullptr, "a sample table is missing")) {
-        return records;
+    const box *const found = find(boxes_of_table, type);
+    if (!check(found != nullptr, "table " + type + " is missing")) {
+        return {{}, fields, width};
     }
     cursor in = {found->payload};
-    in.take(4 + skip);
-    for (uint32_t count = in.u32(); count > 0 && !in.overrun; count--) {
-        records.emplace_back(fields);
-        std::generate(records.back().begin(), records.back().end(),
-                      [&] { return in.number(width); });
-    }
-    check(!in.overrun, "table " + found->type + " does not add up");
-    return records;
+    in.u32();
+    const uint64_t record_bytes = in.u32() * uint64_t{fields * width};
+    const bytes records = in.take(record_bytes);
+    check(!in.overrun, "table " + type + " does not add up");
+    return {records, fields, width};
 }
 
-void reader::read_samples(const box &stbl, track *result)
+void reader::read_sizes(const std::vector<box> &stbl, track *result)
 {
-    const box *co64 = find(stbl.children, "co64");
-    const box *stss = find(stbl.children, "stss");
-    const auto offsets =
-        co64 != nullptr ? table(co64, 0, 1, 8) : table(find(stbl.children, "stco"), 0, 1);
-    const auto sizes = table(find(stbl.children, "stsz"), 4, 1);
-    const auto chunks = table(find(stbl.children, "stsc"), 0, 3);
-    if (!check(chunks == decltype(chunks){{1, 1, 1}} && offsets.size() == sizes.size(),
-               "not one sample per chunk")) {
+    const box *const stsz = find(stbl, "stsz");
+    if (!check(stsz != nullptr, "table stsz is missing")) {
         return;
     }
-    uint64_t time = 0;
-    for (const auto &run : table(find(stbl.children, "stts"), 0, 2)) {
-        for (uint64_t i = 0; i < run[0] && result->samples.size() < sizes.size(); i++) {
-            const size_t at = result->samples.size();
-            result->samples.push_back({offsets[at][0], static_cast<uint32_t>(sizes[at][0]), time,
-                                       static_cast<uint32_t>(run[1]), stss == nullptr});
-            time += run[1];
+    cursor in = {stsz->payload};
+    in.u32();
+    const uint32_t common_size = in.u32();
+    uint64_t count = in.u32();
+    if (common_size == 0) {
+        check(!in.overrun && count <= in.data.size() / 4, "table stsz does not add up");
+        count = std::min<uint64_t>(count, in.data.size() / 4);
+    }
+    if (!check(count <= MAX_SAMPLES - samples, "too many samples to read them all")) {
+        count = MAX_SAMPLES - samples;
+    }
+    samples += static_cast<size_t>(count);
+    result->samples.resize(static_cast<size_t>(count));
+    for (sample &each : result->samples) {
+        each.size = common_size != 0 ? common_size : in.u32();
+    }
+}
+
+void reader::place_in_chunks(const std::vector<box> &stbl, track *result)
+{
+    const bool is_long = find(stbl, "co64") != nullptr;
+    const table chunks = read_table(stbl, is_long ? "co64" : "stco", 1, is_long ? 8 : 4);
+    const table runs = read_table(stbl, "stsc", 3);
+    std::vector<sample> &all = result->samples;
+    size_t placed = 0;
+    bool sound = runs.size() == 0 || runs.at(0) == 1;
+    for (size_t run = 0; run < runs.size() && sound; run++) {
+        const uint64_t begin = runs.at(run, 0);
+        const uint64_t end = run + 1 < runs.size() ? runs.at(run + 1, 0) : chunks.size() + 1;
+        const bool is_empty = chunks.size() == 0 && begin == end; // a track without samples
+        sound = (begin < end || is_empty) && end <= chunks.size() + 1 && runs.at(run, 1) > 0;
+        for (uint64_t chunk = begin; chunk < end && sound && placed < all.size(); chunk++) {
+            uint64_t offset = chunks.at(static_cast<size_t>(chunk - 1));
+            for (uint64_t i = 0; i < runs.at(run, 1) && placed < all.size(); i++, placed++) {
+                all[placed].offset = offset;
+                offset += all[placed].size;
+            }
         }
     }
-    check(result->samples.size() == sizes.size(), "stts does not cover all samples");
-    if (stss == nullptr) {
+    check(sound && placed == all.size(), "the chunks do not hold all samples");
+    all.resize(placed);
+}
+
+void reader::place_in_time(const std::vector<box> &stbl, track *result)
+{
+    const table runs = read_table(stbl, "stts", 2);
+    std::vector<sample> &all = result->samples;
+    size_t placed = 0;
+    uint64_t time = 0;
+    bool fits = true;
+    for (size_t run = 0; run < runs.size() && fits; run++) {
+        const uint32_t duration = static_cast<uint32_t>(runs.at(run, 1));
+        fits = runs.at(run, 0) <= all.size() - placed;
+        for (uint64_t i = 0; i < runs.at(run, 0) && placed < all.size(); i++, placed++) {
+            all[placed].time = time;
+            all[placed].duration = duration;
+            time += duration;
+        }
+    }
+    check(fits, "stts has times for more samples than there are");
+    check(placed == all.size(), "stts does not cover all samples");
+    for (; placed < all.size(); placed++) {
+        all[placed].time = time;
+    }
+}
+
+void reader::mark_sync_samples(const std::vector<box> &stbl, track *result)
+{
+    std::vector<sample> &all = result->samples;
+    if (find(stbl, "stss") == nullptr) {
+        for (sample &each : all) {
+            each.sync = true;
+        }
         return;
     }
-    for (const auto &record : table(stss, 0, 1)) {
-        if (check(record[0] > 0 && record[0] <= result->samples.size(), "stss leaves the track")) {
-            result->samples[static_cast<size_t>(record[0] - 1)].sync = true;
+    const table numbers = read_table(stbl, "stss", 1);
+    for (size_t i = 0; i < numbers.size(); i++) {
+        const uint64_t number = numbers.at(i);
+        if (check(number > 0 && number <= all.size(), "stss leaves the track")) {
+            all[static_cast<size_t>(number - 1)].sync = true;
         }
     }
 }
@@ -236,23 +343,41 @@ void reader::read_track(const box &trak, track *result)
                "a box of a track is missing")) {
         return;
     }
-    cursor in = {tkhd->payload};
-    size_t width = in.u32() >> 24 == 1 ? 8 : 4;
-    result->creation_time = in.number(width);
-    in.take(width);
-    result->id = in.u32();
-    in.u32();
-    result->movie_duration = in.number(width);
-    in = {mdhd->payload};
-    width = in.u32() >> 24 == 1 ? 8 : 4;
-    in.take(2 * width);
-    result->timescale = in.u32();
-    result->media_duration = in.number(width);
-    in = {hdlr->payload};
-    in.take(8);
-    result->handler = in.text();
+    cursor header = {tkhd->payload};
+    size_t width = header.u32() >> 24 == 1 ? 8 : 4;
+    result->creation_time = header.number(width);
+    header.take(width);
+    result->id = header.u32();
+    header.u32();
+    result->movie_duration = header.number(width);
+    cursor media = {mdhd->payload};
+    width = media.u32() >> 24 == 1 ? 8 : 4;
+    media.take(2 * width);
+    result->timescale = media.u32();
+    result->media_duration = media.number(width);
+    cursor handler = {hdlr->payload};
+    handler.take(8);
+    result->handler = handler.text();
+    check(!header.overrun && !media.overrun && !handler.overrun, "a header is too short");
     read_sample_entry(*stsd, result);
-    read_samples(*stbl, result);
+    read_sizes(stbl->children, result);
+    place_in_chunks(stbl->children, result);
+    place_in_time(stbl->children, result);
+    mark_sync_samples(stbl->children, result);
+}
+
+void reader::read_tracks(const box &moov, movie *result)
+{
+    check(find(moov.children, "mvex") == nullptr,
+          "the movie goes on in fragments, which are not read");
+    for (const box &each : moov.children) {
+        if (each.type == "trak" &&
+            check(result->tracks.size() < MAX_TRACKS, "too many tracks to read them all")) {
+            where = "track " + std::to_string(result->tracks.size() + 1) + ": ";
+            read_track(each, &result->tracks.emplace_back());
+            where.clear();
+        }
+    }
 }
 
 } // namespace
@@ -276,13 +401,23 @@ const track *find_track(const movie &file, const std::string &handler)
     return found == file.tracks.end() ? nullptr : &*found;
 }
 
+std::string printable(const std::string &type)
+{
+    std::string text = type;
+    std::replace_if(
+        text.begin(), text.end(), [](char each) { return each < ' ' || each > '~'; }, '?');
+    return text;
+}
+
 movie read_movie(std::span<const uint8_t> image)
 {
     movie result;
     reader r;
-    result.boxes = r.read_boxes(image, true);
+    result.boxes = r.read_boxes(image);
+    const box *moov = find(result.boxes, "moov");
     const box *mvhd = find(result.boxes, "moov/mvhd");
-    if (r.check(mvhd != nullptr, "no movie")) {
+    if (r.check(moov != nullptr, "no movie box: the recording was not finished") &&
+        r.check(mvhd != nullptr, "no movie header")) {
         cursor in = {mvhd->payload};
         const size_t width = in.u32() >> 24 == 1 ? 8 : 4;
         result.creation_time = in.number(width);
@@ -291,13 +426,11 @@ movie read_movie(std::span<const uint8_t> image)
         result.duration = in.number(width);
         in.take(76);
         result.next_track_id = in.u32();
-        for (const box &each : find(result.boxes, "moov")->children) {
-            if (each.type == "trak") {
-                r.read_track(each, &result.tracks.emplace_back());
-            }
-        }
+        r.check(!in.overrun, "the movie header is too short");
+        r.read_tracks(*moov, &result);
     }
-    result.error = r.error;
+    result.faults = r.faults;
+    result.error = r.faults.empty() ? "" : r.faults.front();
     return result;
 }
 

@@ -1,5 +1,6 @@
 // A reader of MP4 files that shares nothing with the muxer: written from ISO/IEC 14496-12, -14 and
-// -15, it takes a file image apart and checks what it meets.
+// -15, it takes a file image apart and notes what is wrong with it. Whatever the image holds, its
+// memory stays within a few hundred megabytes.
 #ifndef CLIENT_MP4_READER_H
 #define CLIENT_MP4_READER_H
 
@@ -11,7 +12,7 @@
 namespace mp4_reader {
 
 struct box {
-    std::string type;
+    std::string type;  // four characters, whatever they are
     uint64_t size = 0; // header included; up to the image's end where the file says 0
     std::span<const uint8_t> payload;
     std::vector<box> children;
@@ -38,10 +39,12 @@ struct stream_descriptors {
 };
 
 struct track {
-    uint32_t id = 0, timescale = 0, sample_rate = 0;
+    uint32_t id = 0, timescale = 0;
     uint64_t creation_time = 0;
     uint64_t movie_duration = 0, media_duration = 0; // in ticks of the movie and of the track
-    std::string handler;
+    std::string handler, coding;                     // four characters each
+    uint32_t width = 0, height = 0;                  // of a picture
+    uint32_t sample_rate = 0, channels = 0;          // of the sound
     avc_configuration avc;
     stream_descriptors esds;
     std::vector<sample> samples;
@@ -52,7 +55,8 @@ struct movie {
     std::vector<track> tracks;
     uint64_t creation_time = 0, duration = 0;
     uint32_t timescale = 0, next_track_id = 0;
-    std::string error; // the first fault; empty for a sound file
+    std::vector<std::string> faults; // as met, each once; beyond a hundred they are left out
+    std::string error;               // the first of them; empty for a sound file
 };
 
 // Reads a whole file, or one that begins at some box: the offsets of samples are the file's own.
@@ -62,6 +66,9 @@ movie read_movie(std::span<const uint8_t> image);
 const box *find(const std::vector<box> &boxes, const std::string &path);
 
 const track *find_track(const movie &file, const std::string &handler);
+
+// The four characters with a "?" for what cannot be shown.
+std::string printable(const std::string &type);
 
 } // namespace mp4_reader
 
