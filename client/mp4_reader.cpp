@@ -300,7 +300,7 @@ void reader::place_in_time(const std::vector<box> &stbl, track *result)
     bool fits = true;
     for (size_t run = 0; run < runs.size() && fits; run++) {
         const uint32_t duration = static_cast<uint32_t>(runs.at(run, 1));
-        fits = runs.at(run, 0) <= all.size() - placed;
+        fits = all.empty() || runs.at(run, 0) <= all.size() - placed;
         for (uint64_t i = 0; i < runs.at(run, 0) && placed < all.size(); i++, placed++) {
             all[placed].time = time;
             all[placed].duration = duration;
