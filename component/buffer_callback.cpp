@@ -30,6 +30,7 @@ static stop_demand_t demand_after_write(write_result_t result)
     case WRITE_SIZE_LIMIT:
         return TDMBREC_STOP_SIZE_LIMIT;
     case WRITE_DONE:
+    case WRITE_NOTHING:
         break;
     }
     return std::nullopt;

@@ -4,6 +4,9 @@
 // Producer: QVR_FIFO_GetOneFifo5, QVR_FIFO_WriteFifo5, QVR_FIFO_Push.
 // Consumer: QVR_FIFO_GetOneFrame, use the data in place, QVR_FIFO_PopFrame.
 //
+// The writer threads of the recorder consume the audio and the video FIFO; docs/frame-fifos.md
+// shows a recording that runs through them.
+//
 // thread: one producer and one consumer per FIFO; they need no lock. Any other index than those of
 // the FIFOs reaches one that stays empty and takes nothing.
 #ifndef COMPONENT_FRAME_FIFO_H
@@ -18,6 +21,8 @@ extern "C" {
 #define QVR_FIFO_API __attribute__((visibility("default")))
 
 #define QVR_FIFO_COUNT 4
+#define QVR_FIFO_AUDIO 0u
+#define QVR_FIFO_VIDEO 1u
 #define QVR_FIFO_FRAMES 1024         // frames that one FIFO can hold
 #define QVR_FIFO_DEFAULT_BYTES 32768 // room for a frame of unknown length
 
@@ -37,7 +42,8 @@ QVR_FIFO_API int32_t QVR_FIFO_GetLength(uint32_t fifo);
 //          nothing can be written or pushed
 QVR_FIFO_API int32_t QVR_FIFO_GetOneFifo(uint32_t fifo, int32_t length, int64_t time);
 
-// The same for a frame with an extra word; a length of 0 or less reserves QVR_FIFO_DEFAULT_BYTES.
+// The same for a frame with an extra word (the writer threads take it as the frame's flags); a
+// length of 0 or less reserves QVR_FIFO_DEFAULT_BYTES.
 QVR_FIFO_API int32_t QVR_FIFO_GetOneFifo5(uint32_t fifo, int32_t length, int64_t time,
                                           uint32_t extra);
 

@@ -5,14 +5,27 @@
 #include "component/omx_tdmbrec_component.h"
 
 typedef enum write_result_t {
-    WRITE_DONE,      // written, or nothing to write yet
-    WRITE_FAILED,    // the muxer failed (logged)
-    WRITE_SIZE_LIMIT // written, and the file has grown past its limit
+    WRITE_DONE,       // written, or nothing to write yet
+    WRITE_FAILED,     // the muxer failed
+    WRITE_SIZE_LIMIT, // written, and the file has grown past its limit
+    WRITE_NOTHING     // no frame, or no file yet
 } write_result_t;
 
-// Writes a frame whose times are on the recording's time line; frames before the file's first video
-// frame, and of kind 0, are not written.
-// thread: the buffer thread, while recording
+// Writes a frame whose times are those of the file.
+// out      *piMuxResult: what the muxer returned, 0 when it was not called
+// thread:  any, while recording; takes lockTDMBRecording
+[[nodiscard]] write_result_t put_frame(omx_tdmbrec_component_PrivateType *pPrivate,
+                                       mp4_mux_putstream_t *pFrame, int32_t *piMuxResult);
+
+// Fetches the muxer's last error and logs it in the name of the function and line that met it.
+// thread:  any, while recording; takes lockTDMBRecording
+void log_mux_error(omx_tdmbrec_component_PrivateType *pPrivate, int32_t mux_result,
+                   const char *pszFunction, int line);
+
+// Writes a frame whose times are on the recording's time line and logs a failure; frames before the
+// file's first video frame, and of kind 0, are not written.
+// returns  all but WRITE_NOTHING
+// thread:  the buffer thread, while recording
 [[nodiscard]] write_result_t write_frame(omx_tdmbrec_component_PrivateType *pPrivate,
                                          mp4_mux_putstream_t *pFrame);
 

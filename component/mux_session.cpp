@@ -143,6 +143,7 @@ static OMX_ERRORTYPE open_session_locked(omx_tdmbrec_component_PrivateType *pPri
                             pPrivate->stMuxError.m_iCode, pPrivate->stMuxError.m_pszMessage);
         return OMX_ErrorBadParameter;
     }
+    pPrivate->iMuxOpenResult = 0;
     return OMX_ErrorNone;
 }
 

@@ -101,7 +101,7 @@ typedef struct omx_tdmbrec_component_PrivateType {
 
     uint32_t bRecording;      // atomic: 1 while a recording is active
     uint32_t bCallbackIdle;   // atomic: 0 while the buffer callback may touch the recording
-    int32_t iMuxOpenResult;   // -1 not yet opened, 0 opened
+    int32_t iMuxOpenResult;   // -1 not yet opened, 0 opened; changes under lockTDMBRecording
     uint8_t ucVideoConfigLen; // 0: not yet captured
     uint8_t aucVideoConfig[50];
     uint8_t aucAudioSpecificConfig[2];
@@ -129,7 +129,8 @@ typedef struct omx_tdmbrec_component_PrivateType {
     int32_t iAencType;
     int32_t iAencOutput;
 
-    // Muxer session: opened and written by the buffer thread, closed by the stop.
+    // Muxer session: opened by the buffer thread, closed by the stop, written by the buffer thread
+    // and the writer threads; under lockTDMBRecording.
     void *hMux;
     mp4_mux_init_t stMuxInit;
     mp4_mux_input_t stMuxInput;
@@ -153,18 +154,18 @@ typedef struct omx_tdmbrec_component_PrivateType {
     uint8_t ucVideoIntervalState; // 0xFF until the interval is measured
     uint8_t bMuxOpen;             // under lockTDMBRecording
     pthread_t hStopThread;        // atomic: 0 when there is none to join
-    pthread_t hAudioWriterThread;
-    pthread_t hVideoWriterThread;
-    int64_t llLastVideoTime;                     // us
-    int64_t llLastAudioTime;                     // us
+    pthread_t hAudioWriterThread; // atomic: set by whoever starts the thread, joined by the stop
+    pthread_t hVideoWriterThread; // atomic
+    int64_t llLastVideoTime;      // us
+    int64_t llLastAudioTime;      // us
     char szNamePart1[TDMBREC_NAME_PART_1_BYTES]; // under lockParameters
     char szNamePart2[TDMBREC_NAME_PART_2_BYTES]; // under lockParameters
 
     char szRecordingPath[TDMBREC_PATH_BYTES + 1]; // szOutFileName as the start found it, terminated
     uint8_t ucAudioPtsCount;                      // entries of the audio ring in use
     uint32_t uiStopsInProgress;                   // atomic: ends being closed and reported
-    uint8_t bAudioWritten;                        // the file has an audio frame
-    uint8_t bVideoWritten;                        // the file has a video frame
+    uint8_t bAudioWritten;                        // under lockTDMBRecording: audio in the file
+    uint8_t bVideoWritten;                        // under lockTDMBRecording: video in the file
     uint8_t bInBandParameterSets; // the file carries its parameter sets in the access units
     uint8_t *pucVideoFrame;       // room for access units that grow, null until one does
     uint32_t uiVideoFrameSize;    // its bytes
@@ -231,6 +232,14 @@ TDMBREC_API void omx_tdmbrec_component_BufferMgmtCallback(OMX_COMPONENTTYPE *pCo
 // Body of the stop thread: waits for the buffer callback, closes encoder and file, tells the
 // client. Takes the handle.
 TDMBREC_API void *omx_tdmbrec_stop_thread(void *pComponent);
+
+// Bodies of the writer threads: while a recording is active, they write the frames of FIFO 1
+// (video) and FIFO 0 (audio) of component/frame_fifo.h to its file, with the low 32 bits of a
+// frame's time as its time in the file (ms) and its extra word as its flags. Until the file is open
+// the frames wait. A failed write and a file past its limit end the recording with the reasons 5
+// and 6. Take the handle; the component starts neither of them.
+TDMBREC_API void *omx_tdmbrec_video_thread(void *pComponent);
+TDMBREC_API void *omx_tdmbrec_audio_thread(void *pComponent);
 
 #ifdef __cplusplus
 }

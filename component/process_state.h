@@ -14,7 +14,7 @@
 #define AUDIO_PTS_ENTRIES 50
 #define VIDEO_PTS_ENTRIES 50
 
-// Held while a muxer session is opened or closed.
+// Held while a muxer session is opened, written to or closed.
 extern pthread_mutex_t lockTDMBRecording;
 // Guards global_mountinfo.
 extern pthread_mutex_t lockDFHandle;

@@ -16,9 +16,14 @@ void wait_for_idle_callback(omx_tdmbrec_component_PrivateType *pPrivate)
 
 static void join_writer_thread(pthread_t *phThread)
 {
-    if (*phThread != pthread_t{}) {
-        (void)pthread_join(*phThread, nullptr);
-        *phThread = pthread_t{};
+    const pthread_t hThread = exchange_shared(*phThread, pthread_t{});
+    if (hThread == pthread_t{}) {
+        return;
+    }
+    if (pthread_equal(hThread, pthread_self()) != 0) {
+        (void)pthread_detach(hThread); // it ended the recording, and there is no stop thread
+    } else {
+        (void)pthread_join(hThread, nullptr);
     }
 }
 

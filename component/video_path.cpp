@@ -72,11 +72,7 @@ static bool open_file(omx_tdmbrec_component_PrivateType *pPrivate, const access_
     pPrivate->bInBandParameterSets = is_captured ? 0 : 1;
     pPrivate->ucVideoConfigLen =
         is_captured ? static_cast<uint8_t>(pAccessUnit->uiPictureOffset) : uint8_t{0};
-    if (omx_tdmbrec_mp4_mux_Init(pPrivate) != OMX_ErrorNone) {
-        return false;
-    }
-    pPrivate->iMuxOpenResult = 0;
-    return true;
+    return omx_tdmbrec_mp4_mux_Init(pPrivate) == OMX_ErrorNone;
 }
 
 // Room for an access unit that does not fit its own buffer; kept until the recording ends.

@@ -4,33 +4,14 @@
 #include "tests/support/component_test.h"
 #include "tests/support/programme.h"
 #include "tests/support/programme_player.h"
-#include "tests/support/wrap_pthread_create.h"
+#include "tests/support/wrapped_calls.h"
 
 #include <atomic>
 #include <chrono>
 #include <filesystem>
 #include <thread>
 
-static const char PATH[] = "/mnt/sdcard/recording.mp4";
-
-class Recording : public ComponentTest {
-  protected:
-    void SetUp() override
-    {
-        ComponentTest::SetUp();
-        refuse_threads(0);
-        std::filesystem::remove(PATH);
-    }
-
-    std::unique_ptr<IlClient> make_recorder(const std::string &path = PATH)
-    {
-        std::unique_ptr<IlClient> client = make_client();
-        client->to_executing();
-        EXPECT_EQ(client->set_path(path), OMX_ErrorNone);
-        EXPECT_EQ(client->start(), OMX_ErrorNone);
-        return client;
-    }
-};
+class Recording : public ComponentTest {};
 
 TEST_F(Recording, IsWrittenAndReportedOnce)
 {
@@ -40,7 +21,7 @@ TEST_F(Recording, IsWrittenAndReportedOnce)
     EXPECT_EQ(client->stop(), OMX_ErrorNone);
     EXPECT_EQ(client->wait_for_end(), 1u);
     EXPECT_EQ(client->count(EVENT_END_OF_RECORDING), 1u);
-    EXPECT_GT(std::filesystem::file_size(PATH), 50000u);
+    EXPECT_GT(std::filesystem::file_size(RECORDING), 50000u);
     EXPECT_FALSE(std::filesystem::exists("/mnt/sdcard/v_stco.tmp"));
     client->to_loaded();
 }
@@ -93,7 +74,7 @@ TEST_F(Recording, StopsWithReason7WhenTheComponentIsDestroyed)
     send_programme(*client, 10);
     client->destroy();
     EXPECT_EQ(client->wait_for_end(0), 7u);
-    EXPECT_GT(std::filesystem::file_size(PATH), 10000u);
+    EXPECT_GT(std::filesystem::file_size(RECORDING), 10000u);
 }
 
 TEST_F(Recording, RunsTheStopProcedureInPlaceWhereNoThreadCanBeCreated)
@@ -186,7 +167,7 @@ TEST_F(Recording, IgnoresAStartWhileItRuns)
     send_programme(*client, 5, 5);
     client->stop();
     EXPECT_EQ(client->wait_for_end(), 1u);
-    EXPECT_TRUE(std::filesystem::exists(PATH));
+    EXPECT_TRUE(std::filesystem::exists(RECORDING));
     EXPECT_FALSE(std::filesystem::exists("/mnt/sdcard/other.mp4"));
     client->to_loaded();
 }
@@ -208,7 +189,7 @@ TEST_F(Recording, DoesNotStartWithoutMemoryAndSurvivesWithoutItsBlocks)
 {
     const auto client = make_client();
     client->to_executing();
-    client->set_path(PATH);
+    client->set_path(RECORDING);
     for (uint32_t n = 0; n < 3; n++) {
         host_fail_call(HOST_CALL_MALLOC, n, 1);
         EXPECT_EQ(client->start(), OMX_ErrorInsufficientResources);
@@ -220,7 +201,7 @@ TEST_F(Recording, DoesNotStartWithoutMemoryAndSurvivesWithoutItsBlocks)
         send_programme(*client, 35);
         client->stop();
         EXPECT_EQ(client->wait_for_end(), 1u);
-        EXPECT_GT(std::filesystem::file_size(PATH), 40000u);
+        EXPECT_GT(std::filesystem::file_size(RECORDING), 40000u);
     }
     client->to_loaded();
 }
@@ -229,7 +210,7 @@ TEST_F(Recording, KeepsTheAudioBufferWhileTheEncoderCannotBeOpened)
 {
     const auto client = make_client();
     client->to_executing();
-    client->set_path(PATH);
+    client->set_path(RECORDING);
     OMX_AUDIO_PARAM_PCMMODETYPE pcm = {};
     pcm.nSamplingRate = 50000;
     EXPECT_EQ(OMX_SetParameter(client->handle(), OMX_IndexParamAudioPcm, &pcm), OMX_ErrorNone);

@@ -1,6 +1,17 @@
 #include "tests/support/component_test.h"
 
+#include "tests/support/wrapped_calls.h"
+
 #include <cstdlib>
+#include <filesystem>
+
+void ComponentTest::SetUp()
+{
+    PlatformTest::SetUp();
+    refuse_threads(0);
+    set_file_estimate(0);
+    std::filesystem::remove(RECORDING);
+}
 
 std::unique_ptr<IlClient> ComponentTest::make_client(const char *name)
 {
@@ -19,6 +30,15 @@ std::unique_ptr<IlClient> ComponentTest::make_client(const char *name)
         free(handle);
     };
     return std::make_unique<IlClient>(make, release);
+}
+
+std::unique_ptr<IlClient> ComponentTest::make_recorder(const std::string &path)
+{
+    std::unique_ptr<IlClient> client = make_client();
+    client->to_executing();
+    EXPECT_EQ(client->set_path(path), OMX_ErrorNone);
+    EXPECT_EQ(client->start(), OMX_ErrorNone);
+    return client;
 }
 
 omx_tdmbrec_component_PrivateType *ComponentTest::record_of(const IlClient &client)

@@ -1,20 +1,27 @@
-// Lets a test make the component's next thread impossible to create (link with
-// -Wl,--wrap=pthread_create).
-#include "tests/support/wrap_pthread_create.h"
+#include "tests/support/wrapped_calls.h"
+
+#include "mp4mux/mp4_mux.h"
 
 #include <atomic>
 #include <cerrno>
 #include <pthread.h>
 
 static std::atomic<int> threads_to_refuse;
+static std::atomic<int64_t> file_estimate;
 
 void refuse_threads(int count)
 {
     threads_to_refuse = count;
 }
 
+void set_file_estimate(int64_t bytes)
+{
+    file_estimate = bytes;
+}
+
 extern "C" int __real_pthread_create(pthread_t *, const pthread_attr_t *, void *(*)(void *),
                                      void *);
+extern "C" int32_t __real_QVR_MP4_MUX(int32_t, void **, void *, void *);
 
 // Visible, because a sanitizer's runtime library refers to it.
 extern "C" __attribute__((visibility("default"))) int
@@ -26,4 +33,13 @@ __wrap_pthread_create(pthread_t *thread, const pthread_attr_t *attributes, void 
         return EAGAIN;
     }
     return __real_pthread_create(thread, attributes, body, argument);
+}
+
+extern "C" int32_t __wrap_QVR_MP4_MUX(int32_t op, void **handle, void *param1, void *param2)
+{
+    const int32_t result = __real_QVR_MP4_MUX(op, handle, param1, param2);
+    if (op == MUX_PUTFRAME && param2 != nullptr && file_estimate != 0) {
+        *static_cast<int64_t *>(param2) = file_estimate;
+    }
+    return result;
 }

@@ -1,0 +1,90 @@
+// The writer threads: each moves the frames of one FIFO into the recording's file, until the
+// recording ends or has to end.
+#include "component/client_events.h"
+#include "component/frame_fifo.h"
+#include "component/frame_writer.h"
+#include "component/omx_tdmbrec_component.h"
+#include "component/recording_control.h"
+#include "component/shared_fields.h"
+
+#include <unistd.h>
+
+static constexpr useconds_t IDLE_US = 10000;
+
+typedef struct writer_t {
+    uint32_t uiFifo;
+    int32_t iType; // MUX_TYPE_...
+    const char *pszFunction;
+    int iLine; // with the function, the place that the device's log names
+} writer_t;
+
+static constexpr writer_t VIDEO_WRITER = {QVR_FIFO_VIDEO, MUX_TYPE_VIDEO,
+                                          "omx_tdmbrec_video_thread", 2221};
+static constexpr writer_t AUDIO_WRITER = {QVR_FIFO_AUDIO, MUX_TYPE_AUDIO,
+                                          "omx_tdmbrec_audio_thread", 2152};
+
+// Writes the oldest frame, if there is one; it stays in the FIFO while there is no file.
+static write_result_t write_oldest_frame(omx_tdmbrec_component_PrivateType *pPrivate,
+                                         const writer_t *pWriter, int32_t *piMuxResult)
+{
+    mp4_mux_putstream_t frame = {.m_iType = pWriter->iType};
+    uint32_t length = 0;
+    int64_t time = 0;
+    frame.m_pbyData = QVR_FIFO_GetOneFrame(pWriter->uiFifo, &length, &time, &frame.m_uiFlags);
+    if (frame.m_pbyData == nullptr) {
+        return WRITE_NOTHING;
+    }
+    frame.m_iDataSize = static_cast<int32_t>(length);
+    frame.m_uiTimeStamp = static_cast<uint32_t>(time);
+    frame.m_uiTimeStamp2 = frame.m_uiTimeStamp;
+    const write_result_t result = put_frame(pPrivate, &frame, piMuxResult);
+    if (result != WRITE_NOTHING) {
+        (void)QVR_FIFO_PopFrame(pWriter->uiFifo);
+    }
+    return result;
+}
+
+// The stop procedure joins this thread: it runs on a thread of its own.
+static void end_recording(OMX_COMPONENTTYPE *pComponent, const writer_t *pWriter,
+                          write_result_t result, int32_t mux_result)
+{
+    omx_tdmbrec_component_PrivateType *const pPrivate = private_record(pComponent);
+    const bool ends_recording = take_recording(pPrivate);
+    log_mux_error(pPrivate, mux_result, pWriter->pszFunction, pWriter->iLine);
+    if (ends_recording) {
+        begin_stop(pComponent,
+                   result == WRITE_FAILED ? TDMBREC_STOP_WRITE : TDMBREC_STOP_SIZE_LIMIT);
+    }
+}
+
+static void write_frames(OMX_COMPONENTTYPE *pComponent, const writer_t *pWriter)
+{
+    omx_tdmbrec_component_PrivateType *const pPrivate = private_record(pComponent);
+    while (load_shared(pPrivate->bRecording) == 1) {
+        int32_t mux_result = 0;
+        const write_result_t result = write_oldest_frame(pPrivate, pWriter, &mux_result);
+        switch (result) {
+        case WRITE_DONE:
+            break;
+        case WRITE_NOTHING:
+            usleep(IDLE_US);
+            break;
+        case WRITE_FAILED:
+        case WRITE_SIZE_LIMIT:
+            end_recording(pComponent, pWriter, result, mux_result);
+            return;
+        }
+    }
+}
+
+void *omx_tdmbrec_video_thread(void *pHandle)
+{
+    write_frames(static_cast<OMX_COMPONENTTYPE *>(pHandle), &VIDEO_WRITER);
+    pthread_exit(nullptr);
+}
+
+void *omx_tdmbrec_audio_thread(void *pHandle)
+{
+    write_frames(static_cast<OMX_COMPONENTTYPE *>(pHandle), &AUDIO_WRITER);
+    pthread_exit(nullptr);
+}
