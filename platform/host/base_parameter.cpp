@@ -85,6 +85,26 @@ static OMX_ERRORTYPE find_port(const omx_base_sink_PrivateType *sink, OMX_INDEXT
                : OMX_ErrorBadPortIndex;
 }
 
+// What a parameter belongs to: a port, or a domain when there is no port.
+typedef struct parameter_target_t {
+    omx_base_sink_PrivateType *pSink;
+    omx_base_port_PrivateType *pPort;
+    OMX_PORTDOMAINTYPE eDomain;
+} parameter_target_t;
+
+static OMX_ERRORTYPE find_target(OMX_HANDLETYPE component, OMX_INDEXTYPE index,
+                                 const void *parameter, parameter_target_t *target)
+{
+    const OMX_ERRORTYPE error = omx_base_find_valid_sink(component, &target->pSink);
+    if (error != OMX_ErrorNone)
+        return error;
+    if (parameter == nullptr)
+        return OMX_ErrorBadParameter;
+    return find_domain(index, &target->eDomain)
+               ? OMX_ErrorNone
+               : find_port(target->pSink, index, parameter, &target->pPort);
+}
+
 static OMX_ERRORTYPE get_video_format(const omx_base_port_PrivateType *port,
                                       OMX_VIDEO_PARAM_PORTFORMATTYPE *format)
 {
@@ -124,22 +144,16 @@ static OMX_ERRORTYPE get_port_parameter_locked(omx_base_port_PrivateType *port, 
 OMX_ERRORTYPE omx_base_component_GetParameter(OMX_HANDLETYPE hComponent, OMX_INDEXTYPE eIndex,
                                               OMX_PTR pParameter)
 {
-    omx_base_sink_PrivateType *sink = nullptr;
-    OMX_ERRORTYPE error = omx_base_find_valid_sink(hComponent, &sink);
+    parameter_target_t target = {};
+    OMX_ERRORTYPE error = find_target(hComponent, eIndex, pParameter, &target);
     if (error != OMX_ErrorNone)
         return error;
-    if (pParameter == nullptr)
-        return OMX_ErrorBadParameter;
-    OMX_PORTDOMAINTYPE domain = OMX_PortDomainOther;
-    if (find_domain(eIndex, &domain))
-        return get_domain(sink, domain, static_cast<OMX_PORT_PARAM_TYPE *>(pParameter));
-    omx_base_port_PrivateType *port = nullptr;
-    error = find_port(sink, eIndex, pParameter, &port);
-    if (error != OMX_ErrorNone)
-        return error;
-    pthread_mutex_lock(&sink->pInternal->lock);
-    error = get_port_parameter_locked(port, eIndex, pParameter);
-    pthread_mutex_unlock(&sink->pInternal->lock);
+    if (target.pPort == nullptr)
+        return get_domain(target.pSink, target.eDomain,
+                          static_cast<OMX_PORT_PARAM_TYPE *>(pParameter));
+    pthread_mutex_lock(&target.pSink->pInternal->lock);
+    error = get_port_parameter_locked(target.pPort, eIndex, pParameter);
+    pthread_mutex_unlock(&target.pSink->pInternal->lock);
     return error;
 }
 
@@ -220,21 +234,14 @@ static OMX_ERRORTYPE set_port_parameter_locked(omx_base_sink_PrivateType *sink,
 OMX_ERRORTYPE omx_base_component_SetParameter(OMX_HANDLETYPE hComponent, OMX_INDEXTYPE eIndex,
                                               OMX_PTR pParameter)
 {
-    omx_base_sink_PrivateType *sink = nullptr;
-    OMX_ERRORTYPE error = omx_base_find_valid_sink(hComponent, &sink);
+    parameter_target_t target = {};
+    OMX_ERRORTYPE error = find_target(hComponent, eIndex, pParameter, &target);
     if (error != OMX_ErrorNone)
         return error;
-    if (pParameter == nullptr)
-        return OMX_ErrorBadParameter;
-    OMX_PORTDOMAINTYPE domain = OMX_PortDomainOther;
-    if (find_domain(eIndex, &domain)) // the ports of a component are its own
+    if (target.pPort == nullptr) // the ports of a component are its own
         return OMX_ErrorUnsupportedSetting;
-    omx_base_port_PrivateType *port = nullptr;
-    error = find_port(sink, eIndex, pParameter, &port);
-    if (error != OMX_ErrorNone)
-        return error;
-    pthread_mutex_lock(&sink->pInternal->lock);
-    error = set_port_parameter_locked(sink, port, eIndex, pParameter);
-    pthread_mutex_unlock(&sink->pInternal->lock);
+    pthread_mutex_lock(&target.pSink->pInternal->lock);
+    error = set_port_parameter_locked(target.pSink, target.pPort, eIndex, pParameter);
+    pthread_mutex_unlock(&target.pSink->pInternal->lock);
     return error;
 }
