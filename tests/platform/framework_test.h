@@ -1,0 +1,141 @@
+// The framework under the component that is built on it, in the hands of a client that looks at
+// every event and at every buffer that comes back.
+#ifndef TESTS_PLATFORM_FRAMEWORK_TEST_H
+#define TESTS_PLATFORM_FRAMEWORK_TEST_H
+
+#include "platform/host/host_control.h"
+#include "tests/support/component_test.h"
+
+#include <array>
+#include <chrono>
+#include <thread>
+#include <utility>
+
+constexpr OMX_U32 PORT_COUNT = TDMBREC_PORT_COUNT;
+constexpr OMX_U32 BUFFER_BYTES = 64;
+
+using event_t = std::array<OMX_U32, 3>; // OMX_EVENTTYPE and its two data
+using buffer_list_t = std::vector<OMX_BUFFERHEADERTYPE *>;
+
+class framework_test : public ComponentTest {
+  protected:
+    framework_test()
+    {
+        for (OMX_U32 port = 0; port < PORT_COUNT; port++)
+            sink->ppPorts[port]->stPortDefinition.nBufferSize = BUFFER_BYTES;
+        client->on_buffer_back = [this](OMX_BUFFERHEADERTYPE *header) {
+            const std::lock_guard guard(lock);
+            returned.push_back(header);
+        };
+    }
+
+    void TearDown() override
+    {
+        client->destroy();
+        EXPECT_EQ(client->events().size(), events_seen);
+        ComponentTest::TearDown();
+    }
+
+    OMX_ERRORTYPE send(OMX_COMMANDTYPE command, OMX_U32 param, void *data = nullptr)
+    {
+        return OMX_SendCommand(component, command, param, data);
+    }
+
+    template <typename Condition>
+    static void wait_until(Condition condition)
+    {
+        for (int count = 0; !condition() && count < 20000; count++)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        ASSERT_TRUE(condition());
+    }
+
+    event_t next_event()
+    {
+        wait_until([&] { return client->events().size() > events_seen; });
+        const IlEvent event = client->events().at(events_seen++);
+        return {event.event, event.data1, event.data2};
+    }
+
+    void expect_error(OMX_ERRORTYPE error, OMX_U32 data2 = 0)
+    {
+        EXPECT_EQ(next_event(), (event_t{OMX_EventError, error, data2}));
+    }
+
+    void expect_complete(OMX_COMMANDTYPE command, OMX_U32 param)
+    {
+        EXPECT_EQ(next_event(), (event_t{OMX_EventCmdComplete, command, param}));
+    }
+
+    // Waits until the client has this many buffers back, and takes the list.
+    buffer_list_t wait_returned(size_t count)
+    {
+        wait_until([&] {
+            const std::lock_guard guard(lock);
+            return returned.size() >= count;
+        });
+        const std::lock_guard guard(lock);
+        return std::exchange(returned, {});
+    }
+
+    OMX_ERRORTYPE allocate(OMX_U32 port)
+    {
+        OMX_BUFFERHEADERTYPE *header = nullptr;
+        const OMX_ERRORTYPE error =
+            OMX_AllocateBuffer(component, &header, port, nullptr, BUFFER_BYTES);
+        if (error == OMX_ErrorNone)
+            buffers[port].push_back(header);
+        return error;
+    }
+
+    void populate(OMX_U32 port)
+    {
+        while (!sink->ppPorts[port]->stPortDefinition.bPopulated)
+            ASSERT_EQ(allocate(port), OMX_ErrorNone);
+    }
+
+    void free_buffers(OMX_U32 port)
+    {
+        for (OMX_BUFFERHEADERTYPE *header : std::exchange(buffers[port], {}))
+            ASSERT_EQ(OMX_FreeBuffer(component, port, header), OMX_ErrorNone);
+    }
+
+    // A change of state with the buffers that it waits for.
+    void change_state(OMX_STATETYPE target)
+    {
+        ASSERT_EQ(send(OMX_CommandStateSet, target), OMX_ErrorNone);
+        for (OMX_U32 port = 0; port < PORT_COUNT; port++)
+            if (target == OMX_StateIdle)
+                populate(port);
+            else if (target == OMX_StateLoaded)
+                free_buffers(port);
+        if (target == OMX_StateInvalid)
+            expect_error(OMX_ErrorInvalidState);
+        else
+            expect_complete(OMX_CommandStateSet, target);
+    }
+
+    // From Loaded to any state, by the shortest way.
+    void bring_to(OMX_STATETYPE target)
+    {
+        if (target == OMX_StateExecuting || target == OMX_StatePause)
+            change_state(OMX_StateIdle);
+        if (target != OMX_StateLoaded)
+            change_state(target);
+    }
+
+    OMX_ERRORTYPE empty(OMX_BUFFERHEADERTYPE *header)
+    {
+        header->nFilledLen = BUFFER_BYTES;
+        return OMX_EmptyThisBuffer(component, header);
+    }
+
+    const std::unique_ptr<IlClient> client = make_client();
+    OMX_COMPONENTTYPE *const component = client->handle();
+    omx_base_sink_PrivateType *const sink = &record_of(*client)->stBase;
+    size_t events_seen = 0;
+    std::mutex lock;
+    buffer_list_t returned; // under lock
+    buffer_list_t buffers[PORT_COUNT];
+};
+
+#endif
