@@ -11,7 +11,8 @@ packages="g++ cmake ninja-build pkg-config ffmpeg libavformat-dev libavcodec-dev
 if [ "${1:-}" = tests ]; then
     packages="$packages clang clang-format g++-multilib libgtest-dev libgmock-dev googletest
         libbenchmark-dev gstreamer1.0-tools gstreamer1.0-plugins-base gstreamer1.0-plugins-good
-        gstreamer1.0-plugins-bad gstreamer1.0-libav mpv chromium python3 util-linux"
+        gstreamer1.0-plugins-bad gstreamer1.0-libav mpv chromium faad python3 python3-numpy
+        util-linux"
 fi
 
 missing=

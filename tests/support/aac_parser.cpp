@@ -173,12 +173,19 @@ void parse_spectral_data(Reader &in, AacChannel &channel, const std::vector<int>
     }
 }
 
-void parse_channel_stream(Reader &in, const std::vector<int> &offsets, AacChannel &channel)
+void parse_ics_info(Reader &in, const std::vector<int> &offsets)
 {
-    channel.global_gain = in.get(8);
     in.expect(4, 0, "ics_reserved_bit, window_sequence or window_shape");
     in.expect(6, static_cast<int>(offsets.size()) - 1, "max_sfb");
     in.expect(1, 0, "predictor_data_present");
+}
+
+void parse_channel_stream(Reader &in, const std::vector<int> &offsets, bool common_window,
+                          AacChannel &channel)
+{
+    channel.global_gain = in.get(8);
+    if (!common_window)
+        parse_ics_info(in, offsets);
     parse_section_data(in, offsets.size() - 1, channel);
     parse_scalefactors(in, channel);
     in.expect(1, 0, "pulse_data_present");
@@ -202,32 +209,21 @@ std::string parse_raw_data_block(std::span<const uint8_t> bytes, int sampling_in
         in.fail("neither a single channel nor a channel pair element");
     frame->channels.resize(id == 0 ? 1 : 2);
     in.expect(4, 0, "element_instance_tag");
-    if (frame->channels.size() == 2)
-        in.expect(1, 0, "common_window");
+    const std::vector<int> offsets = band_offsets(sampling_index);
+    frame->mid_side = frame->channels.size() == 2 && in.get(1) == 1; // common_window
+    if (frame->mid_side) {
+        parse_ics_info(in, offsets);
+        in.expect(2, 1, "ms_mask_present");
+        for (size_t band = 1; band < offsets.size(); band++)
+            in.expect(1, 1, "ms_used");
+    }
     for (AacChannel &channel : frame->channels)
-        parse_channel_stream(in, band_offsets(sampling_index), channel);
+        parse_channel_stream(in, offsets, frame->mid_side, channel);
     in.expect(3, 7, "element in place of END");
     frame->bits = static_cast<int>(in.position);
     in.expect(static_cast<int>(-in.position % 8), 0, "alignment bits");
     if (in.position != bytes.size() * 8)
         in.fail("bytes behind the frame");
-    return in.error;
-}
-
-std::string parse_adts_header(std::span<const uint8_t> bytes, AdtsHeader *header)
-{
-    Reader in = {bytes, 0, {}};
-    in.expect(12, 0xFFF, "syncword");
-    header->id = in.get(1);
-    in.expect(3, 1, "layer or protection_absent");
-    in.expect(2, 1, "profile");
-    header->sampling_index = in.get(4);
-    in.expect(1, 0, "private_bit");
-    header->channels = in.get(3);
-    in.expect(4, 0, "original, home or copyright bits");
-    header->frame_bytes = in.get(13);
-    in.expect(11, 0x7FF, "adts_buffer_fullness");
-    in.expect(2, 0, "number of raw data blocks");
     return in.error;
 }
 

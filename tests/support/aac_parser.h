@@ -18,15 +18,9 @@ struct AacChannel {
 };
 
 struct AacFrame {
-    int bits = 0; // up to the END element, its 3 bits included
+    int bits = 0;          // up to the END element, its 3 bits included
+    bool mid_side = false; // in every band
     std::vector<AacChannel> channels;
-};
-
-struct AdtsHeader {
-    int id = 0;
-    int sampling_index = 0; // the standard's
-    int channels = 0;
-    int frame_bytes = 0;
 };
 
 // Parses one raw_data_block(), which must fill `bytes`.
@@ -34,10 +28,7 @@ struct AdtsHeader {
 std::string parse_raw_data_block(std::span<const uint8_t> bytes, int sampling_index,
                                  AacFrame *frame);
 
-// returns: what is wrong with the header; empty when nothing is
-std::string parse_adts_header(std::span<const uint8_t> bytes, AdtsHeader *header);
-
-// Lines as a decoder reconstructs them, before TNS synthesis and without noise.
+// Lines as a decoder reconstructs them, before TNS synthesis and mid/side, without noise.
 std::vector<double> aac_dequantise(const AacChannel &channel, int sampling_index);
 
 #endif // TESTS_SUPPORT_AAC_PARSER_H
