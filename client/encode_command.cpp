@@ -2,8 +2,8 @@
 
 #include "client/aac_stream.h"
 #include "client/failure.h"
+#include "client/figures.h"
 #include "client/pcm_input.h"
-#include "client/summary.h"
 #include "client/work_folder.h"
 
 #include <chrono>

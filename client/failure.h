@@ -7,6 +7,7 @@
 
 enum class exit_code : int {
     finished = 0,     // also when the user ended the recording
+    faults = 1,       // the file that was looked at is not sound
     usage = 2,        // the command line is wrong
     input = 3,        // an input cannot be read, or broke off
     unsupported = 4,  // an input holds something that cannot be recorded

@@ -17,7 +17,7 @@ struct file_summary {
     track_summary audio;
 };
 
-// Walks the boxes of an MP4 file. returns nothing when the file is not complete.
+// Reads an MP4 file. returns nothing when the file is not whole.
 std::optional<file_summary> finished_file_read(int file);
 
 #endif

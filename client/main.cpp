@@ -1,6 +1,7 @@
 // The tdmbrec command.
 #include "client/encode_command.h"
 #include "client/failure.h"
+#include "client/info_command.h"
 #include "client/options.h"
 #include "client/record.h"
 #include "client/terminal.h"
@@ -20,6 +21,11 @@ static int run(const record_options &options)
 static int run(const encode_options &options)
 {
     return encode_run(options);
+}
+
+static int run(const info_options &options)
+{
+    return info_run(options);
 }
 
 int main(int argc, char **argv)

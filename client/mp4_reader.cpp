@@ -121,8 +121,10 @@ std::vector<box> reader::read_boxes(bytes image, unsigned depth)
             next.size = image.size();
         }
         const size_t header_bytes = image.size() - in.data.size();
-        if (!check(!in.overrun && next.size >= header_bytes && next.size <= image.size(),
-                   "box " + printable(next.type) + " leaves its container")) {
+        if (!check(
+                !in.overrun && next.size >= header_bytes && next.size <= image.size(),
+                "box " + printable(next.type) +
+                    (depth == 0 ? " goes beyond the end of the file" : " leaves its container"))) {
             break;
         }
         next.payload = in.take(next.size - header_bytes);
@@ -152,7 +154,8 @@ void reader::read_avcc(const box &avcc, avc_configuration *result)
     for (uint32_t count = in.u32(1); count > 0; count--) {
         result->pps.push_back(copy(in.take(in.number(2))));
     }
-    const bool is_high = (record_profile(*result) & ~0x12u) == 0x68; // 100, 110, 122
+    const uint32_t profile = record_profile(*result);
+    const bool is_high = profile == 100 || profile == 110 || profile == 122 || profile == 144;
     if (is_high && !in.data.empty()) { // formats and depths, then extensions of sequence sets
         in.take(3);
         for (uint32_t count = in.u32(1); count > 0; count--) {

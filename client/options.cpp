@@ -34,6 +34,14 @@ Exit status:
   5    the output cannot be written
   7    the encoder failed)";
 
+static const char info_footer[] =
+    R"(Exit status:
+  0    nothing is wrong with the file
+  1    something is wrong with the file; the report says what
+  2    wrong command line
+  3    the file cannot be read
+  5    the page cannot be written)";
+
 static void add_record(CLI::App &app, record_options &options, std::string &input)
 {
     CLI::App &command = *app.add_subcommand("record", "Record a programme to an MP4 file");
@@ -88,6 +96,23 @@ static void add_encode(CLI::App &app, encode_options &options)
                      "announce MPEG-2 AAC in the ADTS frames, which have no noise substitution");
 }
 
+static void add_info(CLI::App &app, info_options &options)
+{
+    CLI::App &command =
+        *app.add_subcommand("info", "Tell what an MP4 file holds and what is wrong with it");
+    command.footer(info_footer);
+    command.add_option("INPUT", options.input, "MP4 file")->type_name("FILE")->required();
+    CLI::Option *const json = command.add_flag("--json", options.json, "tell it as JSON");
+    command
+        .add_option_function<std::string>(
+            "--html", [&options](const std::string &page) { options.page = page; },
+            "tell it as a page for a browser, in this file; without a name, on standard output")
+        ->type_name("FILE")
+        ->expected(0, 1)
+        ->excludes(json);
+    command.add_flag("-f,--force", options.force, "replace an existing page");
+}
+
 static int report_mistake(const std::string &command, const std::string &what)
 {
     std::cerr << "tdmbrec: " << what << "\nRun \"tdmbrec " << command
@@ -116,6 +141,7 @@ command_line options_parse(int argc, const char *const *argv)
 {
     record_options record;
     encode_options encode;
+    info_options info;
     std::string input;
     CLI::App app("Records an H.264 programme with sound to an MP4 file, through the recorder's "
                  "OpenMAX IL component; the other commands use its parts alone.",
@@ -124,6 +150,7 @@ command_line options_parse(int argc, const char *const *argv)
     app.require_subcommand(1);
     add_record(app, record, input);
     add_encode(app, encode);
+    add_info(app, info);
     try {
         app.parse(argc, argv);
     } catch (const CLI::Success &asked) { // help or version
@@ -135,6 +162,9 @@ command_line options_parse(int argc, const char *const *argv)
     }
     if (app.got_subcommand("encode")) {
         return encode;
+    }
+    if (app.got_subcommand("info")) {
+        return info;
     }
     return choose_inputs(record, input);
 }

@@ -29,8 +29,15 @@ struct encode_options {
     bool force = false;
 };
 
+struct info_options {
+    std::string input;
+    std::optional<std::string> page; // where the HTML page goes; empty: to standard output
+    bool json = false;
+    bool force = false;
+};
+
 // What to do; a number when all is said, and the program is to exit with it.
-using command_line = std::variant<int, record_options, encode_options>;
+using command_line = std::variant<int, record_options, encode_options, info_options>;
 
 // Reads the command line; help, version and mistakes are answered here.
 command_line options_parse(int argc, const char *const *argv);

@@ -1,6 +1,7 @@
 #include "client/record.h"
 
 #include "client/failure.h"
+#include "client/figures.h"
 #include "client/interruption.h"
 #include "client/player.h"
 #include "client/programme_input.h"

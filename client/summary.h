@@ -19,10 +19,6 @@ struct recording_summary {
     double elapsed_s = 0;
 };
 
-// A duration as 1:02:03.4, a size as 12.3 MB.
-std::string duration_text(double seconds);
-std::string size_text(uint64_t bytes);
-
 // The summary in a few lines, and as one JSON object; both end in a newline.
 std::string summary_text(const recording_summary &summary);
 std::string summary_json(const recording_summary &summary);

@@ -1,0 +1,48 @@
+#include "client/info_command.h"
+
+#include "client/failure.h"
+#include "client/info_page.h"
+#include "client/info_text.h"
+#include "client/mapped_file.h"
+#include "client/media_report.h"
+#include "client/work_folder.h"
+
+#include <cstdio>
+
+static constexpr char work_name[] = "page.html";
+
+static void write_page(const info_options &options, const std::string &page)
+{
+    const std::unique_ptr<work_folder> folder = work_folder_make(*options.page, options.force);
+    output_place_check_inputs(*options.page, {options.input});
+    work_file out(*folder, work_name);
+    work_file_write(out, {reinterpret_cast<const uint8_t *>(page.data()), page.size()});
+    work_file_finish(out);
+    work_folder_publish(*folder, work_name);
+}
+
+int info_run(const info_options &options)
+{
+    const std::unique_ptr<mapped_file> file = mapped_file_open(options.input);
+    if (file->bytes.empty()) {
+        throw failure(exit_code::input, options.input + ": is empty");
+    }
+    const media_report report = media_report_make(options.input, file->bytes);
+    std::string text;
+    if (options.page) {
+        const std::string page = info_page(report);
+        if (options.page->empty()) {
+            text = page;
+        } else {
+            write_page(options, page);
+            text = *options.page + ": " + verdict_text(report) + "\n";
+        }
+    } else {
+        text = options.json ? info_json(report) : info_text(report);
+    }
+    std::fwrite(text.data(), 1, text.size(), stdout);
+    if (std::fflush(stdout) != 0) {
+        throw failure(exit_code::output, "the report cannot be written");
+    }
+    return static_cast<int>(report.faults.empty() ? exit_code::finished : exit_code::faults);
+}

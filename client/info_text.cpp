@@ -1,0 +1,133 @@
+#include "client/info_text.h"
+
+#include "client/figures.h"
+
+#include <nlohmann/json.hpp>
+
+#include <cmath>
+
+// More gaps than these are counted only.
+static constexpr size_t GAPS_LISTED = 10;
+
+std::string track_text(const track_report &track)
+{
+    if (track.kind == "Video") {
+        return track.coding + print(", %ux%u", track.width, track.height);
+    }
+    if (track.kind == "Audio") {
+        const std::string channels = track.channels == 1   ? "mono"
+                                     : track.channels == 2 ? "stereo"
+                                                           : print("%u channels", track.channels);
+        return track.coding + print(", %u Hz, ", track.sample_rate) + channels;
+    }
+    return track.coding;
+}
+
+std::string lead_text(const lead_range &lead)
+{
+    const long low = std::lround(lead.low_s * 1000);
+    const long high = std::lround(lead.high_s * 1000);
+    if (low < 0 && high > 0) {
+        return print("sound from %ld ms behind to %ld ms ahead of the picture", -low, high);
+    }
+    return high <= 0 ? print("sound %ld to %ld ms behind the picture", -high, -low)
+                     : print("sound %ld to %ld ms ahead of the picture", low, high);
+}
+
+static std::string describe_track(const track_report &track)
+{
+    std::string text = "  " + track.kind + "  " + track_text(track) + "\n         " +
+                       print("%llu frames", static_cast<unsigned long long>(track.frames));
+    if (track.frame_s > 0) {
+        text += print(" at %.2f a second", 1 / track.frame_s);
+    }
+    text +=
+        ", " + duration_text(track.duration_s) +
+        print(", %.0f kbit/s, at most %.0f\n", track.bit_rate / 1000, track.bit_rate_max / 1000);
+    if (!track.keys_s.empty()) {
+        text += print("         %zu key frames", track.keys_s.size()) +
+                (track.key_distance_s > 0 ? print(", at most %.2f s apart", track.key_distance_s)
+                                          : "") +
+                "\n";
+    }
+    double missing_s = 0;
+    for (size_t i = 0; i < track.gaps.size(); i++) {
+        const time_gap &gap = track.gaps[i];
+        missing_s += gap.length_s;
+        if (i < GAPS_LISTED) {
+            text += "         gap of " + print("%.3f s at ", gap.length_s) +
+                    duration_text(gap.begin_s) + "\n";
+        }
+    }
+    if (track.gaps.size() > GAPS_LISTED) {
+        text += print("         %zu gaps in all, %.3f s\n", track.gaps.size(), missing_s);
+    }
+    return text;
+}
+
+std::string info_text(const media_report &report)
+{
+    std::string text = report.path + ": " + duration_text(report.duration_s) + ", " +
+                       size_text(report.bytes) +
+                       print(" (%llu bytes)", static_cast<unsigned long long>(report.bytes)) +
+                       (report.created.empty() ? "" : ", made " + report.created) + "\n";
+    for (const track_report &track : report.tracks) {
+        text += describe_track(track);
+    }
+    if (const std::optional<lead_range> lead = whole_lead(report)) {
+        text += "  Order  in the file, " + lead_text(*lead) + "\n";
+    }
+    for (const std::string &remark : report.remarks) {
+        text += "  Note   " + remark + "\n";
+    }
+    for (const std::string &fault : report.faults) {
+        text += "  Fault  " + fault + "\n";
+    }
+    return text + (report.faults.empty() ? "  No fault found.\n" : "");
+}
+
+static nlohmann::ordered_json track_json(const track_report &track)
+{
+    nlohmann::ordered_json json = {{"kind", track.kind}, {"coding", track.coding}};
+    if (track.kind == "Video") {
+        json["width"] = track.width;
+        json["height"] = track.height;
+    } else if (track.kind == "Audio") {
+        json["sample_rate"] = track.sample_rate;
+        json["channels"] = track.channels;
+    }
+    json["frames"] = track.frames;
+    json["bytes"] = track.bytes;
+    json["duration_seconds"] = track.duration_s;
+    json["frame_seconds"] = track.frame_s;
+    json["bits_per_second"] = std::llround(track.bit_rate);
+    json["most_bits_per_second"] = std::llround(track.bit_rate_max);
+    if (!track.keys_s.empty()) {
+        json["key_frames"] = track.keys_s.size();
+        json["longest_key_frame_distance_seconds"] = track.key_distance_s;
+    }
+    json["gaps"] = nlohmann::ordered_json::array();
+    for (const time_gap &gap : track.gaps) {
+        json["gaps"].push_back({{"begin_seconds", gap.begin_s}, {"length_seconds", gap.length_s}});
+    }
+    return json;
+}
+
+std::string info_json(const media_report &report)
+{
+    nlohmann::ordered_json json;
+    json["file"] = report.path;
+    json["bytes"] = report.bytes;
+    json["duration_seconds"] = report.duration_s;
+    json["created"] = report.created.empty() ? nullptr : nlohmann::ordered_json(report.created);
+    json["tracks"] = nlohmann::ordered_json::array();
+    for (const track_report &track : report.tracks) {
+        json["tracks"].push_back(track_json(track));
+    }
+    if (const std::optional<lead_range> lead = whole_lead(report)) {
+        json["sound_ahead_seconds"] = {{"least", lead->low_s}, {"most", lead->high_s}};
+    }
+    json["notes"] = report.remarks;
+    json["faults"] = report.faults;
+    return json.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n";
+}

@@ -1,0 +1,328 @@
+#include "client/media_check.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <set>
+
+using mp4_reader::movie;
+using mp4_reader::sample;
+using mp4_reader::track;
+
+namespace {
+
+// How far a header's duration may be from what the frames' times give.
+constexpr double DURATION_TOLERANCE_S = 0.1;
+// How far sound and picture may end from one another.
+constexpr double END_TOLERANCE_S = 0.5;
+
+// nal_unit_type, ISO/IEC 14496-10 table 7-1
+constexpr unsigned NAL_SLICE = 1, NAL_IDR = 5;
+
+struct range {
+    uint64_t begin, end;
+
+    bool operator<(const range &other) const
+    {
+        return begin < other.begin;
+    }
+};
+
+// A fault that many frames may have: told once, with their number.
+struct tally {
+    size_t count = 0;
+    size_t first = 0; // its number, from 1
+
+    void add(size_t index)
+    {
+        first = count++ == 0 ? index + 1 : first;
+    }
+};
+
+struct checker {
+    const movie &file;
+    std::span<const uint8_t> image;
+    std::vector<range> media_data; // by position
+    media_findings findings;
+    std::string where; // in front of a finding
+
+    void fault(const std::string &what)
+    {
+        findings.faults.push_back(where + what);
+    }
+    void remark(const std::string &what)
+    {
+        findings.remarks.push_back(where + what);
+    }
+    void fault(const tally &frames, const std::string &what)
+    {
+        if (frames.count > 0) {
+            fault(std::to_string(frames.count) + (frames.count == 1 ? " frame " : " frames ") +
+                  what + ", the first is frame " + std::to_string(frames.first));
+        }
+    }
+};
+
+std::string seconds_text(double seconds)
+{
+    char text[64] = "";
+    std::snprintf(text, sizeof text, "%.3f s", seconds);
+    return text;
+}
+
+double seconds_of(uint64_t ticks, uint32_t timescale)
+{
+    return timescale == 0 ? 0 : static_cast<double>(ticks) / timescale;
+}
+
+double end_of(const track &of)
+{
+    return of.samples.empty()
+               ? 0
+               : seconds_of(of.samples.back().time + of.samples.back().duration, of.timescale);
+}
+
+void find_media_data(checker &self)
+{
+    for (const mp4_reader::box &each : self.file.boxes) {
+        if (each.type == "mdat") {
+            const uint64_t begin = static_cast<uint64_t>(each.payload.data() - self.image.data());
+            self.media_data.push_back({begin, begin + each.payload.size()});
+        }
+    }
+}
+
+bool is_in_media_data(const checker &self, const sample &each)
+{
+    const auto behind =
+        std::upper_bound(self.media_data.begin(), self.media_data.end(), range{each.offset, 0});
+    if (behind == self.media_data.begin()) {
+        return false;
+    }
+    const range &data = *std::prev(behind); // the last that begins at or before the sample
+    return each.size <= data.end - data.begin && each.offset <= data.end - each.size;
+}
+
+struct picture {
+    bool whole = true; // the lengths of its NAL units add up
+    bool has_slice = false;
+    bool is_idr = false;
+};
+
+picture look_at_picture(std::span<const uint8_t> data, size_t length_bytes)
+{
+    picture result;
+    while (!data.empty()) {
+        if (data.size() < length_bytes) {
+            result.whole = false;
+            break;
+        }
+        size_t length = 0;
+        for (const uint8_t byte : data.first(length_bytes)) {
+            length = length << 8 | byte;
+        }
+        data = data.subspan(length_bytes);
+        if (length == 0 || length > data.size()) {
+            result.whole = false;
+            break;
+        }
+        const unsigned type = data[0] & 0x1Fu;
+        result.is_idr = result.is_idr || type == NAL_IDR;
+        result.has_slice = result.has_slice || (type >= NAL_SLICE && type <= NAL_IDR);
+        data = data.subspan(length);
+    }
+    return result;
+}
+
+void check_pictures(checker &self, const track &video)
+{
+    if (video.avc.sps.empty() || video.avc.pps.empty()) {
+        self.fault("has no parameter sets, without which no picture can be decoded");
+    }
+    const size_t length_bytes =
+        video.avc.record.size() > 4 ? (video.avc.record[4] & 3u) + 1 : size_t{4};
+    tally broken, empty, no_idr;
+    for (size_t i = 0; i < video.samples.size(); i++) {
+        const sample &each = video.samples[i];
+        if (!is_in_media_data(self, each)) {
+            continue;
+        }
+        const picture found = look_at_picture(
+            self.image.subspan(static_cast<size_t>(each.offset), each.size), length_bytes);
+        if (!found.whole) {
+            broken.add(i);
+        } else if (!found.has_slice) {
+            empty.add(i);
+        } else if (each.sync && !found.is_idr) {
+            no_idr.add(i);
+        }
+    }
+    self.fault(broken, "whose NAL units do not add up");
+    self.fault(empty, "without a picture");
+    self.fault(no_idr, "that the table calls a key frame, and it is none");
+    if (!video.samples.empty() && !video.samples.front().sync) {
+        self.fault("does not begin with a key frame");
+    }
+}
+
+void check_sound(checker &self, const track &sound)
+{
+    static constexpr uint32_t OBJECT_TYPE_AAC = 0x40;
+    if (sound.esds.object_type != 0 && sound.esds.object_type != OBJECT_TYPE_AAC) {
+        return;
+    }
+    if (sound.esds.specific_info.empty()) {
+        self.fault("has no decoder configuration");
+    }
+    if (sound.sample_rate == 0) {
+        return;
+    }
+    static constexpr double FRAME_SAMPLES = 1024;
+    const double held =
+        static_cast<double>(sound.samples.size()) * FRAME_SAMPLES / sound.sample_rate;
+    const double given = end_of(sound);
+    if (std::abs(held - given) > DURATION_TOLERANCE_S && sound.samples.size() > 1) {
+        self.remark("its frames hold " + seconds_text(held) + " of sound and are given " +
+                    seconds_text(given));
+    }
+}
+
+void check_places(checker &self, const track &of)
+{
+    tally outside, empty;
+    for (size_t i = 0; i < of.samples.size(); i++) {
+        if (of.samples[i].size == 0) {
+            empty.add(i);
+        } else if (!is_in_media_data(self, of.samples[i])) {
+            outside.add(i);
+        }
+    }
+    self.fault(outside, "outside the media data");
+    self.fault(empty, "without a byte");
+}
+
+void check_times(checker &self, const track &of)
+{
+    if (of.timescale == 0) {
+        self.fault("has a time scale of 0");
+        return;
+    }
+    const double end = end_of(of);
+    const double media = seconds_of(of.media_duration, of.timescale);
+    const double header = seconds_of(of.movie_duration, self.file.timescale);
+    if (std::abs(media - end) > DURATION_TOLERANCE_S) {
+        self.fault("its media header says " + seconds_text(media) + ", its frames last " +
+                   seconds_text(end));
+    }
+    if (std::abs(header - end) > DURATION_TOLERANCE_S && self.file.timescale != 0) {
+        self.fault("its track header says " + seconds_text(header) + ", its frames last " +
+                   seconds_text(end));
+    }
+}
+
+void check_track(checker &self, const track &of)
+{
+    if (of.samples.empty()) {
+        self.fault("holds no frames");
+        return;
+    }
+    check_places(self, of);
+    check_times(self, of);
+    if (of.handler == "vide" && of.coding == "avc1") {
+        check_pictures(self, of);
+    } else if (of.handler == "soun" && of.coding == "mp4a") {
+        check_sound(self, of);
+    }
+}
+
+void check_movie(checker &self)
+{
+    std::set<uint32_t> ids;
+    double longest = 0;
+    for (const track &each : self.file.tracks) {
+        if (each.id == 0 || !ids.insert(each.id).second) {
+            self.fault("track number " + std::to_string(each.id) +
+                       (each.id == 0 ? " is not allowed" : " is used twice"));
+        }
+        longest = std::max(longest, end_of(each));
+    }
+    if (!ids.empty() && self.file.next_track_id <= *ids.rbegin()) {
+        self.fault("the next track's number is used already");
+    }
+    if (self.file.timescale == 0) {
+        self.fault("the movie has a time scale of 0");
+    } else if (std::abs(seconds_of(self.file.duration, self.file.timescale) - longest) >
+               DURATION_TOLERANCE_S) {
+        self.fault("the movie header says " +
+                   seconds_text(seconds_of(self.file.duration, self.file.timescale)) +
+                   ", its tracks last " + seconds_text(longest));
+    }
+    if (self.file.tracks.empty()) {
+        self.fault("the movie has no track");
+    }
+}
+
+// Frames that share bytes, and bytes of the media data that are no frame's.
+void check_media_data(checker &self)
+{
+    std::vector<range> used;
+    for (const track &each : self.file.tracks) {
+        for (const sample &frame : each.samples) {
+            if (frame.size > 0 && is_in_media_data(self, frame)) {
+                used.push_back({frame.offset, frame.offset + frame.size});
+            }
+        }
+    }
+    std::sort(used.begin(), used.end());
+    uint64_t covered = 0, end = 0;
+    size_t shared = 0;
+    for (const range &each : used) {
+        shared += each.begin < end ? 1 : 0;
+        covered += each.end > end ? each.end - std::max(each.begin, end) : 0;
+        end = std::max(end, each.end);
+    }
+    if (shared > 0) {
+        self.fault("frames that share bytes with another: " + std::to_string(shared));
+    }
+    uint64_t all = 0;
+    for (const range &each : self.media_data) {
+        all += each.end - each.begin;
+    }
+    if (all > covered) {
+        self.remark("bytes of the media data that no frame uses: " + std::to_string(all - covered));
+    }
+}
+
+void compare_ends(checker &self)
+{
+    const track *const video = mp4_reader::find_track(self.file, "vide");
+    const track *const sound = mp4_reader::find_track(self.file, "soun");
+    if (video == nullptr || sound == nullptr) {
+        return;
+    }
+    const double apart = end_of(*sound) - end_of(*video);
+    if (std::abs(apart) > END_TOLERANCE_S) {
+        self.remark("the sound ends " + seconds_text(std::abs(apart)) +
+                    (apart > 0 ? " after" : " before") + " the picture");
+    }
+}
+
+} // namespace
+
+media_findings media_check(const movie &file, std::span<const uint8_t> image)
+{
+    checker self = {file, image};
+    if (mp4_reader::find(file.boxes, "moov") == nullptr) {
+        return self.findings; // the reader has said it
+    }
+    find_media_data(self);
+    check_movie(self);
+    for (size_t i = 0; i < file.tracks.size(); i++) {
+        self.where = "track " + std::to_string(i + 1) + ": ";
+        check_track(self, file.tracks[i]);
+    }
+    self.where.clear();
+    check_media_data(self);
+    compare_ends(self);
+    return self.findings;
+}

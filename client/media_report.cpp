@@ -1,0 +1,236 @@
+#include "client/media_report.h"
+
+#include "client/media_check.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <ctime>
+
+using mp4_reader::movie;
+using mp4_reader::sample;
+using mp4_reader::track;
+
+// A chart has no use for more than these.
+static constexpr size_t MAX_BINS = 240;
+static constexpr double LONGEST_S = 1e7; // times beyond this are nonsense of a broken file
+
+// A frame that lasts this much longer than usual leaves a gap.
+static constexpr double GAP_FACTOR = 1.5;
+static constexpr double GAP_TOLERANCE_S = 0.005;
+
+static double seconds_at(const track &of, uint64_t ticks)
+{
+    return of.timescale == 0 ? 0 : std::min(static_cast<double>(ticks) / of.timescale, LONGEST_S);
+}
+
+static std::string avc_text(const mp4_reader::avc_configuration &avc)
+{
+    if (avc.record.size() < 4) {
+        return "H.264";
+    }
+    static const struct {
+        unsigned profile_idc;
+        const char *name;
+    } profiles[] = {{66, "Baseline"}, {77, "Main"}, {88, "Extended"}, {100, "High"}};
+    const unsigned profile = avc.record[1];
+    const bool is_constrained = profile == 66 && (avc.record[2] & 0x40) != 0;
+    std::string name = "profile " + std::to_string(profile);
+    for (const auto &each : profiles) {
+        name = each.profile_idc == profile ? each.name : name;
+    }
+    const unsigned level = avc.record[3];
+    return "H.264 " + std::string(is_constrained ? "Constrained " : "") + name + " " +
+           std::to_string(level / 10) + "." + std::to_string(level % 10);
+}
+
+static std::string coding_text(const track &of)
+{
+    if (of.coding == "avc1") {
+        return avc_text(of.avc);
+    }
+    if (of.coding == "mp4a" && of.esds.object_type == 0x40) {
+        const std::vector<uint8_t> &config = of.esds.specific_info;
+        const unsigned object_type = config.empty() ? 0 : config[0] >> 3;
+        return object_type == 2 ? "AAC-LC" : "AAC, object type " + std::to_string(object_type);
+    }
+    return mp4_reader::printable(of.coding);
+}
+
+// The frames' durations but the last, which says nothing.
+static std::vector<double> durations_of(const track &of)
+{
+    std::vector<double> durations;
+    for (size_t i = 0; i + 1 < of.samples.size(); i++) {
+        durations.push_back(seconds_at(of, of.samples[i].duration));
+    }
+    return durations;
+}
+
+// Finds the gaps: frames that last much longer than the median. What remains gives the usual time
+// from frame to frame.
+static void find_gaps(const track &of, track_report &report)
+{
+    const std::vector<double> durations = durations_of(of);
+    if (durations.empty()) {
+        return;
+    }
+    std::vector<double> sorted = durations;
+    const auto middle = sorted.begin() + static_cast<ptrdiff_t>(sorted.size() / 2);
+    std::nth_element(sorted.begin(), middle, sorted.end());
+    const double usual_s = *middle;
+    double even_s = 0;
+    for (size_t i = 0; i < durations.size(); i++) {
+        if (durations[i] > usual_s * GAP_FACTOR + GAP_TOLERANCE_S) {
+            report.gaps.push_back(
+                {seconds_at(of, of.samples[i].time) + usual_s, durations[i] - usual_s});
+        } else {
+            even_s += durations[i];
+        }
+    }
+    report.frame_s = even_s / static_cast<double>(durations.size() - report.gaps.size());
+}
+
+static void find_key_frames(const track &of, track_report &report)
+{
+    const bool all = std::all_of(of.samples.begin(), of.samples.end(),
+                                 [](const sample &each) { return each.sync; });
+    for (size_t i = 0; i < of.samples.size() && !all; i++) {
+        if (of.samples[i].sync) {
+            report.keys_s.push_back(seconds_at(of, of.samples[i].time));
+        }
+    }
+    for (size_t i = 1; i < report.keys_s.size(); i++) {
+        report.key_distance_s =
+            std::max(report.key_distance_s, report.keys_s[i] - report.keys_s[i - 1]);
+    }
+}
+
+static void count_bits(const track &of, double bin_s, track_report &report)
+{
+    const size_t bins = static_cast<size_t>(report.duration_s / bin_s) + 1;
+    report.rates.resize(std::min(bins, MAX_BINS + 1));
+    for (const sample &each : of.samples) {
+        const size_t bin = static_cast<size_t>(seconds_at(of, each.time) / bin_s);
+        report.bytes += each.size;
+        report.rates[std::min(bin, report.rates.size() - 1)] += 8.0 * each.size / bin_s;
+    }
+    const double rest_s = report.duration_s - static_cast<double>(report.rates.size() - 1) * bin_s;
+    if (rest_s >= bin_s / 4) { // the last bin is shorter
+        report.rates.back() *= bin_s / rest_s;
+    } else if (report.rates.size() > 1) { // too short to say anything
+        report.rates.pop_back();
+    }
+    report.bit_rate_max = *std::max_element(report.rates.begin(), report.rates.end());
+    report.bit_rate =
+        report.duration_s > 0 ? 8.0 * static_cast<double>(report.bytes) / report.duration_s : 0;
+}
+
+static double end_of(const track &of)
+{
+    return of.samples.empty() ? 0
+                              : seconds_at(of, of.samples.back().time) +
+                                    seconds_at(of, of.samples.back().duration);
+}
+
+static track_report report_track(const track &of, double bin_s)
+{
+    track_report report;
+    report.kind = of.handler == "vide"   ? "Video"
+                  : of.handler == "soun" ? "Audio"
+                                         : mp4_reader::printable(of.handler);
+    report.coding = coding_text(of);
+    report.width = of.width;
+    report.height = of.height;
+    report.sample_rate = of.sample_rate;
+    report.channels = of.channels;
+    report.frames = of.samples.size();
+    report.duration_s = end_of(of);
+    find_gaps(of, report);
+    find_key_frames(of, report);
+    count_bits(of, bin_s, report);
+    return report;
+}
+
+// For each picture, the sound that had been written when it was. Frames lie in a file in the order
+// in which they came.
+static void compare_arrival(const movie &file, media_report &report)
+{
+    const track *const video = mp4_reader::find_track(file, "vide");
+    const track *const sound = mp4_reader::find_track(file, "soun");
+    if (video == nullptr || sound == nullptr) {
+        return;
+    }
+    const double bin_s = report.bin_s / 2;
+    size_t heard = 0; // sound frames in front of the picture
+    for (const sample &picture : video->samples) {
+        while (heard < sound->samples.size() && sound->samples[heard].offset < picture.offset) {
+            heard++;
+        }
+        if (heard == 0 || heard == sound->samples.size()) { // the one has not begun, or has ended
+            continue;
+        }
+        const double time_s = seconds_at(*video, picture.time);
+        const double lead_s = seconds_at(*sound, sound->samples[heard].time) - time_s;
+        if (report.leads.empty() || time_s >= report.leads.back().time_s + bin_s) {
+            report.leads.push_back({time_s, lead_s, lead_s});
+        }
+        lead_range &range = report.leads.back();
+        range.low_s = std::min(range.low_s, lead_s);
+        range.high_s = std::max(range.high_s, lead_s);
+    }
+}
+
+// Seconds since 1904 as a date.
+static std::string date_text(uint64_t seconds)
+{
+    constexpr uint64_t FROM_1904_TO_1970 = 2'082'844'800;
+    const time_t time = static_cast<time_t>(seconds - FROM_1904_TO_1970);
+    std::tm parts = {};
+    std::array<char, 32> text = {};
+    if (seconds < FROM_1904_TO_1970 || seconds >> 33 != 0 || gmtime_r(&time, &parts) == nullptr ||
+        std::strftime(text.data(), text.size(), "%Y-%m-%d %H:%M:%S", &parts) == 0) {
+        return "";
+    }
+    return text.data();
+}
+
+media_report media_report_make(const std::string &path, std::span<const uint8_t> image)
+{
+    const movie file = mp4_reader::read_movie(image);
+    media_report report = {.path = path, .bytes = image.size()};
+    report.created = date_text(file.creation_time);
+    for (const track &each : file.tracks) {
+        report.duration_s = std::max(report.duration_s, end_of(each));
+    }
+    report.bin_s = std::max(1.0, std::ceil(report.duration_s / MAX_BINS));
+    for (const track &each : file.tracks) {
+        report.tracks.push_back(report_track(each, report.bin_s));
+    }
+    compare_arrival(file, report);
+    media_findings found = media_check(file, image);
+    report.faults = file.faults;
+    report.faults.insert(report.faults.end(), found.faults.begin(), found.faults.end());
+    report.remarks = found.remarks;
+    return report;
+}
+
+const track_report *find_track(const media_report &report, const std::string &kind)
+{
+    const auto found = std::find_if(report.tracks.begin(), report.tracks.end(),
+                                    [&](const track_report &each) { return each.kind == kind; });
+    return found == report.tracks.end() ? nullptr : &*found;
+}
+
+std::optional<lead_range> whole_lead(const media_report &report)
+{
+    if (report.leads.empty()) {
+        return std::nullopt;
+    }
+    lead_range whole = report.leads.front();
+    for (const lead_range &each : report.leads) {
+        whole.low_s = std::min(whole.low_s, each.low_s);
+        whole.high_s = std::max(whole.high_s, each.high_s);
+    }
+    return whole;
+}

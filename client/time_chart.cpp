@@ -1,0 +1,155 @@
+#include "client/time_chart.h"
+
+#include "client/figures.h"
+
+#include <algorithm>
+#include <cmath>
+
+// Pixels of the SVG's own measure.
+static constexpr double WIDTH = 960;
+static constexpr double LEFT = 64, RIGHT = 12, TOP = 10, BOTTOM = 26;
+
+std::string html_text(const std::string &text)
+{
+    std::string safe;
+    for (const char each : text) {
+        switch (each) {
+        case '&':
+            safe += "&amp;";
+            break;
+        case '<':
+            safe += "&lt;";
+            break;
+        case '>':
+            safe += "&gt;";
+            break;
+        case '"':
+            safe += "&quot;";
+            break;
+        default:
+            safe += each;
+        }
+    }
+    return safe;
+}
+
+static double x_of(const time_chart &chart, double time_s)
+{
+    const double part = std::clamp(time_s / chart.duration_s, 0.0, 1.0);
+    return LEFT + part * (WIDTH - LEFT - RIGHT);
+}
+
+static double y_of(const time_chart &chart, double value)
+{
+    const double part = std::clamp((value - chart.low) / (chart.high - chart.low), 0.0, 1.0);
+    return TOP + (1 - part) * chart.height;
+}
+
+// The smallest of 1, 2 and 5 times a power of ten that is not below the value.
+static double round_step(double least)
+{
+    const double power = std::pow(10, std::floor(std::log10(least)));
+    for (const double factor : {1.0, 2.0, 5.0}) {
+        if (factor * power >= least * 0.999) {
+            return factor * power;
+        }
+    }
+    return 10 * power;
+}
+
+static double time_step(double duration_s)
+{
+    const double least = duration_s / 10;
+    for (const double step : {1.0, 2.0, 5.0, 10.0, 15.0, 30.0, 60.0, 120.0, 300.0, 600.0, 900.0,
+                              1800.0, 3600.0, 7200.0}) {
+        if (step >= least) {
+            return step;
+        }
+    }
+    return round_step(least);
+}
+
+static void add_line(time_chart &chart, const char *style, double x1, double y1, double x2,
+                     double y2)
+{
+    chart.body += print("<line class=\"%s\" x1=\"%.1f\" y1=\"%.1f\" x2=\"%.1f\" y2=\"%.1f\"/>\n",
+                        style, x1, y1, x2, y2);
+}
+
+// Hours and minutes as far as the chart is long.
+static std::string moment_text(double time_s)
+{
+    std::string text = duration_text(time_s);
+    return text.substr(0, text.size() - 2); // whole seconds
+}
+
+static void draw_time_axis(time_chart &chart)
+{
+    const double bottom = TOP + chart.height;
+    const double step = time_step(chart.duration_s);
+    for (double at = 0; at <= chart.duration_s; at += step) {
+        const double x = x_of(chart, at);
+        add_line(chart, "grid", x, TOP, x, bottom + 4);
+        const char *const anchor = x > WIDTH - RIGHT - 14 ? "end" : "middle";
+        chart.body +=
+            print("<text x=\"%.1f\" y=\"%.1f\" text-anchor=\"%s\">", x, bottom + 18, anchor) +
+            moment_text(at) + "</text>\n";
+    }
+    add_line(chart, "axis", LEFT, bottom, WIDTH - RIGHT, bottom);
+}
+
+time_chart time_strip_open(double duration_s, double height)
+{
+    time_chart chart = {std::max(duration_s, 1e-3), 0, 1, height, ""};
+    draw_time_axis(chart);
+    return chart;
+}
+
+time_chart time_chart_open(double duration_s, double low, double high, double height)
+{
+    const double step = round_step(std::max(high - low, 1e-3) / 4);
+    time_chart chart = {std::max(duration_s, 1e-3), std::floor(low / step) * step,
+                        std::ceil(high / step) * step, height, ""};
+    chart.high = std::max(chart.high, chart.low + step);
+    for (double value = chart.low; value <= chart.high + step / 2; value += step) {
+        const double y = y_of(chart, value);
+        add_line(chart, "grid", LEFT, y, WIDTH - RIGHT, y);
+        chart.body += print("<text x=\"%.1f\" y=\"%.1f\" text-anchor=\"end\">%g</text>\n", LEFT - 8,
+                            y + 4, std::round(value / step) * step + 0.0);
+    }
+    draw_time_axis(chart);
+    return chart;
+}
+
+void time_chart_bar(time_chart &chart, const char *style, double begin_s, double end_s, double low,
+                    double high, const std::string &tip)
+{
+    const double x = x_of(chart, begin_s);
+    const double y = y_of(chart, high);
+    const double width = std::max(x_of(chart, end_s) - x, 1.0);
+    const double height = std::max(y_of(chart, low) - y, 1.0);
+    chart.body += print("<rect class=\"%s\" x=\"%.2f\" y=\"%.2f\" width=\"%.2f\" height=\"%.2f\">",
+                        style, x, y, width, height) +
+                  "<title>" + html_text(tip) + "</title></rect>\n";
+}
+
+void time_chart_mark(time_chart &chart, const char *style, double time_s, const std::string &tip)
+{
+    const double x = x_of(chart, time_s);
+    chart.body += print("<line class=\"%s\" x1=\"%.1f\" y1=\"%.1f\" x2=\"%.1f\" y2=\"%.1f\">",
+                        style, x, TOP, x, TOP + chart.height) +
+                  "<title>" + html_text(tip) + "</title></line>\n";
+}
+
+void time_chart_level(time_chart &chart, const char *style, double value)
+{
+    const double y = y_of(chart, value);
+    add_line(chart, style, LEFT, y, WIDTH - RIGHT, y);
+}
+
+std::string time_chart_svg(const time_chart &chart, const std::string &label)
+{
+    return print("<svg viewBox=\"0 0 %.0f %.0f\" role=\"img\" aria-label=\"", WIDTH,
+                 TOP + chart.height + BOTTOM) +
+           html_text(label) + "\">\n" + chart.body + "</svg>\n";
+}
