@@ -18,7 +18,7 @@ static constexpr size_t OUTPUT_PATH_BYTES = 128;
 
 // Half of them are filled while the component has the other half; about as many PCM buffers as
 // pictures and a half make up a programme.
-static constexpr std::array<uint32_t, PORT_COUNT> BUFFER_COUNTS = {16, 32};
+static constexpr std::array<uint32_t, PORT_COUNT> BUFFER_COUNTS = {32, 64};
 
 static constexpr char component_name[] = "OMX.qvr.tdmb.rec";
 

@@ -237,14 +237,14 @@ TEST_F(recording, plays_the_broadcast_player_in_runs_of_pictures_and_sound)
         EXPECT_GE(time_us, last[port]) << line;
         last[port] = time_us;
         if (port == "audio") { // which ends before the pictures do
-            EXPECT_LT(std::abs(last["video"] - time_us), 1'000'000) << line;
+            EXPECT_LT(std::abs(last["video"] - time_us), 1'500'000) << line;
         }
         buffers.push_back(line);
     }
     if (contains(calls, "recording.mp4")) { // else /mnt/sdcard itself serves
         std::string expected = "state 2\nstate 3\npath /mnt/sdcard/tflash/recording.mp4\n"
                                "rate 48000\nstart\nstop\nstate 2\nstate 1\n";
-        for (int i = 0; i < 16 + 32; i++) {
+        for (int i = 0; i < 32 + 64; i++) {
             expected += "free\n";
         }
         EXPECT_EQ(calls, expected + "gone\n");
