@@ -3,17 +3,27 @@
 #include "component/client_events.h"
 #include "component/component_log.h"
 #include "component/omx_tdmbrec_component.h"
+#include "component/shared_fields.h"
 
+#include <algorithm>
 #include <array>
+#include <ctime>
 #include <unistd.h>
 
-// A buffer that the callback keeps while Executing waits for something that nobody signals.
-static constexpr useconds_t RETRY_US = 5000;
+// A buffer that the callback keeps while Executing waits for something that nobody signals: the
+// loop looks again at this interval.
+static constexpr useconds_t LOOK_US = 5000;
+// It is offered again after a rest that doubles with every refusal: an audio encoder that never
+// opens must not fill the log.
+static constexpr int64_t SHORTEST_REST_US = 5000;
+static constexpr int64_t LONGEST_REST_US = 1000000;
 
 typedef struct port_hand_t {
     bool needs_buffer;
     bool is_marked; // the mark of the buffer in hand has been reported
     OMX_BUFFERHEADERTYPE *pBuffer;
+    int64_t rest_us;  // how long the buffer waits after the last refusal; 0: never refused
+    int64_t retry_us; // when it is offered again
 } port_hand_t;
 
 typedef std::array<port_hand_t, TDMBREC_PORT_COUNT> port_hands_t;
@@ -34,7 +44,7 @@ static bool may_run(const omx_base_sink_PrivateType *pSink)
 static void give_back(omx_base_port_PrivateType *pPort, port_hand_t *pHand)
 {
     OMX_BUFFERHEADERTYPE *const pBuffer = pHand->pBuffer;
-    *pHand = {.needs_buffer = true, .is_marked = false, .pBuffer = nullptr};
+    *pHand = {.needs_buffer = true};
     if (pBuffer != nullptr) {
         (void)pPort->pfnReturnBuffer(pPort, pBuffer);
     }
@@ -96,7 +106,7 @@ static bool take_buffer(omx_base_port_PrivateType *pPort, port_hand_t *pHand)
         __android_log_print(ANDROID_LOG_ERROR, TDMBREC_LOG_TAG, "Had NULL input buffer!!\n");
         return false;
     }
-    *pHand = {.needs_buffer = false, .is_marked = false, .pBuffer = pBuffer};
+    *pHand = {.pBuffer = pBuffer};
     return true;
 }
 
@@ -113,6 +123,31 @@ static void report_flags(OMX_COMPONENTTYPE *pComponent, port_hand_t *pHand)
     }
 }
 
+static int64_t now_us(void)
+{
+    timespec now = {};
+    (void)clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<int64_t>(now.tv_sec) * 1000000 + now.tv_nsec / 1000;
+}
+
+// Without a recording every buffer is taken; there is nothing to rest for.
+static bool is_resting(omx_tdmbrec_component_PrivateType *pPrivate, const port_hand_t *pHand)
+{
+    return pHand->rest_us != 0 && load_shared(pPrivate->bRecording) == 1 &&
+           now_us() < pHand->retry_us;
+}
+
+static void offer_buffer(OMX_COMPONENTTYPE *pComponent, uint8_t port, port_hand_t *pHand)
+{
+    omx_tdmbrec_component_PrivateType *const pPrivate = private_record(pComponent);
+    pPrivate->ucBufferPort = port;
+    pPrivate->stBase.pfnBufferMgmtCallback(pComponent, pHand->pBuffer);
+    if (pHand->pBuffer->nFilledLen > 0) {
+        pHand->rest_us = std::clamp(2 * pHand->rest_us, SHORTEST_REST_US, LONGEST_REST_US);
+        pHand->retry_us = now_us() + pHand->rest_us;
+    }
+}
+
 // returns true when the buffer went back to the client.
 static bool serve_buffer(OMX_COMPONENTTYPE *pComponent, uint8_t port, port_hand_t *pHand)
 {
@@ -120,9 +155,8 @@ static bool serve_buffer(OMX_COMPONENTTYPE *pComponent, uint8_t port, port_hand_
     omx_base_sink_PrivateType *const pSink = &pPrivate->stBase;
     report_flags(pComponent, pHand);
     if (pHand->pBuffer->nFilledLen > 0 && pSink->pfnBufferMgmtCallback != nullptr &&
-        omx_base_get_state(pSink) == OMX_StateExecuting) {
-        pPrivate->ucBufferPort = port;
-        pSink->pfnBufferMgmtCallback(pComponent, pHand->pBuffer);
+        omx_base_get_state(pSink) == OMX_StateExecuting && !is_resting(pPrivate, pHand)) {
+        offer_buffer(pComponent, port, pHand);
     }
     if (pHand->pBuffer->nFilledLen > 0) {
         return false;
@@ -147,7 +181,7 @@ static bool serve_buffers(OMX_COMPONENTTYPE *pComponent, port_hands_t &hands)
 static void rest(omx_base_sink_PrivateType *pSink)
 {
     if (omx_base_get_state(pSink) == OMX_StateExecuting) {
-        usleep(RETRY_US);
+        usleep(LOOK_US);
     } else {
         tsem_down(&pSink->semBufferThread);
     }
