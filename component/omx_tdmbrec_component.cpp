@@ -188,7 +188,8 @@ OMX_ERRORTYPE omx_tdmbrec_component_Constructor(OMX_COMPONENTTYPE *pComponent, O
 
 OMX_ERRORTYPE omx_tdmbrec_component_Destructor(OMX_COMPONENTTYPE *pComponent)
 {
-    if (private_record(pComponent) != nullptr) { // a constructor may have failed
+    // A constructor may have failed.
+    if (pComponent != nullptr && private_record(pComponent) != nullptr) {
         stop_recording_for_good(pComponent);
     }
     (void)omx_base_sink_Destructor(pComponent);
@@ -214,11 +215,14 @@ static void set_sample_rate(omx_tdmbrec_component_PrivateType *pPrivate, const v
 OMX_ERRORTYPE omx_tdmbrec_component_SetParameter(OMX_HANDLETYPE hComponent, OMX_INDEXTYPE eIndex,
                                                  OMX_PTR pParameter)
 {
-    if (pParameter == nullptr) {
+    if (hComponent == nullptr || pParameter == nullptr) {
         return OMX_ErrorBadParameter;
     }
     OMX_COMPONENTTYPE *const pComponent = static_cast<OMX_COMPONENTTYPE *>(hComponent);
     omx_tdmbrec_component_PrivateType *const pPrivate = private_record(pComponent);
+    if (pPrivate == nullptr) {
+        return OMX_ErrorInvalidComponent;
+    }
     switch (static_cast<uint32_t>(eIndex)) {
     case OMX_IndexParamAudioPcm:
         set_sample_rate(pPrivate, pParameter);

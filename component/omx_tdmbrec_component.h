@@ -199,8 +199,9 @@ TDMBREC_API OMX_ERRORTYPE omx_tdmbrec_component_GetParameter(OMX_HANDLETYPE hCom
 
 // The vendor parameters above and the sampling rate of OMX_IndexParamAudioPcm; everything else
 // goes to the base component.
-// returns OMX_ErrorBadParameter for a null record; for a start OMX_ErrorInsufficientResources when
-// another component of the process is recording or memory is short; else 0 or the base's result.
+// returns OMX_ErrorBadParameter for a null handle or record, OMX_ErrorInvalidComponent for a handle
+// without a component; for a start OMX_ErrorInsufficientResources when another component of the
+// process is recording or memory is short; else 0 or the base's result.
 // thread: the client's; a start or stop may also come from the client's event handler.
 TDMBREC_API OMX_ERRORTYPE omx_tdmbrec_component_SetParameter(OMX_HANDLETYPE hComponent,
                                                              OMX_INDEXTYPE eIndex,

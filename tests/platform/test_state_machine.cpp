@@ -76,6 +76,7 @@ TEST_F(state_machine_test, commands_are_checked_before_they_are_queued)
     }
     EXPECT_EQ(component->ComponentDeInit(component), OMX_ErrorNone); // and a second time at the end
     EXPECT_EQ(OMX_GetState(component, &state), OMX_ErrorInvalidComponent);
+    EXPECT_EQ(OMX_SetParameter(component, INDEX_STOP, &state), OMX_ErrorInvalidComponent);
     EXPECT_EQ(send(OMX_CommandFlush, OMX_ALL), OMX_ErrorInvalidComponent);
 }
 
