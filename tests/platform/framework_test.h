@@ -3,8 +3,10 @@
 #ifndef TESTS_PLATFORM_FRAMEWORK_TEST_H
 #define TESTS_PLATFORM_FRAMEWORK_TEST_H
 
+#include "component/omx_tdmbrec_component.h"
 #include "platform/host/host_control.h"
-#include "tests/support/component_test.h"
+#include "tests/support/il_client.h"
+#include "tests/support/platform_test.h"
 
 #include <array>
 #include <chrono>
@@ -17,13 +19,13 @@ constexpr OMX_U32 BUFFER_BYTES = 64;
 using event_t = std::array<OMX_U32, 3>; // OMX_EVENTTYPE and its two data
 using buffer_list_t = std::vector<OMX_BUFFERHEADERTYPE *>;
 
-class framework_test : public ComponentTest {
+class framework_test : public PlatformTest {
   protected:
     framework_test()
     {
         for (OMX_U32 port = 0; port < PORT_COUNT; port++)
             sink->ppPorts[port]->stPortDefinition.nBufferSize = BUFFER_BYTES;
-        client->on_buffer_back = [this](OMX_BUFFERHEADERTYPE *header) {
+        client.on_buffer_back = [this](OMX_BUFFERHEADERTYPE *header) {
             const std::lock_guard guard(lock);
             returned.push_back(header);
         };
@@ -31,9 +33,9 @@ class framework_test : public ComponentTest {
 
     void TearDown() override
     {
-        client->destroy();
-        EXPECT_EQ(client->events().size(), events_seen);
-        ComponentTest::TearDown();
+        client.destroy();
+        EXPECT_EQ(client.events().size(), events_seen);
+        PlatformTest::TearDown();
     }
 
     OMX_ERRORTYPE send(OMX_COMMANDTYPE command, OMX_U32 param, void *data = nullptr)
@@ -51,8 +53,8 @@ class framework_test : public ComponentTest {
 
     event_t next_event()
     {
-        wait_until([&] { return client->events().size() > events_seen; });
-        const IlEvent event = client->events().at(events_seen++);
+        wait_until([&] { return client.events().size() > events_seen; });
+        const IlEvent event = client.events().at(events_seen++);
         return {event.event, event.data1, event.data2};
     }
 
@@ -129,9 +131,17 @@ class framework_test : public ComponentTest {
         return OMX_EmptyThisBuffer(component, header);
     }
 
-    const std::unique_ptr<IlClient> client = make_client();
-    OMX_COMPONENTTYPE *const component = client->handle();
-    omx_base_sink_PrivateType *const sink = &record_of(*client)->stBase;
+    OMX_COMPONENTTYPE handle = {};
+    OMX_COMPONENTTYPE *const component = &handle;
+    IlClient client = {
+        [this](OMX_CALLBACKTYPE *callbacks, void *app_data) {
+            EXPECT_EQ(omx_tdmbrec_component_Init(component), OMX_ErrorNone);
+            component->SetCallbacks(component, callbacks, app_data);
+            return component;
+        },
+        [](OMX_COMPONENTTYPE *made) { EXPECT_EQ(made->ComponentDeInit(made), OMX_ErrorNone); }};
+    omx_base_sink_PrivateType *const sink =
+        static_cast<omx_base_sink_PrivateType *>(handle.pComponentPrivate);
     size_t events_seen = 0;
     std::mutex lock;
     buffer_list_t returned; // under lock

@@ -155,7 +155,7 @@ TEST_F(port_test, a_flush_waits_for_the_buffer_thread)
             ASSERT_EQ(empty(buffers[1][0]), OMX_ErrorNone);
             ASSERT_EQ(send(OMX_CommandFlush, OMX_ALL), OMX_ErrorNone);
             std::this_thread::sleep_for(std::chrono::milliseconds(20));
-            EXPECT_TRUE(client->events().size() == events_seen && wait_returned(0).empty());
+            EXPECT_TRUE(client.events().size() == events_seen && wait_returned(0).empty());
         }
         expect_complete(OMX_CommandFlush, 0);
         expect_complete(OMX_CommandFlush, 1);

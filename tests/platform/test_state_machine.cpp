@@ -83,7 +83,7 @@ TEST_F(state_machine_test, commands_are_checked_before_they_are_queued)
 TEST_F(state_machine_test, a_full_command_queue_refuses_the_next_command)
 {
     uint32_t accepted = 0;
-    client->on_event = [&](const IlEvent &) { // of the command that is being carried out
+    client.on_event = [&](const IlEvent &) { // of the command that is being carried out
         if (accepted == 0)
             while (send(OMX_CommandPortEnable, 0) == OMX_ErrorNone)
                 accepted++;
@@ -121,8 +121,8 @@ TEST_F(state_machine_test, start_flush_and_stop_do_not_disturb_each_other)
 {
     std::atomic<bool> stop = false;
     std::atomic<uint32_t> returns = 0;
-    const auto keep = client->on_buffer_back;
-    client->on_buffer_back = [&](OMX_BUFFERHEADERTYPE *buffer) {
+    const auto keep = client.on_buffer_back;
+    client.on_buffer_back = [&](OMX_BUFFERHEADERTYPE *buffer) {
         returns++;
         if (empty(buffer) != OMX_ErrorNone)
             keep(buffer);
@@ -157,8 +157,8 @@ TEST_F(state_machine_test, start_flush_and_stop_do_not_disturb_each_other)
     }
     stop = true;
     flusher.join();
-    client->destroy();
-    events_seen = client->events().size();
+    client.destroy();
+    events_seen = client.events().size();
 }
 
 } // namespace
