@@ -1,7 +1,7 @@
 // What the component keeps once per process: the output path, the storage handle, the stop reason,
 // the time tables and the mutexes.
 //
-// Lock order: lockTDMBRecording, then lockDFHandle. lockParameters is taken alone.
+// Lock order: lockTDMBRecording, then lockDFHandle or lockParameters, never both of these.
 #ifndef COMPONENT_PROCESS_STATE_H
 #define COMPONENT_PROCESS_STATE_H
 
