@@ -309,3 +309,47 @@ unit_verdict access_unit_convert(access_unit_converter &converter, std::span<con
     }
     return verdict;
 }
+
+// unsigned int, big-endian
+static void append_number(std::vector<uint8_t> &out, size_t value, unsigned width)
+{
+    for (; width > 0; width--) {
+        out.push_back(static_cast<uint8_t>(value >> 8 * (width - 1)));
+    }
+}
+
+std::vector<uint8_t> access_unit_configuration(const access_unit_converter &converter)
+{
+    std::vector<bytes> sets;
+    (void)split_at_start_codes(converter.sent, sets); // this unit has joined them
+    if (sets.size() <= 2) {
+        return converter.sent;
+    }
+    const auto pictures =
+        std::find_if(sets.begin(), sets.end(), [](bytes set) { return nal_type(set) == NAL_PPS; });
+    const bytes first = sets.front();
+    std::vector<uint8_t> record = {1, first[1], first[2], first[3], 0xFF};
+    record.push_back(static_cast<uint8_t>(0xE0 | (pictures - sets.begin())));
+    for (auto set = sets.begin(); set != sets.end(); set++) {
+        if (set == pictures) {
+            record.push_back(static_cast<uint8_t>(sets.end() - pictures));
+        }
+        append_number(record, set->size(), 2);
+        record.insert(record.end(), set->begin(), set->end());
+    }
+    return record;
+}
+
+std::vector<uint8_t> access_unit_with_lengths(const access_unit &unit)
+{
+    std::vector<bytes> nals;
+    (void)split_at_start_codes(unit.bytes, nals);
+    std::vector<uint8_t> joined;
+    for (const bytes nal : nals) {
+        if (nal_type(nal) != NAL_SPS && nal_type(nal) != NAL_PPS) {
+            append_number(joined, nal.size(), 4);
+            joined.insert(joined.end(), nal.begin(), nal.end());
+        }
+    }
+    return joined;
+}

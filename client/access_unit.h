@@ -47,4 +47,11 @@ struct access_unit {
 [[nodiscard]] unit_verdict access_unit_convert(access_unit_converter &converter,
                                                std::span<const uint8_t> packet, access_unit &unit);
 
+// The decoder configuration of a stream whose first IDR picture has been converted, for a file: one
+// sequence and one picture set in start-code form, an avcC record for more of them.
+std::vector<uint8_t> access_unit_configuration(const access_unit_converter &converter);
+
+// A converted unit's slices for a file, each behind its length (32 bits, big-endian).
+std::vector<uint8_t> access_unit_with_lengths(const access_unit &unit);
+
 #endif

@@ -3,6 +3,7 @@
 #include "client/aac_stream.h"
 #include "client/failure.h"
 #include "client/figures.h"
+#include "client/interruption.h"
 #include "client/pcm_input.h"
 #include "client/work_folder.h"
 
@@ -40,6 +41,7 @@ static void encode_all(encoding &self, work_file &out)
 {
     std::vector<int16_t> frame(AACENC_FRAME_SAMPLES * static_cast<size_t>(self.pcm->channels));
     for (bool more = true; more; self.frames++) {
+        interruption_check();
         more = pcm_input_next(*self.pcm, frame) > 0;
         work_file_write(out, aac_stream_encode(self.stream, frame));
     }

@@ -58,6 +58,14 @@ int interruption_signal(void)
     return requested;
 }
 
+void interruption_check(void)
+{
+    if (const int signal = interruption_signal()) {
+        throw failure(static_cast<exit_code>(static_cast<int>(exit_code::given_up) + signal),
+                      "stopped; no file is made");
+    }
+}
+
 bool interruption_sleep_until(std::chrono::steady_clock::time_point moment)
 {
     std::unique_lock<std::mutex> guard(lock);

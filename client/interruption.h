@@ -14,6 +14,9 @@ void interruption_listen(void (*give_up)(void));
 // The number of the signal by which the user has asked for the end; 0 as long as nobody did.
 int interruption_signal(void);
 
+// Ends what is under way when the user has asked for it. throws `failure`.
+void interruption_check(void);
+
 // Sleeps until the moment. returns at once, with true, when the user asks for the end.
 bool interruption_sleep_until(std::chrono::steady_clock::time_point moment);
 

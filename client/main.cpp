@@ -2,6 +2,8 @@
 #include "client/encode_command.h"
 #include "client/failure.h"
 #include "client/info_command.h"
+#include "client/interruption.h"
+#include "client/mux_command.h"
 #include "client/options.h"
 #include "client/record.h"
 #include "client/terminal.h"
@@ -18,9 +20,22 @@ static int run(const record_options &options)
     return record(options);
 }
 
+static void stop_when_asked(void)
+{
+    interruption_block();
+    interruption_listen([] {});
+}
+
 static int run(const encode_options &options)
 {
+    stop_when_asked();
     return encode_run(options);
+}
+
+static int run(const mux_options &options)
+{
+    stop_when_asked();
+    return mux_run(options);
 }
 
 static int run(const info_options &options)

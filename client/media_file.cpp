@@ -10,7 +10,7 @@
 #include <unistd.h>
 
 // The forms that are read; others could make the demuxer open further files.
-static const char format_names[] = "h264,mpegts,mov,mp4,m4a,3gp,3g2,mj2,matroska,webm,wav";
+static const char format_names[] = "h264,aac,mpegts,mov,mp4,m4a,3gp,3g2,mj2,matroska,webm,wav";
 
 static constexpr char DEFAULT_FRAME_RATE[] = "30";
 static constexpr int IO_BUFFER_BYTES = 1 << 16;
@@ -114,7 +114,8 @@ static void open_format(media_file &file)
     }
     if (error < 0) {
         throw failure(exit_code::input,
-                      file.path + ": not readable as raw H.264, WAV, MPEG-TS, MP4 or Matroska (" +
+                      file.path +
+                          ": not readable as raw H.264, WAV, ADTS, MPEG-TS, MP4 or Matroska (" +
                           media_error_text(error) + ")");
     }
 }

@@ -4,6 +4,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include <cstdio>
 #include <iostream>
 
 static const char record_footer[] = R"(Exit status:
@@ -34,6 +35,15 @@ Exit status:
   5    the output cannot be written
   7    the encoder failed)";
 
+static const char mux_footer[] =
+    R"(Exit status:
+  0    the file is finished
+  2    wrong command line, or a cache of no size
+  3    an input cannot be read
+  4    an input holds something that cannot be put into the file
+  5    the output cannot be written
+  7    the muxer made a file that is not sound)";
+
 static const char info_footer[] =
     R"(Exit status:
   0    nothing is wrong with the file
@@ -41,6 +51,21 @@ static const char info_footer[] =
   2    wrong command line
   3    the file cannot be read
   5    the page cannot be written)";
+
+static void add_output(CLI::App &command, std::string &output, bool &force, const char *what)
+{
+    command.add_option("-o,--output", output, what)->type_name("FILE")->required();
+    command.add_flag("-f,--force", force, "replace an existing file when finished");
+}
+
+static void add_frame_rate(CLI::App &command, std::optional<std::string> &frame_rate)
+{
+    command
+        .add_option("--frame-rate", frame_rate,
+                    "pictures per second of raw H.264, as 25 or 30000/1001 (default: as the "
+                    "stream says, else 30)")
+        ->type_name("RATE");
+}
 
 static void add_record(CLI::App &app, record_options &options, std::string &input)
 {
@@ -56,15 +81,8 @@ static void add_record(CLI::App &app, record_options &options, std::string &inpu
         .add_option("--audio", options.audio,
                     "take the audio from this file: WAV or one of the above")
         ->type_name("FILE");
-    command.add_option("-o,--output", options.output, "the MP4 file to make")
-        ->type_name("FILE")
-        ->required();
-    command.add_flag("-f,--force", options.force, "replace an existing file when finished");
-    command
-        .add_option("--frame-rate", options.frame_rate,
-                    "pictures per second of raw H.264, as 25 or 30000/1001 (default: as the "
-                    "stream says, else 30)")
-        ->type_name("RATE");
+    add_output(command, options.output, options.force, "the MP4 file to make");
+    add_frame_rate(command, options.frame_rate);
     command.add_flag("--realtime", options.realtime, "record no faster than the programme runs");
     command.add_flag("--card", options.card, "record to the removable card's root");
     command.add_flag("--json", options.json, "print the summary as JSON");
@@ -79,10 +97,7 @@ static void add_encode(CLI::App &app, encode_options &options)
     command.add_option("INPUT", options.input, "WAV file of one of the encoder's sampling rates")
         ->type_name("FILE")
         ->required();
-    command.add_option("-o,--output", options.output, "the AAC file to make")
-        ->type_name("FILE")
-        ->required();
-    command.add_flag("-f,--force", options.force, "replace an existing file when finished");
+    add_output(command, options.output, options.force, "the AAC file to make");
     command
         .add_option("--bitrate", options.bit_rate,
                     "bits per second of all channels together, a multiple of 1000 from 16000 on; "
@@ -94,6 +109,57 @@ static void add_encode(CLI::App &app, encode_options &options)
     command.add_flag("--pns", options.pns, "switch noise substitution on");
     command.add_flag("--mpeg2", options.mpeg2,
                      "announce MPEG-2 AAC in the ADTS frames, which have no noise substitution");
+}
+
+// "recorder", "none", or the sizes for output, video and audio in bytes.
+static std::string read_cache(const std::string &text, mux_memory &memory)
+{
+    char rest = 0;
+    if (text == "none") {
+        memory.own = true;
+    } else if (text != "recorder" && std::sscanf(text.c_str(), "%d,%d,%d%c", &memory.output,
+                                                 &memory.video, &memory.audio, &rest) != 3) {
+        return "--cache takes \"recorder\", \"none\" or three sizes in bytes";
+    }
+    const auto fits = [](int bytes) { return bytes >= 0 && bytes <= 1 << 28; };
+    return fits(memory.output) && fits(memory.video) && fits(memory.audio)
+               ? ""
+               : "--cache takes sizes up to 268435456 bytes";
+}
+
+static void add_mux(CLI::App &app, mux_options &options)
+{
+    CLI::App &command = *app.add_subcommand("mux", "Put coded video and sound into an MP4 file");
+    command.footer(mux_footer);
+    command
+        .add_option("--video", options.video,
+                    "H.264: a raw stream, MPEG-TS, MP4 or Matroska, without reordered pictures")
+        ->type_name("FILE");
+    command.add_option("--audio", options.audio, "AAC: ADTS, MPEG-TS, MP4 or Matroska")
+        ->type_name("FILE");
+    add_output(command, options.output, options.force, "the MP4 file to make");
+    add_frame_rate(command, options.frame_rate);
+    command
+        .add_option_function<std::string>(
+            "--cache",
+            [&options](const std::string &text) {
+                const std::string mistake = read_cache(text, options.memory);
+                if (!mistake.empty()) {
+                    throw CLI::ValidationError(mistake);
+                }
+            },
+            "memory that the muxer writes through: \"recorder\" for what the recorder lends it, "
+            "\"none\" for its own, or OUTPUT,VIDEO,AUDIO bytes (default: recorder)")
+        ->type_name("SIZES");
+    command
+        .add_option("--close-memory", options.memory.close,
+                    "bytes lent for the close; below the output's cache and below 1024000 bytes "
+                    "the muxer copies its tables in other ways")
+        ->type_name("BYTES")
+        ->check(CLI::Range(0, 1 << 28))
+        ->capture_default_str();
+    command.add_flag("--64-bit", options.wide_offsets, "chunk offsets of 64 bits");
+    command.add_flag("--append", options.append, "append the tables to the file as whole files");
 }
 
 static void add_info(CLI::App &app, info_options &options)
@@ -141,6 +207,7 @@ command_line options_parse(int argc, const char *const *argv)
 {
     record_options record;
     encode_options encode;
+    mux_options mux;
     info_options info;
     std::string input;
     CLI::App app("Records an H.264 programme with sound to an MP4 file, through the recorder's "
@@ -150,6 +217,7 @@ command_line options_parse(int argc, const char *const *argv)
     app.require_subcommand(1);
     add_record(app, record, input);
     add_encode(app, encode);
+    add_mux(app, mux);
     add_info(app, info);
     try {
         app.parse(argc, argv);
@@ -162,6 +230,11 @@ command_line options_parse(int argc, const char *const *argv)
     }
     if (app.got_subcommand("encode")) {
         return encode;
+    }
+    if (app.got_subcommand("mux")) {
+        return mux.video.empty() && mux.audio.empty()
+                   ? report_mistake("mux ", "name --video, --audio or both")
+                   : command_line(mux);
     }
     if (app.got_subcommand("info")) {
         return info;

@@ -17,10 +17,6 @@
 #include <mutex>
 #include <unistd.h>
 
-extern "C" {
-#include <libavutil/parseutils.h>
-}
-
 using steady = std::chrono::steady_clock;
 
 // Time stamps begin well above 0, which the component takes for "none yet".
@@ -72,20 +68,6 @@ static void say_remarks(session &self, const std::vector<std::string> &remarks)
     }
 }
 
-static std::optional<AVRational> parse_frame_rate(const record_options &options)
-{
-    if (!options.frame_rate) {
-        return std::nullopt;
-    }
-    AVRational rate = {0, 1};
-    if (av_parse_video_rate(&rate, options.frame_rate->c_str()) < 0 || av_q2d(rate) < 1 ||
-        av_q2d(rate) > 240) {
-        throw failure(exit_code::usage, "--frame-rate takes a number from 1 to 240, not \"" +
-                                            *options.frame_rate + "\"");
-    }
-    return rate;
-}
-
 static exit_code stop_code(uint32_t reason)
 {
     return static_cast<exit_code>(static_cast<int>(exit_code::stop_reason) + reason);
@@ -104,7 +86,7 @@ static void check_free_space(const storage_root &storage)
 static void open_all(session &self)
 {
     const record_options &options = self.options;
-    const std::optional<AVRational> frame_rate = parse_frame_rate(options);
+    const std::optional<AVRational> frame_rate = parse_frame_rate(options.frame_rate);
     self.storage = storage_open(options.output, options.force);
     output_place_check_inputs(options.output, {options.video, options.audio});
     self.programme = programme_open(options.video, options.audio, frame_rate);

@@ -4,6 +4,10 @@
 
 #include <cstdio>
 
+extern "C" {
+#include <libavutil/parseutils.h>
+}
+
 // A reordered picture or a change of parameter sets mostly shows within this many units.
 static constexpr size_t READ_AHEAD_UNITS = 32;
 
@@ -18,6 +22,19 @@ static std::string clock_text(int64_t time_us)
     char text[48] = "";
     std::snprintf(text, sizeof text, "%.2f s", static_cast<double>(time_us) / 1e6);
     return text;
+}
+
+std::optional<AVRational> parse_frame_rate(const std::optional<std::string> &text)
+{
+    if (!text) {
+        return std::nullopt;
+    }
+    AVRational rate = {0, 1};
+    if (av_parse_video_rate(&rate, text->c_str()) < 0 || av_q2d(rate) < 1 || av_q2d(rate) > 240) {
+        throw failure(exit_code::usage,
+                      "--frame-rate takes a number from 1 to 240, not \"" + *text + "\"");
+    }
+    return rate;
 }
 
 static AVRational choose_frame_rate(const media_file &file, std::optional<AVRational> wanted)

@@ -32,6 +32,9 @@ struct video_input {
     std::deque<video_unit> ahead;
 };
 
+// Reads a frame rate as the user gave it: a number or a fraction. throws `failure`.
+std::optional<AVRational> parse_frame_rate(const std::optional<std::string> &text);
+
 // Opens the video of a file and reads ahead, so that what cannot be recorded shows at once.
 // in: the frame rate for raw H.264 that states none or another (absent: the stream's own, else 30).
 // throws `failure`.

@@ -40,6 +40,22 @@ static bytes avcc(uint8_t length_bytes)
     return bytes{1, 0x42, 0xC0, 0x0D, coded, 0xE1, 0, 6} + SPS + bytes{1, 0, 3} + PPS;
 }
 
+TEST(access_unit, becomes_a_files_configuration_and_samples)
+{
+    access_unit_converter converter;
+    access_unit unit;
+    ASSERT_EQ(access_unit_convert(converter, units({SPS, PPS, IDR}), unit), ready);
+    EXPECT_EQ(access_unit_configuration(converter), units({SPS, PPS}));
+    ASSERT_EQ(
+        access_unit_convert(converter = {}, units({SPS, PPS, SECOND_PPS, IDR, SECOND_SLICE}), unit),
+        ready);
+    bytes record = avcc(4) + bytes{0, 3} + SECOND_PPS; // a second picture set behind the first
+    record[record.size() - 2 * 5 - 1] = 2;
+    EXPECT_EQ(access_unit_configuration(converter), record);
+    EXPECT_EQ(access_unit_with_lengths(unit),
+              (bytes{0, 0, 0, 4} + IDR + bytes{0, 0, 0, 4} + SECOND_SLICE));
+}
+
 // Access units of one stream in turn, and what becomes of them.
 struct step {
     bytes packet;

@@ -1,0 +1,117 @@
+#include "client/aac_input.h"
+
+#include "client/failure.h"
+
+#include <array>
+
+using bytes = std::span<const uint8_t>;
+
+// samplingFrequencyIndex, ISO/IEC 14496-3, table 1.18 (Hz)
+static constexpr std::array<int, 13> sampling_rates = {
+    96000, 88200, 64000, 48000, 44100, 32000, 24000, 22050, 16000, 12000, 11025, 8000, 7350};
+
+// adts_fixed_header() and adts_variable_header(), ISO/IEC 14496-3, 1.A.2.2
+struct adts_header {
+    unsigned profile, sampling_frequency_index, channel_configuration;
+    size_t header_bytes, frame_bytes;
+    unsigned more_blocks; // raw data blocks behind the first
+};
+
+[[noreturn]] static void refuse(const aac_input &aac, const std::string &what)
+{
+    throw failure(exit_code::unsupported, aac.file->path + ": " + what);
+}
+
+static std::optional<adts_header> read_header(bytes data)
+{
+    if (data.size() < 7 || data[0] != 0xFF || (data[1] & 0xF6) != 0xF0) { // syncword, layer
+        return std::nullopt;
+    }
+    const bool has_crc = (data[1] & 1) == 0; // protection_absent
+    const auto at = [data](size_t index) { return unsigned{data[index]}; };
+    const adts_header header = {
+        .profile = at(2) >> 6,
+        .sampling_frequency_index = at(2) >> 2 & 0xF,
+        .channel_configuration = (at(2) & 1) << 2 | at(3) >> 6,
+        .header_bytes = has_crc ? size_t{9} : size_t{7},
+        .frame_bytes = (at(3) & 3) << 11 | at(4) << 3 | at(5) >> 5,
+        .more_blocks = at(6) & 3,
+    };
+    const bool fits = header.frame_bytes > header.header_bytes && header.frame_bytes == data.size();
+    return fits && header.sampling_frequency_index < sampling_rates.size() ? std::optional(header)
+                                                                           : std::nullopt;
+}
+
+// audioObjectType, samplingFrequencyIndex, channelConfiguration and the flags of GASpecificConfig,
+// all 0
+static std::vector<uint8_t> make_config(const adts_header &header)
+{
+    const unsigned bits = (header.profile + 1) << 11 | header.sampling_frequency_index << 7 |
+                          header.channel_configuration << 3;
+    return {static_cast<uint8_t>(bits >> 8), static_cast<uint8_t>(bits)};
+}
+
+// The access unit in a packet. Notes the stream's kind at the first one.
+static bytes unit_in(aac_input &aac, bytes packet)
+{
+    if (!aac.is_framed) {
+        return packet;
+    }
+    const std::optional<adts_header> header = read_header(packet);
+    if (!header) {
+        throw failure(exit_code::input, aac.file->path + ": an ADTS frame is damaged");
+    }
+    if (header->more_blocks != 0) {
+        refuse(aac, "several access units share an ADTS frame, which cannot be taken apart");
+    }
+    const std::vector<uint8_t> config = make_config(*header);
+    if (aac.config.empty()) {
+        aac.config = config;
+        aac.rate = sampling_rates[header->sampling_frequency_index];
+        aac.channels = static_cast<int>(header->channel_configuration);
+    }
+    if (config != aac.config) {
+        refuse(aac, "changes its sampling rate or its channels on the way");
+    }
+    return packet.subspan(header->header_bytes);
+}
+
+static bytes packet_bytes(const AVPacket &packet)
+{
+    return {packet.data, static_cast<size_t>(packet.size)};
+}
+
+std::unique_ptr<aac_input> aac_input_open(const std::string &path)
+{
+    std::unique_ptr<aac_input> aac = std::make_unique<aac_input>();
+    aac->file = media_file_open(path, AVMEDIA_TYPE_AUDIO);
+    const AVCodecParameters &codec = *aac->file->stream->codecpar;
+    if (codec.codec_id != AV_CODEC_ID_AAC) {
+        refuse(*aac, std::string("its audio is ") + avcodec_get_name(codec.codec_id) +
+                         "; only AAC can be put into the file");
+    }
+    aac->packet = media_file_read(*aac->file);
+    if (aac->packet == nullptr) {
+        throw failure(exit_code::input, path + ": holds no audio");
+    }
+    aac->is_framed = codec.extradata_size == 0;
+    if (aac->is_framed) {
+        (void)unit_in(*aac, packet_bytes(*aac->packet));
+    } else {
+        aac->config.assign(codec.extradata, codec.extradata + codec.extradata_size);
+        aac->rate = codec.sample_rate;
+        aac->channels = codec.ch_layout.nb_channels;
+    }
+    return aac;
+}
+
+std::optional<std::span<const uint8_t>> aac_input_next(aac_input &aac)
+{
+    if (aac.packet == nullptr) {
+        return std::nullopt;
+    }
+    aac.given = std::move(aac.packet);
+    const bytes unit = unit_in(aac, packet_bytes(*aac.given));
+    aac.packet = media_file_read(*aac.file);
+    return unit;
+}

@@ -1,0 +1,33 @@
+// The access units of an AAC stream, as an MP4 file holds them.
+#ifndef CLIENT_AAC_INPUT_H
+#define CLIENT_AAC_INPUT_H
+
+#include "client/media_file.h"
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+inline constexpr int AAC_UNIT_SAMPLES = 1024; // per channel
+
+struct aac_input {
+    std::unique_ptr<media_file> file;
+    bool is_framed = false; // ADTS headers stand in front of the units
+    int rate = 0;           // Hz
+    int channels = 0;
+    std::vector<uint8_t> config; // AudioSpecificConfig
+    packet_ptr packet;           // the next one to give out
+    packet_ptr given;            // holds what the last call gave out
+};
+
+// Opens the AAC of a file and reads its first access unit. throws `failure`.
+std::unique_ptr<aac_input> aac_input_open(const std::string &path);
+
+// returns the next access unit, which stays until the next call; nothing at the end.
+// throws `failure` for what cannot be read.
+std::optional<std::span<const uint8_t>> aac_input_next(aac_input &aac);
+
+#endif

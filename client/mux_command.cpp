@@ -1,0 +1,167 @@
+#include "client/mux_command.h"
+
+#include "client/aac_input.h"
+#include "client/failure.h"
+#include "client/figures.h"
+#include "client/finished_file.h"
+#include "client/interruption.h"
+#include "client/mux_file.h"
+#include "client/terminal.h"
+#include "client/video_input.h"
+#include "client/work_folder.h"
+
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <fcntl.h>
+#include <unistd.h>
+
+static constexpr char work_name[] = "movie.mp4";
+static constexpr int32_t AAC_TAG = 0xAAC0;
+
+struct muxing {
+    std::unique_ptr<video_input> video; // null: no such track
+    std::unique_ptr<aac_input> audio;
+    std::optional<video_unit> picture; // the next one
+    int64_t origin_us = 0;             // of the first picture
+    int64_t sounds = 0;                // access units put so far
+    mux_file out;
+};
+
+static void open_inputs(muxing &self, const mux_options &options)
+{
+    const std::optional<AVRational> frame_rate = parse_frame_rate(options.frame_rate);
+    if (!options.video.empty()) {
+        self.video = video_input_open(options.video, frame_rate);
+        self.picture = video_input_next(*self.video);
+        self.origin_us = self.picture->time_us;
+    }
+    if (!options.audio.empty()) {
+        self.audio = aac_input_open(options.audio);
+    }
+}
+
+static void describe_now(mp4_mux_input_t &tracks)
+{
+    const time_t now = time(nullptr);
+    std::tm date = {};
+    gmtime_r(&now, &date);
+    tracks.m_iYear = date.tm_year + 1900;
+    tracks.m_iMonth = date.tm_mon;
+    tracks.m_iDay = date.tm_mday;
+    tracks.m_iWeekDay = date.tm_wday;
+    tracks.m_iHour = date.tm_hour;
+    tracks.m_iMinute = date.tm_min;
+    tracks.m_iSecond = date.tm_sec;
+}
+
+static void open_output(muxing &self, const mux_options &options, const work_folder &folder)
+{
+    mp4_mux_input_t tracks = {};
+    std::vector<uint8_t> sets;
+    describe_now(tracks);
+    if (self.video != nullptr) {
+        const AVCodecParameters &codec = *self.video->file->stream->codecpar;
+        sets = access_unit_configuration(self.video->converter);
+        tracks.m_iVideoWidth = codec.width;
+        tracks.m_iVideoHeight = codec.height;
+        tracks.m_iVideoFrameRate = static_cast<int32_t>(
+            av_rescale(1000, self.video->frame_rate.num, self.video->frame_rate.den));
+        std::memcpy(&tracks.m_uiVideoFourCC, "avc1", 4);
+        tracks.m_pbyVideoPrivate = sets.data();
+        tracks.m_iVideoPrivateSize = static_cast<int32_t>(sets.size());
+    }
+    if (self.audio != nullptr) {
+        tracks.m_iAudioSampleRate = self.audio->rate;
+        tracks.m_iAudioBitsPerSample = 16;
+        tracks.m_iAudioChannels = self.audio->channels;
+        tracks.m_iAudioCodec = AAC_TAG;
+        tracks.m_pbyAudioPrivate = self.audio->config.data();
+        tracks.m_iAudioPrivateSize = static_cast<int32_t>(self.audio->config.size());
+    }
+    mux_file_open(self.out, options, work_folder_path(folder, work_name),
+                  work_folder_path(folder, ""), tracks);
+}
+
+static uint32_t milliseconds(int64_t time_us)
+{
+    return static_cast<uint32_t>(time_us / 1000);
+}
+
+static void put_picture(muxing &self)
+{
+    mux_file_put(self.out, MUX_TYPE_VIDEO, access_unit_with_lengths(self.picture->unit),
+                 milliseconds(self.picture->time_us - self.origin_us), self.picture->unit.idr);
+    self.picture = video_input_next(*self.video);
+}
+
+// Puts the frames of both tracks in the order of their times.
+static void put_all(muxing &self)
+{
+    bool has_sound = self.audio != nullptr;
+    while (self.picture || has_sound) {
+        interruption_check();
+        const int64_t sound_us =
+            has_sound ? av_rescale(self.sounds * AAC_UNIT_SAMPLES, 1'000'000, self.audio->rate) : 0;
+        if (self.picture && (!has_sound || self.picture->time_us - self.origin_us <= sound_us)) {
+            put_picture(self);
+        } else if (const auto unit = aac_input_next(*self.audio)) {
+            mux_file_put(self.out, MUX_TYPE_AUDIO, *unit, milliseconds(sound_us), true);
+            self.sounds++;
+        } else {
+            has_sound = false;
+        }
+    }
+}
+
+static file_summary read_back(const work_folder &folder)
+{
+    const int file = openat(folder.descriptor, work_name, O_RDONLY | O_CLOEXEC);
+    const std::optional<file_summary> summary = file >= 0 ? finished_file_read(file) : std::nullopt;
+    if (file >= 0) {
+        close(file);
+    }
+    if (!summary) {
+        throw failure(exit_code::component, "the muxer made a file that is not sound");
+    }
+    return *summary;
+}
+
+static void report(const mux_options &options, const muxing &self, const file_summary &file,
+                   double elapsed_s)
+{
+    if (self.video != nullptr && self.video->leading > 0) {
+        terminal_say("tdmbrec: warning: " + options.video +
+                     ": pictures left out in front of the first IDR picture: " +
+                     std::to_string(self.video->leading));
+    }
+    if (self.video != nullptr && self.video->damaged > 0) {
+        terminal_say("tdmbrec: warning: " + options.video +
+                     ": damaged access units left out: " + std::to_string(self.video->damaged));
+    }
+    std::printf("%s: %s, %s (%llu bytes; the muxer foresaw %lld), %llu pictures, %llu sound "
+                "frames; took %.2f s\n",
+                options.output.c_str(), duration_text(file.duration_s).c_str(),
+                size_text(file.bytes).c_str(), static_cast<unsigned long long>(file.bytes),
+                static_cast<long long>(self.out.estimate),
+                static_cast<unsigned long long>(file.video.frames),
+                static_cast<unsigned long long>(file.audio.frames), elapsed_s);
+}
+
+int mux_run(const mux_options &options)
+{
+    const auto begun = std::chrono::steady_clock::now();
+    const std::unique_ptr<work_folder> folder = work_folder_make(options.output, options.force);
+    output_place_check_inputs(options.output, {options.video, options.audio});
+    muxing self;
+    open_inputs(self, options);
+    open_output(self, options, *folder);
+    put_all(self);
+    mux_file_close(self.out, options);
+    const file_summary file = read_back(*folder);
+    work_folder_publish(*folder, work_name);
+    report(options, self, file,
+           std::chrono::duration<double>(std::chrono::steady_clock::now() - begun).count());
+    return 0;
+}

@@ -1,0 +1,133 @@
+// The report on files that are whole, damaged and hostile.
+#include "client/info_page.h"
+#include "client/info_text.h"
+#include "tests/client/command_test.h"
+
+#include <algorithm>
+#include <fstream>
+#include <random>
+
+using bytes = std::vector<uint8_t>;
+
+class info : public command {
+  protected:
+    void SetUp() override
+    {
+        command::SetUp();
+        shell(TDMBREC "encode programme.wav -o in.aac");
+        shell(TDMBREC "mux --video programme.h264 --audio in.aac -o a.mp4");
+        std::ifstream file(directory / "a.mp4", std::ios::binary);
+        whole.assign(std::istreambuf_iterator<char>(file), {});
+        ASSERT_GT(whole.size(), 500000u);
+    }
+
+    // The report in every form; only the text is looked at.
+    static std::string report_on(std::span<const uint8_t> image)
+    {
+        const media_report report = media_report_make("name", image);
+        EXPECT_TRUE(info_page(report).ends_with("</html>\n"));
+        EXPECT_TRUE(info_json(report).ends_with("}\n"));
+        return info_text(report);
+    }
+
+    // The position behind the n-th box of this type.
+    size_t behind(const std::string &type, unsigned number = 0) const
+    {
+        auto at = std::search(whole.begin(), whole.end(), type.begin(), type.end());
+        for (; number > 0; number--) {
+            at = std::search(at + 4, whole.end(), type.begin(), type.end());
+        }
+        return static_cast<size_t>(at - whole.begin()) + 4;
+    }
+
+    bytes whole; // sound is track 1, pictures are track 2
+};
+
+TEST_F(info, tells_what_a_sound_file_holds)
+{
+    const std::string text = report_on(whole);
+    for (const char *const part :
+         {"AAC-LC, 48000 Hz, stereo\n         470 frames at 46.9", "No fault found.\n",
+          "Constrained Baseline 1.3, 320x240\n         300 frames at 30.00 a second, 0:10.0, ",
+          "10 key frames, at most 1.00 s apart\n"}) {
+        EXPECT_TRUE(contains(text, part)) << text;
+    }
+    EXPECT_EQ(shell(TDMBREC "info a.mp4 --html page.html && " TDMBREC
+                            "info a.mp4 --html | cmp - page.html")
+                  .status,
+              0);
+    EXPECT_EQ(shell(TDMBREC "info missing.mp4").status, 3);
+    EXPECT_EQ(shell(": > empty; " TDMBREC "info empty").status, 3);
+    EXPECT_EQ(shell(TDMBREC "info programme.wav").status, 1);
+}
+
+TEST_F(info, names_every_fault)
+{
+    const size_t stts_of_pictures = behind("stts", 1);
+    const struct {
+        size_t at;
+        bytes patch;
+        const char *told;
+    } cases[] = {
+        {behind("moov"), {'x', 'x', 'x', 'x'}, "Fault  box "},
+        {behind("mdat") - 4, {'f', 'r', 'e', 'e'}, "track 1: 470 frames outside the media data"},
+        {behind("mvhd") + 12, {0, 0, 0, 0}, "the movie has a time scale of 0"},
+        {behind("mvhd") + 96, {0, 0, 0, 1}, "the next track's number is used already"},
+        {behind("tkhd", 1) + 12, {0, 0, 0, 1}, "track number 1 is used twice"},
+        {behind("mdhd", 1) + 16,
+         {0, 0, 0, 9},
+         "track 2: its media header says 0.000 s, its frames "},
+        {behind("stco", 1) + 12,
+         {0x7F, 0, 0, 0},
+         "track 2: 1 frame outside the media data, the first is frame 2"},
+        {behind("stco") + 4, {0, 0, 1, 0}, "track 1: the chunks do not hold all samples"},
+        {behind("stco") + 4, {0xFF, 0xFF, 0xFF, 0xFF}, "track 1: table stco does not add up"},
+        {behind("stsc") + 8, {0, 0, 0, 2}, "track 1: the chunks do not hold all samples"},
+        {behind("stsz") + 8, {0xFF, 0, 0, 0}, "track 1: table stsz does not add up"},
+        {behind("stsz") + 4, {0, 0, 0, 1, 0xFF, 0, 0, 0}, "too many samples to read them all"},
+        {behind("stsz", 1) + 12, {0, 0, 0, 9}, "track 2: 1 frame whose NAL units do not add up"},
+        {behind("stss") + 8, {0, 0, 0, 2}, "track 2: does not begin with a key frame"},
+        {behind("stss") + 12,
+         {0, 0, 0, 30},
+         "1 frame that the table calls a key frame, and it is none"},
+        {behind("stss") + 12, {0, 0, 9, 9}, "track 2: stss leaves the track"},
+        {behind("avcC") - 4, {'x'}, "track 2: has no parameter sets"},
+        {behind("esds") - 4, {'x'}, "track 1: has no decoder configuration"},
+        {stts_of_pictures - 4, {'x'}, "track 2: table stts is missing"},
+        {stts_of_pictures + 12, {0, 4, 0, 0}, "         gap of 2.8"},
+        {stts_of_pictures + 8, {0, 1}, "track 2: stts has times for more samples"},
+    };
+    for (const auto &[at, patch, told] : cases) {
+        bytes image = whole;
+        std::copy(patch.begin(), patch.end(), image.begin() + static_cast<ptrdiff_t>(at));
+        const std::string text = report_on(image);
+        EXPECT_TRUE(contains(text, told)) << told << "\n" << text;
+    }
+}
+
+TEST_F(info, survives_what_is_cut_and_what_is_bent)
+{
+    for (size_t size = 1; size < whole.size(); size += size < whole.size() - 9000 ? 9973u : 61u) {
+        EXPECT_TRUE(contains(report_on({whole.data(), size}), "Fault")) << size;
+    }
+    const char *const given = std::getenv("SEED");
+    std::mt19937 random(given != nullptr ? static_cast<unsigned>(std::atoi(given)) : 1u);
+    const size_t movie = behind("moov");
+    for (int round = 0; round < 400; round++) {
+        bytes image = whole;
+        for (int flips = 1 + round % 8; flips > 0; flips--) {
+            image[movie + random() % (image.size() - movie)] ^=
+                static_cast<uint8_t>(1u << random() % 8);
+        }
+        report_on(image);
+    }
+    bytes nested; // moov in moov, as deep as the file is long
+    for (uint32_t left = 1 << 20; left > 8; left -= 8) {
+        nested.insert(nested.end(),
+                      {0, static_cast<uint8_t>(left >> 16), static_cast<uint8_t>(left >> 8),
+                       static_cast<uint8_t>(left), 'm', 'o', 'o', 'v'});
+    }
+    nested.resize(1 << 20);
+    EXPECT_TRUE(contains(report_on(nested), "boxes nest too deep"));
+    EXPECT_TRUE(contains(report_on(bytes(1 << 20)), "Fault"));
+}

@@ -1,0 +1,63 @@
+// The muxer alone, in every memory it can be given, judged by readers that nobody here wrote.
+#include "tests/client/command_test.h"
+
+class mux : public command {
+  protected:
+    // Muxes and gives what a reader finds: times, sizes and checksums of all frames.
+    std::string frames_of(const std::string &arguments, const std::string &file)
+    {
+        const command_result made = shell(TDMBREC "mux -f -o " + file + " " + arguments);
+        EXPECT_EQ(made.status, 0) << arguments << made.err;
+        const command_result info = shell(TDMBREC "info " + file);
+        EXPECT_TRUE(info.status == 0 && info.out.ends_with("No fault found.\n")) << info.out;
+        EXPECT_EQ(shell("ffprobe -v warning -count_packets " + file).err, "") << arguments;
+        return ffmpeg("-i " + file + " -map 0 -c copy -f framehash -hash crc32 -").out;
+    }
+};
+
+TEST_F(mux, makes_one_file_whatever_its_memory_and_readers_take_it_without_a_word)
+{
+    shell(TDMBREC "encode programme.wav -o in.aac");
+    if (shell("command -v ffmpeg mkvmerge").status != 0) {
+        GTEST_SKIP() << "no ffmpeg or no mkvmerge";
+    }
+    const std::string inputs = "--video programme.h264 --audio in.aac ";
+    const std::string frames = frames_of(inputs, "a.mp4");
+    EXPECT_GT(frames.size(), 770u * 40);
+    for (const char *const memory :
+         {"--cache none", "--cache 4096,4096,4096 --close-memory 0", "--cache 100,100,100 --append",
+          "--cache 1000,0,0 --close-memory 1100000", "--cache none --64-bit --append"}) {
+        EXPECT_EQ(frames_of(inputs + memory, "b.mp4"), frames) << memory;
+    }
+    EXPECT_EQ(frames_of("--video a.mp4 --audio a.mp4", "c.mp4"), frames) << "from its own file";
+    EXPECT_EQ(ffmpeg("-xerror -err_detect explode -i b.mp4 -f null -").err, "");
+    const command_result judged = shell("mkvmerge -q -o b.mkv b.mp4");
+    EXPECT_EQ(judged.out + judged.err, "");
+    // One track alone.
+    frames_of("--video programme.h264 --frame-rate 15", "slow.mp4");
+    EXPECT_TRUE(contains(shell(TDMBREC "info slow.mp4").out, "300 frames at 15.0"))
+        << "15 a second";
+    frames_of("--audio in.aac", "sound.mp4");
+}
+
+TEST_F(mux, refuses_in_one_sentence_and_leaves_nothing)
+{
+    const struct {
+        const char *arguments;
+        int status;
+        const char *sentence;
+    } cases[] = {
+        {"-o x.mp4", 2, "name --video, --audio or both"},
+        {"-o x.mp4 --video programme.h264 --cache 1,2", 2, "three sizes in bytes"},
+        {"-o x.mp4 --video programme.h264 --cache 0,0,0", 2, "input cache size is zero<mux_open"},
+        {"-o x.mp4 --video missing.h264", 3, "missing.h264: No such file"},
+        {"-o x.mp4 --audio programme.wav", 4, "its audio is pcm_s16le; only AAC"},
+        {"-o programme.wav --video programme.h264", 5, "exists already"},
+    };
+    for (const auto &[arguments, status, sentence] : cases) {
+        const command_result result = shell(std::string(TDMBREC "mux ") + arguments);
+        EXPECT_EQ(result.status, status) << arguments << result.err;
+        EXPECT_TRUE(contains(result.err, sentence)) << arguments << result.err;
+        EXPECT_EQ(names(), SAMPLE_ALONE) << arguments;
+    }
+}
