@@ -1,105 +1,365 @@
-#include "component/time_line.h"
-
-#include "component/process_state.h"
+// The times of recordings against a model of the time line in plain arithmetic.
+#include "client/mp4_reader.h"
+#include "platform/host/host_control.h"
 #include "tests/support/component_test.h"
+#include "tests/support/programme.h"
+#include "tests/support/wrapped_calls.h"
 
 #include <algorithm>
-#include <cstdint>
-#include <optional>
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+#include <deque>
+#include <random>
 
-class TimeLine : public ComponentTest {
-  protected:
-    std::optional<uint32_t> map(uint8_t port, int64_t ts_us)
-    {
-        record_.ucBufferPort = port;
-        uint32_t time_ms = 0;
-        return map_time_stamp(&record_, ts_us, &time_ms) ? std::optional(time_ms) : std::nullopt;
-    }
-    std::optional<uint32_t> video(int64_t ts_us)
-    {
-        const std::optional<uint32_t> time_ms = map(TDMBREC_PORT_VIDEO, ts_us);
-        note_video_time(&record_, *time_ms);
-        return time_ms;
-    }
-    std::optional<uint32_t> audio(int64_t ts_us)
-    {
-        return map(TDMBREC_PORT_AUDIO, ts_us);
-    }
-
-    omx_tdmbrec_component_PrivateType record_ = [] {
-        omx_tdmbrec_component_PrivateType record = {};
-        record.ucVideoIntervalState = 0xFF;
-        record.uiAudioFrameMs = 21;
-        return record;
-    }();
+struct Buffer {
+    bool is_video;
+    bool has_parameter_sets;
+    int64_t ts_us;
+    uint32_t pcm_bytes;
 };
 
-TEST_F(TimeLine, CountsFromTheFirstVideoAndDropsAudioBeforeIt)
+using Time = std::pair<int, uint32_t>; // MUX_TYPE_..., ms in the file
+
+static uint64_t cap(uint64_t ms)
 {
-    EXPECT_EQ(audio(5000000), std::nullopt);
-    EXPECT_EQ(video(5000000), 0u);
-    EXPECT_EQ(audio(4999999), std::nullopt);
-    EXPECT_EQ(audio(5021333), 21u);
-    EXPECT_EQ(video(5033999), 33u);
+    return std::min<uint64_t>(ms, UINT32_MAX);
 }
 
-TEST_F(TimeLine, ContinuesOneFrameAfterTheLastTimeWhenAClockJumpsBack)
+// One kind's clock: a time stamp before the previous one begins a new count, one frame after the
+// last time of the kind.
+struct Clock {
+    int64_t base_us = 0, last_us = 0;
+    bool has_rolled_back = false;
+    uint64_t backup_ms = 0, last_ms = 0;
+
+    void check_rollback(int64_t ts_us)
+    {
+        if (last_us > ts_us) {
+            has_rolled_back = true;
+            backup_ms = last_ms;
+            base_us = ts_us;
+        }
+    }
+    uint64_t map(int64_t ts_us, uint64_t frame_ms)
+    {
+        last_us = ts_us;
+        const uint64_t distance_us = static_cast<uint64_t>(ts_us) - static_cast<uint64_t>(base_us);
+        return cap(distance_us / 1000 + (has_rolled_back ? frame_ms + backup_ms : 0));
+    }
+};
+
+// Frame n of a recording that the encoder of the random streams cannot encode.
+static bool fails_to_encode(uint32_t n)
 {
-    (void)video(5000000);
-    (void)video(5040000);
-    EXPECT_EQ(video(5080000), 80u);
-    EXPECT_EQ(video(3000000), 120u); // 80 and the interval of 40
-    EXPECT_EQ(record_.ucVideoRollbackCount, 1);
-    EXPECT_EQ(video(3040000), 160u);
-    EXPECT_EQ(audio(5060000), 60u) << "the other kind is not affected";
-    record_.uiLastAudioPts = 60;
-    EXPECT_EQ(audio(5010000), 81u); // 60 and a frame of 21
-    EXPECT_EQ(record_.ucAudioRollbackCount, 1);
-    EXPECT_EQ(audio(4999999), std::nullopt) << "before the base of the rollback";
+    return n % 13 == 5;
+}
+
+struct Model {
+    uint64_t audio_frame_ms; // 0 until the encoder is open
+    uint32_t frame_bytes;
+    bool encoder_fails = false;
+    std::vector<Time> times = {};
+
+    Clock video = {}, audio = {};
+    uint64_t interval_ms = 0, origin_ms = 0;
+    std::deque<std::pair<uint64_t, uint64_t>> ring = {}; // time (ms), bytes
+    uint64_t queued_bytes = 0;
+    uint32_t frame_count = 0;
+
+    static inline uint32_t segments[50][2] = {};
+    static inline uint8_t segment = 0;
+
+    void write(int type, uint64_t ms)
+    {
+        if (origin_ms != 0 && ms >= origin_ms) {
+            times.emplace_back(type, static_cast<uint32_t>(ms - origin_ms));
+        }
+    }
+    void take_video(const Buffer &buffer)
+    {
+        if (video.base_us == 0) {
+            video.base_us = audio.base_us = buffer.ts_us;
+        } else {
+            video.check_rollback(buffer.ts_us);
+        }
+        const uint64_t ms = video.map(buffer.ts_us, interval_ms);
+        if (buffer.has_parameter_sets && origin_ms == 0) {
+            origin_ms = ms;
+        }
+        write(MUX_TYPE_VIDEO, ms);
+        if (interval_ms == 0) {
+            interval_ms = ms - video.last_ms;
+        } else if (ms - video.last_ms > 2 * interval_ms) {
+            segments[segment][1] = static_cast<uint32_t>(video.last_ms);
+            segment = static_cast<uint8_t>((segment + 1) % 50);
+        }
+        segments[segment][0] = static_cast<uint32_t>(ms);
+        video.last_ms = ms;
+    }
+    uint64_t lift(uint64_t ms) const // above the last frame, in whole frames
+    {
+        while (ms <= audio.last_ms && ms < UINT32_MAX) {
+            ms += std::max<uint64_t>(audio_frame_ms, (audio.last_ms - ms) / 21 * 21);
+        }
+        return cap(ms);
+    }
+    void take_audio(const Buffer &buffer)
+    {
+        if (audio.base_us == 0 || buffer.ts_us < audio.base_us) {
+            return;
+        }
+        audio.check_rollback(buffer.ts_us);
+        const uint64_t ms = audio.map(buffer.ts_us, audio_frame_ms);
+        audio_frame_ms = 21;
+        if (origin_ms == 0 || ms < origin_ms) {
+            return;
+        }
+        if (ring.size() < 50) {
+            ring.emplace_back(lift(ms), buffer.pcm_bytes);
+        } else {
+            ring.back().second += buffer.pcm_bytes;
+        }
+        for (queued_bytes += buffer.pcm_bytes; queued_bytes >= frame_bytes;) {
+            queued_bytes -= frame_bytes;
+            if (!encoder_fails || !fails_to_encode(frame_count++)) {
+                take_frame();
+            }
+        }
+    }
+    void take_frame()
+    {
+        audio.last_ms = ring.empty() ? cap(audio.last_ms + audio_frame_ms) : lift(ring[0].first);
+        for (uint64_t bytes = 0; bytes < frame_bytes && !ring.empty(); ring.pop_front()) {
+            bytes += ring[0].second;
+        }
+        write(MUX_TYPE_AUDIO, audio.last_ms);
+    }
+};
+
+using Random = std::mt19937_64;
+
+static int64_t random_step(Random &random, int64_t frame_us, bool is_wild)
+{
+    const int64_t any = static_cast<int64_t>(random());
+    switch (random() % (is_wild ? 16 : 12)) {
+    case 0:
+        return frame_us + any % 20000; // jitter
+    case 1:
+        return -std::abs(any % 10000000);
+    case 2:
+        return std::abs(any % 5000000);
+    case 3:
+        return any % 2000;
+    case 12:
+        return std::abs(any % 8000000000000); // up to twice of 32 bits in ms
+    case 13:
+        return -std::abs(any % 8000000000000);
+    default:
+        return frame_us;
+    }
+}
+
+// Both kinds in any order and in bursts, with jitter, gaps and clocks that jump. Wild ones leave 32
+// bits of ms, start anywhere in 64 bits, and jump back hundreds of times.
+static std::vector<Buffer> random_stream(Random &random, bool is_wild, uint32_t frame_bytes)
+{
+    std::vector<Buffer> stream(is_wild && random() % 2000 == 0 ? 1500 : 10 + random() % 20);
+    int64_t clock_us[2] = {static_cast<int64_t>(random() % 3000000), 0};
+    if (is_wild && random() % 4 == 0) {
+        clock_us[0] = static_cast<int64_t>(random()) / 4;
+    }
+    clock_us[1] = clock_us[0] + static_cast<int64_t>(random() % 100000);
+    const bool is_tiny = random() % 4 == 0; // a frame then takes more buffers than the ring holds
+    bool is_video = random() % 4 != 0;
+    for (Buffer &buffer : stream) {
+        int64_t &ts_us = clock_us[is_video ? 0 : 1];
+        buffer = {is_video, random() % 4 == 0, ts_us, frame_bytes};
+        if (is_tiny || random() % 4 == 0) {
+            buffer.pcm_bytes =
+                is_tiny ? 1 : 1 + static_cast<uint32_t>(random() % (3 * frame_bytes));
+        }
+        ts_us += stream.size() > 100 ? (random() % 2 == 0 ? 40000 : -40000)
+                                     : random_step(random, is_video ? 33333 : 21333, is_wild);
+        is_video = random() % 3 == 0 ? is_video : random() % 5 < 2;
+    }
+    return stream;
+}
+
+static Bytes data_of(const Buffer &buffer)
+{
+    if (!buffer.is_video) {
+        return Bytes(buffer.pcm_bytes);
+    }
+    return buffer.has_parameter_sets
+               ? Bytes{0, 0, 0, 1, 0x67, 66, 192, 13, 9, 0, 0, 0, 1, 0x68, 1, 0, 0, 0, 1, 0x65, 7}
+               : Bytes{0, 0, 0, 1, 0x41, 7};
+}
+
+static std::vector<Time> times_of(const std::vector<mp4_mux_putstream_t> &frames)
+{
+    std::vector<Time> times;
+    for (const mp4_mux_putstream_t &frame : frames) {
+        times.emplace_back(frame.m_iType, frame.m_uiTimeStamp);
+    }
+    return times;
+}
+
+static std::vector<uint32_t> ticks_of(const mp4_reader::movie &movie, const char *handler)
+{
+    std::vector<uint32_t> ticks;
+    for (const mp4_reader::sample &sample : mp4_reader::find_track(movie, handler)->samples) {
+        ticks.push_back(static_cast<uint32_t>(sample.time));
+    }
+    return ticks;
+}
+
+static uint64_t random_seed()
+{
+    const char *const text = getenv("SEED");
+    return text == nullptr ? 1 : strtoull(text, nullptr, 10);
+}
+
+class TimeLine : public ComponentTest {};
+
+static uint32_t encoded_frames;
+
+// An encoder of frames of 16 sample pairs, which last 21 ms.
+static int32_t tiny_encoder(int32_t op, void **, void *arg3, void *arg4)
+{
+    if (op == AACENC_OP_INIT) {
+        AacEncStreamInfo *const info = static_cast<AacEncInitParams *>(arg3)->streamInfo;
+        info->sampleRate = 750;
+        info->samplesPerChannel = 16;
+    } else if (op == AACENC_OP_ENCODE) {
+        static_cast<AacEncStreamInfo *>(arg4)->outputBytes = 1;
+        return fails_to_encode(encoded_frames++) ? -1 : 0;
+    }
+    return 0;
+}
+
+// All but the framework's.
+static void copy_own_fields(omx_tdmbrec_component_PrivateType *to,
+                            const omx_tdmbrec_component_PrivateType *from)
+{
+    constexpr size_t OWN = offsetof(omx_tdmbrec_component_PrivateType, bRecording);
+    memcpy(reinterpret_cast<char *>(to) + OWN, reinterpret_cast<const char *>(from) + OWN,
+           sizeof(*to) - OWN);
+}
+
+// The component's own buffer callback, with an encoder and a muxer that take no time.
+TEST_F(TimeLine, IsThatOfTheModelInRandomStreams)
+{
+    const auto client = make_recorder();
+    host_set_log_level(8);
+    host_set_storage(0, 8000000, 8000000);
+    omx_tdmbrec_component_PrivateType *const record = record_of(*client);
+    std::vector<mp4_mux_putstream_t> frames;
+    note_frames(&frames, true);
+    const auto take = [&](const Buffer &buffer) {
+        Bytes data = data_of(buffer);
+        OMX_BUFFERHEADERTYPE header = {};
+        header.pBuffer = data.data();
+        header.nAllocLen = header.nFilledLen = static_cast<OMX_U32>(data.size());
+        header.nTimeStamp = buffer.ts_us;
+        record->ucBufferPort = buffer.is_video ? TDMBREC_PORT_VIDEO : TDMBREC_PORT_AUDIO;
+        omx_tdmbrec_component_BufferMgmtCallback(client->handle(), &header);
+    };
+    record->pfnAacEnc = tiny_encoder;
+    record->stZplAenc.m_iAudioSamplePerSec = 750;
+    record->iMuxOpenResult = 0;
+    omx_tdmbrec_component_PrivateType fresh = {};
+    copy_own_fields(&fresh, record);
+    take({true, false, 1, 0});
+    take({false, false, 1, 64}); // opens the encoder
+    const zpl_aenc_t encoder = record->stZplAenc;
+    const auto begin_anew = [&] {
+        copy_own_fields(record, &fresh);
+        *record->pPcmQueue = {.pucRead = record->pucPcmBase, .uiLength = 0};
+        record->stZplAenc = encoder;
+        record->bEncoderReady = 1;
+        record->uiAacInputSize = 64;
+        record->uiAudioFrameMs = 21;
+        encoded_frames = 0;
+        frames.clear();
+    };
+    Random random(random_seed());
+    memset(global_ui_VIDEO_PTS, 0, sizeof(global_ui_VIDEO_PTS));
+    global_uc_write_index = 0;
+    for (int i = 0; i < 100000 && !HasFailure(); i++) {
+        begin_anew();
+        Model model = {.audio_frame_ms = 21, .frame_bytes = 64, .encoder_fails = true};
+        for (const Buffer &buffer : random_stream(random, true, 64)) {
+            take(buffer);
+            buffer.is_video ? model.take_video(buffer) : model.take_audio(buffer);
+        }
+        ASSERT_EQ(times_of(frames), model.times) << "stream " << i;
+        ASSERT_EQ(memcmp(global_ui_VIDEO_PTS, Model::segments, sizeof(Model::segments)), 0) << i;
+        ASSERT_EQ(global_uc_write_index, Model::segment) << i;
+    }
+    begin_anew();
+    record->iMuxOpenResult = -1;
+    client->destroy();
+    note_frames(nullptr, false);
+}
+
+// The whole component, its threads, encoder and files included.
+TEST_F(TimeLine, IsThatOfTheModelInTheFile)
+{
+    const auto client = make_client();
+    client->to_executing();
+    client->set_path(RECORDING);
+    host_set_log_level(8);
+    std::vector<mp4_mux_putstream_t> frames;
+    note_frames(&frames, false);
+    Random random(random_seed());
+    for (int i = 0; i < 300 && !HasFailure(); i++) {
+        frames.clear();
+        EXPECT_EQ(client->start(), OMX_ErrorNone);
+        Model model = {.audio_frame_ms = 0, .frame_bytes = 4096};
+        for (const Buffer &buffer : random_stream(random, false, 4096)) {
+            client->send(buffer.is_video ? 0 : 1, data_of(buffer), buffer.ts_us);
+            buffer.is_video ? model.take_video(buffer) : model.take_audio(buffer);
+        }
+        client->stop();
+        ASSERT_TRUE(client->wait_for_end().has_value());
+        std::vector<uint32_t> video;
+        for (const Time &time : model.times) {
+            if (time.first == MUX_TYPE_VIDEO) {
+                video.push_back(90 * time.second);
+            }
+        }
+        const bool is_silent = !video.empty() && video.size() == model.times.size();
+        if (is_silent) { // one frame is added, because players want the track
+            model.times.push_back({MUX_TYPE_AUDIO, 0});
+        }
+        ASSERT_EQ(times_of(frames), model.times) << "stream " << i;
+        if (!video.empty()) {
+            const mp4_reader::movie movie = mp4_reader::read_movie(read_file(RECORDING));
+            ASSERT_EQ(movie.error, "") << "stream " << i;
+            if (std::count(video.begin(), video.end(), 0u) == 1) { // else the first run is dropped
+                ASSERT_EQ(ticks_of(movie, "vide"), video) << "stream " << i;
+            }
+            ASSERT_EQ(ticks_of(movie, "soun").size(), model.times.size() - video.size());
+        }
+    }
+    client->to_loaded();
+    note_frames(nullptr, false);
 }
 
 TEST_F(TimeLine, LogsEveryRollback)
 {
-    (void)video(5000000);
-    (void)video(5040000);
-    (void)video(5000000);
-    const std::string ruler(80, '#');
-    std::vector<std::string> lines;
+    const auto client = make_recorder();
+    for (const int64_t ts_us : {5000000, 5040000, 5000000}) {
+        client->send(0, data_of({.is_video = true}), ts_us);
+    }
+    std::string lines;
     for (const LogLine &line : log()) {
-        EXPECT_EQ(line.priority, 4);
-        EXPECT_EQ(line.tag, "OMX_TDMB_REC");
-        lines.push_back(line.text.substr(0, line.text.find_last_not_of('\n') + 1));
+        if (line.priority == 4 && line.tag == "OMX_TDMB_REC") {
+            lines += line.text.substr(0, line.text.find('\n')) + "|";
+        }
     }
-    EXPECT_EQ(lines, (std::vector<std::string>{ruler, "BACKUP_VIDEO_PTS : 40",
-                                               "VIDEO_ROLLBACK_COUNT : 1", ruler}));
-}
-
-TEST_F(TimeLine, SaturatesInsteadOfWrapping)
-{
-    EXPECT_EQ(video(1), 0u);
-    EXPECT_EQ(video(INT64_MAX), UINT32_MAX);
-    EXPECT_EQ(video(2), UINT32_MAX);
-    for (int i = 0; i < 600; i++) { // a count that wrapped to 0 would lose the rollback
-        (void)video(i % 2 == 0 ? 100000 : 1);
-    }
-    EXPECT_EQ(record_.ucVideoRollbackCount, UINT8_MAX);
-    record_ = {};
-    EXPECT_EQ(video(INT64_MIN), 0u);
-    EXPECT_EQ(video(INT64_MAX), UINT32_MAX);
-}
-
-TEST_F(TimeLine, PublishesTheVideoTimesInSegmentsBetweenGaps)
-{
-    global_uc_write_index = 49;
-    (void)video(1000000);
-    EXPECT_EQ(record_.ucVideoIntervalState, 0xFF) << "no distance yet";
-    (void)video(1033000);
-    EXPECT_EQ(record_.uiVideoIntervalMs, 33u);
-    (void)video(1099000); // 66 ms is no gap
-    EXPECT_EQ(global_uc_write_index, 49);
-    EXPECT_EQ(global_ui_VIDEO_PTS[49][0], 99u);
-    (void)video(1166000); // 67 ms is
-    EXPECT_EQ(global_uc_write_index, 0);
-    EXPECT_EQ(global_ui_VIDEO_PTS[49][1], 99u);
-    EXPECT_EQ(global_ui_VIDEO_PTS[0][0], 166u);
+    const std::string ruler(80, '#');
+    EXPECT_EQ(lines, ruler + "|BACKUP_VIDEO_PTS : 40|VIDEO_ROLLBACK_COUNT : 1|" + ruler + "|");
+    client->to_loaded();
 }
