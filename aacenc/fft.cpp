@@ -1,10 +1,13 @@
 #include "aacenc/fft.h"
 
-#include <utility>
+#include <array>
+#include <cstddef>
+#include <cstring>
 
 #include "aacenc/filterbank_tables.h"
 #include "aacenc/fixed_point.h"
 
+static constexpr int32_t kPoints = 512;
 static constexpr int32_t kQuarterWave = 256; // table entry of the sine that belongs to cosine 0
 static constexpr int32_t kSqrtHalf_q31 = 1518500224;
 
@@ -17,17 +20,33 @@ static void butterfly(int32_t *a, int32_t *b, int32_t re, int32_t im)
     a[1] = add_s32(a[1], im);
 }
 
-static void reverse_bits(int32_t *data, int32_t n)
+// Two points that trade places in the bit-reversed order.
+struct Swap {
+    int16_t low;
+    int16_t high;
+};
+
+static constexpr auto kSwaps = [] {
+    std::array<Swap, 240> swaps = {}; // the other 32 of the 512 points stay
+    size_t count = 0;
+    for (int16_t i = 0; i < kPoints; i++) {
+        int16_t reversed = 0;
+        for (int16_t bit = 1; bit < kPoints; bit = static_cast<int16_t>(bit * 2))
+            reversed = static_cast<int16_t>(reversed * 2 + ((i & bit) != 0));
+        if (i < reversed)
+            swaps[count++] = {i, reversed};
+    }
+    return swaps;
+}();
+
+static void reverse_bits(int32_t *data)
 {
-    for (int32_t i = 1, reversed = 0; i < n; i++) {
-        int32_t bit = n >> 1;
-        for (; reversed & bit; bit >>= 1)
-            reversed ^= bit;
-        reversed |= bit;
-        if (i < reversed) {
-            std::swap(data[2 * i], data[2 * reversed]);
-            std::swap(data[2 * i + 1], data[2 * reversed + 1]);
-        }
+    constexpr size_t kPointBytes = 2 * sizeof(int32_t);
+    for (const Swap &swap : kSwaps) {
+        int32_t point[2];
+        std::memcpy(point, data + 2 * swap.low, kPointBytes);
+        std::memcpy(data + 2 * swap.low, data + 2 * swap.high, kPointBytes);
+        std::memcpy(data + 2 * swap.high, point, kPointBytes);
     }
 }
 
@@ -61,27 +80,30 @@ int32_t *AACE_FFT_sInnerLoop(int32_t *data, const int32_t *table, int32_t span, 
     int32_t *a = data;
     int32_t *b = data + 2 * span;
     butterfly(a, b, b[0], b[1]);
-    for (int32_t k = 1; k < span / 2; k++) {
-        const int32_t cos_q31 = table[k * stride];
-        const int32_t sin_q31 = table[kQuarterWave - k * stride];
-        // W = cos - j sin
-        int32_t *low = b + 2 * k;
-        const int32_t low_re = add_s32(mul_q31(low[0], cos_q31), mul_q31(low[1], sin_q31));
-        const int32_t low_im = sub_s32(mul_q31(low[1], cos_q31), mul_q31(low[0], sin_q31));
-        butterfly(a + 2 * k, low, low_re, low_im);
-        // Mirrored about a quarter turn: W = -cos - j sin
-        int32_t *high = b + 2 * (span - k);
-        const int32_t high_re = sub_s32(mul_q31(high[1], sin_q31), mul_q31(high[0], cos_q31));
-        const int32_t high_im = add_s32(mul_q31(high[1], cos_q31), mul_q31(high[0], sin_q31));
-        butterfly(a + 2 * (span - k), high, high_re, sub_s32(0, high_im));
-    }
     butterfly(a + span, b + span, b[span + 1], sub_s32(0, b[span]));
-    return b + 2 * span;
+    const int32_t *cosine = table;
+    const int32_t *sine = table + kQuarterWave;
+    for (int32_t k = 1; k < span / 2; k++) {
+        cosine += stride;
+        sine -= stride;
+        a += 2;
+        b += 2;
+        // W = cos - j sin
+        const int32_t re = mul_add_q31(b[0], *cosine, b[1], *sine);
+        const int32_t im = mul_sub_q31(b[1], *cosine, b[0], *sine);
+        butterfly(a, b, re, im);
+        // A quarter turn on: -jW
+        const int32_t turned_re = mul_sub_q31(b[span + 1], *cosine, b[span], *sine);
+        const int32_t turned_im = mul_add_q31(b[span], *cosine, b[span + 1], *sine);
+        butterfly(a + span, b + span, turned_re, sub_s32(0, turned_im));
+    }
+    return data + 4 * span;
 }
 
 void AACENC_gCmplxFft(int32_t *data, int32_t n)
 {
-    reverse_bits(data, n);
+    AACENC_CHECK(n == kPoints);
+    reverse_bits(data);
     transform_quads(data, n);
     AACE_FFT_sInnerLoop_Stg2(data, n / 8, kSqrtHalf_q31);
     for (int32_t span = 8; span < n; span *= 2)

@@ -72,4 +72,15 @@ inline int32_t mul_q31(int32_t a, int32_t b)
     return narrow_s32(mul_s64(mulhi(a, b), 2));
 }
 
+// a * c + b * d and a * c - b * d, the products as by mul_q31; the results fit in 32 bits.
+inline int32_t mul_add_q31(int32_t a, int32_t c_q31, int32_t b, int32_t d_q31)
+{
+    return narrow_s32((static_cast<int64_t>(mulhi(a, c_q31)) + mulhi(b, d_q31)) * 2);
+}
+
+inline int32_t mul_sub_q31(int32_t a, int32_t c_q31, int32_t b, int32_t d_q31)
+{
+    return narrow_s32((static_cast<int64_t>(mulhi(a, c_q31)) - mulhi(b, d_q31)) * 2);
+}
+
 #endif // AACENC_FIXED_POINT_H
