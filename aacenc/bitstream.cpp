@@ -8,6 +8,14 @@ static void open_next_byte(AacEncBitstream *bitstream)
     bitstream->bytes[++bitstream->byteIndex] = 0;
 }
 
+// returns: the byte behind
+static uint8_t *store_u32(uint8_t *out, uint32_t value)
+{
+    for (int32_t i = 0; i < 4; i++)
+        out[i] = static_cast<uint8_t>(value >> (24 - 8 * i));
+    return out + 4;
+}
+
 void bitstream_start(AacEncBitstream *bitstream, uint8_t *bytes)
 {
     *bitstream = {.bytes = bytes, .freeBits = 8, .byteIndex = 0};
@@ -26,6 +34,30 @@ int32_t BsPutBit(AacEncBitstream *bitstream, uint32_t value, int32_t count)
     bitstream->freeBits -= count;
     bitstream->bytes[bitstream->byteIndex] |= static_cast<uint8_t>(value << bitstream->freeBits);
     return 0;
+}
+
+int32_t bitstream_put_entries(AacEncBitstream *bitstream, const uint32_t *entries, int32_t count)
+{
+    const int32_t bits_before = AACENC_BsBufferNumBit(bitstream);
+    uint8_t *out = bitstream->bytes + bitstream->byteIndex;
+    uint64_t pending = *out >> bitstream->freeBits; // its low bits are still to be stored
+    int32_t pending_bits = 8 - bitstream->freeBits;
+    for (const uint32_t *entry = entries; entry != entries + count; entry++) {
+        const int32_t length = static_cast<int32_t>(*entry >> 24);
+        AACENC_CHECK(length <= 24 && ((*entry & 0xFFFFFF) >> length) == 0);
+        pending = pending << length | (*entry & 0xFFFFFF);
+        pending_bits += length;
+        if (pending_bits >= 32) {
+            pending_bits -= 32;
+            out = store_u32(out, static_cast<uint32_t>(pending >> pending_bits));
+        }
+    }
+    for (; pending_bits >= 8; pending_bits -= 8)
+        *out++ = static_cast<uint8_t>(pending >> (pending_bits - 8));
+    *out = static_cast<uint8_t>(pending << (8 - pending_bits));
+    bitstream->freeBits = 8 - pending_bits;
+    bitstream->byteIndex = static_cast<int32_t>(out - bitstream->bytes);
+    return AACENC_BsBufferNumBit(bitstream) - bits_before;
 }
 
 int32_t AACENC_BsBufferNumBit(const AacEncBitstream *bitstream)

@@ -16,6 +16,11 @@ void bitstream_start(AacEncBitstream *bitstream, uint8_t *bytes);
 // returns: 0
 int32_t BsPutBit(AacEncBitstream *bitstream, uint32_t value, int32_t count);
 
+// Appends a codeword list: entries with a length in bits 24..31 and a codeword in bits 0..23. An
+// entry of length 0 is empty and stands for nothing.
+// returns: bits written
+int32_t bitstream_put_entries(AacEncBitstream *bitstream, const uint32_t *entries, int32_t count);
+
 // returns: bits written since the start
 [[nodiscard]] int32_t AACENC_BsBufferNumBit(const AacEncBitstream *bitstream);
 

@@ -47,9 +47,11 @@ static int32_t write_spectral_data(const AacEncCoderInfo *coderInfo, AacEncBitst
 {
     const int32_t channel = coderInfo == tfState->coderInfo[1] ? 1 : 0;
     const auto *entries = reinterpret_cast<const uint32_t *>(tfState->channelBuffer[channel]);
+    if (write) // hcod, sign bits, hcod_esc
+        return bitstream_put_entries(bs, entries, coderInfo->codewordCount);
     int32_t bits = 0;
     for (int32_t i = 0; i < coderInfo->codewordCount; i++)
-        bits += put_entry(bs, entries[i], write);           // hcod, sign bits, hcod_esc
+        bits += static_cast<int32_t>(entries[i] >> 24);
     return bits;
 }
 
