@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdlib>
 
+#include "aacenc/codebook_bits.h"
 #include "aacenc/encoder_state.h"
 #include "aacenc/fixed_point.h"
 #include "aacenc/huffman_tables.h"
@@ -10,26 +11,32 @@
 
 static constexpr int32_t kEscapeMark = 16; // stands in the codeword for a value with an escape
 
-// Bits of the two codebooks of a class, the odd-numbered one first.
+// Bits of the two codebooks of a class.
 struct ClassBits {
-    int32_t low;
-    int32_t high;
+    int32_t odd;
+    int32_t even;
 };
 
-// Index of the codeword for kGroup values in a codebook of kBase values each. Signed codebooks hold
-// the signs in the codeword and have their zero in the middle.
-template <int32_t kGroup, int32_t kBase, bool kSigned>
-static int32_t codeword_index(const int32_t *values)
+// Lines that are quantised already are read as ScaledLines are.
+static int32_t line_value(const int32_t *values, int32_t k)
 {
-    int32_t index = 0;
-    for (int32_t i = 0; i < kGroup; i++)
-        index = index * kBase + (kSigned ? values[i] : std::abs(values[i]));
-    return kSigned ? index + 40 : index;
+    return values[k];
 }
 
-static int32_t codeword_bits(uint32_t entry)
+static int32_t line_magnitude(const int32_t *values, int32_t k)
 {
-    return static_cast<int32_t>(entry >> 24);
+    return std::abs(values[k]);
+}
+
+// Index of the codeword for the kGroup lines from k on in a codebook of kBase values each. Signed
+// codebooks hold the signs in the codeword and have their zero in the middle.
+template <int32_t kGroup, int32_t kBase, bool kSigned, typename Lines>
+static int32_t codeword_index(const Lines &lines, int32_t k)
+{
+    int32_t index = 0;
+    for (int32_t i = k; i < k + kGroup; i++)
+        index = index * kBase + (kSigned ? line_value(lines, i) : line_magnitude(lines, i));
+    return kSigned ? index + 40 : index;
 }
 
 static int32_t escape_prefix(int32_t magnitude)
@@ -42,55 +49,50 @@ static int32_t escape_bits(int32_t magnitude)
     return magnitude < kEscapeMark ? 0 : 2 * escape_prefix(magnitude) + 5;
 }
 
-static int32_t escape_index(const int32_t *values)
+static int32_t escape_index(int32_t first, int32_t second)
 {
-    return std::min(std::abs(values[0]), kEscapeMark) * 17 +
-           std::min(std::abs(values[1]), kEscapeMark);
+    return std::min(first, kEscapeMark) * 17 + std::min(second, kEscapeMark);
 }
 
-template <int32_t kGroup, int32_t kBase, bool kSigned>
-static ClassBits count_class(const uint32_t *low, const uint32_t *high, const int32_t *values,
-                             int32_t count)
+// Sums both books' bits in the halves of one word, which 1024 lines do not fill.
+template <int32_t kGroup, int32_t kBase, bool kSigned, typename Lines>
+static ClassBits count_class(const uint32_t *class_table, const Lines &lines, int32_t count)
 {
-    ClassBits bits = {0, 0};
-    int32_t signs = 0;
-    for (int32_t k = 0; k < count; k += kGroup) {
-        const int32_t index = codeword_index<kGroup, kBase, kSigned>(values + k);
-        bits.low += codeword_bits(low[index]);
-        bits.high += codeword_bits(high[index]);
-        for (int32_t i = 0; !kSigned && i < kGroup; i++)
-            signs += values[k + i] != 0;
-    }
-    return {bits.low + signs, bits.high + signs};
+    uint32_t bits = 0;
+    for (int32_t k = 0; k < count; k += kGroup)
+        bits += class_table[codeword_index<kGroup, kBase, kSigned>(lines, k)];
+    return {static_cast<int32_t>(bits & 0xFFFF), static_cast<int32_t>(bits >> 16)};
 }
 
-static int32_t count_escape_book(const int32_t *values, int32_t count)
+template <typename Lines>
+static int32_t count_escape_book(const Lines &lines, int32_t count)
 {
     int32_t bits = 0;
     for (int32_t k = 0; k < count; k += 2) {
-        bits += codeword_bits(huff11[escape_index(values + k)]);
-        for (int32_t i = k; i < k + 2; i++)
-            bits += (values[i] != 0) + escape_bits(std::abs(values[i]));
+        const int32_t first = line_magnitude(lines, k);
+        const int32_t second = line_magnitude(lines, k + 1);
+        bits += bits11[escape_index(first, second)] + escape_bits(first) + escape_bits(second);
     }
     return bits;
 }
 
 // The class of a codebook is named by its odd-numbered member.
-static ClassBits class_bits(int32_t odd_book, const int32_t *values, int32_t count)
+template <typename Lines>
+static ClassBits class_bits(int32_t odd_book, const Lines &lines, int32_t count)
 {
     switch (odd_book) {
     case 1:
-        return count_class<4, 3, true>(huff1, huff2, values, count);
+        return count_class<4, 3, true>(bits1_2, lines, count);
     case 3:
-        return count_class<4, 3, false>(huff3, huff4, values, count);
+        return count_class<4, 3, false>(bits3_4, lines, count);
     case 5:
-        return count_class<2, 9, true>(huff5, huff6, values, count);
+        return count_class<2, 9, true>(bits5_6, lines, count);
     case 7:
-        return count_class<2, 8, false>(huff7, huff8, values, count);
+        return count_class<2, 8, false>(bits7_8, lines, count);
     case 9:
-        return count_class<2, 13, false>(huff9, huff10, values, count);
+        return count_class<2, 13, false>(bits9_10, lines, count);
     case kEscapeBook:
-        return {count_escape_book(values, count), 0};
+        return {count_escape_book(lines, count), 0};
     default:
         return {0, 0};
     }
@@ -101,15 +103,15 @@ static uint8_t odd_book_for(int32_t max)
     return max <= 1 ? 1 : max <= 2 ? 3 : max <= 4 ? 5 : max <= 7 ? 7 : max <= 12 ? 9 : kEscapeBook;
 }
 
-BookChoice choose_codebook(const int32_t *values, int32_t count, int32_t max)
+BookChoice choose_codebook(const ScaledLines &lines, int32_t count, int32_t max)
 {
     if (max == 0)
         return {kZeroBook, 0};
     const uint8_t book = odd_book_for(max);
-    const ClassBits bits = class_bits(book, values, count);
-    if (book == kEscapeBook || bits.low <= bits.high)
-        return {book, bits.low};
-    return {static_cast<uint8_t>(book + 1), bits.high};
+    const ClassBits bits = class_bits(book, lines, count);
+    if (book == kEscapeBook || bits.odd <= bits.even)
+        return {book, bits.odd};
+    return {static_cast<uint8_t>(book + 1), bits.even};
 }
 
 int32_t output_bits_check(int32_t book, const int32_t *values, int32_t count)
@@ -117,14 +119,15 @@ int32_t output_bits_check(int32_t book, const int32_t *values, int32_t count)
     if (book < 1 || book > kEscapeBook)
         return 0;
     const ClassBits bits = class_bits((book - 1) | 1, values, count);
-    return book % 2 != 0 ? bits.low : bits.high;
+    return book % 2 != 0 ? bits.odd : bits.even;
 }
 
 static uint32_t *pack_signs(const int32_t *values, int32_t count, uint32_t *out)
 {
-    for (int32_t i = 0; i < count; i++)
-        if (values[i] != 0)
-            *out++ = 1U << 24 | (values[i] < 0 ? 1U : 0U);
+    for (int32_t i = 0; i < count; i++) {
+        *out = 1U << 24 | (values[i] < 0 ? 1U : 0U); // stands only when the next entry follows it
+        out += values[i] != 0;
+    }
     return out;
 }
 
@@ -146,7 +149,7 @@ static uint32_t *pack_class(const uint32_t *table, const int32_t *values, int32_
                             uint32_t *out)
 {
     for (int32_t k = 0; k < count; k += kGroup) {
-        *out++ = table[codeword_index<kGroup, kBase, kSigned>(values + k)];
+        *out++ = table[codeword_index<kGroup, kBase, kSigned>(values, k)];
         if (!kSigned)
             out = pack_signs(values + k, kGroup, out);
     }
@@ -156,7 +159,7 @@ static uint32_t *pack_class(const uint32_t *table, const int32_t *values, int32_
 static uint32_t *pack_escape_book(const int32_t *values, int32_t count, uint32_t *out)
 {
     for (int32_t k = 0; k < count; k += 2) {
-        *out++ = huff11[escape_index(values + k)];
+        *out++ = huff11[escape_index(std::abs(values[k]), std::abs(values[k + 1]))];
         out = pack_signs(values + k, 2, out);
         out = pack_escape(std::abs(values[k]), out);
         out = pack_escape(std::abs(values[k + 1]), out);

@@ -5,6 +5,8 @@
 
 #include <cstdint>
 
+#include "aacenc/quantiser.h"
+
 inline constexpr int32_t kMaxQuantised = 8191; // magnitude that the escape codebook can carry
 
 struct BookChoice {
@@ -13,8 +15,8 @@ struct BookChoice {
 };
 
 // Picks the cheaper of a band's two candidate codebooks, the lower-numbered one of equals.
-// in:      max  largest magnitude of the values
-[[nodiscard]] BookChoice choose_codebook(const int32_t *values, int32_t count, int32_t max);
+// in:      max  largest quantised magnitude of the lines
+[[nodiscard]] BookChoice choose_codebook(const ScaledLines &lines, int32_t count, int32_t max);
 
 // returns: bits of the values in a codebook, with signs and escapes; 0 for codebooks without
 //          spectral data

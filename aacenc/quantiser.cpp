@@ -11,15 +11,29 @@ int32_t AACENC_LOG2(uint32_t x)
     return x < 2 ? 0 : static_cast<int32_t>(std::bit_width(x)) - 1;
 }
 
+// Line of CalcPow_RageTable by the leading zeros of a magnitude above 8191.
+static constexpr uint8_t kLineOfZeros[19] = {
+    4, 4, 4, 4, 4, 4, 4, 4, 3, 3, 2, 2, 2, 1, 1, 1, 0, 0, 0,
+};
+
 int32_t power_three_quarters(uint32_t magnitude)
 {
     if (magnitude <= 8191)
         return CalcPow34[magnitude];
-    const PowerLine *line = CalcPow_RageTable;
-    while (line != CalcPow_RageTable + 4 && magnitude >= static_cast<uint32_t>(line[1].start))
-        line++;
-    const int64_t past_start = static_cast<int64_t>(magnitude) - line->start;
-    return line->base + static_cast<int32_t>((past_start * line->slope_q32) >> 32);
+    const PowerLine &line = CalcPow_RageTable[kLineOfZeros[std::countl_zero(magnitude)]];
+    const int64_t past_start = static_cast<int64_t>(magnitude) - line.start;
+    return line.base + static_cast<int32_t>((past_start * line.slope_q32) >> 32);
+}
+
+uint32_t raise_lines(const int32_t *spectrum, int32_t count, int32_t *power)
+{
+    uint32_t largest = 0;
+    for (int32_t k = 0; k < count; k++) {
+        const uint32_t magnitude = abs_u32(spectrum[k]);
+        power[k] = power_three_quarters(magnitude);
+        largest = std::max(largest, magnitude);
+    }
+    return largest;
 }
 
 int32_t quantiser_factor(int32_t gain)

@@ -24,6 +24,31 @@ inline constexpr int32_t kMaxFactorGain = 99; // gain of the smallest quantiser 
     return static_cast<int32_t>((product_q29 + (1 << 27)) >> 29);
 }
 
+// Lines that a factor quantises.
+struct ScaledLines {
+    const int32_t *spectrum; // for the signs
+    const int32_t *power;    // magnitudes to the power 3/4
+    int32_t factor_q29;
+};
+
+// returns: the quantised magnitude of a line
+[[nodiscard]] inline int32_t line_magnitude(const ScaledLines &lines, int32_t k)
+{
+    return quantise_power(lines.power[k], lines.factor_q29);
+}
+
+// returns: the quantised line
+[[nodiscard]] inline int32_t line_value(const ScaledLines &lines, int32_t k)
+{
+    const int32_t magnitude = line_magnitude(lines, k);
+    return lines.spectrum[k] > 0 ? magnitude : -magnitude;
+}
+
+// Raises lines to the power 3/4.
+// out:     power  `count` entries
+// returns: the largest magnitude of the lines
+[[nodiscard]] uint32_t raise_lines(const int32_t *spectrum, int32_t count, int32_t *power);
+
 // Quantises lines: `out` gets the quantised magnitudes with the signs of `spectrum`.
 void quantise_lines(const int32_t *spectrum, const int32_t *power, int32_t count,
                     int32_t factor_q29, int32_t *out);

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "aacenc/element_syntax.h"
+#include "aacenc/encoder_setup.h"
 #include "aacenc/fixed_point.h"
 #include "aacenc/huffman_tables.h"
 #include "aacenc/noiseless_coding.h"
@@ -13,6 +14,8 @@ static constexpr int32_t kHighestGain = 200;
 static constexpr int32_t kTrials = 5;
 static constexpr int32_t kScalefactorOffset = 100; // gain 0 is the standard's step size of 1
 static constexpr int32_t kScalefactorZero = 60;    // index of the scalefactor codeword for 0
+
+static constexpr int32_t kMostPairEntries = 5; // a codeword, two signs, two escapes
 
 // Allowance of a trial for what it does not count: global_gain, ics_info, flags and scalefactors.
 static constexpr int32_t kSideAllowance = 102;
@@ -41,23 +44,28 @@ static int32_t band_width(const AacEncCoderInfo *coder, int32_t band)
     return coder->swbOffset[band + 1] - coder->swbOffset[band];
 }
 
+static bool band_silent(const Channel *channel, int32_t band)
+{
+    uint32_t bits = 0;
+    for (int32_t k = channel->coder->swbOffset[band]; k < channel->coder->swbOffset[band + 1]; k++)
+        bits |= static_cast<uint32_t>(channel->spectrum[k]);
+    return bits == 0;
+}
+
 // Raises the lines to the power 3/4 and finds the largest one of each band.
 static void find_powers(Channel *channel)
 {
     const AacEncCoderInfo *coder = channel->coder;
     channel->max_abs = 0;
-    channel->bands = 0;
-    for (int32_t band = 0; band < channel->tf->sfbTotal; band++) {
-        uint32_t band_abs = 0;
-        for (int32_t k = coder->swbOffset[band]; k < coder->swbOffset[band + 1]; k++) {
-            const uint32_t magnitude = abs_u32(channel->spectrum[k]);
-            channel->power[k] = power_three_quarters(magnitude);
-            band_abs = std::max(band_abs, magnitude);
-        }
+    channel->bands = channel->tf->sfbTotal;
+    while (channel->bands > 0 && band_silent(channel, channel->bands - 1))
+        channel->bands--;
+    for (int32_t band = 0; band < channel->bands; band++) {
+        const int32_t start = coder->swbOffset[band];
+        const uint32_t band_abs =
+            raise_lines(channel->spectrum + start, band_width(coder, band), channel->power + start);
         channel->band_max[band] = power_three_quarters(band_abs);
         channel->max_abs = std::max(channel->max_abs, band_abs);
-        if (band_abs != 0)
-            channel->bands = band + 1;
     }
 }
 
@@ -72,25 +80,37 @@ static int32_t starting_gain(int32_t last_gain, uint32_t max_abs)
     return gain < kLowestStart || gain > kHighestGain ? kLowestStart : gain;
 }
 
-// Quantises every band and chooses its codebook.
-static void quantise_channel(Channel *channel, int32_t gain)
+// Chooses the codebook of every band and counts its bits.
+static void choose_codebooks(Channel *channel, int32_t gain)
 {
     AacEncCoderInfo *coder = channel->coder;
     const int32_t factor_q29 = quantiser_factor(gain);
     for (int32_t band = 0; band < channel->bands; band++) {
-        const int32_t start = coder->swbOffset[band];
-        const int32_t width = band_width(coder, band);
         const int32_t max = quantise_power(channel->band_max[band], factor_q29);
         BookChoice choice = {kZeroBook, 0};
         if (max != 0 && coder->noiseFlag[band]) {
             choice.book = kNoiseBook;
         } else if (max != 0) {
-            quantise_lines(channel->spectrum + start, channel->power + start, width, factor_q29,
-                           channel->quantised + start);
-            choice = choose_codebook(channel->quantised + start, width, max);
+            const int32_t start = coder->swbOffset[band];
+            choice =
+                choose_codebook({channel->spectrum + start, channel->power + start, factor_q29},
+                                band_width(coder, band), max);
         }
         coder->codebook[band] = choice.book;
         channel->band_bits[band] = choice.bits;
+    }
+}
+
+// Quantises the bands that have spectral data.
+static void quantise_bands(Channel *channel, int32_t gain)
+{
+    const AacEncCoderInfo *coder = channel->coder;
+    for (int32_t band = 0; band < channel->bands; band++) {
+        const int32_t start = coder->swbOffset[band];
+        if (coder->codebook[band] != kZeroBook && coder->codebook[band] != kNoiseBook)
+            quantise_lines(channel->spectrum + start, channel->power + start,
+                           band_width(coder, band), quantiser_factor(gain),
+                           channel->quantised + start);
     }
 }
 
@@ -132,14 +152,14 @@ static int32_t estimate_scalefactor_bits(const AacEncCoderInfo *coder, int32_t b
 // returns: the bits that the channel would take with a gain, as the search counts them
 static int32_t try_gain(Channel *channel, int32_t gain)
 {
-    quantise_channel(channel, gain);
+    choose_codebooks(channel, gain);
     return sort_book_numbers(channel->coder, channel->bitstream, 0, channel->tf) +
            spectral_bits(channel) + channel->side_bits +
            estimate_scalefactor_bits(channel->coder, channel->bands, gain);
 }
 
 // Searches for a gain that takes between three quarters of the budget and all of it. The channel is
-// left quantised with the gain that is returned, whether it got there or not.
+// left with the codebooks of the gain that is returned, whether it got there or not.
 static int32_t search_gain(Channel *channel, int32_t bit_budget)
 {
     const int32_t budget_quarter = bit_budget >> 2;
@@ -176,11 +196,12 @@ static void bound_noise_steps(AacEncCoderInfo *coder, int32_t bands)
     }
 }
 
-// The scalefactor names the factor that the lines were quantised with, which stays the same from
-// the highest gain of the table on.
-static void set_scalefactors(Channel *channel, int32_t gain)
+// Quantises the channel. The scalefactor names the factor, which stays the same from the highest
+// gain of the table on.
+static void settle_gain(Channel *channel, int32_t gain)
 {
     AacEncCoderInfo *coder = channel->coder;
+    quantise_bands(channel, gain);
     const int32_t scalefactor = std::min(gain, kMaxFactorGain) + kScalefactorOffset;
     std::fill_n(coder->scalefactor, channel->tf->sfbTotal, scalefactor);
     coder->globalGain = scalefactor;
@@ -197,7 +218,10 @@ static int32_t channel_bits(const Channel *channel)
 static bool codewords_fit(const Channel *channel)
 {
     const AacEncCoderInfo *coder = channel->coder;
-    int32_t entries = channel->tf->sfbTotal - channel->bands;
+    const int32_t bands = channel->tf->sfbTotal;
+    if (coder->swbOffset[channel->bands] * kMostPairEntries / 2 + bands <= kMaxCodewords)
+        return true;
+    int32_t entries = bands - channel->bands;
     for (int32_t band = 0; band < channel->bands; band++)
         entries +=
             count_codewords(coder->codebook[band], channel->quantised + coder->swbOffset[band],
@@ -220,27 +244,32 @@ static bool drop_top_band(Channel *channel)
 // Keeps the channel within what the syntax can carry, which the search does not look at: magnitudes
 // up to 8191, `limit` bits and a list that fits its buffer. Raises the gain for this, and once that
 // does not help any more drops the top bands.
+// out:     bits  of the channel
 // returns: the gain
-static int32_t keep_in_syntax(Channel *channel, int32_t gain, int32_t limit)
+static int32_t keep_in_syntax(Channel *channel, int32_t gain, int32_t limit, int32_t *bits)
 {
     const int32_t max_power = power_three_quarters(channel->max_abs);
     const int32_t searched_gain = gain;
     while (quantise_power(max_power, quantiser_factor(gain)) > kMaxQuantised)
         gain++;
     if (gain != searched_gain)
-        quantise_channel(channel, gain);
-    set_scalefactors(channel, gain);
-    while (channel_bits(channel) > limit || !codewords_fit(channel)) {
+        choose_codebooks(channel, gain);
+    settle_gain(channel, gain);
+    for (*bits = channel_bits(channel); *bits > limit || !codewords_fit(channel);
+         *bits = channel_bits(channel)) {
         if (gain < kMaxFactorGain) {
             gain++;
-            quantise_channel(channel, gain);
-            set_scalefactors(channel, gain);
+            choose_codebooks(channel, gain);
+            settle_gain(channel, gain);
         } else if (!drop_top_band(channel)) {
             break;
         }
     }
     return gain;
 }
+
+// Packing writes the entry behind the last one too.
+static_assert(heap_bytes(kChannelBufferBytes) > kMaxCodewords * sizeof(uint32_t));
 
 static void pack_channel(Channel *channel, uint32_t *list)
 {
@@ -278,8 +307,9 @@ int32_t tf_encode_spectrum_aac(int32_t *const *spectrumPtr, uint8_t windowSequen
     const int32_t searched_gain = search_gain(&channel, bitBudget);
     const bool another_follows = chInfo->pair && chInfo->firstOfPair;
     const int32_t limit = tfState->bitsLeft - (another_follows ? kEmptyChannelBits : 0);
-    tfState->lastGain = keep_in_syntax(&channel, searched_gain, limit);
-    tfState->bitsLeft -= channel_bits(&channel);
+    int32_t bits = 0;
+    tfState->lastGain = keep_in_syntax(&channel, searched_gain, limit, &bits);
+    tfState->bitsLeft -= bits;
     pack_channel(&channel, reinterpret_cast<uint32_t *>(*spectrumPtr));
     return 0;
 }

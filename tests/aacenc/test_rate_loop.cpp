@@ -16,17 +16,18 @@ TEST(NoiselessCoding, LargestValueDecidesTheCodebooks)
     const uint8_t expected[] = {0, 1, 3, 5, 5, 7, 7, 7, 9, 9, 9, 9, 9, 11, 11, 11, 11, 11};
     for (int32_t max = 0; max < 18; max++) {
         const int32_t values[4] = {0, -max, 1, 0};
+        const int32_t powers[4] = {0, max, 1, 0};
         const uint8_t low = expected[max];
         const bool paired = low != kZeroBook && low != kEscapeBook;
         const int32_t low_bits = output_bits_check(low, values, 4);
         const int32_t high_bits = paired ? output_bits_check(low + 1, values, 4) : low_bits;
-        const BookChoice choice = choose_codebook(values, 4, max);
+        const BookChoice choice = choose_codebook({values, powers, 1 << 29}, 4, max);
         EXPECT_EQ(choice.book, high_bits < low_bits ? low + 1 : low) << max;
         EXPECT_EQ(choice.bits, std::min(low_bits, high_bits)) << max;
     }
     const int32_t tied[4] = {0, 0, 0, 1};
     ASSERT_EQ(huff1[41] >> 24, huff2[41] >> 24);
-    EXPECT_EQ(choose_codebook(tied, 4, 1).book, 1);
+    EXPECT_EQ(choose_codebook({tied, tied, 1 << 29}, 4, 1).book, 1);
 }
 
 using Entries = std::vector<uint32_t>;
