@@ -4,6 +4,7 @@
 #include "mp4mux/mux_context.h"
 
 #include <cstdio>
+#include <cstring>
 
 namespace {
 
@@ -292,11 +293,21 @@ static int32_t put_byte(mp4_mux_bs_t *bs, uint8_t byte)
     return result;
 }
 
-static int32_t put_number(mp4_mux_bs_t *bs, byte_order order, uint64_t value, int bytes)
+template <byte_order order, size_t bytes>
+static int32_t put_number(mp4_mux_bs_t *bs, uint64_t value)
 {
-    for (int i = 0; i < bytes; i++) {
-        const int place = order == byte_order::little ? i : bytes - 1 - i;
-        put_byte(bs, static_cast<uint8_t>(value >> (8 * place)));
+    uint8_t number[bytes];
+    for (size_t i = 0; i < bytes; i++) {
+        const size_t place = order == byte_order::little ? i : bytes - 1 - i;
+        number[i] = static_cast<uint8_t>(value >> (8 * place));
+    }
+    if (free_bytes(bs) >= bytes) {
+        std::memcpy(bs->m_pbyBase + bs->m_uiFill, number, bytes);
+        bs->m_uiFill += static_cast<uint32_t>(bytes);
+        return 0;
+    }
+    for (const uint8_t byte : number) {
+        put_byte(bs, byte);
     }
     return 0;
 }
@@ -313,37 +324,37 @@ int32_t mp4_mux_bs_write_1byte(mp4_mux_bs_t *bs, const uint8_t *byte)
 
 int32_t mp4_mux_bs_write_be16(mp4_mux_bs_t *bs, uint32_t value)
 {
-    return put_number(bs, byte_order::big, value, 2);
+    return put_number<byte_order::big, 2>(bs, value);
 }
 
 int32_t mp4_mux_bs_write_be24(mp4_mux_bs_t *bs, uint32_t value)
 {
-    return put_number(bs, byte_order::big, value, 3);
+    return put_number<byte_order::big, 3>(bs, value);
 }
 
 int32_t mp4_mux_bs_write_be32(mp4_mux_bs_t *bs, uint32_t value)
 {
-    return put_number(bs, byte_order::big, value, 4);
+    return put_number<byte_order::big, 4>(bs, value);
 }
 
 int32_t mp4_mux_bs_write_be64(mp4_mux_bs_t *bs, uint64_t value)
 {
-    return put_number(bs, byte_order::big, value, 8);
+    return put_number<byte_order::big, 8>(bs, value);
 }
 
 int32_t mp4_mux_bs_write_le16(mp4_mux_bs_t *bs, uint32_t value)
 {
-    return put_number(bs, byte_order::little, value, 2);
+    return put_number<byte_order::little, 2>(bs, value);
 }
 
 int32_t mp4_mux_bs_write_le24(mp4_mux_bs_t *bs, uint32_t value)
 {
-    return put_number(bs, byte_order::little, value, 3);
+    return put_number<byte_order::little, 3>(bs, value);
 }
 
 int32_t mp4_mux_bs_write_le32(mp4_mux_bs_t *bs, uint32_t value)
 {
-    return put_number(bs, byte_order::little, value, 4);
+    return put_number<byte_order::little, 4>(bs, value);
 }
 
 int32_t mp4_mux_bs_write_value(mp4_mux_bs_t *bs, uint64_t value, uint64_t *previous)

@@ -34,7 +34,10 @@ int32_t mp4_mux_add_err_string(const char *tag, mp4_mux_last_error_t *error)
 
 void mp4_mux_clear_last_error(mp4_mux_last_error_t *error)
 {
-    *error = {};
+    // Every frame clears the record, and nearly every frame finds it clear.
+    if (error->m_iCode != 0 || error->m_iLength != 0 || error->m_llAux != 0) {
+        *error = {};
+    }
 }
 
 void mp4_mux_get_last_error(const mp4_mux_last_error_t *error, int32_t *code, const char **message,
