@@ -1,67 +1,83 @@
-// The muxer over recordings of fixed frames, with files that only count what is written: CPU time
-// per frame and multiples of real time, and the time that the close takes.
+// The muxer beside plain copies of the same bytes, beside libavformat and beside a remuxing
+// command: CPU time per frame and of the close. Files lie in /dev/shm, in memory.
+//
+// Every comparison runs both sides in turn within one iteration, so that "ratio" (the muxer's time
+// over the other's, or the last frames' over the first) means the same machine at the same moment.
+#include "bench/av_mux.h"
+#include "bench/programme_frames.h"
 #include "mp4mux/mp4_mux.h"
 
 #include <benchmark/benchmark.h>
 
+#include <sys/resource.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <array>
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
+#include <string>
 #include <vector>
 
-static constexpr uint32_t kFramesPerSecond = 30;
-static constexpr uint32_t kGroup = 30; // pictures from one key frame to the next
-static constexpr uint32_t kAudioMs = 1024 * 1000 / 48000;
-static constexpr size_t kMaxFrameBytes = 24000;
-static constexpr int32_t kCacheBytes[] = {0x100000, 0xC0000, 0x80000}; // output, video, audio
+static constexpr int32_t kOutputCacheBytes = 0x100000; // the sizes that the recorder lends
+static constexpr int32_t kVideoCacheBytes = 0xC0000;
+static constexpr int32_t kAudioCacheBytes = 0x80000;
 static constexpr int32_t kCloseBytes = 0x300000;
+static constexpr uint32_t kFrames = 200000;
+static constexpr uint32_t kManyFrames = 2000000;
+static constexpr double kNs = 1e9;
 
-struct count_file {
+static std::string folder; // of all files
+
+// What the callbacks were asked for.
+static uint64_t output_writes, output_bytes, allocations, scratch_bytes;
+
+// The output may be a null sink: it keeps its position alone.
+struct file_handle {
+    FILE *stream = nullptr;
+    bool is_output = false;
     int64_t position = 0;
     int64_t size = 0;
-    bool keeps = false; // a scratch file is read back
-    std::vector<uint8_t> bytes;
 };
 
-static int64_t output_bytes;
+static bool output_is_null;
 
-static void *open_file(const char *name, const char *)
+static void *open_file(const char *name, const char *mode)
 {
-    count_file *file = new count_file;
-    file->keeps = std::strcmp(name, "out.mp4") != 0;
+    file_handle *file = new file_handle;
+    file->is_output = std::strstr(name, ".mp4") != nullptr;
+    if (!file->is_output || !output_is_null) {
+        file->stream = std::fopen(name, mode);
+        std::setvbuf(file->stream, nullptr, _IONBF, 0);
+    }
     return file;
 }
 
-static size_t read_file(void *buffer, size_t, size_t count, void *handle)
+static size_t read_file(void *buffer, size_t size, size_t count, void *handle)
 {
-    count_file *file = static_cast<count_file *>(handle);
-    const size_t at = static_cast<size_t>(file->position);
-    count = std::min(count, file->bytes.size() - std::min(at, file->bytes.size()));
-    std::memcpy(buffer, file->bytes.data() + at, count);
-    file->position += static_cast<int64_t>(count);
-    return count;
+    file_handle *file = static_cast<file_handle *>(handle);
+    return file->stream != nullptr ? std::fread(buffer, size, count, file->stream) : 0;
 }
 
-static size_t write_file(const void *buffer, size_t, size_t count, void *handle)
+static size_t write_file(const void *buffer, size_t size, size_t count, void *handle)
 {
-    count_file *file = static_cast<count_file *>(handle);
-    const size_t at = static_cast<size_t>(file->position);
-    if (file->keeps) {
-        file->bytes.resize(std::max(file->bytes.size(), at + count));
-        std::memcpy(file->bytes.data() + at, buffer, count);
-    }
+    file_handle *file = static_cast<file_handle *>(handle);
+    output_writes += file->is_output ? 1 : 0;
+    scratch_bytes += file->is_output ? 0 : count;
     file->position += static_cast<int64_t>(count);
     file->size = std::max(file->size, file->position);
-    return count;
+    return file->stream != nullptr ? std::fwrite(buffer, size, count, file->stream) : count;
 }
 
 static int seek_file64(void *handle, int64_t offset, int whence)
 {
-    count_file *file = static_cast<count_file *>(handle);
+    file_handle *file = static_cast<file_handle *>(handle);
     file->position = offset + (whence == SEEK_END ? file->size : 0);
-    return 0;
+    return file->stream != nullptr ? fseeko(file->stream, offset, whence) : 0;
 }
 
 static int seek_file(void *handle, int32_t offset, int whence)
@@ -71,7 +87,8 @@ static int seek_file(void *handle, int32_t offset, int whence)
 
 static int64_t tell_file64(void *handle)
 {
-    return static_cast<count_file *>(handle)->position;
+    const file_handle *file = static_cast<file_handle *>(handle);
+    return file->stream != nullptr ? ftello(file->stream) : file->position;
 }
 
 static int32_t tell_file(void *handle)
@@ -81,25 +98,25 @@ static int32_t tell_file(void *handle)
 
 static int close_file(void *handle)
 {
-    count_file *file = static_cast<count_file *>(handle);
-    output_bytes = file->keeps ? output_bytes : file->size;
+    file_handle *file = static_cast<file_handle *>(handle);
+    output_bytes = file->is_output ? static_cast<uint64_t>(file->size) : output_bytes;
+    const int result = file->stream != nullptr ? std::fclose(file->stream) : 0;
     delete file;
-    return 0;
+    return result;
 }
 
-static int remove_file(const char *)
+static void *allocate(size_t size)
 {
-    return 0;
+    allocations++;
+    return std::malloc(size);
 }
 
-static void *open_recording(std::vector<uint8_t> *cache)
+static void *open_recording(const std::string &name, std::vector<uint8_t> *cache)
 {
-    static char name[] = "out.mp4";
-    static const uint8_t sets[] = {0,    0,    0, 1, 0x67, 0x42, 0xC0, 0x1E, 0xDA, 0x05,
-                                   0x07, 0xE8, 0, 0, 0,    1,    0x68, 0xCE, 0x3C, 0x80};
-    static const uint8_t config[] = {0x11, 0x90};
+    static std::string output;
+    output = name;
     mp4_mux_init_t init = {};
-    init.m_pfnMalloc = std::malloc;
+    init.m_pfnMalloc = allocate;
     init.m_pfnFree = std::free;
     init.m_pfnMemcpy = std::memcpy;
     init.m_pfnMemset = std::memset;
@@ -109,101 +126,299 @@ static void *open_recording(std::vector<uint8_t> *cache)
     init.m_pfnFtell = tell_file;
     init.m_pfnFclose = close_file;
     init.m_pfnFwrite = write_file;
-    init.m_pfnRemove = remove_file;
+    init.m_pfnRemove = std::remove;
     init.m_pfnFseek64 = seek_file64;
     init.m_pfnFtell64 = tell_file64;
-    init.m_pOutput = name;
+    init.m_pOutput = output.data();
     init.m_uiStreamFlags = MUX_STREAM_VIDEO | MUX_STREAM_AUDIO;
+    init.m_uiOptions = MUX_OPTION_32BIT_OFFSET;
     init.m_pCacheMem = cache->data();
-    init.m_iCacheSize = kCacheBytes[0];
-    init.m_iVideoCacheSize = kCacheBytes[1];
-    init.m_iAudioCacheSize = kCacheBytes[2];
+    init.m_iCacheSize = kOutputCacheBytes;
+    init.m_iVideoCacheSize = kVideoCacheBytes;
+    init.m_iAudioCacheSize = kAudioCacheBytes;
+    init.m_pszTempDir = folder.c_str();
     mp4_mux_input_t input = {.m_iYear = 2009, .m_iMonth = 9, .m_iDay = 5};
     input.m_iVideoWidth = 320;
     input.m_iVideoHeight = 240;
     std::memcpy(&input.m_uiVideoFourCC, "avc1", 4);
-    input.m_pbyVideoPrivate = sets;
-    input.m_iVideoPrivateSize = sizeof(sets);
+    input.m_pbyVideoPrivate = kAvcRecord;
+    input.m_iVideoPrivateSize = sizeof(kAvcRecord);
     input.m_iAudioSampleRate = 48000;
     input.m_iAudioChannels = 2;
     input.m_iAudioCodec = 0xAAC0;
-    input.m_pbyAudioPrivate = config;
-    input.m_iAudioPrivateSize = sizeof(config);
+    input.m_pbyAudioPrivate = kAudioConfig;
+    input.m_iAudioPrivateSize = sizeof(kAudioConfig);
     void *handle = nullptr;
     return QVR_MP4_MUX(MUX_OPEN, &handle, &init, &input) == 0 ? handle : nullptr;
 }
 
-// Pictures of 1 to 5 KB, key frames of 24 KB, sound of 340 bytes: about 1 Mbit/s.
-// returns  number of frames, 0 after a failure
-static uint64_t put_frames(void **handle, uint32_t seconds, int64_t *estimate)
+static double cpu_seconds()
 {
-    static const std::vector<uint8_t> payload(kMaxFrameBytes, 0x5A);
-    uint64_t frames = 0;
-    uint32_t audio_ms = 0;
-    for (uint32_t i = 0; i < seconds * kFramesPerSecond; i++) {
-        mp4_mux_putstream_t video = {.m_pbyData = payload.data(), .m_iType = MUX_TYPE_VIDEO};
-        video.m_uiTimeStamp = static_cast<uint32_t>(uint64_t{i} * 1000 / kFramesPerSecond);
-        video.m_uiFlags = i % kGroup == 0 ? MUX_FRAME_KEY : 0;
-        video.m_iDataSize =
-            i % kGroup == 0 ? int32_t{kMaxFrameBytes} : static_cast<int32_t>(1000 + i * 977 % 4000);
-        if (QVR_MP4_MUX(MUX_PUTFRAME, handle, &video, estimate) != 0) {
-            return 0;
-        }
-        frames++;
-        for (; audio_ms <= video.m_uiTimeStamp; audio_ms += kAudioMs, frames++) {
-            mp4_mux_putstream_t audio = {payload.data(), 340, MUX_TYPE_AUDIO, audio_ms, 0, 0};
-            if (QVR_MP4_MUX(MUX_PUTFRAME, handle, &audio, estimate) != 0) {
-                return 0;
+    timespec time = {};
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &time);
+    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * 1e-9;
+}
+
+static double wall_seconds()
+{
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+[[noreturn]] static void give_up(const char *why)
+{
+    std::fprintf(stderr, "bench_mp4mux: %s\n", why);
+    std::exit(1);
+}
+
+struct recording_times {
+    double frames = 0; // CPU seconds
+    std::array<double, 10> tenths = {};
+    double close = 0;
+    double close_wall = 0;
+};
+
+// Records frames of picture_bytes on the average and checks what came of it.
+static recording_times record(const std::string &name, uint32_t frames, uint32_t picture_bytes)
+{
+    static std::vector<uint8_t> cache(kOutputCacheBytes + kVideoCacheBytes + kAudioCacheBytes);
+    static std::vector<uint8_t> close_memory(kCloseBytes);
+    recording_times times;
+    output_writes = scratch_bytes = 0;
+    void *handle = open_recording(name, &cache);
+    const uint64_t allocations_at_open = allocations;
+    frame_source source = {.picture_bytes = picture_bytes};
+    int64_t estimate = 0;
+    for (double &tenth : times.tenths) {
+        const double start = cpu_seconds();
+        for (uint32_t i = 0; i < frames / 10; i++) {
+            mp4_mux_putstream_t frame = source.next();
+            if (QVR_MP4_MUX(MUX_PUTFRAME, &handle, &frame, &estimate) != 0) {
+                give_up("a frame was refused");
             }
         }
+        tenth = cpu_seconds() - start;
+        times.frames += tenth;
     }
-    return frames;
-}
-
-// out      close_seconds: what the close took
-// returns  number of frames, 0 after a failure or when the file has not the size it was to have
-static uint64_t record(uint32_t seconds, double *close_seconds)
-{
-    static std::vector<uint8_t> cache(kCacheBytes[0] + kCacheBytes[1] + kCacheBytes[2]);
-    static std::vector<uint8_t> close_memory(kCloseBytes);
-    int64_t estimate = 0;
-    void *handle = open_recording(&cache);
-    const uint64_t frames = handle != nullptr ? put_frames(&handle, seconds, &estimate) : 0;
+    const uint64_t writes = output_writes;
     mp4_mux_closemem_t lent = {close_memory.data(), kCloseBytes};
-    const auto start = std::chrono::steady_clock::now();
-    const int32_t closed = QVR_MP4_MUX(MUX_CLOSE, &handle, &lent, nullptr);
-    *close_seconds =
-        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    return closed == 0 && std::abs(estimate - output_bytes) < 64 ? frames : 0;
+    const double start = cpu_seconds();
+    const double wall_start = wall_seconds();
+    if (QVR_MP4_MUX(MUX_CLOSE, &handle, &lent, nullptr) != 0 ||
+        allocations != allocations_at_open) {
+        give_up("the close failed or a frame allocated");
+    }
+    times.close = cpu_seconds() - start;
+    times.close_wall = wall_seconds() - wall_start;
+    if (writes > source.media_bytes / kOutputCacheBytes + 1 ||
+        std::abs(static_cast<double>(estimate) - static_cast<double>(output_bytes)) > 64) {
+        give_up("the file is not the expected one");
+    }
+    return times;
 }
 
-static void record_programme(benchmark::State &state)
+static std::string path(const char *name)
 {
-    const uint32_t seconds = static_cast<uint32_t>(state.range(0));
-    uint64_t frames = 0;
-    double close_total = 0;
-    for (auto _ : state) {
-        double close_seconds = 0;
-        frames += record(seconds, &close_seconds);
-        close_total += close_seconds;
-    }
-    using benchmark::Counter;
-    state.counters["per_frame"] =
-        Counter(static_cast<double>(frames), Counter::kIsRate | Counter::kInvert);
-    state.counters["x_real_time"] = Counter(seconds, Counter::kIsIterationInvariantRate);
-    state.counters["close"] = Counter(close_total, Counter::kAvgIterations);
-    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * output_bytes);
+    return folder + "/" + name;
 }
-BENCHMARK(record_programme)->ArgName("seconds")->Arg(60)->Arg(3600)->Unit(benchmark::kMillisecond);
+
+// The least of several times is the one that the rest of the machine disturbed least.
+struct least {
+    double mux = HUGE_VAL;
+    double other = HUGE_VAL;
+
+    void note(double mux_seconds, double other_seconds)
+    {
+        mux = std::min(mux, mux_seconds);
+        other = std::min(other, other_seconds);
+    }
+    void show(benchmark::State &state, const char *name, double scale) const
+    {
+        state.counters["mux"] = mux * scale;
+        state.counters[name] = other * scale;
+        state.counters["ratio"] = mux / other;
+    }
+};
+
+// Plain fwrite of the same frames from the same buffers.
+static double write_frames(uint32_t frames, uint32_t picture_bytes)
+{
+    FILE *file = std::fopen(path("plain").c_str(), "wb");
+    frame_source source = {.picture_bytes = picture_bytes};
+    const double start = cpu_seconds();
+    for (uint32_t i = 0; i < frames; i++) {
+        const mp4_mux_putstream_t frame = source.next();
+        std::fwrite(frame.m_pbyData, 1, static_cast<size_t>(frame.m_iDataSize), file);
+    }
+    std::fclose(file);
+    return cpu_seconds() - start;
+}
+
+static void beside_fwrite(benchmark::State &state)
+{
+    least times;
+    for (auto _ : state) {
+        const double plain = write_frames(kFrames, kPictureBytes);
+        std::remove(path("plain").c_str());
+        times.note(record(path("out.mp4"), kFrames, kPictureBytes).frames, plain);
+        std::remove(path("out.mp4").c_str());
+    }
+    times.show(state, "fwrite", kNs / kFrames);
+}
+BENCHMARK(beside_fwrite)->Iterations(5);
+
+static double mux_with_libavformat(bool owned)
+{
+    const double start = cpu_seconds();
+    void *context = av_mux_open();
+    frame_source source;
+    for (uint32_t i = 0; i < kFrames && context != nullptr; i++) {
+        if (!av_mux_write(context, source.next(), owned)) {
+            give_up("libavformat refused a frame");
+        }
+    }
+    const double seconds = cpu_seconds() - start;
+    if (context == nullptr || !av_mux_close(context)) {
+        give_up("libavformat failed");
+    }
+    return seconds;
+}
+
+// range: whether libavformat's packets own their bytes, as those of a reader or an encoder do, or
+// only point at the bytes that all frames share
+static void beside_libavformat(benchmark::State &state)
+{
+    least times;
+    output_is_null = true;
+    for (auto _ : state) {
+        const double other = mux_with_libavformat(state.range(0) != 0);
+        times.note(record(path("out.mp4"), kFrames, kPictureBytes).frames, other);
+    }
+    output_is_null = false;
+    times.show(state, "av_write_frame", kNs / kFrames);
+}
+BENCHMARK(beside_libavformat)->ArgName("owned")->Arg(1)->Arg(0)->Iterations(5);
+
+struct children_times {
+    double user = 0;
+    double all = 0;
+};
+
+static double seconds_of(const timeval &time)
+{
+    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) * 1e-6;
+}
+
+static children_times times_of_children()
+{
+    rusage usage = {};
+    getrusage(RUSAGE_CHILDREN, &usage);
+    return {seconds_of(usage.ru_utime), seconds_of(usage.ru_utime) + seconds_of(usage.ru_stime)};
+}
+
+// Both write a file, and most of the muxer's time goes into the kernel's copy of the bytes, which
+// no program can spare. So "ratio" compares the work of the programs alone: the muxer's into a null
+// sink with the command's outside the kernel; "ratio_all" compares everything.
+static void beside_ffmpeg_copy(benchmark::State &state)
+{
+    const std::string copy = "ffmpeg -nostdin -v fatal -y -i " + path("out.mp4") +
+                             " -map 0 -c copy " + path("copy.mp4") + " 2> /dev/null";
+    least work;
+    least all;
+    for (auto _ : state) {
+        output_is_null = true;
+        const recording_times null = record(path("null.mp4"), kFrames, kPictureBytes);
+        output_is_null = false;
+        const recording_times file = record(path("out.mp4"), kFrames, kPictureBytes);
+        const children_times before = times_of_children();
+        if (std::system(copy.c_str()) != 0) {
+            state.SkipWithError("no ffmpeg, or it refused the file");
+            return;
+        }
+        const children_times after = times_of_children();
+        work.note(null.frames + null.close, after.user - before.user);
+        all.note(file.frames + file.close, after.all - before.all);
+    }
+    work.show(state, "ffmpeg_copy", kNs / kFrames);
+    state.counters["mux_all"] = all.mux * kNs / kFrames;
+    state.counters["ffmpeg_all"] = all.other * kNs / kFrames;
+    state.counters["ratio_all"] = all.mux / all.other;
+}
+BENCHMARK(beside_ffmpeg_copy)->Iterations(5);
+
+static void over_many_frames(benchmark::State &state)
+{
+    least times;
+    output_is_null = true;
+    for (auto _ : state) {
+        const recording_times own = record(path("out.mp4"), kManyFrames, kPictureBytes);
+        times.note(own.tenths.back(), own.tenths.front());
+    }
+    output_is_null = false;
+    times.show(state, "first_tenth", 10 * kNs / kManyFrames);
+}
+BENCHMARK(over_many_frames)->Iterations(5);
+
+// Copies as many bytes as the sample tables have, through a buffer like the close's.
+static double copy_tables(uint64_t bytes)
+{
+    static const std::vector<uint8_t> tables(32u << 20, 0x5A);
+    static std::vector<uint8_t> buffer(kCloseBytes);
+    FILE *file = std::fopen(path("plain").c_str(), "wb");
+    std::setvbuf(file, nullptr, _IONBF, 0);
+    const double start = cpu_seconds();
+    for (uint64_t at = 0; at < bytes; at += buffer.size()) {
+        const size_t part = std::min<size_t>(buffer.size(), bytes - at);
+        std::memcpy(buffer.data(), tables.data() + at, part);
+        std::fwrite(buffer.data(), 1, part, file);
+    }
+    std::fclose(file);
+    const double seconds = cpu_seconds() - start;
+    std::remove(path("plain").c_str());
+    return seconds;
+}
+
+// range: thousands of frames, bytes of a picture
+static void close_recording(benchmark::State &state)
+{
+    const uint32_t frames = static_cast<uint32_t>(state.range(0)) * 1000;
+    least times;
+    double longest = 0;
+    for (auto _ : state) {
+        const recording_times own =
+            record(path("out.mp4"), frames, static_cast<uint32_t>(state.range(1)));
+        longest = std::max(longest, own.close_wall);
+        std::remove(path("out.mp4").c_str());
+        times.note(own.close, copy_tables(scratch_bytes));
+    }
+    times.show(state, "copy_ms", 1e3);
+    state.counters["longest_ms"] = longest * 1e3;
+    state.counters["MB"] = static_cast<double>(output_bytes) / 1e6;
+    state.counters["tables_MB"] = static_cast<double>(scratch_bytes) / 1e6;
+}
+BENCHMARK(close_recording)
+    ->ArgNames({"thousands", "picture"})
+    ->Args({1000, 100})
+    ->Args({2000, 100})
+    ->Args({2000, 1550})
+    ->Iterations(5);
 
 int main(int argc, char **argv)
 {
+    av_mux_silence();
     benchmark::Initialize(&argc, argv);
-    double close_seconds = 0;
-    if (record(60, &close_seconds) == 0) {
-        std::fprintf(stderr, "bench_mp4mux: the file is not the expected one\n");
-        return 1;
+    char name[] = "/dev/shm/bench_mp4mux.XXXXXX";
+    folder = mkdtemp(name) != nullptr ? name : "";
+    if (folder.empty()) {
+        give_up("no folder in memory");
+    }
+    (void)record(path("out.mp4"), kFrames / 10, kPictureBytes);
+    if (av_count_frames(path("out.mp4").c_str()) != kFrames / 10) {
+        give_up("the file does not give its frames back");
     }
     benchmark::RunSpecifiedBenchmarks();
+    std::remove(path("out.mp4").c_str());
+    std::remove(path("copy.mp4").c_str());
+    rmdir(name);
     return 0;
 }
