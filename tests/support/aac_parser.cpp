@@ -1,5 +1,6 @@
 #include "tests/support/aac_parser.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <map>
@@ -163,13 +164,23 @@ void parse_group(Reader &in, int book, int *values)
     }
 }
 
+// Largest magnitude of the codebooks below 2 * i + 1.
+constexpr int kLargest[6] = {0, 1, 2, 4, 7, 12};
+
 void parse_spectral_data(Reader &in, AacChannel &channel, const std::vector<int> &offsets)
 {
     for (size_t sfb = 0; sfb < channel.codebooks.size(); sfb++) {
         const int book = channel.codebooks[sfb];
+        int largest = 0;
         for (int k = offsets[sfb]; book % 13 != 0 && k < offsets[sfb + 1] && in.error.empty();
-             k += book <= 4 ? 4 : 2)
-            parse_group(in, book, &channel.quantised[static_cast<size_t>(k)]);
+             k += book <= 4 ? 4 : 2) {
+            int *values = &channel.quantised[static_cast<size_t>(k)];
+            parse_group(in, book, values);
+            for (int i = 0; i < (book <= 4 ? 4 : 2); i++)
+                largest = std::max(largest, std::abs(values[i]));
+        }
+        if (book % 13 != 0 && largest <= kLargest[(book - 1) / 2])
+            in.fail("codebook for larger values");
     }
 }
 
