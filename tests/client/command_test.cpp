@@ -48,6 +48,16 @@ command_result command::ffmpeg(const std::string &arguments)
     return shell("ffmpeg -nostdin -v error -y " + arguments);
 }
 
+void command::expect_refused(const std::string &line, int status, const std::string &sentence)
+{
+    const name_set before = names();
+    const command_result result = shell(TDMBREC + line);
+    EXPECT_EQ(result.status, status) << line << "\n" << result.err;
+    EXPECT_TRUE(contains(result.err, sentence)) << line << "\n" << result.err;
+    EXPECT_EQ(result.out, "") << line;
+    EXPECT_EQ(names(), before) << line;
+}
+
 name_set command::names() const
 {
     name_set found;

@@ -34,6 +34,10 @@ class command : public testing::Test {
     command_result shell(const std::string &line);
     command_result ffmpeg(const std::string &arguments);
 
+    // Runs the command with a mistake in its line, and expects the exit code, a sentence on
+    // standard error, and nothing else.
+    void expect_refused(const std::string &line, int status, const std::string &sentence);
+
     // The names in the directory, hidden ones included.
     name_set names() const;
 

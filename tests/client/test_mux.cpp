@@ -55,9 +55,6 @@ TEST_F(mux, refuses_in_one_sentence_and_leaves_nothing)
         {"-o programme.wav --video programme.h264", 5, "exists already"},
     };
     for (const auto &[arguments, status, sentence] : cases) {
-        const command_result result = shell(std::string(TDMBREC "mux ") + arguments);
-        EXPECT_EQ(result.status, status) << arguments << result.err;
-        EXPECT_TRUE(contains(result.err, sentence)) << arguments << result.err;
-        EXPECT_EQ(names(), SAMPLE_ALONE) << arguments;
+        expect_refused(std::string("mux ") + arguments, status, sentence);
     }
 }
