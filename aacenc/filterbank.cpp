@@ -5,29 +5,11 @@
 #include "aacenc/encoder_state.h"
 #include "aacenc/fft.h"
 #include "aacenc/filterbank_tables.h"
+#include "aacenc/filterbank_twiddles.h"
+#include "aacenc/filterbank_vector.h"
 #include "aacenc/fixed_point.h"
 
 static constexpr int32_t kHalf = kFrameLines / 2; // points of the complex FFT
-
-// A twiddle factor cos + j sin. Those of a sequence lie an angle of -2 pi / 2048 apart and follow
-// by the recurrence next = before + 2j sin(angle) * current.
-struct Twiddle {
-    int32_t cos_q31;
-    int32_t sin_q31;
-};
-
-static constexpr int32_t kTwiceSinStep_q31 = -13176773;
-
-// First angles -2 pi / 8192 and 0, each behind the one before.
-static constexpr Twiddle kPreTwiddle[2] = {{2147477962, 4941293}, {2147483015, -1647099}};
-static constexpr Twiddle kPostTwiddle[2] = {{2147473540, 6588386}, {2147483647, 0}};
-
-// Takes a factor two steps on, past the one that follows it.
-static void advance(Twiddle *t, const Twiddle &following)
-{
-    t->cos_q31 = sub_s32(t->cos_q31, mul_q31(following.sin_q31, kTwiceSinStep_q31));
-    t->sin_q31 = add_s32(t->sin_q31, mul_q31(following.cos_q31, kTwiceSinStep_q31));
-}
 
 // Products of 16 bits and Q29 over 2^28: twice the windowed sample.
 // out |u| < 2 * 32768 * sqrt(2) < 2^17
@@ -95,13 +77,29 @@ static void post_twiddle(int32_t *spec)
     }
 }
 
-void buffer2freq(const int16_t *cur, int32_t *spec, const int16_t *prev, uint32_t frameCounter)
+void transform_plain(const int16_t *cur, int32_t *spec, const int16_t *prev)
 {
-    if (frameCounter == 0) {
-        std::fill_n(spec, kFrameLines, 0);
-        return;
-    }
     fold_and_twiddle(cur, prev, spec);
     AACENC_gCmplxFft(spec, kHalf);
     post_twiddle(spec);
+}
+
+// A checked build looks at the ranges of the plain version.
+static bool takes_vectors()
+{
+#ifdef TDMBREC_CHECKED
+    return false;
+#else
+    return vector_transform_available();
+#endif
+}
+
+void buffer2freq(const int16_t *cur, int32_t *spec, const int16_t *prev, uint32_t frameCounter)
+{
+    if (frameCounter == 0)
+        std::fill_n(spec, kFrameLines, 0);
+    else if (takes_vectors())
+        transform_vector(cur, spec, prev);
+    else
+        transform_plain(cur, spec, prev);
 }

@@ -13,4 +13,8 @@
 // source:  ISO/IEC 14496-3, 4.6.11.3
 void buffer2freq(const int16_t *cur, int32_t *spec, const int16_t *prev, uint32_t frameCounter);
 
+// The transform of buffer2freq in portable code: in place in `spec`, its twiddle factors made by
+// recurrence.
+void transform_plain(const int16_t *cur, int32_t *spec, const int16_t *prev);
+
 #endif // AACENC_FILTERBANK_H

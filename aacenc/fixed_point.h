@@ -22,14 +22,14 @@
 #endif
 
 // The value, which fits in 32 bits.
-inline int32_t narrow_s32(int64_t value)
+constexpr int32_t narrow_s32(int64_t value)
 {
     AACENC_CHECK(value == static_cast<int32_t>(value));
     return static_cast<int32_t>(value);
 }
 
 // The nearest 32-bit value.
-inline int32_t sat32(int64_t value)
+constexpr int32_t sat32(int64_t value)
 {
     return value > INT32_MAX   ? INT32_MAX
            : value < INT32_MIN ? INT32_MIN
@@ -37,48 +37,48 @@ inline int32_t sat32(int64_t value)
 }
 
 // a + b and a - b, which fit in 32 bits.
-inline int32_t add_s32(int32_t a, int32_t b)
+constexpr int32_t add_s32(int32_t a, int32_t b)
 {
     return narrow_s32(static_cast<int64_t>(a) + b);
 }
 
-inline int32_t sub_s32(int32_t a, int32_t b)
+constexpr int32_t sub_s32(int32_t a, int32_t b)
 {
     return narrow_s32(static_cast<int64_t>(a) - b);
 }
 
 // The magnitude of a value, 2^31 for the lowest one.
-inline uint32_t abs_u32(int32_t value)
+constexpr uint32_t abs_u32(int32_t value)
 {
     const uint32_t bits = static_cast<uint32_t>(value);
     return value < 0 ? 0U - bits : bits;
 }
 
 // a * b in 64 bits.
-inline int64_t mul_s64(int32_t a, int32_t b)
+constexpr int64_t mul_s64(int32_t a, int32_t b)
 {
     return static_cast<int64_t>(a) * b;
 }
 
 // The high 32 bits of a * b, rounded down.
-inline int32_t mulhi(int32_t a, int32_t b)
+constexpr int32_t mulhi(int32_t a, int32_t b)
 {
     return static_cast<int32_t>(mul_s64(a, b) >> 32);
 }
 
 // a * b with b in Q31, rounded down to an even number: the lowest bit of the product is lost.
-inline int32_t mul_q31(int32_t a, int32_t b)
+constexpr int32_t mul_q31(int32_t a, int32_t b)
 {
     return narrow_s32(mul_s64(mulhi(a, b), 2));
 }
 
 // a * c + b * d and a * c - b * d, the products as by mul_q31; the results fit in 32 bits.
-inline int32_t mul_add_q31(int32_t a, int32_t c_q31, int32_t b, int32_t d_q31)
+constexpr int32_t mul_add_q31(int32_t a, int32_t c_q31, int32_t b, int32_t d_q31)
 {
     return narrow_s32((static_cast<int64_t>(mulhi(a, c_q31)) + mulhi(b, d_q31)) * 2);
 }
 
-inline int32_t mul_sub_q31(int32_t a, int32_t c_q31, int32_t b, int32_t d_q31)
+constexpr int32_t mul_sub_q31(int32_t a, int32_t c_q31, int32_t b, int32_t d_q31)
 {
     return narrow_s32((static_cast<int64_t>(mulhi(a, c_q31)) - mulhi(b, d_q31)) * 2);
 }

@@ -11,6 +11,7 @@
 
 #include "aacenc/bitstream.h"
 #include "aacenc/filterbank.h"
+#include "aacenc/filterbank_vector.h"
 #include "aacenc/noiseless_coding.h"
 #include "aacenc/quantiser.h"
 #include "aacenc/quantiser_tables.h"
@@ -46,8 +47,12 @@ TEST(Equality, Transform)
             std::array<int32_t, 1024> expected;
             std::array<int32_t, 1024> lines;
             plain_transform(pcm.data() + 1024, expected.data(), pcm.data());
-            buffer2freq(pcm.data() + 1024, lines.data(), pcm.data(), 1);
+            transform_plain(pcm.data() + 1024, lines.data(), pcm.data());
             ASSERT_EQ(lines, expected) << "round " << round;
+            if (!vector_transform_available())
+                continue;
+            transform_vector(pcm.data() + 1024, lines.data(), pcm.data());
+            ASSERT_EQ(lines, expected) << "vectors, round " << round;
         }
     }
 }
