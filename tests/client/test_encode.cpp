@@ -1,6 +1,8 @@
 // The encoder alone, judged by decoders that nobody here wrote.
 #include "tests/client/command_test.h"
 
+#include <sstream>
+
 class encode : public command {};
 
 TEST_F(encode, makes_streams_that_decoders_take_without_a_word)
@@ -32,6 +34,22 @@ TEST_F(encode, makes_streams_that_decoders_take_without_a_word)
                       .out,
                   "");
     }
+}
+
+TEST_F(encode, sounds_like_its_input_with_the_polarity_turned)
+{
+    if (shell("command -v faad && ffmpeg -hide_banner -filters | grep asdr").status != 0) {
+        GTEST_SKIP() << "no faad, or an ffmpeg that does not measure";
+    }
+    // The decoder leaves out the first frame, by which the sound would be late.
+    const command_result told = shell(
+        TDMBREC "encode programme.wav -o a.aac >&2 && faad -q -o a.wav a.aac && "
+                "ffmpeg -nostdin -i programme.wav -i a.wav -lavfi '[1]volume=-1[b];[0][b]asdr' "
+                "-f null - 2>&1 | sed -n 's/.*SDR ch[01]: //p'");
+    std::string unit;
+    double left_db = 0, right_db = 0;
+    std::istringstream(told.out) >> left_db >> unit >> right_db;
+    EXPECT_GT(std::min(left_db, right_db), 20) << told.out;
 }
 
 TEST_F(encode, refuses_in_one_sentence_and_leaves_nothing)

@@ -23,6 +23,8 @@ TEST(omx_core, gives_handles_by_name_between_init_and_deinit)
     OMX_HANDLETYPE handle = nullptr;
     EXPECT_EQ(get_handle("OMX.qvr.tdmb.rec", &handle), OMX_ErrorNotReady);
     EXPECT_EQ(OMX_Init(), OMX_ErrorNone);
+    EXPECT_EQ(OMX_Init(), OMX_ErrorNone);
+    EXPECT_EQ(OMX_Deinit(), OMX_ErrorNone);
     ASSERT_EQ(get_handle("OMX.qvr.tdmb.rec", &handle), OMX_ErrorNone);
     const OMX_COMPONENTTYPE &component = *static_cast<OMX_COMPONENTTYPE *>(handle);
     EXPECT_EQ(component.nSize, sizeof component);

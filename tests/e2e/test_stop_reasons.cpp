@@ -64,20 +64,6 @@ TEST_F(StopReason, Is2WhenTheCardIsFull)
     std::filesystem::remove(CARD_FILE);
 }
 
-TEST_F(StopReason, Is4WhenTheFileCannotBeOpened)
-{
-    std::filesystem::create_directory(BUILT_IN_FILE); // a folder has the file's name
-    const auto client = start_recording();
-    send_programme(*client, 2);
-    EXPECT_EQ(client->wait_for_end(), 4u);
-    client->to_loaded();
-    std::filesystem::remove(BUILT_IN_FILE);
-    const auto again = start_recording(); // the component is as good as new
-    send_programme(*again, 30);
-    EXPECT_EQ(finish(*again), 1u);
-    EXPECT_EQ(video_samples(expect_plays()), 30u);
-}
-
 TEST_F(StopReason, Is5WhenAWriteFails)
 {
     use_card(); // says that there is room
