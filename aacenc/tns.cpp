@@ -40,15 +40,19 @@ void TnsInit(int32_t sampleRate, AacEncTns *tns)
 static void autocorrelate(int32_t length, const int32_t *lines, int64_t *r)
 {
     uint64_t energy = 0;
+    int64_t sums[kMaxTnsOrder + 1] = {};
     for (int32_t n = 0; n < length; n++)
         energy += static_cast<uint64_t>(mul_s64(lines[n], lines[n])) >> 9;
+    int32_t n = 0;
+    for (; n + kMaxTnsOrder < length; n++)
+        for (int32_t lag = 1; lag <= kMaxTnsOrder; lag++)
+            sums[lag] += mul_s64(lines[n + lag], lines[n]) >> 9;
+    for (; n < length; n++)
+        for (int32_t lag = 1; n + lag < length; lag++)
+            sums[lag] += mul_s64(lines[n + lag], lines[n]) >> 9;
     r[0] = static_cast<int64_t>(energy >> 11);
-    for (int32_t lag = 1; lag <= kMaxTnsOrder; lag++) {
-        int64_t sum = 0;
-        for (int32_t n = 0; n + lag < length; n++)
-            sum += mul_s64(lines[n + lag], lines[n]) >> 9;
-        r[lag] = sum >> 11;
-    }
+    for (int32_t lag = 1; lag <= kMaxTnsOrder; lag++)
+        r[lag] = sums[lag] >> 11;
 }
 
 // a * b with b in Q28, rounded down.
