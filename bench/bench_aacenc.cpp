@@ -1,4 +1,7 @@
-// The AAC encoder over the sample programme: CPU time per frame and multiples of real time.
+// The AAC encoder over the sample programme, whole and by stage: CPU time per frame and multiples
+// of real time. A stage is timed on one channel.
+#include <algorithm>
+#include <array>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -11,7 +14,12 @@
 #include <benchmark/benchmark.h>
 
 #include "aacenc/aac_enc.h"
+#include "aacenc/bitstream.h"
+#include "aacenc/element_syntax.h"
+#include "aacenc/encoder_state.h"
 #include "aacenc/filterbank.h"
+#include "aacenc/filterbank_vector.h"
+#include "aacenc/rate_loop.h"
 #include "tests/support/stream_hash.h"
 
 static constexpr int32_t kSampleRate = 48000;
@@ -85,17 +93,98 @@ BENCHMARK(encode_stereo)
     ->Args({128000, 1})
     ->Unit(benchmark::kMillisecond);
 
-static void transform_channel(benchmark::State &state)
+using Lines = std::array<int32_t, AACENC_FRAME_SAMPLES>;
+using Transform = void(const int16_t *cur, int32_t *spec, const int16_t *prev);
+
+// The left channel's lines, frame by frame.
+static std::vector<Lines> transform_programme(Transform *transform)
 {
-    int32_t lines[AACENC_FRAME_SAMPLES];
+    std::vector<Lines> frames;
+    int16_t pcm[2][AACENC_FRAME_SAMPLES] = {};
+    for (size_t at = 0; at < programme().size(); at += kFrame) {
+        std::copy_n(pcm[1], AACENC_FRAME_SAMPLES, pcm[0]);
+        for (size_t n = 0; n < AACENC_FRAME_SAMPLES; n++)
+            pcm[1][n] = programme()[at + 2 * n];
+        transform(pcm[1], frames.emplace_back().data(), pcm[0]);
+    }
+    return frames;
+}
+
+static void transform_channel(benchmark::State &state, Transform *transform)
+{
+    Lines lines;
     const int16_t *pcm = programme().data();
     for (auto _ : state) {
-        buffer2freq(pcm + AACENC_FRAME_SAMPLES, lines, pcm, 1);
+        transform(pcm + AACENC_FRAME_SAMPLES, lines.data(), pcm);
         benchmark::DoNotOptimize(lines);
     }
     report(state, 1);
 }
-BENCHMARK(transform_channel);
+BENCHMARK_CAPTURE(transform_channel, portable, transform_plain);
+
+// A stereo encoder whose left channel is coded alone.
+struct Coder {
+    void *handle;
+    EncTfState *tf;
+};
+
+static Coder open_coder()
+{
+    void *handle = open_encoder(128000, 0);
+    uint8_t output[AACENC_OUTPUT_BYTES];
+    AacEncAudioInfo audio = {.pcm = programme().data(), .deinterleave = 1};
+    AacEncStreamInfo stream = {.output = output};
+    if (QVR_AAC_ENC(AACENC_OP_ENCODE, &handle, &audio, &stream) != AACENC_OK)
+        std::abort();
+    return {handle, static_cast<AacEncHandle *>(handle)->state->tfState};
+}
+
+static void close_coder(Coder *coder)
+{
+    if (QVR_AAC_ENC(AACENC_OP_CLOSE, &coder->handle, nullptr, nullptr) != AACENC_OK)
+        std::abort();
+}
+
+static void code(const Lines &lines, EncTfState *tf)
+{
+    constexpr int32_t kBudget = 1366;
+    std::copy_n(lines.begin(), tf->bwLines, tf->channelBuffer[0]);
+    std::fill_n(tf->channelBuffer[0] + tf->bwLines, kFrameLines - tf->bwLines, 0);
+    tf->bitsLeft = kMaxChannels * kMaxChannelBits;
+    if (tf_encode_spectrum_aac(&tf->channelBuffer[0], kOnlyLongSequence, kBudget, tf->bitstream,
+                               tf->coderInfo[0], tf->chInfo[0], tf) != 0)
+        std::abort();
+}
+
+static void code_channel(benchmark::State &state)
+{
+    const std::vector<Lines> frames = transform_programme(transform_plain);
+    Coder coder = open_coder();
+    for (auto _ : state)
+        for (const Lines &lines : frames)
+            code(lines, coder.tf);
+    report(state, frames.size());
+    close_coder(&coder);
+}
+BENCHMARK(code_channel)->Unit(benchmark::kMillisecond);
+
+static void write_channel(benchmark::State &state)
+{
+    uint8_t output[AACENC_OUTPUT_BYTES];
+    Coder coder = open_coder();
+    const std::vector<Lines> frames = transform_programme(transform_plain);
+    code(frames[frames.size() / 2], coder.tf);
+    const int32_t expected = WriteSCE(coder.tf->coderInfo[0], 0, nullptr, 0, coder.tf);
+    for (auto _ : state) {
+        bitstream_start(coder.tf->bitstream, output);
+        if (WriteSCE(coder.tf->coderInfo[0], 0, coder.tf->bitstream, 1, coder.tf) != expected)
+            state.SkipWithError("the element is not as long as it counts");
+        benchmark::DoNotOptimize(output);
+    }
+    report(state, 1);
+    close_coder(&coder);
+}
+BENCHMARK(write_channel);
 
 int main(int argc, char **argv)
 {
@@ -103,6 +192,14 @@ int main(int argc, char **argv)
     if (encode_programme(128000, 0) != kProgrammeStreamHash) {
         std::fprintf(stderr, "bench_aacenc: the encoder's stream is not the expected one\n");
         return 1;
+    }
+    if (vector_transform_available()) {
+        if (transform_programme(transform_vector) != transform_programme(transform_plain)) {
+            std::fprintf(stderr, "bench_aacenc: the vector transform is not the portable one\n");
+            return 1;
+        }
+        benchmark::RegisterBenchmark("transform_channel/vectors", transform_channel,
+                                     transform_vector);
     }
     benchmark::RunSpecifiedBenchmarks();
     return 0;
