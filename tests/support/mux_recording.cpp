@@ -3,6 +3,7 @@
 #include "client/mp4_reader.h"
 
 #include <algorithm>
+#include <cstring>
 
 namespace mux_test {
 
@@ -29,12 +30,38 @@ Bytes bytes(const std::string &notation)
     return result;
 }
 
+std::string hex(const Bytes &bytes)
+{
+    std::string digits;
+    for (const uint8_t byte : bytes) {
+        digits += "0123456789ABCDEF"[byte >> 4];
+        digits += "0123456789ABCDEF"[byte & 15];
+    }
+    return digits;
+}
+
+Bytes number(uint64_t value, size_t width)
+{
+    Bytes result(width);
+    for (; width > 0; value >>= 8) {
+        result[--width] = static_cast<uint8_t>(value);
+    }
+    return result;
+}
+
+uint32_t code(const char *characters)
+{
+    uint32_t value = 0;
+    std::memcpy(&value, characters, 4);
+    return value;
+}
+
 // clang-format off
 recording::recording(bool with_64bit, uint32_t flags)
     : init(make_callbacks(with_64bit)),
       input{.m_iYear = 2009, .m_iMonth = 9, .m_iDay = 5, .m_iHour = 17, .m_iMinute = 5,
             .m_iSecond = 18, .m_uiVideoTrackID = 77, .m_iVideoWidth = 320, .m_iVideoHeight = 240,
-            .m_uiVideoFourCC = 0x31637661, .m_uiAudioTrackID = 78, .m_iAudioSampleRate = 48000,
+            .m_uiVideoFourCC = code("avc1"), .m_uiAudioTrackID = 78, .m_iAudioSampleRate = 48000,
             .m_iAudioBitsPerSample = 16, .m_iAudioChannels = 2, .m_iAudioCodec = 0xAAC0}
 // clang-format on
 {
@@ -44,11 +71,10 @@ recording::recording(bool with_64bit, uint32_t flags)
 
 void recording::set_cache(cache_layout layout)
 {
-    static constexpr int32_t kSizes[][3] = {
-        {0, 0, 0}, {0x100000, 0xC0000, 0x80000}, {40000, 0, 0}, {8, 17, 9}};
+    static constexpr int32_t kSizes[][3] = {{0, 0, 0}, {0x100000, 0xC0000, 0x80000}, {8, 17, 9}};
     const auto &[output_bytes, video_bytes, audio_bytes] = kSizes[static_cast<size_t>(layout)];
-    cache.assign(static_cast<size_t>(output_bytes + video_bytes + audio_bytes), 0xEE);
-    init.m_pCacheMem = cache.empty() ? nullptr : cache.data();
+    static Bytes cache(0x240000, 0xEE);
+    init.m_pCacheMem = output_bytes == 0 ? nullptr : cache.data();
     init.m_iCacheSize = output_bytes;
     init.m_iVideoCacheSize = video_bytes;
     init.m_iAudioCacheSize = audio_bytes;
@@ -56,8 +82,8 @@ void recording::set_cache(cache_layout layout)
 
 void recording::lend_close_memory(int32_t bytes)
 {
-    close_bytes.assign(static_cast<size_t>(bytes), 0xDD);
-    close_mem = {close_bytes.data(), bytes};
+    static Bytes memory(0x300000, 0xDD);
+    close_mem = {bytes != 0 ? memory.data() : nullptr, bytes};
 }
 
 int32_t recording::open()
@@ -100,7 +126,7 @@ int32_t recording::audio(uint32_t time_ms, size_t size)
 
 int32_t recording::close()
 {
-    return QVR_MP4_MUX(MUX_CLOSE, &handle, close_bytes.empty() ? nullptr : &close_mem, nullptr);
+    return QVR_MP4_MUX(MUX_CLOSE, &handle, &close_mem, nullptr);
 }
 
 mp4_mux_error_t recording::error()
@@ -154,18 +180,6 @@ std::string check_samples(const recording &r)
         }
     }
     return "";
-}
-
-int32_t put_programme(recording &r, uint32_t frames, uint32_t gop)
-{
-    int32_t result = 0;
-    uint32_t time_ms = 0;
-    for (uint32_t i = 0; i < frames && result >= 0; i++) {
-        result = r.video(time_ms, 40 + i * 13 % 90, i % gop == 0);
-        result = result < 0 ? result : r.audio(time_ms + 2, 20 + i * 7 % 30);
-        time_ms += i % 3 == 2 ? 34u : 33u;
-    }
-    return result;
 }
 
 } // namespace mux_test

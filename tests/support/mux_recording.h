@@ -24,6 +24,9 @@ class MuxTest : public testing::Test {
 
 // Bytes from hexadecimal digits and texts in quotes: "00000008 'free'".
 Bytes bytes(const std::string &notation);
+std::string hex(const Bytes &bytes);
+Bytes number(uint64_t value, size_t width = 4); // big-endian
+uint32_t code(const char *characters);          // four of them, in memory order
 Bytes operator+(Bytes a, const Bytes &b);
 
 // H.264 parameter sets and an AudioSpecificConfig (AAC LC, 48 kHz, stereo).
@@ -32,7 +35,7 @@ inline const Bytes kPps = bytes("68CE3C80");
 inline const Bytes kAudioConfig = bytes("1190");
 
 // Caches as a recorder lends them.
-enum class cache_layout { own, recorder, pooled, tiny };
+enum class cache_layout { own, recorder, tiny };
 
 // A frame that was put, whatever came of it.
 struct put_frame {
@@ -50,7 +53,6 @@ struct recording {
     void *handle = nullptr;
     std::string output = "out.mp4";
     Bytes video_private = join_nal_units({kSps, kPps}), audio_private = kAudioConfig;
-    Bytes cache, close_bytes;
     int64_t estimate = 0;
     std::vector<put_frame> frames;
 
@@ -76,10 +78,6 @@ struct recording {
 // frame whose put failed may be there as well.
 // returns  the first difference; empty when there is none
 std::string check_samples(const recording &r);
-
-// Two tracks with frames of changing size and distance, a key frame every `gop`.
-// returns  the first error
-int32_t put_programme(recording &r, uint32_t frames, uint32_t gop);
 
 } // namespace mux_test
 
