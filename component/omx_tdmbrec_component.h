@@ -164,6 +164,7 @@ typedef struct omx_tdmbrec_component_PrivateType {
     char szRecordingPath[TDMBREC_PATH_BYTES + 1]; // szOutFileName as the start found it, terminated
     uint8_t ucAudioPtsCount;                      // entries of the audio ring in use
     uint32_t uiStopsInProgress;                   // atomic: ends being closed and reported
+    uint32_t bIsLeaving;                          // atomic: being destroyed, records no more
     uint8_t bAudioWritten;                        // under lockTDMBRecording: audio in the file
     uint8_t bVideoWritten;                        // under lockTDMBRecording: video in the file
     uint8_t bInBandParameterSets; // the file carries its parameter sets in the access units
@@ -201,7 +202,8 @@ TDMBREC_API OMX_ERRORTYPE omx_tdmbrec_component_GetParameter(OMX_HANDLETYPE hCom
 // goes to the base component.
 // returns OMX_ErrorBadParameter for a null handle or record, OMX_ErrorInvalidComponent for a handle
 // without a component; for a start OMX_ErrorInsufficientResources when another component of the
-// process is recording or memory is short; else 0 or the base's result.
+// process is recording, memory is short or the component is being destroyed; else 0 or the base's
+// result.
 // thread: the client's; a start or stop may also come from the client's event handler.
 TDMBREC_API OMX_ERRORTYPE omx_tdmbrec_component_SetParameter(OMX_HANDLETYPE hComponent,
                                                              OMX_INDEXTYPE eIndex,

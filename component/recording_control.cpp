@@ -52,6 +52,9 @@ static OMX_ERRORTYPE start_claimed_recording(OMX_COMPONENTTYPE *pComponent)
 
 OMX_ERRORTYPE start_recording(OMX_COMPONENTTYPE *pComponent)
 {
+    if (load_shared(private_record(pComponent)->bIsLeaving) != 0) {
+        return OMX_ErrorInsufficientResources;
+    }
     switch (claim_recording(private_record(pComponent))) {
     case CLAIM_GRANTED:
         return start_claimed_recording(pComponent);
@@ -79,14 +82,16 @@ void stop_recording(OMX_COMPONENTTYPE *pComponent)
 void stop_recording_for_good(OMX_COMPONENTTYPE *pComponent)
 {
     omx_tdmbrec_component_PrivateType *const pPrivate = private_record(pComponent);
-    if (take_recording(pPrivate)) {
-        begin_stop(pComponent, TDMBREC_STOP_DESTROYED);
-    }
-    // Also when somebody else took it a moment ago.
-    while (load_shared(global_recording_owner) == pPrivate ||
-           load_shared(pPrivate->uiStopsInProgress) != 0) {
+    store_shared<uint32_t>(pPrivate->bIsLeaving, 1);
+    // Somebody else may have ended it a moment ago; from the event of that end the client may be
+    // starting the next one.
+    do {
+        if (take_recording(pPrivate)) {
+            begin_stop(pComponent, TDMBREC_STOP_DESTROYED);
+        }
         usleep(1);
-    }
+    } while (load_shared(global_recording_owner) == pPrivate ||
+             load_shared(pPrivate->uiStopsInProgress) != 0);
     const pthread_t hThread = exchange_shared(pPrivate->hStopThread, pthread_t{});
     if (hThread != pthread_t{}) {
         (void)pthread_join(hThread, nullptr);

@@ -9,8 +9,8 @@
 
 // Starts a recording to the path last set. A start while the component records changes nothing.
 // returns OMX_ErrorNone, also when there is no storage (the client gets the end of the recording
-// with reason 0); OMX_ErrorInsufficientResources when another component of the process records or
-// memory is short.
+// with reason 0); OMX_ErrorInsufficientResources when another component of the process records,
+// memory is short or the component is being destroyed.
 [[nodiscard]] OMX_ERRORTYPE start_recording(OMX_COMPONENTTYPE *pComponent);
 
 // Ends the active recording on the client's request; waits for the buffer in hand, not for the end.
