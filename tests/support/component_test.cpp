@@ -35,9 +35,7 @@ std::unique_ptr<IlClient> ComponentTest::make_client(const char *name)
 std::unique_ptr<IlClient> ComponentTest::make_recorder(const std::string &path)
 {
     std::unique_ptr<IlClient> client = make_client();
-    client->to_executing();
-    EXPECT_EQ(client->set_path(path), OMX_ErrorNone);
-    EXPECT_EQ(client->start(), OMX_ErrorNone);
+    client->start_recording(path);
     return client;
 }
 

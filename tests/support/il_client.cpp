@@ -14,6 +14,13 @@ IlClient::IlClient(const Make &make, Release release)
     }
 }
 
+template <typename Condition>
+bool IlClient::wait(Condition is_over, int timeout_ms)
+{
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, std::chrono::milliseconds(timeout_ms), is_over);
+}
+
 IlClient::~IlClient()
 {
     destroy();
@@ -54,22 +61,23 @@ OMX_ERRORTYPE IlClient::empty_buffer_done(OMX_HANDLETYPE, OMX_PTR self,
     return OMX_ErrorNone;
 }
 
-bool IlClient::wait_for_command(OMX_COMMANDTYPE command, OMX_U32 data, size_t from)
+void IlClient::change_state(OMX_STATETYPE state, const std::function<void()> &meanwhile)
 {
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, std::chrono::seconds(30), [&] {
-        return std::any_of(
-            events_.begin() + static_cast<ptrdiff_t>(from), events_.end(), [&](const IlEvent &e) {
-                return e.event == OMX_EventCmdComplete && e.data1 == command && e.data2 == data;
-            });
-    });
+    const IlEvent expected{OMX_EventCmdComplete, OMX_CommandStateSet, static_cast<OMX_U32>(state),
+                           nullptr};
+    const ptrdiff_t from = static_cast<ptrdiff_t>(count(OMX_EventCmdComplete));
+    ASSERT_EQ(OMX_SendCommand(handle_, OMX_CommandStateSet, state, nullptr), OMX_ErrorNone);
+    meanwhile();
+    ASSERT_TRUE(wait([&] {
+        const std::vector<IlEvent> done = events_of(OMX_EventCmdComplete);
+        return std::find(done.begin() + from, done.end(), expected) != done.end();
+    })) << "state "
+        << state;
 }
 
 void IlClient::set_state(OMX_STATETYPE state)
 {
-    const size_t from = events().size();
-    ASSERT_EQ(OMX_SendCommand(handle_, OMX_CommandStateSet, state, nullptr), OMX_ErrorNone);
-    ASSERT_TRUE(wait_for_command(OMX_CommandStateSet, state, from)) << "state " << state;
+    change_state(state, [] {});
 }
 
 void IlClient::allocate_buffers(uint32_t buffer_bytes)
@@ -93,10 +101,7 @@ void IlClient::allocate_buffers(uint32_t buffer_bytes)
 
 void IlClient::to_executing(uint32_t buffer_bytes)
 {
-    const size_t from = events().size();
-    ASSERT_EQ(OMX_SendCommand(handle_, OMX_CommandStateSet, OMX_StateIdle, nullptr), OMX_ErrorNone);
-    allocate_buffers(buffer_bytes);
-    ASSERT_TRUE(wait_for_command(OMX_CommandStateSet, OMX_StateIdle, from));
+    change_state(OMX_StateIdle, [&] { allocate_buffers(buffer_bytes); });
     set_state(OMX_StateExecuting);
 }
 
@@ -117,32 +122,32 @@ void IlClient::to_loaded()
     if (state != OMX_StateIdle) {
         set_state(OMX_StateIdle);
     }
-    const size_t from = events().size();
-    ASSERT_EQ(OMX_SendCommand(handle_, OMX_CommandStateSet, OMX_StateLoaded, nullptr),
-              OMX_ErrorNone);
-    free_buffers();
-    ASSERT_TRUE(wait_for_command(OMX_CommandStateSet, OMX_StateLoaded, from));
+    change_state(OMX_StateLoaded, [&] { free_buffers(); });
+}
+
+OMX_BUFFERHEADERTYPE *IlClient::take_free_buffer(OMX_U32 port)
+{
+    OMX_BUFFERHEADERTYPE *header = nullptr;
+    EXPECT_TRUE(wait([&] {
+        for (OMX_BUFFERHEADERTYPE *const candidate : buffers_[port]) {
+            if (std::find(out_.begin(), out_.end(), candidate) == out_.end()) {
+                header = candidate;
+                out_.push_back(header);
+                return true;
+            }
+        }
+        return false;
+    })) << "no buffer of port "
+        << port << " comes back";
+    return header;
 }
 
 OMX_BUFFERHEADERTYPE *IlClient::post(OMX_U32 port, std::span<const uint8_t> data, int64_t ts_us,
                                      OMX_U32 flags)
 {
-    OMX_BUFFERHEADERTYPE *header = nullptr;
-    {
-        std::unique_lock lock(mutex_);
-        const bool is_free = changed_.wait_for(lock, std::chrono::seconds(30), [&] {
-            const auto found = std::find_if(
-                buffers_[port].begin(), buffers_[port].end(), [&](const OMX_BUFFERHEADERTYPE *h) {
-                    return std::find(out_.begin(), out_.end(), h) == out_.end();
-                });
-            header = found == buffers_[port].end() ? nullptr : *found;
-            return header != nullptr;
-        });
-        if (!is_free) {
-            ADD_FAILURE() << "no buffer of port " << port << " comes back";
-            return nullptr;
-        }
-        out_.push_back(header);
+    OMX_BUFFERHEADERTYPE *const header = take_free_buffer(port);
+    if (header == nullptr) {
+        return nullptr;
     }
     if (!data.empty()) {
         memcpy(header->pBuffer, data.data(), data.size());
@@ -160,10 +165,8 @@ OMX_BUFFERHEADERTYPE *IlClient::post(OMX_U32 port, std::span<const uint8_t> data
 
 bool IlClient::wait_until_back(const OMX_BUFFERHEADERTYPE *header, int timeout_ms)
 {
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, std::chrono::milliseconds(timeout_ms), [&] {
-        return std::find(out_.begin(), out_.end(), header) == out_.end();
-    });
+    return wait([&] { return std::find(out_.begin(), out_.end(), header) == out_.end(); },
+                timeout_ms);
 }
 
 void IlClient::send(OMX_U32 port, std::span<const uint8_t> data, int64_t ts_us, OMX_U32 flags)
@@ -192,35 +195,38 @@ OMX_ERRORTYPE IlClient::stop()
     return OMX_SetParameter(handle_, INDEX_STOP, &any);
 }
 
+void IlClient::start_recording(const std::string &path)
+{
+    to_executing();
+    EXPECT_EQ(set_path(path), OMX_ErrorNone);
+    EXPECT_EQ(start(), OMX_ErrorNone);
+}
+
 std::optional<uint32_t> IlClient::wait_for_end(int timeout_ms)
 {
-    std::unique_lock lock(mutex_);
-    std::optional<uint32_t> reason;
-    changed_.wait_for(lock, std::chrono::milliseconds(timeout_ms), [&] {
-        size_t ends = 0;
-        for (const IlEvent &event : events_) {
-            if (event.event == EVENT_END_OF_RECORDING && ends++ == ends_seen_) {
-                reason = event.data2;
-                return true;
-            }
-        }
-        return false;
-    });
-    if (reason) {
-        ends_seen_++;
+    std::vector<IlEvent> ends;
+    if (!wait([&] { return (ends = events_of(EVENT_END_OF_RECORDING)).size() > ends_seen_; },
+              timeout_ms)) {
+        return std::nullopt;
     }
-    return reason;
+    return ends[ends_seen_++].data2;
 }
 
-size_t IlClient::count(OMX_EVENTTYPE event)
+std::vector<IlEvent> IlClient::events_of(OMX_EVENTTYPE kind) const
 {
-    const std::lock_guard lock(mutex_);
-    return static_cast<size_t>(std::count_if(events_.begin(), events_.end(),
-                                             [&](const IlEvent &e) { return e.event == event; }));
+    std::vector<IlEvent> found;
+    std::copy_if(events_.begin(), events_.end(), std::back_inserter(found),
+                 [&](const IlEvent &event) { return event.event == kind; });
+    return found;
 }
 
-std::vector<IlEvent> IlClient::events()
+std::vector<IlEvent> IlClient::events(OMX_EVENTTYPE kind)
 {
     const std::lock_guard lock(mutex_);
-    return events_;
+    return events_of(kind);
+}
+
+size_t IlClient::count(OMX_EVENTTYPE kind)
+{
+    return events(kind).size();
 }

@@ -25,6 +25,7 @@ struct IlEvent {
     OMX_U32 data1;
     OMX_U32 data2;
     OMX_PTR data;
+    bool operator==(const IlEvent &) const = default;
 };
 
 class IlClient {
@@ -58,11 +59,13 @@ class IlClient {
     OMX_ERRORTYPE set_path(const std::string &path);
     OMX_ERRORTYPE start();
     OMX_ERRORTYPE stop();
+    // Goes to Executing, sets the path and starts.
+    void start_recording(const std::string &path);
     // Waits for the next end of recording. returns its reason.
     std::optional<uint32_t> wait_for_end(int timeout_ms = 60000);
     // Events of one kind received so far.
-    size_t count(OMX_EVENTTYPE event);
-    std::vector<IlEvent> events();
+    std::vector<IlEvent> events(OMX_EVENTTYPE kind);
+    size_t count(OMX_EVENTTYPE kind);
 
     // Called from the component's threads.
     std::function<void(const IlEvent &)> on_event;
@@ -74,9 +77,13 @@ class IlClient {
     static OMX_ERRORTYPE event_handler(OMX_HANDLETYPE, OMX_PTR self, OMX_EVENTTYPE, OMX_U32,
                                        OMX_U32, OMX_PTR);
     static OMX_ERRORTYPE empty_buffer_done(OMX_HANDLETYPE, OMX_PTR self, OMX_BUFFERHEADERTYPE *);
-    bool wait_for_command(OMX_COMMANDTYPE command, OMX_U32 data, size_t from);
+    void change_state(OMX_STATETYPE state, const std::function<void()> &meanwhile);
     void allocate_buffers(uint32_t buffer_bytes);
     void free_buffers();
+    OMX_BUFFERHEADERTYPE *take_free_buffer(OMX_U32 port);
+    template <typename Condition>
+    bool wait(Condition is_over, int timeout_ms = 30000);
+    std::vector<IlEvent> events_of(OMX_EVENTTYPE kind) const; // under mutex_
 
     OMX_CALLBACKTYPE callbacks_;
     Release release_;

@@ -41,9 +41,7 @@ std::unique_ptr<IlClient> RecorderTest::make_client()
 std::unique_ptr<IlClient> RecorderTest::start_recording(const std::string &path)
 {
     std::unique_ptr<IlClient> client = make_client();
-    client->to_executing();
-    EXPECT_EQ(client->set_path(path), OMX_ErrorNone);
-    EXPECT_EQ(client->start(), OMX_ErrorNone);
+    client->start_recording(path);
     return client;
 }
 
