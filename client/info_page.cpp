@@ -39,7 +39,7 @@ th, td { text-align: left; padding: 7px 16px 7px 0; border-top: 1px solid var(--
 tr:first-child > * { border-top: 0; }
 th { font-weight: 500; color: var(--quiet); }
 td { font-variant-numeric: tabular-nums; }
-svg { display: block; width: 100%; height: auto; margin-top: 8px; }
+svg { display: block; width: 100%; min-width: 560px; height: auto; margin-top: 8px; }
 svg text { font-size: 12px; fill: var(--quiet); }
 .grid { stroke: var(--line); }
 .axis, .zero { stroke: var(--axis); }
@@ -98,7 +98,8 @@ static std::string track_table(const media_report &report)
     std::vector<std::string> coding, frames, length, rate, keys, gaps;
     std::string names = "<tr><th></th>";
     for (const track_report &track : report.tracks) {
-        names += "<th scope=\"col\">" + html_text(track.kind) + "</th>";
+        names += "<th scope=\"col\">" + print("Track %zu: ", gaps.size() + 1) +
+                 html_text(track.kind) + "</th>";
         coding.push_back(track_text(track));
         frames.push_back(print("%llu", static_cast<unsigned long long>(track.frames)) +
                          (track.frame_s > 0 ? print(", %.2f a second", 1 / track.frame_s) : ""));

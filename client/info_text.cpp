@@ -34,9 +34,10 @@ std::string lead_text(const lead_range &lead)
                      : print("sound %ld to %ld ms ahead of the picture", low, high);
 }
 
-static std::string describe_track(const track_report &track)
+static std::string describe_track(const track_report &track, size_t number)
 {
-    std::string text = "  " + track.kind + "  " + track_text(track) + "\n         " +
+    std::string text = print("  Track %zu  ", number) + track.kind + ", " + track_text(track) +
+                       "\n           " +
                        print("%llu frames", static_cast<unsigned long long>(track.frames));
     if (track.frame_s > 0) {
         text += print(" at %.2f a second", 1 / track.frame_s);
@@ -45,7 +46,7 @@ static std::string describe_track(const track_report &track)
         ", " + duration_text(track.duration_s) +
         print(", %.0f kbit/s, at most %.0f\n", track.bit_rate / 1000, track.bit_rate_max / 1000);
     if (!track.keys_s.empty()) {
-        text += print("         %zu key frames", track.keys_s.size()) +
+        text += print("           %zu key frames", track.keys_s.size()) +
                 (track.key_distance_s > 0 ? print(", at most %.2f s apart", track.key_distance_s)
                                           : "") +
                 "\n";
@@ -55,12 +56,12 @@ static std::string describe_track(const track_report &track)
         const time_gap &gap = track.gaps[i];
         missing_s += gap.length_s;
         if (i < GAPS_LISTED) {
-            text += "         gap of " + print("%.3f s at ", gap.length_s) +
+            text += "           gap of " + print("%.3f s at ", gap.length_s) +
                     duration_text(gap.begin_s) + "\n";
         }
     }
     if (track.gaps.size() > GAPS_LISTED) {
-        text += print("         %zu gaps in all, %.3f s\n", track.gaps.size(), missing_s);
+        text += print("           %zu gaps in all, %.3f s\n", track.gaps.size(), missing_s);
     }
     return text;
 }
@@ -71,17 +72,17 @@ std::string info_text(const media_report &report)
                        size_text(report.bytes) +
                        print(" (%llu bytes)", static_cast<unsigned long long>(report.bytes)) +
                        (report.created.empty() ? "" : ", made " + report.created) + "\n";
-    for (const track_report &track : report.tracks) {
-        text += describe_track(track);
+    for (size_t i = 0; i < report.tracks.size(); i++) {
+        text += describe_track(report.tracks[i], i + 1);
     }
     if (const std::optional<lead_range> lead = whole_lead(report)) {
-        text += "  Order  in the file, " + lead_text(*lead) + "\n";
+        text += "  Order    in the file, " + lead_text(*lead) + "\n";
     }
     for (const std::string &remark : report.remarks) {
-        text += "  Note   " + remark + "\n";
+        text += "  Note     " + remark + "\n";
     }
     for (const std::string &fault : report.faults) {
-        text += "  Fault  " + fault + "\n";
+        text += "  Fault    " + fault + "\n";
     }
     return text + (report.faults.empty() ? "  No fault found.\n" : "");
 }

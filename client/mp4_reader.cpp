@@ -12,7 +12,7 @@ using bytes = std::span<const uint8_t>;
 constexpr size_t MAX_FAULTS = 100;
 constexpr size_t MAX_BOXES = 1 << 16;
 constexpr size_t MAX_TRACKS = 64;
-constexpr size_t MAX_SAMPLES = 1 << 23; // of all tracks together
+constexpr size_t MAX_SAMPLES = 1 << 22; // of all tracks together
 constexpr unsigned MAX_DEPTH = 8;
 
 // Reads big-endian numbers; reading past the end gives zeros and is remembered.

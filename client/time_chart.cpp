@@ -149,7 +149,7 @@ void time_chart_level(time_chart &chart, const char *style, double value)
 
 std::string time_chart_svg(const time_chart &chart, const std::string &label)
 {
-    return print("<svg viewBox=\"0 0 %.0f %.0f\" role=\"img\" aria-label=\"", WIDTH,
-                 TOP + chart.height + BOTTOM) +
-           html_text(label) + "\">\n" + chart.body + "</svg>\n";
+    return print("<div class=\"wide\"><svg viewBox=\"0 0 %.0f %.0f\" role=\"img\" aria-label=\"",
+                 WIDTH, TOP + chart.height + BOTTOM) +
+           html_text(label) + "\">\n" + chart.body + "</svg></div>\n";
 }

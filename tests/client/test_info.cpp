@@ -47,8 +47,8 @@ TEST_F(info, tells_what_a_sound_file_holds)
 {
     const std::string text = report_on(whole);
     for (const char *const part :
-         {"AAC-LC, 48000 Hz, stereo\n         470 frames at 46.9", "No fault found.\n",
-          "Constrained Baseline 1.3, 320x240\n         300 frames at 30.00 a second, 0:10.0, ",
+         {"AAC-LC, 48000 Hz, stereo\n           470 frames at 46.9", "No fault found.\n",
+          "Constrained Baseline 1.3, 320x240\n           300 frames at 30.00 a second, 0:10.0, ",
           "10 key frames, at most 1.00 s apart\n"}) {
         EXPECT_TRUE(contains(text, part)) << text;
     }
@@ -69,7 +69,7 @@ TEST_F(info, names_every_fault)
         bytes patch;
         const char *told;
     } cases[] = {
-        {behind("moov"), {'x', 'x', 'x', 'x'}, "Fault  box "},
+        {behind("moov"), {'x', 'x', 'x', 'x'}, "Fault    box "},
         {behind("mdat") - 4, {'f', 'r', 'e', 'e'}, "track 1: 470 frames outside the media data"},
         {behind("mvhd") + 12, {0, 0, 0, 0}, "the movie has a time scale of 0"},
         {behind("mvhd") + 96, {0, 0, 0, 1}, "the next track's number is used already"},
@@ -94,7 +94,7 @@ TEST_F(info, names_every_fault)
         {behind("avcC") - 4, {'x'}, "track 2: has no parameter sets"},
         {behind("esds") - 4, {'x'}, "track 1: has no decoder configuration"},
         {stts_of_pictures - 4, {'x'}, "track 2: table stts is missing"},
-        {stts_of_pictures + 12, {0, 4, 0, 0}, "         gap of 2.8"},
+        {stts_of_pictures + 12, {0, 4, 0, 0}, "           gap of 2.8"},
         {stts_of_pictures + 8, {0, 1}, "track 2: stts has times for more samples"},
     };
     for (const auto &[at, patch, told] : cases) {
