@@ -1,0 +1,113 @@
+// The encoder with any parameters and any sound. What comes out is one access unit per frame that a
+// parser accounts for to the last bit.
+//
+// Input: sample rate (1 byte: one of the nine, else that many hundreds of Hz), channels (1), bit
+// rate in units of 500 bit/s (2), a byte of flags, and the frames, each with a byte for its kind.
+#include "aacenc/aac_enc.h"
+#include "fuzz/input.h"
+#include "tests/support/aac_parser.h"
+
+#include <array>
+#include <cstring>
+
+static constexpr std::array<int32_t, 9> SAMPLE_RATES = {48000, 44100, 32000, 24000, 22050,
+                                                        16000, 12000, 11025, 8000};
+static constexpr size_t MOST_FRAMES = 24;
+
+using Pcm = std::array<int16_t, 2 * AACENC_FRAME_SAMPLES>;
+
+static int live_blocks;
+
+static void *count_malloc(size_t size)
+{
+    live_blocks++;
+    return std::malloc(size);
+}
+
+static void count_free(void *block)
+{
+    live_blocks -= block != nullptr ? 1 : 0;
+    std::free(block);
+}
+
+static void fill_frame(Input &input, Pcm &pcm)
+{
+    const uint32_t kind = input.u8() % 5;
+    const int16_t level = static_cast<int16_t>(input.u16());
+    const uint32_t period = input.u8() + 1;
+    uint32_t noise = input.u16();
+    for (size_t i = 0; i < pcm.size(); i++) {
+        noise = noise * 1664525 + 1013904223;
+        const int16_t random = static_cast<int16_t>(noise >> 16);
+        const bool is_high = i / period % 2 != 0;
+        const std::array<int, 4> values = {level, is_high ? level : ~level,
+                                           i == noise % pcm.size() ? level : 0,
+                                           random * level / 32768};
+        pcm[i] = kind == 4 ? static_cast<int16_t>(input.u16()) : static_cast<int16_t>(values[kind]);
+    }
+}
+
+struct Encoder {
+    AacEncCallbacks callbacks = {count_malloc, count_free, std::memcpy,
+                                 std::memset,  nullptr,    std::memmove};
+    AacEncAudioInfo audio = {};
+    AacEncStreamInfo stream = {};
+    AacEncInitParams params = {};
+    void *handle = nullptr;
+};
+
+static void describe(Input &input, Encoder &encoder)
+{
+    const uint32_t rate = input.u8();
+    encoder.audio.sampleRate =
+        rate < SAMPLE_RATES.size() ? SAMPLE_RATES[rate] : static_cast<int32_t>(rate * 100);
+    encoder.audio.channels = static_cast<int32_t>(input.u8() % 4);
+    encoder.stream.bitRate = static_cast<int32_t>(input.u16() * 500);
+    const uint32_t flags = input.u8();
+    encoder.audio.deinterleave = flags & 1;
+    encoder.params = {.audioInfo = &encoder.audio,
+                      .streamInfo = &encoder.stream,
+                      .callbacks = &encoder.callbacks,
+                      .outputFormat = static_cast<uint8_t>(flags & 2),
+                      .pns = static_cast<int32_t>(flags & 4),
+                      .tns = static_cast<int32_t>(flags & 8),
+                      .mpeg2Id = static_cast<int32_t>(flags >> 4 & 1)};
+}
+
+static void encode_frame(Input &input, Encoder &encoder, int sampling_index)
+{
+    static Pcm pcm;
+    fill_frame(input, pcm);
+    encoder.audio.pcm = pcm.data();
+    encoder.audio.pcmSecond = pcm.data() + AACENC_FRAME_SAMPLES;
+    Bytes output(AACENC_OUTPUT_BYTES);
+    encoder.stream.output = output.data();
+    require(QVR_AAC_ENC(AACENC_OP_ENCODE, &encoder.handle, &encoder.audio, &encoder.stream) ==
+                AACENC_OK,
+            "every frame can be coded");
+    const size_t header_bytes = encoder.params.outputFormat == AACENC_FORMAT_ADTS ? 7 : 0;
+    const size_t output_bytes = static_cast<size_t>(encoder.stream.outputBytes);
+    require(output_bytes > header_bytes && output_bytes <= output.size(), "the access unit fits");
+    AacFrame frame;
+    const std::string error = parse_raw_data_block(
+        {output.data() + header_bytes, output_bytes - header_bytes}, sampling_index, &frame);
+    require(error.empty(), error);
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    Input input = {{data, size}};
+    Encoder encoder;
+    describe(input, encoder);
+    if (QVR_AAC_ENC(AACENC_OP_INIT, &encoder.handle, &encoder.params, nullptr) == AACENC_OK) {
+        const auto rate =
+            std::find(SAMPLE_RATES.begin(), SAMPLE_RATES.end(), encoder.audio.sampleRate);
+        for (size_t i = 0; i < MOST_FRAMES && !input.left.empty(); i++) {
+            encode_frame(input, encoder, 3 + static_cast<int>(rate - SAMPLE_RATES.begin()));
+        }
+        require(QVR_AAC_ENC(AACENC_OP_CLOSE, &encoder.handle, nullptr, nullptr) == AACENC_OK,
+                "an open encoder closes");
+    }
+    require(encoder.handle == nullptr && live_blocks == 0, "nothing is kept");
+    return 0;
+}

@@ -1,0 +1,139 @@
+// The muxer from its open to its close with any frames, while any one of its callbacks fails. It
+// gives back everything, and what it finished is a sound file.
+//
+// Input: how it is opened (4 bytes), what fails (4 bytes), then the frames: kind and distance in
+// time (2 bytes), size (2 bytes).
+#include "client/mp4_reader.h"
+#include "fuzz/input.h"
+#include "tests/support/mux_callbacks.h"
+
+using mux_test::world;
+
+static constexpr size_t MOST_FRAMES = 400;
+
+// Parameter sets in start-code form and an AudioSpecificConfig.
+static uint8_t video_private[] = {0,    0,    0,    1, 0x67, 0x42, 0xC0, 0x1E, 0xDA, 0x05, 0x07,
+                                  0xE8, 0x40, 0x10, 0, 0,    0,    1,    0x68, 0xCE, 0x3C, 0x80};
+static uint8_t audio_private[] = {0x11, 0x90};
+
+struct Recording {
+    mp4_mux_init_t init = {};
+    mp4_mux_input_t input = {};
+    Bytes cache, close_bytes;
+    char name[8] = "out.mp4";
+    void *handle = nullptr;
+    size_t frame_count[3] = {}; // by type
+    size_t media_bytes = 0;
+};
+
+static void describe(Input &input, Recording &recording)
+{
+    static constexpr int32_t CACHES[][3] = {
+        {0, 0, 0}, {0x10000, 0x3000, 0x2000}, {40000, 0, 0}, {8, 17, 9}};
+    const uint32_t how = input.u8();
+    const auto &[output_bytes, video_bytes, audio_bytes] = CACHES[input.u8() % 4];
+    recording.cache.resize(static_cast<size_t>(output_bytes + video_bytes + audio_bytes));
+    recording.close_bytes.resize(input.u16() * 4);
+    recording.init = mux_test::make_callbacks(how & 1);
+    recording.init.m_pOutput = recording.name;
+    recording.init.m_pszTempDir = "/tmp";
+    recording.init.m_uiStreamFlags = how >> 1 & 3;
+    recording.init.m_uiOptions = how >> 3 & MUX_OPTION_32BIT_OFFSET;
+    recording.init.m_pfnAppendFile = how & 0x10 ? mux_test::append_whole_file : nullptr;
+    recording.init.m_pCacheMem = recording.cache.empty() ? nullptr : recording.cache.data();
+    recording.init.m_iCacheSize = output_bytes;
+    recording.init.m_iVideoCacheSize = video_bytes;
+    recording.init.m_iAudioCacheSize = audio_bytes;
+    recording.input = {.m_iYear = 2009,
+                       .m_iDay = 1,
+                       .m_iVideoWidth = 320,
+                       .m_iVideoHeight = 240,
+                       .m_uiVideoFourCC = 0x31637661,
+                       .m_pbyVideoPrivate = video_private,
+                       .m_iVideoPrivateSize = sizeof(video_private),
+                       .m_iAudioSampleRate = 48000,
+                       .m_iAudioBitsPerSample = 16,
+                       .m_iAudioChannels = 2,
+                       .m_iAudioCodec = 0xAAC0,
+                       .m_pbyAudioPrivate = audio_private,
+                       .m_iAudioPrivateSize = sizeof(audio_private)};
+}
+
+static void arm_failure(Input &input)
+{
+    const uint32_t what = input.u8();
+    const uint32_t flags = input.u8();
+    world.fail = {.kind = static_cast<mux_test::call>(what % 9),
+                  .at = input.u16(),
+                  .from_then_on = (flags & 1) != 0,
+                  .partial = (flags & 2) != 0};
+}
+
+static void put_frames(Input &input, Recording &recording)
+{
+    uint32_t time_ms = 0;
+    for (size_t i = 0; i < MOST_FRAMES && !input.left.empty(); i++) {
+        const uint32_t kind = input.u8();
+        const uint32_t type = kind & 1 ? MUX_TYPE_VIDEO : MUX_TYPE_AUDIO;
+        time_ms += kind & 4 ? input.u16() : input.u8();
+        const Bytes bytes(input.u16() % (kind & 8 ? 65536 : 256), static_cast<uint8_t>(i));
+        mp4_mux_putstream_t frame = {.m_pbyData = bytes.data(),
+                                     .m_iDataSize = static_cast<int32_t>(bytes.size()),
+                                     .m_iType = static_cast<int32_t>(type),
+                                     .m_uiTimeStamp = time_ms,
+                                     .m_uiTimeStamp2 = time_ms,
+                                     .m_uiFlags = kind >> 1 & MUX_FRAME_KEY};
+        int64_t estimate = 0;
+        if (QVR_MP4_MUX(MUX_PUTFRAME, &recording.handle, &frame, &estimate) >= 0) {
+            recording.frame_count[type]++;
+            recording.media_bytes += bytes.size();
+        }
+    }
+}
+
+static int32_t close(Recording &recording)
+{
+    mp4_mux_closemem_t memory = {recording.close_bytes.data(),
+                                 static_cast<int32_t>(recording.close_bytes.size())};
+    const int32_t result = QVR_MP4_MUX(MUX_CLOSE, &recording.handle,
+                                       recording.close_bytes.empty() ? nullptr : &memory, nullptr);
+    if (result < 0 && recording.handle != nullptr) {
+        (void)QVR_MP4_MUX(MUX_CLOSE, &recording.handle, nullptr, nullptr);
+    }
+    return result;
+}
+
+static size_t count_samples(const mp4_reader::movie &movie, const char *handler)
+{
+    const mp4_reader::track *const track = mp4_reader::find_track(movie, handler);
+    return track == nullptr ? 0 : track->samples.size();
+}
+
+static void check_file(const Recording &recording)
+{
+    const mp4_reader::movie movie = mp4_reader::read_movie(world.files["out.mp4"].bytes);
+    require(movie.error.empty(), movie.error);
+    require(count_samples(movie, "vide") == recording.frame_count[MUX_TYPE_VIDEO] &&
+                count_samples(movie, "soun") == recording.frame_count[MUX_TYPE_AUDIO],
+            "each frame is a sample");
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    Input input = {{data, size}};
+    mux_test::reset_world();
+    Recording recording;
+    describe(input, recording);
+    arm_failure(input);
+    const int32_t opened =
+        QVR_MP4_MUX(MUX_OPEN, &recording.handle, &recording.init, &recording.input);
+    if (opened >= 0) {
+        put_frames(input, recording);
+    }
+    if (recording.handle != nullptr && close(recording) >= 0 && opened >= 0 &&
+        recording.media_bytes > 0 && world.fail.at == 0) {
+        check_file(recording);
+    }
+    require(mux_test::leftovers().empty(), mux_test::leftovers());
+    return 0;
+}

@@ -1,0 +1,189 @@
+// The buffer callback with any buffers, over several recordings of one component. Every buffer is
+// consumed or kept whole, every recording is reported once, nothing leaks, and a file that was
+// finished is a sound one.
+//
+// Input: steps of one byte each with what they need, see take_step.
+#include "client/mp4_reader.h"
+#include "component/omx_tdmbrec_component.h"
+#include "fuzz/input.h"
+#include "platform/android_log.h"
+#include "platform/host/host_control.h"
+
+#include <atomic>
+#include <cstring>
+#include <sys/mman.h>
+#include <unistd.h>
+
+static constexpr char OUTPUT[] = "/mnt/sdcard/fuzz.mp4";
+static constexpr size_t MOST_STEPS = 200;
+
+static int output_file = -1;         // a second descriptor of the finished file
+static uint32_t writes_left;         // then every write fails
+static std::atomic<uint32_t> ends;   // recordings reported
+static std::atomic<uint32_t> reason; // of the last one
+
+extern "C" void *__wrap_QVR_FILE_fopen(const char *name, const char *mode)
+{
+    const int file = memfd_create("fuzz", 0);
+    if (std::strcmp(name, OUTPUT) == 0) {
+        (void)close(output_file);
+        output_file = dup(file);
+    }
+    FILE *const stream = fdopen(file, mode);
+    (void)setvbuf(stream, nullptr, _IONBF, 0);
+    return stream;
+}
+
+extern "C" size_t __wrap_QVR_FILE_fwrite(const void *bytes, size_t size, size_t count, void *file)
+{
+    if (writes_left == 0) {
+        return 0;
+    }
+    writes_left--;
+    return fwrite(bytes, size, count, static_cast<FILE *>(file));
+}
+
+extern "C" int __wrap_remove(const char *)
+{
+    return 0;
+}
+
+static OMX_ERRORTYPE handle_event(OMX_HANDLETYPE, OMX_PTR, OMX_EVENTTYPE event, OMX_U32,
+                                  OMX_U32 data2, OMX_PTR)
+{
+    if (event == TDMBREC_EVENT_END_OF_RECORDING) {
+        reason = data2;
+        ends++;
+    }
+    return OMX_ErrorNone;
+}
+
+static omx_tdmbrec_component_PrivateType *record_of(OMX_COMPONENTTYPE *component)
+{
+    return static_cast<omx_tdmbrec_component_PrivateType *>(component->pComponentPrivate);
+}
+
+// A component that executes, without the framework's part in it.
+static OMX_COMPONENTTYPE *make_component()
+{
+    static OMX_COMPONENTTYPE component = {};
+    static OMX_CALLBACKTYPE callbacks = {handle_event, nullptr, nullptr};
+    host_set_log_level(ANDROID_LOG_SILENT + 1);
+    require(omx_tdmbrec_component_Init(&component) == OMX_ErrorNone, "there is a component");
+    require(component.SetCallbacks(&component, &callbacks, nullptr) == OMX_ErrorNone, "callbacks");
+    std::atomic_ref(record_of(&component)->stBase.eState).store(OMX_StateExecuting);
+    return &component;
+}
+
+static void start(OMX_COMPONENTTYPE *component)
+{
+    char path[TDMBREC_PATH_BYTES] = {};
+    std::memcpy(path, OUTPUT, sizeof(OUTPUT));
+    (void)OMX_SetParameter(component, TDMBREC_INDEX_OUTPUT_PATH, path);
+    (void)OMX_SetParameter(component, TDMBREC_INDEX_START, path);
+}
+
+// Ends the recording, if there still is one, and looks at its file.
+static void finish(OMX_COMPONENTTYPE *component, uint32_t ends_before)
+{
+    OMX_U32 any = 0;
+    (void)OMX_SetParameter(component, TDMBREC_INDEX_STOP, &any);
+    for (int i = 0; ends == ends_before && i < 100000; i++) {
+        usleep(20);
+    }
+    require(ends == ends_before + 1, "a recording is reported once");
+    const off_t bytes = output_file < 0 ? 0 : lseek(output_file, 0, SEEK_END);
+    if (bytes > 0 && writes_left > 0 && reason != TDMBREC_STOP_STORAGE) {
+        Bytes image(static_cast<size_t>(bytes));
+        require(pread(output_file, image.data(), image.size(), 0) == bytes, "the file can be read");
+        const mp4_reader::movie movie = mp4_reader::read_movie(image);
+        require(movie.error.empty() || mp4_reader::find(movie.boxes, "moov") == nullptr,
+                movie.error);
+    }
+    (void)close(output_file);
+    output_file = -1;
+}
+
+static void offer(OMX_COMPONENTTYPE *component, uint8_t port, Bytes data, int64_t ts_us)
+{
+    const uint32_t length = static_cast<uint32_t>(data.size());
+    OMX_BUFFERHEADERTYPE header = {};
+    header.pBuffer = data.data();
+    header.nAllocLen = length;
+    header.nFilledLen = length;
+    header.nTimeStamp = ts_us;
+    record_of(component)->ucBufferPort = port;
+    omx_tdmbrec_component_BufferMgmtCallback(component, &header);
+    require(header.nFilledLen == 0 || header.nFilledLen == length, "consumed or kept whole");
+}
+
+// An access unit: up to 7 units with a start code of 3 or 4 bytes, a type and some bytes.
+static Bytes take_access_unit(Input &input)
+{
+    static constexpr uint8_t START_CODE[] = {0, 0, 0, 1};
+    Bytes data;
+    const uint32_t units = input.u8() % 8;
+    for (uint32_t i = 0; i < units; i++) {
+        const uint32_t form = input.u8();
+        data.insert(data.end(), START_CODE + (form >> 7), START_CODE + 4);
+        data.push_back(static_cast<uint8_t>(0x60 | (form & 0x1F)));
+        const Bytes content = input.bytes(input.u8() % 48);
+        data.insert(data.end(), content.begin(), content.end());
+    }
+    return data;
+}
+
+static int64_t take_time(Input &input, int64_t ts_us)
+{
+    const uint32_t form = input.u8();
+    if (form < 0xF0) {
+        return ts_us + form * 1000;
+    }
+    const int64_t time = static_cast<int64_t>(input.number(8));
+    return form & 1 ? time : time >> 24;
+}
+
+static void take_step(OMX_COMPONENTTYPE *component, Input &input, int64_t *ts_us)
+{
+    const uint32_t step = input.u8() % 8;
+    if (step == 6) {
+        host_fail_call(HOST_CALL_MALLOC, input.u8(), 1);
+    } else if (step == 7) {
+        host_set_storage(0, 100000, 51200 + input.u8());
+    } else {
+        const int64_t time = take_time(input, *ts_us);
+        *ts_us = step < 3 ? time : *ts_us;
+        const uint8_t port = step < 4 ? TDMBREC_PORT_VIDEO : TDMBREC_PORT_AUDIO;
+        const Bytes data = step < 3   ? take_access_unit(input)
+                           : step < 4 ? input.bytes(input.u8() + 1)
+                                      : Bytes(input.u16() % 16384 + 1, 0x5A);
+        offer(component, port, data, time);
+    }
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    static OMX_COMPONENTTYPE *const component = make_component();
+    static const int64_t live_blocks = host_live_allocations();
+    Input input = {{data, size}};
+    for (int i = 0; i < 3 && !input.left.empty(); i++) {
+        const uint32_t budget = input.u8();
+        writes_left = budget < 128 ? UINT32_MAX : budget - 128;
+        host_set_storage(0, 100000, 60000);
+        OMX_AUDIO_PARAM_PCMMODETYPE pcm = {};
+        pcm.nSamplingRate = budget & 2 ? 48000 : budget & 4 ? 8000 : 50000;
+        (void)OMX_SetParameter(component, OMX_IndexParamAudioPcm, &pcm);
+        const uint32_t ends_before = ends;
+        start(component);
+        int64_t ts_us = 1000000;
+        const size_t steps = input.u8() % MOST_STEPS;
+        for (size_t step = 0; step < steps && !input.left.empty(); step++) {
+            take_step(component, input, &ts_us);
+        }
+        finish(component, ends_before);
+        host_fail_call(HOST_CALL_MALLOC, 0, 0);
+        require(host_live_allocations() == live_blocks && host_live_storage_handles() == 0,
+                "nothing is kept");
+    }
+    return 0;
+}
