@@ -133,42 +133,43 @@ static std::vector<MatrixPoint> matrix_points()
     return points;
 }
 
+static std::string describe(const MatrixPoint &point)
+{
+    const EncoderOptions &options = point.options;
+    return std::to_string(options.bit_rate) +
+           (options.format == AACENC_FORMAT_ADTS ? " adts" : " raw") +
+           (options.mpeg2_id ? " mpeg2" : "") + (options.pns ? " pns" : "") +
+           (options.tns ? " tns" : "") + " signal" + std::to_string(point.signal);
+}
+
 // Puts a stream where decoders can judge it: one file for each sample rate and number of channels,
 // and beside it a list of what the file is made of.
-static void keep_stream(const MatrixPoint &point, const Stream &stream)
+static void keep_stream(const std::string &path, const MatrixPoint &point, const Stream &stream)
 {
-    const char *folder = std::getenv("AAC_STREAMS");
-    if (!folder)
-        return;
-    const EncoderOptions &options = point.options;
-    const std::string path = std::string(folder) + "/" + std::to_string(options.sample_rate) + "_" +
-                             std::to_string(options.channels);
     std::ofstream(path + ".aac", std::ios::binary | std::ios::app)
         .write(reinterpret_cast<const char *>(stream.adts.data()),
                static_cast<std::streamsize>(stream.adts.size()));
     std::ofstream(path + ".txt", std::ios::app)
-        << stream.adts.size() << ' ' << stream.frames.size() << ' ' << options.bit_rate
-        << (options.format == AACENC_FORMAT_ADTS ? " adts" : " raw")
-        << (options.mpeg2_id ? " mpeg2" : "") << (options.pns ? " pns" : "")
-        << (options.tns ? " tns" : "") << " signal" << point.signal << '\n';
+        << stream.adts.size() << ' ' << stream.frames.size() << ' ' << describe(point) << '\n';
 }
 
 // Every combination of sample rate, bit rate, channels, framing, ID bit, tools and signal: one in
-// 29 of them in an ordinary run, all with AAC_MATRIX=whole.
+// 29 of them in an ordinary run, all with AAC_MATRIX=whole. AAC_STREAMS names a folder for them.
 TEST(Streams, EveryConfigurationObeysTheSyntax)
 {
+    const char *folder = std::getenv("AAC_STREAMS");
     const bool whole = std::getenv("AAC_MATRIX") != nullptr;
-    const size_t stride = whole ? 1 : 29;
-    const int frames = whole ? 32 : 12;
     const std::vector<MatrixPoint> points = matrix_points();
-    for (size_t turn = 0; turn < points.size(); turn += stride) {
+    for (size_t turn = 0; turn < points.size(); turn += whole ? 1 : 29) {
         const MatrixPoint &point = points[turn];
-        SCOPED_TRACE(testing::Message()
-                     << "point " << turn << ": " << point.options.sample_rate << " Hz, "
-                     << point.options.bit_rate << " bit/s, signal " << point.signal);
-        const Signal signal = matrix_signal(point.signal, turn);
-        keep_stream(
-            point, encode_and_parse(point.options, render(signal, point.options.channels, frames)));
+        const int channels = point.options.channels;
+        const std::string group =
+            std::to_string(point.options.sample_rate) + "_" + std::to_string(channels);
+        SCOPED_TRACE(group + ": " + describe(point));
+        const Stream stream = encode_and_parse(
+            point.options, render(matrix_signal(point.signal, turn), channels, whole ? 32 : 12));
+        if (folder)
+            keep_stream(std::string(folder) + "/" + group, point, stream);
     }
 }
 

@@ -3,8 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
-#include <map>
-#include <utility>
+#include <unordered_map>
 
 #include "aacenc/band_tables.h"
 #include "aacenc/huffman_tables.h"
@@ -41,14 +40,13 @@ struct Reader {
     }
 };
 
-using Codebook = std::map<std::pair<uint32_t, uint32_t>, int>; // (length, code) to index
+using Codebook = std::unordered_map<uint32_t, int>; // length << 24 | codeword to index
 
-template <size_t kEntries>
-Codebook make_codebook(const uint32_t (&entries)[kEntries])
+Codebook make_codebook(std::span<const uint32_t> entries)
 {
     Codebook book;
-    for (size_t i = 0; i < kEntries; i++)
-        book[{entries[i] >> 24, entries[i] & 0xFFFFFF}] = static_cast<int>(i);
+    for (const uint32_t entry : entries)
+        book.emplace(entry, static_cast<int>(book.size()));
     return book;
 }
 
@@ -60,12 +58,11 @@ int get_codeword(Reader &in, size_t number)
         make_codebook(huff1), make_codebook(huff2),  make_codebook(huff3),  make_codebook(huff4),
         make_codebook(huff5), make_codebook(huff6),  make_codebook(huff7),  make_codebook(huff8),
         make_codebook(huff9), make_codebook(huff10), make_codebook(huff11), make_codebook(huff12)};
-    const Codebook &book = books[number - 1];
     uint32_t code = 0;
     for (uint32_t length = 1; length <= 19; length++) {
         code = code << 1 | static_cast<uint32_t>(in.get(1));
-        const auto found = book.find({length, code});
-        if (found != book.end())
+        const auto found = books[number - 1].find(length << 24 | code);
+        if (found != books[number - 1].end())
             return found->second;
     }
     return in.fail("unknown codeword");
@@ -135,10 +132,8 @@ void parse_tns_data(Reader &in)
             in.fail("TNS coefficient -8");
 }
 
-int get_escape(Reader &in, int magnitude)
+int get_escape(Reader &in)
 {
-    if (magnitude != 16)
-        return magnitude;
     int prefix = 4;
     while (prefix <= 12 && in.get(1) == 1)
         prefix++;
@@ -159,7 +154,7 @@ void parse_group(Reader &in, int book, int *values)
     for (int i = 0; i < group && !is_signed; i++)
         negative[i] = values[i] != 0 && in.get(1) == 1;
     for (int i = 0; i < group; i++) {
-        const int magnitude = book == 11 ? get_escape(in, values[i]) : values[i];
+        const int magnitude = book == 11 && values[i] == 16 ? get_escape(in) : values[i];
         values[i] = negative[i] ? -magnitude : magnitude;
     }
 }
