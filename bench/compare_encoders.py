@@ -1,11 +1,11 @@
 #!/usr/bin/python3
 """Compares this encoder with FFmpeg's fast one: CPU time and signal-to-noise ratio, in one run.
 
-usage: bench/compare_encoders.py ENCODE_WAV [MINUTES]
+usage: bench/compare_encoders.py TDMBREC [MINUTES]
 
-ENCODE_WAV is the program of that name from a release build. Both encode the sample programme, in a
-loop of MINUTES (10), to 128 kbit/s; FFmpeg's decoder decodes both. Needs the Debian packages
-ffmpeg and python3-numpy.
+TDMBREC is the command from a release build. Both encode the sample programme, in a loop of MINUTES
+(10), to 128 kbit/s; FFmpeg's decoder decodes both. Needs the Debian packages ffmpeg and
+python3-numpy.
 """
 import os
 import resource
@@ -33,7 +33,7 @@ def write_loop(path, minutes):
 
 def cpu_seconds(command):
     before = resource.getrusage(resource.RUSAGE_CHILDREN)
-    subprocess.run(command, check=True)
+    subprocess.run(command, check=True, stdout=subprocess.DEVNULL)
     after = resource.getrusage(resource.RUSAGE_CHILDREN)
     return after.ru_utime + after.ru_stime - before.ru_utime - before.ru_stime
 
@@ -74,7 +74,8 @@ def main():
         coded = os.path.join(folder, 'coded.aac')
         write_loop(pcm, minutes)
         encoders = {
-            'aacenc': [sys.argv[1], pcm, coded, str(BIT_RATE)],
+            'aacenc': [sys.argv[1], 'encode', pcm, '--force', '--output', coded,
+                       '--bitrate', str(BIT_RATE)],
             'ffmpeg fast': FFMPEG + ['-i', pcm, '-c:a', 'aac', '-aac_coder', 'fast',
                                      '-b:a', str(BIT_RATE), coded],
         }
