@@ -62,13 +62,10 @@ static void *count_realloc(void *block, size_t size)
     return *world.memory.insert(std::realloc(block, size)).first;
 }
 
-static void *copy_unless_ghost(void *destination, const void *source, size_t count)
+static void *check_memcpy(void *destination, const void *source, size_t count)
 {
     const uint8_t *from = static_cast<const uint8_t *>(source);
     const uint8_t *to = static_cast<const uint8_t *>(destination);
-    if (from >= world.ghost && from < world.ghost + world.ghost_bytes) {
-        return destination;
-    }
     check(to >= from + count || from >= to + count, "memcpy of overlapping memory");
     return std::memcpy(destination, source, count);
 }
@@ -123,19 +120,12 @@ static size_t memory_fwrite(const void *buffer, size_t, size_t count, void *hand
     if (fails(call::fwrite)) {
         count = world.fail.partial ? count / 2 : 0;
     }
-    const uint64_t end = file.position + count;
-    const bool is_dropped = file.position >= world.hole_begin && end <= world.hole_end;
-    for (size_t i = 0; i < count && !is_dropped; i++) {
-        const uint64_t at = file.position + i;
-        if (at < world.hole_begin || at >= world.hole_end) {
-            const uint64_t hole = at < world.hole_begin ? 0 : world.hole_end - world.hole_begin;
-            const size_t place = static_cast<size_t>(at - hole);
-            file.bytes.resize(std::max(file.bytes.size(), place + 1));
-            file.bytes[place] = static_cast<const uint8_t *>(buffer)[i];
-        }
-    }
-    file.position = end;
-    file.size = std::max(file.size, end);
+    const uint64_t hole = file.position < world.hole_end ? 0 : world.hole_end - world.hole_begin;
+    const size_t place = static_cast<size_t>(file.position - hole);
+    file.bytes.resize(std::max(file.bytes.size(), place + count));
+    std::copy_n(static_cast<const uint8_t *>(buffer), count, file.bytes.data() + place);
+    file.position += count;
+    file.size = std::max(file.size, file.position);
     return count;
 }
 
@@ -191,7 +181,7 @@ int32_t append_whole_file(void *destination, void *source, int32_t)
 mp4_mux_init_t make_callbacks(bool with_64bit)
 {
     return {.m_pfnMalloc = count_malloc, .m_pfnFree = count_free,
-            .m_pfnMemcpy = copy_unless_ghost, .m_pfnMemset = std::memset,
+            .m_pfnMemcpy = check_memcpy, .m_pfnMemset = std::memset,
             .m_pfnRealloc = count_realloc, .m_pfnFopen = memory_fopen, .m_pfnFread = memory_fread,
             .m_pfnFseek = memory_fseek, .m_pfnFtell = memory_ftell, .m_pfnFclose = memory_fclose,
             .m_pfnFwrite = memory_fwrite, .m_pfnRemove = memory_remove,

@@ -34,10 +34,8 @@ struct world_state {
     std::map<call, uint32_t> calls;
     failure fail;
     std::vector<std::string> opened, removed;
-    uint64_t hole_begin = UINT64_MAX, hole_end = UINT64_MAX; // what is written there is dropped
-    const uint8_t *ghost = nullptr; // memory that is never read: copies from it are skipped
-    size_t ghost_bytes = 0;
-    std::string misuse; // the first forbidden call
+    uint64_t hole_begin = UINT64_MAX, hole_end = UINT64_MAX; // positions that no file keeps
+    std::string misuse;                                      // the first forbidden call
 };
 extern world_state world;
 

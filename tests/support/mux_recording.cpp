@@ -73,8 +73,9 @@ void recording::set_cache(cache_layout layout)
 {
     static constexpr int32_t kSizes[][3] = {{0, 0, 0}, {0x100000, 0xC0000, 0x80000}, {8, 17, 9}};
     const auto &[output_bytes, video_bytes, audio_bytes] = kSizes[static_cast<size_t>(layout)];
-    static Bytes cache(0x240000, 0xEE);
-    init.m_pCacheMem = output_bytes == 0 ? nullptr : cache.data();
+    static Bytes cache(0x240000, 0xEE); // lent from its end: what is written behind is seen
+    uint8_t *start = cache.data() + cache.size() - output_bytes - video_bytes - audio_bytes;
+    init.m_pCacheMem = output_bytes == 0 ? nullptr : start;
     init.m_iCacheSize = output_bytes;
     init.m_iVideoCacheSize = video_bytes;
     init.m_iAudioCacheSize = audio_bytes;
@@ -83,7 +84,7 @@ void recording::set_cache(cache_layout layout)
 void recording::lend_close_memory(int32_t bytes)
 {
     static Bytes memory(0x300000, 0xDD);
-    close_mem = {bytes != 0 ? memory.data() : nullptr, bytes};
+    close_mem = {bytes != 0 ? memory.data() + memory.size() - bytes : nullptr, bytes};
 }
 
 int32_t recording::open()
