@@ -29,6 +29,8 @@ TEST_F(Recording, StopsWithTheReasonOfItsPathOrStorage)
     EXPECT_EQ(end_of(""), 0u);
     EXPECT_EQ(end_of("/mnt/sdcard/none/x.mp4"), 4u);
     EXPECT_TRUE(has_logged("[Open:-4] Error:can't open file<mux_open\n"));
+    EXPECT_TRUE(has_logged("In QVR_FILE_fopen : /mnt/sdcard/none/x.mp4 open error\n"));
+    EXPECT_TRUE(has_logged("In QVR_FILE_fopen : File Handle[0x00000000]\n"));
     host_fail_call(HOST_CALL_DFGET, 0, 1);
     EXPECT_EQ(end_of(RECORDING), 0u);
     host_set_storage(0, 8000000, 51200);

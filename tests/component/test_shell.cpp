@@ -1,5 +1,4 @@
 #include "component/audio_encoder.h"
-#include "component/file_callbacks.h"
 #include "component/process_state.h"
 #include "component/zpl_aenc.h"
 #include "platform/host/host_control.h"
@@ -169,15 +168,4 @@ TEST_F(Shell, TheEncoderAdapterKeepsNothingAfterAFailure)
     EXPECT_EQ(zpl_aenc_init(&zpl, &init, 0, 0, QVR_AAC_ENC), -3);
     EXPECT_TRUE(has_logged(": [ZPL_CORE:Err-3] gspfAEnc AUDIO_INIT failed \n"));
     EXPECT_EQ(live_blocks, 0);
-}
-
-TEST_F(Shell, TheFileWrappersTraceOpenAndClose)
-{
-    EXPECT_EQ(QVR_FILE_fopen("/mnt/sdcard/none/x", "wb+"), nullptr);
-    EXPECT_TRUE(has_logged("In QVR_FILE_fopen : /mnt/sdcard/none/x open error\n"));
-    EXPECT_TRUE(has_logged("In QVR_FILE_fopen : File Handle[0x00000000]\n"));
-    void *const file = QVR_FILE_fopen(RECORDING, "wb+");
-    ASSERT_NE(file, nullptr);
-    EXPECT_EQ(QVR_FILE_fclose(file), 0);
-    EXPECT_TRUE(has_logged("QVR_FILE_fclose return 0\n"));
 }

@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <deque>
+#include <optional>
 #include <random>
 
 struct Buffer {
@@ -18,8 +19,6 @@ struct Buffer {
     int64_t ts_us;
     uint32_t pcm_bytes;
 };
-
-using Time = std::pair<int, uint32_t>; // MUX_TYPE_..., ms in the file
 
 static uint64_t cap(uint64_t ms)
 {
@@ -30,22 +29,18 @@ static uint64_t cap(uint64_t ms)
 // last time of the kind.
 struct Clock {
     int64_t base_us = 0, last_us = 0;
-    bool has_rolled_back = false;
-    uint64_t backup_ms = 0, last_ms = 0;
+    std::optional<uint64_t> backup_ms;
+    uint64_t last_ms = 0;
 
-    void check_rollback(int64_t ts_us)
+    uint64_t map(int64_t ts_us, uint64_t frame_ms)
     {
         if (last_us > ts_us) {
-            has_rolled_back = true;
             backup_ms = last_ms;
             base_us = ts_us;
         }
-    }
-    uint64_t map(int64_t ts_us, uint64_t frame_ms)
-    {
         last_us = ts_us;
         const uint64_t distance_us = static_cast<uint64_t>(ts_us) - static_cast<uint64_t>(base_us);
-        return cap(distance_us / 1000 + (has_rolled_back ? frame_ms + backup_ms : 0));
+        return cap(distance_us / 1000 + (backup_ms ? frame_ms + *backup_ms : 0));
     }
 };
 
@@ -59,7 +54,7 @@ struct Model {
     uint64_t audio_frame_ms; // 0 until the encoder is open
     uint32_t frame_bytes;
     bool encoder_fails = false;
-    std::vector<Time> times = {};
+    NotedTimes times = {};
 
     Clock video = {}, audio = {};
     uint64_t interval_ms = 0, origin_ms = 0;
@@ -79,9 +74,7 @@ struct Model {
     void take_video(const Buffer &buffer)
     {
         if (video.base_us == 0) {
-            video.base_us = audio.base_us = buffer.ts_us;
-        } else {
-            video.check_rollback(buffer.ts_us);
+            video.base_us = video.last_us = audio.base_us = buffer.ts_us;
         }
         const uint64_t ms = video.map(buffer.ts_us, interval_ms);
         if (buffer.has_parameter_sets && origin_ms == 0) {
@@ -109,7 +102,6 @@ struct Model {
         if (audio.base_us == 0 || buffer.ts_us < audio.base_us) {
             return;
         }
-        audio.check_rollback(buffer.ts_us);
         const uint64_t ms = audio.map(buffer.ts_us, audio_frame_ms);
         audio_frame_ms = 21;
         if (origin_ms == 0 || ms < origin_ms) {
@@ -127,6 +119,10 @@ struct Model {
             }
         }
     }
+    void take(const Buffer &buffer)
+    {
+        buffer.is_video ? take_video(buffer) : take_audio(buffer);
+    }
     void take_frame()
     {
         audio.last_ms = ring.empty() ? cap(audio.last_ms + audio_frame_ms) : lift(ring[0].first);
@@ -142,22 +138,10 @@ using Random = std::mt19937_64;
 static int64_t random_step(Random &random, int64_t frame_us, bool is_wild)
 {
     const int64_t any = static_cast<int64_t>(random());
-    switch (random() % (is_wild ? 16 : 12)) {
-    case 0:
-        return frame_us + any % 20000; // jitter
-    case 1:
-        return -std::abs(any % 10000000);
-    case 2:
-        return std::abs(any % 5000000);
-    case 3:
-        return any % 2000;
-    case 12:
-        return std::abs(any % 8000000000000); // up to twice of 32 bits in ms
-    case 13:
-        return -std::abs(any % 8000000000000);
-    default:
-        return frame_us;
-    }
+    const int64_t steps[] = {any % 2000, frame_us + any % 20000, any % 10000000,
+                             any % 8000000000000}; // twice of 32 bits in ms
+    const size_t kind = random() % 12;
+    return kind < (is_wild ? 4u : 3u) ? steps[kind] : frame_us;
 }
 
 // Both kinds in any order and in bursts, with jitter, gaps and clocks that jump. Wild ones leave 32
@@ -196,28 +180,10 @@ static Bytes data_of(const Buffer &buffer)
                : Bytes{0, 0, 0, 1, 0x41, 7};
 }
 
-static std::vector<Time> times_of(const std::vector<mp4_mux_putstream_t> &frames)
+static Random seeded_random()
 {
-    std::vector<Time> times;
-    for (const mp4_mux_putstream_t &frame : frames) {
-        times.emplace_back(frame.m_iType, frame.m_uiTimeStamp);
-    }
-    return times;
-}
-
-static std::vector<uint32_t> ticks_of(const mp4_reader::movie &movie, const char *handler)
-{
-    std::vector<uint32_t> ticks;
-    for (const mp4_reader::sample &sample : mp4_reader::find_track(movie, handler)->samples) {
-        ticks.push_back(static_cast<uint32_t>(sample.time));
-    }
-    return ticks;
-}
-
-static uint64_t random_seed()
-{
-    const char *const text = getenv("SEED");
-    return text == nullptr ? 1 : strtoull(text, nullptr, 10);
+    const char *const seed = getenv("SEED");
+    return Random(seed == nullptr ? 1 : strtoull(seed, nullptr, 10));
 }
 
 class TimeLine : public ComponentTest {};
@@ -254,8 +220,8 @@ TEST_F(TimeLine, IsThatOfTheModelInRandomStreams)
     host_set_log_level(8);
     host_set_storage(0, 8000000, 8000000);
     omx_tdmbrec_component_PrivateType *const record = record_of(*client);
-    std::vector<mp4_mux_putstream_t> frames;
-    note_frames(&frames, true);
+    NotedTimes times;
+    note_times(&times, true);
     const auto take = [&](const Buffer &buffer) {
         Bytes data = data_of(buffer);
         OMX_BUFFERHEADERTYPE header = {};
@@ -281,9 +247,9 @@ TEST_F(TimeLine, IsThatOfTheModelInRandomStreams)
         record->uiAacInputSize = 64;
         record->uiAudioFrameMs = 21;
         encoded_frames = 0;
-        frames.clear();
+        times.clear();
     };
-    Random random(random_seed());
+    Random random = seeded_random();
     memset(global_ui_VIDEO_PTS, 0, sizeof(global_ui_VIDEO_PTS));
     global_uc_write_index = 0;
     for (int i = 0; i < 100000 && !HasFailure(); i++) {
@@ -291,16 +257,15 @@ TEST_F(TimeLine, IsThatOfTheModelInRandomStreams)
         Model model = {.audio_frame_ms = 21, .frame_bytes = 64, .encoder_fails = true};
         for (const Buffer &buffer : random_stream(random, true, 64)) {
             take(buffer);
-            buffer.is_video ? model.take_video(buffer) : model.take_audio(buffer);
+            model.take(buffer);
         }
-        ASSERT_EQ(times_of(frames), model.times) << "stream " << i;
+        ASSERT_EQ(times, model.times) << "stream " << i;
         ASSERT_EQ(memcmp(global_ui_VIDEO_PTS, Model::segments, sizeof(Model::segments)), 0) << i;
         ASSERT_EQ(global_uc_write_index, Model::segment) << i;
     }
     begin_anew();
     record->iMuxOpenResult = -1;
     client->destroy();
-    note_frames(nullptr, false);
 }
 
 // The whole component, its threads, encoder and files included.
@@ -310,41 +275,45 @@ TEST_F(TimeLine, IsThatOfTheModelInTheFile)
     client->to_executing();
     client->set_path(RECORDING);
     host_set_log_level(8);
-    std::vector<mp4_mux_putstream_t> frames;
-    note_frames(&frames, false);
-    Random random(random_seed());
+    NotedTimes times;
+    note_times(&times, false);
+    Random random = seeded_random();
     for (int i = 0; i < 300 && !HasFailure(); i++) {
-        frames.clear();
+        times.clear();
         EXPECT_EQ(client->start(), OMX_ErrorNone);
         Model model = {.audio_frame_ms = 0, .frame_bytes = 4096};
         for (const Buffer &buffer : random_stream(random, false, 4096)) {
             client->send(buffer.is_video ? 0 : 1, data_of(buffer), buffer.ts_us);
-            buffer.is_video ? model.take_video(buffer) : model.take_audio(buffer);
+            model.take(buffer);
         }
         client->stop();
         ASSERT_TRUE(client->wait_for_end().has_value());
-        std::vector<uint32_t> video;
-        for (const Time &time : model.times) {
-            if (time.first == MUX_TYPE_VIDEO) {
-                video.push_back(90 * time.second);
+        std::vector<uint64_t> video;
+        for (const auto &[type, ms] : model.times) {
+            if (type == MUX_TYPE_VIDEO) {
+                video.push_back(90 * uint64_t{ms});
             }
         }
-        const bool is_silent = !video.empty() && video.size() == model.times.size();
-        if (is_silent) { // one frame is added, because players want the track
-            model.times.push_back({MUX_TYPE_AUDIO, 0});
+        if (!video.empty() && video.size() == model.times.size()) {
+            model.times.emplace_back(MUX_TYPE_AUDIO, 0); // players want the track
         }
-        ASSERT_EQ(times_of(frames), model.times) << "stream " << i;
-        if (!video.empty()) {
-            const mp4_reader::movie movie = mp4_reader::read_movie(read_file(RECORDING));
-            ASSERT_EQ(movie.error, "") << "stream " << i;
-            if (std::count(video.begin(), video.end(), 0u) == 1) { // else the first run is dropped
-                ASSERT_EQ(ticks_of(movie, "vide"), video) << "stream " << i;
-            }
-            ASSERT_EQ(ticks_of(movie, "soun").size(), model.times.size() - video.size());
+        ASSERT_EQ(times, model.times) << "stream " << i;
+        if (video.empty()) {
+            continue;
         }
+        const mp4_reader::movie movie = mp4_reader::read_movie(read_file(RECORDING));
+        ASSERT_EQ(movie.error, "") << "stream " << i;
+        std::vector<uint64_t> ticks;
+        for (const mp4_reader::sample &sample : mp4_reader::find_track(movie, "vide")->samples) {
+            ticks.push_back(sample.time);
+        }
+        if (std::count(video.begin(), video.end(), 0u) == 1) { // else the first run is dropped
+            ASSERT_EQ(ticks, video) << "stream " << i;
+        }
+        ASSERT_EQ(mp4_reader::find_track(movie, "soun")->samples.size(),
+                  model.times.size() - video.size());
     }
     client->to_loaded();
-    note_frames(nullptr, false);
 }
 
 TEST_F(TimeLine, LogsEveryRollback)

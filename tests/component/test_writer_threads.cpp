@@ -6,9 +6,6 @@
 #include "tests/support/wrapped_calls.h"
 
 #include <chrono>
-#include <csignal>
-#include <random>
-#include <sys/resource.h>
 #include <thread>
 
 struct Frame {
@@ -21,17 +18,17 @@ class WriterThreads : public ComponentTest {
   protected:
     void start_writers(IlClient &client)
     {
-        omx_tdmbrec_component_PrivateType *const record = record_of(client);
         for (const uint32_t fifo : {QVR_FIFO_AUDIO, QVR_FIFO_VIDEO}) {
             QVR_FIFO_InitBuffer(fifo, static_cast<uint32_t>(storage_[fifo].size()),
                                 storage_[fifo].data());
+            const bool is_video = fifo == QVR_FIFO_VIDEO;
+            ASSERT_EQ(pthread_create(is_video ? &record_of(client)->hVideoWriterThread
+                                              : &record_of(client)->hAudioWriterThread,
+                                     nullptr,
+                                     is_video ? omx_tdmbrec_video_thread : omx_tdmbrec_audio_thread,
+                                     client.handle()),
+                      0);
         }
-        ASSERT_EQ(pthread_create(&record->hAudioWriterThread, nullptr, omx_tdmbrec_audio_thread,
-                                 client.handle()),
-                  0);
-        ASSERT_EQ(pthread_create(&record->hVideoWriterThread, nullptr, omx_tdmbrec_video_thread,
-                                 client.handle()),
-                  0);
     }
     // Parameter sets in a buffer of their own.
     static void open_file(IlClient &client)
@@ -53,9 +50,9 @@ class WriterThreads : public ComponentTest {
         EXPECT_EQ(QVR_FIFO_WriteFifo5(fifo, frame.data.data(), length), length);
         EXPECT_EQ(QVR_FIFO_Push(fifo), 1);
     }
-    static void wait_until_written(uint32_t fifo)
+    static void wait_until_written()
     {
-        while (QVR_FIFO_GetLength(fifo) > 0) {
+        while (QVR_FIFO_GetLength(QVR_FIFO_AUDIO) + QVR_FIFO_GetLength(QVR_FIFO_VIDEO) > 0) {
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
     }
@@ -79,13 +76,9 @@ static std::vector<Frame> video_frames()
 
 static std::vector<Frame> audio_frames()
 {
-    std::mt19937 random(5);
-    std::vector<Frame> frames(470);
-    for (Frame &frame : frames) {
-        frame = {Bytes(200 + random() % 400), 0, true};
-        for (uint8_t &byte : frame.data) {
-            byte = static_cast<uint8_t>(random());
-        }
+    std::vector<Frame> frames;
+    for (size_t i = 0; i < 470; i++) {
+        frames.push_back({Bytes(200 + i % 400, static_cast<uint8_t>(i)), 0, true});
     }
     return frames;
 }
@@ -122,8 +115,7 @@ TEST_F(WriterThreads, WriteAWholeProgrammeBitForBit)
     open_file(*client); // until now, the frames have waited
     video_feeder.join();
     audio_feeder.join();
-    wait_until_written(QVR_FIFO_VIDEO);
-    wait_until_written(QVR_FIFO_AUDIO);
+    wait_until_written();
     client->stop();
     EXPECT_EQ(client->wait_for_end(), 1u);
     EXPECT_EQ(record_of(*client)->hVideoWriterThread, pthread_t{}) << "it has been joined";
@@ -136,62 +128,32 @@ TEST_F(WriterThreads, WriteAWholeProgrammeBitForBit)
     expect_frames(image, *mp4_reader::find_track(movie, "soun"), audio);
 }
 
-static void limit_file_size(rlim_t bytes)
+TEST_F(WriterThreads, EndTheRecordingOnceAfterAFailedWriteAndPastTheLargestFile)
 {
-    rlimit limit = {};
-    getrlimit(RLIMIT_FSIZE, &limit);
-    limit.rlim_cur = std::min(bytes, limit.rlim_max);
-    EXPECT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
-}
-
-TEST_F(WriterThreads, EndTheRecordingWithReason5WhenAWriteFails)
-{
-    signal(SIGXFSZ, SIG_IGN);
-    for (const uint32_t fifo : {QVR_FIFO_AUDIO, QVR_FIFO_VIDEO}) {
-        const std::string error = fifo == QVR_FIFO_VIDEO ? "[omx_tdmbrec_video_thread:2221] "
-                                                         : "[omx_tdmbrec_audio_thread:2152] ";
-        on_log = [&](const LogLine &line) { // there is room again for the end of the file
-            if (line.text.find(error + "-270511 [-270511] Error:can't write file") == 0) {
-                limit_file_size(RLIM_INFINITY);
-            }
-        };
+    for (const int round : {0, 1, 2, 3}) {
+        const bool fails = round % 2 == 0;
+        const uint32_t fifo = fails ? QVR_FIFO_VIDEO : QVR_FIFO_AUDIO;
+        const Frame frame{Bytes(100, 1), 0, true};
         const auto client = make_recorder();
         start_writers(*client);
         open_file(*client);
-        feed(*client, QVR_FIFO_VIDEO, video_frames()[0]);
-        limit_file_size(3000000);
-        while (client->count(EVENT_END_OF_RECORDING) == 0) {
-            feed(*client, fifo, {Bytes(100000, 1), 1000, true});
+        set_put_result(0, 1800000000); // not past it
+        feed(*client, QVR_FIFO_AUDIO, frame);
+        feed(*client, QVR_FIFO_VIDEO, frame);
+        wait_until_written();
+        EXPECT_EQ(client->count(EVENT_END_OF_RECORDING), 0u);
+        set_put_result(fails ? -7 : 0, 1800000001);
+        if (round >= 2) { // both writers, and no thread to stop on: one of them has to
+            refuse_threads(1);
+            feed(*client, 1 - fifo, frame);
         }
-        EXPECT_EQ(client->wait_for_end(), 5u);
+        feed(*client, fifo, frame);
+        EXPECT_EQ(client->wait_for_end(), fails ? 5u : 6u);
+        EXPECT_TRUE(has_logged(fails ? "[omx_tdmbrec_video_thread:2221] -7 [0] Error: 0x"
+                                     : "[omx_tdmbrec_audio_thread:2152] 0 [0] Error: 0x"));
         client->to_loaded();
         EXPECT_EQ(client->count(EVENT_END_OF_RECORDING), 1u);
         EXPECT_EQ(mp4_reader::read_movie(read_file(RECORDING)).error, "");
-    }
-    on_log = nullptr;
-}
-
-TEST_F(WriterThreads, EndTheRecordingOnceWithReason6PastTheLargestFile)
-{
-    for (const int threads_refused : {0, 1}) { // with a stop thread, and without
-        const auto client = make_recorder();
-        start_writers(*client);
-        open_file(*client);
-        set_file_estimate(1800000000);
-        for (const uint32_t fifo : {QVR_FIFO_AUDIO, QVR_FIFO_VIDEO}) {
-            feed(*client, fifo, {Bytes(100, 1), 0, true});
-            wait_until_written(fifo);
-        }
-        EXPECT_EQ(client->count(EVENT_END_OF_RECORDING), 0u) << "not past it";
-        set_file_estimate(1800000001);
-        refuse_threads(threads_refused);
-        for (const uint32_t fifo : {QVR_FIFO_AUDIO, QVR_FIFO_VIDEO}) {
-            feed(*client, fifo, {Bytes(100, 1), 33, true});
-        }
-        EXPECT_EQ(client->wait_for_end(), 6u);
-        client->to_loaded();
-        EXPECT_EQ(client->count(EVENT_END_OF_RECORDING), 1u);
-        EXPECT_TRUE(has_logged("_thread:2152] 0 [0] Error: 0x") ||
-                    has_logged("_thread:2221] 0 [0] Error: 0x"));
+        reset_wrapped_calls();
     }
 }

@@ -8,8 +8,7 @@
 void ComponentTest::SetUp()
 {
     PlatformTest::SetUp();
-    refuse_threads(0);
-    set_file_estimate(0);
+    reset_wrapped_calls();
     std::filesystem::remove(RECORDING);
 }
 

@@ -69,7 +69,7 @@ void IlClient::change_state(OMX_STATETYPE state, const std::function<void()> &me
     ASSERT_EQ(OMX_SendCommand(handle_, OMX_CommandStateSet, state, nullptr), OMX_ErrorNone);
     meanwhile();
     ASSERT_TRUE(wait([&] {
-        const std::vector<IlEvent> done = events_of(OMX_EventCmdComplete);
+        const std::vector<IlEvent> done = events(OMX_EventCmdComplete);
         return std::find(done.begin() + from, done.end(), expected) != done.end();
     })) << "state "
         << state;
@@ -80,39 +80,25 @@ void IlClient::set_state(OMX_STATETYPE state)
     change_state(state, [] {});
 }
 
-void IlClient::allocate_buffers(uint32_t buffer_bytes)
-{
-    for (OMX_U32 port = 0; port < 2; port++) {
-        OMX_PARAM_PORTDEFINITIONTYPE definition = {};
-        definition.nSize = sizeof(definition);
-        definition.nVersion.nVersion = OMX_VERSION_1_1_2;
-        definition.nPortIndex = port;
-        ASSERT_EQ(OMX_GetParameter(handle_, OMX_IndexParamPortDefinition, &definition),
-                  OMX_ErrorNone);
-        for (OMX_U32 i = 0; i < definition.nBufferCountActual; i++) {
-            OMX_BUFFERHEADERTYPE *header = nullptr;
-            ASSERT_EQ(OMX_AllocateBuffer(handle_, &header, port, nullptr,
-                                         std::max(buffer_bytes, definition.nBufferSize)),
-                      OMX_ErrorNone);
-            buffers_[port].push_back(header);
-        }
-    }
-}
-
 void IlClient::to_executing(uint32_t buffer_bytes)
 {
-    change_state(OMX_StateIdle, [&] { allocate_buffers(buffer_bytes); });
-    set_state(OMX_StateExecuting);
-}
-
-void IlClient::free_buffers()
-{
-    for (OMX_U32 port = 0; port < 2; port++) {
-        for (OMX_BUFFERHEADERTYPE *const header : buffers_[port]) {
-            EXPECT_EQ(OMX_FreeBuffer(handle_, port, header), OMX_ErrorNone);
+    change_state(OMX_StateIdle, [&] {
+        for (OMX_U32 port = 0; port < 2; port++) {
+            OMX_PARAM_PORTDEFINITIONTYPE definition = {};
+            definition.nSize = sizeof(definition);
+            definition.nVersion.nVersion = OMX_VERSION_1_1_2;
+            definition.nPortIndex = port;
+            ASSERT_EQ(OMX_GetParameter(handle_, OMX_IndexParamPortDefinition, &definition),
+                      OMX_ErrorNone);
+            buffers_[port].resize(definition.nBufferCountActual);
+            for (OMX_BUFFERHEADERTYPE *&header : buffers_[port]) {
+                ASSERT_EQ(OMX_AllocateBuffer(handle_, &header, port, nullptr,
+                                             std::max(buffer_bytes, definition.nBufferSize)),
+                          OMX_ErrorNone);
+            }
         }
-        buffers_[port].clear();
-    }
+    });
+    set_state(OMX_StateExecuting);
 }
 
 void IlClient::to_loaded()
@@ -122,7 +108,14 @@ void IlClient::to_loaded()
     if (state != OMX_StateIdle) {
         set_state(OMX_StateIdle);
     }
-    change_state(OMX_StateLoaded, [&] { free_buffers(); });
+    change_state(OMX_StateLoaded, [&] {
+        for (OMX_U32 port = 0; port < 2; port++) {
+            for (OMX_BUFFERHEADERTYPE *const header : buffers_[port]) {
+                EXPECT_EQ(OMX_FreeBuffer(handle_, port, header), OMX_ErrorNone);
+            }
+            buffers_[port].clear();
+        }
+    });
 }
 
 OMX_BUFFERHEADERTYPE *IlClient::take_free_buffer(OMX_U32 port)
@@ -205,25 +198,20 @@ void IlClient::start_recording(const std::string &path)
 std::optional<uint32_t> IlClient::wait_for_end(int timeout_ms)
 {
     std::vector<IlEvent> ends;
-    if (!wait([&] { return (ends = events_of(EVENT_END_OF_RECORDING)).size() > ends_seen_; },
+    if (!wait([&] { return (ends = events(EVENT_END_OF_RECORDING)).size() > ends_seen_; },
               timeout_ms)) {
         return std::nullopt;
     }
     return ends[ends_seen_++].data2;
 }
 
-std::vector<IlEvent> IlClient::events_of(OMX_EVENTTYPE kind) const
+std::vector<IlEvent> IlClient::events(OMX_EVENTTYPE kind)
 {
+    const std::lock_guard lock(mutex_);
     std::vector<IlEvent> found;
     std::copy_if(events_.begin(), events_.end(), std::back_inserter(found),
                  [&](const IlEvent &event) { return event.event == kind; });
     return found;
-}
-
-std::vector<IlEvent> IlClient::events(OMX_EVENTTYPE kind)
-{
-    const std::lock_guard lock(mutex_);
-    return events_of(kind);
 }
 
 size_t IlClient::count(OMX_EVENTTYPE kind)

@@ -78,19 +78,16 @@ class IlClient {
                                        OMX_U32, OMX_PTR);
     static OMX_ERRORTYPE empty_buffer_done(OMX_HANDLETYPE, OMX_PTR self, OMX_BUFFERHEADERTYPE *);
     void change_state(OMX_STATETYPE state, const std::function<void()> &meanwhile);
-    void allocate_buffers(uint32_t buffer_bytes);
-    void free_buffers();
     OMX_BUFFERHEADERTYPE *take_free_buffer(OMX_U32 port);
     template <typename Condition>
     bool wait(Condition is_over, int timeout_ms = 30000);
-    std::vector<IlEvent> events_of(OMX_EVENTTYPE kind) const; // under mutex_
 
     OMX_CALLBACKTYPE callbacks_;
     Release release_;
     OMX_COMPONENTTYPE *handle_ = nullptr;
     std::vector<OMX_BUFFERHEADERTYPE *> buffers_[2];
-    std::mutex mutex_;
-    std::condition_variable changed_;
+    std::recursive_mutex mutex_;
+    std::condition_variable_any changed_;
     std::vector<IlEvent> events_;
     std::vector<const OMX_BUFFERHEADERTYPE *> out_; // with the component
     size_t ends_seen_ = 0;

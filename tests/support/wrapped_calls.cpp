@@ -1,12 +1,15 @@
 #include "tests/support/wrapped_calls.h"
 
+#include "mp4mux/mp4_mux.h"
+
 #include <atomic>
 #include <cerrno>
 #include <pthread.h>
 
 static std::atomic<int> threads_to_refuse;
-static std::atomic<int64_t> file_estimate;
-static std::vector<mp4_mux_putstream_t> *noted_frames; // set while nothing is recorded
+static std::atomic<int32_t> put_result;
+static std::atomic<int64_t> put_file_bytes;
+static NotedTimes *noted_times; // set while nothing is recorded
 static bool is_noted_instead;
 
 void refuse_threads(int count)
@@ -14,15 +17,23 @@ void refuse_threads(int count)
     threads_to_refuse = count;
 }
 
-void set_file_estimate(int64_t bytes)
+void set_put_result(int32_t result, int64_t file_bytes)
 {
-    file_estimate = bytes;
+    put_result = result;
+    put_file_bytes = file_bytes;
 }
 
-void note_frames(std::vector<mp4_mux_putstream_t> *frames, bool is_instead)
+void note_times(NotedTimes *times, bool is_instead)
 {
-    noted_frames = frames;
+    noted_times = times;
     is_noted_instead = is_instead;
+}
+
+void reset_wrapped_calls()
+{
+    refuse_threads(0);
+    set_put_result(0, 0);
+    note_times(nullptr, false);
 }
 
 extern "C" int __real_pthread_create(pthread_t *, const pthread_attr_t *, void *(*)(void *),
@@ -43,15 +54,15 @@ __wrap_pthread_create(pthread_t *thread, const pthread_attr_t *attributes, void 
 
 extern "C" int32_t __wrap_QVR_MP4_MUX(int32_t op, void **handle, void *param1, void *param2)
 {
-    if (op == MUX_PUTFRAME && noted_frames != nullptr) {
-        noted_frames->push_back(*static_cast<const mp4_mux_putstream_t *>(param1));
-        if (is_noted_instead) {
-            return 0;
-        }
+    const bool is_put = op == MUX_PUTFRAME;
+    if (is_put && noted_times != nullptr) {
+        const auto *const frame = static_cast<const mp4_mux_putstream_t *>(param1);
+        noted_times->emplace_back(frame->m_iType, frame->m_uiTimeStamp);
     }
-    const int32_t result = __real_QVR_MP4_MUX(op, handle, param1, param2);
-    if (op == MUX_PUTFRAME && param2 != nullptr && file_estimate != 0) {
-        *static_cast<int64_t *>(param2) = file_estimate;
+    const int32_t result =
+        is_put && is_noted_instead ? 0 : __real_QVR_MP4_MUX(op, handle, param1, param2);
+    if (is_put && param2 != nullptr && put_file_bytes != 0) {
+        *static_cast<int64_t *>(param2) = put_file_bytes;
     }
-    return result;
+    return is_put && put_result != 0 ? put_result.load() : result;
 }
