@@ -1,0 +1,25 @@
+#!/bin/sh
+# check_walls.sh ROOT: every include line of a folder names what the folder may know.
+set -eu
+cd "$1"
+status=0
+
+# wall FOLDER ALLOWED: the regular expression of what may follow #include.
+wall() {
+    includes=$(grep -rnE '^#include' --include='*.cpp' --include='*.h' "$1") || {
+        echo "$1: no include lines"
+        status=1
+    }
+    if printf '%s\n' "$includes" | grep -vE "#include ($2)"; then
+        echo "^ beyond the walls of $1"
+        status=1
+    fi
+}
+
+standard='<c?[a-z_]+>|<std(int|def)\.h>'
+wall mp4mux "\"mp4mux/|$standard"
+wall aacenc "\"aacenc/|$standard|<(arm_neon|immintrin)\.h>"
+wall component '"(component/|platform/[a-z_]+\.h|mp4mux/mp4_mux\.h|aacenc/aac_enc\.h)|<'
+wall platform '"platform/|<'
+wall client '"(client/|platform/(omx_il|host/host_control)\.h|mp4mux/mp4_mux\.h|aacenc/aac_enc\.h)|<'
+exit $status
