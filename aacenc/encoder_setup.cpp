@@ -16,8 +16,9 @@ int32_t AACEnc_Create(AacEncHandle *handle, uint8_t *workBlock)
 {
     constexpr uint32_t kStates = sizeof(AacEncState) + sizeof(EncTfState);
     std::memset(workBlock, 0, kStates);
-    auto *state = reinterpret_cast<AacEncState *>(workBlock);
-    state->tfState = reinterpret_cast<EncTfState *>(workBlock + sizeof(AacEncState));
+    void *const tf_block = workBlock + sizeof(AacEncState);
+    auto *state = static_cast<AacEncState *>(static_cast<void *>(workBlock));
+    state->tfState = static_cast<EncTfState *>(tf_block);
     state->tfState->heapNext = workBlock + kStates;
     state->tfState->heapUsed = kStates;
     handle->state = state;

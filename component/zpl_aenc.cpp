@@ -97,7 +97,7 @@ static int32_t allocate_buffers(const zpl_aenc_t *pZpl)
                             ": [ZPL_CORE] zpl_aenc_init gpucPcmBuffer allocation fail\n");
         return -1;
     }
-    gstAudioInfo.pcm = reinterpret_cast<const int16_t *>(gpucPcmBuffer);
+    gstAudioInfo.pcm = static_cast<const int16_t *>(static_cast<const void *>(gpucPcmBuffer));
     return 0;
 }
 

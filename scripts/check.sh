@@ -2,10 +2,10 @@
 # Installs what is needed, builds the recorder in every way and runs all tests.
 #
 #   sh scripts/check.sh             everything
-#   sh scripts/check.sh STEP ...    some of: format release clang asan-ubsan tsan 32bit bench
+#   sh scripts/check.sh STEP ...    some of: format bench 32bit arm asan-ubsan tsan clang release
 set -eu
 cd "$(dirname "$0")/.."
-steps=${*:-format bench 32bit asan-ubsan tsan clang release}
+steps=${*:-format bench 32bit arm asan-ubsan tsan clang release}
 jobs=$(nproc)
 
 # build PRESET FOLDER [CMAKE-ARGUMENT ...]
@@ -41,13 +41,9 @@ for step in $steps; do
         build release clang -D CMAKE_CXX_COMPILER=clang++
         test_all clang
         ;;
-    asan-ubsan | tsan)
+    32bit | arm | asan-ubsan | tsan)
         build "$step" "$step"
         test_all "$step"
-        ;;
-    32bit)
-        build 32bit 32bit
-        test_all 32bit
         ;;
     bench)
         build release release

@@ -148,7 +148,8 @@ static int64_t random_step(Random &random, int64_t frame_us, bool is_wild)
 // bits of ms, start anywhere in 64 bits, and jump back hundreds of times.
 static std::vector<Buffer> random_stream(Random &random, bool is_wild, uint32_t frame_bytes)
 {
-    std::vector<Buffer> stream(is_wild && random() % 2000 == 0 ? 1500 : 10 + random() % 20);
+    const uint64_t length = is_wild && random() % 2000 == 0 ? 1500 : 10 + random() % 20;
+    std::vector<Buffer> stream(static_cast<size_t>(length));
     int64_t clock_us[2] = {static_cast<int64_t>(random() % 3000000), 0};
     if (is_wild && random() % 4 == 0) {
         clock_us[0] = static_cast<int64_t>(random()) / 4;

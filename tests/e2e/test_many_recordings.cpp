@@ -44,9 +44,11 @@ TEST_F(ManyRecordings, LeaveNoThreadFileOrMemoryBehind)
     }
     EXPECT_LE(entries("/proc/self/task"), threads + 1) << "one stop thread may be ending";
     EXPECT_EQ(entries("/proc/self/fd"), files);
+#ifndef TDMBREC_EMULATED
     if (can_count_allocations()) { // a sanitizer's own memory grows
         EXPECT_LT(resident_kib(), resident + 1024) << "the client keeps its events";
     }
+#endif
     client->to_loaded();
     expect_plays();
 }

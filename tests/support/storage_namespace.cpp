@@ -11,8 +11,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-static constexpr char INSIDE[] = "TDMBREC_TEST_STORAGE";
-
 static void write_text(const char *path, const std::string &text)
 {
     const int fd = open(path, O_WRONLY);
@@ -49,27 +47,19 @@ static bool mount_storage()
            mount("card", "/mnt/sdcard/tflash", "tmpfs", 0, "size=64m") == 0;
 }
 
-static void run_inside(char **argv)
-{
-    if (!unshare_mounts() || !mount_storage()) {
-        perror("no private mount namespace for the storage");
-        _exit(1);
-    }
-    setenv(INSIDE, "1", 1);
-    execv("/proc/self/exe", argv);
-    perror("exec");
-    _exit(1);
-}
-
 int run_in_storage_namespace(int argc, char **argv)
 {
     const bool lists_only = argc > 1 && strcmp(argv[1], "--gtest_list_tests") == 0;
-    if (lists_only || getenv(INSIDE) != nullptr) {
+    if (lists_only) {
         return -1;
     }
     const pid_t child = fork(); // a child has one thread, as a new user namespace demands
     if (child == 0) {
-        run_inside(argv);
+        if (unshare_mounts() && mount_storage()) {
+            return -1;
+        }
+        perror("no private mount namespace for the storage");
+        return 1;
     }
     int status = 0;
     if (child < 0 || waitpid(child, &status, 0) != child) {

@@ -3,9 +3,9 @@
 #ifndef TESTS_SUPPORT_STORAGE_NAMESPACE_H
 #define TESTS_SUPPORT_STORAGE_NAMESPACE_H
 
-// Runs the program again inside such a namespace and returns its exit status; returns -1 to the
-// process that is inside already, and to one that lists tests only. Where the system does not allow
-// it, says so and returns 1.
+// Goes on in a child process inside such a namespace, where it returns -1; its parent waits and
+// returns the child's exit status. A program that lists tests only goes on as it is, with -1. Where
+// the system does not allow namespaces, says so and returns 1.
 int run_in_storage_namespace(int argc, char **argv);
 
 #endif
