@@ -5,6 +5,7 @@
 #include "tests/support/programme.h"
 #include "tests/support/wrapped_calls.h"
 
+#include <algorithm>
 #include <chrono>
 #include <thread>
 
@@ -65,9 +66,11 @@ static std::vector<Frame> video_frames()
     std::vector<Frame> frames;
     for (const Bytes &access_unit : sample_programme().access_units) {
         const std::vector<Bytes> units = split_nal_units(access_unit);
-        const size_t size = units.back().size();
-        Bytes data{0, 0, static_cast<uint8_t>(size >> 8), static_cast<uint8_t>(size)};
-        data.insert(data.end(), units.back().begin(), units.back().end());
+        const Bytes &picture = units.back();
+        Bytes data(4 + picture.size());
+        data[2] = static_cast<uint8_t>(picture.size() >> 8);
+        data[3] = static_cast<uint8_t>(picture.size());
+        std::copy(picture.begin(), picture.end(), data.begin() + 4);
         const int64_t time_ms = static_cast<int64_t>(frames.size()) * 1000 / 30;
         frames.push_back({data, (int64_t{7} << 32) + time_ms, units.size() > 1});
     }
