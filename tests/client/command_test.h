@@ -4,9 +4,12 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <set>
 #include <string>
+#include <sys/wait.h>
 
 #define TDMBREC TDMBREC_COMMAND " "
 #define SAMPLE "--video programme.h264 --audio programme.wav "
@@ -22,24 +25,61 @@ struct command_result {
     std::string err;
 };
 
-bool contains(const std::string &text, const std::string &part);
+inline bool contains(const std::string &text, const std::string &part)
+{
+    return text.find(part) != std::string::npos;
+}
+
+inline std::string take_text(const std::string &path)
+{
+    std::ifstream file(path, std::ios::binary);
+    std::filesystem::remove(path);
+    return std::string(std::istreambuf_iterator<char>(file), {});
+}
 
 // The directory holds the sample as programme.h264 and .wav.
 class command : public testing::Test {
   protected:
-    void SetUp() override;
-    void TearDown() override;
+    void SetUp() override
+    {
+        std::string place = (std::filesystem::temp_directory_path() / "tdmbrec-XXXXXX").string();
+        ASSERT_NE(mkdtemp(place.data()), nullptr);
+        directory = place;
+        for (const std::string &name : SAMPLE_ALONE) {
+            std::filesystem::copy_file(TDMBREC_SOURCE_DIR "/samples/" + name, directory / name);
+        }
+    }
+
+    void TearDown() override
+    {
+        std::filesystem::remove_all(directory);
+    }
 
     // Runs a shell command line in the directory. Words come from the tests alone.
-    command_result shell(const std::string &line);
-    command_result ffmpeg(const std::string &arguments);
+    command_result shell(const std::string &line)
+    {
+        const std::string place = directory.string() + "-";
+        const std::string whole = "cd '" + directory.string() + "' && { " + line + "\n} >'" +
+                                  place + "out' 2>'" + place + "err' </dev/null";
+        const int status = std::system(whole.c_str());
+        const int code = WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status);
+        return {code, take_text(place + "out"), take_text(place + "err")};
+    }
 
-    // Runs the command with a mistake in its line, and expects the exit code, a sentence on
-    // standard error, and nothing else.
-    void expect_refused(const std::string &line, int status, const std::string &sentence);
+    command_result ffmpeg(const std::string &arguments)
+    {
+        return shell("ffmpeg -nostdin -v error -y " + arguments);
+    }
 
     // The names in the directory, hidden ones included.
-    name_set names() const;
+    name_set names() const
+    {
+        name_set found;
+        for (const auto &entry : std::filesystem::directory_iterator(directory)) {
+            found.insert(entry.path().filename().string());
+        }
+        return found;
+    }
 
     std::filesystem::path directory;
 };

@@ -55,49 +55,6 @@ class recording : public command {
     name_set inputs; // what the directory held before the command ran
 };
 
-TEST_F(recording, refuses_mistakes_by_name_with_their_code_and_touches_nothing)
-{
-    std::ofstream(directory / "kept.mp4") << "old";
-    fs::create_directory(directory / "folder");
-    // clang-format off
-    const struct {
-        const char *made; // by ffmpeg of a test picture and the sample's sound
-        const char *arguments;
-        int status;
-        const char *sentence;
-    } cases[] = {
-        {nullptr, "", 2, "--output is required"},
-        {nullptr, "-o x.mp4", 2, "name one INPUT"},
-        {nullptr, "-o x.mp4 --frame-rate many " SAMPLE, 2, "1 to 240, not \"many\""},
-        {nullptr, "-o x.mp4 missing.ts", 3, "missing.ts: No such file"},
-        {nullptr, "-o x.mp4 /dev/zero", 3, "/dev/zero: is not a regular file"},
-        {nullptr, "-o x.mp4 --video programme.h264 --audio kept.mp4", 3,
-         "kept.mp4: not readable as"},
-        {nullptr, "-o x.mp4 programme.h264", 3, "programme.h264: holds no audio"},
-        {nullptr, "-o kept.mp4 " SAMPLE, 5, "exists already"},
-        {nullptr, "-o folder -f " SAMPLE, 5, "not a regular file"},
-        {nullptr, "-o programme.wav -f " SAMPLE, 5, "is an input"},
-        {"-c:v libx264 -bf 2 b.mp4", "-o x.mp4 b.mp4", 4,
-         "b.mp4: its pictures are not in display order"},
-        {"-an -c:v libx264 -bf 2 b.h264", "-o x.mp4 --video b.h264 --audio programme.wav", 4,
-         "b.h264: its pictures are not in display order"},
-        {"-c:v mpeg4 m.mkv", "-o x.mp4 m.mkv", 4, "m.mkv: its video is mpeg4"},
-        {"-an -c:v libx264 -bf 0 -bsf:v filter_units=remove_types=7 s.h264",
-         "-o x.mp4 --video s.h264 --audio programme.wav", 4, "s.h264: holds no parameter sets"},
-        {"-an -c:v libx264 -bf 0 -bsf:v filter_units=remove_types=5 i.h264",
-         "-o x.mp4 --video i.h264 --audio programme.wav", 4, "i.h264: holds no IDR picture"},
-    };
-    // clang-format on
-    const std::string pattern = "-f lavfi -i testsrc2=s=320x240:d=1 -i programme.wav -t 1 ";
-    for (const auto &[made, arguments, status, sentence] : cases) {
-        if (made != nullptr && ffmpeg(pattern + made).status != 0) {
-            GTEST_SKIP() << "this ffmpeg does not encode with " << made;
-        }
-        expect_refused(std::string("record ") + arguments, status, sentence);
-    }
-    EXPECT_EQ(fs::file_size(directory / "kept.mp4"), 3u);
-}
-
 TEST_F(recording, holds_the_sample_whole_and_the_same_each_time)
 {
     EXPECT_EQ(first.err, "");

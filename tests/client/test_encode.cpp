@@ -51,26 +51,3 @@ TEST_F(encode, sounds_like_its_input_with_the_polarity_turned)
     std::istringstream(told.out) >> left_db >> unit >> right_db;
     EXPECT_GT(std::min(left_db, right_db), 20) << told.out;
 }
-
-TEST_F(encode, refuses_in_one_sentence_and_leaves_nothing)
-{
-    ffmpeg("-i programme.wav -t 1 -ar 96000 fast.wav -t 1 -ac 6 six.wav");
-    const struct {
-        const char *arguments;
-        int status;
-        const char *sentence;
-    } cases[] = {
-        {"programme.wav", 2, "--output is required"},
-        {"programme.wav -o x --bitrate 64500", 2, "multiple of 1000 from 16000 on, not 64500"},
-        {"programme.wav -o x --bitrate 15000", 2, "not 15000"},
-        {"missing.wav -o x", 3, "missing.wav: No such file"},
-        {"programme.h264 -o x", 3, "holds no audio"},
-        {"fast.wav -o x", 4, "fast.wav: its sampling rate is 96000 Hz"},
-        {"six.wav -o x", 4, "six.wav: it has 6 channels"},
-        {"programme.wav -o programme.h264", 5, "exists already"},
-        {"programme.wav -f -o programme.wav", 5, "is an input"},
-    };
-    for (const auto &[arguments, status, sentence] : cases) {
-        expect_refused(std::string("encode ") + arguments, status, sentence);
-    }
-}

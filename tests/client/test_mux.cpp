@@ -39,22 +39,3 @@ TEST_F(mux, makes_one_file_whatever_its_memory_and_readers_take_it_without_a_wor
         << "15 a second";
     frames_of("--audio in.aac", "sound.mp4");
 }
-
-TEST_F(mux, refuses_in_one_sentence_and_leaves_nothing)
-{
-    const struct {
-        const char *arguments;
-        int status;
-        const char *sentence;
-    } cases[] = {
-        {"-o x.mp4", 2, "name --video, --audio or both"},
-        {"-o x.mp4 --video programme.h264 --cache 1,2", 2, "three sizes in bytes"},
-        {"-o x.mp4 --video programme.h264 --cache 0,0,0", 2, "input cache size is zero<mux_open"},
-        {"-o x.mp4 --video missing.h264", 3, "missing.h264: No such file"},
-        {"-o x.mp4 --audio programme.wav", 4, "its audio is pcm_s16le; only AAC"},
-        {"-o programme.wav --video programme.h264", 5, "exists already"},
-    };
-    for (const auto &[arguments, status, sentence] : cases) {
-        expect_refused(std::string("mux ") + arguments, status, sentence);
-    }
-}

@@ -1,0 +1,69 @@
+// What the command refuses: each mistake by its name and with the exit code of its kind.
+#include "tests/client/command_test.h"
+
+class refusals : public command {};
+
+TEST_F(refusals, name_the_mistake_and_touch_nothing)
+{
+    const command_result made =
+        shell("echo old > kept.mp4; mkdir folder; : > empty; make() { ffmpeg -nostdin -v error -f "
+              "lavfi -i "
+              "testsrc2=s=320x240:d=1 -i programme.wav -t 1 \"$@\"; }; x264='-c:v libx264 -bf 0'; "
+              "make $x264 -bf 2 b.mp4 && make -an $x264 -bf 2 b.h264 && make -c:v mpeg4 m.mkv && "
+              "make -an $x264 -bsf:v filter_units=remove_types=7 s.h264 && "
+              "make -an $x264 -bsf:v filter_units=remove_types=5 i.h264 && "
+              "make -vn -ar 96000 fast.wav && make -vn -ac 6 six.wav");
+    if (made.status != 0) {
+        GTEST_SKIP() << "no ffmpeg that makes the inputs: " << made.err;
+    }
+    // clang-format off
+    const struct {
+        const char *line;
+        int status;
+        const char *sentence;
+    } cases[] = {
+        {"", 2, "A subcommand is required"},
+        {"record", 2, "--output is required"},
+        {"record -o x", 2, "name one INPUT"},
+        {"record -o x --frame-rate many " SAMPLE, 2, "1 to 240, not \"many\""},
+        {"record -o x missing.ts", 3, "missing.ts: No such file"},
+        {"record -o x /dev/zero", 3, "/dev/zero: is not a regular file"},
+        {"record -o x --video programme.h264 --audio kept.mp4", 3, "kept.mp4: not readable as"},
+        {"record -o x programme.h264", 3, "programme.h264: holds no audio"},
+        {"record -o kept.mp4 " SAMPLE, 5, "exists already"},
+        {"record -o folder -f " SAMPLE, 5, "not a regular file"},
+        {"record -o programme.wav -f " SAMPLE, 5, "is an input"},
+        {"record -o x b.mp4", 4, "b.mp4: its pictures are not in display order"},
+        {"record -o x --video b.h264 --audio programme.wav", 4, "b.h264: its pictures are not in"},
+        {"record -o x m.mkv", 4, "m.mkv: its video is mpeg4"},
+        {"record -o x --video s.h264 --audio programme.wav", 4, "s.h264: holds no parameter sets"},
+        {"record -o x --video i.h264 --audio programme.wav", 4, "i.h264: holds no IDR picture"},
+        {"encode programme.wav -o x --bitrate 64500", 2, "multiple of 1000 from 16000 on, not 64500"},
+        {"encode programme.wav -o x --bitrate 15000", 2, "not 15000"},
+        {"encode fast.wav -o x", 4, "fast.wav: its sampling rate is 96000 Hz"},
+        {"encode six.wav -o x", 4, "six.wav: it has 6 channels"},
+        {"encode programme.wav -o kept.mp4", 5, "exists already"},
+        {"encode programme.wav -f -o programme.wav", 5, "is an input"},
+        {"mux -o x", 2, "name --video, --audio or both"},
+        {"mux -o x --video programme.h264 --cache 1,2", 2, "three sizes in bytes"},
+        {"mux -o x --video programme.h264 --cache 0,0,0", 2, "input cache size is zero<mux_open"},
+        {"mux -o x --audio programme.wav", 4, "its audio is pcm_s16le; only AAC"},
+        {"mux -o kept.mp4 --video programme.h264", 5, "exists already"},
+        {"info missing.mp4", 3, "missing.mp4: No such file"},
+        {"info folder", 3, "folder: Is a directory"},
+        {"info empty", 3, "empty: is empty"},
+    };
+    // clang-format on
+    const name_set before = names();
+    for (const auto &[line, status, sentence] : cases) {
+        const command_result result = shell(std::string(TDMBREC) + line);
+        if (result.status == 6) {
+            GTEST_SKIP() << "no storage here: " << result.err;
+        }
+        EXPECT_EQ(result.status, status) << line << "\n" << result.err;
+        EXPECT_TRUE(contains(result.err, sentence)) << line << "\n" << result.err;
+        EXPECT_EQ(result.out, "") << line;
+        EXPECT_EQ(names(), before) << line;
+    }
+    EXPECT_EQ(std::filesystem::file_size(directory / "kept.mp4"), 4u);
+}
