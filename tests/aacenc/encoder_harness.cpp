@@ -6,8 +6,6 @@
 #include <cstring>
 #include <random>
 
-#include <gtest/gtest.h>
-
 MemoryCounts memory_counts;
 
 static void *counting_allocate(size_t size)
@@ -69,21 +67,11 @@ std::vector<uint8_t> Encoder::encode(const int16_t *pcm, const int16_t *second)
 
 static constexpr double kPi = 3.14159265358979323846;
 
-Signal silence()
-{
-    return [](int, int) { return 0.0; };
-}
-
 Signal tone(double cycles_per_sample, double amplitude)
 {
     return [=](int channel, int n) {
         return amplitude * std::sin(2 * kPi * cycles_per_sample * n + channel);
     };
-}
-
-Signal sweep(int length)
-{
-    return [=](int channel, int n) { return std::sin(kPi * n * n / (2.0 * length) + channel); };
 }
 
 Signal square_wave(int half_period)

@@ -6,6 +6,8 @@
 #include <functional>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 #include "aacenc/aac_enc.h"
 #include "aacenc/encoder_state.h"
 
@@ -56,12 +58,22 @@ struct Encoder {
     int32_t result = 0; // of the last frame
 };
 
+// One channel of an encoder at 48000 Hz that has coded a frame of silence: its records are set up.
+struct SilentChannel : testing::Test {
+    Encoder encoder{EncoderOptions{.channels = 1, .bit_rate = 64000}};
+    EncTfState *tf = encoder.tf();
+    AacEncCoderInfo *coder = tf->coderInfo[0];
+
+    void SetUp() override
+    {
+        ASSERT_FALSE(encoder.encode(std::vector<int16_t>(AACENC_FRAME_SAMPLES).data()).empty());
+    }
+};
+
 // A sample of a channel at a position, from -1 to 1.
 using Signal = std::function<double(int channel, int position)>;
 
-Signal silence();
 Signal tone(double cycles_per_sample, double amplitude);
-Signal sweep(int length);
 Signal square_wave(int half_period);
 Signal impulses(int period);
 Signal noise(uint32_t seed, double amplitude);

@@ -11,17 +11,8 @@
 #include "aacenc/rate_loop.h"
 #include "tests/aacenc/encoder_harness.h"
 
-// One channel of an encoder at 48000 Hz, ready for the rate loop.
-struct RateLoop : testing::Test {
-    Encoder encoder{EncoderOptions{.channels = 1, .bit_rate = 64000}};
-    EncTfState *tf = encoder.tf();
-    AacEncCoderInfo *coder = tf->coderInfo[0];
+struct RateLoop : SilentChannel {
     int32_t *spectrum = tf->channelBuffer[0];
-
-    void SetUp() override
-    {
-        ASSERT_FALSE(encoder.encode(render(silence(), 1, 1).data()).empty());
-    }
 
     // Codes lines `from` to `to` of one value.
     // returns: the gain

@@ -171,8 +171,12 @@ void parse_spectral_data(Reader &in, AacChannel &channel, const std::vector<int>
              k += book <= 4 ? 4 : 2) {
             int *values = &channel.quantised[static_cast<size_t>(k)];
             parse_group(in, book, values);
-            for (int i = 0; i < (book <= 4 ? 4 : 2); i++)
+            for (int i = 0; i < (book <= 4 ? 4 : 2); i++) {
+                const double step = std::exp2(0.25 * (channel.scalefactors[sfb] - 100));
+                channel.lines[static_cast<size_t>(k + i)] =
+                    std::copysign(std::pow(std::abs(values[i]), 4.0 / 3) * step, values[i]);
                 largest = std::max(largest, std::abs(values[i]));
+            }
         }
         if (book % 13 != 0 && largest <= kLargest[(book - 1) / 2])
             in.fail("codebook for larger values");
@@ -231,18 +235,4 @@ std::string parse_raw_data_block(std::span<const uint8_t> bytes, int sampling_in
     if (in.position != bytes.size() * 8)
         in.fail("bytes behind the frame");
     return in.error;
-}
-
-std::vector<double> aac_dequantise(const AacChannel &channel, int sampling_index)
-{
-    const std::vector<int> offsets = band_offsets(sampling_index);
-    std::vector<double> lines(1024);
-    for (size_t sfb = 0; sfb < channel.codebooks.size(); sfb++) {
-        const double step = std::exp2(0.25 * (channel.scalefactors[sfb] - 100));
-        for (size_t k = static_cast<size_t>(offsets[sfb]);
-             k < static_cast<size_t>(offsets[sfb + 1]); k++)
-            lines[k] = std::copysign(std::pow(std::abs(channel.quantised[k]), 4.0 / 3) * step,
-                                     channel.quantised[k]);
-    }
-    return lines;
 }

@@ -15,6 +15,7 @@ struct AacChannel {
     std::vector<int> scalefactors; // of each band; noise energy in a noise band, 0 in a zero band
     bool tns_present = false;
     std::array<int, 1024> quantised = {};
+    std::array<double, 1024> lines = {}; // before TNS synthesis and mid/side, without noise
 };
 
 struct AacFrame {
@@ -27,8 +28,5 @@ struct AacFrame {
 // returns: what is wrong with it; empty when nothing is
 std::string parse_raw_data_block(std::span<const uint8_t> bytes, int sampling_index,
                                  AacFrame *frame);
-
-// Lines as a decoder reconstructs them, before TNS synthesis and mid/side, without noise.
-std::vector<double> aac_dequantise(const AacChannel &channel, int sampling_index);
 
 #endif // TESTS_SUPPORT_AAC_PARSER_H
