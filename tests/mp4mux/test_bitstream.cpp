@@ -14,31 +14,15 @@ namespace {
 
 class Bitstream : public MuxTest {
   protected:
-    mp4_mux_t mux = {};
-    mp4_mux_bs_t bs = {};
+    mp4_mux_t mux = make_context(true);
+    mp4_mux_bs_t bs = {.m_pstMux = &mux, .m_pstError = &mux.m_stLastError};
     uint8_t cache[64] = {};
 
-    void SetUp() override
-    {
-        MuxTest::SetUp();
-        set_callbacks(true);
-        bs.m_pstMux = &mux;
-        bs.m_pstError = &mux.m_stLastError;
-    }
     void TearDown() override
     {
         EXPECT_EQ(mp4_mux_close_bitstream_from_external_memory(&bs), 0);
         world.files.clear();
         MuxTest::TearDown();
-    }
-    void set_callbacks(bool with_64bit)
-    {
-        const mp4_mux_init_t c = make_callbacks(with_64bit);
-        mux.m_stMem = {c.m_pfnMalloc, c.m_pfnFree,   nullptr, c.m_pfnMemcpy,
-                       nullptr,       c.m_pfnMemset, nullptr};
-        mux.m_stFile = {c.m_pfnFopen,  c.m_pfnFread,   c.m_pfnFseek,  c.m_pfnFtell,
-                        c.m_pfnFclose, nullptr,        nullptr,       c.m_pfnFwrite,
-                        c.m_pfnRemove, c.m_pfnFseek64, c.m_pfnFtell64};
     }
     void open(int32_t cache_bytes, bool with_file = true)
     {
@@ -140,7 +124,7 @@ TEST_F(Bitstream, NeedsACacheAndPositionsThatItsCallbacksExpress)
     const int64_t beyond = int64_t{INT32_MAX} + 1;
     EXPECT_EQ(mp4_mux_bs_write_fseek_reset(&bs, beyond), 0);
     EXPECT_EQ(bs.m_llFilePos, beyond);
-    set_callbacks(false);
+    mux = make_context(false);
     EXPECT_EQ(mp4_mux_bs_fseek_reset(&bs, beyond), MUX_ERR_SEEK);
     EXPECT_EQ(mp4_mux_bs_write_fseek_reset(&bs, INT32_MAX), 0);
     EXPECT_EQ(mp4_mux_close_bitstream(&bs), 0);

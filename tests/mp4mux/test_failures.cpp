@@ -289,8 +289,9 @@ TEST_F(Failures, AreTaggedOnTheirWayUp)
     ASSERT_EQ(r.video(0, 100, true), 0);
     world.fail = {call::fclose, 1};
     EXPECT_EQ(r.close(), MUX_ERR_CLOSE);
-    EXPECT_THAT(r.message(), testing::StartsWith("Error in fclose()<mp4_mux_close.&"));
-    EXPECT_NE(r.error().m_llAux, 0);
+    int64_t aux = 0;
+    EXPECT_THAT(r.message(&aux), testing::StartsWith("Error in fclose()<mp4_mux_close.&"));
+    EXPECT_NE(aux, 0);
     EXPECT_EQ(r.close(), 0);
 }
 

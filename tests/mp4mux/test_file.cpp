@@ -59,10 +59,9 @@ TEST_F(File, TakesItsDurationsFromTheTimeStamps)
 // No format tag leads to this sample entry.
 TEST_F(File, DescribesAc3ByItsFirstFrame)
 {
-    const mp4_mux_init_t callbacks = make_callbacks(true);
     Bytes frame = bytes("00000000 54 40 E1");
     uint8_t cache[100];
-    mp4_mux_t mux = {.m_stMem = {.m_pfnMemcpy = callbacks.m_pfnMemcpy}};
+    mp4_mux_t mux = make_context(true);
     mux.m_pBs = &mux.m_Bs;
     mux.m_Bs.m_pstMux = &mux;
     mp4_mux_open_bitstream_from_external_memory(mux.m_pBs, cache, sizeof(cache), nullptr);

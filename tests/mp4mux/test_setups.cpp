@@ -314,12 +314,12 @@ TEST_F(Setups, MakeTheirFilesExactToTheByteWhateverTheMemory)
     using enum cache_layout;
     constexpr uint32_t kFlags = MUX_STREAM_VIDEO | MUX_STREAM_AUDIO;
     Bytes expected;
-    for (uint32_t n = 0, left = 0; left == 0; n++) {
+    for (size_t n = 0, left = 0; left == 0; n++) {
         left = n;
         const auto next = [&](auto... choices) {
             const std::array all = {choices...};
-            const uint32_t at = left % all.size();
-            left /= static_cast<uint32_t>(all.size());
+            const size_t at = left % all.size();
+            left /= all.size();
             return all[at];
         };
         setup s = {.close_memory = next(0, 20, 48, 1024003),
@@ -330,7 +330,7 @@ TEST_F(Setups, MakeTheirFilesExactToTheByteWhateverTheMemory)
         const uint32_t flags = next(1u, 2u, 3u);
         s.with_frames = flags & next(kFlags, 1u, 2u);
         const size_t streams = left % kAudioStreams.size();
-        left /= static_cast<uint32_t>(kAudioStreams.size());
+        left /= kAudioStreams.size();
         s.keys = std::array{5u, 0u, 15u}[streams % 3];
         s.audio = (flags & MUX_STREAM_AUDIO) != 0 ? &kAudioStreams[streams] : nullptr;
         s.video = (flags & MUX_STREAM_VIDEO) != 0 ? &kVideoStreams[streams % kVideoStreams.size()]

@@ -130,17 +130,14 @@ int32_t recording::close()
     return QVR_MP4_MUX(MUX_CLOSE, &handle, &close_mem, nullptr);
 }
 
-mp4_mux_error_t recording::error()
+std::string recording::message(int64_t *aux)
 {
     mp4_mux_error_t last = {};
     QVR_MP4_MUX(MUX_GET_LAST_ERROR, &handle, nullptr, &last);
-    return last;
-}
-
-std::string recording::message()
-{
-    const char *text = error().m_pszMessage;
-    return text != nullptr ? text : "(no handle)";
+    if (aux != nullptr) {
+        *aux = last.m_llAux;
+    }
+    return last.m_pszMessage != nullptr ? last.m_pszMessage : "(no handle)";
 }
 
 std::string check_samples(const recording &r)
@@ -152,8 +149,6 @@ std::string check_samples(const recording &r)
     for (const put_frame &frame : r.frames) {
         const bool is_video = frame.type == MUX_TYPE_VIDEO;
         const mp4_reader::track *track = find_track(movie, is_video ? "vide" : "soun");
-        const std::string name =
-            (is_video ? "video at " : "audio at ") + std::to_string(frame.time_ms);
         size_t &at = found[is_video];
         if (frame.result >= 0 && !movie.error.empty()) {
             return movie.error; // without frames there is no movie box
@@ -161,17 +156,16 @@ std::string check_samples(const recording &r)
         const mp4_reader::sample sample = track != nullptr && at < track->samples.size()
                                               ? track->samples[at]
                                               : mp4_reader::sample{UINT32_MAX};
-        if (sample.size != frame.bytes.size() || sample.offset + sample.size > file.size() ||
-            !std::equal(frame.bytes.begin(), frame.bytes.end(), file.data() + sample.offset)) {
-            if (frame.result >= 0) {
-                return name + " is lost";
-            }
+        const bool is_there =
+            sample.size == frame.bytes.size() && sample.offset + sample.size <= file.size() &&
+            std::equal(frame.bytes.begin(), frame.bytes.end(), file.data() + sample.offset);
+        timed = timed && (!is_video || at > 0 || frame.time_ms == 0);
+        if (!is_there && frame.result < 0) {
             continue;
         }
-        timed = timed && (!is_video || at > 0 || frame.time_ms == 0);
-        if (is_video &&
-            ((timed && sample.time != frame.time_ms * 90) || sample.sync != frame.key)) {
-            return name + " has the wrong time or sync flag";
+        if (!is_there || (is_video && sample.sync != frame.key) ||
+            (is_video && timed && sample.time != frame.time_ms * 90)) {
+            return "the frame at " + std::to_string(frame.time_ms) + " is lost or wrong";
         }
         at++;
     }
@@ -181,6 +175,18 @@ std::string check_samples(const recording &r)
         }
     }
     return "";
+}
+
+mp4_mux_t make_context(bool with_64bit)
+{
+    const mp4_mux_init_t c = make_callbacks(with_64bit);
+    mp4_mux_t mux = {};
+    mux.m_stMem = {c.m_pfnMalloc, c.m_pfnFree,   nullptr,       c.m_pfnMemcpy,
+                   nullptr,       c.m_pfnMemset, c.m_pfnRealloc};
+    mux.m_stFile = {c.m_pfnFopen,  c.m_pfnFread,   c.m_pfnFseek,  c.m_pfnFtell,
+                    c.m_pfnFclose, nullptr,        nullptr,       c.m_pfnFwrite,
+                    c.m_pfnRemove, c.m_pfnFseek64, c.m_pfnFtell64};
+    return mux;
 }
 
 } // namespace mux_test

@@ -3,6 +3,7 @@
 #ifndef TESTS_SUPPORT_MUX_RECORDING_H
 #define TESTS_SUPPORT_MUX_RECORDING_H
 
+#include "mp4mux/mux_context.h"
 #include "tests/support/mux_callbacks.h"
 
 #include <gmock/gmock.h>
@@ -69,8 +70,7 @@ struct recording {
     int32_t video(uint32_t time_ms, size_t size, bool key = false);
     int32_t audio(uint32_t time_ms, size_t size);
     int32_t close();
-    mp4_mux_error_t error();
-    std::string message();
+    std::string message(int64_t *aux = nullptr);
 };
 
 // Compares a finished file with what was put into it: every frame that was taken without an error
@@ -78,6 +78,9 @@ struct recording {
 // frame whose put failed may be there as well.
 // returns  the first difference; empty when there is none
 std::string check_samples(const recording &r);
+
+// A bare context with these callbacks.
+mp4_mux_t make_context(bool with_64bit);
 
 } // namespace mux_test
 
