@@ -66,10 +66,13 @@ static Stream encode_and_parse(const EncoderOptions &options, const std::vector<
         unit.erase(unit.begin(), unit.begin() + 7);
 
         AacFrame &frame = stream.frames.emplace_back();
-        EXPECT_EQ(parse_raw_data_block(unit, encoder.tf()->samplingIndex + 3, &frame), "");
+        const int sampling_index = encoder.tf()->samplingIndex + 3;
+        const std::string fault = parse_raw_data_block(unit, sampling_index, &frame);
+        EXPECT_EQ(fault, "");
         EXPECT_EQ(frame.channels.size(), static_cast<size_t>(options.channels));
         EXPECT_LE(frame.bits, 6144 * options.channels);
-        expect_quantised(encoder, frame.channels.back());
+        if (fault.empty())
+            expect_quantised(encoder, frame.channels.back());
         total_bits += 8 * static_cast<uint32_t>(unit.size());
         EXPECT_EQ(encoder.state()->totalBits, total_bits);
         EXPECT_LE(encoder.state()->bitsAvailable, 8184 + encoder.state()->meanBits);
