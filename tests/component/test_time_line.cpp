@@ -140,7 +140,7 @@ static int64_t random_step(Random &random, int64_t frame_us, bool is_wild)
     const int64_t any = static_cast<int64_t>(random());
     const int64_t steps[] = {any % 2000, frame_us + any % 20000, any % 10000000,
                              any % 8000000000000}; // twice of 32 bits in ms
-    const size_t kind = random() % 12;
+    const uint64_t kind = random() % 12;
     return kind < (is_wild ? 4u : 3u) ? steps[kind] : frame_us;
 }
 
