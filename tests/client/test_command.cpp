@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <fstream>
 #include <map>
-#include <regex>
 #include <string>
 
 namespace fs = std::filesystem;
@@ -183,18 +182,20 @@ TEST_F(recording, plays_the_broadcast_player_in_runs_of_pictures_and_sound)
         EXPECT_TRUE(port == "video" || std::abs(last["video"] - time_us) < 1'500'000) << line;
     }
     if (contains(calls, "recording.mp4")) { // else /mnt/sdcard itself serves
-        EXPECT_EQ(std::regex_replace(calls, std::regex("(free\n){96}"), "all free\n"),
-                  "state 2\nstate 3\npath /mnt/sdcard/tflash/recording.mp4\nrate 48000\nstart\n"
-                  "stop\nstate 2\nstate 1\nall free\ngone\n");
+        std::string expected = "state 2\nstate 3\npath /mnt/sdcard/tflash/recording.mp4\n"
+                               "rate 48000\nstart\nstop\nstate 2\nstate 1\n";
+        for (int i = 0; i < 32 + 64; i++) {
+            expected += "free\n";
+        }
+        EXPECT_EQ(calls, expected + "gone\n");
     }
     EXPECT_EQ(std::count(buffers["video"].begin(), buffers["video"].end(), '\n'), 1 + 300);
     EXPECT_EQ(std::count(buffers["audio"].begin(), buffers["audio"].end(), '\n'), 470);
     // A delimiter one picture ahead, then pictures 40 ms apart, the first behind its sequence set.
-    EXPECT_TRUE(std::regex_search(
-        buffers["video"].substr(0, 100),
-        std::regex("^video 1000000 6 0 9\nvideo 1040000 \\d+ 0 103\nvideo 1080000 ")));
-    EXPECT_TRUE(std::regex_search(buffers["audio"].substr(0, 100),
-                                  std::regex("^audio 1040000 4096 .*\naudio 1061333 4096 ")));
+    EXPECT_TRUE(buffers["video"].starts_with("video 1000000 6 0 9\nvideo 1040000 "));
+    EXPECT_TRUE(contains(buffers["video"].substr(0, 60), " 0 103\nvideo 1080000 "));
+    EXPECT_TRUE(buffers["audio"].starts_with("audio 1040000 4096 "));
+    EXPECT_TRUE(contains(buffers["audio"].substr(0, 60), "\naudio 1061333 4096 "));
 }
 
 class storage : public command {
