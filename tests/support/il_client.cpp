@@ -205,6 +205,12 @@ std::optional<uint32_t> IlClient::wait_for_end(int timeout_ms)
     return ends[ends_seen_++].data2;
 }
 
+std::vector<IlEvent> IlClient::events()
+{
+    const std::lock_guard lock(mutex_);
+    return events_;
+}
+
 std::vector<IlEvent> IlClient::events(OMX_EVENTTYPE kind)
 {
     const std::lock_guard lock(mutex_);

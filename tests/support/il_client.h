@@ -63,7 +63,8 @@ class IlClient {
     void start_recording(const std::string &path);
     // Waits for the next end of recording. returns its reason.
     std::optional<uint32_t> wait_for_end(int timeout_ms = 60000);
-    // Events of one kind received so far.
+    // Events received so far: all, those of one kind.
+    std::vector<IlEvent> events();
     std::vector<IlEvent> events(OMX_EVENTTYPE kind);
     size_t count(OMX_EVENTTYPE kind);
 
