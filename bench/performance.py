@@ -1,0 +1,278 @@
+#!/usr/bin/python3
+"""Measures the recorder against its targets and writes docs/performance.md.
+
+usage: bench/performance.py [--quick]
+
+Builds what it measures below build/. --quick shortens every measurement, to try the script, and
+writes nothing. Needs the packages of `scripts/install_dependencies.sh tests`; takes about fifteen
+minutes on a machine that does nothing else.
+"""
+import datetime
+import json
+import os
+import pathlib
+import re
+import subprocess
+import sys
+import tempfile
+import wave
+
+ROOT = pathlib.Path(__file__).resolve().parent.parent
+QUICK = '--quick' in sys.argv
+PAIRS = 1 if QUICK else 5
+SAMPLE_SECONDS = 10
+RELEASE = ROOT / 'build/release'
+PORTABLE = ROOT / 'build/portable'
+ARM = ROOT / 'build/arm-library'
+NO_VECTORS = ['-DTDMBREC_VECTOR=OFF', '-DCMAKE_CXX_FLAGS=-fno-tree-vectorize',
+              '-DTDMBREC_TESTS=OFF', '-DTDMBREC_BENCH=OFF']
+BUILDS = [('release', RELEASE, ['-DTDMBREC_TESTS=OFF']),
+          ('release', PORTABLE, NO_VECTORS),
+          ('arm', ARM, ['-DTDMBREC_TESTS=OFF'])]
+
+
+def run(command, **options):
+    return subprocess.run([str(word) for word in command], check=True, text=True,
+                          stdout=subprocess.PIPE, stderr=subprocess.PIPE, **options)
+
+
+def build():
+    for preset, folder, settings in BUILDS:
+        run(['cmake', '--preset', preset, '-B', folder] + settings, cwd=ROOT)
+        run(['cmake', '--build', folder, '-j', os.cpu_count()])
+
+
+def usage_of(command):
+    """CPU seconds and largest resident memory (KiB) of one run."""
+    process = subprocess.Popen([str(word) for word in command], stdout=subprocess.DEVNULL,
+                               stderr=subprocess.DEVNULL)
+    _, status, usage = os.wait4(process.pid, 0)
+    if status != 0:
+        sys.exit(f'failed: {command}')
+    return usage.ru_utime + usage.ru_stime, usage.ru_maxrss
+
+
+def loop_sample(folder, seconds):
+    """The sample programme over and over. returns the paths of video and sound"""
+    loops = round(seconds / SAMPLE_SECONDS)
+    video, sound = folder / f'{seconds}.h264', folder / f'{seconds}.wav'
+    picture_bytes = (ROOT / 'samples/programme.h264').read_bytes()
+    with open(video, 'wb') as out:
+        for _ in range(loops):
+            out.write(picture_bytes)
+    with wave.open(str(ROOT / 'samples/programme.wav')) as sample, wave.open(str(sound), 'wb') as out:
+        frames = sample.readframes(sample.getnframes())
+        out.setparams(sample.getparams())
+        for _ in range(loops):
+            out.writeframesraw(frames)
+    return video, sound
+
+
+def callgrind(command, folder, *options):
+    """Instructions by function and object: {(function, object): count}."""
+    out = folder / 'callgrind.out'
+    run(['valgrind', '--tool=callgrind', f'--callgrind-out-file={out}', *options] + command)
+    listing = run(['callgrind_annotate', '--threshold=100', '--show=Ir', out]).stdout
+    costs = {}
+    for count, name in re.findall(r'^ *([\d,]+) \([ \d.]+%\)  (\S.*)$', listing, re.M):
+        library = re.search(r'\[(.*)\]$', name)
+        function = re.sub(r'^[^:]*:|(\(.*)? \[.*$', '', name)
+        key = function, os.path.basename(library.group(1)) if library else ''
+        if name != 'PROGRAM TOTALS':
+            costs[key] = costs.get(key, 0) + int(count.replace(',', ''))
+    return costs
+
+
+def per_second(command_for, folder, *options):
+    """Instructions per second of programme: a long run less a short one."""
+    short, long = 10, 20 if QUICK else 60
+    few = callgrind(command_for(short), folder, *options)
+    many = callgrind(command_for(long), folder, *options)
+    return {key: (count - few.get(key, 0)) / (long - short) for key, count in many.items()}
+
+
+def encode_with(build_folder, sound, folder):
+    return [build_folder / 'bin/tdmbrec', 'encode', sound, '--output', folder / 'out.aac',
+            '--force']
+
+
+def record_with(video, sound, folder):
+    return [RELEASE / 'bin/tdmbrec', 'record', '--video', video, '--audio', sound,
+            '--output', folder / 'out.mp4', '--force']
+
+
+def measure_encoder(folder):
+    seconds = 60 if QUICK else 600
+    _, sound = loop_sample(folder, seconds)
+    ffmpeg = ['ffmpeg', '-nostdin', '-v', 'error', '-y', '-i', sound, '-c:a', 'aac',
+              '-aac_coder', 'fast', '-b:a', '128000', folder / 'other.aac']
+    pairs = [(usage_of(encode_with(RELEASE, sound, folder))[0], usage_of(ffmpeg)[0])
+             for _ in range(PAIRS)]
+    ours, other = (sorted(times)[len(pairs) // 2] for times in zip(*pairs))
+    ratio = sorted(b / a for a, b in pairs)[len(pairs) // 2]
+    plain, _ = usage_of(encode_with(PORTABLE, sound, folder))
+    by_function = per_second(lambda s: encode_with(PORTABLE, loop_sample(folder, s)[1], folder),
+                             folder, '--toggle-collect=QVR_AAC_ENC')
+    total = sum(by_function.values())
+    rows = [
+        ('Encoder, CPU beside `ffmpeg -aac_coder fast`', 'at least 8 times as fast',
+         f'{ratio:.1f} times: {ours:.2f} s, {other:.2f} s for {seconds} s of sound'),
+        ('Encoder, times real time', '1,000', f'{seconds / ours:.0f}; portable build '
+         f'{seconds / plain:.0f}'),
+        ('Encoder, portable build, instructions a second of stereo', 'at most 15 million',
+         f'{total / 1e6:.1f} million')]
+    return rows, by_function
+
+
+def benchmark(program, **environment):
+    arguments = [RELEASE / 'bin' / program, '--benchmark_format=json']
+    if QUICK:
+        arguments.append('--benchmark_min_time=0.01')
+    result = run(arguments, env={**os.environ, **environment}).stdout
+    results = json.loads(result[result.index('{'):])['benchmarks']
+    for entry in results:
+        if entry.get('error_occurred'):
+            sys.exit(f'{program}: {entry["name"]}: {entry["error_message"]}')
+    return results
+
+
+def named(results, start):
+    return [entry for entry in results if entry['name'].startswith(start)]
+
+
+def measure_muxer():
+    results = benchmark('bench_mp4mux')
+    write, = named(results, 'beside_fwrite')
+    copy, = named(results, 'beside_ffmpeg_copy')
+    null = named(results, 'beside_libavformat/owned:1')[0]
+    flat, = named(results, 'over_many_frames')
+    close = max(named(results, 'close_recording'), key=lambda entry: entry['MB'])
+    return [
+        ('Muxer, last tenth of 2 million frames beside the first', 'at most 1.05',
+         f'{flat["ratio"]:.2f}'),
+        ('Muxer, CPU beside `fwrite` of the same frames', 'at most 1.25 times',
+         f'{write["ratio"]:.2f} times: {write["mux"]:.0f} ns, {write["fwrite"]:.0f} ns a frame'),
+        ('Muxer, CPU beside `ffmpeg -c copy`', 'at most a tenth',
+         f'{copy["ratio"]:.3f} without the kernel\'s copy of the bytes, {copy["ratio_all"]:.2f} '
+         'with it'),
+        ('Muxer, null sink, CPU beside libavformat', 'at most a fifth',
+         f'{null["ratio"]:.3f}: {null["mux"]:.0f} ns, {null["av_write_frame"]:.0f} ns a frame'),
+        ('Close, CPU beside copying the tables', 'at most 1.5 times',
+         f'{close["ratio"]:.2f} times at {close["MB"]:.0f} MB, {close["tables_MB"]:.0f} MB of '
+         'tables')]
+
+
+def measure_component():
+    results = benchmark('bench_component', RECORDER_BENCH='' if QUICK else 'whole')
+    record, encode = named(results, 'record_programme')[0], named(results, 'encode_programme')[0]
+    picture, copy = named(results, 'record_pictures')[0], named(results, 'copy_pictures')[0]
+    query, = named(results, 'query_storage')
+    rests = named(results, 'rest_')
+    grown = [entry['KiB'] for entry in named(results, 'grow_resident')]
+    closes = named(results, 'close_recording')
+    return [
+        ('Component, speed beside the bare encoder', 'at least 80 %',
+         f'{100 * record["x_real_time"] / encode["x_real_time"]:.0f} %: '
+         f'{record["x_real_time"]:.0f}, {encode["x_real_time"]:.0f} times real time'),
+        ('Component, CPU a picture beyond the copy', 'at most 3 us',
+         f'{picture["component_cpu"] * 1e6 - copy["cpu_time"] / 1e3:.2f} us'),
+        ('Component, one storage query', 'known', f'{query["cpu_time"]:.0f} ns'),
+        ('Component at rest (Executing; Paused with buffers)', 'no wake-up, no CPU in 10 s',
+         '; '.join(f'{entry["switches"]:.0f} switches, {max(entry["cpu"], 0) * 1e6:.0f} us'
+                   for entry in rests)),
+        ('Close, from request to event', 'at most 250 ms at 1.8 GB',
+         ', '.join(f'{entry["real_time"]:.0f} ms at {entry["bytes"] / 1e6:.0f} MB'
+                   for entry in closes)),
+        ('Memory, resident growth of a recording', 'at most 9.3 MiB',
+         f'{grown[0] / 1024:.1f} MiB after 10 s, {grown[-1] / 1024:.1f} MiB after 300 s')]
+
+
+def measure_library():
+    library = ARM / 'lib/libOMX.QVR.tdmbrec.so'
+    with tempfile.NamedTemporaryFile() as stripped:
+        run(['arm-linux-gnueabihf-strip', '-o', stripped.name, library])
+        size = os.path.getsize(stripped.name)
+    return [('Memory, stripped library for 32-bit ARM', 'under 200 KiB', f'{size / 1024:.0f} KiB'),
+            ('Memory, the encoder\'s work block on 32 bits', 'at most 25,000 bytes',
+             '25,000 bytes or the build fails (asserted)')]
+
+
+def measure_client(folder):
+    short, long = (10, 60) if QUICK else (600, 7200)
+    video, sound = loop_sample(folder, short)
+    _, short_kib = usage_of(record_with(video, sound, folder))
+    video, sound = loop_sample(folder, long)
+    cpu, long_kib = usage_of(record_with(video, sound, folder))
+    for path in (video, sound):
+        path.unlink()
+    profile = per_second(lambda s: record_with(*loop_sample(folder, s), folder), folder)
+    return [('Client, a programme of two hours', 'CPU in encoder and input; memory flat',
+             f'{cpu:.1f} s of CPU for {long} s; {long_kib / 1024:.0f} MiB resident at the most, '
+             f'{short_kib / 1024:.0f} MiB for {short} s')], profile
+
+
+def table(head, rows):
+    lines = [head, ['---'] * len(head)] + [list(row) for row in rows]
+    return '\n'.join('| ' + ' | '.join(row) + ' |' for row in lines) + '\n'
+
+
+def profile_table(costs, count, name):
+    total = sum(costs.values())
+    largest = sorted(costs.items(), key=lambda item: -item[1])[:count]
+    return table([name, 'Instructions a second', 'Share'],
+                 [(f'`{key}`', f'{cost / 1e3:.0f} k', f'{100 * cost / total:.1f} %')
+                  for key, cost in largest])
+
+
+def by(costs, index):
+    sums = {}
+    for key, cost in costs.items():
+        sums[key[index]] = sums.get(key[index], 0) + cost
+    return sums
+
+
+def machine():
+    with open('/proc/cpuinfo', encoding='ascii') as info:
+        model = re.search(r'model name\s*: (.*)', info.read())
+    compiler = run(['c++', '--version']).stdout.splitlines()[0]
+    return (f'{model.group(1) if model else "unknown processor"}, {os.cpu_count()} cores; '
+            f'{compiler}; release preset (`-O3 -DNDEBUG`); portable build: '
+            f'`{" ".join(NO_VECTORS[:2])}`; {datetime.date.today()}.')
+
+
+def page(rows, encoder, client):
+    return f'''# Performance
+
+Written by `bench/performance.py`. {machine()}
+
+{table(['What', 'Target', 'Measured'], rows)}
+Times are the median of {PAIRS} alternating pairs, or the least of several runs where the two sides
+run in one program. Nothing here is a test: no check fails because a machine is slow.
+
+## Where the encoder's time goes
+
+Instructions per second of 48 kHz stereo sound at 128 kbit/s, portable build, by function:
+
+{profile_table(by(encoder, 0), 14, 'Function')}
+## Where a recording's time goes
+
+Instructions per second of programme, `tdmbrec record` from raw H.264 and WAV, by library; the
+component with its encoder and muxer is `libOMX.QVR.tdmbrec.so`, `libav...` reads the input:
+
+{profile_table(by(client, 1), 8, 'Library')}'''
+
+
+def main():
+    build()
+    with tempfile.TemporaryDirectory() as name:
+        folder = pathlib.Path(name)
+        encoder_rows, encoder = measure_encoder(folder)
+        client_rows, client = measure_client(folder)
+    rows = encoder_rows + measure_muxer() + measure_component() + measure_library() + client_rows
+    text = page(rows, encoder, client)
+    print(text)
+    if not QUICK:
+        (ROOT / 'docs/performance.md').write_text(text, encoding='utf-8')
+
+
+main()
