@@ -30,6 +30,7 @@ TEST_F(File, TakesItsDurationsFromTheTimeStamps)
         {{500, 540, 580}, {45000, 3600, 3600}}, // the first run counts from 0 to the first frame
         {{40}, {3600}},                         // one frame: the mean
         {{0, 40, 20, 60}, {3600, static_cast<uint32_t>(-1800), 3600, 0}},
+        {{0, 0, 0, 40}, {3600, 0, 0, 0}}, // the open run at 0 is dropped and made up for
         {{0, 23861000}, {2147490000, 0}}, // beyond the short headers
     };
     for (const auto &c : cases) {
@@ -99,6 +100,30 @@ TEST_F(File, OverflowsIntoScratchFilesThatTheCloseRemoves)
     }
 }
 
+TEST_F(File, IsTheSameWhateverMemoryItsTablesPassThrough)
+{
+    using enum cache_layout;
+    Bytes reference;
+    for (const cache_layout layout : {own, recorder, pooled, tiny}) {
+        for (const int32_t close_memory : {0, 3608, 5000, 60000, 0x300000}) {
+            reset_world();
+            recording r(true);
+            r.set_cache(layout);
+            r.lend_close_memory(close_memory);
+            ASSERT_EQ(r.open(), 0);
+            for (uint32_t i = 0; i < 900; i++) {
+                ASSERT_EQ(r.video(i * 33 + i % 3, 40 + i * 13 % 90, i % 10 == 0), 0);
+                ASSERT_EQ(r.audio(i * 33 + 2, 20 + i * 7 % 30), 0);
+            }
+            ASSERT_EQ(r.close(), 0) << r.message();
+            const Bytes &file = world.files["out.mp4"].bytes;
+            reference = reference.empty() ? file : reference;
+            EXPECT_TRUE(file == reference) << static_cast<int>(layout) << " " << close_memory;
+            EXPECT_EQ(leftovers(), "");
+        }
+    }
+}
+
 // Moves a recording on as if it had written media data; the file keeps none of it.
 void skip(recording &r, uint64_t bytes)
 {
@@ -134,6 +159,7 @@ TEST_F(File, EndsWhereOffsetsAndSeeksEnd)
         r.init.m_uiOptions = c.options;
         ASSERT_EQ(r.open(), 0);
         skip(r, c.frame_offset - 36);
+        EXPECT_TRUE(c.with_64bit || r.video(0, 13) == MUX_ERR_INVALID) << "one byte too many";
         ASSERT_EQ(r.video(0, 12), 0) << r.message();
         EXPECT_EQ(c.is_last ? r.video(40, 12) : 0, c.is_last ? MUX_ERR_INVALID : 0);
         EXPECT_EQ(r.message(), c.message);

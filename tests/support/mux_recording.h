@@ -36,7 +36,7 @@ inline const Bytes kPps = bytes("68CE3C80");
 inline const Bytes kAudioConfig = bytes("1190");
 
 // Caches as a recorder lends them.
-enum class cache_layout { own, recorder, tiny };
+enum class cache_layout { own, recorder, pooled, tiny };
 
 // A frame that was put, whatever came of it.
 struct put_frame {
