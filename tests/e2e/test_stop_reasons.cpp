@@ -51,6 +51,33 @@ TEST_F(StopReason, Is0WhenTheCardGoes)
     EXPECT_EQ(video_samples(expect_plays(CARD_FILE)), 60u);
 }
 
+TEST_F(StopReason, Is2WhenTheCardIsFull)
+{
+    host_set_property("qvr.sdcard.db.status", "available"); // the card's own 64 MiB
+    const auto client = start_recording(CARD_FILE);
+    send_large_pictures(*client, 1000000, 100);
+    EXPECT_EQ(client->wait_for_end(), 2u);
+    client->to_loaded();
+    // 14 MiB were free above the limit of 50; what the cache holds back is seen late.
+    EXPECT_GE(video_samples(expect_plays(CARD_FILE)), 13u);
+    std::filesystem::remove(CARD_FILE);
+}
+
+TEST_F(StopReason, Is4WhenTheFileCannotBeOpenedAnd7WhenTheComponentIsDestroyed)
+{
+    std::filesystem::create_directory(BUILT_IN_FILE); // a folder has the file's name
+    const auto client = start_recording();
+    send_programme(*client, 2);
+    EXPECT_EQ(client->wait_for_end(), 4u);
+    std::filesystem::remove(BUILT_IN_FILE);
+    EXPECT_EQ(client->start(), OMX_ErrorNone); // the component is as good as new
+    send_programme(*client, 50);
+    client->to_loaded(); // with the recording still active
+    client->destroy();
+    EXPECT_EQ(client->wait_for_end(0), 7u);
+    EXPECT_EQ(video_samples(expect_plays()), 50u);
+}
+
 TEST_F(StopReason, Is5WhenAWriteFails)
 {
     use_card(); // says that there is room
