@@ -20,21 +20,21 @@ static void butterfly(int32_t *a, int32_t *b, int32_t re, int32_t im)
     a[1] = add_s32(a[1], im);
 }
 
-// Two points that trade places in the bit-reversed order.
+// The places of two points that trade theirs in the bit-reversed order.
 struct Swap {
-    int16_t low;
-    int16_t high;
+    uint16_t low;
+    uint16_t high;
 };
 
 static constexpr auto kSwaps = [] {
     std::array<Swap, 240> swaps = {}; // the other 32 of the 512 points stay
     size_t count = 0;
-    for (int16_t i = 0; i < kPoints; i++) {
-        int16_t reversed = 0;
-        for (int16_t bit = 1; bit < kPoints; bit = static_cast<int16_t>(bit * 2))
-            reversed = static_cast<int16_t>(reversed * 2 + ((i & bit) != 0));
+    for (uint32_t i = 0; i < kPoints; i++) {
+        uint32_t reversed = 0;
+        for (uint32_t bit = 1; bit < kPoints; bit *= 2)
+            reversed = reversed * 2 + ((i & bit) != 0);
         if (i < reversed)
-            swaps[count++] = {i, reversed};
+            swaps[count++] = {static_cast<uint16_t>(2 * i), static_cast<uint16_t>(2 * reversed)};
     }
     return swaps;
 }();
@@ -44,9 +44,9 @@ static void reverse_bits(int32_t *data)
     constexpr size_t kPointBytes = 2 * sizeof(int32_t);
     for (const Swap &swap : kSwaps) {
         int32_t point[2];
-        std::memcpy(point, data + 2 * swap.low, kPointBytes);
-        std::memcpy(data + 2 * swap.low, data + 2 * swap.high, kPointBytes);
-        std::memcpy(data + 2 * swap.high, point, kPointBytes);
+        std::memcpy(point, data + swap.low, kPointBytes);
+        std::memcpy(data + swap.low, data + swap.high, kPointBytes);
+        std::memcpy(data + swap.high, point, kPointBytes);
     }
 }
 

@@ -6,11 +6,6 @@
 #include "aacenc/fixed_point.h"
 #include "aacenc/quantiser_tables.h"
 
-int32_t AACENC_LOG2(uint32_t x)
-{
-    return x < 2 ? 0 : static_cast<int32_t>(std::bit_width(x)) - 1;
-}
-
 // Line of CalcPow_RageTable by the leading zeros of a magnitude above 8191.
 static constexpr uint8_t kLineOfZeros[19] = {
     4, 4, 4, 4, 4, 4, 4, 4, 3, 3, 2, 2, 2, 1, 1, 1, 0, 0, 0,

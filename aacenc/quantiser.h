@@ -2,12 +2,16 @@
 #ifndef AACENC_QUANTISER_H
 #define AACENC_QUANTISER_H
 
+#include <bit>
 #include <cstdint>
 
 inline constexpr int32_t kMaxFactorGain = 99; // gain of the smallest quantiser factor
 
 // returns: floor(log2(x)), 0 for x = 0
-[[nodiscard]] int32_t AACENC_LOG2(uint32_t x);
+[[nodiscard]] inline int32_t AACENC_LOG2(uint32_t x)
+{
+    return x < 2 ? 0 : static_cast<int32_t>(std::bit_width(x)) - 1;
+}
 
 // returns: x^(3/4) of a magnitude, at most 2^31
 [[nodiscard]] int32_t power_three_quarters(uint32_t magnitude);
