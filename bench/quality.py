@@ -112,7 +112,7 @@ def main():
         sox('-r', str(RATE), '-b', '16', '-n', signals['noise'], 'synth', '30', 'pinknoise',
             'pinknoise', 'gain', '-n', '-10')
         ours = [sys.argv[1], 'encode', '--force', '--output', coded, '--bitrate']
-        print('| Signal | kbit/s | level | this | | | this, TNS | | | fast | | | twoloop | | |')
+        print('| Signal | kbit/s | level | this | | | with TNS | | | fast | | | twoloop | | |')
         print('|' + 15 * '---|')
         for name, path in signals.items():
             original = read_pcm(path)

@@ -10,8 +10,7 @@ MemoryCounts memory_counts;
 
 static void *counting_allocate(size_t size)
 {
-    const int past = ++memory_counts.allocations - memory_counts.fail_at;
-    if (memory_counts.fail_at != 0 && (past == 0 || (past > 0 && memory_counts.fail_all_after)))
+    if (++memory_counts.allocations == memory_counts.fail_at)
         return nullptr;
     memory_counts.open++;
     void *memory = std::malloc(size);

@@ -11,12 +11,11 @@
 #include "aacenc/aac_enc.h"
 #include "aacenc/encoder_state.h"
 
-// Memory functions that count, and fail from a chosen allocation on or only there.
+// Memory functions that count, and fail at a chosen allocation.
 struct MemoryCounts {
     int allocations = 0;
     int open = 0; // not yet released
     int fail_at = 0;
-    bool fail_all_after = false;
 };
 extern MemoryCounts memory_counts;
 extern const AacEncCallbacks counting_callbacks;
