@@ -3,6 +3,7 @@
 #include "mp4mux/bitstream_file.h"
 #include "mp4mux/mux_context.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 
@@ -226,29 +227,33 @@ static int32_t make_room(mp4_mux_bs_t *bs, const write_messages &messages)
     return flushed < 0 ? flushed : renew_span(bs, messages);
 }
 
+int32_t bs_lend_space(mp4_mux_bs_t *bs, int32_t max, uint8_t **space)
+{
+    if (free_bytes(bs) == 0) {
+        const int32_t result = make_room(bs, kBytesMessages);
+        if (result < 0) {
+            return result;
+        }
+    }
+    *space = bs->m_pbyBase + bs->m_uiFill;
+    return static_cast<int32_t>(std::min(static_cast<size_t>(max), free_bytes(bs)));
+}
+
 int32_t mp4_mux_bs_write_bytes(mp4_mux_bs_t *bs, const void *source, int32_t count)
 {
-    if (count <= 0) {
-        return 0;
-    }
     const uint8_t *from = static_cast<const uint8_t *>(source);
-    size_t left = static_cast<size_t>(count);
-    while (left > 0) {
-        const size_t room = free_bytes(bs);
-        if (room == 0) {
-            const int32_t result = make_room(bs, kBytesMessages);
-            if (result < 0) {
-                return result;
-            }
-            continue;
+    for (int32_t left = count; left > 0;) {
+        uint8_t *space = nullptr;
+        const int32_t part = bs_lend_space(bs, left, &space);
+        if (part < 0) {
+            return part;
         }
-        const size_t part = left < room ? left : room;
-        bs->m_pstMux->m_stMem.m_pfnMemcpy(bs->m_pbyBase + bs->m_uiFill, from, part);
+        bs->m_pstMux->m_stMem.m_pfnMemcpy(space, from, static_cast<size_t>(part));
         bs->m_uiFill += static_cast<uint32_t>(part);
         from += part;
         left -= part;
     }
-    return count;
+    return std::max(count, 0);
 }
 
 int32_t mp4_mux_bs_write_flush(mp4_mux_bs_t *bs)

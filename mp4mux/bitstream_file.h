@@ -32,6 +32,12 @@ int32_t bs_fail(const mp4_mux_bs_t *bs, int32_t code, const char *message);
 // nothing; a file that has to seek for it does so before its next write.
 void bs_take_back(mp4_mux_bs_t *bs, int64_t position);
 
+// Lends the free part of the cache, at most max (above 0) bytes, for the next bytes to write; the
+// caller adds what it puts there to m_uiFill. A full cache is written to the file first.
+// out      space: valid until the bitstream's next use
+// returns  number of bytes (1 to max), or an error as mp4_mux_bs_write_bytes
+[[nodiscard]] int32_t bs_lend_space(mp4_mux_bs_t *bs, int32_t max, uint8_t **space);
+
 // Shows up to max (above 0) of the next bytes to read where they lie in the cache, without
 // consuming them: the caller adds what it takes to m_uiFill.
 // out      bytes: valid until the bitstream's next use

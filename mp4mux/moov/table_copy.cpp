@@ -157,14 +157,37 @@ static int32_t copy_from_cache(mp4_mux_bs_t *out, const mp4_mux_bs_t *scratch, i
     return mp4_mux_bs_write_bytes(out, scratch->m_pbyCache, static_cast<int32_t>(length));
 }
 
+// A table larger than its cache goes straight into the output's: one copy of each byte less.
+static int32_t copy_large_file(mp4_mux_bs_t *out, mp4_mux_bs_t *scratch, int64_t length)
+{
+    for (int64_t left = length; left > 0;) {
+        uint8_t *space = nullptr;
+        const int32_t wanted = static_cast<int32_t>(std::min<int64_t>(left, INT32_MAX));
+        const int32_t room = bs_lend_space(out, wanted, &space);
+        if (room < 0) {
+            return room;
+        }
+        const size_t got = scratch->m_pstMux->m_stFile.m_pfnFread(
+            space, 1, static_cast<size_t>(room), scratch->m_hFile);
+        if (got == 0) {
+            return bs_fail(scratch, MUX_ERR_EOF, "the end of the file(bs_read_bytes)");
+        }
+        out->m_uiFill += static_cast<uint32_t>(got);
+        left -= static_cast<int64_t>(got);
+    }
+    return 0;
+}
+
 static int32_t copy_from_file(mp4_mux_bs_t *out, mp4_mux_bs_t *scratch, int64_t length,
                               const char *name)
 {
+    if (length > scratch->m_iCacheSize) {
+        return copy_large_file(out, scratch, length);
+    }
     int32_t result = 0;
     for (int64_t left = length; left > 0 && result >= 0; left -= result) {
         const uint8_t *bytes = nullptr;
-        const int32_t wanted = static_cast<int32_t>(std::min<int64_t>(left, INT32_MAX));
-        const int32_t got = bs_borrow_bytes(scratch, wanted, &bytes);
+        const int32_t got = bs_borrow_bytes(scratch, static_cast<int32_t>(left), &bytes);
         if (got < 0) {
             return got;
         }

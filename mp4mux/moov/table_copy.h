@@ -27,8 +27,8 @@
                                       mp4_mux_bs_t *scratch, int32_t work_bytes);
 
 // Copies the first length bytes of a scratch table to the output. A scratch file that fits its
-// cache is closed and removed (name not null) before they are written.
-// returns  0 or a negative code; tag "<bs_direct_copy"
+// cache is closed and removed (name not null) before they are written; a larger one is read
+// straight into the output's cache. returns  0 or a negative code; tag "<bs_direct_copy"
 [[nodiscard]] int32_t bs_direct_copy(mp4_mux_bs_t *out, mp4_mux_bs_t *scratch, int64_t length,
                                      const char *name);
 
