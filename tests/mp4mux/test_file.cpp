@@ -111,7 +111,7 @@ TEST_F(File, IsTheSameWhateverMemoryItsTablesPassThrough)
             r.set_cache(layout);
             r.lend_close_memory(close_memory);
             ASSERT_EQ(r.open(), 0);
-            for (uint32_t i = 0; i < 900; i++) {
+            for (uint32_t i = 0; i < 1000; i++) {
                 ASSERT_EQ(r.video(i * 33 + i % 3, 40 + i * 13 % 90, i % 10 == 0), 0);
                 ASSERT_EQ(r.audio(i * 33 + 2, 20 + i * 7 % 30), 0);
             }
