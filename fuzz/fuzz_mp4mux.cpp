@@ -1,8 +1,8 @@
 // The muxer from its open to its close with any frames, while any one of its callbacks fails. It
 // gives back everything, and what it finished is a sound file.
 //
-// Input: how it is opened (4 bytes), what fails (4 bytes), then the frames: kind and distance in
-// time (2 bytes), size (2 bytes).
+// Input: how it is opened (4 bytes), the streams where they may be anything, what fails (4 bytes),
+// then the frames: kind, distance in time and size, and the first bytes where they matter.
 #include "client/mp4_reader.h"
 #include "fuzz/input.h"
 #include "tests/support/mux_callbacks.h"
@@ -12,51 +12,98 @@ using mux_test::world;
 static constexpr size_t MOST_FRAMES = 400;
 
 // Parameter sets in start-code form and an AudioSpecificConfig.
-static uint8_t video_private[] = {0,    0,    0,    1, 0x67, 0x42, 0xC0, 0x1E, 0xDA, 0x05, 0x07,
-                                  0xE8, 0x40, 0x10, 0, 0,    0,    1,    0x68, 0xCE, 0x3C, 0x80};
-static uint8_t audio_private[] = {0x11, 0x90};
+static const Bytes PARAMETER_SETS = {0,    0,    0,    1, 0x67, 0x42, 0xC0, 0x1E, 0xDA, 0x05, 0x07,
+                                     0xE8, 0x40, 0x10, 0, 0,    0,    1,    0x68, 0xCE, 0x3C, 0x80};
+static const Bytes AUDIO_CONFIG = {0x11, 0x90};
 
 struct Recording {
     mp4_mux_init_t init = {};
     mp4_mux_input_t input = {};
-    Bytes cache, close_bytes;
+    Bytes cache, close_bytes, video_private, audio_private, user_data;
+    mp4_mux_userbox_t user_box = {};
+    mp4_mux_ftyp_t file_type = {};
+    bool is_sound = true; // the streams are what they are said to be
     char name[8] = "out.mp4";
     void *handle = nullptr;
     size_t frame_count[3] = {}; // by type
     size_t media_bytes = 0;
 };
 
-static void describe(Input &input, Recording &recording)
+static void describe_caches(Input &input, Recording &recording)
 {
     static constexpr int32_t CACHES[][3] = {
         {0, 0, 0}, {0x10000, 0x3000, 0x2000}, {40000, 0, 0}, {8, 17, 9}};
-    const uint32_t how = input.u8();
     const auto &[output_bytes, video_bytes, audio_bytes] = CACHES[input.u8() % 4];
     recording.cache.resize(static_cast<size_t>(output_bytes + video_bytes + audio_bytes));
     recording.close_bytes.resize(input.u16() * 4);
+    recording.init.m_pCacheMem = recording.cache.empty() ? nullptr : recording.cache.data();
+    recording.init.m_iCacheSize = output_bytes;
+    recording.init.m_iVideoCacheSize = video_bytes;
+    recording.init.m_iAudioCacheSize = audio_bytes;
+}
+
+// Streams and boxes of any kind: the muxer takes them or refuses them.
+static void describe_anything(Input &input, Recording &recording)
+{
+    static constexpr uint32_t BRANDS[] = {0x316F7369, 0};
+    recording.is_sound = false;
+    recording.video_private = input.bytes(input.u8());
+    recording.audio_private = input.bytes(input.u8() % 64);
+    recording.user_data = input.bytes(input.u8() % 32);
+    const uint32_t form = input.u8();
+    mp4_mux_input_t &streams = recording.input;
+    if (form & 1) {
+        streams.m_uiVideoFourCC = static_cast<uint32_t>(input.number(4));
+    }
+    if (form & 2) {
+        streams.m_iAudioCodec = static_cast<int32_t>(input.number(form & 4 ? 4 : 2));
+        streams.m_iAudioSampleRate = static_cast<int32_t>(input.u16() * 10);
+        streams.m_iAudioChannels = static_cast<int32_t>(input.u8());
+    }
+    if (form & 8) {
+        recording.user_box = {.m_uiType = static_cast<uint32_t>(input.number(4)),
+                              .m_pbyData = recording.user_data.data(),
+                              .m_uiSize = static_cast<uint32_t>(recording.user_data.size())};
+        streams.m_pstUserBox = &recording.user_box;
+        streams.m_uiUserBoxCount = 1;
+    }
+    if (form & 16) {
+        recording.file_type = {.m_szMajorBrand = {'i', 's', 'o', 'm'},
+                               .m_puiCompatible = BRANDS,
+                               .m_uiCompatibleCount = input.u8() % 3};
+        streams.m_pstFtyp = &recording.file_type;
+    }
+}
+
+static void describe(Input &input, Recording &recording)
+{
+    const uint32_t how = input.u8();
     recording.init = mux_test::make_callbacks(how & 1);
+    describe_caches(input, recording);
     recording.init.m_pOutput = recording.name;
     recording.init.m_pszTempDir = "/tmp";
     recording.init.m_uiStreamFlags = how >> 1 & 3;
     recording.init.m_uiOptions = how >> 3 & MUX_OPTION_32BIT_OFFSET;
     recording.init.m_pfnAppendFile = how & 0x10 ? mux_test::append_whole_file : nullptr;
-    recording.init.m_pCacheMem = recording.cache.empty() ? nullptr : recording.cache.data();
-    recording.init.m_iCacheSize = output_bytes;
-    recording.init.m_iVideoCacheSize = video_bytes;
-    recording.init.m_iAudioCacheSize = audio_bytes;
     recording.input = {.m_iYear = 2009,
                        .m_iDay = 1,
                        .m_iVideoWidth = 320,
                        .m_iVideoHeight = 240,
                        .m_uiVideoFourCC = 0x31637661,
-                       .m_pbyVideoPrivate = video_private,
-                       .m_iVideoPrivateSize = sizeof(video_private),
                        .m_iAudioSampleRate = 48000,
                        .m_iAudioBitsPerSample = 16,
                        .m_iAudioChannels = 2,
-                       .m_iAudioCodec = 0xAAC0,
-                       .m_pbyAudioPrivate = audio_private,
-                       .m_iAudioPrivateSize = sizeof(audio_private)};
+                       .m_iAudioCodec = 0xAAC0};
+    recording.video_private = PARAMETER_SETS;
+    recording.audio_private = AUDIO_CONFIG;
+    if (how & 0x20) {
+        describe_anything(input, recording);
+    }
+    const auto data_of = [](const Bytes &bytes) { return bytes.empty() ? nullptr : bytes.data(); };
+    recording.input.m_pbyVideoPrivate = data_of(recording.video_private);
+    recording.input.m_iVideoPrivateSize = static_cast<int32_t>(recording.video_private.size());
+    recording.input.m_pbyAudioPrivate = data_of(recording.audio_private);
+    recording.input.m_iAudioPrivateSize = static_cast<int32_t>(recording.audio_private.size());
 }
 
 static void arm_failure(Input &input)
@@ -76,7 +123,9 @@ static void put_frames(Input &input, Recording &recording)
         const uint32_t kind = input.u8();
         const uint32_t type = kind & 1 ? MUX_TYPE_VIDEO : MUX_TYPE_AUDIO;
         time_ms += kind & 4 ? input.u16() : input.u8();
-        const Bytes bytes(input.u16() % (kind & 8 ? 65536 : 256), static_cast<uint8_t>(i));
+        Bytes bytes(input.u16() % (kind & 8 ? 8192 : 256), static_cast<uint8_t>(i));
+        const Bytes front = input.bytes(kind & 16 ? std::min<size_t>(input.u8(), bytes.size()) : 0);
+        std::copy(front.begin(), front.end(), bytes.begin());
         mp4_mux_putstream_t frame = {.m_pbyData = bytes.data(),
                                      .m_iDataSize = static_cast<int32_t>(bytes.size()),
                                      .m_iType = static_cast<int32_t>(type),
@@ -131,7 +180,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         put_frames(input, recording);
     }
     if (recording.handle != nullptr && close(recording) >= 0 && opened >= 0 &&
-        recording.media_bytes > 0 && world.fail.at == 0) {
+        recording.media_bytes > 0 && world.fail.at == 0 && recording.is_sound) {
         check_file(recording);
     }
     require(mux_test::leftovers().empty(), mux_test::leftovers());
