@@ -2,10 +2,11 @@
 # Installs what is needed, builds the recorder in every way and runs all tests.
 #
 #   sh scripts/check.sh             everything
-#   sh scripts/check.sh STEP ...    some of: format bench 32bit arm asan-ubsan tsan clang release
+#   sh scripts/check.sh STEP ...    some of: format bench fuzz 32bit arm asan-ubsan tsan clang
+#                                   release
 set -eu
 cd "$(dirname "$0")/.."
-steps=${*:-format bench 32bit arm asan-ubsan tsan clang release}
+steps=${*:-format bench fuzz 32bit arm asan-ubsan tsan clang release}
 jobs=$(nproc)
 
 # build PRESET FOLDER [CMAKE-ARGUMENT ...]
@@ -50,6 +51,9 @@ for step in $steps; do
         for program in build/release/bin/bench_*; do
             "$program" --benchmark_min_time=0.01
         done
+        ;;
+    fuzz)
+        sh fuzz/run.sh 4
         ;;
     *)
         echo "unknown step: $step" >&2
