@@ -159,7 +159,7 @@ TEST_F(Failures, OfAConfigurationAreNotWritten)
         {{}, unit(kOtherSps) + unit(kSps) + unit(kPps) + unit(kOtherSps), record},
         {{}, unit(kSps) + unit(kSlice), {}},
         {{}, unit(kPps) + unit(bytes("674200")), {}},
-        {{}, unit({}) + unit(kPps) + bytes("7FFFFFFF 67420000"), {}},
+        {{}, unit({}) + unit(kPps) + bytes("00000005 67420000"), {}},
         {{}, unit(kPps) + bytes("FFFFFFFF 67420000"), {}},
         {{}, unit(kPps) + bytes("000000"), {}},
         {{}, {}, {}},
