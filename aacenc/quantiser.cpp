@@ -20,13 +20,12 @@ int32_t power_three_quarters(uint32_t magnitude)
     return line.base + static_cast<int32_t>((past_start * line.slope_q32) >> 32);
 }
 
-uint32_t raise_lines(const int32_t *spectrum, int32_t count, int32_t *power)
+int32_t raise_lines(const int32_t *spectrum, int32_t count, int32_t *power)
 {
-    uint32_t largest = 0;
+    int32_t largest = 0;
     for (int32_t k = 0; k < count; k++) {
-        const uint32_t magnitude = abs_u32(spectrum[k]);
-        power[k] = power_three_quarters(magnitude);
-        largest = std::max(largest, magnitude);
+        power[k] = power_three_quarters(abs_u32(spectrum[k]));
+        largest = std::max(largest, power[k]);
     }
     return largest;
 }

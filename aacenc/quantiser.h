@@ -50,8 +50,8 @@ struct ScaledLines {
 
 // Raises lines to the power 3/4.
 // out:     power  `count` entries
-// returns: the largest magnitude of the lines
-[[nodiscard]] uint32_t raise_lines(const int32_t *spectrum, int32_t count, int32_t *power);
+// returns: the largest of them, 0 for no lines
+[[nodiscard]] int32_t raise_lines(const int32_t *spectrum, int32_t count, int32_t *power);
 
 // Quantises lines: `out` gets the quantised magnitudes with the signs of `spectrum`.
 void quantise_lines(const int32_t *spectrum, const int32_t *power, int32_t count,

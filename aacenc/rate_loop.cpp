@@ -32,8 +32,8 @@ struct Channel {
     AacEncBitstream *bitstream;
     const EncTfState *tf;
     int32_t common_window;
-    int32_t bands;    // up to the last one that is not silent
-    uint32_t max_abs; // largest magnitude of the spectrum
+    int32_t bands;     // up to the last one that is not silent
+    int32_t max_power; // largest of all
     int32_t side_bits;
     int32_t band_max[kMaxBands]; // largest power
     int32_t band_bits[kMaxBands];
@@ -56,27 +56,25 @@ static bool band_silent(const Channel *channel, int32_t band)
 static void find_powers(Channel *channel)
 {
     const AacEncCoderInfo *coder = channel->coder;
-    channel->max_abs = 0;
+    channel->max_power = 0;
     channel->bands = channel->tf->sfbTotal;
     while (channel->bands > 0 && band_silent(channel, channel->bands - 1))
         channel->bands--;
     for (int32_t band = 0; band < channel->bands; band++) {
         const int32_t start = coder->swbOffset[band];
-        const uint32_t band_abs =
+        channel->band_max[band] =
             raise_lines(channel->spectrum + start, band_width(coder, band), channel->power + start);
-        channel->band_max[band] = power_three_quarters(band_abs);
-        channel->max_abs = std::max(channel->max_abs, band_abs);
+        channel->max_power = std::max(channel->max_power, channel->band_max[band]);
     }
 }
 
-static int32_t starting_gain(int32_t last_gain, uint32_t max_abs)
+static int32_t starting_gain(int32_t last_gain, int32_t max_power)
 {
     if (last_gain > kHighestGain)
         return kLowestStart;
     if (last_gain >= kLowestStart)
         return last_gain;
-    const uint32_t power = static_cast<uint32_t>(power_three_quarters(max_abs));
-    const int32_t gain = AACENC_LOG2(power >> 13) / 3 * 16;
+    const int32_t gain = AACENC_LOG2(static_cast<uint32_t>(max_power) >> 13) / 3 * 16;
     return gain < kLowestStart || gain > kHighestGain ? kLowestStart : gain;
 }
 
@@ -163,7 +161,7 @@ static int32_t try_gain(Channel *channel, int32_t gain)
 static int32_t search_gain(Channel *channel, int32_t bit_budget)
 {
     const int32_t budget_quarter = bit_budget >> 2;
-    int32_t gain = starting_gain(channel->tf->lastGain, channel->max_abs);
+    int32_t gain = starting_gain(channel->tf->lastGain, channel->max_power);
     int32_t step = 8;
     for (int32_t trial = 1;; trial++) {
         const int32_t total = try_gain(channel, gain);
@@ -248,9 +246,8 @@ static bool drop_top_band(Channel *channel)
 // returns: the gain
 static int32_t keep_in_syntax(Channel *channel, int32_t gain, int32_t limit, int32_t *bits)
 {
-    const int32_t max_power = power_three_quarters(channel->max_abs);
     const int32_t searched_gain = gain;
-    while (quantise_power(max_power, quantiser_factor(gain)) > kMaxQuantised)
+    while (quantise_power(channel->max_power, quantiser_factor(gain)) > kMaxQuantised)
         gain++;
     if (gain != searched_gain)
         choose_codebooks(channel, gain);

@@ -66,13 +66,10 @@ TEST(Equality, PowersAndQuantisedLines)
         std::array<int32_t, 100> lines;
         std::array<int32_t, 100> powers;
         std::array<int32_t, 100> values;
-        uint32_t largest = 0;
-        for (int32_t &line : lines) {
+        for (int32_t &line : lines)
             line = static_cast<int32_t>(random()) >> random() % 32;
-            largest = std::max(largest, line < 0 ? 0U - static_cast<uint32_t>(line)
-                                                 : static_cast<uint32_t>(line));
-        }
-        ASSERT_EQ(raise_lines(lines.data(), 100, powers.data()), largest);
+        const int32_t largest = raise_lines(lines.data(), 100, powers.data());
+        ASSERT_EQ(largest, *std::max_element(powers.begin(), powers.end()));
         const int32_t factor_q29 = quantfac_table[round % 100];
         quantise_lines(lines.data(), powers.data(), 100, factor_q29, values.data());
         for (size_t k = 0; k < lines.size(); k++) {
