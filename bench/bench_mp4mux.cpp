@@ -416,7 +416,7 @@ BENCHMARK(close_recording)
     ->ArgNames({"thousands", "picture"})
     ->Args({1000, 100})
     ->Args({2000, 100})
-    ->Args({2000, 1550})
+    ->Args({2000, 1770})
     ->Iterations(5);
 
 int main(int argc, char **argv)
