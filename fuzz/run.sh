@@ -9,11 +9,12 @@ seconds=$1
 shift
 cmake --preset fuzz -D TDMBREC_WARNINGS_AS_ERRORS=ON > /dev/null
 cmake --build --preset fuzz -- --quiet
-for name in ${*:-fuzz_aacenc fuzz_access_unit fuzz_mp4_reader fuzz_mp4mux fuzz_recording}; do
+all="fuzz_aacenc fuzz_access_unit fuzz_frame_fifo fuzz_mp4_reader fuzz_mp4mux fuzz_recording"
+for name in ${*:-$all}; do
     log=build/fuzz/$name.log
     mkdir -p "build/fuzz/corpus/$name"
     "build/fuzz/bin/$name" -max_total_time="$seconds" -max_len=8192 -artifact_prefix="build/fuzz/$name-" \
-        "build/fuzz/corpus/$name" "fuzz/corpus/$name" > "$log" 2>&1 || {
+        "build/fuzz/corpus/$name" "fuzz/corpus/$name" > /dev/null 2> "$log" || {
         tail -n 50 "$log"
         exit 1
     }
