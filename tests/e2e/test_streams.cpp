@@ -74,7 +74,7 @@ class Streams : public RecorderTest {
         uint64_t hash = kHashStart;
         for (size_t i = 0; i < std::min(frames, track.samples.size()); i++) {
             const mp4_reader::sample &sample = track.samples[i];
-            hash = stream_hash(hash, {&image[sample.offset], sample.size});
+            hash = stream_hash(hash, {image.data() + sample.offset, sample.size});
         }
         return hash;
     }
