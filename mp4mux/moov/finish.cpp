@@ -59,12 +59,15 @@ static bool complete_runs(const mp4_mux_t *mux, mp4_mux_track_t *p_track)
         p_track->m_iSttsSampleCount += p_track->m_iSttsRunCount;
     }
     const int64_t chunks = p_track->m_uiChunkCount;
-    for (int i = 0; i < kMaxFillerRuns && p_track->m_iSttsSampleCount < chunks; i++) {
-        if (!put_run(mux, p_track, 1, 0)) {
+    for (int i = 1; i <= kMaxFillerRuns && p_track->m_iSttsSampleCount < chunks; i++) {
+        // The last one leaves no sample out.
+        const int32_t missing = static_cast<int32_t>(chunks - p_track->m_iSttsSampleCount);
+        const int32_t samples = i < kMaxFillerRuns ? 1 : missing;
+        if (!put_run(mux, p_track, samples, 0)) {
             return false;
         }
         p_track->m_iSttsEntryCount++;
-        p_track->m_iSttsSampleCount++;
+        p_track->m_iSttsSampleCount += samples;
     }
     return true;
 }
