@@ -9,10 +9,11 @@ set -eu
 packages="g++ cmake ninja-build pkg-config ffmpeg libavformat-dev libavcodec-dev libavutil-dev
     libswresample-dev libcli11-dev nlohmann-json3-dev"
 if [ "${1:-}" = tests ]; then
-    packages="$packages clang clang-format g++-12-multilib g++-12-arm-linux-gnueabihf qemu-user
-        libgtest-dev libgmock-dev googletest libbenchmark-dev valgrind gstreamer1.0-tools
-        gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-bad
-        gstreamer1.0-libav mpv chromium faad mkvtoolnix mediainfo python3 python3-numpy util-linux"
+    packages="$packages clang clang-format libclang-rt-14-dev g++-12-multilib
+        g++-12-arm-linux-gnueabihf qemu-user libgtest-dev libgmock-dev googletest libbenchmark-dev
+        valgrind gstreamer1.0-tools gstreamer1.0-plugins-base gstreamer1.0-plugins-good
+        gstreamer1.0-plugins-bad gstreamer1.0-libav mpv chromium faad mkvtoolnix mediainfo python3
+        python3-numpy util-linux"
 fi
 
 missing=
