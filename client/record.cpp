@@ -143,6 +143,21 @@ static void send_unit(session &self, const programme_unit &unit)
     self.sent_video_bytes += video ? unit.bytes.size() : 0;
 }
 
+// Sleeps until the moment, with the progress line kept fresh across gaps of the programme.
+// returns true at once when the user asks for the end.
+static bool pause_until(session &self, steady::time_point moment)
+{
+    steady::time_point next;
+    do {
+        next = std::min(moment, steady::now() + std::chrono::milliseconds(500));
+        if (interruption_sleep_until(next)) {
+            return true;
+        }
+        show_progress(self);
+    } while (next < moment);
+    return false;
+}
+
 // Sends the programme until it, the component or the user ends it.
 static void send_programme(session &self)
 {
@@ -163,7 +178,7 @@ static void send_programme(session &self)
             return;
         }
         if (self.options.realtime &&
-            interruption_sleep_until(self.begun + std::chrono::microseconds(unit->time_us))) {
+            pause_until(self, self.begun + std::chrono::microseconds(unit->time_us))) {
             continue;
         }
         send_unit(self, *unit);
