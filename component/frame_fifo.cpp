@@ -206,10 +206,23 @@ int32_t QVR_FIFO_WriteFifo5(uint32_t fifo, const void *source, int32_t length)
     return static_cast<int32_t>(bytes - room);
 }
 
+// A frame that was not written whole keeps the room that it reserved: the next one is not laid over
+// it, and giving it up frees what it took.
+static void keep_reserved_room(frame_fifo_t *pFifo, const frame_entry_t *pEntry)
+{
+    const uint32_t end = pEntry->uiOffset + pEntry->uiLength;
+    if (pFifo->uiDataWrite >= pEntry->uiOffset && pFifo->uiDataWrite < end) {
+        pFifo->uiDataWrite = end;
+    }
+}
+
 int32_t QVR_FIFO_Push(uint32_t fifo)
 {
     frame_fifo_t *const pFifo = get_fifo(fifo);
     fifo_position_t position = load_position(pFifo);
+    if (pFifo->bIsRefusing == 0 && can_grow(position)) {
+        keep_reserved_room(pFifo, &pFifo->astEntry[position.usWrite]);
+    }
     while (pFifo->bIsRefusing == 0 && can_grow(position)) {
         fifo_position_t pushed = position;
         pushed.usWrite = next_index(position, position.usWrite);

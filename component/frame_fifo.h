@@ -38,8 +38,9 @@ QVR_FIFO_API int32_t QVR_FIFO_GetLength(uint32_t fifo);
 
 // Reserves the room of the next frame.
 // in       length: bytes; time: handed to the consumer unchanged
-// returns  1, or 0 when there is no room: the FIFO then counts as full until a frame is popped, and
-//          nothing can be written or pushed
+// returns  1, or 0 when there is no room: the FIFO then counts as full, and nothing can be written
+//          or pushed, until a frame is popped or, in a FIFO without frames, one that fits is
+//          reserved
 QVR_FIFO_API int32_t QVR_FIFO_GetOneFifo(uint32_t fifo, int32_t length, int64_t time);
 
 // The same for a frame with an extra word (the writer threads take it as the frame's flags); a
@@ -52,15 +53,18 @@ QVR_FIFO_API int32_t QVR_FIFO_GetOneFifo5(uint32_t fifo, int32_t length, int64_t
 QVR_FIFO_API int32_t QVR_FIFO_WriteFifo(uint32_t fifo, const void *source, int32_t length);
 
 // The same; what reaches the end of the storage goes on at its start. returns the bytes of the last
-// piece copied; 0, with nothing copied, when the FIFO is full or the storage is shorter.
+// piece copied, which are 0 when the data ends where the storage does; 0, with nothing copied, when
+// the FIFO is full or the storage is shorter.
 QVR_FIFO_API int32_t QVR_FIFO_WriteFifo5(uint32_t fifo, const void *source, int32_t length);
 
-// Hands the frame last reserved to the consumer. returns 1, or 0 when the FIFO is full.
+// Hands the frame last reserved to the consumer, with all the room that it reserved. returns 1, or
+// 0 when the FIFO is full.
 QVR_FIFO_API int32_t QVR_FIFO_Push(uint32_t fifo);
 
 // The oldest frame, which stays where it is until it is popped.
-// out      *length (bytes), *time, *extra: as reserved; without a frame *length is 0 and the others
-//          stay
+// out      *length (bytes), *time, *extra: as reserved; QVR_FIFO_GetOneFifo leaves the extra word
+// of
+//          an older frame. Without a frame *length is 0 and the others stay
 // returns  its data, or null when there is no frame
 QVR_FIFO_API uint8_t *QVR_FIFO_GetOneFrame(uint32_t fifo, uint32_t *length, int64_t *time,
                                            uint32_t *extra);

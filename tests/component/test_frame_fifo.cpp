@@ -99,11 +99,21 @@ TEST(FrameFifo, CopiesNothingBeyondItsStorage)
     EXPECT_EQ(QVR_FIFO_WriteFifo5(FIFO, data.data(), 40), 10) << "of the second piece";
     EXPECT_EQ(QVR_FIFO_WriteFifo5(FIFO, data.data(), 90), 0) << "ends where the storage does";
     EXPECT_EQ(Bytes(memory.begin() + 100, memory.end()), Bytes(20, 0xEE));
-    Bytes large(70000);
-    QVR_FIFO_InitBuffer(FIFO, 70000, large.data());
-    EXPECT_EQ(QVR_FIFO_GetOneFifo5(FIFO, 0, 0, 0), 1);
-    EXPECT_EQ(QVR_FIFO_Push(FIFO), 1);
-    EXPECT_EQ(oldest_frame().size(), 32768u);
+    Bytes large(140000);
+    QVR_FIFO_InitBuffer(FIFO, 140000, large.data());
+    for (int i = 0; i < 4; i++) { // a frame of unknown length keeps its room, also when drained
+        for (const uint8_t value : {uint8_t{1}, uint8_t{2}}) {
+            EXPECT_EQ(QVR_FIFO_GetOneFifo5(FIFO, 0, 0, 0), 1) << i;
+            EXPECT_EQ(QVR_FIFO_WriteFifo5(FIFO, Bytes(9, value).data(), 9), 9);
+            EXPECT_EQ(QVR_FIFO_Push(FIFO), 1);
+        }
+        for (const uint8_t value : {uint8_t{1}, uint8_t{2}}) {
+            const Bytes frame = oldest_frame();
+            EXPECT_EQ(frame.size(), 32768u);
+            EXPECT_EQ(Bytes(frame.begin(), frame.begin() + 9), Bytes(9, value));
+            EXPECT_EQ(QVR_FIFO_PopFrame(FIFO), 1);
+        }
+    }
 }
 
 // A frame that follows from its number, so that what is lost, doubled or torn shows.
