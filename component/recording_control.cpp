@@ -57,7 +57,11 @@ OMX_ERRORTYPE start_recording(OMX_COMPONENTTYPE *pComponent)
     }
     switch (claim_recording(private_record(pComponent))) {
     case CLAIM_GRANTED:
-        return start_claimed_recording(pComponent);
+        if (load_shared(private_record(pComponent)->bIsLeaving) == 0) {
+            return start_claimed_recording(pComponent);
+        }
+        release_recording(private_record(pComponent)); // the destructor came between
+        return OMX_ErrorInsufficientResources;
     case CLAIM_RECORDING:
         __android_log_print(ANDROID_LOG_WARN, TDMBREC_LOG_TAG, "Start while recording: ignored\n");
         return OMX_ErrorNone;
