@@ -92,6 +92,10 @@ static void finish(OMX_COMPONENTTYPE *component, uint32_t ends_before)
         usleep(20);
     }
     require(ends == ends_before + 1, "a recording is reported once");
+    const pthread_t teller = std::atomic_ref(record_of(component)->hStopThread).exchange({});
+    if (teller != pthread_t{}) {
+        (void)pthread_join(teller, nullptr);
+    }
     const off_t bytes = output_file < 0 ? 0 : lseek(output_file, 0, SEEK_END);
     if (bytes > 0 && writes_left > 0 && reason != TDMBREC_STOP_STORAGE) {
         Bytes image(static_cast<size_t>(bytes));
