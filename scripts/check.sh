@@ -32,7 +32,9 @@ for step in $steps; do
     case $step in
     format)
         sources | xargs clang-format --dry-run --Werror
-        ! git grep -nIE '[[:space:]]+$' -- . ':!*.csv'
+        if git grep -nIE '[[:space:]]+$' -- . ':!*.csv'; then
+            exit 1
+        fi
         ;;
     release)
         build release release
