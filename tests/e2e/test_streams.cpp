@@ -6,6 +6,8 @@
 #include "tests/support/stream_hash.h"
 
 #include <algorithm>
+#include <cmath>
+#include <cstring>
 #include <filesystem>
 
 using Picture = std::vector<Bytes>; // NAL units
@@ -79,6 +81,33 @@ class Streams : public RecorderTest {
         return hash;
     }
 
+    // The decoded sound is most like the sample's one frame late, with its polarity turned.
+    static void expect_sound_of_sample()
+    {
+        const Bytes decoded =
+            run(std::string("ffmpeg -nostdin -v error -i ") + BUILT_IN_FILE + " -f s16le -").second;
+        const std::vector<int16_t> &pcm = sample_programme().pcm;
+        ASSERT_GT(decoded.size(), pcm.size());
+        std::vector<int16_t> sound(decoded.size() / 2);
+        memcpy(sound.data(), decoded.data(), sound.size() * 2);
+        const auto likeness = [&](size_t delay) {
+            double xy = 0, xx = 0, yy = 0;
+            for (size_t i = 200000; i < 240000; i++) { // left and right alternate
+                const double x = pcm[i], y = sound[i + 2 * delay];
+                xy += x * y;
+                xx += x * x;
+                yy += y * y;
+            }
+            return xy / std::sqrt(xx * yy);
+        };
+        size_t best = 0;
+        for (size_t delay = 0; delay <= 4096; delay++) {
+            best = std::abs(likeness(delay)) > std::abs(likeness(best)) ? delay : best;
+        }
+        EXPECT_EQ(best, 1024u);
+        EXPECT_LT(likeness(best), -0.99);
+    }
+
     // The recording's units are those of the stream but for parameter sets, and its key frames
     // those with an IDR slice.
     static mp4_reader::movie expect_pictures(const std::vector<Picture> &pictures)
@@ -122,6 +151,9 @@ TEST_F(Streams, TheSampleIsRecordedBitForBitAndPlays)
     const mp4_reader::track &sound = *mp4_reader::find_track(movie, "soun");
     EXPECT_EQ(sound.esds.specific_info, (Bytes{0x11, 0x90}));
     EXPECT_EQ(sound_hash(sound, 468), kProgrammeStreamHash) << "of the whole frames";
+    if (has_ffmpeg()) {
+        expect_sound_of_sample();
+    }
     for (const LogLine &line : log()) {
         EXPECT_TRUE(line.priority < 6 || line.text.find("[channel:   2") != std::string::npos)
             << line.text;
