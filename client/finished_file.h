@@ -4,6 +4,8 @@
 
 #include <cstdint>
 #include <optional>
+#include <string>
+#include <vector>
 
 struct track_summary {
     uint64_t frames = 0;
@@ -15,9 +17,15 @@ struct file_summary {
     double duration_s = 0;
     track_summary video;
     track_summary audio;
+    std::vector<std::string> faults; // what the reader finds wrong with the file
+    std::vector<std::string> notes;  // what it left unread
 };
 
-// Reads an MP4 file. returns nothing when the file is not whole.
+// Reads an MP4 file. returns nothing when it has no movie box, without which nobody can play it.
+// throws `failure` when the file cannot be read at all.
 std::optional<file_summary> finished_file_read(int file);
+
+// What reading the file back told, in one sentence for each kind.
+std::vector<std::string> finished_file_remarks(const file_summary &file);
 
 #endif

@@ -211,7 +211,8 @@ media_report media_report_make(const std::string &path, std::span<const uint8_t>
     media_findings found = media_check(file, image);
     report.faults = file.faults;
     report.faults.insert(report.faults.end(), found.faults.begin(), found.faults.end());
-    report.remarks = found.remarks;
+    report.remarks = file.notes;
+    report.remarks.insert(report.remarks.end(), found.remarks.begin(), found.remarks.end());
     return report;
 }
 

@@ -76,11 +76,12 @@ uint32_t record_profile(const avc_configuration &avc)
 }
 
 struct reader {
-    std::vector<std::string> faults;
-    std::string where; // in front of a fault
+    std::vector<std::string> faults, notes;
+    std::string where; // in front of a fault or a note
     size_t boxes = 0, samples = 0;
 
     bool check(bool sound, const std::string &what);
+    bool limit(bool within, const std::string &what);
     std::vector<box> read_boxes(bytes image, unsigned depth = 0);
     cursor descriptor(cursor *in, uint32_t tag);
     void read_avcc(const box &avcc, avc_configuration *result);
@@ -103,6 +104,15 @@ bool reader::check(bool sound, const std::string &what)
         faults.push_back(where + what);
     }
     return sound;
+}
+
+// Notes what is beyond the reader, not wrong with the file.
+bool reader::limit(bool within, const std::string &what)
+{
+    if (!within && notes.size() < MAX_FAULTS) {
+        notes.push_back(where + what);
+    }
+    return within;
 }
 
 std::vector<box> reader::read_boxes(bytes image, unsigned depth)
@@ -259,7 +269,8 @@ void reader::read_sizes(const std::vector<box> &stbl, track *result)
         check(!in.overrun && count <= in.data.size() / 4, "table stsz does not add up");
         count = std::min<uint64_t>(count, in.data.size() / 4);
     }
-    if (!check(count <= MAX_SAMPLES - samples, "too many samples to read them all")) {
+    if (!limit(count <= MAX_SAMPLES - samples, "too many samples to read them all")) {
+        result->samples_left_out = count - (MAX_SAMPLES - samples);
         count = MAX_SAMPLES - samples;
     }
     samples += static_cast<size_t>(count);
@@ -299,11 +310,12 @@ void reader::place_in_time(const std::vector<box> &stbl, track *result)
     const table runs = read_table(stbl, "stts", 2);
     std::vector<sample> &all = result->samples;
     size_t placed = 0;
-    uint64_t time = 0;
+    uint64_t time = 0, timed = 0;
     bool fits = true;
     for (size_t run = 0; run < runs.size() && fits; run++) {
         const uint32_t duration = static_cast<uint32_t>(runs.at(run, 1));
-        fits = all.empty() || runs.at(run, 0) <= all.size() - placed;
+        timed += runs.at(run, 0);
+        fits = all.empty() || timed <= all.size() + result->samples_left_out;
         for (uint64_t i = 0; i < runs.at(run, 0) && placed < all.size(); i++, placed++) {
             all[placed].time = time;
             all[placed].duration = duration;
@@ -329,7 +341,8 @@ void reader::mark_sync_samples(const std::vector<box> &stbl, track *result)
     const table numbers = read_table(stbl, "stss", 1);
     for (size_t i = 0; i < numbers.size(); i++) {
         const uint64_t number = numbers.at(i);
-        if (check(number > 0 && number <= all.size(), "stss leaves the track")) {
+        const uint64_t last = all.size() + result->samples_left_out;
+        if (check(number > 0 && number <= last, "stss leaves the track") && number <= all.size()) {
             all[static_cast<size_t>(number - 1)].sync = true;
         }
     }
@@ -375,7 +388,7 @@ void reader::read_tracks(const box &moov, movie *result)
           "the movie goes on in fragments, which are not read");
     for (const box &each : moov.children) {
         if (each.type == "trak" &&
-            check(result->tracks.size() < MAX_TRACKS, "too many tracks to read them all")) {
+            limit(result->tracks.size() < MAX_TRACKS, "too many tracks to read them all")) {
             where = "track " + std::to_string(result->tracks.size() + 1) + ": ";
             read_track(each, &result->tracks.emplace_back());
             where.clear();
@@ -433,6 +446,7 @@ movie read_movie(std::span<const uint8_t> image)
         r.read_tracks(*moov, &result);
     }
     result.faults = r.faults;
+    result.notes = r.notes;
     result.error = r.faults.empty() ? "" : r.faults.front();
     return result;
 }

@@ -48,6 +48,7 @@ struct track {
     avc_configuration avc;
     stream_descriptors esds;
     std::vector<sample> samples;
+    uint64_t samples_left_out = 0; // behind them, for the reader's own limit
 };
 
 struct movie {
@@ -57,6 +58,7 @@ struct movie {
     uint32_t timescale = 0, next_track_id = 0;
     std::vector<std::string> faults; // as met, each once; beyond a hundred they are left out
     std::string error;               // the first of them; empty for a sound file
+    std::vector<std::string> notes;  // what was left unread, which is no fault of the file
 };
 
 // Reads a whole file, or one that begins at some box: the offsets of samples are the file's own.

@@ -122,7 +122,7 @@ static file_summary read_back(const work_folder &folder)
     if (file >= 0) {
         close(file);
     }
-    if (!summary) {
+    if (!summary || !summary->faults.empty()) {
         throw failure(exit_code::component, "the muxer made a file that is not sound");
     }
     return *summary;
@@ -139,6 +139,9 @@ static void report(const mux_options &options, const muxing &self, const file_su
     if (self.video != nullptr && self.video->damaged > 0) {
         terminal_say("tdmbrec: warning: " + options.video +
                      ": damaged access units left out: " + std::to_string(self.video->damaged));
+    }
+    for (const std::string &remark : finished_file_remarks(file)) {
+        terminal_say("tdmbrec: warning: " + remark);
     }
     std::printf("%s: %s, %s (%llu bytes; the muxer foresaw %lld), %llu pictures, %llu sound "
                 "frames; took %.2f s\n",

@@ -224,10 +224,21 @@ static void read_recording(session &self)
     if (file < 0) {
         return;
     }
-    self.summary.file = finished_file_read(file);
+    std::string fault;
+    try {
+        self.summary.file = finished_file_read(file);
+    } catch (const failure &what) {
+        fault = what.what();
+    }
     close(file);
     if (self.summary.file && self.summary.file->video.frames == 0) {
+        const std::vector<std::string> &faults = self.summary.file->faults;
+        fault = faults.empty() ? "" : "the finished file has no picture: " + faults.front();
         self.summary.file.reset();
+    }
+    if (!fault.empty()) { // there may be more in it than can be read here
+        note_failure(self, failure(exit_code::component,
+                                   fault + "; it stays as " + storage_keep(*self.storage)));
     }
 }
 
@@ -246,6 +257,7 @@ static void finish(session &self)
     if (self.summary.file) {
         storage_publish(*self.storage);
         use_storage(nullptr);
+        say_remarks(self, finished_file_remarks(*self.summary.file));
     } else {
         note_failure(self, failure(exit_code::component,
                                    "the recorder component could not finish the file"));

@@ -191,6 +191,16 @@ static bool copy_to_place(const storage_root &root, int recording)
     return placed;
 }
 
+std::string storage_keep(storage_root &root)
+{
+    const std::string kept =
+        root.scratch_name.empty()
+            ? storage_component_path(root)
+            : root.scratch_name + "/" + root.record_name + " in the output's directory";
+    root.record_name.clear(); // the recording is worth more than tidiness
+    return kept;
+}
+
 void storage_publish(storage_root &root)
 {
     const int recording = storage_open_recording(root);
@@ -208,11 +218,7 @@ void storage_publish(storage_root &root)
         storage_discard(root);
         return;
     }
-    const std::string kept =
-        root.scratch_name.empty()
-            ? storage_component_path(root)
-            : root.scratch_name + "/" + root.record_name + " in the output's directory";
-    root.record_name.clear(); // the recording is worth more than tidiness
+    const std::string kept = storage_keep(root);
     errno = error;
     fail(exit_code::output,
          "the recording cannot take the name " + root.place->name + " and stays as " + kept);

@@ -50,6 +50,9 @@ int storage_open_recording(const storage_root &root);
 // throws `failure`; the recording then stays, and the sentence says where.
 void storage_publish(storage_root &root);
 
+// Lets the recording stay where the component made it. returns the place, for the user.
+std::string storage_keep(storage_root &root);
+
 // Removes what the recording left in the storage. May be called twice. thread: any, when no other
 // uses the root.
 void storage_discard(storage_root &root);

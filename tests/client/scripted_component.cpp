@@ -1,9 +1,11 @@
 // A component in place of the recorder. It takes every buffer, writes one line about each call that
 // matters to the file SCRIPT_LOG, and ends the recording with SCRIPT_REASON after SCRIPT_BUFFERS
-// buffers, or when asked. SCRIPT_FAIL names the call that fails: init, start, empty.
+// buffers, or when asked. SCRIPT_FILE names the file that it leaves as its recording. SCRIPT_FAIL
+// names the call that fails: init, start, empty.
 #include "platform/omx_il.h"
 
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <string>
 
@@ -11,6 +13,7 @@ static OMX_CALLBACKTYPE callbacks;
 static OMX_PTR app_data;
 static int buffers_taken;
 static bool recording;
+static std::string record_path;
 
 static std::string script(const char *name)
 {
@@ -56,12 +59,16 @@ static OMX_ERRORTYPE set_parameter(OMX_HANDLETYPE component, OMX_INDEXTYPE index
         std::string path(static_cast<const char *>(record), 128);
         path.erase(path.find_last_not_of('\0') + 1);
         note("path " + path); // what is not padded with zeros shows
+        record_path = path;
     } else if (number == 0x7F00002D) {
         note("start");
         recording = true;
         return script("SCRIPT_FAIL") == "start" ? OMX_ErrorUndefined : OMX_ErrorNone;
     } else if (number == 0x7F00002E) {
         note("stop");
+        if (!script("SCRIPT_FILE").empty()) {
+            std::filesystem::copy_file(script("SCRIPT_FILE"), record_path);
+        }
         if (recording) {
             end_recording(component, 1);
         }

@@ -161,6 +161,28 @@ TEST_F(recording, ends_with_the_reason_why_the_component_stopped)
     }
 }
 
+TEST_F(recording, is_kept_whatever_its_reader_makes_of_it)
+{
+    const struct {
+        const char *lost; // box by box
+        int status;
+        const char *sentence;
+        bool is_published;
+    } cases[] = {
+        {"stts", 0, "may not play everywhere: track 1: table stts is missing", true},
+        {"stsz", 7, "table stsz is missing; it stays as ", false},
+        {"moov", 7, "could not finish the file", false},
+    };
+    for (const auto &[lost, status, sentence, is_published] : cases) {
+        shell(std::string("rm -f b.mp4; sed s/") + lost + "/xxxx/ a.mp4 > made");
+        const command_result result = record(SAMPLE "-o b.mp4", SCRIPTED " SCRIPT_FILE=made");
+        EXPECT_EQ(result.status, status) << result.err;
+        EXPECT_TRUE(contains(result.err, sentence)) << lost << result.err;
+        EXPECT_EQ(shell("cmp made b.mp4").status == 0, is_published);
+        EXPECT_EQ(names().size() > inputs.size(), contains(sentence, "stay") || is_published);
+    }
+}
+
 TEST_F(recording, plays_the_broadcast_player_in_runs_of_pictures_and_sound)
 {
     record(SAMPLE "-o b.mp4 --frame-rate 25 --card", "SCRIPT_LOG=log " SCRIPTED);
