@@ -16,6 +16,9 @@ constexpr double DURATION_TOLERANCE_S = 0.1;
 // How far sound and picture may end from one another.
 constexpr double END_TOLERANCE_S = 0.5;
 
+// Where nothing is wrong, one is enough; a hostile file may name the same bytes again and again.
+constexpr uint64_t WALKS_OF_MEDIA_DATA = 4;
+
 // nal_unit_type, ISO/IEC 14496-10 table 7-1
 constexpr unsigned NAL_SLICE = 1, NAL_IDR = 5;
 
@@ -43,6 +46,7 @@ struct checker {
     const movie &file;
     std::span<const uint8_t> image;
     std::vector<range> media_data; // by position
+    uint64_t bytes_to_walk = 0;    // of pictures, at most
     media_findings findings;
     std::string where; // in front of a finding
 
@@ -94,6 +98,7 @@ void find_media_data(checker &self)
         if (each.type == "mdat") {
             const uint64_t begin = static_cast<uint64_t>(each.payload.data() - self.image.data());
             self.media_data.push_back({begin, begin + each.payload.size()});
+            self.bytes_to_walk += WALKS_OF_MEDIA_DATA * each.payload.size();
         }
     }
 }
@@ -153,6 +158,11 @@ void check_pictures(checker &self, const track &video)
         if (!is_in_media_data(self, each)) {
             continue;
         }
+        if (each.size > self.bytes_to_walk) {
+            self.remark("its frames share so many bytes that not all were looked at");
+            break;
+        }
+        self.bytes_to_walk -= each.size;
         const picture found = look_at_picture(
             self.image.subspan(static_cast<size_t>(each.offset), each.size), length_bytes);
         if (!found.whole) {

@@ -77,6 +77,7 @@ TEST_F(info, names_every_fault)
         {behind("stsc") + 8, {0, 0, 0, 2}, "track 1: the chunks do not hold all samples"},
         {behind("stsz") + 8, {0xFF, 0, 0, 0}, "track 1: table stsz does not add up"},
         {behind("stsz") + 4, {0, 0, 0, 1, 0xFF, 0, 0, 0}, "Note     track 1: too many samples"},
+        {behind("stsz", 1) + 4, {0, 4, 0, 0}, "Note     track 2: its frames share so many bytes"},
         {behind("stsz", 1) + 12, {0, 0, 0, 9}, "track 2: 1 frame whose NAL units do not add up"},
         {behind("stss") + 8, {0, 0, 0, 2}, "track 2: does not begin with a key frame"},
         {behind("stss") + 12, {0, 0, 0, 30}, "1 frame that the table calls a key frame"},
