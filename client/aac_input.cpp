@@ -1,14 +1,9 @@
 #include "client/aac_input.h"
 
+#include "client/aac_rates.h"
 #include "client/failure.h"
 
-#include <array>
-
 using bytes = std::span<const uint8_t>;
-
-// samplingFrequencyIndex, ISO/IEC 14496-3, table 1.18 (Hz)
-static constexpr std::array<int, 13> sampling_rates = {
-    96000, 88200, 64000, 48000, 44100, 32000, 24000, 22050, 16000, 12000, 11025, 8000, 7350};
 
 // adts_fixed_header() and adts_variable_header(), ISO/IEC 14496-3, 1.A.2.2
 struct adts_header {
@@ -38,8 +33,8 @@ static std::optional<adts_header> read_header(bytes data)
         .more_blocks = at(6) & 3,
     };
     const bool fits = header.frame_bytes > header.header_bytes && header.frame_bytes == data.size();
-    return fits && header.sampling_frequency_index < sampling_rates.size() ? std::optional(header)
-                                                                           : std::nullopt;
+    return fits && header.sampling_frequency_index < aac_rates.size() ? std::optional(header)
+                                                                      : std::nullopt;
 }
 
 // audioObjectType, samplingFrequencyIndex, channelConfiguration and the flags of GASpecificConfig,
@@ -67,7 +62,7 @@ static bytes unit_in(aac_input &aac, bytes packet)
     const std::vector<uint8_t> config = make_config(*header);
     if (aac.config.empty()) {
         aac.config = config;
-        aac.rate = sampling_rates[header->sampling_frequency_index];
+        aac.rate = aac_rates[header->sampling_frequency_index];
         aac.channels = static_cast<int>(header->channel_configuration);
     }
     if (config != aac.config) {

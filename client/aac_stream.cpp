@@ -1,16 +1,10 @@
 #include "client/aac_stream.h"
 
+#include "client/aac_rates.h"
 #include "client/failure.h"
 
-#include <algorithm>
 #include <cstdlib>
 #include <cstring>
-
-// The sampling rates by their samplingFrequencyIndex, ISO/IEC 14496-3, table 1.18; the encoder
-// takes those from index 3 to 11.
-static constexpr std::array<int, 12> sampling_rates = {96000, 88200, 64000, 48000, 44100, 32000,
-                                                       24000, 22050, 16000, 12000, 11025, 8000};
-static constexpr ptrdiff_t FIRST_ENCODER_RATE = 3;
 
 static const AacEncCallbacks memory_callbacks = {
     .allocate = std::malloc,
@@ -21,16 +15,10 @@ static const AacEncCallbacks memory_callbacks = {
     .move = std::memmove,
 };
 
-static ptrdiff_t sampling_frequency_index(int rate)
-{
-    return std::find(sampling_rates.begin(), sampling_rates.end(), rate) - sampling_rates.begin();
-}
-
 // Says first what the encoder would refuse with a number.
 static void check_settings(const aac_settings &settings)
 {
-    const ptrdiff_t index = sampling_frequency_index(settings.rate);
-    if (index < FIRST_ENCODER_RATE || index == std::ssize(sampling_rates)) {
+    if (!is_encoder_rate(settings.rate)) {
         throw failure(exit_code::unsupported,
                       "its sampling rate is " + std::to_string(settings.rate) +
                           " Hz; the encoder takes 8000, 11025, 12000, 16000, 22050, 24000, 32000, "
@@ -106,7 +94,7 @@ static void put(header_bits &out, unsigned width, uint32_t value)
 std::vector<uint8_t> adif_header(const aac_settings &settings)
 {
     const uint32_t is_pair = settings.channels == 2;
-    const uint32_t rate_index = static_cast<uint32_t>(sampling_frequency_index(settings.rate));
+    const uint32_t rate_index = static_cast<uint32_t>(aac_rate_index(settings.rate));
     header_bits out;
     // clang-format off
     put(out, 32, 0x41444946);                                 // adif_id "ADIF"

@@ -1,5 +1,6 @@
 #include "client/audio_input.h"
 
+#include "client/aac_rates.h"
 #include "client/failure.h"
 
 #include <algorithm>
@@ -9,9 +10,8 @@ extern "C" {
 #include <libswresample/swresample.h>
 }
 
-// The encoder's sampling rates; other inputs are resampled to the first.
-static constexpr std::array<int, 9> encoder_rates = {48000, 8000,  11025, 12000, 16000,
-                                                     22050, 24000, 32000, 44100};
+// What the encoder does not take is resampled to this.
+static constexpr int DEFAULT_RATE = 48000;
 
 // Time stamps that stray less than this from the running count of samples are taken as rounding.
 static constexpr int64_t DRIFT_TOLERANCE_US = 100'000;
@@ -160,9 +160,8 @@ std::unique_ptr<audio_input> audio_input_open(const std::string &path)
     if (!decode_frame(*audio)) {
         throw failure(exit_code::input, path + ": holds no audio that can be decoded");
     }
-    const auto known =
-        std::find(encoder_rates.begin(), encoder_rates.end(), audio->held->sample_rate);
-    audio->rate = known != encoder_rates.end() ? *known : encoder_rates.front();
+    const int rate = audio->held->sample_rate;
+    audio->rate = is_encoder_rate(rate) ? rate : DEFAULT_RATE;
     audio->begin_us = place_frame(*audio);
     return audio;
 }

@@ -1,0 +1,25 @@
+// The sampling rates of AAC by their samplingFrequencyIndex, ISO/IEC 14496-3, table 1.18.
+#ifndef CLIENT_AAC_RATES_H
+#define CLIENT_AAC_RATES_H
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+
+inline constexpr std::array<int, 13> aac_rates = {96000, 88200, 64000, 48000, 44100, 32000, 24000,
+                                                  22050, 16000, 12000, 11025, 8000,  7350};
+
+// returns the rate's index; the table's size for any other rate.
+inline size_t aac_rate_index(int rate)
+{
+    return static_cast<size_t>(std::find(aac_rates.begin(), aac_rates.end(), rate) -
+                               aac_rates.begin());
+}
+
+// Whether the encoder of this system takes the rate.
+inline bool is_encoder_rate(int rate)
+{
+    return aac_rate_index(rate) < aac_rates.size() && rate >= 8000 && rate <= 48000;
+}
+
+#endif
