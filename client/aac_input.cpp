@@ -46,6 +46,54 @@ static std::vector<uint8_t> make_config(const adts_header &header)
     return {static_cast<uint8_t>(bits >> 8), static_cast<uint8_t>(bits)};
 }
 
+// Reads numbers bit by bit; there are zeros behind the end.
+static unsigned take_bits(bytes data, size_t &position, unsigned count)
+{
+    unsigned value = 0;
+    for (; count > 0; count--, position++) {
+        const unsigned byte = position / 8 < data.size() ? data[position / 8] : 0;
+        value = value << 1 | (byte >> (7 - position % 8) & 1);
+    }
+    return value;
+}
+
+static unsigned take_object_type(bytes config, size_t &position)
+{
+    const unsigned type = take_bits(config, position, 5);
+    return type == 31 ? 32 + take_bits(config, position, 6) : type;
+}
+
+static int take_rate(bytes config, size_t &position)
+{
+    const unsigned index = take_bits(config, position, 4);
+    return index < aac_rates.size() ? aac_rates[index]
+           : index == 15            ? static_cast<int>(take_bits(config, position, 24))
+                                    : 0;
+}
+
+// AudioSpecificConfig, ISO/IEC 14496-3, 1.6.2.1. The units last as long as the core's rate says,
+// whatever a decoder makes of them with the extension's data.
+static void read_config(aac_input &aac, bytes config)
+{
+    size_t position = 0;
+    unsigned type = take_object_type(config, position);
+    aac.rate = take_rate(config, position);
+    (void)take_bits(config, position, 4); // channelConfiguration
+    if (type == 5 || type == 29) {        // SBR, PS
+        (void)take_rate(config, position);
+        type = take_object_type(config, position);
+    }
+    const bool is_short = take_bits(config, position, 1) != 0; // frameLengthFlag
+    if (aac.rate == 0) {
+        throw failure(exit_code::input, aac.file->path + ": its AAC configuration is damaged");
+    }
+    if (type < 1 || type > 4 || is_short) {
+        refuse(aac, "its AAC (object type " + std::to_string(type) +
+                        ") is not in units of 1024 samples, which alone can be put into the file");
+    }
+    aac.config.assign(config.begin(), config.end());
+}
+
 // The access unit in a packet. Notes the stream's kind at the first one.
 static bytes unit_in(aac_input &aac, bytes packet)
 {
@@ -93,8 +141,7 @@ std::unique_ptr<aac_input> aac_input_open(const std::string &path)
     if (aac->is_framed) {
         (void)unit_in(*aac, packet_bytes(*aac->packet));
     } else {
-        aac->config.assign(codec.extradata, codec.extradata + codec.extradata_size);
-        aac->rate = codec.sample_rate;
+        read_config(*aac, {codec.extradata, static_cast<size_t>(codec.extradata_size)});
         aac->channels = codec.ch_layout.nb_channels;
     }
     return aac;

@@ -38,4 +38,9 @@ TEST_F(mux, makes_one_file_whatever_its_memory_and_readers_take_it_without_a_wor
     EXPECT_TRUE(contains(shell(TDMBREC "info slow.mp4").out, "300 frames at 15.0"))
         << "15 a second";
     frames_of("--audio in.aac", "sound.mp4");
+    // Extended to twice its rate, the units last as long as without the extension.
+    shell("ffmpeg -v error -i programme.wav -ar 24000 -c:a aac he.mp4; LC_ALL=C sed -i "
+          "'s/\\x13\\x10\\x56\\xe5\\x00/\\x2b\\x11\\x88\\x00\\x00/' he.mp4");
+    frames_of("--audio he.mp4", "he.out.mp4");
+    EXPECT_TRUE(contains(shell(TDMBREC "info he.out.mp4").out, "object type 5, 24000 Hz")) << "SBR";
 }
