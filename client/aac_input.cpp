@@ -124,6 +124,17 @@ static bytes packet_bytes(const AVPacket &packet)
     return {packet.data, static_cast<size_t>(packet.size)};
 }
 
+static void read_packet(aac_input &aac)
+{
+    aac.packet = media_file_read(*aac.file);
+    if (aac.packet != nullptr) {
+        const int64_t step_us = aac.packets == 0 ? 0 : aac_input_span_us(aac, 1);
+        (void)stream_clock_place(aac.clock, media_file_time_us(*aac.file, aac.packet->pts), step_us,
+                                 DRIFT_TOLERANCE_US);
+        aac.packets++;
+    }
+}
+
 std::unique_ptr<aac_input> aac_input_open(const std::string &path)
 {
     std::unique_ptr<aac_input> aac = std::make_unique<aac_input>();
@@ -133,10 +144,11 @@ std::unique_ptr<aac_input> aac_input_open(const std::string &path)
         refuse(*aac, std::string("its audio is ") + avcodec_get_name(codec.codec_id) +
                          "; only AAC can be put into the file");
     }
-    aac->packet = media_file_read(*aac->file);
+    read_packet(*aac);
     if (aac->packet == nullptr) {
         throw failure(exit_code::input, path + ": holds no audio");
     }
+    aac->begin_us = *aac->clock.last_us;
     aac->is_framed = codec.extradata_size == 0;
     if (aac->is_framed) {
         (void)unit_in(*aac, packet_bytes(*aac->packet));
@@ -147,6 +159,11 @@ std::unique_ptr<aac_input> aac_input_open(const std::string &path)
     return aac;
 }
 
+int64_t aac_input_span_us(const aac_input &aac, int64_t units)
+{
+    return av_rescale(units * AAC_UNIT_SAMPLES, 1'000'000, aac.rate);
+}
+
 std::optional<std::span<const uint8_t>> aac_input_next(aac_input &aac)
 {
     if (aac.packet == nullptr) {
@@ -154,6 +171,6 @@ std::optional<std::span<const uint8_t>> aac_input_next(aac_input &aac)
     }
     aac.given = std::move(aac.packet);
     const bytes unit = unit_in(aac, packet_bytes(*aac.given));
-    aac.packet = media_file_read(*aac.file);
+    read_packet(aac);
     return unit;
 }

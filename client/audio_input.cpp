@@ -13,12 +13,6 @@ extern "C" {
 // What the encoder does not take is resampled to this.
 static constexpr int DEFAULT_RATE = 48000;
 
-// Time stamps that stray less than this from the running count of samples are taken as rounding.
-static constexpr int64_t DRIFT_TOLERANCE_US = 100'000;
-
-// A first frame further away than this is not of the video's clock.
-static constexpr int64_t ALIGNMENT_MAX_US = 600'000'000;
-
 static constexpr size_t CHANNELS = 2;
 
 void resampler_deleter::operator()(SwrContext *resampler) const

@@ -12,13 +12,18 @@
 
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
+#include <filesystem>
 #include <unistd.h>
 
 static constexpr char work_name[] = "movie.mp4";
 static constexpr int32_t AAC_TAG = 0xAAC0;
+
+// Sound this late is as good as together with the picture.
+static constexpr int64_t LATE_TOLERANCE_US = 40'000;
 
 struct muxing {
     std::unique_ptr<video_input> video; // null: no such track
@@ -26,8 +31,30 @@ struct muxing {
     std::optional<video_unit> picture; // the next one
     int64_t origin_us = 0;             // of the first picture
     int64_t sounds = 0;                // access units put so far
+    int64_t left_out_us = 0;           // of sound in front of the first picture
+    int64_t late_us = 0;               // from the first picture to the first sound
     mux_file out;
 };
+
+// The file begins both tracks at once: brings the sound to where the first picture is, as far as
+// leaving out whole access units can.
+static void align_sound(muxing &self, const mux_options &options)
+{
+    std::error_code ignored;
+    const bool one_file = std::filesystem::equivalent(options.video, options.audio, ignored);
+    const int64_t begin_us = one_file ? self.audio->begin_us : self.video->begin_us;
+    const int64_t late_us = begin_us - self.origin_us;
+    if (std::abs(late_us) > ALIGNMENT_MAX_US) {
+        return;
+    }
+    const int64_t units = -late_us * self.audio->rate / (int64_t{1'000'000} * AAC_UNIT_SAMPLES);
+    int64_t skipped = 0;
+    while (skipped < units && aac_input_next(*self.audio)) {
+        skipped++;
+    }
+    self.left_out_us = aac_input_span_us(*self.audio, skipped);
+    self.late_us = late_us + self.left_out_us;
+}
 
 static void open_inputs(muxing &self, const mux_options &options)
 {
@@ -39,6 +66,9 @@ static void open_inputs(muxing &self, const mux_options &options)
     }
     if (!options.audio.empty()) {
         self.audio = aac_input_open(options.audio);
+    }
+    if (self.video != nullptr && self.audio != nullptr) {
+        align_sound(self, options);
     }
 }
 
@@ -102,8 +132,7 @@ static void put_all(muxing &self)
     bool has_sound = self.audio != nullptr;
     while (self.picture || has_sound) {
         interruption_check();
-        const int64_t sound_us =
-            has_sound ? av_rescale(self.sounds * AAC_UNIT_SAMPLES, 1'000'000, self.audio->rate) : 0;
+        const int64_t sound_us = has_sound ? aac_input_span_us(*self.audio, self.sounds) : 0;
         if (self.picture && (!has_sound || self.picture->time_us - self.origin_us <= sound_us)) {
             put_picture(self);
         } else if (const auto unit = aac_input_next(*self.audio)) {
@@ -128,17 +157,42 @@ static file_summary read_back(const work_folder &folder)
     return *summary;
 }
 
+static void warn(const std::string &path, const char *what, int64_t number, const char *unit = "")
+{
+    if (number > 0) {
+        terminal_say("tdmbrec: warning: " + path + ": " + what + ": " + std::to_string(number) +
+                     unit);
+    }
+}
+
+static void warn_of_video(const std::string &path, const video_input &video)
+{
+    warn(path, "pictures left out in front of the first IDR picture", video.leading);
+    warn(path, "damaged access units left out", video.damaged);
+    warn(path, "jumps of the video's clock closed", video.clock.jumps);
+}
+
+static void warn_of_sound(const std::string &path, const muxing &self)
+{
+    const aac_input &audio = *self.audio;
+    const int64_t gaps_us =
+        *audio.clock.last_us - audio.begin_us - aac_input_span_us(audio, audio.packets - 1);
+    warn(path, "sound in front of the first picture left out", self.left_out_us / 1000, " ms");
+    warn(path, "sound that begins after the first picture moved to the front by",
+         self.late_us > LATE_TOLERANCE_US ? self.late_us / 1000 : 0, " ms");
+    warn(path, "jumps of the audio's clock closed", audio.clock.jumps);
+    warn(path, "gaps in the sound closed, by which what follows comes early",
+         gaps_us > DRIFT_TOLERANCE_US ? gaps_us / 1000 : 0, " ms");
+}
+
 static void report(const mux_options &options, const muxing &self, const file_summary &file,
                    double elapsed_s)
 {
-    if (self.video != nullptr && self.video->leading > 0) {
-        terminal_say("tdmbrec: warning: " + options.video +
-                     ": pictures left out in front of the first IDR picture: " +
-                     std::to_string(self.video->leading));
+    if (self.video != nullptr) {
+        warn_of_video(options.video, *self.video);
     }
-    if (self.video != nullptr && self.video->damaged > 0) {
-        terminal_say("tdmbrec: warning: " + options.video +
-                     ": damaged access units left out: " + std::to_string(self.video->damaged));
+    if (self.audio != nullptr) {
+        warn_of_sound(options.audio, self);
     }
     for (const std::string &remark : finished_file_remarks(file)) {
         terminal_say("tdmbrec: warning: " + remark);

@@ -36,7 +36,11 @@ Exit status:
   7    the encoder failed)";
 
 static const char mux_footer[] =
-    R"(Exit status:
+    R"(The file begins sound and picture together and holds the sound without gaps. Sound in front of the
+first picture is left out; sound that begins later moves to the front, and gaps in it are closed. A
+warning says by how many milliseconds.
+
+Exit status:
   0    the file is finished
   2    wrong command line, or a cache of no size
   3    an input cannot be read

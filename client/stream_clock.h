@@ -14,6 +14,13 @@ struct stream_clock {
 
 inline constexpr int64_t CLOCK_JUMP_US = 10'000'000;
 
+// Time stamps of sound that stray less than this from the running count of samples are taken as
+// rounding.
+inline constexpr int64_t DRIFT_TOLERANCE_US = 100'000;
+
+// Sound that begins further away than this is not of the video's clock.
+inline constexpr int64_t ALIGNMENT_MAX_US = 600'000'000;
+
 // Puts a time stamp on the line; without one the line goes on by the step.
 inline int64_t stream_clock_place(stream_clock &clock, std::optional<int64_t> time_us,
                                   int64_t step_us, int64_t tolerance_us)

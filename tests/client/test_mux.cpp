@@ -38,6 +38,14 @@ TEST_F(mux, makes_one_file_whatever_its_memory_and_readers_take_it_without_a_wor
     EXPECT_TRUE(contains(shell(TDMBREC "info slow.mp4").out, "300 frames at 15.0"))
         << "15 a second";
     frames_of("--audio in.aac", "sound.mp4");
+    // Sound that begins later than the picture, or earlier, in one file.
+    for (const auto &[offset, told] : {std::pair("2", "moved to the front by: 19"),
+                                       std::pair("-2", "first picture left out: 20")}) {
+        ffmpeg(TIMED_SAMPLE "-itsoffset " + std::string(offset) +
+               " -i programme.wav -c:v copy -c:a aac -f mpegts apart");
+        const command_result apart = shell(TDMBREC "mux -f --video apart --audio apart -o x");
+        EXPECT_TRUE(apart.status == 0 && contains(apart.err, told)) << apart.err;
+    }
     // Extended to twice its rate, the units last as long as without the extension.
     shell("ffmpeg -v error -i programme.wav -ar 24000 -c:a aac he.mp4; LC_ALL=C sed -i "
           "'s/\\x13\\x10\\x56\\xe5\\x00/\\x2b\\x11\\x88\\x00\\x00/' he.mp4");
