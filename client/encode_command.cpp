@@ -5,6 +5,7 @@
 #include "client/figures.h"
 #include "client/interruption.h"
 #include "client/pcm_input.h"
+#include "client/terminal.h"
 #include "client/work_folder.h"
 
 #include <chrono>
@@ -60,6 +61,21 @@ static void report(const encode_options &options, const encoding &self, double e
                 elapsed_s > 0 ? seconds / elapsed_s : 0);
 }
 
+// returns the exit code
+static int report_faults(const encode_options &options, const pcm_input &pcm)
+{
+    const unsigned damaged = pcm.decoder->damaged;
+    if (damaged > 0) {
+        terminal_say("tdmbrec: " + options.input +
+                     ": damaged audio packets left out: " + std::to_string(damaged));
+    }
+    if (!pcm.fault.empty()) {
+        terminal_say("tdmbrec: " + pcm.fault);
+    }
+    return static_cast<int>(damaged > 0 || !pcm.fault.empty() ? exit_code::input
+                                                              : exit_code::finished);
+}
+
 int encode_run(const encode_options &options)
 {
     const auto begun = std::chrono::steady_clock::now();
@@ -78,5 +94,5 @@ int encode_run(const encode_options &options)
     work_folder_publish(*folder, work_name);
     report(options, self,
            std::chrono::duration<double>(std::chrono::steady_clock::now() - begun).count());
-    return 0;
+    return report_faults(options, *self.pcm);
 }

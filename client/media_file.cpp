@@ -2,7 +2,7 @@
 
 #include "client/failure.h"
 
-#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -147,12 +147,39 @@ bool media_file_is_raw(const media_file &file)
     return std::strcmp(file.format->iformat->name, "h264") == 0;
 }
 
+// Whether the sound of a WAV file should go on behind the file's end.
+static bool is_cut_wave(const media_file &file)
+{
+    static constexpr int CHUNKS_MAX = 1000;
+    static constexpr uint32_t SIZE_UNKNOWN = 0x7FFF0000; // and more, from writers that cannot seek
+    int64_t position = 12;                               // behind "RIFF", its size and "WAVE"
+    std::array<uint8_t, 8> head = {};
+    for (int i = 0; i < CHUNKS_MAX; i++) {
+        if (pread(file.descriptor, head.data(), head.size(), position) !=
+            static_cast<ssize_t>(head.size())) {
+            return false;
+        }
+        const uint32_t size =
+            head[4] | uint32_t{head[5]} << 8 | uint32_t{head[6]} << 16 | uint32_t{head[7]} << 24;
+        position += int64_t{8} + size;
+        if (std::memcmp(head.data(), "data", 4) == 0) {
+            return size < SIZE_UNKNOWN && position > file.size;
+        }
+        position += size & 1;
+    }
+    return false;
+}
+
 // At the end of the data: demuxers report what makes them stop early as an end, too.
 static void check_end(const media_file &file)
 {
     if (file.io->error < 0 && file.io->error != AVERROR_EOF) {
         throw failure(exit_code::input,
                       file.path + ": breaks off (" + media_error_text(file.io->error) + ")");
+    }
+    if (std::strcmp(file.format->iformat->name, "wav") == 0 && is_cut_wave(file)) {
+        throw failure(exit_code::input,
+                      file.path + ": breaks off (the file is shorter than its header says)");
     }
     const int entries = avformat_index_get_entries_count(file.stream);
     const AVIndexEntry *const last = avformat_index_get_entry(file.stream, entries - 1);

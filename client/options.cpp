@@ -30,7 +30,7 @@ and one frame of silence follows it to push the encoder's overlap out.
 Exit status:
   0    the stream is finished
   2    wrong command line
-  3    the input cannot be read
+  3    the input cannot be read, is damaged, or broke off (the stream then holds what could be read)
   4    the encoder does not take the input's sampling rate or channels
   5    the output cannot be written
   7    the encoder failed)";

@@ -51,7 +51,22 @@ static void queue_frame(pcm_input &pcm, const AVFrame &frame)
     const int got =
         swr_convert(pcm.converter.get(), &out, frame.nb_samples,
                     const_cast<const uint8_t **>(frame.extended_data), frame.nb_samples);
+    pcm.decoder->damaged += got < 0 ? 1u : 0u;
     pcm.queue.resize(begin + static_cast<size_t>(std::max(got, 0)) * channels);
+}
+
+// What came before the file breaks off is worth having.
+static frame_ptr decode_frame(pcm_input &pcm)
+{
+    try {
+        return audio_decoder_next(*pcm.decoder);
+    } catch (const failure &broken) {
+        if (broken.code != exit_code::input) {
+            throw;
+        }
+        pcm.fault = broken.what();
+        return nullptr;
+    }
 }
 
 size_t pcm_input_next(pcm_input &pcm, std::span<int16_t> frame)
@@ -60,7 +75,7 @@ size_t pcm_input_next(pcm_input &pcm, std::span<int16_t> frame)
     pcm.queue.erase(begin, begin + static_cast<ptrdiff_t>(pcm.queue_read));
     while (pcm.queue.size() < frame.size() && pcm.held != nullptr) {
         queue_frame(pcm, *pcm.held);
-        pcm.held = audio_decoder_next(*pcm.decoder);
+        pcm.held = decode_frame(pcm);
     }
     pcm.queue_read = std::min(pcm.queue.size(), frame.size());
     const auto end = std::copy_n(pcm.queue.begin(), pcm.queue_read, frame.begin());

@@ -21,13 +21,14 @@ struct pcm_input {
     std::vector<int16_t> queue;
     size_t queue_read = 0;
     uint64_t samples = 0; // per channel, read so far
+    std::string fault;    // why nothing more could be read; empty at a sound end
 };
 
 // Opens the audio of a file. throws `failure`.
 std::unique_ptr<pcm_input> pcm_input_open(const std::string &path);
 
 // Fills a frame; silence follows the last sample. returns the samples per channel in it, 0 at the
-// end. throws `failure` for what cannot be read.
+// end, also where the file breaks off. throws `failure` for what cannot be coded.
 size_t pcm_input_next(pcm_input &pcm, std::span<int16_t> frame);
 
 #endif

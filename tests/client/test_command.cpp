@@ -120,6 +120,11 @@ TEST_F(recording, joins_late_audio_and_a_restarted_clock)
     const int frames = summary("cut.ts -o cut.mp4")["video"]["frames"];
     EXPECT_EQ(frames % 30, 0);
     EXPECT_LT(frames, 300);
+    // Cut off in its sound, the programme ends there.
+    shell("head -c 1000000 programme.wav > cut.wav");
+    const json cut = summary("--video programme.h264 --audio cut.wav -o end.mp4");
+    EXPECT_EQ(cut["exit_status"], 3);
+    EXPECT_NEAR(cut["duration_seconds"].get<double>(), 5.2, 0.1);
 }
 
 TEST_F(recording, is_finished_at_the_first_signal_and_given_up_at_the_second)

@@ -36,6 +36,20 @@ TEST_F(encode, makes_streams_that_decoders_take_without_a_word)
     }
 }
 
+TEST_F(encode, takes_what_came_before_a_fault_and_tells_it)
+{
+    shell("head -c 1000000 programme.wav > cut.wav");
+    const command_result cut = shell(TDMBREC "encode cut.wav -o a.aac");
+    EXPECT_EQ(cut.status, 3);
+    EXPECT_EQ(cut.err, "tdmbrec: cut.wav: breaks off (the file is shorter than its header says)\n");
+    EXPECT_TRUE(contains(cut.out, "0:05.2 of 48000 Hz")) << cut.out;
+    shell(TDMBREC "mux --audio a.aac -o a.mp4; printf '\\377\\377\\377\\377' | "
+                  "dd of=a.mp4 bs=1 seek=30000 conv=notrunc");
+    const command_result bent = shell(TDMBREC "encode a.mp4 -o b.aac");
+    EXPECT_EQ(bent.status, 3);
+    EXPECT_TRUE(contains(bent.err, "a.mp4: damaged audio packets left out: ")) << bent.err;
+}
+
 TEST_F(encode, sounds_like_its_input_with_the_polarity_turned)
 {
     if (shell("command -v faad && ffmpeg -hide_banner -filters | grep asdr").status != 0) {
