@@ -9,7 +9,6 @@
 #include "client/work_folder.h"
 
 #include <chrono>
-#include <cstdio>
 
 static constexpr char work_name[] = "stream.aac";
 
@@ -52,13 +51,15 @@ static void report(const encode_options &options, const encoding &self, double e
 {
     const double seconds = static_cast<double>(self.pcm->samples) / self.pcm->rate;
     const double coded_s = static_cast<double>(self.frames * AACENC_FRAME_SAMPLES) / self.pcm->rate;
-    std::printf("%s: %s of %d Hz %s, %llu frames, %s, %.1f kbit/s; took %.2f s, %.0f times real "
-                "time\n",
-                options.output.c_str(), duration_text(seconds).c_str(), self.pcm->rate,
-                self.pcm->channels == 2 ? "stereo" : "mono",
-                static_cast<unsigned long long>(self.frames), size_text(self.bytes).c_str(),
-                static_cast<double>(self.bytes) * 8 / coded_s / 1000, elapsed_s,
-                elapsed_s > 0 ? seconds / elapsed_s : 0);
+    terminal_print(
+        options.output +
+        print(": %s of %d Hz %s, %llu frames, %s, %.1f kbit/s; took %.2f s, %.0f times real "
+              "time\n",
+              duration_text(seconds).c_str(), self.pcm->rate,
+              self.pcm->channels == 2 ? "stereo" : "mono",
+              static_cast<unsigned long long>(self.frames), size_text(self.bytes).c_str(),
+              static_cast<double>(self.bytes) * 8 / coded_s / 1000, elapsed_s,
+              elapsed_s > 0 ? seconds / elapsed_s : 0));
 }
 
 // returns the exit code
@@ -92,7 +93,8 @@ int encode_run(const encode_options &options)
     work_file_finish(out);
     self.bytes = out.bytes;
     work_folder_publish(*folder, work_name);
+    const int code = report_faults(options, *self.pcm);
     report(options, self,
            std::chrono::duration<double>(std::chrono::steady_clock::now() - begun).count());
-    return report_faults(options, *self.pcm);
+    return code;
 }

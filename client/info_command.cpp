@@ -5,9 +5,8 @@
 #include "client/info_text.h"
 #include "client/mapped_file.h"
 #include "client/media_report.h"
+#include "client/terminal.h"
 #include "client/work_folder.h"
-
-#include <cstdio>
 
 static constexpr char work_name[] = "page.html";
 
@@ -40,9 +39,6 @@ int info_run(const info_options &options)
     } else {
         text = options.json ? info_json(report) : info_text(report);
     }
-    std::fwrite(text.data(), 1, text.size(), stdout);
-    if (std::fflush(stdout) != 0) {
-        throw failure(exit_code::output, "the report cannot be written");
-    }
+    terminal_print(text);
     return static_cast<int>(report.faults.empty() ? exit_code::finished : exit_code::faults);
 }

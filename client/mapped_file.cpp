@@ -49,7 +49,9 @@ std::unique_ptr<mapped_file> mapped_file_open(const std::string &path)
         close(descriptor);
     }
     if (file == nullptr) {
-        throw failure(exit_code::input, path + ": " + std::strerror(error));
+        throw failure(exit_code::input,
+                      path + ": " +
+                          (error == ESPIPE ? "is not a regular file" : std::strerror(error)));
     }
     return file;
 }

@@ -129,9 +129,7 @@ std::unique_ptr<media_file> media_file_open(const std::string &path, AVMediaType
     open_format(*file);
     const int index = av_find_best_stream(file->format, kind, -1, -1, nullptr, 0);
     if (index < 0) {
-        throw failure(exit_code::input, path + ": holds no " + av_get_media_type_string(kind) +
-                                            " (name another file with --" +
-                                            av_get_media_type_string(kind) + ")");
+        throw failure(exit_code::input, path + ": holds no " + av_get_media_type_string(kind));
     }
     for (unsigned i = 0; i < file->format->nb_streams; i++) {
         if (i != static_cast<unsigned>(index)) {
@@ -140,6 +138,11 @@ std::unique_ptr<media_file> media_file_open(const std::string &path, AVMediaType
     }
     file->stream = file->format->streams[index];
     return file;
+}
+
+bool media_file_has(const media_file &file, AVMediaType kind)
+{
+    return av_find_best_stream(file.format, kind, -1, -1, nullptr, 0) >= 0;
 }
 
 bool media_file_is_raw(const media_file &file)

@@ -37,6 +37,9 @@ struct media_file {
 // returns the file; throws `failure` when it cannot be read or holds no such stream.
 std::unique_ptr<media_file> media_file_open(const std::string &path, AVMediaType kind);
 
+// Whether the file holds a stream of the kind.
+bool media_file_has(const media_file &file, AVMediaType kind);
+
 // Whether the file is nothing but a stream of access units, without time stamps.
 bool media_file_is_raw(const media_file &file);
 

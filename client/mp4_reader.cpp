@@ -425,10 +425,25 @@ std::string printable(const std::string &type)
     return text;
 }
 
+// Whether the image begins with a box that MP4 files begin with.
+static bool looks_like_movie(bytes image)
+{
+    static const std::set<std::string> first_boxes = {"ftyp", "styp", "mdat", "moov", "free",
+                                                      "skip", "wide", "uuid", "pnot"};
+    cursor in = {image};
+    in.take(4);
+    return first_boxes.count(in.text()) != 0;
+}
+
 movie read_movie(std::span<const uint8_t> image)
 {
     movie result;
     reader r;
+    if (!r.check(looks_like_movie(image), "this is no MP4 file")) {
+        result.faults = r.faults;
+        result.error = r.faults.front();
+        return result;
+    }
     result.boxes = r.read_boxes(image);
     const box *moov = find(result.boxes, "moov");
     const box *mvhd = find(result.boxes, "moov/mvhd");

@@ -3,6 +3,7 @@
 #include "client/failure.h"
 
 #include <array>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -10,6 +11,18 @@
 static FILE *file_of(void *handle)
 {
     return static_cast<FILE *>(handle);
+}
+
+static int write_error; // of the system, at the first write that failed; 0 as long as none did
+
+// What the muxer reports has no place for the system's reason.
+static size_t write_all(const void *buffer, size_t size, size_t count, void *handle)
+{
+    const size_t written = std::fwrite(buffer, size, count, file_of(handle));
+    if (written != count && write_error == 0) {
+        write_error = errno;
+    }
+    return written;
 }
 
 // The muxer has caches of its own.
@@ -36,7 +49,7 @@ static int32_t append_file(void *destination, void *source, int32_t)
     std::array<uint8_t, 1 << 16> block;
     size_t got = 0;
     while ((got = std::fread(block.data(), 1, block.size(), from)) > 0) {
-        if (std::fwrite(block.data(), 1, got, to) != got) {
+        if (write_all(block.data(), 1, got, to) != got) {
             return -1;
         }
     }
@@ -71,9 +84,7 @@ static mp4_mux_init_t make_init(const mux_options &options)
     init.m_pfnFclose = [](void *handle) { return std::fclose(file_of(handle)); };
     init.m_pfnFeof = [](void *handle) { return std::feof(file_of(handle)); };
     init.m_pfnFflush = [](void *handle) { return std::fflush(file_of(handle)); };
-    init.m_pfnFwrite = [](const void *buffer, size_t size, size_t count, void *handle) {
-        return std::fwrite(buffer, size, count, file_of(handle));
-    };
+    init.m_pfnFwrite = write_all;
     init.m_pfnRemove = std::remove;
     init.m_pfnFseek64 = [](void *handle, int64_t offset, int whence) {
         return fseeko(file_of(handle), offset, whence);
@@ -94,8 +105,10 @@ static void check(mux_file &out, int32_t result, const char *what)
     mp4_mux_error_t error = {};
     (void)QVR_MP4_MUX(MUX_GET_LAST_ERROR, &out.handle, nullptr, &error);
     const std::string message = error.m_pszMessage != nullptr ? error.m_pszMessage : "no memory";
+    const std::string reason =
+        write_error != 0 ? std::strerror(write_error) + std::string("; ") : "";
     throw failure(result == MUX_ERR_CACHE_SIZE ? exit_code::usage : exit_code::output,
-                  std::string("the muxer cannot ") + what + ": " + message + " (" +
+                  std::string("the muxer cannot ") + what + ": " + reason + message + " (" +
                       std::to_string(result) + ")");
 }
 

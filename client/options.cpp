@@ -54,7 +54,7 @@ static const char info_footer[] =
   1    something is wrong with the file; the report says what
   2    wrong command line
   3    the file cannot be read
-  5    the page cannot be written)";
+  5    the report or the page cannot be written)";
 
 static void add_output(CLI::App &command, std::string &output, bool &force, const char *what)
 {

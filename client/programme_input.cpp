@@ -1,5 +1,7 @@
 #include "client/programme_input.h"
 
+#include "client/failure.h"
+
 #include <filesystem>
 
 static int64_t video_time_us(const programme_input &programme)
@@ -19,6 +21,10 @@ std::unique_ptr<programme_input> programme_open(const std::string &video_path,
 {
     std::unique_ptr<programme_input> programme = std::make_unique<programme_input>();
     programme->video = video_input_open(video_path, frame_rate);
+    if (video_path == audio_path && !media_file_has(*programme->video->file, AVMEDIA_TYPE_AUDIO)) {
+        throw failure(exit_code::input,
+                      audio_path + ": holds no audio (name another file with --audio)");
+    }
     programme->audio = audio_input_open(audio_path);
     programme->next_video = video_input_next(*programme->video);
     programme->origin_us = programme->next_video->time_us;

@@ -304,8 +304,12 @@ static void report(session &self)
     const std::string text = self.options.json ? summary_json(summary)
                              : summary.file    ? summary_text(summary)
                                                : "";
-    std::fwrite(text.data(), 1, text.size(), stdout);
-    std::fflush(stdout);
+    try {
+        terminal_print(text);
+    } catch (const failure &what) {
+        terminal_say(std::string("tdmbrec: ") + what.what());
+        note_failure(self, what);
+    }
 }
 
 static void fail(session &self, const failure &what)

@@ -1,5 +1,7 @@
 #include "client/terminal.h"
 
+#include "client/failure.h"
+
 #include "platform/host/host_control.h"
 
 #include <cstdio>
@@ -23,6 +25,14 @@ void terminal_say(const std::string &line)
     const std::lock_guard<std::mutex> guard(lock);
     const std::string clear = shown_progress.empty() ? "" : clear_line;
     write_to_terminal(clear + line + "\n" + shown_progress);
+}
+
+void terminal_print(const std::string &text)
+{
+    const size_t written = std::fwrite(text.data(), 1, text.size(), stdout);
+    if (written != text.size() || std::fflush(stdout) != 0) {
+        throw failure(exit_code::output, "the report cannot be written");
+    }
 }
 
 void terminal_show_progress(const std::string &line)

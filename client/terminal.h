@@ -15,4 +15,7 @@ void terminal_show_progress(const std::string &line);
 // routine, with 2 everything.
 void terminal_follow_component(int verbosity);
 
+// Prints a command's result to standard output. throws `failure` when nothing takes it.
+void terminal_print(const std::string &text);
+
 #endif

@@ -29,7 +29,7 @@ TEST_F(refusals, name_the_mistake_and_touch_nothing)
         {"record -o x missing.ts", 3, "missing.ts: No such file"},
         {"record -o x /dev/zero", 3, "/dev/zero: is not a regular file"},
         {"record -o x --video programme.h264 --audio kept.mp4", 3, "kept.mp4: not readable as"},
-        {"record -o x programme.h264", 3, "programme.h264: holds no audio"},
+        {"record -o x programme.h264", 3, "holds no audio (name another file with --audio)"},
         {"record -o kept.mp4 " SAMPLE, 5, "exists already"},
         {"record -o folder -f " SAMPLE, 5, "not a regular file"},
         {"record -o programme.wav -f " SAMPLE, 5, "is an input"},
@@ -42,6 +42,7 @@ TEST_F(refusals, name_the_mistake_and_touch_nothing)
         {"encode programme.wav -o x --bitrate 15000", 2, "not 15000"},
         {"encode fast.wav -o x", 4, "fast.wav: its sampling rate is 96000 Hz"},
         {"encode six.wav -o x", 4, "six.wav: it has 6 channels"},
+        {"encode programme.h264 -o x", 3, "programme.h264: holds no audio\n"},
         {"encode programme.wav -o kept.mp4", 5, "exists already"},
         {"encode programme.wav -f -o programme.wav", 5, "is an input"},
         {"mux -o x", 2, "name --video, --audio or both"},
@@ -52,6 +53,8 @@ TEST_F(refusals, name_the_mistake_and_touch_nothing)
         {"info missing.mp4", 3, "missing.mp4: No such file"},
         {"info folder", 3, "folder: Is a directory"},
         {"info empty", 3, "empty: is empty"},
+        {"info /dev/null", 3, "/dev/null: is not a regular file"},
+        {"info b.mp4 > /dev/full", 5, "the report cannot be written"},
     };
     // clang-format on
     const name_set before = names();
