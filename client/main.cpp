@@ -7,6 +7,7 @@
 #include "client/options.h"
 #include "client/record.h"
 #include "client/terminal.h"
+#include "client/work_folder.h"
 
 #include <exception>
 
@@ -23,7 +24,10 @@ static int run(const record_options &options)
 static void stop_when_asked(void)
 {
     interruption_block();
-    interruption_listen([] {});
+    interruption_listen([] {
+        work_folder_give_up();
+        terminal_say("tdmbrec: given up");
+    });
 }
 
 static int run(const encode_options &options)

@@ -33,7 +33,8 @@ Exit status:
   3    the input cannot be read, is damaged, or broke off (the stream then holds what could be read)
   4    the encoder does not take the input's sampling rate or channels
   5    the output cannot be written
-  7    the encoder failed)";
+  7    the encoder failed
+  130  stopped by Ctrl-C (143 SIGTERM, 129 SIGHUP); no stream is left)";
 
 static const char mux_footer[] =
     R"(The file begins sound and picture together and holds the sound without gaps. Sound in front of the
@@ -46,7 +47,8 @@ Exit status:
   3    an input cannot be read
   4    an input holds something that cannot be put into the file
   5    the output cannot be written
-  7    the muxer made a file that is not sound)";
+  7    the muxer made a file that is not sound
+  130  stopped by Ctrl-C (143 SIGTERM, 129 SIGHUP); no file is left)";
 
 static const char info_footer[] =
     R"(Exit status:

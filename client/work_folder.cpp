@@ -5,34 +5,63 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <mutex>
 #include <unistd.h>
+
+// A command has one folder at most.
+static std::mutex folder_lock;
+static const work_folder *folder_in_use; // under folder_lock
 
 [[noreturn]] static void fail(const std::string &what)
 {
     throw failure(exit_code::output, what + ": " + std::strerror(errno));
 }
 
+static void remove_folder(const work_folder &folder)
+{
+    if (folder.descriptor >= 0) {
+        remove_entries(folder.descriptor);
+    }
+    if (!folder.name.empty()) {
+        unlinkat(folder.place->directory, folder.name.c_str(), AT_REMOVEDIR);
+    }
+}
+
 work_folder::~work_folder()
 {
+    const std::lock_guard<std::mutex> guard(folder_lock);
+    folder_in_use = nullptr;
+    remove_folder(*this);
     if (descriptor >= 0) {
-        remove_entries(descriptor);
         close(descriptor);
     }
-    if (!name.empty()) {
-        unlinkat(place->directory, name.c_str(), AT_REMOVEDIR);
+}
+
+void work_folder_give_up(void)
+{
+    folder_lock.lock(); // until the process is gone
+    if (folder_in_use != nullptr) {
+        remove_folder(*folder_in_use);
     }
+}
+
+static void make_folder(work_folder &folder)
+{
+    const std::lock_guard<std::mutex> guard(folder_lock);
+    const int directory = folder.place->directory;
+    folder.name = make_hidden_folder(directory);
+    folder.descriptor = openat(directory, folder.name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (folder.descriptor < 0) {
+        fail(folder.name);
+    }
+    folder_in_use = &folder;
 }
 
 std::unique_ptr<work_folder> work_folder_make(const std::string &output, bool force)
 {
     std::unique_ptr<work_folder> folder = std::make_unique<work_folder>();
     folder->place = output_place_open(output, force);
-    folder->name = make_hidden_folder(folder->place->directory);
-    folder->descriptor =
-        openat(folder->place->directory, folder->name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (folder->descriptor < 0) {
-        fail(folder->name);
-    }
+    make_folder(*folder);
     return folder;
 }
 

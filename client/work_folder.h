@@ -24,6 +24,10 @@ struct work_folder {
 // Makes the folder beside an output that may be written. throws `failure`.
 std::unique_ptr<work_folder> work_folder_make(const std::string &output, bool force);
 
+// Removes the folder that is in use, and lets no other be made: for the end of the process.
+// thread: any.
+void work_folder_give_up(void);
+
 // The path of a file in the folder, for as long as the folder is there.
 std::string work_folder_path(const work_folder &folder, const std::string &name);
 

@@ -50,6 +50,19 @@ TEST_F(encode, takes_what_came_before_a_fault_and_tells_it)
     EXPECT_TRUE(contains(bent.err, "a.mp4: damaged audio packets left out: ")) << bent.err;
 }
 
+TEST_F(encode, leaves_nothing_when_it_is_given_up)
+{
+    shell("{ head -c 40 programme.wav; printf '\\377\\377\\377\\377'; } > long.wav; "
+          "truncate -s 1900000000 long.wav");
+    const name_set before = names();
+    const command_result twice =
+        shell(TDMBREC "encode long.wav -o a.aac & sleep 0.3; kill -STOP $!; ls -d .tdmbrec-*; "
+                      "kill -TERM $!; kill -HUP $!; kill -CONT $!; wait $!");
+    EXPECT_TRUE(twice.status == 143 || twice.status == 129) << twice.status;
+    EXPECT_TRUE(contains(twice.out, ".tdmbrec-")) << "it was under way";
+    EXPECT_EQ(names(), before);
+}
+
 TEST_F(encode, sounds_like_its_input_with_the_polarity_turned)
 {
     if (shell("command -v faad && ffmpeg -hide_banner -filters | grep asdr").status != 0) {
