@@ -51,6 +51,10 @@ static void align_sound(muxing &self, const mux_options &options)
     while (skipped < units && aac_input_next(*self.audio)) {
         skipped++;
     }
+    if (self.audio->packet == nullptr) {
+        throw failure(exit_code::unsupported,
+                      options.audio + ": its sound ends before the first picture");
+    }
     self.left_out_us = aac_input_span_us(*self.audio, skipped);
     self.late_us = late_us + self.left_out_us;
 }

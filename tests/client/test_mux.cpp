@@ -40,11 +40,13 @@ TEST_F(mux, makes_one_file_whatever_its_memory_and_readers_take_it_without_a_wor
     frames_of("--audio in.aac", "sound.mp4");
     // Sound that begins later than the picture, or earlier, in one file.
     for (const auto &[offset, told] : {std::pair("2", "moved to the front by: 19"),
-                                       std::pair("-2", "first picture left out: 20")}) {
+                                       std::pair("-2", "first picture left out: 20"),
+                                       std::pair("-20", "ends before the first picture")}) {
         ffmpeg(TIMED_SAMPLE "-itsoffset " + std::string(offset) +
                " -i programme.wav -c:v copy -c:a aac -f mpegts apart");
         const command_result apart = shell(TDMBREC "mux -f --video apart --audio apart -o x");
-        EXPECT_TRUE(apart.status == 0 && contains(apart.err, told)) << apart.err;
+        EXPECT_EQ(apart.status, offset == std::string("-20") ? 4 : 0);
+        EXPECT_TRUE(contains(apart.err, told)) << apart.err;
     }
     // Extended to twice its rate, the units last as long as without the extension.
     shell("ffmpeg -v error -i programme.wav -ar 24000 -c:a aac he.mp4; LC_ALL=C sed -i "
