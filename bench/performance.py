@@ -4,7 +4,7 @@
 usage: bench/performance.py [--quick]
 
 Builds what it measures below build/. --quick shortens every measurement, to try the script, and
-writes nothing. Needs the packages of `scripts/install_dependencies.sh tests`; takes about fifteen
+writes nothing. Needs the packages of `scripts/install_dependencies.sh tests`; takes about three
 minutes on a machine that does nothing else.
 """
 import datetime
@@ -177,7 +177,7 @@ def measure_component():
          f'{100 * speed[0] / speed[2]:.0f} % on one core: {speed[0]:.0f}, {speed[2]:.0f} times '
          f'real time; on two {100 * speed[1] / speed[2]:.0f} %'),
         ('Component, CPU a picture beyond the copy', 'at most 3 us',
-         f'{picture["component_cpu"] * 1e6 - copy["cpu_time"] / 1e3:.2f} us'),
+         f'{picture["component_cpu"] * 1e6 - copy["cpu_time"] / 1e3:.2f} us on one core'),
         ('Component, one storage query', 'known', f'{query["cpu_time"]:.0f} ns'),
         ('Component at rest (Executing; Paused with buffers)', 'no wake-up, no CPU in 10 s',
          '; '.join(f'{entry["switches"]:.0f} switches, {max(entry["cpu"], 0) * 1e6:.0f} us'
@@ -264,7 +264,18 @@ run in one program. Nothing here is a test: no check fails because a machine is 
 
 ## Where the encoder's time goes
 
-Instructions per second of 48 kHz stereo sound at 128 kbit/s, portable build, by function:
+By stage, before the encoder was made faster and after, million instructions a second of sound; no
+bit of its output changed:
+
+| Stage | Before, `-O3` | After, AVX2 | Before, portable | After, portable |
+| --- | --- | --- | --- | --- |
+| transform | 10.77 | 1.69 | 10.93 | 8.58 |
+| rate loop and packing | 5.74 | 4.18 | 6.19 | 4.54 |
+| writing of elements | 1.52 | 0.83 | 1.52 | 0.83 |
+| other | 0.20 | 0.21 | 0.43 | 0.43 |
+| whole | 18.23 | 6.91 | 19.07 | 14.38 |
+
+By function now, portable build, 48 kHz stereo at 128 kbit/s:
 
 {profile_table(by(encoder, 0), 14, 'Function')}
 ## Where a recording's time goes
