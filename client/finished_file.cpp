@@ -7,16 +7,19 @@
 #include <cerrno>
 #include <cstring>
 
-static track_summary summarise(const mp4_reader::movie &movie, const char *handler)
+// The pages of the file that reading has touched are let go each time so many frames are counted.
+static constexpr uint64_t FRAMES_TO_RELEASE = 1 << 14;
+
+static void count(track_summary *summary, const mp4_reader::sample &frame)
 {
-    track_summary summary;
-    if (const mp4_reader::track *const track = mp4_reader::find_track(movie, handler)) {
-        summary.frames = track->samples.size() + track->samples_left_out;
-        for (const mp4_reader::sample &sample : track->samples) {
-            summary.bytes += sample.size;
-        }
-    }
-    return summary;
+    summary->frames++;
+    summary->bytes += frame.size;
+}
+
+static uint64_t frames_left_out(const mp4_reader::movie &movie, const char *handler)
+{
+    const mp4_reader::track *const track = mp4_reader::find_track(movie, handler);
+    return track != nullptr ? track->samples_left_out : 0;
 }
 
 std::optional<file_summary> finished_file_read(int file)
@@ -26,15 +29,21 @@ std::optional<file_summary> finished_file_read(int file)
         throw failure(exit_code::output,
                       std::string("the finished file cannot be read back: ") + strerror(errno));
     }
-    const mp4_reader::movie movie = mp4_reader::read_movie(mapped->bytes);
+    file_summary summary = {.bytes = mapped->bytes.size()};
+    const auto count_frame = [&](const mp4_reader::track *of, const mp4_reader::sample &frame) {
+        count(of->handler == "vide" ? &summary.video : &summary.audio, frame);
+        if ((summary.video.frames + summary.audio.frames) % FRAMES_TO_RELEASE == 0) {
+            mapped_file_release(*mapped);
+        }
+    };
+    const mp4_reader::movie movie = mp4_reader::read_movie(mapped->bytes, count_frame);
     if (mp4_reader::find(movie.boxes, "moov") == nullptr) {
         return std::nullopt;
     }
-    file_summary summary = {.bytes = mapped->bytes.size(),
-                            .video = summarise(movie, "vide"),
-                            .audio = summarise(movie, "soun"),
-                            .faults = movie.faults,
-                            .notes = movie.notes};
+    summary.video.frames += frames_left_out(movie, "vide");
+    summary.audio.frames += frames_left_out(movie, "soun");
+    summary.faults = movie.faults;
+    summary.notes = movie.notes;
     if (movie.timescale != 0) {
         summary.duration_s = static_cast<double>(movie.duration) / movie.timescale;
     } else {

@@ -55,3 +55,10 @@ std::unique_ptr<mapped_file> mapped_file_open(const std::string &path)
     }
     return file;
 }
+
+void mapped_file_release(const mapped_file &file)
+{
+    if (!file.bytes.empty()) {
+        (void)madvise(const_cast<uint8_t *>(file.bytes.data()), file.bytes.size(), MADV_DONTNEED);
+    }
+}

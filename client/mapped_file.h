@@ -22,4 +22,7 @@ std::unique_ptr<mapped_file> mapped_file_of(int descriptor);
 // The same by name. throws `failure`.
 std::unique_ptr<mapped_file> mapped_file_open(const std::string &path);
 
+// Takes the bytes read so far out of the process's memory; they are read again where needed.
+void mapped_file_release(const mapped_file &file);
+
 #endif

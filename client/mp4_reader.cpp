@@ -58,7 +58,7 @@ std::vector<uint8_t> copy(bytes from)
 // The records of a table box: numbers of one width, some of them to a record.
 struct table {
     bytes records;
-    size_t fields, width;
+    size_t fields = 1, width = 4;
 
     size_t size() const
     {
@@ -69,6 +69,81 @@ struct table {
         return cursor{records.subspan((record * fields + field) * width)}.number(width);
     }
 };
+
+// What says where a track's samples lie and when they are shown.
+struct sample_tables {
+    uint64_t count = 0;
+    uint32_t common_size = 0; // or 0: they are in the table
+    table sizes;
+    table chunks, chunk_runs;
+    table time_runs;
+    table sync_numbers;
+    bool all_sync = true;
+};
+
+// The way through the tables, from sample to sample, within what the chunks hold.
+struct sample_walk {
+    const sample_tables &tables;
+    size_t sample = 0, chunk = 0; // the next ones
+    size_t chunk_run = 0, time_run = 0, sync = 0;
+    uint64_t left_in_chunk = 0, left_in_time_run = 0;
+    uint64_t offset = 0, time = 0;
+    uint32_t duration = 0;
+};
+
+void enter_chunk(sample_walk *walk)
+{
+    const table &runs = walk->tables.chunk_runs;
+    if (walk->chunk_run + 1 < runs.size() && runs.at(walk->chunk_run + 1) == walk->chunk + 1) {
+        walk->chunk_run++;
+    }
+    walk->offset = walk->tables.chunks.at(walk->chunk++);
+    walk->left_in_chunk = runs.at(walk->chunk_run, 1);
+}
+
+// Behind the last run, samples have no duration.
+void enter_time_run(sample_walk *walk)
+{
+    const table &runs = walk->tables.time_runs;
+    walk->duration = 0;
+    for (; walk->left_in_time_run == 0 && walk->time_run < runs.size(); walk->time_run++) {
+        walk->left_in_time_run = runs.at(walk->time_run, 0);
+        walk->duration = static_cast<uint32_t>(runs.at(walk->time_run, 1));
+    }
+}
+
+bool is_sync(sample_walk *walk)
+{
+    const table &numbers = walk->tables.sync_numbers;
+    while (walk->sync < numbers.size() && numbers.at(walk->sync) <= walk->sample) {
+        walk->sync++;
+    }
+    return walk->tables.all_sync ||
+           (walk->sync < numbers.size() && numbers.at(walk->sync) == walk->sample + 1);
+}
+
+sample next_sample(sample_walk *walk)
+{
+    if (walk->left_in_chunk == 0) {
+        enter_chunk(walk);
+    }
+    if (walk->left_in_time_run == 0) {
+        enter_time_run(walk);
+    }
+    const sample next = {.offset = walk->offset,
+                         .size = walk->tables.common_size != 0
+                                     ? walk->tables.common_size
+                                     : static_cast<uint32_t>(walk->tables.sizes.at(walk->sample)),
+                         .time = walk->time,
+                         .duration = walk->duration,
+                         .sync = is_sync(walk)};
+    walk->offset += next.size;
+    walk->time += next.duration;
+    walk->left_in_chunk--;
+    walk->left_in_time_run -= walk->left_in_time_run > 0 ? 1 : 0;
+    walk->sample++;
+    return next;
+}
 
 uint32_t record_profile(const avc_configuration &avc)
 {
@@ -89,12 +164,13 @@ struct reader {
     void read_sample_entry(const box &stsd, track *result);
     table read_table(const std::vector<box> &boxes, const std::string &type, size_t fields,
                      size_t width = 4);
-    void read_sizes(const std::vector<box> &stbl, track *result);
-    void place_in_chunks(const std::vector<box> &stbl, track *result);
-    void place_in_time(const std::vector<box> &stbl, track *result);
-    void mark_sync_samples(const std::vector<box> &stbl, track *result);
-    void read_track(const box &trak, track *result);
-    void read_tracks(const box &moov, movie *result);
+    void read_sizes(const std::vector<box> &stbl, sample_tables *result);
+    uint64_t read_chunks(const std::vector<box> &stbl, sample_tables *result);
+    void read_times(const std::vector<box> &stbl, sample_tables *result);
+    void read_sync_numbers(const std::vector<box> &stbl, sample_tables *result);
+    void read_samples(const std::vector<box> &stbl, const sample_sink &sink, track *result);
+    void read_track(const box &trak, const sample_sink &sink, track *result);
+    void read_tracks(const box &moov, const sample_sink &sink, movie *result);
 };
 
 bool reader::check(bool sound, const std::string &what)
@@ -255,7 +331,7 @@ table reader::read_table(const std::vector<box> &boxes_of_table, const std::stri
     return {records, fields, width};
 }
 
-void reader::read_sizes(const std::vector<box> &stbl, track *result)
+void reader::read_sizes(const std::vector<box> &stbl, sample_tables *result)
 {
     const box *const stsz = find(stbl, "stsz");
     if (!check(stsz != nullptr, "table stsz is missing")) {
@@ -263,92 +339,84 @@ void reader::read_sizes(const std::vector<box> &stbl, track *result)
     }
     cursor in = {stsz->payload};
     in.u32();
-    const uint32_t common_size = in.u32();
-    uint64_t count = in.u32();
-    if (common_size == 0) {
-        check(!in.overrun && count <= in.data.size() / 4, "table stsz does not add up");
-        count = std::min<uint64_t>(count, in.data.size() / 4);
-    }
-    if (!limit(count <= MAX_SAMPLES - samples, "too many samples to read them all")) {
-        result->samples_left_out = count - (MAX_SAMPLES - samples);
-        count = MAX_SAMPLES - samples;
-    }
-    samples += static_cast<size_t>(count);
-    result->samples.resize(static_cast<size_t>(count));
-    for (sample &each : result->samples) {
-        each.size = common_size != 0 ? common_size : in.u32();
+    result->common_size = in.u32();
+    result->count = in.u32();
+    if (result->common_size == 0) {
+        result->sizes.records = in.data;
+        check(!in.overrun && result->count <= result->sizes.size(), "table stsz does not add up");
+        result->count = std::min<uint64_t>(result->count, result->sizes.size());
     }
 }
 
-void reader::place_in_chunks(const std::vector<box> &stbl, track *result)
+// returns  how many samples the chunks hold
+uint64_t reader::read_chunks(const std::vector<box> &stbl, sample_tables *result)
 {
     const bool is_long = find(stbl, "co64") != nullptr;
     const table chunks = read_table(stbl, is_long ? "co64" : "stco", 1, is_long ? 8 : 4);
     const table runs = read_table(stbl, "stsc", 3);
-    std::vector<sample> &all = result->samples;
-    size_t placed = 0;
+    uint64_t held = 0;
     bool sound = runs.size() == 0 || runs.at(0) == 1;
     for (size_t run = 0; run < runs.size() && sound; run++) {
         const uint64_t begin = runs.at(run, 0);
         const uint64_t end = run + 1 < runs.size() ? runs.at(run + 1, 0) : chunks.size() + 1;
         const bool is_empty = chunks.size() == 0 && begin == end; // a track without samples
         sound = (begin < end || is_empty) && end <= chunks.size() + 1 && runs.at(run, 1) > 0;
-        for (uint64_t chunk = begin; chunk < end && sound && placed < all.size(); chunk++) {
-            uint64_t offset = chunks.at(static_cast<size_t>(chunk - 1));
-            for (uint64_t i = 0; i < runs.at(run, 1) && placed < all.size(); i++, placed++) {
-                all[placed].offset = offset;
-                offset += all[placed].size;
-            }
-        }
+        held += sound ? (end - begin) * runs.at(run, 1) : 0;
     }
-    check(sound && placed == all.size(), "the chunks do not hold all samples");
-    all.resize(placed);
+    check(sound && held >= result->count, "the chunks do not hold all samples");
+    result->chunks = chunks;
+    result->chunk_runs = runs;
+    return held;
 }
 
-void reader::place_in_time(const std::vector<box> &stbl, track *result)
+void reader::read_times(const std::vector<box> &stbl, sample_tables *result)
 {
-    const table runs = read_table(stbl, "stts", 2);
-    std::vector<sample> &all = result->samples;
-    size_t placed = 0;
-    uint64_t time = 0, timed = 0;
-    bool fits = true;
-    for (size_t run = 0; run < runs.size() && fits; run++) {
-        const uint32_t duration = static_cast<uint32_t>(runs.at(run, 1));
-        timed += runs.at(run, 0);
-        fits = all.empty() || timed <= all.size() + result->samples_left_out;
-        for (uint64_t i = 0; i < runs.at(run, 0) && placed < all.size(); i++, placed++) {
-            all[placed].time = time;
-            all[placed].duration = duration;
-            time += duration;
-        }
+    result->time_runs = read_table(stbl, "stts", 2);
+    uint64_t timed = 0;
+    for (size_t run = 0; run < result->time_runs.size(); run++) {
+        timed += result->time_runs.at(run);
     }
-    check(fits, "stts has times for more samples than there are");
-    check(placed == all.size(), "stts does not cover all samples");
-    for (; placed < all.size(); placed++) {
-        all[placed].time = time;
-    }
+    check(timed <= result->count || result->count == 0,
+          "stts has times for more samples than there are");
+    check(timed >= result->count, "stts does not cover all samples");
 }
 
-void reader::mark_sync_samples(const std::vector<box> &stbl, track *result)
+void reader::read_sync_numbers(const std::vector<box> &stbl, sample_tables *result)
 {
-    std::vector<sample> &all = result->samples;
-    if (find(stbl, "stss") == nullptr) {
-        for (sample &each : all) {
-            each.sync = true;
-        }
+    result->all_sync = find(stbl, "stss") == nullptr;
+    if (result->all_sync) {
         return;
     }
-    const table numbers = read_table(stbl, "stss", 1);
-    for (size_t i = 0; i < numbers.size(); i++) {
-        const uint64_t number = numbers.at(i);
-        const uint64_t last = all.size() + result->samples_left_out;
-        if (check(number > 0 && number <= last, "stss leaves the track") && number <= all.size()) {
-            all[static_cast<size_t>(number - 1)].sync = true;
-        }
+    result->sync_numbers = read_table(stbl, "stss", 1);
+    uint64_t last = 0;
+    for (size_t i = 0; i < result->sync_numbers.size(); i++) {
+        const uint64_t number = result->sync_numbers.at(i);
+        check(number > 0 && number <= result->count, "stss leaves the track");
+        check(i == 0 || number > last, "stss is not in order");
+        last = number;
     }
 }
 
-void reader::read_track(const box &trak, track *result)
+void reader::read_samples(const std::vector<box> &stbl, const sample_sink &sink, track *result)
+{
+    sample_tables tables;
+    read_sizes(stbl, &tables);
+    const uint64_t held = read_chunks(stbl, &tables);
+    read_times(stbl, &tables);
+    read_sync_numbers(stbl, &tables);
+    uint64_t count = tables.count;
+    if (!limit(count <= MAX_SAMPLES - samples, "too many samples to read them all")) {
+        result->samples_left_out = count - (MAX_SAMPLES - samples);
+        count = MAX_SAMPLES - samples;
+    }
+    samples += static_cast<size_t>(count);
+    sample_walk walk = {tables};
+    for (uint64_t i = 0; i < std::min(count, held); i++) {
+        sink(result, next_sample(&walk));
+    }
+}
+
+void reader::read_track(const box &trak, const sample_sink &sink, track *result)
 {
     const box *tkhd = find(trak.children, "tkhd");
     const box *mdhd = find(trak.children, "mdia/mdhd");
@@ -376,13 +444,10 @@ void reader::read_track(const box &trak, track *result)
     result->handler = handler.text();
     check(!header.overrun && !media.overrun && !handler.overrun, "a header is too short");
     read_sample_entry(*stsd, result);
-    read_sizes(stbl->children, result);
-    place_in_chunks(stbl->children, result);
-    place_in_time(stbl->children, result);
-    mark_sync_samples(stbl->children, result);
+    read_samples(stbl->children, sink, result);
 }
 
-void reader::read_tracks(const box &moov, movie *result)
+void reader::read_tracks(const box &moov, const sample_sink &sink, movie *result)
 {
     check(find(moov.children, "mvex") == nullptr,
           "the movie goes on in fragments, which are not read");
@@ -390,7 +455,7 @@ void reader::read_tracks(const box &moov, movie *result)
         if (each.type == "trak" &&
             limit(result->tracks.size() < MAX_TRACKS, "too many tracks to read them all")) {
             where = "track " + std::to_string(result->tracks.size() + 1) + ": ";
-            read_track(each, &result->tracks.emplace_back());
+            read_track(each, sink, &result->tracks.emplace_back());
             where.clear();
         }
     }
@@ -437,6 +502,11 @@ static bool looks_like_movie(bytes image)
 
 movie read_movie(std::span<const uint8_t> image)
 {
+    return read_movie(image, [](track *of, const sample &next) { of->samples.push_back(next); });
+}
+
+movie read_movie(std::span<const uint8_t> image, const sample_sink &sink)
+{
     movie result;
     reader r;
     if (!r.check(looks_like_movie(image), "this is no MP4 file")) {
@@ -458,7 +528,7 @@ movie read_movie(std::span<const uint8_t> image)
         in.take(76);
         result.next_track_id = in.u32();
         r.check(!in.overrun, "the movie header is too short");
-        r.read_tracks(*moov, &result);
+        r.read_tracks(*moov, sink, &result);
     }
     result.faults = r.faults;
     result.notes = r.notes;

@@ -5,6 +5,7 @@
 #define CLIENT_MP4_READER_H
 
 #include <cstdint>
+#include <functional>
 #include <span>
 #include <string>
 #include <vector>
@@ -63,6 +64,11 @@ struct movie {
 
 // Reads a whole file, or one that begins at some box: the offsets of samples are the file's own.
 movie read_movie(std::span<const uint8_t> image);
+
+// The same in memory that does not grow with the samples: each track's go to the sink in turn
+// instead of into its `samples`, when all else of the track is read.
+using sample_sink = std::function<void(track *of, const sample &next)>;
+movie read_movie(std::span<const uint8_t> image, const sample_sink &sink);
 
 // The first box on a path such as "moov/trak/tkhd", or null.
 const box *find(const std::vector<box> &boxes, const std::string &path);

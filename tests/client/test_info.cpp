@@ -83,6 +83,7 @@ TEST_F(info, names_every_fault)
         {behind("stss") + 8, {0, 0, 0, 2}, "track 2: does not begin with a key frame"},
         {behind("stss") + 12, {0, 0, 0, 30}, "1 frame that the table calls a key frame"},
         {behind("stss") + 12, {0, 0, 9, 9}, "track 2: stss leaves the track"},
+        {behind("stss") + 12, {0, 0, 0, 1}, "track 2: stss is not in order"},
         {behind("avcC") - 4, {'x'}, "track 2: has no parameter sets"},
         {behind("esds") - 4, {'x'}, "track 1: has no decoder configuration"},
         {stts_of_pictures - 4, {'x'}, "track 2: table stts is missing"},
