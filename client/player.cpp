@@ -16,8 +16,8 @@ static constexpr uint32_t INDEX_STOP = 0x7F00002E;
 static constexpr uint32_t EVENT_RECORDING_ENDED = 0x7F000005;
 static constexpr size_t OUTPUT_PATH_BYTES = 128;
 
-// Half of them are filled while the component has the other half; about as many PCM buffers as
-// pictures and a half make up a programme.
+// A run is half of them, filled while the component has the other half; about as many PCM buffers
+// as pictures and a half make up a programme.
 static constexpr std::array<uint32_t, PORT_COUNT> BUFFER_COUNTS = {32, 64};
 
 static constexpr char component_name[] = "OMX.qvr.tdmb.rec";
@@ -39,6 +39,47 @@ static void check(OMX_ERRORTYPE error, const std::string &what)
     }
 }
 
+// Under the lock.
+static void note_error(player &self, OMX_ERRORTYPE error, const char *complaint)
+{
+    if (self.error == OMX_ErrorNone) {
+        self.error = error;
+        self.complaint = complaint;
+    }
+}
+
+// Takes what is to be sent next, now that the component has nothing. Under the lock.
+static std::vector<OMX_BUFFERHEADERTYPE *> take_waiting(player &self)
+{
+    for (player_buffers &buffers : self.ports) {
+        if (!buffers.waiting.empty()) {
+            self.out = buffers.waiting.size();
+            return std::exchange(buffers.waiting, {});
+        }
+    }
+    return {};
+}
+
+// Under the lock.
+static bool is_any_waiting(const player &self)
+{
+    return std::any_of(self.ports.begin(), self.ports.end(),
+                       [](const player_buffers &buffers) { return !buffers.waiting.empty(); });
+}
+
+static void send(player &self, const std::vector<OMX_BUFFERHEADERTYPE *> &buffers)
+{
+    for (OMX_BUFFERHEADERTYPE *const buffer : buffers) {
+        const OMX_ERRORTYPE error = self.component->EmptyThisBuffer(self.component, buffer);
+        if (error != OMX_ErrorNone) {
+            const std::lock_guard<std::mutex> guard(self.lock);
+            note_error(self, error, "refuses a buffer"); // nothing is sent any more
+            self.changed.notify_all();
+            return;
+        }
+    }
+}
+
 // The callbacks, on the component's threads.
 
 static OMX_ERRORTYPE on_event(OMX_HANDLETYPE, OMX_PTR pAppData, OMX_EVENTTYPE eEvent,
@@ -49,8 +90,8 @@ static OMX_ERRORTYPE on_event(OMX_HANDLETYPE, OMX_PTR pAppData, OMX_EVENTTYPE eE
         const std::lock_guard<std::mutex> guard(self.lock);
         if (eEvent == OMX_EventCmdComplete && nData1 == OMX_CommandStateSet) {
             self.state = static_cast<OMX_STATETYPE>(nData2);
-        } else if (eEvent == OMX_EventError && self.error == OMX_ErrorNone) {
-            self.error = static_cast<OMX_ERRORTYPE>(nData1);
+        } else if (eEvent == OMX_EventError) {
+            note_error(self, static_cast<OMX_ERRORTYPE>(nData1), "reported an error");
         } else if (static_cast<uint32_t>(eEvent) == EVENT_RECORDING_ENDED) {
             self.stopped = nData2;
         }
@@ -63,14 +104,18 @@ static OMX_ERRORTYPE on_empty_buffer_done(OMX_HANDLETYPE, OMX_PTR pAppData,
                                           OMX_BUFFERHEADERTYPE *pBuffer)
 {
     player &self = *static_cast<player *>(pAppData);
-    {
-        const std::lock_guard<std::mutex> guard(self.lock);
-        self.ports[pBuffer->nInputPortIndex].free.push_back(pBuffer);
-        if (--self.out > 0) {
-            return OMX_ErrorNone; // nobody waits for less than a whole run
-        }
+    std::unique_lock<std::mutex> guard(self.lock);
+    self.ports[pBuffer->nInputPortIndex].free.push_back(pBuffer);
+    if (--self.out > 0) {
+        return OMX_ErrorNone;
     }
-    self.changed.notify_all();
+    const std::vector<OMX_BUFFERHEADERTYPE *> next = take_waiting(self);
+    const bool is_room = !is_any_waiting(self);
+    guard.unlock();
+    if (is_room) {
+        self.changed.notify_all();
+    }
+    send(self, next);
     return OMX_ErrorNone;
 }
 
@@ -87,14 +132,14 @@ static void await(player &self, const char *what, Condition condition)
     const bool reached = self.changed.wait_for(
         guard, PATIENCE, [&] { return condition() || self.error != OMX_ErrorNone; });
     if (self.error != OMX_ErrorNone) {
-        fail("reported an error", self.error);
+        fail(self.complaint, self.error);
     }
     if (!reached) {
         fail(std::string("does not ") + what, OMX_ErrorTimeout);
     }
 }
 
-static void await_run(player &self)
+static void await_buffers(player &self)
 {
     await(self, "give its buffers back", [&] { return self.out == 0; });
 }
@@ -206,50 +251,24 @@ static void give_back(player &self, player_port port, OMX_BUFFERHEADERTYPE *buff
     self.ports[port].free.push_back(buffer);
 }
 
-static void empty_buffer(player &self, player_port port, OMX_BUFFERHEADERTYPE *buffer)
-{
-    {
-        const std::lock_guard<std::mutex> guard(self.lock);
-        self.out++;
-    }
-    const OMX_ERRORTYPE error = self.component->EmptyThisBuffer(self.component, buffer);
-    if (error != OMX_ErrorNone) {
-        const std::lock_guard<std::mutex> guard(self.lock);
-        self.out--;
-        self.ports[port].free.push_back(buffer);
-    }
-    check(error, "refuses a buffer");
-}
-
-// Sends what is filled of one port when everything sent before has come back.
-static void send_run(player &self, player_port port)
-{
-    std::vector<OMX_BUFFERHEADERTYPE *> &filled = self.ports[port].filled;
-    if (filled.empty()) {
-        return;
-    }
-    await_run(self);
-    while (!filled.empty()) {
-        OMX_BUFFERHEADERTYPE *const buffer = filled.front();
-        filled.erase(filled.begin());
-        empty_buffer(self, port, buffer);
-    }
-}
-
 void player_flush(player &self)
 {
-    send_run(self, PORT_VIDEO);
-    send_run(self, PORT_AUDIO);
+    await(self, "take its buffers", [&] { return !is_any_waiting(self); });
+    std::unique_lock<std::mutex> guard(self.lock);
+    for (player_buffers &buffers : self.ports) {
+        buffers.waiting.swap(buffers.filled);
+    }
+    if (self.out == 0) {
+        const std::vector<OMX_BUFFERHEADERTYPE *> next = take_waiting(self);
+        guard.unlock();
+        send(self, next);
+    }
 }
 
 static OMX_BUFFERHEADERTYPE *take_buffer(player &self, player_port port)
 {
-    std::unique_lock<std::mutex> guard(self.lock);
-    if (self.ports[port].free.empty()) {
-        guard.unlock();
-        await_run(self);
-        guard.lock();
-    }
+    await(self, "give its buffers back", [&] { return !self.ports[port].free.empty(); });
+    const std::lock_guard<std::mutex> guard(self.lock);
     OMX_BUFFERHEADERTYPE *const buffer = self.ports[port].free.back();
     self.ports[port].free.pop_back();
     return buffer;
@@ -287,7 +306,7 @@ std::optional<uint32_t> player_stopped(player &self)
 uint32_t player_stop(player &self)
 {
     player_flush(self);
-    await_run(self);
+    await_buffers(self);
     uint32_t stop = 1; // any record will do
     set_vendor(self, INDEX_STOP, &stop, "refuses to stop");
     await(self, "finish the file", [&] { return self.stopped.has_value(); });
@@ -319,9 +338,13 @@ void player_close(player_ptr self)
     check(OMX_FreeHandle(std::exchange(self->component, nullptr)), "cannot be freed");
 }
 
+// Whether all is quiet; if not, nothing more is sent.
 static bool can_leave_states(player &self)
 {
     const std::lock_guard<std::mutex> guard(self.lock);
+    for (player_buffers &buffers : self.ports) {
+        buffers.waiting.clear();
+    }
     return self.state == OMX_StateExecuting && self.error == OMX_ErrorNone && self.out == 0;
 }
 

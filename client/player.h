@@ -30,12 +30,13 @@ enum player_port : uint32_t { PORT_VIDEO = 0, PORT_AUDIO = 1, PORT_COUNT = 2 };
 
 struct player_buffers {
     std::vector<OMX_BUFFERHEADERTYPE *> all;
-    std::vector<OMX_BUFFERHEADERTYPE *> filled; // kept back until the next run
-    std::vector<OMX_BUFFERHEADERTYPE *> free;   // under the player's lock
+    std::vector<OMX_BUFFERHEADERTYPE *> filled;  // for the next run
+    std::vector<OMX_BUFFERHEADERTYPE *> waiting; // a run's, under the player's lock
+    std::vector<OMX_BUFFERHEADERTYPE *> free;    // under the player's lock
 };
 
-// The component's threads only note here what happened; no call of OpenMAX IL is made under the
-// lock.
+// The component's threads note here what happened, and send what waits when they have given back
+// all that was sent before. No call of OpenMAX IL is made under the lock.
 struct player {
     OMX_COMPONENTTYPE *component = nullptr;
     OMX_CALLBACKTYPE callbacks = {};
@@ -44,7 +45,8 @@ struct player {
     std::condition_variable changed;
     size_t out = 0;                        // buffers that the component has
     OMX_STATETYPE state = OMX_StateLoaded; // the last one reached
-    OMX_ERRORTYPE error = OMX_ErrorNone;   // the first one reported
+    OMX_ERRORTYPE error = OMX_ErrorNone;   // the first one, and what the component did with it
+    const char *complaint = "";
     std::optional<uint32_t> stopped;       // the stop reason
 };
 
@@ -62,8 +64,9 @@ player_ptr player_open(void);
 void player_start(player &self, const std::string &path, unsigned rate);
 
 // Sends one buffer; waits until one is free. Buffers go to the component in runs, the pictures of a
-// run before its sound and each run when the one before has come back: it takes the programme in
-// the same order each time, and few threads have to be woken.
+// run before its sound and both when all before them has come back: it takes the programme in the
+// same order each time, and few threads have to be woken. One run may wait while the component has
+// another.
 // throws `failure`, unsupported for more bytes than a buffer holds.
 void player_send(player &self, player_port port, std::span<const uint8_t> bytes, int64_t time_us,
                  uint32_t flags);
