@@ -30,6 +30,17 @@ BUILDS = [('release', RELEASE, ['-DTDMBREC_TESTS=OFF']),
           ('release', PORTABLE, NO_VECTORS),
           ('arm', ARM, ['-DTDMBREC_TESTS=OFF'])]
 
+# The encoder's functions by what they do, and what each stage took (million instructions a second
+# of sound, with -O3 and with the portable build's flags) before the encoder was made faster, when
+# it consisted of the plain functions that tests/aacenc keeps.
+STAGES = {'transform': 'transform_|AACENC_gCmplxFft|AACE_FFT|buffer2freq|leave_rows',
+          'rate loop and packing': 'raise_lines|choose_codebook|pack_codewords|quantise|'
+                                   'sort_book_numbers|settle_gain|tf_encode_spectrum_aac',
+          'writing of elements': 'bitstream_put|write_|Write|BsPutBit',
+          'other': ''}
+BEFORE = {'transform': (10.77, 10.93), 'rate loop and packing': (5.74, 6.19),
+          'writing of elements': (1.52, 1.52), 'other': (0.20, 0.43)}
+
 
 def run(command, **options):
     return subprocess.run([str(word) for word in command], check=True, text=True,
@@ -111,9 +122,11 @@ def measure_encoder(folder):
     ours, other = (sorted(times)[len(pairs) // 2] for times in zip(*pairs))
     ratio = sorted(b / a for a, b in pairs)[len(pairs) // 2]
     plain, _ = usage_of(encode_with(PORTABLE, sound, folder))
-    by_function = per_second(lambda s: encode_with(PORTABLE, loop_sample(folder, s)[1], folder),
-                             folder, '--toggle-collect=QVR_AAC_ENC')
-    total = sum(by_function.values())
+    fast_costs, plain_costs = (
+        by(per_second(lambda s: encode_with(build_folder, loop_sample(folder, s)[1], folder),
+                      folder, '--toggle-collect=QVR_AAC_ENC'), 0)
+        for build_folder in (RELEASE, PORTABLE))
+    total = sum(plain_costs.values())
     rows = [
         ('Encoder, CPU beside `ffmpeg -aac_coder fast`', 'at least 8 times as fast',
          f'{ratio:.1f} times: {ours:.2f} s, {other:.2f} s for {seconds} s of sound'),
@@ -121,11 +134,12 @@ def measure_encoder(folder):
          f'{seconds / plain:.0f}'),
         ('Encoder, portable build, instructions a second of stereo', 'at most 15 million',
          f'{total / 1e6:.1f} million')]
-    return rows, by_function
+    return rows, (fast_costs, plain_costs)
 
 
-def benchmark(program, **environment):
-    arguments = [RELEASE / 'bin' / program, '--benchmark_format=json']
+def benchmark(program, names='.', **environment):
+    arguments = [RELEASE / 'bin' / program, '--benchmark_format=json',
+                 f'--benchmark_filter={names}']
     if QUICK:
         arguments.append('--benchmark_min_time=0.01')
     result = run(arguments, env={**os.environ, **environment}).stdout
@@ -144,10 +158,10 @@ def measure_muxer():
     results = benchmark('bench_mp4mux')
     write, = named(results, 'beside_fwrite')
     copy, = named(results, 'beside_ffmpeg_copy')
-    null = named(results, 'beside_libavformat/owned:1')[0]
+    shared, null = (named(results, f'beside_libavformat/owned:{owned}')[0] for owned in (0, 1))
     flat, = named(results, 'over_many_frames')
     close = max(named(results, 'close_recording'), key=lambda entry: entry['MB'])
-    return [
+    rows = [
         ('Muxer, last tenth of 2 million frames beside the first', 'at most 1.05',
          f'{flat["ratio"]:.2f}'),
         ('Muxer, CPU beside `fwrite` of the same frames', 'at most 1.25 times',
@@ -160,10 +174,12 @@ def measure_muxer():
         ('Close, CPU beside copying the tables', 'at most 1.5 times',
          f'{close["ratio"]:.2f} times at {close["MB"]:.0f} MB, {close["tables_MB"]:.0f} MB of '
          'tables')]
+    return rows, {'fwrite': write['fwrite'] / copy['ffmpeg_all'], 'shared': shared['ratio']}
 
 
 def measure_component():
-    results = benchmark('bench_component', RECORDER_BENCH='' if QUICK else 'whole')
+    length = {'RECORDER_BENCH': '' if QUICK else 'whole'}
+    results = benchmark('bench_component', '-grow', **length)
     one, two = named(results, 'record_programme')
     encode, = named(results, 'encode_programme')
     by_cpu = [entry['x_real_time'] * entry['real_time'] / entry['cpu_time']
@@ -172,7 +188,9 @@ def measure_component():
     picture, copy = named(results, 'record_pictures')[0], named(results, 'copy_pictures')[0]
     query, = named(results, 'query_storage')
     rests = named(results, 'rest_')
-    grown = [entry['KiB'] for entry in named(results, 'grow_resident')]
+    grown = [(loops * SAMPLE_SECONDS,
+              benchmark('bench_component', f'grow_resident/loops:{loops}/', **length)[0]['KiB'])
+             for loops in ((1,) if QUICK else (1, 30, 360, 2160))]
     closes = named(results, 'close_recording')
     return [
         ('Component, speed beside the bare encoder', 'at least 80 %',
@@ -188,7 +206,7 @@ def measure_component():
          ', '.join(f'{entry["real_time"]:.0f} ms at {entry["bytes"] / 1e6:.0f} MB'
                    for entry in closes)),
         ('Memory, resident growth of a recording', 'at most 9.3 MiB',
-         f'{grown[0] / 1024:.1f} MiB after 10 s, {grown[-1] / 1024:.1f} MiB after 300 s')]
+         ', '.join(f'{kib / 1024:.1f} MiB after {seconds} s' for seconds, kib in grown))]
 
 
 def measure_library():
@@ -228,6 +246,20 @@ def profile_table(costs, count, name):
                   for key, cost in largest])
 
 
+def stage_of(function):
+    return next(stage for stage, names in STAGES.items() if re.match(names, function))
+
+
+def stage_table(fast_costs, plain_costs):
+    sums = {stage: list(BEFORE[stage]) + [0, 0] for stage in STAGES}
+    for column, costs in ((2, fast_costs), (3, plain_costs)):
+        for function, cost in costs.items():
+            sums[stage_of(function)][column] += cost / 1e6
+    sums['whole'] = [sum(column) for column in zip(*sums.values())]
+    return table(['Stage', 'Before, `-O3`', 'Before, portable', 'After', 'After, portable'],
+                 [[stage] + [f'{cost:.2f}' for cost in costs] for stage, costs in sums.items()])
+
+
 def by(costs, index):
     sums = {}
     for key, cost in costs.items():
@@ -244,7 +276,7 @@ def machine():
             f'`{" ".join(NO_VECTORS[:2])}`; {datetime.date.today()}.')
 
 
-def page(rows, encoder, client):
+def page(rows, muxer, encoder, client):
     return f'''# Performance
 
 Written by `bench/performance.py`. {machine()}
@@ -253,33 +285,25 @@ Written by `bench/performance.py`. {machine()}
 Times are the median of {PAIRS} alternating pairs, or the least of several runs where the two sides
 run in one program. Nothing here is a test: no check fails because a machine is slow.
 
-- `ffmpeg -c copy`: the kernel's copy of the bytes into the file is most of either side's time, and
-  plain `fwrite` alone takes more than a tenth of the whole command. So the programs are compared
+- `ffmpeg -c copy`: the kernel's copy of the bytes into the file is most of either side's time; plain
+  `fwrite` of the same frames alone takes {muxer['fwrite']:.2f} of the whole command. So the programs are compared
   without it, and the whole beside that.
 - libavformat gets packets that own their bytes, as a reader's or an encoder's do. With packets that
-  only point at shared bytes it copies nothing, and the muxer takes 0.2 of its time.
+  only point at shared bytes it copies nothing, and the muxer takes {muxer['shared']:.2f} of its time.
 - The component's speed on one core, which is what a device has for it, is by CPU time of the process,
-  client included. On two it is by the clock: waking the other core and moving buffers there then
-  costs more than the component's own work.
-- The client's memory grows when the finished file is read back: 32 bytes a frame. The recording's
-  own memory is in the row above.
+  client included. On two it is by the clock, and the buffers' bytes move from one core to the other.
+- The client's memory holds the libraries that read the input, the buffers and the recording's own
+  memory, which the row above tells.
 
 ## Where the encoder's time goes
 
 By stage, before the encoder was made faster and after, million instructions a second of sound; no
 bit of its output changed:
 
-| Stage | Before, `-O3` | After, AVX2 | Before, portable | After, portable |
-| --- | --- | --- | --- | --- |
-| transform | 10.77 | 1.69 | 10.93 | 8.58 |
-| rate loop and packing | 5.74 | 4.18 | 6.19 | 4.54 |
-| writing of elements | 1.52 | 0.83 | 1.52 | 0.83 |
-| other | 0.20 | 0.21 | 0.43 | 0.43 |
-| whole | 18.23 | 6.91 | 19.07 | 14.38 |
-
+{stage_table(*encoder)}
 By function now, portable build, 48 kHz stereo at 128 kbit/s:
 
-{profile_table(by(encoder, 0), 14, 'Function')}
+{profile_table(encoder[1], 14, 'Function')}
 ## Where a recording's time goes
 
 Instructions per second of programme, `tdmbrec record` from raw H.264 and WAV, by library; the
@@ -294,8 +318,9 @@ def main():
         folder = pathlib.Path(name)
         encoder_rows, encoder = measure_encoder(folder)
         client_rows, client = measure_client(folder)
-    rows = encoder_rows + measure_muxer() + measure_component() + measure_library() + client_rows
-    text = page(rows, encoder, client)
+    muxer_rows, muxer = measure_muxer()
+    rows = encoder_rows + muxer_rows + measure_component() + measure_library() + client_rows
+    text = page(rows, muxer, encoder, client)
     print(text)
     if not QUICK:
         (ROOT / 'docs/performance.md').write_text(text, encoding='utf-8')
