@@ -24,6 +24,7 @@ static constexpr char component_name[] = "OMX.qvr.tdmb.rec";
 
 // Long enough for a slow disk, short enough to tell a person that nothing moves any more.
 static constexpr std::chrono::seconds PATIENCE(120);
+static constexpr std::chrono::milliseconds LOOK(500);
 
 [[noreturn]] static void fail(const std::string &what, OMX_ERRORTYPE error)
 {
@@ -129,8 +130,17 @@ template <typename Condition>
 static void await(player &self, const char *what, Condition condition)
 {
     std::unique_lock<std::mutex> guard(self.lock);
-    const bool reached = self.changed.wait_for(
-        guard, PATIENCE, [&] { return condition() || self.error != OMX_ErrorNone; });
+    const auto is_over = [&] { return condition() || self.error != OMX_ErrorNone; };
+    const auto end = std::chrono::steady_clock::now() + PATIENCE;
+    bool reached = self.changed.wait_for(guard, LOOK, is_over);
+    while (!reached && std::chrono::steady_clock::now() < end) {
+        if (self.on_wait) {
+            guard.unlock();
+            self.on_wait();
+            guard.lock();
+        }
+        reached = self.changed.wait_for(guard, LOOK, is_over);
+    }
     if (self.error != OMX_ErrorNone) {
         fail(self.complaint, self.error);
     }

@@ -8,6 +8,7 @@
 #include <array>
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -47,7 +48,8 @@ struct player {
     OMX_STATETYPE state = OMX_StateLoaded; // the last one reached
     OMX_ERRORTYPE error = OMX_ErrorNone;   // the first one, and what the component did with it
     const char *complaint = "";
-    std::optional<uint32_t> stopped;       // the stop reason
+    std::optional<uint32_t> stopped; // the stop reason
+    std::function<void()> on_wait;   // called twice a second while the component takes long
 };
 
 // Ends what is still under way and frees the handle, in whatever state the player is.

@@ -245,6 +245,7 @@ static void read_recording(session &self)
 // Ends the recording and gives the file its name. A failure of the input has been noted before.
 static void finish(session &self)
 {
+    self.component->on_wait = nullptr;
     terminal_show_progress("Finishing ...");
     const uint32_t reason = player_stop(*self.component);
     self.summary.stop_reason = reason;
@@ -268,6 +269,7 @@ static void run(session &self)
 {
     open_all(self);
     self.begun = steady::now();
+    self.component->on_wait = [&self] { show_progress(self); };
     player_start(*self.component, storage_component_path(*self.storage),
                  static_cast<unsigned>(self.programme->audio->rate));
     try {

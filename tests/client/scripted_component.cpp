@@ -1,13 +1,15 @@
 // A component in place of the recorder. It takes every buffer, writes one line about each call that
 // matters to the file SCRIPT_LOG, and ends the recording with SCRIPT_REASON after SCRIPT_BUFFERS
 // buffers, or when asked. SCRIPT_FILE names the file that it leaves as its recording. SCRIPT_FAIL
-// names the call that fails: init, start, empty.
+// names the call that fails: init, start, empty. The 20th buffer comes back SCRIPT_STALL ms late.
 #include "platform/omx_il.h"
 
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <thread>
 
 static OMX_CALLBACKTYPE callbacks;
 static OMX_PTR app_data;
@@ -102,10 +104,19 @@ static OMX_ERRORTYPE empty_buffer(OMX_HANDLETYPE component, OMX_BUFFERHEADERTYPE
     note((buffer->nInputPortIndex == 0 ? "video " : "audio ") + std::to_string(buffer->nTimeStamp) +
          " " + std::to_string(buffer->nFilledLen) + " " + std::to_string(buffer->pBuffer[0]) + " " +
          std::to_string(buffer->pBuffer[4]));
-    if (recording && std::to_string(++buffers_taken) == script("SCRIPT_BUFFERS")) {
+    buffers_taken += recording ? 1 : 0;
+    if (recording && std::to_string(buffers_taken) == script("SCRIPT_BUFFERS")) {
         end_recording(component, static_cast<OMX_U32>(std::stoi(script("SCRIPT_REASON"))));
     }
     buffer->nFilledLen = 0;
+    if (buffers_taken == 20 && !script("SCRIPT_STALL").empty()) {
+        const std::chrono::milliseconds stall(std::stoi(script("SCRIPT_STALL")));
+        std::thread([component, buffer, stall] {
+            std::this_thread::sleep_for(stall);
+            callbacks.EmptyBufferDone(component, app_data, buffer);
+        }).detach();
+        return OMX_ErrorNone;
+    }
     return callbacks.EmptyBufferDone(component, app_data, buffer);
 }
 

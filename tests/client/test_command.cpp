@@ -166,6 +166,17 @@ TEST_F(recording, ends_with_the_reason_why_the_component_stopped)
     }
 }
 
+TEST_F(recording, shows_progress_while_the_component_takes_long)
+{
+    const command_result result = shell("export SCRIPT_STALL=1800 " SCRIPTED
+                                        "; script -qec '" RECORD SAMPLE "-o b.mp4' typescript");
+    size_t shown = 0;
+    for (size_t at = 0; (at = result.out.find("Recording  ", at)) != std::string::npos; at++) {
+        shown++;
+    }
+    EXPECT_GE(shown, 4u) << result.out; // the first at once, then twice a second
+}
+
 TEST_F(recording, is_kept_whatever_its_reader_makes_of_it)
 {
     const struct {
