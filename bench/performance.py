@@ -11,17 +11,19 @@ import datetime
 import json
 import os
 import pathlib
+import pty
 import re
 import subprocess
 import sys
 import tempfile
+import time
 import wave
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 QUICK = '--quick' in sys.argv
 PAIRS = 1 if QUICK else 5
 SAMPLE_SECONDS = 10
-RELEASE = ROOT / 'build/release'
+RELEASE = ROOT / 'build/measured'
 PORTABLE = ROOT / 'build/portable'
 ARM = ROOT / 'build/arm-library'
 NO_VECTORS = ['-DTDMBREC_VECTOR=OFF', '-DCMAKE_CXX_FLAGS=-fno-tree-vectorize',
@@ -53,14 +55,36 @@ def build():
         run(['cmake', '--build', folder, '-j', os.cpu_count()])
 
 
-def usage_of(command):
-    """CPU seconds and largest resident memory (KiB) of one run."""
-    process = subprocess.Popen([str(word) for word in command], stdout=subprocess.DEVNULL,
-                               stderr=subprocess.DEVNULL)
+def start(command, errors=subprocess.DEVNULL):
+    return subprocess.Popen([str(word) for word in command], stdout=subprocess.DEVNULL,
+                            stderr=errors)
+
+
+def end(process):
+    """CPU seconds and largest resident memory (KiB) of the process, which has succeeded."""
     _, status, usage = os.wait4(process.pid, 0)
     if status != 0:
-        sys.exit(f'failed: {command}')
+        sys.exit(f'failed: {process.args}')
     return usage.ru_utime + usage.ru_stime, usage.ru_maxrss
+
+
+def usage_of(command):
+    return end(start(command))
+
+
+def usage_on_terminal(command):
+    """As usage_of, with the longest time in seconds in which the terminal showed nothing new."""
+    reading, writing = pty.openpty()
+    process = start(command, writing)
+    os.close(writing)
+    times = [time.monotonic()]
+    try:
+        while os.read(reading, 4096):
+            times.append(time.monotonic())
+    except OSError:  # the terminal is gone with the process
+        os.close(reading)
+    longest = max(b - a for a, b in zip(times, times[1:]))
+    return *end(process), longest
 
 
 def loop_sample(folder, seconds):
@@ -160,7 +184,8 @@ def measure_muxer():
     copy, = named(results, 'beside_ffmpeg_copy')
     shared, null = (named(results, f'beside_libavformat/owned:{owned}')[0] for owned in (0, 1))
     flat, = named(results, 'over_many_frames')
-    close = max(named(results, 'close_recording'), key=lambda entry: entry['MB'])
+    closes = named(results, 'close_recording')
+    close = max(closes, key=lambda entry: entry['MB'])
     rows = [
         ('Muxer, last tenth of 2 million frames beside the first', 'at most 1.05',
          f'{flat["ratio"]:.2f}'),
@@ -173,7 +198,10 @@ def measure_muxer():
          f'{null["ratio"]:.3f}: {null["mux"]:.0f} ns, {null["av_write_frame"]:.0f} ns a frame'),
         ('Close, CPU beside copying the tables', 'at most 1.5 times',
          f'{close["ratio"]:.2f} times at {close["MB"]:.0f} MB, {close["tables_MB"]:.0f} MB of '
-         'tables')]
+         'tables'),
+        ('Close, CPU by samples and by bytes', 'with samples, not with bytes',
+         ', '.join(f'{entry["mux"]:.1f} ms for {entry["tables_MB"]:.0f} MB of tables in '
+                   f'{entry["MB"]:.0f} MB' for entry in closes))]
     return rows, {'fwrite': write['fwrite'] / copy['ffmpeg_all'], 'shared': shared['ratio']}
 
 
@@ -224,13 +252,15 @@ def measure_client(folder):
     video, sound = loop_sample(folder, short)
     _, short_kib = usage_of(record_with(video, sound, folder))
     video, sound = loop_sample(folder, long)
-    cpu, long_kib = usage_of(record_with(video, sound, folder))
+    cpu, long_kib, stale = usage_on_terminal(record_with(video, sound, folder))
     for path in (video, sound):
         path.unlink()
     profile = per_second(lambda s: record_with(*loop_sample(folder, s), folder), folder)
     return [('Client, a programme of two hours', 'CPU in encoder and input; memory flat',
              f'{cpu:.1f} s of CPU for {long} s; {long_kib / 1024:.0f} MiB resident at the most, '
-             f'{short_kib / 1024:.0f} MiB for {short} s')], profile
+             f'{short_kib / 1024:.0f} MiB for {short} s'),
+            ('Client, age of the progress shown', 'at most 1 s',
+             f'{stale:.2f} s while {long} s are recorded')], profile
 
 
 def table(head, rows):
