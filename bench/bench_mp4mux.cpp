@@ -176,6 +176,8 @@ struct recording_times {
     std::array<double, 10> tenths = {};
     double close = 0;
     double close_wall = 0;
+    double allocations = 0;    // after the open
+    double writes_a_cache = 0; // of the media data, for each time that it fills the cache
 };
 
 // Records frames of picture_bytes on the average and checks what came of it.
@@ -210,6 +212,9 @@ static recording_times record(const std::string &name, uint32_t frames, uint32_t
     }
     times.close = cpu_seconds() - start;
     times.close_wall = wall_seconds() - wall_start;
+    times.allocations = static_cast<double>(allocations - allocations_at_open);
+    times.writes_a_cache = static_cast<double>(writes) /
+                           std::ceil(static_cast<double>(source.media_bytes) / kOutputCacheBytes);
     if (writes > source.media_bytes / kOutputCacheBytes + 1 ||
         std::abs(static_cast<double>(estimate) - static_cast<double>(output_bytes)) > 64) {
         give_up("the file is not the expected one");
@@ -353,6 +358,8 @@ static void over_many_frames(benchmark::State &state)
     for (auto _ : state) {
         const recording_times own = record(path("out.mp4"), kManyFrames, kPictureBytes);
         times.note(own.tenths.back(), own.tenths.front());
+        state.counters["allocations"] = own.allocations;
+        state.counters["writes_a_cache"] = own.writes_a_cache;
     }
     output_is_null = false;
     times.show(state, "first_tenth", 10 * kNs / kManyFrames);
