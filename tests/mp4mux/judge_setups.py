@@ -3,13 +3,15 @@
 
 Usage: judge_setups.py LIBRARY [--all]
 
-LIBRARY is libOMX.QVR.tdmbrec.so. Records every set-up whose file a player can play (codes and
+LIBRARY is libOMX.QVR.tdmbrec.so. Records the set-ups whose files a player can play (codes and
 configurations, one track or two, caches, close memory, offsets, append mode, the caller's boxes)
-and has ffprobe, ffmpeg, GStreamer, mkvmerge and MediaInfo read it; without --all, some of them.
-Prints what they say and fails when they say anything. Exits with 77 when a program is missing.
+and has ffprobe, ffmpeg, GStreamer, mkvmerge and MediaInfo read them: with --all every set-up,
+else so many that every two choices meet. Prints what they say and fails when they say anything.
+Exits with 77 when a program is missing.
 """
 import ctypes as c
 import itertools
+import multiprocessing.pool
 import pathlib
 import re
 import shutil
@@ -20,6 +22,11 @@ import tempfile
 SAMPLES = pathlib.Path(__file__).resolve().parents[2] / "samples"
 FRAMES = 30
 VIDEO, AUDIO = 1, 2
+# Bytes for the output and for each track's tables: the muxer's own memory, lent memory that it
+# shares out, and lent memory that is shared out already, too little and enough for the tables.
+CACHES = [(0, 0), (60000, 0), (100, 100), (0xC0000, 0xC0000)]
+# Bytes lent for the close: none, a cache of that size, the whole movie box.
+CLOSE_BYTES = [0, 0xC0000, 3000000]
 libc = c.CDLL(None)
 libc.ftello.restype = c.c_int64
 libc.fseeko.argtypes = [c.c_void_p, c.c_int64, c.c_int]
@@ -99,15 +106,15 @@ def append_file(destination, source, _):
 
 def record(library, path, audio, video, setup):
     """Writes one file; audio and video are (code, configuration, frames, ...) or None."""
-    (cache_bytes, close_bytes), wide, append, boxes = setup
+    (cache_bytes, table_bytes), close_bytes, wide, append, boxes = setup
     init = Init(output=bytes(path), folder=bytes(path.parent), options=0 if wide else 1)
     for name in MEMORY + FILES:
         function = fseek if name == "fseek" else getattr(libc, REAL_NAMES.get(name, name))
         setattr(init, name, c.cast(function, c.c_void_p).value)
     init.streams = (VIDEO if video else 0) | (AUDIO if audio else 0)
-    cache = c.create_string_buffer(3 * cache_bytes + 4)
-    init.cache = c.addressof(cache)
-    init.cache_bytes = init.video_bytes = init.audio_bytes = cache_bytes
+    cache = c.create_string_buffer(cache_bytes + 2 * table_bytes + 4)
+    init.cache = c.addressof(cache) if cache_bytes else None
+    init.cache_bytes, init.video_bytes, init.audio_bytes = cache_bytes, table_bytes, table_bytes
     init.append = c.cast(append_file, c.c_void_p).value if append else None
     about = Input(year=2009, month=9, day=5, sample_rate=48000, bits=16, channels=2,
                   language=b"eng")
@@ -178,7 +185,8 @@ def streams(folder):
     avcc = b"\1" + sps[1:4] + b"\xff\xe1" + two(sps) + b"\1" + two(pps)
     small, large = (320, 240), (352, 288)
     audio = [(tag, b"\x11\x90", aac, 1024) for tag in (0xAAC0, 0x00FF, 0x706D, 0x1234)]
-    audio += [(0x0055, b"", encode(folder, sound, ["libmp3lame"]), 1152)]
+    audio += [(0x0055, b"", encode(folder, sound, ["libmp3lame"]), 1152),
+              (0x0001, b"", encode(folder, sound, ["pcm_s16be"]), 1024)]
     video = [(b"avc1", b"\0\0\0\1" + sps + b"\0\0\0\1" + pps, pictures, small),
              (b"H264", avcc, pictures, small),
              (b"avc1", b"", full, small),
@@ -197,13 +205,29 @@ def complaints(path):
               ["mediainfo", "--Full", path]]
     for command in judges:
         result = subprocess.run(command, capture_output=True, text=True)
-        said = result.stdout + result.stderr
+        said = re.sub("Guessed Channel Layout .*\n", "", result.stdout + result.stderr)  # of PCM
         if command[0] in ("gst-discoverer-1.0", "mediainfo"):  # they also describe the file
             said = "\n".join(re.findall(
                 ".*(?:error|warning|missing|unknown|conformance|truncated).*", said, re.I))
             said = re.sub(".*UNKNOWN - QVR_MP4_MUX.*", "", said).strip()  # the file's name
         if result.returncode != 0 or said:
             yield f"{command[0]}: {said or result.returncode}"
+
+
+def meeting(choices):
+    return set(itertools.combinations(enumerate(choices), 2))
+
+
+def pairwise(setups):
+    """Some of the set-ups, in which every two choices meet that meet in all of them."""
+    missing = set().union(*map(meeting, setups))
+    picked = []
+    while missing:
+        wanted = min(missing)
+        having = [choices for choices in setups if all(choices[at] == i for at, i in wanted)]
+        picked.append(max(having, key=lambda choices: len(meeting(choices) & missing)))
+        missing -= meeting(picked[-1])
+    return picked
 
 
 def main():
@@ -213,18 +237,26 @@ def main():
     with tempfile.TemporaryDirectory() as name:
         folder = pathlib.Path(name)
         audio, video = streams(folder)
-        memory = itertools.product(((100, 0), (0xC0000, 3000000)), *[(False, True)] * 3)
-        tracks = [pair for pair in itertools.product([None] + audio, [None] + video) if any(pair)]
-        setups = list(itertools.product(tracks, memory))
-        picked = setups if "--all" in sys.argv else setups[17::len(setups) // 8]
-        faults = 0
-        for (sound, picture), setup in picked:
-            record(library, folder / "out.mp4", sound, picture, setup)
-            for said in complaints(folder / "out.mp4"):
-                codes = [stream[0] for stream in (sound, picture) if stream]
-                print(codes, setup, said)
-                faults += 1
-        print(f"{len(picked)} set-ups judged, {faults} complaints")
+        choices = [[None] + audio, [None] + video, CACHES, CLOSE_BYTES] + [(False, True)] * 3
+        setups = [at for at in itertools.product(*[range(len(of)) for of in choices])
+                  if at[:2] != (0, 0)]
+
+        def judge(at):
+            sound, picture, *setup = [of[i] for of, i in zip(choices, at)]
+            place = folder / "-".join(map(str, at))
+            place.mkdir()
+            record(library, place / "out.mp4", sound, picture, setup)
+            said = [[stream[0] for stream in (sound, picture) if stream] + [setup, words]
+                    for words in complaints(place / "out.mp4")]
+            shutil.rmtree(place)
+            return said
+
+        picked = setups if "--all" in sys.argv else pairwise(setups)
+        with multiprocessing.pool.ThreadPool() as pool:
+            faults = sum(pool.map(judge, picked), [])
+        for fault in faults:
+            print(*fault)
+        print(f"{len(picked)} set-ups judged, {len(faults)} complaints")
         return 1 if faults else 0
 
 
