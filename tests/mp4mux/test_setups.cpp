@@ -323,7 +323,7 @@ TEST_F(Setups, MakeTheirFilesExactToTheByteWhateverTheMemory)
             return all[at];
         };
         setup s = {.close_memory = next(0, 20, 48, 1024003),
-                   .layout = next(own, recorder, tiny),
+                   .layout = next(own, recorder, pooled, tiny),
                    .with_64bit = next(false, true),
                    .append = next(false, true),
                    .has_boxes = next(false, true)};
@@ -333,8 +333,8 @@ TEST_F(Setups, MakeTheirFilesExactToTheByteWhateverTheMemory)
         left /= kAudioStreams.size();
         s.keys = std::array{5u, 0u, 15u}[streams % 3];
         s.audio = (flags & MUX_STREAM_AUDIO) != 0 ? &kAudioStreams[streams] : nullptr;
-        s.video = (flags & MUX_STREAM_VIDEO) != 0 ? &kVideoStreams[streams % kVideoStreams.size()]
-                                                  : nullptr;
+        const size_t pictures = (streams + n / 4) % kVideoStreams.size(); // each beside each sound
+        s.video = (flags & MUX_STREAM_VIDEO) != 0 ? &kVideoStreams[pictures] : nullptr;
         SCOPED_TRACE(testing::Message() << "set-up " << n);
         if (n % 4 == 0) { // the close memory makes no difference
             expected = expected_file(s);
