@@ -37,20 +37,27 @@ table { border-collapse: collapse; width: 100%; }
 th, td { text-align: left; padding: 7px 16px 7px 0; border-top: 1px solid var(--line);
   vertical-align: top; }
 tr:first-child > * { border-top: 0; }
-th { font-weight: 500; color: var(--quiet); }
-td { font-variant-numeric: tabular-nums; }
-svg { display: block; width: 100%; min-width: 560px; height: auto; margin-top: 8px; }
+th { font-weight: 500; color: var(--quiet); white-space: nowrap; }
+td { font-variant-numeric: tabular-nums; width: 50%; }
+.whole { white-space: nowrap; }
+.chart { margin-top: 8px; padding: 0 24px 0 52px; }
+svg { display: block; width: 100%; overflow: visible; }
 svg text { font-size: 12px; fill: var(--quiet); }
 .grid { stroke: var(--line); }
 .axis, .zero { stroke: var(--axis); }
 svg rect { shape-rendering: crispEdges; }
 .video { fill: var(--video); }
 .audio { fill: var(--audio); }
-.gap { fill: var(--bad); }
+.gap { fill: var(--bad); stroke: var(--bad); }
 .key { stroke: var(--video); stroke-width: 1.5; }
 .swatch { display: inline-block; width: 10px; height: 10px; border-radius: 3px;
   margin: 0 6px 0 0; }
 .legend span { margin-right: 18px; }
+@media (max-width: 600px) {
+  main { padding: 20px 12px 28px; }
+  section { padding: 14px; }
+  th, td { padding-right: 10px; }
+  .dense { display: none; } }
 )";
 
 static std::string count_text(size_t count, const std::string &one, const std::string &many)
@@ -106,9 +113,10 @@ static std::string track_table(const media_report &report)
         length.push_back(duration_text(track.duration_s));
         rate.push_back(
             print("%.0f kbit/s, at most %.0f", track.bit_rate / 1000, track.bit_rate_max / 1000));
-        keys.push_back(track.keys_s.empty() ? "every frame"
-                                            : print("%zu, at most %.2f s apart",
-                                                    track.keys_s.size(), track.key_distance_s));
+        keys.push_back(
+            (track.keys_s.empty() ? "every frame" : std::to_string(track.keys_s.size())) +
+            (track.key_distance_s > 0 ? print(", at most %.2f s apart", track.key_distance_s)
+                                      : ""));
         gaps.push_back(track.gaps.empty() ? "none" : std::to_string(track.gaps.size()));
     }
     return section("Tracks", "",
@@ -241,10 +249,13 @@ std::string info_page(const media_report &report)
                        "<title>" +
                        name + "</title>\n<style>" + style_sheet +
                        "</style>\n</head>\n<body>\n<main>\n";
-    page += "<h1>" + name + "</h1>\n<p class=\"quiet\">" + duration_text(report.duration_s) + ", " +
-            size_text(report.bytes) +
-            print(" (%llu bytes)", static_cast<unsigned long long>(report.bytes)) +
-            (report.created.empty() ? "" : ", made " + report.created) + "</p>\n";
+    page +=
+        "<h1>" + name + "</h1>\n<p class=\"quiet\">" + duration_text(report.duration_s) + ", " +
+        size_text(report.bytes) +
+        print(" (%llu bytes)", static_cast<unsigned long long>(report.bytes)) +
+        (report.created.empty() ? ""
+                                : ", made <span class=\"whole\">" + report.created + "</span>") +
+        "</p>\n";
     std::string verdict = verdict_text(report);
     verdict[0] = verdict[0] == 'n' ? 'N' : verdict[0];
     page += std::string("<p class=\"verdict ") + (report.faults.empty() ? "good" : "bad") + "\">" +

@@ -5,9 +5,15 @@
 #include <algorithm>
 #include <cmath>
 
-// Pixels of the SVG's own measure.
-static constexpr double WIDTH = 960;
-static constexpr double LEFT = 64, RIGHT = 12, TOP = 10, BOTTOM = 26;
+// Across, all is in per cent of the plot, so that lettering keeps its size on any screen; down, in
+// pixels, and there is this much around the plot.
+static constexpr double TOP = 10, BOTTOM = 26;
+
+// By so much a bar reaches under the next one: numbers that are rounded would leave hairlines.
+static constexpr double OVERLAP = 0.02;
+
+// A narrow screen has room for this many moments.
+static constexpr int MOMENTS_NARROW = 5;
 
 std::string html_text(const std::string &text)
 {
@@ -35,8 +41,7 @@ std::string html_text(const std::string &text)
 
 static double x_of(const time_chart &chart, double time_s)
 {
-    const double part = std::clamp(time_s / chart.duration_s, 0.0, 1.0);
-    return LEFT + part * (WIDTH - LEFT - RIGHT);
+    return 100 * std::clamp(time_s / chart.duration_s, 0.0, 1.0);
 }
 
 static double y_of(const time_chart &chart, double value)
@@ -72,8 +77,9 @@ static double time_step(double duration_s)
 static void add_line(time_chart &chart, const char *style, double x1, double y1, double x2,
                      double y2)
 {
-    chart.body += print("<line class=\"%s\" x1=\"%.1f\" y1=\"%.1f\" x2=\"%.1f\" y2=\"%.1f\"/>\n",
-                        style, x1, y1, x2, y2);
+    chart.body +=
+        print("<line class=\"%s\" x1=\"%.2f%%\" y1=\"%.1f\" x2=\"%.2f%%\" y2=\"%.1f\"/>\n", style,
+              x1, y1, x2, y2);
 }
 
 // Hours and minutes as far as the chart is long.
@@ -87,15 +93,16 @@ static void draw_time_axis(time_chart &chart)
 {
     const double bottom = TOP + chart.height;
     const double step = time_step(chart.duration_s);
-    for (double at = 0; at <= chart.duration_s; at += step) {
-        const double x = x_of(chart, at);
+    const int moments = static_cast<int>(chart.duration_s / step) + 1;
+    const int distance_narrow = (moments + MOMENTS_NARROW - 1) / MOMENTS_NARROW;
+    for (int i = 0; i < moments; i++) {
+        const double x = x_of(chart, i * step);
         add_line(chart, "grid", x, TOP, x, bottom + 4);
-        const char *const anchor = x > WIDTH - RIGHT - 14 ? "end" : "middle";
-        chart.body +=
-            print("<text x=\"%.1f\" y=\"%.1f\" text-anchor=\"%s\">", x, bottom + 18, anchor) +
-            moment_text(at) + "</text>\n";
+        chart.body += print("<text%s x=\"%.2f%%\" y=\"%.1f\" text-anchor=\"middle\">",
+                            i % distance_narrow == 0 ? "" : " class=\"dense\"", x, bottom + 18) +
+                      moment_text(i * step) + "</text>\n";
     }
-    add_line(chart, "axis", LEFT, bottom, WIDTH - RIGHT, bottom);
+    add_line(chart, "axis", 0, bottom, 100, bottom);
 }
 
 time_chart time_strip_open(double duration_s, double height)
@@ -113,9 +120,9 @@ time_chart time_chart_open(double duration_s, double low, double high, double he
     chart.high = std::max(chart.high, chart.low + step);
     for (double value = chart.low; value <= chart.high + step / 2; value += step) {
         const double y = y_of(chart, value);
-        add_line(chart, "grid", LEFT, y, WIDTH - RIGHT, y);
-        chart.body += print("<text x=\"%.1f\" y=\"%.1f\" text-anchor=\"end\">%g</text>\n", LEFT - 8,
-                            y + 4, std::round(value / step) * step + 0.0);
+        add_line(chart, "grid", 0, y, 100, y);
+        chart.body += print("<text x=\"-8\" y=\"%.1f\" text-anchor=\"end\">%g</text>\n", y + 4,
+                            std::round(value / step) * step + 0.0);
     }
     draw_time_axis(chart);
     return chart;
@@ -126,9 +133,10 @@ void time_chart_bar(time_chart &chart, const char *style, double begin_s, double
 {
     const double x = x_of(chart, begin_s);
     const double y = y_of(chart, high);
-    const double width = std::max(x_of(chart, end_s) - x, 1.0);
+    const double width = std::max(x_of(chart, end_s) - x, 0.1) + OVERLAP;
     const double height = std::max(y_of(chart, low) - y, 1.0);
-    chart.body += print("<rect class=\"%s\" x=\"%.2f\" y=\"%.2f\" width=\"%.2f\" height=\"%.2f\">",
+    chart.body += print("<rect class=\"%s\" x=\"%.2f%%\" y=\"%.2f\" width=\"%.2f%%\" "
+                        "height=\"%.2f\">",
                         style, x, y, width, height) +
                   "<title>" + html_text(tip) + "</title></rect>\n";
 }
@@ -136,7 +144,7 @@ void time_chart_bar(time_chart &chart, const char *style, double begin_s, double
 void time_chart_mark(time_chart &chart, const char *style, double time_s, const std::string &tip)
 {
     const double x = x_of(chart, time_s);
-    chart.body += print("<line class=\"%s\" x1=\"%.1f\" y1=\"%.1f\" x2=\"%.1f\" y2=\"%.1f\">",
+    chart.body += print("<line class=\"%s\" x1=\"%.2f%%\" y1=\"%.1f\" x2=\"%.2f%%\" y2=\"%.1f\">",
                         style, x, TOP, x, TOP + chart.height) +
                   "<title>" + html_text(tip) + "</title></line>\n";
 }
@@ -144,12 +152,12 @@ void time_chart_mark(time_chart &chart, const char *style, double time_s, const 
 void time_chart_level(time_chart &chart, const char *style, double value)
 {
     const double y = y_of(chart, value);
-    add_line(chart, style, LEFT, y, WIDTH - RIGHT, y);
+    add_line(chart, style, 0, y, 100, y);
 }
 
 std::string time_chart_svg(const time_chart &chart, const std::string &label)
 {
-    return print("<div class=\"wide\"><svg viewBox=\"0 0 %.0f %.0f\" role=\"img\" aria-label=\"",
-                 WIDTH, TOP + chart.height + BOTTOM) +
+    return print("<div class=\"chart\"><svg height=\"%.0f\" role=\"img\" aria-label=\"",
+                 TOP + chart.height + BOTTOM) +
            html_text(label) + "\">\n" + chart.body + "</svg></div>\n";
 }
