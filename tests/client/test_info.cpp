@@ -1,13 +1,17 @@
 // The report on files that are whole, damaged and hostile.
+#include "client/figures.h"
 #include "client/info_page.h"
 #include "client/info_text.h"
 #include "tests/client/command_test.h"
+
+#include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <fstream>
 #include <random>
 
 using bytes = std::vector<uint8_t>;
+using nlohmann::json;
 
 class info : public command {
   protected:
@@ -40,6 +44,43 @@ class info : public command {
         return static_cast<size_t>(at - whole.begin()) + 4;
     }
 
+    // What a browser makes of the report's page 400 pixels wide.
+    json on_a_telephone()
+    {
+        std::string page = shell(TDMBREC "info a.mp4 --html").out;
+        // The browser is to complain of whatever the page wants to load.
+        page.insert(page.find("<head>") + 6, R"(<meta http-equiv="Content-Security-Policy"
+        content="default-src 'none'; style-src 'unsafe-inline'">)");
+        std::ofstream(directory / "page.html") << page;
+        std::ofstream(directory / "telephone.html") << R"(<!doctype html>
+<iframe src="page.html" style="width: 400px; border: 0"></iframe>
+<script>
+onload = () => {
+    const page = frames[0].document, width = frames[0].innerWidth;
+    const all = selector => [...page.querySelectorAll(selector)];
+    const extents = selector => all(selector).map(each => each.getBBox());
+    document.body.textContent = JSON.stringify({
+        width: width,
+        needed: page.documentElement.scrollWidth,
+        beside: all('*').filter(each => each.getBoundingClientRect().right > width).length,
+        charts: extents('svg').filter(of => of.width > 250 && of.height > 50).length,
+        bars: extents('rect').filter(of => of.width > 0 && of.height > 0).length,
+        text: all('p, td').map(each => each.textContent).join('\n')});
+};
+</script>)";
+        const command_result shown = shell(
+            "HOME=$PWD timeout 60 chromium --headless --no-sandbox --disable-gpu --disable-quic "
+            "--no-first-run --disable-background-networking --disable-component-update "
+            "--disable-sync --hide-scrollbars --allow-file-access-from-files "
+            "--enable-logging=stderr --user-data-dir=$PWD/profile "
+            "--dump-dom file://$PWD/telephone.html");
+        EXPECT_EQ(shown.status, 0) << shown.err;
+        EXPECT_FALSE(contains(shown.err, "CONSOLE")) << shown.err; // also of a nan
+        const size_t begin = shown.out.find("<body>{") + 6;
+        return json::parse(shown.out.substr(begin, shown.out.rfind('}') + 1 - begin), nullptr,
+                           false);
+    }
+
     bytes whole; // sound is track 1, pictures are track 2
 };
 
@@ -56,6 +97,36 @@ TEST_F(info, tells_what_a_sound_file_holds)
     EXPECT_EQ(shell(page + "page.html && " + page + "| cmp - page.html").status, 0);
     const command_result sound = shell(TDMBREC "info programme.wav");
     EXPECT_TRUE(sound.status == 1 && contains(sound.out, "Fault    this is no MP4 file\n"));
+}
+
+TEST_F(info, is_a_page_that_a_browser_shows_whole_on_a_telephone)
+{
+    if (shell("command -v chromium").status != 0) {
+        GTEST_SKIP() << "no Chromium";
+    }
+    const json told = on_a_telephone();
+    ASSERT_TRUE(told.is_object());
+    EXPECT_EQ(told["width"], 400);
+    EXPECT_EQ(told["needed"], 400);
+    EXPECT_EQ(told["beside"], 0);
+    EXPECT_EQ(told["charts"], 3);
+    EXPECT_GT(told["bars"], 30);
+
+    const json report = json::parse(shell(TDMBREC "info a.mp4 --json").out);
+    std::vector<std::string> figures = {print(" (%d bytes), ", report["bytes"].get<int>())};
+    for (const json &track : report["tracks"]) {
+        const auto number = [&](const char *name) { return track[name].get<double>(); };
+        figures.insert(
+            figures.end(),
+            {"\n" + track["coding"].get<std::string>() + ", ",
+             "\n" + duration_text(number("duration_seconds")) + "\n",
+             print("\n%.0f, %.2f a second\n", number("frames"), 1 / number("frame_seconds")),
+             print("\n%.0f kbit/s, at most %.0f\n", number("bits_per_second") / 1000,
+                   number("most_bits_per_second") / 1000)});
+    }
+    for (const std::string &figure : figures) {
+        EXPECT_TRUE(contains(told["text"], figure)) << figure << told["text"];
+    }
 }
 
 TEST_F(info, names_every_fault)
