@@ -46,7 +46,8 @@ static std::string describe_track(const track_report &track, size_t number)
         ", " + duration_text(track.duration_s) +
         print(", %.0f kbit/s, at most %.0f\n", track.bit_rate / 1000, track.bit_rate_max / 1000);
     if (!track.keys_s.empty()) {
-        text += print("           %zu key frames", track.keys_s.size()) +
+        text += print("           %zu key frame%s", track.keys_s.size(),
+                      track.keys_s.size() == 1 ? "" : "s") +
                 (track.key_distance_s > 0 ? print(", at most %.2f s apart", track.key_distance_s)
                                           : "") +
                 "\n";

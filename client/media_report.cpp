@@ -116,9 +116,10 @@ static void count_bits(const track &of, double bin_s, track_report &report)
         report.rates[std::min(bin, report.rates.size() - 1)] += 8.0 * each.size / bin_s;
     }
     const double rest_s = report.duration_s - static_cast<double>(report.rates.size() - 1) * bin_s;
-    if (rest_s >= bin_s / 4) { // the last bin is shorter
+    const bool is_only_bin = report.rates.size() == 1;
+    if (rest_s >= bin_s / 4 || (is_only_bin && rest_s > 0)) { // the last bin is shorter
         report.rates.back() *= bin_s / rest_s;
-    } else if (report.rates.size() > 1) { // too short to say anything
+    } else if (!is_only_bin) { // too short to say anything
         report.rates.pop_back();
     }
     report.bit_rate_max = *std::max_element(report.rates.begin(), report.rates.end());

@@ -241,8 +241,8 @@ void reader::read_avcc(const box &avcc, avc_configuration *result)
         result->pps.push_back(copy(in.take(in.number(2))));
     }
     const uint32_t profile = record_profile(*result);
-    const bool is_high = profile == 100 || profile == 110 || profile == 122 || profile == 144;
-    if (is_high && !in.data.empty()) { // formats and depths, then extensions of sequence sets
+    const bool is_extended = profile != 66 && profile != 77 && profile != 88;
+    if (is_extended && !in.data.empty()) { // formats and depths, then extensions of sequence sets
         in.take(3);
         for (uint32_t count = in.u32(1); count > 0; count--) {
             in.take(in.number(2));
