@@ -45,6 +45,13 @@ int32_t bs_fail(const mp4_mux_bs_t *bs, int32_t code, const char *message)
     return mp4_mux_set_last_error(code, 0, message, bs->m_pstError);
 }
 
+int32_t bs_fail_to_close(const mp4_mux_bs_t *bs)
+{
+    const uintptr_t handle = reinterpret_cast<uintptr_t>(bs->m_hFile);
+    return mp4_mux_set_last_error(MUX_ERR_CLOSE, static_cast<int64_t>(handle), "Error in fclose()",
+                                  bs->m_pstError);
+}
+
 int32_t bs_refresh(mp4_mux_bs_t *bs, const char *message)
 {
     if (bs->m_hFile == nullptr) {
@@ -108,6 +115,7 @@ int32_t mp4_mux_open_bitstream_from_external_memory(mp4_mux_bs_t *bs, uint8_t *c
     bs->m_hFile = handle;
     bs->m_bCloseFailed = 0;
     bs->m_bSeekDue = 0;
+    bs->m_bTorn = 0;
     bs->m_llFilePos = 0;
     bs->m_pbyBase = nullptr;
     bs->m_pbyEnd = nullptr;
@@ -123,8 +131,7 @@ int32_t mp4_mux_close_bitstream_from_external_memory(mp4_mux_bs_t *bs)
     }
     if (bs->m_pstMux->m_stFile.m_pfnFclose(bs->m_hFile) != 0) {
         bs->m_bCloseFailed = 1;
-        return mp4_mux_set_last_error(MUX_ERR_CLOSE, reinterpret_cast<intptr_t>(bs->m_hFile),
-                                      "Error in fclose()", bs->m_pstError);
+        return bs_fail_to_close(bs);
     }
     bs->m_hFile = nullptr;
     bs->m_bCloseFailed = 0;
@@ -224,7 +231,11 @@ static int32_t renew_span(mp4_mux_bs_t *bs, const write_messages &messages)
 static int32_t make_room(mp4_mux_bs_t *bs, const write_messages &messages)
 {
     const int32_t flushed = flush_cache(bs, messages);
-    return flushed < 0 ? flushed : renew_span(bs, messages);
+    if (flushed < 0) { // the caller does without
+        bs->m_bTorn = 1;
+        return flushed;
+    }
+    return renew_span(bs, messages);
 }
 
 int32_t bs_lend_space(mp4_mux_bs_t *bs, int32_t max, uint8_t **space)
@@ -246,6 +257,7 @@ int32_t mp4_mux_bs_write_bytes(mp4_mux_bs_t *bs, const void *source, int32_t cou
         uint8_t *space = nullptr;
         const int32_t part = bs_lend_space(bs, left, &space);
         if (part < 0) {
+            bs->m_bTorn = 1;
             return part;
         }
         bs->m_pstMux->m_stMem.m_pfnMemcpy(space, from, static_cast<size_t>(part));

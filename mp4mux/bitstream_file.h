@@ -20,6 +20,10 @@ enum class byte_order { big, little };
 // returns  code
 int32_t bs_fail(const mp4_mux_bs_t *bs, int32_t code, const char *message);
 
+// Records that the open file could not be closed, with its handle as auxiliary value.
+// returns  MUX_ERR_CLOSE
+int32_t bs_fail_to_close(const mp4_mux_bs_t *bs);
+
 // Sets m_llFilePos from the file, if one is open.
 // returns  0, or MUX_ERR_SEEK with the message
 [[nodiscard]] int32_t bs_refresh(mp4_mux_bs_t *bs, const char *message);

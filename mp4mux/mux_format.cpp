@@ -175,7 +175,8 @@ int32_t mp4_mux_aac_build_config(mp4_mux_t *mux, void *, const uint8_t *profile,
     config[1] = static_cast<uint8_t>((index & 1) << 7 | channels << 3);
     if (with_sbr) {
         if (format->m_iSampleRate <= kMaxHalfRate) {
-            format->m_iSampleRate *= 2;
+            const uint32_t rate = static_cast<uint32_t>(format->m_iSampleRate);
+            format->m_iSampleRate = static_cast<int32_t>(2 * rate); // whatever was given
         }
         // syncExtensionType 0x2B7 in 11 bits, extensionAudioObjectType 5 in 5, sbrPresentFlag,
         // extensionSamplingFrequencyIndex 4, three zero bits

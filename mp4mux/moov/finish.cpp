@@ -134,13 +134,12 @@ static trailer_result write_trailer(mp4_mux_t *mux)
         reset_write_cache2(bs, mux->m_pCloseMem, mux->m_iCloseMemSize / 2) < 0) {
         return TRAILER_FAILED;
     }
-    const int32_t code_before = mux->m_stLastError.m_iCode;
+    bs->m_bTorn = 0; // bytes that frames are missing belong to no sample
     if (write_moov_box(mux) < 0 || mp4_mux_bs_write_flush(bs) < 0) {
         return TRAILER_FAILED;
     }
-    // Bytes that the output dropped are missing in the movie box: it is no use to any reader.
-    const bool torn = code_before != MUX_ERR_WRITE && mux->m_stLastError.m_iCode == MUX_ERR_WRITE;
-    return torn ? TRAILER_FAILED : TRAILER_WRITTEN;
+    // A movie box with bytes missing is no use to any reader.
+    return bs->m_bTorn != 0 ? TRAILER_FAILED : TRAILER_WRITTEN;
 }
 
 static void free_private_data(mp4_mux_t *mux, mp4_mux_track_t *p_track)

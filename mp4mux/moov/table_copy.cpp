@@ -23,8 +23,7 @@ int32_t close_scratch(mp4_mux_bs_t *scratch, const char *name)
         return 0;
     }
     if (scratch->m_bCloseFailed != 0) {
-        return mp4_mux_set_last_error(MUX_ERR_CLOSE, reinterpret_cast<intptr_t>(scratch->m_hFile),
-                                      "Error in fclose()", scratch->m_pstError);
+        return bs_fail_to_close(scratch);
     }
     const int32_t result = mp4_mux_close_bitstream_from_external_memory(scratch);
     const mp4_mux_file_t &file = scratch->m_pstMux->m_stFile;

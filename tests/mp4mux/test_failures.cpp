@@ -200,9 +200,10 @@ struct outcome {
 };
 
 // Records with caches that overflow all the time, goes on after errors, and closes the file.
-outcome record_with(call kind, uint32_t at, lasting how, bool append)
+outcome record_with(call kind, uint32_t at, lasting how, bool append, const failure &also = {})
 {
     reset_world();
+    world.fail_too = also;
     world.fail = {kind, at, how > lasting::partly, how == lasting::partly};
     outcome o;
     recording r;
@@ -278,6 +279,23 @@ TEST_F(Failures, OfEveryCallbackAreToldAndCostNothingThatWasTaken)
         }
     }
     EXPECT_GT(recovered, 500u);
+}
+
+// A later failure must not hide that an earlier one tore the movie box.
+TEST_F(Failures, OfTwoWritesLeaveNoTornFileThatPasses)
+{
+    ASSERT_EQ(record_with(call::malloc, 0, lasting::once, false).message, "");
+    const uint32_t writes = world.calls[call::fwrite];
+    uint32_t passed = 0;
+    for (uint32_t first = 1; first <= writes; first++) {
+        for (uint32_t second = first + 1; second <= writes; second += 3) {
+            const failure also = {call::fwrite, second};
+            const outcome o = record_with(call::fwrite, first, lasting::once, false, also);
+            EXPECT_EQ(o.lost, "") << first << " " << second;
+            passed += o.passed ? 1 : 0;
+        }
+    }
+    EXPECT_GT(passed, 500u);
 }
 
 TEST_F(Failures, AreTaggedOnTheirWayUp)

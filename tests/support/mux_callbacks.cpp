@@ -30,11 +30,15 @@ std::string leftovers()
     return world.misuse;
 }
 
+static bool is_failing(const failure &f, call kind, uint32_t number)
+{
+    return f.at != 0 && f.kind == kind && (number == f.at || (number > f.at && f.from_then_on));
+}
+
 static bool fails(call kind)
 {
     const uint32_t number = ++world.calls[kind];
-    const failure &f = world.fail;
-    return f.at != 0 && f.kind == kind && (number == f.at || (number > f.at && f.from_then_on));
+    return is_failing(world.fail, kind, number) || is_failing(world.fail_too, kind, number);
 }
 
 static void count_free(void *block)

@@ -32,7 +32,7 @@ struct world_state {
     std::map<std::string, memory_file> files;
     std::set<void *> memory;
     std::map<call, uint32_t> calls;
-    failure fail;
+    failure fail, fail_too;
     std::vector<std::string> opened, removed;
     uint64_t hole_begin = UINT64_MAX, hole_end = UINT64_MAX; // positions that no file keeps
     std::string misuse;                                      // the first forbidden call
