@@ -230,7 +230,7 @@ def measure_component():
          f'{picture["component_cpu"] * 1e6 - copy["cpu_time"] / 1e3:.2f} us on one core'),
         ('Component, one storage query', 'known', f'{query["cpu_time"]:.0f} ns'),
         ('Component at rest (Executing; Paused with buffers)', 'no wake-up, no CPU in 10 s',
-         '; '.join(f'{entry["switches"]:.0f} switches, {max(entry["cpu"], 0) * 1e6:.0f} us'
+         '; '.join(f'{entry["switches"]:.0f} switches, {max(entry["cpu"], 0) * 1e3:.2f} ms'
                    for entry in rests)),
         ('Close, from request to event', 'at most 250 ms at 1.8 GB',
          ', '.join(f'{entry["real_time"]:.0f} ms at {entry["bytes"] / 1e6:.0f} MB'

@@ -267,6 +267,15 @@ OMX_ERRORTYPE omx_base_component_EmptyThisBuffer(OMX_HANDLETYPE hComponent,
     return error;
 }
 
+// A mark for this component has had its event: the client's next use of the buffer is a new one.
+static void take_off_mark(const omx_base_sink_PrivateType *sink, OMX_BUFFERHEADERTYPE *header)
+{
+    if (header->hMarkTargetComponent == sink->pComponent) {
+        header->hMarkTargetComponent = nullptr;
+        header->pMarkData = nullptr;
+    }
+}
+
 OMX_ERRORTYPE omx_base_return_buffer(omx_base_port_PrivateType *pPort,
                                      OMX_BUFFERHEADERTYPE *pBuffer)
 {
@@ -277,8 +286,10 @@ OMX_ERRORTYPE omx_base_return_buffer(omx_base_port_PrivateType *pPort,
     pthread_mutex_lock(&sink->pInternal->lock);
     omx_base_buffer_t *buffer = find_buffer(pPort, pBuffer);
     const bool held = buffer != nullptr && buffer->bHeld;
-    if (held)
+    if (held) {
         buffer->bHeld = false;
+        take_off_mark(sink, pBuffer);
+    }
     const OMX_CALLBACKTYPE callbacks = sink->pInternal->stCallbacks;
     const OMX_PTR callback_data = sink->pCallbackData;
     pthread_mutex_unlock(&sink->pInternal->lock);

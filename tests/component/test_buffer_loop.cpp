@@ -44,7 +44,9 @@ TEST_F(BufferLoop, KeepsBuffersUntilExecutingServesVideoFirstAndReportsAMarkOnce
     EXPECT_TRUE(client->wait_until_back(marked) && client->wait_until_back(video));
     EXPECT_EQ(order, (std::vector<OMX_U32>{0, 1}));
     EXPECT_EQ(client->events(OMX_EventMark), (std::vector<IlEvent>{{OMX_EventMark, 1, 0, &order}}));
-    marked->hMarkTargetComponent = nullptr;
+    client->post(1, some_data, 0);
+    EXPECT_TRUE(client->wait_until_back(marked));
+    EXPECT_EQ(client->events(OMX_EventMark).size(), 1u) << "a second trip without a mark";
     client->to_loaded();
 }
 
