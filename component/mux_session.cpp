@@ -24,16 +24,18 @@ static constexpr int32_t VIDEO_WIDTH = 320;        // pixels
 static constexpr int32_t VIDEO_HEIGHT = 240;       // pixels
 static constexpr int32_t VIDEO_FRAME_RATE = 30000; // frames in 1000 s
 
+// The client may start the next recording from the event of an end. If that start ends at once on
+// the same thread, its end is reported after the event, not within it: a client that starts again
+// at every end must not run out of stack. Another component's end does not wait, since the client
+// may destroy that one from the event.
 typedef struct end_report_t {
     OMX_COMPONENTTYPE *pComponent;
+    end_report_t *pOuter; // in whose event this one has come, or null
+    bool is_due;          // reason is to be told, after the event if one is under way
     uint8_t reason;
 } end_report_t;
 
-// The client may start the next recording from the event of an end. If that start ends at once on
-// the same thread, its end is reported after the event, not within it: a client that starts again
-// at every end must not run out of stack.
-static thread_local bool is_reporting;
-static thread_local end_report_t next_report; // pComponent null: none
+static thread_local end_report_t *pInnermostReport; // null: the thread reports no end
 
 static int c_file_at_end(void *hFile)
 {
@@ -247,27 +249,31 @@ static OMX_ERRORTYPE close_locked(omx_tdmbrec_component_PrivateType *pPrivate, u
     return result;
 }
 
-static void send_report(end_report_t report)
+static end_report_t *find_report(const OMX_COMPONENTTYPE *pComponent)
 {
-    send_event(report.pComponent, TDMBREC_EVENT_END_OF_RECORDING, 0, report.reason, nullptr);
-    leave_stop(private_record(report.pComponent));
+    end_report_t *pReport = pInnermostReport;
+    while (pReport != nullptr && pReport->pComponent != pComponent) {
+        pReport = pReport->pOuter;
+    }
+    return pReport;
 }
 
-static void report_end(end_report_t report)
+static void report_end(OMX_COMPONENTTYPE *pComponent, uint8_t reason)
 {
-    if (is_reporting && next_report.pComponent == nullptr) {
-        next_report = report;
+    end_report_t *const pUnderWay = find_report(pComponent);
+    if (pUnderWay != nullptr && !pUnderWay->is_due) {
+        pUnderWay->is_due = true;
+        pUnderWay->reason = reason;
         return;
     }
-    const bool is_outermost = !is_reporting;
-    is_reporting = true;
-    send_report(report);
-    while (is_outermost && next_report.pComponent != nullptr) {
-        const end_report_t next = next_report;
-        next_report = {};
-        send_report(next);
+    end_report_t report = {pComponent, pInnermostReport, true, reason};
+    pInnermostReport = &report;
+    while (report.is_due) {
+        report.is_due = false;
+        send_event(pComponent, TDMBREC_EVENT_END_OF_RECORDING, 0, report.reason, nullptr);
+        leave_stop(private_record(pComponent)); // from here on only an end that is due keeps it
     }
-    is_reporting = !is_outermost;
+    pInnermostReport = report.pOuter;
 }
 
 // No lock is held and the next recording may begin when the client is told, so that it can do
@@ -281,6 +287,6 @@ OMX_ERRORTYPE omx_tdmbrec_mp4_mux_DeInit(OMX_COMPONENTTYPE *pComponent,
     const OMX_ERRORTYPE result = close_locked(pPrivate, &reason);
     pthread_mutex_unlock(&lockTDMBRecording);
     release_recording(pPrivate);
-    report_end({.pComponent = pComponent, .reason = reason});
+    report_end(pComponent, reason);
     return result;
 }

@@ -115,6 +115,30 @@ TEST_F(Recording, OutlivesAClientThatStartsAgainAtEveryEndWithoutStorage)
     EXPECT_EQ(client->count(EVENT_END_OF_RECORDING), 100000u);
 }
 
+TEST_F(Recording, EndsForAnotherComponentThatGoesWithinTheEvent)
+{
+    const auto client = make_recorder();
+    const auto other = make_client();
+    std::vector<const IlClient *> ended;
+    client->on_event = [&](const IlEvent &event) {
+        if (event.event == EVENT_END_OF_RECORDING && ended.empty()) {
+            host_fail_call(HOST_CALL_DFOPEN, 0, 2); // both starts end at once
+            EXPECT_EQ(other->start(), OMX_ErrorNone);
+            other->destroy();
+        }
+        ended.push_back(client.get());
+    };
+    other->on_event = [&](const IlEvent &) {
+        EXPECT_EQ(client->start(), OMX_ErrorNone);
+        ended.push_back(other.get());
+    };
+    client->stop();
+    EXPECT_TRUE(client->wait_for_end() && client->wait_for_end());
+    client->destroy();
+    EXPECT_EQ(ended, (std::vector<const IlClient *>{other.get(), client.get(), client.get()}))
+        << "its own next end comes after the event";
+}
+
 TEST_F(Recording, IsNeitherDisturbedNorJoinedByAnotherStart)
 {
     const auto client = make_recorder();
