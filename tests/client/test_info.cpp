@@ -118,8 +118,8 @@ TEST_F(info, is_a_page_that_a_browser_shows_whole_on_a_telephone)
         const auto number = [&](const char *name) { return track[name].get<double>(); };
         figures.insert(
             figures.end(),
-            {"\n" + track["coding"].get<std::string>() + ", ",
-             "\n" + duration_text(number("duration_seconds")) + "\n",
+            {print("\n%s, ", track["coding"].get<std::string>().c_str()),
+             print("\n%s\n", duration_text(number("duration_seconds")).c_str()),
              print("\n%.0f, %.2f a second\n", number("frames"), 1 / number("frame_seconds")),
              print("\n%.0f kbit/s, at most %.0f\n", number("bits_per_second") / 1000,
                    number("most_bits_per_second") / 1000)});
