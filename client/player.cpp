@@ -41,17 +41,20 @@ static void check(OMX_ERRORTYPE error, const std::string &what)
 }
 
 // Under the lock.
-static void note_error(player &self, OMX_ERRORTYPE error, const char *complaint)
+static void note_error(player &self, OMX_ERRORTYPE error, bool refused)
 {
     if (self.error == OMX_ErrorNone) {
         self.error = error;
-        self.complaint = complaint;
+        self.refused = refused;
     }
 }
 
 // Takes what is to be sent next, now that the component has nothing. Under the lock.
 static std::vector<OMX_BUFFERHEADERTYPE *> take_waiting(player &self)
 {
+    if (self.error != OMX_ErrorNone) {
+        return {};
+    }
     for (player_buffers &buffers : self.ports) {
         if (!buffers.waiting.empty()) {
             self.out = buffers.waiting.size();
@@ -70,11 +73,12 @@ static bool is_any_waiting(const player &self)
 
 static void send(player &self, const std::vector<OMX_BUFFERHEADERTYPE *> &buffers)
 {
-    for (OMX_BUFFERHEADERTYPE *const buffer : buffers) {
-        const OMX_ERRORTYPE error = self.component->EmptyThisBuffer(self.component, buffer);
+    for (size_t i = 0; i < buffers.size(); i++) {
+        const OMX_ERRORTYPE error = self.component->EmptyThisBuffer(self.component, buffers[i]);
         if (error != OMX_ErrorNone) {
             const std::lock_guard<std::mutex> guard(self.lock);
-            note_error(self, error, "refuses a buffer"); // nothing is sent any more
+            self.out -= buffers.size() - i;
+            note_error(self, error, true);
             self.changed.notify_all();
             return;
         }
@@ -92,7 +96,7 @@ static OMX_ERRORTYPE on_event(OMX_HANDLETYPE, OMX_PTR pAppData, OMX_EVENTTYPE eE
         if (eEvent == OMX_EventCmdComplete && nData1 == OMX_CommandStateSet) {
             self.state = static_cast<OMX_STATETYPE>(nData2);
         } else if (eEvent == OMX_EventError) {
-            note_error(self, static_cast<OMX_ERRORTYPE>(nData1), "reported an error");
+            note_error(self, static_cast<OMX_ERRORTYPE>(nData1), false);
         } else if (static_cast<uint32_t>(eEvent) == EVENT_RECORDING_ENDED) {
             self.stopped = nData2;
         }
@@ -142,7 +146,7 @@ static void await(player &self, const char *what, Condition condition)
         reached = self.changed.wait_for(guard, LOOK, is_over);
     }
     if (self.error != OMX_ErrorNone) {
-        fail(self.complaint, self.error);
+        fail(self.refused ? "refuses a buffer" : "reported an error", self.error);
     }
     if (!reached) {
         fail(std::string("does not ") + what, OMX_ErrorTimeout);
@@ -354,6 +358,9 @@ static bool can_leave_states(player &self)
     const std::lock_guard<std::mutex> guard(self.lock);
     for (player_buffers &buffers : self.ports) {
         buffers.waiting.clear();
+    }
+    if (self.refused) { // that has been told
+        self.error = OMX_ErrorNone;
     }
     return self.state == OMX_StateExecuting && self.error == OMX_ErrorNone && self.out == 0;
 }

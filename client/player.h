@@ -46,8 +46,8 @@ struct player {
     std::condition_variable changed;
     size_t out = 0;                        // buffers that the component has
     OMX_STATETYPE state = OMX_StateLoaded; // the last one reached
-    OMX_ERRORTYPE error = OMX_ErrorNone;   // the first one, and what the component did with it
-    const char *complaint = "";
+    OMX_ERRORTYPE error = OMX_ErrorNone;   // the first one
+    bool refused = false;                  // it was a buffer's; nothing more is sent
     std::optional<uint32_t> stopped; // the stop reason
     std::function<void()> on_wait;   // called twice a second while the component takes long
 };
