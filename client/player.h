@@ -48,8 +48,8 @@ struct player {
     OMX_STATETYPE state = OMX_StateLoaded; // the last one reached
     OMX_ERRORTYPE error = OMX_ErrorNone;   // the first one
     bool refused = false;                  // it was a buffer's; nothing more is sent
-    std::optional<uint32_t> stopped; // the stop reason
-    std::function<void()> on_wait;   // called twice a second while the component takes long
+    std::optional<uint32_t> stopped;       // the stop reason
+    std::function<void()> on_wait;         // called twice a second while the component takes long
 };
 
 // Ends what is still under way and frees the handle, in whatever state the player is.
