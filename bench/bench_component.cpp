@@ -146,7 +146,7 @@ static void use_cores(int64_t count)
 }
 
 // The speed of a programme through the interface, and of the encoder alone. On one core, as a
-// device has; on two, each run of buffers wakes the other core and moves its data there.
+// device has; on two, the buffers' bytes move from one core to the other.
 static void record_programme(benchmark::State &state)
 {
     use_cores(state.range(0));

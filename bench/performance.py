@@ -33,8 +33,8 @@ BUILDS = [('release', RELEASE, ['-DTDMBREC_TESTS=OFF']),
           ('arm', ARM, ['-DTDMBREC_TESTS=OFF'])]
 
 # The encoder's functions by what they do, and what each stage took (million instructions a second
-# of sound, with -O3 and with the portable build's flags) before the encoder was made faster, when
-# it consisted of the plain functions that tests/aacenc keeps.
+# of sound, with -O3 and with the portable build's flags) as measured before the encoder was made
+# faster.
 STAGES = {'transform': 'transform_|AACENC_gCmplxFft|AACE_FFT|buffer2freq|leave_rows',
           'rate loop and packing': 'raise_lines|choose_codebook|pack_codewords|quantise|'
                                    'sort_book_numbers|settle_gain|tf_encode_spectrum_aac',
@@ -325,12 +325,12 @@ run in one program. Nothing here is a test: no check fails because a machine is 
 - The component's speed on one core, which is what a device has for it, is by CPU time of the process,
   client included. On two it is by the clock, and the buffers' bytes move from one core to the other.
 - The client's memory holds the libraries that read the input, the buffers and the recording's own
-  memory, which the row above tells.
+  memory, whose growth has a row of its own.
 
 ## Where the encoder's time goes
 
-By stage, before the encoder was made faster and after, million instructions a second of sound; no
-bit of its output changed:
+By stage, before the encoder was made faster (as measured then) and after, million instructions a
+second of sound; no bit of its output changed:
 
 {stage_table(*encoder)}
 By function now, portable build, 48 kHz stereo at 128 kbit/s:

@@ -62,9 +62,8 @@ QVR_FIFO_API int32_t QVR_FIFO_WriteFifo5(uint32_t fifo, const void *source, int3
 QVR_FIFO_API int32_t QVR_FIFO_Push(uint32_t fifo);
 
 // The oldest frame, which stays where it is until it is popped.
-// out      *length (bytes), *time, *extra: as reserved; QVR_FIFO_GetOneFifo leaves the extra word
-// of
-//          an older frame. Without a frame *length is 0 and the others stay
+// out      *length (bytes), *time, *extra: as reserved; the extra word of QVR_FIFO_GetOneFifo is
+//          an older frame's. Without a frame *length is 0 and the others stay
 // returns  its data, or null when there is no frame
 QVR_FIFO_API uint8_t *QVR_FIFO_GetOneFrame(uint32_t fifo, uint32_t *length, int64_t *time,
                                            uint32_t *extra);

@@ -22,11 +22,7 @@ static bool put_record(const mp4_mux_t *mux, const scratch_record &record)
     mp4_mux_bs_t *bs = record.bs;
     const int64_t reserved = mux->m_pfnAppendFile != nullptr ? record.header_bytes : 0;
     const int64_t start = reserved + int64_t{record.index} * record.bytes;
-    for (int attempt = 0; attempt < 2; attempt++) {
-        if (bs_position(bs) < start) { // the file has told a wrong position
-            (void)bs_fail(bs, MUX_ERR_SEEK, "can't tell the position of a record");
-            return false;
-        }
+    for (int attempt = 0; attempt < 2 && bs_position(bs) >= start; attempt++) {
         bs_take_back(bs, start);
         if (record.bytes == 8) {
             mp4_mux_bs_write_be64(bs, record.value);
@@ -36,6 +32,9 @@ static bool put_record(const mp4_mux_t *mux, const scratch_record &record)
         if (bs_position(bs) == start + record.bytes) {
             return true;
         }
+    }
+    if (bs->m_pstError->m_iCode == 0) { // no write failed: the file has told a wrong position
+        (void)bs_fail(bs, MUX_ERR_SEEK, "can't tell the position of a record");
     }
     return false;
 }

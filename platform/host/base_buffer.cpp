@@ -267,7 +267,8 @@ OMX_ERRORTYPE omx_base_component_EmptyThisBuffer(OMX_HANDLETYPE hComponent,
     return error;
 }
 
-// A mark for this component has had its event: the client's next use of the buffer is a new one.
+// A mark for this component is for one trip of the buffer: the client's next use of it is a new
+// one.
 static void take_off_mark(const omx_base_sink_PrivateType *sink, OMX_BUFFERHEADERTYPE *header)
 {
     if (header->hMarkTargetComponent == sink->pComponent) {

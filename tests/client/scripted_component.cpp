@@ -1,7 +1,8 @@
 // A component in place of the recorder. It takes every buffer, writes one line about each call that
 // matters to the file SCRIPT_LOG, and ends the recording with SCRIPT_REASON after SCRIPT_BUFFERS
 // buffers, or when asked. SCRIPT_FILE names the file that it leaves as its recording. SCRIPT_FAIL
-// names the call that fails: init, start, empty. The 20th buffer comes back SCRIPT_STALL ms late.
+// names the call that fails: init, start, empty, later (the 30th buffer). The 20th buffer comes
+// back SCRIPT_STALL ms late.
 #include "platform/omx_il.h"
 
 #include <chrono>
@@ -98,7 +99,8 @@ static OMX_ERRORTYPE free_buffer(OMX_HANDLETYPE, OMX_U32, OMX_BUFFERHEADERTYPE *
 
 static OMX_ERRORTYPE empty_buffer(OMX_HANDLETYPE component, OMX_BUFFERHEADERTYPE *buffer)
 {
-    if (script("SCRIPT_FAIL") == "empty") {
+    const std::string fail = script("SCRIPT_FAIL");
+    if (fail == "empty" || (fail == "later" && buffers_taken == 29)) {
         return OMX_ErrorUndefined;
     }
     note((buffer->nInputPortIndex == 0 ? "video " : "audio ") + std::to_string(buffer->nTimeStamp) +

@@ -158,7 +158,8 @@ TEST_F(recording, ends_with_the_reason_why_the_component_stopped)
     // The first makes no file, and the command does not pretend that there is one.
     for (const char *const environment :
          {SCRIPTED, SCRIPTED " SCRIPT_FAIL=init", SCRIPTED " SCRIPT_FAIL=start",
-          SCRIPTED " SCRIPT_FAIL=empty", "TDMBREC_COMPONENT_PATH=/nowhere.so"}) {
+          SCRIPTED " SCRIPT_FAIL=empty", SCRIPTED " SCRIPT_FAIL=later",
+          "TDMBREC_COMPONENT_PATH=/nowhere.so"}) {
         const command_result result = record(SAMPLE "-o b.mp4", environment);
         EXPECT_EQ(result.status, 7) << environment << result.err;
         EXPECT_EQ(contains(result.err, "/nowhere.so"), contains(environment, "/nowhere.so"));

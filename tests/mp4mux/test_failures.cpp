@@ -281,6 +281,22 @@ TEST_F(Failures, OfEveryCallbackAreToldAndCostNothingThatWasTaken)
     EXPECT_GT(recovered, 500u);
 }
 
+TEST_F(Failures, OfAFileThatTellsAWrongPositionAreTold)
+{
+    recording r;
+    r.set_cache(cache_layout::tiny);
+    r.init.m_pfnFtell = [](void *) { return int32_t{0}; };
+    r.init.m_pfnFtell64 = nullptr;
+    (void)r.open();
+    (void)r.video(0, 50);
+    EXPECT_EQ(r.video(20, 50), MUX_ERR_SEEK);
+    EXPECT_EQ(r.message(), "can't tell the position of a record");
+    if (r.close() < 0) {
+        EXPECT_EQ(r.close(), 0);
+    }
+    EXPECT_EQ(leftovers(), "");
+}
+
 // A later failure must not hide that an earlier one tore the movie box.
 TEST_F(Failures, OfTwoWritesLeaveNoTornFileThatPasses)
 {

@@ -96,6 +96,7 @@ TEST_F(Formats, BuildAnAudioConfiguration)
         {"LTP", 1000, 1000, "2590", 1000}, {"sbr", 96000, 96000, "2810", 96000},
         {"plain", 0, 48000, "131056E598", 48000}, {"plain", 0, 16000, "141056E5A8", 32000},
         {"LC/sbr", 22050, 22050, "139056E5A0", 44100},
+        {"LC/sbr", INT32_MIN, INT32_MIN, "159056E5D8", 0},
         // clang-format on
     };
     for (const auto &c : cases) {
