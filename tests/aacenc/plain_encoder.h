@@ -1,11 +1,8 @@
-// The encoder's inner functions written plainly. The ones that ship must equal them bit for bit.
+// The coding of lines written plainly. The ones that ship must equal them bit for bit.
 #ifndef TESTS_AACENC_PLAIN_ENCODER_H
 #define TESTS_AACENC_PLAIN_ENCODER_H
 
 #include <cstdint>
-
-// As buffer2freq, behind the first frame.
-void plain_transform(const int16_t *cur, int32_t *spec, const int16_t *prev);
 
 // As power_three_quarters.
 int32_t plain_power(uint32_t magnitude);

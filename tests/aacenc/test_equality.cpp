@@ -16,6 +16,7 @@
 #include "aacenc/quantiser.h"
 #include "aacenc/quantiser_tables.h"
 #include "tests/aacenc/plain_encoder.h"
+#include "tests/aacenc/plain_filterbank.h"
 
 #if defined(NDEBUG) && !defined(TDMBREC_CHECKED)
 static constexpr int kRounds = 30;
@@ -44,9 +45,8 @@ TEST(Equality, Transform)
             std::array<int16_t, 2048> pcm;
             for (uint32_t n = 0; n < pcm.size(); n++)
                 pcm[n] = signal(n);
-            std::array<int32_t, 1024> expected;
-            std::array<int32_t, 1024> lines;
-            plain_transform(pcm.data() + 1024, expected.data(), pcm.data());
+            const auto expected = plain_transform<int32_t>(pcm.data() + 1024, pcm.data());
+            std::vector<int32_t> lines(1024);
             transform_plain(pcm.data() + 1024, lines.data(), pcm.data());
             ASSERT_EQ(lines, expected) << "round " << round;
             if (!vector_transform_available())
