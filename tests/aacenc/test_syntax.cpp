@@ -48,18 +48,33 @@ TEST(BitWriter, WritesEveryWidthAtEveryOffset)
     }
 }
 
-TEST(BitWriter, FillElementsLeaveFewerThanSevenBits)
+// returns: where the fill elements end that the digits begin with; their bytes must be zero
+static size_t end_of_fill_elements(const std::string &digits)
 {
-    const auto fill = [](int32_t bits, int32_t rest) {
-        return written_bits(
-            [&](AacEncBitstream *bs) { EXPECT_EQ(WriteAACFillBits(bs, bits), rest); });
-    };
-    const auto zeros = [](size_t bytes) { return std::string(8 * bytes, '0'); };
-    EXPECT_EQ(fill(6, 6), "");
-    EXPECT_EQ(fill(7, 0), fields("110 0000"));
-    EXPECT_EQ(fill(127, 0), fields("110 1111 00000000") + zeros(14));
-    EXPECT_EQ(fill(7 + 8 * 270 + 9, 2),
-              fields("110 1111 11111111") + zeros(269) + fields("110 0000"));
+    size_t at = 0;
+    while (digits.compare(at, 3, "110") == 0) { // id_syn_ele FIL
+        size_t count = std::stoul(digits.substr(at + 3, 4), nullptr, 2);
+        at += 7;
+        if (count == 15) {
+            count += std::stoul(digits.substr(at, 8), nullptr, 2) - 1;
+            at += 8;
+        }
+        EXPECT_GE(digits.find('1', at), at + 8 * count);
+        at += 8 * count;
+    }
+    return at;
+}
+
+TEST(BitWriter, FillElementsTakeAllButSixBits)
+{
+    for (int32_t bits = 0; bits < 3 * 8 * 270; bits++) {
+        int32_t rest = 0;
+        const std::string digits =
+            written_bits([&](AacEncBitstream *bs) { rest = WriteAACFillBits(bs, bits); });
+        ASSERT_EQ(end_of_fill_elements(digits), digits.size()) << bits;
+        ASSERT_EQ(digits.size() + static_cast<size_t>(rest), static_cast<size_t>(bits));
+        ASSERT_LT(rest, 7) << bits;
+    }
 }
 
 struct Syntax : SilentChannel {
