@@ -86,6 +86,33 @@ TEST_F(RateLoop, AChannelNeverPassesTheAccessUnit)
     EXPECT_GT(coder->codewordCount, kMaxCodewords / 2);
 }
 
+// Whatever the first channel of a pair would take, the second keeps what it needs without a line.
+TEST(RateLoopOfAPair, TheSecondChannelHasItsRoom)
+{
+    Encoder encoder(EncoderOptions{});
+    ASSERT_FALSE(encoder.encode(std::vector<int16_t>(2 * AACENC_FRAME_SAMPLES).data()).empty());
+    EncTfState *tf = encoder.tf();
+    *tf->tns[1] = {.active = 1, .nFilt = 1, .coefRes = 4, .filter = {.order = 12}};
+    const auto code_loud = [&](size_t channel) {
+        std::fill_n(tf->channelBuffer[channel], kFrameLines, INT32_MIN);
+        EXPECT_EQ(tf_encode_spectrum_aac(&tf->channelBuffer[channel], kOnlyLongSequence, 1 << 20,
+                                         tf->bitstream, tf->coderInfo[channel], tf->chInfo[channel],
+                                         tf),
+                  0);
+    };
+    tf->bitsLeft = 2 * kMaxChannelBits;
+    code_loud(0);
+    const int32_t first_bits = 2 * kMaxChannelBits - tf->bitsLeft;
+    int32_t fewest_left = first_bits;
+    for (int32_t room = first_bits; room < first_bits + 200; room++) {
+        tf->bitsLeft = room;
+        code_loud(0);
+        code_loud(1);
+        fewest_left = std::min(fewest_left, tf->bitsLeft);
+    }
+    EXPECT_EQ(fewest_left, 0);
+}
+
 TEST_F(RateLoop, NoiseStepsStayWithinTheirCodebook)
 {
     std::fill_n(coder->noiseFlag, 3, 1);
