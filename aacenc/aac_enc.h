@@ -16,7 +16,7 @@ enum {
     AACENC_FRAME_SAMPLES = 1024, // samples per channel in one frame
     AACENC_OUTPUT_BYTES = 2048,  // an output buffer of this size holds every access unit
     AACENC_FORMAT_RAW = 0,       // bare raw_data_block
-    AACENC_FORMAT_ADTS = 2,      // raw_data_block behind a 7-byte ADTS header
+    AACENC_FORMAT_ADTS = 2,      // raw_data_block after a 7-byte ADTS header
 };
 
 // Operations of QVR_AAC_ENC.
@@ -99,7 +99,7 @@ typedef struct AacEncInitParams {
 //                     stores null and keeps nothing.
 //   AACENC_OP_ENCODE  arg3 = AacEncAudioInfo, arg4 = AacEncStreamInfo. Encodes one frame of
 //                     AACENC_FRAME_SAMPLES samples per channel, 16-bit aligned. A null PCM pointer
-//                     stands for the PCM of the frame before. On failure `outputBytes` is left as
+//                     means the PCM of the frame before. On failure `outputBytes` is left as
 //                     it was.
 //   AACENC_OP_CLOSE   arg3 and arg4 unused. Releases everything and stores null.
 // in:      handle  the caller's handle variable, null while nothing is open

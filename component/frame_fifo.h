@@ -1,5 +1,5 @@
 // Frame FIFOs: queues of frames between one thread that makes them and one that writes them. Each
-// is a ring of bytes in the caller's storage and a table of the frames that lie in it.
+// is a ring of bytes in the caller's storage and a table of the frames in it.
 //
 // Producer: QVR_FIFO_GetOneFifo5, QVR_FIFO_WriteFifo5, QVR_FIFO_Push.
 // Consumer: QVR_FIFO_GetOneFrame, use the data in place, QVR_FIFO_PopFrame.
@@ -27,7 +27,7 @@ extern "C" {
 #define QVR_FIFO_DEFAULT_BYTES 32768 // room for a frame of unknown length
 
 // Empties a FIFO and gives it storage, which is filled with zeros.
-// in       storage: size bytes; more than twice the largest frame, because a frame lies in one
+// in       storage: size bytes; more than twice the largest frame, because a frame is in one
 //          piece. A FIFO without storage takes no frame.
 // owns     the storage stays the caller's and must outlive the use of the FIFO
 // thread   while neither producer nor consumer is in the FIFO
@@ -52,9 +52,9 @@ QVR_FIFO_API int32_t QVR_FIFO_GetOneFifo5(uint32_t fifo, int32_t length, int64_t
 // FIFO is full or the bytes would leave the storage.
 QVR_FIFO_API int32_t QVR_FIFO_WriteFifo(uint32_t fifo, const void *source, int32_t length);
 
-// The same; what reaches the end of the storage goes on at its start. returns the bytes of the last
-// piece copied, which are 0 when the data ends where the storage does; 0, with nothing copied, when
-// the FIFO is full or the storage is shorter.
+// The same; what reaches the end of the storage continues at its start. returns the bytes of the
+// last piece copied, which are 0 when the data ends where the storage does; 0, with nothing copied,
+// when the FIFO is full or the storage is shorter.
 QVR_FIFO_API int32_t QVR_FIFO_WriteFifo5(uint32_t fifo, const void *source, int32_t length);
 
 // Hands the frame last reserved to the consumer, with all the room that it reserved. returns 1, or

@@ -191,7 +191,8 @@ int32_t zpl_aenc_encode(zpl_aenc_t *pZpl, const zpl_aenc_init_t *pInit,
     if (pZpl->iState != ZPL_STATE_RUN) {
         return -1;
     }
-    // The queue's storage and its read position are multiples of a frame from an aligned block.
+    // Aligned: the queue's storage is an allocated block, and its read position is whole frames, of
+    // an even number of bytes each, from the start of it.
     gstAudioInfo.pcm = reinterpret_cast<const int16_t *>(static_cast<const void *>(pInput->pPcm));
     const int32_t result =
         gspfAEnc(AACENC_OP_ENCODE, &pZpl->hEncoder, &gstAudioInfo, &gstStreamInfo);

@@ -1,7 +1,7 @@
 // The MP4 muxer: its one entry point and every record that crosses it.
 //
-// A file holds at most one video track (H.264) and one audio track. Frames go straight into the
-// media data, in the order in which they arrive; the movie box follows when the file is closed.
+// A file holds at most one video track and one audio track. Frames go straight into the media data,
+// in the order in which they arrive; the movie box follows when the file is closed.
 // The muxer allocates, reads and writes only through the callbacks it is given at open.
 #ifndef MP4MUX_MP4_MUX_H
 #define MP4MUX_MP4_MUX_H
@@ -96,7 +96,7 @@ typedef int (*mp4_mux_fseek64_fn)(void *handle, int64_t offset, int whence);
 typedef int64_t (*mp4_mux_ftell64_fn)(void *handle);
 
 // Appends the whole file `source` at the end of the file `destination`.
-// in       destination stands where the appended data is expected; reserved is 0
+// in       destination is positioned where the appended data is expected; reserved is 0
 // returns  the gap in bytes from there to where the appended data begins, or a negative number
 // owns     closes source when it succeeds; after a failure source is still the muxer's
 typedef int32_t (*mp4_mux_append_file_fn)(void *destination, void *source, int32_t reserved);
@@ -213,7 +213,7 @@ typedef struct mp4_mux_error_t {
 // MUX_CLOSE           writes the movie box, releases everything and clears *handle. After a failure
 //                     the handle stays for the error query; one more MUX_CLOSE then only releases
 //                     what is left, and clears *handle. A file without frames gets no movie box.
-// MUX_GET_LAST_ERROR  tells the last error. The record is cleared by MUX_PUTFRAME and MUX_CLOSE.
+// MUX_GET_LAST_ERROR  returns the last error. The record is cleared by MUX_PUTFRAME and MUX_CLOSE.
 // MUX_GET_VERSION     copies MUX_VERSION_LENGTH characters to param1, MUX_BUILD_DATE_LENGTH digits
 //                     (year, month, day) to param2, each with its terminator.
 //
@@ -221,7 +221,8 @@ typedef struct mp4_mux_error_t {
 //          param1, param2: see the operation codes
 // returns  0, or one of MUX_ERR_…; an unknown operation is MUX_ERR_INVALID
 // owns     the context behind *handle is released by MUX_CLOSE; caches and close memory that the
-//          caller lends stay his and must outlive the operation that uses them (the caches: all)
+//          caller lends stay the caller's and must outlive the operation that uses them (the
+//          caches: all)
 // thread   one thread at a time per handle; handles share nothing
 // source   ISO/IEC 14496-12 (file), ISO/IEC 14496-14 and -15 (sample entries)
 MP4_MUX_API int32_t QVR_MP4_MUX(int32_t op, void **handle, void *param1, void *param2);

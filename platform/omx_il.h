@@ -1,5 +1,5 @@
-// OpenMAX Integration Layer 1.1: the types, handles, macros and error codes of the public standard
-// that the recorder, the base framework and the desk client use, and no others.
+// OpenMAX Integration Layer 1.1: of the public standard the types, handles, macros and error codes
+// that the recorder, the base framework and the desk client use, and others of the same lists.
 // source: OpenMAX IL Specification, version 1.1.2, chapters 3 and 4.
 #ifndef PLATFORM_OMX_IL_H
 #define PLATFORM_OMX_IL_H
