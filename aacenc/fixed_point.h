@@ -47,6 +47,12 @@ constexpr int32_t sub_s32(int32_t a, int32_t b)
     return narrow_s32(static_cast<int64_t>(a) - b);
 }
 
+// -a, which fits in 32 bits.
+constexpr int32_t negate_s32(int32_t a)
+{
+    return sub_s32(0, a);
+}
+
 // The magnitude of a value, 2^31 for the lowest one.
 constexpr uint32_t abs_u32(int32_t value)
 {
@@ -81,6 +87,17 @@ constexpr int32_t mul_add_q31(int32_t a, int32_t c_q31, int32_t b, int32_t d_q31
 constexpr int32_t mul_sub_q31(int32_t a, int32_t c_q31, int32_t b, int32_t d_q31)
 {
     return narrow_s32((static_cast<int64_t>(mulhi(a, c_q31)) - mulhi(b, d_q31)) * 2);
+}
+
+// a * c + b * d and a * c - b * d of 16-bit samples, times 2^-28, rounded down.
+constexpr int32_t mul_add_q28(int16_t a, int32_t c_q28, int16_t b, int32_t d_q28)
+{
+    return narrow_s32((mul_s64(a, c_q28) + mul_s64(b, d_q28)) >> 28);
+}
+
+constexpr int32_t mul_sub_q28(int16_t a, int32_t c_q28, int16_t b, int32_t d_q28)
+{
+    return narrow_s32((mul_s64(a, c_q28) - mul_s64(b, d_q28)) >> 28);
 }
 
 #endif // AACENC_FIXED_POINT_H

@@ -2,20 +2,24 @@
 #include <array>
 #include <cmath>
 #include <cstdint>
+#include <random>
 #include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
 
-#include "tests/aacenc/plain_filterbank.h"
+#include "aacenc/filterbank.h"
+#include "aacenc/filterbank_vector.h"
+#include "aacenc/transform_stages.h"
+#include "tests/support/stream_hash.h"
 
 // One of the 2048 samples of two frames, of any value.
 struct AnySample {
     size_t number;
 };
 
-// What a number of the transform can be: a sum of all samples, each times a factor, and an error
-// between two bounds for what was rounded off on the way.
+// All that a number of the transform can be: a sum of all samples, each times a factor, and an
+// error between two bounds for what was rounded off on the way.
 struct Reach {
     std::array<double, 2048> factors = {};
     double lowest_error = 0;
@@ -34,88 +38,96 @@ static Reach noted(const Reach &reach)
     return reach;
 }
 
-// a times a factor
-static Reach scaled(Reach a, double factor)
-{
-    for (double &each : a.factors) {
-        each *= factor;
-    }
-    const auto [low, high] = std::minmax(a.lowest_error * factor, a.highest_error * factor);
-    return {a.factors, low, high};
-}
-
-static Reach operator+(Reach a, const Reach &b)
+static Reach add_scaled(Reach a, const Reach &b, double scale)
 {
     for (size_t n = 0; n < a.factors.size(); n++) {
-        a.factors[n] += b.factors[n];
+        a.factors[n] += scale * b.factors[n];
     }
-    return noted({a.factors, a.lowest_error + b.lowest_error, a.highest_error + b.highest_error});
+    const auto [low, high] = std::minmax(scale * b.lowest_error, scale * b.highest_error);
+    return noted({a.factors, a.lowest_error + low, a.highest_error + high});
 }
 
-static Reach operator-(const Reach &a)
+static Reach add_s32(const Reach &a, const Reach &b)
 {
-    return scaled(a, -1);
+    return add_scaled(a, b, 1);
 }
 
-static Reach operator-(const Reach &a, const Reach &b)
+static Reach sub_s32(const Reach &a, const Reach &b)
 {
-    return a + -b;
+    return add_scaled(a, b, -1);
 }
 
-static Reach fold_samples(AnySample a, int32_t window_a, AnySample b, int32_t window_b)
+static Reach negate_s32(const Reach &a)
 {
-    Reach sum;
-    sum.factors[a.number] = std::ldexp(window_a, -28);
-    sum.factors[b.number] = std::ldexp(window_b, -28);
-    sum.lowest_error = -1;
+    return add_scaled({}, a, -1);
+}
+
+static Reach mul_q31(const Reach &a, int32_t b_q31)
+{
+    return add_scaled({.lowest_error = -2}, a, std::ldexp(b_q31, -31)); // to an even number
+}
+
+static Reach mul_add_q31(const Reach &a, int32_t c_q31, const Reach &b, int32_t d_q31)
+{
+    return add_s32(mul_q31(a, c_q31), mul_q31(b, d_q31));
+}
+
+static Reach mul_sub_q31(const Reach &a, int32_t c_q31, const Reach &b, int32_t d_q31)
+{
+    return sub_s32(mul_q31(a, c_q31), mul_q31(b, d_q31));
+}
+
+static Reach mul_add_q28(AnySample a, int32_t c_q28, AnySample b, int32_t d_q28)
+{
+    Reach sum = {.lowest_error = -1};
+    sum.factors[a.number] = std::ldexp(c_q28, -28);
+    sum.factors[b.number] = std::ldexp(d_q28, -28);
     return noted(sum);
 }
 
-static Reach product_q31(const Reach &a, int32_t b_q31)
+static Reach mul_sub_q28(AnySample a, int32_t c_q28, AnySample b, int32_t d_q28)
 {
-    Reach product = scaled(a, std::ldexp(b_q31, -31));
-    product.lowest_error -= 2;
-    return noted(product);
+    return mul_add_q28(a, c_q28, b, -d_q28);
 }
 
-static std::vector<AnySample> all_samples()
+static void expect_bits(double bits)
 {
-    std::vector<AnySample> samples;
-    for (size_t n = 0; n < 2048; n++) {
-        samples.push_back({n});
+    EXPECT_NEAR(std::log2(std::exchange(largest, 0)), bits, 0.005);
+}
+
+// The bounds of docs/fixed-point.md, which some samples reach but for the rounding.
+// returns: the lines
+static std::vector<Reach> transform_all_samples()
+{
+    std::array<AnySample, 2048> pcm;
+    for (size_t n = 0; n < pcm.size(); n++) {
+        pcm[n] = {n};
     }
-    return samples;
-}
-
-// The bounds of docs/fixed-point.md. Some input reaches them but for the rounding.
-TEST(Filterbank, NoSamplesTakeAStageBeyondItsBound)
-{
-    const auto expect_bits = [](double bits) {
-        EXPECT_NEAR(std::log2(std::exchange(largest, 0)), bits, 0.005);
-    };
-    const std::vector<AnySample> pcm = all_samples();
-    const auto u = plain_fold<Reach>(pcm.data() + 1024, pcm.data());
-    expect_bits(16.50);
-    auto z = plain_pre_twiddle(u);
+    std::vector<Reach> z(1024);
+    fold_and_twiddle(pcm.data() + 1024, pcm.data(), z.data());
     expect_bits(16.77);
-    plain_reverse_bits(z);
-    size_t span = 1;
-    for (const double bits : {17.77, 18.71, 19.70, 20.70, 21.70, 22.70, 23.70, 24.70, 25.70}) {
-        SCOPED_TRACE(span);
-        plain_stage(z, std::exchange(span, 2 * span));
-        expect_bits(bits);
+    reverse_bits(z.data());
+    transform_quads(z.data(), kFftPoints);
+    expect_bits(18.71);
+    transform_eights(z.data(), kFftPoints / 8, kSqrtHalf_q31);
+    expect_bits(19.70);
+    for (int32_t span = 8, bits = 20; span < kFftPoints; span *= 2, bits++) {
+        for (Reach *group = z.data(); group != z.data() + z.size();) {
+            group = transform_group(group, CPLX_COEFF, span, kFftPoints / span);
+        }
+        expect_bits(bits + 0.70);
     }
-    (void)plain_post_twiddle(z);
+    post_twiddle(z.data());
     expect_bits(25.71);
+    return z;
 }
 
 // The definition: -2 * sum of w[n] x[n] cos(2 pi / 2048 * (n + 512.5) * (k + 1/2)). Every product
 // is rounded down; the worst case is where all errors of a line add up.
-TEST(Filterbank, EveryLineIsThatOfTheDefinition)
+TEST(Filterbank, EveryLineOfAnySamplesIsInRangeAndThatOfTheDefinition)
 {
     constexpr double kPi = 3.14159265358979323846;
-    const std::vector<AnySample> pcm = all_samples();
-    const std::vector<Reach> lines = plain_transform<Reach>(pcm.data() + 1024, pcm.data());
+    const std::vector<Reach> lines = transform_all_samples();
     for (size_t k = 0; k < 1024; k++) {
         double inexact = 0; // by the constants' rounding, for the worst samples
         for (size_t n = 0; n < 2048; n++) {
@@ -128,4 +140,29 @@ TEST(Filterbank, EveryLineIsThatOfTheDefinition)
         EXPECT_GT(lines[k].lowest_error - inexact, -6750) << k;
         EXPECT_LT(lines[k].highest_error + inexact, 6750) << k;
     }
+}
+
+// The portable transform and that in vectors, to the last bit.
+TEST(Filterbank, GivesTheSameLinesEverywhere)
+{
+    std::mt19937 random(1);
+    uint64_t hash = kHashStart;
+    for (int round = 0; round < 400; round++) {
+        int16_t pcm[2048];
+        for (int16_t &sample : pcm) {
+            sample = static_cast<int16_t>(random());
+            if (round % 2 != 0) {
+                sample = sample < 0 ? INT16_MIN : INT16_MAX;
+            }
+        }
+        std::array<int32_t, 1024> lines;
+        transform_plain(pcm + 1024, lines.data(), pcm);
+        hash = stream_hash(hash, {reinterpret_cast<const uint8_t *>(lines.data()), sizeof(lines)});
+        std::array<int32_t, 1024> vector_lines = lines;
+        if (vector_transform_available()) {
+            transform_vector(pcm + 1024, vector_lines.data(), pcm);
+        }
+        ASSERT_EQ(vector_lines, lines) << round;
+    }
+    EXPECT_EQ(hash, 0xe11901d20b8bf1d4) << std::hex << hash;
 }

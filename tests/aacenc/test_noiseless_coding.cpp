@@ -1,0 +1,54 @@
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <numeric>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "aacenc/noiseless_coding.h"
+
+static int32_t packed_bits(int32_t book, const int32_t *values)
+{
+    uint32_t entries[10];
+    int32_t bits = 0;
+    for (const uint32_t *end = pack_codewords(book, values, 4, entries), *e = entries; e != end;
+         e++)
+        bits += static_cast<int32_t>(*e >> 24);
+    return bits;
+}
+
+// Counting has tables of its own. Every group of four lines: all values of the signed codebooks 1,
+// 2, 5 and 6, else all magnitudes, of those with an escape the lowest and highest of each length.
+TEST(NoiselessCoding, CountedBitsAreThoseOfTheCodewords)
+{
+    std::vector<int32_t> magnitudes(16);
+    std::iota(magnitudes.begin(), magnitudes.end(), 0);
+    for (int32_t power = 16; power < 8192; power *= 2)
+        magnitudes.insert(magnitudes.end(), {power, 2 * power - 1});
+    constexpr size_t kChoices[6] = {3, 3, 9, 8, 13, 34}; // for a line, in the codebooks 2 * i + 1
+    for (size_t i = 0; i < 6; i++) {
+        const int32_t odd = static_cast<int32_t>(2 * i + 1);
+        const int32_t even = odd == 11 ? 11 : odd + 1;
+        const bool is_signed = odd == 1 || odd == 5;
+        const size_t choices = kChoices[i];
+        const int32_t middle = static_cast<int32_t>(choices / 2);
+        const int32_t largest = is_signed ? middle : magnitudes[choices - 1];
+        for (size_t group = 0; group < choices * choices * choices * choices; group++) {
+            int32_t powers[4];
+            int32_t values[4];
+            for (size_t k = 0, rest = group; k < 4; k++, rest /= choices) {
+                const int32_t magnitude = magnitudes[rest % choices];
+                values[k] = is_signed ? magnitude - middle : k % 2 != 0 ? -magnitude : magnitude;
+                powers[k] = std::abs(values[k]);
+            }
+            const int32_t odd_bits = packed_bits(odd, values);
+            const int32_t even_bits = packed_bits(even, values);
+            ASSERT_EQ(output_bits_check(odd, values, 4), odd_bits) << odd << ' ' << group;
+            ASSERT_EQ(output_bits_check(even, values, 4), even_bits) << even << ' ' << group;
+            const BookChoice choice = choose_codebook({values, powers, 1 << 29}, 4, largest);
+            ASSERT_EQ(choice.book, even_bits < odd_bits ? even : odd) << group;
+            ASSERT_EQ(choice.bits, std::min(even_bits, odd_bits)) << group;
+        }
+    }
+}
