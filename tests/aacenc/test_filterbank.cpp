@@ -43,7 +43,7 @@ static Reach add_scaled(Reach a, const Reach &b, double scale)
     for (size_t n = 0; n < a.factors.size(); n++) {
         a.factors[n] += scale * b.factors[n];
     }
-    const auto [low, high] = std::minmax(scale * b.lowest_error, scale * b.highest_error);
+    const auto [low, high] = std::minmax({scale * b.lowest_error, scale * b.highest_error});
     return noted({a.factors, a.lowest_error + low, a.highest_error + high});
 }
 

@@ -8,13 +8,16 @@
 
 #include "aacenc/noiseless_coding.h"
 
+// returns: the bits of a group's codewords, of which there are as many as were counted
 static int32_t packed_bits(int32_t book, const int32_t *values)
 {
     uint32_t entries[10];
+    const uint32_t *end = pack_codewords(book, values, 4, entries);
+    EXPECT_EQ(count_codewords(book, values, 4), end - entries) << book;
     int32_t bits = 0;
-    for (const uint32_t *end = pack_codewords(book, values, 4, entries), *e = entries; e != end;
-         e++)
-        bits += static_cast<int32_t>(*e >> 24);
+    for (const uint32_t *entry = entries; entry != end; entry++) {
+        bits += static_cast<int32_t>(*entry >> 24);
+    }
     return bits;
 }
 

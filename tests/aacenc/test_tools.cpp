@@ -160,26 +160,35 @@ TEST_F(Tools, TnsStaysSoundOnAnyLines)
 TEST_F(Tools, NoiseEnergiesAreTwiceTheLogarithm)
 {
     const int first = 40; // the first band from line 653 on, at line 672
-    lines[100] = 1 << 20;
-    set_energy(first, 1);
-    set_energy(first + 1, 2);
-    set_energy(first + 2, 1000);
-    set_energy(first + 4, 21);
-    AACENC_CalcPNS(lines.data(), coder, sr_info_aac[0] + 1, tf);
-    const int32_t energies[] = {0, 41, 43, 61, 0, 0};
-    for (int i = 0; i < 6; i++) {
-        EXPECT_EQ(coder->noiseEnergy[first - 1 + i], energies[i]) << i;
-        EXPECT_EQ(coder->noiseFlag[first - 1 + i], i > 0 && i < 5) << i;
+    for (int64_t e = 1; e < 1 << 28; e += 1 + e / 500) {
+        set_energy(first, static_cast<double>(e));
+        set_energy(first + 1, 21); // the top band, which is cleared
+        AACENC_CalcPNS(lines.data(), coder, sr_info_aac[0] + 1, tf);
+        const double energy =
+            static_cast<double>((int64_t{first_line(first)} * first_line(first)) >> 31);
+        const double expected = 2 * std::log2(energy) + 41.5;
+        EXPECT_GE(coder->noiseEnergy[first], std::floor(expected - 0.001)) << e;
+        EXPECT_LE(coder->noiseEnergy[first], std::floor(expected + 0.001)) << e;
     }
-    EXPECT_EQ(lines[100], 1 << 20);
-    EXPECT_NE(first_line(first + 2), 0);
-    EXPECT_EQ(first_line(first + 4), 0); // the top band
+}
 
-    set_energy(first + 8, 20); // as good as silent
-    set_energy(first, 0);
-    set_energy(first + 1, 0);
-    set_energy(first + 2, 0);
-    AACENC_CalcPNS(lines.data(), coder, sr_info_aac[0] + 1, tf);
-    EXPECT_EQ(std::count(coder->noiseFlag, coder->noiseFlag + 49, 0), 49);
-    EXPECT_EQ(first_line(first + 8), 0);
+TEST_F(Tools, NoiseBandsReachFromTheBandwidthToTheLastLoudBand)
+{
+    const int first = 40;
+    // The last loud band, from the top down; `first` stands for none.
+    for (int top = 48; top >= first; top--) {
+        std::fill(lines.begin(), lines.end(), 0);
+        first_line(first - 1) = 1;
+        set_energy(first, 1);
+        if (top < 48)
+            set_energy(top + 1, 20); // as good as silent
+        if (top > first)
+            set_energy(top, 21);
+        AACENC_CalcPNS(lines.data(), coder, sr_info_aac[0] + 1, tf);
+        for (int band = 0; band < 49; band++) {
+            EXPECT_EQ(coder->noiseFlag[band], band >= first && band < top) << band << ' ' << top;
+            EXPECT_EQ(first_line(band) != 0, band == first - 1 || (band == first && top > first))
+                << band << ' ' << top;
+        }
+    }
 }
