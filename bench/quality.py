@@ -12,6 +12,7 @@ out. The error is taken in the frequency domain. The rates are those of the acce
 the 56 bits of each ADTS header. Needs the Debian packages ffmpeg, espeak-ng, sox and python3-numpy.
 """
 import os
+import shutil
 import subprocess
 import sys
 import tempfile
@@ -101,6 +102,9 @@ def measure(original, decoded, bandwidth):
 def main():
     if len(sys.argv) < 2:
         sys.exit(__doc__)
+    missing = [name for name in ('ffmpeg', 'espeak-ng', 'sox') if not shutil.which(name)]
+    if missing:
+        sys.exit('quality.py: not installed: ' + ', '.join(missing))
     rates = [int(rate) for rate in sys.argv[2:]] or sorted(BANDWIDTHS)
     with tempfile.TemporaryDirectory() as folder:
         signals = {'speech': os.path.join(folder, 'speech.wav'),
