@@ -194,10 +194,7 @@ int32_t mp4_mux_bs_fseek(mp4_mux_bs_t *bs, int64_t position)
         return bs_fail(bs, MUX_ERR_EOF, kSeekMessages.end);
     }
     if (mp4_mux_bs_fseek_reset(bs, position) != 0) {
-        return bs_fail(bs, MUX_ERR_SEEK,
-                       bs->m_pstMux->m_stFile.m_pfnFseek64 != nullptr
-                           ? "can't seek to SEEK_SET in fseek64(bs_fseek)"
-                           : "can't seek to SEEK_SET in fseek(bs_fseek)");
+        return bs_fail_to_seek(bs);
     }
     return refill(bs, kSeekMessages);
 }

@@ -244,7 +244,7 @@ static int32_t append_scratch_file(mp4_mux_t *mux, mp4_mux_bs_t *scratch, int64_
     out->m_bSeekDue = 1; // the callback moves the file
     const int32_t gap = mux->m_pfnAppendFile(out->m_hFile, scratch->m_hFile, 0);
     if (gap < 0) {
-        return MUX_ERR_APPEND;
+        return bs_fail(out, MUX_ERR_APPEND, "");
     }
     scratch->m_hFile = nullptr; // the callback has closed it
     if (mux->m_stFile.m_pfnRemove != nullptr) {

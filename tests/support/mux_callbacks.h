@@ -12,13 +12,13 @@
 namespace mux_test {
 
 // Both the 32-bit and the 64-bit function of a name count as the same kind.
-enum class call { malloc, realloc, fopen, fread, fseek, ftell, fclose, fwrite, append };
+enum class call { malloc, realloc, fopen, fread, fseek, ftell, fclose, fwrite, append, remove };
 
 struct failure {
     call kind = call::malloc;
     uint32_t at = 0; // the n-th call fails, counted from 1; 0 for none
     bool from_then_on = false;
-    bool partial = false; // a write stores half of its bytes
+    bool partial = false; // a write or read passes half of its bytes
 };
 
 // A file is its own handle.
