@@ -384,6 +384,11 @@ TEST_F(Failures, AreTaggedOnTheirWayUp)
     EXPECT_THAT(r.message(&aux), testing::StartsWith("Error in fclose()<mp4_mux_close.&"));
     EXPECT_NE(aux, 0);
     EXPECT_EQ(r.close(), 0);
+    const Bytes clean = record_with({}, call::fseek, 0, lasting::once, {}).file;
+    const uint32_t last_seek = world.calls[call::fseek]; // to the size of the last track box
+    EXPECT_EQ(record_with({}, call::fseek, last_seek, lasting::once, clean).message,
+              "can't seek to SEEK_SET in fseek(bs_fseek)<update_write_size1<update_moov_size7"
+              "<write_trailer<mp4_mux_close");
 }
 
 } // namespace
