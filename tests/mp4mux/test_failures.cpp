@@ -53,7 +53,7 @@ const mp4_mux_userbox_t kEmptyBox = {1, nullptr, 1};
 const mp4_mux_userbox_t kHugeBox = {1, &kByte, 0x80000000};
 const uint32_t kBrand = 0;
 const mp4_mux_ftyp_t kEmptyFtyp = {{'i', 's', 'o', 'm'}, 0, nullptr, 1};
-const mp4_mux_ftyp_t kLongFtyp = {{'i', 's', 'o', 'm'}, 0, &kBrand, UINT32_MAX};
+const mp4_mux_ftyp_t kLongFtyp = {{'i', 's', 'o', 'm'}, 0, &kBrand, 1 << 28};
 
 TEST_F(Failures, OfTheOpenLeaveAHandleToAskAndClose)
 {
