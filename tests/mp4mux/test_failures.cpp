@@ -145,17 +145,14 @@ Bytes unit(const Bytes &bytes)
 const Bytes kSlice = bytes("65 88 80");
 const Bytes kOtherSps = bytes("67 64 00 0D 01");
 
-// The configurations that a set-up's table does not hold.
+// The configurations from a first frame that a set-up's table does not hold.
 TEST_F(Failures, OfAConfigurationAreNotWritten)
 {
     const Bytes record = bytes("01 42C01E FF E1 000A 6742C01EDA0507E84010 01 0004 68CE3C80");
-    const Bytes start4 = bytes("00000001");
     const Bytes start3 = bytes("000001");
-    const Bytes large(1100, 0x67);
     struct {
         Bytes config, frame, record;
     } const cases[] = {
-        // from the first frame
         {{}, unit(kOtherSps) + unit(kSps) + unit(kPps) + unit(kOtherSps), record},
         {{}, unit(kSps) + unit(kSlice), {}},
         {{}, unit(kPps) + unit(bytes("674200")), {}},
@@ -163,18 +160,7 @@ TEST_F(Failures, OfAConfigurationAreNotWritten)
         {{}, unit(kPps) + bytes("FFFFFFFF 67420000"), {}},
         {{}, unit(kPps) + bytes("000000"), {}},
         {{}, {}, {}},
-        // from the caller
-        {start3 + kSps + start3 + kPps, unit(kOtherSps) + unit(kPps), record},
-        {start3 + kOtherSps + start4 + kSps + start3 + bytes("06 05 01") + start4 + kPps + start4 +
-             kSlice,
-         {},
-         record},
-        {start4 + kSps, {}, bytes("01 42C01E FF E1 000A 6742C01EDA0507E84010 01 0000")},
-        {start4 + kPps + start4 + kSlice, {}, {}},
-        {start4 + bytes("674200") + start4 + kPps, {}, {}},
-        {start4 + large + start4 + kSps + start4 + kPps, {}, record},
-        {start4 + large, {}, {}},
-        {start4 + start4 + bytes("0000"), {}, {}},
+        {start3 + kSps + start3 + kPps, unit(kOtherSps) + unit(kPps), record}, // from the caller
     };
     for (size_t i = 0; i < std::size(cases); i++) {
         reset_world();
@@ -186,7 +172,8 @@ TEST_F(Failures, OfAConfigurationAreNotWritten)
         EXPECT_EQ(r.close(), 0);
         const mp4_reader::movie movie = mp4_reader::read_movie(world.files["out.mp4"].bytes);
         EXPECT_EQ(movie.tracks.at(0).avc.record, cases[i].record) << i;
-        EXPECT_EQ(leftovers() + movie.error, "");
+        EXPECT_EQ(movie.error, "");
+        EXPECT_EQ(leftovers(), "");
     }
 }
 
