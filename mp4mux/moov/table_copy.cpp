@@ -93,8 +93,9 @@ static int32_t share_cache_block(mp4_mux_t *mux, mp4_mux_bs_t *scratch, int64_t 
     if (flushed < 0) {
         return flushed;
     }
-    const int64_t part = work - need > kMinOutputCacheBytes ? need : work / 2;
-    const int64_t rest = part == need ? work - need : work / 2;
+    const bool is_held = work - need > kMinOutputCacheBytes;
+    const int64_t part = is_held ? need : work / 2;
+    const int64_t rest = is_held ? work - need : work / 2;
     return lay_caches(mux->m_pBs, mux->m_pCache + part, rest, scratch, mux->m_pCache, part);
 }
 

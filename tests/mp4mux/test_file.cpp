@@ -112,30 +112,6 @@ TEST_F(File, OverflowsIntoScratchFilesThatTheCloseRemoves)
     }
 }
 
-TEST_F(File, IsTheSameWhateverMemoryItsTablesPassThrough)
-{
-    using enum cache_layout;
-    Bytes reference;
-    for (const cache_layout layout : {own, recorder, pooled, tiny}) {
-        for (const int32_t close_memory : {0, 3608, 5000, 60000, 0x300000}) {
-            reset_world();
-            recording r(true);
-            r.set_cache(layout);
-            r.lend_close_memory(close_memory);
-            ASSERT_EQ(r.open(), 0);
-            for (uint32_t i = 0; i < 1000; i++) {
-                ASSERT_EQ(r.video(i * 33 + i % 3, 40 + i * 13 % 90, i % 10 == 0), 0);
-                ASSERT_EQ(r.audio(i * 33 + 2, 20 + i * 7 % 30), 0);
-            }
-            ASSERT_EQ(r.close(), 0) << r.message();
-            const Bytes &file = world.files["out.mp4"].bytes;
-            reference = reference.empty() ? file : reference;
-            EXPECT_TRUE(file == reference) << static_cast<int>(layout) << " " << close_memory;
-            EXPECT_EQ(leftovers(), "");
-        }
-    }
-}
-
 // Moves a recording on as if it had written media data; the file keeps none of it.
 void skip(recording &r, uint64_t bytes)
 {
