@@ -3,7 +3,6 @@
 #include "tests/support/mux_recording.h"
 
 #include <algorithm>
-#include <cstring>
 #include <span>
 
 using namespace mux_test;
@@ -76,7 +75,7 @@ class AvcConfig : public MuxTest {
         ASSERT_EQ(isom_write_avcc(&mux, data.data(), static_cast<int32_t>(data.size())), 0);
         const Bytes expected = expected_record(data);
         if (mux.m_Bs.m_uiFill != expected.size() ||
-            std::memcmp(cache.data(), expected.data(), expected.size()) != 0) {
+            !std::equal(expected.begin(), expected.end(), cache.begin())) {
             FAIL() << hex({data.begin(), data.end()}) << " should give " << hex(expected);
         }
     }
