@@ -72,6 +72,8 @@ static int32_t refill(mp4_mux_bs_t *bs, const read_messages &messages)
     const size_t got = bs->m_pstMux->m_stFile.m_pfnFread(
         bs->m_pbyCache, 1, static_cast<size_t>(bs->m_iCacheSize), bs->m_hFile);
     if (got == 0) {
+        bs->m_uiFill = 0; // the bytes read before lie before m_llFilePos now
+        bs->m_uiValid = 0;
         return bs_fail(bs, MUX_ERR_EOF, messages.end);
     }
     bs->m_uiValid = static_cast<uint32_t>(got);

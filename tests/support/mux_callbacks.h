@@ -3,7 +3,7 @@
 #ifndef TESTS_SUPPORT_MUX_CALLBACKS_H
 #define TESTS_SUPPORT_MUX_CALLBACKS_H
 
-#include "mp4mux/mp4_mux.h"
+#include "mp4mux/mux_context.h"
 #include "tests/support/programme.h"
 
 #include <map>
@@ -47,6 +47,7 @@ void reset_world();
 std::string leftovers();
 
 mp4_mux_init_t make_callbacks(bool with_64bit);
+mp4_mux_t make_context(bool with_64bit); // a bare one with these callbacks
 int32_t append_whole_file(void *destination, void *source, int32_t reserved);
 
 // An open handle on a new file.
