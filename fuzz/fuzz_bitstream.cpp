@@ -14,27 +14,27 @@ using mux_test::world;
 struct Reader {
     mp4_mux_bs_t bs = {};
     Bytes file;
-    uint64_t at = 0;        // of the next byte, in the array
+    size_t at = 0;          // of the next byte, in the array
     bool is_checked = true; // no callback fails
 
     void promise(bool holds, const char *what) const
     {
         require(holds || !is_checked, what);
     }
-    bool has(uint64_t count) const
+    bool has(size_t count) const
     {
         return at <= file.size() && count <= file.size() - at;
     }
     // Bytes that were read or looked at are those of the array.
-    void compare(const uint8_t *bytes, uint64_t count) const
+    void compare(const uint8_t *bytes, size_t count) const
     {
         promise(!has(count) || std::equal(bytes, bytes + count, file.data() + at), "the bytes");
     }
     // A read that finds too little ends behind what there is.
-    void finish_read(bool fits, int32_t result, uint64_t count)
+    void finish_read(bool fits, int32_t result, size_t count)
     {
         promise(fits ? result >= 0 : result == MUX_ERR_EOF, "a read or the end");
-        at = fits ? at + count : std::max<uint64_t>(at, file.size());
+        at = fits ? at + count : std::max(at, file.size());
     }
 };
 
@@ -54,7 +54,7 @@ static void read_number(Reader &reader, int32_t (*function)(mp4_mux_bs_t *, T *)
 static void read_value(Reader &reader)
 {
     uint64_t zigzag = 0;
-    uint64_t size = 0;
+    size_t size = 0;
     bool is_over = false; // the number, within 64 bits
     while (!is_over && size < 10 && reader.has(size + 1)) {
         const uint64_t byte = reader.file[reader.at + size];
@@ -73,7 +73,7 @@ static void read_value(Reader &reader)
     reader.finish_read(is_over, result, size);
 }
 
-static void move(Reader &reader, uint64_t to, int32_t result)
+static void move(Reader &reader, size_t to, int32_t result)
 {
     const int32_t expected = to < reader.file.size() ? 0 : MUX_ERR_EOF;
     reader.promise(result == expected || to == reader.at || to == reader.file.size(), "a move");

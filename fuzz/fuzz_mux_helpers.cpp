@@ -94,7 +94,8 @@ static void compare_texts(Input &input)
 
 static void convert_times(Input &input)
 {
-    const uint32_t seconds = static_cast<uint32_t>(input.number(4));
+    const uint32_t in_reach = sizeof(time_t) > 4 ? UINT32_MAX : INT32_MAX; // of the C library
+    const uint32_t seconds = static_cast<uint32_t>(input.number(4)) & in_reach;
     const time_t time = static_cast<time_t>(seconds);
     struct tm expected = {};
     gmtime_r(&time, &expected);
