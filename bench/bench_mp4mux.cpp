@@ -171,6 +171,9 @@ static double wall_seconds()
     std::exit(1);
 }
 
+// A promise that a recording broke, or null. All figures are shown before it ends the program.
+static const char *broken_promise;
+
 struct recording_times {
     double frames = 0; // CPU seconds
     std::array<double, 10> tenths = {};
@@ -206,18 +209,21 @@ static recording_times record(const std::string &name, uint32_t frames, uint32_t
     mp4_mux_closemem_t lent = {close_memory.data(), kCloseBytes};
     const double start = cpu_seconds();
     const double wall_start = wall_seconds();
-    if (QVR_MP4_MUX(MUX_CLOSE, &handle, &lent, nullptr) != 0 ||
-        allocations != allocations_at_open) {
-        give_up("the close failed or a frame allocated");
+    if (QVR_MP4_MUX(MUX_CLOSE, &handle, &lent, nullptr) != 0) {
+        give_up("the close failed");
     }
     times.close = cpu_seconds() - start;
     times.close_wall = wall_seconds() - wall_start;
     times.allocations = static_cast<double>(allocations - allocations_at_open);
     times.writes_a_cache = static_cast<double>(writes) /
                            std::ceil(static_cast<double>(source.media_bytes) / kOutputCacheBytes);
-    if (writes > source.media_bytes / kOutputCacheBytes + 1 ||
-        std::abs(static_cast<double>(estimate) - static_cast<double>(output_bytes)) > 64) {
+    if (std::abs(static_cast<double>(estimate) - static_cast<double>(output_bytes)) > 64) {
         give_up("the file is not the expected one");
+    }
+    if (times.allocations != 0) {
+        broken_promise = "a frame allocated";
+    } else if (writes > source.media_bytes / kOutputCacheBytes + 1) {
+        broken_promise = "a cache was written more than once";
     }
     return times;
 }
@@ -443,5 +449,8 @@ int main(int argc, char **argv)
     std::remove(path("out.mp4").c_str());
     std::remove(path("copy.mp4").c_str());
     rmdir(name);
+    if (broken_promise != nullptr) {
+        give_up(broken_promise);
+    }
     return 0;
 }

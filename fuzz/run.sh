@@ -9,7 +9,8 @@ seconds=$1
 shift
 cmake --preset fuzz -D TDMBREC_WARNINGS_AS_ERRORS=ON > /dev/null
 cmake --build --preset fuzz -- --quiet
-all="fuzz_aacenc fuzz_access_unit fuzz_frame_fifo fuzz_mp4_reader fuzz_mp4mux fuzz_recording"
+all="fuzz_aacenc fuzz_access_unit fuzz_bitstream fuzz_frame_fifo fuzz_mp4_reader fuzz_mp4mux
+    fuzz_mux_helpers fuzz_recording"
 for name in ${*:-$all}; do
     log=build/fuzz/$name.log
     mkdir -p "build/fuzz/corpus/$name"

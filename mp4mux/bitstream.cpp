@@ -52,6 +52,14 @@ int32_t bs_fail_to_close(const mp4_mux_bs_t *bs)
                                   bs->m_pstError);
 }
 
+int32_t bs_fail_to_seek(const mp4_mux_bs_t *bs)
+{
+    return bs_fail(bs, MUX_ERR_SEEK,
+                   bs->m_pstMux->m_stFile.m_pfnFseek64 != nullptr
+                       ? "can't seek to SEEK_SET in fseek64(bs_fseek)"
+                       : "can't seek to SEEK_SET in fseek(bs_fseek)");
+}
+
 int32_t bs_refresh(mp4_mux_bs_t *bs, const char *message)
 {
     if (bs->m_hFile == nullptr) {
@@ -85,7 +93,7 @@ static int seek_file(const mp4_mux_bs_t *bs, int64_t position)
 int32_t bs_seek_file(mp4_mux_bs_t *bs, int64_t position)
 {
     if (!can_seek_to(bs, position)) {
-        return bs_fail(bs, MUX_ERR_SEEK, "can't seek to SEEK_SET in fseek(bs_fseek)");
+        return bs_fail_to_seek(bs);
     }
     bs->m_llFilePos = position;
     bs->m_pbyBase = nullptr;
@@ -275,6 +283,11 @@ int32_t mp4_mux_bs_write_flush(mp4_mux_bs_t *bs)
     }
     const int32_t result = make_room(bs, kFlushMessages);
     return result < 0 ? result : static_cast<int32_t>(bs->m_uiValid);
+}
+
+bool bs_write_out(mp4_mux_bs_t *bs)
+{
+    return mp4_mux_bs_write_flush(bs) >= 0 || bs->m_uiFill == 0;
 }
 
 int32_t mp4_mux_bs_write_fseek_reset(mp4_mux_bs_t *bs, int64_t position)

@@ -32,7 +32,7 @@ struct mp4_mux_bs_t {
     mp4_mux_last_error_t *m_pstError;
     int32_t m_bCloseFailed; // nonzero: closing m_hFile failed, so that it is closed no more
     int32_t m_bSeekDue;     // nonzero: the file need not stand at m_llFilePos, seek before writing
-    int32_t m_bTorn;        // nonzero: bytes could not be written and are missing in the file
+    int32_t m_bTorn;        // nonzero: bytes are missing in the file, or a box in it is not whole
 };
 
 // Opening and closing

@@ -24,6 +24,10 @@ int32_t bs_fail(const mp4_mux_bs_t *bs, int32_t code, const char *message);
 // returns  MUX_ERR_CLOSE
 int32_t bs_fail_to_close(const mp4_mux_bs_t *bs);
 
+// Records that the open file could not be sought.
+// returns  MUX_ERR_SEEK
+int32_t bs_fail_to_seek(const mp4_mux_bs_t *bs);
+
 // Sets m_llFilePos from the file, if one is open.
 // returns  0, or MUX_ERR_SEEK with the message
 [[nodiscard]] int32_t bs_refresh(mp4_mux_bs_t *bs, const char *message);
@@ -31,6 +35,10 @@ int32_t bs_fail_to_close(const mp4_mux_bs_t *bs);
 // Empties the cache and seeks the open file.
 // returns  the callback's result, or MUX_ERR_SEEK for a position that it cannot express
 [[nodiscard]] int32_t bs_seek_file(mp4_mux_bs_t *bs, int64_t position);
+
+// Writes the cached bytes to the file; that it cannot tell its position afterwards costs nothing.
+// returns  whether all of them are stored
+[[nodiscard]] bool bs_write_out(mp4_mux_bs_t *bs);
 
 // Makes an earlier position the next one to write: what was written behind it is overwritten. Calls
 // nothing; a file that has to seek for it does so before its next write.

@@ -72,6 +72,8 @@ static int32_t refill(mp4_mux_bs_t *bs, const read_messages &messages)
     const size_t got = bs->m_pstMux->m_stFile.m_pfnFread(
         bs->m_pbyCache, 1, static_cast<size_t>(bs->m_iCacheSize), bs->m_hFile);
     if (got == 0) {
+        bs->m_uiFill = 0; // the bytes read before lie before m_llFilePos now
+        bs->m_uiValid = 0;
         return bs_fail(bs, MUX_ERR_EOF, messages.end);
     }
     bs->m_uiValid = static_cast<uint32_t>(got);
@@ -194,10 +196,7 @@ int32_t mp4_mux_bs_fseek(mp4_mux_bs_t *bs, int64_t position)
         return bs_fail(bs, MUX_ERR_EOF, kSeekMessages.end);
     }
     if (mp4_mux_bs_fseek_reset(bs, position) != 0) {
-        return bs_fail(bs, MUX_ERR_SEEK,
-                       bs->m_pstMux->m_stFile.m_pfnFseek64 != nullptr
-                           ? "can't seek to SEEK_SET in fseek64(bs_fseek)"
-                           : "can't seek to SEEK_SET in fseek(bs_fseek)");
+        return bs_fail_to_seek(bs);
     }
     return refill(bs, kSeekMessages);
 }

@@ -39,7 +39,8 @@ void patch_in_cache(mp4_mux_bs_t *bs, int64_t position, uint32_t value)
     bs->m_uiFill = fill;
 }
 
-// Writes a 32-bit value at a position that has left the cache and returns to the end.
+// Writes a 32-bit value at a position that has left the cache and returns to the end. A value that
+// is missing afterwards, or a lost end, marks the bitstream as torn.
 // returns  null, or the tag of the step that failed
 static const char *patch_in_file(mp4_mux_bs_t *bs, int64_t position, uint32_t value)
 {
@@ -48,13 +49,16 @@ static const char *patch_in_file(mp4_mux_bs_t *bs, int64_t position, uint32_t va
         if (bs->m_uiFill == 0) { // flushed, but not sought: what follows still belongs at the end
             (void)mp4_mux_bs_fseek_reset(bs, end);
         }
+        bs->m_bTorn = 1;
         return "<update_size1";
     }
     mp4_mux_bs_write_be32(bs, value);
     const bool stored = bs_position(bs) == position + 4;
     if (!stored || mp4_mux_bs_write_fseek_reset(bs, end) != 0) {
         // What follows must not land on the box's first bytes: give the size up, not the place.
-        (void)mp4_mux_bs_fseek_reset(bs, end);
+        if (mp4_mux_bs_fseek_reset(bs, end) != 0 || !stored) {
+            bs->m_bTorn = 1;
+        }
         return stored ? "<update_size3" : "<update_size2";
     }
     return nullptr;

@@ -42,7 +42,8 @@ void patch_in_cache(mp4_mux_bs_t *bs, int64_t position, uint32_t value);
 
 // Writes the size of the box that starts at the given position and ends at the current one.
 // returns  the size, or the error record's code after a failed patch: the bitstream stands behind
-//          the box all the same. Tags: "<update_size1", "<update_size2", "<update_size3".
+//          the box all the same, and is marked as torn when the size is missing. Tags:
+//          "<update_size1", "<update_size2", "<update_size3".
 [[nodiscard]] int32_t update_size(mp4_mux_bs_t *bs, int64_t start);
 
 #endif // MP4MUX_BOX_WRITER_H

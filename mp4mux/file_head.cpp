@@ -110,5 +110,6 @@ int32_t mp4_mux_open(mp4_mux_t *mux)
     mp4_mux_bs_write_tag(bs, mux->m_iFileType == FILE_TYPE_QUICKTIME ? "wide" : "free");
     mux->m_uiMdatPos = static_cast<uint32_t>(bs_position(bs));
     (void)begin_box(bs, "mdat"); // its size is written at the close
+    mux->m_bTornHead = bs->m_bTorn;
     return 0;
 }

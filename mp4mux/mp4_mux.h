@@ -210,9 +210,10 @@ typedef struct mp4_mux_error_t {
 // MUX_PUTFRAME        appends one frame; param2 receives the size that the finished file will have.
 //                     A frame whose place in the file the offsets or the seek callback cannot
 //                     express is refused with MUX_ERR_INVALID; the file can still be closed.
-// MUX_CLOSE           writes the movie box, releases everything and clears *handle. After a failure
-//                     the handle stays for the error query; one more MUX_CLOSE then only releases
-//                     what is left, and clears *handle. A file without frames gets no movie box.
+// MUX_CLOSE           writes the movie box, releases everything and clears *handle. It fails when
+//                     the file is not whole, from its head to its last box. After a failure the
+//                     handle stays for the error query; one more MUX_CLOSE then only releases what
+//                     is left, and clears *handle. A file without frames gets no movie box.
 // MUX_GET_LAST_ERROR  returns the last error. The record is cleared by MUX_PUTFRAME and MUX_CLOSE.
 // MUX_GET_VERSION     copies MUX_VERSION_LENGTH characters to param1, MUX_BUILD_DATE_LENGTH digits
 //                     (year, month, day) to param2, each with its terminator.

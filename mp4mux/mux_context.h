@@ -139,6 +139,7 @@ struct mp4_mux_t {
     int64_t m_llPendingPos;          // append mode: position of the last table box
     uint32_t m_uiPendingSize;        // and its size
     int32_t m_iState;                // MUX_STATE_…
+    int32_t m_bTornHead;             // the file's head is not whole
 };
 
 static_assert(std::is_trivially_copyable_v<mp4_mux_track_t>);

@@ -10,7 +10,7 @@
 static constexpr int32_t kFileType3g2a = 4;
 static constexpr int32_t kOwnCacheBytes = 0x54000;
 static constexpr uint64_t kSecondsFrom1904To1970 = 2082844800;
-static constexpr uint32_t kMaxCompatibleBrands = 1024;
+static constexpr uint64_t kMaxHeadBytes = INT32_MAX / 2; // frames must be in reach of 32-bit seeks
 
 static int32_t fail(mp4_mux_t *mux, int32_t code, const char *message)
 {
@@ -71,19 +71,20 @@ static void copy_parameters(mp4_mux_t *mux, const mp4_mux_init_t *init)
     }
 }
 
-static const char *fault_in_user_boxes(const mp4_mux_input_t *input)
+// head_bytes: what the head holds beside the boxes.
+static const char *fault_in_user_boxes(const mp4_mux_input_t *input, uint64_t head_bytes)
 {
     if (input->m_uiUserBoxCount != 0 && input->m_pstUserBox == nullptr) {
         return "mp4_mux_userbox_t's value is NULL";
     }
-    uint64_t total = 0;
+    uint64_t total = head_bytes;
     for (uint32_t i = 0; i < input->m_uiUserBoxCount; i++) {
         const mp4_mux_userbox_t &box = input->m_pstUserBox[i];
         if (box.m_uiSize != 0 && box.m_pbyData == nullptr) {
             return "mp4_mux_userbox_t's data is NULL";
         }
         total += box.m_uiSize;
-        if (total > INT32_MAX / 2) { // the media data must still be in reach of 32-bit seeks
+        if (total > kMaxHeadBytes) {
             return "mp4_mux_userbox_t's data is too large";
         }
     }
@@ -103,10 +104,11 @@ static const char *fault_in_input(const mp4_mux_input_t *input)
     if (ftyp != nullptr && ftyp->m_uiCompatibleCount != 0 && ftyp->m_puiCompatible == nullptr) {
         return "mp4_mux_ftyp_t's value is NULL";
     }
-    if (ftyp != nullptr && ftyp->m_uiCompatibleCount > kMaxCompatibleBrands) {
+    const uint64_t brands_bytes = ftyp != nullptr ? uint64_t{4} * ftyp->m_uiCompatibleCount : 0;
+    if (brands_bytes > kMaxHeadBytes) {
         return "mp4_mux_ftyp_t has too many brands";
     }
-    return fault_in_user_boxes(input);
+    return fault_in_user_boxes(input, brands_bytes);
 }
 
 static int32_t check_arguments(mp4_mux_t *mux, const mp4_mux_input_t *input)

@@ -135,10 +135,10 @@ static trailer_result write_trailer(mp4_mux_t *mux)
         return TRAILER_FAILED;
     }
     bs->m_bTorn = 0; // bytes that frames are missing belong to no sample
-    if (write_moov_box(mux) < 0 || mp4_mux_bs_write_flush(bs) < 0) {
+    if (write_moov_box(mux) < 0 || !bs_write_out(bs)) {
         return TRAILER_FAILED;
     }
-    // A movie box with bytes missing is no use to any reader.
+    // A movie box with a byte, a size or a table missing is no use to any reader.
     return bs->m_bTorn != 0 ? TRAILER_FAILED : TRAILER_WRITTEN;
 }
 
@@ -193,25 +193,35 @@ static int32_t release_all(mp4_mux_t *mux)
     return 0;
 }
 
+// Of all failures only a seek is not recorded where it happens. The tags it has met stay.
+static void record_failed_seek(mp4_mux_t *mux)
+{
+    const mp4_mux_last_error_t met = mux->m_stLastError;
+    bs_fail_to_seek(mux->m_pBs);
+    mp4_mux_add_err_string(met.m_szMessage, &mux->m_stLastError);
+}
+
 // What ends the file: the trailer, or for a file without frames the head that is still cached.
 static int32_t finish_file(mp4_mux_t *mux)
 {
     trailer_result result = TRAILER_WRITTEN;
     if (static_cast<int64_t>(mux->m_ullMediaSize) > 0) {
         result = write_trailer(mux);
-    } else if (mp4_mux_bs_write_flush(mux->m_pBs) < 0) {
+    } else if (!bs_write_out(mux->m_pBs)) {
         result = TRAILER_FAILED;
     }
-    if (result == TRAILER_WRITTEN) {
+    if (result == TRAILER_WRITTEN && mux->m_bTornHead == 0) {
         return 0;
+    }
+    if (result == TRAILER_WRITTEN) {
+        bs_fail(mux->m_pBs, MUX_ERR_WRITE, "the file's head is not whole");
+    } else if (mux->m_stLastError.m_iCode == 0) {
+        record_failed_seek(mux);
     }
     if (result == TRAILER_FAILED) {
         mp4_mux_add_err_string("<write_trailer", &mux->m_stLastError);
     }
-    if (mux->m_stLastError.m_iCode < 0) {
-        mp4_mux_add_err_string("<mp4_mux_close", &mux->m_stLastError);
-    }
-    return mux->m_stLastError.m_iCode;
+    return mp4_mux_add_err_string("<mp4_mux_close", &mux->m_stLastError);
 }
 
 int32_t mp4_mux_close(mp4_mux_t *mux)

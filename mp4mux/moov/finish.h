@@ -9,7 +9,8 @@
 // Completes the scratch tables, sets the size of the media data, appends the movie box, and
 // releases the scratch files, the tracks and the context. A file without frames only gets its head.
 //
-// Failures inside the track boxes do not stop it: they cost that track, not the file.
+// A failure inside the movie box does not stop it: what else the box holds is written all the same.
+// But a file that is not whole, from its head to its last box, is never reported as closed.
 //
 // returns  0: the context is gone; or the error record's code: what was not yet released is left to
 //          mp4_mux_release. Tags: "<write_trailer", "<mp4_mux_close", "<mp4_mux_close.&…"

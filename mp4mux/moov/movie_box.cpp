@@ -199,22 +199,22 @@ static const char *write_size_at(mp4_mux_bs_t *bs, int64_t position, uint32_t si
     if (bs_position(bs) != position + 4) {
         return "<update_write_size2";
     }
-    return mp4_mux_bs_write_flush(bs) < 0 ? "<update_write_size3" : nullptr;
+    return bs_write_out(bs) ? nullptr : "<update_write_size3";
 }
 
-// returns  0, or the error record's code, which is 0 as well after a seek that failed silently
+// returns  0, or the error record's code, which is 0 as well after a seek that failed; a size that
+//          is missing marks the bitstream as torn
 static int32_t write_moov_size(mp4_mux_t *mux, int64_t start, uint32_t size)
 {
     mp4_mux_bs_t *bs = mux->m_pBs;
     if (is_in_cache(bs, start)) {
         patch_in_cache(bs, start, size);
-        if (mp4_mux_bs_write_flush(bs) < 0) {
-            return mp4_mux_add_err_string("<update_moov_size2", &mux->m_stLastError);
-        }
-        return 0;
+        return bs_write_out(bs) ? 0
+                                : mp4_mux_add_err_string("<update_moov_size2", &mux->m_stLastError);
     }
     const char *failed = write_size_at(bs, start, size);
     if (failed != nullptr) {
+        bs->m_bTorn = 1;
         mp4_mux_add_err_string(failed, bs->m_pstError);
         return mp4_mux_add_err_string("<update_moov_size3", &mux->m_stLastError);
     }
@@ -231,6 +231,7 @@ static int32_t write_deferred_sizes(mp4_mux_t *mux, int32_t type, const char *ta
         const char *failed =
             write_size_at(mux->m_pBs, p_track->m_llTrakPos, p_track->m_uiTrakSizeDeferred);
         if (failed != nullptr) {
+            mux->m_pBs->m_bTorn = 1;
             mp4_mux_add_err_string(failed, mux->m_pBs->m_pstError);
             return mp4_mux_add_err_string(tag, &mux->m_stLastError);
         }

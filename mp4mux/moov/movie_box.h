@@ -11,8 +11,8 @@ inline constexpr int64_t kMaxShortDuration = 0x7FFFFFFE; // beyond it a header t
 
 // Writes the movie box at the current end of the output, patches all sizes and flushes. The output
 // may stand anywhere afterwards.
-// returns  the box's size, or the error record's code when a size could not be written; failures
-//          inside the boxes are in the error record only
+// returns  the box's size, or the error record's code when a size could not be written; a failure
+//          inside the boxes is in the error record, and marks the bitstream as torn
 // source   ISO/IEC 14496-12, 8.2
 [[nodiscard]] int64_t write_moov_box(mp4_mux_t *mux);
 

@@ -84,6 +84,7 @@ static int32_t write_records(mp4_mux_t *mux, mp4_mux_track_t *p_track, const tab
     const int64_t records_bytes = int64_t{table.count} * table.record_bytes;
     const int64_t box_bytes = table.header_bytes + records_bytes;
     mp4_mux_bs_t *bs = header_target(mux, table.scratch);
+    const int64_t records_start = bs_position(bs) + table.header_bytes;
 
     mp4_mux_bs_write_be32(bs, static_cast<uint32_t>(box_bytes)); // unsigned int(32) size;
     mp4_mux_bs_write_tag(bs, table.type);                        // unsigned int(32) type;
@@ -93,7 +94,9 @@ static int32_t write_records(mp4_mux_t *mux, mp4_mux_track_t *p_track, const tab
     }
     mp4_mux_bs_write_be32(bs, table.count); // unsigned int(32) entry_count; the records
     if (mux->m_pfnAppendFile != nullptr) {
-        return append_file(mux, p_track, table.scratch, box_bytes, table.name);
+        return bs_position(bs) == records_start
+                   ? append_file(mux, p_track, table.scratch, box_bytes, table.name)
+                   : MUX_ERR_WRITE; // recorded where a byte was dropped
     }
     return bs_direct_copy(mux->m_pBs, table.scratch, records_bytes, table.name);
 }
@@ -227,6 +230,9 @@ int32_t write_stbl_box(mp4_mux_t *mux, mp4_mux_track_t *p_track)
     const int64_t start = begin_box(mux->m_pBs, "stbl");
     const int32_t result = write_tables(mux, p_track);
     if (result < 0) {
+        if (result != MUX_ERR_CLOSE) { // the release meets that file again and reports it
+            mux->m_pBs->m_bTorn = 1;
+        }
         return tag_failure(mux, "<write_stbl_box", result);
     }
     return update_size(mux->m_pBs, start);

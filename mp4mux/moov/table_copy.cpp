@@ -93,8 +93,9 @@ static int32_t share_cache_block(mp4_mux_t *mux, mp4_mux_bs_t *scratch, int64_t 
     if (flushed < 0) {
         return flushed;
     }
-    const int64_t part = work - need > kMinOutputCacheBytes ? need : work / 2;
-    const int64_t rest = part == need ? work - need : work / 2;
+    const bool is_held = work - need > kMinOutputCacheBytes;
+    const int64_t part = is_held ? need : work / 2;
+    const int64_t rest = is_held ? work - need : work / 2;
     return lay_caches(mux->m_pBs, mux->m_pCache + part, rest, scratch, mux->m_pCache, part);
 }
 
@@ -244,7 +245,7 @@ static int32_t append_scratch_file(mp4_mux_t *mux, mp4_mux_bs_t *scratch, int64_
     out->m_bSeekDue = 1; // the callback moves the file
     const int32_t gap = mux->m_pfnAppendFile(out->m_hFile, scratch->m_hFile, 0);
     if (gap < 0) {
-        return MUX_ERR_APPEND;
+        return bs_fail(out, MUX_ERR_APPEND, "");
     }
     scratch->m_hFile = nullptr; // the callback has closed it
     if (mux->m_stFile.m_pfnRemove != nullptr) {

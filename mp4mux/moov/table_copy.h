@@ -35,7 +35,7 @@
 // Puts a scratch table that begins with its box header into the output: a file through the append
 // callback, a table without one by copying. length is the box's size. Where the appended data lies
 // beyond the box before it, that box is made to reach there.
-// returns  0 or a negative code; tag "<append_file"; MUX_ERR_APPEND without a tag
+// returns  0 or a negative code; tag "<append_file"; MUX_ERR_APPEND without a message or a tag
 [[nodiscard]] int32_t append_file(mp4_mux_t *mux, mp4_mux_track_t *p_track, mp4_mux_bs_t *scratch,
                                   int64_t length, const char *name);
 

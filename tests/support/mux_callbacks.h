@@ -3,7 +3,7 @@
 #ifndef TESTS_SUPPORT_MUX_CALLBACKS_H
 #define TESTS_SUPPORT_MUX_CALLBACKS_H
 
-#include "mp4mux/mp4_mux.h"
+#include "mp4mux/mux_context.h"
 #include "tests/support/programme.h"
 
 #include <map>
@@ -12,13 +12,13 @@
 namespace mux_test {
 
 // Both the 32-bit and the 64-bit function of a name count as the same kind.
-enum class call { malloc, realloc, fopen, fread, fseek, ftell, fclose, fwrite, append };
+enum class call { malloc, realloc, fopen, fread, fseek, ftell, fclose, fwrite, append, remove };
 
 struct failure {
     call kind = call::malloc;
     uint32_t at = 0; // the n-th call fails, counted from 1; 0 for none
     bool from_then_on = false;
-    bool partial = false; // a write stores half of its bytes
+    bool partial = false; // a write or read passes half of its bytes
 };
 
 // A file is its own handle.
@@ -47,6 +47,7 @@ void reset_world();
 std::string leftovers();
 
 mp4_mux_init_t make_callbacks(bool with_64bit);
+mp4_mux_t make_context(bool with_64bit); // a bare one with these callbacks
 int32_t append_whole_file(void *destination, void *source, int32_t reserved);
 
 // An open handle on a new file.

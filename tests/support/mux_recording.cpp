@@ -178,16 +178,4 @@ std::string check_samples(const recording &r)
     return "";
 }
 
-mp4_mux_t make_context(bool with_64bit)
-{
-    const mp4_mux_init_t c = make_callbacks(with_64bit);
-    mp4_mux_t mux = {};
-    mux.m_stMem = {c.m_pfnMalloc, c.m_pfnFree,   nullptr,       c.m_pfnMemcpy,
-                   nullptr,       c.m_pfnMemset, c.m_pfnRealloc};
-    mux.m_stFile = {c.m_pfnFopen,  c.m_pfnFread,   c.m_pfnFseek,  c.m_pfnFtell,
-                    c.m_pfnFclose, nullptr,        nullptr,       c.m_pfnFwrite,
-                    c.m_pfnRemove, c.m_pfnFseek64, c.m_pfnFtell64};
-    return mux;
-}
-
 } // namespace mux_test

@@ -3,7 +3,6 @@
 #ifndef TESTS_SUPPORT_MUX_RECORDING_H
 #define TESTS_SUPPORT_MUX_RECORDING_H
 
-#include "mp4mux/mux_context.h"
 #include "tests/support/mux_callbacks.h"
 
 #include <gmock/gmock.h>
@@ -78,9 +77,6 @@ struct recording {
 // frame whose put failed may be there as well.
 // returns  the first difference; empty when there is none
 std::string check_samples(const recording &r);
-
-// A bare context with these callbacks.
-mp4_mux_t make_context(bool with_64bit);
 
 } // namespace mux_test
 
