@@ -95,7 +95,10 @@ run_step() {
     bench)
         build release release
         for program in build/release/bin/bench_*; do
-            "$program" --benchmark_min_time=0.01
+            "$program" --benchmark_min_time=0.01 --benchmark_out=build/release/bench.json
+            # A benchmark that has failed does not make its program fail.
+            ! grep -B 9 '"error_occurred": true' build/release/bench.json >&2 ||
+                fail 'a benchmark has failed'
         done
         ;;
     fuzz)

@@ -8,7 +8,11 @@ set -eu
 probe='mount -t tmpfs none /mnt && mkdir /mnt/sdcard && mount --bind / /mnt/sdcard'
 
 may_mount() {
-    reason=$(unshare -m sh -c "$probe" 2>&1) || reason=$(unshare -rm sh -c "$probe" 2>&1)
+    as_user=
+    [ "$(id -u)" = 0 ] || as_user=-r
+    reason=$(unshare -m $as_user sh -c "$probe" 2>&1) && return
+    reason=$(printf '%s\n' "$reason" | sed 's/^unshare: unshare failed/unshare/;1q')
+    return 1
 }
 
 case ${1:-} in
@@ -30,8 +34,8 @@ command)
 tests)
     may_mount && exit 0
     echo "The tests mount memory file systems in mount namespaces of their own, which this system" \
-        "does not allow ($reason); run them on a real or virtual machine, or in a container that" \
-        "may mount (one started with --privileged)." >&2
+        "does not allow ($reason); run them on a real or virtual machine, in a container that may" \
+        "mount (one started with --privileged), or in a chroot that is a mount point." >&2
     ;;
 esac
 exit 1
