@@ -70,7 +70,10 @@ check_format() {
 # The README's first command, and the end of its output as the README has it.
 check_try() {
     mkdir -p build
-    sh scripts/try.sh -D TDMBREC_WARNINGS_AS_ERRORS=ON > build/try.log
+    if ! sh scripts/try.sh -D TDMBREC_WARNINGS_AS_ERRORS=ON > build/try.log; then
+        tail -n 50 build/try.log >&2
+        fail 'scripts/try.sh has failed'
+    fi
     tail -n 3 build/try.log | while IFS= read -r line; do
         grep -qxF -e "$line" README.md || fail "not as in the README: $line"
     done
@@ -130,7 +133,7 @@ done
 missing=$(sh scripts/install_dependencies.sh --missing tests)
 echo "The steps are: $steps. All steps together take about 20 minutes on two cores."
 if [ -n "$missing" ]; then
-    echo "First these Debian packages are installed, with what they need; about 5 minutes: $missing"
+    echo "First these Debian packages are installed, with what they need, in about 5 minutes: $missing"
 fi
 sh scripts/install_dependencies.sh tests
 for step in $steps; do
