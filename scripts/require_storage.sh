@@ -5,19 +5,20 @@
 #   sh scripts/require_storage.sh tests      for the tests: memory file systems of their own
 set -eu
 
-probe='mount -t tmpfs none /mnt && mkdir /mnt/sdcard && mount --bind / /mnt/sdcard'
+probe='mount -t tmpfs none /mnt && mkdir /mnt/sdcard /mnt/folder && mount --bind /mnt/folder /mnt/sdcard'
 
+# may_mount OPTION: in a namespace of this kind.
 may_mount() {
-    as_user=
-    [ "$(id -u)" = 0 ] || as_user=-r
-    reason=$(unshare -m $as_user sh -c "$probe" 2>&1) && return
+    reason=$(unshare "$1" sh -c "$probe" 2>&1) && return
     reason=$(printf '%s\n' "$reason" | sed 's/^unshare: unshare failed/unshare/;1q')
     return 1
 }
 
 case ${1:-} in
 command)
-    may_mount && exit 0
+    kind=-m
+    [ "$(id -u)" = 0 ] || kind=-rm
+    may_mount $kind && exit 0
     if [ -d /mnt/sdcard ]; then
         [ -w /mnt/sdcard ] && exit 0
     elif [ ! -e /mnt/sdcard ] && [ -w /mnt ]; then
@@ -32,10 +33,10 @@ command)
     fi
     ;;
 tests)
-    may_mount && exit 0
-    echo "The tests mount memory file systems in mount namespaces of their own, which this system" \
-        "does not allow ($reason); run them on a real or virtual machine, in a container that may" \
-        "mount (one started with --privileged), or in a chroot that is a mount point." >&2
+    may_mount -rm && exit 0
+    echo "The tests mount memory file systems in user and mount namespaces of their own, which this" \
+        "system does not allow ($reason); run them on a real or virtual machine, or in a container" \
+        "that may mount (one started with --privileged), not in a chroot." >&2
     ;;
 esac
 exit 1
