@@ -8,15 +8,12 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
-#include <sched.h>
 #include <sys/file.h>
-#include <sys/mount.h>
 #include <sys/sendfile.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 
-static constexpr char storage_mount[] = "/mnt/sdcard";
 static constexpr char card_name[] = "tflash";
 static constexpr char card_property[] = "qvr.sdcard.db.status";
 
@@ -24,39 +21,9 @@ static constexpr char card_property[] = "qvr.sdcard.db.status";
 static constexpr const char *component_files[] = {"a_stco.tmp", "a_stsz.tmp", "v_stco.tmp",
                                                   "v_stsz.tmp", "v_stss.tmp", "v_stts_dts.tmp"};
 
-static bool isolated; // this process has a mount namespace of its own
-
 [[noreturn]] static void fail(exit_code code, const std::string &what)
 {
     throw failure(code, what + ": " + std::strerror(errno));
-}
-
-static bool write_file(const char *path, const std::string &text)
-{
-    const int file = open(path, O_WRONLY | O_CLOEXEC);
-    if (file < 0) {
-        return false;
-    }
-    const ssize_t written = write(file, text.data(), text.size());
-    close(file);
-    return written == static_cast<ssize_t>(text.size());
-}
-
-// In the new user namespace everyone keeps their numbers.
-static bool enter_user_namespace(void)
-{
-    const std::string uid = std::to_string(geteuid());
-    const std::string gid = std::to_string(getegid());
-    return unshare(CLONE_NEWUSER | CLONE_NEWNS) == 0 &&
-           write_file("/proc/self/setgroups", "deny") &&
-           write_file("/proc/self/uid_map", uid + " " + uid + " 1") &&
-           write_file("/proc/self/gid_map", gid + " " + gid + " 1");
-}
-
-void storage_isolate(void)
-{
-    isolated = (unshare(CLONE_NEWNS) == 0 || enter_user_namespace()) &&
-               mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
 }
 
 storage_root::~storage_root()
@@ -84,28 +51,11 @@ static void make_scratch(storage_root &root)
     }
 }
 
-// Puts the scratch directory at the component's storage path, for this process alone.
-static bool mount_scratch(const storage_root &root)
-{
-    struct stat status = {};
-    if (stat(storage_mount, &status) != 0 &&
-        (mount("tmpfs", "/mnt", "tmpfs", MS_NOSUID | MS_NODEV, "size=64k,mode=755") != 0 ||
-         mkdir(storage_mount, 0755) != 0)) {
-        return false;
-    }
-    const std::string scratch = "/proc/self/fd/" + std::to_string(root.scratch);
-    return mount(scratch.c_str(), storage_mount, nullptr, MS_BIND, nullptr) == 0;
-}
-
 static void use_storage_itself(storage_root &root)
 {
-    root.scratch = open(storage_mount, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    root.scratch = open(kStorageMount, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (root.scratch < 0 || faccessat(root.scratch, ".", W_OK | X_OK, AT_EACCESS) != 0) {
-        throw failure(exit_code::storage,
-                      "the recorder needs /mnt/sdcard, and this system allows no private mount "
-                      "namespace to provide it; make it with\n"
-                      "    sudo mkdir -p /mnt/sdcard\n"
-                      "    sudo chown \"$(id -u)\" /mnt/sdcard");
+        throw failure(exit_code::storage, storage_refusal(errno));
     }
     if (flock(root.scratch, LOCK_EX | LOCK_NB) != 0) {
         throw failure(exit_code::storage, "another recording is using /mnt/sdcard");
@@ -113,21 +63,22 @@ static void use_storage_itself(storage_root &root)
     root.record_name = "tdmbrec-" + std::to_string(getpid()) + ".mp4";
 }
 
-void storage_provide(storage_root &root, bool card)
+static void provide_folder(storage_root &root)
 {
-    if (isolated) {
-        make_scratch(root);
-        root.record_name = "recording.mp4";
-        if (!mount_scratch(root)) {
-            storage_discard(root);
-            close(root.scratch);
-            root.scratch = -1;
-            root.scratch_name.clear(); // what follows is the user's own folder
-        }
-    }
-    if (root.scratch < 0) {
+    make_scratch(root);
+    root.record_name = "recording.mp4";
+    if (!storage_show(root.scratch)) {
+        storage_discard(root);
+        close(root.scratch);
+        root.scratch = -1;
+        root.scratch_name.clear(); // what follows is the user's own folder
         use_storage_itself(root);
     }
+}
+
+void storage_provide(storage_root &root, bool card)
+{
+    provide_folder(root);
     if (card) {
         root.made_card = mkdirat(root.scratch, card_name, 0700) == 0;
         if (!root.made_card && errno != EEXIST) {
@@ -140,7 +91,7 @@ void storage_provide(storage_root &root, bool card)
 
 std::string storage_component_path(const storage_root &root)
 {
-    return std::string(storage_mount) + "/" + root.record_name;
+    return std::string(kStorageMount) + "/" + root.record_name;
 }
 
 uint64_t storage_free_bytes(const storage_root &root)
@@ -226,6 +177,7 @@ void storage_publish(storage_root &root)
 
 void storage_discard(storage_root &root)
 {
+    storage_hide();
     if (root.scratch < 0 || root.record_name.empty()) {
         return;
     }

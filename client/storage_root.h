@@ -1,13 +1,14 @@
 // The storage that the component records to, and the way from there to the output's place.
 //
-// The component accepts paths below /mnt/sdcard only and watches the free space there. So the
-// process enters a mount namespace of its own, in which /mnt/sdcard is a scratch directory beside
-// the output: what the component sees is the output's file system, and the finished file moves to
-// its place by a rename. Where namespaces are not allowed, a writable /mnt/sdcard serves as it is.
+// The component accepts paths below /mnt/sdcard only and watches the free space there. So it is
+// shown a scratch directory beside the output under that name: what it sees is the output's file
+// system, and the finished file moves to its place by a rename. Where that is not allowed, a
+// writable /mnt/sdcard serves as it is.
 #ifndef CLIENT_STORAGE_ROOT_H
 #define CLIENT_STORAGE_ROOT_H
 
 #include "client/output_place.h"
+#include "client/storage_view.h"
 
 #include <cstdint>
 #include <memory>
@@ -25,9 +26,6 @@ struct storage_root {
     storage_root &operator=(const storage_root &) = delete;
     ~storage_root(); // nothing of the recording stays, unless it was moved to its place
 };
-
-// Enters the private mount namespace where that is allowed. Call before any thread exists.
-void storage_isolate(void);
 
 // Checks that the file may be written, without touching anything. throws `failure`.
 std::unique_ptr<storage_root> storage_open(const std::string &output, bool force);

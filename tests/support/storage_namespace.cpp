@@ -58,7 +58,8 @@ int run_in_storage_namespace(int argc, char **argv)
         if (unshare_mounts() && mount_storage()) {
             return -1;
         }
-        perror("no private mount namespace for the storage");
+        perror("this program needs memory file systems at /mnt in a mount namespace of its own, "
+               "which this system does not allow");
         return 1;
     }
     int status = 0;
