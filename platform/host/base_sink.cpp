@@ -9,7 +9,7 @@
 
 static uint32_t load_word(const uint32_t &word)
 {
-    return std::atomic_ref(const_cast<uint32_t &>(word)).load();
+    return __atomic_load_n(&word, __ATOMIC_SEQ_CST);
 }
 
 OMX_STATETYPE omx_base_get_state(const omx_base_sink_PrivateType *pSink)
@@ -25,8 +25,8 @@ omx_base_transient_t omx_base_get_transient_state(const omx_base_sink_PrivateTyp
 void omx_base_set_state(omx_base_sink_PrivateType *pSink, OMX_STATETYPE eState,
                         omx_base_transient_t eTransientState)
 {
-    std::atomic_ref(pSink->eTransientState).store(eTransientState);
-    std::atomic_ref(pSink->eState).store(eState);
+    __atomic_store_n(&pSink->eTransientState, eTransientState, __ATOMIC_SEQ_CST);
+    __atomic_store_n(&pSink->eState, eState, __ATOMIC_SEQ_CST);
 }
 
 OMX_ERRORTYPE omx_base_find_sink(OMX_HANDLETYPE hComponent, omx_base_sink_PrivateType **ppSink)

@@ -11,7 +11,6 @@
 #include "platform/omx_base.h"
 
 #include <array>
-#include <atomic>
 
 constexpr uint32_t MESSAGE_CAPACITY = 64; // commands that can wait
 constexpr uint32_t MARK_CAPACITY = 16;    // marks that can wait on one port
