@@ -111,12 +111,18 @@ static OMX_ERRORTYPE get_state(OMX_HANDLETYPE hComponent, OMX_STATETYPE *pState)
     return OMX_ErrorNone;
 }
 
-static OMX_ERRORTYPE component_tunnel_request(OMX_HANDLETYPE hComponent, OMX_U32, OMX_HANDLETYPE,
-                                              OMX_U32, OMX_TUNNELSETUPTYPE *)
+// No port is ever tunnelled, so that a request without a peer, which takes a tunnel down, is
+// fulfilled already.
+static OMX_ERRORTYPE component_tunnel_request(OMX_HANDLETYPE hComponent, OMX_U32 uiPort,
+                                              OMX_HANDLETYPE hPeer, OMX_U32, OMX_TUNNELSETUPTYPE *)
 {
     omx_base_sink_PrivateType *sink = nullptr;
     const OMX_ERRORTYPE error = omx_base_find_valid_sink(hComponent, &sink);
-    return error != OMX_ErrorNone ? error : OMX_ErrorTunnelingUnsupported;
+    if (error != OMX_ErrorNone)
+        return error;
+    if (omx_base_port(sink, uiPort) == nullptr)
+        return OMX_ErrorBadPortIndex;
+    return hPeer == nullptr ? OMX_ErrorNone : OMX_ErrorTunnelingUnsupported;
 }
 
 // A sink has no output port.

@@ -59,3 +59,50 @@ TEST(omx_core, cleans_up_after_a_failed_init)
     std::remove(log.c_str());
     EXPECT_EQ(OMX_Deinit(), OMX_ErrorNone);
 }
+
+struct tunnel_end_t {
+    OMX_COMPONENTTYPE component = {};
+    OMX_ERRORTYPE result = OMX_ErrorNone;
+    std::string calls;
+
+    explicit tunnel_end_t(bool has_tunnels = true)
+    {
+        component.pApplicationPrivate = this;
+        component.ComponentTunnelRequest = has_tunnels ? request : nullptr;
+    }
+
+    static OMX_ERRORTYPE request(OMX_HANDLETYPE handle, OMX_U32 port, OMX_HANDLETYPE peer,
+                                 OMX_U32 peer_port, OMX_TUNNELSETUPTYPE *setup)
+    {
+        tunnel_end_t &end = *static_cast<tunnel_end_t *>(
+            static_cast<OMX_COMPONENTTYPE *>(handle)->pApplicationPrivate);
+        end.calls += std::to_string(port) + (peer != nullptr ? "+" : "-") +
+                     std::to_string(peer_port) + "/" + std::to_string(setup->nTunnelFlags++) + " ";
+        return end.result;
+    }
+};
+
+TEST(omx_core, asks_both_ends_for_a_tunnel_and_leaves_no_half_of_one)
+{
+    tunnel_end_t output;
+    tunnel_end_t input;
+    tunnel_end_t plain(false);
+    EXPECT_EQ(OMX_SetupTunnel(&output.component, 3, &input.component, 1), OMX_ErrorNone);
+    EXPECT_EQ(output.calls, "3+1/0 ");
+    EXPECT_EQ(input.calls, "1+3/1 "); // with what the output proposed
+    EXPECT_EQ(OMX_SetupTunnel(&output.component, 3, nullptr, 1), OMX_ErrorNone);
+    EXPECT_EQ(OMX_SetupTunnel(nullptr, 3, &input.component, 1), OMX_ErrorNone);
+    EXPECT_EQ(output.calls, "3+1/0 3-1/0 ");
+    EXPECT_EQ(input.calls, "1+3/1 1-3/0 ");
+    EXPECT_EQ(OMX_SetupTunnel(nullptr, 0, nullptr, 0), OMX_ErrorBadParameter);
+
+    output.calls = input.calls = "";
+    input.result = OMX_ErrorBadPortIndex;
+    EXPECT_EQ(OMX_SetupTunnel(&output.component, 3, &input.component, 1), OMX_ErrorBadPortIndex);
+    EXPECT_EQ(output.calls, "3+1/0 3-0/2 ");
+    output.result = OMX_ErrorTunnelingUnsupported;
+    EXPECT_EQ(OMX_SetupTunnel(&output.component, 3, &input.component, 1),
+              OMX_ErrorTunnelingUnsupported);
+    EXPECT_EQ(input.calls, "1+3/1 ");
+    EXPECT_EQ(OMX_SetupTunnel(nullptr, 0, &plain.component, 0), OMX_ErrorTunnelingUnsupported);
+}
