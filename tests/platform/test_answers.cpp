@@ -21,9 +21,15 @@ constexpr command_t COMMANDS[] = {
 // One component, whose client sends some commands in a row and counts the answers.
 class session : public framework_test {
   public:
-    void run(OMX_STATETYPE from, std::initializer_list<command_t> commands)
+    // Port 0 has its buffers or is disabled without any.
+    void run(OMX_STATETYPE from, bool is_disabled, std::initializer_list<command_t> commands)
     {
         bring_to(from);
+        if (is_disabled) {
+            ASSERT_EQ(send(OMX_CommandPortDisable, 0), OMX_ErrorNone);
+            free_buffers(0);
+            expect_complete(OMX_CommandPortDisable, 0);
+        }
         for (const command_t &command : commands)
             send_counted(command);
         // What still waits, waits for buffers.
@@ -73,7 +79,7 @@ class session : public framework_test {
     {
         for (OMX_U32 port = 0; port < PORT_COUNT; port++)
             free_buffers(port);
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        std::this_thread::sleep_for(std::chrono::microseconds(200));
         for (OMX_U32 port = 0; port < PORT_COUNT; port++)
             while (allocate(port) == OMX_ErrorNone) {
             }
@@ -86,21 +92,25 @@ class session : public framework_test {
     std::map<command_t, int> completes_left;
 };
 
-class answers_test : public PlatformTest, public testing::WithParamInterface<OMX_STATETYPE> {};
+class answers_test : public PlatformTest,
+                     public testing::WithParamInterface<std::tuple<OMX_STATETYPE, bool>> {};
 
 // Every three commands, whatever overtakes what.
 TEST_P(answers_test, each_command_gets_one)
 {
+    const auto &[from, is_disabled] = GetParam();
     for (const command_t &first : COMMANDS)
         for (const command_t &second : COMMANDS)
             for (const command_t &third : COMMANDS) {
-                session().run(GetParam(), {first, second, third});
+                session().run(from, is_disabled, {first, second, third});
                 ASSERT_FALSE(HasFailure())
                     << testing::PrintToString(std::array{first, second, third});
             }
 }
 
 INSTANTIATE_TEST_SUITE_P(each_state, answers_test,
-                         testing::Values(OMX_StateLoaded, OMX_StateIdle, OMX_StateExecuting));
+                         testing::Combine(testing::Values(OMX_StateLoaded, OMX_StateIdle,
+                                                          OMX_StateExecuting),
+                                          testing::Bool()));
 
 } // namespace
