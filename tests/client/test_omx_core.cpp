@@ -1,5 +1,6 @@
 #include "client/omx_core.h"
 #include "platform/omx_il.h"
+#include "tests/support/own_files.h"
 
 #include <gtest/gtest.h>
 
@@ -19,7 +20,7 @@ static OMX_ERRORTYPE get_handle(std::string name, OMX_HANDLETYPE *handle)
 
 TEST(omx_core, gives_handles_by_name_between_init_and_deinit)
 {
-    setenv("TDMBREC_COMPONENT_PATH", SCRIPTED_COMPONENT, 1);
+    setenv("TDMBREC_COMPONENT_PATH", built_file(SCRIPTED_COMPONENT).c_str(), 1);
     OMX_HANDLETYPE handle = nullptr;
     EXPECT_EQ(get_handle("OMX.qvr.tdmb.rec", &handle), OMX_ErrorNotReady);
     EXPECT_EQ(OMX_Init(), OMX_ErrorNone);
@@ -50,7 +51,7 @@ TEST(omx_core, cleans_up_after_a_failed_init)
     const std::string log = testing::TempDir() + "omx_core-" + std::to_string(getpid());
     setenv("SCRIPT_LOG", log.c_str(), 1);
     setenv("SCRIPT_FAIL", "init", 1);
-    setenv("TDMBREC_COMPONENT_PATH", SCRIPTED_COMPONENT, 1);
+    setenv("TDMBREC_COMPONENT_PATH", built_file(SCRIPTED_COMPONENT).c_str(), 1);
     OMX_HANDLETYPE handle = &callbacks;
     EXPECT_EQ(get_handle("OMX.qvr.tdmb.rec", &handle), OMX_ErrorInsufficientResources);
     EXPECT_EQ(handle, nullptr);
