@@ -20,6 +20,7 @@
 #include "aacenc/filterbank.h"
 #include "aacenc/filterbank_vector.h"
 #include "aacenc/rate_loop.h"
+#include "tests/support/own_files.h"
 #include "tests/support/stream_hash.h"
 
 static constexpr int32_t kSampleRate = 48000;
@@ -31,7 +32,7 @@ static const std::vector<int16_t> &programme()
 {
     static const std::vector<int16_t> samples = [] {
         constexpr size_t kHeader = 44;
-        std::ifstream file(TDMBREC_SOURCE_DIR "/samples/programme.wav", std::ios::binary);
+        std::ifstream file(source_file("samples/programme.wav"), std::ios::binary);
         const std::vector<char> bytes{std::istreambuf_iterator<char>(file), {}};
         std::vector<int16_t> result;
         if (bytes.size() > kHeader)

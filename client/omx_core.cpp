@@ -167,3 +167,35 @@ OMX_ERRORTYPE OMX_FreeHandle(OMX_HANDLETYPE hComponent)
     std::free(component);
     return freed;
 }
+
+static OMX_ERRORTYPE request_tunnel(OMX_HANDLETYPE handle, OMX_U32 port, OMX_HANDLETYPE peer,
+                                    OMX_U32 peer_port, OMX_TUNNELSETUPTYPE *setup)
+{
+    const OMX_COMPONENTTYPE *const component = static_cast<OMX_COMPONENTTYPE *>(handle);
+    if (component->ComponentTunnelRequest == nullptr) {
+        return OMX_ErrorTunnelingUnsupported;
+    }
+    return component->ComponentTunnelRequest(handle, port, peer, peer_port, setup);
+}
+
+// The output port is asked first: it proposes what the input port decides on.
+OMX_ERRORTYPE OMX_SetupTunnel(OMX_HANDLETYPE hOutput, OMX_U32 nPortOutput, OMX_HANDLETYPE hInput,
+                              OMX_U32 nPortInput)
+{
+    if (hOutput == nullptr && hInput == nullptr) {
+        return OMX_ErrorBadParameter;
+    }
+    OMX_TUNNELSETUPTYPE setup = {};
+    if (hOutput != nullptr) {
+        const OMX_ERRORTYPE error =
+            request_tunnel(hOutput, nPortOutput, hInput, nPortInput, &setup);
+        if (error != OMX_ErrorNone || hInput == nullptr) {
+            return error;
+        }
+    }
+    const OMX_ERRORTYPE error = request_tunnel(hInput, nPortInput, hOutput, nPortOutput, &setup);
+    if (error != OMX_ErrorNone && hOutput != nullptr) { // half a tunnel is none
+        (void)request_tunnel(hOutput, nPortOutput, nullptr, 0, &setup);
+    }
+    return error;
+}

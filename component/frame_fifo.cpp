@@ -1,12 +1,12 @@
 #include "component/frame_fifo.h"
 
+#include "component/shared_fields.h"
+
 #include <algorithm>
-#include <atomic>
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
 #include <optional>
-#include <type_traits>
 
 enum fifo_state_t : uint8_t { // 0: never initialised
     FIFO_EMPTY = 1,
@@ -29,8 +29,8 @@ typedef struct alignas(8) fifo_position_t {
     fifo_state_t ucState;
     uint8_t ucReserved; // 0
 } fifo_position_t;
-static_assert(std::is_trivially_copyable_v<fifo_position_t> && sizeof(fifo_position_t) == 8);
-static_assert(std::atomic_ref<fifo_position_t>::is_always_lock_free);
+static_assert(sizeof(fifo_position_t) == 8);
+static_assert(is_shareable<fifo_position_t>, "build for a machine with atomic 64-bit words");
 
 typedef struct frame_fifo_t {
     frame_entry_t astEntry[QVR_FIFO_FRAMES];
@@ -53,14 +53,13 @@ static frame_fifo_t *get_fifo(uint32_t fifo)
 
 static fifo_position_t load_position(frame_fifo_t *pFifo)
 {
-    return std::atomic_ref(pFifo->stPosition).load(std::memory_order_acquire);
+    return load_shared(pFifo->stPosition);
 }
 
 // returns false, and changes nothing, when the other side was faster.
 static bool change_position(frame_fifo_t *pFifo, fifo_position_t from, fifo_position_t to)
 {
-    return std::atomic_ref(pFifo->stPosition)
-        .compare_exchange_strong(from, to, std::memory_order_acq_rel, std::memory_order_relaxed);
+    return swap_shared(pFifo->stPosition, from, to);
 }
 
 static int32_t count_frames(fifo_position_t position)
@@ -95,7 +94,7 @@ void QVR_FIFO_InitBuffer(uint32_t fifo, uint32_t size, void *storage)
         pFifo->uiDataSize = size;
     }
     const fifo_position_t start = {.usCapacity = QVR_FIFO_FRAMES, .ucState = FIFO_EMPTY};
-    std::atomic_ref(pFifo->stPosition).store(start, std::memory_order_release);
+    store_shared(pFifo->stPosition, start);
 }
 
 int32_t QVR_FIFO_GetLength(uint32_t fifo)
@@ -107,7 +106,7 @@ int32_t QVR_FIFO_GetLength(uint32_t fifo)
 // stays free, so that the read and write offsets of a FIFO with data differ.
 static std::optional<uint32_t> find_room(frame_fifo_t *pFifo, uint32_t length)
 {
-    const uint32_t read = std::atomic_ref(pFifo->uiDataRead).load(std::memory_order_acquire);
+    const uint32_t read = load_shared(pFifo->uiDataRead);
     const uint32_t write = pFifo->uiDataWrite;
     if (read > write) {
         return read - write > length ? std::optional(write) : std::nullopt;
@@ -257,8 +256,7 @@ int32_t QVR_FIFO_PopFrame(uint32_t fifo)
     while (count_frames(position) > 0) {
         const frame_entry_t *const pEntry = &pFifo->astEntry[position.usRead];
         // The room first: whoever sees the entry released finds its room free too.
-        std::atomic_ref(pFifo->uiDataRead)
-            .store(pEntry->uiOffset + pEntry->uiLength, std::memory_order_release);
+        store_shared(pFifo->uiDataRead, pEntry->uiOffset + pEntry->uiLength);
         fifo_position_t popped = position;
         popped.usRead = next_index(position, position.usRead);
         popped.ucState = popped.usRead == position.usWrite ? FIFO_EMPTY : FIFO_NEITHER;

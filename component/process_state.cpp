@@ -2,7 +2,6 @@
 
 #include "component/shared_fields.h"
 
-#include <atomic>
 #include <unistd.h>
 
 pthread_mutex_t lockTDMBRecording = PTHREAD_MUTEX_INITIALIZER;
@@ -42,10 +41,10 @@ void release_recording(omx_tdmbrec_component_PrivateType *pPrivate)
 
 void enter_stop(omx_tdmbrec_component_PrivateType *pPrivate)
 {
-    (void)std::atomic_ref(pPrivate->uiStopsInProgress).fetch_add(1);
+    add_shared(pPrivate->uiStopsInProgress, 1u);
 }
 
 void leave_stop(omx_tdmbrec_component_PrivateType *pPrivate)
 {
-    (void)std::atomic_ref(pPrivate->uiStopsInProgress).fetch_sub(1);
+    add_shared(pPrivate->uiStopsInProgress, UINT32_MAX);
 }

@@ -1,27 +1,41 @@
 // Access to the fields that two threads touch while neither holds a lock. Everything is
 // sequentially consistent: the stop handshake needs the store of one flag ordered before the load
 // of the other.
+//
+// The compiler's own operations: not every standard library for devices has std::atomic_ref.
 #ifndef COMPONENT_SHARED_FIELDS_H
 #define COMPONENT_SHARED_FIELDS_H
 
-#include <atomic>
+#include <type_traits>
+
+// A field that can be shared: the machine has its operations, and nobody waits for a hidden lock.
+template <typename T>
+inline constexpr bool is_shareable = std::is_trivially_copyable_v<T> &&
+    __atomic_always_lock_free(sizeof(T), nullptr);
 
 template <typename T>
 [[nodiscard]] inline T load_shared(T &field)
 {
-    return std::atomic_ref<T>(field).load();
+    static_assert(is_shareable<T>);
+    T value;
+    __atomic_load(&field, &value, __ATOMIC_SEQ_CST);
+    return value;
 }
 
 template <typename T>
 inline void store_shared(T &field, T value)
 {
-    std::atomic_ref<T>(field).store(value);
+    static_assert(is_shareable<T>);
+    __atomic_store(&field, &value, __ATOMIC_SEQ_CST);
 }
 
 template <typename T>
 [[nodiscard]] inline T exchange_shared(T &field, T value)
 {
-    return std::atomic_ref<T>(field).exchange(value);
+    static_assert(is_shareable<T>);
+    T before;
+    __atomic_exchange(&field, &value, &before, __ATOMIC_SEQ_CST);
+    return before;
 }
 
 // Changes the field from `from` to `to`. returns false, and changes nothing, when it held another
@@ -29,7 +43,16 @@ template <typename T>
 template <typename T>
 [[nodiscard]] inline bool swap_shared(T &field, T from, T to)
 {
-    return std::atomic_ref<T>(field).compare_exchange_strong(from, to);
+    static_assert(is_shareable<T>);
+    return __atomic_compare_exchange(&field, &from, &to, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);
+}
+
+// Adds to a counter, which wraps. returns what it held before.
+template <typename T>
+inline T add_shared(T &field, T addend)
+{
+    static_assert(is_shareable<T> && std::is_unsigned_v<T>);
+    return __atomic_fetch_add(&field, addend, __ATOMIC_SEQ_CST);
 }
 
 #endif

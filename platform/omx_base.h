@@ -111,7 +111,11 @@ OMX_ERRORTYPE omx_base_component_SetParameter(OMX_HANDLETYPE hComponent, OMX_IND
                                               OMX_PTR pParameter);
 
 // Carries out one command; runs on the message thread, which reports an error that is returned to
-// the client as an error event.
+// the client as an error event. Each command gets one answer, a port command for OMX_ALL one a
+// port: CmdComplete, or an error event when it is refused or another command makes an end of it:
+// OMX_ErrorIncorrectStateOperation and the port for a port command that the opposite one overtakes,
+// OMX_ErrorIncorrectStateTransition for a way to Idle that is given up, OMX_ErrorInvalidState for
+// all that the Invalid state ends. The destructor answers nothing.
 OMX_ERRORTYPE omx_base_component_MessageHandler(OMX_COMPONENTTYPE *pComponent,
                                                 omx_base_message_t *pMessage);
 

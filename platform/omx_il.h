@@ -260,7 +260,14 @@ typedef struct OMX_AUDIO_PARAM_PCMMODETYPE {
     OMX_AUDIO_CHANNELTYPE eChannelMapping[OMX_AUDIO_MAXCHANNELS];
 } OMX_AUDIO_PARAM_PCMMODETYPE;
 
-typedef struct OMX_TUNNELSETUPTYPE OMX_TUNNELSETUPTYPE;
+typedef enum OMX_BUFFERSUPPLIERTYPE : uint32_t {
+    OMX_BufferSupplyUnspecified = 0
+} OMX_BUFFERSUPPLIERTYPE;
+
+typedef struct OMX_TUNNELSETUPTYPE {
+    OMX_U32 nTunnelFlags;
+    OMX_BUFFERSUPPLIERTYPE eSupplier;
+} OMX_TUNNELSETUPTYPE;
 
 typedef struct OMX_CALLBACKTYPE {
     OMX_ERRORTYPE(*EventHandler)
@@ -341,6 +348,9 @@ OMX_ERRORTYPE OMX_ComponentNameEnum(OMX_STRING cComponentName, OMX_U32 nNameLeng
 OMX_ERRORTYPE OMX_GetHandle(OMX_HANDLETYPE *pHandle, OMX_STRING cComponentName, OMX_PTR pAppData,
                             OMX_CALLBACKTYPE *pCallBacks);
 OMX_ERRORTYPE OMX_FreeHandle(OMX_HANDLETYPE hComponent);
+// Asks both components for a tunnel; with a null handle, asks the other one to take its own down.
+OMX_ERRORTYPE OMX_SetupTunnel(OMX_HANDLETYPE hOutput, OMX_U32 nPortOutput, OMX_HANDLETYPE hInput,
+                              OMX_U32 nPortInput);
 
 #ifdef __cplusplus
 }

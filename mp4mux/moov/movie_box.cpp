@@ -3,19 +3,17 @@
 #include "mp4mux/bitstream_file.h"
 #include "mp4mux/box_writer.h"
 #include "mp4mux/moov/media_box.h"
+#include "mp4mux/moov/single_precision.h"
+
 #include "mp4mux/mux_version.h"
 
 #include <algorithm>
-#include <cfloat>
 
 static constexpr char kNotice[] =
     "Recorded from a terrestrial digital multimedia broadcast service.";
 static constexpr uint32_t kLanguageEnglish = 0x15C7; // "eng", 5 bits per letter
 
 static_assert(sizeof(kNotice) == 65 + 1);
-
-// The picture width passes through single precision; a wider evaluation would round differently.
-static_assert(FLT_EVAL_METHOD == 0, "build with single-precision arithmetic, not x87");
 
 static void write_unity_matrix(mp4_mux_bs_t *bs)
 {

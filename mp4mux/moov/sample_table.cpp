@@ -3,13 +3,9 @@
 #include "mp4mux/bitstream_file.h"
 #include "mp4mux/box_writer.h"
 #include "mp4mux/moov/sample_entry.h"
+#include "mp4mux/moov/single_precision.h"
 #include "mp4mux/moov/table_copy.h"
 #include "mp4mux/track.h"
-
-#include <cfloat>
-
-// The mean duration passes through single precision; a wider evaluation would round differently.
-static_assert(FLT_EVAL_METHOD == 0, "build with single-precision arithmetic, not x87");
 
 static constexpr uint32_t kStscBoxBytes = 28;
 

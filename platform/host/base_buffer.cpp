@@ -37,9 +37,9 @@ static bool may_add_buffer(const omx_base_sink_PrivateType *sink,
     case OMX_StateIdle:
     case OMX_StateExecuting:
     case OMX_StatePause:
-        return transient == OMX_TransStateNone && change != OMX_ChangeDisable &&
-               (!enabled || change == OMX_ChangeEnable ||
-                port_command_waits(sink, OMX_CommandPortEnable, port));
+        return transient == OMX_TransStateNone &&
+               (port_command_waits(sink, OMX_CommandPortEnable, port) ||
+                change == OMX_ChangeEnable || (change == OMX_ChangeNone && !enabled));
     default:
         return false;
     }

@@ -9,7 +9,7 @@
 
 static uint32_t load_word(const uint32_t &word)
 {
-    return std::atomic_ref(const_cast<uint32_t &>(word)).load();
+    return __atomic_load_n(&word, __ATOMIC_SEQ_CST);
 }
 
 OMX_STATETYPE omx_base_get_state(const omx_base_sink_PrivateType *pSink)
@@ -25,8 +25,8 @@ omx_base_transient_t omx_base_get_transient_state(const omx_base_sink_PrivateTyp
 void omx_base_set_state(omx_base_sink_PrivateType *pSink, OMX_STATETYPE eState,
                         omx_base_transient_t eTransientState)
 {
-    std::atomic_ref(pSink->eTransientState).store(eTransientState);
-    std::atomic_ref(pSink->eState).store(eState);
+    __atomic_store_n(&pSink->eTransientState, eTransientState, __ATOMIC_SEQ_CST);
+    __atomic_store_n(&pSink->eState, eState, __ATOMIC_SEQ_CST);
 }
 
 OMX_ERRORTYPE omx_base_find_sink(OMX_HANDLETYPE hComponent, omx_base_sink_PrivateType **ppSink)
@@ -111,12 +111,18 @@ static OMX_ERRORTYPE get_state(OMX_HANDLETYPE hComponent, OMX_STATETYPE *pState)
     return OMX_ErrorNone;
 }
 
-static OMX_ERRORTYPE component_tunnel_request(OMX_HANDLETYPE hComponent, OMX_U32, OMX_HANDLETYPE,
-                                              OMX_U32, OMX_TUNNELSETUPTYPE *)
+// No port is ever tunnelled, so that a request without a peer, which takes a tunnel down, is
+// fulfilled already.
+static OMX_ERRORTYPE component_tunnel_request(OMX_HANDLETYPE hComponent, OMX_U32 uiPort,
+                                              OMX_HANDLETYPE hPeer, OMX_U32, OMX_TUNNELSETUPTYPE *)
 {
     omx_base_sink_PrivateType *sink = nullptr;
     const OMX_ERRORTYPE error = omx_base_find_valid_sink(hComponent, &sink);
-    return error != OMX_ErrorNone ? error : OMX_ErrorTunnelingUnsupported;
+    if (error != OMX_ErrorNone)
+        return error;
+    if (omx_base_port(sink, uiPort) == nullptr)
+        return OMX_ErrorBadPortIndex;
+    return hPeer == nullptr ? OMX_ErrorNone : OMX_ErrorTunnelingUnsupported;
 }
 
 // A sink has no output port.

@@ -1,6 +1,8 @@
 // The state machine and the port commands; everything here runs on the message thread.
 #include "platform/host/omx_base_internal.h"
 
+#include <utility>
+
 // From each state, a bit for every state that may follow, but for Invalid, which always may.
 // source: OpenMAX IL 1.1.2, 3.1.1.2
 // clang-format off
@@ -69,10 +71,10 @@ static void complete_loaded(omx_base_sink_PrivateType *sink)
     send_complete(sink, OMX_CommandStateSet, OMX_StateLoaded);
 }
 
-// Ends the pending command of one port. returns whether it was complete; the command goes to
-// *command.
-static bool end_port_change(omx_base_sink_PrivateType *sink, omx_base_port_PrivateType *port,
-                            OMX_COMMANDTYPE *command)
+// Ends the pending change of one port if it is complete. returns how many commands waited for it;
+// which ones goes to *command.
+static uint32_t end_port_change(omx_base_sink_PrivateType *sink, omx_base_port_PrivateType *port,
+                                OMX_COMMANDTYPE *command)
 {
     omx_base_port_internal_t *internal = port->pInternal;
     pthread_mutex_lock(&sink->pInternal->lock);
@@ -86,17 +88,27 @@ static bool end_port_change(omx_base_sink_PrivateType *sink, omx_base_port_Priva
         complete = internal->uiBufferCount == 0;
         *command = OMX_CommandPortDisable;
     }
-    if (complete)
+    uint32_t answered = 0;
+    if (complete) {
+        answered = std::exchange(internal->uiWaiting, 0);
         internal->eChange = OMX_ChangeNone;
+    }
     pthread_mutex_unlock(&sink->pInternal->lock);
-    return complete;
+    return answered;
+}
+
+static uint32_t take_overtaken(omx_base_sink_PrivateType *sink, omx_base_port_PrivateType *port)
+{
+    pthread_mutex_lock(&sink->pInternal->lock);
+    const uint32_t overtaken = std::exchange(port->pInternal->uiOvertaken, 0);
+    pthread_mutex_unlock(&sink->pInternal->lock);
+    return overtaken;
 }
 
 static bool take_unpopulated(omx_base_sink_PrivateType *sink, omx_base_port_PrivateType *port)
 {
     pthread_mutex_lock(&sink->pInternal->lock);
-    const bool unpopulated = port->pInternal->bUnpopulated;
-    port->pInternal->bUnpopulated = false;
+    const bool unpopulated = std::exchange(port->pInternal->bUnpopulated, false);
     pthread_mutex_unlock(&sink->pInternal->lock);
     return unpopulated;
 }
@@ -106,26 +118,33 @@ void omx_base_complete_changes(omx_base_sink_PrivateType *pSink)
     complete_idle(pSink);
     complete_loaded(pSink);
     omx_base_for_ports(pSink, OMX_ALL, [&](omx_base_port_PrivateType *port) {
+        const OMX_U32 index = port->pInternal->uiIndex;
+        for (uint32_t count = take_overtaken(pSink, port); count != 0; count--)
+            omx_base_send_event(pSink, OMX_EventError, OMX_ErrorIncorrectStateOperation, index);
         OMX_COMMANDTYPE command = OMX_CommandMax;
-        if (end_port_change(pSink, port, &command))
-            send_complete(pSink, command, port->pInternal->uiIndex);
+        for (uint32_t count = end_port_change(pSink, port, &command); count != 0; count--)
+            send_complete(pSink, command, index);
         if (take_unpopulated(pSink, port))
-            omx_base_send_event(pSink, OMX_EventError, OMX_ErrorPortUnpopulated,
-                                port->pInternal->uiIndex);
+            omx_base_send_event(pSink, OMX_EventError, OMX_ErrorPortUnpopulated, index);
     });
 }
 
-// Ends every activity at once; the client gets its buffers back.
+// Ends every activity at once; the client gets its buffers back, and an error for each command that
+// was not complete.
 static OMX_ERRORTYPE enter_invalid(omx_base_sink_PrivateType *sink)
 {
     pthread_mutex_lock(&sink->pInternal->lock);
+    uint32_t given_up = omx_base_get_transient_state(sink) != OMX_TransStateNone ? 1 : 0;
     omx_base_set_state(sink, OMX_StateInvalid, OMX_TransStateNone);
-    omx_base_for_ports(sink, OMX_ALL, [](omx_base_port_PrivateType *port) {
+    omx_base_for_ports(sink, OMX_ALL, [&](omx_base_port_PrivateType *port) {
         port->pInternal->eChange = OMX_ChangeNone;
+        given_up += std::exchange(port->pInternal->uiWaiting, 0);
     });
     pthread_mutex_unlock(&sink->pInternal->lock);
     omx_base_join_buffer_thread(sink);
     omx_base_flush(sink, OMX_ALL);
+    for (; given_up != 0; given_up--)
+        omx_base_send_event(sink, OMX_EventError, OMX_ErrorInvalidState, 0);
     return OMX_ErrorInvalidState;
 }
 
@@ -162,6 +181,8 @@ static OMX_ERRORTYPE change_state(omx_base_sink_PrivateType *sink, OMX_STATETYPE
     }
     if (target == OMX_StateLoaded && from != OMX_StateWaitForResources) {
         set_state(sink, from, OMX_TransStateIdleToLoaded);
+        if (transient == OMX_TransStateLoadedToIdle) // the command that it gives up
+            omx_base_send_event(sink, OMX_EventError, OMX_ErrorIncorrectStateTransition, 0);
         omx_base_flush(sink, OMX_ALL);
         omx_base_complete_changes(sink);
         return OMX_ErrorNone;
@@ -193,10 +214,15 @@ static OMX_ERRORTYPE flush_port(omx_base_sink_PrivateType *sink, OMX_U32 port_in
 
 static OMX_ERRORTYPE change_port(omx_base_sink_PrivateType *sink, OMX_U32 port_index, bool enable)
 {
+    const omx_base_change_t change = enable ? OMX_ChangeEnable : OMX_ChangeDisable;
     pthread_mutex_lock(&sink->pInternal->lock);
     omx_base_for_ports(sink, port_index, [&](omx_base_port_PrivateType *port) {
+        omx_base_port_internal_t *internal = port->pInternal;
         port->stPortDefinition.bEnabled = enable ? OMX_TRUE : OMX_FALSE;
-        port->pInternal->eChange = enable ? OMX_ChangeEnable : OMX_ChangeDisable;
+        if (internal->eChange != change)
+            internal->uiOvertaken += std::exchange(internal->uiWaiting, 0);
+        internal->eChange = change;
+        internal->uiWaiting++;
     });
     pthread_mutex_unlock(&sink->pInternal->lock);
     if (!enable)

@@ -65,7 +65,7 @@ static void set_being_flushed(omx_base_sink_PrivateType *sink, OMX_U32 port_inde
 {
     pthread_mutex_lock(&sink->lockFlush);
     omx_base_for_ports(sink, port_index, [&](omx_base_port_PrivateType *port) {
-        std::atomic_ref(port->bBeingFlushed).store(flushed);
+        __atomic_store_n(&port->bBeingFlushed, flushed, __ATOMIC_SEQ_CST);
     });
     pthread_mutex_unlock(&sink->lockFlush);
 }

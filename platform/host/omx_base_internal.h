@@ -11,7 +11,6 @@
 #include "platform/omx_base.h"
 
 #include <array>
-#include <atomic>
 
 constexpr uint32_t MESSAGE_CAPACITY = 64; // commands that can wait
 constexpr uint32_t MARK_CAPACITY = 16;    // marks that can wait on one port
@@ -54,7 +53,7 @@ typedef struct omx_base_buffer_t {
     bool bHeld;  // by the component, from EmptyThisBuffer until its return
 } omx_base_buffer_t;
 
-// A port command that is not complete yet; a later one takes its place.
+// A port command that is not complete yet; the opposite one takes its place.
 typedef enum omx_base_change_t : uint32_t {
     OMX_ChangeNone = 0,
     OMX_ChangeEnable = 1,
@@ -65,7 +64,9 @@ struct omx_base_port_internal_t {
     OMX_U32 uiIndex;
     OMX_PORTDOMAINTYPE eDomain;
     omx_base_change_t eChange;
-    bool bUnpopulated; // lost a buffer while in use, and the client has not been told
+    uint32_t uiWaiting;   // commands for this change
+    uint32_t uiOvertaken; // commands for the opposite change, not answered yet
+    bool bUnpopulated;    // lost a buffer while in use, and the client has not been told
     bool bQueueReady;
     bool bSemReady;
     std::array<omx_base_buffer_t, QUEUE_CAPACITY> astBuffer;

@@ -2,6 +2,8 @@
 #ifndef TESTS_CLIENT_COMMAND_TEST_H
 #define TESTS_CLIENT_COMMAND_TEST_H
 
+#include "tests/support/own_files.h"
+
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -50,8 +52,9 @@ class command : public testing::Test {
         std::string place = (std::filesystem::temp_directory_path() / "tdmbrec-XXXXXX").string();
         ASSERT_NE(mkdtemp(place.data()), nullptr);
         directory = place;
+        setenv("TDMBREC_BUILD", kBuildFolder.c_str(), 1); // for TDMBREC_COMMAND and the like
         for (const std::string &name : SAMPLE_ALONE) {
-            std::filesystem::copy_file(TDMBREC_SOURCE_DIR "/samples/" + name, directory / name);
+            std::filesystem::copy_file(source_file("samples/" + name), directory / name);
         }
     }
 

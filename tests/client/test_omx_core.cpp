@@ -1,5 +1,6 @@
 #include "client/omx_core.h"
 #include "platform/omx_il.h"
+#include "tests/support/own_files.h"
 
 #include <gtest/gtest.h>
 
@@ -19,7 +20,7 @@ static OMX_ERRORTYPE get_handle(std::string name, OMX_HANDLETYPE *handle)
 
 TEST(omx_core, gives_handles_by_name_between_init_and_deinit)
 {
-    setenv("TDMBREC_COMPONENT_PATH", SCRIPTED_COMPONENT, 1);
+    setenv("TDMBREC_COMPONENT_PATH", built_file(SCRIPTED_COMPONENT).c_str(), 1);
     OMX_HANDLETYPE handle = nullptr;
     EXPECT_EQ(get_handle("OMX.qvr.tdmb.rec", &handle), OMX_ErrorNotReady);
     EXPECT_EQ(OMX_Init(), OMX_ErrorNone);
@@ -50,7 +51,7 @@ TEST(omx_core, cleans_up_after_a_failed_init)
     const std::string log = testing::TempDir() + "omx_core-" + std::to_string(getpid());
     setenv("SCRIPT_LOG", log.c_str(), 1);
     setenv("SCRIPT_FAIL", "init", 1);
-    setenv("TDMBREC_COMPONENT_PATH", SCRIPTED_COMPONENT, 1);
+    setenv("TDMBREC_COMPONENT_PATH", built_file(SCRIPTED_COMPONENT).c_str(), 1);
     OMX_HANDLETYPE handle = &callbacks;
     EXPECT_EQ(get_handle("OMX.qvr.tdmb.rec", &handle), OMX_ErrorInsufficientResources);
     EXPECT_EQ(handle, nullptr);
@@ -58,4 +59,51 @@ TEST(omx_core, cleans_up_after_a_failed_init)
     EXPECT_EQ(std::string(std::istreambuf_iterator<char>(calls), {}), "gone\n");
     std::remove(log.c_str());
     EXPECT_EQ(OMX_Deinit(), OMX_ErrorNone);
+}
+
+struct tunnel_end_t {
+    OMX_COMPONENTTYPE component = {};
+    OMX_ERRORTYPE result = OMX_ErrorNone;
+    std::string calls;
+
+    explicit tunnel_end_t(bool has_tunnels = true)
+    {
+        component.pApplicationPrivate = this;
+        component.ComponentTunnelRequest = has_tunnels ? request : nullptr;
+    }
+
+    static OMX_ERRORTYPE request(OMX_HANDLETYPE handle, OMX_U32 port, OMX_HANDLETYPE peer,
+                                 OMX_U32 peer_port, OMX_TUNNELSETUPTYPE *setup)
+    {
+        tunnel_end_t &end = *static_cast<tunnel_end_t *>(
+            static_cast<OMX_COMPONENTTYPE *>(handle)->pApplicationPrivate);
+        end.calls += std::to_string(port) + (peer != nullptr ? "+" : "-") +
+                     std::to_string(peer_port) + "/" + std::to_string(setup->nTunnelFlags++) + " ";
+        return end.result;
+    }
+};
+
+TEST(omx_core, asks_both_ends_for_a_tunnel_and_leaves_no_half_of_one)
+{
+    tunnel_end_t output;
+    tunnel_end_t input;
+    tunnel_end_t plain(false);
+    EXPECT_EQ(OMX_SetupTunnel(&output.component, 3, &input.component, 1), OMX_ErrorNone);
+    EXPECT_EQ(output.calls, "3+1/0 ");
+    EXPECT_EQ(input.calls, "1+3/1 "); // with what the output proposed
+    EXPECT_EQ(OMX_SetupTunnel(&output.component, 3, nullptr, 1), OMX_ErrorNone);
+    EXPECT_EQ(OMX_SetupTunnel(nullptr, 3, &input.component, 1), OMX_ErrorNone);
+    EXPECT_EQ(output.calls, "3+1/0 3-1/0 ");
+    EXPECT_EQ(input.calls, "1+3/1 1-3/0 ");
+    EXPECT_EQ(OMX_SetupTunnel(nullptr, 0, nullptr, 0), OMX_ErrorBadParameter);
+
+    output.calls = input.calls = "";
+    input.result = OMX_ErrorBadPortIndex;
+    EXPECT_EQ(OMX_SetupTunnel(&output.component, 3, &input.component, 1), OMX_ErrorBadPortIndex);
+    EXPECT_EQ(output.calls, "3+1/0 3-0/2 ");
+    output.result = OMX_ErrorTunnelingUnsupported;
+    EXPECT_EQ(OMX_SetupTunnel(&output.component, 3, &input.component, 1),
+              OMX_ErrorTunnelingUnsupported);
+    EXPECT_EQ(input.calls, "1+3/1 ");
+    EXPECT_EQ(OMX_SetupTunnel(nullptr, 0, &plain.component, 0), OMX_ErrorTunnelingUnsupported);
 }

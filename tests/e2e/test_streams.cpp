@@ -139,6 +139,7 @@ TEST_F(Streams, TheSampleIsRecordedBitForBitAndPlays)
     send_programme(*client, 300);
     EXPECT_EQ(finish(*client), 1u);
     const mp4_reader::movie movie = expect_pictures(sample(300));
+    EXPECT_EQ(stream_hash(kHashStart, read_file(BUILT_IN_FILE)), kProgrammeFileHash);
     EXPECT_EQ(movie.creation_time, 3337607118u) << "5 October 2009, 17:05:18";
     const mp4_reader::track &video = *mp4_reader::find_track(movie, "vide");
     for (size_t i = 0; i < video.samples.size(); i++) { // the time base is 33333 us earlier

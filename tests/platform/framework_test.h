@@ -46,8 +46,8 @@ class framework_test : public PlatformTest {
     template <typename Condition>
     static void wait_until(Condition condition)
     {
-        for (int count = 0; !condition() && count < 300000; count++)
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        for (int count = 0; !condition() && count < 1500000; count++)
+            std::this_thread::sleep_for(std::chrono::microseconds(200));
         ASSERT_TRUE(condition());
     }
 

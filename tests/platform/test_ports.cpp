@@ -68,6 +68,17 @@ TEST_F(port_test, empty_this_buffer_checks_the_header)
     EXPECT_EQ(OMX_FreeBuffer(component, 0, header), OMX_ErrorIncorrectStateOperation);
 }
 
+TEST_F(port_test, no_port_has_a_tunnel)
+{
+    OMX_TUNNELSETUPTYPE setup = {};
+    const auto request = [&](OMX_U32 port, OMX_HANDLETYPE peer) {
+        return component->ComponentTunnelRequest(component, port, peer, 0, &setup);
+    };
+    EXPECT_EQ(request(1, nullptr), OMX_ErrorNone);
+    EXPECT_EQ(request(1, component), OMX_ErrorTunnelingUnsupported);
+    EXPECT_EQ(request(PORT_COUNT, nullptr), OMX_ErrorBadPortIndex);
+}
+
 // A command that gives buffers back, the state it comes in, the ports it concerns, and what
 // EmptyThisBuffer then says.
 struct way_back_t {

@@ -48,7 +48,10 @@ TEST_F(state_machine_test, the_way_to_idle_can_wait_be_given_up_and_fail)
     EXPECT_EQ(send(OMX_CommandStateSet, OMX_StateExecuting), OMX_ErrorNone);
     expect_error(OMX_ErrorIncorrectStateTransition);
     EXPECT_EQ(allocate(1), OMX_ErrorIncorrectStateOperation);
-    change_state(OMX_StateLoaded);
+    ASSERT_EQ(send(OMX_CommandStateSet, OMX_StateLoaded), OMX_ErrorNone);
+    expect_error(OMX_ErrorIncorrectStateTransition); // of the way to Idle
+    free_buffers(0);
+    expect_complete(OMX_CommandStateSet, OMX_StateLoaded);
     host_fail_call(HOST_CALL_START_THREAD, 0, 1);
     ASSERT_EQ(send(OMX_CommandStateSet, OMX_StateIdle), OMX_ErrorNone);
     populate(0);
@@ -78,6 +81,34 @@ TEST_F(state_machine_test, commands_are_checked_before_they_are_queued)
     EXPECT_EQ(OMX_GetState(component, &state), OMX_ErrorInvalidComponent);
     EXPECT_EQ(OMX_SetParameter(component, INDEX_STOP, &state), OMX_ErrorInvalidComponent);
     EXPECT_EQ(send(OMX_CommandFlush, OMX_ALL), OMX_ErrorInvalidComponent);
+}
+
+TEST_F(state_machine_test, a_command_that_another_one_ends_is_answered)
+{
+    bring_to(OMX_StateIdle);
+    ASSERT_EQ(send(OMX_CommandPortDisable, 1), OMX_ErrorNone); // waits for the buffers
+    ASSERT_EQ(send(OMX_CommandPortDisable, 1), OMX_ErrorNone);
+    ASSERT_EQ(send(OMX_CommandPortEnable, 1), OMX_ErrorNone);
+    expect_error(OMX_ErrorIncorrectStateOperation, 1);
+    expect_error(OMX_ErrorIncorrectStateOperation, 1);
+    expect_complete(OMX_CommandPortEnable, 1);
+    ASSERT_EQ(send(OMX_CommandPortDisable, 1), OMX_ErrorNone);
+    ASSERT_EQ(OMX_FreeBuffer(component, 1, buffers[1].back()), OMX_ErrorNone);
+    client.on_event = [&](const IlEvent &event) { // the second command then waits for its turn
+        if (event.data1 == OMX_CommandFlush) {
+            EXPECT_EQ(send(OMX_CommandPortEnable, 1), OMX_ErrorNone);
+            EXPECT_EQ(allocate(1), OMX_ErrorNone);
+        }
+    };
+    ASSERT_EQ(send(OMX_CommandFlush, 0), OMX_ErrorNone);
+    expect_complete(OMX_CommandFlush, 0);
+    expect_error(OMX_ErrorIncorrectStateOperation, 1);
+    expect_complete(OMX_CommandPortEnable, 1);
+    ASSERT_EQ(send(OMX_CommandPortDisable, 1), OMX_ErrorNone);
+    ASSERT_EQ(send(OMX_CommandStateSet, OMX_StateLoaded), OMX_ErrorNone);
+    ASSERT_EQ(send(OMX_CommandStateSet, OMX_StateInvalid), OMX_ErrorNone);
+    for (int command = 0; command < 3; command++)
+        expect_error(OMX_ErrorInvalidState);
 }
 
 TEST_F(state_machine_test, a_full_command_queue_refuses_the_next_command)

@@ -1,5 +1,7 @@
 #include "tests/support/programme.h"
 
+#include "tests/support/own_files.h"
+
 #include <cstring>
 #include <fstream>
 #include <stdexcept>
@@ -72,9 +74,8 @@ static std::vector<Bytes> split_access_units(const Bytes &stream)
 const Programme &sample_programme()
 {
     static const Programme programme = [] {
-        const std::string folder = TDMBREC_SOURCE_DIR "/samples/";
-        const Bytes wav = read_file(folder + "programme.wav");
-        Programme result{split_access_units(read_file(folder + "programme.h264")), {}};
+        const Bytes wav = read_file(source_file("samples/programme.wav"));
+        Programme result{split_access_units(read_file(source_file("samples/programme.h264"))), {}};
         result.pcm.resize((wav.size() - 44) / 2);
         memcpy(result.pcm.data(), wav.data() + 44, result.pcm.size() * 2);
         return result;

@@ -2,6 +2,7 @@
 
 #include "platform/host/host_control.h"
 #include "tests/support/judges.h"
+#include "tests/support/own_files.h"
 
 #include <cstdlib>
 #include <filesystem>
@@ -12,7 +13,7 @@ void RecorderTest::SetUp()
     std::filesystem::remove(BUILT_IN_FILE);
     std::filesystem::remove(CARD_FILE);
 #ifdef COMPONENT_FILE
-    setenv("TDMBREC_COMPONENT_PATH", COMPONENT_FILE, 1);
+    setenv("TDMBREC_COMPONENT_PATH", built_file(COMPONENT_FILE).c_str(), 1);
 #endif
     ASSERT_EQ(OMX_Init(), OMX_ErrorNone);
 }

@@ -1,5 +1,5 @@
-// The stream that every build makes of samples/programme.wav. A change of these numbers is a change
-// of the encoder's output.
+// What every build makes of the sample programme. A change of these numbers is a change of the
+// encoder's or the muxer's output.
 #ifndef TESTS_SUPPORT_STREAM_HASH_H
 #define TESTS_SUPPORT_STREAM_HASH_H
 
@@ -7,9 +7,12 @@
 #include <cstdint>
 #include <span>
 
-// Raw access units of the whole frames, stereo, 128000 bit/s.
+// The sound: raw access units of the whole frames, stereo, 128000 bit/s.
 inline constexpr uint64_t kProgrammeStreamHash = 0xb9348974d61266c3;
 inline constexpr size_t kProgrammeStreamBytes = 158494;
+
+// The recording of the whole programme, sent in the order of its times.
+inline constexpr uint64_t kProgrammeFileHash = 0xf88a44d3386368f4;
 
 inline constexpr uint64_t kHashStart = 0xcbf29ce484222325;
 

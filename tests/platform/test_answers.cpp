@@ -1,0 +1,116 @@
+#include "tests/platform/framework_test.h"
+
+#include <map>
+
+namespace {
+
+using command_t = std::pair<OMX_U32, OMX_U32>; // OMX_COMMANDTYPE and its parameter
+
+constexpr command_t COMMANDS[] = {
+    {OMX_CommandPortDisable, 0},
+    {OMX_CommandPortDisable, OMX_ALL},
+    {OMX_CommandPortEnable, 0},
+    {OMX_CommandPortEnable, OMX_ALL},
+    {OMX_CommandFlush, 0},
+    {OMX_CommandStateSet, OMX_StateIdle},
+    {OMX_CommandStateSet, OMX_StateLoaded},
+    {OMX_CommandStateSet, OMX_StateExecuting},
+    {OMX_CommandStateSet, OMX_StateInvalid},
+};
+
+// One component, whose client sends some commands in a row and counts the answers.
+class session : public framework_test {
+  public:
+    // Port 0 has its buffers or is disabled without any.
+    void run(OMX_STATETYPE from, bool is_disabled, std::initializer_list<command_t> commands)
+    {
+        bring_to(from);
+        if (is_disabled) {
+            ASSERT_EQ(send(OMX_CommandPortDisable, 0), OMX_ErrorNone);
+            free_buffers(0);
+            expect_complete(OMX_CommandPortDisable, 0);
+        }
+        for (const command_t &command : commands)
+            send_counted(command);
+        // What still waits, waits for buffers.
+        wait_until([&] { return count_answers() >= wanted || change_buffers(); });
+        send_counted({OMX_CommandFlush, 1}); // answered after everything else
+        wait_until([&] { return count_answers() >= wanted; });
+        EXPECT_EQ(count_answers(), wanted);
+        for (const auto &[command, answers_left] : completes_left)
+            EXPECT_GE(answers_left, 0) << command.first << " " << command.second;
+        client.destroy();
+    }
+
+  private:
+    void TestBody() override
+    {
+    }
+
+    // A command for all ports has an answer for each.
+    void send_counted(const command_t &command)
+    {
+        if (send(static_cast<OMX_COMMANDTYPE>(command.first), command.second) != OMX_ErrorNone) {
+            EXPECT_TRUE(is_invalid);
+            return;
+        }
+        const bool is_for_all = command.second == OMX_ALL && !is_invalid;
+        for (OMX_U32 port = 0; port < (is_for_all ? PORT_COUNT : 1); port++) {
+            completes_left[{command.first, is_for_all ? port : command.second}]++;
+            wanted++;
+        }
+        is_invalid = is_invalid || command == command_t{OMX_CommandStateSet, OMX_StateInvalid};
+    }
+
+    size_t count_answers()
+    {
+        for (; events_seen < client.events().size(); events_seen++) {
+            const IlEvent event = client.events().at(events_seen);
+            if (event.event == OMX_EventCmdComplete)
+                completes_left[{event.data1, event.data2}]--;
+            // Not an answer: that the buffers went from under a working port.
+            answers += event.data1 != OMX_ErrorPortUnpopulated ? 1 : 0;
+        }
+        return answers;
+    }
+
+    // returns false.
+    bool change_buffers()
+    {
+        for (OMX_U32 port = 0; port < PORT_COUNT; port++)
+            free_buffers(port);
+        std::this_thread::sleep_for(std::chrono::microseconds(200));
+        for (OMX_U32 port = 0; port < PORT_COUNT; port++)
+            while (allocate(port) == OMX_ErrorNone) {
+            }
+        return false;
+    }
+
+    bool is_invalid = false; // or on the way
+    size_t wanted = 0;
+    size_t answers = 0;
+    std::map<command_t, int> completes_left;
+};
+
+class answers_test : public PlatformTest,
+                     public testing::WithParamInterface<std::tuple<OMX_STATETYPE, bool>> {};
+
+// Every three commands, whatever overtakes what.
+TEST_P(answers_test, each_command_gets_one)
+{
+    const auto &[from, is_disabled] = GetParam();
+    for (const command_t &first : COMMANDS)
+        for (const command_t &second : COMMANDS)
+            for (const command_t &third : COMMANDS) {
+                session().run(from, is_disabled, {first, second, third});
+                ASSERT_FALSE(HasFailure())
+                    << testing::PrintToString(std::array{first, second, third});
+            }
+}
+
+INSTANTIATE_TEST_SUITE_P(each_state, answers_test,
+                         testing::Combine(testing::Values(OMX_StateLoaded, OMX_StateIdle,
+                                                          OMX_StateExecuting),
+                                          testing::Bool()));
+
+} // namespace

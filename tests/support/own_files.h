@@ -1,0 +1,27 @@
+// What a test program needs beside itself, found from where it lies: no program holds a path of the
+// machine that built it.
+#ifndef TESTS_SUPPORT_OWN_FILES_H
+#define TESTS_SUPPORT_OWN_FILES_H
+
+#include <filesystem>
+#include <string>
+#include <sys/auxv.h>
+
+// The program lies in bin/. Taken before main(), while the working folder is the shell's.
+inline const std::filesystem::path kBuildFolder =
+    std::filesystem::absolute(reinterpret_cast<const char *>(getauxval(AT_EXECFN)))
+        .lexically_normal()
+        .parent_path()
+        .parent_path();
+
+inline std::string built_file(const std::string &path)
+{
+    return (kBuildFolder / path).string();
+}
+
+inline std::string source_file(const std::string &path)
+{
+    return (kBuildFolder / TDMBREC_SOURCE_FROM_BUILD / path).string();
+}
+
+#endif
