@@ -171,6 +171,7 @@ std::unique_ptr<audio_input> audio_input_open(const std::string &path, media_fil
     std::unique_ptr<audio_input> audio = std::make_unique<audio_input>();
     audio->decoder = audio_decoder_open(path);
     media_file_join(*audio->decoder->file, video_file);
+    audio->decoder->file->clock.spreads_gaps = true;
     if (!decode_frame(*audio)) {
         throw failure(exit_code::input, path + ": holds no audio that can be decoded");
     }

@@ -18,13 +18,17 @@ static constexpr int64_t SMALL_STEP_BACK_US = 3'000'000;
 static constexpr int64_t INTERLEAVE_US = 10'000'000;
 
 // A gap or overlap from here on may be the place of a jump that is too small to show as one.
-static constexpr int64_t BREAK_US = 50'000;
+static constexpr int64_t BREAK_US = 40'000;
 
 // How far beyond one stream the other one is read.
 static constexpr int64_t LOOK_AHEAD_US = 3'000'000;
 static constexpr size_t LOOK_AHEAD_PACKETS = 2'000;
 
 static constexpr int64_t STAMP_MAX_US = int64_t{1} << 56;
+
+// The longest run, and the longest gap behind one that may have come about within it.
+static constexpr size_t RUN_PACKETS = 64;
+static constexpr int64_t RUN_GAP_MAX_US = 80'000;
 
 void packet_deleter::operator()(AVPacket *packet) const
 {
@@ -83,31 +87,6 @@ static void advance(const stream_clock &clock, stream_place &place, const AVPack
     place.stamp = stamp ? stamp : place.stamp;
 }
 
-// Puts the packet in front of those that are not on the line on it. in: its unwrapped time stamp.
-static void place_packet(stream_clock &clock, std::optional<int64_t> stamp)
-{
-    AVPacket &packet = *clock.ahead[clock.placed++];
-    if (stamp) {
-        const int64_t moved = *stamp - *stamp_of(packet) +
-                              av_rescale_q(clock.offset_us, {1, 1'000'000}, clock.time_base);
-        packet.pts += packet.pts != AV_NOPTS_VALUE ? moved : 0;
-        packet.dts += packet.dts != AV_NOPTS_VALUE ? moved : 0;
-    }
-    advance(clock, clock.place, packet, stamp);
-}
-
-static bool has_jumped(const stream_clock &clock, const stream_place &place, int64_t time_us)
-{
-    if (!place.stamp) {
-        return false;
-    }
-    const int64_t ahead_us =
-        clock.other != nullptr && clock.other->place.stamp
-            ? std::max(place.end_us, clock.other->place.last_us) // where one is, both may be
-            : place.end_us;
-    return time_us + JUMP_BACK_US <= place.last_us || time_us > ahead_us + JUMP_AHEAD_US;
-}
-
 // Takes away what no arithmetic on times could hold.
 static void drop_wild_stamps(const stream_clock &clock, AVPacket &packet)
 {
@@ -119,13 +98,6 @@ static void drop_wild_stamps(const stream_clock &clock, AVPacket &packet)
     }
     packet.duration = std::clamp<int64_t>(
         packet.duration, 0, av_rescale_q(JUMP_AHEAD_US, {1, 1'000'000}, clock.time_base));
-}
-
-// Whether the stream is further ahead of the other one than it is worth looking.
-static bool is_far_ahead(const stream_clock &clock, const stream_place &place, size_t packets)
-{
-    return packets >= LOOK_AHEAD_PACKETS ||
-           place.last_us > clock.other->place.end_us + LOOK_AHEAD_US;
 }
 
 static bool pull(stream_clock &clock)
@@ -145,6 +117,65 @@ static bool pull(stream_clock &clock)
         clock.ended = true;
     }
     return !clock.ended;
+}
+
+// The gap between the run that begins with the next packet to be placed and the run after it.
+static int64_t gap_behind_run(stream_clock &clock)
+{
+    std::optional<int64_t> end; // in the time base
+    for (size_t i = clock.placed; i < clock.placed + RUN_PACKETS; i++) {
+        if (i == clock.ahead.size() && !pull(clock)) {
+            return 0;
+        }
+        const AVPacket &packet = *clock.ahead[i];
+        const std::optional<int64_t> stamp = stamp_of(packet);
+        if (!stamp) {
+            return 0;
+        }
+        if (i > clock.placed && packet.pos >= 0) {
+            const int64_t gap_us = microseconds(clock, unwrap(clock, *stamp, *end) - *end);
+            return gap_us > BREAK_US && gap_us < RUN_GAP_MAX_US ? gap_us : 0;
+        }
+        end = *stamp + packet.duration;
+    }
+    return 0;
+}
+
+// Puts the packet in front of those that are not on the line on it. in: its unwrapped time stamp.
+static void place_packet(stream_clock &clock, std::optional<int64_t> stamp)
+{
+    AVPacket &packet = *clock.ahead[clock.placed];
+    if (clock.spreads_gaps && packet.pos >= 0) {
+        clock.run_shift_us = gap_behind_run(clock) / 2;
+    }
+    clock.placed++;
+    if (stamp) {
+        const int64_t moved_us = clock.offset_us + (packet.pos < 0 ? clock.run_shift_us : 0);
+        const int64_t moved =
+            *stamp - *stamp_of(packet) + av_rescale_q(moved_us, {1, 1'000'000}, clock.time_base);
+        packet.pts += packet.pts != AV_NOPTS_VALUE ? moved : 0;
+        packet.dts += packet.dts != AV_NOPTS_VALUE ? moved : 0;
+    }
+    advance(clock, clock.place, packet, stamp);
+}
+
+static bool has_jumped(const stream_clock &clock, const stream_place &place, int64_t time_us)
+{
+    if (!place.stamp) {
+        return false;
+    }
+    const int64_t ahead_us =
+        clock.other != nullptr && clock.other->place.stamp
+            ? std::max(place.end_us, clock.other->place.last_us) // where one is, both may be
+            : place.end_us;
+    return time_us + JUMP_BACK_US <= place.last_us || time_us > ahead_us + JUMP_AHEAD_US;
+}
+
+// Whether the stream is further ahead of the other one than it is worth looking.
+static bool is_far_ahead(const stream_clock &clock, const stream_place &place, size_t packets)
+{
+    return packets >= LOOK_AHEAD_PACKETS ||
+           place.last_us > clock.other->place.end_us + LOOK_AHEAD_US;
 }
 
 // The jump of one stream, for which the other is searched.

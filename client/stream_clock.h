@@ -42,11 +42,16 @@ struct stream_clock {
     int64_t step_us = 0;           // between two packets; 0: their duration tells
     stream_clock *other = nullptr; // the stream that shares the clock
     bool may_wait = false;         // what is read can come later
+    bool spreads_gaps = false;     // as below, at run_shift_us
 
     stream_place place;
     int64_t offset_us = 0; // from time stamps to the line
     unsigned jumps = 0;    // closed by this stream, for both
-    bool waits = false;    // the last call gave nothing, but the stream has not ended
+    // Packets may come in runs, of which only the first one has a time stamp of its own and a place
+    // in the file; the others count on from there, whatever was lost between them. Half of the gap
+    // behind a run is put in front of them, so that none is off by more than the other half.
+    int64_t run_shift_us = 0;
+    bool waits = false; // the last call gave nothing, but the stream has not ended
     std::deque<packet_ptr> ahead;
     size_t placed = 0; // so many packets of `ahead`, from its front, are on the line
     bool ended = false;
