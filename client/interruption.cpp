@@ -13,13 +13,17 @@ static std::mutex lock; // guards the number
 static std::condition_variable &changed = *new std::condition_variable;
 static int requested; // the first signal's number
 
+// Without those that whoever started the command, as nohup does, wants to be ignored.
 static sigset_t listened_signals(void)
 {
     sigset_t signals;
     sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
-    sigaddset(&signals, SIGHUP);
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+        struct sigaction inherited = {};
+        if (sigaction(signal, nullptr, &inherited) == 0 && inherited.sa_handler != SIG_IGN) {
+            sigaddset(&signals, signal);
+        }
+    }
     return signals;
 }
 

@@ -149,7 +149,7 @@ static void put_all(muxing &self)
 
 static file_summary read_back(const work_folder &folder)
 {
-    const int file = openat(folder.descriptor, work_name, O_RDONLY | O_CLOEXEC);
+    const int file = openat(folder.folder.descriptor, work_name, O_RDONLY | O_CLOEXEC);
     const std::optional<file_summary> summary = file >= 0 ? finished_file_read(file) : std::nullopt;
     if (file >= 0) {
         close(file);
