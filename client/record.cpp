@@ -269,6 +269,16 @@ static void note_storage_failure(session &self, exit_code code, const std::strin
     note_failure(self, failure(code, what + (trouble.empty() ? "" : ": " + trouble)));
 }
 
+// The storage is asked only where it may be the cause.
+static void note_stop(session &self, uint32_t reason)
+{
+    if (reason == STOP_STORAGE || reason == STOP_OPEN_FAILED || reason == STOP_WRITE_FAILED) {
+        note_storage_failure(self, stop_code(reason), self.summary.ended);
+    } else {
+        note_failure(self, failure(stop_code(reason), self.summary.ended));
+    }
+}
+
 // Reads back what the recording left; the component tells a reason, not whether the file is whole.
 static void read_recording(session &self)
 {
@@ -302,7 +312,7 @@ static void end_recording(session &self)
         self.summary.stop_reason = reason;
         if (reason != STOP_REQUEST) {
             self.summary.ended = reason_text(reason);
-            note_storage_failure(self, stop_code(reason), self.summary.ended);
+            note_stop(self, reason);
         }
         player_close(std::move(self.component));
     } catch (const failure &what) {

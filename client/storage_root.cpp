@@ -4,10 +4,12 @@
 
 #include "platform/host/host_control.h"
 
+#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <filesystem>
 #include <sched.h>
 #include <sys/file.h>
 #include <sys/mount.h>
@@ -71,6 +73,8 @@ std::unique_ptr<storage_root> storage_open(const std::string &output, bool force
 {
     std::unique_ptr<storage_root> root = std::make_unique<storage_root>();
     root->place = output_place_open(output, force);
+    std::error_code ignored;
+    root->directory_path = std::filesystem::absolute(root->place->directory_path, ignored);
     return root;
 }
 
@@ -142,7 +146,7 @@ static bool is_in_sight(const storage_root &root)
     struct stat opened = {};
     struct stat named = {};
     return fstat(root.place->directory, &opened) == 0 &&
-           stat(root.place->directory_path.c_str(), &named) == 0 && opened.st_dev == named.st_dev &&
+           stat(root.directory_path.c_str(), &named) == 0 && opened.st_dev == named.st_dev &&
            opened.st_ino == named.st_ino;
 }
 
@@ -220,26 +224,45 @@ static bool is_at_limit(const storage_root &root)
            storage_recorded_bytes(root) >= limit.rlim_cur;
 }
 
+// Writes a little into the recording's folder. returns the reason why that fails, or 0.
+static int probe(const storage_root &root)
+{
+    static constexpr char name[] = "probe";
+    static constexpr std::array<char, 4096> block = {};
+    const int file = openat(root.scratch, name, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    if (file < 0) {
+        return errno;
+    }
+    errno = ENOSPC; // for a write in part
+    const bool is_written =
+        write(file, block.data(), block.size()) == static_cast<ssize_t>(block.size()) &&
+        fsync(file) == 0;
+    const int error = is_written ? 0 : errno;
+    close(file);
+    unlinkat(root.scratch, name, 0);
+    return error;
+}
+
 std::string storage_trouble(const storage_root &root)
 {
     struct stat folder = {};
-    struct statvfs system = {};
     if (fstat(root.folder.descriptor, &folder) == 0 && folder.st_nlink == 0) {
         return "the folder " + root.folder.name + " was deleted";
     }
     if (storage_is_out_of_sight(root)) {
         return "the output's directory was moved, or its storage unmounted";
     }
-    if (fstatvfs(root.scratch, &system) != 0) {
-        return std::string("the storage does not answer: ") + std::strerror(errno);
-    }
-    if ((system.f_flag & ST_RDONLY) != 0) {
+    switch (const int error = probe(root)) {
+    case 0:
+        return is_at_limit(root) ? "it has reached the shell's limit for files (ulimit -f)" : "";
+    case EROFS:
         return "the storage is read-only now";
-    }
-    if (system.f_bavail == 0) {
+    case ENOSPC:
+    case EDQUOT:
         return "the storage is full";
+    default:
+        return std::string("the storage fails (") + std::strerror(error) + ")";
     }
-    return is_at_limit(root) ? "it has reached the shell's limit for files (ulimit -f)" : "";
 }
 
 static bool copy_bytes(int from, int to)

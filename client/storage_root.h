@@ -25,7 +25,8 @@ struct storage_root {
     bool is_shared = false;              // /mnt/sdcard itself serves, where others record, too
     std::atomic<bool> is_moved = false;  // from there into the folder
     bool made_card = false;              // the card's directory goes with the recording
-    bool was_in_sight = false;           // the output's directory was found by its path
+    std::string directory_path;          // of the output's directory, absolute
+    bool was_in_sight = false;           // the directory was found by it
 
     storage_root() = default;
     storage_root(const storage_root &) = delete;
@@ -53,7 +54,7 @@ uint64_t storage_recorded_bytes(const storage_root &root);
 // Opens the recording for reading. returns -1 when there is none.
 int storage_open_recording(const storage_root &root);
 
-// What is wrong with the storage, the end of a sentence; empty when nothing is to be seen.
+// What is wrong with the storage, tried out, as the end of a sentence; empty when nothing is.
 std::string storage_trouble(const storage_root &root);
 
 // Whether the output's directory is no longer found by its path.

@@ -12,6 +12,8 @@
 #include <sys/wait.h>
 
 #define TDMBREC TDMBREC_COMMAND " "
+#define RECORD TDMBREC "record "
+#define SCRIPTED "TDMBREC_COMPONENT_PATH=" SCRIPTED_COMPONENT
 #define SAMPLE "--video programme.h264 --audio programme.wav "
 #define TIMED_SAMPLE "-fflags +genpts -r 30 -i programme.h264 "
 
