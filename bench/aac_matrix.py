@@ -101,6 +101,8 @@ def judge(path, rate, channels):
 
 
 def main():
+    if {'-h', '--help'} & set(sys.argv):
+        sys.exit(print(__doc__))
     if len(sys.argv) < 2:
         sys.exit(__doc__)
     if not (numpy and shutil.which('ffmpeg') and shutil.which('faad')):

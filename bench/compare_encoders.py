@@ -14,6 +14,9 @@ import sys
 import tempfile
 import wave
 
+if {'-h', '--help'} & set(sys.argv):
+    sys.exit(print(__doc__))
+
 import numpy
 
 RATE = 48000

@@ -51,7 +51,7 @@ def run(command, **options):
 
 def build():
     for preset, folder, settings in BUILDS:
-        run(['cmake', '--preset', preset, '-B', folder] + settings, cwd=ROOT)
+        run(['cmake', '--fresh', '--preset', preset, '-B', folder] + settings, cwd=ROOT)
         run(['cmake', '--build', folder, '-j', os.cpu_count()])
 
 
@@ -345,6 +345,10 @@ component with its encoder and muxer is `libOMX.QVR.tdmbrec.so`, `libav...` read
 
 
 def main():
+    if {'-h', '--help'} & set(sys.argv):
+        sys.exit(print(__doc__))
+    if sys.argv[1:] not in ([], ['--quick']):
+        sys.exit(__doc__)
     build()
     with tempfile.TemporaryDirectory() as name:
         folder = pathlib.Path(name)

@@ -16,6 +16,9 @@ import subprocess
 import sys
 import tempfile
 
+if {'-h', '--help'} & set(sys.argv):
+    sys.exit(print(__doc__))
+
 import numpy
 
 RATE = 48000

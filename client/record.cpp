@@ -418,6 +418,7 @@ static void report(session &self, const std::string &rest)
 static void close_all(session &self)
 {
     if (player_left_alone()) {
+        storage_hide();
         _exit(self.summary.status); // nothing may wait for the component, nor take from under it
     }
     use_storage(nullptr);

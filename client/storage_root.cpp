@@ -10,53 +10,18 @@
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
-#include <sched.h>
 #include <sys/file.h>
-#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/sendfile.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 
-static constexpr char storage_mount[] = "/mnt/sdcard";
 static constexpr char card_property[] = "qvr.sdcard.db.status";
-
-static bool isolated; // this process has a mount namespace of its own
 
 [[noreturn]] static void fail(exit_code code, const std::string &what)
 {
     throw failure(code, what + ": " + std::strerror(errno));
-}
-
-static bool write_file(const char *path, const std::string &text)
-{
-    const int file = open(path, O_WRONLY | O_CLOEXEC);
-    if (file < 0) {
-        return false;
-    }
-    const ssize_t written = write(file, text.data(), text.size());
-    close(file);
-    return written == static_cast<ssize_t>(text.size());
-}
-
-// In the new user namespace everyone keeps their numbers.
-static bool enter_user_namespace(void)
-{
-    const std::string uid = std::to_string(geteuid());
-    const std::string gid = std::to_string(getegid());
-    return unshare(CLONE_NEWUSER | CLONE_NEWNS) == 0 &&
-           write_file("/proc/self/setgroups", "deny") &&
-           write_file("/proc/self/uid_map", uid + " " + uid + " 1") &&
-           write_file("/proc/self/gid_map", gid + " " + gid + " 1");
-}
-
-// As a slave, the namespace keeps its own mounts to itself, and whoever unmounts the output's file
-// system is told that it is in use.
-void storage_isolate(void)
-{
-    isolated = (unshare(CLONE_NEWNS) == 0 || enter_user_namespace()) &&
-               mount(nullptr, "/", nullptr, MS_REC | MS_SLAVE, nullptr) == 0;
 }
 
 storage_root::~storage_root()
@@ -78,28 +43,11 @@ std::unique_ptr<storage_root> storage_open(const std::string &output, bool force
     return root;
 }
 
-// Puts the folder at the component's storage path, for this process alone.
-static bool mount_folder(const storage_root &root)
-{
-    struct stat status = {};
-    if (stat(storage_mount, &status) != 0 &&
-        (mount("tmpfs", "/mnt", "tmpfs", MS_NOSUID | MS_NODEV, "size=64k,mode=755") != 0 ||
-         mkdir(storage_mount, 0755) != 0)) {
-        return false;
-    }
-    const std::string folder = "/proc/self/fd/" + std::to_string(root.folder.descriptor);
-    return mount(folder.c_str(), storage_mount, nullptr, MS_BIND, nullptr) == 0;
-}
-
 static void use_storage_itself(storage_root &root)
 {
-    root.scratch = open(storage_mount, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    root.scratch = open(kStorageMount, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (root.scratch < 0 || faccessat(root.scratch, ".", W_OK | X_OK, AT_EACCESS) != 0) {
-        throw failure(exit_code::storage,
-                      "the recorder needs /mnt/sdcard, and this system allows no private mount "
-                      "namespace to provide it; make it with\n"
-                      "    sudo mkdir -p /mnt/sdcard\n"
-                      "    sudo chown \"$(id -u)\" /mnt/sdcard");
+        throw failure(exit_code::storage, storage_refusal(errno));
     }
     if (flock(root.scratch, LOCK_EX | LOCK_NB) != 0) {
         throw failure(exit_code::storage, "another recording is using /mnt/sdcard");
@@ -150,10 +98,10 @@ static bool is_in_sight(const storage_root &root)
            opened.st_ino == named.st_ino;
 }
 
-void storage_provide(storage_root &root, bool card)
+static void provide_folder(storage_root &root)
 {
     root.folder = locked_folder_make(root.place->directory, root.place->name, kRecordingSuffix);
-    if (isolated && mount_folder(root)) {
+    if (storage_show(root.folder.descriptor)) {
         root.scratch = openat(root.folder.descriptor, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
         if (root.scratch < 0) {
             fail(exit_code::output, root.folder.name);
@@ -161,6 +109,11 @@ void storage_provide(storage_root &root, bool card)
     } else {
         use_storage_itself(root);
     }
+}
+
+void storage_provide(storage_root &root, bool card)
+{
+    provide_folder(root);
     if (card) {
         provide_card(root);
     }
@@ -170,7 +123,7 @@ void storage_provide(storage_root &root, bool card)
 
 std::string storage_component_path(const storage_root &root)
 {
-    return std::string(storage_mount) + "/" + root.record_name;
+    return std::string(kStorageMount) + "/" + root.record_name;
 }
 
 uint64_t storage_free_bytes(const storage_root &root)
@@ -355,6 +308,7 @@ static void clear_tables(const storage_root &root, bool is_kept)
 
 void storage_discard(storage_root &root)
 {
+    storage_hide();
     if (root.folder.descriptor < 0) {
         return;
     }

@@ -1,15 +1,16 @@
 // The storage that the component records to, and the way from there to the output's place.
 //
-// The component accepts paths below /mnt/sdcard only and watches the free space there. So the
-// process enters a mount namespace of its own, in which /mnt/sdcard is a folder beside the output:
-// what the component sees is the output's file system, and the finished file moves to its place by
-// a rename. Where namespaces are not allowed, a writable /mnt/sdcard serves as it is; the folder
-// then holds a link to the recording. What holds media data is never removed.
+// The component accepts paths below /mnt/sdcard only and watches the free space there. So it is
+// shown a folder beside the output under that name: what it sees is the output's file system, and
+// the finished file moves to its place by a rename. Where that is not allowed, a writable
+// /mnt/sdcard serves as it is, and the folder holds a link to the recording. What holds media data
+// is never removed.
 #ifndef CLIENT_STORAGE_ROOT_H
 #define CLIENT_STORAGE_ROOT_H
 
 #include "client/locked_folder.h"
 #include "client/output_place.h"
+#include "client/storage_view.h"
 #include "client/unfinished_recording.h"
 
 #include <atomic>
@@ -33,9 +34,6 @@ struct storage_root {
     storage_root &operator=(const storage_root &) = delete;
     ~storage_root(); // nothing but media data stays of the recording
 };
-
-// Enters the private mount namespace where that is allowed. Call before any thread exists.
-void storage_isolate(void);
 
 // Checks that the file may be written, without touching anything. throws `failure`.
 std::unique_ptr<storage_root> storage_open(const std::string &output, bool force);

@@ -1,22 +1,31 @@
 #!/bin/sh
-# Runs every harness on its corpus for some seconds. New inputs go to build/fuzz/corpus, what breaks
-# a promise to build/fuzz, with the log.
+# Runs every harness on its corpus for some seconds, as many at once as there are processors. New
+# inputs go to build/fuzz/corpus, what breaks a promise to build/fuzz, with the log.
 #
 #   sh fuzz/run.sh SECONDS [HARNESS ...]
 set -eu
 cd "$(dirname "$0")/.."
+case ${1:-} in
+'' | *[!0-9]*)
+    sed -n 's/^#   //p' fuzz/run.sh >&2
+    exit 2
+    ;;
+esac
 seconds=$1
 shift
-cmake --preset fuzz -D TDMBREC_WARNINGS_AS_ERRORS=ON > /dev/null
+cmake --fresh --preset fuzz -D TDMBREC_WARNINGS_AS_ERRORS=ON > /dev/null
 cmake --build --preset fuzz -- --quiet
-all="fuzz_aacenc fuzz_access_unit fuzz_frame_fifo fuzz_mp4_reader fuzz_mp4mux fuzz_recording"
-for name in ${*:-$all}; do
-    log=build/fuzz/$name.log
-    mkdir -p "build/fuzz/corpus/$name"
-    "build/fuzz/bin/$name" -max_total_time="$seconds" -max_len=8192 -artifact_prefix="build/fuzz/$name-" \
-        "build/fuzz/corpus/$name" "fuzz/corpus/$name" > /dev/null 2> "$log" || {
+[ $# -gt 0 ] || set -- $(basename -s .cpp fuzz/fuzz_*.cpp)
+
+# In a shell of its own: one harness.
+run='
+    log=build/fuzz/$1.log
+    mkdir -p "build/fuzz/corpus/$1"
+    "build/fuzz/bin/$1" -max_total_time="$0" -max_len=8192 \
+        -artifact_prefix="build/fuzz/$1-" "build/fuzz/corpus/$1" "fuzz/corpus/$1" \
+        > /dev/null 2> "$log" || {
         tail -n 50 "$log"
         exit 1
     }
-    echo "$name: $(tail -n 1 "$log")"
-done
+    echo "$1: $(tail -n 1 "$log")"'
+printf "%s\n" "$@" | xargs -n 1 -P "$(nproc)" sh -c "$run" "$seconds"

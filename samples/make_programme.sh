@@ -1,7 +1,15 @@
 #!/usr/bin/env bash
 # Makes programme.h264 and programme.wav in the given directory (default: beside this script).
 # Needs the Debian packages ffmpeg, espeak-ng, sox and perl; the same versions give the same bytes.
+#
+#   samples/make_programme.sh [DIRECTORY]
 set -euo pipefail
+case ${1:-} in
+-*)
+    sed -n 's/^#   //p' "$0"
+    exit 0
+    ;;
+esac
 
 out=$(realpath "${1:-$(dirname "$0")}")
 work=$(mktemp -d)

@@ -2,51 +2,95 @@
 # Installs what is needed, builds the recorder in every way and runs all tests.
 #
 #   sh scripts/check.sh             everything
-#   sh scripts/check.sh STEP ...    some of: format bench fuzz 32bit arm asan-ubsan tsan clang
-#                                   release
+#   sh scripts/check.sh STEP ...    some of: format try spin bench fuzz coverage 32bit arm asan-ubsan
+#                                   tsan clang release
 set -eu
 cd "$(dirname "$0")/.."
-steps=${*:-format bench fuzz 32bit arm asan-ubsan tsan clang release}
+case ${1:-} in
+-*)
+    sed -n 's/^#   *//p' scripts/check.sh
+    exit 0
+    ;;
+esac
+all='format try spin bench fuzz coverage 32bit arm asan-ubsan tsan clang release'
+steps=${*:-$all}
 jobs=$(nproc)
+not_checked_out='the step format needs git and a folder that git has checked out'
 
-# build PRESET FOLDER [CMAKE-ARGUMENT ...]
+# fail SENTENCE
+fail() {
+    echo "check.sh: $1" >&2
+    exit 1
+}
+
+# build PRESET FOLDER [CMAKE-ARGUMENT ...]: with these options and no others, whatever the folder
+# was configured with before.
 build() {
     preset=$1
     folder=$2
     shift 2
-    cmake --preset "$preset" -B "build/$folder" -D TDMBREC_WARNINGS_AS_ERRORS=ON "$@" > /dev/null
+    cmake --fresh --preset "$preset" -B "build/$folder" -D TDMBREC_WARNINGS_AS_ERRORS=ON "$@" \
+        > /dev/null
     cmake --build "build/$folder" -j "$jobs" -- --quiet
 }
 
-test_all() {
-    ctest --test-dir "build/$1" -j "$jobs" --output-on-failure --progress --no-tests=error
-}
-
-sources() {
-    git ls-files '*.cpp' '*.h'
-}
-
-sh scripts/install_dependencies.sh tests
-for step in $steps; do
-    echo "== $step"
-    case $step in
-    format)
-        sources | xargs clang-format --dry-run --Werror
-        if git grep -nIE '[[:space:]]+$' -- . ':!*.csv'; then
-            exit 1
-        fi
+# The tests that a step may skip, one a line, by its name; every other step may skip none.
+may_skip() {
+    case $1 in
+    asan-ubsan | tsan)
+        echo ManyRecordings.AllocateNothingPerFrame
         ;;
-    release)
-        build release release
-        test_all release
+    esac
+}
+
+# test_all FOLDER: fails also when a test is skipped that may_skip does not name.
+test_all() {
+    report=$PWD/build/$1/tests.xml
+    rm -f "$report"
+    ctest --test-dir "build/$1" -j "$jobs" --output-on-failure --progress --no-tests=error \
+        --output-junit "$report"
+    [ -s "$report" ] || fail "no report of the tests in the step $1"
+    may_skip "$1" > "build/$1/may_skip"
+    skipped=$(sed -n 's/.*<testcase name="\([^"]*\)".* status="\(notrun\|disabled\)".*/\1/p' \
+        "$report" | grep -vxFf "build/$1/may_skip") || return 0
+    fail "skipped in the step $1, which does not allow it: $(echo $skipped)"
+}
+
+check_format() {
+    sources=$(git ls-files '*.cpp' '*.h') || fail "$not_checked_out"
+    echo "$sources" | xargs clang-format --dry-run --Werror
+    if git grep -nIE '[[:space:]]+$' -- . ':!*.csv'; then
+        fail 'blanks at the end of a line'
+    fi
+}
+
+# The README's first command, and the end of its output as the README has it.
+check_try() {
+    mkdir -p build
+    sh scripts/try.sh -D TDMBREC_WARNINGS_AS_ERRORS=ON > build/try.log
+    tail -n 3 build/try.log | while IFS= read -r line; do
+        grep -qxF -e "$line" README.md || fail "not as in the README: $line"
+    done
+}
+
+run_step() {
+    case $1 in
+    format)
+        check_format
+        ;;
+    try)
+        check_try
+        ;;
+    spin)
+        sh docs/models/check.sh
         ;;
     clang)
         build release clang -D CMAKE_CXX_COMPILER=clang++
         test_all clang
         ;;
-    32bit | arm | asan-ubsan | tsan)
-        build "$step" "$step"
-        test_all "$step"
+    coverage | 32bit | arm | asan-ubsan | tsan | release)
+        build "$1" "$1"
+        test_all "$1"
         ;;
     bench)
         build release release
@@ -55,11 +99,35 @@ for step in $steps; do
         done
         ;;
     fuzz)
-        sh fuzz/run.sh 4
+        sh fuzz/run.sh 15
         ;;
+    esac
+}
+
+for step in $steps; do
+    case " $all " in
+    *" $step "*) ;;
     *)
-        echo "unknown step: $step" >&2
+        echo "check.sh: unknown step: $step; the steps are: $all" >&2
         exit 2
         ;;
     esac
+done
+for step in $steps; do
+    case $step in
+    spin | fuzz) ;;
+    format) [ -e .git ] || fail "$not_checked_out" ;;
+    try) sh scripts/require_storage.sh command ;;
+    *) sh scripts/require_storage.sh tests ;;
+    esac
+done
+missing=$(sh scripts/install_dependencies.sh --missing tests)
+echo "The steps: $steps. All of them take 20 minutes on two cores."
+if [ -n "$missing" ]; then
+    echo "First these Debian packages are installed, with what they need; about 5 minutes: $missing"
+fi
+sh scripts/install_dependencies.sh tests
+for step in $steps; do
+    echo "== $step"
+    run_step "$step"
 done

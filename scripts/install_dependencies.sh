@@ -2,28 +2,62 @@
 # Installs what building, testing and judging the recorder needs, from Debian's packages. Does
 # nothing when everything is there.
 #
-#   sh scripts/install_dependencies.sh          what the command needs
-#   sh scripts/install_dependencies.sh tests    what the tests need, too
+#   sh scripts/install_dependencies.sh                      what the command needs
+#   sh scripts/install_dependencies.sh tests                what the tests need, too
+#   sh scripts/install_dependencies.sh --missing [tests]    prints what is missing, installs nothing
 set -eu
 
+list_only=
+if [ "${1:-}" = --missing ]; then
+    list_only=1
+    shift
+fi
 packages="g++ cmake ninja-build pkg-config ffmpeg libavformat-dev libavcodec-dev libavutil-dev
     libswresample-dev libcli11-dev nlohmann-json3-dev"
-if [ "${1:-}" = tests ]; then
-    packages="$packages clang clang-format libclang-rt-14-dev g++-12-multilib
+case ${1:-} in
+'') ;;
+tests)
+    packages="$packages clang clang-16 clang-19 clang-format libclang-rt-14-dev g++-12-multilib
         g++-12-arm-linux-gnueabihf qemu-user libgtest-dev libgmock-dev googletest libbenchmark-dev
-        valgrind gstreamer1.0-tools gstreamer1.0-plugins-base gstreamer1.0-plugins-good
-        gstreamer1.0-plugins-bad gstreamer1.0-libav mpv chromium faad mkvtoolnix mediainfo python3
-        python3-numpy util-linux"
-fi
+        valgrind spin git gstreamer1.0-tools gstreamer1.0-plugins-base
+        gstreamer1.0-plugins-base-apps gstreamer1.0-plugins-good gstreamer1.0-plugins-bad
+        gstreamer1.0-libav mpv chromium faad mkvtoolnix mediainfo python3 python3-numpy util-linux"
+    ;;
+*)
+    sed -n 's/^#   //p' "$0" >&2
+    exit 2
+    ;;
+esac
 
+if ! command -v dpkg-query > /dev/null; then
+    echo "install_dependencies.sh: this is not Debian; install these packages or their like by" \
+        "hand:" $packages >&2
+    exit 1
+fi
 missing=
 for package in $packages; do
     dpkg-query -W -f '${Status}' "$package" 2> /dev/null | grep -q 'ok installed' ||
         missing="$missing $package"
 done
-[ -z "$missing" ] && exit 0
+missing=${missing# }
+if [ -n "$list_only" ]; then
+    [ -z "$missing" ] || echo "$missing"
+    exit 0
+fi
+[ -n "$missing" ] || exit 0
+
+# refuse REASON
+refuse() {
+    echo "install_dependencies.sh: $1; as root, run: apt-get install --no-install-recommends" \
+        "$missing" >&2
+    exit 1
+}
 
 as_root=
-[ "$(id -u)" = 0 ] || as_root=sudo
-$as_root apt-get update -q
-$as_root env DEBIAN_FRONTEND=noninteractive apt-get install -q -y --no-install-recommends $missing
+if [ "$(id -u)" != 0 ]; then
+    command -v sudo > /dev/null || refuse "packages are missing, and there is no sudo"
+    as_root=sudo
+fi
+$as_root apt-get update -q || refuse "the lists of packages cannot be updated"
+$as_root env DEBIAN_FRONTEND=noninteractive apt-get install -q -y --no-install-recommends \
+    $missing || refuse "the packages cannot be installed"

@@ -2,13 +2,27 @@
 # Installs what is needed, builds the recorder, records the sample programme and shows the result as
 # ffprobe sees it.
 #
-#   sh scripts/try.sh
+#   sh scripts/try.sh [CMAKE-ARGUMENT ...]
 set -eu
 cd "$(dirname "$0")/.."
+case ${1:-} in
+-h | --help)
+    sed -n 's/^#   *//p' scripts/try.sh
+    exit 0
+    ;;
+esac
 
+sh scripts/require_storage.sh command
 sh scripts/install_dependencies.sh
-cmake --preset release -D TDMBREC_TESTS=OFF -D TDMBREC_BENCH=OFF
-cmake --build --preset release
+# A folder in which the tests were built keeps them, as scripts/check.sh left them.
+tests=OFF
+if grep -qs '^TDMBREC_TESTS:BOOL=ON$' build/release/CMakeCache.txt &&
+    [ -z "$(sh scripts/install_dependencies.sh --missing tests)" ]; then
+    tests=ON
+fi
+cmake --fresh --preset release -D TDMBREC_WARNINGS_AS_ERRORS=$tests -D TDMBREC_TESTS=$tests \
+    -D TDMBREC_BENCH=$tests "$@"
+cmake --build build/release --target tdmbrec tdmbrec_component
 build/release/bin/tdmbrec record --force --output programme.mp4 \
     --video samples/programme.h264 --audio samples/programme.wav
 ffprobe -v warning -show_entries \

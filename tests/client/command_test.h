@@ -12,10 +12,13 @@
 #include <sys/wait.h>
 
 #define TDMBREC TDMBREC_COMMAND " "
-#define RECORD TDMBREC "record "
-#define SCRIPTED "TDMBREC_COMPONENT_PATH=" SCRIPTED_COMPONENT
 #define SAMPLE "--video programme.h264 --audio programme.wav "
 #define TIMED_SAMPLE "-fflags +genpts -r 30 -i programme.h264 "
+
+// In a shell line: waits until what is under way has begun to write below a folder.
+#define AWAIT_OUTPUT(folder)                                                                       \
+    "for i in $(seq 3000); do find " folder " -type f ! -name \"*.wav\" ! -name \"*.h264\" "       \
+    "! -name a.mp4 | grep . && break; sleep 0.1; done >&2; "
 
 using name_set = std::set<std::string>;
 

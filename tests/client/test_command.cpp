@@ -11,6 +11,9 @@
 namespace fs = std::filesystem;
 using nlohmann::json;
 
+#define RECORD TDMBREC "record "
+#define SCRIPTED "TDMBREC_COMPONENT_PATH=" SCRIPTED_COMPONENT
+
 // Finds the sample recorded as a.mp4. What cannot run here is reported as skipped.
 class recording : public command {
   protected:
@@ -127,16 +130,17 @@ TEST_F(recording, joins_late_audio_and_a_restarted_clock)
 TEST_F(recording, is_finished_at_the_first_signal_and_given_up_at_the_second)
 {
     const std::string background = RECORD SAMPLE "--realtime -f -o a.mp4 ";
-    const command_result once = shell(background + "--json & sleep 1; kill -TERM $!; wait $!");
+    const command_result once =
+        shell(background + "--json & " AWAIT_OUTPUT(".") "kill -TERM $!; wait $!");
     EXPECT_EQ(once.status, 0) << once.err;
     EXPECT_EQ(json::parse(once.out)["ended"], "stopped by the user");
-    EXPECT_LT(json::parse(once.out)["video"]["frames"], 60);
+    EXPECT_LT(json::parse(once.out)["video"]["frames"], 300);
     fs::remove(directory / "a.mp4");
 
     // Stopped in between, the process meets both signals before it can finish.
     const command_result twice =
-        shell(background + "& sleep 1; kill -STOP $!; kill -TERM $!; kill -HUP $!; "
-                           "kill -CONT $!; wait $!");
+        shell(background + "& " AWAIT_OUTPUT(".") "kill -STOP $!; kill -TERM $!; kill -HUP $!; "
+                                                  "kill -CONT $!; wait $!");
     EXPECT_TRUE(twice.status == 143 || twice.status == 129) << twice.status;
     EXPECT_TRUE(contains(twice.err, "given up")) << twice.err;
     EXPECT_EQ(names(), SAMPLE_ALONE);
@@ -166,13 +170,13 @@ TEST_F(recording, ends_with_the_reason_why_the_component_stopped)
 
 TEST_F(recording, shows_progress_while_the_component_takes_long)
 {
-    const command_result result = shell("export SCRIPT_STALL=1800 " SCRIPTED
+    const command_result result = shell("export SCRIPT_STALL=4000 " SCRIPTED
                                         "; script -qec '" RECORD SAMPLE "-o b.mp4' typescript");
     size_t shown = 0;
     for (size_t at = 0; (at = result.out.find("Recording  ", at)) != std::string::npos; at++) {
         shown++;
     }
-    EXPECT_GE(shown, 4u) << result.out; // the first at once, then twice a second
+    EXPECT_GE(shown, 4u) << result.out; // twice a second, or half as often on a busy machine
 }
 
 TEST_F(recording, plays_the_broadcast_player_in_runs_of_pictures_and_sound)
@@ -237,11 +241,10 @@ TEST_F(storage, is_its_own_mount_point_a_private_one_or_the_one_that_is_there)
         // Another writer takes the space while the recording runs; the file is finished all the
         // same.
         {"70m",
-         "{ sleep 1; head -c 30000000 /dev/zero > /mnt/other; } & " RECORD SAMPLE
-         "--realtime -o /mnt/a.mp4",
+         "{ " AWAIT_OUTPUT("/mnt") "head -c 30000000 /dev/zero > /mnt/other; } & " RECORD SAMPLE
+                                   "--realtime -o /mnt/a.mp4",
          "/mnt", "12\na.mp4\nother\n", "Ended  the free space is used up"},
         // Without namespaces /mnt/sdcard itself serves; the output lies on another file system.
-        {"1m", forbid + RECORD SAMPLE "-o a.mp4", "/mnt", "6\n", "sudo mkdir -p /mnt/sdcard\n"},
         {"200m",
          forbid + "mkdir /mnt/sdcard && " RECORD SAMPLE "--card -o a.mp4 && ! " RECORD SAMPLE
                   "-o a.mp4",

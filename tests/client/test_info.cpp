@@ -69,7 +69,7 @@ onload = () => {
 };
 </script>)";
         const command_result shown = shell(
-            "HOME=$PWD timeout 60 chromium --headless --no-sandbox --disable-gpu --disable-quic "
+            "HOME=$PWD timeout 600 chromium --headless --no-sandbox --disable-gpu --disable-quic "
             "--no-first-run --disable-background-networking --disable-component-update "
             "--disable-sync --hide-scrollbars --allow-file-access-from-files "
             "--enable-logging=stderr --user-data-dir=$PWD/profile "

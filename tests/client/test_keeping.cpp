@@ -5,6 +5,8 @@
 
 namespace fs = std::filesystem;
 
+#define RECORD TDMBREC "record "
+#define SCRIPTED "TDMBREC_COMPONENT_PATH=" SCRIPTED_COMPONENT
 #define FOLDER "b.mp4.recording"
 #define LEFT FOLDER "/recording.mp4"
 #define SLOW "--realtime --frame-rate 10 --video $IN/noise.h264 --audio $IN/programme.wav -o b.mp4 "
@@ -91,7 +93,7 @@ TEST_F(keeping, survives_what_happens_to_the_storage)
         {"120m",
          UNDER_WAY "kill -STOP $p; kill -TERM $p; kill -HUP $p; "
                    "kill -CONT $p; wait $p; [ $? -gt 128 ]",
-         0, "tdmbrec: given up; what was recorded (", true},
+         0, "tdmbrec: given up; ", true},
         {"120m", UNDER_WAY "rm " LEFT "; wait $p", 5, LEFT " was deleted or moved\n", false},
         {"120m", UNDER_WAY "rm -r " FOLDER "; wait $p", 5,
          "tdmbrec: the recording is gone: the folder " FOLDER " was deleted\n", false},

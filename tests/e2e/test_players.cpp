@@ -71,7 +71,7 @@ v.play();
             "--disable-sync --autoplay-policy=no-user-gesture-required --enable-logging=stderr "
             "--user-data-dir=/mnt/sdcard/profile file:///mnt/sdcard/player.html > log 2>&1 & "
             "pid=$!; "
-            "cd /mnt/sdcard; for i in $(seq 600); do grep -q 'said:' log && break; sleep 0.1; "
+            "cd /mnt/sdcard; for i in $(seq 3000); do grep -q 'said:' log && break; sleep 0.1; "
             "done; "
             "kill $pid; wait $pid; grep -o 'said: [^\"]*' log")
             .second;

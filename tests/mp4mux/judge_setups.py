@@ -231,6 +231,10 @@ def pairwise(setups):
 
 
 def main():
+    if {"-h", "--help"} & set(sys.argv):
+        return print(__doc__)
+    if len(sys.argv) < 2:
+        return __doc__
     if not all(map(shutil.which, ("ffmpeg", "gst-discoverer-1.0", "mkvmerge", "mediainfo"))):
         return 77
     library = c.CDLL(sys.argv[1])

@@ -46,7 +46,7 @@ class framework_test : public PlatformTest {
     template <typename Condition>
     static void wait_until(Condition condition)
     {
-        for (int count = 0; !condition() && count < 20000; count++)
+        for (int count = 0; !condition() && count < 300000; count++)
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         ASSERT_TRUE(condition());
     }

@@ -1,0 +1,189 @@
+#include "client/storage_view.h"
+
+#include "client/failure.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <sched.h>
+#include <sys/file.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+// The name at /mnt/sdcard is a link to a second one beside it, which leads to the folder: so a link
+// that a killed command has left is told from every link that somebody else has made.
+static constexpr char kMount[] = "/mnt";
+static constexpr char kName[] = "sdcard";
+static constexpr char kOwnLink[] = ".tdmbrec-sdcard";
+
+static bool isolated;        // this process has a mount namespace of its own
+static int linked = -1;      // /mnt, locked, while the link is there
+static std::string refusals; // what was not allowed
+static uid_t user;           // an own namespace may have no name for it
+
+static bool refuse(const std::string &what)
+{
+    const int error = errno;
+    refusals += (refusals.empty() ? "" : ", ") + what + ": " + std::strerror(error);
+    return false;
+}
+
+static bool write_file(const char *path, const std::string &text)
+{
+    const int file = open(path, O_WRONLY | O_CLOEXEC);
+    if (file < 0) {
+        return refuse(path);
+    }
+    const ssize_t written = write(file, text.data(), text.size());
+    const bool is_whole = written == static_cast<ssize_t>(text.size()) || refuse(path);
+    close(file);
+    return is_whole;
+}
+
+// In the new user namespace everyone keeps their numbers. Root would lose the right to other
+// users' files in it, and can link.
+static bool enter_user_namespace(void)
+{
+    const gid_t group = getegid(); // within, both are nobody's until they are written down
+    if (user == 0 || unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) {
+        return refuse("unshare");
+    }
+    const std::string uid = std::to_string(user);
+    const std::string gid = std::to_string(group);
+    return write_file("/proc/self/setgroups", "deny") &&
+           write_file("/proc/self/uid_map", uid + " " + uid + " 1") &&
+           write_file("/proc/self/gid_map", gid + " " + gid + " 1");
+}
+
+// As a slave, the namespace keeps its own mounts to itself, and whoever unmounts the output's file
+// system is told that it is in use.
+void storage_isolate(void)
+{
+    user = geteuid();
+    isolated = (unshare(CLONE_NEWNS) == 0 || enter_user_namespace()) &&
+               (mount(nullptr, "/", nullptr, MS_REC | MS_SLAVE, nullptr) == 0 || refuse("mount"));
+}
+
+// Calls with the folder as the current one, which needs no /proc.
+template <typename Call>
+static bool call_within(int folder, Call call)
+{
+    const int before = open(".", O_PATH | O_DIRECTORY | O_CLOEXEC);
+    if (before < 0) {
+        return refuse("the current folder");
+    }
+    if (fchdir(folder) != 0) {
+        refuse("fchdir");
+        close(before);
+        return false;
+    }
+    const bool is_done = call();
+    if (fchdir(before) != 0) {
+        refuse("fchdir");
+    }
+    close(before);
+    return is_done;
+}
+
+static bool mount_folder(int folder)
+{
+    struct stat status = {};
+    const bool makes_name = lstat(kStorageMount, &status) != 0;
+    if (makes_name &&
+        mount("tmpfs", kMount, "tmpfs", MS_NOSUID | MS_NODEV, "size=64k,mode=755") != 0) {
+        return refuse("mount");
+    }
+    const bool shown =
+        (!makes_name || mkdir(kStorageMount, 0755) == 0 || refuse("mkdir")) &&
+        call_within(folder, [] {
+            return mount(".", kStorageMount, nullptr, MS_BIND, nullptr) == 0 || refuse("mount");
+        });
+    if (makes_name && !shown) {
+        umount2(kMount, MNT_DETACH);
+    }
+    return shown;
+}
+
+static bool is_own_link(int directory)
+{
+    char target[sizeof kOwnLink] = {};
+    return readlinkat(directory, kName, target, sizeof target) == sizeof kOwnLink - 1 &&
+           std::memcmp(target, kOwnLink, sizeof kOwnLink - 1) == 0;
+}
+
+static void remove_links(int directory)
+{
+    struct stat status = {};
+    if (is_own_link(directory)) {
+        unlinkat(directory, kName, 0);
+    }
+    if (fstatat(directory, kOwnLink, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+        S_ISLNK(status.st_mode)) {
+        unlinkat(directory, kOwnLink, 0);
+    }
+}
+
+static bool link_folder(int folder, int directory)
+{
+    remove_links(directory);
+    const bool is_linked = call_within(folder, [directory] {
+        std::error_code error;
+        const std::string path = std::filesystem::current_path(error);
+        return (!error && symlinkat(path.c_str(), directory, kOwnLink) == 0 &&
+                symlinkat(kOwnLink, directory, kName) == 0) ||
+               refuse("symlink");
+    });
+    if (!is_linked) {
+        remove_links(directory);
+    }
+    return is_linked;
+}
+
+// Under a lock of /mnt, that of everyone who has a link there.
+static bool show_link(int folder)
+{
+    const int directory = open(kMount, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (directory < 0) {
+        return refuse(kMount);
+    }
+    const bool is_free = faccessat(directory, kName, F_OK, AT_SYMLINK_NOFOLLOW) != 0;
+    if (is_free || is_own_link(directory)) {
+        if (flock(directory, LOCK_EX | LOCK_NB) != 0) {
+            close(directory);
+            throw failure(exit_code::storage, "another recording is using /mnt/sdcard");
+        }
+        if (link_folder(folder, directory)) {
+            linked = directory;
+            return true;
+        }
+    }
+    close(directory);
+    return false;
+}
+
+bool storage_show(int folder)
+{
+    return (isolated && mount_folder(folder)) || show_link(folder);
+}
+
+void storage_hide(void)
+{
+    if (linked >= 0) {
+        remove_links(linked);
+        close(linked);
+        linked = -1;
+    }
+}
+
+std::string storage_refusal(int error)
+{
+    refusals += std::string(", ") + kStorageMount + ": " + std::strerror(error);
+    const std::string make = error == ENOENT ? "mkdir -p /mnt/sdcard && " : "";
+    const std::string way =
+        "; as root, run: " + make + "chown " + std::to_string(user) + " /mnt/sdcard";
+    return "the recorder needs the folder /mnt/sdcard, which this system does not let it provide "
+           "(" +
+           refusals + ")" + (user == 0 ? "" : way);
+}
