@@ -129,13 +129,13 @@ static void read_packet(aac_input &aac)
     aac.packet = media_file_read(*aac.file);
     if (aac.packet != nullptr) {
         const int64_t step_us = aac.packets == 0 ? 0 : aac_input_span_us(aac, 1);
-        (void)stream_clock_place(aac.clock, media_file_time_us(*aac.file, aac.packet->pts), step_us,
-                                 DRIFT_TOLERANCE_US);
+        aac.last_us =
+            media_file_time_us(*aac.file, aac.packet->pts).value_or(aac.last_us + step_us);
         aac.packets++;
     }
 }
 
-std::unique_ptr<aac_input> aac_input_open(const std::string &path)
+std::unique_ptr<aac_input> aac_input_open(const std::string &path, media_file *video_file)
 {
     std::unique_ptr<aac_input> aac = std::make_unique<aac_input>();
     aac->file = media_file_open(path, AVMEDIA_TYPE_AUDIO);
@@ -144,11 +144,14 @@ std::unique_ptr<aac_input> aac_input_open(const std::string &path)
         refuse(*aac, std::string("its audio is ") + avcodec_get_name(codec.codec_id) +
                          "; only AAC can be put into the file");
     }
+    if (video_file != nullptr) {
+        media_file_join(*aac->file, *video_file);
+    }
     read_packet(*aac);
     if (aac->packet == nullptr) {
         throw failure(exit_code::input, path + ": holds no audio");
     }
-    aac->begin_us = *aac->clock.last_us;
+    aac->begin_us = aac->last_us;
     aac->is_framed = codec.extradata_size == 0;
     if (aac->is_framed) {
         (void)unit_in(*aac, packet_bytes(*aac->packet));

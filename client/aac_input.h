@@ -3,7 +3,6 @@
 #define CLIENT_AAC_INPUT_H
 
 #include "client/media_file.h"
-#include "client/stream_clock.h"
 
 #include <cstdint>
 #include <memory>
@@ -20,15 +19,16 @@ struct aac_input {
     int rate = 0;           // Hz
     int channels = 0;
     std::vector<uint8_t> config; // AudioSpecificConfig
-    stream_clock clock;
-    int64_t begin_us = 0; // of the file's first packet
-    int64_t packets = 0;  // read so far
-    packet_ptr packet;    // the next one to give out
-    packet_ptr given;     // holds what the last call gave out
+    int64_t begin_us = 0;        // of the file's first packet
+    int64_t last_us = 0;         // of the last one read
+    int64_t packets = 0;         // read so far
+    packet_ptr packet;           // the next one to give out
+    packet_ptr given;            // holds what the last call gave out
 };
 
-// Opens the AAC of a file and reads its first access unit. throws `failure`.
-std::unique_ptr<aac_input> aac_input_open(const std::string &path);
+// Opens the AAC of a file and reads its first access unit. Where the video's file is the same one,
+// the streams share its clock. in: may be null. throws `failure`.
+std::unique_ptr<aac_input> aac_input_open(const std::string &path, media_file *video_file);
 
 // How long so many access units last.
 int64_t aac_input_span_us(const aac_input &aac, int64_t units);

@@ -48,6 +48,9 @@ frame_ptr audio_decoder_next(audio_decoder &audio)
         }
         audio.damaged += error != AVERROR(EAGAIN) ? 1 : 0;
         const packet_ptr packet = media_file_read(*audio.file);
+        if (audio.file->clock.waits) {
+            return nullptr;
+        }
         if (avcodec_send_packet(audio.codec.get(), packet.get()) < 0) {
             if (packet == nullptr) { // told of the end before
                 return nullptr;

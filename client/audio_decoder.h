@@ -24,8 +24,8 @@ struct audio_decoder {
 // Opens the audio of a file. throws `failure`.
 std::unique_ptr<audio_decoder> audio_decoder_open(const std::string &path);
 
-// returns the next frame that holds samples; null at the end. throws `failure` when the file breaks
-// off.
+// returns the next frame that holds samples; null at the end, and where the file's clock waits for
+// the pictures. throws `failure` when the file breaks off.
 frame_ptr audio_decoder_next(audio_decoder &decoder);
 
 #endif

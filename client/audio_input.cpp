@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <utility>
 
 extern "C" {
 #include <libswresample/swresample.h>
@@ -14,6 +15,14 @@ extern "C" {
 static constexpr int DEFAULT_RATE = 48000;
 
 static constexpr size_t CHANNELS = 2;
+
+// Time stamps of sound that stray no further than this from the running count of samples are taken
+// as rounding: a lost frame strays further.
+static constexpr int64_t DRIFT_TOLERANCE_US = 20'000;
+
+// So many frames after a jump of the clock are brought to their places exactly: some decoders give
+// a frame only when the next one has come.
+static constexpr unsigned EXACT_FRAMES = 3;
 
 void resampler_deleter::operator()(SwrContext *resampler) const
 {
@@ -110,13 +119,18 @@ static void settle_frame(audio_input &audio, int64_t time_us, int64_t tolerance_
     }
 }
 
-// The held frame's time on the stream's steady line.
+// The held frame's time on the clock's line.
 static int64_t place_frame(audio_input &audio)
 {
     const AVFrame &frame = *audio.held;
-    return stream_clock_place(
-        audio.clock, media_file_time_us(*audio.decoder->file, frame.best_effort_timestamp),
-        av_rescale(frame.nb_samples, 1'000'000, frame.sample_rate), DRIFT_TOLERANCE_US);
+    const media_file &file = *audio.decoder->file;
+    const int64_t time_us =
+        media_file_time_us(file, frame.best_effort_timestamp).value_or(audio.end_us);
+    audio.end_us = time_us + av_rescale(frame.nb_samples, 1'000'000, frame.sample_rate);
+    if (std::exchange(audio.offset_us, file.clock.offset_us) != file.clock.offset_us) {
+        audio.exact_due = EXACT_FRAMES;
+    }
+    return time_us;
 }
 
 // Adds to the queue. returns false when nothing is left to add.
@@ -139,7 +153,12 @@ static bool extend_queue(audio_input &audio)
         return false;
     }
     if (decode_frame(audio)) {
-        settle_frame(audio, place_frame(audio), DRIFT_TOLERANCE_US);
+        const int64_t time_us = place_frame(audio);
+        settle_frame(audio, time_us, audio.exact_due > 0 ? 0 : DRIFT_TOLERANCE_US);
+        audio.exact_due -= audio.exact_due > 0 ? 1 : 0;
+    } else if (audio.decoder->file->clock.waits) {
+        audio.silence_due = AUDIO_BLOCK_SAMPLES;
+        audio.placed += audio.silence_due;
     } else {
         audio.drained = true;
         queue_resampled(audio, nullptr);
@@ -147,10 +166,11 @@ static bool extend_queue(audio_input &audio)
     return true;
 }
 
-std::unique_ptr<audio_input> audio_input_open(const std::string &path)
+std::unique_ptr<audio_input> audio_input_open(const std::string &path, media_file &video_file)
 {
     std::unique_ptr<audio_input> audio = std::make_unique<audio_input>();
     audio->decoder = audio_decoder_open(path);
+    media_file_join(*audio->decoder->file, video_file);
     if (!decode_frame(*audio)) {
         throw failure(exit_code::input, path + ": holds no audio that can be decoded");
     }
@@ -164,6 +184,9 @@ void audio_input_start_at(audio_input &audio, int64_t origin_us)
 {
     const bool apart = origin_us < audio.begin_us - ALIGNMENT_MAX_US;
     audio.origin_us = apart ? audio.begin_us : origin_us;
+    if (apart) {
+        stream_clock_part(audio.decoder->file->clock);
+    }
     settle_frame(audio, audio.begin_us, 0);
 }
 

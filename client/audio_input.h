@@ -3,7 +3,6 @@
 #define CLIENT_AUDIO_INPUT_H
 
 #include "client/audio_decoder.h"
-#include "client/stream_clock.h"
 
 #include <cstdint>
 #include <memory>
@@ -22,10 +21,12 @@ inline constexpr size_t AUDIO_BLOCK_SAMPLES = 1024; // per channel
 struct audio_input {
     std::unique_ptr<audio_decoder> decoder;
     std::unique_ptr<SwrContext, resampler_deleter> resampler;
-    frame_ptr format; // a frame as the resampler expects it
-    frame_ptr held;   // decoded, not yet in the queue
-    int rate = 0;     // of the PCM
-    stream_clock clock;
+    frame_ptr format;        // a frame as the resampler expects it
+    frame_ptr held;          // decoded, not yet in the queue
+    int rate = 0;            // of the PCM
+    int64_t end_us = 0;      // of the held frame
+    int64_t offset_us = 0;   // of the file's clock, when the last frame was placed
+    unsigned exact_due = 0;  // frames to bring to their places exactly
     int64_t begin_us = 0;    // of the file's first frame
     int64_t origin_us = 0;   // the moment of the first sample that is given out
     int64_t placed = 0;      // samples queued since the origin, silence that is due included
@@ -37,8 +38,9 @@ struct audio_input {
     size_t queue_read = 0;
 };
 
-// Opens the audio of a file and decodes its first frame. throws `failure`.
-std::unique_ptr<audio_input> audio_input_open(const std::string &path);
+// Opens the audio of a file and decodes its first frame. Where the video's file is the same one,
+// the streams share its clock. throws `failure`.
+std::unique_ptr<audio_input> audio_input_open(const std::string &path, media_file &video_file);
 
 // Gives the moment, on the file's clock, at which the first block is to begin: what lies before it
 // is left out, what is missing after it is silence. Call once, before the first block.

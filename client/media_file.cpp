@@ -15,11 +15,6 @@ static const char format_names[] = "h264,aac,mpegts,mov,mp4,m4a,3gp,3g2,mj2,matr
 static constexpr char DEFAULT_FRAME_RATE[] = "30";
 static constexpr int IO_BUFFER_BYTES = 1 << 16;
 
-void packet_deleter::operator()(AVPacket *packet) const
-{
-    av_packet_free(&packet);
-}
-
 media_file::~media_file()
 {
     avformat_close_input(&format);
@@ -120,26 +115,6 @@ static void open_format(media_file &file)
     }
 }
 
-std::unique_ptr<media_file> media_file_open(const std::string &path, AVMediaType kind)
-{
-    av_log_set_level(AV_LOG_QUIET); // what matters is reported by this program, in its own words
-    std::unique_ptr<media_file> file = std::make_unique<media_file>();
-    file->path = path;
-    open_descriptor(*file);
-    open_format(*file);
-    const int index = av_find_best_stream(file->format, kind, -1, -1, nullptr, 0);
-    if (index < 0) {
-        throw failure(exit_code::input, path + ": holds no " + av_get_media_type_string(kind));
-    }
-    for (unsigned i = 0; i < file->format->nb_streams; i++) {
-        if (i != static_cast<unsigned>(index)) {
-            file->format->streams[i]->discard = AVDISCARD_ALL;
-        }
-    }
-    file->stream = file->format->streams[index];
-    return file;
-}
-
 bool media_file_has(const media_file &file, AVMediaType kind)
 {
     return av_find_best_stream(file.format, kind, -1, -1, nullptr, 0) >= 0;
@@ -192,7 +167,7 @@ static void check_end(const media_file &file)
     }
 }
 
-packet_ptr media_file_read(media_file &file)
+static packet_ptr demux(media_file &file)
 {
     packet_ptr packet(av_packet_alloc());
     if (packet == nullptr) {
@@ -213,6 +188,51 @@ packet_ptr media_file_read(media_file &file)
         }
         av_packet_unref(packet.get());
     }
+}
+
+static void set_clock(media_file &file)
+{
+    file.clock.source = [&file] { return demux(file); };
+    file.clock.time_base = file.stream->time_base;
+    file.clock.wrap_bits = file.stream->pts_wrap_bits;
+}
+
+std::unique_ptr<media_file> media_file_open(const std::string &path, AVMediaType kind)
+{
+    av_log_set_level(AV_LOG_QUIET); // what matters is reported by this program, in its own words
+    std::unique_ptr<media_file> file = std::make_unique<media_file>();
+    file->path = path;
+    open_descriptor(*file);
+    open_format(*file);
+    const int index = av_find_best_stream(file->format, kind, -1, -1, nullptr, 0);
+    if (index < 0) {
+        throw failure(exit_code::input, path + ": holds no " + av_get_media_type_string(kind));
+    }
+    for (unsigned i = 0; i < file->format->nb_streams; i++) {
+        if (i != static_cast<unsigned>(index)) {
+            file->format->streams[i]->discard = AVDISCARD_ALL;
+        }
+    }
+    file->stream = file->format->streams[index];
+    set_clock(*file);
+    return file;
+}
+
+bool media_file_join(media_file &one, media_file &other)
+{
+    struct stat first = {};
+    struct stat second = {};
+    if (fstat(one.descriptor, &first) != 0 || fstat(other.descriptor, &second) != 0 ||
+        first.st_dev != second.st_dev || first.st_ino != second.st_ino) {
+        return false;
+    }
+    stream_clock_join(one.clock, other.clock);
+    return true;
+}
+
+packet_ptr media_file_read(media_file &file)
+{
+    return stream_clock_read(file.clock);
 }
 
 std::optional<int64_t> media_file_time_us(const media_file &file, int64_t time)

@@ -2,6 +2,8 @@
 #ifndef CLIENT_MEDIA_FILE_H
 #define CLIENT_MEDIA_FILE_H
 
+#include "client/stream_clock.h"
+
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -12,11 +14,6 @@ extern "C" {
 #include <libavformat/avformat.h>
 }
 
-struct packet_deleter {
-    void operator()(AVPacket *packet) const;
-};
-using packet_ptr = std::unique_ptr<AVPacket, packet_deleter>;
-
 struct media_file {
     std::string path;
     int descriptor = -1;
@@ -25,6 +22,7 @@ struct media_file {
     AVIOContext *io = nullptr;
     AVFormatContext *format = nullptr;
     AVStream *stream = nullptr;
+    stream_clock clock;
 
     media_file() = default;
     media_file(const media_file &) = delete;
@@ -43,8 +41,13 @@ bool media_file_has(const media_file &file, AVMediaType kind);
 // Whether the file is nothing but a stream of access units, without time stamps.
 bool media_file_is_raw(const media_file &file);
 
-// Reads the stream's next packet.
-// returns null at the end; throws `failure` when the file breaks off.
+// Lets two streams share one clock if both are of the same file, before the first packet of either
+// is read. returns whether they do.
+bool media_file_join(media_file &one, media_file &other);
+
+// Reads the stream's next packet, its time stamps on the clock's line.
+// returns null at the end, and where the clock waits for the other stream; throws `failure` when
+// the file breaks off.
 packet_ptr media_file_read(media_file &file);
 
 // A time stamp of the stream in microseconds; nothing when the packet or frame has none.

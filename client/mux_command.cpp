@@ -15,7 +15,6 @@
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
-#include <filesystem>
 #include <unistd.h>
 
 static constexpr char work_name[] = "movie.mp4";
@@ -23,6 +22,9 @@ static constexpr int32_t AAC_TAG = 0xAAC0;
 
 // Sound this late is as good as together with the picture.
 static constexpr int64_t LATE_TOLERANCE_US = 40'000;
+
+// Gaps in the sound that add up to less than this are not worth a word.
+static constexpr int64_t GAP_TOLERANCE_US = 100'000;
 
 struct muxing {
     std::unique_ptr<video_input> video; // null: no such track
@@ -39,11 +41,11 @@ struct muxing {
 // leaving out whole access units can.
 static void align_sound(muxing &self, const mux_options &options)
 {
-    std::error_code ignored;
-    const bool one_file = std::filesystem::equivalent(options.video, options.audio, ignored);
+    const bool one_file = self.video->file->clock.other != nullptr;
     const int64_t begin_us = one_file ? self.audio->begin_us : self.video->begin_us;
     const int64_t late_us = begin_us - self.origin_us;
     if (std::abs(late_us) > ALIGNMENT_MAX_US) {
+        stream_clock_part(self.audio->file->clock);
         return;
     }
     const int64_t units = -late_us * self.audio->rate / (int64_t{1'000'000} * AAC_UNIT_SAMPLES);
@@ -64,11 +66,14 @@ static void open_inputs(muxing &self, const mux_options &options)
     const std::optional<AVRational> frame_rate = parse_frame_rate(options.frame_rate);
     if (!options.video.empty()) {
         self.video = video_input_open(options.video, frame_rate);
-        self.picture = video_input_next(*self.video);
-        self.origin_us = self.picture->time_us;
     }
     if (!options.audio.empty()) {
-        self.audio = aac_input_open(options.audio);
+        self.audio = aac_input_open(options.audio, self.video ? self.video->file.get() : nullptr);
+    }
+    if (self.video != nullptr) {
+        video_input_read_ahead(*self.video);
+        self.picture = video_input_next(*self.video);
+        self.origin_us = self.picture->time_us;
     }
     if (self.video != nullptr && self.audio != nullptr) {
         align_sound(self, options);
@@ -172,20 +177,30 @@ static void warn_of_video(const std::string &path, const video_input &video)
 {
     warn(path, "pictures left out in front of the first IDR picture", video.leading);
     warn(path, "damaged access units left out", video.damaged);
-    warn(path, "jumps of the video's clock closed", video.clock.jumps);
 }
 
 static void warn_of_sound(const std::string &path, const muxing &self)
 {
     const aac_input &audio = *self.audio;
     const int64_t gaps_us =
-        *audio.clock.last_us - audio.begin_us - aac_input_span_us(audio, audio.packets - 1);
+        audio.last_us - audio.begin_us - aac_input_span_us(audio, audio.packets - 1);
     warn(path, "sound in front of the first picture left out", self.left_out_us / 1000, " ms");
     warn(path, "sound that begins after the first picture moved to the front by",
          self.late_us > LATE_TOLERANCE_US ? self.late_us / 1000 : 0, " ms");
-    warn(path, "jumps of the audio's clock closed", audio.clock.jumps);
     warn(path, "gaps in the sound closed, by which what follows comes early",
-         gaps_us > DRIFT_TOLERANCE_US ? gaps_us / 1000 : 0, " ms");
+         gaps_us > GAP_TOLERANCE_US ? gaps_us / 1000 : 0, " ms");
+}
+
+static void warn_of_jumps(const mux_options &options, const muxing &self)
+{
+    const unsigned of_video = self.video != nullptr ? self.video->file->clock.jumps : 0;
+    const unsigned of_sound = self.audio != nullptr ? self.audio->file->clock.jumps : 0;
+    if (self.video != nullptr && self.video->file->clock.other != nullptr) {
+        warn(options.video, "jumps of the clock closed", of_video + of_sound);
+    } else {
+        warn(options.video, "jumps of the video's clock closed", of_video);
+        warn(options.audio, "jumps of the audio's clock closed", of_sound);
+    }
 }
 
 static void report(const mux_options &options, const muxing &self, const file_summary &file,
@@ -197,6 +212,7 @@ static void report(const mux_options &options, const muxing &self, const file_su
     if (self.audio != nullptr) {
         warn_of_sound(options.audio, self);
     }
+    warn_of_jumps(options, self);
     for (const std::string &remark : finished_file_remarks(file)) {
         terminal_say("tdmbrec: warning: " + remark);
     }

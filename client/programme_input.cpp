@@ -2,8 +2,6 @@
 
 #include "client/failure.h"
 
-#include <filesystem>
-
 static int64_t video_time_us(const programme_input &programme)
 {
     return programme.next_video->time_us - programme.origin_us;
@@ -21,18 +19,23 @@ std::unique_ptr<programme_input> programme_open(const std::string &video_path,
 {
     std::unique_ptr<programme_input> programme = std::make_unique<programme_input>();
     programme->video = video_input_open(video_path, frame_rate);
-    if (video_path == audio_path && !media_file_has(*programme->video->file, AVMEDIA_TYPE_AUDIO)) {
+    media_file &file = *programme->video->file;
+    const bool lacks_audio = video_path == audio_path && !media_file_has(file, AVMEDIA_TYPE_AUDIO);
+    if (!lacks_audio) {
+        programme->audio = audio_input_open(audio_path, file);
+    }
+    video_input_read_ahead(*programme->video);
+    if (lacks_audio) {
         throw failure(exit_code::input,
                       audio_path + ": holds no audio (name another file with --audio)");
     }
-    programme->audio = audio_input_open(audio_path);
     programme->next_video = video_input_next(*programme->video);
     programme->origin_us = programme->next_video->time_us;
-    std::error_code ignored;
-    const bool one_file = std::filesystem::equivalent(video_path, audio_path, ignored);
     const int64_t between_us =
-        one_file ? 0 : programme->audio->begin_us - programme->video->begin_us;
+        file.clock.other != nullptr ? 0 : programme->audio->begin_us - programme->video->begin_us;
     audio_input_start_at(*programme->audio, programme->origin_us + between_us);
+    file.clock.may_wait = true;
+    programme->audio->decoder->file->clock.may_wait = true;
     programme->has_audio = audio_input_next(*programme->audio, programme->next_audio);
     return programme;
 }
@@ -49,6 +52,9 @@ static void refill(programme_input &programme)
         programme.audio_blocks++;
         programme.has_audio = false;
         programme.has_audio = audio_input_next(*programme.audio, programme.next_audio);
+        if (programme.video->file->clock.waits) {
+            programme.next_video = video_input_next(*programme.video);
+        }
     }
 }
 
@@ -105,7 +111,12 @@ std::vector<std::string> programme_closing_remarks(const programme_input &progra
     std::vector<std::string> remarks;
     remark(remarks, *video.file, "damaged access units left out", video.damaged);
     remark(remarks, sound, "damaged audio packets left out", audio.decoder->damaged);
-    remark(remarks, *video.file, "jumps of the video's clock closed", video.clock.jumps);
-    remark(remarks, sound, "jumps of the audio's clock closed", audio.clock.jumps);
+    if (video.file->clock.other != nullptr) {
+        remark(remarks, sound, "jumps of the clock closed",
+               video.file->clock.jumps + sound.clock.jumps);
+        return remarks;
+    }
+    remark(remarks, *video.file, "jumps of the video's clock closed", video.file->clock.jumps);
+    remark(remarks, sound, "jumps of the audio's clock closed", sound.clock.jumps);
     return remarks;
 }

@@ -34,7 +34,7 @@ struct programme_input {
     std::optional<unit_kind> given; // what the last call gave out
 };
 
-// Opens the programme. When both paths name one file, its clock joins the streams; two files begin
+// Opens the programme. When both paths name one file, the streams share its clock; two files begin
 // together. in: the frame rate for raw H.264, if the user gave one.
 // throws `failure`.
 std::unique_ptr<programme_input> programme_open(const std::string &video_path,

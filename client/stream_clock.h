@@ -1,43 +1,65 @@
-// A stream's time stamps as one steady line: where they jump back, or far ahead, as when a
-// broadcast clock restarts, the line continues one step after the last time.
+// The packets of one stream, their time stamps on one steady line: where the broadcast's clock
+// restarts, back or far ahead, the line continues.
+//
+// The streams of one input share its clock. A jump is closed once for both, by one offset, when
+// both have crossed it: so that the stream that has the later end on the old clock continues
+// without a gap, and neither steps back. Until then a stream's packets stay on the clock on which
+// they came.
 #ifndef CLIENT_STREAM_CLOCK_H
 #define CLIENT_STREAM_CLOCK_H
 
 #include <cstdint>
+#include <deque>
+#include <exception>
+#include <functional>
+#include <memory>
 #include <optional>
 
-struct stream_clock {
-    std::optional<int64_t> last_us; // on the line
-    int64_t offset_us = 0;          // from time stamps to the line
-    unsigned jumps = 0;
+extern "C" {
+#include <libavcodec/avcodec.h>
+}
+
+struct packet_deleter {
+    void operator()(AVPacket *packet) const;
 };
+using packet_ptr = std::unique_ptr<AVPacket, packet_deleter>;
 
-inline constexpr int64_t CLOCK_JUMP_US = 10'000'000;
-
-// Time stamps of sound that stray less than this from the running count of samples are taken as
-// rounding.
-inline constexpr int64_t DRIFT_TOLERANCE_US = 100'000;
-
-// Sound that begins further away than this is not of the video's clock.
+// Streams that begin further apart than this are not of one clock.
 inline constexpr int64_t ALIGNMENT_MAX_US = 600'000'000;
 
-// Puts a time stamp on the line; without one the line goes on by the step.
-inline int64_t stream_clock_place(stream_clock &clock, std::optional<int64_t> time_us,
-                                  int64_t step_us, int64_t tolerance_us)
-{
-    if (!clock.last_us) {
-        clock.last_us = time_us.value_or(0);
-        return *clock.last_us;
-    }
-    const int64_t next_us = *clock.last_us + step_us;
-    int64_t placed_us = time_us ? *time_us + clock.offset_us : next_us;
-    if (placed_us + tolerance_us <= *clock.last_us || placed_us > next_us + CLOCK_JUMP_US) {
-        clock.offset_us += next_us - placed_us;
-        clock.jumps++;
-        placed_us = next_us;
-    }
-    clock.last_us = placed_us;
-    return placed_us;
-}
+// Where a stream is on its line.
+struct stream_place {
+    std::optional<int64_t> stamp; // of the last packet, in the time base, without its wraps
+    int64_t last_us = 0;          // the last packet's begin and end on the line
+    int64_t end_us = 0;
+    int64_t position = 0; // of the last packet in the file, as far as known
+};
+
+struct stream_clock {
+    std::function<packet_ptr(void)> source; // null at the end; throws what breaks the stream off
+    AVRational time_base = {1, 1'000'000};
+    int wrap_bits = 64;            // width of the time stamps
+    int64_t step_us = 0;           // between two packets; 0: their duration tells
+    stream_clock *other = nullptr; // the stream that shares the clock
+    bool may_wait = false;         // what is read can come later
+
+    stream_place place;
+    int64_t offset_us = 0; // from time stamps to the line
+    unsigned jumps = 0;    // closed by this stream, for both
+    bool waits = false;    // the last call gave nothing, but the stream has not ended
+    std::deque<packet_ptr> ahead;
+    size_t placed = 0; // so many packets of `ahead`, from its front, are on the line
+    bool ended = false;
+    std::exception_ptr fault; // what broke the stream off
+};
+
+// returns the next packet, its time stamps on the line. Null at the end, and, with `waits` set,
+// where the other stream has to be read on before the packet's place is clear.
+// throws what broke the stream off.
+packet_ptr stream_clock_read(stream_clock &clock);
+
+// From now on the two streams share one clock, or have one each again.
+void stream_clock_join(stream_clock &one, stream_clock &other);
+void stream_clock_part(stream_clock &clock);
 
 #endif

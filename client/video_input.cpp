@@ -2,6 +2,7 @@
 
 #include "client/failure.h"
 
+#include <algorithm>
 #include <cstdio>
 
 extern "C" {
@@ -10,6 +11,9 @@ extern "C" {
 
 // A reordered picture or a change of parameter sets mostly shows within this many units.
 static constexpr size_t READ_AHEAD_UNITS = 32;
+
+// Pictures whose times do not rise come this far apart.
+static constexpr int64_t SHORTEST_STEP_US = 1'000;
 
 [[noreturn]] static void refuse(const video_input &video, const std::string &what)
 {
@@ -84,7 +88,10 @@ static int64_t place_in_time(video_input &video, const AVPacket &packet)
     }
     const std::optional<int64_t> time_us =
         media_file_time_us(*video.file, packet.pts != AV_NOPTS_VALUE ? packet.pts : packet.dts);
-    return stream_clock_place(video.clock, time_us, step_us, 0);
+    if (!time_us || !video.last_us) {
+        return time_us.value_or(video.last_us ? *video.last_us + step_us : 0);
+    }
+    return std::max(*time_us, *video.last_us + SHORTEST_STEP_US);
 }
 
 static void judge(video_input &video, unit_verdict verdict, int64_t time_us)
@@ -119,6 +126,7 @@ static std::optional<video_unit> read_unit(video_input &video)
             continue;
         }
         const int64_t time_us = place_in_time(video, *packet);
+        video.last_us = time_us;
         if (video.packets++ == 0) {
             video.begin_us = time_us;
         }
@@ -158,20 +166,25 @@ std::unique_ptr<video_input> video_input_open(const std::string &path,
                                {codec.extradata, static_cast<size_t>(codec.extradata_size)})) {
         throw failure(exit_code::input, path + ": its H.264 configuration is damaged");
     }
-    while (video->ahead.size() < READ_AHEAD_UNITS) {
-        std::optional<video_unit> unit = read_unit(*video);
+    video->file->clock.step_us = video_input_interval_us(*video);
+    return video;
+}
+
+void video_input_read_ahead(video_input &video)
+{
+    while (video.ahead.size() < READ_AHEAD_UNITS) {
+        std::optional<video_unit> unit = read_unit(video);
         if (!unit) {
             break;
         }
-        video->ahead.push_back(std::move(*unit));
+        video.ahead.push_back(std::move(*unit));
     }
-    if (!video->begun) {
-        refuse(*video, video->lacked_sets
-                           ? "holds no parameter sets (SPS and PPS), without which nothing can be "
-                             "recorded"
-                           : "holds no IDR picture, with which a recording has to begin");
+    if (!video.begun) {
+        refuse(video, video.lacked_sets
+                          ? "holds no parameter sets (SPS and PPS), without which nothing can be "
+                            "recorded"
+                          : "holds no IDR picture, with which a recording has to begin");
     }
-    return video;
 }
 
 std::optional<video_unit> video_input_next(video_input &video)

@@ -4,7 +4,6 @@
 
 #include "client/access_unit.h"
 #include "client/media_file.h"
-#include "client/stream_clock.h"
 
 #include <cstdint>
 #include <deque>
@@ -21,7 +20,7 @@ struct video_input {
     std::unique_ptr<media_file> file;
     access_unit_converter converter;
     AVRational frame_rate = {30, 1};
-    stream_clock clock;
+    std::optional<int64_t> last_us;               // the time given to the last packet
     std::optional<int64_t> display_us, decode_us; // time stamps of the last packet
     int64_t packets = 0;
     int64_t begin_us = 0; // of the file's first packet
@@ -35,16 +34,18 @@ struct video_input {
 // Reads a frame rate as the user gave it: a number or a fraction. throws `failure`.
 std::optional<AVRational> parse_frame_rate(const std::optional<std::string> &text);
 
-// Opens the video of a file and reads ahead, so that what cannot be recorded shows at once.
-// in: the frame rate for raw H.264 that states none or another (absent: the stream's own, else 30).
-// throws `failure`.
+// Opens the video of a file, and reads ahead, so that what cannot be recorded shows at once;
+// between the two its clock may be joined to that of the file's sound. in: the frame rate for raw
+// H.264 that states none or another (absent: the stream's own, else 30). throws `failure`.
 std::unique_ptr<video_input> video_input_open(const std::string &path,
                                               std::optional<AVRational> frame_rate);
+void video_input_read_ahead(video_input &video);
 
 // The time between two pictures at the stream's nominal rate.
 int64_t video_input_interval_us(const video_input &video);
 
-// returns the next access unit, the first of them an IDR picture; nothing at the end.
+// returns the next access unit, the first of them an IDR picture; nothing at the end, and where the
+// file's clock waits for the sound.
 // throws `failure` for what cannot be read or recorded.
 std::optional<video_unit> video_input_next(video_input &video);
 
