@@ -1,0 +1,83 @@
+// Files of every length that a whole file can be cut to.
+#include "client/file_end.h"
+
+#include <gtest/gtest.h>
+
+#include <set>
+#include <sys/mman.h>
+#include <unistd.h>
+#include <vector>
+
+using bytes = std::vector<uint8_t>;
+
+static bytes operator+(bytes left, const bytes &right)
+{
+    left.insert(left.end(), right.begin(), right.end());
+    return left;
+}
+
+// The lengths at which the file passes for whole.
+static std::set<size_t> whole_lengths(const char *format, const bytes &file, int stream = 0)
+{
+    std::set<size_t> lengths;
+    const int memory = memfd_create("file", 0);
+    EXPECT_EQ(write(memory, file.data(), file.size()), static_cast<ssize_t>(file.size()));
+    for (size_t size = file.size(); size > 0; size--) {
+        EXPECT_EQ(ftruncate(memory, static_cast<off_t>(size)), 0);
+        if (file_cut_text(format, memory, static_cast<int64_t>(size), stream).empty()) {
+            lengths.insert(size);
+        }
+    }
+    close(memory);
+    return lengths;
+}
+
+TEST(file_end, shows_in_wave_and_matroska_files_of_every_length)
+{
+    const bytes wave = bytes{'R', 'I', 'F', 'F', 0, 0, 0, 0, 'W', 'A', 'V', 'E'} +
+                       bytes{'L', 'I', 'S', 'T', 3, 0, 0, 0, 1, 2, 3, 0} +
+                       bytes{'d', 'a', 't', 'a', 9, 0, 0, 0} + bytes(9);
+    std::set<size_t> whole = whole_lengths("wav", wave);
+    EXPECT_EQ(whole.upper_bound(31), whole.find(wave.size())); // the data's head is there by then
+
+    const bytes block = bytes{0xA3, 0x85} + bytes(5), header = {0x1A, 0x45, 0xDF, 0xA3, 0x81, 7};
+    const bytes segment = {0x18, 0x53, 0x80, 0x67}, cluster = {0x1F, 0x43, 0xB6, 0x75};
+    const bytes live = {0x01, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}; // no size
+    const bytes sized =
+        header + segment + bytes{0x40, 26} + cluster + bytes{0x95} + block + block + block;
+    EXPECT_EQ(whole_lengths("matroska,webm", sized), (std::set<size_t>{6, sized.size()}));
+    // Without sizes, the ends of elements are as good as any.
+    const bytes unsized = header + segment + live + cluster + live + block + block;
+    EXPECT_EQ(whole_lengths("matroska,webm", unsized), (std::set<size_t>{6, 18, 30, 37, 44}));
+}
+
+TEST(file_end, shows_in_transport_streams_of_every_length)
+{
+    // Three stuffed packets of sound to a PES packet of 450 bytes, a picture's after each.
+    bytes plain, timed, checked;
+    for (int i = 0; i < 24; i++) {
+        const bool is_sound = i % 4 != 3, begins = i % 4 == 0;
+        bytes packet = {0x47, static_cast<uint8_t>(begins ? 0x41 : 0x01),
+                        static_cast<uint8_t>(is_sound ? 2 : 3), 0x30, 31};
+        packet.resize(5 + 31);
+        packet = packet + (begins ? bytes{0, 0, 1, 0xC0, 450 >> 8, 450 & 255} : bytes(6));
+        packet.resize(188);
+        plain = plain + packet;
+        timed = timed + bytes(4) + packet;
+        checked = checked + packet + bytes(16);
+    }
+    const struct {
+        const bytes &file;
+        size_t stride, spare;
+    } forms[] = {{plain, 188, 0}, {timed, 192, 0}, {checked, 204, 16}};
+    for (const auto &[file, stride, spare] : forms) {
+        for (const size_t size : whole_lengths("mpegts", file, 0x102)) {
+            const size_t packets = (size + spare) / stride, rest = size % stride;
+            EXPECT_TRUE(packets < 9 || rest == 0 || rest + spare == stride)
+                << stride << " " << size;
+            EXPECT_TRUE(packets < 9 || packets % 4 == 3 || packets % 4 == 0) << "within the sound";
+        }
+        EXPECT_EQ(whole_lengths("mpegts", file, 0x102).count(file.size()), 1u) << stride;
+        EXPECT_EQ(whole_lengths("mpegts", file, 0x103).count(13 * stride), 1u) << stride;
+    }
+}
