@@ -177,6 +177,7 @@ static void warn_of_video(const std::string &path, const video_input &video)
 {
     warn(path, "pictures left out in front of the first IDR picture", video.leading);
     warn(path, "damaged access units left out", video.damaged);
+    warn(path, "damaged parameter sets left out", video_input_damaged_sets(video));
 }
 
 static void warn_of_sound(const std::string &path, const muxing &self)
