@@ -1,5 +1,6 @@
 #include "client/file_end.h"
 
+#include <algorithm>
 #include <array>
 #include <bit>
 #include <cstring>
@@ -135,50 +136,18 @@ static std::optional<packet_row> find_packets(int file, int64_t size)
     return std::nullopt;
 }
 
-// The payload of a transport packet, ISO/IEC 13818-1, 2.4.3.2.
-static std::span<const uint8_t> payload_of(std::span<const uint8_t> packet)
-{
-    const unsigned control = packet[3] >> 4 & 3u;
-    const size_t begin = (control & 2u) != 0 ? size_t{5} + packet[4] : size_t{4};
-    return (control & 1u) != 0 && begin < packet.size() ? packet.subspan(begin)
-                                                        : packet.first(size_t{0});
-}
-
-// Whether the last packet of the elementary stream (PES) has fewer bytes than it says. Pictures
-// mostly say nothing.
-static bool is_cut_stream(int file, int64_t size, const packet_row &row, int stream)
-{
-    static constexpr int64_t kBytesMax = 65536;
-    int64_t payload_bytes = 0;
-    std::array<uint8_t, kPacketBytes> packet = {};
-    for (int64_t at = size - static_cast<int64_t>(row.rest + kPacketBytes);
-         payload_bytes <= kBytesMax && at >= 0 && read_at(file, at, packet);
-         at -= static_cast<int64_t>(row.stride)) {
-        if (((packet[1] & 0x1F) << 8 | packet[2]) != stream) {
-            continue;
-        }
-        const std::span<const uint8_t> payload = payload_of(packet);
-        payload_bytes += static_cast<int64_t>(payload.size());
-        if ((packet[1] & 0x40) != 0) { // payload_unit_start_indicator
-            const bool is_pes = payload.size() >= 6 && take_number(payload.data(), 3) == 1;
-            const int64_t said = is_pes ? payload[4] << 8 | payload[5] : 0;
-            return said != 0 && said + 6 > payload_bytes;
-        }
-    }
-    return false;
-}
-
-static bool is_cut_transport_stream(int file, int64_t size, int stream)
+// A broadcast that was taken down ends anywhere, but not within a packet.
+static bool is_cut_transport_stream(int file, int64_t size)
 {
     const std::optional<packet_row> row = find_packets(file, size);
     if (!row) {
         return false; // damage, which is another matter
     }
     const size_t whole_rest = row->stride == kCheckedBytes ? kCheckedBytes - kPacketBytes : 0;
-    return (row->rest != 0 && row->rest != whole_rest) || is_cut_stream(file, size, *row, stream);
+    return row->rest != 0 && row->rest != whole_rest;
 }
 
-std::string file_cut_text(const char *format, int file, int64_t size, int stream)
+std::string file_cut_text(const char *format, int file, int64_t size)
 {
     if (std::strcmp(format, "wav") == 0) {
         return is_cut_wave(file, size) ? "the file is shorter than its header says" : "";
@@ -187,7 +156,7 @@ std::string file_cut_text(const char *format, int file, int64_t size, int stream
         return is_cut_matroska(file, size) ? "the file is shorter than its elements say" : "";
     }
     if (std::strcmp(format, "mpegts") == 0) {
-        return is_cut_transport_stream(file, size, stream) ? "its last packet is not whole" : "";
+        return is_cut_transport_stream(file, size) ? "its last packet is not whole" : "";
     }
     return "";
 }

@@ -5,8 +5,8 @@
 #include <cstdint>
 #include <string>
 
-// in: the demuxer's name of the format, the open file, its size, and the stream's number in it.
+// in: the demuxer's name of the format, the open file and its size.
 // returns what the file lacks; empty for one that is whole, as far as its format can tell.
-std::string file_cut_text(const char *format, int file, int64_t size, int stream);
+std::string file_cut_text(const char *format, int file, int64_t size);
 
 #endif

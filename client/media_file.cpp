@@ -132,8 +132,7 @@ static void check_end(const media_file &file)
         throw failure(exit_code::input,
                       file.path + ": breaks off (" + media_error_text(file.io->error) + ")");
     }
-    const std::string cut =
-        file_cut_text(file.format->iformat->name, file.descriptor, file.size, file.stream->id);
+    const std::string cut = file_cut_text(file.format->iformat->name, file.descriptor, file.size);
     if (!cut.empty()) {
         throw failure(exit_code::input, file.path + ": breaks off (" + cut + ")");
     }

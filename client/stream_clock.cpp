@@ -11,8 +11,8 @@ extern "C" {
 static constexpr int64_t JUMP_BACK_US = 100'000;
 static constexpr int64_t JUMP_AHEAD_US = 10'000'000;
 
-// A step back within this range by one stream alone is that stream's; the clock has not restarted.
-static constexpr int64_t LONE_STEP_BACK_US = 1'000'000;
+// After a step back within this range, what a stream lost can hide all signs of it.
+static constexpr int64_t SMALL_STEP_BACK_US = 3'000'000;
 
 // On one clock, the streams of an input are this close to each other.
 static constexpr int64_t INTERLEAVE_US = 10'000'000;
@@ -20,7 +20,7 @@ static constexpr int64_t INTERLEAVE_US = 10'000'000;
 // A gap or overlap from here on may be the place of a jump that is too small to show as one.
 static constexpr int64_t BREAK_US = 50'000;
 
-// How far beyond a stream's end on the old clock the other one's end is looked for.
+// How far beyond one stream the other one is read.
 static constexpr int64_t LOOK_AHEAD_US = 3'000'000;
 static constexpr size_t LOOK_AHEAD_PACKETS = 2'000;
 
@@ -55,8 +55,14 @@ static int64_t microseconds(const stream_clock &clock, int64_t stamp)
     return av_rescale_q(stamp, clock.time_base, {1, 1'000'000});
 }
 
-static int64_t unwrap_next(const stream_clock &clock, const stream_place &place, int64_t stamp)
+// The packet's time stamp without the wraps.
+static std::optional<int64_t> unwrap_next(const stream_clock &clock, const stream_place &place,
+                                          const AVPacket &packet)
 {
+    if (!stamp_of(packet)) {
+        return std::nullopt;
+    }
+    const int64_t stamp = *stamp_of(packet);
     if (place.stamp) {
         return unwrap(clock, stamp, *place.stamp);
     }
@@ -115,6 +121,13 @@ static void drop_wild_stamps(const stream_clock &clock, AVPacket &packet)
         packet.duration, 0, av_rescale_q(JUMP_AHEAD_US, {1, 1'000'000}, clock.time_base));
 }
 
+// Whether the stream is further ahead of the other one than it is worth looking.
+static bool is_far_ahead(const stream_clock &clock, const stream_place &place, size_t packets)
+{
+    return packets >= LOOK_AHEAD_PACKETS ||
+           place.last_us > clock.other->place.end_us + LOOK_AHEAD_US;
+}
+
 static bool pull(stream_clock &clock)
 {
     if (clock.ended) {
@@ -134,73 +147,101 @@ static bool pull(stream_clock &clock)
     return !clock.ended;
 }
 
-// What a look at the other stream's packets finds.
+// The jump of one stream, for which the other is searched.
+struct jump {
+    int64_t stamp;        // of the first packet behind it
+    int64_t back_us;      // below 0: ahead
+    int64_t position;     // where that packet is in the file
+    int64_t old_position; // and the last one before it
+};
+
 enum class sight { crossing, goes_on, has_end, nothing_yet };
 
 struct outlook {
     sight found;
-    size_t index = 0;  // of the first packet on the new clock
-    int64_t stamp = 0; // its own
-    int64_t end_us = 0;
+    size_t index = 0;   // of the first packet on the new clock
+    int64_t stamp = 0;  // its own
+    int64_t end_us = 0; // of what comes before it
 };
 
-// Looks for the packet with which the other stream crosses to the clock on which `stamp` is. A jump
-// of its own shows it; where it lost enough to hide that, the first break since the place in the
-// file of the last packet before this stream's jump.
-static outlook look_ahead(const stream_clock &clock, int64_t stamp, int64_t position)
+// A walk over packets that are not on the line yet.
+struct search {
+    stream_place place;
+    outlook hidden = {sight::goes_on}; // a crossing that shows by nothing but a break or its place
+    bool is_at_break = false;
+};
+
+// Notes where the stream may have crossed with a step that is no jump, because it had lost enough
+// before: at the first gap or overlap behind the jump's place in the file. After a small step back,
+// even that is no condition.
+static void note_hidden(search &search, const jump &jump, const outlook &here, int64_t away_us)
 {
-    stream_clock &other = *clock.other;
-    const int64_t near_stamp = av_rescale_q(stamp, clock.time_base, other.time_base);
-    stream_place place = other.place;
-    outlook hidden = {sight::nothing_yet};
-    for (size_t i = other.placed;; i++) {
-        if (i == other.ahead.size() && !pull(other)) {
-            break;
-        }
-        const AVPacket &packet = *other.ahead[i];
-        std::optional<int64_t> next = stamp_of(packet);
-        if (next) {
-            const int64_t on_new_clock = unwrap(other, *next, near_stamp);
-            const bool is_near =
-                std::abs(microseconds(other, on_new_clock - near_stamp)) <= INTERLEAVE_US;
-            next = unwrap_next(other, place, *next);
-            const int64_t time_us = microseconds(other, *next) + other.offset_us;
-            const outlook here = {sight::crossing, i, on_new_clock, place.end_us};
-            if (has_jumped(other, place, time_us)) {
-                return is_near ? here : outlook{sight::has_end, i, 0, place.end_us};
-            }
-            if (hidden.found == sight::nothing_yet && is_near && place.stamp &&
-                std::max(packet.pos, place.position) >= clock.place.position &&
-                std::abs(time_us - place.end_us) > BREAK_US) {
-                hidden = here;
-            }
-        }
-        advance(other, place, packet, next);
-        if (place.last_us > clock.place.end_us + LOOK_AHEAD_US ||
-            i - other.placed >= LOOK_AHEAD_PACKETS) {
-            if (hidden.found == sight::crossing) {
-                return hidden;
-            }
-            return {place.position < position && clock.may_wait ? sight::nothing_yet
-                                                                : sight::goes_on};
-        }
+    const bool is_break = std::abs(away_us) > BREAK_US;
+    const bool is_small = jump.back_us > 0 && jump.back_us <= SMALL_STEP_BACK_US;
+    if ((is_break && !search.is_at_break) || (is_small && search.hidden.found == sight::goes_on)) {
+        search.hidden = here;
+        search.is_at_break = is_break;
     }
-    return hidden.found == sight::crossing ? hidden : outlook{sight::has_end, 0, 0, place.end_us};
 }
 
-// The other stream has crossed, too: one offset for both.
+// Takes the walk over one packet. returns whether it is behind a jump of its own, in `here`.
+static bool look_at(const stream_clock &clock, search &search, const jump &jump,
+                    const AVPacket &packet, outlook &here)
+{
+    const std::optional<int64_t> stamp = unwrap_next(clock, search.place, packet);
+    if (!stamp) {
+        advance(clock, search.place, packet, stamp);
+        return false;
+    }
+    const int64_t near = av_rescale_q(jump.stamp, clock.other->time_base, clock.time_base);
+    here.stamp = unwrap(clock, *stamp, near);
+    here.end_us = search.place.end_us;
+    const bool is_near = std::abs(microseconds(clock, here.stamp - near)) <= INTERLEAVE_US;
+    const int64_t time_us = microseconds(clock, *stamp) + clock.offset_us;
+    if (has_jumped(clock, search.place, time_us)) {
+        here.found = is_near ? sight::crossing : sight::has_end;
+        return true;
+    }
+    if (is_near && search.place.stamp &&
+        std::max(packet.pos, search.place.position) >= jump.old_position) {
+        note_hidden(search, jump, here, time_us - search.place.end_us);
+    }
+    advance(clock, search.place, packet, stamp);
+    return false;
+}
+
+// Looks for the packet with which the stream crosses to the clock to which the other one has
+// jumped.
+static outlook find_crossing(stream_clock &clock, const jump &jump)
+{
+    search search = {.place = clock.place};
+    outlook found = {sight::goes_on};
+    for (size_t i = clock.placed; found.found == sight::goes_on; i++) {
+        outlook here = {sight::crossing, i};
+        if (i == clock.ahead.size() && !pull(clock)) {
+            found = {sight::has_end, i, 0, search.place.end_us};
+        } else if (look_at(clock, search, jump, *clock.ahead[i], here)) {
+            found = here;
+        } else if (is_far_ahead(clock, search.place, i - clock.placed)) {
+            const bool is_before = search.place.position < jump.position;
+            found.found = is_before && clock.other->may_wait ? sight::nothing_yet : sight::goes_on;
+            break;
+        }
+    }
+    const bool is_hidden = search.hidden.found == sight::crossing;
+    return found.found != sight::crossing && is_hidden ? search.hidden : found;
+}
+
+// Both streams have crossed: one offset for both.
 static void close_jump_of_both(stream_clock &clock, int64_t stamp, const outlook &crossing)
 {
     stream_clock &other = *clock.other;
     while (other.placed < crossing.index) {
-        const std::optional<int64_t> old_stamp = stamp_of(*other.ahead[other.placed]);
-        place_packet(other, old_stamp ? std::optional(unwrap_next(other, other.place, *old_stamp))
-                                      : std::nullopt);
+        place_packet(other, unwrap_next(other, other.place, *other.ahead[other.placed]));
     }
-    const int64_t offset_us = std::max(clock.place.end_us - microseconds(clock, stamp),
-                                       crossing.end_us - microseconds(other, crossing.stamp));
-    clock.offset_us = offset_us;
-    other.offset_us = offset_us;
+    clock.offset_us = std::max(clock.place.end_us - microseconds(clock, stamp),
+                               crossing.end_us - microseconds(other, crossing.stamp));
+    other.offset_us = clock.offset_us;
     clock.jumps++;
     place_packet(other, crossing.stamp);
 }
@@ -233,22 +274,18 @@ static bool close_jump(stream_clock &clock, int64_t &stamp, int64_t position)
         if (follow_other(clock, stamp)) {
             return true;
         }
-        const outlook outlook = look_ahead(clock, stamp, position);
-        const int64_t back_us = clock.place.last_us - microseconds(clock, stamp) - clock.offset_us;
-        switch (outlook.found) {
-        case sight::nothing_yet:
+        const int64_t time_us = microseconds(clock, stamp) + clock.offset_us;
+        const outlook outlook = find_crossing(
+            *clock.other, {stamp, clock.place.last_us - time_us, position, clock.place.position});
+        if (outlook.found == sight::nothing_yet) {
             return false;
-        case sight::crossing:
+        }
+        if (outlook.found == sight::crossing) {
             close_jump_of_both(clock, stamp, outlook);
             return true;
-        case sight::goes_on:
-            if (back_us > 0 && back_us <= LONE_STEP_BACK_US) {
-                return true;
-            }
-            break;
-        case sight::has_end:
+        }
+        if (outlook.found == sight::has_end) {
             end_us = std::max(end_us, outlook.end_us);
-            break;
         }
     }
     clock.offset_us = end_us - microseconds(clock, stamp);
@@ -256,20 +293,31 @@ static bool close_jump(stream_clock &clock, int64_t &stamp, int64_t position)
     return true;
 }
 
-// Puts the packet at the front on the line. returns false when it has to wait.
-static bool place_front(stream_clock &clock)
+// Puts the next packet of `ahead` on the line. returns false when it has to wait.
+static bool place_next(stream_clock &clock)
 {
-    std::optional<int64_t> stamp = stamp_of(*clock.ahead.front());
+    const AVPacket &packet = *clock.ahead[clock.placed];
+    std::optional<int64_t> stamp = unwrap_next(clock, clock.place, packet);
     if (stamp) {
-        stamp = unwrap_next(clock, clock.place, *stamp);
         const int64_t time_us = microseconds(clock, *stamp) + clock.offset_us;
         if (has_jumped(clock, clock.place, time_us) &&
-            !close_jump(clock, *stamp, std::max(clock.ahead.front()->pos, clock.place.position))) {
+            !close_jump(clock, *stamp, std::max(packet.pos, clock.place.position))) {
             return false;
         }
     }
     place_packet(clock, stamp);
     return true;
+}
+
+// Puts the other stream's packets on the line as far as to the same place in the file, so that a
+// jump there is known before this stream goes beyond it.
+static void keep_up(stream_clock &clock, int64_t position)
+{
+    stream_clock &other = *clock.other;
+    while (other.place.position < position &&
+           !is_far_ahead(other, other.place, other.ahead.size()) &&
+           (other.placed < other.ahead.size() || pull(other)) && place_next(other)) {
+    }
 }
 
 packet_ptr stream_clock_read(stream_clock &clock)
@@ -281,7 +329,10 @@ packet_ptr stream_clock_read(stream_clock &clock)
         }
         return nullptr;
     }
-    if (clock.placed == 0 && !place_front(clock)) {
+    if (clock.placed == 0 && clock.other != nullptr) {
+        keep_up(clock, clock.ahead.front()->pos);
+    }
+    if (clock.placed == 0 && !place_next(clock)) {
         clock.waits = true;
         return nullptr;
     }

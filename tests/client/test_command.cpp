@@ -107,7 +107,7 @@ TEST_F(recording, holds_the_same_video_from_every_container_and_survives_damage)
     }
 }
 
-TEST_F(recording, joins_late_audio_and_a_restarted_clock)
+TEST_F(recording, joins_late_audio_and_begins_and_ends_at_a_cut)
 {
     const std::string to_ts = "-i programme.wav -c:v copy -c:a mp2 -f mpegts ";
     ASSERT_EQ(ffmpeg(TIMED_SAMPLE "-itsoffset 2 " + to_ts + "late.ts").status, 0);
@@ -115,11 +115,7 @@ TEST_F(recording, joins_late_audio_and_a_restarted_clock)
     // Two seconds of silence stand in front: 94 frames more than the sample alone.
     EXPECT_EQ(summary("late.ts -o late.mp4")["audio"]["frames"], 564);
 
-    shell("cat one.ts one.ts > two.ts; tail -c +56401 one.ts > cut.ts");
-    const json twice = summary("two.ts -o two.mp4");
-    EXPECT_EQ(twice["video"]["frames"], 600);
-    EXPECT_NEAR(twice["duration_seconds"].get<double>(), 20.0, 0.1);
-    EXPECT_EQ(twice["warnings"].size(), 2u);
+    shell("tail -c +56401 one.ts > cut.ts");
     // Cut off within a group of pictures, it begins with the next IDR picture.
     const int frames = summary("cut.ts -o cut.mp4")["video"]["frames"];
     EXPECT_EQ(frames % 30, 0);
