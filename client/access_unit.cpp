@@ -176,7 +176,8 @@ bool keep_parameter_set(access_unit_converter &converter, bytes nal)
     }
     const auto after = [](unsigned kind, const parameter_set &set) { return kind < set.type; };
     const auto place = std::upper_bound(converter.sets.begin(), converter.sets.end(), type, after);
-    converter.sets.insert(place, {type, *number, {nal.begin(), nal.end()}});
+    converter.sets.insert(place,
+                          {type, *number, {nal.begin(), nal.end()}, !converter.sent.empty()});
     return true;
 }
 
@@ -186,22 +187,37 @@ void append(std::vector<uint8_t> &out, bytes nal)
     out.insert(out.end(), nal.begin(), nal.end());
 }
 
+bool has_set(const std::vector<parameter_set> &sets, unsigned type)
+{
+    return std::any_of(sets.begin(), sets.end(),
+                       [=](const parameter_set &set) { return set.type == type; });
+}
+
+// A set of a kind and number that the first picture did not have counts once: unless the stream
+// repeats it, it was a damaged one.
+void forget_new_sets(access_unit_converter &converter)
+{
+    std::erase_if(converter.sets, [](const parameter_set &set) { return set.is_new; });
+}
+
 unit_verdict put_sets_in_front(access_unit_converter &converter, access_unit &unit)
 {
-    const auto has = [&](unsigned type) {
-        return std::any_of(converter.sets.begin(), converter.sets.end(),
-                           [=](const parameter_set &set) { return set.type == type; });
-    };
-    if (!has(NAL_SPS) || !has(NAL_PPS)) {
-        return unit_verdict::no_sets;
-    }
+    std::vector<uint8_t> sets;
     for (const parameter_set &set : converter.sets) {
-        append(unit.bytes, set.bytes);
+        append(sets, set.bytes);
     }
     if (converter.sent.empty()) {
-        converter.sent = unit.bytes;
+        if (!has_set(converter.sets, NAL_SPS) || !has_set(converter.sets, NAL_PPS)) {
+            return unit_verdict::no_sets;
+        }
+        converter.sent = sets;
     }
-    return unit.bytes == converter.sent ? unit_verdict::ready : unit_verdict::sets_changed;
+    unit.bytes = converter.sent;
+    if (sets != converter.sent) {
+        unit.other_sets = std::move(sets);
+        forget_new_sets(converter);
+    }
+    return unit_verdict::ready;
 }
 
 // Picks the picture's slices out of the NAL units, and keeps the parameter sets among them.
@@ -217,7 +233,7 @@ unit_verdict find_slices(access_unit_converter &converter, const std::vector<byt
             return unit_verdict::partitioned;
         }
         if ((type == NAL_SPS || type == NAL_PPS) && !keep_parameter_set(converter, nal)) {
-            return unit_verdict::malformed;
+            converter.damaged_sets++;
         }
         if (type == NAL_SLICE || type == NAL_IDR) {
             slices.push_back(nal);
@@ -286,6 +302,7 @@ unit_verdict access_unit_convert(access_unit_converter &converter, std::span<con
                                  access_unit &unit)
 {
     unit.bytes.clear();
+    unit.other_sets.clear();
     std::vector<bytes> nals;
     const bool split = converter.length_bytes == 0
                            ? split_at_start_codes(packet, nals)
@@ -308,6 +325,28 @@ unit_verdict access_unit_convert(access_unit_converter &converter, std::span<con
         append(unit.bytes, slice);
     }
     return verdict;
+}
+
+void access_unit_replace_sets(const access_unit_converter &converter, access_unit &unit,
+                              std::span<const uint8_t> sets)
+{
+    const auto slices = unit.bytes.begin() + static_cast<ptrdiff_t>(converter.sent.size());
+    std::vector<uint8_t> replaced(sets.begin(), sets.end());
+    replaced.insert(replaced.end(), slices, unit.bytes.end());
+    unit.bytes = std::move(replaced);
+    unit.other_sets.clear();
+}
+
+void access_unit_adopt_sets(access_unit_converter &converter, std::span<const uint8_t> sets)
+{
+    std::vector<bytes> nals;
+    (void)split_at_start_codes(sets, nals); // this unit has joined them
+    converter.sent.clear();
+    converter.sets.clear();
+    for (const bytes nal : nals) {
+        (void)keep_parameter_set(converter, nal);
+    }
+    converter.sent.assign(sets.begin(), sets.end());
 }
 
 // unsigned int, big-endian

@@ -12,6 +12,7 @@ struct parameter_set {
     unsigned type;              // 7 sequence, 8 picture
     unsigned number;            // its identifier in the stream
     std::vector<uint8_t> bytes; // the NAL unit
+    bool is_new = false;        // there was none of its kind and number at the first picture
 };
 
 // What the conversion knows of a stream.
@@ -19,21 +20,24 @@ struct access_unit_converter {
     unsigned length_bytes = 0;       // 0: start codes; else the size of the lengths in front
     std::vector<parameter_set> sets; // sequence before picture
     std::vector<uint8_t> sent;       // the sets as they stood in front of the first IDR picture
+    unsigned damaged_sets = 0;       // left out, since they could not even be told apart
 };
 
 enum class unit_verdict {
-    ready,        // the access unit is complete
-    empty,        // no picture in it
-    malformed,    // not H.264 as announced
-    no_sets,      // an IDR picture, but no parameter sets so far
-    sets_changed, // other parameter sets than those in front of the first IDR picture
-    partitioned,  // a picture in data partitions
+    ready,       // the access unit is complete
+    empty,       // no picture in it
+    malformed,   // not H.264 as announced
+    no_sets,     // an IDR picture, but no parameter sets so far
+    partitioned, // a picture in data partitions
 };
 
 struct access_unit {
     std::vector<uint8_t> bytes;
     bool idr = false;
     bool bi_predicted = false; // a slice is a B slice
+    std::vector<uint8_t>
+        other_sets; // of an IDR picture: the stream's sets, where they are no longer
+                    // those of the first one, which are in front of it all the same
 };
 
 // Reads a container's decoder configuration: an avcC record (its first byte is 1) or parameter sets
@@ -46,6 +50,14 @@ struct access_unit {
 // meaningful when the result is `ready`.
 [[nodiscard]] unit_verdict access_unit_convert(access_unit_converter &converter,
                                                std::span<const uint8_t> packet, access_unit &unit);
+
+// Gives an IDR picture that was converted other parameter sets in front: those of the stream when
+// they turn out to be the damaged ones. The sets are in start-code form, as `other_sets`.
+void access_unit_replace_sets(const access_unit_converter &converter, access_unit &unit,
+                              std::span<const uint8_t> sets);
+
+// From now on these sets are the stream's.
+void access_unit_adopt_sets(access_unit_converter &converter, std::span<const uint8_t> sets);
 
 // The decoder configuration of a stream whose first IDR picture has been converted, for a file: one
 // sequence and one picture set in start-code form, an avcC record for more of them.

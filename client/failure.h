@@ -14,6 +14,7 @@ enum class exit_code : int {
     output = 5,       // the output cannot be written
     storage = 6,      // the component's storage cannot be provided
     component = 7,    // the component is missing or failed
+    kept = 8,         // what was recorded stays, but not under the output's name
     stop_reason = 10, // plus the reason for which the component ended the recording
     given_up = 128,   // plus the number of the second signal
 };

@@ -6,6 +6,7 @@
 #include "client/mapped_file.h"
 #include "client/media_report.h"
 #include "client/terminal.h"
+#include "client/unfinished_recording.h"
 #include "client/work_folder.h"
 
 static constexpr char work_name[] = "page.html";
@@ -22,6 +23,9 @@ static void write_page(const info_options &options, const std::string &page)
 
 int info_run(const info_options &options)
 {
+    for (const unfinished_recording &other : unfinished_recordings_of(options.input)) {
+        terminal_say("tdmbrec: note: " + unfinished_recording_text(options.input, other));
+    }
     const std::unique_ptr<mapped_file> file = mapped_file_open(options.input);
     if (file->bytes.empty()) {
         throw failure(exit_code::input, options.input + ": is empty");

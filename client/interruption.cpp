@@ -13,13 +13,17 @@ static std::mutex lock; // guards the number
 static std::condition_variable &changed = *new std::condition_variable;
 static int requested; // the first signal's number
 
+// Without those that whoever started the command, as nohup does, wants to be ignored.
 static sigset_t listened_signals(void)
 {
     sigset_t signals;
     sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
-    sigaddset(&signals, SIGHUP);
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+        struct sigaction inherited = {};
+        if (sigaction(signal, nullptr, &inherited) == 0 && inherited.sa_handler != SIG_IGN) {
+            sigaddset(&signals, signal);
+        }
+    }
     return signals;
 }
 
@@ -32,19 +36,24 @@ void interruption_block(void)
     std::signal(SIGXFSZ, SIG_IGN);
 }
 
+// The second signal may be there already, and is then not kept waiting for the end.
 static void listen(void (*give_up)(void))
 {
     const sigset_t signals = listened_signals();
-    int signal = 0;
-    sigwait(&signals, &signal);
-    {
-        const std::lock_guard<std::mutex> guard(lock);
-        requested = signal;
+    const timespec at_once = {};
+    int first = 0;
+    sigwait(&signals, &first);
+    int second = sigtimedwait(&signals, nullptr, &at_once);
+    if (second < 0) {
+        {
+            const std::lock_guard<std::mutex> guard(lock);
+            requested = first;
+        }
+        changed.notify_all();
+        sigwait(&signals, &second);
     }
-    changed.notify_all();
-    sigwait(&signals, &signal);
     give_up();
-    _exit(static_cast<int>(exit_code::given_up) + signal);
+    _exit(static_cast<int>(exit_code::given_up) + second);
 }
 
 void interruption_listen(void (*give_up)(void))

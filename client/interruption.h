@@ -1,4 +1,5 @@
-// SIGINT, SIGTERM and SIGHUP: the first asks for the end of the recording, the second gives up.
+// SIGINT, SIGTERM and SIGHUP, as far as they are not ignored from the start: the first asks for the
+// end of the recording, the second gives up.
 #ifndef CLIENT_INTERRUPTION_H
 #define CLIENT_INTERRUPTION_H
 

@@ -10,6 +10,8 @@
 #include "client/work_folder.h"
 
 #include <exception>
+#include <fcntl.h>
+#include <unistd.h>
 
 static int run(int status)
 {
@@ -47,8 +49,22 @@ static int run(const info_options &options)
     return info_run(options);
 }
 
+// No file that is opened may take the number of a standard stream that is closed: what is said
+// would go into it. Writing to this one fails, as it would to the closed one.
+static void hold_standard_streams(void)
+{
+    int descriptor = 0;
+    do {
+        descriptor = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    } while (descriptor >= 0 && descriptor <= STDERR_FILENO);
+    if (descriptor > STDERR_FILENO) {
+        close(descriptor);
+    }
+}
+
 int main(int argc, char **argv)
 {
+    hold_standard_streams();
     const command_line line = options_parse(argc, argv);
     exit_code code = exit_code::component;
     try {

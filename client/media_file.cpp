@@ -1,8 +1,8 @@
 #include "client/media_file.h"
 
 #include "client/failure.h"
+#include "client/file_end.h"
 
-#include <array>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -125,29 +125,6 @@ bool media_file_is_raw(const media_file &file)
     return std::strcmp(file.format->iformat->name, "h264") == 0;
 }
 
-// Whether the sound of a WAV file should go on behind the file's end.
-static bool is_cut_wave(const media_file &file)
-{
-    static constexpr int CHUNKS_MAX = 1000;
-    static constexpr uint32_t SIZE_UNKNOWN = 0x7FFF0000; // and more, from writers that cannot seek
-    int64_t position = 12;                               // behind "RIFF", its size and "WAVE"
-    std::array<uint8_t, 8> head = {};
-    for (int i = 0; i < CHUNKS_MAX; i++) {
-        if (pread(file.descriptor, head.data(), head.size(), position) !=
-            static_cast<ssize_t>(head.size())) {
-            return false;
-        }
-        const uint32_t size =
-            head[4] | uint32_t{head[5]} << 8 | uint32_t{head[6]} << 16 | uint32_t{head[7]} << 24;
-        position += int64_t{8} + size;
-        if (std::memcmp(head.data(), "data", 4) == 0) {
-            return size < SIZE_UNKNOWN && position > file.size;
-        }
-        position += size & 1;
-    }
-    return false;
-}
-
 // At the end of the data: demuxers report what makes them stop early as an end, too.
 static void check_end(const media_file &file)
 {
@@ -155,9 +132,9 @@ static void check_end(const media_file &file)
         throw failure(exit_code::input,
                       file.path + ": breaks off (" + media_error_text(file.io->error) + ")");
     }
-    if (std::strcmp(file.format->iformat->name, "wav") == 0 && is_cut_wave(file)) {
-        throw failure(exit_code::input,
-                      file.path + ": breaks off (the file is shorter than its header says)");
+    const std::string cut = file_cut_text(file.format->iformat->name, file.descriptor, file.size);
+    if (!cut.empty()) {
+        throw failure(exit_code::input, file.path + ": breaks off (" + cut + ")");
     }
     const int entries = avformat_index_get_entries_count(file.stream);
     const AVIndexEntry *const last = avformat_index_get_entry(file.stream, entries - 1);

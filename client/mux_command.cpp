@@ -154,7 +154,7 @@ static void put_all(muxing &self)
 
 static file_summary read_back(const work_folder &folder)
 {
-    const int file = openat(folder.descriptor, work_name, O_RDONLY | O_CLOEXEC);
+    const int file = openat(folder.folder.descriptor, work_name, O_RDONLY | O_CLOEXEC);
     const std::optional<file_summary> summary = file >= 0 ? finished_file_read(file) : std::nullopt;
     if (file >= 0) {
         close(file);
@@ -177,6 +177,7 @@ static void warn_of_video(const std::string &path, const video_input &video)
 {
     warn(path, "pictures left out in front of the first IDR picture", video.leading);
     warn(path, "damaged access units left out", video.damaged);
+    warn(path, "damaged parameter sets left out", video_input_damaged_sets(video));
 }
 
 static void warn_of_sound(const std::string &path, const muxing &self)

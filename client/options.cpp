@@ -15,12 +15,20 @@ static const char record_footer[] = R"(Exit status:
   5    the output cannot be written
   6    the recorder's storage /mnt/sdcard cannot be provided
   7    the recorder component is missing or failed
+  8    what was recorded stays, but not as the output: a message says where, and what to do
   10   storage not usable            12   free space used up
   14   the file could not be begun   15   writing failed
   16   the file reached its size limit of 1,800,000,000 bytes
   17   the component was destroyed during the recording
-  130  given up at the second Ctrl-C (143 SIGTERM, 129 SIGHUP); no file is left
-After 12, 15 and 16 the file holds what came before, if it could be finished.)";
+  130  given up at the second Ctrl-C (143 SIGTERM, 129 SIGHUP); a message says where what was
+       recorded so far stays
+After 3, 4, 7, 12, 15 and 16 the output holds what came before, if there was something.
+
+While it records, the file is in the folder OUTPUT.recording beside the output, which is locked.
+Nothing that was recorded is ever deleted: what cannot become the output stays in that folder, also
+when the command is killed, and the next "record" or "info" of the output says so.
+A signal that is ignored from the start, as with nohup, stays ignored. TDMBREC_PATIENCE is for how
+many seconds the command waits for a component that does not answer (default: 120).)";
 
 static const char encode_footer[] =
     R"(The stream consists of ADTS frames. With --raw it is the bare access units, one after the other,
@@ -56,7 +64,8 @@ static const char info_footer[] =
   1    something is wrong with the file; the report says what
   2    wrong command line
   3    the file cannot be read
-  5    the report or the page cannot be written)";
+  5    the report or the page cannot be written
+A recording to the file that is under way, or was left unfinished, is named in a note.)";
 
 static void add_output(CLI::App &command, std::string &output, bool &force, const char *what)
 {
@@ -185,6 +194,19 @@ static void add_info(CLI::App &app, info_options &options)
     command.add_flag("-f,--force", options.force, "replace an existing page");
 }
 
+static std::string mistake_text(const CLI::App &app, const CLI::ParseError &mistake, int argc,
+                                const char *const *argv)
+{
+    if (argc < 2 || argv[1][0] == '-' || !app.get_subcommands().empty()) {
+        return mistake.what();
+    }
+    std::string names;
+    for (const CLI::App *const command : app.get_subcommands(nullptr)) {
+        names += (names.empty() ? "" : ", ") + command->get_name();
+    }
+    return "there is no command \"" + std::string(argv[1]) + "\"; the commands are " + names;
+}
+
 static int report_mistake(const std::string &command, const std::string &what)
 {
     std::cerr << "tdmbrec: " << what << "\nRun \"tdmbrec " << command
@@ -232,7 +254,7 @@ command_line options_parse(int argc, const char *const *argv)
     } catch (const CLI::ParseError &mistake) {
         const auto chosen = app.get_subcommands();
         return report_mistake(chosen.empty() ? "" : chosen.front()->get_name() + " ",
-                              mistake.what());
+                              mistake_text(app, mistake, argc, argv));
     }
     if (app.got_subcommand("encode")) {
         return encode;

@@ -5,7 +5,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <dirent.h>
 #include <fcntl.h>
 #include <filesystem>
 #include <sys/stat.h>
@@ -23,21 +22,37 @@ output_place::~output_place()
     }
 }
 
-std::unique_ptr<output_place> output_place_open(const std::string &output, bool force)
+output_path output_path_of(const std::string &output)
 {
     std::error_code missing;
-    const std::filesystem::path target = std::filesystem::canonical(output, missing);
-    const std::filesystem::path path = missing ? std::filesystem::path(output) : target;
+    std::filesystem::path path = output;
+    if (std::filesystem::is_symlink(path, missing)) {
+        path = std::filesystem::canonical(path, missing);
+    }
+    if (missing) {
+        path = output;
+    }
+    return {path.has_parent_path() ? path.parent_path().string() : ".", path.filename()};
+}
+
+std::string output_path_text(const output_path &path, const std::string &name)
+{
+    return path.directory == "." ? name : (std::filesystem::path(path.directory) / name).string();
+}
+
+std::unique_ptr<output_place> output_place_open(const std::string &output, bool force)
+{
+    const output_path path = output_path_of(output);
     std::unique_ptr<output_place> place = std::make_unique<output_place>();
-    place->name = path.filename();
+    place->name = path.name;
+    place->directory_path = path.directory;
     place->force = force;
     if (place->name.empty() || place->name == "." || place->name == "..") {
         throw failure(exit_code::output, output + ": is not the name of a file");
     }
-    const std::string directory = path.has_parent_path() ? path.parent_path().string() : ".";
-    place->directory = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    place->directory = open(path.directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (place->directory < 0 || faccessat(place->directory, ".", W_OK | X_OK, AT_EACCESS) != 0) {
-        fail(directory);
+        fail(path.directory);
     }
     struct stat status = {};
     if (fstatat(place->directory, place->name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0) {
@@ -73,30 +88,4 @@ bool output_place_take(const output_place &place, int from, const std::string &f
     return errno == EINVAL && // a file system without the flag
            faccessat(place.directory, name, F_OK, AT_SYMLINK_NOFOLLOW) != 0 &&
            renameat(from, from_name.c_str(), place.directory, name) == 0;
-}
-
-std::string make_hidden_folder(int directory)
-{
-    const std::string stem = ".tdmbrec-" + std::to_string(getpid());
-    std::string name = stem;
-    for (int number = 1; mkdirat(directory, name.c_str(), 0700) != 0; number++) {
-        if (errno != EEXIST || number > 100) {
-            fail("no scratch directory can be made beside the output");
-        }
-        name = stem + "-" + std::to_string(number);
-    }
-    return name;
-}
-
-void remove_entries(int folder)
-{
-    DIR *const entries = fdopendir(dup(folder));
-    if (entries == nullptr) {
-        return;
-    }
-    rewinddir(entries);
-    while (const dirent *const entry = readdir(entries)) {
-        unlinkat(folder, entry->d_name, 0);
-    }
-    closedir(entries);
 }

@@ -6,8 +6,20 @@
 #include <memory>
 #include <string>
 
+// The two parts of an output's path; of a link's target where there is one.
+struct output_path {
+    std::string directory;
+    std::string name;
+};
+
+output_path output_path_of(const std::string &output);
+
+// The path of something else in the output's directory.
+std::string output_path_text(const output_path &path, const std::string &name);
+
 struct output_place {
     int directory = -1;
+    std::string directory_path;
     std::string name;   // of the finished file there
     bool force = false; // an existing file may be replaced
 
@@ -28,11 +40,5 @@ void output_place_check_inputs(const std::string &output,
 // returns false with errno when it cannot.
 [[nodiscard]] bool output_place_take(const output_place &place, int from,
                                      const std::string &from_name);
-
-// Makes a folder for what is not finished yet. returns its name in the directory. throws `failure`.
-std::string make_hidden_folder(int directory);
-
-// Removes the files in a folder.
-void remove_entries(int folder);
 
 #endif

@@ -4,8 +4,10 @@
 #include "client/omx_core.h"
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <utility>
 
@@ -23,8 +25,11 @@ static constexpr std::array<uint32_t, PORT_COUNT> BUFFER_COUNTS = {32, 64};
 static constexpr char component_name[] = "OMX.qvr.tdmb.rec";
 
 // Long enough for a slow disk, short enough to tell a person that nothing moves any more.
-static constexpr std::chrono::seconds PATIENCE(120);
-static constexpr std::chrono::milliseconds LOOK(500);
+static constexpr int DEFAULT_PATIENCE_S = 120;
+static constexpr int LOOKS_PER_SECOND = 2;
+static constexpr std::chrono::milliseconds LOOK(1000 / LOOKS_PER_SECOND);
+
+static std::atomic<bool> left_alone;
 
 [[noreturn]] static void fail(const std::string &what, OMX_ERRORTYPE error)
 {
@@ -129,15 +134,24 @@ static OMX_ERRORTYPE on_fill_buffer_done(OMX_HANDLETYPE, OMX_PTR, OMX_BUFFERHEAD
     return OMX_ErrorNone; // a sink fills nothing
 }
 
-// Waits until the condition, which is looked at under the lock, holds.
+// The user may know of a slower disk.
+static int patience_s(void)
+{
+    const char *const text = std::getenv("TDMBREC_PATIENCE");
+    const int seconds = text != nullptr ? std::atoi(text) : 0;
+    return seconds > 0 && seconds <= 1'000'000 ? seconds : DEFAULT_PATIENCE_S;
+}
+
+// Waits until the condition, which is looked at under the lock, holds. The looks are counted, not
+// the time: the command and the component may have been stopped together.
 template <typename Condition>
 static void await(player &self, const char *what, Condition condition)
 {
     std::unique_lock<std::mutex> guard(self.lock);
     const auto is_over = [&] { return condition() || self.error != OMX_ErrorNone; };
-    const auto end = std::chrono::steady_clock::now() + PATIENCE;
+    static const int looks = patience_s() * LOOKS_PER_SECOND;
     bool reached = self.changed.wait_for(guard, LOOK, is_over);
-    while (!reached && std::chrono::steady_clock::now() < end) {
+    for (int look = 1; !reached && look < looks; look++) {
         if (self.on_wait) {
             guard.unlock();
             self.on_wait();
@@ -149,6 +163,7 @@ static void await(player &self, const char *what, Condition condition)
         fail(self.refused ? "refuses a buffer" : "reported an error", self.error);
     }
     if (!reached) {
+        self.silent = true;
         fail(std::string("does not ") + what, OMX_ErrorTimeout);
     }
 }
@@ -365,16 +380,31 @@ static bool can_leave_states(player &self)
     return self.state == OMX_StateExecuting && self.error == OMX_ErrorNone && self.out == 0;
 }
 
+static bool is_silent(player &self)
+{
+    const std::lock_guard<std::mutex> guard(self.lock);
+    return self.silent;
+}
+
 void player_deleter::operator()(player *pPlayer) const
 {
     if (pPlayer->component != nullptr) {
         try {
-            if (can_leave_states(*pPlayer)) {
+            if (!is_silent(*pPlayer) && can_leave_states(*pPlayer)) {
                 leave_states(*pPlayer);
             }
         } catch (const failure &) { // another failure is being reported; the handle takes the rest
         }
+        if (is_silent(*pPlayer)) { // and may still use the record
+            left_alone = true;
+            return;
+        }
         (void)OMX_FreeHandle(pPlayer->component);
     }
     delete pPlayer;
+}
+
+bool player_left_alone(void)
+{
+    return left_alone;
 }

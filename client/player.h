@@ -49,14 +49,19 @@ struct player {
     OMX_ERRORTYPE error = OMX_ErrorNone;   // the first one
     bool refused = false;                  // it was a buffer's; nothing more is sent
     std::optional<uint32_t> stopped;       // the stop reason
+    bool silent = false;                   // it was waited for in vain
     std::function<void()> on_wait;         // called twice a second while the component takes long
 };
 
-// Ends what is still under way and frees the handle, in whatever state the player is.
+// Ends what is still under way and frees the handle, in whatever state the player is; a component
+// that was waited for in vain is left alone, since its threads may never come back.
 struct player_deleter {
     void operator()(player *pPlayer) const;
 };
 using player_ptr = std::unique_ptr<player, player_deleter>;
+
+// Whether such a component has been left alone. The process then has to end without unloading it.
+bool player_left_alone(void);
 
 // Takes the handle and brings it to Executing, its buffers allocated. Between OMX_Init and
 // OMX_Deinit. throws `failure`.

@@ -58,10 +58,27 @@ static void refill(programme_input &programme)
     }
 }
 
+// Where one file with both streams breaks off, the other stream has as much left as came before.
+static void refill_to_the_end(programme_input &programme)
+{
+    try {
+        refill(programme);
+    } catch (const failure &broken) {
+        const bool is_one_file = programme.video->file->clock.other != nullptr;
+        if (broken.code != exit_code::input || !is_one_file) {
+            throw;
+        }
+        programme.fault = std::current_exception();
+    }
+}
+
 std::optional<programme_unit> programme_next(programme_input &programme)
 {
-    refill(programme);
+    refill_to_the_end(programme);
     if (!programme.next_video && !programme.has_audio) {
+        if (programme.fault) {
+            std::rethrow_exception(programme.fault);
+        }
         return std::nullopt;
     }
     const bool video_first =
@@ -110,6 +127,8 @@ std::vector<std::string> programme_closing_remarks(const programme_input &progra
     const media_file &sound = *audio.decoder->file;
     std::vector<std::string> remarks;
     remark(remarks, *video.file, "damaged access units left out", video.damaged);
+    remark(remarks, *video.file, "damaged parameter sets left out",
+           video_input_damaged_sets(video));
     remark(remarks, sound, "damaged audio packets left out", audio.decoder->damaged);
     if (video.file->clock.other != nullptr) {
         remark(remarks, sound, "jumps of the clock closed",

@@ -7,6 +7,7 @@
 
 #include <array>
 #include <cstdint>
+#include <exception>
 #include <memory>
 #include <optional>
 #include <span>
@@ -32,6 +33,7 @@ struct programme_input {
     bool has_audio = false; // next_audio holds a block
     int64_t audio_blocks = 0;
     std::optional<unit_kind> given; // what the last call gave out
+    std::exception_ptr fault;       // what one stream of the file broke off with
 };
 
 // Opens the programme. When both paths name one file, the streams share its clock; two files begin

@@ -27,7 +27,7 @@ static constexpr uint64_t FREE_BYTES_KEPT = uint64_t{51200} * 1024;
 static constexpr uint64_t AUDIO_BYTES_PER_SECOND = 128000 / 8;
 
 // What the signal's thread has to clear away when the user gives up. It keeps the lock until the
-// process is gone.
+// process is gone, so that the recording does not move while it says where it stays.
 static std::mutex storage_lock;
 static storage_root *storage_in_use; // under storage_lock
 
@@ -39,8 +39,10 @@ struct session {
     player_ptr component;
     steady::time_point begun;
     steady::time_point shown; // the progress line
-    int64_t lead_us = 0;      // from the time base to the first picture
-    int64_t sent_us = 0;      // of the programme
+    bool has_file = false;    // the recording's file has been seen
+    bool is_published = false;
+    int64_t lead_us = 0; // from the time base to the first picture
+    int64_t sent_us = 0; // of the programme
     uint64_t sent_video_bytes = 0;
 };
 
@@ -54,10 +56,15 @@ static void give_up(void)
 {
     storage_lock.lock();
     terminal_show_progress("");
+    std::string kept;
     if (storage_in_use != nullptr) {
+        const unfinished_recording left = storage_look(*storage_in_use);
+        if (left.file != recording_state::empty) {
+            kept = "; " + kept_text(left);
+        }
         storage_discard(*storage_in_use);
     }
-    terminal_say("tdmbrec: given up");
+    terminal_say("tdmbrec: given up" + kept);
 }
 
 static void say_remarks(session &self, const std::vector<std::string> &remarks)
@@ -83,11 +90,28 @@ static void check_free_space(const storage_root &storage)
     }
 }
 
+// Another recording to the same output stops this one when it is under way, and is told of when it
+// was left.
+static void look_for_others(session &self)
+{
+    std::vector<std::string> remarks;
+    unfinished_recordings_clear(self.options.output);
+    for (const unfinished_recording &other : unfinished_recordings_of(self.options.output)) {
+        const std::string text = unfinished_recording_text(self.options.output, other);
+        if (other.folder == folder_state::in_use) {
+            throw failure(exit_code::output, text);
+        }
+        remarks.push_back(text);
+    }
+    say_remarks(self, remarks);
+}
+
 static void open_all(session &self)
 {
     const record_options &options = self.options;
     const std::optional<AVRational> frame_rate = parse_frame_rate(options.frame_rate);
     self.storage = storage_open(options.output, options.force);
+    look_for_others(self);
     output_place_check_inputs(options.output, {options.video, options.audio});
     self.programme = programme_open(options.video, options.audio, frame_rate);
     say_remarks(self, programme_opening_remarks(*self.programme));
@@ -106,13 +130,23 @@ static uint64_t recorded_bytes(const session &self)
     return std::max(storage_recorded_bytes(*self.storage), sent);
 }
 
-static void show_progress(session &self)
+// throws `failure` when somebody has taken the file away: the component would write on into
+// nothing.
+static void check_file(session &self)
 {
-    const steady::time_point now = steady::now();
-    if (now - self.shown < std::chrono::milliseconds(200)) {
-        return;
+    if (storage_has_recording(*self.storage)) {
+        self.has_file = true;
+    } else if (self.has_file) {
+        const std::string trouble = storage_trouble(*self.storage);
+        throw failure(exit_code::output, "the recording is gone: " +
+                                             (trouble.empty() ? storage_look(*self.storage).place +
+                                                                    " was deleted or moved"
+                                                              : trouble));
     }
-    self.shown = now;
+}
+
+static void show_progress(session &self, steady::time_point now)
+{
     const double seconds = static_cast<double>(self.sent_us) / 1e6;
     const double elapsed = std::chrono::duration<double>(now - self.begun).count();
     char speed[32] = "";
@@ -120,6 +154,17 @@ static void show_progress(session &self)
     terminal_show_progress("Recording  " + duration_text(seconds) + "  " +
                            size_text(recorded_bytes(self)) + "  " + speed + "  free " +
                            size_text(storage_free_bytes(*self.storage)));
+}
+
+// From time to time, while the programme is sent.
+static void look_around(session &self)
+{
+    const steady::time_point now = steady::now();
+    if (now - self.shown >= std::chrono::milliseconds(200)) {
+        self.shown = now;
+        check_file(self);
+        show_progress(self, now);
+    }
 }
 
 // A delimiter alone, one picture ahead of the programme: it gives the component its time base and
@@ -153,7 +198,7 @@ static bool pause_until(session &self, steady::time_point moment)
         if (interruption_sleep_until(next)) {
             return true;
         }
-        show_progress(self);
+        look_around(self);
     } while (next < moment);
     return false;
 }
@@ -185,7 +230,7 @@ static void send_programme(session &self)
         if (self.options.realtime) {
             player_flush(*self.component);
         }
-        show_progress(self);
+        look_around(self);
     }
 }
 
@@ -217,6 +262,23 @@ static void note_failure(session &self, const failure &what)
     }
 }
 
+// The same with what is to be seen of the storage.
+static void note_storage_failure(session &self, exit_code code, const std::string &what)
+{
+    const std::string trouble = storage_trouble(*self.storage);
+    note_failure(self, failure(code, what + (trouble.empty() ? "" : ": " + trouble)));
+}
+
+// The storage is asked only where it may be the cause.
+static void note_stop(session &self, uint32_t reason)
+{
+    if (reason == STOP_STORAGE || reason == STOP_OPEN_FAILED || reason == STOP_WRITE_FAILED) {
+        note_storage_failure(self, stop_code(reason), self.summary.ended);
+    } else {
+        note_failure(self, failure(stop_code(reason), self.summary.ended));
+    }
+}
+
 // Reads back what the recording left; the component tells a reason, not whether the file is whole.
 static void read_recording(session &self)
 {
@@ -224,44 +286,70 @@ static void read_recording(session &self)
     if (file < 0) {
         return;
     }
-    std::string fault;
     try {
         self.summary.file = finished_file_read(file);
     } catch (const failure &what) {
-        fault = what.what();
+        note_failure(self, what);
     }
     close(file);
     if (self.summary.file && self.summary.file->video.frames == 0) {
         const std::vector<std::string> &faults = self.summary.file->faults;
-        fault = faults.empty() ? "" : "the finished file has no picture: " + faults.front();
+        if (!faults.empty()) { // there may be more in it than can be read here
+            note_failure(self, failure(exit_code::kept,
+                                       "the finished file has no picture: " + faults.front()));
+        }
         self.summary.file.reset();
     }
-    if (!fault.empty()) { // there may be more in it than can be read here
-        note_failure(self, failure(exit_code::component,
-                                   fault + "; it stays as " + storage_keep(*self.storage)));
+}
+
+// Ends the recording. What fails is noted; the component is gone afterwards, or left alone.
+static void end_recording(session &self)
+{
+    self.component->on_wait = nullptr;
+    terminal_show_progress("Finishing ...");
+    try {
+        const uint32_t reason = player_stop(*self.component);
+        self.summary.stop_reason = reason;
+        if (reason != STOP_REQUEST) {
+            self.summary.ended = reason_text(reason);
+            note_stop(self, reason);
+        }
+        player_close(std::move(self.component));
+    } catch (const failure &what) {
+        note_failure(self, what);
+        self.summary.ended = "the component failed";
     }
+    self.component.reset(); // its end is the recording's, which it may finish even now
+}
+
+static void publish(session &self)
+{
+    storage_settle(*self.storage);
+    const std::lock_guard<std::mutex> guard(storage_lock);
+    storage_publish(*self.storage);
+    storage_in_use = nullptr;
+    self.is_published = true;
 }
 
 // Ends the recording and gives the file its name. A failure of the input has been noted before.
 static void finish(session &self)
 {
-    self.component->on_wait = nullptr;
-    terminal_show_progress("Finishing ...");
-    const uint32_t reason = player_stop(*self.component);
-    self.summary.stop_reason = reason;
-    player_close(std::move(self.component));
-    if (reason != STOP_REQUEST) {
-        self.summary.ended = reason_text(reason);
-        note_failure(self, failure(stop_code(reason), self.summary.ended));
+    end_recording(self);
+    if (player_left_alone()) { // the file may be written to even now
+        return;
     }
     read_recording(self);
-    if (self.summary.file) {
-        storage_publish(*self.storage);
-        use_storage(nullptr);
-        say_remarks(self, finished_file_remarks(*self.summary.file));
-    } else {
-        note_failure(self, failure(exit_code::component,
-                                   "the recorder component could not finish the file"));
+    if (!self.summary.file) {
+        note_storage_failure(self, exit_code::component,
+                             "the recorder component could not finish the file");
+        return;
+    }
+    publish(self);
+    say_remarks(self, finished_file_remarks(*self.summary.file));
+    if (storage_is_out_of_sight(*self.storage)) {
+        note_failure(self, failure(exit_code::output, self.summary.output +
+                                                          " is finished, but its directory was "
+                                                          "moved, or its storage unmounted"));
     }
 }
 
@@ -269,39 +357,51 @@ static void run(session &self)
 {
     open_all(self);
     self.begun = steady::now();
-    self.component->on_wait = [&self] { show_progress(self); };
+    self.component->on_wait = [&self] { look_around(self); };
     player_start(*self.component, storage_component_path(*self.storage),
                  static_cast<unsigned>(self.programme->audio->rate));
     try {
         send_programme(self);
     } catch (const failure &broken) {
-        if (broken.code == exit_code::component || self.sent_video_bytes == 0) {
+        if (self.sent_video_bytes == 0) {
             throw;
         }
         // What came before is worth keeping; the exit code tells that it is not all.
         note_failure(self, broken);
-        self.summary.ended = "the input could not be recorded further";
+        self.summary.ended = broken.code == exit_code::component ? "the component failed"
+                             : broken.code == exit_code::output
+                                 ? "the recording is gone"
+                                 : "the input could not be recorded further";
     }
     finish(self);
 }
 
-static void close_all(session &self)
+// Whatever has ended the recording: what there is of it stays, and the user has to know where.
+static std::string look_for_rest(session &self)
 {
-    terminal_show_progress("");
-    self.component.reset();
-    use_storage(nullptr);
-    self.storage.reset();
-    (void)OMX_Deinit();
+    if (self.storage == nullptr || self.is_published || self.storage->record_name.empty()) {
+        return "";
+    }
+    const unfinished_recording left = storage_look(*self.storage);
+    if (left.file == recording_state::empty) {
+        return "";
+    }
+    self.summary.file.reset();
+    self.summary.kept = left.place;
+    self.summary.status = static_cast<int>(exit_code::kept);
+    return kept_text(left);
 }
 
-static void report(session &self)
+static void report(session &self, const std::string &rest)
 {
     const recording_summary &summary = self.summary;
     if (self.programme != nullptr) {
         say_remarks(self, programme_closing_remarks(*self.programme));
     }
-    if (!summary.error.empty()) {
-        terminal_say("tdmbrec: " + summary.error);
+    for (const std::string &sentence : {summary.error, rest}) {
+        if (!sentence.empty()) {
+            terminal_say("tdmbrec: " + sentence);
+        }
     }
     const std::string text = self.options.json ? summary_json(summary)
                              : summary.file    ? summary_text(summary)
@@ -312,6 +412,18 @@ static void report(session &self)
         terminal_say(std::string("tdmbrec: ") + what.what());
         note_failure(self, what);
     }
+}
+
+// The storage goes last: until then, the user who gives up is told where the recording is.
+static void close_all(session &self)
+{
+    if (player_left_alone()) {
+        storage_hide();
+        _exit(self.summary.status); // nothing may wait for the component, nor take from under it
+    }
+    use_storage(nullptr);
+    self.storage.reset();
+    (void)OMX_Deinit();
 }
 
 static void fail(session &self, const failure &what)
@@ -337,8 +449,10 @@ int record(const record_options &options)
     } catch (const std::exception &what) {
         fail(self, failure(exit_code::component, what.what()));
     }
+    self.component.reset();
     self.summary.elapsed_s = std::chrono::duration<double>(steady::now() - self.begun).count();
+    terminal_show_progress("");
+    report(self, look_for_rest(self));
     close_all(self);
-    report(self);
     return self.summary.status;
 }

@@ -4,22 +4,20 @@
 
 #include "platform/host/host_control.h"
 
+#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <filesystem>
 #include <sys/file.h>
+#include <sys/resource.h>
 #include <sys/sendfile.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 
-static constexpr char card_name[] = "tflash";
 static constexpr char card_property[] = "qvr.sdcard.db.status";
-
-// The component's own files beside a recording, while it is under way.
-static constexpr const char *component_files[] = {"a_stco.tmp", "a_stsz.tmp", "v_stco.tmp",
-                                                  "v_stsz.tmp", "v_stss.tmp", "v_stts_dts.tmp"};
 
 [[noreturn]] static void fail(exit_code code, const std::string &what)
 {
@@ -29,8 +27,10 @@ static constexpr const char *component_files[] = {"a_stco.tmp", "a_stsz.tmp", "v
 storage_root::~storage_root()
 {
     storage_discard(*this);
-    if (scratch >= 0) {
-        close(scratch);
+    for (const int descriptor : {scratch, folder.descriptor}) {
+        if (descriptor >= 0) {
+            close(descriptor);
+        }
     }
 }
 
@@ -38,17 +38,9 @@ std::unique_ptr<storage_root> storage_open(const std::string &output, bool force
 {
     std::unique_ptr<storage_root> root = std::make_unique<storage_root>();
     root->place = output_place_open(output, force);
+    std::error_code ignored;
+    root->directory_path = std::filesystem::absolute(root->place->directory_path, ignored);
     return root;
-}
-
-static void make_scratch(storage_root &root)
-{
-    const int directory = root.place->directory;
-    root.scratch_name = make_hidden_folder(directory);
-    root.scratch = openat(directory, root.scratch_name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (root.scratch < 0) {
-        fail(exit_code::output, root.scratch_name);
-    }
 }
 
 static void use_storage_itself(storage_root &root)
@@ -60,18 +52,61 @@ static void use_storage_itself(storage_root &root)
     if (flock(root.scratch, LOCK_EX | LOCK_NB) != 0) {
         throw failure(exit_code::storage, "another recording is using /mnt/sdcard");
     }
-    root.record_name = "tdmbrec-" + std::to_string(getpid()) + ".mp4";
+    root.is_shared = true;
+}
+
+static void provide_card(storage_root &root)
+{
+    root.made_card = mkdirat(root.scratch, kCardName, 0700) == 0;
+    if (!root.made_card && errno != EEXIST) {
+        fail(exit_code::storage, "the card cannot be provided");
+    }
+    host_set_property(card_property, "available");
+}
+
+// In /mnt/sdcard there may be recordings that were left.
+static std::string choose_shared_name(const storage_root &root, const std::string &folder)
+{
+    const std::string stem = folder + "tdmbrec-" + std::to_string(getpid());
+    std::string name = stem + ".mp4";
+    for (int number = 2; faccessat(root.scratch, name.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0;
+         number++) {
+        name = stem + "-" + std::to_string(number) + ".mp4";
+    }
+    return name;
+}
+
+static void choose_name(storage_root &root, bool card)
+{
+    const std::string folder = card ? std::string(kCardName) + "/" : "";
+    if (!root.is_shared) {
+        root.record_name = folder + kRecordingName;
+        return;
+    }
+    root.record_name = choose_shared_name(root, folder);
+    // For whoever finds the folder; a file system without links has to do without.
+    (void)symlinkat(storage_component_path(root).c_str(), root.folder.descriptor, kRecordingName);
+}
+
+// The path may mean something else to this process since /mnt has changed.
+static bool is_in_sight(const storage_root &root)
+{
+    struct stat opened = {};
+    struct stat named = {};
+    return fstat(root.place->directory, &opened) == 0 &&
+           stat(root.directory_path.c_str(), &named) == 0 && opened.st_dev == named.st_dev &&
+           opened.st_ino == named.st_ino;
 }
 
 static void provide_folder(storage_root &root)
 {
-    make_scratch(root);
-    root.record_name = "recording.mp4";
-    if (!storage_show(root.scratch)) {
-        storage_discard(root);
-        close(root.scratch);
-        root.scratch = -1;
-        root.scratch_name.clear(); // what follows is the user's own folder
+    root.folder = locked_folder_make(root.place->directory, root.place->name, kRecordingSuffix);
+    if (storage_show(root.folder.descriptor)) {
+        root.scratch = openat(root.folder.descriptor, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        if (root.scratch < 0) {
+            fail(exit_code::output, root.folder.name);
+        }
+    } else {
         use_storage_itself(root);
     }
 }
@@ -80,13 +115,10 @@ void storage_provide(storage_root &root, bool card)
 {
     provide_folder(root);
     if (card) {
-        root.made_card = mkdirat(root.scratch, card_name, 0700) == 0;
-        if (!root.made_card && errno != EEXIST) {
-            fail(exit_code::storage, "the card cannot be provided");
-        }
-        root.record_name = std::string(card_name) + "/" + root.record_name;
-        host_set_property(card_property, "available");
+        provide_card(root);
     }
+    choose_name(root, card);
+    root.was_in_sight = is_in_sight(root);
 }
 
 std::string storage_component_path(const storage_root &root)
@@ -100,17 +132,90 @@ uint64_t storage_free_bytes(const storage_root &root)
     return fstatvfs(root.scratch, &status) == 0 ? uint64_t{status.f_bavail} * status.f_frsize : 0;
 }
 
+struct file_place {
+    int directory;
+    std::string name;
+};
+
+static file_place place_of_recording(const storage_root &root)
+{
+    return root.is_moved ? file_place{root.folder.descriptor, kRecordingName}
+                         : file_place{root.scratch, root.record_name};
+}
+
 uint64_t storage_recorded_bytes(const storage_root &root)
 {
+    const file_place place = place_of_recording(root);
     struct stat status = {};
-    return fstatat(root.scratch, root.record_name.c_str(), &status, 0) == 0
+    return fstatat(place.directory, place.name.c_str(), &status, 0) == 0
                ? static_cast<uint64_t>(status.st_size)
                : 0;
 }
 
 int storage_open_recording(const storage_root &root)
 {
-    return openat(root.scratch, root.record_name.c_str(), O_RDONLY | O_CLOEXEC);
+    const file_place place = place_of_recording(root);
+    return openat(place.directory, place.name.c_str(), O_RDONLY | O_CLOEXEC);
+}
+
+bool storage_has_recording(const storage_root &root)
+{
+    const file_place place = place_of_recording(root);
+    return faccessat(place.directory, place.name.c_str(), F_OK, 0) == 0 || errno != ENOENT;
+}
+
+bool storage_is_out_of_sight(const storage_root &root)
+{
+    return root.was_in_sight && !is_in_sight(root);
+}
+
+// Whether the shell's limit is what keeps the file from growing.
+static bool is_at_limit(const storage_root &root)
+{
+    struct rlimit limit = {};
+    return getrlimit(RLIMIT_FSIZE, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY &&
+           storage_recorded_bytes(root) >= limit.rlim_cur;
+}
+
+// Writes a little into the recording's folder. returns the reason why that fails, or 0.
+static int probe(const storage_root &root)
+{
+    static constexpr char name[] = "probe";
+    static constexpr std::array<char, 4096> block = {};
+    const int file = openat(root.scratch, name, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    if (file < 0) {
+        return errno;
+    }
+    errno = ENOSPC; // for a write in part
+    const bool is_written =
+        write(file, block.data(), block.size()) == static_cast<ssize_t>(block.size()) &&
+        fsync(file) == 0;
+    const int error = is_written ? 0 : errno;
+    close(file);
+    unlinkat(root.scratch, name, 0);
+    return error;
+}
+
+std::string storage_trouble(const storage_root &root)
+{
+    struct stat folder = {};
+    if (fstat(root.folder.descriptor, &folder) == 0 && folder.st_nlink == 0) {
+        return "the folder " + root.folder.name + " was deleted";
+    }
+    if (storage_is_out_of_sight(root)) {
+        return "the output's directory was moved, or its storage unmounted";
+    }
+    switch (const int error = probe(root)) {
+    case 0:
+        return is_at_limit(root) ? "it has reached the shell's limit for files (ulimit -f)" : "";
+    case EROFS:
+        return "the storage is read-only now";
+    case ENOSPC:
+    case EDQUOT:
+        return "the storage is full";
+    default:
+        return std::string("the storage fails (") + std::strerror(error) + ")";
+    }
 }
 
 static bool copy_bytes(int from, int to)
@@ -122,81 +227,107 @@ static bool copy_bytes(int from, int to)
     return copied == 0 && fsync(to) == 0;
 }
 
-// The way to another file system: a copy under another name that then takes its place.
-static bool copy_to_place(const storage_root &root, int recording)
+// The way to another file system: a copy that then takes the place of the link.
+static bool copy_to_folder(const storage_root &root, int recording)
 {
-    const std::string name = ".tdmbrec-" + std::to_string(getpid()) + ".mp4";
-    const int directory = root.place->directory;
-    const int copy = openat(directory, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    const int folder = root.folder.descriptor;
+    const int copy = openat(folder, kCopyName, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
     if (copy < 0) {
         return false;
     }
     const bool placed =
-        copy_bytes(recording, copy) && output_place_take(*root.place, directory, name);
+        copy_bytes(recording, copy) && renameat(folder, kCopyName, folder, kRecordingName) == 0;
     const int error = errno;
     close(copy);
-    if (!placed) {
-        unlinkat(directory, name.c_str(), 0);
-    }
+    unlinkat(placed ? root.scratch : folder, placed ? root.record_name.c_str() : kCopyName, 0);
     errno = error;
     return placed;
 }
 
-std::string storage_keep(storage_root &root)
+static bool move_to_folder(storage_root &root, int recording)
 {
-    const std::string kept =
-        root.scratch_name.empty()
-            ? storage_component_path(root)
-            : root.scratch_name + "/" + root.record_name + " in the output's directory";
-    root.record_name.clear(); // the recording is worth more than tidiness
-    return kept;
+    root.is_moved = renameat(root.scratch, root.record_name.c_str(), root.folder.descriptor,
+                             kRecordingName) == 0 ||
+                    (errno == EXDEV && copy_to_folder(root, recording));
+    return root.is_moved;
 }
 
-void storage_publish(storage_root &root)
+void storage_settle(storage_root &root)
 {
     const int recording = storage_open_recording(root);
     if (recording < 0) {
         fail(exit_code::component, "the recorder component left no file");
     }
-    bool placed =
-        fsync(recording) == 0 && output_place_take(*root.place, root.scratch, root.record_name);
-    if (!placed && errno == EXDEV) {
-        placed = copy_to_place(root, recording);
-    }
+    const bool settled =
+        fsync(recording) == 0 && (!root.is_shared || move_to_folder(root, recording));
     const int error = errno;
     close(recording);
-    if (placed) {
-        storage_discard(root);
-        return;
+    if (!settled) {
+        errno = error;
+        fail(exit_code::output, "the file cannot be brought to the output's directory");
     }
-    const std::string kept = storage_keep(root);
-    errno = error;
-    fail(exit_code::output,
-         "the recording cannot take the name " + root.place->name + " and stays as " + kept);
+}
+
+void storage_publish(storage_root &root)
+{
+    const file_place place = place_of_recording(root);
+    if (!output_place_take(*root.place, place.directory, place.name)) {
+        fail(exit_code::output, "the file cannot take the name " + root.place->name);
+    }
+    storage_discard(root);
+}
+
+unfinished_recording storage_look(const storage_root &root)
+{
+    const bool is_beside = !root.is_shared || root.is_moved;
+    const file_place place = place_of_recording(root);
+    unfinished_recording recording = unfinished_recording_look(place.directory, place.name);
+    recording.place = is_beside ? output_path_text({root.place->directory_path, ""},
+                                                   root.folder.name + "/" + place.name)
+                                : storage_component_path(root);
+    return recording;
+}
+
+// Removes the component's files from /mnt/sdcard, or names them after the recording that is kept,
+// so that the next one does not write over them.
+static void clear_tables(const storage_root &root, bool is_kept)
+{
+    const size_t slash = root.record_name.find('/');
+    const std::string directory =
+        slash == std::string::npos ? "" : root.record_name.substr(0, slash + 1);
+    for (const char *const name : kTableNames) {
+        const std::string table = directory + name;
+        if (is_kept) {
+            (void)renameat(root.scratch, table.c_str(), root.scratch,
+                           (root.record_name + "." + name).c_str());
+        } else {
+            unlinkat(root.scratch, table.c_str(), 0);
+        }
+    }
 }
 
 void storage_discard(storage_root &root)
 {
     storage_hide();
-    if (root.scratch < 0 || root.record_name.empty()) {
+    if (root.folder.descriptor < 0) {
         return;
     }
-    const bool on_card = root.record_name.find('/') != std::string::npos;
-    const int folder = on_card ? openat(root.scratch, card_name, O_RDONLY | O_DIRECTORY | O_CLOEXEC)
-                               : dup(root.scratch);
-    if (root.scratch_name.empty()) {
+    unlinkat(root.folder.descriptor, kCopyName, 0);
+    const bool is_kept =
+        !root.record_name.empty() && storage_look(root).file != recording_state::empty;
+    if (root.is_shared && !root.record_name.empty()) {
+        clear_tables(root, is_kept);
+    }
+    if (is_kept) {
+        return;
+    }
+    if (root.is_shared && !root.record_name.empty()) {
         unlinkat(root.scratch, root.record_name.c_str(), 0);
-        for (const char *const name : component_files) {
-            unlinkat(folder, name, 0);
-        }
-    } else {
-        remove_entries(folder);
     }
-    close(folder);
     if (root.made_card) {
-        unlinkat(root.scratch, card_name, AT_REMOVEDIR);
+        unlinkat(root.scratch, kCardName, AT_REMOVEDIR);
     }
-    if (!root.scratch_name.empty()) {
-        unlinkat(root.place->directory, root.scratch_name.c_str(), AT_REMOVEDIR);
-    }
+    unfinished_recording_clear(root.place->directory, root.folder);
+    close(root.folder.descriptor);
+    root.folder.descriptor = -1;
 }

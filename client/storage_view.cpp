@@ -57,11 +57,13 @@ static bool enter_user_namespace(void)
            write_file("/proc/self/gid_map", gid + " " + gid + " 1");
 }
 
+// As a slave, the namespace keeps its own mounts to itself, and whoever unmounts the output's file
+// system is told that it is in use.
 void storage_isolate(void)
 {
     user = geteuid();
     isolated = (unshare(CLONE_NEWNS) == 0 || enter_user_namespace()) &&
-               (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 || refuse("mount"));
+               (mount(nullptr, "/", nullptr, MS_REC | MS_SLAVE, nullptr) == 0 || refuse("mount"));
 }
 
 // Calls with the folder as the current one, which needs no /proc.

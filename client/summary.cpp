@@ -43,6 +43,9 @@ std::string summary_json(const recording_summary &summary)
     if (!summary.error.empty()) {
         json["error"] = summary.error;
     }
+    if (!summary.kept.empty()) {
+        json["kept"] = summary.kept;
+    }
     if (summary.file) {
         const file_summary &file = *summary.file;
         const auto track = [&](const track_summary &of) {

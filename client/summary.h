@@ -13,7 +13,8 @@ struct recording_summary {
     std::optional<file_summary> file; // nothing: no file was left
     std::string ended;                // why, in words
     std::optional<uint32_t> stop_reason;
-    std::string error; // what went wrong; empty when nothing did
+    std::string error; // what went wrong first; empty when nothing did
+    std::string kept;  // where what was recorded stays without having taken the output's name
     std::vector<std::string> remarks;
     int status = 0; // exit code
     double elapsed_s = 0;

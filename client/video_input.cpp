@@ -1,16 +1,29 @@
 #include "client/video_input.h"
 
 #include "client/failure.h"
+#include "client/picture_check.h"
 
 #include <algorithm>
 #include <cstdio>
+#include <iterator>
 
 extern "C" {
 #include <libavutil/parseutils.h>
 }
 
-// A reordered picture or a change of parameter sets mostly shows within this many units.
-static constexpr size_t READ_AHEAD_UNITS = 32;
+// A reordered picture, a change of parameter sets or damaged ones in front mostly show within this
+// many units.
+static constexpr size_t READ_AHEAD_UNITS = 100;
+
+// So many units are held back at most while it is not clear whether their parameter sets are
+// damaged.
+static constexpr size_t DOUBTED_UNITS_MAX = 1000;
+
+static constexpr unsigned kSequenceSet = 7; // nal_unit_type
+
+// profile_idc of what a decoder of 8-bit 4:2:0 pictures takes
+static constexpr int kProfiles[] = {FF_PROFILE_H264_BASELINE, FF_PROFILE_H264_MAIN,
+                                    FF_PROFILE_H264_EXTENDED, FF_PROFILE_H264_HIGH};
 
 // Pictures whose times do not rise come this far apart.
 static constexpr int64_t SHORTEST_STEP_US = 1'000;
@@ -59,14 +72,34 @@ int64_t video_input_interval_us(const video_input &video)
     return av_rescale_q(1, av_inv_q(video.frame_rate), {1, 1000000});
 }
 
+// For a shell.
+static std::string quoted(const std::string &path)
+{
+    std::string text = "'";
+    for (const char letter : path) {
+        text += letter == '\'' ? std::string("'\\''") : std::string(1, letter);
+    }
+    return text + "'";
+}
+
+static std::string recoding_hint(const video_input &video)
+{
+    return "; code it again without: ffmpeg -i " + quoted(video.file->path) +
+           " -c:v libx264 -bf 0 -pix_fmt yuv420p -c:a copy new.mkv";
+}
+
+[[noreturn]] static void refuse_order(const video_input &video)
+{
+    refuse(video, "its pictures are not in display order (B pictures), which cannot be recorded" +
+                      recoding_hint(video));
+}
+
 // Without time stamps, the only sign of another order is the kind of slice.
 static void check_order(video_input &video, const AVPacket &packet, const access_unit &unit)
 {
-    static const char text[] = "its pictures are not in display order (B pictures); only streams "
-                               "without reordering can be recorded";
     if (media_file_is_raw(*video.file)) {
         if (unit.bi_predicted) {
-            refuse(video, text);
+            refuse_order(video);
         }
         return;
     }
@@ -74,7 +107,7 @@ static void check_order(video_input &video, const AVPacket &packet, const access
     const std::optional<int64_t> decode_us = media_file_time_us(*video.file, packet.dts);
     if (display_us && decode_us && video.display_us && video.decode_us &&
         *display_us<*video.display_us && * decode_us> * video.decode_us) {
-        refuse(video, text);
+        refuse_order(video);
     }
     video.display_us = display_us;
     video.decode_us = decode_us;
@@ -94,15 +127,11 @@ static int64_t place_in_time(video_input &video, const AVPacket &packet)
     return std::max(*time_us, *video.last_us + SHORTEST_STEP_US);
 }
 
-static void judge(video_input &video, unit_verdict verdict, int64_t time_us)
+static void judge(video_input &video, unit_verdict verdict)
 {
-    const std::string where = " at " + clock_text(time_us - video.begin_us);
     switch (verdict) {
     case unit_verdict::partitioned:
         refuse(video, "uses data partitioning, which cannot be recorded");
-    case unit_verdict::sets_changed:
-        refuse(video, "changes its parameter sets" + where +
-                          "; a recording holds one kind of picture only");
     case unit_verdict::malformed:
         video.damaged++;
         break;
@@ -114,6 +143,36 @@ static void judge(video_input &video, unit_verdict verdict, int64_t time_us)
     case unit_verdict::empty:
         break;
     }
+}
+
+static void check_profile(const video_input &video)
+{
+    for (const parameter_set &set : video.converter.sets) {
+        const bool is_sequence = set.type == kSequenceSet && set.bytes.size() > 1;
+        const int profile = is_sequence ? set.bytes[1] : FF_PROFILE_H264_HIGH;
+        if (std::find(std::begin(kProfiles), std::end(kProfiles), profile) == std::end(kProfiles)) {
+            const char *const name = avcodec_profile_name(AV_CODEC_ID_H264, profile);
+            refuse(video,
+                   "is H.264 of the profile " + (name != nullptr ? name : std::to_string(profile)) +
+                       "; only Baseline, Main, Extended and High can be recorded, which have "
+                       "8-bit 4:2:0 pictures");
+        }
+    }
+}
+
+// With damaged sets in front of its first picture, no picture of the file could be shown.
+static bool can_begin(video_input &video, const access_unit &unit)
+{
+    if (!unit.idr) {
+        return false;
+    }
+    if (picture_decodes(unit.bytes)) {
+        return true;
+    }
+    video.undecoded++;
+    video.converter.sets = video.configured_sets;
+    video.converter.sent.clear();
+    return false;
 }
 
 static std::optional<video_unit> read_unit(video_input &video)
@@ -130,12 +189,12 @@ static std::optional<video_unit> read_unit(video_input &video)
         if (video.packets++ == 0) {
             video.begin_us = time_us;
         }
-        judge(video, verdict, time_us);
+        judge(video, verdict);
         if (verdict != unit_verdict::ready) {
             continue;
         }
         check_order(video, *packet, unit);
-        if (!video.begun && !unit.idr) {
+        if (!video.begun && !can_begin(video, unit)) {
             video.leading++;
             continue;
         }
@@ -143,6 +202,89 @@ static std::optional<video_unit> read_unit(video_input &video)
         return video_unit{std::move(unit), time_us};
     }
     return std::nullopt;
+}
+
+[[noreturn]] static void refuse_change(const video_input &video)
+{
+    refuse(video, "changes its parameter sets at " +
+                      clock_text(video.doubted.front().time_us - video.begin_us) +
+                      "; a recording holds one kind of picture only");
+}
+
+static void settle_doubt(video_input &video)
+{
+    video.damaged_sets++;
+    std::move(video.doubted.begin(), video.doubted.end(), std::back_inserter(video.ahead));
+    video.doubted.clear();
+}
+
+// As long as nothing was given out, the sets in front of the first picture, and of no other, may be
+// the damaged ones: then the picture can also be decoded with those that come later.
+static bool take_later_sets(video_input &video)
+{
+    const auto is_idr = [](const video_unit &one) { return one.unit.idr; };
+    const std::vector<uint8_t> sets = video.doubted.front().unit.other_sets;
+    if (video.given || std::count_if(video.ahead.begin(), video.ahead.end(), is_idr) != 1) {
+        return false;
+    }
+    access_unit first = video.ahead.front().unit;
+    access_unit_replace_sets(video.converter, first, sets);
+    if (!picture_decodes(first.bytes)) {
+        return false;
+    }
+    video.ahead.front().unit = std::move(first);
+    access_unit_replace_sets(video.converter, video.doubted.front().unit, sets);
+    access_unit_adopt_sets(video.converter, sets);
+    return true;
+}
+
+// Other parameter sets in front of one IDR picture are taken for damage, unless the picture cannot
+// be decoded without them; in front of two in turn, they are a change.
+static void judge_doubt(video_input &video, video_unit *next)
+{
+    const access_unit &first = video.doubted.front().unit;
+    const bool is_repeated = next != nullptr && next->unit.other_sets == first.other_sets;
+    if (is_repeated) {
+        access_unit second = next->unit;
+        access_unit_replace_sets(video.converter, second, first.other_sets);
+        if (!take_later_sets(video)) {
+            refuse_change(video);
+        }
+        next->unit = std::move(second);
+    } else if (next == nullptr && !picture_decodes(first.bytes)) {
+        refuse_change(video);
+    }
+    settle_doubt(video);
+}
+
+// Reads one unit. returns false when there is none: at the end, and where the clock waits.
+static bool read_more(video_input &video)
+{
+    std::optional<video_unit> unit;
+    try {
+        unit = read_unit(video);
+    } catch (const failure &broken) {
+        if (broken.code != exit_code::input || video.doubted.empty()) {
+            throw; // otherwise the next call does
+        }
+    }
+    if (!unit && video.file->clock.waits) {
+        return false;
+    }
+    const bool is_over = !unit || video.doubted.size() >= DOUBTED_UNITS_MAX;
+    if (!video.doubted.empty() && (is_over || unit->unit.idr)) {
+        judge_doubt(video, unit && unit->unit.idr ? &*unit : nullptr);
+    }
+    if (unit) {
+        const bool is_doubted = !video.doubted.empty() || !unit->unit.other_sets.empty();
+        (is_doubted ? video.doubted : video.ahead).push_back(std::move(*unit));
+    }
+    return unit.has_value();
+}
+
+unsigned video_input_damaged_sets(const video_input &video)
+{
+    return video.damaged_sets + video.converter.damaged_sets;
 }
 
 std::unique_ptr<video_input> video_input_open(const std::string &path,
@@ -166,31 +308,40 @@ std::unique_ptr<video_input> video_input_open(const std::string &path,
                                {codec.extradata, static_cast<size_t>(codec.extradata_size)})) {
         throw failure(exit_code::input, path + ": its H.264 configuration is damaged");
     }
+    video->configured_sets = video->converter.sets;
     video->file->clock.step_us = video_input_interval_us(*video);
     return video;
 }
 
 void video_input_read_ahead(video_input &video)
 {
-    while (video.ahead.size() < READ_AHEAD_UNITS) {
-        std::optional<video_unit> unit = read_unit(video);
-        if (!unit) {
-            break;
+    try {
+        while ((video.ahead.size() < READ_AHEAD_UNITS || !video.doubted.empty()) &&
+               read_more(video)) {
         }
-        video.ahead.push_back(std::move(*unit));
+    } catch (const failure &broken) {
+        if (broken.code != exit_code::input || !video.begun) {
+            throw; // otherwise the call for what comes after the last unit does
+        }
     }
     if (!video.begun) {
         refuse(video, video.lacked_sets
                           ? "holds no parameter sets (SPS and PPS), without which nothing can be "
                             "recorded"
+                      : video.undecoded > 0
+                          ? "holds no IDR picture that can be decoded"
                           : "holds no IDR picture, with which a recording has to begin");
     }
+    check_profile(video); // now that the sets of the first picture are known not to be damaged
 }
 
 std::optional<video_unit> video_input_next(video_input &video)
 {
+    video.given = true;
+    while (video.ahead.empty() && read_more(video)) {
+    }
     if (video.ahead.empty()) {
-        return read_unit(video);
+        return std::nullopt;
     }
     std::optional<video_unit> unit = std::move(video.ahead.front());
     video.ahead.pop_front();

@@ -19,15 +19,20 @@ struct video_unit {
 struct video_input {
     std::unique_ptr<media_file> file;
     access_unit_converter converter;
+    std::vector<parameter_set> configured_sets; // by the container
     AVRational frame_rate = {30, 1};
     std::optional<int64_t> last_us;               // the time given to the last packet
     std::optional<int64_t> display_us, decode_us; // time stamps of the last packet
     int64_t packets = 0;
     int64_t begin_us = 0; // of the file's first packet
     bool begun = false;   // the first IDR picture has been found
+    bool given = false;   // a unit has been given out
     bool lacked_sets = false;
     unsigned leading = 0; // access units in front of the first IDR picture
     unsigned damaged = 0;
+    unsigned undecoded = 0;         // IDR pictures in front of the first one that can be decoded
+    unsigned damaged_sets = 0;      // beside those that the converter has counted
+    std::deque<video_unit> doubted; // from an IDR picture with other parameter sets on
     std::deque<video_unit> ahead;
 };
 
@@ -43,6 +48,9 @@ void video_input_read_ahead(video_input &video);
 
 // The time between two pictures at the stream's nominal rate.
 int64_t video_input_interval_us(const video_input &video);
+
+// The parameter sets left out because they were damaged.
+unsigned video_input_damaged_sets(const video_input &video);
 
 // returns the next access unit, the first of them an IDR picture; nothing at the end, and where the
 // file's clock waits for the sound.

@@ -17,23 +17,29 @@ static const work_folder *folder_in_use; // under folder_lock
     throw failure(exit_code::output, what + ": " + std::strerror(errno));
 }
 
-static void remove_folder(const work_folder &folder)
+// The folder beside the output has the output's name and this behind it.
+static constexpr char kSuffix[] = ".part";
+
+// All that is ever in it: what the commands make, and the muxer's tables.
+static constexpr const char *kFileNames[] = {"stream.aac", "movie.mp4",  "page.html",
+                                             "a_stco.tmp", "a_stsz.tmp", "v_stco.tmp",
+                                             "v_stsz.tmp", "v_stss.tmp", "v_stts_dts.tmp"};
+
+static void remove_folder(int directory, const locked_folder &folder)
 {
-    if (folder.descriptor >= 0) {
-        remove_entries(folder.descriptor);
+    for (const char *const name : kFileNames) {
+        unlinkat(folder.descriptor, name, 0);
     }
-    if (!folder.name.empty()) {
-        unlinkat(folder.place->directory, folder.name.c_str(), AT_REMOVEDIR);
-    }
+    locked_folder_remove(directory, folder);
 }
 
 work_folder::~work_folder()
 {
     const std::lock_guard<std::mutex> guard(folder_lock);
     folder_in_use = nullptr;
-    remove_folder(*this);
-    if (descriptor >= 0) {
-        close(descriptor);
+    if (folder.descriptor >= 0) {
+        remove_folder(place->directory, folder);
+        close(folder.descriptor);
     }
 }
 
@@ -41,20 +47,27 @@ void work_folder_give_up(void)
 {
     folder_lock.lock(); // until the process is gone
     if (folder_in_use != nullptr) {
-        remove_folder(*folder_in_use);
+        remove_folder(folder_in_use->place->directory, folder_in_use->folder);
     }
 }
 
-static void make_folder(work_folder &folder)
+// What a killed command left can be made again from the same inputs.
+static void remove_left(const output_place &place)
+{
+    for (const std::string &name : locked_folder_names(place.directory, place.name, kSuffix)) {
+        found_folder found;
+        if (locked_folder_find(found, place.directory, name) && found.state == folder_state::left) {
+            remove_folder(place.directory, found.folder);
+        }
+    }
+}
+
+static void make_folder(work_folder &work)
 {
     const std::lock_guard<std::mutex> guard(folder_lock);
-    const int directory = folder.place->directory;
-    folder.name = make_hidden_folder(directory);
-    folder.descriptor = openat(directory, folder.name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (folder.descriptor < 0) {
-        fail(folder.name);
-    }
-    folder_in_use = &folder;
+    remove_left(*work.place);
+    work.folder = locked_folder_make(work.place->directory, work.place->name, kSuffix);
+    folder_in_use = &work;
 }
 
 std::unique_ptr<work_folder> work_folder_make(const std::string &output, bool force)
@@ -67,12 +80,12 @@ std::unique_ptr<work_folder> work_folder_make(const std::string &output, bool fo
 
 std::string work_folder_path(const work_folder &folder, const std::string &name)
 {
-    return "/proc/self/fd/" + std::to_string(folder.descriptor) + "/" + name;
+    return "/proc/self/fd/" + std::to_string(folder.folder.descriptor) + "/" + name;
 }
 
 void work_folder_publish(const work_folder &folder, const std::string &name)
 {
-    if (!output_place_take(*folder.place, folder.descriptor, name)) {
+    if (!output_place_take(*folder.place, folder.folder.descriptor, name)) {
         fail(folder.place->name);
     }
 }

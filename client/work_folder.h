@@ -1,7 +1,8 @@
-// A hidden folder beside the output for what is under way; it and all in it go with the record.
+// A folder beside the output for what is under way; it and all in it go with the record.
 #ifndef CLIENT_WORK_FOLDER_H
 #define CLIENT_WORK_FOLDER_H
 
+#include "client/locked_folder.h"
 #include "client/output_place.h"
 
 #include <cstdint>
@@ -12,8 +13,7 @@
 
 struct work_folder {
     std::unique_ptr<output_place> place;
-    int descriptor = -1;
-    std::string name; // in the place's directory
+    locked_folder folder;
 
     work_folder() = default;
     work_folder(const work_folder &) = delete;

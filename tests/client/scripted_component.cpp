@@ -1,8 +1,8 @@
 // A component in place of the recorder. It takes every buffer, writes one line about each call that
 // matters to the file SCRIPT_LOG, and ends the recording with SCRIPT_REASON after SCRIPT_BUFFERS
-// buffers, or when asked. SCRIPT_FILE names the file that it leaves as its recording. SCRIPT_FAIL
-// names the call that fails: init, start, empty, later (the 30th buffer). The 20th buffer comes
-// back SCRIPT_STALL ms late.
+// buffers, or when asked. SCRIPT_FILE names the file that is its recording from the start.
+// SCRIPT_FAIL names the call that fails: init, start, empty, later (the 30th buffer); with stop,
+// the end is never reported. The 20th buffer comes back SCRIPT_STALL ms late.
 #include "platform/omx_il.h"
 
 #include <chrono>
@@ -66,13 +66,13 @@ static OMX_ERRORTYPE set_parameter(OMX_HANDLETYPE component, OMX_INDEXTYPE index
     } else if (number == 0x7F00002D) {
         note("start");
         recording = true;
-        return script("SCRIPT_FAIL") == "start" ? OMX_ErrorUndefined : OMX_ErrorNone;
-    } else if (number == 0x7F00002E) {
-        note("stop");
         if (!script("SCRIPT_FILE").empty()) {
             std::filesystem::copy_file(script("SCRIPT_FILE"), record_path);
         }
-        if (recording) {
+        return script("SCRIPT_FAIL") == "start" ? OMX_ErrorUndefined : OMX_ErrorNone;
+    } else if (number == 0x7F00002E) {
+        note("stop");
+        if (recording && script("SCRIPT_FAIL") != "stop") {
             end_recording(component, 1);
         }
     }

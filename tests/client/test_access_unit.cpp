@@ -90,8 +90,7 @@ TEST(access_unit, converts_start_codes_and_tells_what_cannot_be_recorded)
                        {units({IDR}, {0, 0, 1}), ready, whole},
                        {units({SPS, SPS, PPS, PPS, PPS, IDR}), ready, whole},
                        {units({SPS, P_SLICE}), ready, units({P_SLICE})},
-                       {units({{0x62, 0x88, 0x84}}), partitioned},
-                       {units({{0x68, 0xCA, 0x88}, IDR}), sets_changed}});
+                       {units({{0x62, 0x88, 0x84}}), partitioned}});
     expect_stream({}, {{units({IDR}), no_sets},
                        {units({SPS, IDR}), no_sets},
                        {units({PPS, DELIMITER}), empty},
@@ -99,6 +98,30 @@ TEST(access_unit, converts_start_codes_and_tells_what_cannot_be_recorded)
     // Without its first slice a picture is not whole.
     expect_stream(units({PPS, SECOND_PPS, SPS}, {0, 0, 1}),
                   {{units({IDR, SECOND_SLICE}), ready, both}, {units({SECOND_SLICE}), malformed}});
+}
+
+TEST(access_unit, keeps_the_first_sets_and_says_which_others_the_stream_has)
+{
+    const bytes whole = units({SPS, PPS, IDR}), other = {0x68, 0xCA, 0x88}, none;
+    const struct {
+        bytes packet, others;
+        unsigned damaged;
+    } steps[] = {{whole, none, 0},
+                 {units({other, IDR}), units({SPS, other}), 0},
+                 {units({IDR}), units({SPS, other}), 0}, // repeated or not, it is what is there
+                 {whole, none, 0},
+                 {units({SECOND_PPS, IDR}), units({SPS, PPS, SECOND_PPS}), 0},
+                 {units({IDR}), none, 0}, // not repeated, it was none of the stream's
+                 {units({{0x67, 0x42, 0xC0}, IDR}), none, 1}, // without its identifier
+                 {units({bytes{0x68}, IDR}), none, 2}};
+    access_unit_converter converter;
+    access_unit unit;
+    for (const auto &[packet, others, damaged] : steps) {
+        ASSERT_EQ(access_unit_convert(converter, packet, unit), ready);
+        EXPECT_EQ(unit.bytes, whole);
+        EXPECT_EQ(unit.other_sets, others);
+        EXPECT_EQ(converter.damaged_sets, damaged);
+    }
 }
 
 TEST(access_unit, takes_lengths_of_every_size_with_the_containers_sets)
@@ -118,8 +141,6 @@ TEST(access_unit, rejects_damage)
                  {{}, units({{0xE5, 0x88, 0x84}})}, // forbidden_zero_bit
                  {{}, units({bytes{0x65}})},        // no slice header
                  {{}, units({{0x65, 0x00, 0x00}})}, // a slice header that does not end
-                 {{}, units({{0x67, 0x42, 0xC0}})}, // a set without its identifier
-                 {{}, units({bytes{0x68}})},        // the same of a picture set
                  {avcc(4), {0, 0, 0, 5, 0x65, 0x88, 0x84, 0x21}}, // ends before its length says
                  {avcc(4), {0, 0, 0}},                            // ends within a length
                  {avcc(4), {0xFF, 0xFF, 0xFF, 0xFF, 0x65, 0x88}}, // a length near 2^32

@@ -12,7 +12,9 @@ TEST_F(refusals, name_the_mistake_and_touch_nothing)
               "make $x264 -bf 2 b.mp4 && make -an $x264 -bf 2 b.h264 && make -c:v mpeg4 m.mkv && "
               "make -an $x264 -bsf:v filter_units=remove_types=7 s.h264 && "
               "make -an $x264 -bsf:v filter_units=remove_types=5 i.h264 && "
-              "make -vn -ar 96000 fast.wav && make -vn -ac 6 six.wav");
+              "make -an $x264 -pix_fmt yuv420p10le ten.h264 && "
+              "make $x264 -pix_fmt yuv444p four.mkv && make -vn -ar 96000 fast.wav && make -vn -ac "
+              "6 six.wav");
     if (made.status != 0) {
         GTEST_SKIP() << "no ffmpeg that makes the inputs: " << made.err;
     }
@@ -23,6 +25,7 @@ TEST_F(refusals, name_the_mistake_and_touch_nothing)
         const char *sentence;
     } cases[] = {
         {"", 2, "A subcommand is required"},
+        {"recrod x", 2, "there is no command \"recrod\"; the commands are record, encode, mux, info"},
         {"record", 2, "--output is required"},
         {"record -o x", 2, "name one INPUT"},
         {"record -o x --frame-rate many " SAMPLE, 2, "1 to 240, not \"many\""},
@@ -35,6 +38,9 @@ TEST_F(refusals, name_the_mistake_and_touch_nothing)
         {"record -o programme.wav -f " SAMPLE, 5, "is an input"},
         {"record -o x b.mp4", 4, "b.mp4: its pictures are not in display order"},
         {"record -o x --video b.h264 --audio programme.wav", 4, "b.h264: its pictures are not in"},
+        {"record -o x --video ten.h264 --audio programme.wav", 4, "H.264 of the profile High 10; "},
+        {"record -o x four.mkv", 4, "H.264 of the profile High 4:4:4 Predictive; only Baseline, "},
+        {"mux -o x --video four.mkv", 4, "four.mkv: is H.264 of the profile High 4:4:4"},
         {"record -o x m.mkv", 4, "m.mkv: its video is mpeg4"},
         {"record -o x --video s.h264 --audio programme.wav", 4, "s.h264: holds no parameter sets"},
         {"record -o x --video i.h264 --audio programme.wav", 4, "i.h264: holds no IDR picture"},
@@ -69,4 +75,13 @@ TEST_F(refusals, name_the_mistake_and_touch_nothing)
         EXPECT_EQ(names(), before) << line;
     }
     EXPECT_EQ(std::filesystem::file_size(directory / "kept.mp4"), 4u);
+    // What the refusals tell to do helps.
+    for (const char *const input : {"b.mp4", "four.mkv"}) {
+        const command_result helped =
+            shell("cp " + std::string(input) +
+                  " \"it's\"; " TDMBREC "record -o x \"it's\" 2>&1 | "
+                  "sed -n 's/.*without: ffmpeg/ffmpeg -nostdin -v error -y/p' > line; . ./line "
+                  "&& " TDMBREC "record -f -o x new.mkv");
+        EXPECT_TRUE(helped.status == 0 && contains(helped.out, "25 frames")) << helped.err;
+    }
 }

@@ -1,0 +1,162 @@
+#include "client/file_end.h"
+
+#include <algorithm>
+#include <array>
+#include <bit>
+#include <cstring>
+#include <optional>
+#include <span>
+#include <unistd.h>
+
+static bool read_at(int file, int64_t position, std::span<uint8_t> bytes)
+{
+    return pread(file, bytes.data(), bytes.size(), position) == static_cast<ssize_t>(bytes.size());
+}
+
+// RIFF: chunks of a name, a size (little-endian) and data, up to the chunk with the sound.
+static bool is_cut_wave(int file, int64_t size)
+{
+    static constexpr int kChunksMax = 1000;
+    static constexpr uint32_t kSizeUnknown = 0x7FFF0000; // and more, from writers that cannot seek
+    int64_t position = 12;                               // after "RIFF", its size and "WAVE"
+    std::array<uint8_t, 8> head = {};
+    for (int i = 0; i < kChunksMax && read_at(file, position, head); i++) {
+        const uint32_t chunk_bytes =
+            head[4] | uint32_t{head[5]} << 8 | uint32_t{head[6]} << 16 | uint32_t{head[7]} << 24;
+        position += int64_t{8} + chunk_bytes;
+        if (std::memcmp(head.data(), "data", 4) == 0) {
+            return chunk_bytes < kSizeUnknown && position > size;
+        }
+        position += chunk_bytes & 1;
+    }
+    return false;
+}
+
+// An EBML element, RFC 8794: identifier and size tell by their leading zeros how long they are.
+struct element {
+    uint64_t id = 0;
+    uint64_t size = 0;
+    int64_t begin = 0; // of its data
+    bool has_size = true;
+};
+
+static uint64_t take_number(const uint8_t *bytes, unsigned width)
+{
+    uint64_t number = 0;
+    for (unsigned i = 0; i < width; i++) {
+        number = number << 8 | bytes[i];
+    }
+    return number;
+}
+
+// in: as many of the twelve bytes at most that a head has as there are. returns nothing for what is
+// no head, and with a begin after those bytes for one that is cut.
+static std::optional<element> read_element(std::span<const uint8_t> head, int64_t position)
+{
+    const unsigned id_bytes = static_cast<unsigned>(std::countl_zero(head[0])) + 1;
+    if (id_bytes > 4) {
+        return std::nullopt;
+    }
+    element found = {.begin = position + id_bytes + 1};
+    if (head.size() <= id_bytes) {
+        return found;
+    }
+    const unsigned size_bytes = static_cast<unsigned>(std::countl_zero(head[id_bytes])) + 1;
+    if (size_bytes > 8) {
+        return std::nullopt;
+    }
+    found.begin = position + id_bytes + size_bytes;
+    if (head.size() >= id_bytes + size_bytes) {
+        const uint64_t mask = (uint64_t{1} << 7 * size_bytes) - 1;
+        found.id = take_number(head.data(), id_bytes);
+        found.size = take_number(&head[id_bytes], size_bytes) & mask;
+        found.has_size = found.size != mask; // of all ones: up to the next element of its level
+    }
+    return found;
+}
+
+static bool is_cut_matroska(int file, int64_t size)
+{
+    std::array<uint8_t, 12> head = {};
+    int64_t position = 0;
+    while (position < size) {
+        const size_t head_bytes =
+            static_cast<size_t>(std::min<int64_t>(head.size(), size - position));
+        const std::span<uint8_t> bytes(head.data(), head_bytes);
+        const std::optional<element> found =
+            read_at(file, position, bytes) ? read_element(bytes, position) : std::nullopt;
+        if (!found) {
+            return false; // damage, which is another matter
+        }
+        if (found->begin > size ||
+            (found->has_size && found->size > static_cast<uint64_t>(size - found->begin))) {
+            return true;
+        }
+        position = found->begin + (found->has_size ? static_cast<int64_t>(found->size) : 0);
+    }
+    return false;
+}
+
+// Transport packets of 188 bytes, as they are, or after four bytes of time, or before a check.
+static constexpr size_t kPacketBytes = 188, kTimedBytes = 192, kCheckedBytes = 204;
+static constexpr uint8_t kSync = 0x47;
+static constexpr size_t kPacketsTried = 8;
+
+// Whether packets of that stride end so many bytes in front of the end.
+static bool has_packets(std::span<const uint8_t> tail, size_t stride, size_t rest)
+{
+    for (size_t i = 0; i < kPacketsTried; i++) {
+        const size_t behind = rest + kPacketBytes + i * stride;
+        if (behind > tail.size() || tail[tail.size() - behind] != kSync) {
+            return false;
+        }
+    }
+    return true;
+}
+
+struct packet_row {
+    size_t stride;
+    size_t rest; // after the last packet
+};
+
+static std::optional<packet_row> find_packets(int file, int64_t size)
+{
+    std::array<uint8_t, (kPacketsTried + 1) *kCheckedBytes> block = {};
+    const std::span<uint8_t> tail(block.data(), std::min(block.size(), static_cast<size_t>(size)));
+    if (!read_at(file, size - static_cast<int64_t>(tail.size()), tail)) {
+        return std::nullopt;
+    }
+    for (const size_t stride : {kPacketBytes, kTimedBytes, kCheckedBytes}) {
+        for (size_t rest = 0; rest < stride; rest++) {
+            if (has_packets(tail, stride, rest)) {
+                return packet_row{stride, rest};
+            }
+        }
+    }
+    return std::nullopt;
+}
+
+// A broadcast that was taken down ends anywhere, but not within a packet.
+static bool is_cut_transport_stream(int file, int64_t size)
+{
+    const std::optional<packet_row> row = find_packets(file, size);
+    if (!row) {
+        return false; // damage, which is another matter
+    }
+    const size_t whole_rest = row->stride == kCheckedBytes ? kCheckedBytes - kPacketBytes : 0;
+    return row->rest != 0 && row->rest != whole_rest;
+}
+
+std::string file_cut_text(const char *format, int file, int64_t size)
+{
+    if (std::strcmp(format, "wav") == 0) {
+        return is_cut_wave(file, size) ? "the file is shorter than its header says" : "";
+    }
+    if (std::strcmp(format, "matroska,webm") == 0) {
+        return is_cut_matroska(file, size) ? "the file is shorter than its elements say" : "";
+    }
+    if (std::strcmp(format, "mpegts") == 0) {
+        return is_cut_transport_stream(file, size) ? "its last packet is not whole" : "";
+    }
+    return "";
+}

@@ -1,0 +1,143 @@
+#include "client/locked_folder.h"
+
+#include "client/failure.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+static constexpr size_t kNameBytesMax = 255;
+static constexpr int kFoldersMax = 999; // of one output
+static constexpr size_t kNumberBytes = 4;
+
+static bool starts_inside_character(const std::string &text, size_t at)
+{
+    return at < text.size() && (static_cast<unsigned char>(text[at]) & 0xC0u) == 0x80u;
+}
+
+// The output's name as far as it fits, cut between two characters of UTF-8.
+static std::string first_name(const std::string &output_name, const std::string &suffix)
+{
+    size_t size = std::min(output_name.size(), kNameBytesMax - kNumberBytes - suffix.size());
+    while (size > 0 && starts_inside_character(output_name, size)) {
+        size--;
+    }
+    return output_name.substr(0, size) + suffix;
+}
+
+static int open_folder(int directory, const std::string &name)
+{
+    return openat(directory, name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+}
+
+static bool has_name(int folder, int directory, const std::string &name)
+{
+    struct stat opened = {};
+    struct stat named = {};
+    return fstat(folder, &opened) == 0 && fstatat(directory, name.c_str(), &named, 0) == 0 &&
+           opened.st_dev == named.st_dev && opened.st_ino == named.st_ino;
+}
+
+// Locks a folder that was just made. returns false when another process has taken it for one that
+// was left, and has removed it.
+static bool lock_new(int directory, locked_folder &folder)
+{
+    folder.descriptor = open_folder(directory, folder.name);
+    if (folder.descriptor < 0) {
+        return false;
+    }
+    while (flock(folder.descriptor, LOCK_EX) != 0 && errno == EINTR) {
+    }
+    if (has_name(folder.descriptor, directory, folder.name)) {
+        return true;
+    }
+    close(folder.descriptor);
+    folder.descriptor = -1;
+    return false;
+}
+
+static void refuse_in_use(int directory, const std::string &output_name, const std::string &name)
+{
+    found_folder found;
+    if (locked_folder_find(found, directory, name) && found.state == folder_state::in_use) {
+        throw failure(exit_code::output, output_name + ": another command is making it, in the " +
+                                             "folder " + name + " beside it");
+    }
+}
+
+locked_folder locked_folder_make(int directory, const std::string &output_name,
+                                 const std::string &suffix)
+{
+    const std::string stem = first_name(output_name, suffix);
+    locked_folder folder = {.name = stem};
+    int number = 1;
+    for (int attempt = 0; attempt < 2 * kFoldersMax && number <= kFoldersMax; attempt++) {
+        if (mkdirat(directory, folder.name.c_str(), 0700) == 0) {
+            if (lock_new(directory, folder)) {
+                return folder;
+            }
+        } else if (errno == EEXIST) {
+            refuse_in_use(directory, output_name, folder.name);
+            folder.name = stem + "-" + std::to_string(++number);
+        } else {
+            break;
+        }
+    }
+    throw failure(exit_code::output, "no folder " + folder.name +
+                                         " can be made beside the output: " + std::strerror(errno));
+}
+
+void locked_folder_remove(int directory, const locked_folder &folder)
+{
+    if (has_name(folder.descriptor, directory, folder.name)) {
+        unlinkat(directory, folder.name.c_str(), AT_REMOVEDIR);
+    }
+}
+
+std::vector<std::string> locked_folder_names(int directory, const std::string &output_name,
+                                             const std::string &suffix)
+{
+    const std::string stem = first_name(output_name, suffix);
+    std::vector<std::string> names;
+    const int listed = open_folder(directory, ".");
+    DIR *const entries = listed >= 0 ? fdopendir(listed) : nullptr;
+    while (const dirent *const entry = entries != nullptr ? readdir(entries) : nullptr) {
+        const std::string name = entry->d_name;
+        const std::string rest = name.starts_with(stem) ? name.substr(stem.size()) : "no";
+        const bool is_numbered = rest.size() > 1 && rest[0] == '-' &&
+                                 rest.find_first_not_of("0123456789", 1) == std::string::npos;
+        if (rest.empty() || is_numbered) {
+            names.push_back(name);
+        }
+    }
+    if (entries != nullptr) {
+        closedir(entries);
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+found_folder::~found_folder()
+{
+    if (folder.descriptor >= 0) {
+        close(folder.descriptor);
+    }
+}
+
+bool locked_folder_find(found_folder &found, int directory, const std::string &name)
+{
+    found.folder = {open_folder(directory, name), name};
+    if (found.folder.descriptor < 0) {
+        return false;
+    }
+    const bool is_locked = flock(found.folder.descriptor, LOCK_EX | LOCK_NB) == 0;
+    found.state = is_locked              ? folder_state::left
+                  : errno == EWOULDBLOCK ? folder_state::in_use
+                                         : folder_state::unlockable;
+    return true;
+}

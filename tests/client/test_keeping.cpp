@@ -1,0 +1,157 @@
+// What was recorded outlives whatever ends the recording: faults are put under the running command.
+#include "tests/client/command_test.h"
+
+#include <nlohmann/json.hpp>
+
+namespace fs = std::filesystem;
+
+#define RECORD TDMBREC "record "
+#define SCRIPTED "TDMBREC_COMPONENT_PATH=" SCRIPTED_COMPONENT
+#define FOLDER "b.mp4.recording"
+#define LEFT FOLDER "/recording.mp4"
+#define SLOW "--realtime --frame-rate 10 --video $IN/noise.h264 --audio $IN/programme.wav -o b.mp4 "
+
+// Runs the command in the background, and waits until the component has written media data.
+#define UNDER_WAY                                                                                  \
+    RECORD SLOW "& p=$!; until [ -s " LEFT " ]; do kill -0 $p || break; sleep 0.05; done; "
+
+class keeping : public command {
+  protected:
+    // In the directory: the sample recorded as whole, and as torn without its movie box.
+    void record_whole()
+    {
+        const command_result made =
+            shell(RECORD SAMPLE "-o whole && sed s/moov/xxxx/ whole > torn");
+        if (made.status != 0) {
+            GTEST_SKIP() << "no storage: " << made.err;
+        }
+    }
+
+    // Half a minute of pictures that fill the component's cache within a second.
+    void make_noise()
+    {
+        const command_result made = ffmpeg(
+            "-f rawvideo -video_size 320x240 -framerate 10 -t 30 -i /dev/urandom -c:v libx264 "
+            "-preset ultrafast -bf 0 -qp 22 noise.h264");
+        if (made.status != 0 || shell("unshare -rm true").status != 0) {
+            GTEST_SKIP() << "no ffmpeg that makes the pictures, or no namespaces: " << made.err;
+        }
+    }
+};
+
+TEST_F(keeping, names_the_file_beside_what_went_wrong_and_a_whole_one_takes_its_place)
+{
+    record_whole();
+    const struct {
+        const char *file, *environment;
+        int status;
+        const char *fault;
+    } cases[] = {
+        {"torn", "", 8, "tdmbrec: the recorder component could not finish the file\n"},
+        {"torn", "SCRIPT_FAIL=later", 8, "refuses a buffer (0x80001001)\n"},
+        {"torn", "SCRIPT_BUFFERS=20 SCRIPT_REASON=5", 8, "tdmbrec: writing the file failed\n"},
+        {"torn", "SCRIPT_BUFFERS=20 SCRIPT_REASON=7", 8, "the component was destroyed\n"},
+        {"torn", "SCRIPT_FAIL=stop TDMBREC_PATIENCE=1", 8, "does not finish the file ("},
+        {"torn", "SCRIPT_STALL=99999999 TDMBREC_PATIENCE=1", 8, " buffers (0x80001011)\n"},
+        {"whole", "SCRIPT_FAIL=stop TDMBREC_PATIENCE=1", 8, "does not finish the file ("},
+        {"empty", "SCRIPT_BUFFERS=20 SCRIPT_REASON=4", 14, "the file could not be begun\n"},
+        {"no_stsz", "", 8, "no picture: track 1: table stsz is missing\n"},
+        {"no_stts", "", 0, "may not play everywhere: track 1: table stts is missing"},
+        {"whole", "SCRIPT_FAIL=later", 7, "refuses a buffer (0x80001001)\n"},
+        {"whole", "SCRIPT_BUFFERS=20 SCRIPT_REASON=5", 15, "tdmbrec: writing the file failed\n"},
+    };
+    shell("sed s/stsz/xxxx/ whole > no_stsz; sed s/stts/xxxx/ whole > no_stts; "
+          "head -c 36 whole > empty");
+    for (const auto &[file, environment, status, fault] : cases) {
+        SCOPED_TRACE(std::string(file) + " " + environment);
+        const std::string setting = SCRIPTED " SCRIPT_FILE=" + std::string(file) + " ";
+        const command_result result =
+            shell("rm -rf b.mp4*; " + setting + environment + " " RECORD SAMPLE "-o b.mp4 --json");
+        EXPECT_EQ(result.status, status);
+        EXPECT_TRUE(contains(result.err, fault)) << result.err;
+        const bool is_kept = status == 8;
+        EXPECT_EQ(contains(result.err, ") stays as " LEFT), is_kept) << result.err;
+        EXPECT_EQ(contains(result.out, "\"kept\": \"" LEFT "\""), is_kept) << result.out;
+        EXPECT_EQ(contains(result.out, "\"output\": null"), is_kept || status == 14) << result.out;
+        const std::string place = is_kept ? LEFT : "b.mp4";
+        EXPECT_EQ(shell("cmp " + std::string(file) + " " + place).status == 0, status != 14);
+        EXPECT_EQ(names().count(FOLDER), is_kept ? 1u : 0u);
+    }
+}
+
+TEST_F(keeping, survives_what_happens_to_the_storage)
+{
+    make_noise();
+    const struct {
+        const char *size; // of the file system
+        const char *script;
+        int status;
+        const char *sentence;
+        bool is_left; // the file with media data, in the folder
+    } cases[] = {
+        {"120m", UNDER_WAY "kill -9 $p; wait $p", 137, "", true},
+        {"120m",
+         UNDER_WAY "kill -STOP $p; kill -TERM $p; kill -HUP $p; "
+                   "kill -CONT $p; wait $p; [ $? -gt 128 ]",
+         0, "tdmbrec: given up; ", true},
+        {"120m", UNDER_WAY "rm " LEFT "; wait $p", 5, LEFT " was deleted or moved\n", false},
+        {"120m", UNDER_WAY "rm -r " FOLDER "; wait $p", 5,
+         "tdmbrec: the recording is gone: the folder " FOLDER " was deleted\n", false},
+        {"120m", UNDER_WAY "echo > b.mp4; kill -TERM $p; wait $p", 8,
+         "cannot take the name b.mp4: File exists\ntdmbrec: the finished file (", true},
+        {"120m", "ulimit -f 4000; " RECORD SLOW "--json", 8,
+         "failed: it has reached the shell's limit for files (ulimit -f)\n", true},
+        // All space is gone before the component looks at it again.
+        {"65m", UNDER_WAY "kill -STOP $p; cat /dev/zero > full; kill -CONT $p; wait $p", 8,
+         "the free space is used up (the recorder leaves 52.4 MB)\ntdmbrec: what was recorded (",
+         true},
+        // In use it cannot be unmounted; taken out of sight, it is finished all the same.
+        {"120m", UNDER_WAY "cd ..; umount d; umount -l d; kill -TERM $p; wait $p", 5,
+         "d: target is busy.\ntdmbrec: b.mp4 is finished, but its directory was moved, or its "
+         "storage unmounted\n",
+         false},
+        {"120m", UNDER_WAY "nsenter -t $p -m mount -o remount,bind,ro $PWD; kill -TERM $p; wait $p",
+         8, "cannot take the name b.mp4: Read-only file system\ntdmbrec: the finished file (",
+         true},
+    };
+    for (const auto &[size, script, status, sentence, is_left] : cases) {
+        SCOPED_TRACE(script);
+        const command_result result =
+            shell("mkdir -p d; export IN=$PWD; unshare -rm sh -c 'mount --make-rshared / && "
+                  "mount -t tmpfs -o size=" +
+                  std::string(size) + " none d && cd d || exit; " + script +
+                  "; s=$?; [ -s " LEFT " ]; echo $?; exit $s'");
+        EXPECT_EQ(result.status, status);
+        EXPECT_TRUE(contains(result.err, sentence)) << result.err;
+        EXPECT_TRUE(result.out.ends_with(is_left ? "0\n" : "1\n")) << result.out;
+    }
+}
+
+TEST_F(keeping, tells_of_what_was_left_and_of_what_is_under_way)
+{
+    make_noise();
+    setenv("IN", ".", 1);
+    const std::string now = "tdmbrec: b.mp4: is being recorded now, as " LEFT;
+    const std::string left = "b.mp4: an earlier recording was not finished; what was recorded (";
+    const command_result live =
+        shell(UNDER_WAY RECORD SAMPLE "-f -o b.mp4; s=$?; " TDMBREC "info b.mp4; kill -9 $p; "
+                                      "exit $s");
+    EXPECT_EQ(live.status, 5);
+    EXPECT_TRUE(contains(live.err, now + "\ntdmbrec: ")) << live.err;
+    const std::string before = shell("cksum " LEFT).out;
+    const command_result info = shell(TDMBREC "info b.mp4");
+    EXPECT_EQ(info.status, 3);
+    EXPECT_TRUE(contains(info.err, "tdmbrec: note: " + left)) << info.err;
+    // Another recording to the same output has a folder of its own.
+    const command_result next = shell(RECORD SAMPLE "-o b.mp4");
+    EXPECT_EQ(next.status, 0);
+    EXPECT_TRUE(contains(next.err, "tdmbrec: warning: " + left)) << next.err;
+    EXPECT_EQ(shell("cksum " LEFT).out, before);
+    EXPECT_EQ(shell("ulimit -f 900; " RECORD SAMPLE "-f -o b.mp4").status, 8);
+    EXPECT_TRUE(fs::exists(directory / FOLDER "-2/recording.mp4"));
+    // A file that ended before its media data is not worth keeping, another's file is.
+    shell("head -c 36 b.mp4 > " FOLDER "-2/recording.mp4; mkdir " FOLDER "-3 " FOLDER "-4; "
+          "echo > " FOLDER "-4/mine; " RECORD SAMPLE "-f -o b.mp4");
+    EXPECT_EQ(names(), (name_set{"b.mp4", FOLDER, FOLDER "-4", "noise.h264", "programme.h264",
+                                 "programme.wav"}));
+}
