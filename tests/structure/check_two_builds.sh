@@ -43,7 +43,7 @@ for file in "$library" "$stand_in"; do
 done
 
 # A device's library, which has no name of its own, and defines what the stand-in does.
-mkdir "$place/device"
+mkdir -p "$place/device/platform"
 nm -D --defined-only "$one/$stand_in" | sed -n 's/.* T \(.*\)/void \1(void) {}/p' > "$place/device.c"
 "$compiler" -shared -fPIC -x c "$place/device.c" -o "$place/device/libdevice.so"
 configure "$two" -D "TDMBREC_PLATFORM_LIBRARIES=$place/device/libdevice.so"
@@ -51,4 +51,7 @@ build "$two"
 needed=$(readelf -d "$two/$library" | grep -E 'NEEDED|RPATH|RUNPATH')
 ! echo "$needed" | grep -qE 'platform_host|RPATH|RUNPATH' || fail "$needed"
 echo "$needed" | grep -qF '[libdevice.so]' || fail "$needed"
+echo '#error "the header of the device"' > "$place/device/platform/storage_info.h"
+configure "$two" -D "TDMBREC_PLATFORM_INCLUDE=$place/device"
+(build "$two") | grep -q 'error.*the header of the device' || fail 'not the header of the device'
 ! "$cmake" --build "$two/out" --target platform_host > /dev/null 2>&1 || fail 'the stand-in is left'
