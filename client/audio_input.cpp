@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <array>
-#include <utility>
 
 extern "C" {
 #include <libswresample/swresample.h>
@@ -17,12 +16,9 @@ static constexpr int DEFAULT_RATE = 48000;
 static constexpr size_t CHANNELS = 2;
 
 // Time stamps of sound that stray no further than this from the running count of samples are taken
-// as rounding: a lost frame strays further.
-static constexpr int64_t DRIFT_TOLERANCE_US = 20'000;
-
-// So many frames after a jump of the clock are brought to their places exactly: some decoders give
-// a frame only when the next one has come.
-static constexpr unsigned EXACT_FRAMES = 3;
+// as rounding. A lost frame strays further; from one end of the range to the other it is no
+// picture.
+static constexpr int64_t DRIFT_TOLERANCE_US = 15'000;
 
 void resampler_deleter::operator()(SwrContext *resampler) const
 {
@@ -127,9 +123,6 @@ static int64_t place_frame(audio_input &audio)
     const int64_t time_us =
         media_file_time_us(file, frame.best_effort_timestamp).value_or(audio.end_us);
     audio.end_us = time_us + av_rescale(frame.nb_samples, 1'000'000, frame.sample_rate);
-    if (std::exchange(audio.offset_us, file.clock.offset_us) != file.clock.offset_us) {
-        audio.exact_due = EXACT_FRAMES;
-    }
     return time_us;
 }
 
@@ -153,9 +146,7 @@ static bool extend_queue(audio_input &audio)
         return false;
     }
     if (decode_frame(audio)) {
-        const int64_t time_us = place_frame(audio);
-        settle_frame(audio, time_us, audio.exact_due > 0 ? 0 : DRIFT_TOLERANCE_US);
-        audio.exact_due -= audio.exact_due > 0 ? 1 : 0;
+        settle_frame(audio, place_frame(audio), DRIFT_TOLERANCE_US);
     } else if (audio.decoder->file->clock.waits) {
         audio.silence_due = AUDIO_BLOCK_SAMPLES;
         audio.placed += audio.silence_due;

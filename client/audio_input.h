@@ -25,8 +25,6 @@ struct audio_input {
     frame_ptr held;          // decoded, not yet in the queue
     int rate = 0;            // of the PCM
     int64_t end_us = 0;      // of the held frame
-    int64_t offset_us = 0;   // of the file's clock, when the last frame was placed
-    unsigned exact_due = 0;  // frames to bring to their places exactly
     int64_t begin_us = 0;    // of the file's first frame
     int64_t origin_us = 0;   // the moment of the first sample that is given out
     int64_t placed = 0;      // samples queued since the origin, silence that is due included
