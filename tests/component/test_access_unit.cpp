@@ -72,7 +72,7 @@ static Bytes plain_rewrite(const Bytes &data, const std::vector<nal_unit_t> &uni
         if (unit.uiEnd > unit.uiStart) {
             out.insert(out.end(), {0, 0, 0, 1});
             out.back() = lengths ? static_cast<uint8_t>(unit.uiEnd - unit.uiStart) : uint8_t{1};
-            out.insert(out.end(), data.begin() + unit.uiStart, data.begin() + unit.uiEnd);
+            out.insert(out.end(), &data[unit.uiStart], &data[unit.uiEnd - 1] + 1);
         }
     }
     return out;

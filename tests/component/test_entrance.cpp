@@ -74,6 +74,7 @@ static const std::vector<Row> kRows = {
     {"none can begin but an IDR",     "40SP 80E 80N 120A 160I 200A",      "SP", "0I*"},
     {"the SPS again before an IDR",   "40S 40P 80N 120P 120N 160S 160P 160N 200I", "SP", "0N 40I*"},
     {"a clock that jumps back",       "4000S 3000P 2000I 2040N",          "SP", "0I* 40N"},
+    {"at once behind the time base",  "-20SPI 20SPI",                     "SP", "0I*"},
     {"never both",                    "40S 80I 120S 160N",                "",   ""},
     {"no picture",                    "40S 80P",                          "",   ""},
     // Sound.
