@@ -161,13 +161,17 @@ static std::string pictures_of(const Bytes &image, const mp4_reader::track &trac
 {
     std::string text;
     for (const mp4_reader::sample &sample : track.samples) {
-        text += (text.empty() ? "" : " ") + std::to_string(sample.time / 90);
+        text += text.empty() ? "" : " ";
+        text += std::to_string(sample.time / 90);
         const uint8_t *data = image.data() + sample.offset;
         const uint8_t *const end = data + sample.size;
         while (end - data > 4) {
-            const uint32_t bytes =
-                static_cast<uint32_t>(data[0]) << 24 | data[1] << 16 | data[2] << 8 | data[3];
-            const uint8_t *const next = data + 4 + std::min<ptrdiff_t>(bytes, end - data - 4);
+            size_t bytes = 0;
+            for (int i = 0; i < 4; i++) {
+                bytes = bytes << 8 | data[i];
+            }
+            const uint8_t *const next =
+                data + 4 + std::min(bytes, static_cast<size_t>(end - data) - 4);
             text += letter_of(Bytes(data + 4, next), own);
             data = next;
         }

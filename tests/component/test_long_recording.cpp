@@ -10,14 +10,18 @@ class LongRecording : public ComponentTest {};
 
 static constexpr uint32_t kFrames = 200000; // of each kind
 
+static Bytes unit_of(uint32_t n)
+{
+    Bytes data(2 + n % 5, 0x5A);
+    data[0] = n % 2 == 0 ? 0x65 : 0x41;
+    data[1] = static_cast<uint8_t>(n | 1);
+    return data;
+}
+
 static Bytes picture(uint32_t n)
 {
-    const uint8_t header = n % 2 == 0 ? 0x65 : 0x41;
-    Bytes data =
-        n == 0 ? Bytes{0, 0, 0, 1, 0x67, 66, 192, 13, 0x80, 0, 0, 0, 1, 0x68, 0x80} : Bytes{};
-    data.insert(data.end(), {0, 0, 0, 1, header, static_cast<uint8_t>(n | 1)});
-    data.insert(data.end(), n % 5, 0x5A);
-    return data;
+    static const Bytes sps = {0x67, 66, 192, 13, 0x80}, pps = {0x68, 0x80};
+    return n == 0 ? join_nal_units({sps, pps, unit_of(n)}) : join_nal_units({unit_of(n)});
 }
 
 static uint64_t picture_ms(uint32_t n) // every time differs from its neighbours by another span
@@ -62,8 +66,8 @@ static void offer(IlClient &client, uint8_t port, Bytes data, uint64_t ms)
 
 static Bytes bytes_of(const Bytes &image, const mp4_reader::sample &sample, uint32_t from)
 {
-    const auto begin = image.begin() + static_cast<ptrdiff_t>(sample.offset);
-    return {begin + from, begin + sample.size};
+    const uint8_t *const data = image.data() + sample.offset;
+    return {data + from, data + sample.size};
 }
 
 TEST_F(LongRecording, KeepsEveryEntryOfTablesThatOutgrowTheirCaches)
@@ -93,9 +97,7 @@ TEST_F(LongRecording, KeepsEveryEntryOfTablesThatOutgrowTheirCaches)
     ASSERT_EQ(video.size(), kFrames);
     ASSERT_EQ(audio.size(), kFrames);
     for (uint32_t n = 0; n < kFrames; n++) {
-        const Bytes given = picture(n);
-        const Bytes unit(given.begin() + (n == 0 ? 19 : 4), given.end());
-        ASSERT_EQ(bytes_of(image, video[n], 4), unit) << n;
+        ASSERT_EQ(bytes_of(image, video[n], 4), unit_of(n)) << n;
         ASSERT_EQ(video[n].time, 90 * picture_ms(n)) << n;
         ASSERT_EQ(video[n].sync, n % 2 == 0) << n;
         ASSERT_EQ(bytes_of(image, audio[n], 0), sound(n)) << n;
