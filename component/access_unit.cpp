@@ -3,14 +3,6 @@
 #include <cstring>
 
 static constexpr uint32_t SHORT_START_CODE_BYTES = 3;
-static constexpr uint32_t LEAST_SPS_BYTES = 4; // header, profile, constraints, level
-
-// One unit: where its start code begins, and its bytes without trailing zeros.
-typedef struct nal_unit_t {
-    uint32_t uiStartCode;
-    uint32_t uiStart;
-    uint32_t uiEnd;
-} nal_unit_t;
 
 void write_be32(uint8_t *pOut, uint32_t value)
 {
@@ -38,19 +30,23 @@ static uint32_t find_start_code(const uint8_t *pData, uint32_t from, uint32_t le
     return length;
 }
 
-// Takes the unit whose 00 00 01 is at *pAt (at or behind `from`), and moves *pAt to the next one.
-static nal_unit_t take_unit(const uint8_t *pData, uint32_t from, uint32_t length, uint32_t *pAt)
+bool take_unit(const uint8_t *pData, uint32_t length, uint32_t *pAt, nal_unit_t *pUnit)
 {
-    nal_unit_t unit = {.uiStartCode = *pAt, .uiStart = *pAt + SHORT_START_CODE_BYTES, .uiEnd = 0};
-    if (unit.uiStartCode > from && pData[unit.uiStartCode - 1] == 0) {
-        unit.uiStartCode--;
+    const uint32_t start_code = find_start_code(pData, *pAt, length);
+    if (start_code >= length) {
+        return false;
     }
-    *pAt = find_start_code(pData, unit.uiStart, length);
-    unit.uiEnd = *pAt;
-    while (unit.uiEnd > unit.uiStart && pData[unit.uiEnd - 1] == 0) {
-        unit.uiEnd--;
+    const bool has_four_bytes = start_code > *pAt && pData[start_code - 1] == 0;
+    const uint32_t start = start_code + SHORT_START_CODE_BYTES;
+    uint32_t end = find_start_code(pData, start, length);
+    while (end > start && pData[end - 1] == 0) {
+        end--;
     }
-    return unit;
+    *pUnit = {.uiStartCode = has_four_bytes ? start_code - 1 : start_code,
+              .uiStart = start,
+              .uiEnd = end};
+    *pAt = end; // not at the next start code, to which the zeros from here on may belong
+    return true;
 }
 
 static void count_unit(const uint8_t *pData, const nal_unit_t *pUnit, access_unit_t *pAccessUnit)
@@ -81,6 +77,8 @@ static void count_unit(const uint8_t *pData, const nal_unit_t *pUnit, access_uni
             pAccessUnit->uiPictureOffset = pUnit->uiStartCode;
         }
         pAccessUnit->uiUnitCount++;
+        pAccessUnit->has_slice =
+            pAccessUnit->has_slice || (type >= NAL_TYPE_SLICE && type <= NAL_TYPE_IDR);
         pAccessUnit->is_idr = pAccessUnit->is_idr || type == NAL_TYPE_IDR;
     }
 }
@@ -88,30 +86,41 @@ static void count_unit(const uint8_t *pData, const nal_unit_t *pUnit, access_uni
 bool describe_access_unit(const uint8_t *pData, uint32_t length, access_unit_t *pAccessUnit)
 {
     *pAccessUnit = {.uiPictureOffset = length};
-    uint32_t at = find_start_code(pData, 0, length);
-    if (at >= length || at > 1 || pData[0] != 0) {
+    const uint32_t first = find_start_code(pData, 0, length);
+    if (first >= length || first > 1 || pData[0] != 0) {
         return false;
     }
-    while (at < length) {
-        const nal_unit_t unit = take_unit(pData, 0, length, &at);
+    nal_unit_t unit;
+    for (uint32_t at = 0; take_unit(pData, length, &at, &unit);) {
         count_unit(pData, &unit, pAccessUnit);
     }
     return pAccessUnit->uiFrontUnitCount + pAccessUnit->uiUnitCount > 0;
 }
 
-uint32_t prefix_lengths(const uint8_t *pData, uint32_t length, uint8_t *pOut)
+// Writes every unit behind its length, or behind a start code.
+static uint32_t rewrite_units(const uint8_t *pData, uint32_t length, bool has_lengths,
+                              uint8_t *pOut)
 {
     uint32_t written = 0;
-    uint32_t at = find_start_code(pData, 0, length);
-    while (at < length) {
-        const nal_unit_t unit = take_unit(pData, 0, length, &at);
+    nal_unit_t unit;
+    for (uint32_t at = 0; take_unit(pData, length, &at, &unit);) {
         const uint32_t unit_bytes = unit.uiEnd - unit.uiStart;
         if (unit_bytes > 0) {
             // In place the unit never moves up: its own start code had the room for the length.
             memmove(pOut + written + NAL_LENGTH_BYTES, pData + unit.uiStart, unit_bytes);
-            write_be32(pOut + written, unit_bytes);
+            write_be32(pOut + written, has_lengths ? unit_bytes : 1);
             written += NAL_LENGTH_BYTES + unit_bytes;
         }
     }
     return written;
+}
+
+uint32_t prefix_lengths(const uint8_t *pData, uint32_t length, uint8_t *pOut)
+{
+    return rewrite_units(pData, length, true, pOut);
+}
+
+uint32_t copy_units(const uint8_t *pData, uint32_t length, uint8_t *pOut)
+{
+    return rewrite_units(pData, length, false, pOut);
 }

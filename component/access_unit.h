@@ -6,10 +6,20 @@
 
 #define START_CODE_BYTES 4
 #define NAL_LENGTH_BYTES 4
-#define NAL_TYPE_IDR 5
+#define NAL_TYPE_SLICE 1 // the first type of a slice
+#define NAL_TYPE_IDR 5   // the last type of a slice
 #define NAL_TYPE_SPS 7
 #define NAL_TYPE_PPS 8
+#define LEAST_SPS_BYTES 4           // header, profile, constraints, level
 #define PARAMETER_SET_SCAN_BYTES 50 // parameter sets are captured from this much of a buffer
+
+// One unit: where its start code begins, and its bytes without trailing zeros. Offsets are in bytes
+// from the start of the data.
+typedef struct nal_unit_t {
+    uint32_t uiStartCode;
+    uint32_t uiStart;
+    uint32_t uiEnd; // uiStart when there is nothing behind the start code
+} nal_unit_t;
 
 // What an access unit in start-code form is made of. Offsets are in bytes from its start.
 typedef struct access_unit_t {
@@ -19,6 +29,7 @@ typedef struct access_unit_t {
     uint32_t uiPpsCount;
     uint32_t uiUnitCount;       // units from uiPictureOffset on
     uint32_t uiFrontUnitCount;  // parameter sets in front
+    bool has_slice;             // one of the units is a slice
     bool is_idr;                // one of the units is an IDR slice
     bool has_sound_sps;         // an SPS in front that a decoder configuration can be built from
     bool has_short_start_codes; // a start code of 3 bytes anywhere
@@ -31,12 +42,23 @@ typedef struct access_unit_t {
 [[nodiscard]] bool describe_access_unit(const uint8_t *pData, uint32_t length,
                                         access_unit_t *pAccessUnit);
 
+// Takes the first unit at or after *pAt, and moves *pAt to the start code behind it.
+// returns false when there is none.
+[[nodiscard]] bool take_unit(const uint8_t *pData, uint32_t length, uint32_t *pAt,
+                             nal_unit_t *pUnit);
+
 // Replaces every start code of `length` bytes at pData, which begin with one, by the length of the
 // unit behind it. Zero bytes that trail a unit, and units without a byte, are left out.
 // in       pOut: pData itself when every start code has 4 bytes, else other memory with room for
 //          length bytes and one for every unit
 // returns  the bytes written
 [[nodiscard]] uint32_t prefix_lengths(const uint8_t *pData, uint32_t length, uint8_t *pOut);
+
+// Copies the units of `length` bytes at pData with a start code of 4 bytes in front of each; leaves
+// out what prefix_lengths leaves out.
+// in       pOut: other memory than pData, with room for length bytes and one for every unit
+// returns  the bytes written
+[[nodiscard]] uint32_t copy_units(const uint8_t *pData, uint32_t length, uint8_t *pOut);
 
 // Writes a 32-bit big-endian number.
 void write_be32(uint8_t *pOut, uint32_t value);

@@ -36,6 +36,14 @@ write_result_t put_frame(omx_tdmbrec_component_PrivateType *pPrivate, mp4_mux_pu
     return result;
 }
 
+bool has_written_frames(const omx_tdmbrec_component_PrivateType *pPrivate)
+{
+    pthread_mutex_lock(&lockTDMBRecording);
+    const bool has_frames = pPrivate->bVideoWritten != 0 || pPrivate->bAudioWritten != 0;
+    pthread_mutex_unlock(&lockTDMBRecording);
+    return has_frames;
+}
+
 void log_mux_error(omx_tdmbrec_component_PrivateType *pPrivate, int32_t mux_result,
                    const char *pszFunction, int line)
 {

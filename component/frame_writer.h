@@ -17,6 +17,10 @@ typedef enum write_result_t {
 [[nodiscard]] write_result_t put_frame(omx_tdmbrec_component_PrivateType *pPrivate,
                                        mp4_mux_putstream_t *pFrame, int32_t *piMuxResult);
 
+// Tells whether the file has a frame of any kind.
+// thread:  any, while recording; takes lockTDMBRecording
+[[nodiscard]] bool has_written_frames(const omx_tdmbrec_component_PrivateType *pPrivate);
+
 // Fetches the muxer's last error and logs it in the name of the function and line that met it.
 // thread:  any, while recording; takes lockTDMBRecording
 void log_mux_error(omx_tdmbrec_component_PrivateType *pPrivate, int32_t mux_result,

@@ -4,6 +4,7 @@
 #include "component/component_log.h"
 #include "component/file_callbacks.h"
 #include "component/name_parts.h"
+#include "component/parameter_sets.h"
 #include "component/process_state.h"
 #include "component/shared_fields.h"
 #include "component/storage_watch.h"
@@ -226,6 +227,8 @@ static void reset_recording_state(omx_tdmbrec_component_PrivateType *pPrivate)
     pPrivate->bAudioWritten = 0;
     pPrivate->bVideoWritten = 0;
     pPrivate->bInBandParameterSets = 0;
+    pPrivate->bFileBegun = 0;
+    forget_kept_sets(pPrivate);
     QVR_free(pPrivate->pucVideoFrame);
     pPrivate->pucVideoFrame = nullptr;
     pPrivate->uiVideoFrameSize = 0;

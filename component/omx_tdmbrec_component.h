@@ -25,6 +25,7 @@ extern "C" {
 #define TDMBREC_PATH_BYTES 128
 #define TDMBREC_NAME_PART_1_BYTES 22
 #define TDMBREC_NAME_PART_2_BYTES 128
+#define TDMBREC_KEPT_SETS_BYTES 4096
 
 // Vendor parameters, set with OMX_SetParameter.
 constexpr OMX_INDEXTYPE TDMBREC_INDEX_NAME_PART_1{0x7F00002A}; // 22 bytes
@@ -167,9 +168,16 @@ typedef struct omx_tdmbrec_component_PrivateType {
     uint32_t bIsLeaving;                          // atomic: being destroyed, records no more
     uint8_t bAudioWritten;                        // under lockTDMBRecording: audio in the file
     uint8_t bVideoWritten;                        // under lockTDMBRecording: video in the file
+    uint8_t bFileBegun;                           // the file's first picture has come
     uint8_t bInBandParameterSets; // the file carries its parameter sets in the access units
     uint8_t *pucVideoFrame;       // room for access units that grow, null until one does
     uint32_t uiVideoFrameSize;    // its bytes
+
+    // Parameter sets that came without their picture, see component/parameter_sets.h: the buffer
+    // thread while recording, the stop procedure after it.
+    uint8_t aucKeptSets[TDMBREC_KEPT_SETS_BYTES]; // with start codes of 4 bytes
+    uint32_t uiKeptSetsLen;                       // its bytes in use
+    uint8_t ucKeptSetsPassed;                     // 1: by a picture, 2: and an SPS has come again
 } omx_tdmbrec_component_PrivateType;
 
 // Published for the client: a table of 50 video segments, two words each. The first word of the

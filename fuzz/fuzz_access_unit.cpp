@@ -1,17 +1,62 @@
-// Any packets of a video stream as the client's converter takes them: what it calls ready has the
-// form that the component takes.
+// Any bytes as an access unit of the component: what it makes of them can be walked, whichever way
+// it takes. Any packets of a video stream as the client's converter takes them: what it calls ready
+// has the form that the component takes.
 //
-// Input: a decoder configuration and up to 16 packets, each behind its length (1 byte).
+// Input: the access unit; or a decoder configuration and up to 16 packets, each behind its length
+// (1 byte).
 #include "client/access_unit.h"
+#include "component/access_unit.h"
 #include "fuzz/input.h"
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+// Counts the units behind lengths.
+static uint32_t count_units(const Bytes &frame)
+{
+    uint32_t count = 0;
+    for (Input input = {frame}; !input.left.empty(); count++) {
+        const size_t length = static_cast<size_t>(input.number(NAL_LENGTH_BYTES));
+        require(length > 0 && input.take(length).size() == length,
+                "a length leads to the next one");
+    }
+    return count;
+}
+
+static void check_component(Bytes data)
+{
+    const uint32_t length = static_cast<uint32_t>(data.size());
+    access_unit_t unit;
+    if (!describe_access_unit(data.data(), length, &unit)) {
+        return;
+    }
+    const uint32_t units = unit.uiFrontUnitCount + unit.uiUnitCount;
+    require(unit.uiFrontUnitCount == unit.uiSpsCount + unit.uiPpsCount &&
+                (unit.uiPictureOffset < length) == (unit.uiUnitCount > 0) &&
+                (unit.has_slice || !unit.is_idr),
+            "the description agrees with itself");
+    Bytes frame(length + units);
+    frame.resize(prefix_lengths(data.data(), length, frame.data()));
+    require(count_units(frame) == units, "every unit has its length");
+    Bytes copy(length + units);
+    copy.resize(copy_units(data.data(), length, copy.data()));
+    access_unit_t described;
+    require(describe_access_unit(copy.data(), static_cast<uint32_t>(copy.size()), &described) &&
+                !described.has_short_start_codes && !described.has_empty_units &&
+                described.uiUnitCount == unit.uiUnitCount &&
+                described.uiSpsCount == unit.uiSpsCount && described.is_idr == unit.is_idr,
+            "a copy is the same access unit");
+    copy.resize(prefix_lengths(copy.data(), static_cast<uint32_t>(copy.size()), copy.data()));
+    require(copy == frame, "a copy gives the same frame, in place");
+    if (!unit.has_short_start_codes) {
+        data.resize(prefix_lengths(data.data(), length, data.data()));
+        require(data == frame, "and so do start codes of 4 bytes");
+    }
+}
+
+static void check_client(Input input)
 {
     static constexpr uint8_t START_CODE[] = {0, 0, 0, 1};
-    Input input = {{data, size}};
     access_unit_converter converter;
     if (!access_unit_configure(converter, input.bytes(input.u8()))) {
-        return 0;
+        return;
     }
     for (int i = 0; i < 16 && !input.left.empty(); i++) {
         access_unit unit;
@@ -21,5 +66,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
                     "an access unit begins with a start code");
         }
     }
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    check_component({data, data + size});
+    check_client({{data, size}});
     return 0;
 }

@@ -1,11 +1,14 @@
 // A frame FIFO in any order of its operations: it stays within its storage, and as long as the
-// producer keeps to its order, every frame comes out as it went in.
+// producer keeps to its order, every frame comes out as it went in. Or frames between a thread that
+// makes them and one that uses them.
 //
-// Input: the storage's size (2 bytes), then steps of 3 bytes: what to do, and a length.
+// Input: the storage's size (2 bytes; odd: two threads), then steps of 3 bytes: what to do, and a
+// length.
 #include "component/frame_fifo.h"
 #include "fuzz/input.h"
 
 #include <deque>
+#include <thread>
 
 static constexpr uint32_t FIFO = 2;
 
@@ -64,9 +67,82 @@ static void disturb(Model &model, uint32_t what, int32_t length)
     }
 }
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+static constexpr uint32_t THREADS_FIFO = 3;
+
+struct Step {
+    uint32_t what;
+    size_t length;
+};
+
+static Bytes frame_of(const Step &step, uint32_t number)
 {
-    Input input = {{data, size}};
+    Bytes data(step.length);
+    for (size_t i = 0; i < data.size(); i++) {
+        data[i] = static_cast<uint8_t>(number + i);
+    }
+    return data;
+}
+
+static void produce_all(const std::vector<Step> &steps)
+{
+    for (uint32_t number = 0; number < steps.size(); number++) {
+        const Bytes data = frame_of(steps[number], number);
+        const int32_t bytes = static_cast<int32_t>(data.size());
+        while (QVR_FIFO_GetOneFifo5(THREADS_FIFO, bytes, number, ~number) == 0) {
+            std::this_thread::yield();
+        }
+        const int32_t first = steps[number].what % 3 == 0 ? bytes / 2 : bytes; // in two pieces
+        require(first == 0 || QVR_FIFO_WriteFifo5(THREADS_FIFO, data.data(), first) == first,
+                "the first piece can be written");
+        const int32_t rest = bytes - first;
+        require(rest == 0 || QVR_FIFO_WriteFifo5(THREADS_FIFO,
+                                                 &data[data.size() - static_cast<size_t>(rest)],
+                                                 rest) == rest,
+                "the rest can be written");
+        require(QVR_FIFO_Push(THREADS_FIFO) == 1, "a frame can be handed over");
+    }
+}
+
+static void consume_all(const std::vector<Step> &steps)
+{
+    for (uint32_t number = 0; number < steps.size(); number++) {
+        while (QVR_FIFO_GetLength(THREADS_FIFO) == 0) {
+            std::this_thread::yield();
+        }
+        if (steps[number].what % 5 == 0) {
+            std::this_thread::yield(); // let some pile up
+        }
+        uint32_t length = 0;
+        int64_t time = 0;
+        uint32_t extra = 0;
+        const uint8_t *const data = QVR_FIFO_GetOneFrame(THREADS_FIFO, &length, &time, &extra);
+        require(data != nullptr && Bytes(data, data + length) == frame_of(steps[number], number),
+                "a frame comes through whole and in its turn");
+        require(time == number && extra == ~number, "so do its words");
+        require(QVR_FIFO_PopFrame(THREADS_FIFO) == 1, "a frame can be released");
+    }
+    require(QVR_FIFO_GetLength(THREADS_FIFO) == 0, "nothing is doubled");
+}
+
+// Some of the steps as frames that fit more than twice into the storage.
+static void run_threads(Input input)
+{
+    Bytes storage(input.u16() + 1);
+    std::vector<Step> steps;
+    while (!input.left.empty() && steps.size() < 50) {
+        const Step step = {input.u8(), static_cast<size_t>(input.u16() % 1024)};
+        if (step.length > 0 && step.length * 2 < storage.size()) {
+            steps.push_back(step);
+        }
+    }
+    QVR_FIFO_InitBuffer(THREADS_FIFO, static_cast<uint32_t>(storage.size()), storage.data());
+    std::thread producer(produce_all, std::cref(steps));
+    consume_all(steps);
+    producer.join();
+}
+
+static void run_in_any_order(Input input)
+{
     Bytes storage(input.u16() + 1);
     QVR_FIFO_InitBuffer(FIFO, static_cast<uint32_t>(storage.size()), storage.data());
     Model model;
@@ -83,6 +159,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         require(!model.is_orderly ||
                     QVR_FIFO_GetLength(FIFO) == static_cast<int32_t>(model.frames.size()),
                 "every frame is counted");
+    }
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    if (size > 1 && data[1] % 2 == 1) {
+        run_threads({{data, size}});
+    } else {
+        run_in_any_order({{data, size}});
     }
     return 0;
 }

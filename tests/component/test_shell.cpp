@@ -1,4 +1,3 @@
-#include "component/audio_encoder.h"
 #include "component/process_state.h"
 #include "component/zpl_aenc.h"
 #include "platform/host/host_control.h"
@@ -108,21 +107,6 @@ TEST_F(Shell, TakesItsParametersAndPassesOnTheRest)
     EXPECT_EQ(handle->GetExtensionIndex(handle, name, &index), OMX_ErrorNone);
     EXPECT_EQ(index, OMX_IndexMax);
     EXPECT_EQ(OMX_SetParameter(handle, OMX_INDEXTYPE(0x7F00002F), name), OMX_ErrorUnsupportedIndex);
-}
-
-TEST_F(Shell, DescribesItsAudioInTwoBytes)
-{
-    uint8_t config[2] = {0xEE, 0xEE};
-    uint32_t length = 0;
-    EXPECT_EQ(getAACEncDSI(50000, 2, config, &length), -1);
-    EXPECT_EQ(length, 0u);
-    EXPECT_EQ(config[0], 0xEE);
-    for (const auto &[rate, channels, first, second] : std::vector<std::array<uint32_t, 4>>{
-             {48000, 2, 0x11, 0x90}, {44100, 1, 0x12, 0x08}, {7350, 2, 0x16, 0x10}}) {
-        EXPECT_EQ(getAACEncDSI(rate, channels, config, &length), 0);
-        EXPECT_EQ(length, 2u);
-        EXPECT_TRUE(config[0] == first && config[1] == second) << rate;
-    }
 }
 
 // An allocator that fails on demand, for the adapter.

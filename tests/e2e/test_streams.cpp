@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
-#include <filesystem>
 
 using Picture = std::vector<Bytes>; // NAL units
 
@@ -187,18 +186,8 @@ TEST_F(Streams, KeepEveryUnitOfOddAccessUnitsInOddBuffers)
     expect_pictures(slices);
 }
 
-TEST_F(Streams, NeedParameterSetsAndNoSound)
+TEST_F(Streams, NeedNoSound)
 {
-    const Picture first = sample(1)[0];
-    const auto client = start_recording();
-    for (size_t i = 0; i < 60; i++) { // without any, and with the picture set alone
-        client->send(0,
-                     join_nal_units(i % 2 == 0 ? Picture{first[2]} : Picture{first[1], first[2]}),
-                     video_time_us(i));
-        client->send(1, pcm_buffer(sample_programme(), i), video_time_us(i));
-    }
-    EXPECT_EQ(finish(*client), 0u) << "no file was ever opened";
-    EXPECT_FALSE(std::filesystem::exists(BUILT_IN_FILE));
     send_all(*start_recording(), sample(60));
     const mp4_reader::movie movie = expect_pictures(sample(60));
     EXPECT_EQ(mp4_reader::find_track(movie, "soun")->samples.size(), 1u) << "silence";

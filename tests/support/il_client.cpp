@@ -83,6 +83,7 @@ void IlClient::set_state(OMX_STATETYPE state)
 void IlClient::to_executing(uint32_t buffer_bytes)
 {
     change_state(OMX_StateIdle, [&] {
+        size_t buffers = 0;
         for (OMX_U32 port = 0; port < 2; port++) {
             OMX_PARAM_PORTDEFINITIONTYPE definition = {};
             definition.nSize = sizeof(definition);
@@ -91,12 +92,15 @@ void IlClient::to_executing(uint32_t buffer_bytes)
             ASSERT_EQ(OMX_GetParameter(handle_, OMX_IndexParamPortDefinition, &definition),
                       OMX_ErrorNone);
             buffers_[port].resize(definition.nBufferCountActual);
+            buffers += definition.nBufferCountActual;
             for (OMX_BUFFERHEADERTYPE *&header : buffers_[port]) {
                 ASSERT_EQ(OMX_AllocateBuffer(handle_, &header, port, nullptr,
                                              std::max(buffer_bytes, definition.nBufferSize)),
                           OMX_ErrorNone);
             }
         }
+        const std::lock_guard lock(mutex_);
+        out_.reserve(buffers); // emptying a buffer then allocates nothing
     });
     set_state(OMX_StateExecuting);
 }
