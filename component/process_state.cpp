@@ -2,7 +2,6 @@
 
 #include "component/shared_fields.h"
 
-#include <atomic>
 #include <unistd.h>
 
 pthread_mutex_t lockTDMBRecording = PTHREAD_MUTEX_INITIALIZER;
@@ -38,14 +37,4 @@ void release_recording(omx_tdmbrec_component_PrivateType *pPrivate)
     omx_tdmbrec_component_PrivateType *const pNobody = nullptr;
     // A close with nothing to close may run while another component records.
     (void)swap_shared(global_recording_owner, pPrivate, pNobody);
-}
-
-void enter_stop(omx_tdmbrec_component_PrivateType *pPrivate)
-{
-    (void)std::atomic_ref(pPrivate->uiStopsInProgress).fetch_add(1);
-}
-
-void leave_stop(omx_tdmbrec_component_PrivateType *pPrivate)
-{
-    (void)std::atomic_ref(pPrivate->uiStopsInProgress).fetch_sub(1);
 }

@@ -1,7 +1,8 @@
 // What the component keeps once per process: the output path, the storage handle, the stop reason,
 // the time tables and the mutexes.
 //
-// Lock order: lockTDMBRecording, then lockDFHandle or lockParameters, never both of these.
+// Lock order: lockTDMBRecording, then lockDFHandle or lockParameters, never both of these. The lock
+// of component/end_reports.cpp is taken while none of them is held.
 #ifndef COMPONENT_PROCESS_STATE_H
 #define COMPONENT_PROCESS_STATE_H
 
@@ -30,18 +31,17 @@ extern uint32_t global_ui_AUDIO_PTS[2 * AUDIO_PTS_ENTRIES];
 // The component whose recording is being prepared, running or being closed; null when none is.
 extern omx_tdmbrec_component_PrivateType *global_recording_owner; // atomic
 
-// Makes the component the process's recording one, waiting for its own last recording to be closed.
+// Makes the component the one that records in the process. CLAIM_GRANTED: from now on it is, until
+// release_recording; its last recording, if it had one, is closed (the claim waits for that, not
+// for the report of its end). CLAIM_RECORDING: it records already. CLAIM_OTHER_COMPONENT: another
+// one records or is being closed. thread: any that does not hold the claim.
 typedef enum claim_result_t {
     CLAIM_GRANTED,
     CLAIM_RECORDING,
     CLAIM_OTHER_COMPONENT
 } claim_result_t;
 [[nodiscard]] claim_result_t claim_recording(omx_tdmbrec_component_PrivateType *pPrivate);
-// Counts the ends of the component's recordings that are being closed and reported: its record has
-// to stay until they have left.
-void enter_stop(omx_tdmbrec_component_PrivateType *pPrivate);
-void leave_stop(omx_tdmbrec_component_PrivateType *pPrivate);
-// Lets the next recording begin.
+// Lets the next recording of the process begin. The record is only named, not touched.
 void release_recording(omx_tdmbrec_component_PrivateType *pPrivate);
 
 #endif
