@@ -172,11 +172,11 @@ static OMX_ERRORTYPE close_session_locked(omx_tdmbrec_component_PrivateType *pPr
         fetch_mux_error(pPrivate);
         __android_log_print(ANDROID_LOG_ERROR, TDMBREC_LOG_TAG, "[Close:%d] Error:%s \n",
                             pPrivate->stMuxError.m_iCode, pPrivate->stMuxError.m_pszMessage);
-        pPrivate->stMuxError.m_pszMessage = nullptr; // it goes with the context
         // The muxer still holds the file and the blocks: this second call only releases them.
         (void)QVR_MP4_MUX(MUX_CLOSE, &pPrivate->hMux, nullptr, nullptr);
         result = OMX_ErrorBadParameter;
     }
+    pPrivate->stMuxError.m_pszMessage = nullptr; // it went with the context
     pPrivate->hMux = nullptr;
     QVR_free(pPrivate->stMuxInit.m_pCacheMem);
     pPrivate->stMuxInit.m_pCacheMem = nullptr;

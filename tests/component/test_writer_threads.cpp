@@ -155,6 +155,8 @@ TEST_F(WriterThreads, EndTheRecordingOnceAfterAFailedWriteAndPastTheLargestFile)
         EXPECT_TRUE(has_logged(fails ? "[omx_tdmbrec_video_thread:2221] -7 [0] Error: 0x"
                                      : "[omx_tdmbrec_audio_thread:2152] 0 [0] Error: 0x"));
         client->to_loaded();
+        EXPECT_EQ(record_of(*client)->stMuxError.m_pszMessage, nullptr)
+            << "the muxer's, which went";
         EXPECT_EQ(client->count(EVENT_END_OF_RECORDING), 1u);
         EXPECT_EQ(mp4_reader::read_movie(read_file(RECORDING)).error, "");
         reset_wrapped_calls();
