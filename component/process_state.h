@@ -17,7 +17,12 @@
 
 // Held while a muxer session is opened, written to or closed.
 extern pthread_mutex_t lockTDMBRecording;
-// Guards global_mountinfo.
+// Guards global_mountinfo. The life of a recording alone keeps its threads apart already, so that
+// no test can miss the lock: the start opens the handle while it holds the claim and before
+// bRecording is 1; the buffer callback queries it (and closes it when the storage is full) between
+// bCallbackIdle 0 with bRecording 1 and bCallbackIdle 1; the close closes it after bRecording is 0
+// and after it has seen bCallbackIdle 1, and gives up the claim later. All of these words are
+// sequentially consistent. docs/models/recordings.pml asserts it in every state.
 extern pthread_mutex_t lockDFHandle;
 // Guards szOutFileName and every component's name parts.
 extern pthread_mutex_t lockParameters;

@@ -352,18 +352,38 @@ TEST_F(Recording, TrustsNoLengthOfTheClient)
     client->to_loaded();
 }
 
-TEST_F(Recording, SurvivesStopsStartsAndStateChangesFromAnywhere)
+TEST_F(Recording, SurvivesStopsStartsAndStateChangesWhileItsParametersAndStorageChange)
 {
-    const auto client = make_recorder();
+    const std::string paths[] = {RECORDING + std::string(60, 'a'),
+                                 RECORDING + std::string(60, 'b')};
+    const auto client = make_recorder(paths[0]);
     std::atomic<bool> is_over = false;
     std::thread meddler([&] {
-        for (int i = 0; i < 60; i++) {
+        for (uint32_t i = 0; i < 60; i++) {
             client->stop();
             std::this_thread::sleep_for(std::chrono::milliseconds(i % 4));
+            host_fail_call(HOST_CALL_DFOPEN, 0, i % 9 == 0); // there is no storage
             EXPECT_EQ(client->start(), OMX_ErrorNone);
             std::this_thread::sleep_for(std::chrono::milliseconds(i % 7));
+            host_fail_call(HOST_CALL_DFGET, 0, i % 5 == 0);              // it vanishes
+            host_set_storage(0, 8000000, i % 11 == 0 ? 51200 : 4000000); // it is full
         }
         is_over = true;
+    });
+    std::thread setter([&] {
+        std::string name(TDMBREC_NAME_PART_2_BYTES, 'n');
+        OMX_AUDIO_PARAM_PCMMODETYPE pcm = {};
+        pcm.nSamplingRate = 48000;
+        for (uint32_t i = 0; !is_over; i++) {
+            client->set_path(paths[i % 2]);
+            for (const OMX_INDEXTYPE index :
+                 {TDMBREC_INDEX_NAME_PART_1, TDMBREC_INDEX_NAME_PART_2}) {
+                EXPECT_EQ(OMX_SetParameter(client->handle(), index, name.data()), OMX_ErrorNone);
+            }
+            EXPECT_EQ(OMX_SetParameter(client->handle(), OMX_IndexParamAudioPcm, &pcm),
+                      OMX_ErrorNone);
+            std::this_thread::sleep_for(std::chrono::microseconds(50));
+        }
     });
     for (size_t round = 1; !is_over; round++) {
         send_programme(*client, 8);
@@ -373,6 +393,15 @@ TEST_F(Recording, SurvivesStopsStartsAndStateChangesFromAnywhere)
         }
     }
     meddler.join();
+    setter.join();
     client->destroy();
     EXPECT_EQ(client->count(EVENT_END_OF_RECORDING), 61u) << "each recording ended once";
+    for (const auto &entry : std::filesystem::directory_iterator("/mnt/sdcard")) {
+        EXPECT_TRUE(!entry.is_regular_file() || entry.path() == paths[0] ||
+                    entry.path() == paths[1])
+            << entry.path() << " mixes two paths";
+        if (entry.is_regular_file()) {
+            std::filesystem::remove(entry);
+        }
+    }
 }
