@@ -13,8 +13,8 @@
 
 #include <optional>
 
-typedef std::optional<tdmbrec_stop_reason_t>
-    stop_demand_t; // why the recording has to end, if it has
+// Why the recording has to end; empty when it continues.
+typedef std::optional<tdmbrec_stop_reason_t> stop_demand_t;
 
 static bool lies_within_allocation(const OMX_BUFFERHEADERTYPE *pBuffer)
 {

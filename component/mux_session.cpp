@@ -1,7 +1,7 @@
 #include "component/mux_session.h"
 
-#include "component/client_events.h"
 #include "component/component_log.h"
+#include "component/end_reports.h"
 #include "component/file_callbacks.h"
 #include "component/name_parts.h"
 #include "component/parameter_sets.h"
@@ -24,19 +24,6 @@ static constexpr int32_t CLOSE_MEMORY_BYTES = 0x300000;
 static constexpr int32_t VIDEO_WIDTH = 320;        // pixels
 static constexpr int32_t VIDEO_HEIGHT = 240;       // pixels
 static constexpr int32_t VIDEO_FRAME_RATE = 30000; // frames in 1000 s
-
-// The client may start the next recording from the event of an end. If that start ends at once on
-// the same thread, its end is reported after the event, not within it: a client that starts again
-// at every end must not run out of stack. Another component's end does not wait, since the client
-// may destroy that one from the event.
-typedef struct end_report_t {
-    OMX_COMPONENTTYPE *pComponent;
-    end_report_t *pOuter; // in whose event this one has come, or null
-    bool is_due;          // reason is to be told, after the event if one is under way
-    uint8_t reason;
-} end_report_t;
-
-static thread_local end_report_t *pInnermostReport; // null: the thread reports no end
 
 static int c_file_at_end(void *hFile)
 {
@@ -186,11 +173,11 @@ static OMX_ERRORTYPE close_session_locked(omx_tdmbrec_component_PrivateType *pPr
         fetch_mux_error(pPrivate);
         __android_log_print(ANDROID_LOG_ERROR, TDMBREC_LOG_TAG, "[Close:%d] Error:%s \n",
                             pPrivate->stMuxError.m_iCode, pPrivate->stMuxError.m_pszMessage);
-        pPrivate->stMuxError.m_pszMessage = nullptr; // it goes with the context
         // The muxer still holds the file and the blocks: this second call only releases them.
         (void)QVR_MP4_MUX(MUX_CLOSE, &pPrivate->hMux, nullptr, nullptr);
         result = OMX_ErrorBadParameter;
     }
+    pPrivate->stMuxError.m_pszMessage = nullptr; // it went with the context
     pPrivate->hMux = nullptr;
     QVR_free(pPrivate->stMuxInit.m_pCacheMem);
     pPrivate->stMuxInit.m_pCacheMem = nullptr;
@@ -252,44 +239,18 @@ static OMX_ERRORTYPE close_locked(omx_tdmbrec_component_PrivateType *pPrivate, u
     return result;
 }
 
-static end_report_t *find_report(const OMX_COMPONENTTYPE *pComponent)
-{
-    end_report_t *pReport = pInnermostReport;
-    while (pReport != nullptr && pReport->pComponent != pComponent) {
-        pReport = pReport->pOuter;
-    }
-    return pReport;
-}
-
-static void report_end(OMX_COMPONENTTYPE *pComponent, uint8_t reason)
-{
-    end_report_t *const pUnderWay = find_report(pComponent);
-    if (pUnderWay != nullptr && !pUnderWay->is_due) {
-        pUnderWay->is_due = true;
-        pUnderWay->reason = reason;
-        return;
-    }
-    end_report_t report = {pComponent, pInnermostReport, true, reason};
-    pInnermostReport = &report;
-    while (report.is_due) {
-        report.is_due = false;
-        send_event(pComponent, TDMBREC_EVENT_END_OF_RECORDING, 0, report.reason, nullptr);
-        leave_stop(private_record(pComponent)); // from here on only an end that is due keeps it
-    }
-    pInnermostReport = report.pOuter;
-}
-
 // No lock is held and the next recording may begin when the client is told, so that it can do
 // whatever it likes from the event.
 OMX_ERRORTYPE omx_tdmbrec_mp4_mux_DeInit(OMX_COMPONENTTYPE *pComponent,
                                          omx_tdmbrec_component_PrivateType *pPrivate)
 {
-    enter_stop(pPrivate);
     uint8_t reason = TDMBREC_STOP_STORAGE;
     pthread_mutex_lock(&lockTDMBRecording);
     const OMX_ERRORTYPE result = close_locked(pPrivate, &reason);
     pthread_mutex_unlock(&lockTDMBRecording);
-    release_recording(pPrivate);
-    report_end(pComponent, reason);
+    // A handle is kept until the next start lets it go, so that no other thread can have the same.
+    const bool is_stop_thread =
+        pthread_equal(load_shared(pPrivate->hStopThread), pthread_self()) != 0;
+    report_end(pComponent, reason, is_stop_thread);
     return result;
 }

@@ -28,8 +28,7 @@ void set_output_path(const void *pRecord)
 
 void clear_name_parts(omx_tdmbrec_component_PrivateType *pPrivate)
 {
-    pthread_mutex_lock(&lockParameters);
-    memset(pPrivate->szNamePart1, 0, sizeof(pPrivate->szNamePart1));
-    memset(pPrivate->szNamePart2, 0, sizeof(pPrivate->szNamePart2));
-    pthread_mutex_unlock(&lockParameters);
+    static constexpr char kNoName[TDMBREC_NAME_PART_2_BYTES] = {};
+    set_name_part_1(pPrivate, kNoName);
+    set_name_part_2(pPrivate, kNoName);
 }

@@ -1,6 +1,7 @@
 #include "component/omx_tdmbrec_component.h"
 
 #include "component/client_events.h"
+#include "component/end_reports.h"
 #include "component/name_parts.h"
 #include "component/recording_control.h"
 #include "component/shared_fields.h"
@@ -137,6 +138,8 @@ static void install_functions(OMX_COMPONENTTYPE *pComponent)
     pComponent->SetConfig = omx_tdmbrec_component_SetConfig;
     pComponent->GetExtensionIndex = omx_tdmbrec_component_GetExtensionIndex;
     pComponent->ComponentRoleEnum = omx_tdmbrec_component_ComponentRoleEnum;
+    private_record(pComponent)->pfnBaseSetCallbacks = pComponent->SetCallbacks;
+    pComponent->SetCallbacks = omx_tdmbrec_component_SetCallbacks;
     omx_base_sink_PrivateType *const pSink = &private_record(pComponent)->stBase;
     pSink->pfnMessageHandler = omx_tdmbrec_component_MessageHandler;
     pSink->pfnDestructor = omx_tdmbrec_component_Destructor;

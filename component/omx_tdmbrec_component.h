@@ -95,6 +95,23 @@ typedef struct zpl_aenc_input_t {
     uint32_t uiLength;   // bytes
 } zpl_aenc_input_t;
 
+#define TDMBREC_ENDS 8 // recordings of one component whose ends are not yet reported
+
+typedef enum tdmbrec_end_state_t : uint8_t {
+    END_FREE = 0, // stands for no recording
+    END_OWED,     // the recording has not ended, or a thread waits to send the report or sends it
+    END_HANDED    // queued; whoever sends the report before it sends it too
+} tdmbrec_end_state_t;
+
+// The report of a recording's end, from the start of the recording to the return of its event.
+typedef struct tdmbrec_end_t {
+    struct tdmbrec_end_t *pNext; // the process's recording that ended after it
+    OMX_COMPONENTTYPE *pComponent;
+    uint64_t uiCount; // ends in a row that it stands for
+    uint8_t ucReason; // tdmbrec_stop_reason_t
+    tdmbrec_end_state_t ucState;
+} tdmbrec_end_t;
+
 // The component's private record. "atomic" fields are reached through component/shared_fields.h
 // only; the others belong to the thread that the comment of their group names.
 typedef struct omx_tdmbrec_component_PrivateType {
@@ -154,7 +171,7 @@ typedef struct omx_tdmbrec_component_PrivateType {
     uint8_t ucVideoRollbackCount;
     uint8_t ucVideoIntervalState; // 0xFF until the interval is measured
     uint8_t bMuxOpen;             // under lockTDMBRecording
-    pthread_t hStopThread;        // atomic: 0 when there is none to join
+    pthread_t hStopThread;        // atomic: the last one started; 0 when it has been let go
     pthread_t hAudioWriterThread; // atomic: set by whoever starts the thread, joined by the stop
     pthread_t hVideoWriterThread; // atomic
     int64_t llLastVideoTime;      // us
@@ -164,14 +181,17 @@ typedef struct omx_tdmbrec_component_PrivateType {
 
     char szRecordingPath[TDMBREC_PATH_BYTES + 1]; // szOutFileName as the start found it, terminated
     uint8_t ucAudioPtsCount;                      // entries of the audio ring in use
-    uint32_t uiStopsInProgress;                   // atomic: ends being closed and reported
-    uint32_t bIsLeaving;                          // atomic: being destroyed, records no more
+    tdmbrec_end_t astEnd[TDMBREC_ENDS];           // component/end_reports.cpp, under its lock
+    tdmbrec_end_t *pEnd;                          // the same: of the recording under way, or null
+    uint32_t bIsLeaving;                          // the same: being destroyed, records no more
     uint8_t bAudioWritten;                        // under lockTDMBRecording: audio in the file
     uint8_t bVideoWritten;                        // under lockTDMBRecording: video in the file
     uint8_t bFileBegun;                           // the file's first picture has come
     uint8_t bInBandParameterSets; // the file carries its parameter sets in the access units
     uint8_t *pucVideoFrame;       // room for access units that grow, null until one does
     uint32_t uiVideoFrameSize;    // its bytes
+    OMX_ERRORTYPE(*pfnBaseSetCallbacks)
+    (OMX_HANDLETYPE hComponent, OMX_CALLBACKTYPE *pCallbacks, OMX_PTR pAppData);
 
     // Parameter sets that came without their picture, see component/parameter_sets.h: the buffer
     // thread while recording, the stop procedure after it.
@@ -210,8 +230,8 @@ TDMBREC_API OMX_ERRORTYPE omx_tdmbrec_component_GetParameter(OMX_HANDLETYPE hCom
 // goes to the base component.
 // returns OMX_ErrorBadParameter for a null handle or record, OMX_ErrorInvalidComponent for a handle
 // without a component; for a start OMX_ErrorInsufficientResources when another component of the
-// process is recording, memory is short or the component is being destroyed; else 0 or the base's
-// result.
+// process is recording, memory is short, TDMBREC_ENDS ends are not yet reported or the component is
+// being destroyed; else 0 or the base's result.
 // thread: the client's; a start or stop may also come from the client's event handler.
 TDMBREC_API OMX_ERRORTYPE omx_tdmbrec_component_SetParameter(OMX_HANDLETYPE hComponent,
                                                              OMX_INDEXTYPE eIndex,

@@ -38,13 +38,3 @@ void release_recording(omx_tdmbrec_component_PrivateType *pPrivate)
     // A close with nothing to close may run while another component records.
     (void)swap_shared(global_recording_owner, pPrivate, pNobody);
 }
-
-void enter_stop(omx_tdmbrec_component_PrivateType *pPrivate)
-{
-    add_shared(pPrivate->uiStopsInProgress, 1u);
-}
-
-void leave_stop(omx_tdmbrec_component_PrivateType *pPrivate)
-{
-    add_shared(pPrivate->uiStopsInProgress, UINT32_MAX);
-}

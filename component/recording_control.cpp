@@ -3,6 +3,7 @@
 #include "component/audio_encoder.h"
 #include "component/client_events.h"
 #include "component/component_log.h"
+#include "component/end_reports.h"
 #include "component/mux_session.h"
 #include "component/process_state.h"
 #include "component/shared_fields.h"
@@ -12,8 +13,8 @@
 #include <cstring>
 #include <unistd.h>
 
-// The recording that the thread ended is over; it may still be telling the client, from whose event
-// handler this start may come. So it is not waited for.
+// The recording that the thread ended is over. The thread is not waited for: it may still be in the
+// client's event handler, from which this start may come, or be sending the reports of others.
 static void let_stop_thread_go(omx_tdmbrec_component_PrivateType *pPrivate)
 {
     const pthread_t hThread = exchange_shared(pPrivate->hStopThread, pthread_t{});
@@ -33,6 +34,10 @@ static void copy_recording_path(omx_tdmbrec_component_PrivateType *pPrivate)
 static OMX_ERRORTYPE start_claimed_recording(OMX_COMPONENTTYPE *pComponent)
 {
     omx_tdmbrec_component_PrivateType *const pPrivate = private_record(pComponent);
+    if (!owe_report(pComponent)) {
+        release_recording(pPrivate);
+        return OMX_ErrorInsufficientResources;
+    }
     let_stop_thread_go(pPrivate);
     if (!open_storage()) {
         store_shared<uint8_t>(global_uc_stop_type, TDMBREC_STOP_STORAGE);
@@ -43,6 +48,7 @@ static OMX_ERRORTYPE start_claimed_recording(OMX_COMPONENTTYPE *pComponent)
     const OMX_ERRORTYPE result = omx_tdmbrec_audio_enc_Init(pPrivate);
     if (result != OMX_ErrorNone) {
         close_storage();
+        cancel_report(pPrivate);
         release_recording(pPrivate);
         return result;
     }
@@ -52,16 +58,9 @@ static OMX_ERRORTYPE start_claimed_recording(OMX_COMPONENTTYPE *pComponent)
 
 OMX_ERRORTYPE start_recording(OMX_COMPONENTTYPE *pComponent)
 {
-    if (load_shared(private_record(pComponent)->bIsLeaving) != 0) {
-        return OMX_ErrorInsufficientResources;
-    }
     switch (claim_recording(private_record(pComponent))) {
     case CLAIM_GRANTED:
-        if (load_shared(private_record(pComponent)->bIsLeaving) == 0) {
-            return start_claimed_recording(pComponent);
-        }
-        release_recording(private_record(pComponent)); // the destructor came between
-        return OMX_ErrorInsufficientResources;
+        return start_claimed_recording(pComponent);
     case CLAIM_RECORDING:
         __android_log_print(ANDROID_LOG_WARN, TDMBREC_LOG_TAG, "Start while recording: ignored\n");
         return OMX_ErrorNone;
@@ -86,20 +85,16 @@ void stop_recording(OMX_COMPONENTTYPE *pComponent)
 void stop_recording_for_good(OMX_COMPONENTTYPE *pComponent)
 {
     omx_tdmbrec_component_PrivateType *const pPrivate = private_record(pComponent);
-    store_shared<uint32_t>(pPrivate->bIsLeaving, 1);
-    // Somebody else may have ended it a moment ago; from the event of that end the client may be
-    // starting the next one.
+    refuse_recordings(pPrivate);
+    // A start that was under way has still to make its recording active; another thread may have
+    // ended the last one a moment ago.
     do {
         if (take_recording(pPrivate)) {
             begin_stop(pComponent, TDMBREC_STOP_DESTROYED);
         }
         usleep(1);
-    } while (load_shared(global_recording_owner) == pPrivate ||
-             load_shared(pPrivate->uiStopsInProgress) != 0);
-    const pthread_t hThread = exchange_shared(pPrivate->hStopThread, pthread_t{});
-    if (hThread != pthread_t{}) {
-        (void)pthread_join(hThread, nullptr);
-    }
+    } while (!is_every_end_reported(pComponent));
+    let_stop_thread_go(pPrivate);
     wait_for_idle_callback(pPrivate);
 }
 

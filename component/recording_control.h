@@ -10,14 +10,14 @@
 // Starts a recording to the path last set. A start while the component records changes nothing.
 // returns OMX_ErrorNone, also when there is no storage (the client gets the end of the recording
 // with reason 0); OMX_ErrorInsufficientResources when another component of the process records,
-// memory is short or the component is being destroyed.
+// memory is short, TDMBREC_ENDS ends are not yet reported or the component is being destroyed.
 [[nodiscard]] OMX_ERRORTYPE start_recording(OMX_COMPONENTTYPE *pComponent);
 
 // Ends the active recording on the client's request; waits for the buffer in hand, not for the end.
 void stop_recording(OMX_COMPONENTTYPE *pComponent);
 
-// Ends the active recording, if any, because the component goes; returns when it is closed and
-// reported.
+// Ends the active recording, if any, because the component goes; returns when every recording of
+// the component is closed and reported.
 void stop_recording_for_good(OMX_COMPONENTTYPE *pComponent);
 
 // True for the one caller that ended the active recording; it owes a call of begin_stop.

@@ -101,42 +101,167 @@ TEST_F(Recording, IsOverWhenTheComponentGoesAlsoForAClientThatStartsAtEveryEnd)
     EXPECT_LE(client->count(EVENT_END_OF_RECORDING), 2u);
 }
 
-TEST_F(Recording, OutlivesAClientThatStartsAgainAtEveryEndWithoutStorage)
+TEST_F(Recording, OutlivesAClientThatStartsTwiceAtEveryEndWithoutStorage)
 {
     const auto client = make_client();
-    int ends = 0;
-    client->on_event = [&](const IlEvent &event) {
-        if (event.event == EVENT_END_OF_RECORDING && ++ends < 100000) {
+    uint32_t starts = 1;
+    int depth = 0;
+    client->on_event = [&](const IlEvent &) {
+        EXPECT_EQ(++depth, 1) << "an end within the event of another";
+        for (int i = 0; i < 2 && starts < 100000; i++, starts++) {
             EXPECT_EQ(client->start(), OMX_ErrorNone);
         }
+        depth--;
     };
     host_fail_call(HOST_CALL_DFOPEN, 0, UINT32_MAX);
     EXPECT_EQ(client->start(), OMX_ErrorNone);
-    EXPECT_EQ(client->count(EVENT_END_OF_RECORDING), 100000u);
+    EXPECT_EQ(client->count(EVENT_END_OF_RECORDING), starts);
+}
+
+// Notes the ends of more than one client, and whether two were ever told at once.
+class EndsInOrder {
+  public:
+    void watch(IlClient &client, char name, std::function<void()> at_first_end)
+    {
+        client.on_event = [this, name, at_first_end](const IlEvent &event) {
+            if (event.event != EVENT_END_OF_RECORDING) {
+                return;
+            }
+            EXPECT_FALSE(is_in_event_.exchange(true)) << "two at once";
+            ends_ += name + std::to_string(event.data2) + ' ';
+            if (ends_.size() == 3) {
+                at_first_end();
+            }
+            is_in_event_ = false;
+        };
+    }
+    const std::string &ends() const
+    {
+        return ends_;
+    }
+
+  private:
+    std::atomic<bool> is_in_event_ = false;
+    std::string ends_;
+};
+
+TEST_F(Recording, IsReportedInTheOrderInWhichTheRecordingsEnded)
+{
+    const auto client = make_recorder();
+    const auto other = make_client();
+    EndsInOrder order;
+    // Every start waits until the recording before it is closed.
+    order.watch(*client, 'A', [&] {
+        EXPECT_EQ(client->start(), OMX_ErrorNone);
+        send_programme(*client, 3);
+        host_set_storage(0, 8000000, 51200);
+        send_programme(*client, 1, 3);
+        host_set_storage(0, 8000000, 4000000);
+        for (uint32_t n = 3; n < TDMBREC_ENDS; n++) {
+            EXPECT_EQ(client->start(), OMX_ErrorNone) << n;
+            send_programme(*client, 3);
+            refuse_threads(n == 3 ? 1 : 0); // the first one ends on this thread
+            EXPECT_EQ(client->stop(), OMX_ErrorNone);
+            if (n == 3) {
+                host_fail_call(HOST_CALL_DFOPEN, 0, 2);
+                EXPECT_EQ(client->start(), OMX_ErrorNone);
+                EXPECT_EQ(other->start(), OMX_ErrorNone);
+            }
+        }
+        EXPECT_EQ(client->start(), OMX_ErrorInsufficientResources) << "too many ends untold";
+        std::this_thread::sleep_for(std::chrono::milliseconds(20)); // time for one out of turn
+    });
+    order.watch(*other, 'B', [] {});
+    send_programme(*client, 3);
+    client->stop();
+    for (uint32_t n = 0; n < TDMBREC_ENDS; n++) {
+        EXPECT_TRUE(client->wait_for_end().has_value());
+    }
+    EXPECT_EQ(order.ends(), "A1 A2 A1 A0 B0 A1 A1 A1 A1 ");
+    EXPECT_EQ(client->start(), OMX_ErrorNone) << "they have all been told";
+    client->destroy();
+    EXPECT_EQ(client->wait_for_end(0), 0u);
 }
 
 TEST_F(Recording, EndsForAnotherComponentThatGoesWithinTheEvent)
 {
-    const auto client = make_recorder();
-    const auto other = make_client();
-    std::vector<const IlClient *> ended;
-    client->on_event = [&](const IlEvent &event) {
-        if (event.event == EVENT_END_OF_RECORDING && ended.empty()) {
-            host_fail_call(HOST_CALL_DFOPEN, 0, 2); // both starts end at once
-            EXPECT_EQ(other->start(), OMX_ErrorNone);
-            other->destroy();
-        }
-        ended.push_back(client.get());
+    for (const char way : {'0', 't', 'p', 'w'}) {
+        const auto client = make_recorder();
+        const auto other = make_client();
+        other->to_executing();
+        std::string ended;
+        client->on_event = [&](const IlEvent &event) {
+            if (event.event == EVENT_END_OF_RECORDING && ended.empty()) {
+                if (way == '0') {
+                    host_fail_call(HOST_CALL_DFOPEN, 0, 2); // both starts end at once
+                }
+                EXPECT_EQ(other->start(), OMX_ErrorNone);
+                if (way == 'w') { // a stop thread that waits for its turn, after this event
+                    EXPECT_EQ(other->stop(), OMX_ErrorNone);
+                    EXPECT_EQ(other->start(), OMX_ErrorNone);
+                }
+                refuse_threads(way == 'p' ? 1 : 0); // in place
+                other->destroy();
+            }
+            ended += event.event == EVENT_END_OF_RECORDING ? "client " : "";
+        };
+        other->on_event = [&](const IlEvent &event) {
+            if (event.event == EVENT_END_OF_RECORDING) {
+                if (way != 'w') {
+                    host_fail_call(HOST_CALL_DFOPEN, 0, 1);
+                    EXPECT_EQ(client->start(), OMX_ErrorNone);
+                }
+                ended += "other ";
+            }
+        };
+        client->stop();
+        EXPECT_TRUE(client->wait_for_end().has_value());
+        client->destroy();
+        EXPECT_EQ(ended, way == 'w' ? "other other client " : "other client client ")
+            << "its own next end comes after the event";
+    }
+}
+
+// Each of the two handlers gets the data that came with it.
+template <int Own>
+static OMX_ERRORTYPE expect_own_data(OMX_HANDLETYPE, OMX_PTR data, OMX_EVENTTYPE, OMX_U32, OMX_U32,
+                                     OMX_PTR)
+{
+    EXPECT_EQ(*static_cast<int *>(data), Own);
+    return OMX_ErrorNone;
+}
+
+TEST_F(Recording, KeepsItsClientFromTheStartToTheReturnOfItsEvent)
+{
+    const auto client = make_client();
+    OMX_COMPONENTTYPE *const handle = client->handle();
+    int data[] = {0, 1};
+    OMX_CALLBACKTYPE callbacks[] = {{expect_own_data<0>, nullptr, nullptr},
+                                    {expect_own_data<1>, nullptr, nullptr}};
+    const auto change = [&](int i) {
+        return handle->SetCallbacks(handle, &callbacks[i], &data[i]);
     };
-    other->on_event = [&](const IlEvent &) {
-        EXPECT_EQ(client->start(), OMX_ErrorNone);
-        ended.push_back(other.get());
+    client->on_event = [&](const IlEvent &) {
+        EXPECT_EQ(change(0), OMX_ErrorIncorrectStateOperation) << "from the event";
     };
+    EXPECT_EQ(client->start(), OMX_ErrorNone);
+    EXPECT_EQ(change(0), OMX_ErrorIncorrectStateOperation) << "recording";
     client->stop();
-    EXPECT_TRUE(client->wait_for_end() && client->wait_for_end());
+    while (change(0) != OMX_ErrorNone) {
+        std::this_thread::yield();
+    }
+    EXPECT_EQ(client->count(EVENT_END_OF_RECORDING), 1u);
+    host_fail_call(HOST_CALL_DFOPEN, 0, UINT32_MAX);
+    std::thread starter([&] {
+        for (int i = 0; i < 1000; i++) {
+            EXPECT_EQ(client->start(), OMX_ErrorNone);
+        }
+    });
+    for (int i = 0; i < 1000; i++) {
+        (void)change(i % 2);
+    }
+    starter.join();
     client->destroy();
-    EXPECT_EQ(ended, (std::vector<const IlClient *>{other.get(), client.get(), client.get()}))
-        << "its own next end comes after the event";
 }
 
 TEST_F(Recording, IsNeitherDisturbedNorJoinedByAnotherStart)
@@ -229,18 +354,38 @@ TEST_F(Recording, TrustsNoLengthOfTheClient)
     client->to_loaded();
 }
 
-TEST_F(Recording, SurvivesStopsStartsAndStateChangesFromAnywhere)
+TEST_F(Recording, SurvivesStopsStartsAndStateChangesWhileItsParametersAndStorageChange)
 {
-    const auto client = make_recorder();
+    const std::string paths[] = {RECORDING + std::string(60, 'a'),
+                                 RECORDING + std::string(60, 'b')};
+    const auto client = make_recorder(paths[0]);
     std::atomic<bool> is_over = false;
     std::thread meddler([&] {
-        for (int i = 0; i < 60; i++) {
+        for (uint32_t i = 0; i < 60; i++) {
             client->stop();
             std::this_thread::sleep_for(std::chrono::milliseconds(i % 4));
+            host_fail_call(HOST_CALL_DFOPEN, 0, i % 9 == 0); // there is no storage
             EXPECT_EQ(client->start(), OMX_ErrorNone);
             std::this_thread::sleep_for(std::chrono::milliseconds(i % 7));
+            host_fail_call(HOST_CALL_DFGET, 0, i % 5 == 0);              // it vanishes
+            host_set_storage(0, 8000000, i % 11 == 0 ? 51200 : 4000000); // it is full
         }
         is_over = true;
+    });
+    std::thread setter([&] {
+        std::string name(TDMBREC_NAME_PART_2_BYTES, 'n');
+        OMX_AUDIO_PARAM_PCMMODETYPE pcm = {};
+        pcm.nSamplingRate = 48000;
+        for (uint32_t i = 0; !is_over; i++) {
+            client->set_path(paths[i % 2]);
+            for (const OMX_INDEXTYPE index :
+                 {TDMBREC_INDEX_NAME_PART_1, TDMBREC_INDEX_NAME_PART_2}) {
+                EXPECT_EQ(OMX_SetParameter(client->handle(), index, name.data()), OMX_ErrorNone);
+            }
+            EXPECT_EQ(OMX_SetParameter(client->handle(), OMX_IndexParamAudioPcm, &pcm),
+                      OMX_ErrorNone);
+            std::this_thread::sleep_for(std::chrono::microseconds(50));
+        }
     });
     for (size_t round = 1; !is_over; round++) {
         send_programme(*client, 8);
@@ -250,6 +395,15 @@ TEST_F(Recording, SurvivesStopsStartsAndStateChangesFromAnywhere)
         }
     }
     meddler.join();
+    setter.join();
     client->destroy();
     EXPECT_EQ(client->count(EVENT_END_OF_RECORDING), 61u) << "each recording ended once";
+    for (const auto &entry : std::filesystem::directory_iterator("/mnt/sdcard")) {
+        EXPECT_TRUE(!entry.is_regular_file() || entry.path() == paths[0] ||
+                    entry.path() == paths[1])
+            << entry.path() << " mixes two paths";
+        if (entry.is_regular_file()) {
+            std::filesystem::remove(entry);
+        }
+    }
 }

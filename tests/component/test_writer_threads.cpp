@@ -17,19 +17,26 @@ struct Frame {
 
 class WriterThreads : public ComponentTest {
   protected:
-    void start_writers(IlClient &client)
+    static void start_writer(IlClient &client, uint32_t fifo, pthread_t *thread)
+    {
+        ASSERT_EQ(pthread_create(thread, nullptr,
+                                 fifo == QVR_FIFO_VIDEO ? omx_tdmbrec_video_thread
+                                                        : omx_tdmbrec_audio_thread,
+                                 client.handle()),
+                  0);
+    }
+    void empty_fifos()
     {
         for (const uint32_t fifo : {QVR_FIFO_AUDIO, QVR_FIFO_VIDEO}) {
             QVR_FIFO_InitBuffer(fifo, static_cast<uint32_t>(storage_[fifo].size()),
                                 storage_[fifo].data());
-            const bool is_video = fifo == QVR_FIFO_VIDEO;
-            ASSERT_EQ(pthread_create(is_video ? &record_of(client)->hVideoWriterThread
-                                              : &record_of(client)->hAudioWriterThread,
-                                     nullptr,
-                                     is_video ? omx_tdmbrec_video_thread : omx_tdmbrec_audio_thread,
-                                     client.handle()),
-                      0);
         }
+    }
+    void start_writers(IlClient &client)
+    {
+        empty_fifos();
+        start_writer(client, QVR_FIFO_AUDIO, &record_of(client)->hAudioWriterThread);
+        start_writer(client, QVR_FIFO_VIDEO, &record_of(client)->hVideoWriterThread);
     }
     // Parameter sets in a buffer of their own.
     static void open_file(IlClient &client)
@@ -155,6 +162,44 @@ TEST_F(WriterThreads, EndTheRecordingOnceAfterAFailedWriteAndPastTheLargestFile)
         EXPECT_TRUE(has_logged(fails ? "[omx_tdmbrec_video_thread:2221] -7 [0] Error: 0x"
                                      : "[omx_tdmbrec_audio_thread:2152] 0 [0] Error: 0x"));
         client->to_loaded();
+        EXPECT_EQ(record_of(*client)->stMuxError.m_pszMessage, nullptr)
+            << "the muxer's, which went";
+        EXPECT_EQ(client->count(EVENT_END_OF_RECORDING), 1u);
+        EXPECT_EQ(mp4_reader::read_movie(read_file(RECORDING)).error, "");
+        reset_wrapped_calls();
+    }
+}
+
+TEST_F(WriterThreads, MayOutliveTheRecordingOfAProgramThatJoinsThemItself)
+{
+    for (int round = 0; round < 20; round++) {
+        const auto client = make_recorder();
+        empty_fifos();
+        open_file(*client);
+        pthread_t threads[2];
+        start_writer(*client, QVR_FIFO_AUDIO, &threads[0]);
+        start_writer(*client, QVR_FIFO_VIDEO, &threads[1]);
+        const bool fails = round % 2 == 0;
+        for (int i = 0; client->count(EVENT_END_OF_RECORDING) == 0; i++) {
+            feed(*client, QVR_FIFO_AUDIO, {Bytes(100, 1), i, true});
+            feed(*client, QVR_FIFO_VIDEO, {Bytes(100, 1), i, true});
+            if (i != 300) {
+                continue;
+            }
+            while (QVR_FIFO_GetLength(QVR_FIFO_VIDEO) > 200) { // the writers are at work
+                std::this_thread::yield();
+            }
+            if (fails) {
+                set_put_result(-7, 0);
+            } else {
+                client->stop();
+            }
+        }
+        EXPECT_EQ(client->wait_for_end(), fails ? 5u : 1u);
+        for (const pthread_t thread : threads) {
+            EXPECT_EQ(pthread_join(thread, nullptr), 0);
+        }
+        client->destroy();
         EXPECT_EQ(client->count(EVENT_END_OF_RECORDING), 1u);
         EXPECT_EQ(mp4_reader::read_movie(read_file(RECORDING)).error, "");
         reset_wrapped_calls();
