@@ -6,6 +6,8 @@
 // handed over is reported by whoever finishes the report before it, so that nothing nests.
 // A component that is being destroyed keeps to the order of its own ends alone: the client may
 // destroy it from the event of another component.
+//
+// docs/models/recordings.pml is the model of this order and of the whole life of a recording.
 #ifndef COMPONENT_END_REPORTS_H
 #define COMPONENT_END_REPORTS_H
 

@@ -22,6 +22,7 @@ typedef struct frame_entry_t {
 } frame_entry_t;
 
 // Producer and consumer both decide on the state from both indexes: the four change as one.
+// docs/models/frame_fifo.pml is the model of what they do with it.
 typedef struct alignas(8) fifo_position_t {
     uint16_t usRead;  // oldest committed entry
     uint16_t usWrite; // entry being filled, the next to commit

@@ -1,7 +1,8 @@
 // The life of a recording: its start, and the one way in which it ends.
 //
 // Whoever takes bRecording from 1 to 0 ends the recording: it alone sets the reason and starts the
-// stop procedure, so that a recording ends once and is reported once.
+// stop procedure, so that a recording ends once and is reported once. docs/models/recordings.pml is
+// the model of it.
 #ifndef COMPONENT_RECORDING_CONTROL_H
 #define COMPONENT_RECORDING_CONTROL_H
 

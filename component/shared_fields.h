@@ -47,12 +47,4 @@ template <typename T>
     return __atomic_compare_exchange(&field, &from, &to, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);
 }
 
-// Adds to a counter, which wraps. returns what it held before.
-template <typename T>
-inline T add_shared(T &field, T addend)
-{
-    static_assert(is_shareable<T> && std::is_unsigned_v<T>);
-    return __atomic_fetch_add(&field, addend, __ATOMIC_SEQ_CST);
-}
-
 #endif
