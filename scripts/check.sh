@@ -2,8 +2,8 @@
 # Installs what is needed, builds the recorder in every way and runs all tests.
 #
 #   sh scripts/check.sh             everything
-#   sh scripts/check.sh STEP ...    some of: format try spin bench fuzz coverage 32bit arm asan-ubsan
-#                                   tsan clang release
+#   sh scripts/check.sh STEP ...    some of: format try spin bench fuzz compilers coverage 32bit
+#                                   arm asan-ubsan tsan clang release
 set -eu
 cd "$(dirname "$0")/.."
 case ${1:-} in
@@ -12,7 +12,7 @@ case ${1:-} in
     exit 0
     ;;
 esac
-all='format try spin bench fuzz coverage 32bit arm asan-ubsan tsan clang release'
+all='format try spin bench fuzz compilers coverage 32bit arm asan-ubsan tsan clang release'
 steps=${*:-$all}
 jobs=$(nproc)
 not_checked_out='the step format needs git and a folder that git has checked out'
@@ -89,6 +89,9 @@ run_step() {
         ;;
     spin)
         sh docs/models/check.sh
+        ;;
+    compilers) # the other two are those of the steps clang and release
+        sh scripts/check_compilers.sh clang++-16 clang++-19
         ;;
     clang)
         build release clang -D CMAKE_CXX_COMPILER=clang++
