@@ -23,6 +23,9 @@ fi
 cmake --fresh --preset release -D TDMBREC_WARNINGS_AS_ERRORS=$tests -D TDMBREC_TESTS=$tests \
     -D TDMBREC_BENCH=$tests "$@"
 cmake --build build/release --target tdmbrec tdmbrec_component
+if [ ! -e /proc/self/exe ]; then # from which the loader finds the libraries beside a program
+    export LD_LIBRARY_PATH="$PWD/build/release/lib"
+fi
 build/release/bin/tdmbrec record --force --output programme.mp4 \
     --video samples/programme.h264 --audio samples/programme.wav
 ffprobe -v warning -show_entries \

@@ -27,6 +27,8 @@ TEST_F(storage_view, is_a_mount_or_a_link_and_otherwise_says_what_is_missing)
         GTEST_SKIP() << "this system allows no mount namespace";
     }
     const std::string recorded = "0\n580087\n", no_unshare = FORBID " unshare ";
+    const std::string no_proc = // the loader cannot find the libraries beside the command there
+        "mount -t tmpfs none /proc; export LD_LIBRARY_PATH=$TDMBREC_BUILD/lib";
     const std::string other_user = "unshare -U --map-user=7 --map-group=7 ";
     const struct {
         std::string before, forbid, out, sentence;
@@ -35,7 +37,7 @@ TEST_F(storage_view, is_a_mount_or_a_link_and_otherwise_says_what_is_missing)
         {"true", no_unshare, recorded, ""},
         {"true", FORBID " mount ", recorded, ""},
         {"true", FORBID " bind ", recorded, ""}, // the memory at /mnt is taken away again
-        {kNeedsProc ? "true" : "mount -t tmpfs none /proc", "", recorded, ""},
+        {kNeedsProc ? "true" : no_proc, "", recorded, ""},
         // What a killed command has left is replaced; what another owns is not.
         {"ln -s .tdmbrec-sdcard /mnt/sdcard; ln -s /gone /mnt/.tdmbrec-sdcard", no_unshare,
          recorded, ""},
