@@ -26,7 +26,7 @@ static constexpr size_t LOOK_AHEAD_PACKETS = 2'000;
 
 static constexpr int64_t STAMP_MAX_US = int64_t{1} << 56;
 
-// The longest run, and the longest gap behind one that may have come about within it.
+// The longest run, and the longest gap after one that may have come about within it.
 static constexpr size_t RUN_PACKETS = 64;
 static constexpr int64_t RUN_GAP_MAX_US = 80'000;
 
@@ -76,7 +76,7 @@ static std::optional<int64_t> unwrap_next(const stream_clock &clock, const strea
     return is_comparable ? unwrap(clock, stamp, *other->place.stamp) : stamp;
 }
 
-// Goes on to a packet with that time stamp; without one, to the end of the last.
+// Advances to a packet with that time stamp; without one, to the end of the last.
 static void advance(const stream_clock &clock, stream_place &place, const AVPacket &packet,
                     std::optional<int64_t> stamp)
 {
@@ -112,7 +112,7 @@ static bool pull(stream_clock &clock)
             drop_wild_stamps(clock, *packet);
             clock.ahead.push_back(std::move(packet));
         }
-    } catch (...) { // for its own reader, behind the packets that came before it
+    } catch (...) { // for its own reader, after the packets that came before it
         clock.fault = std::current_exception();
         clock.ended = true;
     }
@@ -120,7 +120,7 @@ static bool pull(stream_clock &clock)
 }
 
 // The gap between the run that begins with the next packet to be placed and the run after it.
-static int64_t gap_behind_run(stream_clock &clock)
+static int64_t gap_after_run(stream_clock &clock)
 {
     std::optional<int64_t> end; // in the time base
     for (size_t i = clock.placed; i < clock.placed + RUN_PACKETS; i++) {
@@ -146,7 +146,7 @@ static void place_packet(stream_clock &clock, std::optional<int64_t> stamp)
 {
     AVPacket &packet = *clock.ahead[clock.placed];
     if (clock.spreads_gaps && packet.pos >= 0) {
-        clock.run_shift_us = gap_behind_run(clock) / 2;
+        clock.run_shift_us = gap_after_run(clock) / 2;
     }
     clock.placed++;
     if (stamp) {
@@ -180,13 +180,13 @@ static bool is_far_ahead(const stream_clock &clock, const stream_place &place, s
 
 // The jump of one stream, for which the other is searched.
 struct jump {
-    int64_t stamp;        // of the first packet behind it
+    int64_t stamp;        // of the first packet after it
     int64_t back_us;      // below 0: ahead
     int64_t position;     // where that packet is in the file
     int64_t old_position; // and the last one before it
 };
 
-enum class sight { crossing, goes_on, has_end, nothing_yet };
+enum class sight { crossing, continues, has_end, nothing_yet };
 
 struct outlook {
     sight found;
@@ -198,24 +198,26 @@ struct outlook {
 // A walk over packets that are not on the line yet.
 struct search {
     stream_place place;
-    outlook hidden = {sight::goes_on}; // a crossing that shows by nothing but a break or its place
+    outlook hidden = {
+        sight::continues}; // a crossing that shows by nothing but a break or its place
     bool is_at_break = false;
 };
 
 // Notes where the stream may have crossed with a step that is no jump, because it had lost enough
-// before: at the first gap or overlap behind the jump's place in the file. After a small step back,
+// before: at the first gap or overlap after the jump's place in the file. After a small step back,
 // even that is no condition.
 static void note_hidden(search &search, const jump &jump, const outlook &here, int64_t away_us)
 {
     const bool is_break = std::abs(away_us) > BREAK_US;
     const bool is_small = jump.back_us > 0 && jump.back_us <= SMALL_STEP_BACK_US;
-    if ((is_break && !search.is_at_break) || (is_small && search.hidden.found == sight::goes_on)) {
+    if ((is_break && !search.is_at_break) ||
+        (is_small && search.hidden.found == sight::continues)) {
         search.hidden = here;
         search.is_at_break = is_break;
     }
 }
 
-// Takes the walk over one packet. returns whether it is behind a jump of its own, in `here`.
+// Takes the walk over one packet. returns whether it comes after a jump of its own, in `here`.
 static bool look_at(const stream_clock &clock, search &search, const jump &jump,
                     const AVPacket &packet, outlook &here)
 {
@@ -246,8 +248,8 @@ static bool look_at(const stream_clock &clock, search &search, const jump &jump,
 static outlook find_crossing(stream_clock &clock, const jump &jump)
 {
     search search = {.place = clock.place};
-    outlook found = {sight::goes_on};
-    for (size_t i = clock.placed; found.found == sight::goes_on; i++) {
+    outlook found = {sight::continues};
+    for (size_t i = clock.placed; found.found == sight::continues; i++) {
         outlook here = {sight::crossing, i};
         if (i == clock.ahead.size() && !pull(clock)) {
             found = {sight::has_end, i, 0, search.place.end_us};
@@ -255,7 +257,8 @@ static outlook find_crossing(stream_clock &clock, const jump &jump)
             found = here;
         } else if (is_far_ahead(clock, search.place, i - clock.placed)) {
             const bool is_before = search.place.position < jump.position;
-            found.found = is_before && clock.other->may_wait ? sight::nothing_yet : sight::goes_on;
+            found.found =
+                is_before && clock.other->may_wait ? sight::nothing_yet : sight::continues;
             break;
         }
     }

@@ -39,7 +39,7 @@ struct stream_clock {
     std::function<packet_ptr(void)> source; // null at the end; throws what breaks the stream off
     AVRational time_base = {1, 1'000'000};
     int wrap_bits = 64;            // width of the time stamps
-    int64_t step_us = 0;           // between two packets; 0: their duration tells
+    int64_t step_us = 0;           // between two packets; 0: their duration
     stream_clock *other = nullptr; // the stream that shares the clock
     bool may_wait = false;         // what is read can come later
     bool spreads_gaps = false;     // as below, at run_shift_us
@@ -49,7 +49,7 @@ struct stream_clock {
     unsigned jumps = 0;    // closed by this stream, for both
     // Packets may come in runs, of which only the first one has a time stamp of its own and a place
     // in the file; the others count on from there, whatever was lost between them. Half of the gap
-    // behind a run is put in front of them, so that none is off by more than the other half.
+    // after a run is put in front of them, so that none is off by more than the other half.
     int64_t run_shift_us = 0;
     bool waits = false; // the last call gave nothing, but the stream has not ended
     std::deque<packet_ptr> ahead;
