@@ -1,6 +1,6 @@
 #!/bin/sh
 # Checks the models of this folder in every order of their threads' steps, and that their known-bad
-# variants fail; about 10 seconds. Needs spin and a C compiler; writes to build/models only.
+# variants fail; about 20 seconds. Needs spin and a C compiler; writes to build/models only.
 set -eu
 models=$(cd "$(dirname "$0")" && pwd)
 build=$models/../../build/models
