@@ -237,7 +237,8 @@ TEST_F(Entrance, GivesTheFileOfTheTable)
     client->to_loaded();
 }
 
-// Every row after every other one, as a new component records it; of the large sets some.
+// Every row before and after a third of the others, as a new component records it. One size of the
+// large sets is enough.
 TEST_F(Entrance, KeepsNothingForTheNextRecording)
 {
     host_set_log_level(8);
@@ -251,7 +252,7 @@ TEST_F(Entrance, KeepsNothingForTheNextRecording)
     }
     const auto client = make_ready();
     for (size_t a = 0; a < rows.size() && !HasFailure(); a++) {
-        for (size_t b = a; b < rows.size(); b++) { // a after b, b after a
+        for (size_t b = a; b < rows.size(); b += 3) { // b after a, and the next time a after b
             EXPECT_EQ(record(*client, rows[a]), files[a]) << rows[a].name << ", " << rows[b].name;
             EXPECT_EQ(record(*client, rows[b]), files[b]) << rows[b].name << ", " << rows[a].name;
         }
