@@ -134,7 +134,7 @@ for step in $steps; do
     esac
 done
 missing=$(sh scripts/install_dependencies.sh --missing tests)
-echo "The steps are: $steps. All steps together take about 20 minutes on two cores."
+echo "The steps are: $steps. All steps together take about 25 minutes on two cores."
 if [ -n "$missing" ]; then
     echo "First these Debian packages are installed, with what they need, in about 5 minutes: $missing"
 fi
