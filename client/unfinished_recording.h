@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-// The folder beside the output has the output's name and this behind it.
+// The folder beside the output has the output's name with this after it.
 inline constexpr char kRecordingSuffix[] = ".recording";
 
 // In the folder, or below it on the card: the recording, and the component's own files.

@@ -17,7 +17,7 @@ static const work_folder *folder_in_use; // under folder_lock
     throw failure(exit_code::output, what + ": " + std::strerror(errno));
 }
 
-// The folder beside the output has the output's name and this behind it.
+// The folder beside the output has the output's name with this after it.
 static constexpr char kSuffix[] = ".part";
 
 // All that is ever in it: what the commands make, and the muxer's tables.

@@ -97,7 +97,7 @@ bool describe_access_unit(const uint8_t *pData, uint32_t length, access_unit_t *
     return pAccessUnit->uiFrontUnitCount + pAccessUnit->uiUnitCount > 0;
 }
 
-// Writes every unit behind its length, or behind a start code.
+// Writes every unit after its length, or after a start code.
 static uint32_t rewrite_units(const uint8_t *pData, uint32_t length, bool has_lengths,
                               uint8_t *pOut)
 {

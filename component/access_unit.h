@@ -18,7 +18,7 @@
 typedef struct nal_unit_t {
     uint32_t uiStartCode;
     uint32_t uiStart;
-    uint32_t uiEnd; // uiStart when there is nothing behind the start code
+    uint32_t uiEnd; // uiStart when nothing follows the start code
 } nal_unit_t;
 
 // What an access unit in start-code form is made of. Offsets are in bytes from its start.
