@@ -101,6 +101,11 @@ TEST_F(keeping, survives_what_happens_to_the_storage)
          "cannot take the name b.mp4: File exists\ntdmbrec: the finished file (", true},
         {"120m", "ulimit -f 4000; " RECORD SLOW "--json", 8,
          "failed: it has reached the shell's limit for files (ulimit -f)\n", true},
+        // In /mnt/sdcard itself, the folder beside the output leads to it.
+        {"120m",
+         "mount -t tmpfs none /mnt; mkdir /mnt/sdcard; ulimit -f 4000; " FORBID
+         " unshare " RECORD SLOW,
+         8, ") stays as /mnt/sdcard/tdmbrec-", true},
         // All space is gone before the component looks at it again.
         {"65m", UNDER_WAY "kill -STOP $p; cat /dev/zero > full; kill -CONT $p; wait $p", 8,
          "the free space is used up (the recorder leaves 52.4 MB)\ntdmbrec: what was recorded (",
