@@ -42,7 +42,7 @@ typedef struct access_unit_t {
 [[nodiscard]] bool describe_access_unit(const uint8_t *pData, uint32_t length,
                                         access_unit_t *pAccessUnit);
 
-// Takes the first unit at or after *pAt, and moves *pAt to the start code behind it.
+// Takes the first unit at or after *pAt, and moves *pAt to the end of its bytes.
 // returns false when there is none.
 [[nodiscard]] bool take_unit(const uint8_t *pData, uint32_t length, uint32_t *pAt,
                              nal_unit_t *pUnit);

@@ -213,6 +213,7 @@ static void reset_recording_state(omx_tdmbrec_component_PrivateType *pPrivate)
     pPrivate->uiBackupVideoPts = 0;
     pPrivate->bAudioWritten = 0;
     pPrivate->bVideoWritten = 0;
+    pPrivate->bOpenedBySetsAlone = 0;
     pPrivate->bInBandParameterSets = 0;
     pPrivate->bFileBegun = 0;
     forget_kept_sets(pPrivate);

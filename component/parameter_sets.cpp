@@ -105,6 +105,10 @@ void keep_parameter_sets(omx_tdmbrec_component_PrivateType *pPrivate, const uint
         return;
     }
     if (pAccessUnit->uiUnitCount > 0) {
+        if (pPrivate->iMuxOpenResult == 0 && pPrivate->bInBandParameterSets == 0 &&
+            pPrivate->bOpenedBySetsAlone == 0) {
+            return; // a picture has opened the file: sets in front of pictures are left out of it
+        }
         if (!has_begun && has_both_kinds(pAccessUnit)) {
             forget_kept_sets(pPrivate);
             return;

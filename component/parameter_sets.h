@@ -15,7 +15,7 @@
 // Keeps the parameter sets in front of an access unit, for as long as the file needs some: until it
 // has begun, and in a file that carries them in its access units. A kept one of the same kind and
 // number goes; one that does not fit in is dropped (logged). A picture that brings both kinds
-// itself takes none of the earlier ones.
+// itself takes none of the earlier ones before the file has begun.
 void keep_parameter_sets(omx_tdmbrec_component_PrivateType *pPrivate, const uint8_t *pData,
                          const access_unit_t *pAccessUnit);
 

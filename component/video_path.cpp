@@ -135,6 +135,7 @@ static bool handle_sets_alone(omx_tdmbrec_component_PrivateType *pPrivate, const
         if (!open_file(pPrivate, pAccessUnit, length)) {
             return false;
         }
+        pPrivate->bOpenedBySetsAlone = 1;
     }
     if (pPrivate->iMuxOpenResult == 0 && pPrivate->bInBandParameterSets == 0 &&
         pPrivate->uiFirstVideoPts == 0) {
@@ -152,7 +153,7 @@ static void begin_file(omx_tdmbrec_component_PrivateType *pPrivate, const uint8_
     }
     pPrivate->bFileBegun = 1;
     // Parameter sets alone opened the file and others have come since: it carries these as well.
-    if (pPrivate->bInBandParameterSets == 0 &&
+    if (pPrivate->bOpenedBySetsAlone != 0 && pPrivate->bInBandParameterSets == 0 &&
         (pAccessUnit->uiPictureOffset != pPrivate->ucVideoConfigLen ||
          memcmp(pData, pPrivate->aucVideoConfig, pPrivate->ucVideoConfigLen) != 0)) {
         pPrivate->bInBandParameterSets = 1;

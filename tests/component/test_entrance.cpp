@@ -48,6 +48,8 @@ static const std::vector<Row> kRows = {
     {"no IDR picture",                "40SPN 80SPI",                      "SP", "0N 40I*"},
     {"an IDR slice behind an SEI",    "40SPEI",                           "SP", "0EI*"},
     {"at time 0: the next sets",      "0SPI 40i 80SPI",                   "SP", "0I*"},
+    {"at time 0: a PPS follows",      "0SPI 40PN 80SPI",                  "SP", "0N 40I*"},
+    {"at time 0: other sets follow",  "0SPI 40spi 80PSI 120Pi",           "SP", "0i* 40I* 80i*"},
     {"later sets are left out",       "40SPI 80spi 120sp 160N",           "SP", "0I* 40i* 120N"},
     {"several in front",              "40SPQI",                           "SP", "0SPQI*"},
     {"short start codes in front",    "40.SPI",                           "SP", "0SPI*"},
