@@ -90,8 +90,8 @@ static void check_free_space(const storage_root &storage)
     }
 }
 
-// Another recording to the same output stops this one when it is under way, and is told of when it
-// was left.
+// Another recording to the same output stops this one when it is under way, and is named when it was
+// left.
 static void look_for_others(session &self)
 {
     std::vector<std::string> remarks;
@@ -414,7 +414,7 @@ static void report(session &self, const std::string &rest)
     }
 }
 
-// The storage goes last: until then, the user who gives up is told where the recording is.
+// The storage goes last: until then, the user who gives up can read where the recording is.
 static void close_all(session &self)
 {
     if (player_left_alone()) {

@@ -13,7 +13,7 @@
 #include <unistd.h>
 
 // The name at /mnt/sdcard is a link to a second one beside it, which leads to the folder: so a link
-// that a killed command has left is told from every link that somebody else has made.
+// that a killed command has left differs from every link that somebody else has made.
 static constexpr char kMount[] = "/mnt";
 static constexpr char kName[] = "sdcard";
 static constexpr char kOwnLink[] = ".tdmbrec-sdcard";
@@ -58,7 +58,7 @@ static bool enter_user_namespace(void)
 }
 
 // As a slave, the namespace keeps its own mounts to itself, and whoever unmounts the output's file
-// system is told that it is in use.
+// system gets the answer that it is in use.
 void storage_isolate(void)
 {
     user = geteuid();

@@ -98,7 +98,7 @@ typedef struct zpl_aenc_input_t {
 #define TDMBREC_ENDS 8 // recordings of one component whose ends are not yet reported
 
 typedef enum tdmbrec_end_state_t : uint8_t {
-    END_FREE = 0, // stands for no recording
+    END_FREE = 0, // of no recording
     END_OWED,     // the recording has not ended, or a thread waits to send the report or sends it
     END_HANDED    // queued; whoever sends the report before it sends it too
 } tdmbrec_end_state_t;
@@ -107,7 +107,7 @@ typedef enum tdmbrec_end_state_t : uint8_t {
 typedef struct tdmbrec_end_t {
     struct tdmbrec_end_t *pNext; // the process's recording that ended after it
     OMX_COMPONENTTYPE *pComponent;
-    uint64_t uiCount; // ends in a row that it stands for
+    uint64_t uiCount; // ends in a row that share it
     uint8_t ucReason; // tdmbrec_stop_reason_t
     tdmbrec_end_state_t ucState;
 } tdmbrec_end_t;

@@ -4,8 +4,8 @@
 
 #include <cstring>
 
-static constexpr uint32_t kSpsIdOffset = 4; // behind header, profile, constraints and level
-static constexpr uint32_t kPpsIdOffset = 1; // behind the header
+static constexpr uint32_t kSpsIdOffset = 4; // after header, profile, constraints and level
+static constexpr uint32_t kPpsIdOffset = 1; // after the header
 static constexpr uint32_t kMaxIdZeros = 16; // a code that begins with more is no id
 
 enum passed_state : uint8_t { kNothingPassed, kPicturePassed, kSpsCameAgain };
@@ -20,7 +20,7 @@ static uint32_t type_of(const uint8_t *pData, const nal_unit_t *pUnit)
     return pData[pUnit->uiStart] & 0x1F;
 }
 
-// ue(v), plus 1, at the start of `count` bytes; behind them everything is 0.
+// ue(v), plus 1, at the start of `count` bytes; after them everything is 0.
 static uint32_t read_exp_golomb(const uint8_t *pBytes, uint32_t count)
 {
     const auto bit = [&](uint32_t at) {
