@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
@@ -14,32 +15,54 @@
 static constexpr size_t kNameBytesMax = 255;
 static constexpr int kFoldersMax = 999; // of one output
 static constexpr size_t kNumberBytes = 4;
+static constexpr size_t kDigestBytes = 8;
 
 static bool starts_inside_character(const std::string &text, size_t at)
 {
     return at < text.size() && (static_cast<unsigned char>(text[at]) & 0xC0u) == 0x80u;
 }
 
-// The output's name as far as it fits, cut between two characters of UTF-8.
+// FNV-1a, 32 bits, as eight digits.
+static std::string digest(const std::string &text)
+{
+    uint32_t sum = 0x811C9DC5;
+    for (const char letter : text) {
+        sum = (sum ^ static_cast<uint8_t>(letter)) * 0x01000193;
+    }
+    std::string digits(kDigestBytes, '0');
+    for (size_t i = kDigestBytes; i > 0; i--, sum >>= 4) {
+        digits[i - 1] = "0123456789abcdef"[sum & 15];
+    }
+    return digits;
+}
+
+// The output's name; one that does not fit is cut between two characters of UTF-8, and a sum of the
+// whole tells it from others that begin alike.
 static std::string first_name(const std::string &output_name, const std::string &suffix)
 {
-    size_t size = std::min(output_name.size(), kNameBytesMax - kNumberBytes - suffix.size());
+    const size_t most = kNameBytesMax - kNumberBytes - suffix.size();
+    if (output_name.size() <= most) {
+        return output_name + suffix;
+    }
+    size_t size = most - kDigestBytes - 1;
     while (size > 0 && starts_inside_character(output_name, size)) {
         size--;
     }
-    return output_name.substr(0, size) + suffix;
+    return output_name.substr(0, size) + "-" + digest(output_name) + suffix;
 }
 
+// A link of that name would lead to a folder that is nobody's to clear.
 static int open_folder(int directory, const std::string &name)
 {
-    return openat(directory, name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    return openat(directory, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
 }
 
 static bool has_name(int folder, int directory, const std::string &name)
 {
     struct stat opened = {};
     struct stat named = {};
-    return fstat(folder, &opened) == 0 && fstatat(directory, name.c_str(), &named, 0) == 0 &&
+    return fstat(folder, &opened) == 0 &&
+           fstatat(directory, name.c_str(), &named, AT_SYMLINK_NOFOLLOW) == 0 &&
            opened.st_dev == named.st_dev && opened.st_ino == named.st_ino;
 }
 
@@ -64,7 +87,8 @@ static bool lock_new(int directory, locked_folder &folder)
 static void refuse_in_use(int directory, const std::string &output_name, const std::string &name)
 {
     found_folder found;
-    if (locked_folder_find(found, directory, name) && found.state == folder_state::in_use) {
+    if (locked_folder_find(found, directory, name, LOCK_SH) &&
+        found.state == folder_state::in_use) {
         throw failure(exit_code::output, output_name + ": another command is making it, in the " +
                                              "folder " + name + " beside it");
     }
@@ -129,13 +153,27 @@ found_folder::~found_folder()
     }
 }
 
-bool locked_folder_find(found_folder &found, int directory, const std::string &name)
+// Another command that looks or clears holds the lock for a moment only.
+static bool take_lock(int folder, int lock)
+{
+    static constexpr int kTries = 5;
+    static constexpr useconds_t kPauseUs = 20000;
+    for (int attempt = 1; flock(folder, lock | LOCK_NB) != 0; attempt++) {
+        if (errno != EWOULDBLOCK || attempt == kTries) {
+            return false;
+        }
+        usleep(kPauseUs);
+    }
+    return true;
+}
+
+bool locked_folder_find(found_folder &found, int directory, const std::string &name, int lock)
 {
     found.folder = {open_folder(directory, name), name};
     if (found.folder.descriptor < 0) {
-        return false;
+        return errno == EACCES; // somebody else's
     }
-    const bool is_locked = flock(found.folder.descriptor, LOCK_EX | LOCK_NB) == 0;
+    const bool is_locked = take_lock(found.folder.descriptor, lock);
     found.state = is_locked              ? folder_state::left
                   : errno == EWOULDBLOCK ? folder_state::in_use
                                          : folder_state::unlockable;

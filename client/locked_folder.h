@@ -26,9 +26,9 @@ std::vector<std::string> locked_folder_names(int directory, const std::string &o
                                              const std::string &suffix);
 
 enum class folder_state {
-    left,       // no process has it: the lock is this process's own now
+    left,       // no process has it: this process has the lock now
     in_use,     // another process has it
-    unlockable, // the file system has no locks, so nobody can say
+    unlockable, // it may not be opened, or the file system has no locks: nobody can say
 };
 
 // A folder that is there, for as long as the record lives.
@@ -42,7 +42,10 @@ struct found_folder {
     ~found_folder();
 };
 
-// returns false when there is no such folder, or none that may be opened.
-[[nodiscard]] bool locked_folder_find(found_folder &found, int directory, const std::string &name);
+// Without the right to open it, there is no descriptor.
+// in: lock: LOCK_SH to look, LOCK_EX to clear
+// returns false when there is no such folder.
+[[nodiscard]] bool locked_folder_find(found_folder &found, int directory, const std::string &name,
+                                      int lock);
 
 #endif

@@ -90,8 +90,8 @@ static void check_free_space(const storage_root &storage)
     }
 }
 
-// Another recording to the same output stops this one when it is under way, and is named when it was
-// left.
+// Another recording to the same output stops this one when it is under way, and is named when it
+// was left.
 static void look_for_others(session &self)
 {
     std::vector<std::string> remarks;
@@ -111,8 +111,8 @@ static void open_all(session &self)
     const record_options &options = self.options;
     const std::optional<AVRational> frame_rate = parse_frame_rate(options.frame_rate);
     self.storage = storage_open(options.output, options.force);
-    look_for_others(self);
     output_place_check_inputs(options.output, {options.video, options.audio});
+    look_for_others(self);
     self.programme = programme_open(options.video, options.audio, frame_rate);
     say_remarks(self, programme_opening_remarks(*self.programme));
     (void)OMX_Init(); // loads the component while its path still means what the user meant

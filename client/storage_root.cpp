@@ -323,6 +323,7 @@ void storage_discard(storage_root &root)
     }
     if (root.is_shared && !root.record_name.empty()) {
         unlinkat(root.scratch, root.record_name.c_str(), 0);
+        unlinkat(root.folder.descriptor, kRecordingName, 0); // the link to it
     }
     if (root.made_card) {
         unlinkat(root.scratch, kCardName, AT_REMOVEDIR);

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -45,9 +46,14 @@ static int read_header(int file, uint64_t at, box_header &header)
     return 1;
 }
 
+// The component's head, up to the media data, is shorter than this.
+static constexpr uint64_t kHeadBytesMax = 64;
+
 static recording_state judge(int file, uint64_t size)
 {
-    recording_state state = recording_state::empty;
+    // What is longer than a head without a sign of media data is damaged, not empty.
+    recording_state state =
+        size > kHeadBytesMax ? recording_state::unfinished : recording_state::empty;
     box_header header;
     int got = 0;
     for (uint64_t at = 0; at < size && (got = read_header(file, at, header)) > 0;
@@ -73,8 +79,12 @@ unfinished_recording unfinished_recording_look(int directory, const std::string 
     unfinished_recording recording;
     const int file = openat(directory, name.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (file < 0) {
-        recording.file = errno == ENOENT || errno == ENOTDIR ? recording_state::empty
-                                                             : recording_state::unfinished;
+        const bool is_missing = errno == ENOENT || errno == ENOTDIR;
+        struct stat link = {};
+        recording.file =
+            is_missing && fstatat(directory, name.c_str(), &link, AT_SYMLINK_NOFOLLOW) != 0
+                ? recording_state::empty
+                : recording_state::unreachable;
         return recording;
     }
     struct stat status = {};
@@ -93,7 +103,8 @@ unfinished_recording unfinished_recording_look(int directory, const std::string 
 static unfinished_recording look_into(int folder, const std::string &folder_path)
 {
     for (const std::string &name :
-         {std::string(kRecordingName), std::string(kCardName) + "/" + kRecordingName}) {
+         {std::string(kRecordingName), std::string(kCardName) + "/" + kRecordingName,
+          std::string(kCopyName)}) {
         unfinished_recording recording = unfinished_recording_look(folder, name);
         if (recording.file != recording_state::empty) {
             recording.place = folder_path + "/" + name;
@@ -129,7 +140,7 @@ void unfinished_recording_clear(int directory, const locked_folder &folder)
 
 // Calls the function for each folder of the output.
 template <typename Visit>
-static void visit_folders(const output_path &path, Visit visit)
+static void visit_folders(const output_path &path, int lock, Visit visit)
 {
     const int directory = open(path.directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (directory < 0) {
@@ -137,7 +148,7 @@ static void visit_folders(const output_path &path, Visit visit)
     }
     for (const std::string &name : locked_folder_names(directory, path.name, kRecordingSuffix)) {
         found_folder found;
-        if (locked_folder_find(found, directory, name)) {
+        if (locked_folder_find(found, directory, name, lock)) {
             visit(directory, found);
         }
     }
@@ -148,7 +159,7 @@ std::vector<unfinished_recording> unfinished_recordings_of(const std::string &ou
 {
     std::vector<unfinished_recording> recordings;
     const output_path path = output_path_of(output);
-    visit_folders(path, [&](int, const found_folder &found) {
+    visit_folders(path, LOCK_SH, [&](int, const found_folder &found) {
         unfinished_recording recording =
             look_into(found.folder.descriptor, output_path_text(path, found.folder.name));
         recording.folder = found.state;
@@ -161,7 +172,7 @@ std::vector<unfinished_recording> unfinished_recordings_of(const std::string &ou
 
 void unfinished_recordings_clear(const std::string &output)
 {
-    visit_folders(output_path_of(output), [](int directory, const found_folder &found) {
+    visit_folders(output_path_of(output), LOCK_EX, [](int directory, const found_folder &found) {
         if (found.state == folder_state::left) {
             unfinished_recording_clear(directory, found.folder);
         }
@@ -183,6 +194,10 @@ std::string unfinished_recording_text(const std::string &output,
 
 std::string kept_text(const unfinished_recording &recording)
 {
+    if (recording.file == recording_state::unreachable) {
+        return "what was recorded stays as " + recording.place +
+               ", which cannot be opened: it belongs to another user, or its storage is not there";
+    }
     const std::string size = " (" + size_text(recording.bytes) + ") stays as " + recording.place;
     return recording.file == recording_state::finished
                ? "the finished file" + size + ": move it to where it is wanted"

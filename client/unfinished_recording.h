@@ -24,8 +24,9 @@ inline constexpr char kCopyName[] = "copy.mp4";
 
 enum class recording_state {
     empty,      // nothing that was recorded, or no file
-    unfinished, // media data without a whole movie box, or nobody can say
+    unfinished, // media data without a whole movie box, or a file that nobody can judge
     finished,
+    unreachable, // a file that cannot be opened, or a link to storage that is not there
 };
 
 struct unfinished_recording {

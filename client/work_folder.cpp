@@ -6,6 +6,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <mutex>
+#include <sys/file.h>
 #include <unistd.h>
 
 // A command has one folder at most.
@@ -25,12 +26,31 @@ static constexpr const char *kFileNames[] = {"stream.aac", "movie.mp4",  "page.h
                                              "a_stco.tmp", "a_stsz.tmp", "v_stco.tmp",
                                              "v_stsz.tmp", "v_stss.tmp", "v_stts_dts.tmp"};
 
+// The commands' own folders have it; what another has made is left alone.
+static constexpr char kMark[] = ".tdmbrec";
+
 static void remove_folder(int directory, const locked_folder &folder)
 {
     for (const char *const name : kFileNames) {
         unlinkat(folder.descriptor, name, 0);
     }
+    unlinkat(folder.descriptor, kMark, 0);
     locked_folder_remove(directory, folder);
+}
+
+static void mark_folder(const locked_folder &folder)
+{
+    const int mark =
+        openat(folder.descriptor, kMark, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    if (mark < 0) {
+        fail(folder.name);
+    }
+    close(mark);
+}
+
+static bool is_marked(const locked_folder &folder)
+{
+    return faccessat(folder.descriptor, kMark, F_OK, AT_SYMLINK_NOFOLLOW) == 0;
 }
 
 work_folder::~work_folder()
@@ -56,7 +76,8 @@ static void remove_left(const output_place &place)
 {
     for (const std::string &name : locked_folder_names(place.directory, place.name, kSuffix)) {
         found_folder found;
-        if (locked_folder_find(found, place.directory, name) && found.state == folder_state::left) {
+        if (locked_folder_find(found, place.directory, name, LOCK_EX) &&
+            found.state == folder_state::left && is_marked(found.folder)) {
             remove_folder(place.directory, found.folder);
         }
     }
@@ -68,6 +89,7 @@ static void make_folder(work_folder &work)
     remove_left(*work.place);
     work.folder = locked_folder_make(work.place->directory, work.place->name, kSuffix);
     folder_in_use = &work;
+    mark_folder(work.folder);
 }
 
 std::unique_ptr<work_folder> work_folder_make(const std::string &output, bool force)

@@ -160,3 +160,48 @@ TEST_F(keeping, tells_of_what_was_left_and_of_what_is_under_way)
     EXPECT_EQ(names(), (name_set{"b.mp4", FOLDER, FOLDER "-4", "noise.h264", "programme.h264",
                                  "programme.wav"}));
 }
+
+TEST_F(keeping, clears_nothing_away_that_may_be_a_recording_or_is_not_its_own)
+{
+    record_whole();
+    const std::string left = "; what was recorded (", unreachable = ", which cannot be opened: ";
+    const struct {
+        std::string made; // before the command, which then must find all of it unchanged
+        std::string program, sentence;
+    } cases[] = {
+        {"mkdir other; cp torn other/copy.mp4; echo > other/v_stco.tmp; ln -s other " FOLDER,
+         RECORD SAMPLE "-o b.mp4", ""},
+        {"mkdir " FOLDER "; cp torn " FOLDER "/copy.mp4", RECORD SAMPLE "-o b.mp4",
+         left + "580 kB) stays as " FOLDER "/copy.mp4"},
+        {"mkdir " FOLDER "; ln -s /gone/r.mp4 " LEFT, RECORD SAMPLE "-o b.mp4",
+         "b.mp4: an earlier recording was not finished; what was recorded stays as " LEFT +
+             unreachable},
+        {"mkdir " FOLDER "; { printf '\\177'; tail -c +2 torn; } > " LEFT, RECORD SAMPLE "-o b.mp4",
+         left},
+        {"mkdir b.mp4.part; cp torn b.mp4.part/movie.mp4; echo > b.mp4.part/stream.aac",
+         TDMBREC "mux --video programme.h264 -o b.mp4", ""},
+        // Others may look at the same time.
+        {"mkdir " FOLDER "; cp torn " LEFT, "flock -s " FOLDER " " TDMBREC "info b.mp4", left},
+        {"mkdir " FOLDER "; cp torn " LEFT "; chmod 0 " FOLDER,
+         "if [ $(id -u) = 0 ]; then drop='setpriv --inh-caps=-all --bounding-set=-all'; fi; "
+         "$drop " TDMBREC "info b.mp4",
+         unreachable},
+    };
+    for (const auto &[made, program, sentence] : cases) {
+        SCOPED_TRACE(made);
+        const std::string list = "chmod -f 700 " FOLDER "; find b.mp4.* other ! -type d "
+                                 "-exec sh -c 'echo {}; cksum < {}' \\; 2> /dev/null";
+        const std::string make = "rm -rf b.mp4* other; " + made + "; ";
+        const std::string before = shell(make + list).out;
+        shell(make);
+        const command_result result = shell(program);
+        EXPECT_TRUE(contains(result.err, sentence)) << result.err;
+        EXPECT_FALSE(contains(result.err, "being recorded now")) << result.err;
+        EXPECT_EQ(shell(list).out, before) << result.err;
+    }
+    // Names that begin alike and are too long for the folder's.
+    const std::string info = TDMBREC "info " + std::string(241, 'n');
+    shell("ulimit -f 300; " RECORD SAMPLE "-o " + std::string(241, 'n') + "1234567890");
+    EXPECT_TRUE(contains(shell(info + "1234567890").err, left));
+    EXPECT_FALSE(contains(shell(info + "1234567891").err, left));
+}
