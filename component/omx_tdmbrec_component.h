@@ -198,7 +198,6 @@ typedef struct omx_tdmbrec_component_PrivateType {
     // thread while recording, the stop procedure after it.
     uint8_t aucKeptSets[TDMBREC_KEPT_SETS_BYTES]; // with start codes of 4 bytes
     uint32_t uiKeptSetsLen;                       // its bytes in use
-    uint8_t ucKeptSetsPassed;                     // 1: by a picture, 2: and an SPS has come again
 } omx_tdmbrec_component_PrivateType;
 
 // Published for the client: a table of 50 video segments, two words each. The first word of the

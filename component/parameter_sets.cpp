@@ -8,8 +8,6 @@ static constexpr uint32_t kSpsIdOffset = 4; // after header, profile, constraint
 static constexpr uint32_t kPpsIdOffset = 1; // after the header
 static constexpr uint32_t kMaxIdZeros = 16; // a code that begins with more is no id
 
-enum passed_state : uint8_t { kNothingPassed, kPicturePassed, kSpsCameAgain };
-
 bool has_both_kinds(const access_unit_t *pAccessUnit)
 {
     return pAccessUnit->has_sound_sps && pAccessUnit->uiPpsCount > 0;
@@ -92,9 +90,6 @@ static void keep_set(omx_tdmbrec_component_PrivateType *pPrivate, const uint8_t 
     }
     write_be32(pTo, 1);
     memcpy(pTo + START_CODE_BYTES, pData + pUnit->uiStart, unit_bytes);
-    if (type == NAL_TYPE_SPS && pPrivate->ucKeptSetsPassed == kPicturePassed) {
-        pPrivate->ucKeptSetsPassed = kSpsCameAgain;
-    }
 }
 
 void keep_parameter_sets(omx_tdmbrec_component_PrivateType *pPrivate, const uint8_t *pData,
@@ -125,20 +120,15 @@ void keep_parameter_sets(omx_tdmbrec_component_PrivateType *pPrivate, const uint
     }
 }
 
-bool takes_kept_sets(omx_tdmbrec_component_PrivateType *pPrivate, const access_unit_t *pAccessUnit)
+bool takes_kept_sets(const omx_tdmbrec_component_PrivateType *pPrivate,
+                     const access_unit_t *pAccessUnit)
 {
     access_unit_t kept;
     if (!pAccessUnit->has_slice ||
         !describe_access_unit(pPrivate->aucKeptSets, pPrivate->uiKeptSetsLen, &kept)) {
         return false;
     }
-    if (pPrivate->bFileBegun != 0 || pAccessUnit->is_idr) {
-        return true;
-    }
-    if (has_both_kinds(&kept) && pPrivate->ucKeptSetsPassed == kNothingPassed) {
-        pPrivate->ucKeptSetsPassed = kPicturePassed;
-    }
-    return pPrivate->ucKeptSetsPassed == kSpsCameAgain;
+    return pPrivate->bFileBegun != 0 || has_both_kinds(&kept);
 }
 
 uint32_t join_kept_sets(const omx_tdmbrec_component_PrivateType *pPrivate, const uint8_t *pData,
@@ -153,5 +143,4 @@ uint32_t join_kept_sets(const omx_tdmbrec_component_PrivateType *pPrivate, const
 void forget_kept_sets(omx_tdmbrec_component_PrivateType *pPrivate)
 {
     pPrivate->uiKeptSetsLen = 0;
-    pPrivate->ucKeptSetsPassed = kNothingPassed;
 }

@@ -19,10 +19,9 @@
 void keep_parameter_sets(omx_tdmbrec_component_PrivateType *pPrivate, const uint8_t *pData,
                          const access_unit_t *pAccessUnit);
 
-// Tells whether the picture of an access unit takes the kept parameter sets. A file begins with an
-// IDR picture. Where a sequence parameter set has come a second time before one, the stream marks
-// its entry points with these alone, and the file begins with whatever picture is next.
-[[nodiscard]] bool takes_kept_sets(omx_tdmbrec_component_PrivateType *pPrivate,
+// returns whether the picture of an access unit takes the kept parameter sets: once both kinds are
+//         there, the next picture does, of whatever type.
+[[nodiscard]] bool takes_kept_sets(const omx_tdmbrec_component_PrivateType *pPrivate,
                                    const access_unit_t *pAccessUnit);
 
 // Writes the kept parameter sets, sequence parameter sets first, and the picture of an access unit,
