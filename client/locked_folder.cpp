@@ -37,7 +37,7 @@ static std::string digest(const std::string &text)
 }
 
 // The output's name; one that does not fit is cut between two characters of UTF-8, and a sum of the
-// whole tells it from others that begin alike.
+// whole keeps it apart from others that begin alike.
 static std::string first_name(const std::string &output_name, const std::string &suffix)
 {
     const size_t most = kNameBytesMax - kNumberBytes - suffix.size();

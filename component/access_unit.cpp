@@ -67,7 +67,7 @@ static void count_unit(const uint8_t *pData, const nal_unit_t *pUnit, access_uni
         pAccessUnit->uiSpsCount++;
         pAccessUnit->uiFrontUnitCount++;
         if (pUnit->uiEnd - pUnit->uiStart >= LEAST_SPS_BYTES) {
-            pAccessUnit->has_sound_sps = true;
+            pAccessUnit->has_valid_sps = true;
         }
     } else if (is_in_front && type == NAL_TYPE_PPS) {
         pAccessUnit->uiPpsCount++;

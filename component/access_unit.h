@@ -31,7 +31,7 @@ typedef struct access_unit_t {
     uint32_t uiFrontUnitCount;  // parameter sets in front
     bool has_slice;             // one of the units is a slice
     bool is_idr;                // one of the units is an IDR slice
-    bool has_sound_sps;         // an SPS in front that a decoder configuration can be built from
+    bool has_valid_sps;         // an SPS in front that a decoder configuration can be built from
     bool has_short_start_codes; // a start code of 3 bytes anywhere
     bool has_short_front_codes; // one up to the picture's first unit
     bool has_empty_units;       // a start code with nothing behind it

@@ -10,7 +10,7 @@ static constexpr uint32_t kMaxIdZeros = 16; // a code that begins with more is n
 
 bool has_both_kinds(const access_unit_t *pAccessUnit)
 {
-    return pAccessUnit->has_sound_sps && pAccessUnit->uiPpsCount > 0;
+    return pAccessUnit->has_valid_sps && pAccessUnit->uiPpsCount > 0;
 }
 
 static uint32_t type_of(const uint8_t *pData, const nal_unit_t *pUnit)

@@ -2,13 +2,13 @@
 // it takes. Any packets of a video stream as the client's converter takes them: what it calls ready
 // has the form that the component takes.
 //
-// Input: the access unit; or a decoder configuration and up to 16 packets, each behind its length
+// Input: the access unit; or a decoder configuration and up to 16 packets, each after its length
 // (1 byte).
 #include "client/access_unit.h"
 #include "component/access_unit.h"
 #include "fuzz/input.h"
 
-// Counts the units behind lengths.
+// Counts the units after lengths.
 static uint32_t count_units(const Bytes &frame)
 {
     uint32_t count = 0;

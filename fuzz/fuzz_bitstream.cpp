@@ -2,7 +2,7 @@
 // callback fails.
 //
 // Input: the callbacks' width (1 byte), the size of the cache (1 byte), what fails (4 bytes), the
-// file behind its length, then operations: kind and a number.
+// file after its length, then operations: kind and a number.
 #include "fuzz/input.h"
 #include "mp4mux/bitstream.h"
 #include "tests/support/mux_callbacks.h"
@@ -30,7 +30,7 @@ struct Reader {
     {
         promise(!has(count) || std::equal(bytes, bytes + count, file.data() + at), "the bytes");
     }
-    // A read that finds too little ends behind what there is.
+    // A read that finds too little ends after what there is.
     void finish_read(bool fits, int32_t result, size_t count)
     {
         promise(fits ? result >= 0 : result == MUX_ERR_EOF, "a read or the end");

@@ -1,9 +1,9 @@
 // The muxer's helpers that its own operations hardly reach: stream formats from headers of any
 // kind, strings and the calendar, against the C library.
 //
-// Input: what fails (1 byte), two texts behind their lengths, a character, a time of 4 bytes, nine
+// Input: what fails (1 byte), two texts after their lengths, a character, a time of 4 bytes, nine
 // numbers of 4 bytes for a date; then operations on one stream format: kind, and a header, or a
-// profile's name with two rates, behind its length.
+// profile's name with two rates, after its length.
 #include "fuzz/input.h"
 #include "mp4mux/mux_util.h"
 #include "tests/support/mux_callbacks.h"

@@ -42,7 +42,7 @@ static access_unit_t plain_description(const Bytes &data, const std::vector<nal_
         result.has_empty_units |= type < 0;
         result.uiSpsCount += is_set && type == 7 ? 1u : 0u;
         result.uiPpsCount += is_set && type == 8 ? 1u : 0u;
-        result.has_sound_sps |= is_set && type == 7 && unit.uiEnd - unit.uiStart >= 4;
+        result.has_valid_sps |= is_set && type == 7 && unit.uiEnd - unit.uiStart >= 4;
         if (type >= 0 && !is_set) {
             result.uiPictureOffset = is_front ? unit.uiStartCode : result.uiPictureOffset;
             result.uiUnitCount++;
@@ -58,7 +58,7 @@ static bool is_same(const access_unit_t &a, const access_unit_t &b)
 {
     const auto fields = [](const access_unit_t &u) {
         return std::tuple(u.uiPictureOffset, u.uiSpsCount, u.uiPpsCount, u.uiUnitCount,
-                          u.uiFrontUnitCount, u.has_slice, u.is_idr, u.has_sound_sps,
+                          u.uiFrontUnitCount, u.has_slice, u.is_idr, u.has_valid_sps,
                           u.has_short_start_codes, u.has_short_front_codes, u.has_empty_units);
     };
     return fields(a) == fields(b);
