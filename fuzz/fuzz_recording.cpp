@@ -27,8 +27,8 @@ static std::atomic<uint32_t> ends;   // recordings reported
 static std::atomic<uint32_t> reason; // of the last one
 
 // A recording's blocks of megabytes are kept from one to the next: memory that is fresh from the
-// system costs more than all else. A small allocation stands for each while it is in use, so that
-// it is counted and can be refused.
+// system costs more than all else. A small allocation takes the place of each while it is in use,
+// so that it is counted and can be refused.
 struct LargeBlock {
     void *memory;
     size_t bytes;

@@ -7,7 +7,7 @@
 #include <cstdint>
 
 // Writes the sample table box at the current position; closes and removes each scratch file once
-// its box is written. The first failure ends the table: the boxes behind it are missing, and the
+// its box is written. The first failure ends the table: the boxes after it are missing, and the
 // output is marked as torn, unless the failure is that of closing a scratch file.
 // returns  its size or a negative code; tags of the box that failed and "<write_stbl_box"
 // source   ISO/IEC 14496-12, 8.5 to 8.7

@@ -175,7 +175,7 @@ TEST_F(Tools, NoiseEnergiesAreTwiceTheLogarithm)
 TEST_F(Tools, NoiseBandsReachFromTheBandwidthToTheLastLoudBand)
 {
     const int first = 40;
-    // The last loud band, from the top down; `first` stands for none.
+    // The last loud band, from the top down; `first` means none.
     for (int top = 48; top >= first; top--) {
         std::fill(lines.begin(), lines.end(), 0);
         first_line(first - 1) = 1;

@@ -64,7 +64,7 @@ static bool is_same(const access_unit_t &a, const access_unit_t &b)
     return fields(a) == fields(b);
 }
 
-// All units, behind their lengths or behind start codes of 4 bytes.
+// All units, after their lengths or after start codes of 4 bytes.
 static Bytes plain_rewrite(const Bytes &data, const std::vector<nal_unit_t> &units, bool lengths)
 {
     Bytes out;
@@ -106,12 +106,12 @@ static bool is_handled(const Bytes &data)
            (expected.has_short_start_codes || in_place == with_lengths);
 }
 
-// The data, and the data behind which up to `most` words of the alphabet follow.
+// The data, and the data after which up to `most` words of the alphabet follow.
 static void expect_all_handled(const Bytes &data, const std::vector<Bytes> &alphabet, int most)
 {
     ASSERT_TRUE(is_handled(data)) << testing::PrintToString(data);
     for (size_t i = 0; i < alphabet.size() && most > 0 && !testing::Test::HasFailure(); i++) {
-        Bytes longer; // without room behind its end, so that an overrun is seen
+        Bytes longer; // without room after its end, so that an overrun is seen
         longer.reserve(data.size() + alphabet[i].size());
         longer = data;
         longer.insert(longer.end(), alphabet[i].begin(), alphabet[i].end());

@@ -102,7 +102,7 @@ static std::vector<Row> rows_of_sizes()
     for (size_t bytes = 40; bytes <= 56; bytes++) {
         sizes.push_back(bytes);
     }
-    // The scan reads 50 bytes, the header behind the sets included. What is larger stays in the
+    // The scan reads 50 bytes, the header after the sets included. What is larger stays in the
     // file. 4096 bytes are kept.
     for (const size_t bytes : sizes) {
         const Bytes sps = unit(7, bytes - 8 - 4, 9);

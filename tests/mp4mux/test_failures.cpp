@@ -228,7 +228,7 @@ std::string fault_of(const recording &r, call kind, bool came_late, int32_t clos
     return came_late ? "passed although not whole" : check_samples(r);
 }
 
-// Records while a callback fails, goes on after errors, and closes the file.
+// Records while a callback fails, continues after errors, and closes the file.
 outcome record_with(const trial &t, call kind, uint32_t at, lasting how, const Bytes &clean,
                     const failure &also = {})
 {

@@ -11,7 +11,7 @@ namespace {
 struct table {
     size_t bytes;
     bool has_file;
-    size_t spare = bytes % 2 * 4; // behind them, as the sync samples have
+    size_t spare = bytes % 2 * 4; // after them, as the sync samples have
 };
 
 struct memory_case {
@@ -81,7 +81,7 @@ class TableCopy : public MuxTest {
         return is_held && need != 0 ? std::max(c.work_bytes, c.lent_bytes - need) : c.lent_bytes;
     }
 
-    // Copies a table behind its header.
+    // Copies a table after its header.
     void copy(const memory_case &c, const table &t)
     {
         mp4_mux_track_t track = {};
