@@ -41,4 +41,4 @@ std::span<const uint8_t> aac_stream_encode(aac_stream &stream, std::span<const i
 // source: adif_header() of ISO/IEC 14496-3, 1.A.2
 std::vector<uint8_t> adif_header(const aac_settings &settings);
 
-#endif
+#endif // CLIENT_AAC_STREAM_H

@@ -7,4 +7,4 @@
 // Encodes, reports on standard output and returns the exit code. throws `failure`.
 int encode_run(const encode_options &options);
 
-#endif
+#endif // CLIENT_ENCODE_COMMAND_H

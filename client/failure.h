@@ -27,4 +27,4 @@ struct failure : std::runtime_error {
     exit_code code;
 };
 
-#endif
+#endif // CLIENT_FAILURE_H

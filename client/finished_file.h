@@ -28,4 +28,4 @@ std::optional<file_summary> finished_file_read(int file);
 // What reading the file back told, in one sentence for each kind.
 std::vector<std::string> finished_file_remarks(const file_summary &file);
 
-#endif
+#endif // CLIENT_FINISHED_FILE_H

@@ -7,4 +7,4 @@
 // Reports on standard output or to a page and returns the exit code. throws `failure`.
 int info_run(const info_options &options);
 
-#endif
+#endif // CLIENT_INFO_COMMAND_H

@@ -21,4 +21,4 @@ void interruption_check(void);
 // Sleeps until the moment. returns at once, with true, when the user asks for the end.
 bool interruption_sleep_until(std::chrono::steady_clock::time_point moment);
 
-#endif
+#endif // CLIENT_INTERRUPTION_H

@@ -48,4 +48,4 @@ struct found_folder {
 [[nodiscard]] bool locked_folder_find(found_folder &found, int directory, const std::string &name,
                                       int lock);
 
-#endif
+#endif // CLIENT_LOCKED_FOLDER_H

@@ -7,4 +7,4 @@
 // Makes the file, reports on standard output and returns the exit code. throws `failure`.
 int mux_run(const mux_options &options);
 
-#endif
+#endif // CLIENT_MUX_COMMAND_H

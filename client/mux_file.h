@@ -33,4 +33,4 @@ void mux_file_put(mux_file &out, int32_t type, std::span<const uint8_t> bytes, u
 // Finishes the file. throws `failure`.
 void mux_file_close(mux_file &out, const mux_options &options);
 
-#endif
+#endif // CLIENT_MUX_FILE_H

@@ -14,4 +14,4 @@ const char *omx_core_load_error(void);
 }
 #endif
 
-#endif
+#endif // CLIENT_OMX_CORE_H

@@ -60,4 +60,4 @@ using command_line = std::variant<int, record_options, encode_options, mux_optio
 // Reads the command line; help, version and mistakes are answered here.
 command_line options_parse(int argc, const char *const *argv);
 
-#endif
+#endif // CLIENT_OPTIONS_H

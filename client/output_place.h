@@ -41,4 +41,4 @@ void output_place_check_inputs(const std::string &output,
 [[nodiscard]] bool output_place_take(const output_place &place, int from,
                                      const std::string &from_name);
 
-#endif
+#endif // CLIENT_OUTPUT_PLACE_H

@@ -76,4 +76,4 @@ unfinished_recording storage_look(const storage_root &root);
 // thread: any, when no other uses the root.
 void storage_discard(storage_root &root);
 
-#endif
+#endif // CLIENT_STORAGE_ROOT_H

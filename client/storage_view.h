@@ -25,4 +25,4 @@ void storage_hide(void);
 // in: what prevents that, an errno.
 std::string storage_refusal(int error);
 
-#endif
+#endif // CLIENT_STORAGE_VIEW_H

@@ -24,4 +24,4 @@ struct recording_summary {
 std::string summary_text(const recording_summary &summary);
 std::string summary_json(const recording_summary &summary);
 
-#endif
+#endif // CLIENT_SUMMARY_H

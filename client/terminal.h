@@ -18,4 +18,4 @@ void terminal_follow_component(int verbosity);
 // Prints a command's result to standard output. throws `failure` when nothing takes it.
 void terminal_print(const std::string &text);
 
-#endif
+#endif // CLIENT_TERMINAL_H

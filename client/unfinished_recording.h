@@ -55,4 +55,4 @@ std::string unfinished_recording_text(const std::string &output,
 // What there is of it, where, and what to do with it; the end of a sentence.
 std::string kept_text(const unfinished_recording &recording);
 
-#endif
+#endif // CLIENT_UNFINISHED_RECORDING_H

@@ -49,4 +49,4 @@ struct work_file {
 void work_file_write(work_file &out, std::span<const uint8_t> bytes);
 void work_file_finish(work_file &out);
 
-#endif
+#endif // CLIENT_WORK_FOLDER_H

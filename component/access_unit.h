@@ -63,4 +63,4 @@ typedef struct access_unit_t {
 // Writes a 32-bit big-endian number.
 void write_be32(uint8_t *pOut, uint32_t value);
 
-#endif
+#endif // COMPONENT_ACCESS_UNIT_H

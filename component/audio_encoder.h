@@ -27,4 +27,4 @@
 // thread: the stop procedure.
 OMX_ERRORTYPE omx_tdmbrec_audio_enc_DeInit(omx_tdmbrec_component_PrivateType *pPrivate);
 
-#endif
+#endif // COMPONENT_AUDIO_ENCODER_H

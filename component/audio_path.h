@@ -18,4 +18,4 @@ typedef enum audio_result_t {
                                                  OMX_BUFFERHEADERTYPE *pBuffer, uint32_t uiTime,
                                                  write_result_t *pResult);
 
-#endif
+#endif // COMPONENT_AUDIO_PATH_H

@@ -22,4 +22,4 @@ inline void send_event(OMX_COMPONENTTYPE *pComponent, OMX_EVENTTYPE eEvent, OMX_
     }
 }
 
-#endif
+#endif // COMPONENT_CLIENT_EVENTS_H

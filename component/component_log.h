@@ -7,4 +7,4 @@
 #define TDMBREC_LOG_TAG "OMX_TDMB_REC"
 #define ZPL_AENC_LOG_TAG "ZPL_AENC"
 
-#endif
+#endif // COMPONENT_COMPONENT_LOG_H

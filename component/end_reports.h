@@ -44,4 +44,4 @@ void refuse_recordings(omx_tdmbrec_component_PrivateType *pPrivate);
 OMX_ERRORTYPE omx_tdmbrec_component_SetCallbacks(OMX_HANDLETYPE hComponent,
                                                  OMX_CALLBACKTYPE *pCallbacks, OMX_PTR pAppData);
 
-#endif
+#endif // COMPONENT_END_REPORTS_H

@@ -23,4 +23,4 @@ TDMBREC_API int32_t QVR_FILE_ftell(void *hFile);
 }
 #endif
 
-#endif
+#endif // COMPONENT_FILE_CALLBACKS_H

@@ -75,4 +75,4 @@ QVR_FIFO_API int32_t QVR_FIFO_PopFrame(uint32_t fifo);
 }
 #endif
 
-#endif
+#endif // COMPONENT_FRAME_FIFO_H

@@ -33,4 +33,4 @@ void log_mux_error(omx_tdmbrec_component_PrivateType *pPrivate, int32_t mux_resu
 [[nodiscard]] write_result_t write_frame(omx_tdmbrec_component_PrivateType *pPrivate,
                                          mp4_mux_putstream_t *pFrame);
 
-#endif
+#endif // COMPONENT_FRAME_WRITER_H

@@ -24,4 +24,4 @@ OMX_ERRORTYPE omx_tdmbrec_mp4_mux_DeInit(OMX_COMPONENTTYPE *pComponent,
 // Fetches the muxer's last error into stMuxError; its message is not null until the session closes.
 void fetch_mux_error(omx_tdmbrec_component_PrivateType *pPrivate);
 
-#endif
+#endif // COMPONENT_MUX_SESSION_H

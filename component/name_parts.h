@@ -12,4 +12,4 @@ void set_output_path(const void *pRecord);
 
 void clear_name_parts(omx_tdmbrec_component_PrivateType *pPrivate);
 
-#endif
+#endif // COMPONENT_NAME_PARTS_H

@@ -276,4 +276,4 @@ TDMBREC_API void *omx_tdmbrec_audio_thread(void *pComponent);
 }
 #endif
 
-#endif
+#endif // COMPONENT_OMX_TDMBREC_COMPONENT_H

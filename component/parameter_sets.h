@@ -35,4 +35,4 @@ void keep_parameter_sets(omx_tdmbrec_component_PrivateType *pPrivate, const uint
 
 void forget_kept_sets(omx_tdmbrec_component_PrivateType *pPrivate);
 
-#endif
+#endif // COMPONENT_PARAMETER_SETS_H

@@ -49,4 +49,4 @@ typedef enum claim_result_t {
 // Lets the next recording of the process begin. The record is only named, not touched.
 void release_recording(omx_tdmbrec_component_PrivateType *pPrivate);
 
-#endif
+#endif // COMPONENT_PROCESS_STATE_H

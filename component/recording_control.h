@@ -28,4 +28,4 @@ void stop_recording_for_good(OMX_COMPONENTTYPE *pComponent);
 // none to be had. On the buffer thread bCallbackIdle has to be up.
 void begin_stop(OMX_COMPONENTTYPE *pComponent, tdmbrec_stop_reason_t reason);
 
-#endif
+#endif // COMPONENT_RECORDING_CONTROL_H

@@ -47,4 +47,4 @@ template <typename T>
     return __atomic_compare_exchange(&field, &from, &to, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);
 }
 
-#endif
+#endif // COMPONENT_SHARED_FIELDS_H

@@ -12,4 +12,4 @@ void wait_for_idle_callback(omx_tdmbrec_component_PrivateType *pPrivate);
 // recording when there is no stop thread.
 void run_stop_procedure(OMX_COMPONENTTYPE *pComponent);
 
-#endif
+#endif // COMPONENT_STOP_PROCEDURE_H

@@ -26,4 +26,4 @@ void close_storage(void);
 // Looks at the storage of a path; one property read and one query for every recorded buffer.
 [[nodiscard]] storage_state_t check_storage(const char *pszPath);
 
-#endif
+#endif // COMPONENT_STORAGE_WATCH_H

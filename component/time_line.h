@@ -21,4 +21,4 @@ void note_video_time(omx_tdmbrec_component_PrivateType *pPrivate, uint32_t uiTim
 // Sum of two times in ms; what does not fit stays at the largest.
 [[nodiscard]] uint32_t add_ms(uint32_t a_ms, uint32_t b_ms);
 
-#endif
+#endif // COMPONENT_TIME_LINE_H

@@ -13,4 +13,4 @@
                                        OMX_BUFFERHEADERTYPE *pBuffer, uint32_t uiTime,
                                        mp4_mux_putstream_t *pFrame);
 
-#endif
+#endif // COMPONENT_VIDEO_PATH_H

@@ -37,4 +37,4 @@ enum {
 // returns the encoder's result, 0 when nothing was open
 [[nodiscard]] int32_t zpl_aenc_close(zpl_aenc_t *pZpl);
 
-#endif
+#endif // COMPONENT_ZPL_AENC_H

@@ -60,4 +60,4 @@ inline void require(bool holds, const std::string &promise)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
 
-#endif
+#endif // FUZZ_INPUT_H

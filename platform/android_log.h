@@ -24,4 +24,4 @@ int __android_log_print(int priority, const char *pszTag, const char *pszFormat,
 }
 #endif
 
-#endif
+#endif // PLATFORM_ANDROID_LOG_H

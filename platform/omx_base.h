@@ -128,4 +128,4 @@ omx_base_transient_t omx_base_get_transient_state(const omx_base_sink_PrivateTyp
 }
 #endif
 
-#endif
+#endif // PLATFORM_OMX_BASE_H

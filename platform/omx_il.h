@@ -356,4 +356,4 @@ OMX_ERRORTYPE OMX_SetupTunnel(OMX_HANDLETYPE hOutput, OMX_U32 nPortOutput, OMX_H
 }
 #endif
 
-#endif
+#endif // PLATFORM_OMX_IL_H

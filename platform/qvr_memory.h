@@ -18,4 +18,4 @@ void QVR_free(void *pMemory);
 }
 #endif
 
-#endif
+#endif // PLATFORM_QVR_MEMORY_H

@@ -54,4 +54,4 @@ uint32_t queue_length(queue_t *queue);
 }
 #endif
 
-#endif
+#endif // PLATFORM_SEMAPHORE_QUEUE_H

@@ -35,4 +35,4 @@ int dfclose(df_handle_t *pHandle);
 }
 #endif
 
-#endif
+#endif // PLATFORM_STORAGE_INFO_H

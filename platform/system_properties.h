@@ -18,4 +18,4 @@ int property_get(const char *pszKey, char *szValue, const char *pszDefault);
 }
 #endif
 
-#endif
+#endif // PLATFORM_SYSTEM_PROPERTIES_H

@@ -12,4 +12,4 @@ void host_reset_log(void);
 void host_reset_properties(void);
 void host_reset_storage(void);
 
-#endif
+#endif // PLATFORM_HOST_CONTROL_INTERNAL_H

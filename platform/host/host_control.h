@@ -63,4 +63,4 @@ void host_set_log_sink(host_log_sink_t pfnSink, void *pContext);
 }
 #endif
 
-#endif
+#endif // PLATFORM_HOST_HOST_CONTROL_H

@@ -177,4 +177,4 @@ OMX_ERRORTYPE omx_base_component_EmptyThisBuffer(OMX_HANDLETYPE hComponent,
                : OMX_ErrorVersionMismatch;
 }
 
-#endif
+#endif // PLATFORM_HOST_OMX_BASE_INTERNAL_H

@@ -10,4 +10,4 @@ void tsem_reset(tsem_t *tsem);
 // Like dequeue, which the controls can make fail; this never does.
 [[nodiscard]] void *queue_take(queue_t *queue);
 
-#endif
+#endif // PLATFORM_HOST_SEMAPHORE_QUEUE_INTERNAL_H

@@ -92,4 +92,4 @@ class command : public testing::Test {
     std::filesystem::path directory;
 };
 
-#endif
+#endif // TESTS_CLIENT_COMMAND_TEST_H

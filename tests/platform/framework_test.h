@@ -148,4 +148,4 @@ class framework_test : public PlatformTest {
     buffer_list_t buffers[PORT_COUNT];
 };
 
-#endif
+#endif // TESTS_PLATFORM_FRAMEWORK_TEST_H

@@ -9,4 +9,4 @@ bool can_count_allocations();
 // Calls of malloc, calloc, realloc and their like since the program began.
 uint64_t allocation_count();
 
-#endif
+#endif // TESTS_SUPPORT_ALLOCATION_COUNTER_H

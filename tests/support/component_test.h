@@ -20,4 +20,4 @@ class ComponentTest : public PlatformTest {
     static omx_tdmbrec_component_PrivateType *record_of(const IlClient &client);
 };
 
-#endif
+#endif // TESTS_SUPPORT_COMPONENT_TEST_H

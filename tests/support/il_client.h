@@ -97,4 +97,4 @@ class IlClient {
     size_t ends_seen_ = 0;
 };
 
-#endif
+#endif // TESTS_SUPPORT_IL_CLIENT_H

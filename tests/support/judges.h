@@ -16,4 +16,4 @@ bool has_ffmpeg();
 // when they say nothing.
 std::string complaints_of_ffmpeg(const std::string &path);
 
-#endif
+#endif // TESTS_SUPPORT_JUDGES_H

@@ -24,4 +24,4 @@ inline std::string source_file(const std::string &path)
     return (kBuildFolder / TDMBREC_SOURCE_FROM_BUILD / path).string();
 }
 
-#endif
+#endif // TESTS_SUPPORT_OWN_FILES_H

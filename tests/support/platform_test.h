@@ -31,4 +31,4 @@ class PlatformTest : public testing::Test {
     std::vector<LogLine> log_;
 };
 
-#endif
+#endif // TESTS_SUPPORT_PLATFORM_TEST_H

@@ -34,4 +34,4 @@ Bytes join_nal_units(const std::vector<Bytes> &units);
 
 Bytes read_file(const std::string &path);
 
-#endif
+#endif // TESTS_SUPPORT_PROGRAMME_H

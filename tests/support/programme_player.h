@@ -13,4 +13,4 @@ void send_time_base(IlClient &client);
 // unit 0 the time base.
 void send_programme(IlClient &client, size_t frames, size_t from = 0);
 
-#endif
+#endif // TESTS_SUPPORT_PROGRAMME_PLAYER_H

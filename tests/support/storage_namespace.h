@@ -8,4 +8,4 @@
 // the system does not allow namespaces, says so and returns 1.
 int run_in_storage_namespace(int argc, char **argv);
 
-#endif
+#endif // TESTS_SUPPORT_STORAGE_NAMESPACE_H

@@ -22,4 +22,4 @@ void note_times(NotedTimes *times, bool is_instead);
 // Undoes all of the above.
 void reset_wrapped_calls();
 
-#endif
+#endif // TESTS_SUPPORT_WRAPPED_CALLS_H
