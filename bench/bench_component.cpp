@@ -6,7 +6,7 @@
 #include "aacenc/aac_enc.h"
 #include "client/failure.h"
 #include "client/omx_core.h"
-#include "client/player.h"
+#include "client/il_session.h"
 #include "platform/host/host_control.h"
 #include "platform/storage_info.h"
 #include "tests/support/programme.h"
@@ -90,16 +90,16 @@ static void check(benchmark::State &state, bool sound, const char *what)
 }
 
 // The first buffer of a recording sets its time base.
-static void begin_recording(player &recorder)
+static void begin_recording(il_session &recorder)
 {
     static constexpr uint8_t DELIMITER[] = {0, 0, 0, 1, 9, 0xF0};
-    player_start(recorder, OUTPUT, RATE);
-    player_send(recorder, PORT_VIDEO, DELIMITER, video_time_us(0) - FRAME_US, 0);
+    il_session_start(recorder, OUTPUT, RATE);
+    il_session_send(recorder, PORT_VIDEO, DELIMITER, video_time_us(0) - FRAME_US, 0);
 }
 
-static bool end_recording(player &recorder)
+static bool end_recording(il_session &recorder)
 {
-    return player_stop(recorder) == STOP_REQUEST && std::filesystem::file_size(OUTPUT) > 0;
+    return il_session_stop(recorder) == STOP_REQUEST && std::filesystem::file_size(OUTPUT) > 0;
 }
 
 static const std::vector<Bytes> &pcm_buffers(void)
@@ -115,15 +115,15 @@ static const std::vector<Bytes> &pcm_buffers(void)
 }
 
 // Plays the sample `loops` times; a picture and the sound up to the next.
-static void play(player &recorder, uint32_t loops)
+static void play(il_session &recorder, uint32_t loops)
 {
     const std::vector<Bytes> &pictures = sample_programme().access_units;
     size_t audio = 0;
     for (size_t i = 0; i < loops * pictures.size(); i++) {
-        player_send(recorder, PORT_VIDEO, pictures[i % pictures.size()], video_time_us(i), 0);
+        il_session_send(recorder, PORT_VIDEO, pictures[i % pictures.size()], video_time_us(i), 0);
         for (; audio_time_us(audio) < video_time_us(i + 1); audio++) {
-            player_send(recorder, PORT_AUDIO, pcm_buffers()[audio % pcm_buffers().size()],
-                        audio_time_us(audio), 0);
+            il_session_send(recorder, PORT_AUDIO, pcm_buffers()[audio % pcm_buffers().size()],
+                            audio_time_us(audio), 0);
         }
     }
 }
@@ -152,13 +152,13 @@ static void record_programme(benchmark::State &state)
     use_cores(state.range(0));
     for (auto _ : state) {
         state.PauseTiming();
-        player_ptr recorder = player_open();
+        il_session_ptr recorder = il_session_open();
         begin_recording(*recorder);
         state.ResumeTiming();
         play(*recorder, LOOPS);
         check(state, end_recording(*recorder), "the recording did not end as it should");
         state.PauseTiming();
-        player_close(std::move(recorder));
+        il_session_close(std::move(recorder));
         state.ResumeTiming();
     }
     use_cores(std::thread::hardware_concurrency());
@@ -201,18 +201,18 @@ static void record_pictures(benchmark::State &state)
 {
     use_cores(1);
     const std::vector<Bytes> &pictures = sample_programme().access_units;
-    player_ptr recorder = player_open();
+    il_session_ptr recorder = il_session_open();
     begin_recording(*recorder);
     size_t sent = 0;
     double cpu = -component_cpu_seconds();
     for (auto _ : state) {
-        player_send(*recorder, PORT_VIDEO, pictures[sent % pictures.size()], video_time_us(sent),
-                    0);
+        il_session_send(*recorder, PORT_VIDEO, pictures[sent % pictures.size()],
+                        video_time_us(sent), 0);
         sent++;
     }
     cpu += component_cpu_seconds();
     check(state, end_recording(*recorder), "the recording did not end as it should");
-    player_close(std::move(recorder));
+    il_session_close(std::move(recorder));
     use_cores(std::thread::hardware_concurrency());
     state.counters["component_cpu"] = cpu / static_cast<double>(sent);
 }
@@ -252,31 +252,31 @@ static void query_storage(benchmark::State &state)
 BENCHMARK(query_storage);
 
 // So that which buffers a recording happens to use makes no difference to what is resident.
-static void touch_buffers(player &recorder)
+static void touch_buffers(il_session &recorder)
 {
-    for (player_buffers &buffers : recorder.ports) {
+    for (port_buffers &buffers : recorder.ports) {
         for (OMX_BUFFERHEADERTYPE *const buffer : buffers.all) {
             std::memset(buffer->pBuffer, 0, buffer->nAllocLen);
         }
     }
 }
 
-// Growth of the resident memory by a recording. What the player uses has been used before; an
+// Growth of the resident memory by a recording. What the session uses has been used before; an
 // earlier recording in the same process leaves memory to this one, which then grows less.
 static void grow_resident(benchmark::State &state)
 {
     for (auto _ : state) {
-        player_ptr recorder = player_open();
+        il_session_ptr recorder = il_session_open();
         touch_buffers(*recorder);
         play(*recorder, 1);
-        player_flush(*recorder);
+        il_session_flush(*recorder);
         const double before = resident_kib();
         begin_recording(*recorder);
         play(*recorder, static_cast<uint32_t>(state.range(0)));
-        player_flush(*recorder);
+        il_session_flush(*recorder);
         state.counters["KiB"] = resident_kib() - before;
         check(state, end_recording(*recorder), "the recording did not end as it should");
-        player_close(std::move(recorder));
+        il_session_close(std::move(recorder));
     }
 }
 
@@ -292,7 +292,7 @@ static void measure_rest(benchmark::State &state)
     state.counters["cpu"] = component_cpu_seconds() - cpu;
 }
 
-static void command_state(player &recorder, OMX_STATETYPE state)
+static void command_state(il_session &recorder, OMX_STATETYPE state)
 {
     recorder.component->SendCommand(recorder.component, OMX_CommandStateSet, state, nullptr);
     OMX_STATETYPE reached = OMX_StateInvalid;
@@ -306,10 +306,10 @@ static void command_state(player &recorder, OMX_STATETYPE state)
 static void rest_executing(benchmark::State &state)
 {
     for (auto _ : state) {
-        player_ptr recorder = player_open();
+        il_session_ptr recorder = il_session_open();
         std::this_thread::sleep_for(SETTLING);
         measure_rest(state);
-        player_close(std::move(recorder));
+        il_session_close(std::move(recorder));
     }
 }
 BENCHMARK(rest_executing)->Iterations(1)->UseRealTime()->Unit(benchmark::kSecond);
@@ -317,19 +317,19 @@ BENCHMARK(rest_executing)->Iterations(1)->UseRealTime()->Unit(benchmark::kSecond
 static void rest_paused(benchmark::State &state)
 {
     for (auto _ : state) {
-        player_ptr recorder = player_open();
+        il_session_ptr recorder = il_session_open();
         begin_recording(*recorder);
         command_state(*recorder, OMX_StatePause);
         for (size_t i = 0; i < 4; i++) {
-            player_send(*recorder, PORT_VIDEO, sample_programme().access_units[i], video_time_us(i),
-                        0);
+            il_session_send(*recorder, PORT_VIDEO, sample_programme().access_units[i],
+                            video_time_us(i), 0);
         }
-        player_flush(*recorder);
+        il_session_flush(*recorder);
         std::this_thread::sleep_for(SETTLING);
         measure_rest(state);
         command_state(*recorder, OMX_StateExecuting);
         check(state, end_recording(*recorder), "the recording did not end as it should");
-        player_close(std::move(recorder));
+        il_session_close(std::move(recorder));
     }
 }
 BENCHMARK(rest_paused)->Iterations(1)->UseRealTime()->Unit(benchmark::kSecond);
@@ -343,21 +343,23 @@ static void close_recording(benchmark::State &state)
     std::copy(std::begin(SLICE), std::end(SLICE), picture.begin());
     for (auto _ : state) {
         state.PauseTiming();
-        player_ptr recorder = player_open();
+        il_session_ptr recorder = il_session_open();
         begin_recording(*recorder);
-        player_send(*recorder, PORT_VIDEO, sample_programme().access_units[0], video_time_us(0), 0);
+        il_session_send(*recorder, PORT_VIDEO, sample_programme().access_units[0], video_time_us(0),
+                        0);
         for (int64_t i = 0; i < state.range(0); i++) {
             const int64_t time_us = video_time_us(0) + (i + 1) * PCM_FRAME_US;
-            player_send(*recorder, PORT_VIDEO, picture, time_us, 0);
-            player_send(*recorder, PORT_AUDIO,
-                        pcm_buffers()[static_cast<size_t>(i) % pcm_buffers().size()], time_us, 0);
+            il_session_send(*recorder, PORT_VIDEO, picture, time_us, 0);
+            il_session_send(*recorder, PORT_AUDIO,
+                            pcm_buffers()[static_cast<size_t>(i) % pcm_buffers().size()], time_us,
+                            0);
         }
-        player_flush(*recorder);
+        il_session_flush(*recorder);
         state.ResumeTiming();
         check(state, end_recording(*recorder), "the recording did not end as it should");
         state.PauseTiming();
         state.counters["bytes"] = static_cast<double>(std::filesystem::file_size(OUTPUT));
-        player_close(std::move(recorder));
+        il_session_close(std::move(recorder));
         state.ResumeTiming();
     }
 }

@@ -1,6 +1,6 @@
 #include "client/aac_stream.h"
 
-#include "client/aac_rates.h"
+#include "client/input/aac_rates.h"
 #include "client/failure.h"
 
 #include <cstdlib>

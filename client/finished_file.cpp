@@ -1,8 +1,8 @@
 #include "client/finished_file.h"
 
 #include "client/failure.h"
-#include "client/mapped_file.h"
-#include "client/mp4_reader.h"
+#include "client/input/mapped_file.h"
+#include "mp4read/mp4_reader.h"
 
 #include <cerrno>
 #include <cstring>

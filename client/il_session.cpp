@@ -1,4 +1,4 @@
-#include "client/player.h"
+#include "client/il_session.h"
 
 #include "client/failure.h"
 #include "client/omx_core.h"
@@ -46,7 +46,7 @@ static void check(OMX_ERRORTYPE error, const std::string &what)
 }
 
 // Under the lock.
-static void note_error(player &self, OMX_ERRORTYPE error, bool refused)
+static void note_error(il_session &self, OMX_ERRORTYPE error, bool refused)
 {
     if (self.error == OMX_ErrorNone) {
         self.error = error;
@@ -55,12 +55,12 @@ static void note_error(player &self, OMX_ERRORTYPE error, bool refused)
 }
 
 // Takes what is to be sent next, now that the component has nothing. Under the lock.
-static std::vector<OMX_BUFFERHEADERTYPE *> take_waiting(player &self)
+static std::vector<OMX_BUFFERHEADERTYPE *> take_waiting(il_session &self)
 {
     if (self.error != OMX_ErrorNone) {
         return {};
     }
-    for (player_buffers &buffers : self.ports) {
+    for (port_buffers &buffers : self.ports) {
         if (!buffers.waiting.empty()) {
             self.out = buffers.waiting.size();
             return std::exchange(buffers.waiting, {});
@@ -70,13 +70,13 @@ static std::vector<OMX_BUFFERHEADERTYPE *> take_waiting(player &self)
 }
 
 // Under the lock.
-static bool is_any_waiting(const player &self)
+static bool is_any_waiting(const il_session &self)
 {
     return std::any_of(self.ports.begin(), self.ports.end(),
-                       [](const player_buffers &buffers) { return !buffers.waiting.empty(); });
+                       [](const port_buffers &buffers) { return !buffers.waiting.empty(); });
 }
 
-static void send(player &self, const std::vector<OMX_BUFFERHEADERTYPE *> &buffers)
+static void send(il_session &self, const std::vector<OMX_BUFFERHEADERTYPE *> &buffers)
 {
     for (size_t i = 0; i < buffers.size(); i++) {
         const OMX_ERRORTYPE error = self.component->EmptyThisBuffer(self.component, buffers[i]);
@@ -95,7 +95,7 @@ static void send(player &self, const std::vector<OMX_BUFFERHEADERTYPE *> &buffer
 static OMX_ERRORTYPE on_event(OMX_HANDLETYPE, OMX_PTR pAppData, OMX_EVENTTYPE eEvent,
                               OMX_U32 nData1, OMX_U32 nData2, OMX_PTR)
 {
-    player &self = *static_cast<player *>(pAppData);
+    il_session &self = *static_cast<il_session *>(pAppData);
     {
         const std::lock_guard<std::mutex> guard(self.lock);
         if (eEvent == OMX_EventCmdComplete && nData1 == OMX_CommandStateSet) {
@@ -113,7 +113,7 @@ static OMX_ERRORTYPE on_event(OMX_HANDLETYPE, OMX_PTR pAppData, OMX_EVENTTYPE eE
 static OMX_ERRORTYPE on_empty_buffer_done(OMX_HANDLETYPE, OMX_PTR pAppData,
                                           OMX_BUFFERHEADERTYPE *pBuffer)
 {
-    player &self = *static_cast<player *>(pAppData);
+    il_session &self = *static_cast<il_session *>(pAppData);
     std::unique_lock<std::mutex> guard(self.lock);
     self.ports[pBuffer->nInputPortIndex].free.push_back(pBuffer);
     if (--self.out > 0) {
@@ -145,7 +145,7 @@ static int patience_s(void)
 // Waits until the condition, which is looked at under the lock, holds. The looks are counted, not
 // the time: the command and the component may have been stopped together.
 template <typename Condition>
-static void await(player &self, const char *what, Condition condition)
+static void await(il_session &self, const char *what, Condition condition)
 {
     std::unique_lock<std::mutex> guard(self.lock);
     const auto is_over = [&] { return condition() || self.error != OMX_ErrorNone; };
@@ -168,23 +168,23 @@ static void await(player &self, const char *what, Condition condition)
     }
 }
 
-static void await_buffers(player &self)
+static void await_buffers(il_session &self)
 {
     await(self, "give its buffers back", [&] { return self.out == 0; });
 }
 
-static void await_state(player &self, OMX_STATETYPE state)
+static void await_state(il_session &self, OMX_STATETYPE state)
 {
     await(self, "change its state", [&] { return self.state == state; });
 }
 
-static void command_state(player &self, OMX_STATETYPE state)
+static void command_state(il_session &self, OMX_STATETYPE state)
 {
     check(self.component->SendCommand(self.component, OMX_CommandStateSet, state, nullptr),
           "refuses a change of state");
 }
 
-static OMX_PARAM_PORTDEFINITIONTYPE define_port(player &self, uint32_t port)
+static OMX_PARAM_PORTDEFINITIONTYPE define_port(il_session &self, uint32_t port)
 {
     OMX_PARAM_PORTDEFINITIONTYPE definition = {};
     definition.nSize = sizeof definition;
@@ -198,7 +198,7 @@ static OMX_PARAM_PORTDEFINITIONTYPE define_port(player &self, uint32_t port)
     return definition;
 }
 
-static void allocate_buffers(player &self)
+static void allocate_buffers(il_session &self)
 {
     std::array<OMX_PARAM_PORTDEFINITIONTYPE, PORT_COUNT> definitions;
     for (uint32_t port = 0; port < PORT_COUNT; port++) {
@@ -218,9 +218,9 @@ static void allocate_buffers(player &self)
     await_state(self, OMX_StateIdle);
 }
 
-player_ptr player_open(void)
+il_session_ptr il_session_open(void)
 {
-    player_ptr self(new player);
+    il_session_ptr self(new il_session);
     self->callbacks = {on_event, on_empty_buffer_done, on_fill_buffer_done};
     char name[sizeof component_name];
     std::memcpy(name, component_name, sizeof name);
@@ -239,13 +239,13 @@ player_ptr player_open(void)
     return self;
 }
 
-static void set_vendor(player &self, uint32_t index, void *record, const char *what)
+static void set_vendor(il_session &self, uint32_t index, void *record, const char *what)
 {
     check(self.component->SetParameter(self.component, static_cast<OMX_INDEXTYPE>(index), record),
           what);
 }
 
-void player_start(player &self, const std::string &path, unsigned rate)
+void il_session_start(il_session &self, const std::string &path, unsigned rate)
 {
     std::array<char, OUTPUT_PATH_BYTES> path_record = {};
     if (path.size() >= path_record.size()) {
@@ -274,17 +274,17 @@ void player_start(player &self, const std::string &path, unsigned rate)
     set_vendor(self, INDEX_START, &start, "refuses to start");
 }
 
-static void give_back(player &self, player_port port, OMX_BUFFERHEADERTYPE *buffer)
+static void give_back(il_session &self, il_port port, OMX_BUFFERHEADERTYPE *buffer)
 {
     const std::lock_guard<std::mutex> guard(self.lock);
     self.ports[port].free.push_back(buffer);
 }
 
-void player_flush(player &self)
+void il_session_flush(il_session &self)
 {
     await(self, "take its buffers", [&] { return !is_any_waiting(self); });
     std::unique_lock<std::mutex> guard(self.lock);
-    for (player_buffers &buffers : self.ports) {
+    for (port_buffers &buffers : self.ports) {
         buffers.waiting.swap(buffers.filled);
     }
     if (self.out == 0) {
@@ -294,7 +294,7 @@ void player_flush(player &self)
     }
 }
 
-static OMX_BUFFERHEADERTYPE *take_buffer(player &self, player_port port)
+static OMX_BUFFERHEADERTYPE *take_buffer(il_session &self, il_port port)
 {
     await(self, "give its buffers back", [&] { return !self.ports[port].free.empty(); });
     const std::lock_guard<std::mutex> guard(self.lock);
@@ -303,10 +303,10 @@ static OMX_BUFFERHEADERTYPE *take_buffer(player &self, player_port port)
     return buffer;
 }
 
-void player_send(player &self, player_port port, std::span<const uint8_t> bytes, int64_t time_us,
-                 uint32_t flags)
+void il_session_send(il_session &self, il_port port, std::span<const uint8_t> bytes,
+                     int64_t time_us, uint32_t flags)
 {
-    player_buffers &buffers = self.ports[port];
+    port_buffers &buffers = self.ports[port];
     OMX_BUFFERHEADERTYPE *const buffer = take_buffer(self, port);
     if (bytes.size() > buffer->nAllocLen) {
         give_back(self, port, buffer);
@@ -322,27 +322,27 @@ void player_send(player &self, player_port port, std::span<const uint8_t> bytes,
     buffer->nFlags = flags;
     buffers.filled.push_back(buffer);
     if (buffers.filled.size() >= buffers.all.size() / 2) {
-        player_flush(self);
+        il_session_flush(self);
     }
 }
 
-std::optional<uint32_t> player_stopped(player &self)
+std::optional<uint32_t> il_session_stopped(il_session &self)
 {
     const std::lock_guard<std::mutex> guard(self.lock);
     return self.stopped;
 }
 
-uint32_t player_stop(player &self)
+uint32_t il_session_stop(il_session &self)
 {
-    player_flush(self);
+    il_session_flush(self);
     await_buffers(self);
     uint32_t stop = 1; // any record will do
     set_vendor(self, INDEX_STOP, &stop, "refuses to stop");
     await(self, "finish the file", [&] { return self.stopped.has_value(); });
-    return *player_stopped(self);
+    return *il_session_stopped(self);
 }
 
-static void free_buffers(player &self)
+static void free_buffers(il_session &self)
 {
     for (uint32_t port = 0; port < PORT_COUNT; port++) {
         for (OMX_BUFFERHEADERTYPE *const buffer : self.ports[port].all) {
@@ -352,7 +352,7 @@ static void free_buffers(player &self)
     }
 }
 
-static void leave_states(player &self)
+static void leave_states(il_session &self)
 {
     command_state(self, OMX_StateIdle);
     await_state(self, OMX_StateIdle);
@@ -361,17 +361,17 @@ static void leave_states(player &self)
     await_state(self, OMX_StateLoaded);
 }
 
-void player_close(player_ptr self)
+void il_session_close(il_session_ptr self)
 {
     leave_states(*self);
     check(OMX_FreeHandle(std::exchange(self->component, nullptr)), "cannot be freed");
 }
 
 // Whether all is quiet; if not, nothing more is sent.
-static bool can_leave_states(player &self)
+static bool can_leave_states(il_session &self)
 {
     const std::lock_guard<std::mutex> guard(self.lock);
-    for (player_buffers &buffers : self.ports) {
+    for (port_buffers &buffers : self.ports) {
         buffers.waiting.clear();
     }
     if (self.refused) { // that has been told
@@ -380,31 +380,31 @@ static bool can_leave_states(player &self)
     return self.state == OMX_StateExecuting && self.error == OMX_ErrorNone && self.out == 0;
 }
 
-static bool is_silent(player &self)
+static bool is_silent(il_session &self)
 {
     const std::lock_guard<std::mutex> guard(self.lock);
     return self.silent;
 }
 
-void player_deleter::operator()(player *pPlayer) const
+void il_session_deleter::operator()(il_session *session) const
 {
-    if (pPlayer->component != nullptr) {
+    if (session->component != nullptr) {
         try {
-            if (!is_silent(*pPlayer) && can_leave_states(*pPlayer)) {
-                leave_states(*pPlayer);
+            if (!is_silent(*session) && can_leave_states(*session)) {
+                leave_states(*session);
             }
         } catch (const failure &) { // another failure is being reported; the handle takes the rest
         }
-        if (is_silent(*pPlayer)) { // and may still use the record
+        if (is_silent(*session)) { // and may still use the record
             left_alone = true;
             return;
         }
-        (void)OMX_FreeHandle(pPlayer->component);
+        (void)OMX_FreeHandle(session->component);
     }
-    delete pPlayer;
+    delete session;
 }
 
-bool player_left_alone(void)
+bool il_session_left_alone(void)
 {
     return left_alone;
 }

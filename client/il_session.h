@@ -1,7 +1,7 @@
 // The OpenMAX IL client: takes the recorder's handle, walks it through its states, keeps a pool of
 // buffers for either port, and starts and stops the recording.
-#ifndef CLIENT_PLAYER_H
-#define CLIENT_PLAYER_H
+#ifndef CLIENT_IL_SESSION_H
+#define CLIENT_IL_SESSION_H
 
 #include "platform/omx_il.h"
 
@@ -27,21 +27,21 @@ enum stop_reason : uint32_t {
     STOP_DESTROYED = 7,
 };
 
-enum player_port : uint32_t { PORT_VIDEO = 0, PORT_AUDIO = 1, PORT_COUNT = 2 };
+enum il_port : uint32_t { PORT_VIDEO = 0, PORT_AUDIO = 1, PORT_COUNT = 2 };
 
-struct player_buffers {
+struct port_buffers {
     std::vector<OMX_BUFFERHEADERTYPE *> all;
     std::vector<OMX_BUFFERHEADERTYPE *> filled;  // for the next run
-    std::vector<OMX_BUFFERHEADERTYPE *> waiting; // a run's, under the player's lock
-    std::vector<OMX_BUFFERHEADERTYPE *> free;    // under the player's lock
+    std::vector<OMX_BUFFERHEADERTYPE *> waiting; // a run's, under the session's lock
+    std::vector<OMX_BUFFERHEADERTYPE *> free;    // under the session's lock
 };
 
 // The component's threads note here what happened, and send what waits when they have given back
 // all that was sent before. No call of OpenMAX IL is made under the lock.
-struct player {
+struct il_session {
     OMX_COMPONENTTYPE *component = nullptr;
     OMX_CALLBACKTYPE callbacks = {};
-    std::array<player_buffers, PORT_COUNT> ports;
+    std::array<port_buffers, PORT_COUNT> ports;
     std::mutex lock; // guards the free lists and what follows
     std::condition_variable changed;
     size_t out = 0;                        // buffers that the component has
@@ -53,42 +53,42 @@ struct player {
     std::function<void()> on_wait;         // called twice a second while the component takes long
 };
 
-// Ends what is still under way and frees the handle, in whatever state the player is; a component
+// Ends what is still under way and frees the handle, in whatever state the session is; a component
 // that was waited for in vain is left alone, since its threads may never come back.
-struct player_deleter {
-    void operator()(player *pPlayer) const;
+struct il_session_deleter {
+    void operator()(il_session *session) const;
 };
-using player_ptr = std::unique_ptr<player, player_deleter>;
+using il_session_ptr = std::unique_ptr<il_session, il_session_deleter>;
 
 // Whether such a component has been left alone. The process then has to end without unloading it.
-bool player_left_alone(void);
+bool il_session_left_alone(void);
 
 // Takes the handle and brings it to Executing, its buffers allocated. Between OMX_Init and
 // OMX_Deinit. throws `failure`.
-player_ptr player_open(void);
+il_session_ptr il_session_open(void);
 
 // Starts a recording to the path, which has at most 127 characters. throws `failure`.
-void player_start(player &self, const std::string &path, unsigned rate);
+void il_session_start(il_session &self, const std::string &path, unsigned rate);
 
 // Sends one buffer; waits until one is free. Buffers go to the component in runs, the pictures of a
 // run before its sound and both when all before them has come back: it takes the programme in the
 // same order each time, and few threads have to be woken. One run may wait while the component has
 // another.
 // throws `failure`, unsupported for more bytes than a buffer holds.
-void player_send(player &self, player_port port, std::span<const uint8_t> bytes, int64_t time_us,
-                 uint32_t flags);
+void il_session_send(il_session &self, il_port port, std::span<const uint8_t> bytes,
+                     int64_t time_us, uint32_t flags);
 
-// Sends the run so far, for a player that is about to sleep. throws `failure`.
-void player_flush(player &self);
+// Sends the run so far, for a caller that is about to sleep. throws `failure`.
+void il_session_flush(il_session &self);
 
 // The reason when the recording has ended, by whatever cause.
-std::optional<uint32_t> player_stopped(player &self);
+std::optional<uint32_t> il_session_stopped(il_session &self);
 
 // Waits for all buffers, asks for the end unless it came by itself, and waits for it.
 // returns the stop reason. throws `failure`.
-uint32_t player_stop(player &self);
+uint32_t il_session_stop(il_session &self);
 
 // Back through Idle to Loaded; frees buffers and handle. throws `failure`.
-void player_close(player_ptr self);
+void il_session_close(il_session_ptr self);
 
-#endif
+#endif // CLIENT_IL_SESSION_H

@@ -5,7 +5,7 @@
 #include "client/interruption.h"
 #include "client/mux_command.h"
 #include "client/options.h"
-#include "client/record.h"
+#include "client/record_command.h"
 #include "client/terminal.h"
 #include "client/work_folder.h"
 

@@ -1,10 +1,10 @@
-#include "client/record.h"
+#include "client/record_command.h"
 
 #include "client/failure.h"
-#include "client/figures.h"
+#include "client/report/figures.h"
 #include "client/interruption.h"
-#include "client/player.h"
-#include "client/programme_input.h"
+#include "client/il_session.h"
+#include "client/input/programme_input.h"
 #include "client/storage_root.h"
 #include "client/summary.h"
 #include "client/terminal.h"
@@ -36,7 +36,7 @@ struct session {
     recording_summary summary;
     std::unique_ptr<storage_root> storage;
     std::unique_ptr<programme_input> programme;
-    player_ptr component;
+    il_session_ptr component;
     steady::time_point begun;
     steady::time_point shown; // the progress line
     bool has_file = false;    // the recording's file has been seen
@@ -119,7 +119,7 @@ static void open_all(session &self)
     use_storage(self.storage.get());
     storage_provide(*self.storage, options.card);
     check_free_space(*self.storage);
-    self.component = player_open();
+    self.component = il_session_open();
 }
 
 // The disk alone would show the size in steps of the component's cache.
@@ -174,7 +174,8 @@ static void send_time_base(session &self)
     static const uint8_t delimiter[] = {0, 0, 0, 1, 0x09, 0xF0};
     const int64_t interval_us = video_input_interval_us(*self.programme->video);
     self.lead_us = (interval_us + 999) / 1000 * 1000; // the component counts milliseconds
-    player_send(*self.component, PORT_VIDEO, delimiter, TIME_BASE_US, OMX_BUFFERFLAG_ENDOFFRAME);
+    il_session_send(*self.component, PORT_VIDEO, delimiter, TIME_BASE_US,
+                    OMX_BUFFERFLAG_ENDOFFRAME);
 }
 
 static void send_unit(session &self, const programme_unit &unit)
@@ -182,8 +183,8 @@ static void send_unit(session &self, const programme_unit &unit)
     const int64_t time_us = TIME_BASE_US + self.lead_us + unit.time_us;
     const bool video = unit.kind == unit_kind::video;
     const uint32_t flags = OMX_BUFFERFLAG_ENDOFFRAME | (unit.idr ? OMX_BUFFERFLAG_SYNCFRAME : 0);
-    player_send(*self.component, video ? PORT_VIDEO : PORT_AUDIO, unit.bytes, time_us,
-                video ? flags : 0);
+    il_session_send(*self.component, video ? PORT_VIDEO : PORT_AUDIO, unit.bytes, time_us,
+                    video ? flags : 0);
     self.sent_us = std::max(self.sent_us, unit.time_us);
     self.sent_video_bytes += video ? unit.bytes.size() : 0;
 }
@@ -207,7 +208,7 @@ static bool pause_until(session &self, steady::time_point moment)
 static void send_programme(session &self)
 {
     send_time_base(self);
-    while (!player_stopped(*self.component)) {
+    while (!il_session_stopped(*self.component)) {
         if (const int signal = interruption_signal()) {
             if (self.sent_video_bytes == 0) {
                 throw failure(
@@ -228,7 +229,7 @@ static void send_programme(session &self)
         }
         send_unit(self, *unit);
         if (self.options.realtime) {
-            player_flush(*self.component);
+            il_session_flush(*self.component);
         }
         look_around(self);
     }
@@ -308,13 +309,13 @@ static void end_recording(session &self)
     self.component->on_wait = nullptr;
     terminal_show_progress("Finishing ...");
     try {
-        const uint32_t reason = player_stop(*self.component);
+        const uint32_t reason = il_session_stop(*self.component);
         self.summary.stop_reason = reason;
         if (reason != STOP_REQUEST) {
             self.summary.ended = reason_text(reason);
             note_stop(self, reason);
         }
-        player_close(std::move(self.component));
+        il_session_close(std::move(self.component));
     } catch (const failure &what) {
         note_failure(self, what);
         self.summary.ended = "the component failed";
@@ -335,7 +336,7 @@ static void publish(session &self)
 static void finish(session &self)
 {
     end_recording(self);
-    if (player_left_alone()) { // the file may be written to even now
+    if (il_session_left_alone()) { // the file may be written to even now
         return;
     }
     read_recording(self);
@@ -358,8 +359,8 @@ static void run(session &self)
     open_all(self);
     self.begun = steady::now();
     self.component->on_wait = [&self] { look_around(self); };
-    player_start(*self.component, storage_component_path(*self.storage),
-                 static_cast<unsigned>(self.programme->audio->rate));
+    il_session_start(*self.component, storage_component_path(*self.storage),
+                     static_cast<unsigned>(self.programme->audio->rate));
     try {
         send_programme(self);
     } catch (const failure &broken) {
@@ -417,7 +418,7 @@ static void report(session &self, const std::string &rest)
 // The storage goes last: until then, the user who gives up can read where the recording is.
 static void close_all(session &self)
 {
-    if (player_left_alone()) {
+    if (il_session_left_alone()) {
         storage_hide();
         _exit(self.summary.status); // nothing may wait for the component, nor take from under it
     }

@@ -1,6 +1,6 @@
 // One run of the command: from the input files to the finished recording.
-#ifndef CLIENT_RECORD_H
-#define CLIENT_RECORD_H
+#ifndef CLIENT_RECORD_COMMAND_H
+#define CLIENT_RECORD_COMMAND_H
 
 #include "client/options.h"
 
@@ -8,4 +8,4 @@
 // any thread exists.
 int record(const record_options &options);
 
-#endif
+#endif // CLIENT_RECORD_COMMAND_H

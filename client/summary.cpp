@@ -1,6 +1,6 @@
 #include "client/summary.h"
 
-#include "client/figures.h"
+#include "client/report/figures.h"
 
 #include <nlohmann/json.hpp>
 

@@ -1,6 +1,6 @@
 #include "client/unfinished_recording.h"
 
-#include "client/figures.h"
+#include "client/report/figures.h"
 #include "client/output_place.h"
 
 #include <cerrno>

@@ -4,7 +4,7 @@
 //
 // Input: the access unit; or a decoder configuration and up to 16 packets, each after its length
 // (1 byte).
-#include "client/access_unit.h"
+#include "client/input/access_unit_converter.h"
 #include "component/access_unit.h"
 #include "fuzz/input.h"
 

@@ -1,6 +1,6 @@
 // Any bytes as an MP4 file: the client reads, checks and reports on them and stays within them.
-#include "client/media_report.h"
-#include "client/mp4_reader.h"
+#include "client/report/media_report.h"
+#include "mp4read/mp4_reader.h"
 #include "fuzz/input.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)

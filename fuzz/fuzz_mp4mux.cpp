@@ -3,7 +3,7 @@
 //
 // Input: how it is opened (4 bytes), the streams where they may be anything, what fails (4 bytes),
 // then the frames: kind, distance in time and size, and the first bytes where they matter.
-#include "client/mp4_reader.h"
+#include "mp4read/mp4_reader.h"
 #include "fuzz/input.h"
 #include "tests/support/mux_callbacks.h"
 

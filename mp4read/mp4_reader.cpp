@@ -1,4 +1,4 @@
-#include "client/mp4_reader.h"
+#include "mp4read/mp4_reader.h"
 
 #include <algorithm>
 #include <set>

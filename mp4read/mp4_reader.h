@@ -1,8 +1,8 @@
 // A reader of MP4 files that shares nothing with the muxer: written from ISO/IEC 14496-12, -14 and
 // -15, it takes a file image apart and notes what is wrong with it. Whatever the image holds, its
 // memory stays within a few hundred megabytes.
-#ifndef CLIENT_MP4_READER_H
-#define CLIENT_MP4_READER_H
+#ifndef MP4READ_MP4_READER_H
+#define MP4READ_MP4_READER_H
 
 #include <cstdint>
 #include <functional>
@@ -80,4 +80,4 @@ std::string printable(const std::string &type);
 
 } // namespace mp4_reader
 
-#endif // CLIENT_MP4_READER_H
+#endif // MP4READ_MP4_READER_H

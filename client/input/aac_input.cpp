@@ -1,6 +1,6 @@
-#include "client/aac_input.h"
+#include "client/input/aac_input.h"
 
-#include "client/aac_rates.h"
+#include "client/input/aac_rates.h"
 #include "client/failure.h"
 
 using bytes = std::span<const uint8_t>;

@@ -1,8 +1,8 @@
 // The access units of an AAC stream, as an MP4 file holds them.
-#ifndef CLIENT_AAC_INPUT_H
-#define CLIENT_AAC_INPUT_H
+#ifndef CLIENT_INPUT_AAC_INPUT_H
+#define CLIENT_INPUT_AAC_INPUT_H
 
-#include "client/media_file.h"
+#include "client/input/media_file.h"
 
 #include <cstdint>
 #include <memory>
@@ -37,4 +37,4 @@ int64_t aac_input_span_us(const aac_input &aac, int64_t units);
 // throws `failure` for what cannot be read.
 std::optional<std::span<const uint8_t>> aac_input_next(aac_input &aac);
 
-#endif
+#endif // CLIENT_INPUT_AAC_INPUT_H

@@ -1,6 +1,6 @@
 // The sampling rates of AAC by their samplingFrequencyIndex, ISO/IEC 14496-3, table 1.18.
-#ifndef CLIENT_AAC_RATES_H
-#define CLIENT_AAC_RATES_H
+#ifndef CLIENT_INPUT_AAC_RATES_H
+#define CLIENT_INPUT_AAC_RATES_H
 
 #include <algorithm>
 #include <array>
@@ -22,4 +22,4 @@ inline bool is_encoder_rate(int rate)
     return aac_rate_index(rate) < aac_rates.size() && rate >= 8000 && rate <= 48000;
 }
 
-#endif
+#endif // CLIENT_INPUT_AAC_RATES_H

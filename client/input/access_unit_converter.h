@@ -1,7 +1,7 @@
 // Brings H.264 access units to the form that the component takes: four-byte start codes, the
 // parameter sets in front of every IDR picture, and nothing else but the picture's slices.
-#ifndef CLIENT_ACCESS_UNIT_H
-#define CLIENT_ACCESS_UNIT_H
+#ifndef CLIENT_INPUT_ACCESS_UNIT_CONVERTER_H
+#define CLIENT_INPUT_ACCESS_UNIT_CONVERTER_H
 
 #include <cstdint>
 #include <span>
@@ -66,4 +66,4 @@ std::vector<uint8_t> access_unit_configuration(const access_unit_converter &conv
 // A converted unit's slices for a file, each behind its length (32 bits, big-endian).
 std::vector<uint8_t> access_unit_with_lengths(const access_unit &unit);
 
-#endif
+#endif // CLIENT_INPUT_ACCESS_UNIT_CONVERTER_H

@@ -1,4 +1,4 @@
-#include "client/audio_decoder.h"
+#include "client/input/audio_decoder.h"
 
 #include "client/failure.h"
 

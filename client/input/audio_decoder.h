@@ -1,8 +1,8 @@
 // The decoded audio of one file, frame by frame.
-#ifndef CLIENT_AUDIO_DECODER_H
-#define CLIENT_AUDIO_DECODER_H
+#ifndef CLIENT_INPUT_AUDIO_DECODER_H
+#define CLIENT_INPUT_AUDIO_DECODER_H
 
-#include "client/media_file.h"
+#include "client/input/media_file.h"
 
 #include <memory>
 #include <string>
@@ -28,4 +28,4 @@ std::unique_ptr<audio_decoder> audio_decoder_open(const std::string &path);
 // the pictures. throws `failure` when the file breaks off.
 frame_ptr audio_decoder_next(audio_decoder &decoder);
 
-#endif
+#endif // CLIENT_INPUT_AUDIO_DECODER_H

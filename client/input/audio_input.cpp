@@ -1,6 +1,6 @@
-#include "client/audio_input.h"
+#include "client/input/audio_input.h"
 
-#include "client/aac_rates.h"
+#include "client/input/aac_rates.h"
 #include "client/failure.h"
 
 #include <algorithm>

@@ -1,8 +1,8 @@
 // The programme's audio: 16-bit stereo PCM in blocks, without gaps, from a given moment on.
-#ifndef CLIENT_AUDIO_INPUT_H
-#define CLIENT_AUDIO_INPUT_H
+#ifndef CLIENT_INPUT_AUDIO_INPUT_H
+#define CLIENT_INPUT_AUDIO_INPUT_H
 
-#include "client/audio_decoder.h"
+#include "client/input/audio_decoder.h"
 
 #include <cstdint>
 #include <memory>
@@ -49,4 +49,4 @@ void audio_input_start_at(audio_input &audio, int64_t origin_us);
 // throws `failure` for what cannot be read.
 bool audio_input_next(audio_input &audio, std::span<int16_t, AUDIO_BLOCK_SAMPLES * 2> block);
 
-#endif
+#endif // CLIENT_INPUT_AUDIO_INPUT_H

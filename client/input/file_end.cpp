@@ -1,4 +1,4 @@
-#include "client/file_end.h"
+#include "client/input/file_end.h"
 
 #include <algorithm>
 #include <array>

@@ -1,4 +1,4 @@
-#include "client/mapped_file.h"
+#include "client/input/mapped_file.h"
 
 #include "client/failure.h"
 

@@ -1,6 +1,6 @@
 // A file's bytes as they lie on the disk; what is not looked at is not read.
-#ifndef CLIENT_MAPPED_FILE_H
-#define CLIENT_MAPPED_FILE_H
+#ifndef CLIENT_INPUT_MAPPED_FILE_H
+#define CLIENT_INPUT_MAPPED_FILE_H
 
 #include <cstdint>
 #include <memory>
@@ -25,4 +25,4 @@ std::unique_ptr<mapped_file> mapped_file_open(const std::string &path);
 // Takes the bytes read so far out of the process's memory; they are read again where needed.
 void mapped_file_release(const mapped_file &file);
 
-#endif
+#endif // CLIENT_INPUT_MAPPED_FILE_H

@@ -1,7 +1,7 @@
-#include "client/media_file.h"
+#include "client/input/media_file.h"
 
 #include "client/failure.h"
-#include "client/file_end.h"
+#include "client/input/file_end.h"
 
 #include <cerrno>
 #include <cstring>

@@ -1,8 +1,8 @@
 // One stream of one input file: opening, choosing the stream, reading its packets.
-#ifndef CLIENT_MEDIA_FILE_H
-#define CLIENT_MEDIA_FILE_H
+#ifndef CLIENT_INPUT_MEDIA_FILE_H
+#define CLIENT_INPUT_MEDIA_FILE_H
 
-#include "client/stream_clock.h"
+#include "client/input/stream_clock.h"
 
 #include <cstdint>
 #include <memory>
@@ -56,4 +56,4 @@ std::optional<int64_t> media_file_time_us(const media_file &file, int64_t time);
 // The library's text for an error code.
 std::string media_error_text(int error);
 
-#endif
+#endif // CLIENT_INPUT_MEDIA_FILE_H

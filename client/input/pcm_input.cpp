@@ -1,4 +1,4 @@
-#include "client/pcm_input.h"
+#include "client/input/pcm_input.h"
 
 #include "client/failure.h"
 

@@ -1,9 +1,9 @@
 // The PCM of a file as the encoder takes it: 16 bits, interleaved, in frames of the encoder's size,
 // at the file's own sampling rate and with its own channels.
-#ifndef CLIENT_PCM_INPUT_H
-#define CLIENT_PCM_INPUT_H
+#ifndef CLIENT_INPUT_PCM_INPUT_H
+#define CLIENT_INPUT_PCM_INPUT_H
 
-#include "client/audio_input.h"
+#include "client/input/audio_input.h"
 
 #include <cstdint>
 #include <memory>
@@ -31,4 +31,4 @@ std::unique_ptr<pcm_input> pcm_input_open(const std::string &path);
 // end, also where the file breaks off. throws `failure` for what cannot be coded.
 size_t pcm_input_next(pcm_input &pcm, std::span<int16_t> frame);
 
-#endif
+#endif // CLIENT_INPUT_PCM_INPUT_H

@@ -1,6 +1,6 @@
-#include "client/picture_check.h"
+#include "client/input/picture_check.h"
 
-#include "client/audio_decoder.h"
+#include "client/input/audio_decoder.h"
 
 #include <algorithm>
 #include <vector>

@@ -1,6 +1,6 @@
 // Whether parameter sets belong to a picture, as a decoder finds.
-#ifndef CLIENT_PICTURE_CHECK_H
-#define CLIENT_PICTURE_CHECK_H
+#ifndef CLIENT_INPUT_PICTURE_CHECK_H
+#define CLIENT_INPUT_PICTURE_CHECK_H
 
 #include <cstdint>
 #include <span>
@@ -9,4 +9,4 @@
 // fault with it.
 bool picture_decodes(std::span<const uint8_t> unit);
 
-#endif
+#endif // CLIENT_INPUT_PICTURE_CHECK_H

@@ -1,4 +1,4 @@
-#include "client/programme_input.h"
+#include "client/input/programme_input.h"
 
 #include "client/failure.h"
 

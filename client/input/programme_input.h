@@ -1,9 +1,9 @@
 // A programme: the video and the audio of one or two files, in the order of their times.
-#ifndef CLIENT_PROGRAMME_INPUT_H
-#define CLIENT_PROGRAMME_INPUT_H
+#ifndef CLIENT_INPUT_PROGRAMME_INPUT_H
+#define CLIENT_INPUT_PROGRAMME_INPUT_H
 
-#include "client/audio_input.h"
-#include "client/video_input.h"
+#include "client/input/audio_input.h"
+#include "client/input/video_input.h"
 
 #include <array>
 #include <cstdint>
@@ -51,4 +51,4 @@ std::optional<programme_unit> programme_next(programme_input &programme);
 std::vector<std::string> programme_opening_remarks(const programme_input &programme);
 std::vector<std::string> programme_closing_remarks(const programme_input &programme);
 
-#endif
+#endif // CLIENT_INPUT_PROGRAMME_INPUT_H

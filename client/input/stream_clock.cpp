@@ -1,4 +1,4 @@
-#include "client/stream_clock.h"
+#include "client/input/stream_clock.h"
 
 #include <algorithm>
 #include <utility>

@@ -5,8 +5,8 @@
 // both have crossed it: so that the stream that has the later end on the old clock continues
 // without a gap, and neither steps back. Until then a stream's packets stay on the clock on which
 // they came.
-#ifndef CLIENT_STREAM_CLOCK_H
-#define CLIENT_STREAM_CLOCK_H
+#ifndef CLIENT_INPUT_STREAM_CLOCK_H
+#define CLIENT_INPUT_STREAM_CLOCK_H
 
 #include <cstdint>
 #include <deque>
@@ -67,4 +67,4 @@ packet_ptr stream_clock_read(stream_clock &clock);
 void stream_clock_join(stream_clock &one, stream_clock &other);
 void stream_clock_part(stream_clock &clock);
 
-#endif
+#endif // CLIENT_INPUT_STREAM_CLOCK_H

@@ -1,7 +1,7 @@
-#include "client/video_input.h"
+#include "client/input/video_input.h"
 
 #include "client/failure.h"
-#include "client/picture_check.h"
+#include "client/input/picture_check.h"
 
 #include <algorithm>
 #include <cstdio>

@@ -1,9 +1,9 @@
 // The programme's video: H.264 access units in the component's form with their times.
-#ifndef CLIENT_VIDEO_INPUT_H
-#define CLIENT_VIDEO_INPUT_H
+#ifndef CLIENT_INPUT_VIDEO_INPUT_H
+#define CLIENT_INPUT_VIDEO_INPUT_H
 
-#include "client/access_unit.h"
-#include "client/media_file.h"
+#include "client/input/access_unit_converter.h"
+#include "client/input/media_file.h"
 
 #include <cstdint>
 #include <deque>
@@ -57,4 +57,4 @@ unsigned video_input_damaged_sets(const video_input &video);
 // throws `failure` for what cannot be read or recorded.
 std::optional<video_unit> video_input_next(video_input &video);
 
-#endif
+#endif // CLIENT_INPUT_VIDEO_INPUT_H

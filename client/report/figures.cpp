@@ -1,4 +1,4 @@
-#include "client/figures.h"
+#include "client/report/figures.h"
 
 #include <array>
 #include <cmath>

@@ -1,6 +1,6 @@
 // Figures as people read them.
-#ifndef CLIENT_FIGURES_H
-#define CLIENT_FIGURES_H
+#ifndef CLIENT_REPORT_FIGURES_H
+#define CLIENT_REPORT_FIGURES_H
 
 #include <cstdint>
 #include <string>
@@ -12,4 +12,4 @@ __attribute__((format(printf, 1, 2))) std::string print(const char *format, ...)
 std::string duration_text(double seconds);
 std::string size_text(uint64_t bytes);
 
-#endif
+#endif // CLIENT_REPORT_FIGURES_H

@@ -1,8 +1,8 @@
-#include "client/info_page.h"
+#include "client/report/info_page.h"
 
-#include "client/figures.h"
-#include "client/info_text.h"
-#include "client/time_chart.h"
+#include "client/report/figures.h"
+#include "client/report/info_text.h"
+#include "client/report/time_chart.h"
 
 #include <algorithm>
 #include <filesystem>

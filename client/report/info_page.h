@@ -1,8 +1,8 @@
 // A media report as one HTML page that needs nothing else: no script, no network.
-#ifndef CLIENT_INFO_PAGE_H
-#define CLIENT_INFO_PAGE_H
+#ifndef CLIENT_REPORT_INFO_PAGE_H
+#define CLIENT_REPORT_INFO_PAGE_H
 
-#include "client/media_report.h"
+#include "client/report/media_report.h"
 
 #include <string>
 
@@ -11,4 +11,4 @@ std::string info_page(const media_report &report);
 // "no fault found", or how many there are.
 std::string verdict_text(const media_report &report);
 
-#endif
+#endif // CLIENT_REPORT_INFO_PAGE_H

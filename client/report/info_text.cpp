@@ -1,6 +1,6 @@
-#include "client/info_text.h"
+#include "client/report/info_text.h"
 
-#include "client/figures.h"
+#include "client/report/figures.h"
 
 #include <nlohmann/json.hpp>
 

@@ -1,8 +1,8 @@
 // A media report as text and as data; both end in a newline.
-#ifndef CLIENT_INFO_TEXT_H
-#define CLIENT_INFO_TEXT_H
+#ifndef CLIENT_REPORT_INFO_TEXT_H
+#define CLIENT_REPORT_INFO_TEXT_H
 
-#include "client/media_report.h"
+#include "client/report/media_report.h"
 
 #include <string>
 
@@ -15,4 +15,4 @@ std::string track_text(const track_report &track);
 // How the sound stood to the picture: "sound 12 to 60 ms ahead of the picture".
 std::string lead_text(const lead_range &lead);
 
-#endif
+#endif // CLIENT_REPORT_INFO_TEXT_H

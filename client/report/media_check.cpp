@@ -1,4 +1,4 @@
-#include "client/media_check.h"
+#include "client/report/media_check.h"
 
 #include <algorithm>
 #include <cmath>

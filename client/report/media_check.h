@@ -1,9 +1,9 @@
 // What is wrong with an MP4 file beyond the form of its boxes: frames that are not where the tables
 // say, or not what they say, and headers that contradict them.
-#ifndef CLIENT_MEDIA_CHECK_H
-#define CLIENT_MEDIA_CHECK_H
+#ifndef CLIENT_REPORT_MEDIA_CHECK_H
+#define CLIENT_REPORT_MEDIA_CHECK_H
 
-#include "client/mp4_reader.h"
+#include "mp4read/mp4_reader.h"
 
 #include <string>
 #include <vector>
@@ -16,4 +16,4 @@ struct media_findings {
 // in: a movie and the whole file that it was read from.
 media_findings media_check(const mp4_reader::movie &movie, std::span<const uint8_t> image);
 
-#endif
+#endif // CLIENT_REPORT_MEDIA_CHECK_H

@@ -1,6 +1,6 @@
-#include "client/media_report.h"
+#include "client/report/media_report.h"
 
-#include "client/media_check.h"
+#include "client/report/media_check.h"
 
 #include <algorithm>
 #include <array>

@@ -1,8 +1,8 @@
 // What an MP4 file holds, in figures for people.
-#ifndef CLIENT_MEDIA_REPORT_H
-#define CLIENT_MEDIA_REPORT_H
+#ifndef CLIENT_REPORT_MEDIA_REPORT_H
+#define CLIENT_REPORT_MEDIA_REPORT_H
 
-#include "client/mp4_reader.h"
+#include "mp4read/mp4_reader.h"
 
 #include <cstdint>
 #include <optional>
@@ -58,4 +58,4 @@ const track_report *find_track(const media_report &report, const std::string &ki
 // How far the sound was ahead over the whole file; nothing without sound beside pictures.
 std::optional<lead_range> whole_lead(const media_report &report);
 
-#endif
+#endif // CLIENT_REPORT_MEDIA_REPORT_H

@@ -1,6 +1,6 @@
-#include "client/time_chart.h"
+#include "client/report/time_chart.h"
 
-#include "client/figures.h"
+#include "client/report/figures.h"
 
 #include <algorithm>
 #include <cmath>

@@ -1,7 +1,7 @@
 // Charts over the time of a file, as SVG elements of a page; their colours are classes of its style
 // sheet.
-#ifndef CLIENT_TIME_CHART_H
-#define CLIENT_TIME_CHART_H
+#ifndef CLIENT_REPORT_TIME_CHART_H
+#define CLIENT_REPORT_TIME_CHART_H
 
 #include <string>
 
@@ -34,4 +34,4 @@ std::string time_chart_svg(const time_chart &chart, const std::string &label);
 // Text that stands for itself in HTML.
 std::string html_text(const std::string &text);
 
-#endif
+#endif // CLIENT_REPORT_TIME_CHART_H

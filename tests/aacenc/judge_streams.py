@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """Lets FFmpeg's two AAC decoders and FAAD2 judge the encoder's streams in every configuration.
 
-usage: bench/aac_matrix.py TEST_AACENC [--whole]
+usage: tests/aacenc/judge_streams.py TEST_AACENC [--whole]
 
 TEST_AACENC, the test program, takes every access unit apart and keeps the streams: sample rates,
 channels, bit rates, framing, ID bit, tools and signals in all their combinations, or one in 29 of

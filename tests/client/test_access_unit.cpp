@@ -1,4 +1,4 @@
-#include "client/access_unit.h"
+#include "client/input/access_unit_converter.h"
 
 #include <gtest/gtest.h>
 

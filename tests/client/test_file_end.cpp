@@ -1,5 +1,5 @@
 // Files of every length that a whole file can be cut to.
-#include "client/file_end.h"
+#include "client/input/file_end.h"
 
 #include <gtest/gtest.h>
 

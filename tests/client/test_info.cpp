@@ -1,7 +1,7 @@
 // The report on files that are whole, damaged and hostile.
-#include "client/figures.h"
-#include "client/info_page.h"
-#include "client/info_text.h"
+#include "client/report/figures.h"
+#include "client/report/info_page.h"
+#include "client/report/info_text.h"
 #include "tests/client/command_test.h"
 
 #include <nlohmann/json.hpp>

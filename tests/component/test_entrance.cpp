@@ -1,6 +1,6 @@
 // What comes in through the ports, and what the file then holds: its parameter sets, its pictures
 // with their times and sync flags, its sound.
-#include "client/mp4_reader.h"
+#include "mp4read/mp4_reader.h"
 #include "component/audio_encoder.h"
 #include "platform/host/host_control.h"
 #include "tests/support/component_test.h"

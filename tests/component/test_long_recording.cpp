@@ -1,5 +1,5 @@
 // A recording whose sample tables outgrow their caches, of frames of a few bytes.
-#include "client/mp4_reader.h"
+#include "mp4read/mp4_reader.h"
 #include "platform/host/host_control.h"
 #include "tests/support/component_test.h"
 #include "tests/support/programme.h"

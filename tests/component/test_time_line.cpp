@@ -1,5 +1,5 @@
 // The times of recordings against a model of the time line in plain arithmetic.
-#include "client/mp4_reader.h"
+#include "mp4read/mp4_reader.h"
 #include "platform/host/host_control.h"
 #include "tests/support/component_test.h"
 #include "tests/support/programme.h"

@@ -1,5 +1,5 @@
 // Recordings that come through the frame FIFOs and the writer threads.
-#include "client/mp4_reader.h"
+#include "mp4read/mp4_reader.h"
 #include "component/frame_fifo.h"
 #include "tests/support/component_test.h"
 #include "tests/support/programme.h"

@@ -1,6 +1,6 @@
 // The error model, hostile arguments, and every callback failing in turn.
 #include "mp4mux/mux_error.h"
-#include "client/mp4_reader.h"
+#include "mp4read/mp4_reader.h"
 #include "tests/support/mux_recording.h"
 
 using namespace mux_test;

@@ -1,7 +1,7 @@
 // Times, names and sizes of a file beyond what its set-up decides.
 #include "mp4mux/moov/sample_entry.h"
 #include "mp4mux/sample_entry_codes.h"
-#include "client/mp4_reader.h"
+#include "mp4read/mp4_reader.h"
 #include "tests/support/mux_recording.h"
 
 using namespace mux_test;

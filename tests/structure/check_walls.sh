@@ -21,7 +21,10 @@ wall mp4mux "\"mp4mux/|$standard"
 wall aacenc "\"aacenc/|$standard|<(arm_neon|immintrin)\.h>"
 wall component '"(component/|platform/[a-z_]+\.h|mp4mux/mp4_mux\.h|aacenc/aac_enc\.h)|<'
 wall platform '"platform/|<'
-wall client '"(client/|platform/(omx_il|host/host_control)\.h|mp4mux/mp4_mux\.h|aacenc/aac_enc\.h)|<'
+wall mp4read '"mp4read/|<'
+wall client/input '"client/(input/|failure\.h)|<'
+wall client/report '"(client/report/|mp4read/)|<'
+wall client '"(client/|mp4read/|platform/(omx_il|host/host_control)\.h|mp4mux/mp4_mux\.h|aacenc/aac_enc\.h)|<'
 
 # Several standard libraries for devices do not have it; component/shared_fields.h serves them all.
 if grep -rnE 'atomic_ref *[<(]' --include='*.cpp' --include='*.h' mp4mux aacenc component platform; then

@@ -1,6 +1,6 @@
 #include "tests/support/mux_recording.h"
 
-#include "client/mp4_reader.h"
+#include "mp4read/mp4_reader.h"
 
 #include <algorithm>
 #include <cstring>

@@ -2,7 +2,7 @@
 #ifndef TESTS_SUPPORT_RECORDER_TEST_H
 #define TESTS_SUPPORT_RECORDER_TEST_H
 
-#include "client/mp4_reader.h"
+#include "mp4read/mp4_reader.h"
 #include "tests/support/il_client.h"
 #include "tests/support/platform_test.h"
 #include "tests/support/programme.h"
@@ -32,4 +32,4 @@ class RecorderTest : public PlatformTest {
     static void expect_no_scratch_files();
 };
 
-#endif
+#endif // TESTS_SUPPORT_RECORDER_TEST_H
