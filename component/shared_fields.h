@@ -10,8 +10,8 @@
 
 // A field that can be shared: the machine has its operations, and nobody waits for a hidden lock.
 template <typename T>
-inline constexpr bool is_shareable = std::is_trivially_copyable_v<T> &&
-    __atomic_always_lock_free(sizeof(T), nullptr);
+inline constexpr bool is_shareable =
+    std::is_trivially_copyable_v<T> && __atomic_always_lock_free(sizeof(T), nullptr);
 
 template <typename T>
 [[nodiscard]] inline T load_shared(T &field)

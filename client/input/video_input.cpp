@@ -106,7 +106,7 @@ static void check_order(video_input &video, const AVPacket &packet, const access
     const std::optional<int64_t> display_us = media_file_time_us(*video.file, packet.pts);
     const std::optional<int64_t> decode_us = media_file_time_us(*video.file, packet.dts);
     if (display_us && decode_us && video.display_us && video.decode_us &&
-        *display_us<*video.display_us && * decode_us> * video.decode_us) {
+        *display_us < *video.display_us && *decode_us > *video.decode_us) {
         refuse_order(video);
     }
     video.display_us = display_us;
