@@ -15,8 +15,9 @@ static constexpr int32_t kScalefactorLimit = kScalefactorCodes - 1;
 
 static int32_t put(AacEncBitstream *bitstream, int32_t value, int32_t count, int32_t write)
 {
-    if (write)
+    if (write) {
         BsPutBit(bitstream, static_cast<uint32_t>(value), count);
+    }
     return count;
 }
 

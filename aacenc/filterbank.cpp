@@ -26,10 +26,11 @@ static bool takes_vectors()
 
 void buffer2freq(const int16_t *cur, int32_t *spec, const int16_t *prev, uint32_t frameCounter)
 {
-    if (frameCounter == 0)
+    if (frameCounter == 0) {
         std::fill_n(spec, kFrameLines, 0);
-    else if (takes_vectors())
+    } else if (takes_vectors()) {
         transform_vector(cur, spec, prev);
-    else
+    } else {
         transform_plain(cur, spec, prev);
+    }
 }

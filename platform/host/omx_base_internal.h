@@ -96,8 +96,9 @@ void omx_base_for_ports(const omx_base_sink_PrivateType *pSink, OMX_U32 uiPort, 
 {
     for (OMX_U32 index = 0; index < omx_base_port_count(pSink); index++) {
         omx_base_port_PrivateType *port = omx_base_port(pSink, index);
-        if (port != nullptr && (uiPort == OMX_ALL || uiPort == index))
+        if (port != nullptr && (uiPort == OMX_ALL || uiPort == index)) {
             function(port);
+        }
     }
 }
 
@@ -168,8 +169,9 @@ OMX_ERRORTYPE omx_base_component_EmptyThisBuffer(OMX_HANDLETYPE hComponent,
 [[nodiscard]] inline OMX_ERRORTYPE omx_base_check_head(OMX_U32 uiSize, OMX_VERSIONTYPE unVersion,
                                                        size_t expected_size)
 {
-    if (uiSize != expected_size)
+    if (uiSize != expected_size) {
         return OMX_ErrorBadParameter;
+    }
     const OMX_VERSIONTYPE own = {.nVersion = OMX_VERSION_1_1_2};
     return unVersion.s.nVersionMajor == own.s.nVersionMajor &&
                    unVersion.s.nVersionMinor == own.s.nVersionMinor

@@ -27,8 +27,9 @@ TEST(NoiselessCoding, CountedBitsAreThoseOfTheCodewords)
 {
     std::vector<int32_t> magnitudes(16);
     std::iota(magnitudes.begin(), magnitudes.end(), 0);
-    for (int32_t power = 16; power < 8192; power *= 2)
+    for (int32_t power = 16; power < 8192; power *= 2) {
         magnitudes.insert(magnitudes.end(), {power, 2 * power - 1});
+    }
     constexpr size_t kChoices[6] = {3, 3, 9, 8, 13, 34}; // for a line, in the codebooks 2 * i + 1
     for (size_t i = 0; i < 6; i++) {
         const int32_t odd = static_cast<int32_t>(2 * i + 1);

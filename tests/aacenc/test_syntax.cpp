@@ -20,8 +20,9 @@ static std::string written_bits(Write write, int offset = 0)
     BsPutBit(&bitstream, 0, offset);
     write(&bitstream);
     std::string digits;
-    for (int i = offset; i < AACENC_BsBufferNumBit(&bitstream); i++)
+    for (int i = offset; i < AACENC_BsBufferNumBit(&bitstream); i++) {
         digits += static_cast<char>('0' + (bytes[static_cast<size_t>(i / 8)] >> (7 - i % 8) & 1));
+    }
     return digits;
 }
 

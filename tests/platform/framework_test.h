@@ -23,8 +23,9 @@ class framework_test : public PlatformTest {
   protected:
     framework_test()
     {
-        for (OMX_U32 port = 0; port < PORT_COUNT; port++)
+        for (OMX_U32 port = 0; port < PORT_COUNT; port++) {
             sink->ppPorts[port]->stPortDefinition.nBufferSize = BUFFER_BYTES;
+        }
         client.on_buffer_back = [this](OMX_BUFFERHEADERTYPE *header) {
             const std::lock_guard guard(lock);
             returned.push_back(header);
@@ -46,8 +47,9 @@ class framework_test : public PlatformTest {
     template <typename Condition>
     static void wait_until(Condition condition)
     {
-        for (int count = 0; !condition() && count < 1500000; count++)
+        for (int count = 0; !condition() && count < 1500000; count++) {
             std::this_thread::sleep_for(std::chrono::microseconds(200));
+        }
         ASSERT_TRUE(condition());
     }
 
@@ -84,45 +86,53 @@ class framework_test : public PlatformTest {
         OMX_BUFFERHEADERTYPE *header = nullptr;
         const OMX_ERRORTYPE error =
             OMX_AllocateBuffer(component, &header, port, nullptr, BUFFER_BYTES);
-        if (error == OMX_ErrorNone)
+        if (error == OMX_ErrorNone) {
             buffers[port].push_back(header);
+        }
         return error;
     }
 
     void populate(OMX_U32 port)
     {
-        while (!sink->ppPorts[port]->stPortDefinition.bPopulated)
+        while (!sink->ppPorts[port]->stPortDefinition.bPopulated) {
             ASSERT_EQ(allocate(port), OMX_ErrorNone);
+        }
     }
 
     void free_buffers(OMX_U32 port)
     {
-        for (OMX_BUFFERHEADERTYPE *header : std::exchange(buffers[port], {}))
+        for (OMX_BUFFERHEADERTYPE *header : std::exchange(buffers[port], {})) {
             ASSERT_EQ(OMX_FreeBuffer(component, port, header), OMX_ErrorNone);
+        }
     }
 
     // A change of state with the buffers that it waits for.
     void change_state(OMX_STATETYPE target)
     {
         ASSERT_EQ(send(OMX_CommandStateSet, target), OMX_ErrorNone);
-        for (OMX_U32 port = 0; port < PORT_COUNT; port++)
-            if (target == OMX_StateIdle)
+        for (OMX_U32 port = 0; port < PORT_COUNT; port++) {
+            if (target == OMX_StateIdle) {
                 populate(port);
-            else if (target == OMX_StateLoaded)
+            } else if (target == OMX_StateLoaded) {
                 free_buffers(port);
-        if (target == OMX_StateInvalid)
+            }
+        }
+        if (target == OMX_StateInvalid) {
             expect_error(OMX_ErrorInvalidState);
-        else
+        } else {
             expect_complete(OMX_CommandStateSet, target);
+        }
     }
 
     // From Loaded to any state, by the shortest way.
     void bring_to(OMX_STATETYPE target)
     {
-        if (target == OMX_StateExecuting || target == OMX_StatePause)
+        if (target == OMX_StateExecuting || target == OMX_StatePause) {
             change_state(OMX_StateIdle);
-        if (target != OMX_StateLoaded)
+        }
+        if (target != OMX_StateLoaded) {
             change_state(target);
+        }
     }
 
     OMX_ERRORTYPE empty(OMX_BUFFERHEADERTYPE *header)

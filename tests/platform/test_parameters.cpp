@@ -64,8 +64,9 @@ TEST_F(parameter_test, the_port_definition_takes_the_count_and_the_format_only)
     EXPECT_EQ(definition.format.video.nFrameWidth, 176u);
 
     bring_to(OMX_StateIdle); // with a full queue
-    for (OMX_BUFFERHEADERTYPE *buffer : buffers[0])
+    for (OMX_BUFFERHEADERTYPE *buffer : buffers[0]) {
         EXPECT_EQ(empty(buffer), OMX_ErrorNone);
+    }
     EXPECT_EQ(set(INDEX, &definition), OMX_ErrorIncorrectStateOperation);
     ASSERT_EQ(send(OMX_CommandPortDisable, 0), OMX_ErrorNone);
     EXPECT_EQ(wait_returned(QUEUE_CAPACITY).size(), size_t{QUEUE_CAPACITY});

@@ -112,28 +112,36 @@ TEST_P(way_back_test, gives_back_what_the_port_has_unchanged)
         ASSERT_EQ(empty(buffers[port][0]), OMX_ErrorNone);
         wait_until([&] { return host_call_count(HOST_CALL_DEQUEUE) != taken; });
     }
-    for (size_t index : {1u, 2u})
-        for (OMX_U32 port = 0; port < PORT_COUNT; port++)
+    for (size_t index : {1u, 2u}) {
+        for (OMX_U32 port = 0; port < PORT_COUNT; port++) {
             ASSERT_EQ(empty(buffers[port][index]), OMX_ErrorNone);
-    for (OMX_U32 port : way.ports)
+        }
+    }
+    for (OMX_U32 port : way.ports) {
         expected.insert(expected.end(), buffers[port].begin(), buffers[port].begin() + 3);
+    }
     ASSERT_EQ(send(way.command, way.param), OMX_ErrorNone);
     const buffer_list_t back = wait_returned(expected.size());
     EXPECT_THAT(back, testing::UnorderedElementsAreArray(expected));
-    for (const OMX_BUFFERHEADERTYPE *buffer : back)
+    for (const OMX_BUFFERHEADERTYPE *buffer : back) {
         EXPECT_EQ(buffer->nFilledLen, BUFFER_BYTES);
+    }
     EXPECT_TRUE(way.empty_result == OMX_ErrorNone || empty(buffers[1][0]) == way.empty_result);
     for (OMX_U32 port : way.ports) {
         EXPECT_EQ(tsem_value(sink->ppPorts[port]->pBufferSem), 0u);
-        if (way.empty_result != OMX_ErrorNone)
+        if (way.empty_result != OMX_ErrorNone) {
             free_buffers(port);
-        if (way.command != OMX_CommandStateSet)
+        }
+        if (way.command != OMX_CommandStateSet) {
             expect_complete(way.command, port);
+        }
     }
-    if (way.empty_result == OMX_ErrorInvalidState)
+    if (way.empty_result == OMX_ErrorInvalidState) {
         return expect_error(OMX_ErrorInvalidState);
-    if (way.command == OMX_CommandStateSet)
+    }
+    if (way.command == OMX_CommandStateSet) {
         expect_complete(way.command, way.param);
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(each_way, way_back_test,
