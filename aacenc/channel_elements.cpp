@@ -1,10 +1,10 @@
 #include "aacenc/channel_elements.h"
 
-#include <algorithm>
-#include <bit>
-
 #include "aacenc/fixed_point.h"
 #include "aacenc/noise_tables.h"
+
+#include <algorithm>
+#include <bit>
 
 static constexpr int64_t kSilentEnergy = 20;                // a top band up to here carries nothing
 static constexpr uint32_t kNoiseEnergyOffset = 0x29800000U; // 41.5 in Q24

@@ -1,10 +1,10 @@
 #include "aacenc/element_syntax.h"
 
-#include <algorithm>
-
 #include "aacenc/bitstream.h"
 #include "aacenc/fixed_point.h"
 #include "aacenc/huffman_tables.h"
+
+#include <algorithm>
 
 static constexpr int32_t kSectionEscape = 31; // sect_len_incr that another one follows
 static constexpr int32_t kScalefactorZero = 60;

@@ -1,5 +1,4 @@
 #include "aacenc/aac_enc.h"
-
 #include "aacenc/encoder_setup.h"
 #include "aacenc/encoder_state.h"
 #include "aacenc/frame_driver.h"

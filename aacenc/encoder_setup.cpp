@@ -1,12 +1,12 @@
 #include "aacenc/encoder_setup.h"
 
-#include <cstring>
-#include <iterator>
-
 #include "aacenc/band_tables.h"
 #include "aacenc/bitstream.h"
 #include "aacenc/fixed_point.h"
 #include "aacenc/tns.h"
+
+#include <cstring>
+#include <iterator>
 
 static constexpr int32_t kBitRateUnit = 1000;
 static constexpr int32_t kLowestBitRate = 16000;

@@ -1,11 +1,11 @@
 #include "aacenc/filterbank.h"
 
-#include <algorithm>
-
 #include "aacenc/encoder_state.h"
 #include "aacenc/fft.h"
 #include "aacenc/filterbank_vector.h"
 #include "aacenc/transform_stages.h"
+
+#include <algorithm>
 
 void transform_plain(const int16_t *cur, int32_t *spec, const int16_t *prev)
 {

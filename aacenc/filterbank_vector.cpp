@@ -1,9 +1,9 @@
 #include "aacenc/filterbank_vector.h"
 
+#include "aacenc/vector_s32.h"
+
 #include <cstddef>
 #include <initializer_list>
-
-#include "aacenc/vector_s32.h"
 
 #if AACENC_VECTOR
 

@@ -1,8 +1,5 @@
 #include "aacenc/frame_driver.h"
 
-#include <algorithm>
-#include <cstring>
-
 #include "aacenc/band_tables.h"
 #include "aacenc/bitstream.h"
 #include "aacenc/channel_elements.h"
@@ -11,6 +8,9 @@
 #include "aacenc/fixed_point.h"
 #include "aacenc/rate_loop.h"
 #include "aacenc/tns.h"
+
+#include <algorithm>
+#include <cstring>
 
 static constexpr uint32_t kTnsHoldOffFrames = 3;
 static constexpr int32_t kFirstFrequencyIndex = 3;   // standard's index of SampleRates[0]

@@ -1,13 +1,13 @@
 #include "aacenc/noiseless_coding.h"
 
-#include <algorithm>
-#include <cstdlib>
-
 #include "aacenc/codebook_bits.h"
 #include "aacenc/encoder_state.h"
 #include "aacenc/fixed_point.h"
 #include "aacenc/huffman_tables.h"
 #include "aacenc/quantiser.h"
+
+#include <algorithm>
+#include <cstdlib>
 
 static constexpr int32_t kEscapeMark = 16; // stands in the codeword for a value with an escape
 

@@ -1,10 +1,10 @@
 #include "aacenc/quantiser.h"
 
-#include <algorithm>
-#include <bit>
-
 #include "aacenc/fixed_point.h"
 #include "aacenc/quantiser_tables.h"
+
+#include <algorithm>
+#include <bit>
 
 // Line of CalcPow_RageTable by the leading zeros of a magnitude above 8191.
 static constexpr uint8_t kLineOfZeros[19] = {

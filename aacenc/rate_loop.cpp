@@ -1,13 +1,13 @@
 #include "aacenc/rate_loop.h"
 
-#include <algorithm>
-
 #include "aacenc/element_syntax.h"
 #include "aacenc/encoder_setup.h"
 #include "aacenc/fixed_point.h"
 #include "aacenc/huffman_tables.h"
 #include "aacenc/noiseless_coding.h"
 #include "aacenc/quantiser.h"
+
+#include <algorithm>
 
 static constexpr int32_t kLowestStart = 40;
 static constexpr int32_t kHighestGain = 200;

@@ -1,10 +1,10 @@
 #include "aacenc/tns.h"
 
-#include <algorithm>
-#include <bit>
-
 #include "aacenc/fixed_point.h"
 #include "aacenc/tns_tables.h"
+
+#include <algorithm>
+#include <bit>
 
 static constexpr int32_t kCoefRes = 4;
 static constexpr int32_t kOne_q29 = 1 << 29;

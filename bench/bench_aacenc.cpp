@@ -1,18 +1,5 @@
 // The AAC encoder over the sample programme, whole and by stage: CPU time per frame and multiples
 // of real time. A stage is timed on one channel.
-#include <algorithm>
-#include <array>
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <fstream>
-#include <iterator>
-#include <span>
-#include <vector>
-
-#include <benchmark/benchmark.h>
-
 #include "aacenc/aac_enc.h"
 #include "aacenc/bitstream.h"
 #include "aacenc/element_syntax.h"
@@ -22,6 +9,18 @@
 #include "aacenc/rate_loop.h"
 #include "tests/support/own_files.h"
 #include "tests/support/stream_hash.h"
+
+#include <algorithm>
+#include <array>
+#include <benchmark/benchmark.h>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <span>
+#include <vector>
 
 static constexpr int32_t kSampleRate = 48000;
 static constexpr double kFrameSeconds = 1.0 * int{AACENC_FRAME_SAMPLES} / kSampleRate;

@@ -5,8 +5,8 @@
 // RECORDER_BENCH=whole in the environment lets the rests last 10 s and adds the long recordings.
 #include "aacenc/aac_enc.h"
 #include "client/failure.h"
-#include "client/omx_core.h"
 #include "client/il_session.h"
+#include "client/omx_core.h"
 #include "platform/host/host_control.h"
 #include "platform/storage_info.h"
 #include "tests/support/programme.h"

@@ -2,9 +2,9 @@
 
 #include "client/aac_stream.h"
 #include "client/failure.h"
-#include "client/report/figures.h"
-#include "client/interruption.h"
 #include "client/input/pcm_input.h"
+#include "client/interruption.h"
+#include "client/report/figures.h"
 #include "client/terminal.h"
 #include "client/work_folder.h"
 

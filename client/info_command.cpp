@@ -1,9 +1,9 @@
 #include "client/info_command.h"
 
 #include "client/failure.h"
+#include "client/input/mapped_file.h"
 #include "client/report/info_page.h"
 #include "client/report/info_text.h"
-#include "client/input/mapped_file.h"
 #include "client/report/media_report.h"
 #include "client/terminal.h"
 #include "client/unfinished_recording.h"

@@ -1,13 +1,13 @@
 #include "client/mux_command.h"
 
-#include "client/input/aac_input.h"
 #include "client/failure.h"
-#include "client/report/figures.h"
 #include "client/finished_file.h"
+#include "client/input/aac_input.h"
+#include "client/input/video_input.h"
 #include "client/interruption.h"
 #include "client/mux_file.h"
+#include "client/report/figures.h"
 #include "client/terminal.h"
-#include "client/input/video_input.h"
 #include "client/work_folder.h"
 
 #include <chrono>

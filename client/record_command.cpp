@@ -1,14 +1,13 @@
 #include "client/record_command.h"
 
 #include "client/failure.h"
-#include "client/report/figures.h"
-#include "client/interruption.h"
 #include "client/il_session.h"
 #include "client/input/programme_input.h"
+#include "client/interruption.h"
+#include "client/report/figures.h"
 #include "client/storage_root.h"
 #include "client/summary.h"
 #include "client/terminal.h"
-
 #include "platform/omx_il.h"
 
 #include <algorithm>

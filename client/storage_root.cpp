@@ -1,7 +1,6 @@
 #include "client/storage_root.h"
 
 #include "client/failure.h"
-
 #include "platform/host/host_control.h"
 
 #include <array>

@@ -1,7 +1,6 @@
 #include "client/terminal.h"
 
 #include "client/failure.h"
-
 #include "platform/host/host_control.h"
 
 #include <cstdio>

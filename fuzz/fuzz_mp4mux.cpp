@@ -3,8 +3,8 @@
 //
 // Input: how it is opened (4 bytes), the streams where they may be anything, what fails (4 bytes),
 // then the frames: kind, distance in time and size, and the first bytes where they matter.
-#include "mp4read/mp4_reader.h"
 #include "fuzz/input.h"
+#include "mp4read/mp4_reader.h"
 #include "tests/support/mux_callbacks.h"
 
 using mux_test::world;

@@ -4,9 +4,9 @@
 //
 // Input: up to 3 recordings. Each has a byte for its writes and sampling rate, one for its caches,
 // a number of steps, and the steps of one byte each with what they need, see take_step.
-#include "mp4read/mp4_reader.h"
 #include "component/omx_tdmbrec_component.h"
 #include "fuzz/input.h"
+#include "mp4read/mp4_reader.h"
 #include "platform/android_log.h"
 #include "platform/host/host_control.h"
 

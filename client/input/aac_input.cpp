@@ -1,7 +1,7 @@
 #include "client/input/aac_input.h"
 
-#include "client/input/aac_rates.h"
 #include "client/failure.h"
+#include "client/input/aac_rates.h"
 
 using bytes = std::span<const uint8_t>;
 

@@ -1,7 +1,7 @@
 #include "client/input/audio_input.h"
 
-#include "client/input/aac_rates.h"
 #include "client/failure.h"
+#include "client/input/aac_rates.h"
 
 #include <algorithm>
 #include <array>

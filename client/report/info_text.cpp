@@ -2,9 +2,8 @@
 
 #include "client/report/figures.h"
 
-#include <nlohmann/json.hpp>
-
 #include <cmath>
+#include <nlohmann/json.hpp>
 
 // More gaps than these are counted only.
 static constexpr size_t GAPS_LISTED = 10;

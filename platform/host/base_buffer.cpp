@@ -1,6 +1,5 @@
 // The buffers of a port: their making and release, and their way to the component and back.
 #include "platform/host/omx_base_internal.h"
-
 #include "platform/host/semaphore_queue_internal.h"
 #include "platform/qvr_memory.h"
 

@@ -1,7 +1,6 @@
 // Commands on their way from the client to the message thread.
-#include "platform/host/omx_base_internal.h"
-
 #include "platform/host/control_internal.h"
+#include "platform/host/omx_base_internal.h"
 
 #include <errno.h>
 

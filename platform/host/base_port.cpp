@@ -1,7 +1,6 @@
 // The port classes.
-#include "platform/host/omx_base_internal.h"
-
 #include "platform/host/control_internal.h"
+#include "platform/host/omx_base_internal.h"
 #include "platform/qvr_memory.h"
 
 static char video_mime_type[] = "video/raw";

@@ -1,7 +1,6 @@
 // The sink class: its construction and release, and the short entries of the function table.
-#include "platform/host/omx_base_internal.h"
-
 #include "platform/host/control_internal.h"
+#include "platform/host/omx_base_internal.h"
 #include "platform/qvr_memory.h"
 
 #include <stdio.h>

@@ -1,7 +1,6 @@
 // The buffer thread and the flush handshake with it.
-#include "platform/host/omx_base_internal.h"
-
 #include "platform/host/control_internal.h"
+#include "platform/host/omx_base_internal.h"
 #include "platform/host/semaphore_queue_internal.h"
 
 #include <errno.h>

@@ -1,6 +1,5 @@
-#include "platform/host/semaphore_queue_internal.h"
-
 #include "platform/host/control_internal.h"
+#include "platform/host/semaphore_queue_internal.h"
 
 #include <errno.h>
 

@@ -1,11 +1,10 @@
-#include <cstdint>
-#include <vector>
-
-#include <gtest/gtest.h>
-
 #include "aacenc/encoder_setup.h"
 #include "aacenc/frame_driver.h"
 #include "tests/aacenc/encoder_harness.h"
+
+#include <cstdint>
+#include <gtest/gtest.h>
+#include <vector>
 
 static int32_t open_result(const EncoderOptions &options)
 {

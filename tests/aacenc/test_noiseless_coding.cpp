@@ -1,12 +1,11 @@
+#include "aacenc/noiseless_coding.h"
+
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
+#include <gtest/gtest.h>
 #include <numeric>
 #include <vector>
-
-#include <gtest/gtest.h>
-
-#include "aacenc/noiseless_coding.h"
 
 // returns: the bits of a group's codewords, of which there are as many as were counted
 static int32_t packed_bits(int32_t book, const int32_t *values)

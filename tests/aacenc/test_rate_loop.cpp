@@ -1,15 +1,14 @@
-#include <algorithm>
-#include <cstdint>
-#include <cstdlib>
-#include <vector>
-
-#include <gtest/gtest.h>
-
 #include "aacenc/huffman_tables.h"
 #include "aacenc/noiseless_coding.h"
 #include "aacenc/quantiser.h"
 #include "aacenc/rate_loop.h"
 #include "tests/aacenc/encoder_harness.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <gtest/gtest.h>
+#include <vector>
 
 struct RateLoop : SilentChannel {
     int32_t *spectrum = tf->channelBuffer[0];

@@ -1,18 +1,17 @@
-#include <algorithm>
-#include <cmath>
-#include <cstdint>
-#include <cstdlib>
-#include <fstream>
-#include <vector>
-
-#include <gtest/gtest.h>
-
 #include "aacenc/band_tables.h"
 #include "aacenc/filterbank.h"
 #include "tests/aacenc/encoder_harness.h"
 #include "tests/support/aac_parser.h"
 #include "tests/support/programme.h"
 #include "tests/support/stream_hash.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <cstdlib>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <vector>
 
 static std::vector<uint8_t> adts_header(const EncoderOptions &options, size_t unit_bytes)
 {

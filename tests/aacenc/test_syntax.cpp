@@ -1,14 +1,13 @@
-#include <algorithm>
-#include <bitset>
-#include <cstdint>
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
-
 #include "aacenc/bitstream.h"
 #include "aacenc/element_syntax.h"
 #include "tests/aacenc/encoder_harness.h"
+
+#include <algorithm>
+#include <bitset>
+#include <cstdint>
+#include <gtest/gtest.h>
+#include <string>
+#include <vector>
 
 // What a writer appends behind `offset` bits, as a string of digits.
 template <typename Write>

@@ -1,12 +1,3 @@
-#include <algorithm>
-#include <cmath>
-#include <numeric>
-#include <span>
-#include <utility>
-#include <vector>
-
-#include <gtest/gtest.h>
-
 #include "aacenc/band_tables.h"
 #include "aacenc/filterbank_tables.h"
 #include "aacenc/huffman_tables.h"
@@ -14,6 +5,14 @@
 #include "aacenc/quantiser.h"
 #include "aacenc/quantiser_tables.h"
 #include "aacenc/tns_tables.h"
+
+#include <algorithm>
+#include <cmath>
+#include <gtest/gtest.h>
+#include <numeric>
+#include <span>
+#include <utility>
+#include <vector>
 
 static constexpr double kPi = 3.14159265358979323846;
 static constexpr double kOne_q29 = 536870912.0;

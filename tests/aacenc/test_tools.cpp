@@ -1,17 +1,16 @@
-#include <algorithm>
-#include <cmath>
-#include <cstdint>
-#include <functional>
-#include <random>
-#include <span>
-#include <vector>
-
-#include <gtest/gtest.h>
-
 #include "aacenc/band_tables.h"
 #include "aacenc/channel_elements.h"
 #include "aacenc/tns.h"
 #include "tests/aacenc/encoder_harness.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <functional>
+#include <gtest/gtest.h>
+#include <random>
+#include <span>
+#include <vector>
 
 static constexpr double kPi = 3.14159265358979323846;
 static constexpr double kOne_q28 = 268435456.0;

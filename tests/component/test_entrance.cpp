@@ -1,7 +1,7 @@
 // What comes in through the ports, and what the file then holds: its parameter sets, its pictures
 // with their times and sync flags, its sound.
-#include "mp4read/mp4_reader.h"
 #include "component/audio_encoder.h"
+#include "mp4read/mp4_reader.h"
 #include "platform/host/host_control.h"
 #include "tests/support/component_test.h"
 #include "tests/support/programme.h"

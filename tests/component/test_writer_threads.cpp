@@ -1,6 +1,6 @@
 // Recordings that come through the frame FIFOs and the writer threads.
-#include "mp4read/mp4_reader.h"
 #include "component/frame_fifo.h"
+#include "mp4read/mp4_reader.h"
 #include "tests/support/component_test.h"
 #include "tests/support/programme.h"
 #include "tests/support/wrapped_calls.h"

@@ -1,12 +1,12 @@
 #include "tests/support/aac_parser.h"
 
+#include "aacenc/band_tables.h"
+#include "aacenc/huffman_tables.h"
+
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <unordered_map>
-
-#include "aacenc/band_tables.h"
-#include "aacenc/huffman_tables.h"
 
 namespace {
 
