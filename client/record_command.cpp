@@ -19,11 +19,11 @@
 using steady = std::chrono::steady_clock;
 
 // Time stamps begin well above 0, which the component takes for "none yet".
-static constexpr int64_t TIME_BASE_US = 1'000'000;
+static constexpr int64_t kTimeBaseUs = 1'000'000;
 
 // The component's figure for a storage that is full, and the bit rate of its audio.
-static constexpr uint64_t FREE_BYTES_KEPT = uint64_t{51200} * 1024;
-static constexpr uint64_t AUDIO_BYTES_PER_SECOND = 128000 / 8;
+static constexpr uint64_t kFreeBytesKept = uint64_t{51200} * 1024;
+static constexpr uint64_t kAudioBytesPerSecond = 128000 / 8;
 
 // What the signal's thread has to clear away when the user gives up. It keeps the lock until the
 // process is gone, so that the recording does not move while it says where it stays.
@@ -82,10 +82,10 @@ static exit_code stop_code(uint32_t reason)
 static void check_free_space(const storage_root &storage)
 {
     const uint64_t free_bytes = storage_free_bytes(storage);
-    if (free_bytes <= FREE_BYTES_KEPT) {
+    if (free_bytes <= kFreeBytesKept) {
         throw failure(stop_code(STOP_STORAGE_FULL),
                       "only " + size_text(free_bytes) + " are free for the output; the recorder " +
-                          "needs more than " + size_text(FREE_BYTES_KEPT));
+                          "needs more than " + size_text(kFreeBytesKept));
     }
 }
 
@@ -125,7 +125,7 @@ static void open_all(session &self)
 static uint64_t recorded_bytes(const session &self)
 {
     const uint64_t sent_us = static_cast<uint64_t>(self.sent_us);
-    const uint64_t sent = self.sent_video_bytes + sent_us * AUDIO_BYTES_PER_SECOND / 1'000'000;
+    const uint64_t sent = self.sent_video_bytes + sent_us * kAudioBytesPerSecond / 1'000'000;
     return std::max(storage_recorded_bytes(*self.storage), sent);
 }
 
@@ -173,13 +173,12 @@ static void send_time_base(session &self)
     static const uint8_t delimiter[] = {0, 0, 0, 1, 0x09, 0xF0};
     const int64_t interval_us = video_input_interval_us(*self.programme->video);
     self.lead_us = (interval_us + 999) / 1000 * 1000; // the component counts milliseconds
-    il_session_send(*self.component, PORT_VIDEO, delimiter, TIME_BASE_US,
-                    OMX_BUFFERFLAG_ENDOFFRAME);
+    il_session_send(*self.component, PORT_VIDEO, delimiter, kTimeBaseUs, OMX_BUFFERFLAG_ENDOFFRAME);
 }
 
 static void send_unit(session &self, const programme_unit &unit)
 {
-    const int64_t time_us = TIME_BASE_US + self.lead_us + unit.time_us;
+    const int64_t time_us = kTimeBaseUs + self.lead_us + unit.time_us;
     const bool video = unit.kind == unit_kind::video;
     const uint32_t flags = OMX_BUFFERFLAG_ENDOFFRAME | (unit.idr ? OMX_BUFFERFLAG_SYNCFRAME : 0);
     il_session_send(*self.component, video ? PORT_VIDEO : PORT_AUDIO, unit.bytes, time_us,

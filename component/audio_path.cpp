@@ -9,7 +9,7 @@
 #include <algorithm>
 #include <cstring>
 
-static constexpr uint32_t BYTES_PER_SAMPLE_PAIR = 4; // 16-bit stereo
+static constexpr uint32_t kBytesPerSamplePair = 4; // 16-bit stereo
 
 static uint32_t *ring_time(uint8_t index)
 {
@@ -40,7 +40,7 @@ static bool initialise_encoder(omx_tdmbrec_component_PrivateType *pPrivate,
         return false;
     }
     pPrivate->uiAacInputSize = zpl_aenc_getSamplesSize();
-    pPrivate->uiAudioFrameMs = 1000 * (pPrivate->uiAacInputSize / BYTES_PER_SAMPLE_PAIR) /
+    pPrivate->uiAudioFrameMs = 1000 * (pPrivate->uiAacInputSize / kBytesPerSamplePair) /
                                static_cast<uint32_t>(pPrivate->stZplAenc.m_iAudioSamplePerSec);
     pPrivate->bEncoderReady = 1;
     return true;

@@ -31,7 +31,7 @@ typedef struct alignas(8) fifo_position_t {
     uint8_t ucReserved; // 0
 } fifo_position_t;
 static_assert(sizeof(fifo_position_t) == 8);
-static_assert(is_shareable<fifo_position_t>, "build for a machine with atomic 64-bit words");
+static_assert(kIsShareable<fifo_position_t>, "build for a machine with atomic 64-bit words");
 
 typedef struct frame_fifo_t {
     frame_entry_t astEntry[QVR_FIFO_FRAMES];

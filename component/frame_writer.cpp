@@ -4,8 +4,8 @@
 #include "component/mux_session.h"
 #include "component/process_state.h"
 
-static constexpr int64_t LARGEST_FILE_BYTES = 1800000000;
-static constexpr int TRACE_LINE = 829; // the place that the device's log names
+static constexpr int64_t kLargestFileBytes = 1800000000;
+static constexpr int kTraceLine = 829; // the place that the device's log names
 
 static write_result_t put_frame_locked(omx_tdmbrec_component_PrivateType *pPrivate,
                                        mp4_mux_putstream_t *pFrame, int32_t *piMuxResult)
@@ -23,7 +23,7 @@ static write_result_t put_frame_locked(omx_tdmbrec_component_PrivateType *pPriva
     } else {
         pPrivate->bVideoWritten = 1;
     }
-    return estimated_bytes > LARGEST_FILE_BYTES ? WRITE_SIZE_LIMIT : WRITE_DONE;
+    return estimated_bytes > kLargestFileBytes ? WRITE_SIZE_LIMIT : WRITE_DONE;
 }
 
 write_result_t put_frame(omx_tdmbrec_component_PrivateType *pPrivate, mp4_mux_putstream_t *pFrame,
@@ -70,7 +70,7 @@ write_result_t write_frame(omx_tdmbrec_component_PrivateType *pPrivate, mp4_mux_
     int32_t mux_result = 0;
     const write_result_t result = put_frame(pPrivate, pFrame, &mux_result);
     if (result == WRITE_FAILED) {
-        log_mux_error(pPrivate, mux_result, "omx_tdmbrec_component_BufferMgmtCallback", TRACE_LINE);
+        log_mux_error(pPrivate, mux_result, "omx_tdmbrec_component_BufferMgmtCallback", kTraceLine);
     }
     return result;
 }

@@ -9,7 +9,7 @@
 
 #include <unistd.h>
 
-static constexpr useconds_t IDLE_US = 10000;
+static constexpr useconds_t kIdleUs = 10000;
 
 typedef struct writer_t {
     uint32_t uiFifo;
@@ -18,9 +18,9 @@ typedef struct writer_t {
     int iLine; // with the function, the place that the device's log names
 } writer_t;
 
-static constexpr writer_t VIDEO_WRITER = {QVR_FIFO_VIDEO, MUX_TYPE_VIDEO,
+static constexpr writer_t kVideoWriter = {QVR_FIFO_VIDEO, MUX_TYPE_VIDEO,
                                           "omx_tdmbrec_video_thread", 2221};
-static constexpr writer_t AUDIO_WRITER = {QVR_FIFO_AUDIO, MUX_TYPE_AUDIO,
+static constexpr writer_t kAudioWriter = {QVR_FIFO_AUDIO, MUX_TYPE_AUDIO,
                                           "omx_tdmbrec_audio_thread", 2152};
 
 // Writes the oldest frame, if there is one; it stays in the FIFO while there is no file.
@@ -67,7 +67,7 @@ static void write_frames(OMX_COMPONENTTYPE *pComponent, const writer_t *pWriter)
         case WRITE_DONE:
             break;
         case WRITE_NOTHING:
-            usleep(IDLE_US);
+            usleep(kIdleUs);
             break;
         case WRITE_FAILED:
         case WRITE_SIZE_LIMIT:
@@ -79,12 +79,12 @@ static void write_frames(OMX_COMPONENTTYPE *pComponent, const writer_t *pWriter)
 
 void *omx_tdmbrec_video_thread(void *pHandle)
 {
-    write_frames(static_cast<OMX_COMPONENTTYPE *>(pHandle), &VIDEO_WRITER);
+    write_frames(static_cast<OMX_COMPONENTTYPE *>(pHandle), &kVideoWriter);
     pthread_exit(nullptr);
 }
 
 void *omx_tdmbrec_audio_thread(void *pHandle)
 {
-    write_frames(static_cast<OMX_COMPONENTTYPE *>(pHandle), &AUDIO_WRITER);
+    write_frames(static_cast<OMX_COMPONENTTYPE *>(pHandle), &kAudioWriter);
     pthread_exit(nullptr);
 }

@@ -19,7 +19,7 @@ enum : unsigned {
 
 using bytes = std::span<const uint8_t>;
 
-constexpr uint8_t START_CODE[4] = {0, 0, 0, 1};
+constexpr uint8_t kStartCode[4] = {0, 0, 0, 1};
 
 unsigned nal_type(bytes nal)
 {
@@ -183,7 +183,7 @@ bool keep_parameter_set(access_unit_converter &converter, bytes nal)
 
 void append(std::vector<uint8_t> &out, bytes nal)
 {
-    out.insert(out.end(), std::begin(START_CODE), std::end(START_CODE));
+    out.insert(out.end(), std::begin(kStartCode), std::end(kStartCode));
     out.insert(out.end(), nal.begin(), nal.end());
 }
 

@@ -6,7 +6,7 @@
 #include <nlohmann/json.hpp>
 
 // More gaps than these are counted only.
-static constexpr size_t GAPS_LISTED = 10;
+static constexpr size_t kGapsListed = 10;
 
 std::string track_text(const track_report &track)
 {
@@ -55,12 +55,12 @@ static std::string describe_track(const track_report &track, size_t number)
     for (size_t i = 0; i < track.gaps.size(); i++) {
         const time_gap &gap = track.gaps[i];
         missing_s += gap.length_s;
-        if (i < GAPS_LISTED) {
+        if (i < kGapsListed) {
             text += "           gap of " + print("%.3f s at ", gap.length_s) +
                     duration_text(gap.begin_s) + "\n";
         }
     }
-    if (track.gaps.size() > GAPS_LISTED) {
+    if (track.gaps.size() > kGapsListed) {
         text += print("           %zu gaps in all, %.3f s\n", track.gaps.size(), missing_s);
     }
     return text;

@@ -17,11 +17,11 @@ static void *log_sink_context;
 
 static void write_line(int priority, const char *tag, const char *text)
 {
-    static constexpr char letters[] = "??VDIWEFS"; // by priority
+    static constexpr char kLetters[] = "??VDIWEFS"; // by priority
     const bool known = priority >= 0 && priority <= ANDROID_LOG_SILENT;
     const size_t length = strlen(text);
     const char *line_end = length != 0 && text[length - 1] == '\n' ? "" : "\n";
-    fprintf(stderr, "%c/%s: %s%s", known ? letters[priority] : '?', tag, text, line_end);
+    fprintf(stderr, "%c/%s: %s%s", known ? kLetters[priority] : '?', tag, text, line_end);
 }
 
 int __android_log_print(int priority, const char *pszTag, const char *pszFormat, ...)

@@ -235,7 +235,7 @@ static void apply_mark(omx_base_port_internal_t *internal, OMX_BUFFERHEADERTYPE 
     }
     header->hMarkTargetComponent = internal->astMark[internal->uiFirstMark].hMarkTargetComponent;
     header->pMarkData = internal->astMark[internal->uiFirstMark].pMarkData;
-    internal->uiFirstMark = (internal->uiFirstMark + 1) % MARK_CAPACITY;
+    internal->uiFirstMark = (internal->uiFirstMark + 1) % kMarkCapacity;
     internal->uiMarkCount--;
 }
 

@@ -15,7 +15,7 @@ bool omx_base_command_waits(const omx_base_sink_PrivateType *pSink, OMX_COMMANDT
 {
     const omx_base_sink_internal_t *internal = pSink->pInternal;
     for (uint32_t index = 0; index < internal->uiSlotCount; index++) {
-        const uint32_t slot = (internal->uiFirstSlot + index) % MESSAGE_CAPACITY;
+        const uint32_t slot = (internal->uiFirstSlot + index) % kMessageCapacity;
         const omx_base_message_t &message = internal->astSlot[slot].stMessage;
         if (message.eCommand == eCommand && message.uiParam == uiParam) {
             return true;
@@ -48,11 +48,11 @@ static OMX_ERRORTYPE check_command(const omx_base_sink_PrivateType *sink, OMX_CO
 static OMX_ERRORTYPE append_command_locked(omx_base_sink_internal_t *internal,
                                            OMX_COMMANDTYPE command, OMX_U32 param, void *data)
 {
-    if (internal->uiSlotCount == MESSAGE_CAPACITY) {
+    if (internal->uiSlotCount == kMessageCapacity) {
         return OMX_ErrorInsufficientResources;
     }
     omx_base_slot_t &slot =
-        internal->astSlot[(internal->uiFirstSlot + internal->uiSlotCount) % MESSAGE_CAPACITY];
+        internal->astSlot[(internal->uiFirstSlot + internal->uiSlotCount) % kMessageCapacity];
     slot.stMessage = {.eCommand = command, .uiParam = param, .pData = data};
     if (command == OMX_CommandMarkBuffer) { // the client's record may be gone by then
         slot.stMark = *static_cast<const OMX_MARKTYPE *>(data);
@@ -92,7 +92,7 @@ static void carry_out_command(omx_base_sink_PrivateType *sink)
         omx_base_send_event(sink, OMX_EventError, error, 0);
     }
     pthread_mutex_lock(&internal->lock);
-    internal->uiFirstSlot = (internal->uiFirstSlot + 1) % MESSAGE_CAPACITY;
+    internal->uiFirstSlot = (internal->uiFirstSlot + 1) % kMessageCapacity;
     internal->uiSlotCount--;
 }
 

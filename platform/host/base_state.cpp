@@ -6,7 +6,7 @@
 // From each state, a bit for every state that may follow, but for Invalid, which always may.
 // source: OpenMAX IL 1.1.2, 3.1.1.2
 // clang-format off
-static constexpr std::array<uint32_t, 6> next_states = {
+static constexpr std::array<uint32_t, 6> kNextStates = {
     0,                                                                              // Invalid
     1u << OMX_StateIdle   | 1u << OMX_StateWaitForResources,                        // Loaded
     1u << OMX_StateLoaded | 1u << OMX_StateExecuting | 1u << OMX_StatePause,        // Idle
@@ -167,7 +167,7 @@ static OMX_ERRORTYPE check_transition(OMX_STATETYPE from, omx_base_transient_t t
     if (from == target) {
         return OMX_ErrorSameState;
     }
-    return (next_states[from] >> target & 1) != 0 ? OMX_ErrorNone
+    return (kNextStates[from] >> target & 1) != 0 ? OMX_ErrorNone
                                                   : OMX_ErrorIncorrectStateTransition;
 }
 
@@ -261,9 +261,9 @@ static OMX_ERRORTYPE mark_buffer(omx_base_sink_PrivateType *sink, OMX_U32 port_i
     }
     omx_base_port_internal_t *internal = port->pInternal;
     pthread_mutex_lock(&sink->pInternal->lock);
-    const bool fits = internal->uiMarkCount < MARK_CAPACITY;
+    const bool fits = internal->uiMarkCount < kMarkCapacity;
     if (fits) {
-        internal->astMark[(internal->uiFirstMark + internal->uiMarkCount) % MARK_CAPACITY] = *mark;
+        internal->astMark[(internal->uiFirstMark + internal->uiMarkCount) % kMarkCapacity] = *mark;
         internal->uiMarkCount++;
     }
     pthread_mutex_unlock(&sink->pInternal->lock);

@@ -21,7 +21,7 @@ typedef struct storage_figures_t {
     unsigned long ulFreeKiB;
 } storage_figures_t;
 
-static constexpr std::array<df_record_t, STORAGE_COUNT> storages = {{
+static constexpr std::array<df_record_t, STORAGE_COUNT> kStorages = {{
     {.pszFileSystem = "sdcard", .pszMountPoint = "/mnt/sdcard"},
     {.pszFileSystem = "tflash", .pszMountPoint = "/mnt/sdcard/tflash"},
 }};
@@ -46,7 +46,7 @@ df_handle_t *dfopen(void)
     if (handle == nullptr) {
         return nullptr;
     }
-    handle->astRecord = storages;
+    handle->astRecord = kStorages;
     live_handles++;
     return handle;
 }

@@ -102,7 +102,7 @@ TEST_F(Shell, TakesItsParametersAndPassesOnTheRest)
     EXPECT_EQ(memcmp(record_of(*client)->szNamePart2, name, 128), 0);
     EXPECT_EQ(memcmp(szOutFileName, name, 128), 0);
     EXPECT_EQ(client->stop(), OMX_ErrorNone) << "nothing to stop";
-    EXPECT_EQ(client->count(EVENT_END_OF_RECORDING), 0u);
+    EXPECT_EQ(client->count(kEventEndOfRecording), 0u);
     OMX_INDEXTYPE index = OMX_IndexMax;
     EXPECT_EQ(handle->GetExtensionIndex(handle, name, &index), OMX_ErrorNone);
     EXPECT_EQ(index, OMX_IndexMax);

@@ -13,8 +13,8 @@
 #include <thread>
 #include <utility>
 
-constexpr OMX_U32 PORT_COUNT = TDMBREC_PORT_COUNT;
-constexpr OMX_U32 BUFFER_BYTES = 64;
+constexpr OMX_U32 kPortCount = TDMBREC_PORT_COUNT;
+constexpr OMX_U32 kBufferBytes = 64;
 
 using event_t = std::array<OMX_U32, 3>; // OMX_EVENTTYPE and its two data
 using buffer_list_t = std::vector<OMX_BUFFERHEADERTYPE *>;
@@ -23,8 +23,8 @@ class framework_test : public PlatformTest {
   protected:
     framework_test()
     {
-        for (OMX_U32 port = 0; port < PORT_COUNT; port++) {
-            sink->ppPorts[port]->stPortDefinition.nBufferSize = BUFFER_BYTES;
+        for (OMX_U32 port = 0; port < kPortCount; port++) {
+            sink->ppPorts[port]->stPortDefinition.nBufferSize = kBufferBytes;
         }
         client.on_buffer_back = [this](OMX_BUFFERHEADERTYPE *header) {
             const std::lock_guard guard(lock);
@@ -85,7 +85,7 @@ class framework_test : public PlatformTest {
     {
         OMX_BUFFERHEADERTYPE *header = nullptr;
         const OMX_ERRORTYPE error =
-            OMX_AllocateBuffer(component, &header, port, nullptr, BUFFER_BYTES);
+            OMX_AllocateBuffer(component, &header, port, nullptr, kBufferBytes);
         if (error == OMX_ErrorNone) {
             buffers[port].push_back(header);
         }
@@ -110,7 +110,7 @@ class framework_test : public PlatformTest {
     void change_state(OMX_STATETYPE target)
     {
         ASSERT_EQ(send(OMX_CommandStateSet, target), OMX_ErrorNone);
-        for (OMX_U32 port = 0; port < PORT_COUNT; port++) {
+        for (OMX_U32 port = 0; port < kPortCount; port++) {
             if (target == OMX_StateIdle) {
                 populate(port);
             } else if (target == OMX_StateLoaded) {
@@ -137,7 +137,7 @@ class framework_test : public PlatformTest {
 
     OMX_ERRORTYPE empty(OMX_BUFFERHEADERTYPE *header)
     {
-        header->nFilledLen = BUFFER_BYTES;
+        header->nFilledLen = kBufferBytes;
         return OMX_EmptyThisBuffer(component, header);
     }
 
@@ -155,7 +155,7 @@ class framework_test : public PlatformTest {
     size_t events_seen = 0;
     std::mutex lock;
     buffer_list_t returned; // under lock
-    buffer_list_t buffers[PORT_COUNT];
+    buffer_list_t buffers[kPortCount];
 };
 
 #endif // TESTS_PLATFORM_FRAMEWORK_TEST_H

@@ -6,7 +6,7 @@ namespace {
 
 using command_t = std::pair<OMX_U32, OMX_U32>; // OMX_COMMANDTYPE and its parameter
 
-constexpr command_t COMMANDS[] = {
+constexpr command_t kCommands[] = {
     {OMX_CommandPortDisable, 0},
     {OMX_CommandPortDisable, OMX_ALL},
     {OMX_CommandPortEnable, 0},
@@ -57,7 +57,7 @@ class session : public framework_test {
             return;
         }
         const bool is_for_all = command.second == OMX_ALL && !is_invalid;
-        for (OMX_U32 port = 0; port < (is_for_all ? PORT_COUNT : 1); port++) {
+        for (OMX_U32 port = 0; port < (is_for_all ? kPortCount : 1); port++) {
             completes_left[{command.first, is_for_all ? port : command.second}]++;
             wanted++;
         }
@@ -80,11 +80,11 @@ class session : public framework_test {
     // returns false.
     bool change_buffers()
     {
-        for (OMX_U32 port = 0; port < PORT_COUNT; port++) {
+        for (OMX_U32 port = 0; port < kPortCount; port++) {
             free_buffers(port);
         }
         std::this_thread::sleep_for(std::chrono::microseconds(200));
-        for (OMX_U32 port = 0; port < PORT_COUNT; port++) {
+        for (OMX_U32 port = 0; port < kPortCount; port++) {
             while (allocate(port) == OMX_ErrorNone) {
             }
         }
@@ -104,9 +104,9 @@ class answers_test : public PlatformTest,
 TEST_P(answers_test, each_command_gets_one)
 {
     const auto &[from, is_disabled] = GetParam();
-    for (const command_t &first : COMMANDS) {
-        for (const command_t &second : COMMANDS) {
-            for (const command_t &third : COMMANDS) {
+    for (const command_t &first : kCommands) {
+        for (const command_t &second : kCommands) {
+            for (const command_t &third : kCommands) {
                 session().run(from, is_disabled, {first, second, third});
                 ASSERT_FALSE(HasFailure())
                     << testing::PrintToString(std::array{first, second, third});

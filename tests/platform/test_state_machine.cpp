@@ -10,16 +10,16 @@ using state_machine_test = framework_test;
 
 // The states that may follow each one, in the order Invalid, Loaded, Idle, Executing, Pause,
 // WaitForResources.
-constexpr std::string_view STATES = "-LIEPW";
-constexpr std::string_view next_states[] = {"", "IW", "LEP", "IP", "IE", "LI"};
+constexpr std::string_view kStates = "-LIEPW";
+constexpr std::string_view kNextStates[] = {"", "IW", "LEP", "IP", "IE", "LI"};
 
 class transition_test : public framework_test, public testing::WithParamInterface<uint32_t> {};
 
 TEST_P(transition_test, gives_the_standards_result)
 {
-    const OMX_STATETYPE from = static_cast<OMX_STATETYPE>(GetParam() / STATES.size());
-    const OMX_STATETYPE target = static_cast<OMX_STATETYPE>(GetParam() % STATES.size());
-    const bool is_allowed = next_states[from].find(STATES[target]) != std::string_view::npos;
+    const OMX_STATETYPE from = static_cast<OMX_STATETYPE>(GetParam() / kStates.size());
+    const OMX_STATETYPE target = static_cast<OMX_STATETYPE>(GetParam() % kStates.size());
+    const bool is_allowed = kNextStates[from].find(kStates[target]) != std::string_view::npos;
     bring_to(from);
     if (from == OMX_StateInvalid) {
         EXPECT_EQ(send(OMX_CommandStateSet, target), OMX_ErrorInvalidState);
@@ -73,7 +73,7 @@ TEST_F(state_machine_test, commands_are_checked_before_they_are_queued)
     OMX_STATETYPE state = OMX_StateMax;
     EXPECT_EQ(send(OMX_CommandMax, 0), OMX_ErrorBadParameter);
     EXPECT_EQ(send(OMX_CommandStateSet, OMX_StateWaitForResources + 1), OMX_ErrorBadParameter);
-    EXPECT_EQ(send(OMX_CommandPortEnable, PORT_COUNT), OMX_ErrorBadPortIndex);
+    EXPECT_EQ(send(OMX_CommandPortEnable, kPortCount), OMX_ErrorBadPortIndex);
     EXPECT_EQ(send(OMX_CommandMarkBuffer, OMX_ALL, &mark), OMX_ErrorBadPortIndex);
     EXPECT_EQ(send(OMX_CommandMarkBuffer, 0), OMX_ErrorBadParameter);
     for (OMX_COMMANDTYPE command : {OMX_CommandFlush, OMX_CommandMarkBuffer}) {
@@ -82,7 +82,7 @@ TEST_F(state_machine_test, commands_are_checked_before_they_are_queued)
     }
     EXPECT_EQ(component->ComponentDeInit(component), OMX_ErrorNone); // and a second time at the end
     EXPECT_EQ(OMX_GetState(component, &state), OMX_ErrorInvalidComponent);
-    EXPECT_EQ(OMX_SetParameter(component, INDEX_STOP, &state), OMX_ErrorInvalidComponent);
+    EXPECT_EQ(OMX_SetParameter(component, kIndexStop, &state), OMX_ErrorInvalidComponent);
     EXPECT_EQ(send(OMX_CommandFlush, OMX_ALL), OMX_ErrorInvalidComponent);
 }
 
@@ -179,7 +179,7 @@ TEST_F(state_machine_test, start_flush_and_stop_do_not_disturb_each_other)
         const event_t wanted = {OMX_EventCmdComplete, OMX_CommandStateSet, target};
         // The flushes may have filled the command queue.
         wait_until([&] { return send(OMX_CommandStateSet, target) == OMX_ErrorNone; });
-        for (OMX_U32 port = 0; port < PORT_COUNT; port++) {
+        for (OMX_U32 port = 0; port < kPortCount; port++) {
             while_going(port);
         }
         while (next_event() != wanted && !HasFatalFailure()) {
