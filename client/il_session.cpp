@@ -20,7 +20,7 @@ static constexpr size_t kOutputPathBytes = 128;
 
 // A run is half of them, filled while the component has the other half; about as many PCM buffers
 // as pictures and a half make up a programme.
-static constexpr std::array<uint32_t, PORT_COUNT> kBufferCounts = {32, 64};
+static constexpr std::array<uint32_t, kPortCount> kBufferCounts = {32, 64};
 
 static constexpr char kComponentName[] = "OMX.qvr.tdmb.rec";
 
@@ -200,12 +200,12 @@ static OMX_PARAM_PORTDEFINITIONTYPE define_port(il_session &self, uint32_t port)
 
 static void allocate_buffers(il_session &self)
 {
-    std::array<OMX_PARAM_PORTDEFINITIONTYPE, PORT_COUNT> definitions;
-    for (uint32_t port = 0; port < PORT_COUNT; port++) {
+    std::array<OMX_PARAM_PORTDEFINITIONTYPE, kPortCount> definitions;
+    for (uint32_t port = 0; port < kPortCount; port++) {
         definitions[port] = define_port(self, port);
     }
     command_state(self, OMX_StateIdle);
-    for (uint32_t port = 0; port < PORT_COUNT; port++) {
+    for (uint32_t port = 0; port < kPortCount; port++) {
         for (uint32_t i = 0; i < definitions[port].nBufferCountActual; i++) {
             OMX_BUFFERHEADERTYPE *buffer = nullptr;
             check(self.component->AllocateBuffer(self.component, &buffer, port, nullptr,
@@ -257,7 +257,7 @@ void il_session_start(il_session &self, const std::string &path, unsigned rate)
     OMX_AUDIO_PARAM_PCMMODETYPE pcm = {};
     pcm.nSize = sizeof pcm;
     pcm.nVersion.nVersion = OMX_VERSION_1_1_2;
-    pcm.nPortIndex = PORT_AUDIO;
+    pcm.nPortIndex = kPortAudio;
     pcm.nChannels = 2;
     pcm.eNumData = OMX_NumericalDataSigned;
     pcm.eEndian = OMX_EndianLittle;
@@ -344,7 +344,7 @@ uint32_t il_session_stop(il_session &self)
 
 static void free_buffers(il_session &self)
 {
-    for (uint32_t port = 0; port < PORT_COUNT; port++) {
+    for (uint32_t port = 0; port < kPortCount; port++) {
         for (OMX_BUFFERHEADERTYPE *const buffer : self.ports[port].all) {
             (void)self.component->FreeBuffer(self.component, port, buffer);
         }

@@ -83,7 +83,7 @@ static void check_free_space(const storage_root &storage)
 {
     const uint64_t free_bytes = storage_free_bytes(storage);
     if (free_bytes <= kFreeBytesKept) {
-        throw failure(stop_code(STOP_STORAGE_FULL),
+        throw failure(stop_code(kStopStorageFull),
                       "only " + size_text(free_bytes) + " are free for the output; the recorder " +
                           "needs more than " + size_text(kFreeBytesKept));
     }
@@ -173,7 +173,7 @@ static void send_time_base(session &self)
     static const uint8_t delimiter[] = {0, 0, 0, 1, 0x09, 0xF0};
     const int64_t interval_us = video_input_interval_us(*self.programme->video);
     self.lead_us = (interval_us + 999) / 1000 * 1000; // the component counts milliseconds
-    il_session_send(*self.component, PORT_VIDEO, delimiter, kTimeBaseUs, OMX_BUFFERFLAG_ENDOFFRAME);
+    il_session_send(*self.component, kPortVideo, delimiter, kTimeBaseUs, OMX_BUFFERFLAG_ENDOFFRAME);
 }
 
 static void send_unit(session &self, const programme_unit &unit)
@@ -181,7 +181,7 @@ static void send_unit(session &self, const programme_unit &unit)
     const int64_t time_us = kTimeBaseUs + self.lead_us + unit.time_us;
     const bool video = unit.kind == unit_kind::video;
     const uint32_t flags = OMX_BUFFERFLAG_ENDOFFRAME | (unit.idr ? OMX_BUFFERFLAG_SYNCFRAME : 0);
-    il_session_send(*self.component, video ? PORT_VIDEO : PORT_AUDIO, unit.bytes, time_us,
+    il_session_send(*self.component, video ? kPortVideo : kPortAudio, unit.bytes, time_us,
                     video ? flags : 0);
     self.sent_us = std::max(self.sent_us, unit.time_us);
     self.sent_video_bytes += video ? unit.bytes.size() : 0;
@@ -236,17 +236,17 @@ static void send_programme(session &self)
 static const char *reason_text(uint32_t reason)
 {
     switch (reason) {
-    case STOP_STORAGE:
+    case kStopStorage:
         return "the storage is not usable";
-    case STOP_STORAGE_FULL:
+    case kStopStorageFull:
         return "the free space is used up (the recorder leaves 52.4 MB)";
-    case STOP_OPEN_FAILED:
+    case kStopOpenFailed:
         return "the file could not be begun";
-    case STOP_WRITE_FAILED:
+    case kStopWriteFailed:
         return "writing the file failed";
-    case STOP_SIZE_LIMIT:
+    case kStopSizeLimit:
         return "the file reached its size limit";
-    case STOP_DESTROYED:
+    case kStopDestroyed:
         return "the component was destroyed";
     default:
         return "the component gave an unknown reason";
@@ -271,7 +271,7 @@ static void note_storage_failure(session &self, exit_code code, const std::strin
 // The storage is asked only where it may be the cause.
 static void note_stop(session &self, uint32_t reason)
 {
-    if (reason == STOP_STORAGE || reason == STOP_OPEN_FAILED || reason == STOP_WRITE_FAILED) {
+    if (reason == kStopStorage || reason == kStopOpenFailed || reason == kStopWriteFailed) {
         note_storage_failure(self, stop_code(reason), self.summary.ended);
     } else {
         note_failure(self, failure(stop_code(reason), self.summary.ended));
@@ -309,7 +309,7 @@ static void end_recording(session &self)
     try {
         const uint32_t reason = il_session_stop(*self.component);
         self.summary.stop_reason = reason;
-        if (reason != STOP_REQUEST) {
+        if (reason != kStopRequest) {
             self.summary.ended = reason_text(reason);
             note_stop(self, reason);
         }

@@ -72,7 +72,7 @@ static void describe_encoder(omx_tdmbrec_component_PrivateType *pPrivate)
                              .pfnRealloc = realloc,
                              .pfnMemmove = memmove};
     pPrivate->stZplAenc.pstMemory = &pPrivate->astMemFuncs;
-    pPrivate->stZplAenc.iState = ZPL_STATE_RUN;
+    pPrivate->stZplAenc.iState = kZplStateRun;
     pPrivate->stZplAenc.m_iAudioSamplePerSec =
         static_cast<int32_t>(load_shared(pPrivate->uiSampleRate));
     pPrivate->stZplAenc.m_iAudioChannels = static_cast<int32_t>(pPrivate->uiChannels);

@@ -32,13 +32,13 @@ static write_result_t write_oldest_frame(omx_tdmbrec_component_PrivateType *pPri
     int64_t time = 0;
     frame.m_pbyData = QVR_FIFO_GetOneFrame(pWriter->uiFifo, &length, &time, &frame.m_uiFlags);
     if (frame.m_pbyData == nullptr) {
-        return WRITE_NOTHING;
+        return kWriteNothing;
     }
     frame.m_iDataSize = static_cast<int32_t>(length);
     frame.m_uiTimeStamp = static_cast<uint32_t>(time);
     frame.m_uiTimeStamp2 = frame.m_uiTimeStamp;
     const write_result_t result = put_frame(pPrivate, &frame, piMuxResult);
-    if (result != WRITE_NOTHING) {
+    if (result != kWriteNothing) {
         (void)QVR_FIFO_PopFrame(pWriter->uiFifo);
     }
     return result;
@@ -53,7 +53,7 @@ static void end_recording(OMX_COMPONENTTYPE *pComponent, const writer_t *pWriter
     log_mux_error(pPrivate, mux_result, pWriter->pszFunction, pWriter->iLine);
     if (ends_recording) {
         begin_stop(pComponent,
-                   result == WRITE_FAILED ? TDMBREC_STOP_WRITE : TDMBREC_STOP_SIZE_LIMIT);
+                   result == kWriteFailed ? TDMBREC_STOP_WRITE : TDMBREC_STOP_SIZE_LIMIT);
     }
 }
 
@@ -64,13 +64,13 @@ static void write_frames(OMX_COMPONENTTYPE *pComponent, const writer_t *pWriter)
         int32_t mux_result = 0;
         const write_result_t result = write_oldest_frame(pPrivate, pWriter, &mux_result);
         switch (result) {
-        case WRITE_DONE:
+        case kWriteDone:
             break;
-        case WRITE_NOTHING:
+        case kWriteNothing:
             usleep(kIdleUs);
             break;
-        case WRITE_FAILED:
-        case WRITE_SIZE_LIMIT:
+        case kWriteFailed:
+        case kWriteSizeLimit:
             end_recording(pComponent, pWriter, result, mux_result);
             return;
         }

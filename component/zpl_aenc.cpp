@@ -103,7 +103,7 @@ static int32_t allocate_buffers(const zpl_aenc_t *pZpl)
 
 static int32_t open_encoder(zpl_aenc_t *pZpl)
 {
-    if (pZpl->iState != ZPL_STATE_INITIALISE && pZpl->iState != ZPL_STATE_RUN) {
+    if (pZpl->iState != kZplStateInitialise && pZpl->iState != kZplStateRun) {
         return 0;
     }
     __android_log_print(ANDROID_LOG_INFO, ZPL_AENC_LOG_TAG, "@@@@@ init Start");
@@ -185,10 +185,10 @@ int32_t zpl_aenc_encode(zpl_aenc_t *pZpl, const zpl_aenc_init_t *pInit,
 {
     (void)pInit;
     (void)aencType;
-    if (pZpl->iState == ZPL_STATE_OFF || pZpl->iState == ZPL_STATE_STOPPED) {
+    if (pZpl->iState == kZplStateOff || pZpl->iState == kZplStateStopped) {
         return 0;
     }
-    if (pZpl->iState != ZPL_STATE_RUN) {
+    if (pZpl->iState != kZplStateRun) {
         return -1;
     }
     // Aligned: the queue's storage is an allocated block, and its read position is whole frames, of
@@ -211,7 +211,7 @@ int32_t zpl_aenc_close(zpl_aenc_t *pZpl)
 {
     int32_t result = 0;
     if (gspfAEnc != nullptr &&
-        (pZpl->iState == ZPL_STATE_INITIALISE || pZpl->iState == ZPL_STATE_RUN)) {
+        (pZpl->iState == kZplStateInitialise || pZpl->iState == kZplStateRun)) {
         result = gspfAEnc(AACENC_OP_CLOSE, &pZpl->hEncoder, nullptr, nullptr);
     }
     free_buffers(pZpl->pstMemory);

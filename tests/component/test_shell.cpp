@@ -133,7 +133,7 @@ TEST_F(Shell, TheEncoderAdapterKeepsNothingAfterAFailure)
     zpl_aenc_init_t init = {};
     zpl_aenc_t zpl = {};
     zpl.pstMemory = &memory;
-    zpl.iState = ZPL_STATE_RUN;
+    zpl.iState = kZplStateRun;
     zpl.m_iAudioSamplePerSec = 48000;
     zpl.m_iAudioChannels = 2;
     zpl.m_iAudioBitRates = 128000;
