@@ -103,7 +103,7 @@ int32_t WriteCPE(const AacEncCoderInfo *coder_info_first, const AacEncCoderInfo 
     int32_t bits = 0;
     bits += put(bs, ID_CPE, 3, write);                      // id_syn_ele
     bits += put(bs, static_cast<int32_t>(tag), 4, write);   // element_instance_tag
-    bits += put(bs, common_window != 0, 1, write);           // common_window
+    bits += put(bs, common_window != 0 ? 1 : 0, 1, write);           // common_window
     if (common_window)
         bits += write_common_window(coder_info_first, ms_info, bs, write, tf_state);
     for (const AacEncCoderInfo *coder_info : {coder_info_first, coder_info_second}) {

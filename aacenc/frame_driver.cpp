@@ -124,11 +124,11 @@ static void write_elements(AacEncBitstream *bitstream, const EncTfState *tf)
 
 int32_t EncTfFrame(AacEncState *state, AacEncBitstream *bitstream, EncTfState *tf_state)
 {
-    if (!state || !bitstream || !tf_state) {
+    if (state == nullptr || bitstream == nullptr || tf_state == nullptr) {
         return -1;
     }
     for (int32_t ch = 0; ch < state->channels; ch++) {
-        if (!state->pcm[ch]) {
+        if (state->pcm[ch] == nullptr) {
             return -1;
         }
     }
@@ -196,10 +196,10 @@ int32_t AACEnc_EncodeFrame(AacEncState *state, const int16_t *pcm_left, const in
                            uint8_t *out_buffer, int32_t *out_length)
 {
     EncTfState *tf = state->tfState;
-    if (pcm_left) {
+    if (pcm_left != nullptr) {
         state->pcm[0] = pcm_left;
     }
-    if (pcm_right) {
+    if (pcm_right != nullptr) {
         state->pcm[1] = pcm_right;
     }
     state->bitsAvailable = std::min(state->bitsAvailable, kReservoirBits) + state->meanBits;

@@ -318,7 +318,7 @@ int32_t tf_encode_spectrum_aac(int32_t *const *spectrum, uint8_t window_sequence
     find_powers(&channel);
 
     const int32_t searched_gain = search_gain(&channel, bit_budget);
-    const bool another_follows = ch_info->pair && ch_info->firstOfPair;
+    const bool another_follows = ch_info->pair != 0 && ch_info->firstOfPair != 0;
     const int32_t limit = tf_state->bitsLeft - (another_follows ? kEmptyChannelBits : 0);
     int32_t bits = 0;
     tf_state->lastGain = keep_in_syntax(&channel, searched_gain, limit, &bits);

@@ -113,7 +113,7 @@ int32_t LevinsonDurbin_fixed(int32_t length, const int32_t *lines, int32_t *refl
         raise_order(predictor_q28, m, k_q28);
         error = (error - mul_q28(mul_q28(error, k_q28), k_q28)) | 1;
     }
-    return r[0] > (error * kGainThreshold_q14) >> 14;
+    return r[0] > (error * kGainThreshold_q14) >> 14 ? 1 : 0;
 }
 
 void QuantizeReflectionCoeffs_fixedVer(int32_t *reflection, int8_t *indices)

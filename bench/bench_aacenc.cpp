@@ -63,7 +63,7 @@ static uint64_t encode_programme(int32_t bit_rate, int32_t tns)
     AacEncAudioInfo audio = {.deinterleave = 1};
     AacEncStreamInfo stream = {.output = output};
     uint64_t hash = kHashStart;
-    for (size_t at = 0; handle && at < programme().size(); at += kFrame) {
+    for (size_t at = 0; handle != nullptr && at < programme().size(); at += kFrame) {
         audio.pcm = programme().data() + at;
         if (QVR_AAC_ENC(AACENC_OP_ENCODE, &handle, &audio, &stream) != AACENC_OK) {
             hash = 0;

@@ -125,7 +125,7 @@ static frame_entry_t *reserve(frame_fifo_t *self, uint32_t length, int64_t time)
     while (can_grow(position)) {
         const std::optional<uint32_t> offset = find_room(self, length);
         // No frame that is popped would end the fullness of a FIFO that holds none.
-        self->bIsRefusing = !offset.has_value() && count_frames(position) == 0;
+        self->bIsRefusing = !offset.has_value() && count_frames(position) == 0 ? 1 : 0;
         if (offset.has_value()) {
             frame_entry_t *const entry = &self->astEntry[position.usWrite];
             entry->uiOffset = *offset;

@@ -58,7 +58,7 @@ static void describe_formats(Input &input)
 
 static int sign(int value)
 {
-    return (value > 0) - (value < 0);
+    return value > 0 ? 1 : value < 0 ? -1 : 0;
 }
 
 static std::string read_text(Input &input)

@@ -28,7 +28,7 @@ static bool may_add_buffer(const omx_base_sink_PrivateType *sink,
 {
     const omx_base_transient_t transient = omx_base_get_transient_state(sink);
     const omx_base_change_t change = port->pInternal->eChange;
-    const bool enabled = port->stPortDefinition.bEnabled;
+    const bool enabled = port->stPortDefinition.bEnabled != 0;
     switch (omx_base_get_state(sink)) {
     case OMX_StateLoaded:
     case OMX_StateWaitForResources:
@@ -152,7 +152,7 @@ static bool is_missed(const omx_base_sink_PrivateType *sink, const omx_base_port
     const OMX_STATETYPE state = omx_base_get_state(sink);
     return (state == OMX_StateIdle || state == OMX_StateExecuting || state == OMX_StatePause) &&
            omx_base_get_transient_state(sink) == OMX_TransStateNone &&
-           port->stPortDefinition.bEnabled && port->stPortDefinition.bPopulated &&
+           port->stPortDefinition.bEnabled != 0 && port->stPortDefinition.bPopulated != 0 &&
            !omx_base_command_waits(sink, OMX_CommandStateSet, OMX_StateLoaded) &&
            !port_command_waits(sink, OMX_CommandPortDisable, port);
 }

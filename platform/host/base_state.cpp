@@ -85,7 +85,7 @@ static uint32_t end_port_change(omx_base_sink_PrivateType *sink, omx_base_port_P
     const bool unloaded = state == OMX_StateLoaded || state == OMX_StateWaitForResources;
     bool complete = false;
     if (internal->eChange == OMX_ChangeEnable) { // without resources, a port needs no buffers
-        complete = unloaded || port->stPortDefinition.bPopulated;
+        complete = unloaded || port->stPortDefinition.bPopulated != 0;
         *command = OMX_CommandPortEnable;
     } else if (internal->eChange == OMX_ChangeDisable) {
         complete = internal->uiBufferCount == 0;
