@@ -2,7 +2,7 @@
 #ifndef COMPONENT_ACCESS_UNIT_H
 #define COMPONENT_ACCESS_UNIT_H
 
-#include <stdint.h>
+#include <cstdint>
 
 #define START_CODE_BYTES 4
 #define NAL_LENGTH_BYTES 4

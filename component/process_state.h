@@ -9,8 +9,8 @@
 #include "component/omx_tdmbrec_component.h"
 #include "platform/storage_info.h"
 
+#include <cstdint>
 #include <pthread.h>
-#include <stdint.h>
 
 #define AUDIO_PTS_ENTRIES 50
 #define VIDEO_PTS_ENTRIES 50

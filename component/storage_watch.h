@@ -3,7 +3,7 @@
 #ifndef COMPONENT_STORAGE_WATCH_H
 #define COMPONENT_STORAGE_WATCH_H
 
-#include <stdint.h>
+#include <cstdint>
 
 #define BUILT_IN_STORAGE_ROOT "/mnt/sdcard"
 #define REMOVABLE_STORAGE_ROOT "/mnt/sdcard/tflash"

@@ -1,7 +1,7 @@
 // The standard parameters.
 #include "platform/host/omx_base_internal.h"
 
-#include <string.h>
+#include <cstring>
 
 // Every record of a port parameter begins so.
 typedef struct port_head_t {

@@ -3,7 +3,7 @@
 #ifndef PLATFORM_HOST_HOST_CONTROL_H
 #define PLATFORM_HOST_HOST_CONTROL_H
 
-#include <stdint.h>
+#include <cstdint>
 
 #ifdef __cplusplus
 extern "C" {

@@ -5,7 +5,7 @@
 
 #include <array>
 #include <atomic>
-#include <limits.h>
+#include <climits>
 #include <pthread.h>
 #include <sys/statvfs.h>
 

@@ -3,9 +3,9 @@
 #include "platform/host/control_internal.h"
 
 #include <array>
+#include <cstdio>
+#include <cstring>
 #include <pthread.h>
-#include <stdio.h>
-#include <string.h>
 
 #define PROPERTY_KEY_MAX 32 // with the terminator
 #define PROPERTY_COUNT 64
