@@ -32,16 +32,12 @@ BUILDS = [('release', RELEASE, ['-DTDMBREC_TESTS=OFF']),
           ('release', PORTABLE, NO_VECTORS),
           ('arm', ARM, ['-DTDMBREC_TESTS=OFF'])]
 
-# The encoder's functions by what they do, and what each stage took (million instructions a second
-# of sound, with -O3 and with the portable build's flags) as measured before the encoder was made
-# faster.
+# The encoder's functions by what they do.
 STAGES = {'transform': 'transform_|AACENC_gCmplxFft|AACE_FFT|buffer2freq|leave_rows',
           'rate loop and packing': 'raise_lines|choose_codebook|pack_codewords|quantise|'
                                    'sort_book_numbers|settle_gain|tf_encode_spectrum_aac',
           'writing of elements': 'bitstream_put|write_|Write|BsPutBit',
           'other': ''}
-BEFORE = {'transform': (10.77, 10.93), 'rate loop and packing': (5.74, 6.19),
-          'writing of elements': (1.52, 1.52), 'other': (0.20, 0.43)}
 
 
 def run(command, **options):
@@ -152,11 +148,11 @@ def measure_encoder(folder):
         for build_folder in (RELEASE, PORTABLE))
     total = sum(plain_costs.values())
     rows = [
-        ('Encoder, CPU beside `ffmpeg -aac_coder fast`', 'at least 8 times as fast',
+        ('Encoder, CPU compared with `ffmpeg -aac_coder fast`', 'at least 8 times as fast',
          f'{ratio:.1f} times: {ours:.2f} s, {other:.2f} s for {seconds} s of sound'),
         ('Encoder, times real time', '1,000', f'{seconds / ours:.0f}; portable build '
          f'{seconds / plain:.0f}'),
-        ('Encoder, portable build, instructions a second of stereo', 'at most 15 million',
+        ('Encoder, portable build, instructions per second of stereo', 'at most 15 million',
          f'{total / 1e6:.1f} million')]
     return rows, (fast_costs, plain_costs)
 
@@ -187,18 +183,18 @@ def measure_muxer():
     closes = named(results, 'close_recording')
     close = max(closes, key=lambda entry: entry['MB'])
     rows = [
-        ('Muxer, last tenth of 2 million frames beside the first', 'at most 1.05',
+        ('Muxer, last tenth of 2 million frames compared with the first', 'at most 1.05',
          f'{flat["ratio"]:.2f}'),
-        ('Muxer, CPU beside `fwrite` of the same frames', 'at most 1.25 times',
-         f'{write["ratio"]:.2f} times: {write["mux"]:.0f} ns, {write["fwrite"]:.0f} ns a frame'),
-        ('Muxer, CPU beside `ffmpeg -c copy`', 'at most a tenth',
+        ('Muxer, CPU compared with `fwrite` of the same frames', 'at most 1.25 times',
+         f'{write["ratio"]:.2f} times: {write["mux"]:.0f} ns, {write["fwrite"]:.0f} ns per frame'),
+        ('Muxer, CPU compared with `ffmpeg -c copy`', 'at most a tenth',
          f'{copy["ratio"]:.3f} without the kernel\'s copy of the bytes, {copy["ratio_all"]:.2f} '
          'with it'),
-        ('Muxer, null sink, CPU beside libavformat', 'at most a fifth',
-         f'{null["ratio"]:.3f}: {null["mux"]:.0f} ns, {null["av_write_frame"]:.0f} ns a frame'),
-        ('Muxer, allocations and file writes', 'none; one a full cache',
-         f'{flat["allocations"]:.0f} in 2 million frames; {flat["writes_a_cache"]:.3f} a cache'),
-        ('Close, CPU beside copying the tables', 'at most 1.5 times',
+        ('Muxer, null sink, CPU compared with libavformat', 'at most a fifth',
+         f'{null["ratio"]:.3f}: {null["mux"]:.0f} ns, {null["av_write_frame"]:.0f} ns per frame'),
+        ('Muxer, allocations and file writes', 'none; one per full cache',
+         f'{flat["allocations"]:.0f} in 2 million frames; {flat["writes_a_cache"]:.3f} per cache'),
+        ('Close, CPU compared with copying the tables', 'at most 1.5 times',
          f'{close["ratio"]:.2f} times at {close["MB"]:.0f} MB, {close["tables_MB"]:.0f} MB of '
          'tables'),
         ('Close, CPU by samples and by bytes', 'with samples, not with bytes',
@@ -223,12 +219,12 @@ def measure_component():
              for loops in ((1,) if QUICK else (1, 30, 360, 2160))]
     closes = named(results, 'close_recording')
     return [
-        ('Component, speed beside the bare encoder', 'at least 80 %',
+        ('Component, speed compared with the bare encoder', 'at least 80 %',
          f'{100 * speed[0] / speed[2]:.0f} % on one core: {speed[0]:.0f}, {speed[2]:.0f} times '
          f'real time; on two {100 * speed[1] / speed[2]:.0f} %'),
-        ('Component, CPU a picture beyond the copy', 'at most 3 us',
+        ('Component, CPU per picture beyond the copy', 'at most 3 us',
          f'{picture["component_cpu"] * 1e6 - copy["cpu_time"] / 1e3:.2f} us on one core'),
-        ('Component, one storage query', 'known', f'{query["cpu_time"]:.0f} ns'),
+        ('Component, one storage query', 'for information', f'{query["cpu_time"]:.0f} ns'),
         ('Component at rest (Executing; Paused with buffers)', 'no wake-up, no CPU in 10 s',
          '; '.join(f'{entry["switches"]:.0f} switches, {max(entry["cpu"], 0) * 1e3:.2f} ms'
                    for entry in rests)),
@@ -259,7 +255,7 @@ def measure_client(folder):
         path.unlink()
     profile = per_second(lambda s: record_with(*loop_sample(folder, s), folder), folder)
     return [('Client, a programme of two hours', 'CPU in encoder and input; memory flat',
-             f'{cpu:.1f} s of CPU for {long} s; {long_kib / 1024:.0f} MiB resident at the most, '
+             f'{cpu:.1f} s of CPU for {long} s; {long_kib / 1024:.0f} MiB resident at most, '
              f'{short_kib / 1024:.0f} MiB for {short} s'),
             ('Client, age of the progress shown', 'at most 1 s',
              f'{stale:.2f} s while {long} s are recorded')], profile
@@ -273,7 +269,7 @@ def table(head, rows):
 def profile_table(costs, count, name):
     total = sum(costs.values())
     largest = sorted(costs.items(), key=lambda item: -item[1])[:count]
-    return table([name, 'Instructions a second', 'Share'],
+    return table([name, 'Instructions per second', 'Share'],
                  [(f'`{key}`', f'{cost / 1e3:.0f} k', f'{100 * cost / total:.1f} %')
                   for key, cost in largest])
 
@@ -283,12 +279,12 @@ def stage_of(function):
 
 
 def stage_table(fast_costs, plain_costs):
-    sums = {stage: list(BEFORE[stage]) + [0, 0] for stage in STAGES}
-    for column, costs in ((2, fast_costs), (3, plain_costs)):
+    sums = {stage: [0, 0] for stage in STAGES}
+    for column, costs in enumerate((fast_costs, plain_costs)):
         for function, cost in costs.items():
             sums[stage_of(function)][column] += cost / 1e6
     sums['whole'] = [sum(column) for column in zip(*sums.values())]
-    return table(['Stage', 'Before, `-O3`', 'Before, portable', 'After', 'After, portable'],
+    return table(['Stage', '`-O3`', 'Portable'],
                  [[stage] + [f'{cost:.2f}' for cost in costs] for stage, costs in sums.items()])
 
 
@@ -314,32 +310,31 @@ def page(rows, muxer, encoder, client):
 Written by `bench/performance.py`. {machine()}
 
 {table(['What', 'Target', 'Measured'], rows)}
-Times are the median of {PAIRS} alternating pairs, or the least of several runs where the two sides
-run in one program. Nothing here is a test: no check fails because a machine is slow.
+Times are the median of {PAIRS} alternating pairs, or the least of several runs where both sides run
+in one program. Nothing here is a test: no check fails because a machine is slow.
 
-- `ffmpeg -c copy`: the kernel's copy of the bytes into the file is most of either side's time; plain
-  `fwrite` of the same frames alone takes {muxer['fwrite']:.2f} of the whole command. So the programs are compared
-  without it, and the whole beside that.
-- libavformat gets packets that own their bytes, as a reader's or an encoder's do. With packets that
-  only point at shared bytes it copies nothing, and the muxer takes {muxer['shared']:.2f} of its time.
-- The component's speed on one core, which is what a device has for it, is by CPU time of the process,
-  client included. On two it is by the clock, and the buffers' bytes move from one core to the other.
-- The client's memory holds the libraries that read the input, the buffers and the recording's own
-  memory, whose growth has a row of its own.
+- `ffmpeg -c copy`: the kernel's copy of the bytes into the file takes most of the time on both sides;
+  `fwrite` of the same frames alone takes {muxer['fwrite']:.2f} of the whole command. The table
+  therefore compares the programs without that copy, and also as a whole.
+- libavformat gets packets that own their bytes, like those of a reader or an encoder. With packets
+  that only point to shared bytes it copies nothing, and the muxer takes {muxer['shared']:.2f} of its time.
+- The component's speed on one core, as on a device, is measured in CPU time of the process, client
+  included. On two cores it is measured in elapsed time, and the buffers' bytes move between the cores.
+- The client's memory contains the libraries that read the input, the buffers, and the memory of the
+  recording, whose growth has its own row.
 
 ## Where the encoder's time goes
 
-By stage, before the encoder was made faster (as measured then) and after, million instructions a
-second of sound; no bit of its output changed:
+By stage, million instructions per second of sound:
 
 {stage_table(*encoder)}
-By function now, portable build, 48 kHz stereo at 128 kbit/s:
+By function, portable build, 48 kHz stereo at 128 kbit/s:
 
 {profile_table(encoder[1], 14, 'Function')}
 ## Where a recording's time goes
 
-Instructions per second of programme, `tdmbrec record` from raw H.264 and WAV, by library; the
-component with its encoder and muxer is `libOMX.QVR.tdmbrec.so`, `libav...` reads the input:
+By library, instructions per second of programme, `tdmbrec record` from raw H.264 and WAV.
+`libOMX.QVR.tdmbrec.so` is the component with its encoder and muxer; `libav...` reads the input:
 
 {profile_table(by(client, 1), 8, 'Library')}'''
 
