@@ -25,13 +25,13 @@ int32_t AACEnc_Create(AacEncHandle *handle, uint8_t *work_block)
     return 0;
 }
 
-void *AACEnc_malloc(size_t size, EncTfState *tf_state)
+void *AACEnc_malloc(size_t size, EncTfState *tf)
 {
     const size_t bytes = heap_bytes(size);
-    AACENC_CHECK(bytes <= kWorkBlockBytes - tf_state->heapUsed);
-    uint8_t *memory = tf_state->heapNext;
-    tf_state->heapNext += bytes;
-    tf_state->heapUsed += static_cast<uint32_t>(bytes);
+    AACENC_CHECK(bytes <= kWorkBlockBytes - tf->heapUsed);
+    uint8_t *memory = tf->heapNext;
+    tf->heapNext += bytes;
+    tf->heapUsed += static_cast<uint32_t>(bytes);
     std::memset(memory, 0, bytes);
     return memory;
 }
@@ -62,34 +62,33 @@ static int32_t sampling_index(int32_t sample_rate)
     return -1;
 }
 
-void EncTfInit(const AacEncConfig *config, const void *ignored, EncTfState *tf_state)
+void EncTfInit(const AacEncConfig *config, const void *ignored, EncTfState *tf)
 {
     static_cast<void>(ignored);
-    tf_state->samplingIndex = sampling_index(config->sampleRate);
-    tf_state->sampleRate = config->sampleRate;
-    tf_state->channels = config->channels;
-    for (int32_t *&buffer : tf_state->channelBuffer) {
-        buffer = static_cast<int32_t *>(AACEnc_malloc(kChannelBufferBytes, tf_state));
+    tf->samplingIndex = sampling_index(config->sampleRate);
+    tf->sampleRate = config->sampleRate;
+    tf->channels = config->channels;
+    for (int32_t *&buffer : tf->channelBuffer) {
+        buffer = static_cast<int32_t *>(AACEnc_malloc(kChannelBufferBytes, tf));
     }
-    tf_state->work[0] =
-        static_cast<int32_t *>(AACEnc_malloc(kFrameLines * sizeof(int32_t), tf_state));
-    tf_state->work[1] = tf_state->channelBuffer[1] + kFrameLines;
-    for (AacEncTns *&tns : tf_state->tns) {
-        tns = static_cast<AacEncTns *>(AACEnc_malloc(sizeof(AacEncTns), tf_state));
+    tf->work[0] = static_cast<int32_t *>(AACEnc_malloc(kFrameLines * sizeof(int32_t), tf));
+    tf->work[1] = tf->channelBuffer[1] + kFrameLines;
+    for (AacEncTns *&tns : tf->tns) {
+        tns = static_cast<AacEncTns *>(AACEnc_malloc(sizeof(AacEncTns), tf));
     }
-    for (AacEncCoderInfo *&coder : tf_state->coderInfo) {
-        coder = static_cast<AacEncCoderInfo *>(AACEnc_malloc(sizeof(AacEncCoderInfo), tf_state));
+    for (AacEncCoderInfo *&coder : tf->coderInfo) {
+        coder = static_cast<AacEncCoderInfo *>(AACEnc_malloc(sizeof(AacEncCoderInfo), tf));
     }
-    for (AacEncChInfo *&ch_info : tf_state->chInfo) {
-        ch_info = static_cast<AacEncChInfo *>(AACEnc_malloc(sizeof(AacEncChInfo), tf_state));
+    for (AacEncChInfo *&ch_info : tf->chInfo) {
+        ch_info = static_cast<AacEncChInfo *>(AACEnc_malloc(sizeof(AacEncChInfo), tf));
     }
-    tf_state->windowShape = kSineWindow;
-    tf_state->windowSequence[0] = kOnlyLongSequence;
-    tf_state->windowSequence[1] = kOnlyLongSequence;
-    tf_state->lastGain = kFirstGlobalGain;
+    tf->windowShape = kSineWindow;
+    tf->windowSequence[0] = kOnlyLongSequence;
+    tf->windowSequence[1] = kOnlyLongSequence;
+    tf->lastGain = kFirstGlobalGain;
     for (int32_t ch = 0; ch < kMaxChannels; ch++) {
-        TnsInit(config->sampleRate, tf_state->tns[ch]);
-        tf_state->coderInfo[ch]->tns = tf_state->tns[ch];
+        TnsInit(config->sampleRate, tf->tns[ch]);
+        tf->coderInfo[ch]->tns = tf->tns[ch];
     }
 }
 

@@ -44,10 +44,10 @@ static_assert(sizeof(EncTfState) % sizeof(void *) == 0);
 // Allocates the transform coder's records and sets them up.
 // in:      config   with a sample rate of SampleRates
 //          ignored  not read
-void EncTfInit(const AacEncConfig *config, const void *ignored, EncTfState *tf_state);
+void EncTfInit(const AacEncConfig *config, const void *ignored, EncTfState *tf);
 
 // Takes cleared memory from the work block's heap, which the block's size covers.
-[[nodiscard]] void *AACEnc_malloc(size_t size, EncTfState *tf_state);
+[[nodiscard]] void *AACEnc_malloc(size_t size, EncTfState *tf);
 
 // returns: audio bandwidth in Hz, 0 for an unknown sample rate
 [[nodiscard]] int32_t AACENC_SetBandWidth(int32_t bit_rate_per_channel, int32_t sample_rate);

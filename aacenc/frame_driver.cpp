@@ -122,9 +122,9 @@ static void write_elements(AacEncBitstream *bitstream, const EncTfState *tf)
     AACENC_ByteAlign(bitstream);
 }
 
-int32_t EncTfFrame(AacEncState *state, AacEncBitstream *bitstream, EncTfState *tf_state)
+int32_t EncTfFrame(AacEncState *state, AacEncBitstream *bitstream, EncTfState *tf)
 {
-    if (state == nullptr || bitstream == nullptr || tf_state == nullptr) {
+    if (state == nullptr || bitstream == nullptr || tf == nullptr) {
         return -1;
     }
     for (int32_t ch = 0; ch < state->channels; ch++) {
@@ -133,30 +133,30 @@ int32_t EncTfFrame(AacEncState *state, AacEncBitstream *bitstream, EncTfState *t
         }
     }
 
-    DetermineChInfo(tf_state->chInfo[0], tf_state->chInfo[1], state->channels);
-    const uint8_t *widths = set_bands(tf_state);
+    DetermineChInfo(tf->chInfo[0], tf->chInfo[1], state->channels);
+    const uint8_t *widths = set_bands(tf);
     for (int32_t ch = 0; ch < state->channels; ch++) {
-        transform_channel(state, ch, tf_state);
+        transform_channel(state, ch, tf);
     }
     for (int32_t ch = 0; ch < state->channels; ch++) {
-        set_band_offsets(tf_state->coderInfo[ch], widths, tf_state->sfbTotal);
+        set_band_offsets(tf->coderInfo[ch], widths, tf->sfbTotal);
     }
 
     // bitsAvailable is the reservoir with the frame's mean bits already added.
     const int32_t extra_bits =
         ((state->bitsAvailable - state->channels) & ~7) - 3 - state->meanBits;
-    const int32_t shaped = shape_channels(state, tf_state);
+    const int32_t shaped = shape_channels(state, tf);
     if (shaped < 0) {
         return shaped;
     }
-    apply_stereo_and_noise(state, widths, tf_state);
-    if (code_channels(state, extra_bits, bitstream, tf_state) < 0) {
+    apply_stereo_and_noise(state, widths, tf);
+    if (code_channels(state, extra_bits, bitstream, tf) < 0) {
         return -1;
     }
-    write_elements(bitstream, tf_state);
+    write_elements(bitstream, tf);
 
     for (int32_t ch = 0; ch < state->channels; ch++) {
-        std::memcpy(previous_frame(tf_state->channelBuffer[ch]), state->pcm[ch],
+        std::memcpy(previous_frame(tf->channelBuffer[ch]), state->pcm[ch],
                     kFrameLines * sizeof(int16_t));
     }
     return 0;

@@ -26,6 +26,6 @@ int32_t AACEnc_WriteADTSHeader(const AacEncState *state, int32_t frame_length, u
 // returns: 0, -1 when a pointer is missing, or another negative value when the frame fails
 // source:  ISO/IEC 14496-3, raw_data_block()
 extern "C" AACENC_API int32_t EncTfFrame(AacEncState *state, AacEncBitstream *bitstream,
-                                         EncTfState *tf_state);
+                                         EncTfState *tf);
 
 #endif // AACENC_FRAME_DRIVER_H

@@ -297,32 +297,31 @@ static void pack_channel(Channel *channel, uint32_t *list)
 
 int32_t tf_encode_spectrum_aac(int32_t *const *spectrum, uint8_t window_sequence,
                                int32_t bit_budget, AacEncBitstream *bitstream,
-                               AacEncCoderInfo *coder_info, const AacEncChInfo *ch_info,
-                               EncTfState *tf_state)
+                               AacEncCoderInfo *coder, const AacEncChInfo *ch_info, EncTfState *tf)
 {
     // The list grows over the spectrum and, in the second channel's buffer, over the powers; the
     // quantised lines must lie elsewhere.
     Channel channel = {
         .spectrum = *spectrum,
-        .power = tf_state->work[1],
-        .quantised = tf_state->work[0],
-        .coder = coder_info,
+        .power = tf->work[1],
+        .quantised = tf->work[0],
+        .coder = coder,
         .bitstream = bitstream,
-        .tf = tf_state,
+        .tf = tf,
         .common_window = ch_info->commonWindow,
     };
-    coder_info->windowSequence = window_sequence;
-    channel.side_bits = WriteTNSData(coder_info, bitstream, 0) + kSideAllowance;
-    std::fill_n(coder_info->scalefactor, tf_state->sfbTotal, 0);
-    std::fill_n(coder_info->codebook, tf_state->sfbTotal, kZeroBook);
+    coder->windowSequence = window_sequence;
+    channel.side_bits = WriteTNSData(coder, bitstream, 0) + kSideAllowance;
+    std::fill_n(coder->scalefactor, tf->sfbTotal, 0);
+    std::fill_n(coder->codebook, tf->sfbTotal, kZeroBook);
     find_powers(&channel);
 
     const int32_t searched_gain = search_gain(&channel, bit_budget);
     const bool another_follows = ch_info->pair != 0 && ch_info->firstOfPair != 0;
-    const int32_t limit = tf_state->bitsLeft - (another_follows ? kEmptyChannelBits : 0);
+    const int32_t limit = tf->bitsLeft - (another_follows ? kEmptyChannelBits : 0);
     int32_t bits = 0;
-    tf_state->lastGain = keep_in_syntax(&channel, searched_gain, limit, &bits);
-    tf_state->bitsLeft -= bits;
+    tf->lastGain = keep_in_syntax(&channel, searched_gain, limit, &bits);
+    tf->bitsLeft -= bits;
     pack_channel(&channel, reinterpret_cast<uint32_t *>(*spectrum));
     return 0;
 }
