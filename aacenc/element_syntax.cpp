@@ -43,17 +43,14 @@ static int32_t write_ics_info(const AacEncCoderInfo *coder, AacEncBitstream *bs,
 }
 
 // source: ISO/IEC 14496-3, Table 4.56
-static int32_t write_spectral_data(const AacEncCoderInfo *coder, AacEncBitstream *bs,
-                                   int32_t write, const EncTfState *tf)
+static int32_t write_spectral_data(const AacEncCoderInfo *coder, AacEncBitstream *bs, int32_t write)
 {
-    const int32_t channel = coder == tf->coderInfo[1] ? 1 : 0;
-    const auto *entries = reinterpret_cast<const uint32_t *>(tf->channelBuffer[channel]);
     if (write) { // hcod, sign bits, hcod_esc
-        return bitstream_put_entries(bs, entries, coder->codewordCount);
+        return bitstream_put_entries(bs, coder->codewords, coder->codewordCount);
     }
     int32_t bits = 0;
     for (int32_t i = 0; i < coder->codewordCount; i++) {
-        bits += static_cast<int32_t>(entries[i] >> 24);
+        bits += static_cast<int32_t>(coder->codewords[i] >> 24);
     }
     return bits;
 }
@@ -97,7 +94,7 @@ int32_t WriteSCE(const AacEncCoderInfo *coder, uint32_t tag, AacEncBitstream *bs
     bits += put(bs, ID_SCE, 3, write);                    // id_syn_ele
     bits += put(bs, static_cast<int32_t>(tag), 4, write); // element_instance_tag
     bits += write_channel_side(coder, 0, bs, write, tf);
-    bits += write_spectral_data(coder, bs, write, tf);
+    bits += write_spectral_data(coder, bs, write);
     return bits;
 }
 
@@ -114,7 +111,7 @@ int32_t WriteCPE(const AacEncCoderInfo *first_coder, const AacEncCoderInfo *seco
     }
     for (const AacEncCoderInfo *coder : {first_coder, second_coder}) {
         bits += write_channel_side(coder, common_window, bs, write, tf);
-        bits += write_spectral_data(coder, bs, write, tf);
+        bits += write_spectral_data(coder, bs, write);
     }
     return bits;
 }

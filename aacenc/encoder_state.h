@@ -80,6 +80,7 @@ struct AacEncCoderInfo {
     AacEncTns *tns;
     int32_t noiseEnergy[kMaxBands];
     int32_t noiseFlag[kMaxBands];
+    const uint32_t *codewords;           // the codeword list
 };
 
 struct AacEncMsInfo {

@@ -291,6 +291,7 @@ static void pack_channel(Channel *channel, uint32_t *list)
         end = pack_codewords(coder->codebook[band], channel->quantised + coder->swbOffset[band],
                              band_width(coder, band), end);
     }
+    coder->codewords = list;
     coder->codewordCount = static_cast<int32_t>(end - list);
     AACENC_CHECK(coder->codewordCount <= kMaxCodewords);
 }
