@@ -6,11 +6,13 @@
 
 #include <algorithm>
 
-static constexpr int32_t kSectionEscape = 31; // sect_len_incr that another one follows
-static constexpr int32_t kScalefactorZero = 60;
-static constexpr int32_t kScalefactorCodes = 121;
+static constexpr int32_t kSectionEscape = 31; // sect_len_incr followed by another one
+static constexpr int32_t kNoisePcmBits = 9;   // of the first noise energy
+static constexpr int32_t kNoisePcmOffset = 256;
+static constexpr int32_t kFillEscape = 15; // count followed by esc_count
+static constexpr int32_t kMostFillBytes = kFillEscape + 255;
 
-// The other scalefactors leave out the highest codeword of their codebook.
+// Spectral bands do not use the last codeword of the codebook.
 static constexpr int32_t kScalefactorLimit = kScalefactorCodes - 1;
 
 static int32_t put(AacEncBitstream *bitstream, int32_t value, int32_t count, int32_t write)
@@ -157,8 +159,8 @@ int32_t write_scalefactor_bitstream(AacEncBitstream *bs, int32_t write,
         case kZeroBook:
             break;
         case kNoiseBook:
-            if (first_noise) {
-                bits += put(bs, energy - last_noise + 256, 9, write); // dpcm_noise_nrg
+            if (first_noise) { // dpcm_noise_nrg
+                bits += put(bs, energy - last_noise + kNoisePcmOffset, kNoisePcmBits, write);
             } else {
                 bits += put_difference(bs, energy - last_noise, kScalefactorCodes, write);
             }
@@ -213,15 +215,15 @@ int32_t WriteAACFillBits(AacEncBitstream *bs, int32_t bits)
         bits -= 7;
         int32_t count = bits >> 3;
         BsPutBit(bs, ID_FIL, 3);                            // id_syn_ele
-        if (count <= 14) {
+        if (count < kFillEscape) {
             BsPutBit(bs, static_cast<uint32_t>(count), 4);  // count
             for (int32_t i = 0; i < count; i++) {
                 BsPutBit(bs, 0, 8);                         // extension_type FILL, fill_byte
             }
         } else {
-            count = std::min(count, 270);
-            BsPutBit(bs, 15, 4);                            // count
-            BsPutBit(bs, static_cast<uint32_t>(count - 15), 8); // esc_count
+            count = std::min(count, kMostFillBytes);
+            BsPutBit(bs, uint32_t{kFillEscape}, 4);         // count
+            BsPutBit(bs, static_cast<uint32_t>(count - kFillEscape), 8); // esc_count
             for (int32_t i = 0; i < count - 1; i++) {
                 BsPutBit(bs, 0, 8);                         // extension_type FILL, fill_byte
             }

@@ -28,7 +28,9 @@ extern const uint32_t huff10[169];
 // unsigned pairs, 0..16, 16 = escape: a * 17 + b
 extern const uint32_t huff11[289];
 
-// Scalefactors: difference + 60
+// Scalefactors: difference + 60.
+inline constexpr int32_t kScalefactorZero = 60; // index of difference 0
+inline constexpr int32_t kScalefactorCodes = 121;
 extern const uint32_t huff12[121];
 
 // The spectral codebooks; codebook n is entry n - 1.

@@ -13,9 +13,7 @@ static constexpr int32_t kLowestStart = 40;
 static constexpr int32_t kHighestGain = 200;
 static constexpr int32_t kTrials = 5;
 static constexpr int32_t kScalefactorOffset = 100; // gain 0 is the standard's step size of 1
-static constexpr int32_t kScalefactorZero = 60;    // index of the scalefactor codeword for 0
-
-static constexpr int32_t kMostPairEntries = 5; // a codeword, two signs, two escapes
+static constexpr int32_t kMostPairEntries = 5;     // a codeword, two signs, two escapes
 
 // Allowance of a trial for what it does not count: global_gain, ics_info, flags and scalefactors.
 static constexpr int32_t kSideAllowance = 102;
@@ -127,40 +125,15 @@ static int32_t spectral_bits(const Channel *channel)
     return bits;
 }
 
-static int32_t difference_bits(int32_t difference, int32_t highest_index)
-{
-    const int32_t index = difference + kScalefactorZero;
-    return index >= 0 && index <= highest_index ? static_cast<int32_t>(huff12[index] >> 24) : 0;
-}
-
-// The search's estimate, made while every scalefactor is still 0.
-static int32_t estimate_scalefactor_bits(const AacEncCoderInfo *coder, int32_t bands, int32_t gain)
-{
-    int32_t bits = 0;
-    int32_t last = gain;
-    int32_t last_noise = gain;
-    bool first_noise = true;
-    for (int32_t band = 0; band < bands; band++) {
-        if (coder->codebook[band] == kNoiseBook) {
-            const int32_t energy = coder->noiseEnergy[band];
-            bits += first_noise ? 9 : difference_bits(energy - last_noise, 120);
-            first_noise = false;
-            last_noise = energy;
-        } else if (coder->codebook[band] != kZeroBook) {
-            bits += difference_bits(coder->scalefactor[band] - last, 119);
-            last = coder->scalefactor[band];
-        }
-    }
-    return bits;
-}
-
 // returns: the bits that the channel would take with a gain, as the search counts them
 static int32_t try_gain(Channel *channel, int32_t gain)
 {
+    AacEncCoderInfo *coder = channel->coder;
     choose_codebooks(channel, gain);
-    return sort_book_numbers(channel->coder, channel->bitstream, 0, channel->tf) +
-           spectral_bits(channel) + channel->side_bits +
-           estimate_scalefactor_bits(channel->coder, channel->bands, gain);
+    coder->globalGain = gain; // the scalefactors are 0: their bits are an estimate
+    return sort_book_numbers(coder, channel->bitstream, 0, channel->tf) + spectral_bits(channel) +
+           channel->side_bits +
+           write_scalefactor_bitstream(channel->bitstream, 0, coder, channel->tf);
 }
 
 // Searches for a gain that takes between three quarters of the budget and all of it. The channel is
