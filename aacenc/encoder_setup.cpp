@@ -10,7 +10,8 @@
 
 static constexpr int32_t kBitRateUnit = 1000;
 static constexpr int32_t kLowestBitRate = 16000;
-static constexpr int32_t kBitsPerSample = 6; // bound of the bit rate, over all channels
+static constexpr int32_t kBitsPerSample = 6;    // bound of the bit rate, over all channels
+static constexpr int32_t kFirstGlobalGain = 60; // where the first rate search starts
 
 int32_t AACEnc_Create(AacEncHandle *handle, uint8_t *work_block)
 {
@@ -103,8 +104,6 @@ int32_t AACEnc_Init(AacEncState *state, const AacEncConfig *config)
     if (sampling_index(config->sampleRate) < 0) {
         return kInitBadSampleRate;
     }
-    state->totalBits = 0;
-    state->midSide = 0;
     state->channels = config->channels;
     state->tns = config->tns;
     state->pns = config->mpeg2Id ? 0 : config->pns; // a tool of MPEG-4
@@ -124,7 +123,7 @@ int32_t AACEnc_Init(AacEncState *state, const AacEncConfig *config)
     state->meanBits = static_cast<int32_t>(
         (10240U * static_cast<uint32_t>(bit_rate) / static_cast<uint32_t>(sample_rate) + 5) / 10);
     tf->bitstream = static_cast<AacEncBitstream *>(AACEnc_malloc(sizeof(AacEncBitstream), tf));
-    *tf->bitstream = {.bytes = nullptr, .freeBits = 8, .byteIndex = 0};
+    tf->bitstream->freeBits = 8;
     state->bitsAvailable = kReservoirBits;
     return 0;
 }

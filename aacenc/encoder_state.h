@@ -16,10 +16,9 @@ inline constexpr int32_t kMaxChannelBits = 6144; // decoder input buffer, bits p
 inline constexpr int32_t kReservoirBits = 8184;  // highest level of the bit reservoir
 inline constexpr int32_t kAdtsHeaderBytes = 7;   // adts_frame() without CRC
 inline constexpr int32_t kChannelBufferBytes = 8192;
-inline constexpr int32_t kMaxCodewords = 2048;  // a channel buffer full of list entries
+inline constexpr int32_t kMaxCodewords = kChannelBufferBytes / sizeof(uint32_t);
 inline constexpr uint8_t kOnlyLongSequence = 0; // window_sequence
 inline constexpr uint8_t kSineWindow = 0;       // window_shape
-inline constexpr int32_t kFirstGlobalGain = 60; // where the first rate search starts
 
 // Codebooks with a meaning of their own.
 inline constexpr uint8_t kZeroBook = 0;
@@ -154,11 +153,5 @@ static_assert(std::is_trivially_copyable_v<AacEncHandle> && std::is_aggregate_v<
 static_assert(std::is_trivially_copyable_v<AacEncState> && std::is_aggregate_v<AacEncState>);
 static_assert(std::is_trivially_copyable_v<EncTfState> && std::is_aggregate_v<EncTfState>);
 static_assert(kAdtsHeaderBytes + kMaxChannels * kMaxChannelBits / 8 < AACENC_OUTPUT_BYTES);
-
-// The previous frame's 1024 samples, behind the spectral lines of a channel buffer.
-inline int16_t *previous_frame(int32_t *channel_buffer)
-{
-    return reinterpret_cast<int16_t *>(channel_buffer + kFrameLines);
-}
 
 #endif // AACENC_ENCODER_STATE_H

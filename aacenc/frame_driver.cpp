@@ -17,6 +17,12 @@ static constexpr int32_t kFirstFrequencyIndex = 3;   // standard's index of Samp
 static constexpr int32_t kElementHeaderBits = 3 + 4; // id_syn_ele, element_instance_tag
 static constexpr int32_t kEndBits = 3;
 
+// returns: the place of the previous frame's samples, after the lines of a channel buffer
+static int16_t *previous_frame(int32_t *channel_buffer)
+{
+    return reinterpret_cast<int16_t *>(channel_buffer + kFrameLines);
+}
+
 // returns: the rate's scalefactor band widths, lowest first
 static const uint8_t *set_bands(EncTfState *tf)
 {

@@ -56,7 +56,6 @@ static bool band_silent(const Channel *channel, int32_t band)
 static void find_powers(Channel *channel)
 {
     const AacEncCoderInfo *coder = channel->coder;
-    channel->max_power = 0;
     channel->bands = channel->tf->sfbTotal;
     while (channel->bands > 0 && band_silent(channel, channel->bands - 1)) {
         channel->bands--;
