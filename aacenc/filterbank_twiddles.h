@@ -6,6 +6,10 @@
 
 #include <cstdint>
 
+inline constexpr int32_t kFftPoints = 512;
+inline constexpr int32_t kQuarterWave = 256; // entry of CPLX_COEFF with the sine of entry 0
+inline constexpr int32_t kSqrtHalf_q31 = 1518500224;
+
 // A twiddle factor cos + j sin. Those of a sequence lie an angle of -2 pi / 2048 apart and follow
 // by the recurrence next = before + 2j sin(angle) * current.
 struct Twiddle {

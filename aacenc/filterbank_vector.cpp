@@ -7,17 +7,16 @@
 
 #if AACENC_VECTOR
 
+#include "aacenc/encoder_state.h"
 #include "aacenc/filterbank_tables.h"
 #include "aacenc/filterbank_twiddles.h"
 
-static constexpr int32_t kPoints = 512;
-static constexpr int32_t kSqrtHalf_q31 = 1518500224;
 static constexpr int32_t kReversed[8] = {0, 4, 2, 6, 1, 5, 3, 7}; // three bits, read backwards
 
 // Real and imaginary parts of the points.
 struct Points {
-    alignas(32) int32_t re[kPoints];
-    alignas(32) int32_t im[kPoints];
+    alignas(32) int32_t re[kFftPoints];
+    alignas(32) int32_t im[kFftPoints];
 };
 
 // Eight points.
@@ -50,8 +49,8 @@ static constexpr TwiddleTable<kCount> list_twiddles(const Twiddle (&first)[2])
     return table;
 }
 
-static constexpr auto kPreTwiddles = list_twiddles<kPoints>(kPreTwiddle);
-static constexpr auto kPostTwiddles = list_twiddles<kPoints / 2 + 1>(kPostTwiddle);
+static constexpr auto kPreTwiddles = list_twiddles<kFftPoints>(kPreTwiddle);
+static constexpr auto kPostTwiddles = list_twiddles<kFftPoints / 2 + 1>(kPostTwiddle);
 
 VECTOR_INLINE Vec2 load_points(const Points *points, int32_t at)
 {
@@ -127,21 +126,21 @@ static int32_t place_in_rows(int32_t point)
 // second.
 VECTOR_CODE static void fold_and_twiddle(const int16_t *cur, const int16_t *prev, Points *points)
 {
-    for (int32_t i = 0; i < kPoints; i += 16) {
+    for (int32_t i = 0; i < kFftPoints; i += 16) {
         const EvenOdd rise = load_even_odd(MDCT_WINDOW + i);
-        const EvenOdd fall = load_backwards(MDCT_WINDOW + 1024 - i);
+        const EvenOdd fall = load_backwards(MDCT_WINDOW + kFrameLines - i);
         const EvenOdd start = load_even_odd(prev + i);
-        const EvenOdd end = load_backwards(prev + 1024 - i);
+        const EvenOdd end = load_backwards(prev + kFrameLines - i);
         const EvenOdd previous = {
             mul_add_q28(end.even, fall.even, sub(splat(0), start.even), rise.even),
             mul_add_q28(end.odd, fall.odd, sub(splat(0), start.odd), rise.odd)};
         const EvenOdd cur_start = load_even_odd(cur + i);
-        const EvenOdd cur_end = load_backwards(cur + 1024 - i);
+        const EvenOdd cur_end = load_backwards(cur + kFrameLines - i);
         const EvenOdd current = {mul_add_q28(cur_end.even, rise.even, cur_start.even, fall.even),
                                  mul_add_q28(cur_end.odd, rise.odd, cur_start.odd, fall.odd)};
 
-        const int32_t first = kPoints / 2 - 8 - i / 2;
-        const int32_t second = kPoints / 2 + i / 2;
+        const int32_t first = kFftPoints / 2 - 8 - i / 2;
+        const int32_t second = kFftPoints / 2 + i / 2;
         const Vec2 in_first = {reverse(current.odd), reverse(previous.odd)};
         const Vec2 in_second = {previous.even, current.even};
         store_points(points, place_in_rows(first),
@@ -181,8 +180,8 @@ VECTOR_CODE static void combine_rows(Points *points)
 VECTOR_CODE static void combine_columns(Points *points, int32_t span)
 {
     for (int32_t k = 0; k < span / 2; k++) {
-        const int32_t entry = k * (kPoints / span);
-        const Vec2 w = {splat(CPLX_COEFF[entry]), splat(CPLX_COEFF[256 - entry])};
+        const int32_t entry = k * (kFftPoints / span);
+        const Vec2 w = {splat(CPLX_COEFF[entry]), splat(CPLX_COEFF[kQuarterWave - entry])};
         for (const int32_t at : {k, k + span / 2}) {
             for (int32_t column = at & ~7; column < 64; column += 2 * span) {
                 const int32_t a = 64 * (at & 7) + column;
@@ -217,7 +216,7 @@ VECTOR_CODE static void combine_groups(Points *points, int32_t span, const int32
 {
     for (int32_t k = 0; k < span / 2; k += 8) {
         const Vec2 w = {load(cosine + k), reverse(load(cosine + span / 2 - 7 - k))};
-        for (int32_t a = k; a < kPoints; a += 2 * span) {
+        for (int32_t a = k; a < kFftPoints; a += 2 * span) {
             for (const int32_t at : {a, a + span / 2}) {
                 const Vec2 z = load_points(points, at + span);
                 Vec2 turned = times_conjugate(z, w);
@@ -232,13 +231,14 @@ VECTOR_CODE static void combine_groups(Points *points, int32_t span, const int32
 
 VECTOR_CODE static void post_twiddle(const Points *points, int32_t *spec)
 {
-    for (int32_t k = 0; k < kPoints / 2; k += 8) {
+    for (int32_t k = 0; k < kFftPoints / 2; k += 8) {
         const Vec2 low = times(load_points(points, k), load_factors(kPostTwiddles, k));
-        const Vec2 last = load_points(points, kPoints - 8 - k);
+        const Vec2 last = load_points(points, kFftPoints - 8 - k);
         const Vec2 high = times_conjugate({reverse(last.re), reverse(last.im)},
                                           load_factors(kPostTwiddles, k + 1));
         store_even_odd(spec + 2 * k, low.re, high.re);
-        store_even_odd(spec + 1008 - 2 * k, reverse(high.im), reverse(sub(splat(0), low.im)));
+        store_even_odd(spec + kFrameLines - 16 - 2 * k, reverse(high.im),
+                       reverse(sub(splat(0), low.im)));
     }
 }
 

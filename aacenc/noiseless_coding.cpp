@@ -9,7 +9,9 @@
 #include <algorithm>
 #include <cstdlib>
 
-static constexpr int32_t kEscapeMark = 16; // stands in the codeword for a value with an escape
+static constexpr int32_t kEscapeMark = 16; // in a codeword: the value is in an escape
+static constexpr int32_t kEscapeBase = kEscapeMark + 1;
+static constexpr int32_t kSignedZero = 40; // index of all zeros in a signed codebook
 
 // Bits of the two codebooks of a class.
 struct ClassBits {
@@ -37,7 +39,7 @@ static int32_t codeword_index(const Lines &lines, int32_t k)
     for (int32_t i = k; i < k + kGroup; i++) {
         index = index * kBase + (kSigned ? line_value(lines, i) : line_magnitude(lines, i));
     }
-    return kSigned ? index + 40 : index;
+    return kSigned ? index + kSignedZero : index;
 }
 
 static int32_t escape_prefix(int32_t magnitude)
@@ -52,7 +54,7 @@ static int32_t escape_bits(int32_t magnitude)
 
 static int32_t escape_index(int32_t first, int32_t second)
 {
-    return std::min(first, kEscapeMark) * 17 + std::min(second, kEscapeMark);
+    return std::min(first, kEscapeMark) * kEscapeBase + std::min(second, kEscapeMark);
 }
 
 // Sums both books' bits in the halves of one word, which 1024 lines do not fill.

@@ -6,6 +6,7 @@
 #include <cstdint>
 
 inline constexpr int32_t kMaxFactorGain = 99; // gain of the smallest quantiser factor
+inline constexpr uint32_t kQuarter_q29 = 1U << 27;
 
 // returns: floor(log2(x)), 0 for x = 0
 [[nodiscard]] inline int32_t AACENC_LOG2(uint32_t x)
@@ -25,7 +26,7 @@ inline constexpr int32_t kMaxFactorGain = 99; // gain of the smallest quantiser 
     // Neither is negative. An unsigned product is one that compilers vectorise.
     const uint64_t product_q29 =
         uint64_t{static_cast<uint32_t>(power)} * static_cast<uint32_t>(factor_q29);
-    return static_cast<int32_t>((product_q29 + (1 << 27)) >> 29);
+    return static_cast<int32_t>((product_q29 + kQuarter_q29) >> 29);
 }
 
 // Lines that a factor quantises.

@@ -5,11 +5,19 @@
 
 #include <algorithm>
 #include <bit>
+#include <cstddef>
+#include <iterator>
 
 static constexpr int32_t kCoefRes = 4;
+static constexpr int32_t kIndexZero = 8; // entry of the value 0 in the quantiser's tables
+static constexpr int32_t kLastEntry = 15;
 static constexpr int32_t kOne_q29 = 1 << 29;
 static constexpr int32_t kSmallest_q29 = 53687091;   // 0.1: coefficients up to here count as zero
 static constexpr int32_t kGainThreshold_q14 = 22938; // 1.4
+
+// Shifts of the autocorrelation, before and after the sum.
+static constexpr int32_t kProductShift = 9;
+static constexpr int32_t kSumShift = 11;
 
 int32_t AACENC_snorm_l2(int64_t value, int64_t *normalised)
 {
@@ -26,10 +34,12 @@ int32_t AACENC_L_add(int32_t a, int32_t b)
 
 void TnsInit(int32_t sample_rate, AacEncTns *tns)
 {
-    for (int32_t position = 0; position < 9; position++) {
+    constexpr size_t kRates = std::size(tnsSupportedSamplingRates);
+    for (size_t position = 0; position < kRates; position++) {
         if (tnsSupportedSamplingRates[position] == sample_rate) {
-            tns->minBand = tnsMinBandNumberLong[8 - position];
-            tns->maxBands = tnsMaxBandsLongMainLow[8 - position];
+            const size_t row = kRates - 1 - position;
+            tns->minBand = tnsMinBandNumberLong[row];
+            tns->maxBands = tnsMaxBandsLongMainLow[row];
             tns->maxOrder = tnsMaxOrderLongLow;
         }
     }
@@ -42,22 +52,22 @@ static void autocorrelate(int32_t length, const int32_t *lines, int64_t *r)
     uint64_t energy = 0;
     int64_t sums[kMaxTnsOrder + 1] = {};
     for (int32_t n = 0; n < length; n++) {
-        energy += static_cast<uint64_t>(mul_s64(lines[n], lines[n])) >> 9;
+        energy += static_cast<uint64_t>(mul_s64(lines[n], lines[n])) >> kProductShift;
     }
     int32_t n = 0;
     for (; n + kMaxTnsOrder < length; n++) {
         for (int32_t lag = 1; lag <= kMaxTnsOrder; lag++) {
-            sums[lag] += mul_s64(lines[n + lag], lines[n]) >> 9;
+            sums[lag] += mul_s64(lines[n + lag], lines[n]) >> kProductShift;
         }
     }
     for (; n < length; n++) {
         for (int32_t lag = 1; n + lag < length; lag++) {
-            sums[lag] += mul_s64(lines[n + lag], lines[n]) >> 9;
+            sums[lag] += mul_s64(lines[n + lag], lines[n]) >> kProductShift;
         }
     }
-    r[0] = static_cast<int64_t>(energy >> 11);
+    r[0] = static_cast<int64_t>(energy >> kSumShift);
     for (int32_t lag = 1; lag <= kMaxTnsOrder; lag++) {
-        r[lag] = sums[lag] >> 11;
+        r[lag] = sums[lag] >> kSumShift;
     }
 }
 
@@ -120,10 +130,10 @@ void QuantizeReflectionCoeffs_fixedVer(int32_t *reflection, int8_t *indices)
 {
     for (int32_t i = 1; i <= kMaxTnsOrder; i++) {
         int32_t j = 1;
-        while (j < 15 && search4[j] < reflection[i]) {
+        while (j < kLastEntry && search4[j] < reflection[i]) {
             j++;
         }
-        indices[i] = static_cast<int8_t>(j - 8);
+        indices[i] = static_cast<int8_t>(j - kIndexZero);
         reflection[i] = kArray_Out[j];
     }
 }

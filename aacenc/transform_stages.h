@@ -5,6 +5,7 @@
 #ifndef AACENC_TRANSFORM_STAGES_H
 #define AACENC_TRANSFORM_STAGES_H
 
+#include "aacenc/encoder_state.h"
 #include "aacenc/filterbank_tables.h"
 #include "aacenc/filterbank_twiddles.h"
 #include "aacenc/fixed_point.h"
@@ -13,10 +14,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-
-inline constexpr int32_t kFftPoints = 512;
-inline constexpr int32_t kQuarterWave = 256; // table entry of the sine that belongs to cosine 0
-inline constexpr int32_t kSqrtHalf_q31 = 1518500224;
 
 // z := (x + jy)(cos + j sin)
 template <typename Number>
@@ -31,13 +28,15 @@ static void rotate(Number x, Number y, const Twiddle &t, Number *z)
 template <typename Number, typename Sample>
 static Number fold_previous(const Sample *prev, int32_t i)
 {
-    return mul_sub_q28(prev[1023 - i], MDCT_WINDOW[1023 - i], prev[i], MDCT_WINDOW[i]);
+    return mul_sub_q28(prev[kFrameLines - 1 - i], MDCT_WINDOW[kFrameLines - 1 - i], prev[i],
+                       MDCT_WINDOW[i]);
 }
 
 template <typename Number, typename Sample>
 static Number fold_current(const Sample *cur, int32_t i)
 {
-    return mul_add_q28(cur[1023 - i], MDCT_WINDOW[i], cur[i], MDCT_WINDOW[1023 - i]);
+    return mul_add_q28(cur[kFrameLines - 1 - i], MDCT_WINDOW[i], cur[i],
+                       MDCT_WINDOW[kFrameLines - 1 - i]);
 }
 
 // The folded sequence is the current frame from i = 511 down, then the previous one from i = 0 up.
@@ -180,9 +179,9 @@ static void post_twiddle(Number *spec)
     Twiddle even = kPostTwiddle[1];
     for (int32_t k = 0; k < kFftPoints; k += 4) {
         advance(&odd, even);
-        unfold(spec + k, spec + 1022 - k, even, odd);
+        unfold(spec + k, spec + kFrameLines - 2 - k, even, odd);
         advance(&even, odd);
-        unfold(spec + k + 2, spec + 1020 - k, odd, even);
+        unfold(spec + k + 2, spec + kFrameLines - 4 - k, odd, even);
     }
 }
 
