@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-struct BandwidthRow {
+struct bandwidth_row {
     int32_t sample_rate;
     int32_t bandwidth_hz[6];
 };
@@ -21,7 +21,7 @@ extern const uint8_t sr_info_aac[5][52];
 
 // Audio bandwidth by sample rate; column i serves the bit rates per channel (bit/s) below
 // bandwidth_bounds[i], the last column all above.
-extern const BandwidthRow bandwidth_table[9];
+extern const bandwidth_row bandwidth_table[9];
 extern const int32_t bandwidth_bounds[5];
 
 #endif // AACENC_BAND_TABLES_H

@@ -44,7 +44,7 @@ int32_t AACENC_SetBandWidth(int32_t bit_rate_per_channel, int32_t sample_rate)
            bit_rate_per_channel >= bandwidth_bounds[column]) {
         column++;
     }
-    for (const BandwidthRow &row : bandwidth_table) {
+    for (const bandwidth_row &row : bandwidth_table) {
         if (row.sample_rate == sample_rate) {
             return row.bandwidth_hz[column];
         }

@@ -14,12 +14,12 @@ static constexpr int32_t kEscapeBase = kEscapeMark + 1;
 static constexpr int32_t kSignedZero = 40; // index of all zeros in a signed codebook
 
 // Bits of the two codebooks of a class.
-struct ClassBits {
+struct book_bits {
     int32_t odd;
     int32_t even;
 };
 
-// Lines that are quantised already are read as ScaledLines are.
+// Lines that are quantised already are read as scaled_lines are.
 static int32_t line_value(const int32_t *values, int32_t k)
 {
     return values[k];
@@ -59,7 +59,7 @@ static int32_t escape_index(int32_t first, int32_t second)
 
 // Sums both books' bits in the halves of one word, which 1024 lines do not fill.
 template <int32_t kGroup, int32_t kBase, bool kSigned, typename Lines>
-static ClassBits count_class(const uint32_t *class_table, const Lines &lines, int32_t count)
+static book_bits count_class(const uint32_t *class_table, const Lines &lines, int32_t count)
 {
     uint32_t bits = 0;
     for (int32_t k = 0; k < count; k += kGroup) {
@@ -82,7 +82,7 @@ static int32_t count_escape_book(const Lines &lines, int32_t count)
 
 // The class of a codebook is named by its odd-numbered member.
 template <typename Lines>
-static ClassBits class_bits(int32_t odd_book, const Lines &lines, int32_t count)
+static book_bits class_bits(int32_t odd_book, const Lines &lines, int32_t count)
 {
     switch (odd_book) {
     case 1:
@@ -107,13 +107,13 @@ static uint8_t odd_book_for(int32_t max)
     return max <= 1 ? 1 : max <= 2 ? 3 : max <= 4 ? 5 : max <= 7 ? 7 : max <= 12 ? 9 : kEscapeBook;
 }
 
-BookChoice choose_codebook(const ScaledLines &lines, int32_t count, int32_t max)
+book_choice choose_codebook(const scaled_lines &lines, int32_t count, int32_t max)
 {
     if (max == 0) {
         return {kZeroBook, 0};
     }
     const uint8_t book = odd_book_for(max);
-    const ClassBits bits = class_bits(book, lines, count);
+    const book_bits bits = class_bits(book, lines, count);
     if (book == kEscapeBook || bits.odd <= bits.even) {
         return {book, bits.odd};
     }
@@ -125,7 +125,7 @@ int32_t output_bits_check(int32_t book, const int32_t *values, int32_t count)
     if (book < 1 || book > kEscapeBook) {
         return 0;
     }
-    const ClassBits bits = class_bits((book - 1) | 1, values, count);
+    const book_bits bits = class_bits((book - 1) | 1, values, count);
     return book % 2 != 0 ? bits.odd : bits.even;
 }
 

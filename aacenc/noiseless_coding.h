@@ -9,14 +9,14 @@
 
 inline constexpr int32_t kMaxQuantised = 8191; // magnitude that the escape codebook can carry
 
-struct BookChoice {
+struct book_choice {
     uint8_t book;
     int32_t bits;
 };
 
 // Picks the cheaper of a band's two candidate codebooks, the lower-numbered one of equals.
 // in:      max  largest quantised magnitude of the lines
-[[nodiscard]] BookChoice choose_codebook(const ScaledLines &lines, int32_t count, int32_t max);
+[[nodiscard]] book_choice choose_codebook(const scaled_lines &lines, int32_t count, int32_t max);
 
 // returns: bits of the values in a codebook, with signs and escapes; 0 for codebooks without
 //          spectral data

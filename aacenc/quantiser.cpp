@@ -17,7 +17,7 @@ int32_t power_three_quarters(uint32_t magnitude)
     if (magnitude < std::size(CalcPow34)) {
         return CalcPow34[magnitude];
     }
-    const PowerLine &line = CalcPow_RageTable[kLineOfZeros[std::countl_zero(magnitude)]];
+    const power_line &line = CalcPow_RageTable[kLineOfZeros[std::countl_zero(magnitude)]];
     const int64_t past_start = static_cast<int64_t>(magnitude) - line.start;
     return line.base + static_cast<int32_t>((past_start * line.slope_q32) >> 32);
 }

@@ -30,20 +30,20 @@ inline constexpr uint32_t kQuarter_q29 = 1U << 27;
 }
 
 // Lines that a factor quantises.
-struct ScaledLines {
+struct scaled_lines {
     const int32_t *spectrum; // for the signs
     const int32_t *power;    // magnitudes to the power 3/4
     int32_t factor_q29;
 };
 
 // returns: the quantised magnitude of a line
-[[nodiscard]] inline int32_t line_magnitude(const ScaledLines &lines, int32_t k)
+[[nodiscard]] inline int32_t line_magnitude(const scaled_lines &lines, int32_t k)
 {
     return quantise_power(lines.power[k], lines.factor_q29);
 }
 
 // returns: the quantised line
-[[nodiscard]] inline int32_t line_value(const ScaledLines &lines, int32_t k)
+[[nodiscard]] inline int32_t line_value(const scaled_lines &lines, int32_t k)
 {
     const int32_t magnitude = line_magnitude(lines, k);
     return lines.spectrum[k] > 0 ? magnitude : -magnitude;

@@ -5,7 +5,7 @@
 #include <cstdint>
 
 // A straight line that stands for x^(3/4) from `start` on: base + (x - start) * slope.
-struct PowerLine {
+struct power_line {
     int32_t start;
     int32_t base;
     int32_t slope_q32;
@@ -18,6 +18,6 @@ extern const int32_t quantfac_table[100];
 extern const int16_t CalcPow34[8192];
 
 // x^(3/4) above 8191, in rising order; each line ends where the next one starts.
-extern const PowerLine CalcPow_RageTable[5];
+extern const power_line CalcPow_RageTable[5];
 
 #endif // AACENC_QUANTISER_TABLES_H

@@ -22,7 +22,7 @@ static constexpr int32_t kSideAllowance = 102;
 static constexpr int32_t kEmptyChannelBits = 8 + 11 + (4 + 2 * 5) + 3 + (2 + 1 + 11 + 2 + 12 * 4);
 
 // One channel on its way from lines to codewords.
-struct Channel {
+struct channel_coding {
     const int32_t *spectrum;
     int32_t *power;     // magnitudes to the power 3/4
     int32_t *quantised; // with the signs of the spectrum; only in bands with a codebook
@@ -42,7 +42,7 @@ static int32_t band_width(const AacEncCoderInfo *coder, int32_t band)
     return coder->swbOffset[band + 1] - coder->swbOffset[band];
 }
 
-static bool band_silent(const Channel *channel, int32_t band)
+static bool band_silent(const channel_coding *channel, int32_t band)
 {
     uint32_t bits = 0;
     for (int32_t k = channel->coder->swbOffset[band]; k < channel->coder->swbOffset[band + 1];
@@ -53,7 +53,7 @@ static bool band_silent(const Channel *channel, int32_t band)
 }
 
 // Raises the lines to the power 3/4 and finds the largest one of each band.
-static void find_powers(Channel *channel)
+static void find_powers(channel_coding *channel)
 {
     const AacEncCoderInfo *coder = channel->coder;
     channel->bands = channel->tf->sfbTotal;
@@ -81,13 +81,13 @@ static int32_t starting_gain(int32_t last_gain, int32_t max_power)
 }
 
 // Chooses the codebook of every band and counts its bits.
-static void choose_codebooks(Channel *channel, int32_t gain)
+static void choose_codebooks(channel_coding *channel, int32_t gain)
 {
     AacEncCoderInfo *coder = channel->coder;
     const int32_t factor_q29 = quantiser_factor(gain);
     for (int32_t band = 0; band < channel->bands; band++) {
         const int32_t max = quantise_power(channel->band_max[band], factor_q29);
-        BookChoice choice = {kZeroBook, 0};
+        book_choice choice = {kZeroBook, 0};
         if (max != 0 && coder->noiseFlag[band]) {
             choice.book = kNoiseBook;
         } else if (max != 0) {
@@ -102,7 +102,7 @@ static void choose_codebooks(Channel *channel, int32_t gain)
 }
 
 // Quantises the bands that have spectral data.
-static void quantise_bands(Channel *channel, int32_t gain)
+static void quantise_bands(channel_coding *channel, int32_t gain)
 {
     const AacEncCoderInfo *coder = channel->coder;
     for (int32_t band = 0; band < channel->bands; band++) {
@@ -115,7 +115,7 @@ static void quantise_bands(Channel *channel, int32_t gain)
     }
 }
 
-static int32_t spectral_bits(const Channel *channel)
+static int32_t spectral_bits(const channel_coding *channel)
 {
     int32_t bits = 0;
     for (int32_t band = 0; band < channel->bands; band++) {
@@ -125,7 +125,7 @@ static int32_t spectral_bits(const Channel *channel)
 }
 
 // returns: the bits that the channel would take with a gain, as the search counts them
-static int32_t try_gain(Channel *channel, int32_t gain)
+static int32_t try_gain(channel_coding *channel, int32_t gain)
 {
     AacEncCoderInfo *coder = channel->coder;
     choose_codebooks(channel, gain);
@@ -137,7 +137,7 @@ static int32_t try_gain(Channel *channel, int32_t gain)
 
 // Searches for a gain that takes between three quarters of the budget and all of it. The channel is
 // left with the codebooks of the gain that is returned, whether it got there or not.
-static int32_t search_gain(Channel *channel, int32_t bit_budget)
+static int32_t search_gain(channel_coding *channel, int32_t bit_budget)
 {
     const int32_t budget_quarter = bit_budget >> 2;
     int32_t gain = starting_gain(channel->tf->lastGain, channel->max_power);
@@ -179,7 +179,7 @@ static void bound_noise_steps(AacEncCoderInfo *coder, int32_t bands)
 
 // Quantises the channel. The scalefactor names the factor, which stays the same from the highest
 // gain of the table on.
-static void settle_gain(Channel *channel, int32_t gain)
+static void settle_gain(channel_coding *channel, int32_t gain)
 {
     AacEncCoderInfo *coder = channel->coder;
     quantise_bands(channel, gain);
@@ -189,14 +189,14 @@ static void settle_gain(Channel *channel, int32_t gain)
     bound_noise_steps(coder, channel->bands);
 }
 
-static int32_t channel_bits(const Channel *channel)
+static int32_t channel_bits(const channel_coding *channel)
 {
     return write_channel_side(channel->coder, channel->common_window, channel->bitstream, 0,
                               channel->tf) +
            spectral_bits(channel);
 }
 
-static bool codewords_fit(const Channel *channel)
+static bool codewords_fit(const channel_coding *channel)
 {
     const AacEncCoderInfo *coder = channel->coder;
     const int32_t bands = channel->tf->sfbTotal;
@@ -212,7 +212,7 @@ static bool codewords_fit(const Channel *channel)
     return entries <= kMaxCodewords;
 }
 
-static bool drop_top_band(Channel *channel)
+static bool drop_top_band(channel_coding *channel)
 {
     for (int32_t band = channel->bands - 1; band >= 0; band--) {
         if (channel->coder->codebook[band] != kZeroBook) {
@@ -229,7 +229,7 @@ static bool drop_top_band(Channel *channel)
 // does not help any more drops the top bands.
 // out:     bits  of the channel
 // returns: the gain
-static int32_t keep_in_syntax(Channel *channel, int32_t gain, int32_t limit, int32_t *bits)
+static int32_t keep_in_syntax(channel_coding *channel, int32_t gain, int32_t limit, int32_t *bits)
 {
     const int32_t searched_gain = gain;
     while (quantise_power(channel->max_power, quantiser_factor(gain)) > kMaxQuantised) {
@@ -255,7 +255,7 @@ static int32_t keep_in_syntax(Channel *channel, int32_t gain, int32_t limit, int
 // Packing writes the entry behind the last one too.
 static_assert(heap_bytes(kChannelBufferBytes) > kMaxCodewords * sizeof(uint32_t));
 
-static void pack_channel(Channel *channel, uint32_t *list)
+static void pack_channel(channel_coding *channel, uint32_t *list)
 {
     AacEncCoderInfo *coder = channel->coder;
     uint32_t *end = list;
@@ -274,7 +274,7 @@ int32_t tf_encode_spectrum_aac(int32_t *const *spectrum, uint8_t window_sequence
 {
     // The list grows over the spectrum and, in the second channel's buffer, over the powers; the
     // quantised lines must lie elsewhere.
-    Channel channel = {
+    channel_coding channel = {
         .spectrum = *spectrum,
         .power = tf->work[1],
         .quantised = tf->work[0],

@@ -17,7 +17,7 @@
 
 // z := (x + jy)(cos + j sin)
 template <typename Number>
-static void rotate(Number x, Number y, const Twiddle &t, Number *z)
+static void rotate(Number x, Number y, const twiddle &t, Number *z)
 {
     z[0] = mul_sub_q31(x, t.cos_q31, y, t.sin_q31);
     z[1] = mul_add_q31(y, t.cos_q31, x, t.sin_q31);
@@ -44,8 +44,8 @@ static Number fold_current(const Sample *cur, int32_t i)
 template <typename Number, typename Sample>
 static void fold_and_twiddle(const Sample *cur, const Sample *prev, Number *z)
 {
-    Twiddle odd = kPreTwiddle[0];
-    Twiddle even = kPreTwiddle[1];
+    twiddle odd = kPreTwiddle[0];
+    twiddle even = kPreTwiddle[1];
     for (int32_t i = kFftPoints - 1; i > 0; i -= 4, z += 4) {
         rotate(fold_current<Number>(cur, i), fold_previous<Number>(prev, i), even, z);
         advance(&odd, even);
@@ -61,13 +61,13 @@ static void fold_and_twiddle(const Sample *cur, const Sample *prev, Number *z)
 }
 
 // The places of two points that trade theirs in the bit-reversed order.
-struct Swap {
+struct point_swap {
     uint16_t low;
     uint16_t high;
 };
 
 inline constexpr auto kSwaps = [] {
-    std::array<Swap, 240> swaps = {}; // the other 32 of the 512 points stay
+    std::array<point_swap, 240> swaps = {}; // the other 32 of the 512 points stay
     size_t count = 0;
     for (uint32_t i = 0; i < kFftPoints; i++) {
         uint32_t reversed = 0;
@@ -85,7 +85,7 @@ template <typename Number>
 static void reverse_bits(Number *data)
 {
     constexpr size_t kPointBytes = 2 * sizeof(Number);
-    for (const Swap &swap : kSwaps) {
+    for (const point_swap &swap : kSwaps) {
         Number point[2];
         std::memcpy(point, data + swap.low, kPointBytes);
         std::memcpy(data + swap.low, data + swap.high, kPointBytes);
@@ -160,7 +160,7 @@ static Number *transform_group(Number *data, const int32_t *table, int32_t span,
 
 // Rotates a point at each end, by t and by the next t, conjugated, and unfolds them to lines.
 template <typename Number>
-static void unfold(Number *low, Number *high, const Twiddle &t, const Twiddle &next)
+static void unfold(Number *low, Number *high, const twiddle &t, const twiddle &next)
 {
     Number turned[2];
     rotate(low[0], low[1], t, turned);
@@ -175,8 +175,8 @@ static void unfold(Number *low, Number *high, const Twiddle &t, const Twiddle &n
 template <typename Number>
 static void post_twiddle(Number *spec)
 {
-    Twiddle odd = kPostTwiddle[0];
-    Twiddle even = kPostTwiddle[1];
+    twiddle odd = kPostTwiddle[0];
+    twiddle even = kPostTwiddle[1];
     for (int32_t k = 0; k < kFftPoints; k += 4) {
         advance(&odd, even);
         unfold(spec + k, spec + kFrameLines - 2 - k, even, odd);

@@ -49,7 +49,7 @@ TEST(NoiselessCoding, CountedBitsAreThoseOfTheCodewords)
             const int32_t even_bits = packed_bits(even, values);
             ASSERT_EQ(output_bits_check(odd, values, 4), odd_bits) << odd << ' ' << group;
             ASSERT_EQ(output_bits_check(even, values, 4), even_bits) << even << ' ' << group;
-            const BookChoice choice = choose_codebook({values, powers, 1 << 29}, 4, largest);
+            const book_choice choice = choose_codebook({values, powers, 1 << 29}, 4, largest);
             ASSERT_EQ(choice.book, even_bits < odd_bits ? even : odd) << group;
             ASSERT_EQ(choice.bits, std::min(even_bits, odd_bits)) << group;
         }

@@ -59,7 +59,7 @@ TEST(Tables, PowersFollowTheCurve)
         EXPECT_GT(part, x < 1U << 22 ? 0.907 : 0.956) << x;
         EXPECT_LT(part, x < 1U << 25 ? 1.0 : 1.0086) << x;
     }
-    for (const PowerLine &line : CalcPow_RageTable) {
+    for (const power_line &line : CalcPow_RageTable) {
         const uint32_t start = static_cast<uint32_t>(line.start);
         EXPECT_EQ(power_three_quarters(start), line.base);
         EXPECT_NEAR(power_three_quarters(start - 1), line.base, 1);
