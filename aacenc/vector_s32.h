@@ -1,6 +1,5 @@
-// Vectors of eight 32-bit integers, for the code that comes in a vector version: AVX2 on x86, where
-// the processor is asked for it, and NEON on ARM, where the build decides. AACENC_VECTOR tells
-// whether there are any.
+// Vectors of eight 32-bit integers: AVX2 on x86, checked at run time, and NEON on ARM, chosen by
+// the build. AACENC_VECTOR is 0 where there are none.
 #ifndef AACENC_VECTOR_S32_H
 #define AACENC_VECTOR_S32_H
 
@@ -18,7 +17,7 @@
 
 using vec_s32 = __m256i;
 
-// Eight numbers of even and eight of odd place.
+// Eight numbers at even places and eight at odd places.
 struct even_odd {
     vec_s32 even;
     vec_s32 odd;
@@ -54,7 +53,7 @@ VECTOR_INLINE vec_s32 sub(vec_s32 a, vec_s32 b)
     return _mm256_sub_epi32(a, b);
 }
 
-// The odd lanes in the place of the even ones, which the multiplication reads.
+// Moves the odd lanes to the even ones, which the multiplication reads.
 VECTOR_INLINE vec_s32 odd_lanes(vec_s32 v)
 {
     return _mm256_srli_epi64(v, 32);
@@ -67,7 +66,8 @@ VECTOR_INLINE vec_s32 twice_high(vec_s32 even, vec_s32 odd)
     return add(high, high);
 }
 
-// As the functions of fixed_point.h. The upper halves add up without what the lower ones carry.
+// As the functions of fixed_point.h: the upper halves are added without a carry from the lower
+// ones.
 VECTOR_INLINE vec_s32 mul_q31(vec_s32 a, vec_s32 c)
 {
     return twice_high(_mm256_mul_epi32(a, c), _mm256_mul_epi32(odd_lanes(a), odd_lanes(c)));
@@ -89,7 +89,7 @@ VECTOR_INLINE vec_s32 mul_sub_q31(vec_s32 a, vec_s32 c, vec_s32 b, vec_s32 d)
     return twice_high(even, odd);
 }
 
-// (a * c + b * d) >> 28, which fits in 32 bits
+// (a * c + b * d) >> 28; fits in 32 bits
 VECTOR_INLINE vec_s32 mul_add_q28(vec_s32 a, vec_s32 c, vec_s32 b, vec_s32 d)
 {
     const vec_s32 even = _mm256_add_epi64(_mm256_mul_epi32(a, c), _mm256_mul_epi32(b, d));
@@ -167,7 +167,7 @@ struct vec_s32 {
     int32x4_t high;
 };
 
-// Eight numbers of even and eight of odd place.
+// Eight numbers at even places and eight at odd places.
 struct even_odd {
     vec_s32 even;
     vec_s32 odd;
@@ -204,7 +204,7 @@ static inline vec_s32 sub(vec_s32 a, vec_s32 b)
     return {vsubq_s32(a.low, b.low), vsubq_s32(a.high, b.high)};
 }
 
-// As the functions of fixed_point.h. The instruction keeps the lowest bit of the product.
+// As the functions of fixed_point.h, which clear the lowest bit of the product.
 static inline vec_s32 mul_q31(vec_s32 a, vec_s32 c)
 {
     const int32x4_t even = vdupq_n_s32(-2);
@@ -222,7 +222,7 @@ static inline vec_s32 mul_sub_q31(vec_s32 a, vec_s32 c, vec_s32 b, vec_s32 d)
     return sub(mul_q31(a, c), mul_q31(b, d));
 }
 
-// (a * c + b * d) >> 28, which fits in 32 bits
+// (a * c + b * d) >> 28; fits in 32 bits
 static inline int32x4_t mul_add_q28(int32x4_t a, int32x4_t c, int32x4_t b, int32x4_t d)
 {
     const int64x2_t low =
@@ -272,8 +272,10 @@ static inline even_odd load_even_odd(const int32_t *from)
 
 static inline void store_even_odd(int32_t *to, vec_s32 even, vec_s32 odd)
 {
-    vst2q_s32(to, {{even.low, odd.low}});
-    vst2q_s32(to + 8, {{even.high, odd.high}});
+    const int32x4x2_t low = {{even.low, odd.low}};
+    const int32x4x2_t high = {{even.high, odd.high}};
+    vst2q_s32(to, low);
+    vst2q_s32(to + 8, high);
 }
 
 // Turns four rows into columns.
