@@ -1,4 +1,4 @@
-// What depends on the sample rate: scalefactor bands and audio bandwidth.
+// Scalefactor bands and audio bandwidth by sample rate.
 #ifndef AACENC_BAND_TABLES_H
 #define AACENC_BAND_TABLES_H
 
@@ -19,8 +19,8 @@ extern const uint8_t sr_info_index[9];
 // Scalefactor bands of a long window: their number, then their widths in lines, lowest band first.
 extern const uint8_t sr_info_aac[5][52];
 
-// Audio bandwidth by sample rate; column i serves the bit rates per channel (bit/s) below
-// bandwidth_bounds[i], the last column all above.
+// Audio bandwidth by sample rate. Column i is for bit rates per channel (bit/s) below
+// bandwidth_bounds[i], the last column for all others.
 extern const bandwidth_row bandwidth_table[9];
 extern const int32_t bandwidth_bounds[5];
 

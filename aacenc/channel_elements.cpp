@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <bit>
 
-static constexpr int64_t kSilentEnergy = 20;                // a top band up to here carries nothing
+static constexpr int64_t kSilentEnergy = 20; // a top band up to here counts as silent
 static constexpr uint32_t kNoiseEnergyOffset = 0x29800000U; // 41.5 in Q24
 
 void DetermineChInfo(AacEncChInfo *ch_info0, AacEncChInfo *ch_info1, int32_t channels)
@@ -55,7 +55,7 @@ static int32_t noise_energy(uint32_t energy)
                        : static_cast<int32_t>((log2_q26(energy) / 2 + kNoiseEnergyOffset) >> 24);
 }
 
-// returns: the first band from 1 on that starts at the bandwidth or above
+// returns: the first band, 0 excluded, that starts at or above the bandwidth
 static int32_t first_noise_band(const AacEncCoderInfo *coder, const EncTfState *tf)
 {
     if (tf->bwLines == 0) {

@@ -137,7 +137,7 @@ int32_t sort_book_numbers(const AacEncCoderInfo *coder, AacEncBitstream *bs, int
     return bits;
 }
 
-// A difference in the scalefactor codebook, when it has a codeword below `limit`.
+// Writes a difference if it has a codeword below `limit`.
 static int32_t put_difference(AacEncBitstream *bs, int32_t difference, int32_t limit, int32_t write)
 {
     const int32_t index = difference + kScalefactorZero;
@@ -167,7 +167,7 @@ int32_t write_scalefactor_bitstream(AacEncBitstream *bs, int32_t write,
             first_noise = false;
             last_noise = energy;
             break;
-        case kIntensityBook2:
+        case kIntensityBook2: // not chosen by this encoder
         case kIntensityBook:
             bits += put_difference(bs, scalefactor - last_position, kScalefactorCodes, write);
             last_position = scalefactor;

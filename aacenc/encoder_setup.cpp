@@ -52,7 +52,7 @@ int32_t AACENC_SetBandWidth(int32_t bit_rate_per_channel, int32_t sample_rate)
     return 0;
 }
 
-// returns: position in SampleRates, -1 for a rate that is not there
+// returns: position in SampleRates, -1 for any other rate
 static int32_t sampling_index(int32_t sample_rate)
 {
     for (size_t i = 0; i < std::size(SampleRates); i++) {

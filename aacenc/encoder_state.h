@@ -1,4 +1,5 @@
-// The encoder's records. All live in the handle's work block; their order is fixed.
+// The encoder's records. All but the handle are in the handle's work block. Their fields have a
+// fixed order.
 #ifndef AACENC_ENCODER_STATE_H
 #define AACENC_ENCODER_STATE_H
 
@@ -49,8 +50,8 @@ struct AacEncBitstream {
 // One TNS filter. Entry 0 of the reflection coefficients and of the indices is not used.
 struct AacEncTnsFilter {
     int32_t order;
-    int32_t direction;                       // 0 = upward
-    int32_t coefCompress;
+    int32_t direction;                       // always 0, upward
+    int32_t coefCompress;                    // always 0
     int32_t length;                          // scalefactor bands
     int32_t directForm[kMaxTnsOrder + 1];    // Q29, [0] is 1.0
     int32_t reflection[kMaxTnsOrder + 1];    // Q28 from the recursion, Q29 once quantised
@@ -67,7 +68,7 @@ struct AacEncTns {
     AacEncTnsFilter filter;
 };
 
-// What one channel's individual_channel_stream() is written from.
+// The contents of one channel's individual_channel_stream().
 struct AacEncCoderInfo {
     int32_t codewordCount;               // entries of the codeword list
     uint8_t windowSequence;
@@ -87,7 +88,7 @@ struct AacEncMsInfo {
     int32_t msUsed[kMaxBands];
 };
 
-// The place of a channel among the syntax elements.
+// The syntax element of a channel.
 struct AacEncChInfo {
     int32_t present;
     int32_t tag;            // element_instance_tag
@@ -98,9 +99,9 @@ struct AacEncChInfo {
     AacEncMsInfo ms;
 };
 
-// The transform coder's state. A channel buffer holds 1024 spectral lines, then the previous frame's
-// 1024 samples; once the lines are quantised, the codeword list takes the buffer from its start. The
-// second work array is the upper half of the second channel buffer.
+// The transform coder's state. A channel buffer holds 1024 spectral lines, then the 1024 samples of
+// the previous frame. Once the lines are quantised, the codeword list overwrites the buffer from
+// its start. The second work array is the upper half of the second channel buffer.
 struct EncTfState {
     int32_t channels;
     int32_t samplingIndex;               // position in SampleRates
@@ -121,7 +122,7 @@ struct EncTfState {
     uint8_t *heapNext;
     uint32_t heapUsed;                   // bytes from the start of the work block
     uint32_t frameCounter;               // frames encoded since init
-    int32_t bitsLeft;                    // of this frame's access unit, for the channels to come
+    int32_t bitsLeft;                    // of this access unit, for the channels not coded yet
 };
 
 struct AacEncState {
@@ -129,7 +130,7 @@ struct AacEncState {
     int32_t channels;
     int32_t meanBits;       // of a frame
     int32_t bitsAvailable;  // level of the bit reservoir
-    int32_t midSide;        // off: no interface sets it
+    int32_t midSide;        // always 0: no interface sets it
     int32_t tns;
     int32_t pns;
     const int16_t *pcm[kMaxChannels];

@@ -108,7 +108,7 @@ VECTOR_INLINE void butterfly_in_place(split_points *points, int32_t a_at, int32_
     store_points(points, b_at, b);
 }
 
-// Sixteen numbers that end before `end`, the last one first.
+// The sixteen numbers before `end`, the last one first.
 template <typename Number>
 VECTOR_INLINE even_odd load_backwards(const Number *end)
 {
@@ -116,15 +116,15 @@ VECTOR_INLINE even_odd load_backwards(const Number *end)
     return {reverse(numbers.odd), reverse(numbers.even)};
 }
 
-// The points lie in eight rows of 64, with the eight columns of a row in reversed order: so the
-// first six stages of the FFT combine whole vectors, each with one twiddle factor.
+// The points are kept in eight rows of 64, with the eight columns of a row in bit-reversed order,
+// so that the first six stages of the FFT combine whole vectors, each with one twiddle factor.
+// returns: the place of a point
 static int32_t place_in_rows(int32_t point)
 {
     return (point & ~63) + 8 * kReversed[(point >> 3) & 7];
 }
 
-// For i and 15 that follow it; the odd ones make points of the first half, the even ones of the
-// second.
+// A turn folds 16 places: the odd ones make points of the first half, the even ones of the second.
 VECTOR_CODE static void fold_and_twiddle(const int16_t *cur, const int16_t *prev,
                                          split_points *points)
 {
@@ -152,8 +152,8 @@ VECTOR_CODE static void fold_and_twiddle(const int16_t *cur, const int16_t *prev
     }
 }
 
-// The first three stages, on eight points of every row. Afterwards row t holds the points that are
-// t modulo 8 in the bit-reversed order.
+// The first three stages. Afterwards row t holds the points that are t modulo 8 in the bit-reversed
+// order.
 VECTOR_CODE static void combine_rows(split_points *points)
 {
     for (int32_t column = 0; column < 64; column += 8) {
@@ -197,7 +197,7 @@ VECTOR_CODE static void combine_columns(split_points *points, int32_t span)
     }
 }
 
-// Out of the rows into the bit-reversed order.
+// Moves the points from the rows to the bit-reversed order.
 VECTOR_CODE static void leave_rows(int32_t *parts)
 {
     for (int32_t column = 0; column < 64; column += 8) {
@@ -213,7 +213,7 @@ VECTOR_CODE static void leave_rows(int32_t *parts)
 }
 
 // A stage of span 64, 128 or 256.
-// in:      cosine  of its twiddles: span / 2 + 1 entries
+// in: cosine: of its twiddles, span / 2 + 1 entries
 VECTOR_CODE static void combine_groups(split_points *points, int32_t span, const int32_t *cosine)
 {
     for (int32_t k = 0; k < span / 2; k += 8) {

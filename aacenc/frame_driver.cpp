@@ -17,7 +17,7 @@ static constexpr int32_t kFirstFrequencyIndex = 3;   // standard's index of Samp
 static constexpr int32_t kElementHeaderBits = 3 + 4; // id_syn_ele, element_instance_tag
 static constexpr int32_t kEndBits = 3;
 
-// returns: the place of the previous frame's samples, after the lines of a channel buffer
+// returns: the previous frame's samples, after the lines of a channel buffer
 static int16_t *previous_frame(int32_t *channel_buffer)
 {
     return reinterpret_cast<int16_t *>(channel_buffer + kFrameLines);
@@ -79,7 +79,7 @@ static void apply_stereo_and_noise(const AacEncState *state, const uint8_t *widt
     }
 }
 
-// returns: what a decoder's input buffer leaves for the channels, in bits
+// returns: bits of a decoder's input buffer that are left for the channels
 static int32_t channel_room(const EncTfState *tf)
 {
     const AacEncChInfo *first = tf->chInfo[0];
@@ -93,6 +93,7 @@ static int32_t channel_room(const EncTfState *tf)
     return kMaxChannelBits * tf->channels - overhead;
 }
 
+// returns: 0; -1 is a failure that the rate loop never reports
 static int32_t code_channels(const AacEncState *state, int32_t extra_bits,
                              AacEncBitstream *bitstream, EncTfState *tf)
 {
@@ -148,7 +149,7 @@ int32_t EncTfFrame(AacEncState *state, AacEncBitstream *bitstream, EncTfState *t
         set_band_offsets(tf->coderInfo[ch], widths, tf->sfbTotal);
     }
 
-    // bitsAvailable is the reservoir with the frame's mean bits already added.
+    // bitsAvailable includes the frame's mean bits.
     const int32_t extra_bits =
         ((state->bitsAvailable - state->channels) & ~7) - 3 - state->meanBits;
     const int32_t shaped = shape_channels(state, tf);
@@ -170,27 +171,27 @@ int32_t EncTfFrame(AacEncState *state, AacEncBitstream *bitstream, EncTfState *t
 
 // clang-format off
 
-int32_t AACEnc_WriteADTSHeader(const AacEncState *state, int32_t frame_length, uint8_t *out_buffer)
+int32_t AACEnc_WriteADTSHeader(const AacEncState *state, int32_t frame_bytes, uint8_t *out_buffer)
 {
     const int32_t frequency_index = state->tfState->samplingIndex + kFirstFrequencyIndex;
-    uint8_t header[kAdtsHeaderBytes + 1]; // the writer opens the byte behind a full one
+    uint8_t header[kAdtsHeaderBytes + 1]; // the writer clears the byte after a full one
     AacEncBitstream bs;
     bitstream_start(&bs, header);
-    BsPutBit(&bs, 0xFFF, 12);                                    // syncword
-    BsPutBit(&bs, static_cast<uint32_t>(state->mpeg2Id), 1);     // ID
-    BsPutBit(&bs, 0, 2);                                         // layer
-    BsPutBit(&bs, 1, 1);                                         // protection_absent
-    BsPutBit(&bs, 1, 2);                                         // profile, Low Complexity
-    BsPutBit(&bs, static_cast<uint32_t>(frequency_index), 4);    // sampling_frequency_index
-    BsPutBit(&bs, 0, 1);                                         // private_bit
-    BsPutBit(&bs, static_cast<uint32_t>(state->channels), 3);    // channel_configuration
-    BsPutBit(&bs, 0, 1);                                         // original_copy
-    BsPutBit(&bs, 0, 1);                                         // home
-    BsPutBit(&bs, 0, 1);                                         // copyright_identification_bit
-    BsPutBit(&bs, 0, 1);                                         // copyright_identification_start
-    BsPutBit(&bs, static_cast<uint32_t>(frame_length), 13);       // aac_frame_length
-    BsPutBit(&bs, 0x7FF, 11);                                    // adts_buffer_fullness
-    BsPutBit(&bs, 0, 2);                                         // number_of_raw_data_blocks_in_frame
+    BsPutBit(&bs, 0xFFF, 12);                                   // syncword
+    BsPutBit(&bs, static_cast<uint32_t>(state->mpeg2Id), 1);    // ID
+    BsPutBit(&bs, 0, 2);                                        // layer
+    BsPutBit(&bs, 1, 1);                                        // protection_absent
+    BsPutBit(&bs, 1, 2);                                        // profile, Low Complexity
+    BsPutBit(&bs, static_cast<uint32_t>(frequency_index), 4);   // sampling_frequency_index
+    BsPutBit(&bs, 0, 1);                                        // private_bit
+    BsPutBit(&bs, static_cast<uint32_t>(state->channels), 3);   // channel_configuration
+    BsPutBit(&bs, 0, 1);                                        // original_copy
+    BsPutBit(&bs, 0, 1);                                        // home
+    BsPutBit(&bs, 0, 1);                                        // copyright_identification_bit
+    BsPutBit(&bs, 0, 1);                                        // copyright_identification_start
+    BsPutBit(&bs, static_cast<uint32_t>(frame_bytes), 13);      // aac_frame_length
+    BsPutBit(&bs, 0x7FF, 11);                                   // adts_buffer_fullness
+    BsPutBit(&bs, 0, 2);                                        // number_of_raw_data_blocks_in_frame
     const int32_t bits = AACENC_BsBufferNumBit(&bs);
     std::memcpy(out_buffer, header, kAdtsHeaderBytes);
     return bits;
@@ -199,7 +200,7 @@ int32_t AACEnc_WriteADTSHeader(const AacEncState *state, int32_t frame_length, u
 // clang-format on
 
 int32_t AACEnc_EncodeFrame(AacEncState *state, const int16_t *pcm_left, const int16_t *pcm_right,
-                           uint8_t *out_buffer, int32_t *out_length)
+                           uint8_t *out_buffer, int32_t *out_bytes)
 {
     EncTfState *tf = state->tfState;
     if (pcm_left != nullptr) {
@@ -231,6 +232,6 @@ int32_t AACEnc_EncodeFrame(AacEncState *state, const int16_t *pcm_left, const in
         bytes += kAdtsHeaderBytes;
         AACEnc_WriteADTSHeader(state, bytes, out_buffer);
     }
-    *out_length = bytes;
+    *out_bytes = bytes;
     return 0;
 }

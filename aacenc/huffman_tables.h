@@ -1,5 +1,5 @@
 // Huffman codebooks of ISO/IEC 14496-3. An entry holds the length of its codeword in bits 24..31
-// and the codeword, right-aligned, in bits 0..23. Each line below gives the index of a codeword.
+// and the codeword, right-aligned, in bits 0..23. The comments give the index of a codeword.
 #ifndef AACENC_HUFFMAN_TABLES_H
 #define AACENC_HUFFMAN_TABLES_H
 

@@ -19,7 +19,7 @@ struct book_bits {
     int32_t even;
 };
 
-// Lines that are quantised already are read as scaled_lines are.
+// Quantised lines are read in the same way as scaled_lines.
 static int32_t line_value(const int32_t *values, int32_t k)
 {
     return values[k];
@@ -30,8 +30,8 @@ static int32_t line_magnitude(const int32_t *values, int32_t k)
     return std::abs(values[k]);
 }
 
-// Index of the codeword for the kGroup lines from k on in a codebook of kBase values each. Signed
-// codebooks hold the signs in the codeword and have their zero in the middle.
+// returns: index of the codeword for kGroup lines from k on, of kBase values each; the index of a
+// signed codebook includes the signs
 template <int32_t kGroup, int32_t kBase, bool kSigned, typename Lines>
 static int32_t codeword_index(const Lines &lines, int32_t k)
 {
@@ -57,7 +57,7 @@ static int32_t escape_index(int32_t first, int32_t second)
     return std::min(first, kEscapeMark) * kEscapeBase + std::min(second, kEscapeMark);
 }
 
-// Sums both books' bits in the halves of one word, which 1024 lines do not fill.
+// Sums the bits of both codebooks in the halves of one word; 1024 lines do not fill a half.
 template <int32_t kGroup, int32_t kBase, bool kSigned, typename Lines>
 static book_bits count_class(const uint32_t *class_table, const Lines &lines, int32_t count)
 {
@@ -80,7 +80,7 @@ static int32_t count_escape_book(const Lines &lines, int32_t count)
     return bits;
 }
 
-// The class of a codebook is named by its odd-numbered member.
+// in: odd_book: the odd-numbered codebook of the class
 template <typename Lines>
 static book_bits class_bits(int32_t odd_book, const Lines &lines, int32_t count)
 {
@@ -132,7 +132,7 @@ int32_t output_bits_check(int32_t book, const int32_t *values, int32_t count)
 static uint32_t *pack_signs(const int32_t *values, int32_t count, uint32_t *out)
 {
     for (int32_t i = 0; i < count; i++) {
-        *out = 1U << 24 | (values[i] < 0 ? 1U : 0U); // stands only when the next entry follows it
+        *out = 1U << 24 | (values[i] < 0 ? 1U : 0U); // overwritten when the value is 0
         out += values[i] != 0 ? 1 : 0;
     }
     return out;

@@ -17,19 +17,19 @@ inline constexpr uint32_t kQuarter_q29 = 1U << 27;
 // returns: x^(3/4) of a magnitude, at most 2^31
 [[nodiscard]] int32_t power_three_quarters(uint32_t magnitude);
 
-// returns: the quantiser factor of a gain, Q29; the same one for every gain from 99 up
+// returns: the quantiser factor of a gain, Q29; constant from kMaxFactorGain on
 [[nodiscard]] int32_t quantiser_factor(int32_t gain);
 
-// returns: a value of the power law, quantised with a factor in Q29; rounds up from 3/4
+// returns: the quantised value of a power; rounds up from 3/4
 [[nodiscard]] inline int32_t quantise_power(int32_t power, int32_t factor_q29)
 {
-    // Neither is negative. An unsigned product is one that compilers vectorise.
+    // Neither is negative; compilers vectorise only the unsigned product.
     const uint64_t product_q29 =
         uint64_t{static_cast<uint32_t>(power)} * static_cast<uint32_t>(factor_q29);
     return static_cast<int32_t>((product_q29 + kQuarter_q29) >> 29);
 }
 
-// Lines that a factor quantises.
+// Lines with the factor that quantises them.
 struct scaled_lines {
     const int32_t *spectrum; // for the signs
     const int32_t *power;    // magnitudes to the power 3/4
@@ -49,12 +49,13 @@ struct scaled_lines {
     return lines.spectrum[k] > 0 ? magnitude : -magnitude;
 }
 
-// Raises lines to the power 3/4.
-// out:     power  `count` entries
-// returns: the largest of them, 0 for no lines
+// Raises the magnitudes of lines to the power 3/4.
+// out: power: `count` entries
+// returns: the largest power, 0 for no lines
 [[nodiscard]] int32_t raise_lines(const int32_t *spectrum, int32_t count, int32_t *power);
 
-// Quantises lines: `out` gets the quantised magnitudes with the signs of `spectrum`.
+// Quantises lines.
+// out: out: the quantised magnitudes with the signs of `spectrum`
 void quantise_lines(const int32_t *spectrum, const int32_t *power, int32_t count,
                     int32_t factor_q29, int32_t *out);
 

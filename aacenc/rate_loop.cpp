@@ -15,13 +15,13 @@ static constexpr int32_t kTrials = 5;
 static constexpr int32_t kScalefactorOffset = 100; // gain 0 is the standard's step size of 1
 static constexpr int32_t kMostPairEntries = 5;     // a codeword, two signs, two escapes
 
-// Allowance of a trial for what it does not count: global_gain, ics_info, flags and scalefactors.
+// Allowance of a trial for all that it does not count, such as global_gain, ics_info and the flags.
 static constexpr int32_t kSideAllowance = 102;
 
 // A channel without a coded line: global_gain, ics_info, one section, the three flags, TNS data.
 static constexpr int32_t kEmptyChannelBits = 8 + 11 + (4 + 2 * 5) + 3 + (2 + 1 + 11 + 2 + 12 * 4);
 
-// One channel on its way from lines to codewords.
+// The coding of one channel, from lines to codewords.
 struct channel_coding {
     const int32_t *spectrum;
     int32_t *power;     // magnitudes to the power 3/4
@@ -30,10 +30,10 @@ struct channel_coding {
     AacEncBitstream *bitstream;
     const EncTfState *tf;
     int32_t common_window;
-    int32_t bands;     // up to the last one that is not silent
-    int32_t max_power; // largest of all
+    int32_t bands;     // up to the last band that is not silent
+    int32_t max_power; // of all lines
     int32_t side_bits;
-    int32_t band_max[kMaxBands]; // largest power
+    int32_t band_max[kMaxBands]; // largest power of a band
     int32_t band_bits[kMaxBands];
 };
 
@@ -52,7 +52,7 @@ static bool band_silent(const channel_coding *channel, int32_t band)
     return bits == 0;
 }
 
-// Raises the lines to the power 3/4 and finds the largest one of each band.
+// Raises the lines to the power 3/4 and finds the largest power of each band.
 static void find_powers(channel_coding *channel)
 {
     const AacEncCoderInfo *coder = channel->coder;
@@ -80,7 +80,7 @@ static int32_t starting_gain(int32_t last_gain, int32_t max_power)
     return gain < kLowestStart || gain > kHighestGain ? kLowestStart : gain;
 }
 
-// Chooses the codebook of every band and counts its bits.
+// Chooses the codebook of each band and counts its spectral bits.
 static void choose_codebooks(channel_coding *channel, int32_t gain)
 {
     AacEncCoderInfo *coder = channel->coder;
@@ -124,19 +124,19 @@ static int32_t spectral_bits(const channel_coding *channel)
     return bits;
 }
 
-// returns: the bits that the channel would take with a gain, as the search counts them
+// returns: the channel's bits with a gain, as the search counts them
 static int32_t try_gain(channel_coding *channel, int32_t gain)
 {
     AacEncCoderInfo *coder = channel->coder;
     choose_codebooks(channel, gain);
-    coder->globalGain = gain; // the scalefactors are 0: their bits are an estimate
+    coder->globalGain = gain; // a rough count: all scalefactors are still 0
     return sort_book_numbers(coder, channel->bitstream, 0, channel->tf) + spectral_bits(channel) +
            channel->side_bits +
            write_scalefactor_bitstream(channel->bitstream, 0, coder, channel->tf);
 }
 
-// Searches for a gain that takes between three quarters of the budget and all of it. The channel is
-// left with the codebooks of the gain that is returned, whether it got there or not.
+// Searches for a gain that takes more than three quarters of the budget, but not more than all of
+// it. Leaves the codebooks of the returned gain in the channel, also when no trial met the budget.
 static int32_t search_gain(channel_coding *channel, int32_t bit_budget)
 {
     const int32_t budget_quarter = bit_budget >> 2;
@@ -159,7 +159,7 @@ static int32_t search_gain(channel_coding *channel, int32_t bit_budget)
     }
 }
 
-// Keeps the steps between noise energies within the scalefactor codebook.
+// Limits the differences between noise energies to those of the scalefactor codebook.
 static void bound_noise_steps(AacEncCoderInfo *coder, int32_t bands)
 {
     bool first = true;
@@ -177,8 +177,8 @@ static void bound_noise_steps(AacEncCoderInfo *coder, int32_t bands)
     }
 }
 
-// Quantises the channel. The scalefactor names the factor, which stays the same from the highest
-// gain of the table on.
+// Quantises the channel and sets its scalefactors. The quantiser's factor is constant from
+// kMaxFactorGain on, and so is the scalefactor.
 static void settle_gain(channel_coding *channel, int32_t gain)
 {
     AacEncCoderInfo *coder = channel->coder;
@@ -224,10 +224,9 @@ static bool drop_top_band(channel_coding *channel)
     return false;
 }
 
-// Keeps the channel within what the syntax can carry, which the search does not look at: magnitudes
-// up to 8191, `limit` bits and a list that fits its buffer. Raises the gain for this, and once that
-// does not help any more drops the top bands.
-// out:     bits  of the channel
+// Enforces the limits that the search ignores: the largest magnitude, `limit` bits and the size of
+// the codeword list. Raises the gain up to kMaxFactorGain, then drops the top bands.
+// out: bits: of the channel
 // returns: the gain
 static int32_t keep_in_syntax(channel_coding *channel, int32_t gain, int32_t limit, int32_t *bits)
 {
@@ -252,7 +251,7 @@ static int32_t keep_in_syntax(channel_coding *channel, int32_t gain, int32_t lim
     return gain;
 }
 
-// Packing writes the entry behind the last one too.
+// Packing also writes to the entry after the last one.
 static_assert(heap_bytes(kChannelBufferBytes) > kMaxCodewords * sizeof(uint32_t));
 
 static void pack_channel(channel_coding *channel, uint32_t *list)
@@ -272,8 +271,8 @@ int32_t tf_encode_spectrum_aac(int32_t *const *spectrum, uint8_t window_sequence
                                int32_t bit_budget, AacEncBitstream *bitstream,
                                AacEncCoderInfo *coder, const AacEncChInfo *ch_info, EncTfState *tf)
 {
-    // The list grows over the spectrum and, in the second channel's buffer, over the powers; the
-    // quantised lines must lie elsewhere.
+    // The list overwrites the spectrum and, in the second channel's buffer, the powers. The
+    // quantised lines must therefore be in the other work array.
     channel_coding channel = {
         .spectrum = *spectrum,
         .power = tf->work[1],

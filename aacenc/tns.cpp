@@ -12,7 +12,7 @@ static constexpr int32_t kCoefRes = 4;
 static constexpr int32_t kIndexZero = 8; // entry of the value 0 in the quantiser's tables
 static constexpr int32_t kLastEntry = 15;
 static constexpr int32_t kOne_q29 = 1 << 29;
-static constexpr int32_t kSmallest_q29 = 53687091;   // 0.1: coefficients up to here count as zero
+static constexpr int32_t kSmallest_q29 = 53687091;   // 0.1: a coefficient up to here counts as zero
 static constexpr int32_t kGainThreshold_q14 = 22938; // 1.4
 
 // Shifts of the autocorrelation, before and after the sum.
@@ -45,23 +45,23 @@ void TnsInit(int32_t sample_rate, AacEncTns *tns)
     }
 }
 
-// out |r| <= 2^52: up to 1024 products of 2^62, shifted by 20. The sum of squares alone can reach
-// 2^63, and is unsigned for it.
-static void autocorrelate(int32_t length, const int32_t *lines, int64_t *r)
+// out |r| <= 2^52: up to 1024 products of 2^62, shifted by 20. Only the sum of squares can reach
+// 2^63, and is therefore unsigned.
+static void autocorrelate(int32_t line_count, const int32_t *lines, int64_t *r)
 {
     uint64_t energy = 0;
     int64_t sums[kMaxTnsOrder + 1] = {};
-    for (int32_t n = 0; n < length; n++) {
+    for (int32_t n = 0; n < line_count; n++) {
         energy += static_cast<uint64_t>(mul_s64(lines[n], lines[n])) >> kProductShift;
     }
     int32_t n = 0;
-    for (; n + kMaxTnsOrder < length; n++) {
+    for (; n + kMaxTnsOrder < line_count; n++) {
         for (int32_t lag = 1; lag <= kMaxTnsOrder; lag++) {
             sums[lag] += mul_s64(lines[n + lag], lines[n]) >> kProductShift;
         }
     }
-    for (; n < length; n++) {
-        for (int32_t lag = 1; n + lag < length; lag++) {
+    for (; n < line_count; n++) {
+        for (int32_t lag = 1; n + lag < line_count; lag++) {
             sums[lag] += mul_s64(lines[n + lag], lines[n]) >> kProductShift;
         }
     }
@@ -89,10 +89,10 @@ static void raise_order(int32_t *predictor_q28, int32_t m, int32_t k_q28)
     }
 }
 
-int32_t LevinsonDurbin_fixed(int32_t length, const int32_t *lines, int32_t *reflection_out)
+int32_t LevinsonDurbin_fixed(int32_t line_count, const int32_t *lines, int32_t *reflection_out)
 {
     int64_t r[kMaxTnsOrder + 1];
-    autocorrelate(length, lines, r);
+    autocorrelate(line_count, lines, r);
     std::fill_n(reflection_out + 1, kMaxTnsOrder, 0);
     if (r[0] == 0) {
         return 0;
@@ -156,11 +156,11 @@ int32_t StepUp_fixedVer(int32_t order, const int32_t *reflection, int32_t *direc
     return 0;
 }
 
-void TnsInvFilter_fixedVer04(int32_t length, int32_t *lines, int32_t order,
+void TnsInvFilter_fixedVer04(int32_t line_count, int32_t *lines, int32_t order,
                              const int32_t *direct_form, int32_t *work)
 {
-    std::copy_n(lines, length, work);
-    for (int32_t n = 0; n < length; n++) {
+    std::copy_n(lines, line_count, work);
+    for (int32_t n = 0; n < line_count; n++) {
         int64_t error = work[n];
         for (int32_t i = 1; i <= std::min(n, order); i++) {
             error += mul_s64(direct_form[i], work[n - i]) >> 29;
@@ -169,7 +169,8 @@ void TnsInvFilter_fixedVer04(int32_t length, int32_t *lines, int32_t order,
     }
 }
 
-// returns: the highest order with a coefficient that counts; those above become zero
+// Sets the small coefficients at the top to zero.
+// returns: the order that is left
 static int32_t truncate_order(AacEncTnsFilter *filter)
 {
     int32_t order = kMaxTnsOrder;

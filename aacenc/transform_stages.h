@@ -1,7 +1,7 @@
 // The stages of the portable transform, in place on points stored as pairs (real, imaginary).
 //
-// They are written for any kind of number that has the helpers of fixed_point.h: the encoder takes
-// 32-bit integers, and the test of the range a number that is all that an integer can become.
+// They are templates for any number type with the helpers of fixed_point.h: the encoder uses 32-bit
+// integers, the test of the bounds a type that describes all values of an integer.
 #ifndef AACENC_TRANSFORM_STAGES_H
 #define AACENC_TRANSFORM_STAGES_H
 
@@ -23,7 +23,7 @@ static void rotate(Number x, Number y, const twiddle &t, Number *z)
     z[1] = mul_add_q31(y, t.cos_q31, x, t.sin_q31);
 }
 
-// Products of 16 bits and Q29 over 2^28: twice the windowed sample.
+// Products of a 16-bit sample and Q29, over 2^28: twice the windowed sample.
 // out |u| < 2 * 32768 * sqrt(2) < 2^17
 template <typename Number, typename Sample>
 static Number fold_previous(const Sample *prev, int32_t i)
@@ -40,7 +40,7 @@ static Number fold_current(const Sample *cur, int32_t i)
 }
 
 // The folded sequence is the current frame from i = 511 down, then the previous one from i = 0 up.
-// Its points pair an even place from the start with an odd one from the end.
+// A point pairs an even place from the start with an odd one from the end.
 template <typename Number, typename Sample>
 static void fold_and_twiddle(const Sample *cur, const Sample *prev, Number *z)
 {
@@ -60,14 +60,14 @@ static void fold_and_twiddle(const Sample *cur, const Sample *prev, Number *z)
     }
 }
 
-// The places of two points that trade theirs in the bit-reversed order.
+// The places of two points that bit reversal exchanges.
 struct point_swap {
     uint16_t low;
     uint16_t high;
 };
 
 inline constexpr auto kSwaps = [] {
-    std::array<point_swap, 240> swaps = {}; // the other 32 of the 512 points stay
+    std::array<point_swap, 240> swaps = {}; // the other 32 of the 512 points keep their places
     size_t count = 0;
     for (uint32_t i = 0; i < kFftPoints; i++) {
         uint32_t reversed = 0;
@@ -150,7 +150,7 @@ static Number *transform_group(Number *data, const int32_t *table, int32_t span,
         const Number re = mul_add_q31(b[0], *cosine, b[1], *sine);
         const Number im = mul_sub_q31(b[1], *cosine, b[0], *sine);
         butterfly(a, b, re, im);
-        // A quarter turn on: -jW
+        // a quarter turn further: -jW
         const Number turned_re = mul_sub_q31(b[span + 1], *cosine, b[span], *sine);
         const Number turned_im = mul_add_q31(b[span], *cosine, b[span + 1], *sine);
         butterfly(a + span, b + span, turned_re, negate_s32(turned_im));
@@ -158,7 +158,8 @@ static Number *transform_group(Number *data, const int32_t *table, int32_t span,
     return data + 4 * span;
 }
 
-// Rotates a point at each end, by t and by the next t, conjugated, and unfolds them to lines.
+// Rotates the low point by t and the high one by the conjugate of `next`, and unfolds them to
+// lines.
 template <typename Number>
 static void unfold(Number *low, Number *high, const twiddle &t, const twiddle &next)
 {
