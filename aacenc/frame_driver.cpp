@@ -177,21 +177,21 @@ int32_t AACEnc_WriteADTSHeader(const AacEncState *state, int32_t frame_bytes, ui
     uint8_t header[kAdtsHeaderBytes + 1]; // the writer clears the byte after a full one
     AacEncBitstream bs;
     bitstream_start(&bs, header);
-    BsPutBit(&bs, 0xFFF, 12);                                   // syncword
-    BsPutBit(&bs, static_cast<uint32_t>(state->mpeg2Id), 1);    // ID
-    BsPutBit(&bs, 0, 2);                                        // layer
-    BsPutBit(&bs, 1, 1);                                        // protection_absent
-    BsPutBit(&bs, 1, 2);                                        // profile, Low Complexity
-    BsPutBit(&bs, static_cast<uint32_t>(frequency_index), 4);   // sampling_frequency_index
-    BsPutBit(&bs, 0, 1);                                        // private_bit
-    BsPutBit(&bs, static_cast<uint32_t>(state->channels), 3);   // channel_configuration
-    BsPutBit(&bs, 0, 1);                                        // original_copy
-    BsPutBit(&bs, 0, 1);                                        // home
-    BsPutBit(&bs, 0, 1);                                        // copyright_identification_bit
-    BsPutBit(&bs, 0, 1);                                        // copyright_identification_start
-    BsPutBit(&bs, static_cast<uint32_t>(frame_bytes), 13);      // aac_frame_length
-    BsPutBit(&bs, 0x7FF, 11);                                   // adts_buffer_fullness
-    BsPutBit(&bs, 0, 2);                                        // number_of_raw_data_blocks_in_frame
+    BsPutBit(&bs, 0xFFF, 12);                                 // syncword
+    BsPutBit(&bs, static_cast<uint32_t>(state->mpeg2Id), 1);  // ID
+    BsPutBit(&bs, 0, 2);                                      // layer
+    BsPutBit(&bs, 1, 1);                                      // protection_absent
+    BsPutBit(&bs, 1, 2);                                      // profile, Low Complexity
+    BsPutBit(&bs, static_cast<uint32_t>(frequency_index), 4); // sampling_frequency_index
+    BsPutBit(&bs, 0, 1);                                      // private_bit
+    BsPutBit(&bs, static_cast<uint32_t>(state->channels), 3); // channel_configuration
+    BsPutBit(&bs, 0, 1);                                      // original_copy
+    BsPutBit(&bs, 0, 1);                                      // home
+    BsPutBit(&bs, 0, 1);                                      // copyright_identification_bit
+    BsPutBit(&bs, 0, 1);                                      // copyright_identification_start
+    BsPutBit(&bs, static_cast<uint32_t>(frame_bytes), 13);    // aac_frame_length
+    BsPutBit(&bs, 0x7FF, 11);                                 // adts_buffer_fullness
+    BsPutBit(&bs, 0, 2);                                      // number_of_raw_data_blocks_in_frame
     const int32_t bits = AACENC_BsBufferNumBit(&bs);
     std::memcpy(out_buffer, header, kAdtsHeaderBytes);
     return bits;

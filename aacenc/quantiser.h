@@ -55,8 +55,8 @@ struct scaled_lines {
 [[nodiscard]] int32_t raise_lines(const int32_t *spectrum, int32_t count, int32_t *power);
 
 // Quantises lines.
-// out: out: the quantised magnitudes with the signs of `spectrum`
+// out: quantised: the magnitudes with the signs of `spectrum`
 void quantise_lines(const int32_t *spectrum, const int32_t *power, int32_t count,
-                    int32_t factor_q29, int32_t *out);
+                    int32_t factor_q29, int32_t *quantised);
 
 #endif // AACENC_QUANTISER_H
