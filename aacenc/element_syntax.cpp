@@ -1,7 +1,6 @@
 #include "aacenc/element_syntax.h"
 
 #include "aacenc/bitstream.h"
-#include "aacenc/fixed_point.h"
 #include "aacenc/huffman_tables.h"
 
 #include <algorithm>

@@ -1,7 +1,6 @@
 #include "aacenc/encoder_setup.h"
 
 #include "aacenc/band_tables.h"
-#include "aacenc/bitstream.h"
 #include "aacenc/fixed_point.h"
 #include "aacenc/tns.h"
 

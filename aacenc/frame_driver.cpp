@@ -5,7 +5,6 @@
 #include "aacenc/channel_elements.h"
 #include "aacenc/element_syntax.h"
 #include "aacenc/filterbank.h"
-#include "aacenc/fixed_point.h"
 #include "aacenc/rate_loop.h"
 #include "aacenc/tns.h"
 
