@@ -15,7 +15,7 @@
 static constexpr double kPi = 3.14159265358979323846;
 static constexpr double kOne_q28 = 268435456.0;
 
-// Lines that a click in the frame gives: a wave along the frequency axis, with some noise.
+// The lines of a click in the frame: a wave along the frequency axis, with some noise.
 static std::vector<int32_t> click_lines(double position, double noise_level)
 {
     std::mt19937 random(9);
@@ -62,7 +62,7 @@ static std::vector<double> plain_reflection(std::span<const int32_t> lines)
     return reflection;
 }
 
-// The decision of the 4-bit quantiser: to the nearest value, but below 0 to the next one toward 0.
+// The decision of the 4-bit quantiser: the nearest value, but below 0 the next one toward 0.
 static int plain_index(double k)
 {
     const double steps = std::asin(k) / kPi * (k < 0 ? 17 : 15);
@@ -90,7 +90,7 @@ struct Tools : SilentChannel {
     }
 };
 
-// Coefficients, decisions, and what a decoder's filter makes of the lines.
+// Checks coefficients, decisions, and the lines that a decoder's filter restores.
 TEST_F(Tools, TnsEqualsThePlainModel)
 {
     const size_t start = static_cast<size_t>(coder->swbOffset[16]);
@@ -139,7 +139,7 @@ TEST_F(Tools, OnlyPredictableLinesAreWorthAFilter)
     EXPECT_EQ(shape(no_lines.data()), -2);
 }
 
-TEST_F(Tools, TnsStaysSoundOnAnyLines)
+TEST_F(Tools, TnsStaysInRangeOnAnyLines)
 {
     std::mt19937 random(10);
     std::vector<int32_t> offsets(50, 1024);
@@ -189,7 +189,7 @@ TEST_F(Tools, NoiseBandsReachFromTheBandwidthToTheLastLoudBand)
         first_line(first - 1) = 1;
         set_energy(first, 1);
         if (top < 48) {
-            set_energy(top + 1, 20); // as good as silent
+            set_energy(top + 1, 20); // counts as silent
         }
         if (top > first) {
             set_energy(top, 21);

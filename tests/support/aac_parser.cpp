@@ -15,10 +15,10 @@ struct Reader {
     size_t position = 0; // in bits
     std::string error;
 
-    int fail(const std::string &what)
+    int fail(const std::string &fault)
     {
         if (error.empty()) {
-            error = what + " at bit " + std::to_string(position);
+            error = fault + " at bit " + std::to_string(position);
         }
         return 0;
     }
@@ -91,7 +91,7 @@ void parse_section_data(Reader &in, size_t max_sfb, AacChannel &channel)
             in.fail("reserved or intensity codebook");
         }
         if (!channel.codebooks.empty() && book == channel.codebooks.back()) {
-            in.fail("section that the one before could hold");
+            in.fail("section that continues the previous one");
         }
         int length = 0;
         int increment = 31;
@@ -112,7 +112,7 @@ void parse_section_data(Reader &in, size_t max_sfb, AacChannel &channel)
 void parse_scalefactors(Reader &in, AacChannel &channel)
 {
     int last = channel.global_gain;
-    int noise = channel.global_gain - 256; // what the first 9 bits are relative to
+    int noise = channel.global_gain - 256; // the first 9 bits are relative to this
     bool first_noise = true;
     for (const int book : channel.codebooks) {
         if (book == 13) {
@@ -259,7 +259,7 @@ std::string parse_raw_data_block(std::span<const uint8_t> bytes, int sampling_in
     frame->bits = static_cast<int>(in.position);
     in.expect(static_cast<int>(-in.position % 8), 0, "alignment bits");
     if (in.position != bytes.size() * 8) {
-        in.fail("bytes behind the frame");
+        in.fail("bytes after the frame");
     }
     return in.error;
 }
