@@ -20,6 +20,7 @@ void DetermineChInfo(AacEncChInfo *ch_info0, AacEncChInfo *ch_info1, int32_t cha
     }
 }
 
+// returns: the sum of the squares, over 2^31
 static int64_t band_energy(const int32_t *spectrum, int32_t lines)
 {
     int64_t energy = 0;

@@ -78,6 +78,17 @@ constexpr int32_t mul_q31(int32_t a, int32_t b_q31)
     return narrow_s32(mul_s64(mulhi(a, b_q31), 2));
 }
 
+// a * b in 64 bits, rounded down.
+constexpr int64_t mul_q28(int64_t a, int32_t b_q28)
+{
+    return (a * b_q28) >> 28;
+}
+
+constexpr int64_t mul_q29(int32_t a, int32_t b_q29)
+{
+    return mul_s64(a, b_q29) >> 29;
+}
+
 // a * c + b * d and a * c - b * d with the products of mul_q31; the results fit in 32 bits.
 constexpr int32_t mul_add_q31(int32_t a, int32_t c_q31, int32_t b, int32_t d_q31)
 {

@@ -37,11 +37,9 @@ int32_t quantiser_factor(int32_t gain)
     return quantfac_table[std::clamp(kMaxFactorGain - gain, 0, kMaxFactorGain)];
 }
 
-void quantise_lines(const int32_t *spectrum, const int32_t *power, int32_t count,
-                    int32_t factor_q29, int32_t *quantised)
+void quantise_lines(const scaled_lines &lines, int32_t count, int32_t *quantised)
 {
     for (int32_t k = 0; k < count; k++) {
-        const int32_t magnitude = quantise_power(power[k], factor_q29);
-        quantised[k] = spectrum[k] > 0 ? magnitude : -magnitude;
+        quantised[k] = line_value(lines, k);
     }
 }

@@ -14,7 +14,8 @@ inline constexpr uint32_t kQuarter_q29 = 1U << 27;
     return x < 2 ? 0 : static_cast<int32_t>(std::bit_width(x)) - 1;
 }
 
-// returns: x^(3/4) of a magnitude, at most 2^31
+// in: magnitude: up to 2^31
+// returns: its power 3/4
 [[nodiscard]] int32_t power_three_quarters(uint32_t magnitude);
 
 // returns: the quantiser factor of a gain, Q29; constant from kMaxFactorGain on
@@ -54,9 +55,7 @@ struct scaled_lines {
 // returns: the largest power, 0 for no lines
 [[nodiscard]] int32_t raise_lines(const int32_t *spectrum, int32_t count, int32_t *power);
 
-// Quantises lines.
-// out: quantised: the magnitudes with the signs of `spectrum`
-void quantise_lines(const int32_t *spectrum, const int32_t *power, int32_t count,
-                    int32_t factor_q29, int32_t *quantised);
+// out: quantised: `count` quantised lines
+void quantise_lines(const scaled_lines &lines, int32_t count, int32_t *quantised);
 
 #endif // AACENC_QUANTISER_H

@@ -76,6 +76,7 @@ static int32_t starting_gain(int32_t last_gain, int32_t max_power)
     if (last_gain >= kLowestStart) {
         return last_gain;
     }
+    // Sixteen gain steps divide a value by 2^3: this gain leaves the largest one about 13 bits.
     const int32_t gain = AACENC_LOG2(static_cast<uint32_t>(max_power) >> 13) / 3 * 16;
     return gain < kLowestStart || gain > kHighestGain ? kLowestStart : gain;
 }
@@ -105,12 +106,12 @@ static void choose_codebooks(channel_coding *channel, int32_t gain)
 static void quantise_bands(channel_coding *channel, int32_t gain)
 {
     const AacEncCoderInfo *coder = channel->coder;
+    const int32_t factor_q29 = quantiser_factor(gain);
     for (int32_t band = 0; band < channel->bands; band++) {
-        const int32_t start = coder->swbOffset[band];
         if (coder->codebook[band] != kZeroBook && coder->codebook[band] != kNoiseBook) {
-            quantise_lines(channel->spectrum + start, channel->power + start,
-                           band_width(coder, band), quantiser_factor(gain),
-                           channel->quantised + start);
+            const int32_t start = coder->swbOffset[band];
+            quantise_lines({channel->spectrum + start, channel->power + start, factor_q29},
+                           band_width(coder, band), channel->quantised + start);
         }
     }
 }

@@ -71,12 +71,6 @@ static void autocorrelate(int32_t line_count, const int32_t *lines, int64_t *r)
     }
 }
 
-// a * b with b in Q28, rounded down.
-static int64_t mul_q28(int64_t a, int32_t b_q28)
-{
-    return (a * b_q28) >> 28;
-}
-
 // One step of the recursion in place: from the predictor of order m - 1 to that of order m.
 static void raise_order(int32_t *predictor_q28, int32_t m, int32_t k_q28)
 {
@@ -146,7 +140,7 @@ int32_t StepUp_fixedVer(int32_t order, const int32_t *reflection, int32_t *direc
     for (int32_t m = 1; m <= order; m++) {
         std::copy_n(direct_form, m + 1, before);
         for (int32_t j = 1; j <= m; j++) {
-            const int64_t sum = before[j] + (mul_s64(reflection[m], before[m - j]) >> 29);
+            const int64_t sum = before[j] + mul_q29(reflection[m], before[m - j]);
             if (sum != static_cast<int32_t>(sum)) {
                 return -1;
             }
@@ -163,7 +157,7 @@ void TnsInvFilter_fixedVer04(int32_t line_count, int32_t *lines, int32_t order,
     for (int32_t n = 0; n < line_count; n++) {
         int64_t error = work[n];
         for (int32_t i = 1; i <= std::min(n, order); i++) {
-            error += mul_s64(direct_form[i], work[n - i]) >> 29;
+            error += mul_q29(work[n - i], direct_form[i]);
         }
         lines[n] = sat32(error);
     }
