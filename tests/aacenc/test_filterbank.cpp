@@ -8,9 +8,12 @@
 #include <cmath>
 #include <cstdint>
 #include <gtest/gtest.h>
+#include <numbers>
 #include <random>
 #include <utility>
 #include <vector>
+
+using std::numbers::pi;
 
 // One of the 2048 samples of two frames, of any value.
 struct AnySample {
@@ -125,14 +128,13 @@ static std::vector<Reach> transform_all_samples()
 // is rounded down; in the worst case all errors of a line add up.
 TEST(Filterbank, EveryLineOfAnySamplesIsInRangeAndAsDefined)
 {
-    constexpr double kPi = 3.14159265358979323846;
     const std::vector<Reach> lines = transform_all_samples();
     for (size_t k = 0; k < 1024; k++) {
         double inexact = 0; // from the rounded constants, for the worst samples
         for (size_t n = 0; n < 2048; n++) {
             const double x = static_cast<double>(n);
-            const double angle = 2 * kPi / 2048 * (x + 512.5) * (static_cast<double>(k) + 0.5);
-            const double factor = -2 * std::sin(kPi * (x + 0.5) / 2048) * std::cos(angle);
+            const double angle = 2 * pi / 2048 * (x + 512.5) * (static_cast<double>(k) + 0.5);
+            const double factor = -2 * std::sin(pi * (x + 0.5) / 2048) * std::cos(angle);
             inexact += 32768 * std::abs(lines[k].factors[n] - factor);
         }
         EXPECT_LT(inexact, 10) << k;

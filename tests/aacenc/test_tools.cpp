@@ -8,11 +8,13 @@
 #include <cstdint>
 #include <functional>
 #include <gtest/gtest.h>
+#include <numbers>
 #include <random>
 #include <span>
 #include <vector>
 
-static constexpr double kPi = 3.14159265358979323846;
+using std::numbers::pi;
+
 static constexpr double kOne_q28 = 268435456.0;
 
 // The lines of a click in the frame: a wave along the frequency axis, with some noise.
@@ -22,7 +24,7 @@ static std::vector<int32_t> click_lines(double position, double noise_level)
     std::vector<int32_t> lines(1024);
     for (size_t k = 0; k < 1024; k++) {
         lines[k] = static_cast<int32_t>(
-            1e6 * (std::cos(kPi * position * (static_cast<double>(k) + 0.5)) +
+            1e6 * (std::cos(pi * position * (static_cast<double>(k) + 0.5)) +
                    noise_level * (static_cast<double>(random() % 2001) / 1000 - 1)));
     }
     return lines;
@@ -65,7 +67,7 @@ static std::vector<double> plain_reflection(std::span<const int32_t> lines)
 // The decision of the 4-bit quantiser: the nearest value, but below 0 the next one toward 0.
 static int plain_index(double k)
 {
-    const double steps = std::asin(k) / kPi * (k < 0 ? 17 : 15);
+    const double steps = std::asin(k) / pi * (k < 0 ? 17 : 15);
     const int index = static_cast<int>(std::ceil(k < 0 ? steps + 0.5 : steps - 0.5));
     return k < 0 ? std::clamp(index, -7, 0) : std::min(index, 7);
 }
@@ -115,7 +117,7 @@ TEST_F(Tools, TnsEqualsThePlainModel)
             EXPECT_EQ(filter.index[m], plain_index(reflection[m] / kOne_q28)) << m;
             const double steps = filter.index[m] >= 0 ? 15 : 17;
             if (static_cast<int32_t>(m) <= filter.order) {
-                step_up(a, std::sin(filter.index[m] * kPi / steps));
+                step_up(a, std::sin(filter.index[m] * pi / steps));
             }
         }
         std::vector<double> restored(lines.begin(), lines.end());
