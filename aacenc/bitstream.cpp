@@ -11,8 +11,9 @@ static void open_next_byte(AacEncBitstream *bitstream)
 // returns: the byte behind
 static uint8_t *store_u32(uint8_t *out, uint32_t value)
 {
-    for (int32_t i = 0; i < 4; i++)
+    for (int32_t i = 0; i < 4; i++) {
         out[i] = static_cast<uint8_t>(value >> (24 - 8 * i));
+    }
     return out + 4;
 }
 
@@ -52,8 +53,9 @@ int32_t bitstream_put_entries(AacEncBitstream *bitstream, const uint32_t *entrie
             out = store_u32(out, static_cast<uint32_t>(pending >> pending_bits));
         }
     }
-    for (; pending_bits >= 8; pending_bits -= 8)
+    for (; pending_bits >= 8; pending_bits -= 8) {
         *out++ = static_cast<uint8_t>(pending >> (pending_bits - 8));
+    }
     *out = static_cast<uint8_t>(pending << (8 - pending_bits));
     bitstream->freeBits = 8 - pending_bits;
     bitstream->byteIndex = static_cast<int32_t>(out - bitstream->bytes);
@@ -67,6 +69,7 @@ int32_t AACENC_BsBufferNumBit(const AacEncBitstream *bitstream)
 
 void AACENC_ByteAlign(AacEncBitstream *bitstream)
 {
-    if (bitstream->freeBits != 8)
+    if (bitstream->freeBits != 8) {
         open_next_byte(bitstream);
+    }
 }

@@ -3,9 +3,9 @@
 #ifndef AACENC_BITSTREAM_H
 #define AACENC_BITSTREAM_H
 
-#include <cstdint>
-
 #include "aacenc/encoder_state.h"
+
+#include <cstdint>
 
 // Starts writing at `bytes` and clears the first of them.
 void bitstream_start(AacEncBitstream *bitstream, uint8_t *bytes);

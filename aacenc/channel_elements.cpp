@@ -1,10 +1,10 @@
 #include "aacenc/channel_elements.h"
 
-#include <algorithm>
-#include <bit>
-
 #include "aacenc/fixed_point.h"
 #include "aacenc/noise_tables.h"
+
+#include <algorithm>
+#include <bit>
 
 static constexpr int64_t kSilentEnergy = 20;                // a top band up to here carries nothing
 static constexpr uint32_t kNoiseEnergyOffset = 0x29800000U; // 41.5 in Q24
@@ -23,8 +23,9 @@ void DetermineChInfo(AacEncChInfo *chInfo0, AacEncChInfo *chInfo1, int32_t chann
 static int64_t band_energy(const int32_t *spectrum, int32_t lines)
 {
     int64_t energy = 0;
-    for (int32_t k = 0; k < lines; k++)
+    for (int32_t k = 0; k < lines; k++) {
         energy += mul_s64(spectrum[k], spectrum[k]) >> 31;
+    }
     return energy;
 }
 
@@ -57,11 +58,13 @@ static int32_t noise_energy(uint32_t energy)
 // returns: the first band from 1 on that starts at the bandwidth or above
 static int32_t first_noise_band(const AacEncCoderInfo *coderInfo, const EncTfState *tfState)
 {
-    if (tfState->bwLines == 0)
+    if (tfState->bwLines == 0) {
         return 0;
+    }
     int32_t band = 1;
-    while (band < tfState->maxSfb && coderInfo->swbOffset[band] < tfState->bwLines)
+    while (band < tfState->maxSfb && coderInfo->swbOffset[band] < tfState->bwLines) {
         band++;
+    }
     return band;
 }
 
@@ -71,13 +74,15 @@ void AACENC_CalcPNS(int32_t *spectrum, AacEncCoderInfo *coderInfo, const uint8_t
     std::fill_n(coderInfo->noiseFlag, kMaxBands, 0);
     std::fill_n(coderInfo->noiseEnergy, kMaxBands, 0);
     int64_t energy[kMaxBands];
-    for (int32_t band = 0; band < tfState->maxSfb; band++)
+    for (int32_t band = 0; band < tfState->maxSfb; band++) {
         energy[band] = band_energy(spectrum + coderInfo->swbOffset[band], bandWidths[band]);
+    }
 
     const int32_t start_band = first_noise_band(coderInfo, tfState);
     int32_t top = tfState->maxSfb - 1;
-    while (top > start_band && energy[top] <= kSilentEnergy)
+    while (top > start_band && energy[top] <= kSilentEnergy) {
         top--;
+    }
     clear_lines_from(spectrum, coderInfo->swbOffset[top]);
     for (int32_t band = start_band; band < top; band++) {
         coderInfo->noiseEnergy[band] = noise_energy(static_cast<uint32_t>(energy[band]));
@@ -88,8 +93,9 @@ void AACENC_CalcPNS(int32_t *spectrum, AacEncCoderInfo *coderInfo, const uint8_t
 void MSEncode(int32_t *const *spectra, AacEncChInfo *chInfo0, AacEncChInfo *chInfo1,
               const AacEncCoderInfo *coderInfo0, int32_t channels, const EncTfState *tfState)
 {
-    if (channels != 2 || !chInfo0->present || !chInfo0->pair || !chInfo0->firstOfPair)
+    if (channels != 2 || !chInfo0->present || !chInfo0->pair || !chInfo0->firstOfPair) {
         return;
+    }
     chInfo0->commonWindow = 1;
     chInfo1->commonWindow = 1;
     chInfo0->ms.msMaskPresent = 1;

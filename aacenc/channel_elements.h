@@ -3,9 +3,9 @@
 #ifndef AACENC_CHANNEL_ELEMENTS_H
 #define AACENC_CHANNEL_ELEMENTS_H
 
-#include <cstdint>
-
 #include "aacenc/encoder_state.h"
+
+#include <cstdint>
 
 // Maps one channel onto a single channel element, two onto a channel pair element without common
 // window; both with tag 0.

@@ -1,10 +1,10 @@
 #include "aacenc/element_syntax.h"
 
-#include <algorithm>
-
 #include "aacenc/bitstream.h"
 #include "aacenc/fixed_point.h"
 #include "aacenc/huffman_tables.h"
+
+#include <algorithm>
 
 static constexpr int32_t kSectionEscape = 31; // sect_len_incr that another one follows
 static constexpr int32_t kScalefactorZero = 60;
@@ -15,8 +15,9 @@ static constexpr int32_t kScalefactorLimit = kScalefactorCodes - 1;
 
 static int32_t put(AacEncBitstream *bitstream, int32_t value, int32_t count, int32_t write)
 {
-    if (write)
+    if (write) {
         BsPutBit(bitstream, static_cast<uint32_t>(value), count);
+    }
     return count;
 }
 

@@ -3,9 +3,9 @@
 #ifndef AACENC_ELEMENT_SYNTAX_H
 #define AACENC_ELEMENT_SYNTAX_H
 
-#include <cstdint>
-
 #include "aacenc/encoder_state.h"
+
+#include <cstdint>
 
 // id_syn_ele
 enum : uint32_t {

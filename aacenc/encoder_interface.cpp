@@ -1,5 +1,4 @@
 #include "aacenc/aac_enc.h"
-
 #include "aacenc/encoder_setup.h"
 #include "aacenc/encoder_state.h"
 #include "aacenc/frame_driver.h"
@@ -16,20 +15,24 @@ static bool params_complete(const AacEncInitParams *params)
 static void release_handle(AacEncHandle *handle)
 {
     const AacEncCallbacks *callbacks = handle->callbacks;
-    if (handle->right)
+    if (handle->right) {
         callbacks->release(handle->right);
-    if (handle->left)
+    }
+    if (handle->left) {
         callbacks->release(handle->left);
-    if (handle->workBlock)
+    }
+    if (handle->workBlock) {
         callbacks->release(handle->workBlock);
+    }
     callbacks->release(handle);
 }
 
 static AacEncHandle *allocate_handle(const AacEncCallbacks *callbacks)
 {
     auto *handle = static_cast<AacEncHandle *>(callbacks->allocate(sizeof(AacEncHandle)));
-    if (handle)
+    if (handle) {
         callbacks->fill(handle, 0, sizeof(AacEncHandle));
+    }
     return handle;
 }
 
@@ -50,15 +53,19 @@ static bool allocate_blocks(AacEncHandle *handle, bool deinterleave)
 {
     const AacEncCallbacks *callbacks = handle->callbacks;
     handle->workBlock = static_cast<uint8_t *>(callbacks->allocate(kWorkBlockBytes));
-    if (!handle->workBlock)
+    if (!handle->workBlock) {
         return false;
-    if (!deinterleave)
+    }
+    if (!deinterleave) {
         return true;
+    }
     handle->left = static_cast<int16_t *>(callbacks->allocate(kChannelPcmBytes));
-    if (!handle->left)
+    if (!handle->left) {
         return false;
-    if (handle->config.channels != 2)
+    }
+    if (handle->config.channels != 2) {
         return true;
+    }
     handle->right = static_cast<int16_t *>(callbacks->allocate(kChannelPcmBytes));
     return handle->right;
 }
@@ -67,10 +74,12 @@ static int32_t set_up(AacEncHandle *handle, const AacEncInitParams *params)
 {
     handle->callbacks = params->callbacks;
     read_config(params, &handle->config);
-    if (!allocate_blocks(handle, params->audioInfo->deinterleave == 1))
+    if (!allocate_blocks(handle, params->audioInfo->deinterleave == 1)) {
         return AACENC_ERR_MEMORY;
-    if (AACEnc_Create(handle, handle->workBlock) != 0)
+    }
+    if (AACEnc_Create(handle, handle->workBlock) != 0) {
         return AACENC_ERR_INIT;
+    }
     switch (AACEnc_Init(handle->state, &handle->config)) {
     case 0:
         return AACENC_OK;
@@ -86,11 +95,13 @@ static int32_t set_up(AacEncHandle *handle, const AacEncInitParams *params)
 static int32_t open_encoder(void **slot, AacEncInitParams *params)
 {
     *slot = nullptr;
-    if (!params_complete(params))
+    if (!params_complete(params)) {
         return AACENC_ERR_INIT;
+    }
     AacEncHandle *handle = allocate_handle(params->callbacks);
-    if (!handle)
+    if (!handle) {
         return AACENC_ERR_MEMORY;
+    }
     const int32_t result = set_up(handle, params);
     if (result != AACENC_OK) {
         release_handle(handle);
@@ -115,13 +126,15 @@ static void split_pairs(const int16_t *pairs, int16_t *left, int16_t *right)
 static int32_t encode_frame(AacEncHandle *handle, const AacEncAudioInfo *audio,
                             AacEncStreamInfo *stream)
 {
-    if (!audio || !stream || !stream->output)
+    if (!audio || !stream || !stream->output) {
         return AACENC_ERR_FRAME;
+    }
     const int16_t *left = audio->pcm;
     const int16_t *right = audio->pcmSecond;
     if (audio->deinterleave == 1 && handle->config.channels == 2) {
-        if (!handle->right)
+        if (!handle->right) {
             return AACENC_ERR_FRAME;
+        }
         right = nullptr;
         if (left) {
             split_pairs(left, handle->left, handle->right);
@@ -136,18 +149,23 @@ static int32_t encode_frame(AacEncHandle *handle, const AacEncAudioInfo *audio,
 
 int32_t QVR_AAC_ENC(int32_t op, void **handle, void *arg3, void *arg4)
 {
-    if (op != AACENC_OP_INIT && op != AACENC_OP_ENCODE && op != AACENC_OP_CLOSE)
+    if (op != AACENC_OP_INIT && op != AACENC_OP_ENCODE && op != AACENC_OP_CLOSE) {
         return AACENC_ERR_OPERATION;
-    if (!handle)
+    }
+    if (!handle) {
         return AACENC_ERR_NO_HANDLE;
-    if (op == AACENC_OP_INIT)
+    }
+    if (op == AACENC_OP_INIT) {
         return open_encoder(handle, static_cast<AacEncInitParams *>(arg3));
-    if (!*handle)
+    }
+    if (!*handle) {
         return AACENC_ERR_NO_HANDLE;
+    }
     auto *encoder = static_cast<AacEncHandle *>(*handle);
-    if (op == AACENC_OP_ENCODE)
+    if (op == AACENC_OP_ENCODE) {
         return encode_frame(encoder, static_cast<const AacEncAudioInfo *>(arg3),
                             static_cast<AacEncStreamInfo *>(arg4));
+    }
     release_handle(encoder);
     *handle = nullptr;
     return AACENC_OK;

@@ -1,12 +1,12 @@
 #include "aacenc/encoder_setup.h"
 
-#include <cstring>
-#include <iterator>
-
 #include "aacenc/band_tables.h"
 #include "aacenc/bitstream.h"
 #include "aacenc/fixed_point.h"
 #include "aacenc/tns.h"
+
+#include <cstring>
+#include <iterator>
 
 static constexpr int32_t kBitRateUnit = 1000;
 static constexpr int32_t kLowestBitRate = 16000;
@@ -39,20 +39,25 @@ void *AACEnc_malloc(size_t size, EncTfState *tfState)
 int32_t AACENC_SetBandWidth(int32_t bitRatePerChannel, int32_t sampleRate)
 {
     size_t column = 0;
-    while (column < std::size(bandwidth_bounds) && bitRatePerChannel >= bandwidth_bounds[column])
+    while (column < std::size(bandwidth_bounds) && bitRatePerChannel >= bandwidth_bounds[column]) {
         column++;
-    for (const BandwidthRow &row : bandwidth_table)
-        if (row.sample_rate == sampleRate)
+    }
+    for (const BandwidthRow &row : bandwidth_table) {
+        if (row.sample_rate == sampleRate) {
             return row.bandwidth_hz[column];
+        }
+    }
     return 0;
 }
 
 // returns: position in SampleRates, -1 for a rate that is not there
 static int32_t sampling_index(int32_t sample_rate)
 {
-    for (size_t i = 0; i < std::size(SampleRates); i++)
-        if (SampleRates[i] == sample_rate)
+    for (size_t i = 0; i < std::size(SampleRates); i++) {
+        if (SampleRates[i] == sample_rate) {
             return static_cast<int32_t>(i);
+        }
+    }
     return -1;
 }
 
@@ -62,17 +67,21 @@ void EncTfInit(const AacEncConfig *config, const void *ignored, EncTfState *tfSt
     tfState->samplingIndex = sampling_index(config->sampleRate);
     tfState->sampleRate = config->sampleRate;
     tfState->channels = config->channels;
-    for (int32_t *&buffer : tfState->channelBuffer)
+    for (int32_t *&buffer : tfState->channelBuffer) {
         buffer = static_cast<int32_t *>(AACEnc_malloc(kChannelBufferBytes, tfState));
+    }
     tfState->work[0] =
         static_cast<int32_t *>(AACEnc_malloc(kFrameLines * sizeof(int32_t), tfState));
     tfState->work[1] = tfState->channelBuffer[1] + kFrameLines;
-    for (AacEncTns *&tns : tfState->tns)
+    for (AacEncTns *&tns : tfState->tns) {
         tns = static_cast<AacEncTns *>(AACEnc_malloc(sizeof(AacEncTns), tfState));
-    for (AacEncCoderInfo *&coder : tfState->coderInfo)
+    }
+    for (AacEncCoderInfo *&coder : tfState->coderInfo) {
         coder = static_cast<AacEncCoderInfo *>(AACEnc_malloc(sizeof(AacEncCoderInfo), tfState));
-    for (AacEncChInfo *&ch_info : tfState->chInfo)
+    }
+    for (AacEncChInfo *&ch_info : tfState->chInfo) {
         ch_info = static_cast<AacEncChInfo *>(AACEnc_malloc(sizeof(AacEncChInfo), tfState));
+    }
     tfState->windowShape = kSineWindow;
     tfState->windowSequence[0] = kOnlyLongSequence;
     tfState->windowSequence[1] = kOnlyLongSequence;
@@ -85,12 +94,15 @@ void EncTfInit(const AacEncConfig *config, const void *ignored, EncTfState *tfSt
 
 int32_t AACEnc_Init(AacEncState *state, const AacEncConfig *config)
 {
-    if (config->bitRate % kBitRateUnit != 0 || config->bitRate < kLowestBitRate)
+    if (config->bitRate % kBitRateUnit != 0 || config->bitRate < kLowestBitRate) {
         return kInitBadConfig;
-    if (config->channels < 1 || config->channels > kMaxChannels)
+    }
+    if (config->channels < 1 || config->channels > kMaxChannels) {
         return kInitBadConfig;
-    if (sampling_index(config->sampleRate) < 0)
+    }
+    if (sampling_index(config->sampleRate) < 0) {
         return kInitBadSampleRate;
+    }
     state->totalBits = 0;
     state->midSide = 0;
     state->channels = config->channels;
@@ -103,8 +115,9 @@ int32_t AACEnc_Init(AacEncState *state, const AacEncConfig *config)
     EncTfInit(config, nullptr, tf);
     const int32_t sample_rate = config->sampleRate;
     int32_t bit_rate = config->bitRate;
-    if (bit_rate >= kBitsPerSample * sample_rate)
+    if (bit_rate >= kBitsPerSample * sample_rate) {
         bit_rate = kBitsPerSample * sample_rate - kBitRateUnit;
+    }
     const int32_t bandwidth_hz = AACENC_SetBandWidth(bit_rate / config->channels, sample_rate);
     tf->bwLines = bandwidth_hz * kFrameLines / (sample_rate / 2);
     // Bits of 1024 samples, rounded; bit_rate < 288000 keeps the product below 2^32.

@@ -2,10 +2,10 @@
 #ifndef AACENC_ENCODER_SETUP_H
 #define AACENC_ENCODER_SETUP_H
 
+#include "aacenc/encoder_state.h"
+
 #include <cstddef>
 #include <cstdint>
-
-#include "aacenc/encoder_state.h"
 
 // Results of AACEnc_Init.
 enum : int32_t {

@@ -2,11 +2,11 @@
 #ifndef AACENC_ENCODER_STATE_H
 #define AACENC_ENCODER_STATE_H
 
+#include "aacenc/aac_enc.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <type_traits>
-
-#include "aacenc/aac_enc.h"
 
 inline constexpr int32_t kFrameLines = AACENC_FRAME_SAMPLES; // spectral lines of a channel
 inline constexpr int32_t kMaxChannels = 2;

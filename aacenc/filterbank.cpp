@@ -1,11 +1,11 @@
 #include "aacenc/filterbank.h"
 
-#include <algorithm>
-
 #include "aacenc/encoder_state.h"
 #include "aacenc/fft.h"
 #include "aacenc/filterbank_vector.h"
 #include "aacenc/transform_stages.h"
+
+#include <algorithm>
 
 void transform_plain(const int16_t *cur, int32_t *spec, const int16_t *prev)
 {
@@ -26,10 +26,11 @@ static bool takes_vectors()
 
 void buffer2freq(const int16_t *cur, int32_t *spec, const int16_t *prev, uint32_t frameCounter)
 {
-    if (frameCounter == 0)
+    if (frameCounter == 0) {
         std::fill_n(spec, kFrameLines, 0);
-    else if (takes_vectors())
+    } else if (takes_vectors()) {
         transform_vector(cur, spec, prev);
-    else
+    } else {
         transform_plain(cur, spec, prev);
+    }
 }

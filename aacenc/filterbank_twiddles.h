@@ -2,9 +2,9 @@
 #ifndef AACENC_FILTERBANK_TWIDDLES_H
 #define AACENC_FILTERBANK_TWIDDLES_H
 
-#include <cstdint>
-
 #include "aacenc/fixed_point.h"
+
+#include <cstdint>
 
 // A twiddle factor cos + j sin. Those of a sequence lie an angle of -2 pi / 2048 apart and follow
 // by the recurrence next = before + 2j sin(angle) * current.

@@ -1,9 +1,9 @@
 #include "aacenc/filterbank_vector.h"
 
+#include "aacenc/vector_s32.h"
+
 #include <cstddef>
 #include <initializer_list>
-
-#include "aacenc/vector_s32.h"
 
 #if AACENC_VECTOR
 
@@ -157,10 +157,12 @@ VECTOR_CODE static void combine_rows(Points *points)
 {
     for (int32_t column = 0; column < 64; column += 8) {
         Vec2 z[8];
-        for (int32_t t = 0; t < 8; t++)
+        for (int32_t t = 0; t < 8; t++) {
             z[t] = load_points(points, 64 * kReversed[t] + column);
-        for (int32_t t = 0; t < 8; t += 2)
+        }
+        for (int32_t t = 0; t < 8; t += 2) {
             butterfly(&z[t], &z[t + 1], z[t + 1]);
+        }
         for (int32_t t = 0; t < 8; t += 4) {
             butterfly(&z[t], &z[t + 2], z[t + 2]);
             butterfly(&z[t + 1], &z[t + 3], turn(z[t + 3]));
@@ -169,8 +171,9 @@ VECTOR_CODE static void combine_rows(Points *points)
         butterfly(&z[1], &z[5], turn_half(z[5]));
         butterfly(&z[2], &z[6], turn(z[6]));
         butterfly(&z[3], &z[7], turn(turn_half(z[7])));
-        for (int32_t t = 0; t < 8; t++)
+        for (int32_t t = 0; t < 8; t++) {
             store_points(points, 64 * t + column, z[t]);
+        }
     }
 }
 
@@ -184,8 +187,9 @@ VECTOR_CODE static void combine_columns(Points *points, int32_t span)
             for (int32_t column = at & ~7; column < 64; column += 2 * span) {
                 const int32_t a = 64 * (at & 7) + column;
                 Vec2 z = load_points(points, a + span);
-                if (k != 0)
+                if (k != 0) {
                     z = times_conjugate(z, w);
+                }
                 butterfly_in_place(points, a, a + span, at == k ? z : turn(z));
             }
         }
@@ -197,11 +201,13 @@ VECTOR_CODE static void leave_rows(int32_t *parts)
 {
     for (int32_t column = 0; column < 64; column += 8) {
         Vec rows[8];
-        for (int32_t i = 0; i < 8; i++)
+        for (int32_t i = 0; i < 8; i++) {
             rows[i] = load(parts + 64 * i + column);
+        }
         transpose(rows);
-        for (int32_t i = 0; i < 8; i++)
+        for (int32_t i = 0; i < 8; i++) {
             store(parts + 64 * kReversed[i] + column, rows[i]);
+        }
     }
 }
 
@@ -215,8 +221,9 @@ VECTOR_CODE static void combine_groups(Points *points, int32_t span, const int32
             for (const int32_t at : {a, a + span / 2}) {
                 const Vec2 z = load_points(points, at + span);
                 Vec2 turned = times_conjugate(z, w);
-                if (k == 0) // its first factor is 1
+                if (k == 0) { // its first factor is 1
                     turned = {with_first(turned.re, z.re), with_first(turned.im, z.im)};
+                }
                 butterfly_in_place(points, at, at + span, at == a ? turned : turn(turned));
             }
         }

@@ -1,8 +1,5 @@
 #include "aacenc/frame_driver.h"
 
-#include <algorithm>
-#include <cstring>
-
 #include "aacenc/band_tables.h"
 #include "aacenc/bitstream.h"
 #include "aacenc/channel_elements.h"
@@ -11,6 +8,9 @@
 #include "aacenc/fixed_point.h"
 #include "aacenc/rate_loop.h"
 #include "aacenc/tns.h"
+
+#include <algorithm>
+#include <cstring>
 
 static constexpr uint32_t kTnsHoldOffFrames = 3;
 static constexpr int32_t kFirstFrequencyIndex = 3;   // standard's index of SampleRates[0]
@@ -24,8 +24,9 @@ static const uint8_t *set_bands(EncTfState *tf)
     tf->maxSfb = bands[0];
     tf->sfbTotal = bands[0];
     tf->windowGroups = 1;
-    for (AacEncCoderInfo *coder : tf->coderInfo)
+    for (AacEncCoderInfo *coder : tf->coderInfo) {
         coder->windowCount = 1;
+    }
     return bands + 1;
 }
 
@@ -33,15 +34,17 @@ static void transform_channel(const AacEncState *state, int32_t ch, const EncTfS
 {
     int32_t *buffer = tf->channelBuffer[ch];
     buffer2freq(state->pcm[ch], buffer, previous_frame(buffer), tf->frameCounter);
-    if (!state->pns)
+    if (!state->pns) {
         std::fill(buffer + tf->bwLines, buffer + kFrameLines, 0);
+    }
 }
 
 static void set_band_offsets(AacEncCoderInfo *coder, const uint8_t *widths, int32_t bands)
 {
     coder->swbOffset[0] = 0;
-    for (int32_t band = 0; band < bands; band++)
+    for (int32_t band = 0; band < bands; band++) {
         coder->swbOffset[band + 1] = coder->swbOffset[band] + widths[band];
+    }
 }
 
 static int32_t shape_channels(const AacEncState *state, const EncTfState *tf)
@@ -50,8 +53,9 @@ static int32_t shape_channels(const AacEncState *state, const EncTfState *tf)
         const int32_t result = TnsEncode_fixedVer(
             tf->sfbTotal, tf->maxSfb, tf->coderInfo[ch]->swbOffset, tf->channelBuffer[ch],
             tf->tns[ch], state->tns, tf->work[0], tf->work[1]);
-        if (result < 0)
+        if (result < 0) {
             return result;
+        }
     }
     return 0;
 }
@@ -60,8 +64,9 @@ static void apply_stereo_and_noise(const AacEncState *state, const uint8_t *widt
                                    const EncTfState *tf)
 {
     if (state->pns) {
-        for (int32_t ch = 0; ch < state->channels; ch++)
+        for (int32_t ch = 0; ch < state->channels; ch++) {
             AACENC_CalcPNS(tf->channelBuffer[ch], tf->coderInfo[ch], widths, tf);
+        }
     } else if (state->channels == 2 && state->midSide) {
         MSEncode(tf->channelBuffer, tf->chInfo[0], tf->chInfo[1], tf->coderInfo[0], state->channels,
                  tf);
@@ -73,10 +78,12 @@ static int32_t channel_room(const EncTfState *tf)
 {
     const AacEncChInfo *first = tf->chInfo[0];
     int32_t overhead = kElementHeaderBits + kEndBits;
-    if (first->pair)
+    if (first->pair) {
         overhead += 1; // common_window
-    if (first->commonWindow)
+    }
+    if (first->commonWindow) {
         overhead += write_common_window(tf->coderInfo[0], &first->ms, nullptr, 0, tf);
+    }
     return kMaxChannelBits * tf->channels - overhead;
 }
 
@@ -88,8 +95,9 @@ static int32_t code_channels(const AacEncState *state, int32_t extra_bits,
     tf->bitsLeft = channel_room(tf);
     for (int32_t ch = 0; ch < channels; ch++) {
         if (tf_encode_spectrum_aac(&tf->channelBuffer[ch], tf->windowSequence[ch], budget,
-                                   bitstream, tf->coderInfo[ch], tf->chInfo[ch], tf) == -1)
+                                   bitstream, tf->coderInfo[ch], tf->chInfo[ch], tf) == -1) {
             return -1;
+        }
     }
     return 0;
 }
@@ -100,13 +108,15 @@ static void write_elements(AacEncBitstream *bitstream, const EncTfState *tf)
     for (int32_t ch = 0; ch < kMaxChannels; ch++) {
         const AacEncChInfo *info = tf->chInfo[ch];
         const auto tag = static_cast<uint32_t>(info->tag);
-        if (!info->present)
+        if (!info->present) {
             continue;
-        if (!info->pair)
+        }
+        if (!info->pair) {
             WriteSCE(tf->coderInfo[ch], tag, bitstream, 1, tf);
-        else if (info->firstOfPair)
+        } else if (info->firstOfPair) {
             WriteCPE(tf->coderInfo[ch], tf->coderInfo[info->pairedChannel], tag, info->commonWindow,
                      &info->ms, bitstream, 1, tf);
+        }
     }
     BsPutBit(bitstream, ID_END, kEndBits);
     AACENC_ByteAlign(bitstream);
@@ -114,33 +124,41 @@ static void write_elements(AacEncBitstream *bitstream, const EncTfState *tf)
 
 int32_t EncTfFrame(AacEncState *state, AacEncBitstream *bitstream, EncTfState *tfState)
 {
-    if (!state || !bitstream || !tfState)
+    if (!state || !bitstream || !tfState) {
         return -1;
-    for (int32_t ch = 0; ch < state->channels; ch++)
-        if (!state->pcm[ch])
+    }
+    for (int32_t ch = 0; ch < state->channels; ch++) {
+        if (!state->pcm[ch]) {
             return -1;
+        }
+    }
 
     DetermineChInfo(tfState->chInfo[0], tfState->chInfo[1], state->channels);
     const uint8_t *widths = set_bands(tfState);
-    for (int32_t ch = 0; ch < state->channels; ch++)
+    for (int32_t ch = 0; ch < state->channels; ch++) {
         transform_channel(state, ch, tfState);
-    for (int32_t ch = 0; ch < state->channels; ch++)
+    }
+    for (int32_t ch = 0; ch < state->channels; ch++) {
         set_band_offsets(tfState->coderInfo[ch], widths, tfState->sfbTotal);
+    }
 
     // bitsAvailable is the reservoir with the frame's mean bits already added.
     const int32_t extra_bits =
         ((state->bitsAvailable - state->channels) & ~7) - 3 - state->meanBits;
     const int32_t shaped = shape_channels(state, tfState);
-    if (shaped < 0)
+    if (shaped < 0) {
         return shaped;
+    }
     apply_stereo_and_noise(state, widths, tfState);
-    if (code_channels(state, extra_bits, bitstream, tfState) < 0)
+    if (code_channels(state, extra_bits, bitstream, tfState) < 0) {
         return -1;
+    }
     write_elements(bitstream, tfState);
 
-    for (int32_t ch = 0; ch < state->channels; ch++)
+    for (int32_t ch = 0; ch < state->channels; ch++) {
         std::memcpy(previous_frame(tfState->channelBuffer[ch]), state->pcm[ch],
                     kFrameLines * sizeof(int16_t));
+    }
     return 0;
 }
 
@@ -178,21 +196,25 @@ int32_t AACEnc_EncodeFrame(AacEncState *state, const int16_t *pcmLeft, const int
                            uint8_t *outBuffer, int32_t *outLength)
 {
     EncTfState *tf = state->tfState;
-    if (pcmLeft)
+    if (pcmLeft) {
         state->pcm[0] = pcmLeft;
-    if (pcmRight)
+    }
+    if (pcmRight) {
         state->pcm[1] = pcmRight;
+    }
     state->bitsAvailable = std::min(state->bitsAvailable, kReservoirBits) + state->meanBits;
 
     const bool adts = state->outputFormat == AACENC_FORMAT_ADTS;
     bitstream_start(tf->bitstream, outBuffer + (adts ? kAdtsHeaderBytes : 0));
     const int32_t tns = state->tns;
-    if (tf->frameCounter < kTnsHoldOffFrames)
+    if (tf->frameCounter < kTnsHoldOffFrames) {
         state->tns = 0;
+    }
     const int32_t result = EncTfFrame(state, tf->bitstream, tf);
     state->tns = tns;
-    if (result < 0)
+    if (result < 0) {
         return result;
+    }
 
     const int32_t bits = AACENC_BsBufferNumBit(tf->bitstream);
     state->bitsAvailable -= bits;

@@ -2,9 +2,9 @@
 #ifndef AACENC_FRAME_DRIVER_H
 #define AACENC_FRAME_DRIVER_H
 
-#include <cstdint>
-
 #include "aacenc/encoder_state.h"
+
+#include <cstdint>
 
 // Encodes a frame and keeps the account of its bits.
 // in:      pcmLeft, pcmRight  1024 samples each; null stands for the pointer of the frame before

@@ -1,13 +1,13 @@
 #include "aacenc/noiseless_coding.h"
 
-#include <algorithm>
-#include <cstdlib>
-
 #include "aacenc/codebook_bits.h"
 #include "aacenc/encoder_state.h"
 #include "aacenc/fixed_point.h"
 #include "aacenc/huffman_tables.h"
 #include "aacenc/quantiser.h"
+
+#include <algorithm>
+#include <cstdlib>
 
 static constexpr int32_t kEscapeMark = 16; // stands in the codeword for a value with an escape
 
@@ -34,8 +34,9 @@ template <int32_t kGroup, int32_t kBase, bool kSigned, typename Lines>
 static int32_t codeword_index(const Lines &lines, int32_t k)
 {
     int32_t index = 0;
-    for (int32_t i = k; i < k + kGroup; i++)
+    for (int32_t i = k; i < k + kGroup; i++) {
         index = index * kBase + (kSigned ? line_value(lines, i) : line_magnitude(lines, i));
+    }
     return kSigned ? index + 40 : index;
 }
 
@@ -59,8 +60,9 @@ template <int32_t kGroup, int32_t kBase, bool kSigned, typename Lines>
 static ClassBits count_class(const uint32_t *class_table, const Lines &lines, int32_t count)
 {
     uint32_t bits = 0;
-    for (int32_t k = 0; k < count; k += kGroup)
+    for (int32_t k = 0; k < count; k += kGroup) {
         bits += class_table[codeword_index<kGroup, kBase, kSigned>(lines, k)];
+    }
     return {static_cast<int32_t>(bits & 0xFFFF), static_cast<int32_t>(bits >> 16)};
 }
 
@@ -105,19 +107,22 @@ static uint8_t odd_book_for(int32_t max)
 
 BookChoice choose_codebook(const ScaledLines &lines, int32_t count, int32_t max)
 {
-    if (max == 0)
+    if (max == 0) {
         return {kZeroBook, 0};
+    }
     const uint8_t book = odd_book_for(max);
     const ClassBits bits = class_bits(book, lines, count);
-    if (book == kEscapeBook || bits.odd <= bits.even)
+    if (book == kEscapeBook || bits.odd <= bits.even) {
         return {book, bits.odd};
+    }
     return {static_cast<uint8_t>(book + 1), bits.even};
 }
 
 int32_t output_bits_check(int32_t book, const int32_t *values, int32_t count)
 {
-    if (book < 1 || book > kEscapeBook)
+    if (book < 1 || book > kEscapeBook) {
         return 0;
+    }
     const ClassBits bits = class_bits((book - 1) | 1, values, count);
     return book % 2 != 0 ? bits.odd : bits.even;
 }
@@ -133,8 +138,9 @@ static uint32_t *pack_signs(const int32_t *values, int32_t count, uint32_t *out)
 
 static uint32_t *pack_escape(int32_t magnitude, uint32_t *out)
 {
-    if (magnitude < kEscapeMark)
+    if (magnitude < kEscapeMark) {
         return out;
+    }
     AACENC_CHECK(magnitude <= kMaxQuantised);
     const int32_t prefix = escape_prefix(magnitude);
     const int32_t ones = ((1 << prefix) - 1) << (prefix + 5);
@@ -150,8 +156,9 @@ static uint32_t *pack_class(const uint32_t *table, const int32_t *values, int32_
 {
     for (int32_t k = 0; k < count; k += kGroup) {
         *out++ = table[codeword_index<kGroup, kBase, kSigned>(values, k)];
-        if (!kSigned)
+        if (!kSigned) {
             out = pack_signs(values + k, kGroup, out);
+        }
     }
     return out;
 }
@@ -169,8 +176,9 @@ static uint32_t *pack_escape_book(const int32_t *values, int32_t count, uint32_t
 
 int32_t count_codewords(int32_t book, const int32_t *values, int32_t count)
 {
-    if (book < 1 || book > kEscapeBook)
+    if (book < 1 || book > kEscapeBook) {
         return 1;
+    }
     int32_t entries = count / (book <= 4 ? 4 : 2);
     const bool has_signs = book >= 7 || book == 3 || book == 4;
     for (int32_t k = 0; has_signs && k < count; k++) {

@@ -3,9 +3,9 @@
 #ifndef AACENC_NOISELESS_CODING_H
 #define AACENC_NOISELESS_CODING_H
 
-#include <cstdint>
-
 #include "aacenc/quantiser.h"
+
+#include <cstdint>
 
 inline constexpr int32_t kMaxQuantised = 8191; // magnitude that the escape codebook can carry
 

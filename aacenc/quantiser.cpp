@@ -1,10 +1,10 @@
 #include "aacenc/quantiser.h"
 
-#include <algorithm>
-#include <bit>
-
 #include "aacenc/fixed_point.h"
 #include "aacenc/quantiser_tables.h"
+
+#include <algorithm>
+#include <bit>
 
 // Line of CalcPow_RageTable by the leading zeros of a magnitude above 8191.
 static constexpr uint8_t kLineOfZeros[19] = {
@@ -13,8 +13,9 @@ static constexpr uint8_t kLineOfZeros[19] = {
 
 int32_t power_three_quarters(uint32_t magnitude)
 {
-    if (magnitude <= 8191)
+    if (magnitude <= 8191) {
         return CalcPow34[magnitude];
+    }
     const PowerLine &line = CalcPow_RageTable[kLineOfZeros[std::countl_zero(magnitude)]];
     const int64_t past_start = static_cast<int64_t>(magnitude) - line.start;
     return line.base + static_cast<int32_t>((past_start * line.slope_q32) >> 32);

@@ -1,13 +1,13 @@
 #include "aacenc/rate_loop.h"
 
-#include <algorithm>
-
 #include "aacenc/element_syntax.h"
 #include "aacenc/encoder_setup.h"
 #include "aacenc/fixed_point.h"
 #include "aacenc/huffman_tables.h"
 #include "aacenc/noiseless_coding.h"
 #include "aacenc/quantiser.h"
+
+#include <algorithm>
 
 static constexpr int32_t kLowestStart = 40;
 static constexpr int32_t kHighestGain = 200;
@@ -47,8 +47,10 @@ static int32_t band_width(const AacEncCoderInfo *coder, int32_t band)
 static bool band_silent(const Channel *channel, int32_t band)
 {
     uint32_t bits = 0;
-    for (int32_t k = channel->coder->swbOffset[band]; k < channel->coder->swbOffset[band + 1]; k++)
+    for (int32_t k = channel->coder->swbOffset[band]; k < channel->coder->swbOffset[band + 1];
+         k++) {
         bits |= static_cast<uint32_t>(channel->spectrum[k]);
+    }
     return bits == 0;
 }
 
@@ -58,8 +60,9 @@ static void find_powers(Channel *channel)
     const AacEncCoderInfo *coder = channel->coder;
     channel->max_power = 0;
     channel->bands = channel->tf->sfbTotal;
-    while (channel->bands > 0 && band_silent(channel, channel->bands - 1))
+    while (channel->bands > 0 && band_silent(channel, channel->bands - 1)) {
         channel->bands--;
+    }
     for (int32_t band = 0; band < channel->bands; band++) {
         const int32_t start = coder->swbOffset[band];
         channel->band_max[band] =
@@ -70,10 +73,12 @@ static void find_powers(Channel *channel)
 
 static int32_t starting_gain(int32_t last_gain, int32_t max_power)
 {
-    if (last_gain > kHighestGain)
+    if (last_gain > kHighestGain) {
         return kLowestStart;
-    if (last_gain >= kLowestStart)
+    }
+    if (last_gain >= kLowestStart) {
         return last_gain;
+    }
     const int32_t gain = AACENC_LOG2(static_cast<uint32_t>(max_power) >> 13) / 3 * 16;
     return gain < kLowestStart || gain > kHighestGain ? kLowestStart : gain;
 }
@@ -105,18 +110,20 @@ static void quantise_bands(Channel *channel, int32_t gain)
     const AacEncCoderInfo *coder = channel->coder;
     for (int32_t band = 0; band < channel->bands; band++) {
         const int32_t start = coder->swbOffset[band];
-        if (coder->codebook[band] != kZeroBook && coder->codebook[band] != kNoiseBook)
+        if (coder->codebook[band] != kZeroBook && coder->codebook[band] != kNoiseBook) {
             quantise_lines(channel->spectrum + start, channel->power + start,
                            band_width(coder, band), quantiser_factor(gain),
                            channel->quantised + start);
+        }
     }
 }
 
 static int32_t spectral_bits(const Channel *channel)
 {
     int32_t bits = 0;
-    for (int32_t band = 0; band < channel->bands; band++)
+    for (int32_t band = 0; band < channel->bands; band++) {
         bits += channel->band_bits[band];
+    }
     return bits;
 }
 
@@ -167,13 +174,15 @@ static int32_t search_gain(Channel *channel, int32_t bit_budget)
         const int32_t total = try_gain(channel, gain);
         int32_t next = gain + step;
         if (total <= bit_budget) {
-            if (bit_budget - total < budget_quarter)
+            if (bit_budget - total < budget_quarter) {
                 return gain;
+            }
             step = step >> 1 != 0 ? step >> 1 : 2;
             next = gain - step;
         }
-        if (next > kHighestGain || trial == kTrials)
+        if (next > kHighestGain || trial == kTrials) {
             return gain;
+        }
         gain = next;
     }
 }
@@ -184,11 +193,13 @@ static void bound_noise_steps(AacEncCoderInfo *coder, int32_t bands)
     bool first = true;
     int32_t last = 0;
     for (int32_t band = 0; band < bands; band++) {
-        if (coder->codebook[band] != kNoiseBook)
+        if (coder->codebook[band] != kNoiseBook) {
             continue;
+        }
         int32_t &energy = coder->noiseEnergy[band];
-        if (!first)
+        if (!first) {
             energy = std::clamp(energy, last - kScalefactorZero, last + kScalefactorZero);
+        }
         first = false;
         last = energy;
     }
@@ -217,13 +228,15 @@ static bool codewords_fit(const Channel *channel)
 {
     const AacEncCoderInfo *coder = channel->coder;
     const int32_t bands = channel->tf->sfbTotal;
-    if (coder->swbOffset[channel->bands] * kMostPairEntries / 2 + bands <= kMaxCodewords)
+    if (coder->swbOffset[channel->bands] * kMostPairEntries / 2 + bands <= kMaxCodewords) {
         return true;
+    }
     int32_t entries = bands - channel->bands;
-    for (int32_t band = 0; band < channel->bands; band++)
+    for (int32_t band = 0; band < channel->bands; band++) {
         entries +=
             count_codewords(coder->codebook[band], channel->quantised + coder->swbOffset[band],
                             band_width(coder, band));
+    }
     return entries <= kMaxCodewords;
 }
 
@@ -247,10 +260,12 @@ static bool drop_top_band(Channel *channel)
 static int32_t keep_in_syntax(Channel *channel, int32_t gain, int32_t limit, int32_t *bits)
 {
     const int32_t searched_gain = gain;
-    while (quantise_power(channel->max_power, quantiser_factor(gain)) > kMaxQuantised)
+    while (quantise_power(channel->max_power, quantiser_factor(gain)) > kMaxQuantised) {
         gain++;
-    if (gain != searched_gain)
+    }
+    if (gain != searched_gain) {
         choose_codebooks(channel, gain);
+    }
     settle_gain(channel, gain);
     for (*bits = channel_bits(channel); *bits > limit || !codewords_fit(channel);
          *bits = channel_bits(channel)) {
@@ -272,9 +287,10 @@ static void pack_channel(Channel *channel, uint32_t *list)
 {
     AacEncCoderInfo *coder = channel->coder;
     uint32_t *end = list;
-    for (int32_t band = 0; band < channel->tf->sfbTotal; band++)
+    for (int32_t band = 0; band < channel->tf->sfbTotal; band++) {
         end = pack_codewords(coder->codebook[band], channel->quantised + coder->swbOffset[band],
                              band_width(coder, band), end);
+    }
     coder->codewordCount = static_cast<int32_t>(end - list);
     AACENC_CHECK(coder->codewordCount <= kMaxCodewords);
 }

@@ -3,9 +3,9 @@
 #ifndef AACENC_RATE_LOOP_H
 #define AACENC_RATE_LOOP_H
 
-#include <cstdint>
-
 #include "aacenc/encoder_state.h"
+
+#include <cstdint>
 
 // Quantises a channel's spectrum and replaces it with the codeword list.
 // in:      spectrumPtr  the channel's 1024 lines, in a channel buffer

@@ -1,10 +1,10 @@
 #include "aacenc/tns.h"
 
-#include <algorithm>
-#include <bit>
-
 #include "aacenc/fixed_point.h"
 #include "aacenc/tns_tables.h"
+
+#include <algorithm>
+#include <bit>
 
 static constexpr int32_t kCoefRes = 4;
 static constexpr int32_t kOne_q29 = 1 << 29;
@@ -41,18 +41,24 @@ static void autocorrelate(int32_t length, const int32_t *lines, int64_t *r)
 {
     uint64_t energy = 0;
     int64_t sums[kMaxTnsOrder + 1] = {};
-    for (int32_t n = 0; n < length; n++)
+    for (int32_t n = 0; n < length; n++) {
         energy += static_cast<uint64_t>(mul_s64(lines[n], lines[n])) >> 9;
+    }
     int32_t n = 0;
-    for (; n + kMaxTnsOrder < length; n++)
-        for (int32_t lag = 1; lag <= kMaxTnsOrder; lag++)
+    for (; n + kMaxTnsOrder < length; n++) {
+        for (int32_t lag = 1; lag <= kMaxTnsOrder; lag++) {
             sums[lag] += mul_s64(lines[n + lag], lines[n]) >> 9;
-    for (; n < length; n++)
-        for (int32_t lag = 1; n + lag < length; lag++)
+        }
+    }
+    for (; n < length; n++) {
+        for (int32_t lag = 1; n + lag < length; lag++) {
             sums[lag] += mul_s64(lines[n + lag], lines[n]) >> 9;
+        }
+    }
     r[0] = static_cast<int64_t>(energy >> 11);
-    for (int32_t lag = 1; lag <= kMaxTnsOrder; lag++)
+    for (int32_t lag = 1; lag <= kMaxTnsOrder; lag++) {
         r[lag] = sums[lag] >> 11;
+    }
 }
 
 // a * b with b in Q28, rounded down.
@@ -78,23 +84,27 @@ int32_t LevinsonDurbin_fixed(int32_t length, const int32_t *lines, int32_t *refl
     int64_t r[kMaxTnsOrder + 1];
     autocorrelate(length, lines, r);
     std::fill_n(reflectionOut + 1, kMaxTnsOrder, 0);
-    if (r[0] == 0)
+    if (r[0] == 0) {
         return 0;
+    }
 
     // Normalised to 2^29 <= r[0] < 2^30; no other lag is larger.
     int64_t normalised = 0;
     const int32_t places = AACENC_snorm_l2(r[0], &normalised);
-    for (int64_t &lag : r)
+    for (int64_t &lag : r) {
         lag = static_cast<int64_t>(static_cast<uint64_t>(lag) << places) >> 33;
+    }
 
     int32_t predictor_q28[kMaxTnsOrder + 1] = {}; // [0], always 1.0, is not used
     int64_t error = r[0] | 1;
     for (int32_t m = 1; m <= kMaxTnsOrder; m++) {
         int64_t correlation = r[m]; // of the prediction error: |predictor| < 2^31, |r| < 2^30
-        for (int32_t j = 1; j < m; j++)
+        for (int32_t j = 1; j < m; j++) {
             correlation += mul_q28(r[m - j], predictor_q28[j]);
-        if (correlation >= error || correlation <= -error)
+        }
+        if (correlation >= error || correlation <= -error) {
             break; // predicted as far as the precision goes
+        }
         int64_t error_norm = 0;
         const int32_t error_places = AACENC_snorm_l2(error, &error_norm);
         const int64_t numerator = -correlation * (int64_t{1} << error_places);
@@ -110,8 +120,9 @@ void QuantizeReflectionCoeffs_fixedVer(int32_t *reflection, int8_t *indices)
 {
     for (int32_t i = 1; i <= kMaxTnsOrder; i++) {
         int32_t j = 1;
-        while (j < 15 && search4[j] < reflection[i])
+        while (j < 15 && search4[j] < reflection[i]) {
             j++;
+        }
         indices[i] = static_cast<int8_t>(j - 8);
         reflection[i] = kArray_Out[j];
     }
@@ -126,8 +137,9 @@ int32_t StepUp_fixedVer(int32_t order, const int32_t *reflection, int32_t *direc
         std::copy_n(directForm, m + 1, before);
         for (int32_t j = 1; j <= m; j++) {
             const int64_t sum = before[j] + (mul_s64(reflection[m], before[m - j]) >> 29);
-            if (sum != static_cast<int32_t>(sum))
+            if (sum != static_cast<int32_t>(sum)) {
                 return -1;
+            }
             directForm[j] = static_cast<int32_t>(sum);
         }
     }
@@ -140,8 +152,9 @@ void TnsInvFilter_fixedVer04(int32_t length, int32_t *lines, int32_t order,
     std::copy_n(lines, length, work);
     for (int32_t n = 0; n < length; n++) {
         int64_t error = work[n];
-        for (int32_t i = 1; i <= std::min(n, order); i++)
+        for (int32_t i = 1; i <= std::min(n, order); i++) {
             error += mul_s64(directForm[i], work[n - i]) >> 29;
+        }
         lines[n] = sat32(error);
     }
 }
@@ -163,31 +176,36 @@ int32_t TnsEncode_fixedVer(int32_t nsfb, int32_t maxSfb, const int32_t *swbOffse
                            int32_t *work2)
 {
     tns->active = 0;
-    if (!enable)
+    if (!enable) {
         return 0;
+    }
     tns->nFilt = 0;
     tns->coefRes = kCoefRes;
     const int32_t start = swbOffset[std::min({maxSfb, tns->maxBands, tns->minBand})];
     const int32_t end = swbOffset[std::min({nsfb, tns->maxBands, maxSfb})];
-    if (end - start < 1)
+    if (end - start < 1) {
         return -2;
+    }
 
     AacEncTnsFilter *filter = &tns->filter;
     std::copy(spectrum + start, spectrum + end, work1);
-    if (!LevinsonDurbin_fixed(end - start, work1, filter->reflection))
+    if (!LevinsonDurbin_fixed(end - start, work1, filter->reflection)) {
         return 0;
+    }
     tns->nFilt = 1;
     filter->direction = 0;
     filter->coefCompress = 0;
     tns->active = 1;
     filter->length = nsfb - tns->minBand;
 
-    for (int32_t i = 1; i <= kMaxTnsOrder; i++) // Q28 to Q29
+    for (int32_t i = 1; i <= kMaxTnsOrder; i++) { // Q28 to Q29
         filter->reflection[i] = sat32(mul_s64(filter->reflection[i], 2));
+    }
     QuantizeReflectionCoeffs_fixedVer(filter->reflection, filter->index);
     filter->order = truncate_order(filter);
-    while (StepUp_fixedVer(filter->order, filter->reflection, filter->directForm) != 0)
+    while (StepUp_fixedVer(filter->order, filter->reflection, filter->directForm) != 0) {
         filter->reflection[filter->order--] = 0; // order 2 and below always fit
+    }
     TnsInvFilter_fixedVer04(end - start, spectrum + start, filter->order, filter->directForm,
                             work2);
     return 0;

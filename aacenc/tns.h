@@ -2,9 +2,9 @@
 #ifndef AACENC_TNS_H
 #define AACENC_TNS_H
 
-#include <cstdint>
-
 #include "aacenc/encoder_state.h"
+
+#include <cstdint>
 
 // Sets the filter range and order for a sample rate.
 void TnsInit(int32_t sampleRate, AacEncTns *tns);

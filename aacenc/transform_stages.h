@@ -5,14 +5,14 @@
 #ifndef AACENC_TRANSFORM_STAGES_H
 #define AACENC_TRANSFORM_STAGES_H
 
+#include "aacenc/filterbank_tables.h"
+#include "aacenc/filterbank_twiddles.h"
+#include "aacenc/fixed_point.h"
+
 #include <array>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-
-#include "aacenc/filterbank_tables.h"
-#include "aacenc/filterbank_twiddles.h"
-#include "aacenc/fixed_point.h"
 
 inline constexpr int32_t kFftPoints = 512;
 inline constexpr int32_t kQuarterWave = 256; // table entry of the sine that belongs to cosine 0

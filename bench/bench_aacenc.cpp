@@ -1,18 +1,5 @@
 // The AAC encoder over the sample programme, whole and by stage: CPU time per frame and multiples
 // of real time. A stage is timed on one channel.
-#include <algorithm>
-#include <array>
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <fstream>
-#include <iterator>
-#include <span>
-#include <vector>
-
-#include <benchmark/benchmark.h>
-
 #include "aacenc/aac_enc.h"
 #include "aacenc/bitstream.h"
 #include "aacenc/element_syntax.h"
@@ -22,6 +9,18 @@
 #include "aacenc/rate_loop.h"
 #include "tests/support/own_files.h"
 #include "tests/support/stream_hash.h"
+
+#include <algorithm>
+#include <array>
+#include <benchmark/benchmark.h>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <span>
+#include <vector>
 
 static constexpr int32_t kSampleRate = 48000;
 static constexpr double kFrameSeconds = 1.0 * int{AACENC_FRAME_SAMPLES} / kSampleRate;
@@ -35,8 +34,9 @@ static const std::vector<int16_t> &programme()
         std::ifstream file(source_file("samples/programme.wav"), std::ios::binary);
         const std::vector<char> bytes{std::istreambuf_iterator<char>(file), {}};
         std::vector<int16_t> result;
-        if (bytes.size() > kHeader)
+        if (bytes.size() > kHeader) {
             result.resize((bytes.size() - kHeader) / sizeof(int16_t) / kFrame * kFrame);
+        }
         std::memcpy(result.data(), bytes.data() + kHeader, result.size() * sizeof(int16_t));
         return result;
     }();
@@ -65,8 +65,9 @@ static uint64_t encode_programme(int32_t bit_rate, int32_t tns)
     uint64_t hash = kHashStart;
     for (size_t at = 0; handle && at < programme().size(); at += kFrame) {
         audio.pcm = programme().data() + at;
-        if (QVR_AAC_ENC(AACENC_OP_ENCODE, &handle, &audio, &stream) != AACENC_OK)
+        if (QVR_AAC_ENC(AACENC_OP_ENCODE, &handle, &audio, &stream) != AACENC_OK) {
             hash = 0;
+        }
         hash = stream_hash(hash, {output, static_cast<size_t>(stream.outputBytes)});
     }
     return QVR_AAC_ENC(AACENC_OP_CLOSE, &handle, nullptr, nullptr) == AACENC_OK ? hash : 0;
@@ -84,8 +85,9 @@ static void encode_stereo(benchmark::State &state)
 {
     const auto bit_rate = static_cast<int32_t>(state.range(0));
     const auto tns = static_cast<int32_t>(state.range(1));
-    for (auto _ : state)
+    for (auto _ : state) {
         benchmark::DoNotOptimize(encode_programme(bit_rate, tns));
+    }
     report(state, programme().size() / kFrame);
 }
 BENCHMARK(encode_stereo)
@@ -104,8 +106,9 @@ static std::vector<Lines> transform_programme(Transform *transform)
     int16_t pcm[2][AACENC_FRAME_SAMPLES] = {};
     for (size_t at = 0; at < programme().size(); at += kFrame) {
         std::copy_n(pcm[1], AACENC_FRAME_SAMPLES, pcm[0]);
-        for (size_t n = 0; n < AACENC_FRAME_SAMPLES; n++)
+        for (size_t n = 0; n < AACENC_FRAME_SAMPLES; n++) {
             pcm[1][n] = programme()[at + 2 * n];
+        }
         transform(pcm[1], frames.emplace_back().data(), pcm[0]);
     }
     return frames;
@@ -135,15 +138,17 @@ static Coder open_coder()
     uint8_t output[AACENC_OUTPUT_BYTES];
     AacEncAudioInfo audio = {.pcm = programme().data(), .deinterleave = 1};
     AacEncStreamInfo stream = {.output = output};
-    if (QVR_AAC_ENC(AACENC_OP_ENCODE, &handle, &audio, &stream) != AACENC_OK)
+    if (QVR_AAC_ENC(AACENC_OP_ENCODE, &handle, &audio, &stream) != AACENC_OK) {
         std::abort();
+    }
     return {handle, static_cast<AacEncHandle *>(handle)->state->tfState};
 }
 
 static void close_coder(Coder *coder)
 {
-    if (QVR_AAC_ENC(AACENC_OP_CLOSE, &coder->handle, nullptr, nullptr) != AACENC_OK)
+    if (QVR_AAC_ENC(AACENC_OP_CLOSE, &coder->handle, nullptr, nullptr) != AACENC_OK) {
         std::abort();
+    }
 }
 
 static void code(const Lines &lines, EncTfState *tf)
@@ -153,17 +158,20 @@ static void code(const Lines &lines, EncTfState *tf)
     std::fill_n(tf->channelBuffer[0] + tf->bwLines, kFrameLines - tf->bwLines, 0);
     tf->bitsLeft = kMaxChannels * kMaxChannelBits;
     if (tf_encode_spectrum_aac(&tf->channelBuffer[0], kOnlyLongSequence, kBudget, tf->bitstream,
-                               tf->coderInfo[0], tf->chInfo[0], tf) != 0)
+                               tf->coderInfo[0], tf->chInfo[0], tf) != 0) {
         std::abort();
+    }
 }
 
 static void code_channel(benchmark::State &state)
 {
     const std::vector<Lines> frames = transform_programme(transform_plain);
     Coder coder = open_coder();
-    for (auto _ : state)
-        for (const Lines &lines : frames)
+    for (auto _ : state) {
+        for (const Lines &lines : frames) {
             code(lines, coder.tf);
+        }
+    }
     report(state, frames.size());
     close_coder(&coder);
 }
@@ -178,8 +186,9 @@ static void write_channel(benchmark::State &state)
     const int32_t expected = WriteSCE(coder.tf->coderInfo[0], 0, nullptr, 0, coder.tf);
     for (auto _ : state) {
         bitstream_start(coder.tf->bitstream, output);
-        if (WriteSCE(coder.tf->coderInfo[0], 0, coder.tf->bitstream, 1, coder.tf) != expected)
+        if (WriteSCE(coder.tf->coderInfo[0], 0, coder.tf->bitstream, 1, coder.tf) != expected) {
             state.SkipWithError("the element is not as long as it counts");
+        }
         benchmark::DoNotOptimize(output);
     }
     report(state, 1);

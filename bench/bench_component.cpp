@@ -5,8 +5,8 @@
 // RECORDER_BENCH=whole in the environment lets the rests last 10 s and adds the long recordings.
 #include "aacenc/aac_enc.h"
 #include "client/failure.h"
-#include "client/omx_core.h"
 #include "client/il_session.h"
+#include "client/omx_core.h"
 #include "platform/host/host_control.h"
 #include "platform/storage_info.h"
 #include "tests/support/programme.h"
@@ -26,13 +26,13 @@
 #include <thread>
 #include <unistd.h>
 
-static constexpr char OUTPUT[] = "/mnt/sdcard/bench.mp4";
-static constexpr unsigned RATE = 48000;
-static constexpr int64_t PICTURES = 300000;
-static constexpr uint32_t LOOPS = 30; // of the sample's ten seconds
+static constexpr char kOutput[] = "/mnt/sdcard/bench.mp4";
+static constexpr unsigned kRate = 48000;
+static constexpr int64_t kPictures = 300000;
+static constexpr uint32_t kLoops = 30; // of the sample's ten seconds
 
-static constexpr double PROGRAMME_SECONDS = 10; // the sample's length
-static constexpr uint32_t PCM_FRAME_US = 1024 * 1000000ull / RATE;
+static constexpr double kProgrammeSeconds = 10; // the sample's length
+static constexpr uint32_t kPcmFrameUs = 1024 * 1000000ull / kRate;
 
 static double cpu_seconds(clockid_t clock)
 {
@@ -92,14 +92,14 @@ static void check(benchmark::State &state, bool sound, const char *what)
 // The first buffer of a recording sets its time base.
 static void begin_recording(il_session &recorder)
 {
-    static constexpr uint8_t DELIMITER[] = {0, 0, 0, 1, 9, 0xF0};
-    il_session_start(recorder, OUTPUT, RATE);
-    il_session_send(recorder, PORT_VIDEO, DELIMITER, video_time_us(0) - FRAME_US, 0);
+    static constexpr uint8_t kDelimiter[] = {0, 0, 0, 1, 9, 0xF0};
+    il_session_start(recorder, kOutput, kRate);
+    il_session_send(recorder, kPortVideo, kDelimiter, video_time_us(0) - kFrameUs, 0);
 }
 
 static bool end_recording(il_session &recorder)
 {
-    return il_session_stop(recorder) == STOP_REQUEST && std::filesystem::file_size(OUTPUT) > 0;
+    return il_session_stop(recorder) == kStopRequest && std::filesystem::file_size(kOutput) > 0;
 }
 
 static const std::vector<Bytes> &pcm_buffers(void)
@@ -120,9 +120,9 @@ static void play(il_session &recorder, uint32_t loops)
     const std::vector<Bytes> &pictures = sample_programme().access_units;
     size_t audio = 0;
     for (size_t i = 0; i < loops * pictures.size(); i++) {
-        il_session_send(recorder, PORT_VIDEO, pictures[i % pictures.size()], video_time_us(i), 0);
+        il_session_send(recorder, kPortVideo, pictures[i % pictures.size()], video_time_us(i), 0);
         for (; audio_time_us(audio) < video_time_us(i + 1); audio++) {
-            il_session_send(recorder, PORT_AUDIO, pcm_buffers()[audio % pcm_buffers().size()],
+            il_session_send(recorder, kPortAudio, pcm_buffers()[audio % pcm_buffers().size()],
                             audio_time_us(audio), 0);
         }
     }
@@ -131,7 +131,7 @@ static void play(il_session &recorder, uint32_t loops)
 static void report_speed(benchmark::State &state)
 {
     state.counters["x_real_time"] = benchmark::Counter(
-        LOOPS * PROGRAMME_SECONDS, benchmark::Counter::kIsIterationInvariantRate);
+        kLoops * kProgrammeSeconds, benchmark::Counter::kIsIterationInvariantRate);
 }
 
 // Lets this thread, and those that it starts, run on so many of the machine's cores.
@@ -155,7 +155,7 @@ static void record_programme(benchmark::State &state)
         il_session_ptr recorder = il_session_open();
         begin_recording(*recorder);
         state.ResumeTiming();
-        play(*recorder, LOOPS);
+        play(*recorder, kLoops);
         check(state, end_recording(*recorder), "the recording did not end as it should");
         state.PauseTiming();
         il_session_close(std::move(recorder));
@@ -178,13 +178,13 @@ static void encode_programme(benchmark::State &state)
                                        std::memset, std::realloc, std::memmove};
     uint8_t output[AACENC_OUTPUT_BYTES];
     for (auto _ : state) {
-        AacEncAudioInfo audio = {.sampleRate = RATE, .deinterleave = 1, .channels = 2};
+        AacEncAudioInfo audio = {.sampleRate = kRate, .deinterleave = 1, .channels = 2};
         AacEncStreamInfo stream = {.output = output, .bitRate = 128000};
         AacEncInitParams params = {
             .audioInfo = &audio, .streamInfo = &stream, .callbacks = &callbacks};
         void *handle = nullptr;
         bool sound = QVR_AAC_ENC(AACENC_OP_INIT, &handle, &params, nullptr) == AACENC_OK;
-        for (size_t i = 0; sound && i < LOOPS * pcm_buffers().size(); i++) {
+        for (size_t i = 0; sound && i < kLoops * pcm_buffers().size(); i++) {
             audio.pcm =
                 reinterpret_cast<const int16_t *>(pcm_buffers()[i % pcm_buffers().size()].data());
             sound = QVR_AAC_ENC(AACENC_OP_ENCODE, &handle, &audio, &stream) == AACENC_OK;
@@ -206,7 +206,7 @@ static void record_pictures(benchmark::State &state)
     size_t sent = 0;
     double cpu = -component_cpu_seconds();
     for (auto _ : state) {
-        il_session_send(*recorder, PORT_VIDEO, pictures[sent % pictures.size()],
+        il_session_send(*recorder, kPortVideo, pictures[sent % pictures.size()],
                         video_time_us(sent), 0);
         sent++;
     }
@@ -216,15 +216,15 @@ static void record_pictures(benchmark::State &state)
     use_cores(std::thread::hardware_concurrency());
     state.counters["component_cpu"] = cpu / static_cast<double>(sent);
 }
-BENCHMARK(record_pictures)->Iterations(PICTURES);
+BENCHMARK(record_pictures)->Iterations(kPictures);
 
 // What of that the copy alone takes: into a cache, and from there into a file.
 static void copy_pictures(benchmark::State &state)
 {
-    static constexpr size_t CACHE_BYTES = 0xC0000;
+    static constexpr size_t kCacheBytes = 0xC0000;
     const std::vector<Bytes> &pictures = sample_programme().access_units;
-    std::vector<uint8_t> cache(CACHE_BYTES);
-    FILE *const file = std::fopen(OUTPUT, "wb");
+    std::vector<uint8_t> cache(kCacheBytes);
+    FILE *const file = std::fopen(kOutput, "wb");
     size_t used = 0;
     size_t sent = 0;
     for (auto _ : state) {
@@ -238,7 +238,7 @@ static void copy_pictures(benchmark::State &state)
     }
     std::fclose(file);
 }
-BENCHMARK(copy_pictures)->Iterations(PICTURES);
+BENCHMARK(copy_pictures)->Iterations(kPictures);
 
 // The question for the free space that each buffer of a recording puts to the platform.
 static void query_storage(benchmark::State &state)
@@ -280,7 +280,7 @@ static void grow_resident(benchmark::State &state)
     }
 }
 
-static constexpr std::chrono::milliseconds SETTLING(200); // until every thread sleeps
+static constexpr std::chrono::milliseconds kSettling(200); // until every thread sleeps
 
 // Switches and CPU time of the component's threads while they have nothing to do.
 static void measure_rest(benchmark::State &state)
@@ -300,14 +300,14 @@ static void command_state(il_session &recorder, OMX_STATETYPE state)
            reached != state) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
-    std::this_thread::sleep_for(SETTLING);
+    std::this_thread::sleep_for(kSettling);
 }
 
 static void rest_executing(benchmark::State &state)
 {
     for (auto _ : state) {
         il_session_ptr recorder = il_session_open();
-        std::this_thread::sleep_for(SETTLING);
+        std::this_thread::sleep_for(kSettling);
         measure_rest(state);
         il_session_close(std::move(recorder));
     }
@@ -321,11 +321,11 @@ static void rest_paused(benchmark::State &state)
         begin_recording(*recorder);
         command_state(*recorder, OMX_StatePause);
         for (size_t i = 0; i < 4; i++) {
-            il_session_send(*recorder, PORT_VIDEO, sample_programme().access_units[i],
+            il_session_send(*recorder, kPortVideo, sample_programme().access_units[i],
                             video_time_us(i), 0);
         }
         il_session_flush(*recorder);
-        std::this_thread::sleep_for(SETTLING);
+        std::this_thread::sleep_for(kSettling);
         measure_rest(state);
         command_state(*recorder, OMX_StateExecuting);
         check(state, end_recording(*recorder), "the recording did not end as it should");
@@ -337,20 +337,20 @@ BENCHMARK(rest_paused)->Iterations(1)->UseRealTime()->Unit(benchmark::kSecond);
 // From the stop request to the event, for a recording of `frames` pictures and as many AAC frames.
 static void close_recording(benchmark::State &state)
 {
-    static constexpr size_t PICTURE_BYTES = 1400;
-    Bytes picture(PICTURE_BYTES, 0x55);
-    static constexpr uint8_t SLICE[] = {0, 0, 0, 1, 0x41};
-    std::copy(std::begin(SLICE), std::end(SLICE), picture.begin());
+    static constexpr size_t kPictureBytes = 1400;
+    Bytes picture(kPictureBytes, 0x55);
+    static constexpr uint8_t kSlice[] = {0, 0, 0, 1, 0x41};
+    std::copy(std::begin(kSlice), std::end(kSlice), picture.begin());
     for (auto _ : state) {
         state.PauseTiming();
         il_session_ptr recorder = il_session_open();
         begin_recording(*recorder);
-        il_session_send(*recorder, PORT_VIDEO, sample_programme().access_units[0], video_time_us(0),
+        il_session_send(*recorder, kPortVideo, sample_programme().access_units[0], video_time_us(0),
                         0);
         for (int64_t i = 0; i < state.range(0); i++) {
-            const int64_t time_us = video_time_us(0) + (i + 1) * PCM_FRAME_US;
-            il_session_send(*recorder, PORT_VIDEO, picture, time_us, 0);
-            il_session_send(*recorder, PORT_AUDIO,
+            const int64_t time_us = video_time_us(0) + (i + 1) * kPcmFrameUs;
+            il_session_send(*recorder, kPortVideo, picture, time_us, 0);
+            il_session_send(*recorder, kPortAudio,
                             pcm_buffers()[static_cast<size_t>(i) % pcm_buffers().size()], time_us,
                             0);
         }
@@ -358,7 +358,7 @@ static void close_recording(benchmark::State &state)
         state.ResumeTiming();
         check(state, end_recording(*recorder), "the recording did not end as it should");
         state.PauseTiming();
-        state.counters["bytes"] = static_cast<double>(std::filesystem::file_size(OUTPUT));
+        state.counters["bytes"] = static_cast<double>(std::filesystem::file_size(kOutput));
         il_session_close(std::move(recorder));
         state.ResumeTiming();
     }
@@ -378,7 +378,7 @@ static void register_by_length(void)
                             ->Unit(benchmark::kMillisecond)
                             ->Arg(10000);
     if (runs_whole()) {
-        grow->Arg(LOOPS)->Arg(360)->Arg(2160);
+        grow->Arg(kLoops)->Arg(360)->Arg(2160);
         close->Arg(250000)->Arg(500000)->Arg(1000000);
     }
 }

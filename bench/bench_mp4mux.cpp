@@ -7,13 +7,9 @@
 #include "bench/programme_frames.h"
 #include "mp4mux/mp4_mux.h"
 
-#include <benchmark/benchmark.h>
-
-#include <sys/resource.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
+#include <benchmark/benchmark.h>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
@@ -21,6 +17,8 @@
 #include <cstring>
 #include <ctime>
 #include <string>
+#include <sys/resource.h>
+#include <unistd.h>
 #include <vector>
 
 static constexpr int32_t kOutputCacheBytes = 0x100000; // the sizes that the recorder lends

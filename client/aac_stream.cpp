@@ -1,7 +1,7 @@
 #include "client/aac_stream.h"
 
-#include "client/input/aac_rates.h"
 #include "client/failure.h"
+#include "client/input/aac_rates.h"
 
 #include <cstdlib>
 #include <cstring>

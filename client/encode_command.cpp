@@ -2,15 +2,15 @@
 
 #include "client/aac_stream.h"
 #include "client/failure.h"
-#include "client/report/figures.h"
-#include "client/interruption.h"
 #include "client/input/pcm_input.h"
+#include "client/interruption.h"
+#include "client/report/figures.h"
 #include "client/terminal.h"
 #include "client/work_folder.h"
 
 #include <chrono>
 
-static constexpr char work_name[] = "stream.aac";
+static constexpr char kWorkName[] = "stream.aac";
 
 struct encoding {
     std::unique_ptr<pcm_input> pcm;
@@ -85,14 +85,14 @@ int encode_run(const encode_options &options)
     output_place_check_inputs(options.output, {options.input});
     self.pcm = pcm_input_open(options.input);
     open_stream(self, options);
-    work_file out(*folder, work_name);
+    work_file out(*folder, kWorkName);
     if (options.raw) {
         work_file_write(out, adif_header(self.stream.settings));
     }
     encode_all(self, out);
     work_file_finish(out);
     self.bytes = out.bytes;
-    work_folder_publish(*folder, work_name);
+    work_folder_publish(*folder, kWorkName);
     const int code = report_faults(options, *self.pcm);
     report(options, self,
            std::chrono::duration<double>(std::chrono::steady_clock::now() - begun).count());

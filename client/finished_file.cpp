@@ -8,7 +8,7 @@
 #include <cstring>
 
 // The pages of the file that reading has touched are let go each time so many frames are counted.
-static constexpr uint64_t FRAMES_TO_RELEASE = 1 << 14;
+static constexpr uint64_t kFramesToRelease = 1 << 14;
 
 static void count(track_summary *summary, const mp4_reader::sample &frame)
 {
@@ -32,7 +32,7 @@ std::optional<file_summary> finished_file_read(int file)
     file_summary summary = {.bytes = mapped->bytes.size()};
     const auto count_frame = [&](const mp4_reader::track *of, const mp4_reader::sample &frame) {
         count(of->handler == "vide" ? &summary.video : &summary.audio, frame);
-        if ((summary.video.frames + summary.audio.frames) % FRAMES_TO_RELEASE == 0) {
+        if ((summary.video.frames + summary.audio.frames) % kFramesToRelease == 0) {
             mapped_file_release(*mapped);
         }
     };

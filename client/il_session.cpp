@@ -12,22 +12,22 @@
 #include <utility>
 
 // The component's vendor parameters and its event.
-static constexpr uint32_t INDEX_OUTPUT_PATH = 0x7F00002C;
-static constexpr uint32_t INDEX_START = 0x7F00002D;
-static constexpr uint32_t INDEX_STOP = 0x7F00002E;
-static constexpr uint32_t EVENT_RECORDING_ENDED = 0x7F000005;
-static constexpr size_t OUTPUT_PATH_BYTES = 128;
+static constexpr uint32_t kIndexOutputPath = 0x7F00002C;
+static constexpr uint32_t kIndexStart = 0x7F00002D;
+static constexpr uint32_t kIndexStop = 0x7F00002E;
+static constexpr uint32_t kEventRecordingEnded = 0x7F000005;
+static constexpr size_t kOutputPathBytes = 128;
 
 // A run is half of them, filled while the component has the other half; about as many PCM buffers
 // as pictures and a half make up a programme.
-static constexpr std::array<uint32_t, PORT_COUNT> BUFFER_COUNTS = {32, 64};
+static constexpr std::array<uint32_t, kPortCount> kBufferCounts = {32, 64};
 
-static constexpr char component_name[] = "OMX.qvr.tdmb.rec";
+static constexpr char kComponentName[] = "OMX.qvr.tdmb.rec";
 
 // Long enough for a slow disk, short enough to tell a person that nothing moves any more.
-static constexpr int DEFAULT_PATIENCE_S = 120;
-static constexpr int LOOKS_PER_SECOND = 2;
-static constexpr std::chrono::milliseconds LOOK(1000 / LOOKS_PER_SECOND);
+static constexpr int kDefaultPatienceS = 120;
+static constexpr int kLooksPerSecond = 2;
+static constexpr std::chrono::milliseconds kLook(1000 / kLooksPerSecond);
 
 static std::atomic<bool> left_alone;
 
@@ -102,7 +102,7 @@ static OMX_ERRORTYPE on_event(OMX_HANDLETYPE, OMX_PTR pAppData, OMX_EVENTTYPE eE
             self.state = static_cast<OMX_STATETYPE>(nData2);
         } else if (eEvent == OMX_EventError) {
             note_error(self, static_cast<OMX_ERRORTYPE>(nData1), false);
-        } else if (static_cast<uint32_t>(eEvent) == EVENT_RECORDING_ENDED) {
+        } else if (static_cast<uint32_t>(eEvent) == kEventRecordingEnded) {
             self.stopped = nData2;
         }
     }
@@ -139,7 +139,7 @@ static int patience_s(void)
 {
     const char *const text = std::getenv("TDMBREC_PATIENCE");
     const int seconds = text != nullptr ? std::atoi(text) : 0;
-    return seconds > 0 && seconds <= 1'000'000 ? seconds : DEFAULT_PATIENCE_S;
+    return seconds > 0 && seconds <= 1'000'000 ? seconds : kDefaultPatienceS;
 }
 
 // Waits until the condition, which is looked at under the lock, holds. The looks are counted, not
@@ -149,15 +149,15 @@ static void await(il_session &self, const char *what, Condition condition)
 {
     std::unique_lock<std::mutex> guard(self.lock);
     const auto is_over = [&] { return condition() || self.error != OMX_ErrorNone; };
-    static const int looks = patience_s() * LOOKS_PER_SECOND;
-    bool reached = self.changed.wait_for(guard, LOOK, is_over);
+    static const int looks = patience_s() * kLooksPerSecond;
+    bool reached = self.changed.wait_for(guard, kLook, is_over);
     for (int look = 1; !reached && look < looks; look++) {
         if (self.on_wait) {
             guard.unlock();
             self.on_wait();
             guard.lock();
         }
-        reached = self.changed.wait_for(guard, LOOK, is_over);
+        reached = self.changed.wait_for(guard, kLook, is_over);
     }
     if (self.error != OMX_ErrorNone) {
         fail(self.refused ? "refuses a buffer" : "reported an error", self.error);
@@ -192,7 +192,7 @@ static OMX_PARAM_PORTDEFINITIONTYPE define_port(il_session &self, uint32_t port)
     definition.nPortIndex = port;
     check(self.component->GetParameter(self.component, OMX_IndexParamPortDefinition, &definition),
           "does not describe its ports");
-    definition.nBufferCountActual = std::max(definition.nBufferCountMin, BUFFER_COUNTS[port]);
+    definition.nBufferCountActual = std::max(definition.nBufferCountMin, kBufferCounts[port]);
     check(self.component->SetParameter(self.component, OMX_IndexParamPortDefinition, &definition),
           "refuses the number of buffers");
     return definition;
@@ -200,12 +200,12 @@ static OMX_PARAM_PORTDEFINITIONTYPE define_port(il_session &self, uint32_t port)
 
 static void allocate_buffers(il_session &self)
 {
-    std::array<OMX_PARAM_PORTDEFINITIONTYPE, PORT_COUNT> definitions;
-    for (uint32_t port = 0; port < PORT_COUNT; port++) {
+    std::array<OMX_PARAM_PORTDEFINITIONTYPE, kPortCount> definitions;
+    for (uint32_t port = 0; port < kPortCount; port++) {
         definitions[port] = define_port(self, port);
     }
     command_state(self, OMX_StateIdle);
-    for (uint32_t port = 0; port < PORT_COUNT; port++) {
+    for (uint32_t port = 0; port < kPortCount; port++) {
         for (uint32_t i = 0; i < definitions[port].nBufferCountActual; i++) {
             OMX_BUFFERHEADERTYPE *buffer = nullptr;
             check(self.component->AllocateBuffer(self.component, &buffer, port, nullptr,
@@ -222,8 +222,8 @@ il_session_ptr il_session_open(void)
 {
     il_session_ptr self(new il_session);
     self->callbacks = {on_event, on_empty_buffer_done, on_fill_buffer_done};
-    char name[sizeof component_name];
-    std::memcpy(name, component_name, sizeof name);
+    char name[sizeof kComponentName];
+    std::memcpy(name, kComponentName, sizeof name);
     OMX_HANDLETYPE handle = nullptr;
     const OMX_ERRORTYPE error = OMX_GetHandle(&handle, name, self.get(), &self->callbacks);
     if (error == OMX_ErrorComponentNotFound) {
@@ -247,17 +247,17 @@ static void set_vendor(il_session &self, uint32_t index, void *record, const cha
 
 void il_session_start(il_session &self, const std::string &path, unsigned rate)
 {
-    std::array<char, OUTPUT_PATH_BYTES> path_record = {};
+    std::array<char, kOutputPathBytes> path_record = {};
     if (path.size() >= path_record.size()) {
         throw failure(exit_code::storage, path + ": too long for the recorder component");
     }
     std::copy(path.begin(), path.end(), path_record.begin());
-    set_vendor(self, INDEX_OUTPUT_PATH, path_record.data(), "refuses the output path");
+    set_vendor(self, kIndexOutputPath, path_record.data(), "refuses the output path");
 
     OMX_AUDIO_PARAM_PCMMODETYPE pcm = {};
     pcm.nSize = sizeof pcm;
     pcm.nVersion.nVersion = OMX_VERSION_1_1_2;
-    pcm.nPortIndex = PORT_AUDIO;
+    pcm.nPortIndex = kPortAudio;
     pcm.nChannels = 2;
     pcm.eNumData = OMX_NumericalDataSigned;
     pcm.eEndian = OMX_EndianLittle;
@@ -271,7 +271,7 @@ void il_session_start(il_session &self, const std::string &path, unsigned rate)
           "refuses the sampling rate");
 
     uint32_t start = 1; // any record will do
-    set_vendor(self, INDEX_START, &start, "refuses to start");
+    set_vendor(self, kIndexStart, &start, "refuses to start");
 }
 
 static void give_back(il_session &self, il_port port, OMX_BUFFERHEADERTYPE *buffer)
@@ -337,14 +337,14 @@ uint32_t il_session_stop(il_session &self)
     il_session_flush(self);
     await_buffers(self);
     uint32_t stop = 1; // any record will do
-    set_vendor(self, INDEX_STOP, &stop, "refuses to stop");
+    set_vendor(self, kIndexStop, &stop, "refuses to stop");
     await(self, "finish the file", [&] { return self.stopped.has_value(); });
     return *il_session_stopped(self);
 }
 
 static void free_buffers(il_session &self)
 {
-    for (uint32_t port = 0; port < PORT_COUNT; port++) {
+    for (uint32_t port = 0; port < kPortCount; port++) {
         for (OMX_BUFFERHEADERTYPE *const buffer : self.ports[port].all) {
             (void)self.component->FreeBuffer(self.component, port, buffer);
         }

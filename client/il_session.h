@@ -18,16 +18,16 @@
 
 // Why a recording ended, as the component reports it.
 enum stop_reason : uint32_t {
-    STOP_STORAGE = 0,
-    STOP_REQUEST = 1,
-    STOP_STORAGE_FULL = 2,
-    STOP_OPEN_FAILED = 4,
-    STOP_WRITE_FAILED = 5,
-    STOP_SIZE_LIMIT = 6,
-    STOP_DESTROYED = 7,
+    kStopStorage = 0,
+    kStopRequest = 1,
+    kStopStorageFull = 2,
+    kStopOpenFailed = 4,
+    kStopWriteFailed = 5,
+    kStopSizeLimit = 6,
+    kStopDestroyed = 7,
 };
 
-enum il_port : uint32_t { PORT_VIDEO = 0, PORT_AUDIO = 1, PORT_COUNT = 2 };
+enum il_port : uint32_t { kPortVideo = 0, kPortAudio = 1, kPortCount = 2 };
 
 struct port_buffers {
     std::vector<OMX_BUFFERHEADERTYPE *> all;
@@ -41,7 +41,7 @@ struct port_buffers {
 struct il_session {
     OMX_COMPONENTTYPE *component = nullptr;
     OMX_CALLBACKTYPE callbacks = {};
-    std::array<port_buffers, PORT_COUNT> ports;
+    std::array<port_buffers, kPortCount> ports;
     std::mutex lock; // guards the free lists and what follows
     std::condition_variable changed;
     size_t out = 0;                        // buffers that the component has

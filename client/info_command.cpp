@@ -1,24 +1,24 @@
 #include "client/info_command.h"
 
 #include "client/failure.h"
+#include "client/input/mapped_file.h"
 #include "client/report/info_page.h"
 #include "client/report/info_text.h"
-#include "client/input/mapped_file.h"
 #include "client/report/media_report.h"
 #include "client/terminal.h"
 #include "client/unfinished_recording.h"
 #include "client/work_folder.h"
 
-static constexpr char work_name[] = "page.html";
+static constexpr char kWorkName[] = "page.html";
 
 static void write_page(const info_options &options, const std::string &page)
 {
     const std::unique_ptr<work_folder> folder = work_folder_make(*options.page, options.force);
     output_place_check_inputs(*options.page, {options.input});
-    work_file out(*folder, work_name);
+    work_file out(*folder, kWorkName);
     work_file_write(out, {reinterpret_cast<const uint8_t *>(page.data()), page.size()});
     work_file_finish(out);
-    work_folder_publish(*folder, work_name);
+    work_folder_publish(*folder, kWorkName);
 }
 
 int info_run(const info_options &options)

@@ -1,13 +1,13 @@
 #include "client/mux_command.h"
 
-#include "client/input/aac_input.h"
 #include "client/failure.h"
-#include "client/report/figures.h"
 #include "client/finished_file.h"
+#include "client/input/aac_input.h"
+#include "client/input/video_input.h"
 #include "client/interruption.h"
 #include "client/mux_file.h"
+#include "client/report/figures.h"
 #include "client/terminal.h"
-#include "client/input/video_input.h"
 #include "client/work_folder.h"
 
 #include <chrono>
@@ -17,14 +17,14 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-static constexpr char work_name[] = "movie.mp4";
-static constexpr int32_t AAC_TAG = 0xAAC0;
+static constexpr char kWorkName[] = "movie.mp4";
+static constexpr int32_t kAacTag = 0xAAC0;
 
 // Sound this late is as good as together with the picture.
-static constexpr int64_t LATE_TOLERANCE_US = 40'000;
+static constexpr int64_t kLateToleranceUs = 40'000;
 
 // Gaps in the sound that add up to less than this are not worth a word.
-static constexpr int64_t GAP_TOLERANCE_US = 100'000;
+static constexpr int64_t kGapToleranceUs = 100'000;
 
 struct muxing {
     std::unique_ptr<video_input> video; // null: no such track
@@ -44,11 +44,11 @@ static void align_sound(muxing &self, const mux_options &options)
     const bool one_file = self.video->file->clock.other != nullptr;
     const int64_t begin_us = one_file ? self.audio->begin_us : self.video->begin_us;
     const int64_t late_us = begin_us - self.origin_us;
-    if (std::abs(late_us) > ALIGNMENT_MAX_US) {
+    if (std::abs(late_us) > kAlignmentMaxUs) {
         stream_clock_part(self.audio->file->clock);
         return;
     }
-    const int64_t units = -late_us * self.audio->rate / (int64_t{1'000'000} * AAC_UNIT_SAMPLES);
+    const int64_t units = -late_us * self.audio->rate / (int64_t{1'000'000} * kAacUnitSamples);
     int64_t skipped = 0;
     while (skipped < units && aac_input_next(*self.audio)) {
         skipped++;
@@ -114,11 +114,11 @@ static void open_output(muxing &self, const mux_options &options, const work_fol
         tracks.m_iAudioSampleRate = self.audio->rate;
         tracks.m_iAudioBitsPerSample = 16;
         tracks.m_iAudioChannels = self.audio->channels;
-        tracks.m_iAudioCodec = AAC_TAG;
+        tracks.m_iAudioCodec = kAacTag;
         tracks.m_pbyAudioPrivate = self.audio->config.data();
         tracks.m_iAudioPrivateSize = static_cast<int32_t>(self.audio->config.size());
     }
-    mux_file_open(self.out, options, work_folder_path(folder, work_name),
+    mux_file_open(self.out, options, work_folder_path(folder, kWorkName),
                   work_folder_path(folder, ""), tracks);
 }
 
@@ -154,7 +154,7 @@ static void put_all(muxing &self)
 
 static file_summary read_back(const work_folder &folder)
 {
-    const int file = openat(folder.folder.descriptor, work_name, O_RDONLY | O_CLOEXEC);
+    const int file = openat(folder.folder.descriptor, kWorkName, O_RDONLY | O_CLOEXEC);
     const std::optional<file_summary> summary = file >= 0 ? finished_file_read(file) : std::nullopt;
     if (file >= 0) {
         close(file);
@@ -187,9 +187,9 @@ static void warn_of_sound(const std::string &path, const muxing &self)
         audio.last_us - audio.begin_us - aac_input_span_us(audio, audio.packets - 1);
     warn(path, "sound in front of the first picture left out", self.left_out_us / 1000, " ms");
     warn(path, "sound that begins after the first picture moved to the front by",
-         self.late_us > LATE_TOLERANCE_US ? self.late_us / 1000 : 0, " ms");
+         self.late_us > kLateToleranceUs ? self.late_us / 1000 : 0, " ms");
     warn(path, "gaps in the sound closed, by which what follows comes early",
-         gaps_us > GAP_TOLERANCE_US ? gaps_us / 1000 : 0, " ms");
+         gaps_us > kGapToleranceUs ? gaps_us / 1000 : 0, " ms");
 }
 
 static void warn_of_jumps(const mux_options &options, const muxing &self)
@@ -238,7 +238,7 @@ int mux_run(const mux_options &options)
     put_all(self);
     mux_file_close(self.out, options);
     const file_summary file = read_back(*folder);
-    work_folder_publish(*folder, work_name);
+    work_folder_publish(*folder, kWorkName);
     report(options, self, file,
            std::chrono::duration<double>(std::chrono::steady_clock::now() - begun).count());
     return 0;

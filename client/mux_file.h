@@ -3,7 +3,6 @@
 #define CLIENT_MUX_FILE_H
 
 #include "client/options.h"
-
 #include "mp4mux/mp4_mux.h"
 
 #include <cstdint>

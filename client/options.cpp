@@ -3,7 +3,6 @@
 #include "client/failure.h"
 
 #include <CLI/CLI.hpp>
-
 #include <cstdio>
 #include <iostream>
 

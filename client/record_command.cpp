@@ -1,14 +1,13 @@
 #include "client/record_command.h"
 
 #include "client/failure.h"
-#include "client/report/figures.h"
-#include "client/interruption.h"
 #include "client/il_session.h"
 #include "client/input/programme_input.h"
+#include "client/interruption.h"
+#include "client/report/figures.h"
 #include "client/storage_root.h"
 #include "client/summary.h"
 #include "client/terminal.h"
-
 #include "platform/omx_il.h"
 
 #include <algorithm>
@@ -20,11 +19,11 @@
 using steady = std::chrono::steady_clock;
 
 // Time stamps begin well above 0, which the component takes for "none yet".
-static constexpr int64_t TIME_BASE_US = 1'000'000;
+static constexpr int64_t kTimeBaseUs = 1'000'000;
 
 // The component's figure for a storage that is full, and the bit rate of its audio.
-static constexpr uint64_t FREE_BYTES_KEPT = uint64_t{51200} * 1024;
-static constexpr uint64_t AUDIO_BYTES_PER_SECOND = 128000 / 8;
+static constexpr uint64_t kFreeBytesKept = uint64_t{51200} * 1024;
+static constexpr uint64_t kAudioBytesPerSecond = 128000 / 8;
 
 // What the signal's thread has to clear away when the user gives up. It keeps the lock until the
 // process is gone, so that the recording does not move while it says where it stays.
@@ -83,10 +82,10 @@ static exit_code stop_code(uint32_t reason)
 static void check_free_space(const storage_root &storage)
 {
     const uint64_t free_bytes = storage_free_bytes(storage);
-    if (free_bytes <= FREE_BYTES_KEPT) {
-        throw failure(stop_code(STOP_STORAGE_FULL),
+    if (free_bytes <= kFreeBytesKept) {
+        throw failure(stop_code(kStopStorageFull),
                       "only " + size_text(free_bytes) + " are free for the output; the recorder " +
-                          "needs more than " + size_text(FREE_BYTES_KEPT));
+                          "needs more than " + size_text(kFreeBytesKept));
     }
 }
 
@@ -126,7 +125,7 @@ static void open_all(session &self)
 static uint64_t recorded_bytes(const session &self)
 {
     const uint64_t sent_us = static_cast<uint64_t>(self.sent_us);
-    const uint64_t sent = self.sent_video_bytes + sent_us * AUDIO_BYTES_PER_SECOND / 1'000'000;
+    const uint64_t sent = self.sent_video_bytes + sent_us * kAudioBytesPerSecond / 1'000'000;
     return std::max(storage_recorded_bytes(*self.storage), sent);
 }
 
@@ -174,16 +173,15 @@ static void send_time_base(session &self)
     static const uint8_t delimiter[] = {0, 0, 0, 1, 0x09, 0xF0};
     const int64_t interval_us = video_input_interval_us(*self.programme->video);
     self.lead_us = (interval_us + 999) / 1000 * 1000; // the component counts milliseconds
-    il_session_send(*self.component, PORT_VIDEO, delimiter, TIME_BASE_US,
-                    OMX_BUFFERFLAG_ENDOFFRAME);
+    il_session_send(*self.component, kPortVideo, delimiter, kTimeBaseUs, OMX_BUFFERFLAG_ENDOFFRAME);
 }
 
 static void send_unit(session &self, const programme_unit &unit)
 {
-    const int64_t time_us = TIME_BASE_US + self.lead_us + unit.time_us;
+    const int64_t time_us = kTimeBaseUs + self.lead_us + unit.time_us;
     const bool video = unit.kind == unit_kind::video;
     const uint32_t flags = OMX_BUFFERFLAG_ENDOFFRAME | (unit.idr ? OMX_BUFFERFLAG_SYNCFRAME : 0);
-    il_session_send(*self.component, video ? PORT_VIDEO : PORT_AUDIO, unit.bytes, time_us,
+    il_session_send(*self.component, video ? kPortVideo : kPortAudio, unit.bytes, time_us,
                     video ? flags : 0);
     self.sent_us = std::max(self.sent_us, unit.time_us);
     self.sent_video_bytes += video ? unit.bytes.size() : 0;
@@ -238,17 +236,17 @@ static void send_programme(session &self)
 static const char *reason_text(uint32_t reason)
 {
     switch (reason) {
-    case STOP_STORAGE:
+    case kStopStorage:
         return "the storage is not usable";
-    case STOP_STORAGE_FULL:
+    case kStopStorageFull:
         return "the free space is used up (the recorder leaves 52.4 MB)";
-    case STOP_OPEN_FAILED:
+    case kStopOpenFailed:
         return "the file could not be begun";
-    case STOP_WRITE_FAILED:
+    case kStopWriteFailed:
         return "writing the file failed";
-    case STOP_SIZE_LIMIT:
+    case kStopSizeLimit:
         return "the file reached its size limit";
-    case STOP_DESTROYED:
+    case kStopDestroyed:
         return "the component was destroyed";
     default:
         return "the component gave an unknown reason";
@@ -273,7 +271,7 @@ static void note_storage_failure(session &self, exit_code code, const std::strin
 // The storage is asked only where it may be the cause.
 static void note_stop(session &self, uint32_t reason)
 {
-    if (reason == STOP_STORAGE || reason == STOP_OPEN_FAILED || reason == STOP_WRITE_FAILED) {
+    if (reason == kStopStorage || reason == kStopOpenFailed || reason == kStopWriteFailed) {
         note_storage_failure(self, stop_code(reason), self.summary.ended);
     } else {
         note_failure(self, failure(stop_code(reason), self.summary.ended));
@@ -311,7 +309,7 @@ static void end_recording(session &self)
     try {
         const uint32_t reason = il_session_stop(*self.component);
         self.summary.stop_reason = reason;
-        if (reason != STOP_REQUEST) {
+        if (reason != kStopRequest) {
             self.summary.ended = reason_text(reason);
             note_stop(self, reason);
         }

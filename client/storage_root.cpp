@@ -1,7 +1,6 @@
 #include "client/storage_root.h"
 
 #include "client/failure.h"
-
 #include "platform/host/host_control.h"
 
 #include <array>
@@ -17,7 +16,7 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
-static constexpr char card_property[] = "qvr.sdcard.db.status";
+static constexpr char kCardProperty[] = "qvr.sdcard.db.status";
 
 [[noreturn]] static void fail(exit_code code, const std::string &what)
 {
@@ -61,7 +60,7 @@ static void provide_card(storage_root &root)
     if (!root.made_card && errno != EEXIST) {
         fail(exit_code::storage, "the card cannot be provided");
     }
-    host_set_property(card_property, "available");
+    host_set_property(kCardProperty, "available");
 }
 
 // In /mnt/sdcard there may be recordings that were left.
@@ -180,19 +179,19 @@ static bool is_at_limit(const storage_root &root)
 // Writes a little into the recording's folder. returns the reason why that fails, or 0.
 static int probe(const storage_root &root)
 {
-    static constexpr char name[] = "probe";
-    static constexpr std::array<char, 4096> block = {};
-    const int file = openat(root.scratch, name, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    static constexpr char kName[] = "probe";
+    static constexpr std::array<char, 4096> kBlock = {};
+    const int file = openat(root.scratch, kName, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
     if (file < 0) {
         return errno;
     }
     errno = ENOSPC; // for a write in part
     const bool is_written =
-        write(file, block.data(), block.size()) == static_cast<ssize_t>(block.size()) &&
+        write(file, kBlock.data(), kBlock.size()) == static_cast<ssize_t>(kBlock.size()) &&
         fsync(file) == 0;
     const int error = is_written ? 0 : errno;
     close(file);
-    unlinkat(root.scratch, name, 0);
+    unlinkat(root.scratch, kName, 0);
     return error;
 }
 

@@ -2,9 +2,8 @@
 
 #include "client/report/figures.h"
 
-#include <nlohmann/json.hpp>
-
 #include <cmath>
+#include <nlohmann/json.hpp>
 
 static double bit_rate(uint64_t bytes, double seconds)
 {

@@ -1,7 +1,6 @@
 #include "client/terminal.h"
 
 #include "client/failure.h"
-
 #include "platform/host/host_control.h"
 
 #include <cstdio>
@@ -12,7 +11,7 @@
 static std::mutex lock; // guards standard error
 static std::string shown_progress;
 
-static constexpr const char clear_line[] = "\r\033[K";
+static constexpr const char kClearLine[] = "\r\033[K";
 
 static void write_to_terminal(const std::string &text)
 {
@@ -23,7 +22,7 @@ static void write_to_terminal(const std::string &text)
 void terminal_say(const std::string &line)
 {
     const std::lock_guard<std::mutex> guard(lock);
-    const std::string clear = shown_progress.empty() ? "" : clear_line;
+    const std::string clear = shown_progress.empty() ? "" : kClearLine;
     write_to_terminal(clear + line + "\n" + shown_progress);
 }
 
@@ -43,7 +42,7 @@ void terminal_show_progress(const std::string &line)
     }
     const std::lock_guard<std::mutex> guard(lock);
     if (!line.empty() || !shown_progress.empty()) {
-        write_to_terminal(clear_line + line);
+        write_to_terminal(kClearLine + line);
     }
     shown_progress = line;
 }
@@ -68,8 +67,8 @@ static void say_component_line(void *with_routine, int, const char *tag, const c
 
 void terminal_follow_component(int verbosity)
 {
-    static constexpr int LOG_DEBUG = 3, LOG_INFO = 4, LOG_ERROR = 6;
+    static constexpr int kLogDebug = 3, kLogInfo = 4, kLogError = 6;
     static bool with_routine = true;
-    host_set_log_level(verbosity == 0 ? LOG_ERROR : verbosity == 1 ? LOG_INFO : LOG_DEBUG);
+    host_set_log_level(verbosity == 0 ? kLogError : verbosity == 1 ? kLogInfo : kLogDebug);
     host_set_log_sink(say_component_line, verbosity > 0 ? &with_routine : nullptr);
 }

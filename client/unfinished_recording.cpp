@@ -1,7 +1,7 @@
 #include "client/unfinished_recording.h"
 
-#include "client/report/figures.h"
 #include "client/output_place.h"
+#include "client/report/figures.h"
 
 #include <cerrno>
 #include <cstring>

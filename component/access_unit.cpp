@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-static constexpr uint32_t SHORT_START_CODE_BYTES = 3;
+static constexpr uint32_t kShortStartCodeBytes = 3;
 
 void write_be32(uint8_t *pOut, uint32_t value)
 {
@@ -37,7 +37,7 @@ bool take_unit(const uint8_t *pData, uint32_t length, uint32_t *pAt, nal_unit_t 
         return false;
     }
     const bool has_four_bytes = start_code > *pAt && pData[start_code - 1] == 0;
-    const uint32_t start = start_code + SHORT_START_CODE_BYTES;
+    const uint32_t start = start_code + kShortStartCodeBytes;
     uint32_t end = find_start_code(pData, start, length);
     while (end > start && pData[end - 1] == 0) {
         end--;

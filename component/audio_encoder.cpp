@@ -8,19 +8,19 @@
 #include <cstdlib>
 #include <cstring>
 
-static constexpr size_t PCM_QUEUE_DESCRIPTOR_BYTES = 80;
-static_assert(PCM_QUEUE_DESCRIPTOR_BYTES >= sizeof(tdmbrec_pcm_queue_t));
-static constexpr size_t AAC_OUT_BYTES = 0x200000;
+static constexpr size_t kPcmQueueDescriptorBytes = 80;
+static_assert(kPcmQueueDescriptorBytes >= sizeof(tdmbrec_pcm_queue_t));
+static constexpr size_t kAacOutBytes = 0x200000;
 
 // samplingFrequencyIndex, ISO/IEC 14496-3, Table 1.18 (Hz)
-static constexpr std::array<uint32_t, 13> SAMPLING_FREQUENCY = {
+static constexpr std::array<uint32_t, 13> kSamplingFrequency = {
     96000, 88200, 64000, 48000, 44100, 32000, 24000, 22050, 16000, 12000, 11025, 8000, 7350};
 
 int32_t getAACEncDSI(uint32_t sampleRate, uint32_t channels, uint8_t aucConfig[2],
                      uint32_t *puiLength)
 {
-    for (uint32_t index = 0; index < SAMPLING_FREQUENCY.size(); index++) {
-        if (SAMPLING_FREQUENCY[index] == sampleRate) {
+    for (uint32_t index = 0; index < kSamplingFrequency.size(); index++) {
+        if (kSamplingFrequency[index] == sampleRate) {
             // audioObjectType 2 (5 bits), samplingFrequencyIndex (4), channelConfiguration (4),
             // frameLengthFlag, dependsOnCoreCoder, extensionFlag (0)
             aucConfig[0] = static_cast<uint8_t>(0x10 | (index >> 1));
@@ -44,17 +44,16 @@ static void free_buffers(omx_tdmbrec_component_PrivateType *pPrivate)
 
 static bool allocate_buffers(omx_tdmbrec_component_PrivateType *pPrivate)
 {
-    pPrivate->pPcmQueue =
-        static_cast<tdmbrec_pcm_queue_t *>(QVR_malloc(PCM_QUEUE_DESCRIPTOR_BYTES));
+    pPrivate->pPcmQueue = static_cast<tdmbrec_pcm_queue_t *>(QVR_malloc(kPcmQueueDescriptorBytes));
     pPrivate->pucPcmBase = static_cast<uint8_t *>(QVR_malloc(PCM_QUEUE_BYTES));
-    pPrivate->pucAacOut = static_cast<uint8_t *>(QVR_malloc(AAC_OUT_BYTES));
+    pPrivate->pucAacOut = static_cast<uint8_t *>(QVR_malloc(kAacOutBytes));
     if (pPrivate->pPcmQueue == nullptr || pPrivate->pucPcmBase == nullptr ||
         pPrivate->pucAacOut == nullptr) {
         free_buffers(pPrivate);
         return false;
     }
     memset(pPrivate->pucPcmBase, 0, PCM_QUEUE_BYTES);
-    memset(pPrivate->pucAacOut, 0, AAC_OUT_BYTES);
+    memset(pPrivate->pucAacOut, 0, kAacOutBytes);
     *pPrivate->pPcmQueue = {.pucRead = pPrivate->pucPcmBase, .uiLength = 0};
     return true;
 }
@@ -73,7 +72,7 @@ static void describe_encoder(omx_tdmbrec_component_PrivateType *pPrivate)
                              .pfnRealloc = realloc,
                              .pfnMemmove = memmove};
     pPrivate->stZplAenc.pstMemory = &pPrivate->astMemFuncs;
-    pPrivate->stZplAenc.iState = ZPL_STATE_RUN;
+    pPrivate->stZplAenc.iState = kZplStateRun;
     pPrivate->stZplAenc.m_iAudioSamplePerSec =
         static_cast<int32_t>(load_shared(pPrivate->uiSampleRate));
     pPrivate->stZplAenc.m_iAudioChannels = static_cast<int32_t>(pPrivate->uiChannels);

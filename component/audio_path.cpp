@@ -9,7 +9,7 @@
 #include <algorithm>
 #include <cstring>
 
-static constexpr uint32_t BYTES_PER_SAMPLE_PAIR = 4; // 16-bit stereo
+static constexpr uint32_t kBytesPerSamplePair = 4; // 16-bit stereo
 
 static uint32_t *ring_time(uint8_t index)
 {
@@ -40,7 +40,7 @@ static bool initialise_encoder(omx_tdmbrec_component_PrivateType *pPrivate,
         return false;
     }
     pPrivate->uiAacInputSize = zpl_aenc_getSamplesSize();
-    pPrivate->uiAudioFrameMs = 1000 * (pPrivate->uiAacInputSize / BYTES_PER_SAMPLE_PAIR) /
+    pPrivate->uiAudioFrameMs = 1000 * (pPrivate->uiAacInputSize / kBytesPerSamplePair) /
                                static_cast<uint32_t>(pPrivate->stZplAenc.m_iAudioSamplePerSec);
     pPrivate->bEncoderReady = 1;
     return true;
@@ -140,11 +140,11 @@ static write_result_t write_complete_frames(omx_tdmbrec_component_PrivateType *p
         mp4_mux_putstream_t frame = {};
         encode_frame(pPrivate, &frame);
         const write_result_t result = write_frame(pPrivate, &frame);
-        if (result != WRITE_DONE) {
+        if (result != kWriteDone) {
             return result;
         }
     }
-    return WRITE_DONE;
+    return kWriteDone;
 }
 
 audio_result_t handle_audio_buffer(omx_tdmbrec_component_PrivateType *pPrivate,
@@ -152,21 +152,21 @@ audio_result_t handle_audio_buffer(omx_tdmbrec_component_PrivateType *pPrivate,
                                    write_result_t *pResult)
 {
     if (!initialise_encoder(pPrivate, pBuffer)) {
-        return AUDIO_RETRY;
+        return kAudioRetry;
     }
     const uint8_t *pData = pBuffer->pBuffer + pBuffer->nOffset;
     uint32_t left = pBuffer->nFilledLen;
     pBuffer->nFilledLen = 0;
     if (pPrivate->uiFirstVideoPts == 0 || pPrivate->uiFirstVideoPts > uiTime) {
-        return AUDIO_CONSUMED;
+        return kAudioConsumed;
     }
     queue_time(pPrivate, uiTime, left);
-    *pResult = WRITE_DONE;
-    while (left > 0 && *pResult == WRITE_DONE) {
+    *pResult = kWriteDone;
+    while (left > 0 && *pResult == kWriteDone) {
         const uint32_t appended = queue_pcm(pPrivate, pData, left);
         pData += appended;
         left -= appended;
         *pResult = write_complete_frames(pPrivate);
     }
-    return *pResult == WRITE_DONE ? AUDIO_CONSUMED : AUDIO_STOP;
+    return *pResult == kWriteDone ? kAudioConsumed : kAudioStop;
 }

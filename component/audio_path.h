@@ -6,9 +6,9 @@
 #include "component/omx_tdmbrec_component.h"
 
 typedef enum audio_result_t {
-    AUDIO_CONSUMED,
-    AUDIO_RETRY, // the encoder cannot be initialised; the buffer is untouched
-    AUDIO_STOP   // a write ended the recording, see *pResult
+    kAudioConsumed,
+    kAudioRetry, // the encoder cannot be initialised; the buffer is untouched
+    kAudioStop   // a write ended the recording, see *pResult
 } audio_result_t;
 
 // Queues the PCM of an audio buffer with time uiTime, encodes every frame that it completes, and

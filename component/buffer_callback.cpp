@@ -25,12 +25,12 @@ static bool lies_within_allocation(const OMX_BUFFERHEADERTYPE *pBuffer)
 static stop_demand_t demand_after_write(write_result_t result)
 {
     switch (result) {
-    case WRITE_FAILED:
+    case kWriteFailed:
         return TDMBREC_STOP_WRITE;
-    case WRITE_SIZE_LIMIT:
+    case kWriteSizeLimit:
         return TDMBREC_STOP_SIZE_LIMIT;
-    case WRITE_DONE:
-    case WRITE_NOTHING:
+    case kWriteDone:
+    case kWriteNothing:
         break;
     }
     return std::nullopt;
@@ -49,9 +49,9 @@ static stop_demand_t record_video(omx_tdmbrec_component_PrivateType *pPrivate,
 static stop_demand_t record_audio(omx_tdmbrec_component_PrivateType *pPrivate,
                                   OMX_BUFFERHEADERTYPE *pBuffer, uint32_t uiTime)
 {
-    write_result_t result = WRITE_DONE;
+    write_result_t result = kWriteDone;
     const audio_result_t audio = handle_audio_buffer(pPrivate, pBuffer, uiTime, &result);
-    return audio == AUDIO_STOP ? demand_after_write(result) : std::nullopt;
+    return audio == kAudioStop ? demand_after_write(result) : std::nullopt;
 }
 
 // The recording branch. Leaves the buffer consumed, except where it has to be offered again.
@@ -59,13 +59,13 @@ static stop_demand_t record_buffer(omx_tdmbrec_component_PrivateType *pPrivate,
                                    OMX_BUFFERHEADERTYPE *pBuffer)
 {
     switch (check_storage(pPrivate->szRecordingPath)) {
-    case STORAGE_UNUSABLE:
+    case kStorageUnusable:
         pBuffer->nFilledLen = 0;
         return TDMBREC_STOP_STORAGE;
-    case STORAGE_FULL:
+    case kStorageFull:
         pBuffer->nFilledLen = 0;
         return TDMBREC_STOP_STORAGE_FULL;
-    case STORAGE_USABLE:
+    case kStorageUsable:
         break;
     }
     if (!lies_within_allocation(pBuffer)) {

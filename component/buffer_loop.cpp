@@ -12,11 +12,11 @@
 
 // A buffer that the callback keeps while Executing waits for something that nobody signals: the
 // loop looks again at this interval.
-static constexpr useconds_t LOOK_US = 5000;
+static constexpr useconds_t kLookUs = 5000;
 // It is offered again after a rest that doubles with every refusal: an audio encoder that never
 // opens must not fill the log.
-static constexpr int64_t SHORTEST_REST_US = 5000;
-static constexpr int64_t LONGEST_REST_US = 1000000;
+static constexpr int64_t kShortestRestUs = 5000;
+static constexpr int64_t kLongestRestUs = 1000000;
 
 typedef struct port_hand_t {
     bool needs_buffer;
@@ -143,7 +143,7 @@ static void offer_buffer(OMX_COMPONENTTYPE *pComponent, uint8_t port, port_hand_
     pPrivate->ucBufferPort = port;
     pPrivate->stBase.pfnBufferMgmtCallback(pComponent, pHand->pBuffer);
     if (pHand->pBuffer->nFilledLen > 0) {
-        pHand->rest_us = std::clamp(2 * pHand->rest_us, SHORTEST_REST_US, LONGEST_REST_US);
+        pHand->rest_us = std::clamp(2 * pHand->rest_us, kShortestRestUs, kLongestRestUs);
         pHand->retry_us = now_us() + pHand->rest_us;
     }
 }
@@ -181,7 +181,7 @@ static bool serve_buffers(OMX_COMPONENTTYPE *pComponent, port_hands_t &hands)
 static void rest(omx_base_sink_PrivateType *pSink)
 {
     if (omx_base_get_state(pSink) == OMX_StateExecuting) {
-        usleep(LOOK_US);
+        usleep(kLookUs);
     } else {
         tsem_down(&pSink->semBufferThread);
     }

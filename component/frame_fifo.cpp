@@ -9,9 +9,9 @@
 #include <optional>
 
 enum fifo_state_t : uint8_t { // 0: never initialised
-    FIFO_EMPTY = 1,
-    FIFO_FULL = 2, // no entry is left, or no room was left for a frame
-    FIFO_NEITHER = 3
+    kFifoEmpty = 1,
+    kFifoFull = 2, // no entry is left, or no room was left for a frame
+    kFifoNeither = 3
 };
 
 typedef struct frame_entry_t {
@@ -31,7 +31,7 @@ typedef struct alignas(8) fifo_position_t {
     uint8_t ucReserved; // 0
 } fifo_position_t;
 static_assert(sizeof(fifo_position_t) == 8);
-static_assert(is_shareable<fifo_position_t>, "build for a machine with atomic 64-bit words");
+static_assert(kIsShareable<fifo_position_t>, "build for a machine with atomic 64-bit words");
 
 typedef struct frame_fifo_t {
     frame_entry_t astEntry[QVR_FIFO_FRAMES];
@@ -65,7 +65,7 @@ static bool change_position(frame_fifo_t *pFifo, fifo_position_t from, fifo_posi
 
 static int32_t count_frames(fifo_position_t position)
 {
-    if (position.ucState != FIFO_FULL && position.ucState != FIFO_NEITHER) {
+    if (position.ucState != kFifoFull && position.ucState != kFifoNeither) {
         return 0;
     }
     const int32_t distance = position.usWrite - position.usRead;
@@ -74,7 +74,7 @@ static int32_t count_frames(fifo_position_t position)
 
 static bool can_grow(fifo_position_t position)
 {
-    return position.ucState == FIFO_EMPTY || position.ucState == FIFO_NEITHER;
+    return position.ucState == kFifoEmpty || position.ucState == kFifoNeither;
 }
 
 static uint16_t next_index(fifo_position_t position, uint16_t index)
@@ -94,7 +94,7 @@ void QVR_FIFO_InitBuffer(uint32_t fifo, uint32_t size, void *storage)
         pFifo->pucData = static_cast<uint8_t *>(storage);
         pFifo->uiDataSize = size;
     }
-    const fifo_position_t start = {.usCapacity = QVR_FIFO_FRAMES, .ucState = FIFO_EMPTY};
+    const fifo_position_t start = {.usCapacity = QVR_FIFO_FRAMES, .ucState = kFifoEmpty};
     store_shared(pFifo->stPosition, start);
 }
 
@@ -135,7 +135,7 @@ static frame_entry_t *reserve(frame_fifo_t *pFifo, uint32_t length, int64_t time
             return pEntry;
         }
         fifo_position_t full = position;
-        full.ucState = FIFO_FULL;
+        full.ucState = kFifoFull;
         if (pFifo->bIsRefusing != 0 || change_position(pFifo, position, full)) {
             return nullptr;
         }
@@ -226,7 +226,7 @@ int32_t QVR_FIFO_Push(uint32_t fifo)
     while (pFifo->bIsRefusing == 0 && can_grow(position)) {
         fifo_position_t pushed = position;
         pushed.usWrite = next_index(position, position.usWrite);
-        pushed.ucState = pushed.usWrite == position.usRead ? FIFO_FULL : FIFO_NEITHER;
+        pushed.ucState = pushed.usWrite == position.usRead ? kFifoFull : kFifoNeither;
         if (change_position(pFifo, position, pushed)) {
             return 1;
         }
@@ -260,7 +260,7 @@ int32_t QVR_FIFO_PopFrame(uint32_t fifo)
         store_shared(pFifo->uiDataRead, pEntry->uiOffset + pEntry->uiLength);
         fifo_position_t popped = position;
         popped.usRead = next_index(position, position.usRead);
-        popped.ucState = popped.usRead == position.usWrite ? FIFO_EMPTY : FIFO_NEITHER;
+        popped.ucState = popped.usRead == position.usWrite ? kFifoEmpty : kFifoNeither;
         if (change_position(pFifo, position, popped)) {
             return 1;
         }

@@ -4,26 +4,26 @@
 #include "component/mux_session.h"
 #include "component/process_state.h"
 
-static constexpr int64_t LARGEST_FILE_BYTES = 1800000000;
-static constexpr int TRACE_LINE = 829; // the place that the device's log names
+static constexpr int64_t kLargestFileBytes = 1800000000;
+static constexpr int kTraceLine = 829; // the place that the device's log names
 
 static write_result_t put_frame_locked(omx_tdmbrec_component_PrivateType *pPrivate,
                                        mp4_mux_putstream_t *pFrame, int32_t *piMuxResult)
 {
     if (pPrivate->iMuxOpenResult != 0) {
-        return WRITE_NOTHING;
+        return kWriteNothing;
     }
     int64_t estimated_bytes = 0;
     *piMuxResult = QVR_MP4_MUX(MUX_PUTFRAME, &pPrivate->hMux, pFrame, &estimated_bytes);
     if (*piMuxResult < 0) {
-        return WRITE_FAILED;
+        return kWriteFailed;
     }
     if (pFrame->m_iType == MUX_TYPE_AUDIO) {
         pPrivate->bAudioWritten = 1;
     } else {
         pPrivate->bVideoWritten = 1;
     }
-    return estimated_bytes > LARGEST_FILE_BYTES ? WRITE_SIZE_LIMIT : WRITE_DONE;
+    return estimated_bytes > kLargestFileBytes ? kWriteSizeLimit : kWriteDone;
 }
 
 write_result_t put_frame(omx_tdmbrec_component_PrivateType *pPrivate, mp4_mux_putstream_t *pFrame,
@@ -60,17 +60,17 @@ write_result_t write_frame(omx_tdmbrec_component_PrivateType *pPrivate, mp4_mux_
 {
     const uint32_t origin = pPrivate->uiFirstVideoPts;
     if (origin == 0 || origin > pFrame->m_uiTimeStamp) {
-        return WRITE_DONE;
+        return kWriteDone;
     }
     pFrame->m_uiTimeStamp -= origin;
     pFrame->m_uiTimeStamp2 -= origin;
     if (pFrame->m_iType == 0 || pPrivate->iMuxOpenResult != 0) {
-        return WRITE_DONE;
+        return kWriteDone;
     }
     int32_t mux_result = 0;
     const write_result_t result = put_frame(pPrivate, pFrame, &mux_result);
-    if (result == WRITE_FAILED) {
-        log_mux_error(pPrivate, mux_result, "omx_tdmbrec_component_BufferMgmtCallback", TRACE_LINE);
+    if (result == kWriteFailed) {
+        log_mux_error(pPrivate, mux_result, "omx_tdmbrec_component_BufferMgmtCallback", kTraceLine);
     }
     return result;
 }

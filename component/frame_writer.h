@@ -5,10 +5,10 @@
 #include "component/omx_tdmbrec_component.h"
 
 typedef enum write_result_t {
-    WRITE_DONE,       // written, or nothing to write yet
-    WRITE_FAILED,     // the muxer failed
-    WRITE_SIZE_LIMIT, // written, and the file has grown past its limit
-    WRITE_NOTHING     // no frame, or no file yet
+    kWriteDone,      // written, or nothing to write yet
+    kWriteFailed,    // the muxer failed
+    kWriteSizeLimit, // written, and the file has grown past its limit
+    kWriteNothing    // no frame, or no file yet
 } write_result_t;
 
 // Writes a frame whose times are those of the file.
@@ -28,7 +28,7 @@ void log_mux_error(omx_tdmbrec_component_PrivateType *pPrivate, int32_t mux_resu
 
 // Writes a frame whose times are on the recording's time line and logs a failure; frames before the
 // file's first video frame, and of kind 0, are not written.
-// returns  all but WRITE_NOTHING
+// returns  all but kWriteNothing
 // thread:  the buffer thread, while recording
 [[nodiscard]] write_result_t write_frame(omx_tdmbrec_component_PrivateType *pPrivate,
                                          mp4_mux_putstream_t *pFrame);

@@ -14,16 +14,16 @@
 #include <cstdlib>
 #include <cstring>
 
-static constexpr size_t CACHE_BLOCK_BYTES = 0x240000;
-static constexpr int32_t OUTPUT_CACHE_BYTES = 0x100000;
-static constexpr int32_t VIDEO_CACHE_BYTES = 0xC0000;
-static constexpr int32_t AUDIO_CACHE_BYTES = 0x80000;
-static_assert(CACHE_BLOCK_BYTES == OUTPUT_CACHE_BYTES + VIDEO_CACHE_BYTES + AUDIO_CACHE_BYTES);
-static constexpr int32_t CLOSE_MEMORY_BYTES = 0x300000;
+static constexpr size_t kCacheBlockBytes = 0x240000;
+static constexpr int32_t kOutputCacheBytes = 0x100000;
+static constexpr int32_t kVideoCacheBytes = 0xC0000;
+static constexpr int32_t kAudioCacheBytes = 0x80000;
+static_assert(kCacheBlockBytes == kOutputCacheBytes + kVideoCacheBytes + kAudioCacheBytes);
+static constexpr int32_t kCloseMemoryBytes = 0x300000;
 
-static constexpr int32_t VIDEO_WIDTH = 320;        // pixels
-static constexpr int32_t VIDEO_HEIGHT = 240;       // pixels
-static constexpr int32_t VIDEO_FRAME_RATE = 30000; // frames in 1000 s
+static constexpr int32_t kVideoWidth = 320;       // pixels
+static constexpr int32_t kVideoHeight = 240;      // pixels
+static constexpr int32_t kVideoFrameRate = 30000; // frames in 1000 s
 
 static int c_file_at_end(void *hFile)
 {
@@ -68,10 +68,10 @@ static void fill_init(omx_tdmbrec_component_PrivateType *pPrivate)
     pInit->m_pOutput = pPrivate->szRecordingPath;
     pInit->m_uiStreamFlags = MUX_STREAM_VIDEO | MUX_STREAM_AUDIO;
     pInit->m_uiOptions = MUX_OPTION_32BIT_OFFSET;
-    pInit->m_pCacheMem = QVR_malloc(CACHE_BLOCK_BYTES);
-    pInit->m_iCacheSize = OUTPUT_CACHE_BYTES;
-    pInit->m_iVideoCacheSize = VIDEO_CACHE_BYTES;
-    pInit->m_iAudioCacheSize = AUDIO_CACHE_BYTES;
+    pInit->m_pCacheMem = QVR_malloc(kCacheBlockBytes);
+    pInit->m_iCacheSize = kOutputCacheBytes;
+    pInit->m_iVideoCacheSize = kVideoCacheBytes;
+    pInit->m_iAudioCacheSize = kAudioCacheBytes;
     pInit->m_pszTempDir = is_on_removable_storage(pPrivate->szRecordingPath)
                               ? REMOVABLE_STORAGE_ROOT
                               : BUILT_IN_STORAGE_ROOT;
@@ -89,9 +89,9 @@ static void fill_input(omx_tdmbrec_component_PrivateType *pPrivate)
     pInput->m_iHour = 17;
     pInput->m_iMinute = 5;
     pInput->m_iSecond = 18;
-    pInput->m_iVideoWidth = VIDEO_WIDTH;
-    pInput->m_iVideoHeight = VIDEO_HEIGHT;
-    pInput->m_iVideoFrameRate = VIDEO_FRAME_RATE;
+    pInput->m_iVideoWidth = kVideoWidth;
+    pInput->m_iVideoHeight = kVideoHeight;
+    pInput->m_iVideoFrameRate = kVideoFrameRate;
     memcpy(&pInput->m_uiVideoFourCC, "avc1", 4);
     pInput->m_pbyVideoPrivate = pPrivate->aucVideoConfig;
     pInput->m_iVideoPrivateSize = pPrivate->ucVideoConfigLen;
@@ -120,8 +120,8 @@ static OMX_ERRORTYPE open_session_locked(omx_tdmbrec_component_PrivateType *pPri
     pPrivate->hMux = nullptr;
     fill_init(pPrivate);
     fill_input(pPrivate);
-    pPrivate->stMuxCloseMem = {.m_pMem = QVR_malloc(CLOSE_MEMORY_BYTES),
-                               .m_iSize = CLOSE_MEMORY_BYTES};
+    pPrivate->stMuxCloseMem = {.m_pMem = QVR_malloc(kCloseMemoryBytes),
+                               .m_iSize = kCloseMemoryBytes};
     pPrivate->uiFirstVideoPts = 0;
     // Whatever the result, the close has to run and free the blocks.
     pPrivate->bMuxOpen = 1;
@@ -151,12 +151,12 @@ OMX_ERRORTYPE omx_tdmbrec_mp4_mux_Init(omx_tdmbrec_component_PrivateType *pPriva
 static void complete_sound_track(omx_tdmbrec_component_PrivateType *pPrivate)
 {
     // ISO/IEC 14496-3 channel_pair_element() with max_sfb 0 in both channels, then END.
-    static constexpr uint8_t SILENT_PAIR[] = {0x20, 0, 0, 0, 0, 0, 0x0E};
+    static constexpr uint8_t kSilentPair[] = {0x20, 0, 0, 0, 0, 0, 0x0E};
     if (pPrivate->bVideoWritten == 0 || pPrivate->bAudioWritten != 0) {
         return;
     }
-    mp4_mux_putstream_t frame = {.m_pbyData = SILENT_PAIR,
-                                 .m_iDataSize = sizeof(SILENT_PAIR),
+    mp4_mux_putstream_t frame = {.m_pbyData = kSilentPair,
+                                 .m_iDataSize = sizeof(kSilentPair),
                                  .m_iType = MUX_TYPE_AUDIO,
                                  .m_uiTimeStamp = 0,
                                  .m_uiTimeStamp2 = 0,

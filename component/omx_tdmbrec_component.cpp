@@ -9,18 +9,18 @@
 
 #include <cstring>
 
-static constexpr char RECORDER_NAME[] = "OMX.qvr.tdmb.rec";
-static constexpr char VIDEO_DECODER_NAME[] = "OMX.qvr.video_decoder";
-static constexpr char AVC_DECODER_NAME[] = "OMX.QVR.avcdec";
+static constexpr char kRecorderName[] = "OMX.qvr.tdmb.rec";
+static constexpr char kVideoDecoderName[] = "OMX.qvr.video_decoder";
+static constexpr char kAvcDecoderName[] = "OMX.QVR.avcdec";
 
-static constexpr uint32_t FRAME_WIDTH = 320;  // pixels
-static constexpr uint32_t FRAME_HEIGHT = 240; // pixels
-static constexpr uint32_t FRAME_RATE = 30;    // a plain integer in a Q16 field
-static constexpr uint32_t CHANNELS = 2;
-static constexpr uint32_t SAMPLE_RATE = 48000; // Hz
-static constexpr uint32_t BITS_PER_SAMPLE = 16;
-static constexpr uint32_t AAC_CODEC_TAG = 0xAAC0;
-static constexpr uint32_t BIT_RATE = 128000; // bit/s
+static constexpr uint32_t kFrameWidth = 320;  // pixels
+static constexpr uint32_t kFrameHeight = 240; // pixels
+static constexpr uint32_t kFrameRate = 30;    // a plain integer in a Q16 field
+static constexpr uint32_t kChannels = 2;
+static constexpr uint32_t kSampleRate = 48000; // Hz
+static constexpr uint32_t kBitsPerSample = 16;
+static constexpr uint32_t kAacCodecTag = 0xAAC0;
+static constexpr uint32_t kBitRate = 128000; // bit/s
 
 static void set_initial_fields(omx_tdmbrec_component_PrivateType *pPrivate)
 {
@@ -64,9 +64,9 @@ static OMX_ERRORTYPE allocate_ports(omx_base_sink_PrivateType *pSink)
 static void describe_video_port(omx_base_port_PrivateType *pPort)
 {
     OMX_PARAM_PORTDEFINITIONTYPE *const pDefinition = &pPort->stPortDefinition;
-    pDefinition->format.video.nFrameWidth = FRAME_WIDTH;
-    pDefinition->format.video.nFrameHeight = FRAME_HEIGHT;
-    pDefinition->format.video.xFramerate = FRAME_RATE;
+    pDefinition->format.video.nFrameWidth = kFrameWidth;
+    pDefinition->format.video.nFrameHeight = kFrameHeight;
+    pDefinition->format.video.xFramerate = kFrameRate;
     pDefinition->nBufferSize = TDMBREC_PORT_BUFFER_BYTES;
 }
 
@@ -101,19 +101,19 @@ static OMX_ERRORTYPE construct_ports(OMX_COMPONENTTYPE *pComponent)
 
 static void set_audio_defaults(omx_tdmbrec_component_PrivateType *pPrivate)
 {
-    pPrivate->uiChannels = CHANNELS;
-    pPrivate->uiSampleRate = SAMPLE_RATE;
-    pPrivate->uiBitsPerSample = BITS_PER_SAMPLE;
-    pPrivate->uiAudioCodecTag = AAC_CODEC_TAG;
-    pPrivate->uiBitRate = BIT_RATE;
+    pPrivate->uiChannels = kChannels;
+    pPrivate->uiSampleRate = kSampleRate;
+    pPrivate->uiBitsPerSample = kBitsPerSample;
+    pPrivate->uiAudioCodecTag = kAacCodecTag;
+    pPrivate->uiBitRate = kBitRate;
 }
 
 static OMX_ERRORTYPE select_video_coding(omx_tdmbrec_component_PrivateType *pPrivate,
                                          const char *pszName)
 {
-    if (strcmp(pszName, AVC_DECODER_NAME) == 0) {
+    if (strcmp(pszName, kAvcDecoderName) == 0) {
         pPrivate->uiVideoCoding = OMX_VIDEO_CodingAVC;
-    } else if (strcmp(pszName, VIDEO_DECODER_NAME) == 0 || strcmp(pszName, RECORDER_NAME) == 0) {
+    } else if (strcmp(pszName, kVideoDecoderName) == 0 || strcmp(pszName, kRecorderName) == 0) {
         pPrivate->uiVideoCoding = OMX_VIDEO_CodingUnused;
     } else {
         return OMX_ErrorInvalidComponentName;

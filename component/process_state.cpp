@@ -22,14 +22,14 @@ claim_result_t claim_recording(omx_tdmbrec_component_PrivateType *pPrivate)
     while (!swap_shared(global_recording_owner, pNobody, pPrivate)) {
         const omx_tdmbrec_component_PrivateType *const pOwner = load_shared(global_recording_owner);
         if (pOwner != pPrivate && pOwner != nullptr) {
-            return CLAIM_OTHER_COMPONENT;
+            return kClaimOtherComponent;
         }
         if (load_shared(pPrivate->bRecording) == 1) {
-            return CLAIM_RECORDING;
+            return kClaimRecording;
         }
         usleep(1);
     }
-    return CLAIM_GRANTED;
+    return kClaimGranted;
 }
 
 void release_recording(omx_tdmbrec_component_PrivateType *pPrivate)

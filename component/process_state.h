@@ -36,15 +36,11 @@ extern uint32_t global_ui_AUDIO_PTS[2 * AUDIO_PTS_ENTRIES];
 // The component whose recording is being prepared, running or being closed; null when none is.
 extern omx_tdmbrec_component_PrivateType *global_recording_owner; // atomic
 
-// Makes the component the one that records in the process. CLAIM_GRANTED: from now on it is, until
+// Makes the component the one that records in the process. kClaimGranted: from now on it is, until
 // release_recording; its last recording, if it had one, is closed (the claim waits for that, not
-// for the report of its end). CLAIM_RECORDING: it records already. CLAIM_OTHER_COMPONENT: another
+// for the report of its end). kClaimRecording: it records already. kClaimOtherComponent: another
 // one records or is being closed. thread: any that does not hold the claim.
-typedef enum claim_result_t {
-    CLAIM_GRANTED,
-    CLAIM_RECORDING,
-    CLAIM_OTHER_COMPONENT
-} claim_result_t;
+typedef enum claim_result_t { kClaimGranted, kClaimRecording, kClaimOtherComponent } claim_result_t;
 [[nodiscard]] claim_result_t claim_recording(omx_tdmbrec_component_PrivateType *pPrivate);
 // Lets the next recording of the process begin. The record is only named, not touched.
 void release_recording(omx_tdmbrec_component_PrivateType *pPrivate);

@@ -59,12 +59,12 @@ static OMX_ERRORTYPE start_claimed_recording(OMX_COMPONENTTYPE *pComponent)
 OMX_ERRORTYPE start_recording(OMX_COMPONENTTYPE *pComponent)
 {
     switch (claim_recording(private_record(pComponent))) {
-    case CLAIM_GRANTED:
+    case kClaimGranted:
         return start_claimed_recording(pComponent);
-    case CLAIM_RECORDING:
+    case kClaimRecording:
         __android_log_print(ANDROID_LOG_WARN, TDMBREC_LOG_TAG, "Start while recording: ignored\n");
         return OMX_ErrorNone;
-    case CLAIM_OTHER_COMPONENT:
+    case kClaimOtherComponent:
         break;
     }
     __android_log_print(ANDROID_LOG_ERROR, TDMBREC_LOG_TAG,

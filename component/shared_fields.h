@@ -10,13 +10,13 @@
 
 // A field that can be shared: the machine has its operations, and nobody waits for a hidden lock.
 template <typename T>
-inline constexpr bool is_shareable = std::is_trivially_copyable_v<T> &&
-    __atomic_always_lock_free(sizeof(T), nullptr);
+inline constexpr bool kIsShareable =
+    std::is_trivially_copyable_v<T> && __atomic_always_lock_free(sizeof(T), nullptr);
 
 template <typename T>
 [[nodiscard]] inline T load_shared(T &field)
 {
-    static_assert(is_shareable<T>);
+    static_assert(kIsShareable<T>);
     T value;
     __atomic_load(&field, &value, __ATOMIC_SEQ_CST);
     return value;
@@ -25,14 +25,14 @@ template <typename T>
 template <typename T>
 inline void store_shared(T &field, T value)
 {
-    static_assert(is_shareable<T>);
+    static_assert(kIsShareable<T>);
     __atomic_store(&field, &value, __ATOMIC_SEQ_CST);
 }
 
 template <typename T>
 [[nodiscard]] inline T exchange_shared(T &field, T value)
 {
-    static_assert(is_shareable<T>);
+    static_assert(kIsShareable<T>);
     T before;
     __atomic_exchange(&field, &value, &before, __ATOMIC_SEQ_CST);
     return before;
@@ -43,7 +43,7 @@ template <typename T>
 template <typename T>
 [[nodiscard]] inline bool swap_shared(T &field, T from, T to)
 {
-    static_assert(is_shareable<T>);
+    static_assert(kIsShareable<T>);
     return __atomic_compare_exchange(&field, &from, &to, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);
 }
 

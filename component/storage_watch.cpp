@@ -7,7 +7,7 @@
 
 #include <cstring>
 
-static constexpr unsigned long LEAST_FREE_KIB = 51200; // at or below this the storage is full
+static constexpr unsigned long kLeastFreeKib = 51200; // at or below this the storage is full
 
 static bool begins_with(const char *pszPath, const char *pszRoot)
 {
@@ -66,16 +66,16 @@ static storage_state_t check_storage_locked(const char *pszPath)
 {
     const df_record_t *const pRecord = query_storage_locked(pszPath);
     if (pRecord == nullptr) {
-        return STORAGE_UNUSABLE;
+        return kStorageUnusable;
     }
-    if (pRecord->ulFreeKiB <= LEAST_FREE_KIB) {
+    if (pRecord->ulFreeKiB <= kLeastFreeKib) {
         __android_log_print(ANDROID_LOG_DEBUG, TDMBREC_LOG_TAG, "%-18s%-20s%20lu%20lu\n",
                             pRecord->pszFileSystem, pRecord->pszMountPoint, pRecord->ulTotalKiB,
                             pRecord->ulFreeKiB);
         close_storage_locked();
-        return STORAGE_FULL;
+        return kStorageFull;
     }
-    return STORAGE_USABLE;
+    return kStorageUsable;
 }
 
 storage_state_t check_storage(const char *pszPath)

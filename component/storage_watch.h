@@ -9,9 +9,9 @@
 #define REMOVABLE_STORAGE_ROOT "/mnt/sdcard/tflash"
 
 typedef enum storage_state_t {
-    STORAGE_USABLE,
-    STORAGE_UNUSABLE, // no handle, not available, on neither root, or the query failed
-    STORAGE_FULL      // too little room; the handle has been closed and the figures logged
+    kStorageUsable,
+    kStorageUnusable, // no handle, not available, on neither root, or the query failed
+    kStorageFull      // too little room; the handle has been closed and the figures logged
 } storage_state_t;
 
 // True when the path begins with the removable storage's root.

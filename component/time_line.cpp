@@ -7,7 +7,7 @@
 #include <algorithm>
 #include <cstdint>
 
-static constexpr char RULER[] = // 80 characters
+static constexpr char kRuler[] = // 80 characters
     "################################################################################";
 
 static uint32_t saturate_ms(uint64_t time_ms)
@@ -33,7 +33,7 @@ static void count_rollback(uint8_t *pucCount)
 
 static void log_ruler(void)
 {
-    __android_log_print(ANDROID_LOG_INFO, TDMBREC_LOG_TAG, "%s", RULER);
+    __android_log_print(ANDROID_LOG_INFO, TDMBREC_LOG_TAG, "%s", kRuler);
 }
 
 static void repair_audio_rollback(omx_tdmbrec_component_PrivateType *pPrivate, int64_t ts_us)

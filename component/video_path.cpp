@@ -11,7 +11,7 @@
 #include <algorithm>
 #include <cstring>
 
-static constexpr uint32_t LARGEST_ACCESS_UNIT = INT32_MAX / 2; // with lengths it stays an int32_t
+static constexpr uint32_t kLargestAccessUnit = INT32_MAX / 2; // with lengths it stays an int32_t
 
 // Zeros may lead up to the first start code (leading_zero_8bits).
 static void skip_leading_zeros(uint8_t **ppData, uint32_t *pLength)
@@ -222,7 +222,7 @@ static bool handle_access_unit(omx_tdmbrec_component_PrivateType *pPrivate, uint
 {
     skip_leading_zeros(&pData, &length);
     access_unit_t access_unit;
-    if (length > LARGEST_ACCESS_UNIT || !describe_access_unit(pData, length, &access_unit)) {
+    if (length > kLargestAccessUnit || !describe_access_unit(pData, length, &access_unit)) {
         __android_log_print(ANDROID_LOG_ERROR, TDMBREC_LOG_TAG,
                             "No access unit behind a start code: %u bytes dropped\n", length);
         return true;

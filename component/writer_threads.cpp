@@ -9,7 +9,7 @@
 
 #include <unistd.h>
 
-static constexpr useconds_t IDLE_US = 10000;
+static constexpr useconds_t kIdleUs = 10000;
 
 typedef struct writer_t {
     uint32_t uiFifo;
@@ -18,9 +18,9 @@ typedef struct writer_t {
     int iLine; // with the function, the place that the device's log names
 } writer_t;
 
-static constexpr writer_t VIDEO_WRITER = {QVR_FIFO_VIDEO, MUX_TYPE_VIDEO,
+static constexpr writer_t kVideoWriter = {QVR_FIFO_VIDEO, MUX_TYPE_VIDEO,
                                           "omx_tdmbrec_video_thread", 2221};
-static constexpr writer_t AUDIO_WRITER = {QVR_FIFO_AUDIO, MUX_TYPE_AUDIO,
+static constexpr writer_t kAudioWriter = {QVR_FIFO_AUDIO, MUX_TYPE_AUDIO,
                                           "omx_tdmbrec_audio_thread", 2152};
 
 // Writes the oldest frame, if there is one; it stays in the FIFO while there is no file.
@@ -32,13 +32,13 @@ static write_result_t write_oldest_frame(omx_tdmbrec_component_PrivateType *pPri
     int64_t time = 0;
     frame.m_pbyData = QVR_FIFO_GetOneFrame(pWriter->uiFifo, &length, &time, &frame.m_uiFlags);
     if (frame.m_pbyData == nullptr) {
-        return WRITE_NOTHING;
+        return kWriteNothing;
     }
     frame.m_iDataSize = static_cast<int32_t>(length);
     frame.m_uiTimeStamp = static_cast<uint32_t>(time);
     frame.m_uiTimeStamp2 = frame.m_uiTimeStamp;
     const write_result_t result = put_frame(pPrivate, &frame, piMuxResult);
-    if (result != WRITE_NOTHING) {
+    if (result != kWriteNothing) {
         (void)QVR_FIFO_PopFrame(pWriter->uiFifo);
     }
     return result;
@@ -53,7 +53,7 @@ static void end_recording(OMX_COMPONENTTYPE *pComponent, const writer_t *pWriter
     log_mux_error(pPrivate, mux_result, pWriter->pszFunction, pWriter->iLine);
     if (ends_recording) {
         begin_stop(pComponent,
-                   result == WRITE_FAILED ? TDMBREC_STOP_WRITE : TDMBREC_STOP_SIZE_LIMIT);
+                   result == kWriteFailed ? TDMBREC_STOP_WRITE : TDMBREC_STOP_SIZE_LIMIT);
     }
 }
 
@@ -64,13 +64,13 @@ static void write_frames(OMX_COMPONENTTYPE *pComponent, const writer_t *pWriter)
         int32_t mux_result = 0;
         const write_result_t result = write_oldest_frame(pPrivate, pWriter, &mux_result);
         switch (result) {
-        case WRITE_DONE:
+        case kWriteDone:
             break;
-        case WRITE_NOTHING:
-            usleep(IDLE_US);
+        case kWriteNothing:
+            usleep(kIdleUs);
             break;
-        case WRITE_FAILED:
-        case WRITE_SIZE_LIMIT:
+        case kWriteFailed:
+        case kWriteSizeLimit:
             end_recording(pComponent, pWriter, result, mux_result);
             return;
         }
@@ -79,12 +79,12 @@ static void write_frames(OMX_COMPONENTTYPE *pComponent, const writer_t *pWriter)
 
 void *omx_tdmbrec_video_thread(void *pHandle)
 {
-    write_frames(static_cast<OMX_COMPONENTTYPE *>(pHandle), &VIDEO_WRITER);
+    write_frames(static_cast<OMX_COMPONENTTYPE *>(pHandle), &kVideoWriter);
     pthread_exit(nullptr);
 }
 
 void *omx_tdmbrec_audio_thread(void *pHandle)
 {
-    write_frames(static_cast<OMX_COMPONENTTYPE *>(pHandle), &AUDIO_WRITER);
+    write_frames(static_cast<OMX_COMPONENTTYPE *>(pHandle), &kAudioWriter);
     pthread_exit(nullptr);
 }

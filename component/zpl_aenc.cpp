@@ -4,11 +4,11 @@
 
 #include <cstring>
 
-static constexpr int32_t STREAM_BUFFER_BYTES = 2048;
-static constexpr int32_t SAMPLES_PER_CHANNEL = 1024;
-static constexpr int32_t DEFAULT_SAMPLE_BITS = 16;
-static constexpr char RULER[] = "---------------------------------------------------"; // 51
-static_assert(sizeof(RULER) == 51 + 1);
+static constexpr int32_t kStreamBufferBytes = 2048;
+static constexpr int32_t kSamplesPerChannel = 1024;
+static constexpr int32_t kDefaultSampleBits = 16;
+static constexpr char kRuler[] = "---------------------------------------------------"; // 51
+static_assert(sizeof(kRuler) == 51 + 1);
 
 static tdmbrec_encoder_function_t gspfAEnc;
 static AacEncAudioInfo gstAudioInfo;
@@ -25,7 +25,7 @@ static uint64_t gullOutputBytes;
 
 static void log_settings(const zpl_aenc_t *pZpl)
 {
-    __android_log_print(ANDROID_LOG_INFO, ZPL_AENC_LOG_TAG, "%s", RULER);
+    __android_log_print(ANDROID_LOG_INFO, ZPL_AENC_LOG_TAG, "%s", kRuler);
     __android_log_print(ANDROID_LOG_INFO, ZPL_AENC_LOG_TAG, "=> pZpl->m_iAudioSamplePerSec (%d) ",
                         pZpl->m_iAudioSamplePerSec);
     __android_log_print(ANDROID_LOG_INFO, ZPL_AENC_LOG_TAG, "=> pZpl->m_iAudioChannels (%d)",
@@ -34,7 +34,7 @@ static void log_settings(const zpl_aenc_t *pZpl)
                         pZpl->m_iAudioBitsPerSample);
     __android_log_print(ANDROID_LOG_INFO, ZPL_AENC_LOG_TAG, "=> pZpl->m_iAudioBitRates (%d)",
                         pZpl->m_iAudioBitRates);
-    __android_log_print(ANDROID_LOG_INFO, ZPL_AENC_LOG_TAG, "%s", RULER);
+    __android_log_print(ANDROID_LOG_INFO, ZPL_AENC_LOG_TAG, "%s", kRuler);
 }
 
 static void fill_records(const zpl_aenc_t *pZpl, const zpl_aenc_init_t *pInit, int32_t outputType)
@@ -43,7 +43,7 @@ static void fill_records(const zpl_aenc_t *pZpl, const zpl_aenc_init_t *pInit, i
     gstAudioInfo.channels = pZpl->m_iAudioChannels;
     gstAudioInfo.deinterleave = 1;
     giSampleBits =
-        pZpl->m_iAudioBitsPerSample != 0 ? pZpl->m_iAudioBitsPerSample : DEFAULT_SAMPLE_BITS;
+        pZpl->m_iAudioBitsPerSample != 0 ? pZpl->m_iAudioBitsPerSample : kDefaultSampleBits;
     gstStreamInfo.bitRate = pZpl->m_iAudioBitRates;
     gstStreamInfo.channels = pZpl->m_iAudioChannels;
     gstInitParams.audioInfo = &gstAudioInfo;
@@ -82,14 +82,14 @@ static int32_t allocate_callbacks(const tdmbrec_memory_functions_t *pMemory)
 
 static int32_t allocate_buffers(const zpl_aenc_t *pZpl)
 {
-    gpucStreamBuffer = static_cast<uint8_t *>(pZpl->pstMemory->pfnMalloc(STREAM_BUFFER_BYTES));
+    gpucStreamBuffer = static_cast<uint8_t *>(pZpl->pstMemory->pfnMalloc(kStreamBufferBytes));
     if (gpucStreamBuffer == nullptr) {
         __android_log_print(ANDROID_LOG_ERROR, ZPL_AENC_LOG_TAG,
                             ": [ZPL_CORE] zpl_aenc_init gpucStreamBuffer allocation fail\n");
         return -1;
     }
     gstStreamInfo.output = gpucStreamBuffer;
-    const size_t pcm_bytes = static_cast<size_t>(SAMPLES_PER_CHANNEL) *
+    const size_t pcm_bytes = static_cast<size_t>(kSamplesPerChannel) *
                              static_cast<size_t>(pZpl->m_iAudioChannels) * sizeof(int16_t);
     gpucPcmBuffer = static_cast<uint8_t *>(pZpl->pstMemory->pfnMalloc(pcm_bytes));
     if (gpucPcmBuffer == nullptr) {
@@ -103,7 +103,7 @@ static int32_t allocate_buffers(const zpl_aenc_t *pZpl)
 
 static int32_t open_encoder(zpl_aenc_t *pZpl)
 {
-    if (pZpl->iState != ZPL_STATE_INITIALISE && pZpl->iState != ZPL_STATE_RUN) {
+    if (pZpl->iState != kZplStateInitialise && pZpl->iState != kZplStateRun) {
         return 0;
     }
     __android_log_print(ANDROID_LOG_INFO, ZPL_AENC_LOG_TAG, "@@@@@ init Start");
@@ -185,10 +185,10 @@ int32_t zpl_aenc_encode(zpl_aenc_t *pZpl, const zpl_aenc_init_t *pInit,
 {
     (void)pInit;
     (void)aencType;
-    if (pZpl->iState == ZPL_STATE_OFF || pZpl->iState == ZPL_STATE_STOPPED) {
+    if (pZpl->iState == kZplStateOff || pZpl->iState == kZplStateStopped) {
         return 0;
     }
-    if (pZpl->iState != ZPL_STATE_RUN) {
+    if (pZpl->iState != kZplStateRun) {
         return -1;
     }
     // Aligned: the queue's storage is an allocated block, and its read position is whole frames, of
@@ -211,7 +211,7 @@ int32_t zpl_aenc_close(zpl_aenc_t *pZpl)
 {
     int32_t result = 0;
     if (gspfAEnc != nullptr &&
-        (pZpl->iState == ZPL_STATE_INITIALISE || pZpl->iState == ZPL_STATE_RUN)) {
+        (pZpl->iState == kZplStateInitialise || pZpl->iState == kZplStateRun)) {
         result = gspfAEnc(AACENC_OP_CLOSE, &pZpl->hEncoder, nullptr, nullptr);
     }
     free_buffers(pZpl->pstMemory);

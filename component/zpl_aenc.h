@@ -12,10 +12,10 @@
 #define ZPL_AENC_OUTPUT_ADTS 2
 
 enum {
-    ZPL_STATE_OFF = 0,
-    ZPL_STATE_INITIALISE = 1,
-    ZPL_STATE_RUN = 2,
-    ZPL_STATE_STOPPED = 3,
+    kZplStateOff = 0,
+    kZplStateInitialise = 1,
+    kZplStateRun = 2,
+    kZplStateStopped = 3,
 };
 
 // Opens the encoder that the instance describes.

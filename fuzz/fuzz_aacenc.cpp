@@ -10,9 +10,9 @@
 #include <array>
 #include <cstring>
 
-static constexpr std::array<int32_t, 9> SAMPLE_RATES = {48000, 44100, 32000, 24000, 22050,
+static constexpr std::array<int32_t, 9> kSampleRates = {48000, 44100, 32000, 24000, 22050,
                                                         16000, 12000, 11025, 8000};
-static constexpr size_t MOST_FRAMES = 24;
+static constexpr size_t kMostFrames = 24;
 
 using Pcm = std::array<int16_t, 2 * AACENC_FRAME_SAMPLES>;
 
@@ -60,7 +60,7 @@ static void describe(Input &input, Encoder &encoder)
 {
     const uint32_t rate = input.u8();
     encoder.audio.sampleRate =
-        rate < SAMPLE_RATES.size() ? SAMPLE_RATES[rate] : static_cast<int32_t>(rate * 100);
+        rate < kSampleRates.size() ? kSampleRates[rate] : static_cast<int32_t>(rate * 100);
     encoder.audio.channels = static_cast<int32_t>(input.u8() % 4);
     encoder.stream.bitRate = static_cast<int32_t>(input.u16() * 500);
     const uint32_t flags = input.u8();
@@ -101,9 +101,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     describe(input, encoder);
     if (QVR_AAC_ENC(AACENC_OP_INIT, &encoder.handle, &encoder.params, nullptr) == AACENC_OK) {
         const auto rate =
-            std::find(SAMPLE_RATES.begin(), SAMPLE_RATES.end(), encoder.audio.sampleRate);
-        for (size_t i = 0; i < MOST_FRAMES && !input.left.empty(); i++) {
-            encode_frame(input, encoder, 3 + static_cast<int>(rate - SAMPLE_RATES.begin()));
+            std::find(kSampleRates.begin(), kSampleRates.end(), encoder.audio.sampleRate);
+        for (size_t i = 0; i < kMostFrames && !input.left.empty(); i++) {
+            encode_frame(input, encoder, 3 + static_cast<int>(rate - kSampleRates.begin()));
         }
         require(QVR_AAC_ENC(AACENC_OP_CLOSE, &encoder.handle, nullptr, nullptr) == AACENC_OK,
                 "an open encoder closes");

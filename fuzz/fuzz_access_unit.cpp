@@ -53,7 +53,7 @@ static void check_component(Bytes data)
 
 static void check_client(Input input)
 {
-    static constexpr uint8_t START_CODE[] = {0, 0, 0, 1};
+    static constexpr uint8_t kStartCode[] = {0, 0, 0, 1};
     access_unit_converter converter;
     if (!access_unit_configure(converter, input.bytes(input.u8()))) {
         return;
@@ -62,7 +62,7 @@ static void check_client(Input input)
         access_unit unit;
         if (access_unit_convert(converter, input.bytes(input.u8()), unit) == unit_verdict::ready) {
             require(unit.bytes.size() > 4 &&
-                        std::equal(START_CODE, START_CODE + 4, unit.bytes.begin()),
+                        std::equal(kStartCode, kStartCode + 4, unit.bytes.begin()),
                     "an access unit begins with a start code");
         }
     }

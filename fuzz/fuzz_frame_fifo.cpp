@@ -10,7 +10,7 @@
 #include <deque>
 #include <thread>
 
-static constexpr uint32_t FIFO = 2;
+static constexpr uint32_t kFifo = 2;
 
 struct Model {
     std::deque<Bytes> frames;
@@ -21,11 +21,11 @@ static void produce(Model &model, int32_t length, uint32_t number)
 {
     const Bytes data(length > 0 ? static_cast<size_t>(length) : QVR_FIFO_DEFAULT_BYTES,
                      static_cast<uint8_t>(number));
-    if (QVR_FIFO_GetOneFifo5(FIFO, length, number, ~number) == 0) {
+    if (QVR_FIFO_GetOneFifo5(kFifo, length, number, ~number) == 0) {
         return;
     }
     const int32_t bytes = static_cast<int32_t>(data.size());
-    require(QVR_FIFO_WriteFifo5(FIFO, data.data(), bytes) == bytes && QVR_FIFO_Push(FIFO) == 1,
+    require(QVR_FIFO_WriteFifo5(kFifo, data.data(), bytes) == bytes && QVR_FIFO_Push(kFifo) == 1,
             "what was reserved can be written");
     model.frames.push_back(data);
 }
@@ -35,15 +35,15 @@ static void consume(Model &model)
     uint32_t length = 0;
     int64_t time = 0;
     uint32_t extra = 0;
-    const uint8_t *const data = QVR_FIFO_GetOneFrame(FIFO, &length, &time, &extra);
-    require((data != nullptr) == (QVR_FIFO_GetLength(FIFO) > 0),
+    const uint8_t *const data = QVR_FIFO_GetOneFrame(kFifo, &length, &time, &extra);
+    require((data != nullptr) == (QVR_FIFO_GetLength(kFifo) > 0),
             "a frame that is counted is there");
     if (data != nullptr && model.is_orderly) {
         require(Bytes(data, data + length) == model.frames.front(), "a frame keeps its bytes");
         require(extra == ~static_cast<uint32_t>(time), "a frame keeps its words");
         model.frames.pop_front();
     }
-    require(QVR_FIFO_PopFrame(FIFO) == (data != nullptr ? 1 : 0), "a frame can be released");
+    require(QVR_FIFO_PopFrame(kFifo) == (data != nullptr ? 1 : 0), "a frame can be released");
 }
 
 // Any one operation of the producer.
@@ -53,21 +53,21 @@ static void disturb(Model &model, uint32_t what, int32_t length)
     model.is_orderly = false;
     switch (what % 4) {
     case 0:
-        (void)QVR_FIFO_GetOneFifo(FIFO, length, 0);
+        (void)QVR_FIFO_GetOneFifo(kFifo, length, 0);
         break;
     case 1:
-        (void)QVR_FIFO_WriteFifo(FIFO, data.data(), length);
+        (void)QVR_FIFO_WriteFifo(kFifo, data.data(), length);
         break;
     case 2:
-        (void)QVR_FIFO_WriteFifo5(FIFO, data.data(), length);
+        (void)QVR_FIFO_WriteFifo5(kFifo, data.data(), length);
         break;
     case 3:
-        (void)QVR_FIFO_Push(FIFO);
+        (void)QVR_FIFO_Push(kFifo);
         break;
     }
 }
 
-static constexpr uint32_t THREADS_FIFO = 3;
+static constexpr uint32_t kThreadsFifo = 3;
 
 struct Step {
     uint32_t what;
@@ -88,25 +88,25 @@ static void produce_all(const std::vector<Step> &steps)
     for (uint32_t number = 0; number < steps.size(); number++) {
         const Bytes data = frame_of(steps[number], number);
         const int32_t bytes = static_cast<int32_t>(data.size());
-        while (QVR_FIFO_GetOneFifo5(THREADS_FIFO, bytes, number, ~number) == 0) {
+        while (QVR_FIFO_GetOneFifo5(kThreadsFifo, bytes, number, ~number) == 0) {
             std::this_thread::yield();
         }
         const int32_t first = steps[number].what % 3 == 0 ? bytes / 2 : bytes; // in two pieces
-        require(first == 0 || QVR_FIFO_WriteFifo5(THREADS_FIFO, data.data(), first) == first,
+        require(first == 0 || QVR_FIFO_WriteFifo5(kThreadsFifo, data.data(), first) == first,
                 "the first piece can be written");
         const int32_t rest = bytes - first;
-        require(rest == 0 || QVR_FIFO_WriteFifo5(THREADS_FIFO,
+        require(rest == 0 || QVR_FIFO_WriteFifo5(kThreadsFifo,
                                                  &data[data.size() - static_cast<size_t>(rest)],
                                                  rest) == rest,
                 "the rest can be written");
-        require(QVR_FIFO_Push(THREADS_FIFO) == 1, "a frame can be handed over");
+        require(QVR_FIFO_Push(kThreadsFifo) == 1, "a frame can be handed over");
     }
 }
 
 static void consume_all(const std::vector<Step> &steps)
 {
     for (uint32_t number = 0; number < steps.size(); number++) {
-        while (QVR_FIFO_GetLength(THREADS_FIFO) == 0) {
+        while (QVR_FIFO_GetLength(kThreadsFifo) == 0) {
             std::this_thread::yield();
         }
         if (steps[number].what % 5 == 0) {
@@ -115,13 +115,13 @@ static void consume_all(const std::vector<Step> &steps)
         uint32_t length = 0;
         int64_t time = 0;
         uint32_t extra = 0;
-        const uint8_t *const data = QVR_FIFO_GetOneFrame(THREADS_FIFO, &length, &time, &extra);
+        const uint8_t *const data = QVR_FIFO_GetOneFrame(kThreadsFifo, &length, &time, &extra);
         require(data != nullptr && Bytes(data, data + length) == frame_of(steps[number], number),
                 "a frame comes through whole and in its turn");
         require(time == number && extra == ~number, "so do its words");
-        require(QVR_FIFO_PopFrame(THREADS_FIFO) == 1, "a frame can be released");
+        require(QVR_FIFO_PopFrame(kThreadsFifo) == 1, "a frame can be released");
     }
-    require(QVR_FIFO_GetLength(THREADS_FIFO) == 0, "nothing is doubled");
+    require(QVR_FIFO_GetLength(kThreadsFifo) == 0, "nothing is doubled");
 }
 
 // Some of the steps as frames that fit more than twice into the storage.
@@ -135,7 +135,7 @@ static void run_threads(Input input)
             steps.push_back(step);
         }
     }
-    QVR_FIFO_InitBuffer(THREADS_FIFO, static_cast<uint32_t>(storage.size()), storage.data());
+    QVR_FIFO_InitBuffer(kThreadsFifo, static_cast<uint32_t>(storage.size()), storage.data());
     std::thread producer(produce_all, std::cref(steps));
     consume_all(steps);
     producer.join();
@@ -144,7 +144,7 @@ static void run_threads(Input input)
 static void run_in_any_order(Input input)
 {
     Bytes storage(input.u16() + 1);
-    QVR_FIFO_InitBuffer(FIFO, static_cast<uint32_t>(storage.size()), storage.data());
+    QVR_FIFO_InitBuffer(kFifo, static_cast<uint32_t>(storage.size()), storage.data());
     Model model;
     for (uint32_t number = 0; !input.left.empty(); number++) {
         const uint32_t what = input.u8();
@@ -157,7 +157,7 @@ static void run_in_any_order(Input input)
             disturb(model, what, length);
         }
         require(!model.is_orderly ||
-                    QVR_FIFO_GetLength(FIFO) == static_cast<int32_t>(model.frames.size()),
+                    QVR_FIFO_GetLength(kFifo) == static_cast<int32_t>(model.frames.size()),
                 "every frame is counted");
     }
 }

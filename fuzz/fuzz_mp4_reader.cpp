@@ -1,7 +1,7 @@
 // Any bytes as an MP4 file: the client reads, checks and reports on them and stays within them.
 #include "client/report/media_report.h"
-#include "mp4read/mp4_reader.h"
 #include "fuzz/input.h"
+#include "mp4read/mp4_reader.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {

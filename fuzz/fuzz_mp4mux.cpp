@@ -3,13 +3,13 @@
 //
 // Input: how it is opened (4 bytes), the streams where they may be anything, what fails (4 bytes),
 // then the frames: kind, distance in time and size, and the first bytes where they matter.
-#include "mp4read/mp4_reader.h"
 #include "fuzz/input.h"
+#include "mp4read/mp4_reader.h"
 #include "tests/support/mux_callbacks.h"
 
 using mux_test::world;
 
-static constexpr size_t MOST_FRAMES = 400;
+static constexpr size_t kMostFrames = 400;
 
 // Parameter sets in start-code form and an AudioSpecificConfig.
 static const Bytes PARAMETER_SETS = {0,    0,    0,    1, 0x67, 0x42, 0xC0, 0x1E, 0xDA, 0x05, 0x07,
@@ -31,9 +31,9 @@ struct Recording {
 
 static void describe_caches(Input &input, Recording &recording)
 {
-    static constexpr int32_t CACHES[][3] = {
+    static constexpr int32_t kCaches[][3] = {
         {0, 0, 0}, {0x10000, 0x3000, 0x2000}, {40000, 0, 0}, {8, 17, 9}};
-    const auto &[output_bytes, video_bytes, audio_bytes] = CACHES[input.u8() % 4];
+    const auto &[output_bytes, video_bytes, audio_bytes] = kCaches[input.u8() % 4];
     recording.cache.resize(static_cast<size_t>(output_bytes + video_bytes + audio_bytes));
     recording.close_bytes.resize(input.u16() * 4);
     recording.init.m_pCacheMem = recording.cache.empty() ? nullptr : recording.cache.data();
@@ -45,7 +45,7 @@ static void describe_caches(Input &input, Recording &recording)
 // Streams and boxes of any kind: the muxer takes them or refuses them.
 static void describe_anything(Input &input, Recording &recording)
 {
-    static constexpr uint32_t BRANDS[] = {0x316F7369, 0};
+    static constexpr uint32_t kBrands[] = {0x316F7369, 0};
     recording.is_sound = false;
     recording.video_private = input.bytes(input.u8());
     recording.audio_private = input.bytes(input.u8() % 64);
@@ -69,7 +69,7 @@ static void describe_anything(Input &input, Recording &recording)
     }
     if (form & 16) {
         recording.file_type = {.m_szMajorBrand = {'i', 's', 'o', 'm'},
-                               .m_puiCompatible = BRANDS,
+                               .m_puiCompatible = kBrands,
                                .m_uiCompatibleCount = input.u8() % 3};
         streams.m_pstFtyp = &recording.file_type;
     }
@@ -119,7 +119,7 @@ static void arm_failure(Input &input)
 static void put_frames(Input &input, Recording &recording)
 {
     uint32_t time_ms = 0;
-    for (size_t i = 0; i < MOST_FRAMES && !input.left.empty(); i++) {
+    for (size_t i = 0; i < kMostFrames && !input.left.empty(); i++) {
         const uint32_t kind = input.u8();
         const uint32_t type = kind & 1 ? MUX_TYPE_VIDEO : MUX_TYPE_AUDIO;
         time_ms += kind & 4 ? input.u16() : input.u8();

@@ -4,9 +4,9 @@
 //
 // Input: up to 3 recordings. Each has a byte for its writes and sampling rate, one for its caches,
 // a number of steps, and the steps of one byte each with what they need, see take_step.
-#include "mp4read/mp4_reader.h"
 #include "component/omx_tdmbrec_component.h"
 #include "fuzz/input.h"
+#include "mp4read/mp4_reader.h"
 #include "platform/android_log.h"
 #include "platform/host/host_control.h"
 
@@ -18,8 +18,8 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-static constexpr char OUTPUT[] = "/mnt/sdcard/fuzz.mp4";
-static constexpr size_t MOST_STEPS = 200;
+static constexpr char kOutput[] = "/mnt/sdcard/fuzz.mp4";
+static constexpr size_t kMostSteps = 200;
 
 static int output_file = -1;         // a second descriptor of the finished file
 static uint32_t writes_left;         // then every write fails
@@ -117,7 +117,7 @@ extern "C" int32_t __wrap_QVR_MP4_MUX(int32_t op, void **handle, void *param1, v
 extern "C" void *__wrap_QVR_FILE_fopen(const char *name, const char *mode)
 {
     const int file = memfd_create("fuzz", 0);
-    if (std::strcmp(name, OUTPUT) == 0) {
+    if (std::strcmp(name, kOutput) == 0) {
         (void)close(output_file);
         output_file = dup(file);
     }
@@ -170,7 +170,7 @@ static OMX_COMPONENTTYPE *make_component()
 static void start(OMX_COMPONENTTYPE *component)
 {
     char path[TDMBREC_PATH_BYTES] = {};
-    std::memcpy(path, OUTPUT, sizeof(OUTPUT));
+    std::memcpy(path, kOutput, sizeof(kOutput));
     (void)OMX_SetParameter(component, TDMBREC_INDEX_OUTPUT_PATH, path);
     (void)OMX_SetParameter(component, TDMBREC_INDEX_START, path);
 }
@@ -237,12 +237,12 @@ static void offer(OMX_COMPONENTTYPE *component, uint8_t port, Bytes data, int64_
 // An access unit: up to 7 units with a start code of 3 or 4 bytes, a type and some bytes.
 static Bytes take_access_unit(Input &input)
 {
-    static constexpr uint8_t START_CODE[] = {0, 0, 0, 1};
+    static constexpr uint8_t kStartCode[] = {0, 0, 0, 1};
     Bytes data;
     const uint32_t units = input.u8() % 8;
     for (uint32_t i = 0; i < units; i++) {
         const uint32_t form = input.u8();
-        data.insert(data.end(), START_CODE + (form >> 7), START_CODE + 4);
+        data.insert(data.end(), kStartCode + (form >> 7), kStartCode + 4);
         data.push_back(static_cast<uint8_t>(0x60 | (form & 0x1F)));
         const Bytes content = input.bytes(input.u8() % 48);
         data.insert(data.end(), content.begin(), content.end());
@@ -295,7 +295,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         const uint32_t ends_before = ends;
         start(component);
         int64_t ts_us = 1000000;
-        const size_t steps = input.u8() % MOST_STEPS;
+        const size_t steps = input.u8() % kMostSteps;
         for (size_t step = 0; step < steps && !input.left.empty(); step++) {
             take_step(component, input, &ts_us);
         }

@@ -6,8 +6,8 @@
 #include <span>
 
 enum {
-    NAL_TYPE_SPS = 7,
-    NAL_TYPE_PPS = 8,
+    kNalTypeSps = 7,
+    kNalTypePps = 8,
 };
 
 // The type of a NAL unit that has at least its header byte.

@@ -1,5 +1,4 @@
 #include "mp4mux/bitstream.h"
-
 #include "mp4mux/bitstream_file.h"
 #include "mp4mux/mux_context.h"
 

@@ -7,12 +7,12 @@
 #include <algorithm>
 
 enum {
-    FILE_TYPE_ISOM = 0,
-    FILE_TYPE_QUICKTIME = 1,
-    FILE_TYPE_3GP4 = 2,
-    FILE_TYPE_MSNV = 3,
-    FILE_TYPE_3G2A = 4,
-    FILE_TYPE_ISOM_TOO = 5,
+    kFileTypeIsom = 0,
+    kFileTypeQuicktime = 1,
+    kFileType3gp4 = 2,
+    kFileTypeMsnv = 3,
+    kFileType3g2a = 4,
+    kFileTypeIsomToo = 5,
 };
 
 static constexpr uint32_t kDefaultMinorVersion = 0x200;
@@ -26,16 +26,16 @@ static constexpr int64_t kAudioTrackEstimate = 345;
 static const char *brand_of(int32_t file_type)
 {
     switch (file_type) {
-    case FILE_TYPE_ISOM:
-    case FILE_TYPE_ISOM_TOO:
+    case kFileTypeIsom:
+    case kFileTypeIsomToo:
         return "isom";
-    case FILE_TYPE_3GP4:
+    case kFileType3gp4:
         return "3gp4";
-    case FILE_TYPE_MSNV:
+    case kFileTypeMsnv:
         return "MSNV";
-    case FILE_TYPE_3G2A:
+    case kFileType3g2a:
         return "3g2a";
-    case FILE_TYPE_QUICKTIME:
+    case kFileTypeQuicktime:
     default:
         return "qt  ";
     }
@@ -107,7 +107,7 @@ int32_t mp4_mux_open(mp4_mux_t *mux)
     prepare_tracks(mux);
 
     mp4_mux_bs_write_be32(bs, kFreeBoxBytes); // unsigned int(32) size;
-    mp4_mux_bs_write_tag(bs, mux->m_iFileType == FILE_TYPE_QUICKTIME ? "wide" : "free");
+    mp4_mux_bs_write_tag(bs, mux->m_iFileType == kFileTypeQuicktime ? "wide" : "free");
     mux->m_uiMdatPos = static_cast<uint32_t>(bs_position(bs));
     (void)begin_box(bs, "mdat"); // its size is written at the close
     mux->m_bTornHead = bs->m_bTorn;

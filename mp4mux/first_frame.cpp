@@ -42,9 +42,9 @@ static parameter_sets find_parameter_sets(nal_unit frame)
         if (unit.empty()) {
             continue;
         }
-        if (nal_unit_type(unit) == NAL_TYPE_SPS) {
+        if (nal_unit_type(unit) == kNalTypeSps) {
             found.sps = unit;
-        } else if (nal_unit_type(unit) == NAL_TYPE_PPS) {
+        } else if (nal_unit_type(unit) == kNalTypePps) {
             found.pps = unit;
         }
     }

@@ -51,7 +51,7 @@ static int64_t estimate_file_size(mp4_mux_t *mux)
 // Refuses what must not reach the file: nothing has been written when this fails.
 static int32_t check_frame(mp4_mux_t *mux, const mp4_mux_putstream_t *frame)
 {
-    if (mux->m_iState != MUX_STATE_RECORDING) {
+    if (mux->m_iState != kMuxStateRecording) {
         return fail(mux, MUX_ERR_INVALID, "file is not open for frames");
     }
     if (frame->m_iDataSize < 0) {

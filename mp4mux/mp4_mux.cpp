@@ -61,7 +61,7 @@ static void take_close_memory(mp4_mux_t *mux, const mp4_mux_closemem_t *lent)
     align_memory(&mux->m_pCloseMem, &mux->m_iCloseMemSize);
     if (mux->m_iCloseMemSize > 0) {
         mux->m_iCloseMemMode =
-            mux->m_iCloseMemSize >= kLargeCloseMemBytes ? CLOSE_MEM_LARGE : CLOSE_MEM_CACHE;
+            mux->m_iCloseMemSize >= kLargeCloseMemBytes ? kCloseMemLarge : kCloseMemCache;
     }
 }
 
@@ -69,7 +69,7 @@ static int32_t close_mux(void **handle, const mp4_mux_closemem_t *lent)
 {
     mp4_mux_t *mux = static_cast<mp4_mux_t *>(*handle);
     mp4_mux_clear_last_error(&mux->m_stLastError);
-    if (mux->m_iState == MUX_STATE_ENDED) {
+    if (mux->m_iState == kMuxStateEnded) {
         mp4_mux_release(mux);
         *handle = nullptr;
         return 0;

@@ -15,16 +15,16 @@ inline constexpr int32_t kScratchNameBytes = 256;
 
 // What may still be done with a context.
 enum {
-    MUX_STATE_UNOPENED = 0, // not opened yet, or the open failed
-    MUX_STATE_RECORDING,    // takes frames
-    MUX_STATE_ENDED,        // a close has begun: whatever comes now only releases
+    kMuxStateUnopened = 0, // not opened yet, or the open failed
+    kMuxStateRecording,    // takes frames
+    kMuxStateEnded,        // a close has begun: whatever comes now only releases
 };
 
 // How much memory was lent for the close.
 enum {
-    CLOSE_MEM_NONE = 0,
-    CLOSE_MEM_CACHE, // at least as much as the output's cache
-    CLOSE_MEM_LARGE, // and enough to build the movie box in
+    kCloseMemNone = 0,
+    kCloseMemCache, // at least as much as the output's cache
+    kCloseMemLarge, // and enough to build the movie box in
 };
 
 struct mp4_mux_mem_t {

@@ -1,6 +1,5 @@
-#include "mp4mux/mux_util.h"
-
 #include "mp4mux/mux_context.h"
+#include "mp4mux/mux_util.h"
 
 // Wave-format header: tag, channels, rate, byte rate, block alignment, bits; then, when there are
 // any, the count of the extra bytes and the bytes themselves.
@@ -20,11 +19,11 @@ static constexpr int32_t kProfileNameOffset = 12;
 static constexpr int32_t kMaxHalfRate = 24000; // a rate up to here is the lower one of an SBR pair
 
 enum {
-    AOT_AAC_MAIN = 1,
-    AOT_AAC_LC = 2,
-    AOT_AAC_SSR = 3,
-    AOT_AAC_LTP = 4,
-    AOT_SBR = 5,
+    kAotAacMain = 1,
+    kAotAacLc = 2,
+    kAotAacSsr = 3,
+    kAotAacLtp = 4,
+    kAotSbr = 5,
 };
 
 static uint32_t load_le16(const uint8_t *from)
@@ -122,7 +121,7 @@ static uint32_t object_type_of(const char *name, bool sbr_implied, bool *with_sb
         const char *name;
         uint32_t object_type;
     } kProfiles[] = {
-        {"MAIN", AOT_AAC_MAIN}, {"SSR", AOT_AAC_SSR}, {"LTP", AOT_AAC_LTP}, {"sbr", AOT_SBR}};
+        {"MAIN", kAotAacMain}, {"SSR", kAotAacSsr}, {"LTP", kAotAacLtp}, {"sbr", kAotSbr}};
     *with_sbr = false;
     for (const auto &profile : kProfiles) {
         if (mp4_mux_strcmp(name, profile.name) == 0) {
@@ -130,7 +129,7 @@ static uint32_t object_type_of(const char *name, bool sbr_implied, bool *with_sb
         }
     }
     *with_sbr = sbr_implied || mp4_mux_strcmp(name, "LC/sbr") == 0;
-    return AOT_AAC_LC;
+    return kAotAacLc;
 }
 
 static int32_t resize_extra(mp4_mux_t *mux, int32_t bytes, mp4_mux_format_t *format)

@@ -258,7 +258,7 @@ static int32_t open_context(mp4_mux_t *mux, const mp4_mux_input_t *input)
         mp4_mux_add_err_string("<init", &mux->m_stLastError);
         return result;
     }
-    mux->m_iState = MUX_STATE_RECORDING;
+    mux->m_iState = kMuxStateRecording;
     return 0;
 }
 

@@ -9,22 +9,22 @@
 
 // Audio format tags with a meaning here.
 enum {
-    AUDIO_TAG_PCM = 0x0001,
-    AUDIO_TAG_MP3 = 0x0055,
-    AUDIO_TAG_AMR_WBP = 0x0056,
-    AUDIO_TAG_AMR_NB = 0x0057,
-    AUDIO_TAG_AMR_WB = 0x0058,
-    AUDIO_TAG_AAC_RAW = 0x00FF,
-    AUDIO_TAG_AC3 = 0x2000,
-    AUDIO_TAG_DTS = 0x2001,
-    AUDIO_TAG_MP4A = 0x706D,
-    AUDIO_TAG_AAC = 0xAAC0,
-    AUDIO_TAG_QCELP = 0xCC00,
-    AUDIO_TAG_EVRC = 0xCD00,
-    AUDIO_TAG_EVRC_B = 0xCD01,
-    AUDIO_TAG_EVRC_WB = 0xCD02,
-    AUDIO_TAG_VMR = 0xCD10,
-    AUDIO_TAG_SMV = 0xCD20,
+    kAudioTagPcm = 0x0001,
+    kAudioTagMp3 = 0x0055,
+    kAudioTagAmrWbp = 0x0056,
+    kAudioTagAmrNb = 0x0057,
+    kAudioTagAmrWb = 0x0058,
+    kAudioTagAacRaw = 0x00FF,
+    kAudioTagAc3 = 0x2000,
+    kAudioTagDts = 0x2001,
+    kAudioTagMp4a = 0x706D,
+    kAudioTagAac = 0xAAC0,
+    kAudioTagQcelp = 0xCC00,
+    kAudioTagEvrc = 0xCD00,
+    kAudioTagEvrcB = 0xCD01,
+    kAudioTagEvrcWb = 0xCD02,
+    kAudioTagVmr = 0xCD10,
+    kAudioTagSmv = 0xCD20,
 };
 
 // Sets an audio track's sample-entry type and object type from its format tag and private data.

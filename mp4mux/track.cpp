@@ -137,8 +137,8 @@ static int32_t prepare_audio_scratch(mp4_mux_t *mux, mp4_mux_track_t *p_track)
     }
     const int32_t half = mux->m_iAudioCacheSize / 2 & ~3;
     const scratch_table tables[] = {
-        {&p_track->m_BsSTCO, p_track->m_szSTCOName, CACHE_OF_STCO, half, kTableHeaderBytes},
-        {&p_track->m_BsSTSZ, p_track->m_szSTSZName, CACHE_OF_STSZ, half, kSizeTableHeaderBytes},
+        {&p_track->m_BsSTCO, p_track->m_szSTCOName, kCacheOfStco, half, kTableHeaderBytes},
+        {&p_track->m_BsSTSZ, p_track->m_szSTSZName, kCacheOfStsz, half, kSizeTableHeaderBytes},
     };
     return attach_scratch_tables(mux, p_track, mux->m_pAudioCache, tables);
 }
@@ -158,11 +158,10 @@ static int32_t prepare_video_scratch(mp4_mux_t *mux, mp4_mux_track_t *p_track)
     const int32_t part = static_cast<int32_t>(int64_t{mux->m_iVideoCacheSize} * 3 / 10) & ~3;
     const int32_t rest = mux->m_iVideoCacheSize - 3 * part;
     const scratch_table tables[] = {
-        {&p_track->m_BsSTCO, p_track->m_szSTCOName, CACHE_OF_STCO, part, kTableHeaderBytes},
-        {&p_track->m_BsSTSZ, p_track->m_szSTSZName, CACHE_OF_STSZ, part, kSizeTableHeaderBytes},
-        {&p_track->m_BsSTSS, p_track->m_szSTSSName, CACHE_OF_STSS, rest, kTableHeaderBytes},
-        {&p_track->m_BsSTTSDts, p_track->m_szSTTSDtsName, CACHE_OF_STTSDTS, part,
-         kTableHeaderBytes},
+        {&p_track->m_BsSTCO, p_track->m_szSTCOName, kCacheOfStco, part, kTableHeaderBytes},
+        {&p_track->m_BsSTSZ, p_track->m_szSTSZName, kCacheOfStsz, part, kSizeTableHeaderBytes},
+        {&p_track->m_BsSTSS, p_track->m_szSTSSName, kCacheOfStss, rest, kTableHeaderBytes},
+        {&p_track->m_BsSTTSDts, p_track->m_szSTTSDtsName, kCacheOfSttsdts, part, kTableHeaderBytes},
     };
     return attach_scratch_tables(mux, p_track, mux->m_pVideoCache, tables);
 }

@@ -10,11 +10,11 @@
 
 // Slices of a track's cache region, in the order of m_iCacheSizeOf.
 enum {
-    CACHE_OF_STCO = 0,
-    CACHE_OF_STSS,
-    CACHE_OF_STSZ,
-    CACHE_OF_STTS,
-    CACHE_OF_STTSDTS,
+    kCacheOfStco = 0,
+    kCacheOfStss,
+    kCacheOfStsz,
+    kCacheOfStts,
+    kCacheOfSttsdts,
 };
 
 // Bytes of a table box before its records; with an append callback the scratch tables begin with

@@ -9,11 +9,11 @@ namespace {
 using bytes = std::span<const uint8_t>;
 
 // Beyond any file that makes sense; a hostile one shall not take more memory or stack than these.
-constexpr size_t MAX_FAULTS = 100;
-constexpr size_t MAX_BOXES = 1 << 16;
-constexpr size_t MAX_TRACKS = 64;
-constexpr size_t MAX_SAMPLES = 1 << 22; // of all tracks together
-constexpr unsigned MAX_DEPTH = 8;
+constexpr size_t kMaxFaults = 100;
+constexpr size_t kMaxBoxes = 1 << 16;
+constexpr size_t kMaxTracks = 64;
+constexpr size_t kMaxSamples = 1 << 22; // of all tracks together
+constexpr unsigned kMaxDepth = 8;
 
 // Reads big-endian numbers; reading past the end gives zeros and is remembered.
 struct cursor {
@@ -175,7 +175,7 @@ struct reader {
 
 bool reader::check(bool sound, const std::string &what)
 {
-    if (!sound && faults.size() < MAX_FAULTS &&
+    if (!sound && faults.size() < kMaxFaults &&
         std::find(faults.begin(), faults.end(), where + what) == faults.end()) {
         faults.push_back(where + what);
     }
@@ -185,7 +185,7 @@ bool reader::check(bool sound, const std::string &what)
 // Notes what is beyond the reader, not wrong with the file.
 bool reader::limit(bool within, const std::string &what)
 {
-    if (!within && notes.size() < MAX_FAULTS) {
+    if (!within && notes.size() < kMaxFaults) {
         notes.push_back(where + what);
     }
     return within;
@@ -196,7 +196,7 @@ std::vector<box> reader::read_boxes(bytes image, unsigned depth)
     static const std::set<std::string> containers = {"moov", "trak", "mdia", "minf",
                                                      "dinf", "stbl", "udta"};
     std::vector<box> found;
-    while (!image.empty() && check(boxes < MAX_BOXES, "too many boxes to read them all")) {
+    while (!image.empty() && check(boxes < kMaxBoxes, "too many boxes to read them all")) {
         cursor in = {image};
         box next;
         next.size = in.u32();
@@ -214,7 +214,7 @@ std::vector<box> reader::read_boxes(bytes image, unsigned depth)
             break;
         }
         next.payload = in.take(next.size - header_bytes);
-        if (containers.count(next.type) != 0 && check(depth < MAX_DEPTH, "boxes nest too deep")) {
+        if (containers.count(next.type) != 0 && check(depth < kMaxDepth, "boxes nest too deep")) {
             next.children = read_boxes(next.payload, depth + 1);
         }
         image = in.data;
@@ -405,9 +405,9 @@ void reader::read_samples(const std::vector<box> &stbl, const sample_sink &sink,
     read_times(stbl, &tables);
     read_sync_numbers(stbl, &tables);
     uint64_t count = tables.count;
-    if (!limit(count <= MAX_SAMPLES - samples, "too many samples to read them all")) {
-        result->samples_left_out = count - (MAX_SAMPLES - samples);
-        count = MAX_SAMPLES - samples;
+    if (!limit(count <= kMaxSamples - samples, "too many samples to read them all")) {
+        result->samples_left_out = count - (kMaxSamples - samples);
+        count = kMaxSamples - samples;
     }
     samples += static_cast<size_t>(count);
     sample_walk walk = {tables};
@@ -453,7 +453,7 @@ void reader::read_tracks(const box &moov, const sample_sink &sink, movie *result
           "the movie goes on in fragments, which are not read");
     for (const box &each : moov.children) {
         if (each.type == "trak" &&
-            limit(result->tracks.size() < MAX_TRACKS, "too many tracks to read them all")) {
+            limit(result->tracks.size() < kMaxTracks, "too many tracks to read them all")) {
             where = "track " + std::to_string(result->tracks.size() + 1) + ": ";
             read_track(each, sink, &result->tracks.emplace_back());
             where.clear();

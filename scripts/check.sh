@@ -61,7 +61,7 @@ test_all() {
 
 check_format() {
     sources=$(git ls-files '*.cpp' '*.h') || fail "$not_checked_out"
-    echo "$sources" | xargs clang-format --dry-run --Werror
+    echo "$sources" | xargs clang-format-19 --dry-run --Werror
     if git grep -nIE '[[:space:]]+$' -- . ':!*.csv'; then
         fail 'blanks at the end of a line'
     fi

@@ -1,7 +1,7 @@
 #include "client/input/aac_input.h"
 
-#include "client/input/aac_rates.h"
 #include "client/failure.h"
+#include "client/input/aac_rates.h"
 
 using bytes = std::span<const uint8_t>;
 
@@ -33,7 +33,7 @@ static std::optional<adts_header> read_header(bytes data)
         .more_blocks = at(6) & 3,
     };
     const bool fits = header.frame_bytes > header.header_bytes && header.frame_bytes == data.size();
-    return fits && header.sampling_frequency_index < aac_rates.size() ? std::optional(header)
+    return fits && header.sampling_frequency_index < kAacRates.size() ? std::optional(header)
                                                                       : std::nullopt;
 }
 
@@ -66,7 +66,7 @@ static unsigned take_object_type(bytes config, size_t &position)
 static int take_rate(bytes config, size_t &position)
 {
     const unsigned index = take_bits(config, position, 4);
-    return index < aac_rates.size() ? aac_rates[index]
+    return index < kAacRates.size() ? kAacRates[index]
            : index == 15            ? static_cast<int>(take_bits(config, position, 24))
                                     : 0;
 }
@@ -110,7 +110,7 @@ static bytes unit_in(aac_input &aac, bytes packet)
     const std::vector<uint8_t> config = make_config(*header);
     if (aac.config.empty()) {
         aac.config = config;
-        aac.rate = aac_rates[header->sampling_frequency_index];
+        aac.rate = kAacRates[header->sampling_frequency_index];
         aac.channels = static_cast<int>(header->channel_configuration);
     }
     if (config != aac.config) {
@@ -164,7 +164,7 @@ std::unique_ptr<aac_input> aac_input_open(const std::string &path, media_file *v
 
 int64_t aac_input_span_us(const aac_input &aac, int64_t units)
 {
-    return av_rescale(units * AAC_UNIT_SAMPLES, 1'000'000, aac.rate);
+    return av_rescale(units * kAacUnitSamples, 1'000'000, aac.rate);
 }
 
 std::optional<std::span<const uint8_t>> aac_input_next(aac_input &aac)

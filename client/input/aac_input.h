@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-inline constexpr int AAC_UNIT_SAMPLES = 1024; // per channel
+inline constexpr int kAacUnitSamples = 1024; // per channel
 
 struct aac_input {
     std::unique_ptr<media_file> file;

@@ -6,20 +6,20 @@
 #include <array>
 #include <cstddef>
 
-inline constexpr std::array<int, 13> aac_rates = {96000, 88200, 64000, 48000, 44100, 32000, 24000,
+inline constexpr std::array<int, 13> kAacRates = {96000, 88200, 64000, 48000, 44100, 32000, 24000,
                                                   22050, 16000, 12000, 11025, 8000,  7350};
 
 // returns the rate's index; the table's size for any other rate.
 inline size_t aac_rate_index(int rate)
 {
-    return static_cast<size_t>(std::find(aac_rates.begin(), aac_rates.end(), rate) -
-                               aac_rates.begin());
+    return static_cast<size_t>(std::find(kAacRates.begin(), kAacRates.end(), rate) -
+                               kAacRates.begin());
 }
 
 // Whether the encoder of this system takes the rate.
 inline bool is_encoder_rate(int rate)
 {
-    return aac_rate_index(rate) < aac_rates.size() && rate >= 8000 && rate <= 48000;
+    return aac_rate_index(rate) < kAacRates.size() && rate >= 8000 && rate <= 48000;
 }
 
 #endif // CLIENT_INPUT_AAC_RATES_H

@@ -9,17 +9,17 @@ namespace {
 
 // nal_unit_type, ISO/IEC 14496-10 table 7-1
 enum : unsigned {
-    NAL_SLICE = 1,
-    NAL_PARTITION_A = 2,
-    NAL_PARTITION_C = 4,
-    NAL_IDR = 5,
-    NAL_SPS = 7,
-    NAL_PPS = 8,
+    kNalSlice = 1,
+    kNalPartitionA = 2,
+    kNalPartitionC = 4,
+    kNalIdr = 5,
+    kNalSps = 7,
+    kNalPps = 8,
 };
 
 using bytes = std::span<const uint8_t>;
 
-constexpr uint8_t START_CODE[4] = {0, 0, 0, 1};
+constexpr uint8_t kStartCode[4] = {0, 0, 0, 1};
 
 unsigned nal_type(bytes nal)
 {
@@ -161,7 +161,7 @@ bool keep_parameter_set(access_unit_converter &converter, bytes nal)
 {
     const unsigned type = nal_type(nal);
     // profile_idc, the constraint flags and level_idc stand before a sequence set's identifier
-    head_bits head = open_head(nal, type == NAL_SPS ? 3 : 0);
+    head_bits head = open_head(nal, type == kNalSps ? 3 : 0);
     const std::optional<unsigned> number = read_ue(head);
     if (!number) {
         return false;
@@ -183,7 +183,7 @@ bool keep_parameter_set(access_unit_converter &converter, bytes nal)
 
 void append(std::vector<uint8_t> &out, bytes nal)
 {
-    out.insert(out.end(), std::begin(START_CODE), std::end(START_CODE));
+    out.insert(out.end(), std::begin(kStartCode), std::end(kStartCode));
     out.insert(out.end(), nal.begin(), nal.end());
 }
 
@@ -207,7 +207,7 @@ unit_verdict put_sets_in_front(access_unit_converter &converter, access_unit &un
         append(sets, set.bytes);
     }
     if (converter.sent.empty()) {
-        if (!has_set(converter.sets, NAL_SPS) || !has_set(converter.sets, NAL_PPS)) {
+        if (!has_set(converter.sets, kNalSps) || !has_set(converter.sets, kNalPps)) {
             return unit_verdict::no_sets;
         }
         converter.sent = sets;
@@ -229,13 +229,13 @@ unit_verdict find_slices(access_unit_converter &converter, const std::vector<byt
         if ((nal[0] & 0x80) != 0) { // forbidden_zero_bit
             return unit_verdict::malformed;
         }
-        if (type >= NAL_PARTITION_A && type <= NAL_PARTITION_C) {
+        if (type >= kNalPartitionA && type <= kNalPartitionC) {
             return unit_verdict::partitioned;
         }
-        if ((type == NAL_SPS || type == NAL_PPS) && !keep_parameter_set(converter, nal)) {
+        if ((type == kNalSps || type == kNalPps) && !keep_parameter_set(converter, nal)) {
             converter.damaged_sets++;
         }
-        if (type == NAL_SLICE || type == NAL_IDR) {
+        if (type == kNalSlice || type == kNalIdr) {
             slices.push_back(nal);
         }
     }
@@ -245,7 +245,7 @@ unit_verdict find_slices(access_unit_converter &converter, const std::vector<byt
 // Notes in the unit what the slices' headers say. returns false when the picture is not whole.
 bool read_slice_headers(const std::vector<bytes> &slices, access_unit &unit)
 {
-    unit.idr = nal_type(slices.front()) == NAL_IDR;
+    unit.idr = nal_type(slices.front()) == kNalIdr;
     unit.bi_predicted = false;
     for (const bytes &slice : slices) {
         head_bits head = open_head(slice, 0);
@@ -294,7 +294,7 @@ bool access_unit_configure(access_unit_converter &converter, std::span<const uin
     }
     return std::all_of(nals.begin(), nals.end(), [&](bytes nal) {
         const unsigned type = nal_type(nal);
-        return (type != NAL_SPS && type != NAL_PPS) || keep_parameter_set(converter, nal);
+        return (type != kNalSps && type != kNalPps) || keep_parameter_set(converter, nal);
     });
 }
 
@@ -365,7 +365,7 @@ std::vector<uint8_t> access_unit_configuration(const access_unit_converter &conv
         return converter.sent;
     }
     const auto pictures =
-        std::find_if(sets.begin(), sets.end(), [](bytes set) { return nal_type(set) == NAL_PPS; });
+        std::find_if(sets.begin(), sets.end(), [](bytes set) { return nal_type(set) == kNalPps; });
     const bytes first = sets.front();
     std::vector<uint8_t> record = {1, first[1], first[2], first[3], 0xFF};
     record.push_back(static_cast<uint8_t>(0xE0 | (pictures - sets.begin())));
@@ -385,7 +385,7 @@ std::vector<uint8_t> access_unit_with_lengths(const access_unit &unit)
     (void)split_at_start_codes(unit.bytes, nals);
     std::vector<uint8_t> joined;
     for (const bytes nal : nals) {
-        if (nal_type(nal) != NAL_SPS && nal_type(nal) != NAL_PPS) {
+        if (nal_type(nal) != kNalSps && nal_type(nal) != kNalPps) {
             append_number(joined, nal.size(), 4);
             joined.insert(joined.end(), nal.begin(), nal.end());
         }

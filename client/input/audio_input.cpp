@@ -1,7 +1,7 @@
 #include "client/input/audio_input.h"
 
-#include "client/input/aac_rates.h"
 #include "client/failure.h"
+#include "client/input/aac_rates.h"
 
 #include <algorithm>
 #include <array>
@@ -11,14 +11,14 @@ extern "C" {
 }
 
 // What the encoder does not take is resampled to this.
-static constexpr int DEFAULT_RATE = 48000;
+static constexpr int kDefaultRate = 48000;
 
-static constexpr size_t CHANNELS = 2;
+static constexpr size_t kChannels = 2;
 
 // Time stamps of sound that stray no further than this from the running count of samples are taken
 // as rounding. A lost frame strays further; from one end of the range to the other it is no
 // picture.
-static constexpr int64_t DRIFT_TOLERANCE_US = 15'000;
+static constexpr int64_t kDriftToleranceUs = 15'000;
 
 void resampler_deleter::operator()(SwrContext *resampler) const
 {
@@ -43,7 +43,7 @@ static void queue_resampled(audio_input &audio, const AVFrame *frame)
         return;
     }
     const size_t begin = audio.queue.size();
-    audio.queue.resize(begin + static_cast<size_t>(room) * CHANNELS);
+    audio.queue.resize(begin + static_cast<size_t>(room) * kChannels);
     std::array<uint8_t *, 1> out = {reinterpret_cast<uint8_t *>(audio.queue.data() + begin)};
     const uint8_t **const in =
         frame != nullptr ? const_cast<const uint8_t **>(frame->extended_data) : nullptr;
@@ -52,7 +52,7 @@ static void queue_resampled(audio_input &audio, const AVFrame *frame)
         audio.decoder->damaged++;
         got = 0;
     }
-    audio.queue.resize(begin + static_cast<size_t>(got) * CHANNELS);
+    audio.queue.resize(begin + static_cast<size_t>(got) * kChannels);
     const int64_t skipped = std::min<int64_t>(audio.skip_due, got);
     const auto first = audio.queue.begin() + static_cast<ptrdiff_t>(begin);
     audio.queue.erase(first, first + static_cast<ptrdiff_t>(skipped) * 2);
@@ -76,7 +76,7 @@ static void adapt_resampler(audio_input &audio, AVFrame &frame)
                                     nullptr);
     audio.resampler.reset(made);
     if (error >= 0 && frame.ch_layout.nb_channels == 1) {
-        static const double as_loud_on_either_side[CHANNELS] = {1, 1};
+        static const double as_loud_on_either_side[kChannels] = {1, 1};
         error = swr_set_matrix(made, as_loud_on_either_side, 1);
     }
     if (error >= 0) {
@@ -130,9 +130,8 @@ static int64_t place_frame(audio_input &audio)
 static bool extend_queue(audio_input &audio)
 {
     if (audio.silence_due > 0) {
-        const int64_t count =
-            std::min(audio.silence_due, static_cast<int64_t>(AUDIO_BLOCK_SAMPLES));
-        audio.queue.insert(audio.queue.end(), static_cast<size_t>(count) * CHANNELS, 0);
+        const int64_t count = std::min(audio.silence_due, static_cast<int64_t>(kAudioBlockSamples));
+        audio.queue.insert(audio.queue.end(), static_cast<size_t>(count) * kChannels, 0);
         audio.silence_due -= count;
         return true;
     }
@@ -146,9 +145,9 @@ static bool extend_queue(audio_input &audio)
         return false;
     }
     if (decode_frame(audio)) {
-        settle_frame(audio, place_frame(audio), DRIFT_TOLERANCE_US);
+        settle_frame(audio, place_frame(audio), kDriftToleranceUs);
     } else if (audio.decoder->file->clock.waits) {
-        audio.silence_due = AUDIO_BLOCK_SAMPLES;
+        audio.silence_due = kAudioBlockSamples;
         audio.placed += audio.silence_due;
     } else {
         audio.drained = true;
@@ -167,14 +166,14 @@ std::unique_ptr<audio_input> audio_input_open(const std::string &path, media_fil
         throw failure(exit_code::input, path + ": holds no audio that can be decoded");
     }
     const int rate = audio->held->sample_rate;
-    audio->rate = is_encoder_rate(rate) ? rate : DEFAULT_RATE;
+    audio->rate = is_encoder_rate(rate) ? rate : kDefaultRate;
     audio->begin_us = place_frame(*audio);
     return audio;
 }
 
 void audio_input_start_at(audio_input &audio, int64_t origin_us)
 {
-    const bool apart = origin_us < audio.begin_us - ALIGNMENT_MAX_US;
+    const bool apart = origin_us < audio.begin_us - kAlignmentMaxUs;
     audio.origin_us = apart ? audio.begin_us : origin_us;
     if (apart) {
         stream_clock_part(audio.decoder->file->clock);
@@ -182,7 +181,7 @@ void audio_input_start_at(audio_input &audio, int64_t origin_us)
     settle_frame(audio, audio.begin_us, 0);
 }
 
-bool audio_input_next(audio_input &audio, std::span<int16_t, AUDIO_BLOCK_SAMPLES * 2> block)
+bool audio_input_next(audio_input &audio, std::span<int16_t, kAudioBlockSamples * 2> block)
 {
     audio.queue.erase(audio.queue.begin(),
                       audio.queue.begin() + static_cast<ptrdiff_t>(audio.queue_read));

@@ -16,7 +16,7 @@ struct resampler_deleter {
     void operator()(SwrContext *resampler) const;
 };
 
-inline constexpr size_t AUDIO_BLOCK_SAMPLES = 1024; // per channel
+inline constexpr size_t kAudioBlockSamples = 1024; // per channel
 
 struct audio_input {
     std::unique_ptr<audio_decoder> decoder;
@@ -47,6 +47,6 @@ void audio_input_start_at(audio_input &audio, int64_t origin_us);
 // Fills one block; the last one ends in silence, and a block of silence follows it to push the
 // encoder's overlap out. returns false at the end.
 // throws `failure` for what cannot be read.
-bool audio_input_next(audio_input &audio, std::span<int16_t, AUDIO_BLOCK_SAMPLES * 2> block);
+bool audio_input_next(audio_input &audio, std::span<int16_t, kAudioBlockSamples * 2> block);
 
 #endif // CLIENT_INPUT_AUDIO_INPUT_H

@@ -121,7 +121,7 @@ struct packet_row {
 
 static std::optional<packet_row> find_packets(int file, int64_t size)
 {
-    std::array<uint8_t, (kPacketsTried + 1) *kCheckedBytes> block = {};
+    std::array<uint8_t, (kPacketsTried + 1) * kCheckedBytes> block = {};
     const std::span<uint8_t> tail(block.data(), std::min(block.size(), static_cast<size_t>(size)));
     if (!read_at(file, size - static_cast<int64_t>(tail.size()), tail)) {
         return std::nullopt;

@@ -12,8 +12,8 @@
 // The forms that are read; others could make the demuxer open further files.
 static const char format_names[] = "h264,aac,mpegts,mov,mp4,m4a,3gp,3g2,mj2,matroska,webm,wav";
 
-static constexpr char DEFAULT_FRAME_RATE[] = "30";
-static constexpr int IO_BUFFER_BYTES = 1 << 16;
+static constexpr char kDefaultFrameRate[] = "30";
+static constexpr int kIoBufferBytes = 1 << 16;
 
 media_file::~media_file()
 {
@@ -91,8 +91,8 @@ static void open_descriptor(media_file &file)
 
 static void open_format(media_file &file)
 {
-    uint8_t *const buffer = static_cast<uint8_t *>(av_malloc(IO_BUFFER_BYTES));
-    file.io = avio_alloc_context(buffer, IO_BUFFER_BYTES, 0, &file, read_io, nullptr, seek_io);
+    uint8_t *const buffer = static_cast<uint8_t *>(av_malloc(kIoBufferBytes));
+    file.io = avio_alloc_context(buffer, kIoBufferBytes, 0, &file, read_io, nullptr, seek_io);
     file.format = avformat_alloc_context();
     if (buffer == nullptr || file.io == nullptr || file.format == nullptr) {
         throw std::bad_alloc();
@@ -101,7 +101,7 @@ static void open_format(media_file &file)
     file.format->flags |= AVFMT_FLAG_CUSTOM_IO;
     file.format->format_whitelist = av_strdup(format_names);
     AVDictionary *options = nullptr; // for raw H.264 that does not say it; the others ignore it
-    av_dict_set(&options, "framerate", DEFAULT_FRAME_RATE, 0);
+    av_dict_set(&options, "framerate", kDefaultFrameRate, 0);
     int error = avformat_open_input(&file.format, file.path.c_str(), nullptr, &options);
     av_dict_free(&options);
     if (error == 0) {

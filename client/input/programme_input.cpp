@@ -9,7 +9,7 @@ static int64_t video_time_us(const programme_input &programme)
 
 static int64_t audio_time_us(const programme_input &programme)
 {
-    return av_rescale(programme.audio_blocks * static_cast<int64_t>(AUDIO_BLOCK_SAMPLES), 1'000'000,
+    return av_rescale(programme.audio_blocks * static_cast<int64_t>(kAudioBlockSamples), 1'000'000,
                       programme.audio->rate);
 }
 

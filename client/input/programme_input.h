@@ -29,7 +29,7 @@ struct programme_input {
     std::unique_ptr<audio_input> audio;
     int64_t origin_us = 0;                // the first picture on the video file's clock
     std::optional<video_unit> next_video; // none at the end
-    std::array<int16_t, AUDIO_BLOCK_SAMPLES * 2> next_audio = {};
+    std::array<int16_t, kAudioBlockSamples * 2> next_audio = {};
     bool has_audio = false; // next_audio holds a block
     int64_t audio_blocks = 0;
     std::optional<unit_kind> given; // what the last call gave out

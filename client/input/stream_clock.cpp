@@ -8,27 +8,27 @@ extern "C" {
 }
 
 // Time stamps that leave the line by more than this have jumped.
-static constexpr int64_t JUMP_BACK_US = 100'000;
-static constexpr int64_t JUMP_AHEAD_US = 10'000'000;
+static constexpr int64_t kJumpBackUs = 100'000;
+static constexpr int64_t kJumpAheadUs = 10'000'000;
 
 // After a step back within this range, what a stream lost can hide all signs of it.
-static constexpr int64_t SMALL_STEP_BACK_US = 3'000'000;
+static constexpr int64_t kSmallStepBackUs = 3'000'000;
 
 // On one clock, the streams of an input are this close to each other.
-static constexpr int64_t INTERLEAVE_US = 10'000'000;
+static constexpr int64_t kInterleaveUs = 10'000'000;
 
 // A gap or overlap from here on may be the place of a jump that is too small to show as one.
-static constexpr int64_t BREAK_US = 40'000;
+static constexpr int64_t kBreakUs = 40'000;
 
 // How far beyond one stream the other one is read.
-static constexpr int64_t LOOK_AHEAD_US = 3'000'000;
-static constexpr size_t LOOK_AHEAD_PACKETS = 2'000;
+static constexpr int64_t kLookAheadUs = 3'000'000;
+static constexpr size_t kLookAheadPackets = 2'000;
 
-static constexpr int64_t STAMP_MAX_US = int64_t{1} << 56;
+static constexpr int64_t kStampMaxUs = int64_t{1} << 56;
 
 // The longest run, and the longest gap after one that may have come about within it.
-static constexpr size_t RUN_PACKETS = 64;
-static constexpr int64_t RUN_GAP_MAX_US = 80'000;
+static constexpr size_t kRunPackets = 64;
+static constexpr int64_t kRunGapMaxUs = 80'000;
 
 void packet_deleter::operator()(AVPacket *packet) const
 {
@@ -92,12 +92,12 @@ static void drop_wild_stamps(const stream_clock &clock, AVPacket &packet)
 {
     for (int64_t *const stamp : {&packet.pts, &packet.dts}) {
         const int64_t time_us = *stamp == AV_NOPTS_VALUE ? 0 : microseconds(clock, *stamp);
-        if (time_us < -STAMP_MAX_US || time_us > STAMP_MAX_US) {
+        if (time_us < -kStampMaxUs || time_us > kStampMaxUs) {
             *stamp = AV_NOPTS_VALUE;
         }
     }
     packet.duration = std::clamp<int64_t>(
-        packet.duration, 0, av_rescale_q(JUMP_AHEAD_US, {1, 1'000'000}, clock.time_base));
+        packet.duration, 0, av_rescale_q(kJumpAheadUs, {1, 1'000'000}, clock.time_base));
 }
 
 static bool pull(stream_clock &clock)
@@ -123,7 +123,7 @@ static bool pull(stream_clock &clock)
 static int64_t gap_after_run(stream_clock &clock)
 {
     std::optional<int64_t> end; // in the time base
-    for (size_t i = clock.placed; i < clock.placed + RUN_PACKETS; i++) {
+    for (size_t i = clock.placed; i < clock.placed + kRunPackets; i++) {
         if (i == clock.ahead.size() && !pull(clock)) {
             return 0;
         }
@@ -134,7 +134,7 @@ static int64_t gap_after_run(stream_clock &clock)
         }
         if (i > clock.placed && packet.pos >= 0) {
             const int64_t gap_us = microseconds(clock, unwrap(clock, *stamp, *end) - *end);
-            return gap_us > BREAK_US && gap_us < RUN_GAP_MAX_US ? gap_us : 0;
+            return gap_us > kBreakUs && gap_us < kRunGapMaxUs ? gap_us : 0;
         }
         end = *stamp + packet.duration;
     }
@@ -168,14 +168,13 @@ static bool has_jumped(const stream_clock &clock, const stream_place &place, int
         clock.other != nullptr && clock.other->place.stamp
             ? std::max(place.end_us, clock.other->place.last_us) // where one is, both may be
             : place.end_us;
-    return time_us + JUMP_BACK_US <= place.last_us || time_us > ahead_us + JUMP_AHEAD_US;
+    return time_us + kJumpBackUs <= place.last_us || time_us > ahead_us + kJumpAheadUs;
 }
 
 // Whether the stream is further ahead of the other one than it is worth looking.
 static bool is_far_ahead(const stream_clock &clock, const stream_place &place, size_t packets)
 {
-    return packets >= LOOK_AHEAD_PACKETS ||
-           place.last_us > clock.other->place.end_us + LOOK_AHEAD_US;
+    return packets >= kLookAheadPackets || place.last_us > clock.other->place.end_us + kLookAheadUs;
 }
 
 // The jump of one stream, for which the other is searched.
@@ -208,8 +207,8 @@ struct search {
 // even that is no condition.
 static void note_hidden(search &search, const jump &jump, const outlook &here, int64_t away_us)
 {
-    const bool is_break = std::abs(away_us) > BREAK_US;
-    const bool is_small = jump.back_us > 0 && jump.back_us <= SMALL_STEP_BACK_US;
+    const bool is_break = std::abs(away_us) > kBreakUs;
+    const bool is_small = jump.back_us > 0 && jump.back_us <= kSmallStepBackUs;
     if ((is_break && !search.is_at_break) ||
         (is_small && search.hidden.found == sight::continues)) {
         search.hidden = here;
@@ -229,7 +228,7 @@ static bool look_at(const stream_clock &clock, search &search, const jump &jump,
     const int64_t near = av_rescale_q(jump.stamp, clock.other->time_base, clock.time_base);
     here.stamp = unwrap(clock, *stamp, near);
     here.end_us = search.place.end_us;
-    const bool is_near = std::abs(microseconds(clock, here.stamp - near)) <= INTERLEAVE_US;
+    const bool is_near = std::abs(microseconds(clock, here.stamp - near)) <= kInterleaveUs;
     const int64_t time_us = microseconds(clock, *stamp) + clock.offset_us;
     if (has_jumped(clock, search.place, time_us)) {
         here.found = is_near ? sight::crossing : sight::has_end;
@@ -290,8 +289,8 @@ static bool follow_other(stream_clock &clock, int64_t &stamp)
     const int64_t near = av_rescale_q(*other.place.stamp, other.time_base, clock.time_base);
     const int64_t followed = unwrap(clock, stamp, near);
     const int64_t time_us = microseconds(clock, followed) + other.offset_us;
-    if (time_us + JUMP_BACK_US <= clock.place.last_us ||
-        std::abs(time_us - other.place.last_us) > JUMP_AHEAD_US) {
+    if (time_us + kJumpBackUs <= clock.place.last_us ||
+        std::abs(time_us - other.place.last_us) > kJumpAheadUs) {
         return false;
     }
     clock.offset_us = other.offset_us;

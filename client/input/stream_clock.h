@@ -25,7 +25,7 @@ struct packet_deleter {
 using packet_ptr = std::unique_ptr<AVPacket, packet_deleter>;
 
 // Streams that begin further apart than this are not of one clock.
-inline constexpr int64_t ALIGNMENT_MAX_US = 600'000'000;
+inline constexpr int64_t kAlignmentMaxUs = 600'000'000;
 
 // Where a stream is on its line.
 struct stream_place {

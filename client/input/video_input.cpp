@@ -13,11 +13,11 @@ extern "C" {
 
 // A reordered picture, a change of parameter sets or damaged ones in front mostly show within this
 // many units.
-static constexpr size_t READ_AHEAD_UNITS = 100;
+static constexpr size_t kReadAheadUnits = 100;
 
 // So many units are held back at most while it is not clear whether their parameter sets are
 // damaged.
-static constexpr size_t DOUBTED_UNITS_MAX = 1000;
+static constexpr size_t kDoubtedUnitsMax = 1000;
 
 static constexpr unsigned kSequenceSet = 7; // nal_unit_type
 
@@ -26,7 +26,7 @@ static constexpr int kProfiles[] = {FF_PROFILE_H264_BASELINE, FF_PROFILE_H264_MA
                                     FF_PROFILE_H264_EXTENDED, FF_PROFILE_H264_HIGH};
 
 // Pictures whose times do not rise come this far apart.
-static constexpr int64_t SHORTEST_STEP_US = 1'000;
+static constexpr int64_t kShortestStepUs = 1'000;
 
 [[noreturn]] static void refuse(const video_input &video, const std::string &what)
 {
@@ -106,7 +106,7 @@ static void check_order(video_input &video, const AVPacket &packet, const access
     const std::optional<int64_t> display_us = media_file_time_us(*video.file, packet.pts);
     const std::optional<int64_t> decode_us = media_file_time_us(*video.file, packet.dts);
     if (display_us && decode_us && video.display_us && video.decode_us &&
-        *display_us<*video.display_us && * decode_us> * video.decode_us) {
+        *display_us < *video.display_us && *decode_us > *video.decode_us) {
         refuse_order(video);
     }
     video.display_us = display_us;
@@ -124,7 +124,7 @@ static int64_t place_in_time(video_input &video, const AVPacket &packet)
     if (!time_us || !video.last_us) {
         return time_us.value_or(video.last_us ? *video.last_us + step_us : 0);
     }
-    return std::max(*time_us, *video.last_us + SHORTEST_STEP_US);
+    return std::max(*time_us, *video.last_us + kShortestStepUs);
 }
 
 static void judge(video_input &video, unit_verdict verdict)
@@ -271,7 +271,7 @@ static bool read_more(video_input &video)
     if (!unit && video.file->clock.waits) {
         return false;
     }
-    const bool is_over = !unit || video.doubted.size() >= DOUBTED_UNITS_MAX;
+    const bool is_over = !unit || video.doubted.size() >= kDoubtedUnitsMax;
     if (!video.doubted.empty() && (is_over || unit->unit.idr)) {
         judge_doubt(video, unit && unit->unit.idr ? &*unit : nullptr);
     }
@@ -316,7 +316,7 @@ std::unique_ptr<video_input> video_input_open(const std::string &path,
 void video_input_read_ahead(video_input &video)
 {
     try {
-        while ((video.ahead.size() < READ_AHEAD_UNITS || !video.doubted.empty()) &&
+        while ((video.ahead.size() < kReadAheadUnits || !video.doubted.empty()) &&
                read_more(video)) {
         }
     } catch (const failure &broken) {

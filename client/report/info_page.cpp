@@ -8,8 +8,8 @@
 #include <filesystem>
 
 // More gaps than these, and more marks than a chart has pixels, help nobody.
-static constexpr size_t GAPS_LISTED = 50;
-static constexpr size_t MARKS_PER_CHART = 600;
+static constexpr size_t kGapsListed = 50;
+static constexpr size_t kMarksPerChart = 600;
 
 static const char style_sheet[] = R"(
 :root { color-scheme: light dark;
@@ -195,7 +195,7 @@ static std::string gap_table(const media_report &report)
     for (const track_report &track : report.tracks) {
         all += track.gaps.size();
         for (const time_gap &gap : track.gaps) {
-            if (listed++ < GAPS_LISTED) {
+            if (listed++ < kGapsListed) {
                 rows += row(html_text(track.kind),
                             {duration_text(gap.begin_s), print("%.3f s", gap.length_s)});
             }
@@ -205,7 +205,7 @@ static std::string gap_table(const media_report &report)
         return "";
     }
     const std::string note =
-        all > GAPS_LISTED ? print("the first %zu of %zu", GAPS_LISTED, all) : "";
+        all > kGapsListed ? print("the first %zu of %zu", kGapsListed, all) : "";
     return section("Gaps", note,
                    "<div class=\"wide\"><table>\n<tr><th scope=\"col\">Track</th><th "
                    "scope=\"col\">From</th><th scope=\"col\">Length</th></tr>\n" +
@@ -221,14 +221,14 @@ static std::string key_chart(const media_report &report)
     time_chart chart = time_strip_open(report.duration_s, 44);
     double drawn_s = -1;
     for (const double time_s : video->keys_s) {
-        if (time_s >= drawn_s + report.duration_s / double{MARKS_PER_CHART}) {
+        if (time_s >= drawn_s + report.duration_s / double{kMarksPerChart}) {
             time_chart_mark(chart, "key", time_s, "key frame at " + duration_text(time_s));
             drawn_s = time_s;
         }
     }
     for (const track_report &track : report.tracks) {
         const bool is_sound = track.kind == "Audio"; // on the lower half
-        for (size_t i = 0; i < track.gaps.size() && i < MARKS_PER_CHART; i++) {
+        for (size_t i = 0; i < track.gaps.size() && i < kMarksPerChart; i++) {
             const time_gap &gap = track.gaps[i];
             time_chart_bar(chart, "gap", gap.begin_s, gap.begin_s + gap.length_s,
                            is_sound ? 0 : 0.5, is_sound ? 0.5 : 1,

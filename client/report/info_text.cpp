@@ -2,12 +2,11 @@
 
 #include "client/report/figures.h"
 
+#include <cmath>
 #include <nlohmann/json.hpp>
 
-#include <cmath>
-
 // More gaps than these are counted only.
-static constexpr size_t GAPS_LISTED = 10;
+static constexpr size_t kGapsListed = 10;
 
 std::string track_text(const track_report &track)
 {
@@ -56,12 +55,12 @@ static std::string describe_track(const track_report &track, size_t number)
     for (size_t i = 0; i < track.gaps.size(); i++) {
         const time_gap &gap = track.gaps[i];
         missing_s += gap.length_s;
-        if (i < GAPS_LISTED) {
+        if (i < kGapsListed) {
             text += "           gap of " + print("%.3f s at ", gap.length_s) +
                     duration_text(gap.begin_s) + "\n";
         }
     }
-    if (track.gaps.size() > GAPS_LISTED) {
+    if (track.gaps.size() > kGapsListed) {
         text += print("           %zu gaps in all, %.3f s\n", track.gaps.size(), missing_s);
     }
     return text;

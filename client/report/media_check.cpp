@@ -12,15 +12,15 @@ using mp4_reader::track;
 namespace {
 
 // How far a header's duration may be from what the frames' times give.
-constexpr double DURATION_TOLERANCE_S = 0.1;
+constexpr double kDurationToleranceS = 0.1;
 // How far sound and picture may end from one another.
-constexpr double END_TOLERANCE_S = 0.5;
+constexpr double kEndToleranceS = 0.5;
 
 // Where nothing is wrong, one is enough; a hostile file may name the same bytes again and again.
-constexpr uint64_t WALKS_OF_MEDIA_DATA = 4;
+constexpr uint64_t kWalksOfMediaData = 4;
 
 // nal_unit_type, ISO/IEC 14496-10 table 7-1
-constexpr unsigned NAL_SLICE = 1, NAL_IDR = 5;
+constexpr unsigned kNalSlice = 1, kNalIdr = 5;
 
 struct range {
     uint64_t begin, end;
@@ -98,7 +98,7 @@ void find_media_data(checker &self)
         if (each.type == "mdat") {
             const uint64_t begin = static_cast<uint64_t>(each.payload.data() - self.image.data());
             self.media_data.push_back({begin, begin + each.payload.size()});
-            self.bytes_to_walk += WALKS_OF_MEDIA_DATA * each.payload.size();
+            self.bytes_to_walk += kWalksOfMediaData * each.payload.size();
         }
     }
 }
@@ -138,8 +138,8 @@ picture look_at_picture(std::span<const uint8_t> data, size_t length_bytes)
             break;
         }
         const unsigned type = data[0] & 0x1Fu;
-        result.is_idr = result.is_idr || type == NAL_IDR;
-        result.has_slice = result.has_slice || (type >= NAL_SLICE && type <= NAL_IDR);
+        result.is_idr = result.is_idr || type == kNalIdr;
+        result.has_slice = result.has_slice || (type >= kNalSlice && type <= kNalIdr);
         data = data.subspan(length);
     }
     return result;
@@ -183,8 +183,8 @@ void check_pictures(checker &self, const track &video)
 
 void check_sound(checker &self, const track &sound)
 {
-    static constexpr uint32_t OBJECT_TYPE_AAC = 0x40;
-    if (sound.esds.object_type != 0 && sound.esds.object_type != OBJECT_TYPE_AAC) {
+    static constexpr uint32_t kObjectTypeAac = 0x40;
+    if (sound.esds.object_type != 0 && sound.esds.object_type != kObjectTypeAac) {
         return;
     }
     if (sound.esds.specific_info.empty()) {
@@ -193,11 +193,11 @@ void check_sound(checker &self, const track &sound)
     if (sound.sample_rate == 0) {
         return;
     }
-    static constexpr double FRAME_SAMPLES = 1024;
+    static constexpr double kFrameSamples = 1024;
     const double held =
-        static_cast<double>(sound.samples.size()) * FRAME_SAMPLES / sound.sample_rate;
+        static_cast<double>(sound.samples.size()) * kFrameSamples / sound.sample_rate;
     const double given = end_of(sound);
-    if (std::abs(held - given) > DURATION_TOLERANCE_S && sound.samples.size() > 1) {
+    if (std::abs(held - given) > kDurationToleranceS && sound.samples.size() > 1) {
         self.remark("its frames hold " + seconds_text(held) + " of sound and are given " +
                     seconds_text(given));
     }
@@ -226,11 +226,11 @@ void check_times(checker &self, const track &of)
     const double end = end_of(of);
     const double media = seconds_of(of.media_duration, of.timescale);
     const double header = seconds_of(of.movie_duration, self.file.timescale);
-    if (std::abs(media - end) > DURATION_TOLERANCE_S) {
+    if (std::abs(media - end) > kDurationToleranceS) {
         self.fault("its media header says " + seconds_text(media) + ", its frames last " +
                    seconds_text(end));
     }
-    if (std::abs(header - end) > DURATION_TOLERANCE_S && self.file.timescale != 0) {
+    if (std::abs(header - end) > kDurationToleranceS && self.file.timescale != 0) {
         self.fault("its track header says " + seconds_text(header) + ", its frames last " +
                    seconds_text(end));
     }
@@ -271,7 +271,7 @@ void check_movie(checker &self)
         self.fault("the movie has a time scale of 0");
     } else if (is_read_whole(self.file) &&
                std::abs(seconds_of(self.file.duration, self.file.timescale) - longest) >
-                   DURATION_TOLERANCE_S) {
+                   kDurationToleranceS) {
         self.fault("the movie header says " +
                    seconds_text(seconds_of(self.file.duration, self.file.timescale)) +
                    ", its tracks last " + seconds_text(longest));
@@ -320,7 +320,7 @@ void compare_ends(checker &self)
         return;
     }
     const double apart = end_of(*sound) - end_of(*video);
-    if (std::abs(apart) > END_TOLERANCE_S) {
+    if (std::abs(apart) > kEndToleranceS) {
         self.remark("the sound ends " + seconds_text(std::abs(apart)) +
                     (apart > 0 ? " after" : " before") + " the picture");
     }

@@ -12,16 +12,16 @@ using mp4_reader::sample;
 using mp4_reader::track;
 
 // A chart has no use for more than these.
-static constexpr size_t MAX_BINS = 240;
-static constexpr double LONGEST_S = 1e7; // times beyond this are nonsense of a broken file
+static constexpr size_t kMaxBins = 240;
+static constexpr double kLongestS = 1e7; // times beyond this are nonsense of a broken file
 
 // A frame that lasts this much longer than usual leaves a gap.
-static constexpr double GAP_FACTOR = 1.5;
-static constexpr double GAP_TOLERANCE_S = 0.005;
+static constexpr double kGapFactor = 1.5;
+static constexpr double kGapToleranceS = 0.005;
 
 static double seconds_at(const track &of, uint64_t ticks)
 {
-    return of.timescale == 0 ? 0 : std::min(static_cast<double>(ticks) / of.timescale, LONGEST_S);
+    return of.timescale == 0 ? 0 : std::min(static_cast<double>(ticks) / of.timescale, kLongestS);
 }
 
 static std::string avc_text(const mp4_reader::avc_configuration &avc)
@@ -81,7 +81,7 @@ static void find_gaps(const track &of, track_report &report)
     const double usual_s = *middle;
     double even_s = 0;
     for (size_t i = 0; i < durations.size(); i++) {
-        if (durations[i] > usual_s * GAP_FACTOR + GAP_TOLERANCE_S) {
+        if (durations[i] > usual_s * kGapFactor + kGapToleranceS) {
             report.gaps.push_back(
                 {seconds_at(of, of.samples[i].time) + usual_s, durations[i] - usual_s});
         } else {
@@ -109,7 +109,7 @@ static void find_key_frames(const track &of, track_report &report)
 static void count_bits(const track &of, double bin_s, track_report &report)
 {
     const size_t bins = static_cast<size_t>(report.duration_s / bin_s) + 1;
-    report.rates.resize(std::min(bins, MAX_BINS + 1));
+    report.rates.resize(std::min(bins, kMaxBins + 1));
     for (const sample &each : of.samples) {
         const size_t bin = static_cast<size_t>(seconds_at(of, each.time) / bin_s);
         report.bytes += each.size;
@@ -185,11 +185,11 @@ static void compare_arrival(const movie &file, media_report &report)
 // Seconds since 1904 as a date.
 static std::string date_text(uint64_t seconds)
 {
-    constexpr uint64_t FROM_1904_TO_1970 = 2'082'844'800;
-    const time_t time = static_cast<time_t>(seconds - FROM_1904_TO_1970);
+    constexpr uint64_t kFrom1904To1970 = 2'082'844'800;
+    const time_t time = static_cast<time_t>(seconds - kFrom1904To1970);
     std::tm parts = {};
     std::array<char, 32> text = {};
-    if (seconds < FROM_1904_TO_1970 || seconds >> 33 != 0 || gmtime_r(&time, &parts) == nullptr ||
+    if (seconds < kFrom1904To1970 || seconds >> 33 != 0 || gmtime_r(&time, &parts) == nullptr ||
         std::strftime(text.data(), text.size(), "%Y-%m-%d %H:%M:%S", &parts) == 0) {
         return "";
     }
@@ -204,7 +204,7 @@ media_report media_report_make(const std::string &path, std::span<const uint8_t>
     for (const track &each : file.tracks) {
         report.duration_s = std::max(report.duration_s, end_of(each));
     }
-    report.bin_s = std::max(1.0, std::ceil(report.duration_s / MAX_BINS));
+    report.bin_s = std::max(1.0, std::ceil(report.duration_s / kMaxBins));
     for (const track &each : file.tracks) {
         report.tracks.push_back(report_track(each, report.bin_s));
     }

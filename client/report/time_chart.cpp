@@ -7,13 +7,13 @@
 
 // Across, all is in per cent of the plot, so that lettering keeps its size on any screen; down, in
 // pixels, and there is this much around the plot.
-static constexpr double TOP = 10, BOTTOM = 26;
+static constexpr double kTop = 10, kBottom = 26;
 
 // By so much a bar reaches under the next one: numbers that are rounded would leave hairlines.
-static constexpr double OVERLAP = 0.02;
+static constexpr double kOverlap = 0.02;
 
 // A narrow screen has room for this many moments.
-static constexpr int MOMENTS_NARROW = 5;
+static constexpr int kMomentsNarrow = 5;
 
 std::string html_text(const std::string &text)
 {
@@ -47,7 +47,7 @@ static double x_of(const time_chart &chart, double time_s)
 static double y_of(const time_chart &chart, double value)
 {
     const double part = std::clamp((value - chart.low) / (chart.high - chart.low), 0.0, 1.0);
-    return TOP + (1 - part) * chart.height;
+    return kTop + (1 - part) * chart.height;
 }
 
 // The smallest of 1, 2 and 5 times a power of ten that is not below the value.
@@ -91,13 +91,13 @@ static std::string moment_text(double time_s)
 
 static void draw_time_axis(time_chart &chart)
 {
-    const double bottom = TOP + chart.height;
+    const double bottom = kTop + chart.height;
     const double step = time_step(chart.duration_s);
     const int moments = static_cast<int>(chart.duration_s / step) + 1;
-    const int distance_narrow = (moments + MOMENTS_NARROW - 1) / MOMENTS_NARROW;
+    const int distance_narrow = (moments + kMomentsNarrow - 1) / kMomentsNarrow;
     for (int i = 0; i < moments; i++) {
         const double x = x_of(chart, i * step);
-        add_line(chart, "grid", x, TOP, x, bottom + 4);
+        add_line(chart, "grid", x, kTop, x, bottom + 4);
         chart.body += print("<text%s x=\"%.2f%%\" y=\"%.1f\" text-anchor=\"middle\">",
                             i % distance_narrow == 0 ? "" : " class=\"dense\"", x, bottom + 18) +
                       moment_text(i * step) + "</text>\n";
@@ -133,7 +133,7 @@ void time_chart_bar(time_chart &chart, const char *style, double begin_s, double
 {
     const double x = x_of(chart, begin_s);
     const double y = y_of(chart, high);
-    const double width = std::max(x_of(chart, end_s) - x, 0.1) + OVERLAP;
+    const double width = std::max(x_of(chart, end_s) - x, 0.1) + kOverlap;
     const double height = std::max(y_of(chart, low) - y, 1.0);
     chart.body += print("<rect class=\"%s\" x=\"%.2f%%\" y=\"%.2f\" width=\"%.2f%%\" "
                         "height=\"%.2f\">",
@@ -145,7 +145,7 @@ void time_chart_mark(time_chart &chart, const char *style, double time_s, const 
 {
     const double x = x_of(chart, time_s);
     chart.body += print("<line class=\"%s\" x1=\"%.2f%%\" y1=\"%.1f\" x2=\"%.2f%%\" y2=\"%.1f\">",
-                        style, x, TOP, x, TOP + chart.height) +
+                        style, x, kTop, x, kTop + chart.height) +
                   "<title>" + html_text(tip) + "</title></line>\n";
 }
 
@@ -158,6 +158,6 @@ void time_chart_level(time_chart &chart, const char *style, double value)
 std::string time_chart_svg(const time_chart &chart, const std::string &label)
 {
     return print("<div class=\"chart\"><svg height=\"%.0f\" role=\"img\" aria-label=\"",
-                 TOP + chart.height + BOTTOM) +
+                 kTop + chart.height + kBottom) +
            html_text(label) + "\">\n" + chart.body + "</svg></div>\n";
 }

@@ -54,9 +54,9 @@ static size_t find_start_code(byte_span data, size_t from)
 static void note_parameter_set(byte_span unit, parameter_sets *found)
 {
     const uint8_t type = nal_unit_type(unit);
-    if (type == NAL_TYPE_SPS && unit.size() >= kMinSpsBytes) {
+    if (type == kNalTypeSps && unit.size() >= kMinSpsBytes) {
         found->sps = unit;
-    } else if (type == NAL_TYPE_PPS) {
+    } else if (type == kNalTypePps) {
         found->pps = unit;
     }
 }

@@ -15,9 +15,9 @@ static constexpr int kMaxFillerRuns = 3;
 namespace {
 
 enum trailer_result {
-    TRAILER_WRITTEN,
-    TRAILER_FAILED,
-    TRAILER_RUNS_FAILED, // the duration runs could not be completed
+    kTrailerWritten,
+    kTrailerFailed,
+    kTrailerRunsFailed, // the duration runs could not be completed
 };
 
 struct scratch_table {
@@ -76,18 +76,18 @@ static trailer_result complete_tables(const mp4_mux_t *mux, mp4_mux_track_t *p_t
 {
     const bool is_video = p_track->m_iType == MUX_TYPE_VIDEO;
     if (!rewind_table(&p_track->m_BsSTCO)) {
-        return TRAILER_FAILED;
+        return kTrailerFailed;
     }
     if (is_video && !complete_runs(mux, p_track)) {
-        return TRAILER_RUNS_FAILED;
+        return kTrailerRunsFailed;
     }
     if (!rewind_table(&p_track->m_BsSTTSDts) || !rewind_table(&p_track->m_BsSTSZ)) {
-        return TRAILER_FAILED;
+        return kTrailerFailed;
     }
     if (is_video && (!put_sync_sample(mux, p_track, 0) || !rewind_table(&p_track->m_BsSTSS))) {
-        return TRAILER_FAILED;
+        return kTrailerFailed;
     }
-    return TRAILER_WRITTEN;
+    return kTrailerWritten;
 }
 
 // Writes the size of the media data, which ends at the current position. It is measured, not summed
@@ -123,23 +123,23 @@ static trailer_result write_trailer(mp4_mux_t *mux)
     mp4_mux_bs_t *bs = mux->m_pBs;
     for (uint32_t i = 0; i < mux->m_uiTrackCount; i++) {
         const trailer_result result = complete_tables(mux, mux->m_pstTrack[i]);
-        if (result != TRAILER_WRITTEN) {
+        if (result != kTrailerWritten) {
             return result;
         }
     }
     if (!fix_media_size(mux)) {
-        return TRAILER_FAILED;
+        return kTrailerFailed;
     }
-    if (mux->m_iCloseMemMode == CLOSE_MEM_LARGE &&
+    if (mux->m_iCloseMemMode == kCloseMemLarge &&
         reset_write_cache2(bs, mux->m_pCloseMem, mux->m_iCloseMemSize / 2) < 0) {
-        return TRAILER_FAILED;
+        return kTrailerFailed;
     }
     bs->m_bTorn = 0; // bytes that frames are missing belong to no sample
     if (write_moov_box(mux) < 0 || !bs_write_out(bs)) {
-        return TRAILER_FAILED;
+        return kTrailerFailed;
     }
     // A movie box with a byte, a size or a table missing is no use to any reader.
-    return bs->m_bTorn != 0 ? TRAILER_FAILED : TRAILER_WRITTEN;
+    return bs->m_bTorn != 0 ? kTrailerFailed : kTrailerWritten;
 }
 
 static void free_private_data(mp4_mux_t *mux, mp4_mux_track_t *p_track)
@@ -204,21 +204,21 @@ static void record_failed_seek(mp4_mux_t *mux)
 // What ends the file: the trailer, or for a file without frames the head that is still cached.
 static int32_t finish_file(mp4_mux_t *mux)
 {
-    trailer_result result = TRAILER_WRITTEN;
+    trailer_result result = kTrailerWritten;
     if (static_cast<int64_t>(mux->m_ullMediaSize) > 0) {
         result = write_trailer(mux);
     } else if (!bs_write_out(mux->m_pBs)) {
-        result = TRAILER_FAILED;
+        result = kTrailerFailed;
     }
-    if (result == TRAILER_WRITTEN && mux->m_bTornHead == 0) {
+    if (result == kTrailerWritten && mux->m_bTornHead == 0) {
         return 0;
     }
-    if (result == TRAILER_WRITTEN) {
+    if (result == kTrailerWritten) {
         bs_fail(mux->m_pBs, MUX_ERR_WRITE, "the file's head is not whole");
     } else if (mux->m_stLastError.m_iCode == 0) {
         record_failed_seek(mux);
     }
-    if (result == TRAILER_FAILED) {
+    if (result == kTrailerFailed) {
         mp4_mux_add_err_string("<write_trailer", &mux->m_stLastError);
     }
     return mp4_mux_add_err_string("<mp4_mux_close", &mux->m_stLastError);
@@ -226,8 +226,8 @@ static int32_t finish_file(mp4_mux_t *mux)
 
 int32_t mp4_mux_close(mp4_mux_t *mux)
 {
-    const bool was_recording = mux->m_iState == MUX_STATE_RECORDING;
-    mux->m_iState = MUX_STATE_ENDED;
+    const bool was_recording = mux->m_iState == kMuxStateRecording;
+    mux->m_iState = kMuxStateEnded;
     if (was_recording) {
         const int32_t result = finish_file(mux);
         if (result < 0) {

@@ -4,7 +4,6 @@
 #include "mp4mux/box_writer.h"
 #include "mp4mux/moov/media_box.h"
 #include "mp4mux/moov/single_precision.h"
-
 #include "mp4mux/mux_version.h"
 
 #include <algorithm>

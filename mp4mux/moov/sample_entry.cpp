@@ -8,11 +8,11 @@
 
 // ISO/IEC 14496-1, table 1: class tags, and 7.2.6.6: streamType with upStream 0 and reserved 1.
 enum {
-    TAG_ES_DESCRIPTOR = 3,
-    TAG_DECODER_CONFIG = 4,
-    TAG_DECODER_SPECIFIC_INFO = 5,
-    STREAM_TYPE_VISUAL = 0x11,
-    STREAM_TYPE_AUDIO = 0x15,
+    kTagEsDescriptor = 3,
+    kTagDecoderConfig = 4,
+    kTagDecoderSpecificInfo = 5,
+    kStreamTypeVisual = 0x11,
+    kStreamTypeAudio = 0x15,
 };
 
 static constexpr int32_t kAc3HeaderBytes = 7; // the fields read from a sync frame lie within
@@ -57,23 +57,23 @@ int32_t write_esds_box(mp4_mux_t *mux, mp4_mux_track_t *p_track)
     const int64_t start = begin_box(bs, "esds");
     mp4_mux_bs_write_be32(bs, 0); // unsigned int(8) version; bit(24) flags;
 
-    mp4_mux_bs_write_be8(bs, TAG_ES_DESCRIPTOR);     // bit(8) tag = ES_DescrTag;
+    mp4_mux_bs_write_be8(bs, kTagEsDescriptor);      // bit(8) tag = ES_DescrTag;
     write_descriptor_size(bs, sizes.stream);         // sizeOfInstance
     mp4_mux_bs_write_be16(bs, p_track->m_uiTrackID); // bit(16) ES_ID;
     mp4_mux_bs_write_be8(bs, 0);                     // flags and streamPriority
 
-    mp4_mux_bs_write_be8(bs, TAG_DECODER_CONFIG);                // bit(8) tag;
+    mp4_mux_bs_write_be8(bs, kTagDecoderConfig);                 // bit(8) tag;
     write_descriptor_size(bs, sizes.config);                     // sizeOfInstance
     mp4_mux_bs_write_be8(bs, p_track->m_uiObjectTypeIndication); // bit(8) objectTypeIndication;
-    mp4_mux_bs_write_be8(bs, is_audio ? STREAM_TYPE_AUDIO : STREAM_TYPE_VISUAL);
+    mp4_mux_bs_write_be8(bs, is_audio ? kStreamTypeAudio : kStreamTypeVisual);
     mp4_mux_bs_write_be24(bs, 0); // bit(24) bufferSizeDB;
     mp4_mux_bs_write_be32(bs, 0); // bit(32) maxBitrate;
     mp4_mux_bs_write_be32(bs, 0); // bit(32) avgBitrate;
 
     if (private_bytes != 0) {
-        mp4_mux_bs_write_be8(bs, TAG_DECODER_SPECIFIC_INFO); // bit(8) tag = DecSpecificInfoTag;
-        write_descriptor_size(bs, private_bytes);            // sizeOfInstance
-        (void)write_private_data(mux, p_track);              // a failure is in the error record
+        mp4_mux_bs_write_be8(bs, kTagDecoderSpecificInfo); // bit(8) tag = DecSpecificInfoTag;
+        write_descriptor_size(bs, private_bytes);          // sizeOfInstance
+        (void)write_private_data(mux, p_track);            // a failure is in the error record
     }
     mp4_mux_bs_write_be24(bs, 0x060102); // SLConfigDescriptor: tag 6, size 1, predefined 2
     return update_size(bs, start);
@@ -224,13 +224,13 @@ static int32_t write_audio_config(mp4_mux_t *mux, mp4_mux_track_t *p_track)
         return write_esds_box(mux, p_track);
     }
     switch (p_track->m_iCodec) {
-    case AUDIO_TAG_AC3:
+    case kAudioTagAc3:
         return write_ac3_box(mux, p_track);
-    case AUDIO_TAG_AMR_WBP:
-    case AUDIO_TAG_AMR_NB:
-    case AUDIO_TAG_AMR_WB:
+    case kAudioTagAmrWbp:
+    case kAudioTagAmrNb:
+    case kAudioTagAmrWb:
         return write_damr_box(mux->m_pBs);
-    case AUDIO_TAG_QCELP:
+    case kAudioTagQcelp:
         return write_dqcp_box(mux->m_pBs);
     default:
         return p_track->m_iCodecPrivateSize != 0 ? write_glbl_box(mux, p_track) : 0;

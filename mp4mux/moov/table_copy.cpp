@@ -118,7 +118,7 @@ static int32_t read_from_cache(mp4_mux_t *mux, mp4_mux_bs_t *scratch, int32_t wo
 {
     scratch->m_uiValid = scratch->m_uiFill;
     scratch->m_uiFill = 0;
-    return mux->m_iCloseMemMode == CLOSE_MEM_NONE
+    return mux->m_iCloseMemMode == kCloseMemNone
                ? reset_write_cache2(mux->m_pBs, mux->m_pCache, work_bytes)
                : reset_write_cache2(mux->m_pBs, mux->m_pCloseMem, mux->m_iCloseMemSize);
 }
@@ -134,7 +134,7 @@ static int32_t share_memory(mp4_mux_t *mux, mp4_mux_bs_t *scratch, int32_t work_
         return result;
     }
     const int64_t need = (size & ~int64_t{3}) + 4;
-    return mux->m_iCloseMemMode == CLOSE_MEM_NONE
+    return mux->m_iCloseMemMode == kCloseMemNone
                ? share_cache_block(mux, scratch, need, work_bytes)
                : share_close_memory(mux, scratch, need, work_bytes);
 }

@@ -17,30 +17,33 @@ static void *log_sink_context;
 
 static void write_line(int priority, const char *tag, const char *text)
 {
-    static constexpr char letters[] = "??VDIWEFS"; // by priority
+    static constexpr char kLetters[] = "??VDIWEFS"; // by priority
     const bool known = priority >= 0 && priority <= ANDROID_LOG_SILENT;
     const size_t length = strlen(text);
     const char *line_end = length != 0 && text[length - 1] == '\n' ? "" : "\n";
-    fprintf(stderr, "%c/%s: %s%s", known ? letters[priority] : '?', tag, text, line_end);
+    fprintf(stderr, "%c/%s: %s%s", known ? kLetters[priority] : '?', tag, text, line_end);
 }
 
 int __android_log_print(int priority, const char *pszTag, const char *pszFormat, ...)
 {
-    if (priority < lowest_priority)
+    if (priority < lowest_priority) {
         return 0;
+    }
     char text[LOG_TEXT_MAX];
     va_list arguments;
     va_start(arguments, pszFormat);
     const int length = vsnprintf(text, sizeof(text), pszFormat, arguments);
     va_end(arguments);
-    if (length < 0)
+    if (length < 0) {
         return length;
+    }
 
     pthread_mutex_lock(&lock_log);
-    if (log_sink != nullptr)
+    if (log_sink != nullptr) {
         log_sink(log_sink_context, priority, pszTag, text);
-    else
+    } else {
         write_line(priority, pszTag, text);
+    }
     pthread_mutex_unlock(&lock_log);
     return length < LOG_TEXT_MAX ? length : LOG_TEXT_MAX - 1;
 }

@@ -1,6 +1,5 @@
 // The buffers of a port: their making and release, and their way to the component and back.
 #include "platform/host/omx_base_internal.h"
-
 #include "platform/host/semaphore_queue_internal.h"
 #include "platform/qvr_memory.h"
 
@@ -9,8 +8,9 @@ static omx_base_buffer_t *find_buffer(omx_base_port_PrivateType *port,
 {
     omx_base_port_internal_t *internal = port->pInternal;
     for (uint32_t index = 0; index < internal->uiBufferCount; index++) {
-        if (internal->astBuffer[index].pHeader == header)
+        if (internal->astBuffer[index].pHeader == header) {
             return &internal->astBuffer[index];
+        }
     }
     return nullptr;
 }
@@ -57,8 +57,9 @@ static OMX_ERRORTYPE acquire_buffer(omx_base_buffer_t *buffer, OMX_U32 size, OMX
 {
     buffer->pHeader =
         static_cast<OMX_BUFFERHEADERTYPE *>(QVR_calloc(1, sizeof(OMX_BUFFERHEADERTYPE)));
-    if (buffer->pHeader == nullptr)
+    if (buffer->pHeader == nullptr) {
         return OMX_ErrorInsufficientResources;
+    }
     if (client_data == nullptr) {
         buffer->pData = QVR_malloc(size);
         if (buffer->pData == nullptr) {
@@ -80,14 +81,17 @@ static OMX_ERRORTYPE add_buffer_locked(omx_base_sink_PrivateType *sink,
 {
     OMX_PARAM_PORTDEFINITIONTYPE &definition = port->stPortDefinition;
     omx_base_port_internal_t *internal = port->pInternal;
-    if (size == 0 || size < definition.nBufferSize)
+    if (size == 0 || size < definition.nBufferSize) {
         return OMX_ErrorBadParameter;
-    if (!may_add_buffer(sink, port) || internal->uiBufferCount >= definition.nBufferCountActual)
+    }
+    if (!may_add_buffer(sink, port) || internal->uiBufferCount >= definition.nBufferCountActual) {
         return OMX_ErrorIncorrectStateOperation;
+    }
     omx_base_buffer_t buffer = {};
     const OMX_ERRORTYPE error = acquire_buffer(&buffer, size, client_data);
-    if (error != OMX_ErrorNone)
+    if (error != OMX_ErrorNone) {
         return error;
+    }
     buffer.pHeader->nInputPortIndex = internal->uiIndex;
     buffer.pHeader->pInputPortPrivate = port;
     internal->astBuffer[internal->uiBufferCount++] = buffer;
@@ -105,17 +109,21 @@ static OMX_ERRORTYPE add_buffer(OMX_HANDLETYPE component, OMX_BUFFERHEADERTYPE *
 {
     omx_base_sink_PrivateType *sink = nullptr;
     OMX_ERRORTYPE error = omx_base_find_valid_sink(component, &sink);
-    if (error != OMX_ErrorNone)
+    if (error != OMX_ErrorNone) {
         return error;
-    if (header == nullptr)
+    }
+    if (header == nullptr) {
         return OMX_ErrorBadParameter;
+    }
     omx_base_port_PrivateType *port = omx_base_port(sink, port_index);
-    if (port == nullptr)
+    if (port == nullptr) {
         return OMX_ErrorBadPortIndex;
+    }
     pthread_mutex_lock(&sink->pInternal->lock);
     error = add_buffer_locked(sink, port, size, client_data, header);
-    if (error == OMX_ErrorNone)
+    if (error == OMX_ErrorNone) {
         (*header)->pAppPrivate = app_private;
+    }
     pthread_mutex_unlock(&sink->pInternal->lock);
     return error;
 }
@@ -124,8 +132,9 @@ OMX_ERRORTYPE omx_base_component_UseBuffer(OMX_HANDLETYPE hComponent,
                                            OMX_BUFFERHEADERTYPE **ppBuffer, OMX_U32 uiPort,
                                            OMX_PTR pAppPrivate, OMX_U32 uiSize, OMX_U8 *pData)
 {
-    if (pData == nullptr)
+    if (pData == nullptr) {
         return OMX_ErrorBadParameter;
+    }
     return add_buffer(hComponent, ppBuffer, uiPort, pAppPrivate, uiSize, pData);
 }
 
@@ -153,17 +162,20 @@ static OMX_ERRORTYPE free_buffer_locked(omx_base_sink_PrivateType *sink,
 {
     omx_base_port_internal_t *internal = port->pInternal;
     omx_base_buffer_t *buffer = find_buffer(port, header);
-    if (buffer == nullptr)
+    if (buffer == nullptr) {
         return OMX_ErrorBadParameter;
-    if (buffer->bHeld)
+    }
+    if (buffer->bHeld) {
         return OMX_ErrorIncorrectStateOperation;
+    }
     internal->bUnpopulated = internal->bUnpopulated || is_missed(sink, port);
     release_buffer(buffer);
     *buffer = internal->astBuffer[--internal->uiBufferCount];
     internal->astBuffer[internal->uiBufferCount] = {};
     port->stPortDefinition.bPopulated = OMX_FALSE;
-    if (internal->uiBufferCount == 0 || internal->bUnpopulated)
+    if (internal->uiBufferCount == 0 || internal->bUnpopulated) {
         omx_base_notify_message_thread(sink);
+    }
     return OMX_ErrorNone;
 }
 
@@ -172,13 +184,16 @@ OMX_ERRORTYPE omx_base_component_FreeBuffer(OMX_HANDLETYPE hComponent, OMX_U32 u
 {
     omx_base_sink_PrivateType *sink = nullptr;
     OMX_ERRORTYPE error = omx_base_find_sink(hComponent, &sink);
-    if (error != OMX_ErrorNone)
+    if (error != OMX_ErrorNone) {
         return error;
-    if (pBuffer == nullptr)
+    }
+    if (pBuffer == nullptr) {
         return OMX_ErrorBadParameter;
+    }
     omx_base_port_PrivateType *port = omx_base_port(sink, uiPort);
-    if (port == nullptr)
+    if (port == nullptr) {
         return OMX_ErrorBadPortIndex;
+    }
     pthread_mutex_lock(&sink->pInternal->lock);
     error = free_buffer_locked(sink, port, pBuffer);
     pthread_mutex_unlock(&sink->pInternal->lock);
@@ -188,8 +203,9 @@ OMX_ERRORTYPE omx_base_component_FreeBuffer(OMX_HANDLETYPE hComponent, OMX_U32 u
 void omx_base_free_buffers(omx_base_port_PrivateType *pPort)
 {
     omx_base_port_internal_t *internal = pPort->pInternal;
-    while (internal->uiBufferCount != 0)
+    while (internal->uiBufferCount != 0) {
         release_buffer(&internal->astBuffer[--internal->uiBufferCount]);
+    }
 }
 
 static OMX_ERRORTYPE check_header(const OMX_BUFFERHEADERTYPE *header,
@@ -197,25 +213,29 @@ static OMX_ERRORTYPE check_header(const OMX_BUFFERHEADERTYPE *header,
 {
     const OMX_ERRORTYPE error =
         omx_base_check_head(header->nSize, header->nVersion, sizeof(*header));
-    if (error != OMX_ErrorNone)
+    if (error != OMX_ErrorNone) {
         return error;
-    if (header->nInputPortIndex != port->pInternal->uiIndex)
+    }
+    if (header->nInputPortIndex != port->pInternal->uiIndex) {
         return OMX_ErrorBadPortIndex;
+    }
     if (header->nOffset > header->nAllocLen ||
         header->nFilledLen > header->nAllocLen - header->nOffset ||
-        (header->pBuffer == nullptr && header->nFilledLen != 0))
+        (header->pBuffer == nullptr && header->nFilledLen != 0)) {
         return OMX_ErrorBadParameter;
+    }
     return OMX_ErrorNone;
 }
 
 // Gives the oldest waiting mark to a buffer that carries none.
 static void apply_mark(omx_base_port_internal_t *internal, OMX_BUFFERHEADERTYPE *header)
 {
-    if (internal->uiMarkCount == 0 || header->hMarkTargetComponent != nullptr)
+    if (internal->uiMarkCount == 0 || header->hMarkTargetComponent != nullptr) {
         return;
+    }
     header->hMarkTargetComponent = internal->astMark[internal->uiFirstMark].hMarkTargetComponent;
     header->pMarkData = internal->astMark[internal->uiFirstMark].pMarkData;
-    internal->uiFirstMark = (internal->uiFirstMark + 1) % MARK_CAPACITY;
+    internal->uiFirstMark = (internal->uiFirstMark + 1) % kMarkCapacity;
     internal->uiMarkCount--;
 }
 
@@ -224,8 +244,9 @@ static OMX_ERRORTYPE empty_buffer_locked(omx_base_sink_PrivateType *sink,
 {
     const OMX_STATETYPE state = omx_base_get_state(sink);
     if ((state != OMX_StateIdle && state != OMX_StateExecuting && state != OMX_StatePause) ||
-        omx_base_get_transient_state(sink) != OMX_TransStateNone)
+        omx_base_get_transient_state(sink) != OMX_TransStateNone) {
         return OMX_ErrorIncorrectStateOperation;
+    }
     // The header is not looked into before it is known.
     omx_base_port_PrivateType *port = nullptr;
     omx_base_buffer_t *buffer = nullptr;
@@ -236,15 +257,19 @@ static OMX_ERRORTYPE empty_buffer_locked(omx_base_sink_PrivateType *sink,
             buffer = found;
         }
     });
-    if (buffer == nullptr)
+    if (buffer == nullptr) {
         return OMX_ErrorBadParameter;
-    if (buffer->bHeld || !port->stPortDefinition.bEnabled || !port->stPortDefinition.bPopulated)
+    }
+    if (buffer->bHeld || !port->stPortDefinition.bEnabled || !port->stPortDefinition.bPopulated) {
         return OMX_ErrorIncorrectStateOperation;
+    }
     const OMX_ERRORTYPE error = check_header(header, port);
-    if (error != OMX_ErrorNone)
+    if (error != OMX_ErrorNone) {
         return error;
-    if (queue(port->pBufferQueue, header) != 0)
+    }
+    if (queue(port->pBufferQueue, header) != 0) {
         return OMX_ErrorInsufficientResources;
+    }
     buffer->bHeld = true;
     apply_mark(port->pInternal, header); // nobody takes the buffer before its count is up
     tsem_up(port->pBufferSem);
@@ -257,10 +282,12 @@ OMX_ERRORTYPE omx_base_component_EmptyThisBuffer(OMX_HANDLETYPE hComponent,
 {
     omx_base_sink_PrivateType *sink = nullptr;
     OMX_ERRORTYPE error = omx_base_find_valid_sink(hComponent, &sink);
-    if (error != OMX_ErrorNone)
+    if (error != OMX_ErrorNone) {
         return error;
-    if (pBuffer == nullptr)
+    }
+    if (pBuffer == nullptr) {
         return OMX_ErrorBadParameter;
+    }
     pthread_mutex_lock(&sink->pInternal->lock);
     error = empty_buffer_locked(sink, pBuffer);
     pthread_mutex_unlock(&sink->pInternal->lock);
@@ -282,8 +309,9 @@ OMX_ERRORTYPE omx_base_return_buffer(omx_base_port_PrivateType *pPort,
 {
     omx_base_sink_PrivateType *sink = nullptr;
     const OMX_ERRORTYPE error = omx_base_find_sink(pPort->pComponent, &sink);
-    if (error != OMX_ErrorNone)
+    if (error != OMX_ErrorNone) {
         return error;
+    }
     pthread_mutex_lock(&sink->pInternal->lock);
     omx_base_buffer_t *buffer = find_buffer(pPort, pBuffer);
     const bool held = buffer != nullptr && buffer->bHeld;
@@ -294,10 +322,12 @@ OMX_ERRORTYPE omx_base_return_buffer(omx_base_port_PrivateType *pPort,
     const OMX_CALLBACKTYPE callbacks = sink->pInternal->stCallbacks;
     const OMX_PTR callback_data = sink->pCallbackData;
     pthread_mutex_unlock(&sink->pInternal->lock);
-    if (!held)
+    if (!held) {
         return OMX_ErrorBadParameter;
-    if (callbacks.EmptyBufferDone == nullptr)
+    }
+    if (callbacks.EmptyBufferDone == nullptr) {
         return OMX_ErrorNone;
+    }
     return callbacks.EmptyBufferDone(sink->pComponent, callback_data, pBuffer);
 }
 
@@ -316,8 +346,9 @@ uint32_t omx_base_collect_held(omx_base_sink_PrivateType *pSink, omx_base_port_P
     }
     tsem_reset(pPort->pBufferSem);
     for (uint32_t index = 0; bAll && index < internal->uiBufferCount; index++) {
-        if (internal->astBuffer[index].bHeld && !queued[index])
+        if (internal->astBuffer[index].bHeld && !queued[index]) {
             (*pCollected)[count++] = internal->astBuffer[index].pHeader;
+        }
     }
     pthread_mutex_unlock(&pSink->pInternal->lock);
     return count;

@@ -1,7 +1,6 @@
 // Commands on their way from the client to the message thread.
-#include "platform/host/omx_base_internal.h"
-
 #include "platform/host/control_internal.h"
+#include "platform/host/omx_base_internal.h"
 
 #include <errno.h>
 
@@ -16,10 +15,11 @@ bool omx_base_command_waits(const omx_base_sink_PrivateType *pSink, OMX_COMMANDT
 {
     const omx_base_sink_internal_t *internal = pSink->pInternal;
     for (uint32_t index = 0; index < internal->uiSlotCount; index++) {
-        const uint32_t slot = (internal->uiFirstSlot + index) % MESSAGE_CAPACITY;
+        const uint32_t slot = (internal->uiFirstSlot + index) % kMessageCapacity;
         const omx_base_message_t &message = internal->astSlot[slot].stMessage;
-        if (message.eCommand == eCommand && message.uiParam == uiParam)
+        if (message.eCommand == eCommand && message.uiParam == uiParam) {
             return true;
+        }
     }
     return false;
 }
@@ -36,8 +36,9 @@ static OMX_ERRORTYPE check_command(const omx_base_sink_PrivateType *sink, OMX_CO
         return param == OMX_ALL || omx_base_port(sink, param) != nullptr ? OMX_ErrorNone
                                                                          : OMX_ErrorBadPortIndex;
     case OMX_CommandMarkBuffer:
-        if (data == nullptr)
+        if (data == nullptr) {
             return OMX_ErrorBadParameter;
+        }
         return omx_base_port(sink, param) != nullptr ? OMX_ErrorNone : OMX_ErrorBadPortIndex;
     default:
         return OMX_ErrorBadParameter;
@@ -47,10 +48,11 @@ static OMX_ERRORTYPE check_command(const omx_base_sink_PrivateType *sink, OMX_CO
 static OMX_ERRORTYPE append_command_locked(omx_base_sink_internal_t *internal,
                                            OMX_COMMANDTYPE command, OMX_U32 param, void *data)
 {
-    if (internal->uiSlotCount == MESSAGE_CAPACITY)
+    if (internal->uiSlotCount == kMessageCapacity) {
         return OMX_ErrorInsufficientResources;
+    }
     omx_base_slot_t &slot =
-        internal->astSlot[(internal->uiFirstSlot + internal->uiSlotCount) % MESSAGE_CAPACITY];
+        internal->astSlot[(internal->uiFirstSlot + internal->uiSlotCount) % kMessageCapacity];
     slot.stMessage = {.eCommand = command, .uiParam = param, .pData = data};
     if (command == OMX_CommandMarkBuffer) { // the client's record may be gone by then
         slot.stMark = *static_cast<const OMX_MARKTYPE *>(data);
@@ -66,11 +68,13 @@ OMX_ERRORTYPE omx_base_component_SendCommand(OMX_HANDLETYPE hComponent, OMX_COMM
 {
     omx_base_sink_PrivateType *sink = nullptr;
     OMX_ERRORTYPE error = omx_base_find_valid_sink(hComponent, &sink);
-    if (error != OMX_ErrorNone)
+    if (error != OMX_ErrorNone) {
         return error;
+    }
     error = check_command(sink, eCommand, uiParam, pData);
-    if (error != OMX_ErrorNone)
+    if (error != OMX_ErrorNone) {
         return error;
+    }
     pthread_mutex_lock(&sink->pInternal->lock);
     error = append_command_locked(sink->pInternal, eCommand, uiParam, pData);
     pthread_mutex_unlock(&sink->pInternal->lock);
@@ -84,10 +88,11 @@ static void carry_out_command(omx_base_sink_PrivateType *sink)
     omx_base_message_t message = internal->astSlot[internal->uiFirstSlot].stMessage;
     pthread_mutex_unlock(&internal->lock);
     const OMX_ERRORTYPE error = sink->pfnMessageHandler(sink->pComponent, &message);
-    if (error != OMX_ErrorNone)
+    if (error != OMX_ErrorNone) {
         omx_base_send_event(sink, OMX_EventError, error, 0);
+    }
     pthread_mutex_lock(&internal->lock);
-    internal->uiFirstSlot = (internal->uiFirstSlot + 1) % MESSAGE_CAPACITY;
+    internal->uiFirstSlot = (internal->uiFirstSlot + 1) % kMessageCapacity;
     internal->uiSlotCount--;
 }
 
@@ -115,8 +120,9 @@ static void *run_message_thread(void *argument)
 int omx_base_start_message_thread(omx_base_sink_PrivateType *pSink)
 {
     omx_base_sink_internal_t *internal = pSink->pInternal;
-    if (host_call_fails(HOST_CALL_START_THREAD))
+    if (host_call_fails(HOST_CALL_START_THREAD)) {
         return EAGAIN;
+    }
     const int result =
         pthread_create(&internal->hMessageThread, nullptr, run_message_thread, pSink);
     internal->bMessageThreadJoinable = result == 0;
@@ -126,8 +132,9 @@ int omx_base_start_message_thread(omx_base_sink_PrivateType *pSink)
 void omx_base_join_message_thread(omx_base_sink_PrivateType *pSink)
 {
     omx_base_sink_internal_t *internal = pSink->pInternal;
-    if (!internal->bMessageThreadJoinable)
+    if (!internal->bMessageThreadJoinable) {
         return;
+    }
     pthread_mutex_lock(&internal->lock);
     internal->bQuit = true;
     pthread_cond_signal(&internal->stWork);

@@ -36,8 +36,9 @@ static OMX_ERRORTYPE get_domain(const omx_base_sink_PrivateType *sink, OMX_PORTD
 {
     const OMX_ERRORTYPE error =
         omx_base_check_head(parameter->nSize, parameter->nVersion, sizeof(*parameter));
-    if (error != OMX_ErrorNone)
+    if (error != OMX_ErrorNone) {
         return error;
+    }
     parameter->nPorts = sink->astPortDomain[domain].nPorts;
     parameter->nStartPortNumber = sink->astPortDomain[domain].nStartPortNumber;
     return OMX_ErrorNone;
@@ -62,8 +63,9 @@ static size_t port_parameter_size(OMX_INDEXTYPE index)
 
 static bool index_fits_domain(OMX_INDEXTYPE index, OMX_PORTDOMAINTYPE domain)
 {
-    if (index == OMX_IndexParamVideoPortFormat)
+    if (index == OMX_IndexParamVideoPortFormat) {
         return domain == OMX_PortDomainVideo;
+    }
     return index == OMX_IndexParamPortDefinition || domain == OMX_PortDomainAudio;
 }
 
@@ -72,13 +74,15 @@ static OMX_ERRORTYPE find_port(const omx_base_sink_PrivateType *sink, OMX_INDEXT
                                const void *parameter, omx_base_port_PrivateType **port)
 {
     const size_t size = port_parameter_size(index);
-    if (size == 0)
+    if (size == 0) {
         return OMX_ErrorUnsupportedIndex;
+    }
     port_head_t head;
     memcpy(&head, parameter, sizeof(head));
     const OMX_ERRORTYPE error = omx_base_check_head(head.nSize, head.nVersion, size);
-    if (error != OMX_ErrorNone)
+    if (error != OMX_ErrorNone) {
         return error;
+    }
     *port = omx_base_port(sink, head.nPortIndex);
     return *port != nullptr && index_fits_domain(index, (*port)->pInternal->eDomain)
                ? OMX_ErrorNone
@@ -96,10 +100,12 @@ static OMX_ERRORTYPE find_target(OMX_HANDLETYPE component, OMX_INDEXTYPE index,
                                  const void *parameter, parameter_target_t *target)
 {
     const OMX_ERRORTYPE error = omx_base_find_valid_sink(component, &target->pSink);
-    if (error != OMX_ErrorNone)
+    if (error != OMX_ErrorNone) {
         return error;
-    if (parameter == nullptr)
+    }
+    if (parameter == nullptr) {
         return OMX_ErrorBadParameter;
+    }
     return find_domain(index, &target->eDomain)
                ? OMX_ErrorNone
                : find_port(target->pSink, index, parameter, &target->pPort);
@@ -108,8 +114,9 @@ static OMX_ERRORTYPE find_target(OMX_HANDLETYPE component, OMX_INDEXTYPE index,
 static OMX_ERRORTYPE get_video_format(const omx_base_port_PrivateType *port,
                                       OMX_VIDEO_PARAM_PORTFORMATTYPE *format)
 {
-    if (format->nIndex != 0)
+    if (format->nIndex != 0) {
         return OMX_ErrorNoMore;
+    }
     // The port definition leads: a component that is made for one coding sets it there.
     const OMX_VIDEO_PORTDEFINITIONTYPE &video = port->stPortDefinition.format.video;
     format->eCompressionFormat = video.eCompressionFormat;
@@ -130,8 +137,9 @@ static OMX_ERRORTYPE get_port_parameter_locked(omx_base_port_PrivateType *port, 
         return get_video_format(port, static_cast<OMX_VIDEO_PARAM_PORTFORMATTYPE *>(parameter));
     case OMX_IndexParamAudioPortFormat: {
         auto *format = static_cast<OMX_AUDIO_PARAM_PORTFORMATTYPE *>(parameter);
-        if (format->nIndex != 0)
+        if (format->nIndex != 0) {
             return OMX_ErrorNoMore;
+        }
         format->eEncoding = audio->stAudioFormat.eEncoding;
         return OMX_ErrorNone;
     }
@@ -146,11 +154,13 @@ OMX_ERRORTYPE omx_base_component_GetParameter(OMX_HANDLETYPE hComponent, OMX_IND
 {
     parameter_target_t target = {};
     OMX_ERRORTYPE error = find_target(hComponent, eIndex, pParameter, &target);
-    if (error != OMX_ErrorNone)
+    if (error != OMX_ErrorNone) {
         return error;
-    if (target.pPort == nullptr)
+    }
+    if (target.pPort == nullptr) {
         return get_domain(target.pSink, target.eDomain,
                           static_cast<OMX_PORT_PARAM_TYPE *>(pParameter));
+    }
     pthread_mutex_lock(&target.pSink->pInternal->lock);
     error = get_port_parameter_locked(target.pPort, eIndex, pParameter);
     pthread_mutex_unlock(&target.pSink->pInternal->lock);
@@ -165,14 +175,17 @@ static OMX_ERRORTYPE set_definition(omx_base_port_PrivateType *port,
     OMX_PARAM_PORTDEFINITIONTYPE &definition = port->stPortDefinition;
     if (parameter->eDir != definition.eDir || parameter->eDomain != definition.eDomain ||
         parameter->nBufferCountActual < definition.nBufferCountMin ||
-        parameter->nBufferCountActual > QUEUE_CAPACITY)
+        parameter->nBufferCountActual > QUEUE_CAPACITY) {
         return OMX_ErrorBadParameter;
+    }
     if (parameter->nBufferCountActual != definition.nBufferCountActual &&
-        port->pInternal->uiBufferCount != 0)
+        port->pInternal->uiBufferCount != 0) {
         return OMX_ErrorIncorrectStateOperation;
+    }
     const bool audio = port->pInternal->eDomain == OMX_PortDomainAudio;
-    if (audio && parameter->format.audio.eEncoding != definition.format.audio.eEncoding)
+    if (audio && parameter->format.audio.eEncoding != definition.format.audio.eEncoding) {
         return OMX_ErrorUnsupportedSetting;
+    }
     definition.nBufferCountActual = parameter->nBufferCountActual;
     if (audio) {
         const OMX_STRING mime_type = definition.format.audio.cMIMEType;
@@ -213,8 +226,9 @@ static OMX_ERRORTYPE set_port_parameter_locked(omx_base_sink_PrivateType *sink,
     const bool resting = omx_base_get_state(sink) == OMX_StateLoaded &&
                          omx_base_get_transient_state(sink) == OMX_TransStateNone &&
                          !omx_base_command_waits(sink, OMX_CommandStateSet, OMX_StateIdle);
-    if (!resting && port->stPortDefinition.bEnabled)
+    if (!resting && port->stPortDefinition.bEnabled) {
         return OMX_ErrorIncorrectStateOperation;
+    }
     switch (index) {
     case OMX_IndexParamPortDefinition:
         return set_definition(port, static_cast<const OMX_PARAM_PORTDEFINITIONTYPE *>(parameter));
@@ -236,10 +250,12 @@ OMX_ERRORTYPE omx_base_component_SetParameter(OMX_HANDLETYPE hComponent, OMX_IND
 {
     parameter_target_t target = {};
     OMX_ERRORTYPE error = find_target(hComponent, eIndex, pParameter, &target);
-    if (error != OMX_ErrorNone)
+    if (error != OMX_ErrorNone) {
         return error;
-    if (target.pPort == nullptr) // the ports of a component are its own
+    }
+    if (target.pPort == nullptr) { // the ports of a component are its own
         return OMX_ErrorUnsupportedSetting;
+    }
     pthread_mutex_lock(&target.pSink->pInternal->lock);
     error = set_port_parameter_locked(target.pSink, target.pPort, eIndex, pParameter);
     pthread_mutex_unlock(&target.pSink->pInternal->lock);

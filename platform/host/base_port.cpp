@@ -1,7 +1,6 @@
 // The port classes.
-#include "platform/host/omx_base_internal.h"
-
 #include "platform/host/control_internal.h"
+#include "platform/host/omx_base_internal.h"
 #include "platform/qvr_memory.h"
 
 static char video_mime_type[] = "video/raw";
@@ -10,15 +9,17 @@ static char audio_mime_type[] = "audio/raw";
 OMX_U32 omx_base_port_count(const omx_base_sink_PrivateType *pSink)
 {
     OMX_U32 count = 0;
-    for (const OMX_PORT_PARAM_TYPE &domain : pSink->astPortDomain)
+    for (const OMX_PORT_PARAM_TYPE &domain : pSink->astPortDomain) {
         count += domain.nPorts;
+    }
     return count;
 }
 
 omx_base_port_PrivateType *omx_base_port(const omx_base_sink_PrivateType *pSink, OMX_U32 uiPort)
 {
-    if (pSink->ppPorts == nullptr || uiPort >= omx_base_port_count(pSink))
+    if (pSink->ppPorts == nullptr || uiPort >= omx_base_port_count(pSink)) {
         return nullptr;
+    }
     omx_base_port_PrivateType *port = pSink->ppPorts[uiPort];
     return port != nullptr && port->pInternal != nullptr ? port : nullptr;
 }
@@ -45,13 +46,16 @@ bool omx_base_ports_empty(const omx_base_sink_PrivateType *pSink)
 void omx_base_release_port(omx_base_port_PrivateType *pPort)
 {
     omx_base_port_internal_t *internal = pPort->pInternal;
-    if (internal == nullptr)
+    if (internal == nullptr) {
         return;
+    }
     omx_base_free_buffers(pPort);
-    if (internal->bSemReady)
+    if (internal->bSemReady) {
         tsem_deinit(pPort->pBufferSem);
-    if (internal->bQueueReady)
+    }
+    if (internal->bQueueReady) {
         queue_deinit(pPort->pBufferQueue);
+    }
     QVR_free(pPort->pBufferSem);
     QVR_free(pPort->pBufferQueue);
     QVR_free(internal);
@@ -64,12 +68,14 @@ static OMX_ERRORTYPE acquire_port(omx_base_port_PrivateType *port)
 {
     port->pInternal =
         static_cast<omx_base_port_internal_t *>(QVR_calloc(1, sizeof(omx_base_port_internal_t)));
-    if (port->pInternal == nullptr)
+    if (port->pInternal == nullptr) {
         return OMX_ErrorInsufficientResources;
+    }
     port->pBufferQueue = static_cast<queue_t *>(QVR_calloc(1, sizeof(queue_t)));
     port->pBufferSem = static_cast<tsem_t *>(QVR_calloc(1, sizeof(tsem_t)));
-    if (port->pBufferQueue == nullptr || port->pBufferSem == nullptr)
+    if (port->pBufferQueue == nullptr || port->pBufferSem == nullptr) {
         return OMX_ErrorInsufficientResources;
+    }
     port->pInternal->bQueueReady = queue_init(port->pBufferQueue) == 0;
     port->pInternal->bSemReady = tsem_init(port->pBufferSem, 0) == 0;
     return port->pInternal->bQueueReady && port->pInternal->bSemReady
@@ -94,8 +100,8 @@ static OMX_ERRORTYPE construct_port(OMX_COMPONENTTYPE *component, omx_base_port_
         .nVersion = {.nVersion = OMX_VERSION_1_1_2},
         .nPortIndex = port_index,
         .eDir = input ? OMX_DirInput : OMX_DirOutput,
-        .nBufferCountActual = BUFFER_COUNT,
-        .nBufferCountMin = BUFFER_COUNT_MIN,
+        .nBufferCountActual = kBufferCount,
+        .nBufferCountMin = kBufferCountMin,
         .bEnabled = OMX_TRUE,
         .bPopulated = OMX_FALSE,
         .eDomain = domain,
@@ -114,14 +120,17 @@ OMX_ERRORTYPE base_video_port_Constructor(OMX_COMPONENTTYPE *pComponent,
                                           omx_base_port_PrivateType **ppPort, OMX_U32 uiPortIndex,
                                           OMX_BOOL bInput)
 {
-    if (!port_arguments_valid(pComponent, ppPort))
+    if (!port_arguments_valid(pComponent, ppPort)) {
         return OMX_ErrorBadParameter;
-    if (host_call_fails(HOST_CALL_VIDEO_PORT_CONSTRUCTOR))
+    }
+    if (host_call_fails(HOST_CALL_VIDEO_PORT_CONSTRUCTOR)) {
         return OMX_ErrorInsufficientResources;
+    }
     const OMX_ERRORTYPE error =
         construct_port(pComponent, *ppPort, uiPortIndex, bInput, OMX_PortDomainVideo);
-    if (error != OMX_ErrorNone)
+    if (error != OMX_ErrorNone) {
         return error;
+    }
     omx_base_video_PortType *port = reinterpret_cast<omx_base_video_PortType *>(*ppPort);
     port->stBase.stPortDefinition.format.video = {
         .cMIMEType = video_mime_type,
@@ -142,14 +151,17 @@ OMX_ERRORTYPE base_audio_port_Constructor(OMX_COMPONENTTYPE *pComponent,
                                           omx_base_port_PrivateType **ppPort, OMX_U32 uiPortIndex,
                                           OMX_BOOL bInput)
 {
-    if (!port_arguments_valid(pComponent, ppPort))
+    if (!port_arguments_valid(pComponent, ppPort)) {
         return OMX_ErrorBadParameter;
-    if (host_call_fails(HOST_CALL_AUDIO_PORT_CONSTRUCTOR))
+    }
+    if (host_call_fails(HOST_CALL_AUDIO_PORT_CONSTRUCTOR)) {
         return OMX_ErrorInsufficientResources;
+    }
     const OMX_ERRORTYPE error =
         construct_port(pComponent, *ppPort, uiPortIndex, bInput, OMX_PortDomainAudio);
-    if (error != OMX_ErrorNone)
+    if (error != OMX_ErrorNone) {
         return error;
+    }
     omx_base_audio_PortType *port = reinterpret_cast<omx_base_audio_PortType *>(*ppPort);
     port->stBase.stPortDefinition.format.audio = {
         .cMIMEType = audio_mime_type,

@@ -1,7 +1,6 @@
 // The sink class: its construction and release, and the short entries of the function table.
-#include "platform/host/omx_base_internal.h"
-
 #include "platform/host/control_internal.h"
+#include "platform/host/omx_base_internal.h"
 #include "platform/qvr_memory.h"
 
 #include <stdio.h>
@@ -31,12 +30,14 @@ void omx_base_set_state(omx_base_sink_PrivateType *pSink, OMX_STATETYPE eState,
 
 OMX_ERRORTYPE omx_base_find_sink(OMX_HANDLETYPE hComponent, omx_base_sink_PrivateType **ppSink)
 {
-    if (hComponent == nullptr)
+    if (hComponent == nullptr) {
         return OMX_ErrorBadParameter;
+    }
     *ppSink = static_cast<omx_base_sink_PrivateType *>(
         static_cast<OMX_COMPONENTTYPE *>(hComponent)->pComponentPrivate);
-    if (*ppSink == nullptr || (*ppSink)->pInternal == nullptr)
+    if (*ppSink == nullptr || (*ppSink)->pInternal == nullptr) {
         return OMX_ErrorInvalidComponent;
+    }
     return OMX_ErrorNone;
 }
 
@@ -44,8 +45,9 @@ OMX_ERRORTYPE omx_base_find_valid_sink(OMX_HANDLETYPE hComponent,
                                        omx_base_sink_PrivateType **ppSink)
 {
     const OMX_ERRORTYPE error = omx_base_find_sink(hComponent, ppSink);
-    if (error != OMX_ErrorNone)
+    if (error != OMX_ErrorNone) {
         return error;
+    }
     return omx_base_get_state(*ppSink) == OMX_StateInvalid ? OMX_ErrorInvalidState : OMX_ErrorNone;
 }
 
@@ -56,8 +58,9 @@ void omx_base_send_event(omx_base_sink_PrivateType *pSink, OMX_EVENTTYPE eEvent,
     const OMX_CALLBACKTYPE callbacks = pSink->pInternal->stCallbacks;
     const OMX_PTR callback_data = pSink->pCallbackData;
     pthread_mutex_unlock(&pSink->pInternal->lock);
-    if (callbacks.EventHandler != nullptr)
+    if (callbacks.EventHandler != nullptr) {
         callbacks.EventHandler(pSink->pComponent, callback_data, eEvent, uiData1, uiData2, nullptr);
+    }
 }
 
 static OMX_ERRORTYPE get_component_version(OMX_HANDLETYPE hComponent, OMX_STRING pszName,
@@ -66,10 +69,12 @@ static OMX_ERRORTYPE get_component_version(OMX_HANDLETYPE hComponent, OMX_STRING
 {
     omx_base_sink_PrivateType *sink = nullptr;
     const OMX_ERRORTYPE error = omx_base_find_valid_sink(hComponent, &sink);
-    if (error != OMX_ErrorNone)
+    if (error != OMX_ErrorNone) {
         return error;
-    if (pszName == nullptr || pVersion == nullptr || pSpecVersion == nullptr || pUUID == nullptr)
+    }
+    if (pszName == nullptr || pVersion == nullptr || pSpecVersion == nullptr || pUUID == nullptr) {
         return OMX_ErrorBadParameter;
+    }
     memcpy(pszName, sink->pInternal->szName.data(), strlen(sink->pInternal->szName.data()) + 1);
     *pVersion = {.s = {.nVersionMajor = 1}};
     *pSpecVersion = {.nVersion = OMX_VERSION_1_1_2};
@@ -83,8 +88,9 @@ static OMX_ERRORTYPE reject_config(OMX_HANDLETYPE hComponent, OMX_INDEXTYPE, OMX
 {
     omx_base_sink_PrivateType *sink = nullptr;
     const OMX_ERRORTYPE error = omx_base_find_valid_sink(hComponent, &sink);
-    if (error != OMX_ErrorNone)
+    if (error != OMX_ErrorNone) {
         return error;
+    }
     return pConfig == nullptr ? OMX_ErrorBadParameter : OMX_ErrorUnsupportedIndex;
 }
 
@@ -93,8 +99,9 @@ static OMX_ERRORTYPE get_extension_index(OMX_HANDLETYPE hComponent, OMX_STRING p
 {
     omx_base_sink_PrivateType *sink = nullptr;
     const OMX_ERRORTYPE error = omx_base_find_valid_sink(hComponent, &sink);
-    if (error != OMX_ErrorNone)
+    if (error != OMX_ErrorNone) {
         return error;
+    }
     return pszName == nullptr || pIndex == nullptr ? OMX_ErrorBadParameter
                                                    : OMX_ErrorUnsupportedIndex;
 }
@@ -103,10 +110,12 @@ static OMX_ERRORTYPE get_state(OMX_HANDLETYPE hComponent, OMX_STATETYPE *pState)
 {
     omx_base_sink_PrivateType *sink = nullptr;
     const OMX_ERRORTYPE error = omx_base_find_sink(hComponent, &sink);
-    if (error != OMX_ErrorNone)
+    if (error != OMX_ErrorNone) {
         return error;
-    if (pState == nullptr)
+    }
+    if (pState == nullptr) {
         return OMX_ErrorBadParameter;
+    }
     *pState = omx_base_get_state(sink);
     return OMX_ErrorNone;
 }
@@ -118,10 +127,12 @@ static OMX_ERRORTYPE component_tunnel_request(OMX_HANDLETYPE hComponent, OMX_U32
 {
     omx_base_sink_PrivateType *sink = nullptr;
     const OMX_ERRORTYPE error = omx_base_find_valid_sink(hComponent, &sink);
-    if (error != OMX_ErrorNone)
+    if (error != OMX_ErrorNone) {
         return error;
-    if (omx_base_port(sink, uiPort) == nullptr)
+    }
+    if (omx_base_port(sink, uiPort) == nullptr) {
         return OMX_ErrorBadPortIndex;
+    }
     return hPeer == nullptr ? OMX_ErrorNone : OMX_ErrorTunnelingUnsupported;
 }
 
@@ -130,8 +141,9 @@ static OMX_ERRORTYPE fill_this_buffer(OMX_HANDLETYPE hComponent, OMX_BUFFERHEADE
 {
     omx_base_sink_PrivateType *sink = nullptr;
     const OMX_ERRORTYPE error = omx_base_find_valid_sink(hComponent, &sink);
-    if (error != OMX_ErrorNone)
+    if (error != OMX_ErrorNone) {
         return error;
+    }
     return pBuffer == nullptr ? OMX_ErrorBadParameter : OMX_ErrorBadPortIndex;
 }
 
@@ -140,10 +152,12 @@ static OMX_ERRORTYPE set_callbacks(OMX_HANDLETYPE hComponent, OMX_CALLBACKTYPE *
 {
     omx_base_sink_PrivateType *sink = nullptr;
     const OMX_ERRORTYPE error = omx_base_find_valid_sink(hComponent, &sink);
-    if (error != OMX_ErrorNone)
+    if (error != OMX_ErrorNone) {
         return error;
-    if (pCallbacks == nullptr)
+    }
+    if (pCallbacks == nullptr) {
         return OMX_ErrorBadParameter;
+    }
     omx_base_sink_internal_t *internal = sink->pInternal;
     pthread_mutex_lock(&internal->lock);
     const bool loaded = omx_base_get_state(sink) == OMX_StateLoaded;
@@ -158,8 +172,9 @@ static OMX_ERRORTYPE set_callbacks(OMX_HANDLETYPE hComponent, OMX_CALLBACKTYPE *
 
 static OMX_ERRORTYPE component_deinit(OMX_HANDLETYPE hComponent)
 {
-    if (hComponent == nullptr)
+    if (hComponent == nullptr) {
         return OMX_ErrorBadParameter;
+    }
     OMX_COMPONENTTYPE *component = static_cast<OMX_COMPONENTTYPE *>(hComponent);
     omx_base_sink_PrivateType *sink =
         static_cast<omx_base_sink_PrivateType *>(component->pComponentPrivate);
@@ -206,12 +221,14 @@ static omx_base_sink_internal_t *create_internal(const char *name)
 {
     omx_base_sink_internal_t *internal =
         static_cast<omx_base_sink_internal_t *>(QVR_calloc(1, sizeof(omx_base_sink_internal_t)));
-    if (internal == nullptr)
+    if (internal == nullptr) {
         return nullptr;
+    }
     snprintf(internal->szName.data(), internal->szName.size(), "%s", name);
     if (pthread_mutex_init(&internal->lock, nullptr) == 0) {
-        if (pthread_cond_init(&internal->stWork, nullptr) == 0)
+        if (pthread_cond_init(&internal->stWork, nullptr) == 0) {
             return internal;
+        }
         pthread_mutex_destroy(&internal->lock);
     }
     QVR_free(internal);
@@ -221,27 +238,31 @@ static omx_base_sink_internal_t *create_internal(const char *name)
 static OMX_ERRORTYPE build_sink(omx_base_sink_PrivateType *sink, const char *name)
 {
     sink->pInternal = create_internal(name);
-    if (sink->pInternal == nullptr)
+    if (sink->pInternal == nullptr) {
         return OMX_ErrorInsufficientResources;
+    }
     omx_base_sink_internal_t *internal = sink->pInternal;
     internal->bFlushLockReady = pthread_mutex_init(&sink->lockFlush, nullptr) == 0;
     internal->bFlushAllReady = tsem_init(&sink->semFlushAll, 0) == 0;
     internal->bFlushReady = tsem_init(&sink->semFlush, 0) == 0;
     internal->bBufferThreadSemReady = tsem_init(&sink->semBufferThread, 0) == 0;
     if (!internal->bFlushLockReady || !internal->bFlushAllReady || !internal->bFlushReady ||
-        !internal->bBufferThreadSemReady || omx_base_start_message_thread(sink) != 0)
+        !internal->bBufferThreadSemReady || omx_base_start_message_thread(sink) != 0) {
         return OMX_ErrorInsufficientResources;
+    }
     return OMX_ErrorNone;
 }
 
 OMX_ERRORTYPE omx_base_sink_Constructor(OMX_COMPONENTTYPE *pComponent, OMX_STRING pszName)
 {
-    if (pComponent == nullptr || pszName == nullptr || pComponent->pComponentPrivate == nullptr)
+    if (pComponent == nullptr || pszName == nullptr || pComponent->pComponentPrivate == nullptr) {
         return OMX_ErrorBadParameter;
+    }
     omx_base_sink_PrivateType *sink =
         static_cast<omx_base_sink_PrivateType *>(pComponent->pComponentPrivate);
-    if (sink->pInternal != nullptr)
+    if (sink->pInternal != nullptr) {
         return OMX_ErrorBadParameter;
+    }
     fill_function_table(pComponent);
     sink->pComponent = pComponent;
     sink->pfnMessageHandler = omx_base_component_MessageHandler;
@@ -251,22 +272,27 @@ OMX_ERRORTYPE omx_base_sink_Constructor(OMX_COMPONENTTYPE *pComponent, OMX_STRIN
         domain.nVersion.nVersion = OMX_VERSION_1_1_2;
     }
     omx_base_set_state(sink, OMX_StateLoaded, OMX_TransStateNone);
-    if (host_call_fails(HOST_CALL_SINK_CONSTRUCTOR))
+    if (host_call_fails(HOST_CALL_SINK_CONSTRUCTOR)) {
         return OMX_ErrorInsufficientResources;
+    }
     return build_sink(sink, pszName);
 }
 
 static void release_internal(omx_base_sink_PrivateType *sink)
 {
     omx_base_sink_internal_t *internal = sink->pInternal;
-    if (internal->bBufferThreadSemReady)
+    if (internal->bBufferThreadSemReady) {
         tsem_deinit(&sink->semBufferThread);
-    if (internal->bFlushReady)
+    }
+    if (internal->bFlushReady) {
         tsem_deinit(&sink->semFlush);
-    if (internal->bFlushAllReady)
+    }
+    if (internal->bFlushAllReady) {
         tsem_deinit(&sink->semFlushAll);
-    if (internal->bFlushLockReady)
+    }
+    if (internal->bFlushLockReady) {
         pthread_mutex_destroy(&sink->lockFlush);
+    }
     pthread_cond_destroy(&internal->stWork);
     pthread_mutex_destroy(&internal->lock);
     QVR_free(internal);
@@ -285,24 +311,29 @@ static void end_threads(omx_base_sink_PrivateType *sink)
 
 OMX_ERRORTYPE omx_base_sink_Destructor(OMX_COMPONENTTYPE *pComponent)
 {
-    if (pComponent == nullptr)
+    if (pComponent == nullptr) {
         return OMX_ErrorBadParameter;
+    }
     omx_base_sink_PrivateType *sink =
         static_cast<omx_base_sink_PrivateType *>(pComponent->pComponentPrivate);
-    if (sink == nullptr)
+    if (sink == nullptr) {
         return OMX_ErrorNone;
-    if (sink->pInternal != nullptr)
+    }
+    if (sink->pInternal != nullptr) {
         end_threads(sink);
+    }
     if (sink->ppPorts != nullptr) {
         for (OMX_U32 index = 0; index < omx_base_port_count(sink); index++) {
-            if (sink->ppPorts[index] != nullptr)
+            if (sink->ppPorts[index] != nullptr) {
                 omx_base_release_port(sink->ppPorts[index]);
+            }
             QVR_free(sink->ppPorts[index]);
         }
         QVR_free(sink->ppPorts);
     }
-    if (sink->pInternal != nullptr)
+    if (sink->pInternal != nullptr) {
         release_internal(sink);
+    }
     QVR_free(sink);
     pComponent->pComponentPrivate = nullptr;
     return OMX_ErrorNone;

@@ -6,7 +6,7 @@
 // From each state, a bit for every state that may follow, but for Invalid, which always may.
 // source: OpenMAX IL 1.1.2, 3.1.1.2
 // clang-format off
-static constexpr std::array<uint32_t, 6> next_states = {
+static constexpr std::array<uint32_t, 6> kNextStates = {
     0,                                                                              // Invalid
     1u << OMX_StateIdle   | 1u << OMX_StateWaitForResources,                        // Loaded
     1u << OMX_StateLoaded | 1u << OMX_StateExecuting | 1u << OMX_StatePause,        // Idle
@@ -39,8 +39,9 @@ static bool end_transition(omx_base_sink_PrivateType *sink, omx_base_transient_t
     const bool complete = omx_base_get_transient_state(sink) == transient &&
                           (transient == OMX_TransStateLoadedToIdle ? omx_base_ports_populated(sink)
                                                                    : omx_base_ports_empty(sink));
-    if (complete)
+    if (complete) {
         omx_base_set_state(sink, target, OMX_TransStateNone);
+    }
     pthread_mutex_unlock(&sink->pInternal->lock);
     return complete;
 }
@@ -48,8 +49,9 @@ static bool end_transition(omx_base_sink_PrivateType *sink, omx_base_transient_t
 static void complete_idle(omx_base_sink_PrivateType *sink)
 {
     const OMX_STATETYPE origin = omx_base_get_state(sink);
-    if (!end_transition(sink, OMX_TransStateLoadedToIdle, OMX_StateIdle))
+    if (!end_transition(sink, OMX_TransStateLoadedToIdle, OMX_StateIdle)) {
         return;
+    }
     if (omx_base_start_buffer_thread(sink) != 0) {
         set_state(sink, origin, OMX_TransStateNone);
         omx_base_flush(sink, OMX_ALL); // what the client emptied meanwhile
@@ -61,8 +63,9 @@ static void complete_idle(omx_base_sink_PrivateType *sink)
 
 static void complete_loaded(omx_base_sink_PrivateType *sink)
 {
-    if (!end_transition(sink, OMX_TransStateIdleToLoaded, OMX_StateLoaded))
+    if (!end_transition(sink, OMX_TransStateIdleToLoaded, OMX_StateLoaded)) {
         return;
+    }
     omx_base_join_buffer_thread(sink);
     pthread_mutex_lock(&sink->pInternal->lock);
     omx_base_for_ports(sink, OMX_ALL,
@@ -119,13 +122,16 @@ void omx_base_complete_changes(omx_base_sink_PrivateType *pSink)
     complete_loaded(pSink);
     omx_base_for_ports(pSink, OMX_ALL, [&](omx_base_port_PrivateType *port) {
         const OMX_U32 index = port->pInternal->uiIndex;
-        for (uint32_t count = take_overtaken(pSink, port); count != 0; count--)
+        for (uint32_t count = take_overtaken(pSink, port); count != 0; count--) {
             omx_base_send_event(pSink, OMX_EventError, OMX_ErrorIncorrectStateOperation, index);
+        }
         OMX_COMMANDTYPE command = OMX_CommandMax;
-        for (uint32_t count = end_port_change(pSink, port, &command); count != 0; count--)
+        for (uint32_t count = end_port_change(pSink, port, &command); count != 0; count--) {
             send_complete(pSink, command, index);
-        if (take_unpopulated(pSink, port))
+        }
+        if (take_unpopulated(pSink, port)) {
             omx_base_send_event(pSink, OMX_EventError, OMX_ErrorPortUnpopulated, index);
+        }
     });
 }
 
@@ -143,8 +149,9 @@ static OMX_ERRORTYPE enter_invalid(omx_base_sink_PrivateType *sink)
     pthread_mutex_unlock(&sink->pInternal->lock);
     omx_base_join_buffer_thread(sink);
     omx_base_flush(sink, OMX_ALL);
-    for (; given_up != 0; given_up--)
+    for (; given_up != 0; given_up--) {
         omx_base_send_event(sink, OMX_EventError, OMX_ErrorInvalidState, 0);
+    }
     return OMX_ErrorInvalidState;
 }
 
@@ -157,9 +164,10 @@ static OMX_ERRORTYPE check_transition(OMX_STATETYPE from, omx_base_transient_t t
                    ? OMX_ErrorNone
                    : OMX_ErrorIncorrectStateTransition;
     }
-    if (from == target)
+    if (from == target) {
         return OMX_ErrorSameState;
-    return (next_states[from] >> target & 1) != 0 ? OMX_ErrorNone
+    }
+    return (kNextStates[from] >> target & 1) != 0 ? OMX_ErrorNone
                                                   : OMX_ErrorIncorrectStateTransition;
 }
 
@@ -167,11 +175,13 @@ static OMX_ERRORTYPE change_state(omx_base_sink_PrivateType *sink, OMX_STATETYPE
 {
     const OMX_STATETYPE from = omx_base_get_state(sink);
     const omx_base_transient_t transient = omx_base_get_transient_state(sink);
-    if (target == OMX_StateInvalid)
+    if (target == OMX_StateInvalid) {
         return enter_invalid(sink);
+    }
     const OMX_ERRORTYPE error = check_transition(from, transient, target);
-    if (error != OMX_ErrorNone)
+    if (error != OMX_ErrorNone) {
         return error;
+    }
 
     const bool unloaded = from == OMX_StateLoaded || from == OMX_StateWaitForResources;
     if (target == OMX_StateIdle && unloaded) {
@@ -181,15 +191,17 @@ static OMX_ERRORTYPE change_state(omx_base_sink_PrivateType *sink, OMX_STATETYPE
     }
     if (target == OMX_StateLoaded && from != OMX_StateWaitForResources) {
         set_state(sink, from, OMX_TransStateIdleToLoaded);
-        if (transient == OMX_TransStateLoadedToIdle) // the command that it gives up
+        if (transient == OMX_TransStateLoadedToIdle) { // the command that it gives up
             omx_base_send_event(sink, OMX_EventError, OMX_ErrorIncorrectStateTransition, 0);
+        }
         omx_base_flush(sink, OMX_ALL);
         omx_base_complete_changes(sink);
         return OMX_ErrorNone;
     }
     set_state(sink, target, OMX_TransStateNone);
-    if (target == OMX_StateIdle)
+    if (target == OMX_StateIdle) {
         omx_base_flush(sink, OMX_ALL);
+    }
     send_complete(sink, OMX_CommandStateSet, target);
     return OMX_ErrorNone;
 }
@@ -203,8 +215,9 @@ static bool has_resources(const omx_base_sink_PrivateType *sink)
 
 static OMX_ERRORTYPE flush_port(omx_base_sink_PrivateType *sink, OMX_U32 port_index)
 {
-    if (!has_resources(sink))
+    if (!has_resources(sink)) {
         return OMX_ErrorIncorrectStateOperation;
+    }
     omx_base_flush(sink, port_index);
     omx_base_for_ports(sink, port_index, [&](omx_base_port_PrivateType *port) {
         send_complete(sink, OMX_CommandFlush, port->pInternal->uiIndex);
@@ -219,14 +232,16 @@ static OMX_ERRORTYPE change_port(omx_base_sink_PrivateType *sink, OMX_U32 port_i
     omx_base_for_ports(sink, port_index, [&](omx_base_port_PrivateType *port) {
         omx_base_port_internal_t *internal = port->pInternal;
         port->stPortDefinition.bEnabled = enable ? OMX_TRUE : OMX_FALSE;
-        if (internal->eChange != change)
+        if (internal->eChange != change) {
             internal->uiOvertaken += std::exchange(internal->uiWaiting, 0);
+        }
         internal->eChange = change;
         internal->uiWaiting++;
     });
     pthread_mutex_unlock(&sink->pInternal->lock);
-    if (!enable)
+    if (!enable) {
         omx_base_flush(sink, port_index);
+    }
     omx_base_complete_changes(sink);
     return OMX_ErrorNone;
 }
@@ -235,22 +250,26 @@ static OMX_ERRORTYPE mark_buffer(omx_base_sink_PrivateType *sink, OMX_U32 port_i
                                  const OMX_MARKTYPE *mark)
 {
     omx_base_port_PrivateType *port = omx_base_port(sink, port_index);
-    if (port == nullptr)
+    if (port == nullptr) {
         return OMX_ErrorBadPortIndex;
-    if (mark == nullptr)
+    }
+    if (mark == nullptr) {
         return OMX_ErrorBadParameter;
-    if (!has_resources(sink))
+    }
+    if (!has_resources(sink)) {
         return OMX_ErrorIncorrectStateOperation;
+    }
     omx_base_port_internal_t *internal = port->pInternal;
     pthread_mutex_lock(&sink->pInternal->lock);
-    const bool fits = internal->uiMarkCount < MARK_CAPACITY;
+    const bool fits = internal->uiMarkCount < kMarkCapacity;
     if (fits) {
-        internal->astMark[(internal->uiFirstMark + internal->uiMarkCount) % MARK_CAPACITY] = *mark;
+        internal->astMark[(internal->uiFirstMark + internal->uiMarkCount) % kMarkCapacity] = *mark;
         internal->uiMarkCount++;
     }
     pthread_mutex_unlock(&sink->pInternal->lock);
-    if (!fits)
+    if (!fits) {
         return OMX_ErrorInsufficientResources;
+    }
     send_complete(sink, OMX_CommandMarkBuffer, port_index);
     return OMX_ErrorNone;
 }
@@ -260,10 +279,12 @@ OMX_ERRORTYPE omx_base_component_MessageHandler(OMX_COMPONENTTYPE *pComponent,
 {
     omx_base_sink_PrivateType *sink = nullptr;
     const OMX_ERRORTYPE error = omx_base_find_valid_sink(pComponent, &sink);
-    if (error != OMX_ErrorNone)
+    if (error != OMX_ErrorNone) {
         return error;
-    if (pMessage == nullptr)
+    }
+    if (pMessage == nullptr) {
         return OMX_ErrorBadParameter;
+    }
     switch (pMessage->eCommand) {
     case OMX_CommandStateSet:
         return change_state(sink, static_cast<OMX_STATETYPE>(pMessage->uiParam));

@@ -1,7 +1,6 @@
 // The buffer thread and the flush handshake with it.
-#include "platform/host/omx_base_internal.h"
-
 #include "platform/host/control_internal.h"
+#include "platform/host/omx_base_internal.h"
 #include "platform/host/semaphore_queue_internal.h"
 
 #include <errno.h>
@@ -27,24 +26,28 @@ static void *run_buffer_thread(void *argument)
 int omx_base_start_buffer_thread(omx_base_sink_PrivateType *pSink)
 {
     omx_base_sink_internal_t *internal = pSink->pInternal;
-    if (pSink->pfnBufferMgmtFunction == nullptr)
+    if (pSink->pfnBufferMgmtFunction == nullptr) {
         return 0;
-    if (host_call_fails(HOST_CALL_START_THREAD))
+    }
+    if (host_call_fails(HOST_CALL_START_THREAD)) {
         return EAGAIN;
+    }
     set_buffer_thread_runs(internal, true); // before the thread, which clears it
     const int result =
         pthread_create(&internal->hBufferThread, nullptr, run_buffer_thread, pSink->pComponent);
     internal->bBufferThreadJoinable = result == 0;
-    if (result != 0)
+    if (result != 0) {
         set_buffer_thread_runs(internal, false);
+    }
     return result;
 }
 
 void omx_base_join_buffer_thread(omx_base_sink_PrivateType *pSink)
 {
     omx_base_sink_internal_t *internal = pSink->pInternal;
-    if (!internal->bBufferThreadJoinable)
+    if (!internal->bBufferThreadJoinable) {
         return;
+    }
     tsem_up(&pSink->semBufferThread);
     pthread_join(internal->hBufferThread, nullptr);
     internal->bBufferThreadJoinable = false;
@@ -83,10 +86,12 @@ void omx_base_flush(omx_base_sink_PrivateType *pSink, OMX_U32 uiPort)
         std::array<OMX_BUFFERHEADERTYPE *, QUEUE_CAPACITY> held;
         // A thread that has ended may have left a buffer in nobody's hand.
         const uint32_t count = omx_base_collect_held(pSink, port, !runs, &held);
-        for (uint32_t index = 0; index < count; index++)
+        for (uint32_t index = 0; index < count; index++) {
             port->pfnReturnBuffer(port, held[index]);
+        }
     });
     set_being_flushed(pSink, uiPort, 0);
-    if (runs)
+    if (runs) {
         tsem_up(&pSink->semFlush);
+    }
 }

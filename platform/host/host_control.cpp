@@ -22,8 +22,9 @@ bool host_call_fails(host_call_t eCall)
         record.uiPass--;
     } else if (record.uiFail != 0) {
         fails = true;
-        if (record.uiFail != UINT32_MAX)
+        if (record.uiFail != UINT32_MAX) {
             record.uiFail--;
+        }
     }
     pthread_mutex_unlock(&lock_calls);
     return fails;
@@ -31,8 +32,9 @@ bool host_call_fails(host_call_t eCall)
 
 void host_fail_call(host_call_t eCall, uint32_t uiPass, uint32_t uiFail)
 {
-    if (eCall >= HOST_CALL_COUNT)
+    if (eCall >= HOST_CALL_COUNT) {
         return;
+    }
     pthread_mutex_lock(&lock_calls);
     call_records[eCall].uiPass = uiPass;
     call_records[eCall].uiFail = uiFail;
@@ -41,8 +43,9 @@ void host_fail_call(host_call_t eCall, uint32_t uiPass, uint32_t uiFail)
 
 uint64_t host_call_count(host_call_t eCall)
 {
-    if (eCall >= HOST_CALL_COUNT)
+    if (eCall >= HOST_CALL_COUNT) {
         return 0;
+    }
     pthread_mutex_lock(&lock_calls);
     const uint64_t calls = call_records[eCall].ullCalls;
     pthread_mutex_unlock(&lock_calls);

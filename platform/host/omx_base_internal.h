@@ -12,10 +12,10 @@
 
 #include <array>
 
-constexpr uint32_t MESSAGE_CAPACITY = 64; // commands that can wait
-constexpr uint32_t MARK_CAPACITY = 16;    // marks that can wait on one port
-constexpr OMX_U32 BUFFER_COUNT = 4;       // of a new port
-constexpr OMX_U32 BUFFER_COUNT_MIN = 1;
+constexpr uint32_t kMessageCapacity = 64; // commands that can wait
+constexpr uint32_t kMarkCapacity = 16;    // marks that can wait on one port
+constexpr OMX_U32 kBufferCount = 4;       // of a new port
+constexpr OMX_U32 kBufferCountMin = 1;
 
 // A command on its way to the message thread, with a copy of the mark that it may point to.
 typedef struct omx_base_slot_t {
@@ -29,7 +29,7 @@ struct omx_base_sink_internal_t {
     std::array<char, OMX_MAX_STRINGNAME_SIZE> szName; // constant once constructed
     OMX_CALLBACKTYPE stCallbacks;
     // A command stays in the ring until it has been carried out.
-    std::array<omx_base_slot_t, MESSAGE_CAPACITY> astSlot;
+    std::array<omx_base_slot_t, kMessageCapacity> astSlot;
     uint32_t uiFirstSlot;
     uint32_t uiSlotCount;
     bool bPortsChanged;     // a transition may have become complete, an error may wait
@@ -71,7 +71,7 @@ struct omx_base_port_internal_t {
     bool bSemReady;
     std::array<omx_base_buffer_t, QUEUE_CAPACITY> astBuffer;
     uint32_t uiBufferCount;
-    std::array<OMX_MARKTYPE, MARK_CAPACITY> astMark; // for the next buffers
+    std::array<OMX_MARKTYPE, kMarkCapacity> astMark; // for the next buffers
     uint32_t uiFirstMark;
     uint32_t uiMarkCount;
 };
@@ -96,8 +96,9 @@ void omx_base_for_ports(const omx_base_sink_PrivateType *pSink, OMX_U32 uiPort, 
 {
     for (OMX_U32 index = 0; index < omx_base_port_count(pSink); index++) {
         omx_base_port_PrivateType *port = omx_base_port(pSink, index);
-        if (port != nullptr && (uiPort == OMX_ALL || uiPort == index))
+        if (port != nullptr && (uiPort == OMX_ALL || uiPort == index)) {
             function(port);
+        }
     }
 }
 
@@ -168,8 +169,9 @@ OMX_ERRORTYPE omx_base_component_EmptyThisBuffer(OMX_HANDLETYPE hComponent,
 [[nodiscard]] inline OMX_ERRORTYPE omx_base_check_head(OMX_U32 uiSize, OMX_VERSIONTYPE unVersion,
                                                        size_t expected_size)
 {
-    if (uiSize != expected_size)
+    if (uiSize != expected_size) {
         return OMX_ErrorBadParameter;
+    }
     const OMX_VERSIONTYPE own = {.nVersion = OMX_VERSION_1_1_2};
     return unVersion.s.nVersionMajor == own.s.nVersionMajor &&
                    unVersion.s.nVersionMinor == own.s.nVersionMinor

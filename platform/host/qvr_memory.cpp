@@ -9,28 +9,33 @@ static std::atomic<int64_t> live_allocations;
 
 void *QVR_malloc(size_t size)
 {
-    if (host_call_fails(HOST_CALL_MALLOC))
+    if (host_call_fails(HOST_CALL_MALLOC)) {
         return nullptr;
+    }
     void *memory = malloc(size);
-    if (memory != nullptr)
+    if (memory != nullptr) {
         live_allocations++;
+    }
     return memory;
 }
 
 void *QVR_calloc(size_t count, size_t size)
 {
-    if (host_call_fails(HOST_CALL_CALLOC))
+    if (host_call_fails(HOST_CALL_CALLOC)) {
         return nullptr;
+    }
     void *memory = calloc(count, size);
-    if (memory != nullptr)
+    if (memory != nullptr) {
         live_allocations++;
+    }
     return memory;
 }
 
 void QVR_free(void *pMemory)
 {
-    if (pMemory == nullptr)
+    if (pMemory == nullptr) {
         return;
+    }
     live_allocations--;
     free(pMemory);
 }

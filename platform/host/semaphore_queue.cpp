@@ -1,21 +1,23 @@
-#include "platform/host/semaphore_queue_internal.h"
-
 #include "platform/host/control_internal.h"
+#include "platform/host/semaphore_queue_internal.h"
 
 #include <errno.h>
 
 int tsem_init(tsem_t *tsem, uint32_t uiCount)
 {
-    if (host_call_fails(HOST_CALL_TSEM_INIT))
+    if (host_call_fails(HOST_CALL_TSEM_INIT)) {
         return ENOMEM;
+    }
     *tsem = {};
     tsem->uiCount = uiCount;
     const int result = pthread_mutex_init(&tsem->stMutex, nullptr);
-    if (result != 0)
+    if (result != 0) {
         return result;
+    }
     const int condition_result = pthread_cond_init(&tsem->stCondition, nullptr);
-    if (condition_result != 0)
+    if (condition_result != 0) {
         pthread_mutex_destroy(&tsem->stMutex);
+    }
     return condition_result;
 }
 
@@ -28,8 +30,9 @@ void tsem_deinit(tsem_t *tsem)
 void tsem_down(tsem_t *tsem)
 {
     pthread_mutex_lock(&tsem->stMutex);
-    while (tsem->uiCount == 0)
+    while (tsem->uiCount == 0) {
         pthread_cond_wait(&tsem->stCondition, &tsem->stMutex);
+    }
     tsem->uiCount--;
     pthread_mutex_unlock(&tsem->stMutex);
 }
@@ -70,8 +73,9 @@ void queue_deinit(queue_t *queue)
 
 int queue(queue_t *queue, void *pElement)
 {
-    if (host_call_fails(HOST_CALL_QUEUE))
+    if (host_call_fails(HOST_CALL_QUEUE)) {
         return -1;
+    }
     pthread_mutex_lock(&queue->stMutex);
     const bool fits = queue->uiCount < QUEUE_CAPACITY;
     if (fits) {

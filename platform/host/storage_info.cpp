@@ -21,7 +21,7 @@ typedef struct storage_figures_t {
     unsigned long ulFreeKiB;
 } storage_figures_t;
 
-static constexpr std::array<df_record_t, STORAGE_COUNT> storages = {{
+static constexpr std::array<df_record_t, STORAGE_COUNT> kStorages = {{
     {.pszFileSystem = "sdcard", .pszMountPoint = "/mnt/sdcard"},
     {.pszFileSystem = "tflash", .pszMountPoint = "/mnt/sdcard/tflash"},
 }};
@@ -39,12 +39,14 @@ static unsigned long blocks_to_kib(uint64_t blocks, uint64_t block_bytes)
 
 df_handle_t *dfopen(void)
 {
-    if (host_call_fails(HOST_CALL_DFOPEN))
+    if (host_call_fails(HOST_CALL_DFOPEN)) {
         return nullptr;
+    }
     df_handle_t *handle = static_cast<df_handle_t *>(QVR_calloc(1, sizeof(df_handle_t)));
-    if (handle == nullptr)
+    if (handle == nullptr) {
         return nullptr;
-    handle->astRecord = storages;
+    }
+    handle->astRecord = kStorages;
     live_handles++;
     return handle;
 }
@@ -52,8 +54,9 @@ df_handle_t *dfopen(void)
 const df_record_t *dfget(df_handle_t *pHandle, int iStorage)
 {
     if (host_call_fails(HOST_CALL_DFGET) || pHandle == nullptr || iStorage < 0 ||
-        iStorage >= STORAGE_COUNT)
+        iStorage >= STORAGE_COUNT) {
         return nullptr;
+    }
     const size_t index = static_cast<size_t>(iStorage);
     df_record_t &record = pHandle->astRecord[index];
 
@@ -67,8 +70,9 @@ const df_record_t *dfget(df_handle_t *pHandle, int iStorage)
     }
 
     struct statvfs status = {};
-    if (statvfs(record.pszMountPoint, &status) != 0)
+    if (statvfs(record.pszMountPoint, &status) != 0) {
         return nullptr;
+    }
     record.ulTotalKiB = blocks_to_kib(status.f_blocks, status.f_frsize);
     record.ulFreeKiB = blocks_to_kib(status.f_bavail, status.f_frsize);
     return &record;
@@ -90,8 +94,9 @@ int64_t host_live_storage_handles(void)
 
 void host_set_storage(int iStorage, unsigned long ulTotalKiB, unsigned long ulFreeKiB)
 {
-    if (iStorage < 0 || iStorage >= STORAGE_COUNT)
+    if (iStorage < 0 || iStorage >= STORAGE_COUNT) {
         return;
+    }
     pthread_mutex_lock(&lock_figures);
     given_figures[static_cast<size_t>(iStorage)] = {
         .bSet = true, .ulTotalKiB = ulTotalKiB, .ulFreeKiB = ulFreeKiB};

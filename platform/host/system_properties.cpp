@@ -22,8 +22,9 @@ static std::array<property_t, PROPERTY_COUNT> properties; // under lock_properti
 static property_t *find_property(const char *key)
 {
     for (property_t &property : properties) {
-        if (strcmp(property.szKey, key) == 0)
+        if (strcmp(property.szKey, key) == 0) {
             return &property;
+        }
     }
     return nullptr;
 }
@@ -45,13 +46,15 @@ int property_get(const char *pszKey, char *szValue, const char *pszDefault)
 
 void host_set_property(const char *pszKey, const char *pszValue)
 {
-    if (pszKey[0] == '\0' || strlen(pszKey) >= PROPERTY_KEY_MAX)
+    if (pszKey[0] == '\0' || strlen(pszKey) >= PROPERTY_KEY_MAX) {
         return;
+    }
     pthread_mutex_lock(&lock_properties);
     property_t *property = find_property(pszKey);
     if (pszValue == nullptr) {
-        if (property != nullptr)
+        if (property != nullptr) {
             *property = {};
+        }
     } else if (property != nullptr || (property = find_property("")) != nullptr) {
         snprintf(property->szKey, sizeof(property->szKey), "%s", pszKey);
         snprintf(property->szValue, sizeof(property->szValue), "%s", pszValue);

@@ -10,8 +10,9 @@ MemoryCounts memory_counts;
 
 static void *counting_allocate(size_t size)
 {
-    if (++memory_counts.allocations == memory_counts.fail_at)
+    if (++memory_counts.allocations == memory_counts.fail_at) {
         return nullptr;
+    }
     memory_counts.open++;
     void *memory = std::malloc(size);
     std::memset(memory, 0xA5, size); // nothing may rely on cleared memory
@@ -93,9 +94,11 @@ Signal noise(uint32_t seed, double amplitude)
 std::vector<int16_t> render(const Signal &signal, int channels, int frames)
 {
     std::vector<int16_t> samples;
-    for (int n = 0; n < frames * AACENC_FRAME_SAMPLES; n++)
-        for (int ch = 0; ch < channels; ch++)
+    for (int n = 0; n < frames * AACENC_FRAME_SAMPLES; n++) {
+        for (int ch = 0; ch < channels; ch++) {
             samples.push_back(static_cast<int16_t>(
                 std::clamp(std::lround(32768 * signal(ch, n)), -32768L, 32767L)));
+        }
+    }
     return samples;
 }

@@ -2,14 +2,13 @@
 #ifndef TESTS_AACENC_ENCODER_HARNESS_H
 #define TESTS_AACENC_ENCODER_HARNESS_H
 
-#include <cstdint>
-#include <functional>
-#include <vector>
-
-#include <gtest/gtest.h>
-
 #include "aacenc/aac_enc.h"
 #include "aacenc/encoder_state.h"
+
+#include <cstdint>
+#include <functional>
+#include <gtest/gtest.h>
+#include <vector>
 
 // Memory functions that count, and fail at a chosen allocation.
 struct MemoryCounts {

@@ -1,17 +1,16 @@
-#include <algorithm>
-#include <array>
-#include <cmath>
-#include <cstdint>
-#include <random>
-#include <utility>
-#include <vector>
-
-#include <gtest/gtest.h>
-
 #include "aacenc/filterbank.h"
 #include "aacenc/filterbank_vector.h"
 #include "aacenc/transform_stages.h"
 #include "tests/support/stream_hash.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstdint>
+#include <gtest/gtest.h>
+#include <random>
+#include <utility>
+#include <vector>
 
 // One of the 2048 samples of two frames, of any value.
 struct AnySample {

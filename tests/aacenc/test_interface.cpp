@@ -1,11 +1,10 @@
-#include <cstdint>
-#include <vector>
-
-#include <gtest/gtest.h>
-
 #include "aacenc/encoder_setup.h"
 #include "aacenc/frame_driver.h"
 #include "tests/aacenc/encoder_harness.h"
+
+#include <cstdint>
+#include <gtest/gtest.h>
+#include <vector>
 
 static int32_t open_result(const EncoderOptions &options)
 {
@@ -18,12 +17,15 @@ static int32_t open_result(const EncoderOptions &options)
 
 TEST(Interface, RefusesWhatItCannotEncode)
 {
-    for (const int32_t bit_rate : {15000, 64500, 0, -1000, INT32_MIN, INT32_MAX})
+    for (const int32_t bit_rate : {15000, 64500, 0, -1000, INT32_MIN, INT32_MAX}) {
         EXPECT_EQ(open_result({.bit_rate = bit_rate}), AACENC_ERR_CONFIG) << bit_rate;
-    for (const int32_t channels : {0, 3, -1})
+    }
+    for (const int32_t channels : {0, 3, -1}) {
         EXPECT_EQ(open_result({.channels = channels}), AACENC_ERR_CONFIG) << channels;
-    for (const int32_t rate : {96000, 64000, 7350, 0, -48000, 48001})
+    }
+    for (const int32_t rate : {96000, 64000, 7350, 0, -48000, 48001}) {
         EXPECT_EQ(open_result({.sample_rate = rate}), AACENC_ERR_SAMPLE_RATE) << rate;
+    }
     EXPECT_EQ(open_result({.bit_rate = 16000}), AACENC_OK);
     EXPECT_EQ(open_result({.bit_rate = 2147483000}), AACENC_OK);
 }
@@ -95,6 +97,7 @@ TEST(Setup, DerivesBandwidthAndMeanBits)
     const int32_t cases[][3] = {{29999, 22050, 2802},  {30000, 22050, 8000},  {45999, 44100, 5604},
                                 {61999, 48000, 12490}, {62000, 48000, 15306}, {75000, 48000, 16000},
                                 {64000, 96000, 0}};
-    for (const auto &[bit_rate, sample_rate, bandwidth] : cases)
+    for (const auto &[bit_rate, sample_rate, bandwidth] : cases) {
         EXPECT_EQ(AACENC_SetBandWidth(bit_rate, sample_rate), bandwidth);
+    }
 }

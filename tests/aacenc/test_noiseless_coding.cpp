@@ -1,12 +1,11 @@
+#include "aacenc/noiseless_coding.h"
+
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
+#include <gtest/gtest.h>
 #include <numeric>
 #include <vector>
-
-#include <gtest/gtest.h>
-
-#include "aacenc/noiseless_coding.h"
 
 // returns: the bits of a group's codewords, of which there are as many as were counted
 static int32_t packed_bits(int32_t book, const int32_t *values)
@@ -27,8 +26,9 @@ TEST(NoiselessCoding, CountedBitsAreThoseOfTheCodewords)
 {
     std::vector<int32_t> magnitudes(16);
     std::iota(magnitudes.begin(), magnitudes.end(), 0);
-    for (int32_t power = 16; power < 8192; power *= 2)
+    for (int32_t power = 16; power < 8192; power *= 2) {
         magnitudes.insert(magnitudes.end(), {power, 2 * power - 1});
+    }
     constexpr size_t kChoices[6] = {3, 3, 9, 8, 13, 34}; // for a line, in the codebooks 2 * i + 1
     for (size_t i = 0; i < 6; i++) {
         const int32_t odd = static_cast<int32_t>(2 * i + 1);

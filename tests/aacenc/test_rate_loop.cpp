@@ -1,15 +1,14 @@
-#include <algorithm>
-#include <cstdint>
-#include <cstdlib>
-#include <vector>
-
-#include <gtest/gtest.h>
-
 #include "aacenc/huffman_tables.h"
 #include "aacenc/noiseless_coding.h"
 #include "aacenc/quantiser.h"
 #include "aacenc/rate_loop.h"
 #include "tests/aacenc/encoder_harness.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <gtest/gtest.h>
+#include <vector>
 
 struct RateLoop : SilentChannel {
     int32_t *spectrum = tf->channelBuffer[0];
@@ -57,8 +56,9 @@ TEST_F(RateLoop, ATrialNearTheBudgetEndsTheSearch)
     // for the scalefactors a step of -51 and 48 of 0.
     const int32_t used = kMaxChannelBits - tf->bitsLeft;
     const int32_t total = used - 22 - 49 + 1 + 102 + 48 + static_cast<int32_t>(huff12[9] >> 24);
-    for (const int32_t budget : {total, total + total / 3 - 2})
+    for (const int32_t budget : {total, total + total / 3 - 2}) {
         EXPECT_EQ(code(51, budget, 0, 1024, 20000), 51) << budget;
+    }
     EXPECT_GT(code(51, total - 1, 0, 1024, 20000), 51);
 }
 

@@ -1,18 +1,17 @@
-#include <algorithm>
-#include <cmath>
-#include <cstdint>
-#include <cstdlib>
-#include <fstream>
-#include <vector>
-
-#include <gtest/gtest.h>
-
 #include "aacenc/band_tables.h"
 #include "aacenc/filterbank.h"
 #include "tests/aacenc/encoder_harness.h"
 #include "tests/support/aac_parser.h"
 #include "tests/support/programme.h"
 #include "tests/support/stream_hash.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <cstdlib>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <vector>
 
 static std::vector<uint8_t> adts_header(const EncoderOptions &options, size_t unit_bytes)
 {
@@ -22,8 +21,9 @@ static std::vector<uint8_t> adts_header(const EncoderOptions &options, size_t un
                             index << 34 | static_cast<uint64_t>(options.channels) << 30 |
                             unit_bytes << 13;
     std::vector<uint8_t> bytes;
-    for (int shift = 48; shift >= 0; shift -= 8)
+    for (int shift = 48; shift >= 0; shift -= 8) {
         bytes.push_back(static_cast<uint8_t>(header >> shift));
+    }
     return bytes;
 }
 
@@ -37,12 +37,13 @@ static void expect_quantised(Encoder &encoder, const AacChannel &channel)
 {
     const EncTfState *tf = encoder.tf();
     const AacEncCoderInfo *coder = tf->coderInfo[encoder.state()->channels - 1];
-    for (size_t band = 0; band < channel.codebooks.size(); band++)
+    for (size_t band = 0; band < channel.codebooks.size(); band++) {
         if (channel.codebooks[band] % kNoiseBook != 0) {
             EXPECT_TRUE(std::equal(tf->work[0] + coder->swbOffset[band],
                                    tf->work[0] + coder->swbOffset[band + 1],
                                    channel.quantised.begin() + coder->swbOffset[band]));
         }
+    }
 }
 
 // The bits of a frame and those left are exactly what a decoder's buffer grants, and the reservoir
@@ -71,8 +72,9 @@ static Stream encode_and_parse(const EncoderOptions &options, const std::vector<
         EXPECT_EQ(encoder.result, AACENC_OK);
         const bool adts = options.format == AACENC_FORMAT_ADTS;
         const std::vector<uint8_t> header = adts_header(options, unit.size() + (adts ? 0 : 7));
-        if (!adts)
+        if (!adts) {
             unit.insert(unit.begin(), header.begin(), header.end());
+        }
         stream.adts.insert(stream.adts.end(), unit.begin(), unit.end());
         EXPECT_TRUE(std::equal(header.begin(), header.end(), unit.begin()));
         unit.erase(unit.begin(), unit.begin() + 7);
@@ -82,14 +84,16 @@ static Stream encode_and_parse(const EncoderOptions &options, const std::vector<
         const std::string fault = parse_raw_data_block(unit, sampling_index, &frame);
         EXPECT_EQ(fault, "");
         EXPECT_EQ(frame.channels.size(), static_cast<size_t>(options.channels));
-        if (fault.empty())
+        if (fault.empty()) {
             expect_quantised(encoder, frame.channels.back());
+        }
         expect_account(encoder, frame.bits, static_cast<int32_t>(8 * unit.size()), reservoir);
         total_bits += 8 * static_cast<uint32_t>(unit.size());
         EXPECT_EQ(encoder.state()->totalBits, total_bits);
     }
-    for (const AacChannel &channel : stream.frames[0].channels)
+    for (const AacChannel &channel : stream.frames[0].channels) {
         EXPECT_EQ(channel.lines, (std::array<double, 1024>{})); // whatever the first input
+    }
     return stream;
 }
 
@@ -108,8 +112,9 @@ static Signal programme(int first_channel, size_t frame)
 static Signal bursts()
 {
     return [loud = noise(6, 1), level = noise(7, 1), amplitude = 0.0](int channel, int n) mutable {
-        if (n % 512 == 0 && channel == 0)
+        if (n % 512 == 0 && channel == 0) {
             amplitude = level(0, n) > 0 ? 1 : 0.0002;
+        }
         return amplitude * (loud(channel, n) > 0 ? 1 : -1);
     };
 }
@@ -132,9 +137,10 @@ static std::vector<MatrixPoint> matrix_points()
     for (const uint16_t rate : SampleRates) {
         for (const int32_t bit_rate :
              {16000, 24000, 40000, 64000, 96000, 128000, 192000, 256000, 288000}) {
-            if (bit_rate > 6 * rate && bit_rate != 288000)
+            if (bit_rate > 6 * rate && bit_rate != 288000) {
                 continue; // the highest one stands for all beyond the limit
-            for (int i = 0; i < 32 * 7; i++)
+            }
+            for (int i = 0; i < 32 * 7; i++) {
                 points.push_back({{.sample_rate = rate,
                                    .channels = 1 + (i & 1),
                                    .bit_rate = bit_rate,
@@ -144,6 +150,7 @@ static std::vector<MatrixPoint> matrix_points()
                                    .tns = i >> 3 & 1,
                                    .mpeg2_id = i >> 4 & 1},
                                   i / 32});
+            }
         }
     }
     return points;
@@ -184,8 +191,9 @@ TEST(Streams, EveryConfigurationObeysTheSyntax)
         SCOPED_TRACE(group + ": " + describe(point));
         const Stream stream = encode_and_parse(
             point.options, render(matrix_signal(point.signal, turn), channels, whole ? 32 : 12));
-        if (folder)
+        if (folder) {
             keep_stream(std::string(folder) + "/" + group, point, stream);
+        }
     }
 }
 
@@ -204,8 +212,9 @@ static double spectral_snr_db(int32_t bit_rate, int32_t mid_side = 0)
         const auto &second = frames[frame].channels[1].lines;
         for (size_t ch = 0; ch < 2; ch++) {
             int16_t samples[2048];
-            for (size_t i = 0; i < 2048; i++)
+            for (size_t i = 0; i < 2048; i++) {
                 samples[i] = pcm[2 * (1024 * (frame - 1) + i) + ch];
+            }
             int32_t lines[1024];
             buffer2freq(samples + 1024, lines, samples, 1);
             for (size_t k = 0; k < bandwidth; k++) {
@@ -230,15 +239,19 @@ TEST(Streams, DecodedLinesAreThoseOfTheInput)
 TEST(Streams, ToolsAppearWhereTheySwitchOn)
 {
     const auto shaped = encode_and_parse({.tns = 1}, render(impulses(900), 2, 20)).frames;
-    for (size_t frame = 0; frame < shaped.size(); frame++)
-        for (const AacChannel &channel : shaped[frame].channels)
+    for (size_t frame = 0; frame < shaped.size(); frame++) {
+        for (const AacChannel &channel : shaped[frame].channels) {
             EXPECT_EQ(channel.tns_present, frame >= 3) << frame;
+        }
+    }
 
     const auto noise_bands = [](const EncoderOptions &options) {
         int64_t count = 0;
-        for (const AacFrame &frame : encode_and_parse(options, render(noise(8, 1), 2, 20)).frames)
-            for (const AacChannel &channel : frame.channels)
+        for (const AacFrame &frame : encode_and_parse(options, render(noise(8, 1), 2, 20)).frames) {
+            for (const AacChannel &channel : frame.channels) {
                 count += std::count(channel.codebooks.begin(), channel.codebooks.end(), 13);
+            }
+        }
         return count;
     };
     EXPECT_GT(noise_bands({.bit_rate = 64000, .pns = 1}), 19 * 2 * 20);

@@ -1,14 +1,13 @@
-#include <algorithm>
-#include <bitset>
-#include <cstdint>
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
-
 #include "aacenc/bitstream.h"
 #include "aacenc/element_syntax.h"
 #include "tests/aacenc/encoder_harness.h"
+
+#include <algorithm>
+#include <bitset>
+#include <cstdint>
+#include <gtest/gtest.h>
+#include <string>
+#include <vector>
 
 // What a writer appends behind `offset` bits, as a string of digits.
 template <typename Write>
@@ -20,8 +19,9 @@ static std::string written_bits(Write write, int offset = 0)
     BsPutBit(&bitstream, 0, offset);
     write(&bitstream);
     std::string digits;
-    for (int i = offset; i < AACENC_BsBufferNumBit(&bitstream); i++)
+    for (int i = offset; i < AACENC_BsBufferNumBit(&bitstream); i++) {
         digits += static_cast<char>('0' + (bytes[static_cast<size_t>(i / 8)] >> (7 - i % 8) & 1));
+    }
     return digits;
 }
 

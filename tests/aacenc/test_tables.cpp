@@ -1,12 +1,3 @@
-#include <algorithm>
-#include <cmath>
-#include <numeric>
-#include <span>
-#include <utility>
-#include <vector>
-
-#include <gtest/gtest.h>
-
 #include "aacenc/band_tables.h"
 #include "aacenc/filterbank_tables.h"
 #include "aacenc/huffman_tables.h"
@@ -15,25 +6,36 @@
 #include "aacenc/quantiser_tables.h"
 #include "aacenc/tns_tables.h"
 
+#include <algorithm>
+#include <cmath>
+#include <gtest/gtest.h>
+#include <numeric>
+#include <span>
+#include <utility>
+#include <vector>
+
 static constexpr double kPi = 3.14159265358979323846;
 static constexpr double kOne_q29 = 536870912.0;
 
 TEST(Tables, FollowTheirFormulas)
 {
-    for (int n = 0; n < 1024; n++)
+    for (int n = 0; n < 1024; n++) {
         EXPECT_EQ(MDCT_WINDOW[n], std::trunc(kOne_q29 * std::sin(kPi * (n + 0.5) / 2048))) << n;
+    }
     EXPECT_EQ(CPLX_COEFF[0], 2147483647);
     EXPECT_EQ(CPLX_COEFF[256], 0);
     for (int k = 1; k < 256; k++) {
         const float cosine = static_cast<float>(std::cos(kPi * k / 512));
         EXPECT_EQ(CPLX_COEFF[k], static_cast<double>(cosine) * 2147483648.0) << k;
     }
-    for (int i = 0; i < 100; i++)
+    for (int i = 0; i < 100; i++) {
         EXPECT_EQ(quantfac_table[i], std::floor(std::exp2(29 - 3 * (99 - i) / 16.0))) << i;
+    }
     EXPECT_EQ(quantiser_factor(-5), 1 << 29);
     EXPECT_EQ(quantiser_factor(200), quantiser_factor(99));
-    for (int i = 0; i < 32; i++)
+    for (int i = 0; i < 32; i++) {
         EXPECT_NEAR(AacLc_Enc_cLog2Table[i], 32768 * (1 + std::log2(1 + i / 32.0)), 2.0) << i;
+    }
     for (int j = 0; j < 16; j++) {
         const double threshold =
             j < 8 ? std::sin((j - 8.5) * kPi / 17) : std::sin((j - 7.5) * kPi / 15);
@@ -77,16 +79,18 @@ static void expect_complete_code(std::span<const uint32_t> book)
     }
     std::sort(ranges.begin(), ranges.end());
     uint32_t end = 0;
-    for (const auto &range : ranges)
+    for (const auto &range : ranges) {
         EXPECT_EQ(range.first, std::exchange(end, range.second));
+    }
     EXPECT_EQ(end, 1U << 24);
 }
 
 TEST(Tables, CodebooksArePrefixFreeAndComplete)
 {
     constexpr size_t kEntries[11] = {81, 81, 81, 81, 81, 81, 64, 64, 169, 169, 289};
-    for (size_t i = 0; i < 11; i++)
+    for (size_t i = 0; i < 11; i++) {
         expect_complete_code({huff_table[i], kEntries[i]});
+    }
     expect_complete_code(huff12);
     EXPECT_EQ(huff12[60], 0x01000000U);
 }

@@ -1,17 +1,16 @@
-#include <algorithm>
-#include <cmath>
-#include <cstdint>
-#include <functional>
-#include <random>
-#include <span>
-#include <vector>
-
-#include <gtest/gtest.h>
-
 #include "aacenc/band_tables.h"
 #include "aacenc/channel_elements.h"
 #include "aacenc/tns.h"
 #include "tests/aacenc/encoder_harness.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <functional>
+#include <gtest/gtest.h>
+#include <random>
+#include <span>
+#include <vector>
 
 static constexpr double kPi = 3.14159265358979323846;
 static constexpr double kOne_q28 = 268435456.0;
@@ -21,10 +20,11 @@ static std::vector<int32_t> click_lines(double position, double noise_level)
 {
     std::mt19937 random(9);
     std::vector<int32_t> lines(1024);
-    for (size_t k = 0; k < 1024; k++)
+    for (size_t k = 0; k < 1024; k++) {
         lines[k] = static_cast<int32_t>(
             1e6 * (std::cos(kPi * position * (static_cast<double>(k) + 0.5)) +
                    noise_level * (static_cast<double>(random() % 2001) / 1000 - 1)));
+    }
     return lines;
 }
 
@@ -33,24 +33,28 @@ static void step_up(std::vector<double> &a, double k)
 {
     a.push_back(0);
     const std::vector<double> before = a;
-    for (size_t j = 1; j < a.size(); j++)
+    for (size_t j = 1; j < a.size(); j++) {
         a[j] += k * before[a.size() - 1 - j];
+    }
 }
 
 // Reflection coefficients of the lines by the plain recursion; [0] is not used.
 static std::vector<double> plain_reflection(std::span<const int32_t> lines)
 {
     std::vector<double> r(13);
-    for (size_t lag = 0; lag <= 12; lag++)
-        for (size_t n = 0; n + lag < lines.size(); n++)
+    for (size_t lag = 0; lag <= 12; lag++) {
+        for (size_t n = 0; n + lag < lines.size(); n++) {
             r[lag] += 1.0 * lines[n + lag] * lines[n];
+        }
+    }
     std::vector<double> reflection = {0};
     std::vector<double> a = {1};
     double error = r[0];
     for (size_t m = 1; m <= 12; m++) {
         double k = 0;
-        for (size_t j = 0; j < m; j++)
+        for (size_t j = 0; j < m; j++) {
             k -= a[j] * r[m - j] / error;
+        }
         reflection.push_back(k);
         step_up(a, k);
         error *= 1 - k * k;
@@ -110,13 +114,15 @@ TEST_F(Tools, TnsEqualsThePlainModel)
             EXPECT_NEAR(reflection[m] / kOne_q28, expected[m], 1e-5) << m;
             EXPECT_EQ(filter.index[m], plain_index(reflection[m] / kOne_q28)) << m;
             const double steps = filter.index[m] >= 0 ? 15 : 17;
-            if (static_cast<int32_t>(m) <= filter.order)
+            if (static_cast<int32_t>(m) <= filter.order) {
                 step_up(a, std::sin(filter.index[m] * kPi / steps));
+            }
         }
         std::vector<double> restored(lines.begin(), lines.end());
         for (size_t n = 0; n < 1024; n++) {
-            for (size_t j = 1; n >= start + j && n < end && j < a.size(); j++)
+            for (size_t j = 1; n >= start + j && n < end && j < a.size(); j++) {
                 restored[n] -= a[j] * restored[n - j];
+            }
             EXPECT_NEAR(restored[n], original[n], 1000) << n; // 60 dB below the lines
         }
     }
@@ -147,12 +153,14 @@ TEST_F(Tools, TnsStaysSoundOnAnyLines)
         const auto small = [&](uint32_t k) { return any(k) >> 28; };
         const auto single = [&](uint32_t k) { return k == period ? INT32_MIN : 0; };
         const std::function<int32_t(uint32_t)> kinds[] = {alternating, any, small, single};
-        for (uint32_t k = 0; k < 1024; k++)
+        for (uint32_t k = 0; k < 1024; k++) {
             lines[k] = kinds[i % 4](k);
+        }
         int32_t reflection[13];
         (void)LevinsonDurbin_fixed(1024, lines.data(), reflection);
-        for (int m = 1; m <= 12; m++)
+        for (int m = 1; m <= 12; m++) {
             EXPECT_LE(std::abs(reflection[m]), 1 << 28);
+        }
         EXPECT_EQ(shape(offsets.data()), 0);
     }
 }
@@ -180,10 +188,12 @@ TEST_F(Tools, NoiseBandsReachFromTheBandwidthToTheLastLoudBand)
         std::fill(lines.begin(), lines.end(), 0);
         first_line(first - 1) = 1;
         set_energy(first, 1);
-        if (top < 48)
+        if (top < 48) {
             set_energy(top + 1, 20); // as good as silent
-        if (top > first)
+        }
+        if (top > first) {
             set_energy(top, 21);
+        }
         AACENC_CalcPNS(lines.data(), coder, sr_info_aac[0] + 1, tf);
         for (int band = 0; band < 49; band++) {
             EXPECT_EQ(coder->noiseFlag[band], band >= first && band < top) << band << ' ' << top;

@@ -4,11 +4,10 @@
 
 #include "tests/support/own_files.h"
 
-#include <gtest/gtest.h>
-
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <gtest/gtest.h>
 #include <set>
 #include <string>
 #include <sys/wait.h>

@@ -9,10 +9,10 @@
 #include <sstream>
 #include <vector>
 
-static constexpr double PICTURE_MS = 1000.0 / 30;
+static constexpr double kPictureMs = 1000.0 / 30;
 // Second by second, flashes and beeps have one of five levels, from 1 on.
-static constexpr double LOUDNESS_STEP = 0.15 * 32768;
-static constexpr double BRIGHTNESS_STEP = 40 * 255.0 / 219; // from limited to full range
+static constexpr double kLoudnessStep = 0.15 * 32768;
+static constexpr double kBrightnessStep = 40 * 255.0 / 219; // from limited to full range
 
 struct event {
     double time_s;
@@ -126,7 +126,7 @@ class shared_clock : public command {
             std::string time;
             std::getline(times, time);
             if (light > 50 && is_dark) {
-                found.push_back({std::stod(time), std::lround((light - 22) / BRIGHTNESS_STEP)});
+                found.push_back({std::stod(time), std::lround((light - 22) / kBrightnessStep)});
             }
             is_dark = light <= 50;
         }
@@ -144,7 +144,7 @@ class shared_clock : public command {
                 const auto begin = sound.begin() + static_cast<ptrdiff_t>(i);
                 const int peak = *std::max_element(begin + 960, begin + 3840);
                 found.push_back(
-                    {static_cast<double>(i) / 48000, std::lround(peak / LOUDNESS_STEP)});
+                    {static_cast<double>(i) / 48000, std::lround(peak / kLoudnessStep)});
                 i += 9600;
             }
         }
@@ -183,7 +183,7 @@ TEST_F(shared_clock, keeps_picture_and_sound_together_across_jumps_and_losses)
         const std::vector<double> found = offsets();
         EXPECT_GE(found.size(), 2 + 6 * (which.parts.size() - 1));
         for (size_t i = 0; i < found.size(); i++) {
-            EXPECT_NEAR(found[i], found[i > 0 ? i - 1 : 0], PICTURE_MS) << i;
+            EXPECT_NEAR(found[i], found[i > 0 ? i - 1 : 0], kPictureMs) << i;
             EXPECT_NEAR(found[i], found[0], 40) << i;
         }
     }

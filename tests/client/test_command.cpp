@@ -1,11 +1,10 @@
 // Runs the command, and ffmpeg to make and to judge files.
 #include "tests/client/command_test.h"
 
-#include <nlohmann/json.hpp>
-
 #include <algorithm>
 #include <fstream>
 #include <map>
+#include <nlohmann/json.hpp>
 #include <string>
 
 namespace fs = std::filesystem;

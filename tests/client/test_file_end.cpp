@@ -2,7 +2,6 @@
 #include "client/input/file_end.h"
 
 #include <gtest/gtest.h>
-
 #include <set>
 #include <sys/mman.h>
 #include <unistd.h>

@@ -4,10 +4,9 @@
 #include "client/report/info_text.h"
 #include "tests/client/command_test.h"
 
-#include <nlohmann/json.hpp>
-
 #include <algorithm>
 #include <fstream>
+#include <nlohmann/json.hpp>
 #include <random>
 
 using bytes = std::vector<uint8_t>;

@@ -2,12 +2,11 @@
 #include "platform/omx_il.h"
 #include "tests/support/own_files.h"
 
-#include <gtest/gtest.h>
-
 #include <array>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <gtest/gtest.h>
 #include <string>
 #include <unistd.h>
 

@@ -1,7 +1,7 @@
 // What comes in through the ports, and what the file then holds: its parameter sets, its pictures
 // with their times and sync flags, its sound.
-#include "mp4read/mp4_reader.h"
 #include "component/audio_encoder.h"
+#include "mp4read/mp4_reader.h"
 #include "platform/host/host_control.h"
 #include "tests/support/component_test.h"
 #include "tests/support/programme.h"
@@ -132,7 +132,7 @@ static bool is_sound(const std::string &text)
 static Bytes buffer_of(const std::string &text, const Bytes &own)
 {
     if (is_sound(text)) {
-        return Bytes(text == "A" ? PCM_BUFFER_BYTES : PCM_BUFFER_BYTES / 64, 5);
+        return Bytes(text == "A" ? kPcmBufferBytes : kPcmBufferBytes / 64, 5);
     }
     Bytes data;
     ptrdiff_t left_out = 0; // of the next start code
@@ -188,9 +188,9 @@ class Entrance : public ComponentTest {
     // Records what the row sends. returns the file, empty without one.
     static Bytes record(IlClient &client, const Row &row)
     {
-        std::filesystem::remove(RECORDING);
+        std::filesystem::remove(kRecording);
         EXPECT_EQ(client.start(), OMX_ErrorNone);
-        client.send(1, Bytes(PCM_BUFFER_BYTES, 7), 9000000); // before any video: dropped
+        client.send(1, Bytes(kPcmBufferBytes, 7), 9000000);  // before any video: dropped
         client.send(0, Bytes{0, 0, 0, 1, 9, 0xF0}, 1000000); // the time base
         std::istringstream sent(row.sent);
         int64_t ms = 0;
@@ -199,13 +199,13 @@ class Entrance : public ComponentTest {
         }
         EXPECT_EQ(client.stop(), OMX_ErrorNone);
         EXPECT_EQ(client.wait_for_end(), row.sets.empty() ? 0u : 1u) << row.name;
-        return std::filesystem::exists(RECORDING) ? read_file(RECORDING) : Bytes{};
+        return std::filesystem::exists(kRecording) ? read_file(kRecording) : Bytes{};
     }
     static std::unique_ptr<IlClient> make_ready()
     {
         std::unique_ptr<IlClient> client = make_client();
         client->to_executing();
-        EXPECT_EQ(client->set_path(RECORDING), OMX_ErrorNone);
+        EXPECT_EQ(client->set_path(kRecording), OMX_ErrorNone);
         return client;
     }
 };

@@ -6,14 +6,14 @@
 
 using Bytes = std::vector<uint8_t>;
 
-static constexpr uint32_t FIFO = 2;
+static constexpr uint32_t kFifo = 2;
 
 static Bytes oldest_frame()
 {
     uint32_t length = 99;
     int64_t time = 0;
     uint32_t extra = 0;
-    const uint8_t *const data = QVR_FIFO_GetOneFrame(FIFO, &length, &time, &extra);
+    const uint8_t *const data = QVR_FIFO_GetOneFrame(kFifo, &length, &time, &extra);
     EXPECT_EQ(data == nullptr, length == 0);
     return data == nullptr ? Bytes{} : Bytes(data, data + length);
 }
@@ -21,60 +21,60 @@ static Bytes oldest_frame()
 static bool put(const Bytes &frame, int64_t time = 0, uint32_t extra = 0)
 {
     const int32_t length = static_cast<int32_t>(frame.size());
-    return QVR_FIFO_GetOneFifo5(FIFO, length, time, extra) == 1 &&
-           QVR_FIFO_WriteFifo5(FIFO, frame.data(), length) == length && QVR_FIFO_Push(FIFO) == 1;
+    return QVR_FIFO_GetOneFifo5(kFifo, length, time, extra) == 1 &&
+           QVR_FIFO_WriteFifo5(kFifo, frame.data(), length) == length && QVR_FIFO_Push(kFifo) == 1;
 }
 
 TEST(FrameFifo, HoldsNothingAtFirst)
 {
     Bytes storage(100, 7);
-    QVR_FIFO_InitBuffer(FIFO, 100, storage.data());
+    QVR_FIFO_InitBuffer(kFifo, 100, storage.data());
     EXPECT_EQ(storage, Bytes(100, 0));
-    for (const uint32_t fifo : {FIFO, 3u, 4u, UINT32_MAX}) { // the last three have no storage
+    for (const uint32_t fifo : {kFifo, 3u, 4u, UINT32_MAX}) { // the last three have no storage
         uint32_t length = 99, extra = 99;
         int64_t time = 99;
         EXPECT_EQ(QVR_FIFO_GetLength(fifo), 0);
         EXPECT_EQ(QVR_FIFO_GetOneFrame(fifo, &length, &time, &extra), nullptr);
         EXPECT_EQ(length, 0u);
         EXPECT_EQ(QVR_FIFO_PopFrame(fifo), 0);
-        EXPECT_EQ(QVR_FIFO_GetOneFifo(fifo, 1, 0), fifo == FIFO ? 1 : 0);
+        EXPECT_EQ(QVR_FIFO_GetOneFifo(fifo, 1, 0), fifo == kFifo ? 1 : 0);
     }
 }
 
 TEST(FrameFifo, Holds1024FramesAndNoMore)
 {
     Bytes storage(100);
-    QVR_FIFO_InitBuffer(FIFO, 100, storage.data());
+    QVR_FIFO_InitBuffer(kFifo, 100, storage.data());
     for (int32_t i = 0; i < QVR_FIFO_FRAMES; i++) {
-        ASSERT_EQ(QVR_FIFO_GetLength(FIFO), i);
-        ASSERT_EQ(QVR_FIFO_Push(FIFO), 1);
+        ASSERT_EQ(QVR_FIFO_GetLength(kFifo), i);
+        ASSERT_EQ(QVR_FIFO_Push(kFifo), 1);
     }
-    EXPECT_EQ(QVR_FIFO_GetLength(FIFO), 1024);
-    EXPECT_EQ(QVR_FIFO_GetOneFifo(FIFO, 1, 0), 0);
-    EXPECT_EQ(QVR_FIFO_WriteFifo(FIFO, storage.data(), 1), 0);
-    EXPECT_EQ(QVR_FIFO_WriteFifo5(FIFO, storage.data(), 1), 0);
-    EXPECT_EQ(QVR_FIFO_Push(FIFO), 0);
-    EXPECT_EQ(QVR_FIFO_PopFrame(FIFO), 1);
-    EXPECT_EQ(QVR_FIFO_GetLength(FIFO), 1023);
+    EXPECT_EQ(QVR_FIFO_GetLength(kFifo), 1024);
+    EXPECT_EQ(QVR_FIFO_GetOneFifo(kFifo, 1, 0), 0);
+    EXPECT_EQ(QVR_FIFO_WriteFifo(kFifo, storage.data(), 1), 0);
+    EXPECT_EQ(QVR_FIFO_WriteFifo5(kFifo, storage.data(), 1), 0);
+    EXPECT_EQ(QVR_FIFO_Push(kFifo), 0);
+    EXPECT_EQ(QVR_FIFO_PopFrame(kFifo), 1);
+    EXPECT_EQ(QVR_FIFO_GetLength(kFifo), 1023);
     EXPECT_TRUE(put({1}));
-    EXPECT_EQ(QVR_FIFO_GetLength(FIFO), 1024);
+    EXPECT_EQ(QVR_FIFO_GetLength(kFifo), 1024);
 }
 
 TEST(FrameFifo, KeepsAFrameInOnePieceAndOneByteFree)
 {
     Bytes storage(100);
-    QVR_FIFO_InitBuffer(FIFO, 100, storage.data());
-    EXPECT_EQ(QVR_FIFO_GetOneFifo(FIFO, 100, 0), 0) << "never the whole storage";
-    EXPECT_EQ(QVR_FIFO_Push(FIFO), 0) << "nothing was reserved";
-    EXPECT_EQ(QVR_FIFO_GetLength(FIFO), 0);
+    QVR_FIFO_InitBuffer(kFifo, 100, storage.data());
+    EXPECT_EQ(QVR_FIFO_GetOneFifo(kFifo, 100, 0), 0) << "never the whole storage";
+    EXPECT_EQ(QVR_FIFO_Push(kFifo), 0) << "nothing was reserved";
+    EXPECT_EQ(QVR_FIFO_GetLength(kFifo), 0);
     EXPECT_TRUE(put(Bytes(60, 1)));
     EXPECT_TRUE(put(Bytes(30, 2)));
     EXPECT_FALSE(put(Bytes(10, 3))) << "neither behind nor in front";
-    EXPECT_EQ(QVR_FIFO_Push(FIFO), 0) << "full until a frame is popped";
-    EXPECT_EQ(QVR_FIFO_PopFrame(FIFO), 1);
+    EXPECT_EQ(QVR_FIFO_Push(kFifo), 0) << "full until a frame is popped";
+    EXPECT_EQ(QVR_FIFO_PopFrame(kFifo), 1);
     EXPECT_FALSE(put(Bytes(60, 3)));
     EXPECT_EQ(oldest_frame(), Bytes(30, 2));
-    EXPECT_EQ(QVR_FIFO_PopFrame(FIFO), 1);
+    EXPECT_EQ(QVR_FIFO_PopFrame(kFifo), 1);
     EXPECT_TRUE(put(Bytes(50, 3))) << "in front";
     EXPECT_EQ(storage[0], 3);
     EXPECT_EQ(oldest_frame(), Bytes(50, 3));
@@ -84,34 +84,34 @@ TEST(FrameFifo, CopiesNothingBeyondItsStorage)
 {
     Bytes memory(120, 0xEE); // the last 20 bytes are not the FIFO's
     const Bytes data(200, 5);
-    QVR_FIFO_InitBuffer(FIFO, 100, memory.data());
+    QVR_FIFO_InitBuffer(kFifo, 100, memory.data());
     for (const int32_t length : {101, 200, INT32_MAX, 0, -1, INT32_MIN}) {
-        EXPECT_EQ(QVR_FIFO_WriteFifo(FIFO, data.data(), length), 0) << length;
-        EXPECT_EQ(QVR_FIFO_WriteFifo5(FIFO, data.data(), length), 0) << length;
+        EXPECT_EQ(QVR_FIFO_WriteFifo(kFifo, data.data(), length), 0) << length;
+        EXPECT_EQ(QVR_FIFO_WriteFifo5(kFifo, data.data(), length), 0) << length;
     }
     for (const int32_t length : {100, INT32_MAX, -1, INT32_MIN}) {
-        EXPECT_EQ(QVR_FIFO_GetOneFifo(FIFO, length, 0), 0) << length;
+        EXPECT_EQ(QVR_FIFO_GetOneFifo(kFifo, length, 0), 0) << length;
     }
-    EXPECT_EQ(QVR_FIFO_GetOneFifo5(FIFO, 0, 0, 0), 0) << "no room for 32768 bytes";
-    EXPECT_EQ(QVR_FIFO_GetOneFifo(FIFO, 70, 0), 1);
-    EXPECT_EQ(QVR_FIFO_WriteFifo(FIFO, data.data(), 70), 70);
-    EXPECT_EQ(QVR_FIFO_WriteFifo(FIFO, data.data(), 31), 0);
-    EXPECT_EQ(QVR_FIFO_WriteFifo5(FIFO, data.data(), 40), 10) << "of the second piece";
-    EXPECT_EQ(QVR_FIFO_WriteFifo5(FIFO, data.data(), 90), 0) << "ends where the storage does";
+    EXPECT_EQ(QVR_FIFO_GetOneFifo5(kFifo, 0, 0, 0), 0) << "no room for 32768 bytes";
+    EXPECT_EQ(QVR_FIFO_GetOneFifo(kFifo, 70, 0), 1);
+    EXPECT_EQ(QVR_FIFO_WriteFifo(kFifo, data.data(), 70), 70);
+    EXPECT_EQ(QVR_FIFO_WriteFifo(kFifo, data.data(), 31), 0);
+    EXPECT_EQ(QVR_FIFO_WriteFifo5(kFifo, data.data(), 40), 10) << "of the second piece";
+    EXPECT_EQ(QVR_FIFO_WriteFifo5(kFifo, data.data(), 90), 0) << "ends where the storage does";
     EXPECT_EQ(Bytes(memory.begin() + 100, memory.end()), Bytes(20, 0xEE));
     Bytes large(140000);
-    QVR_FIFO_InitBuffer(FIFO, 140000, large.data());
+    QVR_FIFO_InitBuffer(kFifo, 140000, large.data());
     for (int i = 0; i < 4; i++) { // a frame of unknown length keeps its room, also when drained
         for (const uint8_t value : {uint8_t{1}, uint8_t{2}}) {
-            EXPECT_EQ(QVR_FIFO_GetOneFifo5(FIFO, 0, 0, 0), 1) << i;
-            EXPECT_EQ(QVR_FIFO_WriteFifo5(FIFO, Bytes(9, value).data(), 9), 9);
-            EXPECT_EQ(QVR_FIFO_Push(FIFO), 1);
+            EXPECT_EQ(QVR_FIFO_GetOneFifo5(kFifo, 0, 0, 0), 1) << i;
+            EXPECT_EQ(QVR_FIFO_WriteFifo5(kFifo, Bytes(9, value).data(), 9), 9);
+            EXPECT_EQ(QVR_FIFO_Push(kFifo), 1);
         }
         for (const uint8_t value : {uint8_t{1}, uint8_t{2}}) {
             const Bytes frame = oldest_frame();
             EXPECT_EQ(frame.size(), 32768u);
             EXPECT_EQ(Bytes(frame.begin(), frame.begin() + 9), Bytes(9, value));
-            EXPECT_EQ(QVR_FIFO_PopFrame(FIFO), 1);
+            EXPECT_EQ(QVR_FIFO_PopFrame(kFifo), 1);
         }
     }
 }
@@ -139,27 +139,27 @@ static void wait_until(Condition is_met)
 
 TEST(FrameFifo, LosesDoublesAndTearsNothingBetweenTwoThreads)
 {
-    static constexpr uint32_t FRAMES = 100000;
+    static constexpr uint32_t kFrames = 100000;
     for (const uint32_t size : {1500u, 200000u}) { // full of data; full of frames
         Bytes storage(size);
-        QVR_FIFO_InitBuffer(FIFO, size, storage.data());
+        QVR_FIFO_InitBuffer(kFifo, size, storage.data());
         std::thread producer([] {
-            for (uint32_t i = 0; i < FRAMES; i++) {
+            for (uint32_t i = 0; i < kFrames; i++) {
                 wait_until([i] { return put(make_frame(i), INT64_MIN + i, ~i); });
             }
         });
         uint32_t faults = 0;
-        for (uint32_t i = 0; i < FRAMES; i++) {
-            wait_until([] { return QVR_FIFO_GetLength(FIFO) > 0; });
+        for (uint32_t i = 0; i < kFrames; i++) {
+            wait_until([] { return QVR_FIFO_GetLength(kFifo) > 0; });
             uint32_t length = 0, extra = 0;
             int64_t time = 0;
-            const uint8_t *const data = QVR_FIFO_GetOneFrame(FIFO, &length, &time, &extra);
+            const uint8_t *const data = QVR_FIFO_GetOneFrame(kFifo, &length, &time, &extra);
             const bool is_sound =
                 Bytes(data, data + length) == make_frame(i) && time == INT64_MIN + i && extra == ~i;
-            faults += QVR_FIFO_PopFrame(FIFO) == 1 && is_sound ? 0u : 1u;
+            faults += QVR_FIFO_PopFrame(kFifo) == 1 && is_sound ? 0u : 1u;
         }
         producer.join();
         EXPECT_EQ(faults, 0u) << "in a FIFO of " << size << " bytes";
-        EXPECT_EQ(QVR_FIFO_GetLength(FIFO), 0);
+        EXPECT_EQ(QVR_FIFO_GetLength(kFifo), 0);
     }
 }

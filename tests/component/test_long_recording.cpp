@@ -89,7 +89,7 @@ TEST_F(LongRecording, KeepsEveryEntryOfTablesThatOutgrowTheirCaches)
     client->stop();
     EXPECT_EQ(client->wait_for_end(), 1u);
     client->to_loaded();
-    const Bytes image = read_file(RECORDING);
+    const Bytes image = read_file(kRecording);
     const mp4_reader::movie movie = mp4_reader::read_movie(image);
     ASSERT_EQ(movie.error, "");
     const std::vector<mp4_reader::sample> &video = mp4_reader::find_track(movie, "vide")->samples;

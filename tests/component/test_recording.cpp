@@ -32,16 +32,16 @@ TEST_F(Recording, StopsWithTheReasonOfItsPathOrStorage)
     EXPECT_TRUE(has_logged("In QVR_FILE_fopen : /mnt/sdcard/none/x.mp4 open error\n"));
     EXPECT_TRUE(has_logged("In QVR_FILE_fopen : File Handle[0x00000000]\n"));
     host_fail_call(HOST_CALL_DFGET, 0, 1);
-    EXPECT_EQ(end_of(RECORDING), 0u);
+    EXPECT_EQ(end_of(kRecording), 0u);
     host_set_storage(0, 8000000, 51200);
-    EXPECT_EQ(end_of(RECORDING), 0u) << "full, but no file was ever opened";
+    EXPECT_EQ(end_of(kRecording), 0u) << "full, but no file was ever opened";
     EXPECT_TRUE(has_logged("             8000000               51200\n"));
     host_fail_call(HOST_CALL_DFOPEN, 0, 1);
-    EXPECT_EQ(end_of(RECORDING), 0u) << "it never began";
+    EXPECT_EQ(end_of(kRecording), 0u) << "it never began";
     host_set_storage(0, 8000000, 51201);
     EXPECT_EQ(client->start(), OMX_ErrorNone);
     send_programme(*client, 3);
-    EXPECT_EQ(client->count(EVENT_END_OF_RECORDING), 7u) << "room enough";
+    EXPECT_EQ(client->count(kEventEndOfRecording), 7u) << "room enough";
     host_set_storage(0, 8000000, 51200);
     send_programme(*client, 1, 3);
     EXPECT_EQ(client->wait_for_end(), 2u);
@@ -73,7 +73,7 @@ TEST_F(Recording, CanBeStartedAndStoppedAtWillFromTheEventOfItsEnd)
     std::atomic<int> rounds = 0;
     std::promise<void> handled;
     client->on_event = [&](const IlEvent &event) {
-        if (event.event == EVENT_END_OF_RECORDING && rounds++ == 0) {
+        if (event.event == kEventEndOfRecording && rounds++ == 0) {
             EXPECT_EQ(client->start(), OMX_ErrorNone);
             (void)client->post(0, sample_programme().access_units[0], video_time_us(0));
             EXPECT_EQ(client->stop(), OMX_ErrorNone);
@@ -85,20 +85,20 @@ TEST_F(Recording, CanBeStartedAndStoppedAtWillFromTheEventOfItsEnd)
     EXPECT_EQ(client->start(), OMX_ErrorNone) << "from two threads at once";
     handled.get_future().wait();
     client->destroy();
-    EXPECT_EQ(client->count(EVENT_END_OF_RECORDING), 3u);
+    EXPECT_EQ(client->count(kEventEndOfRecording), 3u);
 }
 
 TEST_F(Recording, IsOverWhenTheComponentGoesAlsoForAClientThatStartsAtEveryEnd)
 {
     const auto client = make_recorder();
     client->on_event = [&](const IlEvent &event) {
-        if (event.event == EVENT_END_OF_RECORDING) {
+        if (event.event == kEventEndOfRecording) {
             (void)client->start();
         }
     };
     client->stop();
     client->destroy();
-    EXPECT_LE(client->count(EVENT_END_OF_RECORDING), 2u);
+    EXPECT_LE(client->count(kEventEndOfRecording), 2u);
 }
 
 TEST_F(Recording, OutlivesAClientThatStartsTwiceAtEveryEndWithoutStorage)
@@ -115,7 +115,7 @@ TEST_F(Recording, OutlivesAClientThatStartsTwiceAtEveryEndWithoutStorage)
     };
     host_fail_call(HOST_CALL_DFOPEN, 0, UINT32_MAX);
     EXPECT_EQ(client->start(), OMX_ErrorNone);
-    EXPECT_EQ(client->count(EVENT_END_OF_RECORDING), starts);
+    EXPECT_EQ(client->count(kEventEndOfRecording), starts);
 }
 
 // Notes the ends of more than one client, and whether two were ever told at once.
@@ -124,7 +124,7 @@ class EndsInOrder {
     void watch(IlClient &client, char name, std::function<void()> at_first_end)
     {
         client.on_event = [this, name, at_first_end](const IlEvent &event) {
-            if (event.event != EVENT_END_OF_RECORDING) {
+            if (event.event != kEventEndOfRecording) {
                 return;
             }
             EXPECT_FALSE(is_in_event_.exchange(true)) << "two at once";
@@ -191,7 +191,7 @@ TEST_F(Recording, EndsForAnotherComponentThatGoesWithinTheEvent)
         other->to_executing();
         std::string ended;
         client->on_event = [&](const IlEvent &event) {
-            if (event.event == EVENT_END_OF_RECORDING && ended.empty()) {
+            if (event.event == kEventEndOfRecording && ended.empty()) {
                 if (way == '0') {
                     host_fail_call(HOST_CALL_DFOPEN, 0, 2); // both starts end at once
                 }
@@ -203,10 +203,10 @@ TEST_F(Recording, EndsForAnotherComponentThatGoesWithinTheEvent)
                 refuse_threads(way == 'p' ? 1 : 0); // in place
                 other->destroy();
             }
-            ended += event.event == EVENT_END_OF_RECORDING ? "client " : "";
+            ended += event.event == kEventEndOfRecording ? "client " : "";
         };
         other->on_event = [&](const IlEvent &event) {
-            if (event.event == EVENT_END_OF_RECORDING) {
+            if (event.event == kEventEndOfRecording) {
                 if (way != 'w') {
                     host_fail_call(HOST_CALL_DFOPEN, 0, 1);
                     EXPECT_EQ(client->start(), OMX_ErrorNone);
@@ -250,7 +250,7 @@ TEST_F(Recording, KeepsItsClientFromTheStartToTheReturnOfItsEvent)
     while (change(0) != OMX_ErrorNone) {
         std::this_thread::yield();
     }
-    EXPECT_EQ(client->count(EVENT_END_OF_RECORDING), 1u);
+    EXPECT_EQ(client->count(kEventEndOfRecording), 1u);
     host_fail_call(HOST_CALL_DFOPEN, 0, UINT32_MAX);
     std::thread starter([&] {
         for (int i = 0; i < 1000; i++) {
@@ -276,7 +276,7 @@ TEST_F(Recording, IsNeitherDisturbedNorJoinedByAnotherStart)
     send_programme(*client, 5, 5);
     client->stop();
     EXPECT_EQ(client->wait_for_end(), 1u);
-    EXPECT_TRUE(std::filesystem::exists(RECORDING));
+    EXPECT_TRUE(std::filesystem::exists(kRecording));
     EXPECT_FALSE(std::filesystem::exists("/mnt/sdcard/other.mp4"));
     EXPECT_EQ(other->start(), OMX_ErrorNone);
     client->to_loaded();
@@ -286,7 +286,7 @@ TEST_F(Recording, DoesNotStartWithoutMemoryAndSurvivesWithoutItsBlocks)
 {
     const auto client = make_client();
     client->to_executing();
-    client->set_path(RECORDING);
+    client->set_path(kRecording);
     for (uint32_t n = 0; n < 5; n++) {
         host_fail_call(HOST_CALL_MALLOC, n, 1);
         if (n < 3) {
@@ -298,7 +298,7 @@ TEST_F(Recording, DoesNotStartWithoutMemoryAndSurvivesWithoutItsBlocks)
         send_programme(*client, 35);
         client->stop();
         EXPECT_EQ(client->wait_for_end(), 1u);
-        EXPECT_GT(std::filesystem::file_size(RECORDING), 40000u);
+        EXPECT_GT(std::filesystem::file_size(kRecording), 40000u);
     }
     client->to_loaded();
 }
@@ -307,7 +307,7 @@ TEST_F(Recording, KeepsTheAudioBufferWhileTheEncoderCannotBeOpened)
 {
     const auto client = make_client();
     record_of(*client)->uiSampleRate = 50000;
-    client->start_recording(RECORDING);
+    client->start_recording(kRecording);
     client->send(0, sample_programme().access_units[0], 1000000);
     OMX_BUFFERHEADERTYPE *const audio = client->post(1, pcm_buffer(sample_programme(), 0), 1000000);
     const auto begun = std::chrono::steady_clock::now();
@@ -356,8 +356,8 @@ TEST_F(Recording, TrustsNoLengthOfTheClient)
 
 TEST_F(Recording, SurvivesStopsStartsAndStateChangesWhileItsParametersAndStorageChange)
 {
-    const std::string paths[] = {RECORDING + std::string(60, 'a'),
-                                 RECORDING + std::string(60, 'b')};
+    const std::string paths[] = {kRecording + std::string(60, 'a'),
+                                 kRecording + std::string(60, 'b')};
     const auto client = make_recorder(paths[0]);
     std::atomic<bool> is_over = false;
     std::thread meddler([&] {
@@ -397,7 +397,7 @@ TEST_F(Recording, SurvivesStopsStartsAndStateChangesWhileItsParametersAndStorage
     meddler.join();
     setter.join();
     client->destroy();
-    EXPECT_EQ(client->count(EVENT_END_OF_RECORDING), 61u) << "each recording ended once";
+    EXPECT_EQ(client->count(kEventEndOfRecording), 61u) << "each recording ended once";
     for (const auto &entry : std::filesystem::directory_iterator("/mnt/sdcard")) {
         EXPECT_TRUE(!entry.is_regular_file() || entry.path() == paths[0] ||
                     entry.path() == paths[1])

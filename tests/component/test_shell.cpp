@@ -102,7 +102,7 @@ TEST_F(Shell, TakesItsParametersAndPassesOnTheRest)
     EXPECT_EQ(memcmp(record_of(*client)->szNamePart2, name, 128), 0);
     EXPECT_EQ(memcmp(szOutFileName, name, 128), 0);
     EXPECT_EQ(client->stop(), OMX_ErrorNone) << "nothing to stop";
-    EXPECT_EQ(client->count(EVENT_END_OF_RECORDING), 0u);
+    EXPECT_EQ(client->count(kEventEndOfRecording), 0u);
     OMX_INDEXTYPE index = OMX_IndexMax;
     EXPECT_EQ(handle->GetExtensionIndex(handle, name, &index), OMX_ErrorNone);
     EXPECT_EQ(index, OMX_IndexMax);
@@ -133,7 +133,7 @@ TEST_F(Shell, TheEncoderAdapterKeepsNothingAfterAFailure)
     zpl_aenc_init_t init = {};
     zpl_aenc_t zpl = {};
     zpl.pstMemory = &memory;
-    zpl.iState = ZPL_STATE_RUN;
+    zpl.iState = kZplStateRun;
     zpl.m_iAudioSamplePerSec = 48000;
     zpl.m_iAudioChannels = 2;
     zpl.m_iAudioBitRates = 128000;

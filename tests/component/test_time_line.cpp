@@ -209,9 +209,9 @@ static int32_t tiny_encoder(int32_t op, void **, void *arg3, void *arg4)
 static void copy_own_fields(omx_tdmbrec_component_PrivateType *to,
                             const omx_tdmbrec_component_PrivateType *from)
 {
-    constexpr size_t OWN = offsetof(omx_tdmbrec_component_PrivateType, bRecording);
-    memcpy(reinterpret_cast<char *>(to) + OWN, reinterpret_cast<const char *>(from) + OWN,
-           sizeof(*to) - OWN);
+    constexpr size_t kOwn = offsetof(omx_tdmbrec_component_PrivateType, bRecording);
+    memcpy(reinterpret_cast<char *>(to) + kOwn, reinterpret_cast<const char *>(from) + kOwn,
+           sizeof(*to) - kOwn);
 }
 
 // The component's own buffer callback, with an encoder and a muxer that take no time.
@@ -274,7 +274,7 @@ TEST_F(TimeLine, IsThatOfTheModelInTheFile)
 {
     const auto client = make_client();
     client->to_executing();
-    client->set_path(RECORDING);
+    client->set_path(kRecording);
     host_set_log_level(8);
     NotedTimes times;
     note_times(&times, false);
@@ -302,7 +302,7 @@ TEST_F(TimeLine, IsThatOfTheModelInTheFile)
         if (video.empty()) {
             continue;
         }
-        const mp4_reader::movie movie = mp4_reader::read_movie(read_file(RECORDING));
+        const mp4_reader::movie movie = mp4_reader::read_movie(read_file(kRecording));
         ASSERT_EQ(movie.error, "") << "stream " << i;
         std::vector<uint64_t> ticks;
         for (const mp4_reader::sample &sample : mp4_reader::find_track(movie, "vide")->samples) {

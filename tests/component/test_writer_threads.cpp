@@ -1,6 +1,6 @@
 // Recordings that come through the frame FIFOs and the writer threads.
-#include "mp4read/mp4_reader.h"
 #include "component/frame_fifo.h"
+#include "mp4read/mp4_reader.h"
 #include "tests/support/component_test.h"
 #include "tests/support/programme.h"
 #include "tests/support/wrapped_calls.h"
@@ -50,7 +50,7 @@ class WriterThreads : public ComponentTest {
     {
         const int32_t length = static_cast<int32_t>(frame.data.size());
         while (QVR_FIFO_GetOneFifo5(fifo, length, frame.time_ms, frame.is_key ? 1 : 0) == 0) {
-            if (client.count(EVENT_END_OF_RECORDING) > 0) {
+            if (client.count(kEventEndOfRecording) > 0) {
                 return;
             }
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -130,7 +130,7 @@ TEST_F(WriterThreads, WriteAWholeProgrammeBitForBit)
     EXPECT_EQ(client->wait_for_end(), 1u);
     EXPECT_EQ(record_of(*client)->hVideoWriterThread, pthread_t{}) << "it has been joined";
     client->to_loaded();
-    const Bytes image = read_file(RECORDING);
+    const Bytes image = read_file(kRecording);
     const mp4_reader::movie movie = mp4_reader::read_movie(image);
     EXPECT_EQ(movie.error, "");
     ASSERT_EQ(movie.tracks.size(), 2u);
@@ -151,7 +151,7 @@ TEST_F(WriterThreads, EndTheRecordingOnceAfterAFailedWriteAndPastTheLargestFile)
         feed(*client, QVR_FIFO_AUDIO, frame);
         feed(*client, QVR_FIFO_VIDEO, frame);
         wait_until_written();
-        EXPECT_EQ(client->count(EVENT_END_OF_RECORDING), 0u);
+        EXPECT_EQ(client->count(kEventEndOfRecording), 0u);
         set_put_result(fails ? -7 : 0, 1800000001);
         if (round >= 2) { // both writers, and no thread to stop on: one of them has to
             refuse_threads(1);
@@ -164,8 +164,8 @@ TEST_F(WriterThreads, EndTheRecordingOnceAfterAFailedWriteAndPastTheLargestFile)
         client->to_loaded();
         EXPECT_EQ(record_of(*client)->stMuxError.m_pszMessage, nullptr)
             << "the muxer's, which went";
-        EXPECT_EQ(client->count(EVENT_END_OF_RECORDING), 1u);
-        EXPECT_EQ(mp4_reader::read_movie(read_file(RECORDING)).error, "");
+        EXPECT_EQ(client->count(kEventEndOfRecording), 1u);
+        EXPECT_EQ(mp4_reader::read_movie(read_file(kRecording)).error, "");
         reset_wrapped_calls();
     }
 }
@@ -180,7 +180,7 @@ TEST_F(WriterThreads, MayOutliveTheRecordingOfAProgramThatJoinsThemItself)
         start_writer(*client, QVR_FIFO_AUDIO, &threads[0]);
         start_writer(*client, QVR_FIFO_VIDEO, &threads[1]);
         const bool fails = round % 2 == 0;
-        for (int i = 0; client->count(EVENT_END_OF_RECORDING) == 0; i++) {
+        for (int i = 0; client->count(kEventEndOfRecording) == 0; i++) {
             feed(*client, QVR_FIFO_AUDIO, {Bytes(100, 1), i, true});
             feed(*client, QVR_FIFO_VIDEO, {Bytes(100, 1), i, true});
             if (i != 300) {
@@ -200,8 +200,8 @@ TEST_F(WriterThreads, MayOutliveTheRecordingOfAProgramThatJoinsThemItself)
             EXPECT_EQ(pthread_join(thread, nullptr), 0);
         }
         client->destroy();
-        EXPECT_EQ(client->count(EVENT_END_OF_RECORDING), 1u);
-        EXPECT_EQ(mp4_reader::read_movie(read_file(RECORDING)).error, "");
+        EXPECT_EQ(client->count(kEventEndOfRecording), 1u);
+        EXPECT_EQ(mp4_reader::read_movie(read_file(kRecording)).error, "");
         reset_wrapped_calls();
     }
 }

@@ -38,7 +38,7 @@ TEST_F(ManyRecordings, LeaveNoThreadFileOrMemoryBehind)
     host_set_log_level(8); // the test would keep every line
     const auto client = make_client();
     client->to_executing();
-    client->set_path(BUILT_IN_FILE);
+    client->set_path(kBuiltInFile);
     std::ptrdiff_t threads = 0, files = 0;
     size_t resident = 0;
     for (int i = 0; i < 1000; i++) {

@@ -23,7 +23,7 @@ class Players : public RecorderTest {
 
 TEST_F(Players, PlayItToTheEndWithoutAWord)
 {
-    const std::string file = BUILT_IN_FILE;
+    const std::string file = kBuiltInFile;
     const std::pair<std::string, std::string> players[] = {
         {"gst-launch-1.0",
          " -q filesrc location=" + file +

@@ -18,7 +18,7 @@ class StopReason : public RecorderTest {
         picture.resize(bytes, 0xFF);
         picture.back() = 0x80;
         send_time_base(client);
-        for (size_t i = 0; i < most && client.count(EVENT_END_OF_RECORDING) == 0; i++) {
+        for (size_t i = 0; i < most && client.count(kEventEndOfRecording) == 0; i++) {
             client.send(0, picture, video_time_us(i));
         }
     }
@@ -42,34 +42,34 @@ class StopReason : public RecorderTest {
 TEST_F(StopReason, Is0WhenTheCardGoes)
 {
     use_card();
-    const auto client = start_recording(CARD_FILE);
+    const auto client = start_recording(kCardFile);
     send_programme(*client, 60);
     host_set_property("qvr.sdcard.db.status", "removed");
     send_programme(*client, 1, 60);
     EXPECT_EQ(client->wait_for_end(), 0u);
     client->to_loaded();
-    EXPECT_EQ(video_samples(expect_plays(CARD_FILE)), 60u);
+    EXPECT_EQ(video_samples(expect_plays(kCardFile)), 60u);
 }
 
 TEST_F(StopReason, Is2WhenTheCardIsFull)
 {
     host_set_property("qvr.sdcard.db.status", "available"); // the card's own 64 MiB
-    const auto client = start_recording(CARD_FILE);
+    const auto client = start_recording(kCardFile);
     send_large_pictures(*client, 1000000, 100);
     EXPECT_EQ(client->wait_for_end(), 2u);
     client->to_loaded();
     // 14 MiB were free above the limit of 50; what the cache holds back is seen late.
-    EXPECT_GE(video_samples(expect_plays(CARD_FILE)), 13u);
-    std::filesystem::remove(CARD_FILE);
+    EXPECT_GE(video_samples(expect_plays(kCardFile)), 13u);
+    std::filesystem::remove(kCardFile);
 }
 
 TEST_F(StopReason, Is4WhenTheFileCannotBeOpenedAnd7WhenTheComponentIsDestroyed)
 {
-    std::filesystem::create_directory(BUILT_IN_FILE); // a folder has the file's name
+    std::filesystem::create_directory(kBuiltInFile); // a folder has the file's name
     const auto client = start_recording();
     send_programme(*client, 2);
     EXPECT_EQ(client->wait_for_end(), 4u);
-    std::filesystem::remove(BUILT_IN_FILE);
+    std::filesystem::remove(kBuiltInFile);
     EXPECT_EQ(client->start(), OMX_ErrorNone); // the component is as good as new
     send_programme(*client, 50);
     client->to_loaded(); // with the recording still active
@@ -89,17 +89,17 @@ TEST_F(StopReason, Is5WhenAWriteFails)
             std::filesystem::remove(filler);
         }
     };
-    const auto client = start_recording(CARD_FILE);
+    const auto client = start_recording(kCardFile);
     send_large_pictures(*client, 1000000, 20);
     EXPECT_EQ(client->wait_for_end(), 5u);
     client->to_loaded();
     EXPECT_FALSE(std::filesystem::exists(filler));
     EXPECT_TRUE(has_logged("[omx_tdmbrec_component_BufferMgmtCallback:829] -270511 [-270511] "
                            "Error:can't write file(bs_write_bytes)<mp4_mux_putframe 0x"));
-    const size_t samples = video_samples(expect_plays(CARD_FILE));
+    const size_t samples = video_samples(expect_plays(kCardFile));
     EXPECT_GE(samples, 4u);
     EXPECT_LE(samples, 6u);
-    std::filesystem::remove(CARD_FILE);
+    std::filesystem::remove(kCardFile);
 }
 
 TEST_F(StopReason, Is6WhenTheFileWouldPassItsLimit)
@@ -111,12 +111,12 @@ TEST_F(StopReason, Is6WhenTheFileWouldPassItsLimit)
     send_large_pictures(*client, 1048000, 1800);
     EXPECT_EQ(client->wait_for_end(), 6u);
     client->to_loaded();
-    const uintmax_t size = std::filesystem::file_size(BUILT_IN_FILE);
+    const uintmax_t size = std::filesystem::file_size(kBuiltInFile);
     EXPECT_GT(size, 1799000000u);
     EXPECT_LT(size, 1802000000u);
-    const Bytes image = read_file(BUILT_IN_FILE);
+    const Bytes image = read_file(kBuiltInFile);
     const mp4_reader::movie movie = mp4_reader::read_movie(image);
     EXPECT_EQ(movie.error, "");
     EXPECT_EQ(video_samples(movie), 1718u);
-    std::filesystem::remove(BUILT_IN_FILE);
+    std::filesystem::remove(kBuiltInFile);
 }

@@ -71,7 +71,7 @@ class Streams : public RecorderTest {
 
     static uint64_t sound_hash(const mp4_reader::track &track, size_t frames)
     {
-        const Bytes image = read_file(BUILT_IN_FILE);
+        const Bytes image = read_file(kBuiltInFile);
         uint64_t hash = kHashStart;
         for (size_t i = 0; i < std::min(frames, track.samples.size()); i++) {
             const mp4_reader::sample &sample = track.samples[i];
@@ -84,7 +84,7 @@ class Streams : public RecorderTest {
     static void expect_sound_of_sample()
     {
         const Bytes decoded =
-            run(std::string("ffmpeg -nostdin -v error -i ") + BUILT_IN_FILE + " -f s16le -").second;
+            run(std::string("ffmpeg -nostdin -v error -i ") + kBuiltInFile + " -f s16le -").second;
         const std::vector<int16_t> &pcm = sample_programme().pcm;
         ASSERT_GT(decoded.size(), pcm.size());
         std::vector<int16_t> sound(decoded.size() / 2);
@@ -111,7 +111,7 @@ class Streams : public RecorderTest {
     // those with an IDR slice.
     static mp4_reader::movie expect_pictures(const std::vector<Picture> &pictures)
     {
-        const Bytes image = read_file(BUILT_IN_FILE);
+        const Bytes image = read_file(kBuiltInFile);
         const mp4_reader::movie movie = expect_plays();
         const mp4_reader::track *const track = mp4_reader::find_track(movie, "vide");
         EXPECT_EQ(track->samples.size(), pictures.size());
@@ -138,11 +138,11 @@ TEST_F(Streams, TheSampleIsRecordedBitForBitAndPlays)
     send_programme(*client, 300);
     EXPECT_EQ(finish(*client), 1u);
     const mp4_reader::movie movie = expect_pictures(sample(300));
-    EXPECT_EQ(stream_hash(kHashStart, read_file(BUILT_IN_FILE)), kProgrammeFileHash);
+    EXPECT_EQ(stream_hash(kHashStart, read_file(kBuiltInFile)), kProgrammeFileHash);
     EXPECT_EQ(movie.creation_time, 3337607118u) << "5 October 2009, 17:05:18";
     const mp4_reader::track &video = *mp4_reader::find_track(movie, "vide");
     for (size_t i = 0; i < video.samples.size(); i++) { // the time base is 33333 us earlier
-        const int64_t ms = (video_time_us(i) - video_time_us(0) + FRAME_US) / 1000 - 33;
+        const int64_t ms = (video_time_us(i) - video_time_us(0) + kFrameUs) / 1000 - 33;
         EXPECT_EQ(video.samples[i].time, 90u * static_cast<uint64_t>(ms)) << i;
     }
     const Picture first = sample(1)[0];
@@ -197,9 +197,9 @@ TEST_F(Streams, GiveTheSameSoundWhateverThePcmBuffers)
 {
     const Programme &programme = sample_programme();
     const uint8_t *const pcm = reinterpret_cast<const uint8_t *>(programme.pcm.data());
-    const size_t total = 200 * PCM_BUFFER_BYTES;
+    const size_t total = 200 * kPcmBufferBytes;
     uint64_t first_hash = 0;
-    for (const size_t bytes : {PCM_BUFFER_BYTES, size_t{64}, size_t{3000}, size_t{40960}, total}) {
+    for (const size_t bytes : {kPcmBufferBytes, size_t{64}, size_t{3000}, size_t{40960}, total}) {
         const auto client = start_recording();
         send_time_base(*client);
         client->send(0, programme.access_units[0], video_time_us(0));

@@ -80,7 +80,7 @@ TEST_F(File, DescribesAc3ByItsFirstFrame)
     mp4_mux_open_bitstream_from_external_memory(mux.m_pBs, cache, sizeof(cache), nullptr);
     mp4_mux_track_t track = {.m_iType = MUX_TYPE_AUDIO, .m_pbyCodecPrivate = frame.data()};
     track.m_uiFourCC = code("ac-3");
-    track.m_iCodec = AUDIO_TAG_AC3;
+    track.m_iCodec = kAudioTagAc3;
     EXPECT_LT(write_audio_box(&mux, &track), 0) << "without the frame";
     EXPECT_EQ(mp4_mux_bs_write_fseek_reset(mux.m_pBs, 0), 0);
     track.m_iCodecPrivateSize = 7;

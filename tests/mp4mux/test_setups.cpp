@@ -340,8 +340,9 @@ TEST_F(Setups, MakeTheirFilesExactToTheByteWhateverTheMemory)
             expected = expected_file(s);
         }
         check(s, expected);
-        if (HasFatalFailure())
+        if (HasFatalFailure()) {
             return;
+        }
     }
 }
 

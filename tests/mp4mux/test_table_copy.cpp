@@ -60,7 +60,7 @@ class TableCopy : public MuxTest {
         mux.m_iCacheSize = c.output_bytes;
         mux.m_pCloseMem = lent.data();
         mux.m_iCloseMemSize = c.lent_bytes;
-        mux.m_iCloseMemMode = c.lent_bytes == 0 ? CLOSE_MEM_NONE : CLOSE_MEM_CACHE;
+        mux.m_iCloseMemMode = c.lent_bytes == 0 ? kCloseMemNone : kCloseMemCache;
         mp4_mux_open_bitstream_from_external_memory(&mux.m_Bs, block.data(), c.output_bytes,
                                                     open_file("out.mp4"));
         put(static_cast<size_t>(c.pending));

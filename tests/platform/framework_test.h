@@ -13,8 +13,8 @@
 #include <thread>
 #include <utility>
 
-constexpr OMX_U32 PORT_COUNT = TDMBREC_PORT_COUNT;
-constexpr OMX_U32 BUFFER_BYTES = 64;
+constexpr OMX_U32 kPortCount = TDMBREC_PORT_COUNT;
+constexpr OMX_U32 kBufferBytes = 64;
 
 using event_t = std::array<OMX_U32, 3>; // OMX_EVENTTYPE and its two data
 using buffer_list_t = std::vector<OMX_BUFFERHEADERTYPE *>;
@@ -23,8 +23,9 @@ class framework_test : public PlatformTest {
   protected:
     framework_test()
     {
-        for (OMX_U32 port = 0; port < PORT_COUNT; port++)
-            sink->ppPorts[port]->stPortDefinition.nBufferSize = BUFFER_BYTES;
+        for (OMX_U32 port = 0; port < kPortCount; port++) {
+            sink->ppPorts[port]->stPortDefinition.nBufferSize = kBufferBytes;
+        }
         client.on_buffer_back = [this](OMX_BUFFERHEADERTYPE *header) {
             const std::lock_guard guard(lock);
             returned.push_back(header);
@@ -46,8 +47,9 @@ class framework_test : public PlatformTest {
     template <typename Condition>
     static void wait_until(Condition condition)
     {
-        for (int count = 0; !condition() && count < 1500000; count++)
+        for (int count = 0; !condition() && count < 1500000; count++) {
             std::this_thread::sleep_for(std::chrono::microseconds(200));
+        }
         ASSERT_TRUE(condition());
     }
 
@@ -83,51 +85,59 @@ class framework_test : public PlatformTest {
     {
         OMX_BUFFERHEADERTYPE *header = nullptr;
         const OMX_ERRORTYPE error =
-            OMX_AllocateBuffer(component, &header, port, nullptr, BUFFER_BYTES);
-        if (error == OMX_ErrorNone)
+            OMX_AllocateBuffer(component, &header, port, nullptr, kBufferBytes);
+        if (error == OMX_ErrorNone) {
             buffers[port].push_back(header);
+        }
         return error;
     }
 
     void populate(OMX_U32 port)
     {
-        while (!sink->ppPorts[port]->stPortDefinition.bPopulated)
+        while (!sink->ppPorts[port]->stPortDefinition.bPopulated) {
             ASSERT_EQ(allocate(port), OMX_ErrorNone);
+        }
     }
 
     void free_buffers(OMX_U32 port)
     {
-        for (OMX_BUFFERHEADERTYPE *header : std::exchange(buffers[port], {}))
+        for (OMX_BUFFERHEADERTYPE *header : std::exchange(buffers[port], {})) {
             ASSERT_EQ(OMX_FreeBuffer(component, port, header), OMX_ErrorNone);
+        }
     }
 
     // A change of state with the buffers that it waits for.
     void change_state(OMX_STATETYPE target)
     {
         ASSERT_EQ(send(OMX_CommandStateSet, target), OMX_ErrorNone);
-        for (OMX_U32 port = 0; port < PORT_COUNT; port++)
-            if (target == OMX_StateIdle)
+        for (OMX_U32 port = 0; port < kPortCount; port++) {
+            if (target == OMX_StateIdle) {
                 populate(port);
-            else if (target == OMX_StateLoaded)
+            } else if (target == OMX_StateLoaded) {
                 free_buffers(port);
-        if (target == OMX_StateInvalid)
+            }
+        }
+        if (target == OMX_StateInvalid) {
             expect_error(OMX_ErrorInvalidState);
-        else
+        } else {
             expect_complete(OMX_CommandStateSet, target);
+        }
     }
 
     // From Loaded to any state, by the shortest way.
     void bring_to(OMX_STATETYPE target)
     {
-        if (target == OMX_StateExecuting || target == OMX_StatePause)
+        if (target == OMX_StateExecuting || target == OMX_StatePause) {
             change_state(OMX_StateIdle);
-        if (target != OMX_StateLoaded)
+        }
+        if (target != OMX_StateLoaded) {
             change_state(target);
+        }
     }
 
     OMX_ERRORTYPE empty(OMX_BUFFERHEADERTYPE *header)
     {
-        header->nFilledLen = BUFFER_BYTES;
+        header->nFilledLen = kBufferBytes;
         return OMX_EmptyThisBuffer(component, header);
     }
 
@@ -145,7 +155,7 @@ class framework_test : public PlatformTest {
     size_t events_seen = 0;
     std::mutex lock;
     buffer_list_t returned; // under lock
-    buffer_list_t buffers[PORT_COUNT];
+    buffer_list_t buffers[kPortCount];
 };
 
 #endif // TESTS_PLATFORM_FRAMEWORK_TEST_H

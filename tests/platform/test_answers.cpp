@@ -6,7 +6,7 @@ namespace {
 
 using command_t = std::pair<OMX_U32, OMX_U32>; // OMX_COMMANDTYPE and its parameter
 
-constexpr command_t COMMANDS[] = {
+constexpr command_t kCommands[] = {
     {OMX_CommandPortDisable, 0},
     {OMX_CommandPortDisable, OMX_ALL},
     {OMX_CommandPortEnable, 0},
@@ -30,15 +30,17 @@ class session : public framework_test {
             free_buffers(0);
             expect_complete(OMX_CommandPortDisable, 0);
         }
-        for (const command_t &command : commands)
+        for (const command_t &command : commands) {
             send_counted(command);
+        }
         // What still waits, waits for buffers.
         wait_until([&] { return count_answers() >= wanted || change_buffers(); });
         send_counted({OMX_CommandFlush, 1}); // answered after everything else
         wait_until([&] { return count_answers() >= wanted; });
         EXPECT_EQ(count_answers(), wanted);
-        for (const auto &[command, answers_left] : completes_left)
+        for (const auto &[command, answers_left] : completes_left) {
             EXPECT_GE(answers_left, 0) << command.first << " " << command.second;
+        }
         client.destroy();
     }
 
@@ -55,7 +57,7 @@ class session : public framework_test {
             return;
         }
         const bool is_for_all = command.second == OMX_ALL && !is_invalid;
-        for (OMX_U32 port = 0; port < (is_for_all ? PORT_COUNT : 1); port++) {
+        for (OMX_U32 port = 0; port < (is_for_all ? kPortCount : 1); port++) {
             completes_left[{command.first, is_for_all ? port : command.second}]++;
             wanted++;
         }
@@ -66,8 +68,9 @@ class session : public framework_test {
     {
         for (; events_seen < client.events().size(); events_seen++) {
             const IlEvent event = client.events().at(events_seen);
-            if (event.event == OMX_EventCmdComplete)
+            if (event.event == OMX_EventCmdComplete) {
                 completes_left[{event.data1, event.data2}]--;
+            }
             // Not an answer: that the buffers went from under a working port.
             answers += event.data1 != OMX_ErrorPortUnpopulated ? 1 : 0;
         }
@@ -77,12 +80,14 @@ class session : public framework_test {
     // returns false.
     bool change_buffers()
     {
-        for (OMX_U32 port = 0; port < PORT_COUNT; port++)
+        for (OMX_U32 port = 0; port < kPortCount; port++) {
             free_buffers(port);
+        }
         std::this_thread::sleep_for(std::chrono::microseconds(200));
-        for (OMX_U32 port = 0; port < PORT_COUNT; port++)
+        for (OMX_U32 port = 0; port < kPortCount; port++) {
             while (allocate(port) == OMX_ErrorNone) {
             }
+        }
         return false;
     }
 
@@ -99,13 +104,15 @@ class answers_test : public PlatformTest,
 TEST_P(answers_test, each_command_gets_one)
 {
     const auto &[from, is_disabled] = GetParam();
-    for (const command_t &first : COMMANDS)
-        for (const command_t &second : COMMANDS)
-            for (const command_t &third : COMMANDS) {
+    for (const command_t &first : kCommands) {
+        for (const command_t &second : kCommands) {
+            for (const command_t &third : kCommands) {
                 session().run(from, is_disabled, {first, second, third});
                 ASSERT_FALSE(HasFailure())
                     << testing::PrintToString(std::array{first, second, third});
             }
+        }
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(each_state, answers_test,

@@ -22,19 +22,19 @@ Record port_record(OMX_U32 port)
 
 TEST_F(parameter_test, the_head_of_a_record_is_checked)
 {
-    constexpr OMX_INDEXTYPE PCM = OMX_IndexParamAudioPcm;
+    constexpr OMX_INDEXTYPE kPcm = OMX_IndexParamAudioPcm;
     for (const auto call : {omx_base_component_GetParameter, omx_base_component_SetParameter}) {
         auto pcm = port_record<OMX_AUDIO_PARAM_PCMMODETYPE>(0); // no audio port
-        EXPECT_EQ(call(nullptr, PCM, &pcm), OMX_ErrorBadParameter);
-        EXPECT_EQ(call(component, PCM, nullptr), OMX_ErrorBadParameter);
+        EXPECT_EQ(call(nullptr, kPcm, &pcm), OMX_ErrorBadParameter);
+        EXPECT_EQ(call(component, kPcm, nullptr), OMX_ErrorBadParameter);
         EXPECT_EQ(call(component, OMX_IndexVendorStartUnused, &pcm), OMX_ErrorUnsupportedIndex);
-        EXPECT_EQ(call(component, PCM, &pcm), OMX_ErrorBadPortIndex);
-        pcm.nPortIndex = PORT_COUNT;
-        EXPECT_EQ(call(component, PCM, &pcm), OMX_ErrorBadPortIndex);
+        EXPECT_EQ(call(component, kPcm, &pcm), OMX_ErrorBadPortIndex);
+        pcm.nPortIndex = kPortCount;
+        EXPECT_EQ(call(component, kPcm, &pcm), OMX_ErrorBadPortIndex);
         pcm.nVersion.s.nVersionMajor = 2;
-        EXPECT_EQ(call(component, PCM, &pcm), OMX_ErrorVersionMismatch);
+        EXPECT_EQ(call(component, kPcm, &pcm), OMX_ErrorVersionMismatch);
         pcm.nSize++;
-        EXPECT_EQ(call(component, PCM, &pcm), OMX_ErrorBadParameter);
+        EXPECT_EQ(call(component, kPcm, &pcm), OMX_ErrorBadParameter);
     }
     OMX_PORT_PARAM_TYPE domain = {sizeof(domain), {.nVersion = OMX_VERSION_1_1_2}, 9, 9};
     EXPECT_EQ(get(OMX_IndexParamImageInit, &domain), OMX_ErrorNone);
@@ -46,34 +46,35 @@ TEST_F(parameter_test, the_head_of_a_record_is_checked)
 
 TEST_F(parameter_test, the_port_definition_takes_the_count_and_the_format_only)
 {
-    constexpr OMX_INDEXTYPE INDEX = OMX_IndexParamPortDefinition;
+    constexpr OMX_INDEXTYPE kIndex = OMX_IndexParamPortDefinition;
     auto definition = port_record<OMX_PARAM_PORTDEFINITIONTYPE>(0);
-    ASSERT_EQ(get(INDEX, &definition), OMX_ErrorNone);
+    ASSERT_EQ(get(kIndex, &definition), OMX_ErrorNone);
     for (OMX_U32 count : {0u, QUEUE_CAPACITY + 1u, QUEUE_CAPACITY + 0u}) {
         definition.nBufferCountActual = count;
         definition.nBufferSize = 0;
         definition.format.video.cMIMEType = nullptr;
         definition.format.video.nFrameWidth = 176;
-        EXPECT_EQ(set(INDEX, &definition),
+        EXPECT_EQ(set(kIndex, &definition),
                   count == QUEUE_CAPACITY ? OMX_ErrorNone : OMX_ErrorBadParameter);
     }
-    ASSERT_EQ(get(INDEX, &definition), OMX_ErrorNone);
+    ASSERT_EQ(get(kIndex, &definition), OMX_ErrorNone);
     EXPECT_EQ(definition.nBufferCountActual, OMX_U32{QUEUE_CAPACITY});
-    EXPECT_EQ(definition.nBufferSize, BUFFER_BYTES);
+    EXPECT_EQ(definition.nBufferSize, kBufferBytes);
     EXPECT_NE(definition.format.video.cMIMEType, nullptr);
     EXPECT_EQ(definition.format.video.nFrameWidth, 176u);
 
     bring_to(OMX_StateIdle); // with a full queue
-    for (OMX_BUFFERHEADERTYPE *buffer : buffers[0])
+    for (OMX_BUFFERHEADERTYPE *buffer : buffers[0]) {
         EXPECT_EQ(empty(buffer), OMX_ErrorNone);
-    EXPECT_EQ(set(INDEX, &definition), OMX_ErrorIncorrectStateOperation);
+    }
+    EXPECT_EQ(set(kIndex, &definition), OMX_ErrorIncorrectStateOperation);
     ASSERT_EQ(send(OMX_CommandPortDisable, 0), OMX_ErrorNone);
     EXPECT_EQ(wait_returned(QUEUE_CAPACITY).size(), size_t{QUEUE_CAPACITY});
     definition.nBufferCountActual = 2;
-    EXPECT_EQ(set(INDEX, &definition), OMX_ErrorIncorrectStateOperation); // it has buffers
+    EXPECT_EQ(set(kIndex, &definition), OMX_ErrorIncorrectStateOperation); // it has buffers
     free_buffers(0);
     expect_complete(OMX_CommandPortDisable, 0);
-    EXPECT_EQ(set(INDEX, &definition), OMX_ErrorNone);
+    EXPECT_EQ(set(kIndex, &definition), OMX_ErrorNone);
 }
 
 } // namespace

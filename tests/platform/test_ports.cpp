@@ -10,19 +10,19 @@ using port_test = framework_test;
 TEST_F(port_test, buffers_are_checked_when_they_are_made_and_freed)
 {
     OMX_BUFFERHEADERTYPE *header = nullptr;
-    OMX_U8 memory[BUFFER_BYTES];
+    OMX_U8 memory[kBufferBytes];
     const auto use = [&](OMX_U32 port, OMX_U32 bytes, OMX_U8 *data) {
         return OMX_UseBuffer(component, &header, port, memory, bytes, data);
     };
     ASSERT_EQ(send(OMX_CommandStateSet, OMX_StateIdle), OMX_ErrorNone);
-    EXPECT_EQ(use(1, BUFFER_BYTES - 1, memory), OMX_ErrorBadParameter);
-    EXPECT_EQ(use(0, BUFFER_BYTES, nullptr), OMX_ErrorBadParameter);
-    EXPECT_EQ(use(PORT_COUNT, BUFFER_BYTES, memory), OMX_ErrorBadPortIndex);
+    EXPECT_EQ(use(1, kBufferBytes - 1, memory), OMX_ErrorBadParameter);
+    EXPECT_EQ(use(0, kBufferBytes, nullptr), OMX_ErrorBadParameter);
+    EXPECT_EQ(use(kPortCount, kBufferBytes, memory), OMX_ErrorBadPortIndex);
     for (host_call_t call : {HOST_CALL_CALLOC, HOST_CALL_MALLOC}) {
         host_fail_call(call, 0, 1);
         EXPECT_EQ(allocate(0), OMX_ErrorInsufficientResources);
     }
-    ASSERT_EQ(use(0, BUFFER_BYTES, memory), OMX_ErrorNone);
+    ASSERT_EQ(use(0, kBufferBytes, memory), OMX_ErrorNone);
     EXPECT_TRUE(header->pBuffer == memory && header->pAppPrivate == memory);
     EXPECT_EQ(OMX_FreeBuffer(component, 1, header), OMX_ErrorBadParameter);
     EXPECT_EQ(OMX_FreeBuffer(component, 0, header), OMX_ErrorNone);
@@ -52,7 +52,7 @@ TEST_F(port_test, empty_this_buffer_checks_the_header)
         {[](header_t *h) { h->nSize--; }, OMX_ErrorBadParameter},
         {[](header_t *h) { h->nVersion.s.nVersionMinor = 0; }, OMX_ErrorVersionMismatch},
         {[](header_t *h) { h->nInputPortIndex = 1; }, OMX_ErrorBadPortIndex},
-        {[](header_t *h) { h->nOffset = BUFFER_BYTES + 1; }, OMX_ErrorBadParameter},
+        {[](header_t *h) { h->nOffset = kBufferBytes + 1; }, OMX_ErrorBadParameter},
         {[](header_t *h) { h->nOffset = 1, h->nFilledLen = UINT32_MAX; }, OMX_ErrorBadParameter},
     };
     for (const auto &[change, error] : changes) {
@@ -76,7 +76,7 @@ TEST_F(port_test, no_port_has_a_tunnel)
     };
     EXPECT_EQ(request(1, nullptr), OMX_ErrorNone);
     EXPECT_EQ(request(1, component), OMX_ErrorTunnelingUnsupported);
-    EXPECT_EQ(request(PORT_COUNT, nullptr), OMX_ErrorBadPortIndex);
+    EXPECT_EQ(request(kPortCount, nullptr), OMX_ErrorBadPortIndex);
 }
 
 // A command that gives buffers back, the state it comes in, the ports it concerns, and what
@@ -106,34 +106,42 @@ TEST_P(way_back_test, gives_back_what_the_port_has_unchanged)
     const auto &[way, thread_ends] = GetParam();
     buffer_list_t expected;
     bring_to(way.state);
-    for (OMX_U32 port = 0; port < PORT_COUNT; port++) {
+    for (OMX_U32 port = 0; port < kPortCount; port++) {
         host_fail_call(HOST_CALL_DEQUEUE, 0, port == 1 && thread_ends);
         const uint64_t taken = host_call_count(HOST_CALL_DEQUEUE);
         ASSERT_EQ(empty(buffers[port][0]), OMX_ErrorNone);
         wait_until([&] { return host_call_count(HOST_CALL_DEQUEUE) != taken; });
     }
-    for (size_t index : {1u, 2u})
-        for (OMX_U32 port = 0; port < PORT_COUNT; port++)
+    for (size_t index : {1u, 2u}) {
+        for (OMX_U32 port = 0; port < kPortCount; port++) {
             ASSERT_EQ(empty(buffers[port][index]), OMX_ErrorNone);
-    for (OMX_U32 port : way.ports)
+        }
+    }
+    for (OMX_U32 port : way.ports) {
         expected.insert(expected.end(), buffers[port].begin(), buffers[port].begin() + 3);
+    }
     ASSERT_EQ(send(way.command, way.param), OMX_ErrorNone);
     const buffer_list_t back = wait_returned(expected.size());
     EXPECT_THAT(back, testing::UnorderedElementsAreArray(expected));
-    for (const OMX_BUFFERHEADERTYPE *buffer : back)
-        EXPECT_EQ(buffer->nFilledLen, BUFFER_BYTES);
+    for (const OMX_BUFFERHEADERTYPE *buffer : back) {
+        EXPECT_EQ(buffer->nFilledLen, kBufferBytes);
+    }
     EXPECT_TRUE(way.empty_result == OMX_ErrorNone || empty(buffers[1][0]) == way.empty_result);
     for (OMX_U32 port : way.ports) {
         EXPECT_EQ(tsem_value(sink->ppPorts[port]->pBufferSem), 0u);
-        if (way.empty_result != OMX_ErrorNone)
+        if (way.empty_result != OMX_ErrorNone) {
             free_buffers(port);
-        if (way.command != OMX_CommandStateSet)
+        }
+        if (way.command != OMX_CommandStateSet) {
             expect_complete(way.command, port);
+        }
     }
-    if (way.empty_result == OMX_ErrorInvalidState)
+    if (way.empty_result == OMX_ErrorInvalidState) {
         return expect_error(OMX_ErrorInvalidState);
-    if (way.command == OMX_CommandStateSet)
+    }
+    if (way.command == OMX_CommandStateSet) {
         expect_complete(way.command, way.param);
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(each_way, way_back_test,

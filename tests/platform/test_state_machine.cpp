@@ -10,16 +10,16 @@ using state_machine_test = framework_test;
 
 // The states that may follow each one, in the order Invalid, Loaded, Idle, Executing, Pause,
 // WaitForResources.
-constexpr std::string_view STATES = "-LIEPW";
-constexpr std::string_view next_states[] = {"", "IW", "LEP", "IP", "IE", "LI"};
+constexpr std::string_view kStates = "-LIEPW";
+constexpr std::string_view kNextStates[] = {"", "IW", "LEP", "IP", "IE", "LI"};
 
 class transition_test : public framework_test, public testing::WithParamInterface<uint32_t> {};
 
 TEST_P(transition_test, gives_the_standards_result)
 {
-    const OMX_STATETYPE from = static_cast<OMX_STATETYPE>(GetParam() / STATES.size());
-    const OMX_STATETYPE target = static_cast<OMX_STATETYPE>(GetParam() % STATES.size());
-    const bool is_allowed = next_states[from].find(STATES[target]) != std::string_view::npos;
+    const OMX_STATETYPE from = static_cast<OMX_STATETYPE>(GetParam() / kStates.size());
+    const OMX_STATETYPE target = static_cast<OMX_STATETYPE>(GetParam() % kStates.size());
+    const bool is_allowed = kNextStates[from].find(kStates[target]) != std::string_view::npos;
     bring_to(from);
     if (from == OMX_StateInvalid) {
         EXPECT_EQ(send(OMX_CommandStateSet, target), OMX_ErrorInvalidState);
@@ -30,9 +30,11 @@ TEST_P(transition_test, gives_the_standards_result)
         expect_error(from == target ? OMX_ErrorSameState : OMX_ErrorIncorrectStateTransition);
     }
     EXPECT_EQ(omx_base_get_state(sink), is_allowed || target == OMX_StateInvalid ? target : from);
-    for (const auto &port_buffers : buffers) // what the fixture's destruction meets
-        for (OMX_BUFFERHEADERTYPE *buffer : port_buffers)
+    for (const auto &port_buffers : buffers) { // what the fixture's destruction meets
+        for (OMX_BUFFERHEADERTYPE *buffer : port_buffers) {
             (void)empty(buffer);
+        }
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(each_state, transition_test, testing::Range(0u, 36u));
@@ -43,8 +45,9 @@ TEST_F(state_machine_test, the_way_to_idle_can_wait_be_given_up_and_fail)
     expect_complete(OMX_CommandPortDisable, 1);
     EXPECT_EQ(allocate(0), OMX_ErrorIncorrectStateOperation);
     ASSERT_EQ(send(OMX_CommandStateSet, OMX_StateIdle), OMX_ErrorNone);
-    for (int count = 0; count < 3; count++)
+    for (int count = 0; count < 3; count++) {
         EXPECT_EQ(allocate(0), OMX_ErrorNone);
+    }
     EXPECT_EQ(send(OMX_CommandStateSet, OMX_StateExecuting), OMX_ErrorNone);
     expect_error(OMX_ErrorIncorrectStateTransition);
     EXPECT_EQ(allocate(1), OMX_ErrorIncorrectStateOperation);
@@ -70,7 +73,7 @@ TEST_F(state_machine_test, commands_are_checked_before_they_are_queued)
     OMX_STATETYPE state = OMX_StateMax;
     EXPECT_EQ(send(OMX_CommandMax, 0), OMX_ErrorBadParameter);
     EXPECT_EQ(send(OMX_CommandStateSet, OMX_StateWaitForResources + 1), OMX_ErrorBadParameter);
-    EXPECT_EQ(send(OMX_CommandPortEnable, PORT_COUNT), OMX_ErrorBadPortIndex);
+    EXPECT_EQ(send(OMX_CommandPortEnable, kPortCount), OMX_ErrorBadPortIndex);
     EXPECT_EQ(send(OMX_CommandMarkBuffer, OMX_ALL, &mark), OMX_ErrorBadPortIndex);
     EXPECT_EQ(send(OMX_CommandMarkBuffer, 0), OMX_ErrorBadParameter);
     for (OMX_COMMANDTYPE command : {OMX_CommandFlush, OMX_CommandMarkBuffer}) {
@@ -79,7 +82,7 @@ TEST_F(state_machine_test, commands_are_checked_before_they_are_queued)
     }
     EXPECT_EQ(component->ComponentDeInit(component), OMX_ErrorNone); // and a second time at the end
     EXPECT_EQ(OMX_GetState(component, &state), OMX_ErrorInvalidComponent);
-    EXPECT_EQ(OMX_SetParameter(component, INDEX_STOP, &state), OMX_ErrorInvalidComponent);
+    EXPECT_EQ(OMX_SetParameter(component, kIndexStop, &state), OMX_ErrorInvalidComponent);
     EXPECT_EQ(send(OMX_CommandFlush, OMX_ALL), OMX_ErrorInvalidComponent);
 }
 
@@ -107,21 +110,25 @@ TEST_F(state_machine_test, a_command_that_another_one_ends_is_answered)
     ASSERT_EQ(send(OMX_CommandPortDisable, 1), OMX_ErrorNone);
     ASSERT_EQ(send(OMX_CommandStateSet, OMX_StateLoaded), OMX_ErrorNone);
     ASSERT_EQ(send(OMX_CommandStateSet, OMX_StateInvalid), OMX_ErrorNone);
-    for (int command = 0; command < 3; command++)
+    for (int command = 0; command < 3; command++) {
         expect_error(OMX_ErrorInvalidState);
+    }
 }
 
 TEST_F(state_machine_test, a_full_command_queue_refuses_the_next_command)
 {
     uint32_t accepted = 0;
     client.on_event = [&](const IlEvent &) { // of the command that is being carried out
-        if (accepted == 0)
-            while (send(OMX_CommandPortEnable, 0) == OMX_ErrorNone)
+        if (accepted == 0) {
+            while (send(OMX_CommandPortEnable, 0) == OMX_ErrorNone) {
                 accepted++;
+            }
+        }
     };
     ASSERT_EQ(send(OMX_CommandPortEnable, 0), OMX_ErrorNone);
-    for (uint32_t count = 0; count < 64; count++)
+    for (uint32_t count = 0; count < 64; count++) {
         expect_complete(OMX_CommandPortEnable, 0);
+    }
     EXPECT_EQ(accepted, 63u);
 }
 
@@ -158,8 +165,9 @@ TEST_F(state_machine_test, start_flush_and_stop_do_not_disturb_each_other)
     const auto keep = client.on_buffer_back;
     client.on_buffer_back = [&](OMX_BUFFERHEADERTYPE *buffer) {
         returns++;
-        if (empty(buffer) != OMX_ErrorNone)
+        if (empty(buffer) != OMX_ErrorNone) {
             keep(buffer);
+        }
     };
     std::thread flusher([&] {
         for (OMX_U32 port = 0; !stop; port = port == 0 ? 1 : port == 1 ? OMX_ALL : 0) {
@@ -171,16 +179,18 @@ TEST_F(state_machine_test, start_flush_and_stop_do_not_disturb_each_other)
         const event_t wanted = {OMX_EventCmdComplete, OMX_CommandStateSet, target};
         // The flushes may have filled the command queue.
         wait_until([&] { return send(OMX_CommandStateSet, target) == OMX_ErrorNone; });
-        for (OMX_U32 port = 0; port < PORT_COUNT; port++)
+        for (OMX_U32 port = 0; port < kPortCount; port++) {
             while_going(port);
+        }
         while (next_event() != wanted && !HasFatalFailure()) {
         }
     };
     for (int round = 0; round < 60 && !HasFatalFailure(); round++) {
         go_to(OMX_StateIdle, [&](OMX_U32 port) { populate(port); });
         go_to(OMX_StateExecuting, [&](OMX_U32 port) {
-            for (OMX_BUFFERHEADERTYPE *buffer : buffers[port])
+            for (OMX_BUFFERHEADERTYPE *buffer : buffers[port]) {
                 ASSERT_EQ(empty(buffer), OMX_ErrorNone);
+            }
         });
         wait_until([&, before = returns.load()] { return returns >= before + 50; });
         go_to(OMX_StateIdle, [](OMX_U32) {});

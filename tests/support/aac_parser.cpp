@@ -1,12 +1,12 @@
 #include "tests/support/aac_parser.h"
 
+#include "aacenc/band_tables.h"
+#include "aacenc/huffman_tables.h"
+
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <unordered_map>
-
-#include "aacenc/band_tables.h"
-#include "aacenc/huffman_tables.h"
 
 namespace {
 
@@ -17,8 +17,9 @@ struct Reader {
 
     int fail(const std::string &what)
     {
-        if (error.empty())
+        if (error.empty()) {
             error = what + " at bit " + std::to_string(position);
+        }
         return 0;
     }
 
@@ -26,8 +27,9 @@ struct Reader {
     {
         int value = 0;
         for (int i = 0; i < count; i++, position++) {
-            if (position / 8 >= bytes.size())
+            if (position / 8 >= bytes.size()) {
                 return fail("the data ends too early");
+            }
             value = value << 1 | (bytes[position / 8] >> (7 - position % 8) & 1);
         }
         return value;
@@ -35,8 +37,9 @@ struct Reader {
 
     void expect(int count, int value, const char *name)
     {
-        if (get(count) != value)
+        if (get(count) != value) {
             fail(std::string("unexpected ") + name);
+        }
     }
 };
 
@@ -45,8 +48,9 @@ using Codebook = std::unordered_map<uint32_t, int>; // length << 24 | codeword t
 Codebook make_codebook(std::span<const uint32_t> entries)
 {
     Codebook book;
-    for (const uint32_t entry : entries)
+    for (const uint32_t entry : entries) {
         book.emplace(entry, static_cast<int>(book.size()));
+    }
     return book;
 }
 
@@ -62,8 +66,9 @@ int get_codeword(Reader &in, size_t number)
     for (uint32_t length = 1; length <= 19; length++) {
         code = code << 1 | static_cast<uint32_t>(in.get(1));
         const auto found = books[number - 1].find(length << 24 | code);
-        if (found != books[number - 1].end())
+        if (found != books[number - 1].end()) {
             return found->second;
+        }
     }
     return in.fail("unknown codeword");
 }
@@ -72,8 +77,9 @@ std::vector<int> band_offsets(int sampling_index)
 {
     const uint8_t *row = sr_info_aac[sr_info_index[sampling_index - 3]];
     std::vector<int> offsets = {0};
-    for (int band = 1; band <= row[0]; band++)
+    for (int band = 1; band <= row[0]; band++) {
         offsets.push_back(offsets.back() + row[band]);
+    }
     return offsets;
 }
 
@@ -81,22 +87,26 @@ void parse_section_data(Reader &in, size_t max_sfb, AacChannel &channel)
 {
     while (channel.codebooks.size() < max_sfb && in.error.empty()) {
         const int book = in.get(4);
-        if (book == 12 || book > 13)
+        if (book == 12 || book > 13) {
             in.fail("reserved or intensity codebook");
-        if (!channel.codebooks.empty() && book == channel.codebooks.back())
+        }
+        if (!channel.codebooks.empty() && book == channel.codebooks.back()) {
             in.fail("section that the one before could hold");
+        }
         int length = 0;
         int increment = 31;
         while (increment == 31 && in.error.empty()) {
             increment = in.get(5);
             length += increment;
         }
-        if (length == 0)
+        if (length == 0) {
             in.fail("empty section");
+        }
         channel.codebooks.insert(channel.codebooks.end(), static_cast<size_t>(length), book);
     }
-    if (channel.codebooks.size() != max_sfb)
+    if (channel.codebooks.size() != max_sfb) {
         in.fail("sections do not add up to the bands");
+    }
 }
 
 void parse_scalefactors(Reader &in, AacChannel &channel)
@@ -110,8 +120,9 @@ void parse_scalefactors(Reader &in, AacChannel &channel)
             first_noise = false;
         } else if (book != 0) {
             last += get_codeword(in, kScalefactorBook) - 60;
-            if (last < 0 || last > 255)
+            if (last < 0 || last > 255) {
                 in.fail("scalefactor out of range");
+            }
         }
         channel.scalefactors.push_back(book == 13 ? noise : book != 0 ? last : 0);
     }
@@ -123,22 +134,28 @@ void parse_tns_data(Reader &in)
     in.expect(1, 1, "coef_res");
     in.get(6); // length
     const int order = in.get(5);
-    if (order > 12)
+    if (order > 12) {
         in.fail("TNS order above the profile's");
-    if (order != 0)
+    }
+    if (order != 0) {
         in.expect(2, 0, "direction or coef_compress");
-    for (int i = 0; i < order; i++)
-        if (in.get(4) == 8)
+    }
+    for (int i = 0; i < order; i++) {
+        if (in.get(4) == 8) {
             in.fail("TNS coefficient -8");
+        }
+    }
 }
 
 int get_escape(Reader &in)
 {
     int prefix = 4;
-    while (prefix <= 12 && in.get(1) == 1)
+    while (prefix <= 12 && in.get(1) == 1) {
         prefix++;
-    if (prefix > 12)
+    }
+    if (prefix > 12) {
         return in.fail("escape above 8191");
+    }
     return (1 << prefix) + in.get(prefix);
 }
 
@@ -148,11 +165,13 @@ void parse_group(Reader &in, int book, int *values)
     const int group = book <= 4 ? 4 : 2;
     const bool is_signed = book == 1 || book == 2 || book == 5 || book == 6;
     int index = get_codeword(in, static_cast<size_t>(book));
-    for (int i = group - 1; i >= 0; i--, index /= kBase[book])
+    for (int i = group - 1; i >= 0; i--, index /= kBase[book]) {
         values[i] = index % kBase[book] - (is_signed ? kBase[book] / 2 : 0);
+    }
     bool negative[4] = {};
-    for (int i = 0; i < group && !is_signed; i++)
+    for (int i = 0; i < group && !is_signed; i++) {
         negative[i] = values[i] != 0 && in.get(1) == 1;
+    }
     for (int i = 0; i < group; i++) {
         const int magnitude = book == 11 && values[i] == 16 ? get_escape(in) : values[i];
         values[i] = negative[i] ? -magnitude : magnitude;
@@ -178,8 +197,9 @@ void parse_spectral_data(Reader &in, AacChannel &channel, const std::vector<int>
                 largest = std::max(largest, std::abs(values[i]));
             }
         }
-        if (book % 13 != 0 && largest <= kLargest[(book - 1) / 2])
+        if (book % 13 != 0 && largest <= kLargest[(book - 1) / 2]) {
             in.fail("codebook for larger values");
+        }
     }
 }
 
@@ -194,17 +214,20 @@ void parse_channel_stream(Reader &in, const std::vector<int> &offsets, bool comm
                           AacChannel &channel)
 {
     channel.global_gain = in.get(8);
-    if (!common_window)
+    if (!common_window) {
         parse_ics_info(in, offsets);
+    }
     parse_section_data(in, offsets.size() - 1, channel);
     parse_scalefactors(in, channel);
     in.expect(1, 0, "pulse_data_present");
     channel.tns_present = in.get(1) == 1;
-    if (channel.tns_present)
+    if (channel.tns_present) {
         parse_tns_data(in);
+    }
     in.expect(1, 0, "gain_control_data_present");
-    if (in.error.empty())
+    if (in.error.empty()) {
         parse_spectral_data(in, channel, offsets);
+    }
 }
 
 } // namespace
@@ -215,8 +238,9 @@ std::string parse_raw_data_block(std::span<const uint8_t> bytes, int sampling_in
     Reader in = {bytes, 0, {}};
     *frame = {};
     const int id = in.get(3);
-    if (id > 1)
+    if (id > 1) {
         in.fail("neither a single channel nor a channel pair element");
+    }
     frame->channels.resize(id == 0 ? 1 : 2);
     in.expect(4, 0, "element_instance_tag");
     const std::vector<int> offsets = band_offsets(sampling_index);
@@ -224,15 +248,18 @@ std::string parse_raw_data_block(std::span<const uint8_t> bytes, int sampling_in
     if (frame->mid_side) {
         parse_ics_info(in, offsets);
         in.expect(2, 1, "ms_mask_present");
-        for (size_t band = 1; band < offsets.size(); band++)
+        for (size_t band = 1; band < offsets.size(); band++) {
             in.expect(1, 1, "ms_used");
+        }
     }
-    for (AacChannel &channel : frame->channels)
+    for (AacChannel &channel : frame->channels) {
         parse_channel_stream(in, offsets, frame->mid_side, channel);
+    }
     in.expect(3, 7, "element in place of END");
     frame->bits = static_cast<int>(in.position);
     in.expect(static_cast<int>(-in.position % 8), 0, "alignment bits");
-    if (in.position != bytes.size() * 8)
+    if (in.position != bytes.size() * 8) {
         in.fail("bytes behind the frame");
+    }
     return in.error;
 }

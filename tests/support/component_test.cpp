@@ -9,7 +9,7 @@ void ComponentTest::SetUp()
 {
     PlatformTest::SetUp();
     reset_wrapped_calls();
-    std::filesystem::remove(RECORDING);
+    std::filesystem::remove(kRecording);
 }
 
 std::unique_ptr<IlClient> ComponentTest::make_client(const char *name)

@@ -9,14 +9,14 @@
 #include <memory>
 #include <string>
 
-constexpr char RECORDING[] = "/mnt/sdcard/recording.mp4";
+constexpr char kRecording[] = "/mnt/sdcard/recording.mp4";
 
 class ComponentTest : public PlatformTest {
   protected:
     void SetUp() override;
     static std::unique_ptr<IlClient> make_client(const char *name = "OMX.qvr.tdmb.rec");
     // A client in Executing whose recording to `path` has been started.
-    static std::unique_ptr<IlClient> make_recorder(const std::string &path = RECORDING);
+    static std::unique_ptr<IlClient> make_recorder(const std::string &path = kRecording);
     static omx_tdmbrec_component_PrivateType *record_of(const IlClient &client);
 };
 

@@ -15,13 +15,13 @@
 #include <vector>
 
 // The vendor interface, from the client's side.
-constexpr OMX_INDEXTYPE INDEX_OUTPUT_PATH{0x7F00002C};
-constexpr OMX_INDEXTYPE INDEX_START{0x7F00002D};
-constexpr OMX_INDEXTYPE INDEX_STOP{0x7F00002E};
-constexpr OMX_EVENTTYPE EVENT_END_OF_RECORDING{0x7F000005};
+constexpr OMX_INDEXTYPE kIndexOutputPath{0x7F00002C};
+constexpr OMX_INDEXTYPE kIndexStart{0x7F00002D};
+constexpr OMX_INDEXTYPE kIndexStop{0x7F00002E};
+constexpr OMX_EVENTTYPE kEventEndOfRecording{0x7F000005};
 
 // Long enough for the busiest machine; only what hangs takes it.
-constexpr int HANG_MS = 300000;
+constexpr int kHangMs = 300000;
 
 struct IlEvent {
     OMX_EVENTTYPE event;
@@ -57,7 +57,7 @@ class IlClient {
     // Empties one buffer and does not wait. returns its header.
     OMX_BUFFERHEADERTYPE *post(OMX_U32 port, std::span<const uint8_t> data, int64_t ts_us,
                                OMX_U32 flags = 0);
-    bool wait_until_back(const OMX_BUFFERHEADERTYPE *header, int timeout_ms = HANG_MS);
+    bool wait_until_back(const OMX_BUFFERHEADERTYPE *header, int timeout_ms = kHangMs);
 
     OMX_ERRORTYPE set_path(const std::string &path);
     OMX_ERRORTYPE start();
@@ -65,7 +65,7 @@ class IlClient {
     // Goes to Executing, sets the path and starts.
     void start_recording(const std::string &path);
     // Waits for the next end of recording. returns its reason.
-    std::optional<uint32_t> wait_for_end(int timeout_ms = HANG_MS);
+    std::optional<uint32_t> wait_for_end(int timeout_ms = kHangMs);
     // Events received so far: all, those of one kind.
     std::vector<IlEvent> events();
     std::vector<IlEvent> events(OMX_EVENTTYPE kind);
@@ -84,7 +84,7 @@ class IlClient {
     void change_state(OMX_STATETYPE state, const std::function<void()> &meanwhile);
     OMX_BUFFERHEADERTYPE *take_free_buffer(OMX_U32 port);
     template <typename Condition>
-    bool wait(Condition is_over, int timeout_ms = HANG_MS);
+    bool wait(Condition is_over, int timeout_ms = kHangMs);
 
     OMX_CALLBACKTYPE callbacks_;
     Release release_;

@@ -95,17 +95,17 @@ int64_t audio_time_us(size_t index)
 
 size_t pcm_buffer_count(const Programme &programme)
 {
-    return (programme.pcm.size() * 2 + PCM_BUFFER_BYTES - 1) / PCM_BUFFER_BYTES;
+    return (programme.pcm.size() * 2 + kPcmBufferBytes - 1) / kPcmBufferBytes;
 }
 
 Bytes pcm_buffer(const Programme &programme, size_t index)
 {
-    Bytes data(PCM_BUFFER_BYTES);
+    Bytes data(kPcmBufferBytes);
     const size_t total = programme.pcm.size() * 2;
-    const size_t begin = index * PCM_BUFFER_BYTES;
+    const size_t begin = index * kPcmBufferBytes;
     if (begin < total) {
         memcpy(data.data(), reinterpret_cast<const uint8_t *>(programme.pcm.data()) + begin,
-               std::min(PCM_BUFFER_BYTES, total - begin));
+               std::min(kPcmBufferBytes, total - begin));
     }
     return data;
 }

@@ -13,13 +13,13 @@ struct Programme {
     std::vector<int16_t> pcm;        // interleaved stereo, 48 kHz
 };
 
-constexpr int64_t FRAME_US = 1000000 / 30; // programme's video interval
-constexpr size_t PCM_BUFFER_BYTES = 4096;  // one AAC frame
+constexpr int64_t kFrameUs = 1000000 / 30; // programme's video interval
+constexpr size_t kPcmBufferBytes = 4096;   // one AAC frame
 
 // Reads samples/programme.h264 and .wav.
 const Programme &sample_programme();
 
-// The time stamp (us) of an access unit and of a PCM buffer of PCM_BUFFER_BYTES.
+// The time stamp (us) of an access unit and of a PCM buffer of kPcmBufferBytes.
 int64_t video_time_us(size_t index);
 int64_t audio_time_us(size_t index);
 

@@ -2,7 +2,7 @@
 
 void send_time_base(IlClient &client)
 {
-    client.send(0, Bytes{0, 0, 0, 1, 9, 0xF0}, video_time_us(0) - FRAME_US);
+    client.send(0, Bytes{0, 0, 0, 1, 9, 0xF0}, video_time_us(0) - kFrameUs);
 }
 
 void send_programme(IlClient &client, size_t frames, size_t from)

@@ -10,8 +10,8 @@
 void RecorderTest::SetUp()
 {
     PlatformTest::SetUp();
-    std::filesystem::remove(BUILT_IN_FILE);
-    std::filesystem::remove(CARD_FILE);
+    std::filesystem::remove(kBuiltInFile);
+    std::filesystem::remove(kCardFile);
 #ifdef COMPONENT_FILE
     setenv("TDMBREC_COMPONENT_PATH", built_file(COMPONENT_FILE).c_str(), 1);
 #endif

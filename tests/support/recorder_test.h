@@ -10,8 +10,8 @@
 #include <memory>
 #include <string>
 
-constexpr char BUILT_IN_FILE[] = "/mnt/sdcard/recording.mp4";
-constexpr char CARD_FILE[] = "/mnt/sdcard/tflash/recording.mp4";
+constexpr char kBuiltInFile[] = "/mnt/sdcard/recording.mp4";
+constexpr char kCardFile[] = "/mnt/sdcard/tflash/recording.mp4";
 
 class RecorderTest : public PlatformTest {
   protected:
@@ -20,13 +20,13 @@ class RecorderTest : public PlatformTest {
 
     static std::unique_ptr<IlClient> make_client();
     // A client in Executing whose recording to `path` has been started.
-    static std::unique_ptr<IlClient> start_recording(const std::string &path = BUILT_IN_FILE);
+    static std::unique_ptr<IlClient> start_recording(const std::string &path = kBuiltInFile);
     // Stops, waits for the end and takes the client back to Loaded. returns the reason.
     static uint32_t finish(IlClient &client);
     static void use_card();
 
     // Checks that the file is sound in every judge's eyes and gives its movie.
-    static mp4_reader::movie expect_plays(const std::string &path = BUILT_IN_FILE);
+    static mp4_reader::movie expect_plays(const std::string &path = kBuiltInFile);
     // The NAL units of one video sample.
     static std::vector<Bytes> nal_units_of(const Bytes &image, const mp4_reader::sample &sample);
     static void expect_no_scratch_files();

@@ -19,8 +19,9 @@ inline constexpr uint64_t kHashStart = 0xcbf29ce484222325;
 // FNV-1a, continued from `hash`.
 inline uint64_t stream_hash(uint64_t hash, std::span<const uint8_t> bytes)
 {
-    for (const uint8_t byte : bytes)
+    for (const uint8_t byte : bytes) {
         hash = (hash ^ byte) * 0x100000001b3;
+    }
     return hash;
 }
 
