@@ -1,9 +1,9 @@
-// The buffer callback with any buffers, over several recordings of one component. Every buffer is
-// consumed or kept whole, every recording is reported once, nothing leaks, and a file that was
-// finished is a sound one with every frame that the muxer was given.
+// The buffer callback with any buffers, in several recordings of one component. Every buffer is
+// consumed or kept whole, every recording is reported once, nothing leaks, and a finished file is
+// valid and contains every frame that the muxer took.
 //
-// Input: up to 3 recordings. Each has a byte for its writes and sampling rate, one for its caches,
-// a number of steps, and the steps of one byte each with what they need, see take_step.
+// Input: up to 3 recordings: writes and sampling rate (1 byte), caches (1), the number of steps
+// (1), then the steps, see take_step.
 #include "component/omx_tdmbrec_component.h"
 #include "fuzz/input.h"
 #include "mp4read/mp4_reader.h"
@@ -19,22 +19,22 @@
 #include <unistd.h>
 
 static constexpr char kOutput[] = "/mnt/sdcard/fuzz.mp4";
-static constexpr size_t kMostSteps = 200;
+static constexpr size_t kMaxSteps = 200;
 
 static int output_file = -1;         // a second descriptor of the finished file
-static uint32_t writes_left;         // then every write fails
+static uint32_t writes_left;         // after them every write fails
 static std::atomic<uint32_t> ends;   // recordings reported
 static std::atomic<uint32_t> reason; // of the last one
 
-// A recording's blocks of megabytes are kept from one to the next: memory that is fresh from the
-// system costs more than all else. A small allocation takes the place of each while it is in use,
-// so that it is counted and can be refused.
-struct LargeBlock {
+// The large blocks of a recording are kept for the next one: fresh memory from the system costs
+// more than all the rest. While a block is in use, a small allocation represents it, so that it is
+// counted and can be refused.
+struct large_block {
     void *memory;
     size_t bytes;
     void *stand_in; // null: free
 };
-static std::array<LargeBlock, 8> large_blocks;
+static std::array<large_block, 8> large_blocks;
 static std::mutex large_blocks_lock;
 
 extern "C" void *__real_QVR_malloc(size_t bytes);
@@ -47,7 +47,7 @@ extern "C" void *__wrap_QVR_malloc(size_t bytes)
     }
     void *const stand_in = __real_QVR_malloc(1);
     const std::lock_guard lock(large_blocks_lock);
-    for (LargeBlock &block : large_blocks) {
+    for (large_block &block : large_blocks) {
         if (stand_in != nullptr && block.stand_in == nullptr &&
             (block.bytes == bytes || block.memory == nullptr)) {
             block.memory = block.memory == nullptr ? malloc(bytes) : block.memory;
@@ -63,7 +63,7 @@ extern "C" void *__wrap_QVR_malloc(size_t bytes)
 extern "C" void __wrap_QVR_free(void *memory)
 {
     const std::lock_guard lock(large_blocks_lock);
-    for (LargeBlock &block : large_blocks) {
+    for (large_block &block : large_blocks) {
         if (memory != nullptr && block.memory == memory) {
             require(block.stand_in != nullptr, "a block is freed once");
             __real_QVR_free(block.stand_in);
@@ -75,19 +75,19 @@ extern "C" void __wrap_QVR_free(void *memory)
     __real_QVR_free(memory);
 }
 
-struct Frames {
+struct frame_totals {
     size_t count;
     uint64_t bytes;
-    bool operator==(const Frames &) const = default;
+    bool operator==(const frame_totals &) const = default;
 };
 
-static uint32_t cache_units; // 0: the component's own caches, else small ones
-static Frames given[3];      // to the muxer, by kind
-static bool is_whole;        // it took every frame and was closed
+static uint32_t cache_units;  // 0: caches of the component's own size, otherwise small ones
+static frame_totals given[3]; // to the muxer, by kind
+static bool is_whole;         // it took every frame and was closed
 
 extern "C" int32_t __real_QVR_MP4_MUX(int32_t op, void **handle, void *param1, void *param2);
 
-// Shrinks the caches, so that few frames are enough for the tables to outgrow them.
+// Shrinks the caches, so that the tables of few frames outgrow them.
 extern "C" int32_t __wrap_QVR_MP4_MUX(int32_t op, void **handle, void *param1, void *param2)
 {
     if (op == MUX_OPEN) {
@@ -97,7 +97,7 @@ extern "C" int32_t __wrap_QVR_MP4_MUX(int32_t op, void **handle, void *param1, v
             init->m_iVideoCacheSize = static_cast<int32_t>(cache_units * 16);
             init->m_iAudioCacheSize = static_cast<int32_t>(cache_units * 8);
         }
-        std::fill(given, std::end(given), Frames{});
+        std::fill(given, std::end(given), frame_totals{});
         is_whole = true;
     }
     if (op == MUX_CLOSE && cache_units > 0 && param1 != nullptr) {
@@ -155,13 +155,14 @@ static omx_tdmbrec_component_PrivateType *record_of(OMX_COMPONENTTYPE *component
     return static_cast<omx_tdmbrec_component_PrivateType *>(component->pComponentPrivate);
 }
 
-// A component that executes, without the framework's part in it.
+// A component in the state Executing, without the framework that takes it there.
 static OMX_COMPONENTTYPE *make_component()
 {
     static OMX_COMPONENTTYPE component = {};
     static OMX_CALLBACKTYPE callbacks = {handle_event, nullptr, nullptr};
     host_set_log_level(ANDROID_LOG_SILENT + 1);
-    require(omx_tdmbrec_component_Init(&component) == OMX_ErrorNone, "there is a component");
+    require(omx_tdmbrec_component_Init(&component) == OMX_ErrorNone,
+            "the component is initialised");
     require(component.SetCallbacks(&component, &callbacks, nullptr) == OMX_ErrorNone, "callbacks");
     std::atomic_ref(record_of(&component)->stBase.eState).store(OMX_StateExecuting);
     return &component;
@@ -175,9 +176,9 @@ static void start(OMX_COMPONENTTYPE *component)
     (void)OMX_SetParameter(component, TDMBREC_INDEX_START, path);
 }
 
-static Frames frames_of(const mp4_reader::movie &movie, const std::string &handler)
+static frame_totals frames_of(const mp4_reader::movie &movie, const std::string &handler)
 {
-    Frames frames = {};
+    frame_totals frames = {};
     for (const mp4_reader::sample &sample : mp4_reader::find_track(movie, handler)->samples) {
         frames.count++;
         frames.bytes += sample.size;
@@ -191,16 +192,16 @@ static void check_file()
     Bytes image(static_cast<size_t>(bytes));
     require(pread(output_file, image.data(), image.size(), 0) == bytes, "the file can be read");
     const mp4_reader::movie movie = mp4_reader::read_movie(image);
-    const Frames none = {};
+    const frame_totals none = {};
     if (given[MUX_TYPE_VIDEO] == none && given[MUX_TYPE_AUDIO] == none) {
-        return; // the muxer leaves a file without a frame as its head
+        return; // of a file without a frame the muxer writes only the head
     }
     require(movie.error.empty(), movie.error);
     require(frames_of(movie, "vide") == given[MUX_TYPE_VIDEO], "every picture is there");
-    require(frames_of(movie, "soun") == given[MUX_TYPE_AUDIO], "all sound is there");
+    require(frames_of(movie, "soun") == given[MUX_TYPE_AUDIO], "all audio is there");
 }
 
-// Ends the recording, if there still is one, and looks at its file.
+// Ends the recording, if it is still running, and checks its file.
 static void finish(OMX_COMPONENTTYPE *component, uint32_t ends_before)
 {
     OMX_U32 any = 0;
@@ -209,9 +210,9 @@ static void finish(OMX_COMPONENTTYPE *component, uint32_t ends_before)
         usleep(20);
     }
     require(ends == ends_before + 1, "a recording is reported once");
-    const pthread_t teller = std::atomic_ref(record_of(component)->hStopThread).exchange({});
-    if (teller != pthread_t{}) {
-        (void)pthread_join(teller, nullptr);
+    const pthread_t reporter = std::atomic_ref(record_of(component)->hStopThread).exchange({});
+    if (reporter != pthread_t{}) {
+        (void)pthread_join(reporter, nullptr);
     }
     if (output_file >= 0 && writes_left > 0) {
         require(is_whole, "nothing fails without a reason");
@@ -234,8 +235,8 @@ static void offer(OMX_COMPONENTTYPE *component, uint8_t port, Bytes data, int64_
     require(header.nFilledLen == 0 || header.nFilledLen == length, "consumed or kept whole");
 }
 
-// An access unit: up to 7 units with a start code of 3 or 4 bytes, a type and some bytes.
-static Bytes take_access_unit(Input &input)
+// An access unit of up to 7 units, each with a start code of 3 or 4 bytes, a type and some bytes.
+static Bytes take_access_unit(fuzz_input &input)
 {
     static constexpr uint8_t kStartCode[] = {0, 0, 0, 1};
     Bytes data;
@@ -250,7 +251,7 @@ static Bytes take_access_unit(Input &input)
     return data;
 }
 
-static int64_t take_time(Input &input, int64_t ts_us)
+static int64_t take_time(fuzz_input &input, int64_t ts_us)
 {
     const uint32_t form = input.u8();
     if (form < 0xF0) {
@@ -260,7 +261,7 @@ static int64_t take_time(Input &input, int64_t ts_us)
     return form & 1 ? time : time >> 24;
 }
 
-static void take_step(OMX_COMPONENTTYPE *component, Input &input, int64_t *ts_us)
+static void take_step(OMX_COMPONENTTYPE *component, fuzz_input &input, int64_t *ts_us)
 {
     const uint32_t step = input.u8() % 8;
     if (step == 6) {
@@ -282,7 +283,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     static OMX_COMPONENTTYPE *const component = make_component();
     static const int64_t live_blocks = host_live_allocations();
-    Input input = {{data, size}};
+    fuzz_input input = {{data, size}};
     for (int i = 0; i < 3 && !input.left.empty(); i++) {
         const uint32_t budget = input.u8();
         writes_left = budget < 128 ? UINT32_MAX : budget - 128;
@@ -295,7 +296,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         const uint32_t ends_before = ends;
         start(component);
         int64_t ts_us = 1000000;
-        const size_t steps = input.u8() % kMostSteps;
+        const size_t steps = input.u8() % kMaxSteps;
         for (size_t step = 0; step < steps && !input.left.empty(); step++) {
             take_step(component, input, &ts_us);
         }
