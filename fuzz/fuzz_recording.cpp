@@ -6,145 +6,23 @@
 // (1), then the steps, see take_step.
 #include "component/omx_tdmbrec_component.h"
 #include "fuzz/input.h"
+#include "fuzz/recording_environment.h"
 #include "mp4read/mp4_reader.h"
 #include "platform/android_log.h"
 #include "platform/host/host_control.h"
 
-#include <array>
 #include <atomic>
 #include <cstring>
-#include <mutex>
-#include <sanitizer/asan_interface.h> // its macros do nothing in a build without it
-#include <sys/mman.h>
 #include <unistd.h>
 
-static constexpr char kOutput[] = "/mnt/sdcard/fuzz.mp4";
 static constexpr size_t kMaxSteps = 200;
 
-static int output_file = -1;         // a second descriptor of the finished file
-static uint32_t writes_left;         // after them every write fails
-static std::atomic<uint32_t> ends;   // recordings reported
-static std::atomic<uint32_t> reason; // of the last one
+static std::atomic<uint32_t> ends; // recordings reported
 
-// The large blocks of a recording are kept for the next one: fresh memory from the system costs
-// more than all the rest. While a block is in use, a small allocation represents it, so that it is
-// counted and can be refused.
-struct large_block {
-    void *memory;
-    size_t bytes;
-    void *stand_in; // null: free
-};
-static std::array<large_block, 8> large_blocks;
-static std::mutex large_blocks_lock;
-
-extern "C" void *__real_QVR_malloc(size_t bytes);
-extern "C" void __real_QVR_free(void *memory);
-
-extern "C" void *__wrap_QVR_malloc(size_t bytes)
-{
-    if (bytes < 1 << 20) {
-        return __real_QVR_malloc(bytes);
-    }
-    void *const stand_in = __real_QVR_malloc(1);
-    const std::lock_guard lock(large_blocks_lock);
-    for (large_block &block : large_blocks) {
-        if (stand_in != nullptr && block.stand_in == nullptr &&
-            (block.bytes == bytes || block.memory == nullptr)) {
-            block.memory = block.memory == nullptr ? malloc(bytes) : block.memory;
-            ASAN_UNPOISON_MEMORY_REGION(block.memory, bytes);
-            block = {block.memory, bytes, stand_in};
-            return block.memory;
-        }
-    }
-    require(stand_in == nullptr, "a recording has no more than 8 large blocks");
-    return nullptr;
-}
-
-extern "C" void __wrap_QVR_free(void *memory)
-{
-    const std::lock_guard lock(large_blocks_lock);
-    for (large_block &block : large_blocks) {
-        if (memory != nullptr && block.memory == memory) {
-            require(block.stand_in != nullptr, "a block is freed once");
-            __real_QVR_free(block.stand_in);
-            block.stand_in = nullptr;
-            ASAN_POISON_MEMORY_REGION(memory, block.bytes);
-            return;
-        }
-    }
-    __real_QVR_free(memory);
-}
-
-struct frame_totals {
-    size_t count;
-    uint64_t bytes;
-    bool operator==(const frame_totals &) const = default;
-};
-
-static uint32_t cache_units;  // 0: caches of the component's own size, otherwise small ones
-static frame_totals given[3]; // to the muxer, by kind
-static bool is_whole;         // it took every frame and was closed
-
-extern "C" int32_t __real_QVR_MP4_MUX(int32_t op, void **handle, void *param1, void *param2);
-
-// Shrinks the caches, so that the tables of few frames outgrow them.
-extern "C" int32_t __wrap_QVR_MP4_MUX(int32_t op, void **handle, void *param1, void *param2)
-{
-    if (op == MUX_OPEN) {
-        if (cache_units > 0) {
-            mp4_mux_init_t *const init = static_cast<mp4_mux_init_t *>(param1);
-            init->m_iCacheSize = static_cast<int32_t>(cache_units * 24);
-            init->m_iVideoCacheSize = static_cast<int32_t>(cache_units * 16);
-            init->m_iAudioCacheSize = static_cast<int32_t>(cache_units * 8);
-        }
-        std::fill(given, std::end(given), frame_totals{});
-        is_whole = true;
-    }
-    if (op == MUX_CLOSE && cache_units > 0 && param1 != nullptr) {
-        mp4_mux_closemem_t *const memory = static_cast<mp4_mux_closemem_t *>(param1);
-        memory->m_iSize = static_cast<int32_t>(cache_units * cache_units * 4);
-    }
-    const int32_t result = __real_QVR_MP4_MUX(op, handle, param1, param2);
-    if (op == MUX_PUTFRAME && result >= 0) {
-        const mp4_mux_putstream_t *const frame = static_cast<const mp4_mux_putstream_t *>(param1);
-        given[frame->m_iType].count++;
-        given[frame->m_iType].bytes += static_cast<uint64_t>(frame->m_iDataSize);
-    }
-    is_whole = is_whole && (result >= 0 || op == MUX_GET_LAST_ERROR);
-    return result;
-}
-
-extern "C" void *__wrap_QVR_FILE_fopen(const char *name, const char *mode)
-{
-    const int file = memfd_create("fuzz", 0);
-    if (std::strcmp(name, kOutput) == 0) {
-        (void)close(output_file);
-        output_file = dup(file);
-    }
-    FILE *const stream = fdopen(file, mode);
-    (void)setvbuf(stream, nullptr, _IONBF, 0);
-    return stream;
-}
-
-extern "C" size_t __wrap_QVR_FILE_fwrite(const void *bytes, size_t size, size_t count, void *file)
-{
-    if (writes_left == 0) {
-        return 0;
-    }
-    writes_left--;
-    return fwrite(bytes, size, count, static_cast<FILE *>(file));
-}
-
-extern "C" int __wrap_remove(const char *)
-{
-    return 0;
-}
-
-static OMX_ERRORTYPE handle_event(OMX_HANDLETYPE, OMX_PTR, OMX_EVENTTYPE event, OMX_U32,
-                                  OMX_U32 data2, OMX_PTR)
+static OMX_ERRORTYPE handle_event(OMX_HANDLETYPE, OMX_PTR, OMX_EVENTTYPE event, OMX_U32, OMX_U32,
+                                  OMX_PTR)
 {
     if (event == TDMBREC_EVENT_END_OF_RECORDING) {
-        reason = data2;
         ends++;
     }
     return OMX_ErrorNone;
@@ -171,7 +49,7 @@ static OMX_COMPONENTTYPE *make_component()
 static void start(OMX_COMPONENTTYPE *component)
 {
     char path[TDMBREC_PATH_BYTES] = {};
-    std::memcpy(path, kOutput, sizeof(kOutput));
+    std::memcpy(path, kOutputPath, sizeof(kOutputPath));
     (void)OMX_SetParameter(component, TDMBREC_INDEX_OUTPUT_PATH, path);
     (void)OMX_SetParameter(component, TDMBREC_INDEX_START, path);
 }
@@ -188,17 +66,19 @@ static frame_totals frames_of(const mp4_reader::movie &movie, const std::string 
 
 static void check_file()
 {
-    const off_t bytes = lseek(output_file, 0, SEEK_END);
+    const off_t bytes = lseek(environment.output_file, 0, SEEK_END);
     Bytes image(static_cast<size_t>(bytes));
-    require(pread(output_file, image.data(), image.size(), 0) == bytes, "the file can be read");
+    require(pread(environment.output_file, image.data(), image.size(), 0) == bytes,
+            "the file can be read");
     const mp4_reader::movie movie = mp4_reader::read_movie(image);
     const frame_totals none = {};
-    if (given[MUX_TYPE_VIDEO] == none && given[MUX_TYPE_AUDIO] == none) {
+    if (environment.given[MUX_TYPE_VIDEO] == none && environment.given[MUX_TYPE_AUDIO] == none) {
         return; // of a file without a frame the muxer writes only the head
     }
     require(movie.error.empty(), movie.error);
-    require(frames_of(movie, "vide") == given[MUX_TYPE_VIDEO], "every picture is there");
-    require(frames_of(movie, "soun") == given[MUX_TYPE_AUDIO], "all audio is there");
+    require(frames_of(movie, "vide") == environment.given[MUX_TYPE_VIDEO],
+            "every picture is there");
+    require(frames_of(movie, "soun") == environment.given[MUX_TYPE_AUDIO], "all audio is there");
 }
 
 // Ends the recording, if it is still running, and checks its file.
@@ -214,12 +94,12 @@ static void finish(OMX_COMPONENTTYPE *component, uint32_t ends_before)
     if (reporter != pthread_t{}) {
         (void)pthread_join(reporter, nullptr);
     }
-    if (output_file >= 0 && writes_left > 0) {
-        require(is_whole, "nothing fails without a reason");
+    if (environment.output_file >= 0 && environment.writes_left > 0) {
+        require(environment.is_whole, "nothing fails without a reason");
         check_file();
     }
-    (void)close(output_file);
-    output_file = -1;
+    (void)close(environment.output_file);
+    environment.output_file = -1;
 }
 
 static void offer(OMX_COMPONENTTYPE *component, uint8_t port, Bytes data, int64_t ts_us)
@@ -286,9 +166,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     fuzz_input input = {{data, size}};
     for (int i = 0; i < 3 && !input.left.empty(); i++) {
         const uint32_t budget = input.u8();
-        writes_left = budget < 128 ? UINT32_MAX : budget - 128;
+        environment.writes_left = budget < 128 ? UINT32_MAX : budget - 128;
         const uint32_t caches = input.u8();
-        cache_units = caches < 64 ? 0 : 1 + caches % 64;
+        environment.cache_units = caches < 64 ? 0 : 1 + caches % 64;
         host_set_storage(0, 100000, 60000);
         OMX_AUDIO_PARAM_PCMMODETYPE pcm = {};
         pcm.nSamplingRate = budget & 2 ? 48000 : budget & 4 ? 8000 : 50000;
