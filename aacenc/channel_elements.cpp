@@ -9,14 +9,14 @@
 static constexpr int64_t kSilentEnergy = 20;                // a top band up to here carries nothing
 static constexpr uint32_t kNoiseEnergyOffset = 0x29800000U; // 41.5 in Q24
 
-void DetermineChInfo(AacEncChInfo *chInfo0, AacEncChInfo *chInfo1, int32_t channels)
+void DetermineChInfo(AacEncChInfo *ch_info0, AacEncChInfo *ch_info1, int32_t channels)
 {
     if (channels == 1) {
-        *chInfo0 = {.present = 1};
-        *chInfo1 = {};
+        *ch_info0 = {.present = 1};
+        *ch_info1 = {};
     } else {
-        *chInfo0 = {.present = 1, .pair = 1, .firstOfPair = 1, .pairedChannel = 1};
-        *chInfo1 = {.present = 1, .pair = 1, .firstOfPair = 0, .pairedChannel = 0};
+        *ch_info0 = {.present = 1, .pair = 1, .firstOfPair = 1, .pairedChannel = 1};
+        *ch_info1 = {.present = 1, .pair = 1, .firstOfPair = 0, .pairedChannel = 0};
     }
 }
 
@@ -56,51 +56,51 @@ static int32_t noise_energy(uint32_t energy)
 }
 
 // returns: the first band from 1 on that starts at the bandwidth or above
-static int32_t first_noise_band(const AacEncCoderInfo *coderInfo, const EncTfState *tfState)
+static int32_t first_noise_band(const AacEncCoderInfo *coder_info, const EncTfState *tf_state)
 {
-    if (tfState->bwLines == 0) {
+    if (tf_state->bwLines == 0) {
         return 0;
     }
     int32_t band = 1;
-    while (band < tfState->maxSfb && coderInfo->swbOffset[band] < tfState->bwLines) {
+    while (band < tf_state->maxSfb && coder_info->swbOffset[band] < tf_state->bwLines) {
         band++;
     }
     return band;
 }
 
-void AACENC_CalcPNS(int32_t *spectrum, AacEncCoderInfo *coderInfo, const uint8_t *bandWidths,
-                    const EncTfState *tfState)
+void AACENC_CalcPNS(int32_t *spectrum, AacEncCoderInfo *coder_info, const uint8_t *band_widths,
+                    const EncTfState *tf_state)
 {
-    std::fill_n(coderInfo->noiseFlag, kMaxBands, 0);
-    std::fill_n(coderInfo->noiseEnergy, kMaxBands, 0);
+    std::fill_n(coder_info->noiseFlag, kMaxBands, 0);
+    std::fill_n(coder_info->noiseEnergy, kMaxBands, 0);
     int64_t energy[kMaxBands];
-    for (int32_t band = 0; band < tfState->maxSfb; band++) {
-        energy[band] = band_energy(spectrum + coderInfo->swbOffset[band], bandWidths[band]);
+    for (int32_t band = 0; band < tf_state->maxSfb; band++) {
+        energy[band] = band_energy(spectrum + coder_info->swbOffset[band], band_widths[band]);
     }
 
-    const int32_t start_band = first_noise_band(coderInfo, tfState);
-    int32_t top = tfState->maxSfb - 1;
+    const int32_t start_band = first_noise_band(coder_info, tf_state);
+    int32_t top = tf_state->maxSfb - 1;
     while (top > start_band && energy[top] <= kSilentEnergy) {
         top--;
     }
-    clear_lines_from(spectrum, coderInfo->swbOffset[top]);
+    clear_lines_from(spectrum, coder_info->swbOffset[top]);
     for (int32_t band = start_band; band < top; band++) {
-        coderInfo->noiseEnergy[band] = noise_energy(static_cast<uint32_t>(energy[band]));
-        coderInfo->noiseFlag[band] = 1;
+        coder_info->noiseEnergy[band] = noise_energy(static_cast<uint32_t>(energy[band]));
+        coder_info->noiseFlag[band] = 1;
     }
 }
 
-void MSEncode(int32_t *const *spectra, AacEncChInfo *chInfo0, AacEncChInfo *chInfo1,
-              const AacEncCoderInfo *coderInfo0, int32_t channels, const EncTfState *tfState)
+void MSEncode(int32_t *const *spectra, AacEncChInfo *ch_info0, AacEncChInfo *ch_info1,
+              const AacEncCoderInfo *coder_info0, int32_t channels, const EncTfState *tf_state)
 {
-    if (channels != 2 || !chInfo0->present || !chInfo0->pair || !chInfo0->firstOfPair) {
+    if (channels != 2 || !ch_info0->present || !ch_info0->pair || !ch_info0->firstOfPair) {
         return;
     }
-    chInfo0->commonWindow = 1;
-    chInfo1->commonWindow = 1;
-    chInfo0->ms.msMaskPresent = 1;
-    std::fill_n(chInfo0->ms.msUsed, tfState->maxSfb, 1);
-    const int32_t lines = coderInfo0->swbOffset[tfState->maxSfb];
+    ch_info0->commonWindow = 1;
+    ch_info1->commonWindow = 1;
+    ch_info0->ms.msMaskPresent = 1;
+    std::fill_n(ch_info0->ms.msUsed, tf_state->maxSfb, 1);
+    const int32_t lines = coder_info0->swbOffset[tf_state->maxSfb];
     for (int32_t k = 0; k < lines; k++) {
         const int32_t left_half = spectra[0][k] / 2;
         const int32_t right_half = spectra[1][k] / 2;

@@ -30,96 +30,96 @@ static int32_t put_entry(AacEncBitstream *bitstream, uint32_t entry, int32_t wri
 // clang-format off
 
 // source: ISO/IEC 14496-3, Table 4.6, long window
-static int32_t write_ics_info(const AacEncCoderInfo *coderInfo, AacEncBitstream *bs, int32_t write,
-                              const EncTfState *tfState)
+static int32_t write_ics_info(const AacEncCoderInfo *coder_info, AacEncBitstream *bs, int32_t write,
+                              const EncTfState *tf_state)
 {
     int32_t bits = 0;
     bits += put(bs, 0, 1, write);                           // ics_reserved_bit
-    bits += put(bs, coderInfo->windowSequence, 2, write);   // window_sequence
-    bits += put(bs, tfState->windowShape, 1, write);        // window_shape
-    bits += put(bs, tfState->maxSfb, 6, write);             // max_sfb
+    bits += put(bs, coder_info->windowSequence, 2, write);   // window_sequence
+    bits += put(bs, tf_state->windowShape, 1, write);        // window_shape
+    bits += put(bs, tf_state->maxSfb, 6, write);             // max_sfb
     bits += put(bs, 0, 1, write);                           // predictor_data_present
     return bits;
 }
 
 // source: ISO/IEC 14496-3, Table 4.56
-static int32_t write_spectral_data(const AacEncCoderInfo *coderInfo, AacEncBitstream *bs,
-                                   int32_t write, const EncTfState *tfState)
+static int32_t write_spectral_data(const AacEncCoderInfo *coder_info, AacEncBitstream *bs,
+                                   int32_t write, const EncTfState *tf_state)
 {
-    const int32_t channel = coderInfo == tfState->coderInfo[1] ? 1 : 0;
-    const auto *entries = reinterpret_cast<const uint32_t *>(tfState->channelBuffer[channel]);
+    const int32_t channel = coder_info == tf_state->coderInfo[1] ? 1 : 0;
+    const auto *entries = reinterpret_cast<const uint32_t *>(tf_state->channelBuffer[channel]);
     if (write) // hcod, sign bits, hcod_esc
-        return bitstream_put_entries(bs, entries, coderInfo->codewordCount);
+        return bitstream_put_entries(bs, entries, coder_info->codewordCount);
     int32_t bits = 0;
-    for (int32_t i = 0; i < coderInfo->codewordCount; i++)
+    for (int32_t i = 0; i < coder_info->codewordCount; i++)
         bits += static_cast<int32_t>(entries[i] >> 24);
     return bits;
 }
 
-int32_t write_channel_side(const AacEncCoderInfo *coderInfo, int32_t commonWindow,
-                           AacEncBitstream *bs, int32_t write, const EncTfState *tfState)
+int32_t write_channel_side(const AacEncCoderInfo *coder_info, int32_t common_window,
+                           AacEncBitstream *bs, int32_t write, const EncTfState *tf_state)
 {
     int32_t bits = 0;
-    bits += put(bs, coderInfo->globalGain, 8, write);       // global_gain
-    if (!commonWindow)
-        bits += write_ics_info(coderInfo, bs, write, tfState);
-    bits += sort_book_numbers(coderInfo, bs, write, tfState);
-    bits += write_scalefactor_bitstream(bs, write, coderInfo, tfState);
+    bits += put(bs, coder_info->globalGain, 8, write);       // global_gain
+    if (!common_window)
+        bits += write_ics_info(coder_info, bs, write, tf_state);
+    bits += sort_book_numbers(coder_info, bs, write, tf_state);
+    bits += write_scalefactor_bitstream(bs, write, coder_info, tf_state);
     bits += put(bs, 0, 1, write);                           // pulse_data_present
-    bits += WriteTNSData(coderInfo, bs, write);
+    bits += WriteTNSData(coder_info, bs, write);
     bits += put(bs, 0, 1, write);                           // gain_control_data_present
     return bits;
 }
 
-int32_t write_common_window(const AacEncCoderInfo *coderInfo, const AacEncMsInfo *msInfo,
-                            AacEncBitstream *bs, int32_t write, const EncTfState *tfState)
+int32_t write_common_window(const AacEncCoderInfo *coder_info, const AacEncMsInfo *ms_info,
+                            AacEncBitstream *bs, int32_t write, const EncTfState *tf_state)
 {
     int32_t bits = 0;
-    bits += write_ics_info(coderInfo, bs, write, tfState);
-    bits += put(bs, msInfo->msMaskPresent, 2, write);       // ms_mask_present
-    if (msInfo->msMaskPresent == 1) {
-        for (int32_t group = 0; group < tfState->windowGroups; group++)
-            for (int32_t sfb = 0; sfb < tfState->maxSfb; sfb++)
-                bits += put(bs, msInfo->msUsed[sfb], 1, write); // ms_used
+    bits += write_ics_info(coder_info, bs, write, tf_state);
+    bits += put(bs, ms_info->msMaskPresent, 2, write);       // ms_mask_present
+    if (ms_info->msMaskPresent == 1) {
+        for (int32_t group = 0; group < tf_state->windowGroups; group++)
+            for (int32_t sfb = 0; sfb < tf_state->maxSfb; sfb++)
+                bits += put(bs, ms_info->msUsed[sfb], 1, write); // ms_used
     }
     return bits;
 }
 
-int32_t WriteSCE(const AacEncCoderInfo *coderInfo, uint32_t tag, AacEncBitstream *bs, int32_t write,
-                 const EncTfState *tfState)
+int32_t WriteSCE(const AacEncCoderInfo *coder_info, uint32_t tag, AacEncBitstream *bs, int32_t write,
+                 const EncTfState *tf_state)
 {
     int32_t bits = 0;
     bits += put(bs, ID_SCE, 3, write);                      // id_syn_ele
     bits += put(bs, static_cast<int32_t>(tag), 4, write);   // element_instance_tag
-    bits += write_channel_side(coderInfo, 0, bs, write, tfState);
-    bits += write_spectral_data(coderInfo, bs, write, tfState);
+    bits += write_channel_side(coder_info, 0, bs, write, tf_state);
+    bits += write_spectral_data(coder_info, bs, write, tf_state);
     return bits;
 }
 
-int32_t WriteCPE(const AacEncCoderInfo *coderInfoFirst, const AacEncCoderInfo *coderInfoSecond,
-                 uint32_t tag, int32_t commonWindow, const AacEncMsInfo *msInfo,
-                 AacEncBitstream *bs, int32_t write, const EncTfState *tfState)
+int32_t WriteCPE(const AacEncCoderInfo *coder_info_first, const AacEncCoderInfo *coder_info_second,
+                 uint32_t tag, int32_t common_window, const AacEncMsInfo *ms_info,
+                 AacEncBitstream *bs, int32_t write, const EncTfState *tf_state)
 {
     int32_t bits = 0;
     bits += put(bs, ID_CPE, 3, write);                      // id_syn_ele
     bits += put(bs, static_cast<int32_t>(tag), 4, write);   // element_instance_tag
-    bits += put(bs, commonWindow != 0, 1, write);           // common_window
-    if (commonWindow)
-        bits += write_common_window(coderInfoFirst, msInfo, bs, write, tfState);
-    for (const AacEncCoderInfo *coderInfo : {coderInfoFirst, coderInfoSecond}) {
-        bits += write_channel_side(coderInfo, commonWindow, bs, write, tfState);
-        bits += write_spectral_data(coderInfo, bs, write, tfState);
+    bits += put(bs, common_window != 0 ? 1 : 0, 1, write);           // common_window
+    if (common_window)
+        bits += write_common_window(coder_info_first, ms_info, bs, write, tf_state);
+    for (const AacEncCoderInfo *coder_info : {coder_info_first, coder_info_second}) {
+        bits += write_channel_side(coder_info, common_window, bs, write, tf_state);
+        bits += write_spectral_data(coder_info, bs, write, tf_state);
     }
     return bits;
 }
 
-int32_t sort_book_numbers(const AacEncCoderInfo *coderInfo, AacEncBitstream *bs, int32_t write,
-                          const EncTfState *tfState)
+int32_t sort_book_numbers(const AacEncCoderInfo *coder_info, AacEncBitstream *bs, int32_t write,
+                          const EncTfState *tf_state)
 {
     int32_t bits = 0;
-    for (int32_t start = 0, end = 0; start < tfState->maxSfb; start = end) {
-        const uint8_t book = coderInfo->codebook[start];
-        for (end = start + 1; end < tfState->maxSfb && coderInfo->codebook[end] == book;)
+    for (int32_t start = 0, end = 0; start < tf_state->maxSfb; start = end) {
+        const uint8_t book = coder_info->codebook[start];
+        for (end = start + 1; end < tf_state->maxSfb && coder_info->codebook[end] == book;)
             end++;
         bits += put(bs, book, 4, write);                    // sect_cb
         int32_t length = end - start;
@@ -138,17 +138,17 @@ static int32_t put_difference(AacEncBitstream *bs, int32_t difference, int32_t l
 }
 
 int32_t write_scalefactor_bitstream(AacEncBitstream *bs, int32_t write,
-                                    const AacEncCoderInfo *coderInfo, const EncTfState *tfState)
+                                    const AacEncCoderInfo *coder_info, const EncTfState *tf_state)
 {
-    int32_t last = coderInfo->globalGain;
-    int32_t last_noise = coderInfo->globalGain;
+    int32_t last = coder_info->globalGain;
+    int32_t last_noise = coder_info->globalGain;
     int32_t last_position = 0;
     bool first_noise = true;
     int32_t bits = 0;
-    for (int32_t sfb = 0; sfb < tfState->maxSfb; sfb++) {
-        const int32_t scalefactor = coderInfo->scalefactor[sfb];
-        const int32_t energy = coderInfo->noiseEnergy[sfb];
-        switch (coderInfo->codebook[sfb]) {
+    for (int32_t sfb = 0; sfb < tf_state->maxSfb; sfb++) {
+        const int32_t scalefactor = coder_info->scalefactor[sfb];
+        const int32_t energy = coder_info->noiseEnergy[sfb];
+        switch (coder_info->codebook[sfb]) {
         case kZeroBook:
             break;
         case kNoiseBook:
@@ -173,9 +173,9 @@ int32_t write_scalefactor_bitstream(AacEncBitstream *bs, int32_t write,
     return bits;
 }
 
-int32_t WriteTNSData(const AacEncCoderInfo *coderInfo, AacEncBitstream *bs, int32_t write)
+int32_t WriteTNSData(const AacEncCoderInfo *coder_info, AacEncBitstream *bs, int32_t write)
 {
-    const AacEncTns *tns = coderInfo->tns;
+    const AacEncTns *tns = coder_info->tns;
     int32_t bits = 0;
     bits += put(bs, tns->active, 1, write);                 // tns_data_present
     if (!tns->active)

@@ -7,21 +7,22 @@ static constexpr size_t kChannelPcmBytes = kFrameLines * sizeof(int16_t);
 
 static bool params_complete(const AacEncInitParams *params)
 {
-    return params && params->audioInfo && params->streamInfo && params->callbacks &&
-           params->callbacks->allocate && params->callbacks->release && params->callbacks->fill;
+    return params != nullptr && params->audioInfo != nullptr && params->streamInfo != nullptr &&
+           params->callbacks != nullptr && params->callbacks->allocate != nullptr &&
+           params->callbacks->release != nullptr && params->callbacks->fill != nullptr;
 }
 
 // Accepts a half-built handle.
 static void release_handle(AacEncHandle *handle)
 {
     const AacEncCallbacks *callbacks = handle->callbacks;
-    if (handle->right) {
+    if (handle->right != nullptr) {
         callbacks->release(handle->right);
     }
-    if (handle->left) {
+    if (handle->left != nullptr) {
         callbacks->release(handle->left);
     }
-    if (handle->workBlock) {
+    if (handle->workBlock != nullptr) {
         callbacks->release(handle->workBlock);
     }
     callbacks->release(handle);
@@ -30,7 +31,7 @@ static void release_handle(AacEncHandle *handle)
 static AacEncHandle *allocate_handle(const AacEncCallbacks *callbacks)
 {
     auto *handle = static_cast<AacEncHandle *>(callbacks->allocate(sizeof(AacEncHandle)));
-    if (handle) {
+    if (handle != nullptr) {
         callbacks->fill(handle, 0, sizeof(AacEncHandle));
     }
     return handle;
@@ -43,7 +44,7 @@ static void read_config(const AacEncInitParams *params, AacEncConfig *config)
         .sampleRate = params->audioInfo->sampleRate,
         .pns = params->pns,
         .tns = params->tns,
-        .mpeg2Id = params->mpeg2Id != 0,
+        .mpeg2Id = params->mpeg2Id != 0 ? 1 : 0,
         .outputFormat = params->outputFormat,
         .bitRate = params->streamInfo->bitRate,
     };
@@ -53,21 +54,21 @@ static bool allocate_blocks(AacEncHandle *handle, bool deinterleave)
 {
     const AacEncCallbacks *callbacks = handle->callbacks;
     handle->workBlock = static_cast<uint8_t *>(callbacks->allocate(kWorkBlockBytes));
-    if (!handle->workBlock) {
+    if (handle->workBlock == nullptr) {
         return false;
     }
     if (!deinterleave) {
         return true;
     }
     handle->left = static_cast<int16_t *>(callbacks->allocate(kChannelPcmBytes));
-    if (!handle->left) {
+    if (handle->left == nullptr) {
         return false;
     }
     if (handle->config.channels != 2) {
         return true;
     }
     handle->right = static_cast<int16_t *>(callbacks->allocate(kChannelPcmBytes));
-    return handle->right;
+    return handle->right != nullptr;
 }
 
 static int32_t set_up(AacEncHandle *handle, const AacEncInitParams *params)
@@ -99,7 +100,7 @@ static int32_t open_encoder(void **slot, AacEncInitParams *params)
         return AACENC_ERR_INIT;
     }
     AacEncHandle *handle = allocate_handle(params->callbacks);
-    if (!handle) {
+    if (handle == nullptr) {
         return AACENC_ERR_MEMORY;
     }
     const int32_t result = set_up(handle, params);
@@ -126,17 +127,17 @@ static void split_pairs(const int16_t *pairs, int16_t *left, int16_t *right)
 static int32_t encode_frame(AacEncHandle *handle, const AacEncAudioInfo *audio,
                             AacEncStreamInfo *stream)
 {
-    if (!audio || !stream || !stream->output) {
+    if (audio == nullptr || stream == nullptr || stream->output == nullptr) {
         return AACENC_ERR_FRAME;
     }
     const int16_t *left = audio->pcm;
     const int16_t *right = audio->pcmSecond;
     if (audio->deinterleave == 1 && handle->config.channels == 2) {
-        if (!handle->right) {
+        if (handle->right == nullptr) {
             return AACENC_ERR_FRAME;
         }
         right = nullptr;
-        if (left) {
+        if (left != nullptr) {
             split_pairs(left, handle->left, handle->right);
             left = handle->left;
             right = handle->right;
@@ -152,13 +153,13 @@ int32_t QVR_AAC_ENC(int32_t op, void **handle, void *arg3, void *arg4)
     if (op != AACENC_OP_INIT && op != AACENC_OP_ENCODE && op != AACENC_OP_CLOSE) {
         return AACENC_ERR_OPERATION;
     }
-    if (!handle) {
+    if (handle == nullptr) {
         return AACENC_ERR_NO_HANDLE;
     }
     if (op == AACENC_OP_INIT) {
         return open_encoder(handle, static_cast<AacEncInitParams *>(arg3));
     }
-    if (!*handle) {
+    if (*handle == nullptr) {
         return AACENC_ERR_NO_HANDLE;
     }
     auto *encoder = static_cast<AacEncHandle *>(*handle);

@@ -12,38 +12,39 @@ static constexpr int32_t kBitRateUnit = 1000;
 static constexpr int32_t kLowestBitRate = 16000;
 static constexpr int32_t kBitsPerSample = 6; // bound of the bit rate, over all channels
 
-int32_t AACEnc_Create(AacEncHandle *handle, uint8_t *workBlock)
+int32_t AACEnc_Create(AacEncHandle *handle, uint8_t *work_block)
 {
     constexpr uint32_t kStates = sizeof(AacEncState) + sizeof(EncTfState);
-    std::memset(workBlock, 0, kStates);
-    void *const tf_block = workBlock + sizeof(AacEncState);
-    auto *state = static_cast<AacEncState *>(static_cast<void *>(workBlock));
+    std::memset(work_block, 0, kStates);
+    void *const tf_block = work_block + sizeof(AacEncState);
+    auto *state = static_cast<AacEncState *>(static_cast<void *>(work_block));
     state->tfState = static_cast<EncTfState *>(tf_block);
-    state->tfState->heapNext = workBlock + kStates;
+    state->tfState->heapNext = work_block + kStates;
     state->tfState->heapUsed = kStates;
     handle->state = state;
     return 0;
 }
 
-void *AACEnc_malloc(size_t size, EncTfState *tfState)
+void *AACEnc_malloc(size_t size, EncTfState *tf_state)
 {
     const size_t bytes = heap_bytes(size);
     AACENC_CHECK(bytes <= kWorkBlockBytes - tfState->heapUsed);
-    uint8_t *memory = tfState->heapNext;
-    tfState->heapNext += bytes;
-    tfState->heapUsed += static_cast<uint32_t>(bytes);
+    uint8_t *memory = tf_state->heapNext;
+    tf_state->heapNext += bytes;
+    tf_state->heapUsed += static_cast<uint32_t>(bytes);
     std::memset(memory, 0, bytes);
     return memory;
 }
 
-int32_t AACENC_SetBandWidth(int32_t bitRatePerChannel, int32_t sampleRate)
+int32_t AACENC_SetBandWidth(int32_t bit_rate_per_channel, int32_t sample_rate)
 {
     size_t column = 0;
-    while (column < std::size(bandwidth_bounds) && bitRatePerChannel >= bandwidth_bounds[column]) {
+    while (column < std::size(bandwidth_bounds) &&
+           bit_rate_per_channel >= bandwidth_bounds[column]) {
         column++;
     }
     for (const BandwidthRow &row : bandwidth_table) {
-        if (row.sample_rate == sampleRate) {
+        if (row.sample_rate == sample_rate) {
             return row.bandwidth_hz[column];
         }
     }
@@ -61,34 +62,34 @@ static int32_t sampling_index(int32_t sample_rate)
     return -1;
 }
 
-void EncTfInit(const AacEncConfig *config, const void *ignored, EncTfState *tfState)
+void EncTfInit(const AacEncConfig *config, const void *ignored, EncTfState *tf_state)
 {
     static_cast<void>(ignored);
-    tfState->samplingIndex = sampling_index(config->sampleRate);
-    tfState->sampleRate = config->sampleRate;
-    tfState->channels = config->channels;
-    for (int32_t *&buffer : tfState->channelBuffer) {
-        buffer = static_cast<int32_t *>(AACEnc_malloc(kChannelBufferBytes, tfState));
+    tf_state->samplingIndex = sampling_index(config->sampleRate);
+    tf_state->sampleRate = config->sampleRate;
+    tf_state->channels = config->channels;
+    for (int32_t *&buffer : tf_state->channelBuffer) {
+        buffer = static_cast<int32_t *>(AACEnc_malloc(kChannelBufferBytes, tf_state));
     }
-    tfState->work[0] =
-        static_cast<int32_t *>(AACEnc_malloc(kFrameLines * sizeof(int32_t), tfState));
-    tfState->work[1] = tfState->channelBuffer[1] + kFrameLines;
-    for (AacEncTns *&tns : tfState->tns) {
-        tns = static_cast<AacEncTns *>(AACEnc_malloc(sizeof(AacEncTns), tfState));
+    tf_state->work[0] =
+        static_cast<int32_t *>(AACEnc_malloc(kFrameLines * sizeof(int32_t), tf_state));
+    tf_state->work[1] = tf_state->channelBuffer[1] + kFrameLines;
+    for (AacEncTns *&tns : tf_state->tns) {
+        tns = static_cast<AacEncTns *>(AACEnc_malloc(sizeof(AacEncTns), tf_state));
     }
-    for (AacEncCoderInfo *&coder : tfState->coderInfo) {
-        coder = static_cast<AacEncCoderInfo *>(AACEnc_malloc(sizeof(AacEncCoderInfo), tfState));
+    for (AacEncCoderInfo *&coder : tf_state->coderInfo) {
+        coder = static_cast<AacEncCoderInfo *>(AACEnc_malloc(sizeof(AacEncCoderInfo), tf_state));
     }
-    for (AacEncChInfo *&ch_info : tfState->chInfo) {
-        ch_info = static_cast<AacEncChInfo *>(AACEnc_malloc(sizeof(AacEncChInfo), tfState));
+    for (AacEncChInfo *&ch_info : tf_state->chInfo) {
+        ch_info = static_cast<AacEncChInfo *>(AACEnc_malloc(sizeof(AacEncChInfo), tf_state));
     }
-    tfState->windowShape = kSineWindow;
-    tfState->windowSequence[0] = kOnlyLongSequence;
-    tfState->windowSequence[1] = kOnlyLongSequence;
-    tfState->lastGain = kFirstGlobalGain;
+    tf_state->windowShape = kSineWindow;
+    tf_state->windowSequence[0] = kOnlyLongSequence;
+    tf_state->windowSequence[1] = kOnlyLongSequence;
+    tf_state->lastGain = kFirstGlobalGain;
     for (int32_t ch = 0; ch < kMaxChannels; ch++) {
-        TnsInit(config->sampleRate, tfState->tns[ch]);
-        tfState->coderInfo[ch]->tns = tfState->tns[ch];
+        TnsInit(config->sampleRate, tf_state->tns[ch]);
+        tf_state->coderInfo[ch]->tns = tf_state->tns[ch];
     }
 }
 

@@ -35,7 +35,7 @@ static_assert(sizeof(EncTfState) % sizeof(void *) == 0);
 
 // Lays the two states and the empty heap out at the start of the work block.
 // returns: 0
-[[nodiscard]] int32_t AACEnc_Create(AacEncHandle *handle, uint8_t *workBlock);
+[[nodiscard]] int32_t AACEnc_Create(AacEncHandle *handle, uint8_t *work_block);
 
 // Checks the configuration and sets the encoder up for it.
 // returns: 0, or kInitBadConfig for a bad bit rate or number of channels, or kInitBadSampleRate
@@ -44,12 +44,12 @@ static_assert(sizeof(EncTfState) % sizeof(void *) == 0);
 // Allocates the transform coder's records and sets them up.
 // in:      config   with a sample rate of SampleRates
 //          ignored  not read
-void EncTfInit(const AacEncConfig *config, const void *ignored, EncTfState *tfState);
+void EncTfInit(const AacEncConfig *config, const void *ignored, EncTfState *tf_state);
 
 // Takes cleared memory from the work block's heap, which the block's size covers.
-[[nodiscard]] void *AACEnc_malloc(size_t size, EncTfState *tfState);
+[[nodiscard]] void *AACEnc_malloc(size_t size, EncTfState *tf_state);
 
 // returns: audio bandwidth in Hz, 0 for an unknown sample rate
-[[nodiscard]] int32_t AACENC_SetBandWidth(int32_t bitRatePerChannel, int32_t sampleRate);
+[[nodiscard]] int32_t AACENC_SetBandWidth(int32_t bit_rate_per_channel, int32_t sample_rate);
 
 #endif // AACENC_ENCODER_SETUP_H

@@ -24,9 +24,9 @@ static bool takes_vectors()
 #endif
 }
 
-void buffer2freq(const int16_t *cur, int32_t *spec, const int16_t *prev, uint32_t frameCounter)
+void buffer2freq(const int16_t *cur, int32_t *spec, const int16_t *prev, uint32_t frame_counter)
 {
-    if (frameCounter == 0) {
+    if (frame_counter == 0) {
         std::fill_n(spec, kFrameLines, 0);
     } else if (takes_vectors()) {
         transform_vector(cur, spec, prev);

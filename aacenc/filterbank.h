@@ -8,10 +8,10 @@
 // of the samples. The first frame since init yields zeros.
 // in:      cur           this frame
 //          prev          the frame before
-//          frameCounter  0 for the first frame
+//          frame_counter  0 for the first frame
 // out:     spec          1024 lines, magnitudes below 2^26
 // source:  ISO/IEC 14496-3, 4.6.11.3
-void buffer2freq(const int16_t *cur, int32_t *spec, const int16_t *prev, uint32_t frameCounter);
+void buffer2freq(const int16_t *cur, int32_t *spec, const int16_t *prev, uint32_t frame_counter);
 
 // The transform of buffer2freq in portable code: in place in `spec`, its twiddle factors made by
 // recurrence.

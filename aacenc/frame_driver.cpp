@@ -122,41 +122,41 @@ static void write_elements(AacEncBitstream *bitstream, const EncTfState *tf)
     AACENC_ByteAlign(bitstream);
 }
 
-int32_t EncTfFrame(AacEncState *state, AacEncBitstream *bitstream, EncTfState *tfState)
+int32_t EncTfFrame(AacEncState *state, AacEncBitstream *bitstream, EncTfState *tf_state)
 {
-    if (!state || !bitstream || !tfState) {
+    if (state == nullptr || bitstream == nullptr || tf_state == nullptr) {
         return -1;
     }
     for (int32_t ch = 0; ch < state->channels; ch++) {
-        if (!state->pcm[ch]) {
+        if (state->pcm[ch] == nullptr) {
             return -1;
         }
     }
 
-    DetermineChInfo(tfState->chInfo[0], tfState->chInfo[1], state->channels);
-    const uint8_t *widths = set_bands(tfState);
+    DetermineChInfo(tf_state->chInfo[0], tf_state->chInfo[1], state->channels);
+    const uint8_t *widths = set_bands(tf_state);
     for (int32_t ch = 0; ch < state->channels; ch++) {
-        transform_channel(state, ch, tfState);
+        transform_channel(state, ch, tf_state);
     }
     for (int32_t ch = 0; ch < state->channels; ch++) {
-        set_band_offsets(tfState->coderInfo[ch], widths, tfState->sfbTotal);
+        set_band_offsets(tf_state->coderInfo[ch], widths, tf_state->sfbTotal);
     }
 
     // bitsAvailable is the reservoir with the frame's mean bits already added.
     const int32_t extra_bits =
         ((state->bitsAvailable - state->channels) & ~7) - 3 - state->meanBits;
-    const int32_t shaped = shape_channels(state, tfState);
+    const int32_t shaped = shape_channels(state, tf_state);
     if (shaped < 0) {
         return shaped;
     }
-    apply_stereo_and_noise(state, widths, tfState);
-    if (code_channels(state, extra_bits, bitstream, tfState) < 0) {
+    apply_stereo_and_noise(state, widths, tf_state);
+    if (code_channels(state, extra_bits, bitstream, tf_state) < 0) {
         return -1;
     }
-    write_elements(bitstream, tfState);
+    write_elements(bitstream, tf_state);
 
     for (int32_t ch = 0; ch < state->channels; ch++) {
-        std::memcpy(previous_frame(tfState->channelBuffer[ch]), state->pcm[ch],
+        std::memcpy(previous_frame(tf_state->channelBuffer[ch]), state->pcm[ch],
                     kFrameLines * sizeof(int16_t));
     }
     return 0;
@@ -164,7 +164,7 @@ int32_t EncTfFrame(AacEncState *state, AacEncBitstream *bitstream, EncTfState *t
 
 // clang-format off
 
-int32_t AACEnc_WriteADTSHeader(const AacEncState *state, int32_t frameLength, uint8_t *outBuffer)
+int32_t AACEnc_WriteADTSHeader(const AacEncState *state, int32_t frame_length, uint8_t *out_buffer)
 {
     const int32_t frequency_index = state->tfState->samplingIndex + kFirstFrequencyIndex;
     uint8_t header[kAdtsHeaderBytes + 1]; // the writer opens the byte behind a full one
@@ -182,30 +182,30 @@ int32_t AACEnc_WriteADTSHeader(const AacEncState *state, int32_t frameLength, ui
     BsPutBit(&bs, 0, 1);                                         // home
     BsPutBit(&bs, 0, 1);                                         // copyright_identification_bit
     BsPutBit(&bs, 0, 1);                                         // copyright_identification_start
-    BsPutBit(&bs, static_cast<uint32_t>(frameLength), 13);       // aac_frame_length
+    BsPutBit(&bs, static_cast<uint32_t>(frame_length), 13);       // aac_frame_length
     BsPutBit(&bs, 0x7FF, 11);                                    // adts_buffer_fullness
     BsPutBit(&bs, 0, 2);                                         // number_of_raw_data_blocks_in_frame
     const int32_t bits = AACENC_BsBufferNumBit(&bs);
-    std::memcpy(outBuffer, header, kAdtsHeaderBytes);
+    std::memcpy(out_buffer, header, kAdtsHeaderBytes);
     return bits;
 }
 
 // clang-format on
 
-int32_t AACEnc_EncodeFrame(AacEncState *state, const int16_t *pcmLeft, const int16_t *pcmRight,
-                           uint8_t *outBuffer, int32_t *outLength)
+int32_t AACEnc_EncodeFrame(AacEncState *state, const int16_t *pcm_left, const int16_t *pcm_right,
+                           uint8_t *out_buffer, int32_t *out_length)
 {
     EncTfState *tf = state->tfState;
-    if (pcmLeft) {
-        state->pcm[0] = pcmLeft;
+    if (pcm_left != nullptr) {
+        state->pcm[0] = pcm_left;
     }
-    if (pcmRight) {
-        state->pcm[1] = pcmRight;
+    if (pcm_right != nullptr) {
+        state->pcm[1] = pcm_right;
     }
     state->bitsAvailable = std::min(state->bitsAvailable, kReservoirBits) + state->meanBits;
 
     const bool adts = state->outputFormat == AACENC_FORMAT_ADTS;
-    bitstream_start(tf->bitstream, outBuffer + (adts ? kAdtsHeaderBytes : 0));
+    bitstream_start(tf->bitstream, out_buffer + (adts ? kAdtsHeaderBytes : 0));
     const int32_t tns = state->tns;
     if (tf->frameCounter < kTnsHoldOffFrames) {
         state->tns = 0;
@@ -223,8 +223,8 @@ int32_t AACEnc_EncodeFrame(AacEncState *state, const int16_t *pcmLeft, const int
     int32_t bytes = (bits + 7) / 8;
     if (adts) {
         bytes += kAdtsHeaderBytes;
-        AACEnc_WriteADTSHeader(state, bytes, outBuffer);
+        AACEnc_WriteADTSHeader(state, bytes, out_buffer);
     }
-    *outLength = bytes;
+    *out_length = bytes;
     return 0;
 }

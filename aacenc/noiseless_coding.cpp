@@ -131,7 +131,7 @@ static uint32_t *pack_signs(const int32_t *values, int32_t count, uint32_t *out)
 {
     for (int32_t i = 0; i < count; i++) {
         *out = 1U << 24 | (values[i] < 0 ? 1U : 0U); // stands only when the next entry follows it
-        out += values[i] != 0;
+        out += values[i] != 0 ? 1 : 0;
     }
     return out;
 }
@@ -182,8 +182,8 @@ int32_t count_codewords(int32_t book, const int32_t *values, int32_t count)
     int32_t entries = count / (book <= 4 ? 4 : 2);
     const bool has_signs = book >= 7 || book == 3 || book == 4;
     for (int32_t k = 0; has_signs && k < count; k++) {
-        entries += values[k] != 0;
-        entries += book == kEscapeBook && std::abs(values[k]) >= kEscapeMark;
+        entries += values[k] != 0 ? 1 : 0;
+        entries += book == kEscapeBook && std::abs(values[k]) >= kEscapeMark ? 1 : 0;
     }
     return entries;
 }

@@ -295,34 +295,34 @@ static void pack_channel(Channel *channel, uint32_t *list)
     AACENC_CHECK(coder->codewordCount <= kMaxCodewords);
 }
 
-int32_t tf_encode_spectrum_aac(int32_t *const *spectrumPtr, uint8_t windowSequence,
-                               int32_t bitBudget, AacEncBitstream *bitstream,
-                               AacEncCoderInfo *coderInfo, const AacEncChInfo *chInfo,
-                               EncTfState *tfState)
+int32_t tf_encode_spectrum_aac(int32_t *const *spectrum, uint8_t window_sequence,
+                               int32_t bit_budget, AacEncBitstream *bitstream,
+                               AacEncCoderInfo *coder_info, const AacEncChInfo *ch_info,
+                               EncTfState *tf_state)
 {
     // The list grows over the spectrum and, in the second channel's buffer, over the powers; the
     // quantised lines must lie elsewhere.
     Channel channel = {
-        .spectrum = *spectrumPtr,
-        .power = tfState->work[1],
-        .quantised = tfState->work[0],
-        .coder = coderInfo,
+        .spectrum = *spectrum,
+        .power = tf_state->work[1],
+        .quantised = tf_state->work[0],
+        .coder = coder_info,
         .bitstream = bitstream,
-        .tf = tfState,
-        .common_window = chInfo->commonWindow,
+        .tf = tf_state,
+        .common_window = ch_info->commonWindow,
     };
-    coderInfo->windowSequence = windowSequence;
-    channel.side_bits = WriteTNSData(coderInfo, bitstream, 0) + kSideAllowance;
-    std::fill_n(coderInfo->scalefactor, tfState->sfbTotal, 0);
-    std::fill_n(coderInfo->codebook, tfState->sfbTotal, kZeroBook);
+    coder_info->windowSequence = window_sequence;
+    channel.side_bits = WriteTNSData(coder_info, bitstream, 0) + kSideAllowance;
+    std::fill_n(coder_info->scalefactor, tf_state->sfbTotal, 0);
+    std::fill_n(coder_info->codebook, tf_state->sfbTotal, kZeroBook);
     find_powers(&channel);
 
-    const int32_t searched_gain = search_gain(&channel, bitBudget);
-    const bool another_follows = chInfo->pair && chInfo->firstOfPair;
-    const int32_t limit = tfState->bitsLeft - (another_follows ? kEmptyChannelBits : 0);
+    const int32_t searched_gain = search_gain(&channel, bit_budget);
+    const bool another_follows = ch_info->pair != 0 && ch_info->firstOfPair != 0;
+    const int32_t limit = tf_state->bitsLeft - (another_follows ? kEmptyChannelBits : 0);
     int32_t bits = 0;
-    tfState->lastGain = keep_in_syntax(&channel, searched_gain, limit, &bits);
-    tfState->bitsLeft -= bits;
-    pack_channel(&channel, reinterpret_cast<uint32_t *>(*spectrumPtr));
+    tf_state->lastGain = keep_in_syntax(&channel, searched_gain, limit, &bits);
+    tf_state->bitsLeft -= bits;
+    pack_channel(&channel, reinterpret_cast<uint32_t *>(*spectrum));
     return 0;
 }

@@ -24,10 +24,10 @@ int32_t AACENC_L_add(int32_t a, int32_t b)
     return sat32(static_cast<int64_t>(a) + b);
 }
 
-void TnsInit(int32_t sampleRate, AacEncTns *tns)
+void TnsInit(int32_t sample_rate, AacEncTns *tns)
 {
     for (int32_t position = 0; position < 9; position++) {
-        if (tnsSupportedSamplingRates[position] == sampleRate) {
+        if (tnsSupportedSamplingRates[position] == sample_rate) {
             tns->minBand = tnsMinBandNumberLong[8 - position];
             tns->maxBands = tnsMaxBandsLongMainLow[8 - position];
             tns->maxOrder = tnsMaxOrderLongLow;
@@ -79,11 +79,11 @@ static void raise_order(int32_t *predictor_q28, int32_t m, int32_t k_q28)
     }
 }
 
-int32_t LevinsonDurbin_fixed(int32_t length, const int32_t *lines, int32_t *reflectionOut)
+int32_t LevinsonDurbin_fixed(int32_t length, const int32_t *lines, int32_t *reflection_out)
 {
     int64_t r[kMaxTnsOrder + 1];
     autocorrelate(length, lines, r);
-    std::fill_n(reflectionOut + 1, kMaxTnsOrder, 0);
+    std::fill_n(reflection_out + 1, kMaxTnsOrder, 0);
     if (r[0] == 0) {
         return 0;
     }
@@ -109,11 +109,11 @@ int32_t LevinsonDurbin_fixed(int32_t length, const int32_t *lines, int32_t *refl
         const int32_t error_places = AACENC_snorm_l2(error, &error_norm);
         const int64_t numerator = -correlation * (int64_t{1} << error_places);
         const int32_t k_q28 = narrow_s32(numerator / (error_norm >> 28));
-        reflectionOut[m] = k_q28;
+        reflection_out[m] = k_q28;
         raise_order(predictor_q28, m, k_q28);
         error = (error - mul_q28(mul_q28(error, k_q28), k_q28)) | 1;
     }
-    return r[0] > (error * kGainThreshold_q14) >> 14;
+    return r[0] > (error * kGainThreshold_q14) >> 14 ? 1 : 0;
 }
 
 void QuantizeReflectionCoeffs_fixedVer(int32_t *reflection, int8_t *indices)
@@ -128,32 +128,32 @@ void QuantizeReflectionCoeffs_fixedVer(int32_t *reflection, int8_t *indices)
     }
 }
 
-int32_t StepUp_fixedVer(int32_t order, const int32_t *reflection, int32_t *directForm)
+int32_t StepUp_fixedVer(int32_t order, const int32_t *reflection, int32_t *direct_form)
 {
     int32_t before[kMaxTnsOrder + 1];
-    std::fill_n(directForm, order + 1, 0);
-    directForm[0] = kOne_q29;
+    std::fill_n(direct_form, order + 1, 0);
+    direct_form[0] = kOne_q29;
     for (int32_t m = 1; m <= order; m++) {
-        std::copy_n(directForm, m + 1, before);
+        std::copy_n(direct_form, m + 1, before);
         for (int32_t j = 1; j <= m; j++) {
             const int64_t sum = before[j] + (mul_s64(reflection[m], before[m - j]) >> 29);
             if (sum != static_cast<int32_t>(sum)) {
                 return -1;
             }
-            directForm[j] = static_cast<int32_t>(sum);
+            direct_form[j] = static_cast<int32_t>(sum);
         }
     }
     return 0;
 }
 
 void TnsInvFilter_fixedVer04(int32_t length, int32_t *lines, int32_t order,
-                             const int32_t *directForm, int32_t *work)
+                             const int32_t *direct_form, int32_t *work)
 {
     std::copy_n(lines, length, work);
     for (int32_t n = 0; n < length; n++) {
         int64_t error = work[n];
         for (int32_t i = 1; i <= std::min(n, order); i++) {
-            error += mul_s64(directForm[i], work[n - i]) >> 29;
+            error += mul_s64(direct_form[i], work[n - i]) >> 29;
         }
         lines[n] = sat32(error);
     }
@@ -171,7 +171,7 @@ static int32_t truncate_order(AacEncTnsFilter *filter)
     return order;
 }
 
-int32_t TnsEncode_fixedVer(int32_t nsfb, int32_t maxSfb, const int32_t *swbOffset,
+int32_t TnsEncode_fixedVer(int32_t nsfb, int32_t max_sfb, const int32_t *swb_offset,
                            int32_t *spectrum, AacEncTns *tns, int32_t enable, int32_t *work1,
                            int32_t *work2)
 {
@@ -181,8 +181,8 @@ int32_t TnsEncode_fixedVer(int32_t nsfb, int32_t maxSfb, const int32_t *swbOffse
     }
     tns->nFilt = 0;
     tns->coefRes = kCoefRes;
-    const int32_t start = swbOffset[std::min({maxSfb, tns->maxBands, tns->minBand})];
-    const int32_t end = swbOffset[std::min({nsfb, tns->maxBands, maxSfb})];
+    const int32_t start = swb_offset[std::min({max_sfb, tns->maxBands, tns->minBand})];
+    const int32_t end = swb_offset[std::min({nsfb, tns->maxBands, max_sfb})];
     if (end - start < 1) {
         return -2;
     }

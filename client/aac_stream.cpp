@@ -53,9 +53,9 @@ void aac_stream_open(aac_stream &stream, const aac_settings &settings)
                                .callbacks = &memory_callbacks,
                                .outputFormat = settings.raw ? uint8_t{AACENC_FORMAT_RAW}
                                                             : uint8_t{AACENC_FORMAT_ADTS},
-                               .pns = settings.pns,
-                               .tns = settings.tns,
-                               .mpeg2Id = settings.mpeg2};
+                               .pns = settings.pns ? 1 : 0,
+                               .tns = settings.tns ? 1 : 0,
+                               .mpeg2Id = settings.mpeg2 ? 1 : 0};
     const int32_t result = QVR_AAC_ENC(AACENC_OP_INIT, &stream.encoder, &params, nullptr);
     if (result != AACENC_OK) {
         throw failure(exit_code::component,
@@ -93,7 +93,7 @@ static void put(header_bits &out, unsigned width, uint32_t value)
 
 std::vector<uint8_t> adif_header(const aac_settings &settings)
 {
-    const uint32_t is_pair = settings.channels == 2;
+    const uint32_t is_pair = settings.channels == 2 ? 1 : 0;
     const uint32_t rate_index = static_cast<uint32_t>(aac_rate_index(settings.rate));
     header_bits out;
     // clang-format off

@@ -92,30 +92,30 @@ static void send(il_session &self, const std::vector<OMX_BUFFERHEADERTYPE *> &bu
 
 // The callbacks, on the component's threads.
 
-static OMX_ERRORTYPE on_event(OMX_HANDLETYPE, OMX_PTR pAppData, OMX_EVENTTYPE eEvent,
-                              OMX_U32 nData1, OMX_U32 nData2, OMX_PTR)
+static OMX_ERRORTYPE on_event(OMX_HANDLETYPE, OMX_PTR app_data, OMX_EVENTTYPE event, OMX_U32 data1,
+                              OMX_U32 data2, OMX_PTR)
 {
-    il_session &self = *static_cast<il_session *>(pAppData);
+    il_session &self = *static_cast<il_session *>(app_data);
     {
         const std::lock_guard<std::mutex> guard(self.lock);
-        if (eEvent == OMX_EventCmdComplete && nData1 == OMX_CommandStateSet) {
-            self.state = static_cast<OMX_STATETYPE>(nData2);
-        } else if (eEvent == OMX_EventError) {
-            note_error(self, static_cast<OMX_ERRORTYPE>(nData1), false);
-        } else if (static_cast<uint32_t>(eEvent) == kEventRecordingEnded) {
-            self.stopped = nData2;
+        if (event == OMX_EventCmdComplete && data1 == OMX_CommandStateSet) {
+            self.state = static_cast<OMX_STATETYPE>(data2);
+        } else if (event == OMX_EventError) {
+            note_error(self, static_cast<OMX_ERRORTYPE>(data1), false);
+        } else if (static_cast<uint32_t>(event) == kEventRecordingEnded) {
+            self.stopped = data2;
         }
     }
     self.changed.notify_all();
     return OMX_ErrorNone;
 }
 
-static OMX_ERRORTYPE on_empty_buffer_done(OMX_HANDLETYPE, OMX_PTR pAppData,
-                                          OMX_BUFFERHEADERTYPE *pBuffer)
+static OMX_ERRORTYPE on_empty_buffer_done(OMX_HANDLETYPE, OMX_PTR app_data,
+                                          OMX_BUFFERHEADERTYPE *buffer)
 {
-    il_session &self = *static_cast<il_session *>(pAppData);
+    il_session &self = *static_cast<il_session *>(app_data);
     std::unique_lock<std::mutex> guard(self.lock);
-    self.ports[pBuffer->nInputPortIndex].free.push_back(pBuffer);
+    self.ports[buffer->nInputPortIndex].free.push_back(buffer);
     if (--self.out > 0) {
         return OMX_ErrorNone;
     }

@@ -89,19 +89,19 @@ OMX_ERRORTYPE OMX_Deinit(void)
     return OMX_ErrorNone;
 }
 
-OMX_ERRORTYPE OMX_ComponentNameEnum(OMX_STRING cComponentName, OMX_U32 nNameLength, OMX_U32 nIndex)
+OMX_ERRORTYPE OMX_ComponentNameEnum(OMX_STRING component_name, OMX_U32 name_length, OMX_U32 index)
 {
-    if (cComponentName == nullptr) {
+    if (component_name == nullptr) {
         return OMX_ErrorBadParameter;
     }
-    if (nIndex >= std::size(components)) {
+    if (index >= std::size(components)) {
         return OMX_ErrorNoMore;
     }
-    const std::string_view name = components[nIndex].name;
-    if (nNameLength <= name.size()) {
+    const std::string_view name = components[index].name;
+    if (name_length <= name.size()) {
         return OMX_ErrorBadParameter;
     }
-    std::memcpy(cComponentName, name.data(), name.size() + 1);
+    std::memcpy(component_name, name.data(), name.size() + 1);
     return OMX_ErrorNone;
 }
 
@@ -124,18 +124,18 @@ static OMX_ERRORTYPE make_handle(component_row_t &row, OMX_PTR app_data,
     return component->SetCallbacks(component, callbacks, app_data);
 }
 
-OMX_ERRORTYPE OMX_GetHandle(OMX_HANDLETYPE *pHandle, OMX_STRING cComponentName, OMX_PTR pAppData,
-                            OMX_CALLBACKTYPE *pCallBacks)
+OMX_ERRORTYPE OMX_GetHandle(OMX_HANDLETYPE *handle, OMX_STRING component_name, OMX_PTR app_data,
+                            OMX_CALLBACKTYPE *callbacks)
 {
-    if (pHandle == nullptr || cComponentName == nullptr || pCallBacks == nullptr) {
+    if (handle == nullptr || component_name == nullptr || callbacks == nullptr) {
         return OMX_ErrorBadParameter;
     }
-    *pHandle = nullptr;
+    *handle = nullptr;
     const std::lock_guard<std::mutex> guard(core_lock);
     if (init_count == 0) {
         return OMX_ErrorNotReady;
     }
-    component_row_t *const row = find_component(cComponentName);
+    component_row_t *const row = find_component(component_name);
     if (row == nullptr || !load(*row)) {
         return OMX_ErrorComponentNotFound;
     }
@@ -144,7 +144,7 @@ OMX_ERRORTYPE OMX_GetHandle(OMX_HANDLETYPE *pHandle, OMX_STRING cComponentName, 
         return OMX_ErrorInsufficientResources;
     }
     OMX_COMPONENTTYPE *const component = static_cast<OMX_COMPONENTTYPE *>(memory);
-    const OMX_ERRORTYPE made = make_handle(*row, pAppData, pCallBacks, component);
+    const OMX_ERRORTYPE made = make_handle(*row, app_data, callbacks, component);
     if (made != OMX_ErrorNone) {
         // What was built before the failure is the component's own to release.
         if (component->ComponentDeInit != nullptr && component->pComponentPrivate != nullptr) {
@@ -153,16 +153,16 @@ OMX_ERRORTYPE OMX_GetHandle(OMX_HANDLETYPE *pHandle, OMX_STRING cComponentName, 
         std::free(component);
         return made;
     }
-    *pHandle = component;
+    *handle = component;
     return OMX_ErrorNone;
 }
 
-OMX_ERRORTYPE OMX_FreeHandle(OMX_HANDLETYPE hComponent)
+OMX_ERRORTYPE OMX_FreeHandle(OMX_HANDLETYPE handle)
 {
-    if (hComponent == nullptr) {
+    if (handle == nullptr) {
         return OMX_ErrorBadParameter;
     }
-    OMX_COMPONENTTYPE *const component = static_cast<OMX_COMPONENTTYPE *>(hComponent);
+    OMX_COMPONENTTYPE *const component = static_cast<OMX_COMPONENTTYPE *>(handle);
     const OMX_ERRORTYPE freed = component->ComponentDeInit(component);
     std::free(component);
     return freed;
@@ -179,23 +179,22 @@ static OMX_ERRORTYPE request_tunnel(OMX_HANDLETYPE handle, OMX_U32 port, OMX_HAN
 }
 
 // The output port is asked first: it proposes what the input port decides on.
-OMX_ERRORTYPE OMX_SetupTunnel(OMX_HANDLETYPE hOutput, OMX_U32 nPortOutput, OMX_HANDLETYPE hInput,
-                              OMX_U32 nPortInput)
+OMX_ERRORTYPE OMX_SetupTunnel(OMX_HANDLETYPE output, OMX_U32 output_port, OMX_HANDLETYPE input,
+                              OMX_U32 input_port)
 {
-    if (hOutput == nullptr && hInput == nullptr) {
+    if (output == nullptr && input == nullptr) {
         return OMX_ErrorBadParameter;
     }
     OMX_TUNNELSETUPTYPE setup = {};
-    if (hOutput != nullptr) {
-        const OMX_ERRORTYPE error =
-            request_tunnel(hOutput, nPortOutput, hInput, nPortInput, &setup);
-        if (error != OMX_ErrorNone || hInput == nullptr) {
+    if (output != nullptr) {
+        const OMX_ERRORTYPE error = request_tunnel(output, output_port, input, input_port, &setup);
+        if (error != OMX_ErrorNone || input == nullptr) {
             return error;
         }
     }
-    const OMX_ERRORTYPE error = request_tunnel(hInput, nPortInput, hOutput, nPortOutput, &setup);
-    if (error != OMX_ErrorNone && hOutput != nullptr) { // half a tunnel is none
-        (void)request_tunnel(hOutput, nPortOutput, nullptr, 0, &setup);
+    const OMX_ERRORTYPE error = request_tunnel(input, input_port, output, output_port, &setup);
+    if (error != OMX_ErrorNone && output != nullptr) { // half a tunnel is none
+        (void)request_tunnel(output, output_port, nullptr, 0, &setup);
     }
     return error;
 }

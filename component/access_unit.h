@@ -39,28 +39,27 @@ typedef struct access_unit_t {
 
 // Describes `length` bytes of data.
 // returns false when they are no access unit: no start code at their start, or no unit behind it.
-[[nodiscard]] bool describe_access_unit(const uint8_t *pData, uint32_t length,
-                                        access_unit_t *pAccessUnit);
+[[nodiscard]] bool describe_access_unit(const uint8_t *data, uint32_t length,
+                                        access_unit_t *access_unit);
 
-// Takes the first unit at or after *pAt, and moves *pAt to the end of its bytes.
+// Takes the first unit at or after *at, and moves *at to the end of its bytes.
 // returns false when there is none.
-[[nodiscard]] bool take_unit(const uint8_t *pData, uint32_t length, uint32_t *pAt,
-                             nal_unit_t *pUnit);
+[[nodiscard]] bool take_unit(const uint8_t *data, uint32_t length, uint32_t *at, nal_unit_t *unit);
 
-// Replaces every start code of `length` bytes at pData, which begin with one, by the length of the
+// Replaces every start code of `length` bytes at data, which begin with one, by the length of the
 // unit behind it. Zero bytes that trail a unit, and units without a byte, are left out.
-// in       pOut: pData itself when every start code has 4 bytes, else other memory with room for
+// in       out: data itself when every start code has 4 bytes, else other memory with room for
 //          length bytes and one for every unit
 // returns  the bytes written
-[[nodiscard]] uint32_t prefix_lengths(const uint8_t *pData, uint32_t length, uint8_t *pOut);
+[[nodiscard]] uint32_t prefix_lengths(const uint8_t *data, uint32_t length, uint8_t *out);
 
-// Copies the units of `length` bytes at pData with a start code of 4 bytes in front of each; leaves
+// Copies the units of `length` bytes at data with a start code of 4 bytes in front of each; leaves
 // out what prefix_lengths leaves out.
-// in       pOut: other memory than pData, with room for length bytes and one for every unit
+// in       out: other memory than data, with room for length bytes and one for every unit
 // returns  the bytes written
-[[nodiscard]] uint32_t copy_units(const uint8_t *pData, uint32_t length, uint8_t *pOut);
+[[nodiscard]] uint32_t copy_units(const uint8_t *data, uint32_t length, uint8_t *out);
 
 // Writes a 32-bit big-endian number.
-void write_be32(uint8_t *pOut, uint32_t value);
+void write_be32(uint8_t *out, uint32_t value);
 
 #endif // COMPONENT_ACCESS_UNIT_H

@@ -8,14 +8,14 @@
 typedef enum audio_result_t {
     kAudioConsumed,
     kAudioRetry, // the encoder cannot be initialised; the buffer is untouched
-    kAudioStop   // a write ended the recording, see *pResult
+    kAudioStop   // a write ended the recording, see *result
 } audio_result_t;
 
-// Queues the PCM of an audio buffer with time uiTime, encodes every frame that it completes, and
+// Queues the PCM of an audio buffer with time time, encodes every frame that it completes, and
 // writes each with its own time.
 // thread: the buffer thread, while recording
-[[nodiscard]] audio_result_t handle_audio_buffer(omx_tdmbrec_component_PrivateType *pPrivate,
-                                                 OMX_BUFFERHEADERTYPE *pBuffer, uint32_t uiTime,
-                                                 write_result_t *pResult);
+[[nodiscard]] audio_result_t handle_audio_buffer(omx_tdmbrec_component_PrivateType *self,
+                                                 OMX_BUFFERHEADERTYPE *buffer, uint32_t time,
+                                                 write_result_t *result);
 
 #endif // COMPONENT_AUDIO_PATH_H

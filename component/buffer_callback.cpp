@@ -16,10 +16,10 @@
 // Why the recording has to end; empty when it continues.
 typedef std::optional<tdmbrec_stop_reason_t> stop_demand_t;
 
-static bool lies_within_allocation(const OMX_BUFFERHEADERTYPE *pBuffer)
+static bool lies_within_allocation(const OMX_BUFFERHEADERTYPE *buffer)
 {
-    return pBuffer->pBuffer != nullptr && pBuffer->nOffset <= pBuffer->nAllocLen &&
-           pBuffer->nFilledLen <= pBuffer->nAllocLen - pBuffer->nOffset;
+    return buffer->pBuffer != nullptr && buffer->nOffset <= buffer->nAllocLen &&
+           buffer->nFilledLen <= buffer->nAllocLen - buffer->nOffset;
 }
 
 static stop_demand_t demand_after_write(write_result_t result)
@@ -36,73 +36,73 @@ static stop_demand_t demand_after_write(write_result_t result)
     return std::nullopt;
 }
 
-static stop_demand_t record_video(omx_tdmbrec_component_PrivateType *pPrivate,
-                                  OMX_BUFFERHEADERTYPE *pBuffer, uint32_t uiTime)
+static stop_demand_t record_video(omx_tdmbrec_component_PrivateType *self,
+                                  OMX_BUFFERHEADERTYPE *buffer, uint32_t time)
 {
     mp4_mux_putstream_t frame = {};
-    if (!handle_video_buffer(pPrivate, pBuffer, uiTime, &frame)) {
+    if (!handle_video_buffer(self, buffer, time, &frame)) {
         return TDMBREC_STOP_MUX_OPEN;
     }
-    return demand_after_write(write_frame(pPrivate, &frame));
+    return demand_after_write(write_frame(self, &frame));
 }
 
-static stop_demand_t record_audio(omx_tdmbrec_component_PrivateType *pPrivate,
-                                  OMX_BUFFERHEADERTYPE *pBuffer, uint32_t uiTime)
+static stop_demand_t record_audio(omx_tdmbrec_component_PrivateType *self,
+                                  OMX_BUFFERHEADERTYPE *buffer, uint32_t time)
 {
     write_result_t result = kWriteDone;
-    const audio_result_t audio = handle_audio_buffer(pPrivate, pBuffer, uiTime, &result);
+    const audio_result_t audio = handle_audio_buffer(self, buffer, time, &result);
     return audio == kAudioStop ? demand_after_write(result) : std::nullopt;
 }
 
 // The recording branch. Leaves the buffer consumed, except where it has to be offered again.
-static stop_demand_t record_buffer(omx_tdmbrec_component_PrivateType *pPrivate,
-                                   OMX_BUFFERHEADERTYPE *pBuffer)
+static stop_demand_t record_buffer(omx_tdmbrec_component_PrivateType *self,
+                                   OMX_BUFFERHEADERTYPE *buffer)
 {
-    switch (check_storage(pPrivate->szRecordingPath)) {
+    switch (check_storage(self->szRecordingPath)) {
     case kStorageUnusable:
-        pBuffer->nFilledLen = 0;
+        buffer->nFilledLen = 0;
         return TDMBREC_STOP_STORAGE;
     case kStorageFull:
-        pBuffer->nFilledLen = 0;
+        buffer->nFilledLen = 0;
         return TDMBREC_STOP_STORAGE_FULL;
     case kStorageUsable:
         break;
     }
-    if (!lies_within_allocation(pBuffer)) {
+    if (!lies_within_allocation(buffer)) {
         __android_log_print(ANDROID_LOG_ERROR, TDMBREC_LOG_TAG,
                             "Buffer beyond its allocation: %u + %u of %u bytes, dropped\n",
-                            pBuffer->nOffset, pBuffer->nFilledLen, pBuffer->nAllocLen);
-        pBuffer->nFilledLen = 0;
+                            buffer->nOffset, buffer->nFilledLen, buffer->nAllocLen);
+        buffer->nFilledLen = 0;
         return std::nullopt;
     }
-    uint32_t uiTime = 0;
-    if (!map_time_stamp(pPrivate, pBuffer->nTimeStamp, &uiTime)) {
-        pBuffer->nFilledLen = 0;
+    uint32_t time = 0;
+    if (!map_time_stamp(self, buffer->nTimeStamp, &time)) {
+        buffer->nFilledLen = 0;
         return std::nullopt;
     }
-    return pPrivate->ucBufferPort == TDMBREC_PORT_VIDEO ? record_video(pPrivate, pBuffer, uiTime)
-                                                        : record_audio(pPrivate, pBuffer, uiTime);
+    return self->ucBufferPort == TDMBREC_PORT_VIDEO ? record_video(self, buffer, time)
+                                                    : record_audio(self, buffer, time);
 }
 
 // The gate: bCallbackIdle goes down before bRecording is looked at, so that whoever ended the
 // recording and then sees the flag up knows that no buffer is inside.
-void omx_tdmbrec_component_BufferMgmtCallback(OMX_COMPONENTTYPE *pComponent,
-                                              OMX_BUFFERHEADERTYPE *pBuffer)
+void omx_tdmbrec_component_BufferMgmtCallback(OMX_COMPONENTTYPE *component,
+                                              OMX_BUFFERHEADERTYPE *buffer)
 {
-    omx_tdmbrec_component_PrivateType *const pPrivate = private_record(pComponent);
-    if (omx_base_get_state(&pPrivate->stBase) != OMX_StateExecuting) {
+    omx_tdmbrec_component_PrivateType *const self = private_record(component);
+    if (omx_base_get_state(&self->stBase) != OMX_StateExecuting) {
         return;
     }
-    store_shared<uint32_t>(pPrivate->bCallbackIdle, 0);
+    store_shared<uint32_t>(self->bCallbackIdle, 0);
     stop_demand_t demand;
-    if (load_shared(pPrivate->bRecording) == 1) {
-        demand = record_buffer(pPrivate, pBuffer);
+    if (load_shared(self->bRecording) == 1) {
+        demand = record_buffer(self, buffer);
     } else {
-        pBuffer->nFilledLen = 0;
+        buffer->nFilledLen = 0;
     }
-    const bool ends_recording = demand.has_value() && take_recording(pPrivate);
-    store_shared<uint32_t>(pPrivate->bCallbackIdle, 1);
+    const bool ends_recording = demand.has_value() && take_recording(self);
+    store_shared<uint32_t>(self->bCallbackIdle, 1);
     if (ends_recording) {
-        begin_stop(pComponent, *demand);
+        begin_stop(component, *demand);
     }
 }

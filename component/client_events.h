@@ -5,20 +5,19 @@
 #include "component/omx_tdmbrec_component.h"
 
 // The component's private record.
-[[nodiscard]] inline omx_tdmbrec_component_PrivateType *
-private_record(OMX_COMPONENTTYPE *pComponent)
+[[nodiscard]] inline omx_tdmbrec_component_PrivateType *private_record(OMX_COMPONENTTYPE *component)
 {
-    return static_cast<omx_tdmbrec_component_PrivateType *>(pComponent->pComponentPrivate);
+    return static_cast<omx_tdmbrec_component_PrivateType *>(component->pComponentPrivate);
 }
 
 // Calls the client's event handler, if there is one, on this thread.
-inline void send_event(OMX_COMPONENTTYPE *pComponent, OMX_EVENTTYPE eEvent, OMX_U32 uiData1,
-                       OMX_U32 uiData2, OMX_PTR pEventData)
+inline void send_event(OMX_COMPONENTTYPE *component, OMX_EVENTTYPE event, OMX_U32 data1,
+                       OMX_U32 data2, OMX_PTR event_data)
 {
-    const omx_base_sink_PrivateType *const pSink = &private_record(pComponent)->stBase;
-    if (pSink->pCallbacks != nullptr && pSink->pCallbacks->EventHandler != nullptr) {
-        (void)pSink->pCallbacks->EventHandler(pComponent, pSink->pCallbackData, eEvent, uiData1,
-                                              uiData2, pEventData);
+    const omx_base_sink_PrivateType *const sink = &private_record(component)->stBase;
+    if (sink->pCallbacks != nullptr && sink->pCallbacks->EventHandler != nullptr) {
+        (void)sink->pCallbacks->EventHandler(component, sink->pCallbackData, event, data1, data2,
+                                             event_data);
     }
 }
 

@@ -13,76 +13,77 @@ static pthread_cond_t condEndReports = PTHREAD_COND_INITIALIZER; // the queue ha
 static tdmbrec_end_t *pFirstEnd; // in the order in which the recordings ended
 
 // Null when no end of the component is queued.
-static tdmbrec_end_t *first_end_of(const OMX_COMPONENTTYPE *pComponent)
+static tdmbrec_end_t *first_end_of(const OMX_COMPONENTTYPE *component)
 {
-    tdmbrec_end_t *pEnd = pFirstEnd;
-    while (pEnd != nullptr && pEnd->pComponent != pComponent) {
-        pEnd = pEnd->pNext;
+    tdmbrec_end_t *report = pFirstEnd;
+    while (report != nullptr && report->pComponent != component) {
+        report = report->pNext;
     }
-    return pEnd;
+    return report;
 }
 
-static bool is_turn_of(const tdmbrec_end_t *pEnd)
+static bool is_turn_of(const tdmbrec_end_t *report)
 {
-    return pEnd == pFirstEnd || (private_record(pEnd->pComponent)->bIsLeaving != 0 &&
-                                 pEnd == first_end_of(pEnd->pComponent));
+    return report == pFirstEnd || (private_record(report->pComponent)->bIsLeaving != 0 &&
+                                   report == first_end_of(report->pComponent));
 }
 
-bool owe_report(OMX_COMPONENTTYPE *pComponent)
+bool owe_report(OMX_COMPONENTTYPE *component)
 {
-    omx_tdmbrec_component_PrivateType *const pPrivate = private_record(pComponent);
+    omx_tdmbrec_component_PrivateType *const self = private_record(component);
     pthread_mutex_lock(&lockEndReports);
-    tdmbrec_end_t *const pEnd =
-        std::find_if(std::begin(pPrivate->astEnd), std::end(pPrivate->astEnd),
+    tdmbrec_end_t *const report =
+        std::find_if(std::begin(self->astEnd), std::end(self->astEnd),
                      [](const tdmbrec_end_t &end) { return end.ucState == END_FREE; });
-    const bool is_owed = pEnd != std::end(pPrivate->astEnd) && pPrivate->bIsLeaving == 0;
+    const bool is_owed = report != std::end(self->astEnd) && self->bIsLeaving == 0;
     if (is_owed) {
-        *pEnd = {.pComponent = pComponent, .uiCount = 1, .ucState = END_OWED};
-        pPrivate->pEnd = pEnd;
+        *report = {.pComponent = component, .uiCount = 1, .ucState = END_OWED};
+        self->pEnd = report;
     }
     pthread_mutex_unlock(&lockEndReports);
     return is_owed;
 }
 
-void cancel_report(omx_tdmbrec_component_PrivateType *pPrivate)
+void cancel_report(omx_tdmbrec_component_PrivateType *self)
 {
     pthread_mutex_lock(&lockEndReports);
-    *pPrivate->pEnd = {};
-    pPrivate->pEnd = nullptr;
+    *self->pEnd = {};
+    self->pEnd = nullptr;
     pthread_mutex_unlock(&lockEndReports);
 }
 
-static void append(tdmbrec_end_t *pEnd)
+static void append(tdmbrec_end_t *report)
 {
-    tdmbrec_end_t **ppLast = &pFirstEnd;
-    while (*ppLast != nullptr) {
-        ppLast = &(*ppLast)->pNext;
+    tdmbrec_end_t **last = &pFirstEnd;
+    while (*last != nullptr) {
+        last = &(*last)->pNext;
     }
-    *ppLast = pEnd;
+    *last = report;
 }
 
 // The component may be gone once its last end is out of the queue.
-static void take_out(tdmbrec_end_t *pEnd)
+static void take_out(tdmbrec_end_t *report)
 {
-    tdmbrec_end_t **ppEnd = &pFirstEnd;
-    while (*ppEnd != pEnd) {
-        ppEnd = &(*ppEnd)->pNext;
+    tdmbrec_end_t **link = &pFirstEnd;
+    while (*link != report) {
+        link = &(*link)->pNext;
     }
-    *ppEnd = pEnd->pNext;
-    *pEnd = {};
+    *link = report->pNext;
+    *report = {};
     pthread_cond_broadcast(&condEndReports);
 }
 
 // The end stays in the queue until its event has returned: that is when the next one's turn comes.
-static void send_report(tdmbrec_end_t *pEnd)
+static void send_report(tdmbrec_end_t *report)
 {
-    pEnd->ucState = END_OWED;
-    for (uint64_t i = 0; i < pEnd->uiCount; i++) {
+    report->ucState = END_OWED;
+    for (uint64_t i = 0; i < report->uiCount; i++) {
         pthread_mutex_unlock(&lockEndReports);
-        send_event(pEnd->pComponent, TDMBREC_EVENT_END_OF_RECORDING, 0, pEnd->ucReason, nullptr);
+        send_event(report->pComponent, TDMBREC_EVENT_END_OF_RECORDING, 0, report->ucReason,
+                   nullptr);
         pthread_mutex_lock(&lockEndReports);
     }
-    take_out(pEnd);
+    take_out(report);
 }
 
 // Whoever has taken an end out of the queue owes this.
@@ -95,86 +96,86 @@ static void send_handed_reports(void)
 
 // Equal ends in a row share an entry: a client that starts more than one recording from every end
 // without storage needs no more of them than one that starts one.
-static void hand_over(tdmbrec_end_t *pEnd)
+static void hand_over(tdmbrec_end_t *report)
 {
-    tdmbrec_end_t *pBefore = pFirstEnd;
-    while (pBefore->pNext != pEnd) {
-        pBefore = pBefore->pNext;
+    tdmbrec_end_t *before = pFirstEnd;
+    while (before->pNext != report) {
+        before = before->pNext;
     }
-    if (pBefore->pComponent == pEnd->pComponent && pBefore->ucReason == pEnd->ucReason) {
-        pBefore->uiCount++;
-        take_out(pEnd);
+    if (before->pComponent == report->pComponent && before->ucReason == report->ucReason) {
+        before->uiCount++;
+        take_out(report);
     } else {
-        pEnd->ucState = END_HANDED;
+        report->ucState = END_HANDED;
     }
 }
 
-void report_end(OMX_COMPONENTTYPE *pComponent, uint8_t reason, bool may_wait)
+void report_end(OMX_COMPONENTTYPE *component, uint8_t reason, bool may_wait)
 {
-    omx_tdmbrec_component_PrivateType *const pPrivate = private_record(pComponent);
+    omx_tdmbrec_component_PrivateType *const self = private_record(component);
     pthread_mutex_lock(&lockEndReports);
-    tdmbrec_end_t *const pEnd = pPrivate->pEnd;
+    tdmbrec_end_t *const report = self->pEnd;
     assert(pEnd != nullptr);
-    pPrivate->pEnd = nullptr;
-    pEnd->ucReason = reason;
-    append(pEnd);
+    self->pEnd = nullptr;
+    report->ucReason = reason;
+    append(report);
     // The next recording cannot end, nor be queued, before this one.
-    release_recording(pPrivate);
-    while (may_wait && !is_turn_of(pEnd)) {
+    release_recording(self);
+    while (may_wait && !is_turn_of(report)) {
         pthread_cond_wait(&condEndReports, &lockEndReports);
     }
-    if (is_turn_of(pEnd)) {
-        send_report(pEnd);
+    if (is_turn_of(report)) {
+        send_report(report);
         send_handed_reports();
     } else {
-        hand_over(pEnd);
+        hand_over(report);
     }
     pthread_mutex_unlock(&lockEndReports);
 }
 
-void refuse_recordings(omx_tdmbrec_component_PrivateType *pPrivate)
+void refuse_recordings(omx_tdmbrec_component_PrivateType *self)
 {
     pthread_mutex_lock(&lockEndReports);
-    pPrivate->bIsLeaving = 1;
+    self->bIsLeaving = 1;
     pthread_cond_broadcast(&condEndReports);
     pthread_mutex_unlock(&lockEndReports);
 }
 
-static bool owes_report(const omx_tdmbrec_component_PrivateType *pPrivate)
+static bool owes_report(const omx_tdmbrec_component_PrivateType *self)
 {
-    return std::any_of(std::begin(pPrivate->astEnd), std::end(pPrivate->astEnd),
+    return std::any_of(std::begin(self->astEnd), std::end(self->astEnd),
                        [](const tdmbrec_end_t &end) { return end.ucState != END_FREE; });
 }
 
-bool is_every_end_reported(OMX_COMPONENTTYPE *pComponent)
+bool is_every_end_reported(OMX_COMPONENTTYPE *component)
 {
     pthread_mutex_lock(&lockEndReports);
-    tdmbrec_end_t *pEnd = first_end_of(pComponent);
-    while (pEnd != nullptr && pEnd->ucState == END_HANDED) {
-        send_report(pEnd);
-        pEnd = first_end_of(pComponent);
+    tdmbrec_end_t *report = first_end_of(component);
+    while (report != nullptr && report->ucState == END_HANDED) {
+        send_report(report);
+        report = first_end_of(component);
     }
     send_handed_reports();
-    const bool is_owed = owes_report(private_record(pComponent));
+    const bool is_owed = owes_report(private_record(component));
     pthread_mutex_unlock(&lockEndReports);
     return !is_owed;
 }
 
-OMX_ERRORTYPE omx_tdmbrec_component_SetCallbacks(OMX_HANDLETYPE hComponent,
-                                                 OMX_CALLBACKTYPE *pCallbacks, OMX_PTR pAppData)
+OMX_ERRORTYPE omx_tdmbrec_component_SetCallbacks(OMX_HANDLETYPE handle, OMX_CALLBACKTYPE *callbacks,
+                                                 OMX_PTR app_data)
 {
-    if (hComponent == nullptr) {
+    if (handle == nullptr) {
         return OMX_ErrorBadParameter;
     }
-    const omx_tdmbrec_component_PrivateType *const pPrivate =
-        private_record(static_cast<OMX_COMPONENTTYPE *>(hComponent));
-    if (pPrivate == nullptr) {
+    const omx_tdmbrec_component_PrivateType *const self =
+        private_record(static_cast<OMX_COMPONENTTYPE *>(handle));
+    if (self == nullptr) {
         return OMX_ErrorInvalidComponent;
     }
     pthread_mutex_lock(&lockEndReports);
-    const OMX_ERRORTYPE result =
-        owes_report(pPrivate) ? OMX_ErrorIncorrectStateOperation
-                              : pPrivate->pfnBaseSetCallbacks(hComponent, pCallbacks, pAppData);
+    const OMX_ERRORTYPE result = owes_report(self)
+                                     ? OMX_ErrorIncorrectStateOperation
+                                     : self->pfnBaseSetCallbacks(handle, callbacks, app_data);
     pthread_mutex_unlock(&lockEndReports);
     return result;
 }

@@ -17,31 +17,31 @@
 
 // Sets the report of a recording aside. thread: the start, which holds the claim.
 // returns false when the component is being destroyed, or TDMBREC_ENDS ends are not yet reported.
-[[nodiscard]] bool owe_report(OMX_COMPONENTTYPE *pComponent);
+[[nodiscard]] bool owe_report(OMX_COMPONENTTYPE *component);
 
 // Takes that back: the recording does not begin.
-void cancel_report(omx_tdmbrec_component_PrivateType *pPrivate);
+void cancel_report(omx_tdmbrec_component_PrivateType *self);
 
 // Queues the report of the recording that has been closed, gives up the claim, and sends the event
 // as soon as it is its turn. The component may be gone on return.
 // in       may_wait: true on the stop thread; otherwise the report may be sent later, by another
 //          thread
 // thread:  holds no lock
-void report_end(OMX_COMPONENTTYPE *pComponent, uint8_t reason, bool may_wait);
+void report_end(OMX_COMPONENTTYPE *component, uint8_t reason, bool may_wait);
 
 // The component begins no recording any more, and its reports wait for no other component's.
 // thread: the destructor.
-void refuse_recordings(omx_tdmbrec_component_PrivateType *pPrivate);
+void refuse_recordings(omx_tdmbrec_component_PrivateType *self);
 
 // Sends what the component's threads have handed over. returns true when no report is owed.
 // thread: the destructor, after refuse_recordings.
-[[nodiscard]] bool is_every_end_reported(OMX_COMPONENTTYPE *pComponent);
+[[nodiscard]] bool is_every_end_reported(OMX_COMPONENTTYPE *component);
 
 // SetCallbacks of the function table. The event handler and its data change together, and never
 // between the start of a recording and the return of the event that reports its end.
 // returns OMX_ErrorIncorrectStateOperation while a report is owed, OMX_ErrorBadParameter or
 // OMX_ErrorInvalidComponent for a handle without a component, else the base's result.
-OMX_ERRORTYPE omx_tdmbrec_component_SetCallbacks(OMX_HANDLETYPE hComponent,
-                                                 OMX_CALLBACKTYPE *pCallbacks, OMX_PTR pAppData);
+OMX_ERRORTYPE omx_tdmbrec_component_SetCallbacks(OMX_HANDLETYPE handle, OMX_CALLBACKTYPE *callbacks,
+                                                 OMX_PTR app_data);
 
 #endif // COMPONENT_END_REPORTS_H

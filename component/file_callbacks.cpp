@@ -5,61 +5,61 @@
 #include <cstdio>
 
 // The trace prints handles as the device does: 32 bits.
-static unsigned handle_word(const void *hFile)
+static unsigned handle_word(const void *file)
 {
-    return static_cast<unsigned>(reinterpret_cast<uintptr_t>(hFile));
+    return static_cast<unsigned>(reinterpret_cast<uintptr_t>(file));
 }
 
-void *QVR_FILE_fopen(const char *pszName, const char *pszMode)
+void *QVR_FILE_fopen(const char *name, const char *mode)
 {
-    FILE *const hFile = fopen(pszName, pszMode);
-    if (hFile == nullptr) {
+    FILE *const file = fopen(name, mode);
+    if (file == nullptr) {
         __android_log_print(ANDROID_LOG_ERROR, TDMBREC_LOG_TAG, "In %s : %s open error\n", __func__,
-                            pszName);
+                            name);
     } else {
         __android_log_print(ANDROID_LOG_WARN, TDMBREC_LOG_TAG, "In %s : %s opened\n", __func__,
-                            pszName);
+                            name);
         // The muxer's cache is the buffer: a write that it is told of has to be on the card.
-        (void)setvbuf(hFile, nullptr, _IONBF, 0);
+        (void)setvbuf(file, nullptr, _IONBF, 0);
     }
     __android_log_print(ANDROID_LOG_WARN, TDMBREC_LOG_TAG, "In %s : File Handle[0x%08x]\n",
-                        __func__, handle_word(hFile));
-    return hFile;
+                        __func__, handle_word(file));
+    return file;
 }
 
-int QVR_FILE_fclose(void *hFile)
+int QVR_FILE_fclose(void *file)
 {
     __android_log_print(ANDROID_LOG_WARN, TDMBREC_LOG_TAG, "In %s, File Handle[0x%08x]\n", __func__,
-                        handle_word(hFile));
-    const int result = fclose(static_cast<FILE *>(hFile));
+                        handle_word(file));
+    const int result = fclose(static_cast<FILE *>(file));
     __android_log_print(ANDROID_LOG_WARN, TDMBREC_LOG_TAG, "%s return %d\n", __func__, result);
     return result;
 }
 
-size_t QVR_FILE_fread(void *pBuffer, size_t size, size_t count, void *hFile)
+size_t QVR_FILE_fread(void *buffer, size_t size, size_t count, void *file)
 {
-    const size_t result = fread(pBuffer, size, count, static_cast<FILE *>(hFile));
+    const size_t result = fread(buffer, size, count, static_cast<FILE *>(file));
     if (static_cast<ptrdiff_t>(result) < 0) {
         __android_log_print(ANDROID_LOG_ERROR, TDMBREC_LOG_TAG, "In %s : read  error\n", __func__);
     }
     return result;
 }
 
-size_t QVR_FILE_fwrite(const void *pBuffer, size_t size, size_t count, void *hFile)
+size_t QVR_FILE_fwrite(const void *buffer, size_t size, size_t count, void *file)
 {
-    const size_t result = fwrite(pBuffer, size, count, static_cast<FILE *>(hFile));
+    const size_t result = fwrite(buffer, size, count, static_cast<FILE *>(file));
     if (static_cast<ptrdiff_t>(result) < 0) {
         __android_log_print(ANDROID_LOG_ERROR, TDMBREC_LOG_TAG, "In %s : write  error\n", __func__);
     }
     return result;
 }
 
-int QVR_FILE_fseek(void *hFile, int32_t iOffset, int iWhence)
+int QVR_FILE_fseek(void *file, int32_t offset, int whence)
 {
-    return fseek(static_cast<FILE *>(hFile), iOffset, iWhence);
+    return fseek(static_cast<FILE *>(file), offset, whence);
 }
 
-int32_t QVR_FILE_ftell(void *hFile)
+int32_t QVR_FILE_ftell(void *file)
 {
-    return static_cast<int32_t>(ftell(static_cast<FILE *>(hFile)));
+    return static_cast<int32_t>(ftell(static_cast<FILE *>(file)));
 }

@@ -12,12 +12,12 @@
 extern "C" {
 #endif
 
-TDMBREC_API void *QVR_FILE_fopen(const char *pszName, const char *pszMode);
-TDMBREC_API int QVR_FILE_fclose(void *hFile);
-TDMBREC_API size_t QVR_FILE_fread(void *pBuffer, size_t size, size_t count, void *hFile);
-TDMBREC_API size_t QVR_FILE_fwrite(const void *pBuffer, size_t size, size_t count, void *hFile);
-TDMBREC_API int QVR_FILE_fseek(void *hFile, int32_t iOffset, int iWhence);
-TDMBREC_API int32_t QVR_FILE_ftell(void *hFile);
+TDMBREC_API void *QVR_FILE_fopen(const char *name, const char *mode);
+TDMBREC_API int QVR_FILE_fclose(void *file);
+TDMBREC_API size_t QVR_FILE_fread(void *buffer, size_t size, size_t count, void *file);
+TDMBREC_API size_t QVR_FILE_fwrite(const void *buffer, size_t size, size_t count, void *file);
+TDMBREC_API int QVR_FILE_fseek(void *file, int32_t offset, int whence);
+TDMBREC_API int32_t QVR_FILE_ftell(void *file);
 
 #ifdef __cplusplus
 }

@@ -52,15 +52,15 @@ static frame_fifo_t *get_fifo(uint32_t fifo)
     return &fifos[std::min<uint32_t>(fifo, QVR_FIFO_COUNT)];
 }
 
-static fifo_position_t load_position(frame_fifo_t *pFifo)
+static fifo_position_t load_position(frame_fifo_t *self)
 {
-    return load_shared(pFifo->stPosition);
+    return load_shared(self->stPosition);
 }
 
 // returns false, and changes nothing, when the other side was faster.
-static bool change_position(frame_fifo_t *pFifo, fifo_position_t from, fifo_position_t to)
+static bool change_position(frame_fifo_t *self, fifo_position_t from, fifo_position_t to)
 {
-    return swap_shared(pFifo->stPosition, from, to);
+    return swap_shared(self->stPosition, from, to);
 }
 
 static int32_t count_frames(fifo_position_t position)
@@ -87,15 +87,15 @@ void QVR_FIFO_InitBuffer(uint32_t fifo, uint32_t size, void *storage)
     if (fifo >= QVR_FIFO_COUNT) {
         return;
     }
-    frame_fifo_t *const pFifo = get_fifo(fifo);
-    *pFifo = {};
+    frame_fifo_t *const self = get_fifo(fifo);
+    *self = {};
     if (storage != nullptr) {
         memset(storage, 0, size);
-        pFifo->pucData = static_cast<uint8_t *>(storage);
-        pFifo->uiDataSize = size;
+        self->pucData = static_cast<uint8_t *>(storage);
+        self->uiDataSize = size;
     }
     const fifo_position_t start = {.usCapacity = QVR_FIFO_FRAMES, .ucState = kFifoEmpty};
-    store_shared(pFifo->stPosition, start);
+    store_shared(self->stPosition, start);
 }
 
 int32_t QVR_FIFO_GetLength(uint32_t fifo)
@@ -105,41 +105,41 @@ int32_t QVR_FIFO_GetLength(uint32_t fifo)
 
 // The offset of a frame: behind the newest one, or at the start of the storage. One byte always
 // stays free, so that the read and write offsets of a FIFO with data differ.
-static std::optional<uint32_t> find_room(frame_fifo_t *pFifo, uint32_t length)
+static std::optional<uint32_t> find_room(frame_fifo_t *self, uint32_t length)
 {
-    const uint32_t read = load_shared(pFifo->uiDataRead);
-    const uint32_t write = pFifo->uiDataWrite;
+    const uint32_t read = load_shared(self->uiDataRead);
+    const uint32_t write = self->uiDataWrite;
     if (read > write) {
         return read - write > length ? std::optional(write) : std::nullopt;
     }
-    if (pFifo->uiDataSize - write > length) {
+    if (self->uiDataSize - write > length) {
         return write;
     }
     return read > length ? std::optional(0u) : std::nullopt;
 }
 
 // returns the entry of a frame of this length, or null when there is no room for it.
-static frame_entry_t *reserve(frame_fifo_t *pFifo, uint32_t length, int64_t time)
+static frame_entry_t *reserve(frame_fifo_t *self, uint32_t length, int64_t time)
 {
-    fifo_position_t position = load_position(pFifo);
+    fifo_position_t position = load_position(self);
     while (can_grow(position)) {
-        const std::optional<uint32_t> offset = find_room(pFifo, length);
+        const std::optional<uint32_t> offset = find_room(self, length);
         // No frame that is popped would end the fullness of a FIFO that holds none.
-        pFifo->bIsRefusing = !offset.has_value() && count_frames(position) == 0;
+        self->bIsRefusing = !offset.has_value() && count_frames(position) == 0 ? 1 : 0;
         if (offset.has_value()) {
-            frame_entry_t *const pEntry = &pFifo->astEntry[position.usWrite];
-            pEntry->uiOffset = *offset;
-            pEntry->uiLength = length;
-            pEntry->llTime = time;
-            pFifo->uiDataWrite = *offset;
-            return pEntry;
+            frame_entry_t *const entry = &self->astEntry[position.usWrite];
+            entry->uiOffset = *offset;
+            entry->uiLength = length;
+            entry->llTime = time;
+            self->uiDataWrite = *offset;
+            return entry;
         }
         fifo_position_t full = position;
         full.ucState = kFifoFull;
-        if (pFifo->bIsRefusing != 0 || change_position(pFifo, position, full)) {
+        if (self->bIsRefusing != 0 || change_position(self, position, full)) {
             return nullptr;
         }
-        position = load_position(pFifo);
+        position = load_position(self);
     }
     return nullptr;
 }
@@ -153,118 +153,118 @@ int32_t QVR_FIFO_GetOneFifo(uint32_t fifo, int32_t length, int64_t time)
 int32_t QVR_FIFO_GetOneFifo5(uint32_t fifo, int32_t length, int64_t time, uint32_t extra)
 {
     const uint32_t bytes = length > 0 ? static_cast<uint32_t>(length) : QVR_FIFO_DEFAULT_BYTES;
-    frame_entry_t *const pEntry = reserve(get_fifo(fifo), bytes, time);
-    if (pEntry == nullptr) {
+    frame_entry_t *const entry = reserve(get_fifo(fifo), bytes, time);
+    if (entry == nullptr) {
         return 0;
     }
-    pEntry->uiExtra = extra;
+    entry->uiExtra = extra;
     return 1;
 }
 
-static bool takes_data(frame_fifo_t *pFifo)
+static bool takes_data(frame_fifo_t *self)
 {
-    return pFifo->bIsRefusing == 0 && can_grow(load_position(pFifo));
+    return self->bIsRefusing == 0 && can_grow(load_position(self));
 }
 
-static void append_data(frame_fifo_t *pFifo, const uint8_t *pucSource, uint32_t length)
+static void append_data(frame_fifo_t *self, const uint8_t *source_bytes, uint32_t length)
 {
-    memcpy(pFifo->pucData + pFifo->uiDataWrite, pucSource, length);
-    pFifo->uiDataWrite += length;
+    memcpy(self->pucData + self->uiDataWrite, source_bytes, length);
+    self->uiDataWrite += length;
 }
 
 int32_t QVR_FIFO_WriteFifo(uint32_t fifo, const void *source, int32_t length)
 {
-    frame_fifo_t *const pFifo = get_fifo(fifo);
-    if (length <= 0 || !takes_data(pFifo) ||
-        static_cast<uint32_t>(length) > pFifo->uiDataSize - pFifo->uiDataWrite) {
+    frame_fifo_t *const self = get_fifo(fifo);
+    if (length <= 0 || !takes_data(self) ||
+        static_cast<uint32_t>(length) > self->uiDataSize - self->uiDataWrite) {
         return 0;
     }
-    append_data(pFifo, static_cast<const uint8_t *>(source), static_cast<uint32_t>(length));
+    append_data(self, static_cast<const uint8_t *>(source), static_cast<uint32_t>(length));
     return length;
 }
 
 int32_t QVR_FIFO_WriteFifo5(uint32_t fifo, const void *source, int32_t length)
 {
-    frame_fifo_t *const pFifo = get_fifo(fifo);
-    if (length <= 0 || !takes_data(pFifo)) {
+    frame_fifo_t *const self = get_fifo(fifo);
+    if (length <= 0 || !takes_data(self)) {
         return 0;
     }
     const uint32_t bytes = static_cast<uint32_t>(length);
-    if (bytes > pFifo->uiDataSize) {
+    if (bytes > self->uiDataSize) {
         printf("Buffer OverFlow");
         return 0;
     }
-    const uint8_t *const pucSource = static_cast<const uint8_t *>(source);
-    const uint32_t room = pFifo->uiDataSize - pFifo->uiDataWrite;
+    const uint8_t *const source_bytes = static_cast<const uint8_t *>(source);
+    const uint32_t room = self->uiDataSize - self->uiDataWrite;
     if (room > bytes) {
-        append_data(pFifo, pucSource, bytes);
+        append_data(self, source_bytes, bytes);
         return length;
     }
-    append_data(pFifo, pucSource, room);
-    pFifo->uiDataWrite = 0;
-    append_data(pFifo, pucSource + room, bytes - room);
+    append_data(self, source_bytes, room);
+    self->uiDataWrite = 0;
+    append_data(self, source_bytes + room, bytes - room);
     return static_cast<int32_t>(bytes - room);
 }
 
 // A frame that was not written whole keeps the room that it reserved: the next one is not laid over
 // it, and giving it up frees what it took.
-static void keep_reserved_room(frame_fifo_t *pFifo, const frame_entry_t *pEntry)
+static void keep_reserved_room(frame_fifo_t *self, const frame_entry_t *entry)
 {
-    const uint32_t end = pEntry->uiOffset + pEntry->uiLength;
-    if (pFifo->uiDataWrite >= pEntry->uiOffset && pFifo->uiDataWrite < end) {
-        pFifo->uiDataWrite = end;
+    const uint32_t end = entry->uiOffset + entry->uiLength;
+    if (self->uiDataWrite >= entry->uiOffset && self->uiDataWrite < end) {
+        self->uiDataWrite = end;
     }
 }
 
 int32_t QVR_FIFO_Push(uint32_t fifo)
 {
-    frame_fifo_t *const pFifo = get_fifo(fifo);
-    fifo_position_t position = load_position(pFifo);
-    if (pFifo->bIsRefusing == 0 && can_grow(position)) {
-        keep_reserved_room(pFifo, &pFifo->astEntry[position.usWrite]);
+    frame_fifo_t *const self = get_fifo(fifo);
+    fifo_position_t position = load_position(self);
+    if (self->bIsRefusing == 0 && can_grow(position)) {
+        keep_reserved_room(self, &self->astEntry[position.usWrite]);
     }
-    while (pFifo->bIsRefusing == 0 && can_grow(position)) {
+    while (self->bIsRefusing == 0 && can_grow(position)) {
         fifo_position_t pushed = position;
         pushed.usWrite = next_index(position, position.usWrite);
         pushed.ucState = pushed.usWrite == position.usRead ? kFifoFull : kFifoNeither;
-        if (change_position(pFifo, position, pushed)) {
+        if (change_position(self, position, pushed)) {
             return 1;
         }
-        position = load_position(pFifo);
+        position = load_position(self);
     }
     return 0;
 }
 
 uint8_t *QVR_FIFO_GetOneFrame(uint32_t fifo, uint32_t *length, int64_t *time, uint32_t *extra)
 {
-    frame_fifo_t *const pFifo = get_fifo(fifo);
-    const fifo_position_t position = load_position(pFifo);
+    frame_fifo_t *const self = get_fifo(fifo);
+    const fifo_position_t position = load_position(self);
     if (count_frames(position) == 0) {
         *length = 0;
         return nullptr;
     }
-    const frame_entry_t *const pEntry = &pFifo->astEntry[position.usRead];
-    *length = pEntry->uiLength;
-    *time = pEntry->llTime;
-    *extra = pEntry->uiExtra;
-    return pFifo->pucData + pEntry->uiOffset;
+    const frame_entry_t *const entry = &self->astEntry[position.usRead];
+    *length = entry->uiLength;
+    *time = entry->llTime;
+    *extra = entry->uiExtra;
+    return self->pucData + entry->uiOffset;
 }
 
 int32_t QVR_FIFO_PopFrame(uint32_t fifo)
 {
-    frame_fifo_t *const pFifo = get_fifo(fifo);
-    fifo_position_t position = load_position(pFifo);
+    frame_fifo_t *const self = get_fifo(fifo);
+    fifo_position_t position = load_position(self);
     while (count_frames(position) > 0) {
-        const frame_entry_t *const pEntry = &pFifo->astEntry[position.usRead];
+        const frame_entry_t *const entry = &self->astEntry[position.usRead];
         // The room first: whoever sees the entry released finds its room free too.
-        store_shared(pFifo->uiDataRead, pEntry->uiOffset + pEntry->uiLength);
+        store_shared(self->uiDataRead, entry->uiOffset + entry->uiLength);
         fifo_position_t popped = position;
         popped.usRead = next_index(position, position.usRead);
         popped.ucState = popped.usRead == position.usWrite ? kFifoEmpty : kFifoNeither;
-        if (change_position(pFifo, position, popped)) {
+        if (change_position(self, position, popped)) {
             return 1;
         }
-        position = load_position(pFifo);
+        position = load_position(self);
     }
     return 0;
 }

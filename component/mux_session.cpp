@@ -25,134 +25,130 @@ static constexpr int32_t kVideoWidth = 320;       // pixels
 static constexpr int32_t kVideoHeight = 240;      // pixels
 static constexpr int32_t kVideoFrameRate = 30000; // frames in 1000 s
 
-static int c_file_at_end(void *hFile)
+static int c_file_at_end(void *file)
 {
-    return feof(static_cast<FILE *>(hFile));
+    return feof(static_cast<FILE *>(file));
 }
 
-static int c_file_flush(void *hFile)
+static int c_file_flush(void *file)
 {
-    return fflush(static_cast<FILE *>(hFile));
+    return fflush(static_cast<FILE *>(file));
 }
 
-static void fill_memory_callbacks(mp4_mux_init_t *pInit)
+static void fill_memory_callbacks(mp4_mux_init_t *init)
 {
-    pInit->m_pfnMalloc = malloc;
-    pInit->m_pfnFree = free;
-    pInit->m_pfnMemcmp = memcmp;
-    pInit->m_pfnMemcpy = memcpy;
-    pInit->m_pfnMemmove = memmove;
-    pInit->m_pfnMemset = memset;
-    pInit->m_pfnRealloc = realloc;
+    init->m_pfnMalloc = malloc;
+    init->m_pfnFree = free;
+    init->m_pfnMemcmp = memcmp;
+    init->m_pfnMemcpy = memcpy;
+    init->m_pfnMemmove = memmove;
+    init->m_pfnMemset = memset;
+    init->m_pfnRealloc = realloc;
 }
 
-static void fill_file_callbacks(mp4_mux_init_t *pInit)
+static void fill_file_callbacks(mp4_mux_init_t *init)
 {
-    pInit->m_pfnFopen = QVR_FILE_fopen;
-    pInit->m_pfnFread = QVR_FILE_fread;
-    pInit->m_pfnFseek = QVR_FILE_fseek;
-    pInit->m_pfnFtell = QVR_FILE_ftell;
-    pInit->m_pfnFclose = QVR_FILE_fclose;
-    pInit->m_pfnFwrite = QVR_FILE_fwrite;
-    pInit->m_pfnFeof = c_file_at_end;
-    pInit->m_pfnFflush = c_file_flush;
-    pInit->m_pfnRemove = remove;
+    init->m_pfnFopen = QVR_FILE_fopen;
+    init->m_pfnFread = QVR_FILE_fread;
+    init->m_pfnFseek = QVR_FILE_fseek;
+    init->m_pfnFtell = QVR_FILE_ftell;
+    init->m_pfnFclose = QVR_FILE_fclose;
+    init->m_pfnFwrite = QVR_FILE_fwrite;
+    init->m_pfnFeof = c_file_at_end;
+    init->m_pfnFflush = c_file_flush;
+    init->m_pfnRemove = remove;
 }
 
-static void fill_init(omx_tdmbrec_component_PrivateType *pPrivate)
+static void fill_init(omx_tdmbrec_component_PrivateType *self)
 {
-    mp4_mux_init_t *const pInit = &pPrivate->stMuxInit;
-    *pInit = {};
-    fill_memory_callbacks(pInit);
-    fill_file_callbacks(pInit);
-    pInit->m_pOutput = pPrivate->szRecordingPath;
-    pInit->m_uiStreamFlags = MUX_STREAM_VIDEO | MUX_STREAM_AUDIO;
-    pInit->m_uiOptions = MUX_OPTION_32BIT_OFFSET;
-    pInit->m_pCacheMem = QVR_malloc(kCacheBlockBytes);
-    pInit->m_iCacheSize = kOutputCacheBytes;
-    pInit->m_iVideoCacheSize = kVideoCacheBytes;
-    pInit->m_iAudioCacheSize = kAudioCacheBytes;
-    pInit->m_pszTempDir = is_on_removable_storage(pPrivate->szRecordingPath)
-                              ? REMOVABLE_STORAGE_ROOT
-                              : BUILT_IN_STORAGE_ROOT;
+    mp4_mux_init_t *const init = &self->stMuxInit;
+    *init = {};
+    fill_memory_callbacks(init);
+    fill_file_callbacks(init);
+    init->m_pOutput = self->szRecordingPath;
+    init->m_uiStreamFlags = MUX_STREAM_VIDEO | MUX_STREAM_AUDIO;
+    init->m_uiOptions = MUX_OPTION_32BIT_OFFSET;
+    init->m_pCacheMem = QVR_malloc(kCacheBlockBytes);
+    init->m_iCacheSize = kOutputCacheBytes;
+    init->m_iVideoCacheSize = kVideoCacheBytes;
+    init->m_iAudioCacheSize = kAudioCacheBytes;
+    init->m_pszTempDir = is_on_removable_storage(self->szRecordingPath) ? REMOVABLE_STORAGE_ROOT
+                                                                        : BUILT_IN_STORAGE_ROOT;
 }
 
-static void fill_input(omx_tdmbrec_component_PrivateType *pPrivate)
+static void fill_input(omx_tdmbrec_component_PrivateType *self)
 {
-    mp4_mux_input_t *const pInput = &pPrivate->stMuxInput;
-    *pInput = {};
+    mp4_mux_input_t *const input = &self->stMuxInput;
+    *input = {};
     // Every file carries the same creation time: 5 October 2009, 17:05:18.
-    pInput->m_iYear = 2009;
-    pInput->m_iMonth = 9; // counted from 0
-    pInput->m_iDay = 5;
-    pInput->m_iWeekDay = 1;
-    pInput->m_iHour = 17;
-    pInput->m_iMinute = 5;
-    pInput->m_iSecond = 18;
-    pInput->m_iVideoWidth = kVideoWidth;
-    pInput->m_iVideoHeight = kVideoHeight;
-    pInput->m_iVideoFrameRate = kVideoFrameRate;
-    memcpy(&pInput->m_uiVideoFourCC, "avc1", 4);
-    pInput->m_pbyVideoPrivate = pPrivate->aucVideoConfig;
-    pInput->m_iVideoPrivateSize = pPrivate->ucVideoConfigLen;
-    pInput->m_iAudioSampleRate = pPrivate->stZplAenc.m_iAudioSamplePerSec;
-    pInput->m_iAudioBitsPerSample = pPrivate->stZplAenc.m_iAudioBitsPerSample;
-    pInput->m_iAudioChannels = pPrivate->stZplAenc.m_iAudioChannels;
-    pInput->m_iAudioCodec = static_cast<int32_t>(pPrivate->uiAudioCodecTag);
-    if (pPrivate->uiAudioSpecificConfigLen != 0) {
-        pInput->m_pbyAudioPrivate = pPrivate->aucAudioSpecificConfig;
-        pInput->m_iAudioPrivateSize = sizeof(pPrivate->aucAudioSpecificConfig);
+    input->m_iYear = 2009;
+    input->m_iMonth = 9; // counted from 0
+    input->m_iDay = 5;
+    input->m_iWeekDay = 1;
+    input->m_iHour = 17;
+    input->m_iMinute = 5;
+    input->m_iSecond = 18;
+    input->m_iVideoWidth = kVideoWidth;
+    input->m_iVideoHeight = kVideoHeight;
+    input->m_iVideoFrameRate = kVideoFrameRate;
+    memcpy(&input->m_uiVideoFourCC, "avc1", 4);
+    input->m_pbyVideoPrivate = self->aucVideoConfig;
+    input->m_iVideoPrivateSize = self->ucVideoConfigLen;
+    input->m_iAudioSampleRate = self->stZplAenc.m_iAudioSamplePerSec;
+    input->m_iAudioBitsPerSample = self->stZplAenc.m_iAudioBitsPerSample;
+    input->m_iAudioChannels = self->stZplAenc.m_iAudioChannels;
+    input->m_iAudioCodec = static_cast<int32_t>(self->uiAudioCodecTag);
+    if (self->uiAudioSpecificConfigLen != 0) {
+        input->m_pbyAudioPrivate = self->aucAudioSpecificConfig;
+        input->m_iAudioPrivateSize = sizeof(self->aucAudioSpecificConfig);
     }
 }
 
-void fetch_mux_error(omx_tdmbrec_component_PrivateType *pPrivate)
+void fetch_mux_error(omx_tdmbrec_component_PrivateType *self)
 {
-    pPrivate->stMuxError = {};
+    self->stMuxError = {};
     // Without a context there is nothing to fetch.
-    (void)QVR_MP4_MUX(MUX_GET_LAST_ERROR, &pPrivate->hMux, nullptr, &pPrivate->stMuxError);
-    if (pPrivate->stMuxError.m_pszMessage == nullptr) {
-        pPrivate->stMuxError.m_pszMessage = "";
+    (void)QVR_MP4_MUX(MUX_GET_LAST_ERROR, &self->hMux, nullptr, &self->stMuxError);
+    if (self->stMuxError.m_pszMessage == nullptr) {
+        self->stMuxError.m_pszMessage = "";
     }
 }
 
-static OMX_ERRORTYPE open_session_locked(omx_tdmbrec_component_PrivateType *pPrivate)
+static OMX_ERRORTYPE open_session_locked(omx_tdmbrec_component_PrivateType *self)
 {
-    pPrivate->hMux = nullptr;
-    fill_init(pPrivate);
-    fill_input(pPrivate);
-    pPrivate->stMuxCloseMem = {.m_pMem = QVR_malloc(kCloseMemoryBytes),
-                               .m_iSize = kCloseMemoryBytes};
-    pPrivate->uiFirstVideoPts = 0;
+    self->hMux = nullptr;
+    fill_init(self);
+    fill_input(self);
+    self->stMuxCloseMem = {.m_pMem = QVR_malloc(kCloseMemoryBytes), .m_iSize = kCloseMemoryBytes};
+    self->uiFirstVideoPts = 0;
     // Whatever the result, the close has to run and free the blocks.
-    pPrivate->bMuxOpen = 1;
-    const int32_t result =
-        QVR_MP4_MUX(MUX_OPEN, &pPrivate->hMux, &pPrivate->stMuxInit, &pPrivate->stMuxInput);
+    self->bMuxOpen = 1;
+    const int32_t result = QVR_MP4_MUX(MUX_OPEN, &self->hMux, &self->stMuxInit, &self->stMuxInput);
     if (result < 0) {
-        fetch_mux_error(pPrivate);
+        fetch_mux_error(self);
         __android_log_print(ANDROID_LOG_ERROR, TDMBREC_LOG_TAG, "[Open:%d] Error:%s\n",
-                            pPrivate->stMuxError.m_iCode, pPrivate->stMuxError.m_pszMessage);
+                            self->stMuxError.m_iCode, self->stMuxError.m_pszMessage);
         return OMX_ErrorBadParameter;
     }
-    pPrivate->iMuxOpenResult = 0;
+    self->iMuxOpenResult = 0;
     return OMX_ErrorNone;
 }
 
-OMX_ERRORTYPE omx_tdmbrec_mp4_mux_Init(omx_tdmbrec_component_PrivateType *pPrivate)
+OMX_ERRORTYPE omx_tdmbrec_mp4_mux_Init(omx_tdmbrec_component_PrivateType *self)
 {
     pthread_mutex_lock(&lockTDMBRecording);
-    const OMX_ERRORTYPE result =
-        pPrivate->bMuxOpen != 0 ? OMX_ErrorNone : open_session_locked(pPrivate);
+    const OMX_ERRORTYPE result = self->bMuxOpen != 0 ? OMX_ErrorNone : open_session_locked(self);
     pthread_mutex_unlock(&lockTDMBRecording);
     return result;
 }
 
 // The file announces a sound track whatever comes; with not one frame in it, common players refuse
 // the whole file. A recording without sound gets one frame of silence.
-static void complete_sound_track(omx_tdmbrec_component_PrivateType *pPrivate)
+static void complete_sound_track(omx_tdmbrec_component_PrivateType *self)
 {
     // ISO/IEC 14496-3 channel_pair_element() with max_sfb 0 in both channels, then END.
     static constexpr uint8_t kSilentPair[] = {0x20, 0, 0, 0, 0, 0, 0x0E};
-    if (pPrivate->bVideoWritten == 0 || pPrivate->bAudioWritten != 0) {
+    if (self->bVideoWritten == 0 || self->bAudioWritten != 0) {
         return;
     }
     mp4_mux_putstream_t frame = {.m_pbyData = kSilentPair,
@@ -162,96 +158,95 @@ static void complete_sound_track(omx_tdmbrec_component_PrivateType *pPrivate)
                                  .m_uiTimeStamp2 = 0,
                                  .m_uiFlags = MUX_FRAME_KEY};
     // If this cannot be written, the close that follows reports it.
-    (void)QVR_MP4_MUX(MUX_PUTFRAME, &pPrivate->hMux, &frame, nullptr);
+    (void)QVR_MP4_MUX(MUX_PUTFRAME, &self->hMux, &frame, nullptr);
 }
 
-static OMX_ERRORTYPE close_session_locked(omx_tdmbrec_component_PrivateType *pPrivate)
+static OMX_ERRORTYPE close_session_locked(omx_tdmbrec_component_PrivateType *self)
 {
     OMX_ERRORTYPE result = OMX_ErrorNone;
-    complete_sound_track(pPrivate);
-    if (QVR_MP4_MUX(MUX_CLOSE, &pPrivate->hMux, &pPrivate->stMuxCloseMem, nullptr) < 0) {
-        fetch_mux_error(pPrivate);
+    complete_sound_track(self);
+    if (QVR_MP4_MUX(MUX_CLOSE, &self->hMux, &self->stMuxCloseMem, nullptr) < 0) {
+        fetch_mux_error(self);
         __android_log_print(ANDROID_LOG_ERROR, TDMBREC_LOG_TAG, "[Close:%d] Error:%s \n",
-                            pPrivate->stMuxError.m_iCode, pPrivate->stMuxError.m_pszMessage);
+                            self->stMuxError.m_iCode, self->stMuxError.m_pszMessage);
         // The muxer still holds the file and the blocks: this second call only releases them.
-        (void)QVR_MP4_MUX(MUX_CLOSE, &pPrivate->hMux, nullptr, nullptr);
+        (void)QVR_MP4_MUX(MUX_CLOSE, &self->hMux, nullptr, nullptr);
         result = OMX_ErrorBadParameter;
     }
-    pPrivate->stMuxError.m_pszMessage = nullptr; // it went with the context
-    pPrivate->hMux = nullptr;
-    QVR_free(pPrivate->stMuxInit.m_pCacheMem);
-    pPrivate->stMuxInit.m_pCacheMem = nullptr;
-    QVR_free(pPrivate->stMuxCloseMem.m_pMem);
-    pPrivate->stMuxCloseMem = {};
-    pPrivate->bMuxOpen = 0;
+    self->stMuxError.m_pszMessage = nullptr; // it went with the context
+    self->hMux = nullptr;
+    QVR_free(self->stMuxInit.m_pCacheMem);
+    self->stMuxInit.m_pCacheMem = nullptr;
+    QVR_free(self->stMuxCloseMem.m_pMem);
+    self->stMuxCloseMem = {};
+    self->bMuxOpen = 0;
     return result;
 }
 
 // ucBufferPort is not among these: it is the buffer thread's, which sets it before every callback.
-static void reset_recording_state(omx_tdmbrec_component_PrivateType *pPrivate)
+static void reset_recording_state(omx_tdmbrec_component_PrivateType *self)
 {
-    pPrivate->llLastAudioTime = 0;
-    pPrivate->llLastVideoTime = 0;
-    pPrivate->llAudioBaseTime = 0;
-    pPrivate->llVideoBaseTime = 0;
-    pPrivate->ucVideoIntervalState = 0xFF;
-    pPrivate->ucVideoConfigLen = 0;
-    pPrivate->iMuxOpenResult = -1;
-    pPrivate->uiAudioSpecificConfigLen = 0;
-    pPrivate->ucAudioPtsRead = 0;
-    pPrivate->ucAudioPtsWrite = 0;
-    pPrivate->ucAudioPtsCount = 0;
-    pPrivate->ucAudioRollbackCount = 0;
-    pPrivate->ucVideoRollbackCount = 0;
-    pPrivate->uiAacInputSize = 0;
-    pPrivate->uiAudioFrameMs = 0;
-    pPrivate->uiVideoIntervalMs = 0;
-    pPrivate->uiFirstVideoPts = 0;
-    pPrivate->uiLastAudioPts = 0;
-    pPrivate->uiLastVideoPts = 0;
-    pPrivate->uiBackupAudioPts = 0;
-    pPrivate->uiBackupVideoPts = 0;
-    pPrivate->bAudioWritten = 0;
-    pPrivate->bVideoWritten = 0;
-    pPrivate->bOpenedBySetsAlone = 0;
-    pPrivate->bInBandParameterSets = 0;
-    pPrivate->bFileBegun = 0;
-    forget_kept_sets(pPrivate);
-    QVR_free(pPrivate->pucVideoFrame);
-    pPrivate->pucVideoFrame = nullptr;
-    pPrivate->uiVideoFrameSize = 0;
+    self->llLastAudioTime = 0;
+    self->llLastVideoTime = 0;
+    self->llAudioBaseTime = 0;
+    self->llVideoBaseTime = 0;
+    self->ucVideoIntervalState = 0xFF;
+    self->ucVideoConfigLen = 0;
+    self->iMuxOpenResult = -1;
+    self->uiAudioSpecificConfigLen = 0;
+    self->ucAudioPtsRead = 0;
+    self->ucAudioPtsWrite = 0;
+    self->ucAudioPtsCount = 0;
+    self->ucAudioRollbackCount = 0;
+    self->ucVideoRollbackCount = 0;
+    self->uiAacInputSize = 0;
+    self->uiAudioFrameMs = 0;
+    self->uiVideoIntervalMs = 0;
+    self->uiFirstVideoPts = 0;
+    self->uiLastAudioPts = 0;
+    self->uiLastVideoPts = 0;
+    self->uiBackupAudioPts = 0;
+    self->uiBackupVideoPts = 0;
+    self->bAudioWritten = 0;
+    self->bVideoWritten = 0;
+    self->bOpenedBySetsAlone = 0;
+    self->bInBandParameterSets = 0;
+    self->bFileBegun = 0;
+    forget_kept_sets(self);
+    QVR_free(self->pucVideoFrame);
+    self->pucVideoFrame = nullptr;
+    self->uiVideoFrameSize = 0;
 }
 
-// returns the result of the close; *pReason is what to tell the client.
-static OMX_ERRORTYPE close_locked(omx_tdmbrec_component_PrivateType *pPrivate, uint8_t *pReason)
+// returns the result of the close; *reason is what to tell the client.
+static OMX_ERRORTYPE close_locked(omx_tdmbrec_component_PrivateType *self, uint8_t *reason)
 {
     OMX_ERRORTYPE result = OMX_ErrorNone;
     close_storage();
-    if (pPrivate->bMuxOpen == 1) {
-        result = close_session_locked(pPrivate);
-        *pReason = load_shared(global_uc_stop_type);
+    if (self->bMuxOpen == 1) {
+        result = close_session_locked(self);
+        *reason = load_shared(global_uc_stop_type);
     } else {
-        *pReason = TDMBREC_STOP_STORAGE;
+        *reason = TDMBREC_STOP_STORAGE;
         store_shared<uint8_t>(global_uc_stop_type, TDMBREC_STOP_STORAGE);
     }
     // Also after a recording that never opened its file: its times must not reach the next one.
-    reset_recording_state(pPrivate);
-    clear_name_parts(pPrivate);
+    reset_recording_state(self);
+    clear_name_parts(self);
     return result;
 }
 
 // No lock is held and the next recording may begin when the client is told, so that it can do
 // whatever it likes from the event.
-OMX_ERRORTYPE omx_tdmbrec_mp4_mux_DeInit(OMX_COMPONENTTYPE *pComponent,
-                                         omx_tdmbrec_component_PrivateType *pPrivate)
+OMX_ERRORTYPE omx_tdmbrec_mp4_mux_DeInit(OMX_COMPONENTTYPE *component,
+                                         omx_tdmbrec_component_PrivateType *self)
 {
     uint8_t reason = TDMBREC_STOP_STORAGE;
     pthread_mutex_lock(&lockTDMBRecording);
-    const OMX_ERRORTYPE result = close_locked(pPrivate, &reason);
+    const OMX_ERRORTYPE result = close_locked(self, &reason);
     pthread_mutex_unlock(&lockTDMBRecording);
     // A handle is kept until the next start lets it go, so that no other thread can have the same.
-    const bool is_stop_thread =
-        pthread_equal(load_shared(pPrivate->hStopThread), pthread_self()) != 0;
-    report_end(pComponent, reason, is_stop_thread);
+    const bool is_stop_thread = pthread_equal(load_shared(self->hStopThread), pthread_self()) != 0;
+    report_end(component, reason, is_stop_thread);
     return result;
 }

@@ -4,31 +4,31 @@
 
 #include <cstring>
 
-static void copy_parameter(char *szTo, const void *pRecord, size_t bytes)
+static void copy_parameter(char *to, const void *record, size_t bytes)
 {
     pthread_mutex_lock(&lockParameters);
-    memcpy(szTo, pRecord, bytes);
+    memcpy(to, record, bytes);
     pthread_mutex_unlock(&lockParameters);
 }
 
-void set_name_part_1(omx_tdmbrec_component_PrivateType *pPrivate, const void *pRecord)
+void set_name_part_1(omx_tdmbrec_component_PrivateType *self, const void *record)
 {
-    copy_parameter(pPrivate->szNamePart1, pRecord, sizeof(pPrivate->szNamePart1));
+    copy_parameter(self->szNamePart1, record, sizeof(self->szNamePart1));
 }
 
-void set_name_part_2(omx_tdmbrec_component_PrivateType *pPrivate, const void *pRecord)
+void set_name_part_2(omx_tdmbrec_component_PrivateType *self, const void *record)
 {
-    copy_parameter(pPrivate->szNamePart2, pRecord, sizeof(pPrivate->szNamePart2));
+    copy_parameter(self->szNamePart2, record, sizeof(self->szNamePart2));
 }
 
-void set_output_path(const void *pRecord)
+void set_output_path(const void *record)
 {
-    copy_parameter(szOutFileName, pRecord, sizeof(szOutFileName));
+    copy_parameter(szOutFileName, record, sizeof(szOutFileName));
 }
 
-void clear_name_parts(omx_tdmbrec_component_PrivateType *pPrivate)
+void clear_name_parts(omx_tdmbrec_component_PrivateType *self)
 {
     static constexpr char kNoName[TDMBREC_NAME_PART_2_BYTES] = {};
-    set_name_part_1(pPrivate, kNoName);
-    set_name_part_2(pPrivate, kNoName);
+    set_name_part_1(self, kNoName);
+    set_name_part_2(self, kNoName);
 }

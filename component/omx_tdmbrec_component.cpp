@@ -22,230 +22,229 @@ static constexpr uint32_t kBitsPerSample = 16;
 static constexpr uint32_t kAacCodecTag = 0xAAC0;
 static constexpr uint32_t kBitRate = 128000; // bit/s
 
-static void set_initial_fields(omx_tdmbrec_component_PrivateType *pPrivate)
+static void set_initial_fields(omx_tdmbrec_component_PrivateType *self)
 {
-    pPrivate->bMuxOpen = 0;
-    pPrivate->hStopThread = pthread_t{};
-    pPrivate->bCallbackIdle = 1;
-    pPrivate->iMuxOpenResult = -1;
-    pPrivate->ucVideoIntervalState = 0xFF;
+    self->bMuxOpen = 0;
+    self->hStopThread = pthread_t{};
+    self->bCallbackIdle = 1;
+    self->iMuxOpenResult = -1;
+    self->ucVideoIntervalState = 0xFF;
 }
 
-static void set_port_domains(omx_base_sink_PrivateType *pSink)
+static void set_port_domains(omx_base_sink_PrivateType *sink)
 {
-    pSink->astPortDomain[OMX_PortDomainAudio].nPorts = 1;
-    pSink->astPortDomain[OMX_PortDomainAudio].nStartPortNumber = TDMBREC_PORT_AUDIO;
-    pSink->astPortDomain[OMX_PortDomainVideo].nPorts = 1;
-    pSink->astPortDomain[OMX_PortDomainVideo].nStartPortNumber = TDMBREC_PORT_VIDEO;
+    sink->astPortDomain[OMX_PortDomainAudio].nPorts = 1;
+    sink->astPortDomain[OMX_PortDomainAudio].nStartPortNumber = TDMBREC_PORT_AUDIO;
+    sink->astPortDomain[OMX_PortDomainVideo].nPorts = 1;
+    sink->astPortDomain[OMX_PortDomainVideo].nStartPortNumber = TDMBREC_PORT_VIDEO;
 }
 
 // What is allocated stays attached; the base destructor frees it.
-static OMX_ERRORTYPE allocate_ports(omx_base_sink_PrivateType *pSink)
+static OMX_ERRORTYPE allocate_ports(omx_base_sink_PrivateType *sink)
 {
-    if (pSink->ppPorts != nullptr) {
+    if (sink->ppPorts != nullptr) {
         return OMX_ErrorNone;
     }
-    pSink->ppPorts = static_cast<omx_base_port_PrivateType **>(
+    sink->ppPorts = static_cast<omx_base_port_PrivateType **>(
         QVR_calloc(TDMBREC_PORT_COUNT, sizeof(omx_base_port_PrivateType *)));
-    if (pSink->ppPorts == nullptr) {
+    if (sink->ppPorts == nullptr) {
         return OMX_ErrorInsufficientResources;
     }
-    pSink->ppPorts[TDMBREC_PORT_VIDEO] =
+    sink->ppPorts[TDMBREC_PORT_VIDEO] =
         static_cast<omx_base_port_PrivateType *>(QVR_calloc(1, sizeof(omx_base_video_PortType)));
-    pSink->ppPorts[TDMBREC_PORT_AUDIO] =
+    sink->ppPorts[TDMBREC_PORT_AUDIO] =
         static_cast<omx_base_port_PrivateType *>(QVR_calloc(1, sizeof(omx_base_audio_PortType)));
-    if (pSink->ppPorts[TDMBREC_PORT_VIDEO] == nullptr ||
-        pSink->ppPorts[TDMBREC_PORT_AUDIO] == nullptr) {
+    if (sink->ppPorts[TDMBREC_PORT_VIDEO] == nullptr ||
+        sink->ppPorts[TDMBREC_PORT_AUDIO] == nullptr) {
         return OMX_ErrorInsufficientResources;
     }
     return OMX_ErrorNone;
 }
 
-static void describe_video_port(omx_base_port_PrivateType *pPort)
+static void describe_video_port(omx_base_port_PrivateType *port)
 {
-    OMX_PARAM_PORTDEFINITIONTYPE *const pDefinition = &pPort->stPortDefinition;
-    pDefinition->format.video.nFrameWidth = kFrameWidth;
-    pDefinition->format.video.nFrameHeight = kFrameHeight;
-    pDefinition->format.video.xFramerate = kFrameRate;
-    pDefinition->nBufferSize = TDMBREC_PORT_BUFFER_BYTES;
+    OMX_PARAM_PORTDEFINITIONTYPE *const definition = &port->stPortDefinition;
+    definition->format.video.nFrameWidth = kFrameWidth;
+    definition->format.video.nFrameHeight = kFrameHeight;
+    definition->format.video.xFramerate = kFrameRate;
+    definition->nBufferSize = TDMBREC_PORT_BUFFER_BYTES;
 }
 
-static void describe_audio_port(omx_base_port_PrivateType *pPort)
+static void describe_audio_port(omx_base_port_PrivateType *port)
 {
-    omx_base_audio_PortType *const pAudioPort = reinterpret_cast<omx_base_audio_PortType *>(pPort);
-    pPort->stPortDefinition.format.audio.eEncoding = OMX_AUDIO_CodingPCM;
-    pPort->stPortDefinition.nBufferSize = TDMBREC_PORT_BUFFER_BYTES;
-    pAudioPort->stAudioFormat.nPortIndex = TDMBREC_PORT_AUDIO;
-    pAudioPort->stAudioFormat.nIndex = 0;
-    pAudioPort->stAudioFormat.eEncoding = OMX_AUDIO_CodingPCM;
+    omx_base_audio_PortType *const audio_port = reinterpret_cast<omx_base_audio_PortType *>(port);
+    port->stPortDefinition.format.audio.eEncoding = OMX_AUDIO_CodingPCM;
+    port->stPortDefinition.nBufferSize = TDMBREC_PORT_BUFFER_BYTES;
+    audio_port->stAudioFormat.nPortIndex = TDMBREC_PORT_AUDIO;
+    audio_port->stAudioFormat.nIndex = 0;
+    audio_port->stAudioFormat.eEncoding = OMX_AUDIO_CodingPCM;
 }
 
-static OMX_ERRORTYPE construct_ports(OMX_COMPONENTTYPE *pComponent)
+static OMX_ERRORTYPE construct_ports(OMX_COMPONENTTYPE *component)
 {
-    omx_base_sink_PrivateType *const pSink = &private_record(pComponent)->stBase;
-    OMX_ERRORTYPE result = allocate_ports(pSink);
+    omx_base_sink_PrivateType *const sink = &private_record(component)->stBase;
+    OMX_ERRORTYPE result = allocate_ports(sink);
     if (result == OMX_ErrorNone) {
-        result = base_video_port_Constructor(pComponent, &pSink->ppPorts[TDMBREC_PORT_VIDEO],
+        result = base_video_port_Constructor(component, &sink->ppPorts[TDMBREC_PORT_VIDEO],
                                              TDMBREC_PORT_VIDEO, OMX_TRUE);
     }
     if (result == OMX_ErrorNone) {
-        result = base_audio_port_Constructor(pComponent, &pSink->ppPorts[TDMBREC_PORT_AUDIO],
+        result = base_audio_port_Constructor(component, &sink->ppPorts[TDMBREC_PORT_AUDIO],
                                              TDMBREC_PORT_AUDIO, OMX_TRUE);
     }
     if (result == OMX_ErrorNone) {
-        describe_video_port(pSink->ppPorts[TDMBREC_PORT_VIDEO]);
-        describe_audio_port(pSink->ppPorts[TDMBREC_PORT_AUDIO]);
+        describe_video_port(sink->ppPorts[TDMBREC_PORT_VIDEO]);
+        describe_audio_port(sink->ppPorts[TDMBREC_PORT_AUDIO]);
     }
     return result;
 }
 
-static void set_audio_defaults(omx_tdmbrec_component_PrivateType *pPrivate)
+static void set_audio_defaults(omx_tdmbrec_component_PrivateType *self)
 {
-    pPrivate->uiChannels = kChannels;
-    pPrivate->uiSampleRate = kSampleRate;
-    pPrivate->uiBitsPerSample = kBitsPerSample;
-    pPrivate->uiAudioCodecTag = kAacCodecTag;
-    pPrivate->uiBitRate = kBitRate;
+    self->uiChannels = kChannels;
+    self->uiSampleRate = kSampleRate;
+    self->uiBitsPerSample = kBitsPerSample;
+    self->uiAudioCodecTag = kAacCodecTag;
+    self->uiBitRate = kBitRate;
 }
 
-static OMX_ERRORTYPE select_video_coding(omx_tdmbrec_component_PrivateType *pPrivate,
-                                         const char *pszName)
+static OMX_ERRORTYPE select_video_coding(omx_tdmbrec_component_PrivateType *self, const char *name)
 {
-    if (strcmp(pszName, kAvcDecoderName) == 0) {
-        pPrivate->uiVideoCoding = OMX_VIDEO_CodingAVC;
-    } else if (strcmp(pszName, kVideoDecoderName) == 0 || strcmp(pszName, kRecorderName) == 0) {
-        pPrivate->uiVideoCoding = OMX_VIDEO_CodingUnused;
+    if (strcmp(name, kAvcDecoderName) == 0) {
+        self->uiVideoCoding = OMX_VIDEO_CodingAVC;
+    } else if (strcmp(name, kVideoDecoderName) == 0 || strcmp(name, kRecorderName) == 0) {
+        self->uiVideoCoding = OMX_VIDEO_CodingUnused;
     } else {
         return OMX_ErrorInvalidComponentName;
     }
     return OMX_ErrorNone;
 }
 
-static void set_video_coding(omx_tdmbrec_component_PrivateType *pPrivate)
+static void set_video_coding(omx_tdmbrec_component_PrivateType *self)
 {
-    pPrivate->llAudioBaseTime = 0;
-    pPrivate->llVideoBaseTime = 0;
-    if (pPrivate->uiVideoCoding == OMX_VIDEO_CodingAVC) {
-        pPrivate->stBase.ppPorts[TDMBREC_PORT_VIDEO]
-            ->stPortDefinition.format.video.eCompressionFormat = OMX_VIDEO_CodingAVC;
+    self->llAudioBaseTime = 0;
+    self->llVideoBaseTime = 0;
+    if (self->uiVideoCoding == OMX_VIDEO_CodingAVC) {
+        self->stBase.ppPorts[TDMBREC_PORT_VIDEO]->stPortDefinition.format.video.eCompressionFormat =
+            OMX_VIDEO_CodingAVC;
     }
 }
 
-static void install_functions(OMX_COMPONENTTYPE *pComponent)
+static void install_functions(OMX_COMPONENTTYPE *component)
 {
-    pComponent->GetParameter = omx_tdmbrec_component_GetParameter;
-    pComponent->SetParameter = omx_tdmbrec_component_SetParameter;
-    pComponent->SetConfig = omx_tdmbrec_component_SetConfig;
-    pComponent->GetExtensionIndex = omx_tdmbrec_component_GetExtensionIndex;
-    pComponent->ComponentRoleEnum = omx_tdmbrec_component_ComponentRoleEnum;
-    private_record(pComponent)->pfnBaseSetCallbacks = pComponent->SetCallbacks;
-    pComponent->SetCallbacks = omx_tdmbrec_component_SetCallbacks;
-    omx_base_sink_PrivateType *const pSink = &private_record(pComponent)->stBase;
-    pSink->pfnMessageHandler = omx_tdmbrec_component_MessageHandler;
-    pSink->pfnDestructor = omx_tdmbrec_component_Destructor;
-    pSink->pfnBufferMgmtFunction = omx_tdmbrec_component_BufferMgmtFunction;
-    pSink->pfnBufferMgmtCallback = omx_tdmbrec_component_BufferMgmtCallback;
+    component->GetParameter = omx_tdmbrec_component_GetParameter;
+    component->SetParameter = omx_tdmbrec_component_SetParameter;
+    component->SetConfig = omx_tdmbrec_component_SetConfig;
+    component->GetExtensionIndex = omx_tdmbrec_component_GetExtensionIndex;
+    component->ComponentRoleEnum = omx_tdmbrec_component_ComponentRoleEnum;
+    private_record(component)->pfnBaseSetCallbacks = component->SetCallbacks;
+    component->SetCallbacks = omx_tdmbrec_component_SetCallbacks;
+    omx_base_sink_PrivateType *const sink = &private_record(component)->stBase;
+    sink->pfnMessageHandler = omx_tdmbrec_component_MessageHandler;
+    sink->pfnDestructor = omx_tdmbrec_component_Destructor;
+    sink->pfnBufferMgmtFunction = omx_tdmbrec_component_BufferMgmtFunction;
+    sink->pfnBufferMgmtCallback = omx_tdmbrec_component_BufferMgmtCallback;
 }
 
-OMX_ERRORTYPE omx_tdmbrec_component_Init(OMX_COMPONENTTYPE *pComponent)
+OMX_ERRORTYPE omx_tdmbrec_component_Init(OMX_COMPONENTTYPE *component)
 {
-    char szName[] = "OMX.qvr.tdmb.rec";
-    return omx_tdmbrec_component_Constructor(pComponent, szName);
+    char name[] = "OMX.qvr.tdmb.rec";
+    return omx_tdmbrec_component_Constructor(component, name);
 }
 
-OMX_ERRORTYPE omx_tdmbrec_component_Constructor(OMX_COMPONENTTYPE *pComponent, OMX_STRING pszName)
+OMX_ERRORTYPE omx_tdmbrec_component_Constructor(OMX_COMPONENTTYPE *component, OMX_STRING name)
 {
-    if (pComponent == nullptr || pszName == nullptr) {
+    if (component == nullptr || name == nullptr) {
         return OMX_ErrorBadParameter;
     }
-    omx_tdmbrec_component_PrivateType *const pPrivate =
+    omx_tdmbrec_component_PrivateType *const self =
         static_cast<omx_tdmbrec_component_PrivateType *>(
             QVR_calloc(1, sizeof(omx_tdmbrec_component_PrivateType)));
-    if (pPrivate == nullptr) {
+    if (self == nullptr) {
         return OMX_ErrorInsufficientResources;
     }
-    pComponent->pComponentPrivate = pPrivate;
-    set_initial_fields(pPrivate);
-    const OMX_ERRORTYPE base_result = omx_base_sink_Constructor(pComponent, pszName);
+    component->pComponentPrivate = self;
+    set_initial_fields(self);
+    const OMX_ERRORTYPE base_result = omx_base_sink_Constructor(component, name);
     if (base_result != OMX_ErrorNone) {
-        (void)omx_base_sink_Destructor(pComponent);
+        (void)omx_base_sink_Destructor(component);
         return base_result;
     }
     // From here on a failure leaves a component that its destructor can take down.
-    install_functions(pComponent);
-    set_port_domains(&pPrivate->stBase);
-    const OMX_ERRORTYPE ports_result = construct_ports(pComponent);
+    install_functions(component);
+    set_port_domains(&self->stBase);
+    const OMX_ERRORTYPE ports_result = construct_ports(component);
     if (ports_result != OMX_ErrorNone) {
         return ports_result;
     }
-    set_audio_defaults(pPrivate);
-    const OMX_ERRORTYPE name_result = select_video_coding(pPrivate, pszName);
+    set_audio_defaults(self);
+    const OMX_ERRORTYPE name_result = select_video_coding(self, name);
     if (name_result != OMX_ErrorNone) {
         return name_result;
     }
-    set_video_coding(pPrivate);
-    clear_name_parts(pPrivate);
-    pPrivate->pPcmQueue = nullptr;
+    set_video_coding(self);
+    clear_name_parts(self);
+    self->pPcmQueue = nullptr;
     return base_result;
 }
 
-OMX_ERRORTYPE omx_tdmbrec_component_Destructor(OMX_COMPONENTTYPE *pComponent)
+OMX_ERRORTYPE omx_tdmbrec_component_Destructor(OMX_COMPONENTTYPE *component)
 {
     // A constructor may have failed.
-    if (pComponent != nullptr && private_record(pComponent) != nullptr) {
-        stop_recording_for_good(pComponent);
+    if (component != nullptr && private_record(component) != nullptr) {
+        stop_recording_for_good(component);
     }
-    (void)omx_base_sink_Destructor(pComponent);
+    (void)omx_base_sink_Destructor(component);
     return OMX_ErrorNone;
 }
 
-OMX_ERRORTYPE omx_tdmbrec_component_GetParameter(OMX_HANDLETYPE hComponent, OMX_INDEXTYPE eIndex,
-                                                 OMX_PTR pParameter)
+OMX_ERRORTYPE omx_tdmbrec_component_GetParameter(OMX_HANDLETYPE handle, OMX_INDEXTYPE index,
+                                                 OMX_PTR parameter)
 {
-    if (pParameter == nullptr) {
+    if (parameter == nullptr) {
         return OMX_ErrorBadParameter;
     }
-    return omx_base_component_GetParameter(hComponent, eIndex, pParameter);
+    return omx_base_component_GetParameter(handle, index, parameter);
 }
 
-static void set_sample_rate(omx_tdmbrec_component_PrivateType *pPrivate, const void *pRecord)
+static void set_sample_rate(omx_tdmbrec_component_PrivateType *self, const void *record)
 {
-    const OMX_AUDIO_PARAM_PCMMODETYPE *const pPcmMode =
-        static_cast<const OMX_AUDIO_PARAM_PCMMODETYPE *>(pRecord);
-    store_shared<uint32_t>(pPrivate->uiSampleRate, pPcmMode->nSamplingRate);
+    const OMX_AUDIO_PARAM_PCMMODETYPE *const pcm_mode =
+        static_cast<const OMX_AUDIO_PARAM_PCMMODETYPE *>(record);
+    store_shared<uint32_t>(self->uiSampleRate, pcm_mode->nSamplingRate);
 }
 
-OMX_ERRORTYPE omx_tdmbrec_component_SetParameter(OMX_HANDLETYPE hComponent, OMX_INDEXTYPE eIndex,
-                                                 OMX_PTR pParameter)
+OMX_ERRORTYPE omx_tdmbrec_component_SetParameter(OMX_HANDLETYPE handle, OMX_INDEXTYPE index,
+                                                 OMX_PTR parameter)
 {
-    if (hComponent == nullptr || pParameter == nullptr) {
+    if (handle == nullptr || parameter == nullptr) {
         return OMX_ErrorBadParameter;
     }
-    OMX_COMPONENTTYPE *const pComponent = static_cast<OMX_COMPONENTTYPE *>(hComponent);
-    omx_tdmbrec_component_PrivateType *const pPrivate = private_record(pComponent);
-    if (pPrivate == nullptr) {
+    OMX_COMPONENTTYPE *const component = static_cast<OMX_COMPONENTTYPE *>(handle);
+    omx_tdmbrec_component_PrivateType *const self = private_record(component);
+    if (self == nullptr) {
         return OMX_ErrorInvalidComponent;
     }
-    switch (static_cast<uint32_t>(eIndex)) {
+    switch (static_cast<uint32_t>(index)) {
     case OMX_IndexParamAudioPcm:
-        set_sample_rate(pPrivate, pParameter);
+        set_sample_rate(self, parameter);
         return OMX_ErrorNone;
     case TDMBREC_INDEX_NAME_PART_1:
-        set_name_part_1(pPrivate, pParameter);
+        set_name_part_1(self, parameter);
         return OMX_ErrorNone;
     case TDMBREC_INDEX_NAME_PART_2:
-        set_name_part_2(pPrivate, pParameter);
+        set_name_part_2(self, parameter);
         return OMX_ErrorNone;
     case TDMBREC_INDEX_OUTPUT_PATH:
-        set_output_path(pParameter);
+        set_output_path(parameter);
         return OMX_ErrorNone;
     case TDMBREC_INDEX_START:
-        return start_recording(pComponent);
+        return start_recording(component);
     case TDMBREC_INDEX_STOP:
-        stop_recording(pComponent);
+        stop_recording(component);
         return OMX_ErrorNone;
     default:
-        return omx_base_component_SetParameter(hComponent, eIndex, pParameter);
+        return omx_base_component_SetParameter(handle, index, parameter);
     }
 }
 
@@ -264,8 +263,8 @@ OMX_ERRORTYPE omx_tdmbrec_component_ComponentRoleEnum(OMX_HANDLETYPE, OMX_U8 *, 
     return OMX_ErrorNone;
 }
 
-OMX_ERRORTYPE omx_tdmbrec_component_MessageHandler(OMX_COMPONENTTYPE *pComponent,
-                                                   omx_base_message_t *pMessage)
+OMX_ERRORTYPE omx_tdmbrec_component_MessageHandler(OMX_COMPONENTTYPE *component,
+                                                   omx_base_message_t *message)
 {
-    return omx_base_component_MessageHandler(pComponent, pMessage);
+    return omx_base_component_MessageHandler(component, message);
 }

@@ -192,7 +192,7 @@ typedef struct omx_tdmbrec_component_PrivateType {
     uint8_t *pucVideoFrame;       // room for access units that grow, null until one does
     uint32_t uiVideoFrameSize;    // its bytes
     OMX_ERRORTYPE(*pfnBaseSetCallbacks)
-    (OMX_HANDLETYPE hComponent, OMX_CALLBACKTYPE *pCallbacks, OMX_PTR pAppData);
+    (OMX_HANDLETYPE handle, OMX_CALLBACKTYPE *callbacks, OMX_PTR app_data);
 
     // Parameter sets that came without their picture, see component/parameter_sets.h: the buffer
     // thread while recording, the stop procedure after it.
@@ -208,23 +208,23 @@ TDMBREC_API extern uint8_t global_uc_write_index;
 
 // The library's entry point: makes the handle the component "OMX.qvr.tdmb.rec".
 // returns what omx_tdmbrec_component_Constructor returns.
-TDMBREC_API OMX_ERRORTYPE omx_tdmbrec_component_Init(OMX_COMPONENTTYPE *pComponent);
+TDMBREC_API OMX_ERRORTYPE omx_tdmbrec_component_Init(OMX_COMPONENTTYPE *component);
 
 // Builds the component under one of its names "OMX.qvr.tdmb.rec", "OMX.qvr.video_decoder" or
 // "OMX.QVR.avcdec"; the last one sets port 0 to AVC.
 // returns OMX_ErrorInsufficientResources, OMX_ErrorInvalidComponentName (what was built stays
 // attached for the destructor), or the result of the base constructor.
-TDMBREC_API OMX_ERRORTYPE omx_tdmbrec_component_Constructor(OMX_COMPONENTTYPE *pComponent,
-                                                            OMX_STRING pszName);
+TDMBREC_API OMX_ERRORTYPE omx_tdmbrec_component_Constructor(OMX_COMPONENTTYPE *component,
+                                                            OMX_STRING name);
 
 // Ends an active recording with reason 7, waits until it is closed and reported, and frees the
 // component. Not to be called from a callback of the component.
-TDMBREC_API OMX_ERRORTYPE omx_tdmbrec_component_Destructor(OMX_COMPONENTTYPE *pComponent);
+TDMBREC_API OMX_ERRORTYPE omx_tdmbrec_component_Destructor(OMX_COMPONENTTYPE *component);
 
 // returns OMX_ErrorBadParameter for a null record, else the base component's result.
-TDMBREC_API OMX_ERRORTYPE omx_tdmbrec_component_GetParameter(OMX_HANDLETYPE hComponent,
-                                                             OMX_INDEXTYPE eIndex,
-                                                             OMX_PTR pParameter);
+TDMBREC_API OMX_ERRORTYPE omx_tdmbrec_component_GetParameter(OMX_HANDLETYPE handle,
+                                                             OMX_INDEXTYPE index,
+                                                             OMX_PTR parameter);
 
 // The vendor parameters above and the sampling rate of OMX_IndexParamAudioPcm; everything else
 // goes to the base component.
@@ -233,44 +233,44 @@ TDMBREC_API OMX_ERRORTYPE omx_tdmbrec_component_GetParameter(OMX_HANDLETYPE hCom
 // process is recording, memory is short, TDMBREC_ENDS ends are not yet reported or the component is
 // being destroyed; else 0 or the base's result.
 // thread: the client's; a start or stop may also come from the client's event handler.
-TDMBREC_API OMX_ERRORTYPE omx_tdmbrec_component_SetParameter(OMX_HANDLETYPE hComponent,
-                                                             OMX_INDEXTYPE eIndex,
-                                                             OMX_PTR pParameter);
+TDMBREC_API OMX_ERRORTYPE omx_tdmbrec_component_SetParameter(OMX_HANDLETYPE handle,
+                                                             OMX_INDEXTYPE index,
+                                                             OMX_PTR parameter);
 
 // The component has no configurations, extensions or roles: these return 0 and do nothing.
-TDMBREC_API OMX_ERRORTYPE omx_tdmbrec_component_SetConfig(OMX_HANDLETYPE hComponent,
-                                                          OMX_INDEXTYPE eIndex, OMX_PTR pConfig);
-TDMBREC_API OMX_ERRORTYPE omx_tdmbrec_component_GetExtensionIndex(OMX_HANDLETYPE hComponent,
-                                                                  OMX_STRING pszName,
-                                                                  OMX_INDEXTYPE *peIndex);
-TDMBREC_API OMX_ERRORTYPE omx_tdmbrec_component_ComponentRoleEnum(OMX_HANDLETYPE hComponent,
-                                                                  OMX_U8 *pucRole, OMX_U32 uiIndex);
+TDMBREC_API OMX_ERRORTYPE omx_tdmbrec_component_SetConfig(OMX_HANDLETYPE handle,
+                                                          OMX_INDEXTYPE index, OMX_PTR config);
+TDMBREC_API OMX_ERRORTYPE omx_tdmbrec_component_GetExtensionIndex(OMX_HANDLETYPE handle,
+                                                                  OMX_STRING name,
+                                                                  OMX_INDEXTYPE *pe_index);
+TDMBREC_API OMX_ERRORTYPE omx_tdmbrec_component_ComponentRoleEnum(OMX_HANDLETYPE handle,
+                                                                  OMX_U8 *role, OMX_U32 index);
 
 // Carries out one command as the base component does. thread: the message thread.
-TDMBREC_API OMX_ERRORTYPE omx_tdmbrec_component_MessageHandler(OMX_COMPONENTTYPE *pComponent,
-                                                               omx_base_message_t *pMessage);
+TDMBREC_API OMX_ERRORTYPE omx_tdmbrec_component_MessageHandler(OMX_COMPONENTTYPE *component,
+                                                               omx_base_message_t *message);
 
 // Body of the buffer thread: hands the client's buffers to the buffer callback and gives them back.
 // Takes the handle, returns null.
-TDMBREC_API void *omx_tdmbrec_component_BufferMgmtFunction(void *pComponent);
+TDMBREC_API void *omx_tdmbrec_component_BufferMgmtFunction(void *component);
 
 // Consumes one buffer of port ucBufferPort and records it while a recording is active. Reports by
 // the filled length: 0, the buffer is consumed; otherwise it is to be offered again.
 // thread: the buffer thread.
-TDMBREC_API void omx_tdmbrec_component_BufferMgmtCallback(OMX_COMPONENTTYPE *pComponent,
-                                                          OMX_BUFFERHEADERTYPE *pBuffer);
+TDMBREC_API void omx_tdmbrec_component_BufferMgmtCallback(OMX_COMPONENTTYPE *component,
+                                                          OMX_BUFFERHEADERTYPE *buffer);
 
 // Body of the stop thread: waits for the buffer callback, closes encoder and file, tells the
 // client. Takes the handle.
-TDMBREC_API void *omx_tdmbrec_stop_thread(void *pComponent);
+TDMBREC_API void *omx_tdmbrec_stop_thread(void *component);
 
 // Bodies of the writer threads: while a recording is active, they write the frames of FIFO 1
 // (video) and FIFO 0 (audio) of component/frame_fifo.h to its file, with the low 32 bits of a
 // frame's time as its time in the file (ms) and its extra word as its flags. Until the file is open
 // the frames wait. A failed write and a file past its limit end the recording with the reasons 5
 // and 6. Take the handle; the component starts neither of them.
-TDMBREC_API void *omx_tdmbrec_video_thread(void *pComponent);
-TDMBREC_API void *omx_tdmbrec_audio_thread(void *pComponent);
+TDMBREC_API void *omx_tdmbrec_video_thread(void *component);
+TDMBREC_API void *omx_tdmbrec_audio_thread(void *component);
 
 #ifdef __cplusplus
 }

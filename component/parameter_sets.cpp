@@ -8,21 +8,21 @@ static constexpr uint32_t kSpsIdOffset = 4; // after header, profile, constraint
 static constexpr uint32_t kPpsIdOffset = 1; // after the header
 static constexpr uint32_t kMaxIdZeros = 16; // a code that begins with more is no id
 
-bool has_both_kinds(const access_unit_t *pAccessUnit)
+bool has_both_kinds(const access_unit_t *access_unit)
 {
-    return pAccessUnit->has_valid_sps && pAccessUnit->uiPpsCount > 0;
+    return access_unit->has_valid_sps && access_unit->uiPpsCount > 0;
 }
 
-static uint32_t type_of(const uint8_t *pData, const nal_unit_t *pUnit)
+static uint32_t type_of(const uint8_t *data, const nal_unit_t *unit)
 {
-    return pData[pUnit->uiStart] & 0x1F;
+    return data[unit->uiStart] & 0x1F;
 }
 
 // ue(v), plus 1, at the start of `count` bytes; after them everything is 0.
-static uint32_t read_exp_golomb(const uint8_t *pBytes, uint32_t count)
+static uint32_t read_exp_golomb(const uint8_t *bytes, uint32_t count)
 {
     const auto bit = [&](uint32_t at) {
-        return at / 8 < count ? (uint32_t{pBytes[at / 8]} >> (7 - at % 8)) & 1 : 0;
+        return at / 8 < count ? (uint32_t{bytes[at / 8]} >> (7 - at % 8)) & 1 : 0;
     };
     uint32_t zeros = 0;
     while (zeros <= kMaxIdZeros && bit(zeros) == 0) {
@@ -35,112 +35,111 @@ static uint32_t read_exp_golomb(const uint8_t *pBytes, uint32_t count)
     return code;
 }
 
-static uint32_t id_of(const uint8_t *pData, const nal_unit_t *pUnit)
+static uint32_t id_of(const uint8_t *data, const nal_unit_t *unit)
 {
-    const uint32_t offset = type_of(pData, pUnit) == NAL_TYPE_SPS ? kSpsIdOffset : kPpsIdOffset;
-    const uint32_t at = pUnit->uiStart + offset;
-    return at < pUnit->uiEnd ? read_exp_golomb(pData + at, pUnit->uiEnd - at) : 0;
+    const uint32_t offset = type_of(data, unit) == NAL_TYPE_SPS ? kSpsIdOffset : kPpsIdOffset;
+    const uint32_t at = unit->uiStart + offset;
+    return at < unit->uiEnd ? read_exp_golomb(data + at, unit->uiEnd - at) : 0;
 }
 
-static void drop_same_set(omx_tdmbrec_component_PrivateType *pPrivate, uint32_t type, uint32_t id)
+static void drop_same_set(omx_tdmbrec_component_PrivateType *self, uint32_t type, uint32_t id)
 {
-    uint8_t *const pSets = pPrivate->aucKeptSets;
+    uint8_t *const sets = self->aucKeptSets;
     nal_unit_t kept;
-    for (uint32_t at = 0; take_unit(pSets, pPrivate->uiKeptSetsLen, &at, &kept);) {
-        if (type_of(pSets, &kept) == type && id_of(pSets, &kept) == id) {
-            memmove(pSets + kept.uiStartCode, pSets + kept.uiEnd,
-                    pPrivate->uiKeptSetsLen - kept.uiEnd);
-            pPrivate->uiKeptSetsLen -= kept.uiEnd - kept.uiStartCode;
+    for (uint32_t at = 0; take_unit(sets, self->uiKeptSetsLen, &at, &kept);) {
+        if (type_of(sets, &kept) == type && id_of(sets, &kept) == id) {
+            memmove(sets + kept.uiStartCode, sets + kept.uiEnd, self->uiKeptSetsLen - kept.uiEnd);
+            self->uiKeptSetsLen -= kept.uiEnd - kept.uiStartCode;
             return;
         }
     }
 }
 
 // returns where the set goes, or null when there is no room.
-static uint8_t *make_room(omx_tdmbrec_component_PrivateType *pPrivate, uint32_t type,
+static uint8_t *make_room(omx_tdmbrec_component_PrivateType *self, uint32_t type,
                           uint32_t set_bytes)
 {
-    if (set_bytes > sizeof(pPrivate->aucKeptSets) - pPrivate->uiKeptSetsLen) {
+    if (set_bytes > sizeof(self->aucKeptSets) - self->uiKeptSetsLen) {
         return nullptr;
     }
-    uint8_t *const pSets = pPrivate->aucKeptSets;
-    const uint32_t kept_bytes = pPrivate->uiKeptSetsLen;
-    pPrivate->uiKeptSetsLen += set_bytes;
+    uint8_t *const sets = self->aucKeptSets;
+    const uint32_t kept_bytes = self->uiKeptSetsLen;
+    self->uiKeptSetsLen += set_bytes;
     if (type == NAL_TYPE_PPS) {
-        return pSets + kept_bytes;
+        return sets + kept_bytes;
     }
-    memmove(pSets + set_bytes, pSets, kept_bytes); // the others refer to it
-    return pSets;
+    memmove(sets + set_bytes, sets, kept_bytes); // the others refer to it
+    return sets;
 }
 
-static void keep_set(omx_tdmbrec_component_PrivateType *pPrivate, const uint8_t *pData,
-                     const nal_unit_t *pUnit)
+static void keep_set(omx_tdmbrec_component_PrivateType *self, const uint8_t *data,
+                     const nal_unit_t *unit)
 {
-    const uint32_t unit_bytes = pUnit->uiEnd - pUnit->uiStart;
-    const uint32_t type = type_of(pData, pUnit);
+    const uint32_t unit_bytes = unit->uiEnd - unit->uiStart;
+    const uint32_t type = type_of(data, unit);
     if (type == NAL_TYPE_SPS && unit_bytes < LEAST_SPS_BYTES) {
         return;
     }
-    drop_same_set(pPrivate, type, id_of(pData, pUnit));
-    uint8_t *const pTo = make_room(pPrivate, type, START_CODE_BYTES + unit_bytes);
-    if (pTo == nullptr) {
+    drop_same_set(self, type, id_of(data, unit));
+    uint8_t *const to = make_room(self, type, START_CODE_BYTES + unit_bytes);
+    if (to == nullptr) {
         __android_log_print(ANDROID_LOG_ERROR, TDMBREC_LOG_TAG,
                             "No room for a parameter set: %u bytes dropped\n", unit_bytes);
         return;
     }
-    write_be32(pTo, 1);
-    memcpy(pTo + START_CODE_BYTES, pData + pUnit->uiStart, unit_bytes);
+    write_be32(to, 1);
+    memcpy(to + START_CODE_BYTES, data + unit->uiStart, unit_bytes);
 }
 
-void keep_parameter_sets(omx_tdmbrec_component_PrivateType *pPrivate, const uint8_t *pData,
-                         const access_unit_t *pAccessUnit)
+void keep_parameter_sets(omx_tdmbrec_component_PrivateType *self, const uint8_t *data,
+                         const access_unit_t *access_unit)
 {
-    const bool has_begun = pPrivate->bFileBegun != 0;
-    if (has_begun && pPrivate->bInBandParameterSets == 0) {
+    const bool has_begun = self->bFileBegun != 0;
+    if (has_begun && self->bInBandParameterSets == 0) {
         return;
     }
-    if (pAccessUnit->uiUnitCount > 0) {
-        if (pPrivate->iMuxOpenResult == 0 && pPrivate->bInBandParameterSets == 0 &&
-            pPrivate->bOpenedBySetsAlone == 0) {
+    if (access_unit->uiUnitCount > 0) {
+        if (self->iMuxOpenResult == 0 && self->bInBandParameterSets == 0 &&
+            self->bOpenedBySetsAlone == 0) {
             return; // a picture has opened the file: sets in front of pictures are left out of it
         }
-        if (!has_begun && has_both_kinds(pAccessUnit)) {
-            forget_kept_sets(pPrivate);
+        if (!has_begun && has_both_kinds(access_unit)) {
+            forget_kept_sets(self);
             return;
         }
-        if (has_begun && pPrivate->uiKeptSetsLen == 0) {
+        if (has_begun && self->uiKeptSetsLen == 0) {
             return; // the file takes them with their picture
         }
     }
     nal_unit_t unit;
-    for (uint32_t at = 0; take_unit(pData, pAccessUnit->uiPictureOffset, &at, &unit);) {
+    for (uint32_t at = 0; take_unit(data, access_unit->uiPictureOffset, &at, &unit);) {
         if (unit.uiEnd > unit.uiStart) {
-            keep_set(pPrivate, pData, &unit);
+            keep_set(self, data, &unit);
         }
     }
 }
 
-bool takes_kept_sets(const omx_tdmbrec_component_PrivateType *pPrivate,
-                     const access_unit_t *pAccessUnit)
+bool takes_kept_sets(const omx_tdmbrec_component_PrivateType *self,
+                     const access_unit_t *access_unit)
 {
     access_unit_t kept;
-    if (!pAccessUnit->has_slice ||
-        !describe_access_unit(pPrivate->aucKeptSets, pPrivate->uiKeptSetsLen, &kept)) {
+    if (!access_unit->has_slice ||
+        !describe_access_unit(self->aucKeptSets, self->uiKeptSetsLen, &kept)) {
         return false;
     }
-    return pPrivate->bFileBegun != 0 || has_both_kinds(&kept);
+    return self->bFileBegun != 0 || has_both_kinds(&kept);
 }
 
-uint32_t join_kept_sets(const omx_tdmbrec_component_PrivateType *pPrivate, const uint8_t *pData,
-                        uint32_t length, const access_unit_t *pAccessUnit, uint8_t *pOut)
+uint32_t join_kept_sets(const omx_tdmbrec_component_PrivateType *self, const uint8_t *data,
+                        uint32_t length, const access_unit_t *access_unit, uint8_t *out)
 {
-    memcpy(pOut, pPrivate->aucKeptSets, pPrivate->uiKeptSetsLen);
-    return pPrivate->uiKeptSetsLen + copy_units(pData + pAccessUnit->uiPictureOffset,
-                                                length - pAccessUnit->uiPictureOffset,
-                                                pOut + pPrivate->uiKeptSetsLen);
+    memcpy(out, self->aucKeptSets, self->uiKeptSetsLen);
+    return self->uiKeptSetsLen + copy_units(data + access_unit->uiPictureOffset,
+                                            length - access_unit->uiPictureOffset,
+                                            out + self->uiKeptSetsLen);
 }
 
-void forget_kept_sets(omx_tdmbrec_component_PrivateType *pPrivate)
+void forget_kept_sets(omx_tdmbrec_component_PrivateType *self)
 {
-    pPrivate->uiKeptSetsLen = 0;
+    self->uiKeptSetsLen = 0;
 }

@@ -16,15 +16,15 @@ uint32_t global_ui_VIDEO_PTS[VIDEO_PTS_ENTRIES][2];
 uint8_t global_uc_write_index;
 omx_tdmbrec_component_PrivateType *global_recording_owner;
 
-claim_result_t claim_recording(omx_tdmbrec_component_PrivateType *pPrivate)
+claim_result_t claim_recording(omx_tdmbrec_component_PrivateType *self)
 {
-    omx_tdmbrec_component_PrivateType *const pNobody = nullptr;
-    while (!swap_shared(global_recording_owner, pNobody, pPrivate)) {
-        const omx_tdmbrec_component_PrivateType *const pOwner = load_shared(global_recording_owner);
-        if (pOwner != pPrivate && pOwner != nullptr) {
+    omx_tdmbrec_component_PrivateType *const nobody = nullptr;
+    while (!swap_shared(global_recording_owner, nobody, self)) {
+        const omx_tdmbrec_component_PrivateType *const owner = load_shared(global_recording_owner);
+        if (owner != self && owner != nullptr) {
             return kClaimOtherComponent;
         }
-        if (load_shared(pPrivate->bRecording) == 1) {
+        if (load_shared(self->bRecording) == 1) {
             return kClaimRecording;
         }
         usleep(1);
@@ -32,9 +32,9 @@ claim_result_t claim_recording(omx_tdmbrec_component_PrivateType *pPrivate)
     return kClaimGranted;
 }
 
-void release_recording(omx_tdmbrec_component_PrivateType *pPrivate)
+void release_recording(omx_tdmbrec_component_PrivateType *self)
 {
-    omx_tdmbrec_component_PrivateType *const pNobody = nullptr;
+    omx_tdmbrec_component_PrivateType *const nobody = nullptr;
     // A close with nothing to close may run while another component records.
-    (void)swap_shared(global_recording_owner, pPrivate, pNobody);
+    (void)swap_shared(global_recording_owner, self, nobody);
 }

@@ -41,8 +41,8 @@ extern omx_tdmbrec_component_PrivateType *global_recording_owner; // atomic
 // for the report of its end). kClaimRecording: it records already. kClaimOtherComponent: another
 // one records or is being closed. thread: any that does not hold the claim.
 typedef enum claim_result_t { kClaimGranted, kClaimRecording, kClaimOtherComponent } claim_result_t;
-[[nodiscard]] claim_result_t claim_recording(omx_tdmbrec_component_PrivateType *pPrivate);
+[[nodiscard]] claim_result_t claim_recording(omx_tdmbrec_component_PrivateType *self);
 // Lets the next recording of the process begin. The record is only named, not touched.
-void release_recording(omx_tdmbrec_component_PrivateType *pPrivate);
+void release_recording(omx_tdmbrec_component_PrivateType *self);
 
 #endif // COMPONENT_PROCESS_STATE_H

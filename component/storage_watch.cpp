@@ -9,14 +9,14 @@
 
 static constexpr unsigned long kLeastFreeKib = 51200; // at or below this the storage is full
 
-static bool begins_with(const char *pszPath, const char *pszRoot)
+static bool begins_with(const char *path, const char *root)
 {
-    return strncmp(pszPath, pszRoot, strlen(pszRoot)) == 0;
+    return strncmp(path, root, strlen(root)) == 0;
 }
 
-bool is_on_removable_storage(const char *pszPath)
+bool is_on_removable_storage(const char *path)
 {
-    return begins_with(pszPath, REMOVABLE_STORAGE_ROOT);
+    return begins_with(path, REMOVABLE_STORAGE_ROOT);
 }
 
 bool open_storage(void)
@@ -46,42 +46,42 @@ void close_storage(void)
 }
 
 // returns the storage's record, or null when the storage is not usable.
-static const df_record_t *query_storage_locked(const char *pszPath)
+static const df_record_t *query_storage_locked(const char *path)
 {
     if (global_mountinfo == nullptr) {
         return nullptr;
     }
-    if (is_on_removable_storage(pszPath)) {
-        char szStatus[PROPERTY_VALUE_MAX];
-        (void)property_get("qvr.sdcard.db.status", szStatus, "");
-        return strcmp(szStatus, "available") == 0 ? dfget(global_mountinfo, DF_REMOVABLE) : nullptr;
+    if (is_on_removable_storage(path)) {
+        char status[PROPERTY_VALUE_MAX];
+        (void)property_get("qvr.sdcard.db.status", status, "");
+        return strcmp(status, "available") == 0 ? dfget(global_mountinfo, DF_REMOVABLE) : nullptr;
     }
-    if (begins_with(pszPath, BUILT_IN_STORAGE_ROOT)) {
+    if (begins_with(path, BUILT_IN_STORAGE_ROOT)) {
         return dfget(global_mountinfo, DF_BUILT_IN);
     }
     return nullptr;
 }
 
-static storage_state_t check_storage_locked(const char *pszPath)
+static storage_state_t check_storage_locked(const char *path)
 {
-    const df_record_t *const pRecord = query_storage_locked(pszPath);
-    if (pRecord == nullptr) {
+    const df_record_t *const record = query_storage_locked(path);
+    if (record == nullptr) {
         return kStorageUnusable;
     }
-    if (pRecord->ulFreeKiB <= kLeastFreeKib) {
+    if (record->ulFreeKiB <= kLeastFreeKib) {
         __android_log_print(ANDROID_LOG_DEBUG, TDMBREC_LOG_TAG, "%-18s%-20s%20lu%20lu\n",
-                            pRecord->pszFileSystem, pRecord->pszMountPoint, pRecord->ulTotalKiB,
-                            pRecord->ulFreeKiB);
+                            record->pszFileSystem, record->pszMountPoint, record->ulTotalKiB,
+                            record->ulFreeKiB);
         close_storage_locked();
         return kStorageFull;
     }
     return kStorageUsable;
 }
 
-storage_state_t check_storage(const char *pszPath)
+storage_state_t check_storage(const char *path)
 {
     pthread_mutex_lock(&lockDFHandle);
-    const storage_state_t state = check_storage_locked(pszPath);
+    const storage_state_t state = check_storage_locked(path);
     pthread_mutex_unlock(&lockDFHandle);
     return state;
 }

@@ -15,7 +15,7 @@ typedef enum storage_state_t {
 } storage_state_t;
 
 // True when the path begins with the removable storage's root.
-[[nodiscard]] bool is_on_removable_storage(const char *pszPath);
+[[nodiscard]] bool is_on_removable_storage(const char *path);
 
 // Opens the process's storage handle unless it is open. returns false when that fails.
 [[nodiscard]] bool open_storage(void);
@@ -24,6 +24,6 @@ typedef enum storage_state_t {
 void close_storage(void);
 
 // Looks at the storage of a path; one property read and one query for every recorded buffer.
-[[nodiscard]] storage_state_t check_storage(const char *pszPath);
+[[nodiscard]] storage_state_t check_storage(const char *path);
 
 #endif // COMPONENT_STORAGE_WATCH_H

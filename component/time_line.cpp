@@ -26,9 +26,9 @@ static uint64_t distance_ms(int64_t ts_us, int64_t base_us)
     return (static_cast<uint64_t>(ts_us) - static_cast<uint64_t>(base_us)) / 1000;
 }
 
-static void count_rollback(uint8_t *pucCount)
+static void count_rollback(uint8_t *count)
 {
-    *pucCount = static_cast<uint8_t>(std::min(*pucCount + 1, UINT8_MAX)); // 0 means none
+    *count = static_cast<uint8_t>(std::min(*count + 1, UINT8_MAX)); // 0 means none
 }
 
 static void log_ruler(void)
@@ -36,96 +36,96 @@ static void log_ruler(void)
     __android_log_print(ANDROID_LOG_INFO, TDMBREC_LOG_TAG, "%s", kRuler);
 }
 
-static void repair_audio_rollback(omx_tdmbrec_component_PrivateType *pPrivate, int64_t ts_us)
+static void repair_audio_rollback(omx_tdmbrec_component_PrivateType *self, int64_t ts_us)
 {
-    count_rollback(&pPrivate->ucAudioRollbackCount);
-    pPrivate->uiBackupAudioPts = pPrivate->uiLastAudioPts;
-    pPrivate->llAudioBaseTime = ts_us;
+    count_rollback(&self->ucAudioRollbackCount);
+    self->uiBackupAudioPts = self->uiLastAudioPts;
+    self->llAudioBaseTime = ts_us;
     log_ruler();
     __android_log_print(ANDROID_LOG_INFO, TDMBREC_LOG_TAG, "BACKUP_AUDIO_PTS : %d\n",
-                        static_cast<int>(pPrivate->uiBackupAudioPts));
+                        static_cast<int>(self->uiBackupAudioPts));
     __android_log_print(ANDROID_LOG_INFO, TDMBREC_LOG_TAG, "AUDIO_ROLLBACK_COUNT : %d\n",
-                        pPrivate->ucAudioRollbackCount);
+                        self->ucAudioRollbackCount);
     log_ruler();
 }
 
-static void repair_video_rollback(omx_tdmbrec_component_PrivateType *pPrivate, int64_t ts_us)
+static void repair_video_rollback(omx_tdmbrec_component_PrivateType *self, int64_t ts_us)
 {
-    count_rollback(&pPrivate->ucVideoRollbackCount);
-    pPrivate->uiBackupVideoPts = pPrivate->uiLastVideoPts;
-    pPrivate->llVideoBaseTime = ts_us;
+    count_rollback(&self->ucVideoRollbackCount);
+    self->uiBackupVideoPts = self->uiLastVideoPts;
+    self->llVideoBaseTime = ts_us;
     log_ruler();
     __android_log_print(ANDROID_LOG_INFO, TDMBREC_LOG_TAG, "BACKUP_VIDEO_PTS : %d\n",
-                        static_cast<int>(pPrivate->uiBackupVideoPts));
+                        static_cast<int>(self->uiBackupVideoPts));
     __android_log_print(ANDROID_LOG_INFO, TDMBREC_LOG_TAG, "VIDEO_ROLLBACK_COUNT : %d\n",
-                        pPrivate->ucVideoRollbackCount);
+                        self->ucVideoRollbackCount);
     log_ruler();
 }
 
-static uint32_t map_audio_time(omx_tdmbrec_component_PrivateType *pPrivate, int64_t ts_us)
+static uint32_t map_audio_time(omx_tdmbrec_component_PrivateType *self, int64_t ts_us)
 {
-    if (pPrivate->llLastAudioTime > ts_us) {
-        repair_audio_rollback(pPrivate, ts_us);
+    if (self->llLastAudioTime > ts_us) {
+        repair_audio_rollback(self, ts_us);
     }
-    uint64_t time_ms = distance_ms(ts_us, pPrivate->llAudioBaseTime);
-    if (pPrivate->ucAudioRollbackCount != 0) {
-        time_ms += static_cast<uint64_t>(pPrivate->uiAudioFrameMs) + pPrivate->uiBackupAudioPts;
+    uint64_t time_ms = distance_ms(ts_us, self->llAudioBaseTime);
+    if (self->ucAudioRollbackCount != 0) {
+        time_ms += static_cast<uint64_t>(self->uiAudioFrameMs) + self->uiBackupAudioPts;
     }
-    pPrivate->llLastAudioTime = ts_us;
+    self->llLastAudioTime = ts_us;
     return saturate_ms(time_ms);
 }
 
-static uint32_t map_video_time(omx_tdmbrec_component_PrivateType *pPrivate, int64_t ts_us)
+static uint32_t map_video_time(omx_tdmbrec_component_PrivateType *self, int64_t ts_us)
 {
-    uint64_t time_ms = distance_ms(ts_us, pPrivate->llVideoBaseTime);
-    if (pPrivate->ucVideoRollbackCount != 0) {
-        time_ms += static_cast<uint64_t>(pPrivate->uiVideoIntervalMs) + pPrivate->uiBackupVideoPts;
+    uint64_t time_ms = distance_ms(ts_us, self->llVideoBaseTime);
+    if (self->ucVideoRollbackCount != 0) {
+        time_ms += static_cast<uint64_t>(self->uiVideoIntervalMs) + self->uiBackupVideoPts;
     }
-    pPrivate->llLastVideoTime = ts_us;
+    self->llLastVideoTime = ts_us;
     return saturate_ms(time_ms);
 }
 
-bool map_time_stamp(omx_tdmbrec_component_PrivateType *pPrivate, int64_t ts_us, uint32_t *puiTime)
+bool map_time_stamp(omx_tdmbrec_component_PrivateType *self, int64_t ts_us, uint32_t *time)
 {
-    const bool is_video = pPrivate->ucBufferPort == TDMBREC_PORT_VIDEO;
-    if (pPrivate->llVideoBaseTime == 0 && is_video) {
-        pPrivate->llVideoBaseTime = ts_us;
-        pPrivate->llAudioBaseTime = ts_us;
-        *puiTime = map_video_time(pPrivate, ts_us);
+    const bool is_video = self->ucBufferPort == TDMBREC_PORT_VIDEO;
+    if (self->llVideoBaseTime == 0 && is_video) {
+        self->llVideoBaseTime = ts_us;
+        self->llAudioBaseTime = ts_us;
+        *time = map_video_time(self, ts_us);
         return true;
     }
-    if (pPrivate->llAudioBaseTime == 0) {
+    if (self->llAudioBaseTime == 0) {
         return false;
     }
     if (!is_video) {
-        if (ts_us < pPrivate->llAudioBaseTime) {
+        if (ts_us < self->llAudioBaseTime) {
             return false;
         }
-        *puiTime = map_audio_time(pPrivate, ts_us);
+        *time = map_audio_time(self, ts_us);
         return true;
     }
-    if (pPrivate->llLastVideoTime > ts_us) {
-        repair_video_rollback(pPrivate, ts_us);
+    if (self->llLastVideoTime > ts_us) {
+        repair_video_rollback(self, ts_us);
     }
-    *puiTime = map_video_time(pPrivate, ts_us);
+    *time = map_video_time(self, ts_us);
     return true;
 }
 
-void note_video_time(omx_tdmbrec_component_PrivateType *pPrivate, uint32_t uiTime)
+void note_video_time(omx_tdmbrec_component_PrivateType *self, uint32_t time)
 {
-    const uint32_t distance = uiTime - pPrivate->uiLastVideoPts;
+    const uint32_t distance = time - self->uiLastVideoPts;
     uint8_t index = load_shared(global_uc_write_index);
-    if (pPrivate->ucVideoIntervalState == 0xFF) {
+    if (self->ucVideoIntervalState == 0xFF) {
         // The first distance of a recording is that of its first video to itself.
         if (distance != 0) {
-            pPrivate->uiVideoIntervalMs = distance;
-            pPrivate->ucVideoIntervalState = 0;
+            self->uiVideoIntervalMs = distance;
+            self->ucVideoIntervalState = 0;
         }
-    } else if (distance > 2 * static_cast<uint64_t>(pPrivate->uiVideoIntervalMs)) {
-        store_shared(global_ui_VIDEO_PTS[index][1], pPrivate->uiLastVideoPts);
+    } else if (distance > 2 * static_cast<uint64_t>(self->uiVideoIntervalMs)) {
+        store_shared(global_ui_VIDEO_PTS[index][1], self->uiLastVideoPts);
         index = static_cast<uint8_t>((index + 1) % VIDEO_PTS_ENTRIES);
         store_shared(global_uc_write_index, index);
     }
-    pPrivate->uiLastVideoPts = uiTime;
-    store_shared(global_ui_VIDEO_PTS[index][0], uiTime);
+    self->uiLastVideoPts = time;
+    store_shared(global_ui_VIDEO_PTS[index][0], time);
 }

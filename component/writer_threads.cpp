@@ -24,45 +24,45 @@ static constexpr writer_t kAudioWriter = {QVR_FIFO_AUDIO, MUX_TYPE_AUDIO,
                                           "omx_tdmbrec_audio_thread", 2152};
 
 // Writes the oldest frame, if there is one; it stays in the FIFO while there is no file.
-static write_result_t write_oldest_frame(omx_tdmbrec_component_PrivateType *pPrivate,
-                                         const writer_t *pWriter, int32_t *piMuxResult)
+static write_result_t write_oldest_frame(omx_tdmbrec_component_PrivateType *self,
+                                         const writer_t *writer, int32_t *mux_result)
 {
-    mp4_mux_putstream_t frame = {.m_iType = pWriter->iType};
+    mp4_mux_putstream_t frame = {.m_iType = writer->iType};
     uint32_t length = 0;
     int64_t time = 0;
-    frame.m_pbyData = QVR_FIFO_GetOneFrame(pWriter->uiFifo, &length, &time, &frame.m_uiFlags);
+    frame.m_pbyData = QVR_FIFO_GetOneFrame(writer->uiFifo, &length, &time, &frame.m_uiFlags);
     if (frame.m_pbyData == nullptr) {
         return kWriteNothing;
     }
     frame.m_iDataSize = static_cast<int32_t>(length);
     frame.m_uiTimeStamp = static_cast<uint32_t>(time);
     frame.m_uiTimeStamp2 = frame.m_uiTimeStamp;
-    const write_result_t result = put_frame(pPrivate, &frame, piMuxResult);
+    const write_result_t result = put_frame(self, &frame, mux_result);
     if (result != kWriteNothing) {
-        (void)QVR_FIFO_PopFrame(pWriter->uiFifo);
+        (void)QVR_FIFO_PopFrame(writer->uiFifo);
     }
     return result;
 }
 
 // The stop procedure joins this thread: it runs on a thread of its own.
-static void end_recording(OMX_COMPONENTTYPE *pComponent, const writer_t *pWriter,
+static void end_recording(OMX_COMPONENTTYPE *component, const writer_t *writer,
                           write_result_t result, int32_t mux_result)
 {
-    omx_tdmbrec_component_PrivateType *const pPrivate = private_record(pComponent);
-    const bool ends_recording = take_recording(pPrivate);
-    log_mux_error(pPrivate, mux_result, pWriter->pszFunction, pWriter->iLine);
+    omx_tdmbrec_component_PrivateType *const self = private_record(component);
+    const bool ends_recording = take_recording(self);
+    log_mux_error(self, mux_result, writer->pszFunction, writer->iLine);
     if (ends_recording) {
-        begin_stop(pComponent,
+        begin_stop(component,
                    result == kWriteFailed ? TDMBREC_STOP_WRITE : TDMBREC_STOP_SIZE_LIMIT);
     }
 }
 
-static void write_frames(OMX_COMPONENTTYPE *pComponent, const writer_t *pWriter)
+static void write_frames(OMX_COMPONENTTYPE *component, const writer_t *writer)
 {
-    omx_tdmbrec_component_PrivateType *const pPrivate = private_record(pComponent);
-    while (load_shared(pPrivate->bRecording) == 1) {
+    omx_tdmbrec_component_PrivateType *const self = private_record(component);
+    while (load_shared(self->bRecording) == 1) {
         int32_t mux_result = 0;
-        const write_result_t result = write_oldest_frame(pPrivate, pWriter, &mux_result);
+        const write_result_t result = write_oldest_frame(self, writer, &mux_result);
         switch (result) {
         case kWriteDone:
             break;
@@ -71,20 +71,20 @@ static void write_frames(OMX_COMPONENTTYPE *pComponent, const writer_t *pWriter)
             break;
         case kWriteFailed:
         case kWriteSizeLimit:
-            end_recording(pComponent, pWriter, result, mux_result);
+            end_recording(component, writer, result, mux_result);
             return;
         }
     }
 }
 
-void *omx_tdmbrec_video_thread(void *pHandle)
+void *omx_tdmbrec_video_thread(void *handle)
 {
-    write_frames(static_cast<OMX_COMPONENTTYPE *>(pHandle), &kVideoWriter);
+    write_frames(static_cast<OMX_COMPONENTTYPE *>(handle), &kVideoWriter);
     pthread_exit(nullptr);
 }
 
-void *omx_tdmbrec_audio_thread(void *pHandle)
+void *omx_tdmbrec_audio_thread(void *handle)
 {
-    write_frames(static_cast<OMX_COMPONENTTYPE *>(pHandle), &kAudioWriter);
+    write_frames(static_cast<OMX_COMPONENTTYPE *>(handle), &kAudioWriter);
     pthread_exit(nullptr);
 }

@@ -23,66 +23,66 @@ static int32_t giSampleRate;
 static int32_t giSamplesPerChannel;
 static uint64_t gullOutputBytes;
 
-static void log_settings(const zpl_aenc_t *pZpl)
+static void log_settings(const zpl_aenc_t *zpl)
 {
     __android_log_print(ANDROID_LOG_INFO, ZPL_AENC_LOG_TAG, "%s", kRuler);
     __android_log_print(ANDROID_LOG_INFO, ZPL_AENC_LOG_TAG, "=> pZpl->m_iAudioSamplePerSec (%d) ",
-                        pZpl->m_iAudioSamplePerSec);
+                        zpl->m_iAudioSamplePerSec);
     __android_log_print(ANDROID_LOG_INFO, ZPL_AENC_LOG_TAG, "=> pZpl->m_iAudioChannels (%d)",
-                        pZpl->m_iAudioChannels);
+                        zpl->m_iAudioChannels);
     __android_log_print(ANDROID_LOG_INFO, ZPL_AENC_LOG_TAG, "=> pZpl->m_iAudioBitsPerSample (%d)",
-                        pZpl->m_iAudioBitsPerSample);
+                        zpl->m_iAudioBitsPerSample);
     __android_log_print(ANDROID_LOG_INFO, ZPL_AENC_LOG_TAG, "=> pZpl->m_iAudioBitRates (%d)",
-                        pZpl->m_iAudioBitRates);
+                        zpl->m_iAudioBitRates);
     __android_log_print(ANDROID_LOG_INFO, ZPL_AENC_LOG_TAG, "%s", kRuler);
 }
 
-static void fill_records(const zpl_aenc_t *pZpl, const zpl_aenc_init_t *pInit, int32_t outputType)
+static void fill_records(const zpl_aenc_t *zpl, const zpl_aenc_init_t *init, int32_t output_type)
 {
-    gstAudioInfo.sampleRate = pZpl->m_iAudioSamplePerSec;
-    gstAudioInfo.channels = pZpl->m_iAudioChannels;
+    gstAudioInfo.sampleRate = zpl->m_iAudioSamplePerSec;
+    gstAudioInfo.channels = zpl->m_iAudioChannels;
     gstAudioInfo.deinterleave = 1;
     giSampleBits =
-        pZpl->m_iAudioBitsPerSample != 0 ? pZpl->m_iAudioBitsPerSample : kDefaultSampleBits;
-    gstStreamInfo.bitRate = pZpl->m_iAudioBitRates;
-    gstStreamInfo.channels = pZpl->m_iAudioChannels;
+        zpl->m_iAudioBitsPerSample != 0 ? zpl->m_iAudioBitsPerSample : kDefaultSampleBits;
+    gstStreamInfo.bitRate = zpl->m_iAudioBitRates;
+    gstStreamInfo.channels = zpl->m_iAudioChannels;
     gstInitParams.audioInfo = &gstAudioInfo;
     gstInitParams.streamInfo = &gstStreamInfo;
-    memcpy(gstInitParams.reservedWords, pInit->aucFirstPcm + 16,
+    memcpy(gstInitParams.reservedWords, init->aucFirstPcm + 16,
            sizeof(gstInitParams.reservedWords));
     gstInitParams.outputFormat =
-        outputType == ZPL_AENC_OUTPUT_ADTS ? AACENC_FORMAT_ADTS : AACENC_FORMAT_RAW;
+        output_type == ZPL_AENC_OUTPUT_ADTS ? AACENC_FORMAT_ADTS : AACENC_FORMAT_RAW;
 }
 
-static void free_buffers(const tdmbrec_memory_functions_t *pMemory)
+static void free_buffers(const tdmbrec_memory_functions_t *memory)
 {
-    pMemory->pfnFree(gpucPcmBuffer);
+    memory->pfnFree(gpucPcmBuffer);
     gpucPcmBuffer = nullptr;
-    pMemory->pfnFree(gpucStreamBuffer);
+    memory->pfnFree(gpucStreamBuffer);
     gpucStreamBuffer = nullptr;
-    pMemory->pfnFree(gpstCallbacks);
+    memory->pfnFree(gpstCallbacks);
     gpstCallbacks = nullptr;
 }
 
-static int32_t allocate_callbacks(const tdmbrec_memory_functions_t *pMemory)
+static int32_t allocate_callbacks(const tdmbrec_memory_functions_t *memory)
 {
-    gpstCallbacks = static_cast<AacEncCallbacks *>(pMemory->pfnMalloc(sizeof(AacEncCallbacks)));
+    gpstCallbacks = static_cast<AacEncCallbacks *>(memory->pfnMalloc(sizeof(AacEncCallbacks)));
     if (gpstCallbacks == nullptr) {
         return -1;
     }
-    *gpstCallbacks = {.allocate = pMemory->pfnMalloc,
-                      .release = pMemory->pfnFree,
-                      .copy = pMemory->pfnMemcpy,
-                      .fill = pMemory->pfnMemset,
-                      .reallocate = pMemory->pfnRealloc,
-                      .move = pMemory->pfnMemmove};
+    *gpstCallbacks = {.allocate = memory->pfnMalloc,
+                      .release = memory->pfnFree,
+                      .copy = memory->pfnMemcpy,
+                      .fill = memory->pfnMemset,
+                      .reallocate = memory->pfnRealloc,
+                      .move = memory->pfnMemmove};
     gstInitParams.callbacks = gpstCallbacks;
     return 0;
 }
 
-static int32_t allocate_buffers(const zpl_aenc_t *pZpl)
+static int32_t allocate_buffers(const zpl_aenc_t *zpl)
 {
-    gpucStreamBuffer = static_cast<uint8_t *>(pZpl->pstMemory->pfnMalloc(kStreamBufferBytes));
+    gpucStreamBuffer = static_cast<uint8_t *>(zpl->pstMemory->pfnMalloc(kStreamBufferBytes));
     if (gpucStreamBuffer == nullptr) {
         __android_log_print(ANDROID_LOG_ERROR, ZPL_AENC_LOG_TAG,
                             ": [ZPL_CORE] zpl_aenc_init gpucStreamBuffer allocation fail\n");
@@ -90,8 +90,8 @@ static int32_t allocate_buffers(const zpl_aenc_t *pZpl)
     }
     gstStreamInfo.output = gpucStreamBuffer;
     const size_t pcm_bytes = static_cast<size_t>(kSamplesPerChannel) *
-                             static_cast<size_t>(pZpl->m_iAudioChannels) * sizeof(int16_t);
-    gpucPcmBuffer = static_cast<uint8_t *>(pZpl->pstMemory->pfnMalloc(pcm_bytes));
+                             static_cast<size_t>(zpl->m_iAudioChannels) * sizeof(int16_t);
+    gpucPcmBuffer = static_cast<uint8_t *>(zpl->pstMemory->pfnMalloc(pcm_bytes));
     if (gpucPcmBuffer == nullptr) {
         __android_log_print(ANDROID_LOG_ERROR, ZPL_AENC_LOG_TAG,
                             ": [ZPL_CORE] zpl_aenc_init gpucPcmBuffer allocation fail\n");
@@ -101,17 +101,17 @@ static int32_t allocate_buffers(const zpl_aenc_t *pZpl)
     return 0;
 }
 
-static int32_t open_encoder(zpl_aenc_t *pZpl)
+static int32_t open_encoder(zpl_aenc_t *zpl)
 {
-    if (pZpl->iState != kZplStateInitialise && pZpl->iState != kZplStateRun) {
+    if (zpl->iState != kZplStateInitialise && zpl->iState != kZplStateRun) {
         return 0;
     }
     __android_log_print(ANDROID_LOG_INFO, ZPL_AENC_LOG_TAG, "@@@@@ init Start");
-    const int32_t result = gspfAEnc(AACENC_OP_INIT, &pZpl->hEncoder, &gstInitParams, nullptr);
+    const int32_t result = gspfAEnc(AACENC_OP_INIT, &zpl->hEncoder, &gstInitParams, nullptr);
     if (result < 0) {
         __android_log_print(ANDROID_LOG_ERROR, ZPL_AENC_LOG_TAG,
                             ": [ZPL_CORE:Err%d] gspfAEnc AUDIO_INIT failed \n", result);
-        (void)gspfAEnc(AACENC_OP_CLOSE, &pZpl->hEncoder, nullptr, nullptr);
+        (void)gspfAEnc(AACENC_OP_CLOSE, &zpl->hEncoder, nullptr, nullptr);
         return result;
     }
     __android_log_print(ANDROID_LOG_INFO, ZPL_AENC_LOG_TAG, "@@@@@ init End ");
@@ -119,7 +119,7 @@ static int32_t open_encoder(zpl_aenc_t *pZpl)
 }
 
 // Takes over what the encoder says of its frames.
-static int32_t take_geometry(zpl_aenc_t *pZpl, int32_t result)
+static int32_t take_geometry(zpl_aenc_t *zpl, int32_t result)
 {
     if (gstStreamInfo.channels == 0 || gstStreamInfo.sampleRate == 0 ||
         gstStreamInfo.samplesPerChannel == 0) {
@@ -128,8 +128,8 @@ static int32_t take_geometry(zpl_aenc_t *pZpl, int32_t result)
                             "bitPersample%d, samplePerchannel%d]\n",
                             gstStreamInfo.channels, gstStreamInfo.sampleRate, giSampleBits,
                             gstStreamInfo.samplesPerChannel);
-        if (pZpl->hEncoder != nullptr) {
-            (void)gspfAEnc(AACENC_OP_CLOSE, &pZpl->hEncoder, nullptr, nullptr);
+        if (zpl->hEncoder != nullptr) {
+            (void)gspfAEnc(AACENC_OP_CLOSE, &zpl->hEncoder, nullptr, nullptr);
         }
         return -1;
     }
@@ -143,34 +143,34 @@ static int32_t take_geometry(zpl_aenc_t *pZpl, int32_t result)
     return result;
 }
 
-static int32_t init_with_buffers(zpl_aenc_t *pZpl)
+static int32_t init_with_buffers(zpl_aenc_t *zpl)
 {
-    if (allocate_callbacks(pZpl->pstMemory) < 0 || allocate_buffers(pZpl) < 0) {
+    if (allocate_callbacks(zpl->pstMemory) < 0 || allocate_buffers(zpl) < 0) {
         return -1;
     }
-    const int32_t result = open_encoder(pZpl);
-    return result < 0 ? result : take_geometry(pZpl, result);
+    const int32_t result = open_encoder(zpl);
+    return result < 0 ? result : take_geometry(zpl, result);
 }
 
-int32_t zpl_aenc_init(zpl_aenc_t *pZpl, zpl_aenc_init_t *pInit, int32_t aencType,
-                      int32_t outputType, tdmbrec_encoder_function_t pfnEncoder)
+int32_t zpl_aenc_init(zpl_aenc_t *zpl, zpl_aenc_init_t *init, int32_t aenc_type,
+                      int32_t output_type, tdmbrec_encoder_function_t encoder)
 {
-    gspfAEnc = pfnEncoder;
-    if (gspfAEnc == nullptr || aencType != ZPL_AENC_TYPE_AAC) {
+    gspfAEnc = encoder;
+    if (gspfAEnc == nullptr || aenc_type != ZPL_AENC_TYPE_AAC) {
         __android_log_print(ANDROID_LOG_ERROR, ZPL_AENC_LOG_TAG,
-                            ": [ZPL_CORE] audio decoder not found (iAencType: %d) \n", aencType);
+                            ": [ZPL_CORE] audio decoder not found (iAencType: %d) \n", aenc_type);
         gspfAEnc = nullptr;
         return -1;
     }
-    pZpl->pstMemory->pfnMemset(&gstAudioInfo, 0, sizeof(gstAudioInfo));
-    pZpl->pstMemory->pfnMemset(&gstStreamInfo, 0, sizeof(gstStreamInfo));
-    pZpl->pstMemory->pfnMemset(&gstInitParams, 0, sizeof(gstInitParams));
+    zpl->pstMemory->pfnMemset(&gstAudioInfo, 0, sizeof(gstAudioInfo));
+    zpl->pstMemory->pfnMemset(&gstStreamInfo, 0, sizeof(gstStreamInfo));
+    zpl->pstMemory->pfnMemset(&gstInitParams, 0, sizeof(gstInitParams));
     gullOutputBytes = 0;
-    log_settings(pZpl);
-    fill_records(pZpl, pInit, outputType);
-    const int32_t result = init_with_buffers(pZpl);
+    log_settings(zpl);
+    fill_records(zpl, init, output_type);
+    const int32_t result = init_with_buffers(zpl);
     if (result < 0) {
-        free_buffers(pZpl->pstMemory);
+        free_buffers(zpl->pstMemory);
     }
     return result;
 }
@@ -180,40 +180,40 @@ uint32_t zpl_aenc_getSamplesSize(void)
     return static_cast<uint32_t>(giSampleBits / 8 * giChannels * giSamplesPerChannel);
 }
 
-int32_t zpl_aenc_encode(zpl_aenc_t *pZpl, const zpl_aenc_init_t *pInit,
-                        const zpl_aenc_input_t *pInput, int32_t aencType)
+int32_t zpl_aenc_encode(zpl_aenc_t *zpl, const zpl_aenc_init_t *init, const zpl_aenc_input_t *input,
+                        int32_t aenc_type)
 {
-    (void)pInit;
-    (void)aencType;
-    if (pZpl->iState == kZplStateOff || pZpl->iState == kZplStateStopped) {
+    (void)init;
+    (void)aenc_type;
+    if (zpl->iState == kZplStateOff || zpl->iState == kZplStateStopped) {
         return 0;
     }
-    if (pZpl->iState != kZplStateRun) {
+    if (zpl->iState != kZplStateRun) {
         return -1;
     }
     // Aligned: the queue's storage is an allocated block, and its read position is whole frames, of
     // an even number of bytes each, from the start of it.
-    gstAudioInfo.pcm = reinterpret_cast<const int16_t *>(static_cast<const void *>(pInput->pPcm));
+    gstAudioInfo.pcm = reinterpret_cast<const int16_t *>(static_cast<const void *>(input->pPcm));
     const int32_t result =
-        gspfAEnc(AACENC_OP_ENCODE, &pZpl->hEncoder, &gstAudioInfo, &gstStreamInfo);
+        gspfAEnc(AACENC_OP_ENCODE, &zpl->hEncoder, &gstAudioInfo, &gstStreamInfo);
     if (result < 0) {
         __android_log_print(ANDROID_LOG_ERROR, ZPL_AENC_LOG_TAG,
                             ": [ZPL_CORE] ZPL_Audio_Enc_run error\n");
         return result;
     }
-    pZpl->iOutputLength = gstStreamInfo.outputBytes;
-    pZpl->pOutput = gstStreamInfo.output;
+    zpl->iOutputLength = gstStreamInfo.outputBytes;
+    zpl->pOutput = gstStreamInfo.output;
     gullOutputBytes += static_cast<uint64_t>(gstStreamInfo.outputBytes);
     return 0;
 }
 
-int32_t zpl_aenc_close(zpl_aenc_t *pZpl)
+int32_t zpl_aenc_close(zpl_aenc_t *zpl)
 {
     int32_t result = 0;
     if (gspfAEnc != nullptr &&
-        (pZpl->iState == kZplStateInitialise || pZpl->iState == kZplStateRun)) {
-        result = gspfAEnc(AACENC_OP_CLOSE, &pZpl->hEncoder, nullptr, nullptr);
+        (zpl->iState == kZplStateInitialise || zpl->iState == kZplStateRun)) {
+        result = gspfAEnc(AACENC_OP_CLOSE, &zpl->hEncoder, nullptr, nullptr);
     }
-    free_buffers(pZpl->pstMemory);
+    free_buffers(zpl->pstMemory);
     return result;
 }

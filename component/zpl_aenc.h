@@ -19,10 +19,10 @@ enum {
 };
 
 // Opens the encoder that the instance describes.
-// in       aencType: ZPL_AENC_TYPE_AAC; outputType: ZPL_AENC_OUTPUT_ADTS, else raw access units
+// in       aenc_type: ZPL_AENC_TYPE_AAC; output_type: ZPL_AENC_OUTPUT_ADTS, else raw access units
 // returns  0 or negative; after a failure nothing is kept
-[[nodiscard]] int32_t zpl_aenc_init(zpl_aenc_t *pZpl, zpl_aenc_init_t *pInit, int32_t aencType,
-                                    int32_t outputType, tdmbrec_encoder_function_t pfnEncoder);
+[[nodiscard]] int32_t zpl_aenc_init(zpl_aenc_t *zpl, zpl_aenc_init_t *init, int32_t aenc_type,
+                                    int32_t output_type, tdmbrec_encoder_function_t encoder);
 
 // returns the bytes of PCM in one frame, of the last initialisation.
 [[nodiscard]] uint32_t zpl_aenc_getSamplesSize(void);
@@ -30,11 +30,11 @@ enum {
 // Encodes one frame, read in place; the instance's output pointer and length then describe the
 // access unit, valid until the next frame.
 // returns 0 or negative
-[[nodiscard]] int32_t zpl_aenc_encode(zpl_aenc_t *pZpl, const zpl_aenc_init_t *pInit,
-                                      const zpl_aenc_input_t *pInput, int32_t aencType);
+[[nodiscard]] int32_t zpl_aenc_encode(zpl_aenc_t *zpl, const zpl_aenc_init_t *init,
+                                      const zpl_aenc_input_t *input, int32_t aenc_type);
 
 // Closes the encoder and frees the adapter's buffers.
 // returns the encoder's result, 0 when nothing was open
-[[nodiscard]] int32_t zpl_aenc_close(zpl_aenc_t *pZpl);
+[[nodiscard]] int32_t zpl_aenc_close(zpl_aenc_t *zpl);
 
 #endif // COMPONENT_ZPL_AENC_H

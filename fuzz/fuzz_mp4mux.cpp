@@ -78,7 +78,7 @@ static void describe_anything(fuzz_input &input, fuzzed_recording &recording)
 static void describe(fuzz_input &input, fuzzed_recording &recording)
 {
     const uint32_t how = input.u8();
-    recording.init = mux_test::make_callbacks(how & 1);
+    recording.init = mux_test::make_callbacks((how & 1) != 0);
     describe_caches(input, recording);
     recording.init.m_pOutput = recording.name;
     recording.init.m_pszTempDir = "/tmp";

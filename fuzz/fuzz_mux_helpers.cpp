@@ -58,7 +58,7 @@ static void describe_formats(fuzz_input &input)
 
 static int sign(int value)
 {
-    return (value > 0) - (value < 0);
+    return value > 0 ? 1 : value < 0 ? -1 : 0;
 }
 
 static std::string read_text(fuzz_input &input)

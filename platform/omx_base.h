@@ -39,7 +39,7 @@ struct omx_base_port_PrivateType {
     uint32_t bBeingFlushed; // atomic; changes under the component's lockFlush
     // Gives a buffer back to the client through EmptyBufferDone; called by the buffer thread.
     OMX_ERRORTYPE(*pfnReturnBuffer)
-    (omx_base_port_PrivateType *pPort, OMX_BUFFERHEADERTYPE *pBuffer);
+    (omx_base_port_PrivateType *port, OMX_BUFFERHEADERTYPE *buffer);
     struct omx_base_port_internal_t *pInternal;
 };
 
@@ -70,45 +70,45 @@ struct omx_base_sink_PrivateType {
     tsem_t semFlushAll;        // up by the buffer thread: it holds no buffer of a flushed port
     tsem_t semFlush;           // up by the framework: the flush is over
     tsem_t semBufferThread;    // up for every reason that the buffer thread has to look again
-    OMX_ERRORTYPE (*pfnMessageHandler)(OMX_COMPONENTTYPE *pComponent, omx_base_message_t *pMessage);
-    OMX_ERRORTYPE (*pfnDestructor)(OMX_COMPONENTTYPE *pComponent);
-    void *(*pfnBufferMgmtFunction)(void *pComponent); // body of the buffer thread
-    void (*pfnBufferMgmtCallback)(OMX_COMPONENTTYPE *pComponent, OMX_BUFFERHEADERTYPE *pBuffer);
+    OMX_ERRORTYPE (*pfnMessageHandler)(OMX_COMPONENTTYPE *component, omx_base_message_t *message);
+    OMX_ERRORTYPE (*pfnDestructor)(OMX_COMPONENTTYPE *component);
+    void *(*pfnBufferMgmtFunction)(void *component); // body of the buffer thread
+    void (*pfnBufferMgmtCallback)(OMX_COMPONENTTYPE *component, OMX_BUFFERHEADERTYPE *buffer);
     struct omx_base_sink_internal_t *pInternal;
 };
 
 // Makes the handle a sink component: fills its function table, starts its message thread and puts
 // it into Loaded. The private record is attached and zero-filled. When it fails, the table's
 // ComponentDeInit releases what there is.
-// in: pszName is copied, at most 127 characters.
+// in: name is copied, at most 127 characters.
 // returns OMX_ErrorNone, OMX_ErrorBadParameter when a pointer or the record is missing or is
 // constructed already, or OMX_ErrorInsufficientResources.
-OMX_ERRORTYPE omx_base_sink_Constructor(OMX_COMPONENTTYPE *pComponent, OMX_STRING pszName);
+OMX_ERRORTYPE omx_base_sink_Constructor(OMX_COMPONENTTYPE *component, OMX_STRING name);
 
 // Joins the component's threads in whatever state it is, releases its buffers, ports and the
 // private record, and clears the handle's private pointer. Buffers that the component still holds
 // are not returned. Accepts a half-built record, and a handle without one.
 // returns OMX_ErrorNone, or OMX_ErrorBadParameter for a null handle.
 // thread: none of the component's own, so not from a callback.
-OMX_ERRORTYPE omx_base_sink_Destructor(OMX_COMPONENTTYPE *pComponent);
+OMX_ERRORTYPE omx_base_sink_Destructor(OMX_COMPONENTTYPE *component);
 
-// Prepare the port record at *ppPort (zero-filled, of the class's size) as an enabled port with the
-// given index; bInput nonzero for an input port. It has 4 buffers, which the client may change to 1
-// to QUEUE_CAPACITY; a buffer shorter than nBufferSize is refused. The component may change what
-// the port definition says until it is handed out. returns OMX_ErrorNone, OMX_ErrorBadParameter, or
-// OMX_ErrorInsufficientResources.
-OMX_ERRORTYPE base_video_port_Constructor(OMX_COMPONENTTYPE *pComponent,
-                                          omx_base_port_PrivateType **ppPort, OMX_U32 uiPortIndex,
-                                          OMX_BOOL bInput);
-OMX_ERRORTYPE base_audio_port_Constructor(OMX_COMPONENTTYPE *pComponent,
-                                          omx_base_port_PrivateType **ppPort, OMX_U32 uiPortIndex,
-                                          OMX_BOOL bInput);
+// Prepare the port record at *port_out (zero-filled, of the class's size) as an enabled port with
+// the given index; is_input nonzero for an input port. It has 4 buffers, which the client may
+// change to 1 to QUEUE_CAPACITY; a buffer shorter than nBufferSize is refused. The component may
+// change what the port definition says until it is handed out. returns OMX_ErrorNone,
+// OMX_ErrorBadParameter, or OMX_ErrorInsufficientResources.
+OMX_ERRORTYPE base_video_port_Constructor(OMX_COMPONENTTYPE *component,
+                                          omx_base_port_PrivateType **port_out, OMX_U32 port_index,
+                                          OMX_BOOL is_input);
+OMX_ERRORTYPE base_audio_port_Constructor(OMX_COMPONENTTYPE *component,
+                                          omx_base_port_PrivateType **port_out, OMX_U32 port_index,
+                                          OMX_BOOL is_input);
 
 // The standard parameters: the four domain tables, port definition, port formats, PCM mode.
-OMX_ERRORTYPE omx_base_component_GetParameter(OMX_HANDLETYPE hComponent, OMX_INDEXTYPE eIndex,
-                                              OMX_PTR pParameter);
-OMX_ERRORTYPE omx_base_component_SetParameter(OMX_HANDLETYPE hComponent, OMX_INDEXTYPE eIndex,
-                                              OMX_PTR pParameter);
+OMX_ERRORTYPE omx_base_component_GetParameter(OMX_HANDLETYPE handle, OMX_INDEXTYPE index,
+                                              OMX_PTR parameter);
+OMX_ERRORTYPE omx_base_component_SetParameter(OMX_HANDLETYPE handle, OMX_INDEXTYPE index,
+                                              OMX_PTR parameter);
 
 // Carries out one command; runs on the message thread, which reports an error that is returned to
 // the client as an error event. Each command gets one answer, a port command for OMX_ALL one a
@@ -116,12 +116,12 @@ OMX_ERRORTYPE omx_base_component_SetParameter(OMX_HANDLETYPE hComponent, OMX_IND
 // OMX_ErrorIncorrectStateOperation and the port for a port command that the opposite one overtakes,
 // OMX_ErrorIncorrectStateTransition for a way to Idle that is given up, OMX_ErrorInvalidState for
 // all that the Invalid state ends. The destructor answers nothing.
-OMX_ERRORTYPE omx_base_component_MessageHandler(OMX_COMPONENTTYPE *pComponent,
-                                                omx_base_message_t *pMessage);
+OMX_ERRORTYPE omx_base_component_MessageHandler(OMX_COMPONENTTYPE *component,
+                                                omx_base_message_t *message);
 
 // thread: any.
-OMX_STATETYPE omx_base_get_state(const omx_base_sink_PrivateType *pSink);
-omx_base_transient_t omx_base_get_transient_state(const omx_base_sink_PrivateType *pSink);
+OMX_STATETYPE omx_base_get_state(const omx_base_sink_PrivateType *sink);
+omx_base_transient_t omx_base_get_transient_state(const omx_base_sink_PrivateType *sink);
 
 #pragma GCC visibility pop
 #ifdef __cplusplus

@@ -11,7 +11,7 @@ extern "C" {
 
 void *QVR_malloc(size_t size);
 void *QVR_calloc(size_t count, size_t size);
-void QVR_free(void *pMemory);
+void QVR_free(void *memory);
 
 #pragma GCC visibility pop
 #ifdef __cplusplus

@@ -18,7 +18,7 @@ typedef struct tsem_t {
 } tsem_t;
 
 // Prepares the semaphore with the given count. returns 0, or an errno value.
-int tsem_init(tsem_t *tsem, uint32_t uiCount);
+int tsem_init(tsem_t *tsem, uint32_t count);
 // Releases what tsem_init took; nobody may be waiting.
 void tsem_deinit(tsem_t *tsem);
 // Waits for a count above 0 and takes one.
@@ -43,7 +43,7 @@ int queue_init(queue_t *queue);
 // Releases what queue_init took.
 void queue_deinit(queue_t *queue);
 // Appends a pointer. returns 0, or -1 when the queue is full.
-int queue(queue_t *queue, void *pElement);
+int queue(queue_t *queue, void *element);
 // Takes the oldest pointer. returns null when the queue is empty.
 void *dequeue(queue_t *queue);
 // The number of pointers queued at this moment.

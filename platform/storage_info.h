@@ -25,10 +25,10 @@ df_handle_t *dfopen(void);
 
 // Queries one storage afresh. returns its record, valid until the next call with this handle, or
 // null when the storage is not there or cannot be queried.
-const df_record_t *dfget(df_handle_t *pHandle, int iStorage);
+const df_record_t *dfget(df_handle_t *handle, int storage);
 
 // Releases the handle; null is accepted. returns 0.
-int dfclose(df_handle_t *pHandle);
+int dfclose(df_handle_t *handle);
 
 #pragma GCC visibility pop
 #ifdef __cplusplus

@@ -10,8 +10,8 @@ extern "C" {
 #define PROPERTY_VALUE_MAX 92 // with the terminator
 
 // Copies the value of a property, or the default (null: none) when it is not set, into
-// szValue[PROPERTY_VALUE_MAX]. returns the length of what was copied.
-int property_get(const char *pszKey, char *szValue, const char *pszDefault);
+// value[PROPERTY_VALUE_MAX]. returns the length of what was copied.
+int property_get(const char *key, char *value, const char *default_);
 
 #pragma GCC visibility pop
 #ifdef __cplusplus

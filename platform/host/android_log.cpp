@@ -24,15 +24,15 @@ static void write_line(int priority, const char *tag, const char *text)
     fprintf(stderr, "%c/%s: %s%s", known ? kLetters[priority] : '?', tag, text, line_end);
 }
 
-int __android_log_print(int priority, const char *pszTag, const char *pszFormat, ...)
+int __android_log_print(int priority, const char *tag, const char *format, ...)
 {
     if (priority < lowest_priority) {
         return 0;
     }
     char text[LOG_TEXT_MAX];
     va_list arguments;
-    va_start(arguments, pszFormat);
-    const int length = vsnprintf(text, sizeof(text), pszFormat, arguments);
+    va_start(arguments, format);
+    const int length = vsnprintf(text, sizeof(text), format, arguments);
     va_end(arguments);
     if (length < 0) {
         return length;
@@ -40,9 +40,9 @@ int __android_log_print(int priority, const char *pszTag, const char *pszFormat,
 
     pthread_mutex_lock(&lock_log);
     if (log_sink != nullptr) {
-        log_sink(log_sink_context, priority, pszTag, text);
+        log_sink(log_sink_context, priority, tag, text);
     } else {
-        write_line(priority, pszTag, text);
+        write_line(priority, tag, text);
     }
     pthread_mutex_unlock(&lock_log);
     return length < LOG_TEXT_MAX ? length : LOG_TEXT_MAX - 1;
@@ -53,11 +53,11 @@ void host_set_log_level(int priority)
     lowest_priority = priority;
 }
 
-void host_set_log_sink(host_log_sink_t pfnSink, void *pContext)
+void host_set_log_sink(host_log_sink_t sink, void *context)
 {
     pthread_mutex_lock(&lock_log);
-    log_sink = pfnSink;
-    log_sink_context = pContext;
+    log_sink = sink;
+    log_sink_context = context;
     pthread_mutex_unlock(&lock_log);
 }
 

@@ -28,7 +28,7 @@ static bool may_add_buffer(const omx_base_sink_PrivateType *sink,
 {
     const omx_base_transient_t transient = omx_base_get_transient_state(sink);
     const omx_base_change_t change = port->pInternal->eChange;
-    const bool enabled = port->stPortDefinition.bEnabled;
+    const bool enabled = port->stPortDefinition.bEnabled != 0;
     switch (omx_base_get_state(sink)) {
     case OMX_StateLoaded:
     case OMX_StateWaitForResources:
@@ -128,21 +128,22 @@ static OMX_ERRORTYPE add_buffer(OMX_HANDLETYPE component, OMX_BUFFERHEADERTYPE *
     return error;
 }
 
-OMX_ERRORTYPE omx_base_component_UseBuffer(OMX_HANDLETYPE hComponent,
-                                           OMX_BUFFERHEADERTYPE **ppBuffer, OMX_U32 uiPort,
-                                           OMX_PTR pAppPrivate, OMX_U32 uiSize, OMX_U8 *pData)
+OMX_ERRORTYPE omx_base_component_UseBuffer(OMX_HANDLETYPE handle, OMX_BUFFERHEADERTYPE **buffer_out,
+                                           OMX_U32 port_index, OMX_PTR app_private, OMX_U32 size,
+                                           OMX_U8 *data)
 {
-    if (pData == nullptr) {
+    if (data == nullptr) {
         return OMX_ErrorBadParameter;
     }
-    return add_buffer(hComponent, ppBuffer, uiPort, pAppPrivate, uiSize, pData);
+    return add_buffer(handle, buffer_out, port_index, app_private, size, data);
 }
 
-OMX_ERRORTYPE omx_base_component_AllocateBuffer(OMX_HANDLETYPE hComponent,
-                                                OMX_BUFFERHEADERTYPE **ppBuffer, OMX_U32 uiPort,
-                                                OMX_PTR pAppPrivate, OMX_U32 uiSize)
+OMX_ERRORTYPE omx_base_component_AllocateBuffer(OMX_HANDLETYPE handle,
+                                                OMX_BUFFERHEADERTYPE **buffer_out,
+                                                OMX_U32 port_index, OMX_PTR app_private,
+                                                OMX_U32 size)
 {
-    return add_buffer(hComponent, ppBuffer, uiPort, pAppPrivate, uiSize, nullptr);
+    return add_buffer(handle, buffer_out, port_index, app_private, size, nullptr);
 }
 
 // Whether a port that loses a buffer now goes without it against the client's own commands.
@@ -151,7 +152,7 @@ static bool is_missed(const omx_base_sink_PrivateType *sink, const omx_base_port
     const OMX_STATETYPE state = omx_base_get_state(sink);
     return (state == OMX_StateIdle || state == OMX_StateExecuting || state == OMX_StatePause) &&
            omx_base_get_transient_state(sink) == OMX_TransStateNone &&
-           port->stPortDefinition.bEnabled && port->stPortDefinition.bPopulated &&
+           port->stPortDefinition.bEnabled != 0 && port->stPortDefinition.bPopulated != 0 &&
            !omx_base_command_waits(sink, OMX_CommandStateSet, OMX_StateLoaded) &&
            !port_command_waits(sink, OMX_CommandPortDisable, port);
 }
@@ -179,30 +180,30 @@ static OMX_ERRORTYPE free_buffer_locked(omx_base_sink_PrivateType *sink,
     return OMX_ErrorNone;
 }
 
-OMX_ERRORTYPE omx_base_component_FreeBuffer(OMX_HANDLETYPE hComponent, OMX_U32 uiPort,
-                                            OMX_BUFFERHEADERTYPE *pBuffer)
+OMX_ERRORTYPE omx_base_component_FreeBuffer(OMX_HANDLETYPE handle, OMX_U32 port_index,
+                                            OMX_BUFFERHEADERTYPE *header)
 {
     omx_base_sink_PrivateType *sink = nullptr;
-    OMX_ERRORTYPE error = omx_base_find_sink(hComponent, &sink);
+    OMX_ERRORTYPE error = omx_base_find_sink(handle, &sink);
     if (error != OMX_ErrorNone) {
         return error;
     }
-    if (pBuffer == nullptr) {
+    if (header == nullptr) {
         return OMX_ErrorBadParameter;
     }
-    omx_base_port_PrivateType *port = omx_base_port(sink, uiPort);
+    omx_base_port_PrivateType *port = omx_base_port(sink, port_index);
     if (port == nullptr) {
         return OMX_ErrorBadPortIndex;
     }
     pthread_mutex_lock(&sink->pInternal->lock);
-    error = free_buffer_locked(sink, port, pBuffer);
+    error = free_buffer_locked(sink, port, header);
     pthread_mutex_unlock(&sink->pInternal->lock);
     return error;
 }
 
-void omx_base_free_buffers(omx_base_port_PrivateType *pPort)
+void omx_base_free_buffers(omx_base_port_PrivateType *port)
 {
-    omx_base_port_internal_t *internal = pPort->pInternal;
+    omx_base_port_internal_t *internal = port->pInternal;
     while (internal->uiBufferCount != 0) {
         release_buffer(&internal->astBuffer[--internal->uiBufferCount]);
     }
@@ -277,19 +278,19 @@ static OMX_ERRORTYPE empty_buffer_locked(omx_base_sink_PrivateType *sink,
     return OMX_ErrorNone;
 }
 
-OMX_ERRORTYPE omx_base_component_EmptyThisBuffer(OMX_HANDLETYPE hComponent,
-                                                 OMX_BUFFERHEADERTYPE *pBuffer)
+OMX_ERRORTYPE omx_base_component_EmptyThisBuffer(OMX_HANDLETYPE handle,
+                                                 OMX_BUFFERHEADERTYPE *header)
 {
     omx_base_sink_PrivateType *sink = nullptr;
-    OMX_ERRORTYPE error = omx_base_find_valid_sink(hComponent, &sink);
+    OMX_ERRORTYPE error = omx_base_find_valid_sink(handle, &sink);
     if (error != OMX_ErrorNone) {
         return error;
     }
-    if (pBuffer == nullptr) {
+    if (header == nullptr) {
         return OMX_ErrorBadParameter;
     }
     pthread_mutex_lock(&sink->pInternal->lock);
-    error = empty_buffer_locked(sink, pBuffer);
+    error = empty_buffer_locked(sink, header);
     pthread_mutex_unlock(&sink->pInternal->lock);
     return error;
 }
@@ -304,20 +305,19 @@ static void take_off_mark(const omx_base_sink_PrivateType *sink, OMX_BUFFERHEADE
     }
 }
 
-OMX_ERRORTYPE omx_base_return_buffer(omx_base_port_PrivateType *pPort,
-                                     OMX_BUFFERHEADERTYPE *pBuffer)
+OMX_ERRORTYPE omx_base_return_buffer(omx_base_port_PrivateType *port, OMX_BUFFERHEADERTYPE *header)
 {
     omx_base_sink_PrivateType *sink = nullptr;
-    const OMX_ERRORTYPE error = omx_base_find_sink(pPort->pComponent, &sink);
+    const OMX_ERRORTYPE error = omx_base_find_sink(port->pComponent, &sink);
     if (error != OMX_ErrorNone) {
         return error;
     }
     pthread_mutex_lock(&sink->pInternal->lock);
-    omx_base_buffer_t *buffer = find_buffer(pPort, pBuffer);
+    omx_base_buffer_t *buffer = find_buffer(port, header);
     const bool held = buffer != nullptr && buffer->bHeld;
     if (held) {
         buffer->bHeld = false;
-        take_off_mark(sink, pBuffer);
+        take_off_mark(sink, header);
     }
     const OMX_CALLBACKTYPE callbacks = sink->pInternal->stCallbacks;
     const OMX_PTR callback_data = sink->pCallbackData;
@@ -328,28 +328,28 @@ OMX_ERRORTYPE omx_base_return_buffer(omx_base_port_PrivateType *pPort,
     if (callbacks.EmptyBufferDone == nullptr) {
         return OMX_ErrorNone;
     }
-    return callbacks.EmptyBufferDone(sink->pComponent, callback_data, pBuffer);
+    return callbacks.EmptyBufferDone(sink->pComponent, callback_data, header);
 }
 
-uint32_t omx_base_collect_held(omx_base_sink_PrivateType *pSink, omx_base_port_PrivateType *pPort,
-                               bool bAll,
-                               std::array<OMX_BUFFERHEADERTYPE *, QUEUE_CAPACITY> *pCollected)
+uint32_t omx_base_collect_held(omx_base_sink_PrivateType *sink, omx_base_port_PrivateType *port,
+                               bool all,
+                               std::array<OMX_BUFFERHEADERTYPE *, QUEUE_CAPACITY> *collected)
 {
-    omx_base_port_internal_t *internal = pPort->pInternal;
+    omx_base_port_internal_t *internal = port->pInternal;
     std::array<bool, QUEUE_CAPACITY> queued = {};
     uint32_t count = 0;
-    pthread_mutex_lock(&pSink->pInternal->lock);
-    while (void *element = queue_take(pPort->pBufferQueue)) {
+    pthread_mutex_lock(&sink->pInternal->lock);
+    while (void *element = queue_take(port->pBufferQueue)) {
         OMX_BUFFERHEADERTYPE *header = static_cast<OMX_BUFFERHEADERTYPE *>(element);
-        queued[static_cast<size_t>(find_buffer(pPort, header) - internal->astBuffer.data())] = true;
-        (*pCollected)[count++] = header;
+        queued[static_cast<size_t>(find_buffer(port, header) - internal->astBuffer.data())] = true;
+        (*collected)[count++] = header;
     }
-    tsem_reset(pPort->pBufferSem);
-    for (uint32_t index = 0; bAll && index < internal->uiBufferCount; index++) {
+    tsem_reset(port->pBufferSem);
+    for (uint32_t index = 0; all && index < internal->uiBufferCount; index++) {
         if (internal->astBuffer[index].bHeld && !queued[index]) {
-            (*pCollected)[count++] = internal->astBuffer[index].pHeader;
+            (*collected)[count++] = internal->astBuffer[index].pHeader;
         }
     }
-    pthread_mutex_unlock(&pSink->pInternal->lock);
+    pthread_mutex_unlock(&sink->pInternal->lock);
     return count;
 }

@@ -4,20 +4,20 @@
 
 #include <errno.h>
 
-void omx_base_notify_message_thread(omx_base_sink_PrivateType *pSink)
+void omx_base_notify_message_thread(omx_base_sink_PrivateType *sink)
 {
-    pSink->pInternal->bPortsChanged = true;
-    pthread_cond_signal(&pSink->pInternal->stWork);
+    sink->pInternal->bPortsChanged = true;
+    pthread_cond_signal(&sink->pInternal->stWork);
 }
 
-bool omx_base_command_waits(const omx_base_sink_PrivateType *pSink, OMX_COMMANDTYPE eCommand,
-                            OMX_U32 uiParam)
+bool omx_base_command_waits(const omx_base_sink_PrivateType *sink, OMX_COMMANDTYPE command,
+                            OMX_U32 param)
 {
-    const omx_base_sink_internal_t *internal = pSink->pInternal;
+    const omx_base_sink_internal_t *internal = sink->pInternal;
     for (uint32_t index = 0; index < internal->uiSlotCount; index++) {
         const uint32_t slot = (internal->uiFirstSlot + index) % kMessageCapacity;
         const omx_base_message_t &message = internal->astSlot[slot].stMessage;
-        if (message.eCommand == eCommand && message.uiParam == uiParam) {
+        if (message.eCommand == command && message.uiParam == param) {
             return true;
         }
     }
@@ -63,20 +63,20 @@ static OMX_ERRORTYPE append_command_locked(omx_base_sink_internal_t *internal,
     return OMX_ErrorNone;
 }
 
-OMX_ERRORTYPE omx_base_component_SendCommand(OMX_HANDLETYPE hComponent, OMX_COMMANDTYPE eCommand,
-                                             OMX_U32 uiParam, OMX_PTR pData)
+OMX_ERRORTYPE omx_base_component_SendCommand(OMX_HANDLETYPE handle, OMX_COMMANDTYPE command,
+                                             OMX_U32 param, OMX_PTR data)
 {
     omx_base_sink_PrivateType *sink = nullptr;
-    OMX_ERRORTYPE error = omx_base_find_valid_sink(hComponent, &sink);
+    OMX_ERRORTYPE error = omx_base_find_valid_sink(handle, &sink);
     if (error != OMX_ErrorNone) {
         return error;
     }
-    error = check_command(sink, eCommand, uiParam, pData);
+    error = check_command(sink, command, param, data);
     if (error != OMX_ErrorNone) {
         return error;
     }
     pthread_mutex_lock(&sink->pInternal->lock);
-    error = append_command_locked(sink->pInternal, eCommand, uiParam, pData);
+    error = append_command_locked(sink->pInternal, command, param, data);
     pthread_mutex_unlock(&sink->pInternal->lock);
     return error;
 }
@@ -117,21 +117,20 @@ static void *run_message_thread(void *argument)
     return nullptr;
 }
 
-int omx_base_start_message_thread(omx_base_sink_PrivateType *pSink)
+int omx_base_start_message_thread(omx_base_sink_PrivateType *sink)
 {
-    omx_base_sink_internal_t *internal = pSink->pInternal;
+    omx_base_sink_internal_t *internal = sink->pInternal;
     if (host_call_fails(HOST_CALL_START_THREAD)) {
         return EAGAIN;
     }
-    const int result =
-        pthread_create(&internal->hMessageThread, nullptr, run_message_thread, pSink);
+    const int result = pthread_create(&internal->hMessageThread, nullptr, run_message_thread, sink);
     internal->bMessageThreadJoinable = result == 0;
     return result;
 }
 
-void omx_base_join_message_thread(omx_base_sink_PrivateType *pSink)
+void omx_base_join_message_thread(omx_base_sink_PrivateType *sink)
 {
-    omx_base_sink_internal_t *internal = pSink->pInternal;
+    omx_base_sink_internal_t *internal = sink->pInternal;
     if (!internal->bMessageThreadJoinable) {
         return;
     }

@@ -149,20 +149,20 @@ static OMX_ERRORTYPE get_port_parameter_locked(omx_base_port_PrivateType *port, 
     }
 }
 
-OMX_ERRORTYPE omx_base_component_GetParameter(OMX_HANDLETYPE hComponent, OMX_INDEXTYPE eIndex,
-                                              OMX_PTR pParameter)
+OMX_ERRORTYPE omx_base_component_GetParameter(OMX_HANDLETYPE handle, OMX_INDEXTYPE index,
+                                              OMX_PTR parameter)
 {
     parameter_target_t target = {};
-    OMX_ERRORTYPE error = find_target(hComponent, eIndex, pParameter, &target);
+    OMX_ERRORTYPE error = find_target(handle, index, parameter, &target);
     if (error != OMX_ErrorNone) {
         return error;
     }
     if (target.pPort == nullptr) {
         return get_domain(target.pSink, target.eDomain,
-                          static_cast<OMX_PORT_PARAM_TYPE *>(pParameter));
+                          static_cast<OMX_PORT_PARAM_TYPE *>(parameter));
     }
     pthread_mutex_lock(&target.pSink->pInternal->lock);
-    error = get_port_parameter_locked(target.pPort, eIndex, pParameter);
+    error = get_port_parameter_locked(target.pPort, index, parameter);
     pthread_mutex_unlock(&target.pSink->pInternal->lock);
     return error;
 }
@@ -245,11 +245,11 @@ static OMX_ERRORTYPE set_port_parameter_locked(omx_base_sink_PrivateType *sink,
     }
 }
 
-OMX_ERRORTYPE omx_base_component_SetParameter(OMX_HANDLETYPE hComponent, OMX_INDEXTYPE eIndex,
-                                              OMX_PTR pParameter)
+OMX_ERRORTYPE omx_base_component_SetParameter(OMX_HANDLETYPE handle, OMX_INDEXTYPE index,
+                                              OMX_PTR parameter)
 {
     parameter_target_t target = {};
-    OMX_ERRORTYPE error = find_target(hComponent, eIndex, pParameter, &target);
+    OMX_ERRORTYPE error = find_target(handle, index, parameter, &target);
     if (error != OMX_ErrorNone) {
         return error;
     }
@@ -257,7 +257,7 @@ OMX_ERRORTYPE omx_base_component_SetParameter(OMX_HANDLETYPE hComponent, OMX_IND
         return OMX_ErrorUnsupportedSetting;
     }
     pthread_mutex_lock(&target.pSink->pInternal->lock);
-    error = set_port_parameter_locked(target.pSink, target.pPort, eIndex, pParameter);
+    error = set_port_parameter_locked(target.pSink, target.pPort, index, parameter);
     pthread_mutex_unlock(&target.pSink->pInternal->lock);
     return error;
 }

@@ -6,62 +6,62 @@
 static char video_mime_type[] = "video/raw";
 static char audio_mime_type[] = "audio/raw";
 
-OMX_U32 omx_base_port_count(const omx_base_sink_PrivateType *pSink)
+OMX_U32 omx_base_port_count(const omx_base_sink_PrivateType *sink)
 {
     OMX_U32 count = 0;
-    for (const OMX_PORT_PARAM_TYPE &domain : pSink->astPortDomain) {
+    for (const OMX_PORT_PARAM_TYPE &domain : sink->astPortDomain) {
         count += domain.nPorts;
     }
     return count;
 }
 
-omx_base_port_PrivateType *omx_base_port(const omx_base_sink_PrivateType *pSink, OMX_U32 uiPort)
+omx_base_port_PrivateType *omx_base_port(const omx_base_sink_PrivateType *sink, OMX_U32 port_index)
 {
-    if (pSink->ppPorts == nullptr || uiPort >= omx_base_port_count(pSink)) {
+    if (sink->ppPorts == nullptr || port_index >= omx_base_port_count(sink)) {
         return nullptr;
     }
-    omx_base_port_PrivateType *port = pSink->ppPorts[uiPort];
+    omx_base_port_PrivateType *port = sink->ppPorts[port_index];
     return port != nullptr && port->pInternal != nullptr ? port : nullptr;
 }
 
-bool omx_base_ports_populated(const omx_base_sink_PrivateType *pSink)
+bool omx_base_ports_populated(const omx_base_sink_PrivateType *sink)
 {
     bool populated = true;
-    omx_base_for_ports(pSink, OMX_ALL, [&](const omx_base_port_PrivateType *port) {
+    omx_base_for_ports(sink, OMX_ALL, [&](const omx_base_port_PrivateType *port) {
         const OMX_PARAM_PORTDEFINITIONTYPE &definition = port->stPortDefinition;
         populated = populated && (!definition.bEnabled || definition.bPopulated);
     });
     return populated;
 }
 
-bool omx_base_ports_empty(const omx_base_sink_PrivateType *pSink)
+bool omx_base_ports_empty(const omx_base_sink_PrivateType *sink)
 {
     bool empty = true;
-    omx_base_for_ports(pSink, OMX_ALL, [&](const omx_base_port_PrivateType *port) {
+    omx_base_for_ports(sink, OMX_ALL, [&](const omx_base_port_PrivateType *port) {
         empty = empty && port->pInternal->uiBufferCount == 0;
     });
     return empty;
 }
 
-void omx_base_release_port(omx_base_port_PrivateType *pPort)
+void omx_base_release_port(omx_base_port_PrivateType *port)
 {
-    omx_base_port_internal_t *internal = pPort->pInternal;
+    omx_base_port_internal_t *internal = port->pInternal;
     if (internal == nullptr) {
         return;
     }
-    omx_base_free_buffers(pPort);
+    omx_base_free_buffers(port);
     if (internal->bSemReady) {
-        tsem_deinit(pPort->pBufferSem);
+        tsem_deinit(port->pBufferSem);
     }
     if (internal->bQueueReady) {
-        queue_deinit(pPort->pBufferQueue);
+        queue_deinit(port->pBufferQueue);
     }
-    QVR_free(pPort->pBufferSem);
-    QVR_free(pPort->pBufferQueue);
+    QVR_free(port->pBufferSem);
+    QVR_free(port->pBufferQueue);
     QVR_free(internal);
-    pPort->pBufferSem = nullptr;
-    pPort->pBufferQueue = nullptr;
-    pPort->pInternal = nullptr;
+    port->pBufferSem = nullptr;
+    port->pBufferQueue = nullptr;
+    port->pInternal = nullptr;
 }
 
 static OMX_ERRORTYPE acquire_port(omx_base_port_PrivateType *port)
@@ -116,22 +116,22 @@ static bool port_arguments_valid(const OMX_COMPONENTTYPE *component,
            *port != nullptr && (*port)->pInternal == nullptr;
 }
 
-OMX_ERRORTYPE base_video_port_Constructor(OMX_COMPONENTTYPE *pComponent,
-                                          omx_base_port_PrivateType **ppPort, OMX_U32 uiPortIndex,
-                                          OMX_BOOL bInput)
+OMX_ERRORTYPE base_video_port_Constructor(OMX_COMPONENTTYPE *component,
+                                          omx_base_port_PrivateType **port_out, OMX_U32 port_index,
+                                          OMX_BOOL is_input)
 {
-    if (!port_arguments_valid(pComponent, ppPort)) {
+    if (!port_arguments_valid(component, port_out)) {
         return OMX_ErrorBadParameter;
     }
     if (host_call_fails(HOST_CALL_VIDEO_PORT_CONSTRUCTOR)) {
         return OMX_ErrorInsufficientResources;
     }
     const OMX_ERRORTYPE error =
-        construct_port(pComponent, *ppPort, uiPortIndex, bInput, OMX_PortDomainVideo);
+        construct_port(component, *port_out, port_index, is_input, OMX_PortDomainVideo);
     if (error != OMX_ErrorNone) {
         return error;
     }
-    omx_base_video_PortType *port = reinterpret_cast<omx_base_video_PortType *>(*ppPort);
+    omx_base_video_PortType *port = reinterpret_cast<omx_base_video_PortType *>(*port_out);
     port->stBase.stPortDefinition.format.video = {
         .cMIMEType = video_mime_type,
         .eCompressionFormat = OMX_VIDEO_CodingUnused,
@@ -140,29 +140,29 @@ OMX_ERRORTYPE base_video_port_Constructor(OMX_COMPONENTTYPE *pComponent,
     port->stVideoFormat = {
         .nSize = sizeof(port->stVideoFormat),
         .nVersion = {.nVersion = OMX_VERSION_1_1_2},
-        .nPortIndex = uiPortIndex,
+        .nPortIndex = port_index,
         .eCompressionFormat = OMX_VIDEO_CodingUnused,
         .eColorFormat = OMX_COLOR_FormatUnused,
     };
     return OMX_ErrorNone;
 }
 
-OMX_ERRORTYPE base_audio_port_Constructor(OMX_COMPONENTTYPE *pComponent,
-                                          omx_base_port_PrivateType **ppPort, OMX_U32 uiPortIndex,
-                                          OMX_BOOL bInput)
+OMX_ERRORTYPE base_audio_port_Constructor(OMX_COMPONENTTYPE *component,
+                                          omx_base_port_PrivateType **port_out, OMX_U32 port_index,
+                                          OMX_BOOL is_input)
 {
-    if (!port_arguments_valid(pComponent, ppPort)) {
+    if (!port_arguments_valid(component, port_out)) {
         return OMX_ErrorBadParameter;
     }
     if (host_call_fails(HOST_CALL_AUDIO_PORT_CONSTRUCTOR)) {
         return OMX_ErrorInsufficientResources;
     }
     const OMX_ERRORTYPE error =
-        construct_port(pComponent, *ppPort, uiPortIndex, bInput, OMX_PortDomainAudio);
+        construct_port(component, *port_out, port_index, is_input, OMX_PortDomainAudio);
     if (error != OMX_ErrorNone) {
         return error;
     }
-    omx_base_audio_PortType *port = reinterpret_cast<omx_base_audio_PortType *>(*ppPort);
+    omx_base_audio_PortType *port = reinterpret_cast<omx_base_audio_PortType *>(*port_out);
     port->stBase.stPortDefinition.format.audio = {
         .cMIMEType = audio_mime_type,
         .eEncoding = OMX_AUDIO_CodingUnused,
@@ -170,13 +170,13 @@ OMX_ERRORTYPE base_audio_port_Constructor(OMX_COMPONENTTYPE *pComponent,
     port->stAudioFormat = {
         .nSize = sizeof(port->stAudioFormat),
         .nVersion = {.nVersion = OMX_VERSION_1_1_2},
-        .nPortIndex = uiPortIndex,
+        .nPortIndex = port_index,
         .eEncoding = OMX_AUDIO_CodingUnused,
     };
     port->stPcmMode = {
         .nSize = sizeof(port->stPcmMode),
         .nVersion = {.nVersion = OMX_VERSION_1_1_2},
-        .nPortIndex = uiPortIndex,
+        .nPortIndex = port_index,
         .nChannels = 2,
         .eNumData = OMX_NumericalDataSigned,
         .eEndian = OMX_EndianLittle,

@@ -11,171 +11,170 @@ static uint32_t load_word(const uint32_t &word)
     return __atomic_load_n(&word, __ATOMIC_SEQ_CST);
 }
 
-OMX_STATETYPE omx_base_get_state(const omx_base_sink_PrivateType *pSink)
+OMX_STATETYPE omx_base_get_state(const omx_base_sink_PrivateType *sink)
 {
-    return static_cast<OMX_STATETYPE>(load_word(pSink->eState));
+    return static_cast<OMX_STATETYPE>(load_word(sink->eState));
 }
 
-omx_base_transient_t omx_base_get_transient_state(const omx_base_sink_PrivateType *pSink)
+omx_base_transient_t omx_base_get_transient_state(const omx_base_sink_PrivateType *sink)
 {
-    return static_cast<omx_base_transient_t>(load_word(pSink->eTransientState));
+    return static_cast<omx_base_transient_t>(load_word(sink->eTransientState));
 }
 
-void omx_base_set_state(omx_base_sink_PrivateType *pSink, OMX_STATETYPE eState,
-                        omx_base_transient_t eTransientState)
+void omx_base_set_state(omx_base_sink_PrivateType *sink, OMX_STATETYPE state,
+                        omx_base_transient_t transient_state)
 {
-    __atomic_store_n(&pSink->eTransientState, eTransientState, __ATOMIC_SEQ_CST);
-    __atomic_store_n(&pSink->eState, eState, __ATOMIC_SEQ_CST);
+    __atomic_store_n(&sink->eTransientState, transient_state, __ATOMIC_SEQ_CST);
+    __atomic_store_n(&sink->eState, state, __ATOMIC_SEQ_CST);
 }
 
-OMX_ERRORTYPE omx_base_find_sink(OMX_HANDLETYPE hComponent, omx_base_sink_PrivateType **ppSink)
+OMX_ERRORTYPE omx_base_find_sink(OMX_HANDLETYPE handle, omx_base_sink_PrivateType **sink_out)
 {
-    if (hComponent == nullptr) {
+    if (handle == nullptr) {
         return OMX_ErrorBadParameter;
     }
-    *ppSink = static_cast<omx_base_sink_PrivateType *>(
-        static_cast<OMX_COMPONENTTYPE *>(hComponent)->pComponentPrivate);
-    if (*ppSink == nullptr || (*ppSink)->pInternal == nullptr) {
+    *sink_out = static_cast<omx_base_sink_PrivateType *>(
+        static_cast<OMX_COMPONENTTYPE *>(handle)->pComponentPrivate);
+    if (*sink_out == nullptr || (*sink_out)->pInternal == nullptr) {
         return OMX_ErrorInvalidComponent;
     }
     return OMX_ErrorNone;
 }
 
-OMX_ERRORTYPE omx_base_find_valid_sink(OMX_HANDLETYPE hComponent,
-                                       omx_base_sink_PrivateType **ppSink)
+OMX_ERRORTYPE omx_base_find_valid_sink(OMX_HANDLETYPE handle, omx_base_sink_PrivateType **sink_out)
 {
-    const OMX_ERRORTYPE error = omx_base_find_sink(hComponent, ppSink);
+    const OMX_ERRORTYPE error = omx_base_find_sink(handle, sink_out);
     if (error != OMX_ErrorNone) {
         return error;
     }
-    return omx_base_get_state(*ppSink) == OMX_StateInvalid ? OMX_ErrorInvalidState : OMX_ErrorNone;
+    return omx_base_get_state(*sink_out) == OMX_StateInvalid ? OMX_ErrorInvalidState
+                                                             : OMX_ErrorNone;
 }
 
-void omx_base_send_event(omx_base_sink_PrivateType *pSink, OMX_EVENTTYPE eEvent, OMX_U32 uiData1,
-                         OMX_U32 uiData2)
+void omx_base_send_event(omx_base_sink_PrivateType *sink, OMX_EVENTTYPE event, OMX_U32 data1,
+                         OMX_U32 data2)
 {
-    pthread_mutex_lock(&pSink->pInternal->lock);
-    const OMX_CALLBACKTYPE callbacks = pSink->pInternal->stCallbacks;
-    const OMX_PTR callback_data = pSink->pCallbackData;
-    pthread_mutex_unlock(&pSink->pInternal->lock);
+    pthread_mutex_lock(&sink->pInternal->lock);
+    const OMX_CALLBACKTYPE callbacks = sink->pInternal->stCallbacks;
+    const OMX_PTR callback_data = sink->pCallbackData;
+    pthread_mutex_unlock(&sink->pInternal->lock);
     if (callbacks.EventHandler != nullptr) {
-        callbacks.EventHandler(pSink->pComponent, callback_data, eEvent, uiData1, uiData2, nullptr);
+        callbacks.EventHandler(sink->pComponent, callback_data, event, data1, data2, nullptr);
     }
 }
 
-static OMX_ERRORTYPE get_component_version(OMX_HANDLETYPE hComponent, OMX_STRING pszName,
-                                           OMX_VERSIONTYPE *pVersion, OMX_VERSIONTYPE *pSpecVersion,
-                                           OMX_UUIDTYPE *pUUID)
+static OMX_ERRORTYPE get_component_version(OMX_HANDLETYPE handle, OMX_STRING name,
+                                           OMX_VERSIONTYPE *version, OMX_VERSIONTYPE *spec_version,
+                                           OMX_UUIDTYPE *uuid)
 {
     omx_base_sink_PrivateType *sink = nullptr;
-    const OMX_ERRORTYPE error = omx_base_find_valid_sink(hComponent, &sink);
+    const OMX_ERRORTYPE error = omx_base_find_valid_sink(handle, &sink);
     if (error != OMX_ErrorNone) {
         return error;
     }
-    if (pszName == nullptr || pVersion == nullptr || pSpecVersion == nullptr || pUUID == nullptr) {
+    if (name == nullptr || version == nullptr || spec_version == nullptr || uuid == nullptr) {
         return OMX_ErrorBadParameter;
     }
-    memcpy(pszName, sink->pInternal->szName.data(), strlen(sink->pInternal->szName.data()) + 1);
-    *pVersion = {.s = {.nVersionMajor = 1}};
-    *pSpecVersion = {.nVersion = OMX_VERSION_1_1_2};
-    memset(pUUID, 0, sizeof(*pUUID));
-    memcpy(pUUID, &hComponent, sizeof(hComponent)); // unique within the process
+    memcpy(name, sink->pInternal->szName.data(), strlen(sink->pInternal->szName.data()) + 1);
+    *version = {.s = {.nVersionMajor = 1}};
+    *spec_version = {.nVersion = OMX_VERSION_1_1_2};
+    memset(uuid, 0, sizeof(*uuid));
+    memcpy(uuid, &handle, sizeof(handle)); // unique within the process
     return OMX_ErrorNone;
 }
 
 // No configuration is known, neither for reading nor for writing.
-static OMX_ERRORTYPE reject_config(OMX_HANDLETYPE hComponent, OMX_INDEXTYPE, OMX_PTR pConfig)
+static OMX_ERRORTYPE reject_config(OMX_HANDLETYPE handle, OMX_INDEXTYPE, OMX_PTR config)
 {
     omx_base_sink_PrivateType *sink = nullptr;
-    const OMX_ERRORTYPE error = omx_base_find_valid_sink(hComponent, &sink);
+    const OMX_ERRORTYPE error = omx_base_find_valid_sink(handle, &sink);
     if (error != OMX_ErrorNone) {
         return error;
     }
-    return pConfig == nullptr ? OMX_ErrorBadParameter : OMX_ErrorUnsupportedIndex;
+    return config == nullptr ? OMX_ErrorBadParameter : OMX_ErrorUnsupportedIndex;
 }
 
-static OMX_ERRORTYPE get_extension_index(OMX_HANDLETYPE hComponent, OMX_STRING pszName,
-                                         OMX_INDEXTYPE *pIndex)
+static OMX_ERRORTYPE get_extension_index(OMX_HANDLETYPE handle, OMX_STRING name,
+                                         OMX_INDEXTYPE *index)
 {
     omx_base_sink_PrivateType *sink = nullptr;
-    const OMX_ERRORTYPE error = omx_base_find_valid_sink(hComponent, &sink);
+    const OMX_ERRORTYPE error = omx_base_find_valid_sink(handle, &sink);
     if (error != OMX_ErrorNone) {
         return error;
     }
-    return pszName == nullptr || pIndex == nullptr ? OMX_ErrorBadParameter
-                                                   : OMX_ErrorUnsupportedIndex;
+    return name == nullptr || index == nullptr ? OMX_ErrorBadParameter : OMX_ErrorUnsupportedIndex;
 }
 
-static OMX_ERRORTYPE get_state(OMX_HANDLETYPE hComponent, OMX_STATETYPE *pState)
+static OMX_ERRORTYPE get_state(OMX_HANDLETYPE handle, OMX_STATETYPE *state)
 {
     omx_base_sink_PrivateType *sink = nullptr;
-    const OMX_ERRORTYPE error = omx_base_find_sink(hComponent, &sink);
+    const OMX_ERRORTYPE error = omx_base_find_sink(handle, &sink);
     if (error != OMX_ErrorNone) {
         return error;
     }
-    if (pState == nullptr) {
+    if (state == nullptr) {
         return OMX_ErrorBadParameter;
     }
-    *pState = omx_base_get_state(sink);
+    *state = omx_base_get_state(sink);
     return OMX_ErrorNone;
 }
 
 // No port is ever tunnelled, so that a request without a peer, which takes a tunnel down, is
 // fulfilled already.
-static OMX_ERRORTYPE component_tunnel_request(OMX_HANDLETYPE hComponent, OMX_U32 uiPort,
-                                              OMX_HANDLETYPE hPeer, OMX_U32, OMX_TUNNELSETUPTYPE *)
+static OMX_ERRORTYPE component_tunnel_request(OMX_HANDLETYPE handle, OMX_U32 port_index,
+                                              OMX_HANDLETYPE peer, OMX_U32, OMX_TUNNELSETUPTYPE *)
 {
     omx_base_sink_PrivateType *sink = nullptr;
-    const OMX_ERRORTYPE error = omx_base_find_valid_sink(hComponent, &sink);
+    const OMX_ERRORTYPE error = omx_base_find_valid_sink(handle, &sink);
     if (error != OMX_ErrorNone) {
         return error;
     }
-    if (omx_base_port(sink, uiPort) == nullptr) {
+    if (omx_base_port(sink, port_index) == nullptr) {
         return OMX_ErrorBadPortIndex;
     }
-    return hPeer == nullptr ? OMX_ErrorNone : OMX_ErrorTunnelingUnsupported;
+    return peer == nullptr ? OMX_ErrorNone : OMX_ErrorTunnelingUnsupported;
 }
 
 // A sink has no output port.
-static OMX_ERRORTYPE fill_this_buffer(OMX_HANDLETYPE hComponent, OMX_BUFFERHEADERTYPE *pBuffer)
+static OMX_ERRORTYPE fill_this_buffer(OMX_HANDLETYPE handle, OMX_BUFFERHEADERTYPE *buffer)
 {
     omx_base_sink_PrivateType *sink = nullptr;
-    const OMX_ERRORTYPE error = omx_base_find_valid_sink(hComponent, &sink);
+    const OMX_ERRORTYPE error = omx_base_find_valid_sink(handle, &sink);
     if (error != OMX_ErrorNone) {
         return error;
     }
-    return pBuffer == nullptr ? OMX_ErrorBadParameter : OMX_ErrorBadPortIndex;
+    return buffer == nullptr ? OMX_ErrorBadParameter : OMX_ErrorBadPortIndex;
 }
 
-static OMX_ERRORTYPE set_callbacks(OMX_HANDLETYPE hComponent, OMX_CALLBACKTYPE *pCallbacks,
-                                   OMX_PTR pAppData)
+static OMX_ERRORTYPE set_callbacks(OMX_HANDLETYPE handle, OMX_CALLBACKTYPE *callbacks,
+                                   OMX_PTR app_data)
 {
     omx_base_sink_PrivateType *sink = nullptr;
-    const OMX_ERRORTYPE error = omx_base_find_valid_sink(hComponent, &sink);
+    const OMX_ERRORTYPE error = omx_base_find_valid_sink(handle, &sink);
     if (error != OMX_ErrorNone) {
         return error;
     }
-    if (pCallbacks == nullptr) {
+    if (callbacks == nullptr) {
         return OMX_ErrorBadParameter;
     }
     omx_base_sink_internal_t *internal = sink->pInternal;
     pthread_mutex_lock(&internal->lock);
     const bool loaded = omx_base_get_state(sink) == OMX_StateLoaded;
     if (loaded) {
-        internal->stCallbacks = *pCallbacks;
+        internal->stCallbacks = *callbacks;
         sink->pCallbacks = &internal->stCallbacks;
-        sink->pCallbackData = pAppData;
+        sink->pCallbackData = app_data;
     }
     pthread_mutex_unlock(&internal->lock);
     return loaded ? OMX_ErrorNone : OMX_ErrorIncorrectStateOperation;
 }
 
-static OMX_ERRORTYPE component_deinit(OMX_HANDLETYPE hComponent)
+static OMX_ERRORTYPE component_deinit(OMX_HANDLETYPE handle)
 {
-    if (hComponent == nullptr) {
+    if (handle == nullptr) {
         return OMX_ErrorBadParameter;
     }
-    OMX_COMPONENTTYPE *component = static_cast<OMX_COMPONENTTYPE *>(hComponent);
+    OMX_COMPONENTTYPE *component = static_cast<OMX_COMPONENTTYPE *>(handle);
     omx_base_sink_PrivateType *sink =
         static_cast<omx_base_sink_PrivateType *>(component->pComponentPrivate);
     return sink != nullptr ? sink->pfnDestructor(component) : OMX_ErrorNone;
@@ -253,18 +252,18 @@ static OMX_ERRORTYPE build_sink(omx_base_sink_PrivateType *sink, const char *nam
     return OMX_ErrorNone;
 }
 
-OMX_ERRORTYPE omx_base_sink_Constructor(OMX_COMPONENTTYPE *pComponent, OMX_STRING pszName)
+OMX_ERRORTYPE omx_base_sink_Constructor(OMX_COMPONENTTYPE *component, OMX_STRING name)
 {
-    if (pComponent == nullptr || pszName == nullptr || pComponent->pComponentPrivate == nullptr) {
+    if (component == nullptr || name == nullptr || component->pComponentPrivate == nullptr) {
         return OMX_ErrorBadParameter;
     }
     omx_base_sink_PrivateType *sink =
-        static_cast<omx_base_sink_PrivateType *>(pComponent->pComponentPrivate);
+        static_cast<omx_base_sink_PrivateType *>(component->pComponentPrivate);
     if (sink->pInternal != nullptr) {
         return OMX_ErrorBadParameter;
     }
-    fill_function_table(pComponent);
-    sink->pComponent = pComponent;
+    fill_function_table(component);
+    sink->pComponent = component;
     sink->pfnMessageHandler = omx_base_component_MessageHandler;
     sink->pfnDestructor = omx_base_sink_Destructor;
     for (OMX_PORT_PARAM_TYPE &domain : sink->astPortDomain) {
@@ -275,7 +274,7 @@ OMX_ERRORTYPE omx_base_sink_Constructor(OMX_COMPONENTTYPE *pComponent, OMX_STRIN
     if (host_call_fails(HOST_CALL_SINK_CONSTRUCTOR)) {
         return OMX_ErrorInsufficientResources;
     }
-    return build_sink(sink, pszName);
+    return build_sink(sink, name);
 }
 
 static void release_internal(omx_base_sink_PrivateType *sink)
@@ -309,13 +308,13 @@ static void end_threads(omx_base_sink_PrivateType *sink)
     omx_base_join_buffer_thread(sink);
 }
 
-OMX_ERRORTYPE omx_base_sink_Destructor(OMX_COMPONENTTYPE *pComponent)
+OMX_ERRORTYPE omx_base_sink_Destructor(OMX_COMPONENTTYPE *component)
 {
-    if (pComponent == nullptr) {
+    if (component == nullptr) {
         return OMX_ErrorBadParameter;
     }
     omx_base_sink_PrivateType *sink =
-        static_cast<omx_base_sink_PrivateType *>(pComponent->pComponentPrivate);
+        static_cast<omx_base_sink_PrivateType *>(component->pComponentPrivate);
     if (sink == nullptr) {
         return OMX_ErrorNone;
     }
@@ -335,6 +334,6 @@ OMX_ERRORTYPE omx_base_sink_Destructor(OMX_COMPONENTTYPE *pComponent)
         release_internal(sink);
     }
     QVR_free(sink);
-    pComponent->pComponentPrivate = nullptr;
+    component->pComponentPrivate = nullptr;
     return OMX_ErrorNone;
 }

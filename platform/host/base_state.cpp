@@ -85,7 +85,7 @@ static uint32_t end_port_change(omx_base_sink_PrivateType *sink, omx_base_port_P
     const bool unloaded = state == OMX_StateLoaded || state == OMX_StateWaitForResources;
     bool complete = false;
     if (internal->eChange == OMX_ChangeEnable) { // without resources, a port needs no buffers
-        complete = unloaded || port->stPortDefinition.bPopulated;
+        complete = unloaded || port->stPortDefinition.bPopulated != 0;
         *command = OMX_CommandPortEnable;
     } else if (internal->eChange == OMX_ChangeDisable) {
         complete = internal->uiBufferCount == 0;
@@ -116,21 +116,21 @@ static bool take_unpopulated(omx_base_sink_PrivateType *sink, omx_base_port_Priv
     return unpopulated;
 }
 
-void omx_base_complete_changes(omx_base_sink_PrivateType *pSink)
+void omx_base_complete_changes(omx_base_sink_PrivateType *sink)
 {
-    complete_idle(pSink);
-    complete_loaded(pSink);
-    omx_base_for_ports(pSink, OMX_ALL, [&](omx_base_port_PrivateType *port) {
+    complete_idle(sink);
+    complete_loaded(sink);
+    omx_base_for_ports(sink, OMX_ALL, [&](omx_base_port_PrivateType *port) {
         const OMX_U32 index = port->pInternal->uiIndex;
-        for (uint32_t count = take_overtaken(pSink, port); count != 0; count--) {
-            omx_base_send_event(pSink, OMX_EventError, OMX_ErrorIncorrectStateOperation, index);
+        for (uint32_t count = take_overtaken(sink, port); count != 0; count--) {
+            omx_base_send_event(sink, OMX_EventError, OMX_ErrorIncorrectStateOperation, index);
         }
         OMX_COMMANDTYPE command = OMX_CommandMax;
-        for (uint32_t count = end_port_change(pSink, port, &command); count != 0; count--) {
-            send_complete(pSink, command, index);
+        for (uint32_t count = end_port_change(sink, port, &command); count != 0; count--) {
+            send_complete(sink, command, index);
         }
-        if (take_unpopulated(pSink, port)) {
-            omx_base_send_event(pSink, OMX_EventError, OMX_ErrorPortUnpopulated, index);
+        if (take_unpopulated(sink, port)) {
+            omx_base_send_event(sink, OMX_EventError, OMX_ErrorPortUnpopulated, index);
         }
     });
 }
@@ -274,29 +274,29 @@ static OMX_ERRORTYPE mark_buffer(omx_base_sink_PrivateType *sink, OMX_U32 port_i
     return OMX_ErrorNone;
 }
 
-OMX_ERRORTYPE omx_base_component_MessageHandler(OMX_COMPONENTTYPE *pComponent,
-                                                omx_base_message_t *pMessage)
+OMX_ERRORTYPE omx_base_component_MessageHandler(OMX_COMPONENTTYPE *component,
+                                                omx_base_message_t *message)
 {
     omx_base_sink_PrivateType *sink = nullptr;
-    const OMX_ERRORTYPE error = omx_base_find_valid_sink(pComponent, &sink);
+    const OMX_ERRORTYPE error = omx_base_find_valid_sink(component, &sink);
     if (error != OMX_ErrorNone) {
         return error;
     }
-    if (pMessage == nullptr) {
+    if (message == nullptr) {
         return OMX_ErrorBadParameter;
     }
-    switch (pMessage->eCommand) {
+    switch (message->eCommand) {
     case OMX_CommandStateSet:
-        return change_state(sink, static_cast<OMX_STATETYPE>(pMessage->uiParam));
+        return change_state(sink, static_cast<OMX_STATETYPE>(message->uiParam));
     case OMX_CommandFlush:
-        return flush_port(sink, pMessage->uiParam);
+        return flush_port(sink, message->uiParam);
     case OMX_CommandPortDisable:
-        return change_port(sink, pMessage->uiParam, false);
+        return change_port(sink, message->uiParam, false);
     case OMX_CommandPortEnable:
-        return change_port(sink, pMessage->uiParam, true);
+        return change_port(sink, message->uiParam, true);
     case OMX_CommandMarkBuffer:
-        return mark_buffer(sink, pMessage->uiParam,
-                           static_cast<const OMX_MARKTYPE *>(pMessage->pData));
+        return mark_buffer(sink, message->uiParam,
+                           static_cast<const OMX_MARKTYPE *>(message->pData));
     default:
         return OMX_ErrorBadParameter;
     }

@@ -23,10 +23,10 @@ static void *run_buffer_thread(void *argument)
     return nullptr;
 }
 
-int omx_base_start_buffer_thread(omx_base_sink_PrivateType *pSink)
+int omx_base_start_buffer_thread(omx_base_sink_PrivateType *sink)
 {
-    omx_base_sink_internal_t *internal = pSink->pInternal;
-    if (pSink->pfnBufferMgmtFunction == nullptr) {
+    omx_base_sink_internal_t *internal = sink->pInternal;
+    if (sink->pfnBufferMgmtFunction == nullptr) {
         return 0;
     }
     if (host_call_fails(HOST_CALL_START_THREAD)) {
@@ -34,7 +34,7 @@ int omx_base_start_buffer_thread(omx_base_sink_PrivateType *pSink)
     }
     set_buffer_thread_runs(internal, true); // before the thread, which clears it
     const int result =
-        pthread_create(&internal->hBufferThread, nullptr, run_buffer_thread, pSink->pComponent);
+        pthread_create(&internal->hBufferThread, nullptr, run_buffer_thread, sink->pComponent);
     internal->bBufferThreadJoinable = result == 0;
     if (result != 0) {
         set_buffer_thread_runs(internal, false);
@@ -42,18 +42,18 @@ int omx_base_start_buffer_thread(omx_base_sink_PrivateType *pSink)
     return result;
 }
 
-void omx_base_join_buffer_thread(omx_base_sink_PrivateType *pSink)
+void omx_base_join_buffer_thread(omx_base_sink_PrivateType *sink)
 {
-    omx_base_sink_internal_t *internal = pSink->pInternal;
+    omx_base_sink_internal_t *internal = sink->pInternal;
     if (!internal->bBufferThreadJoinable) {
         return;
     }
-    tsem_up(&pSink->semBufferThread);
+    tsem_up(&sink->semBufferThread);
     pthread_join(internal->hBufferThread, nullptr);
     internal->bBufferThreadJoinable = false;
-    tsem_reset(&pSink->semBufferThread); // the next thread finds no counts of this one's time
-    tsem_reset(&pSink->semFlushAll);
-    tsem_reset(&pSink->semFlush);
+    tsem_reset(&sink->semBufferThread); // the next thread finds no counts of this one's time
+    tsem_reset(&sink->semFlushAll);
+    tsem_reset(&sink->semFlush);
 }
 
 static bool buffer_thread_runs(omx_base_sink_PrivateType *sink)
@@ -73,25 +73,25 @@ static void set_being_flushed(omx_base_sink_PrivateType *sink, OMX_U32 port_inde
     pthread_mutex_unlock(&sink->lockFlush);
 }
 
-void omx_base_flush(omx_base_sink_PrivateType *pSink, OMX_U32 uiPort)
+void omx_base_flush(omx_base_sink_PrivateType *sink, OMX_U32 port_index)
 {
-    bool runs = buffer_thread_runs(pSink);
-    set_being_flushed(pSink, uiPort, 1);
-    tsem_up(&pSink->semBufferThread);
+    bool runs = buffer_thread_runs(sink);
+    set_being_flushed(sink, port_index, 1);
+    tsem_up(&sink->semBufferThread);
     if (runs) {
-        tsem_down(&pSink->semFlushAll); // from the loop, or from the thread's end
-        runs = buffer_thread_runs(pSink);
+        tsem_down(&sink->semFlushAll); // from the loop, or from the thread's end
+        runs = buffer_thread_runs(sink);
     }
-    omx_base_for_ports(pSink, uiPort, [&](omx_base_port_PrivateType *port) {
+    omx_base_for_ports(sink, port_index, [&](omx_base_port_PrivateType *port) {
         std::array<OMX_BUFFERHEADERTYPE *, QUEUE_CAPACITY> held;
         // A thread that has ended may have left a buffer in nobody's hand.
-        const uint32_t count = omx_base_collect_held(pSink, port, !runs, &held);
+        const uint32_t count = omx_base_collect_held(sink, port, !runs, &held);
         for (uint32_t index = 0; index < count; index++) {
             port->pfnReturnBuffer(port, held[index]);
         }
     });
-    set_being_flushed(pSink, uiPort, 0);
+    set_being_flushed(sink, port_index, 0);
     if (runs) {
-        tsem_up(&pSink->semFlush);
+        tsem_up(&sink->semFlush);
     }
 }

@@ -5,7 +5,7 @@
 #include "platform/host/host_control.h"
 
 // Counts one call. returns whether it has to fail.
-[[nodiscard]] bool host_call_fails(host_call_t eCall);
+[[nodiscard]] bool host_call_fails(host_call_t call);
 
 // Put each unit's settings back to their defaults.
 void host_reset_log(void);

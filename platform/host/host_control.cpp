@@ -12,10 +12,10 @@ typedef struct call_record_t {
 static pthread_mutex_t lock_calls = PTHREAD_MUTEX_INITIALIZER;
 static std::array<call_record_t, HOST_CALL_COUNT> call_records; // under lock_calls
 
-bool host_call_fails(host_call_t eCall)
+bool host_call_fails(host_call_t call)
 {
     pthread_mutex_lock(&lock_calls);
-    call_record_t &record = call_records[eCall];
+    call_record_t &record = call_records[call];
     record.ullCalls++;
     bool fails = false;
     if (record.uiPass != 0) {
@@ -30,24 +30,24 @@ bool host_call_fails(host_call_t eCall)
     return fails;
 }
 
-void host_fail_call(host_call_t eCall, uint32_t uiPass, uint32_t uiFail)
+void host_fail_call(host_call_t call, uint32_t pass, uint32_t fail)
 {
-    if (eCall >= HOST_CALL_COUNT) {
+    if (call >= HOST_CALL_COUNT) {
         return;
     }
     pthread_mutex_lock(&lock_calls);
-    call_records[eCall].uiPass = uiPass;
-    call_records[eCall].uiFail = uiFail;
+    call_records[call].uiPass = pass;
+    call_records[call].uiFail = fail;
     pthread_mutex_unlock(&lock_calls);
 }
 
-uint64_t host_call_count(host_call_t eCall)
+uint64_t host_call_count(host_call_t call)
 {
-    if (eCall >= HOST_CALL_COUNT) {
+    if (call >= HOST_CALL_COUNT) {
         return 0;
     }
     pthread_mutex_lock(&lock_calls);
-    const uint64_t calls = call_records[eCall].ullCalls;
+    const uint64_t calls = call_records[call].ullCalls;
     pthread_mutex_unlock(&lock_calls);
     return calls;
 }

@@ -33,13 +33,13 @@ void host_reset(void);
 
 // Sets a system property; a null value unsets it.
 // in: key of at most 31 characters (a longer one is ignored), value of at most 91 (cut).
-void host_set_property(const char *pszKey, const char *pszValue);
+void host_set_property(const char *key, const char *value);
 
-// Lets the next uiPass calls through, then makes the following uiFail calls fail (UINT32_MAX: all).
-void host_fail_call(host_call_t eCall, uint32_t uiPass, uint32_t uiFail);
+// Lets the next pass calls through, then makes the following fail calls fail (UINT32_MAX: all).
+void host_fail_call(host_call_t call, uint32_t pass, uint32_t fail);
 
 // Calls made since the last reset, failed ones included.
-uint64_t host_call_count(host_call_t eCall);
+uint64_t host_call_count(host_call_t call);
 
 // Allocations of QVR_malloc and QVR_calloc that QVR_free has not released; storage handles that
 // dfclose has not closed.
@@ -47,16 +47,15 @@ int64_t host_live_allocations(void);
 int64_t host_live_storage_handles(void);
 
 // Makes dfget report these figures for a storage instead of the file system's own.
-void host_set_storage(int iStorage, unsigned long ulTotalKiB, unsigned long ulFreeKiB);
+void host_set_storage(int storage, unsigned long total_kib, unsigned long free_kib);
 
 // Log lines below this priority are dropped; the default is ANDROID_LOG_WARN.
 void host_set_log_level(int priority);
 
 // Receives every log line that passes the level, instead of standard error; null restores it.
 // The sink is called with the log's lock held, on whatever thread logs.
-typedef void (*host_log_sink_t)(void *pContext, int priority, const char *pszTag,
-                                const char *pszText);
-void host_set_log_sink(host_log_sink_t pfnSink, void *pContext);
+typedef void (*host_log_sink_t)(void *context, int priority, const char *tag, const char *text);
+void host_set_log_sink(host_log_sink_t sink, void *context);
 
 #pragma GCC visibility pop
 #ifdef __cplusplus

@@ -78,103 +78,104 @@ struct omx_base_port_internal_t {
 
 // Finds the sink behind a handle. returns OMX_ErrorNone, OMX_ErrorBadParameter for a null handle,
 // OMX_ErrorInvalidComponent when nothing is constructed; the second also OMX_ErrorInvalidState.
-[[nodiscard]] OMX_ERRORTYPE omx_base_find_sink(OMX_HANDLETYPE hComponent,
-                                               omx_base_sink_PrivateType **ppSink);
-[[nodiscard]] OMX_ERRORTYPE omx_base_find_valid_sink(OMX_HANDLETYPE hComponent,
-                                                     omx_base_sink_PrivateType **ppSink);
+[[nodiscard]] OMX_ERRORTYPE omx_base_find_sink(OMX_HANDLETYPE handle,
+                                               omx_base_sink_PrivateType **sink_out);
+[[nodiscard]] OMX_ERRORTYPE omx_base_find_valid_sink(OMX_HANDLETYPE handle,
+                                                     omx_base_sink_PrivateType **sink_out);
 
 // The number of ports that the domain tables tell.
-[[nodiscard]] OMX_U32 omx_base_port_count(const omx_base_sink_PrivateType *pSink);
+[[nodiscard]] OMX_U32 omx_base_port_count(const omx_base_sink_PrivateType *sink);
 
 // The port with this index, or null.
-[[nodiscard]] omx_base_port_PrivateType *omx_base_port(const omx_base_sink_PrivateType *pSink,
-                                                       OMX_U32 uiPort);
+[[nodiscard]] omx_base_port_PrivateType *omx_base_port(const omx_base_sink_PrivateType *sink,
+                                                       OMX_U32 port_index);
 
 // Calls a function for a port, or for every port with OMX_ALL.
 template <typename Function>
-void omx_base_for_ports(const omx_base_sink_PrivateType *pSink, OMX_U32 uiPort, Function function)
+void omx_base_for_ports(const omx_base_sink_PrivateType *sink, OMX_U32 port_index,
+                        Function function)
 {
-    for (OMX_U32 index = 0; index < omx_base_port_count(pSink); index++) {
-        omx_base_port_PrivateType *port = omx_base_port(pSink, index);
-        if (port != nullptr && (uiPort == OMX_ALL || uiPort == index)) {
+    for (OMX_U32 index = 0; index < omx_base_port_count(sink); index++) {
+        omx_base_port_PrivateType *port = omx_base_port(sink, index);
+        if (port != nullptr && (port_index == OMX_ALL || port_index == index)) {
             function(port);
         }
     }
 }
 
 // Releases what a port constructor made; the record itself stays.
-void omx_base_release_port(omx_base_port_PrivateType *pPort);
+void omx_base_release_port(omx_base_port_PrivateType *port);
 
 // thread: under the lock.
-void omx_base_set_state(omx_base_sink_PrivateType *pSink, OMX_STATETYPE eState,
-                        omx_base_transient_t eTransientState);
+void omx_base_set_state(omx_base_sink_PrivateType *sink, OMX_STATETYPE state,
+                        omx_base_transient_t transient_state);
 
 // Tells the client; without any lock.
-void omx_base_send_event(omx_base_sink_PrivateType *pSink, OMX_EVENTTYPE eEvent, OMX_U32 uiData1,
-                         OMX_U32 uiData2);
+void omx_base_send_event(omx_base_sink_PrivateType *sink, OMX_EVENTTYPE event, OMX_U32 data1,
+                         OMX_U32 data2);
 
 // Starts the message thread. returns an errno value.
-[[nodiscard]] int omx_base_start_message_thread(omx_base_sink_PrivateType *pSink);
+[[nodiscard]] int omx_base_start_message_thread(omx_base_sink_PrivateType *sink);
 // Ends and joins it, whatever still waits.
-void omx_base_join_message_thread(omx_base_sink_PrivateType *pSink);
+void omx_base_join_message_thread(omx_base_sink_PrivateType *sink);
 // Makes the message thread look for what is complete; under the lock.
-void omx_base_notify_message_thread(omx_base_sink_PrivateType *pSink);
+void omx_base_notify_message_thread(omx_base_sink_PrivateType *sink);
 // Whether this command waits or is being carried out; under the lock.
-[[nodiscard]] bool omx_base_command_waits(const omx_base_sink_PrivateType *pSink,
-                                          OMX_COMMANDTYPE eCommand, OMX_U32 uiParam);
+[[nodiscard]] bool omx_base_command_waits(const omx_base_sink_PrivateType *sink,
+                                          OMX_COMMANDTYPE command, OMX_U32 param);
 
 // Starts the buffer thread, if the component has a body for it. returns an errno value.
-[[nodiscard]] int omx_base_start_buffer_thread(omx_base_sink_PrivateType *pSink);
+[[nodiscard]] int omx_base_start_buffer_thread(omx_base_sink_PrivateType *sink);
 // Wakes the buffer thread, whose state tells it to leave, and joins it.
-void omx_base_join_buffer_thread(omx_base_sink_PrivateType *pSink);
+void omx_base_join_buffer_thread(omx_base_sink_PrivateType *sink);
 // Gives every buffer that the component holds on a port (OMX_ALL: on every port) back to the
 // client. thread: the message thread.
-void omx_base_flush(omx_base_sink_PrivateType *pSink, OMX_U32 uiPort);
+void omx_base_flush(omx_base_sink_PrivateType *sink, OMX_U32 port_index);
 
 // Ends the state transition and the port commands that have become complete, and reports ports
 // that lost a buffer. thread: the message thread.
-void omx_base_complete_changes(omx_base_sink_PrivateType *pSink);
+void omx_base_complete_changes(omx_base_sink_PrivateType *sink);
 
 // Whether each enabled port has its buffers; whether no port has any. Under the lock.
-[[nodiscard]] bool omx_base_ports_populated(const omx_base_sink_PrivateType *pSink);
-[[nodiscard]] bool omx_base_ports_empty(const omx_base_sink_PrivateType *pSink);
+[[nodiscard]] bool omx_base_ports_populated(const omx_base_sink_PrivateType *sink);
+[[nodiscard]] bool omx_base_ports_empty(const omx_base_sink_PrivateType *sink);
 
 // Clears bHeld and calls EmptyBufferDone; what every port's return-buffer slot points to.
-OMX_ERRORTYPE omx_base_return_buffer(omx_base_port_PrivateType *pPort,
-                                     OMX_BUFFERHEADERTYPE *pBuffer);
-// Collects what the component holds on a port, oldest first, and empties its queue; with bAll also
+OMX_ERRORTYPE omx_base_return_buffer(omx_base_port_PrivateType *port, OMX_BUFFERHEADERTYPE *header);
+// Collects what the component holds on a port, oldest first, and empties its queue; with all also
 // what is in nobody's queue. returns how many.
 [[nodiscard]] uint32_t
-omx_base_collect_held(omx_base_sink_PrivateType *pSink, omx_base_port_PrivateType *pPort, bool bAll,
-                      std::array<OMX_BUFFERHEADERTYPE *, QUEUE_CAPACITY> *pCollected);
+omx_base_collect_held(omx_base_sink_PrivateType *sink, omx_base_port_PrivateType *port, bool all,
+                      std::array<OMX_BUFFERHEADERTYPE *, QUEUE_CAPACITY> *collected);
 // Frees every buffer of a port.
-void omx_base_free_buffers(omx_base_port_PrivateType *pPort);
+void omx_base_free_buffers(omx_base_port_PrivateType *port);
 
 // Entries of the function table.
-OMX_ERRORTYPE omx_base_component_SendCommand(OMX_HANDLETYPE hComponent, OMX_COMMANDTYPE eCommand,
-                                             OMX_U32 uiParam, OMX_PTR pData);
-OMX_ERRORTYPE omx_base_component_UseBuffer(OMX_HANDLETYPE hComponent,
-                                           OMX_BUFFERHEADERTYPE **ppBuffer, OMX_U32 uiPort,
-                                           OMX_PTR pAppPrivate, OMX_U32 uiSize, OMX_U8 *pData);
-OMX_ERRORTYPE omx_base_component_AllocateBuffer(OMX_HANDLETYPE hComponent,
-                                                OMX_BUFFERHEADERTYPE **ppBuffer, OMX_U32 uiPort,
-                                                OMX_PTR pAppPrivate, OMX_U32 uiSize);
-OMX_ERRORTYPE omx_base_component_FreeBuffer(OMX_HANDLETYPE hComponent, OMX_U32 uiPort,
-                                            OMX_BUFFERHEADERTYPE *pBuffer);
-OMX_ERRORTYPE omx_base_component_EmptyThisBuffer(OMX_HANDLETYPE hComponent,
-                                                 OMX_BUFFERHEADERTYPE *pBuffer);
+OMX_ERRORTYPE omx_base_component_SendCommand(OMX_HANDLETYPE handle, OMX_COMMANDTYPE command,
+                                             OMX_U32 param, OMX_PTR data);
+OMX_ERRORTYPE omx_base_component_UseBuffer(OMX_HANDLETYPE handle, OMX_BUFFERHEADERTYPE **buffer_out,
+                                           OMX_U32 port_index, OMX_PTR app_private, OMX_U32 size,
+                                           OMX_U8 *data);
+OMX_ERRORTYPE omx_base_component_AllocateBuffer(OMX_HANDLETYPE handle,
+                                                OMX_BUFFERHEADERTYPE **buffer_out,
+                                                OMX_U32 port_index, OMX_PTR app_private,
+                                                OMX_U32 size);
+OMX_ERRORTYPE omx_base_component_FreeBuffer(OMX_HANDLETYPE handle, OMX_U32 port_index,
+                                            OMX_BUFFERHEADERTYPE *header);
+OMX_ERRORTYPE omx_base_component_EmptyThisBuffer(OMX_HANDLETYPE handle,
+                                                 OMX_BUFFERHEADERTYPE *header);
 
 // Checks the head that every record of the standard begins with.
 // returns OMX_ErrorNone, OMX_ErrorBadParameter, or OMX_ErrorVersionMismatch.
-[[nodiscard]] inline OMX_ERRORTYPE omx_base_check_head(OMX_U32 uiSize, OMX_VERSIONTYPE unVersion,
+[[nodiscard]] inline OMX_ERRORTYPE omx_base_check_head(OMX_U32 size, OMX_VERSIONTYPE un_version,
                                                        size_t expected_size)
 {
-    if (uiSize != expected_size) {
+    if (size != expected_size) {
         return OMX_ErrorBadParameter;
     }
     const OMX_VERSIONTYPE own = {.nVersion = OMX_VERSION_1_1_2};
-    return unVersion.s.nVersionMajor == own.s.nVersionMajor &&
-                   unVersion.s.nVersionMinor == own.s.nVersionMinor
+    return un_version.s.nVersionMajor == own.s.nVersionMajor &&
+                   un_version.s.nVersionMinor == own.s.nVersionMinor
                ? OMX_ErrorNone
                : OMX_ErrorVersionMismatch;
 }

@@ -31,13 +31,13 @@ void *QVR_calloc(size_t count, size_t size)
     return memory;
 }
 
-void QVR_free(void *pMemory)
+void QVR_free(void *memory)
 {
-    if (pMemory == nullptr) {
+    if (memory == nullptr) {
         return;
     }
     live_allocations--;
-    free(pMemory);
+    free(memory);
 }
 
 int64_t host_live_allocations(void)

@@ -3,13 +3,13 @@
 
 #include <errno.h>
 
-int tsem_init(tsem_t *tsem, uint32_t uiCount)
+int tsem_init(tsem_t *tsem, uint32_t count)
 {
     if (host_call_fails(HOST_CALL_TSEM_INIT)) {
         return ENOMEM;
     }
     *tsem = {};
-    tsem->uiCount = uiCount;
+    tsem->uiCount = count;
     const int result = pthread_mutex_init(&tsem->stMutex, nullptr);
     if (result != 0) {
         return result;
@@ -71,7 +71,7 @@ void queue_deinit(queue_t *queue)
     pthread_mutex_destroy(&queue->stMutex);
 }
 
-int queue(queue_t *queue, void *pElement)
+int queue(queue_t *queue, void *element)
 {
     if (host_call_fails(HOST_CALL_QUEUE)) {
         return -1;
@@ -79,7 +79,7 @@ int queue(queue_t *queue, void *pElement)
     pthread_mutex_lock(&queue->stMutex);
     const bool fits = queue->uiCount < QUEUE_CAPACITY;
     if (fits) {
-        queue->apElement[(queue->uiRead + queue->uiCount) % QUEUE_CAPACITY] = pElement;
+        queue->apElement[(queue->uiRead + queue->uiCount) % QUEUE_CAPACITY] = element;
         queue->uiCount++;
     }
     pthread_mutex_unlock(&queue->stMutex);

@@ -51,14 +51,14 @@ df_handle_t *dfopen(void)
     return handle;
 }
 
-const df_record_t *dfget(df_handle_t *pHandle, int iStorage)
+const df_record_t *dfget(df_handle_t *handle, int storage)
 {
-    if (host_call_fails(HOST_CALL_DFGET) || pHandle == nullptr || iStorage < 0 ||
-        iStorage >= STORAGE_COUNT) {
+    if (host_call_fails(HOST_CALL_DFGET) || handle == nullptr || storage < 0 ||
+        storage >= STORAGE_COUNT) {
         return nullptr;
     }
-    const size_t index = static_cast<size_t>(iStorage);
-    df_record_t &record = pHandle->astRecord[index];
+    const size_t index = static_cast<size_t>(storage);
+    df_record_t &record = handle->astRecord[index];
 
     pthread_mutex_lock(&lock_figures);
     const storage_figures_t figures = given_figures[index];
@@ -78,11 +78,11 @@ const df_record_t *dfget(df_handle_t *pHandle, int iStorage)
     return &record;
 }
 
-int dfclose(df_handle_t *pHandle)
+int dfclose(df_handle_t *handle)
 {
-    if (pHandle != nullptr) {
+    if (handle != nullptr) {
         live_handles--;
-        QVR_free(pHandle);
+        QVR_free(handle);
     }
     return 0;
 }
@@ -92,14 +92,14 @@ int64_t host_live_storage_handles(void)
     return live_handles;
 }
 
-void host_set_storage(int iStorage, unsigned long ulTotalKiB, unsigned long ulFreeKiB)
+void host_set_storage(int storage, unsigned long total_kib, unsigned long free_kib)
 {
-    if (iStorage < 0 || iStorage >= STORAGE_COUNT) {
+    if (storage < 0 || storage >= STORAGE_COUNT) {
         return;
     }
     pthread_mutex_lock(&lock_figures);
-    given_figures[static_cast<size_t>(iStorage)] = {
-        .bSet = true, .ulTotalKiB = ulTotalKiB, .ulFreeKiB = ulFreeKiB};
+    given_figures[static_cast<size_t>(storage)] = {
+        .bSet = true, .ulTotalKiB = total_kib, .ulFreeKiB = free_kib};
     pthread_mutex_unlock(&lock_figures);
 }
 

@@ -29,35 +29,35 @@ static property_t *find_property(const char *key)
     return nullptr;
 }
 
-int property_get(const char *pszKey, char *szValue, const char *pszDefault)
+int property_get(const char *key, char *value, const char *default_)
 {
-    const bool hidden = host_call_fails(HOST_CALL_PROPERTY_GET) || pszKey[0] == '\0';
+    const bool hidden = host_call_fails(HOST_CALL_PROPERTY_GET) || key[0] == '\0';
     pthread_mutex_lock(&lock_properties);
-    const property_t *property = hidden ? nullptr : find_property(pszKey);
-    const char *text = property != nullptr     ? property->szValue
-                       : pszDefault != nullptr ? pszDefault
-                                               : "";
+    const property_t *property = hidden ? nullptr : find_property(key);
+    const char *text = property != nullptr   ? property->szValue
+                       : default_ != nullptr ? default_
+                                             : "";
     const size_t length = strnlen(text, PROPERTY_VALUE_MAX - 1);
-    memcpy(szValue, text, length);
-    szValue[length] = '\0';
+    memcpy(value, text, length);
+    value[length] = '\0';
     pthread_mutex_unlock(&lock_properties);
     return static_cast<int>(length);
 }
 
-void host_set_property(const char *pszKey, const char *pszValue)
+void host_set_property(const char *key, const char *value)
 {
-    if (pszKey[0] == '\0' || strlen(pszKey) >= PROPERTY_KEY_MAX) {
+    if (key[0] == '\0' || strlen(key) >= PROPERTY_KEY_MAX) {
         return;
     }
     pthread_mutex_lock(&lock_properties);
-    property_t *property = find_property(pszKey);
-    if (pszValue == nullptr) {
+    property_t *property = find_property(key);
+    if (value == nullptr) {
         if (property != nullptr) {
             *property = {};
         }
     } else if (property != nullptr || (property = find_property("")) != nullptr) {
-        snprintf(property->szKey, sizeof(property->szKey), "%s", pszKey);
-        snprintf(property->szValue, sizeof(property->szValue), "%s", pszValue);
+        snprintf(property->szKey, sizeof(property->szKey), "%s", key);
+        snprintf(property->szValue, sizeof(property->szValue), "%s", value);
     }
     pthread_mutex_unlock(&lock_properties);
 }

@@ -46,7 +46,7 @@ Encoder::Encoder(const EncoderOptions &options)
 
 Encoder::~Encoder()
 {
-    if (handle) {
+    if (handle != nullptr) {
         EXPECT_EQ(QVR_AAC_ENC(AACENC_OP_CLOSE, &handle, nullptr, nullptr), AACENC_OK);
     }
 }

@@ -191,7 +191,7 @@ TEST(Streams, EveryConfigurationObeysTheSyntax)
         SCOPED_TRACE(group + ": " + describe(point));
         const Stream stream = encode_and_parse(
             point.options, render(matrix_signal(point.signal, turn), channels, whole ? 32 : 12));
-        if (folder) {
+        if (folder != nullptr) {
             keep_stream(std::string(folder) + "/" + group, point, stream);
         }
     }

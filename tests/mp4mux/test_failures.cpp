@@ -200,15 +200,15 @@ struct outcome {
 
 int32_t open_trial(recording &r, const trial &t)
 {
-    static const Bytes kData(20, 0x42);
-    static const mp4_mux_userbox_t kBox = {code("usr1"), kData.data(), 20};
-    static const mp4_mux_ftyp_t kFtyp = {{'m', 'p', '4', '2'}, 0, &kBox.m_uiType, 1};
+    static const Bytes k_data(20, 0x42);
+    static const mp4_mux_userbox_t k_box = {code("usr1"), k_data.data(), 20};
+    static const mp4_mux_ftyp_t k_ftyp = {{'m', 'p', '4', '2'}, 0, &k_box.m_uiType, 1};
     r.set_cache(t.layout);
     r.lend_close_memory(t.close_memory);
     r.video_private.clear(); // so that a frame allocates as well
     r.init.m_pfnAppendFile = t.append ? append_whole_file : nullptr;
-    r.input.m_pstFtyp = t.has_boxes ? &kFtyp : nullptr;
-    r.input.m_pstUserBox = &kBox;
+    r.input.m_pstFtyp = t.has_boxes ? &k_ftyp : nullptr;
+    r.input.m_pstUserBox = &k_box;
     r.input.m_uiUserBoxCount = t.has_boxes ? 1 : 0;
     return r.open();
 }

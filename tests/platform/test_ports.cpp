@@ -107,7 +107,7 @@ TEST_P(way_back_test, gives_back_what_the_port_has_unchanged)
     buffer_list_t expected;
     bring_to(way.state);
     for (OMX_U32 port = 0; port < kPortCount; port++) {
-        host_fail_call(HOST_CALL_DEQUEUE, 0, port == 1 && thread_ends);
+        host_fail_call(HOST_CALL_DEQUEUE, 0, port == 1 && thread_ends ? 1 : 0);
         const uint64_t taken = host_call_count(HOST_CALL_DEQUEUE);
         ASSERT_EQ(empty(buffers[port][0]), OMX_ErrorNone);
         wait_until([&] { return host_call_count(HOST_CALL_DEQUEUE) != taken; });
