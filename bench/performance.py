@@ -140,11 +140,11 @@ def measure_encoder(extent, folder):
                 for build_folder in (RELEASE, PORTABLE)]
     total = sum(profiles[1].values())
     rows = [
-        ('Encoder, CPU beside `ffmpeg -aac_coder fast`', 'at least 8 times as fast',
+        ('Encoder, CPU compared with `ffmpeg -aac_coder fast`', 'at least 8 times as fast',
          f'{ratio:.1f} times: {ours:.2f} s, {other:.2f} s for {seconds} s of sound'),
         ('Encoder, times real time', '1,000', f'{seconds / ours:.0f}; portable build '
          f'{seconds / plain:.0f}'),
-        ('Encoder, portable build, instructions a second of stereo', 'at most 15 million',
+        ('Encoder, portable build, instructions per second of stereo', 'at most 15 million',
          f'{total / 1e6:.1f} million')]
     return rows, profiles
 
@@ -173,18 +173,19 @@ def measure_muxer(extent):
     closes = named(results, 'close_recording')
     close = max(closes, key=lambda entry: entry['MB'])
     rows = [
-        ('Muxer, last tenth of 2 million frames beside the first', 'at most 1.05',
+        ('Muxer, last tenth of 2 million frames compared with the first', 'at most 1.05',
          f'{flat["ratio"]:.2f}'),
-        ('Muxer, CPU beside `fwrite` of the same frames', 'at most 1.25 times',
-         f'{write["ratio"]:.2f} times: {write["mux"]:.0f} ns, {write["fwrite"]:.0f} ns a frame'),
-        ('Muxer, CPU beside `ffmpeg -c copy`', 'at most a tenth',
+        ('Muxer, CPU compared with `fwrite` of the same frames', 'at most 1.25 times',
+         f'{write["ratio"]:.2f} times: {write["mux"]:.0f} ns, {write["fwrite"]:.0f} ns per frame'),
+        ('Muxer, CPU compared with `ffmpeg -c copy`', 'at most a tenth',
          f'{copy["ratio"]:.3f} without the kernel\'s copy of the bytes, {copy["ratio_all"]:.2f} '
          'with it'),
-        ('Muxer, null sink, CPU beside libavformat', 'at most a fifth',
-         f'{owned["ratio"]:.3f}: {owned["mux"]:.0f} ns, {owned["av_write_frame"]:.0f} ns a frame'),
-        ('Muxer, allocations and file writes', 'none; one a full cache',
-         f'{flat["allocations"]:.0f} in 2 million frames; {flat["writes_a_cache"]:.3f} a cache'),
-        ('Close, CPU beside copying the tables', 'at most 1.5 times',
+        ('Muxer, null sink, CPU compared with libavformat', 'at most a fifth',
+         f'{owned["ratio"]:.3f}: {owned["mux"]:.0f} ns, '
+         f'{owned["av_write_frame"]:.0f} ns per frame'),
+        ('Muxer, allocations and file writes', 'none; one per full cache',
+         f'{flat["allocations"]:.0f} in 2 million frames; {flat["writes_a_cache"]:.3f} per cache'),
+        ('Close, CPU compared with copying the tables', 'at most 1.5 times',
          f'{close["ratio"]:.2f} times at {close["MB"]:.0f} MB, {close["tables_MB"]:.0f} MB of '
          'tables'),
         ('Close, CPU by samples and by bytes', 'with samples, not with bytes',
@@ -208,12 +209,12 @@ def measure_component(extent):
              for loops in extent.growth_loops]
     closes = named(results, 'close_recording')
     return [
-        ('Component, speed beside the bare encoder', 'at least 80 %',
+        ('Component, speed compared with the bare encoder', 'at least 80 %',
          f'{100 * speed[0] / speed[2]:.0f} % on one core: {speed[0]:.0f}, {speed[2]:.0f} times '
          f'real time; on two {100 * speed[1] / speed[2]:.0f} %'),
-        ('Component, CPU a picture beyond the copy', 'at most 3 us',
+        ('Component, CPU per picture beyond the copy', 'at most 3 us',
          f'{picture["component_cpu"] * 1e6 - copy["cpu_time"] / 1e3:.2f} us on one core'),
-        ('Component, one storage query', 'known', f'{query["cpu_time"]:.0f} ns'),
+        ('Component, one storage query', 'for information', f'{query["cpu_time"]:.0f} ns'),
         ('Component at rest (Executing; Paused with buffers)', 'no wake-up, no CPU in 10 s',
          '; '.join(f'{entry["switches"]:.0f} switches, {max(entry["cpu"], 0) * 1e3:.2f} ms'
                    for entry in rests)),
@@ -245,7 +246,7 @@ def measure_client(extent, folder):
                          extent.profile_seconds, folder)
     return [('Client, a programme of two hours', 'CPU in encoder and input; memory flat',
              f'{many.cpu_seconds:.1f} s of CPU for {long} s; {many.resident_kib / 1024:.0f} MiB '
-             f'resident at the most, {few.resident_kib / 1024:.0f} MiB for {short} s'),
+             f'resident at most, {few.resident_kib / 1024:.0f} MiB for {short} s'),
             ('Client, age of the progress shown', 'at most 1 s',
              f'{stale_seconds:.2f} s while {long} s are recorded')], profile
 
@@ -257,7 +258,7 @@ def table(head, rows):
 def profile_table(costs, count, name):
     total = sum(costs.values())
     largest = sorted(costs.items(), key=lambda item: -item[1])[:count]
-    return table([name, 'Instructions a second', 'Share'],
+    return table([name, 'Instructions per second', 'Share'],
                  [(f'`{key}`', f'{cost / 1e3:.0f} k', f'{100 * cost / total:.1f} %')
                   for key, cost in largest])
 
@@ -272,7 +273,7 @@ def stage_table(profiles):
         for function, cost in costs.items():
             sums[stage_of(function)][column] += cost / 1e6
     sums['whole'] = [sum(column) for column in zip(*sums.values())]
-    return table(['Stage', 'Release, `-O3`', 'Portable'],
+    return table(['Stage', '`-O3`', 'Portable'],
                  [[stage] + [f'{cost:.2f}' for cost in costs] for stage, costs in sums.items()])
 
 
@@ -291,23 +292,22 @@ def page(extent, rows, muxer, profiles, client):
 Written by `bench/performance.py`. {machine()}
 
 {table(['What', 'Target', 'Measured'], rows)}
-Times are the median of {extent.pairs} alternating pairs, or the least of several runs where the two sides
-run in one program. Nothing here is a test: no check fails because a machine is slow.
+Times are the median of {extent.pairs} alternating pairs, or the least of several runs where both sides run
+in one program. Nothing here is a test: no check fails because a machine is slow.
 
-- `ffmpeg -c copy`: most of either side's time is the kernel's copy of the bytes into the file; plain
-  `fwrite` of the same frames alone takes {muxer['fwrite']:.2f} of the whole command. The first ratio leaves
-  the kernel's time out, the second includes it.
-- libavformat receives packets that own their bytes, as those of a reader or an encoder do. With
-  packets that only point at shared bytes it copies nothing, and the muxer takes {muxer['shared']:.2f} of its time.
-- The component's speed on one core, which is what a device has for it, is by CPU time of the
-  process, client included. On two cores it is by the clock, and the buffers' bytes move from one
-  core to the other.
-- The client's memory includes the libraries that read the input, the buffers and the recording's own
-  memory, whose growth has its own row.
+- `ffmpeg -c copy`: the kernel's copy of the bytes into the file takes most of the time on both sides;
+  `fwrite` of the same frames alone takes {muxer['fwrite']:.2f} of the whole command. The table
+  therefore compares the programs without that copy, and also as a whole.
+- libavformat gets packets that own their bytes, like those of a reader or an encoder. With packets
+  that only point to shared bytes it copies nothing, and the muxer takes {muxer['shared']:.2f} of its time.
+- The component's speed on one core, as on a device, is measured in CPU time of the process, client
+  included. On two cores it is measured in elapsed time, and the buffers' bytes move between the cores.
+- The client's memory contains the libraries that read the input, the buffers, and the memory of the
+  recording, whose growth has its own row.
 
 ## Where the encoder's time goes
 
-By stage, million instructions a second of sound:
+By stage, million instructions per second of sound:
 
 {stage_table(profiles)}
 By function, portable build, 48 kHz stereo at 128 kbit/s:
@@ -315,8 +315,8 @@ By function, portable build, 48 kHz stereo at 128 kbit/s:
 {profile_table(profiles[1], 14, 'Function')}
 ## Where a recording's time goes
 
-Instructions per second of programme, `tdmbrec record` from raw H.264 and WAV, by library; the
-component with its encoder and muxer is `libOMX.QVR.tdmbrec.so`, `libav...` reads the input:
+By library, instructions per second of programme, `tdmbrec record` from raw H.264 and WAV.
+`libOMX.QVR.tdmbrec.so` is the component with its encoder and muxer; `libav...` reads the input:
 
 {profile_table(by(client, 1), 8, 'Library')}'''
 

@@ -1,15 +1,15 @@
 #!/usr/bin/python3
-"""Measures what the encoder keeps of speech, music, the sample and noise, beside FFmpeg.
+"""Compares this encoder with FFmpeg's on speech, music, the sample and noise.
 
 usage: bench/quality.py TDMBREC [BITRATE ...]
 
 Prints one table for the bit rates (64, 96, 128, 192 and 256 kbit/s), all signals 48000 Hz stereo.
-The columns of a coder are the kbit/s that it sent, its signal-to-noise ratio in dB, and the one up
-to this encoder's bandwidth at the bit rate; the level is that of this encoder. FFmpeg's decoder
-decodes each stream. The delay is matched where the sums of the channels are most alike, polarity
-and level by least squares over the whole signal; a second and a fourth of it at either end are left
-out. The error is taken in the frequency domain. The rates are those of the access units, without
-the 56 bits of each ADTS header. Needs the Debian packages ffmpeg, espeak-ng, sox and python3-numpy.
+The columns of a coder are the kbit/s that it sent, its signal-to-noise ratio in dB, and the same
+ratio up to this encoder's bandwidth at the bit rate; the level is that of this encoder. FFmpeg's
+decoder decodes each stream. The delay is where the sums of the channels are most alike; polarity
+and level are matched by least squares over the whole signal, without 1.25 seconds at either end.
+The error is computed in the frequency domain. The rates are those of the access units, without the
+56 bits of each ADTS header. Needs the Debian packages ffmpeg, espeak-ng, sox and python3-numpy.
 """
 import pathlib
 import sys

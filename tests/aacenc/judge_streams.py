@@ -3,11 +3,11 @@
 
 usage: tests/aacenc/judge_streams.py TEST_AACENC [--whole]
 
-TEST_AACENC, the test program, takes every access unit apart and keeps the streams: sample rates,
-channels, bit rates, framing, ID bit, tools and signals in all their combinations, or one in 29 of
-them. A decoder must say nothing, return every frame, and without noise substitution, whose noise is
-each decoder's own, the decoders must agree. Needs the Debian packages ffmpeg, faad and
-python3-numpy; without one of them the result is 77.
+TEST_AACENC, the test program, parses every access unit and keeps the streams: sample rates,
+channels, bit rates, framing, ID bit, tools and signals in all their combinations (--whole), or one
+in 29 of them. A decoder must report nothing and return every frame. The decoders must agree, except
+on noise substitution, where each generates its own noise. Needs the Debian packages ffmpeg, faad
+and python3-numpy; the result is 77 when one of them is missing.
 """
 import os
 import pathlib
@@ -39,7 +39,7 @@ def make_streams(program, folder, whole):
 
 
 def decode(decoder, stream, rate, channels, frames):
-    """The samples, none where they cannot be compared, and what is wrong with the stream."""
+    """The samples, or None where they cannot be compared, and the complaint about the stream."""
     with tempfile.NamedTemporaryFile(suffix='.aac') as file:
         file.write(stream)
         file.flush()

@@ -5,9 +5,9 @@ usage: tests/mp4mux/judge_setups.py LIBRARY [--all]
 
 LIBRARY is libOMX.QVR.tdmbrec.so. Records the set-ups whose files a player can play (codes and
 configurations, one track or two, caches, close memory, offsets, append mode, the caller's boxes)
-and has ffprobe, ffmpeg, GStreamer, mkvmerge and MediaInfo read them: with --all every set-up,
-else so many that every two choices meet. Prints what they say and fails when they say anything.
-Exits with 77 when a program is missing.
+and has ffprobe, ffmpeg, GStreamer, mkvmerge and MediaInfo read them. --all records every set-up;
+otherwise every two choices occur together at least once. Prints their complaints and fails when
+there are any. The result is 77 when a program is missing.
 """
 import ctypes
 import itertools
