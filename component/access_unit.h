@@ -2,7 +2,7 @@
 #ifndef COMPONENT_ACCESS_UNIT_H
 #define COMPONENT_ACCESS_UNIT_H
 
-#include <stdint.h>
+#include <cstdint>
 
 #define START_CODE_BYTES 4
 #define NAL_LENGTH_BYTES 4
@@ -15,14 +15,14 @@
 
 // One unit: where its start code begins, and its bytes without trailing zeros. Offsets are in bytes
 // from the start of the data.
-typedef struct nal_unit_t {
+struct nal_unit_t {
     uint32_t uiStartCode;
     uint32_t uiStart;
     uint32_t uiEnd; // uiStart when nothing follows the start code
-} nal_unit_t;
+};
 
 // What an access unit in start-code form is made of. Offsets are in bytes from its start.
-typedef struct access_unit_t {
+struct access_unit_t {
     uint32_t uiPictureOffset; // start code of the first unit that is no parameter set in front; the
                               // access unit's length when there is none
     uint32_t uiSpsCount;      // parameter sets in front
@@ -35,7 +35,7 @@ typedef struct access_unit_t {
     bool has_short_start_codes; // a start code of 3 bytes anywhere
     bool has_short_front_codes; // one up to the picture's first unit
     bool has_empty_units;       // a start code with nothing behind it
-} access_unit_t;
+};
 
 // Describes `length` bytes of data.
 // returns false when they are no access unit: no start code at their start, or no unit behind it.

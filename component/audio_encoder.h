@@ -5,7 +5,7 @@
 
 #include "component/omx_tdmbrec_component.h"
 
-#include <stdint.h>
+#include <cstdint>
 
 #define PCM_QUEUE_BYTES 0x200000
 

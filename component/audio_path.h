@@ -5,11 +5,11 @@
 #include "component/frame_writer.h"
 #include "component/omx_tdmbrec_component.h"
 
-typedef enum audio_result_t {
+enum audio_result_t {
     kAudioConsumed,
     kAudioRetry, // the encoder cannot be initialised; the buffer is untouched
     kAudioStop   // a write ended the recording, see *result
-} audio_result_t;
+};
 
 // Queues the PCM of an audio buffer with time time, encodes every frame that it completes, and
 // writes each with its own time.

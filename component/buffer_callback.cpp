@@ -14,7 +14,7 @@
 #include <optional>
 
 // Why the recording has to end; empty when it continues.
-typedef std::optional<tdmbrec_stop_reason_t> stop_demand_t;
+using stop_demand_t = std::optional<tdmbrec_stop_reason_t>;
 
 static bool lies_within_allocation(const OMX_BUFFERHEADERTYPE *buffer)
 {

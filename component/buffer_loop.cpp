@@ -18,15 +18,15 @@ static constexpr useconds_t kLookUs = 5000;
 static constexpr int64_t kShortestRestUs = 5000;
 static constexpr int64_t kLongestRestUs = 1000000;
 
-typedef struct port_hand_t {
+struct port_hand_t {
     bool needs_buffer;
     bool is_marked; // the mark of the buffer in hand has been reported
     OMX_BUFFERHEADERTYPE *pBuffer;
     int64_t rest_us;  // how long the buffer waits after the last refusal; 0: never refused
     int64_t retry_us; // when it is offered again
-} port_hand_t;
+};
 
-typedef std::array<port_hand_t, TDMBREC_PORT_COUNT> port_hands_t;
+using port_hands_t = std::array<port_hand_t, TDMBREC_PORT_COUNT>;
 
 static bool is_below_idle(const omx_base_sink_PrivateType *sink)
 {

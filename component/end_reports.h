@@ -13,7 +13,7 @@
 
 #include "component/omx_tdmbrec_component.h"
 
-#include <stdint.h>
+#include <cstdint>
 
 // Sets the report of a recording aside. thread: the start, which holds the claim.
 // returns false when the component is being destroyed, or TDMBREC_ENDS ends are not yet reported.

@@ -5,8 +5,8 @@
 
 #include "component/omx_tdmbrec_component.h"
 
-#include <stddef.h>
-#include <stdint.h>
+#include <cstddef>
+#include <cstdint>
 
 #ifdef __cplusplus
 extern "C" {

@@ -14,26 +14,26 @@ enum fifo_state_t : uint8_t { // 0: never initialised
     kFifoNeither = 3
 };
 
-typedef struct frame_entry_t {
+struct frame_entry_t {
     uint32_t uiOffset; // from the start of the storage
     uint32_t uiLength; // bytes
     int64_t llTime;
     uint32_t uiExtra;
-} frame_entry_t;
+};
 
 // Producer and consumer both decide on the state from both indexes: the four change as one.
 // docs/models/frame_fifo.pml is the model of what they do with it.
-typedef struct alignas(8) fifo_position_t {
+struct alignas(8) fifo_position_t {
     uint16_t usRead;  // oldest committed entry
     uint16_t usWrite; // entry being filled, the next to commit
     uint16_t usCapacity;
     fifo_state_t ucState;
     uint8_t ucReserved; // 0
-} fifo_position_t;
+};
 static_assert(sizeof(fifo_position_t) == 8);
 static_assert(kIsShareable<fifo_position_t>, "build for a machine with atomic 64-bit words");
 
-typedef struct frame_fifo_t {
+struct frame_fifo_t {
     frame_entry_t astEntry[QVR_FIFO_FRAMES];
     uint8_t *pucData;
     uint32_t uiDataSize;
@@ -41,7 +41,7 @@ typedef struct frame_fifo_t {
     uint32_t uiDataWrite;       // the producer's: where the next data goes, at most uiDataSize
     fifo_position_t stPosition; // atomic
     uint8_t bIsRefusing;        // the producer's: its last frame did not fit the empty FIFO
-} frame_fifo_t;
+};
 static_assert(sizeof(void *) != 4 || offsetof(frame_fifo_t, stPosition) ==
                                          sizeof(frame_fifo_t::astEntry) + 4 * sizeof(uint32_t));
 

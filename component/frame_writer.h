@@ -4,12 +4,12 @@
 
 #include "component/omx_tdmbrec_component.h"
 
-typedef enum write_result_t {
+enum write_result_t {
     kWriteDone,      // written, or nothing to write yet
     kWriteFailed,    // the muxer failed
     kWriteSizeLimit, // written, and the file has grown past its limit
     kWriteNothing    // no frame, or no file yet
-} write_result_t;
+};
 
 // Writes a frame whose times are those of the file.
 // out      *mux_result: what the muxer returned, 0 when it was not called

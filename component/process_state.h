@@ -9,8 +9,8 @@
 #include "component/omx_tdmbrec_component.h"
 #include "platform/storage_info.h"
 
+#include <cstdint>
 #include <pthread.h>
-#include <stdint.h>
 
 #define AUDIO_PTS_ENTRIES 50
 #define VIDEO_PTS_ENTRIES 50
@@ -40,7 +40,7 @@ extern omx_tdmbrec_component_PrivateType *global_recording_owner; // atomic
 // release_recording; its last recording, if it had one, is closed (the claim waits for that, not
 // for the report of its end). kClaimRecording: it records already. kClaimOtherComponent: another
 // one records or is being closed. thread: any that does not hold the claim.
-typedef enum claim_result_t { kClaimGranted, kClaimRecording, kClaimOtherComponent } claim_result_t;
+enum claim_result_t { kClaimGranted, kClaimRecording, kClaimOtherComponent };
 [[nodiscard]] claim_result_t claim_recording(omx_tdmbrec_component_PrivateType *self);
 // Lets the next recording of the process begin. The record is only named, not touched.
 void release_recording(omx_tdmbrec_component_PrivateType *self);

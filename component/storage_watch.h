@@ -3,16 +3,16 @@
 #ifndef COMPONENT_STORAGE_WATCH_H
 #define COMPONENT_STORAGE_WATCH_H
 
-#include <stdint.h>
+#include <cstdint>
 
 #define BUILT_IN_STORAGE_ROOT "/mnt/sdcard"
 #define REMOVABLE_STORAGE_ROOT "/mnt/sdcard/tflash"
 
-typedef enum storage_state_t {
+enum storage_state_t {
     kStorageUsable,
     kStorageUnusable, // no handle, not available, on neither root, or the query failed
     kStorageFull      // too little room; the handle has been closed and the figures logged
-} storage_state_t;
+};
 
 // True when the path begins with the removable storage's root.
 [[nodiscard]] bool is_on_removable_storage(const char *path);

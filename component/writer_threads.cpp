@@ -11,12 +11,12 @@
 
 static constexpr useconds_t kIdleUs = 10000;
 
-typedef struct writer_t {
+struct writer_t {
     uint32_t uiFifo;
     int32_t iType; // MUX_TYPE_...
     const char *pszFunction;
     int iLine; // with the function, the place that the device's log names
-} writer_t;
+};
 
 static constexpr writer_t kVideoWriter = {QVR_FIFO_VIDEO, MUX_TYPE_VIDEO,
                                           "omx_tdmbrec_video_thread", 2221};

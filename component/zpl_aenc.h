@@ -6,7 +6,7 @@
 
 #include "component/omx_tdmbrec_component.h"
 
-#include <stdint.h>
+#include <cstdint>
 
 #define ZPL_AENC_TYPE_AAC 0
 #define ZPL_AENC_OUTPUT_ADTS 2

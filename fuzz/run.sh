@@ -1,6 +1,6 @@
 #!/bin/sh
-# Runs every harness on its corpus for some seconds, as many at once as there are processors. New
-# inputs go to build/fuzz/corpus, what breaks a promise to build/fuzz, with the log.
+# Runs every harness on its corpus for some seconds, one per processor at a time. New inputs go to
+# build/fuzz/corpus, failing inputs and the logs to build/fuzz.
 #
 #   sh fuzz/run.sh SECONDS [HARNESS ...]
 set -eu
@@ -17,7 +17,7 @@ cmake --fresh --preset fuzz -D TDMBREC_WARNINGS_AS_ERRORS=ON > /dev/null
 cmake --build --preset fuzz -- --quiet
 [ $# -gt 0 ] || set -- $(basename -s .cpp fuzz/fuzz_*.cpp)
 
-# In a shell of its own: one harness.
+# One harness, in its own shell.
 run='
     log=build/fuzz/$1.log
     mkdir -p "build/fuzz/corpus/$1"

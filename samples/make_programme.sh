@@ -38,11 +38,11 @@ ffmpeg -nostdin -v error -filter_complex_threads 1 -filter_complex "$scenes" -ma
     -c:v libx264 -preset slower -profile:v baseline -level 1.3 -x264-params "$x264" \
     -b:v 290k -maxrate 380k -bufsize 380k -bsf:v filter_units=remove_types=6 \
     -f h264 "$work/programme.h264"
-# One form of start code throughout: the one with four bytes.
+# Start codes of four bytes throughout.
 perl -0777 -pe 's/(?<!\x00)\x00\x00\x01/\x00\x00\x00\x01/g' "$work/programme.h264" \
     > "$out/programme.h264"
 
-# Audio: a voice in front on the left, music in front on the right.
+# Audio: the voice is louder on the left, the music on the right.
 voice='Good evening. You are watching channel twelve. After the news, our programme takes you
 to the coast, where six fishermen, a lighthouse and a storm wait for you.'
 espeak-ng -v en-gb -s 170 -p 45 -w "$work/voice.wav" "$voice"
@@ -68,6 +68,6 @@ sox -R -D -r 48000 -b 16 -n "$work/beat.wav" \
 sox -R -D -m "$work/strings.wav" "$work/beat.wav" "$work/music.wav"
 sox -R -D -M "$work/speech.wav" "$work/music.wav" -b 16 "$work/programme.wav" \
     remix 1v0.7,2v0.35 2v0.7,1v0.2 trim 0 $seconds gain -n -1
-# Without tags, so that the header is the plain one of 44 bytes.
+# Without tags, so that the header has 44 bytes.
 ffmpeg -nostdin -v error -y -i "$work/programme.wav" -map_metadata -1 -c:a copy \
     -fflags +bitexact -flags +bitexact "$out/programme.wav"

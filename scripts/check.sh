@@ -1,5 +1,5 @@
 #!/bin/sh
-# Installs what is needed, builds the recorder in every way and runs all tests.
+# Installs the packages, builds the recorder in every way and runs all tests.
 #
 #   sh scripts/check.sh             everything
 #   sh scripts/check.sh STEP ...    some of: format try spin bench fuzz compilers coverage 32bit
@@ -23,8 +23,8 @@ fail() {
     exit 1
 }
 
-# build PRESET FOLDER [CMAKE-ARGUMENT ...]: with these options and no others, whatever the folder
-# was configured with before.
+# build PRESET FOLDER [CMAKE-ARGUMENT ...]: configures build/FOLDER with these options only,
+# whatever its earlier configuration, and builds it.
 build() {
     preset=$1
     folder=$2
@@ -34,7 +34,7 @@ build() {
     cmake --build "build/$folder" -j "$jobs" -- --quiet
 }
 
-# The tests that a step may skip, one a line, by its name; every other step may skip none.
+# may_skip STEP: prints the names of the tests that the step may skip, one per line.
 may_skip() {
     case $1 in
     asan-ubsan | tsan) # their own allocator takes the place of the one that is counted
@@ -46,13 +46,13 @@ may_skip() {
     esac
 }
 
-# test_all FOLDER: fails also when a test is skipped that may_skip does not name.
+# test_all FOLDER: runs all tests. A skipped test that may_skip does not name is a failure too.
 test_all() {
     report=$PWD/build/$1/tests.xml
     rm -f "$report"
     ctest --test-dir "build/$1" -j "$jobs" --output-on-failure --progress --no-tests=error \
         --output-junit "$report"
-    [ -s "$report" ] || fail "no report of the tests in the step $1"
+    [ -s "$report" ] || fail "the step $1 left no report of its tests"
     may_skip "$1" > "build/$1/may_skip"
     skipped=$(sed -n 's/.*<testcase name="\([^"]*\)".* status="\(notrun\|disabled\)".*/\1/p' \
         "$report" | grep -vxFf "build/$1/may_skip") || return 0
@@ -67,7 +67,7 @@ check_format() {
     fi
 }
 
-# The README's first command, and the end of its output as the README has it.
+# Runs the README's first command and looks for the end of its output in the README.
 check_try() {
     mkdir -p build
     if ! sh scripts/try.sh -D TDMBREC_WARNINGS_AS_ERRORS=ON > build/try.log; then
@@ -75,7 +75,7 @@ check_try() {
         fail 'scripts/try.sh has failed'
     fi
     tail -n 3 build/try.log | while IFS= read -r line; do
-        grep -qxF -e "$line" README.md || fail "not as in the README: $line"
+        grep -qxF -e "$line" README.md || fail "this line is not in the README: $line"
     done
 }
 
@@ -90,7 +90,7 @@ run_step() {
     spin)
         sh docs/models/check.sh
         ;;
-    compilers) # the other two are those of the steps clang and release
+    compilers) # the steps clang and release cover the other two
         sh scripts/check_compilers.sh clang++-16 clang++-19
         ;;
     clang)
@@ -105,7 +105,7 @@ run_step() {
         build release release
         for program in build/release/bin/bench_*; do
             "$program" --benchmark_min_time=0.01 --benchmark_out=build/release/bench.json
-            # A benchmark that has failed does not make its program fail.
+            # A failed benchmark does not make its program fail.
             ! grep -B 9 '"error_occurred": true' build/release/bench.json >&2 ||
                 fail 'a benchmark has failed'
         done
@@ -136,7 +136,7 @@ done
 missing=$(sh scripts/install_dependencies.sh --missing tests)
 echo "The steps are: $steps. All steps together take about 25 minutes on two cores."
 if [ -n "$missing" ]; then
-    echo "First these Debian packages are installed, with what they need, in about 5 minutes: $missing"
+    echo "First these Debian packages and their dependencies are installed, in about 5 minutes: $missing"
 fi
 sh scripts/install_dependencies.sh tests
 for step in $steps; do

@@ -1,6 +1,6 @@
 #!/bin/sh
 # Builds the recorder with each compiler of Debian 12, with warnings as errors, and checks that all
-# of them make the same recording, byte for byte. Compiles it also against the standard library of
+# of them make the same recording, byte for byte. Also compiles it against the standard library of
 # other toolchains.
 #
 #   sh scripts/check_compilers.sh [COMPILER ...]

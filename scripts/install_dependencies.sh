@@ -1,10 +1,10 @@
 #!/bin/sh
-# Installs what building, testing and judging the recorder needs, from Debian's packages. Does
-# nothing when everything is there.
+# Installs the Debian packages that the recorder and its tests need. Does nothing when all of them
+# are installed.
 #
-#   sh scripts/install_dependencies.sh                      what the command needs
-#   sh scripts/install_dependencies.sh tests                what the tests need, too
-#   sh scripts/install_dependencies.sh --missing [tests]    prints what is missing, installs nothing
+#   sh scripts/install_dependencies.sh                      the packages for the command
+#   sh scripts/install_dependencies.sh tests                also those for the tests
+#   sh scripts/install_dependencies.sh --missing [tests]    prints those that are missing only
 set -eu
 
 list_only=
@@ -30,7 +30,7 @@ tests)
 esac
 
 if ! command -v dpkg-query > /dev/null; then
-    echo "install_dependencies.sh: this is not Debian; install these packages or their like by" \
+    echo "install_dependencies.sh: this is not Debian; install these packages or equivalents by" \
         "hand:" $packages >&2
     exit 1
 fi

@@ -1,13 +1,13 @@
 #!/bin/sh
-# Says in one sentence what the system does not allow of what recording needs, and then fails.
+# Checks that the system allows what recording needs. If not, explains it in one sentence and fails.
 #
-#   sh scripts/require_storage.sh command    for tdmbrec record: /mnt/sdcard, or leave to provide it
+#   sh scripts/require_storage.sh command    for tdmbrec record: /mnt/sdcard, or the right to add it
 #   sh scripts/require_storage.sh tests      for the tests: memory file systems of their own
 set -eu
 
 probe='mount -t tmpfs none /mnt && mkdir /mnt/sdcard /mnt/folder && mount --bind /mnt/folder /mnt/sdcard'
 
-# may_mount OPTION: in a namespace of this kind.
+# may_mount OPTION: tries to mount in a namespace that unshare makes with this option.
 may_mount() {
     reason=$(unshare "$1" sh -c "$probe" 2>&1) && return
     reason=$(printf '%s\n' "$reason" | sed 's/^unshare: unshare failed/unshare/;1q')

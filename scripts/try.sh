@@ -1,5 +1,5 @@
 #!/bin/sh
-# Installs what is needed, builds the recorder, records the sample programme and shows the result as
+# Installs the packages, builds the recorder, records the sample programme and shows the result as
 # ffprobe sees it.
 #
 #   sh scripts/try.sh [CMAKE-ARGUMENT ...]
@@ -14,7 +14,7 @@ esac
 
 sh scripts/require_storage.sh command
 sh scripts/install_dependencies.sh
-# A folder in which the tests were built keeps them, as scripts/check.sh left them.
+# A folder in which scripts/check.sh has built the tests keeps them.
 tests=OFF
 if grep -qs '^TDMBREC_TESTS:BOOL=ON$' build/release/CMakeCache.txt &&
     [ -z "$(sh scripts/install_dependencies.sh --missing tests)" ]; then
@@ -23,7 +23,7 @@ fi
 cmake --fresh --preset release -D TDMBREC_WARNINGS_AS_ERRORS=$tests -D TDMBREC_TESTS=$tests \
     -D TDMBREC_BENCH=$tests "$@"
 cmake --build build/release --target tdmbrec tdmbrec_component
-if [ ! -e /proc/self/exe ]; then # from which the loader finds the libraries beside a program
+if [ ! -e /proc/self/exe ]; then # without it the loader misses the libraries beside a program
     export LD_LIBRARY_PATH="$PWD/build/release/lib"
 fi
 build/release/bin/tdmbrec record --force --output programme.mp4 \

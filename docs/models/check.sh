@@ -1,13 +1,13 @@
 #!/bin/sh
 # Checks the models of this folder in every order of their threads' steps, and that their known-bad
-# variants fail; about 20 seconds. Needs spin and a C compiler; writes to build/models only.
+# variants fail, in about 20 seconds. Needs spin and a C compiler; writes only to build/models.
 set -eu
 models=$(cd "$(dirname "$0")" && pwd)
 build=$models/../../build/models
 mkdir -p "$build"
 cd "$build"
 
-# explore MODEL DEFINITION ...: leaves the verifier's report in the file "report".
+# explore MODEL DEFINITION ...: runs the verifier; its output is in the file "report".
 explore() {
     model=$1
     shift
@@ -24,7 +24,7 @@ fail() {
     exit 1
 }
 
-# holds MODEL DEFINITION ...: the whole of it, without an error.
+# holds MODEL DEFINITION ...: demands that the whole model is explored without an error.
 holds() {
     explore "$@"
     grep -q 'errors: 0$' report && ! grep -q 'max search depth too small\|out of memory' report ||
@@ -32,7 +32,7 @@ holds() {
     echo "$*: holds, $(sed -n 's/^ *\(.*\) states, stored.*/\1/p' report) states"
 }
 
-# fails MODEL DEFINITION ...: a known-bad variant.
+# fails MODEL DEFINITION ...: demands an error in a known-bad variant.
 fails() {
     explore "$@"
     grep -q 'errors: [1-9]' report || fail "the known-bad $* passes"

@@ -1,14 +1,14 @@
-// The frame FIFO of component/frame_fifo.cpp, with the names that it has there: one producer, one
-// consumer, no lock. The indexes and the state change as one word; the offset up to which the room
-// has been given up is a word of its own.
+// The frame FIFO of component/frame_fifo.cpp, with the names used there: one producer, one
+// consumer, no lock. The indexes and the state change as one word; the offset up to which the
+// consumer has released the storage is a separate word.
 //
-// Checked in every order of the two threads' steps, for frames of every length, without end: no
-// frame is laid over one that the consumer may still read; the count is the number of frames pushed
-// and not popped, so that each is taken once and in order; a FIFO that counts as full holds a frame,
-// so that a pop ends the fullness.
+// Checked in every order of the two threads' steps, for frames of every length, without end:
+// - no frame overwrites one that the consumer may still read;
+// - the count is the number of frames pushed and not popped, so that each is taken once, in order;
+// - a FIFO that counts as full contains a frame, so that a pop ends this state.
 //
-// Known-bad variants, which have to fail: STATE_APART changes the state without looking whether the
-// other side was faster, NO_GAP lets a frame fill the free room exactly.
+// Known-bad variants, which must fail: STATE_APART changes the state without a check that the other
+// side has not changed it, NO_GAP lets a frame fill the free room exactly.
 
 #define CAPACITY 3
 #define BYTES 5    // of the storage
@@ -46,12 +46,12 @@ typedef entry_t {
 
 position_t position;
 byte data_read;
-byte data_write; // the producer's
+byte data_write; // used by the producer only
 entry_t entry[CAPACITY];
 
 // Of the model alone:
 byte frames;         // pushed and not popped
-bool in_use[BYTES];  // of a frame from its reservation until its room is given up
+bool in_use[BYTES];  // by a frame, from its reservation until its room is released
 
 inline load_position(copy)
 {
@@ -69,7 +69,7 @@ inline load_position(copy)
     (position.read == from.read && position.write == from.write && position.state == from.state)
 #endif
 
-// The compare and swap; pushed and popped count the model's frames in the same step.
+// The compare and swap. The number of frames in the model changes in the same step.
 inline change_position(from, to, added, is_changed)
 {
     d_step {
@@ -190,7 +190,7 @@ take:
     :: COUNT(from) == 0 -> goto take
     :: else -> skip
     fi;
-    d_step { // the frame has been read; no frame may have been laid over it until here
+    d_step { // the frame has been read; until here no frame may overwrite it
         i = entry[from.read].offset;
         do
         :: i < entry[from.read].offset + entry[from.read].length ->

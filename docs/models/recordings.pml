@@ -1,25 +1,28 @@
-// The life of recordings in one process, as component/recording_control.cpp, stop_procedure.cpp,
-// mux_session.cpp, end_reports.cpp and buffer_callback.cpp have it: two components, their clients,
+// The life of recordings in one process, as in component/recording_control.cpp, stop_procedure.cpp,
+// mux_session.cpp, end_reports.cpp and buffer_callback.cpp. It has two components, their clients,
 // the buffer thread and a writer thread of the first, a stop thread for every end, starts and a
 // destruction from the client's event handler, and the destructors.
 //
-// Checked in every order of the steps: each recording is reported once, with the reason of whoever
-// ended it, or 0 when no file was opened; the reports go out one at a time in the order in which the
-// recordings ended (a component that is being destroyed keeps to the order of its own); session and
-// storage handle are one thread's at a time; nothing of a component is touched once its destructor
-// has returned; no thread waits for ever.
+// Checked in every order of the steps:
+// - each recording is reported once, with the reason of the thread that ended it, or 0 when no file
+//   was opened;
+// - the reports are sent one at a time, in the order in which the recordings ended (a component
+//   that is being destroyed keeps only the order of its own);
+// - one thread at a time uses the session and the storage handle;
+// - nothing of a component is used after its destructor has returned;
+// - no thread waits for ever.
 //
 // Left out: equal ends in a row, which share an entry of the queue, and the limit of its entries.
 //
-// Known-bad variants, which have to fail: IDLE_LATE lowers bCallbackIdle after the gate, CLEAR_APART
+// Known-bad variants, which must fail: IDLE_LATE clears bCallbackIdle after the gate, CLEAR_APART
 // tests and clears bRecording in two steps, OUT_OF_TURN sends a report before its turn,
-// CLAIM_EARLY gives up the claim before the end is queued, NO_EXEMPTION lets a component that is
+// CLAIM_EARLY releases the claim before the end is queued, NO_EXEMPTION lets a component that is
 // being destroyed wait for the reports of others.
 
 #define COMPONENTS 2
 #define NOBODY 255
 #ifndef STARTS
-#define STARTS 3 // that are granted, from anywhere; 4 at most
+#define STARTS 3 // granted starts, from any thread; 4 at most
 #endif
 #ifndef EVENT_CALLS
 #define EVENT_CALLS 2 // starts and stops within one event
@@ -43,7 +46,7 @@ byte global_uc_stop_type;
 bool has_writer; // hVideoWriterThread of component 0
 byte owed[COMPONENTS]; // entries of astEnd in use
 
-// The queue of ends; the first one is at 0.
+// The queue of ends; the first is at index 0.
 byte queued;
 byte end_component[4];
 byte end_number[4];
@@ -51,17 +54,17 @@ byte end_reason[4];
 byte end_state[4];
 
 // Of the model alone:
-byte starts;               // recordings begun: the number of the next one
+byte starts;               // recordings begun, which is the number of the next one
 byte number[COMPONENTS];   // of the recording under way
-byte expected[STARTS];     // reason of each recording
-byte next_report;          // the least number that may be reported next in its turn
+byte expected[STARTS];     // the reason of each recording
+byte next_report;          // the lowest number that may be reported next in its turn
 byte last_report[COMPONENTS] = NOBODY;
 bool is_in_event[COMPONENTS];
 bool is_in_turn[COMPONENTS]; // in its turn, not because the component is leaving
 bool is_any_in_turn;
-bool is_inside;            // the buffer thread: in the session, at the storage handle
+bool is_inside;            // the buffer thread uses the session or the storage handle
 bool is_gone[COMPONENTS];
-bool quits[COMPONENTS];    // the buffer thread has to end
+bool quits[COMPONENTS];    // the buffer thread must end
 bool is_joinable[COMPONENTS];
 byte clients[COMPONENTS] = 1;
 bool is_other_destroyed;
@@ -86,7 +89,7 @@ inline take_recording(c, reason, is_taken)
     }
 }
 
-// On a thread of its own, or on this one when there is none: that one waits for it.
+// The stop procedure runs on a new thread, or without one on this thread, which then waits for it.
 inline begin_stop(c, reason, is_writer)
 {
     is_taken = false;
@@ -110,7 +113,7 @@ inline stop_recording(c)
     fi
 }
 
-// Where the first end of a component is in the queue.
+// Index of the first end of a component in the queue.
 #define FIRST_OF(c)                                                                                \
     ((queued > 0 && end_component[0] == c)                                                         \
          -> 0                                                                                      \
@@ -175,7 +178,7 @@ inline set_state(n, state)
     index = 0
 }
 
-// The event handler is called: what has to hold of every report.
+// The event handler is called. Asserts what is true of every report.
 inline enter_event(c, n)
 {
     set_state(n, OWED);
@@ -202,8 +205,8 @@ inline leave_event(c)
     owed[c]--
 }
 
-// SetParameter of a start, up to where the recording is under way, refused or has ended at once;
-// then n is its number.
+// SetParameter of a start, until the recording is active, refused or ended at once; in the last
+// case n is its number.
 inline start_recording(c)
 {
     do
@@ -239,7 +242,7 @@ inline start_recording(c)
     od
 }
 
-// What a client does in the event of component c.
+// The calls of a client in the event of component c.
 inline handle_event(c)
 {
     calls = 0;
@@ -260,8 +263,8 @@ inline handle_event(c)
     calls = 0
 }
 
-// send_report and send_handed_reports: the event of component c, which has been entered, then those
-// that were handed over after it.
+// send_report and send_handed_reports: the event of component c, which has been entered, then the
+// reports that were handed over after it.
 inline send_reports(c)
 {
     do

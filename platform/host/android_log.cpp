@@ -3,10 +3,10 @@
 #include "platform/host/control_internal.h"
 
 #include <atomic>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
 #include <pthread.h>
-#include <stdarg.h>
-#include <stdio.h>
-#include <string.h>
 
 #define LOG_TEXT_MAX 1024 // with the terminator; a longer text is cut
 

@@ -2,7 +2,7 @@
 #include "platform/host/control_internal.h"
 #include "platform/host/omx_base_internal.h"
 
-#include <errno.h>
+#include <cerrno>
 
 void omx_base_notify_message_thread(omx_base_sink_PrivateType *sink)
 {

@@ -1,14 +1,14 @@
 // The standard parameters.
 #include "platform/host/omx_base_internal.h"
 
-#include <string.h>
+#include <cstring>
 
 // Every record of a port parameter begins so.
-typedef struct port_head_t {
+struct port_head_t {
     OMX_U32 nSize;
     OMX_VERSIONTYPE nVersion;
     OMX_U32 nPortIndex;
-} port_head_t;
+};
 
 // Finds the domain that an index names. returns false when it names none.
 static bool find_domain(OMX_INDEXTYPE index, OMX_PORTDOMAINTYPE *domain)
@@ -90,11 +90,11 @@ static OMX_ERRORTYPE find_port(const omx_base_sink_PrivateType *sink, OMX_INDEXT
 }
 
 // What a parameter belongs to: a port, or a domain when there is no port.
-typedef struct parameter_target_t {
+struct parameter_target_t {
     omx_base_sink_PrivateType *pSink;
     omx_base_port_PrivateType *pPort;
     OMX_PORTDOMAINTYPE eDomain;
-} parameter_target_t;
+};
 
 static OMX_ERRORTYPE find_target(OMX_HANDLETYPE component, OMX_INDEXTYPE index,
                                  const void *parameter, parameter_target_t *target)

@@ -3,8 +3,8 @@
 #include "platform/host/omx_base_internal.h"
 #include "platform/qvr_memory.h"
 
-#include <stdio.h>
-#include <string.h>
+#include <cstdio>
+#include <cstring>
 
 static uint32_t load_word(const uint32_t &word)
 {

@@ -3,7 +3,7 @@
 #include "platform/host/omx_base_internal.h"
 #include "platform/host/semaphore_queue_internal.h"
 
-#include <errno.h>
+#include <cerrno>
 
 static void set_buffer_thread_runs(omx_base_sink_internal_t *internal, bool runs)
 {

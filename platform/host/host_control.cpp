@@ -3,11 +3,11 @@
 #include <array>
 #include <pthread.h>
 
-typedef struct call_record_t {
+struct call_record_t {
     uint64_t ullCalls;
     uint32_t uiPass;
     uint32_t uiFail; // UINT32_MAX: for good
-} call_record_t;
+};
 
 static pthread_mutex_t lock_calls = PTHREAD_MUTEX_INITIALIZER;
 static std::array<call_record_t, HOST_CALL_COUNT> call_records; // under lock_calls

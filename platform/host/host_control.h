@@ -3,7 +3,7 @@
 #ifndef PLATFORM_HOST_HOST_CONTROL_H
 #define PLATFORM_HOST_HOST_CONTROL_H
 
-#include <stdint.h>
+#include <cstdint>
 
 #ifdef __cplusplus
 extern "C" {
@@ -11,7 +11,7 @@ extern "C" {
 #pragma GCC visibility push(default)
 
 // Calls that can be made to fail; each fails in the way that its contract states.
-typedef enum host_call_t : uint32_t {
+enum host_call_t : uint32_t {
     HOST_CALL_MALLOC,       // QVR_malloc
     HOST_CALL_CALLOC,       // QVR_calloc
     HOST_CALL_DFOPEN,       // dfopen
@@ -25,7 +25,7 @@ typedef enum host_call_t : uint32_t {
     HOST_CALL_DEQUEUE,      // dequeue gives null
     HOST_CALL_START_THREAD, // the framework cannot start a thread of its own
     HOST_CALL_COUNT
-} host_call_t;
+};
 
 // Puts everything that this header sets back to its default and the call counts to 0. What is live
 // stays counted.

@@ -18,10 +18,10 @@ constexpr OMX_U32 kBufferCount = 4;       // of a new port
 constexpr OMX_U32 kBufferCountMin = 1;
 
 // A command on its way to the message thread, with a copy of the mark that it may point to.
-typedef struct omx_base_slot_t {
+struct omx_base_slot_t {
     omx_base_message_t stMessage;
     OMX_MARKTYPE stMark;
-} omx_base_slot_t;
+};
 
 struct omx_base_sink_internal_t {
     pthread_mutex_t lock;  // guards what follows, every port and the changes of the state
@@ -47,18 +47,18 @@ struct omx_base_sink_internal_t {
     bool bBufferThreadSemReady;
 };
 
-typedef struct omx_base_buffer_t {
+struct omx_base_buffer_t {
     OMX_BUFFERHEADERTYPE *pHeader;
     void *pData; // what AllocateBuffer made; null: the client's own memory
     bool bHeld;  // by the component, from EmptyThisBuffer until its return
-} omx_base_buffer_t;
+};
 
 // A port command that is not complete yet; the opposite one takes its place.
-typedef enum omx_base_change_t : uint32_t {
+enum omx_base_change_t : uint32_t {
     OMX_ChangeNone = 0,
     OMX_ChangeEnable = 1,
     OMX_ChangeDisable = 2
-} omx_base_change_t;
+};
 
 struct omx_base_port_internal_t {
     OMX_U32 uiIndex;

@@ -3,7 +3,7 @@
 #include "platform/host/control_internal.h"
 
 #include <atomic>
-#include <stdlib.h>
+#include <cstdlib>
 
 static std::atomic<int64_t> live_allocations;
 

@@ -1,7 +1,7 @@
 #include "platform/host/control_internal.h"
 #include "platform/host/semaphore_queue_internal.h"
 
-#include <errno.h>
+#include <cerrno>
 
 int tsem_init(tsem_t *tsem, uint32_t count)
 {

@@ -5,7 +5,7 @@
 
 #include <array>
 #include <atomic>
-#include <limits.h>
+#include <climits>
 #include <pthread.h>
 #include <sys/statvfs.h>
 
@@ -15,11 +15,11 @@ struct df_handle_t {
     std::array<df_record_t, STORAGE_COUNT> astRecord;
 };
 
-typedef struct storage_figures_t {
+struct storage_figures_t {
     bool bSet;
     unsigned long ulTotalKiB;
     unsigned long ulFreeKiB;
-} storage_figures_t;
+};
 
 static constexpr std::array<df_record_t, STORAGE_COUNT> kStorages = {{
     {.pszFileSystem = "sdcard", .pszMountPoint = "/mnt/sdcard"},

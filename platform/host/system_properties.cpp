@@ -3,17 +3,17 @@
 #include "platform/host/control_internal.h"
 
 #include <array>
+#include <cstdio>
+#include <cstring>
 #include <pthread.h>
-#include <stdio.h>
-#include <string.h>
 
 #define PROPERTY_KEY_MAX 32 // with the terminator
 #define PROPERTY_COUNT 64
 
-typedef struct property_t {
+struct property_t {
     char szKey[PROPERTY_KEY_MAX]; // empty: a free entry
     char szValue[PROPERTY_VALUE_MAX];
-} property_t;
+};
 
 static pthread_mutex_t lock_properties = PTHREAD_MUTEX_INITIALIZER;
 static std::array<property_t, PROPERTY_COUNT> properties; // under lock_properties

@@ -44,7 +44,7 @@ inline std::string take_text(const std::string &path)
 }
 
 // The directory holds the sample as programme.h264 and .wav.
-class command : public testing::Test {
+class CommandTest : public testing::Test {
   protected:
     void SetUp() override
     {

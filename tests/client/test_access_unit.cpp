@@ -38,7 +38,7 @@ static bytes avcc(uint8_t length_bytes)
     return bytes{1, 0x42, 0xC0, 0x0D, coded, 0xE1, 0, 6} + SPS + bytes{1, 0, 3} + PPS;
 }
 
-TEST(access_unit, becomes_a_files_configuration_and_samples)
+TEST(AccessUnitConverter, BecomesAFilesConfigurationAndSamples)
 {
     access_unit_converter converter;
     access_unit unit;
@@ -77,7 +77,7 @@ static void expect_stream(const bytes &configuration, std::initializer_list<step
     }
 }
 
-TEST(access_unit, converts_start_codes_and_tells_what_cannot_be_recorded)
+TEST(AccessUnitConverter, ConvertsStartCodesAndReportsWhatCannotBeRecorded)
 {
     const bytes whole = units({SPS, PPS, IDR});
     const bytes both = units({SPS, PPS, SECOND_PPS, IDR, SECOND_SLICE});
@@ -100,7 +100,7 @@ TEST(access_unit, converts_start_codes_and_tells_what_cannot_be_recorded)
                   {{units({IDR, SECOND_SLICE}), ready, both}, {units({SECOND_SLICE}), malformed}});
 }
 
-TEST(access_unit, keeps_the_first_sets_and_says_which_others_the_stream_has)
+TEST(AccessUnitConverter, KeepsTheFirstSetsAndSaysWhichOthersTheStreamHas)
 {
     const bytes whole = units({SPS, PPS, IDR}), other = {0x68, 0xCA, 0x88}, none;
     const struct {
@@ -124,7 +124,7 @@ TEST(access_unit, keeps_the_first_sets_and_says_which_others_the_stream_has)
     }
 }
 
-TEST(access_unit, takes_lengths_of_every_size_with_the_containers_sets)
+TEST(AccessUnitConverter, TakesLengthsOfEverySizeWithTheContainersSets)
 {
     for (const uint8_t size : {uint8_t{1}, uint8_t{2}, uint8_t{4}}) {
         bytes length(size);
@@ -133,7 +133,7 @@ TEST(access_unit, takes_lengths_of_every_size_with_the_containers_sets)
     }
 }
 
-TEST(access_unit, rejects_damage)
+TEST(AccessUnitConverter, RejectsDamage)
 {
     const struct {
         bytes configuration, packet;

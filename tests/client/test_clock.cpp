@@ -69,11 +69,11 @@ static std::string lose_packets(const std::string &stream, double seconds)
     return left;
 }
 
-class shared_clock : public command {
+class SharedClock : public CommandTest {
   protected:
     void SetUp() override
     {
-        command::SetUp();
+        CommandTest::SetUp();
         const command_result made = ffmpeg(
             "-f lavfi -i \"color=black:s=160x120:r=30:d=60,geq=cb=128:cr=128:lum='if("
             "between(mod(T\\,1)\\,0.4999\\,0.5999)\\,75+40*mod(floor(T)\\,5)\\,16)'\" "
@@ -169,7 +169,7 @@ class shared_clock : public command {
     }
 };
 
-TEST_F(shared_clock, keeps_picture_and_sound_together_across_jumps_and_losses)
+TEST_F(SharedClock, KeepsPictureAndSoundTogetherAcrossJumpsAndLosses)
 {
     for (const clock_case &which : cases) {
         SCOPED_TRACE(which.name);

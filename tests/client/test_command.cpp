@@ -15,11 +15,11 @@ using namespace std::string_literals;
 #define SCRIPTED "TDMBREC_COMPONENT_PATH=" SCRIPTED_COMPONENT
 
 // Finds the sample recorded as a.mp4. What cannot run here is reported as skipped.
-class recording : public command {
+class RecordCommand : public CommandTest {
   protected:
     void SetUp() override
     {
-        command::SetUp();
+        CommandTest::SetUp();
         first = record(SAMPLE "-o a.mp4 --json");
         if (first.status == 6 || ffmpeg("-version").status != 0) {
             GTEST_SKIP() << "no ffmpeg here, or no storage: " << first.err;
@@ -54,7 +54,7 @@ class recording : public command {
     name_set inputs; // what the directory held before the command ran
 };
 
-TEST_F(recording, holds_the_sample_whole_and_the_same_each_time)
+TEST_F(RecordCommand, HoldsTheSampleWholeAndTheSameEachTime)
 {
     EXPECT_EQ(first.err, "");
     EXPECT_EQ(names(), (name_set{"a.mp4", "programme.h264", "programme.wav"}));
@@ -70,7 +70,7 @@ TEST_F(recording, holds_the_sample_whole_and_the_same_each_time)
     EXPECT_EQ(names(), inputs);
 }
 
-TEST_F(recording, holds_the_same_video_from_every_container_and_survives_damage)
+TEST_F(RecordCommand, HoldsTheSameVideoFromEveryContainerAndSurvivesDamage)
 {
     const std::string video = pictures("a.mp4");
     for (const std::string form :
@@ -114,7 +114,7 @@ TEST_F(recording, holds_the_same_video_from_every_container_and_survives_damage)
     }
 }
 
-TEST_F(recording, joins_late_audio_and_begins_and_ends_at_a_cut)
+TEST_F(RecordCommand, JoinsLateAudioAndBeginsAndEndsAtACut)
 {
     const std::string to_ts = "-i programme.wav -c:v copy -c:a mp2 -f mpegts ";
     ASSERT_EQ(ffmpeg(TIMED_SAMPLE "-itsoffset 2 " + to_ts + "late.ts").status, 0);
@@ -134,7 +134,7 @@ TEST_F(recording, joins_late_audio_and_begins_and_ends_at_a_cut)
     EXPECT_NEAR(cut["duration_seconds"].get<double>(), 5.2, 0.1);
 }
 
-TEST_F(recording, takes_one_other_parameter_set_for_damage_and_two_for_a_change)
+TEST_F(RecordCommand, TakesOneOtherParameterSetForDamageAndTwoForAChange)
 {
     std::ifstream file(directory / "programme.h264", std::ios::binary);
     const std::string whole(std::istreambuf_iterator<char>(file), {});
@@ -171,7 +171,7 @@ TEST_F(recording, takes_one_other_parameter_set_for_damage_and_two_for_a_change)
               4);
 }
 
-TEST_F(recording, leaves_an_ignored_signal_ignored_and_closed_streams_alone)
+TEST_F(RecordCommand, LeavesAnIgnoredSignalIgnoredAndClosedStreamsAlone)
 {
     const command_result nohup =
         shell("(trap '' HUP; exec " RECORD SAMPLE "--realtime -o b.mp4) & " AWAIT_OUTPUT(
@@ -187,7 +187,7 @@ TEST_F(recording, leaves_an_ignored_signal_ignored_and_closed_streams_alone)
               0);
 }
 
-TEST_F(recording, is_finished_at_the_first_signal_and_given_up_at_the_second)
+TEST_F(RecordCommand, IsFinishedAtTheFirstSignalAndGivenUpAtTheSecond)
 {
     const std::string background = RECORD SAMPLE "--realtime -f -o a.mp4 ";
     const command_result once =
@@ -206,7 +206,7 @@ TEST_F(recording, is_finished_at_the_first_signal_and_given_up_at_the_second)
     EXPECT_EQ(names(), SAMPLE_ALONE);
 }
 
-TEST_F(recording, ends_with_the_reason_why_the_component_stopped)
+TEST_F(RecordCommand, EndsWithTheReasonWhyTheComponentStopped)
 {
     for (const int reason : {0, 2, 4, 5, 6, 7}) {
         const json told = summary(SAMPLE "-o b.mp4", SCRIPTED " SCRIPT_BUFFERS=20 SCRIPT_REASON=" +
@@ -228,7 +228,7 @@ TEST_F(recording, ends_with_the_reason_why_the_component_stopped)
     }
 }
 
-TEST_F(recording, shows_progress_while_the_component_takes_long)
+TEST_F(RecordCommand, ShowsProgressWhileTheComponentTakesLong)
 {
     const command_result result = shell("export SCRIPT_STALL=4000 " SCRIPTED
                                         "; script -qec '" RECORD SAMPLE "-o b.mp4' typescript");
@@ -239,7 +239,7 @@ TEST_F(recording, shows_progress_while_the_component_takes_long)
     EXPECT_GE(shown, 4u) << result.out; // twice a second, or half as often on a busy machine
 }
 
-TEST_F(recording, plays_the_broadcast_player_in_runs_of_pictures_and_sound)
+TEST_F(RecordCommand, PlaysTheBroadcastPlayerInRunsOfPicturesAndSound)
 {
     record(SAMPLE "-o b.mp4 --frame-rate 25 --card", "SCRIPT_LOG=log " SCRIPTED);
     std::ifstream log(directory / "log");
@@ -276,7 +276,7 @@ TEST_F(recording, plays_the_broadcast_player_in_runs_of_pictures_and_sound)
     EXPECT_TRUE(contains(buffers["audio"].substr(0, 60), "\naudio 1061333 4096 "));
 }
 
-class storage : public command {
+class Storage : public CommandTest {
   protected:
     // Runs a script in a mount namespace of its own, with a file system of that size at /mnt, and
     // then prints its exit code and the files in a place.
@@ -288,7 +288,7 @@ class storage : public command {
     }
 };
 
-TEST_F(storage, is_its_own_mount_point_a_private_one_or_the_one_that_is_there)
+TEST_F(Storage, IsItsOwnMountPointAPrivateOneOrTheOneThatIsThere)
 {
     const std::string forbid = "echo 0 > /proc/sys/user/max_mnt_namespaces && "
                                "echo 0 > /proc/sys/user/max_user_namespaces && ";

@@ -3,9 +3,9 @@
 
 #include <sstream>
 
-class encode : public command {};
+class EncodeCommand : public CommandTest {};
 
-TEST_F(encode, makes_streams_that_decoders_take_without_a_word)
+TEST_F(EncodeCommand, MakesStreamsThatDecodersTakeWithoutAWord)
 {
     if (shell("command -v ffmpeg faad").status != 0) {
         GTEST_SKIP() << "no ffmpeg or no faad";
@@ -37,7 +37,7 @@ TEST_F(encode, makes_streams_that_decoders_take_without_a_word)
     }
 }
 
-TEST_F(encode, takes_what_came_before_a_fault_and_tells_it)
+TEST_F(EncodeCommand, TakesWhatCameBeforeAFaultAndReportsIt)
 {
     shell("head -c 1000000 programme.wav > cut.wav");
     const command_result cut = shell(TDMBREC "encode cut.wav -o a.aac");
@@ -51,7 +51,7 @@ TEST_F(encode, takes_what_came_before_a_fault_and_tells_it)
     EXPECT_TRUE(contains(bent.err, "a.mp4: damaged audio packets left out: ")) << bent.err;
 }
 
-TEST_F(encode, leaves_nothing_when_it_is_given_up)
+TEST_F(EncodeCommand, LeavesNothingWhenItIsGivenUp)
 {
     shell("{ head -c 40 programme.wav; printf '\\377\\377\\377\\377'; } > long.wav; "
           "truncate -s 1900000000 long.wav");
@@ -63,7 +63,7 @@ TEST_F(encode, leaves_nothing_when_it_is_given_up)
     EXPECT_EQ(names(), before);
 }
 
-TEST_F(encode, sounds_like_its_input_with_the_polarity_turned)
+TEST_F(EncodeCommand, SoundsLikeItsInputWithThePolarityTurned)
 {
     if (shell("command -v faad && ffmpeg -hide_banner -filters | grep asdr").status != 0) {
         GTEST_SKIP() << "no faad, or an ffmpeg that does not measure";

@@ -31,7 +31,7 @@ static std::set<size_t> whole_lengths(const char *format, const bytes &file)
     return lengths;
 }
 
-TEST(file_end, shows_in_wave_and_matroska_files_of_every_length)
+TEST(FileEnd, ShowsInWaveAndMatroskaFilesOfEveryLength)
 {
     const bytes wave = bytes{'R', 'I', 'F', 'F', 0, 0, 0, 0, 'W', 'A', 'V', 'E'} +
                        bytes{'L', 'I', 'S', 'T', 3, 0, 0, 0, 1, 2, 3, 0} +
@@ -50,7 +50,7 @@ TEST(file_end, shows_in_wave_and_matroska_files_of_every_length)
     EXPECT_EQ(whole_lengths("matroska,webm", unsized), (std::set<size_t>{6, 18, 30, 37, 44}));
 }
 
-TEST(file_end, shows_in_transport_streams_of_every_length)
+TEST(FileEnd, ShowsInTransportStreamsOfEveryLength)
 {
     bytes plain, timed, checked;
     for (int i = 0; i < 24; i++) {

@@ -12,11 +12,11 @@
 using bytes = std::vector<uint8_t>;
 using nlohmann::json;
 
-class info : public command {
+class InfoCommand : public CommandTest {
   protected:
     void SetUp() override
     {
-        command::SetUp();
+        CommandTest::SetUp();
         shell(TDMBREC "encode programme.wav -o in.aac");
         shell(TDMBREC "mux --video programme.h264 --audio in.aac -o a.mp4");
         std::ifstream file(directory / "a.mp4", std::ios::binary);
@@ -83,7 +83,7 @@ onload = () => {
     bytes whole; // sound is track 1, pictures are track 2
 };
 
-TEST_F(info, tells_what_a_sound_file_holds)
+TEST_F(InfoCommand, PrintsWhatAnIntactFileHolds)
 {
     const std::string text = report_on(whole);
     for (const char *const part :
@@ -98,7 +98,7 @@ TEST_F(info, tells_what_a_sound_file_holds)
     EXPECT_TRUE(sound.status == 1 && contains(sound.out, "Fault    this is no MP4 file\n"));
 }
 
-TEST_F(info, is_a_page_that_a_browser_shows_whole_on_a_telephone)
+TEST_F(InfoCommand, IsAPageThatABrowserShowsWholeOnATelephone)
 {
     if (shell("command -v chromium").status != 0) {
         GTEST_SKIP() << "no Chromium";
@@ -128,7 +128,7 @@ TEST_F(info, is_a_page_that_a_browser_shows_whole_on_a_telephone)
     }
 }
 
-TEST_F(info, names_every_fault)
+TEST_F(InfoCommand, NamesEveryFault)
 {
     const size_t stts_of_pictures = behind("stts", 1);
     const struct {
@@ -168,7 +168,7 @@ TEST_F(info, names_every_fault)
     }
 }
 
-TEST_F(info, survives_what_is_cut_and_what_is_bent)
+TEST_F(InfoCommand, SurvivesWhatIsCutAndWhatIsBent)
 {
     for (size_t size = 1; size < whole.size(); size += size < whole.size() - 9000 ? 9973u : 61u) {
         EXPECT_TRUE(contains(report_on({whole.data(), size}), "Fault")) << size;

@@ -15,7 +15,7 @@ namespace fs = std::filesystem;
 #define UNDER_WAY                                                                                  \
     RECORD SLOW "& p=$!; until [ -s " LEFT " ]; do kill -0 $p || break; sleep 0.05; done; "
 
-class keeping : public command {
+class KeptRecording : public CommandTest {
   protected:
     // In the directory: the sample recorded as whole, and as torn without its movie box.
     void record_whole()
@@ -39,7 +39,7 @@ class keeping : public command {
     }
 };
 
-TEST_F(keeping, names_the_file_beside_what_went_wrong_and_a_whole_one_takes_its_place)
+TEST_F(KeptRecording, NamesTheFileBesideWhatWentWrongAndAWholeOneTakesItsPlace)
 {
     record_whole();
     const struct {
@@ -79,7 +79,7 @@ TEST_F(keeping, names_the_file_beside_what_went_wrong_and_a_whole_one_takes_its_
     }
 }
 
-TEST_F(keeping, survives_what_happens_to_the_storage)
+TEST_F(KeptRecording, SurvivesWhatHappensToTheStorage)
 {
     make_noise();
     const struct {
@@ -132,7 +132,7 @@ TEST_F(keeping, survives_what_happens_to_the_storage)
     }
 }
 
-TEST_F(keeping, tells_of_what_was_left_and_of_what_is_under_way)
+TEST_F(KeptRecording, ReportsWhatWasLeftAndWhatIsUnderWay)
 {
     make_noise();
     setenv("IN", ".", 1);
@@ -161,7 +161,7 @@ TEST_F(keeping, tells_of_what_was_left_and_of_what_is_under_way)
                                  "programme.wav"}));
 }
 
-TEST_F(keeping, clears_nothing_away_that_may_be_a_recording_or_is_not_its_own)
+TEST_F(KeptRecording, ClearsNothingAwayThatMayBeARecordingOrIsNotItsOwn)
 {
     record_whole();
     const std::string left = "; what was recorded (", unreachable = ", which cannot be opened: ";

@@ -1,7 +1,7 @@
 // The muxer alone, in every memory it can be given, judged by readers that nobody here wrote.
 #include "tests/client/command_test.h"
 
-class mux : public command {
+class MuxCommand : public CommandTest {
   protected:
     // Muxes and gives what a reader finds: times, sizes and checksums of all frames.
     std::string frames_of(const std::string &arguments, const std::string &file)
@@ -15,7 +15,7 @@ class mux : public command {
     }
 };
 
-TEST_F(mux, makes_one_file_whatever_its_memory_and_readers_take_it_without_a_word)
+TEST_F(MuxCommand, MakesOneFileWhateverItsMemoryAndReadersTakeItWithoutAWord)
 {
     shell(TDMBREC "encode programme.wav -o in.aac");
     if (shell("command -v ffmpeg mkvmerge").status != 0) {

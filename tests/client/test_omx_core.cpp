@@ -17,7 +17,7 @@ static OMX_ERRORTYPE get_handle(std::string name, OMX_HANDLETYPE *handle)
     return OMX_GetHandle(handle, name.data(), nullptr, &callbacks);
 }
 
-TEST(omx_core, gives_handles_by_name_between_init_and_deinit)
+TEST(OmxCore, GivesHandlesByNameBetweenInitAndDeinit)
 {
     setenv("TDMBREC_COMPONENT_PATH", built_file(SCRIPTED_COMPONENT).c_str(), 1);
     OMX_HANDLETYPE handle = nullptr;
@@ -44,7 +44,7 @@ TEST(omx_core, gives_handles_by_name_between_init_and_deinit)
     EXPECT_EQ(OMX_Deinit(), OMX_ErrorNotReady);
 }
 
-TEST(omx_core, cleans_up_after_a_failed_init)
+TEST(OmxCore, CleansUpAfterAFailedInit)
 {
     ASSERT_EQ(OMX_Init(), OMX_ErrorNone);
     const std::string log = testing::TempDir() + "omx_core-" + std::to_string(getpid());
@@ -82,7 +82,7 @@ struct tunnel_end_t {
     }
 };
 
-TEST(omx_core, asks_both_ends_for_a_tunnel_and_leaves_no_half_of_one)
+TEST(OmxCore, AsksBothEndsForATunnelAndLeavesNoHalfOfOne)
 {
     tunnel_end_t output;
     tunnel_end_t input;

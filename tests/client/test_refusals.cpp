@@ -1,9 +1,9 @@
 // What the command refuses: each mistake by its name and with the exit code of its kind.
 #include "tests/client/command_test.h"
 
-class refusals : public command {};
+class Refusals : public CommandTest {};
 
-TEST_F(refusals, name_the_mistake_and_touch_nothing)
+TEST_F(Refusals, NameTheMistakeAndTouchNothing)
 {
     const command_result made =
         shell("echo old > kept.mp4; mkdir folder; : > empty; make() { ffmpeg -nostdin -v error -f "

@@ -10,7 +10,7 @@ static constexpr bool kNeedsProc = // a sanitizer does, for its own sake
     false;
 #endif
 
-class storage_view : public command {
+class StorageView : public CommandTest {
   protected:
     // Records below an empty /mnt and then prints the exit code, the size of the file and what is
     // left at /mnt.
@@ -21,7 +21,7 @@ class storage_view : public command {
     }
 };
 
-TEST_F(storage_view, is_a_mount_or_a_link_and_otherwise_says_what_is_missing)
+TEST_F(StorageView, IsAMountOrALinkAndOtherwiseSaysWhatIsMissing)
 {
     if (shell("unshare -rm mount -t tmpfs none /mnt").status != 0) {
         GTEST_SKIP() << "this system allows no mount namespace";

@@ -19,9 +19,9 @@ constexpr OMX_U32 kBufferBytes = 64;
 using event_t = std::array<OMX_U32, 3>; // OMX_EVENTTYPE and its two data
 using buffer_list_t = std::vector<OMX_BUFFERHEADERTYPE *>;
 
-class framework_test : public PlatformTest {
+class FrameworkTest : public PlatformTest {
   protected:
-    framework_test()
+    FrameworkTest()
     {
         for (OMX_U32 port = 0; port < kPortCount; port++) {
             sink->ppPorts[port]->stPortDefinition.nBufferSize = kBufferBytes;

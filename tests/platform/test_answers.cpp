@@ -19,7 +19,7 @@ constexpr command_t kCommands[] = {
 };
 
 // One component, whose client sends some commands in a row and counts the answers.
-class session : public framework_test {
+class session : public FrameworkTest {
   public:
     // Port 0 has its buffers or is disabled without any.
     void run(OMX_STATETYPE from, bool is_disabled, std::initializer_list<command_t> commands)
@@ -97,11 +97,11 @@ class session : public framework_test {
     std::map<command_t, int> completes_left;
 };
 
-class answers_test : public PlatformTest,
-                     public testing::WithParamInterface<std::tuple<OMX_STATETYPE, bool>> {};
+class Answers : public PlatformTest,
+                public testing::WithParamInterface<std::tuple<OMX_STATETYPE, bool>> {};
 
 // Every three commands, whatever overtakes what.
-TEST_P(answers_test, each_command_gets_one)
+TEST_P(Answers, EachCommandGetsOne)
 {
     const auto &[from, is_disabled] = GetParam();
     for (const command_t &first : kCommands) {
@@ -115,7 +115,7 @@ TEST_P(answers_test, each_command_gets_one)
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(each_state, answers_test,
+INSTANTIATE_TEST_SUITE_P(EachState, Answers,
                          testing::Combine(testing::Values(OMX_StateLoaded, OMX_StateIdle,
                                                           OMX_StateExecuting),
                                           testing::Bool()));

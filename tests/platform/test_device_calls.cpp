@@ -4,7 +4,7 @@
 
 #include <gtest/gtest.h>
 
-TEST(device_test, texts_are_cut_to_what_holds_them)
+TEST(DeviceCalls, TextsAreCutToWhatHoldsThem)
 {
     char value[PROPERTY_VALUE_MAX];
     host_set_property("test.key", std::string(200, 'x').c_str());

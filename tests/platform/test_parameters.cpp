@@ -2,7 +2,7 @@
 
 namespace {
 
-struct parameter_test : framework_test {
+struct Parameters : FrameworkTest {
     OMX_ERRORTYPE get(OMX_INDEXTYPE index, void *record)
     {
         return omx_base_component_GetParameter(component, index, record);
@@ -20,7 +20,7 @@ Record port_record(OMX_U32 port)
         .nSize = sizeof(Record), .nVersion = {.nVersion = OMX_VERSION_1_1_2}, .nPortIndex = port};
 }
 
-TEST_F(parameter_test, the_head_of_a_record_is_checked)
+TEST_F(Parameters, TheHeadOfARecordIsChecked)
 {
     constexpr OMX_INDEXTYPE kPcm = OMX_IndexParamAudioPcm;
     for (const auto call : {omx_base_component_GetParameter, omx_base_component_SetParameter}) {
@@ -44,7 +44,7 @@ TEST_F(parameter_test, the_head_of_a_record_is_checked)
     EXPECT_EQ(get(OMX_IndexParamImageInit, &domain), OMX_ErrorBadParameter);
 }
 
-TEST_F(parameter_test, the_port_definition_takes_the_count_and_the_format_only)
+TEST_F(Parameters, ThePortDefinitionTakesTheCountAndTheFormatOnly)
 {
     constexpr OMX_INDEXTYPE kIndex = OMX_IndexParamPortDefinition;
     auto definition = port_record<OMX_PARAM_PORTDEFINITIONTYPE>(0);

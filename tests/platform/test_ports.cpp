@@ -5,9 +5,9 @@
 
 namespace {
 
-using port_test = framework_test;
+using Ports = FrameworkTest;
 
-TEST_F(port_test, buffers_are_checked_when_they_are_made_and_freed)
+TEST_F(Ports, BuffersAreCheckedWhenTheyAreMadeAndFreed)
 {
     OMX_BUFFERHEADERTYPE *header = nullptr;
     OMX_U8 memory[kBufferBytes];
@@ -29,7 +29,7 @@ TEST_F(port_test, buffers_are_checked_when_they_are_made_and_freed)
     EXPECT_EQ(OMX_FreeBuffer(component, 0, header), OMX_ErrorBadParameter);
 }
 
-TEST_F(port_test, a_buffer_that_is_freed_under_a_working_port_is_an_error)
+TEST_F(Ports, ABufferThatIsFreedUnderAWorkingPortIsAnError)
 {
     bring_to(OMX_StateIdle);
     OMX_BUFFERHEADERTYPE *const kept = buffers[1].front();
@@ -42,7 +42,7 @@ TEST_F(port_test, a_buffer_that_is_freed_under_a_working_port_is_an_error)
     expect_complete(OMX_CommandPortEnable, 1);
 }
 
-TEST_F(port_test, empty_this_buffer_checks_the_header)
+TEST_F(Ports, EmptyThisBufferChecksTheHeader)
 {
     bring_to(OMX_StatePause);
     OMX_BUFFERHEADERTYPE *header = buffers[0][0];
@@ -68,7 +68,7 @@ TEST_F(port_test, empty_this_buffer_checks_the_header)
     EXPECT_EQ(OMX_FreeBuffer(component, 0, header), OMX_ErrorIncorrectStateOperation);
 }
 
-TEST_F(port_test, no_port_has_a_tunnel)
+TEST_F(Ports, NoPortHasATunnel)
 {
     OMX_TUNNELSETUPTYPE setup = {};
     const auto request = [&](OMX_U32 port, OMX_HANDLETYPE peer) {
@@ -97,11 +97,11 @@ const way_back_t ways_back[] = {
     {OMX_StatePause, OMX_CommandStateSet, OMX_StateInvalid, {0, 1}, OMX_ErrorInvalidState},
 };
 
-class way_back_test : public framework_test,
-                      public testing::WithParamInterface<std::tuple<way_back_t, bool>> {};
+class WayBack : public FrameworkTest,
+                public testing::WithParamInterface<std::tuple<way_back_t, bool>> {};
 
 // One buffer in hand and two queued on each port, or left so by a buffer thread that has ended.
-TEST_P(way_back_test, gives_back_what_the_port_has_unchanged)
+TEST_P(WayBack, GivesBackWhatThePortHasUnchanged)
 {
     const auto &[way, thread_ends] = GetParam();
     buffer_list_t expected;
@@ -144,7 +144,7 @@ TEST_P(way_back_test, gives_back_what_the_port_has_unchanged)
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(each_way, way_back_test,
+INSTANTIATE_TEST_SUITE_P(EachWay, WayBack,
                          testing::Combine(testing::ValuesIn(ways_back), testing::Bool()));
 
 std::mutex gate;
@@ -157,7 +157,7 @@ void wait_at_the_gate()
 }
 
 // First the buffer thread consumes a buffer while the flush waits for it, then it comes to its end.
-TEST_F(port_test, a_flush_waits_for_the_buffer_thread)
+TEST_F(Ports, AFlushWaitsForTheBufferThread)
 {
     sink->pfnBufferMgmtCallback = [](OMX_COMPONENTTYPE *, OMX_BUFFERHEADERTYPE *) {
         wait_at_the_gate();
@@ -184,7 +184,7 @@ TEST_F(port_test, a_flush_waits_for_the_buffer_thread)
     }
 }
 
-TEST_F(port_test, each_mark_goes_to_the_next_buffer_without_one)
+TEST_F(Ports, EachMarkGoesToTheNextBufferWithoutOne)
 {
     bring_to(OMX_StatePause);
     int data[3];

@@ -6,16 +6,16 @@
 
 namespace {
 
-using state_machine_test = framework_test;
+using StateMachine = FrameworkTest;
 
 // The states that may follow each one, in the order Invalid, Loaded, Idle, Executing, Pause,
 // WaitForResources.
 constexpr std::string_view kStates = "-LIEPW";
 constexpr std::string_view kNextStates[] = {"", "IW", "LEP", "IP", "IE", "LI"};
 
-class transition_test : public framework_test, public testing::WithParamInterface<uint32_t> {};
+class Transitions : public FrameworkTest, public testing::WithParamInterface<uint32_t> {};
 
-TEST_P(transition_test, gives_the_standards_result)
+TEST_P(Transitions, GivesTheStandardsResult)
 {
     const OMX_STATETYPE from = static_cast<OMX_STATETYPE>(GetParam() / kStates.size());
     const OMX_STATETYPE target = static_cast<OMX_STATETYPE>(GetParam() % kStates.size());
@@ -37,9 +37,9 @@ TEST_P(transition_test, gives_the_standards_result)
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(each_state, transition_test, testing::Range(0u, 36u));
+INSTANTIATE_TEST_SUITE_P(EachState, Transitions, testing::Range(0u, 36u));
 
-TEST_F(state_machine_test, the_way_to_idle_can_wait_be_given_up_and_fail)
+TEST_F(StateMachine, TheWayToIdleCanWaitBeGivenUpAndFail)
 {
     ASSERT_EQ(send(OMX_CommandPortDisable, 1), OMX_ErrorNone);
     expect_complete(OMX_CommandPortDisable, 1);
@@ -67,7 +67,7 @@ TEST_F(state_machine_test, the_way_to_idle_can_wait_be_given_up_and_fail)
     ASSERT_EQ(send(OMX_CommandStateSet, OMX_StateLoaded), OMX_ErrorNone);
 }
 
-TEST_F(state_machine_test, commands_are_checked_before_they_are_queued)
+TEST_F(StateMachine, CommandsAreCheckedBeforeTheyAreQueued)
 {
     OMX_MARKTYPE mark = {};
     OMX_STATETYPE state = OMX_StateMax;
@@ -86,7 +86,7 @@ TEST_F(state_machine_test, commands_are_checked_before_they_are_queued)
     EXPECT_EQ(send(OMX_CommandFlush, OMX_ALL), OMX_ErrorInvalidComponent);
 }
 
-TEST_F(state_machine_test, a_command_that_another_one_ends_is_answered)
+TEST_F(StateMachine, ACommandThatAnotherOneEndsIsAnswered)
 {
     bring_to(OMX_StateIdle);
     ASSERT_EQ(send(OMX_CommandPortDisable, 1), OMX_ErrorNone); // waits for the buffers
@@ -115,7 +115,7 @@ TEST_F(state_machine_test, a_command_that_another_one_ends_is_answered)
     }
 }
 
-TEST_F(state_machine_test, a_full_command_queue_refuses_the_next_command)
+TEST_F(StateMachine, AFullCommandQueueRefusesTheNextCommand)
 {
     uint32_t accepted = 0;
     client.on_event = [&](const IlEvent &) { // of the command that is being carried out
@@ -140,7 +140,7 @@ long count_sleeps()
     return usage.ru_nvcsw;
 }
 
-TEST_F(state_machine_test, a_component_at_rest_does_not_wake_up)
+TEST_F(StateMachine, AComponentAtRestDoesNotWakeUp)
 {
     change_state(OMX_StateIdle);
     for (OMX_STATETYPE target : {OMX_StateExecuting, OMX_StatePause}) {
@@ -158,7 +158,7 @@ TEST_F(state_machine_test, a_component_at_rest_does_not_wake_up)
 
 // The client empties buffers as fast as they come back and flushes from a second thread, while the
 // component goes up and down: nothing may be lost, returned twice, or hang.
-TEST_F(state_machine_test, start_flush_and_stop_do_not_disturb_each_other)
+TEST_F(StateMachine, StartFlushAndStopDoNotDisturbEachOther)
 {
     std::atomic<bool> stop = false;
     std::atomic<uint32_t> returns = 0;
