@@ -8,6 +8,7 @@
 #include "client/failure.h"
 #include "client/il_session.h"
 #include "client/omx_core.h"
+#include "platform/android_log.h"
 #include "platform/host/host_control.h"
 #include "platform/storage_info.h"
 #include "tests/support/programme.h"
@@ -22,7 +23,6 @@
 #include <filesystem>
 #include <string>
 #include <thread>
-#include <unistd.h>
 
 static constexpr char kOutput[] = "/mnt/sdcard/bench.mp4";
 static constexpr uint32_t kSampleRate = 48000;
@@ -336,7 +336,7 @@ int main(int argc, char **argv)
     }
     benchmark::Initialize(&argc, argv);
     register_by_length();
-    host_set_log_level(8);
+    host_set_log_level(ANDROID_LOG_SILENT);
     if (OMX_Init() != OMX_ErrorNone) {
         return 1;
     }

@@ -81,7 +81,7 @@ static void beside_fwrite(benchmark::State &state)
     for (auto _ : state) {
         const double plain = write_frames(kFrames, kPictureBytes);
         std::remove(path("plain").c_str());
-        times.note(record_frames(sink::file, kFrames, kPictureBytes).frames_cpu, plain);
+        times.note(record_frames(sink::file, kFrames, kPictureBytes).frames_cpu_seconds, plain);
         std::remove(path("out.mp4").c_str());
     }
     times.show(state, "fwrite", kNs / kFrames);
@@ -112,7 +112,7 @@ static void beside_libavformat(benchmark::State &state)
     least times;
     for (auto _ : state) {
         const double other = mux_with_libavformat(state.range(0) != 0);
-        times.note(record_frames(sink::null, kFrames, kPictureBytes).frames_cpu, other);
+        times.note(record_frames(sink::null, kFrames, kPictureBytes).frames_cpu_seconds, other);
     }
     times.show(state, "av_write_frame", kNs / kFrames);
 }
@@ -136,8 +136,10 @@ static void beside_ffmpeg_copy(benchmark::State &state)
             return;
         }
         const children_usage after = usage_of_children();
-        work.note(null.frames_cpu + null.close_cpu, after.user_seconds - before.user_seconds);
-        all.note(file.frames_cpu + file.close_cpu, after.cpu_seconds - before.cpu_seconds);
+        work.note(null.frames_cpu_seconds + null.close_cpu_seconds,
+                  after.user_seconds - before.user_seconds);
+        all.note(file.frames_cpu_seconds + file.close_cpu_seconds,
+                 after.cpu_seconds - before.cpu_seconds);
     }
     work.show(state, "ffmpeg_copy", kNs / kFrames);
     state.counters["mux_all"] = all.mux * kNs / kFrames;
@@ -151,7 +153,7 @@ static void over_many_frames(benchmark::State &state)
     least times;
     for (auto _ : state) {
         const recording_figures own = record_frames(sink::null, kManyFrames, kPictureBytes);
-        times.note(own.tenths_cpu.back(), own.tenths_cpu.front());
+        times.note(own.tenths_cpu_seconds.back(), own.tenths_cpu_seconds.front());
         state.counters["allocations"] = own.allocations;
         state.counters["writes_a_cache"] = own.writes_a_cache;
     }
@@ -197,18 +199,18 @@ static void close_recording(benchmark::State &state)
     const uint32_t frames = static_cast<uint32_t>(state.range(0)) * 1000;
     least times;
     least from_files;
-    double longest_wall = 0;
+    double longest_seconds = 0;
     recording_figures own;
     for (auto _ : state) {
         own = record_frames(sink::file, frames, static_cast<uint32_t>(state.range(1)));
-        longest_wall = std::max(longest_wall, own.close_wall);
+        longest_seconds = std::max(longest_seconds, own.close_seconds);
         std::remove(path("out.mp4").c_str());
-        times.note(own.close_cpu, copy_tables(own.scratch_bytes, false));
-        from_files.note(own.close_cpu, copy_tables(own.scratch_bytes, true));
+        times.note(own.close_cpu_seconds, copy_tables(own.scratch_bytes, false));
+        from_files.note(own.close_cpu_seconds, copy_tables(own.scratch_bytes, true));
     }
     times.show(state, "copy_ms", 1e3);
     state.counters["ratio_from_files"] = from_files.mux / from_files.other;
-    state.counters["longest_ms"] = longest_wall * 1e3;
+    state.counters["longest_ms"] = longest_seconds * 1e3;
     state.counters["MB"] = static_cast<double>(own.output_bytes) / 1e6;
     state.counters["tables_MB"] = static_cast<double>(own.scratch_bytes) / 1e6;
 }

@@ -151,16 +151,16 @@ static int64_t put_frames(void **handle, frame_source &source, uint32_t frames,
                           recording_figures &figures)
 {
     int64_t estimate_bytes = 0;
-    for (double &tenth_cpu : figures.tenths_cpu) {
-        const double start = process_cpu_seconds();
+    for (double &tenth_cpu_seconds : figures.tenths_cpu_seconds) {
+        const double cpu_start = process_cpu_seconds();
         for (uint32_t i = 0; i < frames / 10; i++) {
             mp4_mux_putstream_t frame = source.next();
             if (QVR_MP4_MUX(MUX_PUTFRAME, handle, &frame, &estimate_bytes) != 0) {
                 give_up("a frame was refused");
             }
         }
-        tenth_cpu = process_cpu_seconds() - start;
-        figures.frames_cpu += tenth_cpu;
+        tenth_cpu_seconds = process_cpu_seconds() - cpu_start;
+        figures.frames_cpu_seconds += tenth_cpu_seconds;
     }
     return estimate_bytes;
 }
@@ -169,13 +169,13 @@ static void close_recording(void **handle, recording_figures &figures)
 {
     static std::vector<uint8_t> memory(kCloseBytes);
     mp4_mux_closemem_t lent = {memory.data(), kCloseBytes};
-    const double start = process_cpu_seconds();
+    const double cpu_start = process_cpu_seconds();
     const double wall_start = wall_seconds();
     if (QVR_MP4_MUX(MUX_CLOSE, handle, &lent, nullptr) != 0) {
         give_up("the close failed");
     }
-    figures.close_cpu = process_cpu_seconds() - start;
-    figures.close_wall = wall_seconds() - wall_start;
+    figures.close_cpu_seconds = process_cpu_seconds() - cpu_start;
+    figures.close_seconds = wall_seconds() - wall_start;
 }
 
 recording_figures record(std::string output, sink kind, uint32_t frames, uint32_t picture_bytes)

@@ -11,10 +11,10 @@ inline constexpr int32_t kCloseBytes = 0x300000; // the memory that the recorder
 enum class sink { file, null }; // a null sink keeps the output's position alone
 
 struct recording_figures {
-    double frames_cpu = 0; // seconds
-    std::array<double, 10> tenths_cpu = {};
-    double close_cpu = 0;
-    double close_wall = 0;
+    double frames_cpu_seconds = 0;
+    std::array<double, 10> tenths_cpu_seconds = {};
+    double close_cpu_seconds = 0;
+    double close_seconds = 0;  // elapsed
     double allocations = 0;    // after the open
     double writes_a_cache = 0; // of the media data, for each time that it fills the cache
     uint64_t output_bytes = 0;
