@@ -20,7 +20,7 @@ int32_t AACEnc_Create(AacEncHandle *handle, uint8_t *work_block)
     auto *state = static_cast<AacEncState *>(static_cast<void *>(work_block));
     state->tfState = static_cast<EncTfState *>(tf_block);
     state->tfState->heapNext = work_block + kStates;
-    state->tf_state->heapUsed = kStates;
+    state->tfState->heapUsed = kStates;
     handle->state = state;
     return 0;
 }
