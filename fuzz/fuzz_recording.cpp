@@ -195,7 +195,7 @@ static void check_file()
     if (given[MUX_TYPE_VIDEO] == none && given[MUX_TYPE_AUDIO] == none) {
         return; // the muxer leaves a file without a frame as its head
     }
-    require(movie.error.empty(), movie.error);
+    require(movie.faults.empty(), first_fault(movie));
     require(frames_of(movie, "vide") == given[MUX_TYPE_VIDEO], "every picture is there");
     require(frames_of(movie, "soun") == given[MUX_TYPE_AUDIO], "all sound is there");
 }

@@ -482,6 +482,11 @@ const track *find_track(const movie &file, const std::string &handler)
     return found == file.tracks.end() ? nullptr : &*found;
 }
 
+std::string first_fault(const movie &file)
+{
+    return file.faults.empty() ? "" : file.faults.front();
+}
+
 std::string printable(const std::string &type)
 {
     std::string text = type;
@@ -511,7 +516,6 @@ movie read_movie(std::span<const uint8_t> image, const sample_sink &sink)
     reader r;
     if (!r.check(looks_like_movie(image), "this is no MP4 file")) {
         result.faults = r.faults;
-        result.error = r.faults.front();
         return result;
     }
     result.boxes = r.read_boxes(image);
@@ -532,7 +536,6 @@ movie read_movie(std::span<const uint8_t> image, const sample_sink &sink)
     }
     result.faults = r.faults;
     result.notes = r.notes;
-    result.error = r.faults.empty() ? "" : r.faults.front();
     return result;
 }
 

@@ -58,7 +58,6 @@ struct movie {
     uint64_t creation_time = 0, duration = 0;
     uint32_t timescale = 0, next_track_id = 0;
     std::vector<std::string> faults; // as met, each once; beyond a hundred they are left out
-    std::string error;               // the first of them; empty for a sound file
     std::vector<std::string> notes;  // what was left unread, which is no fault of the file
 };
 
@@ -74,6 +73,9 @@ movie read_movie(std::span<const uint8_t> image, const sample_sink &sink);
 const box *find(const std::vector<box> &boxes, const std::string &path);
 
 const track *find_track(const movie &file, const std::string &handler);
+
+// returns: the first fault; empty for an intact file.
+std::string first_fault(const movie &file);
 
 // The four characters with a "?" for what cannot be shown.
 std::string printable(const std::string &type);
