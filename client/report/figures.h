@@ -5,8 +5,9 @@
 #include <cstdint>
 #include <string>
 
-// printf to a string, of 160 characters at most.
-__attribute__((format(printf, 1, 2))) std::string print(const char *format, ...);
+// in: as for printf.
+// returns: the formatted text, cut to its first 159 characters.
+__attribute__((format(printf, 1, 2))) std::string format_text(const char *format, ...);
 
 // A duration as 1:02:03.4, a size as 12.3 MB.
 std::string duration_text(double seconds);

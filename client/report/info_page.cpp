@@ -105,17 +105,18 @@ static std::string track_table(const media_report &report)
     std::vector<std::string> coding, frames, length, rate, keys, gaps;
     std::string names = "<tr><th></th>";
     for (const track_report &track : report.tracks) {
-        names += "<th scope=\"col\">" + print("Track %zu: ", gaps.size() + 1) +
+        names += "<th scope=\"col\">" + format_text("Track %zu: ", gaps.size() + 1) +
                  html_text(track.kind) + "</th>";
         coding.push_back(track_text(track));
-        frames.push_back(print("%llu", static_cast<unsigned long long>(track.frames)) +
-                         (track.frame_s > 0 ? print(", %.2f a second", 1 / track.frame_s) : ""));
+        frames.push_back(
+            format_text("%llu", static_cast<unsigned long long>(track.frames)) +
+            (track.frame_s > 0 ? format_text(", %.2f a second", 1 / track.frame_s) : ""));
         length.push_back(duration_text(track.duration_s));
-        rate.push_back(
-            print("%.0f kbit/s, at most %.0f", track.bit_rate / 1000, track.bit_rate_max / 1000));
+        rate.push_back(format_text("%.0f kbit/s, at most %.0f", track.bit_rate / 1000,
+                                   track.bit_rate_max / 1000));
         keys.push_back(
             (track.keys_s.empty() ? "every frame" : std::to_string(track.keys_s.size())) +
-            (track.key_distance_s > 0 ? print(", at most %.2f s apart", track.key_distance_s)
+            (track.key_distance_s > 0 ? format_text(", at most %.2f s apart", track.key_distance_s)
                                       : ""));
         gaps.push_back(track.gaps.empty() ? "none" : std::to_string(track.gaps.size()));
     }
@@ -148,8 +149,8 @@ static std::string rate_chart(const media_report &report)
         const double begin_s = static_cast<double>(bin) * report.bin_s;
         const double end_s = std::min(begin_s + report.bin_s, report.duration_s);
         const double sound = rate(audio, bin), picture = rate(video, bin);
-        const std::string tip =
-            span_text(begin_s, end_s) + print("video %.0f, audio %.0f kbit/s", picture, sound);
+        const std::string tip = span_text(begin_s, end_s) +
+                                format_text("video %.0f, audio %.0f kbit/s", picture, sound);
         if (sound > 0) {
             time_chart_bar(chart, "audio", begin_s, end_s, 0, sound, tip);
         }
@@ -158,7 +159,7 @@ static std::string rate_chart(const media_report &report)
         }
     }
     return section(
-        "Bit rate", print("in kbit/s, over %.0f s each", report.bin_s),
+        "Bit rate", format_text("in kbit/s, over %.0f s each", report.bin_s),
         time_chart_svg(chart, "Bit rate over time") +
             "<p class=\"legend quiet\"><span><i class=\"swatch\" style=\"background:"
             "var(--video)\"></i>video</span><span><i class=\"swatch\" style=\"background:"
@@ -197,7 +198,7 @@ static std::string gap_table(const media_report &report)
         for (const time_gap &gap : track.gaps) {
             if (listed++ < kGapsListed) {
                 rows += row(html_text(track.kind),
-                            {duration_text(gap.begin_s), print("%.3f s", gap.length_s)});
+                            {duration_text(gap.begin_s), format_text("%.3f s", gap.length_s)});
             }
         }
     }
@@ -205,7 +206,7 @@ static std::string gap_table(const media_report &report)
         return "";
     }
     const std::string note =
-        all > kGapsListed ? print("the first %zu of %zu", kGapsListed, all) : "";
+        all > kGapsListed ? format_text("the first %zu of %zu", kGapsListed, all) : "";
     return section("Gaps", note,
                    "<div class=\"wide\"><table>\n<tr><th scope=\"col\">Track</th><th "
                    "scope=\"col\">From</th><th scope=\"col\">Length</th></tr>\n" +
@@ -232,7 +233,7 @@ static std::string key_chart(const media_report &report)
             const time_gap &gap = track.gaps[i];
             time_chart_bar(chart, "gap", gap.begin_s, gap.begin_s + gap.length_s,
                            is_sound ? 0 : 0.5, is_sound ? 0.5 : 1,
-                           track.kind + print(": %.3f s without a frame", gap.length_s));
+                           track.kind + format_text(": %.3f s without a frame", gap.length_s));
         }
     }
     return section("Key frames and gaps",
@@ -252,7 +253,7 @@ std::string info_page(const media_report &report)
     page +=
         "<h1>" + name + "</h1>\n<p class=\"quiet\">" + duration_text(report.duration_s) + ", " +
         size_text(report.bytes) +
-        print(" (%llu bytes)", static_cast<unsigned long long>(report.bytes)) +
+        format_text(" (%llu bytes)", static_cast<unsigned long long>(report.bytes)) +
         (report.created.empty() ? ""
                                 : ", made <span class=\"whole\">" + report.created + "</span>") +
         "</p>\n";

@@ -78,8 +78,8 @@ static void add_line(time_chart &chart, const char *style, double x1, double y1,
                      double y2)
 {
     chart.body +=
-        print("<line class=\"%s\" x1=\"%.2f%%\" y1=\"%.1f\" x2=\"%.2f%%\" y2=\"%.1f\"/>\n", style,
-              x1, y1, x2, y2);
+        format_text("<line class=\"%s\" x1=\"%.2f%%\" y1=\"%.1f\" x2=\"%.2f%%\" y2=\"%.1f\"/>\n",
+                    style, x1, y1, x2, y2);
 }
 
 // Hours and minutes as far as the chart is long.
@@ -98,9 +98,10 @@ static void draw_time_axis(time_chart &chart)
     for (int i = 0; i < moments; i++) {
         const double x = x_of(chart, i * step);
         add_line(chart, "grid", x, kTop, x, bottom + 4);
-        chart.body += print("<text%s x=\"%.2f%%\" y=\"%.1f\" text-anchor=\"middle\">",
-                            i % distance_narrow == 0 ? "" : " class=\"dense\"", x, bottom + 18) +
-                      moment_text(i * step) + "</text>\n";
+        chart.body +=
+            format_text("<text%s x=\"%.2f%%\" y=\"%.1f\" text-anchor=\"middle\">",
+                        i % distance_narrow == 0 ? "" : " class=\"dense\"", x, bottom + 18) +
+            moment_text(i * step) + "</text>\n";
     }
     add_line(chart, "axis", 0, bottom, 100, bottom);
 }
@@ -121,8 +122,8 @@ time_chart time_chart_open(double duration_s, double low, double high, double he
     for (double value = chart.low; value <= chart.high + step / 2; value += step) {
         const double y = y_of(chart, value);
         add_line(chart, "grid", 0, y, 100, y);
-        chart.body += print("<text x=\"-8\" y=\"%.1f\" text-anchor=\"end\">%g</text>\n", y + 4,
-                            std::round(value / step) * step + 0.0);
+        chart.body += format_text("<text x=\"-8\" y=\"%.1f\" text-anchor=\"end\">%g</text>\n",
+                                  y + 4, std::round(value / step) * step + 0.0);
     }
     draw_time_axis(chart);
     return chart;
@@ -135,18 +136,19 @@ void time_chart_bar(time_chart &chart, const char *style, double begin_s, double
     const double y = y_of(chart, high);
     const double width = std::max(x_of(chart, end_s) - x, 0.1) + kOverlap;
     const double height = std::max(y_of(chart, low) - y, 1.0);
-    chart.body += print("<rect class=\"%s\" x=\"%.2f%%\" y=\"%.2f\" width=\"%.2f%%\" "
-                        "height=\"%.2f\">",
-                        style, x, y, width, height) +
+    chart.body += format_text("<rect class=\"%s\" x=\"%.2f%%\" y=\"%.2f\" width=\"%.2f%%\" "
+                              "height=\"%.2f\">",
+                              style, x, y, width, height) +
                   "<title>" + html_text(tip) + "</title></rect>\n";
 }
 
 void time_chart_mark(time_chart &chart, const char *style, double time_s, const std::string &tip)
 {
     const double x = x_of(chart, time_s);
-    chart.body += print("<line class=\"%s\" x1=\"%.2f%%\" y1=\"%.1f\" x2=\"%.2f%%\" y2=\"%.1f\">",
-                        style, x, kTop, x, kTop + chart.height) +
-                  "<title>" + html_text(tip) + "</title></line>\n";
+    chart.body +=
+        format_text("<line class=\"%s\" x1=\"%.2f%%\" y1=\"%.1f\" x2=\"%.2f%%\" y2=\"%.1f\">",
+                    style, x, kTop, x, kTop + chart.height) +
+        "<title>" + html_text(tip) + "</title></line>\n";
 }
 
 void time_chart_level(time_chart &chart, const char *style, double value)
@@ -157,7 +159,7 @@ void time_chart_level(time_chart &chart, const char *style, double value)
 
 std::string time_chart_svg(const time_chart &chart, const std::string &label)
 {
-    return print("<div class=\"chart\"><svg height=\"%.0f\" role=\"img\" aria-label=\"",
-                 kTop + chart.height + kBottom) +
+    return format_text("<div class=\"chart\"><svg height=\"%.0f\" role=\"img\" aria-label=\"",
+                       kTop + chart.height + kBottom) +
            html_text(label) + "\">\n" + chart.body + "</svg></div>\n";
 }

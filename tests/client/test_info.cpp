@@ -112,16 +112,16 @@ TEST_F(InfoCommand, IsAPageThatABrowserShowsWholeOnATelephone)
     EXPECT_GT(told["bars"], 30);
 
     const json report = json::parse(shell(TDMBREC "info a.mp4 --json").out);
-    std::vector<std::string> figures = {print(" (%d bytes), ", report["bytes"].get<int>())};
+    std::vector<std::string> figures = {format_text(" (%d bytes), ", report["bytes"].get<int>())};
     for (const json &track : report["tracks"]) {
         const auto number = [&](const char *name) { return track[name].get<double>(); };
         figures.insert(
             figures.end(),
-            {print("\n%s, ", track["coding"].get<std::string>().c_str()),
-             print("\n%s\n", duration_text(number("duration_seconds")).c_str()),
-             print("\n%.0f, %.2f a second\n", number("frames"), 1 / number("frame_seconds")),
-             print("\n%.0f kbit/s, at most %.0f\n", number("bits_per_second") / 1000,
-                   number("most_bits_per_second") / 1000)});
+            {format_text("\n%s, ", track["coding"].get<std::string>().c_str()),
+             format_text("\n%s\n", duration_text(number("duration_seconds")).c_str()),
+             format_text("\n%.0f, %.2f a second\n", number("frames"), 1 / number("frame_seconds")),
+             format_text("\n%.0f kbit/s, at most %.0f\n", number("bits_per_second") / 1000,
+                         number("most_bits_per_second") / 1000)});
     }
     for (const std::string &figure : figures) {
         EXPECT_TRUE(contains(told["text"], figure)) << figure << told["text"];
