@@ -1,6 +1,7 @@
 #include "client/report/info_page.h"
 
 #include "client/report/figures.h"
+#include "client/report/html_text.h"
 #include "client/report/info_text.h"
 #include "client/report/time_chart.h"
 

@@ -1,6 +1,7 @@
 #include "client/report/time_chart.h"
 
 #include "client/report/figures.h"
+#include "client/report/html_text.h"
 
 #include <algorithm>
 #include <cmath>
@@ -14,30 +15,6 @@ static constexpr double kOverlap = 0.02;
 
 // A narrow screen has room for this many moments.
 static constexpr int kMomentsNarrow = 5;
-
-std::string html_text(const std::string &text)
-{
-    std::string safe;
-    for (const char each : text) {
-        switch (each) {
-        case '&':
-            safe += "&amp;";
-            break;
-        case '<':
-            safe += "&lt;";
-            break;
-        case '>':
-            safe += "&gt;";
-            break;
-        case '"':
-            safe += "&quot;";
-            break;
-        default:
-            safe += each;
-        }
-    }
-    return safe;
-}
 
 static double x_of(const time_chart &chart, double time_s)
 {

@@ -31,7 +31,4 @@ void time_chart_level(time_chart &chart, const char *style, double value);
 // The whole element. in: what the chart shows, for those who cannot see it.
 std::string time_chart_svg(const time_chart &chart, const std::string &label);
 
-// Text that stands for itself in HTML.
-std::string html_text(const std::string &text);
-
 #endif // CLIENT_REPORT_TIME_CHART_H
