@@ -2,16 +2,6 @@
 
 #include "client/failure.h"
 
-void codec_deleter::operator()(AVCodecContext *codec) const
-{
-    avcodec_free_context(&codec);
-}
-
-void frame_deleter::operator()(AVFrame *frame) const
-{
-    av_frame_free(&frame);
-}
-
 std::unique_ptr<audio_decoder> audio_decoder_open(const std::string &path)
 {
     std::unique_ptr<audio_decoder> audio = std::make_unique<audio_decoder>();

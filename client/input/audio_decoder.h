@@ -2,22 +2,15 @@
 #ifndef CLIENT_INPUT_AUDIO_DECODER_H
 #define CLIENT_INPUT_AUDIO_DECODER_H
 
+#include "client/input/av_ptr.h"
 #include "client/input/media_file.h"
 
 #include <memory>
 #include <string>
 
-struct codec_deleter {
-    void operator()(AVCodecContext *codec) const;
-};
-struct frame_deleter {
-    void operator()(AVFrame *frame) const;
-};
-using frame_ptr = std::unique_ptr<AVFrame, frame_deleter>;
-
 struct audio_decoder {
     std::unique_ptr<media_file> file;
-    std::unique_ptr<AVCodecContext, codec_deleter> codec;
+    codec_ptr codec;
     unsigned damaged = 0; // packets that could not be decoded
 };
 

@@ -6,10 +6,6 @@
 #include <algorithm>
 #include <array>
 
-extern "C" {
-#include <libswresample/swresample.h>
-}
-
 // What the encoder does not take is resampled to this.
 static constexpr int kDefaultRate = 48000;
 
@@ -19,11 +15,6 @@ static constexpr size_t kChannels = 2;
 // as rounding. A lost frame strays further; from one end of the range to the other it is no
 // picture.
 static constexpr int64_t kDriftToleranceUs = 15'000;
-
-void resampler_deleter::operator()(SwrContext *resampler) const
-{
-    swr_free(&resampler);
-}
 
 static bool same_format(const AVFrame &one, const AVFrame &other)
 {

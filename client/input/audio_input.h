@@ -3,6 +3,7 @@
 #define CLIENT_INPUT_AUDIO_INPUT_H
 
 #include "client/input/audio_decoder.h"
+#include "client/input/av_ptr.h"
 
 #include <cstdint>
 #include <memory>
@@ -10,17 +11,11 @@
 #include <string>
 #include <vector>
 
-struct SwrContext;
-
-struct resampler_deleter {
-    void operator()(SwrContext *resampler) const;
-};
-
 inline constexpr size_t kAudioBlockSamples = 1024; // per channel
 
 struct audio_input {
     std::unique_ptr<audio_decoder> decoder;
-    std::unique_ptr<SwrContext, resampler_deleter> resampler;
+    resampler_ptr resampler;
     frame_ptr format;        // a frame as the resampler expects it
     frame_ptr held;          // decoded, not yet in the queue
     int rate = 0;            // of the PCM

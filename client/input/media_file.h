@@ -2,6 +2,7 @@
 #ifndef CLIENT_INPUT_MEDIA_FILE_H
 #define CLIENT_INPUT_MEDIA_FILE_H
 
+#include "client/input/av_ptr.h"
 #include "client/input/stream_clock.h"
 
 #include <cstdint>
@@ -10,7 +11,6 @@
 #include <string>
 
 extern "C" {
-#include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
 }
 

@@ -4,10 +4,6 @@
 
 #include <algorithm>
 
-extern "C" {
-#include <libswresample/swresample.h>
-}
-
 std::unique_ptr<pcm_input> pcm_input_open(const std::string &path)
 {
     std::unique_ptr<pcm_input> pcm = std::make_unique<pcm_input>();

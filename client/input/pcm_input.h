@@ -3,7 +3,8 @@
 #ifndef CLIENT_INPUT_PCM_INPUT_H
 #define CLIENT_INPUT_PCM_INPUT_H
 
-#include "client/input/audio_input.h"
+#include "client/input/audio_decoder.h"
+#include "client/input/av_ptr.h"
 
 #include <cstdint>
 #include <memory>
@@ -13,8 +14,8 @@
 
 struct pcm_input {
     std::unique_ptr<audio_decoder> decoder;
-    std::unique_ptr<SwrContext, resampler_deleter> converter; // of the sample format alone
-    frame_ptr held;                                           // decoded, not yet in the queue
+    resampler_ptr converter; // of the sample format alone
+    frame_ptr held;          // decoded, not yet in the queue
     int rate = 0;
     int channels = 0;
     int format = -1;

@@ -1,6 +1,6 @@
 #include "client/input/picture_check.h"
 
-#include "client/input/audio_decoder.h"
+#include "client/input/av_ptr.h"
 
 #include <algorithm>
 #include <vector>
@@ -20,7 +20,7 @@ static bool is_frame_whole(AVCodecContext *codec)
 bool picture_decodes(std::span<const uint8_t> unit)
 {
     const AVCodec *const decoder = avcodec_find_decoder(AV_CODEC_ID_H264);
-    const std::unique_ptr<AVCodecContext, codec_deleter> codec(avcodec_alloc_context3(decoder));
+    const codec_ptr codec(avcodec_alloc_context3(decoder));
     const packet_ptr packet(av_packet_alloc());
     if (decoder == nullptr || codec == nullptr || packet == nullptr) {
         return true; // it is not known better

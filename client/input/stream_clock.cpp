@@ -30,11 +30,6 @@ static constexpr int64_t kStampMaxUs = int64_t{1} << 56;
 static constexpr size_t kRunPackets = 64;
 static constexpr int64_t kRunGapMaxUs = 80'000;
 
-void packet_deleter::operator()(AVPacket *packet) const
-{
-    av_packet_free(&packet);
-}
-
 static std::optional<int64_t> stamp_of(const AVPacket &packet)
 {
     const int64_t stamp = packet.dts != AV_NOPTS_VALUE ? packet.dts : packet.pts;

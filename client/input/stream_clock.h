@@ -8,21 +8,13 @@
 #ifndef CLIENT_INPUT_STREAM_CLOCK_H
 #define CLIENT_INPUT_STREAM_CLOCK_H
 
+#include "client/input/av_ptr.h"
+
 #include <cstdint>
 #include <deque>
 #include <exception>
 #include <functional>
-#include <memory>
 #include <optional>
-
-extern "C" {
-#include <libavcodec/avcodec.h>
-}
-
-struct packet_deleter {
-    void operator()(AVPacket *packet) const;
-};
-using packet_ptr = std::unique_ptr<AVPacket, packet_deleter>;
 
 // Streams that begin further apart than this are not of one clock.
 inline constexpr int64_t kAlignmentMaxUs = 600'000'000;
