@@ -34,6 +34,8 @@ struct avc_configuration {
     std::vector<std::vector<uint8_t>> sps, pps;
 };
 
+inline constexpr uint32_t kObjectTypeAac = 0x40; // MPEG-4 audio
+
 struct stream_descriptors {
     uint32_t object_type = 0, stream_type = 0;
     std::vector<uint8_t> specific_info;

@@ -5,6 +5,16 @@
 
 using bytes = std::span<const uint8_t>;
 
+// audioObjectType, ISO/IEC 14496-3, table 1.17
+static constexpr unsigned kObjectTypeMain = 1, kObjectTypeLtp = 4; // LC and SSR are between them
+static constexpr unsigned kObjectTypeSbr = 5, kObjectTypePs = 29;
+static constexpr unsigned kObjectTypeEscape = 31;
+
+static constexpr unsigned kRateEscape = 15; // samplingFrequencyIndex: the rate follows in 24 bits
+
+// syncword to number_of_raw_data_blocks_in_frame, and crc_check
+static constexpr size_t kAdtsBytes = 7, kAdtsCrcBytes = 2;
+
 // adts_fixed_header() and adts_variable_header(), ISO/IEC 14496-3, 1.A.2.2
 struct adts_header {
     unsigned profile, sampling_frequency_index, channel_configuration;
@@ -19,7 +29,8 @@ struct adts_header {
 
 static std::optional<adts_header> read_header(bytes data)
 {
-    if (data.size() < 7 || data[0] != 0xFF || (data[1] & 0xF6) != 0xF0) { // syncword, layer
+    if (data.size() < kAdtsBytes || data[0] != 0xFF ||
+        (data[1] & 0xF6) != 0xF0) { // syncword, layer
         return std::nullopt;
     }
     const bool has_crc = (data[1] & 1) == 0; // protection_absent
@@ -28,7 +39,7 @@ static std::optional<adts_header> read_header(bytes data)
         .profile = at(2) >> 6,
         .sampling_frequency_index = at(2) >> 2 & 0xF,
         .channel_configuration = (at(2) & 1) << 2 | at(3) >> 6,
-        .header_bytes = has_crc ? size_t{9} : size_t{7},
+        .header_bytes = kAdtsBytes + (has_crc ? kAdtsCrcBytes : 0),
         .frame_bytes = (at(3) & 3) << 11 | at(4) << 3 | at(5) >> 5,
         .more_blocks = at(6) & 3,
     };
@@ -60,14 +71,14 @@ static unsigned take_bits(bytes data, size_t &position, unsigned count)
 static unsigned take_object_type(bytes config, size_t &position)
 {
     const unsigned type = take_bits(config, position, 5);
-    return type == 31 ? 32 + take_bits(config, position, 6) : type;
+    return type == kObjectTypeEscape ? 32 + take_bits(config, position, 6) : type;
 }
 
 static int take_rate(bytes config, size_t &position)
 {
     const unsigned index = take_bits(config, position, 4);
     return index < kAacRates.size() ? kAacRates[index]
-           : index == 15            ? static_cast<int>(take_bits(config, position, 24))
+           : index == kRateEscape   ? static_cast<int>(take_bits(config, position, 24))
                                     : 0;
 }
 
@@ -79,7 +90,7 @@ static void read_config(aac_input &aac, bytes config)
     unsigned type = take_object_type(config, position);
     aac.rate = take_rate(config, position);
     (void)take_bits(config, position, 4); // channelConfiguration
-    if (type == 5 || type == 29) {        // SBR, PS
+    if (type == kObjectTypeSbr || type == kObjectTypePs) {
         (void)take_rate(config, position);
         type = take_object_type(config, position);
     }
@@ -87,7 +98,7 @@ static void read_config(aac_input &aac, bytes config)
     if (aac.rate == 0) {
         throw failure(exit_code::input, aac.file->path + ": its AAC configuration is damaged");
     }
-    if (type < 1 || type > 4 || is_short) {
+    if (type < kObjectTypeMain || type > kObjectTypeLtp || is_short) {
         refuse(aac, "its AAC (object type " + std::to_string(type) +
                         ") is not in units of 1024 samples, which alone can be put into the file");
     }
@@ -164,7 +175,7 @@ std::unique_ptr<aac_input> aac_input_open(const std::string &path, media_file *v
 
 int64_t aac_input_span_us(const aac_input &aac, int64_t units)
 {
-    return av_rescale(units * kAacUnitSamples, 1'000'000, aac.rate);
+    return av_rescale(units * kAacUnitSamples, kSecondUs, aac.rate);
 }
 
 std::optional<std::span<const uint8_t>> aac_input_next(aac_input &aac)

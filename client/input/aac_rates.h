@@ -19,7 +19,8 @@ inline size_t aac_rate_index(int rate)
 // Whether the encoder of this system takes the rate.
 inline bool is_encoder_rate(int rate)
 {
-    return aac_rate_index(rate) < kAacRates.size() && rate >= 8000 && rate <= 48000;
+    constexpr int kRateMin = 8000, kRateMax = 48000;
+    return aac_rate_index(rate) < kAacRates.size() && rate >= kRateMin && rate <= kRateMax;
 }
 
 #endif // CLIENT_INPUT_AAC_RATES_H

@@ -13,8 +13,6 @@ enum : unsigned {
     kNalPartitionA = 2,
     kNalPartitionC = 4,
     kNalIdr = 5,
-    kNalSps = 7,
-    kNalPps = 8,
 };
 
 using bytes = std::span<const uint8_t>;

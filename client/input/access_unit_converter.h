@@ -7,9 +7,12 @@
 #include <span>
 #include <vector>
 
+// nal_unit_type of parameter sets, ISO/IEC 14496-10, table 7-1
+inline constexpr unsigned kNalSps = 7, kNalPps = 8;
+
 // One parameter set; a later one of the same kind and number replaces it.
 struct parameter_set {
-    unsigned type;              // 7 sequence, 8 picture
+    unsigned type;              // kNalSps or kNalPps
     unsigned number;            // its identifier in the stream
     std::vector<uint8_t> bytes; // the NAL unit
     bool is_new = false;        // there was none of its kind and number at the first picture

@@ -95,8 +95,8 @@ static bool decode_frame(audio_input &audio)
 // a gap, or none of the samples whose place is taken.
 static void settle_frame(audio_input &audio, int64_t time_us, int64_t tolerance_us)
 {
-    const int64_t tolerance = av_rescale(tolerance_us, audio.rate, 1'000'000);
-    const int64_t begin = av_rescale(time_us - audio.origin_us, audio.rate, 1'000'000);
+    const int64_t tolerance = av_rescale(tolerance_us, audio.rate, kSecondUs);
+    const int64_t begin = av_rescale(time_us - audio.origin_us, audio.rate, kSecondUs);
     const int64_t away = begin - (audio.placed - audio.skip_due);
     if (away > tolerance) {
         audio.silence_due = away;
@@ -113,7 +113,7 @@ static int64_t place_frame(audio_input &audio)
     const media_file &file = *audio.decoder->file;
     const int64_t time_us =
         media_file_time_us(file, frame.best_effort_timestamp).value_or(audio.end_us);
-    audio.end_us = time_us + av_rescale(frame.nb_samples, 1'000'000, frame.sample_rate);
+    audio.end_us = time_us + av_rescale(frame.nb_samples, kSecondUs, frame.sample_rate);
     return time_us;
 }
 

@@ -40,6 +40,8 @@ struct element {
     bool has_size = true;
 };
 
+static constexpr unsigned kIdBytesMax = 4, kSizeBytesMax = 8;
+
 static uint64_t take_number(const uint8_t *bytes, unsigned width)
 {
     uint64_t number = 0;
@@ -54,7 +56,7 @@ static uint64_t take_number(const uint8_t *bytes, unsigned width)
 static std::optional<element> read_element(std::span<const uint8_t> head, int64_t position)
 {
     const unsigned id_bytes = static_cast<unsigned>(std::countl_zero(head[0])) + 1;
-    if (id_bytes > 4) {
+    if (id_bytes > kIdBytesMax) {
         return std::nullopt;
     }
     element found = {.begin = position + id_bytes + 1};
@@ -62,7 +64,7 @@ static std::optional<element> read_element(std::span<const uint8_t> head, int64_
         return found;
     }
     const unsigned size_bytes = static_cast<unsigned>(std::countl_zero(head[id_bytes])) + 1;
-    if (size_bytes > 8) {
+    if (size_bytes > kSizeBytesMax) {
         return std::nullopt;
     }
     found.begin = position + id_bytes + size_bytes;
@@ -77,7 +79,7 @@ static std::optional<element> read_element(std::span<const uint8_t> head, int64_
 
 static bool is_cut_matroska(int file, int64_t size)
 {
-    std::array<uint8_t, 12> head = {};
+    std::array<uint8_t, kIdBytesMax + kSizeBytesMax> head = {};
     int64_t position = 0;
     while (position < size) {
         const size_t head_bytes =

@@ -12,7 +12,6 @@
 // The forms that are read; others could make the demuxer open further files.
 static const char format_names[] = "h264,aac,mpegts,mov,mp4,m4a,3gp,3g2,mj2,matroska,webm,wav";
 
-static constexpr char kDefaultFrameRate[] = "30";
 static constexpr int kIoBufferBytes = 1 << 16;
 
 media_file::~media_file()
@@ -101,7 +100,7 @@ static void open_format(media_file &file)
     file.format->flags |= AVFMT_FLAG_CUSTOM_IO;
     file.format->format_whitelist = av_strdup(format_names);
     AVDictionary *options = nullptr; // for raw H.264 that does not say it; the others ignore it
-    av_dict_set(&options, "framerate", kDefaultFrameRate, 0);
+    av_dict_set_int(&options, "framerate", kDefaultFrameRate, 0);
     int error = avformat_open_input(&file.format, file.path.c_str(), nullptr, &options);
     av_dict_free(&options);
     if (error == 0) {
@@ -217,5 +216,5 @@ std::optional<int64_t> media_file_time_us(const media_file &file, int64_t time)
     if (time == AV_NOPTS_VALUE) {
         return std::nullopt;
     }
-    return av_rescale_q(time, file.stream->time_base, {1, 1000000});
+    return av_rescale_q(time, file.stream->time_base, kMicroseconds);
 }

@@ -14,6 +14,8 @@ extern "C" {
 #include <libavformat/avformat.h>
 }
 
+inline constexpr int kDefaultFrameRate = 30; // of raw H.264 that states none
+
 struct media_file {
     std::string path;
     int descriptor = -1;

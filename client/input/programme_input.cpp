@@ -2,6 +2,9 @@
 
 #include "client/failure.h"
 
+// The size that the component writes into every file, whatever the pictures have.
+static constexpr int kAnnouncedWidth = 320, kAnnouncedHeight = 240;
+
 static int64_t video_time_us(const programme_input &programme)
 {
     return programme.next_video->time_us - programme.origin_us;
@@ -9,7 +12,7 @@ static int64_t video_time_us(const programme_input &programme)
 
 static int64_t audio_time_us(const programme_input &programme)
 {
-    return av_rescale(programme.audio_blocks * static_cast<int64_t>(kAudioBlockSamples), 1'000'000,
+    return av_rescale(programme.audio_blocks * static_cast<int64_t>(kAudioBlockSamples), kSecondUs,
                       programme.audio->rate);
 }
 
@@ -110,10 +113,11 @@ std::vector<std::string> programme_opening_remarks(const programme_input &progra
     const video_input &video = *programme.video;
     const AVCodecParameters &picture = *video.file->stream->codecpar;
     std::vector<std::string> remarks;
-    if (picture.width != 320 || picture.height != 240) {
+    if (picture.width != kAnnouncedWidth || picture.height != kAnnouncedHeight) {
         remarks.push_back(video.file->path + ": has pictures of " + std::to_string(picture.width) +
-                          "x" + std::to_string(picture.height) +
-                          "; the file will announce 320x240, which some players go by");
+                          "x" + std::to_string(picture.height) + "; the file will announce " +
+                          std::to_string(kAnnouncedWidth) + "x" + std::to_string(kAnnouncedHeight) +
+                          ", which some players go by");
     }
     remark(remarks, *video.file, "pictures left out in front of the first IDR picture",
            video.leading);

@@ -51,7 +51,7 @@ static int64_t unwrap(const stream_clock &clock, int64_t stamp, int64_t near)
 
 static int64_t microseconds(const stream_clock &clock, int64_t stamp)
 {
-    return av_rescale_q(stamp, clock.time_base, {1, 1'000'000});
+    return av_rescale_q(stamp, clock.time_base, kMicroseconds);
 }
 
 // The packet's time stamp without the wraps.
@@ -92,7 +92,7 @@ static void drop_wild_stamps(const stream_clock &clock, AVPacket &packet)
         }
     }
     packet.duration = std::clamp<int64_t>(
-        packet.duration, 0, av_rescale_q(kJumpAheadUs, {1, 1'000'000}, clock.time_base));
+        packet.duration, 0, av_rescale_q(kJumpAheadUs, kMicroseconds, clock.time_base));
 }
 
 static bool pull(stream_clock &clock)
@@ -147,7 +147,7 @@ static void place_packet(stream_clock &clock, std::optional<int64_t> stamp)
     if (stamp) {
         const int64_t moved_us = clock.offset_us + (packet.pos < 0 ? clock.run_shift_us : 0);
         const int64_t moved =
-            *stamp - *stamp_of(packet) + av_rescale_q(moved_us, {1, 1'000'000}, clock.time_base);
+            *stamp - *stamp_of(packet) + av_rescale_q(moved_us, kMicroseconds, clock.time_base);
         packet.pts += packet.pts != AV_NOPTS_VALUE ? moved : 0;
         packet.dts += packet.dts != AV_NOPTS_VALUE ? moved : 0;
     }

@@ -16,8 +16,11 @@
 #include <functional>
 #include <optional>
 
+inline constexpr int64_t kSecondUs = 1'000'000;
+inline constexpr AVRational kMicroseconds = {1, 1'000'000}; // as a time base
+
 // Streams that begin further apart than this are not of one clock.
-inline constexpr int64_t kAlignmentMaxUs = 600'000'000;
+inline constexpr int64_t kAlignmentMaxUs = 600 * kSecondUs;
 
 // Where a stream is on its line.
 struct stream_place {
@@ -29,7 +32,7 @@ struct stream_place {
 
 struct stream_clock {
     std::function<packet_ptr(void)> source; // null at the end; throws what breaks the stream off
-    AVRational time_base = {1, 1'000'000};
+    AVRational time_base = kMicroseconds;
     int wrap_bits = 64;            // width of the time stamps
     int64_t step_us = 0;           // between two packets; 0: their duration
     stream_clock *other = nullptr; // the stream that shares the clock

@@ -19,11 +19,11 @@ static constexpr size_t kReadAheadUnits = 100;
 // damaged.
 static constexpr size_t kDoubtedUnitsMax = 1000;
 
-static constexpr unsigned kSequenceSet = 7; // nal_unit_type
-
 // profile_idc of what a decoder of 8-bit 4:2:0 pictures takes
 static constexpr int kProfiles[] = {FF_PROFILE_H264_BASELINE, FF_PROFILE_H264_MAIN,
                                     FF_PROFILE_H264_EXTENDED, FF_PROFILE_H264_HIGH};
+
+static constexpr int kFrameRateMin = 1, kFrameRateMax = 240;
 
 // Pictures whose times do not rise come this far apart.
 static constexpr int64_t kShortestStepUs = 1'000;
@@ -41,15 +41,22 @@ static std::string clock_text(int64_t time_us)
     return text;
 }
 
+static bool is_frame_rate(AVRational rate)
+{
+    const double per_second = rate.den == 0 ? 0 : av_q2d(rate);
+    return per_second >= kFrameRateMin && per_second <= kFrameRateMax;
+}
+
 std::optional<AVRational> parse_frame_rate(const std::optional<std::string> &text)
 {
     if (!text) {
         return std::nullopt;
     }
     AVRational rate = {0, 1};
-    if (av_parse_video_rate(&rate, text->c_str()) < 0 || av_q2d(rate) < 1 || av_q2d(rate) > 240) {
+    if (av_parse_video_rate(&rate, text->c_str()) < 0 || !is_frame_rate(rate)) {
         throw failure(exit_code::usage,
-                      "--frame-rate takes a number from 1 to 240, not \"" + *text + "\"");
+                      "--frame-rate takes a number from " + std::to_string(kFrameRateMin) + " to " +
+                          std::to_string(kFrameRateMax) + ", not \"" + *text + "\"");
     }
     return rate;
 }
@@ -59,17 +66,16 @@ static AVRational choose_frame_rate(const media_file &file, std::optional<AVRati
     const AVStream &stream = *file.stream;
     for (const AVRational rate :
          {wanted.value_or(AVRational{0, 1}), stream.avg_frame_rate, stream.r_frame_rate}) {
-        const double per_second = rate.den == 0 ? 0 : av_q2d(rate);
-        if (per_second >= 1 && per_second <= 240) {
+        if (is_frame_rate(rate)) {
             return rate;
         }
     }
-    return {30, 1};
+    return {kDefaultFrameRate, 1};
 }
 
 int64_t video_input_interval_us(const video_input &video)
 {
-    return av_rescale_q(1, av_inv_q(video.frame_rate), {1, 1000000});
+    return av_rescale_q(1, av_inv_q(video.frame_rate), kMicroseconds);
 }
 
 // For a shell.
@@ -117,7 +123,7 @@ static int64_t place_in_time(video_input &video, const AVPacket &packet)
 {
     const int64_t step_us = video_input_interval_us(video);
     if (media_file_is_raw(*video.file)) {
-        return av_rescale_q(video.packets, av_inv_q(video.frame_rate), {1, 1000000});
+        return av_rescale_q(video.packets, av_inv_q(video.frame_rate), kMicroseconds);
     }
     const std::optional<int64_t> time_us =
         media_file_time_us(*video.file, packet.pts != AV_NOPTS_VALUE ? packet.pts : packet.dts);
@@ -148,7 +154,7 @@ static void judge(video_input &video, unit_verdict verdict)
 static void check_profile(const video_input &video)
 {
     for (const parameter_set &set : video.converter.sets) {
-        const bool is_sequence = set.type == kSequenceSet && set.bytes.size() > 1;
+        const bool is_sequence = set.type == kNalSps && set.bytes.size() > 1;
         const int profile = is_sequence ? set.bytes[1] : FF_PROFILE_H264_HIGH;
         if (std::find(std::begin(kProfiles), std::end(kProfiles), profile) == std::end(kProfiles)) {
             const char *const name = avcodec_profile_name(AV_CODEC_ID_H264, profile);

@@ -20,7 +20,7 @@ struct video_input {
     std::unique_ptr<media_file> file;
     access_unit_converter converter;
     std::vector<parameter_set> configured_sets; // by the container
-    AVRational frame_rate = {30, 1};
+    AVRational frame_rate = {kDefaultFrameRate, 1};
     std::optional<int64_t> last_us;               // the time given to the last packet
     std::optional<int64_t> display_us, decode_us; // time stamps of the last packet
     int64_t packets = 0;

@@ -1,8 +1,9 @@
 #include "client/report/media_check.h"
 
+#include "client/report/figures.h"
+
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
 #include <set>
 
 using mp4_reader::movie;
@@ -69,9 +70,7 @@ struct checker {
 
 std::string seconds_text(double seconds)
 {
-    char text[64] = "";
-    std::snprintf(text, sizeof text, "%.3f s", seconds);
-    return text;
+    return format_text("%.3f s", seconds);
 }
 
 double seconds_of(uint64_t ticks, uint32_t timescale)
@@ -183,8 +182,7 @@ void check_pictures(checker &self, const track &video)
 
 void check_sound(checker &self, const track &sound)
 {
-    static constexpr uint32_t kObjectTypeAac = 0x40;
-    if (sound.esds.object_type != 0 && sound.esds.object_type != kObjectTypeAac) {
+    if (sound.esds.object_type != 0 && sound.esds.object_type != mp4_reader::kObjectTypeAac) {
         return;
     }
     if (sound.esds.specific_info.empty()) {

@@ -49,7 +49,7 @@ static std::string coding_text(const track &of)
     if (of.coding == "avc1") {
         return avc_text(of.avc);
     }
-    if (of.coding == "mp4a" && of.esds.object_type == 0x40) {
+    if (of.coding == "mp4a" && of.esds.object_type == mp4_reader::kObjectTypeAac) {
         const std::vector<uint8_t> &config = of.esds.specific_info;
         const unsigned object_type = config.empty() ? 0 : config[0] >> 3;
         return object_type == 2 ? "AAC-LC" : "AAC, object type " + std::to_string(object_type);
