@@ -15,11 +15,11 @@ static constexpr unsigned kRateEscape = 15; // samplingFrequencyIndex: the rate 
 // syncword to number_of_raw_data_blocks_in_frame, and crc_check
 static constexpr size_t kAdtsBytes = 7, kAdtsCrcBytes = 2;
 
-// adts_fixed_header() and adts_variable_header(), ISO/IEC 14496-3, 1.A.2.2
+// source: ISO/IEC 14496-3, 1.A.2.2, adts_fixed_header() and adts_variable_header()
 struct adts_header {
     unsigned profile, sampling_frequency_index, channel_configuration;
     size_t header_bytes, frame_bytes;
-    unsigned more_blocks; // raw data blocks behind the first
+    unsigned more_blocks; // raw data blocks after the first
 };
 
 [[noreturn]] static void refuse(const aac_input &aac, const std::string &what)
@@ -48,8 +48,8 @@ static std::optional<adts_header> read_header(bytes data)
                                                                       : std::nullopt;
 }
 
-// audioObjectType, samplingFrequencyIndex, channelConfiguration and the flags of GASpecificConfig,
-// all 0
+// AudioSpecificConfig: audioObjectType, samplingFrequencyIndex, channelConfiguration and the flags
+// of GASpecificConfig, all 0.
 static std::vector<uint8_t> make_config(const adts_header &header)
 {
     const unsigned bits = (header.profile + 1) << 11 | header.sampling_frequency_index << 7 |
@@ -57,7 +57,7 @@ static std::vector<uint8_t> make_config(const adts_header &header)
     return {static_cast<uint8_t>(bits >> 8), static_cast<uint8_t>(bits)};
 }
 
-// Reads numbers bit by bit; there are zeros behind the end.
+// returns: the next number; bits after the end are 0.
 static unsigned take_bits(bytes data, size_t &position, unsigned count)
 {
     unsigned value = 0;
@@ -82,8 +82,8 @@ static int take_rate(bytes config, size_t &position)
                                     : 0;
 }
 
-// AudioSpecificConfig, ISO/IEC 14496-3, 1.6.2.1. The units last as long as the core's rate says,
-// whatever a decoder makes of them with the extension's data.
+// The units last as long as the core's rate says, also when an extension doubles the decoder's
+// rate. source: ISO/IEC 14496-3, 1.6.2.1, AudioSpecificConfig
 static void read_config(aac_input &aac, bytes config)
 {
     size_t position = 0;
@@ -99,13 +99,16 @@ static void read_config(aac_input &aac, bytes config)
         throw failure(exit_code::input, aac.file->path + ": its AAC configuration is damaged");
     }
     if (type < kObjectTypeMain || type > kObjectTypeLtp || is_short) {
-        refuse(aac, "its AAC (object type " + std::to_string(type) +
-                        ") is not in units of 1024 samples, which alone can be put into the file");
+        refuse(
+            aac,
+            "its AAC (object type " + std::to_string(type) +
+                ") is not in units of 1024 samples, and only such units can be put into the file");
     }
     aac.config.assign(config.begin(), config.end());
 }
 
-// The access unit in a packet. Notes the stream's kind at the first one.
+// Takes the stream's configuration from the first ADTS header.
+// returns: the access unit in a packet.
 static bytes unit_in(aac_input &aac, bytes packet)
 {
     if (!aac.is_framed) {
@@ -116,7 +119,7 @@ static bytes unit_in(aac_input &aac, bytes packet)
         throw failure(exit_code::input, aac.file->path + ": an ADTS frame is damaged");
     }
     if (header->more_blocks != 0) {
-        refuse(aac, "several access units share an ADTS frame, which cannot be taken apart");
+        refuse(aac, "an ADTS frame holds several access units, which cannot be separated");
     }
     const std::vector<uint8_t> config = make_config(*header);
     if (aac.config.empty()) {
@@ -125,7 +128,7 @@ static bytes unit_in(aac_input &aac, bytes packet)
         aac.channels = static_cast<int>(header->channel_configuration);
     }
     if (config != aac.config) {
-        refuse(aac, "changes its sampling rate or its channels on the way");
+        refuse(aac, "changes its sampling rate or its channels within the file");
     }
     return packet.subspan(header->header_bytes);
 }

@@ -5,8 +5,6 @@
 #include <cstring>
 #include <optional>
 
-namespace {
-
 // nal_unit_type, ISO/IEC 14496-10 table 7-1
 enum : unsigned {
     kNalSlice = 1,
@@ -17,15 +15,15 @@ enum : unsigned {
 
 using bytes = std::span<const uint8_t>;
 
-constexpr uint8_t kStartCode[4] = {0, 0, 0, 1};
+static constexpr uint8_t kStartCode[4] = {0, 0, 0, 1};
 
-unsigned nal_type(bytes nal)
+static unsigned nal_type(bytes nal)
 {
     return nal[0] & 0x1Fu;
 }
 
-// The position of the next 00 00 01 at or after `from`, or the size.
-size_t find_start_code(bytes data, size_t from)
+// returns: the position of the next 00 00 01 at or after `from`; the size when there is none.
+static size_t find_start_code(bytes data, size_t from)
 {
     for (size_t at = from + 2; at < data.size(); at++) {
         const void *const one = std::memchr(&data[at], 1, data.size() - at);
@@ -40,7 +38,7 @@ size_t find_start_code(bytes data, size_t from)
     return data.size();
 }
 
-bytes without_trailing_zeros(bytes nal)
+static bytes without_trailing_zeros(bytes nal)
 {
     while (!nal.empty() && nal.back() == 0) {
         nal = nal.first(nal.size() - 1);
@@ -48,7 +46,7 @@ bytes without_trailing_zeros(bytes nal)
     return nal;
 }
 
-bool split_at_start_codes(bytes data, std::vector<bytes> &nals)
+static bool split_at_start_codes(bytes data, std::vector<bytes> &nals)
 {
     size_t at = find_start_code(data, 0);
     if (std::any_of(data.begin(), data.begin() + static_cast<ptrdiff_t>(at),
@@ -66,8 +64,8 @@ bool split_at_start_codes(bytes data, std::vector<bytes> &nals)
     return true;
 }
 
-// Cuts one NAL unit with a big-endian length in front off the data.
-std::optional<bytes> take_with_length(bytes &data, unsigned length_bytes)
+// Takes one NAL unit after its big-endian length from the front of the data.
+static std::optional<bytes> take_with_length(bytes &data, unsigned length_bytes)
 {
     if (data.size() < length_bytes) {
         return std::nullopt;
@@ -85,7 +83,7 @@ std::optional<bytes> take_with_length(bytes &data, unsigned length_bytes)
     return nal;
 }
 
-bool split_by_lengths(bytes data, unsigned length_bytes, std::vector<bytes> &nals)
+static bool split_by_lengths(bytes data, unsigned length_bytes, std::vector<bytes> &nals)
 {
     while (!data.empty()) {
         const std::optional<bytes> taken = take_with_length(data, length_bytes);
@@ -101,14 +99,14 @@ bool split_by_lengths(bytes data, unsigned length_bytes, std::vector<bytes> &nal
     return true;
 }
 
-// Reads the first syntax elements of a NAL unit.
+// The first bits of a NAL unit, and the position in them.
 struct head_bits {
-    std::array<uint8_t, 24> payload = {}; // without header and emulation prevention bytes
+    std::array<uint8_t, 24> payload = {}; // without NAL header and emulation prevention bytes
     size_t size_bits = 0;
     size_t at_bits = 0;
 };
 
-head_bits open_head(bytes nal, size_t skipped_bytes)
+static head_bits open_head(bytes nal, size_t skipped_bytes)
 {
     head_bits head;
     unsigned zeros = 0;
@@ -125,7 +123,7 @@ head_bits open_head(bytes nal, size_t skipped_bytes)
     return head;
 }
 
-std::optional<unsigned> read_bit(head_bits &head)
+static std::optional<unsigned> read_bit(head_bits &head)
 {
     if (head.at_bits >= head.size_bits) {
         return std::nullopt;
@@ -135,7 +133,7 @@ std::optional<unsigned> read_bit(head_bits &head)
 }
 
 // ue(v), up to 31 bits of value
-std::optional<unsigned> read_ue(head_bits &head)
+static std::optional<unsigned> read_ue(head_bits &head)
 {
     unsigned zeros = 0;
     std::optional<unsigned> bit = read_bit(head);
@@ -155,10 +153,10 @@ std::optional<unsigned> read_ue(head_bits &head)
     return bit ? std::optional<unsigned>((1u << zeros) - 1 + suffix) : std::nullopt;
 }
 
-bool keep_parameter_set(access_unit_converter &converter, bytes nal)
+static bool keep_parameter_set(access_unit_converter &converter, bytes nal)
 {
     const unsigned type = nal_type(nal);
-    // profile_idc, the constraint flags and level_idc stand before a sequence set's identifier
+    // A sequence set has profile_idc, constraint flags and level_idc before its identifier.
     head_bits head = open_head(nal, type == kNalSps ? 3 : 0);
     const std::optional<unsigned> number = read_ue(head);
     if (!number) {
@@ -179,26 +177,26 @@ bool keep_parameter_set(access_unit_converter &converter, bytes nal)
     return true;
 }
 
-void append(std::vector<uint8_t> &out, bytes nal)
+static void append(std::vector<uint8_t> &out, bytes nal)
 {
     out.insert(out.end(), std::begin(kStartCode), std::end(kStartCode));
     out.insert(out.end(), nal.begin(), nal.end());
 }
 
-bool has_set(const std::vector<parameter_set> &sets, unsigned type)
+static bool has_set(const std::vector<parameter_set> &sets, unsigned type)
 {
     return std::any_of(sets.begin(), sets.end(),
                        [=](const parameter_set &set) { return set.type == type; });
 }
 
-// A set of a kind and number that the first picture did not have counts once: unless the stream
-// repeats it, it was a damaged one.
-void forget_new_sets(access_unit_converter &converter)
+// A set of a kind and number that the first picture did not have is valid for one picture: unless
+// the stream repeats it, it was a damaged one.
+static void forget_new_sets(access_unit_converter &converter)
 {
     std::erase_if(converter.sets, [](const parameter_set &set) { return set.is_new; });
 }
 
-unit_verdict put_sets_in_front(access_unit_converter &converter, access_unit &unit)
+static unit_verdict put_sets_before(access_unit_converter &converter, access_unit &unit)
 {
     std::vector<uint8_t> sets;
     for (const parameter_set &set : converter.sets) {
@@ -218,9 +216,10 @@ unit_verdict put_sets_in_front(access_unit_converter &converter, access_unit &un
     return unit_verdict::ready;
 }
 
-// Picks the picture's slices out of the NAL units, and keeps the parameter sets among them.
-unit_verdict find_slices(access_unit_converter &converter, const std::vector<bytes> &nals,
-                         std::vector<bytes> &slices)
+// Keeps the parameter sets among the NAL units.
+// out: the picture's slices.
+static unit_verdict find_slices(access_unit_converter &converter, const std::vector<bytes> &nals,
+                                std::vector<bytes> &slices)
 {
     for (const bytes nal : nals) {
         const unsigned type = nal_type(nal);
@@ -240,8 +239,9 @@ unit_verdict find_slices(access_unit_converter &converter, const std::vector<byt
     return slices.empty() ? unit_verdict::empty : unit_verdict::ready;
 }
 
-// Notes in the unit what the slices' headers say. returns false when the picture is not whole.
-bool read_slice_headers(const std::vector<bytes> &slices, access_unit &unit)
+// out: the unit's flags.
+// returns: false when the picture is not complete.
+static bool read_slice_headers(const std::vector<bytes> &slices, access_unit &unit)
 {
     unit.idr = nal_type(slices.front()) == kNalIdr;
     unit.bi_predicted = false;
@@ -258,8 +258,6 @@ bool read_slice_headers(const std::vector<bytes> &slices, access_unit &unit)
     return true;
 }
 
-} // namespace
-
 bool access_unit_configure(access_unit_converter &converter, std::span<const uint8_t> configuration)
 {
     std::vector<bytes> nals;
@@ -269,7 +267,7 @@ bool access_unit_configure(access_unit_converter &converter, std::span<const uin
         }
     } else if (!configuration.empty()) {
         // AVCDecoderConfigurationRecord, ISO/IEC 14496-15: version, profile, compatibility, level,
-        // length size, then the sequence sets and the picture sets behind a count each
+        // length size, then the sequence sets and the picture sets, each after their count
         if (configuration.size() < 7) {
             return false;
         }
@@ -317,7 +315,7 @@ unit_verdict access_unit_convert(access_unit_converter &converter, std::span<con
         return unit_verdict::malformed;
     }
     if (unit.idr) {
-        verdict = put_sets_in_front(converter, unit);
+        verdict = put_sets_before(converter, unit);
     }
     for (const bytes slice : slices) {
         append(unit.bytes, slice);
@@ -338,7 +336,7 @@ void access_unit_replace_sets(const access_unit_converter &converter, access_uni
 void access_unit_adopt_sets(access_unit_converter &converter, std::span<const uint8_t> sets)
 {
     std::vector<bytes> nals;
-    (void)split_at_start_codes(sets, nals); // this unit has joined them
+    (void)split_at_start_codes(sets, nals); // they were joined in this unit
     converter.sent.clear();
     converter.sets.clear();
     for (const bytes nal : nals) {
@@ -358,7 +356,7 @@ static void append_number(std::vector<uint8_t> &out, size_t value, unsigned widt
 std::vector<uint8_t> access_unit_configuration(const access_unit_converter &converter)
 {
     std::vector<bytes> sets;
-    (void)split_at_start_codes(converter.sent, sets); // this unit has joined them
+    (void)split_at_start_codes(converter.sent, sets); // they were joined in this unit
     if (sets.size() <= 2) {
         return converter.sent;
     }

@@ -42,7 +42,7 @@ frame_ptr audio_decoder_next(audio_decoder &audio)
             return nullptr;
         }
         if (avcodec_send_packet(audio.codec.get(), packet.get()) < 0) {
-            if (packet == nullptr) { // told of the end before
+            if (packet == nullptr) { // the decoder knows of the end already
                 return nullptr;
             }
             audio.damaged++;

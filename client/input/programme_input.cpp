@@ -43,7 +43,8 @@ std::unique_ptr<programme_input> programme_open(const std::string &video_path,
     return programme;
 }
 
-// Replaces the unit that the last call gave out; only now, so that it is used before a failure.
+// Replaces the unit that the last call returned. This waits until now, so that the caller has used
+// that unit before a failure.
 static void refill(programme_input &programme)
 {
     const std::optional<unit_kind> given = programme.given;
@@ -61,7 +62,7 @@ static void refill(programme_input &programme)
     }
 }
 
-// Where one file with both streams breaks off, the other stream has as much left as came before.
+// Where a file with both streams breaks off in one, the units of the other up to there are kept.
 static void refill_to_the_end(programme_input &programme)
 {
     try {
@@ -119,8 +120,7 @@ std::vector<std::string> programme_opening_remarks(const programme_input &progra
                           std::to_string(kAnnouncedWidth) + "x" + std::to_string(kAnnouncedHeight) +
                           ", which some players go by");
     }
-    remark(remarks, *video.file, "pictures left out in front of the first IDR picture",
-           video.leading);
+    remark(remarks, *video.file, "pictures left out before the first IDR picture", video.leading);
     return remarks;
 }
 
