@@ -46,15 +46,15 @@ std::vector<box> read_boxes(reading &state, bytes image, unsigned depth)
             next.size = image.size();
         }
         const size_t header_bytes = image.size() - in.data.size();
-        if (!check(
-                state, !in.overrun && next.size >= header_bytes && next.size <= image.size(),
-                "box " + printable(next.type) +
-                    (depth == 0 ? " goes beyond the end of the file" : " leaves its container"))) {
+        if (!check(state, !in.overrun && next.size >= header_bytes && next.size <= image.size(),
+                   "box " + printable(next.type) +
+                       (depth == 0 ? " extends beyond the end of the file"
+                                   : " extends beyond its container"))) {
             break;
         }
         next.payload = in.take(next.size - header_bytes);
         if (containers.count(next.type) != 0 &&
-            check(state, depth < kMaxDepth, "boxes nest too deep")) {
+            check(state, depth < kMaxDepth, "boxes are nested too deeply")) {
             next.children = read_boxes(state, next.payload, depth + 1);
         }
         image = in.data;

@@ -65,7 +65,7 @@ static void read_movie_header(reading &state, const box &mvhd, movie &result)
 static void read_tracks(reading &state, const box &moov, const sample_sink &sink, movie &result)
 {
     check(state, find(moov.children, "mvex") == nullptr,
-          "the movie goes on in fragments, which are not read");
+          "the movie continues in fragments, which are not read");
     for (const box &each : moov.children) {
         if (each.type == "trak" &&
             limit(state, result.tracks.size() < kMaxTracks, "too many tracks to read them all")) {
@@ -88,7 +88,7 @@ static bool looks_like_movie(bytes image)
 
 static void read_image(reading &state, bytes image, const sample_sink &sink, movie &result)
 {
-    if (!check(state, looks_like_movie(image), "this is no MP4 file")) {
+    if (!check(state, looks_like_movie(image), "this is not an MP4 file")) {
         return;
     }
     result.boxes = read_boxes(state, image, 0);

@@ -26,7 +26,7 @@ static void read_avcc(reading &state, const box &avcc, avc_configuration &result
     check(state, in.u32(1) == 1, "configurationVersion is not 1");
     const uint32_t profile = in.u32(1); // AVCProfileIndication
     in.take(2);                         // profile_compatibility, AVCLevelIndication
-    check(state, (in.u32(1) & 3) == 3, "NAL units' lengths are not of 4 bytes");
+    check(state, (in.u32(1) & 3) == 3, "the lengths of NAL units do not have 4 bytes");
     for (uint32_t count = in.u32(1) & 0x1F; count > 0; count--) {
         result.sps.push_back(copy(in.take(in.number(2))));
     }
@@ -39,14 +39,14 @@ static void read_avcc(reading &state, const box &avcc, avc_configuration &result
             in.take(in.number(2));
         }
     }
-    check(state, in.is_used_up(), "avcC does not add up");
+    check(state, in.is_used_up(), "avcC is too short or too long");
 }
 
 // Reads a descriptor's tag and size and advances the outer cursor to the next one.
 // returns: a cursor on the payload.
 static cursor read_descriptor(reading &state, cursor &in, uint32_t tag)
 {
-    check(state, in.u32(1) == tag, "descriptor tag is not " + std::to_string(tag));
+    check(state, in.u32(1) == tag, "a descriptor's tag is not " + std::to_string(tag));
     uint64_t size = 0;
     uint32_t group = 0x80;
     while ((group & 0x80) != 0 && !in.overrun) {
@@ -54,7 +54,7 @@ static cursor read_descriptor(reading &state, cursor &in, uint32_t tag)
         size = size << 7 | (group & 0x7F);
     }
     const bytes payload = in.take(size);
-    check(state, !in.overrun, "descriptor leaves its container");
+    check(state, !in.overrun, "a descriptor extends beyond its container");
     return {payload};
 }
 
@@ -75,7 +75,7 @@ static void read_esds(reading &state, const box &esds, stream_descriptors &resul
     check(state,
           read_descriptor(state, es, kSlConfigTag).u32(1) == kSlPredefinedMp4 && in.is_used_up() &&
               es.is_used_up() && config.is_used_up(),
-          "esds does not add up");
+          "esds is inconsistent");
 }
 
 void read_sample_entry(reading &state, const box &stsd, track &result)
@@ -83,7 +83,7 @@ void read_sample_entry(reading &state, const box &stsd, track &result)
     cursor in = {stsd.payload};
     in.u32(); // version, flags
     check(state, in.u32() == 1 && in.u32() == in.data.size() + 4,
-          "stsd is not filled by one entry");
+          "stsd does not hold exactly one entry");
     result.coding = in.text();
     in.take(8); // reserved, data_reference_index
     if (result.handler == "vide") {
@@ -99,7 +99,7 @@ void read_sample_entry(reading &state, const box &stsd, track &result)
     } else {
         return;
     }
-    check(state, !in.overrun, "sample entry is too short");
+    check(state, !in.overrun, "the sample entry is too short");
     for (const box &child : read_boxes(state, in.data, 1)) {
         if (child.type == "avcC") {
             read_avcc(state, child, result.avc);

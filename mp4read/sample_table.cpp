@@ -108,7 +108,7 @@ static table read_table(reading &state, const box &stbl, const std::string &type
     in.u32(); // version, flags
     const uint64_t record_bytes = in.u32() * uint64_t{fields * width};
     const bytes records = in.take(record_bytes);
-    check(state, !in.overrun, "table " + type + " does not add up");
+    check(state, !in.overrun, "table " + type + " is longer than its box");
     return {records, fields, width};
 }
 
@@ -125,7 +125,7 @@ static void read_sizes(reading &state, const box &stbl, sample_tables &result)
     if (result.common_size == 0) {
         result.sizes.records = in.data;
         check(state, !in.overrun && result.count <= result.sizes.size(),
-              "table stsz does not add up");
+              "table stsz is longer than its box");
         result.count = std::min<uint64_t>(result.count, result.sizes.size());
     }
 }
@@ -170,7 +170,8 @@ static void read_sync_numbers(reading &state, const box &stbl, sample_tables &re
     uint64_t last = 0;
     for (size_t i = 0; i < result.sync_numbers.size(); i++) {
         const uint64_t number = result.sync_numbers.at(i);
-        check(state, number > 0 && number <= result.count, "stss leaves the track");
+        check(state, number > 0 && number <= result.count,
+              "stss names samples that the track does not have");
         check(state, i == 0 || number > last, "stss is not in order");
         last = number;
     }

@@ -128,18 +128,18 @@ std::vector<std::string> programme_closing_remarks(const programme_input &progra
 {
     const video_input &video = *programme.video;
     const audio_input &audio = *programme.audio;
-    const media_file &sound = *audio.decoder->file;
+    const media_file &audio_file = *audio.decoder->file;
     std::vector<std::string> remarks;
     remark(remarks, *video.file, "damaged access units left out", video.damaged);
     remark(remarks, *video.file, "damaged parameter sets left out",
            video_input_damaged_sets(video));
-    remark(remarks, sound, "damaged audio packets left out", audio.decoder->damaged);
+    remark(remarks, audio_file, "damaged audio packets left out", audio.decoder->damaged);
     if (video.file->clock.other != nullptr) {
-        remark(remarks, sound, "jumps of the clock closed",
-               video.file->clock.jumps + sound.clock.jumps);
+        remark(remarks, audio_file, "jumps of the clock closed",
+               video.file->clock.jumps + audio_file.clock.jumps);
         return remarks;
     }
     remark(remarks, *video.file, "jumps of the video's clock closed", video.file->clock.jumps);
-    remark(remarks, sound, "jumps of the audio's clock closed", sound.clock.jumps);
+    remark(remarks, audio_file, "jumps of the audio's clock closed", audio_file.clock.jumps);
     return remarks;
 }

@@ -8,9 +8,12 @@
 #include <algorithm>
 #include <filesystem>
 
-// More gaps than these, and more marks than a chart has pixels, help nobody.
+// The page lists this many gaps at most, and a chart shows about as many marks as it has pixels.
 static constexpr size_t kGapsListed = 50;
 static constexpr size_t kMarksPerChart = 600;
+
+// In pixels.
+static constexpr double kRateChartHeight = 200, kLeadChartHeight = 140, kKeyChartHeight = 44;
 
 static const char style_sheet[] = R"(
 :root { color-scheme: light dark;
@@ -145,18 +148,20 @@ static std::string rate_chart(const media_report &report)
     for (size_t bin = 0; bin < bins; bin++) {
         highest = std::max(highest, rate(audio, bin) + rate(video, bin));
     }
-    time_chart chart = time_chart_open(report.duration_s, 0, highest, 200);
+    time_chart chart = time_chart_open(report.duration_s, 0, highest, kRateChartHeight);
     for (size_t bin = 0; bin < bins; bin++) {
         const double begin_s = static_cast<double>(bin) * report.bin_s;
         const double end_s = std::min(begin_s + report.bin_s, report.duration_s);
-        const double sound = rate(audio, bin), picture = rate(video, bin);
-        const std::string tip = span_text(begin_s, end_s) +
-                                format_text("video %.0f, audio %.0f kbit/s", picture, sound);
-        if (sound > 0) {
-            time_chart_bar(chart, "audio", begin_s, end_s, 0, sound, tip);
+        const double audio_rate = rate(audio, bin), video_rate = rate(video, bin);
+        const std::string tip =
+            span_text(begin_s, end_s) +
+            format_text("video %.0f, audio %.0f kbit/s", video_rate, audio_rate);
+        if (audio_rate > 0) {
+            time_chart_bar(chart, "audio", begin_s, end_s, 0, audio_rate, tip);
         }
-        if (picture > 0) {
-            time_chart_bar(chart, "video", begin_s, end_s, sound, sound + picture, tip);
+        if (video_rate > 0) {
+            time_chart_bar(chart, "video", begin_s, end_s, audio_rate, audio_rate + video_rate,
+                           tip);
         }
     }
     return section(
@@ -174,7 +179,7 @@ static std::string lead_chart(const media_report &report)
         return "";
     }
     time_chart chart = time_chart_open(report.duration_s, std::min(whole->low_s * 1000, 0.0),
-                                       std::max(whole->high_s * 1000, 0.0), 140);
+                                       std::max(whole->high_s * 1000, 0.0), kLeadChartHeight);
     for (size_t i = 0; i < report.leads.size(); i++) {
         const lead_range &lead = report.leads[i];
         const double next_s =
@@ -185,8 +190,8 @@ static std::string lead_chart(const media_report &report)
     }
     time_chart_level(chart, "zero", 0);
     return section("Sound against picture",
-                   "how many milliseconds of sound the file had ahead of each picture when that "
-                   "was written; below 0 it was behind",
+                   "by how many milliseconds the sound was ahead of each picture when that was "
+                   "written; negative where it was late",
                    time_chart_svg(chart, "Sound ahead of the picture over time"));
 }
 
@@ -220,7 +225,7 @@ static std::string key_chart(const media_report &report)
     if (video == nullptr) {
         return "";
     }
-    time_chart chart = time_strip_open(report.duration_s, 44);
+    time_chart chart = time_strip_open(report.duration_s, kKeyChartHeight);
     double drawn_s = -1;
     for (const double time_s : video->keys_s) {
         if (time_s >= drawn_s + report.duration_s / double{kMarksPerChart}) {
@@ -229,17 +234,17 @@ static std::string key_chart(const media_report &report)
         }
     }
     for (const track_report &track : report.tracks) {
-        const bool is_sound = track.kind == "Audio"; // on the lower half
+        const bool is_audio = track.kind == "Audio"; // on the lower half
         for (size_t i = 0; i < track.gaps.size() && i < kMarksPerChart; i++) {
             const time_gap &gap = track.gaps[i];
             time_chart_bar(chart, "gap", gap.begin_s, gap.begin_s + gap.length_s,
-                           is_sound ? 0 : 0.5, is_sound ? 0.5 : 1,
+                           is_audio ? 0 : 0.5, is_audio ? 0.5 : 1,
                            track.kind + format_text(": %.3f s without a frame", gap.length_s));
         }
     }
     return section("Key frames and gaps",
-                   "a line where a viewer can enter; red where frames are missing, pictures above "
-                   "and sound below",
+                   "a line for each key frame, where playback can start; red where frames are "
+                   "missing, pictures above and sound below",
                    time_chart_svg(chart, "Key frames and gaps over time"));
 }
 

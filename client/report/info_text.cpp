@@ -5,7 +5,7 @@
 #include <cmath>
 #include <nlohmann/json.hpp>
 
-// More gaps than these are counted only.
+// More gaps than these are only counted.
 static constexpr size_t kGapsListed = 10;
 
 std::string track_text(const track_report &track)
