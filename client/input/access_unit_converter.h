@@ -7,12 +7,9 @@
 #include <span>
 #include <vector>
 
-// nal_unit_type of parameter sets, ISO/IEC 14496-10, table 7-1
-inline constexpr unsigned kNalSps = 7, kNalPps = 8;
-
 // One parameter set; a later one of the same kind and number replaces it.
 struct parameter_set {
-    unsigned type;              // kNalSps or kNalPps
+    unsigned type;              // nal_unit_type
     unsigned number;            // its identifier in the stream
     std::vector<uint8_t> bytes; // the NAL unit
     bool is_new = false;        // the first picture had none of this kind and number

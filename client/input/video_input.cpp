@@ -1,6 +1,7 @@
 #include "client/input/video_input.h"
 
 #include "client/failure.h"
+#include "client/input/nal_unit.h"
 #include "client/input/picture_check.h"
 
 #include <algorithm>
