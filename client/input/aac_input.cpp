@@ -82,8 +82,8 @@ static int take_rate(bytes config, size_t &position)
                                     : 0;
 }
 
-// The units last as long as the core's rate says, also when an extension doubles the decoder's
-// rate. source: ISO/IEC 14496-3, 1.6.2.1, AudioSpecificConfig
+// The core's rate gives the duration of the units, also when an extension doubles the rate.
+// source: ISO/IEC 14496-3, 1.6.2.1, AudioSpecificConfig
 static void read_config(aac_input &aac, bytes config)
 {
     size_t position = 0;

@@ -31,7 +31,7 @@ struct aac_input {
 // returns: the input; throws `failure`.
 std::unique_ptr<aac_input> aac_input_open(const std::string &path, media_file *video_file);
 
-// returns: how long this number of access units lasts.
+// returns: the duration of this number of access units.
 int64_t aac_input_span_us(const aac_input &aac, int64_t units);
 
 // returns: the next access unit, valid until the next call; nothing at the end; throws `failure`

@@ -118,8 +118,9 @@ static bool read_slice_headers(const std::vector<bytes> &slices, access_unit &un
 }
 
 // Takes the parameter sets of an AVCDecoderConfigurationRecord: version, profile, compatibility,
-// level, length size, then the sequence sets and the picture sets, each after their count. returns:
-// false when the record is cut. source: ISO/IEC 14496-15, 5.2.4.1
+// level, length size, then the sequence sets and the picture sets, each after their count.
+// returns: false when the record is cut.
+// source: ISO/IEC 14496-15, 5.2.4.1
 static bool take_record(access_unit_converter &converter, bytes record, std::vector<bytes> &sets)
 {
     if (record.size() < kRecordBytesMin) {

@@ -33,8 +33,8 @@ struct media_file {
 };
 
 // Opens a file and picks its best stream of the kind; only this stream is read. The file stays
-// open, so that the path may be replaced later. returns: the file; throws `failure` when it cannot
-// be read or holds no such stream.
+// open, so that the path may be replaced later.
+// returns: the file; throws `failure` when it cannot be read or holds no such stream.
 std::unique_ptr<media_file> media_file_open(const std::string &path, AVMediaType kind);
 
 // returns: whether the file holds a stream of the kind.

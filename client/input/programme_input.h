@@ -48,8 +48,7 @@ std::unique_ptr<programme_input> programme_open(const std::string &video_path,
 //          recorded.
 std::optional<programme_unit> programme_next(programme_input &programme);
 
-// returns: one sentence for the user on each peculiarity of the input that is known before the
-// first
+// returns: a sentence for the user on each peculiarity of the input that is known before its first
 //          unit is read.
 std::vector<std::string> programme_opening_remarks(const programme_input &programme);
 

@@ -183,6 +183,8 @@ struct jump {
     int64_t old_position; // of the last packet before it
 };
 
+// What the search finds in the other stream: its crossing, no sign of one, its end, or too few
+// packets so far.
 enum class search_outcome { crossed, continues, ended, undecided };
 
 struct search_result {
@@ -195,9 +197,9 @@ struct search_result {
 // A walk over packets that are not on the line yet.
 struct search {
     stream_place place;
-    search_result hidden = {
-        search_outcome::continues}; // a crossing that shows by nothing but a break or its place
-    bool is_at_break = false;
+    // A possible crossing without a visible jump.
+    search_result hidden = {search_outcome::continues};
+    bool is_at_break = false; // the hidden crossing is at a gap or overlap
 };
 
 // Notes where the stream may have crossed to the new clock without a visible jump, because it lost

@@ -246,8 +246,8 @@ static bool take_later_sets(video_input &video)
 }
 
 // Other parameter sets before a single IDR picture are taken as damage, unless the picture cannot
-// be decoded without them; before two in turn, they are a change. in: the next IDR picture; null
-// when there is none.
+// be decoded without them; before two in turn, they are a change.
+// in: the next IDR picture; null when there is none.
 static void judge_doubt(video_input &video, video_unit *next)
 {
     const access_unit &first = video.doubted.front().unit;

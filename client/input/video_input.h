@@ -58,8 +58,8 @@ int64_t video_input_interval_us(const video_input &video);
 unsigned video_input_damaged_sets(const video_input &video);
 
 // returns: the next access unit, the first of them an IDR picture; nothing at the end, and while
-// the
-//          file's clock waits for the audio; throws `failure` when it cannot be read or recorded.
+//          the file's clock waits for the audio; throws `failure` when the video cannot be read or
+//          recorded.
 std::optional<video_unit> video_input_next(video_input &video);
 
 #endif // CLIENT_INPUT_VIDEO_INPUT_H

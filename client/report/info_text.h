@@ -12,8 +12,7 @@ std::string info_text(const media_report &report);
 // returns: the same figures, and all gaps, as one JSON object and a newline.
 std::string info_json(const media_report &report);
 
-// returns: a track's coding and form, such as "H.264 Baseline 1.3, 320x240" or "AAC-LC, 48000 Hz,
-// stereo".
+// returns: a track's coding and form, such as "AAC-LC, 48000 Hz, stereo".
 std::string track_text(const track_report &track);
 
 // returns: the range as text, such as "sound 12 to 60 ms ahead of the picture".
