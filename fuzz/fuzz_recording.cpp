@@ -5,6 +5,7 @@
 // Input: up to 3 recordings. Each has a byte for its writes and sampling rate, one for its caches,
 // a number of steps, and the steps of one byte each with what they need, see take_step.
 #include "component/omx_tdmbrec_component.h"
+#include "component/private_record.h"
 #include "fuzz/input.h"
 #include "mp4read/mp4_reader.h"
 #include "platform/android_log.h"
@@ -143,16 +144,11 @@ extern "C" int __wrap_remove(const char *)
 static OMX_ERRORTYPE handle_event(OMX_HANDLETYPE, OMX_PTR, OMX_EVENTTYPE event, OMX_U32,
                                   OMX_U32 data2, OMX_PTR)
 {
-    if (event == TDMBREC_EVENT_END_OF_RECORDING) {
+    if (static_cast<uint32_t>(event) == TDMBREC_EVENT_END_OF_RECORDING) {
         reason = data2;
         ends++;
     }
     return OMX_ErrorNone;
-}
-
-static omx_tdmbrec_component_PrivateType *record_of(OMX_COMPONENTTYPE *component)
-{
-    return static_cast<omx_tdmbrec_component_PrivateType *>(component->pComponentPrivate);
 }
 
 // A component that executes, without the framework's part in it.
@@ -163,7 +159,7 @@ static OMX_COMPONENTTYPE *make_component()
     host_set_log_level(ANDROID_LOG_SILENT + 1);
     require(omx_tdmbrec_component_Init(&component) == OMX_ErrorNone, "there is a component");
     require(component.SetCallbacks(&component, &callbacks, nullptr) == OMX_ErrorNone, "callbacks");
-    std::atomic_ref(record_of(&component)->stBase.eState).store(OMX_StateExecuting);
+    std::atomic_ref(private_record(&component)->stBase.eState).store(OMX_StateExecuting);
     return &component;
 }
 
@@ -171,8 +167,8 @@ static void start(OMX_COMPONENTTYPE *component)
 {
     char path[TDMBREC_PATH_BYTES] = {};
     std::memcpy(path, kOutput, sizeof(kOutput));
-    (void)OMX_SetParameter(component, TDMBREC_INDEX_OUTPUT_PATH, path);
-    (void)OMX_SetParameter(component, TDMBREC_INDEX_START, path);
+    (void)OMX_SetParameter(component, OMX_INDEXTYPE(TDMBREC_INDEX_OUTPUT_PATH), path);
+    (void)OMX_SetParameter(component, OMX_INDEXTYPE(TDMBREC_INDEX_START), path);
 }
 
 static Frames frames_of(const mp4_reader::movie &movie, const std::string &handler)
@@ -204,12 +200,12 @@ static void check_file()
 static void finish(OMX_COMPONENTTYPE *component, uint32_t ends_before)
 {
     OMX_U32 any = 0;
-    (void)OMX_SetParameter(component, TDMBREC_INDEX_STOP, &any);
+    (void)OMX_SetParameter(component, OMX_INDEXTYPE(TDMBREC_INDEX_STOP), &any);
     for (int i = 0; ends == ends_before && i < 100000; i++) {
         usleep(20);
     }
     require(ends == ends_before + 1, "a recording is reported once");
-    const pthread_t teller = std::atomic_ref(record_of(component)->hStopThread).exchange({});
+    const pthread_t teller = std::atomic_ref(private_record(component)->hStopThread).exchange({});
     if (teller != pthread_t{}) {
         (void)pthread_join(teller, nullptr);
     }
@@ -229,7 +225,7 @@ static void offer(OMX_COMPONENTTYPE *component, uint8_t port, Bytes data, int64_
     header.nAllocLen = length;
     header.nFilledLen = length;
     header.nTimeStamp = ts_us;
-    record_of(component)->ucBufferPort = port;
+    private_record(component)->ucBufferPort = port;
     omx_tdmbrec_component_BufferMgmtCallback(component, &header);
     require(header.nFilledLen == 0 || header.nFilledLen == length, "consumed or kept whole");
 }
