@@ -6,7 +6,7 @@
 #define COMPONENT_PARAMETER_SETS_H
 
 #include "component/access_unit.h"
-#include "component/omx_tdmbrec_component.h"
+#include "component/private_record.h"
 
 // returns: whether the leading parameter sets suffice for a decoder configuration
 [[nodiscard]] bool has_both_kinds(const access_unit_t *access_unit);

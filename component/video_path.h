@@ -2,7 +2,7 @@
 #ifndef COMPONENT_VIDEO_PATH_H
 #define COMPONENT_VIDEO_PATH_H
 
-#include "component/omx_tdmbrec_component.h"
+#include "component/private_record.h"
 
 // Makes the frame of a video buffer, in the buffer itself when it fits. Opens the file at the first
 // buffer with usable parameter sets. Consumes the buffer.
