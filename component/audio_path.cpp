@@ -33,7 +33,7 @@ static bool initialise_encoder(omx_tdmbrec_component_PrivateType *self,
         return true;
     }
     memcpy(self->stZplAencInit.aucFirstPcm, buffer->pBuffer + buffer->nOffset,
-           std::min<uint32_t>(buffer->nFilledLen, ZPL_AENC_FIRST_PCM_BYTES));
+           std::min<uint32_t>(buffer->nFilledLen, sizeof(self->stZplAencInit.aucFirstPcm)));
     if (zpl_aenc_init(&self->stZplAenc, &self->stZplAencInit, self->iAencType, self->iAencOutput,
                       self->pfnAacEnc) < 0) {
         __android_log_print(ANDROID_LOG_ERROR, TDMBREC_LOG_TAG, "Audio Dec init error.");
@@ -103,7 +103,7 @@ static uint32_t queue_pcm(omx_tdmbrec_component_PrivateType *self, const uint8_t
     tdmbrec_pcm_queue_t *const queue = self->pPcmQueue;
     memmove(self->pucPcmBase, queue->pucRead, queue->uiLength);
     queue->pucRead = self->pucPcmBase;
-    const uint32_t appended = std::min<uint32_t>(length, PCM_QUEUE_BYTES - queue->uiLength);
+    const uint32_t appended = std::min<uint32_t>(length, kPcmQueueBytes - queue->uiLength);
     memcpy(self->pucPcmBase + queue->uiLength, data, appended);
     queue->uiLength += appended;
     return appended;
