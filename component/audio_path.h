@@ -18,4 +18,8 @@ enum audio_result_t {
                                                  OMX_BUFFERHEADERTYPE *buffer, uint32_t time,
                                                  write_result_t *result);
 
+// Forgets the queued times of a recording.
+// thread: the end of a recording.
+void reset_audio_path(omx_tdmbrec_component_PrivateType *self);
+
 #endif // COMPONENT_AUDIO_PATH_H

@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <cstdint>
 
+static constexpr uint8_t kIntervalUnmeasured = 0xFF;
+
 static constexpr char kRuler[] = // 80 characters
     "################################################################################";
 
@@ -115,7 +117,7 @@ void note_video_time(omx_tdmbrec_component_PrivateType *self, uint32_t time)
 {
     const uint32_t distance = time - self->uiLastVideoPts;
     uint8_t index = load_shared(global_uc_write_index);
-    if (self->ucVideoIntervalState == 0xFF) {
+    if (self->ucVideoIntervalState == kIntervalUnmeasured) {
         // The first distance of a recording is that of its first video to itself.
         if (distance != 0) {
             self->uiVideoIntervalMs = distance;
@@ -128,4 +130,19 @@ void note_video_time(omx_tdmbrec_component_PrivateType *self, uint32_t time)
     }
     self->uiLastVideoPts = time;
     store_shared(global_ui_VIDEO_PTS[index][TDMBREC_SEGMENT_LATEST], time);
+}
+
+void reset_time_line(omx_tdmbrec_component_PrivateType *self)
+{
+    self->llAudioBaseTime = 0;
+    self->llVideoBaseTime = 0;
+    self->llLastAudioTime = 0;
+    self->llLastVideoTime = 0;
+    self->ucAudioRollbackCount = 0;
+    self->ucVideoRollbackCount = 0;
+    self->uiBackupAudioPts = 0;
+    self->uiBackupVideoPts = 0;
+    self->ucVideoIntervalState = kIntervalUnmeasured;
+    self->uiVideoIntervalMs = 0;
+    self->uiLastVideoPts = 0;
 }

@@ -3,7 +3,7 @@
 #include "component/frame_fifo.h"
 #include "component/frame_writer.h"
 #include "component/private_record.h"
-#include "component/recording_control.h"
+#include "component/recording_end.h"
 #include "component/shared_fields.h"
 #include "component/tdmbrec_interface.h"
 
