@@ -18,12 +18,12 @@ static uint32_t *ring_time(uint8_t index)
 
 static uint32_t *ring_length(uint8_t index)
 {
-    return &global_ui_AUDIO_PTS[AUDIO_PTS_ENTRIES + index];
+    return &global_ui_AUDIO_PTS[kAudioPtsEntries + index];
 }
 
 static uint8_t next_index(uint8_t index)
 {
-    return static_cast<uint8_t>((index + 1) % AUDIO_PTS_ENTRIES);
+    return static_cast<uint8_t>((index + 1) % kAudioPtsEntries);
 }
 
 static bool initialise_encoder(omx_tdmbrec_component_PrivateType *self,
@@ -62,9 +62,9 @@ static uint32_t lift_above_last_frame(const omx_tdmbrec_component_PrivateType *s
 static void queue_time(omx_tdmbrec_component_PrivateType *self, uint32_t time_ms,
                        uint32_t pcm_bytes)
 {
-    if (self->ucAudioPtsCount == AUDIO_PTS_ENTRIES) {
-        const uint8_t newest = static_cast<uint8_t>(
-            (self->ucAudioPtsWrite + AUDIO_PTS_ENTRIES - 1) % AUDIO_PTS_ENTRIES);
+    if (self->ucAudioPtsCount == kAudioPtsEntries) {
+        const uint8_t newest =
+            static_cast<uint8_t>((self->ucAudioPtsWrite + kAudioPtsEntries - 1) % kAudioPtsEntries);
         *ring_length(newest) = add_ms(*ring_length(newest), pcm_bytes);
         return;
     }
