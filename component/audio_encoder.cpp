@@ -111,3 +111,8 @@ OMX_ERRORTYPE omx_tdmbrec_audio_enc_DeInit(omx_tdmbrec_component_PrivateType *se
     free_buffers(self);
     return result;
 }
+
+void reset_audio_configuration(omx_tdmbrec_component_PrivateType *self)
+{
+    self->uiAudioSpecificConfigLen = 0;
+}

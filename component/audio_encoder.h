@@ -33,4 +33,8 @@ struct tdmbrec_pcm_queue_t {
 // thread: the stop procedure
 OMX_ERRORTYPE omx_tdmbrec_audio_enc_DeInit(omx_tdmbrec_component_PrivateType *self);
 
+// Forgets the decoder configuration, which the file needs until it is closed.
+// thread: the end of a recording.
+void reset_audio_configuration(omx_tdmbrec_component_PrivateType *self);
+
 #endif // COMPONENT_AUDIO_ENCODER_H

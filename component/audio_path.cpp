@@ -18,12 +18,12 @@ static uint32_t *ring_time(uint8_t index)
 
 static uint32_t *ring_length(uint8_t index)
 {
-    return &global_ui_AUDIO_PTS[AUDIO_PTS_ENTRIES + index];
+    return &global_ui_AUDIO_PTS[kAudioPtsEntries + index];
 }
 
 static uint8_t next_index(uint8_t index)
 {
-    return static_cast<uint8_t>((index + 1) % AUDIO_PTS_ENTRIES);
+    return static_cast<uint8_t>((index + 1) % kAudioPtsEntries);
 }
 
 // Opens the encoder at the first audio buffer of a recording.
@@ -70,9 +70,9 @@ static uint32_t add_bytes(uint32_t a_bytes, uint32_t b_bytes)
 static void queue_time(omx_tdmbrec_component_PrivateType *self, uint32_t time_ms,
                        uint32_t pcm_bytes)
 {
-    if (self->ucAudioPtsCount == AUDIO_PTS_ENTRIES) {
-        const uint8_t newest = static_cast<uint8_t>(
-            (self->ucAudioPtsWrite + AUDIO_PTS_ENTRIES - 1) % AUDIO_PTS_ENTRIES);
+    if (self->ucAudioPtsCount == kAudioPtsEntries) {
+        const uint8_t newest =
+            static_cast<uint8_t>((self->ucAudioPtsWrite + kAudioPtsEntries - 1) % kAudioPtsEntries);
         *ring_length(newest) = add_bytes(*ring_length(newest), pcm_bytes);
         return;
     }
@@ -180,4 +180,14 @@ write_result_t handle_audio_buffer(omx_tdmbrec_component_PrivateType *self,
         result = write_complete_frames(self);
     }
     return result;
+}
+
+void reset_audio_path(omx_tdmbrec_component_PrivateType *self)
+{
+    self->ucAudioPtsRead = 0;
+    self->ucAudioPtsWrite = 0;
+    self->ucAudioPtsCount = 0;
+    self->uiAacInputSize = 0;
+    self->uiAudioFrameMs = 0;
+    self->uiLastAudioPts = 0;
 }

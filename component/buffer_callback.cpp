@@ -5,7 +5,7 @@
 #include "component/frame_writer.h"
 #include "component/omx_tdmbrec_component.h"
 #include "component/private_record.h"
-#include "component/recording_control.h"
+#include "component/recording_end.h"
 #include "component/shared_fields.h"
 #include "component/storage_watch.h"
 #include "component/time_line.h"

@@ -72,3 +72,9 @@ write_result_t write_frame(omx_tdmbrec_component_PrivateType *self, mp4_mux_puts
     }
     return result;
 }
+
+void reset_written_frames(omx_tdmbrec_component_PrivateType *self)
+{
+    self->bAudioWritten = 0;
+    self->bVideoWritten = 0;
+}

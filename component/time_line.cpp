@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <cstdint>
 
+static constexpr uint8_t kIntervalUnmeasured = 0xFF;
+
 static constexpr char kRuler[] =
     "################################################################################";
 static_assert(sizeof(kRuler) == 80 + 1);
@@ -112,7 +114,7 @@ void note_video_time(omx_tdmbrec_component_PrivateType *self, uint32_t time_ms)
 {
     const uint32_t interval_ms = time_ms - self->uiLastVideoPts;
     uint8_t index = load_shared(global_uc_write_index);
-    if (self->ucVideoIntervalState == 0xFF) {
+    if (self->ucVideoIntervalState == kIntervalUnmeasured) {
         // 0 at the first frame of a recording.
         if (interval_ms != 0) {
             self->uiVideoIntervalMs = interval_ms;
@@ -125,4 +127,19 @@ void note_video_time(omx_tdmbrec_component_PrivateType *self, uint32_t time_ms)
     }
     self->uiLastVideoPts = time_ms;
     store_shared(global_ui_VIDEO_PTS[index][TDMBREC_SEGMENT_LATEST], time_ms);
+}
+
+void reset_time_line(omx_tdmbrec_component_PrivateType *self)
+{
+    self->llAudioBaseTime = 0;
+    self->llVideoBaseTime = 0;
+    self->llLastAudioTime = 0;
+    self->llLastVideoTime = 0;
+    self->ucAudioRollbackCount = 0;
+    self->ucVideoRollbackCount = 0;
+    self->uiBackupAudioPts = 0;
+    self->uiBackupVideoPts = 0;
+    self->ucVideoIntervalState = kIntervalUnmeasured;
+    self->uiVideoIntervalMs = 0;
+    self->uiLastVideoPts = 0;
 }

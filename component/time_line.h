@@ -22,4 +22,8 @@ void note_video_time(omx_tdmbrec_component_PrivateType *self, uint32_t time_ms);
 // returns: the sum, at most UINT32_MAX
 [[nodiscard]] uint32_t add_ms(uint32_t a_ms, uint32_t b_ms);
 
+// Forgets the clock of a recording.
+// thread: the constructor; the end of a recording.
+void reset_time_line(omx_tdmbrec_component_PrivateType *self);
+
 #endif // COMPONENT_TIME_LINE_H

@@ -157,7 +157,7 @@ TEST_F(Recording, IsReportedInTheOrderInWhichTheRecordingsEnded)
         host_set_storage(0, 8000000, 51200);
         send_programme(*client, 1, 3);
         host_set_storage(0, 8000000, 4000000);
-        for (uint32_t n = 3; n < TDMBREC_ENDS; n++) {
+        for (uint32_t n = 3; n < kMostUnreportedEnds; n++) {
             EXPECT_EQ(client->start(), OMX_ErrorNone) << n;
             send_programme(*client, 3);
             refuse_threads(n == 3 ? 1 : 0); // the first one ends on this thread
@@ -174,7 +174,7 @@ TEST_F(Recording, IsReportedInTheOrderInWhichTheRecordingsEnded)
     order.watch(*other, 'B', [] {});
     send_programme(*client, 3);
     client->stop();
-    for (uint32_t n = 0; n < TDMBREC_ENDS; n++) {
+    for (uint32_t n = 0; n < kMostUnreportedEnds; n++) {
         EXPECT_TRUE(client->wait_for_end().has_value());
     }
     EXPECT_EQ(order.ends(), "A1 A2 A1 A0 B0 A1 A1 A1 A1 ");
