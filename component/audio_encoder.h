@@ -30,11 +30,11 @@ struct tdmbrec_pcm_queue_t {
 
 // Closes the encoder if it was opened, and frees the queue and the output buffer.
 // returns: OMX_ErrorNone, or 0x90000000 when the encoder fails to close
-// thread: the stop procedure
+// thread: the end of a recording
 OMX_ERRORTYPE omx_tdmbrec_audio_enc_DeInit(omx_tdmbrec_component_PrivateType *self);
 
-// Forgets the decoder configuration, which the file needs until it is closed.
-// thread: the end of a recording.
+// Discards the decoder configuration. The file needs it until it is closed.
+// thread: the end of a recording
 void reset_audio_configuration(omx_tdmbrec_component_PrivateType *self);
 
 #endif // COMPONENT_AUDIO_ENCODER_H

@@ -66,7 +66,7 @@ static uint32_t add_bytes(uint32_t a_bytes, uint32_t b_bytes)
     return static_cast<uint32_t>(std::min<uint64_t>(uint64_t{a_bytes} + b_bytes, UINT32_MAX));
 }
 
-// Notes the time of queued PCM. When the ring is full, the PCM belongs to its newest entry.
+// Queues the time of PCM. When the ring is full, the PCM belongs to its newest entry.
 static void queue_time(omx_tdmbrec_component_PrivateType *self, uint32_t time_ms,
                        uint32_t pcm_bytes)
 {

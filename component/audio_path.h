@@ -13,8 +13,8 @@
 [[nodiscard]] write_result_t handle_audio_buffer(omx_tdmbrec_component_PrivateType *self,
                                                  OMX_BUFFERHEADERTYPE *buffer, uint32_t time_ms);
 
-// Forgets the queued times of a recording.
-// thread: the end of a recording.
+// Discards the queued times and the frame geometry of a recording.
+// thread: the end of a recording
 void reset_audio_path(omx_tdmbrec_component_PrivateType *self);
 
 #endif // COMPONENT_AUDIO_PATH_H

@@ -32,8 +32,8 @@ void log_mux_error(omx_tdmbrec_component_PrivateType *self, int32_t mux_result,
 [[nodiscard]] write_result_t write_frame(omx_tdmbrec_component_PrivateType *self,
                                          mp4_mux_putstream_t *frame);
 
-// Forgets what a file has frames of.
-// thread: the end of a recording; under lockTDMBRecording.
+// Marks the next file as one without frames.
+// thread: the end of a recording; under lockTDMBRecording
 void reset_written_frames(omx_tdmbrec_component_PrivateType *self);
 
 #endif // COMPONENT_FRAME_WRITER_H

@@ -9,9 +9,8 @@
 
 // Maps the time stamp of a buffer of port ucBufferPort.
 // out: *time_ms: at most UINT32_MAX, also for later times
-// returns: false when the buffer has no place on the time line: audio before any video or before
-// the
-//          time base
+// returns: false for audio before any video or before the time base, which has no place on the
+//          time line
 [[nodiscard]] bool map_time_stamp(omx_tdmbrec_component_PrivateType *self, int64_t ts_us,
                                   uint32_t *time_ms);
 
@@ -22,8 +21,8 @@ void note_video_time(omx_tdmbrec_component_PrivateType *self, uint32_t time_ms);
 // returns: the sum, at most UINT32_MAX
 [[nodiscard]] uint32_t add_ms(uint32_t a_ms, uint32_t b_ms);
 
-// Forgets the clock of a recording.
-// thread: the constructor; the end of a recording.
+// Resets the time line for the next recording.
+// thread: the constructor's; the end of a recording
 void reset_time_line(omx_tdmbrec_component_PrivateType *self);
 
 #endif // COMPONENT_TIME_LINE_H

@@ -13,8 +13,8 @@
                                        OMX_BUFFERHEADERTYPE *buffer, uint32_t time_ms,
                                        mp4_mux_putstream_t *frame);
 
-// Forgets the parameter sets and the origin of a recording's file and frees the room for frames.
-// thread: the end of a recording.
+// Discards what the path keeps of a recording, and frees its memory for frames.
+// thread: the end of a recording
 void reset_video_path(omx_tdmbrec_component_PrivateType *self);
 
 #endif // COMPONENT_VIDEO_PATH_H

@@ -9,7 +9,7 @@ static constexpr int32_t kStreamBufferBytes = 2048;
 static constexpr int32_t kSamplesPerChannel = 1024;
 static constexpr int32_t kDefaultSampleBits = 16;
 static constexpr size_t kReservedWordsOffset = 16; // in the first PCM
-static constexpr char kRuler[] = "---------------------------------------------------"; // 51
+static constexpr char kRuler[] = "---------------------------------------------------";
 static_assert(sizeof(kRuler) == 51 + 1);
 
 static tdmbrec_encoder_function_t gspfAEnc;

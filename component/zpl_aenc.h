@@ -2,7 +2,7 @@
 // its buffers through the caller's memory functions and checks its results. The library has one
 // encoder at a time.
 //
-// thread: the one that owns the recording's encoder
+// thread: the buffer thread while recording, then the end of the recording
 #ifndef COMPONENT_ZPL_AENC_H
 #define COMPONENT_ZPL_AENC_H
 
