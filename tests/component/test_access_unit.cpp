@@ -1,4 +1,4 @@
-// Every input over small alphabets, against a splitter that goes byte by byte.
+// Every input over small alphabets, compared with a splitter that works byte by byte.
 #include "component/access_unit.h"
 
 #include <gtest/gtest.h>
@@ -63,7 +63,7 @@ static bool is_same(const access_unit_t &a, const access_unit_t &b)
     return fields(a) == fields(b);
 }
 
-// All units, after their lengths or after start codes of 4 bytes.
+// All units, each after its length or after a start code of 4 bytes.
 static Bytes plain_rewrite(const Bytes &data, const std::vector<nal_unit_t> &units, bool lengths)
 {
     Bytes out;
@@ -105,12 +105,12 @@ static bool is_handled(const Bytes &data)
            (expected.has_short_start_codes || in_place == with_lengths);
 }
 
-// The data, and the data after which up to `most` words of the alphabet follow.
+// Checks the data with every sequence of up to `most` words of the alphabet after it.
 static void expect_all_handled(const Bytes &data, const std::vector<Bytes> &alphabet, int most)
 {
     ASSERT_TRUE(is_handled(data)) << testing::PrintToString(data);
     for (size_t i = 0; i < alphabet.size() && most > 0 && !testing::Test::HasFailure(); i++) {
-        Bytes longer; // without room after its end, so that an overrun is seen
+        Bytes longer; // has no spare capacity, so that an overrun is noticed
         longer.reserve(data.size() + alphabet[i].size());
         longer = data;
         longer.insert(longer.end(), alphabet[i].begin(), alphabet[i].end());
