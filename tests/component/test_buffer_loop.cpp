@@ -9,20 +9,6 @@ class BufferLoop : public ComponentTest {};
 
 static const Bytes some_data(100, 7);
 
-TEST_F(BufferLoop, ConsumesEveryBufferWhileNothingIsRecorded)
-{
-    const auto client = make_client();
-    client->to_executing();
-    for (const Bytes &data : {some_data, Bytes{}}) {
-        for (OMX_U32 port : {0u, 1u}) {
-            OMX_BUFFERHEADERTYPE *const header = client->post(port, data, 0);
-            ASSERT_TRUE(client->wait_until_back(header));
-            EXPECT_EQ(header->nFilledLen, 0u);
-        }
-    }
-    client->to_loaded();
-}
-
 TEST_F(BufferLoop, KeepsBuffersUntilExecutingServesVideoFirstAndReportsAMarkOnce)
 {
     const auto client = make_client();
