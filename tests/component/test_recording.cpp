@@ -14,7 +14,7 @@
 
 class Recording : public ComponentTest {};
 
-TEST_F(Recording, StopsWithTheReasonOfItsPathOrStorage)
+TEST_F(Recording, StopsWithTheReasonOfItsPathStorageOrSize)
 {
     const auto client = make_client();
     client->to_executing();
@@ -45,6 +45,14 @@ TEST_F(Recording, StopsWithTheReasonOfItsPathOrStorage)
     host_set_storage(0, 8000000, 51200);
     send_programme(*client, 1, 3);
     EXPECT_EQ(client->wait_for_end(), 2u);
+    host_set_storage(0, 8000000, 51201);
+    EXPECT_EQ(client->start(), OMX_ErrorNone);
+    set_put_result(0, 1800000000);
+    send_programme(*client, 3);
+    EXPECT_EQ(client->count(kEventEndOfRecording), 8u) << "as large as a file may be";
+    set_put_result(0, 1800000001);
+    send_programme(*client, 1, 3);
+    EXPECT_EQ(client->wait_for_end(), 6u);
     client->to_loaded();
 }
 
