@@ -1,5 +1,6 @@
 #include "component/audio_encoder.h"
 
+#include "aacenc/aac_enc.h"
 #include "component/shared_fields.h"
 #include "component/zpl_aenc.h"
 #include "platform/qvr_memory.h"
@@ -108,4 +109,9 @@ OMX_ERRORTYPE omx_tdmbrec_audio_enc_DeInit(omx_tdmbrec_component_PrivateType *se
         free_buffers(self);
     }
     return result;
+}
+
+void reset_audio_configuration(omx_tdmbrec_component_PrivateType *self)
+{
+    self->uiAudioSpecificConfigLen = 0;
 }

@@ -3,11 +3,17 @@
 #ifndef COMPONENT_AUDIO_ENCODER_H
 #define COMPONENT_AUDIO_ENCODER_H
 
-#include "component/omx_tdmbrec_component.h"
+#include "component/private_record.h"
 
 #include <cstdint>
 
 #define PCM_QUEUE_BYTES 0x200000
+
+// PCM between the client's buffers and the encoder's frames.
+struct tdmbrec_pcm_queue_t {
+    uint8_t *pucRead;  // oldest queued byte
+    uint32_t uiLength; // bytes queued
+};
 
 // Builds the decoder configuration of an AAC LC stream.
 // in       channels: its low 4 bits are used
@@ -26,5 +32,9 @@
 // returns OMX_ErrorNone, or 0x90000000 when the encoder fails to close.
 // thread: the stop procedure.
 OMX_ERRORTYPE omx_tdmbrec_audio_enc_DeInit(omx_tdmbrec_component_PrivateType *self);
+
+// Forgets the decoder configuration, which the file needs until it is closed.
+// thread: the end of a recording.
+void reset_audio_configuration(omx_tdmbrec_component_PrivateType *self);
 
 #endif // COMPONENT_AUDIO_ENCODER_H

@@ -170,3 +170,13 @@ audio_result_t handle_audio_buffer(omx_tdmbrec_component_PrivateType *self,
     }
     return *result == kWriteDone ? kAudioConsumed : kAudioStop;
 }
+
+void reset_audio_path(omx_tdmbrec_component_PrivateType *self)
+{
+    self->ucAudioPtsRead = 0;
+    self->ucAudioPtsWrite = 0;
+    self->ucAudioPtsCount = 0;
+    self->uiAacInputSize = 0;
+    self->uiAudioFrameMs = 0;
+    self->uiLastAudioPts = 0;
+}

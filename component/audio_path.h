@@ -3,7 +3,7 @@
 #define COMPONENT_AUDIO_PATH_H
 
 #include "component/frame_writer.h"
-#include "component/omx_tdmbrec_component.h"
+#include "component/private_record.h"
 
 enum audio_result_t {
     kAudioConsumed,
@@ -17,5 +17,9 @@ enum audio_result_t {
 [[nodiscard]] audio_result_t handle_audio_buffer(omx_tdmbrec_component_PrivateType *self,
                                                  OMX_BUFFERHEADERTYPE *buffer, uint32_t time,
                                                  write_result_t *result);
+
+// Forgets the queued times of a recording.
+// thread: the end of a recording.
+void reset_audio_path(omx_tdmbrec_component_PrivateType *self);
 
 #endif // COMPONENT_AUDIO_PATH_H

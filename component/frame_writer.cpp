@@ -4,7 +4,6 @@
 #include "component/mux_session.h"
 #include "component/process_state.h"
 
-static constexpr int64_t kLargestFileBytes = 1800000000;
 static constexpr int kTraceLine = 829; // the place that the device's log names
 
 static write_result_t put_frame_locked(omx_tdmbrec_component_PrivateType *self,
@@ -23,7 +22,7 @@ static write_result_t put_frame_locked(omx_tdmbrec_component_PrivateType *self,
     } else {
         self->bVideoWritten = 1;
     }
-    return estimated_bytes > kLargestFileBytes ? kWriteSizeLimit : kWriteDone;
+    return estimated_bytes > TDMBREC_FILE_LIMIT_BYTES ? kWriteSizeLimit : kWriteDone;
 }
 
 write_result_t put_frame(omx_tdmbrec_component_PrivateType *self, mp4_mux_putstream_t *frame,
@@ -73,4 +72,10 @@ write_result_t write_frame(omx_tdmbrec_component_PrivateType *self, mp4_mux_puts
         log_mux_error(self, mux_result, "omx_tdmbrec_component_BufferMgmtCallback", kTraceLine);
     }
     return result;
+}
+
+void reset_written_frames(omx_tdmbrec_component_PrivateType *self)
+{
+    self->bAudioWritten = 0;
+    self->bVideoWritten = 0;
 }

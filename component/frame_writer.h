@@ -2,7 +2,7 @@
 #ifndef COMPONENT_FRAME_WRITER_H
 #define COMPONENT_FRAME_WRITER_H
 
-#include "component/omx_tdmbrec_component.h"
+#include "component/private_record.h"
 
 enum write_result_t {
     kWriteDone,      // written, or nothing to write yet
@@ -32,5 +32,9 @@ void log_mux_error(omx_tdmbrec_component_PrivateType *self, int32_t mux_result,
 // thread:  the buffer thread, while recording
 [[nodiscard]] write_result_t write_frame(omx_tdmbrec_component_PrivateType *self,
                                          mp4_mux_putstream_t *frame);
+
+// Forgets what a file has frames of.
+// thread: the end of a recording; under lockTDMBRecording.
+void reset_written_frames(omx_tdmbrec_component_PrivateType *self);
 
 #endif // COMPONENT_FRAME_WRITER_H

@@ -1,12 +1,8 @@
 #include "component/mux_session.h"
 
 #include "component/component_log.h"
-#include "component/end_reports.h"
 #include "component/file_callbacks.h"
-#include "component/name_parts.h"
-#include "component/parameter_sets.h"
 #include "component/process_state.h"
-#include "component/shared_fields.h"
 #include "component/storage_watch.h"
 #include "platform/qvr_memory.h"
 
@@ -20,10 +16,6 @@ static constexpr int32_t kVideoCacheBytes = 0xC0000;
 static constexpr int32_t kAudioCacheBytes = 0x80000;
 static_assert(kCacheBlockBytes == kOutputCacheBytes + kVideoCacheBytes + kAudioCacheBytes);
 static constexpr int32_t kCloseMemoryBytes = 0x300000;
-
-static constexpr int32_t kVideoWidth = 320;       // pixels
-static constexpr int32_t kVideoHeight = 240;      // pixels
-static constexpr int32_t kVideoFrameRate = 30000; // frames in 1000 s
 
 static int c_file_at_end(void *file)
 {
@@ -88,9 +80,9 @@ static void fill_input(omx_tdmbrec_component_PrivateType *self)
     input->m_iHour = 17;
     input->m_iMinute = 5;
     input->m_iSecond = 18;
-    input->m_iVideoWidth = kVideoWidth;
-    input->m_iVideoHeight = kVideoHeight;
-    input->m_iVideoFrameRate = kVideoFrameRate;
+    input->m_iVideoWidth = kFrameWidth;
+    input->m_iVideoHeight = kFrameHeight;
+    input->m_iVideoFrameRate = 1000 * kFramesPerSecond;
     memcpy(&input->m_uiVideoFourCC, "avc1", 4);
     input->m_pbyVideoPrivate = self->aucVideoConfig;
     input->m_iVideoPrivateSize = self->ucVideoConfigLen;
@@ -161,7 +153,7 @@ static void complete_sound_track(omx_tdmbrec_component_PrivateType *self)
     (void)QVR_MP4_MUX(MUX_PUTFRAME, &self->hMux, &frame, nullptr);
 }
 
-static OMX_ERRORTYPE close_session_locked(omx_tdmbrec_component_PrivateType *self)
+OMX_ERRORTYPE close_mux_session(omx_tdmbrec_component_PrivateType *self)
 {
     OMX_ERRORTYPE result = OMX_ErrorNone;
     complete_sound_track(self);
@@ -183,70 +175,7 @@ static OMX_ERRORTYPE close_session_locked(omx_tdmbrec_component_PrivateType *sel
     return result;
 }
 
-// ucBufferPort is not among these: it is the buffer thread's, which sets it before every callback.
-static void reset_recording_state(omx_tdmbrec_component_PrivateType *self)
+void reset_mux_session(omx_tdmbrec_component_PrivateType *self)
 {
-    self->llLastAudioTime = 0;
-    self->llLastVideoTime = 0;
-    self->llAudioBaseTime = 0;
-    self->llVideoBaseTime = 0;
-    self->ucVideoIntervalState = 0xFF;
-    self->ucVideoConfigLen = 0;
     self->iMuxOpenResult = -1;
-    self->uiAudioSpecificConfigLen = 0;
-    self->ucAudioPtsRead = 0;
-    self->ucAudioPtsWrite = 0;
-    self->ucAudioPtsCount = 0;
-    self->ucAudioRollbackCount = 0;
-    self->ucVideoRollbackCount = 0;
-    self->uiAacInputSize = 0;
-    self->uiAudioFrameMs = 0;
-    self->uiVideoIntervalMs = 0;
-    self->uiFirstVideoPts = 0;
-    self->uiLastAudioPts = 0;
-    self->uiLastVideoPts = 0;
-    self->uiBackupAudioPts = 0;
-    self->uiBackupVideoPts = 0;
-    self->bAudioWritten = 0;
-    self->bVideoWritten = 0;
-    self->bOpenedBySetsAlone = 0;
-    self->bInBandParameterSets = 0;
-    self->bFileBegun = 0;
-    forget_kept_sets(self);
-    QVR_free(self->pucVideoFrame);
-    self->pucVideoFrame = nullptr;
-    self->uiVideoFrameSize = 0;
-}
-
-// returns the result of the close; *reason is what to tell the client.
-static OMX_ERRORTYPE close_locked(omx_tdmbrec_component_PrivateType *self, uint8_t *reason)
-{
-    OMX_ERRORTYPE result = OMX_ErrorNone;
-    close_storage();
-    if (self->bMuxOpen == 1) {
-        result = close_session_locked(self);
-        *reason = load_shared(global_uc_stop_type);
-    } else {
-        *reason = TDMBREC_STOP_STORAGE;
-        store_shared<uint8_t>(global_uc_stop_type, TDMBREC_STOP_STORAGE);
-    }
-    // Also after a recording that never opened its file: its times must not reach the next one.
-    reset_recording_state(self);
-    clear_name_parts(self);
-    return result;
-}
-
-// No lock is held and the next recording may begin when the client is told, so that it can do
-// whatever it likes from the event.
-OMX_ERRORTYPE omx_tdmbrec_mp4_mux_DeInit(OMX_COMPONENTTYPE *component,
-                                         omx_tdmbrec_component_PrivateType *self)
-{
-    uint8_t reason = TDMBREC_STOP_STORAGE;
-    pthread_mutex_lock(&lockTDMBRecording);
-    const OMX_ERRORTYPE result = close_locked(self, &reason);
-    pthread_mutex_unlock(&lockTDMBRecording);
-    // A handle is kept until the next start lets it go, so that no other thread can have the same.
-    const bool is_stop_thread = pthread_equal(load_shared(self->hStopThread), pthread_self()) != 0;
-    report_end(component, reason, is_stop_thread);
-    return result;
 }

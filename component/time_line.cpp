@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <cstdint>
 
+static constexpr uint8_t kIntervalUnmeasured = 0xFF;
+
 static constexpr char kRuler[] = // 80 characters
     "################################################################################";
 
@@ -115,17 +117,32 @@ void note_video_time(omx_tdmbrec_component_PrivateType *self, uint32_t time)
 {
     const uint32_t distance = time - self->uiLastVideoPts;
     uint8_t index = load_shared(global_uc_write_index);
-    if (self->ucVideoIntervalState == 0xFF) {
+    if (self->ucVideoIntervalState == kIntervalUnmeasured) {
         // The first distance of a recording is that of its first video to itself.
         if (distance != 0) {
             self->uiVideoIntervalMs = distance;
             self->ucVideoIntervalState = 0;
         }
     } else if (distance > 2 * static_cast<uint64_t>(self->uiVideoIntervalMs)) {
-        store_shared(global_ui_VIDEO_PTS[index][1], self->uiLastVideoPts);
-        index = static_cast<uint8_t>((index + 1) % VIDEO_PTS_ENTRIES);
+        store_shared(global_ui_VIDEO_PTS[index][TDMBREC_SEGMENT_END], self->uiLastVideoPts);
+        index = static_cast<uint8_t>((index + 1) % TDMBREC_VIDEO_SEGMENTS);
         store_shared(global_uc_write_index, index);
     }
     self->uiLastVideoPts = time;
-    store_shared(global_ui_VIDEO_PTS[index][0], time);
+    store_shared(global_ui_VIDEO_PTS[index][TDMBREC_SEGMENT_LATEST], time);
+}
+
+void reset_time_line(omx_tdmbrec_component_PrivateType *self)
+{
+    self->llAudioBaseTime = 0;
+    self->llVideoBaseTime = 0;
+    self->llLastAudioTime = 0;
+    self->llLastVideoTime = 0;
+    self->ucAudioRollbackCount = 0;
+    self->ucVideoRollbackCount = 0;
+    self->uiBackupAudioPts = 0;
+    self->uiBackupVideoPts = 0;
+    self->ucVideoIntervalState = kIntervalUnmeasured;
+    self->uiVideoIntervalMs = 0;
+    self->uiLastVideoPts = 0;
 }

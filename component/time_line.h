@@ -5,7 +5,7 @@
 #ifndef COMPONENT_TIME_LINE_H
 #define COMPONENT_TIME_LINE_H
 
-#include "component/omx_tdmbrec_component.h"
+#include "component/private_record.h"
 
 // Gives the time of a buffer of the current port, and notes the time stamp.
 // out      *time: ms; times that do not fit stay at the largest
@@ -20,5 +20,9 @@ void note_video_time(omx_tdmbrec_component_PrivateType *self, uint32_t time);
 
 // Sum of two times in ms; what does not fit stays at the largest.
 [[nodiscard]] uint32_t add_ms(uint32_t a_ms, uint32_t b_ms);
+
+// Forgets the clock of a recording.
+// thread: the constructor; the end of a recording.
+void reset_time_line(omx_tdmbrec_component_PrivateType *self);
 
 #endif // COMPONENT_TIME_LINE_H

@@ -245,3 +245,15 @@ bool handle_video_buffer(omx_tdmbrec_component_PrivateType *self, OMX_BUFFERHEAD
     buffer->nFilledLen = 0;
     return is_open;
 }
+
+void reset_video_path(omx_tdmbrec_component_PrivateType *self)
+{
+    self->ucVideoConfigLen = 0;
+    self->uiFirstVideoPts = 0;
+    self->bFileBegun = 0;
+    self->bOpenedBySetsAlone = 0;
+    self->bInBandParameterSets = 0;
+    QVR_free(self->pucVideoFrame);
+    self->pucVideoFrame = nullptr;
+    self->uiVideoFrameSize = 0;
+}

@@ -2,7 +2,7 @@
 #ifndef COMPONENT_VIDEO_PATH_H
 #define COMPONENT_VIDEO_PATH_H
 
-#include "component/omx_tdmbrec_component.h"
+#include "component/private_record.h"
 
 // Makes the frame of a video buffer with time time, in the buffer itself where there is room.
 // Opens the file at the first buffer with parameter sets. The buffer is consumed.
@@ -12,5 +12,9 @@
 [[nodiscard]] bool handle_video_buffer(omx_tdmbrec_component_PrivateType *self,
                                        OMX_BUFFERHEADERTYPE *buffer, uint32_t time,
                                        mp4_mux_putstream_t *frame);
+
+// Forgets the parameter sets and the origin of a recording's file and frees the room for frames.
+// thread: the end of a recording.
+void reset_video_path(omx_tdmbrec_component_PrivateType *self);
 
 #endif // COMPONENT_VIDEO_PATH_H
