@@ -15,7 +15,7 @@
 
 class Recording : public ComponentTest {};
 
-TEST_F(Recording, StopsWithTheReasonOfItsPathOrStorage)
+TEST_F(Recording, StopsWithTheReasonOfItsPathStorageOrSize)
 {
     const auto client = make_client();
     client->to_executing();
@@ -32,12 +32,12 @@ TEST_F(Recording, StopsWithTheReasonOfItsPathOrStorage)
     EXPECT_TRUE(has_logged("[Open:-4] Error:can't open file<mux_open\n"));
     EXPECT_TRUE(has_logged("In QVR_FILE_fopen : /mnt/sdcard/none/x.mp4 open error\n"));
     EXPECT_TRUE(has_logged("In QVR_FILE_fopen : File Handle[0x00000000]\n"));
-    host_fail_call(HOST_CALL_DFGET, 0, 1);
+    host_fail_call(kHostCallDfget, 0, 1);
     EXPECT_EQ(end_of(kRecording), 0u);
     host_set_storage(0, 8000000, 51200);
     EXPECT_EQ(end_of(kRecording), 0u) << "full, but no file was ever opened";
     EXPECT_TRUE(has_logged("             8000000               51200\n"));
-    host_fail_call(HOST_CALL_DFOPEN, 0, 1);
+    host_fail_call(kHostCallDfopen, 0, 1);
     EXPECT_EQ(end_of(kRecording), 0u) << "it never began";
     host_set_storage(0, 8000000, 51201);
     EXPECT_EQ(client->start(), OMX_ErrorNone);
@@ -46,6 +46,14 @@ TEST_F(Recording, StopsWithTheReasonOfItsPathOrStorage)
     host_set_storage(0, 8000000, 51200);
     send_programme(*client, 1, 3);
     EXPECT_EQ(client->wait_for_end(), 2u);
+    host_set_storage(0, 8000000, 51201);
+    EXPECT_EQ(client->start(), OMX_ErrorNone);
+    set_put_result(0, 1800000000);
+    send_programme(*client, 3);
+    EXPECT_EQ(client->count(kEventEndOfRecording), 8u) << "as large as a file may be";
+    set_put_result(0, 1800000001);
+    send_programme(*client, 1, 3);
+    EXPECT_EQ(client->wait_for_end(), 6u);
     client->to_loaded();
 }
 
@@ -114,7 +122,7 @@ TEST_F(Recording, OutlivesAClientThatStartsTwiceAtEveryEndWithoutStorage)
         }
         depth--;
     };
-    host_fail_call(HOST_CALL_DFOPEN, 0, UINT32_MAX);
+    host_fail_call(kHostCallDfopen, 0, UINT32_MAX);
     EXPECT_EQ(client->start(), OMX_ErrorNone);
     EXPECT_EQ(client->count(kEventEndOfRecording), starts);
 }
@@ -152,7 +160,7 @@ TEST_F(Recording, IsReportedInTheOrderInWhichTheRecordingsEnded)
             refuse_threads(n == 3 ? 1 : 0); // the first one ends on this thread
             EXPECT_EQ(client->stop(), OMX_ErrorNone);
             if (n == 3) {
-                host_fail_call(HOST_CALL_DFOPEN, 0, 2);
+                host_fail_call(kHostCallDfopen, 0, 2);
                 EXPECT_EQ(client->start(), OMX_ErrorNone);
                 EXPECT_EQ(other->start(), OMX_ErrorNone);
             }
@@ -182,7 +190,7 @@ TEST_F(Recording, EndsForAnotherComponentThatGoesWithinTheEvent)
         client->on_event = [&](const IlEvent &event) {
             if (event.event == kEventEndOfRecording && ended.empty()) {
                 if (way == '0') {
-                    host_fail_call(HOST_CALL_DFOPEN, 0, 2); // both starts end at once
+                    host_fail_call(kHostCallDfopen, 0, 2); // both starts end at once
                 }
                 EXPECT_EQ(other->start(), OMX_ErrorNone);
                 if (way == 'w') { // its stop thread waits for the return of this event
@@ -197,7 +205,7 @@ TEST_F(Recording, EndsForAnotherComponentThatGoesWithinTheEvent)
         other->on_event = [&](const IlEvent &event) {
             if (event.event == kEventEndOfRecording) {
                 if (way != 'w') {
-                    host_fail_call(HOST_CALL_DFOPEN, 0, 1);
+                    host_fail_call(kHostCallDfopen, 0, 1);
                     EXPECT_EQ(client->start(), OMX_ErrorNone);
                 }
                 ended += "other ";
@@ -240,7 +248,7 @@ TEST_F(Recording, KeepsItsClientFromTheStartToTheReturnOfItsEvent)
         std::this_thread::yield();
     }
     EXPECT_EQ(client->count(kEventEndOfRecording), 1u);
-    host_fail_call(HOST_CALL_DFOPEN, 0, UINT32_MAX);
+    host_fail_call(kHostCallDfopen, 0, UINT32_MAX);
     std::thread starter([&] {
         for (int i = 0; i < 1000; i++) {
             EXPECT_EQ(client->start(), OMX_ErrorNone);
@@ -277,7 +285,7 @@ TEST_F(Recording, DoesNotStartWithoutMemoryAndSurvivesWithoutItsBlocks)
     client->to_executing();
     client->set_path(kRecording);
     for (uint32_t n = 0; n < 5; n++) {
-        host_fail_call(HOST_CALL_MALLOC, n, 1);
+        host_fail_call(kHostCallMalloc, n, 1);
         if (n < 3) {
             EXPECT_EQ(client->start(), OMX_ErrorInsufficientResources);
             EXPECT_EQ(host_live_storage_handles(), 0);
@@ -354,10 +362,10 @@ TEST_F(Recording, SurvivesStopsStartsAndStateChangesWhileItsParametersAndStorage
         for (uint32_t i = 0; i < 60; i++) {
             client->stop();
             std::this_thread::sleep_for(std::chrono::milliseconds(i % 4));
-            host_fail_call(HOST_CALL_DFOPEN, 0, i % 9 == 0); // there is no storage
+            host_fail_call(kHostCallDfopen, 0, i % 9 == 0); // there is no storage
             EXPECT_EQ(client->start(), OMX_ErrorNone);
             std::this_thread::sleep_for(std::chrono::milliseconds(i % 7));
-            host_fail_call(HOST_CALL_DFGET, 0, i % 5 == 0);              // it vanishes
+            host_fail_call(kHostCallDfget, 0, i % 5 == 0);              // it vanishes
             host_set_storage(0, 8000000, i % 11 == 0 ? 51200 : 4000000); // it is full
         }
         is_over = true;
