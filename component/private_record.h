@@ -88,7 +88,7 @@ struct omx_tdmbrec_component_PrivateType {
     uint8_t bAudioWritten;                        // under lockTDMBRecording: audio in the file
     uint8_t bVideoWritten;                        // under lockTDMBRecording: video in the file
     uint8_t bFileBegun;                           // the file has its first picture
-    uint8_t bOpenedBySetsAlone;   // no picture came with the parameter sets that opened the file
+    uint8_t bOpenedBySetsAlone;   // the parameter sets that opened the file had no picture
     uint8_t bInBandParameterSets; // the file carries its parameter sets in the access units
     uint8_t *pucVideoFrame;       // room for access units that grow; null until one does
     uint32_t uiVideoFrameSize;    // its bytes
