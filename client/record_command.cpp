@@ -208,7 +208,7 @@ static bool pause_until(session &self, steady::time_point moment)
 static void send_programme(session &self)
 {
     send_time_base(self);
-    while (!il_session_stopped(*self.component)) {
+    while (!il_session_stop_reason(*self.component)) {
         if (const int signal = interruption_signal()) {
             if (self.sent_video_bytes == 0) {
                 throw failure(

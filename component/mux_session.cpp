@@ -136,7 +136,7 @@ OMX_ERRORTYPE omx_tdmbrec_mp4_mux_Init(omx_tdmbrec_component_PrivateType *self)
 
 // The file declares an audio track from its start, and common players refuse a file whose track has
 // no frame. A recording without audio gets one frame of silence.
-static void complete_sound_track(omx_tdmbrec_component_PrivateType *self)
+static void complete_audio_track(omx_tdmbrec_component_PrivateType *self)
 {
     // ISO/IEC 14496-3 channel_pair_element() with max_sfb 0 in both channels, then END.
     static constexpr uint8_t kSilentPair[] = {0x20, 0, 0, 0, 0, 0, 0x0E};
@@ -156,7 +156,7 @@ static void complete_sound_track(omx_tdmbrec_component_PrivateType *self)
 OMX_ERRORTYPE close_mux_session(omx_tdmbrec_component_PrivateType *self)
 {
     OMX_ERRORTYPE result = OMX_ErrorNone;
-    complete_sound_track(self);
+    complete_audio_track(self);
     if (QVR_MP4_MUX(MUX_CLOSE, &self->hMux, &self->stMuxCloseMem, nullptr) < 0) {
         fetch_mux_error(self);
         __android_log_print(ANDROID_LOG_ERROR, TDMBREC_LOG_TAG, "[Close:%d] Error:%s \n",

@@ -67,7 +67,7 @@ TEST_F(BufferLoop, EndsOnANullBuffer)
 {
     const auto client = make_client();
     client->to_executing();
-    host_fail_call(HOST_CALL_DEQUEUE, 0, 1);
+    host_fail_call(kHostCallDequeue, 0, 1);
     (void)client->post(0, some_data, 0);
     for (int i = 0; i < 60000 && !has_logged("Had NULL input buffer!!\n"); i++) {
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
