@@ -10,8 +10,9 @@
 #include <cstdint>
 
 inline constexpr int32_t kZplTypeAac = 0;    // aenc_type: the only one
-inline constexpr int32_t kZplOutputAdts = 2; // output_type; any other: raw access units
+inline constexpr int32_t kZplOutputAdts = 2; // output_type; unused, fixed by the design
 
+// The component uses kZplStateRun alone; the others are fixed by the design.
 enum zpl_state_t : int32_t {
     kZplStateOff = 0, // encoding does nothing
     kZplStateInitialise = 1,
@@ -57,7 +58,7 @@ struct zpl_aenc_input_t {
 };
 
 // Opens the encoder that the instance describes.
-// in: encoder: may be null
+// in: output_type: kZplOutputAdts, else raw access units; encoder: may be null
 // returns: 0, or negative after a failure, when nothing stays allocated
 [[nodiscard]] int32_t zpl_aenc_init(zpl_aenc_t *zpl, const zpl_aenc_init_t *init, int32_t aenc_type,
                                     int32_t output_type, tdmbrec_encoder_function_t encoder);
