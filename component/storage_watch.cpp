@@ -7,8 +7,6 @@
 
 #include <cstring>
 
-static constexpr unsigned long kLeastFreeKib = 51200; // at or below this the storage is full
-
 static bool begins_with(const char *path, const char *root)
 {
     return strncmp(path, root, strlen(root)) == 0;
@@ -16,7 +14,7 @@ static bool begins_with(const char *path, const char *root)
 
 bool is_on_removable_storage(const char *path)
 {
-    return begins_with(path, REMOVABLE_STORAGE_ROOT);
+    return begins_with(path, kRemovableStorageRoot);
 }
 
 bool open_storage(void)
@@ -45,7 +43,7 @@ void close_storage(void)
     pthread_mutex_unlock(&lockDFHandle);
 }
 
-// returns the storage's record, or null when the storage is not usable.
+// returns: the storage's record, or null when the storage is not usable
 static const df_record_t *query_storage_locked(const char *path)
 {
     if (global_mountinfo == nullptr) {
@@ -56,7 +54,7 @@ static const df_record_t *query_storage_locked(const char *path)
         (void)property_get("qvr.sdcard.db.status", status, "");
         return strcmp(status, "available") == 0 ? dfget(global_mountinfo, DF_REMOVABLE) : nullptr;
     }
-    if (begins_with(path, BUILT_IN_STORAGE_ROOT)) {
+    if (begins_with(path, kBuiltInStorageRoot)) {
         return dfget(global_mountinfo, DF_BUILT_IN);
     }
     return nullptr;
@@ -68,7 +66,7 @@ static storage_state_t check_storage_locked(const char *path)
     if (record == nullptr) {
         return kStorageUnusable;
     }
-    if (record->ulFreeKiB <= kLeastFreeKib) {
+    if (record->ulFreeKiB <= TDMBREC_LEAST_FREE_KIB) {
         __android_log_print(ANDROID_LOG_DEBUG, TDMBREC_LOG_TAG, "%-18s%-20s%20lu%20lu\n",
                             record->pszFileSystem, record->pszMountPoint, record->ulTotalKiB,
                             record->ulFreeKiB);
