@@ -1,10 +1,10 @@
 #include "mp4mux/mp4_mux.h"
 
+#include "mp4mux/c_strings.h"
 #include "mp4mux/frame.h"
 #include "mp4mux/moov/finish.h"
 #include "mp4mux/mux_context.h"
 #include "mp4mux/mux_open.h"
-#include "mp4mux/mux_util.h"
 #include "mp4mux/mux_version.h"
 
 #include <cstddef>

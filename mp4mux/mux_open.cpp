@@ -1,8 +1,8 @@
 #include "mp4mux/mux_open.h"
 
 #include "mp4mux/bitstream_file.h"
+#include "mp4mux/calendar.h"
 #include "mp4mux/file_head.h"
-#include "mp4mux/mux_util.h"
 #include "mp4mux/track.h"
 
 #include <algorithm>

@@ -1,8 +1,8 @@
 #include "mp4mux/sample_entry_codes.h"
 
 #include "mp4mux/box_writer.h"
+#include "mp4mux/c_strings.h"
 #include "mp4mux/descriptor.h"
-#include "mp4mux/mux_util.h"
 
 #include <cstddef>
 

@@ -1,7 +1,7 @@
 #include "mp4mux/track.h"
 
 #include "mp4mux/box_writer.h"
-#include "mp4mux/mux_util.h"
+#include "mp4mux/c_strings.h"
 
 #include <cassert>
 #include <initializer_list>

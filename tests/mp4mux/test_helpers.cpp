@@ -1,6 +1,7 @@
 // Calendar, strings and stream formats.
-#include "mp4mux/mux_context.h"
-#include "mp4mux/mux_util.h"
+#include "mp4mux/c_strings.h"
+#include "mp4mux/calendar.h"
+#include "mp4mux/stream_format.h"
 #include "tests/support/mux_recording.h"
 
 #include <cstring>

@@ -1,5 +1,7 @@
+#include "mp4mux/stream_format.h"
+
+#include "mp4mux/c_strings.h"
 #include "mp4mux/mux_context.h"
-#include "mp4mux/mux_util.h"
 
 // Wave-format header: tag, channels, rate, byte rate, block alignment, bits; then, when there are
 // any, the count of the extra bytes and the bytes themselves.

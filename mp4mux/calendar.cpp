@@ -1,4 +1,4 @@
-#include "mp4mux/mux_util.h"
+#include "mp4mux/calendar.h"
 
 static constexpr int64_t kSecondsPerDay = 86400;
 static constexpr int32_t kThursday = 4; // 1970-01-01
