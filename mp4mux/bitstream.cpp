@@ -40,11 +40,6 @@ static constexpr write_messages kFlushMessages = {
     "can't tell the position(bs_write_flush)",
 };
 
-int32_t bs_fail(const mp4_mux_bs_t *bs, int32_t code, const char *message)
-{
-    return mp4_mux_set_last_error(code, 0, message, bs->m_pstError);
-}
-
 int32_t bs_fail_to_close(const mp4_mux_bs_t *bs)
 {
     const uintptr_t handle = reinterpret_cast<uintptr_t>(bs->m_hFile);
@@ -54,10 +49,10 @@ int32_t bs_fail_to_close(const mp4_mux_bs_t *bs)
 
 int32_t bs_fail_to_seek(const mp4_mux_bs_t *bs)
 {
-    return bs_fail(bs, MUX_ERR_SEEK,
-                   bs->m_pstMux->m_stFile.m_pfnFseek64 != nullptr
-                       ? "can't seek to SEEK_SET in fseek64(bs_fseek)"
-                       : "can't seek to SEEK_SET in fseek(bs_fseek)");
+    return fail(bs->m_pstError, MUX_ERR_SEEK,
+                bs->m_pstMux->m_stFile.m_pfnFseek64 != nullptr
+                    ? "can't seek to SEEK_SET in fseek64(bs_fseek)"
+                    : "can't seek to SEEK_SET in fseek(bs_fseek)");
 }
 
 int32_t bs_refresh(mp4_mux_bs_t *bs, const char *message)
@@ -69,7 +64,7 @@ int32_t bs_refresh(mp4_mux_bs_t *bs, const char *message)
     const int64_t position = file.m_pfnFtell64 != nullptr ? file.m_pfnFtell64(bs->m_hFile)
                                                           : file.m_pfnFtell(bs->m_hFile);
     if (position < 0) {
-        return bs_fail(bs, MUX_ERR_SEEK, message);
+        return fail(bs->m_pstError, MUX_ERR_SEEK, message);
     }
     bs->m_llFilePos = position;
     return 0;
@@ -153,7 +148,8 @@ int32_t mp4_mux_open_bitstream(mp4_mux_bs_t *bs, int32_t cache_bytes, void *hand
         cache = bs->m_pstMux->m_stMem.m_pfnMalloc(static_cast<size_t>(cache_bytes));
     }
     if (cache == nullptr) {
-        return bs_fail(bs, MUX_ERR_MEMORY, "Insufficient memory to allocate(open_bitstream)");
+        return fail(bs->m_pstError, MUX_ERR_MEMORY,
+                    "Insufficient memory to allocate(open_bitstream)");
     }
     return mp4_mux_open_bitstream_from_external_memory(bs, static_cast<uint8_t *>(cache),
                                                        cache_bytes, handle);
@@ -205,16 +201,16 @@ static int32_t flush_cache(mp4_mux_bs_t *bs, const write_messages &messages)
         bs->m_hFile = file.m_pfnFopen(bs->m_pszFileName, "wb+");
     }
     if (bs->m_hFile == nullptr) {
-        return bs_fail(bs, MUX_ERR_OPEN, messages.open);
+        return fail(bs->m_pstError, MUX_ERR_OPEN, messages.open);
     }
     if (!return_to_position(bs)) {
-        return bs_fail(bs, MUX_ERR_WRITE, messages.write);
+        return fail(bs->m_pstError, MUX_ERR_WRITE, messages.write);
     }
     const size_t written = file.m_pfnFwrite(bs->m_pbyBase, 1, bs->m_uiFill, bs->m_hFile);
     bs->m_uiValid = static_cast<uint32_t>(written);
     if (written != bs->m_uiFill) {
         bs->m_bSeekDue = 1;
-        return bs_fail(bs, MUX_ERR_WRITE, messages.write);
+        return fail(bs->m_pstError, MUX_ERR_WRITE, messages.write);
     }
     return 0;
 }
@@ -228,7 +224,7 @@ static int32_t renew_span(mp4_mux_bs_t *bs, const write_messages &messages)
         bs->m_llFilePos = expected;
     }
     if (bs->m_pbyCache == nullptr || bs->m_iCacheSize <= 0) {
-        return bs_fail(bs, MUX_ERR_INVALID, messages.cache);
+        return fail(bs->m_pstError, MUX_ERR_INVALID, messages.cache);
     }
     bs->m_pbyBase = bs->m_pbyCache;
     bs->m_pbyEnd = bs->m_pbyCache + bs->m_iCacheSize;

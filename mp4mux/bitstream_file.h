@@ -16,10 +16,6 @@ enum class byte_order { big, little };
     return bs->m_llFilePos + bs->m_uiFill;
 }
 
-// Records a failure in the bitstream's error record.
-// returns  code
-int32_t bs_fail(const mp4_mux_bs_t *bs, int32_t code, const char *message);
-
 // Records that the open file could not be closed, with its handle as auxiliary value.
 // returns  MUX_ERR_CLOSE
 int32_t bs_fail_to_close(const mp4_mux_bs_t *bs);

@@ -71,9 +71,8 @@ int32_t take_avc_configuration(mp4_mux_t *mux, mp4_mux_track_t *p_track,
     const size_t size = sets.sps.size() + sets.pps.size() + 11;
     uint8_t *record = static_cast<uint8_t *>(mux->m_stMem.m_pfnMalloc(size));
     if (record == nullptr) {
-        return mp4_mux_set_last_error(MUX_ERR_MEMORY, 0,
-                                      "Insufficient memory to allocate of m_pbyCodecPrivate",
-                                      &mux->m_stLastError);
+        return fail(&mux->m_stLastError, MUX_ERR_MEMORY,
+                    "Insufficient memory to allocate of m_pbyCodecPrivate");
     }
     uint8_t *to = record;
     *to++ = 1;           // unsigned int(8) configurationVersion;

@@ -9,11 +9,6 @@
 // and the runs that the close adds.
 static constexpr int64_t kMovieReserveBytes = 256;
 
-static int32_t fail(mp4_mux_t *mux, int32_t code, const char *message)
-{
-    return mp4_mux_set_last_error(code, 0, message, &mux->m_stLastError);
-}
-
 static mp4_mux_track_t *find_track(mp4_mux_t *mux, int32_t type)
 {
     for (uint32_t i = 0; i < mux->m_uiTrackCount; i++) {
@@ -52,23 +47,23 @@ static int64_t estimate_file_size(mp4_mux_t *mux)
 static int32_t check_frame(mp4_mux_t *mux, const mp4_mux_putstream_t *frame)
 {
     if (mux->m_iState != kMuxStateRecording) {
-        return fail(mux, MUX_ERR_INVALID, "file is not open for frames");
+        return fail(&mux->m_stLastError, MUX_ERR_INVALID, "file is not open for frames");
     }
     if (frame->m_iDataSize < 0) {
-        return fail(mux, MUX_ERR_INVALID, "mp4_mux_putstream_t's size is negative");
+        return fail(&mux->m_stLastError, MUX_ERR_INVALID, "mp4_mux_putstream_t's size is negative");
     }
     if (frame->m_pbyData == nullptr && frame->m_iDataSize > 0) {
-        return fail(mux, MUX_ERR_INVALID, "mp4_mux_putstream_t's data is NULL");
+        return fail(&mux->m_stLastError, MUX_ERR_INVALID, "mp4_mux_putstream_t's data is NULL");
     }
     if (mux->m_b32BitOffset != 0 && bs_position(&mux->m_Bs) > UINT32_MAX) {
-        return fail(mux, MUX_ERR_INVALID, "frame lies beyond 32-bit chunk offsets");
+        return fail(&mux->m_stLastError, MUX_ERR_INVALID, "frame lies beyond 32-bit chunk offsets");
     }
     // The close seeks in the file, up to the end of its movie box.
     const bool seeks_32bit =
         mux->m_stFile.m_pfnFseek64 == nullptr || mux->m_stFile.m_pfnFtell64 == nullptr;
     if (seeks_32bit &&
         estimate_file_size(mux) + frame->m_iDataSize + kMovieReserveBytes > INT32_MAX) {
-        return fail(mux, MUX_ERR_INVALID, "frame lies beyond 32-bit seeks");
+        return fail(&mux->m_stLastError, MUX_ERR_INVALID, "frame lies beyond 32-bit seeks");
     }
     return 0;
 }
@@ -174,7 +169,7 @@ int32_t mp4_mux_putframe(mp4_mux_t *mux, const mp4_mux_putstream_t *frame)
 {
     mp4_mux_track_t *p_track = find_track(mux, frame->m_iType);
     if (p_track == nullptr) {
-        return fail(mux, MUX_ERR_NO_STREAM, "stream does not exist");
+        return fail(&mux->m_stLastError, MUX_ERR_NO_STREAM, "stream does not exist");
     }
     int32_t result = check_frame(mux, frame);
     if (result >= 0) {

@@ -31,8 +31,7 @@ static int32_t put_frame(mp4_mux_t *mux, const mp4_mux_putstream_t *frame, int64
 {
     mp4_mux_clear_last_error(&mux->m_stLastError);
     if (frame == nullptr) {
-        return mp4_mux_set_last_error(MUX_ERR_INVALID, 0, "mp4_mux_putstream_t's value is NULL",
-                                      &mux->m_stLastError);
+        return fail(&mux->m_stLastError, MUX_ERR_INVALID, "mp4_mux_putstream_t's value is NULL");
     }
     const int32_t result = mp4_mux_putframe(mux, frame);
     if (result < 0) {
@@ -123,7 +122,6 @@ int32_t QVR_MP4_MUX(int32_t op, void **handle, void *param1, void *param2)
     case MUX_GET_VERSION:
         return get_version(static_cast<char *>(param1), static_cast<char *>(param2));
     default:
-        return mp4_mux_set_last_error(MUX_ERR_INVALID, 0, "invalid operation code",
-                                      &mux->m_stLastError);
+        return fail(&mux->m_stLastError, MUX_ERR_INVALID, "invalid operation code");
     }
 }

@@ -12,11 +12,6 @@ static constexpr int32_t kOwnCacheBytes = 0x54000;
 static constexpr uint64_t kSecondsFrom1904To1970 = 2082844800;
 static constexpr uint64_t kMaxHeadBytes = INT32_MAX / 2; // frames must be in reach of 32-bit seeks
 
-static int32_t fail(mp4_mux_t *mux, int32_t code, const char *message)
-{
-    return mp4_mux_set_last_error(code, 0, message, &mux->m_stLastError);
-}
-
 static void copy_callbacks(mp4_mux_t *mux, const mp4_mux_init_t *init)
 {
     mux->m_stMem = {init->m_pfnMalloc,  init->m_pfnFree,   init->m_pfnMemcmp, init->m_pfnMemcpy,
@@ -114,13 +109,13 @@ static const char *fault_in_input(const mp4_mux_input_t *input)
 static int32_t check_arguments(mp4_mux_t *mux, const mp4_mux_input_t *input)
 {
     if (!has_callbacks(mux)) {
-        return fail(mux, MUX_ERR_INVALID, "a callback is NULL");
+        return fail(&mux->m_stLastError, MUX_ERR_INVALID, "a callback is NULL");
     }
     if ((mux->m_uiStreamFlags & (MUX_STREAM_VIDEO | MUX_STREAM_AUDIO)) == 0) {
-        return fail(mux, MUX_ERR_NO_STREAM, "stream does not exist");
+        return fail(&mux->m_stLastError, MUX_ERR_NO_STREAM, "stream does not exist");
     }
     const char *fault = fault_in_input(input);
-    return fault != nullptr ? fail(mux, MUX_ERR_INVALID, fault) : 0;
+    return fault != nullptr ? fail(&mux->m_stLastError, MUX_ERR_INVALID, fault) : 0;
 }
 
 // Shares one pool out: six sevenths to the two tracks, the rest to the output file.
@@ -142,15 +137,15 @@ static int32_t prepare_cache(mp4_mux_t *mux)
         mux->m_iCacheSize = kOwnCacheBytes;
         mux->m_pCache = static_cast<uint8_t *>(mux->m_stMem.m_pfnMalloc(kOwnCacheBytes));
         if (mux->m_pCache == nullptr) {
-            return fail(mux, MUX_ERR_MEMORY, "Insufficient memory to allocate");
+            return fail(&mux->m_stLastError, MUX_ERR_MEMORY, "Insufficient memory to allocate");
         }
     }
     if (mux->m_iCacheSize <= 0) {
-        return fail(mux, MUX_ERR_CACHE_SIZE, "input cache size is zero");
+        return fail(&mux->m_stLastError, MUX_ERR_CACHE_SIZE, "input cache size is zero");
     }
     if (mux->m_iVideoCacheSize < 0 || mux->m_iAudioCacheSize < 0 ||
         int64_t{mux->m_iCacheSize} + mux->m_iVideoCacheSize + mux->m_iAudioCacheSize > INT32_MAX) {
-        return fail(mux, MUX_ERR_CACHE_SIZE, "track cache size is out of range");
+        return fail(&mux->m_stLastError, MUX_ERR_CACHE_SIZE, "track cache size is out of range");
     }
     if (mux->m_iVideoCacheSize == 0 || mux->m_iAudioCacheSize == 0) {
         split_cache(mux);
@@ -165,7 +160,7 @@ static int32_t open_output(mp4_mux_t *mux)
         output = mux->m_stFile.m_pfnFopen(static_cast<const char *>(output), "wb+");
     }
     if (output == nullptr) {
-        return fail(mux, MUX_ERR_OPEN, "can't open file");
+        return fail(&mux->m_stLastError, MUX_ERR_OPEN, "can't open file");
     }
     mp4_mux_open_bitstream_from_external_memory(&mux->m_Bs, mux->m_pCache, mux->m_iCacheSize,
                                                 output);
@@ -178,7 +173,7 @@ static int32_t open_output(mp4_mux_t *mux)
     }
     // The position of the media data, which is the head's end, is kept in 32 bits.
     if (bs_position(&mux->m_Bs) > INT32_MAX) {
-        return fail(mux, MUX_ERR_INVALID, "output stands beyond 32-bit positions");
+        return fail(&mux->m_stLastError, MUX_ERR_INVALID, "output stands beyond 32-bit positions");
     }
     return 0;
 }

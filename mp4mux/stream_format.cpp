@@ -143,9 +143,8 @@ static int32_t resize_extra(mp4_mux_t *mux, int32_t bytes, mp4_mux_format_t *for
                                           static_cast<size_t>(bytes));
     }
     if (extra == nullptr) {
-        return mp4_mux_set_last_error(MUX_ERR_MEMORY, 0,
-                                      "Insufficient memory to re-allocate (set_data_memory)",
-                                      &mux->m_stLastError);
+        return fail(&mux->m_stLastError, MUX_ERR_MEMORY,
+                    "Insufficient memory to re-allocate (set_data_memory)");
     }
     format->m_pExtra = extra;
     format->m_pOwnedExtra = extra;
@@ -195,9 +194,8 @@ int32_t mp4_mux_get_allocated_data(mp4_mux_t *mux, void *, uint32_t size, void *
     }
     void *memory = mux->m_stMem.m_pfnMalloc(size);
     if (memory == nullptr) {
-        return mp4_mux_set_last_error(MUX_ERR_MEMORY, 0,
-                                      "Insufficient memory to re-allocate (get_allocated_data)",
-                                      &mux->m_stLastError);
+        return fail(&mux->m_stLastError, MUX_ERR_MEMORY,
+                    "Insufficient memory to re-allocate (get_allocated_data)");
     }
     mux->m_stMem.m_pfnMemset(memory, 0, size);
     *slot = memory;

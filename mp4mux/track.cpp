@@ -14,7 +14,7 @@ int32_t set_codec_private(mp4_mux_t *mux, mp4_mux_track_t *p_track, const uint8_
     const size_t size = static_cast<size_t>(count);
     void *copy = mux->m_stMem.m_pfnMalloc(size);
     if (copy == nullptr) {
-        return mp4_mux_set_last_error(MUX_ERR_MEMORY, 0, message, &mux->m_stLastError);
+        return fail(&mux->m_stLastError, MUX_ERR_MEMORY, message);
     }
     mux->m_stMem.m_pfnMemcpy(copy, bytes, size);
     p_track->m_pbyCodecPrivate = static_cast<uint8_t *>(copy);
@@ -27,8 +27,7 @@ static mp4_mux_track_t *add_track(mp4_mux_t *mux)
     assert(mux->m_uiTrackCount < kMaxTracks);
     void *memory = mux->m_stMem.m_pfnMalloc(sizeof(mp4_mux_track_t));
     if (memory == nullptr) {
-        mp4_mux_set_last_error(MUX_ERR_MEMORY, 0, "Insufficient memory of add_track",
-                               &mux->m_stLastError);
+        fail(&mux->m_stLastError, MUX_ERR_MEMORY, "Insufficient memory of add_track");
         return nullptr;
     }
     mux->m_stMem.m_pfnMemset(memory, 0, sizeof(mp4_mux_track_t));
@@ -54,8 +53,7 @@ static int32_t set_scratch_name(mp4_mux_t *mux, char (&name)[kScratchNameBytes],
     const int32_t room = kScratchNameBytes - 1 - mp4_mux_strlen(fixed);
     for (int32_t i = 0; directory[i] != '\0'; i++) { // it may be longer than any count can tell
         if (i == room) {
-            return mp4_mux_set_last_error(MUX_ERR_OPEN, 0, "scratch file name is too long",
-                                          &mux->m_stLastError);
+            return fail(&mux->m_stLastError, MUX_ERR_OPEN, "scratch file name is too long");
         }
     }
     mp4_mux_strcpy(name, directory);
@@ -105,8 +103,7 @@ static int32_t attach_scratch_tables(mp4_mux_t *mux, mp4_mux_track_t *p_track, u
     uint8_t *cache = region;
     for (const scratch_table &table : tables) {
         if (cache == nullptr || table.cache_bytes < 4) {
-            return mp4_mux_set_last_error(MUX_ERR_MEMORY, 0, "track cache is too small",
-                                          &mux->m_stLastError);
+            return fail(&mux->m_stLastError, MUX_ERR_MEMORY, "track cache is too small");
         }
         p_track->m_iCacheSizeOf[table.slice] = table.cache_bytes;
         p_track->m_pCacheOf[table.slice] = cache;

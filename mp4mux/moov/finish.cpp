@@ -214,7 +214,7 @@ static int32_t finish_file(mp4_mux_t *mux)
         return 0;
     }
     if (result == kTrailerWritten) {
-        bs_fail(mux->m_pBs, MUX_ERR_WRITE, "the file's head is not whole");
+        fail(mux->m_pBs->m_pstError, MUX_ERR_WRITE, "the file's head is not whole");
     } else if (mux->m_stLastError.m_iCode == 0) {
         record_failed_seek(mux);
     }

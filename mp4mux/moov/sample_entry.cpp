@@ -17,12 +17,6 @@ enum {
 
 static constexpr int32_t kAc3HeaderBytes = 7; // the fields read from a sync frame lie within
 
-static int32_t tag_failure(mp4_mux_t *mux, const char *tag, int32_t result)
-{
-    mp4_mux_add_err_string(tag, &mux->m_stLastError);
-    return result;
-}
-
 static int32_t write_private_data(mp4_mux_t *mux, const mp4_mux_track_t *p_track)
 {
     return mp4_mux_bs_write_bytes(mux->m_pBs, p_track->m_pbyCodecPrivate,
@@ -151,7 +145,7 @@ int32_t write_video_box(mp4_mux_t *mux, mp4_mux_track_t *p_track)
     mp4_mux_bs_write_be16(bs, 0xFFFF); // int(16) pre_defined = -1;
     const int32_t result = write_video_config(mux, p_track);
     if (result < 0) {
-        return tag_failure(mux, "<write_video_box", result);
+        return tag_failure(&mux->m_stLastError, "<write_video_box", result);
     }
     return update_size(bs, start);
 }
@@ -252,7 +246,7 @@ int32_t write_audio_box(mp4_mux_t *mux, mp4_mux_track_t *p_track)
     mp4_mux_bs_write_be16(bs, 0);
     const int32_t result = write_audio_config(mux, p_track);
     if (result < 0) {
-        return tag_failure(mux, "<write_audio_box", result);
+        return tag_failure(&mux->m_stLastError, "<write_audio_box", result);
     }
     return update_size(bs, start);
 }

@@ -9,12 +9,6 @@
 
 static constexpr uint32_t kStscBoxBytes = 28;
 
-static int32_t tag_failure(mp4_mux_t *mux, const char *tag, int32_t result)
-{
-    mp4_mux_add_err_string(tag, &mux->m_stLastError);
-    return result;
-}
-
 // How much of the cache block the copies of a track may use: the audio tables' region too, once
 // the audio track is written.
 static int32_t work_bytes(const mp4_mux_t *mux)
@@ -37,10 +31,10 @@ static int32_t write_stsd_box(mp4_mux_t *mux, mp4_mux_track_t *p_track)
     const int32_t result = p_track->m_iType == MUX_TYPE_VIDEO ? write_video_box(mux, p_track)
                                                               : write_audio_box(mux, p_track);
     if (result < 0) {
-        return tag_failure(mux, "<write_stsd_box", result);
+        return tag_failure(&mux->m_stLastError, "<write_stsd_box", result);
     }
     const int32_t patched = update_size(bs, start);
-    return patched < 0 ? tag_failure(mux, "<write_stsd_box", patched) : 0;
+    return patched < 0 ? tag_failure(&mux->m_stLastError, "<write_stsd_box", patched) : 0;
 }
 
 // Every frame is a chunk of its own.
@@ -104,7 +98,7 @@ static int32_t write_table(mp4_mux_t *mux, mp4_mux_track_t *p_track, const table
     if (result >= 0) {
         result = write_records(mux, p_track, table);
     }
-    return result < 0 ? tag_failure(mux, table.tag, result)
+    return result < 0 ? tag_failure(&mux->m_stLastError, table.tag, result)
                       : close_scratch(table.scratch, table.name);
 }
 
@@ -199,7 +193,7 @@ static int32_t write_stts_box(mp4_mux_t *mux, mp4_mux_track_t *p_track)
         write_mean_stts_box(mux->m_pBs, p_track);
     }
     if (result < 0) {
-        return tag_failure(mux, "<write_stts_box", result);
+        return tag_failure(&mux->m_stLastError, "<write_stts_box", result);
     }
     result = close_scratch(&p_track->m_BsSTTS, p_track->m_szSTTSName);
     return result < 0 ? result : close_scratch(&p_track->m_BsSTTSDts, p_track->m_szSTTSDtsName);
@@ -229,7 +223,7 @@ int32_t write_stbl_box(mp4_mux_t *mux, mp4_mux_track_t *p_track)
         if (result != MUX_ERR_CLOSE) { // the release meets that file again and reports it
             mux->m_pBs->m_bTorn = 1;
         }
-        return tag_failure(mux, "<write_stbl_box", result);
+        return tag_failure(&mux->m_stLastError, "<write_stbl_box", result);
     }
     return update_size(mux->m_pBs, start);
 }

@@ -9,14 +9,6 @@
 // The output keeps at least this much cache when a table is read in one piece.
 static constexpr int64_t kMinOutputCacheBytes = 16384;
 
-// Appends a tag on the way up.
-// returns  a negative code also when nothing was recorded, as by a seek that the callback refused
-static int32_t tag_failure(mp4_mux_bs_t *bs, const char *tag, int32_t result)
-{
-    mp4_mux_add_err_string(tag, bs->m_pstError);
-    return result < 0 ? result : MUX_ERR_SEEK;
-}
-
 int32_t close_scratch(mp4_mux_bs_t *scratch, const char *name)
 {
     if (scratch->m_hFile == nullptr) {
@@ -48,7 +40,7 @@ int32_t reset_write_cache2(mp4_mux_bs_t *bs, uint8_t *buffer, int32_t size)
         assert(bs->m_hFile != nullptr);
         const int32_t flushed = mp4_mux_bs_write_flush(bs);
         if (flushed < 0) {
-            return tag_failure(bs, "<reset_write_cache2", flushed);
+            return tag_failure(bs->m_pstError, "<reset_write_cache2", flushed);
         }
     }
     if (buffer != bs->m_pbyCache && bs->m_uiFill > 0) {
@@ -73,7 +65,7 @@ static int32_t size_of_file(mp4_mux_bs_t *scratch, int64_t *size)
             return 0;
         }
     }
-    return bs_fail(scratch, MUX_ERR_SEEK, "can't size the scratch file");
+    return fail(scratch->m_pstError, MUX_ERR_SEEK, "can't size the scratch file");
 }
 
 // Moves the output's cache first: its pending bytes may lie where the table's cache will be.
@@ -146,13 +138,13 @@ int32_t calc_stxx_cache(mp4_mux_t *mux, mp4_mux_track_t *, mp4_mux_bs_t *scratch
         return 0;
     }
     const int32_t result = share_memory(mux, scratch, work_bytes);
-    return result < 0 ? tag_failure(mux->m_pBs, "<calc_stxx_cache", result) : 0;
+    return result < 0 ? tag_failure(mux->m_pBs->m_pstError, "<calc_stxx_cache", result) : 0;
 }
 
 static int32_t copy_from_cache(mp4_mux_bs_t *out, const mp4_mux_bs_t *scratch, int64_t length)
 {
     if (length > scratch->m_uiValid) {
-        return bs_fail(out, MUX_ERR_EOF, "the end of the table");
+        return fail(out->m_pstError, MUX_ERR_EOF, "the end of the table");
     }
     return mp4_mux_bs_write_bytes(out, scratch->m_pbyCache, static_cast<int32_t>(length));
 }
@@ -170,7 +162,7 @@ static int32_t copy_large_file(mp4_mux_bs_t *out, mp4_mux_bs_t *scratch, int64_t
         const size_t got = scratch->m_pstMux->m_stFile.m_pfnFread(
             space, 1, static_cast<size_t>(room), scratch->m_hFile);
         if (got == 0) {
-            return bs_fail(scratch, MUX_ERR_EOF, "the end of the file(bs_read_bytes)");
+            return fail(scratch->m_pstError, MUX_ERR_EOF, "the end of the file(bs_read_bytes)");
         }
         out->m_uiFill += static_cast<uint32_t>(got);
         left -= static_cast<int64_t>(got);
@@ -206,7 +198,7 @@ int32_t bs_direct_copy(mp4_mux_bs_t *out, mp4_mux_bs_t *scratch, int64_t length,
 {
     const int32_t result = scratch->m_hFile == nullptr ? copy_from_cache(out, scratch, length)
                                                        : copy_from_file(out, scratch, length, name);
-    return result < 0 ? tag_failure(out, "<bs_direct_copy", result) : 0;
+    return result < 0 ? tag_failure(out->m_pstError, "<bs_direct_copy", result) : 0;
 }
 
 // Brings the table's header into its file and leaves both files where the callback expects them.
@@ -240,12 +232,12 @@ static int32_t append_scratch_file(mp4_mux_t *mux, mp4_mux_bs_t *scratch, int64_
     mp4_mux_bs_t *out = mux->m_pBs;
     const int32_t prepared = prepare_files(out, scratch);
     if (prepared < 0) {
-        return tag_failure(out, "<append_file", prepared);
+        return tag_failure(out->m_pstError, "<append_file", prepared);
     }
     out->m_bSeekDue = 1; // the callback moves the file
     const int32_t gap = mux->m_pfnAppendFile(out->m_hFile, scratch->m_hFile, 0);
     if (gap < 0) {
-        return bs_fail(out, MUX_ERR_APPEND, "");
+        return fail(out->m_pstError, MUX_ERR_APPEND, "");
     }
     scratch->m_hFile = nullptr; // the callback has closed it
     if (mux->m_stFile.m_pfnRemove != nullptr) {
@@ -253,7 +245,7 @@ static int32_t append_scratch_file(mp4_mux_t *mux, mp4_mux_bs_t *scratch, int64_
     }
     mux->m_uiPendingSize += static_cast<uint32_t>(gap);
     const int32_t absorbed = absorb_gap(mux, length);
-    return absorbed < 0 ? tag_failure(out, "<append_file", absorbed) : 0;
+    return absorbed < 0 ? tag_failure(out->m_pstError, "<append_file", absorbed) : 0;
 }
 
 int32_t append_file(mp4_mux_t *mux, mp4_mux_track_t *, mp4_mux_bs_t *scratch, int64_t length,
@@ -267,7 +259,7 @@ int32_t append_file(mp4_mux_t *mux, mp4_mux_track_t *, mp4_mux_bs_t *scratch, in
     } else {
         const int32_t result = copy_from_cache(mux->m_pBs, scratch, length);
         if (result < 0) {
-            return tag_failure(mux->m_pBs, "<append_file", result);
+            return tag_failure(mux->m_pBs->m_pstError, "<append_file", result);
         }
     }
     mux->m_llPendingPos += mux->m_uiPendingSize;
