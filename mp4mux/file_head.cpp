@@ -6,15 +6,6 @@
 
 #include <algorithm>
 
-enum {
-    kFileTypeIsom = 0,
-    kFileTypeQuicktime = 1,
-    kFileType3gp4 = 2,
-    kFileTypeMsnv = 3,
-    kFileType3g2a = 4,
-    kFileTypeIsomToo = 5,
-};
-
 static constexpr uint32_t kDefaultMinorVersion = 0x200;
 
 // Boxes of the movie box with all their fields, the records of the sample tables and the

@@ -13,6 +13,16 @@
 inline constexpr uint32_t kMaxTracks = 32;
 inline constexpr int32_t kScratchNameBytes = 256;
 
+// Kinds of file, which select the brand. Every file is a kFileType3g2a; the others are reserved.
+enum {
+    kFileTypeIsom = 0,
+    kFileTypeQuicktime = 1,
+    kFileType3gp4 = 2,
+    kFileTypeMsnv = 3,
+    kFileType3g2a = 4,
+    kFileTypeIsomToo = 5,
+};
+
 // What may still be done with a context.
 enum {
     kMuxStateUnopened = 0, // not opened yet, or the open failed
@@ -111,7 +121,7 @@ struct mp4_mux_t {
     uint32_t m_uiTrackCount;
     mp4_mux_bs_t m_Bs;   // the output file
     mp4_mux_bs_t *m_pBs; // what all box writers use
-    int32_t m_iFileType; // selects the brand
+    int32_t m_iFileType; // kFileType…
     uint32_t m_uiStreamFlags;
     int32_t m_b32BitOffset;
     int32_t m_bOutputIsHandle;

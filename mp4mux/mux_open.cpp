@@ -7,7 +7,6 @@
 
 #include <algorithm>
 
-static constexpr int32_t kFileType3g2a = 4;
 static constexpr int32_t kOwnCacheBytes = 0x54000;
 static constexpr uint64_t kSecondsFrom1904To1970 = 2082844800;
 static constexpr uint64_t kMaxHeadBytes = INT32_MAX / 2; // frames must be in reach of 32-bit seeks
