@@ -1,7 +1,7 @@
 #include "mp4mux/moov/media_box.h"
 
 #include "mp4mux/box_writer.h"
-#include "mp4mux/moov/movie_box.h"
+#include "mp4mux/moov/duration.h"
 #include "mp4mux/moov/sample_table.h"
 
 static void write_mdhd_box(mp4_mux_bs_t *bs, const mp4_mux_track_t *p_track)

@@ -2,12 +2,14 @@
 
 #include "mp4mux/bitstream_file.h"
 #include "mp4mux/box_writer.h"
+#include "mp4mux/moov/duration.h"
 #include "mp4mux/moov/media_box.h"
 #include "mp4mux/moov/single_precision.h"
 #include "mp4mux/mux_version.h"
 
 #include <algorithm>
 
+static constexpr uint32_t kMovieTimeScale = 90000; // ticks per second
 static constexpr char kNotice[] =
     "Recorded from a terrestrial digital multimedia broadcast service.";
 static constexpr uint32_t kLanguageEnglish = 0x15C7; // "eng", 5 bits per letter
@@ -51,9 +53,9 @@ static void write_track_times(mp4_mux_bs_t *bs, const mp4_mux_track_t *p_track, 
     }
 }
 
-void write_tkhd_box(mp4_mux_t *mux, mp4_mux_track_t *p_track)
+// ISO/IEC 14496-12, 8.3.2.
+static void write_tkhd_box(mp4_mux_bs_t *bs, const mp4_mux_track_t *p_track)
 {
-    mp4_mux_bs_t *bs = mux->m_pBs;
     const int64_t duration = duration_ticks(p_track->m_uiLastTimeStamp, kMovieTimeScale);
     const bool is_long = duration > kMaxShortDuration;
     const bool is_video = p_track->m_iType == MUX_TYPE_VIDEO;
@@ -141,7 +143,7 @@ static void write_trak_box(mp4_mux_t *mux, mp4_mux_track_t *p_track)
 {
     mp4_mux_bs_t *bs = mux->m_pBs;
     p_track->m_llTrakPos = begin_box(bs, "trak");
-    write_tkhd_box(mux, p_track);
+    write_tkhd_box(bs, p_track);
     write_mdia_box(mux, p_track);
     const uint32_t size = static_cast<uint32_t>(bs_position(bs) - p_track->m_llTrakPos);
     if (is_in_cache(bs, p_track->m_llTrakPos)) {

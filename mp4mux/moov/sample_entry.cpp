@@ -23,7 +23,8 @@ static int32_t write_private_data(mp4_mux_t *mux, const mp4_mux_track_t *p_track
                                   p_track->m_iCodecPrivateSize);
 }
 
-int32_t write_glbl_box(mp4_mux_t *mux, mp4_mux_track_t *p_track)
+// The private data as it is.
+static int32_t write_glbl_box(mp4_mux_t *mux, const mp4_mux_track_t *p_track)
 {
     const uint32_t box_bytes = 8 + static_cast<uint32_t>(p_track->m_iCodecPrivateSize);
     mp4_mux_bs_write_be32(mux->m_pBs, box_bytes); // unsigned int(32) size;
@@ -41,7 +42,8 @@ static void write_descriptor_size(mp4_mux_bs_t *bs, uint32_t payload)
     mp4_mux_bs_write_be8(bs, payload & 0x7F);
 }
 
-int32_t write_esds_box(mp4_mux_t *mux, mp4_mux_track_t *p_track)
+// ISO/IEC 14496-14, 5.6.1; ISO/IEC 14496-1, 7.2.6.
+static int32_t write_esds_box(mp4_mux_t *mux, const mp4_mux_track_t *p_track)
 {
     mp4_mux_bs_t *bs = mux->m_pBs;
     const uint32_t private_bytes = static_cast<uint32_t>(p_track->m_iCodecPrivateSize);
@@ -91,7 +93,7 @@ static int32_t write_d263_box(mp4_mux_bs_t *bs)
     return 15;
 }
 
-static int32_t write_video_config(mp4_mux_t *mux, mp4_mux_track_t *p_track)
+static int32_t write_video_config(mp4_mux_t *mux, const mp4_mux_track_t *p_track)
 {
     switch (p_track->m_uiFourCC) {
     case fourcc("avc1"):
@@ -212,7 +214,7 @@ static int32_t write_dqcp_box(mp4_mux_bs_t *bs)
     return 14;
 }
 
-static int32_t write_audio_config(mp4_mux_t *mux, mp4_mux_track_t *p_track)
+static int32_t write_audio_config(mp4_mux_t *mux, const mp4_mux_track_t *p_track)
 {
     if (p_track->m_uiFourCC == fourcc("mp4a")) {
         return write_esds_box(mux, p_track);
