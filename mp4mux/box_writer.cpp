@@ -28,7 +28,7 @@ int64_t begin_box(mp4_mux_bs_t *bs, const char *type)
 
 bool is_in_cache(const mp4_mux_bs_t *bs, int64_t position)
 {
-    return position >= bs->m_llFilePos && position + 4 <= bs_position(bs);
+    return position >= bs->m_llFilePos && position + kSizeFieldBytes <= bs_position(bs);
 }
 
 void patch_in_cache(mp4_mux_bs_t *bs, int64_t position, uint32_t value)
@@ -53,7 +53,7 @@ static const char *patch_in_file(mp4_mux_bs_t *bs, int64_t position, uint32_t va
         return "<update_size1";
     }
     mp4_mux_bs_write_be32(bs, value);
-    const bool stored = bs_position(bs) == position + 4;
+    const bool stored = bs_position(bs) == position + kSizeFieldBytes;
     if (!stored || mp4_mux_bs_write_fseek_reset(bs, end) != 0) {
         // What follows must not land on the box's first bytes: give the size up, not the place.
         if (mp4_mux_bs_fseek_reset(bs, end) != 0 || !stored) {

@@ -10,6 +10,10 @@
 #include <bit>
 #include <cstdint>
 
+inline constexpr int32_t kSizeFieldBytes = 4;
+inline constexpr int32_t kBoxHeaderBytes = 8;      // size and type
+inline constexpr int32_t kFullBoxHeaderBytes = 12; // with version and flags
+
 static_assert(std::endian::native == std::endian::little,
               "four-character codes are held in memory order and written as little-endian words");
 

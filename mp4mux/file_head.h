@@ -2,12 +2,13 @@
 #ifndef MP4MUX_FILE_HEAD_H
 #define MP4MUX_FILE_HEAD_H
 
+#include "mp4mux/box_writer.h"
 #include "mp4mux/mux_context.h"
 
 #include <cstdint>
 
-inline constexpr uint32_t kFreeBoxBytes = 8;
-inline constexpr uint32_t kMdatHeaderBytes = 8;
+inline constexpr uint32_t kFreeBoxBytes = kBoxHeaderBytes; // it is empty
+inline constexpr uint32_t kMdatHeaderBytes = kBoxHeaderBytes;
 
 // Writes the file-type box, the caller's boxes, a free box and the media-data header, and
 // estimates the size of the movie box.

@@ -10,6 +10,7 @@
 #include <array>
 
 static constexpr uint64_t kMaxMediaBytes = 0xFFFFFFF7; // with its header still a 32-bit size
+static constexpr int64_t kLargeHeaderBytes = kFreeBoxBytes + kMdatHeaderBytes; // with a 64-bit size
 static constexpr int kMaxFillerRuns = 3;
 
 namespace {
@@ -98,7 +99,7 @@ static bool fix_media_size(mp4_mux_t *mux)
     const int64_t end = bs_position(bs);
     const int64_t header = mux->m_uiMdatPos;
     const uint64_t box_bytes = static_cast<uint64_t>(end - header);
-    int64_t written = 0;
+    bool written = false;
     if (box_bytes > kMaxMediaBytes + kMdatHeaderBytes) {
         const int64_t start = header - kFreeBoxBytes;
         if (mp4_mux_bs_write_fseek_reset(bs, start) != 0) {
@@ -107,15 +108,15 @@ static bool fix_media_size(mp4_mux_t *mux)
         mp4_mux_bs_write_be32(bs, 1);                         // unsigned int(32) size;
         mp4_mux_bs_write_tag(bs, "mdat");                     // unsigned int(32) type;
         mp4_mux_bs_write_be64(bs, box_bytes + kFreeBoxBytes); // unsigned int(64) largesize;
-        written = bs_position(bs) - start - 16;
+        written = bs_position(bs) == start + kLargeHeaderBytes;
     } else {
         if (mp4_mux_bs_write_fseek_reset(bs, header) != 0) {
             return false;
         }
         mp4_mux_bs_write_be32(bs, static_cast<uint32_t>(box_bytes)); // unsigned int(32) size;
-        written = bs_position(bs) - header - 4;
+        written = bs_position(bs) == header + kSizeFieldBytes;
     }
-    return written == 0 && mp4_mux_bs_write_fseek_reset(bs, end) == 0;
+    return written && mp4_mux_bs_write_fseek_reset(bs, end) == 0;
 }
 
 static trailer_result write_trailer(mp4_mux_t *mux)

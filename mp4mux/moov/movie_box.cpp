@@ -195,7 +195,7 @@ static const char *write_size_at(mp4_mux_bs_t *bs, int64_t position, uint32_t si
         return "<update_write_size1";
     }
     mp4_mux_bs_write_be32(bs, size);
-    if (bs_position(bs) != position + 4) {
+    if (bs_position(bs) != position + kSizeFieldBytes) {
         return "<update_write_size2";
     }
     return bs_write_out(bs) ? nullptr : "<update_write_size3";

@@ -15,7 +15,8 @@ enum {
     kStreamTypeAudio = 0x15,
 };
 
-static constexpr int32_t kAc3HeaderBytes = 7; // the fields read from a sync frame lie within
+static constexpr int32_t kAc3HeaderBytes = 7; // up to the last field read from a sync frame
+static constexpr uint32_t kDac3BoxBytes = 11;
 
 static int32_t write_private_data(mp4_mux_t *mux, const mp4_mux_track_t *p_track)
 {
@@ -26,7 +27,8 @@ static int32_t write_private_data(mp4_mux_t *mux, const mp4_mux_track_t *p_track
 // The private data as it is.
 static int32_t write_glbl_box(mp4_mux_t *mux, const mp4_mux_track_t *p_track)
 {
-    const uint32_t box_bytes = 8 + static_cast<uint32_t>(p_track->m_iCodecPrivateSize);
+    const uint32_t box_bytes =
+        kBoxHeaderBytes + static_cast<uint32_t>(p_track->m_iCodecPrivateSize);
     mp4_mux_bs_write_be32(mux->m_pBs, box_bytes); // unsigned int(32) size;
     mp4_mux_bs_write_tag(mux->m_pBs, "glbl");     // unsigned int(32) type;
     (void)write_private_data(mux, p_track);       // a failure is in the error record
@@ -84,13 +86,13 @@ static int32_t write_avcc_box(mp4_mux_t *mux, const mp4_mux_track_t *p_track)
 
 static int32_t write_d263_box(mp4_mux_bs_t *bs)
 {
-    mp4_mux_bs_write_be32(bs, 15);    // unsigned int(32) size;
-    mp4_mux_bs_write_tag(bs, "d263"); // unsigned int(32) type;
-    mp4_mux_bs_write_tag(bs, "ukwn"); // unsigned int(32) vendor;
-    mp4_mux_bs_write_be8(bs, 0);      // unsigned int(8) decoder_version;
-    mp4_mux_bs_write_be8(bs, 10);     // unsigned int(8) H263_Level;
-    mp4_mux_bs_write_be8(bs, 0);      // unsigned int(8) H263_Profile;
-    return 15;
+    mp4_mux_bs_write_be32(bs, kD263BoxBytes); // unsigned int(32) size;
+    mp4_mux_bs_write_tag(bs, "d263");         // unsigned int(32) type;
+    mp4_mux_bs_write_tag(bs, "ukwn");         // unsigned int(32) vendor;
+    mp4_mux_bs_write_be8(bs, 0);              // unsigned int(8) decoder_version;
+    mp4_mux_bs_write_be8(bs, 10);             // unsigned int(8) H263_Level;
+    mp4_mux_bs_write_be8(bs, 0);              // unsigned int(8) H263_Profile;
+    return kD263BoxBytes;
 }
 
 static int32_t write_video_config(mp4_mux_t *mux, const mp4_mux_track_t *p_track)
@@ -182,36 +184,36 @@ static int32_t write_ac3_box(mp4_mux_t *mux, const mp4_mux_track_t *p_track)
         return MUX_ERR_INVALID;
     }
     const uint32_t bits = ac3_specific_bits(p_track->m_pbyCodecPrivate);
-    mp4_mux_bs_write_be32(bs, 11);    // unsigned int(32) size;
-    mp4_mux_bs_write_tag(bs, "dac3"); // unsigned int(32) type;
+    mp4_mux_bs_write_be32(bs, kDac3BoxBytes); // unsigned int(32) size;
+    mp4_mux_bs_write_tag(bs, "dac3");         // unsigned int(32) type;
     const int64_t before = bs_position(bs);
     mp4_mux_bs_write_be24(bs, bits);
     if (bs_position(bs) != before + 3) {
         return mp4_mux_add_err_string("<write_ac3_box", &mux->m_stLastError);
     }
-    return 11;
+    return kDac3BoxBytes;
 }
 
 static int32_t write_damr_box(mp4_mux_bs_t *bs)
 {
-    mp4_mux_bs_write_be32(bs, 17);     // unsigned int(32) size;
-    mp4_mux_bs_write_tag(bs, "damr");  // unsigned int(32) type;
-    mp4_mux_bs_write_tag(bs, "ukwn");  // unsigned int(32) vendor;
-    mp4_mux_bs_write_be8(bs, 0);       // unsigned int(8) decoder_version;
-    mp4_mux_bs_write_be16(bs, 0x81FF); // unsigned int(16) mode_set;
-    mp4_mux_bs_write_be8(bs, 0);       // unsigned int(8) mode_change_period;
-    mp4_mux_bs_write_be8(bs, 1);       // unsigned int(8) frames_per_sample;
-    return 17;
+    mp4_mux_bs_write_be32(bs, kDamrBoxBytes); // unsigned int(32) size;
+    mp4_mux_bs_write_tag(bs, "damr");         // unsigned int(32) type;
+    mp4_mux_bs_write_tag(bs, "ukwn");         // unsigned int(32) vendor;
+    mp4_mux_bs_write_be8(bs, 0);              // unsigned int(8) decoder_version;
+    mp4_mux_bs_write_be16(bs, 0x81FF);        // unsigned int(16) mode_set;
+    mp4_mux_bs_write_be8(bs, 0);              // unsigned int(8) mode_change_period;
+    mp4_mux_bs_write_be8(bs, 1);              // unsigned int(8) frames_per_sample;
+    return kDamrBoxBytes;
 }
 
 static int32_t write_dqcp_box(mp4_mux_bs_t *bs)
 {
-    mp4_mux_bs_write_be32(bs, 14);    // unsigned int(32) size;
-    mp4_mux_bs_write_tag(bs, "dqcp"); // unsigned int(32) type;
-    mp4_mux_bs_write_tag(bs, "ukwn"); // unsigned int(32) vendor;
-    mp4_mux_bs_write_be8(bs, 0);      // unsigned int(8) decoder_version;
-    mp4_mux_bs_write_be8(bs, 1);      // unsigned int(8) frames_per_sample;
-    return 14;
+    mp4_mux_bs_write_be32(bs, kDqcpBoxBytes); // unsigned int(32) size;
+    mp4_mux_bs_write_tag(bs, "dqcp");         // unsigned int(32) type;
+    mp4_mux_bs_write_tag(bs, "ukwn");         // unsigned int(32) vendor;
+    mp4_mux_bs_write_be8(bs, 0);              // unsigned int(8) decoder_version;
+    mp4_mux_bs_write_be8(bs, 1);              // unsigned int(8) frames_per_sample;
+    return kDqcpBoxBytes;
 }
 
 static int32_t write_audio_config(mp4_mux_t *mux, const mp4_mux_track_t *p_track)
