@@ -73,7 +73,6 @@ static void prepare_tracks(mp4_mux_t *mux)
     int64_t estimate = kMovieEstimate;
     for (uint32_t i = 0; i < mux->m_uiTrackCount; i++) {
         mp4_mux_track_t *p_track = mux->m_pstTrack[i];
-        p_track->m_iSttsEntryCount = -1;
         estimate += p_track->m_iType == MUX_TYPE_VIDEO
                         ? kVideoTrackEstimate + assign_video_codes(p_track)
                         : kAudioTrackEstimate + assign_audio_codes(p_track);

@@ -23,19 +23,20 @@ static mp4_mux_track_t *find_track(mp4_mux_t *mux, int32_t type)
 // Bytes of the sample tables for the frames so far.
 static int64_t sample_table_bytes(mp4_mux_t *mux)
 {
-    const uint32_t frame_bytes = mux->m_b32BitOffset != 0 ? 8 : 12; // offset and size
+    const int64_t frame_bytes = offset_record_bytes(mux) + kSizeRecordBytes;
     const mp4_mux_track_t *video = find_track(mux, MUX_TYPE_VIDEO);
     const mp4_mux_track_t *audio = find_track(mux, MUX_TYPE_AUDIO);
-    uint32_t video_bytes = 0;
-    uint32_t audio_bytes = 0;
+    int64_t bytes = 0;
     if (video != nullptr) {
-        video_bytes = video->m_uiSampleCount * frame_bytes + video->m_uiSyncSampleCount * 4 +
-                      (static_cast<uint32_t>(video->m_iSttsEntryCount) + 2) * 8;
+        // The close adds the open run and one for the last frame.
+        const int64_t runs = int64_t{video->m_iSttsEntryCount} + 2;
+        bytes += video->m_uiSampleCount * frame_bytes + runs * kRunRecordBytes +
+                 int64_t{video->m_uiSyncSampleCount} * kSyncRecordBytes;
     }
     if (audio != nullptr) {
-        audio_bytes = audio->m_uiSampleCount * frame_bytes;
+        bytes += audio->m_uiSampleCount * frame_bytes;
     }
-    return int64_t{static_cast<int32_t>(video_bytes)} + static_cast<int32_t>(audio_bytes);
+    return bytes;
 }
 
 static int64_t estimate_file_size(mp4_mux_t *mux)
@@ -83,7 +84,7 @@ static bool put_ended_run(const mp4_mux_t *mux, mp4_mux_track_t *p_track,
                           const mp4_mux_putstream_t *frame)
 {
     if (delta_ms(p_track, frame) == p_track->m_uiSttsRunDeltaMs ||
-        p_track->m_iSttsEntryCount == -1) {
+        p_track->m_iSttsEntryCount == kNoRunYet) {
         return true;
     }
     return put_run(mux, p_track, p_track->m_iSttsRunCount, p_track->m_iSttsRunDelta);
@@ -98,7 +99,7 @@ static void count_duration(mp4_mux_track_t *p_track, const mp4_mux_putstream_t *
         p_track->m_iSttsRunCount++;
         return;
     }
-    if (p_track->m_iSttsEntryCount != -1) {
+    if (p_track->m_iSttsEntryCount != kNoRunYet) {
         p_track->m_iSttsSampleCount += p_track->m_iSttsRunCount;
     }
     // A step back in time is a negative difference, also in 64 bits.

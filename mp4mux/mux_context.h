@@ -12,6 +12,7 @@
 
 inline constexpr uint32_t kMaxTracks = 32;
 inline constexpr int32_t kScratchNameBytes = 256;
+inline constexpr int32_t kNoRunYet = -1; // m_iSttsEntryCount until the first run opens
 
 // Kinds of file, which select the brand. Every file is a kFileType3g2a; the others are reserved.
 enum {
@@ -84,8 +85,7 @@ struct mp4_mux_track_t {
     uint32_t m_uiTimeScale;      // ticks per second
     uint32_t m_uiLanguage;       // packed, audio only
     int32_t m_iSttsRunCount;     // samples in the open run of equal durations
-    int32_t m_iSttsEntryCount;   // runs in m_BsSTTSDts; while recording -1 for none, 0 for the open
-                                 // one alone, ...
+    int32_t m_iSttsEntryCount;   // runs in m_BsSTTSDts, the open one not counted; or kNoRunYet
     int32_t m_iSttsRunDelta;     // ticks per sample of the open run
     uint32_t m_uiSttsRunDeltaMs; // the same in ms
     int32_t m_iSttsSampleCount;  // samples in the runs of m_BsSTTSDts

@@ -2,11 +2,22 @@
 
 #include "mp4mux/box_writer.h"
 #include "mp4mux/c_strings.h"
+#include "mp4mux/table_record.h"
 
 #include <cassert>
 #include <initializer_list>
 
-static constexpr uint32_t kVideoTimeScale = 90000;
+static constexpr uint32_t kVideoTimeScale = 90000; // ticks per second
+static constexpr int32_t kMinTableCacheBytes = 4;
+
+// Slices of a track's cache region, in the order of m_iCacheSizeOf.
+enum {
+    kCacheOfStco = 0,
+    kCacheOfStss,
+    kCacheOfStsz,
+    kCacheOfStts, // has no slice
+    kCacheOfSttsDts,
+};
 
 int32_t set_codec_private(mp4_mux_t *mux, mp4_mux_track_t *p_track, const uint8_t *bytes,
                           int32_t count, const char *message)
@@ -32,6 +43,7 @@ static mp4_mux_track_t *add_track(mp4_mux_t *mux)
     }
     mux->m_stMem.m_pfnMemset(memory, 0, sizeof(mp4_mux_track_t));
     mp4_mux_track_t *p_track = static_cast<mp4_mux_track_t *>(memory);
+    p_track->m_iSttsEntryCount = kNoRunYet;
     for (mp4_mux_bs_t *bs : {&p_track->m_BsSTSS, &p_track->m_BsSTSZ, &p_track->m_BsSTCO,
                              &p_track->m_BsSTTS, &p_track->m_BsSTTSDts}) {
         bs->m_pstMux = mux;
@@ -41,17 +53,17 @@ static mp4_mux_track_t *add_track(mp4_mux_t *mux)
     return p_track;
 }
 
-// Builds the name of a scratch file from its fixed name, which begins with "/".
+// Builds the name of a scratch file from its fixed name, which begins with "/". The track's record
+// is zeroed.
 static int32_t set_scratch_name(mp4_mux_t *mux, char (&name)[kScratchNameBytes], const char *fixed)
 {
     const char *directory = mux->m_pszTempDir;
-    mux->m_stMem.m_pfnMemset(name, 0, sizeof(name));
     if (directory == nullptr || *directory == '\0') {
         mp4_mux_strcpy(name, fixed + 1);
         return 0;
     }
     const int32_t room = kScratchNameBytes - 1 - mp4_mux_strlen(fixed);
-    for (int32_t i = 0; directory[i] != '\0'; i++) { // it may be longer than any count can tell
+    for (int32_t i = 0; directory[i] != '\0'; i++) { // it may be longer than INT32_MAX
         if (i == room) {
             return fail(&mux->m_stLastError, MUX_ERR_OPEN, "scratch file name is too long");
         }
@@ -87,7 +99,7 @@ namespace {
 struct scratch_table {
     mp4_mux_bs_t *bs;
     const char *name;
-    int32_t slice; // CACHE_OF_…
+    int32_t slice; // kCacheOf…
     int32_t cache_bytes;
     int32_t header_bytes;
 };
@@ -102,7 +114,7 @@ static int32_t attach_scratch_tables(mp4_mux_t *mux, mp4_mux_track_t *p_track, u
     static constexpr uint8_t kZeros[kSizeTableHeaderBytes] = {};
     uint8_t *cache = region;
     for (const scratch_table &table : tables) {
-        if (cache == nullptr || table.cache_bytes < 4) {
+        if (cache == nullptr || table.cache_bytes < kMinTableCacheBytes) {
             return fail(&mux->m_stLastError, MUX_ERR_MEMORY, "track cache is too small");
         }
         p_track->m_iCacheSizeOf[table.slice] = table.cache_bytes;
@@ -158,7 +170,7 @@ static int32_t prepare_video_scratch(mp4_mux_t *mux, mp4_mux_track_t *p_track)
         {&p_track->m_BsSTCO, p_track->m_szSTCOName, kCacheOfStco, part, kTableHeaderBytes},
         {&p_track->m_BsSTSZ, p_track->m_szSTSZName, kCacheOfStsz, part, kSizeTableHeaderBytes},
         {&p_track->m_BsSTSS, p_track->m_szSTSSName, kCacheOfStss, rest, kTableHeaderBytes},
-        {&p_track->m_BsSTTSDts, p_track->m_szSTTSDtsName, kCacheOfSttsdts, part, kTableHeaderBytes},
+        {&p_track->m_BsSTTSDts, p_track->m_szSTTSDtsName, kCacheOfSttsDts, part, kTableHeaderBytes},
     };
     return attach_scratch_tables(mux, p_track, mux->m_pVideoCache, tables);
 }

@@ -5,22 +5,7 @@
 
 #include "mp4mux/mux_context.h"
 
-#include <cstddef>
 #include <cstdint>
-
-// Slices of a track's cache region, in the order of m_iCacheSizeOf.
-enum {
-    kCacheOfStco = 0,
-    kCacheOfStss,
-    kCacheOfStsz,
-    kCacheOfStts,
-    kCacheOfSttsdts,
-};
-
-// Bytes of a table box before its records; with an append callback the scratch tables begin with
-// as many zero bytes.
-inline constexpr int32_t kTableHeaderBytes = 16;
-inline constexpr int32_t kSizeTableHeaderBytes = 20; // stsz has one field more
 
 // Appends a track to the context's table and prepares its scratch bitstreams.
 // returns  0, MUX_ERR_MEMORY (also for a cache region too small to cut), MUX_ERR_OPEN for a scratch

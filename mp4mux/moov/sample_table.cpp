@@ -5,7 +5,7 @@
 #include "mp4mux/moov/sample_entry.h"
 #include "mp4mux/moov/single_precision.h"
 #include "mp4mux/moov/table_copy.h"
-#include "mp4mux/track.h"
+#include "mp4mux/table_record.h"
 
 static constexpr uint32_t kStscBoxBytes = 28;
 
@@ -104,15 +104,14 @@ static int32_t write_table(mp4_mux_t *mux, mp4_mux_track_t *p_track, const table
 
 static int32_t write_stco_box(mp4_mux_t *mux, mp4_mux_track_t *p_track)
 {
-    const bool is_32bit = mux->m_b32BitOffset != 0;
     return write_table(mux, p_track,
-                       {.type = is_32bit ? "stco" : "co64",
+                       {.type = mux->m_b32BitOffset != 0 ? "stco" : "co64",
                         .scratch = &p_track->m_BsSTCO,
                         .name = p_track->m_szSTCOName,
                         .tag = "<write_stco_box",
                         .header_bytes = kTableHeaderBytes,
                         .count = p_track->m_uiSampleCount,
-                        .record_bytes = is_32bit ? 4 : 8});
+                        .record_bytes = offset_record_bytes(mux)});
 }
 
 static int32_t write_stsz_box(mp4_mux_t *mux, mp4_mux_track_t *p_track)
@@ -124,7 +123,7 @@ static int32_t write_stsz_box(mp4_mux_t *mux, mp4_mux_track_t *p_track)
                         .tag = "<write_stsz_box",
                         .header_bytes = kSizeTableHeaderBytes,
                         .count = p_track->m_uiSampleCount,
-                        .record_bytes = 4});
+                        .record_bytes = kSizeRecordBytes});
 }
 
 // A track without key frames, or of key frames alone, has no such box.
@@ -141,7 +140,7 @@ static int32_t write_stss_box(mp4_mux_t *mux, mp4_mux_track_t *p_track)
                         .tag = "<write_stss_box",
                         .header_bytes = kTableHeaderBytes,
                         .count = syncs,
-                        .record_bytes = 4});
+                        .record_bytes = kSyncRecordBytes});
 }
 
 // The box of the runs of durations: (count, delta) pairs.
@@ -153,7 +152,7 @@ static int32_t write_runs(mp4_mux_t *mux, mp4_mux_track_t *p_track)
                           .name = p_track->m_szSTTSDtsName,
                           .header_bytes = kTableHeaderBytes,
                           .count = static_cast<uint32_t>(p_track->m_iSttsEntryCount),
-                          .record_bytes = 8});
+                          .record_bytes = kRunRecordBytes});
 }
 
 // The nearest whole number, kept within 32 bits.
