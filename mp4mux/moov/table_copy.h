@@ -23,8 +23,7 @@
 // cache block the first work_bytes bytes are free. A table without a file is set to be read from
 // the start of its cache; with an append callback a table with a file is left alone.
 // returns  0 or a negative code; tag "<calc_stxx_cache"
-[[nodiscard]] int32_t calc_stxx_cache(mp4_mux_t *mux, mp4_mux_track_t *p_track,
-                                      mp4_mux_bs_t *scratch, int32_t work_bytes);
+[[nodiscard]] int32_t calc_stxx_cache(mp4_mux_t *mux, mp4_mux_bs_t *scratch, int32_t work_bytes);
 
 // Copies the first length bytes of a scratch table to the output. A scratch file that fits its
 // cache is closed and removed (name not null) before they are written; a larger one is read
@@ -36,7 +35,7 @@
 // callback, a table without one by copying. length is the box's size. Where the appended data lies
 // beyond the box before it, that box is made to reach there.
 // returns  0 or a negative code; tag "<append_file"; MUX_ERR_APPEND without a message or a tag
-[[nodiscard]] int32_t append_file(mp4_mux_t *mux, mp4_mux_track_t *p_track, mp4_mux_bs_t *scratch,
-                                  int64_t length, const char *name);
+[[nodiscard]] int32_t append_file(mp4_mux_t *mux, mp4_mux_bs_t *scratch, int64_t length,
+                                  const char *name);
 
 #endif // MP4MUX_MOOV_TABLE_COPY_H

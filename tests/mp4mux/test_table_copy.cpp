@@ -84,7 +84,6 @@ class TableCopy : public MuxTest {
     // Copies a table after its header.
     void copy(const memory_case &c, const table &t)
     {
-        mp4_mux_track_t track = {};
         mp4_mux_bs_t scratch = {.m_pstMux = &mux, .m_pstError = &mux.m_stLastError};
         Bytes records(t.bytes);
         std::iota(records.begin(), records.end(), uint8_t{0x81});
@@ -98,7 +97,7 @@ class TableCopy : public MuxTest {
         } else {
             scratch.m_uiFill = static_cast<uint32_t>(slice.size());
         }
-        ASSERT_EQ(calc_stxx_cache(&mux, &track, &scratch, c.work_bytes), 0);
+        ASSERT_EQ(calc_stxx_cache(&mux, &scratch, c.work_bytes), 0);
         ASSERT_TRUE(is_inside(mux.m_Bs, block) || is_inside(mux.m_Bs, lent));
         ASSERT_TRUE(!t.has_file || is_inside(scratch, block) || is_inside(scratch, lent));
         ASSERT_TRUE(are_apart(mux.m_Bs, scratch));
