@@ -178,8 +178,8 @@ static size_t free_bytes(const mp4_mux_bs_t *bs)
     return span > bs->m_uiFill ? span - bs->m_uiFill : 0;
 }
 
-// A write that failed may have stored a part and moved the file on; what is written next still
-// belongs to m_llFilePos.
+// A failed write may have stored a part and moved the file position; the next bytes still belong
+// to m_llFilePos.
 static bool return_to_position(mp4_mux_bs_t *bs)
 {
     if (bs->m_bSeekDue != 0) {
@@ -215,7 +215,7 @@ static int32_t flush_cache(mp4_mux_bs_t *bs, const write_messages &messages)
     return 0;
 }
 
-// Makes the cache empty and ready for writing at the file's position; what it held is in the file.
+// Empties the cache, whose bytes are in the file, for writing at the file's position.
 static int32_t renew_span(mp4_mux_bs_t *bs, const write_messages &messages)
 {
     const int64_t expected = bs_position(bs);
@@ -235,7 +235,7 @@ static int32_t renew_span(mp4_mux_bs_t *bs, const write_messages &messages)
 static int32_t make_room(mp4_mux_bs_t *bs, const write_messages &messages)
 {
     const int32_t flushed = flush_cache(bs, messages);
-    if (flushed < 0) { // the caller does without
+    if (flushed < 0) { // the caller drops its bytes
         bs->m_bTorn = 1;
         return flushed;
     }
@@ -313,7 +313,7 @@ static int32_t put_byte(mp4_mux_bs_t *bs, uint8_t byte)
         if (free_bytes(bs) == 0) {
             return made;
         }
-        result = made < 0 ? made : result; // an untold position leaves room all the same
+        result = made < 0 ? made : result; // there is room even if the position is unknown
     }
     bs->m_pbyBase[bs->m_uiFill++] = byte;
     return result;

@@ -55,7 +55,7 @@ static size_t unread_bytes(const mp4_mux_bs_t *bs)
     return valid > bs->m_uiFill ? valid - bs->m_uiFill : 0;
 }
 
-// Reads as much as the cache takes, from where the file stands.
+// Fills the cache from the current position of the file.
 static int32_t refill(mp4_mux_bs_t *bs, const read_messages &messages)
 {
     const int32_t refreshed = bs_refresh(bs, messages.tell);
@@ -71,7 +71,7 @@ static int32_t refill(mp4_mux_bs_t *bs, const read_messages &messages)
     const size_t got = bs->m_pstMux->m_stFile.m_pfnFread(
         bs->m_pbyCache, 1, static_cast<size_t>(bs->m_iCacheSize), bs->m_hFile);
     if (got == 0) {
-        bs->m_uiFill = 0; // the bytes read before lie before m_llFilePos now
+        bs->m_uiFill = 0; // the bytes read before are before m_llFilePos now
         bs->m_uiValid = 0;
         return fail(bs->m_pstError, MUX_ERR_EOF, messages.end);
     }
@@ -91,7 +91,7 @@ int32_t mp4_mux_bs_fseek_reset(mp4_mux_bs_t *bs, int64_t position)
     return bs_seek_file(bs, position);
 }
 
-// Shows up to max of the next bytes where they lie in the cache; max is above 0.
+// As bs_borrow_bytes, with the messages of the calling reader.
 static int32_t borrow(mp4_mux_bs_t *bs, size_t max, const uint8_t **bytes,
                       const read_messages &messages)
 {
@@ -144,7 +144,7 @@ int32_t mp4_mux_bs_ready_cache(mp4_mux_bs_t *bs)
     return static_cast<int32_t>(unread_bytes(bs));
 }
 
-// Reads the cache anew, from the next unread byte on.
+// Reads the cache again from the next unread byte.
 static int32_t reload_from_position(mp4_mux_bs_t *bs)
 {
     const int64_t position = bs_position(bs);

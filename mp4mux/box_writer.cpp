@@ -39,14 +39,14 @@ void patch_in_cache(mp4_mux_bs_t *bs, int64_t position, uint32_t value)
     bs->m_uiFill = fill;
 }
 
-// Writes a 32-bit value at a position that has left the cache and returns to the end. A value that
-// is missing afterwards, or a lost end, marks the bitstream as torn.
-// returns  null, or the tag of the step that failed
+// Writes a 32-bit value at a position that has left the cache and returns to the end. If the value
+// is missing or the end is lost, the bitstream is marked as torn.
+// returns: null, or the tag of the step that failed
 static const char *patch_in_file(mp4_mux_bs_t *bs, int64_t position, uint32_t value)
 {
     const int64_t end = bs_position(bs);
     if (mp4_mux_bs_write_fseek_reset(bs, position) != 0) {
-        if (bs->m_uiFill == 0) { // flushed, but not sought: what follows still belongs at the end
+        if (bs->m_uiFill == 0) { // flushed, but the seek failed: the next bytes belong at the end
             (void)mp4_mux_bs_fseek_reset(bs, end);
         }
         bs->m_bTorn = 1;
@@ -55,7 +55,8 @@ static const char *patch_in_file(mp4_mux_bs_t *bs, int64_t position, uint32_t va
     mp4_mux_bs_write_be32(bs, value);
     const bool stored = bs_position(bs) == position + kSizeFieldBytes;
     if (!stored || mp4_mux_bs_write_fseek_reset(bs, end) != 0) {
-        // What follows must not land on the box's first bytes: give the size up, not the place.
+        // The next bytes must not overwrite the box's first ones: give up the size, not the
+        // position.
         if (mp4_mux_bs_fseek_reset(bs, end) != 0 || !stored) {
             bs->m_bTorn = 1;
         }

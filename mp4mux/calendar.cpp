@@ -74,13 +74,13 @@ static char *put_name(char *to, const char *names, int32_t index, int32_t count)
     return to;
 }
 
-// Two digits and the character behind them.
-static char *put_digits(char *to, int32_t value, char behind)
+// Puts two digits and the character after them.
+static char *put_digits(char *to, int32_t value, char after)
 {
     const uint32_t two_digits = static_cast<uint32_t>(value) % 100;
     *to++ = static_cast<char>('0' + two_digits / 10);
     *to++ = static_cast<char>('0' + two_digits % 10);
-    *to++ = behind;
+    *to++ = after;
     return to;
 }
 
@@ -95,7 +95,7 @@ char *mp4_mux_asc_time(const mp4_mux_tm_t *tm)
     to = put_digits(to, tm->m_iHour, ':');
     to = put_digits(to, tm->m_iMinute, ':');
     to = put_digits(to, tm->m_iSecond, ' ');
-    to = put_digits(to, tm->m_iYear / 100 + 19, '\0') - 1; // the year follows at once
+    to = put_digits(to, tm->m_iYear / 100 + 19, '\0') - 1; // the year's last two digits follow
     to = put_digits(to, tm->m_iYear % 100, '\n');
     *to = '\0';
     return text;

@@ -12,8 +12,8 @@ inline constexpr uint32_t kMdatHeaderBytes = kBoxHeaderBytes;
 
 // Writes the file-type box, the caller's boxes, a free box and the media-data header, and
 // estimates the size of the movie box.
-// returns  0; failures are in the error record
-// source   ISO/IEC 14496-12, 4.3, 8.1.1, 8.1.2
+// returns: 0; failures are in the error record
+// source: ISO/IEC 14496-12, 4.3, 8.1.1, 8.1.2
 int32_t mp4_mux_open(mp4_mux_t *mux);
 
 #endif // MP4MUX_FILE_HEAD_H

@@ -14,7 +14,7 @@ static size_t load_be32(const uint8_t *from)
 }
 
 // Walks length-prefixed NAL units until both parameter sets are found, the frame ends, or a length
-// leads out of it.
+// exceeds it.
 static parameter_sets find_parameter_sets(nal_unit frame)
 {
     parameter_sets found = {};

@@ -5,8 +5,8 @@
 #include "mp4mux/first_frame.h"
 #include "mp4mux/table_record.h"
 
-// What a movie box may need beyond its estimate: the longer forms of two track and media headers,
-// and the runs that the close adds.
+// Bytes of a movie box beyond its estimate: the longer forms of two track and media headers, and
+// the runs that the close adds.
 static constexpr int64_t kMovieReserveBytes = 256;
 
 static mp4_mux_track_t *find_track(mp4_mux_t *mux, int32_t type)
@@ -44,7 +44,7 @@ static int64_t estimate_file_size(mp4_mux_t *mux)
     return bs_position(&mux->m_Bs) + mux->m_iMoovSizeEstimate + sample_table_bytes(mux);
 }
 
-// Refuses what must not reach the file: nothing has been written when this fails.
+// Refuses a frame that must not reach the file, before anything of it is written.
 static int32_t check_frame(mp4_mux_t *mux, const mp4_mux_putstream_t *frame)
 {
     if (mux->m_iState != kMuxStateRecording) {
@@ -57,14 +57,14 @@ static int32_t check_frame(mp4_mux_t *mux, const mp4_mux_putstream_t *frame)
         return fail(&mux->m_stLastError, MUX_ERR_INVALID, "mp4_mux_putstream_t's data is NULL");
     }
     if (mux->m_b32BitOffset != 0 && bs_position(&mux->m_Bs) > UINT32_MAX) {
-        return fail(&mux->m_stLastError, MUX_ERR_INVALID, "frame lies beyond 32-bit chunk offsets");
+        return fail(&mux->m_stLastError, MUX_ERR_INVALID, "frame is beyond 32-bit chunk offsets");
     }
-    // The close seeks in the file, up to the end of its movie box.
+    // The close seeks as far as the end of the movie box.
     const bool seeks_32bit =
         mux->m_stFile.m_pfnFseek64 == nullptr || mux->m_stFile.m_pfnFtell64 == nullptr;
     if (seeks_32bit &&
         estimate_file_size(mux) + frame->m_iDataSize + kMovieReserveBytes > INT32_MAX) {
-        return fail(&mux->m_stLastError, MUX_ERR_INVALID, "frame lies beyond 32-bit seeks");
+        return fail(&mux->m_stLastError, MUX_ERR_INVALID, "frame is beyond 32-bit seeks");
     }
     return 0;
 }
@@ -80,6 +80,7 @@ static uint32_t delta_ms(const mp4_mux_track_t *p_track, const mp4_mux_putstream
 }
 
 // Writes the open run of equal durations if the frame ends it.
+// returns: whether the run, if it ended, is stored
 static bool put_ended_run(const mp4_mux_t *mux, mp4_mux_track_t *p_track,
                           const mp4_mux_putstream_t *frame)
 {
@@ -91,7 +92,7 @@ static bool put_ended_run(const mp4_mux_t *mux, mp4_mux_track_t *p_track,
 }
 
 // Counts a written frame into the open run or opens another. The time between two frames is known
-// with the second one: it counts for the first.
+// only with the second one and is the duration of the first.
 static void count_duration(mp4_mux_track_t *p_track, const mp4_mux_putstream_t *frame)
 {
     const uint32_t delta = delta_ms(p_track, frame);
@@ -102,7 +103,7 @@ static void count_duration(mp4_mux_track_t *p_track, const mp4_mux_putstream_t *
     if (p_track->m_iSttsEntryCount != kNoRunYet) {
         p_track->m_iSttsSampleCount += p_track->m_iSttsRunCount;
     }
-    // A step back in time is a negative difference, also in 64 bits.
+    // A step back in time is a negative difference in 64 bits too.
     const int64_t signed_delta = static_cast<int32_t>(delta);
     p_track->m_uiSttsRunDeltaMs = delta;
     p_track->m_iSttsEntryCount++;
@@ -110,7 +111,7 @@ static void count_duration(mp4_mux_track_t *p_track, const mp4_mux_putstream_t *
     p_track->m_iSttsRunDelta = static_cast<int32_t>(signed_delta * p_track->m_uiTimeScale / 1000);
 }
 
-// Takes from the first frame of a track what the track does not know yet.
+// Takes the decoder configuration from the first frame of a track that has none.
 static int32_t take_configuration(mp4_mux_t *mux, mp4_mux_track_t *p_track,
                                   const mp4_mux_putstream_t *frame)
 {
@@ -120,7 +121,7 @@ static int32_t take_configuration(mp4_mux_t *mux, mp4_mux_track_t *p_track,
     if (frame->m_iType == MUX_TYPE_VIDEO && p_track->m_uiFourCC == fourcc("avc1")) {
         return take_avc_configuration(mux, p_track, frame);
     }
-    if (frame->m_iType == MUX_TYPE_AUDIO && p_track->m_uiFourCC == fourcc("ac-3")) {
+    if (frame->m_iType == MUX_TYPE_AUDIO && p_track->m_uiFourCC == fourcc("ac-3")) { // not reached
         return take_ac3_configuration(mux, p_track, frame);
     }
     return 0;
@@ -135,8 +136,8 @@ static void note_sample_size(mp4_mux_track_t *p_track, uint32_t size)
 }
 
 // Writes the frame's records, then its bytes.
-// out      recorded: whether every record of the frame is stored
-// returns  0, or the error of an ended run or of the bytes
+// out: recorded: whether every record of the frame is stored
+// returns: 0, or the error of an ended run or of the bytes
 static int32_t append_frame(mp4_mux_t *mux, mp4_mux_track_t *p_track,
                             const mp4_mux_putstream_t *frame, bool *recorded)
 {
@@ -188,7 +189,7 @@ int32_t mp4_mux_putframe(mp4_mux_t *mux, const mp4_mux_putstream_t *frame)
         mp4_mux_add_err_string("<mp4_mux_putframe", &mux->m_stLastError);
         return result;
     }
-    if (recorded) { // else its bytes belong to no sample
+    if (recorded) { // otherwise its bytes belong to no sample
         count_frame(mux, p_track, frame);
     }
     mux->m_llEstimatedFileSize = estimate_file_size(mux);

@@ -46,7 +46,7 @@ static int32_t put_frame(mp4_mux_t *mux, const mp4_mux_putstream_t *frame, int64
     return result;
 }
 
-// An append callback takes the tables past the caches, so that memory for them helps nothing.
+// With an append callback the tables bypass the caches, so that memory for them is no use.
 static void take_close_memory(mp4_mux_t *mux, const mp4_mux_closemem_t *lent)
 {
     if (lent == nullptr || mux->m_pfnAppendFile != nullptr) {

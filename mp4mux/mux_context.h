@@ -24,18 +24,18 @@ enum {
     kFileTypeIsomToo = 5,
 };
 
-// What may still be done with a context.
+// How far a context has come.
 enum {
-    kMuxStateUnopened = 0, // not opened yet, or the open failed
+    kMuxStateUnopened = 0, // not open yet, or the open failed
     kMuxStateRecording,    // takes frames
-    kMuxStateEnded,        // a close has begun: whatever comes now only releases
+    kMuxStateEnded,        // a close has begun: another one only releases
 };
 
 // How much memory was lent for the close.
 enum {
     kCloseMemNone = 0,
     kCloseMemCache, // at least as much as the output's cache
-    kCloseMemLarge, // and enough to build the movie box in
+    kCloseMemLarge, // and enough to build the movie box in it
 };
 
 struct mp4_mux_mem_t {
@@ -70,15 +70,15 @@ struct mp4_mux_track_t {
     uint32_t m_uiFourCC; // sample-entry type in memory order
     union {
         int32_t m_iWidth;
-        int32_t m_iSampleRate;
+        int32_t m_iSampleRate; // not read
     };
     union {
         int32_t m_iHeight;
-        int32_t m_iBitsPerSample;
+        int32_t m_iBitsPerSample; // not read
     };
     union {
-        int32_t m_iFrameRate; // x1000
-        int32_t m_iChannels;
+        int32_t m_iFrameRate; // x1000, not read
+        int32_t m_iChannels;  // not read
     };
     int32_t m_iCodec;            // audio format tag
     uint32_t m_uiLastTimeStamp;  // ms of the last frame: the track's duration
@@ -92,20 +92,21 @@ struct mp4_mux_track_t {
     mp4_mux_bs_t m_BsSTSS;       // sync sample numbers
     mp4_mux_bs_t m_BsSTSZ;       // sample sizes
     mp4_mux_bs_t m_BsSTCO;       // chunk offsets
-    mp4_mux_bs_t m_BsSTTS;       // never used
+    mp4_mux_bs_t m_BsSTTS;       // holds no records
     mp4_mux_bs_t m_BsSTTSDts;    // runs of durations
     char m_szSTSSName[kScratchNameBytes];
     char m_szSTSZName[kScratchNameBytes];
     char m_szSTCOName[kScratchNameBytes];
     char m_szSTTSName[kScratchNameBytes];
     char m_szSTTSDtsName[kScratchNameBytes];
-    int32_t m_iCacheSizeOf[5]; // cache slices, in the order STCO, STSS, STSZ, STTS, STTSDts
+    int32_t
+        m_iCacheSizeOf[5]; // cache slices in the order STCO, STSS, STSZ, STTS, STTSDts; not read
     uint8_t *m_pCacheOf[5];
     uint32_t m_uiPrevTimeStamp;
     uint32_t m_uiSampleCount;
     uint32_t m_uiChunkCount; // one frame per chunk
     uint32_t m_uiSyncSampleCount;
-    int32_t m_bVariableSampleSize; // audio: two frames of different size were written
+    int32_t m_bVariableSampleSize; // audio, not read: two frames of different size were written
     uint32_t m_uiObjectTypeIndication;
     uint32_t m_uiLastSampleSize;   // audio
     uint64_t m_ullCreationTime;    // set when the movie box is written
@@ -134,22 +135,22 @@ struct mp4_mux_t {
     const char *m_pszTempDir; // the caller's, read during the open only
     int32_t m_iVideoCacheSize;
     int32_t m_iAudioCacheSize;
-    int32_t m_iCloseMemMode; // CLOSE_MEM_…
+    int32_t m_iCloseMemMode; // kCloseMem…
     uint8_t *m_pCloseMem;
     int32_t m_iCloseMemSize;
-    int32_t m_bExternalCache; // the caches lie in the caller's memory
+    int32_t m_bExternalCache; // nonzero: the caches are in the caller's memory
     uint8_t *m_pCache;
     int32_t m_iCacheSize;
     uint8_t *m_pVideoCache;
     uint8_t *m_pAudioCache;
-    int32_t m_iMoovSizeEstimate;   // of the movie box, the sample tables not counted
+    int32_t m_iMoovSizeEstimate;   // of the movie box without the sample tables
     int64_t m_llEstimatedFileSize; // of the finished file
     mp4_mux_append_file_fn m_pfnAppendFile;
     const mp4_mux_ftyp_t *m_pstFtyp; // the caller's, read during the open only
     int64_t m_llPendingPos;          // append mode: position of the last table box
     uint32_t m_uiPendingSize;        // and its size
-    int32_t m_iState;                // MUX_STATE_…
-    int32_t m_bTornHead;             // the file's head is not whole
+    int32_t m_iState;                // kMuxState…
+    int32_t m_bTornHead;             // nonzero: the file's head is incomplete
 };
 
 static_assert(std::is_trivially_copyable_v<mp4_mux_track_t>);

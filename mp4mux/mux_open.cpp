@@ -9,7 +9,8 @@
 
 static constexpr int32_t kOwnCacheBytes = 0x54000;
 static constexpr uint64_t kSecondsFrom1904To1970 = 2082844800;
-static constexpr uint64_t kMaxHeadBytes = INT32_MAX / 2; // frames must be in reach of 32-bit seeks
+static constexpr uint64_t kMaxHeadBytes =
+    INT32_MAX / 2; // keeps frames within reach of 32-bit seeks
 
 static void copy_callbacks(mp4_mux_t *mux, const mp4_mux_init_t *init)
 {
@@ -65,7 +66,8 @@ static void copy_parameters(mp4_mux_t *mux, const mp4_mux_init_t *init)
     }
 }
 
-// head_bytes: what the head holds beside the boxes.
+// in: head_bytes: the head's bytes besides the boxes
+// returns: the fault, or null
 static const char *fault_in_user_boxes(const mp4_mux_input_t *input, uint64_t head_bytes)
 {
     if (input->m_uiUserBoxCount != 0 && input->m_pstUserBox == nullptr) {
@@ -85,7 +87,7 @@ static const char *fault_in_user_boxes(const mp4_mux_input_t *input, uint64_t he
     return nullptr;
 }
 
-// What makes no sense in the caller's stream description, or null.
+// returns: the fault in the caller's stream description, or null
 static const char *fault_in_input(const mp4_mux_input_t *input)
 {
     if (input == nullptr) {
@@ -117,7 +119,7 @@ static int32_t check_arguments(mp4_mux_t *mux, const mp4_mux_input_t *input)
     return fault != nullptr ? fail(&mux->m_stLastError, MUX_ERR_INVALID, fault) : 0;
 }
 
-// Shares one pool out: six sevenths to the two tracks, the rest to the output file.
+// Pools the three sizes: the two tracks share six sevenths, the output file takes the rest.
 static void split_cache(mp4_mux_t *mux)
 {
     const int64_t total =
@@ -131,7 +133,7 @@ static void split_cache(mp4_mux_t *mux)
 static int32_t prepare_cache(mp4_mux_t *mux)
 {
     if (mux->m_bExternalCache == 0) {
-        mux->m_iVideoCacheSize = 0; // the sizes describe memory that was not lent
+        mux->m_iVideoCacheSize = 0; // the given sizes are those of memory that was not lent
         mux->m_iAudioCacheSize = 0;
         mux->m_iCacheSize = kOwnCacheBytes;
         mux->m_pCache = static_cast<uint8_t *>(mux->m_stMem.m_pfnMalloc(kOwnCacheBytes));
@@ -163,21 +165,21 @@ static int32_t open_output(mp4_mux_t *mux)
     }
     mp4_mux_open_bitstream_from_external_memory(&mux->m_Bs, mux->m_pCache, mux->m_iCacheSize,
                                                 output);
-    // A handle need not stand at the start of its file.
+    // A handle need not be at the start of its file.
     if (mux->m_bOutputIsHandle != 0) {
         const int32_t refreshed = bs_refresh(&mux->m_Bs, "can't tell the position");
         if (refreshed < 0) {
             return refreshed;
         }
     }
-    // The position of the media data, which is the head's end, is kept in 32 bits.
+    // The position of the media data, at the end of the head, is kept in 32 bits.
     if (bs_position(&mux->m_Bs) > INT32_MAX) {
-        return fail(&mux->m_stLastError, MUX_ERR_INVALID, "output stands beyond 32-bit positions");
+        return fail(&mux->m_stLastError, MUX_ERR_INVALID, "output is beyond 32-bit positions");
     }
     return 0;
 }
 
-// Lays the tracks' cache regions behind the output's: audio, then video.
+// Places the tracks' cache regions after the output's: audio, then video.
 static void lay_track_regions(mp4_mux_t *mux)
 {
     const bool has_video = (mux->m_uiStreamFlags & MUX_STREAM_VIDEO) != 0;

@@ -10,7 +10,7 @@ static constexpr int32_t kWaveExtraOffset = 18;
 static constexpr uint32_t kWaveTagPcm = 1;
 static constexpr uint32_t kWaveTagFirstPrivate = 0x2001;
 
-// Bitmap-info header: the extra bytes lie behind its 40 bytes; the fields used here end at 20.
+// Bitmap-info header: 40 bytes, then the extra bytes; the fields used here end at 20.
 static constexpr int32_t kBitmapHeaderBytes = 40;
 static constexpr int32_t kBitmapFieldBytes = 20;
 
@@ -18,7 +18,7 @@ static constexpr int32_t kBitmapFieldBytes = 20;
 static constexpr int32_t kSamplingRates[12] = {96000, 88200, 64000, 48000, 44100, 32000,
                                                24000, 22050, 16000, 12000, 11025, 8000};
 static constexpr int32_t kProfileNameOffset = 12;
-static constexpr int32_t kMaxHalfRate = 24000; // a rate up to here is the lower one of an SBR pair
+static constexpr int32_t kMaxHalfRate = 24000; // a rate up to this one is the lower of an SBR pair
 
 enum {
     kAotAacMain = 1,
@@ -46,7 +46,7 @@ static void clear_format(mp4_mux_t *mux, mp4_mux_format_t *format)
     *format = {};
 }
 
-// Tells whether a header describes plain PCM, under its own tag or under a private one.
+// returns: whether a header describes plain PCM, under its own tag or under a private one
 static bool is_pcm(const uint8_t *header)
 {
     const uint32_t tag = load_le16(header);
@@ -115,8 +115,8 @@ static uint32_t sampling_index(int32_t rate)
     return index;
 }
 
-// The audio object type that a profile's name stands for.
-// out      with_sbr: the configuration carries the SBR extension
+// The audio object type of a profile's name.
+// out: with_sbr: the configuration carries the SBR extension
 static uint32_t object_type_of(const char *name, bool sbr_implied, bool *with_sbr)
 {
     static constexpr struct {

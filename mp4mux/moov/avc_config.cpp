@@ -52,7 +52,7 @@ static void note_parameter_set(nal_unit unit, parameter_sets *found)
     }
 }
 
-// Splits Annex B into its units, until both parameter sets are found.
+// Splits Annex B into its units until both parameter sets are found.
 static parameter_sets find_parameter_sets(byte_span data)
 {
     parameter_sets found = {};

@@ -83,7 +83,7 @@ static int32_t write_minf_box(mp4_mux_t *mux, mp4_mux_track_t *p_track, bool is_
         write_smhd_box(bs);
     }
     write_dinf_box(bs);
-    write_stbl_box(mux, p_track);
+    (void)write_stbl_box(mux, p_track); // a failure is in the error record
     return update_size(bs, start);
 }
 

@@ -137,14 +137,14 @@ static void write_udta_box(mp4_mux_bs_t *bs)
     (void)update_size(bs, start); // a failure is in the error record
 }
 
-// A track box whose start has left the cache gets its size when the movie box is complete, so that
+// A track box whose start has left the cache gets its size after the movie box is complete, so that
 // the movie box is written in one pass.
 static void write_trak_box(mp4_mux_t *mux, mp4_mux_track_t *p_track)
 {
     mp4_mux_bs_t *bs = mux->m_pBs;
     p_track->m_llTrakPos = begin_box(bs, "trak");
     write_tkhd_box(bs, p_track);
-    write_mdia_box(mux, p_track);
+    (void)write_mdia_box(mux, p_track); // a failure is in the error record
     const uint32_t size = static_cast<uint32_t>(bs_position(bs) - p_track->m_llTrakPos);
     if (is_in_cache(bs, p_track->m_llTrakPos)) {
         patch_in_cache(bs, p_track->m_llTrakPos, size);
@@ -171,7 +171,7 @@ struct movie_extent {
 
 } // namespace
 
-// Gives the tracks that have samples their final identifiers and their creation time.
+// Sets the final identifiers and the creation time of the tracks that have samples.
 static movie_extent number_tracks(mp4_mux_t *mux)
 {
     movie_extent extent = {.duration_ms = 0, .last_track_id = 1};
@@ -187,8 +187,8 @@ static movie_extent number_tracks(mp4_mux_t *mux)
     return extent;
 }
 
-// Writes a size that has left the cache, and stays there.
-// returns  null, or the tag of the step that failed
+// Writes a size at a position that has left the cache, and stays there.
+// returns: null, or the tag of the step that failed
 static const char *write_size_at(mp4_mux_bs_t *bs, int64_t position, uint32_t size)
 {
     if (mp4_mux_bs_write_fseek_reset(bs, position) != 0) {
@@ -201,8 +201,8 @@ static const char *write_size_at(mp4_mux_bs_t *bs, int64_t position, uint32_t si
     return bs_write_out(bs) ? nullptr : "<update_write_size3";
 }
 
-// returns  0, or the error record's code, which is 0 as well after a seek that failed; a size that
-//          is missing marks the bitstream as torn
+// returns: 0, or the error record's code, which is 0 too after a failed seek; a missing size marks
+//          the bitstream as torn
 static int32_t write_moov_size(mp4_mux_t *mux, int64_t start, uint32_t size)
 {
     mp4_mux_bs_t *bs = mux->m_pBs;
@@ -258,7 +258,7 @@ int64_t write_moov_box(mp4_mux_t *mux)
     write_mvhd_box(mux, extent.duration_ms, extent.last_track_id);
     if (mux->m_iAudioCacheSize != 0) {
         write_trak_boxes(mux, MUX_TYPE_AUDIO);
-        mux->m_pAudioCache = nullptr; // the video tables may use it from here on
+        mux->m_pAudioCache = nullptr; // from here on the video tables may use it
     }
     if (mux->m_iVideoCacheSize != 0) {
         write_trak_boxes(mux, MUX_TYPE_VIDEO);

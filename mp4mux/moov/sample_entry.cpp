@@ -99,7 +99,7 @@ static int32_t write_video_config(mp4_mux_t *mux, const mp4_mux_track_t *p_track
 {
     switch (p_track->m_uiFourCC) {
     case fourcc("avc1"):
-    case fourcc("h264"):
+    case fourcc("h264"): // not reached: the track's creation makes it "avc1"
         return write_avcc_box(mux, p_track);
     case fourcc("mp4v"):
         return write_esds_box(mux, p_track);
@@ -111,8 +111,8 @@ static int32_t write_video_config(mp4_mux_t *mux, const mp4_mux_track_t *p_track
     }
 }
 
-// The part that all sample entries share.
-// returns  position of the entry
+// Writes the fields that all sample entries begin with.
+// returns: position of the entry
 static int64_t begin_sample_entry(mp4_mux_bs_t *bs, uint32_t type)
 {
     const int64_t start = bs_position(bs);
@@ -155,7 +155,7 @@ int32_t write_video_box(mp4_mux_t *mux, mp4_mux_track_t *p_track)
 }
 
 // ETSI TS 102 366, Annex F.4: the fields of the bit stream information at the start of a sync
-// frame. Fields that depend on acmod lie before lfeon.
+// frame. Fields that depend on acmod precede lfeon.
 static uint32_t ac3_specific_bits(const uint8_t *frame)
 {
     const uint32_t fscod = frame[4] >> 6;
@@ -222,7 +222,7 @@ static int32_t write_audio_config(mp4_mux_t *mux, const mp4_mux_track_t *p_track
         return write_esds_box(mux, p_track);
     }
     switch (p_track->m_iCodec) {
-    case kAudioTagAc3:
+    case kAudioTagAc3: // not reached: its entry is "mp4a"
         return write_ac3_box(mux, p_track);
     case kAudioTagAmrWbp:
     case kAudioTagAmrNb:

@@ -9,14 +9,14 @@
 
 static constexpr uint32_t kStscBoxBytes = 28;
 
-// How much of the cache block the copies of a track may use: the audio tables' region too, once
+// Bytes of the cache block that the copies of a track may use, with the audio tables' region once
 // the audio track is written.
 static int32_t work_bytes(const mp4_mux_t *mux)
 {
     return mux->m_iCacheSize + (mux->m_pAudioCache == nullptr ? mux->m_iAudioCacheSize : 0);
 }
 
-// A table's header goes in front of its records: with an append callback into the scratch table.
+// A table's header precedes its records: with an append callback, in the scratch table.
 static mp4_mux_bs_t *header_target(mp4_mux_t *mux, mp4_mux_bs_t *scratch)
 {
     return mux->m_pfnAppendFile != nullptr ? scratch : mux->m_pBs;
@@ -37,7 +37,7 @@ static int32_t write_stsd_box(mp4_mux_t *mux, mp4_mux_track_t *p_track)
     return patched < 0 ? tag_failure(&mux->m_stLastError, "<write_stsd_box", patched) : 0;
 }
 
-// Every frame is a chunk of its own.
+// Every frame is a chunk of its own, so that one entry describes all.
 static void write_stsc_box(mp4_mux_t *mux)
 {
     mp4_mux_bs_t *bs = mux->m_pBs;
@@ -56,12 +56,12 @@ static void write_stsc_box(mp4_mux_t *mux)
 
 namespace {
 
-// A box whose records a scratch table holds.
+// A box with the records of a scratch table.
 struct table_box {
     const char *type;
     mp4_mux_bs_t *scratch;
     const char *name;
-    const char *tag; // of its failures
+    const char *tag; // of its failures, or null
     int32_t header_bytes;
     uint32_t count; // of its records
     int32_t record_bytes;
@@ -80,9 +80,9 @@ static int32_t write_records(mp4_mux_t *mux, const table_box &table)
     mp4_mux_bs_write_tag(bs, table.type);                        // unsigned int(32) type;
     mp4_mux_bs_write_be32(bs, 0); // unsigned int(8) version; bit(24) flags;
     if (table.header_bytes == kSizeTableHeaderBytes) {
-        mp4_mux_bs_write_be32(bs, 0); // unsigned int(32) sample_size = 0: see the records
+        mp4_mux_bs_write_be32(bs, 0); // unsigned int(32) sample_size = 0: each has a record
     }
-    mp4_mux_bs_write_be32(bs, table.count); // unsigned int(32) entry_count; the records
+    mp4_mux_bs_write_be32(bs, table.count); // unsigned int(32) entry_count;
     if (mux->m_pfnAppendFile != nullptr) {
         return bs_position(bs) == records_start
                    ? append_file(mux, table.scratch, box_bytes, table.name)
@@ -91,7 +91,7 @@ static int32_t write_records(mp4_mux_t *mux, const table_box &table)
     return bs_direct_copy(mux->m_pBs, table.scratch, records_bytes, table.name);
 }
 
-// Writes a table's box and gives its scratch file up.
+// Writes a table's box and closes its scratch file.
 static int32_t write_table(mp4_mux_t *mux, const table_box &table)
 {
     int32_t result = calc_stxx_cache(mux, table.scratch, work_bytes(mux));
@@ -215,7 +215,7 @@ int32_t write_stbl_box(mp4_mux_t *mux, mp4_mux_track_t *p_track)
     const int64_t start = begin_box(mux->m_pBs, "stbl");
     const int32_t result = write_tables(mux, p_track);
     if (result < 0) {
-        if (result != MUX_ERR_CLOSE) { // the release meets that file again and reports it
+        if (result != MUX_ERR_CLOSE) { // the release tries again and reports it
             mux->m_pBs->m_bTorn = 1;
         }
         return tag_failure(&mux->m_stLastError, "<write_stbl_box", result);

@@ -34,7 +34,7 @@ static bool overlaps(const uint8_t *a, const uint8_t *b, uint32_t bytes)
 
 int32_t reset_write_cache2(mp4_mux_bs_t *bs, uint8_t *buffer, int32_t size)
 {
-    // Pending bytes that lie across the new buffer's start cannot be copied there.
+    // Pending bytes that overlap their new place cannot be copied there.
     if (bs->m_uiFill >= static_cast<uint32_t>(size) ||
         (buffer != bs->m_pbyCache && overlaps(buffer, bs->m_pbyCache, bs->m_uiFill))) {
         assert(bs->m_hFile != nullptr);
@@ -55,7 +55,7 @@ int32_t reset_write_cache2(mp4_mux_bs_t *bs, uint8_t *buffer, int32_t size)
     return 0;
 }
 
-// The size of a scratch file, which is left at its start.
+// Sizes a scratch file and returns to its start.
 static int32_t size_of_file(mp4_mux_bs_t *scratch, int64_t *size)
 {
     const mp4_mux_file_t &file = scratch->m_pstMux->m_stFile;
@@ -68,9 +68,9 @@ static int32_t size_of_file(mp4_mux_bs_t *scratch, int64_t *size)
     return fail(scratch->m_pstError, MUX_ERR_SEEK, "can't size the scratch file");
 }
 
-// Moves the output's cache first: its pending bytes may lie where the table's cache will be.
-static int32_t lay_caches(mp4_mux_bs_t *out, uint8_t *out_cache, int64_t out_bytes,
-                          mp4_mux_bs_t *scratch, uint8_t *scratch_cache, int64_t scratch_bytes)
+// Moves the output's cache first: its pending bytes may be where the table's cache will be.
+static int32_t place_caches(mp4_mux_bs_t *out, uint8_t *out_cache, int64_t out_bytes,
+                            mp4_mux_bs_t *scratch, uint8_t *scratch_cache, int64_t scratch_bytes)
 {
     const int32_t result = reset_write_cache2(out, out_cache, static_cast<int32_t>(out_bytes));
     if (result < 0) {
@@ -88,7 +88,7 @@ static int32_t share_cache_block(mp4_mux_t *mux, mp4_mux_bs_t *scratch, int64_t 
     const bool is_held = work - need > kMinOutputCacheBytes;
     const int64_t part = is_held ? need : work / 2;
     const int64_t rest = is_held ? work - need : work / 2;
-    return lay_caches(mux->m_pBs, mux->m_pCache + part, rest, scratch, mux->m_pCache, part);
+    return place_caches(mux->m_pBs, mux->m_pCache + part, rest, scratch, mux->m_pCache, part);
 }
 
 static int32_t share_close_memory(mp4_mux_t *mux, mp4_mux_bs_t *scratch, int64_t need, int64_t work)
@@ -96,16 +96,16 @@ static int32_t share_close_memory(mp4_mux_t *mux, mp4_mux_bs_t *scratch, int64_t
     const int64_t lent = mux->m_iCloseMemSize;
     const int64_t rest = lent - need;
     if (rest <= 0) {
-        return lay_caches(mux->m_pBs, mux->m_pCloseMem, lent, scratch, mux->m_pCache, work);
+        return place_caches(mux->m_pBs, mux->m_pCloseMem, lent, scratch, mux->m_pCache, work);
     }
     if (rest >= work) {
-        return lay_caches(mux->m_pBs, mux->m_pCloseMem, rest, scratch, mux->m_pCloseMem + rest,
-                          need);
+        return place_caches(mux->m_pBs, mux->m_pCloseMem, rest, scratch, mux->m_pCloseMem + rest,
+                            need);
     }
-    return lay_caches(mux->m_pBs, mux->m_pCache, work, scratch, mux->m_pCloseMem, need);
+    return place_caches(mux->m_pBs, mux->m_pCache, work, scratch, mux->m_pCloseMem, need);
 }
 
-// The table lies in its cache: the output may have all of the memory.
+// The table is in its own cache: the output may have all of the memory.
 static int32_t read_from_cache(mp4_mux_t *mux, mp4_mux_bs_t *scratch, int32_t work_bytes)
 {
     scratch->m_uiValid = scratch->m_uiFill;
@@ -148,7 +148,7 @@ static int32_t copy_from_cache(mp4_mux_bs_t *out, const mp4_mux_bs_t *scratch, i
     return mp4_mux_bs_write_bytes(out, scratch->m_pbyCache, static_cast<int32_t>(length));
 }
 
-// A table larger than its cache goes straight into the output's: one copy of each byte less.
+// A table larger than its cache is read straight into the output's, which saves a copy.
 static int32_t copy_large_file(mp4_mux_bs_t *out, mp4_mux_bs_t *scratch, int64_t length)
 {
     for (int64_t left = length; left > 0;) {
@@ -182,7 +182,7 @@ static int32_t copy_from_file(mp4_mux_bs_t *out, mp4_mux_bs_t *scratch, int64_t 
         if (got < 0) {
             return got;
         }
-        if (got == length) { // all in one piece: give the storage back before it is needed
+        if (got == length) { // the whole table: free its storage before the output grows
             result = close_scratch(scratch, name);
         }
         if (result >= 0) {
@@ -200,7 +200,7 @@ int32_t bs_direct_copy(mp4_mux_bs_t *out, mp4_mux_bs_t *scratch, int64_t length,
     return result < 0 ? tag_failure(out->m_pstError, "<bs_direct_copy", result) : 0;
 }
 
-// Brings the table's header into its file and leaves both files where the callback expects them.
+// Writes the table's header into its file and leaves both files where the callback expects them.
 static int32_t prepare_files(mp4_mux_bs_t *out, mp4_mux_bs_t *scratch)
 {
     int32_t result = mp4_mux_bs_write_flush(out);
@@ -213,7 +213,7 @@ static int32_t prepare_files(mp4_mux_bs_t *out, mp4_mux_bs_t *scratch)
     return result;
 }
 
-// Makes the table box before the appended one reach to it, and goes to the end of the latter.
+// Extends the table box before the appended one up to it, and seeks to the end of the latter.
 static int32_t absorb_gap(mp4_mux_t *mux, int64_t length)
 {
     mp4_mux_bs_t *out = mux->m_pBs;
@@ -238,7 +238,7 @@ static int32_t append_scratch_file(mp4_mux_t *mux, mp4_mux_bs_t *scratch, int64_
     if (gap < 0) {
         return fail(out->m_pstError, MUX_ERR_APPEND, "");
     }
-    scratch->m_hFile = nullptr; // the callback has closed it
+    scratch->m_hFile = nullptr; // closed by the callback
     if (mux->m_stFile.m_pfnRemove != nullptr) {
         mux->m_stFile.m_pfnRemove(name);
     }

@@ -78,7 +78,7 @@ TEST_F(Failures, OfTheOpenLeaveAHandleToAskAndClose)
          [](R &r) { r.init.m_iVideoCacheSize = INT32_MAX - 0x100000; }},
         {tiny, MUX_ERR_MEMORY, kSmallCache, [](R &r) { r.init.m_iAudioCacheSize = 7; }},
         {tiny, MUX_ERR_MEMORY, kSmallCache, [](R &r) { r.init.m_iVideoCacheSize = 13; }},
-        {own, MUX_ERR_INVALID, "output stands beyond 32-bit positions", [](R &) { world.files["out.mp4"].position = 1u << 31; }},
+        {own, MUX_ERR_INVALID, "output is beyond 32-bit positions", [](R &) { world.files["out.mp4"].position = 1u << 31; }},
         {own, MUX_ERR_OPEN, "scratch file name is too long<init",
          [](R &r) { r.init.m_pszTempDir = kLongName.c_str(); }},
         {own, MUX_ERR_INVALID, "mp4_mux_userbox_t's value is NULL",

@@ -136,9 +136,9 @@ TEST_F(File, EndsWhereOffsetsAndSeeksEnd)
     } cases[] = {
         {true, 0, 0x10000000F, false, "", "00000008 'free' FFFFFFFF 'mdat'"},
         {true, 0, 0x100000010, false, "", "00000001 'mdat' 0000000100000008"},
-        {true, MUX_OPTION_32BIT_OFFSET, 0xFFFFFFF4, true, "frame lies beyond 32-bit chunk offsets",
+        {true, MUX_OPTION_32BIT_OFFSET, 0xFFFFFFF4, true, "frame is beyond 32-bit chunk offsets",
          "00000008 'free' FFFFFFE4 'mdat'"},
-        {false, 0, INT32_MAX - 1004, true, "frame lies beyond 32-bit seeks",
+        {false, 0, INT32_MAX - 1004, true, "frame is beyond 32-bit seeks",
          "00000008 'free' 7FFFFC03 'mdat'"},
     };
     // clang-format on
