@@ -23,21 +23,21 @@ static constexpr write_messages kBytesMessages = {
     "can't open file(bs_write_bytes)",
     "can't write file(bs_write_bytes)",
     "invalid data: cache is NULL(bs_write_bytes)",
-    "can't tell the position(bs_write_bytes)",
+    "can't get the position(bs_write_bytes)",
 };
 
 static constexpr write_messages kByteMessages = {
     "can't open file(bs_write_1byte)",
     "can't write file(bs_write_1byte)",
     "invalid data: cache is NULL(bs_write_1byte)",
-    "can't tell the position(bs_write_1byte)",
+    "can't get the position(bs_write_1byte)",
 };
 
 static constexpr write_messages kFlushMessages = {
     "can't open file(bs_write_flush)",
     "can't write file(bs_write_flush)",
     "invalid data: cache is NULL(bs_write_flush)",
-    "can't tell the position(bs_write_flush)",
+    "can't get the position(bs_write_flush)",
 };
 
 int32_t bs_fail_to_close(const mp4_mux_bs_t *bs)

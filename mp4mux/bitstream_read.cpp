@@ -18,31 +18,31 @@ struct read_messages {
 static constexpr read_messages kBytesMessages = {
     "the end of the file(bs_read_bytes)",
     "invalid data: cache is NULL(bs_read_bytes)",
-    "can't tell the position(bs_read_bytes)",
+    "can't get the position(bs_read_bytes)",
 };
 
 static constexpr read_messages kByteMessages = {
     "the end of the file(bs_read_1byte)",
     "invalid data: cache is NULL(bs_read_1byte)",
-    "can't tell the position(bs_read_1byte)",
+    "can't get the position(bs_read_1byte)",
 };
 
 static constexpr read_messages kReadyMessages = {
     "the end of the file(bs_ready_cache)",
     "invalid data: cache is NULL(bs_ready_cache)",
-    "can't tell the position(bs_ready_cache)",
+    "can't get the position(bs_ready_cache)",
 };
 
 static constexpr read_messages kShowMessages = {
     "the end of the file(bs_show_bytes)",
     "invalid data: cache is NULL(bs_show_bytes)",
-    "can't tell the position(bs_show_bytes)",
+    "can't get the position(bs_show_bytes)",
 };
 
 static constexpr read_messages kSeekMessages = {
     "the end of the file(bs_fseek)",
     "invalid data: cache is NULL(bs_fseek)",
-    "can't tell the position(bs_fseek)",
+    "can't get the position(bs_fseek)",
 };
 
 static size_t unread_bytes(const mp4_mux_bs_t *bs)

@@ -55,8 +55,7 @@ static const char *patch_in_file(mp4_mux_bs_t *bs, int64_t position, uint32_t va
     mp4_mux_bs_write_be32(bs, value);
     const bool stored = bs_position(bs) == position + kSizeFieldBytes;
     if (!stored || mp4_mux_bs_write_fseek_reset(bs, end) != 0) {
-        // The next bytes must not overwrite the box's first ones: give up the size, not the
-        // position.
+        // The next bytes must not overwrite the box's first ones: give up the size instead.
         if (mp4_mux_bs_fseek_reset(bs, end) != 0 || !stored) {
             bs->m_bTorn = 1;
         }
@@ -67,14 +66,14 @@ static const char *patch_in_file(mp4_mux_bs_t *bs, int64_t position, uint32_t va
 
 int32_t update_size(mp4_mux_bs_t *bs, int64_t start)
 {
-    const uint32_t size = static_cast<uint32_t>(bs_position(bs) - start);
+    const uint32_t box_bytes = static_cast<uint32_t>(bs_position(bs) - start);
     if (is_in_cache(bs, start)) {
-        patch_in_cache(bs, start, size);
-        return static_cast<int32_t>(size);
+        patch_in_cache(bs, start, box_bytes);
+        return static_cast<int32_t>(box_bytes);
     }
-    const char *failed = patch_in_file(bs, start, size);
+    const char *failed = patch_in_file(bs, start, box_bytes);
     if (failed != nullptr) {
         return mp4_mux_add_err_string(failed, bs->m_pstError);
     }
-    return static_cast<int32_t>(size);
+    return static_cast<int32_t>(box_bytes);
 }

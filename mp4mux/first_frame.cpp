@@ -47,18 +47,19 @@ int32_t take_avc_configuration(mp4_mux_t *mux, mp4_mux_track_t *p_track,
         sets.pps.size() > UINT16_MAX) {
         return 0;
     }
-    const size_t size = avc_record_bytes(sets);
-    uint8_t *record = static_cast<uint8_t *>(mux->m_stMem.m_pfnMalloc(size));
+    const size_t record_bytes = avc_record_bytes(sets);
+    uint8_t *record = static_cast<uint8_t *>(mux->m_stMem.m_pfnMalloc(record_bytes));
     if (record == nullptr) {
         return fail(&mux->m_stLastError, MUX_ERR_MEMORY,
                     "Insufficient memory to allocate of m_pbyCodecPrivate");
     }
     mp4_mux_bs_t bs = {.m_pstMux = mux, .m_pstError = &mux->m_stLastError};
-    mp4_mux_open_bitstream_from_external_memory(&bs, record, static_cast<int32_t>(size), nullptr);
+    mp4_mux_open_bitstream_from_external_memory(&bs, record, static_cast<int32_t>(record_bytes),
+                                                nullptr);
     write_avc_record(&bs, sets);
 
     p_track->m_pbyCodecPrivate = record;
-    p_track->m_iCodecPrivateSize = static_cast<int32_t>(size);
+    p_track->m_iCodecPrivateSize = static_cast<int32_t>(record_bytes);
     mux->m_iMoovSizeEstimate = static_cast<int32_t>(std::min<int64_t>(
         int64_t{mux->m_iMoovSizeEstimate} + p_track->m_iCodecPrivateSize, INT32_MAX));
     return 0;

@@ -127,12 +127,12 @@ static int32_t take_configuration(mp4_mux_t *mux, mp4_mux_track_t *p_track,
     return 0;
 }
 
-static void note_sample_size(mp4_mux_track_t *p_track, uint32_t size)
+static void note_sample_size(mp4_mux_track_t *p_track, uint32_t sample_bytes)
 {
-    if (p_track->m_uiLastSampleSize != 0 && p_track->m_uiLastSampleSize != size) {
+    if (p_track->m_uiLastSampleSize != 0 && p_track->m_uiLastSampleSize != sample_bytes) {
         p_track->m_bVariableSampleSize = 1;
     }
-    p_track->m_uiLastSampleSize = size;
+    p_track->m_uiLastSampleSize = sample_bytes;
 }
 
 // Writes the frame's records, then its bytes.

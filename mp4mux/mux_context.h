@@ -99,9 +99,8 @@ struct mp4_mux_track_t {
     char m_szSTCOName[kScratchNameBytes];
     char m_szSTTSName[kScratchNameBytes];
     char m_szSTTSDtsName[kScratchNameBytes];
-    int32_t
-        m_iCacheSizeOf[5]; // cache slices in the order STCO, STSS, STSZ, STTS, STTSDts; not read
-    uint8_t *m_pCacheOf[5];
+    int32_t m_iCacheSizeOf[5]; // slices in the order STCO, STSS, STSZ, STTS, STTSDts; not read
+    uint8_t *m_pCacheOf[5];    // not read
     uint32_t m_uiPrevTimeStamp;
     uint32_t m_uiSampleCount;
     uint32_t m_uiChunkCount; // one frame per chunk

@@ -9,8 +9,7 @@
 
 static constexpr int32_t kOwnCacheBytes = 0x54000;
 static constexpr uint64_t kSecondsFrom1904To1970 = 2082844800;
-static constexpr uint64_t kMaxHeadBytes =
-    INT32_MAX / 2; // keeps frames within reach of 32-bit seeks
+static constexpr uint64_t kMaxHeadBytes = INT32_MAX / 2; // frames stay within 32-bit seeks
 
 static void copy_callbacks(mp4_mux_t *mux, const mp4_mux_init_t *init)
 {
@@ -32,9 +31,9 @@ static bool has_callbacks(const mp4_mux_t *mux)
 
 void align_memory(uint8_t **memory, int32_t *bytes)
 {
-    const int32_t skipped = static_cast<int32_t>(-reinterpret_cast<uintptr_t>(*memory) & 3);
-    *memory += skipped;
-    *bytes = (*bytes - std::min(*bytes, skipped)) & ~3;
+    const int32_t skipped_bytes = static_cast<int32_t>(-reinterpret_cast<uintptr_t>(*memory) & 3);
+    *memory += skipped_bytes;
+    *bytes = (*bytes - std::min(*bytes, skipped_bytes)) & ~3;
 }
 
 static void copy_parameters(mp4_mux_t *mux, const mp4_mux_init_t *init)
@@ -73,14 +72,14 @@ static const char *fault_in_user_boxes(const mp4_mux_input_t *input, uint64_t he
     if (input->m_uiUserBoxCount != 0 && input->m_pstUserBox == nullptr) {
         return "mp4_mux_userbox_t's value is NULL";
     }
-    uint64_t total = head_bytes;
+    uint64_t total_bytes = head_bytes;
     for (uint32_t i = 0; i < input->m_uiUserBoxCount; i++) {
         const mp4_mux_userbox_t &box = input->m_pstUserBox[i];
         if (box.m_uiSize != 0 && box.m_pbyData == nullptr) {
             return "mp4_mux_userbox_t's data is NULL";
         }
-        total += box.m_uiSize;
-        if (total > kMaxHeadBytes) {
+        total_bytes += box.m_uiSize;
+        if (total_bytes > kMaxHeadBytes) {
             return "mp4_mux_userbox_t's data is too large";
         }
     }
@@ -122,12 +121,12 @@ static int32_t check_arguments(mp4_mux_t *mux, const mp4_mux_input_t *input)
 // Pools the three sizes: the two tracks share six sevenths, the output file takes the rest.
 static void split_cache(mp4_mux_t *mux)
 {
-    const int64_t total =
+    const int64_t total_bytes =
         int64_t{mux->m_iCacheSize} + mux->m_iVideoCacheSize + mux->m_iAudioCacheSize;
-    const int64_t per_track = (total - total / 7) / 2 & ~int64_t{3};
-    mux->m_iVideoCacheSize = static_cast<int32_t>(per_track);
-    mux->m_iAudioCacheSize = static_cast<int32_t>(per_track);
-    mux->m_iCacheSize = static_cast<int32_t>(total - 2 * per_track);
+    const int64_t per_track_bytes = (total_bytes - total_bytes / 7) / 2 & ~int64_t{3};
+    mux->m_iVideoCacheSize = static_cast<int32_t>(per_track_bytes);
+    mux->m_iAudioCacheSize = static_cast<int32_t>(per_track_bytes);
+    mux->m_iCacheSize = static_cast<int32_t>(total_bytes - 2 * per_track_bytes);
 }
 
 static int32_t prepare_cache(mp4_mux_t *mux)
@@ -167,7 +166,7 @@ static int32_t open_output(mp4_mux_t *mux)
                                                 output);
     // A handle need not be at the start of its file.
     if (mux->m_bOutputIsHandle != 0) {
-        const int32_t refreshed = bs_refresh(&mux->m_Bs, "can't tell the position");
+        const int32_t refreshed = bs_refresh(&mux->m_Bs, "can't get the position");
         if (refreshed < 0) {
             return refreshed;
         }
@@ -180,16 +179,16 @@ static int32_t open_output(mp4_mux_t *mux)
 }
 
 // Places the tracks' cache regions after the output's: audio, then video.
-static void lay_track_regions(mp4_mux_t *mux)
+static void place_track_regions(mp4_mux_t *mux)
 {
     const bool has_video = (mux->m_uiStreamFlags & MUX_STREAM_VIDEO) != 0;
     const bool has_audio = (mux->m_uiStreamFlags & MUX_STREAM_AUDIO) != 0;
-    const int32_t both = mux->m_iVideoCacheSize + mux->m_iAudioCacheSize;
+    const int32_t both_bytes = mux->m_iVideoCacheSize + mux->m_iAudioCacheSize;
     if (!has_audio) {
-        mux->m_iVideoCacheSize = both;
+        mux->m_iVideoCacheSize = both_bytes;
         mux->m_iAudioCacheSize = 0;
     } else if (!has_video) {
-        mux->m_iAudioCacheSize = both;
+        mux->m_iAudioCacheSize = both_bytes;
         mux->m_iVideoCacheSize = 0;
     }
     uint8_t *region = mux->m_pCache + mux->m_iCacheSize;
@@ -248,7 +247,7 @@ static int32_t open_context(mp4_mux_t *mux, const mp4_mux_input_t *input)
     if (result < 0) {
         return result;
     }
-    lay_track_regions(mux);
+    place_track_regions(mux);
     result = create_tracks_and_head(mux, input);
     if (result < 0) {
         mp4_mux_add_err_string("<init", &mux->m_stLastError);

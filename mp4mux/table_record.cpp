@@ -33,7 +33,7 @@ static bool put_record(const mp4_mux_t *mux, const scratch_record &record)
         }
     }
     if (bs->m_pstError->m_iCode == 0) { // no write failed: the file reported a wrong position
-        (void)fail(bs->m_pstError, MUX_ERR_SEEK, "can't tell the position of a record");
+        (void)fail(bs->m_pstError, MUX_ERR_SEEK, "can't get the position of a record");
     }
     return false;
 }

@@ -144,10 +144,11 @@ static int32_t prepare_audio_scratch(mp4_mux_t *mux, mp4_mux_track_t *p_track)
     if (result < 0) {
         return result;
     }
-    const int32_t half = mux->m_iAudioCacheSize / 2 & ~3;
+    const int32_t half_bytes = mux->m_iAudioCacheSize / 2 & ~3;
     const scratch_table tables[] = {
-        {&p_track->m_BsSTCO, p_track->m_szSTCOName, kCacheOfStco, half, kTableHeaderBytes},
-        {&p_track->m_BsSTSZ, p_track->m_szSTSZName, kCacheOfStsz, half, kSizeTableHeaderBytes},
+        {&p_track->m_BsSTCO, p_track->m_szSTCOName, kCacheOfStco, half_bytes, kTableHeaderBytes},
+        {&p_track->m_BsSTSZ, p_track->m_szSTSZName, kCacheOfStsz, half_bytes,
+         kSizeTableHeaderBytes},
     };
     return attach_scratch_tables(mux, p_track, mux->m_pAudioCache, tables);
 }
@@ -164,13 +165,15 @@ static int32_t prepare_video_scratch(mp4_mux_t *mux, mp4_mux_track_t *p_track)
     if (result < 0) {
         return result;
     }
-    const int32_t part = static_cast<int32_t>(int64_t{mux->m_iVideoCacheSize} * 3 / 10) & ~3;
-    const int32_t rest = mux->m_iVideoCacheSize - 3 * part;
+    const int32_t part_bytes = static_cast<int32_t>(int64_t{mux->m_iVideoCacheSize} * 3 / 10) & ~3;
+    const int32_t rest_bytes = mux->m_iVideoCacheSize - 3 * part_bytes;
     const scratch_table tables[] = {
-        {&p_track->m_BsSTCO, p_track->m_szSTCOName, kCacheOfStco, part, kTableHeaderBytes},
-        {&p_track->m_BsSTSZ, p_track->m_szSTSZName, kCacheOfStsz, part, kSizeTableHeaderBytes},
-        {&p_track->m_BsSTSS, p_track->m_szSTSSName, kCacheOfStss, rest, kTableHeaderBytes},
-        {&p_track->m_BsSTTSDts, p_track->m_szSTTSDtsName, kCacheOfSttsDts, part, kTableHeaderBytes},
+        {&p_track->m_BsSTCO, p_track->m_szSTCOName, kCacheOfStco, part_bytes, kTableHeaderBytes},
+        {&p_track->m_BsSTSZ, p_track->m_szSTSZName, kCacheOfStsz, part_bytes,
+         kSizeTableHeaderBytes},
+        {&p_track->m_BsSTSS, p_track->m_szSTSSName, kCacheOfStss, rest_bytes, kTableHeaderBytes},
+        {&p_track->m_BsSTTSDts, p_track->m_szSTTSDtsName, kCacheOfSttsDts, part_bytes,
+         kTableHeaderBytes},
     };
     return attach_scratch_tables(mux, p_track, mux->m_pVideoCache, tables);
 }

@@ -9,8 +9,7 @@
 
 // Appends a track to the context's table and prepares its scratch bitstreams.
 // returns: 0, MUX_ERR_MEMORY (also for a cache region that is too small), MUX_ERR_OPEN for a
-// scratch
-//          name that is too long, or the error of writing the reserved header bytes
+//          scratch name that is too long, or the error of writing the reserved header bytes
 // owns: the context, also after a failure
 [[nodiscard]] int32_t add_audio_track(mp4_mux_t *mux, const mp4_mux_input_t *input);
 [[nodiscard]] int32_t add_video_track(mp4_mux_t *mux, const mp4_mux_input_t *input);

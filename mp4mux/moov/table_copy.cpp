@@ -56,12 +56,12 @@ int32_t reset_write_cache2(mp4_mux_bs_t *bs, uint8_t *buffer, int32_t size)
 }
 
 // Sizes a scratch file and returns to its start.
-static int32_t size_of_file(mp4_mux_bs_t *scratch, int64_t *size)
+static int32_t size_of_file(mp4_mux_bs_t *scratch, int64_t *file_bytes)
 {
     const mp4_mux_file_t &file = scratch->m_pstMux->m_stFile;
     if (file.m_pfnFseek(scratch->m_hFile, 0, SEEK_END) == 0) {
-        *size = file.m_pfnFtell(scratch->m_hFile);
-        if (*size >= 0 && file.m_pfnFseek(scratch->m_hFile, 0, SEEK_SET) == 0) {
+        *file_bytes = file.m_pfnFtell(scratch->m_hFile);
+        if (*file_bytes >= 0 && file.m_pfnFseek(scratch->m_hFile, 0, SEEK_SET) == 0) {
             return 0;
         }
     }
@@ -79,30 +79,35 @@ static int32_t place_caches(mp4_mux_bs_t *out, uint8_t *out_cache, int64_t out_b
     return reset_write_cache2(scratch, scratch_cache, static_cast<int32_t>(scratch_bytes));
 }
 
-static int32_t share_cache_block(mp4_mux_t *mux, mp4_mux_bs_t *scratch, int64_t need, int64_t work)
+static int32_t share_cache_block(mp4_mux_t *mux, mp4_mux_bs_t *scratch, int64_t need_bytes,
+                                 int64_t work_bytes)
 {
     const int32_t flushed = mp4_mux_bs_write_flush(mux->m_pBs);
     if (flushed < 0) {
         return flushed;
     }
-    const bool is_held = work - need > kMinOutputCacheBytes;
-    const int64_t part = is_held ? need : work / 2;
-    const int64_t rest = is_held ? work - need : work / 2;
-    return place_caches(mux->m_pBs, mux->m_pCache + part, rest, scratch, mux->m_pCache, part);
+    const bool is_held = work_bytes - need_bytes > kMinOutputCacheBytes;
+    const int64_t cache_bytes = is_held ? need_bytes : work_bytes / 2;
+    const int64_t out_bytes = is_held ? work_bytes - need_bytes : work_bytes / 2;
+    return place_caches(mux->m_pBs, mux->m_pCache + cache_bytes, out_bytes, scratch, mux->m_pCache,
+                        cache_bytes);
 }
 
-static int32_t share_close_memory(mp4_mux_t *mux, mp4_mux_bs_t *scratch, int64_t need, int64_t work)
+static int32_t share_close_memory(mp4_mux_t *mux, mp4_mux_bs_t *scratch, int64_t need_bytes,
+                                  int64_t work_bytes)
 {
-    const int64_t lent = mux->m_iCloseMemSize;
-    const int64_t rest = lent - need;
-    if (rest <= 0) {
-        return place_caches(mux->m_pBs, mux->m_pCloseMem, lent, scratch, mux->m_pCache, work);
+    const int64_t lent_bytes = mux->m_iCloseMemSize;
+    const int64_t rest_bytes = lent_bytes - need_bytes;
+    if (rest_bytes <= 0) {
+        return place_caches(mux->m_pBs, mux->m_pCloseMem, lent_bytes, scratch, mux->m_pCache,
+                            work_bytes);
     }
-    if (rest >= work) {
-        return place_caches(mux->m_pBs, mux->m_pCloseMem, rest, scratch, mux->m_pCloseMem + rest,
-                            need);
+    if (rest_bytes >= work_bytes) {
+        return place_caches(mux->m_pBs, mux->m_pCloseMem, rest_bytes, scratch,
+                            mux->m_pCloseMem + rest_bytes, need_bytes);
     }
-    return place_caches(mux->m_pBs, mux->m_pCache, work, scratch, mux->m_pCloseMem, need);
+    return place_caches(mux->m_pBs, mux->m_pCache, work_bytes, scratch, mux->m_pCloseMem,
+                        need_bytes);
 }
 
 // The table is in its own cache: the output may have all of the memory.
@@ -120,15 +125,15 @@ static int32_t share_memory(mp4_mux_t *mux, mp4_mux_bs_t *scratch, int32_t work_
     if (scratch->m_hFile == nullptr) {
         return read_from_cache(mux, scratch, work_bytes);
     }
-    int64_t size = 0;
-    const int32_t result = size_of_file(scratch, &size);
+    int64_t file_bytes = 0;
+    const int32_t result = size_of_file(scratch, &file_bytes);
     if (result < 0) {
         return result;
     }
-    const int64_t need = (size & ~int64_t{3}) + 4;
+    const int64_t need_bytes = (file_bytes & ~int64_t{3}) + 4;
     return mux->m_iCloseMemMode == kCloseMemNone
-               ? share_cache_block(mux, scratch, need, work_bytes)
-               : share_close_memory(mux, scratch, need, work_bytes);
+               ? share_cache_block(mux, scratch, need_bytes, work_bytes)
+               : share_close_memory(mux, scratch, need_bytes, work_bytes);
 }
 
 int32_t calc_stxx_cache(mp4_mux_t *mux, mp4_mux_bs_t *scratch, int32_t work_bytes)
@@ -151,20 +156,20 @@ static int32_t copy_from_cache(mp4_mux_bs_t *out, const mp4_mux_bs_t *scratch, i
 // A table larger than its cache is read straight into the output's, which saves a copy.
 static int32_t copy_large_file(mp4_mux_bs_t *out, mp4_mux_bs_t *scratch, int64_t length)
 {
-    for (int64_t left = length; left > 0;) {
+    for (int64_t left_bytes = length; left_bytes > 0;) {
         uint8_t *space = nullptr;
-        const int32_t wanted = static_cast<int32_t>(std::min<int64_t>(left, INT32_MAX));
-        const int32_t room = bs_lend_space(out, wanted, &space);
-        if (room < 0) {
-            return room;
+        const int32_t wanted_bytes = static_cast<int32_t>(std::min<int64_t>(left_bytes, INT32_MAX));
+        const int32_t room_bytes = bs_lend_space(out, wanted_bytes, &space);
+        if (room_bytes < 0) {
+            return room_bytes;
         }
-        const size_t got = scratch->m_pstMux->m_stFile.m_pfnFread(
-            space, 1, static_cast<size_t>(room), scratch->m_hFile);
-        if (got == 0) {
+        const size_t got_bytes = scratch->m_pstMux->m_stFile.m_pfnFread(
+            space, 1, static_cast<size_t>(room_bytes), scratch->m_hFile);
+        if (got_bytes == 0) {
             return fail(scratch->m_pstError, MUX_ERR_EOF, "the end of the file(bs_read_bytes)");
         }
-        out->m_uiFill += static_cast<uint32_t>(got);
-        left -= static_cast<int64_t>(got);
+        out->m_uiFill += static_cast<uint32_t>(got_bytes);
+        left_bytes -= static_cast<int64_t>(got_bytes);
     }
     return 0;
 }
@@ -178,16 +183,16 @@ static int32_t copy_from_file(mp4_mux_bs_t *out, mp4_mux_bs_t *scratch, int64_t 
     int32_t result = 0;
     for (int64_t left = length; left > 0 && result >= 0; left -= result) {
         const uint8_t *bytes = nullptr;
-        const int32_t got = bs_borrow_bytes(scratch, static_cast<int32_t>(left), &bytes);
-        if (got < 0) {
-            return got;
+        const int32_t got_bytes = bs_borrow_bytes(scratch, static_cast<int32_t>(left), &bytes);
+        if (got_bytes < 0) {
+            return got_bytes;
         }
-        if (got == length) { // the whole table: free its storage before the output grows
+        if (got_bytes == length) { // the whole table: free its storage before the output grows
             result = close_scratch(scratch, name);
         }
         if (result >= 0) {
-            result = mp4_mux_bs_write_bytes(out, bytes, got);
-            scratch->m_uiFill += static_cast<uint32_t>(got);
+            result = mp4_mux_bs_write_bytes(out, bytes, got_bytes);
+            scratch->m_uiFill += static_cast<uint32_t>(got_bytes);
         }
     }
     return result;

@@ -334,7 +334,7 @@ TEST_F(Failures, OfAFileThatTellsAWrongPositionAreTold)
     (void)r.open();
     (void)r.video(0, 50);
     EXPECT_EQ(r.video(20, 50), MUX_ERR_SEEK);
-    EXPECT_EQ(r.message(), "can't tell the position of a record");
+    EXPECT_EQ(r.message(), "can't get the position of a record");
     if (r.close() < 0) {
         EXPECT_EQ(r.close(), 0);
     }

@@ -75,7 +75,7 @@ struct recording {
 // Compares a finished file with what was put into it: every frame that was taken without an error
 // is there, in its order, with its bytes, its sync flag and (video that begins at 0) its time. A
 // frame whose put failed may be there as well.
-// returns  the first difference; empty when there is none
+// returns: the first difference; empty when there is none
 std::string check_samples(const recording &r);
 
 } // namespace mux_test
