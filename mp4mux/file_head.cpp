@@ -17,7 +17,7 @@ static const char *brand_of(int32_t file_type)
 {
     switch (file_type) {
     case kFileTypeIsom:
-    case kFileTypeIsomToo:
+    case kFileTypeIsomAlias:
         return "isom";
     case kFileType3gp4:
         return "3gp4";

@@ -21,7 +21,7 @@ enum {
     kFileType3gp4 = 2,
     kFileTypeMsnv = 3,
     kFileType3g2a = 4,
-    kFileTypeIsomToo = 5,
+    kFileTypeIsomAlias = 5,
 };
 
 // How far a context has come.

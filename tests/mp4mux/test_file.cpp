@@ -57,18 +57,6 @@ TEST_F(File, TakesItsDurationsFromTheTimeStamps)
     }
 }
 
-TEST_F(File, TakesAsManyBrandsAsAreGiven)
-{
-    const std::vector<uint32_t> brands(100000, code("isom"));
-    const mp4_mux_ftyp_t ftyp = {{'m', 'p', '4', '2'}, 0, brands.data(), 100000};
-    recording r(false, MUX_STREAM_VIDEO);
-    r.input.m_pstFtyp = &ftyp;
-    ASSERT_EQ(r.open(), 0) << r.message();
-    ASSERT_EQ(r.video(0, 10, true), 0);
-    EXPECT_EQ(find(finish(r).boxes, "ftyp")->size, 16u + 400000u);
-    EXPECT_EQ(check_samples(r), "");
-}
-
 // No format tag leads to this sample entry.
 TEST_F(File, DescribesAc3ByItsFirstFrame)
 {
