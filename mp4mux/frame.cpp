@@ -74,7 +74,7 @@ static bool is_sync_sample(const mp4_mux_putstream_t *frame)
     return frame->m_iType == MUX_TYPE_VIDEO && (frame->m_uiFlags & MUX_FRAME_KEY) != 0;
 }
 
-static uint32_t delta_ms(const mp4_mux_track_t *p_track, const mp4_mux_putstream_t *frame)
+static uint32_t time_since_last(const mp4_mux_track_t *p_track, const mp4_mux_putstream_t *frame)
 {
     return frame->m_uiTimeStamp - p_track->m_uiPrevTimeStamp;
 }
@@ -84,7 +84,7 @@ static uint32_t delta_ms(const mp4_mux_track_t *p_track, const mp4_mux_putstream
 static bool put_ended_run(const mp4_mux_t *mux, mp4_mux_track_t *p_track,
                           const mp4_mux_putstream_t *frame)
 {
-    if (delta_ms(p_track, frame) == p_track->m_uiSttsRunDeltaMs ||
+    if (time_since_last(p_track, frame) == p_track->m_uiSttsRunDeltaMs ||
         p_track->m_iSttsEntryCount == kNoRunYet) {
         return true;
     }
@@ -95,8 +95,8 @@ static bool put_ended_run(const mp4_mux_t *mux, mp4_mux_track_t *p_track,
 // only with the second one and is the duration of the first.
 static void count_duration(mp4_mux_track_t *p_track, const mp4_mux_putstream_t *frame)
 {
-    const uint32_t delta = delta_ms(p_track, frame);
-    if (delta == p_track->m_uiSttsRunDeltaMs) {
+    const uint32_t delta_ms = time_since_last(p_track, frame);
+    if (delta_ms == p_track->m_uiSttsRunDeltaMs) {
         p_track->m_iSttsRunCount++;
         return;
     }
@@ -104,11 +104,12 @@ static void count_duration(mp4_mux_track_t *p_track, const mp4_mux_putstream_t *
         p_track->m_iSttsSampleCount += p_track->m_iSttsRunCount;
     }
     // A step back in time is a negative difference in 64 bits too.
-    const int64_t signed_delta = static_cast<int32_t>(delta);
-    p_track->m_uiSttsRunDeltaMs = delta;
+    const int64_t signed_delta_ms = static_cast<int32_t>(delta_ms);
+    p_track->m_uiSttsRunDeltaMs = delta_ms;
     p_track->m_iSttsEntryCount++;
     p_track->m_iSttsRunCount = 1;
-    p_track->m_iSttsRunDelta = static_cast<int32_t>(signed_delta * p_track->m_uiTimeScale / 1000);
+    p_track->m_iSttsRunDelta =
+        static_cast<int32_t>(signed_delta_ms * p_track->m_uiTimeScale / 1000);
 }
 
 // Takes the decoder configuration from the first frame of a track that has none.

@@ -148,7 +148,7 @@ typedef struct mp4_mux_ftyp_t {
     uint32_t m_uiCompatibleCount;
 } mp4_mux_ftyp_t;
 
-// The file's streams. The muxer copies them: all of it may be released after MUX_OPEN.
+// The file's streams. The muxer copies the description, which may be released after MUX_OPEN.
 typedef struct mp4_mux_input_t {
     int32_t m_iYear;    // creation date: full year
     int32_t m_iMonth;   // 0 = January
@@ -218,7 +218,7 @@ typedef struct mp4_mux_error_t {
 //                     (year, month, day) to param2, each with its terminator.
 //
 // in: handle: a slot; for every operation but MUX_OPEN it holds the context of MUX_OPEN
-//     param1, param2: see the operation codes
+// in: param1, param2: see the operation codes
 // returns: 0, or one of MUX_ERR_…; an unknown operation is MUX_ERR_INVALID
 // owns: MUX_CLOSE releases the context in *handle; the caller keeps the memory that it lends:
 //       caches until after MUX_CLOSE, close memory until MUX_CLOSE returns

@@ -3,6 +3,8 @@
 #include "mp4mux/c_strings.h"
 #include "mp4mux/mux_context.h"
 
+#include <iterator>
+
 // Wave-format header: tag, channels, rate, byte rate, block alignment, bits; then, when there are
 // any, the count of the extra bytes and the bytes themselves.
 static constexpr int32_t kWaveHeaderBytes = 16;
@@ -18,6 +20,8 @@ static constexpr int32_t kBitmapFieldBytes = 20;
 static constexpr int32_t kSamplingRates[12] = {96000, 88200, 64000, 48000, 44100, 32000,
                                                24000, 22050, 16000, 12000, 11025, 8000};
 static constexpr int32_t kProfileNameOffset = 12;
+static constexpr int32_t kConfigBytes = 2;     // of an AudioSpecificConfig
+static constexpr int32_t kSbrConfigBytes = 5;  // with the SBR extension
 static constexpr int32_t kMaxHalfRate = 24000; // a rate up to this one is the lower of an SBR pair
 
 enum {
@@ -109,7 +113,7 @@ int32_t mp4_mux_set_bitmap_format(mp4_mux_t *mux, void *, void *header, int32_t 
 static uint32_t sampling_index(int32_t rate)
 {
     uint32_t index = 0;
-    while (index < 11 && kSamplingRates[index] > rate) {
+    while (index + 1 < std::size(kSamplingRates) && kSamplingRates[index] > rate) {
         index++;
     }
     return index;
@@ -165,7 +169,7 @@ int32_t mp4_mux_aac_build_config(mp4_mux_t *mux, void *, const uint8_t *profile,
     const uint32_t object_type = object_type_of(
         reinterpret_cast<const char *>(profile + kProfileNameOffset), sbr_implied, &with_sbr);
 
-    const int32_t resized = resize_extra(mux, with_sbr ? 5 : 2, format);
+    const int32_t resized = resize_extra(mux, with_sbr ? kSbrConfigBytes : kConfigBytes, format);
     if (resized < 0) {
         return resized;
     }
@@ -176,7 +180,8 @@ int32_t mp4_mux_aac_build_config(mp4_mux_t *mux, void *, const uint8_t *profile,
     if (with_sbr) {
         if (format->m_iSampleRate <= kMaxHalfRate) {
             const uint32_t rate = static_cast<uint32_t>(format->m_iSampleRate);
-            format->m_iSampleRate = static_cast<int32_t>(2 * rate); // whatever was given
+            format->m_iSampleRate =
+                static_cast<int32_t>(2 * rate); // unsigned: any given rate may be doubled
         }
         // syncExtensionType 0x2B7 in 11 bits, extensionAudioObjectType 5 in 5, sbrPresentFlag,
         // extensionSamplingFrequencyIndex 4, three zero bits

@@ -9,7 +9,7 @@
 
 #include <array>
 
-static constexpr uint64_t kMaxMediaBytes = 0xFFFFFFF7; // with its header at most a 32-bit size
+static constexpr uint64_t kMaxMediaBytes = 0xFFFFFFF7; // with its header still a 32-bit size
 static constexpr int64_t kLargeHeaderBytes = kFreeBoxBytes + kMdatHeaderBytes; // with a 64-bit size
 static constexpr int kMaxFillerRuns = 3;
 
