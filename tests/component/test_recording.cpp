@@ -23,7 +23,7 @@ TEST_F(Recording, StopsWithTheReasonOfItsPathStorageOrSize)
         client->set_path(path);
         EXPECT_EQ(client->start(), OMX_ErrorNone);
         send_programme(*client, 3);
-        return client->wait_for_end().value_or(99);
+        return client->wait_for_end();
     };
     EXPECT_EQ(end_of("/mnt/sdcard/tflash/x.mp4"), 0u) << "no card";
     EXPECT_EQ(end_of("/media/x.mp4"), 0u);
