@@ -75,8 +75,9 @@ TEST_F(ManyRecordings, AllocateNothingPerFrame)
     const uint64_t start = allocation_count();
     for (size_t i = 40; i < 240; i++) {
         const OMX_BUFFERHEADERTYPE *const video =
-            client->post(0, programme.access_units[i], video_time_us(i));
-        const OMX_BUFFERHEADERTYPE *const audio = client->post(1, pcm, video_time_us(i));
+            client->post(TDMBREC_PORT_VIDEO, programme.access_units[i], video_time_us(i));
+        const OMX_BUFFERHEADERTYPE *const audio =
+            client->post(TDMBREC_PORT_AUDIO, pcm, video_time_us(i));
         client->wait_until_back(video);
         client->wait_until_back(audio);
     }

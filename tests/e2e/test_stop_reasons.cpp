@@ -19,7 +19,7 @@ class StopReason : public RecorderTest {
         picture.back() = 0x80;
         send_time_base(client);
         for (size_t i = 0; i < most && client.count(kEventEndOfRecording) == 0; i++) {
-            client.send(0, picture, video_time_us(i));
+            client.send(TDMBREC_PORT_VIDEO, picture, video_time_us(i));
         }
     }
     static size_t video_samples(const mp4_reader::movie &movie)

@@ -56,14 +56,14 @@ class Streams : public RecorderTest {
             for (const Bytes &unit : pictures[i]) {
                 const bool is_slice = type_of(unit) == 1 || type_of(unit) == 5;
                 if (oddly && is_slice && !data.empty() && type_of({data[4]}) >= 7) {
-                    client.send(0, data, video_time_us(i));
+                    client.send(TDMBREC_PORT_VIDEO, data, video_time_us(i));
                     data.clear();
                 }
                 const ptrdiff_t left_out = oddly && is_slice && !data.empty() ? 1 : 0;
                 const Bytes joined = join_nal_units({unit});
                 data.insert(data.end(), joined.begin() + left_out, joined.end());
             }
-            client.send(0, data, video_time_us(i));
+            client.send(TDMBREC_PORT_VIDEO, data, video_time_us(i));
         }
         EXPECT_EQ(finish(client), 1u);
     }
@@ -201,12 +201,12 @@ TEST_F(Streams, GiveTheSameAudioWhateverThePcmBuffers)
     for (const size_t bytes : {kPcmBufferBytes, size_t{64}, size_t{3000}, size_t{40960}, total}) {
         const auto client = start_recording();
         send_time_base(*client);
-        client->send(0, programme.access_units[0], video_time_us(0));
+        client->send(TDMBREC_PORT_VIDEO, programme.access_units[0], video_time_us(0));
         for (size_t at = 0; at < total; at += bytes) {
-            client->send(1, {pcm + at, std::min(bytes, total - at)},
+            client->send(TDMBREC_PORT_AUDIO, {pcm + at, std::min(bytes, total - at)},
                          video_time_us(0) + static_cast<int64_t>(at) * 1000000 / 192000);
         }
-        client->send(0, programme.access_units[1], video_time_us(130));
+        client->send(TDMBREC_PORT_VIDEO, programme.access_units[1], video_time_us(130));
         EXPECT_EQ(finish(*client), 1u);
         const mp4_reader::movie movie = expect_plays();
         const mp4_reader::track &track = *mp4_reader::find_track(movie, "soun");
