@@ -64,8 +64,8 @@ static void fill_init(omx_tdmbrec_component_PrivateType *self)
     init->m_iCacheSize = kOutputCacheBytes;
     init->m_iVideoCacheSize = kVideoCacheBytes;
     init->m_iAudioCacheSize = kAudioCacheBytes;
-    init->m_pszTempDir = is_on_removable_storage(self->szRecordingPath) ? REMOVABLE_STORAGE_ROOT
-                                                                        : BUILT_IN_STORAGE_ROOT;
+    init->m_pszTempDir = is_on_removable_storage(self->szRecordingPath) ? kRemovableStorageRoot
+                                                                        : kBuiltInStorageRoot;
 }
 
 static void fill_input(omx_tdmbrec_component_PrivateType *self)
@@ -99,7 +99,7 @@ static void fill_input(omx_tdmbrec_component_PrivateType *self)
 void fetch_mux_error(omx_tdmbrec_component_PrivateType *self)
 {
     self->stMuxError = {};
-    // Without a context there is nothing to fetch.
+    // Without a context it fetches nothing.
     (void)QVR_MP4_MUX(MUX_GET_LAST_ERROR, &self->hMux, nullptr, &self->stMuxError);
     if (self->stMuxError.m_pszMessage == nullptr) {
         self->stMuxError.m_pszMessage = "";
@@ -113,7 +113,7 @@ static OMX_ERRORTYPE open_session_locked(omx_tdmbrec_component_PrivateType *self
     fill_input(self);
     self->stMuxCloseMem = {.m_pMem = QVR_malloc(kCloseMemoryBytes), .m_iSize = kCloseMemoryBytes};
     self->uiFirstVideoPts = 0;
-    // Whatever the result, the close has to run and free the blocks.
+    // Whatever the result, the close must run and free the blocks.
     self->bMuxOpen = 1;
     const int32_t result = QVR_MP4_MUX(MUX_OPEN, &self->hMux, &self->stMuxInit, &self->stMuxInput);
     if (result < 0) {
@@ -134,9 +134,9 @@ OMX_ERRORTYPE omx_tdmbrec_mp4_mux_Init(omx_tdmbrec_component_PrivateType *self)
     return result;
 }
 
-// The file announces a sound track whatever comes; with not one frame in it, common players refuse
-// the whole file. A recording without sound gets one frame of silence.
-static void complete_sound_track(omx_tdmbrec_component_PrivateType *self)
+// The file declares an audio track from its start, and common players refuse a file whose track has
+// no frame. A recording without audio gets one frame of silence.
+static void complete_audio_track(omx_tdmbrec_component_PrivateType *self)
 {
     // ISO/IEC 14496-3 channel_pair_element() with max_sfb 0 in both channels, then END.
     static constexpr uint8_t kSilentPair[] = {0x20, 0, 0, 0, 0, 0, 0x0E};
@@ -156,16 +156,16 @@ static void complete_sound_track(omx_tdmbrec_component_PrivateType *self)
 OMX_ERRORTYPE close_mux_session(omx_tdmbrec_component_PrivateType *self)
 {
     OMX_ERRORTYPE result = OMX_ErrorNone;
-    complete_sound_track(self);
+    complete_audio_track(self);
     if (QVR_MP4_MUX(MUX_CLOSE, &self->hMux, &self->stMuxCloseMem, nullptr) < 0) {
         fetch_mux_error(self);
         __android_log_print(ANDROID_LOG_ERROR, TDMBREC_LOG_TAG, "[Close:%d] Error:%s \n",
                             self->stMuxError.m_iCode, self->stMuxError.m_pszMessage);
-        // The muxer still holds the file and the blocks: this second call only releases them.
+        // The muxer still holds the file and the blocks; this second call only releases them.
         (void)QVR_MP4_MUX(MUX_CLOSE, &self->hMux, nullptr, nullptr);
         result = OMX_ErrorBadParameter;
     }
-    self->stMuxError.m_pszMessage = nullptr; // it went with the context
+    self->stMuxError.m_pszMessage = nullptr; // the context owned it
     self->hMux = nullptr;
     QVR_free(self->stMuxInit.m_pCacheMem);
     self->stMuxInit.m_pCacheMem = nullptr;

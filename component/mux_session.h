@@ -11,8 +11,8 @@ inline constexpr int kFramesPerSecond = 30;
 
 // Opens the session with the captured parameter sets; without any, the muxer takes them from the
 // first access unit. Does nothing when a session is open.
-// returns OMX_ErrorNone, or OMX_ErrorBadParameter when the muxer cannot open the file (logged).
-// thread: the buffer thread; takes lockTDMBRecording.
+// returns: OMX_ErrorNone, or OMX_ErrorBadParameter when the muxer cannot open the file (logged)
+// thread: the buffer thread; takes lockTDMBRecording
 [[nodiscard]] OMX_ERRORTYPE omx_tdmbrec_mp4_mux_Init(omx_tdmbrec_component_PrivateType *self);
 
 // Finishes and closes the file and frees the lent memory.
@@ -24,6 +24,7 @@ inline constexpr int kFramesPerSecond = 30;
 void reset_mux_session(omx_tdmbrec_component_PrivateType *self);
 
 // Fetches the muxer's last error into stMuxError; its message is not null until the session closes.
+// thread: any; under lockTDMBRecording
 void fetch_mux_error(omx_tdmbrec_component_PrivateType *self);
 
 #endif // COMPONENT_MUX_SESSION_H

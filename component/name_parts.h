@@ -8,6 +8,7 @@
 void set_name_part_1(omx_tdmbrec_component_PrivateType *self, const void *record);
 void set_name_part_2(omx_tdmbrec_component_PrivateType *self, const void *record);
 
+// thread: the end of a recording
 void clear_name_parts(omx_tdmbrec_component_PrivateType *self);
 
 #endif // COMPONENT_NAME_PARTS_H

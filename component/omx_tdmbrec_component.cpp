@@ -21,7 +21,7 @@ static constexpr uint32_t kSampleRate = 48000; // Hz
 static constexpr uint32_t kBitsPerSample = 16;
 static constexpr uint32_t kAacCodecTag = 0xAAC0;
 
-// The others are 0.
+// The allocation has cleared the others.
 static void set_initial_fields(omx_tdmbrec_component_PrivateType *self)
 {
     self->bCallbackIdle = 1;
@@ -166,7 +166,7 @@ OMX_ERRORTYPE omx_tdmbrec_component_Constructor(OMX_COMPONENTTYPE *component, OM
         (void)omx_base_sink_Destructor(component);
         return base_result;
     }
-    // From here on a failure leaves a component that its destructor can take down.
+    // After a failure below, the destructor releases the rest.
     install_functions(component);
     set_port_domains(&self->stBase);
     const OMX_ERRORTYPE ports_result = construct_ports(component);

@@ -10,8 +10,8 @@
 // Starts a recording to the path last set. A start while the component records changes nothing.
 // returns: OMX_ErrorNone, also when there is no storage (the client gets the end of the recording
 //          with reason 0); OMX_ErrorInsufficientResources when another component of the process
-//          records, memory is short, kMostEnds ends are not yet reported or the component is being
-//          destroyed
+//          records, memory is short, kMostUnreportedEnds ends are unreported or the component is
+//          being destroyed
 // thread: any of the client's, also in its event handler
 [[nodiscard]] OMX_ERRORTYPE start_recording(OMX_COMPONENTTYPE *component);
 

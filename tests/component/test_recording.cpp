@@ -1,4 +1,4 @@
-// The life of a recording and its ends, at the component's own interface.
+// The life of a recording and its ends, at the component's interface.
 #include "platform/host/host_control.h"
 #include "tests/support/component_test.h"
 #include "tests/support/programme.h"
@@ -9,6 +9,7 @@
 #include <atomic>
 #include <chrono>
 #include <filesystem>
+#include <functional>
 #include <future>
 #include <thread>
 
@@ -126,46 +127,34 @@ TEST_F(Recording, OutlivesAClientThatStartsTwiceAtEveryEndWithoutStorage)
     EXPECT_EQ(client->count(kEventEndOfRecording), starts);
 }
 
-// Notes the ends of more than one client, and whether two were ever told at once.
-class EndsInOrder {
-  public:
-    void watch(IlClient &client, char name, std::function<void()> at_first_end)
-    {
-        client.on_event = [this, name, at_first_end](const IlEvent &event) {
-            if (event.event != kEventEndOfRecording) {
-                return;
-            }
-            EXPECT_FALSE(is_in_event_.exchange(true)) << "two at once";
-            ends_ += name + std::to_string(event.data2) + ' ';
-            if (ends_.size() == 3) {
-                at_first_end();
-            }
-            is_in_event_ = false;
-        };
-    }
-    const std::string &ends() const
-    {
-        return ends_;
-    }
-
-  private:
-    std::atomic<bool> is_in_event_ = false;
-    std::string ends_;
-};
-
 TEST_F(Recording, IsReportedInTheOrderInWhichTheRecordingsEnded)
 {
     const auto client = make_recorder();
     const auto other = make_client();
-    EndsInOrder order;
+    std::atomic<bool> is_in_event = false;
+    std::string ends;
+    const auto watch = [&](IlClient &watched, char name,
+                           const std::function<void()> &at_first_end) {
+        watched.on_event = [&, name, at_first_end](const IlEvent &event) {
+            if (event.event != kEventEndOfRecording) {
+                return;
+            }
+            EXPECT_FALSE(is_in_event.exchange(true)) << "two at once";
+            ends += name + std::to_string(event.data2) + ' ';
+            if (ends.size() == 3) {
+                at_first_end();
+            }
+            is_in_event = false;
+        };
+    };
     // Every start waits until the recording before it is closed.
-    order.watch(*client, 'A', [&] {
+    watch(*client, 'A', [&] {
         EXPECT_EQ(client->start(), OMX_ErrorNone);
         send_programme(*client, 3);
         host_set_storage(0, 8000000, 51200);
         send_programme(*client, 1, 3);
         host_set_storage(0, 8000000, 4000000);
-        for (uint32_t n = 3; n < TDMBREC_ENDS; n++) {
+        for (uint32_t n = 3; n < kMostUnreportedEnds; n++) {
             EXPECT_EQ(client->start(), OMX_ErrorNone) << n;
             send_programme(*client, 3);
             refuse_threads(n == 3 ? 1 : 0); // the first one ends on this thread
@@ -176,17 +165,17 @@ TEST_F(Recording, IsReportedInTheOrderInWhichTheRecordingsEnded)
                 EXPECT_EQ(other->start(), OMX_ErrorNone);
             }
         }
-        EXPECT_EQ(client->start(), OMX_ErrorInsufficientResources) << "too many ends untold";
+        EXPECT_EQ(client->start(), OMX_ErrorInsufficientResources) << "too many unreported ends";
         std::this_thread::sleep_for(std::chrono::milliseconds(20)); // time for one out of turn
     });
-    order.watch(*other, 'B', [] {});
+    watch(*other, 'B', [] {});
     send_programme(*client, 3);
     client->stop();
-    for (uint32_t n = 0; n < TDMBREC_ENDS; n++) {
+    for (uint32_t n = 0; n < kMostUnreportedEnds; n++) {
         EXPECT_TRUE(client->wait_for_end().has_value());
     }
-    EXPECT_EQ(order.ends(), "A1 A2 A1 A0 B0 A1 A1 A1 A1 ");
-    EXPECT_EQ(client->start(), OMX_ErrorNone) << "they have all been told";
+    EXPECT_EQ(ends, "A1 A2 A1 A0 B0 A1 A1 A1 A1 ");
+    EXPECT_EQ(client->start(), OMX_ErrorNone) << "all have been reported";
     client->destroy();
     EXPECT_EQ(client->wait_for_end(0), 0u);
 }
@@ -204,7 +193,7 @@ TEST_F(Recording, EndsForAnotherComponentThatGoesWithinTheEvent)
                     host_fail_call(kHostCallDfopen, 0, 2); // both starts end at once
                 }
                 EXPECT_EQ(other->start(), OMX_ErrorNone);
-                if (way == 'w') { // a stop thread that waits for its turn, after this event
+                if (way == 'w') { // its stop thread waits for the return of this event
                     EXPECT_EQ(other->stop(), OMX_ErrorNone);
                     EXPECT_EQ(other->start(), OMX_ErrorNone);
                 }
@@ -230,7 +219,7 @@ TEST_F(Recording, EndsForAnotherComponentThatGoesWithinTheEvent)
     }
 }
 
-// Each of the two handlers gets the data that came with it.
+// Each of the two handlers expects the data that was set with it.
 template <int Own>
 static OMX_ERRORTYPE expect_own_data(OMX_HANDLETYPE, OMX_PTR data, OMX_EVENTTYPE, OMX_U32, OMX_U32,
                                      OMX_PTR)
@@ -302,7 +291,8 @@ TEST_F(Recording, DoesNotStartWithoutMemoryAndSurvivesWithoutItsBlocks)
             EXPECT_EQ(host_live_storage_handles(), 0);
             continue;
         }
-        EXPECT_EQ(client->start(), OMX_ErrorNone); // without the cache block, the close memory
+        EXPECT_EQ(client->start(),
+                  OMX_ErrorNone); // n 3: without the cache block; 4: without the close memory
         send_programme(*client, 35);
         client->stop();
         EXPECT_EQ(client->wait_for_end(), 1u);
@@ -329,7 +319,7 @@ TEST_F(Recording, KeepsTheAudioBufferWhileTheEncoderCannotBeOpened)
     });
     EXPECT_GE(tries, 3);
     const auto seconds = std::chrono::steady_clock::now() - begun;
-    EXPECT_LE(tries, 12 + seconds / std::chrono::seconds(1)) << "they come ever more seldom";
+    EXPECT_LE(tries, 12 + seconds / std::chrono::seconds(1)) << "the pauses between them grow";
     client->stop();
     EXPECT_TRUE(client->wait_for_end().has_value());
     EXPECT_TRUE(client->wait_until_back(audio)) << "consumed once nothing is recorded";
@@ -342,7 +332,7 @@ TEST_F(Recording, TrustsNoLengthOfTheClient)
     send_programme(*client, 2);
     const OMX_U32 places[][2] = {
         {0, 65},         {65, 1}, {1, 64}, {UINT32_MAX, 2},
-        {2, UINT32_MAX}, {60, 4}}; // the last one is sound, but four zeros say nothing
+        {2, UINT32_MAX}, {60, 4}}; // the last one is valid, but four zeros are no unit
     for (const OMX_U32 port : {0u, 1u}) {
         for (const auto &[offset, length] : places) {
             Bytes memory(64);
