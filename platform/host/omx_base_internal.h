@@ -103,6 +103,9 @@ void omx_base_for_ports(const omx_base_sink_PrivateType *sink, OMX_U32 port_inde
 // Releases everything that a port constructor made, but not the record itself.
 void omx_base_release_port(omx_base_port_PrivateType *port);
 
+// returns: whether the component has its resources: its state is Idle, Executing or Pause.
+[[nodiscard]] bool omx_base_has_resources(const omx_base_sink_PrivateType *sink);
+
 // thread: any, under the lock.
 void omx_base_set_state(omx_base_sink_PrivateType *sink, OMX_STATETYPE state,
                         omx_base_transient_t transient_state);
