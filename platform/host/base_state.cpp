@@ -94,7 +94,7 @@ static uint32_t end_port_change(omx_base_sink_PrivateType *sink, omx_base_port_P
     }
     uint32_t answered = 0;
     if (complete) {
-        answered = std::exchange(internal->waiting, 0);
+        answered = std::exchange(internal->waiting_count, 0);
         internal->change = kChangeNone;
     }
     pthread_mutex_unlock(&sink->pInternal->lock);
@@ -104,7 +104,7 @@ static uint32_t end_port_change(omx_base_sink_PrivateType *sink, omx_base_port_P
 static uint32_t take_overtaken(omx_base_sink_PrivateType *sink, omx_base_port_PrivateType *port)
 {
     pthread_mutex_lock(&sink->pInternal->lock);
-    const uint32_t overtaken = std::exchange(port->pInternal->overtaken, 0);
+    const uint32_t overtaken = std::exchange(port->pInternal->overtaken_count, 0);
     pthread_mutex_unlock(&sink->pInternal->lock);
     return overtaken;
 }
@@ -145,7 +145,7 @@ static OMX_ERRORTYPE enter_invalid(omx_base_sink_PrivateType *sink)
     omx_base_set_state(sink, OMX_StateInvalid, OMX_TransStateNone);
     omx_base_for_ports(sink, OMX_ALL, [&](omx_base_port_PrivateType *port) {
         port->pInternal->change = kChangeNone;
-        given_up += std::exchange(port->pInternal->waiting, 0);
+        given_up += std::exchange(port->pInternal->waiting_count, 0);
     });
     pthread_mutex_unlock(&sink->pInternal->lock);
     omx_base_join_buffer_thread(sink);
@@ -227,10 +227,10 @@ static OMX_ERRORTYPE change_port(omx_base_sink_PrivateType *sink, OMX_U32 port_i
         omx_base_port_internal_t *internal = port->pInternal;
         port->stPortDefinition.bEnabled = enable ? OMX_TRUE : OMX_FALSE;
         if (internal->change != change) {
-            internal->overtaken += std::exchange(internal->waiting, 0);
+            internal->overtaken_count += std::exchange(internal->waiting_count, 0);
         }
         internal->change = change;
-        internal->waiting++;
+        internal->waiting_count++;
     });
     pthread_mutex_unlock(&sink->pInternal->lock);
     if (!enable) {

@@ -40,7 +40,7 @@ struct omx_base_sink_internal_t {
     bool message_thread_joinable;
     pthread_t buffer_thread;
     pthread_t message_thread;
-    // What the constructor has initialised.
+    // Set when the object has been initialised.
     bool flush_lock_ready;
     bool sem_flush_all_ready;
     bool sem_flush_ready;
@@ -60,9 +60,9 @@ struct omx_base_port_internal_t {
     OMX_U32 index;
     OMX_PORTDOMAINTYPE domain;
     omx_base_change_t change;
-    uint32_t waiting;     // commands for this change
-    uint32_t overtaken;   // commands for the opposite change, not answered yet
-    bool has_lost_buffer; // while in use, not reported yet
+    uint32_t waiting_count;   // commands for this change
+    uint32_t overtaken_count; // commands for the opposite change, not answered yet
+    bool has_lost_buffer;     // while in use, not reported yet
     bool queue_ready;
     bool sem_ready;
     std::array<omx_base_buffer_t, QUEUE_CAPACITY> buffers;

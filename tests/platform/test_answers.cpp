@@ -100,7 +100,7 @@ class Session : public FrameworkTest {
 class Answers : public PlatformTest,
                 public testing::WithParamInterface<std::tuple<OMX_STATETYPE, bool>> {};
 
-// Three commands in every order.
+// Every sequence of three commands.
 TEST_P(Answers, EachCommandGetsOne)
 {
     const auto &[from, is_disabled] = GetParam();
