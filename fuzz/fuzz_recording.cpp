@@ -71,7 +71,7 @@ static void check_file()
     if (environment.given[MUX_TYPE_VIDEO] == none && environment.given[MUX_TYPE_AUDIO] == none) {
         return; // of a file without a frame the muxer writes only the head
     }
-    require(movie.error.empty(), movie.error);
+    require(movie.faults.empty(), first_fault(movie));
     require(frames_of(movie, "vide") == environment.given[MUX_TYPE_VIDEO],
             "every picture is there");
     require(frames_of(movie, "soun") == environment.given[MUX_TYPE_AUDIO], "all audio is there");

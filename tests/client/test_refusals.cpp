@@ -77,11 +77,11 @@ TEST_F(Refusals, NameTheMistakeAndTouchNothing)
     EXPECT_EQ(std::filesystem::file_size(directory / "kept.mp4"), 4u);
     // What the refusals tell to do helps.
     for (const char *const input : {"b.mp4", "four.mkv"}) {
-        const command_result helped =
-            shell("cp " + std::string(input) +
-                  " \"it's\"; " TDMBREC "record -o x \"it's\" 2>&1 | "
-                  "sed -n 's/.*without: ffmpeg/ffmpeg -nostdin -v error -y/p' > line; . ./line "
-                  "&& " TDMBREC "record -f -o x new.mkv");
+        const command_result helped = shell(
+            "cp " + std::string(input) +
+            " \"it's\"; " TDMBREC "record -o x \"it's\" 2>&1 | "
+            "sed -n 's/.*without them: ffmpeg/ffmpeg -nostdin -v error -y/p' > line; . ./line "
+            "&& " TDMBREC "record -f -o x new.mkv");
         EXPECT_TRUE(helped.status == 0 && contains(helped.out, "25 frames")) << helped.err;
     }
 }

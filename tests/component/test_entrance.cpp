@@ -218,7 +218,7 @@ static void expect_file(const Bytes &image, const Row &row)
         return;
     }
     const mp4_reader::movie movie = mp4_reader::read_movie(image);
-    ASSERT_EQ(movie.error, "");
+    ASSERT_EQ(first_fault(movie), "");
     const mp4_reader::track &video = *mp4_reader::find_track(movie, "vide");
     std::string sets;
     for (const std::vector<Bytes> &kind : {video.avc.sps, video.avc.pps}) {
@@ -289,7 +289,7 @@ TEST_F(Entrance, DescribesTheAudioOfEveryRate)
         EXPECT_EQ(OMX_SetParameter(client->handle(), OMX_IndexParamAudioPcm, &pcm), OMX_ErrorNone);
         const Bytes image = record(*client, {"", "40SPI 40A 200A", "SP", ""});
         const mp4_reader::movie movie = mp4_reader::read_movie(image);
-        ASSERT_EQ(movie.error, "");
+        ASSERT_EQ(first_fault(movie), "");
         const mp4_reader::track &audio = *mp4_reader::find_track(movie, "soun");
         EXPECT_EQ(audio.sample_rate, kRates[index]);
         EXPECT_EQ(audio.samples.size(), 2u) << kRates[index];

@@ -91,7 +91,7 @@ TEST_F(LongRecording, KeepsEveryEntryOfTablesThatOutgrowTheirCaches)
     client->to_loaded();
     const Bytes image = read_file(kRecording);
     const mp4_reader::movie movie = mp4_reader::read_movie(image);
-    ASSERT_EQ(movie.error, "");
+    ASSERT_EQ(first_fault(movie), "");
     const std::vector<mp4_reader::sample> &video = mp4_reader::find_track(movie, "vide")->samples;
     const std::vector<mp4_reader::sample> &audio = mp4_reader::find_track(movie, "soun")->samples;
     ASSERT_EQ(video.size(), kFrames);

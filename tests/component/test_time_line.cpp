@@ -305,7 +305,7 @@ TEST_F(TimeLine, IsThatOfTheModelInTheFile)
             continue;
         }
         const mp4_reader::movie movie = mp4_reader::read_movie(read_file(kRecording));
-        ASSERT_EQ(movie.error, "") << "stream " << i;
+        ASSERT_EQ(first_fault(movie), "") << "stream " << i;
         std::vector<uint64_t> ticks;
         for (const mp4_reader::sample &sample : mp4_reader::find_track(movie, "vide")->samples) {
             ticks.push_back(sample.time);

@@ -175,7 +175,7 @@ TEST_F(Failures, OfAConfigurationAreNotWritten)
         EXPECT_EQ(r.close(), 0);
         const mp4_reader::movie movie = mp4_reader::read_movie(world.files["out.mp4"].bytes);
         EXPECT_EQ(movie.tracks.at(0).avc.record, cases[i].record) << i;
-        EXPECT_EQ(movie.error, "");
+        EXPECT_EQ(first_fault(movie), "");
         EXPECT_EQ(leftovers(), "");
     }
 }

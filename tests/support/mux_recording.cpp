@@ -151,8 +151,8 @@ std::string check_samples(const recording &r)
         const bool is_video = frame.type == MUX_TYPE_VIDEO;
         const mp4_reader::track *track = find_track(movie, is_video ? "vide" : "soun");
         size_t &at = found[is_video];
-        if (frame.result >= 0 && !movie.error.empty()) {
-            return movie.error; // without frames there is no movie box
+        if (frame.result >= 0 && !movie.faults.empty()) {
+            return first_fault(movie); // without frames there is no movie box
         }
         const mp4_reader::sample sample = track != nullptr && at < track->samples.size()
                                               ? track->samples[at]
