@@ -362,7 +362,7 @@ TEST_F(Recording, SurvivesStopsStartsAndStateChangesWhileItsParametersAndStorage
             host_fail_call(kHostCallDfopen, 0, i % 9 == 0); // there is no storage
             EXPECT_EQ(client->start(), OMX_ErrorNone);
             std::this_thread::sleep_for(std::chrono::milliseconds(i % 7));
-            host_fail_call(kHostCallDfget, 0, i % 5 == 0);              // it vanishes
+            host_fail_call(kHostCallDfget, 0, i % 5 == 0);               // it vanishes
             host_set_storage(0, 8000000, i % 11 == 0 ? 51200 : 4000000); // it is full
         }
         is_over = true;

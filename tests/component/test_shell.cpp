@@ -67,9 +67,9 @@ static OMX_ERRORTYPE make_and_release(const char *name)
 TEST_F(Shell, FailsCleanlyUnderAnotherNameAndWhereverMemoryRunsOut)
 {
     EXPECT_EQ(make_and_release("OMX.qvr.tdmb.rec2"), 0x80001002u);
-    for (const host_call_t call : {kHostCallCalloc, kHostCallMalloc, kHostCallSinkConstructor,
-                                   kHostCallVideoPortConstructor,
-                                   kHostCallAudioPortConstructor, kHostCallTsemInit}) {
+    for (const host_call_t call :
+         {kHostCallCalloc, kHostCallMalloc, kHostCallSinkConstructor, kHostCallVideoPortConstructor,
+          kHostCallAudioPortConstructor, kHostCallTsemInit}) {
         OMX_ERRORTYPE result = OMX_ErrorInsufficientResources;
         for (uint32_t n = 0; result != OMX_ErrorNone && n < 50; n++) {
             host_fail_call(call, n, 1);
