@@ -2,8 +2,8 @@
 # Installs the packages, builds the recorder in every way and runs all tests.
 #
 #   sh scripts/check.sh             everything
-#   sh scripts/check.sh STEP ...    some of: format try spin bench fuzz compilers coverage 32bit
-#                                   arm asan-ubsan tsan clang release
+#   sh scripts/check.sh STEP ...    some of: format tidy try spin bench fuzz compilers coverage
+#                                   32bit arm asan-ubsan tsan clang release
 set -eu
 cd "$(dirname "$0")/.."
 case ${1:-} in
@@ -12,7 +12,7 @@ case ${1:-} in
     exit 0
     ;;
 esac
-all='format try spin bench fuzz compilers coverage 32bit arm asan-ubsan tsan clang release'
+all='format tidy try spin bench fuzz compilers coverage 32bit arm asan-ubsan tsan clang release'
 steps=${*:-$all}
 jobs=$(nproc)
 not_checked_out='the step format needs git and a folder that git has checked out'
@@ -62,6 +62,22 @@ check_format() {
     if git grep -nIE '[[:space:]]+$' -- . ':!*.csv'; then
         fail 'blanks at the end of a line'
     fi
+    if git grep -nE '^TEST(_[FP])?\((.*_|[a-z]|\w+, *[a-z])' -- tests; then
+        fail 'not the name of a test as Subject.StatesABehaviour'
+    fi
+    for header in $(git ls-files '*.h'); do
+        end="#endif // $(echo "$header" | tr 'a-z/.' 'A-Z__')"
+        [ "$(tail -n 1 "$header")" = "$end" ] || fail "$header does not end in: $end"
+    done
+}
+
+# What .clang-tidy names, in every unit that a build for the desk compiles.
+check_tidy() {
+    cmake --fresh --preset dev -B build/tidy -D CMAKE_CXX_COMPILER=clang++-19 > /dev/null
+    run-clang-tidy-19 -quiet -p build/tidy -j "$jobs" '\.cpp$' > build/tidy/report 2>&1 || {
+        grep -E '(warning|error):' build/tidy/report | sort -u >&2
+        fail 'clang-tidy has complaints'
+    }
 }
 
 # Runs the README's first command and looks for the end of its output in the README.
@@ -80,6 +96,9 @@ run_step() {
     case $1 in
     format)
         check_format
+        ;;
+    tidy)
+        check_tidy
         ;;
     try)
         check_try
