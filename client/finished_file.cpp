@@ -57,10 +57,10 @@ std::vector<std::string> finished_file_remarks(const file_summary &file)
     std::vector<std::string> remarks;
     if (!file.faults.empty()) {
         remarks.push_back("the finished file may not play everywhere: " + file.faults.front() +
-                          " (tdmbrec info tells more)");
+                          " (tdmbrec info reports more)");
     }
     if (!file.notes.empty()) {
-        remarks.push_back("the finished file was not read back whole: " + file.notes.front());
+        remarks.push_back("the finished file was not read back completely: " + file.notes.front());
     }
     return remarks;
 }

@@ -89,7 +89,7 @@ static void refuse_in_use(int directory, const std::string &output_name, const s
     found_folder found;
     if (locked_folder_find(found, directory, name, LOCK_SH) &&
         found.state == folder_state::in_use) {
-        throw failure(exit_code::output, output_name + ": another command is making it, in the " +
+        throw failure(exit_code::output, output_name + ": another command is writing it, in the " +
                                              "folder " + name + " beside it");
     }
 }

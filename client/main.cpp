@@ -28,7 +28,7 @@ static void stop_when_asked(void)
     interruption_block();
     interruption_listen([] {
         work_folder_give_up();
-        terminal_say("tdmbrec: given up");
+        terminal_say("tdmbrec: aborted");
     });
 }
 

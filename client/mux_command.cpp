@@ -160,7 +160,7 @@ static file_summary read_back(const work_folder &folder)
         close(file);
     }
     if (!summary || !summary->faults.empty()) {
-        throw failure(exit_code::component, "the muxer made a file that is not sound");
+        throw failure(exit_code::component, "the muxer made an invalid file");
     }
     return *summary;
 }
@@ -175,7 +175,7 @@ static void warn(const std::string &path, const char *what, int64_t number, cons
 
 static void warn_of_video(const std::string &path, const video_input &video)
 {
-    warn(path, "pictures left out in front of the first IDR picture", video.leading);
+    warn(path, "pictures left out before the first IDR picture", video.leading);
     warn(path, "damaged access units left out", video.damaged);
     warn(path, "damaged parameter sets left out", video_input_damaged_sets(video));
 }
@@ -185,10 +185,10 @@ static void warn_of_sound(const std::string &path, const muxing &self)
     const aac_input &audio = *self.audio;
     const int64_t gaps_us =
         audio.last_us - audio.begin_us - aac_input_span_us(audio, audio.packets - 1);
-    warn(path, "sound in front of the first picture left out", self.left_out_us / 1000, " ms");
+    warn(path, "sound before the first picture left out", self.left_out_us / 1000, " ms");
     warn(path, "sound that begins after the first picture moved to the front by",
          self.late_us > kLateToleranceUs ? self.late_us / 1000 : 0, " ms");
-    warn(path, "gaps in the sound closed, by which what follows comes early",
+    warn(path, "gaps in the sound closed; the sound after them is early by",
          gaps_us > kGapToleranceUs ? gaps_us / 1000 : 0, " ms");
 }
 
@@ -217,14 +217,15 @@ static void report(const mux_options &options, const muxing &self, const file_su
     for (const std::string &remark : finished_file_remarks(file)) {
         terminal_say("tdmbrec: warning: " + remark);
     }
-    terminal_print(options.output +
-                   print(": %s, %s (%llu bytes; the muxer foresaw %lld), %llu pictures, %llu sound "
-                         "frames; took %.2f s\n",
-                         duration_text(file.duration_s).c_str(), size_text(file.bytes).c_str(),
-                         static_cast<unsigned long long>(file.bytes),
-                         static_cast<long long>(self.out.estimate),
-                         static_cast<unsigned long long>(file.video.frames),
-                         static_cast<unsigned long long>(file.audio.frames), elapsed_s));
+    terminal_print(
+        options.output +
+        print(": %s, %s (%llu bytes; the muxer estimated %lld), %llu pictures, %llu sound "
+              "frames; took %.2f s\n",
+              duration_text(file.duration_s).c_str(), size_text(file.bytes).c_str(),
+              static_cast<unsigned long long>(file.bytes),
+              static_cast<long long>(self.out.estimate),
+              static_cast<unsigned long long>(file.video.frames),
+              static_cast<unsigned long long>(file.audio.frames), elapsed_s));
 }
 
 int mux_run(const mux_options &options)

@@ -9,52 +9,52 @@
 static const char record_footer[] = R"(Exit status:
   0    the file is finished; also when Ctrl-C or SIGTERM ended the recording
   2    wrong command line
-  3    an input cannot be read, or broke off (the file then holds what came before)
+  3    an input cannot be read, or broke off (the file then holds what was read)
   4    an input holds something that cannot be recorded
   5    the output cannot be written
   6    the recorder's storage /mnt/sdcard cannot be provided
   7    the recorder component is missing or failed
-  8    what was recorded stays, but not as the output: a message says where, and what to do
+  8    the recording is kept, but not as the output; a message says where, and what to do
   10   storage not usable            12   free space used up
-  14   the file could not be begun   15   writing failed
+  14   the file could not be opened  15   writing failed
   16   the file reached its size limit of 1,800,000,000 bytes
   17   the component was destroyed during the recording
-  130  given up at the second Ctrl-C (143 SIGTERM, 129 SIGHUP); a message says where what was
-       recorded so far stays
-After 3, 4, 7, 12, 15 and 16 the output holds what came before, if there was something.
+  130  aborted by the second Ctrl-C (143 SIGTERM, 129 SIGHUP); a message says where the
+       recording is kept
+After 3, 4, 7, 12, 15 and 16 the output holds everything recorded until then, if anything was.
 
-While it records, the file is in the folder OUTPUT.recording beside the output, which is locked.
-Nothing that was recorded is ever deleted: what cannot become the output stays in that folder, also
-when the command is killed, and the next "record" or "info" of the output says so.
-A signal that is ignored from the start, as with nohup, stays ignored. TDMBREC_PATIENCE is for how
+During the recording the file is in the folder OUTPUT.recording beside the output, which is
+locked. Nothing that was recorded is ever deleted: a file that cannot become the output stays in
+that folder, also when the command is killed, and the next "record" or "info" of the output reports
+it. A signal that is ignored from the start, as with nohup, stays ignored. TDMBREC_PATIENCE sets how
 many seconds the command waits for a component that does not answer (default: 120).)";
 
 static const char encode_footer[] =
-    R"(The stream consists of ADTS frames. With --raw it is the bare access units, one after the other,
-behind one ADIF header that tells a decoder what they are. The last frame is filled up with silence,
-and one frame of silence follows it to push the encoder's overlap out.
+    R"(The stream consists of ADTS frames. With --raw it consists of the bare access units after one
+ADIF header, which describes them to a decoder. The last frame is filled up with silence, and one
+frame of silence follows it to push the encoder's overlap out.
 
 Exit status:
   0    the stream is finished
   2    wrong command line
   3    the input cannot be read, is damaged, or broke off (the stream then holds what could be read)
-  4    the encoder does not take the input's sampling rate or channels
+  4    the encoder does not support the input's sampling rate or channels
   5    the output cannot be written
   7    the encoder failed
   130  stopped by Ctrl-C (143 SIGTERM, 129 SIGHUP); no stream is left)";
 
 static const char mux_footer[] =
-    R"(The file begins sound and picture together and holds the sound without gaps. Sound in front of the
+    R"(The file begins sound and picture together and holds the sound without gaps. Sound before the
 first picture is left out; sound that begins later moves to the front, and gaps in it are closed. A
 warning says by how many milliseconds.
 
 Exit status:
   0    the file is finished
-  2    wrong command line, or a cache of no size
+  2    wrong command line, or a cache of 0 bytes
   3    an input cannot be read
   4    an input holds something that cannot be put into the file
   5    the output cannot be written
-  7    the muxer made a file that is not sound
+  7    the muxer made an invalid file
   130  stopped by Ctrl-C (143 SIGTERM, 129 SIGHUP); no file is left)";
 
 static const char info_footer[] =
@@ -64,7 +64,7 @@ static const char info_footer[] =
   2    wrong command line
   3    the file cannot be read
   5    the report or the page cannot be written
-A recording to the file that is under way, or was left unfinished, is named in a note.)";
+A note reports a recording to the file that is under way, or was left unfinished.)";
 
 static void add_output(CLI::App &command, std::string &output, bool &force, const char *what)
 {
@@ -106,7 +106,7 @@ static void add_record(CLI::App &app, record_options &options, std::string &inpu
 
 static void add_encode(CLI::App &app, encode_options &options)
 {
-    CLI::App &command = *app.add_subcommand("encode", "Code a file's sound to AAC-LC");
+    CLI::App &command = *app.add_subcommand("encode", "Encode a file's sound to AAC-LC");
     command.footer(encode_footer);
     command.add_option("INPUT", options.input, "WAV file of one of the encoder's sampling rates")
         ->type_name("FILE")
@@ -114,7 +114,7 @@ static void add_encode(CLI::App &app, encode_options &options)
     add_output(command, options.output, options.force, "the AAC file to make");
     command
         .add_option("--bitrate", options.bit_rate,
-                    "bits per second of all channels together, a multiple of 1000 from 16000 on; "
+                    "bits per second of all channels together, a multiple of 1000, at least 16000; "
                     "the encoder uses at most 6 per sample")
         ->type_name("RATE")
         ->capture_default_str();
@@ -179,14 +179,15 @@ static void add_mux(CLI::App &app, mux_options &options)
 static void add_info(CLI::App &app, info_options &options)
 {
     CLI::App &command =
-        *app.add_subcommand("info", "Tell what an MP4 file holds and what is wrong with it");
+        *app.add_subcommand("info", "Report what an MP4 file holds and what is wrong with it");
     command.footer(info_footer);
     command.add_option("INPUT", options.input, "MP4 file")->type_name("FILE")->required();
-    CLI::Option *const json = command.add_flag("--json", options.json, "tell it as JSON");
+    CLI::Option *const json = command.add_flag("--json", options.json, "print the report as JSON");
     command
         .add_option_function<std::string>(
             "--html", [&options](const std::string &page) { options.page = page; },
-            "tell it as a page for a browser, in this file; without a name, on standard output")
+            "write the report as a page for a browser to this file; without a name, to standard "
+            "output")
         ->type_name("FILE")
         ->expected(0, 1)
         ->excludes(json);
@@ -217,14 +218,14 @@ static int report_mistake(const std::string &command, const std::string &what)
 static command_line choose_inputs(record_options options, const std::string &input)
 {
     if (!input.empty() && !options.video.empty() && !options.audio.empty()) {
-        return report_mistake("record ", "INPUT is not needed beside --video and --audio");
+        return report_mistake("record ", "INPUT is not needed with --video and --audio");
     }
     for (std::string *const file : {&options.video, &options.audio}) {
         if (file->empty()) {
             *file = input;
         }
         if (file->empty()) {
-            return report_mistake("record ", "name one INPUT, or the files --video and --audio");
+            return report_mistake("record ", "give one INPUT, or both --video and --audio");
         }
     }
     return options;
@@ -260,7 +261,7 @@ command_line options_parse(int argc, const char *const *argv)
     }
     if (app.got_subcommand("mux")) {
         return mux.video.empty() && mux.audio.empty()
-                   ? report_mistake("mux ", "name --video, --audio or both")
+                   ? report_mistake("mux ", "give --video, --audio or both")
                    : command_line(mux);
     }
     if (app.got_subcommand("info")) {

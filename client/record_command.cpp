@@ -63,7 +63,7 @@ static void give_up(void)
         }
         storage_discard(*storage_in_use);
     }
-    terminal_say("tdmbrec: given up" + kept);
+    terminal_say("tdmbrec: aborted" + kept);
 }
 
 static void say_remarks(session &self, const std::vector<std::string> &remarks)
@@ -241,7 +241,7 @@ static const char *reason_text(uint32_t reason)
     case kStopStorageFull:
         return "the free space is used up (the recorder leaves 52.4 MB)";
     case kStopOpenFailed:
-        return "the file could not be begun";
+        return "the file could not be opened";
     case kStopWriteFailed:
         return "writing the file failed";
     case kStopSizeLimit:
@@ -370,7 +370,7 @@ static void run(session &self)
         self.summary.ended = broken.code == exit_code::component ? "the component failed"
                              : broken.code == exit_code::output
                                  ? "the recording is gone"
-                                 : "the input could not be recorded further";
+                                 : "the rest of the input could not be recorded";
     }
     finish(self);
 }

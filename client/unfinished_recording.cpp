@@ -195,13 +195,13 @@ std::string unfinished_recording_text(const std::string &output,
 std::string kept_text(const unfinished_recording &recording)
 {
     if (recording.file == recording_state::unreachable) {
-        return "what was recorded stays as " + recording.place +
-               ", which cannot be opened: it belongs to another user, or its storage is not there";
+        return "the recorded data is kept as " + recording.place +
+               ", which cannot be opened: it belongs to another user, or its storage is missing";
     }
-    const std::string size = " (" + size_text(recording.bytes) + ") stays as " + recording.place;
+    const std::string size = " (" + size_text(recording.bytes) + ") is kept as " + recording.place;
     return recording.file == recording_state::finished
                ? "the finished file" + size + ": move it to where it is wanted"
-               : "what was recorded" + size +
+               : "the recorded data" + size +
                      ", which players cannot open as it is: keep the folder to have the file "
                      "repaired, or delete it";
 }

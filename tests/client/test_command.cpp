@@ -202,7 +202,7 @@ TEST_F(RecordCommand, IsFinishedAtTheFirstSignalAndGivenUpAtTheSecond)
         shell(background + "& " AWAIT_OUTPUT(".") "kill -STOP $!; kill -TERM $!; kill -HUP $!; "
                                                   "kill -CONT $!; wait $!");
     EXPECT_TRUE(twice.status == 143 || twice.status == 129) << twice.status;
-    EXPECT_TRUE(contains(twice.err, "given up")) << twice.err;
+    EXPECT_TRUE(contains(twice.err, "aborted")) << twice.err;
     EXPECT_EQ(names(), SAMPLE_ALONE);
 }
 

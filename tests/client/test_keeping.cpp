@@ -54,7 +54,7 @@ TEST_F(KeptRecording, NamesTheFileBesideWhatWentWrongAndAWholeOneTakesItsPlace)
         {"torn", "SCRIPT_FAIL=stop TDMBREC_PATIENCE=1", 8, "does not finish the file ("},
         {"torn", "SCRIPT_STALL=99999999 TDMBREC_PATIENCE=1", 8, " buffers (0x80001011)\n"},
         {"whole", "SCRIPT_FAIL=stop TDMBREC_PATIENCE=1", 8, "does not finish the file ("},
-        {"empty", "SCRIPT_BUFFERS=20 SCRIPT_REASON=4", 14, "the file could not be begun\n"},
+        {"empty", "SCRIPT_BUFFERS=20 SCRIPT_REASON=4", 14, "the file could not be opened\n"},
         {"no_stsz", "", 8, "no picture: track 1: table stsz is missing\n"},
         {"no_stts", "", 0, "may not play everywhere: track 1: table stts is missing"},
         {"whole", "SCRIPT_FAIL=later", 7, "refuses a buffer (0x80001001)\n"},
@@ -70,7 +70,7 @@ TEST_F(KeptRecording, NamesTheFileBesideWhatWentWrongAndAWholeOneTakesItsPlace)
         EXPECT_EQ(result.status, status);
         EXPECT_TRUE(contains(result.err, fault)) << result.err;
         const bool is_kept = status == 8;
-        EXPECT_EQ(contains(result.err, ") stays as " LEFT), is_kept) << result.err;
+        EXPECT_EQ(contains(result.err, ") is kept as " LEFT), is_kept) << result.err;
         EXPECT_EQ(contains(result.out, "\"kept\": \"" LEFT "\""), is_kept) << result.out;
         EXPECT_EQ(contains(result.out, "\"output\": null"), is_kept || status == 14) << result.out;
         const std::string place = is_kept ? LEFT : "b.mp4";
@@ -93,7 +93,7 @@ TEST_F(KeptRecording, SurvivesWhatHappensToTheStorage)
         {"120m",
          UNDER_WAY "kill -STOP $p; kill -TERM $p; kill -HUP $p; "
                    "kill -CONT $p; wait $p; [ $? -gt 128 ]",
-         0, "tdmbrec: given up; ", true},
+         0, "tdmbrec: aborted; ", true},
         {"120m", UNDER_WAY "rm " LEFT "; wait $p", 5, LEFT " was deleted or moved\n", false},
         {"120m", UNDER_WAY "rm -r " FOLDER "; wait $p", 5,
          "tdmbrec: the recording is gone: the folder " FOLDER " was deleted\n", false},
@@ -105,10 +105,10 @@ TEST_F(KeptRecording, SurvivesWhatHappensToTheStorage)
         {"120m",
          "mount -t tmpfs none /mnt; mkdir /mnt/sdcard; ulimit -f 4000; " FORBID
          " unshare " RECORD SLOW,
-         8, ") stays as /mnt/sdcard/tdmbrec-", true},
+         8, ") is kept as /mnt/sdcard/tdmbrec-", true},
         // All space is gone before the component looks at it again.
         {"65m", UNDER_WAY "kill -STOP $p; cat /dev/zero > full; kill -CONT $p; wait $p", 8,
-         "the free space is used up (the recorder leaves 52.4 MB)\ntdmbrec: what was recorded (",
+         "the free space is used up (the recorder leaves 52.4 MB)\ntdmbrec: the recorded data (",
          true},
         // In use it cannot be unmounted; taken out of sight, it is finished all the same.
         {"120m", UNDER_WAY "cd ..; umount d; umount -l d; kill -TERM $p; wait $p", 5,
@@ -137,7 +137,7 @@ TEST_F(KeptRecording, ReportsWhatWasLeftAndWhatIsUnderWay)
     make_noise();
     setenv("IN", ".", 1);
     const std::string now = "tdmbrec: b.mp4: is being recorded now, as " LEFT;
-    const std::string left = "b.mp4: an earlier recording was not finished; what was recorded (";
+    const std::string left = "b.mp4: an earlier recording was not finished; the recorded data (";
     const command_result live =
         shell(UNDER_WAY RECORD SAMPLE "-f -o b.mp4; s=$?; " TDMBREC "info b.mp4; kill -9 $p; "
                                       "exit $s");
@@ -164,7 +164,7 @@ TEST_F(KeptRecording, ReportsWhatWasLeftAndWhatIsUnderWay)
 TEST_F(KeptRecording, ClearsNothingAwayThatMayBeARecordingOrIsNotItsOwn)
 {
     record_whole();
-    const std::string left = "; what was recorded (", unreachable = ", which cannot be opened: ";
+    const std::string left = "; the recorded data (", unreachable = ", which cannot be opened: ";
     const struct {
         std::string made; // before the command, which then must find all of it unchanged
         std::string program, sentence;
@@ -172,9 +172,9 @@ TEST_F(KeptRecording, ClearsNothingAwayThatMayBeARecordingOrIsNotItsOwn)
         {"mkdir other; cp torn other/copy.mp4; echo > other/v_stco.tmp; ln -s other " FOLDER,
          RECORD SAMPLE "-o b.mp4", ""},
         {"mkdir " FOLDER "; cp torn " FOLDER "/copy.mp4", RECORD SAMPLE "-o b.mp4",
-         left + "580 kB) stays as " FOLDER "/copy.mp4"},
+         left + "580 kB) is kept as " FOLDER "/copy.mp4"},
         {"mkdir " FOLDER "; ln -s /gone/r.mp4 " LEFT, RECORD SAMPLE "-o b.mp4",
-         "b.mp4: an earlier recording was not finished; what was recorded stays as " LEFT +
+         "b.mp4: an earlier recording was not finished; the recorded data is kept as " LEFT +
              unreachable},
         {"mkdir " FOLDER "; { printf '\\177'; tail -c +2 torn; } > " LEFT, RECORD SAMPLE "-o b.mp4",
          left},
