@@ -28,7 +28,7 @@ int32_t AACEnc_Create(AacEncHandle *handle, uint8_t *work_block)
 void *AACEnc_malloc(size_t size, EncTfState *tf_state)
 {
     const size_t bytes = heap_bytes(size);
-    AACENC_CHECK(bytes <= kWorkBlockBytes - tfState->heapUsed);
+    AACENC_CHECK(bytes <= kWorkBlockBytes - tf_state->heapUsed);
     uint8_t *memory = tf_state->heapNext;
     tf_state->heapNext += bytes;
     tf_state->heapUsed += static_cast<uint32_t>(bytes);

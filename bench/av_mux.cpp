@@ -9,7 +9,7 @@ extern "C" {
 #include <algorithm>
 #include <cstring>
 
-static constexpr int kBufferBytes = 0x8000; // what libavformat itself gives a file
+static constexpr int kBufferBytes = 0x8000; // as libavformat's own for a file
 
 struct null_sink {
     AVFormatContext *format = nullptr;

@@ -9,9 +9,10 @@
 // Keeps libavformat from writing to the terminal.
 void av_mux_silence();
 
-// returns  a context for the frames of frame_source, or null
+// returns: a context for the frames of frame_source, or null
+// owns: av_mux_close releases the context
 void *av_mux_open();
-// owned: the packet gets bytes of its own
+// in: owned: the packet has its own copy of the bytes
 bool av_mux_write(void *context, const mp4_mux_putstream_t &frame, bool owned);
 bool av_mux_close(void *context);
 

@@ -7,21 +7,21 @@ Builds what it measures below build/. --quick shortens every measurement, to try
 writes nothing. Needs the packages of `scripts/install_dependencies.sh tests`; takes about three
 minutes on a machine that does nothing else.
 """
+import collections
 import datetime
 import json
 import os
 import pathlib
 import pty
 import re
-import subprocess
+import statistics
 import sys
 import tempfile
 import time
-import wave
 
-ROOT = pathlib.Path(__file__).resolve().parent.parent
-QUICK = '--quick' in sys.argv
-PAIRS = 1 if QUICK else 5
+from measuring import (ROOT, SAMPLE_VIDEO, encode_command, end, ffmpeg_encode_command,
+                       read_arguments, run, start, table_row, usage_of, write_audio_loop)
+
 SAMPLE_SECONDS = 10
 RELEASE = ROOT / 'build/measured'
 PORTABLE = ROOT / 'build/portable'
@@ -32,6 +32,16 @@ BUILDS = [('release', RELEASE, ['-DTDMBREC_TESTS=OFF']),
           ('release', PORTABLE, NO_VECTORS),
           ('arm', ARM, ['-DTDMBREC_TESTS=OFF'])]
 
+# How much is measured: alternating pairs, seconds of programme, and the benchmarks' own settings.
+Extent = collections.namedtuple('Extent', 'pairs encoder_seconds profile_seconds client_seconds '
+                                          'growth_loops benchmark_options environment')
+WHOLE = Extent(pairs=5, encoder_seconds=600, profile_seconds=60, client_seconds=(600, 7200),
+               growth_loops=(1, 30, 360, 2160), benchmark_options=[],
+               environment={'RECORDER_BENCH': 'whole'})
+QUICK = Extent(pairs=1, encoder_seconds=60, profile_seconds=20, client_seconds=(10, 60),
+               growth_loops=(1,), benchmark_options=['--benchmark_min_time=0.01'],
+               environment={'RECORDER_BENCH': ''})
+
 # The encoder's functions by what they do.
 STAGES = {'transform': 'transform_|AACENC_gCmplxFft|AACE_FFT|buffer2freq|leave_rows',
           'rate loop and packing': 'raise_lines|choose_codebook|pack_codewords|quantise|'
@@ -40,32 +50,10 @@ STAGES = {'transform': 'transform_|AACENC_gCmplxFft|AACE_FFT|buffer2freq|leave_r
           'other': ''}
 
 
-def run(command, **options):
-    return subprocess.run([str(word) for word in command], check=True, text=True,
-                          stdout=subprocess.PIPE, stderr=subprocess.PIPE, **options)
-
-
 def build():
     for preset, folder, settings in BUILDS:
         run(['cmake', '--fresh', '--preset', preset, '-B', folder] + settings, cwd=ROOT)
         run(['cmake', '--build', folder, '-j', os.cpu_count()])
-
-
-def start(command, errors=subprocess.DEVNULL):
-    return subprocess.Popen([str(word) for word in command], stdout=subprocess.DEVNULL,
-                            stderr=errors)
-
-
-def end(process):
-    """CPU seconds and largest resident memory (KiB) of the process, which has succeeded."""
-    _, status, usage = os.wait4(process.pid, 0)
-    if status != 0:
-        sys.exit(f'failed: {process.args}')
-    return usage.ru_utime + usage.ru_stime, usage.ru_maxrss
-
-
-def usage_of(command):
-    return end(start(command))
 
 
 def usage_on_terminal(command):
@@ -80,73 +68,77 @@ def usage_on_terminal(command):
     except OSError:  # the terminal is gone with the process
         os.close(reading)
     longest = max(b - a for a, b in zip(times, times[1:]))
-    return *end(process), longest
+    return end(process), longest
 
 
-def loop_sample(folder, seconds):
-    """The sample programme over and over. returns the paths of video and sound"""
-    loops = round(seconds / SAMPLE_SECONDS)
-    video, sound = folder / f'{seconds}.h264', folder / f'{seconds}.wav'
-    picture_bytes = (ROOT / 'samples/programme.h264').read_bytes()
+def write_loop(folder, seconds):
+    """Writes the sample programme over and over. returns: the paths of its video and audio"""
+    video, audio = folder / f'{seconds}.h264', folder / f'{seconds}.wav'
+    picture_bytes = SAMPLE_VIDEO.read_bytes()
     with open(video, 'wb') as out:
-        for _ in range(loops):
+        for _ in range(round(seconds / SAMPLE_SECONDS)):
             out.write(picture_bytes)
-    with wave.open(str(ROOT / 'samples/programme.wav')) as sample, wave.open(str(sound), 'wb') as out:
-        frames = sample.readframes(sample.getnframes())
-        out.setparams(sample.getparams())
-        for _ in range(loops):
-            out.writeframesraw(frames)
-    return video, sound
+    write_audio_loop(audio, seconds)
+    return video, audio
 
 
 def callgrind(command, folder, *options):
     """Instructions by function and object: {(function, object): count}."""
     out = folder / 'callgrind.out'
     run(['valgrind', '--tool=callgrind', f'--callgrind-out-file={out}', *options] + command)
-    listing = run(['callgrind_annotate', '--threshold=100', '--show=Ir', out]).stdout
+    listing = run(['callgrind_annotate', '--threshold=100', '--show=Ir', out])
     costs = {}
     for count, name in re.findall(r'^ *([\d,]+) \([ \d.]+%\)  (\S.*)$', listing, re.M):
         library = re.search(r'\[(.*)\]$', name)
-        function = re.sub(r'^[^:]*:|(\(.*)? \[.*$', '', name)
+        function = re.sub(r'^[^:]*:(void )?|(\(.*)? \[.*$', '', name)
         key = function, os.path.basename(library.group(1)) if library else ''
         if name != 'PROGRAM TOTALS':
             costs[key] = costs.get(key, 0) + int(count.replace(',', ''))
     return costs
 
 
-def per_second(command_for, folder, *options):
+def per_second(command_for, seconds, folder, *options):
     """Instructions per second of programme: a long run less a short one."""
-    short, long = 10, 20 if QUICK else 60
+    short = SAMPLE_SECONDS
     few = callgrind(command_for(short), folder, *options)
-    many = callgrind(command_for(long), folder, *options)
-    return {key: (count - few.get(key, 0)) / (long - short) for key, count in many.items()}
+    many = callgrind(command_for(seconds), folder, *options)
+    return {key: (count - few.get(key, 0)) / (seconds - short) for key, count in many.items()}
 
 
-def encode_with(build_folder, sound, folder):
-    return [build_folder / 'bin/tdmbrec', 'encode', sound, '--output', folder / 'out.aac',
-            '--force']
+def by(costs, index):
+    sums = {}
+    for key, cost in costs.items():
+        sums[key[index]] = sums.get(key[index], 0) + cost
+    return sums
 
 
-def record_with(video, sound, folder):
-    return [RELEASE / 'bin/tdmbrec', 'record', '--video', video, '--audio', sound,
+def encode_with(build_folder, audio, folder):
+    return encode_command(build_folder / 'bin/tdmbrec', audio, folder / 'out.aac')
+
+
+def record_with(video, audio, folder):
+    return [RELEASE / 'bin/tdmbrec', 'record', '--video', video, '--audio', audio,
             '--output', folder / 'out.mp4', '--force']
 
 
-def measure_encoder(folder):
-    seconds = 60 if QUICK else 600
-    _, sound = loop_sample(folder, seconds)
-    ffmpeg = ['ffmpeg', '-nostdin', '-v', 'error', '-y', '-i', sound, '-c:a', 'aac',
-              '-aac_coder', 'fast', '-b:a', '128000', folder / 'other.aac']
-    pairs = [(usage_of(encode_with(RELEASE, sound, folder))[0], usage_of(ffmpeg)[0])
-             for _ in range(PAIRS)]
-    ours, other = (sorted(times)[len(pairs) // 2] for times in zip(*pairs))
-    ratio = sorted(b / a for a, b in pairs)[len(pairs) // 2]
-    plain, _ = usage_of(encode_with(PORTABLE, sound, folder))
-    fast_costs, plain_costs = (
-        by(per_second(lambda s: encode_with(build_folder, loop_sample(folder, s)[1], folder),
-                      folder, '--toggle-collect=QVR_AAC_ENC'), 0)
-        for build_folder in (RELEASE, PORTABLE))
-    total = sum(plain_costs.values())
+def profile_encoder(build_folder, extent, folder):
+    """Instructions per second of audio, by function."""
+    return by(per_second(lambda s: encode_with(build_folder, write_loop(folder, s)[1], folder),
+                         extent.profile_seconds, folder, '--toggle-collect=QVR_AAC_ENC'), 0)
+
+
+def measure_encoder(extent, folder):
+    seconds = extent.encoder_seconds
+    _, audio = write_loop(folder, seconds)
+    ffmpeg = ffmpeg_encode_command(audio, folder / 'other.aac', 'fast', 128000)
+    pairs = [(usage_of(encode_with(RELEASE, audio, folder)).cpu_seconds,
+              usage_of(ffmpeg).cpu_seconds) for _ in range(extent.pairs)]
+    ours, other = map(statistics.median, zip(*pairs))
+    ratio = statistics.median(b / a for a, b in pairs)
+    plain = usage_of(encode_with(PORTABLE, audio, folder)).cpu_seconds
+    profiles = [profile_encoder(build_folder, extent, folder)
+                for build_folder in (RELEASE, PORTABLE)]
+    total = sum(profiles[1].values())
     rows = [
         ('Encoder, CPU compared with `ffmpeg -aac_coder fast`', 'at least 8 times as fast',
          f'{ratio:.1f} times: {ours:.2f} s, {other:.2f} s for {seconds} s of sound'),
@@ -154,15 +146,13 @@ def measure_encoder(folder):
          f'{seconds / plain:.0f}'),
         ('Encoder, portable build, instructions per second of stereo', 'at most 15 million',
          f'{total / 1e6:.1f} million')]
-    return rows, (fast_costs, plain_costs)
+    return rows, profiles
 
 
-def benchmark(program, names='.', **environment):
+def benchmark(program, extent, names='.'):
     arguments = [RELEASE / 'bin' / program, '--benchmark_format=json',
-                 f'--benchmark_filter={names}']
-    if QUICK:
-        arguments.append('--benchmark_min_time=0.01')
-    result = run(arguments, env={**os.environ, **environment}).stdout
+                 f'--benchmark_filter={names}', *extent.benchmark_options]
+    result = run(arguments, env={**os.environ, **extent.environment})
     results = json.loads(result[result.index('{'):])['benchmarks']
     for entry in results:
         if entry.get('error_occurred'):
@@ -170,15 +160,15 @@ def benchmark(program, names='.', **environment):
     return results
 
 
-def named(results, start):
-    return [entry for entry in results if entry['name'].startswith(start)]
+def named(results, prefix):
+    return [entry for entry in results if entry['name'].startswith(prefix)]
 
 
-def measure_muxer():
-    results = benchmark('bench_mp4mux')
+def measure_muxer(extent):
+    results = benchmark('bench_mp4mux', extent)
     write, = named(results, 'beside_fwrite')
     copy, = named(results, 'beside_ffmpeg_copy')
-    shared, null = (named(results, f'beside_libavformat/owned:{owned}')[0] for owned in (0, 1))
+    shared, owned = (named(results, f'beside_libavformat/owned:{owned}')[0] for owned in (0, 1))
     flat, = named(results, 'over_many_frames')
     closes = named(results, 'close_recording')
     close = max(closes, key=lambda entry: entry['MB'])
@@ -191,7 +181,8 @@ def measure_muxer():
          f'{copy["ratio"]:.3f} without the kernel\'s copy of the bytes, {copy["ratio_all"]:.2f} '
          'with it'),
         ('Muxer, null sink, CPU compared with libavformat', 'at most a fifth',
-         f'{null["ratio"]:.3f}: {null["mux"]:.0f} ns, {null["av_write_frame"]:.0f} ns per frame'),
+         f'{owned["ratio"]:.3f}: {owned["mux"]:.0f} ns, '
+         f'{owned["av_write_frame"]:.0f} ns per frame'),
         ('Muxer, allocations and file writes', 'none; one per full cache',
          f'{flat["allocations"]:.0f} in 2 million frames; {flat["writes_a_cache"]:.3f} per cache'),
         ('Close, CPU compared with copying the tables', 'at most 1.5 times',
@@ -203,9 +194,8 @@ def measure_muxer():
     return rows, {'fwrite': write['fwrite'] / copy['ffmpeg_all'], 'shared': shared['ratio']}
 
 
-def measure_component():
-    length = {'RECORDER_BENCH': '' if QUICK else 'whole'}
-    results = benchmark('bench_component', '-grow', **length)
+def measure_component(extent):
+    results = benchmark('bench_component', extent, '-grow')
     one, two = named(results, 'record_programme')
     encode, = named(results, 'encode_programme')
     by_cpu = [entry['x_real_time'] * entry['real_time'] / entry['cpu_time']
@@ -215,8 +205,8 @@ def measure_component():
     query, = named(results, 'query_storage')
     rests = named(results, 'rest_')
     grown = [(loops * SAMPLE_SECONDS,
-              benchmark('bench_component', f'grow_resident/loops:{loops}/', **length)[0]['KiB'])
-             for loops in ((1,) if QUICK else (1, 30, 360, 2160))]
+              benchmark('bench_component', extent, f'grow_resident/loops:{loops}/')[0]['KiB'])
+             for loops in extent.growth_loops]
     closes = named(results, 'close_recording')
     return [
         ('Component, speed compared with the bare encoder', 'at least 80 %',
@@ -245,25 +235,24 @@ def measure_library():
              '25,000 bytes or the build fails (asserted)')]
 
 
-def measure_client(folder):
-    short, long = (10, 60) if QUICK else (600, 7200)
-    video, sound = loop_sample(folder, short)
-    _, short_kib = usage_of(record_with(video, sound, folder))
-    video, sound = loop_sample(folder, long)
-    cpu, long_kib, stale = usage_on_terminal(record_with(video, sound, folder))
-    for path in (video, sound):
+def measure_client(extent, folder):
+    short, long = extent.client_seconds
+    few = usage_of(record_with(*write_loop(folder, short), folder))
+    inputs = write_loop(folder, long)
+    many, stale_seconds = usage_on_terminal(record_with(*inputs, folder))
+    for path in inputs:
         path.unlink()
-    profile = per_second(lambda s: record_with(*loop_sample(folder, s), folder), folder)
+    profile = per_second(lambda s: record_with(*write_loop(folder, s), folder),
+                         extent.profile_seconds, folder)
     return [('Client, a programme of two hours', 'CPU in encoder and input; memory flat',
-             f'{cpu:.1f} s of CPU for {long} s; {long_kib / 1024:.0f} MiB resident at most, '
-             f'{short_kib / 1024:.0f} MiB for {short} s'),
+             f'{many.cpu_seconds:.1f} s of CPU for {long} s; {many.resident_kib / 1024:.0f} MiB '
+             f'resident at most, {few.resident_kib / 1024:.0f} MiB for {short} s'),
             ('Client, age of the progress shown', 'at most 1 s',
-             f'{stale:.2f} s while {long} s are recorded')], profile
+             f'{stale_seconds:.2f} s while {long} s are recorded')], profile
 
 
 def table(head, rows):
-    lines = [head, ['---'] * len(head)] + [list(row) for row in rows]
-    return '\n'.join('| ' + ' | '.join(row) + ' |' for row in lines) + '\n'
+    return ''.join(table_row(row) + '\n' for row in [head, ['---'] * len(head), *rows])
 
 
 def profile_table(costs, count, name):
@@ -278,9 +267,9 @@ def stage_of(function):
     return next(stage for stage, names in STAGES.items() if re.match(names, function))
 
 
-def stage_table(fast_costs, plain_costs):
-    sums = {stage: [0, 0] for stage in STAGES}
-    for column, costs in enumerate((fast_costs, plain_costs)):
+def stage_table(profiles):
+    sums = {stage: [0] * len(profiles) for stage in STAGES}
+    for column, costs in enumerate(profiles):
         for function, cost in costs.items():
             sums[stage_of(function)][column] += cost / 1e6
     sums['whole'] = [sum(column) for column in zip(*sums.values())]
@@ -288,29 +277,22 @@ def stage_table(fast_costs, plain_costs):
                  [[stage] + [f'{cost:.2f}' for cost in costs] for stage, costs in sums.items()])
 
 
-def by(costs, index):
-    sums = {}
-    for key, cost in costs.items():
-        sums[key[index]] = sums.get(key[index], 0) + cost
-    return sums
-
-
 def machine():
     with open('/proc/cpuinfo', encoding='ascii') as info:
         model = re.search(r'model name\s*: (.*)', info.read())
-    compiler = run(['c++', '--version']).stdout.splitlines()[0]
+    compiler = run(['c++', '--version']).splitlines()[0]
     return (f'{model.group(1) if model else "unknown processor"}, {os.cpu_count()} cores; '
             f'{compiler}; release preset (`-O3 -DNDEBUG`); portable build: '
             f'`{" ".join(NO_VECTORS[:2])}`; {datetime.date.today()}.')
 
 
-def page(rows, muxer, encoder, client):
+def page(extent, rows, muxer, profiles, client):
     return f'''# Performance
 
 Written by `bench/performance.py`. {machine()}
 
 {table(['What', 'Target', 'Measured'], rows)}
-Times are the median of {PAIRS} alternating pairs, or the least of several runs where both sides run
+Times are the median of {extent.pairs} alternating pairs, or the least of several runs where both sides run
 in one program. Nothing here is a test: no check fails because a machine is slow.
 
 - `ffmpeg -c copy`: the kernel's copy of the bytes into the file takes most of the time on both sides;
@@ -327,10 +309,10 @@ in one program. Nothing here is a test: no check fails because a machine is slow
 
 By stage, million instructions per second of sound:
 
-{stage_table(*encoder)}
+{stage_table(profiles)}
 By function, portable build, 48 kHz stereo at 128 kbit/s:
 
-{profile_table(encoder[1], 14, 'Function')}
+{profile_table(profiles[1], 14, 'Function')}
 ## Where a recording's time goes
 
 By library, instructions per second of programme, `tdmbrec record` from raw H.264 and WAV.
@@ -340,21 +322,23 @@ By library, instructions per second of programme, `tdmbrec record` from raw H.26
 
 
 def main():
-    if {'-h', '--help'} & set(sys.argv):
-        sys.exit(print(__doc__))
-    if sys.argv[1:] not in ([], ['--quick']):
+    arguments = read_arguments(__doc__)
+    if arguments not in ([], ['--quick']):
         sys.exit(__doc__)
+    extent = QUICK if arguments else WHOLE
     build()
     with tempfile.TemporaryDirectory() as name:
         folder = pathlib.Path(name)
-        encoder_rows, encoder = measure_encoder(folder)
-        client_rows, client = measure_client(folder)
-    muxer_rows, muxer = measure_muxer()
-    rows = encoder_rows + muxer_rows + measure_component() + measure_library() + client_rows
-    text = page(rows, muxer, encoder, client)
+        encoder_rows, profiles = measure_encoder(extent, folder)
+        client_rows, client = measure_client(extent, folder)
+    muxer_rows, muxer = measure_muxer(extent)
+    rows = (encoder_rows + muxer_rows + measure_component(extent) + measure_library() +
+            client_rows)
+    text = page(extent, rows, muxer, profiles, client)
     print(text)
-    if not QUICK:
+    if extent is WHOLE:
         (ROOT / 'docs/performance.md').write_text(text, encoding='utf-8')
 
 
-main()
+if __name__ == '__main__':
+    main()

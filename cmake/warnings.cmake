@@ -1,4 +1,4 @@
-# The only place of warning flags. Link a target to tdmbrec_warnings to compile it under them.
+# The only file with warning flags. A target that links to tdmbrec_warnings is compiled with them.
 add_library(tdmbrec_warnings INTERFACE)
 target_compile_options(tdmbrec_warnings INTERFACE
     -Wall -Wextra -Wpedantic
@@ -15,7 +15,7 @@ if(TDMBREC_WARNINGS_AS_ERRORS)
     target_compile_options(tdmbrec_warnings INTERFACE -Werror)
 endif()
 
-# What every part of the library is compiled with: no exceptions, no run-time type information.
+# Options of every part of the library: no exceptions, no run-time type information.
 add_library(tdmbrec_library_options INTERFACE)
 target_compile_options(tdmbrec_library_options INTERFACE -fno-exceptions -fno-rtti)
 target_include_directories(tdmbrec_library_options INTERFACE "${PROJECT_SOURCE_DIR}")

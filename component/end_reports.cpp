@@ -115,7 +115,7 @@ void report_end(OMX_COMPONENTTYPE *component, uint8_t reason, bool may_wait)
     omx_tdmbrec_component_PrivateType *const self = private_record(component);
     pthread_mutex_lock(&lockEndReports);
     tdmbrec_end_t *const report = self->pEnd;
-    assert(pEnd != nullptr);
+    assert(report != nullptr);
     self->pEnd = nullptr;
     report->ucReason = reason;
     append(report);

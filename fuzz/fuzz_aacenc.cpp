@@ -1,8 +1,8 @@
-// The encoder with any parameters and any sound. What comes out is one access unit per frame that a
-// parser accounts for to the last bit.
+// The encoder with any parameters and any audio. Every frame gives one access unit, of which a
+// parser accounts for every bit.
 //
-// Input: sample rate (1 byte: one of the nine, else that many hundreds of Hz), channels (1), bit
-// rate in units of 500 bit/s (2), a byte of flags, and the frames, each with a byte for its kind.
+// Input: sample rate (1 byte: index of a rate, otherwise hundreds of Hz), channels (1), bit
+// rate in units of 500 bit/s (2), flags (1), then the frames, each after its kind (1).
 #include "aacenc/aac_enc.h"
 #include "fuzz/input.h"
 #include "tests/support/aac_parser.h"
@@ -12,9 +12,9 @@
 
 static constexpr std::array<int32_t, 9> kSampleRates = {48000, 44100, 32000, 24000, 22050,
                                                         16000, 12000, 11025, 8000};
-static constexpr size_t kMostFrames = 24;
+static constexpr size_t kMaxFrames = 24;
 
-using Pcm = std::array<int16_t, 2 * AACENC_FRAME_SAMPLES>;
+using pcm_frame = std::array<int16_t, 2 * AACENC_FRAME_SAMPLES>;
 
 static int live_blocks;
 
@@ -30,7 +30,7 @@ static void count_free(void *block)
     std::free(block);
 }
 
-static void fill_frame(Input &input, Pcm &pcm)
+static void fill_frame(fuzz_input &input, pcm_frame &pcm)
 {
     const uint32_t kind = input.u8() % 5;
     const int16_t level = static_cast<int16_t>(input.u16());
@@ -47,7 +47,7 @@ static void fill_frame(Input &input, Pcm &pcm)
     }
 }
 
-struct Encoder {
+struct tested_encoder {
     AacEncCallbacks callbacks = {count_malloc, count_free, std::memcpy,
                                  std::memset,  nullptr,    std::memmove};
     AacEncAudioInfo audio = {};
@@ -56,7 +56,7 @@ struct Encoder {
     void *handle = nullptr;
 };
 
-static void describe(Input &input, Encoder &encoder)
+static void describe(fuzz_input &input, tested_encoder &encoder)
 {
     const uint32_t rate = input.u8();
     encoder.audio.sampleRate =
@@ -74,9 +74,9 @@ static void describe(Input &input, Encoder &encoder)
                       .mpeg2Id = static_cast<int32_t>(flags >> 4 & 1)};
 }
 
-static void encode_frame(Input &input, Encoder &encoder, int sampling_index)
+static void encode_frame(fuzz_input &input, tested_encoder &encoder, int sampling_index)
 {
-    static Pcm pcm;
+    static pcm_frame pcm;
     fill_frame(input, pcm);
     encoder.audio.pcm = pcm.data();
     encoder.audio.pcmSecond = pcm.data() + AACENC_FRAME_SAMPLES;
@@ -96,13 +96,13 @@ static void encode_frame(Input &input, Encoder &encoder, int sampling_index)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    Input input = {{data, size}};
-    Encoder encoder;
+    fuzz_input input = {{data, size}};
+    tested_encoder encoder;
     describe(input, encoder);
     if (QVR_AAC_ENC(AACENC_OP_INIT, &encoder.handle, &encoder.params, nullptr) == AACENC_OK) {
         const auto rate =
             std::find(kSampleRates.begin(), kSampleRates.end(), encoder.audio.sampleRate);
-        for (size_t i = 0; i < kMostFrames && !input.left.empty(); i++) {
+        for (size_t i = 0; i < kMaxFrames && !input.left.empty(); i++) {
             encode_frame(input, encoder, 3 + static_cast<int>(rate - kSampleRates.begin()));
         }
         require(QVR_AAC_ENC(AACENC_OP_CLOSE, &encoder.handle, nullptr, nullptr) == AACENC_OK,

@@ -1,6 +1,6 @@
-// Any bytes as an access unit of the component: what it makes of them can be walked, whichever way
-// it takes. Any packets of a video stream as the client's converter takes them: what it calls ready
-// has the form that the component takes.
+// Any bytes as an access unit for the component: the frame that it makes of them is a chain of
+// whole units, whichever way it is made. Any packets of a video stream for the client's converter:
+// what it reports as ready has the form that the component requires.
 //
 // Input: the access unit; or a decoder configuration and up to 16 packets, each after its length
 // (1 byte).
@@ -8,11 +8,11 @@
 #include "component/access_unit.h"
 #include "fuzz/input.h"
 
-// Counts the units after lengths.
+// Counts the units, each of which follows its length.
 static uint32_t count_units(const Bytes &frame)
 {
     uint32_t count = 0;
-    for (Input input = {frame}; !input.left.empty(); count++) {
+    for (fuzz_input input = {frame}; !input.left.empty(); count++) {
         const size_t length = static_cast<size_t>(input.number(NAL_LENGTH_BYTES));
         require(length > 0 && input.take(length).size() == length,
                 "a length leads to the next one");
@@ -51,7 +51,7 @@ static void check_component(Bytes data)
     }
 }
 
-static void check_client(Input input)
+static void check_client(fuzz_input input)
 {
     static constexpr uint8_t kStartCode[] = {0, 0, 0, 1};
     access_unit_converter converter;

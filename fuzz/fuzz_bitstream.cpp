@@ -1,5 +1,5 @@
-// The readers of the muxer's bitstream on a file of any bytes, against a plain array, and while a
-// callback fails.
+// The read operations of the muxer's bitstream on a file of any bytes, compared with a plain array,
+// and while a callback fails.
 //
 // Input: the callbacks' width (1 byte), the size of the cache (1 byte), what fails (4 bytes), the
 // file after its length, then operations: kind and a number.
@@ -11,10 +11,10 @@
 
 using mux_test::world;
 
-struct Reader {
+struct checked_reader {
     mp4_mux_bs_t bs = {};
     Bytes file;
-    size_t at = 0;          // of the next byte, in the array
+    size_t at = 0;          // the next byte in the array
     bool is_checked = true; // no callback fails
 
     void promise(bool holds, const char *what) const
@@ -25,12 +25,12 @@ struct Reader {
     {
         return at <= file.size() && count <= file.size() - at;
     }
-    // Bytes that were read or looked at are those of the array.
+    // The bytes that were read or shown are those of the array.
     void compare(const uint8_t *bytes, size_t count) const
     {
         promise(!has(count) || std::equal(bytes, bytes + count, file.data() + at), "the bytes");
     }
-    // A read that finds too little ends after what there is.
+    // A read beyond the end leaves the position at the end.
     void finish_read(bool fits, int32_t result, size_t count)
     {
         promise(fits ? result >= 0 : result == MUX_ERR_EOF, "a read or the end");
@@ -39,7 +39,8 @@ struct Reader {
 };
 
 template <class T>
-static void read_number(Reader &reader, int32_t (*function)(mp4_mux_bs_t *, T *), bool is_little)
+static void read_number(checked_reader &reader, int32_t (*function)(mp4_mux_bs_t *, T *),
+                        bool is_little)
 {
     T value = 0;
     const int32_t result = function(&reader.bs, &value);
@@ -51,11 +52,11 @@ static void read_number(Reader &reader, int32_t (*function)(mp4_mux_bs_t *, T *)
     reader.finish_read(reader.has(sizeof(T)), result, sizeof(T));
 }
 
-static void read_value(Reader &reader)
+static void read_value(checked_reader &reader)
 {
     uint64_t zigzag = 0;
     size_t size = 0;
-    bool is_over = false; // the number, within 64 bits
+    bool is_over = false; // the number has ended and fits 64 bits
     while (!is_over && size < 10 && reader.has(size + 1)) {
         const uint64_t byte = reader.file[reader.at + size];
         zigzag |= (byte & 0x7F) << (7 * size++);
@@ -73,14 +74,14 @@ static void read_value(Reader &reader)
     reader.finish_read(is_over, result, size);
 }
 
-static void move(Reader &reader, size_t to, int32_t result)
+static void move(checked_reader &reader, size_t to, int32_t result)
 {
     const int32_t expected = to < reader.file.size() ? 0 : MUX_ERR_EOF;
     reader.promise(result == expected || to == reader.at || to == reader.file.size(), "a move");
     reader.at = to;
 }
 
-static void read_block(Reader &reader, uint32_t kind, uint32_t number)
+static void read_block(checked_reader &reader, uint32_t kind, uint32_t number)
 {
     uint8_t block[256] = {};
     const int32_t count = static_cast<int32_t>(number);
@@ -92,7 +93,7 @@ static void read_block(Reader &reader, uint32_t kind, uint32_t number)
     } else if (kind == 1) {
         const int32_t result = mp4_mux_bs_show_bytes(&reader.bs, block, count);
         const int32_t failure = count > reader.bs.m_iCacheSize ? MUX_ERR_INVALID : MUX_ERR_EOF;
-        reader.promise(result == (fits && failure == MUX_ERR_EOF ? count : failure), "a look");
+        reader.promise(result == (fits && failure == MUX_ERR_EOF ? count : failure), "bytes shown");
         reader.compare(block, result > 0 ? number : 0);
     } else if (kind == 2) {
         const int32_t result = mp4_mux_bs_ready_cache(&reader.bs);
@@ -104,7 +105,7 @@ static void read_block(Reader &reader, uint32_t kind, uint32_t number)
     }
 }
 
-static void read_one(Reader &reader, uint32_t kind, uint32_t number)
+static void read_one(checked_reader &reader, uint32_t kind, uint32_t number)
 {
     switch (kind) {
     case 0:
@@ -130,7 +131,7 @@ static void read_one(Reader &reader, uint32_t kind, uint32_t number)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    Input input = {{data, size}};
+    fuzz_input input = {{data, size}};
     mux_test::reset_world();
     mp4_mux_t mux = mux_test::make_context(input.u8() % 2 != 0);
     Bytes cache(1 + input.u8() % 40);
@@ -140,9 +141,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
                   .at = input.u16(),
                   .from_then_on = (flags & 1) != 0,
                   .partial = (flags & 2) != 0};
-    Reader reader = {.bs = {.m_pstMux = &mux, .m_pstError = &mux.m_stLastError},
-                     .file = input.bytes(input.u8()),
-                     .is_checked = world.fail.at == 0};
+    checked_reader reader = {.bs = {.m_pstMux = &mux, .m_pstError = &mux.m_stLastError},
+                             .file = input.bytes(input.u8()),
+                             .is_checked = world.fail.at == 0};
     mp4_mux_open_bitstream_from_external_memory(&reader.bs, cache.data(),
                                                 static_cast<int32_t>(cache.size()),
                                                 mux_test::open_file("out.mp4"));

@@ -1,9 +1,8 @@
-// A frame FIFO in any order of its operations: it stays within its storage, and as long as the
-// producer keeps to its order, every frame comes out as it went in. Or frames between a thread that
-// makes them and one that uses them.
+// A frame FIFO with its operations in any order: it stays within its storage, and as long as the
+// producer keeps to its order, every frame comes out as it went in. Or frames from a producing to a
+// consuming thread.
 //
-// Input: the storage's size (2 bytes; odd: two threads), then steps of 3 bytes: what to do, and a
-// length.
+// Input: the storage's size (2 bytes; odd: two threads), then steps: what to do (1), a length (2).
 #include "component/frame_fifo.h"
 #include "fuzz/input.h"
 
@@ -12,12 +11,12 @@
 
 static constexpr uint32_t kFifo = 2;
 
-struct Model {
+struct fifo_model {
     std::deque<Bytes> frames;
     bool is_orderly = true; // the producer has kept to its order
 };
 
-static void produce(Model &model, int32_t length, uint32_t number)
+static void produce(fifo_model &model, int32_t length, uint32_t number)
 {
     const Bytes data(length > 0 ? static_cast<size_t>(length) : QVR_FIFO_DEFAULT_BYTES,
                      static_cast<uint8_t>(number));
@@ -30,7 +29,7 @@ static void produce(Model &model, int32_t length, uint32_t number)
     model.frames.push_back(data);
 }
 
-static void consume(Model &model)
+static void consume(fifo_model &model)
 {
     uint32_t length = 0;
     int64_t time = 0;
@@ -46,8 +45,8 @@ static void consume(Model &model)
     require(QVR_FIFO_PopFrame(kFifo) == (data != nullptr ? 1 : 0), "a frame can be released");
 }
 
-// Any one operation of the producer.
-static void disturb(Model &model, uint32_t what, int32_t length)
+// One operation of the producer, out of its order.
+static void disturb(fifo_model &model, uint32_t what, int32_t length)
 {
     const Bytes data(static_cast<size_t>(std::max(length, 0)));
     model.is_orderly = false;
@@ -69,12 +68,12 @@ static void disturb(Model &model, uint32_t what, int32_t length)
 
 static constexpr uint32_t kThreadsFifo = 3;
 
-struct Step {
+struct frame_step {
     uint32_t what;
     size_t length;
 };
 
-static Bytes frame_of(const Step &step, uint32_t number)
+static Bytes frame_of(const frame_step &step, uint32_t number)
 {
     Bytes data(step.length);
     for (size_t i = 0; i < data.size(); i++) {
@@ -83,7 +82,7 @@ static Bytes frame_of(const Step &step, uint32_t number)
     return data;
 }
 
-static void produce_all(const std::vector<Step> &steps)
+static void produce_all(const std::vector<frame_step> &steps)
 {
     for (uint32_t number = 0; number < steps.size(); number++) {
         const Bytes data = frame_of(steps[number], number);
@@ -103,34 +102,34 @@ static void produce_all(const std::vector<Step> &steps)
     }
 }
 
-static void consume_all(const std::vector<Step> &steps)
+static void consume_all(const std::vector<frame_step> &steps)
 {
     for (uint32_t number = 0; number < steps.size(); number++) {
         while (QVR_FIFO_GetLength(kThreadsFifo) == 0) {
             std::this_thread::yield();
         }
         if (steps[number].what % 5 == 0) {
-            std::this_thread::yield(); // let some pile up
+            std::this_thread::yield(); // several frames may queue up
         }
         uint32_t length = 0;
         int64_t time = 0;
         uint32_t extra = 0;
         const uint8_t *const data = QVR_FIFO_GetOneFrame(kThreadsFifo, &length, &time, &extra);
         require(data != nullptr && Bytes(data, data + length) == frame_of(steps[number], number),
-                "a frame comes through whole and in its turn");
-        require(time == number && extra == ~number, "so do its words");
+                "a frame arrives whole and in order");
+        require(time == number && extra == ~number, "and so do its words");
         require(QVR_FIFO_PopFrame(kThreadsFifo) == 1, "a frame can be released");
     }
-    require(QVR_FIFO_GetLength(kThreadsFifo) == 0, "nothing is doubled");
+    require(QVR_FIFO_GetLength(kThreadsFifo) == 0, "no frame arrives twice");
 }
 
-// Some of the steps as frames that fit more than twice into the storage.
-static void run_threads(Input input)
+// Takes the steps whose frames fit into the storage more than twice.
+static void run_threads(fuzz_input input)
 {
     Bytes storage(input.u16() + 1);
-    std::vector<Step> steps;
+    std::vector<frame_step> steps;
     while (!input.left.empty() && steps.size() < 50) {
-        const Step step = {input.u8(), static_cast<size_t>(input.u16() % 1024)};
+        const frame_step step = {input.u8(), static_cast<size_t>(input.u16() % 1024)};
         if (step.length > 0 && step.length * 2 < storage.size()) {
             steps.push_back(step);
         }
@@ -141,11 +140,11 @@ static void run_threads(Input input)
     producer.join();
 }
 
-static void run_in_any_order(Input input)
+static void run_in_any_order(fuzz_input input)
 {
     Bytes storage(input.u16() + 1);
     QVR_FIFO_InitBuffer(kFifo, static_cast<uint32_t>(storage.size()), storage.data());
-    Model model;
+    fifo_model model;
     for (uint32_t number = 0; !input.left.empty(); number++) {
         const uint32_t what = input.u8();
         const int32_t length = static_cast<int16_t>(input.u16());

@@ -1,4 +1,4 @@
-// Any bytes as an MP4 file: the client reads, checks and reports on them and stays within them.
+// Any bytes as an MP4 file: the reader and the report stay within them.
 #include "client/report/media_report.h"
 #include "fuzz/input.h"
 #include "mp4read/mp4_reader.h"
@@ -8,11 +8,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     const mp4_reader::movie movie = mp4_reader::read_movie({data, size});
     require(movie.error.empty() == movie.faults.empty(), "the error is the first fault");
     const media_report report = media_report_make("fuzz.mp4", {data, size});
-    require(movie.faults.empty() || !report.faults.empty(), "the report tells of the faults");
+    require(movie.faults.empty() || !report.faults.empty(), "the report contains the faults");
     for (const mp4_reader::track &track : movie.tracks) {
         for (const mp4_reader::sample &sample : track.samples) {
             require(!report.faults.empty() || sample.offset + sample.size <= size,
-                    "the samples of a sound file lie in it");
+                    "the samples of a valid file are in it");
         }
     }
     return 0;

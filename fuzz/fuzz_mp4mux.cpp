@@ -1,35 +1,35 @@
 // The muxer from its open to its close with any frames, while any one of its callbacks fails. It
-// gives back everything, and a close that succeeds leaves a valid file.
+// releases everything, and a close that succeeds leaves a valid file.
 //
-// Input: how it is opened (4 bytes), the streams where they may be anything, what fails (4 bytes),
-// then the frames: kind, distance in time and size, and the first bytes where they matter.
+// Input: how it is opened (4 bytes), the streams if they may be anything, what fails (4 bytes),
+// then the frames: kind, distance in time, size, and the first bytes of some.
 #include "fuzz/input.h"
 #include "mp4read/mp4_reader.h"
 #include "tests/support/mux_callbacks.h"
 
 using mux_test::world;
 
-static constexpr size_t kMostFrames = 400;
+static constexpr size_t kMaxFrames = 400;
 
 // Parameter sets in start-code form and an AudioSpecificConfig.
 static const Bytes PARAMETER_SETS = {0,    0,    0,    1, 0x67, 0x42, 0xC0, 0x1E, 0xDA, 0x05, 0x07,
                                      0xE8, 0x40, 0x10, 0, 0,    0,    1,    0x68, 0xCE, 0x3C, 0x80};
 static const Bytes AUDIO_CONFIG = {0x11, 0x90};
 
-struct Recording {
+struct fuzzed_recording {
     mp4_mux_init_t init = {};
     mp4_mux_input_t input = {};
     Bytes cache, close_bytes, video_private, audio_private, user_data;
     mp4_mux_userbox_t user_box = {};
     mp4_mux_ftyp_t file_type = {};
-    bool is_sound = true; // the streams are what they are said to be
+    bool is_valid = true; // the streams are as described
     char name[8] = "out.mp4";
     void *handle = nullptr;
     size_t frame_count[3] = {}; // by type
     size_t media_bytes = 0;
 };
 
-static void describe_caches(Input &input, Recording &recording)
+static void describe_caches(fuzz_input &input, fuzzed_recording &recording)
 {
     static constexpr int32_t kCaches[][3] = {
         {0, 0, 0}, {0x10000, 0x3000, 0x2000}, {40000, 0, 0}, {8, 17, 9}};
@@ -43,10 +43,10 @@ static void describe_caches(Input &input, Recording &recording)
 }
 
 // Streams and boxes of any kind: the muxer takes them or refuses them.
-static void describe_anything(Input &input, Recording &recording)
+static void describe_anything(fuzz_input &input, fuzzed_recording &recording)
 {
     static constexpr uint32_t kBrands[] = {0x316F7369, 0};
-    recording.is_sound = false;
+    recording.is_valid = false;
     recording.video_private = input.bytes(input.u8());
     recording.audio_private = input.bytes(input.u8() % 64);
     recording.user_data = input.bytes(input.u8() % 32);
@@ -75,7 +75,7 @@ static void describe_anything(Input &input, Recording &recording)
     }
 }
 
-static void describe(Input &input, Recording &recording)
+static void describe(fuzz_input &input, fuzzed_recording &recording)
 {
     const uint32_t how = input.u8();
     recording.init = mux_test::make_callbacks((how & 1) != 0);
@@ -106,7 +106,7 @@ static void describe(Input &input, Recording &recording)
     recording.input.m_iAudioPrivateSize = static_cast<int32_t>(recording.audio_private.size());
 }
 
-static void arm_failure(Input &input)
+static void arm_failure(fuzz_input &input)
 {
     const uint32_t what = input.u8();
     const uint32_t flags = input.u8();
@@ -116,10 +116,10 @@ static void arm_failure(Input &input)
                   .partial = (flags & 2) != 0};
 }
 
-static void put_frames(Input &input, Recording &recording)
+static void put_frames(fuzz_input &input, fuzzed_recording &recording)
 {
     uint32_t time_ms = 0;
-    for (size_t i = 0; i < kMostFrames && !input.left.empty(); i++) {
+    for (size_t i = 0; i < kMaxFrames && !input.left.empty(); i++) {
         const uint32_t kind = input.u8();
         const uint32_t type = kind & 1 ? MUX_TYPE_VIDEO : MUX_TYPE_AUDIO;
         time_ms += kind & 4 ? input.u16() : input.u8();
@@ -140,7 +140,7 @@ static void put_frames(Input &input, Recording &recording)
     }
 }
 
-static int32_t close(Recording &recording)
+static int32_t close(fuzzed_recording &recording)
 {
     mp4_mux_closemem_t memory = {recording.close_bytes.data(),
                                  static_cast<int32_t>(recording.close_bytes.size())};
@@ -158,25 +158,26 @@ static size_t count_samples(const mp4_reader::movie &movie, const char *handler)
     return track == nullptr ? 0 : track->samples.size();
 }
 
-static void check_file(const Recording &recording)
+static void check_file(const fuzzed_recording &recording)
 {
     const mp4_reader::movie movie = mp4_reader::read_movie(world.files["out.mp4"].bytes);
     require(movie.error.empty(), movie.error);
     const size_t pictures = count_samples(movie, "vide");
-    const size_t sounds = count_samples(movie, "soun");
+    const size_t audio_frames = count_samples(movie, "soun");
     require(pictures >= recording.frame_count[MUX_TYPE_VIDEO] &&
-                sounds >= recording.frame_count[MUX_TYPE_AUDIO],
+                audio_frames >= recording.frame_count[MUX_TYPE_AUDIO],
             "each frame is a sample");
-    require(world.fail.at != 0 || pictures + sounds == recording.frame_count[MUX_TYPE_VIDEO] +
-                                                           recording.frame_count[MUX_TYPE_AUDIO],
+    require(world.fail.at != 0 ||
+                pictures + audio_frames ==
+                    recording.frame_count[MUX_TYPE_VIDEO] + recording.frame_count[MUX_TYPE_AUDIO],
             "each sample is a frame, or one that was refused");
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    Input input = {{data, size}};
+    fuzz_input input = {{data, size}};
     mux_test::reset_world();
-    Recording recording;
+    fuzzed_recording recording;
     describe(input, recording);
     arm_failure(input);
     const int32_t opened =
@@ -185,7 +186,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         put_frames(input, recording);
     }
     if (recording.handle != nullptr && close(recording) >= 0 && opened >= 0 &&
-        recording.media_bytes > 0 && recording.is_sound) {
+        recording.media_bytes > 0 && recording.is_valid) {
         check_file(recording);
     }
     require(mux_test::leftovers().empty(), mux_test::leftovers());

@@ -1,5 +1,5 @@
-// The muxer's helpers that its own operations hardly reach: stream formats from headers of any
-// kind, strings and the calendar, against the C library.
+// Helpers of the muxer that its own operations hardly reach: stream formats from headers of any
+// kind, and strings and the calendar, compared with the C library.
 //
 // Input: what fails (1 byte), two texts after their lengths, a character, a time of 4 bytes, nine
 // numbers of 4 bytes for a date; then operations on one stream format: kind, and a header, or a
@@ -14,7 +14,7 @@
 
 using mux_test::world;
 
-static void build_config(Input &input, mp4_mux_t &mux, mp4_mux_format_t &format)
+static void build_config(fuzz_input &input, mp4_mux_t &mux, mp4_mux_format_t &format)
 {
     Bytes profile(12);
     const Bytes name = input.bytes(input.u8() % 16);
@@ -29,11 +29,11 @@ static void build_config(Input &input, mp4_mux_t &mux, mp4_mux_format_t &format)
     require(!fits || (config[0] >> 3 >= 1 && config[0] >> 3 <= 5), "an object type of AAC");
 }
 
-static void describe_formats(Input &input)
+static void describe_formats(fuzz_input &input)
 {
     mp4_mux_t mux = mux_test::make_context(true);
     mp4_mux_format_t format = {};
-    std::deque<Bytes> headers; // the record points into them
+    std::deque<Bytes> headers; // the format points into them
     for (int i = 0; i < 16 && !input.left.empty(); i++) {
         const uint32_t kind = input.u8() % 4;
         if (kind < 2) {
@@ -53,7 +53,7 @@ static void describe_formats(Input &input)
         const Bytes readable(extra, extra + format.m_iExtraSize);
     }
     Bytes last(16);
-    mp4_mux_set_wave_format(&mux, nullptr, last.data(), 16, &format); // frees what the record owns
+    mp4_mux_set_wave_format(&mux, nullptr, last.data(), 16, &format); // frees what the format owns
 }
 
 static int sign(int value)
@@ -61,14 +61,14 @@ static int sign(int value)
     return value > 0 ? 1 : value < 0 ? -1 : 0;
 }
 
-static std::string read_text(Input &input)
+static std::string read_text(fuzz_input &input)
 {
     const Bytes bytes = input.bytes(input.u8() % 32);
     const std::string text(bytes.begin(), bytes.end());
-    return text.c_str(); // up to a zero
+    return text.c_str(); // up to the first zero
 }
 
-static void compare_texts(Input &input)
+static void compare_texts(fuzz_input &input)
 {
     const std::string a = read_text(input);
     const std::string b = read_text(input);
@@ -92,10 +92,10 @@ static void compare_texts(Input &input)
     require(joined.c_str() == a + b, "two texts joined");
 }
 
-static void convert_times(Input &input)
+static void convert_times(fuzz_input &input)
 {
-    const uint32_t in_reach = sizeof(time_t) > 4 ? UINT32_MAX : INT32_MAX; // of the C library
-    const uint32_t seconds = static_cast<uint32_t>(input.number(4)) & in_reach;
+    const uint32_t latest = sizeof(time_t) > 4 ? UINT32_MAX : INT32_MAX; // for the C library
+    const uint32_t seconds = static_cast<uint32_t>(input.number(4)) & latest;
     const time_t time = static_cast<time_t>(seconds);
     struct tm expected = {};
     gmtime_r(&time, &expected);
@@ -112,12 +112,12 @@ static void convert_times(Input &input)
     std::memcpy(&tm, numbers, sizeof(tm)); // any date at all
     require(std::strlen(mp4_mux_asc_time(&tm)) == 25, "a time's text");
     const int64_t back = mp4_mux_tm_to_time(&tm);
-    require(back == -1 || (tm.m_iMonth >= 0 && tm.m_iMonth <= 11), "a month that there is");
+    require(back == -1 || (tm.m_iMonth >= 0 && tm.m_iMonth <= 11), "the month is in the calendar");
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    Input input = {{data, size}};
+    fuzz_input input = {{data, size}};
     mux_test::reset_world();
     world.fail = {.kind = mux_test::call::realloc, .at = input.u8()};
     compare_texts(input);

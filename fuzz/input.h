@@ -1,4 +1,4 @@
-// What the harnesses have in common: the input as a row of numbers, and a promise that must hold.
+// What the harnesses share: the input as a sequence of numbers, and the check of a promise.
 #ifndef FUZZ_INPUT_H
 #define FUZZ_INPUT_H
 
@@ -12,8 +12,8 @@
 
 using Bytes = std::vector<uint8_t>;
 
-// Takes the input from its front. An input that has ended gives zeros.
-struct Input {
+// Takes the input from its front. After its end every number is zero.
+struct fuzz_input {
     std::span<const uint8_t> left;
 
     std::span<const uint8_t> take(size_t count)
@@ -50,6 +50,7 @@ struct Input {
     }
 };
 
+// Ends the program with a message unless the promise holds.
 inline void require(bool holds, const std::string &promise)
 {
     if (!holds) {

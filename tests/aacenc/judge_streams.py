@@ -3,13 +3,14 @@
 
 usage: tests/aacenc/judge_streams.py TEST_AACENC [--whole]
 
-TEST_AACENC, the test program, takes every access unit apart and keeps the streams: sample rates,
-channels, bit rates, framing, ID bit, tools and signals in all their combinations, or one in 29 of
-them. A decoder must say nothing, return every frame, and without noise substitution, whose noise is
-each decoder's own, the decoders must agree. Needs the Debian packages ffmpeg, faad and
-python3-numpy; without one of them the result is 77.
+TEST_AACENC, the test program, parses every access unit and keeps the streams: sample rates,
+channels, bit rates, framing, ID bit, tools and signals in all their combinations (--whole), or one
+in 29 of them. A decoder must report nothing and return every frame. The decoders must agree, except
+on noise substitution, where each generates its own noise. Needs the Debian packages ffmpeg, faad
+and python3-numpy; the result is 77 when one of them is missing.
 """
 import os
+import pathlib
 import shutil
 import subprocess
 import sys
@@ -21,6 +22,7 @@ try:
 except ImportError:
     numpy = None
 
+SKIPPED = 77
 FRAME = 1024
 FFMPEG = ['ffmpeg', '-nostdin', '-v', 'warning', '-f', 'aac']
 
@@ -37,7 +39,7 @@ def make_streams(program, folder, whole):
 
 
 def decode(decoder, stream, rate, channels, frames):
-    """The samples, none where they cannot be compared, and what is wrong with the stream."""
+    """The samples, or None where they cannot be compared, and the complaint about the stream."""
     with tempfile.NamedTemporaryFile(suffix='.aac') as file:
         file.write(stream)
         file.flush()
@@ -66,17 +68,22 @@ def decode(decoder, stream, rate, channels, frames):
     return None if doubled else samples.reshape(-1, channels), ''
 
 
-def judge(path, rate, channels):
-    """The number of streams in a file, and the complaints about them."""
-    with open(path + '.aac', 'rb') as file, open(path + '.txt', encoding='ascii') as lines:
-        streams = []
-        for line in lines:
+def read_streams(path):
+    """The streams of a group: what each is, its bytes and its number of frames."""
+    streams = []
+    with open(path.with_suffix('.aac'), 'rb') as file:
+        for line in path.with_suffix('.txt').read_text(encoding='ascii').splitlines():
             size, frames, what = line.split(maxsplit=2)
             streams.append((what.strip(), file.read(int(size)), int(frames)))
+    return streams
+
+
+def decode_streams(streams, rate, channels):
+    """The output of each decoder for all streams in a row, and the complaints about them."""
     joined = b''.join(stream for _, stream, _ in streams)
     total = sum(frames for _, _, frames in streams)
-    complaints = []
     outputs = {}
+    complaints = []
     for decoder in DECODERS:
         outputs[decoder], complaint = decode(decoder, joined, rate, channels, total)
         if complaint:
@@ -85,7 +92,12 @@ def judge(path, rate, channels):
                 alone = decode(decoder, stream, rate, channels, frames)[1]
                 if alone:
                     complaints.append(f'{decoder}: {what}: {alone}')
+    return outputs, complaints
 
+
+def compare_outputs(streams, outputs):
+    """The complaints about decoders that do not agree."""
+    complaints = []
     at = 0
     for what, _, frames in streams:
         part = slice(at + FRAME, at + frames * FRAME)
@@ -97,33 +109,47 @@ def judge(path, rate, channels):
             difference = abs(outputs[decoder][part] - first).max()
             if difference > tolerance:
                 complaints.append(f'{decoder}: {what}: differs by {difference}')
-    return len(streams), complaints
+    return complaints
+
+
+def judge(path, rate, channels):
+    """The number of streams in a group, and the complaints about them."""
+    streams = read_streams(path)
+    outputs, complaints = decode_streams(streams, rate, channels)
+    return len(streams), complaints + compare_outputs(streams, outputs)
+
+
+def judge_all(program, whole):
+    """Prints every complaint. returns: the number of streams and of complaints"""
+    streams = complaints = 0
+    with tempfile.TemporaryDirectory() as folder:
+        make_streams(program, folder, whole)
+        for path in sorted(pathlib.Path(folder).glob('*.txt')):
+            rate, channels = map(int, path.stem.split('_'))
+            count, found = judge(path.with_suffix(''), rate, channels)
+            streams += count
+            complaints += len(found)
+            for complaint in found:
+                print(f'{path.stem}: {complaint}')
+    return streams, complaints
 
 
 def main():
-    if {'-h', '--help'} & set(sys.argv):
-        sys.exit(print(__doc__))
-    if len(sys.argv) < 2:
-        sys.exit(__doc__)
+    arguments = sys.argv[1:]
+    if {'-h', '--help'} & set(arguments):
+        print(__doc__)
+        return 0
+    if not arguments:
+        return __doc__
     if not (numpy and shutil.which('ffmpeg') and shutil.which('faad')):
         print('skipped: needs ffmpeg, faad and python3-numpy')
-        sys.exit(77)
+        return SKIPPED
     started = time.monotonic()
-    streams = complaints = 0
-    with tempfile.TemporaryDirectory() as folder:
-        make_streams(sys.argv[1], folder, '--whole' in sys.argv)
-        for name in sorted(os.listdir(folder)):
-            if name.endswith('.txt'):
-                group = name[:-4]
-                rate, channels = map(int, group.split('_'))
-                count, found = judge(os.path.join(folder, group), rate, channels)
-                streams += count
-                complaints += len(found)
-                for complaint in found:
-                    print(f'{group}: {complaint}')
+    streams, complaints = judge_all(arguments[0], '--whole' in arguments)
     print(f'{streams} streams, {len(DECODERS)} decoders, {complaints} complaints, '
           f'{time.monotonic() - started:.0f} s')
-    sys.exit(complaints != 0)
+    return 1 if complaints else 0
 
 
-main()
+if __name__ == '__main__':
+    sys.exit(main())
