@@ -8,6 +8,7 @@
 #include "client/failure.h"
 #include "client/il_session.h"
 #include "client/omx_core.h"
+#include "component/tdmbrec_interface.h"
 #include "platform/android_log.h"
 #include "platform/host/host_control.h"
 #include "platform/storage_info.h"
@@ -49,12 +50,13 @@ static void begin_recording(il_session &session)
 {
     static constexpr uint8_t kDelimiter[] = {0, 0, 0, 1, 9, 0xF0};
     il_session_start(session, kOutput, kSampleRate);
-    il_session_send(session, kPortVideo, kDelimiter, video_time_us(0) - kFrameUs, 0);
+    il_session_send(session, TDMBREC_PORT_VIDEO, kDelimiter, video_time_us(0) - kFrameUs, 0);
 }
 
 static bool end_recording(il_session &session)
 {
-    return il_session_stop(session) == kStopRequest && std::filesystem::file_size(kOutput) > 0;
+    return il_session_stop(session) == TDMBREC_STOP_CLIENT &&
+           std::filesystem::file_size(kOutput) > 0;
 }
 
 static const std::vector<Bytes> &pcm_buffers()
@@ -75,10 +77,11 @@ static void send_programme(il_session &session, uint32_t loops)
     const std::vector<Bytes> &pictures = sample_programme().access_units;
     size_t audio = 0;
     for (size_t i = 0; i < loops * pictures.size(); i++) {
-        il_session_send(session, kPortVideo, pictures[i % pictures.size()], video_time_us(i), 0);
+        il_session_send(session, TDMBREC_PORT_VIDEO, pictures[i % pictures.size()],
+                        video_time_us(i), 0);
         for (; audio_time_us(audio) < video_time_us(i + 1); audio++) {
-            il_session_send(session, kPortAudio, pcm_buffers()[audio % pcm_buffers().size()],
-                            audio_time_us(audio), 0);
+            il_session_send(session, TDMBREC_PORT_AUDIO,
+                            pcm_buffers()[audio % pcm_buffers().size()], audio_time_us(audio), 0);
         }
     }
 }
@@ -150,8 +153,8 @@ static void record_pictures(benchmark::State &state)
     size_t sent = 0;
     double cpu = -other_threads_cpu_seconds();
     for (auto _ : state) {
-        il_session_send(*session, kPortVideo, pictures[sent % pictures.size()], video_time_us(sent),
-                        0);
+        il_session_send(*session, TDMBREC_PORT_VIDEO, pictures[sent % pictures.size()],
+                        video_time_us(sent), 0);
         sent++;
     }
     cpu += other_threads_cpu_seconds();
@@ -266,7 +269,7 @@ static void rest_paused(benchmark::State &state)
         begin_recording(*session);
         command_state(*session, OMX_StatePause);
         for (size_t i = 0; i < 4; i++) {
-            il_session_send(*session, kPortVideo, sample_programme().access_units[i],
+            il_session_send(*session, TDMBREC_PORT_VIDEO, sample_programme().access_units[i],
                             video_time_us(i), 0);
         }
         il_session_flush(*session);
@@ -290,12 +293,12 @@ static void close_recording(benchmark::State &state)
         state.PauseTiming();
         il_session_ptr session = il_session_open();
         begin_recording(*session);
-        il_session_send(*session, kPortVideo, sample_programme().access_units[0], video_time_us(0),
-                        0);
+        il_session_send(*session, TDMBREC_PORT_VIDEO, sample_programme().access_units[0],
+                        video_time_us(0), 0);
         for (int64_t i = 0; i < state.range(0); i++) {
             const int64_t time_us = video_time_us(0) + (i + 1) * kPcmFrameUs;
-            il_session_send(*session, kPortVideo, picture, time_us, 0);
-            il_session_send(*session, kPortAudio,
+            il_session_send(*session, TDMBREC_PORT_VIDEO, picture, time_us, 0);
+            il_session_send(*session, TDMBREC_PORT_AUDIO,
                             pcm_buffers()[static_cast<size_t>(i) % pcm_buffers().size()], time_us,
                             0);
         }

@@ -11,18 +11,9 @@
 #include <cstring>
 #include <utility>
 
-// The component's vendor parameters and its event.
-static constexpr uint32_t kIndexOutputPath = 0x7F00002C;
-static constexpr uint32_t kIndexStart = 0x7F00002D;
-static constexpr uint32_t kIndexStop = 0x7F00002E;
-static constexpr uint32_t kEventRecordingEnded = 0x7F000005;
-static constexpr size_t kOutputPathBytes = 128;
-
 // A run is half of them, filled while the component has the other half; about as many PCM buffers
 // as pictures and a half make up a programme.
-static constexpr std::array<uint32_t, kPortCount> kBufferCounts = {32, 64};
-
-static constexpr char kComponentName[] = "OMX.qvr.tdmb.rec";
+static constexpr std::array<uint32_t, TDMBREC_PORT_COUNT> kBufferCounts = {32, 64};
 
 // Long enough for a slow disk, short enough to tell a person that nothing moves any more.
 static constexpr int kDefaultPatienceS = 120;
@@ -102,7 +93,7 @@ static OMX_ERRORTYPE on_event(OMX_HANDLETYPE, OMX_PTR app_data, OMX_EVENTTYPE ev
             self.state = static_cast<OMX_STATETYPE>(data2);
         } else if (event == OMX_EventError) {
             note_error(self, static_cast<OMX_ERRORTYPE>(data1), false);
-        } else if (static_cast<uint32_t>(event) == kEventRecordingEnded) {
+        } else if (static_cast<uint32_t>(event) == TDMBREC_EVENT_END_OF_RECORDING) {
             self.stopped = data2;
         }
     }
@@ -200,12 +191,12 @@ static OMX_PARAM_PORTDEFINITIONTYPE define_port(il_session &self, uint32_t port)
 
 static void allocate_buffers(il_session &self)
 {
-    std::array<OMX_PARAM_PORTDEFINITIONTYPE, kPortCount> definitions;
-    for (uint32_t port = 0; port < kPortCount; port++) {
+    std::array<OMX_PARAM_PORTDEFINITIONTYPE, TDMBREC_PORT_COUNT> definitions;
+    for (uint32_t port = 0; port < TDMBREC_PORT_COUNT; port++) {
         definitions[port] = define_port(self, port);
     }
     command_state(self, OMX_StateIdle);
-    for (uint32_t port = 0; port < kPortCount; port++) {
+    for (uint32_t port = 0; port < TDMBREC_PORT_COUNT; port++) {
         for (uint32_t i = 0; i < definitions[port].nBufferCountActual; i++) {
             OMX_BUFFERHEADERTYPE *buffer = nullptr;
             check(self.component->AllocateBuffer(self.component, &buffer, port, nullptr,
@@ -222,8 +213,7 @@ il_session_ptr il_session_open(void)
 {
     il_session_ptr self(new il_session);
     self->callbacks = {on_event, on_empty_buffer_done, on_fill_buffer_done};
-    char name[sizeof kComponentName];
-    std::memcpy(name, kComponentName, sizeof name);
+    char name[] = TDMBREC_COMPONENT_NAME;
     OMX_HANDLETYPE handle = nullptr;
     const OMX_ERRORTYPE error = OMX_GetHandle(&handle, name, self.get(), &self->callbacks);
     if (error == OMX_ErrorComponentNotFound) {
@@ -247,17 +237,17 @@ static void set_vendor(il_session &self, uint32_t index, void *record, const cha
 
 void il_session_start(il_session &self, const std::string &path, unsigned rate)
 {
-    std::array<char, kOutputPathBytes> path_record = {};
+    std::array<char, TDMBREC_PATH_BYTES> path_record = {};
     if (path.size() >= path_record.size()) {
         throw failure(exit_code::storage, path + ": too long for the recorder component");
     }
     std::copy(path.begin(), path.end(), path_record.begin());
-    set_vendor(self, kIndexOutputPath, path_record.data(), "refuses the output path");
+    set_vendor(self, TDMBREC_INDEX_OUTPUT_PATH, path_record.data(), "refuses the output path");
 
     OMX_AUDIO_PARAM_PCMMODETYPE pcm = {};
     pcm.nSize = sizeof pcm;
     pcm.nVersion.nVersion = OMX_VERSION_1_1_2;
-    pcm.nPortIndex = kPortAudio;
+    pcm.nPortIndex = TDMBREC_PORT_AUDIO;
     pcm.nChannels = 2;
     pcm.eNumData = OMX_NumericalDataSigned;
     pcm.eEndian = OMX_EndianLittle;
@@ -271,10 +261,10 @@ void il_session_start(il_session &self, const std::string &path, unsigned rate)
           "refuses the sampling rate");
 
     uint32_t start = 1; // any record will do
-    set_vendor(self, kIndexStart, &start, "refuses to start");
+    set_vendor(self, TDMBREC_INDEX_START, &start, "refuses to start");
 }
 
-static void give_back(il_session &self, il_port port, OMX_BUFFERHEADERTYPE *buffer)
+static void give_back(il_session &self, uint32_t port, OMX_BUFFERHEADERTYPE *buffer)
 {
     const std::lock_guard<std::mutex> guard(self.lock);
     self.ports[port].free.push_back(buffer);
@@ -294,7 +284,7 @@ void il_session_flush(il_session &self)
     }
 }
 
-static OMX_BUFFERHEADERTYPE *take_buffer(il_session &self, il_port port)
+static OMX_BUFFERHEADERTYPE *take_buffer(il_session &self, uint32_t port)
 {
     await(self, "give its buffers back", [&] { return !self.ports[port].free.empty(); });
     const std::lock_guard<std::mutex> guard(self.lock);
@@ -303,7 +293,7 @@ static OMX_BUFFERHEADERTYPE *take_buffer(il_session &self, il_port port)
     return buffer;
 }
 
-void il_session_send(il_session &self, il_port port, std::span<const uint8_t> bytes,
+void il_session_send(il_session &self, uint32_t port, std::span<const uint8_t> bytes,
                      int64_t time_us, uint32_t flags)
 {
     port_buffers &buffers = self.ports[port];
@@ -337,14 +327,14 @@ uint32_t il_session_stop(il_session &self)
     il_session_flush(self);
     await_buffers(self);
     uint32_t stop = 1; // any record will do
-    set_vendor(self, kIndexStop, &stop, "refuses to stop");
+    set_vendor(self, TDMBREC_INDEX_STOP, &stop, "refuses to stop");
     await(self, "finish the file", [&] { return self.stopped.has_value(); });
     return *il_session_stopped(self);
 }
 
 static void free_buffers(il_session &self)
 {
-    for (uint32_t port = 0; port < kPortCount; port++) {
+    for (uint32_t port = 0; port < TDMBREC_PORT_COUNT; port++) {
         for (OMX_BUFFERHEADERTYPE *const buffer : self.ports[port].all) {
             (void)self.component->FreeBuffer(self.component, port, buffer);
         }

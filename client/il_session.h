@@ -3,6 +3,7 @@
 #ifndef CLIENT_IL_SESSION_H
 #define CLIENT_IL_SESSION_H
 
+#include "component/tdmbrec_interface.h"
 #include "platform/omx_il.h"
 
 #include <array>
@@ -16,19 +17,6 @@
 #include <string>
 #include <vector>
 
-// Why a recording ended, as the component reports it.
-enum stop_reason : uint32_t {
-    kStopStorage = 0,
-    kStopRequest = 1,
-    kStopStorageFull = 2,
-    kStopOpenFailed = 4,
-    kStopWriteFailed = 5,
-    kStopSizeLimit = 6,
-    kStopDestroyed = 7,
-};
-
-enum il_port : uint32_t { kPortVideo = 0, kPortAudio = 1, kPortCount = 2 };
-
 struct port_buffers {
     std::vector<OMX_BUFFERHEADERTYPE *> all;
     std::vector<OMX_BUFFERHEADERTYPE *> filled;  // for the next run
@@ -41,14 +29,14 @@ struct port_buffers {
 struct il_session {
     OMX_COMPONENTTYPE *component = nullptr;
     OMX_CALLBACKTYPE callbacks = {};
-    std::array<port_buffers, kPortCount> ports;
+    std::array<port_buffers, TDMBREC_PORT_COUNT> ports;
     std::mutex lock; // guards the free lists and what follows
     std::condition_variable changed;
     size_t out = 0;                        // buffers that the component has
     OMX_STATETYPE state = OMX_StateLoaded; // the last one reached
     OMX_ERRORTYPE error = OMX_ErrorNone;   // the first one
     bool refused = false;                  // it was a buffer's; nothing more is sent
-    std::optional<uint32_t> stopped;       // the stop reason
+    std::optional<uint32_t> stopped;       // tdmbrec_stop_reason_t
     bool silent = false;                   // it was waited for in vain
     std::function<void()> on_wait;         // called twice a second while the component takes long
 };
@@ -75,7 +63,7 @@ void il_session_start(il_session &self, const std::string &path, unsigned rate);
 // same order each time, and few threads have to be woken. One run may wait while the component has
 // another.
 // throws `failure`, unsupported for more bytes than a buffer holds.
-void il_session_send(il_session &self, il_port port, std::span<const uint8_t> bytes,
+void il_session_send(il_session &self, uint32_t port, std::span<const uint8_t> bytes,
                      int64_t time_us, uint32_t flags);
 
 // Sends the run so far, for a caller that is about to sleep. throws `failure`.

@@ -1,6 +1,7 @@
 // The desk's OpenMAX IL core: loads the components' shared libraries and makes their handles.
 #include "client/omx_core.h"
 
+#include "component/tdmbrec_interface.h"
 #include "platform/omx_il.h"
 
 #include <cstdio>
@@ -21,7 +22,7 @@ struct component_row_t {
 };
 
 static component_row_t components[] = {
-    {"OMX.qvr.tdmb.rec", "libOMX.QVR.tdmbrec.so", "TDMBREC_COMPONENT_PATH",
+    {TDMBREC_COMPONENT_NAME, "libOMX.QVR.tdmbrec.so", "TDMBREC_COMPONENT_PATH",
      "omx_tdmbrec_component_Init", nullptr},
 };
 

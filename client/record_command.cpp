@@ -8,6 +8,7 @@
 #include "client/storage_root.h"
 #include "client/summary.h"
 #include "client/terminal.h"
+#include "component/tdmbrec_interface.h"
 #include "platform/omx_il.h"
 
 #include <algorithm>
@@ -22,8 +23,8 @@ using steady = std::chrono::steady_clock;
 static constexpr int64_t kTimeBaseUs = 1'000'000;
 
 // The component's figure for a storage that is full, and the bit rate of its audio.
-static constexpr uint64_t kFreeBytesKept = uint64_t{51200} * 1024;
-static constexpr uint64_t kAudioBytesPerSecond = 128000 / 8;
+static constexpr uint64_t kFreeBytesKept = uint64_t{TDMBREC_LEAST_FREE_KIB} * 1024;
+static constexpr uint64_t kAudioBytesPerSecond = TDMBREC_AUDIO_BIT_RATE / 8;
 
 // What the signal's thread has to clear away when the user gives up. It keeps the lock until the
 // process is gone, so that the recording does not move while it says where it stays.
@@ -83,7 +84,7 @@ static void check_free_space(const storage_root &storage)
 {
     const uint64_t free_bytes = storage_free_bytes(storage);
     if (free_bytes <= kFreeBytesKept) {
-        throw failure(stop_code(kStopStorageFull),
+        throw failure(stop_code(TDMBREC_STOP_STORAGE_FULL),
                       "only " + size_text(free_bytes) + " are free for the output; the recorder " +
                           "needs more than " + size_text(kFreeBytesKept));
     }
@@ -173,7 +174,8 @@ static void send_time_base(session &self)
     static const uint8_t delimiter[] = {0, 0, 0, 1, 0x09, 0xF0};
     const int64_t interval_us = video_input_interval_us(*self.programme->video);
     self.lead_us = (interval_us + 999) / 1000 * 1000; // the component counts milliseconds
-    il_session_send(*self.component, kPortVideo, delimiter, kTimeBaseUs, OMX_BUFFERFLAG_ENDOFFRAME);
+    il_session_send(*self.component, TDMBREC_PORT_VIDEO, delimiter, kTimeBaseUs,
+                    OMX_BUFFERFLAG_ENDOFFRAME);
 }
 
 static void send_unit(session &self, const programme_unit &unit)
@@ -181,8 +183,8 @@ static void send_unit(session &self, const programme_unit &unit)
     const int64_t time_us = kTimeBaseUs + self.lead_us + unit.time_us;
     const bool video = unit.kind == unit_kind::video;
     const uint32_t flags = OMX_BUFFERFLAG_ENDOFFRAME | (unit.idr ? OMX_BUFFERFLAG_SYNCFRAME : 0);
-    il_session_send(*self.component, video ? kPortVideo : kPortAudio, unit.bytes, time_us,
-                    video ? flags : 0);
+    il_session_send(*self.component, video ? TDMBREC_PORT_VIDEO : TDMBREC_PORT_AUDIO, unit.bytes,
+                    time_us, video ? flags : 0);
     self.sent_us = std::max(self.sent_us, unit.time_us);
     self.sent_video_bytes += video ? unit.bytes.size() : 0;
 }
@@ -236,17 +238,17 @@ static void send_programme(session &self)
 static const char *reason_text(uint32_t reason)
 {
     switch (reason) {
-    case kStopStorage:
+    case TDMBREC_STOP_STORAGE:
         return "the storage is not usable";
-    case kStopStorageFull:
+    case TDMBREC_STOP_STORAGE_FULL:
         return "the free space is used up (the recorder leaves 52.4 MB)";
-    case kStopOpenFailed:
+    case TDMBREC_STOP_MUX_OPEN:
         return "the file could not be opened";
-    case kStopWriteFailed:
+    case TDMBREC_STOP_WRITE:
         return "writing the file failed";
-    case kStopSizeLimit:
+    case TDMBREC_STOP_SIZE_LIMIT:
         return "the file reached its size limit";
-    case kStopDestroyed:
+    case TDMBREC_STOP_DESTROYED:
         return "the component was destroyed";
     default:
         return "the component gave an unknown reason";
@@ -271,7 +273,8 @@ static void note_storage_failure(session &self, exit_code code, const std::strin
 // The storage is asked only where it may be the cause.
 static void note_stop(session &self, uint32_t reason)
 {
-    if (reason == kStopStorage || reason == kStopOpenFailed || reason == kStopWriteFailed) {
+    if (reason == TDMBREC_STOP_STORAGE || reason == TDMBREC_STOP_MUX_OPEN ||
+        reason == TDMBREC_STOP_WRITE) {
         note_storage_failure(self, stop_code(reason), self.summary.ended);
     } else {
         note_failure(self, failure(stop_code(reason), self.summary.ended));
@@ -309,7 +312,7 @@ static void end_recording(session &self)
     try {
         const uint32_t reason = il_session_stop(*self.component);
         self.summary.stop_reason = reason;
-        if (reason != kStopRequest) {
+        if (reason != TDMBREC_STOP_CLIENT) {
             self.summary.ended = reason_text(reason);
             note_stop(self, reason);
         }

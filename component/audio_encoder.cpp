@@ -1,5 +1,6 @@
 #include "component/audio_encoder.h"
 
+#include "aacenc/aac_enc.h"
 #include "component/shared_fields.h"
 #include "component/zpl_aenc.h"
 #include "platform/qvr_memory.h"

@@ -3,11 +3,17 @@
 #ifndef COMPONENT_AUDIO_ENCODER_H
 #define COMPONENT_AUDIO_ENCODER_H
 
-#include "component/omx_tdmbrec_component.h"
+#include "component/private_record.h"
 
 #include <cstdint>
 
 #define PCM_QUEUE_BYTES 0x200000
+
+// PCM between the client's buffers and the encoder's frames.
+struct tdmbrec_pcm_queue_t {
+    uint8_t *pucRead;  // oldest queued byte
+    uint32_t uiLength; // bytes queued
+};
 
 // Builds the decoder configuration of an AAC LC stream.
 // in       channels: its low 4 bits are used

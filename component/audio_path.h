@@ -3,7 +3,7 @@
 #define COMPONENT_AUDIO_PATH_H
 
 #include "component/frame_writer.h"
-#include "component/omx_tdmbrec_component.h"
+#include "component/private_record.h"
 
 enum audio_result_t {
     kAudioConsumed,

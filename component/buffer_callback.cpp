@@ -1,10 +1,10 @@
 // The buffer callback: consumes the client's buffers and, while a recording is active, records
 // them.
 #include "component/audio_path.h"
-#include "component/client_events.h"
 #include "component/component_log.h"
 #include "component/frame_writer.h"
 #include "component/omx_tdmbrec_component.h"
+#include "component/private_record.h"
 #include "component/recording_control.h"
 #include "component/shared_fields.h"
 #include "component/storage_watch.h"

@@ -3,6 +3,7 @@
 #include "component/client_events.h"
 #include "component/component_log.h"
 #include "component/omx_tdmbrec_component.h"
+#include "component/private_record.h"
 #include "component/shared_fields.h"
 
 #include <algorithm>

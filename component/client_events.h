@@ -2,21 +2,16 @@
 #ifndef COMPONENT_CLIENT_EVENTS_H
 #define COMPONENT_CLIENT_EVENTS_H
 
-#include "component/omx_tdmbrec_component.h"
-
-// The component's private record.
-[[nodiscard]] inline omx_tdmbrec_component_PrivateType *private_record(OMX_COMPONENTTYPE *component)
-{
-    return static_cast<omx_tdmbrec_component_PrivateType *>(component->pComponentPrivate);
-}
+#include "component/private_record.h"
 
 // Calls the client's event handler, if there is one, on this thread.
-inline void send_event(OMX_COMPONENTTYPE *component, OMX_EVENTTYPE event, OMX_U32 data1,
-                       OMX_U32 data2, OMX_PTR event_data)
+inline void send_event(OMX_COMPONENTTYPE *component, OMX_U32 event, OMX_U32 data1, OMX_U32 data2,
+                       OMX_PTR event_data)
 {
     const omx_base_sink_PrivateType *const sink = &private_record(component)->stBase;
     if (sink->pCallbacks != nullptr && sink->pCallbacks->EventHandler != nullptr) {
-        (void)sink->pCallbacks->EventHandler(component, sink->pCallbackData, event, data1, data2,
+        (void)sink->pCallbacks->EventHandler(component, sink->pCallbackData,
+                                             static_cast<OMX_EVENTTYPE>(event), data1, data2,
                                              event_data);
     }
 }

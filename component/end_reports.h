@@ -11,9 +11,28 @@
 #ifndef COMPONENT_END_REPORTS_H
 #define COMPONENT_END_REPORTS_H
 
-#include "component/omx_tdmbrec_component.h"
+#include "platform/omx_il.h"
 
 #include <cstdint>
+
+struct omx_tdmbrec_component_PrivateType;
+
+#define TDMBREC_ENDS 8 // recordings of one component whose ends are not yet reported
+
+enum tdmbrec_end_state_t : uint8_t {
+    END_FREE = 0, // of no recording
+    END_OWED,     // the recording has not ended, or a thread waits to send the report or sends it
+    END_HANDED    // queued; whoever sends the report before it sends it too
+};
+
+// The report of a recording's end, from the start of the recording to the return of its event.
+struct tdmbrec_end_t {
+    tdmbrec_end_t *pNext; // the process's recording that ended after it
+    OMX_COMPONENTTYPE *pComponent;
+    uint64_t uiCount; // ends in a row that share it
+    uint8_t ucReason; // tdmbrec_stop_reason_t
+    tdmbrec_end_state_t ucState;
+};
 
 // Sets the report of a recording aside. thread: the start, which holds the claim.
 // returns false when the component is being destroyed, or TDMBREC_ENDS ends are not yet reported.

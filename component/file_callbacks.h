@@ -3,7 +3,7 @@
 #ifndef COMPONENT_FILE_CALLBACKS_H
 #define COMPONENT_FILE_CALLBACKS_H
 
-#include "component/omx_tdmbrec_component.h"
+#include "component/tdmbrec_interface.h"
 
 #include <cstddef>
 #include <cstdint>

@@ -4,7 +4,6 @@
 #include "component/mux_session.h"
 #include "component/process_state.h"
 
-static constexpr int64_t kLargestFileBytes = 1800000000;
 static constexpr int kTraceLine = 829; // the place that the device's log names
 
 static write_result_t put_frame_locked(omx_tdmbrec_component_PrivateType *self,
@@ -23,7 +22,7 @@ static write_result_t put_frame_locked(omx_tdmbrec_component_PrivateType *self,
     } else {
         self->bVideoWritten = 1;
     }
-    return estimated_bytes > kLargestFileBytes ? kWriteSizeLimit : kWriteDone;
+    return estimated_bytes > TDMBREC_FILE_LIMIT_BYTES ? kWriteSizeLimit : kWriteDone;
 }
 
 write_result_t put_frame(omx_tdmbrec_component_PrivateType *self, mp4_mux_putstream_t *frame,

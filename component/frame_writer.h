@@ -2,7 +2,7 @@
 #ifndef COMPONENT_FRAME_WRITER_H
 #define COMPONENT_FRAME_WRITER_H
 
-#include "component/omx_tdmbrec_component.h"
+#include "component/private_record.h"
 
 enum write_result_t {
     kWriteDone,      // written, or nothing to write yet

@@ -2,7 +2,7 @@
 #ifndef COMPONENT_MUX_SESSION_H
 #define COMPONENT_MUX_SESSION_H
 
-#include "component/omx_tdmbrec_component.h"
+#include "component/private_record.h"
 
 // Opens the session with the captured parameter sets; without any, the muxer takes them from the
 // first access unit. Does nothing when a session is open.

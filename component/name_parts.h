@@ -2,7 +2,7 @@
 #ifndef COMPONENT_NAME_PARTS_H
 #define COMPONENT_NAME_PARTS_H
 
-#include "component/omx_tdmbrec_component.h"
+#include "component/private_record.h"
 
 // Copy what the client's record holds. The name parts are kept until a recording ends; the path is
 // that of the next recording.

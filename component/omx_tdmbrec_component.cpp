@@ -1,15 +1,14 @@
 #include "component/omx_tdmbrec_component.h"
 
-#include "component/client_events.h"
 #include "component/end_reports.h"
 #include "component/name_parts.h"
+#include "component/private_record.h"
 #include "component/recording_control.h"
 #include "component/shared_fields.h"
 #include "platform/qvr_memory.h"
 
 #include <cstring>
 
-static constexpr char kRecorderName[] = "OMX.qvr.tdmb.rec";
 static constexpr char kVideoDecoderName[] = "OMX.qvr.video_decoder";
 static constexpr char kAvcDecoderName[] = "OMX.QVR.avcdec";
 
@@ -20,7 +19,6 @@ static constexpr uint32_t kChannels = 2;
 static constexpr uint32_t kSampleRate = 48000; // Hz
 static constexpr uint32_t kBitsPerSample = 16;
 static constexpr uint32_t kAacCodecTag = 0xAAC0;
-static constexpr uint32_t kBitRate = 128000; // bit/s
 
 static void set_initial_fields(omx_tdmbrec_component_PrivateType *self)
 {
@@ -105,14 +103,14 @@ static void set_audio_defaults(omx_tdmbrec_component_PrivateType *self)
     self->uiSampleRate = kSampleRate;
     self->uiBitsPerSample = kBitsPerSample;
     self->uiAudioCodecTag = kAacCodecTag;
-    self->uiBitRate = kBitRate;
+    self->uiBitRate = TDMBREC_AUDIO_BIT_RATE;
 }
 
 static OMX_ERRORTYPE select_video_coding(omx_tdmbrec_component_PrivateType *self, const char *name)
 {
     if (strcmp(name, kAvcDecoderName) == 0) {
         self->uiVideoCoding = OMX_VIDEO_CodingAVC;
-    } else if (strcmp(name, kVideoDecoderName) == 0 || strcmp(name, kRecorderName) == 0) {
+    } else if (strcmp(name, kVideoDecoderName) == 0 || strcmp(name, TDMBREC_COMPONENT_NAME) == 0) {
         self->uiVideoCoding = OMX_VIDEO_CodingUnused;
     } else {
         return OMX_ErrorInvalidComponentName;
@@ -148,7 +146,7 @@ static void install_functions(OMX_COMPONENTTYPE *component)
 
 OMX_ERRORTYPE omx_tdmbrec_component_Init(OMX_COMPONENTTYPE *component)
 {
-    char name[] = "OMX.qvr.tdmb.rec";
+    char name[] = TDMBREC_COMPONENT_NAME;
     return omx_tdmbrec_component_Constructor(component, name);
 }
 

@@ -7,7 +7,7 @@
 #define COMPONENT_PARAMETER_SETS_H
 
 #include "component/access_unit.h"
-#include "component/omx_tdmbrec_component.h"
+#include "component/private_record.h"
 
 // True when the parameter sets in front are all that a decoder configuration needs.
 [[nodiscard]] bool has_both_kinds(const access_unit_t *access_unit);

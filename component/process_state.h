@@ -6,14 +6,13 @@
 #ifndef COMPONENT_PROCESS_STATE_H
 #define COMPONENT_PROCESS_STATE_H
 
-#include "component/omx_tdmbrec_component.h"
+#include "component/private_record.h"
 #include "platform/storage_info.h"
 
 #include <cstdint>
 #include <pthread.h>
 
 #define AUDIO_PTS_ENTRIES 50
-#define VIDEO_PTS_ENTRIES 50
 
 // Held while a muxer session is opened, written to or closed.
 extern pthread_mutex_t lockTDMBRecording;

@@ -1,10 +1,10 @@
 #include "component/recording_control.h"
 
 #include "component/audio_encoder.h"
-#include "component/client_events.h"
 #include "component/component_log.h"
 #include "component/end_reports.h"
 #include "component/mux_session.h"
+#include "component/omx_tdmbrec_component.h"
 #include "component/process_state.h"
 #include "component/shared_fields.h"
 #include "component/stop_procedure.h"

@@ -6,7 +6,7 @@
 #ifndef COMPONENT_RECORDING_CONTROL_H
 #define COMPONENT_RECORDING_CONTROL_H
 
-#include "component/omx_tdmbrec_component.h"
+#include "component/private_record.h"
 
 // Starts a recording to the path last set. A start while the component records changes nothing.
 // returns OMX_ErrorNone, also when there is no storage (the client gets the end of the recording

@@ -1,8 +1,8 @@
 #include "component/stop_procedure.h"
 
 #include "component/audio_encoder.h"
-#include "component/client_events.h"
 #include "component/mux_session.h"
+#include "component/omx_tdmbrec_component.h"
 #include "component/shared_fields.h"
 
 #include <unistd.h>

@@ -2,7 +2,7 @@
 #ifndef COMPONENT_STOP_PROCEDURE_H
 #define COMPONENT_STOP_PROCEDURE_H
 
-#include "component/omx_tdmbrec_component.h"
+#include "component/private_record.h"
 
 // Polls until the buffer callback is outside the recording.
 void wait_for_idle_callback(omx_tdmbrec_component_PrivateType *self);

@@ -7,8 +7,6 @@
 
 #include <cstring>
 
-static constexpr unsigned long kLeastFreeKib = 51200; // at or below this the storage is full
-
 static bool begins_with(const char *path, const char *root)
 {
     return strncmp(path, root, strlen(root)) == 0;
@@ -68,7 +66,7 @@ static storage_state_t check_storage_locked(const char *path)
     if (record == nullptr) {
         return kStorageUnusable;
     }
-    if (record->ulFreeKiB <= kLeastFreeKib) {
+    if (record->ulFreeKiB <= TDMBREC_LEAST_FREE_KIB) {
         __android_log_print(ANDROID_LOG_DEBUG, TDMBREC_LOG_TAG, "%-18s%-20s%20lu%20lu\n",
                             record->pszFileSystem, record->pszMountPoint, record->ulTotalKiB,
                             record->ulFreeKiB);

@@ -122,10 +122,10 @@ void note_video_time(omx_tdmbrec_component_PrivateType *self, uint32_t time)
             self->ucVideoIntervalState = 0;
         }
     } else if (distance > 2 * static_cast<uint64_t>(self->uiVideoIntervalMs)) {
-        store_shared(global_ui_VIDEO_PTS[index][1], self->uiLastVideoPts);
-        index = static_cast<uint8_t>((index + 1) % VIDEO_PTS_ENTRIES);
+        store_shared(global_ui_VIDEO_PTS[index][TDMBREC_SEGMENT_END], self->uiLastVideoPts);
+        index = static_cast<uint8_t>((index + 1) % TDMBREC_VIDEO_SEGMENTS);
         store_shared(global_uc_write_index, index);
     }
     self->uiLastVideoPts = time;
-    store_shared(global_ui_VIDEO_PTS[index][0], time);
+    store_shared(global_ui_VIDEO_PTS[index][TDMBREC_SEGMENT_LATEST], time);
 }

@@ -5,7 +5,7 @@
 #ifndef COMPONENT_TIME_LINE_H
 #define COMPONENT_TIME_LINE_H
 
-#include "component/omx_tdmbrec_component.h"
+#include "component/private_record.h"
 
 // Gives the time of a buffer of the current port, and notes the time stamp.
 // out      *time: ms; times that do not fit stay at the largest

@@ -2,7 +2,7 @@
 #ifndef COMPONENT_VIDEO_PATH_H
 #define COMPONENT_VIDEO_PATH_H
 
-#include "component/omx_tdmbrec_component.h"
+#include "component/private_record.h"
 
 // Makes the frame of a video buffer with time time, in the buffer itself where there is room.
 // Opens the file at the first buffer with parameter sets. The buffer is consumed.

@@ -1,11 +1,11 @@
 // The writer threads: each moves the frames of one FIFO into the recording's file, until the
 // recording ends or has to end.
-#include "component/client_events.h"
 #include "component/frame_fifo.h"
 #include "component/frame_writer.h"
-#include "component/omx_tdmbrec_component.h"
+#include "component/private_record.h"
 #include "component/recording_control.h"
 #include "component/shared_fields.h"
+#include "component/tdmbrec_interface.h"
 
 #include <unistd.h>
 

@@ -1,5 +1,6 @@
 #include "component/zpl_aenc.h"
 
+#include "aacenc/aac_enc.h"
 #include "component/component_log.h"
 
 #include <cstring>

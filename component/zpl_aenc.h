@@ -4,8 +4,7 @@
 #ifndef COMPONENT_ZPL_AENC_H
 #define COMPONENT_ZPL_AENC_H
 
-#include "component/omx_tdmbrec_component.h"
-
+#include <cstddef>
 #include <cstdint>
 
 #define ZPL_AENC_TYPE_AAC 0
@@ -16,6 +15,45 @@ enum {
     kZplStateInitialise = 1,
     kZplStateRun = 2,
     kZplStateStopped = 3,
+};
+
+// The C library's memory functions, in the order in which the encoder adapter takes them.
+struct tdmbrec_memory_functions_t {
+    void *(*pfnMalloc)(size_t);
+    void *pReserved1;
+    void (*pfnFree)(void *);
+    void *pReserved3;
+    void *(*pfnMemcpy)(void *, const void *, size_t);
+    void *(*pfnMemset)(void *, int, size_t);
+    void *(*pfnRealloc)(void *, size_t);
+    void *(*pfnMemmove)(void *, const void *, size_t);
+};
+
+typedef int32_t (*tdmbrec_encoder_function_t)(int32_t op, void **handle, void *arg3, void *arg4);
+
+struct zpl_aenc_t {
+    uint8_t *pOutput; // the last frame
+    const tdmbrec_memory_functions_t *pstMemory;
+    void *hEncoder;
+    int32_t iState; // 2: initialise and run; 1: initialise only; 0 and 3: encode does nothing
+    int32_t m_iAudioSamplePerSec;
+    int32_t m_iAudioChannels;
+    int32_t m_iAudioBitsPerSample;
+    int32_t m_iAudioBitRates;
+    int32_t iOutputLength; // bytes of the last frame
+};
+
+#define ZPL_AENC_FIRST_PCM_BYTES 128
+
+struct zpl_aenc_init_t {
+    uint8_t aucReserved[256];
+    uint8_t aucFirstPcm[ZPL_AENC_FIRST_PCM_BYTES]; // start of the recording's first audio buffer
+};
+static_assert(sizeof(zpl_aenc_init_t) == 384, "handed over as one 384-byte record");
+
+struct zpl_aenc_input_t {
+    const uint8_t *pPcm; // one frame, 16-bit aligned
+    uint32_t uiLength;   // bytes
 };
 
 // Opens the encoder that the instance describes.

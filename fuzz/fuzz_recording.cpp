@@ -5,6 +5,7 @@
 // Input: up to 3 recordings: writes and sampling rate (1 byte), caches (1), the number of steps
 // (1), then the steps, see take_step.
 #include "component/omx_tdmbrec_component.h"
+#include "component/private_record.h"
 #include "fuzz/input.h"
 #include "fuzz/recording_environment.h"
 #include "mp4read/mp4_reader.h"
@@ -22,15 +23,10 @@ static std::atomic<uint32_t> ends; // recordings reported
 static OMX_ERRORTYPE handle_event(OMX_HANDLETYPE, OMX_PTR, OMX_EVENTTYPE event, OMX_U32, OMX_U32,
                                   OMX_PTR)
 {
-    if (event == TDMBREC_EVENT_END_OF_RECORDING) {
+    if (static_cast<uint32_t>(event) == TDMBREC_EVENT_END_OF_RECORDING) {
         ends++;
     }
     return OMX_ErrorNone;
-}
-
-static omx_tdmbrec_component_PrivateType *record_of(OMX_COMPONENTTYPE *component)
-{
-    return static_cast<omx_tdmbrec_component_PrivateType *>(component->pComponentPrivate);
 }
 
 // A component in the state Executing, without the framework that takes it there.
@@ -42,7 +38,7 @@ static OMX_COMPONENTTYPE *make_component()
     require(omx_tdmbrec_component_Init(&component) == OMX_ErrorNone,
             "the component is initialised");
     require(component.SetCallbacks(&component, &callbacks, nullptr) == OMX_ErrorNone, "callbacks");
-    std::atomic_ref(record_of(&component)->stBase.eState).store(OMX_StateExecuting);
+    std::atomic_ref(private_record(&component)->stBase.eState).store(OMX_StateExecuting);
     return &component;
 }
 
@@ -50,8 +46,8 @@ static void start(OMX_COMPONENTTYPE *component)
 {
     char path[TDMBREC_PATH_BYTES] = {};
     std::memcpy(path, kOutputPath, sizeof(kOutputPath));
-    (void)OMX_SetParameter(component, TDMBREC_INDEX_OUTPUT_PATH, path);
-    (void)OMX_SetParameter(component, TDMBREC_INDEX_START, path);
+    (void)OMX_SetParameter(component, OMX_INDEXTYPE(TDMBREC_INDEX_OUTPUT_PATH), path);
+    (void)OMX_SetParameter(component, OMX_INDEXTYPE(TDMBREC_INDEX_START), path);
 }
 
 static frame_totals frames_of(const mp4_reader::movie &movie, const std::string &handler)
@@ -85,12 +81,12 @@ static void check_file()
 static void finish(OMX_COMPONENTTYPE *component, uint32_t ends_before)
 {
     OMX_U32 any = 0;
-    (void)OMX_SetParameter(component, TDMBREC_INDEX_STOP, &any);
+    (void)OMX_SetParameter(component, OMX_INDEXTYPE(TDMBREC_INDEX_STOP), &any);
     for (int i = 0; ends == ends_before && i < 100000; i++) {
         usleep(20);
     }
     require(ends == ends_before + 1, "a recording is reported once");
-    const pthread_t reporter = std::atomic_ref(record_of(component)->hStopThread).exchange({});
+    const pthread_t reporter = std::atomic_ref(private_record(component)->hStopThread).exchange({});
     if (reporter != pthread_t{}) {
         (void)pthread_join(reporter, nullptr);
     }
@@ -110,7 +106,7 @@ static void offer(OMX_COMPONENTTYPE *component, uint8_t port, Bytes data, int64_
     header.nAllocLen = length;
     header.nFilledLen = length;
     header.nTimeStamp = ts_us;
-    record_of(component)->ucBufferPort = port;
+    private_record(component)->ucBufferPort = port;
     omx_tdmbrec_component_BufferMgmtCallback(component, &header);
     require(header.nFilledLen == 0 || header.nFilledLen == length, "consumed or kept whole");
 }

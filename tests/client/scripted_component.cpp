@@ -3,6 +3,7 @@
 // buffers, or when asked. SCRIPT_FILE names the file that is its recording from the start.
 // SCRIPT_FAIL names the call that fails: init, start, empty, later (the 30th buffer); with stop,
 // the end is never reported. The 20th buffer comes back SCRIPT_STALL ms late.
+#include "component/tdmbrec_interface.h"
 #include "platform/omx_il.h"
 
 #include <chrono>
@@ -32,8 +33,8 @@ static void note(const std::string &line)
 static void end_recording(OMX_HANDLETYPE component, OMX_U32 reason)
 {
     recording = false;
-    callbacks.EventHandler(component, app_data, static_cast<OMX_EVENTTYPE>(0x7F000005), 0, reason,
-                           nullptr);
+    callbacks.EventHandler(component, app_data, OMX_EVENTTYPE(TDMBREC_EVENT_END_OF_RECORDING), 0,
+                           reason, nullptr);
 }
 
 static OMX_ERRORTYPE send_command(OMX_HANDLETYPE component, OMX_COMMANDTYPE command,
@@ -58,22 +59,22 @@ static OMX_ERRORTYPE set_parameter(OMX_HANDLETYPE component, OMX_INDEXTYPE index
     if (index == OMX_IndexParamAudioPcm) {
         const auto &format = *static_cast<OMX_AUDIO_PARAM_PCMMODETYPE *>(record);
         note("rate " + std::to_string(format.nSamplingRate));
-    } else if (number == 0x7F00002C) {
-        std::string path(static_cast<const char *>(record), 128);
+    } else if (number == TDMBREC_INDEX_OUTPUT_PATH) {
+        std::string path(static_cast<const char *>(record), TDMBREC_PATH_BYTES);
         path.erase(path.find_last_not_of('\0') + 1);
         note("path " + path); // what is not padded with zeros shows
         record_path = path;
-    } else if (number == 0x7F00002D) {
+    } else if (number == TDMBREC_INDEX_START) {
         note("start");
         recording = true;
         if (!script("SCRIPT_FILE").empty()) {
             std::filesystem::copy_file(script("SCRIPT_FILE"), record_path);
         }
         return script("SCRIPT_FAIL") == "start" ? OMX_ErrorUndefined : OMX_ErrorNone;
-    } else if (number == 0x7F00002E) {
+    } else if (number == TDMBREC_INDEX_STOP) {
         note("stop");
         if (recording && script("SCRIPT_FAIL") != "stop") {
-            end_recording(component, 1);
+            end_recording(component, TDMBREC_STOP_CLIENT);
         }
     }
     return OMX_ErrorNone;
@@ -122,10 +123,9 @@ static OMX_ERRORTYPE empty_buffer(OMX_HANDLETYPE component, OMX_BUFFERHEADERTYPE
     return callbacks.EmptyBufferDone(component, app_data, buffer);
 }
 
-extern "C" __attribute__((visibility("default"))) OMX_ERRORTYPE
-omx_tdmbrec_component_Init(OMX_HANDLETYPE handle)
+OMX_ERRORTYPE omx_tdmbrec_component_Init(OMX_COMPONENTTYPE *handle)
 {
-    OMX_COMPONENTTYPE &component = *static_cast<OMX_COMPONENTTYPE *>(handle);
+    OMX_COMPONENTTYPE &component = *handle;
     component.pComponentPrivate = &callbacks;
     component.SendCommand = send_command;
     component.GetParameter = get_parameter;

@@ -1,4 +1,5 @@
 // A recording whose sample tables outgrow their caches, of frames of a few bytes.
+#include "aacenc/aac_enc.h"
 #include "mp4read/mp4_reader.h"
 #include "platform/host/host_control.h"
 #include "tests/support/component_test.h"

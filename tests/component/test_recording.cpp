@@ -378,9 +378,9 @@ TEST_F(Recording, SurvivesStopsStartsAndStateChangesWhileItsParametersAndStorage
         pcm.nSamplingRate = 48000;
         for (uint32_t i = 0; !is_over; i++) {
             client->set_path(paths[i % 2]);
-            for (const OMX_INDEXTYPE index :
-                 {TDMBREC_INDEX_NAME_PART_1, TDMBREC_INDEX_NAME_PART_2}) {
-                EXPECT_EQ(OMX_SetParameter(client->handle(), index, name.data()), OMX_ErrorNone);
+            for (const auto index : {TDMBREC_INDEX_NAME_PART_1, TDMBREC_INDEX_NAME_PART_2}) {
+                EXPECT_EQ(OMX_SetParameter(client->handle(), OMX_INDEXTYPE(index), name.data()),
+                          OMX_ErrorNone);
             }
             EXPECT_EQ(OMX_SetParameter(client->handle(), OMX_IndexParamAudioPcm, &pcm),
                       OMX_ErrorNone);

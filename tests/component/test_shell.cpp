@@ -1,3 +1,4 @@
+#include "aacenc/aac_enc.h"
 #include "component/process_state.h"
 #include "component/zpl_aenc.h"
 #include "platform/host/host_control.h"
@@ -94,9 +95,9 @@ TEST_F(Shell, TakesItsParametersAndPassesOnTheRest)
     EXPECT_EQ(record_of(*client)->uiChannels, 2u);
     char name[128];
     memset(name, 'n', sizeof(name));
-    for (const OMX_INDEXTYPE index :
+    for (const auto index :
          {TDMBREC_INDEX_NAME_PART_1, TDMBREC_INDEX_NAME_PART_2, TDMBREC_INDEX_OUTPUT_PATH}) {
-        EXPECT_EQ(OMX_SetParameter(handle, index, name), OMX_ErrorNone);
+        EXPECT_EQ(OMX_SetParameter(handle, OMX_INDEXTYPE(index), name), OMX_ErrorNone);
     }
     EXPECT_EQ(memcmp(record_of(*client)->szNamePart1, name, 22), 0);
     EXPECT_EQ(memcmp(record_of(*client)->szNamePart2, name, 128), 0);

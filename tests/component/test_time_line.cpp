@@ -1,4 +1,6 @@
 // The times of recordings against a model of the time line in plain arithmetic.
+#include "aacenc/aac_enc.h"
+#include "component/audio_encoder.h"
 #include "mp4read/mp4_reader.h"
 #include "platform/host/host_control.h"
 #include "tests/support/component_test.h"

@@ -82,7 +82,7 @@ TEST_F(StateMachine, CommandsAreCheckedBeforeTheyAreQueued)
     }
     EXPECT_EQ(component->ComponentDeInit(component), OMX_ErrorNone); // and a second time at the end
     EXPECT_EQ(OMX_GetState(component, &state), OMX_ErrorInvalidComponent);
-    EXPECT_EQ(OMX_SetParameter(component, kIndexStop, &state), OMX_ErrorInvalidComponent);
+    EXPECT_EQ(OMX_SetParameter(component, OMX_INDEXTYPE(TDMBREC_INDEX_STOP), &state), OMX_ErrorInvalidComponent);
     EXPECT_EQ(send(OMX_CommandFlush, OMX_ALL), OMX_ErrorInvalidComponent);
 }
 

@@ -24,7 +24,7 @@ wall platform '"platform/|<'
 wall mp4read '"mp4read/|<'
 wall client/input '"client/(input/|failure\.h)|<'
 wall client/report '"(client/report/|mp4read/)|<'
-wall client '"(client/|mp4read/|platform/(omx_il|host/host_control)\.h|mp4mux/mp4_mux\.h|aacenc/aac_enc\.h)|<'
+wall client '"(client/|mp4read/|component/tdmbrec_interface\.h|platform/(omx_il|host/host_control)\.h|mp4mux/mp4_mux\.h|aacenc/aac_enc\.h)|<'
 
 # Several standard libraries for devices do not have it; component/shared_fields.h serves them all.
 if grep -rnE 'atomic_ref *[<(]' --include='*.cpp' --include='*.h' mp4mux aacenc component platform; then

@@ -40,5 +40,5 @@ std::unique_ptr<IlClient> ComponentTest::make_recorder(const std::string &path)
 
 omx_tdmbrec_component_PrivateType *ComponentTest::record_of(const IlClient &client)
 {
-    return static_cast<omx_tdmbrec_component_PrivateType *>(client.handle()->pComponentPrivate);
+    return private_record(client.handle());
 }

@@ -175,21 +175,21 @@ void IlClient::send(OMX_U32 port, std::span<const uint8_t> data, int64_t ts_us, 
 
 OMX_ERRORTYPE IlClient::set_path(const std::string &path)
 {
-    char record[128] = {};
+    char record[TDMBREC_PATH_BYTES] = {};
     path.copy(record, sizeof(record));
-    return OMX_SetParameter(handle_, kIndexOutputPath, record);
+    return OMX_SetParameter(handle_, OMX_INDEXTYPE(TDMBREC_INDEX_OUTPUT_PATH), record);
 }
 
 OMX_ERRORTYPE IlClient::start()
 {
     uint32_t any = 0;
-    return OMX_SetParameter(handle_, kIndexStart, &any);
+    return OMX_SetParameter(handle_, OMX_INDEXTYPE(TDMBREC_INDEX_START), &any);
 }
 
 OMX_ERRORTYPE IlClient::stop()
 {
     uint32_t any = 0;
-    return OMX_SetParameter(handle_, kIndexStop, &any);
+    return OMX_SetParameter(handle_, OMX_INDEXTYPE(TDMBREC_INDEX_STOP), &any);
 }
 
 void IlClient::start_recording(const std::string &path)

@@ -3,6 +3,7 @@
 #ifndef TESTS_SUPPORT_IL_CLIENT_H
 #define TESTS_SUPPORT_IL_CLIENT_H
 
+#include "component/tdmbrec_interface.h"
 #include "platform/omx_il.h"
 
 #include <condition_variable>
@@ -14,11 +15,7 @@
 #include <string>
 #include <vector>
 
-// The vendor interface, from the client's side.
-constexpr OMX_INDEXTYPE kIndexOutputPath{0x7F00002C};
-constexpr OMX_INDEXTYPE kIndexStart{0x7F00002D};
-constexpr OMX_INDEXTYPE kIndexStop{0x7F00002E};
-constexpr OMX_EVENTTYPE kEventEndOfRecording{0x7F000005};
+constexpr OMX_EVENTTYPE kEventEndOfRecording{TDMBREC_EVENT_END_OF_RECORDING};
 
 // Long enough for the busiest machine; only what hangs takes it.
 constexpr int kHangMs = 300000;
@@ -47,7 +44,7 @@ class IlClient {
     }
 
     // State changes and the buffers that go with them; each waits for the component's answer.
-    void to_executing(uint32_t buffer_bytes = 0x100000);
+    void to_executing(uint32_t buffer_bytes = TDMBREC_PORT_BUFFER_BYTES);
     void set_state(OMX_STATETYPE state);
     void to_loaded();
     void destroy();
@@ -89,7 +86,7 @@ class IlClient {
     OMX_CALLBACKTYPE callbacks_;
     Release release_;
     OMX_COMPONENTTYPE *handle_ = nullptr;
-    std::vector<OMX_BUFFERHEADERTYPE *> buffers_[2];
+    std::vector<OMX_BUFFERHEADERTYPE *> buffers_[TDMBREC_PORT_COUNT];
     std::recursive_mutex mutex_;
     std::condition_variable_any changed_;
     std::vector<IlEvent> events_;

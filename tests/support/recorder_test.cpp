@@ -28,7 +28,7 @@ void RecorderTest::TearDown()
 std::unique_ptr<IlClient> RecorderTest::make_client()
 {
     const auto make = [](OMX_CALLBACKTYPE *callbacks, void *app_data) {
-        char name[] = "OMX.qvr.tdmb.rec";
+        char name[] = TDMBREC_COMPONENT_NAME;
         OMX_HANDLETYPE handle = nullptr;
         EXPECT_EQ(OMX_GetHandle(&handle, name, app_data, callbacks), OMX_ErrorNone);
         return static_cast<OMX_COMPONENTTYPE *>(handle);

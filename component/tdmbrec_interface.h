@@ -1,0 +1,83 @@
+// What a player needs of the recorder component, beside OpenMAX IL itself: port 0 takes H.264
+// access units, port 1 takes 16-bit PCM, and the component records both into an MP4 file.
+#ifndef COMPONENT_TDMBREC_INTERFACE_H
+#define COMPONENT_TDMBREC_INTERFACE_H
+
+#include "platform/omx_il.h"
+
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#define TDMBREC_API __attribute__((visibility("default")))
+
+#define TDMBREC_COMPONENT_NAME "OMX.qvr.tdmb.rec"
+
+enum { TDMBREC_PORT_VIDEO = 0, TDMBREC_PORT_AUDIO = 1, TDMBREC_PORT_COUNT = 2 };
+
+enum {
+    TDMBREC_PORT_BUFFER_BYTES = 0x100000,
+    TDMBREC_PATH_BYTES = 128,
+    TDMBREC_NAME_PART_1_BYTES = 22,
+    TDMBREC_NAME_PART_2_BYTES = 128,
+    TDMBREC_AUDIO_BIT_RATE = 128000,      // bit/s
+    TDMBREC_LEAST_FREE_KIB = 51200,       // at or below this the storage is full
+    TDMBREC_FILE_LIMIT_BYTES = 1800000000 // a file that has passed this ends its recording
+};
+
+// Vendor parameters of OMX_SetParameter: values of OMX_INDEXTYPE.
+enum {
+    TDMBREC_INDEX_NAME_PART_1 = 0x7F00002A, // TDMBREC_NAME_PART_1_BYTES
+    TDMBREC_INDEX_NAME_PART_2 = 0x7F00002B, // TDMBREC_NAME_PART_2_BYTES
+    TDMBREC_INDEX_OUTPUT_PATH = 0x7F00002C, // TDMBREC_PATH_BYTES, of the next recording
+    TDMBREC_INDEX_START = 0x7F00002D,       // any non-null record
+    TDMBREC_INDEX_STOP = 0x7F00002E         // any non-null record
+};
+
+// Events of the component: values of OMX_EVENTTYPE.
+enum {
+    TDMBREC_EVENT_END_OF_RECORDING = 0x7F000005, // data: 0 and the tdmbrec_stop_reason_t
+    TDMBREC_EVENT_END_OF_STREAM = 5 // data: 0 and 1; the number that the broadcast player expects
+};
+
+// Why a recording ended.
+typedef enum tdmbrec_stop_reason_t {
+    TDMBREC_STOP_STORAGE = 0,      // the storage is not usable, or no file was ever opened
+    TDMBREC_STOP_CLIENT = 1,       // the client asked
+    TDMBREC_STOP_STORAGE_FULL = 2, // at most TDMBREC_LEAST_FREE_KIB are free
+    TDMBREC_STOP_MUX_OPEN = 4,     // the file could not be opened
+    TDMBREC_STOP_WRITE = 5,        // writing a frame failed
+    TDMBREC_STOP_SIZE_LIMIT = 6,   // the file has passed TDMBREC_FILE_LIMIT_BYTES
+    TDMBREC_STOP_DESTROYED = 7     // the component was destroyed
+} tdmbrec_stop_reason_t;
+
+// The table of the video segments that the recordings of the process have had; it wraps.
+enum {
+    TDMBREC_VIDEO_SEGMENTS = 50,
+    TDMBREC_SEGMENT_LATEST = 0, // word of the current segment: its latest video time (ms)
+    TDMBREC_SEGMENT_END = 1,    // word of a finished one: the last time before the gap after it
+    TDMBREC_SEGMENT_WORDS = 2
+};
+TDMBREC_API extern uint32_t global_ui_VIDEO_PTS[TDMBREC_VIDEO_SEGMENTS][TDMBREC_SEGMENT_WORDS];
+TDMBREC_API extern uint8_t global_uc_write_index; // of the current segment
+
+// The library's entry point: makes the handle the component TDMBREC_COMPONENT_NAME.
+// returns: OMX_ErrorNone, OMX_ErrorBadParameter for a null handle, OMX_ErrorInsufficientResources
+TDMBREC_API OMX_ERRORTYPE omx_tdmbrec_component_Init(OMX_COMPONENTTYPE *component);
+
+// Bodies of the writer threads, for a program that makes frames itself; the component starts
+// neither. While a recording is active, they write the frames of FIFO 1 (video) and FIFO 0 (audio)
+// of component/frame_fifo.h to its file: the low 32 bits of a frame's time are its time in the file
+// (ms), its extra word is its flags. Frames wait until the file is open. A failed write and a file
+// past its limit end the recording.
+// in: the handle
+TDMBREC_API void *omx_tdmbrec_video_thread(void *component);
+TDMBREC_API void *omx_tdmbrec_audio_thread(void *component);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif // COMPONENT_TDMBREC_INTERFACE_H
