@@ -10,8 +10,6 @@
 
 #include <chrono>
 
-static constexpr char kWorkName[] = "stream.aac";
-
 struct encoding {
     std::unique_ptr<pcm_input> pcm;
     aac_stream stream;
@@ -85,14 +83,14 @@ int encode_run(const encode_options &options)
     output_place_check_inputs(options.output, {options.input});
     self.pcm = pcm_input_open(options.input);
     open_stream(self, options);
-    work_file out(*folder, kWorkName);
+    work_file out(*folder, kWorkStream);
     if (options.raw) {
         work_file_write(out, adif_header(self.stream.settings));
     }
     encode_all(self, out);
     work_file_finish(out);
     self.bytes = out.bytes;
-    work_folder_publish(*folder, kWorkName);
+    work_folder_publish(*folder, kWorkStream);
     const int code = report_faults(options, *self.pcm);
     report(options, self,
            std::chrono::duration<double>(std::chrono::steady_clock::now() - begun).count());

@@ -4,9 +4,6 @@
 #include "client/input/mapped_file.h"
 #include "mp4read/mp4_reader.h"
 
-#include <cerrno>
-#include <cstring>
-
 // The pages of the file that reading has touched are let go each time so many frames are counted.
 static constexpr uint64_t kFramesToRelease = 1 << 14;
 
@@ -26,8 +23,7 @@ std::optional<file_summary> finished_file_read(int file)
 {
     const std::unique_ptr<mapped_file> mapped = mapped_file_of(file);
     if (mapped == nullptr) {
-        throw failure(exit_code::output,
-                      std::string("the finished file cannot be read back: ") + strerror(errno));
+        fail_with_errno(exit_code::output, "the finished file cannot be read back");
     }
     file_summary summary = {.bytes = mapped->bytes.size()};
     const auto count_frame = [&](const mp4_reader::track *of, const mp4_reader::sample &frame) {

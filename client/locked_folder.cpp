@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
-#include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/file.h>
@@ -112,8 +111,8 @@ locked_folder locked_folder_make(int directory, const std::string &output_name,
             break;
         }
     }
-    throw failure(exit_code::output, "no folder " + folder.name +
-                                         " can be made beside the output: " + std::strerror(errno));
+    fail_with_errno(exit_code::output,
+                    "no folder " + folder.name + " can be made beside the output");
 }
 
 void locked_folder_remove(int directory, const locked_folder &folder)

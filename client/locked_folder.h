@@ -4,9 +4,13 @@
 #ifndef CLIENT_LOCKED_FOLDER_H
 #define CLIENT_LOCKED_FOLDER_H
 
-#include <optional>
+#include <array>
 #include <string>
 #include <vector>
+
+// The muxer's scratch files, which are in the folder while a file is being written.
+inline constexpr std::array<const char *, 6> kMuxTableNames = {
+    "a_stco.tmp", "a_stsz.tmp", "v_stco.tmp", "v_stsz.tmp", "v_stss.tmp", "v_stts_dts.tmp"};
 
 struct locked_folder {
     int descriptor = -1; // holds the lock

@@ -27,7 +27,7 @@ static void stop_when_asked(void)
 {
     interruption_block();
     interruption_listen([] {
-        work_folder_give_up();
+        work_folder_abort();
         terminal_say("tdmbrec: aborted");
     });
 }

@@ -17,7 +17,6 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-static constexpr char kWorkName[] = "movie.mp4";
 static constexpr int32_t kAacTag = 0xAAC0;
 
 // Sound this late is as good as together with the picture.
@@ -118,7 +117,7 @@ static void open_output(muxing &self, const mux_options &options, const work_fol
         tracks.m_pbyAudioPrivate = self.audio->config.data();
         tracks.m_iAudioPrivateSize = static_cast<int32_t>(self.audio->config.size());
     }
-    mux_file_open(self.out, options, work_folder_path(folder, kWorkName),
+    mux_file_open(self.out, options, work_folder_path(folder, kWorkMovie),
                   work_folder_path(folder, ""), tracks);
 }
 
@@ -154,7 +153,7 @@ static void put_all(muxing &self)
 
 static file_summary read_back(const work_folder &folder)
 {
-    const int file = openat(folder.folder.descriptor, kWorkName, O_RDONLY | O_CLOEXEC);
+    const int file = openat(folder.folder.descriptor, kWorkMovie, O_RDONLY | O_CLOEXEC);
     const std::optional<file_summary> summary = file >= 0 ? finished_file_read(file) : std::nullopt;
     if (file >= 0) {
         close(file);
@@ -239,7 +238,7 @@ int mux_run(const mux_options &options)
     put_all(self);
     mux_file_close(self.out, options);
     const file_summary file = read_back(*folder);
-    work_folder_publish(*folder, kWorkName);
+    work_folder_publish(*folder, kWorkMovie);
     report(options, self, file,
            std::chrono::duration<double>(std::chrono::steady_clock::now() - begun).count());
     return 0;

@@ -77,7 +77,7 @@ static void say_remarks(session &self, const std::vector<std::string> &remarks)
 
 static exit_code stop_code(uint32_t reason)
 {
-    return static_cast<exit_code>(static_cast<int>(exit_code::stop_reason) + reason);
+    return exit_code_plus(exit_code::stop_reason, static_cast<int>(reason));
 }
 
 static void check_free_space(const storage_root &storage)
@@ -211,9 +211,8 @@ static void send_programme(session &self)
     while (!il_session_stopped(*self.component)) {
         if (const int signal = interruption_signal()) {
             if (self.sent_video_bytes == 0) {
-                throw failure(
-                    static_cast<exit_code>(static_cast<int>(exit_code::given_up) + signal),
-                    "stopped before the first picture; no file is made");
+                throw failure(exit_code_plus(exit_code::aborted, signal),
+                              "stopped before the first picture; no file is made");
             }
             self.summary.ended = "stopped by the user";
             return;

@@ -18,11 +18,6 @@
 
 static constexpr char kCardProperty[] = "qvr.sdcard.db.status";
 
-[[noreturn]] static void fail(exit_code code, const std::string &what)
-{
-    throw failure(code, what + ": " + std::strerror(errno));
-}
-
 storage_root::~storage_root()
 {
     storage_discard(*this);
@@ -49,7 +44,7 @@ static void use_storage_itself(storage_root &root)
         throw failure(exit_code::storage, storage_refusal(errno));
     }
     if (flock(root.scratch, LOCK_EX | LOCK_NB) != 0) {
-        throw failure(exit_code::storage, "another recording is using /mnt/sdcard");
+        storage_refuse_in_use();
     }
     root.is_shared = true;
 }
@@ -58,7 +53,7 @@ static void provide_card(storage_root &root)
 {
     root.made_card = mkdirat(root.scratch, kCardName, 0700) == 0;
     if (!root.made_card && errno != EEXIST) {
-        fail(exit_code::storage, "the card cannot be provided");
+        fail_with_errno(exit_code::storage, "the card cannot be provided");
     }
     host_set_property(kCardProperty, "available");
 }
@@ -103,7 +98,7 @@ static void provide_folder(storage_root &root)
     if (storage_show(root.folder.descriptor)) {
         root.scratch = openat(root.folder.descriptor, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
         if (root.scratch < 0) {
-            fail(exit_code::output, root.folder.name);
+            fail_with_errno(exit_code::output, root.folder.name);
         }
     } else {
         use_storage_itself(root);
@@ -255,7 +250,7 @@ void storage_settle(storage_root &root)
 {
     const int recording = storage_open_recording(root);
     if (recording < 0) {
-        fail(exit_code::component, "the recorder component left no file");
+        fail_with_errno(exit_code::component, "the recorder component left no file");
     }
     const bool settled =
         fsync(recording) == 0 && (!root.is_shared || move_to_folder(root, recording));
@@ -263,7 +258,7 @@ void storage_settle(storage_root &root)
     close(recording);
     if (!settled) {
         errno = error;
-        fail(exit_code::output, "the file cannot be brought to the output's directory");
+        fail_with_errno(exit_code::output, "the file cannot be brought to the output's directory");
     }
 }
 
@@ -271,7 +266,7 @@ void storage_publish(storage_root &root)
 {
     const file_place place = place_of_recording(root);
     if (!output_place_take(*root.place, place.directory, place.name)) {
-        fail(exit_code::output, "the file cannot take the name " + root.place->name);
+        fail_with_errno(exit_code::output, "the file cannot take the name " + root.place->name);
     }
     storage_discard(root);
 }
@@ -294,7 +289,7 @@ static void clear_tables(const storage_root &root, bool is_kept)
     const size_t slash = root.record_name.find('/');
     const std::string directory =
         slash == std::string::npos ? "" : root.record_name.substr(0, slash + 1);
-    for (const char *const name : kTableNames) {
+    for (const char *const name : kMuxTableNames) {
         const std::string table = directory + name;
         if (is_kept) {
             (void)renameat(root.scratch, table.c_str(), root.scratch,

@@ -152,7 +152,7 @@ static bool show_link(int folder)
     if (is_free || is_own_link(directory)) {
         if (flock(directory, LOCK_EX | LOCK_NB) != 0) {
             close(directory);
-            throw failure(exit_code::storage, "another recording is using /mnt/sdcard");
+            storage_refuse_in_use();
         }
         if (link_folder(folder, directory)) {
             linked = directory;
@@ -175,6 +175,11 @@ void storage_hide(void)
         close(linked);
         linked = -1;
     }
+}
+
+void storage_refuse_in_use(void)
+{
+    throw failure(exit_code::storage, std::string("another recording is using ") + kStorageMount);
 }
 
 std::string storage_refusal(int error)

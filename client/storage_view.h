@@ -21,6 +21,9 @@ void storage_isolate(void);
 // Takes back what would outlast the process. May be called twice. thread: any.
 void storage_hide(void);
 
+// throws: `failure`, because another recording has a folder there
+[[noreturn]] void storage_refuse_in_use(void);
+
 // The sentence for a user whose folder could not be shown, nor that which is there be used.
 // in: what prevents that, an errno.
 std::string storage_refusal(int error);

@@ -3,6 +3,7 @@
 #include "client/output_place.h"
 #include "client/report/figures.h"
 
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -116,7 +117,7 @@ static unfinished_recording look_into(int folder, const std::string &folder_path
 
 static void remove_files(int folder)
 {
-    for (const char *const name : kTableNames) {
+    for (const char *const name : kMuxTableNames) {
         unlinkat(folder, name, 0);
     }
     unlinkat(folder, kRecordingName, 0);

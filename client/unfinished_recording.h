@@ -4,20 +4,16 @@
 
 #include "client/locked_folder.h"
 
-#include <array>
 #include <cstdint>
-#include <span>
 #include <string>
 #include <vector>
 
 // The folder beside the output has the output's name with this after it.
 inline constexpr char kRecordingSuffix[] = ".recording";
 
-// In the folder, or below it on the card: the recording, and the component's own files.
+// The recording, in the folder or on the card below it.
 inline constexpr char kRecordingName[] = "recording.mp4";
 inline constexpr char kCardName[] = "tflash";
-inline constexpr std::array<const char *, 6> kTableNames = {
-    "a_stco.tmp", "a_stsz.tmp", "v_stco.tmp", "v_stsz.tmp", "v_stss.tmp", "v_stts_dts.tmp"};
 
 // The copy of a finished recording from another file system, while it is made.
 inline constexpr char kCopyName[] = "copy.mp4";
