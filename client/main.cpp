@@ -20,7 +20,7 @@ static int run(int status)
 
 static int run(const record_options &options)
 {
-    return record(options);
+    return record_run(options);
 }
 
 static void stop_when_asked(void)
