@@ -15,7 +15,10 @@ static const AacEncCallbacks memory_callbacks = {
     .move = std::memmove,
 };
 
-// Says first what the encoder would refuse with a number.
+static constexpr int kBitRateMin = 16000;
+static constexpr int kBitRateStep = 1000;
+
+// The encoder refuses these with a number only.
 static void check_settings(const aac_settings &settings)
 {
     if (!is_encoder_rate(settings.rate)) {
@@ -29,7 +32,7 @@ static void check_settings(const aac_settings &settings)
         throw failure(exit_code::unsupported, "it has " + std::to_string(settings.channels) +
                                                   " channels; the encoder supports one or two");
     }
-    if (settings.bit_rate < 16000 || settings.bit_rate % 1000 != 0) {
+    if (settings.bit_rate < kBitRateMin || settings.bit_rate % kBitRateStep != 0) {
         throw failure(exit_code::usage, "--bitrate takes a multiple of 1000, at least 16000, not " +
                                             std::to_string(settings.bit_rate));
     }

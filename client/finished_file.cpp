@@ -4,13 +4,14 @@
 #include "client/input/mapped_file.h"
 #include "mp4read/mp4_reader.h"
 
-// The pages of the file that reading has touched are let go each time so many frames are counted.
+// The mapped pages are released each time this many frames have been read: a file may be larger
+// than the memory.
 static constexpr uint64_t kFramesToRelease = 1 << 14;
 
-static void count(track_summary *summary, const mp4_reader::sample &frame)
+static void count(track_summary &summary, const mp4_reader::sample &frame)
 {
-    summary->frames++;
-    summary->bytes += frame.size;
+    summary.frames++;
+    summary.bytes += frame.size;
 }
 
 static uint64_t frames_left_out(const mp4_reader::movie &movie, const char *handler)
@@ -27,7 +28,7 @@ std::optional<file_summary> finished_file_read(int file)
     }
     file_summary summary = {.bytes = mapped->bytes.size()};
     const auto count_frame = [&](const mp4_reader::track *of, const mp4_reader::sample &frame) {
-        count(of->handler == "vide" ? &summary.video : &summary.audio, frame);
+        count(of->handler == "vide" ? summary.video : summary.audio, frame);
         if ((summary.video.frames + summary.audio.frames) % kFramesToRelease == 0) {
             mapped_file_release(*mapped);
         }

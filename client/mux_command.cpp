@@ -19,10 +19,10 @@
 
 static constexpr int32_t kAacTag = 0xAAC0;
 
-// Sound this late is as good as together with the picture.
+// Sound this late is not noticed beside the picture.
 static constexpr int64_t kLateToleranceUs = 40'000;
 
-// Gaps in the sound that add up to less than this are not worth a word.
+// Gaps in the sound are reported from this total on.
 static constexpr int64_t kGapToleranceUs = 100'000;
 
 struct muxing {
@@ -30,14 +30,14 @@ struct muxing {
     std::unique_ptr<aac_input> audio;
     std::optional<video_unit> picture; // the next one
     int64_t origin_us = 0;             // of the first picture
-    int64_t sounds = 0;                // access units put so far
-    int64_t left_out_us = 0;           // of sound in front of the first picture
+    int64_t sounds = 0;                // access units written so far
+    int64_t left_out_us = 0;           // of sound before the first picture
     int64_t late_us = 0;               // from the first picture to the first sound
     mux_file out;
 };
 
-// The file begins both tracks at once: brings the sound to where the first picture is, as far as
-// leaving out whole access units can.
+// Both tracks of the file begin at 0. Leaves out whole access units of the sound before the first
+// picture, and notes how late it begins.
 static void align_sound(muxing &self, const mux_options &options)
 {
     const bool one_file = self.video->file->clock.other != nullptr;
@@ -133,20 +133,20 @@ static void put_picture(muxing &self)
     self.picture = video_input_next(*self.video);
 }
 
-// Puts the frames of both tracks in the order of their times.
+// Writes the frames of both tracks in the order of their times.
 static void put_all(muxing &self)
 {
-    bool has_sound = self.audio != nullptr;
-    while (self.picture || has_sound) {
+    bool has_audio = self.audio != nullptr;
+    while (self.picture || has_audio) {
         interruption_check();
-        const int64_t sound_us = has_sound ? aac_input_span_us(*self.audio, self.sounds) : 0;
-        if (self.picture && (!has_sound || self.picture->time_us - self.origin_us <= sound_us)) {
+        const int64_t sound_us = has_audio ? aac_input_span_us(*self.audio, self.sounds) : 0;
+        if (self.picture && (!has_audio || self.picture->time_us - self.origin_us <= sound_us)) {
             put_picture(self);
         } else if (const auto unit = aac_input_next(*self.audio)) {
             mux_file_put(self.out, MUX_TYPE_AUDIO, *unit, milliseconds(sound_us), true);
             self.sounds++;
         } else {
-            has_sound = false;
+            has_audio = false;
         }
     }
 }

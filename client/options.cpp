@@ -66,6 +66,8 @@ static const char info_footer[] =
   5    the report or the page cannot be written
 A note reports a recording to the file that is under way, or was left unfinished.)";
 
+static constexpr int kMemoryBytesMax = 1 << 28;
+
 static void add_output(CLI::App &command, std::string &output, bool &force, const char *what)
 {
     command.add_option("-o,--output", output, what)->type_name("FILE")->required();
@@ -125,20 +127,21 @@ static void add_encode(CLI::App &app, encode_options &options)
                      "announce MPEG-2 AAC in the ADTS frames, which have no noise substitution");
 }
 
-// "recorder", "none", or the sizes for output, video and audio in bytes.
+// in: text: "recorder", "none", or the sizes for output, video and audio in bytes
+// returns: the mistake, empty if there is none
 static std::string read_cache(const std::string &text, mux_memory &memory)
 {
     char rest = 0;
     if (text == "none") {
-        memory.own = true;
+        memory.is_own = true;
     } else if (text != "recorder" && std::sscanf(text.c_str(), "%d,%d,%d%c", &memory.output,
                                                  &memory.video, &memory.audio, &rest) != 3) {
         return "--cache takes \"recorder\", \"none\" or three sizes in bytes";
     }
-    const auto fits = [](int bytes) { return bytes >= 0 && bytes <= 1 << 28; };
+    const auto fits = [](int bytes) { return bytes >= 0 && bytes <= kMemoryBytesMax; };
     return fits(memory.output) && fits(memory.video) && fits(memory.audio)
                ? ""
-               : "--cache takes sizes up to 268435456 bytes";
+               : "--cache takes sizes up to " + std::to_string(kMemoryBytesMax) + " bytes";
 }
 
 static void add_mux(CLI::App &app, mux_options &options)
@@ -170,7 +173,7 @@ static void add_mux(CLI::App &app, mux_options &options)
                     "bytes lent for the close; below the output's cache and below 1024000 bytes "
                     "the muxer copies its tables in other ways")
         ->type_name("BYTES")
-        ->check(CLI::Range(0, 1 << 28))
+        ->check(CLI::Range(0, kMemoryBytesMax))
         ->capture_default_str();
     command.add_flag("--64-bit", options.wide_offsets, "chunk offsets of 64 bits");
     command.add_flag("--append", options.append, "append the tables to the file as whole files");
@@ -214,7 +217,7 @@ static int report_mistake(const std::string &command, const std::string &what)
     return static_cast<int>(exit_code::usage);
 }
 
-// Says which files the recording takes its two streams from.
+// Sets the files that the recording takes its two streams from.
 static command_line choose_inputs(record_options options, const std::string &input)
 {
     if (!input.empty() && !options.video.empty() && !options.audio.empty()) {

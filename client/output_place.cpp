@@ -79,7 +79,7 @@ bool output_place_take(const output_place &place, int from, const std::string &f
     if (renameat2(from, from_name.c_str(), place.directory, name, flags) == 0) {
         return true;
     }
-    return errno == EINVAL && // a file system without the flag
+    return errno == EINVAL && // the file system does not know the flag
            faccessat(place.directory, name, F_OK, AT_SYMLINK_NOFOLLOW) != 0 &&
            renameat(from, from_name.c_str(), place.directory, name) == 0;
 }

@@ -58,7 +58,7 @@ static void provide_card(storage_root &root)
     host_set_property(kCardProperty, "available");
 }
 
-// In /mnt/sdcard there may be recordings that were left.
+// Avoids the recordings that earlier commands left in /mnt/sdcard.
 static std::string choose_shared_name(const storage_root &root, const std::string &folder)
 {
     const std::string stem = folder + "tdmbrec-" + std::to_string(getpid());
@@ -78,11 +78,11 @@ static void choose_name(storage_root &root, bool card)
         return;
     }
     root.record_name = choose_shared_name(root, folder);
-    // For whoever finds the folder; a file system without links has to do without.
+    // Leads from the folder to the recording, where the file system has links.
     (void)symlinkat(storage_component_path(root).c_str(), root.folder.descriptor, kRecordingName);
 }
 
-// The path may mean something else to this process since /mnt has changed.
+// The folder shown below /mnt may hide the path from this process.
 static bool is_in_sight(const storage_root &root)
 {
     struct stat opened = {};
@@ -163,7 +163,7 @@ bool storage_is_out_of_sight(const storage_root &root)
     return root.was_in_sight && !is_in_sight(root);
 }
 
-// Whether the shell's limit is what keeps the file from growing.
+// returns: whether the shell's limit for files stops the recording
 static bool is_at_limit(const storage_root &root)
 {
     struct rlimit limit = {};
@@ -171,7 +171,8 @@ static bool is_at_limit(const storage_root &root)
            storage_recorded_bytes(root) >= limit.rlim_cur;
 }
 
-// Writes a little into the recording's folder. returns the reason why that fails, or 0.
+// Writes a block to the storage.
+// returns: the errno of the failure, or 0
 static int probe(const storage_root &root)
 {
     static constexpr char kName[] = "probe";
@@ -180,7 +181,7 @@ static int probe(const storage_root &root)
     if (file < 0) {
         return errno;
     }
-    errno = ENOSPC; // for a write in part
+    errno = ENOSPC; // the reason for a partial write, which sets none
     const bool is_written =
         write(file, kBlock.data(), kBlock.size()) == static_cast<ssize_t>(kBlock.size()) &&
         fsync(file) == 0;
@@ -221,7 +222,7 @@ static bool copy_bytes(int from, int to)
     return copied == 0 && fsync(to) == 0;
 }
 
-// The way to another file system: a copy that then takes the place of the link.
+// For a recording on another file system. The copy replaces the link.
 static bool copy_to_folder(const storage_root &root, int recording)
 {
     const int folder = root.folder.descriptor;
@@ -282,8 +283,8 @@ unfinished_recording storage_look(const storage_root &root)
     return recording;
 }
 
-// Removes the component's files from /mnt/sdcard, or names them after the recording that is kept,
-// so that the next one does not write over them.
+// Removes the muxer's tables from /mnt/sdcard. Those of a recording that is kept are renamed after
+// it, so that the next recording does not overwrite them.
 static void clear_tables(const storage_root &root, bool is_kept)
 {
     const size_t slash = root.record_name.find('/');

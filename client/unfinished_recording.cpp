@@ -30,7 +30,7 @@ static uint64_t read_number(const uint8_t *bytes, unsigned width)
     return number;
 }
 
-// returns 1, 0 at the end of the file, -1 when it cannot be read.
+// returns: 1; 0 at the end of the file; -1 when it cannot be read
 static int read_header(int file, uint64_t at, box_header &header)
 {
     const ssize_t got =
@@ -47,12 +47,12 @@ static int read_header(int file, uint64_t at, box_header &header)
     return 1;
 }
 
-// The component's head, up to the media data, is shorter than this.
+// The component writes less than this before the media data.
 static constexpr uint64_t kHeadBytesMax = 64;
 
 static recording_state judge(int file, uint64_t size)
 {
-    // What is longer than a head without a sign of media data is damaged, not empty.
+    // A longer file without a media data box is damaged, not empty.
     recording_state state =
         size > kHeadBytesMax ? recording_state::unfinished : recording_state::empty;
     box_header header;
@@ -99,8 +99,7 @@ unfinished_recording unfinished_recording_look(int directory, const std::string 
     return recording;
 }
 
-// in: such a folder; the recording's place is that of the folder, or of the file where there is
-// one.
+// returns: the first file with media data; without one, the place is the folder's
 static unfinished_recording look_into(int folder, const std::string &folder_path)
 {
     for (const std::string &name :
