@@ -34,7 +34,7 @@ static void open_stream(encoding &self, const encode_options &options)
     }
 }
 
-// The transform's overlap keeps the last frame back: one of silence pushes it out.
+// The transform's overlap delays the last frame: a frame of silence completes it.
 static void encode_all(encoding &self, work_file &out)
 {
     std::vector<int16_t> frame(AACENC_FRAME_SAMPLES * static_cast<size_t>(self.pcm->channels));
@@ -47,20 +47,20 @@ static void encode_all(encoding &self, work_file &out)
 
 static void report(const encode_options &options, const encoding &self, double elapsed_s)
 {
-    const double seconds = static_cast<double>(self.pcm->samples) / self.pcm->rate;
+    const double read_s = static_cast<double>(self.pcm->samples) / self.pcm->rate;
     const double coded_s = static_cast<double>(self.frames * AACENC_FRAME_SAMPLES) / self.pcm->rate;
     terminal_print(
         options.output +
         print(": %s of %d Hz %s, %llu frames, %s, %.1f kbit/s; took %.2f s, %.0f times real "
               "time\n",
-              duration_text(seconds).c_str(), self.pcm->rate,
+              duration_text(read_s).c_str(), self.pcm->rate,
               self.pcm->channels == 2 ? "stereo" : "mono",
               static_cast<unsigned long long>(self.frames), size_text(self.bytes).c_str(),
               static_cast<double>(self.bytes) * 8 / coded_s / 1000, elapsed_s,
-              elapsed_s > 0 ? seconds / elapsed_s : 0));
+              elapsed_s > 0 ? read_s / elapsed_s : 0));
 }
 
-// returns the exit code
+// returns: the exit code
 static int report_faults(const encode_options &options, const pcm_input &pcm)
 {
     const unsigned damaged = pcm.decoder->damaged;

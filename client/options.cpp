@@ -6,7 +6,7 @@
 #include <cstdio>
 #include <iostream>
 
-static const char record_footer[] = R"(Exit status:
+static constexpr char kRecordFooter[] = R"(Exit status:
   0    the file is finished; also when Ctrl-C or SIGTERM ended the recording
   2    wrong command line
   3    an input cannot be read, or broke off (the file then holds what was read)
@@ -29,7 +29,7 @@ that folder, also when the command is killed, and the next "record" or "info" of
 it. A signal that is ignored from the start, as with nohup, stays ignored. TDMBREC_PATIENCE sets how
 many seconds the command waits for a component that does not answer (default: 120).)";
 
-static const char encode_footer[] =
+static constexpr char kEncodeFooter[] =
     R"(The stream consists of ADTS frames. With --raw it consists of the bare access units after one
 ADIF header, which describes them to a decoder. The last frame is filled up with silence, and one
 frame of silence follows it to push the encoder's overlap out.
@@ -43,7 +43,7 @@ Exit status:
   7    the encoder failed
   130  stopped by Ctrl-C (143 SIGTERM, 129 SIGHUP); no stream is left)";
 
-static const char mux_footer[] =
+static constexpr char kMuxFooter[] =
     R"(The file begins sound and picture together and holds the sound without gaps. Sound before the
 first picture is left out; sound that begins later moves to the front, and gaps in it are closed. A
 warning says by how many milliseconds.
@@ -57,7 +57,7 @@ Exit status:
   7    the muxer made an invalid file
   130  stopped by Ctrl-C (143 SIGTERM, 129 SIGHUP); no file is left)";
 
-static const char info_footer[] =
+static constexpr char kInfoFooter[] =
     R"(Exit status:
   0    nothing is wrong with the file
   1    something is wrong with the file; the report says what
@@ -86,7 +86,7 @@ static void add_frame_rate(CLI::App &command, std::optional<std::string> &frame_
 static void add_record(CLI::App &app, record_options &options, std::string &input)
 {
     CLI::App &command = *app.add_subcommand("record", "Record a programme to an MP4 file");
-    command.footer(record_footer);
+    command.footer(kRecordFooter);
     command.add_option("INPUT", input, "file with video and audio: MPEG-TS, MP4 or Matroska")
         ->type_name("FILE");
     command
@@ -109,7 +109,7 @@ static void add_record(CLI::App &app, record_options &options, std::string &inpu
 static void add_encode(CLI::App &app, encode_options &options)
 {
     CLI::App &command = *app.add_subcommand("encode", "Encode a file's sound to AAC-LC");
-    command.footer(encode_footer);
+    command.footer(kEncodeFooter);
     command.add_option("INPUT", options.input, "WAV file of one of the encoder's sampling rates")
         ->type_name("FILE")
         ->required();
@@ -147,7 +147,7 @@ static std::string read_cache(const std::string &text, mux_memory &memory)
 static void add_mux(CLI::App &app, mux_options &options)
 {
     CLI::App &command = *app.add_subcommand("mux", "Put coded video and sound into an MP4 file");
-    command.footer(mux_footer);
+    command.footer(kMuxFooter);
     command
         .add_option("--video", options.video,
                     "H.264: a raw stream, MPEG-TS, MP4 or Matroska, without reordered pictures")
@@ -183,7 +183,7 @@ static void add_info(CLI::App &app, info_options &options)
 {
     CLI::App &command =
         *app.add_subcommand("info", "Report what an MP4 file holds and what is wrong with it");
-    command.footer(info_footer);
+    command.footer(kInfoFooter);
     command.add_option("INPUT", options.input, "MP4 file")->type_name("FILE")->required();
     CLI::Option *const json = command.add_flag("--json", options.json, "print the report as JSON");
     command
