@@ -30,7 +30,7 @@ struct muxing {
     std::unique_ptr<aac_input> audio;
     std::optional<video_unit> picture; // the next one
     int64_t origin_us = 0;             // of the first picture
-    int64_t sounds = 0;                // access units written so far
+    int64_t audio_units = 0;           // written so far
     int64_t left_out_us = 0;           // of sound before the first picture
     int64_t late_us = 0;               // from the first picture to the first sound
     mux_file out;
@@ -139,12 +139,12 @@ static void put_all(muxing &self)
     bool has_audio = self.audio != nullptr;
     while (self.picture || has_audio) {
         interruption_check();
-        const int64_t sound_us = has_audio ? aac_input_span_us(*self.audio, self.sounds) : 0;
+        const int64_t sound_us = has_audio ? aac_input_span_us(*self.audio, self.audio_units) : 0;
         if (self.picture && (!has_audio || self.picture->time_us - self.origin_us <= sound_us)) {
             put_picture(self);
         } else if (const auto unit = aac_input_next(*self.audio)) {
             mux_file_put(self.out, MUX_TYPE_AUDIO, *unit, milliseconds(sound_us), true);
-            self.sounds++;
+            self.audio_units++;
         } else {
             has_audio = false;
         }

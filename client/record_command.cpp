@@ -80,8 +80,7 @@ static void open_all(recording &self)
     self.component = il_session_open();
 }
 
-// The component reports a reason, not whether the file is complete: only reading it back shows
-// that.
+// Reads the file back: the component reports a reason, not whether the file is complete.
 static void read_recording(recording &self)
 {
     const int file = storage_open_recording(*self.storage);
@@ -221,7 +220,7 @@ static void close_all(recording &self)
 {
     if (il_session_left_alone()) {
         storage_hide();
-        _exit(self.summary.status); // its threads may still run, and use the storage
+        _exit(self.summary.status); // the component's threads may still run and write
     }
     use_storage(nullptr);
     self.storage.reset();

@@ -23,7 +23,8 @@ static int linked = -1;      // /mnt, locked, while the link exists
 static std::string refusals; // of the system, for the user
 static uid_t user;           // taken before the namespace, which may have no name for it
 
-// Notes the call that failed, with errno. returns: false
+// Notes the call that failed, with errno.
+// returns: false
 static bool refuse(const std::string &what)
 {
     const int error = errno;

@@ -24,7 +24,7 @@ class InfoCommand : public CommandTest {
         ASSERT_GT(whole.size(), 500000u);
     }
 
-    // Makes the report in every form. returns: the text
+    // returns: the report as text; the other forms are made as well
     static std::string report_on(std::span<const uint8_t> image)
     {
         const media_report report = media_report_make("name", image);

@@ -12,7 +12,7 @@ class MuxCommand : public CommandTest {
         shell(TDMBREC "encode programme.wav -o in.aac");
     }
 
-    // Muxes a file. returns: times, sizes and checksums of all frames
+    // returns: times, sizes and checksums of all frames of the file made with these arguments
     std::string frames_of(const std::string &arguments, const std::string &file)
     {
         const command_result made = shell(TDMBREC "mux -f -o " + file + " " + arguments);
