@@ -39,7 +39,7 @@ enum {
 };
 
 // Memory functions of the caller, with the contracts of their C library namesakes. The encoder
-// calls the first two and `fill` only, and none of them while it encodes.
+// calls only `allocate`, `release` and `fill`, and none of them while it encodes.
 typedef struct AacEncCallbacks {
     void *(*allocate)(size_t size);
     void (*release)(void *pointer);
@@ -94,19 +94,18 @@ typedef struct AacEncInitParams {
 // clang-format on
 
 // Opens, runs and closes an encoder.
-//   AACENC_OP_INIT    arg3 = AacEncInitParams, arg4 unused. Reads the records the parameters point
-//                     to, fills their `out (init)` fields and stores the new handle; on failure
-//                     stores null and keeps nothing.
+//   AACENC_OP_INIT    arg3 = AacEncInitParams, arg4 unused. Reads the records that the parameters
+//                     point to, fills their `out (init)` fields and stores the new handle. On
+//                     failure it stores null and keeps nothing.
 //   AACENC_OP_ENCODE  arg3 = AacEncAudioInfo, arg4 = AacEncStreamInfo. Encodes one frame of
 //                     AACENC_FRAME_SAMPLES samples per channel, 16-bit aligned. A null PCM pointer
-//                     means the PCM of the frame before. On failure `outputBytes` is left as
-//                     it was.
+//                     means the PCM of the previous frame. On failure `outputBytes` is unchanged.
 //   AACENC_OP_CLOSE   arg3 and arg4 unused. Releases everything and stores null.
-// in:      handle  the caller's handle variable, null while nothing is open
+// in: handle: the caller's handle variable, null while nothing is open
 // returns: AACENC_OK or one of the errors above
-// owns:    the handle owns what init allocated through the callbacks, until close
-// thread:  one handle is used by one thread at a time; handles are independent of each other
-// source:  the stream is ISO/IEC 14496-3 raw_data_block(), or adts_frame() of the same standard
+// owns: the handle owns what init allocated through the callbacks, until close
+// thread: one handle is used by one thread at a time; handles are independent of each other
+// source: ISO/IEC 14496-3, raw_data_block() and adts_frame()
 AACENC_API int32_t QVR_AAC_ENC(int32_t op, void **handle, void *arg3, void *arg4);
 
 #ifdef __cplusplus

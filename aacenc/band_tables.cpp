@@ -45,7 +45,7 @@ const uint8_t sr_info_aac[5][52] = {
     },
 };
 
-const BandwidthRow bandwidth_table[9] = {
+const bandwidth_row bandwidth_table[9] = {
     {48000, { 5442,  5442,  9841, 12490, 15306, 16000}},
     {44100, { 5000,  5604, 10325, 13056, 16000, 16000}},
     {32000, { 3628,  6261, 12118, 14512, 14512, 14512}},

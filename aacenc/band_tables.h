@@ -1,10 +1,10 @@
-// What depends on the sample rate: scalefactor bands and audio bandwidth.
+// Scalefactor bands and audio bandwidth by sample rate.
 #ifndef AACENC_BAND_TABLES_H
 #define AACENC_BAND_TABLES_H
 
 #include <cstdint>
 
-struct BandwidthRow {
+struct bandwidth_row {
     int32_t sample_rate;
     int32_t bandwidth_hz[6];
 };
@@ -19,9 +19,9 @@ extern const uint8_t sr_info_index[9];
 // Scalefactor bands of a long window: their number, then their widths in lines, lowest band first.
 extern const uint8_t sr_info_aac[5][52];
 
-// Audio bandwidth by sample rate; column i serves the bit rates per channel (bit/s) below
-// bandwidth_bounds[i], the last column all above.
-extern const BandwidthRow bandwidth_table[9];
+// Audio bandwidth by sample rate. Column i is for bit rates per channel (bit/s) below
+// bandwidth_bounds[i], the last column for all others.
+extern const bandwidth_row bandwidth_table[9];
 extern const int32_t bandwidth_bounds[5];
 
 #endif // AACENC_BAND_TABLES_H

@@ -8,7 +8,7 @@ static void open_next_byte(AacEncBitstream *bitstream)
     bitstream->bytes[++bitstream->byteIndex] = 0;
 }
 
-// returns: the byte behind
+// returns: the next byte
 static uint8_t *store_u32(uint8_t *out, uint32_t value)
 {
     for (int32_t i = 0; i < 4; i++) {
@@ -41,7 +41,7 @@ int32_t bitstream_put_entries(AacEncBitstream *bitstream, const uint32_t *entrie
 {
     const int32_t bits_before = AACENC_BsBufferNumBit(bitstream);
     uint8_t *out = bitstream->bytes + bitstream->byteIndex;
-    uint64_t pending = uint32_t{*out} >> bitstream->freeBits; // its low bits are still to be stored
+    uint64_t pending = uint32_t{*out} >> bitstream->freeBits; // only its low bits are valid
     int32_t pending_bits = 8 - bitstream->freeBits;
     for (const uint32_t *entry = entries; entry != entries + count; entry++) {
         const int32_t length = static_cast<int32_t>(*entry >> 24);

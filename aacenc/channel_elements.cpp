@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <bit>
 
-static constexpr int64_t kSilentEnergy = 20;                // a top band up to here carries nothing
+static constexpr int64_t kSilentEnergy = 20; // a top band up to here counts as silent
 static constexpr uint32_t kNoiseEnergyOffset = 0x29800000U; // 41.5 in Q24
 
 void DetermineChInfo(AacEncChInfo *ch_info0, AacEncChInfo *ch_info1, int32_t channels)
@@ -20,6 +20,7 @@ void DetermineChInfo(AacEncChInfo *ch_info0, AacEncChInfo *ch_info1, int32_t cha
     }
 }
 
+// returns: the sum of the squares, over 2^31
 static int64_t band_energy(const int32_t *spectrum, int32_t lines)
 {
     int64_t energy = 0;
@@ -55,43 +56,43 @@ static int32_t noise_energy(uint32_t energy)
                        : static_cast<int32_t>((log2_q26(energy) / 2 + kNoiseEnergyOffset) >> 24);
 }
 
-// returns: the first band from 1 on that starts at the bandwidth or above
-static int32_t first_noise_band(const AacEncCoderInfo *coder_info, const EncTfState *tf_state)
+// returns: the first band, 0 excluded, that starts at or above the bandwidth
+static int32_t first_noise_band(const AacEncCoderInfo *coder, const EncTfState *tf)
 {
-    if (tf_state->bwLines == 0) {
+    if (tf->bwLines == 0) {
         return 0;
     }
     int32_t band = 1;
-    while (band < tf_state->maxSfb && coder_info->swbOffset[band] < tf_state->bwLines) {
+    while (band < tf->maxSfb && coder->swbOffset[band] < tf->bwLines) {
         band++;
     }
     return band;
 }
 
-void AACENC_CalcPNS(int32_t *spectrum, AacEncCoderInfo *coder_info, const uint8_t *band_widths,
-                    const EncTfState *tf_state)
+void AACENC_CalcPNS(int32_t *spectrum, AacEncCoderInfo *coder, const uint8_t *band_widths,
+                    const EncTfState *tf)
 {
-    std::fill_n(coder_info->noiseFlag, kMaxBands, 0);
-    std::fill_n(coder_info->noiseEnergy, kMaxBands, 0);
+    std::fill_n(coder->noiseFlag, kMaxBands, 0);
+    std::fill_n(coder->noiseEnergy, kMaxBands, 0);
     int64_t energy[kMaxBands];
-    for (int32_t band = 0; band < tf_state->maxSfb; band++) {
-        energy[band] = band_energy(spectrum + coder_info->swbOffset[band], band_widths[band]);
+    for (int32_t band = 0; band < tf->maxSfb; band++) {
+        energy[band] = band_energy(spectrum + coder->swbOffset[band], band_widths[band]);
     }
 
-    const int32_t start_band = first_noise_band(coder_info, tf_state);
-    int32_t top = tf_state->maxSfb - 1;
+    const int32_t start_band = first_noise_band(coder, tf);
+    int32_t top = tf->maxSfb - 1;
     while (top > start_band && energy[top] <= kSilentEnergy) {
         top--;
     }
-    clear_lines_from(spectrum, coder_info->swbOffset[top]);
+    clear_lines_from(spectrum, coder->swbOffset[top]);
     for (int32_t band = start_band; band < top; band++) {
-        coder_info->noiseEnergy[band] = noise_energy(static_cast<uint32_t>(energy[band]));
-        coder_info->noiseFlag[band] = 1;
+        coder->noiseEnergy[band] = noise_energy(static_cast<uint32_t>(energy[band]));
+        coder->noiseFlag[band] = 1;
     }
 }
 
 void MSEncode(int32_t *const *spectra, AacEncChInfo *ch_info0, AacEncChInfo *ch_info1,
-              const AacEncCoderInfo *coder_info0, int32_t channels, const EncTfState *tf_state)
+              const AacEncCoderInfo *coder0, int32_t channels, const EncTfState *tf)
 {
     if (channels != 2 || !ch_info0->present || !ch_info0->pair || !ch_info0->firstOfPair) {
         return;
@@ -99,8 +100,8 @@ void MSEncode(int32_t *const *spectra, AacEncChInfo *ch_info0, AacEncChInfo *ch_
     ch_info0->commonWindow = 1;
     ch_info1->commonWindow = 1;
     ch_info0->ms.msMaskPresent = 1;
-    std::fill_n(ch_info0->ms.msUsed, tf_state->maxSfb, 1);
-    const int32_t lines = coder_info0->swbOffset[tf_state->maxSfb];
+    std::fill_n(ch_info0->ms.msUsed, tf->maxSfb, 1);
+    const int32_t lines = coder0->swbOffset[tf->maxSfb];
     for (int32_t k = 0; k < lines; k++) {
         const int32_t left_half = spectra[0][k] / 2;
         const int32_t right_half = spectra[1][k] / 2;

@@ -1,5 +1,4 @@
-// Channels and their elements, and the two tools that work across bands and channels: perceptual
-// noise substitution and mid/side stereo.
+// The channels' syntax elements, perceptual noise substitution and mid/side stereo.
 #ifndef AACENC_CHANNEL_ELEMENTS_H
 #define AACENC_CHANNEL_ELEMENTS_H
 
@@ -7,22 +6,23 @@
 
 #include <cstdint>
 
-// Maps one channel onto a single channel element, two onto a channel pair element without common
-// window; both with tag 0.
+// Maps one channel onto a single channel element, and two onto a channel pair element without a
+// common window. The tag is 0.
 void DetermineChInfo(AacEncChInfo *ch_info0, AacEncChInfo *ch_info1, int32_t channels);
 
-// Flags the bands above the audio bandwidth as noise bands with the energies that stand for them,
-// up to the highest band with energy, and clears the lines from there on.
-// in, out: spectrum    1024 lines
-// in:      band_widths  the bands' widths in lines
-// out:     coder_info   noise flags and energies
-// source:  ISO/IEC 14496-3, 4.6.13
-void AACENC_CalcPNS(int32_t *spectrum, AacEncCoderInfo *coder_info, const uint8_t *band_widths,
-                    const EncTfState *tf_state);
+// Turns the bands from the audio bandwidth up to the highest loud band into noise bands, and clears
+// the lines from that band on.
+// in, out: spectrum: 1024 lines
+// in: band_widths: lines of each band
+// out: coder: noise flags and energies
+// source: ISO/IEC 14496-3, 4.6.13
+void AACENC_CalcPNS(int32_t *spectrum, AacEncCoderInfo *coder, const uint8_t *band_widths,
+                    const EncTfState *tf);
 
-// Turns the left and right lines of a channel pair into mid and side, and the pair into one with a
-// common window and mid/side in every band.
+// Turns the left and right lines of a channel pair into mid and side, and gives the pair a common
+// window with mid/side in every band. Never called in operation: AacEncState::midSide is off.
+// source: ISO/IEC 14496-3, 4.6.8.1
 void MSEncode(int32_t *const *spectra, AacEncChInfo *ch_info0, AacEncChInfo *ch_info1,
-              const AacEncCoderInfo *coder_info0, int32_t channels, const EncTfState *tf_state);
+              const AacEncCoderInfo *coder0, int32_t channels, const EncTfState *tf);
 
 #endif // AACENC_CHANNEL_ELEMENTS_H

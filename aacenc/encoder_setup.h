@@ -20,8 +20,8 @@ constexpr size_t heap_bytes(size_t size)
     return (size + kAlign) & ~(kAlign - 1);
 }
 
-// Everything that the work block holds: the two states, then the allocations of EncTfInit and
-// AACEnc_Init, always for two channels.
+// Bytes of the two states and of the allocations of EncTfInit and AACEnc_Init, which are always for
+// two channels.
 inline constexpr size_t kWorkBlockNeed =
     sizeof(AacEncState) + sizeof(EncTfState) +
     kMaxChannels * (heap_bytes(kChannelBufferBytes) + heap_bytes(sizeof(AacEncTns)) +
@@ -33,21 +33,22 @@ static_assert(kWorkBlockNeed <= kWorkBlockBytes);
 static_assert(sizeof(AacEncState) % alignof(EncTfState) == 0);
 static_assert(sizeof(EncTfState) % sizeof(void *) == 0);
 
-// Lays the two states and the empty heap out at the start of the work block.
+// Places the two states, cleared, and the empty heap at the start of the work block.
 // returns: 0
-[[nodiscard]] int32_t AACEnc_Create(AacEncHandle *handle, uint8_t *work_block);
+int32_t AACEnc_Create(AacEncHandle *handle, uint8_t *work_block);
 
 // Checks the configuration and sets the encoder up for it.
 // returns: 0, or kInitBadConfig for a bad bit rate or number of channels, or kInitBadSampleRate
 [[nodiscard]] int32_t AACEnc_Init(AacEncState *state, const AacEncConfig *config);
 
 // Allocates the transform coder's records and sets them up.
-// in:      config   with a sample rate of SampleRates
-//          ignored  not read
-void EncTfInit(const AacEncConfig *config, const void *ignored, EncTfState *tf_state);
+// in: config: its sample rate is one of SampleRates
+// in: ignored: not read
+void EncTfInit(const AacEncConfig *config, const void *ignored, EncTfState *tf);
 
-// Takes cleared memory from the work block's heap, which the block's size covers.
-[[nodiscard]] void *AACEnc_malloc(size_t size, EncTfState *tf_state);
+// Takes cleared memory from the work block's heap; kWorkBlockBytes covers all allocations.
+// returns: never null
+[[nodiscard]] void *AACEnc_malloc(size_t size, EncTfState *tf);
 
 // returns: audio bandwidth in Hz, 0 for an unknown sample rate
 [[nodiscard]] int32_t AACENC_SetBandWidth(int32_t bit_rate_per_channel, int32_t sample_rate);

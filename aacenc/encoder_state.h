@@ -1,4 +1,5 @@
-// The encoder's records. All live in the handle's work block; their order is fixed.
+// The encoder's records. All but the handle are in the handle's work block. Their fields have a
+// fixed order.
 #ifndef AACENC_ENCODER_STATE_H
 #define AACENC_ENCODER_STATE_H
 
@@ -16,10 +17,9 @@ inline constexpr int32_t kMaxChannelBits = 6144; // decoder input buffer, bits p
 inline constexpr int32_t kReservoirBits = 8184;  // highest level of the bit reservoir
 inline constexpr int32_t kAdtsHeaderBytes = 7;   // adts_frame() without CRC
 inline constexpr int32_t kChannelBufferBytes = 8192;
-inline constexpr int32_t kMaxCodewords = 2048;  // a channel buffer full of list entries
+inline constexpr int32_t kMaxCodewords = kChannelBufferBytes / sizeof(uint32_t);
 inline constexpr uint8_t kOnlyLongSequence = 0; // window_sequence
 inline constexpr uint8_t kSineWindow = 0;       // window_shape
-inline constexpr int32_t kFirstGlobalGain = 60; // where the first rate search starts
 
 // Codebooks with a meaning of their own.
 inline constexpr uint8_t kZeroBook = 0;
@@ -50,8 +50,8 @@ struct AacEncBitstream {
 // One TNS filter. Entry 0 of the reflection coefficients and of the indices is not used.
 struct AacEncTnsFilter {
     int32_t order;
-    int32_t direction;                       // 0 = upward
-    int32_t coefCompress;
+    int32_t direction;                       // always 0, upward
+    int32_t coefCompress;                    // always 0
     int32_t length;                          // scalefactor bands
     int32_t directForm[kMaxTnsOrder + 1];    // Q29, [0] is 1.0
     int32_t reflection[kMaxTnsOrder + 1];    // Q28 from the recursion, Q29 once quantised
@@ -68,7 +68,7 @@ struct AacEncTns {
     AacEncTnsFilter filter;
 };
 
-// What one channel's individual_channel_stream() is written from.
+// The contents of one channel's individual_channel_stream().
 struct AacEncCoderInfo {
     int32_t codewordCount;               // entries of the codeword list
     uint8_t windowSequence;
@@ -80,6 +80,7 @@ struct AacEncCoderInfo {
     AacEncTns *tns;
     int32_t noiseEnergy[kMaxBands];
     int32_t noiseFlag[kMaxBands];
+    const uint32_t *codewords;           // the codeword list
 };
 
 struct AacEncMsInfo {
@@ -87,7 +88,7 @@ struct AacEncMsInfo {
     int32_t msUsed[kMaxBands];
 };
 
-// The place of a channel among the syntax elements.
+// The syntax element of a channel.
 struct AacEncChInfo {
     int32_t present;
     int32_t tag;            // element_instance_tag
@@ -98,9 +99,9 @@ struct AacEncChInfo {
     AacEncMsInfo ms;
 };
 
-// The transform coder's state. A channel buffer holds 1024 spectral lines, then the previous frame's
-// 1024 samples; once the lines are quantised, the codeword list takes the buffer from its start. The
-// second work array is the upper half of the second channel buffer.
+// The transform coder's state. A channel buffer holds 1024 spectral lines, then the 1024 samples of
+// the previous frame. Once the lines are quantised, the codeword list overwrites the buffer from
+// its start. The second work array is the upper half of the second channel buffer.
 struct EncTfState {
     int32_t channels;
     int32_t samplingIndex;               // position in SampleRates
@@ -121,7 +122,7 @@ struct EncTfState {
     uint8_t *heapNext;
     uint32_t heapUsed;                   // bytes from the start of the work block
     uint32_t frameCounter;               // frames encoded since init
-    int32_t bitsLeft;                    // of this frame's access unit, for the channels to come
+    int32_t bitsLeft;                    // of this access unit, for the channels not coded yet
 };
 
 struct AacEncState {
@@ -129,7 +130,7 @@ struct AacEncState {
     int32_t channels;
     int32_t meanBits;       // of a frame
     int32_t bitsAvailable;  // level of the bit reservoir
-    int32_t midSide;        // off: no interface sets it
+    int32_t midSide;        // always 0: no interface sets it
     int32_t tns;
     int32_t pns;
     const int16_t *pcm[kMaxChannels];
@@ -153,11 +154,5 @@ static_assert(std::is_trivially_copyable_v<AacEncHandle> && std::is_aggregate_v<
 static_assert(std::is_trivially_copyable_v<AacEncState> && std::is_aggregate_v<AacEncState>);
 static_assert(std::is_trivially_copyable_v<EncTfState> && std::is_aggregate_v<EncTfState>);
 static_assert(kAdtsHeaderBytes + kMaxChannels * kMaxChannelBits / 8 < AACENC_OUTPUT_BYTES);
-
-// The previous frame's 1024 samples, behind the spectral lines of a channel buffer.
-inline int16_t *previous_frame(int32_t *channel_buffer)
-{
-    return reinterpret_cast<int16_t *>(channel_buffer + kFrameLines);
-}
 
 #endif // AACENC_ENCODER_STATE_H

@@ -20,7 +20,7 @@ void AACENC_gCmplxFft(int32_t *data, int32_t n)
     AACE_FFT_sInnerLoop_Stg2(data, n / 8, kSqrtHalf_q31);
     for (int32_t span = 8; span < n; span *= 2) {
         for (int32_t *group = data; group != data + 2 * n;) {
-            group = AACE_FFT_sInnerLoop(group, CPLX_COEFF, span, 512 / span);
+            group = AACE_FFT_sInnerLoop(group, CPLX_COEFF, span, kFftPoints / span);
         }
     }
 }

@@ -14,7 +14,7 @@ void transform_plain(const int16_t *cur, int32_t *spec, const int16_t *prev)
     post_twiddle(spec);
 }
 
-// A checked build looks at the ranges of the plain version.
+// A checked build runs the portable transform, which checks its ranges.
 static bool takes_vectors()
 {
 #ifdef TDMBREC_CHECKED

@@ -1,4 +1,4 @@
-// The filterbank in vectors.
+// The filterbank in vector code.
 #ifndef AACENC_FILTERBANK_VECTOR_H
 #define AACENC_FILTERBANK_VECTOR_H
 
@@ -7,7 +7,7 @@
 // returns: whether the build and the processor have the vectors for transform_vector
 [[nodiscard]] bool vector_transform_available();
 
-// As transform_plain, to the last bit. Takes 4 KB of stack and its twiddle factors from tables.
+// As transform_plain, bit for bit. Takes 4 KB of stack; its twiddle factors are in tables.
 void transform_vector(const int16_t *cur, int32_t *spec, const int16_t *prev);
 
 #endif // AACENC_FILTERBANK_VECTOR_H

@@ -1,4 +1,4 @@
-// Fixed-point helpers. A build with TDMBREC_CHECKED stops where a range is left.
+// Fixed-point helpers. A build with TDMBREC_CHECKED stops when a value leaves its range.
 #ifndef AACENC_FIXED_POINT_H
 #define AACENC_FIXED_POINT_H
 
@@ -72,13 +72,24 @@ constexpr int32_t mulhi(int32_t a, int32_t b)
     return static_cast<int32_t>(mul_s64(a, b) >> 32);
 }
 
-// a * b with b in Q31, rounded down to an even number: the lowest bit of the product is lost.
-constexpr int32_t mul_q31(int32_t a, int32_t b)
+// a * b, rounded down to an even number: the lowest bit of the product is lost.
+constexpr int32_t mul_q31(int32_t a, int32_t b_q31)
 {
-    return narrow_s32(mul_s64(mulhi(a, b), 2));
+    return narrow_s32(mul_s64(mulhi(a, b_q31), 2));
 }
 
-// a * c + b * d and a * c - b * d, the products as by mul_q31; the results fit in 32 bits.
+// a * b in 64 bits, rounded down.
+constexpr int64_t mul_q28(int64_t a, int32_t b_q28)
+{
+    return (a * b_q28) >> 28;
+}
+
+constexpr int64_t mul_q29(int32_t a, int32_t b_q29)
+{
+    return mul_s64(a, b_q29) >> 29;
+}
+
+// a * c + b * d and a * c - b * d with the products of mul_q31; the results fit in 32 bits.
 constexpr int32_t mul_add_q31(int32_t a, int32_t c_q31, int32_t b, int32_t d_q31)
 {
     return narrow_s32((static_cast<int64_t>(mulhi(a, c_q31)) + mulhi(b, d_q31)) * 2);

@@ -5,7 +5,6 @@
 #include "aacenc/channel_elements.h"
 #include "aacenc/element_syntax.h"
 #include "aacenc/filterbank.h"
-#include "aacenc/fixed_point.h"
 #include "aacenc/rate_loop.h"
 #include "aacenc/tns.h"
 
@@ -16,6 +15,12 @@ static constexpr uint32_t kTnsHoldOffFrames = 3;
 static constexpr int32_t kFirstFrequencyIndex = 3;   // standard's index of SampleRates[0]
 static constexpr int32_t kElementHeaderBits = 3 + 4; // id_syn_ele, element_instance_tag
 static constexpr int32_t kEndBits = 3;
+
+// returns: the previous frame's samples, after the lines of a channel buffer
+static int16_t *previous_frame(int32_t *channel_buffer)
+{
+    return reinterpret_cast<int16_t *>(channel_buffer + kFrameLines);
+}
 
 // returns: the rate's scalefactor band widths, lowest first
 static const uint8_t *set_bands(EncTfState *tf)
@@ -73,7 +78,7 @@ static void apply_stereo_and_noise(const AacEncState *state, const uint8_t *widt
     }
 }
 
-// returns: what a decoder's input buffer leaves for the channels, in bits
+// returns: bits of a decoder's input buffer that are left for the channels
 static int32_t channel_room(const EncTfState *tf)
 {
     const AacEncChInfo *first = tf->chInfo[0];
@@ -87,6 +92,7 @@ static int32_t channel_room(const EncTfState *tf)
     return kMaxChannelBits * tf->channels - overhead;
 }
 
+// returns: 0; -1 is a failure that the rate loop never reports
 static int32_t code_channels(const AacEncState *state, int32_t extra_bits,
                              AacEncBitstream *bitstream, EncTfState *tf)
 {
@@ -122,9 +128,9 @@ static void write_elements(AacEncBitstream *bitstream, const EncTfState *tf)
     AACENC_ByteAlign(bitstream);
 }
 
-int32_t EncTfFrame(AacEncState *state, AacEncBitstream *bitstream, EncTfState *tf_state)
+int32_t EncTfFrame(AacEncState *state, AacEncBitstream *bitstream, EncTfState *tf)
 {
-    if (state == nullptr || bitstream == nullptr || tf_state == nullptr) {
+    if (state == nullptr || bitstream == nullptr || tf == nullptr) {
         return -1;
     }
     for (int32_t ch = 0; ch < state->channels; ch++) {
@@ -133,30 +139,30 @@ int32_t EncTfFrame(AacEncState *state, AacEncBitstream *bitstream, EncTfState *t
         }
     }
 
-    DetermineChInfo(tf_state->chInfo[0], tf_state->chInfo[1], state->channels);
-    const uint8_t *widths = set_bands(tf_state);
+    DetermineChInfo(tf->chInfo[0], tf->chInfo[1], state->channels);
+    const uint8_t *widths = set_bands(tf);
     for (int32_t ch = 0; ch < state->channels; ch++) {
-        transform_channel(state, ch, tf_state);
+        transform_channel(state, ch, tf);
     }
     for (int32_t ch = 0; ch < state->channels; ch++) {
-        set_band_offsets(tf_state->coderInfo[ch], widths, tf_state->sfbTotal);
+        set_band_offsets(tf->coderInfo[ch], widths, tf->sfbTotal);
     }
 
-    // bitsAvailable is the reservoir with the frame's mean bits already added.
+    // bitsAvailable includes the frame's mean bits.
     const int32_t extra_bits =
         ((state->bitsAvailable - state->channels) & ~7) - 3 - state->meanBits;
-    const int32_t shaped = shape_channels(state, tf_state);
+    const int32_t shaped = shape_channels(state, tf);
     if (shaped < 0) {
         return shaped;
     }
-    apply_stereo_and_noise(state, widths, tf_state);
-    if (code_channels(state, extra_bits, bitstream, tf_state) < 0) {
+    apply_stereo_and_noise(state, widths, tf);
+    if (code_channels(state, extra_bits, bitstream, tf) < 0) {
         return -1;
     }
-    write_elements(bitstream, tf_state);
+    write_elements(bitstream, tf);
 
     for (int32_t ch = 0; ch < state->channels; ch++) {
-        std::memcpy(previous_frame(tf_state->channelBuffer[ch]), state->pcm[ch],
+        std::memcpy(previous_frame(tf->channelBuffer[ch]), state->pcm[ch],
                     kFrameLines * sizeof(int16_t));
     }
     return 0;
@@ -164,27 +170,27 @@ int32_t EncTfFrame(AacEncState *state, AacEncBitstream *bitstream, EncTfState *t
 
 // clang-format off
 
-int32_t AACEnc_WriteADTSHeader(const AacEncState *state, int32_t frame_length, uint8_t *out_buffer)
+int32_t AACEnc_WriteADTSHeader(const AacEncState *state, int32_t frame_bytes, uint8_t *out_buffer)
 {
     const int32_t frequency_index = state->tfState->samplingIndex + kFirstFrequencyIndex;
-    uint8_t header[kAdtsHeaderBytes + 1]; // the writer opens the byte behind a full one
+    uint8_t header[kAdtsHeaderBytes + 1]; // the writer clears the byte after a full one
     AacEncBitstream bs;
     bitstream_start(&bs, header);
-    BsPutBit(&bs, 0xFFF, 12);                                    // syncword
-    BsPutBit(&bs, static_cast<uint32_t>(state->mpeg2Id), 1);     // ID
-    BsPutBit(&bs, 0, 2);                                         // layer
-    BsPutBit(&bs, 1, 1);                                         // protection_absent
-    BsPutBit(&bs, 1, 2);                                         // profile, Low Complexity
-    BsPutBit(&bs, static_cast<uint32_t>(frequency_index), 4);    // sampling_frequency_index
-    BsPutBit(&bs, 0, 1);                                         // private_bit
-    BsPutBit(&bs, static_cast<uint32_t>(state->channels), 3);    // channel_configuration
-    BsPutBit(&bs, 0, 1);                                         // original_copy
-    BsPutBit(&bs, 0, 1);                                         // home
-    BsPutBit(&bs, 0, 1);                                         // copyright_identification_bit
-    BsPutBit(&bs, 0, 1);                                         // copyright_identification_start
-    BsPutBit(&bs, static_cast<uint32_t>(frame_length), 13);       // aac_frame_length
-    BsPutBit(&bs, 0x7FF, 11);                                    // adts_buffer_fullness
-    BsPutBit(&bs, 0, 2);                                         // number_of_raw_data_blocks_in_frame
+    BsPutBit(&bs, 0xFFF, 12);                                 // syncword
+    BsPutBit(&bs, static_cast<uint32_t>(state->mpeg2Id), 1);  // ID
+    BsPutBit(&bs, 0, 2);                                      // layer
+    BsPutBit(&bs, 1, 1);                                      // protection_absent
+    BsPutBit(&bs, 1, 2);                                      // profile, Low Complexity
+    BsPutBit(&bs, static_cast<uint32_t>(frequency_index), 4); // sampling_frequency_index
+    BsPutBit(&bs, 0, 1);                                      // private_bit
+    BsPutBit(&bs, static_cast<uint32_t>(state->channels), 3); // channel_configuration
+    BsPutBit(&bs, 0, 1);                                      // original_copy
+    BsPutBit(&bs, 0, 1);                                      // home
+    BsPutBit(&bs, 0, 1);                                      // copyright_identification_bit
+    BsPutBit(&bs, 0, 1);                                      // copyright_identification_start
+    BsPutBit(&bs, static_cast<uint32_t>(frame_bytes), 13);    // aac_frame_length
+    BsPutBit(&bs, 0x7FF, 11);                                 // adts_buffer_fullness
+    BsPutBit(&bs, 0, 2);                                      // number_of_raw_data_blocks_in_frame
     const int32_t bits = AACENC_BsBufferNumBit(&bs);
     std::memcpy(out_buffer, header, kAdtsHeaderBytes);
     return bits;
@@ -193,7 +199,7 @@ int32_t AACEnc_WriteADTSHeader(const AacEncState *state, int32_t frame_length, u
 // clang-format on
 
 int32_t AACEnc_EncodeFrame(AacEncState *state, const int16_t *pcm_left, const int16_t *pcm_right,
-                           uint8_t *out_buffer, int32_t *out_length)
+                           uint8_t *out_buffer, int32_t *out_bytes)
 {
     EncTfState *tf = state->tfState;
     if (pcm_left != nullptr) {
@@ -225,6 +231,6 @@ int32_t AACEnc_EncodeFrame(AacEncState *state, const int16_t *pcm_left, const in
         bytes += kAdtsHeaderBytes;
         AACEnc_WriteADTSHeader(state, bytes, out_buffer);
     }
-    *out_length = bytes;
+    *out_bytes = bytes;
     return 0;
 }

@@ -1,5 +1,5 @@
 // Huffman codebooks of ISO/IEC 14496-3. An entry holds the length of its codeword in bits 24..31
-// and the codeword, right-aligned, in bits 0..23. Each line below gives the index of a codeword.
+// and the codeword, right-aligned, in bits 0..23. The comments give the index of a codeword.
 #ifndef AACENC_HUFFMAN_TABLES_H
 #define AACENC_HUFFMAN_TABLES_H
 
@@ -28,7 +28,9 @@ extern const uint32_t huff10[169];
 // unsigned pairs, 0..16, 16 = escape: a * 17 + b
 extern const uint32_t huff11[289];
 
-// Scalefactors: difference + 60
+// Scalefactors: difference + 60.
+inline constexpr int32_t kScalefactorZero = 60; // index of difference 0
+inline constexpr int32_t kScalefactorCodes = 121;
 extern const uint32_t huff12[121];
 
 // The spectral codebooks; codebook n is entry n - 1.

@@ -9,15 +9,17 @@
 #include <algorithm>
 #include <cstdlib>
 
-static constexpr int32_t kEscapeMark = 16; // stands in the codeword for a value with an escape
+static constexpr int32_t kEscapeMark = 16; // in a codeword: the value is in an escape
+static constexpr int32_t kEscapeBase = kEscapeMark + 1;
+static constexpr int32_t kSignedZero = 40; // index of all zeros in a signed codebook
 
 // Bits of the two codebooks of a class.
-struct ClassBits {
+struct book_bits {
     int32_t odd;
     int32_t even;
 };
 
-// Lines that are quantised already are read as ScaledLines are.
+// Quantised lines are read in the same way as scaled_lines.
 static int32_t line_value(const int32_t *values, int32_t k)
 {
     return values[k];
@@ -28,8 +30,8 @@ static int32_t line_magnitude(const int32_t *values, int32_t k)
     return std::abs(values[k]);
 }
 
-// Index of the codeword for the kGroup lines from k on in a codebook of kBase values each. Signed
-// codebooks hold the signs in the codeword and have their zero in the middle.
+// returns: index of the codeword for kGroup lines from k on, of kBase values each; the index of a
+// signed codebook includes the signs
 template <int32_t kGroup, int32_t kBase, bool kSigned, typename Lines>
 static int32_t codeword_index(const Lines &lines, int32_t k)
 {
@@ -37,7 +39,7 @@ static int32_t codeword_index(const Lines &lines, int32_t k)
     for (int32_t i = k; i < k + kGroup; i++) {
         index = index * kBase + (kSigned ? line_value(lines, i) : line_magnitude(lines, i));
     }
-    return kSigned ? index + 40 : index;
+    return kSigned ? index + kSignedZero : index;
 }
 
 static int32_t escape_prefix(int32_t magnitude)
@@ -52,12 +54,12 @@ static int32_t escape_bits(int32_t magnitude)
 
 static int32_t escape_index(int32_t first, int32_t second)
 {
-    return std::min(first, kEscapeMark) * 17 + std::min(second, kEscapeMark);
+    return std::min(first, kEscapeMark) * kEscapeBase + std::min(second, kEscapeMark);
 }
 
-// Sums both books' bits in the halves of one word, which 1024 lines do not fill.
+// Sums the bits of both codebooks in the halves of one word; 1024 lines do not fill a half.
 template <int32_t kGroup, int32_t kBase, bool kSigned, typename Lines>
-static ClassBits count_class(const uint32_t *class_table, const Lines &lines, int32_t count)
+static book_bits count_class(const uint32_t *class_table, const Lines &lines, int32_t count)
 {
     uint32_t bits = 0;
     for (int32_t k = 0; k < count; k += kGroup) {
@@ -78,9 +80,9 @@ static int32_t count_escape_book(const Lines &lines, int32_t count)
     return bits;
 }
 
-// The class of a codebook is named by its odd-numbered member.
+// in: odd_book: the odd-numbered codebook of the class
 template <typename Lines>
-static ClassBits class_bits(int32_t odd_book, const Lines &lines, int32_t count)
+static book_bits class_bits(int32_t odd_book, const Lines &lines, int32_t count)
 {
     switch (odd_book) {
     case 1:
@@ -105,13 +107,13 @@ static uint8_t odd_book_for(int32_t max)
     return max <= 1 ? 1 : max <= 2 ? 3 : max <= 4 ? 5 : max <= 7 ? 7 : max <= 12 ? 9 : kEscapeBook;
 }
 
-BookChoice choose_codebook(const ScaledLines &lines, int32_t count, int32_t max)
+book_choice choose_codebook(const scaled_lines &lines, int32_t count, int32_t max)
 {
     if (max == 0) {
         return {kZeroBook, 0};
     }
     const uint8_t book = odd_book_for(max);
-    const ClassBits bits = class_bits(book, lines, count);
+    const book_bits bits = class_bits(book, lines, count);
     if (book == kEscapeBook || bits.odd <= bits.even) {
         return {book, bits.odd};
     }
@@ -123,14 +125,14 @@ int32_t output_bits_check(int32_t book, const int32_t *values, int32_t count)
     if (book < 1 || book > kEscapeBook) {
         return 0;
     }
-    const ClassBits bits = class_bits((book - 1) | 1, values, count);
+    const book_bits bits = class_bits((book - 1) | 1, values, count);
     return book % 2 != 0 ? bits.odd : bits.even;
 }
 
 static uint32_t *pack_signs(const int32_t *values, int32_t count, uint32_t *out)
 {
     for (int32_t i = 0; i < count; i++) {
-        *out = 1U << 24 | (values[i] < 0 ? 1U : 0U); // stands only when the next entry follows it
+        *out = 1U << 24 | (values[i] < 0 ? 1U : 0U); // overwritten when the value is 0
         out += values[i] != 0 ? 1 : 0;
     }
     return out;

@@ -1,5 +1,5 @@
-// Codebooks of quantised lines: choosing, counting and packing. A count of lines is a multiple
-// of 4.
+// Codebooks of quantised lines: choosing, counting and packing. `count` is a number of lines, a
+// multiple of 4.
 #ifndef AACENC_NOISELESS_CODING_H
 #define AACENC_NOISELESS_CODING_H
 
@@ -7,20 +7,20 @@
 
 #include <cstdint>
 
-inline constexpr int32_t kMaxQuantised = 8191; // magnitude that the escape codebook can carry
+inline constexpr int32_t kMaxQuantised = 8191; // largest magnitude of the escape codebook
 
-struct BookChoice {
+struct book_choice {
     uint8_t book;
     int32_t bits;
 };
 
-// Picks the cheaper of a band's two candidate codebooks, the lower-numbered one of equals.
-// in:      max  largest quantised magnitude of the lines
-[[nodiscard]] BookChoice choose_codebook(const ScaledLines &lines, int32_t count, int32_t max);
+// Picks the shorter of a band's two candidate codebooks, on a tie the lower-numbered one.
+// in: max: largest quantised magnitude of the lines
+[[nodiscard]] book_choice choose_codebook(const scaled_lines &lines, int32_t count, int32_t max);
 
-// returns: bits of the values in a codebook, with signs and escapes; 0 for codebooks without
-//          spectral data
-// source:  ISO/IEC 14496-3, 4.6.3
+// Not used by the search, which counts while it chooses.
+// returns: bits of the values in a codebook, signs and escapes included; 0 for any other codebook
+// source: ISO/IEC 14496-3, 4.6.3
 [[nodiscard]] int32_t output_bits_check(int32_t book, const int32_t *values, int32_t count);
 
 // returns: entries of the codeword list that pack_codewords makes of the values
@@ -28,9 +28,9 @@ struct BookChoice {
 
 // Packs a band into entries of the codeword list: a codeword, then its signs, then its escapes,
 // each with its length in bits 24..31. A band without spectral data is one entry of length 0.
-// in:      values  magnitudes at most kMaxQuantised
+// in: values: magnitudes up to kMaxQuantised
 // returns: the end of the entries
-// source:  ISO/IEC 14496-3, 4.6.3
+// source: ISO/IEC 14496-3, 4.6.3
 [[nodiscard]] uint32_t *pack_codewords(int32_t book, const int32_t *values, int32_t count,
                                        uint32_t *out);
 

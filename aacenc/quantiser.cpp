@@ -5,18 +5,19 @@
 
 #include <algorithm>
 #include <bit>
+#include <iterator>
 
-// Line of CalcPow_RageTable by the leading zeros of a magnitude above 8191.
+// Line of CalcPow_RageTable by the leading zeros of a magnitude that CalcPow34 does not hold.
 static constexpr uint8_t kLineOfZeros[19] = {
     4, 4, 4, 4, 4, 4, 4, 4, 3, 3, 2, 2, 2, 1, 1, 1, 0, 0, 0,
 };
 
 int32_t power_three_quarters(uint32_t magnitude)
 {
-    if (magnitude <= 8191) {
+    if (magnitude < std::size(CalcPow34)) {
         return CalcPow34[magnitude];
     }
-    const PowerLine &line = CalcPow_RageTable[kLineOfZeros[std::countl_zero(magnitude)]];
+    const power_line &line = CalcPow_RageTable[kLineOfZeros[std::countl_zero(magnitude)]];
     const int64_t past_start = static_cast<int64_t>(magnitude) - line.start;
     return line.base + static_cast<int32_t>((past_start * line.slope_q32) >> 32);
 }
@@ -33,14 +34,12 @@ int32_t raise_lines(const int32_t *spectrum, int32_t count, int32_t *power)
 
 int32_t quantiser_factor(int32_t gain)
 {
-    return quantfac_table[std::clamp(99 - gain, 0, 99)];
+    return quantfac_table[std::clamp(kMaxFactorGain - gain, 0, kMaxFactorGain)];
 }
 
-void quantise_lines(const int32_t *spectrum, const int32_t *power, int32_t count,
-                    int32_t factor_q29, int32_t *out)
+void quantise_lines(const scaled_lines &lines, int32_t count, int32_t *quantised)
 {
     for (int32_t k = 0; k < count; k++) {
-        const int32_t magnitude = quantise_power(power[k], factor_q29);
-        out[k] = spectrum[k] > 0 ? magnitude : -magnitude;
+        quantised[k] = line_value(lines, k);
     }
 }

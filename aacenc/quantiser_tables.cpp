@@ -18,7 +18,7 @@ const int32_t quantfac_table[100] = {
     363530205, 413984066, 471440349, 536870912, // 96
 };
 
-const PowerLine CalcPow_RageTable[5] = {
+const power_line CalcPow_RageTable[5] = {
     {    8192,    861, 242290831},
     {   65536,   4096, 144066618},
     {  524288,  19484,  85662496},

@@ -4,8 +4,8 @@
 
 #include <cstdint>
 
-// A straight line that stands for x^(3/4) from `start` on: base + (x - start) * slope.
-struct PowerLine {
+// A straight line in place of x^(3/4) from `start` on: base + (x - start) * slope.
+struct power_line {
     int32_t start;
     int32_t base;
     int32_t slope_q32;
@@ -17,7 +17,7 @@ extern const int32_t quantfac_table[100];
 // floor(x^(3/4)) for x = 0..8191.
 extern const int16_t CalcPow34[8192];
 
-// x^(3/4) above 8191, in rising order; each line ends where the next one starts.
-extern const PowerLine CalcPow_RageTable[5];
+// x^(3/4) above 8191: the lines in rising order. Each ends where the next one starts.
+extern const power_line CalcPow_RageTable[5];
 
 #endif // AACENC_QUANTISER_TABLES_H

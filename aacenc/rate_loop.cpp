@@ -13,18 +13,16 @@ static constexpr int32_t kLowestStart = 40;
 static constexpr int32_t kHighestGain = 200;
 static constexpr int32_t kTrials = 5;
 static constexpr int32_t kScalefactorOffset = 100; // gain 0 is the standard's step size of 1
-static constexpr int32_t kScalefactorZero = 60;    // index of the scalefactor codeword for 0
+static constexpr int32_t kMostPairEntries = 5;     // a codeword, two signs, two escapes
 
-static constexpr int32_t kMostPairEntries = 5; // a codeword, two signs, two escapes
-
-// Allowance of a trial for what it does not count: global_gain, ics_info, flags and scalefactors.
+// Allowance of a trial for all that it does not count, such as global_gain, ics_info and the flags.
 static constexpr int32_t kSideAllowance = 102;
 
 // A channel without a coded line: global_gain, ics_info, one section, the three flags, TNS data.
 static constexpr int32_t kEmptyChannelBits = 8 + 11 + (4 + 2 * 5) + 3 + (2 + 1 + 11 + 2 + 12 * 4);
 
-// One channel on its way from lines to codewords.
-struct Channel {
+// The coding of one channel, from lines to codewords.
+struct channel_coding {
     const int32_t *spectrum;
     int32_t *power;     // magnitudes to the power 3/4
     int32_t *quantised; // with the signs of the spectrum; only in bands with a codebook
@@ -32,10 +30,10 @@ struct Channel {
     AacEncBitstream *bitstream;
     const EncTfState *tf;
     int32_t common_window;
-    int32_t bands;     // up to the last one that is not silent
-    int32_t max_power; // largest of all
+    int32_t bands;     // up to the last band that is not silent
+    int32_t max_power; // of all lines
     int32_t side_bits;
-    int32_t band_max[kMaxBands]; // largest power
+    int32_t band_max[kMaxBands]; // largest power of a band
     int32_t band_bits[kMaxBands];
 };
 
@@ -44,7 +42,7 @@ static int32_t band_width(const AacEncCoderInfo *coder, int32_t band)
     return coder->swbOffset[band + 1] - coder->swbOffset[band];
 }
 
-static bool band_silent(const Channel *channel, int32_t band)
+static bool band_silent(const channel_coding *channel, int32_t band)
 {
     uint32_t bits = 0;
     for (int32_t k = channel->coder->swbOffset[band]; k < channel->coder->swbOffset[band + 1];
@@ -54,11 +52,10 @@ static bool band_silent(const Channel *channel, int32_t band)
     return bits == 0;
 }
 
-// Raises the lines to the power 3/4 and finds the largest one of each band.
-static void find_powers(Channel *channel)
+// Raises the lines to the power 3/4 and finds the largest power of each band.
+static void find_powers(channel_coding *channel)
 {
     const AacEncCoderInfo *coder = channel->coder;
-    channel->max_power = 0;
     channel->bands = channel->tf->sfbTotal;
     while (channel->bands > 0 && band_silent(channel, channel->bands - 1)) {
         channel->bands--;
@@ -79,18 +76,19 @@ static int32_t starting_gain(int32_t last_gain, int32_t max_power)
     if (last_gain >= kLowestStart) {
         return last_gain;
     }
+    // Sixteen gain steps divide a value by 2^3: this gain leaves the largest one about 13 bits.
     const int32_t gain = AACENC_LOG2(static_cast<uint32_t>(max_power) >> 13) / 3 * 16;
     return gain < kLowestStart || gain > kHighestGain ? kLowestStart : gain;
 }
 
-// Chooses the codebook of every band and counts its bits.
-static void choose_codebooks(Channel *channel, int32_t gain)
+// Chooses the codebook of each band and counts its spectral bits.
+static void choose_codebooks(channel_coding *channel, int32_t gain)
 {
     AacEncCoderInfo *coder = channel->coder;
     const int32_t factor_q29 = quantiser_factor(gain);
     for (int32_t band = 0; band < channel->bands; band++) {
         const int32_t max = quantise_power(channel->band_max[band], factor_q29);
-        BookChoice choice = {kZeroBook, 0};
+        book_choice choice = {kZeroBook, 0};
         if (max != 0 && coder->noiseFlag[band]) {
             choice.book = kNoiseBook;
         } else if (max != 0) {
@@ -105,20 +103,20 @@ static void choose_codebooks(Channel *channel, int32_t gain)
 }
 
 // Quantises the bands that have spectral data.
-static void quantise_bands(Channel *channel, int32_t gain)
+static void quantise_bands(channel_coding *channel, int32_t gain)
 {
     const AacEncCoderInfo *coder = channel->coder;
+    const int32_t factor_q29 = quantiser_factor(gain);
     for (int32_t band = 0; band < channel->bands; band++) {
-        const int32_t start = coder->swbOffset[band];
         if (coder->codebook[band] != kZeroBook && coder->codebook[band] != kNoiseBook) {
-            quantise_lines(channel->spectrum + start, channel->power + start,
-                           band_width(coder, band), quantiser_factor(gain),
-                           channel->quantised + start);
+            const int32_t start = coder->swbOffset[band];
+            quantise_lines({channel->spectrum + start, channel->power + start, factor_q29},
+                           band_width(coder, band), channel->quantised + start);
         }
     }
 }
 
-static int32_t spectral_bits(const Channel *channel)
+static int32_t spectral_bits(const channel_coding *channel)
 {
     int32_t bits = 0;
     for (int32_t band = 0; band < channel->bands; band++) {
@@ -127,45 +125,20 @@ static int32_t spectral_bits(const Channel *channel)
     return bits;
 }
 
-static int32_t difference_bits(int32_t difference, int32_t highest_index)
+// returns: the channel's bits with a gain, as the search counts them
+static int32_t try_gain(channel_coding *channel, int32_t gain)
 {
-    const int32_t index = difference + kScalefactorZero;
-    return index >= 0 && index <= highest_index ? static_cast<int32_t>(huff12[index] >> 24) : 0;
-}
-
-// The search's estimate, made while every scalefactor is still 0.
-static int32_t estimate_scalefactor_bits(const AacEncCoderInfo *coder, int32_t bands, int32_t gain)
-{
-    int32_t bits = 0;
-    int32_t last = gain;
-    int32_t last_noise = gain;
-    bool first_noise = true;
-    for (int32_t band = 0; band < bands; band++) {
-        if (coder->codebook[band] == kNoiseBook) {
-            const int32_t energy = coder->noiseEnergy[band];
-            bits += first_noise ? 9 : difference_bits(energy - last_noise, 120);
-            first_noise = false;
-            last_noise = energy;
-        } else if (coder->codebook[band] != kZeroBook) {
-            bits += difference_bits(coder->scalefactor[band] - last, 119);
-            last = coder->scalefactor[band];
-        }
-    }
-    return bits;
-}
-
-// returns: the bits that the channel would take with a gain, as the search counts them
-static int32_t try_gain(Channel *channel, int32_t gain)
-{
+    AacEncCoderInfo *coder = channel->coder;
     choose_codebooks(channel, gain);
-    return sort_book_numbers(channel->coder, channel->bitstream, 0, channel->tf) +
-           spectral_bits(channel) + channel->side_bits +
-           estimate_scalefactor_bits(channel->coder, channel->bands, gain);
+    coder->globalGain = gain; // a rough count: all scalefactors are still 0
+    return sort_book_numbers(coder, channel->bitstream, 0, channel->tf) + spectral_bits(channel) +
+           channel->side_bits +
+           write_scalefactor_bitstream(channel->bitstream, 0, coder, channel->tf);
 }
 
-// Searches for a gain that takes between three quarters of the budget and all of it. The channel is
-// left with the codebooks of the gain that is returned, whether it got there or not.
-static int32_t search_gain(Channel *channel, int32_t bit_budget)
+// Searches for a gain that takes more than three quarters of the budget, but not more than all of
+// it. Leaves the codebooks of the returned gain in the channel, also when no trial met the budget.
+static int32_t search_gain(channel_coding *channel, int32_t bit_budget)
 {
     const int32_t budget_quarter = bit_budget >> 2;
     int32_t gain = starting_gain(channel->tf->lastGain, channel->max_power);
@@ -187,7 +160,7 @@ static int32_t search_gain(Channel *channel, int32_t bit_budget)
     }
 }
 
-// Keeps the steps between noise energies within the scalefactor codebook.
+// Limits the differences between noise energies to those of the scalefactor codebook.
 static void bound_noise_steps(AacEncCoderInfo *coder, int32_t bands)
 {
     bool first = true;
@@ -205,9 +178,9 @@ static void bound_noise_steps(AacEncCoderInfo *coder, int32_t bands)
     }
 }
 
-// Quantises the channel. The scalefactor names the factor, which stays the same from the highest
-// gain of the table on.
-static void settle_gain(Channel *channel, int32_t gain)
+// Quantises the channel and sets its scalefactors. The quantiser's factor is constant from
+// kMaxFactorGain on, and so is the scalefactor.
+static void settle_gain(channel_coding *channel, int32_t gain)
 {
     AacEncCoderInfo *coder = channel->coder;
     quantise_bands(channel, gain);
@@ -217,14 +190,14 @@ static void settle_gain(Channel *channel, int32_t gain)
     bound_noise_steps(coder, channel->bands);
 }
 
-static int32_t channel_bits(const Channel *channel)
+static int32_t channel_bits(const channel_coding *channel)
 {
     return write_channel_side(channel->coder, channel->common_window, channel->bitstream, 0,
                               channel->tf) +
            spectral_bits(channel);
 }
 
-static bool codewords_fit(const Channel *channel)
+static bool codewords_fit(const channel_coding *channel)
 {
     const AacEncCoderInfo *coder = channel->coder;
     const int32_t bands = channel->tf->sfbTotal;
@@ -240,7 +213,7 @@ static bool codewords_fit(const Channel *channel)
     return entries <= kMaxCodewords;
 }
 
-static bool drop_top_band(Channel *channel)
+static bool drop_top_band(channel_coding *channel)
 {
     for (int32_t band = channel->bands - 1; band >= 0; band--) {
         if (channel->coder->codebook[band] != kZeroBook) {
@@ -252,12 +225,11 @@ static bool drop_top_band(Channel *channel)
     return false;
 }
 
-// Keeps the channel within what the syntax can carry, which the search does not look at: magnitudes
-// up to 8191, `limit` bits and a list that fits its buffer. Raises the gain for this, and once that
-// does not help any more drops the top bands.
-// out:     bits  of the channel
+// Enforces the limits that the search ignores: the largest magnitude, `limit` bits and the size of
+// the codeword list. Raises the gain up to kMaxFactorGain, then drops the top bands.
+// out: bits: of the channel
 // returns: the gain
-static int32_t keep_in_syntax(Channel *channel, int32_t gain, int32_t limit, int32_t *bits)
+static int32_t keep_in_syntax(channel_coding *channel, int32_t gain, int32_t limit, int32_t *bits)
 {
     const int32_t searched_gain = gain;
     while (quantise_power(channel->max_power, quantiser_factor(gain)) > kMaxQuantised) {
@@ -280,10 +252,10 @@ static int32_t keep_in_syntax(Channel *channel, int32_t gain, int32_t limit, int
     return gain;
 }
 
-// Packing writes the entry behind the last one too.
+// Packing also writes to the entry after the last one.
 static_assert(heap_bytes(kChannelBufferBytes) > kMaxCodewords * sizeof(uint32_t));
 
-static void pack_channel(Channel *channel, uint32_t *list)
+static void pack_channel(channel_coding *channel, uint32_t *list)
 {
     AacEncCoderInfo *coder = channel->coder;
     uint32_t *end = list;
@@ -291,38 +263,38 @@ static void pack_channel(Channel *channel, uint32_t *list)
         end = pack_codewords(coder->codebook[band], channel->quantised + coder->swbOffset[band],
                              band_width(coder, band), end);
     }
+    coder->codewords = list;
     coder->codewordCount = static_cast<int32_t>(end - list);
     AACENC_CHECK(coder->codewordCount <= kMaxCodewords);
 }
 
 int32_t tf_encode_spectrum_aac(int32_t *const *spectrum, uint8_t window_sequence,
                                int32_t bit_budget, AacEncBitstream *bitstream,
-                               AacEncCoderInfo *coder_info, const AacEncChInfo *ch_info,
-                               EncTfState *tf_state)
+                               AacEncCoderInfo *coder, const AacEncChInfo *ch_info, EncTfState *tf)
 {
-    // The list grows over the spectrum and, in the second channel's buffer, over the powers; the
-    // quantised lines must lie elsewhere.
-    Channel channel = {
+    // The list overwrites the spectrum and, in the second channel's buffer, the powers. The
+    // quantised lines must therefore be in the other work array.
+    channel_coding channel = {
         .spectrum = *spectrum,
-        .power = tf_state->work[1],
-        .quantised = tf_state->work[0],
-        .coder = coder_info,
+        .power = tf->work[1],
+        .quantised = tf->work[0],
+        .coder = coder,
         .bitstream = bitstream,
-        .tf = tf_state,
+        .tf = tf,
         .common_window = ch_info->commonWindow,
     };
-    coder_info->windowSequence = window_sequence;
-    channel.side_bits = WriteTNSData(coder_info, bitstream, 0) + kSideAllowance;
-    std::fill_n(coder_info->scalefactor, tf_state->sfbTotal, 0);
-    std::fill_n(coder_info->codebook, tf_state->sfbTotal, kZeroBook);
+    coder->windowSequence = window_sequence;
+    channel.side_bits = WriteTNSData(coder, bitstream, 0) + kSideAllowance;
+    std::fill_n(coder->scalefactor, tf->sfbTotal, 0);
+    std::fill_n(coder->codebook, tf->sfbTotal, kZeroBook);
     find_powers(&channel);
 
     const int32_t searched_gain = search_gain(&channel, bit_budget);
     const bool another_follows = ch_info->pair != 0 && ch_info->firstOfPair != 0;
-    const int32_t limit = tf_state->bitsLeft - (another_follows ? kEmptyChannelBits : 0);
+    const int32_t limit = tf->bitsLeft - (another_follows ? kEmptyChannelBits : 0);
     int32_t bits = 0;
-    tf_state->lastGain = keep_in_syntax(&channel, searched_gain, limit, &bits);
-    tf_state->bitsLeft -= bits;
+    tf->lastGain = keep_in_syntax(&channel, searched_gain, limit, &bits);
+    tf->bitsLeft -= bits;
     pack_channel(&channel, reinterpret_cast<uint32_t *>(*spectrum));
     return 0;
 }

@@ -1,5 +1,5 @@
-// The rate loop: one global gain per channel and frame, found by a short search against the bits of
-// the frame.
+// The rate loop: a short search for one global gain per channel and frame that meets the bit
+// budget.
 #ifndef AACENC_RATE_LOOP_H
 #define AACENC_RATE_LOOP_H
 
@@ -8,17 +8,16 @@
 #include <cstdint>
 
 // Quantises a channel's spectrum and replaces it with the codeword list.
-// in:      spectrum  the channel's 1024 lines, in a channel buffer
-//          bit_budget    bits for the channel; may be negative
-//          bitstream    where the channel will be written; used to count only
-//          tf_state      `bitsLeft`: what this channel and those after it may take
-// out:     tf_state      `bitsLeft` without what this one takes, `lastGain`, the work arrays
-//          spectrum  the codeword list
-//          coder_info    gain, scalefactors, codebooks, length of the codeword list
+// in, out: spectrum: the channel's 1024 lines in a channel buffer; then the codeword list
+// in: bit_budget: of the channel; may be negative
+// in: bitstream: used to count only
+// in, out: tf: `bitsLeft` for this channel and the ones after it; then without this one
+// out: tf: `lastGain` and the work arrays
+// out: coder: gain, scalefactors, codebooks and the codeword list
 // returns: 0
 [[nodiscard]] int32_t tf_encode_spectrum_aac(int32_t *const *spectrum, uint8_t window_sequence,
                                              int32_t bit_budget, AacEncBitstream *bitstream,
-                                             AacEncCoderInfo *coder_info,
-                                             const AacEncChInfo *ch_info, EncTfState *tf_state);
+                                             AacEncCoderInfo *coder, const AacEncChInfo *ch_info,
+                                             EncTfState *tf);
 
 #endif // AACENC_RATE_LOOP_H

@@ -5,11 +5,19 @@
 
 #include <algorithm>
 #include <bit>
+#include <cstddef>
+#include <iterator>
 
 static constexpr int32_t kCoefRes = 4;
+static constexpr int32_t kIndexZero = 8; // entry of the value 0 in the quantiser's tables
+static constexpr int32_t kLastEntry = 15;
 static constexpr int32_t kOne_q29 = 1 << 29;
-static constexpr int32_t kSmallest_q29 = 53687091;   // 0.1: coefficients up to here count as zero
+static constexpr int32_t kSmallest_q29 = 53687091;   // 0.1: a coefficient up to here counts as zero
 static constexpr int32_t kGainThreshold_q14 = 22938; // 1.4
+
+// Shifts of the autocorrelation, before and after the sum.
+static constexpr int32_t kProductShift = 9;
+static constexpr int32_t kSumShift = 11;
 
 int32_t AACENC_snorm_l2(int64_t value, int64_t *normalised)
 {
@@ -26,45 +34,41 @@ int32_t AACENC_L_add(int32_t a, int32_t b)
 
 void TnsInit(int32_t sample_rate, AacEncTns *tns)
 {
-    for (int32_t position = 0; position < 9; position++) {
+    constexpr size_t kRates = std::size(tnsSupportedSamplingRates);
+    for (size_t position = 0; position < kRates; position++) {
         if (tnsSupportedSamplingRates[position] == sample_rate) {
-            tns->minBand = tnsMinBandNumberLong[8 - position];
-            tns->maxBands = tnsMaxBandsLongMainLow[8 - position];
+            const size_t row = kRates - 1 - position;
+            tns->minBand = tnsMinBandNumberLong[row];
+            tns->maxBands = tnsMaxBandsLongMainLow[row];
             tns->maxOrder = tnsMaxOrderLongLow;
         }
     }
 }
 
-// out |r| <= 2^52: up to 1024 products of 2^62, shifted by 20. The sum of squares alone can reach
-// 2^63, and is unsigned for it.
-static void autocorrelate(int32_t length, const int32_t *lines, int64_t *r)
+// out |r| <= 2^52: up to 1024 products of 2^62, shifted by 20. Only the sum of squares can reach
+// 2^63, and is therefore unsigned.
+static void autocorrelate(int32_t line_count, const int32_t *lines, int64_t *r)
 {
     uint64_t energy = 0;
     int64_t sums[kMaxTnsOrder + 1] = {};
-    for (int32_t n = 0; n < length; n++) {
-        energy += static_cast<uint64_t>(mul_s64(lines[n], lines[n])) >> 9;
+    for (int32_t n = 0; n < line_count; n++) {
+        energy += static_cast<uint64_t>(mul_s64(lines[n], lines[n])) >> kProductShift;
     }
     int32_t n = 0;
-    for (; n + kMaxTnsOrder < length; n++) {
+    for (; n + kMaxTnsOrder < line_count; n++) {
         for (int32_t lag = 1; lag <= kMaxTnsOrder; lag++) {
-            sums[lag] += mul_s64(lines[n + lag], lines[n]) >> 9;
+            sums[lag] += mul_s64(lines[n + lag], lines[n]) >> kProductShift;
         }
     }
-    for (; n < length; n++) {
-        for (int32_t lag = 1; n + lag < length; lag++) {
-            sums[lag] += mul_s64(lines[n + lag], lines[n]) >> 9;
+    for (; n < line_count; n++) {
+        for (int32_t lag = 1; n + lag < line_count; lag++) {
+            sums[lag] += mul_s64(lines[n + lag], lines[n]) >> kProductShift;
         }
     }
-    r[0] = static_cast<int64_t>(energy >> 11);
+    r[0] = static_cast<int64_t>(energy >> kSumShift);
     for (int32_t lag = 1; lag <= kMaxTnsOrder; lag++) {
-        r[lag] = sums[lag] >> 11;
+        r[lag] = sums[lag] >> kSumShift;
     }
-}
-
-// a * b with b in Q28, rounded down.
-static int64_t mul_q28(int64_t a, int32_t b_q28)
-{
-    return (a * b_q28) >> 28;
 }
 
 // One step of the recursion in place: from the predictor of order m - 1 to that of order m.
@@ -79,10 +83,10 @@ static void raise_order(int32_t *predictor_q28, int32_t m, int32_t k_q28)
     }
 }
 
-int32_t LevinsonDurbin_fixed(int32_t length, const int32_t *lines, int32_t *reflection_out)
+int32_t LevinsonDurbin_fixed(int32_t line_count, const int32_t *lines, int32_t *reflection_out)
 {
     int64_t r[kMaxTnsOrder + 1];
-    autocorrelate(length, lines, r);
+    autocorrelate(line_count, lines, r);
     std::fill_n(reflection_out + 1, kMaxTnsOrder, 0);
     if (r[0] == 0) {
         return 0;
@@ -120,10 +124,10 @@ void QuantizeReflectionCoeffs_fixedVer(int32_t *reflection, int8_t *indices)
 {
     for (int32_t i = 1; i <= kMaxTnsOrder; i++) {
         int32_t j = 1;
-        while (j < 15 && search4[j] < reflection[i]) {
+        while (j < kLastEntry && search4[j] < reflection[i]) {
             j++;
         }
-        indices[i] = static_cast<int8_t>(j - 8);
+        indices[i] = static_cast<int8_t>(j - kIndexZero);
         reflection[i] = kArray_Out[j];
     }
 }
@@ -136,7 +140,7 @@ int32_t StepUp_fixedVer(int32_t order, const int32_t *reflection, int32_t *direc
     for (int32_t m = 1; m <= order; m++) {
         std::copy_n(direct_form, m + 1, before);
         for (int32_t j = 1; j <= m; j++) {
-            const int64_t sum = before[j] + (mul_s64(reflection[m], before[m - j]) >> 29);
+            const int64_t sum = before[j] + mul_q29(reflection[m], before[m - j]);
             if (sum != static_cast<int32_t>(sum)) {
                 return -1;
             }
@@ -146,20 +150,21 @@ int32_t StepUp_fixedVer(int32_t order, const int32_t *reflection, int32_t *direc
     return 0;
 }
 
-void TnsInvFilter_fixedVer04(int32_t length, int32_t *lines, int32_t order,
+void TnsInvFilter_fixedVer04(int32_t line_count, int32_t *lines, int32_t order,
                              const int32_t *direct_form, int32_t *work)
 {
-    std::copy_n(lines, length, work);
-    for (int32_t n = 0; n < length; n++) {
+    std::copy_n(lines, line_count, work);
+    for (int32_t n = 0; n < line_count; n++) {
         int64_t error = work[n];
         for (int32_t i = 1; i <= std::min(n, order); i++) {
-            error += mul_s64(direct_form[i], work[n - i]) >> 29;
+            error += mul_q29(work[n - i], direct_form[i]);
         }
         lines[n] = sat32(error);
     }
 }
 
-// returns: the highest order with a coefficient that counts; those above become zero
+// Sets the small coefficients at the top to zero.
+// returns: the order that is left
 static int32_t truncate_order(AacEncTnsFilter *filter)
 {
     int32_t order = kMaxTnsOrder;

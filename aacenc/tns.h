@@ -9,42 +9,43 @@
 // Sets the filter range and order for a sample rate.
 void TnsInit(int32_t sample_rate, AacEncTns *tns);
 
-// Filters the spectrum in place when that pays, and fills the TNS record.
-// in:      nsfb, max_sfb  scalefactor bands of the sample rate, and coded
-//          enable        0 only clears the record's active flag
-//          work1, work2  1024 entries each
+// Filters the spectrum in place when the prediction gain is high enough, and fills the TNS record.
+// in: nsfb, max_sfb: scalefactor bands of the sample rate, and coded
+// in: enable: 0 only clears the record's active flag
+// in: work1, work2: 1024 entries each
 // returns: 0, or -2 when the filter range is empty
-// source:  ISO/IEC 14496-3, 4.6.9
+// source: ISO/IEC 14496-3, 4.6.9
 [[nodiscard]] int32_t TnsEncode_fixedVer(int32_t nsfb, int32_t max_sfb, const int32_t *swb_offset,
                                          int32_t *spectrum, AacEncTns *tns, int32_t enable,
                                          int32_t *work1, int32_t *work2);
 
-// Derives reflection coefficients of the best predictor of order 12.
-// in:      lines          any values, `length` <= 1024 of them
-// out:     reflection_out  [1..12], Q28, within +-1
+// Derives the reflection coefficients of the best predictor of order 12.
+// in: line_count: up to 1024
+// in: lines: any values
+// out: reflection_out: [1..12], Q28, within +-1
 // returns: nonzero when the prediction gain exceeds 1.4
-[[nodiscard]] int32_t LevinsonDurbin_fixed(int32_t length, const int32_t *lines,
+[[nodiscard]] int32_t LevinsonDurbin_fixed(int32_t line_count, const int32_t *lines,
                                            int32_t *reflection_out);
 
 // Quantises reflection coefficients.
-// in, out: reflection  [1..12], Q29; replaced by the values that a decoder reconstructs
-// out:     indices     [1..12], -7..7
+// in, out: reflection: [1..12], Q29; replaced by the values that a decoder reconstructs
+// out: indices: [1..12], -7..7
 void QuantizeReflectionCoeffs_fixedVer(int32_t *reflection, int8_t *indices);
 
 // Turns reflection coefficients into the direct form.
-// in:      reflection  [1..order], Q29
-// out:     direct_form  [0..order], Q29
-// returns: 0, or -1 when a coefficient leaves Q29
+// in: reflection: [1..order], Q29
+// out: direct_form: [0..order], Q29
+// returns: 0, or -1 when a coefficient exceeds Q29
 [[nodiscard]] int32_t StepUp_fixedVer(int32_t order, const int32_t *reflection,
                                       int32_t *direct_form);
 
-// Replaces lines by their prediction error, from the lowest upward; saturates.
-// in:      direct_form  [0..order], Q29
-//          work        `length` entries
-void TnsInvFilter_fixedVer04(int32_t length, int32_t *lines, int32_t order,
+// Replaces lines by their prediction error, from the lowest line upward; saturates.
+// in: direct_form: [0..order], Q29
+// in: work: `line_count` entries
+void TnsInvFilter_fixedVer04(int32_t line_count, int32_t *lines, int32_t order,
                              const int32_t *direct_form, int32_t *work);
 
-// out:     normalised  the value shifted left until its sign bit is followed by its opposite
+// out: normalised: the value shifted left until the bit below its sign bit differs from it
 // returns: the number of places, 0 for the value 0
 [[nodiscard]] int32_t AACENC_snorm_l2(int64_t value, int64_t *normalised);
 

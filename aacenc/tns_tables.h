@@ -1,11 +1,11 @@
-// Constants of temporal noise shaping. The standard's rows run from its samplingFrequencyIndex 0
-// up; the per-rate tables here run backwards: row r is samplingFrequencyIndex 11 - r.
+// Constants of temporal noise shaping. The per-rate tables are in the reverse of the standard's
+// order: row r is samplingFrequencyIndex 11 - r.
 #ifndef AACENC_TNS_TABLES_H
 #define AACENC_TNS_TABLES_H
 
 #include <cstdint>
 
-// Sample rates that TNS knows, in Hz; the rate at position p has row 8 - p.
+// Sample rates in Hz; the rate at position p has row 8 - p of the tables below.
 extern const int32_t tnsSupportedSamplingRates[9];
 
 // First scalefactor band of the filter, long windows.

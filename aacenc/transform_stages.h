@@ -1,10 +1,11 @@
 // The stages of the portable transform, in place on points stored as pairs (real, imaginary).
 //
-// They are written for any kind of number that has the helpers of fixed_point.h: the encoder takes
-// 32-bit integers, and the test of the range a number that is all that an integer can become.
+// They are templates for any number type with the helpers of fixed_point.h: the encoder uses 32-bit
+// integers, the test of the bounds a type that describes all values of an integer.
 #ifndef AACENC_TRANSFORM_STAGES_H
 #define AACENC_TRANSFORM_STAGES_H
 
+#include "aacenc/encoder_state.h"
 #include "aacenc/filterbank_tables.h"
 #include "aacenc/filterbank_twiddles.h"
 #include "aacenc/fixed_point.h"
@@ -14,39 +15,37 @@
 #include <cstdint>
 #include <cstring>
 
-inline constexpr int32_t kFftPoints = 512;
-inline constexpr int32_t kQuarterWave = 256; // table entry of the sine that belongs to cosine 0
-inline constexpr int32_t kSqrtHalf_q31 = 1518500224;
-
 // z := (x + jy)(cos + j sin)
 template <typename Number>
-static void rotate(Number x, Number y, const Twiddle &t, Number *z)
+static void rotate(Number x, Number y, const twiddle &t, Number *z)
 {
     z[0] = mul_sub_q31(x, t.cos_q31, y, t.sin_q31);
     z[1] = mul_add_q31(y, t.cos_q31, x, t.sin_q31);
 }
 
-// Products of 16 bits and Q29 over 2^28: twice the windowed sample.
+// Products of a 16-bit sample and Q29, over 2^28: twice the windowed sample.
 // out |u| < 2 * 32768 * sqrt(2) < 2^17
 template <typename Number, typename Sample>
 static Number fold_previous(const Sample *prev, int32_t i)
 {
-    return mul_sub_q28(prev[1023 - i], MDCT_WINDOW[1023 - i], prev[i], MDCT_WINDOW[i]);
+    return mul_sub_q28(prev[kFrameLines - 1 - i], MDCT_WINDOW[kFrameLines - 1 - i], prev[i],
+                       MDCT_WINDOW[i]);
 }
 
 template <typename Number, typename Sample>
 static Number fold_current(const Sample *cur, int32_t i)
 {
-    return mul_add_q28(cur[1023 - i], MDCT_WINDOW[i], cur[i], MDCT_WINDOW[1023 - i]);
+    return mul_add_q28(cur[kFrameLines - 1 - i], MDCT_WINDOW[i], cur[i],
+                       MDCT_WINDOW[kFrameLines - 1 - i]);
 }
 
 // The folded sequence is the current frame from i = 511 down, then the previous one from i = 0 up.
-// Its points pair an even place from the start with an odd one from the end.
+// A point pairs an even place from the start with an odd one from the end.
 template <typename Number, typename Sample>
 static void fold_and_twiddle(const Sample *cur, const Sample *prev, Number *z)
 {
-    Twiddle odd = kPreTwiddle[0];
-    Twiddle even = kPreTwiddle[1];
+    twiddle odd = kPreTwiddle[0];
+    twiddle even = kPreTwiddle[1];
     for (int32_t i = kFftPoints - 1; i > 0; i -= 4, z += 4) {
         rotate(fold_current<Number>(cur, i), fold_previous<Number>(prev, i), even, z);
         advance(&odd, even);
@@ -61,14 +60,14 @@ static void fold_and_twiddle(const Sample *cur, const Sample *prev, Number *z)
     }
 }
 
-// The places of two points that trade theirs in the bit-reversed order.
-struct Swap {
+// The places of two points that bit reversal exchanges.
+struct point_swap {
     uint16_t low;
     uint16_t high;
 };
 
 inline constexpr auto kSwaps = [] {
-    std::array<Swap, 240> swaps = {}; // the other 32 of the 512 points stay
+    std::array<point_swap, 240> swaps = {}; // the other 32 of the 512 points keep their places
     size_t count = 0;
     for (uint32_t i = 0; i < kFftPoints; i++) {
         uint32_t reversed = 0;
@@ -86,7 +85,7 @@ template <typename Number>
 static void reverse_bits(Number *data)
 {
     constexpr size_t kPointBytes = 2 * sizeof(Number);
-    for (const Swap &swap : kSwaps) {
+    for (const point_swap &swap : kSwaps) {
         Number point[2];
         std::memcpy(point, data + swap.low, kPointBytes);
         std::memcpy(data + swap.low, data + swap.high, kPointBytes);
@@ -151,7 +150,7 @@ static Number *transform_group(Number *data, const int32_t *table, int32_t span,
         const Number re = mul_add_q31(b[0], *cosine, b[1], *sine);
         const Number im = mul_sub_q31(b[1], *cosine, b[0], *sine);
         butterfly(a, b, re, im);
-        // A quarter turn on: -jW
+        // a quarter turn further: -jW
         const Number turned_re = mul_sub_q31(b[span + 1], *cosine, b[span], *sine);
         const Number turned_im = mul_add_q31(b[span], *cosine, b[span + 1], *sine);
         butterfly(a + span, b + span, turned_re, negate_s32(turned_im));
@@ -159,9 +158,10 @@ static Number *transform_group(Number *data, const int32_t *table, int32_t span,
     return data + 4 * span;
 }
 
-// Rotates a point at each end, by t and by the next t, conjugated, and unfolds them to lines.
+// Rotates the low point by t and the high one by the conjugate of `next`, and unfolds them to
+// lines.
 template <typename Number>
-static void unfold(Number *low, Number *high, const Twiddle &t, const Twiddle &next)
+static void unfold(Number *low, Number *high, const twiddle &t, const twiddle &next)
 {
     Number turned[2];
     rotate(low[0], low[1], t, turned);
@@ -176,13 +176,13 @@ static void unfold(Number *low, Number *high, const Twiddle &t, const Twiddle &n
 template <typename Number>
 static void post_twiddle(Number *spec)
 {
-    Twiddle odd = kPostTwiddle[0];
-    Twiddle even = kPostTwiddle[1];
+    twiddle odd = kPostTwiddle[0];
+    twiddle even = kPostTwiddle[1];
     for (int32_t k = 0; k < kFftPoints; k += 4) {
         advance(&odd, even);
-        unfold(spec + k, spec + 1022 - k, even, odd);
+        unfold(spec + k, spec + kFrameLines - 2 - k, even, odd);
         advance(&even, odd);
-        unfold(spec + k + 2, spec + 1020 - k, odd, even);
+        unfold(spec + k + 2, spec + kFrameLines - 4 - k, odd, even);
     }
 }
 

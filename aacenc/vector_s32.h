@@ -1,6 +1,5 @@
-// Vectors of eight 32-bit integers, for the code that comes in a vector version: AVX2 on x86, where
-// the processor is asked for it, and NEON on ARM, where the build decides. AACENC_VECTOR tells
-// whether there are any.
+// Vectors of eight 32-bit integers: AVX2 on x86, checked at run time, and NEON on ARM, chosen by
+// the build. AACENC_VECTOR is 0 where there are none.
 #ifndef AACENC_VECTOR_S32_H
 #define AACENC_VECTOR_S32_H
 
@@ -16,12 +15,12 @@
 #define VECTOR_CODE __attribute__((target("avx2")))
 #define VECTOR_INLINE VECTOR_CODE static inline
 
-using Vec = __m256i;
+using vec_s32 = __m256i;
 
-// Eight numbers of even and eight of odd place.
-struct EvenOdd {
-    Vec even;
-    Vec odd;
+// Eight numbers at even places and eight at odd places.
+struct even_odd {
+    vec_s32 even;
+    vec_s32 odd;
 };
 
 static inline bool vectors_available()
@@ -29,116 +28,117 @@ static inline bool vectors_available()
     return __builtin_cpu_supports("avx2");
 }
 
-VECTOR_INLINE Vec load(const int32_t *from)
+VECTOR_INLINE vec_s32 load(const int32_t *from)
 {
     return _mm256_loadu_si256(reinterpret_cast<const __m256i_u *>(from));
 }
 
-VECTOR_INLINE void store(int32_t *to, Vec v)
+VECTOR_INLINE void store(int32_t *to, vec_s32 v)
 {
     _mm256_storeu_si256(reinterpret_cast<__m256i_u *>(to), v);
 }
 
-VECTOR_INLINE Vec splat(int32_t value)
+VECTOR_INLINE vec_s32 splat(int32_t value)
 {
     return _mm256_set1_epi32(value);
 }
 
-VECTOR_INLINE Vec add(Vec a, Vec b)
+VECTOR_INLINE vec_s32 add(vec_s32 a, vec_s32 b)
 {
     return _mm256_add_epi32(a, b);
 }
 
-VECTOR_INLINE Vec sub(Vec a, Vec b)
+VECTOR_INLINE vec_s32 sub(vec_s32 a, vec_s32 b)
 {
     return _mm256_sub_epi32(a, b);
 }
 
-// The odd lanes in the place of the even ones, which the multiplication reads.
-VECTOR_INLINE Vec odd_lanes(Vec v)
+// Moves the odd lanes to the even ones, which the multiplication reads.
+VECTOR_INLINE vec_s32 odd_lanes(vec_s32 v)
 {
     return _mm256_srli_epi64(v, 32);
 }
 
 // Twice the upper halves of eight 64-bit products.
-VECTOR_INLINE Vec twice_high(Vec even, Vec odd)
+VECTOR_INLINE vec_s32 twice_high(vec_s32 even, vec_s32 odd)
 {
-    const Vec high = _mm256_blend_epi32(odd_lanes(even), odd, 0xAA);
+    const vec_s32 high = _mm256_blend_epi32(odd_lanes(even), odd, 0xAA);
     return add(high, high);
 }
 
-// As the functions of fixed_point.h. The upper halves add up without what the lower ones carry.
-VECTOR_INLINE Vec mul_q31(Vec a, Vec c)
+// As the functions of fixed_point.h: the upper halves are added without a carry from the lower
+// ones.
+VECTOR_INLINE vec_s32 mul_q31(vec_s32 a, vec_s32 c)
 {
     return twice_high(_mm256_mul_epi32(a, c), _mm256_mul_epi32(odd_lanes(a), odd_lanes(c)));
 }
 
-VECTOR_INLINE Vec mul_add_q31(Vec a, Vec c, Vec b, Vec d)
+VECTOR_INLINE vec_s32 mul_add_q31(vec_s32 a, vec_s32 c, vec_s32 b, vec_s32 d)
 {
-    const Vec even = add(_mm256_mul_epi32(a, c), _mm256_mul_epi32(b, d));
-    const Vec odd = add(_mm256_mul_epi32(odd_lanes(a), odd_lanes(c)),
-                        _mm256_mul_epi32(odd_lanes(b), odd_lanes(d)));
+    const vec_s32 even = add(_mm256_mul_epi32(a, c), _mm256_mul_epi32(b, d));
+    const vec_s32 odd = add(_mm256_mul_epi32(odd_lanes(a), odd_lanes(c)),
+                            _mm256_mul_epi32(odd_lanes(b), odd_lanes(d)));
     return twice_high(even, odd);
 }
 
-VECTOR_INLINE Vec mul_sub_q31(Vec a, Vec c, Vec b, Vec d)
+VECTOR_INLINE vec_s32 mul_sub_q31(vec_s32 a, vec_s32 c, vec_s32 b, vec_s32 d)
 {
-    const Vec even = sub(_mm256_mul_epi32(a, c), _mm256_mul_epi32(b, d));
-    const Vec odd = sub(_mm256_mul_epi32(odd_lanes(a), odd_lanes(c)),
-                        _mm256_mul_epi32(odd_lanes(b), odd_lanes(d)));
+    const vec_s32 even = sub(_mm256_mul_epi32(a, c), _mm256_mul_epi32(b, d));
+    const vec_s32 odd = sub(_mm256_mul_epi32(odd_lanes(a), odd_lanes(c)),
+                            _mm256_mul_epi32(odd_lanes(b), odd_lanes(d)));
     return twice_high(even, odd);
 }
 
-// (a * c + b * d) >> 28, which fits in 32 bits
-VECTOR_INLINE Vec mul_add_q28(Vec a, Vec c, Vec b, Vec d)
+// (a * c + b * d) >> 28; fits in 32 bits
+VECTOR_INLINE vec_s32 mul_add_q28(vec_s32 a, vec_s32 c, vec_s32 b, vec_s32 d)
 {
-    const Vec even = _mm256_add_epi64(_mm256_mul_epi32(a, c), _mm256_mul_epi32(b, d));
-    const Vec odd = _mm256_add_epi64(_mm256_mul_epi32(odd_lanes(a), odd_lanes(c)),
-                                     _mm256_mul_epi32(odd_lanes(b), odd_lanes(d)));
+    const vec_s32 even = _mm256_add_epi64(_mm256_mul_epi32(a, c), _mm256_mul_epi32(b, d));
+    const vec_s32 odd = _mm256_add_epi64(_mm256_mul_epi32(odd_lanes(a), odd_lanes(c)),
+                                         _mm256_mul_epi32(odd_lanes(b), odd_lanes(d)));
     return _mm256_blend_epi32(_mm256_srli_epi64(even, 28), _mm256_slli_epi64(odd, 4), 0xAA);
 }
 
-VECTOR_INLINE Vec reverse(Vec v)
+VECTOR_INLINE vec_s32 reverse(vec_s32 v)
 {
     return _mm256_permutevar8x32_epi32(v, _mm256_setr_epi32(7, 6, 5, 4, 3, 2, 1, 0));
 }
 
 // v with its first lane from `other`
-VECTOR_INLINE Vec with_first(Vec v, Vec other)
+VECTOR_INLINE vec_s32 with_first(vec_s32 v, vec_s32 other)
 {
     return _mm256_blend_epi32(v, other, 1);
 }
 
 // Splits 16 samples in memory.
-VECTOR_INLINE EvenOdd load_even_odd(const int16_t *from)
+VECTOR_INLINE even_odd load_even_odd(const int16_t *from)
 {
-    const Vec pairs = _mm256_loadu_si256(reinterpret_cast<const __m256i_u *>(from));
+    const vec_s32 pairs = _mm256_loadu_si256(reinterpret_cast<const __m256i_u *>(from));
     return {_mm256_srai_epi32(_mm256_slli_epi32(pairs, 16), 16), _mm256_srai_epi32(pairs, 16)};
 }
 
 // Splits 16 integers in memory.
-VECTOR_INLINE EvenOdd load_even_odd(const int32_t *from)
+VECTOR_INLINE even_odd load_even_odd(const int32_t *from)
 {
     const __m256 low = _mm256_castsi256_ps(load(from));
     const __m256 high = _mm256_castsi256_ps(load(from + 8));
-    const Vec even = _mm256_castps_si256(_mm256_shuffle_ps(low, high, 0x88));
-    const Vec odd = _mm256_castps_si256(_mm256_shuffle_ps(low, high, 0xDD));
+    const vec_s32 even = _mm256_castps_si256(_mm256_shuffle_ps(low, high, 0x88));
+    const vec_s32 odd = _mm256_castps_si256(_mm256_shuffle_ps(low, high, 0xDD));
     return {_mm256_permute4x64_epi64(even, 0xD8), _mm256_permute4x64_epi64(odd, 0xD8)};
 }
 
-VECTOR_INLINE void store_even_odd(int32_t *to, Vec even, Vec odd)
+VECTOR_INLINE void store_even_odd(int32_t *to, vec_s32 even, vec_s32 odd)
 {
-    const Vec low = _mm256_unpacklo_epi32(even, odd);
-    const Vec high = _mm256_unpackhi_epi32(even, odd);
+    const vec_s32 low = _mm256_unpacklo_epi32(even, odd);
+    const vec_s32 high = _mm256_unpackhi_epi32(even, odd);
     store(to, _mm256_permute2x128_si256(low, high, 0x20));
     store(to + 8, _mm256_permute2x128_si256(low, high, 0x31));
 }
 
 // Turns eight rows into columns.
-VECTOR_INLINE void transpose(Vec *rows)
+VECTOR_INLINE void transpose(vec_s32 *rows)
 {
-    Vec pairs[8];
-    Vec quads[8];
+    vec_s32 pairs[8];
+    vec_s32 quads[8];
     for (int32_t i = 0; i < 8; i += 2) {
         pairs[i] = _mm256_unpacklo_epi32(rows[i], rows[i + 1]);
         pairs[i + 1] = _mm256_unpackhi_epi32(rows[i], rows[i + 1]);
@@ -162,15 +162,15 @@ VECTOR_INLINE void transpose(Vec *rows)
 #define VECTOR_CODE
 #define VECTOR_INLINE static inline
 
-struct Vec {
+struct vec_s32 {
     int32x4_t low;
     int32x4_t high;
 };
 
-// Eight numbers of even and eight of odd place.
-struct EvenOdd {
-    Vec even;
-    Vec odd;
+// Eight numbers at even places and eight at odd places.
+struct even_odd {
+    vec_s32 even;
+    vec_s32 odd;
 };
 
 static inline bool vectors_available()
@@ -178,51 +178,51 @@ static inline bool vectors_available()
     return true;
 }
 
-static inline Vec load(const int32_t *from)
+static inline vec_s32 load(const int32_t *from)
 {
     return {vld1q_s32(from), vld1q_s32(from + 4)};
 }
 
-static inline void store(int32_t *to, Vec v)
+static inline void store(int32_t *to, vec_s32 v)
 {
     vst1q_s32(to, v.low);
     vst1q_s32(to + 4, v.high);
 }
 
-static inline Vec splat(int32_t value)
+static inline vec_s32 splat(int32_t value)
 {
     return {vdupq_n_s32(value), vdupq_n_s32(value)};
 }
 
-static inline Vec add(Vec a, Vec b)
+static inline vec_s32 add(vec_s32 a, vec_s32 b)
 {
     return {vaddq_s32(a.low, b.low), vaddq_s32(a.high, b.high)};
 }
 
-static inline Vec sub(Vec a, Vec b)
+static inline vec_s32 sub(vec_s32 a, vec_s32 b)
 {
     return {vsubq_s32(a.low, b.low), vsubq_s32(a.high, b.high)};
 }
 
-// As the functions of fixed_point.h. The instruction keeps the lowest bit of the product.
-static inline Vec mul_q31(Vec a, Vec c)
+// As the functions of fixed_point.h, which clear the lowest bit of the product.
+static inline vec_s32 mul_q31(vec_s32 a, vec_s32 c)
 {
     const int32x4_t even = vdupq_n_s32(-2);
     return {vandq_s32(vqdmulhq_s32(a.low, c.low), even),
             vandq_s32(vqdmulhq_s32(a.high, c.high), even)};
 }
 
-static inline Vec mul_add_q31(Vec a, Vec c, Vec b, Vec d)
+static inline vec_s32 mul_add_q31(vec_s32 a, vec_s32 c, vec_s32 b, vec_s32 d)
 {
     return add(mul_q31(a, c), mul_q31(b, d));
 }
 
-static inline Vec mul_sub_q31(Vec a, Vec c, Vec b, Vec d)
+static inline vec_s32 mul_sub_q31(vec_s32 a, vec_s32 c, vec_s32 b, vec_s32 d)
 {
     return sub(mul_q31(a, c), mul_q31(b, d));
 }
 
-// (a * c + b * d) >> 28, which fits in 32 bits
+// (a * c + b * d) >> 28; fits in 32 bits
 static inline int32x4_t mul_add_q28(int32x4_t a, int32x4_t c, int32x4_t b, int32x4_t d)
 {
     const int64x2_t low =
@@ -232,7 +232,7 @@ static inline int32x4_t mul_add_q28(int32x4_t a, int32x4_t c, int32x4_t b, int32
     return vcombine_s32(vshrn_n_s64(low, 28), vshrn_n_s64(high, 28));
 }
 
-static inline Vec mul_add_q28(Vec a, Vec c, Vec b, Vec d)
+static inline vec_s32 mul_add_q28(vec_s32 a, vec_s32 c, vec_s32 b, vec_s32 d)
 {
     return {mul_add_q28(a.low, c.low, b.low, d.low), mul_add_q28(a.high, c.high, b.high, d.high)};
 }
@@ -243,19 +243,19 @@ static inline int32x4_t reverse(int32x4_t v)
     return vcombine_s32(vget_high_s32(pairs), vget_low_s32(pairs));
 }
 
-static inline Vec reverse(Vec v)
+static inline vec_s32 reverse(vec_s32 v)
 {
     return {reverse(v.high), reverse(v.low)};
 }
 
 // v with its first lane from `other`
-static inline Vec with_first(Vec v, Vec other)
+static inline vec_s32 with_first(vec_s32 v, vec_s32 other)
 {
     return {vsetq_lane_s32(vgetq_lane_s32(other.low, 0), v.low, 0), v.high};
 }
 
 // Splits 16 samples in memory.
-static inline EvenOdd load_even_odd(const int16_t *from)
+static inline even_odd load_even_odd(const int16_t *from)
 {
     const int16x8x2_t pairs = vld2q_s16(from);
     return {{vmovl_s16(vget_low_s16(pairs.val[0])), vmovl_s16(vget_high_s16(pairs.val[0]))},
@@ -263,17 +263,19 @@ static inline EvenOdd load_even_odd(const int16_t *from)
 }
 
 // Splits 16 integers in memory.
-static inline EvenOdd load_even_odd(const int32_t *from)
+static inline even_odd load_even_odd(const int32_t *from)
 {
     const int32x4x2_t low = vld2q_s32(from);
     const int32x4x2_t high = vld2q_s32(from + 8);
     return {{low.val[0], high.val[0]}, {low.val[1], high.val[1]}};
 }
 
-static inline void store_even_odd(int32_t *to, Vec even, Vec odd)
+static inline void store_even_odd(int32_t *to, vec_s32 even, vec_s32 odd)
 {
-    vst2q_s32(to, {{even.low, odd.low}});
-    vst2q_s32(to + 8, {{even.high, odd.high}});
+    const int32x4x2_t low = {{even.low, odd.low}};
+    const int32x4x2_t high = {{even.high, odd.high}};
+    vst2q_s32(to, low);
+    vst2q_s32(to + 8, high);
 }
 
 // Turns four rows into columns.
@@ -288,7 +290,7 @@ static inline void transpose(int32x4_t *a, int32x4_t *b, int32x4_t *c, int32x4_t
 }
 
 // Turns eight rows into columns.
-static inline void transpose(Vec *rows)
+static inline void transpose(vec_s32 *rows)
 {
     for (int32_t i = 0; i < 8; i += 4) {
         transpose(&rows[i].low, &rows[i + 1].low, &rows[i + 2].low, &rows[i + 3].low);

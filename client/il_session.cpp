@@ -11,41 +11,42 @@
 #include <cstring>
 #include <utility>
 
-// A run is half of them, filled while the component has the other half; about as many PCM buffers
-// as pictures and a half make up a programme.
+// A run is half of them; the other half is filled while the component has the run. A programme has
+// about one and a half PCM buffers per picture.
 static constexpr std::array<uint32_t, TDMBREC_PORT_COUNT> kBufferCounts = {32, 64};
 
-// Long enough for a slow disk, short enough to tell a person that nothing moves any more.
+// Long enough for a slow disk, short enough for a user who waits.
 static constexpr int kDefaultPatienceS = 120;
-static constexpr int kLooksPerSecond = 2;
-static constexpr std::chrono::milliseconds kLook(1000 / kLooksPerSecond);
+static constexpr int kChecksPerSecond = 2;
+static constexpr std::chrono::milliseconds kCheckInterval(1000 / kChecksPerSecond);
 
-static std::atomic<bool> left_alone;
+static std::atomic<bool> is_left_alone;
 
-[[noreturn]] static void fail(const std::string &what, OMX_ERRORTYPE error)
+[[noreturn]] static void fail(const std::string &predicate, OMX_ERRORTYPE error)
 {
     char code[16] = "";
     std::snprintf(code, sizeof code, "0x%08X", static_cast<unsigned>(error));
-    throw failure(exit_code::component, "the recorder component " + what + " (" + code + ")");
+    throw failure(exit_code::component, "the recorder component " + predicate + " (" + code + ")");
 }
 
-static void check(OMX_ERRORTYPE error, const std::string &what)
+static void check(OMX_ERRORTYPE error, const std::string &predicate)
 {
     if (error != OMX_ErrorNone) {
-        fail(what, error);
+        fail(predicate, error);
     }
 }
 
-// Under the lock.
-static void note_error(il_session &self, OMX_ERRORTYPE error, bool refused)
+// thread: any, under the lock.
+static void note_error(il_session &self, OMX_ERRORTYPE error, bool is_refusal)
 {
     if (self.error == OMX_ErrorNone) {
         self.error = error;
-        self.refused = refused;
+        self.is_refusal = is_refusal;
     }
 }
 
-// Takes what is to be sent next, now that the component has nothing. Under the lock.
+// Takes the next buffers to send; the component has none.
+// thread: any, under the lock.
 static std::vector<OMX_BUFFERHEADERTYPE *> take_waiting(il_session &self)
 {
     if (self.error != OMX_ErrorNone) {
@@ -53,14 +54,14 @@ static std::vector<OMX_BUFFERHEADERTYPE *> take_waiting(il_session &self)
     }
     for (port_buffers &buffers : self.ports) {
         if (!buffers.waiting.empty()) {
-            self.out = buffers.waiting.size();
+            self.out_count = buffers.waiting.size();
             return std::exchange(buffers.waiting, {});
         }
     }
     return {};
 }
 
-// Under the lock.
+// thread: any, under the lock.
 static bool is_any_waiting(const il_session &self)
 {
     return std::any_of(self.ports.begin(), self.ports.end(),
@@ -73,7 +74,7 @@ static void send(il_session &self, const std::vector<OMX_BUFFERHEADERTYPE *> &bu
         const OMX_ERRORTYPE error = self.component->EmptyThisBuffer(self.component, buffers[i]);
         if (error != OMX_ErrorNone) {
             const std::lock_guard<std::mutex> guard(self.lock);
-            self.out -= buffers.size() - i;
+            self.out_count -= buffers.size() - i;
             note_error(self, error, true);
             self.changed.notify_all();
             return;
@@ -81,8 +82,7 @@ static void send(il_session &self, const std::vector<OMX_BUFFERHEADERTYPE *> &bu
     }
 }
 
-// The callbacks, on the component's threads.
-
+// thread: the component's, as the other two callbacks.
 static OMX_ERRORTYPE on_event(OMX_HANDLETYPE, OMX_PTR app_data, OMX_EVENTTYPE event, OMX_U32 data1,
                               OMX_U32 data2, OMX_PTR)
 {
@@ -94,7 +94,7 @@ static OMX_ERRORTYPE on_event(OMX_HANDLETYPE, OMX_PTR app_data, OMX_EVENTTYPE ev
         } else if (event == OMX_EventError) {
             note_error(self, static_cast<OMX_ERRORTYPE>(data1), false);
         } else if (static_cast<uint32_t>(event) == TDMBREC_EVENT_END_OF_RECORDING) {
-            self.stopped = data2;
+            self.stop_reason = data2;
         }
     }
     self.changed.notify_all();
@@ -107,7 +107,7 @@ static OMX_ERRORTYPE on_empty_buffer_done(OMX_HANDLETYPE, OMX_PTR app_data,
     il_session &self = *static_cast<il_session *>(app_data);
     std::unique_lock<std::mutex> guard(self.lock);
     self.ports[buffer->nInputPortIndex].free.push_back(buffer);
-    if (--self.out > 0) {
+    if (--self.out_count > 0) {
         return OMX_ErrorNone;
     }
     const std::vector<OMX_BUFFERHEADERTYPE *> next = take_waiting(self);
@@ -125,7 +125,7 @@ static OMX_ERRORTYPE on_fill_buffer_done(OMX_HANDLETYPE, OMX_PTR, OMX_BUFFERHEAD
     return OMX_ErrorNone; // a sink fills nothing
 }
 
-// The user may know of a slower disk.
+// returns: how long to wait for an answer; a user with a slower disk may set it.
 static int patience_s(void)
 {
     const char *const text = std::getenv("TDMBREC_PATIENCE");
@@ -133,35 +133,35 @@ static int patience_s(void)
     return seconds > 0 && seconds <= 1'000'000 ? seconds : kDefaultPatienceS;
 }
 
-// Waits until the condition, which is looked at under the lock, holds. The looks are counted, not
-// the time: the command and the component may have been stopped together.
+// Waits until the condition holds; it is evaluated under the lock. The checks are counted, not the
+// time: a signal may have stopped the process meanwhile.
 template <typename Condition>
-static void await(il_session &self, const char *what, Condition condition)
+static void await(il_session &self, const char *action, Condition condition)
 {
     std::unique_lock<std::mutex> guard(self.lock);
     const auto is_over = [&] { return condition() || self.error != OMX_ErrorNone; };
-    static const int looks = patience_s() * kLooksPerSecond;
-    bool reached = self.changed.wait_for(guard, kLook, is_over);
-    for (int look = 1; !reached && look < looks; look++) {
+    static const int check_count = patience_s() * kChecksPerSecond;
+    bool reached = self.changed.wait_for(guard, kCheckInterval, is_over);
+    for (int check = 1; !reached && check < check_count; check++) {
         if (self.on_wait) {
             guard.unlock();
             self.on_wait();
             guard.lock();
         }
-        reached = self.changed.wait_for(guard, kLook, is_over);
+        reached = self.changed.wait_for(guard, kCheckInterval, is_over);
     }
     if (self.error != OMX_ErrorNone) {
-        fail(self.refused ? "refuses a buffer" : "reported an error", self.error);
+        fail(self.is_refusal ? "refuses a buffer" : "reported an error", self.error);
     }
     if (!reached) {
-        self.silent = true;
-        fail(std::string("does not ") + what, OMX_ErrorTimeout);
+        self.is_silent = true;
+        fail(std::string("does not ") + action, OMX_ErrorTimeout);
     }
 }
 
 static void await_buffers(il_session &self)
 {
-    await(self, "give its buffers back", [&] { return self.out == 0; });
+    await(self, "return its buffers", [&] { return self.out_count == 0; });
 }
 
 static void await_state(il_session &self, OMX_STATETYPE state)
@@ -221,7 +221,7 @@ il_session_ptr il_session_open(void)
                       std::string("the recorder component cannot be loaded: ") +
                           omx_core_load_error() + " (TDMBREC_COMPONENT_PATH may name its library)");
     }
-    check(error, "cannot be made");
+    check(error, "cannot be created");
     self->component = static_cast<OMX_COMPONENTTYPE *>(handle);
     allocate_buffers(*self);
     command_state(*self, OMX_StateExecuting);
@@ -229,13 +229,13 @@ il_session_ptr il_session_open(void)
     return self;
 }
 
-static void set_vendor(il_session &self, uint32_t index, void *record, const char *what)
+static void set_vendor(il_session &self, uint32_t index, void *record, const char *predicate)
 {
     check(self.component->SetParameter(self.component, static_cast<OMX_INDEXTYPE>(index), record),
-          what);
+          predicate);
 }
 
-void il_session_start(il_session &self, const std::string &path, unsigned rate)
+void il_session_start(il_session &self, const std::string &path, unsigned sample_rate)
 {
     std::array<char, TDMBREC_PATH_BYTES> path_record = {};
     if (path.size() >= path_record.size()) {
@@ -253,18 +253,18 @@ void il_session_start(il_session &self, const std::string &path, unsigned rate)
     pcm.eEndian = OMX_EndianLittle;
     pcm.bInterleaved = OMX_TRUE;
     pcm.nBitPerSample = 16;
-    pcm.nSamplingRate = rate;
+    pcm.nSamplingRate = sample_rate;
     pcm.ePCMMode = OMX_AUDIO_PCMModeLinear;
     pcm.eChannelMapping[0] = OMX_AUDIO_ChannelLF;
     pcm.eChannelMapping[1] = OMX_AUDIO_ChannelRF;
     check(self.component->SetParameter(self.component, OMX_IndexParamAudioPcm, &pcm),
           "refuses the sampling rate");
 
-    uint32_t start = 1; // any record will do
-    set_vendor(self, TDMBREC_INDEX_START, &start, "refuses to start");
+    uint32_t any_record = 0;
+    set_vendor(self, TDMBREC_INDEX_START, &any_record, "refuses to start");
 }
 
-static void give_back(il_session &self, uint32_t port, OMX_BUFFERHEADERTYPE *buffer)
+static void return_buffer(il_session &self, uint32_t port, OMX_BUFFERHEADERTYPE *buffer)
 {
     const std::lock_guard<std::mutex> guard(self.lock);
     self.ports[port].free.push_back(buffer);
@@ -277,7 +277,7 @@ void il_session_flush(il_session &self)
     for (port_buffers &buffers : self.ports) {
         buffers.waiting.swap(buffers.filled);
     }
-    if (self.out == 0) {
+    if (self.out_count == 0) {
         const std::vector<OMX_BUFFERHEADERTYPE *> next = take_waiting(self);
         guard.unlock();
         send(self, next);
@@ -286,7 +286,7 @@ void il_session_flush(il_session &self)
 
 static OMX_BUFFERHEADERTYPE *take_buffer(il_session &self, uint32_t port)
 {
-    await(self, "give its buffers back", [&] { return !self.ports[port].free.empty(); });
+    await(self, "return its buffers", [&] { return !self.ports[port].free.empty(); });
     const std::lock_guard<std::mutex> guard(self.lock);
     OMX_BUFFERHEADERTYPE *const buffer = self.ports[port].free.back();
     self.ports[port].free.pop_back();
@@ -299,7 +299,7 @@ void il_session_send(il_session &self, uint32_t port, std::span<const uint8_t> b
     port_buffers &buffers = self.ports[port];
     OMX_BUFFERHEADERTYPE *const buffer = take_buffer(self, port);
     if (bytes.size() > buffer->nAllocLen) {
-        give_back(self, port, buffer);
+        return_buffer(self, port, buffer);
         throw failure(exit_code::unsupported,
                       "a picture of " + std::to_string(bytes.size()) +
                           " bytes is larger than the recorder's buffers of " +
@@ -316,20 +316,20 @@ void il_session_send(il_session &self, uint32_t port, std::span<const uint8_t> b
     }
 }
 
-std::optional<uint32_t> il_session_stopped(il_session &self)
+std::optional<uint32_t> il_session_stop_reason(il_session &self)
 {
     const std::lock_guard<std::mutex> guard(self.lock);
-    return self.stopped;
+    return self.stop_reason;
 }
 
 uint32_t il_session_stop(il_session &self)
 {
     il_session_flush(self);
     await_buffers(self);
-    uint32_t stop = 1; // any record will do
-    set_vendor(self, TDMBREC_INDEX_STOP, &stop, "refuses to stop");
-    await(self, "finish the file", [&] { return self.stopped.has_value(); });
-    return *il_session_stopped(self);
+    uint32_t any_record = 0;
+    set_vendor(self, TDMBREC_INDEX_STOP, &any_record, "refuses to stop");
+    await(self, "finish the file", [&] { return self.stop_reason.has_value(); });
+    return *il_session_stop_reason(self);
 }
 
 static void free_buffers(il_session &self)
@@ -357,23 +357,24 @@ void il_session_close(il_session_ptr self)
     check(OMX_FreeHandle(std::exchange(self->component, nullptr)), "cannot be freed");
 }
 
-// Whether all is quiet; if not, nothing more is sent.
+// Discards the waiting run.
+// returns: whether the component is in Executing, without an error, and has no buffers.
 static bool can_leave_states(il_session &self)
 {
     const std::lock_guard<std::mutex> guard(self.lock);
     for (port_buffers &buffers : self.ports) {
         buffers.waiting.clear();
     }
-    if (self.refused) { // that has been told
+    if (self.is_refusal) { // already reported
         self.error = OMX_ErrorNone;
     }
-    return self.state == OMX_StateExecuting && self.error == OMX_ErrorNone && self.out == 0;
+    return self.state == OMX_StateExecuting && self.error == OMX_ErrorNone && self.out_count == 0;
 }
 
 static bool is_silent(il_session &self)
 {
     const std::lock_guard<std::mutex> guard(self.lock);
-    return self.silent;
+    return self.is_silent;
 }
 
 void il_session_deleter::operator()(il_session *session) const
@@ -383,10 +384,10 @@ void il_session_deleter::operator()(il_session *session) const
             if (!is_silent(*session) && can_leave_states(*session)) {
                 leave_states(*session);
             }
-        } catch (const failure &) { // another failure is being reported; the handle takes the rest
+        } catch (const failure &) { // an earlier failure is being reported
         }
-        if (is_silent(*session)) { // and may still use the record
-            left_alone = true;
+        if (is_silent(*session)) { // its threads may still use the session
+            is_left_alone = true;
             return;
         }
         (void)OMX_FreeHandle(session->component);
@@ -396,5 +397,5 @@ void il_session_deleter::operator()(il_session *session) const
 
 bool il_session_left_alone(void)
 {
-    return left_alone;
+    return is_left_alone;
 }

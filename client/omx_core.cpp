@@ -1,4 +1,4 @@
-// The desk's OpenMAX IL core: loads the components' shared libraries and makes their handles.
+// The client's OpenMAX IL core: loads the shared libraries of components and creates their handles.
 #include "client/omx_core.h"
 
 #include "component/tdmbrec_interface.h"
@@ -11,26 +11,26 @@
 #include <mutex>
 #include <string_view>
 
-using component_init_t = OMX_ERRORTYPE (*)(OMX_HANDLETYPE);
+using component_init = OMX_ERRORTYPE (*)(OMX_COMPONENTTYPE *);
 
-struct component_row_t {
+struct component_row {
     const char *name;
     const char *library;
-    const char *path_variable; // names another file to load, for components under development
+    const char *path_variable; // may name another file, for a component under development
     const char *entry_point;
     void *loaded;
 };
 
-static component_row_t components[] = {
+static component_row components[] = {
     {TDMBREC_COMPONENT_NAME, "libOMX.QVR.tdmbrec.so", "TDMBREC_COMPONENT_PATH",
      "omx_tdmbrec_component_Init", nullptr},
 };
 
-static std::mutex core_lock;      // guards everything here
-static unsigned init_count;       // calls of OMX_Init that OMX_Deinit has not answered
-static char load_error[512] = ""; // what the dynamic linker said
+static std::mutex core_lock; // guards the table and the variables below
+static unsigned init_count;  // calls of OMX_Init without their OMX_Deinit
+static char load_error[512]; // of the dynamic linker
 
-static bool load(component_row_t &row)
+static bool load(component_row &row)
 {
     if (row.loaded != nullptr) {
         return true;
@@ -39,16 +39,16 @@ static bool load(component_row_t &row)
     if (path == nullptr || path[0] == '\0') {
         path = row.library;
     }
-    // A component's threads may still be leaving its code when its handle is gone.
+    // A component's threads may still run its code when its handle has been freed.
     row.loaded = dlopen(path, RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
     const char *error = row.loaded == nullptr ? dlerror() : "";
     std::snprintf(load_error, sizeof load_error, "%s", error != nullptr ? error : "");
     return row.loaded != nullptr;
 }
 
-static component_row_t *find_component(const char *name)
+static component_row *find_component(const char *name)
 {
-    for (component_row_t &row : components) {
+    for (component_row &row : components) {
         if (std::strcmp(row.name, name) == 0) {
             return &row;
         }
@@ -61,12 +61,12 @@ const char *omx_core_load_error(void)
     return load_error;
 }
 
-// Loads every library at once: the client may change what paths mean before it takes a handle.
+// Loads every library now: the client may mount another file system before it takes a handle.
 OMX_ERRORTYPE OMX_Init(void)
 {
     const std::lock_guard<std::mutex> guard(core_lock);
     if (init_count++ == 0) {
-        for (component_row_t &row : components) {
+        for (component_row &row : components) {
             (void)load(row); // OMX_GetHandle tries again and reports
         }
     }
@@ -80,7 +80,7 @@ OMX_ERRORTYPE OMX_Deinit(void)
         return OMX_ErrorNotReady;
     }
     if (--init_count == 0) {
-        for (component_row_t &row : components) {
+        for (component_row &row : components) {
             if (row.loaded != nullptr) {
                 dlclose(row.loaded);
                 row.loaded = nullptr;
@@ -106,10 +106,10 @@ OMX_ERRORTYPE OMX_ComponentNameEnum(OMX_STRING component_name, OMX_U32 name_leng
     return OMX_ErrorNone;
 }
 
-static OMX_ERRORTYPE make_handle(component_row_t &row, OMX_PTR app_data,
-                                 OMX_CALLBACKTYPE *callbacks, OMX_COMPONENTTYPE *component)
+static OMX_ERRORTYPE construct(component_row &row, OMX_PTR app_data, OMX_CALLBACKTYPE *callbacks,
+                               OMX_COMPONENTTYPE *component)
 {
-    component_init_t init = nullptr;
+    component_init init = nullptr;
     void *const symbol = dlsym(row.loaded, row.entry_point);
     std::memcpy(&init, &symbol, sizeof init);
     if (init == nullptr) {
@@ -118,9 +118,9 @@ static OMX_ERRORTYPE make_handle(component_row_t &row, OMX_PTR app_data,
     component->nSize = sizeof *component;
     component->nVersion.nVersion = OMX_VERSION_1_1_2;
     component->pApplicationPrivate = app_data;
-    const OMX_ERRORTYPE made = init(component);
-    if (made != OMX_ErrorNone) {
-        return made;
+    const OMX_ERRORTYPE error = init(component);
+    if (error != OMX_ErrorNone) {
+        return error;
     }
     return component->SetCallbacks(component, callbacks, app_data);
 }
@@ -136,7 +136,7 @@ OMX_ERRORTYPE OMX_GetHandle(OMX_HANDLETYPE *handle, OMX_STRING component_name, O
     if (init_count == 0) {
         return OMX_ErrorNotReady;
     }
-    component_row_t *const row = find_component(component_name);
+    component_row *const row = find_component(component_name);
     if (row == nullptr || !load(*row)) {
         return OMX_ErrorComponentNotFound;
     }
@@ -145,14 +145,14 @@ OMX_ERRORTYPE OMX_GetHandle(OMX_HANDLETYPE *handle, OMX_STRING component_name, O
         return OMX_ErrorInsufficientResources;
     }
     OMX_COMPONENTTYPE *const component = static_cast<OMX_COMPONENTTYPE *>(memory);
-    const OMX_ERRORTYPE made = make_handle(*row, app_data, callbacks, component);
-    if (made != OMX_ErrorNone) {
-        // What was built before the failure is the component's own to release.
+    const OMX_ERRORTYPE error = construct(*row, app_data, callbacks, component);
+    if (error != OMX_ErrorNone) {
+        // The component releases everything that it built before the failure.
         if (component->ComponentDeInit != nullptr && component->pComponentPrivate != nullptr) {
             (void)component->ComponentDeInit(component);
         }
         std::free(component);
-        return made;
+        return error;
     }
     *handle = component;
     return OMX_ErrorNone;
@@ -179,7 +179,7 @@ static OMX_ERRORTYPE request_tunnel(OMX_HANDLETYPE handle, OMX_U32 port, OMX_HAN
     return component->ComponentTunnelRequest(handle, port, peer, peer_port, setup);
 }
 
-// The output port is asked first: it proposes what the input port decides on.
+// The output port is asked first: it proposes, and the input port decides.
 OMX_ERRORTYPE OMX_SetupTunnel(OMX_HANDLETYPE output, OMX_U32 output_port, OMX_HANDLETYPE input,
                               OMX_U32 input_port)
 {
@@ -194,7 +194,7 @@ OMX_ERRORTYPE OMX_SetupTunnel(OMX_HANDLETYPE output, OMX_U32 output_port, OMX_HA
         }
     }
     const OMX_ERRORTYPE error = request_tunnel(input, input_port, output, output_port, &setup);
-    if (error != OMX_ErrorNone && output != nullptr) { // half a tunnel is none
+    if (error != OMX_ErrorNone && output != nullptr) { // the output port takes its half down
         (void)request_tunnel(output, output_port, nullptr, 0, &setup);
     }
     return error;

@@ -1,17 +1,9 @@
-// What the desk's OpenMAX IL core adds to the standard's own calls.
+// The client's OpenMAX IL core, beyond the calls of the standard.
 #ifndef CLIENT_OMX_CORE_H
 #define CLIENT_OMX_CORE_H
 
-#ifdef __cplusplus
-extern "C" {
-#endif
-
-// Why a component's library could not be loaded when last tried; an empty text when nothing failed.
-// thread: any that makes no other call of the core at the same time.
+// returns: why a component's library could not be loaded at the last attempt; empty when it was.
+// thread: any, while no other thread calls the core.
 const char *omx_core_load_error(void);
-
-#ifdef __cplusplus
-}
-#endif
 
 #endif // CLIENT_OMX_CORE_H

@@ -44,8 +44,8 @@ static void show_progress(const recording &self, steady::time_point now)
     const double elapsed_s = std::chrono::duration<double>(now - self.begun).count();
     terminal_show_progress("Recording  " + duration_text(sent_s) + "  " +
                            size_text(recorded_bytes(self)) +
-                           print("  %.1fx", elapsed_s > 0 ? sent_s / elapsed_s : 0) + "  free " +
-                           size_text(storage_free_bytes(*self.storage)));
+                           format_text("  %.1fx", elapsed_s > 0 ? sent_s / elapsed_s : 0) +
+                           "  free " + size_text(storage_free_bytes(*self.storage)));
 }
 
 void programme_feed_watch(recording &self)
@@ -108,7 +108,7 @@ static void end_by_user(recording &self, int signal)
 void programme_feed_send(recording &self)
 {
     send_time_base(self);
-    while (!il_session_stopped(*self.component)) {
+    while (!il_session_stop_reason(*self.component)) {
         if (const int signal = interruption_signal()) {
             end_by_user(self, signal);
             return;

@@ -12,9 +12,9 @@ static double bit_rate(uint64_t bytes, double duration_s)
 
 static std::string track_text(const char *name, const track_summary &track, double duration_s)
 {
-    return print("  %s  %llu frames, %.0f kbit/s\n", name,
-                 static_cast<unsigned long long>(track.frames),
-                 bit_rate(track.bytes, duration_s) / 1000);
+    return format_text("  %s  %llu frames, %.0f kbit/s\n", name,
+                       static_cast<unsigned long long>(track.frames),
+                       bit_rate(track.bytes, duration_s) / 1000);
 }
 
 std::string summary_text(const recording_summary &summary)
@@ -25,10 +25,10 @@ std::string summary_text(const recording_summary &summary)
     const file_summary &file = *summary.file;
     const double speed = summary.elapsed_s > 0 ? file.duration_s / summary.elapsed_s : 0;
     return summary.output + ": " + duration_text(file.duration_s) + ", " + size_text(file.bytes) +
-           print(" (%llu bytes)\n", static_cast<unsigned long long>(file.bytes)) +
+           format_text(" (%llu bytes)\n", static_cast<unsigned long long>(file.bytes)) +
            track_text("Video", file.video, file.duration_s) +
            track_text("Audio", file.audio, file.duration_s) + "  Ended  " + summary.ended +
-           print("; took %.1f s, %.1f times real time\n", summary.elapsed_s, speed);
+           format_text("; took %.1f s, %.1f times real time\n", summary.elapsed_s, speed);
 }
 
 std::string summary_json(const recording_summary &summary)

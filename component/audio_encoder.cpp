@@ -13,7 +13,10 @@ static constexpr size_t kPcmQueueDescriptorBytes = 80;
 static_assert(kPcmQueueDescriptorBytes >= sizeof(tdmbrec_pcm_queue_t));
 static constexpr size_t kAacOutBytes = 0x200000;
 
-// samplingFrequencyIndex, ISO/IEC 14496-3, Table 1.18 (Hz)
+static constexpr uint32_t kAacLc = 2; // audioObjectType
+
+// Hz, by samplingFrequencyIndex
+// source: ISO/IEC 14496-3, Table 1.18
 static constexpr std::array<uint32_t, 13> kSamplingFrequency = {
     96000, 88200, 64000, 48000, 44100, 32000, 24000, 22050, 16000, 12000, 11025, 8000, 7350};
 
@@ -21,10 +24,11 @@ int32_t getAACEncDSI(uint32_t sample_rate, uint32_t channels, uint8_t config[2],
 {
     for (uint32_t index = 0; index < kSamplingFrequency.size(); index++) {
         if (kSamplingFrequency[index] == sample_rate) {
-            // audioObjectType 2 (5 bits), samplingFrequencyIndex (4), channelConfiguration (4),
-            // frameLengthFlag, dependsOnCoreCoder, extensionFlag (0)
-            config[0] = static_cast<uint8_t>(0x10 | (index >> 1));
-            config[1] = static_cast<uint8_t>(((index & 1) << 7) | ((channels & 15) << 3));
+            // audioObjectType (5 bits), samplingFrequencyIndex (4), channelConfiguration (4),
+            // frameLengthFlag, dependsOnCoreCoder, extensionFlag (all 0)
+            const uint32_t bits = kAacLc << 11 | index << 7 | (channels & 0xF) << 3;
+            config[0] = static_cast<uint8_t>(bits >> 8);
+            config[1] = static_cast<uint8_t>(bits);
             *length = 2;
             return 0;
         }
@@ -45,13 +49,13 @@ static void free_buffers(omx_tdmbrec_component_PrivateType *self)
 static bool allocate_buffers(omx_tdmbrec_component_PrivateType *self)
 {
     self->pPcmQueue = static_cast<tdmbrec_pcm_queue_t *>(QVR_malloc(kPcmQueueDescriptorBytes));
-    self->pucPcmBase = static_cast<uint8_t *>(QVR_malloc(PCM_QUEUE_BYTES));
+    self->pucPcmBase = static_cast<uint8_t *>(QVR_malloc(kPcmQueueBytes));
     self->pucAacOut = static_cast<uint8_t *>(QVR_malloc(kAacOutBytes));
     if (self->pPcmQueue == nullptr || self->pucPcmBase == nullptr || self->pucAacOut == nullptr) {
         free_buffers(self);
         return false;
     }
-    memset(self->pucPcmBase, 0, PCM_QUEUE_BYTES);
+    memset(self->pucPcmBase, 0, kPcmQueueBytes);
     memset(self->pucAacOut, 0, kAacOutBytes);
     *self->pPcmQueue = {.pucRead = self->pucPcmBase, .uiLength = 0};
     return true;
@@ -77,7 +81,7 @@ static void describe_encoder(omx_tdmbrec_component_PrivateType *self)
     self->stZplAenc.m_iAudioBitsPerSample = static_cast<int32_t>(self->uiBitsPerSample);
     self->stZplAenc.m_iAudioBitRates = static_cast<int32_t>(self->uiBitRate);
     self->pfnAacEnc = QVR_AAC_ENC;
-    self->iAencType = ZPL_AENC_TYPE_AAC;
+    self->iAencType = kZplTypeAac;
     self->iAencOutput = 0;
 }
 
@@ -90,7 +94,7 @@ OMX_ERRORTYPE omx_tdmbrec_audio_enc_Init(omx_tdmbrec_component_PrivateType *self
     describe_encoder(self);
     // A rate without an index leaves the length 0: the file then carries no configuration.
     (void)getAACEncDSI(static_cast<uint32_t>(self->stZplAenc.m_iAudioSamplePerSec),
-                       self->uiChannels & 0xFF, self->aucAudioSpecificConfig,
+                       self->uiChannels, self->aucAudioSpecificConfig,
                        &self->uiAudioSpecificConfigLen);
     return OMX_ErrorNone;
 }
@@ -104,9 +108,11 @@ OMX_ERRORTYPE omx_tdmbrec_audio_enc_DeInit(omx_tdmbrec_component_PrivateType *se
             result = OMX_ErrorVendorStartUnused;
         }
     }
-    if (self->pPcmQueue != nullptr) {
-        self->pPcmQueue->pucRead = self->pucPcmBase;
-        free_buffers(self);
-    }
+    free_buffers(self);
     return result;
+}
+
+void reset_audio_configuration(omx_tdmbrec_component_PrivateType *self)
+{
+    self->uiAudioSpecificConfigLen = 0;
 }

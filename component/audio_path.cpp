@@ -9,7 +9,7 @@
 #include <algorithm>
 #include <cstring>
 
-static constexpr uint32_t kBytesPerSamplePair = 4; // 16-bit stereo
+static constexpr uint32_t kSamplePairBytes = 4; // 16-bit stereo
 
 static uint32_t *ring_time(uint8_t index)
 {
@@ -18,14 +18,15 @@ static uint32_t *ring_time(uint8_t index)
 
 static uint32_t *ring_length(uint8_t index)
 {
-    return &global_ui_AUDIO_PTS[AUDIO_PTS_ENTRIES + index];
+    return &global_ui_AUDIO_PTS[kAudioPtsEntries + index];
 }
 
 static uint8_t next_index(uint8_t index)
 {
-    return static_cast<uint8_t>((index + 1) % AUDIO_PTS_ENTRIES);
+    return static_cast<uint8_t>((index + 1) % kAudioPtsEntries);
 }
 
+// Opens the encoder at the first audio buffer of a recording.
 static bool initialise_encoder(omx_tdmbrec_component_PrivateType *self,
                                const OMX_BUFFERHEADERTYPE *buffer)
 {
@@ -33,20 +34,20 @@ static bool initialise_encoder(omx_tdmbrec_component_PrivateType *self,
         return true;
     }
     memcpy(self->stZplAencInit.aucFirstPcm, buffer->pBuffer + buffer->nOffset,
-           std::min<uint32_t>(buffer->nFilledLen, ZPL_AENC_FIRST_PCM_BYTES));
+           std::min<uint32_t>(buffer->nFilledLen, sizeof(self->stZplAencInit.aucFirstPcm)));
     if (zpl_aenc_init(&self->stZplAenc, &self->stZplAencInit, self->iAencType, self->iAencOutput,
                       self->pfnAacEnc) < 0) {
         __android_log_print(ANDROID_LOG_ERROR, TDMBREC_LOG_TAG, "Audio Dec init error.");
         return false;
     }
     self->uiAacInputSize = zpl_aenc_getSamplesSize();
-    self->uiAudioFrameMs = 1000 * (self->uiAacInputSize / kBytesPerSamplePair) /
+    self->uiAudioFrameMs = 1000 * (self->uiAacInputSize / kSamplePairBytes) /
                            static_cast<uint32_t>(self->stZplAenc.m_iAudioSamplePerSec);
     self->bEncoderReady = 1;
     return true;
 }
 
-// The first time from time_ms on, in steps of a frame, that lies behind the last frame produced.
+// returns: the first time that is time_ms or whole frames later, and after the last frame produced
 static uint32_t lift_above_last_frame(const omx_tdmbrec_component_PrivateType *self,
                                       uint32_t time_ms)
 {
@@ -58,14 +59,21 @@ static uint32_t lift_above_last_frame(const omx_tdmbrec_component_PrivateType *s
     return static_cast<uint32_t>(std::min<uint64_t>(time_ms + frames * frame_ms, UINT32_MAX));
 }
 
-// Notes the time of queued PCM; when the ring is full, the PCM counts to the newest entry.
+// An encoder that fails on every frame never releases an entry: the sum stays at the largest
+// number.
+static uint32_t add_bytes(uint32_t a_bytes, uint32_t b_bytes)
+{
+    return static_cast<uint32_t>(std::min<uint64_t>(uint64_t{a_bytes} + b_bytes, UINT32_MAX));
+}
+
+// Queues the time of PCM. When the ring is full, the PCM belongs to its newest entry.
 static void queue_time(omx_tdmbrec_component_PrivateType *self, uint32_t time_ms,
                        uint32_t pcm_bytes)
 {
-    if (self->ucAudioPtsCount == AUDIO_PTS_ENTRIES) {
-        const uint8_t newest = static_cast<uint8_t>(
-            (self->ucAudioPtsWrite + AUDIO_PTS_ENTRIES - 1) % AUDIO_PTS_ENTRIES);
-        *ring_length(newest) = add_ms(*ring_length(newest), pcm_bytes);
+    if (self->ucAudioPtsCount == kAudioPtsEntries) {
+        const uint8_t newest =
+            static_cast<uint8_t>((self->ucAudioPtsWrite + kAudioPtsEntries - 1) % kAudioPtsEntries);
+        *ring_length(newest) = add_bytes(*ring_length(newest), pcm_bytes);
         return;
     }
     *ring_time(self->ucAudioPtsWrite) = lift_above_last_frame(self, time_ms);
@@ -74,17 +82,17 @@ static void queue_time(omx_tdmbrec_component_PrivateType *self, uint32_t time_ms
     self->ucAudioPtsCount++;
 }
 
-// The time of the frame that is about to be produced.
+// returns: the time of the frame that was just encoded (ms)
 static uint32_t frame_time(const omx_tdmbrec_component_PrivateType *self)
 {
     if (self->ucAudioPtsCount == 0) {
         return add_ms(self->uiLastAudioPts, self->uiAudioFrameMs);
     }
-    // A time queued before a rollback may have fallen behind.
+    // Frames produced since the entry was queued may have passed its time.
     return lift_above_last_frame(self, *ring_time(self->ucAudioPtsRead));
 }
 
-// Gives up the entries whose PCM the frame has used: as many as it takes to reach its size.
+// Releases as many entries as it takes to reach the size of a frame.
 static void release_times(omx_tdmbrec_component_PrivateType *self)
 {
     uint64_t released_bytes = 0;
@@ -95,21 +103,22 @@ static void release_times(omx_tdmbrec_component_PrivateType *self)
     }
 }
 
-// Moves the unread PCM to the start of the queue's storage and appends what fits.
-// returns the bytes appended
+// Moves the unread PCM to the start of the queue's storage and appends as much as fits.
+// returns: the bytes appended
 static uint32_t queue_pcm(omx_tdmbrec_component_PrivateType *self, const uint8_t *data,
                           uint32_t length)
 {
     tdmbrec_pcm_queue_t *const queue = self->pPcmQueue;
     memmove(self->pucPcmBase, queue->pucRead, queue->uiLength);
     queue->pucRead = self->pucPcmBase;
-    const uint32_t appended = std::min<uint32_t>(length, PCM_QUEUE_BYTES - queue->uiLength);
+    const uint32_t appended = std::min<uint32_t>(length, kPcmQueueBytes - queue->uiLength);
     memcpy(self->pucPcmBase + queue->uiLength, data, appended);
     queue->uiLength += appended;
     return appended;
 }
 
-// Encodes the oldest frame of the queue. *frame stays of kind 0 when that fails.
+// Encodes the oldest frame of the queue.
+// out: *frame: unchanged when the encoder fails
 static void encode_frame(omx_tdmbrec_component_PrivateType *self, mp4_mux_putstream_t *frame)
 {
     tdmbrec_pcm_queue_t *const queue = self->pPcmQueue;
@@ -134,39 +143,51 @@ static void encode_frame(omx_tdmbrec_component_PrivateType *self, mp4_mux_putstr
               .m_uiFlags = MUX_FRAME_KEY};
 }
 
-static write_result_t write_complete_frames(omx_tdmbrec_component_PrivateType *self)
+static bool ends_recording(write_result_t result)
 {
-    while (self->pPcmQueue->uiLength >= self->uiAacInputSize) {
-        mp4_mux_putstream_t frame = {};
-        encode_frame(self, &frame);
-        const write_result_t result = write_frame(self, &frame);
-        if (result != kWriteDone) {
-            return result;
-        }
-    }
-    return kWriteDone;
+    return result == kWriteFailed || result == kWriteSizeLimit;
 }
 
-audio_result_t handle_audio_buffer(omx_tdmbrec_component_PrivateType *self,
-                                   OMX_BUFFERHEADERTYPE *buffer, uint32_t time,
-                                   write_result_t *result)
+static write_result_t write_complete_frames(omx_tdmbrec_component_PrivateType *self)
+{
+    write_result_t result = kWriteNothing;
+    while (self->pPcmQueue->uiLength >= self->uiAacInputSize && !ends_recording(result)) {
+        mp4_mux_putstream_t frame = {};
+        encode_frame(self, &frame);
+        result = write_frame(self, &frame);
+    }
+    return result;
+}
+
+write_result_t handle_audio_buffer(omx_tdmbrec_component_PrivateType *self,
+                                   OMX_BUFFERHEADERTYPE *buffer, uint32_t time_ms)
 {
     if (!initialise_encoder(self, buffer)) {
-        return kAudioRetry;
+        return kWriteNothing;
     }
     const uint8_t *data = buffer->pBuffer + buffer->nOffset;
-    uint32_t left = buffer->nFilledLen;
+    uint32_t left_bytes = buffer->nFilledLen;
     buffer->nFilledLen = 0;
-    if (self->uiFirstVideoPts == 0 || self->uiFirstVideoPts > time) {
-        return kAudioConsumed;
+    if (self->uiFirstVideoPts == 0 || self->uiFirstVideoPts > time_ms) {
+        return kWriteNothing;
     }
-    queue_time(self, time, left);
-    *result = kWriteDone;
-    while (left > 0 && *result == kWriteDone) {
-        const uint32_t appended = queue_pcm(self, data, left);
-        data += appended;
-        left -= appended;
-        *result = write_complete_frames(self);
+    queue_time(self, time_ms, left_bytes);
+    write_result_t result = kWriteNothing;
+    while (left_bytes > 0 && !ends_recording(result)) {
+        const uint32_t appended_bytes = queue_pcm(self, data, left_bytes);
+        data += appended_bytes;
+        left_bytes -= appended_bytes;
+        result = write_complete_frames(self);
     }
-    return *result == kWriteDone ? kAudioConsumed : kAudioStop;
+    return result;
+}
+
+void reset_audio_path(omx_tdmbrec_component_PrivateType *self)
+{
+    self->ucAudioPtsRead = 0;
+    self->ucAudioPtsWrite = 0;
+    self->ucAudioPtsCount = 0;
+    self->uiAacInputSize = 0;
+    self->uiAudioFrameMs = 0;
+    self->uiLastAudioPts = 0;
 }

@@ -5,7 +5,7 @@
 #include "component/frame_writer.h"
 #include "component/omx_tdmbrec_component.h"
 #include "component/private_record.h"
-#include "component/recording_control.h"
+#include "component/recording_end.h"
 #include "component/shared_fields.h"
 #include "component/storage_watch.h"
 #include "component/time_line.h"
@@ -13,10 +13,10 @@
 
 #include <optional>
 
-// Why the recording has to end; empty when it continues.
+// Why the recording must end; empty while it continues.
 using stop_demand_t = std::optional<tdmbrec_stop_reason_t>;
 
-static bool lies_within_allocation(const OMX_BUFFERHEADERTYPE *buffer)
+static bool is_within_allocation(const OMX_BUFFERHEADERTYPE *buffer)
 {
     return buffer->pBuffer != nullptr && buffer->nOffset <= buffer->nAllocLen &&
            buffer->nFilledLen <= buffer->nAllocLen - buffer->nOffset;
@@ -37,24 +37,22 @@ static stop_demand_t demand_after_write(write_result_t result)
 }
 
 static stop_demand_t record_video(omx_tdmbrec_component_PrivateType *self,
-                                  OMX_BUFFERHEADERTYPE *buffer, uint32_t time)
+                                  OMX_BUFFERHEADERTYPE *buffer, uint32_t time_ms)
 {
     mp4_mux_putstream_t frame = {};
-    if (!handle_video_buffer(self, buffer, time, &frame)) {
+    if (!handle_video_buffer(self, buffer, time_ms, &frame)) {
         return TDMBREC_STOP_MUX_OPEN;
     }
     return demand_after_write(write_frame(self, &frame));
 }
 
 static stop_demand_t record_audio(omx_tdmbrec_component_PrivateType *self,
-                                  OMX_BUFFERHEADERTYPE *buffer, uint32_t time)
+                                  OMX_BUFFERHEADERTYPE *buffer, uint32_t time_ms)
 {
-    write_result_t result = kWriteDone;
-    const audio_result_t audio = handle_audio_buffer(self, buffer, time, &result);
-    return audio == kAudioStop ? demand_after_write(result) : std::nullopt;
+    return demand_after_write(handle_audio_buffer(self, buffer, time_ms));
 }
 
-// The recording branch. Leaves the buffer consumed, except where it has to be offered again.
+// Records a buffer and consumes it, except one that is to be offered again.
 static stop_demand_t record_buffer(omx_tdmbrec_component_PrivateType *self,
                                    OMX_BUFFERHEADERTYPE *buffer)
 {
@@ -68,24 +66,24 @@ static stop_demand_t record_buffer(omx_tdmbrec_component_PrivateType *self,
     case kStorageUsable:
         break;
     }
-    if (!lies_within_allocation(buffer)) {
+    if (!is_within_allocation(buffer)) {
         __android_log_print(ANDROID_LOG_ERROR, TDMBREC_LOG_TAG,
                             "Buffer beyond its allocation: %u + %u of %u bytes, dropped\n",
                             buffer->nOffset, buffer->nFilledLen, buffer->nAllocLen);
         buffer->nFilledLen = 0;
         return std::nullopt;
     }
-    uint32_t time = 0;
-    if (!map_time_stamp(self, buffer->nTimeStamp, &time)) {
+    uint32_t time_ms = 0;
+    if (!map_time_stamp(self, buffer->nTimeStamp, &time_ms)) {
         buffer->nFilledLen = 0;
         return std::nullopt;
     }
-    return self->ucBufferPort == TDMBREC_PORT_VIDEO ? record_video(self, buffer, time)
-                                                    : record_audio(self, buffer, time);
+    return self->ucBufferPort == TDMBREC_PORT_VIDEO ? record_video(self, buffer, time_ms)
+                                                    : record_audio(self, buffer, time_ms);
 }
 
-// The gate: bCallbackIdle goes down before bRecording is looked at, so that whoever ended the
-// recording and then sees the flag up knows that no buffer is inside.
+// bCallbackIdle is cleared before bRecording is read: a thread that has ended the recording and
+// then reads bCallbackIdle as 1 knows that no buffer is being recorded.
 void omx_tdmbrec_component_BufferMgmtCallback(OMX_COMPONENTTYPE *component,
                                               OMX_BUFFERHEADERTYPE *buffer)
 {

@@ -4,7 +4,7 @@
 
 #include <cstdio>
 
-// The trace prints handles as the device does: 32 bits.
+// The trace prints 32 bits of a handle on every machine.
 static unsigned handle_word(const void *file)
 {
     return static_cast<unsigned>(reinterpret_cast<uintptr_t>(file));
@@ -19,7 +19,7 @@ void *QVR_FILE_fopen(const char *name, const char *mode)
     } else {
         __android_log_print(ANDROID_LOG_WARN, TDMBREC_LOG_TAG, "In %s : %s opened\n", __func__,
                             name);
-        // The muxer's cache is the buffer: a write that it is told of has to be on the card.
+        // The muxer has its own cache: what fwrite reports as written must be on the card.
         (void)setvbuf(file, nullptr, _IONBF, 0);
     }
     __android_log_print(ANDROID_LOG_WARN, TDMBREC_LOG_TAG, "In %s : File Handle[0x%08x]\n",
@@ -39,7 +39,7 @@ int QVR_FILE_fclose(void *file)
 size_t QVR_FILE_fread(void *buffer, size_t size, size_t count, void *file)
 {
     const size_t result = fread(buffer, size, count, static_cast<FILE *>(file));
-    if (static_cast<ptrdiff_t>(result) < 0) {
+    if (static_cast<ptrdiff_t>(result) < 0) { // never; fixed by the design
         __android_log_print(ANDROID_LOG_ERROR, TDMBREC_LOG_TAG, "In %s : read  error\n", __func__);
     }
     return result;
@@ -48,7 +48,7 @@ size_t QVR_FILE_fread(void *buffer, size_t size, size_t count, void *file)
 size_t QVR_FILE_fwrite(const void *buffer, size_t size, size_t count, void *file)
 {
     const size_t result = fwrite(buffer, size, count, static_cast<FILE *>(file));
-    if (static_cast<ptrdiff_t>(result) < 0) {
+    if (static_cast<ptrdiff_t>(result) < 0) { // never; fixed by the design
         __android_log_print(ANDROID_LOG_ERROR, TDMBREC_LOG_TAG, "In %s : write  error\n", __func__);
     }
     return result;

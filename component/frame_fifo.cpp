@@ -10,7 +10,7 @@
 
 enum fifo_state_t : uint8_t { // 0: never initialised
     kFifoEmpty = 1,
-    kFifoFull = 2, // no entry is left, or no room was left for a frame
+    kFifoFull = 2, // all entries are in use, or a frame found no room
     kFifoNeither = 3
 };
 
@@ -21,8 +21,8 @@ struct frame_entry_t {
     uint32_t uiExtra;
 };
 
-// Producer and consumer both decide on the state from both indexes: the four change as one.
-// docs/models/frame_fifo.pml is the model of what they do with it.
+// Producer and consumer both derive the state from both indexes: all change in one atomic step.
+// docs/models/frame_fifo.pml models it.
 struct alignas(8) fifo_position_t {
     uint16_t usRead;  // oldest committed entry
     uint16_t usWrite; // entry being filled, the next to commit
@@ -37,7 +37,7 @@ struct frame_fifo_t {
     frame_entry_t astEntry[QVR_FIFO_FRAMES];
     uint8_t *pucData;
     uint32_t uiDataSize;
-    uint32_t uiDataRead;        // atomic: behind the data of the last frame released
+    uint32_t uiDataRead;        // atomic: end of the data of the last frame released
     uint32_t uiDataWrite;       // the producer's: where the next data goes, at most uiDataSize
     fifo_position_t stPosition; // atomic
     uint8_t bIsRefusing;        // the producer's: its last frame did not fit the empty FIFO
@@ -57,7 +57,7 @@ static fifo_position_t load_position(frame_fifo_t *self)
     return load_shared(self->stPosition);
 }
 
-// returns false, and changes nothing, when the other side was faster.
+// returns: false, with nothing changed, when the other thread was faster
 static bool change_position(frame_fifo_t *self, fifo_position_t from, fifo_position_t to)
 {
     return swap_shared(self->stPosition, from, to);
@@ -103,8 +103,8 @@ int32_t QVR_FIFO_GetLength(uint32_t fifo)
     return count_frames(load_position(get_fifo(fifo)));
 }
 
-// The offset of a frame: behind the newest one, or at the start of the storage. One byte always
-// stays free, so that the read and write offsets of a FIFO with data differ.
+// One byte always stays free, so that the read and write offsets of a FIFO with data differ.
+// returns: the offset of a new frame: after the newest one, or at the start of the storage
 static std::optional<uint32_t> find_room(frame_fifo_t *self, uint32_t length)
 {
     const uint32_t read = load_shared(self->uiDataRead);
@@ -118,13 +118,13 @@ static std::optional<uint32_t> find_room(frame_fifo_t *self, uint32_t length)
     return read > length ? std::optional(0u) : std::nullopt;
 }
 
-// returns the entry of a frame of this length, or null when there is no room for it.
+// returns: the entry of a frame of this length, or null when there is no room for it
 static frame_entry_t *reserve(frame_fifo_t *self, uint32_t length, int64_t time)
 {
     fifo_position_t position = load_position(self);
     while (can_grow(position)) {
         const std::optional<uint32_t> offset = find_room(self, length);
-        // No frame that is popped would end the fullness of a FIFO that holds none.
+        // Only a pop ends the state full, and a FIFO without frames has nothing to pop.
         self->bIsRefusing = !offset.has_value() && count_frames(position) == 0 ? 1 : 0;
         if (offset.has_value()) {
             frame_entry_t *const entry = &self->astEntry[position.usWrite];
@@ -146,7 +146,7 @@ static frame_entry_t *reserve(frame_fifo_t *self, uint32_t length, int64_t time)
 
 int32_t QVR_FIFO_GetOneFifo(uint32_t fifo, int32_t length, int64_t time)
 {
-    // A negative length is one that no storage has room for.
+    // As unsigned, a negative length exceeds every storage.
     return reserve(get_fifo(fifo), static_cast<uint32_t>(length), time) != nullptr ? 1 : 0;
 }
 
@@ -206,8 +206,8 @@ int32_t QVR_FIFO_WriteFifo5(uint32_t fifo, const void *source, int32_t length)
     return static_cast<int32_t>(bytes - room);
 }
 
-// A frame that was not written whole keeps the room that it reserved: the next one is not laid over
-// it, and giving it up frees what it took.
+// A frame that was only partly written keeps its reserved room: the next one does not overlap it,
+// and its release frees all of it.
 static void keep_reserved_room(frame_fifo_t *self, const frame_entry_t *entry)
 {
     const uint32_t end = entry->uiOffset + entry->uiLength;
@@ -256,7 +256,7 @@ int32_t QVR_FIFO_PopFrame(uint32_t fifo)
     fifo_position_t position = load_position(self);
     while (count_frames(position) > 0) {
         const frame_entry_t *const entry = &self->astEntry[position.usRead];
-        // The room first: whoever sees the entry released finds its room free too.
+        // The room first: a producer that finds the entry free also finds its room free.
         store_shared(self->uiDataRead, entry->uiOffset + entry->uiLength);
         fifo_position_t popped = position;
         popped.usRead = next_index(position, position.usRead);

@@ -4,7 +4,9 @@
 #include "component/mux_session.h"
 #include "component/process_state.h"
 
-static constexpr int kTraceLine = 829; // the place that the device's log names
+// The place of a failure as logs of the device name it.
+static constexpr char kTraceFunction[] = "omx_tdmbrec_component_BufferMgmtCallback";
+static constexpr int kTraceLine = 829;
 
 static write_result_t put_frame_locked(omx_tdmbrec_component_PrivateType *self,
                                        mp4_mux_putstream_t *frame, int32_t *mux_result)
@@ -57,19 +59,22 @@ void log_mux_error(omx_tdmbrec_component_PrivateType *self, int32_t mux_result,
 
 write_result_t write_frame(omx_tdmbrec_component_PrivateType *self, mp4_mux_putstream_t *frame)
 {
-    const uint32_t origin = self->uiFirstVideoPts;
-    if (origin == 0 || origin > frame->m_uiTimeStamp) {
-        return kWriteDone;
+    const uint32_t origin_ms = self->uiFirstVideoPts;
+    if (frame->m_iType == 0 || origin_ms == 0 || origin_ms > frame->m_uiTimeStamp) {
+        return kWriteNothing;
     }
-    frame->m_uiTimeStamp -= origin;
-    frame->m_uiTimeStamp2 -= origin;
-    if (frame->m_iType == 0 || self->iMuxOpenResult != 0) {
-        return kWriteDone;
-    }
+    frame->m_uiTimeStamp -= origin_ms;
+    frame->m_uiTimeStamp2 -= origin_ms;
     int32_t mux_result = 0;
     const write_result_t result = put_frame(self, frame, &mux_result);
     if (result == kWriteFailed) {
-        log_mux_error(self, mux_result, "omx_tdmbrec_component_BufferMgmtCallback", kTraceLine);
+        log_mux_error(self, mux_result, kTraceFunction, kTraceLine);
     }
     return result;
+}
+
+void reset_written_frames(omx_tdmbrec_component_PrivateType *self)
+{
+    self->bAudioWritten = 0;
+    self->bVideoWritten = 0;
 }

@@ -5,32 +5,35 @@
 #include "component/private_record.h"
 
 enum write_result_t {
-    kWriteDone,      // written, or nothing to write yet
-    kWriteFailed,    // the muxer failed
-    kWriteSizeLimit, // written, and the file has grown past its limit
-    kWriteNothing    // no frame, or no file yet
+    kWriteDone,     // written
+    kWriteNothing,  // not written: no frame, no open file, or before the file's first picture
+    kWriteFailed,   // the muxer failed: the recording ends
+    kWriteSizeLimit // written, and the file has passed its limit: the recording ends
 };
 
 // Writes a frame whose times are those of the file.
-// out      *mux_result: what the muxer returned, 0 when it was not called
-// thread:  any, while recording; takes lockTDMBRecording
+// out: *mux_result: the muxer's result, 0 when it was not called
+// thread: any, while recording; takes lockTDMBRecording
 [[nodiscard]] write_result_t put_frame(omx_tdmbrec_component_PrivateType *self,
                                        mp4_mux_putstream_t *frame, int32_t *mux_result);
 
-// Tells whether the file has a frame of any kind.
-// thread:  any, while recording; takes lockTDMBRecording
+// returns: whether the file has a frame of any kind
+// thread: any, while recording; takes lockTDMBRecording
 [[nodiscard]] bool has_written_frames(const omx_tdmbrec_component_PrivateType *self);
 
-// Fetches the muxer's last error and logs it in the name of the function and line that met it.
-// thread:  any, while recording; takes lockTDMBRecording
+// Fetches the muxer's last error and logs it under the name of a function and line.
+// thread: any, while recording; takes lockTDMBRecording
 void log_mux_error(omx_tdmbrec_component_PrivateType *self, int32_t mux_result,
                    const char *function, int line);
 
-// Writes a frame whose times are on the recording's time line and logs a failure; frames before the
-// file's first video frame, and of kind 0, are not written.
-// returns  all but kWriteNothing
-// thread:  the buffer thread, while recording
+// Writes a frame whose times are those of the recording's time line, and logs a failure. A frame of
+// kind 0 is not written.
+// thread: the buffer thread, while recording; takes lockTDMBRecording
 [[nodiscard]] write_result_t write_frame(omx_tdmbrec_component_PrivateType *self,
                                          mp4_mux_putstream_t *frame);
+
+// Marks the next file as one without frames.
+// thread: the end of a recording; under lockTDMBRecording
+void reset_written_frames(omx_tdmbrec_component_PrivateType *self);
 
 #endif // COMPONENT_FRAME_WRITER_H

@@ -1,12 +1,8 @@
 #include "component/mux_session.h"
 
 #include "component/component_log.h"
-#include "component/end_reports.h"
 #include "component/file_callbacks.h"
-#include "component/name_parts.h"
-#include "component/parameter_sets.h"
 #include "component/process_state.h"
-#include "component/shared_fields.h"
 #include "component/storage_watch.h"
 #include "platform/qvr_memory.h"
 
@@ -20,10 +16,6 @@ static constexpr int32_t kVideoCacheBytes = 0xC0000;
 static constexpr int32_t kAudioCacheBytes = 0x80000;
 static_assert(kCacheBlockBytes == kOutputCacheBytes + kVideoCacheBytes + kAudioCacheBytes);
 static constexpr int32_t kCloseMemoryBytes = 0x300000;
-
-static constexpr int32_t kVideoWidth = 320;       // pixels
-static constexpr int32_t kVideoHeight = 240;      // pixels
-static constexpr int32_t kVideoFrameRate = 30000; // frames in 1000 s
 
 static int c_file_at_end(void *file)
 {
@@ -72,8 +64,8 @@ static void fill_init(omx_tdmbrec_component_PrivateType *self)
     init->m_iCacheSize = kOutputCacheBytes;
     init->m_iVideoCacheSize = kVideoCacheBytes;
     init->m_iAudioCacheSize = kAudioCacheBytes;
-    init->m_pszTempDir = is_on_removable_storage(self->szRecordingPath) ? REMOVABLE_STORAGE_ROOT
-                                                                        : BUILT_IN_STORAGE_ROOT;
+    init->m_pszTempDir = is_on_removable_storage(self->szRecordingPath) ? kRemovableStorageRoot
+                                                                        : kBuiltInStorageRoot;
 }
 
 static void fill_input(omx_tdmbrec_component_PrivateType *self)
@@ -88,9 +80,9 @@ static void fill_input(omx_tdmbrec_component_PrivateType *self)
     input->m_iHour = 17;
     input->m_iMinute = 5;
     input->m_iSecond = 18;
-    input->m_iVideoWidth = kVideoWidth;
-    input->m_iVideoHeight = kVideoHeight;
-    input->m_iVideoFrameRate = kVideoFrameRate;
+    input->m_iVideoWidth = kFrameWidth;
+    input->m_iVideoHeight = kFrameHeight;
+    input->m_iVideoFrameRate = 1000 * kFramesPerSecond;
     memcpy(&input->m_uiVideoFourCC, "avc1", 4);
     input->m_pbyVideoPrivate = self->aucVideoConfig;
     input->m_iVideoPrivateSize = self->ucVideoConfigLen;
@@ -107,7 +99,7 @@ static void fill_input(omx_tdmbrec_component_PrivateType *self)
 void fetch_mux_error(omx_tdmbrec_component_PrivateType *self)
 {
     self->stMuxError = {};
-    // Without a context there is nothing to fetch.
+    // Without a context it fetches nothing.
     (void)QVR_MP4_MUX(MUX_GET_LAST_ERROR, &self->hMux, nullptr, &self->stMuxError);
     if (self->stMuxError.m_pszMessage == nullptr) {
         self->stMuxError.m_pszMessage = "";
@@ -121,7 +113,7 @@ static OMX_ERRORTYPE open_session_locked(omx_tdmbrec_component_PrivateType *self
     fill_input(self);
     self->stMuxCloseMem = {.m_pMem = QVR_malloc(kCloseMemoryBytes), .m_iSize = kCloseMemoryBytes};
     self->uiFirstVideoPts = 0;
-    // Whatever the result, the close has to run and free the blocks.
+    // Whatever the result, the close must run and free the blocks.
     self->bMuxOpen = 1;
     const int32_t result = QVR_MP4_MUX(MUX_OPEN, &self->hMux, &self->stMuxInit, &self->stMuxInput);
     if (result < 0) {
@@ -142,9 +134,9 @@ OMX_ERRORTYPE omx_tdmbrec_mp4_mux_Init(omx_tdmbrec_component_PrivateType *self)
     return result;
 }
 
-// The file announces a sound track whatever comes; with not one frame in it, common players refuse
-// the whole file. A recording without sound gets one frame of silence.
-static void complete_sound_track(omx_tdmbrec_component_PrivateType *self)
+// The file declares an audio track from its start, and common players refuse a file whose track has
+// no frame. A recording without audio gets one frame of silence.
+static void complete_audio_track(omx_tdmbrec_component_PrivateType *self)
 {
     // ISO/IEC 14496-3 channel_pair_element() with max_sfb 0 in both channels, then END.
     static constexpr uint8_t kSilentPair[] = {0x20, 0, 0, 0, 0, 0, 0x0E};
@@ -161,19 +153,19 @@ static void complete_sound_track(omx_tdmbrec_component_PrivateType *self)
     (void)QVR_MP4_MUX(MUX_PUTFRAME, &self->hMux, &frame, nullptr);
 }
 
-static OMX_ERRORTYPE close_session_locked(omx_tdmbrec_component_PrivateType *self)
+OMX_ERRORTYPE close_mux_session(omx_tdmbrec_component_PrivateType *self)
 {
     OMX_ERRORTYPE result = OMX_ErrorNone;
-    complete_sound_track(self);
+    complete_audio_track(self);
     if (QVR_MP4_MUX(MUX_CLOSE, &self->hMux, &self->stMuxCloseMem, nullptr) < 0) {
         fetch_mux_error(self);
         __android_log_print(ANDROID_LOG_ERROR, TDMBREC_LOG_TAG, "[Close:%d] Error:%s \n",
                             self->stMuxError.m_iCode, self->stMuxError.m_pszMessage);
-        // The muxer still holds the file and the blocks: this second call only releases them.
+        // The muxer still holds the file and the blocks; this second call only releases them.
         (void)QVR_MP4_MUX(MUX_CLOSE, &self->hMux, nullptr, nullptr);
         result = OMX_ErrorBadParameter;
     }
-    self->stMuxError.m_pszMessage = nullptr; // it went with the context
+    self->stMuxError.m_pszMessage = nullptr; // the context owned it
     self->hMux = nullptr;
     QVR_free(self->stMuxInit.m_pCacheMem);
     self->stMuxInit.m_pCacheMem = nullptr;
@@ -183,70 +175,7 @@ static OMX_ERRORTYPE close_session_locked(omx_tdmbrec_component_PrivateType *sel
     return result;
 }
 
-// ucBufferPort is not among these: it is the buffer thread's, which sets it before every callback.
-static void reset_recording_state(omx_tdmbrec_component_PrivateType *self)
+void reset_mux_session(omx_tdmbrec_component_PrivateType *self)
 {
-    self->llLastAudioTime = 0;
-    self->llLastVideoTime = 0;
-    self->llAudioBaseTime = 0;
-    self->llVideoBaseTime = 0;
-    self->ucVideoIntervalState = 0xFF;
-    self->ucVideoConfigLen = 0;
     self->iMuxOpenResult = -1;
-    self->uiAudioSpecificConfigLen = 0;
-    self->ucAudioPtsRead = 0;
-    self->ucAudioPtsWrite = 0;
-    self->ucAudioPtsCount = 0;
-    self->ucAudioRollbackCount = 0;
-    self->ucVideoRollbackCount = 0;
-    self->uiAacInputSize = 0;
-    self->uiAudioFrameMs = 0;
-    self->uiVideoIntervalMs = 0;
-    self->uiFirstVideoPts = 0;
-    self->uiLastAudioPts = 0;
-    self->uiLastVideoPts = 0;
-    self->uiBackupAudioPts = 0;
-    self->uiBackupVideoPts = 0;
-    self->bAudioWritten = 0;
-    self->bVideoWritten = 0;
-    self->bOpenedBySetsAlone = 0;
-    self->bInBandParameterSets = 0;
-    self->bFileBegun = 0;
-    forget_kept_sets(self);
-    QVR_free(self->pucVideoFrame);
-    self->pucVideoFrame = nullptr;
-    self->uiVideoFrameSize = 0;
-}
-
-// returns the result of the close; *reason is what to tell the client.
-static OMX_ERRORTYPE close_locked(omx_tdmbrec_component_PrivateType *self, uint8_t *reason)
-{
-    OMX_ERRORTYPE result = OMX_ErrorNone;
-    close_storage();
-    if (self->bMuxOpen == 1) {
-        result = close_session_locked(self);
-        *reason = load_shared(global_uc_stop_type);
-    } else {
-        *reason = TDMBREC_STOP_STORAGE;
-        store_shared<uint8_t>(global_uc_stop_type, TDMBREC_STOP_STORAGE);
-    }
-    // Also after a recording that never opened its file: its times must not reach the next one.
-    reset_recording_state(self);
-    clear_name_parts(self);
-    return result;
-}
-
-// No lock is held and the next recording may begin when the client is told, so that it can do
-// whatever it likes from the event.
-OMX_ERRORTYPE omx_tdmbrec_mp4_mux_DeInit(OMX_COMPONENTTYPE *component,
-                                         omx_tdmbrec_component_PrivateType *self)
-{
-    uint8_t reason = TDMBREC_STOP_STORAGE;
-    pthread_mutex_lock(&lockTDMBRecording);
-    const OMX_ERRORTYPE result = close_locked(self, &reason);
-    pthread_mutex_unlock(&lockTDMBRecording);
-    // A handle is kept until the next start lets it go, so that no other thread can have the same.
-    const bool is_stop_thread = pthread_equal(load_shared(self->hStopThread), pthread_self()) != 0;
-    report_end(component, reason, is_stop_thread);
-    return result;
 }

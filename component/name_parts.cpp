@@ -4,7 +4,7 @@
 
 #include <cstring>
 
-static void copy_parameter(char *to, const void *record, size_t bytes)
+static void copy_name(char *to, const void *record, size_t bytes)
 {
     pthread_mutex_lock(&lockParameters);
     memcpy(to, record, bytes);
@@ -13,17 +13,12 @@ static void copy_parameter(char *to, const void *record, size_t bytes)
 
 void set_name_part_1(omx_tdmbrec_component_PrivateType *self, const void *record)
 {
-    copy_parameter(self->szNamePart1, record, sizeof(self->szNamePart1));
+    copy_name(self->szNamePart1, record, sizeof(self->szNamePart1));
 }
 
 void set_name_part_2(omx_tdmbrec_component_PrivateType *self, const void *record)
 {
-    copy_parameter(self->szNamePart2, record, sizeof(self->szNamePart2));
-}
-
-void set_output_path(const void *record)
-{
-    copy_parameter(szOutFileName, record, sizeof(szOutFileName));
+    copy_name(self->szNamePart2, record, sizeof(self->szNamePart2));
 }
 
 void clear_name_parts(omx_tdmbrec_component_PrivateType *self)

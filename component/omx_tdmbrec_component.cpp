@@ -1,10 +1,14 @@
 #include "component/omx_tdmbrec_component.h"
 
 #include "component/end_reports.h"
+#include "component/mux_session.h"
 #include "component/name_parts.h"
+#include "component/output_path.h"
 #include "component/private_record.h"
-#include "component/recording_control.h"
+#include "component/recording_begin.h"
+#include "component/recording_end.h"
 #include "component/shared_fields.h"
+#include "component/time_line.h"
 #include "platform/qvr_memory.h"
 
 #include <cstring>
@@ -12,21 +16,17 @@
 static constexpr char kVideoDecoderName[] = "OMX.qvr.video_decoder";
 static constexpr char kAvcDecoderName[] = "OMX.QVR.avcdec";
 
-static constexpr uint32_t kFrameWidth = 320;  // pixels
-static constexpr uint32_t kFrameHeight = 240; // pixels
-static constexpr uint32_t kFrameRate = 30;    // a plain integer in a Q16 field
 static constexpr uint32_t kChannels = 2;
 static constexpr uint32_t kSampleRate = 48000; // Hz
 static constexpr uint32_t kBitsPerSample = 16;
 static constexpr uint32_t kAacCodecTag = 0xAAC0;
 
+// The allocation has cleared the others.
 static void set_initial_fields(omx_tdmbrec_component_PrivateType *self)
 {
-    self->bMuxOpen = 0;
-    self->hStopThread = pthread_t{};
     self->bCallbackIdle = 1;
-    self->iMuxOpenResult = -1;
-    self->ucVideoIntervalState = 0xFF;
+    reset_mux_session(self);
+    reset_time_line(self);
 }
 
 static void set_port_domains(omx_base_sink_PrivateType *sink)
@@ -64,7 +64,7 @@ static void describe_video_port(omx_base_port_PrivateType *port)
     OMX_PARAM_PORTDEFINITIONTYPE *const definition = &port->stPortDefinition;
     definition->format.video.nFrameWidth = kFrameWidth;
     definition->format.video.nFrameHeight = kFrameHeight;
-    definition->format.video.xFramerate = kFrameRate;
+    definition->format.video.xFramerate = kFramesPerSecond; // not Q16, unlike the field
     definition->nBufferSize = TDMBREC_PORT_BUFFER_BYTES;
 }
 
@@ -120,8 +120,6 @@ static OMX_ERRORTYPE select_video_coding(omx_tdmbrec_component_PrivateType *self
 
 static void set_video_coding(omx_tdmbrec_component_PrivateType *self)
 {
-    self->llAudioBaseTime = 0;
-    self->llVideoBaseTime = 0;
     if (self->uiVideoCoding == OMX_VIDEO_CodingAVC) {
         self->stBase.ppPorts[TDMBREC_PORT_VIDEO]->stPortDefinition.format.video.eCompressionFormat =
             OMX_VIDEO_CodingAVC;
@@ -168,7 +166,7 @@ OMX_ERRORTYPE omx_tdmbrec_component_Constructor(OMX_COMPONENTTYPE *component, OM
         (void)omx_base_sink_Destructor(component);
         return base_result;
     }
-    // From here on a failure leaves a component that its destructor can take down.
+    // After a failure below, the destructor releases the rest.
     install_functions(component);
     set_port_domains(&self->stBase);
     const OMX_ERRORTYPE ports_result = construct_ports(component);
@@ -181,8 +179,6 @@ OMX_ERRORTYPE omx_tdmbrec_component_Constructor(OMX_COMPONENTTYPE *component, OM
         return name_result;
     }
     set_video_coding(self);
-    clear_name_parts(self);
-    self->pPcmQueue = nullptr;
     return base_result;
 }
 

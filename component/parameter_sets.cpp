@@ -4,21 +4,18 @@
 
 #include <cstring>
 
-static constexpr uint32_t kSpsIdOffset = 4; // after header, profile, constraints and level
+static constexpr uint32_t kSpsIdOffset = kLeastSpsBytes;
 static constexpr uint32_t kPpsIdOffset = 1; // after the header
-static constexpr uint32_t kMaxIdZeros = 16; // a code that begins with more is no id
+static constexpr uint32_t kMaxIdZeros = 16; // a code with more leading zeros is no id
 
 bool has_both_kinds(const access_unit_t *access_unit)
 {
-    return access_unit->has_valid_sps && access_unit->uiPpsCount > 0;
+    return access_unit->has_valid_sps && access_unit->pps_count > 0;
 }
 
-static uint32_t type_of(const uint8_t *data, const nal_unit_t *unit)
-{
-    return data[unit->uiStart] & 0x1F;
-}
-
-// ue(v), plus 1, at the start of `count` bytes; after them everything is 0.
+// Reads ue(v); every bit after the count bytes is 0.
+// returns: the number plus 1
+// source: ITU-T H.264, 9.1
 static uint32_t read_exp_golomb(const uint8_t *bytes, uint32_t count)
 {
     const auto bit = [&](uint32_t at) {
@@ -35,11 +32,11 @@ static uint32_t read_exp_golomb(const uint8_t *bytes, uint32_t count)
     return code;
 }
 
-static uint32_t id_of(const uint8_t *data, const nal_unit_t *unit)
+static uint32_t read_id(const uint8_t *data, const nal_unit_t *unit)
 {
-    const uint32_t offset = type_of(data, unit) == NAL_TYPE_SPS ? kSpsIdOffset : kPpsIdOffset;
-    const uint32_t at = unit->uiStart + offset;
-    return at < unit->uiEnd ? read_exp_golomb(data + at, unit->uiEnd - at) : 0;
+    const uint32_t offset = get_nal_type(data, unit) == kNalTypeSps ? kSpsIdOffset : kPpsIdOffset;
+    const uint32_t at = unit->start + offset;
+    return at < unit->end ? read_exp_golomb(data + at, unit->end - at) : 0;
 }
 
 static void drop_same_set(omx_tdmbrec_component_PrivateType *self, uint32_t type, uint32_t id)
@@ -47,15 +44,17 @@ static void drop_same_set(omx_tdmbrec_component_PrivateType *self, uint32_t type
     uint8_t *const sets = self->aucKeptSets;
     nal_unit_t kept;
     for (uint32_t at = 0; take_unit(sets, self->uiKeptSetsLen, &at, &kept);) {
-        if (type_of(sets, &kept) == type && id_of(sets, &kept) == id) {
-            memmove(sets + kept.uiStartCode, sets + kept.uiEnd, self->uiKeptSetsLen - kept.uiEnd);
-            self->uiKeptSetsLen -= kept.uiEnd - kept.uiStartCode;
+        if (get_nal_type(sets, &kept) == type && read_id(sets, &kept) == id) {
+            memmove(sets + kept.start_code, sets + kept.end, self->uiKeptSetsLen - kept.end);
+            self->uiKeptSetsLen -= kept.end - kept.start_code;
             return;
         }
     }
 }
 
-// returns where the set goes, or null when there is no room.
+// Makes room for one more set; sequence parameter sets precede the picture parameter sets, which
+// refer to them.
+// returns: where the set goes, or null when there is no room
 static uint8_t *make_room(omx_tdmbrec_component_PrivateType *self, uint32_t type,
                           uint32_t set_bytes)
 {
@@ -65,30 +64,30 @@ static uint8_t *make_room(omx_tdmbrec_component_PrivateType *self, uint32_t type
     uint8_t *const sets = self->aucKeptSets;
     const uint32_t kept_bytes = self->uiKeptSetsLen;
     self->uiKeptSetsLen += set_bytes;
-    if (type == NAL_TYPE_PPS) {
+    if (type == kNalTypePps) {
         return sets + kept_bytes;
     }
-    memmove(sets + set_bytes, sets, kept_bytes); // the others refer to it
+    memmove(sets + set_bytes, sets, kept_bytes);
     return sets;
 }
 
 static void keep_set(omx_tdmbrec_component_PrivateType *self, const uint8_t *data,
                      const nal_unit_t *unit)
 {
-    const uint32_t unit_bytes = unit->uiEnd - unit->uiStart;
-    const uint32_t type = type_of(data, unit);
-    if (type == NAL_TYPE_SPS && unit_bytes < LEAST_SPS_BYTES) {
+    const uint32_t unit_bytes = unit->end - unit->start;
+    const uint32_t type = get_nal_type(data, unit);
+    if (type == kNalTypeSps && unit_bytes < kLeastSpsBytes) {
         return;
     }
-    drop_same_set(self, type, id_of(data, unit));
-    uint8_t *const to = make_room(self, type, START_CODE_BYTES + unit_bytes);
+    drop_same_set(self, type, read_id(data, unit));
+    uint8_t *const to = make_room(self, type, kStartCodeBytes + unit_bytes);
     if (to == nullptr) {
         __android_log_print(ANDROID_LOG_ERROR, TDMBREC_LOG_TAG,
                             "No room for a parameter set: %u bytes dropped\n", unit_bytes);
         return;
     }
     write_be32(to, 1);
-    memcpy(to + START_CODE_BYTES, data + unit->uiStart, unit_bytes);
+    memcpy(to + kStartCodeBytes, data + unit->start, unit_bytes);
 }
 
 void keep_parameter_sets(omx_tdmbrec_component_PrivateType *self, const uint8_t *data,
@@ -98,10 +97,10 @@ void keep_parameter_sets(omx_tdmbrec_component_PrivateType *self, const uint8_t 
     if (has_begun && self->bInBandParameterSets == 0) {
         return;
     }
-    if (access_unit->uiUnitCount > 0) {
+    if (access_unit->picture_unit_count > 0) {
         if (self->iMuxOpenResult == 0 && self->bInBandParameterSets == 0 &&
             self->bOpenedBySetsAlone == 0) {
-            return; // a picture has opened the file: sets in front of pictures are left out of it
+            return; // a picture has opened the file, which leaves out the sets before pictures
         }
         if (!has_begun && has_both_kinds(access_unit)) {
             forget_kept_sets(self);
@@ -112,8 +111,8 @@ void keep_parameter_sets(omx_tdmbrec_component_PrivateType *self, const uint8_t 
         }
     }
     nal_unit_t unit;
-    for (uint32_t at = 0; take_unit(data, access_unit->uiPictureOffset, &at, &unit);) {
-        if (unit.uiEnd > unit.uiStart) {
+    for (uint32_t at = 0; take_unit(data, access_unit->picture_offset, &at, &unit);) {
+        if (unit.end > unit.start) {
             keep_set(self, data, &unit);
         }
     }
@@ -134,8 +133,8 @@ uint32_t join_kept_sets(const omx_tdmbrec_component_PrivateType *self, const uin
                         uint32_t length, const access_unit_t *access_unit, uint8_t *out)
 {
     memcpy(out, self->aucKeptSets, self->uiKeptSetsLen);
-    return self->uiKeptSetsLen + copy_units(data + access_unit->uiPictureOffset,
-                                            length - access_unit->uiPictureOffset,
+    return self->uiKeptSetsLen + copy_units(data + access_unit->picture_offset,
+                                            length - access_unit->picture_offset,
                                             out + self->uiKeptSetsLen);
 }
 

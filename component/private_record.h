@@ -11,10 +11,10 @@
 #include <cstdint>
 #include <pthread.h>
 
-#define TDMBREC_KEPT_SETS_BYTES 4096
+inline constexpr uint32_t kKeptSetsBytes = 4096;
 
-// The component's private record. "atomic" fields are reached through component/shared_fields.h
-// only; the others belong to the thread that the comment of their group names.
+// "Atomic" fields are accessed through component/shared_fields.h only; the others belong to the
+// thread that the comment of their group names.
 struct omx_tdmbrec_component_PrivateType {
     omx_base_sink_PrivateType stBase;
 
@@ -72,7 +72,7 @@ struct omx_tdmbrec_component_PrivateType {
     uint8_t ucVideoRollbackCount;
     uint8_t ucVideoIntervalState; // 0xFF until the interval is measured
     uint8_t bMuxOpen;             // under lockTDMBRecording
-    pthread_t hStopThread;        // atomic: the last one started; 0 when it has been let go
+    pthread_t hStopThread;        // atomic: the last one started; 0 after let_stop_thread_go
     pthread_t hAudioWriterThread; // atomic: set by whoever starts the thread, joined by the stop
     pthread_t hVideoWriterThread; // atomic
     int64_t llLastVideoTime;      // us
@@ -80,25 +80,25 @@ struct omx_tdmbrec_component_PrivateType {
     char szNamePart1[TDMBREC_NAME_PART_1_BYTES]; // under lockParameters
     char szNamePart2[TDMBREC_NAME_PART_2_BYTES]; // under lockParameters
 
-    char szRecordingPath[TDMBREC_PATH_BYTES + 1]; // szOutFileName as the start found it, terminated
+    char szRecordingPath[TDMBREC_PATH_BYTES + 1]; // szOutFileName at the start, terminated
     uint8_t ucAudioPtsCount;                      // entries of the audio ring in use
-    tdmbrec_end_t astEnd[TDMBREC_ENDS];           // component/end_reports.cpp, under its lock
-    tdmbrec_end_t *pEnd;                          // the same: of the recording under way, or null
-    uint32_t bIsLeaving;                          // the same: being destroyed, records no more
+    tdmbrec_end_t astEnd[kMostUnreportedEnds];    // under the lock of component/end_reports.cpp
+    tdmbrec_end_t *pEnd;                          // as above: of the recording under way, or null
+    uint32_t bIsLeaving;                          // as above: being destroyed, begins no recording
     uint8_t bAudioWritten;                        // under lockTDMBRecording: audio in the file
     uint8_t bVideoWritten;                        // under lockTDMBRecording: video in the file
-    uint8_t bFileBegun;                           // the file's first picture has come
-    uint8_t bOpenedBySetsAlone;   // no picture came with the parameter sets that opened the file
+    uint8_t bFileBegun;                           // the file has its first picture
+    uint8_t bOpenedBySetsAlone;   // the parameter sets that opened the file had no picture
     uint8_t bInBandParameterSets; // the file carries its parameter sets in the access units
-    uint8_t *pucVideoFrame;       // room for access units that grow, null until one does
+    uint8_t *pucVideoFrame;       // room for access units that grow; null until one does
     uint32_t uiVideoFrameSize;    // its bytes
     OMX_ERRORTYPE(*pfnBaseSetCallbacks)
     (OMX_HANDLETYPE handle, OMX_CALLBACKTYPE *callbacks, OMX_PTR app_data);
 
-    // Parameter sets that came without their picture, see component/parameter_sets.h: the buffer
-    // thread while recording, the stop procedure after it.
-    uint8_t aucKeptSets[TDMBREC_KEPT_SETS_BYTES]; // with start codes of 4 bytes
-    uint32_t uiKeptSetsLen;                       // its bytes in use
+    // Parameter sets without their picture (component/parameter_sets.h): the buffer thread while
+    // recording, the stop procedure after it.
+    uint8_t aucKeptSets[kKeptSetsBytes]; // with start codes of 4 bytes
+    uint32_t uiKeptSetsLen;              // its bytes in use
 };
 
 [[nodiscard]] inline omx_tdmbrec_component_PrivateType *private_record(OMX_COMPONENTTYPE *component)

@@ -11,7 +11,7 @@ pthread_mutex_t lockParameters = PTHREAD_MUTEX_INITIALIZER;
 char szOutFileName[TDMBREC_PATH_BYTES];
 df_handle_t *global_mountinfo;
 uint8_t global_uc_stop_type;
-uint32_t global_ui_AUDIO_PTS[2 * AUDIO_PTS_ENTRIES];
+uint32_t global_ui_AUDIO_PTS[2 * kAudioPtsEntries];
 uint32_t global_ui_VIDEO_PTS[TDMBREC_VIDEO_SEGMENTS][TDMBREC_SEGMENT_WORDS];
 uint8_t global_uc_write_index;
 omx_tdmbrec_component_PrivateType *global_recording_owner;

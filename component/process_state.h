@@ -12,16 +12,16 @@
 #include <cstdint>
 #include <pthread.h>
 
-#define AUDIO_PTS_ENTRIES 50
+inline constexpr uint8_t kAudioPtsEntries = 50;
 
 // Held while a muxer session is opened, written to or closed.
 extern pthread_mutex_t lockTDMBRecording;
-// Guards global_mountinfo. The life of a recording alone keeps its threads apart already, so that
-// no test can miss the lock: the start opens the handle while it holds the claim and before
-// bRecording is 1; the buffer callback queries it (and closes it when the storage is full) between
-// bCallbackIdle 0 with bRecording 1 and bCallbackIdle 1; the close closes it after bRecording is 0
-// and after it has seen bCallbackIdle 1, and gives up the claim later. All of these words are
-// sequentially consistent. docs/models/recordings.pml asserts it in every state.
+// Guards global_mountinfo. The life of a recording alone already keeps its threads apart, so no
+// test can fail without the lock: the start opens the handle while it holds the claim and before
+// bRecording is 1; the buffer callback uses it only between bCallbackIdle 0 with bRecording 1 and
+// bCallbackIdle 1; the close closes it after bRecording is 0 and bCallbackIdle is 1, and releases
+// the claim later. All of these words are sequentially consistent. docs/models/recordings.pml
+// asserts it in every state.
 extern pthread_mutex_t lockDFHandle;
 // Guards szOutFileName and every component's name parts.
 extern pthread_mutex_t lockParameters;
@@ -29,19 +29,24 @@ extern pthread_mutex_t lockParameters;
 extern char szOutFileName[TDMBREC_PATH_BYTES]; // under lockParameters; may lack a terminator
 extern df_handle_t *global_mountinfo;          // under lockDFHandle; null when none is open
 extern uint8_t global_uc_stop_type;            // atomic: tdmbrec_stop_reason_t
-// Audio ring: word i is the time (ms) of entry i, word 50 + i its PCM bytes. The recording's buffer
-// thread.
-extern uint32_t global_ui_AUDIO_PTS[2 * AUDIO_PTS_ENTRIES];
+// Audio ring: word i is the time (ms) of entry i, word kAudioPtsEntries + i its PCM bytes.
+// thread: the recording's buffer thread
+extern uint32_t global_ui_AUDIO_PTS[2 * kAudioPtsEntries];
 // The component whose recording is being prepared, running or being closed; null when none is.
 extern omx_tdmbrec_component_PrivateType *global_recording_owner; // atomic
 
-// Makes the component the one that records in the process. kClaimGranted: from now on it is, until
-// release_recording; its last recording, if it had one, is closed (the claim waits for that, not
-// for the report of its end). kClaimRecording: it records already. kClaimOtherComponent: another
-// one records or is being closed. thread: any that does not hold the claim.
-enum claim_result_t { kClaimGranted, kClaimRecording, kClaimOtherComponent };
+enum claim_result_t {
+    kClaimGranted,
+    kClaimRecording,     // the component records already
+    kClaimOtherComponent // another one records or is being closed
+};
+
+// Makes the component the only one that may record, until release_recording. Waits until its last
+// recording is closed, not until the end of that is reported.
+// thread: any that does not hold the claim
 [[nodiscard]] claim_result_t claim_recording(omx_tdmbrec_component_PrivateType *self);
-// Lets the next recording of the process begin. The record is only named, not touched.
+
+// Lets the next recording of the process begin. Does not access the record.
 void release_recording(omx_tdmbrec_component_PrivateType *self);
 
 #endif // COMPONENT_PROCESS_STATE_H

@@ -1,14 +1,13 @@
-// Access to the fields that two threads touch while neither holds a lock. Everything is
-// sequentially consistent: the stop handshake needs the store of one flag ordered before the load
-// of the other.
+// Access to fields that two threads share without a lock. Everything is sequentially consistent:
+// the stop handshake needs the store of one flag ordered before the load of the other.
 //
-// The compiler's own operations: not every standard library for devices has std::atomic_ref.
+// These are the compiler's operations: not every standard library for devices has std::atomic_ref.
 #ifndef COMPONENT_SHARED_FIELDS_H
 #define COMPONENT_SHARED_FIELDS_H
 
 #include <type_traits>
 
-// A field that can be shared: the machine has its operations, and nobody waits for a hidden lock.
+// True where the machine has the operations for a field, so that no hidden lock is taken.
 template <typename T>
 inline constexpr bool kIsShareable =
     std::is_trivially_copyable_v<T> && __atomic_always_lock_free(sizeof(T), nullptr);
@@ -38,8 +37,8 @@ template <typename T>
     return before;
 }
 
-// Changes the field from `from` to `to`. returns false, and changes nothing, when it held another
-// value.
+// Changes the field from `from` to `to`.
+// returns: false, with nothing changed, when it held another value
 template <typename T>
 [[nodiscard]] inline bool swap_shared(T &field, T from, T to)
 {

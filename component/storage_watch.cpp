@@ -14,7 +14,7 @@ static bool begins_with(const char *path, const char *root)
 
 bool is_on_removable_storage(const char *path)
 {
-    return begins_with(path, REMOVABLE_STORAGE_ROOT);
+    return begins_with(path, kRemovableStorageRoot);
 }
 
 bool open_storage(void)
@@ -43,7 +43,7 @@ void close_storage(void)
     pthread_mutex_unlock(&lockDFHandle);
 }
 
-// returns the storage's record, or null when the storage is not usable.
+// returns: the storage's record, or null when the storage is not usable
 static const df_record_t *query_storage_locked(const char *path)
 {
     if (global_mountinfo == nullptr) {
@@ -54,7 +54,7 @@ static const df_record_t *query_storage_locked(const char *path)
         (void)property_get("qvr.sdcard.db.status", status, "");
         return strcmp(status, "available") == 0 ? dfget(global_mountinfo, DF_REMOVABLE) : nullptr;
     }
-    if (begins_with(path, BUILT_IN_STORAGE_ROOT)) {
+    if (begins_with(path, kBuiltInStorageRoot)) {
         return dfget(global_mountinfo, DF_BUILT_IN);
     }
     return nullptr;

@@ -1,12 +1,12 @@
-// The storage that a recording goes to: which root the path lies under, whether it is there and how
-// much room is left.
+// The storage of a recording: the root of its path, whether it is available and how much room is
+// left.
 #ifndef COMPONENT_STORAGE_WATCH_H
 #define COMPONENT_STORAGE_WATCH_H
 
 #include <cstdint>
 
-#define BUILT_IN_STORAGE_ROOT "/mnt/sdcard"
-#define REMOVABLE_STORAGE_ROOT "/mnt/sdcard/tflash"
+inline constexpr char kBuiltInStorageRoot[] = "/mnt/sdcard";
+inline constexpr char kRemovableStorageRoot[] = "/mnt/sdcard/tflash";
 
 enum storage_state_t {
     kStorageUsable,
@@ -17,13 +17,14 @@ enum storage_state_t {
 // True when the path begins with the removable storage's root.
 [[nodiscard]] bool is_on_removable_storage(const char *path);
 
-// Opens the process's storage handle unless it is open. returns false when that fails.
+// Opens the process's storage handle unless it is open.
+// returns: false when that fails
 [[nodiscard]] bool open_storage(void);
 
 // Closes the process's storage handle if it is open.
 void close_storage(void);
 
-// Looks at the storage of a path; one property read and one query for every recorded buffer.
+// Costs one property read and one query for every recorded buffer.
 [[nodiscard]] storage_state_t check_storage(const char *path);
 
 #endif // COMPONENT_STORAGE_WATCH_H

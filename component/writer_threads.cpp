@@ -1,9 +1,9 @@
-// The writer threads: each moves the frames of one FIFO into the recording's file, until the
-// recording ends or has to end.
+// The writer threads: each writes the frames of one FIFO to the recording's file, until the
+// recording ends or a write ends it.
 #include "component/frame_fifo.h"
 #include "component/frame_writer.h"
 #include "component/private_record.h"
-#include "component/recording_control.h"
+#include "component/recording_end.h"
 #include "component/shared_fields.h"
 #include "component/tdmbrec_interface.h"
 
@@ -12,10 +12,10 @@
 static constexpr useconds_t kIdleUs = 10000;
 
 struct writer_t {
-    uint32_t uiFifo;
-    int32_t iType; // MUX_TYPE_...
-    const char *pszFunction;
-    int iLine; // with the function, the place that the device's log names
+    uint32_t fifo;
+    int32_t type; // MUX_TYPE_...
+    const char *function;
+    int line; // logged with the function, as on the device
 };
 
 static constexpr writer_t kVideoWriter = {QVR_FIFO_VIDEO, MUX_TYPE_VIDEO,
@@ -23,34 +23,33 @@ static constexpr writer_t kVideoWriter = {QVR_FIFO_VIDEO, MUX_TYPE_VIDEO,
 static constexpr writer_t kAudioWriter = {QVR_FIFO_AUDIO, MUX_TYPE_AUDIO,
                                           "omx_tdmbrec_audio_thread", 2152};
 
-// Writes the oldest frame, if there is one; it stays in the FIFO while there is no file.
+// Writes the oldest frame, if any; it stays in the FIFO while no file is open.
 static write_result_t write_oldest_frame(omx_tdmbrec_component_PrivateType *self,
                                          const writer_t *writer, int32_t *mux_result)
 {
-    mp4_mux_putstream_t frame = {.m_iType = writer->iType};
-    uint32_t length = 0;
-    int64_t time = 0;
-    frame.m_pbyData = QVR_FIFO_GetOneFrame(writer->uiFifo, &length, &time, &frame.m_uiFlags);
+    mp4_mux_putstream_t frame = {.m_iType = writer->type};
+    uint32_t length_bytes = 0;
+    int64_t time_ms = 0;
+    frame.m_pbyData = QVR_FIFO_GetOneFrame(writer->fifo, &length_bytes, &time_ms, &frame.m_uiFlags);
     if (frame.m_pbyData == nullptr) {
         return kWriteNothing;
     }
-    frame.m_iDataSize = static_cast<int32_t>(length);
-    frame.m_uiTimeStamp = static_cast<uint32_t>(time);
+    frame.m_iDataSize = static_cast<int32_t>(length_bytes);
+    frame.m_uiTimeStamp = static_cast<uint32_t>(time_ms);
     frame.m_uiTimeStamp2 = frame.m_uiTimeStamp;
     const write_result_t result = put_frame(self, &frame, mux_result);
     if (result != kWriteNothing) {
-        (void)QVR_FIFO_PopFrame(writer->uiFifo);
+        (void)QVR_FIFO_PopFrame(writer->fifo);
     }
     return result;
 }
 
-// The stop procedure joins this thread: it runs on a thread of its own.
 static void end_recording(OMX_COMPONENTTYPE *component, const writer_t *writer,
                           write_result_t result, int32_t mux_result)
 {
     omx_tdmbrec_component_PrivateType *const self = private_record(component);
     const bool ends_recording = take_recording(self);
-    log_mux_error(self, mux_result, writer->pszFunction, writer->iLine);
+    log_mux_error(self, mux_result, writer->function, writer->line);
     if (ends_recording) {
         begin_stop(component,
                    result == kWriteFailed ? TDMBREC_STOP_WRITE : TDMBREC_STOP_SIZE_LIMIT);

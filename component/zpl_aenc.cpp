@@ -8,7 +8,8 @@
 static constexpr int32_t kStreamBufferBytes = 2048;
 static constexpr int32_t kSamplesPerChannel = 1024;
 static constexpr int32_t kDefaultSampleBits = 16;
-static constexpr char kRuler[] = "---------------------------------------------------"; // 51
+static constexpr size_t kReservedWordsOffset = 16; // in the first PCM
+static constexpr char kRuler[] = "---------------------------------------------------";
 static_assert(sizeof(kRuler) == 51 + 1);
 
 static tdmbrec_encoder_function_t gspfAEnc;
@@ -20,9 +21,8 @@ static uint8_t *gpucStreamBuffer;
 static uint8_t *gpucPcmBuffer;
 static int32_t giSampleBits;
 static int32_t giChannels;
-static int32_t giSampleRate;
 static int32_t giSamplesPerChannel;
-static uint64_t gullOutputBytes;
+static uint64_t gullOutputBytes; // fixed by the design, not read
 
 static void log_settings(const zpl_aenc_t *zpl)
 {
@@ -49,10 +49,10 @@ static void fill_records(const zpl_aenc_t *zpl, const zpl_aenc_init_t *init, int
     gstStreamInfo.channels = zpl->m_iAudioChannels;
     gstInitParams.audioInfo = &gstAudioInfo;
     gstInitParams.streamInfo = &gstStreamInfo;
-    memcpy(gstInitParams.reservedWords, init->aucFirstPcm + 16,
+    memcpy(gstInitParams.reservedWords, init->aucFirstPcm + kReservedWordsOffset,
            sizeof(gstInitParams.reservedWords));
     gstInitParams.outputFormat =
-        output_type == ZPL_AENC_OUTPUT_ADTS ? AACENC_FORMAT_ADTS : AACENC_FORMAT_RAW;
+        output_type == kZplOutputAdts ? AACENC_FORMAT_ADTS : AACENC_FORMAT_RAW;
 }
 
 static void free_buffers(const tdmbrec_memory_functions_t *memory)
@@ -119,7 +119,7 @@ static int32_t open_encoder(zpl_aenc_t *zpl)
     return result;
 }
 
-// Takes over what the encoder says of its frames.
+// Takes the frame's geometry from the encoder.
 static int32_t take_geometry(zpl_aenc_t *zpl, int32_t result)
 {
     if (gstStreamInfo.channels == 0 || gstStreamInfo.sampleRate == 0 ||
@@ -139,7 +139,6 @@ static int32_t take_geometry(zpl_aenc_t *zpl, int32_t result)
                         gstStreamInfo.sampleRate);
     giChannels = gstStreamInfo.channels;
     giSamplesPerChannel = gstStreamInfo.samplesPerChannel;
-    giSampleRate = gstStreamInfo.sampleRate;
     __android_log_print(ANDROID_LOG_INFO, ZPL_AENC_LOG_TAG, "### Enc Init Done, ret(%d)", result);
     return result;
 }
@@ -153,11 +152,11 @@ static int32_t init_with_buffers(zpl_aenc_t *zpl)
     return result < 0 ? result : take_geometry(zpl, result);
 }
 
-int32_t zpl_aenc_init(zpl_aenc_t *zpl, zpl_aenc_init_t *init, int32_t aenc_type,
+int32_t zpl_aenc_init(zpl_aenc_t *zpl, const zpl_aenc_init_t *init, int32_t aenc_type,
                       int32_t output_type, tdmbrec_encoder_function_t encoder)
 {
     gspfAEnc = encoder;
-    if (gspfAEnc == nullptr || aenc_type != ZPL_AENC_TYPE_AAC) {
+    if (gspfAEnc == nullptr || aenc_type != kZplTypeAac) {
         __android_log_print(ANDROID_LOG_ERROR, ZPL_AENC_LOG_TAG,
                             ": [ZPL_CORE] audio decoder not found (iAencType: %d) \n", aenc_type);
         gspfAEnc = nullptr;
@@ -181,19 +180,17 @@ uint32_t zpl_aenc_getSamplesSize(void)
     return static_cast<uint32_t>(giSampleBits / 8 * giChannels * giSamplesPerChannel);
 }
 
-int32_t zpl_aenc_encode(zpl_aenc_t *zpl, const zpl_aenc_init_t *init, const zpl_aenc_input_t *input,
-                        int32_t aenc_type)
+int32_t zpl_aenc_encode(zpl_aenc_t *zpl, const zpl_aenc_init_t *, const zpl_aenc_input_t *input,
+                        int32_t)
 {
-    (void)init;
-    (void)aenc_type;
     if (zpl->iState == kZplStateOff || zpl->iState == kZplStateStopped) {
         return 0;
     }
     if (zpl->iState != kZplStateRun) {
         return -1;
     }
-    // Aligned: the queue's storage is an allocated block, and its read position is whole frames, of
-    // an even number of bytes each, from the start of it.
+    // Aligned: the PCM is whole frames after the start of an allocated block, and a frame has an
+    // even number of bytes.
     gstAudioInfo.pcm = reinterpret_cast<const int16_t *>(static_cast<const void *>(input->pPcm));
     const int32_t result =
         gspfAEnc(AACENC_OP_ENCODE, &zpl->hEncoder, &gstAudioInfo, &gstStreamInfo);

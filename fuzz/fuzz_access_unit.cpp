@@ -13,7 +13,7 @@ static uint32_t count_units(const Bytes &frame)
 {
     uint32_t count = 0;
     for (fuzz_input input = {frame}; !input.left.empty(); count++) {
-        const size_t length = static_cast<size_t>(input.number(NAL_LENGTH_BYTES));
+        const size_t length = static_cast<size_t>(input.number(kNalLengthBytes));
         require(length > 0 && input.take(length).size() == length,
                 "a length leads to the next one");
     }
@@ -27,9 +27,8 @@ static void check_component(Bytes data)
     if (!describe_access_unit(data.data(), length, &unit)) {
         return;
     }
-    const uint32_t units = unit.uiFrontUnitCount + unit.uiUnitCount;
-    require(unit.uiFrontUnitCount == unit.uiSpsCount + unit.uiPpsCount &&
-                (unit.uiPictureOffset < length) == (unit.uiUnitCount > 0) &&
+    const uint32_t units = count_leading_sets(&unit) + unit.picture_unit_count;
+    require((unit.picture_offset < length) == (unit.picture_unit_count > 0) &&
                 (unit.has_slice || !unit.is_idr),
             "the description agrees with itself");
     Bytes frame(length + units);
@@ -40,8 +39,8 @@ static void check_component(Bytes data)
     access_unit_t described;
     require(describe_access_unit(copy.data(), static_cast<uint32_t>(copy.size()), &described) &&
                 !described.has_short_start_codes && !described.has_empty_units &&
-                described.uiUnitCount == unit.uiUnitCount &&
-                described.uiSpsCount == unit.uiSpsCount && described.is_idr == unit.is_idr,
+                described.picture_unit_count == unit.picture_unit_count &&
+                described.sps_count == unit.sps_count && described.is_idr == unit.is_idr,
             "a copy is the same access unit");
     copy.resize(prefix_lengths(copy.data(), static_cast<uint32_t>(copy.size()), copy.data()));
     require(copy == frame, "a copy gives the same frame, in place");

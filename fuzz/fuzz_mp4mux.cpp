@@ -161,7 +161,7 @@ static size_t count_samples(const mp4_reader::movie &movie, const char *handler)
 static void check_file(const fuzzed_recording &recording)
 {
     const mp4_reader::movie movie = mp4_reader::read_movie(world.files["out.mp4"].bytes);
-    require(movie.error.empty(), movie.error);
+    require(movie.faults.empty(), first_fault(movie));
     const size_t pictures = count_samples(movie, "vide");
     const size_t audio_frames = count_samples(movie, "soun");
     require(pictures >= recording.frame_count[MUX_TYPE_VIDEO] &&

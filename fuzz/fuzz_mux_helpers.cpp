@@ -5,7 +5,9 @@
 // numbers of 4 bytes for a date; then operations on one stream format: kind, and a header, or a
 // profile's name with two rates, after its length.
 #include "fuzz/input.h"
-#include "mp4mux/mux_util.h"
+#include "mp4mux/c_strings.h"
+#include "mp4mux/calendar.h"
+#include "mp4mux/stream_format.h"
 #include "tests/support/mux_callbacks.h"
 
 #include <cstring>

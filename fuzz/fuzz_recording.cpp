@@ -71,7 +71,7 @@ static void check_file()
     if (environment.given[MUX_TYPE_VIDEO] == none && environment.given[MUX_TYPE_AUDIO] == none) {
         return; // of a file without a frame the muxer writes only the head
     }
-    require(movie.error.empty(), movie.error);
+    require(movie.faults.empty(), first_fault(movie));
     require(frames_of(movie, "vide") == environment.given[MUX_TYPE_VIDEO],
             "every picture is there");
     require(frames_of(movie, "soun") == environment.given[MUX_TYPE_AUDIO], "all audio is there");
@@ -141,7 +141,7 @@ static void take_step(OMX_COMPONENTTYPE *component, fuzz_input &input, int64_t *
 {
     const uint32_t step = input.u8() % 8;
     if (step == 6) {
-        host_fail_call(HOST_CALL_MALLOC, input.u8(), 1);
+        host_fail_call(kHostCallMalloc, input.u8(), 1);
     } else if (step == 7) {
         host_set_storage(0, 100000, 51200 + input.u8());
     } else {
@@ -177,7 +177,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
             take_step(component, input, &ts_us);
         }
         finish(component, ends_before);
-        host_fail_call(HOST_CALL_MALLOC, 0, 0);
+        host_fail_call(kHostCallMalloc, 0, 0);
         require(host_live_allocations() == live_blocks && host_live_storage_handles() == 0,
                 "nothing is kept");
     }

@@ -1,22 +1,28 @@
-// What the muxer reads of an H.264 NAL unit (ITU-T H.264, 7.3.1).
+// The part of the H.264 syntax that the muxer reads (ITU-T H.264, 7.3.1).
 #ifndef MP4MUX_AVC_SYNTAX_H
 #define MP4MUX_AVC_SYNTAX_H
 
+#include <cstddef>
 #include <cstdint>
 #include <span>
+
+using nal_unit = std::span<const uint8_t>;
 
 enum {
     kNalTypeSps = 7,
     kNalTypePps = 8,
 };
 
-// The type of a NAL unit that has at least its header byte.
-[[nodiscard]] inline uint8_t nal_unit_type(std::span<const uint8_t> unit)
+// Bytes of the length in front of each NAL unit of a frame.
+inline constexpr size_t kNalLengthBytes = 4;
+
+// An SPS must hold its profile, constraint flags and level: bytes 1 to 3.
+inline constexpr size_t kMinSpsBytes = 4;
+
+// in: unit: at least its header byte
+[[nodiscard]] inline uint8_t nal_unit_type(nal_unit unit)
 {
     return unit.front() & 0x1F;
 }
-
-// An SPS must reach beyond its profile, constraint flags and level: bytes 1 to 3.
-inline constexpr uint32_t kMinSpsBytes = 4;
 
 #endif // MP4MUX_AVC_SYNTAX_H

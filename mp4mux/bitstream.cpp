@@ -23,27 +23,22 @@ static constexpr write_messages kBytesMessages = {
     "can't open file(bs_write_bytes)",
     "can't write file(bs_write_bytes)",
     "invalid data: cache is NULL(bs_write_bytes)",
-    "can't tell the position(bs_write_bytes)",
+    "can't get the position(bs_write_bytes)",
 };
 
 static constexpr write_messages kByteMessages = {
     "can't open file(bs_write_1byte)",
     "can't write file(bs_write_1byte)",
     "invalid data: cache is NULL(bs_write_1byte)",
-    "can't tell the position(bs_write_1byte)",
+    "can't get the position(bs_write_1byte)",
 };
 
 static constexpr write_messages kFlushMessages = {
     "can't open file(bs_write_flush)",
     "can't write file(bs_write_flush)",
     "invalid data: cache is NULL(bs_write_flush)",
-    "can't tell the position(bs_write_flush)",
+    "can't get the position(bs_write_flush)",
 };
-
-int32_t bs_fail(const mp4_mux_bs_t *bs, int32_t code, const char *message)
-{
-    return mp4_mux_set_last_error(code, 0, message, bs->m_pstError);
-}
 
 int32_t bs_fail_to_close(const mp4_mux_bs_t *bs)
 {
@@ -54,10 +49,10 @@ int32_t bs_fail_to_close(const mp4_mux_bs_t *bs)
 
 int32_t bs_fail_to_seek(const mp4_mux_bs_t *bs)
 {
-    return bs_fail(bs, MUX_ERR_SEEK,
-                   bs->m_pstMux->m_stFile.m_pfnFseek64 != nullptr
-                       ? "can't seek to SEEK_SET in fseek64(bs_fseek)"
-                       : "can't seek to SEEK_SET in fseek(bs_fseek)");
+    return fail(bs->m_pstError, MUX_ERR_SEEK,
+                bs->m_pstMux->m_stFile.m_pfnFseek64 != nullptr
+                    ? "can't seek to SEEK_SET in fseek64(bs_fseek)"
+                    : "can't seek to SEEK_SET in fseek(bs_fseek)");
 }
 
 int32_t bs_refresh(mp4_mux_bs_t *bs, const char *message)
@@ -69,7 +64,7 @@ int32_t bs_refresh(mp4_mux_bs_t *bs, const char *message)
     const int64_t position = file.m_pfnFtell64 != nullptr ? file.m_pfnFtell64(bs->m_hFile)
                                                           : file.m_pfnFtell(bs->m_hFile);
     if (position < 0) {
-        return bs_fail(bs, MUX_ERR_SEEK, message);
+        return fail(bs->m_pstError, MUX_ERR_SEEK, message);
     }
     bs->m_llFilePos = position;
     return 0;
@@ -153,7 +148,8 @@ int32_t mp4_mux_open_bitstream(mp4_mux_bs_t *bs, int32_t cache_bytes, void *hand
         cache = bs->m_pstMux->m_stMem.m_pfnMalloc(static_cast<size_t>(cache_bytes));
     }
     if (cache == nullptr) {
-        return bs_fail(bs, MUX_ERR_MEMORY, "Insufficient memory to allocate(open_bitstream)");
+        return fail(bs->m_pstError, MUX_ERR_MEMORY,
+                    "Insufficient memory to allocate(open_bitstream)");
     }
     return mp4_mux_open_bitstream_from_external_memory(bs, static_cast<uint8_t *>(cache),
                                                        cache_bytes, handle);
@@ -182,8 +178,8 @@ static size_t free_bytes(const mp4_mux_bs_t *bs)
     return span > bs->m_uiFill ? span - bs->m_uiFill : 0;
 }
 
-// A write that failed may have stored a part and moved the file on; what is written next still
-// belongs to m_llFilePos.
+// A failed write may have stored a part and moved the file position; the next bytes still belong
+// to m_llFilePos.
 static bool return_to_position(mp4_mux_bs_t *bs)
 {
     if (bs->m_bSeekDue != 0) {
@@ -205,21 +201,21 @@ static int32_t flush_cache(mp4_mux_bs_t *bs, const write_messages &messages)
         bs->m_hFile = file.m_pfnFopen(bs->m_pszFileName, "wb+");
     }
     if (bs->m_hFile == nullptr) {
-        return bs_fail(bs, MUX_ERR_OPEN, messages.open);
+        return fail(bs->m_pstError, MUX_ERR_OPEN, messages.open);
     }
     if (!return_to_position(bs)) {
-        return bs_fail(bs, MUX_ERR_WRITE, messages.write);
+        return fail(bs->m_pstError, MUX_ERR_WRITE, messages.write);
     }
     const size_t written = file.m_pfnFwrite(bs->m_pbyBase, 1, bs->m_uiFill, bs->m_hFile);
     bs->m_uiValid = static_cast<uint32_t>(written);
     if (written != bs->m_uiFill) {
         bs->m_bSeekDue = 1;
-        return bs_fail(bs, MUX_ERR_WRITE, messages.write);
+        return fail(bs->m_pstError, MUX_ERR_WRITE, messages.write);
     }
     return 0;
 }
 
-// Makes the cache empty and ready for writing at the file's position; what it held is in the file.
+// Empties the cache, whose bytes are in the file, for writing at the file's position.
 static int32_t renew_span(mp4_mux_bs_t *bs, const write_messages &messages)
 {
     const int64_t expected = bs_position(bs);
@@ -228,7 +224,7 @@ static int32_t renew_span(mp4_mux_bs_t *bs, const write_messages &messages)
         bs->m_llFilePos = expected;
     }
     if (bs->m_pbyCache == nullptr || bs->m_iCacheSize <= 0) {
-        return bs_fail(bs, MUX_ERR_INVALID, messages.cache);
+        return fail(bs->m_pstError, MUX_ERR_INVALID, messages.cache);
     }
     bs->m_pbyBase = bs->m_pbyCache;
     bs->m_pbyEnd = bs->m_pbyCache + bs->m_iCacheSize;
@@ -239,7 +235,7 @@ static int32_t renew_span(mp4_mux_bs_t *bs, const write_messages &messages)
 static int32_t make_room(mp4_mux_bs_t *bs, const write_messages &messages)
 {
     const int32_t flushed = flush_cache(bs, messages);
-    if (flushed < 0) { // the caller does without
+    if (flushed < 0) { // the caller drops its bytes
         bs->m_bTorn = 1;
         return flushed;
     }
@@ -317,7 +313,7 @@ static int32_t put_byte(mp4_mux_bs_t *bs, uint8_t byte)
         if (free_bytes(bs) == 0) {
             return made;
         }
-        result = made < 0 ? made : result; // an untold position leaves room all the same
+        result = made < 0 ? made : result; // there is room even if the position is unknown
     }
     bs->m_pbyBase[bs->m_uiFill++] = byte;
     return result;

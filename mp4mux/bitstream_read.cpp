@@ -18,31 +18,31 @@ struct read_messages {
 static constexpr read_messages kBytesMessages = {
     "the end of the file(bs_read_bytes)",
     "invalid data: cache is NULL(bs_read_bytes)",
-    "can't tell the position(bs_read_bytes)",
+    "can't get the position(bs_read_bytes)",
 };
 
 static constexpr read_messages kByteMessages = {
     "the end of the file(bs_read_1byte)",
     "invalid data: cache is NULL(bs_read_1byte)",
-    "can't tell the position(bs_read_1byte)",
+    "can't get the position(bs_read_1byte)",
 };
 
 static constexpr read_messages kReadyMessages = {
     "the end of the file(bs_ready_cache)",
     "invalid data: cache is NULL(bs_ready_cache)",
-    "can't tell the position(bs_ready_cache)",
+    "can't get the position(bs_ready_cache)",
 };
 
 static constexpr read_messages kShowMessages = {
     "the end of the file(bs_show_bytes)",
     "invalid data: cache is NULL(bs_show_bytes)",
-    "can't tell the position(bs_show_bytes)",
+    "can't get the position(bs_show_bytes)",
 };
 
 static constexpr read_messages kSeekMessages = {
     "the end of the file(bs_fseek)",
     "invalid data: cache is NULL(bs_fseek)",
-    "can't tell the position(bs_fseek)",
+    "can't get the position(bs_fseek)",
 };
 
 static size_t unread_bytes(const mp4_mux_bs_t *bs)
@@ -55,7 +55,7 @@ static size_t unread_bytes(const mp4_mux_bs_t *bs)
     return valid > bs->m_uiFill ? valid - bs->m_uiFill : 0;
 }
 
-// Reads as much as the cache takes, from where the file stands.
+// Fills the cache from the current position of the file.
 static int32_t refill(mp4_mux_bs_t *bs, const read_messages &messages)
 {
     const int32_t refreshed = bs_refresh(bs, messages.tell);
@@ -63,17 +63,17 @@ static int32_t refill(mp4_mux_bs_t *bs, const read_messages &messages)
         return refreshed;
     }
     if (bs->m_pbyCache == nullptr || bs->m_iCacheSize <= 0) {
-        return bs_fail(bs, MUX_ERR_INVALID, messages.cache);
+        return fail(bs->m_pstError, MUX_ERR_INVALID, messages.cache);
     }
     if (bs->m_hFile == nullptr) {
-        return bs_fail(bs, MUX_ERR_EOF, messages.end);
+        return fail(bs->m_pstError, MUX_ERR_EOF, messages.end);
     }
     const size_t got = bs->m_pstMux->m_stFile.m_pfnFread(
         bs->m_pbyCache, 1, static_cast<size_t>(bs->m_iCacheSize), bs->m_hFile);
     if (got == 0) {
-        bs->m_uiFill = 0; // the bytes read before lie before m_llFilePos now
+        bs->m_uiFill = 0; // the bytes read before are before m_llFilePos now
         bs->m_uiValid = 0;
-        return bs_fail(bs, MUX_ERR_EOF, messages.end);
+        return fail(bs->m_pstError, MUX_ERR_EOF, messages.end);
     }
     bs->m_uiValid = static_cast<uint32_t>(got);
     bs->m_pbyBase = bs->m_pbyCache;
@@ -91,7 +91,7 @@ int32_t mp4_mux_bs_fseek_reset(mp4_mux_bs_t *bs, int64_t position)
     return bs_seek_file(bs, position);
 }
 
-// Shows up to max of the next bytes where they lie in the cache; max is above 0.
+// As bs_borrow_bytes, with the messages of the calling reader.
 static int32_t borrow(mp4_mux_bs_t *bs, size_t max, const uint8_t **bytes,
                       const read_messages &messages)
 {
@@ -144,12 +144,12 @@ int32_t mp4_mux_bs_ready_cache(mp4_mux_bs_t *bs)
     return static_cast<int32_t>(unread_bytes(bs));
 }
 
-// Reads the cache anew, from the next unread byte on.
+// Reads the cache again from the next unread byte.
 static int32_t reload_from_position(mp4_mux_bs_t *bs)
 {
     const int64_t position = bs_position(bs);
     if (bs->m_hFile != nullptr && mp4_mux_bs_fseek_reset(bs, position) != 0) {
-        return bs_fail(bs, MUX_ERR_SEEK, "can't seek(bs_show_bytes)");
+        return fail(bs->m_pstError, MUX_ERR_SEEK, "can't seek(bs_show_bytes)");
     }
     return refill(bs, kShowMessages);
 }
@@ -160,10 +160,11 @@ int32_t mp4_mux_bs_show_bytes(mp4_mux_bs_t *bs, void *destination, int32_t count
         return 0;
     }
     if (bs->m_pbyCache == nullptr) {
-        return bs_fail(bs, MUX_ERR_INVALID, kShowMessages.cache);
+        return fail(bs->m_pstError, MUX_ERR_INVALID, kShowMessages.cache);
     }
     if (count > bs->m_iCacheSize) {
-        return bs_fail(bs, MUX_ERR_INVALID, "invalid data: more than the cache(bs_show_bytes)");
+        return fail(bs->m_pstError, MUX_ERR_INVALID,
+                    "invalid data: more than the cache(bs_show_bytes)");
     }
     if (unread_bytes(bs) < static_cast<size_t>(count)) {
         const int32_t result = reload_from_position(bs);
@@ -172,7 +173,7 @@ int32_t mp4_mux_bs_show_bytes(mp4_mux_bs_t *bs, void *destination, int32_t count
         }
     }
     if (unread_bytes(bs) < static_cast<size_t>(count)) {
-        return bs_fail(bs, MUX_ERR_EOF, kShowMessages.end);
+        return fail(bs->m_pstError, MUX_ERR_EOF, kShowMessages.end);
     }
     bs->m_pstMux->m_stMem.m_pfnMemcpy(destination, bs->m_pbyBase + bs->m_uiFill,
                                       static_cast<size_t>(count));
@@ -192,7 +193,7 @@ int32_t mp4_mux_bs_fseek(mp4_mux_bs_t *bs, int64_t position)
         return 0;
     }
     if (bs->m_hFile == nullptr) {
-        return bs_fail(bs, MUX_ERR_EOF, kSeekMessages.end);
+        return fail(bs->m_pstError, MUX_ERR_EOF, kSeekMessages.end);
     }
     if (mp4_mux_bs_fseek_reset(bs, position) != 0) {
         return bs_fail_to_seek(bs);
@@ -272,5 +273,5 @@ int32_t mp4_mux_bs_read_value(mp4_mux_bs_t *bs, uint64_t *previous)
             return bytes;
         }
     }
-    return bs_fail(bs, MUX_ERR_INVALID, "invalid data: value is too long(bs_read_value)");
+    return fail(bs->m_pstError, MUX_ERR_INVALID, "invalid data: value is too long(bs_read_value)");
 }

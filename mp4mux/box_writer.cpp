@@ -28,7 +28,7 @@ int64_t begin_box(mp4_mux_bs_t *bs, const char *type)
 
 bool is_in_cache(const mp4_mux_bs_t *bs, int64_t position)
 {
-    return position >= bs->m_llFilePos && position + 4 <= bs_position(bs);
+    return position >= bs->m_llFilePos && position + kSizeFieldBytes <= bs_position(bs);
 }
 
 void patch_in_cache(mp4_mux_bs_t *bs, int64_t position, uint32_t value)
@@ -39,23 +39,23 @@ void patch_in_cache(mp4_mux_bs_t *bs, int64_t position, uint32_t value)
     bs->m_uiFill = fill;
 }
 
-// Writes a 32-bit value at a position that has left the cache and returns to the end. A value that
-// is missing afterwards, or a lost end, marks the bitstream as torn.
-// returns  null, or the tag of the step that failed
+// Writes a 32-bit value at a position that has left the cache and returns to the end. If the value
+// is missing or the end is lost, the bitstream is marked as torn.
+// returns: null, or the tag of the step that failed
 static const char *patch_in_file(mp4_mux_bs_t *bs, int64_t position, uint32_t value)
 {
     const int64_t end = bs_position(bs);
     if (mp4_mux_bs_write_fseek_reset(bs, position) != 0) {
-        if (bs->m_uiFill == 0) { // flushed, but not sought: what follows still belongs at the end
+        if (bs->m_uiFill == 0) { // flushed, but the seek failed: the next bytes belong at the end
             (void)mp4_mux_bs_fseek_reset(bs, end);
         }
         bs->m_bTorn = 1;
         return "<update_size1";
     }
     mp4_mux_bs_write_be32(bs, value);
-    const bool stored = bs_position(bs) == position + 4;
+    const bool stored = bs_position(bs) == position + kSizeFieldBytes;
     if (!stored || mp4_mux_bs_write_fseek_reset(bs, end) != 0) {
-        // What follows must not land on the box's first bytes: give the size up, not the place.
+        // The next bytes must not overwrite the box's first ones: give up the size instead.
         if (mp4_mux_bs_fseek_reset(bs, end) != 0 || !stored) {
             bs->m_bTorn = 1;
         }
@@ -66,14 +66,14 @@ static const char *patch_in_file(mp4_mux_bs_t *bs, int64_t position, uint32_t va
 
 int32_t update_size(mp4_mux_bs_t *bs, int64_t start)
 {
-    const uint32_t size = static_cast<uint32_t>(bs_position(bs) - start);
+    const uint32_t box_bytes = static_cast<uint32_t>(bs_position(bs) - start);
     if (is_in_cache(bs, start)) {
-        patch_in_cache(bs, start, size);
-        return static_cast<int32_t>(size);
+        patch_in_cache(bs, start, box_bytes);
+        return static_cast<int32_t>(box_bytes);
     }
-    const char *failed = patch_in_file(bs, start, size);
+    const char *failed = patch_in_file(bs, start, box_bytes);
     if (failed != nullptr) {
         return mp4_mux_add_err_string(failed, bs->m_pstError);
     }
-    return static_cast<int32_t>(size);
+    return static_cast<int32_t>(box_bytes);
 }

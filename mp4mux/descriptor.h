@@ -4,6 +4,11 @@
 
 #include <cstdint>
 
+inline constexpr uint32_t kDescriptorTagBytes = 1;
+inline constexpr uint32_t kEsFieldBytes = 3;      // of the ES_Descriptor: ES_ID and flags
+inline constexpr uint32_t kConfigFieldBytes = 13; // of the DecoderConfigDescriptor
+inline constexpr uint32_t kSlDescriptorBytes = 3; // the whole SLConfigDescriptor
+
 // Number of bytes of an expandable size: groups of 7 bits.
 [[nodiscard]] constexpr uint32_t descriptor_size_bytes(uint32_t payload)
 {
@@ -14,7 +19,13 @@
     return bytes;
 }
 
-// Payload sizes of the nested descriptors of one elementary stream.
+// Bytes of a descriptor's tag and size.
+[[nodiscard]] constexpr uint32_t descriptor_header_bytes(uint32_t payload)
+{
+    return kDescriptorTagBytes + descriptor_size_bytes(payload);
+}
+
+// Sizes of the nested descriptors of one elementary stream.
 struct descriptor_sizes {
     uint32_t specific_info; // of the whole DecoderSpecificInfo, 0 when there is none
     uint32_t config;        // payload of the DecoderConfigDescriptor
@@ -25,22 +36,23 @@ struct descriptor_sizes {
 {
     descriptor_sizes sizes = {};
     if (private_bytes != 0) {
-        sizes.specific_info = 1 + descriptor_size_bytes(private_bytes) + private_bytes;
+        sizes.specific_info = descriptor_header_bytes(private_bytes) + private_bytes;
     }
-    sizes.config = 13 + sizes.specific_info;
-    sizes.stream = 20 + sizes.specific_info + descriptor_size_bytes(sizes.config);
+    sizes.config = kConfigFieldBytes + sizes.specific_info;
+    sizes.stream =
+        kEsFieldBytes + descriptor_header_bytes(sizes.config) + sizes.config + kSlDescriptorBytes;
     return sizes;
 }
 
-// Estimate in bytes of the descriptors around private_bytes of decoder specific info.
+// Bytes of the descriptors around private_bytes of decoder specific info, their fixed fields not
+// counted.
 [[nodiscard]] constexpr int64_t estimate_descriptors(int32_t private_bytes)
 {
-    if (private_bytes == 0) {
-        return 4;
-    }
     const descriptor_sizes sizes = sizes_of_descriptors(static_cast<uint32_t>(private_bytes));
-    return int64_t{1} + descriptor_size_bytes(sizes.stream) + 1 +
-           descriptor_size_bytes(sizes.config) + sizes.specific_info;
+    return int64_t{descriptor_header_bytes(sizes.stream)} + descriptor_header_bytes(sizes.config) +
+           sizes.specific_info;
 }
+
+static_assert(estimate_descriptors(0) == 4 && estimate_descriptors(2) == 8);
 
 #endif // MP4MUX_DESCRIPTOR_H

@@ -6,19 +6,9 @@
 
 #include <algorithm>
 
-enum {
-    kFileTypeIsom = 0,
-    kFileTypeQuicktime = 1,
-    kFileType3gp4 = 2,
-    kFileTypeMsnv = 3,
-    kFileType3g2a = 4,
-    kFileTypeIsomToo = 5,
-};
-
 static constexpr uint32_t kDefaultMinorVersion = 0x200;
 
-// Boxes of the movie box with all their fields, the records of the sample tables and the
-// codec-specific boxes not counted.
+// Bytes of the movie box without the records of the sample tables and the sample entries.
 static constexpr int64_t kMovieEstimate = 255;
 static constexpr int64_t kVideoTrackEstimate = 357;
 static constexpr int64_t kAudioTrackEstimate = 345;
@@ -27,7 +17,7 @@ static const char *brand_of(int32_t file_type)
 {
     switch (file_type) {
     case kFileTypeIsom:
-    case kFileTypeIsomToo:
+    case kFileTypeIsomAlias:
         return "isom";
     case kFileType3gp4:
         return "3gp4";
@@ -64,7 +54,7 @@ static void write_custom_ftyp(mp4_mux_bs_t *bs, const mp4_mux_ftyp_t *ftyp, cons
     if (ftyp->m_uiCompatibleCount == 0) {
         mp4_mux_bs_write_tag(bs, brand); // unsigned int(32) compatible_brands[];
     }
-    (void)update_size(bs, start); // a failure is in the error record; the head goes on
+    (void)update_size(bs, start); // a failure is in the error record; the head continues
 }
 
 static void write_user_box(mp4_mux_bs_t *bs, const mp4_mux_userbox_t *box)
@@ -73,16 +63,15 @@ static void write_user_box(mp4_mux_bs_t *bs, const mp4_mux_userbox_t *box)
     mp4_mux_bs_write_be32(bs, 0);  // unsigned int(32) size;
     write_code(bs, box->m_uiType); // unsigned int(32) type;
     (void)mp4_mux_bs_write_bytes(bs, box->m_pbyData, static_cast<int32_t>(box->m_uiSize));
-    (void)update_size(bs, start); // failures are in the error record; the head goes on
+    (void)update_size(bs, start); // failures are in the error record; the head continues
 }
 
-// Estimates the movie box and sets the codes of the tracks that the estimate depends on.
+// Sets the codes of the tracks and, from them, the estimate of the movie box.
 static void prepare_tracks(mp4_mux_t *mux)
 {
     int64_t estimate = kMovieEstimate;
     for (uint32_t i = 0; i < mux->m_uiTrackCount; i++) {
         mp4_mux_track_t *p_track = mux->m_pstTrack[i];
-        p_track->m_iSttsEntryCount = -1;
         estimate += p_track->m_iType == MUX_TYPE_VIDEO
                         ? kVideoTrackEstimate + assign_video_codes(p_track)
                         : kAudioTrackEstimate + assign_audio_codes(p_track);

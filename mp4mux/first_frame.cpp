@@ -1,15 +1,11 @@
 #include "mp4mux/first_frame.h"
 
+#include "mp4mux/avc_record.h"
 #include "mp4mux/avc_syntax.h"
 #include "mp4mux/track.h"
 
 #include <algorithm>
 #include <cstddef>
-#include <span>
-
-using nal_unit = std::span<const uint8_t>;
-
-static constexpr size_t kLengthBytes = 4;
 
 static size_t load_be32(const uint8_t *from)
 {
@@ -17,23 +13,14 @@ static size_t load_be32(const uint8_t *from)
            static_cast<size_t>(from[2]) << 8 | from[3];
 }
 
-namespace {
-
-struct parameter_sets {
-    nal_unit sps;
-    nal_unit pps;
-};
-
-} // namespace
-
 // Walks length-prefixed NAL units until both parameter sets are found, the frame ends, or a length
-// leads out of it.
+// exceeds it.
 static parameter_sets find_parameter_sets(nal_unit frame)
 {
     parameter_sets found = {};
-    while (frame.size() > kLengthBytes && (found.sps.empty() || found.pps.empty())) {
+    while (frame.size() > kNalLengthBytes && (found.sps.empty() || found.pps.empty())) {
         const size_t length = load_be32(frame.data());
-        frame = frame.subspan(kLengthBytes);
+        frame = frame.subspan(kNalLengthBytes);
         if (length > frame.size()) {
             break;
         }
@@ -51,14 +38,6 @@ static parameter_sets find_parameter_sets(nal_unit frame)
     return found;
 }
 
-static uint8_t *put_bytes(const mp4_mux_t *mux, uint8_t *to, nal_unit unit)
-{
-    *to++ = static_cast<uint8_t>(unit.size() >> 8);
-    *to++ = static_cast<uint8_t>(unit.size());
-    mux->m_stMem.m_pfnMemcpy(to, unit.data(), unit.size());
-    return to + unit.size();
-}
-
 int32_t take_avc_configuration(mp4_mux_t *mux, mp4_mux_track_t *p_track,
                                const mp4_mux_putstream_t *frame)
 {
@@ -68,26 +47,19 @@ int32_t take_avc_configuration(mp4_mux_t *mux, mp4_mux_track_t *p_track,
         sets.pps.size() > UINT16_MAX) {
         return 0;
     }
-    const size_t size = sets.sps.size() + sets.pps.size() + 11;
-    uint8_t *record = static_cast<uint8_t *>(mux->m_stMem.m_pfnMalloc(size));
+    const size_t record_bytes = avc_record_bytes(sets);
+    uint8_t *record = static_cast<uint8_t *>(mux->m_stMem.m_pfnMalloc(record_bytes));
     if (record == nullptr) {
-        return mp4_mux_set_last_error(MUX_ERR_MEMORY, 0,
-                                      "Insufficient memory to allocate of m_pbyCodecPrivate",
-                                      &mux->m_stLastError);
+        return fail(&mux->m_stLastError, MUX_ERR_MEMORY,
+                    "Insufficient memory to allocate of m_pbyCodecPrivate");
     }
-    uint8_t *to = record;
-    *to++ = 1;           // unsigned int(8) configurationVersion;
-    *to++ = sets.sps[1]; // unsigned int(8) AVCProfileIndication;
-    *to++ = sets.sps[2]; // unsigned int(8) profile_compatibility;
-    *to++ = sets.sps[3]; // unsigned int(8) AVCLevelIndication;
-    *to++ = 0xFF;        // bit(6) reserved; unsigned int(2) lengthSizeMinusOne;
-    *to++ = 0xE1;        // bit(3) reserved; unsigned int(5) numOfSequenceParameterSets;
-    to = put_bytes(mux, to, sets.sps);
-    *to++ = 1; // unsigned int(8) numOfPictureParameterSets;
-    put_bytes(mux, to, sets.pps);
+    mp4_mux_bs_t bs = {.m_pstMux = mux, .m_pstError = &mux->m_stLastError};
+    mp4_mux_open_bitstream_from_external_memory(&bs, record, static_cast<int32_t>(record_bytes),
+                                                nullptr);
+    write_avc_record(&bs, sets);
 
     p_track->m_pbyCodecPrivate = record;
-    p_track->m_iCodecPrivateSize = static_cast<int32_t>(size);
+    p_track->m_iCodecPrivateSize = static_cast<int32_t>(record_bytes);
     mux->m_iMoovSizeEstimate = static_cast<int32_t>(std::min<int64_t>(
         int64_t{mux->m_iMoovSizeEstimate} + p_track->m_iCodecPrivateSize, INT32_MAX));
     return 0;

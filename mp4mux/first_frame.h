@@ -6,15 +6,16 @@
 
 #include <cstdint>
 
-// Builds the configuration of an AVC track from the parameter sets in its first frame. Without a
-// sound SPS (4 bytes or more) and a PPS in the frame, the track stays without.
-// returns  0 or MUX_ERR_MEMORY
-// source   ISO/IEC 14496-15, 5.2.4.1
+// Builds the configuration of an AVC track from the parameter sets in its first frame. The track
+// stays without one if the frame has no SPS of at least kMinSpsBytes bytes or no PPS.
+// returns: 0 or MUX_ERR_MEMORY
+// source: ISO/IEC 14496-15, 5.2.4.1
 [[nodiscard]] int32_t take_avc_configuration(mp4_mux_t *mux, mp4_mux_track_t *p_track,
                                              const mp4_mux_putstream_t *frame);
 
-// Keeps the first frame of an "ac-3" track: its sync information describes the stream.
-// returns  0 or MUX_ERR_MEMORY
+// Keeps the first frame of an "ac-3" track: its sync information describes the stream. Not reached:
+// no format tag leads to that entry.
+// returns: 0 or MUX_ERR_MEMORY
 [[nodiscard]] int32_t take_ac3_configuration(mp4_mux_t *mux, mp4_mux_track_t *p_track,
                                              const mp4_mux_putstream_t *frame);
 

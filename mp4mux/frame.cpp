@@ -5,14 +5,9 @@
 #include "mp4mux/first_frame.h"
 #include "mp4mux/table_record.h"
 
-// What a movie box may need beyond its estimate: the longer forms of two track and media headers,
-// and the runs that the close adds.
+// Bytes of a movie box beyond its estimate: the longer forms of two track and media headers, and
+// the runs that the close adds.
 static constexpr int64_t kMovieReserveBytes = 256;
-
-static int32_t fail(mp4_mux_t *mux, int32_t code, const char *message)
-{
-    return mp4_mux_set_last_error(code, 0, message, &mux->m_stLastError);
-}
 
 static mp4_mux_track_t *find_track(mp4_mux_t *mux, int32_t type)
 {
@@ -28,19 +23,20 @@ static mp4_mux_track_t *find_track(mp4_mux_t *mux, int32_t type)
 // Bytes of the sample tables for the frames so far.
 static int64_t sample_table_bytes(mp4_mux_t *mux)
 {
-    const uint32_t frame_bytes = mux->m_b32BitOffset != 0 ? 8 : 12; // offset and size
+    const int64_t frame_bytes = offset_record_bytes(mux) + kSizeRecordBytes;
     const mp4_mux_track_t *video = find_track(mux, MUX_TYPE_VIDEO);
     const mp4_mux_track_t *audio = find_track(mux, MUX_TYPE_AUDIO);
-    uint32_t video_bytes = 0;
-    uint32_t audio_bytes = 0;
+    int64_t bytes = 0;
     if (video != nullptr) {
-        video_bytes = video->m_uiSampleCount * frame_bytes + video->m_uiSyncSampleCount * 4 +
-                      (static_cast<uint32_t>(video->m_iSttsEntryCount) + 2) * 8;
+        // The close adds the open run and one for the last frame.
+        const int64_t runs = int64_t{video->m_iSttsEntryCount} + 2;
+        bytes += video->m_uiSampleCount * frame_bytes + runs * kRunRecordBytes +
+                 int64_t{video->m_uiSyncSampleCount} * kSyncRecordBytes;
     }
     if (audio != nullptr) {
-        audio_bytes = audio->m_uiSampleCount * frame_bytes;
+        bytes += audio->m_uiSampleCount * frame_bytes;
     }
-    return int64_t{static_cast<int32_t>(video_bytes)} + static_cast<int32_t>(audio_bytes);
+    return bytes;
 }
 
 static int64_t estimate_file_size(mp4_mux_t *mux)
@@ -48,27 +44,27 @@ static int64_t estimate_file_size(mp4_mux_t *mux)
     return bs_position(&mux->m_Bs) + mux->m_iMoovSizeEstimate + sample_table_bytes(mux);
 }
 
-// Refuses what must not reach the file: nothing has been written when this fails.
+// Refuses a frame that must not reach the file, before anything of it is written.
 static int32_t check_frame(mp4_mux_t *mux, const mp4_mux_putstream_t *frame)
 {
     if (mux->m_iState != kMuxStateRecording) {
-        return fail(mux, MUX_ERR_INVALID, "file is not open for frames");
+        return fail(&mux->m_stLastError, MUX_ERR_INVALID, "file is not open for frames");
     }
     if (frame->m_iDataSize < 0) {
-        return fail(mux, MUX_ERR_INVALID, "mp4_mux_putstream_t's size is negative");
+        return fail(&mux->m_stLastError, MUX_ERR_INVALID, "mp4_mux_putstream_t's size is negative");
     }
     if (frame->m_pbyData == nullptr && frame->m_iDataSize > 0) {
-        return fail(mux, MUX_ERR_INVALID, "mp4_mux_putstream_t's data is NULL");
+        return fail(&mux->m_stLastError, MUX_ERR_INVALID, "mp4_mux_putstream_t's data is NULL");
     }
     if (mux->m_b32BitOffset != 0 && bs_position(&mux->m_Bs) > UINT32_MAX) {
-        return fail(mux, MUX_ERR_INVALID, "frame lies beyond 32-bit chunk offsets");
+        return fail(&mux->m_stLastError, MUX_ERR_INVALID, "frame is beyond 32-bit chunk offsets");
     }
-    // The close seeks in the file, up to the end of its movie box.
+    // The close seeks as far as the end of the movie box.
     const bool seeks_32bit =
         mux->m_stFile.m_pfnFseek64 == nullptr || mux->m_stFile.m_pfnFtell64 == nullptr;
     if (seeks_32bit &&
         estimate_file_size(mux) + frame->m_iDataSize + kMovieReserveBytes > INT32_MAX) {
-        return fail(mux, MUX_ERR_INVALID, "frame lies beyond 32-bit seeks");
+        return fail(&mux->m_stLastError, MUX_ERR_INVALID, "frame is beyond 32-bit seeks");
     }
     return 0;
 }
@@ -78,43 +74,45 @@ static bool is_sync_sample(const mp4_mux_putstream_t *frame)
     return frame->m_iType == MUX_TYPE_VIDEO && (frame->m_uiFlags & MUX_FRAME_KEY) != 0;
 }
 
-static uint32_t delta_ms(const mp4_mux_track_t *p_track, const mp4_mux_putstream_t *frame)
+static uint32_t time_since_last(const mp4_mux_track_t *p_track, const mp4_mux_putstream_t *frame)
 {
     return frame->m_uiTimeStamp - p_track->m_uiPrevTimeStamp;
 }
 
 // Writes the open run of equal durations if the frame ends it.
+// returns: whether the run, if it ended, is stored
 static bool put_ended_run(const mp4_mux_t *mux, mp4_mux_track_t *p_track,
                           const mp4_mux_putstream_t *frame)
 {
-    if (delta_ms(p_track, frame) == p_track->m_uiSttsRunDeltaMs ||
-        p_track->m_iSttsEntryCount == -1) {
+    if (time_since_last(p_track, frame) == p_track->m_uiSttsRunDeltaMs ||
+        p_track->m_iSttsEntryCount == kNoRunYet) {
         return true;
     }
     return put_run(mux, p_track, p_track->m_iSttsRunCount, p_track->m_iSttsRunDelta);
 }
 
 // Counts a written frame into the open run or opens another. The time between two frames is known
-// with the second one: it counts for the first.
+// only with the second one and is the duration of the first.
 static void count_duration(mp4_mux_track_t *p_track, const mp4_mux_putstream_t *frame)
 {
-    const uint32_t delta = delta_ms(p_track, frame);
-    if (delta == p_track->m_uiSttsRunDeltaMs) {
+    const uint32_t delta_ms = time_since_last(p_track, frame);
+    if (delta_ms == p_track->m_uiSttsRunDeltaMs) {
         p_track->m_iSttsRunCount++;
         return;
     }
-    if (p_track->m_iSttsEntryCount != -1) {
+    if (p_track->m_iSttsEntryCount != kNoRunYet) {
         p_track->m_iSttsSampleCount += p_track->m_iSttsRunCount;
     }
-    // A step back in time is a negative difference, also in 64 bits.
-    const int64_t signed_delta = static_cast<int32_t>(delta);
-    p_track->m_uiSttsRunDeltaMs = delta;
+    // A step back in time is a negative difference in 64 bits too.
+    const int64_t signed_delta_ms = static_cast<int32_t>(delta_ms);
+    p_track->m_uiSttsRunDeltaMs = delta_ms;
     p_track->m_iSttsEntryCount++;
     p_track->m_iSttsRunCount = 1;
-    p_track->m_iSttsRunDelta = static_cast<int32_t>(signed_delta * p_track->m_uiTimeScale / 1000);
+    p_track->m_iSttsRunDelta =
+        static_cast<int32_t>(signed_delta_ms * p_track->m_uiTimeScale / 1000);
 }
 
-// Takes from the first frame of a track what the track does not know yet.
+// Takes the decoder configuration from the first frame of a track that has none.
 static int32_t take_configuration(mp4_mux_t *mux, mp4_mux_track_t *p_track,
                                   const mp4_mux_putstream_t *frame)
 {
@@ -124,23 +122,23 @@ static int32_t take_configuration(mp4_mux_t *mux, mp4_mux_track_t *p_track,
     if (frame->m_iType == MUX_TYPE_VIDEO && p_track->m_uiFourCC == fourcc("avc1")) {
         return take_avc_configuration(mux, p_track, frame);
     }
-    if (frame->m_iType == MUX_TYPE_AUDIO && p_track->m_uiFourCC == fourcc("ac-3")) {
+    if (frame->m_iType == MUX_TYPE_AUDIO && p_track->m_uiFourCC == fourcc("ac-3")) { // not reached
         return take_ac3_configuration(mux, p_track, frame);
     }
     return 0;
 }
 
-static void note_sample_size(mp4_mux_track_t *p_track, uint32_t size)
+static void note_sample_size(mp4_mux_track_t *p_track, uint32_t sample_bytes)
 {
-    if (p_track->m_uiLastSampleSize != 0 && p_track->m_uiLastSampleSize != size) {
+    if (p_track->m_uiLastSampleSize != 0 && p_track->m_uiLastSampleSize != sample_bytes) {
         p_track->m_bVariableSampleSize = 1;
     }
-    p_track->m_uiLastSampleSize = size;
+    p_track->m_uiLastSampleSize = sample_bytes;
 }
 
 // Writes the frame's records, then its bytes.
-// out      recorded: whether every record of the frame is stored
-// returns  0, or the error of an ended run or of the bytes
+// out: recorded: whether every record of the frame is stored
+// returns: 0, or the error of an ended run or of the bytes
 static int32_t append_frame(mp4_mux_t *mux, mp4_mux_track_t *p_track,
                             const mp4_mux_putstream_t *frame, bool *recorded)
 {
@@ -174,7 +172,7 @@ int32_t mp4_mux_putframe(mp4_mux_t *mux, const mp4_mux_putstream_t *frame)
 {
     mp4_mux_track_t *p_track = find_track(mux, frame->m_iType);
     if (p_track == nullptr) {
-        return fail(mux, MUX_ERR_NO_STREAM, "stream does not exist");
+        return fail(&mux->m_stLastError, MUX_ERR_NO_STREAM, "stream does not exist");
     }
     int32_t result = check_frame(mux, frame);
     if (result >= 0) {
@@ -192,7 +190,7 @@ int32_t mp4_mux_putframe(mp4_mux_t *mux, const mp4_mux_putstream_t *frame)
         mp4_mux_add_err_string("<mp4_mux_putframe", &mux->m_stLastError);
         return result;
     }
-    if (recorded) { // else its bytes belong to no sample
+    if (recorded) { // otherwise its bytes belong to no sample
         count_frame(mux, p_track, frame);
     }
     mux->m_llEstimatedFileSize = estimate_file_size(mux);

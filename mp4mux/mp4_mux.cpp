@@ -1,10 +1,10 @@
 #include "mp4mux/mp4_mux.h"
 
+#include "mp4mux/c_strings.h"
 #include "mp4mux/frame.h"
 #include "mp4mux/moov/finish.h"
 #include "mp4mux/mux_context.h"
 #include "mp4mux/mux_open.h"
-#include "mp4mux/mux_util.h"
 #include "mp4mux/mux_version.h"
 
 #include <cstddef>
@@ -31,8 +31,7 @@ static int32_t put_frame(mp4_mux_t *mux, const mp4_mux_putstream_t *frame, int64
 {
     mp4_mux_clear_last_error(&mux->m_stLastError);
     if (frame == nullptr) {
-        return mp4_mux_set_last_error(MUX_ERR_INVALID, 0, "mp4_mux_putstream_t's value is NULL",
-                                      &mux->m_stLastError);
+        return fail(&mux->m_stLastError, MUX_ERR_INVALID, "mp4_mux_putstream_t's value is NULL");
     }
     const int32_t result = mp4_mux_putframe(mux, frame);
     if (result < 0) {
@@ -47,7 +46,7 @@ static int32_t put_frame(mp4_mux_t *mux, const mp4_mux_putstream_t *frame, int64
     return result;
 }
 
-// An append callback takes the tables past the caches, so that memory for them helps nothing.
+// With an append callback the tables bypass the caches, so that memory for them is no use.
 static void take_close_memory(mp4_mux_t *mux, const mp4_mux_closemem_t *lent)
 {
     if (lent == nullptr || mux->m_pfnAppendFile != nullptr) {
@@ -123,7 +122,6 @@ int32_t QVR_MP4_MUX(int32_t op, void **handle, void *param1, void *param2)
     case MUX_GET_VERSION:
         return get_version(static_cast<char *>(param1), static_cast<char *>(param2));
     default:
-        return mp4_mux_set_last_error(MUX_ERR_INVALID, 0, "invalid operation code",
-                                      &mux->m_stLastError);
+        return fail(&mux->m_stLastError, MUX_ERR_INVALID, "invalid operation code");
     }
 }

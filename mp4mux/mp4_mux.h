@@ -1,8 +1,8 @@
 // The MP4 muxer: its one entry point and every record that crosses it.
 //
 // A file holds at most one video track and one audio track. Frames go straight into the media data,
-// in the order in which they arrive; the movie box follows when the file is closed.
-// The muxer allocates, reads and writes only through the callbacks it is given at open.
+// in the order in which they arrive; the close appends the movie box. The muxer allocates, reads
+// and writes only through the callbacks that it receives at open.
 #ifndef MP4MUX_MP4_MUX_H
 #define MP4MUX_MP4_MUX_H
 
@@ -26,14 +26,14 @@ enum {
 
 // Error codes.
 enum {
-    MUX_ERR_EOF = -2,             // a reader met the end of the file
+    MUX_ERR_EOF = -2,             // a read reached the end of the file
     MUX_ERR_HANDLE = -3,          // null handle, or no memory for the context
     MUX_ERR_OPEN = -4,            // a file could not be opened
     MUX_ERR_WRITE = -270511,      // a write stored nothing or only a part
-    MUX_ERR_SEEK = -270512,       // a position could not be sought or told
+    MUX_ERR_SEEK = -270512,       // a seek failed, or the position is unknown
     MUX_ERR_CLOSE = -270513,      // a file could not be closed; auxiliary value: the handle
     MUX_ERR_MEMORY = -270520,     // no memory, or a cache too small to work with
-    MUX_ERR_INVALID = -270531,    // an argument or operation that makes no sense
+    MUX_ERR_INVALID = -270531,    // an invalid argument or operation
     MUX_ERR_NO_STREAM = -270601,  // no track of that kind
     MUX_ERR_CACHE_SIZE = -270602, // the caller's cache has no size
     MUX_ERR_APPEND = -270603,     // the append callback failed
@@ -62,7 +62,7 @@ enum {
     MUX_FRAME_KEY = 1u << 0,
 };
 
-// Lengths of the texts of MUX_GET_VERSION, their terminators not counted.
+// Lengths of the texts of MUX_GET_VERSION without their terminators.
 enum {
     MUX_VERSION_LENGTH = 16,
     MUX_BUILD_DATE_LENGTH = 8,
@@ -80,9 +80,8 @@ typedef void *(*mp4_mux_realloc_fn)(void *memory, size_t size);
 // File callbacks: the C library's functions of the same name on opaque handles, with offsets of a
 // fixed width. As there, a handle is gone after its close, also when the close reports a failure.
 //
-// The muxer has caches of its own and writes again what a write did not store. A buffer behind
-// m_pfnFwrite gains nothing, and what it loses after a write that succeeded is lost: leave files
-// unbuffered.
+// The muxer has caches of its own and repeats a write that failed. Leave files unbuffered: a buffer
+// under m_pfnFwrite gains nothing, and bytes that it loses after a successful write are lost.
 typedef void *(*mp4_mux_fopen_fn)(const char *name, const char *mode);
 typedef size_t (*mp4_mux_fread_fn)(void *buffer, size_t size, size_t count, void *handle);
 typedef int (*mp4_mux_fseek_fn)(void *handle, int32_t offset, int whence);
@@ -96,9 +95,9 @@ typedef int (*mp4_mux_fseek64_fn)(void *handle, int64_t offset, int whence);
 typedef int64_t (*mp4_mux_ftell64_fn)(void *handle);
 
 // Appends the whole file `source` at the end of the file `destination`.
-// in       destination is positioned where the appended data is expected; reserved is 0
-// returns  the gap in bytes from there to where the appended data begins, or a negative number
-// owns     closes source when it succeeds; after a failure source is still the muxer's
+// in: destination is positioned where the appended data is expected; reserved is 0
+// returns: the gap in bytes from there to where the appended data begins, or a negative number
+// owns: closes source when it succeeds; after a failure source is still the muxer's
 typedef int32_t (*mp4_mux_append_file_fn)(void *destination, void *source, int32_t reserved);
 
 // Open parameters. On a 32-bit device these are 41 words of 32 bits.
@@ -129,7 +128,7 @@ typedef struct mp4_mux_init_t {
     void *m_pCacheMem;         // memory for all write caches, or null: the muxer allocates its own
     int32_t m_iCacheSize;      // bytes of m_pCacheMem for the output file
     int32_t m_iVideoCacheSize; // bytes of it for the video tables; when this or the next is 0,
-    int32_t m_iAudioCacheSize; // ... for the audio tables: all three are pooled and shared anew
+    int32_t m_iAudioCacheSize; // ... for the audio tables: all three are pooled and divided again
     const char *m_pszTempDir;  // directory of the scratch files; null or empty: the current one
     mp4_mux_append_file_fn m_pfnAppendFile; // may be null
 } mp4_mux_init_t;
@@ -149,12 +148,12 @@ typedef struct mp4_mux_ftyp_t {
     uint32_t m_uiCompatibleCount;
 } mp4_mux_ftyp_t;
 
-// What the file is to hold. The muxer copies what it needs; all of it may go after MUX_OPEN.
+// The file's streams. The muxer copies the description, which may be released after MUX_OPEN.
 typedef struct mp4_mux_input_t {
     int32_t m_iYear;    // creation date: full year
     int32_t m_iMonth;   // 0 = January
     int32_t m_iDay;     // 1 to 31
-    int32_t m_iWeekDay; // 0 = Sunday; not used
+    int32_t m_iWeekDay; // 0 = Sunday; not read
     int32_t m_iHour;
     int32_t m_iMinute;
     int32_t m_iSecond;
@@ -164,7 +163,7 @@ typedef struct mp4_mux_input_t {
     uint32_t m_uiVideoTrackID;
     int32_t m_iVideoWidth;
     int32_t m_iVideoHeight;
-    int32_t m_iVideoFrameRate;        // frames per 1000 s; carried, not used
+    int32_t m_iVideoFrameRate;        // frames per 1000 s; not read
     uint32_t m_uiVideoFourCC;         // sample-entry type in memory order, "avc1"
     const uint8_t *m_pbyVideoPrivate; // decoder configuration: avcC record or Annex B, or null
     int32_t m_iVideoPrivateSize;
@@ -180,15 +179,15 @@ typedef struct mp4_mux_input_t {
 
 // One frame. On a 32-bit device these are 6 words of 32 bits.
 typedef struct mp4_mux_putstream_t {
-    const uint8_t *m_pbyData; // video: NAL units, each behind its length (32 bits, big-endian)
+    const uint8_t *m_pbyData; // video: NAL units, each after its length (32 bits, big-endian)
     int32_t m_iDataSize;
     int32_t m_iType;         // MUX_TYPE_…
     uint32_t m_uiTimeStamp;  // decoding time in ms
-    uint32_t m_uiTimeStamp2; // not used
+    uint32_t m_uiTimeStamp2; // not read
     uint32_t m_uiFlags;      // MUX_FRAME_…
 } mp4_mux_putstream_t;
 
-// Memory lent for the close; it may go when MUX_CLOSE has returned.
+// Memory lent for the close, until MUX_CLOSE returns.
 typedef struct mp4_mux_closemem_t {
     void *m_pMem;
     int32_t m_iSize;
@@ -205,27 +204,26 @@ typedef struct mp4_mux_error_t {
 //
 // MUX_OPEN            opens the output, writes the file's head and fills *handle. *handle is filled
 //                     after a failure too (except MUX_ERR_HANDLE), for the error query and
-//                     MUX_CLOSE, which is then still owed. With MUX_OPTION_OUTPUT_IS_HANDLE the
-//                     output handle belongs to the muxer once *handle is filled.
+//                     MUX_CLOSE, which the caller must still call. With MUX_OPTION_OUTPUT_IS_HANDLE
+//                     the output handle belongs to the muxer once *handle is filled.
 // MUX_PUTFRAME        appends one frame; param2 receives the size that the finished file will have.
-//                     A frame whose place in the file the offsets or the seek callback cannot
-//                     express is refused with MUX_ERR_INVALID; the file can still be closed.
+//                     A frame whose position the offsets or the seek callback cannot express is
+//                     refused with MUX_ERR_INVALID; the file can still be closed.
 // MUX_CLOSE           writes the movie box, releases everything and clears *handle. It fails when
-//                     the file is not whole, from its head to its last box. After a failure the
-//                     handle stays for the error query; one more MUX_CLOSE then only releases what
-//                     is left, and clears *handle. A file without frames gets no movie box.
+//                     the file is incomplete, from its head to its last box. After a failure the
+//                     handle remains for the error query; one more MUX_CLOSE then only releases
+//                     the rest and clears *handle. A file without frames gets no movie box.
 // MUX_GET_LAST_ERROR  returns the last error. The record is cleared by MUX_PUTFRAME and MUX_CLOSE.
 // MUX_GET_VERSION     copies MUX_VERSION_LENGTH characters to param1, MUX_BUILD_DATE_LENGTH digits
 //                     (year, month, day) to param2, each with its terminator.
 //
-// in       handle: a slot; for every operation but MUX_OPEN it holds what MUX_OPEN stored there
-//          param1, param2: see the operation codes
-// returns  0, or one of MUX_ERR_…; an unknown operation is MUX_ERR_INVALID
-// owns     the context behind *handle is released by MUX_CLOSE; caches and close memory that the
-//          caller lends stay the caller's and must outlive the operation that uses them (the
-//          caches: all)
-// thread   one thread at a time per handle; handles share nothing
-// source   ISO/IEC 14496-12 (file), ISO/IEC 14496-14 and -15 (sample entries)
+// in: handle: a slot; for every operation but MUX_OPEN it holds the context of MUX_OPEN
+// in: param1, param2: see the operation codes
+// returns: 0, or one of MUX_ERR_…; an unknown operation is MUX_ERR_INVALID
+// owns: MUX_CLOSE releases the context in *handle; the caller keeps the memory that it lends:
+//       caches until after MUX_CLOSE, close memory until MUX_CLOSE returns
+// thread: one thread at a time per handle; handles share nothing
+// source: ISO/IEC 14496-12 (file), ISO/IEC 14496-14 and -15 (sample entries)
 MP4_MUX_API int32_t QVR_MP4_MUX(int32_t op, void **handle, void *param1, void *param2);
 
 #ifdef __cplusplus

@@ -12,19 +12,30 @@
 
 inline constexpr uint32_t kMaxTracks = 32;
 inline constexpr int32_t kScratchNameBytes = 256;
+inline constexpr int32_t kNoRunYet = -1; // m_iSttsEntryCount until the first run opens
 
-// What may still be done with a context.
+// Kinds of file, which select the brand. Every file is a kFileType3g2a; the others are reserved.
 enum {
-    kMuxStateUnopened = 0, // not opened yet, or the open failed
+    kFileTypeIsom = 0,
+    kFileTypeQuicktime = 1,
+    kFileType3gp4 = 2,
+    kFileTypeMsnv = 3,
+    kFileType3g2a = 4,
+    kFileTypeIsomAlias = 5,
+};
+
+// How far a context has come.
+enum {
+    kMuxStateUnopened = 0, // not open yet, or the open failed
     kMuxStateRecording,    // takes frames
-    kMuxStateEnded,        // a close has begun: whatever comes now only releases
+    kMuxStateEnded,        // a close has begun: another one only releases
 };
 
 // How much memory was lent for the close.
 enum {
     kCloseMemNone = 0,
     kCloseMemCache, // at least as much as the output's cache
-    kCloseMemLarge, // and enough to build the movie box in
+    kCloseMemLarge, // and enough to build the movie box in it
 };
 
 struct mp4_mux_mem_t {
@@ -59,43 +70,42 @@ struct mp4_mux_track_t {
     uint32_t m_uiFourCC; // sample-entry type in memory order
     union {
         int32_t m_iWidth;
-        int32_t m_iSampleRate;
+        int32_t m_iSampleRate; // not read
     };
     union {
         int32_t m_iHeight;
-        int32_t m_iBitsPerSample;
+        int32_t m_iBitsPerSample; // not read
     };
     union {
-        int32_t m_iFrameRate; // x1000
-        int32_t m_iChannels;
+        int32_t m_iFrameRate; // x1000, not read
+        int32_t m_iChannels;  // not read
     };
     int32_t m_iCodec;            // audio format tag
     uint32_t m_uiLastTimeStamp;  // ms of the last frame: the track's duration
     uint32_t m_uiTimeScale;      // ticks per second
     uint32_t m_uiLanguage;       // packed, audio only
     int32_t m_iSttsRunCount;     // samples in the open run of equal durations
-    int32_t m_iSttsEntryCount;   // runs in m_BsSTTSDts; while recording -1 for none, 0 for the open
-                                 // one alone, ...
+    int32_t m_iSttsEntryCount;   // runs in m_BsSTTSDts, the open one not counted; or kNoRunYet
     int32_t m_iSttsRunDelta;     // ticks per sample of the open run
     uint32_t m_uiSttsRunDeltaMs; // the same in ms
     int32_t m_iSttsSampleCount;  // samples in the runs of m_BsSTTSDts
     mp4_mux_bs_t m_BsSTSS;       // sync sample numbers
     mp4_mux_bs_t m_BsSTSZ;       // sample sizes
     mp4_mux_bs_t m_BsSTCO;       // chunk offsets
-    mp4_mux_bs_t m_BsSTTS;       // never used
+    mp4_mux_bs_t m_BsSTTS;       // holds no records
     mp4_mux_bs_t m_BsSTTSDts;    // runs of durations
     char m_szSTSSName[kScratchNameBytes];
     char m_szSTSZName[kScratchNameBytes];
     char m_szSTCOName[kScratchNameBytes];
     char m_szSTTSName[kScratchNameBytes];
     char m_szSTTSDtsName[kScratchNameBytes];
-    int32_t m_iCacheSizeOf[5]; // cache slices, in the order STCO, STSS, STSZ, STTS, STTSDts
-    uint8_t *m_pCacheOf[5];
+    int32_t m_iCacheSizeOf[5]; // slices in the order STCO, STSS, STSZ, STTS, STTSDts; not read
+    uint8_t *m_pCacheOf[5];    // not read
     uint32_t m_uiPrevTimeStamp;
     uint32_t m_uiSampleCount;
     uint32_t m_uiChunkCount; // one frame per chunk
     uint32_t m_uiSyncSampleCount;
-    int32_t m_bVariableSampleSize; // audio: two frames of different size were written
+    int32_t m_bVariableSampleSize; // audio, not read: two frames of different size were written
     uint32_t m_uiObjectTypeIndication;
     uint32_t m_uiLastSampleSize;   // audio
     uint64_t m_ullCreationTime;    // set when the movie box is written
@@ -111,7 +121,7 @@ struct mp4_mux_t {
     uint32_t m_uiTrackCount;
     mp4_mux_bs_t m_Bs;   // the output file
     mp4_mux_bs_t *m_pBs; // what all box writers use
-    int32_t m_iFileType; // selects the brand
+    int32_t m_iFileType; // kFileType…
     uint32_t m_uiStreamFlags;
     int32_t m_b32BitOffset;
     int32_t m_bOutputIsHandle;
@@ -124,22 +134,22 @@ struct mp4_mux_t {
     const char *m_pszTempDir; // the caller's, read during the open only
     int32_t m_iVideoCacheSize;
     int32_t m_iAudioCacheSize;
-    int32_t m_iCloseMemMode; // CLOSE_MEM_…
+    int32_t m_iCloseMemMode; // kCloseMem…
     uint8_t *m_pCloseMem;
     int32_t m_iCloseMemSize;
-    int32_t m_bExternalCache; // the caches lie in the caller's memory
+    int32_t m_bExternalCache; // nonzero: the caches are in the caller's memory
     uint8_t *m_pCache;
     int32_t m_iCacheSize;
     uint8_t *m_pVideoCache;
     uint8_t *m_pAudioCache;
-    int32_t m_iMoovSizeEstimate;   // of the movie box, the sample tables not counted
+    int32_t m_iMoovSizeEstimate;   // of the movie box without the sample tables
     int64_t m_llEstimatedFileSize; // of the finished file
     mp4_mux_append_file_fn m_pfnAppendFile;
     const mp4_mux_ftyp_t *m_pstFtyp; // the caller's, read during the open only
     int64_t m_llPendingPos;          // append mode: position of the last table box
     uint32_t m_uiPendingSize;        // and its size
-    int32_t m_iState;                // MUX_STATE_…
-    int32_t m_bTornHead;             // the file's head is not whole
+    int32_t m_iState;                // kMuxState…
+    int32_t m_bTornHead;             // nonzero: the file's head is incomplete
 };
 
 static_assert(std::is_trivially_copyable_v<mp4_mux_track_t>);

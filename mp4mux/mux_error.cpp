@@ -1,6 +1,6 @@
 #include "mp4mux/mux_error.h"
 
-// Copies text behind the message's first `length` characters, as far as it fits.
+// Puts text after the first `length` characters of the message, as far as it fits.
 static void append_text(mp4_mux_last_error_t *error, int32_t length, const char *text)
 {
     while (*text != '\0' && length < kMaxMessageLength) {
@@ -30,6 +30,17 @@ int32_t mp4_mux_add_err_string(const char *tag, mp4_mux_last_error_t *error)
     }
     append_text(error, error->m_iLength, tag);
     return error->m_iCode;
+}
+
+int32_t fail(mp4_mux_last_error_t *error, int32_t code, const char *message)
+{
+    return mp4_mux_set_last_error(code, 0, message, error);
+}
+
+int32_t tag_failure(mp4_mux_last_error_t *error, const char *tag, int32_t result)
+{
+    mp4_mux_add_err_string(tag, error);
+    return result;
 }
 
 void mp4_mux_clear_last_error(mp4_mux_last_error_t *error)

@@ -16,17 +16,26 @@ struct mp4_mux_last_error_t {
 
 // Stores a failure; a message beyond kMaxMessageLength is cut. Stores nothing without a message
 // or a record.
-// returns  code
+// returns: code
 int32_t mp4_mux_set_last_error(int32_t code, int64_t aux, const char *message,
                                mp4_mux_last_error_t *error);
 
-// Appends a tag to the message; what does not fit is dropped.
-// returns  the code in the record (0 when none is recorded); 0 without a tag or a sound record
+// Appends a tag to the message as far as it fits.
+// returns: the code in the record (0 when none is recorded); 0 without a tag, without a record, or
+//          for a record whose length is out of range
 int32_t mp4_mux_add_err_string(const char *tag, mp4_mux_last_error_t *error);
+
+// Stores a failure without an auxiliary value.
+// returns: code
+int32_t fail(mp4_mux_last_error_t *error, int32_t code, const char *message);
+
+// Appends a tag to a failure on its way up.
+// returns: result
+int32_t tag_failure(mp4_mux_last_error_t *error, const char *tag, int32_t result);
 
 void mp4_mux_clear_last_error(mp4_mux_last_error_t *error);
 
-// out      message: points into the record
+// out: message: points into the record
 void mp4_mux_get_last_error(const mp4_mux_last_error_t *error, int32_t *code, const char **message,
                             int64_t *aux);
 

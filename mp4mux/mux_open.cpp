@@ -1,21 +1,15 @@
 #include "mp4mux/mux_open.h"
 
 #include "mp4mux/bitstream_file.h"
+#include "mp4mux/calendar.h"
 #include "mp4mux/file_head.h"
-#include "mp4mux/mux_util.h"
 #include "mp4mux/track.h"
 
 #include <algorithm>
 
-static constexpr int32_t kFileType3g2a = 4;
 static constexpr int32_t kOwnCacheBytes = 0x54000;
 static constexpr uint64_t kSecondsFrom1904To1970 = 2082844800;
-static constexpr uint64_t kMaxHeadBytes = INT32_MAX / 2; // frames must be in reach of 32-bit seeks
-
-static int32_t fail(mp4_mux_t *mux, int32_t code, const char *message)
-{
-    return mp4_mux_set_last_error(code, 0, message, &mux->m_stLastError);
-}
+static constexpr uint64_t kMaxHeadBytes = INT32_MAX / 2; // frames stay within 32-bit seeks
 
 static void copy_callbacks(mp4_mux_t *mux, const mp4_mux_init_t *init)
 {
@@ -37,9 +31,9 @@ static bool has_callbacks(const mp4_mux_t *mux)
 
 void align_memory(uint8_t **memory, int32_t *bytes)
 {
-    const int32_t skipped = static_cast<int32_t>(-reinterpret_cast<uintptr_t>(*memory) & 3);
-    *memory += skipped;
-    *bytes = (*bytes - std::min(*bytes, skipped)) & ~3;
+    const int32_t skipped_bytes = static_cast<int32_t>(-reinterpret_cast<uintptr_t>(*memory) & 3);
+    *memory += skipped_bytes;
+    *bytes = (*bytes - std::min(*bytes, skipped_bytes)) & ~3;
 }
 
 static void copy_parameters(mp4_mux_t *mux, const mp4_mux_init_t *init)
@@ -71,27 +65,28 @@ static void copy_parameters(mp4_mux_t *mux, const mp4_mux_init_t *init)
     }
 }
 
-// head_bytes: what the head holds beside the boxes.
+// in: head_bytes: the head's bytes besides the boxes
+// returns: the fault, or null
 static const char *fault_in_user_boxes(const mp4_mux_input_t *input, uint64_t head_bytes)
 {
     if (input->m_uiUserBoxCount != 0 && input->m_pstUserBox == nullptr) {
         return "mp4_mux_userbox_t's value is NULL";
     }
-    uint64_t total = head_bytes;
+    uint64_t total_bytes = head_bytes;
     for (uint32_t i = 0; i < input->m_uiUserBoxCount; i++) {
         const mp4_mux_userbox_t &box = input->m_pstUserBox[i];
         if (box.m_uiSize != 0 && box.m_pbyData == nullptr) {
             return "mp4_mux_userbox_t's data is NULL";
         }
-        total += box.m_uiSize;
-        if (total > kMaxHeadBytes) {
+        total_bytes += box.m_uiSize;
+        if (total_bytes > kMaxHeadBytes) {
             return "mp4_mux_userbox_t's data is too large";
         }
     }
     return nullptr;
 }
 
-// What makes no sense in the caller's stream description, or null.
+// returns: the fault in the caller's stream description, or null
 static const char *fault_in_input(const mp4_mux_input_t *input)
 {
     if (input == nullptr) {
@@ -114,43 +109,43 @@ static const char *fault_in_input(const mp4_mux_input_t *input)
 static int32_t check_arguments(mp4_mux_t *mux, const mp4_mux_input_t *input)
 {
     if (!has_callbacks(mux)) {
-        return fail(mux, MUX_ERR_INVALID, "a callback is NULL");
+        return fail(&mux->m_stLastError, MUX_ERR_INVALID, "a callback is NULL");
     }
     if ((mux->m_uiStreamFlags & (MUX_STREAM_VIDEO | MUX_STREAM_AUDIO)) == 0) {
-        return fail(mux, MUX_ERR_NO_STREAM, "stream does not exist");
+        return fail(&mux->m_stLastError, MUX_ERR_NO_STREAM, "stream does not exist");
     }
     const char *fault = fault_in_input(input);
-    return fault != nullptr ? fail(mux, MUX_ERR_INVALID, fault) : 0;
+    return fault != nullptr ? fail(&mux->m_stLastError, MUX_ERR_INVALID, fault) : 0;
 }
 
-// Shares one pool out: six sevenths to the two tracks, the rest to the output file.
+// Pools the three sizes: the two tracks share six sevenths, the output file takes the rest.
 static void split_cache(mp4_mux_t *mux)
 {
-    const int64_t total =
+    const int64_t total_bytes =
         int64_t{mux->m_iCacheSize} + mux->m_iVideoCacheSize + mux->m_iAudioCacheSize;
-    const int64_t per_track = (total - total / 7) / 2 & ~int64_t{3};
-    mux->m_iVideoCacheSize = static_cast<int32_t>(per_track);
-    mux->m_iAudioCacheSize = static_cast<int32_t>(per_track);
-    mux->m_iCacheSize = static_cast<int32_t>(total - 2 * per_track);
+    const int64_t per_track_bytes = (total_bytes - total_bytes / 7) / 2 & ~int64_t{3};
+    mux->m_iVideoCacheSize = static_cast<int32_t>(per_track_bytes);
+    mux->m_iAudioCacheSize = static_cast<int32_t>(per_track_bytes);
+    mux->m_iCacheSize = static_cast<int32_t>(total_bytes - 2 * per_track_bytes);
 }
 
 static int32_t prepare_cache(mp4_mux_t *mux)
 {
     if (mux->m_bExternalCache == 0) {
-        mux->m_iVideoCacheSize = 0; // the sizes describe memory that was not lent
+        mux->m_iVideoCacheSize = 0; // the given sizes are those of memory that was not lent
         mux->m_iAudioCacheSize = 0;
         mux->m_iCacheSize = kOwnCacheBytes;
         mux->m_pCache = static_cast<uint8_t *>(mux->m_stMem.m_pfnMalloc(kOwnCacheBytes));
         if (mux->m_pCache == nullptr) {
-            return fail(mux, MUX_ERR_MEMORY, "Insufficient memory to allocate");
+            return fail(&mux->m_stLastError, MUX_ERR_MEMORY, "Insufficient memory to allocate");
         }
     }
     if (mux->m_iCacheSize <= 0) {
-        return fail(mux, MUX_ERR_CACHE_SIZE, "input cache size is zero");
+        return fail(&mux->m_stLastError, MUX_ERR_CACHE_SIZE, "input cache size is zero");
     }
     if (mux->m_iVideoCacheSize < 0 || mux->m_iAudioCacheSize < 0 ||
         int64_t{mux->m_iCacheSize} + mux->m_iVideoCacheSize + mux->m_iAudioCacheSize > INT32_MAX) {
-        return fail(mux, MUX_ERR_CACHE_SIZE, "track cache size is out of range");
+        return fail(&mux->m_stLastError, MUX_ERR_CACHE_SIZE, "track cache size is out of range");
     }
     if (mux->m_iVideoCacheSize == 0 || mux->m_iAudioCacheSize == 0) {
         split_cache(mux);
@@ -165,35 +160,35 @@ static int32_t open_output(mp4_mux_t *mux)
         output = mux->m_stFile.m_pfnFopen(static_cast<const char *>(output), "wb+");
     }
     if (output == nullptr) {
-        return fail(mux, MUX_ERR_OPEN, "can't open file");
+        return fail(&mux->m_stLastError, MUX_ERR_OPEN, "can't open file");
     }
     mp4_mux_open_bitstream_from_external_memory(&mux->m_Bs, mux->m_pCache, mux->m_iCacheSize,
                                                 output);
-    // A handle need not stand at the start of its file.
+    // A handle need not be at the start of its file.
     if (mux->m_bOutputIsHandle != 0) {
-        const int32_t refreshed = bs_refresh(&mux->m_Bs, "can't tell the position");
+        const int32_t refreshed = bs_refresh(&mux->m_Bs, "can't get the position");
         if (refreshed < 0) {
             return refreshed;
         }
     }
-    // The position of the media data, which is the head's end, is kept in 32 bits.
+    // The position of the media data, at the end of the head, is kept in 32 bits.
     if (bs_position(&mux->m_Bs) > INT32_MAX) {
-        return fail(mux, MUX_ERR_INVALID, "output stands beyond 32-bit positions");
+        return fail(&mux->m_stLastError, MUX_ERR_INVALID, "output is beyond 32-bit positions");
     }
     return 0;
 }
 
-// Lays the tracks' cache regions behind the output's: audio, then video.
-static void lay_track_regions(mp4_mux_t *mux)
+// Places the tracks' cache regions after the output's: audio, then video.
+static void place_track_regions(mp4_mux_t *mux)
 {
     const bool has_video = (mux->m_uiStreamFlags & MUX_STREAM_VIDEO) != 0;
     const bool has_audio = (mux->m_uiStreamFlags & MUX_STREAM_AUDIO) != 0;
-    const int32_t both = mux->m_iVideoCacheSize + mux->m_iAudioCacheSize;
+    const int32_t both_bytes = mux->m_iVideoCacheSize + mux->m_iAudioCacheSize;
     if (!has_audio) {
-        mux->m_iVideoCacheSize = both;
+        mux->m_iVideoCacheSize = both_bytes;
         mux->m_iAudioCacheSize = 0;
     } else if (!has_video) {
-        mux->m_iAudioCacheSize = both;
+        mux->m_iAudioCacheSize = both_bytes;
         mux->m_iVideoCacheSize = 0;
     }
     uint8_t *region = mux->m_pCache + mux->m_iCacheSize;
@@ -252,7 +247,7 @@ static int32_t open_context(mp4_mux_t *mux, const mp4_mux_input_t *input)
     if (result < 0) {
         return result;
     }
-    lay_track_regions(mux);
+    place_track_regions(mux);
     result = create_tracks_and_head(mux, input);
     if (result < 0) {
         mp4_mux_add_err_string("<init", &mux->m_stLastError);

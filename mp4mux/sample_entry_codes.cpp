@@ -1,8 +1,8 @@
 #include "mp4mux/sample_entry_codes.h"
 
 #include "mp4mux/box_writer.h"
+#include "mp4mux/c_strings.h"
 #include "mp4mux/descriptor.h"
-#include "mp4mux/mux_util.h"
 
 #include <cstddef>
 
@@ -19,18 +19,27 @@ enum {
     kOtiQcelp = 0xE1,
 };
 
+// Fixed bytes of the boxes that an estimate counts.
+static constexpr int64_t kVideoEntryBytes = 86;
+static constexpr int64_t kAudioEntryBytes = 36;
+static constexpr int64_t kEsdsFieldBytes =
+    int64_t{kFullBoxHeaderBytes} + kEsFieldBytes + kConfigFieldBytes + kSlDescriptorBytes;
+
+// Private data with a mark is longer than the mark's four characters.
+static constexpr int32_t kMarkBytes = 4;
+static constexpr int32_t kMinMarkedBytes = 5;
+
 namespace {
 
-// How the estimate of a sample entry is formed.
-enum estimate_rule {
-    kEstimateDescriptors, // "mp4a": the elementary stream descriptors and 67 bytes
-    kEstimatePrivate,     // the private data in a box of its own
-    kEstimateSpeech50,
-    kEstimateSpeech53,
+// The box that the estimate of a sample entry allows for.
+enum estimated_box {
+    kBoxEsds,
+    kBoxGlbl, // none without private data
+    kBoxDqcp,
+    kBoxDamr,
 };
 
-// Private data that begins with one of these four-character marks turns a speech codec's entry
-// into "mp4a".
+// Private data that begins with one of these marks turns a speech codec's entry into "mp4a".
 enum private_mark {
     kMarkNone,
     kMarkQlcm,
@@ -41,7 +50,7 @@ struct audio_code {
     int32_t tag;
     uint32_t entry;
     uint32_t object_type; // of the entry "mp4a"
-    estimate_rule estimate;
+    estimated_box box;
     private_mark mark;
 };
 
@@ -49,25 +58,25 @@ struct audio_code {
 
 // clang-format off
 static constexpr audio_code kAudioCodes[] = {
-    {kAudioTagPcm,     fourcc("NONE"), kOtiNone,        kEstimatePrivate,     kMarkNone},
-    {kAudioTagMp3,     fourcc("mp4a"), kOtiMp3,         kEstimateDescriptors, kMarkNone},
-    {kAudioTagAmrWbp, fourcc("sawp"), kOtiNone,        kEstimateSpeech53,   kMarkNone},
-    {kAudioTagAmrNb,  fourcc("samr"), kOtiNone,        kEstimateSpeech53,   kMarkNone},
-    {kAudioTagAmrWb,  fourcc("sawb"), kOtiNone,        kEstimateSpeech53,   kMarkNone},
-    {kAudioTagAacRaw, fourcc("mp4a"), kOtiMpeg4Audio, kEstimateDescriptors, kMarkNone},
-    {kAudioTagAc3,     fourcc("mp4a"), kOtiAc3,         kEstimateDescriptors, kMarkNone},
-    {kAudioTagDts,     fourcc("mp4a"), kOtiDts,         kEstimateDescriptors, kMarkNone},
-    {kAudioTagMp4a,    fourcc("mp4a"), kOtiMpeg4Audio, kEstimateDescriptors, kMarkNone},
-    {kAudioTagAac,     fourcc("mp4a"), kOtiMpeg4Audio, kEstimateDescriptors, kMarkNone},
-    {kAudioTagQcelp,   fourcc("sqcp"), kOtiQcelp,       kEstimateSpeech50,   kMarkQlcm},
-    {kAudioTagEvrc,    fourcc("sevc"), kOtiEvrc,        kEstimatePrivate,     kMarkEvrcOrQlcm},
-    {kAudioTagEvrcB,  fourcc("secb"), kOtiEvrc,        kEstimatePrivate,     kMarkEvrcOrQlcm},
-    {kAudioTagEvrcWb, fourcc("secw"), kOtiEvrc,        kEstimatePrivate,     kMarkEvrcOrQlcm},
-    {kAudioTagVmr,     fourcc("svmr"), kOtiNone,        kEstimatePrivate,     kMarkNone},
-    {kAudioTagSmv,     fourcc("ssmv"), kOtiSmv,         kEstimateSpeech50,   kMarkQlcm},
+    {kAudioTagPcm,    fourcc("NONE"), kOtiNone,       kBoxGlbl, kMarkNone},
+    {kAudioTagMp3,    fourcc("mp4a"), kOtiMp3,        kBoxEsds, kMarkNone},
+    {kAudioTagAmrWbp, fourcc("sawp"), kOtiNone,       kBoxDamr, kMarkNone},
+    {kAudioTagAmrNb,  fourcc("samr"), kOtiNone,       kBoxDamr, kMarkNone},
+    {kAudioTagAmrWb,  fourcc("sawb"), kOtiNone,       kBoxDamr, kMarkNone},
+    {kAudioTagAacRaw, fourcc("mp4a"), kOtiMpeg4Audio, kBoxEsds, kMarkNone},
+    {kAudioTagAc3,    fourcc("mp4a"), kOtiAc3,        kBoxEsds, kMarkNone},
+    {kAudioTagDts,    fourcc("mp4a"), kOtiDts,        kBoxEsds, kMarkNone},
+    {kAudioTagMp4a,   fourcc("mp4a"), kOtiMpeg4Audio, kBoxEsds, kMarkNone},
+    {kAudioTagAac,    fourcc("mp4a"), kOtiMpeg4Audio, kBoxEsds, kMarkNone},
+    {kAudioTagQcelp,  fourcc("sqcp"), kOtiQcelp,      kBoxDqcp, kMarkQlcm},
+    {kAudioTagEvrc,   fourcc("sevc"), kOtiEvrc,       kBoxGlbl, kMarkEvrcOrQlcm},
+    {kAudioTagEvrcB,  fourcc("secb"), kOtiEvrc,       kBoxGlbl, kMarkEvrcOrQlcm},
+    {kAudioTagEvrcWb, fourcc("secw"), kOtiEvrc,       kBoxGlbl, kMarkEvrcOrQlcm},
+    {kAudioTagVmr,    fourcc("svmr"), kOtiNone,       kBoxGlbl, kMarkNone},
+    {kAudioTagSmv,    fourcc("ssmv"), kOtiSmv,        kBoxDqcp, kMarkQlcm}, // a "glbl" is written
 };
 static constexpr audio_code kOtherAudioCode =
-    {0,                 fourcc("mp4a"), kOtiMpeg4Audio, kEstimateDescriptors, kMarkNone};
+    {0,               fourcc("mp4a"), kOtiMpeg4Audio, kBoxEsds, kMarkNone};
 // clang-format on
 
 static const audio_code &find_audio_code(int32_t tag)
@@ -83,7 +92,8 @@ static const audio_code &find_audio_code(int32_t tag)
 static bool begins_with(const mp4_mux_track_t *p_track, const char *mark)
 {
     const char *bytes = reinterpret_cast<const char *>(p_track->m_pbyCodecPrivate);
-    return p_track->m_iCodecPrivateSize >= 5 && mp4_mux_strncmp(bytes, mark, 4) == 0;
+    return p_track->m_iCodecPrivateSize >= kMinMarkedBytes &&
+           mp4_mux_strncmp(bytes, mark, kMarkBytes) == 0;
 }
 
 static bool has_mark(const mp4_mux_track_t *p_track, private_mark mark)
@@ -92,20 +102,20 @@ static bool has_mark(const mp4_mux_track_t *p_track, private_mark mark)
            (mark == kMarkEvrcOrQlcm && begins_with(p_track, "EVRC"));
 }
 
-static int64_t estimate_audio(const mp4_mux_track_t *p_track, estimate_rule rule)
+static int64_t estimate_box(const mp4_mux_track_t *p_track, estimated_box box)
 {
     const int64_t private_bytes = p_track->m_iCodecPrivateSize;
-    switch (rule) {
-    case kEstimatePrivate:
-        return private_bytes != 0 ? private_bytes + 44 : 36;
-    case kEstimateSpeech50:
-        return 50;
-    case kEstimateSpeech53:
-        return 53;
-    case kEstimateDescriptors:
+    switch (box) {
+    case kBoxGlbl:
+        return private_bytes != 0 ? kBoxHeaderBytes + private_bytes : 0;
+    case kBoxDqcp:
+        return kDqcpBoxBytes;
+    case kBoxDamr:
+        return kDamrBoxBytes;
+    case kBoxEsds:
         break;
     }
-    return estimate_descriptors(p_track->m_iCodecPrivateSize) + 67;
+    return kEsdsFieldBytes + estimate_descriptors(p_track->m_iCodecPrivateSize);
 }
 
 int64_t assign_audio_codes(mp4_mux_track_t *p_track)
@@ -116,22 +126,21 @@ int64_t assign_audio_codes(mp4_mux_track_t *p_track)
     if (p_track->m_uiFourCC == fourcc("mp4a")) {
         p_track->m_uiObjectTypeIndication = code.object_type;
     }
-    return estimate_audio(p_track, marked ? kEstimateDescriptors : code.estimate);
+    return kAudioEntryBytes + estimate_box(p_track, marked ? kBoxEsds : code.box);
 }
 
 int64_t assign_video_codes(mp4_mux_track_t *p_track)
 {
-    const int64_t private_bytes = p_track->m_iCodecPrivateSize;
     switch (p_track->m_uiFourCC) {
     case fourcc("s263"):
     case fourcc("h263"):
-        return 101;
-    case fourcc("avc1"):
-        return private_bytes + 8 + 86;
+        return kVideoEntryBytes + kD263BoxBytes;
+    case fourcc("avc1"): // private data may still come with the first frame
+        return kVideoEntryBytes + kBoxHeaderBytes + p_track->m_iCodecPrivateSize;
     case fourcc("mp4v"):
         p_track->m_uiObjectTypeIndication = kOtiMpeg4Visual;
-        return estimate_descriptors(p_track->m_iCodecPrivateSize) + 117;
+        return kVideoEntryBytes + estimate_box(p_track, kBoxEsds);
     default:
-        return private_bytes != 0 ? private_bytes + 8 + 86 : 86;
+        return kVideoEntryBytes + estimate_box(p_track, kBoxGlbl);
     }
 }

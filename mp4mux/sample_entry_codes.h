@@ -1,5 +1,4 @@
-// Which sample entry and which MPEG-4 object type a stream gets, and how large its codec-specific
-// boxes will be.
+// The sample entry and the MPEG-4 object type of a stream, and the estimate of the entry's size.
 #ifndef MP4MUX_SAMPLE_ENTRY_CODES_H
 #define MP4MUX_SAMPLE_ENTRY_CODES_H
 
@@ -7,7 +6,7 @@
 
 #include <cstdint>
 
-// Audio format tags with a meaning here.
+// The audio format tags that the muxer knows.
 enum {
     kAudioTagPcm = 0x0001,
     kAudioTagMp3 = 0x0055,
@@ -27,12 +26,17 @@ enum {
     kAudioTagSmv = 0xCD20,
 };
 
+// Bytes of the codec-specific boxes that have a fixed size.
+inline constexpr uint32_t kD263BoxBytes = 15;
+inline constexpr uint32_t kDamrBoxBytes = 17;
+inline constexpr uint32_t kDqcpBoxBytes = 14;
+
 // Sets an audio track's sample-entry type and object type from its format tag and private data.
-// returns  estimate in bytes of its codec-specific boxes
+// returns: estimate in bytes of its sample entry with the codec-specific box
 int64_t assign_audio_codes(mp4_mux_track_t *p_track);
 
 // Sets the object type of an "mp4v" video track.
-// returns  estimate in bytes of its codec-specific boxes
+// returns: estimate in bytes of its sample entry with the codec-specific box
 int64_t assign_video_codes(mp4_mux_track_t *p_track);
 
 #endif // MP4MUX_SAMPLE_ENTRY_CODES_H

@@ -1,7 +1,6 @@
 #include "mp4mux/table_record.h"
 
 #include "mp4mux/bitstream_file.h"
-#include "mp4mux/track.h"
 
 #include <algorithm>
 
@@ -9,7 +8,7 @@ namespace {
 
 struct scratch_record {
     mp4_mux_bs_t *bs;
-    int32_t header_bytes; // that an append callback has reserved before the records
+    int32_t header_bytes; // reserved before the records with an append callback
     uint32_t index;
     int32_t bytes; // 4 or 8
     uint64_t value;
@@ -33,8 +32,8 @@ static bool put_record(const mp4_mux_t *mux, const scratch_record &record)
             return true;
         }
     }
-    if (bs->m_pstError->m_iCode == 0) { // no write failed: the file has told a wrong position
-        (void)bs_fail(bs, MUX_ERR_SEEK, "can't tell the position of a record");
+    if (bs->m_pstError->m_iCode == 0) { // no write failed: the file reported a wrong position
+        (void)fail(bs->m_pstError, MUX_ERR_SEEK, "can't get the position of a record");
     }
     return false;
 }
@@ -44,7 +43,7 @@ bool put_offset(const mp4_mux_t *mux, mp4_mux_track_t *p_track, uint64_t offset)
     return put_record(mux, {.bs = &p_track->m_BsSTCO,
                             .header_bytes = kTableHeaderBytes,
                             .index = p_track->m_uiSampleCount,
-                            .bytes = mux->m_b32BitOffset != 0 ? 4 : 8,
+                            .bytes = offset_record_bytes(mux),
                             .value = offset});
 }
 
@@ -53,7 +52,7 @@ bool put_size(const mp4_mux_t *mux, mp4_mux_track_t *p_track, uint32_t size)
     return put_record(mux, {.bs = &p_track->m_BsSTSZ,
                             .header_bytes = kSizeTableHeaderBytes,
                             .index = p_track->m_uiSampleCount,
-                            .bytes = 4,
+                            .bytes = kSizeRecordBytes,
                             .value = size});
 }
 
@@ -62,17 +61,17 @@ bool put_sync_sample(const mp4_mux_t *mux, mp4_mux_track_t *p_track, uint32_t nu
     return put_record(mux, {.bs = &p_track->m_BsSTSS,
                             .header_bytes = kTableHeaderBytes,
                             .index = p_track->m_uiSyncSampleCount,
-                            .bytes = 4,
+                            .bytes = kSyncRecordBytes,
                             .value = number});
 }
 
 bool put_run(const mp4_mux_t *mux, mp4_mux_track_t *p_track, int32_t samples, int32_t ticks)
 {
-    const int32_t written_runs = std::max(p_track->m_iSttsEntryCount, 0);
+    const int32_t written_runs = std::max(p_track->m_iSttsEntryCount, 0); // kNoRunYet counts as 0
     const uint64_t high = static_cast<uint32_t>(samples);
     return put_record(mux, {.bs = &p_track->m_BsSTTSDts,
                             .header_bytes = kTableHeaderBytes,
                             .index = static_cast<uint32_t>(written_runs),
-                            .bytes = 8,
+                            .bytes = kRunRecordBytes,
                             .value = high << 32 | static_cast<uint32_t>(ticks)});
 }

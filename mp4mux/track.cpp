@@ -1,12 +1,23 @@
 #include "mp4mux/track.h"
 
 #include "mp4mux/box_writer.h"
-#include "mp4mux/mux_util.h"
+#include "mp4mux/c_strings.h"
+#include "mp4mux/table_record.h"
 
 #include <cassert>
 #include <initializer_list>
 
-static constexpr uint32_t kVideoTimeScale = 90000;
+static constexpr uint32_t kVideoTimeScale = 90000; // ticks per second
+static constexpr int32_t kMinTableCacheBytes = 4;
+
+// Slices of a track's cache region, in the order of m_iCacheSizeOf.
+enum {
+    kCacheOfStco = 0,
+    kCacheOfStss,
+    kCacheOfStsz,
+    kCacheOfStts, // has no slice
+    kCacheOfSttsDts,
+};
 
 int32_t set_codec_private(mp4_mux_t *mux, mp4_mux_track_t *p_track, const uint8_t *bytes,
                           int32_t count, const char *message)
@@ -14,7 +25,7 @@ int32_t set_codec_private(mp4_mux_t *mux, mp4_mux_track_t *p_track, const uint8_
     const size_t size = static_cast<size_t>(count);
     void *copy = mux->m_stMem.m_pfnMalloc(size);
     if (copy == nullptr) {
-        return mp4_mux_set_last_error(MUX_ERR_MEMORY, 0, message, &mux->m_stLastError);
+        return fail(&mux->m_stLastError, MUX_ERR_MEMORY, message);
     }
     mux->m_stMem.m_pfnMemcpy(copy, bytes, size);
     p_track->m_pbyCodecPrivate = static_cast<uint8_t *>(copy);
@@ -27,12 +38,12 @@ static mp4_mux_track_t *add_track(mp4_mux_t *mux)
     assert(mux->m_uiTrackCount < kMaxTracks);
     void *memory = mux->m_stMem.m_pfnMalloc(sizeof(mp4_mux_track_t));
     if (memory == nullptr) {
-        mp4_mux_set_last_error(MUX_ERR_MEMORY, 0, "Insufficient memory of add_track",
-                               &mux->m_stLastError);
+        fail(&mux->m_stLastError, MUX_ERR_MEMORY, "Insufficient memory of add_track");
         return nullptr;
     }
     mux->m_stMem.m_pfnMemset(memory, 0, sizeof(mp4_mux_track_t));
     mp4_mux_track_t *p_track = static_cast<mp4_mux_track_t *>(memory);
+    p_track->m_iSttsEntryCount = kNoRunYet;
     for (mp4_mux_bs_t *bs : {&p_track->m_BsSTSS, &p_track->m_BsSTSZ, &p_track->m_BsSTCO,
                              &p_track->m_BsSTTS, &p_track->m_BsSTTSDts}) {
         bs->m_pstMux = mux;
@@ -42,20 +53,19 @@ static mp4_mux_track_t *add_track(mp4_mux_t *mux)
     return p_track;
 }
 
-// Builds the name of a scratch file from its fixed name, which begins with "/".
+// Builds the name of a scratch file from its fixed name, which begins with "/". The track's record
+// is zeroed.
 static int32_t set_scratch_name(mp4_mux_t *mux, char (&name)[kScratchNameBytes], const char *fixed)
 {
     const char *directory = mux->m_pszTempDir;
-    mux->m_stMem.m_pfnMemset(name, 0, sizeof(name));
     if (directory == nullptr || *directory == '\0') {
         mp4_mux_strcpy(name, fixed + 1);
         return 0;
     }
     const int32_t room = kScratchNameBytes - 1 - mp4_mux_strlen(fixed);
-    for (int32_t i = 0; directory[i] != '\0'; i++) { // it may be longer than any count can tell
+    for (int32_t i = 0; directory[i] != '\0'; i++) { // it may be longer than INT32_MAX
         if (i == room) {
-            return mp4_mux_set_last_error(MUX_ERR_OPEN, 0, "scratch file name is too long",
-                                          &mux->m_stLastError);
+            return fail(&mux->m_stLastError, MUX_ERR_OPEN, "scratch file name is too long");
         }
     }
     mp4_mux_strcpy(name, directory);
@@ -89,7 +99,7 @@ namespace {
 struct scratch_table {
     mp4_mux_bs_t *bs;
     const char *name;
-    int32_t slice; // CACHE_OF_…
+    int32_t slice; // kCacheOf…
     int32_t cache_bytes;
     int32_t header_bytes;
 };
@@ -104,9 +114,8 @@ static int32_t attach_scratch_tables(mp4_mux_t *mux, mp4_mux_track_t *p_track, u
     static constexpr uint8_t kZeros[kSizeTableHeaderBytes] = {};
     uint8_t *cache = region;
     for (const scratch_table &table : tables) {
-        if (cache == nullptr || table.cache_bytes < 4) {
-            return mp4_mux_set_last_error(MUX_ERR_MEMORY, 0, "track cache is too small",
-                                          &mux->m_stLastError);
+        if (cache == nullptr || table.cache_bytes < kMinTableCacheBytes) {
+            return fail(&mux->m_stLastError, MUX_ERR_MEMORY, "track cache is too small");
         }
         p_track->m_iCacheSizeOf[table.slice] = table.cache_bytes;
         p_track->m_pCacheOf[table.slice] = cache;
@@ -135,10 +144,11 @@ static int32_t prepare_audio_scratch(mp4_mux_t *mux, mp4_mux_track_t *p_track)
     if (result < 0) {
         return result;
     }
-    const int32_t half = mux->m_iAudioCacheSize / 2 & ~3;
+    const int32_t half_bytes = mux->m_iAudioCacheSize / 2 & ~3;
     const scratch_table tables[] = {
-        {&p_track->m_BsSTCO, p_track->m_szSTCOName, kCacheOfStco, half, kTableHeaderBytes},
-        {&p_track->m_BsSTSZ, p_track->m_szSTSZName, kCacheOfStsz, half, kSizeTableHeaderBytes},
+        {&p_track->m_BsSTCO, p_track->m_szSTCOName, kCacheOfStco, half_bytes, kTableHeaderBytes},
+        {&p_track->m_BsSTSZ, p_track->m_szSTSZName, kCacheOfStsz, half_bytes,
+         kSizeTableHeaderBytes},
     };
     return attach_scratch_tables(mux, p_track, mux->m_pAudioCache, tables);
 }
@@ -155,13 +165,15 @@ static int32_t prepare_video_scratch(mp4_mux_t *mux, mp4_mux_track_t *p_track)
     if (result < 0) {
         return result;
     }
-    const int32_t part = static_cast<int32_t>(int64_t{mux->m_iVideoCacheSize} * 3 / 10) & ~3;
-    const int32_t rest = mux->m_iVideoCacheSize - 3 * part;
+    const int32_t part_bytes = static_cast<int32_t>(int64_t{mux->m_iVideoCacheSize} * 3 / 10) & ~3;
+    const int32_t rest_bytes = mux->m_iVideoCacheSize - 3 * part_bytes;
     const scratch_table tables[] = {
-        {&p_track->m_BsSTCO, p_track->m_szSTCOName, kCacheOfStco, part, kTableHeaderBytes},
-        {&p_track->m_BsSTSZ, p_track->m_szSTSZName, kCacheOfStsz, part, kSizeTableHeaderBytes},
-        {&p_track->m_BsSTSS, p_track->m_szSTSSName, kCacheOfStss, rest, kTableHeaderBytes},
-        {&p_track->m_BsSTTSDts, p_track->m_szSTTSDtsName, kCacheOfSttsdts, part, kTableHeaderBytes},
+        {&p_track->m_BsSTCO, p_track->m_szSTCOName, kCacheOfStco, part_bytes, kTableHeaderBytes},
+        {&p_track->m_BsSTSZ, p_track->m_szSTSZName, kCacheOfStsz, part_bytes,
+         kSizeTableHeaderBytes},
+        {&p_track->m_BsSTSS, p_track->m_szSTSSName, kCacheOfStss, rest_bytes, kTableHeaderBytes},
+        {&p_track->m_BsSTTSDts, p_track->m_szSTTSDtsName, kCacheOfSttsDts, part_bytes,
+         kTableHeaderBytes},
     };
     return attach_scratch_tables(mux, p_track, mux->m_pVideoCache, tables);
 }

@@ -15,7 +15,8 @@ enum {
     ANDROID_LOG_SILENT = 8
 };
 
-// Writes one line with priority and tag. returns the number of characters, or a negative value.
+// Writes one line with priority and tag.
+// returns: the number of characters, or a negative value.
 int __android_log_print(int priority, const char *tag, const char *format, ...)
     __attribute__((format(printf, 3, 4)));
 

@@ -1,14 +1,25 @@
-// OpenMAX Integration Layer 1.1: of the public standard the types, handles, macros and error codes
-// that the recorder, the base framework and the desk client use, and others of the same lists.
+// The part of OpenMAX Integration Layer 1.1 that the recorder, the base framework and the client
+// use. Names and values are the standard's.
 // source: OpenMAX IL Specification, version 1.1.2, chapters 3 and 4.
 #ifndef PLATFORM_OMX_IL_H
 #define PLATFORM_OMX_IL_H
 
 #include <stdint.h>
 
+// Enumerations have 32 bits: C++ takes the type that they name, C the value of the last enumerator.
+// An enumerator of C is an int, which a code from 0x80000000 on does not fit.
 #ifdef __cplusplus
+#define OMX_ENUM_U32 : uint32_t
+#define OMX_ERROR_CODE(code) code
+#define OMX_COMPONENT(handle) static_cast<OMX_COMPONENTTYPE *>(handle)
 extern "C" {
+#else
+#define OMX_ENUM_U32
+#define OMX_ERROR_CODE(code) ((OMX_S32)(code))
+#define OMX_COMPONENT(handle) ((OMX_COMPONENTTYPE *)(handle))
 #endif
+
+// NOLINTBEGIN(readability-identifier-naming): the names are the standard's
 
 typedef uint8_t OMX_U8;
 typedef int8_t OMX_S8;
@@ -42,33 +53,33 @@ typedef union OMX_VERSIONTYPE {
 #define OMX_MAX_STRINGNAME_SIZE 128
 #define OMX_AUDIO_MAXCHANNELS 16
 
-typedef enum OMX_ERRORTYPE : uint32_t {
+typedef enum OMX_ERRORTYPE OMX_ENUM_U32 {
     OMX_ErrorNone = 0,
-    OMX_ErrorInsufficientResources = 0x80001000,
-    OMX_ErrorUndefined = 0x80001001,
-    OMX_ErrorInvalidComponentName = 0x80001002,
-    OMX_ErrorComponentNotFound = 0x80001003,
-    OMX_ErrorInvalidComponent = 0x80001004,
-    OMX_ErrorBadParameter = 0x80001005,
-    OMX_ErrorNotImplemented = 0x80001006,
-    OMX_ErrorInvalidState = 0x8000100A,
-    OMX_ErrorNoMore = 0x8000100E,
-    OMX_ErrorVersionMismatch = 0x8000100F,
-    OMX_ErrorNotReady = 0x80001010,
-    OMX_ErrorTimeout = 0x80001011,
-    OMX_ErrorSameState = 0x80001012,
-    OMX_ErrorIncorrectStateTransition = 0x80001017,
-    OMX_ErrorIncorrectStateOperation = 0x80001018,
-    OMX_ErrorUnsupportedSetting = 0x80001019,
-    OMX_ErrorUnsupportedIndex = 0x8000101A,
-    OMX_ErrorBadPortIndex = 0x8000101B,
-    OMX_ErrorPortUnpopulated = 0x8000101C,
-    OMX_ErrorTunnelingUnsupported = 0x80001024,
-    OMX_ErrorVendorStartUnused = 0x90000000,
+    OMX_ErrorInsufficientResources = OMX_ERROR_CODE(0x80001000),
+    OMX_ErrorUndefined = OMX_ERROR_CODE(0x80001001),
+    OMX_ErrorInvalidComponentName = OMX_ERROR_CODE(0x80001002),
+    OMX_ErrorComponentNotFound = OMX_ERROR_CODE(0x80001003),
+    OMX_ErrorInvalidComponent = OMX_ERROR_CODE(0x80001004),
+    OMX_ErrorBadParameter = OMX_ERROR_CODE(0x80001005),
+    OMX_ErrorNotImplemented = OMX_ERROR_CODE(0x80001006),
+    OMX_ErrorInvalidState = OMX_ERROR_CODE(0x8000100A),
+    OMX_ErrorNoMore = OMX_ERROR_CODE(0x8000100E),
+    OMX_ErrorVersionMismatch = OMX_ERROR_CODE(0x8000100F),
+    OMX_ErrorNotReady = OMX_ERROR_CODE(0x80001010),
+    OMX_ErrorTimeout = OMX_ERROR_CODE(0x80001011),
+    OMX_ErrorSameState = OMX_ERROR_CODE(0x80001012),
+    OMX_ErrorIncorrectStateTransition = OMX_ERROR_CODE(0x80001017),
+    OMX_ErrorIncorrectStateOperation = OMX_ERROR_CODE(0x80001018),
+    OMX_ErrorUnsupportedSetting = OMX_ERROR_CODE(0x80001019),
+    OMX_ErrorUnsupportedIndex = OMX_ERROR_CODE(0x8000101A),
+    OMX_ErrorBadPortIndex = OMX_ERROR_CODE(0x8000101B),
+    OMX_ErrorPortUnpopulated = OMX_ERROR_CODE(0x8000101C),
+    OMX_ErrorTunnelingUnsupported = OMX_ERROR_CODE(0x80001024),
+    OMX_ErrorVendorStartUnused = OMX_ERROR_CODE(0x90000000),
     OMX_ErrorMax = 0x7FFFFFFF
 } OMX_ERRORTYPE;
 
-typedef enum OMX_STATETYPE : uint32_t {
+typedef enum OMX_STATETYPE OMX_ENUM_U32 {
     OMX_StateInvalid = 0,
     OMX_StateLoaded = 1,
     OMX_StateIdle = 2,
@@ -78,7 +89,7 @@ typedef enum OMX_STATETYPE : uint32_t {
     OMX_StateMax = 0x7FFFFFFF
 } OMX_STATETYPE;
 
-typedef enum OMX_COMMANDTYPE : uint32_t {
+typedef enum OMX_COMMANDTYPE OMX_ENUM_U32 {
     OMX_CommandStateSet = 0,
     OMX_CommandFlush = 1,
     OMX_CommandPortDisable = 2,
@@ -87,7 +98,7 @@ typedef enum OMX_COMMANDTYPE : uint32_t {
     OMX_CommandMax = 0x7FFFFFFF
 } OMX_COMMANDTYPE;
 
-typedef enum OMX_EVENTTYPE : uint32_t {
+typedef enum OMX_EVENTTYPE OMX_ENUM_U32 {
     OMX_EventCmdComplete = 0,
     OMX_EventError = 1,
     OMX_EventMark = 2,
@@ -98,7 +109,7 @@ typedef enum OMX_EVENTTYPE : uint32_t {
     OMX_EventMax = 0x7FFFFFFF
 } OMX_EVENTTYPE;
 
-typedef enum OMX_INDEXTYPE : uint32_t {
+typedef enum OMX_INDEXTYPE OMX_ENUM_U32 {
     OMX_IndexParamAudioInit = 0x01000002,
     OMX_IndexParamImageInit = 0x01000003,
     OMX_IndexParamVideoInit = 0x01000004,
@@ -111,42 +122,61 @@ typedef enum OMX_INDEXTYPE : uint32_t {
     OMX_IndexMax = 0x7FFFFFFF
 } OMX_INDEXTYPE;
 
-typedef enum OMX_DIRTYPE : uint32_t { OMX_DirInput = 0, OMX_DirOutput = 1 } OMX_DIRTYPE;
+typedef enum OMX_DIRTYPE OMX_ENUM_U32 {
+    OMX_DirInput = 0,
+    OMX_DirOutput = 1,
+    OMX_DirMax = 0x7FFFFFFF
+} OMX_DIRTYPE;
 
-typedef enum OMX_PORTDOMAINTYPE : uint32_t {
+typedef enum OMX_PORTDOMAINTYPE OMX_ENUM_U32 {
     OMX_PortDomainAudio = 0,
     OMX_PortDomainVideo = 1,
     OMX_PortDomainImage = 2,
-    OMX_PortDomainOther = 3
+    OMX_PortDomainOther = 3,
+    OMX_PortDomainMax = 0x7FFFFFFF
 } OMX_PORTDOMAINTYPE;
 
-typedef enum OMX_AUDIO_CODINGTYPE : uint32_t {
+typedef enum OMX_AUDIO_CODINGTYPE OMX_ENUM_U32 {
     OMX_AUDIO_CodingUnused = 0,
     OMX_AUDIO_CodingAutoDetect = 1,
-    OMX_AUDIO_CodingPCM = 2
+    OMX_AUDIO_CodingPCM = 2,
+    OMX_AUDIO_CodingMax = 0x7FFFFFFF
 } OMX_AUDIO_CODINGTYPE;
 
-typedef enum OMX_VIDEO_CODINGTYPE : uint32_t {
+typedef enum OMX_VIDEO_CODINGTYPE OMX_ENUM_U32 {
     OMX_VIDEO_CodingUnused = 0,
     OMX_VIDEO_CodingAutoDetect = 1,
-    OMX_VIDEO_CodingAVC = 7
+    OMX_VIDEO_CodingAVC = 7,
+    OMX_VIDEO_CodingMax = 0x7FFFFFFF
 } OMX_VIDEO_CODINGTYPE;
 
-typedef enum OMX_COLOR_FORMATTYPE : uint32_t { OMX_COLOR_FormatUnused = 0 } OMX_COLOR_FORMATTYPE;
+typedef enum OMX_COLOR_FORMATTYPE OMX_ENUM_U32 {
+    OMX_COLOR_FormatUnused = 0,
+    OMX_COLOR_FormatMax = 0x7FFFFFFF
+} OMX_COLOR_FORMATTYPE;
 
-typedef enum OMX_NUMERICALDATATYPE : uint32_t {
+typedef enum OMX_NUMERICALDATATYPE OMX_ENUM_U32 {
     OMX_NumericalDataSigned = 0,
-    OMX_NumericalDataUnsigned = 1
+    OMX_NumericalDataUnsigned = 1,
+    OMX_NumericalDataMax = 0x7FFFFFFF
 } OMX_NUMERICALDATATYPE;
 
-typedef enum OMX_ENDIANTYPE : uint32_t { OMX_EndianBig = 0, OMX_EndianLittle = 1 } OMX_ENDIANTYPE;
+typedef enum OMX_ENDIANTYPE OMX_ENUM_U32 {
+    OMX_EndianBig = 0,
+    OMX_EndianLittle = 1,
+    OMX_EndianMax = 0x7FFFFFFF
+} OMX_ENDIANTYPE;
 
-typedef enum OMX_AUDIO_PCMMODETYPE : uint32_t { OMX_AUDIO_PCMModeLinear = 0 } OMX_AUDIO_PCMMODETYPE;
+typedef enum OMX_AUDIO_PCMMODETYPE OMX_ENUM_U32 {
+    OMX_AUDIO_PCMModeLinear = 0,
+    OMX_AUDIO_PCMModeMax = 0x7FFFFFFF
+} OMX_AUDIO_PCMMODETYPE;
 
-typedef enum OMX_AUDIO_CHANNELTYPE : uint32_t {
+typedef enum OMX_AUDIO_CHANNELTYPE OMX_ENUM_U32 {
     OMX_AUDIO_ChannelNone = 0,
     OMX_AUDIO_ChannelLF = 1,
-    OMX_AUDIO_ChannelRF = 2
+    OMX_AUDIO_ChannelRF = 2,
+    OMX_AUDIO_ChannelMax = 0x7FFFFFFF
 } OMX_AUDIO_CHANNELTYPE;
 
 #define OMX_BUFFERFLAG_EOS 0x00000001u
@@ -260,8 +290,9 @@ typedef struct OMX_AUDIO_PARAM_PCMMODETYPE {
     OMX_AUDIO_CHANNELTYPE eChannelMapping[OMX_AUDIO_MAXCHANNELS];
 } OMX_AUDIO_PARAM_PCMMODETYPE;
 
-typedef enum OMX_BUFFERSUPPLIERTYPE : uint32_t {
-    OMX_BufferSupplyUnspecified = 0
+typedef enum OMX_BUFFERSUPPLIERTYPE OMX_ENUM_U32 {
+    OMX_BufferSupplyUnspecified = 0,
+    OMX_BufferSupplyMax = 0x7FFFFFFF
 } OMX_BUFFERSUPPLIERTYPE;
 
 typedef struct OMX_TUNNELSETUPTYPE {
@@ -269,14 +300,14 @@ typedef struct OMX_TUNNELSETUPTYPE {
     OMX_BUFFERSUPPLIERTYPE eSupplier;
 } OMX_TUNNELSETUPTYPE;
 
+// clang-format off
 typedef struct OMX_CALLBACKTYPE {
-    OMX_ERRORTYPE(*EventHandler)
-    (OMX_HANDLETYPE hComponent, OMX_PTR pAppData, OMX_EVENTTYPE eEvent, OMX_U32 nData1,
-     OMX_U32 nData2, OMX_PTR pEventData);
-    OMX_ERRORTYPE(*EmptyBufferDone)
-    (OMX_HANDLETYPE hComponent, OMX_PTR pAppData, OMX_BUFFERHEADERTYPE *pBuffer);
-    OMX_ERRORTYPE(*FillBufferDone)
-    (OMX_HANDLETYPE hComponent, OMX_PTR pAppData, OMX_BUFFERHEADERTYPE *pBuffer);
+    OMX_ERRORTYPE (*EventHandler)(OMX_HANDLETYPE hComponent, OMX_PTR pAppData, OMX_EVENTTYPE eEvent,
+                                  OMX_U32 nData1, OMX_U32 nData2, OMX_PTR pEventData);
+    OMX_ERRORTYPE (*EmptyBufferDone)(OMX_HANDLETYPE hComponent, OMX_PTR pAppData,
+                                     OMX_BUFFERHEADERTYPE *pBuffer);
+    OMX_ERRORTYPE (*FillBufferDone)(OMX_HANDLETYPE hComponent, OMX_PTR pAppData,
+                                    OMX_BUFFERHEADERTYPE *pBuffer);
 } OMX_CALLBACKTYPE;
 
 typedef struct OMX_COMPONENTTYPE {
@@ -284,73 +315,75 @@ typedef struct OMX_COMPONENTTYPE {
     OMX_VERSIONTYPE nVersion;
     OMX_PTR pComponentPrivate;
     OMX_PTR pApplicationPrivate;
-    OMX_ERRORTYPE(*GetComponentVersion)
-    (OMX_HANDLETYPE hComponent, OMX_STRING pComponentName, OMX_VERSIONTYPE *pComponentVersion,
-     OMX_VERSIONTYPE *pSpecVersion, OMX_UUIDTYPE *pComponentUUID);
-    OMX_ERRORTYPE(*SendCommand)
-    (OMX_HANDLETYPE hComponent, OMX_COMMANDTYPE Cmd, OMX_U32 nParam1, OMX_PTR pCmdData);
-    OMX_ERRORTYPE(*GetParameter)
-    (OMX_HANDLETYPE hComponent, OMX_INDEXTYPE nParamIndex, OMX_PTR pComponentParameterStructure);
-    OMX_ERRORTYPE(*SetParameter)
-    (OMX_HANDLETYPE hComponent, OMX_INDEXTYPE nIndex, OMX_PTR pComponentParameterStructure);
-    OMX_ERRORTYPE(*GetConfig)
-    (OMX_HANDLETYPE hComponent, OMX_INDEXTYPE nIndex, OMX_PTR pComponentConfigStructure);
-    OMX_ERRORTYPE(*SetConfig)
-    (OMX_HANDLETYPE hComponent, OMX_INDEXTYPE nIndex, OMX_PTR pComponentConfigStructure);
-    OMX_ERRORTYPE(*GetExtensionIndex)
-    (OMX_HANDLETYPE hComponent, OMX_STRING cParameterName, OMX_INDEXTYPE *pIndexType);
+    OMX_ERRORTYPE (*GetComponentVersion)(OMX_HANDLETYPE hComponent, OMX_STRING pComponentName,
+                                         OMX_VERSIONTYPE *pComponentVersion,
+                                         OMX_VERSIONTYPE *pSpecVersion,
+                                         OMX_UUIDTYPE *pComponentUUID);
+    OMX_ERRORTYPE (*SendCommand)(OMX_HANDLETYPE hComponent, OMX_COMMANDTYPE Cmd, OMX_U32 nParam1,
+                                 OMX_PTR pCmdData);
+    OMX_ERRORTYPE (*GetParameter)(OMX_HANDLETYPE hComponent, OMX_INDEXTYPE nParamIndex,
+                                  OMX_PTR pComponentParameterStructure);
+    OMX_ERRORTYPE (*SetParameter)(OMX_HANDLETYPE hComponent, OMX_INDEXTYPE nIndex,
+                                  OMX_PTR pComponentParameterStructure);
+    OMX_ERRORTYPE (*GetConfig)(OMX_HANDLETYPE hComponent, OMX_INDEXTYPE nIndex,
+                               OMX_PTR pComponentConfigStructure);
+    OMX_ERRORTYPE (*SetConfig)(OMX_HANDLETYPE hComponent, OMX_INDEXTYPE nIndex,
+                               OMX_PTR pComponentConfigStructure);
+    OMX_ERRORTYPE (*GetExtensionIndex)(OMX_HANDLETYPE hComponent, OMX_STRING cParameterName,
+                                       OMX_INDEXTYPE *pIndexType);
     OMX_ERRORTYPE (*GetState)(OMX_HANDLETYPE hComponent, OMX_STATETYPE *pState);
-    OMX_ERRORTYPE(*ComponentTunnelRequest)
-    (OMX_HANDLETYPE hComp, OMX_U32 nPort, OMX_HANDLETYPE hTunneledComp, OMX_U32 nTunneledPort,
-     OMX_TUNNELSETUPTYPE *pTunnelSetup);
-    OMX_ERRORTYPE(*UseBuffer)
-    (OMX_HANDLETYPE hComponent, OMX_BUFFERHEADERTYPE **ppBufferHdr, OMX_U32 nPortIndex,
-     OMX_PTR pAppPrivate, OMX_U32 nSizeBytes, OMX_U8 *pBuffer);
-    OMX_ERRORTYPE(*AllocateBuffer)
-    (OMX_HANDLETYPE hComponent, OMX_BUFFERHEADERTYPE **ppBuffer, OMX_U32 nPortIndex,
-     OMX_PTR pAppPrivate, OMX_U32 nSizeBytes);
-    OMX_ERRORTYPE(*FreeBuffer)
-    (OMX_HANDLETYPE hComponent, OMX_U32 nPortIndex, OMX_BUFFERHEADERTYPE *pBuffer);
+    OMX_ERRORTYPE (*ComponentTunnelRequest)(OMX_HANDLETYPE hComp, OMX_U32 nPort,
+                                            OMX_HANDLETYPE hTunneledComp, OMX_U32 nTunneledPort,
+                                            OMX_TUNNELSETUPTYPE *pTunnelSetup);
+    OMX_ERRORTYPE (*UseBuffer)(OMX_HANDLETYPE hComponent, OMX_BUFFERHEADERTYPE **ppBufferHdr,
+                               OMX_U32 nPortIndex, OMX_PTR pAppPrivate, OMX_U32 nSizeBytes,
+                               OMX_U8 *pBuffer);
+    OMX_ERRORTYPE (*AllocateBuffer)(OMX_HANDLETYPE hComponent, OMX_BUFFERHEADERTYPE **ppBuffer,
+                                    OMX_U32 nPortIndex, OMX_PTR pAppPrivate, OMX_U32 nSizeBytes);
+    OMX_ERRORTYPE (*FreeBuffer)(OMX_HANDLETYPE hComponent, OMX_U32 nPortIndex,
+                                OMX_BUFFERHEADERTYPE *pBuffer);
     OMX_ERRORTYPE (*EmptyThisBuffer)(OMX_HANDLETYPE hComponent, OMX_BUFFERHEADERTYPE *pBuffer);
     OMX_ERRORTYPE (*FillThisBuffer)(OMX_HANDLETYPE hComponent, OMX_BUFFERHEADERTYPE *pBuffer);
-    OMX_ERRORTYPE(*SetCallbacks)
-    (OMX_HANDLETYPE hComponent, OMX_CALLBACKTYPE *pCallbacks, OMX_PTR pAppData);
+    OMX_ERRORTYPE (*SetCallbacks)(OMX_HANDLETYPE hComponent, OMX_CALLBACKTYPE *pCallbacks,
+                                  OMX_PTR pAppData);
     OMX_ERRORTYPE (*ComponentDeInit)(OMX_HANDLETYPE hComponent);
-    OMX_ERRORTYPE(*UseEGLImage)
-    (OMX_HANDLETYPE hComponent, OMX_BUFFERHEADERTYPE **ppBufferHdr, OMX_U32 nPortIndex,
-     OMX_PTR pAppPrivate, void *eglImage);
+    OMX_ERRORTYPE (*UseEGLImage)(OMX_HANDLETYPE hComponent, OMX_BUFFERHEADERTYPE **ppBufferHdr,
+                                 OMX_U32 nPortIndex, OMX_PTR pAppPrivate, void *eglImage);
     OMX_ERRORTYPE (*ComponentRoleEnum)(OMX_HANDLETYPE hComponent, OMX_U8 *cRole, OMX_U32 nIndex);
 } OMX_COMPONENTTYPE;
 
-#define OMX_SendCommand(hComponent, Cmd, nParam, pCmdData)                                         \
-    static_cast<OMX_COMPONENTTYPE *>(hComponent)->SendCommand(hComponent, Cmd, nParam, pCmdData)
-#define OMX_GetParameter(hComponent, nParamIndex, pStructure)                                      \
-    static_cast<OMX_COMPONENTTYPE *>(hComponent)->GetParameter(hComponent, nParamIndex, pStructure)
-#define OMX_SetParameter(hComponent, nParamIndex, pStructure)                                      \
-    static_cast<OMX_COMPONENTTYPE *>(hComponent)->SetParameter(hComponent, nParamIndex, pStructure)
-#define OMX_GetState(hComponent, pState)                                                           \
-    static_cast<OMX_COMPONENTTYPE *>(hComponent)->GetState(hComponent, pState)
-#define OMX_UseBuffer(hComponent, ppBufferHdr, nPortIndex, pAppPrivate, nSizeBytes, pBuffer)       \
-    static_cast<OMX_COMPONENTTYPE *>(hComponent)                                                   \
-        ->UseBuffer(hComponent, ppBufferHdr, nPortIndex, pAppPrivate, nSizeBytes, pBuffer)
-#define OMX_AllocateBuffer(hComponent, ppBuffer, nPortIndex, pAppPrivate, nSizeBytes)              \
-    static_cast<OMX_COMPONENTTYPE *>(hComponent)                                                   \
-        ->AllocateBuffer(hComponent, ppBuffer, nPortIndex, pAppPrivate, nSizeBytes)
-#define OMX_FreeBuffer(hComponent, nPortIndex, pBuffer)                                            \
-    static_cast<OMX_COMPONENTTYPE *>(hComponent)->FreeBuffer(hComponent, nPortIndex, pBuffer)
-#define OMX_EmptyThisBuffer(hComponent, pBuffer)                                                   \
-    static_cast<OMX_COMPONENTTYPE *>(hComponent)->EmptyThisBuffer(hComponent, pBuffer)
+#define OMX_SendCommand(hComponent, Cmd, nParam, pCmdData) \
+    OMX_COMPONENT(hComponent)->SendCommand(hComponent, Cmd, nParam, pCmdData)
+#define OMX_GetParameter(hComponent, nParamIndex, pStructure) \
+    OMX_COMPONENT(hComponent)->GetParameter(hComponent, nParamIndex, pStructure)
+#define OMX_SetParameter(hComponent, nParamIndex, pStructure) \
+    OMX_COMPONENT(hComponent)->SetParameter(hComponent, nParamIndex, pStructure)
+#define OMX_GetState(hComponent, pState) \
+    OMX_COMPONENT(hComponent)->GetState(hComponent, pState)
+#define OMX_UseBuffer(hComponent, ppBufferHdr, nPortIndex, pAppPrivate, nSizeBytes, pBuffer) \
+    OMX_COMPONENT(hComponent)->UseBuffer(hComponent, ppBufferHdr, nPortIndex, pAppPrivate, \
+                                         nSizeBytes, pBuffer)
+#define OMX_AllocateBuffer(hComponent, ppBuffer, nPortIndex, pAppPrivate, nSizeBytes) \
+    OMX_COMPONENT(hComponent)->AllocateBuffer(hComponent, ppBuffer, nPortIndex, pAppPrivate, \
+                                              nSizeBytes)
+#define OMX_FreeBuffer(hComponent, nPortIndex, pBuffer) \
+    OMX_COMPONENT(hComponent)->FreeBuffer(hComponent, nPortIndex, pBuffer)
+#define OMX_EmptyThisBuffer(hComponent, pBuffer) \
+    OMX_COMPONENT(hComponent)->EmptyThisBuffer(hComponent, pBuffer)
+// clang-format on
 
-// The core's own calls (client side of the standard).
+// The calls of the core.
 OMX_ERRORTYPE OMX_Init(void);
 OMX_ERRORTYPE OMX_Deinit(void);
 OMX_ERRORTYPE OMX_ComponentNameEnum(OMX_STRING cComponentName, OMX_U32 nNameLength, OMX_U32 nIndex);
 OMX_ERRORTYPE OMX_GetHandle(OMX_HANDLETYPE *pHandle, OMX_STRING cComponentName, OMX_PTR pAppData,
                             OMX_CALLBACKTYPE *pCallBacks);
 OMX_ERRORTYPE OMX_FreeHandle(OMX_HANDLETYPE hComponent);
-// Asks both components for a tunnel; with a null handle, asks the other one to take its own down.
+// Asks both components for a tunnel; with one handle null, asks the other component to end its own.
 OMX_ERRORTYPE OMX_SetupTunnel(OMX_HANDLETYPE hOutput, OMX_U32 nPortOutput, OMX_HANDLETYPE hInput,
                               OMX_U32 nPortInput);
+
+// NOLINTEND(readability-identifier-naming)
 
 #ifdef __cplusplus
 }

@@ -1,4 +1,4 @@
-// The base library's allocators; the C library's contracts.
+// The base library's allocators, with the contracts of malloc, calloc and free.
 #ifndef PLATFORM_QVR_MEMORY_H
 #define PLATFORM_QVR_MEMORY_H
 

@@ -10,43 +10,50 @@ extern "C" {
 #endif
 #pragma GCC visibility push(default)
 
-// A counting semaphore. The owner provides the memory.
+// A counting semaphore.
 typedef struct tsem_t {
-    pthread_cond_t stCondition;
-    pthread_mutex_t stMutex;
-    uint32_t uiCount; // under stMutex
+    pthread_cond_t condition;
+    pthread_mutex_t mutex;
+    uint32_t count; // under mutex
 } tsem_t;
 
-// Prepares the semaphore with the given count. returns 0, or an errno value.
+// Prepares the semaphore with the given count.
+// returns: 0, or an errno value.
+// owns: the caller owns the record.
 int tsem_init(tsem_t *tsem, uint32_t count);
-// Releases what tsem_init took; nobody may be waiting.
+// Releases what tsem_init took.
+// thread: none may be waiting.
 void tsem_deinit(tsem_t *tsem);
-// Waits for a count above 0 and takes one.
+// Waits for a count above 0 and subtracts one.
 void tsem_down(tsem_t *tsem);
 // Adds one to the count and wakes one waiter.
 void tsem_up(tsem_t *tsem);
-// The count at this moment; only the sole consumer may rely on a count above 0.
+// returns: the count at this moment. Only the sole consumer may rely on a count above 0.
 uint32_t tsem_value(tsem_t *tsem);
 
-#define QUEUE_CAPACITY 64 // buffers that one port can hold at the most
+#define QUEUE_CAPACITY 64 // the most buffers of one port
 
-// A first-in first-out queue of pointers; safe between threads. The owner provides the memory.
+// A first-in first-out queue of pointers.
 typedef struct queue_t {
-    void *apElement[QUEUE_CAPACITY];
-    uint32_t uiRead;
-    uint32_t uiCount;
-    pthread_mutex_t stMutex;
+    void *elements[QUEUE_CAPACITY]; // this and the next two under mutex
+    uint32_t read_index;
+    uint32_t count;
+    pthread_mutex_t mutex;
 } queue_t;
 
-// Prepares an empty queue. returns 0, or an errno value.
+// Prepares an empty queue.
+// returns: 0, or an errno value.
+// owns: the caller owns the record.
 int queue_init(queue_t *queue);
 // Releases what queue_init took.
 void queue_deinit(queue_t *queue);
-// Appends a pointer. returns 0, or -1 when the queue is full.
+// Appends a pointer.
+// returns: 0, or -1 when the queue is full.
 int queue(queue_t *queue, void *element);
-// Takes the oldest pointer. returns null when the queue is empty.
+// Takes the oldest pointer.
+// returns: the pointer, or null when the queue is empty.
 void *dequeue(queue_t *queue);
-// The number of pointers queued at this moment.
+// returns: the number of queued pointers at this moment.
 uint32_t queue_length(queue_t *queue);
 
 #pragma GCC visibility pop

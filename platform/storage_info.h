@@ -16,18 +16,23 @@ typedef struct df_record_t {
     const char *pszFileSystem;
     const char *pszMountPoint;
     unsigned long ulTotalKiB;
-    unsigned long ulFreeKiB; // what an ordinary process may still fill
+    unsigned long ulFreeKiB; // for an ordinary process
 } df_record_t;
 
-// Opens the storage information. returns null on failure.
+// Opens the storage information.
+// returns: the handle, or null on failure.
 // owns: the caller, until dfclose.
 df_handle_t *dfopen(void);
 
-// Queries one storage afresh. returns its record, valid until the next call with this handle, or
-// null when the storage is not there or cannot be queried.
+// Queries one storage anew.
+// in: storage is DF_BUILT_IN or DF_REMOVABLE.
+// returns: its record, valid until the next call with this handle, or null when the storage is
+// missing or cannot be queried.
 const df_record_t *dfget(df_handle_t *handle, int storage);
 
-// Releases the handle; null is accepted. returns 0.
+// Releases the handle.
+// in: handle may be null.
+// returns: 0.
 int dfclose(df_handle_t *handle);
 
 #pragma GCC visibility pop

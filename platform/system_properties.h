@@ -9,9 +9,11 @@ extern "C" {
 
 #define PROPERTY_VALUE_MAX 92 // with the terminator
 
-// Copies the value of a property, or the default (null: none) when it is not set, into
-// value[PROPERTY_VALUE_MAX]. returns the length of what was copied.
-int property_get(const char *key, char *value, const char *default_);
+// Copies the value of a property, or the default value when it is not set.
+// in: default_value may be null: the empty text.
+// out: value has PROPERTY_VALUE_MAX bytes.
+// returns: the length of the copied text.
+int property_get(const char *key, char *value, const char *default_value);
 
 #pragma GCC visibility pop
 #ifdef __cplusplus

@@ -40,9 +40,6 @@ may_skip() {
     asan-ubsan | tsan) # their own allocator takes the place of the one that is counted
         echo ManyRecordings.AllocateNothingPerFrame
         ;;
-    32bit | arm) # a file of 1.8 GB has no room in memory
-        echo StopReason.Is6WhenTheFileWouldPassItsLimit
-        ;;
     esac
 }
 

@@ -5,11 +5,21 @@
 
 using bytes = std::span<const uint8_t>;
 
-// adts_fixed_header() and adts_variable_header(), ISO/IEC 14496-3, 1.A.2.2
+// audioObjectType, ISO/IEC 14496-3, table 1.17
+static constexpr unsigned kObjectTypeMain = 1, kObjectTypeLtp = 4; // LC and SSR are between them
+static constexpr unsigned kObjectTypeSbr = 5, kObjectTypePs = 29;
+static constexpr unsigned kObjectTypeEscape = 31;
+
+static constexpr unsigned kRateEscape = 15; // samplingFrequencyIndex: the rate follows in 24 bits
+
+// syncword to number_of_raw_data_blocks_in_frame, and crc_check
+static constexpr size_t kAdtsBytes = 7, kAdtsCrcBytes = 2;
+
+// source: ISO/IEC 14496-3, 1.A.2.2, adts_fixed_header() and adts_variable_header()
 struct adts_header {
     unsigned profile, sampling_frequency_index, channel_configuration;
     size_t header_bytes, frame_bytes;
-    unsigned more_blocks; // raw data blocks behind the first
+    unsigned more_blocks; // raw data blocks after the first
 };
 
 [[noreturn]] static void refuse(const aac_input &aac, const std::string &what)
@@ -19,7 +29,8 @@ struct adts_header {
 
 static std::optional<adts_header> read_header(bytes data)
 {
-    if (data.size() < 7 || data[0] != 0xFF || (data[1] & 0xF6) != 0xF0) { // syncword, layer
+    if (data.size() < kAdtsBytes || data[0] != 0xFF ||
+        (data[1] & 0xF6) != 0xF0) { // syncword, layer
         return std::nullopt;
     }
     const bool has_crc = (data[1] & 1) == 0; // protection_absent
@@ -28,7 +39,7 @@ static std::optional<adts_header> read_header(bytes data)
         .profile = at(2) >> 6,
         .sampling_frequency_index = at(2) >> 2 & 0xF,
         .channel_configuration = (at(2) & 1) << 2 | at(3) >> 6,
-        .header_bytes = has_crc ? size_t{9} : size_t{7},
+        .header_bytes = kAdtsBytes + (has_crc ? kAdtsCrcBytes : 0),
         .frame_bytes = (at(3) & 3) << 11 | at(4) << 3 | at(5) >> 5,
         .more_blocks = at(6) & 3,
     };
@@ -37,8 +48,8 @@ static std::optional<adts_header> read_header(bytes data)
                                                                       : std::nullopt;
 }
 
-// audioObjectType, samplingFrequencyIndex, channelConfiguration and the flags of GASpecificConfig,
-// all 0
+// AudioSpecificConfig: audioObjectType, samplingFrequencyIndex, channelConfiguration and the flags
+// of GASpecificConfig, all 0.
 static std::vector<uint8_t> make_config(const adts_header &header)
 {
     const unsigned bits = (header.profile + 1) << 11 | header.sampling_frequency_index << 7 |
@@ -46,7 +57,7 @@ static std::vector<uint8_t> make_config(const adts_header &header)
     return {static_cast<uint8_t>(bits >> 8), static_cast<uint8_t>(bits)};
 }
 
-// Reads numbers bit by bit; there are zeros behind the end.
+// returns: the next number; bits after the end are 0.
 static unsigned take_bits(bytes data, size_t &position, unsigned count)
 {
     unsigned value = 0;
@@ -60,26 +71,26 @@ static unsigned take_bits(bytes data, size_t &position, unsigned count)
 static unsigned take_object_type(bytes config, size_t &position)
 {
     const unsigned type = take_bits(config, position, 5);
-    return type == 31 ? 32 + take_bits(config, position, 6) : type;
+    return type == kObjectTypeEscape ? 32 + take_bits(config, position, 6) : type;
 }
 
 static int take_rate(bytes config, size_t &position)
 {
     const unsigned index = take_bits(config, position, 4);
     return index < kAacRates.size() ? kAacRates[index]
-           : index == 15            ? static_cast<int>(take_bits(config, position, 24))
+           : index == kRateEscape   ? static_cast<int>(take_bits(config, position, 24))
                                     : 0;
 }
 
-// AudioSpecificConfig, ISO/IEC 14496-3, 1.6.2.1. The units last as long as the core's rate says,
-// whatever a decoder makes of them with the extension's data.
+// The core's rate gives the duration of the units, also when an extension doubles the rate.
+// source: ISO/IEC 14496-3, 1.6.2.1, AudioSpecificConfig
 static void read_config(aac_input &aac, bytes config)
 {
     size_t position = 0;
     unsigned type = take_object_type(config, position);
     aac.rate = take_rate(config, position);
     (void)take_bits(config, position, 4); // channelConfiguration
-    if (type == 5 || type == 29) {        // SBR, PS
+    if (type == kObjectTypeSbr || type == kObjectTypePs) {
         (void)take_rate(config, position);
         type = take_object_type(config, position);
     }
@@ -87,14 +98,17 @@ static void read_config(aac_input &aac, bytes config)
     if (aac.rate == 0) {
         throw failure(exit_code::input, aac.file->path + ": its AAC configuration is damaged");
     }
-    if (type < 1 || type > 4 || is_short) {
-        refuse(aac, "its AAC (object type " + std::to_string(type) +
-                        ") is not in units of 1024 samples, which alone can be put into the file");
+    if (type < kObjectTypeMain || type > kObjectTypeLtp || is_short) {
+        refuse(
+            aac,
+            "its AAC (object type " + std::to_string(type) +
+                ") is not in units of 1024 samples, and only such units can be put into the file");
     }
     aac.config.assign(config.begin(), config.end());
 }
 
-// The access unit in a packet. Notes the stream's kind at the first one.
+// Takes the stream's configuration from the first ADTS header.
+// returns: the access unit in a packet.
 static bytes unit_in(aac_input &aac, bytes packet)
 {
     if (!aac.is_framed) {
@@ -105,7 +119,7 @@ static bytes unit_in(aac_input &aac, bytes packet)
         throw failure(exit_code::input, aac.file->path + ": an ADTS frame is damaged");
     }
     if (header->more_blocks != 0) {
-        refuse(aac, "several access units share an ADTS frame, which cannot be taken apart");
+        refuse(aac, "an ADTS frame holds several access units, which cannot be separated");
     }
     const std::vector<uint8_t> config = make_config(*header);
     if (aac.config.empty()) {
@@ -114,7 +128,7 @@ static bytes unit_in(aac_input &aac, bytes packet)
         aac.channels = static_cast<int>(header->channel_configuration);
     }
     if (config != aac.config) {
-        refuse(aac, "changes its sampling rate or its channels on the way");
+        refuse(aac, "changes its sampling rate or its channels within the file");
     }
     return packet.subspan(header->header_bytes);
 }
@@ -164,7 +178,7 @@ std::unique_ptr<aac_input> aac_input_open(const std::string &path, media_file *v
 
 int64_t aac_input_span_us(const aac_input &aac, int64_t units)
 {
-    return av_rescale(units * kAacUnitSamples, 1'000'000, aac.rate);
+    return av_rescale(units * kAacUnitSamples, kSecondUs, aac.rate);
 }
 
 std::optional<std::span<const uint8_t>> aac_input_next(aac_input &aac)

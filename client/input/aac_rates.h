@@ -1,4 +1,4 @@
-// The sampling rates of AAC by their samplingFrequencyIndex, ISO/IEC 14496-3, table 1.18.
+// The sampling rates of AAC.
 #ifndef CLIENT_INPUT_AAC_RATES_H
 #define CLIENT_INPUT_AAC_RATES_H
 
@@ -6,20 +6,23 @@
 #include <array>
 #include <cstddef>
 
+// In Hz, by samplingFrequencyIndex.
+// source: ISO/IEC 14496-3, table 1.18
 inline constexpr std::array<int, 13> kAacRates = {96000, 88200, 64000, 48000, 44100, 32000, 24000,
                                                   22050, 16000, 12000, 11025, 8000,  7350};
 
-// returns the rate's index; the table's size for any other rate.
+// returns: the rate's index; the size of the table for any other rate.
 inline size_t aac_rate_index(int rate)
 {
     return static_cast<size_t>(std::find(kAacRates.begin(), kAacRates.end(), rate) -
                                kAacRates.begin());
 }
 
-// Whether the encoder of this system takes the rate.
+// returns: whether the encoder of this system takes the rate.
 inline bool is_encoder_rate(int rate)
 {
-    return aac_rate_index(rate) < kAacRates.size() && rate >= 8000 && rate <= 48000;
+    constexpr int kRateMin = 8000, kRateMax = 48000;
+    return aac_rate_index(rate) < kAacRates.size() && rate >= kRateMin && rate <= kRateMax;
 }
 
 #endif // CLIENT_INPUT_AAC_RATES_H

@@ -1,168 +1,23 @@
 #include "client/input/access_unit_converter.h"
 
+#include "client/input/nal_unit.h"
+
 #include <algorithm>
-#include <array>
-#include <cstring>
 #include <optional>
-
-namespace {
-
-// nal_unit_type, ISO/IEC 14496-10 table 7-1
-enum : unsigned {
-    kNalSlice = 1,
-    kNalPartitionA = 2,
-    kNalPartitionC = 4,
-    kNalIdr = 5,
-    kNalSps = 7,
-    kNalPps = 8,
-};
 
 using bytes = std::span<const uint8_t>;
 
-constexpr uint8_t kStartCode[4] = {0, 0, 0, 1};
+static constexpr uint8_t kStartCode[4] = {0, 0, 0, 1};
 
-unsigned nal_type(bytes nal)
-{
-    return nal[0] & 0x1Fu;
-}
+// Of a configuration record, with the counts of its sets.
+static constexpr size_t kRecordBytesMin = 7;
 
-// The position of the next 00 00 01 at or after `from`, or the size.
-size_t find_start_code(bytes data, size_t from)
-{
-    for (size_t at = from + 2; at < data.size(); at++) {
-        const void *const one = std::memchr(&data[at], 1, data.size() - at);
-        if (one == nullptr) {
-            break;
-        }
-        at = static_cast<size_t>(static_cast<const uint8_t *>(one) - data.data());
-        if (data[at - 1] == 0 && data[at - 2] == 0) {
-            return at - 2;
-        }
-    }
-    return data.size();
-}
-
-bytes without_trailing_zeros(bytes nal)
-{
-    while (!nal.empty() && nal.back() == 0) {
-        nal = nal.first(nal.size() - 1);
-    }
-    return nal;
-}
-
-bool split_at_start_codes(bytes data, std::vector<bytes> &nals)
-{
-    size_t at = find_start_code(data, 0);
-    if (std::any_of(data.begin(), data.begin() + static_cast<ptrdiff_t>(at),
-                    [](uint8_t byte) { return byte != 0; })) {
-        return false;
-    }
-    while (at < data.size()) {
-        const size_t begin = at + 3;
-        at = find_start_code(data, begin);
-        const bytes nal = without_trailing_zeros(data.subspan(begin, at - begin));
-        if (!nal.empty()) {
-            nals.push_back(nal);
-        }
-    }
-    return true;
-}
-
-// Cuts one NAL unit with a big-endian length in front off the data.
-std::optional<bytes> take_with_length(bytes &data, unsigned length_bytes)
-{
-    if (data.size() < length_bytes) {
-        return std::nullopt;
-    }
-    size_t length = 0;
-    for (const uint8_t byte : data.first(length_bytes)) {
-        length = length << 8 | byte;
-    }
-    data = data.subspan(length_bytes);
-    if (length > data.size()) {
-        return std::nullopt;
-    }
-    const bytes nal = data.first(length);
-    data = data.subspan(length);
-    return nal;
-}
-
-bool split_by_lengths(bytes data, unsigned length_bytes, std::vector<bytes> &nals)
-{
-    while (!data.empty()) {
-        const std::optional<bytes> taken = take_with_length(data, length_bytes);
-        // A start code inside would become a unit of its own in the start-code form.
-        if (!taken || find_start_code(*taken, 0) != taken->size()) {
-            return false;
-        }
-        const bytes nal = without_trailing_zeros(*taken);
-        if (!nal.empty()) {
-            nals.push_back(nal);
-        }
-    }
-    return true;
-}
-
-// Reads the first syntax elements of a NAL unit.
-struct head_bits {
-    std::array<uint8_t, 24> payload = {}; // without header and emulation prevention bytes
-    size_t size_bits = 0;
-    size_t at_bits = 0;
-};
-
-head_bits open_head(bytes nal, size_t skipped_bytes)
-{
-    head_bits head;
-    unsigned zeros = 0;
-    size_t filled = 0;
-    for (size_t i = 1 + skipped_bytes; i < nal.size() && filled < head.payload.size(); i++) {
-        if (zeros >= 2 && nal[i] == 3) {
-            zeros = 0;
-            continue;
-        }
-        zeros = nal[i] == 0 ? zeros + 1 : 0;
-        head.payload[filled++] = nal[i];
-    }
-    head.size_bits = filled * 8;
-    return head;
-}
-
-std::optional<unsigned> read_bit(head_bits &head)
-{
-    if (head.at_bits >= head.size_bits) {
-        return std::nullopt;
-    }
-    const unsigned byte = head.payload[head.at_bits / 8];
-    return byte >> (7 - head.at_bits++ % 8) & 1u;
-}
-
-// ue(v), up to 31 bits of value
-std::optional<unsigned> read_ue(head_bits &head)
-{
-    unsigned zeros = 0;
-    std::optional<unsigned> bit = read_bit(head);
-    for (; bit && *bit == 0; bit = read_bit(head)) {
-        if (++zeros > 31) {
-            return std::nullopt;
-        }
-    }
-    unsigned suffix = 0;
-    for (unsigned i = 0; i < zeros; i++) {
-        bit = read_bit(head);
-        if (!bit) {
-            return std::nullopt;
-        }
-        suffix = suffix << 1 | *bit;
-    }
-    return bit ? std::optional<unsigned>((1u << zeros) - 1 + suffix) : std::nullopt;
-}
-
-bool keep_parameter_set(access_unit_converter &converter, bytes nal)
+static bool keep_parameter_set(access_unit_converter &converter, bytes nal)
 {
     const unsigned type = nal_type(nal);
-    // profile_idc, the constraint flags and level_idc stand before a sequence set's identifier
-    head_bits head = open_head(nal, type == kNalSps ? 3 : 0);
-    const std::optional<unsigned> number = read_ue(head);
+    // A sequence set has profile_idc, constraint flags and level_idc before its identifier.
+    nal_head head = nal_head_open(nal, type == kNalSps ? 3 : 0);
+    const std::optional<unsigned> number = nal_head_ue(head);
     if (!number) {
         return false;
     }
@@ -181,26 +36,26 @@ bool keep_parameter_set(access_unit_converter &converter, bytes nal)
     return true;
 }
 
-void append(std::vector<uint8_t> &out, bytes nal)
+static void append(std::vector<uint8_t> &out, bytes nal)
 {
     out.insert(out.end(), std::begin(kStartCode), std::end(kStartCode));
     out.insert(out.end(), nal.begin(), nal.end());
 }
 
-bool has_set(const std::vector<parameter_set> &sets, unsigned type)
+static bool has_set(const std::vector<parameter_set> &sets, unsigned type)
 {
     return std::any_of(sets.begin(), sets.end(),
                        [=](const parameter_set &set) { return set.type == type; });
 }
 
-// A set of a kind and number that the first picture did not have counts once: unless the stream
-// repeats it, it was a damaged one.
-void forget_new_sets(access_unit_converter &converter)
+// A set of a kind and number that the first picture did not have is valid for one picture: unless
+// the stream repeats it, it was a damaged one.
+static void forget_new_sets(access_unit_converter &converter)
 {
     std::erase_if(converter.sets, [](const parameter_set &set) { return set.is_new; });
 }
 
-unit_verdict put_sets_in_front(access_unit_converter &converter, access_unit &unit)
+static unit_verdict put_sets_before(access_unit_converter &converter, access_unit &unit)
 {
     std::vector<uint8_t> sets;
     for (const parameter_set &set : converter.sets) {
@@ -220,9 +75,10 @@ unit_verdict put_sets_in_front(access_unit_converter &converter, access_unit &un
     return unit_verdict::ready;
 }
 
-// Picks the picture's slices out of the NAL units, and keeps the parameter sets among them.
-unit_verdict find_slices(access_unit_converter &converter, const std::vector<bytes> &nals,
-                         std::vector<bytes> &slices)
+// Keeps the parameter sets among the NAL units.
+// out: the picture's slices.
+static unit_verdict find_slices(access_unit_converter &converter, const std::vector<bytes> &nals,
+                                std::vector<bytes> &slices)
 {
     for (const bytes nal : nals) {
         const unsigned type = nal_type(nal);
@@ -242,15 +98,16 @@ unit_verdict find_slices(access_unit_converter &converter, const std::vector<byt
     return slices.empty() ? unit_verdict::empty : unit_verdict::ready;
 }
 
-// Notes in the unit what the slices' headers say. returns false when the picture is not whole.
-bool read_slice_headers(const std::vector<bytes> &slices, access_unit &unit)
+// out: the unit's flags.
+// returns: false when the picture is not complete.
+static bool read_slice_headers(const std::vector<bytes> &slices, access_unit &unit)
 {
     unit.idr = nal_type(slices.front()) == kNalIdr;
     unit.bi_predicted = false;
     for (const bytes &slice : slices) {
-        head_bits head = open_head(slice, 0);
-        const std::optional<unsigned> first_mb_in_slice = read_ue(head);
-        const std::optional<unsigned> slice_type = read_ue(head);
+        nal_head head = nal_head_open(slice, 0);
+        const std::optional<unsigned> first_mb_in_slice = nal_head_ue(head);
+        const std::optional<unsigned> slice_type = nal_head_ue(head);
         const bool leads = &slice == &slices.front();
         if (!first_mb_in_slice || !slice_type || (leads && *first_mb_in_slice != 0)) {
             return false;
@@ -260,36 +117,42 @@ bool read_slice_headers(const std::vector<bytes> &slices, access_unit &unit)
     return true;
 }
 
-} // namespace
+// Takes the parameter sets of an AVCDecoderConfigurationRecord: version, profile, compatibility,
+// level, length size, then the sequence sets and the picture sets, each after their count.
+// returns: false when the record is cut.
+// source: ISO/IEC 14496-15, 5.2.4.1
+static bool take_record(access_unit_converter &converter, bytes record, std::vector<bytes> &sets)
+{
+    if (record.size() < kRecordBytesMin) {
+        return false;
+    }
+    converter.length_bytes = (record[4] & 3u) + 1;
+    bytes rest = record.subspan(5);
+    for (const unsigned count_mask : {0x1Fu, 0xFFu}) {
+        if (rest.empty()) {
+            return false;
+        }
+        unsigned count = rest[0] & count_mask;
+        rest = rest.subspan(1);
+        for (; count > 0; count--) {
+            const std::optional<bytes> set = nal_take_with_length(rest, 2);
+            if (!set || set->empty()) {
+                return false;
+            }
+            sets.push_back(*set);
+        }
+    }
+    return true;
+}
 
 bool access_unit_configure(access_unit_converter &converter, std::span<const uint8_t> configuration)
 {
     std::vector<bytes> nals;
-    if (!configuration.empty() && configuration[0] != 1) {
-        if (!split_at_start_codes(configuration, nals)) {
+    if (!configuration.empty()) {
+        const bool is_record = configuration[0] == 1; // configurationVersion
+        if (!(is_record ? take_record(converter, configuration, nals)
+                        : nal_split_at_start_codes(configuration, nals))) {
             return false;
-        }
-    } else if (!configuration.empty()) {
-        // AVCDecoderConfigurationRecord, ISO/IEC 14496-15: version, profile, compatibility, level,
-        // length size, then the sequence sets and the picture sets behind a count each
-        if (configuration.size() < 7) {
-            return false;
-        }
-        converter.length_bytes = (configuration[4] & 3u) + 1;
-        bytes rest = configuration.subspan(5);
-        for (const unsigned count_mask : {0x1Fu, 0xFFu}) {
-            if (rest.empty()) {
-                return false;
-            }
-            unsigned count = rest[0] & count_mask;
-            rest = rest.subspan(1);
-            for (; count > 0; count--) {
-                const std::optional<bytes> set = take_with_length(rest, 2);
-                if (!set || set->empty()) {
-                    return false;
-                }
-                nals.push_back(*set);
-            }
         }
     }
     return std::all_of(nals.begin(), nals.end(), [&](bytes nal) {
@@ -305,8 +168,8 @@ unit_verdict access_unit_convert(access_unit_converter &converter, std::span<con
     unit.other_sets.clear();
     std::vector<bytes> nals;
     const bool split = converter.length_bytes == 0
-                           ? split_at_start_codes(packet, nals)
-                           : split_by_lengths(packet, converter.length_bytes, nals);
+                           ? nal_split_at_start_codes(packet, nals)
+                           : nal_split_by_lengths(packet, converter.length_bytes, nals);
     if (!split) {
         return unit_verdict::malformed;
     }
@@ -319,7 +182,7 @@ unit_verdict access_unit_convert(access_unit_converter &converter, std::span<con
         return unit_verdict::malformed;
     }
     if (unit.idr) {
-        verdict = put_sets_in_front(converter, unit);
+        verdict = put_sets_before(converter, unit);
     }
     for (const bytes slice : slices) {
         append(unit.bytes, slice);
@@ -340,7 +203,7 @@ void access_unit_replace_sets(const access_unit_converter &converter, access_uni
 void access_unit_adopt_sets(access_unit_converter &converter, std::span<const uint8_t> sets)
 {
     std::vector<bytes> nals;
-    (void)split_at_start_codes(sets, nals); // this unit has joined them
+    (void)nal_split_at_start_codes(sets, nals); // they were joined in this unit
     converter.sent.clear();
     converter.sets.clear();
     for (const bytes nal : nals) {
@@ -360,7 +223,7 @@ static void append_number(std::vector<uint8_t> &out, size_t value, unsigned widt
 std::vector<uint8_t> access_unit_configuration(const access_unit_converter &converter)
 {
     std::vector<bytes> sets;
-    (void)split_at_start_codes(converter.sent, sets); // this unit has joined them
+    (void)nal_split_at_start_codes(converter.sent, sets); // they were joined in this unit
     if (sets.size() <= 2) {
         return converter.sent;
     }
@@ -382,7 +245,7 @@ std::vector<uint8_t> access_unit_configuration(const access_unit_converter &conv
 std::vector<uint8_t> access_unit_with_lengths(const access_unit &unit)
 {
     std::vector<bytes> nals;
-    (void)split_at_start_codes(unit.bytes, nals);
+    (void)nal_split_at_start_codes(unit.bytes, nals);
     std::vector<uint8_t> joined;
     for (const bytes nal : nals) {
         if (nal_type(nal) != kNalSps && nal_type(nal) != kNalPps) {

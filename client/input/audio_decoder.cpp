@@ -2,16 +2,6 @@
 
 #include "client/failure.h"
 
-void codec_deleter::operator()(AVCodecContext *codec) const
-{
-    avcodec_free_context(&codec);
-}
-
-void frame_deleter::operator()(AVFrame *frame) const
-{
-    av_frame_free(&frame);
-}
-
 std::unique_ptr<audio_decoder> audio_decoder_open(const std::string &path)
 {
     std::unique_ptr<audio_decoder> audio = std::make_unique<audio_decoder>();
@@ -52,7 +42,7 @@ frame_ptr audio_decoder_next(audio_decoder &audio)
             return nullptr;
         }
         if (avcodec_send_packet(audio.codec.get(), packet.get()) < 0) {
-            if (packet == nullptr) { // told of the end before
+            if (packet == nullptr) { // the decoder knows of the end already
                 return nullptr;
             }
             audio.damaged++;

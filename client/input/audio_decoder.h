@@ -2,30 +2,23 @@
 #ifndef CLIENT_INPUT_AUDIO_DECODER_H
 #define CLIENT_INPUT_AUDIO_DECODER_H
 
+#include "client/input/av_ptr.h"
 #include "client/input/media_file.h"
 
 #include <memory>
 #include <string>
 
-struct codec_deleter {
-    void operator()(AVCodecContext *codec) const;
-};
-struct frame_deleter {
-    void operator()(AVFrame *frame) const;
-};
-using frame_ptr = std::unique_ptr<AVFrame, frame_deleter>;
-
 struct audio_decoder {
     std::unique_ptr<media_file> file;
-    std::unique_ptr<AVCodecContext, codec_deleter> codec;
+    codec_ptr codec;
     unsigned damaged = 0; // packets that could not be decoded
 };
 
-// Opens the audio of a file. throws `failure`.
+// returns: the decoder of a file's audio; throws `failure`.
 std::unique_ptr<audio_decoder> audio_decoder_open(const std::string &path);
 
-// returns the next frame that holds samples; null at the end, and where the file's clock waits for
-// the pictures. throws `failure` when the file breaks off.
+// returns: the next frame that holds samples; null at the end, and while the file's clock waits for
+//          the video; throws `failure` when the file breaks off.
 frame_ptr audio_decoder_next(audio_decoder &decoder);
 
 #endif // CLIENT_INPUT_AUDIO_DECODER_H

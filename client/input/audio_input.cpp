@@ -6,24 +6,14 @@
 #include <algorithm>
 #include <array>
 
-extern "C" {
-#include <libswresample/swresample.h>
-}
-
-// What the encoder does not take is resampled to this.
+// Other rates than the encoder's are resampled to this one.
 static constexpr int kDefaultRate = 48000;
 
 static constexpr size_t kChannels = 2;
 
-// Time stamps of sound that stray no further than this from the running count of samples are taken
-// as rounding. A lost frame strays further; from one end of the range to the other it is no
-// picture.
+// A time stamp this close to the running count of samples is taken as rounded. A lost frame is
+// further away, and the whole range is shorter than a picture.
 static constexpr int64_t kDriftToleranceUs = 15'000;
-
-void resampler_deleter::operator()(SwrContext *resampler) const
-{
-    swr_free(&resampler);
-}
 
 static bool same_format(const AVFrame &one, const AVFrame &other)
 {
@@ -31,7 +21,8 @@ static bool same_format(const AVFrame &one, const AVFrame &other)
            av_channel_layout_compare(&one.ch_layout, &other.ch_layout) == 0;
 }
 
-// Queues what the resampler gives for a frame; for null, what it still holds.
+// Queues the resampled frame.
+// in: a frame, or null for the samples that the resampler still holds.
 static void queue_resampled(audio_input &audio, const AVFrame *frame)
 {
     if (audio.resampler == nullptr) {
@@ -84,7 +75,7 @@ static void adapt_resampler(audio_input &audio, AVFrame &frame)
     }
     if (error < 0) {
         throw failure(exit_code::unsupported, audio.decoder->file->path +
-                                                  ": its audio cannot be brought to stereo (" +
+                                                  ": its audio cannot be converted to stereo (" +
                                                   media_error_text(error) + ")");
     }
     audio.format.reset(av_frame_alloc());
@@ -93,19 +84,21 @@ static void adapt_resampler(audio_input &audio, AVFrame &frame)
     av_channel_layout_copy(&audio.format->ch_layout, &frame.ch_layout);
 }
 
-// Holds the next decoded frame. returns false at the end.
+// Decodes the next frame into `held`.
+// returns: false at the end.
 static bool decode_frame(audio_input &audio)
 {
     audio.held = audio_decoder_next(*audio.decoder);
     return audio.held != nullptr;
 }
 
-// Decides what comes before the held frame, which begins at the given time: silence where there is
-// a gap, or none of the samples whose place is taken.
+// Decides how the held frame joins the queue: after silence if it begins later than the queue ends,
+// without its first samples if it begins earlier.
+// in: the frame's time.
 static void settle_frame(audio_input &audio, int64_t time_us, int64_t tolerance_us)
 {
-    const int64_t tolerance = av_rescale(tolerance_us, audio.rate, 1'000'000);
-    const int64_t begin = av_rescale(time_us - audio.origin_us, audio.rate, 1'000'000);
+    const int64_t tolerance = av_rescale(tolerance_us, audio.rate, kSecondUs);
+    const int64_t begin = av_rescale(time_us - audio.origin_us, audio.rate, kSecondUs);
     const int64_t away = begin - (audio.placed - audio.skip_due);
     if (away > tolerance) {
         audio.silence_due = away;
@@ -115,18 +108,19 @@ static void settle_frame(audio_input &audio, int64_t time_us, int64_t tolerance_
     }
 }
 
-// The held frame's time on the clock's line.
+// returns: the held frame's time on the clock's line; without a time stamp, the last frame's end.
 static int64_t place_frame(audio_input &audio)
 {
     const AVFrame &frame = *audio.held;
     const media_file &file = *audio.decoder->file;
     const int64_t time_us =
         media_file_time_us(file, frame.best_effort_timestamp).value_or(audio.end_us);
-    audio.end_us = time_us + av_rescale(frame.nb_samples, 1'000'000, frame.sample_rate);
+    audio.end_us = time_us + av_rescale(frame.nb_samples, kSecondUs, frame.sample_rate);
     return time_us;
 }
 
-// Adds to the queue. returns false when nothing is left to add.
+// Adds samples to the queue.
+// returns: false at the end.
 static bool extend_queue(audio_input &audio)
 {
     if (audio.silence_due > 0) {

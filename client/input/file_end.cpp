@@ -13,11 +13,11 @@ static bool read_at(int file, int64_t position, std::span<uint8_t> bytes)
     return pread(file, bytes.data(), bytes.size(), position) == static_cast<ssize_t>(bytes.size());
 }
 
-// RIFF: chunks of a name, a size (little-endian) and data, up to the chunk with the sound.
+// RIFF: chunks of a name, a size (little-endian) and data; the audio is in the chunk "data".
 static bool is_cut_wave(int file, int64_t size)
 {
     static constexpr int kChunksMax = 1000;
-    static constexpr uint32_t kSizeUnknown = 0x7FFF0000; // and more, from writers that cannot seek
+    static constexpr uint32_t kSizeUnknown = 0x7FFF0000; // or more, from writers that cannot seek
     int64_t position = 12;                               // after "RIFF", its size and "WAVE"
     std::array<uint8_t, 8> head = {};
     for (int i = 0; i < kChunksMax && read_at(file, position, head); i++) {
@@ -32,13 +32,15 @@ static bool is_cut_wave(int file, int64_t size)
     return false;
 }
 
-// An EBML element, RFC 8794: identifier and size tell by their leading zeros how long they are.
+// An EBML element, RFC 8794. The leading zeros of identifier and size say how long these are.
 struct element {
     uint64_t id = 0;
     uint64_t size = 0;
     int64_t begin = 0; // of its data
     bool has_size = true;
 };
+
+static constexpr unsigned kIdBytesMax = 4, kSizeBytesMax = 8;
 
 static uint64_t take_number(const uint8_t *bytes, unsigned width)
 {
@@ -49,12 +51,13 @@ static uint64_t take_number(const uint8_t *bytes, unsigned width)
     return number;
 }
 
-// in: as many of the twelve bytes at most that a head has as there are. returns nothing for what is
-// no head, and with a begin after those bytes for one that is cut.
+// in: the longest possible head of an element, or as much of it as the file has.
+// returns: the element; nothing for an invalid head. A cut head gives a begin after the end of the
+//          file.
 static std::optional<element> read_element(std::span<const uint8_t> head, int64_t position)
 {
     const unsigned id_bytes = static_cast<unsigned>(std::countl_zero(head[0])) + 1;
-    if (id_bytes > 4) {
+    if (id_bytes > kIdBytesMax) {
         return std::nullopt;
     }
     element found = {.begin = position + id_bytes + 1};
@@ -62,7 +65,7 @@ static std::optional<element> read_element(std::span<const uint8_t> head, int64_
         return found;
     }
     const unsigned size_bytes = static_cast<unsigned>(std::countl_zero(head[id_bytes])) + 1;
-    if (size_bytes > 8) {
+    if (size_bytes > kSizeBytesMax) {
         return std::nullopt;
     }
     found.begin = position + id_bytes + size_bytes;
@@ -70,14 +73,15 @@ static std::optional<element> read_element(std::span<const uint8_t> head, int64_
         const uint64_t mask = (uint64_t{1} << 7 * size_bytes) - 1;
         found.id = take_number(head.data(), id_bytes);
         found.size = take_number(&head[id_bytes], size_bytes) & mask;
-        found.has_size = found.size != mask; // of all ones: up to the next element of its level
+        found.has_size =
+            found.size != mask; // all ones: the element ends where its parent's next child begins
     }
     return found;
 }
 
 static bool is_cut_matroska(int file, int64_t size)
 {
-    std::array<uint8_t, 12> head = {};
+    std::array<uint8_t, kIdBytesMax + kSizeBytesMax> head = {};
     int64_t position = 0;
     while (position < size) {
         const size_t head_bytes =
@@ -86,7 +90,7 @@ static bool is_cut_matroska(int file, int64_t size)
         const std::optional<element> found =
             read_at(file, position, bytes) ? read_element(bytes, position) : std::nullopt;
         if (!found) {
-            return false; // damage, which is another matter
+            return false; // damaged, not cut
         }
         if (found->begin > size ||
             (found->has_size && found->size > static_cast<uint64_t>(size - found->begin))) {
@@ -97,17 +101,17 @@ static bool is_cut_matroska(int file, int64_t size)
     return false;
 }
 
-// Transport packets of 188 bytes, as they are, or after four bytes of time, or before a check.
+// Transport packets: plain, after a time stamp of 4 bytes, or before 16 bytes of error correction.
 static constexpr size_t kPacketBytes = 188, kTimedBytes = 192, kCheckedBytes = 204;
 static constexpr uint8_t kSync = 0x47;
 static constexpr size_t kPacketsTried = 8;
 
-// Whether packets of that stride end so many bytes in front of the end.
+// returns: whether packets of this stride end `rest` bytes before the end of the file.
 static bool has_packets(std::span<const uint8_t> tail, size_t stride, size_t rest)
 {
     for (size_t i = 0; i < kPacketsTried; i++) {
-        const size_t behind = rest + kPacketBytes + i * stride;
-        if (behind > tail.size() || tail[tail.size() - behind] != kSync) {
+        const size_t from_end = rest + kPacketBytes + i * stride;
+        if (from_end > tail.size() || tail[tail.size() - from_end] != kSync) {
             return false;
         }
     }
@@ -136,12 +140,12 @@ static std::optional<packet_row> find_packets(int file, int64_t size)
     return std::nullopt;
 }
 
-// A broadcast that was taken down ends anywhere, but not within a packet.
+// A recorded broadcast may end anywhere, but not within a packet.
 static bool is_cut_transport_stream(int file, int64_t size)
 {
     const std::optional<packet_row> row = find_packets(file, size);
     if (!row) {
-        return false; // damage, which is another matter
+        return false; // damaged, not cut
     }
     const size_t whole_rest = row->stride == kCheckedBytes ? kCheckedBytes - kPacketBytes : 0;
     return row->rest != 0 && row->rest != whole_rest;
@@ -156,7 +160,7 @@ std::string file_cut_text(const char *format, int file, int64_t size)
         return is_cut_matroska(file, size) ? "the file is shorter than its elements say" : "";
     }
     if (std::strcmp(format, "mpegts") == 0) {
-        return is_cut_transport_stream(file, size) ? "its last packet is not whole" : "";
+        return is_cut_transport_stream(file, size) ? "its last packet is incomplete" : "";
     }
     return "";
 }

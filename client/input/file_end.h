@@ -1,4 +1,5 @@
-// Whether a media file ends earlier than its own structure says, which demuxers take for an end.
+// Finds files that end earlier than their own structure says, which demuxers report as a normal
+// end.
 #ifndef CLIENT_INPUT_FILE_END_H
 #define CLIENT_INPUT_FILE_END_H
 
@@ -6,7 +7,7 @@
 #include <string>
 
 // in: the demuxer's name of the format, the open file and its size.
-// returns what the file lacks; empty for one that is whole, as far as its format can tell.
+// returns: what is cut off; empty for a file that is complete as far as its format shows.
 std::string file_cut_text(const char *format, int file, int64_t size);
 
 #endif // CLIENT_INPUT_FILE_END_H

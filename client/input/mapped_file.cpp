@@ -41,7 +41,7 @@ std::unique_ptr<mapped_file> mapped_file_of(int descriptor)
 
 std::unique_ptr<mapped_file> mapped_file_open(const std::string &path)
 {
-    // A pipe would block here without the flag; it is refused by its kind.
+    // Without O_NONBLOCK a pipe would block here. mapped_file_of() refuses it.
     const int descriptor = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     std::unique_ptr<mapped_file> file = descriptor >= 0 ? mapped_file_of(descriptor) : nullptr;
     const int error = errno;

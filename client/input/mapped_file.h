@@ -1,4 +1,4 @@
-// A file's bytes as they lie on the disk; what is not looked at is not read.
+// A file mapped into memory: only the pages that are used are read.
 #ifndef CLIENT_INPUT_MAPPED_FILE_H
 #define CLIENT_INPUT_MAPPED_FILE_H
 
@@ -16,13 +16,15 @@ struct mapped_file {
     ~mapped_file();
 };
 
-// Maps an open regular file, which may be closed then. returns null with errno when it cannot.
+// in: an open regular file, which may be closed afterwards.
+// returns: its mapping, or null with errno set.
 std::unique_ptr<mapped_file> mapped_file_of(int descriptor);
 
-// The same by name. throws `failure`.
+// As above, for a path.
+// returns: the mapping; throws `failure`.
 std::unique_ptr<mapped_file> mapped_file_open(const std::string &path);
 
-// Takes the bytes read so far out of the process's memory; they are read again where needed.
+// Drops the pages read so far from the process's memory; they are read again when they are used.
 void mapped_file_release(const mapped_file &file);
 
 #endif // CLIENT_INPUT_MAPPED_FILE_H

@@ -9,10 +9,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-// The forms that are read; others could make the demuxer open further files.
+// The formats that are read. Others could make the demuxer open further files.
 static const char format_names[] = "h264,aac,mpegts,mov,mp4,m4a,3gp,3g2,mj2,matroska,webm,wav";
 
-static constexpr char kDefaultFrameRate[] = "30";
 static constexpr int kIoBufferBytes = 1 << 16;
 
 media_file::~media_file()
@@ -74,7 +73,7 @@ static int64_t seek_io(void *opaque, int64_t offset, int whence)
 
 static void open_descriptor(media_file &file)
 {
-    // A pipe would block here without the flag; it is refused below.
+    // Without O_NONBLOCK a pipe would block here. It is refused below.
     file.descriptor = open(file.path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     struct stat status = {};
     if (file.descriptor < 0 || fstat(file.descriptor, &status) != 0) {
@@ -100,8 +99,8 @@ static void open_format(media_file &file)
     file.format->pb = file.io;
     file.format->flags |= AVFMT_FLAG_CUSTOM_IO;
     file.format->format_whitelist = av_strdup(format_names);
-    AVDictionary *options = nullptr; // for raw H.264 that does not say it; the others ignore it
-    av_dict_set(&options, "framerate", kDefaultFrameRate, 0);
+    AVDictionary *options = nullptr; // for raw H.264 that states none; other formats ignore it
+    av_dict_set_int(&options, "framerate", kDefaultFrameRate, 0);
     int error = avformat_open_input(&file.format, file.path.c_str(), nullptr, &options);
     av_dict_free(&options);
     if (error == 0) {
@@ -125,7 +124,7 @@ bool media_file_is_raw(const media_file &file)
     return std::strcmp(file.format->iformat->name, "h264") == 0;
 }
 
-// At the end of the data: demuxers report what makes them stop early as an end, too.
+// Demuxers report the end of the file also when an error or missing data makes them stop.
 static void check_end(const media_file &file)
 {
     if (file.io->error < 0 && file.io->error != AVERROR_EOF) {
@@ -176,7 +175,7 @@ static void set_clock(media_file &file)
 
 std::unique_ptr<media_file> media_file_open(const std::string &path, AVMediaType kind)
 {
-    av_log_set_level(AV_LOG_QUIET); // what matters is reported by this program, in its own words
+    av_log_set_level(AV_LOG_QUIET); // this program reports in its own words
     std::unique_ptr<media_file> file = std::make_unique<media_file>();
     file->path = path;
     open_descriptor(*file);
@@ -195,16 +194,15 @@ std::unique_ptr<media_file> media_file_open(const std::string &path, AVMediaType
     return file;
 }
 
-bool media_file_join(media_file &one, media_file &other)
+void media_file_join(media_file &one, media_file &other)
 {
     struct stat first = {};
     struct stat second = {};
     if (fstat(one.descriptor, &first) != 0 || fstat(other.descriptor, &second) != 0 ||
         first.st_dev != second.st_dev || first.st_ino != second.st_ino) {
-        return false;
+        return;
     }
     stream_clock_join(one.clock, other.clock);
-    return true;
 }
 
 packet_ptr media_file_read(media_file &file)
@@ -212,10 +210,10 @@ packet_ptr media_file_read(media_file &file)
     return stream_clock_read(file.clock);
 }
 
-std::optional<int64_t> media_file_time_us(const media_file &file, int64_t time)
+std::optional<int64_t> media_file_time_us(const media_file &file, int64_t stamp)
 {
-    if (time == AV_NOPTS_VALUE) {
+    if (stamp == AV_NOPTS_VALUE) {
         return std::nullopt;
     }
-    return av_rescale_q(time, file.stream->time_base, {1, 1000000});
+    return av_rescale_q(stamp, file.stream->time_base, kMicroseconds);
 }

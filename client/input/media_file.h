@@ -1,7 +1,8 @@
-// One stream of one input file: opening, choosing the stream, reading its packets.
+// One stream of one input file.
 #ifndef CLIENT_INPUT_MEDIA_FILE_H
 #define CLIENT_INPUT_MEDIA_FILE_H
 
+#include "client/input/av_ptr.h"
 #include "client/input/stream_clock.h"
 
 #include <cstdint>
@@ -10,9 +11,10 @@
 #include <string>
 
 extern "C" {
-#include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
 }
+
+inline constexpr int kDefaultFrameRate = 30; // of raw H.264 that states none
 
 struct media_file {
     std::string path;
@@ -30,30 +32,30 @@ struct media_file {
     ~media_file();
 };
 
-// Opens a file and picks its best stream of the kind; only this stream is read. The file is held
-// open from here on, so that it does not matter what its path means later.
-// returns the file; throws `failure` when it cannot be read or holds no such stream.
+// Opens a file and picks its best stream of the kind; only this stream is read. The file stays
+// open, so that the path may be replaced later.
+// returns: the file; throws `failure` when it cannot be read or holds no such stream.
 std::unique_ptr<media_file> media_file_open(const std::string &path, AVMediaType kind);
 
-// Whether the file holds a stream of the kind.
+// returns: whether the file holds a stream of the kind.
 bool media_file_has(const media_file &file, AVMediaType kind);
 
-// Whether the file is nothing but a stream of access units, without time stamps.
+// returns: whether the file is a bare stream of access units, without time stamps.
 bool media_file_is_raw(const media_file &file);
 
-// Lets two streams share one clock if both are of the same file, before the first packet of either
-// is read. returns whether they do.
-bool media_file_join(media_file &one, media_file &other);
+// Lets two streams share one clock if both are of the same file. Call before the first packet of
+// either is read.
+void media_file_join(media_file &one, media_file &other);
 
-// Reads the stream's next packet, its time stamps on the clock's line.
-// returns null at the end, and where the clock waits for the other stream; throws `failure` when
-// the file breaks off.
+// returns: the stream's next packet, with time stamps on the clock's line; null at the end, and
+//          while the clock waits for the other stream; throws `failure` when the file breaks off.
 packet_ptr media_file_read(media_file &file);
 
-// A time stamp of the stream in microseconds; nothing when the packet or frame has none.
-std::optional<int64_t> media_file_time_us(const media_file &file, int64_t time);
+// in: a time stamp in the stream's time base.
+// returns: the time; nothing for AV_NOPTS_VALUE.
+std::optional<int64_t> media_file_time_us(const media_file &file, int64_t stamp);
 
-// The library's text for an error code.
+// returns: the library's text for an error code.
 std::string media_error_text(int error);
 
 #endif // CLIENT_INPUT_MEDIA_FILE_H

@@ -4,10 +4,6 @@
 
 #include <algorithm>
 
-extern "C" {
-#include <libswresample/swresample.h>
-}
-
 std::unique_ptr<pcm_input> pcm_input_open(const std::string &path)
 {
     std::unique_ptr<pcm_input> pcm = std::make_unique<pcm_input>();
@@ -30,7 +26,7 @@ std::unique_ptr<pcm_input> pcm_input_open(const std::string &path)
     error = error >= 0 ? swr_init(made) : error;
     if (error < 0) {
         throw failure(exit_code::unsupported, path +
-                                                  ": its samples cannot be brought to 16 bits (" +
+                                                  ": its samples cannot be converted to 16 bits (" +
                                                   media_error_text(error) + ")");
     }
     return pcm;
@@ -42,7 +38,7 @@ static void queue_frame(pcm_input &pcm, const AVFrame &frame)
         frame.format != pcm.format) {
         throw failure(exit_code::unsupported, pcm.decoder->file->path +
                                                   ": changes its sampling rate, its channels or "
-                                                  "its sample format on the way");
+                                                  "its sample format within the file");
     }
     const size_t begin = pcm.queue.size();
     const size_t channels = static_cast<size_t>(pcm.channels);
@@ -55,7 +51,7 @@ static void queue_frame(pcm_input &pcm, const AVFrame &frame)
     pcm.queue.resize(begin + static_cast<size_t>(std::max(got, 0)) * channels);
 }
 
-// What came before the file breaks off is worth having.
+// The audio before the place where the file breaks off is still encoded.
 static frame_ptr decode_frame(pcm_input &pcm)
 {
     try {

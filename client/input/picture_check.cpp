@@ -1,12 +1,12 @@
 #include "client/input/picture_check.h"
 
-#include "client/input/audio_decoder.h"
+#include "client/input/av_ptr.h"
 
 #include <algorithm>
 #include <vector>
 
-// What the decoder gives out; nothing when it still wants more, or has no more.
-static bool is_frame_whole(AVCodecContext *codec)
+// returns: false for a damaged picture or an error; true also when no picture is due.
+static bool is_output_intact(AVCodecContext *codec)
 {
     const frame_ptr frame(av_frame_alloc());
     const int error = avcodec_receive_frame(codec, frame.get());
@@ -20,10 +20,10 @@ static bool is_frame_whole(AVCodecContext *codec)
 bool picture_decodes(std::span<const uint8_t> unit)
 {
     const AVCodec *const decoder = avcodec_find_decoder(AV_CODEC_ID_H264);
-    const std::unique_ptr<AVCodecContext, codec_deleter> codec(avcodec_alloc_context3(decoder));
+    const codec_ptr codec(avcodec_alloc_context3(decoder));
     const packet_ptr packet(av_packet_alloc());
     if (decoder == nullptr || codec == nullptr || packet == nullptr) {
-        return true; // it is not known better
+        return true;
     }
     codec->thread_count = 1;
     codec->err_recognition = AV_EF_EXPLODE;
@@ -32,6 +32,6 @@ bool picture_decodes(std::span<const uint8_t> unit)
         return true;
     }
     std::copy(unit.begin(), unit.end(), packet->data);
-    return avcodec_send_packet(codec.get(), packet.get()) >= 0 && is_frame_whole(codec.get()) &&
-           avcodec_send_packet(codec.get(), nullptr) >= 0 && is_frame_whole(codec.get());
+    return avcodec_send_packet(codec.get(), packet.get()) >= 0 && is_output_intact(codec.get()) &&
+           avcodec_send_packet(codec.get(), nullptr) >= 0 && is_output_intact(codec.get());
 }

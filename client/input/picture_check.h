@@ -1,12 +1,12 @@
-// Whether parameter sets belong to a picture, as a decoder finds.
+// Tests with a decoder whether parameter sets belong to a picture.
 #ifndef CLIENT_INPUT_PICTURE_CHECK_H
 #define CLIENT_INPUT_PICTURE_CHECK_H
 
 #include <cstdint>
 #include <span>
 
-// Decodes an IDR picture with its parameter sets in front. returns false when the decoder finds
-// fault with it.
+// in: an IDR picture after its parameter sets, in start-code form.
+// returns: false when the decoder reports an error; true also when no decoder is available.
 bool picture_decodes(std::span<const uint8_t> unit);
 
 #endif // CLIENT_INPUT_PICTURE_CHECK_H

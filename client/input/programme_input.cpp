@@ -2,6 +2,9 @@
 
 #include "client/failure.h"
 
+// The size that the component writes into every file, whatever the pictures have.
+static constexpr int kAnnouncedWidth = 320, kAnnouncedHeight = 240;
+
 static int64_t video_time_us(const programme_input &programme)
 {
     return programme.next_video->time_us - programme.origin_us;
@@ -9,7 +12,7 @@ static int64_t video_time_us(const programme_input &programme)
 
 static int64_t audio_time_us(const programme_input &programme)
 {
-    return av_rescale(programme.audio_blocks * static_cast<int64_t>(kAudioBlockSamples), 1'000'000,
+    return av_rescale(programme.audio_blocks * static_cast<int64_t>(kAudioBlockSamples), kSecondUs,
                       programme.audio->rate);
 }
 
@@ -40,7 +43,8 @@ std::unique_ptr<programme_input> programme_open(const std::string &video_path,
     return programme;
 }
 
-// Replaces the unit that the last call gave out; only now, so that it is used before a failure.
+// Replaces the unit that the last call returned. This waits until now, so that the caller has used
+// that unit before a failure.
 static void refill(programme_input &programme)
 {
     const std::optional<unit_kind> given = programme.given;
@@ -58,7 +62,7 @@ static void refill(programme_input &programme)
     }
 }
 
-// Where one file with both streams breaks off, the other stream has as much left as came before.
+// Where a file with both streams breaks off in one, the units of the other up to there are kept.
 static void refill_to_the_end(programme_input &programme)
 {
     try {
@@ -110,13 +114,13 @@ std::vector<std::string> programme_opening_remarks(const programme_input &progra
     const video_input &video = *programme.video;
     const AVCodecParameters &picture = *video.file->stream->codecpar;
     std::vector<std::string> remarks;
-    if (picture.width != 320 || picture.height != 240) {
+    if (picture.width != kAnnouncedWidth || picture.height != kAnnouncedHeight) {
         remarks.push_back(video.file->path + ": has pictures of " + std::to_string(picture.width) +
-                          "x" + std::to_string(picture.height) +
-                          "; the file will announce 320x240, which some players go by");
+                          "x" + std::to_string(picture.height) + "; the file will announce " +
+                          std::to_string(kAnnouncedWidth) + "x" + std::to_string(kAnnouncedHeight) +
+                          ", which some players go by");
     }
-    remark(remarks, *video.file, "pictures left out in front of the first IDR picture",
-           video.leading);
+    remark(remarks, *video.file, "pictures left out before the first IDR picture", video.leading);
     return remarks;
 }
 
@@ -124,18 +128,18 @@ std::vector<std::string> programme_closing_remarks(const programme_input &progra
 {
     const video_input &video = *programme.video;
     const audio_input &audio = *programme.audio;
-    const media_file &sound = *audio.decoder->file;
+    const media_file &audio_file = *audio.decoder->file;
     std::vector<std::string> remarks;
     remark(remarks, *video.file, "damaged access units left out", video.damaged);
     remark(remarks, *video.file, "damaged parameter sets left out",
            video_input_damaged_sets(video));
-    remark(remarks, sound, "damaged audio packets left out", audio.decoder->damaged);
+    remark(remarks, audio_file, "damaged audio packets left out", audio.decoder->damaged);
     if (video.file->clock.other != nullptr) {
-        remark(remarks, sound, "jumps of the clock closed",
-               video.file->clock.jumps + sound.clock.jumps);
+        remark(remarks, audio_file, "jumps of the clock closed",
+               video.file->clock.jumps + audio_file.clock.jumps);
         return remarks;
     }
     remark(remarks, *video.file, "jumps of the video's clock closed", video.file->clock.jumps);
-    remark(remarks, sound, "jumps of the audio's clock closed", sound.clock.jumps);
+    remark(remarks, audio_file, "jumps of the audio's clock closed", audio_file.clock.jumps);
     return remarks;
 }

@@ -16,7 +16,7 @@
 
 enum class unit_kind { video, audio };
 
-// One buffer's worth; the bytes stay until the next one is asked for.
+// The content of one buffer; the bytes are valid until the next unit is read.
 struct programme_unit {
     unit_kind kind;
     int64_t time_us; // since the programme's first picture
@@ -27,28 +27,32 @@ struct programme_unit {
 struct programme_input {
     std::unique_ptr<video_input> video;
     std::unique_ptr<audio_input> audio;
-    int64_t origin_us = 0;                // the first picture on the video file's clock
+    int64_t origin_us = 0;                // time of the first picture on the video file's clock
     std::optional<video_unit> next_video; // none at the end
     std::array<int16_t, kAudioBlockSamples * 2> next_audio = {};
     bool has_audio = false; // next_audio holds a block
     int64_t audio_blocks = 0;
-    std::optional<unit_kind> given; // what the last call gave out
-    std::exception_ptr fault;       // what one stream of the file broke off with
+    std::optional<unit_kind> given; // kind of the last unit returned
+    std::exception_ptr fault;       // the failure that broke off one stream of the file
 };
 
-// Opens the programme. When both paths name one file, the streams share its clock; two files begin
-// together. in: the frame rate for raw H.264, if the user gave one.
-// throws `failure`.
+// Opens the programme. If both paths name one file, the streams share its clock; two files begin
+// together.
+// in: the frame rate of raw H.264, if the user gave one.
+// returns: the programme; throws `failure`.
 std::unique_ptr<programme_input> programme_open(const std::string &video_path,
                                                 const std::string &audio_path,
                                                 std::optional<AVRational> frame_rate);
 
-// returns the next unit; nothing at the end. throws `failure` for what cannot be read or recorded.
+// returns: the next unit; nothing at the end; throws `failure` when the input cannot be read or
+//          recorded.
 std::optional<programme_unit> programme_next(programme_input &programme);
 
-// What the user should know of the input, a sentence each: what is clear from the beginning, and
-// what has come up since.
+// returns: a sentence for the user on each peculiarity of the input that is known before its first
+//          unit is read.
 std::vector<std::string> programme_opening_remarks(const programme_input &programme);
+
+// returns: as above, for what was found while the units were read.
 std::vector<std::string> programme_closing_remarks(const programme_input &programme);
 
 #endif // CLIENT_INPUT_PROGRAMME_INPUT_H

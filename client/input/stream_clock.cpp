@@ -7,33 +7,28 @@ extern "C" {
 #include <libavutil/mathematics.h>
 }
 
-// Time stamps that leave the line by more than this have jumped.
+// A time stamp further from the line than this has jumped.
 static constexpr int64_t kJumpBackUs = 100'000;
 static constexpr int64_t kJumpAheadUs = 10'000'000;
 
-// After a step back within this range, what a stream lost can hide all signs of it.
+// A step back of at most this can be hidden completely by packets that the stream lost.
 static constexpr int64_t kSmallStepBackUs = 3'000'000;
 
-// On one clock, the streams of an input are this close to each other.
+// The streams of an input are this close to each other on one clock.
 static constexpr int64_t kInterleaveUs = 10'000'000;
 
-// A gap or overlap from here on may be the place of a jump that is too small to show as one.
+// A gap or overlap of more than this may be a jump that is too small to count as one.
 static constexpr int64_t kBreakUs = 40'000;
 
-// How far beyond one stream the other one is read.
+// How far the other stream is read ahead.
 static constexpr int64_t kLookAheadUs = 3'000'000;
 static constexpr size_t kLookAheadPackets = 2'000;
 
 static constexpr int64_t kStampMaxUs = int64_t{1} << 56;
 
-// The longest run, and the longest gap after one that may have come about within it.
+// The longest run, and the longest gap after it that losses within the run can explain.
 static constexpr size_t kRunPackets = 64;
 static constexpr int64_t kRunGapMaxUs = 80'000;
-
-void packet_deleter::operator()(AVPacket *packet) const
-{
-    av_packet_free(&packet);
-}
 
 static std::optional<int64_t> stamp_of(const AVPacket &packet)
 {
@@ -41,7 +36,7 @@ static std::optional<int64_t> stamp_of(const AVPacket &packet)
     return stamp == AV_NOPTS_VALUE ? std::nullopt : std::optional(stamp);
 }
 
-// The value that a wrapping time stamp has nearest to another one.
+// returns: of the values that a wrapping time stamp can have, the one nearest to `near`.
 static int64_t unwrap(const stream_clock &clock, int64_t stamp, int64_t near)
 {
     if (clock.wrap_bits < 1 || clock.wrap_bits > 62) {
@@ -56,10 +51,10 @@ static int64_t unwrap(const stream_clock &clock, int64_t stamp, int64_t near)
 
 static int64_t microseconds(const stream_clock &clock, int64_t stamp)
 {
-    return av_rescale_q(stamp, clock.time_base, {1, 1'000'000});
+    return av_rescale_q(stamp, clock.time_base, kMicroseconds);
 }
 
-// The packet's time stamp without the wraps.
+// returns: the packet's time stamp without its wraps; nothing without a time stamp.
 static std::optional<int64_t> unwrap_next(const stream_clock &clock, const stream_place &place,
                                           const AVPacket &packet)
 {
@@ -76,7 +71,8 @@ static std::optional<int64_t> unwrap_next(const stream_clock &clock, const strea
     return is_comparable ? unwrap(clock, stamp, *other->place.stamp) : stamp;
 }
 
-// Advances to a packet with that time stamp; without one, to the end of the last.
+// Advances to a packet.
+// in: its unwrapped time stamp; without one, the packet begins at the end of the last one.
 static void advance(const stream_clock &clock, stream_place &place, const AVPacket &packet,
                     std::optional<int64_t> stamp)
 {
@@ -87,7 +83,7 @@ static void advance(const stream_clock &clock, stream_place &place, const AVPack
     place.stamp = stamp ? stamp : place.stamp;
 }
 
-// Takes away what no arithmetic on times could hold.
+// Removes time stamps and durations that would overflow the time arithmetic.
 static void drop_wild_stamps(const stream_clock &clock, AVPacket &packet)
 {
     for (int64_t *const stamp : {&packet.pts, &packet.dts}) {
@@ -97,7 +93,7 @@ static void drop_wild_stamps(const stream_clock &clock, AVPacket &packet)
         }
     }
     packet.duration = std::clamp<int64_t>(
-        packet.duration, 0, av_rescale_q(kJumpAheadUs, {1, 1'000'000}, clock.time_base));
+        packet.duration, 0, av_rescale_q(kJumpAheadUs, kMicroseconds, clock.time_base));
 }
 
 static bool pull(stream_clock &clock)
@@ -112,14 +108,15 @@ static bool pull(stream_clock &clock)
             drop_wild_stamps(clock, *packet);
             clock.ahead.push_back(std::move(packet));
         }
-    } catch (...) { // for its own reader, after the packets that came before it
+    } catch (...) { // for this stream's reader, after the packets before it
         clock.fault = std::current_exception();
         clock.ended = true;
     }
     return !clock.ended;
 }
 
-// The gap between the run that begins with the next packet to be placed and the run after it.
+// returns: the gap after the run that begins with the next packet to be placed; 0 if losses within
+//          the run cannot explain it.
 static int64_t gap_after_run(stream_clock &clock)
 {
     std::optional<int64_t> end; // in the time base
@@ -141,7 +138,8 @@ static int64_t gap_after_run(stream_clock &clock)
     return 0;
 }
 
-// Puts the packet in front of those that are not on the line on it. in: its unwrapped time stamp.
+// Puts the next packet of `ahead` on the line.
+// in: its unwrapped time stamp.
 static void place_packet(stream_clock &clock, std::optional<int64_t> stamp)
 {
     AVPacket &packet = *clock.ahead[clock.placed];
@@ -152,7 +150,7 @@ static void place_packet(stream_clock &clock, std::optional<int64_t> stamp)
     if (stamp) {
         const int64_t moved_us = clock.offset_us + (packet.pos < 0 ? clock.run_shift_us : 0);
         const int64_t moved =
-            *stamp - *stamp_of(packet) + av_rescale_q(moved_us, {1, 1'000'000}, clock.time_base);
+            *stamp - *stamp_of(packet) + av_rescale_q(moved_us, kMicroseconds, clock.time_base);
         packet.pts += packet.pts != AV_NOPTS_VALUE ? moved : 0;
         packet.dts += packet.dts != AV_NOPTS_VALUE ? moved : 0;
     }
@@ -166,12 +164,12 @@ static bool has_jumped(const stream_clock &clock, const stream_place &place, int
     }
     const int64_t ahead_us =
         clock.other != nullptr && clock.other->place.stamp
-            ? std::max(place.end_us, clock.other->place.last_us) // where one is, both may be
+            ? std::max(place.end_us, clock.other->place.last_us) // where one stream is, both may be
             : place.end_us;
     return time_us + kJumpBackUs <= place.last_us || time_us > ahead_us + kJumpAheadUs;
 }
 
-// Whether the stream is further ahead of the other one than it is worth looking.
+// returns: whether the stream is as far ahead of the other one as it is searched.
 static bool is_far_ahead(const stream_clock &clock, const stream_place &place, size_t packets)
 {
     return packets >= kLookAheadPackets || place.last_us > clock.other->place.end_us + kLookAheadUs;
@@ -180,45 +178,50 @@ static bool is_far_ahead(const stream_clock &clock, const stream_place &place, s
 // The jump of one stream, for which the other is searched.
 struct jump {
     int64_t stamp;        // of the first packet after it
-    int64_t back_us;      // below 0: ahead
-    int64_t position;     // where that packet is in the file
-    int64_t old_position; // and the last one before it
+    int64_t back_us;      // negative: a jump ahead
+    int64_t position;     // of that packet in the file
+    int64_t old_position; // of the last packet before it
 };
 
-enum class sight { crossing, continues, has_end, nothing_yet };
+// What the search finds in the other stream: its crossing, no sign of one, its end, or too few
+// packets so far.
+enum class search_outcome { crossed, continues, ended, undecided };
 
-struct outlook {
-    sight found;
+struct search_result {
+    search_outcome outcome;
     size_t index = 0;   // of the first packet on the new clock
     int64_t stamp = 0;  // its own
-    int64_t end_us = 0; // of what comes before it
+    int64_t end_us = 0; // of the last packet before it
 };
 
 // A walk over packets that are not on the line yet.
 struct search {
     stream_place place;
-    outlook hidden = {
-        sight::continues}; // a crossing that shows by nothing but a break or its place
-    bool is_at_break = false;
+    // A possible crossing without a visible jump.
+    search_result hidden = {search_outcome::continues};
+    bool is_at_break = false; // the hidden crossing is at a gap or overlap
 };
 
-// Notes where the stream may have crossed with a step that is no jump, because it had lost enough
-// before: at the first gap or overlap after the jump's place in the file. After a small step back,
-// even that is no condition.
-static void note_hidden(search &search, const jump &jump, const outlook &here, int64_t away_us)
+// Notes where the stream may have crossed to the new clock without a visible jump, because it lost
+// packets there: at the first gap or overlap after the jump's place in the file. A small step back
+// may show no gap at all.
+static void note_hidden(search &search, const jump &jump, const search_result &here,
+                        int64_t away_us)
 {
     const bool is_break = std::abs(away_us) > kBreakUs;
     const bool is_small = jump.back_us > 0 && jump.back_us <= kSmallStepBackUs;
     if ((is_break && !search.is_at_break) ||
-        (is_small && search.hidden.found == sight::continues)) {
+        (is_small && search.hidden.outcome == search_outcome::continues)) {
         search.hidden = here;
         search.is_at_break = is_break;
     }
 }
 
-// Takes the walk over one packet. returns whether it comes after a jump of its own, in `here`.
+// Advances the search over one packet.
+// out: the result at this packet.
+// returns: whether the stream has jumped before it.
 static bool look_at(const stream_clock &clock, search &search, const jump &jump,
-                    const AVPacket &packet, outlook &here)
+                    const AVPacket &packet, search_result &here)
 {
     const std::optional<int64_t> stamp = unwrap_next(clock, search.place, packet);
     if (!stamp) {
@@ -231,7 +234,7 @@ static bool look_at(const stream_clock &clock, search &search, const jump &jump,
     const bool is_near = std::abs(microseconds(clock, here.stamp - near)) <= kInterleaveUs;
     const int64_t time_us = microseconds(clock, *stamp) + clock.offset_us;
     if (has_jumped(clock, search.place, time_us)) {
-        here.found = is_near ? sight::crossing : sight::has_end;
+        here.outcome = is_near ? search_outcome::crossed : search_outcome::ended;
         return true;
     }
     if (is_near && search.place.stamp &&
@@ -242,31 +245,31 @@ static bool look_at(const stream_clock &clock, search &search, const jump &jump,
     return false;
 }
 
-// Looks for the packet with which the stream crosses to the clock to which the other one has
+// Searches for the packet with which the stream crosses to the clock to which the other one has
 // jumped.
-static outlook find_crossing(stream_clock &clock, const jump &jump)
+static search_result find_crossing(stream_clock &clock, const jump &jump)
 {
     search search = {.place = clock.place};
-    outlook found = {sight::continues};
-    for (size_t i = clock.placed; found.found == sight::continues; i++) {
-        outlook here = {sight::crossing, i};
+    search_result found = {search_outcome::continues};
+    for (size_t i = clock.placed; found.outcome == search_outcome::continues; i++) {
+        search_result here = {search_outcome::crossed, i};
         if (i == clock.ahead.size() && !pull(clock)) {
-            found = {sight::has_end, i, 0, search.place.end_us};
+            found = {search_outcome::ended, i, 0, search.place.end_us};
         } else if (look_at(clock, search, jump, *clock.ahead[i], here)) {
             found = here;
         } else if (is_far_ahead(clock, search.place, i - clock.placed)) {
             const bool is_before = search.place.position < jump.position;
-            found.found =
-                is_before && clock.other->may_wait ? sight::nothing_yet : sight::continues;
+            found.outcome = is_before && clock.other->may_wait ? search_outcome::undecided
+                                                               : search_outcome::continues;
             break;
         }
     }
-    const bool is_hidden = search.hidden.found == sight::crossing;
-    return found.found != sight::crossing && is_hidden ? search.hidden : found;
+    const bool is_hidden = search.hidden.outcome == search_outcome::crossed;
+    return found.outcome != search_outcome::crossed && is_hidden ? search.hidden : found;
 }
 
-// Both streams have crossed: one offset for both.
-static void close_jump_of_both(stream_clock &clock, int64_t stamp, const outlook &crossing)
+// Gives both streams, which have crossed, one offset.
+static void close_jump_of_both(stream_clock &clock, int64_t stamp, const search_result &crossing)
 {
     stream_clock &other = *clock.other;
     while (other.placed < crossing.index) {
@@ -279,7 +282,9 @@ static void close_jump_of_both(stream_clock &clock, int64_t stamp, const outlook
     place_packet(other, crossing.stamp);
 }
 
-// Whether the other stream has crossed the jump before, and this one follows.
+// Follows the other stream, if it has crossed the jump before, to its offset.
+// out: the time stamp, unwrapped to that clock.
+// returns: whether it has.
 static bool follow_other(stream_clock &clock, int64_t &stamp)
 {
     const stream_clock &other = *clock.other;
@@ -298,8 +303,8 @@ static bool follow_other(stream_clock &clock, int64_t &stamp)
     return true;
 }
 
-// Closes the jump to the time stamp. returns false when it is too early to tell where the line
-// continues.
+// Closes the jump to the time stamp.
+// returns: false while it depends on packets still to be read where the line continues.
 static bool close_jump(stream_clock &clock, int64_t &stamp, int64_t position)
 {
     int64_t end_us = clock.place.end_us;
@@ -308,17 +313,17 @@ static bool close_jump(stream_clock &clock, int64_t &stamp, int64_t position)
             return true;
         }
         const int64_t time_us = microseconds(clock, stamp) + clock.offset_us;
-        const outlook outlook = find_crossing(
+        const search_result result = find_crossing(
             *clock.other, {stamp, clock.place.last_us - time_us, position, clock.place.position});
-        if (outlook.found == sight::nothing_yet) {
+        if (result.outcome == search_outcome::undecided) {
             return false;
         }
-        if (outlook.found == sight::crossing) {
-            close_jump_of_both(clock, stamp, outlook);
+        if (result.outcome == search_outcome::crossed) {
+            close_jump_of_both(clock, stamp, result);
             return true;
         }
-        if (outlook.found == sight::has_end) {
-            end_us = std::max(end_us, outlook.end_us);
+        if (result.outcome == search_outcome::ended) {
+            end_us = std::max(end_us, result.end_us);
         }
     }
     clock.offset_us = end_us - microseconds(clock, stamp);
@@ -326,7 +331,8 @@ static bool close_jump(stream_clock &clock, int64_t &stamp, int64_t position)
     return true;
 }
 
-// Puts the next packet of `ahead` on the line. returns false when it has to wait.
+// Puts the next packet of `ahead` on the line, after closing the jump before it.
+// returns: false when it has to wait.
 static bool place_next(stream_clock &clock)
 {
     const AVPacket &packet = *clock.ahead[clock.placed];
@@ -342,8 +348,8 @@ static bool place_next(stream_clock &clock)
     return true;
 }
 
-// Puts the other stream's packets on the line as far as to the same place in the file, so that a
-// jump there is known before this stream goes beyond it.
+// Puts the other stream's packets on the line up to the same position in the file, so that a jump
+// there is known before this stream passes it.
 static void keep_up(stream_clock &clock, int64_t position)
 {
     stream_clock &other = *clock.other;

@@ -1,6 +1,7 @@
 #include "client/input/video_input.h"
 
 #include "client/failure.h"
+#include "client/input/nal_unit.h"
 #include "client/input/picture_check.h"
 
 #include <algorithm>
@@ -11,21 +12,19 @@ extern "C" {
 #include <libavutil/parseutils.h>
 }
 
-// A reordered picture, a change of parameter sets or damaged ones in front mostly show within this
-// many units.
+// Within this many units, reordered pictures and changed or damaged parameter sets mostly show.
 static constexpr size_t kReadAheadUnits = 100;
 
-// So many units are held back at most while it is not clear whether their parameter sets are
-// damaged.
+// At most this many units are held back while their parameter sets may be damaged.
 static constexpr size_t kDoubtedUnitsMax = 1000;
 
-static constexpr unsigned kSequenceSet = 7; // nal_unit_type
-
-// profile_idc of what a decoder of 8-bit 4:2:0 pictures takes
+// The profile_idc values of 8-bit 4:2:0 pictures.
 static constexpr int kProfiles[] = {FF_PROFILE_H264_BASELINE, FF_PROFILE_H264_MAIN,
                                     FF_PROFILE_H264_EXTENDED, FF_PROFILE_H264_HIGH};
 
-// Pictures whose times do not rise come this far apart.
+static constexpr int kFrameRateMin = 1, kFrameRateMax = 240;
+
+// The distance given to pictures whose times do not rise.
 static constexpr int64_t kShortestStepUs = 1'000;
 
 [[noreturn]] static void refuse(const video_input &video, const std::string &what)
@@ -33,12 +32,18 @@ static constexpr int64_t kShortestStepUs = 1'000;
     throw failure(exit_code::unsupported, video.file->path + ": " + what);
 }
 
-// Positions in the programme, for the user.
+// returns: a time in the programme, for the user.
 static std::string clock_text(int64_t time_us)
 {
     char text[48] = "";
     std::snprintf(text, sizeof text, "%.2f s", static_cast<double>(time_us) / 1e6);
     return text;
+}
+
+static bool is_frame_rate(AVRational rate)
+{
+    const double per_second = rate.den == 0 ? 0 : av_q2d(rate);
+    return per_second >= kFrameRateMin && per_second <= kFrameRateMax;
 }
 
 std::optional<AVRational> parse_frame_rate(const std::optional<std::string> &text)
@@ -47,9 +52,10 @@ std::optional<AVRational> parse_frame_rate(const std::optional<std::string> &tex
         return std::nullopt;
     }
     AVRational rate = {0, 1};
-    if (av_parse_video_rate(&rate, text->c_str()) < 0 || av_q2d(rate) < 1 || av_q2d(rate) > 240) {
+    if (av_parse_video_rate(&rate, text->c_str()) < 0 || !is_frame_rate(rate)) {
         throw failure(exit_code::usage,
-                      "--frame-rate takes a number from 1 to 240, not \"" + *text + "\"");
+                      "--frame-rate takes a number from " + std::to_string(kFrameRateMin) + " to " +
+                          std::to_string(kFrameRateMax) + ", not \"" + *text + "\"");
     }
     return rate;
 }
@@ -59,20 +65,19 @@ static AVRational choose_frame_rate(const media_file &file, std::optional<AVRati
     const AVStream &stream = *file.stream;
     for (const AVRational rate :
          {wanted.value_or(AVRational{0, 1}), stream.avg_frame_rate, stream.r_frame_rate}) {
-        const double per_second = rate.den == 0 ? 0 : av_q2d(rate);
-        if (per_second >= 1 && per_second <= 240) {
+        if (is_frame_rate(rate)) {
             return rate;
         }
     }
-    return {30, 1};
+    return {kDefaultFrameRate, 1};
 }
 
 int64_t video_input_interval_us(const video_input &video)
 {
-    return av_rescale_q(1, av_inv_q(video.frame_rate), {1, 1000000});
+    return av_rescale_q(1, av_inv_q(video.frame_rate), kMicroseconds);
 }
 
-// For a shell.
+// returns: the path quoted for a shell.
 static std::string quoted(const std::string &path)
 {
     std::string text = "'";
@@ -84,7 +89,7 @@ static std::string quoted(const std::string &path)
 
 static std::string recoding_hint(const video_input &video)
 {
-    return "; code it again without: ffmpeg -i " + quoted(video.file->path) +
+    return "; re-encode it without them: ffmpeg -i " + quoted(video.file->path) +
            " -c:v libx264 -bf 0 -pix_fmt yuv420p -c:a copy new.mkv";
 }
 
@@ -94,7 +99,7 @@ static std::string recoding_hint(const video_input &video)
                       recoding_hint(video));
 }
 
-// Without time stamps, the only sign of another order is the kind of slice.
+// Without time stamps, only the slice types can show another order.
 static void check_order(video_input &video, const AVPacket &packet, const access_unit &unit)
 {
     if (media_file_is_raw(*video.file)) {
@@ -113,11 +118,12 @@ static void check_order(video_input &video, const AVPacket &packet, const access
     video.decode_us = decode_us;
 }
 
+// returns: the time of the packet's picture.
 static int64_t place_in_time(video_input &video, const AVPacket &packet)
 {
     const int64_t step_us = video_input_interval_us(video);
     if (media_file_is_raw(*video.file)) {
-        return av_rescale_q(video.packets, av_inv_q(video.frame_rate), {1, 1000000});
+        return av_rescale_q(video.packets, av_inv_q(video.frame_rate), kMicroseconds);
     }
     const std::optional<int64_t> time_us =
         media_file_time_us(*video.file, packet.pts != AV_NOPTS_VALUE ? packet.pts : packet.dts);
@@ -148,19 +154,19 @@ static void judge(video_input &video, unit_verdict verdict)
 static void check_profile(const video_input &video)
 {
     for (const parameter_set &set : video.converter.sets) {
-        const bool is_sequence = set.type == kSequenceSet && set.bytes.size() > 1;
+        const bool is_sequence = set.type == kNalSps && set.bytes.size() > 1;
         const int profile = is_sequence ? set.bytes[1] : FF_PROFILE_H264_HIGH;
         if (std::find(std::begin(kProfiles), std::end(kProfiles), profile) == std::end(kProfiles)) {
             const char *const name = avcodec_profile_name(AV_CODEC_ID_H264, profile);
             refuse(video,
                    "is H.264 of the profile " + (name != nullptr ? name : std::to_string(profile)) +
-                       "; only Baseline, Main, Extended and High can be recorded, which have "
-                       "8-bit 4:2:0 pictures");
+                       "; only Baseline, Main, Extended and High, with 8-bit 4:2:0 pictures, can "
+                       "be recorded");
         }
     }
 }
 
-// With damaged sets in front of its first picture, no picture of the file could be shown.
+// With damaged sets before its first picture, no picture of the file could be shown.
 static bool can_begin(video_input &video, const access_unit &unit)
 {
     if (!unit.idr) {
@@ -208,7 +214,7 @@ static std::optional<video_unit> read_unit(video_input &video)
 {
     refuse(video, "changes its parameter sets at " +
                       clock_text(video.doubted.front().time_us - video.begin_us) +
-                      "; a recording holds one kind of picture only");
+                      "; a recording can hold only one set of them");
 }
 
 static void settle_doubt(video_input &video)
@@ -218,8 +224,9 @@ static void settle_doubt(video_input &video)
     video.doubted.clear();
 }
 
-// As long as nothing was given out, the sets in front of the first picture, and of no other, may be
-// the damaged ones: then the picture can also be decoded with those that come later.
+// Before the first unit is returned, the sets before the first picture may be the damaged ones:
+// then no other picture has them, and the first one can also be decoded with the later sets.
+// returns: whether the later sets replaced them.
 static bool take_later_sets(video_input &video)
 {
     const auto is_idr = [](const video_unit &one) { return one.unit.idr; };
@@ -238,8 +245,9 @@ static bool take_later_sets(video_input &video)
     return true;
 }
 
-// Other parameter sets in front of one IDR picture are taken for damage, unless the picture cannot
-// be decoded without them; in front of two in turn, they are a change.
+// Other parameter sets before a single IDR picture are taken as damage, unless the picture cannot
+// be decoded without them; before two in turn, they are a change.
+// in: the next IDR picture; null when there is none.
 static void judge_doubt(video_input &video, video_unit *next)
 {
     const access_unit &first = video.doubted.front().unit;
@@ -257,7 +265,8 @@ static void judge_doubt(video_input &video, video_unit *next)
     settle_doubt(video);
 }
 
-// Reads one unit. returns false when there is none: at the end, and where the clock waits.
+// Reads one unit.
+// returns: false at the end, and while the clock waits.
 static bool read_more(video_input &video)
 {
     std::optional<video_unit> unit;
@@ -265,7 +274,7 @@ static bool read_more(video_input &video)
         unit = read_unit(video);
     } catch (const failure &broken) {
         if (broken.code != exit_code::input || video.doubted.empty()) {
-            throw; // otherwise the next call does
+            throw; // otherwise the next call throws it again
         }
     }
     if (!unit && video.file->clock.waits) {
@@ -302,7 +311,7 @@ std::unique_ptr<video_input> video_input_open(const std::string &path,
                       "--frame-rate is for raw H.264; " + path + " has time stamps of its own");
     }
     video->frame_rate = choose_frame_rate(*video->file, frame_rate);
-    // The demuxer of raw streams gathers parameter sets that the stream itself repeats.
+    // For raw streams, the demuxer's configuration only repeats sets of the stream.
     if (!media_file_is_raw(*video->file) &&
         !access_unit_configure(video->converter,
                                {codec.extradata, static_cast<size_t>(codec.extradata_size)})) {
@@ -321,16 +330,16 @@ void video_input_read_ahead(video_input &video)
         }
     } catch (const failure &broken) {
         if (broken.code != exit_code::input || !video.begun) {
-            throw; // otherwise the call for what comes after the last unit does
+            throw; // otherwise the call after the last unit throws it again
         }
     }
     if (!video.begun) {
         refuse(video, video.lacked_sets
-                          ? "holds no parameter sets (SPS and PPS), without which nothing can be "
+                          ? "holds no parameter sets (SPS and PPS), without which it cannot be "
                             "recorded"
                       : video.undecoded > 0
                           ? "holds no IDR picture that can be decoded"
-                          : "holds no IDR picture, with which a recording has to begin");
+                          : "holds no IDR picture, with which a recording must begin");
     }
     check_profile(video); // now that the sets of the first picture are known not to be damaged
 }

@@ -1,15 +1,18 @@
-// Figures as people read them.
+// Numbers as text for people.
 #ifndef CLIENT_REPORT_FIGURES_H
 #define CLIENT_REPORT_FIGURES_H
 
 #include <cstdint>
 #include <string>
 
-// printf to a string, of 160 characters at most.
-__attribute__((format(printf, 1, 2))) std::string print(const char *format, ...);
+// in: as for printf.
+// returns: the formatted text, cut to its first 159 characters.
+__attribute__((format(printf, 1, 2))) std::string format_text(const char *format, ...);
 
-// A duration as 1:02:03.4, a size as 12.3 MB.
+// returns: a duration such as 2:03.4 or 1:02:03.4.
 std::string duration_text(double seconds);
+
+// returns: a size such as 12.3 MB.
 std::string size_text(uint64_t bytes);
 
 #endif // CLIENT_REPORT_FIGURES_H

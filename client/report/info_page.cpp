@@ -1,15 +1,19 @@
 #include "client/report/info_page.h"
 
 #include "client/report/figures.h"
+#include "client/report/html_text.h"
 #include "client/report/info_text.h"
 #include "client/report/time_chart.h"
 
 #include <algorithm>
 #include <filesystem>
 
-// More gaps than these, and more marks than a chart has pixels, help nobody.
+// The page lists this many gaps at most, and a chart shows about as many marks as it has pixels.
 static constexpr size_t kGapsListed = 50;
 static constexpr size_t kMarksPerChart = 600;
+
+// In pixels.
+static constexpr double kRateChartHeight = 200, kLeadChartHeight = 140, kKeyChartHeight = 44;
 
 static const char style_sheet[] = R"(
 :root { color-scheme: light dark;
@@ -105,17 +109,18 @@ static std::string track_table(const media_report &report)
     std::vector<std::string> coding, frames, length, rate, keys, gaps;
     std::string names = "<tr><th></th>";
     for (const track_report &track : report.tracks) {
-        names += "<th scope=\"col\">" + print("Track %zu: ", gaps.size() + 1) +
+        names += "<th scope=\"col\">" + format_text("Track %zu: ", gaps.size() + 1) +
                  html_text(track.kind) + "</th>";
         coding.push_back(track_text(track));
-        frames.push_back(print("%llu", static_cast<unsigned long long>(track.frames)) +
-                         (track.frame_s > 0 ? print(", %.2f a second", 1 / track.frame_s) : ""));
+        frames.push_back(
+            format_text("%llu", static_cast<unsigned long long>(track.frames)) +
+            (track.frame_s > 0 ? format_text(", %.2f a second", 1 / track.frame_s) : ""));
         length.push_back(duration_text(track.duration_s));
-        rate.push_back(
-            print("%.0f kbit/s, at most %.0f", track.bit_rate / 1000, track.bit_rate_max / 1000));
+        rate.push_back(format_text("%.0f kbit/s, at most %.0f", track.bit_rate / 1000,
+                                   track.bit_rate_max / 1000));
         keys.push_back(
             (track.keys_s.empty() ? "every frame" : std::to_string(track.keys_s.size())) +
-            (track.key_distance_s > 0 ? print(", at most %.2f s apart", track.key_distance_s)
+            (track.key_distance_s > 0 ? format_text(", at most %.2f s apart", track.key_distance_s)
                                       : ""));
         gaps.push_back(track.gaps.empty() ? "none" : std::to_string(track.gaps.size()));
     }
@@ -143,22 +148,24 @@ static std::string rate_chart(const media_report &report)
     for (size_t bin = 0; bin < bins; bin++) {
         highest = std::max(highest, rate(audio, bin) + rate(video, bin));
     }
-    time_chart chart = time_chart_open(report.duration_s, 0, highest, 200);
+    time_chart chart = time_chart_open(report.duration_s, 0, highest, kRateChartHeight);
     for (size_t bin = 0; bin < bins; bin++) {
         const double begin_s = static_cast<double>(bin) * report.bin_s;
         const double end_s = std::min(begin_s + report.bin_s, report.duration_s);
-        const double sound = rate(audio, bin), picture = rate(video, bin);
+        const double audio_rate = rate(audio, bin), video_rate = rate(video, bin);
         const std::string tip =
-            span_text(begin_s, end_s) + print("video %.0f, audio %.0f kbit/s", picture, sound);
-        if (sound > 0) {
-            time_chart_bar(chart, "audio", begin_s, end_s, 0, sound, tip);
+            span_text(begin_s, end_s) +
+            format_text("video %.0f, audio %.0f kbit/s", video_rate, audio_rate);
+        if (audio_rate > 0) {
+            time_chart_bar(chart, "audio", begin_s, end_s, 0, audio_rate, tip);
         }
-        if (picture > 0) {
-            time_chart_bar(chart, "video", begin_s, end_s, sound, sound + picture, tip);
+        if (video_rate > 0) {
+            time_chart_bar(chart, "video", begin_s, end_s, audio_rate, audio_rate + video_rate,
+                           tip);
         }
     }
     return section(
-        "Bit rate", print("in kbit/s, over %.0f s each", report.bin_s),
+        "Bit rate", format_text("in kbit/s, over %.0f s each", report.bin_s),
         time_chart_svg(chart, "Bit rate over time") +
             "<p class=\"legend quiet\"><span><i class=\"swatch\" style=\"background:"
             "var(--video)\"></i>video</span><span><i class=\"swatch\" style=\"background:"
@@ -172,7 +179,7 @@ static std::string lead_chart(const media_report &report)
         return "";
     }
     time_chart chart = time_chart_open(report.duration_s, std::min(whole->low_s * 1000, 0.0),
-                                       std::max(whole->high_s * 1000, 0.0), 140);
+                                       std::max(whole->high_s * 1000, 0.0), kLeadChartHeight);
     for (size_t i = 0; i < report.leads.size(); i++) {
         const lead_range &lead = report.leads[i];
         const double next_s =
@@ -183,8 +190,8 @@ static std::string lead_chart(const media_report &report)
     }
     time_chart_level(chart, "zero", 0);
     return section("Sound against picture",
-                   "how many milliseconds of sound the file had ahead of each picture when that "
-                   "was written; below 0 it was behind",
+                   "by how many milliseconds the sound was ahead of each picture when that was "
+                   "written; negative where it was late",
                    time_chart_svg(chart, "Sound ahead of the picture over time"));
 }
 
@@ -197,7 +204,7 @@ static std::string gap_table(const media_report &report)
         for (const time_gap &gap : track.gaps) {
             if (listed++ < kGapsListed) {
                 rows += row(html_text(track.kind),
-                            {duration_text(gap.begin_s), print("%.3f s", gap.length_s)});
+                            {duration_text(gap.begin_s), format_text("%.3f s", gap.length_s)});
             }
         }
     }
@@ -205,7 +212,7 @@ static std::string gap_table(const media_report &report)
         return "";
     }
     const std::string note =
-        all > kGapsListed ? print("the first %zu of %zu", kGapsListed, all) : "";
+        all > kGapsListed ? format_text("the first %zu of %zu", kGapsListed, all) : "";
     return section("Gaps", note,
                    "<div class=\"wide\"><table>\n<tr><th scope=\"col\">Track</th><th "
                    "scope=\"col\">From</th><th scope=\"col\">Length</th></tr>\n" +
@@ -218,7 +225,7 @@ static std::string key_chart(const media_report &report)
     if (video == nullptr) {
         return "";
     }
-    time_chart chart = time_strip_open(report.duration_s, 44);
+    time_chart chart = time_strip_open(report.duration_s, kKeyChartHeight);
     double drawn_s = -1;
     for (const double time_s : video->keys_s) {
         if (time_s >= drawn_s + report.duration_s / double{kMarksPerChart}) {
@@ -227,17 +234,17 @@ static std::string key_chart(const media_report &report)
         }
     }
     for (const track_report &track : report.tracks) {
-        const bool is_sound = track.kind == "Audio"; // on the lower half
+        const bool is_audio = track.kind == "Audio"; // on the lower half
         for (size_t i = 0; i < track.gaps.size() && i < kMarksPerChart; i++) {
             const time_gap &gap = track.gaps[i];
             time_chart_bar(chart, "gap", gap.begin_s, gap.begin_s + gap.length_s,
-                           is_sound ? 0 : 0.5, is_sound ? 0.5 : 1,
-                           track.kind + print(": %.3f s without a frame", gap.length_s));
+                           is_audio ? 0 : 0.5, is_audio ? 0.5 : 1,
+                           track.kind + format_text(": %.3f s without a frame", gap.length_s));
         }
     }
     return section("Key frames and gaps",
-                   "a line where a viewer can enter; red where frames are missing, pictures above "
-                   "and sound below",
+                   "a line for each key frame, where playback can start; red where frames are "
+                   "missing, pictures above and sound below",
                    time_chart_svg(chart, "Key frames and gaps over time"));
 }
 
@@ -252,7 +259,7 @@ std::string info_page(const media_report &report)
     page +=
         "<h1>" + name + "</h1>\n<p class=\"quiet\">" + duration_text(report.duration_s) + ", " +
         size_text(report.bytes) +
-        print(" (%llu bytes)", static_cast<unsigned long long>(report.bytes)) +
+        format_text(" (%llu bytes)", static_cast<unsigned long long>(report.bytes)) +
         (report.created.empty() ? ""
                                 : ", made <span class=\"whole\">" + report.created + "</span>") +
         "</p>\n";

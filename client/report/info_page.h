@@ -1,4 +1,4 @@
-// A media report as one HTML page that needs nothing else: no script, no network.
+// A media report as one HTML page without scripts that loads nothing else.
 #ifndef CLIENT_REPORT_INFO_PAGE_H
 #define CLIENT_REPORT_INFO_PAGE_H
 
@@ -6,9 +6,10 @@
 
 #include <string>
 
+// returns: the whole page.
 std::string info_page(const media_report &report);
 
-// "no fault found", or how many there are.
+// returns: "no fault found", or the number of faults.
 std::string verdict_text(const media_report &report);
 
 #endif // CLIENT_REPORT_INFO_PAGE_H

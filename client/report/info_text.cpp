@@ -5,19 +5,20 @@
 #include <cmath>
 #include <nlohmann/json.hpp>
 
-// More gaps than these are counted only.
+// More gaps than these are only counted.
 static constexpr size_t kGapsListed = 10;
 
 std::string track_text(const track_report &track)
 {
     if (track.kind == "Video") {
-        return track.coding + print(", %ux%u", track.width, track.height);
+        return track.coding + format_text(", %ux%u", track.width, track.height);
     }
     if (track.kind == "Audio") {
-        const std::string channels = track.channels == 1   ? "mono"
-                                     : track.channels == 2 ? "stereo"
-                                                           : print("%u channels", track.channels);
-        return track.coding + print(", %u Hz, ", track.sample_rate) + channels;
+        const std::string channels = track.channels == 1 ? "mono"
+                                     : track.channels == 2
+                                         ? "stereo"
+                                         : format_text("%u channels", track.channels);
+        return track.coding + format_text(", %u Hz, ", track.sample_rate) + channels;
     }
     return track.coding;
 }
@@ -27,41 +28,42 @@ std::string lead_text(const lead_range &lead)
     const long low = std::lround(lead.low_s * 1000);
     const long high = std::lround(lead.high_s * 1000);
     if (low < 0 && high > 0) {
-        return print("sound from %ld ms behind to %ld ms ahead of the picture", -low, high);
+        return format_text("sound from %ld ms behind to %ld ms ahead of the picture", -low, high);
     }
-    return high <= 0 ? print("sound %ld to %ld ms behind the picture", -high, -low)
-                     : print("sound %ld to %ld ms ahead of the picture", low, high);
+    return high <= 0 ? format_text("sound %ld to %ld ms behind the picture", -high, -low)
+                     : format_text("sound %ld to %ld ms ahead of the picture", low, high);
 }
 
 static std::string describe_track(const track_report &track, size_t number)
 {
-    std::string text = print("  Track %zu  ", number) + track.kind + ", " + track_text(track) +
-                       "\n           " +
-                       print("%llu frames", static_cast<unsigned long long>(track.frames));
+    std::string text = format_text("  Track %zu  ", number) + track.kind + ", " +
+                       track_text(track) + "\n           " +
+                       format_text("%llu frames", static_cast<unsigned long long>(track.frames));
     if (track.frame_s > 0) {
-        text += print(" at %.2f a second", 1 / track.frame_s);
+        text += format_text(" at %.2f a second", 1 / track.frame_s);
     }
-    text +=
-        ", " + duration_text(track.duration_s) +
-        print(", %.0f kbit/s, at most %.0f\n", track.bit_rate / 1000, track.bit_rate_max / 1000);
+    text += ", " + duration_text(track.duration_s) +
+            format_text(", %.0f kbit/s, at most %.0f\n", track.bit_rate / 1000,
+                        track.bit_rate_max / 1000);
     if (!track.keys_s.empty()) {
-        text += print("           %zu key frame%s", track.keys_s.size(),
-                      track.keys_s.size() == 1 ? "" : "s") +
-                (track.key_distance_s > 0 ? print(", at most %.2f s apart", track.key_distance_s)
-                                          : "") +
-                "\n";
+        text +=
+            format_text("           %zu key frame%s", track.keys_s.size(),
+                        track.keys_s.size() == 1 ? "" : "s") +
+            (track.key_distance_s > 0 ? format_text(", at most %.2f s apart", track.key_distance_s)
+                                      : "") +
+            "\n";
     }
     double missing_s = 0;
     for (size_t i = 0; i < track.gaps.size(); i++) {
         const time_gap &gap = track.gaps[i];
         missing_s += gap.length_s;
         if (i < kGapsListed) {
-            text += "           gap of " + print("%.3f s at ", gap.length_s) +
+            text += "           gap of " + format_text("%.3f s at ", gap.length_s) +
                     duration_text(gap.begin_s) + "\n";
         }
     }
     if (track.gaps.size() > kGapsListed) {
-        text += print("           %zu gaps in all, %.3f s\n", track.gaps.size(), missing_s);
+        text += format_text("           %zu gaps in all, %.3f s\n", track.gaps.size(), missing_s);
     }
     return text;
 }
@@ -70,7 +72,7 @@ std::string info_text(const media_report &report)
 {
     std::string text = report.path + ": " + duration_text(report.duration_s) + ", " +
                        size_text(report.bytes) +
-                       print(" (%llu bytes)", static_cast<unsigned long long>(report.bytes)) +
+                       format_text(" (%llu bytes)", static_cast<unsigned long long>(report.bytes)) +
                        (report.created.empty() ? "" : ", made " + report.created) + "\n";
     for (size_t i = 0; i < report.tracks.size(); i++) {
         text += describe_track(report.tracks[i], i + 1);

@@ -1,26 +1,26 @@
 #include "client/report/media_check.h"
 
+#include "client/report/figures.h"
+
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
 #include <set>
 
 using mp4_reader::movie;
 using mp4_reader::sample;
 using mp4_reader::track;
 
-namespace {
+// A header's duration may differ by this much from the sum of the frames' durations.
+static constexpr double kDurationToleranceS = 0.1;
 
-// How far a header's duration may be from what the frames' times give.
-constexpr double kDurationToleranceS = 0.1;
-// How far sound and picture may end from one another.
-constexpr double kEndToleranceS = 0.5;
+// Sound and picture may end this far from each other.
+static constexpr double kEndToleranceS = 0.5;
 
-// Where nothing is wrong, one is enough; a hostile file may name the same bytes again and again.
-constexpr uint64_t kWalksOfMediaData = 4;
+// An intact file takes one walk. A hostile one may name the same bytes again and again.
+static constexpr uint64_t kWalksOfMediaData = 4;
 
 // nal_unit_type, ISO/IEC 14496-10 table 7-1
-constexpr unsigned kNalSlice = 1, kNalIdr = 5;
+static constexpr unsigned kNalSlice = 1, kNalIdr = 5;
 
 struct range {
     uint64_t begin, end;
@@ -31,7 +31,7 @@ struct range {
     }
 };
 
-// A fault that many frames may have: told once, with their number.
+// A fault that many frames may have: reported once, with their number.
 struct tally {
     size_t count = 0;
     size_t first = 0; // its number, from 1
@@ -46,9 +46,9 @@ struct checker {
     const movie &file;
     std::span<const uint8_t> image;
     std::vector<range> media_data; // by position
-    uint64_t bytes_to_walk = 0;    // of pictures, at most
+    uint64_t bytes_to_walk = 0;    // left for the check of pictures
     media_findings findings;
-    std::string where; // in front of a finding
+    std::string where; // prefix of each finding, such as "track 1: "
 
     void fault(const std::string &what)
     {
@@ -67,32 +67,30 @@ struct checker {
     }
 };
 
-std::string seconds_text(double seconds)
+static std::string seconds_text(double seconds)
 {
-    char text[64] = "";
-    std::snprintf(text, sizeof text, "%.3f s", seconds);
-    return text;
+    return format_text("%.3f s", seconds);
 }
 
-double seconds_of(uint64_t ticks, uint32_t timescale)
+static double seconds_of(uint64_t ticks, uint32_t timescale)
 {
     return timescale == 0 ? 0 : static_cast<double>(ticks) / timescale;
 }
 
-double end_of(const track &of)
+static double end_of(const track &of)
 {
     return of.samples.empty()
                ? 0
                : seconds_of(of.samples.back().time + of.samples.back().duration, of.timescale);
 }
 
-bool is_read_whole(const movie &file)
+static bool is_read_whole(const movie &file)
 {
     return std::all_of(file.tracks.begin(), file.tracks.end(),
                        [](const track &each) { return each.samples_left_out == 0; });
 }
 
-void find_media_data(checker &self)
+static void find_media_data(checker &self)
 {
     for (const mp4_reader::box &each : self.file.boxes) {
         if (each.type == "mdat") {
@@ -103,29 +101,29 @@ void find_media_data(checker &self)
     }
 }
 
-bool is_in_media_data(const checker &self, const sample &each)
+static bool is_in_media_data(const checker &self, const sample &each)
 {
-    const auto behind =
+    const auto after =
         std::upper_bound(self.media_data.begin(), self.media_data.end(), range{each.offset, 0});
-    if (behind == self.media_data.begin()) {
+    if (after == self.media_data.begin()) {
         return false;
     }
-    const range &data = *std::prev(behind); // the last that begins at or before the sample
+    const range &data = *std::prev(after); // the last that begins at or before the sample
     return each.size <= data.end - data.begin && each.offset <= data.end - each.size;
 }
 
 struct picture {
-    bool whole = true; // the lengths of its NAL units add up
+    bool is_complete = true; // its NAL units fill it exactly
     bool has_slice = false;
     bool is_idr = false;
 };
 
-picture look_at_picture(std::span<const uint8_t> data, size_t length_bytes)
+static picture look_at_picture(std::span<const uint8_t> data, size_t length_bytes)
 {
     picture result;
     while (!data.empty()) {
         if (data.size() < length_bytes) {
-            result.whole = false;
+            result.is_complete = false;
             break;
         }
         size_t length = 0;
@@ -134,7 +132,7 @@ picture look_at_picture(std::span<const uint8_t> data, size_t length_bytes)
         }
         data = data.subspan(length_bytes);
         if (length == 0 || length > data.size()) {
-            result.whole = false;
+            result.is_complete = false;
             break;
         }
         const unsigned type = data[0] & 0x1Fu;
@@ -145,7 +143,7 @@ picture look_at_picture(std::span<const uint8_t> data, size_t length_bytes)
     return result;
 }
 
-void check_pictures(checker &self, const track &video)
+static void check_pictures(checker &self, const track &video)
 {
     if (video.avc.sps.empty() || video.avc.pps.empty()) {
         self.fault("has no parameter sets, without which no picture can be decoded");
@@ -159,13 +157,13 @@ void check_pictures(checker &self, const track &video)
             continue;
         }
         if (each.size > self.bytes_to_walk) {
-            self.remark("its frames share so many bytes that not all were looked at");
+            self.remark("its frames share so many bytes that not all were checked");
             break;
         }
         self.bytes_to_walk -= each.size;
         const picture found = look_at_picture(
             self.image.subspan(static_cast<size_t>(each.offset), each.size), length_bytes);
-        if (!found.whole) {
+        if (!found.is_complete) {
             broken.add(i);
         } else if (!found.has_slice) {
             empty.add(i);
@@ -173,37 +171,36 @@ void check_pictures(checker &self, const track &video)
             no_idr.add(i);
         }
     }
-    self.fault(broken, "whose NAL units do not add up");
+    self.fault(broken, "with wrong NAL unit lengths");
     self.fault(empty, "without a picture");
-    self.fault(no_idr, "that the table calls a key frame, and it is none");
+    self.fault(no_idr, "marked as key frame without an IDR picture");
     if (!video.samples.empty() && !video.samples.front().sync) {
         self.fault("does not begin with a key frame");
     }
 }
 
-void check_sound(checker &self, const track &sound)
+static void check_audio(checker &self, const track &audio)
 {
-    static constexpr uint32_t kObjectTypeAac = 0x40;
-    if (sound.esds.object_type != 0 && sound.esds.object_type != kObjectTypeAac) {
+    if (audio.esds.object_type != 0 && audio.esds.object_type != mp4_reader::kObjectTypeAac) {
         return;
     }
-    if (sound.esds.specific_info.empty()) {
+    if (audio.esds.specific_info.empty()) {
         self.fault("has no decoder configuration");
     }
-    if (sound.sample_rate == 0) {
+    if (audio.sample_rate == 0) {
         return;
     }
     static constexpr double kFrameSamples = 1024;
     const double held =
-        static_cast<double>(sound.samples.size()) * kFrameSamples / sound.sample_rate;
-    const double given = end_of(sound);
-    if (std::abs(held - given) > kDurationToleranceS && sound.samples.size() > 1) {
-        self.remark("its frames hold " + seconds_text(held) + " of sound and are given " +
+        static_cast<double>(audio.samples.size()) * kFrameSamples / audio.sample_rate;
+    const double given = end_of(audio);
+    if (std::abs(held - given) > kDurationToleranceS && audio.samples.size() > 1) {
+        self.remark("its frames hold " + seconds_text(held) + " of sound but are given " +
                     seconds_text(given));
     }
 }
 
-void check_places(checker &self, const track &of)
+static void check_places(checker &self, const track &of)
 {
     tally outside, empty;
     for (size_t i = 0; i < of.samples.size(); i++) {
@@ -214,10 +211,10 @@ void check_places(checker &self, const track &of)
         }
     }
     self.fault(outside, "outside the media data");
-    self.fault(empty, "without a byte");
+    self.fault(empty, "of size 0");
 }
 
-void check_times(checker &self, const track &of)
+static void check_times(checker &self, const track &of)
 {
     if (of.timescale == 0) {
         self.fault("has a time scale of 0");
@@ -236,7 +233,7 @@ void check_times(checker &self, const track &of)
     }
 }
 
-void check_track(checker &self, const track &of)
+static void check_track(checker &self, const track &of)
 {
     if (of.samples.empty()) {
         self.fault("holds no frames");
@@ -249,11 +246,11 @@ void check_track(checker &self, const track &of)
     if (of.handler == "vide" && of.coding == "avc1") {
         check_pictures(self, of);
     } else if (of.handler == "soun" && of.coding == "mp4a") {
-        check_sound(self, of);
+        check_audio(self, of);
     }
 }
 
-void check_movie(checker &self)
+static void check_movie(checker &self)
 {
     std::set<uint32_t> ids;
     double longest = 0;
@@ -265,7 +262,7 @@ void check_movie(checker &self)
         longest = std::max(longest, end_of(each));
     }
     if (!ids.empty() && self.file.next_track_id <= *ids.rbegin()) {
-        self.fault("the next track's number is used already");
+        self.fault("the next track's number is already used");
     }
     if (self.file.timescale == 0) {
         self.fault("the movie has a time scale of 0");
@@ -281,8 +278,8 @@ void check_movie(checker &self)
     }
 }
 
-// Frames that share bytes, and bytes of the media data that are no frame's.
-void check_media_data(checker &self)
+// Reports frames that share bytes, and bytes of the media data that belong to no frame.
+static void check_media_data(checker &self)
 {
     std::vector<range> used;
     for (const track &each : self.file.tracks) {
@@ -312,27 +309,25 @@ void check_media_data(checker &self)
     }
 }
 
-void compare_ends(checker &self)
+static void compare_ends(checker &self)
 {
     const track *const video = mp4_reader::find_track(self.file, "vide");
-    const track *const sound = mp4_reader::find_track(self.file, "soun");
-    if (video == nullptr || sound == nullptr || !is_read_whole(self.file)) {
+    const track *const audio = mp4_reader::find_track(self.file, "soun");
+    if (video == nullptr || audio == nullptr || !is_read_whole(self.file)) {
         return;
     }
-    const double apart = end_of(*sound) - end_of(*video);
+    const double apart = end_of(*audio) - end_of(*video);
     if (std::abs(apart) > kEndToleranceS) {
         self.remark("the sound ends " + seconds_text(std::abs(apart)) +
                     (apart > 0 ? " after" : " before") + " the picture");
     }
 }
 
-} // namespace
-
 media_findings media_check(const movie &file, std::span<const uint8_t> image)
 {
     checker self = {file, image};
     if (mp4_reader::find(file.boxes, "moov") == nullptr) {
-        return self.findings; // the reader has said it
+        return self.findings; // the reader has reported it
     }
     find_media_data(self);
     check_movie(self);

@@ -1,10 +1,12 @@
-// What is wrong with an MP4 file beyond the form of its boxes: frames that are not where the tables
-// say, or not what they say, and headers that contradict them.
+// Finds faults of an MP4 file beyond the form of its boxes: frames that are not at the place or of
+// the kind that the tables state, and headers that contradict the tables.
 #ifndef CLIENT_REPORT_MEDIA_CHECK_H
 #define CLIENT_REPORT_MEDIA_CHECK_H
 
 #include "mp4read/mp4_reader.h"
 
+#include <cstdint>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -13,7 +15,8 @@ struct media_findings {
     std::vector<std::string> remarks; // worth knowing
 };
 
-// in: a movie and the whole file that it was read from.
+// in: a movie and the image of the whole file that it was read from.
+// returns: what was found, without the faults that the reader reported.
 media_findings media_check(const mp4_reader::movie &movie, std::span<const uint8_t> image);
 
 #endif // CLIENT_REPORT_MEDIA_CHECK_H

@@ -11,9 +11,9 @@ using mp4_reader::movie;
 using mp4_reader::sample;
 using mp4_reader::track;
 
-// A chart has no use for more than these.
+// More bins than these are narrower than a chart can show.
 static constexpr size_t kMaxBins = 240;
-static constexpr double kLongestS = 1e7; // times beyond this are nonsense of a broken file
+static constexpr double kLongestS = 1e7; // longer times occur only in damaged files
 
 // A frame that lasts this much longer than usual leaves a gap.
 static constexpr double kGapFactor = 1.5;
@@ -49,7 +49,7 @@ static std::string coding_text(const track &of)
     if (of.coding == "avc1") {
         return avc_text(of.avc);
     }
-    if (of.coding == "mp4a" && of.esds.object_type == 0x40) {
+    if (of.coding == "mp4a" && of.esds.object_type == mp4_reader::kObjectTypeAac) {
         const std::vector<uint8_t> &config = of.esds.specific_info;
         const unsigned object_type = config.empty() ? 0 : config[0] >> 3;
         return object_type == 2 ? "AAC-LC" : "AAC, object type " + std::to_string(object_type);
@@ -57,7 +57,7 @@ static std::string coding_text(const track &of)
     return mp4_reader::printable(of.coding);
 }
 
-// The frames' durations but the last, which says nothing.
+// returns: the frames' durations without the last one, which is arbitrary.
 static std::vector<double> durations_of(const track &of)
 {
     std::vector<double> durations;
@@ -67,8 +67,7 @@ static std::vector<double> durations_of(const track &of)
     return durations;
 }
 
-// Finds the gaps: frames that last much longer than the median. What remains gives the usual time
-// from frame to frame.
+// Finds the gaps: frames that last much longer than the median. The other frames give frame_s.
 static void find_gaps(const track &of, track_report &report)
 {
     const std::vector<double> durations = durations_of(of);
@@ -119,7 +118,7 @@ static void count_bits(const track &of, double bin_s, track_report &report)
     const bool is_only_bin = report.rates.size() == 1;
     if (rest_s >= bin_s / 4 || (is_only_bin && rest_s > 0)) { // the last bin is shorter
         report.rates.back() *= bin_s / rest_s;
-    } else if (!is_only_bin) { // too short to say anything
+    } else if (!is_only_bin) { // too short for a rate
         report.rates.pop_back();
     }
     report.bit_rate_max = *std::max_element(report.rates.begin(), report.rates.end());
@@ -153,26 +152,26 @@ static track_report report_track(const track &of, double bin_s)
     return report;
 }
 
-// For each picture, the sound that had been written when it was. Frames lie in a file in the order
-// in which they came.
+// Compares each picture with the sound that was written before it: frames are in a file in the
+// order of their arrival.
 static void compare_arrival(const movie &file, media_report &report)
 {
     const track *const video = mp4_reader::find_track(file, "vide");
-    const track *const sound = mp4_reader::find_track(file, "soun");
-    if (video == nullptr || sound == nullptr) {
+    const track *const audio = mp4_reader::find_track(file, "soun");
+    if (video == nullptr || audio == nullptr) {
         return;
     }
     const double bin_s = report.bin_s / 2;
-    size_t heard = 0; // sound frames in front of the picture
+    size_t heard = 0; // audio frames before the picture
     for (const sample &picture : video->samples) {
-        while (heard < sound->samples.size() && sound->samples[heard].offset < picture.offset) {
+        while (heard < audio->samples.size() && audio->samples[heard].offset < picture.offset) {
             heard++;
         }
-        if (heard == 0 || heard == sound->samples.size()) { // the one has not begun, or has ended
+        if (heard == 0 || heard == audio->samples.size()) { // the sound has not begun, or has ended
             continue;
         }
         const double time_s = seconds_at(*video, picture.time);
-        const double lead_s = seconds_at(*sound, sound->samples[heard].time) - time_s;
+        const double lead_s = seconds_at(*audio, audio->samples[heard].time) - time_s;
         if (report.leads.empty() || time_s >= report.leads.back().time_s + bin_s) {
             report.leads.push_back({time_s, lead_s, lead_s});
         }
@@ -182,7 +181,8 @@ static void compare_arrival(const movie &file, media_report &report)
     }
 }
 
-// Seconds since 1904 as a date.
+// in: seconds since 1904.
+// returns: the date; empty for a time that is not set or out of range.
 static std::string date_text(uint64_t seconds)
 {
     constexpr uint64_t kFrom1904To1970 = 2'082'844'800;

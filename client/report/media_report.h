@@ -1,4 +1,4 @@
-// What an MP4 file holds, in figures for people.
+// The content of an MP4 file in figures for people.
 #ifndef CLIENT_REPORT_MEDIA_REPORT_H
 #define CLIENT_REPORT_MEDIA_REPORT_H
 
@@ -12,27 +12,27 @@
 
 struct time_gap {
     double begin_s = 0;
-    double length_s = 0; // of the time without a frame
+    double length_s = 0; // of the part without a frame
 };
 
 struct track_report {
     std::string kind;   // "Video", "Audio", or the handler's four characters
-    std::string coding; // in words
+    std::string coding; // such as "H.264 High 4.0"
     uint32_t width = 0, height = 0;
     uint32_t sample_rate = 0, channels = 0;
     uint64_t frames = 0, bytes = 0;
     double duration_s = 0;
-    double frame_s = 0;         // the usual time from frame to frame
-    double bit_rate = 0;        // bit/s, over all
-    double bit_rate_max = 0;    // in the fullest bin
+    double frame_s = 0;         // mean time from frame to frame, gaps apart
+    double bit_rate = 0;        // bit/s, mean
+    double bit_rate_max = 0;    // bit/s, of the highest bin
     std::vector<double> rates;  // bit/s, bin by bin
-    std::vector<double> keys_s; // when key frames are shown; empty where every frame is one
+    std::vector<double> keys_s; // times of key frames; empty if every frame is one
     double key_distance_s = 0;  // the longest from one to the next
     std::vector<time_gap> gaps;
 };
 
-// How far the sound was ahead of the picture (in seconds, negative: behind) where they were
-// written, for a stretch of time.
+// How far the sound was ahead of the picture, negative where it was late, in a section of the file.
+// Frames are compared in the order in which they were written.
 struct lead_range {
     double time_s = 0;
     double low_s = 0, high_s = 0;
@@ -49,13 +49,14 @@ struct media_report {
     std::vector<std::string> faults, remarks;
 };
 
-// Reads a whole file's image.
+// in: the path to show, and the image of the whole file.
+// returns: the report.
 media_report media_report_make(const std::string &path, std::span<const uint8_t> image);
 
-// The first track of a kind, or null.
+// returns: the first track of a kind, or null; it is part of the report.
 const track_report *find_track(const media_report &report, const std::string &kind);
 
-// How far the sound was ahead over the whole file; nothing without sound beside pictures.
+// returns: the lead over the whole file; nothing unless it holds both sound and pictures.
 std::optional<lead_range> whole_lead(const media_report &report);
 
 #endif // CLIENT_REPORT_MEDIA_REPORT_H

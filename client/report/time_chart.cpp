@@ -1,43 +1,26 @@
 #include "client/report/time_chart.h"
 
 #include "client/report/figures.h"
+#include "client/report/html_text.h"
 
 #include <algorithm>
 #include <cmath>
 
-// Across, all is in per cent of the plot, so that lettering keeps its size on any screen; down, in
-// pixels, and there is this much around the plot.
+// Horizontal positions are in per cent of the plot, so that text keeps its size on any screen.
+// Vertical ones are in pixels, with these margins around the plot.
 static constexpr double kTop = 10, kBottom = 26;
 
-// By so much a bar reaches under the next one: numbers that are rounded would leave hairlines.
+// Of axis labels and ticks, in pixels from the plot.
+static constexpr double kTickLength = 4, kMomentBaseline = 18, kValueBaseline = 4;
+
+// The least extent of an axis, so that no scale divides by zero.
+static constexpr double kLeastExtent = 1e-3;
+
+// Each bar extends this far under the next one. Rounded positions would leave hairlines.
 static constexpr double kOverlap = 0.02;
 
-// A narrow screen has room for this many moments.
+// A narrow screen has room for this many labels of the time axis.
 static constexpr int kMomentsNarrow = 5;
-
-std::string html_text(const std::string &text)
-{
-    std::string safe;
-    for (const char each : text) {
-        switch (each) {
-        case '&':
-            safe += "&amp;";
-            break;
-        case '<':
-            safe += "&lt;";
-            break;
-        case '>':
-            safe += "&gt;";
-            break;
-        case '"':
-            safe += "&quot;";
-            break;
-        default:
-            safe += each;
-        }
-    }
-    return safe;
-}
 
 static double x_of(const time_chart &chart, double time_s)
 {
@@ -50,7 +33,7 @@ static double y_of(const time_chart &chart, double value)
     return kTop + (1 - part) * chart.height;
 }
 
-// The smallest of 1, 2 and 5 times a power of ten that is not below the value.
+// returns: the smallest of 1, 2 and 5 times a power of ten that is not below the value.
 static double round_step(double least)
 {
     const double power = std::pow(10, std::floor(std::log10(least)));
@@ -78,15 +61,15 @@ static void add_line(time_chart &chart, const char *style, double x1, double y1,
                      double y2)
 {
     chart.body +=
-        print("<line class=\"%s\" x1=\"%.2f%%\" y1=\"%.1f\" x2=\"%.2f%%\" y2=\"%.1f\"/>\n", style,
-              x1, y1, x2, y2);
+        format_text("<line class=\"%s\" x1=\"%.2f%%\" y1=\"%.1f\" x2=\"%.2f%%\" y2=\"%.1f\"/>\n",
+                    style, x1, y1, x2, y2);
 }
 
-// Hours and minutes as far as the chart is long.
+// returns: a time in whole seconds.
 static std::string moment_text(double time_s)
 {
     std::string text = duration_text(time_s);
-    return text.substr(0, text.size() - 2); // whole seconds
+    return text.substr(0, text.size() - 2); // without the tenths
 }
 
 static void draw_time_axis(time_chart &chart)
@@ -97,9 +80,10 @@ static void draw_time_axis(time_chart &chart)
     const int distance_narrow = (moments + kMomentsNarrow - 1) / kMomentsNarrow;
     for (int i = 0; i < moments; i++) {
         const double x = x_of(chart, i * step);
-        add_line(chart, "grid", x, kTop, x, bottom + 4);
-        chart.body += print("<text%s x=\"%.2f%%\" y=\"%.1f\" text-anchor=\"middle\">",
-                            i % distance_narrow == 0 ? "" : " class=\"dense\"", x, bottom + 18) +
+        add_line(chart, "grid", x, kTop, x, bottom + kTickLength);
+        chart.body += format_text("<text%s x=\"%.2f%%\" y=\"%.1f\" text-anchor=\"middle\">",
+                                  i % distance_narrow == 0 ? "" : " class=\"dense\"", x,
+                                  bottom + kMomentBaseline) +
                       moment_text(i * step) + "</text>\n";
     }
     add_line(chart, "axis", 0, bottom, 100, bottom);
@@ -107,22 +91,22 @@ static void draw_time_axis(time_chart &chart)
 
 time_chart time_strip_open(double duration_s, double height)
 {
-    time_chart chart = {std::max(duration_s, 1e-3), 0, 1, height, ""};
+    time_chart chart = {std::max(duration_s, kLeastExtent), 0, 1, height, ""};
     draw_time_axis(chart);
     return chart;
 }
 
 time_chart time_chart_open(double duration_s, double low, double high, double height)
 {
-    const double step = round_step(std::max(high - low, 1e-3) / 4);
-    time_chart chart = {std::max(duration_s, 1e-3), std::floor(low / step) * step,
+    const double step = round_step(std::max(high - low, kLeastExtent) / 4);
+    time_chart chart = {std::max(duration_s, kLeastExtent), std::floor(low / step) * step,
                         std::ceil(high / step) * step, height, ""};
     chart.high = std::max(chart.high, chart.low + step);
     for (double value = chart.low; value <= chart.high + step / 2; value += step) {
         const double y = y_of(chart, value);
         add_line(chart, "grid", 0, y, 100, y);
-        chart.body += print("<text x=\"-8\" y=\"%.1f\" text-anchor=\"end\">%g</text>\n", y + 4,
-                            std::round(value / step) * step + 0.0);
+        chart.body += format_text("<text x=\"-8\" y=\"%.1f\" text-anchor=\"end\">%g</text>\n",
+                                  y + kValueBaseline, std::round(value / step) * step + 0.0);
     }
     draw_time_axis(chart);
     return chart;
@@ -135,18 +119,19 @@ void time_chart_bar(time_chart &chart, const char *style, double begin_s, double
     const double y = y_of(chart, high);
     const double width = std::max(x_of(chart, end_s) - x, 0.1) + kOverlap;
     const double height = std::max(y_of(chart, low) - y, 1.0);
-    chart.body += print("<rect class=\"%s\" x=\"%.2f%%\" y=\"%.2f\" width=\"%.2f%%\" "
-                        "height=\"%.2f\">",
-                        style, x, y, width, height) +
+    chart.body += format_text("<rect class=\"%s\" x=\"%.2f%%\" y=\"%.2f\" width=\"%.2f%%\" "
+                              "height=\"%.2f\">",
+                              style, x, y, width, height) +
                   "<title>" + html_text(tip) + "</title></rect>\n";
 }
 
 void time_chart_mark(time_chart &chart, const char *style, double time_s, const std::string &tip)
 {
     const double x = x_of(chart, time_s);
-    chart.body += print("<line class=\"%s\" x1=\"%.2f%%\" y1=\"%.1f\" x2=\"%.2f%%\" y2=\"%.1f\">",
-                        style, x, kTop, x, kTop + chart.height) +
-                  "<title>" + html_text(tip) + "</title></line>\n";
+    chart.body +=
+        format_text("<line class=\"%s\" x1=\"%.2f%%\" y1=\"%.1f\" x2=\"%.2f%%\" y2=\"%.1f\">",
+                    style, x, kTop, x, kTop + chart.height) +
+        "<title>" + html_text(tip) + "</title></line>\n";
 }
 
 void time_chart_level(time_chart &chart, const char *style, double value)
@@ -157,7 +142,7 @@ void time_chart_level(time_chart &chart, const char *style, double value)
 
 std::string time_chart_svg(const time_chart &chart, const std::string &label)
 {
-    return print("<div class=\"chart\"><svg height=\"%.0f\" role=\"img\" aria-label=\"",
-                 kTop + chart.height + kBottom) +
+    return format_text("<div class=\"chart\"><svg height=\"%.0f\" role=\"img\" aria-label=\"",
+                       kTop + chart.height + kBottom) +
            html_text(label) + "\">\n" + chart.body + "</svg></div>\n";
 }

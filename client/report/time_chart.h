@@ -1,5 +1,4 @@
-// Charts over the time of a file, as SVG elements of a page; their colours are classes of its style
-// sheet.
+// Charts over the time of a file, as SVG elements of a page, whose style sheet gives the colours.
 #ifndef CLIENT_REPORT_TIME_CHART_H
 #define CLIENT_REPORT_TIME_CHART_H
 
@@ -12,26 +11,26 @@ struct time_chart {
     std::string body;  // elements so far
 };
 
-// Opens a chart and draws its axes. in: the lowest and highest value that it has to hold.
+// Opens a chart and draws its axes.
+// in: the lowest and highest value to show, and the height of the plot in pixels.
 time_chart time_chart_open(double duration_s, double low, double high, double height);
 
-// The same without a vertical axis.
+// As above, without a vertical axis; values are from 0 to 1.
 time_chart time_strip_open(double duration_s, double height);
 
-// A rectangle from one moment and value to another, with a text that shows under the pointer.
+// Adds a rectangle from one time and value to another.
+// in: a class of the style sheet, and a text to show under the pointer.
 void time_chart_bar(time_chart &chart, const char *style, double begin_s, double end_s, double low,
                     double high, const std::string &tip);
 
-// A line from the bottom to the top at a moment.
+// Adds a line from the bottom to the top at a time.
 void time_chart_mark(time_chart &chart, const char *style, double time_s, const std::string &tip);
 
-// A level line across the whole chart.
+// Adds a horizontal line across the chart.
 void time_chart_level(time_chart &chart, const char *style, double value);
 
-// The whole element. in: what the chart shows, for those who cannot see it.
+// in: a description of the chart for screen readers.
+// returns: the complete element.
 std::string time_chart_svg(const time_chart &chart, const std::string &label);
-
-// Text that stands for itself in HTML.
-std::string html_text(const std::string &text);
 
 #endif // CLIENT_REPORT_TIME_CHART_H

@@ -1,5 +1,5 @@
-// The life of recordings in one process, as in component/recording_control.cpp, stop_procedure.cpp,
-// mux_session.cpp, end_reports.cpp and buffer_callback.cpp. It has two components, their clients,
+// The life of recordings in one process, as in component/recording_begin.cpp, recording_end.cpp,
+// end_reports.cpp and buffer_callback.cpp. It has two components, their clients,
 // the buffer thread and a writer thread of the first, a stop thread for every end, starts and a
 // destruction from the client's event handler, and the destructors.
 //

@@ -10,6 +10,7 @@
 #include <array>
 
 static constexpr uint64_t kMaxMediaBytes = 0xFFFFFFF7; // with its header still a 32-bit size
+static constexpr int64_t kLargeHeaderBytes = kFreeBoxBytes + kMdatHeaderBytes; // with a 64-bit size
 static constexpr int kMaxFillerRuns = 3;
 
 namespace {
@@ -39,7 +40,7 @@ static std::array<scratch_table, 5> scratch_tables_of(mp4_mux_track_t *p_track)
     }};
 }
 
-// Writes a scratch table's last bytes and goes back to its start, if it has a file.
+// Flushes a scratch table and returns to its start, if it has a file.
 static bool rewind_table(mp4_mux_bs_t *bs)
 {
     if (bs->m_hFile == nullptr) {
@@ -48,7 +49,7 @@ static bool rewind_table(mp4_mux_bs_t *bs)
     return mp4_mux_bs_write_flush(bs) >= 0 && mp4_mux_bs_fseek_reset(bs, 0) == 0;
 }
 
-// Closes the open run of durations. The last frame is in no run yet: it lasts no time.
+// Closes the open run of durations. The last frame is in no run yet; its duration is 0.
 static bool complete_runs(const mp4_mux_t *mux, mp4_mux_track_t *p_track)
 {
     if (p_track->m_iSttsRunCount != 0) {
@@ -60,7 +61,7 @@ static bool complete_runs(const mp4_mux_t *mux, mp4_mux_track_t *p_track)
     }
     const int64_t chunks = p_track->m_uiChunkCount;
     for (int i = 1; i <= kMaxFillerRuns && p_track->m_iSttsSampleCount < chunks; i++) {
-        // The last one leaves no sample out.
+        // The last run covers all samples that are left.
         const int32_t missing = static_cast<int32_t>(chunks - p_track->m_iSttsSampleCount);
         const int32_t samples = i < kMaxFillerRuns ? 1 : missing;
         if (!put_run(mux, p_track, samples, 0)) {
@@ -90,15 +91,15 @@ static trailer_result complete_tables(const mp4_mux_t *mux, mp4_mux_track_t *p_t
     return kTrailerWritten;
 }
 
-// Writes the size of the media data, which ends at the current position. It is measured, not summed
-// up: a frame that failed halfway has left bytes that belong to no sample.
+// Writes the size of the media data, which ends at the current position. The size is measured, not
+// summed: a frame that failed halfway has left bytes that belong to no sample.
 static bool fix_media_size(mp4_mux_t *mux)
 {
     mp4_mux_bs_t *bs = mux->m_pBs;
     const int64_t end = bs_position(bs);
     const int64_t header = mux->m_uiMdatPos;
     const uint64_t box_bytes = static_cast<uint64_t>(end - header);
-    int64_t written = 0;
+    bool written = false;
     if (box_bytes > kMaxMediaBytes + kMdatHeaderBytes) {
         const int64_t start = header - kFreeBoxBytes;
         if (mp4_mux_bs_write_fseek_reset(bs, start) != 0) {
@@ -107,15 +108,15 @@ static bool fix_media_size(mp4_mux_t *mux)
         mp4_mux_bs_write_be32(bs, 1);                         // unsigned int(32) size;
         mp4_mux_bs_write_tag(bs, "mdat");                     // unsigned int(32) type;
         mp4_mux_bs_write_be64(bs, box_bytes + kFreeBoxBytes); // unsigned int(64) largesize;
-        written = bs_position(bs) - start - 16;
+        written = bs_position(bs) == start + kLargeHeaderBytes;
     } else {
         if (mp4_mux_bs_write_fseek_reset(bs, header) != 0) {
             return false;
         }
         mp4_mux_bs_write_be32(bs, static_cast<uint32_t>(box_bytes)); // unsigned int(32) size;
-        written = bs_position(bs) - header - 4;
+        written = bs_position(bs) == header + kSizeFieldBytes;
     }
-    return written == 0 && mp4_mux_bs_write_fseek_reset(bs, end) == 0;
+    return written && mp4_mux_bs_write_fseek_reset(bs, end) == 0;
 }
 
 static trailer_result write_trailer(mp4_mux_t *mux)
@@ -134,11 +135,11 @@ static trailer_result write_trailer(mp4_mux_t *mux)
         reset_write_cache2(bs, mux->m_pCloseMem, mux->m_iCloseMemSize / 2) < 0) {
         return kTrailerFailed;
     }
-    bs->m_bTorn = 0; // bytes that frames are missing belong to no sample
+    bs->m_bTorn = 0; // bytes missing in the media data belong to no sample
     if (write_moov_box(mux) < 0 || !bs_write_out(bs)) {
         return kTrailerFailed;
     }
-    // A movie box with a byte, a size or a table missing is no use to any reader.
+    // No reader can use a movie box that lacks a byte, a size or a table.
     return bs->m_bTorn != 0 ? kTrailerFailed : kTrailerWritten;
 }
 
@@ -193,15 +194,15 @@ static int32_t release_all(mp4_mux_t *mux)
     return 0;
 }
 
-// Of all failures only a seek is not recorded where it happens. The tags it has met stay.
+// A failed seek is the only failure that is not recorded where it happens. Its tags are kept.
 static void record_failed_seek(mp4_mux_t *mux)
 {
-    const mp4_mux_last_error_t met = mux->m_stLastError;
+    const mp4_mux_last_error_t tags = mux->m_stLastError;
     bs_fail_to_seek(mux->m_pBs);
-    mp4_mux_add_err_string(met.m_szMessage, &mux->m_stLastError);
+    mp4_mux_add_err_string(tags.m_szMessage, &mux->m_stLastError);
 }
 
-// What ends the file: the trailer, or for a file without frames the head that is still cached.
+// Ends the file: with the trailer, or, without frames, with the head that is still cached.
 static int32_t finish_file(mp4_mux_t *mux)
 {
     trailer_result result = kTrailerWritten;
@@ -214,7 +215,7 @@ static int32_t finish_file(mp4_mux_t *mux)
         return 0;
     }
     if (result == kTrailerWritten) {
-        bs_fail(mux->m_pBs, MUX_ERR_WRITE, "the file's head is not whole");
+        fail(mux->m_pBs->m_pstError, MUX_ERR_WRITE, "the file's head is incomplete");
     } else if (mux->m_stLastError.m_iCode == 0) {
         record_failed_seek(mux);
     }
@@ -237,7 +238,7 @@ int32_t mp4_mux_close(mp4_mux_t *mux)
     return release_all(mux);
 }
 
-// A handle whose close failed is gone: it is not closed again.
+// A handle is gone even if its close failed: it is not closed again.
 static void abandon_file(mp4_mux_bs_t *bs, const char *name)
 {
     if (bs->m_hFile == nullptr) {

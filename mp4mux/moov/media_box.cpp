@@ -1,30 +1,30 @@
 #include "mp4mux/moov/media_box.h"
 
 #include "mp4mux/box_writer.h"
-#include "mp4mux/moov/movie_box.h"
+#include "mp4mux/moov/duration.h"
 #include "mp4mux/moov/sample_table.h"
 
 static void write_mdhd_box(mp4_mux_bs_t *bs, const mp4_mux_track_t *p_track)
 {
-    const int64_t duration = duration_ticks(p_track->m_uiLastTimeStamp, p_track->m_uiTimeScale);
-    const bool is_long = duration > kMaxShortDuration;
-    const uint64_t time = p_track->m_ullCreationTime;
-    const uint32_t time32 = static_cast<uint32_t>(time);
+    const int64_t dur_ticks = duration_ticks(p_track->m_uiLastTimeStamp, p_track->m_uiTimeScale);
+    const bool is_long = dur_ticks > kMaxShortDuration;
+    const uint64_t creation_time = p_track->m_ullCreationTime;
+    const uint32_t creation_time32 = static_cast<uint32_t>(creation_time);
 
     mp4_mux_bs_write_be32(bs, is_long ? 44 : 32); // unsigned int(32) size;
     mp4_mux_bs_write_tag(bs, "mdhd");             // unsigned int(32) type;
     mp4_mux_bs_write_be8(bs, is_long ? 1 : 0);    // unsigned int(8) version;
     mp4_mux_bs_write_be24(bs, 0x00000F);          // bit(24) flags;
     if (is_long) {
-        mp4_mux_bs_write_be64(bs, time);                            // creation_time;
-        mp4_mux_bs_write_be64(bs, time);                            // modification_time;
-        mp4_mux_bs_write_be32(bs, p_track->m_uiTimeScale);          // timescale;
-        mp4_mux_bs_write_be64(bs, static_cast<uint64_t>(duration)); // duration;
+        mp4_mux_bs_write_be64(bs, creation_time);                    // creation_time;
+        mp4_mux_bs_write_be64(bs, creation_time);                    // modification_time;
+        mp4_mux_bs_write_be32(bs, p_track->m_uiTimeScale);           // timescale;
+        mp4_mux_bs_write_be64(bs, static_cast<uint64_t>(dur_ticks)); // duration;
     } else {
-        mp4_mux_bs_write_be32(bs, time32);                          // creation_time;
-        mp4_mux_bs_write_be32(bs, time32);                          // modification_time;
-        mp4_mux_bs_write_be32(bs, p_track->m_uiTimeScale);          // timescale;
-        mp4_mux_bs_write_be32(bs, static_cast<uint32_t>(duration)); // duration;
+        mp4_mux_bs_write_be32(bs, creation_time32);                  // creation_time;
+        mp4_mux_bs_write_be32(bs, creation_time32);                  // modification_time;
+        mp4_mux_bs_write_be32(bs, p_track->m_uiTimeScale);           // timescale;
+        mp4_mux_bs_write_be32(bs, static_cast<uint32_t>(dur_ticks)); // duration;
     }
     mp4_mux_bs_write_be16(bs, p_track->m_uiLanguage); // bit(1) pad; unsigned int(5)[3] language;
     mp4_mux_bs_write_be16(bs, 0);                     // unsigned int(16) pre_defined = 0;
@@ -83,7 +83,7 @@ static int32_t write_minf_box(mp4_mux_t *mux, mp4_mux_track_t *p_track, bool is_
         write_smhd_box(bs);
     }
     write_dinf_box(bs);
-    write_stbl_box(mux, p_track);
+    (void)write_stbl_box(mux, p_track); // a failure is in the error record
     return update_size(bs, start);
 }
 

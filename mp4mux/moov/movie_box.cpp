@@ -2,12 +2,14 @@
 
 #include "mp4mux/bitstream_file.h"
 #include "mp4mux/box_writer.h"
+#include "mp4mux/moov/duration.h"
 #include "mp4mux/moov/media_box.h"
 #include "mp4mux/moov/single_precision.h"
 #include "mp4mux/mux_version.h"
 
 #include <algorithm>
 
+static constexpr uint32_t kMovieTimeScale = 90000; // ticks per second
 static constexpr char kNotice[] =
     "Recorded from a terrestrial digital multimedia broadcast service.";
 static constexpr uint32_t kLanguageEnglish = 0x15C7; // "eng", 5 bits per letter
@@ -32,30 +34,30 @@ static uint32_t fixed_16_16(int32_t pixels)
     return product < 4294967296.0F ? static_cast<uint32_t>(product) : UINT32_MAX;
 }
 
-static void write_track_times(mp4_mux_bs_t *bs, const mp4_mux_track_t *p_track, int64_t duration)
+static void write_track_times(mp4_mux_bs_t *bs, const mp4_mux_track_t *p_track, int64_t dur_ticks)
 {
-    const uint64_t time = p_track->m_ullCreationTime;
-    const uint32_t time32 = static_cast<uint32_t>(time);
-    if (duration > kMaxShortDuration) {
-        mp4_mux_bs_write_be64(bs, time);                            // creation_time;
-        mp4_mux_bs_write_be64(bs, time);                            // modification_time;
-        mp4_mux_bs_write_be32(bs, p_track->m_uiTrackID);            // track_ID;
-        mp4_mux_bs_write_be32(bs, 0);                               // reserved = 0;
-        mp4_mux_bs_write_be64(bs, static_cast<uint64_t>(duration)); // duration;
+    const uint64_t creation_time = p_track->m_ullCreationTime;
+    const uint32_t creation_time32 = static_cast<uint32_t>(creation_time);
+    if (dur_ticks > kMaxShortDuration) {
+        mp4_mux_bs_write_be64(bs, creation_time);                    // creation_time;
+        mp4_mux_bs_write_be64(bs, creation_time);                    // modification_time;
+        mp4_mux_bs_write_be32(bs, p_track->m_uiTrackID);             // track_ID;
+        mp4_mux_bs_write_be32(bs, 0);                                // reserved = 0;
+        mp4_mux_bs_write_be64(bs, static_cast<uint64_t>(dur_ticks)); // duration;
     } else {
-        mp4_mux_bs_write_be32(bs, time32);                          // creation_time;
-        mp4_mux_bs_write_be32(bs, time32);                          // modification_time;
-        mp4_mux_bs_write_be32(bs, p_track->m_uiTrackID);            // track_ID;
-        mp4_mux_bs_write_be32(bs, 0);                               // reserved = 0;
-        mp4_mux_bs_write_be32(bs, static_cast<uint32_t>(duration)); // duration;
+        mp4_mux_bs_write_be32(bs, creation_time32);                  // creation_time;
+        mp4_mux_bs_write_be32(bs, creation_time32);                  // modification_time;
+        mp4_mux_bs_write_be32(bs, p_track->m_uiTrackID);             // track_ID;
+        mp4_mux_bs_write_be32(bs, 0);                                // reserved = 0;
+        mp4_mux_bs_write_be32(bs, static_cast<uint32_t>(dur_ticks)); // duration;
     }
 }
 
-void write_tkhd_box(mp4_mux_t *mux, mp4_mux_track_t *p_track)
+// ISO/IEC 14496-12, 8.3.2.
+static void write_tkhd_box(mp4_mux_bs_t *bs, const mp4_mux_track_t *p_track)
 {
-    mp4_mux_bs_t *bs = mux->m_pBs;
-    const int64_t duration = duration_ticks(p_track->m_uiLastTimeStamp, kMovieTimeScale);
-    const bool is_long = duration > kMaxShortDuration;
+    const int64_t dur_ticks = duration_ticks(p_track->m_uiLastTimeStamp, kMovieTimeScale);
+    const bool is_long = dur_ticks > kMaxShortDuration;
     const bool is_video = p_track->m_iType == MUX_TYPE_VIDEO;
     const uint32_t volume = p_track->m_iType == MUX_TYPE_AUDIO ? 0x0100 : 0;
     const uint32_t width = is_video ? fixed_16_16(p_track->m_iWidth) : 0;
@@ -65,7 +67,7 @@ void write_tkhd_box(mp4_mux_t *mux, mp4_mux_track_t *p_track)
     mp4_mux_bs_write_tag(bs, "tkhd");              // unsigned int(32) type;
     mp4_mux_bs_write_be8(bs, is_long ? 1 : 0);     // unsigned int(8) version;
     mp4_mux_bs_write_be24(bs, 0x00000F);           // bit(24) flags;
-    write_track_times(bs, p_track, duration);
+    write_track_times(bs, p_track, dur_ticks);
     mp4_mux_bs_write_be32(bs, 0); // const unsigned int(32)[2] reserved = 0;
     mp4_mux_bs_write_be32(bs, 0);
     mp4_mux_bs_write_be16(bs, 0);      // template int(16) layer;
@@ -80,17 +82,17 @@ void write_tkhd_box(mp4_mux_t *mux, mp4_mux_track_t *p_track)
 static void write_mvhd_box(mp4_mux_t *mux, uint32_t duration_ms, uint32_t last_track_id)
 {
     mp4_mux_bs_t *bs = mux->m_pBs;
-    const uint32_t time = static_cast<uint32_t>(mux->m_ullCreationTime);
-    const uint32_t duration = static_cast<uint32_t>(duration_ticks(duration_ms, kMovieTimeScale));
+    const uint32_t creation_time = static_cast<uint32_t>(mux->m_ullCreationTime);
+    const uint32_t dur_ticks = static_cast<uint32_t>(duration_ticks(duration_ms, kMovieTimeScale));
 
     mp4_mux_bs_write_be32(bs, 108);             // unsigned int(32) size;
     mp4_mux_bs_write_tag(bs, "mvhd");           // unsigned int(32) type;
     mp4_mux_bs_write_be8(bs, 0);                // unsigned int(8) version;
     mp4_mux_bs_write_be24(bs, 0);               // bit(24) flags;
-    mp4_mux_bs_write_be32(bs, time);            // unsigned int(32) creation_time;
-    mp4_mux_bs_write_be32(bs, time);            // unsigned int(32) modification_time;
+    mp4_mux_bs_write_be32(bs, creation_time);   // unsigned int(32) creation_time;
+    mp4_mux_bs_write_be32(bs, creation_time);   // unsigned int(32) modification_time;
     mp4_mux_bs_write_be32(bs, kMovieTimeScale); // unsigned int(32) timescale;
-    mp4_mux_bs_write_be32(bs, duration);        // unsigned int(32) duration;
+    mp4_mux_bs_write_be32(bs, dur_ticks);       // unsigned int(32) duration;
     mp4_mux_bs_write_be32(bs, 0x00010000);      // template int(32) rate;
     mp4_mux_bs_write_be16(bs, 0x0100);          // template int(16) volume;
     mp4_mux_bs_write_be16(bs, 0);               // const bit(16) reserved = 0;
@@ -135,19 +137,19 @@ static void write_udta_box(mp4_mux_bs_t *bs)
     (void)update_size(bs, start); // a failure is in the error record
 }
 
-// A track box whose start has left the cache gets its size when the movie box is complete, so that
+// A track box whose start has left the cache gets its size after the movie box is complete, so that
 // the movie box is written in one pass.
 static void write_trak_box(mp4_mux_t *mux, mp4_mux_track_t *p_track)
 {
     mp4_mux_bs_t *bs = mux->m_pBs;
     p_track->m_llTrakPos = begin_box(bs, "trak");
-    write_tkhd_box(mux, p_track);
-    write_mdia_box(mux, p_track);
-    const uint32_t size = static_cast<uint32_t>(bs_position(bs) - p_track->m_llTrakPos);
+    write_tkhd_box(bs, p_track);
+    (void)write_mdia_box(mux, p_track); // a failure is in the error record
+    const uint32_t box_bytes = static_cast<uint32_t>(bs_position(bs) - p_track->m_llTrakPos);
     if (is_in_cache(bs, p_track->m_llTrakPos)) {
-        patch_in_cache(bs, p_track->m_llTrakPos, size);
+        patch_in_cache(bs, p_track->m_llTrakPos, box_bytes);
     } else {
-        p_track->m_uiTrakSizeDeferred = size;
+        p_track->m_uiTrakSizeDeferred = box_bytes;
     }
 }
 
@@ -169,7 +171,7 @@ struct movie_extent {
 
 } // namespace
 
-// Gives the tracks that have samples their final identifiers and their creation time.
+// Sets the final identifiers and the creation time of the tracks that have samples.
 static movie_extent number_tracks(mp4_mux_t *mux)
 {
     movie_extent extent = {.duration_ms = 0, .last_track_id = 1};
@@ -185,31 +187,31 @@ static movie_extent number_tracks(mp4_mux_t *mux)
     return extent;
 }
 
-// Writes a size that has left the cache, and stays there.
-// returns  null, or the tag of the step that failed
-static const char *write_size_at(mp4_mux_bs_t *bs, int64_t position, uint32_t size)
+// Writes a size at a position that has left the cache, and stays there.
+// returns: null, or the tag of the step that failed
+static const char *write_size_at(mp4_mux_bs_t *bs, int64_t position, uint32_t box_bytes)
 {
     if (mp4_mux_bs_write_fseek_reset(bs, position) != 0) {
         return "<update_write_size1";
     }
-    mp4_mux_bs_write_be32(bs, size);
-    if (bs_position(bs) != position + 4) {
+    mp4_mux_bs_write_be32(bs, box_bytes);
+    if (bs_position(bs) != position + kSizeFieldBytes) {
         return "<update_write_size2";
     }
     return bs_write_out(bs) ? nullptr : "<update_write_size3";
 }
 
-// returns  0, or the error record's code, which is 0 as well after a seek that failed; a size that
-//          is missing marks the bitstream as torn
-static int32_t write_moov_size(mp4_mux_t *mux, int64_t start, uint32_t size)
+// returns: 0, or the error record's code, which is 0 too after a failed seek; a missing size marks
+//          the bitstream as torn
+static int32_t write_moov_size(mp4_mux_t *mux, int64_t start, uint32_t box_bytes)
 {
     mp4_mux_bs_t *bs = mux->m_pBs;
     if (is_in_cache(bs, start)) {
-        patch_in_cache(bs, start, size);
+        patch_in_cache(bs, start, box_bytes);
         return bs_write_out(bs) ? 0
                                 : mp4_mux_add_err_string("<update_moov_size2", &mux->m_stLastError);
     }
-    const char *failed = write_size_at(bs, start, size);
+    const char *failed = write_size_at(bs, start, box_bytes);
     if (failed != nullptr) {
         bs->m_bTorn = 1;
         mp4_mux_add_err_string(failed, bs->m_pstError);
@@ -236,9 +238,9 @@ static int32_t write_deferred_sizes(mp4_mux_t *mux, int32_t type, const char *ta
     return 0;
 }
 
-static int32_t write_open_sizes(mp4_mux_t *mux, int64_t start, uint32_t size)
+static int32_t write_open_sizes(mp4_mux_t *mux, int64_t start, uint32_t box_bytes)
 {
-    int32_t result = write_moov_size(mux, start, size);
+    int32_t result = write_moov_size(mux, start, box_bytes);
     if (result >= 0 && mux->m_iAudioCacheSize != 0) {
         result = write_deferred_sizes(mux, MUX_TYPE_AUDIO, "<update_moov_size4");
     }
@@ -256,14 +258,14 @@ int64_t write_moov_box(mp4_mux_t *mux)
     write_mvhd_box(mux, extent.duration_ms, extent.last_track_id);
     if (mux->m_iAudioCacheSize != 0) {
         write_trak_boxes(mux, MUX_TYPE_AUDIO);
-        mux->m_pAudioCache = nullptr; // the video tables may use it from here on
+        mux->m_pAudioCache = nullptr; // from here on the video tables may use it
     }
     if (mux->m_iVideoCacheSize != 0) {
         write_trak_boxes(mux, MUX_TYPE_VIDEO);
         mux->m_pVideoCache = nullptr;
     }
     write_udta_box(bs);
-    const int64_t size = bs_position(bs) - start;
-    const int32_t result = write_open_sizes(mux, start, static_cast<uint32_t>(size));
-    return result < 0 ? result : size;
+    const int64_t box_bytes = bs_position(bs) - start;
+    const int32_t result = write_open_sizes(mux, start, static_cast<uint32_t>(box_bytes));
+    return result < 0 ? result : box_bytes;
 }

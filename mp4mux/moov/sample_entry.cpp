@@ -15,13 +15,8 @@ enum {
     kStreamTypeAudio = 0x15,
 };
 
-static constexpr int32_t kAc3HeaderBytes = 7; // the fields read from a sync frame lie within
-
-static int32_t tag_failure(mp4_mux_t *mux, const char *tag, int32_t result)
-{
-    mp4_mux_add_err_string(tag, &mux->m_stLastError);
-    return result;
-}
+static constexpr int32_t kAc3HeaderBytes = 7; // up to the last field read from a sync frame
+static constexpr uint32_t kDac3BoxBytes = 11;
 
 static int32_t write_private_data(mp4_mux_t *mux, const mp4_mux_track_t *p_track)
 {
@@ -29,9 +24,11 @@ static int32_t write_private_data(mp4_mux_t *mux, const mp4_mux_track_t *p_track
                                   p_track->m_iCodecPrivateSize);
 }
 
-int32_t write_glbl_box(mp4_mux_t *mux, mp4_mux_track_t *p_track)
+// The private data as it is.
+static int32_t write_glbl_box(mp4_mux_t *mux, const mp4_mux_track_t *p_track)
 {
-    const uint32_t box_bytes = 8 + static_cast<uint32_t>(p_track->m_iCodecPrivateSize);
+    const uint32_t box_bytes =
+        kBoxHeaderBytes + static_cast<uint32_t>(p_track->m_iCodecPrivateSize);
     mp4_mux_bs_write_be32(mux->m_pBs, box_bytes); // unsigned int(32) size;
     mp4_mux_bs_write_tag(mux->m_pBs, "glbl");     // unsigned int(32) type;
     (void)write_private_data(mux, p_track);       // a failure is in the error record
@@ -47,7 +44,8 @@ static void write_descriptor_size(mp4_mux_bs_t *bs, uint32_t payload)
     mp4_mux_bs_write_be8(bs, payload & 0x7F);
 }
 
-int32_t write_esds_box(mp4_mux_t *mux, mp4_mux_track_t *p_track)
+// ISO/IEC 14496-14, 5.6.1; ISO/IEC 14496-1, 7.2.6.
+static int32_t write_esds_box(mp4_mux_t *mux, const mp4_mux_track_t *p_track)
 {
     mp4_mux_bs_t *bs = mux->m_pBs;
     const uint32_t private_bytes = static_cast<uint32_t>(p_track->m_iCodecPrivateSize);
@@ -88,20 +86,20 @@ static int32_t write_avcc_box(mp4_mux_t *mux, const mp4_mux_track_t *p_track)
 
 static int32_t write_d263_box(mp4_mux_bs_t *bs)
 {
-    mp4_mux_bs_write_be32(bs, 15);    // unsigned int(32) size;
-    mp4_mux_bs_write_tag(bs, "d263"); // unsigned int(32) type;
-    mp4_mux_bs_write_tag(bs, "ukwn"); // unsigned int(32) vendor;
-    mp4_mux_bs_write_be8(bs, 0);      // unsigned int(8) decoder_version;
-    mp4_mux_bs_write_be8(bs, 10);     // unsigned int(8) H263_Level;
-    mp4_mux_bs_write_be8(bs, 0);      // unsigned int(8) H263_Profile;
-    return 15;
+    mp4_mux_bs_write_be32(bs, kD263BoxBytes); // unsigned int(32) size;
+    mp4_mux_bs_write_tag(bs, "d263");         // unsigned int(32) type;
+    mp4_mux_bs_write_tag(bs, "ukwn");         // unsigned int(32) vendor;
+    mp4_mux_bs_write_be8(bs, 0);              // unsigned int(8) decoder_version;
+    mp4_mux_bs_write_be8(bs, 10);             // unsigned int(8) H263_Level;
+    mp4_mux_bs_write_be8(bs, 0);              // unsigned int(8) H263_Profile;
+    return kD263BoxBytes;
 }
 
-static int32_t write_video_config(mp4_mux_t *mux, mp4_mux_track_t *p_track)
+static int32_t write_video_config(mp4_mux_t *mux, const mp4_mux_track_t *p_track)
 {
     switch (p_track->m_uiFourCC) {
     case fourcc("avc1"):
-    case fourcc("h264"):
+    case fourcc("h264"): // not reached: the track's creation makes it "avc1"
         return write_avcc_box(mux, p_track);
     case fourcc("mp4v"):
         return write_esds_box(mux, p_track);
@@ -113,8 +111,8 @@ static int32_t write_video_config(mp4_mux_t *mux, mp4_mux_track_t *p_track)
     }
 }
 
-// The part that all sample entries share.
-// returns  position of the entry
+// Writes the fields that all sample entries begin with.
+// returns: position of the entry
 static int64_t begin_sample_entry(mp4_mux_bs_t *bs, uint32_t type)
 {
     const int64_t start = bs_position(bs);
@@ -151,13 +149,13 @@ int32_t write_video_box(mp4_mux_t *mux, mp4_mux_track_t *p_track)
     mp4_mux_bs_write_be16(bs, 0xFFFF); // int(16) pre_defined = -1;
     const int32_t result = write_video_config(mux, p_track);
     if (result < 0) {
-        return tag_failure(mux, "<write_video_box", result);
+        return tag_failure(&mux->m_stLastError, "<write_video_box", result);
     }
     return update_size(bs, start);
 }
 
 // ETSI TS 102 366, Annex F.4: the fields of the bit stream information at the start of a sync
-// frame. Fields that depend on acmod lie before lfeon.
+// frame. Fields that depend on acmod precede lfeon.
 static uint32_t ac3_specific_bits(const uint8_t *frame)
 {
     const uint32_t fscod = frame[4] >> 6;
@@ -186,45 +184,45 @@ static int32_t write_ac3_box(mp4_mux_t *mux, const mp4_mux_track_t *p_track)
         return MUX_ERR_INVALID;
     }
     const uint32_t bits = ac3_specific_bits(p_track->m_pbyCodecPrivate);
-    mp4_mux_bs_write_be32(bs, 11);    // unsigned int(32) size;
-    mp4_mux_bs_write_tag(bs, "dac3"); // unsigned int(32) type;
+    mp4_mux_bs_write_be32(bs, kDac3BoxBytes); // unsigned int(32) size;
+    mp4_mux_bs_write_tag(bs, "dac3");         // unsigned int(32) type;
     const int64_t before = bs_position(bs);
     mp4_mux_bs_write_be24(bs, bits);
     if (bs_position(bs) != before + 3) {
         return mp4_mux_add_err_string("<write_ac3_box", &mux->m_stLastError);
     }
-    return 11;
+    return kDac3BoxBytes;
 }
 
 static int32_t write_damr_box(mp4_mux_bs_t *bs)
 {
-    mp4_mux_bs_write_be32(bs, 17);     // unsigned int(32) size;
-    mp4_mux_bs_write_tag(bs, "damr");  // unsigned int(32) type;
-    mp4_mux_bs_write_tag(bs, "ukwn");  // unsigned int(32) vendor;
-    mp4_mux_bs_write_be8(bs, 0);       // unsigned int(8) decoder_version;
-    mp4_mux_bs_write_be16(bs, 0x81FF); // unsigned int(16) mode_set;
-    mp4_mux_bs_write_be8(bs, 0);       // unsigned int(8) mode_change_period;
-    mp4_mux_bs_write_be8(bs, 1);       // unsigned int(8) frames_per_sample;
-    return 17;
+    mp4_mux_bs_write_be32(bs, kDamrBoxBytes); // unsigned int(32) size;
+    mp4_mux_bs_write_tag(bs, "damr");         // unsigned int(32) type;
+    mp4_mux_bs_write_tag(bs, "ukwn");         // unsigned int(32) vendor;
+    mp4_mux_bs_write_be8(bs, 0);              // unsigned int(8) decoder_version;
+    mp4_mux_bs_write_be16(bs, 0x81FF);        // unsigned int(16) mode_set;
+    mp4_mux_bs_write_be8(bs, 0);              // unsigned int(8) mode_change_period;
+    mp4_mux_bs_write_be8(bs, 1);              // unsigned int(8) frames_per_sample;
+    return kDamrBoxBytes;
 }
 
 static int32_t write_dqcp_box(mp4_mux_bs_t *bs)
 {
-    mp4_mux_bs_write_be32(bs, 14);    // unsigned int(32) size;
-    mp4_mux_bs_write_tag(bs, "dqcp"); // unsigned int(32) type;
-    mp4_mux_bs_write_tag(bs, "ukwn"); // unsigned int(32) vendor;
-    mp4_mux_bs_write_be8(bs, 0);      // unsigned int(8) decoder_version;
-    mp4_mux_bs_write_be8(bs, 1);      // unsigned int(8) frames_per_sample;
-    return 14;
+    mp4_mux_bs_write_be32(bs, kDqcpBoxBytes); // unsigned int(32) size;
+    mp4_mux_bs_write_tag(bs, "dqcp");         // unsigned int(32) type;
+    mp4_mux_bs_write_tag(bs, "ukwn");         // unsigned int(32) vendor;
+    mp4_mux_bs_write_be8(bs, 0);              // unsigned int(8) decoder_version;
+    mp4_mux_bs_write_be8(bs, 1);              // unsigned int(8) frames_per_sample;
+    return kDqcpBoxBytes;
 }
 
-static int32_t write_audio_config(mp4_mux_t *mux, mp4_mux_track_t *p_track)
+static int32_t write_audio_config(mp4_mux_t *mux, const mp4_mux_track_t *p_track)
 {
     if (p_track->m_uiFourCC == fourcc("mp4a")) {
         return write_esds_box(mux, p_track);
     }
     switch (p_track->m_iCodec) {
-    case kAudioTagAc3:
+    case kAudioTagAc3: // not reached: its entry is "mp4a"
         return write_ac3_box(mux, p_track);
     case kAudioTagAmrWbp:
     case kAudioTagAmrNb:
@@ -252,7 +250,7 @@ int32_t write_audio_box(mp4_mux_t *mux, mp4_mux_track_t *p_track)
     mp4_mux_bs_write_be16(bs, 0);
     const int32_t result = write_audio_config(mux, p_track);
     if (result < 0) {
-        return tag_failure(mux, "<write_audio_box", result);
+        return tag_failure(&mux->m_stLastError, "<write_audio_box", result);
     }
     return update_size(bs, start);
 }

@@ -5,24 +5,18 @@
 #include "mp4mux/moov/sample_entry.h"
 #include "mp4mux/moov/single_precision.h"
 #include "mp4mux/moov/table_copy.h"
-#include "mp4mux/track.h"
+#include "mp4mux/table_record.h"
 
 static constexpr uint32_t kStscBoxBytes = 28;
 
-static int32_t tag_failure(mp4_mux_t *mux, const char *tag, int32_t result)
-{
-    mp4_mux_add_err_string(tag, &mux->m_stLastError);
-    return result;
-}
-
-// How much of the cache block the copies of a track may use: the audio tables' region too, once
+// Bytes of the cache block that the copies of a track may use, with the audio tables' region once
 // the audio track is written.
 static int32_t work_bytes(const mp4_mux_t *mux)
 {
     return mux->m_iCacheSize + (mux->m_pAudioCache == nullptr ? mux->m_iAudioCacheSize : 0);
 }
 
-// A table's header goes in front of its records: with an append callback into the scratch table.
+// A table's header precedes its records: with an append callback, in the scratch table.
 static mp4_mux_bs_t *header_target(mp4_mux_t *mux, mp4_mux_bs_t *scratch)
 {
     return mux->m_pfnAppendFile != nullptr ? scratch : mux->m_pBs;
@@ -37,13 +31,13 @@ static int32_t write_stsd_box(mp4_mux_t *mux, mp4_mux_track_t *p_track)
     const int32_t result = p_track->m_iType == MUX_TYPE_VIDEO ? write_video_box(mux, p_track)
                                                               : write_audio_box(mux, p_track);
     if (result < 0) {
-        return tag_failure(mux, "<write_stsd_box", result);
+        return tag_failure(&mux->m_stLastError, "<write_stsd_box", result);
     }
     const int32_t patched = update_size(bs, start);
-    return patched < 0 ? tag_failure(mux, "<write_stsd_box", patched) : 0;
+    return patched < 0 ? tag_failure(&mux->m_stLastError, "<write_stsd_box", patched) : 0;
 }
 
-// Every frame is a chunk of its own.
+// Every frame is a chunk of its own, so that one entry describes all.
 static void write_stsc_box(mp4_mux_t *mux)
 {
     mp4_mux_bs_t *bs = mux->m_pBs;
@@ -62,12 +56,12 @@ static void write_stsc_box(mp4_mux_t *mux)
 
 namespace {
 
-// A box whose records a scratch table holds.
+// A box with the records of a scratch table.
 struct table_box {
     const char *type;
     mp4_mux_bs_t *scratch;
     const char *name;
-    const char *tag; // of its failures
+    const char *tag; // of its failures, or null
     int32_t header_bytes;
     uint32_t count; // of its records
     int32_t record_bytes;
@@ -75,7 +69,7 @@ struct table_box {
 
 } // namespace
 
-static int32_t write_records(mp4_mux_t *mux, mp4_mux_track_t *p_track, const table_box &table)
+static int32_t write_records(mp4_mux_t *mux, const table_box &table)
 {
     const int64_t records_bytes = int64_t{table.count} * table.record_bytes;
     const int64_t box_bytes = table.header_bytes + records_bytes;
@@ -86,51 +80,48 @@ static int32_t write_records(mp4_mux_t *mux, mp4_mux_track_t *p_track, const tab
     mp4_mux_bs_write_tag(bs, table.type);                        // unsigned int(32) type;
     mp4_mux_bs_write_be32(bs, 0); // unsigned int(8) version; bit(24) flags;
     if (table.header_bytes == kSizeTableHeaderBytes) {
-        mp4_mux_bs_write_be32(bs, 0); // unsigned int(32) sample_size = 0: see the records
+        mp4_mux_bs_write_be32(bs, 0); // unsigned int(32) sample_size = 0: each has a record
     }
-    mp4_mux_bs_write_be32(bs, table.count); // unsigned int(32) entry_count; the records
+    mp4_mux_bs_write_be32(bs, table.count); // unsigned int(32) entry_count;
     if (mux->m_pfnAppendFile != nullptr) {
         return bs_position(bs) == records_start
-                   ? append_file(mux, p_track, table.scratch, box_bytes, table.name)
+                   ? append_file(mux, table.scratch, box_bytes, table.name)
                    : MUX_ERR_WRITE; // recorded where a byte was dropped
     }
     return bs_direct_copy(mux->m_pBs, table.scratch, records_bytes, table.name);
 }
 
-// Writes a table's box and gives its scratch file up.
-static int32_t write_table(mp4_mux_t *mux, mp4_mux_track_t *p_track, const table_box &table)
+// Writes a table's box and closes its scratch file.
+static int32_t write_table(mp4_mux_t *mux, const table_box &table)
 {
-    int32_t result = calc_stxx_cache(mux, p_track, table.scratch, work_bytes(mux));
+    int32_t result = calc_stxx_cache(mux, table.scratch, work_bytes(mux));
     if (result >= 0) {
-        result = write_records(mux, p_track, table);
+        result = write_records(mux, table);
     }
-    return result < 0 ? tag_failure(mux, table.tag, result)
+    return result < 0 ? tag_failure(&mux->m_stLastError, table.tag, result)
                       : close_scratch(table.scratch, table.name);
 }
 
 static int32_t write_stco_box(mp4_mux_t *mux, mp4_mux_track_t *p_track)
 {
-    const bool is_32bit = mux->m_b32BitOffset != 0;
-    return write_table(mux, p_track,
-                       {.type = is_32bit ? "stco" : "co64",
-                        .scratch = &p_track->m_BsSTCO,
-                        .name = p_track->m_szSTCOName,
-                        .tag = "<write_stco_box",
-                        .header_bytes = kTableHeaderBytes,
-                        .count = p_track->m_uiSampleCount,
-                        .record_bytes = is_32bit ? 4 : 8});
+    return write_table(mux, {.type = mux->m_b32BitOffset != 0 ? "stco" : "co64",
+                             .scratch = &p_track->m_BsSTCO,
+                             .name = p_track->m_szSTCOName,
+                             .tag = "<write_stco_box",
+                             .header_bytes = kTableHeaderBytes,
+                             .count = p_track->m_uiSampleCount,
+                             .record_bytes = offset_record_bytes(mux)});
 }
 
 static int32_t write_stsz_box(mp4_mux_t *mux, mp4_mux_track_t *p_track)
 {
-    return write_table(mux, p_track,
-                       {.type = "stsz",
-                        .scratch = &p_track->m_BsSTSZ,
-                        .name = p_track->m_szSTSZName,
-                        .tag = "<write_stsz_box",
-                        .header_bytes = kSizeTableHeaderBytes,
-                        .count = p_track->m_uiSampleCount,
-                        .record_bytes = 4});
+    return write_table(mux, {.type = "stsz",
+                             .scratch = &p_track->m_BsSTSZ,
+                             .name = p_track->m_szSTSZName,
+                             .tag = "<write_stsz_box",
+                             .header_bytes = kSizeTableHeaderBytes,
+                             .count = p_track->m_uiSampleCount,
+                             .record_bytes = kSizeRecordBytes});
 }
 
 // A track without key frames, or of key frames alone, has no such box.
@@ -140,26 +131,24 @@ static int32_t write_stss_box(mp4_mux_t *mux, mp4_mux_track_t *p_track)
     if (syncs == 0 || syncs >= p_track->m_uiSampleCount) {
         return 0;
     }
-    return write_table(mux, p_track,
-                       {.type = "stss",
-                        .scratch = &p_track->m_BsSTSS,
-                        .name = p_track->m_szSTSSName,
-                        .tag = "<write_stss_box",
-                        .header_bytes = kTableHeaderBytes,
-                        .count = syncs,
-                        .record_bytes = 4});
+    return write_table(mux, {.type = "stss",
+                             .scratch = &p_track->m_BsSTSS,
+                             .name = p_track->m_szSTSSName,
+                             .tag = "<write_stss_box",
+                             .header_bytes = kTableHeaderBytes,
+                             .count = syncs,
+                             .record_bytes = kSyncRecordBytes});
 }
 
 // The box of the runs of durations: (count, delta) pairs.
 static int32_t write_runs(mp4_mux_t *mux, mp4_mux_track_t *p_track)
 {
-    return write_records(mux, p_track,
-                         {.type = "stts",
-                          .scratch = &p_track->m_BsSTTSDts,
-                          .name = p_track->m_szSTTSDtsName,
-                          .header_bytes = kTableHeaderBytes,
-                          .count = static_cast<uint32_t>(p_track->m_iSttsEntryCount),
-                          .record_bytes = 8});
+    return write_records(mux, {.type = "stts",
+                               .scratch = &p_track->m_BsSTTSDts,
+                               .name = p_track->m_szSTTSDtsName,
+                               .header_bytes = kTableHeaderBytes,
+                               .count = static_cast<uint32_t>(p_track->m_iSttsEntryCount),
+                               .record_bytes = kRunRecordBytes});
 }
 
 // The nearest whole number, kept within 32 bits.
@@ -191,7 +180,7 @@ static int32_t write_stts_box(mp4_mux_t *mux, mp4_mux_track_t *p_track)
 {
     int32_t result = 0;
     if (p_track->m_iType == MUX_TYPE_VIDEO) {
-        result = calc_stxx_cache(mux, p_track, &p_track->m_BsSTTSDts, work_bytes(mux));
+        result = calc_stxx_cache(mux, &p_track->m_BsSTTSDts, work_bytes(mux));
     }
     if (result >= 0 && p_track->m_iType == MUX_TYPE_VIDEO && p_track->m_iSttsEntryCount >= 2) {
         result = write_runs(mux, p_track);
@@ -199,7 +188,7 @@ static int32_t write_stts_box(mp4_mux_t *mux, mp4_mux_track_t *p_track)
         write_mean_stts_box(mux->m_pBs, p_track);
     }
     if (result < 0) {
-        return tag_failure(mux, "<write_stts_box", result);
+        return tag_failure(&mux->m_stLastError, "<write_stts_box", result);
     }
     result = close_scratch(&p_track->m_BsSTTS, p_track->m_szSTTSName);
     return result < 0 ? result : close_scratch(&p_track->m_BsSTTSDts, p_track->m_szSTTSDtsName);
@@ -226,10 +215,10 @@ int32_t write_stbl_box(mp4_mux_t *mux, mp4_mux_track_t *p_track)
     const int64_t start = begin_box(mux->m_pBs, "stbl");
     const int32_t result = write_tables(mux, p_track);
     if (result < 0) {
-        if (result != MUX_ERR_CLOSE) { // the release meets that file again and reports it
+        if (result != MUX_ERR_CLOSE) { // the release tries again and reports it
             mux->m_pBs->m_bTorn = 1;
         }
-        return tag_failure(mux, "<write_stbl_box", result);
+        return tag_failure(&mux->m_stLastError, "<write_stbl_box", result);
     }
     return update_size(mux->m_pBs, start);
 }

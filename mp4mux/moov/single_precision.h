@@ -1,5 +1,5 @@
-// For units whose arithmetic passes through single precision: the bytes of a file depend on how it
-// rounds, so that a compiler that rounds otherwise is refused.
+// For units that compute in single precision: the bytes of a file depend on how it rounds, so that
+// builds which round differently are refused.
 #ifndef MP4MUX_MOOV_SINGLE_PRECISION_H
 #define MP4MUX_MOOV_SINGLE_PRECISION_H
 

@@ -9,14 +9,6 @@
 // The output keeps at least this much cache when a table is read in one piece.
 static constexpr int64_t kMinOutputCacheBytes = 16384;
 
-// Appends a tag on the way up.
-// returns  a negative code also when nothing was recorded, as by a seek that the callback refused
-static int32_t tag_failure(mp4_mux_bs_t *bs, const char *tag, int32_t result)
-{
-    mp4_mux_add_err_string(tag, bs->m_pstError);
-    return result < 0 ? result : MUX_ERR_SEEK;
-}
-
 int32_t close_scratch(mp4_mux_bs_t *scratch, const char *name)
 {
     if (scratch->m_hFile == nullptr) {
@@ -42,13 +34,13 @@ static bool overlaps(const uint8_t *a, const uint8_t *b, uint32_t bytes)
 
 int32_t reset_write_cache2(mp4_mux_bs_t *bs, uint8_t *buffer, int32_t size)
 {
-    // Pending bytes that lie across the new buffer's start cannot be copied there.
+    // Pending bytes that overlap their new place cannot be copied there.
     if (bs->m_uiFill >= static_cast<uint32_t>(size) ||
         (buffer != bs->m_pbyCache && overlaps(buffer, bs->m_pbyCache, bs->m_uiFill))) {
         assert(bs->m_hFile != nullptr);
         const int32_t flushed = mp4_mux_bs_write_flush(bs);
         if (flushed < 0) {
-            return tag_failure(bs, "<reset_write_cache2", flushed);
+            return tag_failure(bs->m_pstError, "<reset_write_cache2", flushed);
         }
     }
     if (buffer != bs->m_pbyCache && bs->m_uiFill > 0) {
@@ -63,22 +55,22 @@ int32_t reset_write_cache2(mp4_mux_bs_t *bs, uint8_t *buffer, int32_t size)
     return 0;
 }
 
-// The size of a scratch file, which is left at its start.
-static int32_t size_of_file(mp4_mux_bs_t *scratch, int64_t *size)
+// Sizes a scratch file and returns to its start.
+static int32_t size_of_file(mp4_mux_bs_t *scratch, int64_t *file_bytes)
 {
     const mp4_mux_file_t &file = scratch->m_pstMux->m_stFile;
     if (file.m_pfnFseek(scratch->m_hFile, 0, SEEK_END) == 0) {
-        *size = file.m_pfnFtell(scratch->m_hFile);
-        if (*size >= 0 && file.m_pfnFseek(scratch->m_hFile, 0, SEEK_SET) == 0) {
+        *file_bytes = file.m_pfnFtell(scratch->m_hFile);
+        if (*file_bytes >= 0 && file.m_pfnFseek(scratch->m_hFile, 0, SEEK_SET) == 0) {
             return 0;
         }
     }
-    return bs_fail(scratch, MUX_ERR_SEEK, "can't size the scratch file");
+    return fail(scratch->m_pstError, MUX_ERR_SEEK, "can't size the scratch file");
 }
 
-// Moves the output's cache first: its pending bytes may lie where the table's cache will be.
-static int32_t lay_caches(mp4_mux_bs_t *out, uint8_t *out_cache, int64_t out_bytes,
-                          mp4_mux_bs_t *scratch, uint8_t *scratch_cache, int64_t scratch_bytes)
+// Moves the output's cache first: its pending bytes may be where the table's cache will be.
+static int32_t place_caches(mp4_mux_bs_t *out, uint8_t *out_cache, int64_t out_bytes,
+                            mp4_mux_bs_t *scratch, uint8_t *scratch_cache, int64_t scratch_bytes)
 {
     const int32_t result = reset_write_cache2(out, out_cache, static_cast<int32_t>(out_bytes));
     if (result < 0) {
@@ -87,33 +79,38 @@ static int32_t lay_caches(mp4_mux_bs_t *out, uint8_t *out_cache, int64_t out_byt
     return reset_write_cache2(scratch, scratch_cache, static_cast<int32_t>(scratch_bytes));
 }
 
-static int32_t share_cache_block(mp4_mux_t *mux, mp4_mux_bs_t *scratch, int64_t need, int64_t work)
+static int32_t share_cache_block(mp4_mux_t *mux, mp4_mux_bs_t *scratch, int64_t need_bytes,
+                                 int64_t work_bytes)
 {
     const int32_t flushed = mp4_mux_bs_write_flush(mux->m_pBs);
     if (flushed < 0) {
         return flushed;
     }
-    const bool is_held = work - need > kMinOutputCacheBytes;
-    const int64_t part = is_held ? need : work / 2;
-    const int64_t rest = is_held ? work - need : work / 2;
-    return lay_caches(mux->m_pBs, mux->m_pCache + part, rest, scratch, mux->m_pCache, part);
+    const bool is_held = work_bytes - need_bytes > kMinOutputCacheBytes;
+    const int64_t cache_bytes = is_held ? need_bytes : work_bytes / 2;
+    const int64_t out_bytes = is_held ? work_bytes - need_bytes : work_bytes / 2;
+    return place_caches(mux->m_pBs, mux->m_pCache + cache_bytes, out_bytes, scratch, mux->m_pCache,
+                        cache_bytes);
 }
 
-static int32_t share_close_memory(mp4_mux_t *mux, mp4_mux_bs_t *scratch, int64_t need, int64_t work)
+static int32_t share_close_memory(mp4_mux_t *mux, mp4_mux_bs_t *scratch, int64_t need_bytes,
+                                  int64_t work_bytes)
 {
-    const int64_t lent = mux->m_iCloseMemSize;
-    const int64_t rest = lent - need;
-    if (rest <= 0) {
-        return lay_caches(mux->m_pBs, mux->m_pCloseMem, lent, scratch, mux->m_pCache, work);
+    const int64_t lent_bytes = mux->m_iCloseMemSize;
+    const int64_t rest_bytes = lent_bytes - need_bytes;
+    if (rest_bytes <= 0) {
+        return place_caches(mux->m_pBs, mux->m_pCloseMem, lent_bytes, scratch, mux->m_pCache,
+                            work_bytes);
     }
-    if (rest >= work) {
-        return lay_caches(mux->m_pBs, mux->m_pCloseMem, rest, scratch, mux->m_pCloseMem + rest,
-                          need);
+    if (rest_bytes >= work_bytes) {
+        return place_caches(mux->m_pBs, mux->m_pCloseMem, rest_bytes, scratch,
+                            mux->m_pCloseMem + rest_bytes, need_bytes);
     }
-    return lay_caches(mux->m_pBs, mux->m_pCache, work, scratch, mux->m_pCloseMem, need);
+    return place_caches(mux->m_pBs, mux->m_pCache, work_bytes, scratch, mux->m_pCloseMem,
+                        need_bytes);
 }
 
-// The table lies in its cache: the output may have all of the memory.
+// The table is in its own cache: the output may have all of the memory.
 static int32_t read_from_cache(mp4_mux_t *mux, mp4_mux_bs_t *scratch, int32_t work_bytes)
 {
     scratch->m_uiValid = scratch->m_uiFill;
@@ -128,52 +125,51 @@ static int32_t share_memory(mp4_mux_t *mux, mp4_mux_bs_t *scratch, int32_t work_
     if (scratch->m_hFile == nullptr) {
         return read_from_cache(mux, scratch, work_bytes);
     }
-    int64_t size = 0;
-    const int32_t result = size_of_file(scratch, &size);
+    int64_t file_bytes = 0;
+    const int32_t result = size_of_file(scratch, &file_bytes);
     if (result < 0) {
         return result;
     }
-    const int64_t need = (size & ~int64_t{3}) + 4;
+    const int64_t need_bytes = (file_bytes & ~int64_t{3}) + 4;
     return mux->m_iCloseMemMode == kCloseMemNone
-               ? share_cache_block(mux, scratch, need, work_bytes)
-               : share_close_memory(mux, scratch, need, work_bytes);
+               ? share_cache_block(mux, scratch, need_bytes, work_bytes)
+               : share_close_memory(mux, scratch, need_bytes, work_bytes);
 }
 
-int32_t calc_stxx_cache(mp4_mux_t *mux, mp4_mux_track_t *, mp4_mux_bs_t *scratch,
-                        int32_t work_bytes)
+int32_t calc_stxx_cache(mp4_mux_t *mux, mp4_mux_bs_t *scratch, int32_t work_bytes)
 {
     if (scratch->m_hFile != nullptr && mux->m_pfnAppendFile != nullptr) {
         return 0;
     }
     const int32_t result = share_memory(mux, scratch, work_bytes);
-    return result < 0 ? tag_failure(mux->m_pBs, "<calc_stxx_cache", result) : 0;
+    return result < 0 ? tag_failure(mux->m_pBs->m_pstError, "<calc_stxx_cache", result) : 0;
 }
 
 static int32_t copy_from_cache(mp4_mux_bs_t *out, const mp4_mux_bs_t *scratch, int64_t length)
 {
     if (length > scratch->m_uiValid) {
-        return bs_fail(out, MUX_ERR_EOF, "the end of the table");
+        return fail(out->m_pstError, MUX_ERR_EOF, "the end of the table");
     }
     return mp4_mux_bs_write_bytes(out, scratch->m_pbyCache, static_cast<int32_t>(length));
 }
 
-// A table larger than its cache goes straight into the output's: one copy of each byte less.
+// A table larger than its cache is read straight into the output's, which saves a copy.
 static int32_t copy_large_file(mp4_mux_bs_t *out, mp4_mux_bs_t *scratch, int64_t length)
 {
-    for (int64_t left = length; left > 0;) {
+    for (int64_t left_bytes = length; left_bytes > 0;) {
         uint8_t *space = nullptr;
-        const int32_t wanted = static_cast<int32_t>(std::min<int64_t>(left, INT32_MAX));
-        const int32_t room = bs_lend_space(out, wanted, &space);
-        if (room < 0) {
-            return room;
+        const int32_t wanted_bytes = static_cast<int32_t>(std::min<int64_t>(left_bytes, INT32_MAX));
+        const int32_t room_bytes = bs_lend_space(out, wanted_bytes, &space);
+        if (room_bytes < 0) {
+            return room_bytes;
         }
-        const size_t got = scratch->m_pstMux->m_stFile.m_pfnFread(
-            space, 1, static_cast<size_t>(room), scratch->m_hFile);
-        if (got == 0) {
-            return bs_fail(scratch, MUX_ERR_EOF, "the end of the file(bs_read_bytes)");
+        const size_t got_bytes = scratch->m_pstMux->m_stFile.m_pfnFread(
+            space, 1, static_cast<size_t>(room_bytes), scratch->m_hFile);
+        if (got_bytes == 0) {
+            return fail(scratch->m_pstError, MUX_ERR_EOF, "the end of the file(bs_read_bytes)");
         }
-        out->m_uiFill += static_cast<uint32_t>(got);
-        left -= static_cast<int64_t>(got);
+        out->m_uiFill += static_cast<uint32_t>(got_bytes);
+        left_bytes -= static_cast<int64_t>(got_bytes);
     }
     return 0;
 }
@@ -187,16 +183,16 @@ static int32_t copy_from_file(mp4_mux_bs_t *out, mp4_mux_bs_t *scratch, int64_t 
     int32_t result = 0;
     for (int64_t left = length; left > 0 && result >= 0; left -= result) {
         const uint8_t *bytes = nullptr;
-        const int32_t got = bs_borrow_bytes(scratch, static_cast<int32_t>(left), &bytes);
-        if (got < 0) {
-            return got;
+        const int32_t got_bytes = bs_borrow_bytes(scratch, static_cast<int32_t>(left), &bytes);
+        if (got_bytes < 0) {
+            return got_bytes;
         }
-        if (got == length) { // all in one piece: give the storage back before it is needed
+        if (got_bytes == length) { // the whole table: free its storage before the output grows
             result = close_scratch(scratch, name);
         }
         if (result >= 0) {
-            result = mp4_mux_bs_write_bytes(out, bytes, got);
-            scratch->m_uiFill += static_cast<uint32_t>(got);
+            result = mp4_mux_bs_write_bytes(out, bytes, got_bytes);
+            scratch->m_uiFill += static_cast<uint32_t>(got_bytes);
         }
     }
     return result;
@@ -206,10 +202,10 @@ int32_t bs_direct_copy(mp4_mux_bs_t *out, mp4_mux_bs_t *scratch, int64_t length,
 {
     const int32_t result = scratch->m_hFile == nullptr ? copy_from_cache(out, scratch, length)
                                                        : copy_from_file(out, scratch, length, name);
-    return result < 0 ? tag_failure(out, "<bs_direct_copy", result) : 0;
+    return result < 0 ? tag_failure(out->m_pstError, "<bs_direct_copy", result) : 0;
 }
 
-// Brings the table's header into its file and leaves both files where the callback expects them.
+// Writes the table's header into its file and leaves both files where the callback expects them.
 static int32_t prepare_files(mp4_mux_bs_t *out, mp4_mux_bs_t *scratch)
 {
     int32_t result = mp4_mux_bs_write_flush(out);
@@ -222,7 +218,7 @@ static int32_t prepare_files(mp4_mux_bs_t *out, mp4_mux_bs_t *scratch)
     return result;
 }
 
-// Makes the table box before the appended one reach to it, and goes to the end of the latter.
+// Extends the table box before the appended one up to it, and seeks to the end of the latter.
 static int32_t absorb_gap(mp4_mux_t *mux, int64_t length)
 {
     mp4_mux_bs_t *out = mux->m_pBs;
@@ -240,24 +236,23 @@ static int32_t append_scratch_file(mp4_mux_t *mux, mp4_mux_bs_t *scratch, int64_
     mp4_mux_bs_t *out = mux->m_pBs;
     const int32_t prepared = prepare_files(out, scratch);
     if (prepared < 0) {
-        return tag_failure(out, "<append_file", prepared);
+        return tag_failure(out->m_pstError, "<append_file", prepared);
     }
     out->m_bSeekDue = 1; // the callback moves the file
     const int32_t gap = mux->m_pfnAppendFile(out->m_hFile, scratch->m_hFile, 0);
     if (gap < 0) {
-        return bs_fail(out, MUX_ERR_APPEND, "");
+        return fail(out->m_pstError, MUX_ERR_APPEND, "");
     }
-    scratch->m_hFile = nullptr; // the callback has closed it
+    scratch->m_hFile = nullptr; // closed by the callback
     if (mux->m_stFile.m_pfnRemove != nullptr) {
         mux->m_stFile.m_pfnRemove(name);
     }
     mux->m_uiPendingSize += static_cast<uint32_t>(gap);
     const int32_t absorbed = absorb_gap(mux, length);
-    return absorbed < 0 ? tag_failure(out, "<append_file", absorbed) : 0;
+    return absorbed < 0 ? tag_failure(out->m_pstError, "<append_file", absorbed) : 0;
 }
 
-int32_t append_file(mp4_mux_t *mux, mp4_mux_track_t *, mp4_mux_bs_t *scratch, int64_t length,
-                    const char *name)
+int32_t append_file(mp4_mux_t *mux, mp4_mux_bs_t *scratch, int64_t length, const char *name)
 {
     if (scratch->m_hFile != nullptr) {
         const int32_t result = append_scratch_file(mux, scratch, length, name);
@@ -267,7 +262,7 @@ int32_t append_file(mp4_mux_t *mux, mp4_mux_track_t *, mp4_mux_bs_t *scratch, in
     } else {
         const int32_t result = copy_from_cache(mux->m_pBs, scratch, length);
         if (result < 0) {
-            return tag_failure(mux->m_pBs, "<append_file", result);
+            return tag_failure(mux->m_pBs->m_pstError, "<append_file", result);
         }
     }
     mux->m_llPendingPos += mux->m_uiPendingSize;

@@ -1,7 +1,7 @@
-// From a scratch table to its box: the caches that the copy uses, and the copy itself.
+// From a scratch table to its box: the caches for the copy, and the copy itself.
 //
 // No memory is allocated here. While the movie box is written, the output's cache and that of the
-// table being read are laid anew into the muxer's cache block and the memory lent for the close.
+// table being read are placed in the muxer's cache block and the memory lent for the close.
 #ifndef MP4MUX_MOOV_TABLE_COPY_H
 #define MP4MUX_MOOV_TABLE_COPY_H
 
@@ -9,34 +9,36 @@
 
 #include <cstdint>
 
-// Closes a scratch file, if one is open, and removes it (name may be null: it stays). A file whose
-// close failed before is not closed again; the failure is reported once more.
-// returns  0 or MUX_ERR_CLOSE
+// Closes a scratch file, if one is open, and removes it (not if name is null). A file whose close
+// failed before is not closed again; the failure is reported once more.
+// returns: 0 or MUX_ERR_CLOSE
 [[nodiscard]] int32_t close_scratch(mp4_mux_bs_t *scratch, const char *name);
 
-// Moves a bitstream's cache to a buffer of size bytes, with the bytes that are not yet written;
-// flushes first when they would not fit.
-// returns  0 or the flush's error, tag "<reset_write_cache2"
+// Moves a bitstream's cache, with the bytes not yet written, to a buffer of size bytes; flushes
+// first if they would not fit.
+// returns: 0 or the flush's error, tag "<reset_write_cache2"
 [[nodiscard]] int32_t reset_write_cache2(mp4_mux_bs_t *bs, uint8_t *buffer, int32_t size);
 
-// Sizes a scratch table and shares the memory between the output's cache and the table's: of the
-// cache block the first work_bytes bytes are free. A table without a file is set to be read from
-// the start of its cache; with an append callback a table with a file is left alone.
-// returns  0 or a negative code; tag "<calc_stxx_cache"
-[[nodiscard]] int32_t calc_stxx_cache(mp4_mux_t *mux, mp4_mux_track_t *p_track,
-                                      mp4_mux_bs_t *scratch, int32_t work_bytes);
+// Sizes a scratch table and shares the memory between the output's cache and the table's. A table
+// without a file will be read from the start of its cache; with an append callback a table with a
+// file is left alone.
+// in: work_bytes: free bytes at the start of the cache block
+// returns: 0 or a negative code; tag "<calc_stxx_cache"
+[[nodiscard]] int32_t calc_stxx_cache(mp4_mux_t *mux, mp4_mux_bs_t *scratch, int32_t work_bytes);
 
 // Copies the first length bytes of a scratch table to the output. A scratch file that fits its
 // cache is closed and removed (name not null) before they are written; a larger one is read
-// straight into the output's cache. returns  0 or a negative code; tag "<bs_direct_copy"
+// straight into the output's cache.
+// returns: 0 or a negative code; tag "<bs_direct_copy"
 [[nodiscard]] int32_t bs_direct_copy(mp4_mux_bs_t *out, mp4_mux_bs_t *scratch, int64_t length,
                                      const char *name);
 
 // Puts a scratch table that begins with its box header into the output: a file through the append
-// callback, a table without one by copying. length is the box's size. Where the appended data lies
-// beyond the box before it, that box is made to reach there.
-// returns  0 or a negative code; tag "<append_file"; MUX_ERR_APPEND without a message or a tag
-[[nodiscard]] int32_t append_file(mp4_mux_t *mux, mp4_mux_track_t *p_track, mp4_mux_bs_t *scratch,
-                                  int64_t length, const char *name);
+// callback, a table without one by copying. If the appended data leaves a gap after the box before
+// it, that box is extended over the gap.
+// in: length: bytes of the box
+// returns: 0 or a negative code; tag "<append_file"; MUX_ERR_APPEND without a message or a tag
+[[nodiscard]] int32_t append_file(mp4_mux_t *mux, mp4_mux_bs_t *scratch, int64_t length,
+                                  const char *name);
 
 #endif // MP4MUX_MOOV_TABLE_COPY_H

@@ -8,7 +8,7 @@
 #include <cstring>
 #include <pthread.h>
 
-#define LOG_TEXT_MAX 1024 // with the terminator; a longer text is cut
+static constexpr int kLogTextMax = 1024; // with the terminator; a longer text is cut
 
 static std::atomic<int> lowest_priority = ANDROID_LOG_WARN;
 static pthread_mutex_t lock_log = PTHREAD_MUTEX_INITIALIZER;
@@ -29,7 +29,7 @@ int __android_log_print(int priority, const char *tag, const char *format, ...)
     if (priority < lowest_priority) {
         return 0;
     }
-    char text[LOG_TEXT_MAX];
+    char text[kLogTextMax];
     va_list arguments;
     va_start(arguments, format);
     const int length = vsnprintf(text, sizeof(text), format, arguments);
@@ -45,7 +45,7 @@ int __android_log_print(int priority, const char *tag, const char *format, ...)
         write_line(priority, tag, text);
     }
     pthread_mutex_unlock(&lock_log);
-    return length < LOG_TEXT_MAX ? length : LOG_TEXT_MAX - 1;
+    return length < kLogTextMax ? length : kLogTextMax - 1;
 }
 
 void host_set_log_level(int priority)

@@ -1,4 +1,4 @@
-// The buffers of a port: their making and release, and their way to the component and back.
+// The buffers of a port: allocation, release, and the exchange with the client.
 #include "platform/host/omx_base_internal.h"
 #include "platform/host/semaphore_queue_internal.h"
 #include "platform/qvr_memory.h"
@@ -7,9 +7,9 @@ static omx_base_buffer_t *find_buffer(omx_base_port_PrivateType *port,
                                       const OMX_BUFFERHEADERTYPE *header)
 {
     omx_base_port_internal_t *internal = port->pInternal;
-    for (uint32_t index = 0; index < internal->uiBufferCount; index++) {
-        if (internal->astBuffer[index].pHeader == header) {
-            return &internal->astBuffer[index];
+    for (uint32_t index = 0; index < internal->buffer_count; index++) {
+        if (internal->buffers[index].header == header) {
+            return &internal->buffers[index];
         }
     }
     return nullptr;
@@ -18,16 +18,16 @@ static omx_base_buffer_t *find_buffer(omx_base_port_PrivateType *port,
 static bool port_command_waits(const omx_base_sink_PrivateType *sink, OMX_COMMANDTYPE command,
                                const omx_base_port_PrivateType *port)
 {
-    return omx_base_command_waits(sink, command, port->pInternal->uiIndex) ||
+    return omx_base_command_waits(sink, command, port->pInternal->index) ||
            omx_base_command_waits(sink, command, OMX_ALL);
 }
 
-// Whether a port can be given a buffer now; a command that still waits counts.
+// returns: whether the port may get a buffer now; a queued command counts as carried out.
 static bool may_add_buffer(const omx_base_sink_PrivateType *sink,
                            const omx_base_port_PrivateType *port)
 {
     const omx_base_transient_t transient = omx_base_get_transient_state(sink);
-    const omx_base_change_t change = port->pInternal->eChange;
+    const omx_base_change_t change = port->pInternal->change;
     const bool enabled = port->stPortDefinition.bEnabled != 0;
     switch (omx_base_get_state(sink)) {
     case OMX_StateLoaded:
@@ -38,8 +38,8 @@ static bool may_add_buffer(const omx_base_sink_PrivateType *sink,
     case OMX_StateExecuting:
     case OMX_StatePause:
         return transient == OMX_TransStateNone &&
-               (port_command_waits(sink, OMX_CommandPortEnable, port) ||
-                change == OMX_ChangeEnable || (change == OMX_ChangeNone && !enabled));
+               (port_command_waits(sink, OMX_CommandPortEnable, port) || change == kChangeEnable ||
+                (change == kChangeNone && !enabled));
     default:
         return false;
     }
@@ -47,64 +47,65 @@ static bool may_add_buffer(const omx_base_sink_PrivateType *sink,
 
 static void release_buffer(omx_base_buffer_t *buffer)
 {
-    QVR_free(buffer->pData);
-    QVR_free(buffer->pHeader);
+    QVR_free(buffer->data);
+    QVR_free(buffer->header);
     *buffer = {};
 }
 
-// Acquires the header, and the memory when the client gives none.
-static OMX_ERRORTYPE acquire_buffer(omx_base_buffer_t *buffer, OMX_U32 size, OMX_U8 *client_data)
+// Allocates the header, and the memory unless the client provides it.
+static OMX_ERRORTYPE acquire_buffer(omx_base_buffer_t *buffer, OMX_U32 size_bytes,
+                                    OMX_U8 *client_data)
 {
-    buffer->pHeader =
+    buffer->header =
         static_cast<OMX_BUFFERHEADERTYPE *>(QVR_calloc(1, sizeof(OMX_BUFFERHEADERTYPE)));
-    if (buffer->pHeader == nullptr) {
+    if (buffer->header == nullptr) {
         return OMX_ErrorInsufficientResources;
     }
     if (client_data == nullptr) {
-        buffer->pData = QVR_malloc(size);
-        if (buffer->pData == nullptr) {
+        buffer->data = QVR_malloc(size_bytes);
+        if (buffer->data == nullptr) {
             release_buffer(buffer);
             return OMX_ErrorInsufficientResources;
         }
     }
-    OMX_BUFFERHEADERTYPE *header = buffer->pHeader;
+    OMX_BUFFERHEADERTYPE *header = buffer->header;
     header->nSize = sizeof(*header);
     header->nVersion.nVersion = OMX_VERSION_1_1_2;
-    header->pBuffer = client_data != nullptr ? client_data : static_cast<OMX_U8 *>(buffer->pData);
-    header->nAllocLen = size;
+    header->pBuffer = client_data != nullptr ? client_data : static_cast<OMX_U8 *>(buffer->data);
+    header->nAllocLen = size_bytes;
     return OMX_ErrorNone;
 }
 
 static OMX_ERRORTYPE add_buffer_locked(omx_base_sink_PrivateType *sink,
-                                       omx_base_port_PrivateType *port, OMX_U32 size,
+                                       omx_base_port_PrivateType *port, OMX_U32 size_bytes,
                                        OMX_U8 *client_data, OMX_BUFFERHEADERTYPE **added)
 {
     OMX_PARAM_PORTDEFINITIONTYPE &definition = port->stPortDefinition;
     omx_base_port_internal_t *internal = port->pInternal;
-    if (size == 0 || size < definition.nBufferSize) {
+    if (size_bytes == 0 || size_bytes < definition.nBufferSize) {
         return OMX_ErrorBadParameter;
     }
-    if (!may_add_buffer(sink, port) || internal->uiBufferCount >= definition.nBufferCountActual) {
+    if (!may_add_buffer(sink, port) || internal->buffer_count >= definition.nBufferCountActual) {
         return OMX_ErrorIncorrectStateOperation;
     }
     omx_base_buffer_t buffer = {};
-    const OMX_ERRORTYPE error = acquire_buffer(&buffer, size, client_data);
+    const OMX_ERRORTYPE error = acquire_buffer(&buffer, size_bytes, client_data);
     if (error != OMX_ErrorNone) {
         return error;
     }
-    buffer.pHeader->nInputPortIndex = internal->uiIndex;
-    buffer.pHeader->pInputPortPrivate = port;
-    internal->astBuffer[internal->uiBufferCount++] = buffer;
-    if (internal->uiBufferCount == definition.nBufferCountActual) {
+    buffer.header->nInputPortIndex = internal->index;
+    buffer.header->pInputPortPrivate = port;
+    internal->buffers[internal->buffer_count++] = buffer;
+    if (internal->buffer_count == definition.nBufferCountActual) {
         definition.bPopulated = OMX_TRUE;
         omx_base_notify_message_thread(sink);
     }
-    *added = buffer.pHeader;
+    *added = buffer.header;
     return OMX_ErrorNone;
 }
 
 static OMX_ERRORTYPE add_buffer(OMX_HANDLETYPE component, OMX_BUFFERHEADERTYPE **header,
-                                OMX_U32 port_index, OMX_PTR app_private, OMX_U32 size,
+                                OMX_U32 port_index, OMX_PTR app_private, OMX_U32 size_bytes,
                                 OMX_U8 *client_data)
 {
     omx_base_sink_PrivateType *sink = nullptr;
@@ -120,7 +121,7 @@ static OMX_ERRORTYPE add_buffer(OMX_HANDLETYPE component, OMX_BUFFERHEADERTYPE *
         return OMX_ErrorBadPortIndex;
     }
     pthread_mutex_lock(&sink->pInternal->lock);
-    error = add_buffer_locked(sink, port, size, client_data, header);
+    error = add_buffer_locked(sink, port, size_bytes, client_data, header);
     if (error == OMX_ErrorNone) {
         (*header)->pAppPrivate = app_private;
     }
@@ -128,26 +129,26 @@ static OMX_ERRORTYPE add_buffer(OMX_HANDLETYPE component, OMX_BUFFERHEADERTYPE *
     return error;
 }
 
-OMX_ERRORTYPE omx_base_component_UseBuffer(OMX_HANDLETYPE handle, OMX_BUFFERHEADERTYPE **buffer_out,
-                                           OMX_U32 port_index, OMX_PTR app_private, OMX_U32 size,
-                                           OMX_U8 *data)
+OMX_ERRORTYPE omx_base_component_UseBuffer(OMX_HANDLETYPE handle, OMX_BUFFERHEADERTYPE **header,
+                                           OMX_U32 port_index, OMX_PTR app_private,
+                                           OMX_U32 size_bytes, OMX_U8 *data)
 {
     if (data == nullptr) {
         return OMX_ErrorBadParameter;
     }
-    return add_buffer(handle, buffer_out, port_index, app_private, size, data);
+    return add_buffer(handle, header, port_index, app_private, size_bytes, data);
 }
 
 OMX_ERRORTYPE omx_base_component_AllocateBuffer(OMX_HANDLETYPE handle,
-                                                OMX_BUFFERHEADERTYPE **buffer_out,
-                                                OMX_U32 port_index, OMX_PTR app_private,
-                                                OMX_U32 size)
+                                                OMX_BUFFERHEADERTYPE **header, OMX_U32 port_index,
+                                                OMX_PTR app_private, OMX_U32 size_bytes)
 {
-    return add_buffer(handle, buffer_out, port_index, app_private, size, nullptr);
+    return add_buffer(handle, header, port_index, app_private, size_bytes, nullptr);
 }
 
-// Whether a port that loses a buffer now goes without it against the client's own commands.
-static bool is_missed(const omx_base_sink_PrivateType *sink, const omx_base_port_PrivateType *port)
+// returns: whether the port is in use and no queued command lets it lose a buffer.
+static bool needs_its_buffers(const omx_base_sink_PrivateType *sink,
+                              const omx_base_port_PrivateType *port)
 {
     const OMX_STATETYPE state = omx_base_get_state(sink);
     return (state == OMX_StateIdle || state == OMX_StateExecuting || state == OMX_StatePause) &&
@@ -166,15 +167,15 @@ static OMX_ERRORTYPE free_buffer_locked(omx_base_sink_PrivateType *sink,
     if (buffer == nullptr) {
         return OMX_ErrorBadParameter;
     }
-    if (buffer->bHeld) {
+    if (buffer->is_held) {
         return OMX_ErrorIncorrectStateOperation;
     }
-    internal->bUnpopulated = internal->bUnpopulated || is_missed(sink, port);
+    internal->has_lost_buffer = internal->has_lost_buffer || needs_its_buffers(sink, port);
     release_buffer(buffer);
-    *buffer = internal->astBuffer[--internal->uiBufferCount];
-    internal->astBuffer[internal->uiBufferCount] = {};
+    *buffer = internal->buffers[--internal->buffer_count];
+    internal->buffers[internal->buffer_count] = {};
     port->stPortDefinition.bPopulated = OMX_FALSE;
-    if (internal->uiBufferCount == 0 || internal->bUnpopulated) {
+    if (internal->buffer_count == 0 || internal->has_lost_buffer) {
         omx_base_notify_message_thread(sink);
     }
     return OMX_ErrorNone;
@@ -204,8 +205,8 @@ OMX_ERRORTYPE omx_base_component_FreeBuffer(OMX_HANDLETYPE handle, OMX_U32 port_
 void omx_base_free_buffers(omx_base_port_PrivateType *port)
 {
     omx_base_port_internal_t *internal = port->pInternal;
-    while (internal->uiBufferCount != 0) {
-        release_buffer(&internal->astBuffer[--internal->uiBufferCount]);
+    while (internal->buffer_count != 0) {
+        release_buffer(&internal->buffers[--internal->buffer_count]);
     }
 }
 
@@ -217,7 +218,7 @@ static OMX_ERRORTYPE check_header(const OMX_BUFFERHEADERTYPE *header,
     if (error != OMX_ErrorNone) {
         return error;
     }
-    if (header->nInputPortIndex != port->pInternal->uiIndex) {
+    if (header->nInputPortIndex != port->pInternal->index) {
         return OMX_ErrorBadPortIndex;
     }
     if (header->nOffset > header->nAllocLen ||
@@ -228,16 +229,16 @@ static OMX_ERRORTYPE check_header(const OMX_BUFFERHEADERTYPE *header,
     return OMX_ErrorNone;
 }
 
-// Gives the oldest waiting mark to a buffer that carries none.
+// Attaches the oldest waiting mark to a buffer that has none.
 static void apply_mark(omx_base_port_internal_t *internal, OMX_BUFFERHEADERTYPE *header)
 {
-    if (internal->uiMarkCount == 0 || header->hMarkTargetComponent != nullptr) {
+    if (internal->mark_count == 0 || header->hMarkTargetComponent != nullptr) {
         return;
     }
-    header->hMarkTargetComponent = internal->astMark[internal->uiFirstMark].hMarkTargetComponent;
-    header->pMarkData = internal->astMark[internal->uiFirstMark].pMarkData;
-    internal->uiFirstMark = (internal->uiFirstMark + 1) % kMarkCapacity;
-    internal->uiMarkCount--;
+    header->hMarkTargetComponent = internal->marks[internal->first_mark].hMarkTargetComponent;
+    header->pMarkData = internal->marks[internal->first_mark].pMarkData;
+    internal->first_mark = (internal->first_mark + 1) % kMarkCapacity;
+    internal->mark_count--;
 }
 
 static OMX_ERRORTYPE empty_buffer_locked(omx_base_sink_PrivateType *sink,
@@ -248,7 +249,7 @@ static OMX_ERRORTYPE empty_buffer_locked(omx_base_sink_PrivateType *sink,
         omx_base_get_transient_state(sink) != OMX_TransStateNone) {
         return OMX_ErrorIncorrectStateOperation;
     }
-    // The header is not looked into before it is known.
+    // An unknown header is not dereferenced.
     omx_base_port_PrivateType *port = nullptr;
     omx_base_buffer_t *buffer = nullptr;
     omx_base_for_ports(sink, OMX_ALL, [&](omx_base_port_PrivateType *candidate) {
@@ -261,7 +262,7 @@ static OMX_ERRORTYPE empty_buffer_locked(omx_base_sink_PrivateType *sink,
     if (buffer == nullptr) {
         return OMX_ErrorBadParameter;
     }
-    if (buffer->bHeld || !port->stPortDefinition.bEnabled || !port->stPortDefinition.bPopulated) {
+    if (buffer->is_held || !port->stPortDefinition.bEnabled || !port->stPortDefinition.bPopulated) {
         return OMX_ErrorIncorrectStateOperation;
     }
     const OMX_ERRORTYPE error = check_header(header, port);
@@ -271,8 +272,8 @@ static OMX_ERRORTYPE empty_buffer_locked(omx_base_sink_PrivateType *sink,
     if (queue(port->pBufferQueue, header) != 0) {
         return OMX_ErrorInsufficientResources;
     }
-    buffer->bHeld = true;
-    apply_mark(port->pInternal, header); // nobody takes the buffer before its count is up
+    buffer->is_held = true;
+    apply_mark(port->pInternal, header); // before the count is up, no thread takes the buffer
     tsem_up(port->pBufferSem);
     tsem_up(&sink->semBufferThread);
     return OMX_ErrorNone;
@@ -295,9 +296,9 @@ OMX_ERRORTYPE omx_base_component_EmptyThisBuffer(OMX_HANDLETYPE handle,
     return error;
 }
 
-// A mark for this component is for one trip of the buffer: the client's next use of it is a new
-// one.
-static void take_off_mark(const omx_base_sink_PrivateType *sink, OMX_BUFFERHEADERTYPE *header)
+// A mark for this component holds for one exchange; the client's next use of the buffer starts
+// without it.
+static void remove_mark(const omx_base_sink_PrivateType *sink, OMX_BUFFERHEADERTYPE *header)
 {
     if (header->hMarkTargetComponent == sink->pComponent) {
         header->hMarkTargetComponent = nullptr;
@@ -314,12 +315,12 @@ OMX_ERRORTYPE omx_base_return_buffer(omx_base_port_PrivateType *port, OMX_BUFFER
     }
     pthread_mutex_lock(&sink->pInternal->lock);
     omx_base_buffer_t *buffer = find_buffer(port, header);
-    const bool held = buffer != nullptr && buffer->bHeld;
+    const bool held = buffer != nullptr && buffer->is_held;
     if (held) {
-        buffer->bHeld = false;
-        take_off_mark(sink, header);
+        buffer->is_held = false;
+        remove_mark(sink, header);
     }
-    const OMX_CALLBACKTYPE callbacks = sink->pInternal->stCallbacks;
+    const OMX_CALLBACKTYPE callbacks = sink->pInternal->callbacks;
     const OMX_PTR callback_data = sink->pCallbackData;
     pthread_mutex_unlock(&sink->pInternal->lock);
     if (!held) {
@@ -341,13 +342,13 @@ uint32_t omx_base_collect_held(omx_base_sink_PrivateType *sink, omx_base_port_Pr
     pthread_mutex_lock(&sink->pInternal->lock);
     while (void *element = queue_take(port->pBufferQueue)) {
         OMX_BUFFERHEADERTYPE *header = static_cast<OMX_BUFFERHEADERTYPE *>(element);
-        queued[static_cast<size_t>(find_buffer(port, header) - internal->astBuffer.data())] = true;
+        queued[static_cast<size_t>(find_buffer(port, header) - internal->buffers.data())] = true;
         (*collected)[count++] = header;
     }
     tsem_reset(port->pBufferSem);
-    for (uint32_t index = 0; all && index < internal->uiBufferCount; index++) {
-        if (internal->astBuffer[index].bHeld && !queued[index]) {
-            (*collected)[count++] = internal->astBuffer[index].pHeader;
+    for (uint32_t index = 0; all && index < internal->buffer_count; index++) {
+        if (internal->buffers[index].is_held && !queued[index]) {
+            (*collected)[count++] = internal->buffers[index].header;
         }
     }
     pthread_mutex_unlock(&sink->pInternal->lock);

@@ -1,4 +1,4 @@
-// Commands on their way from the client to the message thread.
+// The command queue from the client to the message thread.
 #include "platform/host/control_internal.h"
 #include "platform/host/omx_base_internal.h"
 
@@ -6,17 +6,17 @@
 
 void omx_base_notify_message_thread(omx_base_sink_PrivateType *sink)
 {
-    sink->pInternal->bPortsChanged = true;
-    pthread_cond_signal(&sink->pInternal->stWork);
+    sink->pInternal->ports_changed = true;
+    pthread_cond_signal(&sink->pInternal->work);
 }
 
 bool omx_base_command_waits(const omx_base_sink_PrivateType *sink, OMX_COMMANDTYPE command,
                             OMX_U32 param)
 {
     const omx_base_sink_internal_t *internal = sink->pInternal;
-    for (uint32_t index = 0; index < internal->uiSlotCount; index++) {
-        const uint32_t slot = (internal->uiFirstSlot + index) % kMessageCapacity;
-        const omx_base_message_t &message = internal->astSlot[slot].stMessage;
+    for (uint32_t index = 0; index < internal->slot_count; index++) {
+        const uint32_t slot = (internal->first_slot + index) % kMessageCapacity;
+        const omx_base_message_t &message = internal->slots[slot].message;
         if (message.eCommand == command && message.uiParam == param) {
             return true;
         }
@@ -48,18 +48,18 @@ static OMX_ERRORTYPE check_command(const omx_base_sink_PrivateType *sink, OMX_CO
 static OMX_ERRORTYPE append_command_locked(omx_base_sink_internal_t *internal,
                                            OMX_COMMANDTYPE command, OMX_U32 param, void *data)
 {
-    if (internal->uiSlotCount == kMessageCapacity) {
+    if (internal->slot_count == kMessageCapacity) {
         return OMX_ErrorInsufficientResources;
     }
     omx_base_slot_t &slot =
-        internal->astSlot[(internal->uiFirstSlot + internal->uiSlotCount) % kMessageCapacity];
-    slot.stMessage = {.eCommand = command, .uiParam = param, .pData = data};
-    if (command == OMX_CommandMarkBuffer) { // the client's record may be gone by then
-        slot.stMark = *static_cast<const OMX_MARKTYPE *>(data);
-        slot.stMessage.pData = &slot.stMark;
+        internal->slots[(internal->first_slot + internal->slot_count) % kMessageCapacity];
+    slot.message = {.eCommand = command, .uiParam = param, .pData = data};
+    if (command == OMX_CommandMarkBuffer) { // the client's record may not last
+        slot.mark = *static_cast<const OMX_MARKTYPE *>(data);
+        slot.message.pData = &slot.mark;
     }
-    internal->uiSlotCount++;
-    pthread_cond_signal(&internal->stWork);
+    internal->slot_count++;
+    pthread_cond_signal(&internal->work);
     return OMX_ErrorNone;
 }
 
@@ -81,19 +81,20 @@ OMX_ERRORTYPE omx_base_component_SendCommand(OMX_HANDLETYPE handle, OMX_COMMANDT
     return error;
 }
 
-// Carries out the oldest command; the lock is held on entry and on return.
+// Carries out the oldest command.
+// thread: the message thread; the lock is held on entry and on return.
 static void carry_out_command(omx_base_sink_PrivateType *sink)
 {
     omx_base_sink_internal_t *internal = sink->pInternal;
-    omx_base_message_t message = internal->astSlot[internal->uiFirstSlot].stMessage;
+    omx_base_message_t message = internal->slots[internal->first_slot].message;
     pthread_mutex_unlock(&internal->lock);
     const OMX_ERRORTYPE error = sink->pfnMessageHandler(sink->pComponent, &message);
     if (error != OMX_ErrorNone) {
         omx_base_send_event(sink, OMX_EventError, error, 0);
     }
     pthread_mutex_lock(&internal->lock);
-    internal->uiFirstSlot = (internal->uiFirstSlot + 1) % kMessageCapacity;
-    internal->uiSlotCount--;
+    internal->first_slot = (internal->first_slot + 1) % kMessageCapacity;
+    internal->slot_count--;
 }
 
 static void *run_message_thread(void *argument)
@@ -101,16 +102,16 @@ static void *run_message_thread(void *argument)
     omx_base_sink_PrivateType *sink = static_cast<omx_base_sink_PrivateType *>(argument);
     omx_base_sink_internal_t *internal = sink->pInternal;
     pthread_mutex_lock(&internal->lock);
-    while (!internal->bQuit) {
-        if (internal->bPortsChanged) {
-            internal->bPortsChanged = false;
+    while (!internal->quit) {
+        if (internal->ports_changed) {
+            internal->ports_changed = false;
             pthread_mutex_unlock(&internal->lock);
             omx_base_complete_changes(sink);
             pthread_mutex_lock(&internal->lock);
-        } else if (internal->uiSlotCount != 0) {
+        } else if (internal->slot_count != 0) {
             carry_out_command(sink);
         } else {
-            pthread_cond_wait(&internal->stWork, &internal->lock);
+            pthread_cond_wait(&internal->work, &internal->lock);
         }
     }
     pthread_mutex_unlock(&internal->lock);
@@ -120,24 +121,24 @@ static void *run_message_thread(void *argument)
 int omx_base_start_message_thread(omx_base_sink_PrivateType *sink)
 {
     omx_base_sink_internal_t *internal = sink->pInternal;
-    if (host_call_fails(HOST_CALL_START_THREAD)) {
+    if (host_call_fails(kHostCallStartThread)) {
         return EAGAIN;
     }
-    const int result = pthread_create(&internal->hMessageThread, nullptr, run_message_thread, sink);
-    internal->bMessageThreadJoinable = result == 0;
+    const int result = pthread_create(&internal->message_thread, nullptr, run_message_thread, sink);
+    internal->message_thread_joinable = result == 0;
     return result;
 }
 
 void omx_base_join_message_thread(omx_base_sink_PrivateType *sink)
 {
     omx_base_sink_internal_t *internal = sink->pInternal;
-    if (!internal->bMessageThreadJoinable) {
+    if (!internal->message_thread_joinable) {
         return;
     }
     pthread_mutex_lock(&internal->lock);
-    internal->bQuit = true;
-    pthread_cond_signal(&internal->stWork);
+    internal->quit = true;
+    pthread_cond_signal(&internal->work);
     pthread_mutex_unlock(&internal->lock);
-    pthread_join(internal->hMessageThread, nullptr);
-    internal->bMessageThreadJoinable = false;
+    pthread_join(internal->message_thread, nullptr);
+    internal->message_thread_joinable = false;
 }

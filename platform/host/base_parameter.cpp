@@ -3,14 +3,15 @@
 
 #include <cstring>
 
-// Every record of a port parameter begins so.
+// The first fields of every port parameter's record.
 struct port_head_t {
     OMX_U32 nSize;
     OMX_VERSIONTYPE nVersion;
     OMX_U32 nPortIndex;
 };
 
-// Finds the domain that an index names. returns false when it names none.
+// Finds the domain of an index.
+// returns: false for an index that names no domain.
 static bool find_domain(OMX_INDEXTYPE index, OMX_PORTDOMAINTYPE *domain)
 {
     switch (index) {
@@ -44,7 +45,7 @@ static OMX_ERRORTYPE get_domain(const omx_base_sink_PrivateType *sink, OMX_PORTD
     return OMX_ErrorNone;
 }
 
-// The size of a port parameter's record; 0 for an index that is none.
+// returns: the size of a port parameter's record, or 0 for another index.
 static size_t port_parameter_size(OMX_INDEXTYPE index)
 {
     switch (index) {
@@ -84,31 +85,31 @@ static OMX_ERRORTYPE find_port(const omx_base_sink_PrivateType *sink, OMX_INDEXT
         return error;
     }
     *port = omx_base_port(sink, head.nPortIndex);
-    return *port != nullptr && index_fits_domain(index, (*port)->pInternal->eDomain)
+    return *port != nullptr && index_fits_domain(index, (*port)->pInternal->domain)
                ? OMX_ErrorNone
                : OMX_ErrorBadPortIndex;
 }
 
-// What a parameter belongs to: a port, or a domain when there is no port.
+// The port that a parameter belongs to, or the domain when port is null.
 struct parameter_target_t {
-    omx_base_sink_PrivateType *pSink;
-    omx_base_port_PrivateType *pPort;
-    OMX_PORTDOMAINTYPE eDomain;
+    omx_base_sink_PrivateType *sink;
+    omx_base_port_PrivateType *port;
+    OMX_PORTDOMAINTYPE domain;
 };
 
 static OMX_ERRORTYPE find_target(OMX_HANDLETYPE component, OMX_INDEXTYPE index,
                                  const void *parameter, parameter_target_t *target)
 {
-    const OMX_ERRORTYPE error = omx_base_find_valid_sink(component, &target->pSink);
+    const OMX_ERRORTYPE error = omx_base_find_valid_sink(component, &target->sink);
     if (error != OMX_ErrorNone) {
         return error;
     }
     if (parameter == nullptr) {
         return OMX_ErrorBadParameter;
     }
-    return find_domain(index, &target->eDomain)
+    return find_domain(index, &target->domain)
                ? OMX_ErrorNone
-               : find_port(target->pSink, index, parameter, &target->pPort);
+               : find_port(target->sink, index, parameter, &target->port);
 }
 
 static OMX_ERRORTYPE get_video_format(const omx_base_port_PrivateType *port,
@@ -117,7 +118,7 @@ static OMX_ERRORTYPE get_video_format(const omx_base_port_PrivateType *port,
     if (format->nIndex != 0) {
         return OMX_ErrorNoMore;
     }
-    // The port definition leads: a component that is made for one coding sets it there.
+    // The port definition decides: a component for one coding sets it there.
     const OMX_VIDEO_PORTDEFINITIONTYPE &video = port->stPortDefinition.format.video;
     format->eCompressionFormat = video.eCompressionFormat;
     format->eColorFormat = video.eColorFormat;
@@ -157,18 +158,18 @@ OMX_ERRORTYPE omx_base_component_GetParameter(OMX_HANDLETYPE handle, OMX_INDEXTY
     if (error != OMX_ErrorNone) {
         return error;
     }
-    if (target.pPort == nullptr) {
-        return get_domain(target.pSink, target.eDomain,
+    if (target.port == nullptr) {
+        return get_domain(target.sink, target.domain,
                           static_cast<OMX_PORT_PARAM_TYPE *>(parameter));
     }
-    pthread_mutex_lock(&target.pSink->pInternal->lock);
-    error = get_port_parameter_locked(target.pPort, index, parameter);
-    pthread_mutex_unlock(&target.pSink->pInternal->lock);
+    pthread_mutex_lock(&target.sink->pInternal->lock);
+    error = get_port_parameter_locked(target.port, index, parameter);
+    pthread_mutex_unlock(&target.sink->pInternal->lock);
     return error;
 }
 
-// Takes the buffer count and what describes the format; the rest is for reading. An audio port has
-// one encoding; which coding a video port receives is the client's to tell.
+// Takes the buffer count and the format; the other fields are read-only. An audio port has one
+// encoding; the client chooses the coding of a video port.
 static OMX_ERRORTYPE set_definition(omx_base_port_PrivateType *port,
                                     const OMX_PARAM_PORTDEFINITIONTYPE *parameter)
 {
@@ -179,10 +180,10 @@ static OMX_ERRORTYPE set_definition(omx_base_port_PrivateType *port,
         return OMX_ErrorBadParameter;
     }
     if (parameter->nBufferCountActual != definition.nBufferCountActual &&
-        port->pInternal->uiBufferCount != 0) {
+        port->pInternal->buffer_count != 0) {
         return OMX_ErrorIncorrectStateOperation;
     }
-    const bool audio = port->pInternal->eDomain == OMX_PortDomainAudio;
+    const bool audio = port->pInternal->domain == OMX_PortDomainAudio;
     if (audio && parameter->format.audio.eEncoding != definition.format.audio.eEncoding) {
         return OMX_ErrorUnsupportedSetting;
     }
@@ -253,11 +254,11 @@ OMX_ERRORTYPE omx_base_component_SetParameter(OMX_HANDLETYPE handle, OMX_INDEXTY
     if (error != OMX_ErrorNone) {
         return error;
     }
-    if (target.pPort == nullptr) { // the ports of a component are its own
+    if (target.port == nullptr) { // a client cannot change the number of ports
         return OMX_ErrorUnsupportedSetting;
     }
-    pthread_mutex_lock(&target.pSink->pInternal->lock);
-    error = set_port_parameter_locked(target.pSink, target.pPort, index, parameter);
-    pthread_mutex_unlock(&target.pSink->pInternal->lock);
+    pthread_mutex_lock(&target.sink->pInternal->lock);
+    error = set_port_parameter_locked(target.sink, target.port, index, parameter);
+    pthread_mutex_unlock(&target.sink->pInternal->lock);
     return error;
 }

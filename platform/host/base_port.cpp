@@ -38,7 +38,7 @@ bool omx_base_ports_empty(const omx_base_sink_PrivateType *sink)
 {
     bool empty = true;
     omx_base_for_ports(sink, OMX_ALL, [&](const omx_base_port_PrivateType *port) {
-        empty = empty && port->pInternal->uiBufferCount == 0;
+        empty = empty && port->pInternal->buffer_count == 0;
     });
     return empty;
 }
@@ -50,10 +50,10 @@ void omx_base_release_port(omx_base_port_PrivateType *port)
         return;
     }
     omx_base_free_buffers(port);
-    if (internal->bSemReady) {
+    if (internal->sem_ready) {
         tsem_deinit(port->pBufferSem);
     }
-    if (internal->bQueueReady) {
+    if (internal->queue_ready) {
         queue_deinit(port->pBufferQueue);
     }
     QVR_free(port->pBufferSem);
@@ -76,9 +76,9 @@ static OMX_ERRORTYPE acquire_port(omx_base_port_PrivateType *port)
     if (port->pBufferQueue == nullptr || port->pBufferSem == nullptr) {
         return OMX_ErrorInsufficientResources;
     }
-    port->pInternal->bQueueReady = queue_init(port->pBufferQueue) == 0;
-    port->pInternal->bSemReady = tsem_init(port->pBufferSem, 0) == 0;
-    return port->pInternal->bQueueReady && port->pInternal->bSemReady
+    port->pInternal->queue_ready = queue_init(port->pBufferQueue) == 0;
+    port->pInternal->sem_ready = tsem_init(port->pBufferSem, 0) == 0;
+    return port->pInternal->queue_ready && port->pInternal->sem_ready
                ? OMX_ErrorNone
                : OMX_ErrorInsufficientResources;
 }
@@ -93,8 +93,8 @@ static OMX_ERRORTYPE construct_port(OMX_COMPONENTTYPE *component, omx_base_port_
     }
     port->pComponent = component;
     port->pfnReturnBuffer = omx_base_return_buffer;
-    port->pInternal->uiIndex = port_index;
-    port->pInternal->eDomain = domain;
+    port->pInternal->index = port_index;
+    port->pInternal->domain = domain;
     port->stPortDefinition = {
         .nSize = sizeof(port->stPortDefinition),
         .nVersion = {.nVersion = OMX_VERSION_1_1_2},
@@ -103,7 +103,6 @@ static OMX_ERRORTYPE construct_port(OMX_COMPONENTTYPE *component, omx_base_port_
         .nBufferCountActual = kBufferCount,
         .nBufferCountMin = kBufferCountMin,
         .bEnabled = OMX_TRUE,
-        .bPopulated = OMX_FALSE,
         .eDomain = domain,
     };
     return OMX_ErrorNone;
@@ -117,28 +116,28 @@ static bool port_arguments_valid(const OMX_COMPONENTTYPE *component,
 }
 
 OMX_ERRORTYPE base_video_port_Constructor(OMX_COMPONENTTYPE *component,
-                                          omx_base_port_PrivateType **port_out, OMX_U32 port_index,
+                                          omx_base_port_PrivateType **port, OMX_U32 port_index,
                                           OMX_BOOL is_input)
 {
-    if (!port_arguments_valid(component, port_out)) {
+    if (!port_arguments_valid(component, port)) {
         return OMX_ErrorBadParameter;
     }
-    if (host_call_fails(HOST_CALL_VIDEO_PORT_CONSTRUCTOR)) {
+    if (host_call_fails(kHostCallVideoPortConstructor)) {
         return OMX_ErrorInsufficientResources;
     }
     const OMX_ERRORTYPE error =
-        construct_port(component, *port_out, port_index, is_input, OMX_PortDomainVideo);
+        construct_port(component, *port, port_index, is_input, OMX_PortDomainVideo);
     if (error != OMX_ErrorNone) {
         return error;
     }
-    omx_base_video_PortType *port = reinterpret_cast<omx_base_video_PortType *>(*port_out);
-    port->stBase.stPortDefinition.format.video = {
+    omx_base_video_PortType *video = reinterpret_cast<omx_base_video_PortType *>(*port);
+    video->stBase.stPortDefinition.format.video = {
         .cMIMEType = video_mime_type,
         .eCompressionFormat = OMX_VIDEO_CodingUnused,
         .eColorFormat = OMX_COLOR_FormatUnused,
     };
-    port->stVideoFormat = {
-        .nSize = sizeof(port->stVideoFormat),
+    video->stVideoFormat = {
+        .nSize = sizeof(video->stVideoFormat),
         .nVersion = {.nVersion = OMX_VERSION_1_1_2},
         .nPortIndex = port_index,
         .eCompressionFormat = OMX_VIDEO_CodingUnused,
@@ -148,33 +147,33 @@ OMX_ERRORTYPE base_video_port_Constructor(OMX_COMPONENTTYPE *component,
 }
 
 OMX_ERRORTYPE base_audio_port_Constructor(OMX_COMPONENTTYPE *component,
-                                          omx_base_port_PrivateType **port_out, OMX_U32 port_index,
+                                          omx_base_port_PrivateType **port, OMX_U32 port_index,
                                           OMX_BOOL is_input)
 {
-    if (!port_arguments_valid(component, port_out)) {
+    if (!port_arguments_valid(component, port)) {
         return OMX_ErrorBadParameter;
     }
-    if (host_call_fails(HOST_CALL_AUDIO_PORT_CONSTRUCTOR)) {
+    if (host_call_fails(kHostCallAudioPortConstructor)) {
         return OMX_ErrorInsufficientResources;
     }
     const OMX_ERRORTYPE error =
-        construct_port(component, *port_out, port_index, is_input, OMX_PortDomainAudio);
+        construct_port(component, *port, port_index, is_input, OMX_PortDomainAudio);
     if (error != OMX_ErrorNone) {
         return error;
     }
-    omx_base_audio_PortType *port = reinterpret_cast<omx_base_audio_PortType *>(*port_out);
-    port->stBase.stPortDefinition.format.audio = {
+    omx_base_audio_PortType *audio = reinterpret_cast<omx_base_audio_PortType *>(*port);
+    audio->stBase.stPortDefinition.format.audio = {
         .cMIMEType = audio_mime_type,
         .eEncoding = OMX_AUDIO_CodingUnused,
     };
-    port->stAudioFormat = {
-        .nSize = sizeof(port->stAudioFormat),
+    audio->stAudioFormat = {
+        .nSize = sizeof(audio->stAudioFormat),
         .nVersion = {.nVersion = OMX_VERSION_1_1_2},
         .nPortIndex = port_index,
         .eEncoding = OMX_AUDIO_CodingUnused,
     };
-    port->stPcmMode = {
-        .nSize = sizeof(port->stPcmMode),
+    audio->stPcmMode = {
+        .nSize = sizeof(audio->stPcmMode),
         .nVersion = {.nVersion = OMX_VERSION_1_1_2},
         .nPortIndex = port_index,
         .nChannels = 2,

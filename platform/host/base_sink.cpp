@@ -1,4 +1,4 @@
-// The sink class: its construction and release, and the short entries of the function table.
+// The sink class: constructor, destructor and the short entries of the function table.
 #include "platform/host/control_internal.h"
 #include "platform/host/omx_base_internal.h"
 #include "platform/qvr_memory.h"
@@ -28,34 +28,33 @@ void omx_base_set_state(omx_base_sink_PrivateType *sink, OMX_STATETYPE state,
     __atomic_store_n(&sink->eState, state, __ATOMIC_SEQ_CST);
 }
 
-OMX_ERRORTYPE omx_base_find_sink(OMX_HANDLETYPE handle, omx_base_sink_PrivateType **sink_out)
+OMX_ERRORTYPE omx_base_find_sink(OMX_HANDLETYPE handle, omx_base_sink_PrivateType **sink)
 {
     if (handle == nullptr) {
         return OMX_ErrorBadParameter;
     }
-    *sink_out = static_cast<omx_base_sink_PrivateType *>(
+    *sink = static_cast<omx_base_sink_PrivateType *>(
         static_cast<OMX_COMPONENTTYPE *>(handle)->pComponentPrivate);
-    if (*sink_out == nullptr || (*sink_out)->pInternal == nullptr) {
+    if (*sink == nullptr || (*sink)->pInternal == nullptr) {
         return OMX_ErrorInvalidComponent;
     }
     return OMX_ErrorNone;
 }
 
-OMX_ERRORTYPE omx_base_find_valid_sink(OMX_HANDLETYPE handle, omx_base_sink_PrivateType **sink_out)
+OMX_ERRORTYPE omx_base_find_valid_sink(OMX_HANDLETYPE handle, omx_base_sink_PrivateType **sink)
 {
-    const OMX_ERRORTYPE error = omx_base_find_sink(handle, sink_out);
+    const OMX_ERRORTYPE error = omx_base_find_sink(handle, sink);
     if (error != OMX_ErrorNone) {
         return error;
     }
-    return omx_base_get_state(*sink_out) == OMX_StateInvalid ? OMX_ErrorInvalidState
-                                                             : OMX_ErrorNone;
+    return omx_base_get_state(*sink) == OMX_StateInvalid ? OMX_ErrorInvalidState : OMX_ErrorNone;
 }
 
 void omx_base_send_event(omx_base_sink_PrivateType *sink, OMX_EVENTTYPE event, OMX_U32 data1,
                          OMX_U32 data2)
 {
     pthread_mutex_lock(&sink->pInternal->lock);
-    const OMX_CALLBACKTYPE callbacks = sink->pInternal->stCallbacks;
+    const OMX_CALLBACKTYPE callbacks = sink->pInternal->callbacks;
     const OMX_PTR callback_data = sink->pCallbackData;
     pthread_mutex_unlock(&sink->pInternal->lock);
     if (callbacks.EventHandler != nullptr) {
@@ -75,7 +74,7 @@ static OMX_ERRORTYPE get_component_version(OMX_HANDLETYPE handle, OMX_STRING nam
     if (name == nullptr || version == nullptr || spec_version == nullptr || uuid == nullptr) {
         return OMX_ErrorBadParameter;
     }
-    memcpy(name, sink->pInternal->szName.data(), strlen(sink->pInternal->szName.data()) + 1);
+    memcpy(name, sink->pInternal->name.data(), strlen(sink->pInternal->name.data()) + 1);
     *version = {.s = {.nVersionMajor = 1}};
     *spec_version = {.nVersion = OMX_VERSION_1_1_2};
     memset(uuid, 0, sizeof(*uuid));
@@ -83,7 +82,7 @@ static OMX_ERRORTYPE get_component_version(OMX_HANDLETYPE handle, OMX_STRING nam
     return OMX_ErrorNone;
 }
 
-// No configuration is known, neither for reading nor for writing.
+// There are no configuration indexes.
 static OMX_ERRORTYPE reject_config(OMX_HANDLETYPE handle, OMX_INDEXTYPE, OMX_PTR config)
 {
     omx_base_sink_PrivateType *sink = nullptr;
@@ -119,8 +118,7 @@ static OMX_ERRORTYPE get_state(OMX_HANDLETYPE handle, OMX_STATETYPE *state)
     return OMX_ErrorNone;
 }
 
-// No port is ever tunnelled, so that a request without a peer, which takes a tunnel down, is
-// fulfilled already.
+// No port is ever tunnelled. A request without a peer ends a tunnel, so it has nothing to do.
 static OMX_ERRORTYPE component_tunnel_request(OMX_HANDLETYPE handle, OMX_U32 port_index,
                                               OMX_HANDLETYPE peer, OMX_U32, OMX_TUNNELSETUPTYPE *)
 {
@@ -161,8 +159,8 @@ static OMX_ERRORTYPE set_callbacks(OMX_HANDLETYPE handle, OMX_CALLBACKTYPE *call
     pthread_mutex_lock(&internal->lock);
     const bool loaded = omx_base_get_state(sink) == OMX_StateLoaded;
     if (loaded) {
-        internal->stCallbacks = *callbacks;
-        sink->pCallbacks = &internal->stCallbacks;
+        internal->callbacks = *callbacks;
+        sink->pCallbacks = &internal->callbacks;
         sink->pCallbackData = app_data;
     }
     pthread_mutex_unlock(&internal->lock);
@@ -215,7 +213,8 @@ static void fill_function_table(OMX_COMPONENTTYPE *component)
     component->ComponentRoleEnum = component_role_enum;
 }
 
-// Makes the internal record, and its lock with it. returns null when there is no memory.
+// Allocates the internal record and initialises its lock.
+// returns: the record, or null when there is no memory.
 static omx_base_sink_internal_t *create_internal(const char *name)
 {
     omx_base_sink_internal_t *internal =
@@ -223,9 +222,9 @@ static omx_base_sink_internal_t *create_internal(const char *name)
     if (internal == nullptr) {
         return nullptr;
     }
-    snprintf(internal->szName.data(), internal->szName.size(), "%s", name);
+    snprintf(internal->name.data(), internal->name.size(), "%s", name);
     if (pthread_mutex_init(&internal->lock, nullptr) == 0) {
-        if (pthread_cond_init(&internal->stWork, nullptr) == 0) {
+        if (pthread_cond_init(&internal->work, nullptr) == 0) {
             return internal;
         }
         pthread_mutex_destroy(&internal->lock);
@@ -241,12 +240,13 @@ static OMX_ERRORTYPE build_sink(omx_base_sink_PrivateType *sink, const char *nam
         return OMX_ErrorInsufficientResources;
     }
     omx_base_sink_internal_t *internal = sink->pInternal;
-    internal->bFlushLockReady = pthread_mutex_init(&sink->lockFlush, nullptr) == 0;
-    internal->bFlushAllReady = tsem_init(&sink->semFlushAll, 0) == 0;
-    internal->bFlushReady = tsem_init(&sink->semFlush, 0) == 0;
-    internal->bBufferThreadSemReady = tsem_init(&sink->semBufferThread, 0) == 0;
-    if (!internal->bFlushLockReady || !internal->bFlushAllReady || !internal->bFlushReady ||
-        !internal->bBufferThreadSemReady || omx_base_start_message_thread(sink) != 0) {
+    internal->flush_lock_ready = pthread_mutex_init(&sink->lockFlush, nullptr) == 0;
+    internal->sem_flush_all_ready = tsem_init(&sink->semFlushAll, 0) == 0;
+    internal->sem_flush_ready = tsem_init(&sink->semFlush, 0) == 0;
+    internal->sem_buffer_thread_ready = tsem_init(&sink->semBufferThread, 0) == 0;
+    if (!internal->flush_lock_ready || !internal->sem_flush_all_ready ||
+        !internal->sem_flush_ready || !internal->sem_buffer_thread_ready ||
+        omx_base_start_message_thread(sink) != 0) {
         return OMX_ErrorInsufficientResources;
     }
     return OMX_ErrorNone;
@@ -271,7 +271,7 @@ OMX_ERRORTYPE omx_base_sink_Constructor(OMX_COMPONENTTYPE *component, OMX_STRING
         domain.nVersion.nVersion = OMX_VERSION_1_1_2;
     }
     omx_base_set_state(sink, OMX_StateLoaded, OMX_TransStateNone);
-    if (host_call_fails(HOST_CALL_SINK_CONSTRUCTOR)) {
+    if (host_call_fails(kHostCallSinkConstructor)) {
         return OMX_ErrorInsufficientResources;
     }
     return build_sink(sink, name);
@@ -280,25 +280,25 @@ OMX_ERRORTYPE omx_base_sink_Constructor(OMX_COMPONENTTYPE *component, OMX_STRING
 static void release_internal(omx_base_sink_PrivateType *sink)
 {
     omx_base_sink_internal_t *internal = sink->pInternal;
-    if (internal->bBufferThreadSemReady) {
+    if (internal->sem_buffer_thread_ready) {
         tsem_deinit(&sink->semBufferThread);
     }
-    if (internal->bFlushReady) {
+    if (internal->sem_flush_ready) {
         tsem_deinit(&sink->semFlush);
     }
-    if (internal->bFlushAllReady) {
+    if (internal->sem_flush_all_ready) {
         tsem_deinit(&sink->semFlushAll);
     }
-    if (internal->bFlushLockReady) {
+    if (internal->flush_lock_ready) {
         pthread_mutex_destroy(&sink->lockFlush);
     }
-    pthread_cond_destroy(&internal->stWork);
+    pthread_cond_destroy(&internal->work);
     pthread_mutex_destroy(&internal->lock);
     QVR_free(internal);
     sink->pInternal = nullptr;
 }
 
-// The message thread goes first: it may be in the middle of a flush, which needs the other one.
+// The message thread ends first: it may be in a flush, which needs the buffer thread.
 static void end_threads(omx_base_sink_PrivateType *sink)
 {
     omx_base_join_message_thread(sink);

@@ -1,9 +1,10 @@
-// The state machine and the port commands; everything here runs on the message thread.
+// The state machine and the port commands.
+// thread: the message thread.
 #include "platform/host/omx_base_internal.h"
 
 #include <utility>
 
-// From each state, a bit for every state that may follow, but for Invalid, which always may.
+// For each state, one bit per state that may follow; Invalid always may.
 // source: OpenMAX IL 1.1.2, 3.1.1.2
 // clang-format off
 static constexpr std::array<uint32_t, 6> kNextStates = {
@@ -30,8 +31,9 @@ static void send_complete(omx_base_sink_PrivateType *sink, OMX_COMMANDTYPE comma
     omx_base_send_event(sink, OMX_EventCmdComplete, command, param);
 }
 
-// Sets the state that a pending transition leads to, if it is complete. The check and the change
-// are one, so that no buffer comes or goes between them. returns whether it was.
+// Sets the state that a pending transition leads to, if it is complete. One lock covers check and
+// change, so that no buffer is added or freed between them.
+// returns: whether it was complete.
 static bool end_transition(omx_base_sink_PrivateType *sink, omx_base_transient_t transient,
                            OMX_STATETYPE target)
 {
@@ -54,7 +56,7 @@ static void complete_idle(omx_base_sink_PrivateType *sink)
     }
     if (omx_base_start_buffer_thread(sink) != 0) {
         set_state(sink, origin, OMX_TransStateNone);
-        omx_base_flush(sink, OMX_ALL); // what the client emptied meanwhile
+        omx_base_flush(sink, OMX_ALL); // the client may have emptied buffers meanwhile
         omx_base_send_event(sink, OMX_EventError, OMX_ErrorInsufficientResources, 0);
         return;
     }
@@ -69,13 +71,14 @@ static void complete_loaded(omx_base_sink_PrivateType *sink)
     omx_base_join_buffer_thread(sink);
     pthread_mutex_lock(&sink->pInternal->lock);
     omx_base_for_ports(sink, OMX_ALL,
-                       [](omx_base_port_PrivateType *port) { port->pInternal->uiMarkCount = 0; });
+                       [](omx_base_port_PrivateType *port) { port->pInternal->mark_count = 0; });
     pthread_mutex_unlock(&sink->pInternal->lock);
     send_complete(sink, OMX_CommandStateSet, OMX_StateLoaded);
 }
 
-// Ends the pending change of one port if it is complete. returns how many commands waited for it;
-// which ones goes to *command.
+// Ends the pending change of one port if it is complete.
+// out: the command that asked for the change.
+// returns: how many such commands to answer.
 static uint32_t end_port_change(omx_base_sink_PrivateType *sink, omx_base_port_PrivateType *port,
                                 OMX_COMMANDTYPE *command)
 {
@@ -84,17 +87,17 @@ static uint32_t end_port_change(omx_base_sink_PrivateType *sink, omx_base_port_P
     const OMX_STATETYPE state = omx_base_get_state(sink);
     const bool unloaded = state == OMX_StateLoaded || state == OMX_StateWaitForResources;
     bool complete = false;
-    if (internal->eChange == OMX_ChangeEnable) { // without resources, a port needs no buffers
+    if (internal->change == kChangeEnable) { // without resources, a port needs no buffers
         complete = unloaded || port->stPortDefinition.bPopulated != 0;
         *command = OMX_CommandPortEnable;
-    } else if (internal->eChange == OMX_ChangeDisable) {
-        complete = internal->uiBufferCount == 0;
+    } else if (internal->change == kChangeDisable) {
+        complete = internal->buffer_count == 0;
         *command = OMX_CommandPortDisable;
     }
     uint32_t answered = 0;
     if (complete) {
-        answered = std::exchange(internal->uiWaiting, 0);
-        internal->eChange = OMX_ChangeNone;
+        answered = std::exchange(internal->waiting, 0);
+        internal->change = kChangeNone;
     }
     pthread_mutex_unlock(&sink->pInternal->lock);
     return answered;
@@ -103,17 +106,17 @@ static uint32_t end_port_change(omx_base_sink_PrivateType *sink, omx_base_port_P
 static uint32_t take_overtaken(omx_base_sink_PrivateType *sink, omx_base_port_PrivateType *port)
 {
     pthread_mutex_lock(&sink->pInternal->lock);
-    const uint32_t overtaken = std::exchange(port->pInternal->uiOvertaken, 0);
+    const uint32_t overtaken = std::exchange(port->pInternal->overtaken, 0);
     pthread_mutex_unlock(&sink->pInternal->lock);
     return overtaken;
 }
 
-static bool take_unpopulated(omx_base_sink_PrivateType *sink, omx_base_port_PrivateType *port)
+static bool take_buffer_loss(omx_base_sink_PrivateType *sink, omx_base_port_PrivateType *port)
 {
     pthread_mutex_lock(&sink->pInternal->lock);
-    const bool unpopulated = std::exchange(port->pInternal->bUnpopulated, false);
+    const bool lost = std::exchange(port->pInternal->has_lost_buffer, false);
     pthread_mutex_unlock(&sink->pInternal->lock);
-    return unpopulated;
+    return lost;
 }
 
 void omx_base_complete_changes(omx_base_sink_PrivateType *sink)
@@ -121,7 +124,7 @@ void omx_base_complete_changes(omx_base_sink_PrivateType *sink)
     complete_idle(sink);
     complete_loaded(sink);
     omx_base_for_ports(sink, OMX_ALL, [&](omx_base_port_PrivateType *port) {
-        const OMX_U32 index = port->pInternal->uiIndex;
+        const OMX_U32 index = port->pInternal->index;
         for (uint32_t count = take_overtaken(sink, port); count != 0; count--) {
             omx_base_send_event(sink, OMX_EventError, OMX_ErrorIncorrectStateOperation, index);
         }
@@ -129,22 +132,22 @@ void omx_base_complete_changes(omx_base_sink_PrivateType *sink)
         for (uint32_t count = end_port_change(sink, port, &command); count != 0; count--) {
             send_complete(sink, command, index);
         }
-        if (take_unpopulated(sink, port)) {
+        if (take_buffer_loss(sink, port)) {
             omx_base_send_event(sink, OMX_EventError, OMX_ErrorPortUnpopulated, index);
         }
     });
 }
 
-// Ends every activity at once; the client gets its buffers back, and an error for each command that
-// was not complete.
+// Ends every activity at once, returns all buffers to the client and sends an error for each
+// command that is not complete.
 static OMX_ERRORTYPE enter_invalid(omx_base_sink_PrivateType *sink)
 {
     pthread_mutex_lock(&sink->pInternal->lock);
     uint32_t given_up = omx_base_get_transient_state(sink) != OMX_TransStateNone ? 1 : 0;
     omx_base_set_state(sink, OMX_StateInvalid, OMX_TransStateNone);
     omx_base_for_ports(sink, OMX_ALL, [&](omx_base_port_PrivateType *port) {
-        port->pInternal->eChange = OMX_ChangeNone;
-        given_up += std::exchange(port->pInternal->uiWaiting, 0);
+        port->pInternal->change = kChangeNone;
+        given_up += std::exchange(port->pInternal->waiting, 0);
     });
     pthread_mutex_unlock(&sink->pInternal->lock);
     omx_base_join_buffer_thread(sink);
@@ -158,7 +161,7 @@ static OMX_ERRORTYPE enter_invalid(omx_base_sink_PrivateType *sink)
 static OMX_ERRORTYPE check_transition(OMX_STATETYPE from, omx_base_transient_t transient,
                                       OMX_STATETYPE target)
 {
-    if (transient != OMX_TransStateNone) { // only giving up the way to Idle is possible
+    if (transient != OMX_TransStateNone) { // only the transition to Idle can be given up
         return transient == OMX_TransStateLoadedToIdle && from == OMX_StateLoaded &&
                        target == OMX_StateLoaded
                    ? OMX_ErrorNone
@@ -191,7 +194,7 @@ static OMX_ERRORTYPE change_state(omx_base_sink_PrivateType *sink, OMX_STATETYPE
     }
     if (target == OMX_StateLoaded && from != OMX_StateWaitForResources) {
         set_state(sink, from, OMX_TransStateIdleToLoaded);
-        if (transient == OMX_TransStateLoadedToIdle) { // the command that it gives up
+        if (transient == OMX_TransStateLoadedToIdle) { // the answer to that command
             omx_base_send_event(sink, OMX_EventError, OMX_ErrorIncorrectStateTransition, 0);
         }
         omx_base_flush(sink, OMX_ALL);
@@ -206,7 +209,7 @@ static OMX_ERRORTYPE change_state(omx_base_sink_PrivateType *sink, OMX_STATETYPE
     return OMX_ErrorNone;
 }
 
-// A flush and a mark concern a component that has its resources.
+// Flush and mark commands need a component with its resources.
 static bool has_resources(const omx_base_sink_PrivateType *sink)
 {
     const OMX_STATETYPE state = omx_base_get_state(sink);
@@ -220,23 +223,23 @@ static OMX_ERRORTYPE flush_port(omx_base_sink_PrivateType *sink, OMX_U32 port_in
     }
     omx_base_flush(sink, port_index);
     omx_base_for_ports(sink, port_index, [&](omx_base_port_PrivateType *port) {
-        send_complete(sink, OMX_CommandFlush, port->pInternal->uiIndex);
+        send_complete(sink, OMX_CommandFlush, port->pInternal->index);
     });
     return OMX_ErrorNone;
 }
 
 static OMX_ERRORTYPE change_port(omx_base_sink_PrivateType *sink, OMX_U32 port_index, bool enable)
 {
-    const omx_base_change_t change = enable ? OMX_ChangeEnable : OMX_ChangeDisable;
+    const omx_base_change_t change = enable ? kChangeEnable : kChangeDisable;
     pthread_mutex_lock(&sink->pInternal->lock);
     omx_base_for_ports(sink, port_index, [&](omx_base_port_PrivateType *port) {
         omx_base_port_internal_t *internal = port->pInternal;
         port->stPortDefinition.bEnabled = enable ? OMX_TRUE : OMX_FALSE;
-        if (internal->eChange != change) {
-            internal->uiOvertaken += std::exchange(internal->uiWaiting, 0);
+        if (internal->change != change) {
+            internal->overtaken += std::exchange(internal->waiting, 0);
         }
-        internal->eChange = change;
-        internal->uiWaiting++;
+        internal->change = change;
+        internal->waiting++;
     });
     pthread_mutex_unlock(&sink->pInternal->lock);
     if (!enable) {
@@ -261,10 +264,10 @@ static OMX_ERRORTYPE mark_buffer(omx_base_sink_PrivateType *sink, OMX_U32 port_i
     }
     omx_base_port_internal_t *internal = port->pInternal;
     pthread_mutex_lock(&sink->pInternal->lock);
-    const bool fits = internal->uiMarkCount < kMarkCapacity;
+    const bool fits = internal->mark_count < kMarkCapacity;
     if (fits) {
-        internal->astMark[(internal->uiFirstMark + internal->uiMarkCount) % kMarkCapacity] = *mark;
-        internal->uiMarkCount++;
+        internal->marks[(internal->first_mark + internal->mark_count) % kMarkCapacity] = *mark;
+        internal->mark_count++;
     }
     pthread_mutex_unlock(&sink->pInternal->lock);
     if (!fits) {

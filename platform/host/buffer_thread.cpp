@@ -8,7 +8,7 @@
 static void set_buffer_thread_runs(omx_base_sink_internal_t *internal, bool runs)
 {
     pthread_mutex_lock(&internal->lock);
-    internal->bBufferThreadRuns = runs;
+    internal->buffer_thread_runs = runs;
     pthread_mutex_unlock(&internal->lock);
 }
 
@@ -19,7 +19,7 @@ static void *run_buffer_thread(void *argument)
         static_cast<omx_base_sink_PrivateType *>(component->pComponentPrivate);
     sink->pfnBufferMgmtFunction(component);
     set_buffer_thread_runs(sink->pInternal, false);
-    tsem_up(&sink->semFlushAll); // a flush may have counted on this thread
+    tsem_up(&sink->semFlushAll); // a flush may be waiting for this thread
     return nullptr;
 }
 
@@ -29,13 +29,13 @@ int omx_base_start_buffer_thread(omx_base_sink_PrivateType *sink)
     if (sink->pfnBufferMgmtFunction == nullptr) {
         return 0;
     }
-    if (host_call_fails(HOST_CALL_START_THREAD)) {
+    if (host_call_fails(kHostCallStartThread)) {
         return EAGAIN;
     }
-    set_buffer_thread_runs(internal, true); // before the thread, which clears it
+    set_buffer_thread_runs(internal, true); // before the thread starts, since it clears this
     const int result =
-        pthread_create(&internal->hBufferThread, nullptr, run_buffer_thread, sink->pComponent);
-    internal->bBufferThreadJoinable = result == 0;
+        pthread_create(&internal->buffer_thread, nullptr, run_buffer_thread, sink->pComponent);
+    internal->buffer_thread_joinable = result == 0;
     if (result != 0) {
         set_buffer_thread_runs(internal, false);
     }
@@ -45,13 +45,13 @@ int omx_base_start_buffer_thread(omx_base_sink_PrivateType *sink)
 void omx_base_join_buffer_thread(omx_base_sink_PrivateType *sink)
 {
     omx_base_sink_internal_t *internal = sink->pInternal;
-    if (!internal->bBufferThreadJoinable) {
+    if (!internal->buffer_thread_joinable) {
         return;
     }
     tsem_up(&sink->semBufferThread);
-    pthread_join(internal->hBufferThread, nullptr);
-    internal->bBufferThreadJoinable = false;
-    tsem_reset(&sink->semBufferThread); // the next thread finds no counts of this one's time
+    pthread_join(internal->buffer_thread, nullptr);
+    internal->buffer_thread_joinable = false;
+    tsem_reset(&sink->semBufferThread); // no count is left for the next thread
     tsem_reset(&sink->semFlushAll);
     tsem_reset(&sink->semFlush);
 }
@@ -59,7 +59,7 @@ void omx_base_join_buffer_thread(omx_base_sink_PrivateType *sink)
 static bool buffer_thread_runs(omx_base_sink_PrivateType *sink)
 {
     pthread_mutex_lock(&sink->pInternal->lock);
-    const bool runs = sink->pInternal->bBufferThreadRuns;
+    const bool runs = sink->pInternal->buffer_thread_runs;
     pthread_mutex_unlock(&sink->pInternal->lock);
     return runs;
 }
@@ -79,12 +79,12 @@ void omx_base_flush(omx_base_sink_PrivateType *sink, OMX_U32 port_index)
     set_being_flushed(sink, port_index, 1);
     tsem_up(&sink->semBufferThread);
     if (runs) {
-        tsem_down(&sink->semFlushAll); // from the loop, or from the thread's end
+        tsem_down(&sink->semFlushAll); // from the loop, or from the end of the thread
         runs = buffer_thread_runs(sink);
     }
     omx_base_for_ports(sink, port_index, [&](omx_base_port_PrivateType *port) {
         std::array<OMX_BUFFERHEADERTYPE *, QUEUE_CAPACITY> held;
-        // A thread that has ended may have left a buffer in nobody's hand.
+        // A thread that has ended may have left a buffer that is in no queue.
         const uint32_t count = omx_base_collect_held(sink, port, !runs, &held);
         for (uint32_t index = 0; index < count; index++) {
             port->pfnReturnBuffer(port, held[index]);

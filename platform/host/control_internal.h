@@ -1,13 +1,14 @@
-// What the stand-in's units give to its controls, and take from them.
+// The controls, for the units of the stand-in.
 #ifndef PLATFORM_HOST_CONTROL_INTERNAL_H
 #define PLATFORM_HOST_CONTROL_INTERNAL_H
 
 #include "platform/host/host_control.h"
 
-// Counts one call. returns whether it has to fail.
+// Counts one call.
+// returns: whether it has to fail.
 [[nodiscard]] bool host_call_fails(host_call_t call);
 
-// Put each unit's settings back to their defaults.
+// Reset each unit's settings to their defaults.
 void host_reset_log(void);
 void host_reset_properties(void);
 void host_reset_storage(void);

@@ -4,50 +4,50 @@
 #include <pthread.h>
 
 struct call_record_t {
-    uint64_t ullCalls;
-    uint32_t uiPass;
-    uint32_t uiFail; // UINT32_MAX: for good
+    uint64_t calls;
+    uint32_t passes_left;
+    uint32_t failures_left; // after the passes; UINT32_MAX: all
 };
 
 static pthread_mutex_t lock_calls = PTHREAD_MUTEX_INITIALIZER;
-static std::array<call_record_t, HOST_CALL_COUNT> call_records; // under lock_calls
+static std::array<call_record_t, kHostCallCount> call_records; // under lock_calls
 
 bool host_call_fails(host_call_t call)
 {
     pthread_mutex_lock(&lock_calls);
     call_record_t &record = call_records[call];
-    record.ullCalls++;
+    record.calls++;
     bool fails = false;
-    if (record.uiPass != 0) {
-        record.uiPass--;
-    } else if (record.uiFail != 0) {
+    if (record.passes_left != 0) {
+        record.passes_left--;
+    } else if (record.failures_left != 0) {
         fails = true;
-        if (record.uiFail != UINT32_MAX) {
-            record.uiFail--;
+        if (record.failures_left != UINT32_MAX) {
+            record.failures_left--;
         }
     }
     pthread_mutex_unlock(&lock_calls);
     return fails;
 }
 
-void host_fail_call(host_call_t call, uint32_t pass, uint32_t fail)
+void host_fail_call(host_call_t call, uint32_t passes, uint32_t failures)
 {
-    if (call >= HOST_CALL_COUNT) {
+    if (call >= kHostCallCount) {
         return;
     }
     pthread_mutex_lock(&lock_calls);
-    call_records[call].uiPass = pass;
-    call_records[call].uiFail = fail;
+    call_records[call].passes_left = passes;
+    call_records[call].failures_left = failures;
     pthread_mutex_unlock(&lock_calls);
 }
 
 uint64_t host_call_count(host_call_t call)
 {
-    if (call >= HOST_CALL_COUNT) {
+    if (call >= kHostCallCount) {
         return 0;
     }
     pthread_mutex_lock(&lock_calls);
-    const uint64_t calls = call_records[call].ullCalls;
+    const uint64_t calls = call_records[call].calls;
     pthread_mutex_unlock(&lock_calls);
     return calls;
 }

@@ -9,7 +9,7 @@ static std::atomic<int64_t> live_allocations;
 
 void *QVR_malloc(size_t size)
 {
-    if (host_call_fails(HOST_CALL_MALLOC)) {
+    if (host_call_fails(kHostCallMalloc)) {
         return nullptr;
     }
     void *memory = malloc(size);
@@ -21,7 +21,7 @@ void *QVR_malloc(size_t size)
 
 void *QVR_calloc(size_t count, size_t size)
 {
-    if (host_call_fails(HOST_CALL_CALLOC)) {
+    if (host_call_fails(kHostCallCalloc)) {
         return nullptr;
     }
     void *memory = calloc(count, size);

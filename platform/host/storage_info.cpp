@@ -9,28 +9,28 @@
 #include <pthread.h>
 #include <sys/statvfs.h>
 
-#define STORAGE_COUNT 2
+static constexpr int kStorageCount = 2;
 
 struct df_handle_t {
-    std::array<df_record_t, STORAGE_COUNT> astRecord;
+    std::array<df_record_t, kStorageCount> records;
 };
 
 struct storage_figures_t {
-    bool bSet;
-    unsigned long ulTotalKiB;
-    unsigned long ulFreeKiB;
+    bool is_set;
+    unsigned long total_kib;
+    unsigned long free_kib;
 };
 
-static constexpr std::array<df_record_t, STORAGE_COUNT> kStorages = {{
+static constexpr std::array<df_record_t, kStorageCount> kStorages = {{
     {.pszFileSystem = "sdcard", .pszMountPoint = "/mnt/sdcard"},
     {.pszFileSystem = "tflash", .pszMountPoint = "/mnt/sdcard/tflash"},
 }};
 
 static std::atomic<int64_t> live_handles;
 static pthread_mutex_t lock_figures = PTHREAD_MUTEX_INITIALIZER;
-static std::array<storage_figures_t, STORAGE_COUNT> given_figures; // under lock_figures
+static std::array<storage_figures_t, kStorageCount> given_figures; // under lock_figures
 
-// Blocks in KiB, without passing 64 bits on the way; at most what the record can hold.
+// Converts blocks to KiB without overflow of 64 bits; at most ULONG_MAX.
 static unsigned long blocks_to_kib(uint64_t blocks, uint64_t block_bytes)
 {
     const uint64_t kib = blocks / 1024 * block_bytes + blocks % 1024 * block_bytes / 1024;
@@ -39,33 +39,33 @@ static unsigned long blocks_to_kib(uint64_t blocks, uint64_t block_bytes)
 
 df_handle_t *dfopen(void)
 {
-    if (host_call_fails(HOST_CALL_DFOPEN)) {
+    if (host_call_fails(kHostCallDfopen)) {
         return nullptr;
     }
     df_handle_t *handle = static_cast<df_handle_t *>(QVR_calloc(1, sizeof(df_handle_t)));
     if (handle == nullptr) {
         return nullptr;
     }
-    handle->astRecord = kStorages;
+    handle->records = kStorages;
     live_handles++;
     return handle;
 }
 
 const df_record_t *dfget(df_handle_t *handle, int storage)
 {
-    if (host_call_fails(HOST_CALL_DFGET) || handle == nullptr || storage < 0 ||
-        storage >= STORAGE_COUNT) {
+    if (host_call_fails(kHostCallDfget) || handle == nullptr || storage < 0 ||
+        storage >= kStorageCount) {
         return nullptr;
     }
     const size_t index = static_cast<size_t>(storage);
-    df_record_t &record = handle->astRecord[index];
+    df_record_t &record = handle->records[index];
 
     pthread_mutex_lock(&lock_figures);
     const storage_figures_t figures = given_figures[index];
     pthread_mutex_unlock(&lock_figures);
-    if (figures.bSet) {
-        record.ulTotalKiB = figures.ulTotalKiB;
-        record.ulFreeKiB = figures.ulFreeKiB;
+    if (figures.is_set) {
+        record.ulTotalKiB = figures.total_kib;
+        record.ulFreeKiB = figures.free_kib;
         return &record;
     }
 
@@ -94,12 +94,12 @@ int64_t host_live_storage_handles(void)
 
 void host_set_storage(int storage, unsigned long total_kib, unsigned long free_kib)
 {
-    if (storage < 0 || storage >= STORAGE_COUNT) {
+    if (storage < 0 || storage >= kStorageCount) {
         return;
     }
     pthread_mutex_lock(&lock_figures);
     given_figures[static_cast<size_t>(storage)] = {
-        .bSet = true, .ulTotalKiB = total_kib, .ulFreeKiB = free_kib};
+        .is_set = true, .total_kib = total_kib, .free_kib = free_kib};
     pthread_mutex_unlock(&lock_figures);
 }
 

@@ -7,36 +7,37 @@
 #include <cstring>
 #include <pthread.h>
 
-#define PROPERTY_KEY_MAX 32 // with the terminator
-#define PROPERTY_COUNT 64
+static constexpr size_t kPropertyKeyMax = 32; // with the terminator
+static constexpr size_t kPropertyCount = 64;
 
 struct property_t {
-    char szKey[PROPERTY_KEY_MAX]; // empty: a free entry
-    char szValue[PROPERTY_VALUE_MAX];
+    char key[kPropertyKeyMax]; // empty: a free entry
+    char value[PROPERTY_VALUE_MAX];
 };
 
 static pthread_mutex_t lock_properties = PTHREAD_MUTEX_INITIALIZER;
-static std::array<property_t, PROPERTY_COUNT> properties; // under lock_properties
+static std::array<property_t, kPropertyCount> properties; // under lock_properties
 
-// Finds the entry of a key, or a free one for the empty key. returns null when there is none.
+// Finds the entry of a key; the empty key finds a free entry.
+// returns: the entry, or null.
 static property_t *find_property(const char *key)
 {
     for (property_t &property : properties) {
-        if (strcmp(property.szKey, key) == 0) {
+        if (strcmp(property.key, key) == 0) {
             return &property;
         }
     }
     return nullptr;
 }
 
-int property_get(const char *key, char *value, const char *default_)
+int property_get(const char *key, char *value, const char *default_value)
 {
-    const bool hidden = host_call_fails(HOST_CALL_PROPERTY_GET) || key[0] == '\0';
+    const bool hidden = host_call_fails(kHostCallPropertyGet) || key[0] == '\0';
     pthread_mutex_lock(&lock_properties);
     const property_t *property = hidden ? nullptr : find_property(key);
-    const char *text = property != nullptr   ? property->szValue
-                       : default_ != nullptr ? default_
-                                             : "";
+    const char *text = property != nullptr        ? property->value
+                       : default_value != nullptr ? default_value
+                                                  : "";
     const size_t length = strnlen(text, PROPERTY_VALUE_MAX - 1);
     memcpy(value, text, length);
     value[length] = '\0';
@@ -46,7 +47,7 @@ int property_get(const char *key, char *value, const char *default_)
 
 void host_set_property(const char *key, const char *value)
 {
-    if (key[0] == '\0' || strlen(key) >= PROPERTY_KEY_MAX) {
+    if (key[0] == '\0' || strlen(key) >= kPropertyKeyMax) {
         return;
     }
     pthread_mutex_lock(&lock_properties);
@@ -56,8 +57,8 @@ void host_set_property(const char *key, const char *value)
             *property = {};
         }
     } else if (property != nullptr || (property = find_property("")) != nullptr) {
-        snprintf(property->szKey, sizeof(property->szKey), "%s", key);
-        snprintf(property->szValue, sizeof(property->szValue), "%s", value);
+        snprintf(property->key, sizeof(property->key), "%s", key);
+        snprintf(property->value, sizeof(property->value), "%s", value);
     }
     pthread_mutex_unlock(&lock_properties);
 }

@@ -4,7 +4,10 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <numbers>
 #include <random>
+
+using std::numbers::pi;
 
 MemoryCounts memory_counts;
 
@@ -65,12 +68,10 @@ std::vector<uint8_t> Encoder::encode(const int16_t *pcm, const int16_t *second)
     return output;
 }
 
-static constexpr double kPi = 3.14159265358979323846;
-
 Signal tone(double cycles_per_sample, double amplitude)
 {
     return [=](int channel, int n) {
-        return amplitude * std::sin(2 * kPi * cycles_per_sample * n + channel);
+        return amplitude * std::sin(2 * pi * cycles_per_sample * n + channel);
     };
 }
 

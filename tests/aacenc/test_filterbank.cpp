@@ -8,17 +8,20 @@
 #include <cmath>
 #include <cstdint>
 #include <gtest/gtest.h>
+#include <numbers>
 #include <random>
 #include <utility>
 #include <vector>
+
+using std::numbers::pi;
 
 // One of the 2048 samples of two frames, of any value.
 struct AnySample {
     size_t number;
 };
 
-// All that a number of the transform can be: a sum of all samples, each times a factor, and an
-// error between two bounds for what was rounded off on the way.
+// All values of a number in the transform: a sum of all samples, each times a factor, and an
+// interval of the rounding error.
 struct Reach {
     std::array<double, 2048> factors = {};
     double lowest_error = 0;
@@ -94,7 +97,7 @@ static void expect_bits(double bits)
     EXPECT_NEAR(std::log2(std::exchange(largest, 0)), bits, 0.005);
 }
 
-// The bounds of docs/fixed-point.md, which some samples reach but for the rounding.
+// Checks the bounds of docs/fixed-point.md, which some samples reach except for the rounding.
 // returns: the lines
 static std::vector<Reach> transform_all_samples()
 {
@@ -122,17 +125,16 @@ static std::vector<Reach> transform_all_samples()
 }
 
 // The definition: -2 * sum of w[n] x[n] cos(2 pi / 2048 * (n + 512.5) * (k + 1/2)). Every product
-// is rounded down; the worst case is where all errors of a line add up.
-TEST(Filterbank, EveryLineOfAnySamplesIsInRangeAndThatOfTheDefinition)
+// is rounded down; in the worst case all errors of a line add up.
+TEST(Filterbank, EveryLineOfAnySamplesIsInRangeAndAsDefined)
 {
-    constexpr double kPi = 3.14159265358979323846;
     const std::vector<Reach> lines = transform_all_samples();
     for (size_t k = 0; k < 1024; k++) {
-        double inexact = 0; // by the constants' rounding, for the worst samples
+        double inexact = 0; // from the rounded constants, for the worst samples
         for (size_t n = 0; n < 2048; n++) {
             const double x = static_cast<double>(n);
-            const double angle = 2 * kPi / 2048 * (x + 512.5) * (static_cast<double>(k) + 0.5);
-            const double factor = -2 * std::sin(kPi * (x + 0.5) / 2048) * std::cos(angle);
+            const double angle = 2 * pi / 2048 * (x + 512.5) * (static_cast<double>(k) + 0.5);
+            const double factor = -2 * std::sin(pi * (x + 0.5) / 2048) * std::cos(angle);
             inexact += 32768 * std::abs(lines[k].factors[n] - factor);
         }
         EXPECT_LT(inexact, 10) << k;
@@ -141,7 +143,7 @@ TEST(Filterbank, EveryLineOfAnySamplesIsInRangeAndThatOfTheDefinition)
     }
 }
 
-// The portable transform and that in vectors, to the last bit.
+// Compares the portable and the vector transform bit for bit.
 TEST(Filterbank, GivesTheSameLinesEverywhere)
 {
     std::mt19937 random(1);

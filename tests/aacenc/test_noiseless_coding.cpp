@@ -7,7 +7,8 @@
 #include <numeric>
 #include <vector>
 
-// returns: the bits of a group's codewords, of which there are as many as were counted
+// Expects as many codewords as were counted.
+// returns: their bits
 static int32_t packed_bits(int32_t book, const int32_t *values)
 {
     uint32_t entries[10];
@@ -20,8 +21,9 @@ static int32_t packed_bits(int32_t book, const int32_t *values)
     return bits;
 }
 
-// Counting has tables of its own. Every group of four lines: all values of the signed codebooks 1,
-// 2, 5 and 6, else all magnitudes, of those with an escape the lowest and highest of each length.
+// Counting has tables of its own. They are compared for every group of four lines: all values of
+// the signed codebooks 1, 2, 5 and 6, all magnitudes of the others, the lowest and highest
+// magnitude of each length of escape.
 TEST(NoiselessCoding, CountedBitsAreThoseOfTheCodewords)
 {
     std::vector<int32_t> magnitudes(16);
@@ -49,7 +51,7 @@ TEST(NoiselessCoding, CountedBitsAreThoseOfTheCodewords)
             const int32_t even_bits = packed_bits(even, values);
             ASSERT_EQ(output_bits_check(odd, values, 4), odd_bits) << odd << ' ' << group;
             ASSERT_EQ(output_bits_check(even, values, 4), even_bits) << even << ' ' << group;
-            const BookChoice choice = choose_codebook({values, powers, 1 << 29}, 4, largest);
+            const book_choice choice = choose_codebook({values, powers, 1 << 29}, 4, largest);
             ASSERT_EQ(choice.book, even_bits < odd_bits ? even : odd) << group;
             ASSERT_EQ(choice.bits, std::min(even_bits, odd_bits)) << group;
         }

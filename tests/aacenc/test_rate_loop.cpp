@@ -42,7 +42,7 @@ TEST_F(RateLoop, GainFollowsTheSteps)
     EXPECT_EQ(code(33, 2000, 0, 0, 0), 31);         // starts again at 40
     EXPECT_EQ(code(40, 100, 0, 1024, 2000000), 72); // 40, 48, 56, 64, 72
     EXPECT_EQ(code(72, -1000, 0, 1024, 2000000), 104);
-    EXPECT_EQ(code(198, -1000, 0, 1024, 2000000), 198); // the next one would pass 200
+    EXPECT_EQ(code(198, -1000, 0, 1024, 2000000), 198); // the next one would exceed 200
     EXPECT_EQ(code(201, -1000, 0, 1024, 2000000), 72);
     // A low gain starts from the spectrum: 2^26 gives 6 / 3 * 16, below 40; 2^31 gives 11 / 3 * 16.
     EXPECT_EQ(code(39, -1000, 0, 4, 1 << 26), 72);
@@ -52,8 +52,8 @@ TEST_F(RateLoop, GainFollowsTheSteps)
 TEST_F(RateLoop, ATrialNearTheBudgetEndsTheSearch)
 {
     EXPECT_EQ(code(60, 1 << 20, 0, 1024, 20000), 51);
-    // The channel took 22 bits beyond lines and sections and one per band; a trial allows 102, and
-    // for the scalefactors a step of -51 and 48 of 0.
+    // Besides lines and sections the channel took 22 bits and one per band. A trial allows 102, and
+    // counts scalefactor differences of -51 once and 0 for 48 bands.
     const int32_t used = kMaxChannelBits - tf->bitsLeft;
     const int32_t total = used - 22 - 49 + 1 + 102 + 48 + static_cast<int32_t>(huff12[9] >> 24);
     for (const int32_t budget : {total, total + total / 3 - 2}) {
@@ -75,18 +75,18 @@ TEST_F(RateLoop, AChannelNeverPassesTheAccessUnit)
 {
     for (const int32_t room : {6144, 3000, 700, 40}) {
         EXPECT_GE(code(40, 1 << 20, 0, 1024, INT32_MIN, room), 99); // far above the transform
-        EXPECT_EQ(coder->codebook[48], kZeroBook);                  // the top bands went
+        EXPECT_EQ(coder->codebook[48], kZeroBook);                  // the top bands were dropped
         EXPECT_EQ(coder->codebook[0] != kZeroBook, room > 40);
     }
     // Lines that a higher gain brings within the limit keep all their bands.
     EXPECT_LT(code(40, 1 << 20, 0, 1024, 1000000, 3000), 99);
     EXPECT_NE(coder->codebook[48], kZeroBook);
-    // Escapes everywhere, five entries a pair: 2560 of them if the gain did not rise.
+    // Escapes everywhere, five entries a pair: they would be 2560 if the gain did not rise.
     EXPECT_GT(code(40, 1 << 20, 0, 1024, 1000000, 2 * kMaxChannelBits), 40);
     EXPECT_GT(coder->codewordCount, kMaxCodewords / 2);
 }
 
-// Whatever the first channel of a pair would take, the second keeps what it needs without a line.
+// The first channel of a pair leaves the second one the bits that it needs without any line.
 TEST(RateLoopOfAPair, TheSecondChannelHasItsRoom)
 {
     Encoder encoder(EncoderOptions{});

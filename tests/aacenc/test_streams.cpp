@@ -32,13 +32,13 @@ struct Stream {
     std::vector<uint8_t> adts;
 };
 
-// The values that the coder quantised last and those that the stream carries are the same.
+// The stream carries the values that the coder quantised last.
 static void expect_quantised(Encoder &encoder, const AacChannel &channel)
 {
     const EncTfState *tf = encoder.tf();
     const AacEncCoderInfo *coder = tf->coderInfo[encoder.state()->channels - 1];
     for (size_t band = 0; band < channel.codebooks.size(); band++) {
-        if (channel.codebooks[band] % kNoiseBook != 0) {
+        if (channel.codebooks[band] != kZeroBook && channel.codebooks[band] != kNoiseBook) {
             EXPECT_TRUE(std::equal(tf->work[0] + coder->swbOffset[band],
                                    tf->work[0] + coder->swbOffset[band + 1],
                                    channel.quantised.begin() + coder->swbOffset[band]));
@@ -46,8 +46,8 @@ static void expect_quantised(Encoder &encoder, const AacChannel &channel)
     }
 }
 
-// The bits of a frame and those left are exactly what a decoder's buffer grants, and the reservoir
-// changes by exactly what the access unit takes beyond the mean.
+// The bits of a frame and the bits left add up to a decoder's input buffer. The reservoir changes
+// by the difference between the mean and the access unit.
 static void expect_account(Encoder &encoder, int32_t frame_bits, int32_t unit_bits,
                            int32_t reservoir)
 {
@@ -57,7 +57,7 @@ static void expect_account(Encoder &encoder, int32_t frame_bits, int32_t unit_bi
     EXPECT_EQ(state->bitsAvailable, reservoir + state->meanBits - unit_bits);
 }
 
-// Encodes a signal and takes every access unit apart.
+// Encodes a signal and parses every access unit.
 static Stream encode_and_parse(const EncoderOptions &options, const std::vector<int16_t> &pcm,
                                int32_t mid_side = 0)
 {
@@ -97,8 +97,7 @@ static Stream encode_and_parse(const EncoderOptions &options, const std::vector<
     return stream;
 }
 
-// The sample programme from a frame on: the voice is in front in its first channel, the music in
-// its second.
+// The sample programme from a frame on: its first channel is mostly voice, its second mostly music.
 static Signal programme(int first_channel, size_t frame)
 {
     return [=](int channel, int n) {
@@ -108,7 +107,7 @@ static Signal programme(int first_channel, size_t frame)
     };
 }
 
-// Loud after quiet and quiet after loud, at random: the search starts from the wrong end each time.
+// Loud and quiet by turns, at random: the search starts from the wrong end each time.
 static Signal bursts()
 {
     return [loud = noise(6, 1), level = noise(7, 1), amplitude = 0.0](int channel, int n) mutable {
@@ -138,7 +137,7 @@ static std::vector<MatrixPoint> matrix_points()
         for (const int32_t bit_rate :
              {16000, 24000, 40000, 64000, 96000, 128000, 192000, 256000, 288000}) {
             if (bit_rate > 6 * rate && bit_rate != 288000) {
-                continue; // the highest one stands for all beyond the limit
+                continue; // the highest rate represents all above the limit
             }
             for (int i = 0; i < 32 * 7; i++) {
                 points.push_back({{.sample_rate = rate,
@@ -165,8 +164,8 @@ static std::string describe(const MatrixPoint &point)
            (options.tns ? " tns" : "") + " signal" + std::to_string(point.signal);
 }
 
-// Puts a stream where decoders can judge it: one file for each sample rate and number of channels,
-// and beside it a list of what the file is made of.
+// Appends a stream to a file of its sample rate and number of channels, for decoders to judge, and
+// its description to a list.
 static void keep_stream(const std::string &path, const MatrixPoint &point, const Stream &stream)
 {
     std::ofstream(path + ".aac", std::ios::binary | std::ios::app)
@@ -197,7 +196,7 @@ TEST(Streams, EveryConfigurationObeysTheSyntax)
     }
 }
 
-// Energy of the input's lines, below the bandwidth, over that of what a decoder makes of them.
+// returns: energy of the input's lines below the bandwidth over that of a decoder's error
 static double spectral_snr_db(int32_t bit_rate, int32_t mid_side = 0)
 {
     const EncoderOptions options = {.bit_rate = bit_rate};
@@ -236,7 +235,7 @@ TEST(Streams, DecodedLinesAreThoseOfTheInput)
     EXPECT_GT(spectral_snr_db(128000, 1), 18.0);
 }
 
-TEST(Streams, ToolsAppearWhereTheySwitchOn)
+TEST(Streams, ToolsAppearWhenTheyAreOn)
 {
     const auto shaped = encode_and_parse({.tns = 1}, render(impulses(900), 2, 20)).frames;
     for (size_t frame = 0; frame < shaped.size(); frame++) {
@@ -249,7 +248,7 @@ TEST(Streams, ToolsAppearWhereTheySwitchOn)
         int64_t count = 0;
         for (const AacFrame &frame : encode_and_parse(options, render(noise(8, 1), 2, 20)).frames) {
             for (const AacChannel &channel : frame.channels) {
-                count += std::count(channel.codebooks.begin(), channel.codebooks.end(), 13);
+                count += std::count(channel.codebooks.begin(), channel.codebooks.end(), kNoiseBook);
             }
         }
         return count;

@@ -9,11 +9,11 @@
 #include <string>
 #include <vector>
 
-// What a writer appends behind `offset` bits, as a string of digits.
+// returns: the bits that a writer appends after `offset` bits, as digits
 template <typename Write>
 static std::string written_bits(Write write, int offset = 0)
 {
-    std::vector<uint8_t> bytes(4096, 0xFF); // the writer clears what it uses
+    std::vector<uint8_t> bytes(4096, 0xFF); // the writer clears the bytes that it uses
     AacEncBitstream bitstream;
     bitstream_start(&bitstream, bytes.data());
     BsPutBit(&bitstream, 0, offset);
@@ -48,7 +48,7 @@ TEST(BitWriter, WritesEveryWidthAtEveryOffset)
     }
 }
 
-// returns: where the fill elements end that the digits begin with; their bytes must be zero
+// returns: the end of the fill elements at the start of the digits; their bytes must be zero
 static size_t end_of_fill_elements(const std::string &digits)
 {
     size_t at = 0;
@@ -95,14 +95,6 @@ struct Syntax : SilentChannel {
         EXPECT_EQ(bits, static_cast<int32_t>(fields(expected).size()));                            \
         EXPECT_EQ(writer(nullptr, 0), bits);                                                       \
     } while (0)
-
-TEST_F(Syntax, SectionsAreTheLongestRuns)
-{
-    set_books(std::vector<int>(31, 11));
-    EXPECT_BITS(sort_book_numbers(coder, bs, write, tf), "1011 11111 00000");
-    set_books(std::vector<int>(32, 1));
-    EXPECT_BITS(sort_book_numbers(coder, bs, write, tf), "0001 11111 00001");
-}
 
 TEST_F(Syntax, ScalefactorsAndNoiseEnergiesAreDifferences)
 {

@@ -9,23 +9,25 @@
 #include <algorithm>
 #include <cmath>
 #include <gtest/gtest.h>
+#include <numbers>
 #include <numeric>
 #include <span>
 #include <utility>
 #include <vector>
 
-static constexpr double kPi = 3.14159265358979323846;
+using std::numbers::pi;
+
 static constexpr double kOne_q29 = 536870912.0;
 
 TEST(Tables, FollowTheirFormulas)
 {
     for (int n = 0; n < 1024; n++) {
-        EXPECT_EQ(MDCT_WINDOW[n], std::trunc(kOne_q29 * std::sin(kPi * (n + 0.5) / 2048))) << n;
+        EXPECT_EQ(MDCT_WINDOW[n], std::trunc(kOne_q29 * std::sin(pi * (n + 0.5) / 2048))) << n;
     }
     EXPECT_EQ(CPLX_COEFF[0], 2147483647);
     EXPECT_EQ(CPLX_COEFF[256], 0);
     for (int k = 1; k < 256; k++) {
-        const float cosine = static_cast<float>(std::cos(kPi * k / 512));
+        const float cosine = static_cast<float>(std::cos(pi * k / 512));
         EXPECT_EQ(CPLX_COEFF[k], static_cast<double>(cosine) * 2147483648.0) << k;
     }
     for (int i = 0; i < 100; i++) {
@@ -38,10 +40,10 @@ TEST(Tables, FollowTheirFormulas)
     }
     for (int j = 0; j < 16; j++) {
         const double threshold =
-            j < 8 ? std::sin((j - 8.5) * kPi / 17) : std::sin((j - 7.5) * kPi / 15);
+            j < 8 ? std::sin((j - 8.5) * pi / 17) : std::sin((j - 7.5) * pi / 15);
         EXPECT_EQ(search4[j], j == 10 ? 1 << 28 : std::trunc(kOne_q29 * threshold)) << j;
         const int n = j - 8;
-        EXPECT_EQ(kArray_Out[j], std::trunc(kOne_q29 * std::sin(n * kPi / (n < 0 ? 17 : 15))));
+        EXPECT_EQ(kArray_Out[j], std::trunc(kOne_q29 * std::sin(n * pi / (n < 0 ? 17 : 15))));
     }
 }
 
@@ -59,7 +61,7 @@ TEST(Tables, PowersFollowTheCurve)
         EXPECT_GT(part, x < 1U << 22 ? 0.907 : 0.956) << x;
         EXPECT_LT(part, x < 1U << 25 ? 1.0 : 1.0086) << x;
     }
-    for (const PowerLine &line : CalcPow_RageTable) {
+    for (const power_line &line : CalcPow_RageTable) {
         const uint32_t start = static_cast<uint32_t>(line.start);
         EXPECT_EQ(power_three_quarters(start), line.base);
         EXPECT_NEAR(power_three_quarters(start - 1), line.base, 1);
@@ -97,12 +99,10 @@ TEST(Tables, CodebooksArePrefixFreeAndComplete)
 
 TEST(Tables, BandsAddUpToTheFrame)
 {
-    const int counts[] = {49, 51, 47, 43, 40};
-    for (int i = 0; i < 5; i++) {
-        const uint8_t *row = sr_info_aac[i];
-        EXPECT_EQ(row[0], counts[i]);
-        EXPECT_EQ(std::accumulate(row + 1, row + 52, 0), 1024);
-        EXPECT_TRUE(std::all_of(row + 1, row + 1 + row[0],
-                                [](uint8_t width) { return width != 0 && width % 4 == 0; }));
+    for (const uint8_t(&row)[52] : sr_info_aac) {
+        const uint8_t *end = row + 1 + row[0];
+        EXPECT_EQ(std::accumulate(row + 1, end, 0), 1024);
+        EXPECT_TRUE(
+            std::all_of(row + 1, end, [](int width) { return width > 0 && width % 4 == 0; }));
     }
 }

@@ -8,21 +8,23 @@
 #include <cstdint>
 #include <functional>
 #include <gtest/gtest.h>
+#include <numbers>
 #include <random>
 #include <span>
 #include <vector>
 
-static constexpr double kPi = 3.14159265358979323846;
+using std::numbers::pi;
+
 static constexpr double kOne_q28 = 268435456.0;
 
-// Lines that a click in the frame gives: a wave along the frequency axis, with some noise.
+// The lines of a click in the frame: a wave along the frequency axis, with some noise.
 static std::vector<int32_t> click_lines(double position, double noise_level)
 {
     std::mt19937 random(9);
     std::vector<int32_t> lines(1024);
     for (size_t k = 0; k < 1024; k++) {
         lines[k] = static_cast<int32_t>(
-            1e6 * (std::cos(kPi * position * (static_cast<double>(k) + 0.5)) +
+            1e6 * (std::cos(pi * position * (static_cast<double>(k) + 0.5)) +
                    noise_level * (static_cast<double>(random() % 2001) / 1000 - 1)));
     }
     return lines;
@@ -62,10 +64,10 @@ static std::vector<double> plain_reflection(std::span<const int32_t> lines)
     return reflection;
 }
 
-// The decision of the 4-bit quantiser: to the nearest value, but below 0 to the next one toward 0.
+// The decision of the 4-bit quantiser: the nearest value, but below 0 the next one toward 0.
 static int plain_index(double k)
 {
-    const double steps = std::asin(k) / kPi * (k < 0 ? 17 : 15);
+    const double steps = std::asin(k) / pi * (k < 0 ? 17 : 15);
     const int index = static_cast<int>(std::ceil(k < 0 ? steps + 0.5 : steps - 0.5));
     return k < 0 ? std::clamp(index, -7, 0) : std::min(index, 7);
 }
@@ -90,7 +92,7 @@ struct Tools : SilentChannel {
     }
 };
 
-// Coefficients, decisions, and what a decoder's filter makes of the lines.
+// Checks coefficients, decisions, and the lines that a decoder's filter restores.
 TEST_F(Tools, TnsEqualsThePlainModel)
 {
     const size_t start = static_cast<size_t>(coder->swbOffset[16]);
@@ -115,7 +117,7 @@ TEST_F(Tools, TnsEqualsThePlainModel)
             EXPECT_EQ(filter.index[m], plain_index(reflection[m] / kOne_q28)) << m;
             const double steps = filter.index[m] >= 0 ? 15 : 17;
             if (static_cast<int32_t>(m) <= filter.order) {
-                step_up(a, std::sin(filter.index[m] * kPi / steps));
+                step_up(a, std::sin(filter.index[m] * pi / steps));
             }
         }
         std::vector<double> restored(lines.begin(), lines.end());
@@ -139,7 +141,7 @@ TEST_F(Tools, OnlyPredictableLinesAreWorthAFilter)
     EXPECT_EQ(shape(no_lines.data()), -2);
 }
 
-TEST_F(Tools, TnsStaysSoundOnAnyLines)
+TEST_F(Tools, TnsStaysInRangeOnAnyLines)
 {
     std::mt19937 random(10);
     std::vector<int32_t> offsets(50, 1024);
@@ -189,7 +191,7 @@ TEST_F(Tools, NoiseBandsReachFromTheBandwidthToTheLastLoudBand)
         first_line(first - 1) = 1;
         set_energy(first, 1);
         if (top < 48) {
-            set_energy(top + 1, 20); // as good as silent
+            set_energy(top + 1, 20); // counts as silent
         }
         if (top > first) {
             set_energy(top, 21);

@@ -95,7 +95,7 @@ TEST_F(InfoCommand, PrintsWhatAnIntactFileHolds)
     const std::string page = TDMBREC "info a.mp4 --html ";
     EXPECT_EQ(shell(page + "page.html && " + page + "| cmp - page.html").status, 0);
     const command_result sound = shell(TDMBREC "info programme.wav");
-    EXPECT_TRUE(sound.status == 1 && contains(sound.out, "Fault    this is no MP4 file\n"));
+    EXPECT_TRUE(sound.status == 1 && contains(sound.out, "Fault    this is not an MP4 file\n"));
 }
 
 TEST_F(InfoCommand, IsAPageThatFitsATelephone)
@@ -112,16 +112,16 @@ TEST_F(InfoCommand, IsAPageThatFitsATelephone)
     EXPECT_GT(shown["bars"], 30);
 
     const json report = json::parse(shell(TDMBREC "info a.mp4 --json").out);
-    std::vector<std::string> figures = {print(" (%d bytes), ", report["bytes"].get<int>())};
+    std::vector<std::string> figures = {format_text(" (%d bytes), ", report["bytes"].get<int>())};
     for (const json &track : report["tracks"]) {
         const auto number = [&](const char *name) { return track[name].get<double>(); };
         figures.insert(
             figures.end(),
-            {print("\n%s, ", track["coding"].get<std::string>().c_str()),
-             print("\n%s\n", duration_text(number("duration_seconds")).c_str()),
-             print("\n%.0f, %.2f a second\n", number("frames"), 1 / number("frame_seconds")),
-             print("\n%.0f kbit/s, at most %.0f\n", number("bits_per_second") / 1000,
-                   number("most_bits_per_second") / 1000)});
+            {format_text("\n%s, ", track["coding"].get<std::string>().c_str()),
+             format_text("\n%s\n", duration_text(number("duration_seconds")).c_str()),
+             format_text("\n%.0f, %.2f a second\n", number("frames"), 1 / number("frame_seconds")),
+             format_text("\n%.0f kbit/s, at most %.0f\n", number("bits_per_second") / 1000,
+                         number("most_bits_per_second") / 1000)});
     }
     for (const std::string &figure : figures) {
         EXPECT_TRUE(contains(shown["text"], figure)) << figure << shown["text"];
@@ -139,20 +139,20 @@ TEST_F(InfoCommand, NamesEveryFault)
         {after("moov"), {'x', 'x', 'x', 'x'}, "Fault    box "},
         {after("mdat") - 4, {'f', 'r', 'e', 'e'}, "track 1: 470 frames outside the media data"},
         {after("mvhd") + 12, {0, 0, 0, 0}, "the movie has a time scale of 0"},
-        {after("mvhd") + 96, {0, 0, 0, 1}, "the next track's number is used already"},
+        {after("mvhd") + 96, {0, 0, 0, 1}, "the next track's number is already used"},
         {after("tkhd", 1) + 12, {0, 0, 0, 1}, "track number 1 is used twice"},
         {after("mdhd", 1) + 16, {0, 0, 0, 9}, "track 2: its media header says 0.000 s"},
         {after("stco", 1) + 12, {0x7F, 0}, "1 frame outside the media data, the first is frame 2"},
         {after("stco") + 4, {0, 0, 1, 0}, "track 1: the chunks do not hold all samples"},
-        {after("stco") + 4, {0xFF, 0xFF, 0xFF, 0xFF}, "track 1: table stco does not add up"},
+        {after("stco") + 4, {0xFF, 0xFF, 0xFF, 0xFF}, "track 1: table stco is longer than its box"},
         {after("stsc") + 8, {0, 0, 0, 2}, "track 1: the chunks do not hold all samples"},
-        {after("stsz") + 8, {0xFF, 0, 0, 0}, "track 1: table stsz does not add up"},
+        {after("stsz") + 8, {0xFF, 0, 0, 0}, "track 1: table stsz is longer than its box"},
         {after("stsz") + 4, {0, 0, 0, 1, 0xFF, 0, 0, 0}, "Note     track 1: too many samples"},
         {after("stsz", 1) + 4, {0, 4, 0, 0}, "Note     track 2: its frames share so many bytes"},
-        {after("stsz", 1) + 12, {0, 0, 0, 9}, "track 2: 1 frame whose NAL units do not add up"},
+        {after("stsz", 1) + 12, {0, 0, 0, 9}, "track 2: 1 frame with wrong NAL unit lengths"},
         {after("stss") + 8, {0, 0, 0, 2}, "track 2: does not begin with a key frame"},
-        {after("stss") + 12, {0, 0, 0, 30}, "1 frame that the table calls a key frame"},
-        {after("stss") + 12, {0, 0, 9, 9}, "track 2: stss leaves the track"},
+        {after("stss") + 12, {0, 0, 0, 30}, "1 frame marked as key frame without an IDR picture"},
+        {after("stss") + 12, {0, 0, 9, 9}, "track 2: stss names samples that"},
         {after("stss") + 12, {0, 0, 0, 1}, "track 2: stss is not in order"},
         {after("avcC") - 4, {'x'}, "track 2: has no parameter sets"},
         {after("esds") - 4, {'x'}, "track 1: has no decoder configuration"},
@@ -191,6 +191,6 @@ TEST_F(InfoCommand, SurvivesCutAndDamagedFiles)
                        static_cast<uint8_t>(left), 'm', 'o', 'o', 'v'});
     }
     nested.resize(1 << 20);
-    EXPECT_TRUE(contains(report_on(nested), "boxes nest too deep"));
+    EXPECT_TRUE(contains(report_on(nested), "boxes are nested too deeply"));
     EXPECT_TRUE(contains(report_on(bytes(1 << 20)), "Fault"));
 }

@@ -79,7 +79,7 @@ TEST_F(Refusals, NameTheMistakeAndTouchNothing)
         const command_result helped =
             shell("cp " + std::string(input) +
                   " \"it's\"; " RECORD "-o x \"it's\" 2>&1 | "
-                  "sed -n 's/.*without: ffmpeg/ffmpeg -nostdin -v error -y/p' > line; "
+                  "sed -n 's/.*without them: ffmpeg/ffmpeg -nostdin -v error -y/p' > line; "
                   ". ./line && " RECORD "-f -o x new.mkv");
         EXPECT_TRUE(helped.status == 0 && contains(helped.out, "25 frames")) << helped.err;
     }

@@ -1,4 +1,4 @@
-// Every input over small alphabets, against a splitter that goes byte by byte.
+// Every input over small alphabets, compared with a splitter that works byte by byte.
 #include "component/access_unit.h"
 
 #include <gtest/gtest.h>
@@ -16,13 +16,13 @@ static std::vector<nal_unit_t> plain_units(const Bytes &data)
             continue;
         }
         if (!units.empty()) {
-            units.back().uiEnd = i;
+            units.back().end = i;
         }
         units.push_back({i > 0 && data[i - 1] == 0 ? i - 1 : i, i + 3, length});
     }
     for (nal_unit_t &unit : units) {
-        while (unit.uiEnd > unit.uiStart && data[unit.uiEnd - 1] == 0) {
-            unit.uiEnd--;
+        while (unit.end > unit.start && data[unit.end - 1] == 0) {
+            unit.end--;
         }
     }
     return units;
@@ -31,48 +31,47 @@ static std::vector<nal_unit_t> plain_units(const Bytes &data)
 static access_unit_t plain_description(const Bytes &data, const std::vector<nal_unit_t> &units)
 {
     access_unit_t result = {};
-    result.uiPictureOffset = static_cast<uint32_t>(data.size());
+    result.picture_offset = static_cast<uint32_t>(data.size());
     for (const nal_unit_t &unit : units) {
-        const bool is_front = result.uiUnitCount == 0;
-        const bool is_short = unit.uiStart - unit.uiStartCode == 3;
-        const int type = unit.uiStart == unit.uiEnd ? -1 : data[unit.uiStart] % 32;
+        const bool is_front = result.picture_unit_count == 0;
+        const bool is_short = unit.start - unit.start_code == 3;
+        const int type = unit.start == unit.end ? -1 : data[unit.start] % 32;
         const bool is_set = is_front && (type == 7 || type == 8);
         result.has_short_start_codes |= is_short;
-        result.has_short_front_codes |= is_short && is_front;
+        result.has_short_leading_codes |= is_short && is_front;
         result.has_empty_units |= type < 0;
-        result.uiSpsCount += is_set && type == 7 ? 1u : 0u;
-        result.uiPpsCount += is_set && type == 8 ? 1u : 0u;
-        result.has_valid_sps |= is_set && type == 7 && unit.uiEnd - unit.uiStart >= 4;
+        result.sps_count += is_set && type == 7 ? 1u : 0u;
+        result.pps_count += is_set && type == 8 ? 1u : 0u;
+        result.has_valid_sps |= is_set && type == 7 && unit.end - unit.start >= 4;
         if (type >= 0 && !is_set) {
-            result.uiPictureOffset = is_front ? unit.uiStartCode : result.uiPictureOffset;
-            result.uiUnitCount++;
+            result.picture_offset = is_front ? unit.start_code : result.picture_offset;
+            result.picture_unit_count++;
             result.has_slice |= type >= 1 && type <= 5;
             result.is_idr |= type == 5;
         }
     }
-    result.uiFrontUnitCount = result.uiSpsCount + result.uiPpsCount;
     return result;
 }
 
 static bool is_same(const access_unit_t &a, const access_unit_t &b)
 {
     const auto fields = [](const access_unit_t &u) {
-        return std::tuple(u.uiPictureOffset, u.uiSpsCount, u.uiPpsCount, u.uiUnitCount,
-                          u.uiFrontUnitCount, u.has_slice, u.is_idr, u.has_valid_sps,
-                          u.has_short_start_codes, u.has_short_front_codes, u.has_empty_units);
+        return std::tuple(u.picture_offset, u.sps_count, u.pps_count, u.picture_unit_count,
+                          u.has_slice, u.is_idr, u.has_valid_sps, u.has_short_start_codes,
+                          u.has_short_leading_codes, u.has_empty_units);
     };
     return fields(a) == fields(b);
 }
 
-// All units, after their lengths or after start codes of 4 bytes.
+// All units, each after its length or after a start code of 4 bytes.
 static Bytes plain_rewrite(const Bytes &data, const std::vector<nal_unit_t> &units, bool lengths)
 {
     Bytes out;
     for (const nal_unit_t &unit : units) {
-        if (unit.uiEnd > unit.uiStart) {
+        if (unit.end > unit.start) {
             out.insert(out.end(), {0, 0, 0, 1});
-            out.back() = lengths ? static_cast<uint8_t>(unit.uiEnd - unit.uiStart) : uint8_t{1};
-            out.insert(out.end(), &data[unit.uiStart], &data[unit.uiEnd - 1] + 1);
+            out.back() = lengths ? static_cast<uint8_t>(unit.end - unit.start) : uint8_t{1};
+            out.insert(out.end(), &data[unit.start], &data[unit.end - 1] + 1);
         }
     }
     return out;
@@ -83,8 +82,8 @@ static bool is_handled(const Bytes &data)
     const uint32_t length = static_cast<uint32_t>(data.size());
     const std::vector<nal_unit_t> units = plain_units(data);
     const access_unit_t expected = plain_description(data, units);
-    const uint32_t count = expected.uiFrontUnitCount + expected.uiUnitCount;
-    const bool is_access_unit = count > 0 && units[0].uiStartCode == 0;
+    const uint32_t count = count_leading_sets(&expected) + expected.picture_unit_count;
+    const bool is_access_unit = count > 0 && units[0].start_code == 0;
     access_unit_t result;
     if (describe_access_unit(data.data(), length, &result) != is_access_unit) {
         return false;
@@ -106,12 +105,12 @@ static bool is_handled(const Bytes &data)
            (expected.has_short_start_codes || in_place == with_lengths);
 }
 
-// The data, and the data after which up to `most` words of the alphabet follow.
+// Checks the data with every sequence of up to `most` words of the alphabet after it.
 static void expect_all_handled(const Bytes &data, const std::vector<Bytes> &alphabet, int most)
 {
     ASSERT_TRUE(is_handled(data)) << testing::PrintToString(data);
     for (size_t i = 0; i < alphabet.size() && most > 0 && !testing::Test::HasFailure(); i++) {
-        Bytes longer; // without room after its end, so that an overrun is seen
+        Bytes longer; // has no spare capacity, so that an overrun is noticed
         longer.reserve(data.size() + alphabet[i].size());
         longer = data;
         longer.insert(longer.end(), alphabet[i].begin(), alphabet[i].end());

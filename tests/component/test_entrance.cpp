@@ -1,5 +1,5 @@
-// What comes in through the ports, and what the file then holds: its parameter sets, its pictures
-// with their times and sync flags, its sound.
+// Buffers sent through the ports, and the content of the file: its parameter sets, its pictures
+// with their times and sync flags, its audio.
 #include "component/audio_encoder.h"
 #include "mp4read/mp4_reader.h"
 #include "platform/host/host_control.h"
@@ -11,27 +11,27 @@
 #include <map>
 #include <sstream>
 
-// Buffers are written as their time (ms) and a letter for each unit: "40SPI 80N". A capital and its
-// small letter are two units of the same number. "." makes the next start code a short one, "!"
-// leaves it out, "_" is a zero byte. "L" is the row's own unit, "A" a buffer of PCM for a frame,
-// "a" one for a 64th of it.
+// A buffer is written as its time (ms) and one letter per unit: "40SPI 80N". A capital and its
+// small letter are units with the same id. "." makes the next start code a short one, "!" omits it,
+// "_" is a zero byte. "L" is the row's own unit, "A" a buffer with the PCM of one frame, "a" a 64th
+// of it.
 struct Row {
     std::string name;
     std::string sent;
-    std::string sets;     // of the decoder configuration; empty: no file
-    std::string pictures; // "*": a sync sample
-    size_t sounds = 1;    // at least the frame of silence
+    std::string sets;        // of the decoder configuration; empty: no file
+    std::string pictures;    // "*": a sync sample
+    size_t audio_frames = 1; // at least the frame of silence
     Bytes own = {};
 };
 
-// A unit of `bytes` bytes; the first of its kind's numbers is 0x80, the next one 0x40.
-static Bytes unit(int type, size_t bytes, uint8_t mark, uint8_t number = 0x80)
+// A unit of `bytes` bytes. A parameter set has the id 0 (coded as 0x80) or 1 (0x40).
+static Bytes unit(int type, size_t bytes, uint8_t mark, uint8_t coded_id = 0x80)
 {
     Bytes data(bytes, mark);
     data[0] = static_cast<uint8_t>(0x60 | type);
-    const size_t number_at = type == 7 ? 4 : 1;
-    if (type >= 7 && number_at < bytes) {
-        data[number_at] = number;
+    const size_t id_at = type == 7 ? 4 : 1;
+    if (type >= 7 && id_at < bytes) {
+        data[id_at] = coded_id;
     }
     return data;
 }
@@ -44,20 +44,20 @@ static const std::map<char, Bytes> kUnits = {
 
 // clang-format off
 static const std::vector<Row> kRows = {
-    // Both sets in front of the picture.
+    // Both sets before the picture.
     {"no IDR picture",                "40SPN 80SPI",                      "SP", "0N 40I*"},
-    {"an IDR slice behind an SEI",    "40SPEI",                           "SP", "0EI*"},
+    {"an IDR slice after an SEI",     "40SPEI",                           "SP", "0EI*"},
     {"at time 0: the next sets",      "0SPI 40i 80SPI",                   "SP", "0I*"},
     {"at time 0: a PPS follows",      "0SPI 40PN 80SPI",                  "SP", "0N 40I*"},
     {"at time 0: other sets follow",  "0SPI 40spi 80PSI 120Pi",           "SP", "0i* 40I* 80i*"},
     {"later sets are left out",       "40SPI 80spi 120sp 160N",           "SP", "0I* 40i* 120N"},
-    {"several in front",              "40SPQI",                           "SP", "0SPQI*"},
-    {"short start codes in front",    "40.SPI",                           "SP", "0SPI*"},
-    {"a short one behind the sets",   "40SP.I",                           "SP", "0SPI*"},
+    {"several before the picture",    "40SPQI",                           "SP", "0SPQI*"},
+    {"short start codes first",       "40.SPI",                           "SP", "0SPI*"},
+    {"a short one after the sets",    "40SP.I",                           "SP", "0SPI*"},
     {"a short one between slices",    "40SPI.N",                          "SP", "0IN*"},
     {"an SPS too short",              "40XPI",                            "",   ""},
     {"no sets",                       "40I 80A 80N",                      "",   ""},
-    {"a PPS alone in front",          "40PI",                             "",   ""},
+    {"a PPS alone",                   "40PI",                             "",   ""},
     {"no start code",                 "40!SPI",                           "",   ""},
     {"leading zeros",                 "40_SPI 80__SPI 120___SPI 160" + std::string(70, '_') + ".I",
                                                                   "SP", "0I* 40I* 80I* 120I*"},
@@ -65,23 +65,23 @@ static const std::vector<Row> kRows = {
     {"PPS first",                     "40P 80S 120I 160N",                "SP", "0I* 40N"},
     {"PPS with the picture",          "40S 80PI",                         "SP", "0I*"},
     {"short start codes, zeros",      "40.S___ 40.P_ 40.E.I__",           "SP", "0EI*"},
-    {"the newest of each number",     "40s 40p 80S 80P 80X 120I",         "SP", "0I*"},
+    {"the newest of each id",         "40s 40p 80S 80P 80X 120I",         "SP", "0I*"},
     {"the picture brings newer ones", "40s 40pQ 80SPI",                   "SP", "0I*"},
-    {"several numbers stay in",       "40Q 40S 40T 40P 80I 120Q 160E 160N 200Q 240SPI",
+    {"several ids stay in",           "40Q 40S 40T 40P 80I 120Q 160E 160N 200Q 240SPI",
                                                 "SQ", "0TSQPI* 80E 80QN 160SQPI*"},
     {"both alone, others later",      "40sp 80SPI 200N",                  "sp", "0SPI* 120N"},
-    {"sound behind both alone",       "40SP 40A 80A 160I 300N",           "SP", "0I* 120N", 2},
+    {"audio after both alone",        "40SP 40A 80A 160I 300N",           "SP", "0I* 120N", 2},
     {"passed before both are there",  "40S 80N 120S 120P 160N 200I",      "SP", "0N 40I*"},
     {"at time 0: the next picture",   "0S 0P 0i 40N 80I",                 "SP", "0N 40I*"},
     {"any picture begins, no SEI",    "40SP 80E 80N 120A 160I 200A",      "SP", "0N 80I*", 2},
     {"later sets apart are left out", "40S 40P 80N 120P 120N 160S 160P 160N 200I",
                                                               "SP", "0N 40N 80N 120I*"},
     {"a clock that jumps back",       "4000S 3000P 2000I 2040N",          "SP", "0I* 40N"},
-    {"at once behind the time base",  "-20SPI 20SPI",                     "SP", "0I*"},
+    {"right after the time base",     "-20SPI 20SPI",                     "SP", "0I*"},
     {"never both",                    "40S 80I 120S 160N",                "",   ""},
     {"no picture",                    "40S 80P",                          "",   ""},
-    // Sound.
-    {"sound before the picture",      "100A 120N 130A 140SPI 139A 140A 161A","SP", "0I*", 2},
+    // Audio.
+    {"audio before the picture",      "100A 120N 130A 140SPI 139A 140A 161A","SP", "0I*", 2},
     {"clocks that jump back",         "40SPI 40A 80I 80A 30I 50A 70I 90A",
                                                             "SP", "0I* 40I* 80I* 120I*", 4},
 };
@@ -102,8 +102,8 @@ static std::vector<Row> rows_of_sizes()
     for (size_t bytes = 40; bytes <= 56; bytes++) {
         sizes.push_back(bytes);
     }
-    // The scan reads 50 bytes, the header after the sets included. What is larger stays in the
-    // file. 4096 bytes are kept.
+    // The scan reads 50 bytes, with the header after the sets. Larger sets stay in the access
+    // units. At most 4096 bytes of sets are kept.
     for (const size_t bytes : sizes) {
         const Bytes sps = unit(7, bytes - 8 - 4, 9);
         const std::string name = "size of sets " + std::to_string(bytes);
@@ -124,14 +124,14 @@ static std::vector<Row> all_rows()
     return rows;
 }
 
-static bool is_sound(const std::string &text)
+static bool is_audio(const std::string &text)
 {
     return text == "A" || text == "a";
 }
 
 static Bytes buffer_of(const std::string &text, const Bytes &own)
 {
-    if (is_sound(text)) {
+    if (is_audio(text)) {
         return Bytes(text == "A" ? kPcmBufferBytes : kPcmBufferBytes / 64, 5);
     }
     Bytes data;
@@ -195,7 +195,7 @@ class Entrance : public ComponentTest {
         std::istringstream sent(row.sent);
         int64_t ms = 0;
         for (std::string text; sent >> ms >> text;) {
-            client.send(is_sound(text) ? 1 : 0, buffer_of(text, row.own), 1000000 + 1000 * ms);
+            client.send(is_audio(text) ? 1 : 0, buffer_of(text, row.own), 1000000 + 1000 * ms);
         }
         EXPECT_EQ(client.stop(), OMX_ErrorNone);
         EXPECT_EQ(client.wait_for_end(), row.sets.empty() ? 0u : 1u) << row.name;
@@ -218,7 +218,7 @@ static void expect_file(const Bytes &image, const Row &row)
         return;
     }
     const mp4_reader::movie movie = mp4_reader::read_movie(image);
-    ASSERT_EQ(movie.error, "");
+    ASSERT_EQ(first_fault(movie), "");
     const mp4_reader::track &video = *mp4_reader::find_track(movie, "vide");
     std::string sets;
     for (const std::vector<Bytes> &kind : {video.avc.sps, video.avc.pps}) {
@@ -228,7 +228,7 @@ static void expect_file(const Bytes &image, const Row &row)
     }
     EXPECT_EQ(sets, row.sets);
     EXPECT_EQ(pictures_of(image, video, row.own), row.pictures);
-    EXPECT_EQ(mp4_reader::find_track(movie, "soun")->samples.size(), row.sounds);
+    EXPECT_EQ(mp4_reader::find_track(movie, "soun")->samples.size(), row.audio_frames);
 }
 
 TEST_F(Entrance, GivesTheFileOfTheTable)
@@ -240,8 +240,8 @@ TEST_F(Entrance, GivesTheFileOfTheTable)
     client->to_loaded();
 }
 
-// Every row before and after a third of the others, as a new component records it. One size of the
-// large sets is enough.
+// Each row is recorded before and after a third of the others, and must give the file that a new
+// component gives. One size of large sets is enough.
 TEST_F(Entrance, KeepsNothingForTheNextRecording)
 {
     host_set_log_level(8);
@@ -266,7 +266,7 @@ TEST_F(Entrance, KeepsNothingForTheNextRecording)
 static constexpr uint32_t kRates[] = {96000, 88200, 64000, 48000, 44100, 32000, 24000,
                                       22050, 16000, 12000, 11025, 8000,  7350};
 
-TEST_F(Entrance, DescribesTheSoundOfEveryRate)
+TEST_F(Entrance, DescribesTheAudioOfEveryRate)
 {
     for (uint32_t rate = 0; rate <= 100000; rate++) {
         const uint32_t index =
@@ -289,12 +289,12 @@ TEST_F(Entrance, DescribesTheSoundOfEveryRate)
         EXPECT_EQ(OMX_SetParameter(client->handle(), OMX_IndexParamAudioPcm, &pcm), OMX_ErrorNone);
         const Bytes image = record(*client, {"", "40SPI 40A 200A", "SP", ""});
         const mp4_reader::movie movie = mp4_reader::read_movie(image);
-        ASSERT_EQ(movie.error, "");
-        const mp4_reader::track &sound = *mp4_reader::find_track(movie, "soun");
-        EXPECT_EQ(sound.sample_rate, kRates[index]);
-        EXPECT_EQ(sound.samples.size(), 2u) << kRates[index];
+        ASSERT_EQ(first_fault(movie), "");
+        const mp4_reader::track &audio = *mp4_reader::find_track(movie, "soun");
+        EXPECT_EQ(audio.sample_rate, kRates[index]);
+        EXPECT_EQ(audio.samples.size(), 2u) << kRates[index];
         const uint32_t config = 2u << 11 | index << 7 | 2u << 3;
-        EXPECT_EQ(sound.esds.specific_info,
+        EXPECT_EQ(audio.esds.specific_info,
                   (Bytes{static_cast<uint8_t>(config >> 8), static_cast<uint8_t>(config)}));
     }
     client->to_loaded();

@@ -69,13 +69,13 @@ TEST(FrameFifo, KeepsAFrameInOnePieceAndOneByteFree)
     EXPECT_EQ(QVR_FIFO_GetLength(kFifo), 0);
     EXPECT_TRUE(put(Bytes(60, 1)));
     EXPECT_TRUE(put(Bytes(30, 2)));
-    EXPECT_FALSE(put(Bytes(10, 3))) << "neither behind nor in front";
+    EXPECT_FALSE(put(Bytes(10, 3))) << "neither after nor before";
     EXPECT_EQ(QVR_FIFO_Push(kFifo), 0) << "full until a frame is popped";
     EXPECT_EQ(QVR_FIFO_PopFrame(kFifo), 1);
     EXPECT_FALSE(put(Bytes(60, 3)));
     EXPECT_EQ(oldest_frame(), Bytes(30, 2));
     EXPECT_EQ(QVR_FIFO_PopFrame(kFifo), 1);
-    EXPECT_TRUE(put(Bytes(50, 3))) << "in front";
+    EXPECT_TRUE(put(Bytes(50, 3))) << "before";
     EXPECT_EQ(storage[0], 3);
     EXPECT_EQ(oldest_frame(), Bytes(50, 3));
 }
@@ -101,7 +101,7 @@ TEST(FrameFifo, CopiesNothingBeyondItsStorage)
     EXPECT_EQ(Bytes(memory.begin() + 100, memory.end()), Bytes(20, 0xEE));
     Bytes large(140000);
     QVR_FIFO_InitBuffer(kFifo, 140000, large.data());
-    for (int i = 0; i < 4; i++) { // a frame of unknown length keeps its room, also when drained
+    for (int i = 0; i < 4; i++) { // a frame of unknown length keeps its room, after a drain too
         for (const uint8_t value : {uint8_t{1}, uint8_t{2}}) {
             EXPECT_EQ(QVR_FIFO_GetOneFifo5(kFifo, 0, 0, 0), 1) << i;
             EXPECT_EQ(QVR_FIFO_WriteFifo5(kFifo, Bytes(9, value).data(), 9), 9);
@@ -116,7 +116,7 @@ TEST(FrameFifo, CopiesNothingBeyondItsStorage)
     }
 }
 
-// A frame that follows from its number, so that what is lost, doubled or torn shows.
+// The content follows from the number, so that a lost, doubled or torn frame is noticed.
 static Bytes make_frame(uint32_t number)
 {
     Bytes frame(1 + number * 2654435761u % 700);
@@ -126,7 +126,7 @@ static Bytes make_frame(uint32_t number)
     return frame;
 }
 
-// On a busy machine a short sleep gives the processor back sooner than a yield would.
+// On a busy machine a short sleep frees the processor sooner than a yield.
 template <typename Condition>
 static void wait_until(Condition is_met)
 {
@@ -154,9 +154,9 @@ TEST(FrameFifo, LosesDoublesAndTearsNothingBetweenTwoThreads)
             uint32_t length = 0, extra = 0;
             int64_t time = 0;
             const uint8_t *const data = QVR_FIFO_GetOneFrame(kFifo, &length, &time, &extra);
-            const bool is_sound =
+            const bool is_intact =
                 Bytes(data, data + length) == make_frame(i) && time == INT64_MIN + i && extra == ~i;
-            faults += QVR_FIFO_PopFrame(kFifo) == 1 && is_sound ? 0u : 1u;
+            faults += QVR_FIFO_PopFrame(kFifo) == 1 && is_intact ? 0u : 1u;
         }
         producer.join();
         EXPECT_EQ(faults, 0u) << "in a FIFO of " << size << " bytes";

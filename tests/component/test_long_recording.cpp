@@ -1,4 +1,4 @@
-// A recording whose sample tables outgrow their caches, of frames of a few bytes.
+// A recording of frames of a few bytes, whose sample tables outgrow their caches.
 #include "aacenc/aac_enc.h"
 #include "mp4read/mp4_reader.h"
 #include "platform/host/host_control.h"
@@ -25,12 +25,12 @@ static Bytes picture(uint32_t n)
     return n == 0 ? join_nal_units({sps, pps, unit_of(n)}) : join_nal_units({unit_of(n)});
 }
 
-static uint64_t picture_ms(uint32_t n) // every time differs from its neighbours by another span
+static uint64_t picture_ms(uint32_t n) // with 1 ms and 2 ms in turn
 {
     return 3 * uint64_t{n} / 2;
 }
 
-static Bytes sound(uint32_t n)
+static Bytes audio_frame(uint32_t n)
 {
     return Bytes(1 + n % 3, static_cast<uint8_t>(n));
 }
@@ -46,7 +46,7 @@ static int32_t tiny_encoder(int32_t op, void **, void *arg3, void *arg4)
         info->samplesPerChannel = 16;
     } else if (op == AACENC_OP_ENCODE) {
         AacEncStreamInfo *const info = static_cast<AacEncStreamInfo *>(arg4);
-        const Bytes frame = sound(encoded_frames++);
+        const Bytes frame = audio_frame(encoded_frames++);
         std::copy(frame.begin(), frame.end(), info->output);
         info->outputBytes = static_cast<int32_t>(frame.size());
     }
@@ -59,8 +59,7 @@ static void offer(IlClient &client, uint8_t port, Bytes data, uint64_t ms)
     header.pBuffer = data.data();
     header.nAllocLen = header.nFilledLen = static_cast<OMX_U32>(data.size());
     header.nTimeStamp = static_cast<OMX_TICKS>(1000000 + 1000 * ms);
-    static_cast<omx_tdmbrec_component_PrivateType *>(client.handle()->pComponentPrivate)
-        ->ucBufferPort = port;
+    private_record(client.handle())->ucBufferPort = port;
     omx_tdmbrec_component_BufferMgmtCallback(client.handle(), &header);
     ASSERT_EQ(header.nFilledLen, 0u);
 }
@@ -92,7 +91,7 @@ TEST_F(LongRecording, KeepsEveryEntryOfTablesThatOutgrowTheirCaches)
     client->to_loaded();
     const Bytes image = read_file(kRecording);
     const mp4_reader::movie movie = mp4_reader::read_movie(image);
-    ASSERT_EQ(movie.error, "");
+    ASSERT_EQ(first_fault(movie), "");
     const std::vector<mp4_reader::sample> &video = mp4_reader::find_track(movie, "vide")->samples;
     const std::vector<mp4_reader::sample> &audio = mp4_reader::find_track(movie, "soun")->samples;
     ASSERT_EQ(video.size(), kFrames);
@@ -101,6 +100,6 @@ TEST_F(LongRecording, KeepsEveryEntryOfTablesThatOutgrowTheirCaches)
         ASSERT_EQ(bytes_of(image, video[n], 4), unit_of(n)) << n;
         ASSERT_EQ(video[n].time, 90 * picture_ms(n)) << n;
         ASSERT_EQ(video[n].sync, n % 2 == 0) << n;
-        ASSERT_EQ(bytes_of(image, audio[n], 0), sound(n)) << n;
+        ASSERT_EQ(bytes_of(image, audio[n], 0), audio_frame(n)) << n;
     }
 }

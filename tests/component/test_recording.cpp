@@ -1,4 +1,4 @@
-// The life of a recording and its ends, at the component's own interface.
+// The life of a recording and its ends, at the component's interface.
 #include "platform/host/host_control.h"
 #include "tests/support/component_test.h"
 #include "tests/support/programme.h"
@@ -9,12 +9,13 @@
 #include <atomic>
 #include <chrono>
 #include <filesystem>
+#include <functional>
 #include <future>
 #include <thread>
 
 class Recording : public ComponentTest {};
 
-TEST_F(Recording, StopsWithTheReasonOfItsPathOrStorage)
+TEST_F(Recording, StopsWithTheReasonOfItsPathStorageOrSize)
 {
     const auto client = make_client();
     client->to_executing();
@@ -31,12 +32,12 @@ TEST_F(Recording, StopsWithTheReasonOfItsPathOrStorage)
     EXPECT_TRUE(has_logged("[Open:-4] Error:can't open file<mux_open\n"));
     EXPECT_TRUE(has_logged("In QVR_FILE_fopen : /mnt/sdcard/none/x.mp4 open error\n"));
     EXPECT_TRUE(has_logged("In QVR_FILE_fopen : File Handle[0x00000000]\n"));
-    host_fail_call(HOST_CALL_DFGET, 0, 1);
+    host_fail_call(kHostCallDfget, 0, 1);
     EXPECT_EQ(end_of(kRecording), 0u);
     host_set_storage(0, 8000000, 51200);
     EXPECT_EQ(end_of(kRecording), 0u) << "full, but no file was ever opened";
     EXPECT_TRUE(has_logged("             8000000               51200\n"));
-    host_fail_call(HOST_CALL_DFOPEN, 0, 1);
+    host_fail_call(kHostCallDfopen, 0, 1);
     EXPECT_EQ(end_of(kRecording), 0u) << "it never began";
     host_set_storage(0, 8000000, 51201);
     EXPECT_EQ(client->start(), OMX_ErrorNone);
@@ -45,6 +46,14 @@ TEST_F(Recording, StopsWithTheReasonOfItsPathOrStorage)
     host_set_storage(0, 8000000, 51200);
     send_programme(*client, 1, 3);
     EXPECT_EQ(client->wait_for_end(), 2u);
+    host_set_storage(0, 8000000, 51201);
+    EXPECT_EQ(client->start(), OMX_ErrorNone);
+    set_put_result(0, 1800000000);
+    send_programme(*client, 3);
+    EXPECT_EQ(client->count(kEventEndOfRecording), 8u) << "as large as a file may be";
+    set_put_result(0, 1800000001);
+    send_programme(*client, 1, 3);
+    EXPECT_EQ(client->wait_for_end(), 6u);
     client->to_loaded();
 }
 
@@ -113,72 +122,60 @@ TEST_F(Recording, OutlivesAClientThatStartsTwiceAtEveryEndWithoutStorage)
         }
         depth--;
     };
-    host_fail_call(HOST_CALL_DFOPEN, 0, UINT32_MAX);
+    host_fail_call(kHostCallDfopen, 0, UINT32_MAX);
     EXPECT_EQ(client->start(), OMX_ErrorNone);
     EXPECT_EQ(client->count(kEventEndOfRecording), starts);
 }
-
-// Notes the ends of more than one client, and whether two were ever told at once.
-class EndsInOrder {
-  public:
-    void watch(IlClient &client, char name, std::function<void()> at_first_end)
-    {
-        client.on_event = [this, name, at_first_end](const IlEvent &event) {
-            if (event.event != kEventEndOfRecording) {
-                return;
-            }
-            EXPECT_FALSE(is_in_event_.exchange(true)) << "two at once";
-            ends_ += name + std::to_string(event.data2) + ' ';
-            if (ends_.size() == 3) {
-                at_first_end();
-            }
-            is_in_event_ = false;
-        };
-    }
-    const std::string &ends() const
-    {
-        return ends_;
-    }
-
-  private:
-    std::atomic<bool> is_in_event_ = false;
-    std::string ends_;
-};
 
 TEST_F(Recording, IsReportedInTheOrderInWhichTheRecordingsEnded)
 {
     const auto client = make_recorder();
     const auto other = make_client();
-    EndsInOrder order;
+    std::atomic<bool> is_in_event = false;
+    std::string ends;
+    const auto watch = [&](IlClient &watched, char name,
+                           const std::function<void()> &at_first_end) {
+        watched.on_event = [&, name, at_first_end](const IlEvent &event) {
+            if (event.event != kEventEndOfRecording) {
+                return;
+            }
+            EXPECT_FALSE(is_in_event.exchange(true)) << "two at once";
+            ends += name + std::to_string(event.data2) + ' ';
+            if (ends.size() == 3) {
+                at_first_end();
+            }
+            is_in_event = false;
+        };
+    };
     // Every start waits until the recording before it is closed.
-    order.watch(*client, 'A', [&] {
+    watch(*client, 'A', [&] {
         EXPECT_EQ(client->start(), OMX_ErrorNone);
         send_programme(*client, 3);
         host_set_storage(0, 8000000, 51200);
         send_programme(*client, 1, 3);
         host_set_storage(0, 8000000, 4000000);
-        for (uint32_t n = 3; n < TDMBREC_ENDS; n++) {
+        for (uint32_t n = 3; n < kMostUnreportedEnds; n++) {
             EXPECT_EQ(client->start(), OMX_ErrorNone) << n;
             send_programme(*client, 3);
             refuse_threads(n == 3 ? 1 : 0); // the first one ends on this thread
             EXPECT_EQ(client->stop(), OMX_ErrorNone);
             if (n == 3) {
-                host_fail_call(HOST_CALL_DFOPEN, 0, 2);
+                host_fail_call(kHostCallDfopen, 0, 2);
                 EXPECT_EQ(client->start(), OMX_ErrorNone);
                 EXPECT_EQ(other->start(), OMX_ErrorNone);
             }
         }
-        EXPECT_EQ(client->start(), OMX_ErrorInsufficientResources) << "too many ends untold";
+        EXPECT_EQ(client->start(), OMX_ErrorInsufficientResources) << "too many unreported ends";
         std::this_thread::sleep_for(std::chrono::milliseconds(20)); // time for one out of turn
     });
-    order.watch(*other, 'B', [] {});
+    watch(*other, 'B', [] {});
     send_programme(*client, 3);
     client->stop();
-    for (uint32_t n = 0; n < TDMBREC_ENDS; n++) {
+    for (uint32_t n = 0; n < kMostUnreportedEnds; n++) {
         EXPECT_TRUE(client->wait_for_end().has_value());
     }
-    EXPECT_EQ(order.ends(), "A1 A2 A1 A0 B0 A1 A1 A1 A1 ");
-    EXPECT_EQ(client->start(), OMX_ErrorNone) << "they have all been told";
+    EXPECT_EQ(ends, "A1 A2 A1 A0 B0 A1 A1 A1 A1 ");
+    EXPECT_EQ(client->start(), OMX_ErrorNone) << "all have been reported";
     client->destroy();
     EXPECT_EQ(client->wait_for_end(0), 0u);
 }
@@ -193,10 +190,10 @@ TEST_F(Recording, EndsForAnotherComponentThatGoesWithinTheEvent)
         client->on_event = [&](const IlEvent &event) {
             if (event.event == kEventEndOfRecording && ended.empty()) {
                 if (way == '0') {
-                    host_fail_call(HOST_CALL_DFOPEN, 0, 2); // both starts end at once
+                    host_fail_call(kHostCallDfopen, 0, 2); // both starts end at once
                 }
                 EXPECT_EQ(other->start(), OMX_ErrorNone);
-                if (way == 'w') { // a stop thread that waits for its turn, after this event
+                if (way == 'w') { // its stop thread waits for the return of this event
                     EXPECT_EQ(other->stop(), OMX_ErrorNone);
                     EXPECT_EQ(other->start(), OMX_ErrorNone);
                 }
@@ -208,7 +205,7 @@ TEST_F(Recording, EndsForAnotherComponentThatGoesWithinTheEvent)
         other->on_event = [&](const IlEvent &event) {
             if (event.event == kEventEndOfRecording) {
                 if (way != 'w') {
-                    host_fail_call(HOST_CALL_DFOPEN, 0, 1);
+                    host_fail_call(kHostCallDfopen, 0, 1);
                     EXPECT_EQ(client->start(), OMX_ErrorNone);
                 }
                 ended += "other ";
@@ -222,7 +219,7 @@ TEST_F(Recording, EndsForAnotherComponentThatGoesWithinTheEvent)
     }
 }
 
-// Each of the two handlers gets the data that came with it.
+// Each of the two handlers expects the data that was set with it.
 template <int Own>
 static OMX_ERRORTYPE expect_own_data(OMX_HANDLETYPE, OMX_PTR data, OMX_EVENTTYPE, OMX_U32, OMX_U32,
                                      OMX_PTR)
@@ -251,7 +248,7 @@ TEST_F(Recording, KeepsItsClientFromTheStartToTheReturnOfItsEvent)
         std::this_thread::yield();
     }
     EXPECT_EQ(client->count(kEventEndOfRecording), 1u);
-    host_fail_call(HOST_CALL_DFOPEN, 0, UINT32_MAX);
+    host_fail_call(kHostCallDfopen, 0, UINT32_MAX);
     std::thread starter([&] {
         for (int i = 0; i < 1000; i++) {
             EXPECT_EQ(client->start(), OMX_ErrorNone);
@@ -288,13 +285,14 @@ TEST_F(Recording, DoesNotStartWithoutMemoryAndSurvivesWithoutItsBlocks)
     client->to_executing();
     client->set_path(kRecording);
     for (uint32_t n = 0; n < 5; n++) {
-        host_fail_call(HOST_CALL_MALLOC, n, 1);
+        host_fail_call(kHostCallMalloc, n, 1);
         if (n < 3) {
             EXPECT_EQ(client->start(), OMX_ErrorInsufficientResources);
             EXPECT_EQ(host_live_storage_handles(), 0);
             continue;
         }
-        EXPECT_EQ(client->start(), OMX_ErrorNone); // without the cache block, the close memory
+        EXPECT_EQ(client->start(),
+                  OMX_ErrorNone); // n 3: without the cache block; 4: without the close memory
         send_programme(*client, 35);
         client->stop();
         EXPECT_EQ(client->wait_for_end(), 1u);
@@ -321,7 +319,7 @@ TEST_F(Recording, KeepsTheAudioBufferWhileTheEncoderCannotBeOpened)
     });
     EXPECT_GE(tries, 3);
     const auto seconds = std::chrono::steady_clock::now() - begun;
-    EXPECT_LE(tries, 12 + seconds / std::chrono::seconds(1)) << "they come ever more seldom";
+    EXPECT_LE(tries, 12 + seconds / std::chrono::seconds(1)) << "the pauses between them grow";
     client->stop();
     EXPECT_TRUE(client->wait_for_end().has_value());
     EXPECT_TRUE(client->wait_until_back(audio)) << "consumed once nothing is recorded";
@@ -334,7 +332,7 @@ TEST_F(Recording, TrustsNoLengthOfTheClient)
     send_programme(*client, 2);
     const OMX_U32 places[][2] = {
         {0, 65},         {65, 1}, {1, 64}, {UINT32_MAX, 2},
-        {2, UINT32_MAX}, {60, 4}}; // the last one is sound, but four zeros say nothing
+        {2, UINT32_MAX}, {60, 4}}; // the last one is valid, but four zeros are no unit
     for (const OMX_U32 port : {0u, 1u}) {
         for (const auto &[offset, length] : places) {
             Bytes memory(64);
@@ -364,10 +362,10 @@ TEST_F(Recording, SurvivesStopsStartsAndStateChangesWhileItsParametersAndStorage
         for (uint32_t i = 0; i < 60; i++) {
             client->stop();
             std::this_thread::sleep_for(std::chrono::milliseconds(i % 4));
-            host_fail_call(HOST_CALL_DFOPEN, 0, i % 9 == 0); // there is no storage
+            host_fail_call(kHostCallDfopen, 0, i % 9 == 0); // there is no storage
             EXPECT_EQ(client->start(), OMX_ErrorNone);
             std::this_thread::sleep_for(std::chrono::milliseconds(i % 7));
-            host_fail_call(HOST_CALL_DFGET, 0, i % 5 == 0);              // it vanishes
+            host_fail_call(kHostCallDfget, 0, i % 5 == 0);              // it vanishes
             host_set_storage(0, 8000000, i % 11 == 0 ? 51200 : 4000000); // it is full
         }
         is_over = true;

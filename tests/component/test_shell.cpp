@@ -37,8 +37,8 @@ TEST_F(Shell, DescribesItsTwoPorts)
         *client, OMX_IndexParamPortDefinition, TDMBREC_PORT_AUDIO);
     EXPECT_EQ(audio.eDomain, OMX_PortDomainAudio);
     EXPECT_EQ(audio.format.audio.eEncoding, OMX_AUDIO_CodingPCM);
-    EXPECT_EQ(video.nBufferSize, 0x100000u);
-    EXPECT_EQ(audio.nBufferSize, 0x100000u);
+    EXPECT_EQ(video.nBufferSize, OMX_U32{TDMBREC_PORT_BUFFER_BYTES});
+    EXPECT_EQ(audio.nBufferSize, OMX_U32{TDMBREC_PORT_BUFFER_BYTES});
     const auto domain = parameter_of<OMX_PORT_PARAM_TYPE>(*client, OMX_IndexParamAudioInit);
     EXPECT_EQ(domain.nPorts, 1u);
     EXPECT_EQ(domain.nStartPortNumber, 1u);
@@ -49,7 +49,8 @@ TEST_F(Shell, DescribesItsTwoPorts)
     (void)make_client("OMX.qvr.video_decoder");
 }
 
-// Takes a component down again, however much of it was built. returns the result of its making.
+// Makes a component and releases it, however much of it was built.
+// returns: the result of the constructor
 static OMX_ERRORTYPE make_and_release(const char *name)
 {
     OMX_COMPONENTTYPE handle = {};
@@ -66,13 +67,13 @@ static OMX_ERRORTYPE make_and_release(const char *name)
 TEST_F(Shell, FailsCleanlyUnderAnotherNameAndWhereverMemoryRunsOut)
 {
     EXPECT_EQ(make_and_release("OMX.qvr.tdmb.rec2"), 0x80001002u);
-    for (const host_call_t call : {HOST_CALL_CALLOC, HOST_CALL_MALLOC, HOST_CALL_SINK_CONSTRUCTOR,
-                                   HOST_CALL_VIDEO_PORT_CONSTRUCTOR,
-                                   HOST_CALL_AUDIO_PORT_CONSTRUCTOR, HOST_CALL_TSEM_INIT}) {
+    for (const host_call_t call : {kHostCallCalloc, kHostCallMalloc, kHostCallSinkConstructor,
+                                   kHostCallVideoPortConstructor,
+                                   kHostCallAudioPortConstructor, kHostCallTsemInit}) {
         OMX_ERRORTYPE result = OMX_ErrorInsufficientResources;
         for (uint32_t n = 0; result != OMX_ErrorNone && n < 50; n++) {
             host_fail_call(call, n, 1);
-            result = make_and_release("OMX.qvr.tdmb.rec");
+            result = make_and_release(TDMBREC_COMPONENT_NAME);
             EXPECT_TRUE(result == OMX_ErrorInsufficientResources || result == OMX_ErrorNone);
             EXPECT_EQ(host_live_allocations(), 0) << "call " << call << ", " << n;
         }
@@ -87,21 +88,21 @@ TEST_F(Shell, TakesItsParametersAndPassesOnTheRest)
     OMX_COMPONENTTYPE *const handle = client->handle();
     EXPECT_EQ(OMX_SetParameter(handle, OMX_IndexParamAudioPcm, nullptr), OMX_ErrorBadParameter);
     EXPECT_EQ(OMX_GetParameter(handle, OMX_IndexParamAudioPcm, nullptr), OMX_ErrorBadParameter);
-    OMX_AUDIO_PARAM_PCMMODETYPE pcm = {}; // nothing but the rate is looked at
+    OMX_AUDIO_PARAM_PCMMODETYPE pcm = {}; // only the rate is read
     pcm.nSamplingRate = 44100;
     pcm.nChannels = 6;
     EXPECT_EQ(OMX_SetParameter(handle, OMX_IndexParamAudioPcm, &pcm), OMX_ErrorNone);
     EXPECT_EQ(record_of(*client)->uiSampleRate, 44100u);
     EXPECT_EQ(record_of(*client)->uiChannels, 2u);
-    char name[128];
+    char name[TDMBREC_PATH_BYTES];
     memset(name, 'n', sizeof(name));
     for (const auto index :
          {TDMBREC_INDEX_NAME_PART_1, TDMBREC_INDEX_NAME_PART_2, TDMBREC_INDEX_OUTPUT_PATH}) {
         EXPECT_EQ(OMX_SetParameter(handle, OMX_INDEXTYPE(index), name), OMX_ErrorNone);
     }
-    EXPECT_EQ(memcmp(record_of(*client)->szNamePart1, name, 22), 0);
-    EXPECT_EQ(memcmp(record_of(*client)->szNamePart2, name, 128), 0);
-    EXPECT_EQ(memcmp(szOutFileName, name, 128), 0);
+    EXPECT_EQ(memcmp(record_of(*client)->szNamePart1, name, TDMBREC_NAME_PART_1_BYTES), 0);
+    EXPECT_EQ(memcmp(record_of(*client)->szNamePart2, name, TDMBREC_NAME_PART_2_BYTES), 0);
+    EXPECT_EQ(memcmp(szOutFileName, name, TDMBREC_PATH_BYTES), 0);
     EXPECT_EQ(client->stop(), OMX_ErrorNone) << "nothing to stop";
     EXPECT_EQ(client->count(kEventEndOfRecording), 0u);
     OMX_INDEXTYPE index = OMX_IndexMax;

@@ -1,4 +1,4 @@
-// The times of recordings against a model of the time line in plain arithmetic.
+// The times of recordings, compared with a model of the time line in plain arithmetic.
 #include "aacenc/aac_enc.h"
 #include "component/audio_encoder.h"
 #include "mp4read/mp4_reader.h"
@@ -15,6 +15,9 @@
 #include <optional>
 #include <random>
 
+static constexpr uint64_t kAudioFrameMs = 21;
+static constexpr size_t kAudioRingEntries = 50;
+
 struct Buffer {
     bool is_video;
     bool has_parameter_sets;
@@ -27,8 +30,8 @@ static uint64_t cap(uint64_t ms)
     return std::min<uint64_t>(ms, UINT32_MAX);
 }
 
-// One kind's clock: a time stamp before the previous one begins a new count, one frame after the
-// last time of the kind.
+// The clock of one kind: after a time stamp earlier than the previous one, the times continue one
+// frame after the last one.
 struct Clock {
     int64_t base_us = 0, last_us = 0;
     std::optional<uint64_t> backup_ms;
@@ -64,7 +67,7 @@ struct Model {
     uint64_t queued_bytes = 0;
     uint32_t frame_count = 0;
 
-    static inline uint32_t segments[50][2] = {};
+    static inline uint32_t segments[TDMBREC_VIDEO_SEGMENTS][TDMBREC_SEGMENT_WORDS] = {};
     static inline uint8_t segment = 0;
 
     void write(int type, uint64_t ms)
@@ -87,7 +90,7 @@ struct Model {
             interval_ms = ms - video.last_ms;
         } else if (ms - video.last_ms > 2 * interval_ms) {
             segments[segment][1] = static_cast<uint32_t>(video.last_ms);
-            segment = static_cast<uint8_t>((segment + 1) % 50);
+            segment = static_cast<uint8_t>((segment + 1) % TDMBREC_VIDEO_SEGMENTS);
         }
         segments[segment][0] = static_cast<uint32_t>(ms);
         video.last_ms = ms;
@@ -95,7 +98,8 @@ struct Model {
     uint64_t lift(uint64_t ms) const // above the last frame, in whole frames
     {
         while (ms <= audio.last_ms && ms < UINT32_MAX) {
-            ms += std::max<uint64_t>(audio_frame_ms, (audio.last_ms - ms) / 21 * 21);
+            ms += std::max<uint64_t>(audio_frame_ms,
+                                     (audio.last_ms - ms) / kAudioFrameMs * kAudioFrameMs);
         }
         return cap(ms);
     }
@@ -105,11 +109,11 @@ struct Model {
             return;
         }
         const uint64_t ms = audio.map(buffer.ts_us, audio_frame_ms);
-        audio_frame_ms = 21;
+        audio_frame_ms = kAudioFrameMs;
         if (origin_ms == 0 || ms < origin_ms) {
             return;
         }
-        if (ring.size() < 50) {
+        if (ring.size() < kAudioRingEntries) {
             ring.emplace_back(lift(ms), buffer.pcm_bytes);
         } else {
             ring.back().second += buffer.pcm_bytes;
@@ -141,13 +145,13 @@ static int64_t random_step(Random &random, int64_t frame_us, bool is_wild)
 {
     const int64_t any = static_cast<int64_t>(random());
     const int64_t steps[] = {any % 2000, frame_us + any % 20000, any % 10000000,
-                             any % 8000000000000}; // twice of 32 bits in ms
+                             any % 8000000000000}; // about twice 2^32 ms
     const uint64_t kind = random() % 12;
     return kind < (is_wild ? 4u : 3u) ? steps[kind] : frame_us;
 }
 
-// Both kinds in any order and in bursts, with jitter, gaps and clocks that jump. Wild ones leave 32
-// bits of ms, start anywhere in 64 bits, and jump back hundreds of times.
+// Both kinds in any order and in bursts, with jitter, gaps and clocks that jump. Wild streams
+// exceed 32 bits of ms, start anywhere in 64 bits and jump back hundreds of times.
 static std::vector<Buffer> random_stream(Random &random, bool is_wild, uint32_t frame_bytes)
 {
     const uint64_t length = is_wild && random() % 2000 == 0 ? 1500 : 10 + random() % 20;
@@ -157,7 +161,8 @@ static std::vector<Buffer> random_stream(Random &random, bool is_wild, uint32_t 
         clock_us[0] = static_cast<int64_t>(random()) / 4;
     }
     clock_us[1] = clock_us[0] + static_cast<int64_t>(random() % 100000);
-    const bool is_tiny = random() % 4 == 0; // a frame then takes more buffers than the ring holds
+    const bool is_tiny =
+        random() % 4 == 0; // a frame then needs more buffers than the ring has entries
     bool is_video = random() % 4 != 0;
     for (Buffer &buffer : stream) {
         int64_t &ts_us = clock_us[is_video ? 0 : 1];
@@ -193,7 +198,7 @@ class TimeLine : public ComponentTest {};
 
 static uint32_t encoded_frames;
 
-// An encoder of frames of 16 sample pairs, which last 21 ms.
+// An encoder whose frames of 16 sample pairs last kAudioFrameMs.
 static int32_t tiny_encoder(int32_t op, void **, void *arg3, void *arg4)
 {
     if (op == AACENC_OP_INIT) {
@@ -207,7 +212,7 @@ static int32_t tiny_encoder(int32_t op, void **, void *arg3, void *arg4)
     return 0;
 }
 
-// All but the framework's.
+// All fields but the framework's.
 static void copy_own_fields(omx_tdmbrec_component_PrivateType *to,
                             const omx_tdmbrec_component_PrivateType *from)
 {
@@ -248,7 +253,7 @@ TEST_F(TimeLine, IsThatOfTheModelInRandomStreams)
         record->stZplAenc = encoder;
         record->bEncoderReady = 1;
         record->uiAacInputSize = 64;
-        record->uiAudioFrameMs = 21;
+        record->uiAudioFrameMs = kAudioFrameMs;
         encoded_frames = 0;
         times.clear();
     };
@@ -257,7 +262,7 @@ TEST_F(TimeLine, IsThatOfTheModelInRandomStreams)
     global_uc_write_index = 0;
     for (int i = 0; i < 100000 && !HasFailure(); i++) {
         begin_anew();
-        Model model = {.audio_frame_ms = 21, .frame_bytes = 64, .encoder_fails = true};
+        Model model = {.audio_frame_ms = kAudioFrameMs, .frame_bytes = 64, .encoder_fails = true};
         for (const Buffer &buffer : random_stream(random, true, 64)) {
             take(buffer);
             model.take(buffer);
@@ -271,7 +276,7 @@ TEST_F(TimeLine, IsThatOfTheModelInRandomStreams)
     client->destroy();
 }
 
-// The whole component, its threads, encoder and files included.
+// The whole component, with its threads, encoder and files.
 TEST_F(TimeLine, IsThatOfTheModelInTheFile)
 {
     const auto client = make_client();
@@ -298,19 +303,20 @@ TEST_F(TimeLine, IsThatOfTheModelInTheFile)
             }
         }
         if (!video.empty() && video.size() == model.times.size()) {
-            model.times.emplace_back(MUX_TYPE_AUDIO, 0); // players want the track
+            model.times.emplace_back(MUX_TYPE_AUDIO, 0); // the frame of silence
         }
         ASSERT_EQ(times, model.times) << "stream " << i;
         if (video.empty()) {
             continue;
         }
         const mp4_reader::movie movie = mp4_reader::read_movie(read_file(kRecording));
-        ASSERT_EQ(movie.error, "") << "stream " << i;
+        ASSERT_EQ(first_fault(movie), "") << "stream " << i;
         std::vector<uint64_t> ticks;
         for (const mp4_reader::sample &sample : mp4_reader::find_track(movie, "vide")->samples) {
             ticks.push_back(sample.time);
         }
-        if (std::count(video.begin(), video.end(), 0u) == 1) { // else the first run is dropped
+        if (std::count(video.begin(), video.end(), 0u) ==
+            1) { // else the first run of stts is dropped
             ASSERT_EQ(ticks, video) << "stream " << i;
         }
         ASSERT_EQ(mp4_reader::find_track(movie, "soun")->samples.size(),

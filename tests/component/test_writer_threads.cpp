@@ -1,4 +1,4 @@
-// Recordings that come through the frame FIFOs and the writer threads.
+// Recordings through the frame FIFOs and the writer threads.
 #include "component/frame_fifo.h"
 #include "mp4read/mp4_reader.h"
 #include "tests/support/component_test.h"
@@ -45,7 +45,7 @@ class WriterThreads : public ComponentTest {
         units.pop_back();
         client.send(0, join_nal_units(units), 1000000);
     }
-    // Gives up when the recording has ended.
+    // Waits for room unless the recording has ended.
     static void feed(IlClient &client, uint32_t fifo, const Frame &frame)
     {
         const int32_t length = static_cast<int32_t>(frame.data.size());
@@ -122,7 +122,7 @@ TEST_F(WriterThreads, WriteAWholeProgrammeBitForBit)
     std::thread video_feeder(feed_all, QVR_FIFO_VIDEO, std::cref(video));
     std::thread audio_feeder(feed_all, QVR_FIFO_AUDIO, std::cref(audio));
     std::this_thread::sleep_for(std::chrono::milliseconds(30));
-    open_file(*client); // until now, the frames have waited
+    open_file(*client); // the frames wait for it
     video_feeder.join();
     audio_feeder.join();
     wait_until_written();
@@ -132,7 +132,7 @@ TEST_F(WriterThreads, WriteAWholeProgrammeBitForBit)
     client->to_loaded();
     const Bytes image = read_file(kRecording);
     const mp4_reader::movie movie = mp4_reader::read_movie(image);
-    EXPECT_EQ(movie.error, "");
+    EXPECT_EQ(first_fault(movie), "");
     ASSERT_EQ(movie.tracks.size(), 2u);
     expect_frames(image, *mp4_reader::find_track(movie, "vide"), video);
     expect_frames(image, *mp4_reader::find_track(movie, "soun"), audio);
@@ -147,13 +147,13 @@ TEST_F(WriterThreads, EndTheRecordingOnceAfterAFailedWriteAndPastTheLargestFile)
         const auto client = make_recorder();
         start_writers(*client);
         open_file(*client);
-        set_put_result(0, 1800000000); // not past it
+        set_put_result(0, 1800000000); // still within the limit
         feed(*client, QVR_FIFO_AUDIO, frame);
         feed(*client, QVR_FIFO_VIDEO, frame);
         wait_until_written();
         EXPECT_EQ(client->count(kEventEndOfRecording), 0u);
         set_put_result(fails ? -7 : 0, 1800000001);
-        if (round >= 2) { // both writers, and no thread to stop on: one of them has to
+        if (round >= 2) { // both writers fail, and one of them must run the stop procedure
             refuse_threads(1);
             feed(*client, 1 - fifo, frame);
         }
@@ -163,9 +163,9 @@ TEST_F(WriterThreads, EndTheRecordingOnceAfterAFailedWriteAndPastTheLargestFile)
                                      : "[omx_tdmbrec_audio_thread:2152] 0 [0] Error: 0x"));
         client->to_loaded();
         EXPECT_EQ(record_of(*client)->stMuxError.m_pszMessage, nullptr)
-            << "the muxer's, which went";
+            << "it belonged to the muxer's context";
         EXPECT_EQ(client->count(kEventEndOfRecording), 1u);
-        EXPECT_EQ(mp4_reader::read_movie(read_file(kRecording)).error, "");
+        EXPECT_EQ(first_fault(mp4_reader::read_movie(read_file(kRecording))), "");
         reset_wrapped_calls();
     }
 }
@@ -186,7 +186,7 @@ TEST_F(WriterThreads, MayOutliveTheRecordingOfAProgramThatJoinsThemItself)
             if (i != 300) {
                 continue;
             }
-            while (QVR_FIFO_GetLength(QVR_FIFO_VIDEO) > 200) { // the writers are at work
+            while (QVR_FIFO_GetLength(QVR_FIFO_VIDEO) > 200) { // until the writers are at work
                 std::this_thread::yield();
             }
             if (fails) {
@@ -201,7 +201,7 @@ TEST_F(WriterThreads, MayOutliveTheRecordingOfAProgramThatJoinsThemItself)
         }
         client->destroy();
         EXPECT_EQ(client->count(kEventEndOfRecording), 1u);
-        EXPECT_EQ(mp4_reader::read_movie(read_file(kRecording)).error, "");
+        EXPECT_EQ(first_fault(mp4_reader::read_movie(read_file(kRecording))), "");
         reset_wrapped_calls();
     }
 }

@@ -101,22 +101,3 @@ TEST_F(StopReason, Is5WhenAWriteFails)
     EXPECT_LE(samples, 6u);
     std::filesystem::remove(kCardFile);
 }
-
-TEST_F(StopReason, Is6WhenTheFileWouldPassItsLimit)
-{
-    if (sizeof(void *) == 4 || std::filesystem::space("/mnt/sdcard").available < 2000000000) {
-        GTEST_SKIP() << "no room for a file of 1.8 GB, which is read whole";
-    }
-    const auto client = start_recording();
-    send_large_pictures(*client, 1048000, 1800);
-    EXPECT_EQ(client->wait_for_end(), 6u);
-    client->to_loaded();
-    const uintmax_t size = std::filesystem::file_size(kBuiltInFile);
-    EXPECT_GT(size, 1799000000u);
-    EXPECT_LT(size, 1802000000u);
-    const Bytes image = read_file(kBuiltInFile);
-    const mp4_reader::movie movie = mp4_reader::read_movie(image);
-    EXPECT_EQ(movie.error, "");
-    EXPECT_EQ(video_samples(movie), 1718u);
-    std::filesystem::remove(kBuiltInFile);
-}

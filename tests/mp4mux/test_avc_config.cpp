@@ -81,9 +81,9 @@ class AvcConfig : public MuxTest {
     }
 };
 
-// Every row of up to 8 letters after a start code and of up to 7 without, at every alignment. The
-// memory ends with the row.
-TEST_F(AvcConfig, SplitsWhateverComes)
+// All sequences of up to 8 letters after a start code and of up to 7 without, at every alignment.
+// The memory ends with the sequence.
+TEST_F(AvcConfig, SplitsEverySequenceOfBytes)
 {
     static constexpr uint8_t kLetters[] = {0x00, 0x01, 0x67, 0x68};
     const Bytes fronts[] = {{}, {0, 0, 1}, {0, 0, 0, 1}};
@@ -107,7 +107,7 @@ TEST_F(AvcConfig, SplitsWhateverComes)
     }
 }
 
-// Units that fill the working memory to its last byte and beyond.
+// Units that end before, at and after the limit of 1024 bytes.
 TEST_F(AvcConfig, LeavesOutUnitsBeyondTheFirst1024Bytes)
 {
     for (const Bytes &start : {bytes("06"), bytes("67"), bytes("68")}) {

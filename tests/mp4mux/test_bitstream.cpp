@@ -74,7 +74,7 @@ TEST_F(Bitstream, CarriesNumbersOfEveryWidthAcrossItsCache)
     }
 }
 
-TEST_F(Bitstream, TellsFailuresOfFixedWidthWritersInTheRecordAlone)
+TEST_F(Bitstream, ReportsFailuresOfFixedWidthWritersInTheRecordOnly)
 {
     open(4);
     mp4_mux_bs_write_be32(&bs, 0);
@@ -92,7 +92,7 @@ TEST_F(Bitstream, TellsFailuresOfFixedWidthWritersInTheRecordAlone)
     EXPECT_EQ(world.files["f"].bytes, bytes("00000000"));
 }
 
-TEST_F(Bitstream, NeedsACacheAndPositionsThatItsCallbacksExpress)
+TEST_F(Bitstream, NeedsACacheAndPositionsWithinItsCallbacksRange)
 {
     open(0);
     EXPECT_EQ(mp4_mux_bs_write_bytes(&bs, "x", 1), MUX_ERR_INVALID);

@@ -27,7 +27,7 @@ TEST(ErrorRecord, ReadsInnermostFirstAndNeverOverflows)
     EXPECT_EQ(error.m_szMessage[255], '\0');
 }
 
-TEST_F(Failures, OfTheEntryPointAreTold)
+TEST_F(Failures, OfTheEntryPointAreReported)
 {
     recording r;
     EXPECT_EQ(QVR_MP4_MUX(12345, &r.handle, nullptr, nullptr), MUX_ERR_HANDLE);
@@ -58,7 +58,7 @@ const uint32_t kBrand = 0;
 const mp4_mux_ftyp_t kEmptyFtyp = {{'i', 's', 'o', 'm'}, 0, nullptr, 1};
 const mp4_mux_ftyp_t kLongFtyp = {{'i', 's', 'o', 'm'}, 0, &kBrand, 1 << 28};
 
-TEST_F(Failures, OfTheOpenLeaveAHandleToAskAndClose)
+TEST_F(Failures, OfTheOpenLeaveAHandleToQueryAndClose)
 {
     using enum cache_layout;
     using R = recording;
@@ -78,7 +78,7 @@ TEST_F(Failures, OfTheOpenLeaveAHandleToAskAndClose)
          [](R &r) { r.init.m_iVideoCacheSize = INT32_MAX - 0x100000; }},
         {tiny, MUX_ERR_MEMORY, kSmallCache, [](R &r) { r.init.m_iAudioCacheSize = 7; }},
         {tiny, MUX_ERR_MEMORY, kSmallCache, [](R &r) { r.init.m_iVideoCacheSize = 13; }},
-        {own, MUX_ERR_INVALID, "output stands beyond 32-bit positions", [](R &) { world.files["out.mp4"].position = 1u << 31; }},
+        {own, MUX_ERR_INVALID, "output is beyond 32-bit positions", [](R &) { world.files["out.mp4"].position = 1u << 31; }},
         {own, MUX_ERR_OPEN, "scratch file name is too long<init",
          [](R &r) { r.init.m_pszTempDir = kLongName.c_str(); }},
         {own, MUX_ERR_INVALID, "mp4_mux_userbox_t's value is NULL",
@@ -148,8 +148,8 @@ Bytes unit(const Bytes &bytes)
 const Bytes kSlice = bytes("65 88 80");
 const Bytes kOtherSps = bytes("67 64 00 0D 01");
 
-// The configurations from a first frame that a set-up's table does not hold.
-TEST_F(Failures, OfAConfigurationAreNotWritten)
+// Configurations from a first frame beyond those in the table of set-ups.
+TEST_F(Failures, OfAConfigurationLeaveNoRecord)
 {
     const Bytes record = bytes("01 42C01E FF E1 000A 6742C01EDA0507E84010 01 0004 68CE3C80");
     const Bytes start3 = bytes("000001");
@@ -175,7 +175,7 @@ TEST_F(Failures, OfAConfigurationAreNotWritten)
         EXPECT_EQ(r.close(), 0);
         const mp4_reader::movie movie = mp4_reader::read_movie(world.files["out.mp4"].bytes);
         EXPECT_EQ(movie.tracks.at(0).avc.record, cases[i].record) << i;
-        EXPECT_EQ(movie.error, "");
+        EXPECT_EQ(first_fault(movie), "");
         EXPECT_EQ(leftovers(), "");
     }
 }
@@ -187,14 +187,14 @@ struct trial {
     cache_layout layout = cache_layout::tiny; // the tables overflow into files all the time
     int32_t close_memory = 0;
     bool with_64bit = false, append = false;
-    bool has_boxes = false; // of the caller, larger than the cache
+    bool has_boxes = false; // the caller's, larger than the cache
 };
 
 struct outcome {
     int32_t first = 0;   // the first result of an operation that was not 0
-    std::string message; // and its message; also that of a head that could not be written
-    bool passed = false; // the failure came and went while frames were put, and the close succeeded
-    std::string fault;   // how the close's word differs from the file
+    std::string message; // and its message, or that of a head that could not be written
+    bool passed = false; // it came and ended while frames were put, and the close succeeded
+    std::string fault;   // how the result of the close contradicts the file
     Bytes file;
 };
 
@@ -205,7 +205,7 @@ int32_t open_trial(recording &r, const trial &t)
     static const mp4_mux_ftyp_t k_ftyp = {{'m', 'p', '4', '2'}, 0, &k_box.m_uiType, 1};
     r.set_cache(t.layout);
     r.lend_close_memory(t.close_memory);
-    r.video_private.clear(); // so that a frame allocates as well
+    r.video_private.clear(); // so that a frame allocates too
     r.init.m_pfnAppendFile = t.append ? append_whole_file : nullptr;
     r.input.m_pstFtyp = t.has_boxes ? &k_ftyp : nullptr;
     r.input.m_pstUserBox = &k_box;
@@ -213,8 +213,8 @@ int32_t open_trial(recording &r, const trial &t)
     return r.open();
 }
 
-// Where the close has failed the file must not be that of a clean run, unless it could only not be
-// closed; where it has succeeded, it must be that file, or have lost frames that were refused.
+// After a close that failed, the file must differ from that of a clean run, unless only fclose
+// failed. After one that succeeded, it must be that file, or lack only frames that were refused.
 std::string fault_of(const recording &r, call kind, bool came_late, int32_t closed,
                      const Bytes &clean)
 {
@@ -223,9 +223,9 @@ std::string fault_of(const recording &r, call kind, bool came_late, int32_t clos
         return clean.empty() ? check_samples(r) : "";
     }
     if (closed < 0) {
-        return is_clean && came_late && kind != call::fclose ? "reported although whole" : "";
+        return is_clean && came_late && kind != call::fclose ? "reported although complete" : "";
     }
-    return came_late ? "passed although not whole" : check_samples(r);
+    return came_late ? "passed although incomplete" : check_samples(r);
 }
 
 // Records while a callback fails, continues after errors, and closes the file.
@@ -258,7 +258,7 @@ outcome record_with(const trial &t, call kind, uint32_t at, lasting how, const B
     if (closed < 0) {
         note(closed);
         EXPECT_FALSE(is_over && also.at == 0) << "the failure was over: " << r.message();
-        EXPECT_LT(r.video(1000, 10), 0) << "a file that ended takes no frames";
+        EXPECT_LT(r.video(1000, 10), 0) << "a closed file takes no frames";
         EXPECT_EQ(r.close(), 0) << "the second close only releases";
     }
     EXPECT_EQ(r.handle, nullptr);
@@ -268,7 +268,7 @@ outcome record_with(const trial &t, call kind, uint32_t at, lasting how, const B
     return o;
 }
 
-// What a failure of each kind is told as.
+// The code and message of a failure of each kind.
 const struct {
     call kind;
     int32_t code;
@@ -296,7 +296,7 @@ void fail_every_call(const trial &t)
             SCOPED_TRACE(testing::Message() << "call " << static_cast<int>(f.kind) << " number "
                                             << n / 4 << " way " << n % 4 << ": " << o.message);
             ASSERT_EQ(o.fault, "");
-            if (o.first == MUX_ERR_APPEND) { // its writes count too
+            if (o.first == MUX_ERR_APPEND) { // it writes too
                 ASSERT_TRUE(f.kind == call::append || f.kind == call::fwrite);
                 ASSERT_THAT(o.message, testing::StartsWith("<write_st"));
             } else if (o.first != MUX_ERR_HANDLE && (o.passed || o.first < 0)) {
@@ -307,7 +307,7 @@ void fail_every_call(const trial &t)
     }
 }
 
-TEST_F(Failures, OfEveryCallbackLetNoFilePassThatIsNotWhole)
+TEST_F(Failures, OfEveryCallbackLetNoIncompleteFilePass)
 {
     using enum cache_layout;
     for (const int32_t close_memory : {0, 20, 5000, 1024003}) {
@@ -325,7 +325,7 @@ TEST_F(Failures, OfEveryCallbackLetNoFilePassThatIsNotWhole)
     }
 }
 
-TEST_F(Failures, OfAFileThatTellsAWrongPositionAreTold)
+TEST_F(Failures, OfAWrongFilePositionAreReported)
 {
     recording r;
     r.set_cache(cache_layout::tiny);
@@ -334,15 +334,15 @@ TEST_F(Failures, OfAFileThatTellsAWrongPositionAreTold)
     (void)r.open();
     (void)r.video(0, 50);
     EXPECT_EQ(r.video(20, 50), MUX_ERR_SEEK);
-    EXPECT_EQ(r.message(), "can't tell the position of a record");
+    EXPECT_EQ(r.message(), "can't get the position of a record");
     if (r.close() < 0) {
         EXPECT_EQ(r.close(), 0);
     }
     EXPECT_EQ(leftovers(), "");
 }
 
-// A later failure must not hide that an earlier one tore the movie box.
-TEST_F(Failures, OfTwoWritesLeaveNoTornFileThatPasses)
+// A later failure must not hide an earlier one that tore the movie box.
+TEST_F(Failures, OfTwoWritesLetNoTornFilePass)
 {
     const Bytes clean = record_with({}, call::malloc, 0, lasting::once, {}).file;
     const uint32_t writes = world.calls[call::fwrite];

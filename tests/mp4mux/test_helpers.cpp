@@ -1,6 +1,7 @@
 // Calendar, strings and stream formats.
-#include "mp4mux/mux_context.h"
-#include "mp4mux/mux_util.h"
+#include "mp4mux/c_strings.h"
+#include "mp4mux/calendar.h"
+#include "mp4mux/stream_format.h"
 #include "tests/support/mux_recording.h"
 
 #include <cstring>
@@ -26,14 +27,14 @@ TEST(Calendar, AgreesWithTheSystemOnEveryDay)
         ASSERT_STREQ(mp4_mux_asc_time(&tm), text);
         tm.m_iYear += 1900;
         tm.m_iYearDay = -1;
-        if (tm.m_iYear <= 2100) { // the formula takes 2100 for a leap year
+        if (tm.m_iYear <= 2100) { // the formula treats 2100 as a leap year
             ASSERT_EQ(mp4_mux_tm_to_time(&tm), seconds);
             ASSERT_EQ(tm.m_iYearDay, expected.tm_yday);
         }
     }
 }
 
-TEST(Calendar, RefusesDaysThatAreNotThere)
+TEST(Calendar, RefusesDaysThatDoNotExist)
 {
     const struct {
         int32_t year, month, day;
@@ -121,7 +122,7 @@ TEST_F(Formats, ComeFromWaveAndBitmapHeaders)
 {
     Bytes wave =
         bytes("FF00 0200 80BB0000 00000000 0000 1000 0200 1190"); // AAC, 2 bytes of configuration
-    ASSERT_EQ(build("X", 0), 0); // the record owns bytes now: the next description frees them
+    ASSERT_EQ(build("X", 0), 0); // the record now owns bytes, which the next description frees
     for (const int32_t length : {15, 20, 19}) {
         mp4_mux_set_wave_format(&mux, nullptr, wave.data(), length, &format);
         EXPECT_EQ(format.m_iSampleRate, length == 15 ? 0 : 48000);

@@ -1,4 +1,4 @@
-// Every way to set up a recording, against a file put together here.
+// Every set-up of a recording, against a file built here byte by byte.
 #include "tests/support/mux_recording.h"
 
 #include <algorithm>
@@ -8,7 +8,7 @@ using namespace mux_test;
 namespace {
 
 // A stream's code and configuration; the type of its sample entry and the box in it ("{id}": the
-// track's); by how many bytes the size told in advance is too large for them.
+// track's); the bytes by which the estimate exceeds them.
 struct stream {
     uint32_t code;
     Bytes config;
@@ -84,10 +84,10 @@ struct setup {
     int32_t close_memory;
     cache_layout layout;
     bool with_64bit, append;
-    bool has_boxes; // of the caller, in a file that he opened
+    bool has_boxes; // the caller's, in a file that the caller opened
 };
 
-// What is put: the first picture carries parameter sets.
+// The frames of every recording: the first picture has parameter sets.
 const struct {
     uint32_t type; // also the flag of its track
     uint32_t time_ms;
@@ -109,10 +109,11 @@ Bytes box(const std::string &type, const Bytes &content)
 
 Bytes expected_head(const setup &s, uint64_t media_bytes)
 {
-    const Bytes begin = s.has_boxes ? bytes("000000" // what the handle's file holds already
-                                            "00000016 'ftyp' 'mp42' 00000007 'isom' 'av'"
-                                            "0000000D 'usr1' 0102030405 00000008 'us' 0102")
-                                    : bytes("00000014 'ftyp' '3g2a' 00000200 '3g2a'");
+    const Bytes begin = s.has_boxes
+                            ? bytes("000000" // the bytes in the handle's file before the open
+                                    "00000016 'ftyp' 'mp42' 00000007 'isom' 'av'"
+                                    "0000000D 'usr1' 0102030405 00000008 'us' 0102")
+                            : bytes("00000014 'ftyp' '3g2a' 00000200 '3g2a'");
     return begin + bytes("00000008 'free'") + number(media_bytes) + bytes("'mdat'");
 }
 
@@ -161,7 +162,7 @@ Bytes expected_stbl(const setup &s, bool is_video, const tables &t, const std::s
         entry.replace(at, 4, id);
     }
     const Bytes stsd = box(entry.substr(1, 4), start + bytes(entry.substr(6)));
-    // Where tables are appended as files, the four spare bytes of this one go with it.
+    // A table that is appended as a file takes its four spare bytes with it.
     const bool has_spare = s.append && s.layout == cache_layout::tiny;
     const Bytes stss =
         box("stss", number(0) + number(t.syncs.size() / 4) + t.syncs + Bytes(has_spare ? 4 : 0));
@@ -182,7 +183,7 @@ Bytes expected_stbl(const setup &s, bool is_video, const tables &t, const std::s
 const char kMatrix[] = "00010000 00000000 00000000 00000000 00010000 00000000"
                        "00000000 00000000 40000000";
 
-// The identifier of a track with frames is its place; without frames it keeps the caller's.
+// The identifier of a track with frames is its index; without frames it is the caller's.
 uint32_t track_id(const setup &s, bool is_video, const tables &t)
 {
     return t.count == 0 ? (is_video ? 77u : 78u) : is_video && s.audio != nullptr ? 2u : 1u;
@@ -242,8 +243,8 @@ Bytes expected_file(const setup &s)
                          : expected_head(s, 8 + media.size()) + media + expected_moov(s);
 }
 
-// The size told in advance allows for a sync table, which a track without key frames and one of
-// key frames alone have not, and knows codec-specific boxes only roughly.
+// The estimate includes a sync table, which tracks without key frames, or with key frames only, do
+// not have, and is only approximate for codec-specific boxes.
 int64_t expected_excess(const setup &s)
 {
     int64_t excess = s.audio != nullptr ? s.audio->excess : 0;
@@ -309,7 +310,7 @@ class Setups : public MuxTest {
     }
 };
 
-TEST_F(Setups, MakeTheirFilesExactToTheByteWhateverTheMemory)
+TEST_F(Setups, MakeFilesExactToTheByteInAnyMemory)
 {
     using enum cache_layout;
     constexpr uint32_t kFlags = MUX_STREAM_VIDEO | MUX_STREAM_AUDIO;
@@ -333,10 +334,11 @@ TEST_F(Setups, MakeTheirFilesExactToTheByteWhateverTheMemory)
         left /= kAudioStreams.size();
         s.keys = std::array{5u, 0u, 15u}[streams % 3];
         s.audio = (flags & MUX_STREAM_AUDIO) != 0 ? &kAudioStreams[streams] : nullptr;
-        const size_t pictures = (streams + n / 4) % kVideoStreams.size(); // each beside each sound
+        const size_t pictures =
+            (streams + n / 4) % kVideoStreams.size(); // each with each audio stream
         s.video = (flags & MUX_STREAM_VIDEO) != 0 ? &kVideoStreams[pictures] : nullptr;
         SCOPED_TRACE(testing::Message() << "set-up " << n);
-        if (n % 4 == 0) { // the close memory makes no difference
+        if (n % 4 == 0) { // the same with any close memory
             expected = expected_file(s);
         }
         check(s, expected);

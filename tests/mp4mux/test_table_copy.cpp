@@ -1,4 +1,4 @@
-// How the close shares its memory between the output and a table that it reads.
+// The memory that the close shares between the output and the table that it reads.
 #include "mp4mux/moov/table_copy.h"
 #include "tests/support/mux_recording.h"
 
@@ -11,11 +11,12 @@ namespace {
 struct table {
     size_t bytes;
     bool has_file;
-    size_t spare = bytes % 2 * 4; // after them, as the sync samples have
+    size_t spare = bytes % 2 * 4; // after them, as in the table of sync samples
 };
 
 struct memory_case {
-    int32_t work_bytes, output_bytes; // of the cache block: free, and the output's while recording
+    int32_t work_bytes,
+        output_bytes; // of the cache block: free, and the output's part while recording
     int32_t lent_bytes;
     bool starts_lent; // the output's cache has moved to the lent memory
     int32_t pending;  // bytes that the output has not written yet
@@ -24,7 +25,7 @@ struct memory_case {
 class TableCopy : public MuxTest {
   protected:
     mp4_mux_t mux = make_context(true);
-    Bytes block, lent, slice, expected; // each of its exact size, so that a sanitizer sees its end
+    Bytes block, lent, slice, expected; // of exact size, so that a sanitizer sees their ends
 
     static bool is_inside(const mp4_mux_bs_t &bs, const Bytes &memory)
     {
@@ -69,7 +70,7 @@ class TableCopy : public MuxTest {
         }
     }
 
-    // What the output has beside a table: as much as leaves the table room in one piece.
+    // The output's part beside a table: all but the table in one piece.
     static int32_t output_share(const memory_case &c, const table &t)
     {
         const int32_t need = t.has_file ? static_cast<int32_t>(t.bytes + t.spare) / 4 * 4 + 4 : 0;
@@ -84,7 +85,6 @@ class TableCopy : public MuxTest {
     // Copies a table after its header.
     void copy(const memory_case &c, const table &t)
     {
-        mp4_mux_track_t track = {};
         mp4_mux_bs_t scratch = {.m_pstMux = &mux, .m_pstError = &mux.m_stLastError};
         Bytes records(t.bytes);
         std::iota(records.begin(), records.end(), uint8_t{0x81});
@@ -98,7 +98,7 @@ class TableCopy : public MuxTest {
         } else {
             scratch.m_uiFill = static_cast<uint32_t>(slice.size());
         }
-        ASSERT_EQ(calc_stxx_cache(&mux, &track, &scratch, c.work_bytes), 0);
+        ASSERT_EQ(calc_stxx_cache(&mux, &scratch, c.work_bytes), 0);
         ASSERT_TRUE(is_inside(mux.m_Bs, block) || is_inside(mux.m_Bs, lent));
         ASSERT_TRUE(!t.has_file || is_inside(scratch, block) || is_inside(scratch, lent));
         ASSERT_TRUE(are_apart(mux.m_Bs, scratch));
@@ -109,7 +109,7 @@ class TableCopy : public MuxTest {
         ASSERT_EQ(close_scratch(&scratch, "table"), 0);
     }
 
-    // Two tables in turn: the second finds the output where the first has left it.
+    // Two tables in turn: the second starts with the caches as the first left them.
     void check(const memory_case &c)
     {
         for (size_t n = 0; n < 4 * 9 * 2; n++) {
@@ -120,12 +120,12 @@ class TableCopy : public MuxTest {
             ASSERT_GT(mp4_mux_bs_write_flush(&mux.m_Bs), 0);
             ASSERT_EQ(world.files["out.mp4"].bytes, expected);
             ASSERT_EQ(mp4_mux_close_bitstream_from_external_memory(&mux.m_Bs), 0);
-            ASSERT_EQ(leftovers(), "") << "also of a copy onto itself";
+            ASSERT_EQ(leftovers(), "") << "no copy onto itself either";
         }
     }
 };
 
-// All small sizes, and those around the least that the output keeps beside a table in one piece.
+// All small sizes, and those around the minimum that the output keeps beside a table in one piece.
 TEST_F(TableCopy, SharesTheMemoryWithoutLosingAByte)
 {
     for (const int32_t work_bytes : {4, 5, 6, 9, 16388, 16393, 16399}) {
@@ -139,9 +139,9 @@ TEST_F(TableCopy, SharesTheMemoryWithoutLosingAByte)
                     for (const bool starts_lent : {false, lent_bytes != 0}) {
                         const memory_case c = {work_bytes, work_bytes - audio_bytes, lent_bytes,
                                                starts_lent, pending};
-                        SCOPED_TRACE(testing::Message()
-                                     << work_bytes << " free, " << audio_bytes << " of the sound, "
-                                     << lent_bytes << " lent, " << pending << " pending");
+                        SCOPED_TRACE(testing::Message() << work_bytes << " free, " << audio_bytes
+                                                        << " of the audio tables, " << lent_bytes
+                                                        << " lent, " << pending << " pending");
                         check(c);
                         if (HasFatalFailure()) {
                             return;

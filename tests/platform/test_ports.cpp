@@ -18,7 +18,7 @@ TEST_F(Ports, BuffersAreCheckedWhenTheyAreMadeAndFreed)
     EXPECT_EQ(use(1, kBufferBytes - 1, memory), OMX_ErrorBadParameter);
     EXPECT_EQ(use(0, kBufferBytes, nullptr), OMX_ErrorBadParameter);
     EXPECT_EQ(use(kPortCount, kBufferBytes, memory), OMX_ErrorBadPortIndex);
-    for (host_call_t call : {HOST_CALL_CALLOC, HOST_CALL_MALLOC}) {
+    for (host_call_t call : {kHostCallCalloc, kHostCallMalloc}) {
         host_fail_call(call, 0, 1);
         EXPECT_EQ(allocate(0), OMX_ErrorInsufficientResources);
     }
@@ -61,7 +61,7 @@ TEST_F(Ports, EmptyThisBufferChecksTheHeader)
         *header = good; // refused, so nobody else looks at it
     }
     EXPECT_EQ(OMX_EmptyThisBuffer(component, &good), OMX_ErrorBadParameter); // a stranger
-    host_fail_call(HOST_CALL_QUEUE, 0, 1);
+    host_fail_call(kHostCallQueue, 0, 1);
     EXPECT_EQ(empty(header), OMX_ErrorInsufficientResources);
     EXPECT_EQ(empty(header), OMX_ErrorNone);
     EXPECT_EQ(OMX_EmptyThisBuffer(component, header), OMX_ErrorIncorrectStateOperation);
@@ -107,10 +107,10 @@ TEST_P(WayBack, GivesBackWhatThePortHasUnchanged)
     buffer_list_t expected;
     bring_to(way.state);
     for (OMX_U32 port = 0; port < kPortCount; port++) {
-        host_fail_call(HOST_CALL_DEQUEUE, 0, port == 1 && thread_ends ? 1 : 0);
-        const uint64_t taken = host_call_count(HOST_CALL_DEQUEUE);
+        host_fail_call(kHostCallDequeue, 0, port == 1 && thread_ends ? 1 : 0);
+        const uint64_t taken = host_call_count(kHostCallDequeue);
         ASSERT_EQ(empty(buffers[port][0]), OMX_ErrorNone);
-        wait_until([&] { return host_call_count(HOST_CALL_DEQUEUE) != taken; });
+        wait_until([&] { return host_call_count(kHostCallDequeue) != taken; });
     }
     for (size_t index : {1u, 2u}) {
         for (OMX_U32 port = 0; port < kPortCount; port++) {
@@ -165,7 +165,7 @@ TEST_F(Ports, AFlushWaitsForTheBufferThread)
     on_log = [](const LogLine &) { wait_at_the_gate(); }; // of the null buffer
     for (uint32_t ends : {0u, 1u}) {
         bring_to(OMX_StateExecuting);
-        host_fail_call(HOST_CALL_DEQUEUE, 0, ends);
+        host_fail_call(kHostCallDequeue, 0, ends);
         is_inside = false;
         {
             const std::lock_guard guard(gate);

@@ -55,7 +55,7 @@ TEST_F(StateMachine, TheWayToIdleCanWaitBeGivenUpAndFail)
     expect_error(OMX_ErrorIncorrectStateTransition); // of the way to Idle
     free_buffers(0);
     expect_complete(OMX_CommandStateSet, OMX_StateLoaded);
-    host_fail_call(HOST_CALL_START_THREAD, 0, 1);
+    host_fail_call(kHostCallStartThread, 0, 1);
     ASSERT_EQ(send(OMX_CommandStateSet, OMX_StateIdle), OMX_ErrorNone);
     populate(0);
     expect_error(OMX_ErrorInsufficientResources);

@@ -1,6 +1,6 @@
 #!/bin/sh
-# check_exported_symbols.sh LIBRARY LIST: the symbols that the library defines for others are those
-# of the list, no more and no fewer. Those that counting lines brings along are not the library's.
+# check_exported_symbols.sh LIBRARY LIST: the symbols that the library exports are exactly those of
+# the list. Symbols that a coverage build adds are not counted.
 set -eu
 defined=$(mktemp)
 trap 'rm -f "$defined"' EXIT

@@ -1,6 +1,6 @@
 #!/bin/sh
-# check_refused_builds.sh ROOT COMPILER [FLAG ...]: what would change the bytes of a file, and a
-# machine whose threads cannot share a word, ends the compilation with a message that says so. Flags
+# check_refused_builds.sh ROOT COMPILER [FLAG ...]: a compilation that would change the bytes of a
+# file, or for a machine whose threads cannot share a word, fails with a message that says so. Flags
 # that the compiler does not have are left out.
 set -eu
 cd "$1"

@@ -1,6 +1,6 @@
 #!/bin/sh
-# check_two_builds.sh ROOT COMPILER CMAKE: the library is the same bytes whatever the folders of its
-# sources and of its build, and links to a device's libraries in place of the stand-in.
+# check_two_builds.sh ROOT COMPILER CMAKE: the library has the same bytes in whatever folders its
+# sources and its build are, and links to a device's libraries in place of the stand-in.
 set -eu
 root=$1
 compiler=$2
@@ -42,7 +42,7 @@ for file in "$library" "$stand_in"; do
     ! grep -qF "$place" "$one/$file" || fail "$file names a folder of the machine that built it"
 done
 
-# A device's library, which has no name of its own, and defines what the stand-in does.
+# A device's library, without a name of its own (soname), that defines the stand-in's symbols.
 mkdir -p "$place/device/platform"
 nm -D --defined-only "$one/$stand_in" | sed -n 's/.* T \(.*\)/void \1(void) {}/p' > "$place/device.c"
 "$compiler" -shared -fPIC -x c "$place/device.c" -o "$place/device/libdevice.so"

@@ -1,10 +1,10 @@
 #!/bin/sh
-# check_walls.sh ROOT: every include line of a folder names what the folder may know.
+# check_walls.sh ROOT: a folder includes only the headers that it may use.
 set -eu
 cd "$1"
 status=0
 
-# wall FOLDER ALLOWED: the regular expression of what may follow #include.
+# wall FOLDER ALLOWED: a regular expression of the headers that the folder may include.
 wall() {
     includes=$(grep -rnE '^#include' --include='*.cpp' --include='*.h' "$1") || {
         echo "$1: no include lines"
@@ -26,7 +26,7 @@ wall client/input '"client/(input/|failure\.h)|<'
 wall client/report '"(client/report/|mp4read/)|<'
 wall client '"(client/|mp4read/|component/tdmbrec_interface\.h|platform/(omx_il|host/host_control)\.h|mp4mux/mp4_mux\.h|aacenc/aac_enc\.h)|<'
 
-# Several standard libraries for devices do not have it; component/shared_fields.h serves them all.
+# Not every standard library for devices has it; component/shared_fields.h is for all of them.
 if grep -rnE 'atomic_ref *[<(]' --include='*.cpp' --include='*.h' mp4mux aacenc component platform; then
     echo "^ not in every standard library"
     status=1

@@ -1,6 +1,7 @@
 #include "tests/support/aac_parser.h"
 
 #include "aacenc/band_tables.h"
+#include "aacenc/encoder_state.h"
 #include "aacenc/huffman_tables.h"
 
 #include <algorithm>
@@ -15,10 +16,10 @@ struct Reader {
     size_t position = 0; // in bits
     std::string error;
 
-    int fail(const std::string &what)
+    int fail(const std::string &fault)
     {
         if (error.empty()) {
-            error = what + " at bit " + std::to_string(position);
+            error = fault + " at bit " + std::to_string(position);
         }
         return 0;
     }
@@ -55,6 +56,8 @@ Codebook make_codebook(std::span<const uint32_t> entries)
 }
 
 constexpr size_t kScalefactorBook = 12;
+constexpr int kReservedBook = 12;
+constexpr int kNoiseOffset = 256; // of the first noise energy
 
 int get_codeword(Reader &in, size_t number)
 {
@@ -87,11 +90,11 @@ void parse_section_data(Reader &in, size_t max_sfb, AacChannel &channel)
 {
     while (channel.codebooks.size() < max_sfb && in.error.empty()) {
         const int book = in.get(4);
-        if (book == 12 || book > 13) {
+        if (book == kReservedBook || book > kNoiseBook) {
             in.fail("reserved or intensity codebook");
         }
         if (!channel.codebooks.empty() && book == channel.codebooks.back()) {
-            in.fail("section that the one before could hold");
+            in.fail("section that continues the previous one");
         }
         int length = 0;
         int increment = 31;
@@ -112,19 +115,20 @@ void parse_section_data(Reader &in, size_t max_sfb, AacChannel &channel)
 void parse_scalefactors(Reader &in, AacChannel &channel)
 {
     int last = channel.global_gain;
-    int noise = channel.global_gain - 256; // what the first 9 bits are relative to
+    int noise = channel.global_gain - kNoiseOffset;
     bool first_noise = true;
     for (const int book : channel.codebooks) {
-        if (book == 13) {
-            noise += first_noise ? in.get(9) : get_codeword(in, kScalefactorBook) - 60;
+        if (book == kNoiseBook) {
+            noise +=
+                first_noise ? in.get(9) : get_codeword(in, kScalefactorBook) - kScalefactorZero;
             first_noise = false;
-        } else if (book != 0) {
-            last += get_codeword(in, kScalefactorBook) - 60;
+        } else if (book != kZeroBook) {
+            last += get_codeword(in, kScalefactorBook) - kScalefactorZero;
             if (last < 0 || last > 255) {
                 in.fail("scalefactor out of range");
             }
         }
-        channel.scalefactors.push_back(book == 13 ? noise : book != 0 ? last : 0);
+        channel.scalefactors.push_back(book == kNoiseBook ? noise : book != kZeroBook ? last : 0);
     }
 }
 
@@ -173,7 +177,7 @@ void parse_group(Reader &in, int book, int *values)
         negative[i] = values[i] != 0 && in.get(1) == 1;
     }
     for (int i = 0; i < group; i++) {
-        const int magnitude = book == 11 && values[i] == 16 ? get_escape(in) : values[i];
+        const int magnitude = book == kEscapeBook && values[i] == 16 ? get_escape(in) : values[i];
         values[i] = negative[i] ? -magnitude : magnitude;
     }
 }
@@ -185,19 +189,22 @@ void parse_spectral_data(Reader &in, AacChannel &channel, const std::vector<int>
 {
     for (size_t sfb = 0; sfb < channel.codebooks.size(); sfb++) {
         const int book = channel.codebooks[sfb];
-        int largest = 0;
-        for (int k = offsets[sfb]; book % 13 != 0 && k < offsets[sfb + 1] && in.error.empty();
-             k += book <= 4 ? 4 : 2) {
-            int *values = &channel.quantised[static_cast<size_t>(k)];
-            parse_group(in, book, values);
-            for (int i = 0; i < (book <= 4 ? 4 : 2); i++) {
-                const double step = std::exp2(0.25 * (channel.scalefactors[sfb] - 100));
-                channel.lines[static_cast<size_t>(k + i)] =
-                    std::copysign(std::pow(std::abs(values[i]), 4.0 / 3) * step, values[i]);
-                largest = std::max(largest, std::abs(values[i]));
-            }
+        if (book == kZeroBook || book == kNoiseBook) {
+            continue;
         }
-        if (book % 13 != 0 && largest <= kLargest[(book - 1) / 2]) {
+        const double step = std::exp2(0.25 * (channel.scalefactors[sfb] - 100));
+        const auto start = static_cast<size_t>(offsets[sfb]);
+        const auto end = static_cast<size_t>(offsets[sfb + 1]);
+        for (size_t k = start; k < end && in.error.empty(); k += book <= 4 ? 4 : 2) {
+            parse_group(in, book, &channel.quantised[k]);
+        }
+        int largest = 0;
+        for (size_t k = start; k < end; k++) {
+            const int value = channel.quantised[k];
+            channel.lines[k] = std::copysign(std::pow(std::abs(value), 4.0 / 3) * step, value);
+            largest = std::max(largest, std::abs(value));
+        }
+        if (largest <= kLargest[(book - 1) / 2]) {
             in.fail("codebook for larger values");
         }
     }
@@ -259,7 +266,7 @@ std::string parse_raw_data_block(std::span<const uint8_t> bytes, int sampling_in
     frame->bits = static_cast<int>(in.position);
     in.expect(static_cast<int>(-in.position % 8), 0, "alignment bits");
     if (in.position != bytes.size() * 8) {
-        in.fail("bytes behind the frame");
+        in.fail("bytes after the frame");
     }
     return in.error;
 }

@@ -1,5 +1,5 @@
-// An AAC Low Complexity parser for long windows: takes an access unit apart, down to the quantised
-// values, and accounts for each of its bits.
+// An AAC Low Complexity parser for long windows. It reads every bit of an access unit, down to the
+// quantised values.
 #ifndef TESTS_SUPPORT_AAC_PARSER_H
 #define TESTS_SUPPORT_AAC_PARSER_H
 
@@ -25,7 +25,7 @@ struct AacFrame {
 };
 
 // Parses one raw_data_block(), which must fill `bytes`.
-// returns: what is wrong with it; empty when nothing is
+// returns: the first fault; empty when there is none
 std::string parse_raw_data_block(std::span<const uint8_t> bytes, int sampling_index,
                                  AacFrame *frame);
 

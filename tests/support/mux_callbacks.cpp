@@ -103,7 +103,7 @@ static void *memory_fopen(const char *name, const char *mode)
 
 static int memory_fclose(void *handle)
 {
-    use(handle).open = false; // as in C, a close that fails closes all the same
+    use(handle).open = false; // as in C, a close that fails closes too
     return fails(call::fclose) ? -1 : 0;
 }
 

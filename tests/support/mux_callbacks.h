@@ -16,14 +16,14 @@ enum class call { malloc, realloc, fopen, fread, fseek, ftell, fclose, fwrite, a
 
 struct failure {
     call kind = call::malloc;
-    uint32_t at = 0; // the n-th call fails, counted from 1; 0 for none
+    uint32_t at = 0; // number of the call that fails, from 1; 0 for none
     bool from_then_on = false;
-    bool partial = false; // a write or read passes half of its bytes
+    bool partial = false; // a write or read transfers half of its bytes
 };
 
 // A file is its own handle.
 struct memory_file {
-    Bytes bytes; // those in the hole left out
+    Bytes bytes; // without those in the hole
     uint64_t size = 0, position = 0;
     bool open = true;
 };
@@ -34,20 +34,19 @@ struct world_state {
     std::map<call, uint32_t> calls;
     failure fail, fail_too;
     std::vector<std::string> opened, removed;
-    uint64_t hole_begin = UINT64_MAX, hole_end = UINT64_MAX; // positions that no file keeps
+    uint64_t hole_begin = UINT64_MAX, hole_end = UINT64_MAX; // positions whose bytes no file keeps
     std::string misuse;                                      // the first forbidden call
 };
 extern world_state world;
 
-// Starts anew. Blocks that the last test leaked are freed.
+// Clears the world and frees the blocks that the last test leaked.
 void reset_world();
 
-// What was used wrongly or not given back; a file other than "out.mp4" counts. Empty when all is
-// well.
+// returns: the first misuse or leak, a file other than "out.mp4" included; empty for none
 std::string leftovers();
 
 mp4_mux_init_t make_callbacks(bool with_64bit);
-mp4_mux_t make_context(bool with_64bit); // a bare one with these callbacks
+mp4_mux_t make_context(bool with_64bit); // only the callbacks are set
 int32_t append_whole_file(void *destination, void *source, int32_t reserved);
 
 // An open handle on a new file.

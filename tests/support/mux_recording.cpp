@@ -74,7 +74,7 @@ void recording::set_cache(cache_layout layout)
     static constexpr int32_t kSizes[][3] = {
         {0, 0, 0}, {0x100000, 0xC0000, 0x80000}, {60000, 0, 0}, {8, 17, 9}};
     const auto &[output_bytes, video_bytes, audio_bytes] = kSizes[static_cast<size_t>(layout)];
-    static Bytes cache(0x240000, 0xEE); // lent from its end: what is written behind is seen
+    static Bytes cache(0x240000, 0xEE); // lent from its end, so that a sanitizer sees overruns
     uint8_t *start = cache.data() + cache.size() - output_bytes - video_bytes - audio_bytes;
     init.m_pCacheMem = output_bytes == 0 ? nullptr : start;
     init.m_iCacheSize = output_bytes;
@@ -151,8 +151,8 @@ std::string check_samples(const recording &r)
         const bool is_video = frame.type == MUX_TYPE_VIDEO;
         const mp4_reader::track *track = find_track(movie, is_video ? "vide" : "soun");
         size_t &at = found[is_video];
-        if (frame.result >= 0 && !movie.error.empty()) {
-            return movie.error; // without frames there is no movie box
+        if (frame.result >= 0 && !movie.faults.empty()) {
+            return first_fault(movie); // without frames there is no movie box
         }
         const mp4_reader::sample sample = track != nullptr && at < track->samples.size()
                                               ? track->samples[at]

@@ -1,5 +1,5 @@
-// One recording through the muxer's entry point: its records with usual values, and shorthands for
-// the operations.
+// One recording through the muxer's entry point: records with usual values, and shorthands for the
+// operations.
 #ifndef TESTS_SUPPORT_MUX_RECORDING_H
 #define TESTS_SUPPORT_MUX_RECORDING_H
 
@@ -34,10 +34,10 @@ inline const Bytes kSps = bytes("6742C01EDA0507E84010");
 inline const Bytes kPps = bytes("68CE3C80");
 inline const Bytes kAudioConfig = bytes("1190");
 
-// Caches as a recorder lends them.
+// The muxer's own cache, those of the recorder, one pool for all, or a few bytes each.
 enum class cache_layout { own, recorder, pooled, tiny };
 
-// A frame that was put, whatever came of it.
+// A frame that was put, with the result.
 struct put_frame {
     int32_t type;
     Bytes bytes;
@@ -65,17 +65,17 @@ struct recording {
     int32_t open();
     int32_t put(int32_t type, const Bytes &bytes, uint32_t time_ms, bool key = false);
 
-    // A frame of `size` bytes that carry the time and the size.
+    // A frame of `size` bytes that depend on its time and size.
     int32_t video(uint32_t time_ms, size_t size, bool key = false);
     int32_t audio(uint32_t time_ms, size_t size);
     int32_t close();
     std::string message(int64_t *aux = nullptr);
 };
 
-// Compares a finished file with what was put into it: every frame that was taken without an error
-// is there, in its order, with its bytes, its sync flag and (video that begins at 0) its time. A
-// frame whose put failed may be there as well.
-// returns  the first difference; empty when there is none
+// Checks that a finished file holds every frame that was put without an error, in order, with its
+// bytes, its sync flag and (video that begins at 0) its time. A frame whose put failed may be there
+// too.
+// returns: the first difference; empty when there is none
 std::string check_samples(const recording &r);
 
 } // namespace mux_test

@@ -63,7 +63,7 @@ void RecorderTest::use_card()
 mp4_reader::movie RecorderTest::expect_plays(const std::string &path)
 {
     const mp4_reader::movie movie = mp4_reader::read_movie(read_file(path));
-    EXPECT_EQ(movie.error, "");
+    EXPECT_EQ(first_fault(movie), "");
     if (has_ffmpeg()) {
         EXPECT_EQ(complaints_of_ffmpeg(path), "");
     }

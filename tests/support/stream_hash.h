@@ -1,5 +1,5 @@
-// What every build makes of the sample programme. A change of these numbers is a change of the
-// encoder's or the muxer's output.
+// Hashes of the sample programme's streams, the same in every build. They change only with the
+// output of the encoder or the muxer.
 #ifndef TESTS_SUPPORT_STREAM_HASH_H
 #define TESTS_SUPPORT_STREAM_HASH_H
 
@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <span>
 
-// The sound: raw access units of the whole frames, stereo, 128000 bit/s.
+// The audio: raw access units of the whole frames, stereo, 128000 bit/s.
 inline constexpr uint64_t kProgrammeStreamHash = 0xb9348974d61266c3;
 inline constexpr size_t kProgrammeStreamBytes = 158494;
 

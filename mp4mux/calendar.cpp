@@ -1,12 +1,17 @@
-#include "mp4mux/mux_util.h"
+#include "mp4mux/calendar.h"
 
 static constexpr int64_t kSecondsPerDay = 86400;
 static constexpr int32_t kThursday = 4; // 1970-01-01
+static constexpr int32_t kWeekDays = 7;
+static constexpr int32_t kMonths = 12;
+static constexpr int32_t kFirstYear = 1900; // of a year that is counted from there
+static constexpr int32_t kTextBytes = 26;   // of mp4_mux_asc_time
 
 static constexpr char kDayNames[] = "SunMonTueWedThuFriSat";
 static constexpr char kMonthNames[] = "JanFebMarAprMayJunJulAugSepOctNovDec";
-static constexpr int32_t kMonthDays[12] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
-static constexpr int32_t kDaysBefore[12] = {0, 31, 59, 90, 120, 151, 181, 212, 243, 273, 304, 334};
+static constexpr int32_t kMonthDays[kMonths] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+static constexpr int32_t kDaysBefore[kMonths] = {0,   31,  59,  90,  120, 151,
+                                                 181, 212, 243, 273, 304, 334};
 
 static bool is_leap_year(int32_t year)
 {
@@ -25,7 +30,7 @@ static int64_t floor_div(int64_t numerator, int64_t denominator)
 
 int64_t mp4_mux_tm_to_time(mp4_mux_tm_t *tm)
 {
-    if (tm->m_iMonth < 0 || tm->m_iMonth > 11) {
+    if (tm->m_iMonth < 0 || tm->m_iMonth >= kMonths) {
         return -1;
     }
     const bool leap = is_leap_year(tm->m_iYear);
@@ -49,14 +54,14 @@ void mp4_mux_to_tm(uint32_t seconds, mp4_mux_tm_t *tm)
     tm->m_iSecond = time_of_day % 60;
     tm->m_iMinute = time_of_day / 60 % 60;
     tm->m_iHour = time_of_day / 3600;
-    tm->m_iWeekDay = (days + kThursday) % 7;
+    tm->m_iWeekDay = (days + kThursday) % kWeekDays;
 
     int32_t year = 1970;
     for (int32_t length = 365; days >= length; length = is_leap_year(year) ? 366 : 365) {
         days -= length;
         year++;
     }
-    tm->m_iYear = year - 1900;
+    tm->m_iYear = year - kFirstYear;
     tm->m_iYearDay = days;
     const bool leap = is_leap_year(year);
     while (days >= days_of_month(tm->m_iMonth, leap)) {
@@ -74,28 +79,29 @@ static char *put_name(char *to, const char *names, int32_t index, int32_t count)
     return to;
 }
 
-// Two digits and the character behind them.
-static char *put_digits(char *to, int32_t value, char behind)
+// Puts two digits and the character after them.
+static char *put_digits(char *to, int32_t value, char after)
 {
     const uint32_t two_digits = static_cast<uint32_t>(value) % 100;
     *to++ = static_cast<char>('0' + two_digits / 10);
     *to++ = static_cast<char>('0' + two_digits % 10);
-    *to++ = behind;
+    *to++ = after;
     return to;
 }
 
 char *mp4_mux_asc_time(const mp4_mux_tm_t *tm)
 {
-    static char text[26];
-    char *to = put_name(text, kDayNames, tm->m_iWeekDay, 7);
+    static char text[kTextBytes];
+    char *to = put_name(text, kDayNames, tm->m_iWeekDay, kWeekDays);
     *to++ = ' ';
-    to = put_name(to, kMonthNames, tm->m_iMonth, 12);
+    to = put_name(to, kMonthNames, tm->m_iMonth, kMonths);
     *to++ = ' ';
     to = put_digits(to, tm->m_iDay, ' ');
     to = put_digits(to, tm->m_iHour, ':');
     to = put_digits(to, tm->m_iMinute, ':');
     to = put_digits(to, tm->m_iSecond, ' ');
-    to = put_digits(to, tm->m_iYear / 100 + 19, '\0') - 1; // the year follows at once
+    to = put_digits(to, tm->m_iYear / 100 + kFirstYear / 100, '\0') -
+         1; // the year's last two digits follow
     to = put_digits(to, tm->m_iYear % 100, '\n');
     *to = '\0';
     return text;

@@ -1,5 +1,9 @@
+#include "mp4mux/stream_format.h"
+
+#include "mp4mux/c_strings.h"
 #include "mp4mux/mux_context.h"
-#include "mp4mux/mux_util.h"
+
+#include <iterator>
 
 // Wave-format header: tag, channels, rate, byte rate, block alignment, bits; then, when there are
 // any, the count of the extra bytes and the bytes themselves.
@@ -8,7 +12,7 @@ static constexpr int32_t kWaveExtraOffset = 18;
 static constexpr uint32_t kWaveTagPcm = 1;
 static constexpr uint32_t kWaveTagFirstPrivate = 0x2001;
 
-// Bitmap-info header: the extra bytes lie behind its 40 bytes; the fields used here end at 20.
+// Bitmap-info header: 40 bytes, then the extra bytes; the fields used here end at 20.
 static constexpr int32_t kBitmapHeaderBytes = 40;
 static constexpr int32_t kBitmapFieldBytes = 20;
 
@@ -16,7 +20,9 @@ static constexpr int32_t kBitmapFieldBytes = 20;
 static constexpr int32_t kSamplingRates[12] = {96000, 88200, 64000, 48000, 44100, 32000,
                                                24000, 22050, 16000, 12000, 11025, 8000};
 static constexpr int32_t kProfileNameOffset = 12;
-static constexpr int32_t kMaxHalfRate = 24000; // a rate up to here is the lower one of an SBR pair
+static constexpr int32_t kConfigBytes = 2;     // of an AudioSpecificConfig
+static constexpr int32_t kSbrConfigBytes = 5;  // with the SBR extension
+static constexpr int32_t kMaxHalfRate = 24000; // a rate up to this one is the lower of an SBR pair
 
 enum {
     kAotAacMain = 1,
@@ -44,7 +50,7 @@ static void clear_format(mp4_mux_t *mux, mp4_mux_format_t *format)
     *format = {};
 }
 
-// Tells whether a header describes plain PCM, under its own tag or under a private one.
+// returns: whether a header describes plain PCM, under its own tag or under a private one
 static bool is_pcm(const uint8_t *header)
 {
     const uint32_t tag = load_le16(header);
@@ -107,14 +113,14 @@ int32_t mp4_mux_set_bitmap_format(mp4_mux_t *mux, void *, void *header, int32_t 
 static uint32_t sampling_index(int32_t rate)
 {
     uint32_t index = 0;
-    while (index < 11 && kSamplingRates[index] > rate) {
+    while (index + 1 < std::size(kSamplingRates) && kSamplingRates[index] > rate) {
         index++;
     }
     return index;
 }
 
-// The audio object type that a profile's name stands for.
-// out      with_sbr: the configuration carries the SBR extension
+// The audio object type of a profile's name.
+// out: with_sbr: the configuration carries the SBR extension
 static uint32_t object_type_of(const char *name, bool sbr_implied, bool *with_sbr)
 {
     static constexpr struct {
@@ -141,9 +147,8 @@ static int32_t resize_extra(mp4_mux_t *mux, int32_t bytes, mp4_mux_format_t *for
                                           static_cast<size_t>(bytes));
     }
     if (extra == nullptr) {
-        return mp4_mux_set_last_error(MUX_ERR_MEMORY, 0,
-                                      "Insufficient memory to re-allocate (set_data_memory)",
-                                      &mux->m_stLastError);
+        return fail(&mux->m_stLastError, MUX_ERR_MEMORY,
+                    "Insufficient memory to re-allocate (set_data_memory)");
     }
     format->m_pExtra = extra;
     format->m_pOwnedExtra = extra;
@@ -164,7 +169,7 @@ int32_t mp4_mux_aac_build_config(mp4_mux_t *mux, void *, const uint8_t *profile,
     const uint32_t object_type = object_type_of(
         reinterpret_cast<const char *>(profile + kProfileNameOffset), sbr_implied, &with_sbr);
 
-    const int32_t resized = resize_extra(mux, with_sbr ? 5 : 2, format);
+    const int32_t resized = resize_extra(mux, with_sbr ? kSbrConfigBytes : kConfigBytes, format);
     if (resized < 0) {
         return resized;
     }
@@ -175,7 +180,8 @@ int32_t mp4_mux_aac_build_config(mp4_mux_t *mux, void *, const uint8_t *profile,
     if (with_sbr) {
         if (format->m_iSampleRate <= kMaxHalfRate) {
             const uint32_t rate = static_cast<uint32_t>(format->m_iSampleRate);
-            format->m_iSampleRate = static_cast<int32_t>(2 * rate); // whatever was given
+            format->m_iSampleRate =
+                static_cast<int32_t>(2 * rate); // unsigned: any given rate may be doubled
         }
         // syncExtensionType 0x2B7 in 11 bits, extensionAudioObjectType 5 in 5, sbrPresentFlag,
         // extensionSamplingFrequencyIndex 4, three zero bits
@@ -193,9 +199,8 @@ int32_t mp4_mux_get_allocated_data(mp4_mux_t *mux, void *, uint32_t size, void *
     }
     void *memory = mux->m_stMem.m_pfnMalloc(size);
     if (memory == nullptr) {
-        return mp4_mux_set_last_error(MUX_ERR_MEMORY, 0,
-                                      "Insufficient memory to re-allocate (get_allocated_data)",
-                                      &mux->m_stLastError);
+        return fail(&mux->m_stLastError, MUX_ERR_MEMORY,
+                    "Insufficient memory to re-allocate (get_allocated_data)");
     }
     mux->m_stMem.m_pfnMemset(memory, 0, size);
     *slot = memory;

@@ -1,4 +1,4 @@
-#include "mp4mux/mux_util.h"
+#include "mp4mux/c_strings.h"
 
 char *mp4_mux_strcpy(char *destination, const char *source)
 {
