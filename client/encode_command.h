@@ -5,8 +5,7 @@
 #include "client/options.h"
 
 // Encodes, and reports on standard output.
-// returns: the exit code
-// throws: `failure`
+// returns: the exit code; throws `failure`
 int encode_run(const encode_options &options);
 
 #endif // CLIENT_ENCODE_COMMAND_H

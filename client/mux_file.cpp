@@ -36,7 +36,7 @@ static void *open_file(const char *name, const char *mode)
 }
 
 // returns: the bytes between the expected position and the data, which the muxer adds to the
-// table's position; -1 on failure
+//          table's position; -1 on failure
 static int32_t append_file(void *destination, void *source, int32_t)
 {
     FILE *const to = file_of(destination);
