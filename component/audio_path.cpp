@@ -37,7 +37,7 @@ static bool initialise_encoder(omx_tdmbrec_component_PrivateType *self,
            std::min<uint32_t>(buffer->nFilledLen, sizeof(self->stZplAencInit.aucFirstPcm)));
     if (zpl_aenc_init(&self->stZplAenc, &self->stZplAencInit, self->iAencType, self->iAencOutput,
                       self->pfnAacEnc) < 0) {
-        __android_log_print(ANDROID_LOG_ERROR, TDMBREC_LOG_TAG, "Audio Dec init error.");
+        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "Audio Dec init error.");
         return false;
     }
     self->uiAacInputSize = zpl_aenc_getSamplesSize();
@@ -129,7 +129,7 @@ static void encode_frame(omx_tdmbrec_component_PrivateType *self, mp4_mux_putstr
     queue->pucRead += self->uiAacInputSize;
     queue->uiLength -= self->uiAacInputSize;
     if (result < 0) {
-        __android_log_print(ANDROID_LOG_ERROR, TDMBREC_LOG_TAG, "zpl_audio_dec_run error: %ld",
+        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "zpl_audio_dec_run error: %ld",
                             static_cast<long>(result));
         return;
     }

@@ -67,7 +67,7 @@ static stop_demand_t record_buffer(omx_tdmbrec_component_PrivateType *self,
         break;
     }
     if (!is_within_allocation(buffer)) {
-        __android_log_print(ANDROID_LOG_ERROR, TDMBREC_LOG_TAG,
+        __android_log_print(ANDROID_LOG_ERROR, kLogTag,
                             "Buffer beyond its allocation: %u + %u of %u bytes, dropped\n",
                             buffer->nOffset, buffer->nFilledLen, buffer->nAllocLen);
         buffer->nFilledLen = 0;

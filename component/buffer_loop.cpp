@@ -103,7 +103,7 @@ static bool take_buffer(omx_base_port_PrivateType *port, held_buffer_t *held)
     OMX_BUFFERHEADERTYPE *const buffer =
         static_cast<OMX_BUFFERHEADERTYPE *>(dequeue(port->pBufferQueue));
     if (buffer == nullptr) {
-        __android_log_print(ANDROID_LOG_ERROR, TDMBREC_LOG_TAG, "Had NULL input buffer!!\n");
+        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "Had NULL input buffer!!\n");
         return false;
     }
     *held = {.buffer = buffer};

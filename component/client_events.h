@@ -4,7 +4,8 @@
 
 #include "component/private_record.h"
 
-// Calls the client's event handler, if there is one, on this thread.
+// Calls the client's event handler, if any.
+// thread: any that holds no lock of the component
 inline void send_event(OMX_COMPONENTTYPE *component, OMX_U32 event, OMX_U32 data1, OMX_U32 data2,
                        OMX_PTR event_data)
 {

@@ -61,8 +61,8 @@ void refuse_recordings(omx_tdmbrec_component_PrivateType *self);
 // SetCallbacks of the function table. The event handler and its data change together, and never
 // between the start of a recording and the return of the event that reports its end.
 // returns: OMX_ErrorIncorrectStateOperation while a report is owed, OMX_ErrorBadParameter for a
-// null
-//          handle, OMX_ErrorInvalidComponent for one without a component, else the base's result
+//          null handle, OMX_ErrorInvalidComponent for one without a component, else the base's
+//          result
 OMX_ERRORTYPE omx_tdmbrec_component_SetCallbacks(OMX_HANDLETYPE handle, OMX_CALLBACKTYPE *callbacks,
                                                  OMX_PTR app_data);
 

@@ -14,25 +14,23 @@ void *QVR_FILE_fopen(const char *name, const char *mode)
 {
     FILE *const file = fopen(name, mode);
     if (file == nullptr) {
-        __android_log_print(ANDROID_LOG_ERROR, TDMBREC_LOG_TAG, "In %s : %s open error\n", __func__,
-                            name);
+        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "In %s : %s open error\n", __func__, name);
     } else {
-        __android_log_print(ANDROID_LOG_WARN, TDMBREC_LOG_TAG, "In %s : %s opened\n", __func__,
-                            name);
+        __android_log_print(ANDROID_LOG_WARN, kLogTag, "In %s : %s opened\n", __func__, name);
         // The muxer has its own cache: what fwrite reports as written must be on the card.
         (void)setvbuf(file, nullptr, _IONBF, 0);
     }
-    __android_log_print(ANDROID_LOG_WARN, TDMBREC_LOG_TAG, "In %s : File Handle[0x%08x]\n",
-                        __func__, handle_word(file));
+    __android_log_print(ANDROID_LOG_WARN, kLogTag, "In %s : File Handle[0x%08x]\n", __func__,
+                        handle_word(file));
     return file;
 }
 
 int QVR_FILE_fclose(void *file)
 {
-    __android_log_print(ANDROID_LOG_WARN, TDMBREC_LOG_TAG, "In %s, File Handle[0x%08x]\n", __func__,
+    __android_log_print(ANDROID_LOG_WARN, kLogTag, "In %s, File Handle[0x%08x]\n", __func__,
                         handle_word(file));
     const int result = fclose(static_cast<FILE *>(file));
-    __android_log_print(ANDROID_LOG_WARN, TDMBREC_LOG_TAG, "%s return %d\n", __func__, result);
+    __android_log_print(ANDROID_LOG_WARN, kLogTag, "%s return %d\n", __func__, result);
     return result;
 }
 
@@ -40,7 +38,7 @@ size_t QVR_FILE_fread(void *buffer, size_t size, size_t count, void *file)
 {
     const size_t result = fread(buffer, size, count, static_cast<FILE *>(file));
     if (static_cast<ptrdiff_t>(result) < 0) { // never; fixed by the design
-        __android_log_print(ANDROID_LOG_ERROR, TDMBREC_LOG_TAG, "In %s : read  error\n", __func__);
+        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "In %s : read  error\n", __func__);
     }
     return result;
 }
@@ -49,7 +47,7 @@ size_t QVR_FILE_fwrite(const void *buffer, size_t size, size_t count, void *file
 {
     const size_t result = fwrite(buffer, size, count, static_cast<FILE *>(file));
     if (static_cast<ptrdiff_t>(result) < 0) { // never; fixed by the design
-        __android_log_print(ANDROID_LOG_ERROR, TDMBREC_LOG_TAG, "In %s : write  error\n", __func__);
+        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "In %s : write  error\n", __func__);
     }
     return result;
 }

@@ -51,8 +51,8 @@ void log_mux_error(omx_tdmbrec_component_PrivateType *self, int32_t mux_result,
     pthread_mutex_lock(&lockTDMBRecording);
     fetch_mux_error(self);
     const char *const message = self->stMuxError.m_pszMessage;
-    __android_log_print(ANDROID_LOG_ERROR, TDMBREC_LOG_TAG, "[%s:%d] %d [%d] Error:%s 0x%08X\n",
-                        function, line, mux_result, self->stMuxError.m_iCode, message,
+    __android_log_print(ANDROID_LOG_ERROR, kLogTag, "[%s:%d] %d [%d] Error:%s 0x%08X\n", function,
+                        line, mux_result, self->stMuxError.m_iCode, message,
                         static_cast<unsigned>(reinterpret_cast<uintptr_t>(message)));
     pthread_mutex_unlock(&lockTDMBRecording);
 }

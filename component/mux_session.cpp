@@ -118,7 +118,7 @@ static OMX_ERRORTYPE open_session_locked(omx_tdmbrec_component_PrivateType *self
     const int32_t result = QVR_MP4_MUX(MUX_OPEN, &self->hMux, &self->stMuxInit, &self->stMuxInput);
     if (result < 0) {
         fetch_mux_error(self);
-        __android_log_print(ANDROID_LOG_ERROR, TDMBREC_LOG_TAG, "[Open:%d] Error:%s\n",
+        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "[Open:%d] Error:%s\n",
                             self->stMuxError.m_iCode, self->stMuxError.m_pszMessage);
         return OMX_ErrorBadParameter;
     }
@@ -159,7 +159,7 @@ OMX_ERRORTYPE close_mux_session(omx_tdmbrec_component_PrivateType *self)
     complete_audio_track(self);
     if (QVR_MP4_MUX(MUX_CLOSE, &self->hMux, &self->stMuxCloseMem, nullptr) < 0) {
         fetch_mux_error(self);
-        __android_log_print(ANDROID_LOG_ERROR, TDMBREC_LOG_TAG, "[Close:%d] Error:%s \n",
+        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "[Close:%d] Error:%s \n",
                             self->stMuxError.m_iCode, self->stMuxError.m_pszMessage);
         // The muxer still holds the file and the blocks; this second call only releases them.
         (void)QVR_MP4_MUX(MUX_CLOSE, &self->hMux, nullptr, nullptr);

@@ -16,10 +16,11 @@ inline constexpr int kFramesPerSecond = 30;
 [[nodiscard]] OMX_ERRORTYPE omx_tdmbrec_mp4_mux_Init(omx_tdmbrec_component_PrivateType *self);
 
 // Finishes and closes the file and frees the lent memory.
-// returns: OMX_ErrorNone, or OMX_ErrorBadParameter when the muxer could not finish the file
-// (logged) thread: the end of a recording whose session is open; under lockTDMBRecording
+// returns: OMX_ErrorNone, or OMX_ErrorBadParameter when the file could not be finished (logged)
+// thread: the end of a recording whose session is open; under lockTDMBRecording
 [[nodiscard]] OMX_ERRORTYPE close_mux_session(omx_tdmbrec_component_PrivateType *self);
 
+// Marks the next recording's session as not yet opened.
 // thread: the constructor; the end of a recording, under lockTDMBRecording
 void reset_mux_session(omx_tdmbrec_component_PrivateType *self);
 

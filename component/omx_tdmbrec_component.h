@@ -1,4 +1,4 @@
-// The operations of the component that the library exports, beside its entry point
+// The operations of the component that the library exports, besides its entry point
 // (component/tdmbrec_interface.h).
 #ifndef COMPONENT_OMX_TDMBREC_COMPONENT_H
 #define COMPONENT_OMX_TDMBREC_COMPONENT_H
@@ -9,10 +9,10 @@
 extern "C" {
 
 // Builds the component under one of its names "OMX.qvr.tdmb.rec", "OMX.qvr.video_decoder" or
-// "OMX.QVR.avcdec"; the last one sets port 0 to AVC.
-// returns: OMX_ErrorBadParameter for a null pointer, OMX_ErrorInsufficientResources,
-//          OMX_ErrorInvalidComponentName, or the result of the base constructor. Parts that were
-//          built before one of the middle two stay attached for the destructor.
+// "OMX.QVR.avcdec"; the last one sets port 0 to AVC. The entry point uses only the first one.
+// returns: OMX_ErrorBadParameter for a null pointer, the result of the base constructor,
+//          OMX_ErrorInsufficientResources or OMX_ErrorInvalidComponentName; after the last two, the
+//          parts that exist stay attached for the destructor
 TDMBREC_API OMX_ERRORTYPE omx_tdmbrec_component_Constructor(OMX_COMPONENTTYPE *component,
                                                             OMX_STRING name);
 
@@ -30,9 +30,8 @@ TDMBREC_API OMX_ERRORTYPE omx_tdmbrec_component_GetParameter(OMX_HANDLETYPE hand
 // Takes the vendor parameters and the sampling rate of OMX_IndexParamAudioPcm; all others go to the
 // base component.
 // returns: OMX_ErrorBadParameter for a null handle or record, OMX_ErrorInvalidComponent for a
-// handle
-//          without a component, the result of start_recording (component/recording_begin.h), or the
-//          base's result
+//          handle without a component, the result of start_recording
+//          (component/recording_begin.h), or the base's result
 // thread: the client's; a start or stop may also come from the client's event handler
 TDMBREC_API OMX_ERRORTYPE omx_tdmbrec_component_SetParameter(OMX_HANDLETYPE handle,
                                                              OMX_INDEXTYPE index,
@@ -54,8 +53,9 @@ TDMBREC_API OMX_ERRORTYPE omx_tdmbrec_component_ComponentRoleEnum(OMX_HANDLETYPE
 TDMBREC_API OMX_ERRORTYPE omx_tdmbrec_component_MessageHandler(OMX_COMPONENTTYPE *component,
                                                                omx_base_message_t *message);
 
-// Body of the buffer thread: offers the client's buffers to the buffer callback and gives them
-// back. in: the handle returns: null
+// Body of the buffer thread: offers the client's buffers to the buffer callback and returns them.
+// in: the handle
+// returns: null
 TDMBREC_API void *omx_tdmbrec_component_BufferMgmtFunction(void *component);
 
 // Consumes one buffer of port ucBufferPort and records it while a recording is active.

@@ -1,4 +1,4 @@
-// The path of the next recording, as the client sets it, and of the one that is being begun.
+// The path of the next recording, as the client sets it, and of the recording that starts.
 #ifndef COMPONENT_OUTPUT_PATH_H
 #define COMPONENT_OUTPUT_PATH_H
 

@@ -82,7 +82,7 @@ static void keep_set(omx_tdmbrec_component_PrivateType *self, const uint8_t *dat
     drop_same_set(self, type, read_id(data, unit));
     uint8_t *const to = make_room(self, type, kStartCodeBytes + unit_bytes);
     if (to == nullptr) {
-        __android_log_print(ANDROID_LOG_ERROR, TDMBREC_LOG_TAG,
+        __android_log_print(ANDROID_LOG_ERROR, kLogTag,
                             "No room for a parameter set: %u bytes dropped\n", unit_bytes);
         return;
     }

@@ -70,7 +70,7 @@ struct omx_tdmbrec_component_PrivateType {
     uint32_t uiFirstVideoPts;  // ms, origin of the file's time line; 0: none yet
     uint8_t ucAudioRollbackCount;
     uint8_t ucVideoRollbackCount;
-    uint8_t ucVideoIntervalState; // 0xFF until the interval is measured
+    uint8_t ucVideoIntervalState; // kIntervalUnmeasured, then 0
     uint8_t bMuxOpen;             // under lockTDMBRecording
     pthread_t hStopThread;        // atomic: the last one started; 0 after let_stop_thread_go
     pthread_t hAudioWriterThread; // atomic: set by whoever starts the thread, joined by the stop

@@ -40,12 +40,12 @@ OMX_ERRORTYPE start_recording(OMX_COMPONENTTYPE *component)
     case kClaimGranted:
         return start_claimed_recording(component);
     case kClaimRecording:
-        __android_log_print(ANDROID_LOG_WARN, TDMBREC_LOG_TAG, "Start while recording: ignored\n");
+        __android_log_print(ANDROID_LOG_WARN, kLogTag, "Start while recording: ignored\n");
         return OMX_ErrorNone;
     case kClaimOtherComponent:
         break;
     }
-    __android_log_print(ANDROID_LOG_ERROR, TDMBREC_LOG_TAG,
+    __android_log_print(ANDROID_LOG_ERROR, kLogTag,
                         "Start refused: another component is recording\n");
     return OMX_ErrorInsufficientResources;
 }

@@ -1,5 +1,4 @@
-// The begin of a recording: claim, storage, encoder; the file is opened by the first parameter
-// sets.
+// The beginning of a recording: claim, storage, encoder. The first parameter sets open the file.
 //
 // docs/models/recordings.pml is the model of the life of a recording.
 #ifndef COMPONENT_RECORDING_BEGIN_H

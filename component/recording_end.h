@@ -29,8 +29,8 @@ void begin_stop(OMX_COMPONENTTYPE *component, tdmbrec_stop_reason_t reason);
 // and reports the end to the client: with the reason of the stop, or with reason 0 when there was
 // no session. The event has returned when this does, unless another thread reports it later
 // (component/end_reports.h). The component may be gone on return.
-// returns: OMX_ErrorNone, or OMX_ErrorBadParameter when the muxer could not finish the file
-// (logged) thread: the stop procedure, or a start that found no storage; holds the claim; takes
+// returns: OMX_ErrorNone, or OMX_ErrorBadParameter when the file could not be finished (logged)
+// thread: the stop procedure, or a start that found no storage; holds the claim; takes
 //         lockTDMBRecording
 OMX_ERRORTYPE omx_tdmbrec_mp4_mux_DeInit(OMX_COMPONENTTYPE *component,
                                          omx_tdmbrec_component_PrivateType *self);

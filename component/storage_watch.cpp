@@ -67,7 +67,7 @@ static storage_state_t check_storage_locked(const char *path)
         return kStorageUnusable;
     }
     if (record->ulFreeKiB <= TDMBREC_LEAST_FREE_KIB) {
-        __android_log_print(ANDROID_LOG_DEBUG, TDMBREC_LOG_TAG, "%-18s%-20s%20lu%20lu\n",
+        __android_log_print(ANDROID_LOG_DEBUG, kLogTag, "%-18s%-20s%20lu%20lu\n",
                             record->pszFileSystem, record->pszMountPoint, record->ulTotalKiB,
                             record->ulFreeKiB);
         close_storage_locked();

@@ -14,7 +14,7 @@ enum storage_state_t {
     kStorageFull      // too little room; the handle has been closed and the figures logged
 };
 
-// True when the path begins with the removable storage's root.
+// returns: true when the path begins with the removable storage's root
 [[nodiscard]] bool is_on_removable_storage(const char *path);
 
 // Opens the process's storage handle unless it is open.
@@ -24,7 +24,7 @@ enum storage_state_t {
 // Closes the process's storage handle if it is open.
 void close_storage(void);
 
-// Costs one property read and one query for every recorded buffer.
+// Checks the storage of a path. Costs one property read and one query for every recorded buffer.
 [[nodiscard]] storage_state_t check_storage(const char *path);
 
 #endif // COMPONENT_STORAGE_WATCH_H

@@ -1,4 +1,4 @@
-// What a player needs of the recorder component, beside OpenMAX IL itself: port 0 takes H.264
+// What a player needs of the recorder component, besides OpenMAX IL itself: port 0 takes H.264
 // access units, port 1 takes 16-bit PCM, and the component records both into an MP4 file.
 #ifndef COMPONENT_TDMBREC_INTERFACE_H
 #define COMPONENT_TDMBREC_INTERFACE_H
@@ -53,7 +53,7 @@ typedef enum tdmbrec_stop_reason_t {
     TDMBREC_STOP_DESTROYED = 7     // the component was destroyed
 } tdmbrec_stop_reason_t;
 
-// The table of the video segments that the recordings of the process have had; it wraps.
+// A ring of the video segments of the process's recordings.
 enum {
     TDMBREC_VIDEO_SEGMENTS = 50,
     TDMBREC_SEGMENT_LATEST = 0, // word of the current segment: its latest video time (ms)

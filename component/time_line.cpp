@@ -38,11 +38,11 @@ static void count_rollback(uint8_t *count)
 
 static void log_rollback(const char *kind, uint32_t backup_ms, uint8_t count)
 {
-    __android_log_print(ANDROID_LOG_INFO, TDMBREC_LOG_TAG, "%s", kRuler);
-    __android_log_print(ANDROID_LOG_INFO, TDMBREC_LOG_TAG, "BACKUP_%s_PTS : %d\n", kind,
+    __android_log_print(ANDROID_LOG_INFO, kLogTag, "%s", kRuler);
+    __android_log_print(ANDROID_LOG_INFO, kLogTag, "BACKUP_%s_PTS : %d\n", kind,
                         static_cast<int>(backup_ms));
-    __android_log_print(ANDROID_LOG_INFO, TDMBREC_LOG_TAG, "%s_ROLLBACK_COUNT : %d\n", kind, count);
-    __android_log_print(ANDROID_LOG_INFO, TDMBREC_LOG_TAG, "%s", kRuler);
+    __android_log_print(ANDROID_LOG_INFO, kLogTag, "%s_ROLLBACK_COUNT : %d\n", kind, count);
+    __android_log_print(ANDROID_LOG_INFO, kLogTag, "%s", kRuler);
 }
 
 static void repair_audio_rollback(omx_tdmbrec_component_PrivateType *self, int64_t ts_us)

@@ -59,7 +59,7 @@ static bool open_file(omx_tdmbrec_component_PrivateType *self, const access_unit
                       uint32_t length)
 {
     if (!has_both_kinds(access_unit)) {
-        __android_log_print(ANDROID_LOG_ERROR, TDMBREC_LOG_TAG,
+        __android_log_print(ANDROID_LOG_ERROR, kLogTag,
                             "Parameter sets without a usable SPS and PPS: %u bytes dropped\n",
                             length);
         return true;
@@ -88,7 +88,7 @@ static uint8_t *get_frame_memory(omx_tdmbrec_component_PrivateType *self, uint32
 
 static void log_missing_memory(uint32_t length)
 {
-    __android_log_print(ANDROID_LOG_ERROR, TDMBREC_LOG_TAG,
+    __android_log_print(ANDROID_LOG_ERROR, kLogTag,
                         "No memory for an access unit: %u bytes dropped\n", length);
 }
 
@@ -226,7 +226,7 @@ static bool handle_access_unit(omx_tdmbrec_component_PrivateType *self, uint8_t 
     skip_leading_zeros(&data, &length);
     access_unit_t access_unit;
     if (length > kLargestAccessUnit || !describe_access_unit(data, length, &access_unit)) {
-        __android_log_print(ANDROID_LOG_ERROR, TDMBREC_LOG_TAG,
+        __android_log_print(ANDROID_LOG_ERROR, kLogTag,
                             "No access unit after a start code: %u bytes dropped\n", length);
         return true;
     }

@@ -1,10 +1,11 @@
 #include "component/zpl_aenc.h"
 
 #include "aacenc/aac_enc.h"
-#include "component/component_log.h"
+#include "platform/android_log.h"
 
 #include <cstring>
 
+static constexpr char kZplLogTag[] = "ZPL_AENC";
 static constexpr int32_t kStreamBufferBytes = 2048;
 static constexpr int32_t kSamplesPerChannel = 1024;
 static constexpr int32_t kDefaultSampleBits = 16;
@@ -26,16 +27,16 @@ static uint64_t gullOutputBytes; // fixed by the design, not read
 
 static void log_settings(const zpl_aenc_t *zpl)
 {
-    __android_log_print(ANDROID_LOG_INFO, ZPL_AENC_LOG_TAG, "%s", kRuler);
-    __android_log_print(ANDROID_LOG_INFO, ZPL_AENC_LOG_TAG, "=> pZpl->m_iAudioSamplePerSec (%d) ",
+    __android_log_print(ANDROID_LOG_INFO, kZplLogTag, "%s", kRuler);
+    __android_log_print(ANDROID_LOG_INFO, kZplLogTag, "=> pZpl->m_iAudioSamplePerSec (%d) ",
                         zpl->m_iAudioSamplePerSec);
-    __android_log_print(ANDROID_LOG_INFO, ZPL_AENC_LOG_TAG, "=> pZpl->m_iAudioChannels (%d)",
+    __android_log_print(ANDROID_LOG_INFO, kZplLogTag, "=> pZpl->m_iAudioChannels (%d)",
                         zpl->m_iAudioChannels);
-    __android_log_print(ANDROID_LOG_INFO, ZPL_AENC_LOG_TAG, "=> pZpl->m_iAudioBitsPerSample (%d)",
+    __android_log_print(ANDROID_LOG_INFO, kZplLogTag, "=> pZpl->m_iAudioBitsPerSample (%d)",
                         zpl->m_iAudioBitsPerSample);
-    __android_log_print(ANDROID_LOG_INFO, ZPL_AENC_LOG_TAG, "=> pZpl->m_iAudioBitRates (%d)",
+    __android_log_print(ANDROID_LOG_INFO, kZplLogTag, "=> pZpl->m_iAudioBitRates (%d)",
                         zpl->m_iAudioBitRates);
-    __android_log_print(ANDROID_LOG_INFO, ZPL_AENC_LOG_TAG, "%s", kRuler);
+    __android_log_print(ANDROID_LOG_INFO, kZplLogTag, "%s", kRuler);
 }
 
 static void fill_records(const zpl_aenc_t *zpl, const zpl_aenc_init_t *init, int32_t output_type)
@@ -85,7 +86,7 @@ static int32_t allocate_buffers(const zpl_aenc_t *zpl)
 {
     gpucStreamBuffer = static_cast<uint8_t *>(zpl->pstMemory->pfnMalloc(kStreamBufferBytes));
     if (gpucStreamBuffer == nullptr) {
-        __android_log_print(ANDROID_LOG_ERROR, ZPL_AENC_LOG_TAG,
+        __android_log_print(ANDROID_LOG_ERROR, kZplLogTag,
                             ": [ZPL_CORE] zpl_aenc_init gpucStreamBuffer allocation fail\n");
         return -1;
     }
@@ -94,7 +95,7 @@ static int32_t allocate_buffers(const zpl_aenc_t *zpl)
                              static_cast<size_t>(zpl->m_iAudioChannels) * sizeof(int16_t);
     gpucPcmBuffer = static_cast<uint8_t *>(zpl->pstMemory->pfnMalloc(pcm_bytes));
     if (gpucPcmBuffer == nullptr) {
-        __android_log_print(ANDROID_LOG_ERROR, ZPL_AENC_LOG_TAG,
+        __android_log_print(ANDROID_LOG_ERROR, kZplLogTag,
                             ": [ZPL_CORE] zpl_aenc_init gpucPcmBuffer allocation fail\n");
         return -1;
     }
@@ -107,15 +108,15 @@ static int32_t open_encoder(zpl_aenc_t *zpl)
     if (zpl->iState != kZplStateInitialise && zpl->iState != kZplStateRun) {
         return 0;
     }
-    __android_log_print(ANDROID_LOG_INFO, ZPL_AENC_LOG_TAG, "@@@@@ init Start");
+    __android_log_print(ANDROID_LOG_INFO, kZplLogTag, "@@@@@ init Start");
     const int32_t result = gspfAEnc(AACENC_OP_INIT, &zpl->hEncoder, &gstInitParams, nullptr);
     if (result < 0) {
-        __android_log_print(ANDROID_LOG_ERROR, ZPL_AENC_LOG_TAG,
+        __android_log_print(ANDROID_LOG_ERROR, kZplLogTag,
                             ": [ZPL_CORE:Err%d] gspfAEnc AUDIO_INIT failed \n", result);
         (void)gspfAEnc(AACENC_OP_CLOSE, &zpl->hEncoder, nullptr, nullptr);
         return result;
     }
-    __android_log_print(ANDROID_LOG_INFO, ZPL_AENC_LOG_TAG, "@@@@@ init End ");
+    __android_log_print(ANDROID_LOG_INFO, kZplLogTag, "@@@@@ init End ");
     return result;
 }
 
@@ -124,7 +125,7 @@ static int32_t take_geometry(zpl_aenc_t *zpl, int32_t result)
 {
     if (gstStreamInfo.channels == 0 || gstStreamInfo.sampleRate == 0 ||
         gstStreamInfo.samplesPerChannel == 0) {
-        __android_log_print(ANDROID_LOG_ERROR, ZPL_AENC_LOG_TAG,
+        __android_log_print(ANDROID_LOG_ERROR, kZplLogTag,
                             ": [ZPL_CORE] Error invalid paramters [ch:%d, samplerate: %d, "
                             "bitPersample%d, samplePerchannel%d]\n",
                             gstStreamInfo.channels, gstStreamInfo.sampleRate, giSampleBits,
@@ -134,12 +135,12 @@ static int32_t take_geometry(zpl_aenc_t *zpl, int32_t result)
         }
         return -1;
     }
-    __android_log_print(ANDROID_LOG_ERROR, ZPL_AENC_LOG_TAG,
+    __android_log_print(ANDROID_LOG_ERROR, kZplLogTag,
                         ": [ZPL_CORE] [channel:%4d, samplerate :%4d] \n", gstStreamInfo.channels,
                         gstStreamInfo.sampleRate);
     giChannels = gstStreamInfo.channels;
     giSamplesPerChannel = gstStreamInfo.samplesPerChannel;
-    __android_log_print(ANDROID_LOG_INFO, ZPL_AENC_LOG_TAG, "### Enc Init Done, ret(%d)", result);
+    __android_log_print(ANDROID_LOG_INFO, kZplLogTag, "### Enc Init Done, ret(%d)", result);
     return result;
 }
 
@@ -157,7 +158,7 @@ int32_t zpl_aenc_init(zpl_aenc_t *zpl, const zpl_aenc_init_t *init, int32_t aenc
 {
     gspfAEnc = encoder;
     if (gspfAEnc == nullptr || aenc_type != kZplTypeAac) {
-        __android_log_print(ANDROID_LOG_ERROR, ZPL_AENC_LOG_TAG,
+        __android_log_print(ANDROID_LOG_ERROR, kZplLogTag,
                             ": [ZPL_CORE] audio decoder not found (iAencType: %d) \n", aenc_type);
         gspfAEnc = nullptr;
         return -1;
@@ -195,7 +196,7 @@ int32_t zpl_aenc_encode(zpl_aenc_t *zpl, const zpl_aenc_init_t *, const zpl_aenc
     const int32_t result =
         gspfAEnc(AACENC_OP_ENCODE, &zpl->hEncoder, &gstAudioInfo, &gstStreamInfo);
     if (result < 0) {
-        __android_log_print(ANDROID_LOG_ERROR, ZPL_AENC_LOG_TAG,
+        __android_log_print(ANDROID_LOG_ERROR, kZplLogTag,
                             ": [ZPL_CORE] ZPL_Audio_Enc_run error\n");
         return result;
     }

@@ -20,23 +20,25 @@ static mp4_mux_track_t *find_track(mp4_mux_t *mux, int32_t type)
     return nullptr;
 }
 
-// Bytes of the sample tables for the frames so far.
+// Bytes of the sample tables for the frames so far. Either track's share is a signed 32-bit number:
+// beyond 2 GiB of tables it wraps.
 static int64_t sample_table_bytes(mp4_mux_t *mux)
 {
     const int64_t frame_bytes = offset_record_bytes(mux) + kSizeRecordBytes;
     const mp4_mux_track_t *video = find_track(mux, MUX_TYPE_VIDEO);
     const mp4_mux_track_t *audio = find_track(mux, MUX_TYPE_AUDIO);
-    int64_t bytes = 0;
+    int64_t video_bytes = 0;
+    int64_t audio_bytes = 0;
     if (video != nullptr) {
         // The close adds the open run and one for the last frame.
         const int64_t runs = int64_t{video->m_iSttsEntryCount} + 2;
-        bytes += video->m_uiSampleCount * frame_bytes + runs * kRunRecordBytes +
-                 int64_t{video->m_uiSyncSampleCount} * kSyncRecordBytes;
+        video_bytes = video->m_uiSampleCount * frame_bytes + runs * kRunRecordBytes +
+                      int64_t{video->m_uiSyncSampleCount} * kSyncRecordBytes;
     }
     if (audio != nullptr) {
-        bytes += audio->m_uiSampleCount * frame_bytes;
+        audio_bytes = audio->m_uiSampleCount * frame_bytes;
     }
-    return bytes;
+    return int64_t{static_cast<int32_t>(video_bytes)} + static_cast<int32_t>(audio_bytes);
 }
 
 static int64_t estimate_file_size(mp4_mux_t *mux)

@@ -150,8 +150,7 @@ OMX_ERRORTYPE omx_base_component_AllocateBuffer(OMX_HANDLETYPE handle,
 static bool needs_its_buffers(const omx_base_sink_PrivateType *sink,
                               const omx_base_port_PrivateType *port)
 {
-    const OMX_STATETYPE state = omx_base_get_state(sink);
-    return (state == OMX_StateIdle || state == OMX_StateExecuting || state == OMX_StatePause) &&
+    return omx_base_has_resources(sink) &&
            omx_base_get_transient_state(sink) == OMX_TransStateNone &&
            port->stPortDefinition.bEnabled != 0 && port->stPortDefinition.bPopulated != 0 &&
            !omx_base_command_waits(sink, OMX_CommandStateSet, OMX_StateLoaded) &&
@@ -244,9 +243,7 @@ static void apply_mark(omx_base_port_internal_t *internal, OMX_BUFFERHEADERTYPE 
 static OMX_ERRORTYPE empty_buffer_locked(omx_base_sink_PrivateType *sink,
                                          OMX_BUFFERHEADERTYPE *header)
 {
-    const OMX_STATETYPE state = omx_base_get_state(sink);
-    if ((state != OMX_StateIdle && state != OMX_StateExecuting && state != OMX_StatePause) ||
-        omx_base_get_transient_state(sink) != OMX_TransStateNone) {
+    if (!omx_base_has_resources(sink) || omx_base_get_transient_state(sink) != OMX_TransStateNone) {
         return OMX_ErrorIncorrectStateOperation;
     }
     // An unknown header is not dereferenced.

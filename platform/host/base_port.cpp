@@ -83,8 +83,8 @@ static OMX_ERRORTYPE acquire_port(omx_base_port_PrivateType *port)
                : OMX_ErrorInsufficientResources;
 }
 
-static OMX_ERRORTYPE construct_port(OMX_COMPONENTTYPE *component, omx_base_port_PrivateType *port,
-                                    OMX_U32 port_index, OMX_BOOL input, OMX_PORTDOMAINTYPE domain)
+static OMX_ERRORTYPE build_port(OMX_COMPONENTTYPE *component, omx_base_port_PrivateType *port,
+                                OMX_U32 port_index, OMX_BOOL is_input, OMX_PORTDOMAINTYPE domain)
 {
     const OMX_ERRORTYPE error = acquire_port(port);
     if (error != OMX_ErrorNone) {
@@ -99,7 +99,7 @@ static OMX_ERRORTYPE construct_port(OMX_COMPONENTTYPE *component, omx_base_port_
         .nSize = sizeof(port->stPortDefinition),
         .nVersion = {.nVersion = OMX_VERSION_1_1_2},
         .nPortIndex = port_index,
-        .eDir = input ? OMX_DirInput : OMX_DirOutput,
+        .eDir = is_input ? OMX_DirInput : OMX_DirOutput,
         .nBufferCountActual = kBufferCount,
         .nBufferCountMin = kBufferCountMin,
         .bEnabled = OMX_TRUE,
@@ -115,18 +115,26 @@ static bool port_arguments_valid(const OMX_COMPONENTTYPE *component,
            *port != nullptr && (*port)->pInternal == nullptr;
 }
 
-OMX_ERRORTYPE base_video_port_Constructor(OMX_COMPONENTTYPE *component,
-                                          omx_base_port_PrivateType **port, OMX_U32 port_index,
-                                          OMX_BOOL is_input)
+static OMX_ERRORTYPE construct_port(OMX_COMPONENTTYPE *component, omx_base_port_PrivateType **port,
+                                    OMX_U32 port_index, OMX_BOOL is_input,
+                                    OMX_PORTDOMAINTYPE domain)
 {
     if (!port_arguments_valid(component, port)) {
         return OMX_ErrorBadParameter;
     }
-    if (host_call_fails(kHostCallVideoPortConstructor)) {
+    if (host_call_fails(domain == OMX_PortDomainVideo ? kHostCallVideoPortConstructor
+                                                      : kHostCallAudioPortConstructor)) {
         return OMX_ErrorInsufficientResources;
     }
+    return build_port(component, *port, port_index, is_input, domain);
+}
+
+OMX_ERRORTYPE base_video_port_Constructor(OMX_COMPONENTTYPE *component,
+                                          omx_base_port_PrivateType **port, OMX_U32 port_index,
+                                          OMX_BOOL is_input)
+{
     const OMX_ERRORTYPE error =
-        construct_port(component, *port, port_index, is_input, OMX_PortDomainVideo);
+        construct_port(component, port, port_index, is_input, OMX_PortDomainVideo);
     if (error != OMX_ErrorNone) {
         return error;
     }
@@ -150,14 +158,8 @@ OMX_ERRORTYPE base_audio_port_Constructor(OMX_COMPONENTTYPE *component,
                                           omx_base_port_PrivateType **port, OMX_U32 port_index,
                                           OMX_BOOL is_input)
 {
-    if (!port_arguments_valid(component, port)) {
-        return OMX_ErrorBadParameter;
-    }
-    if (host_call_fails(kHostCallAudioPortConstructor)) {
-        return OMX_ErrorInsufficientResources;
-    }
     const OMX_ERRORTYPE error =
-        construct_port(component, *port, port_index, is_input, OMX_PortDomainAudio);
+        construct_port(component, port, port_index, is_input, OMX_PortDomainAudio);
     if (error != OMX_ErrorNone) {
         return error;
     }

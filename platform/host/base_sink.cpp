@@ -21,6 +21,12 @@ omx_base_transient_t omx_base_get_transient_state(const omx_base_sink_PrivateTyp
     return static_cast<omx_base_transient_t>(load_word(sink->eTransientState));
 }
 
+bool omx_base_has_resources(const omx_base_sink_PrivateType *sink)
+{
+    const OMX_STATETYPE state = omx_base_get_state(sink);
+    return state == OMX_StateIdle || state == OMX_StateExecuting || state == OMX_StatePause;
+}
+
 void omx_base_set_state(omx_base_sink_PrivateType *sink, OMX_STATETYPE state,
                         omx_base_transient_t transient_state)
 {

@@ -84,11 +84,9 @@ static uint32_t end_port_change(omx_base_sink_PrivateType *sink, omx_base_port_P
 {
     omx_base_port_internal_t *internal = port->pInternal;
     pthread_mutex_lock(&sink->pInternal->lock);
-    const OMX_STATETYPE state = omx_base_get_state(sink);
-    const bool unloaded = state == OMX_StateLoaded || state == OMX_StateWaitForResources;
     bool complete = false;
     if (internal->change == kChangeEnable) { // without resources, a port needs no buffers
-        complete = unloaded || port->stPortDefinition.bPopulated != 0;
+        complete = !omx_base_has_resources(sink) || port->stPortDefinition.bPopulated != 0;
         *command = OMX_CommandPortEnable;
     } else if (internal->change == kChangeDisable) {
         complete = internal->buffer_count == 0;
@@ -96,7 +94,7 @@ static uint32_t end_port_change(omx_base_sink_PrivateType *sink, omx_base_port_P
     }
     uint32_t answered = 0;
     if (complete) {
-        answered = std::exchange(internal->waiting, 0);
+        answered = std::exchange(internal->waiting_count, 0);
         internal->change = kChangeNone;
     }
     pthread_mutex_unlock(&sink->pInternal->lock);
@@ -106,7 +104,7 @@ static uint32_t end_port_change(omx_base_sink_PrivateType *sink, omx_base_port_P
 static uint32_t take_overtaken(omx_base_sink_PrivateType *sink, omx_base_port_PrivateType *port)
 {
     pthread_mutex_lock(&sink->pInternal->lock);
-    const uint32_t overtaken = std::exchange(port->pInternal->overtaken, 0);
+    const uint32_t overtaken = std::exchange(port->pInternal->overtaken_count, 0);
     pthread_mutex_unlock(&sink->pInternal->lock);
     return overtaken;
 }
@@ -147,7 +145,7 @@ static OMX_ERRORTYPE enter_invalid(omx_base_sink_PrivateType *sink)
     omx_base_set_state(sink, OMX_StateInvalid, OMX_TransStateNone);
     omx_base_for_ports(sink, OMX_ALL, [&](omx_base_port_PrivateType *port) {
         port->pInternal->change = kChangeNone;
-        given_up += std::exchange(port->pInternal->waiting, 0);
+        given_up += std::exchange(port->pInternal->waiting_count, 0);
     });
     pthread_mutex_unlock(&sink->pInternal->lock);
     omx_base_join_buffer_thread(sink);
@@ -209,16 +207,9 @@ static OMX_ERRORTYPE change_state(omx_base_sink_PrivateType *sink, OMX_STATETYPE
     return OMX_ErrorNone;
 }
 
-// Flush and mark commands need a component with its resources.
-static bool has_resources(const omx_base_sink_PrivateType *sink)
-{
-    const OMX_STATETYPE state = omx_base_get_state(sink);
-    return state == OMX_StateIdle || state == OMX_StateExecuting || state == OMX_StatePause;
-}
-
 static OMX_ERRORTYPE flush_port(omx_base_sink_PrivateType *sink, OMX_U32 port_index)
 {
-    if (!has_resources(sink)) {
+    if (!omx_base_has_resources(sink)) {
         return OMX_ErrorIncorrectStateOperation;
     }
     omx_base_flush(sink, port_index);
@@ -236,10 +227,10 @@ static OMX_ERRORTYPE change_port(omx_base_sink_PrivateType *sink, OMX_U32 port_i
         omx_base_port_internal_t *internal = port->pInternal;
         port->stPortDefinition.bEnabled = enable ? OMX_TRUE : OMX_FALSE;
         if (internal->change != change) {
-            internal->overtaken += std::exchange(internal->waiting, 0);
+            internal->overtaken_count += std::exchange(internal->waiting_count, 0);
         }
         internal->change = change;
-        internal->waiting++;
+        internal->waiting_count++;
     });
     pthread_mutex_unlock(&sink->pInternal->lock);
     if (!enable) {
@@ -259,7 +250,7 @@ static OMX_ERRORTYPE mark_buffer(omx_base_sink_PrivateType *sink, OMX_U32 port_i
     if (mark == nullptr) {
         return OMX_ErrorBadParameter;
     }
-    if (!has_resources(sink)) {
+    if (!omx_base_has_resources(sink)) {
         return OMX_ErrorIncorrectStateOperation;
     }
     omx_base_port_internal_t *internal = port->pInternal;

@@ -40,7 +40,7 @@ struct omx_base_sink_internal_t {
     bool message_thread_joinable;
     pthread_t buffer_thread;
     pthread_t message_thread;
-    // What the constructor has initialised.
+    // Set when the object has been initialised.
     bool flush_lock_ready;
     bool sem_flush_all_ready;
     bool sem_flush_ready;
@@ -60,9 +60,9 @@ struct omx_base_port_internal_t {
     OMX_U32 index;
     OMX_PORTDOMAINTYPE domain;
     omx_base_change_t change;
-    uint32_t waiting;     // commands for this change
-    uint32_t overtaken;   // commands for the opposite change, not answered yet
-    bool has_lost_buffer; // while in use, not reported yet
+    uint32_t waiting_count;   // commands for this change
+    uint32_t overtaken_count; // commands for the opposite change, not answered yet
+    bool has_lost_buffer;     // while in use, not reported yet
     bool queue_ready;
     bool sem_ready;
     std::array<omx_base_buffer_t, QUEUE_CAPACITY> buffers;
@@ -102,6 +102,9 @@ void omx_base_for_ports(const omx_base_sink_PrivateType *sink, OMX_U32 port_inde
 
 // Releases everything that a port constructor made, but not the record itself.
 void omx_base_release_port(omx_base_port_PrivateType *port);
+
+// returns: whether the component has its resources: its state is Idle, Executing or Pause.
+[[nodiscard]] bool omx_base_has_resources(const omx_base_sink_PrivateType *sink);
 
 // thread: any, under the lock.
 void omx_base_set_state(omx_base_sink_PrivateType *sink, OMX_STATETYPE state,

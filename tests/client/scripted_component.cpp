@@ -1,8 +1,10 @@
-// A component in place of the recorder. It takes every buffer, writes one line about each call that
-// matters to the file SCRIPT_LOG, and ends the recording with SCRIPT_REASON after SCRIPT_BUFFERS
-// buffers, or when asked. SCRIPT_FILE names the file that is its recording from the start.
-// SCRIPT_FAIL names the call that fails: init, start, empty, later (the 30th buffer); with stop,
-// the end is never reported. The 20th buffer comes back SCRIPT_STALL ms late.
+// A component in place of the recorder, controlled by environment variables. It takes every buffer
+// and writes one line per call to the file SCRIPT_LOG.
+// SCRIPT_FILE: copied to the output path at the start.
+// SCRIPT_BUFFERS, SCRIPT_REASON: ends the recording after so many buffers, with this reason.
+// SCRIPT_FAIL: the call that fails: init, start, empty, later (the 30th buffer); with stop, the end
+// is never reported.
+// SCRIPT_STALL: returns the 20th buffer this late (ms).
 #include "component/tdmbrec_interface.h"
 #include "platform/omx_il.h"
 
@@ -62,7 +64,7 @@ static OMX_ERRORTYPE set_parameter(OMX_HANDLETYPE component, OMX_INDEXTYPE index
     } else if (number == TDMBREC_INDEX_OUTPUT_PATH) {
         std::string path(static_cast<const char *>(record), TDMBREC_PATH_BYTES);
         path.erase(path.find_last_not_of('\0') + 1);
-        note("path " + path); // what is not padded with zeros shows
+        note("path " + path); // with any byte that is not a padding zero
         record_path = path;
     } else if (number == TDMBREC_INDEX_START) {
         note("start");

@@ -1,4 +1,4 @@
-// The sample's recording in the hands of players that nobody here wrote.
+// The recorded sample in independent players.
 #include "tests/support/judges.h"
 #include "tests/support/programme_player.h"
 #include "tests/support/recorder_test.h"
@@ -21,7 +21,7 @@ class Players : public RecorderTest {
     }
 };
 
-TEST_F(Players, PlayItToTheEndWithoutAWord)
+TEST_F(Players, PlayItToTheEndWithoutAMessage)
 {
     const std::string file = kBuiltInFile;
     const std::pair<std::string, std::string> players[] = {
@@ -38,9 +38,9 @@ TEST_F(Players, PlayItToTheEndWithoutAWord)
             missing += " " + program;
             continue;
         }
-        const auto [status, said] = run("HOME=/mnt/sdcard " + program + arguments + " 2>&1");
+        const auto [status, output] = run("HOME=/mnt/sdcard " + program + arguments + " 2>&1");
         EXPECT_EQ(status, 0) << program;
-        EXPECT_EQ(std::string(said.begin(), said.end()), "") << program;
+        EXPECT_EQ(std::string(output.begin(), output.end()), "") << program;
     }
     if (!missing.empty()) {
         GTEST_SKIP() << "not installed:" << missing;
@@ -56,14 +56,14 @@ TEST_F(Players, ChromiumPlaysIt)
 <video id="v" muted src="recording.mp4"></video>
 <script>
 const v = document.getElementById('v');
-v.onerror = () => console.log('said: error ' + v.error.code + ' ' + v.error.message);
-v.onended = () => console.log('said: ended ' + v.videoWidth + 'x' + v.videoHeight
+v.onerror = () => console.log('page-result: error ' + v.error.code + ' ' + v.error.message);
+v.onended = () => console.log('page-result: ended ' + v.videoWidth + 'x' + v.videoHeight
     + ' corrupted ' + v.getVideoPlaybackQuality().corruptedVideoFrames
     + ' audio ' + (v.webkitAudioDecodedByteCount > 0));
 v.playbackRate = 4;
 v.play();
 </script>)";
-    // The browser runs until it is told to go; what the page says comes through its log.
+    // The browser runs until it is killed; the page reports through its log.
     const Bytes output =
         run("cd /mnt/sdcard; HOME=/mnt/sdcard chromium --headless --no-sandbox --disable-gpu "
             "--disable-quic --no-first-run --disable-background-networking "
@@ -71,12 +71,13 @@ v.play();
             "--disable-sync --autoplay-policy=no-user-gesture-required --enable-logging=stderr "
             "--user-data-dir=/mnt/sdcard/profile file:///mnt/sdcard/player.html > log 2>&1 & "
             "pid=$!; "
-            "cd /mnt/sdcard; for i in $(seq 3000); do grep -q 'said:' log && break; sleep 0.1; "
+            "cd /mnt/sdcard; for i in $(seq 3000); do grep -q 'page-result:' log && break; sleep "
+            "0.1; "
             "done; "
-            "kill $pid; wait $pid; grep -o 'said: [^\"]*' log")
+            "kill $pid; wait $pid; grep -o 'page-result: [^\"]*' log")
             .second;
-    const std::string said(output.begin(), output.end());
-    EXPECT_EQ(said.substr(0, said.find_first_of("\n,\"")),
-              "said: ended 320x240 corrupted 0 audio true")
-        << said;
+    const std::string result(output.begin(), output.end());
+    EXPECT_EQ(result.substr(0, result.find_first_of("\n,\"")),
+              "page-result: ended 320x240 corrupted 0 audio true")
+        << result;
 }

@@ -1,4 +1,4 @@
-// Ends of a recording that only a real storage brings about; the file then plays.
+// Recordings that a real storage ends; their files play.
 #include "platform/host/host_control.h"
 #include "tests/support/programme_player.h"
 #include "tests/support/recorder_test.h"
@@ -8,8 +8,8 @@
 
 class StopReason : public RecorderTest {
   protected:
-    // Sends IDR pictures of about `bytes` each, filled up with a filler data unit, until the
-    // recording ends or `most` are sent.
+    // Sends IDR pictures of about `bytes` each, padded with a filler data unit, until the recording
+    // ends or `most` are sent.
     static void send_large_pictures(IlClient &client, size_t bytes, size_t most)
     {
         Bytes picture = sample_programme().access_units[0];
@@ -19,7 +19,7 @@ class StopReason : public RecorderTest {
         picture.back() = 0x80;
         send_time_base(client);
         for (size_t i = 0; i < most && client.count(kEventEndOfRecording) == 0; i++) {
-            client.send(0, picture, video_time_us(i));
+            client.send(TDMBREC_PORT_VIDEO, picture, video_time_us(i));
         }
     }
     static size_t video_samples(const mp4_reader::movie &movie)
@@ -53,12 +53,12 @@ TEST_F(StopReason, Is0WhenTheCardGoes)
 
 TEST_F(StopReason, Is2WhenTheCardIsFull)
 {
-    host_set_property("qvr.sdcard.db.status", "available"); // the card's own 64 MiB
+    host_set_property("qvr.sdcard.db.status", "available"); // a card of 64 MiB
     const auto client = start_recording(kCardFile);
     send_large_pictures(*client, 1000000, 100);
     EXPECT_EQ(client->wait_for_end(), 2u);
     client->to_loaded();
-    // 14 MiB were free above the limit of 50; what the cache holds back is seen late.
+    // 14 MiB are free above the limit of 50; the muxer's cache delays the end.
     EXPECT_GE(video_samples(expect_plays(kCardFile)), 13u);
     std::filesystem::remove(kCardFile);
 }
@@ -70,7 +70,7 @@ TEST_F(StopReason, Is4WhenTheFileCannotBeOpenedAnd7WhenTheComponentIsDestroyed)
     send_programme(*client, 2);
     EXPECT_EQ(client->wait_for_end(), 4u);
     std::filesystem::remove(kBuiltInFile);
-    EXPECT_EQ(client->start(), OMX_ErrorNone); // the component is as good as new
+    EXPECT_EQ(client->start(), OMX_ErrorNone); // after the failure
     send_programme(*client, 50);
     client->to_loaded(); // with the recording still active
     client->destroy();
@@ -80,10 +80,10 @@ TEST_F(StopReason, Is4WhenTheFileCannotBeOpenedAnd7WhenTheComponentIsDestroyed)
 
 TEST_F(StopReason, Is5WhenAWriteFails)
 {
-    use_card(); // says that there is room
+    use_card(); // with more free space than there is
     const std::string filler = "/mnt/sdcard/tflash/filler";
     fill(filler, 5000000);
-    // Before the file is finished, somebody makes room.
+    // Makes room before the file is finished.
     on_log = [&](const LogLine &line) {
         if (line.text.find("Error:can't write file") != std::string::npos) {
             std::filesystem::remove(filler);

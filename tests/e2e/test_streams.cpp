@@ -1,5 +1,5 @@
-// Programmes recorded through the OpenMAX IL interface: the sample bit for bit, and streams that
-// are not the plain one.
+// Programmes recorded through the OpenMAX IL interface: the sample bit for bit, and unusual
+// streams.
 #include "tests/support/judges.h"
 #include "tests/support/programme_player.h"
 #include "tests/support/recorder_test.h"
@@ -27,8 +27,7 @@ class Streams : public RecorderTest {
         return pictures;
     }
 
-    // Encodes a moving test pattern. The encoder's own remark would stand in front of the parameter
-    // sets.
+    // Encodes a moving test pattern, without the SEI units of the encoder.
     static std::vector<Picture> encode(const std::string &options)
     {
         const Bytes stream =
@@ -47,8 +46,8 @@ class Streams : public RecorderTest {
         return pictures;
     }
 
-    // Sends pictures as they are or oddly: parameter sets in a buffer of their own, and start codes
-    // of three bytes between slices.
+    // Sends pictures; oddly: parameter sets in a buffer of their own, and start codes of three
+    // bytes between slices.
     static void send_all(IlClient &client, const std::vector<Picture> &pictures, bool oddly = false)
     {
         send_time_base(client);
@@ -57,19 +56,19 @@ class Streams : public RecorderTest {
             for (const Bytes &unit : pictures[i]) {
                 const bool is_slice = type_of(unit) == 1 || type_of(unit) == 5;
                 if (oddly && is_slice && !data.empty() && type_of({data[4]}) >= 7) {
-                    client.send(0, data, video_time_us(i));
+                    client.send(TDMBREC_PORT_VIDEO, data, video_time_us(i));
                     data.clear();
                 }
                 const ptrdiff_t left_out = oddly && is_slice && !data.empty() ? 1 : 0;
                 const Bytes joined = join_nal_units({unit});
                 data.insert(data.end(), joined.begin() + left_out, joined.end());
             }
-            client.send(0, data, video_time_us(i));
+            client.send(TDMBREC_PORT_VIDEO, data, video_time_us(i));
         }
         EXPECT_EQ(finish(client), 1u);
     }
 
-    static uint64_t sound_hash(const mp4_reader::track &track, size_t frames)
+    static uint64_t audio_hash(const mp4_reader::track &track, size_t frames)
     {
         const Bytes image = read_file(kBuiltInFile);
         uint64_t hash = kHashStart;
@@ -80,19 +79,19 @@ class Streams : public RecorderTest {
         return hash;
     }
 
-    // The decoded sound is most like the sample's one frame late, with its polarity turned.
-    static void expect_sound_of_sample()
+    // The decoded audio is most like the sample's when one frame late and with inverted polarity.
+    static void expect_audio_of_sample()
     {
         const Bytes decoded =
             run(std::string("ffmpeg -nostdin -v error -i ") + kBuiltInFile + " -f s16le -").second;
         const std::vector<int16_t> &pcm = sample_programme().pcm;
         ASSERT_GT(decoded.size(), pcm.size());
-        std::vector<int16_t> sound(decoded.size() / 2);
-        memcpy(sound.data(), decoded.data(), sound.size() * 2);
+        std::vector<int16_t> audio(decoded.size() / 2);
+        memcpy(audio.data(), decoded.data(), audio.size() * 2);
         const auto likeness = [&](size_t delay) {
             double xy = 0, xx = 0, yy = 0;
             for (size_t i = 200000; i < 240000; i++) { // left and right alternate
-                const double x = pcm[i], y = sound[i + 2 * delay];
+                const double x = pcm[i], y = audio[i + 2 * delay];
                 xy += x * y;
                 xx += x * x;
                 yy += y * y;
@@ -107,8 +106,8 @@ class Streams : public RecorderTest {
         EXPECT_LT(likeness(best), -0.99);
     }
 
-    // The recording's units are those of the stream but for parameter sets, and its key frames
-    // those with an IDR slice.
+    // The recorded units are those of the stream without parameter sets; the key frames are the
+    // pictures with an IDR slice.
     static mp4_reader::movie expect_pictures(const std::vector<Picture> &pictures)
     {
         const Bytes image = read_file(kBuiltInFile);
@@ -148,11 +147,11 @@ TEST_F(Streams, TheSampleIsRecordedBitForBitAndPlays)
     const Picture first = sample(1)[0];
     EXPECT_EQ(video.avc.sps, Picture{first[0]});
     EXPECT_EQ(video.avc.pps, Picture{first[1]});
-    const mp4_reader::track &sound = *mp4_reader::find_track(movie, "soun");
-    EXPECT_EQ(sound.esds.specific_info, (Bytes{0x11, 0x90}));
-    EXPECT_EQ(sound_hash(sound, 468), kProgrammeStreamHash) << "of the whole frames";
+    const mp4_reader::track &audio = *mp4_reader::find_track(movie, "soun");
+    EXPECT_EQ(audio.esds.specific_info, (Bytes{0x11, 0x90}));
+    EXPECT_EQ(audio_hash(audio, 468), kProgrammeStreamHash) << "of the complete frames";
     if (has_ffmpeg()) {
-        expect_sound_of_sample();
+        expect_audio_of_sample();
     }
     for (const LogLine &line : log()) {
         EXPECT_TRUE(line.priority < 6 || line.text.find("[channel:   2") != std::string::npos)
@@ -166,9 +165,9 @@ TEST_F(Streams, KeepEveryUnitOfOddAccessUnitsInOddBuffers)
         GTEST_SKIP() << "no ffmpeg to encode with";
     }
     std::vector<Picture> slices = encode("slices=4 -profile:v baseline");
-    std::vector<Picture> sets = encode("cqm=jvt -profile:v high"); // larger than the scan can hold
+    std::vector<Picture> sets = encode("cqm=jvt -profile:v high"); // larger than the scan buffer
     for (size_t i = 0; i < slices.size(); i += 20) {
-        slices[i + 1].push_back({6, 5, 2, 1, 2, 0x80});  // a supplemental unit behind the slices
+        slices[i + 1].push_back({6, 5, 2, 1, 2, 0x80});  // an SEI unit after the slices
         sets[i].insert(sets[i].begin() + 1, sets[0][1]); // unused
     }
     ASSERT_GT(join_nal_units({sets[0][0], sets[0][1], sets[0][2]}).size(), 45u);
@@ -177,7 +176,7 @@ TEST_F(Streams, KeepEveryUnitOfOddAccessUnitsInOddBuffers)
         expect_pictures(pictures);
     }
     const auto client = start_recording();
-    client->before_empty = [](OMX_BUFFERHEADERTYPE *header) { // no byte of room behind the data
+    client->before_empty = [](OMX_BUFFERHEADERTYPE *header) { // the data ends with the buffer
         header->nOffset = header->nAllocLen - header->nFilledLen;
         std::copy_backward(header->pBuffer, header->pBuffer + header->nFilledLen,
                            header->pBuffer + header->nAllocLen);
@@ -186,14 +185,14 @@ TEST_F(Streams, KeepEveryUnitOfOddAccessUnitsInOddBuffers)
     expect_pictures(slices);
 }
 
-TEST_F(Streams, NeedNoSound)
+TEST_F(Streams, NeedNoAudio)
 {
     send_all(*start_recording(), sample(60));
     const mp4_reader::movie movie = expect_pictures(sample(60));
     EXPECT_EQ(mp4_reader::find_track(movie, "soun")->samples.size(), 1u) << "silence";
 }
 
-TEST_F(Streams, GiveTheSameSoundWhateverThePcmBuffers)
+TEST_F(Streams, GiveTheSameAudioWhateverThePcmBuffers)
 {
     const Programme &programme = sample_programme();
     const uint8_t *const pcm = reinterpret_cast<const uint8_t *>(programme.pcm.data());
@@ -202,19 +201,20 @@ TEST_F(Streams, GiveTheSameSoundWhateverThePcmBuffers)
     for (const size_t bytes : {kPcmBufferBytes, size_t{64}, size_t{3000}, size_t{40960}, total}) {
         const auto client = start_recording();
         send_time_base(*client);
-        client->send(0, programme.access_units[0], video_time_us(0));
+        client->send(TDMBREC_PORT_VIDEO, programme.access_units[0], video_time_us(0));
         for (size_t at = 0; at < total; at += bytes) {
-            client->send(1, {pcm + at, std::min(bytes, total - at)},
+            client->send(TDMBREC_PORT_AUDIO, {pcm + at, std::min(bytes, total - at)},
                          video_time_us(0) + static_cast<int64_t>(at) * 1000000 / 192000);
         }
-        client->send(0, programme.access_units[1], video_time_us(130));
+        client->send(TDMBREC_PORT_VIDEO, programme.access_units[1], video_time_us(130));
         EXPECT_EQ(finish(*client), 1u);
         const mp4_reader::movie movie = expect_plays();
         const mp4_reader::track &track = *mp4_reader::find_track(movie, "soun");
         EXPECT_EQ(track.samples.size(), 200u) << bytes;
-        first_hash = first_hash == 0 ? sound_hash(track, 200) : first_hash;
-        EXPECT_EQ(sound_hash(track, 200), first_hash) << bytes;
-        // One entry for all: the mean distance, rounded; the last frame stands at its own time.
+        first_hash = first_hash == 0 ? audio_hash(track, 200) : first_hash;
+        EXPECT_EQ(audio_hash(track, 200), first_hash) << bytes;
+        // One table entry for all frames, the rounded mean distance; the last frame has its own
+        // time.
         EXPECT_NEAR(static_cast<double>(track.media_duration) / 48000, 199 * 1024 / 48000.0, 0.3)
             << bytes;
     }

@@ -1,5 +1,5 @@
-// The framework under the component that is built on it, in the hands of a client that looks at
-// every event and at every buffer that comes back.
+// The base framework with the recorder on top of it, and a client that checks every event and every
+// returned buffer.
 #ifndef TESTS_PLATFORM_FRAMEWORK_TEST_H
 #define TESTS_PLATFORM_FRAMEWORK_TEST_H
 
@@ -16,8 +16,8 @@
 constexpr OMX_U32 kPortCount = TDMBREC_PORT_COUNT;
 constexpr OMX_U32 kBufferBytes = 64;
 
-using event_t = std::array<OMX_U32, 3>; // OMX_EVENTTYPE and its two data
-using buffer_list_t = std::vector<OMX_BUFFERHEADERTYPE *>;
+using Event = std::array<OMX_U32, 3>; // OMX_EVENTTYPE and its two data
+using BufferList = std::vector<OMX_BUFFERHEADERTYPE *>;
 
 class FrameworkTest : public PlatformTest {
   protected:
@@ -53,7 +53,7 @@ class FrameworkTest : public PlatformTest {
         ASSERT_TRUE(condition());
     }
 
-    event_t next_event()
+    Event next_event()
     {
         wait_until([&] { return client.events().size() > events_seen; });
         const IlEvent event = client.events().at(events_seen++);
@@ -62,16 +62,16 @@ class FrameworkTest : public PlatformTest {
 
     void expect_error(OMX_ERRORTYPE error, OMX_U32 data2 = 0)
     {
-        EXPECT_EQ(next_event(), (event_t{OMX_EventError, error, data2}));
+        EXPECT_EQ(next_event(), (Event{OMX_EventError, error, data2}));
     }
 
     void expect_complete(OMX_COMMANDTYPE command, OMX_U32 param)
     {
-        EXPECT_EQ(next_event(), (event_t{OMX_EventCmdComplete, command, param}));
+        EXPECT_EQ(next_event(), (Event{OMX_EventCmdComplete, command, param}));
     }
 
-    // Waits until the client has this many buffers back, and takes the list.
-    buffer_list_t wait_returned(size_t count)
+    // Waits until this many buffers have been returned, and takes the list.
+    BufferList wait_returned(size_t count)
     {
         wait_until([&] {
             const std::lock_guard guard(lock);
@@ -106,7 +106,7 @@ class FrameworkTest : public PlatformTest {
         }
     }
 
-    // A change of state with the buffers that it waits for.
+    // Changes the state and allocates or frees the buffers for it.
     void change_state(OMX_STATETYPE target)
     {
         ASSERT_EQ(send(OMX_CommandStateSet, target), OMX_ErrorNone);
@@ -124,7 +124,7 @@ class FrameworkTest : public PlatformTest {
         }
     }
 
-    // From Loaded to any state, by the shortest way.
+    // Goes from Loaded to any state on the shortest path.
     void bring_to(OMX_STATETYPE target)
     {
         if (target == OMX_StateExecuting || target == OMX_StatePause) {
@@ -154,8 +154,8 @@ class FrameworkTest : public PlatformTest {
         static_cast<omx_base_sink_PrivateType *>(handle.pComponentPrivate);
     size_t events_seen = 0;
     std::mutex lock;
-    buffer_list_t returned; // under lock
-    buffer_list_t buffers[kPortCount];
+    BufferList returned; // under lock
+    BufferList buffers[kPortCount];
 };
 
 #endif // TESTS_PLATFORM_FRAMEWORK_TEST_H

@@ -4,9 +4,9 @@
 
 namespace {
 
-using command_t = std::pair<OMX_U32, OMX_U32>; // OMX_COMMANDTYPE and its parameter
+using Command = std::pair<OMX_U32, OMX_U32>; // OMX_COMMANDTYPE and its parameter
 
-constexpr command_t kCommands[] = {
+constexpr Command kCommands[] = {
     {OMX_CommandPortDisable, 0},
     {OMX_CommandPortDisable, OMX_ALL},
     {OMX_CommandPortEnable, 0},
@@ -18,11 +18,11 @@ constexpr command_t kCommands[] = {
     {OMX_CommandStateSet, OMX_StateInvalid},
 };
 
-// One component, whose client sends some commands in a row and counts the answers.
-class session : public FrameworkTest {
+// One component, whose client sends commands in a row and counts the answers.
+class Session : public FrameworkTest {
   public:
-    // Port 0 has its buffers or is disabled without any.
-    void run(OMX_STATETYPE from, bool is_disabled, std::initializer_list<command_t> commands)
+    // in: is_disabled: port 0 is disabled and has no buffers.
+    void run(OMX_STATETYPE from, bool is_disabled, std::initializer_list<Command> commands)
     {
         bring_to(from);
         if (is_disabled) {
@@ -30,10 +30,10 @@ class session : public FrameworkTest {
             free_buffers(0);
             expect_complete(OMX_CommandPortDisable, 0);
         }
-        for (const command_t &command : commands) {
+        for (const Command &command : commands) {
             send_counted(command);
         }
-        // What still waits, waits for buffers.
+        // A command without an answer waits for buffers to come or go.
         wait_until([&] { return count_answers() >= wanted || change_buffers(); });
         send_counted({OMX_CommandFlush, 1}); // answered after everything else
         wait_until([&] { return count_answers() >= wanted; });
@@ -50,7 +50,7 @@ class session : public FrameworkTest {
     }
 
     // A command for all ports has an answer for each.
-    void send_counted(const command_t &command)
+    void send_counted(const Command &command)
     {
         if (send(static_cast<OMX_COMMANDTYPE>(command.first), command.second) != OMX_ErrorNone) {
             EXPECT_TRUE(is_invalid);
@@ -61,7 +61,7 @@ class session : public FrameworkTest {
             completes_left[{command.first, is_for_all ? port : command.second}]++;
             wanted++;
         }
-        is_invalid = is_invalid || command == command_t{OMX_CommandStateSet, OMX_StateInvalid};
+        is_invalid = is_invalid || command == Command{OMX_CommandStateSet, OMX_StateInvalid};
     }
 
     size_t count_answers()
@@ -71,7 +71,7 @@ class session : public FrameworkTest {
             if (event.event == OMX_EventCmdComplete) {
                 completes_left[{event.data1, event.data2}]--;
             }
-            // Not an answer: that the buffers went from under a working port.
+            // That a port lost its buffers is not an answer.
             answers += event.data1 != OMX_ErrorPortUnpopulated ? 1 : 0;
         }
         return answers;
@@ -91,23 +91,23 @@ class session : public FrameworkTest {
         return false;
     }
 
-    bool is_invalid = false; // or on the way
+    bool is_invalid = false; // or will be
     size_t wanted = 0;
     size_t answers = 0;
-    std::map<command_t, int> completes_left;
+    std::map<Command, int> completes_left;
 };
 
 class Answers : public PlatformTest,
                 public testing::WithParamInterface<std::tuple<OMX_STATETYPE, bool>> {};
 
-// Every three commands, whatever overtakes what.
+// Every sequence of three commands.
 TEST_P(Answers, EachCommandGetsOne)
 {
     const auto &[from, is_disabled] = GetParam();
-    for (const command_t &first : kCommands) {
-        for (const command_t &second : kCommands) {
-            for (const command_t &third : kCommands) {
-                session().run(from, is_disabled, {first, second, third});
+    for (const Command &first : kCommands) {
+        for (const Command &second : kCommands) {
+            for (const Command &third : kCommands) {
+                Session().run(from, is_disabled, {first, second, third});
                 ASSERT_FALSE(HasFailure())
                     << testing::PrintToString(std::array{first, second, third});
             }

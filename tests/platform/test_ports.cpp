@@ -35,7 +35,7 @@ TEST_F(Ports, ABufferThatIsFreedUnderAWorkingPortIsAnError)
     OMX_BUFFERHEADERTYPE *const kept = buffers[1].front();
     buffers[1].erase(buffers[1].begin());
     free_buffers(1);
-    expect_error(OMX_ErrorPortUnpopulated, 1); // told once
+    expect_error(OMX_ErrorPortUnpopulated, 1); // reported once
     EXPECT_EQ(empty(kept), OMX_ErrorIncorrectStateOperation);
     ASSERT_EQ(send(OMX_CommandPortEnable, 1), OMX_ErrorNone);
     populate(1);
@@ -47,20 +47,20 @@ TEST_F(Ports, EmptyThisBufferChecksTheHeader)
     bring_to(OMX_StatePause);
     OMX_BUFFERHEADERTYPE *header = buffers[0][0];
     OMX_BUFFERHEADERTYPE good = *header;
-    using header_t = OMX_BUFFERHEADERTYPE;
-    const std::pair<void (*)(header_t *), OMX_ERRORTYPE> changes[] = {
-        {[](header_t *h) { h->nSize--; }, OMX_ErrorBadParameter},
-        {[](header_t *h) { h->nVersion.s.nVersionMinor = 0; }, OMX_ErrorVersionMismatch},
-        {[](header_t *h) { h->nInputPortIndex = 1; }, OMX_ErrorBadPortIndex},
-        {[](header_t *h) { h->nOffset = kBufferBytes + 1; }, OMX_ErrorBadParameter},
-        {[](header_t *h) { h->nOffset = 1, h->nFilledLen = UINT32_MAX; }, OMX_ErrorBadParameter},
+    using Header = OMX_BUFFERHEADERTYPE;
+    const std::pair<void (*)(Header *), OMX_ERRORTYPE> changes[] = {
+        {[](Header *h) { h->nSize--; }, OMX_ErrorBadParameter},
+        {[](Header *h) { h->nVersion.s.nVersionMinor = 0; }, OMX_ErrorVersionMismatch},
+        {[](Header *h) { h->nInputPortIndex = 1; }, OMX_ErrorBadPortIndex},
+        {[](Header *h) { h->nOffset = kBufferBytes + 1; }, OMX_ErrorBadParameter},
+        {[](Header *h) { h->nOffset = 1, h->nFilledLen = UINT32_MAX; }, OMX_ErrorBadParameter},
     };
     for (const auto &[change, error] : changes) {
         change(header);
         EXPECT_EQ(OMX_EmptyThisBuffer(component, header), error);
-        *header = good; // refused, so nobody else looks at it
+        *header = good; // refused, so no other thread reads it
     }
-    EXPECT_EQ(OMX_EmptyThisBuffer(component, &good), OMX_ErrorBadParameter); // a stranger
+    EXPECT_EQ(OMX_EmptyThisBuffer(component, &good), OMX_ErrorBadParameter); // not its buffer
     host_fail_call(kHostCallQueue, 0, 1);
     EXPECT_EQ(empty(header), OMX_ErrorInsufficientResources);
     EXPECT_EQ(empty(header), OMX_ErrorNone);
@@ -79,16 +79,16 @@ TEST_F(Ports, NoPortHasATunnel)
     EXPECT_EQ(request(kPortCount, nullptr), OMX_ErrorBadPortIndex);
 }
 
-// A command that gives buffers back, the state it comes in, the ports it concerns, and what
-// EmptyThisBuffer then says.
-struct way_back_t {
+// A command that returns buffers, the state before it, its ports, and the later result of
+// EmptyThisBuffer.
+struct WayBackCase {
     OMX_STATETYPE state;
     OMX_COMMANDTYPE command;
     OMX_U32 param;
     std::vector<OMX_U32> ports;
     OMX_ERRORTYPE empty_result;
 };
-const way_back_t ways_back[] = {
+const WayBackCase ways_back[] = {
     {OMX_StatePause, OMX_CommandFlush, 0, {0}, OMX_ErrorNone},
     {OMX_StateIdle, OMX_CommandFlush, OMX_ALL, {0, 1}, OMX_ErrorNone},
     {OMX_StatePause, OMX_CommandPortDisable, 1, {1}, OMX_ErrorIncorrectStateOperation},
@@ -98,13 +98,13 @@ const way_back_t ways_back[] = {
 };
 
 class WayBack : public FrameworkTest,
-                public testing::WithParamInterface<std::tuple<way_back_t, bool>> {};
+                public testing::WithParamInterface<std::tuple<WayBackCase, bool>> {};
 
-// One buffer in hand and two queued on each port, or left so by a buffer thread that has ended.
-TEST_P(WayBack, GivesBackWhatThePortHasUnchanged)
+// Each port has one buffer in hand and two in the queue; the buffer thread runs or has ended.
+TEST_P(WayBack, ReturnsTheBuffersOfThePortUnchanged)
 {
     const auto &[way, thread_ends] = GetParam();
-    buffer_list_t expected;
+    BufferList expected;
     bring_to(way.state);
     for (OMX_U32 port = 0; port < kPortCount; port++) {
         host_fail_call(kHostCallDequeue, 0, port == 1 && thread_ends ? 1 : 0);
@@ -121,7 +121,7 @@ TEST_P(WayBack, GivesBackWhatThePortHasUnchanged)
         expected.insert(expected.end(), buffers[port].begin(), buffers[port].begin() + 3);
     }
     ASSERT_EQ(send(way.command, way.param), OMX_ErrorNone);
-    const buffer_list_t back = wait_returned(expected.size());
+    const BufferList back = wait_returned(expected.size());
     EXPECT_THAT(back, testing::UnorderedElementsAreArray(expected));
     for (const OMX_BUFFERHEADERTYPE *buffer : back) {
         EXPECT_EQ(buffer->nFilledLen, kBufferBytes);
@@ -150,19 +150,19 @@ INSTANTIATE_TEST_SUITE_P(EachWay, WayBack,
 std::mutex gate;
 std::atomic<bool> is_inside;
 
-void wait_at_the_gate()
+void wait_at_gate()
 {
     is_inside = true;
     const std::lock_guard guard(gate);
 }
 
-// First the buffer thread consumes a buffer while the flush waits for it, then it comes to its end.
+// The flush waits while the buffer thread consumes a buffer, and in the second round while it ends.
 TEST_F(Ports, AFlushWaitsForTheBufferThread)
 {
     sink->pfnBufferMgmtCallback = [](OMX_COMPONENTTYPE *, OMX_BUFFERHEADERTYPE *) {
-        wait_at_the_gate();
+        wait_at_gate();
     };
-    on_log = [](const LogLine &) { wait_at_the_gate(); }; // of the null buffer
+    on_log = [](const LogLine &) { wait_at_gate(); }; // for the null buffer
     for (uint32_t ends : {0u, 1u}) {
         bring_to(OMX_StateExecuting);
         host_fail_call(kHostCallDequeue, 0, ends);
@@ -178,9 +178,9 @@ TEST_F(Ports, AFlushWaitsForTheBufferThread)
         }
         expect_complete(OMX_CommandFlush, 0);
         expect_complete(OMX_CommandFlush, 1);
-        EXPECT_EQ(wait_returned(2), (buffer_list_t{buffers[0][0], buffers[1][0]}));
+        EXPECT_EQ(wait_returned(2), (BufferList{buffers[0][0], buffers[1][0]}));
         change_state(OMX_StateIdle);
-        change_state(OMX_StateLoaded); // the next round finds no counts of this thread
+        change_state(OMX_StateLoaded); // no count is left for the next round
     }
 }
 
@@ -191,7 +191,7 @@ TEST_F(Ports, EachMarkGoesToTheNextBufferWithoutOne)
     for (size_t index : {1u, 2u}) {
         OMX_MARKTYPE mark = {data, &data[index]};
         ASSERT_EQ(send(OMX_CommandMarkBuffer, 1, &mark), OMX_ErrorNone);
-        mark = {}; // the command took a copy
+        mark = {}; // the command has a copy
         expect_complete(OMX_CommandMarkBuffer, 1);
     }
     buffers[1][0]->hMarkTargetComponent = buffers[1][0]->pMarkData = &data[0]; // the client's own

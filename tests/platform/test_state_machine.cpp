@@ -1,3 +1,4 @@
+#include "platform/host/omx_base_internal.h"
 #include "tests/platform/framework_test.h"
 
 #include <atomic>
@@ -8,8 +9,7 @@ namespace {
 
 using StateMachine = FrameworkTest;
 
-// The states that may follow each one, in the order Invalid, Loaded, Idle, Executing, Pause,
-// WaitForResources.
+// By state: the states that may follow it.
 constexpr std::string_view kStates = "-LIEPW";
 constexpr std::string_view kNextStates[] = {"", "IW", "LEP", "IP", "IE", "LI"};
 
@@ -30,7 +30,7 @@ TEST_P(Transitions, GivesTheStandardsResult)
         expect_error(from == target ? OMX_ErrorSameState : OMX_ErrorIncorrectStateTransition);
     }
     EXPECT_EQ(omx_base_get_state(sink), is_allowed || target == OMX_StateInvalid ? target : from);
-    for (const auto &port_buffers : buffers) { // what the fixture's destruction meets
+    for (const auto &port_buffers : buffers) { // for the fixture's destructor to release
         for (OMX_BUFFERHEADERTYPE *buffer : port_buffers) {
             (void)empty(buffer);
         }
@@ -39,7 +39,7 @@ TEST_P(Transitions, GivesTheStandardsResult)
 
 INSTANTIATE_TEST_SUITE_P(EachState, Transitions, testing::Range(0u, 36u));
 
-TEST_F(StateMachine, TheWayToIdleCanWaitBeGivenUpAndFail)
+TEST_F(StateMachine, TheTransitionToIdleCanWaitBeGivenUpAndFail)
 {
     ASSERT_EQ(send(OMX_CommandPortDisable, 1), OMX_ErrorNone);
     expect_complete(OMX_CommandPortDisable, 1);
@@ -52,7 +52,7 @@ TEST_F(StateMachine, TheWayToIdleCanWaitBeGivenUpAndFail)
     expect_error(OMX_ErrorIncorrectStateTransition);
     EXPECT_EQ(allocate(1), OMX_ErrorIncorrectStateOperation);
     ASSERT_EQ(send(OMX_CommandStateSet, OMX_StateLoaded), OMX_ErrorNone);
-    expect_error(OMX_ErrorIncorrectStateTransition); // of the way to Idle
+    expect_error(OMX_ErrorIncorrectStateTransition); // of the transition to Idle
     free_buffers(0);
     expect_complete(OMX_CommandStateSet, OMX_StateLoaded);
     host_fail_call(kHostCallStartThread, 0, 1);
@@ -80,9 +80,10 @@ TEST_F(StateMachine, CommandsAreCheckedBeforeTheyAreQueued)
         ASSERT_EQ(send(command, 0, &mark), OMX_ErrorNone);
         expect_error(OMX_ErrorIncorrectStateOperation);
     }
-    EXPECT_EQ(component->ComponentDeInit(component), OMX_ErrorNone); // and a second time at the end
+    EXPECT_EQ(component->ComponentDeInit(component), OMX_ErrorNone); // again in TearDown
     EXPECT_EQ(OMX_GetState(component, &state), OMX_ErrorInvalidComponent);
-    EXPECT_EQ(OMX_SetParameter(component, OMX_INDEXTYPE(TDMBREC_INDEX_STOP), &state), OMX_ErrorInvalidComponent);
+    EXPECT_EQ(OMX_SetParameter(component, OMX_INDEXTYPE(TDMBREC_INDEX_STOP), &state),
+              OMX_ErrorInvalidComponent);
     EXPECT_EQ(send(OMX_CommandFlush, OMX_ALL), OMX_ErrorInvalidComponent);
 }
 
@@ -97,7 +98,7 @@ TEST_F(StateMachine, ACommandThatAnotherOneEndsIsAnswered)
     expect_complete(OMX_CommandPortEnable, 1);
     ASSERT_EQ(send(OMX_CommandPortDisable, 1), OMX_ErrorNone);
     ASSERT_EQ(OMX_FreeBuffer(component, 1, buffers[1].back()), OMX_ErrorNone);
-    client.on_event = [&](const IlEvent &event) { // the second command then waits for its turn
+    client.on_event = [&](const IlEvent &event) { // so that the enable command is queued
         if (event.data1 == OMX_CommandFlush) {
             EXPECT_EQ(send(OMX_CommandPortEnable, 1), OMX_ErrorNone);
             EXPECT_EQ(allocate(1), OMX_ErrorNone);
@@ -118,7 +119,7 @@ TEST_F(StateMachine, ACommandThatAnotherOneEndsIsAnswered)
 TEST_F(StateMachine, AFullCommandQueueRefusesTheNextCommand)
 {
     uint32_t accepted = 0;
-    client.on_event = [&](const IlEvent &) { // of the command that is being carried out
+    client.on_event = [&](const IlEvent &) { // while the first command is carried out
         if (accepted == 0) {
             while (send(OMX_CommandPortEnable, 0) == OMX_ErrorNone) {
                 accepted++;
@@ -126,13 +127,13 @@ TEST_F(StateMachine, AFullCommandQueueRefusesTheNextCommand)
         }
     };
     ASSERT_EQ(send(OMX_CommandPortEnable, 0), OMX_ErrorNone);
-    for (uint32_t count = 0; count < 64; count++) {
+    for (uint32_t count = 0; count < kMessageCapacity; count++) {
         expect_complete(OMX_CommandPortEnable, 0);
     }
-    EXPECT_EQ(accepted, 63u);
+    EXPECT_EQ(accepted, kMessageCapacity - 1);
 }
 
-// How often the threads of the process have gone to sleep.
+// returns: how often threads of the process have gone to sleep.
 long count_sleeps()
 {
     struct rusage usage = {};
@@ -145,19 +146,19 @@ TEST_F(StateMachine, AComponentAtRestDoesNotWakeUp)
     change_state(OMX_StateIdle);
     for (OMX_STATETYPE target : {OMX_StateExecuting, OMX_StatePause}) {
         change_state(target);
-        EXPECT_EQ(empty(buffers[0][0]), OMX_ErrorNone); // goes back, or stays in hand
+        EXPECT_EQ(empty(buffers[0][0]), OMX_ErrorNone); // returned or kept, depending on the state
         long sleeps = 5;
-        for (int i = 0; sleeps >= 5 && i < 100; i++) { // until it has come to rest
+        for (int i = 0; sleeps >= 5 && i < 100; i++) { // until it is at rest
             const long before = count_sleeps();
             std::this_thread::sleep_for(std::chrono::milliseconds(100));
             sleeps = count_sleeps() - before;
         }
-        EXPECT_LT(sleeps, 5); // of this thread and a sanitizer
+        EXPECT_LT(sleeps, 5); // of this thread and a sanitizer's
     }
 }
 
-// The client empties buffers as fast as they come back and flushes from a second thread, while the
-// component goes up and down: nothing may be lost, returned twice, or hang.
+// The client empties each returned buffer again and flushes from a second thread, while the state
+// goes up and down: no buffer may be lost or returned twice, and nothing may hang.
 TEST_F(StateMachine, StartFlushAndStopDoNotDisturbEachOther)
 {
     std::atomic<bool> stop = false;
@@ -176,7 +177,7 @@ TEST_F(StateMachine, StartFlushAndStopDoNotDisturbEachOther)
         }
     });
     const auto go_to = [&](OMX_STATETYPE target, auto while_going) {
-        const event_t wanted = {OMX_EventCmdComplete, OMX_CommandStateSet, target};
+        const Event wanted = {OMX_EventCmdComplete, OMX_CommandStateSet, target};
         // The flushes may have filled the command queue.
         wait_until([&] { return send(OMX_CommandStateSet, target) == OMX_ErrorNone; });
         for (OMX_U32 port = 0; port < kPortCount; port++) {

@@ -2,7 +2,7 @@
 //
 //   forbid CALL PROGRAM [ARGUMENT ...]
 //
-// CALL: unshare, mount, or bind: of the mounts, those that show a folder in a second place.
+// CALL: unshare, mount, or bind (bind mounts only).
 #include <cerrno>
 #include <cstddef>
 #include <cstdio>
@@ -14,14 +14,14 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-// The low half of the fourth argument: a mount's flags.
+// The low half of the fourth argument of mount: its flags.
 static constexpr unsigned kFlags = offsetof(seccomp_data, args) + 3 * sizeof(__u64);
 
 int main(int argc, char **argv)
 {
     const std::string call = argc > 2 ? argv[1] : "";
     const unsigned number = call == "unshare" ? SYS_unshare : SYS_mount;
-    const __u8 to_refusal = call == "bind" ? 0 : 2; // steps: not past the look at the flags
+    const __u8 to_refusal = call == "bind" ? 0 : 2; // instructions to skip: bind checks the flags
     sock_filter filter[] = {
         BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
         BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, number, to_refusal, 3),

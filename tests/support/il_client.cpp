@@ -84,7 +84,7 @@ void IlClient::to_executing(uint32_t buffer_bytes)
 {
     change_state(OMX_StateIdle, [&] {
         size_t buffers = 0;
-        for (OMX_U32 port = 0; port < 2; port++) {
+        for (OMX_U32 port = 0; port < TDMBREC_PORT_COUNT; port++) {
             OMX_PARAM_PORTDEFINITIONTYPE definition = {};
             definition.nSize = sizeof(definition);
             definition.nVersion.nVersion = OMX_VERSION_1_1_2;
@@ -100,7 +100,7 @@ void IlClient::to_executing(uint32_t buffer_bytes)
             }
         }
         const std::lock_guard lock(mutex_);
-        out_.reserve(buffers); // emptying a buffer then allocates nothing
+        out_.reserve(buffers); // so that sending allocates nothing
     });
     set_state(OMX_StateExecuting);
 }
@@ -113,7 +113,7 @@ void IlClient::to_loaded()
         set_state(OMX_StateIdle);
     }
     change_state(OMX_StateLoaded, [&] {
-        for (OMX_U32 port = 0; port < 2; port++) {
+        for (OMX_U32 port = 0; port < TDMBREC_PORT_COUNT; port++) {
             for (OMX_BUFFERHEADERTYPE *const header : buffers_[port]) {
                 EXPECT_EQ(OMX_FreeBuffer(handle_, port, header), OMX_ErrorNone);
             }
@@ -135,11 +135,11 @@ OMX_BUFFERHEADERTYPE *IlClient::take_free_buffer(OMX_U32 port)
         }
         return false;
     })) << "no buffer of port "
-        << port << " comes back";
+        << port << " is returned";
     return header;
 }
 
-OMX_BUFFERHEADERTYPE *IlClient::post(OMX_U32 port, std::span<const uint8_t> data, int64_t ts_us,
+OMX_BUFFERHEADERTYPE *IlClient::post(OMX_U32 port, std::span<const uint8_t> data, int64_t time_us,
                                      OMX_U32 flags)
 {
     OMX_BUFFERHEADERTYPE *const header = take_free_buffer(port);
@@ -151,7 +151,7 @@ OMX_BUFFERHEADERTYPE *IlClient::post(OMX_U32 port, std::span<const uint8_t> data
     }
     header->nOffset = 0;
     header->nFilledLen = static_cast<OMX_U32>(data.size());
-    header->nTimeStamp = ts_us;
+    header->nTimeStamp = time_us;
     header->nFlags = flags;
     if (before_empty) {
         before_empty(header);
@@ -166,11 +166,11 @@ bool IlClient::wait_until_back(const OMX_BUFFERHEADERTYPE *header, int timeout_m
                 timeout_ms);
 }
 
-void IlClient::send(OMX_U32 port, std::span<const uint8_t> data, int64_t ts_us, OMX_U32 flags)
+void IlClient::send(OMX_U32 port, std::span<const uint8_t> data, int64_t time_us, OMX_U32 flags)
 {
-    const OMX_BUFFERHEADERTYPE *const header = post(port, data, ts_us, flags);
+    const OMX_BUFFERHEADERTYPE *const header = post(port, data, time_us, flags);
     ASSERT_NE(header, nullptr);
-    ASSERT_TRUE(wait_until_back(header)) << "port " << port << " at " << ts_us << " us";
+    ASSERT_TRUE(wait_until_back(header)) << "port " << port << " at " << time_us << " us";
 }
 
 OMX_ERRORTYPE IlClient::set_path(const std::string &path)

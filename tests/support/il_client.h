@@ -1,5 +1,5 @@
 // A client of the recorder for tests: drives a component through its OpenMAX IL handle and keeps
-// what it reports.
+// its events.
 #ifndef TESTS_SUPPORT_IL_CLIENT_H
 #define TESTS_SUPPORT_IL_CLIENT_H
 
@@ -17,7 +17,7 @@
 
 constexpr OMX_EVENTTYPE kEventEndOfRecording{TDMBREC_EVENT_END_OF_RECORDING};
 
-// Long enough for the busiest machine; only what hangs takes it.
+// Long enough for the busiest machine; only a component that hangs takes longer.
 constexpr int kHangMs = 300000;
 
 struct IlEvent {
@@ -30,7 +30,7 @@ struct IlEvent {
 
 class IlClient {
   public:
-    // Takes a handle made by `make`, which gets the callbacks to install.
+    // in: make installs the callbacks and returns the handle; release frees it.
     using Make = std::function<OMX_COMPONENTTYPE *(OMX_CALLBACKTYPE *callbacks, void *app_data)>;
     using Release = std::function<void(OMX_COMPONENTTYPE *)>;
     IlClient(const Make &make, Release release);
@@ -43,16 +43,17 @@ class IlClient {
         return handle_;
     }
 
-    // State changes and the buffers that go with them; each waits for the component's answer.
+    // Change the state and allocate or free its buffers; each waits for the component's answer.
     void to_executing(uint32_t buffer_bytes = TDMBREC_PORT_BUFFER_BYTES);
     void set_state(OMX_STATETYPE state);
     void to_loaded();
     void destroy();
 
-    // Empties one buffer into a port and waits until it comes back.
-    void send(OMX_U32 port, std::span<const uint8_t> data, int64_t ts_us, OMX_U32 flags = 0);
-    // Empties one buffer and does not wait. returns its header.
-    OMX_BUFFERHEADERTYPE *post(OMX_U32 port, std::span<const uint8_t> data, int64_t ts_us,
+    // Sends one buffer to a port and waits until it is returned.
+    void send(OMX_U32 port, std::span<const uint8_t> data, int64_t time_us, OMX_U32 flags = 0);
+    // Sends one buffer and does not wait.
+    // returns: its header.
+    OMX_BUFFERHEADERTYPE *post(OMX_U32 port, std::span<const uint8_t> data, int64_t time_us,
                                OMX_U32 flags = 0);
     bool wait_until_back(const OMX_BUFFERHEADERTYPE *header, int timeout_ms = kHangMs);
 
@@ -61,17 +62,18 @@ class IlClient {
     OMX_ERRORTYPE stop();
     // Goes to Executing, sets the path and starts.
     void start_recording(const std::string &path);
-    // Waits for the next end of recording. returns its reason.
+    // Waits for the next end of a recording.
+    // returns: its reason, or nothing after the timeout.
     std::optional<uint32_t> wait_for_end(int timeout_ms = kHangMs);
-    // Events received so far: all, those of one kind.
+    // returns: the events so far, all or those of one kind.
     std::vector<IlEvent> events();
     std::vector<IlEvent> events(OMX_EVENTTYPE kind);
     size_t count(OMX_EVENTTYPE kind);
 
-    // Called from the component's threads.
+    // thread: the component's.
     std::function<void(const IlEvent &)> on_event;
     std::function<void(OMX_BUFFERHEADERTYPE *)> on_buffer_back;
-    // Changes a header just before it is emptied into the component.
+    // Changes a header just before it is sent.
     std::function<void(OMX_BUFFERHEADERTYPE *)> before_empty;
 
   private:

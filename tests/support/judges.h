@@ -7,13 +7,14 @@
 #include <string>
 #include <utility>
 
-// Runs a shell command. returns its exit status and what it wrote to standard output, byte by byte.
+// Runs a shell command.
+// returns: its exit status and the bytes of its standard output.
 std::pair<int, Bytes> run(const std::string &command);
 
 bool has_ffmpeg();
 
-// What ffprobe and a strict decode of every stream, with both AAC decoders, say of a file; empty
-// when they say nothing.
+// Runs ffprobe and strict decodes of every stream, with both AAC decoders.
+// returns: their messages; empty for a valid file.
 std::string complaints_of_ffmpeg(const std::string &path);
 
 #endif // TESTS_SUPPORT_JUDGES_H

@@ -1,5 +1,5 @@
-// What a test program needs beside itself, found from where it is: no program holds a path of the
-// machine that built it.
+// Paths of a test program's files, relative to the program: no path of the build machine is
+// compiled in.
 #ifndef TESTS_SUPPORT_OWN_FILES_H
 #define TESTS_SUPPORT_OWN_FILES_H
 
@@ -7,7 +7,7 @@
 #include <string>
 #include <sys/auxv.h>
 
-// The program is in bin/. Taken before main(), while the working folder is the shell's.
+// The program is in bin/. Initialised before main(), while the working directory is the shell's.
 inline const std::filesystem::path kBuildFolder =
     std::filesystem::absolute(reinterpret_cast<const char *>(getauxval(AT_EXECFN)))
         .lexically_normal()

@@ -1,5 +1,5 @@
-// What tests over the platform's stand-in have in common: the log in hand, and every leak of the
-// platform layer found at the end.
+// The fixture of tests over the platform's stand-in: keeps the log, and fails on every allocation
+// and storage handle that is left at the end.
 #ifndef TESTS_SUPPORT_PLATFORM_TEST_H
 #define TESTS_SUPPORT_PLATFORM_TEST_H
 
@@ -22,7 +22,8 @@ class PlatformTest : public testing::Test {
 
     std::vector<LogLine> log();
     bool has_logged(const std::string &text);
-    // Called with every log line, on the thread that logs.
+    // Called with every log line.
+    // thread: any that logs.
     std::function<void(const LogLine &)> on_log;
 
   private:

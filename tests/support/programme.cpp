@@ -6,6 +6,9 @@
 #include <fstream>
 #include <stdexcept>
 
+static constexpr int64_t kStartUs = 1000000;  // of the first picture and the first PCM buffer
+static constexpr size_t kWavHeaderBytes = 44; // of the sample
+
 Bytes read_file(const std::string &path)
 {
     std::ifstream file(path, std::ios::binary | std::ios::ate);
@@ -54,8 +57,7 @@ Bytes join_nal_units(const std::vector<Bytes> &units)
     return data;
 }
 
-// Every slice of the sample is a picture of its own; parameter sets belong to the slice behind
-// them.
+// Every slice of the sample is one picture; parameter sets belong to the slice after them.
 static std::vector<Bytes> split_access_units(const Bytes &stream)
 {
     std::vector<Bytes> access_units;
@@ -76,8 +78,8 @@ const Programme &sample_programme()
     static const Programme programme = [] {
         const Bytes wav = read_file(source_file("samples/programme.wav"));
         Programme result{split_access_units(read_file(source_file("samples/programme.h264"))), {}};
-        result.pcm.resize((wav.size() - 44) / 2);
-        memcpy(result.pcm.data(), wav.data() + 44, result.pcm.size() * 2);
+        result.pcm.resize((wav.size() - kWavHeaderBytes) / sizeof(int16_t));
+        memcpy(result.pcm.data(), wav.data() + kWavHeaderBytes, wav.size() - kWavHeaderBytes);
         return result;
     }();
     return programme;
@@ -85,23 +87,24 @@ const Programme &sample_programme()
 
 int64_t video_time_us(size_t index)
 {
-    return 1000000 + static_cast<int64_t>(index) * 1000000 / 30;
+    return kStartUs + static_cast<int64_t>(index) * 1000000 / kPicturesPerSecond;
 }
 
 int64_t audio_time_us(size_t index)
 {
-    return 1000000 + static_cast<int64_t>(index) * 1024 * 1000000 / 48000;
+    return kStartUs +
+           static_cast<int64_t>(index) * kPcmBufferSamples * 1000000 / kPcmSamplesPerSecond;
 }
 
 size_t pcm_buffer_count(const Programme &programme)
 {
-    return (programme.pcm.size() * 2 + kPcmBufferBytes - 1) / kPcmBufferBytes;
+    return (programme.pcm.size() * sizeof(int16_t) + kPcmBufferBytes - 1) / kPcmBufferBytes;
 }
 
 Bytes pcm_buffer(const Programme &programme, size_t index)
 {
     Bytes data(kPcmBufferBytes);
-    const size_t total = programme.pcm.size() * 2;
+    const size_t total = programme.pcm.size() * sizeof(int16_t);
     const size_t begin = index * kPcmBufferBytes;
     if (begin < total) {
         memcpy(data.data(), reinterpret_cast<const uint8_t *>(programme.pcm.data()) + begin,

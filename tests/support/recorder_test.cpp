@@ -1,6 +1,7 @@
 #include "tests/support/recorder_test.h"
 
 #include "platform/host/host_control.h"
+#include "platform/storage_info.h"
 #include "tests/support/judges.h"
 #include "tests/support/own_files.h"
 
@@ -57,7 +58,7 @@ uint32_t RecorderTest::finish(IlClient &client)
 void RecorderTest::use_card()
 {
     host_set_property("qvr.sdcard.db.status", "available");
-    host_set_storage(1, 8000000, 4000000);
+    host_set_storage(DF_REMOVABLE, 8000000, 4000000);
 }
 
 mp4_reader::movie RecorderTest::expect_plays(const std::string &path)
@@ -82,7 +83,7 @@ std::vector<Bytes> RecorderTest::nal_units_of(const Bytes &image, const mp4_read
         }
         at += 4;
         if (length > end - at) {
-            ADD_FAILURE() << "a NAL unit leaves its sample";
+            ADD_FAILURE() << "a NAL unit is longer than its sample";
             return units;
         }
         units.emplace_back(image.begin() + static_cast<ptrdiff_t>(at),

@@ -1,4 +1,4 @@
-// The recorder as a client gets it: loaded by name through the OpenMAX IL core.
+// The fixture of tests that load the recorder by name through the OpenMAX IL core.
 #ifndef TESTS_SUPPORT_RECORDER_TEST_H
 #define TESTS_SUPPORT_RECORDER_TEST_H
 
@@ -19,15 +19,17 @@ class RecorderTest : public PlatformTest {
     void TearDown() override;
 
     static std::unique_ptr<IlClient> make_client();
-    // A client in Executing whose recording to `path` has been started.
+    // returns: a client in Executing that records to the path.
     static std::unique_ptr<IlClient> start_recording(const std::string &path = kBuiltInFile);
-    // Stops, waits for the end and takes the client back to Loaded. returns the reason.
+    // Stops, waits for the end and changes the state to Loaded.
+    // returns: the stop reason.
     static uint32_t finish(IlClient &client);
     static void use_card();
 
-    // Checks that the file is sound in every judge's eyes and gives its movie.
+    // Expects that our reader and ffmpeg find no fault in the file.
+    // returns: its movie.
     static mp4_reader::movie expect_plays(const std::string &path = kBuiltInFile);
-    // The NAL units of one video sample.
+    // returns: the NAL units of one video sample.
     static std::vector<Bytes> nal_units_of(const Bytes &image, const mp4_reader::sample &sample);
     static void expect_no_scratch_files();
 };

@@ -53,7 +53,7 @@ int run_in_storage_namespace(int argc, char **argv)
     if (lists_only) {
         return -1;
     }
-    const pid_t child = fork(); // a child has one thread, as a new user namespace demands
+    const pid_t child = fork(); // a new user namespace needs a process of one thread
     if (child == 0) {
         if (unshare_mounts() && mount_storage()) {
             return -1;

@@ -10,7 +10,7 @@
 static std::atomic<int> threads_to_refuse;
 static std::atomic<int32_t> put_result;
 static std::atomic<int64_t> put_file_bytes;
-static NotedTimes *noted_times; // set while nothing is recorded
+static NotedTimes *noted_times; // changes only between recordings
 static bool is_noted_instead;
 
 void refuse_threads(int count)
@@ -66,7 +66,7 @@ extern "C" int32_t __wrap_QVR_MP4_MUX(int32_t op, void **handle, void *param1, v
         *static_cast<int64_t *>(param2) = put_file_bytes;
     }
     if (is_put && put_result != 0) {
-        usleep(1000); // a second writer comes to its lock meanwhile, and fails too
+        usleep(1000); // so that a second writer waits for the lock, and fails too
         return put_result;
     }
     return result;
