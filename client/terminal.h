@@ -8,8 +8,9 @@
 // thread: any
 void terminal_say(const std::string &line);
 
-// Replaces the progress line; an empty one clears it. Does nothing if standard error is no
-// terminal. thread: any
+// Replaces the progress line; an empty one clears it. Does nothing unless standard error is a
+// terminal.
+// thread: any
 void terminal_show_progress(const std::string &line);
 
 // Writes the component's log lines to standard error.
