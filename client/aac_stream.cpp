@@ -15,21 +15,25 @@ static const AacEncCallbacks memory_callbacks = {
     .move = std::memmove,
 };
 
-// Says first what the encoder would refuse with a number.
+static constexpr int kBitRateMin = 16000;
+static constexpr int kBitRateStep = 1000;
+
+// The encoder refuses these with a number only.
 static void check_settings(const aac_settings &settings)
 {
     if (!is_encoder_rate(settings.rate)) {
-        throw failure(exit_code::unsupported,
-                      "its sampling rate is " + std::to_string(settings.rate) +
-                          " Hz; the encoder takes 8000, 11025, 12000, 16000, 22050, 24000, 32000, "
-                          "44100 and 48000 Hz");
+        throw failure(
+            exit_code::unsupported,
+            "its sampling rate is " + std::to_string(settings.rate) +
+                " Hz; the encoder supports 8000, 11025, 12000, 16000, 22050, 24000, 32000, "
+                "44100 and 48000 Hz");
     }
     if (settings.channels != 1 && settings.channels != 2) {
         throw failure(exit_code::unsupported, "it has " + std::to_string(settings.channels) +
-                                                  " channels; the encoder takes one or two");
+                                                  " channels; the encoder supports one or two");
     }
-    if (settings.bit_rate < 16000 || settings.bit_rate % 1000 != 0) {
-        throw failure(exit_code::usage, "--bitrate takes a multiple of 1000 from 16000 on, not " +
+    if (settings.bit_rate < kBitRateMin || settings.bit_rate % kBitRateStep != 0) {
+        throw failure(exit_code::usage, "--bitrate takes a multiple of 1000, at least 16000, not " +
                                             std::to_string(settings.bit_rate));
     }
 }
@@ -59,7 +63,7 @@ void aac_stream_open(aac_stream &stream, const aac_settings &settings)
     const int32_t result = QVR_AAC_ENC(AACENC_OP_INIT, &stream.encoder, &params, nullptr);
     if (result != AACENC_OK) {
         throw failure(exit_code::component,
-                      "the encoder does not open (" + std::to_string(result) + ")");
+                      "the encoder cannot be opened (" + std::to_string(result) + ")");
     }
 }
 
@@ -70,7 +74,7 @@ std::span<const uint8_t> aac_stream_encode(aac_stream &stream, std::span<const i
     const int32_t result = QVR_AAC_ENC(AACENC_OP_ENCODE, &stream.encoder, &audio, &info);
     if (result != AACENC_OK) {
         throw failure(exit_code::component,
-                      "the encoder cannot code a frame (" + std::to_string(result) + ")");
+                      "the encoder cannot encode a frame (" + std::to_string(result) + ")");
     }
     return std::span(stream.unit).first(static_cast<size_t>(info.outputBytes));
 }

@@ -1,4 +1,4 @@
-// An AAC stream coded by the encoder itself, without the recorder around it.
+// An AAC stream made by the encoder without the recorder.
 #ifndef CLIENT_AAC_STREAM_H
 #define CLIENT_AAC_STREAM_H
 
@@ -13,7 +13,7 @@ struct aac_settings {
     int rate = 0;     // Hz
     int channels = 0; // 1 or 2
     int bit_rate = 0; // bit/s, of all channels
-    bool raw = false; // bare access units in place of ADTS frames
+    bool raw = false; // bare access units instead of ADTS frames
     bool tns = false;
     bool pns = false;
     bool mpeg2 = false; // announced by the ADTS frames
@@ -30,14 +30,16 @@ struct aac_stream {
     ~aac_stream();
 };
 
-// Opens the encoder. throws `failure`, in words, for what it does not code.
+// Opens the encoder.
+// throws: `failure`; its sentence names a setting that the encoder does not support
 void aac_stream_open(aac_stream &stream, const aac_settings &settings);
 
-// Codes one frame: interleaved samples, AACENC_FRAME_SAMPLES of each channel.
-// returns the access unit, or the ADTS frame; it stays until the next call. throws `failure`.
+// Encodes one frame.
+// in: interleaved samples, AACENC_FRAME_SAMPLES of each channel
+// returns: the access unit or ADTS frame, valid until the next call; throws `failure`
 std::span<const uint8_t> aac_stream_encode(aac_stream &stream, std::span<const int16_t> frame);
 
-// The header that makes bare access units, one after the other, a stream of their own.
+// The header that makes a sequence of bare access units a stream.
 // source: adif_header() of ISO/IEC 14496-3, 1.A.2
 std::vector<uint8_t> adif_header(const aac_settings &settings);
 

@@ -10,8 +10,6 @@
 
 #include <chrono>
 
-static constexpr char kWorkName[] = "stream.aac";
-
 struct encoding {
     std::unique_ptr<pcm_input> pcm;
     aac_stream stream;
@@ -36,7 +34,7 @@ static void open_stream(encoding &self, const encode_options &options)
     }
 }
 
-// The transform's overlap keeps the last frame back: one of silence pushes it out.
+// The transform's overlap delays the last frame: a frame of silence completes it.
 static void encode_all(encoding &self, work_file &out)
 {
     std::vector<int16_t> frame(AACENC_FRAME_SAMPLES * static_cast<size_t>(self.pcm->channels));
@@ -49,20 +47,20 @@ static void encode_all(encoding &self, work_file &out)
 
 static void report(const encode_options &options, const encoding &self, double elapsed_s)
 {
-    const double seconds = static_cast<double>(self.pcm->samples) / self.pcm->rate;
+    const double read_s = static_cast<double>(self.pcm->samples) / self.pcm->rate;
     const double coded_s = static_cast<double>(self.frames * AACENC_FRAME_SAMPLES) / self.pcm->rate;
     terminal_print(
         options.output +
         format_text(": %s of %d Hz %s, %llu frames, %s, %.1f kbit/s; took %.2f s, %.0f times real "
                     "time\n",
-                    duration_text(seconds).c_str(), self.pcm->rate,
+                    duration_text(read_s).c_str(), self.pcm->rate,
                     self.pcm->channels == 2 ? "stereo" : "mono",
                     static_cast<unsigned long long>(self.frames), size_text(self.bytes).c_str(),
                     static_cast<double>(self.bytes) * 8 / coded_s / 1000, elapsed_s,
-                    elapsed_s > 0 ? seconds / elapsed_s : 0));
+                    elapsed_s > 0 ? read_s / elapsed_s : 0));
 }
 
-// returns the exit code
+// returns: the exit code
 static int report_faults(const encode_options &options, const pcm_input &pcm)
 {
     const unsigned damaged = pcm.decoder->damaged;
@@ -85,14 +83,14 @@ int encode_run(const encode_options &options)
     output_place_check_inputs(options.output, {options.input});
     self.pcm = pcm_input_open(options.input);
     open_stream(self, options);
-    work_file out(*folder, kWorkName);
+    work_file out(*folder, kWorkStream);
     if (options.raw) {
         work_file_write(out, adif_header(self.stream.settings));
     }
     encode_all(self, out);
     work_file_finish(out);
     self.bytes = out.bytes;
-    work_folder_publish(*folder, kWorkName);
+    work_folder_publish(*folder, kWorkStream);
     const int code = report_faults(options, *self.pcm);
     report(options, self,
            std::chrono::duration<double>(std::chrono::steady_clock::now() - begun).count());

@@ -4,16 +4,14 @@
 #include "client/input/mapped_file.h"
 #include "mp4read/mp4_reader.h"
 
-#include <cerrno>
-#include <cstring>
-
-// The pages of the file that reading has touched are let go each time so many frames are counted.
+// The mapped pages are released each time this many frames have been read: a file may be larger
+// than the memory.
 static constexpr uint64_t kFramesToRelease = 1 << 14;
 
-static void count(track_summary *summary, const mp4_reader::sample &frame)
+static void count(track_summary &summary, const mp4_reader::sample &frame)
 {
-    summary->frames++;
-    summary->bytes += frame.size;
+    summary.frames++;
+    summary.bytes += frame.size;
 }
 
 static uint64_t frames_left_out(const mp4_reader::movie &movie, const char *handler)
@@ -26,12 +24,11 @@ std::optional<file_summary> finished_file_read(int file)
 {
     const std::unique_ptr<mapped_file> mapped = mapped_file_of(file);
     if (mapped == nullptr) {
-        throw failure(exit_code::output,
-                      std::string("the finished file cannot be read back: ") + strerror(errno));
+        fail_with_errno(exit_code::output, "the finished file cannot be read back");
     }
     file_summary summary = {.bytes = mapped->bytes.size()};
     const auto count_frame = [&](const mp4_reader::track *of, const mp4_reader::sample &frame) {
-        count(of->handler == "vide" ? &summary.video : &summary.audio, frame);
+        count(of->handler == "vide" ? summary.video : summary.audio, frame);
         if ((summary.video.frames + summary.audio.frames) % kFramesToRelease == 0) {
             mapped_file_release(*mapped);
         }
@@ -57,10 +54,10 @@ std::vector<std::string> finished_file_remarks(const file_summary &file)
     std::vector<std::string> remarks;
     if (!file.faults.empty()) {
         remarks.push_back("the finished file may not play everywhere: " + file.faults.front() +
-                          " (tdmbrec info tells more)");
+                          " (tdmbrec info reports more)");
     }
     if (!file.notes.empty()) {
-        remarks.push_back("the finished file was not read back whole: " + file.notes.front());
+        remarks.push_back("the finished file was not read back completely: " + file.notes.front());
     }
     return remarks;
 }

@@ -1,4 +1,4 @@
-// What a finished recording holds, read from the file itself.
+// The contents of a finished file, read back from the file itself.
 #ifndef CLIENT_FINISHED_FILE_H
 #define CLIENT_FINISHED_FILE_H
 
@@ -17,15 +17,16 @@ struct file_summary {
     double duration_s = 0;
     track_summary video;
     track_summary audio;
-    std::vector<std::string> faults; // what the reader finds wrong with the file
-    std::vector<std::string> notes;  // what it left unread
+    std::vector<std::string> faults; // found by the reader
+    std::vector<std::string> notes;  // on parts that the reader left out
 };
 
-// Reads an MP4 file. returns nothing when it has no movie box, without which nobody can play it.
-// throws `failure` when the file cannot be read at all.
+// Reads an MP4 file.
+// returns: nothing when there is no movie box, without which no player can open the file; throws
+//          `failure` when the file cannot be read at all
 std::optional<file_summary> finished_file_read(int file);
 
-// What reading the file back told, in one sentence for each kind.
+// returns: one sentence each on the faults and the notes, if there are any
 std::vector<std::string> finished_file_remarks(const file_summary &file);
 
 #endif // CLIENT_FINISHED_FILE_H

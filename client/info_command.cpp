@@ -9,16 +9,14 @@
 #include "client/unfinished_recording.h"
 #include "client/work_folder.h"
 
-static constexpr char kWorkName[] = "page.html";
-
 static void write_page(const info_options &options, const std::string &page)
 {
     const std::unique_ptr<work_folder> folder = work_folder_make(*options.page, options.force);
     output_place_check_inputs(*options.page, {options.input});
-    work_file out(*folder, kWorkName);
+    work_file out(*folder, kWorkPage);
     work_file_write(out, {reinterpret_cast<const uint8_t *>(page.data()), page.size()});
     work_file_finish(out);
-    work_folder_publish(*folder, kWorkName);
+    work_folder_publish(*folder, kWorkPage);
 }
 
 int info_run(const info_options &options)

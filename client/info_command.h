@@ -1,10 +1,11 @@
-// tdmbrec info: what an MP4 file holds, and what is wrong with it.
+// tdmbrec info: reports the contents and the faults of an MP4 file.
 #ifndef CLIENT_INFO_COMMAND_H
 #define CLIENT_INFO_COMMAND_H
 
 #include "client/options.h"
 
-// Reports on standard output or to a page and returns the exit code. throws `failure`.
+// Reports on standard output or to a page.
+// returns: the exit code; throws `failure`
 int info_run(const info_options &options);
 
 #endif // CLIENT_INFO_COMMAND_H

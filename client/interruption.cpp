@@ -8,12 +8,12 @@
 #include <thread>
 #include <unistd.h>
 
-static std::mutex lock; // guards the number
+static std::mutex lock;
 // Never destroyed: the listening thread stays until the process ends.
 static std::condition_variable &changed = *new std::condition_variable;
-static int requested; // the first signal's number
+static int requested; // the first signal's number; under lock
 
-// Without those that whoever started the command, as nohup does, wants to be ignored.
+// A signal that the command inherits as ignored, as from nohup, stays ignored.
 static sigset_t listened_signals(void)
 {
     sigset_t signals;
@@ -31,13 +31,13 @@ void interruption_block(void)
 {
     const sigset_t signals = listened_signals();
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-    // A closed pipe and a file-size limit are reported by the calls that meet them.
+    // The calls that meet a closed pipe or a file-size limit report it.
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGXFSZ, SIG_IGN);
 }
 
-// The second signal may be there already, and is then not kept waiting for the end.
-static void listen(void (*give_up)(void))
+// If the second signal is already pending, the first does not begin an orderly end.
+static void listen(void (*on_abort)(void))
 {
     const sigset_t signals = listened_signals();
     const timespec at_once = {};
@@ -52,13 +52,13 @@ static void listen(void (*give_up)(void))
         changed.notify_all();
         sigwait(&signals, &second);
     }
-    give_up();
-    _exit(static_cast<int>(exit_code::given_up) + second);
+    on_abort();
+    _exit(static_cast<int>(exit_code_plus(exit_code::aborted, second)));
 }
 
-void interruption_listen(void (*give_up)(void))
+void interruption_listen(void (*on_abort)(void))
 {
-    std::thread(listen, give_up).detach();
+    std::thread(listen, on_abort).detach();
 }
 
 int interruption_signal(void)
@@ -70,8 +70,7 @@ int interruption_signal(void)
 void interruption_check(void)
 {
     if (const int signal = interruption_signal()) {
-        throw failure(static_cast<exit_code>(static_cast<int>(exit_code::given_up) + signal),
-                      "stopped; no file is made");
+        throw failure(exit_code_plus(exit_code::aborted, signal), "stopped; no file is made");
     }
 }
 

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
-#include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/file.h>
@@ -13,8 +12,8 @@
 #include <unistd.h>
 
 static constexpr size_t kNameBytesMax = 255;
-static constexpr int kFoldersMax = 999; // of one output
-static constexpr size_t kNumberBytes = 4;
+static constexpr int kFoldersMax = 999;   // of one output
+static constexpr size_t kNumberBytes = 4; // "-999"
 static constexpr size_t kDigestBytes = 8;
 
 static bool starts_inside_character(const std::string &text, size_t at)
@@ -22,7 +21,7 @@ static bool starts_inside_character(const std::string &text, size_t at)
     return at < text.size() && (static_cast<unsigned char>(text[at]) & 0xC0u) == 0x80u;
 }
 
-// FNV-1a, 32 bits, as eight digits.
+// FNV-1a, 32 bits, in hexadecimal.
 static std::string digest(const std::string &text)
 {
     uint32_t sum = 0x811C9DC5;
@@ -36,8 +35,8 @@ static std::string digest(const std::string &text)
     return digits;
 }
 
-// The output's name; one that does not fit is cut between two characters of UTF-8, and a sum of the
-// whole keeps it apart from others that begin alike.
+// The output's name and the suffix. A name that is too long is cut between two characters of UTF-8,
+// and a digest of the whole distinguishes it from others that begin alike.
 static std::string first_name(const std::string &output_name, const std::string &suffix)
 {
     const size_t most = kNameBytesMax - kNumberBytes - suffix.size();
@@ -51,7 +50,7 @@ static std::string first_name(const std::string &output_name, const std::string 
     return output_name.substr(0, size) + "-" + digest(output_name) + suffix;
 }
 
-// A link of that name would lead to a folder that is nobody's to clear.
+// Follows no link: it may lead to a folder that is not ours to clear.
 static int open_folder(int directory, const std::string &name)
 {
     return openat(directory, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
@@ -66,8 +65,8 @@ static bool has_name(int folder, int directory, const std::string &name)
            opened.st_dev == named.st_dev && opened.st_ino == named.st_ino;
 }
 
-// Locks a folder that was just made. returns false when another process has taken it for one that
-// was left, and has removed it.
+// Locks a folder that was just made.
+// returns: false when another process has removed it before the lock, as one that was left
 static bool lock_new(int directory, locked_folder &folder)
 {
     folder.descriptor = open_folder(directory, folder.name);
@@ -89,7 +88,7 @@ static void refuse_in_use(int directory, const std::string &output_name, const s
     found_folder found;
     if (locked_folder_find(found, directory, name, LOCK_SH) &&
         found.state == folder_state::in_use) {
-        throw failure(exit_code::output, output_name + ": another command is making it, in the " +
+        throw failure(exit_code::output, output_name + ": another command is writing it, in the " +
                                              "folder " + name + " beside it");
     }
 }
@@ -112,8 +111,8 @@ locked_folder locked_folder_make(int directory, const std::string &output_name,
             break;
         }
     }
-    throw failure(exit_code::output, "no folder " + folder.name +
-                                         " can be made beside the output: " + std::strerror(errno));
+    fail_with_errno(exit_code::output,
+                    "no folder " + folder.name + " can be made beside the output");
 }
 
 void locked_folder_remove(int directory, const locked_folder &folder)
@@ -153,7 +152,7 @@ found_folder::~found_folder()
     }
 }
 
-// Another command that looks or clears holds the lock for a moment only.
+// Retries, because a command that only looks or clears holds the lock for a moment.
 static bool take_lock(int folder, int lock)
 {
     static constexpr int kTries = 5;
@@ -171,7 +170,7 @@ bool locked_folder_find(found_folder &found, int directory, const std::string &n
 {
     found.folder = {open_folder(directory, name), name};
     if (found.folder.descriptor < 0) {
-        return errno == EACCES; // somebody else's
+        return errno == EACCES; // it belongs to another user
     }
     const bool is_locked = take_lock(found.folder.descriptor, lock);
     found.state = is_locked              ? folder_state::left

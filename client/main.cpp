@@ -20,27 +20,27 @@ static int run(int status)
 
 static int run(const record_options &options)
 {
-    return record(options);
+    return record_run(options);
 }
 
-static void stop_when_asked(void)
+static void handle_signals(void)
 {
     interruption_block();
     interruption_listen([] {
-        work_folder_give_up();
-        terminal_say("tdmbrec: given up");
+        work_folder_abort();
+        terminal_say("tdmbrec: aborted");
     });
 }
 
 static int run(const encode_options &options)
 {
-    stop_when_asked();
+    handle_signals();
     return encode_run(options);
 }
 
 static int run(const mux_options &options)
 {
-    stop_when_asked();
+    handle_signals();
     return mux_run(options);
 }
 
@@ -49,8 +49,8 @@ static int run(const info_options &options)
     return info_run(options);
 }
 
-// No file that is opened may take the number of a standard stream that is closed: what is said
-// would go into it. Writing to this one fails, as it would to the closed one.
+// A file opened later must not get the number of a closed standard stream, or messages would go
+// into it. The streams opened here are read-only: writing to them fails, as to the closed ones.
 static void hold_standard_streams(void)
 {
     int descriptor = 0;

@@ -17,13 +17,12 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-static constexpr char kWorkName[] = "movie.mp4";
 static constexpr int32_t kAacTag = 0xAAC0;
 
-// Sound this late is as good as together with the picture.
+// Sound this late is not noticed beside the picture.
 static constexpr int64_t kLateToleranceUs = 40'000;
 
-// Gaps in the sound that add up to less than this are not worth a word.
+// Gaps in the sound are reported from this total on.
 static constexpr int64_t kGapToleranceUs = 100'000;
 
 struct muxing {
@@ -31,14 +30,14 @@ struct muxing {
     std::unique_ptr<aac_input> audio;
     std::optional<video_unit> picture; // the next one
     int64_t origin_us = 0;             // of the first picture
-    int64_t sounds = 0;                // access units put so far
-    int64_t left_out_us = 0;           // of sound in front of the first picture
+    int64_t audio_units = 0;           // written so far
+    int64_t left_out_us = 0;           // of sound before the first picture
     int64_t late_us = 0;               // from the first picture to the first sound
     mux_file out;
 };
 
-// The file begins both tracks at once: brings the sound to where the first picture is, as far as
-// leaving out whole access units can.
+// Both tracks of the file begin at 0. Leaves out whole access units of the sound before the first
+// picture, and notes how late it begins.
 static void align_sound(muxing &self, const mux_options &options)
 {
     const bool one_file = self.video->file->clock.other != nullptr;
@@ -118,7 +117,7 @@ static void open_output(muxing &self, const mux_options &options, const work_fol
         tracks.m_pbyAudioPrivate = self.audio->config.data();
         tracks.m_iAudioPrivateSize = static_cast<int32_t>(self.audio->config.size());
     }
-    mux_file_open(self.out, options, work_folder_path(folder, kWorkName),
+    mux_file_open(self.out, options, work_folder_path(folder, kWorkMovie),
                   work_folder_path(folder, ""), tracks);
 }
 
@@ -134,33 +133,33 @@ static void put_picture(muxing &self)
     self.picture = video_input_next(*self.video);
 }
 
-// Puts the frames of both tracks in the order of their times.
+// Writes the frames of both tracks in the order of their times.
 static void put_all(muxing &self)
 {
-    bool has_sound = self.audio != nullptr;
-    while (self.picture || has_sound) {
+    bool has_audio = self.audio != nullptr;
+    while (self.picture || has_audio) {
         interruption_check();
-        const int64_t sound_us = has_sound ? aac_input_span_us(*self.audio, self.sounds) : 0;
-        if (self.picture && (!has_sound || self.picture->time_us - self.origin_us <= sound_us)) {
+        const int64_t sound_us = has_audio ? aac_input_span_us(*self.audio, self.audio_units) : 0;
+        if (self.picture && (!has_audio || self.picture->time_us - self.origin_us <= sound_us)) {
             put_picture(self);
         } else if (const auto unit = aac_input_next(*self.audio)) {
             mux_file_put(self.out, MUX_TYPE_AUDIO, *unit, milliseconds(sound_us), true);
-            self.sounds++;
+            self.audio_units++;
         } else {
-            has_sound = false;
+            has_audio = false;
         }
     }
 }
 
 static file_summary read_back(const work_folder &folder)
 {
-    const int file = openat(folder.folder.descriptor, kWorkName, O_RDONLY | O_CLOEXEC);
+    const int file = openat(folder.folder.descriptor, kWorkMovie, O_RDONLY | O_CLOEXEC);
     const std::optional<file_summary> summary = file >= 0 ? finished_file_read(file) : std::nullopt;
     if (file >= 0) {
         close(file);
     }
     if (!summary || !summary->faults.empty()) {
-        throw failure(exit_code::component, "the muxer made a file that is not sound");
+        throw failure(exit_code::component, "the muxer made an invalid file");
     }
     return *summary;
 }
@@ -175,7 +174,7 @@ static void warn(const std::string &path, const char *what, int64_t number, cons
 
 static void warn_of_video(const std::string &path, const video_input &video)
 {
-    warn(path, "pictures left out in front of the first IDR picture", video.leading);
+    warn(path, "pictures left out before the first IDR picture", video.leading);
     warn(path, "damaged access units left out", video.damaged);
     warn(path, "damaged parameter sets left out", video_input_damaged_sets(video));
 }
@@ -185,10 +184,10 @@ static void warn_of_sound(const std::string &path, const muxing &self)
     const aac_input &audio = *self.audio;
     const int64_t gaps_us =
         audio.last_us - audio.begin_us - aac_input_span_us(audio, audio.packets - 1);
-    warn(path, "sound in front of the first picture left out", self.left_out_us / 1000, " ms");
+    warn(path, "sound before the first picture left out", self.left_out_us / 1000, " ms");
     warn(path, "sound that begins after the first picture moved to the front by",
          self.late_us > kLateToleranceUs ? self.late_us / 1000 : 0, " ms");
-    warn(path, "gaps in the sound closed, by which what follows comes early",
+    warn(path, "gaps in the sound closed; the sound after them is early by",
          gaps_us > kGapToleranceUs ? gaps_us / 1000 : 0, " ms");
 }
 
@@ -219,7 +218,7 @@ static void report(const mux_options &options, const muxing &self, const file_su
     }
     terminal_print(
         options.output +
-        format_text(": %s, %s (%llu bytes; the muxer foresaw %lld), %llu pictures, %llu sound "
+        format_text(": %s, %s (%llu bytes; the muxer estimated %lld), %llu pictures, %llu sound "
                     "frames; took %.2f s\n",
                     duration_text(file.duration_s).c_str(), size_text(file.bytes).c_str(),
                     static_cast<unsigned long long>(file.bytes),
@@ -239,7 +238,7 @@ int mux_run(const mux_options &options)
     put_all(self);
     mux_file_close(self.out, options);
     const file_summary file = read_back(*folder);
-    work_folder_publish(*folder, kWorkName);
+    work_folder_publish(*folder, kWorkMovie);
     report(options, self, file,
            std::chrono::duration<double>(std::chrono::steady_clock::now() - begun).count());
     return 0;

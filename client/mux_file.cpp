@@ -13,9 +13,9 @@ static FILE *file_of(void *handle)
     return static_cast<FILE *>(handle);
 }
 
-static int write_error; // of the system, at the first write that failed; 0 as long as none did
+static int write_error; // errno of the first write that failed; 0 before it
 
-// What the muxer reports has no place for the system's reason.
+// Keeps the system's reason, which the muxer's error record cannot hold.
 static size_t write_all(const void *buffer, size_t size, size_t count, void *handle)
 {
     const size_t written = std::fwrite(buffer, size, count, file_of(handle));
@@ -25,7 +25,7 @@ static size_t write_all(const void *buffer, size_t size, size_t count, void *han
     return written;
 }
 
-// The muxer has caches of its own.
+// Unbuffered: the muxer has its own caches.
 static void *open_file(const char *name, const char *mode)
 {
     FILE *const file = std::fopen(name, mode);
@@ -35,7 +35,8 @@ static void *open_file(const char *name, const char *mode)
     return file;
 }
 
-// returns how far behind the expected position the data begins; the muxer's table then begins there
+// returns: the bytes between the expected position and the data, which the muxer adds to the
+//          table's position; -1 on failure
 static int32_t append_file(void *destination, void *source, int32_t)
 {
     FILE *const to = file_of(destination);
@@ -114,7 +115,7 @@ static void check(mux_file &out, int32_t result, const char *what)
 
 mux_file::~mux_file()
 {
-    // The first close may fail and keep the handle; the second only releases.
+    // A failed close keeps the handle; the second one only releases.
     for (int attempt = 0; attempt < 2 && handle != nullptr; attempt++) {
         (void)QVR_MP4_MUX(MUX_CLOSE, &handle, nullptr, nullptr);
     }
@@ -125,10 +126,10 @@ void mux_file_open(mux_file &out, const mux_options &options, std::string path,
 {
     mp4_mux_init_t init = make_init(options);
     const mux_memory &memory = options.memory;
-    if (!memory.own) {
+    if (!memory.is_own) {
         const size_t bytes = static_cast<size_t>(memory.output) +
                              static_cast<size_t>(memory.video) + static_cast<size_t>(memory.audio);
-        out.cache.resize(bytes + 1); // memory of no size is memory all the same
+        out.cache.resize(bytes + 1); // never null, which selects the muxer's own caches
         init.m_pCacheMem = out.cache.data();
         init.m_iCacheSize = memory.output;
         init.m_iVideoCacheSize = memory.video;

@@ -1,4 +1,4 @@
-// An MP4 file that the muxer itself writes, without the recorder around it.
+// An MP4 file written by the muxer without the recorder.
 #ifndef CLIENT_MUX_FILE_H
 #define CLIENT_MUX_FILE_H
 
@@ -12,8 +12,8 @@
 
 struct mux_file {
     void *handle = nullptr;
-    std::vector<uint8_t> cache; // lent to the muxer, as long as the handle is there
-    int64_t estimate = 0;       // of the finished file's size, by the muxer
+    std::vector<uint8_t> cache; // lent to the muxer until the handle is closed
+    int64_t estimate = 0;       // the muxer's, of the finished file's bytes
 
     mux_file() = default;
     mux_file(const mux_file &) = delete;
@@ -21,15 +21,20 @@ struct mux_file {
     ~mux_file();
 };
 
-// Begins the file. in: where it and its scratch files go; what the tracks are. throws `failure`.
+// Opens the muxer and begins the file.
+// in: path, scratch: of the file, and of the folder for the muxer's tables with a slash at its end
+// throws: `failure`
 void mux_file_open(mux_file &out, const mux_options &options, std::string path,
                    const std::string &scratch, mp4_mux_input_t &tracks);
 
-// Appends a frame. in: MUX_TYPE_…; the time in ms. throws `failure`.
+// Appends a frame.
+// in: type: MUX_TYPE_…
+// throws: `failure`
 void mux_file_put(mux_file &out, int32_t type, std::span<const uint8_t> bytes, uint32_t time_ms,
                   bool is_key);
 
-// Finishes the file. throws `failure`.
+// Finishes the file.
+// throws: `failure`
 void mux_file_close(mux_file &out, const mux_options &options);
 
 #endif // CLIENT_MUX_FILE_H

@@ -6,65 +6,67 @@
 #include <cstdio>
 #include <iostream>
 
-static const char record_footer[] = R"(Exit status:
+static constexpr char kRecordFooter[] = R"(Exit status:
   0    the file is finished; also when Ctrl-C or SIGTERM ended the recording
   2    wrong command line
-  3    an input cannot be read, or broke off (the file then holds what came before)
+  3    an input cannot be read, or broke off (the file then holds what was read)
   4    an input holds something that cannot be recorded
   5    the output cannot be written
   6    the recorder's storage /mnt/sdcard cannot be provided
   7    the recorder component is missing or failed
-  8    what was recorded stays, but not as the output: a message says where, and what to do
+  8    the recording is kept, but not as the output; a message says where, and what to do
   10   storage not usable            12   free space used up
-  14   the file could not be begun   15   writing failed
+  14   the file could not be opened  15   writing failed
   16   the file reached its size limit of 1,800,000,000 bytes
   17   the component was destroyed during the recording
-  130  given up at the second Ctrl-C (143 SIGTERM, 129 SIGHUP); a message says where what was
-       recorded so far stays
-After 3, 4, 7, 12, 15 and 16 the output holds what came before, if there was something.
+  130  aborted by the second Ctrl-C (143 SIGTERM, 129 SIGHUP); a message says where the
+       recording is kept
+After 3, 4, 7, 12, 15 and 16 the output holds everything recorded until then, if anything was.
 
-While it records, the file is in the folder OUTPUT.recording beside the output, which is locked.
-Nothing that was recorded is ever deleted: what cannot become the output stays in that folder, also
-when the command is killed, and the next "record" or "info" of the output says so.
-A signal that is ignored from the start, as with nohup, stays ignored. TDMBREC_PATIENCE is for how
+During the recording the file is in the folder OUTPUT.recording beside the output, which is
+locked. Nothing that was recorded is ever deleted: a file that cannot become the output stays in
+that folder, also when the command is killed, and the next "record" or "info" of the output reports
+it. A signal that is ignored from the start, as with nohup, stays ignored. TDMBREC_PATIENCE sets how
 many seconds the command waits for a component that does not answer (default: 120).)";
 
-static const char encode_footer[] =
-    R"(The stream consists of ADTS frames. With --raw it is the bare access units, one after the other,
-behind one ADIF header that tells a decoder what they are. The last frame is filled up with silence,
-and one frame of silence follows it to push the encoder's overlap out.
+static constexpr char kEncodeFooter[] =
+    R"(The stream consists of ADTS frames. With --raw it consists of the bare access units after one
+ADIF header, which describes them to a decoder. The last frame is filled up with silence, and one
+frame of silence follows it to push the encoder's overlap out.
 
 Exit status:
   0    the stream is finished
   2    wrong command line
   3    the input cannot be read, is damaged, or broke off (the stream then holds what could be read)
-  4    the encoder does not take the input's sampling rate or channels
+  4    the encoder does not support the input's sampling rate or channels
   5    the output cannot be written
   7    the encoder failed
   130  stopped by Ctrl-C (143 SIGTERM, 129 SIGHUP); no stream is left)";
 
-static const char mux_footer[] =
-    R"(The file begins sound and picture together and holds the sound without gaps. Sound in front of the
+static constexpr char kMuxFooter[] =
+    R"(The file begins sound and picture together and holds the sound without gaps. Sound before the
 first picture is left out; sound that begins later moves to the front, and gaps in it are closed. A
 warning says by how many milliseconds.
 
 Exit status:
   0    the file is finished
-  2    wrong command line, or a cache of no size
+  2    wrong command line, or a cache of 0 bytes
   3    an input cannot be read
   4    an input holds something that cannot be put into the file
   5    the output cannot be written
-  7    the muxer made a file that is not sound
+  7    the muxer made an invalid file
   130  stopped by Ctrl-C (143 SIGTERM, 129 SIGHUP); no file is left)";
 
-static const char info_footer[] =
+static constexpr char kInfoFooter[] =
     R"(Exit status:
   0    nothing is wrong with the file
   1    something is wrong with the file; the report says what
   2    wrong command line
   3    the file cannot be read
   5    the report or the page cannot be written
-A recording to the file that is under way, or was left unfinished, is named in a note.)";
+A note reports a recording to the file that is under way, or was left unfinished.)";
+
+static constexpr int kMemoryBytesMax = 1 << 28;
 
 static void add_output(CLI::App &command, std::string &output, bool &force, const char *what)
 {
@@ -84,7 +86,7 @@ static void add_frame_rate(CLI::App &command, std::optional<std::string> &frame_
 static void add_record(CLI::App &app, record_options &options, std::string &input)
 {
     CLI::App &command = *app.add_subcommand("record", "Record a programme to an MP4 file");
-    command.footer(record_footer);
+    command.footer(kRecordFooter);
     command.add_option("INPUT", input, "file with video and audio: MPEG-TS, MP4 or Matroska")
         ->type_name("FILE");
     command
@@ -106,15 +108,15 @@ static void add_record(CLI::App &app, record_options &options, std::string &inpu
 
 static void add_encode(CLI::App &app, encode_options &options)
 {
-    CLI::App &command = *app.add_subcommand("encode", "Code a file's sound to AAC-LC");
-    command.footer(encode_footer);
+    CLI::App &command = *app.add_subcommand("encode", "Encode a file's sound to AAC-LC");
+    command.footer(kEncodeFooter);
     command.add_option("INPUT", options.input, "WAV file of one of the encoder's sampling rates")
         ->type_name("FILE")
         ->required();
     add_output(command, options.output, options.force, "the AAC file to make");
     command
         .add_option("--bitrate", options.bit_rate,
-                    "bits per second of all channels together, a multiple of 1000 from 16000 on; "
+                    "bits per second of all channels together, a multiple of 1000, at least 16000; "
                     "the encoder uses at most 6 per sample")
         ->type_name("RATE")
         ->capture_default_str();
@@ -125,26 +127,27 @@ static void add_encode(CLI::App &app, encode_options &options)
                      "announce MPEG-2 AAC in the ADTS frames, which have no noise substitution");
 }
 
-// "recorder", "none", or the sizes for output, video and audio in bytes.
+// in: text: "recorder", "none", or the sizes for output, video and audio in bytes
+// returns: the mistake, empty if there is none
 static std::string read_cache(const std::string &text, mux_memory &memory)
 {
     char rest = 0;
     if (text == "none") {
-        memory.own = true;
+        memory.is_own = true;
     } else if (text != "recorder" && std::sscanf(text.c_str(), "%d,%d,%d%c", &memory.output,
                                                  &memory.video, &memory.audio, &rest) != 3) {
         return "--cache takes \"recorder\", \"none\" or three sizes in bytes";
     }
-    const auto fits = [](int bytes) { return bytes >= 0 && bytes <= 1 << 28; };
+    const auto fits = [](int bytes) { return bytes >= 0 && bytes <= kMemoryBytesMax; };
     return fits(memory.output) && fits(memory.video) && fits(memory.audio)
                ? ""
-               : "--cache takes sizes up to 268435456 bytes";
+               : "--cache takes sizes up to " + std::to_string(kMemoryBytesMax) + " bytes";
 }
 
 static void add_mux(CLI::App &app, mux_options &options)
 {
     CLI::App &command = *app.add_subcommand("mux", "Put coded video and sound into an MP4 file");
-    command.footer(mux_footer);
+    command.footer(kMuxFooter);
     command
         .add_option("--video", options.video,
                     "H.264: a raw stream, MPEG-TS, MP4 or Matroska, without reordered pictures")
@@ -170,7 +173,7 @@ static void add_mux(CLI::App &app, mux_options &options)
                     "bytes lent for the close; below the output's cache and below 1024000 bytes "
                     "the muxer copies its tables in other ways")
         ->type_name("BYTES")
-        ->check(CLI::Range(0, 1 << 28))
+        ->check(CLI::Range(0, kMemoryBytesMax))
         ->capture_default_str();
     command.add_flag("--64-bit", options.wide_offsets, "chunk offsets of 64 bits");
     command.add_flag("--append", options.append, "append the tables to the file as whole files");
@@ -179,14 +182,15 @@ static void add_mux(CLI::App &app, mux_options &options)
 static void add_info(CLI::App &app, info_options &options)
 {
     CLI::App &command =
-        *app.add_subcommand("info", "Tell what an MP4 file holds and what is wrong with it");
-    command.footer(info_footer);
+        *app.add_subcommand("info", "Report what an MP4 file holds and what is wrong with it");
+    command.footer(kInfoFooter);
     command.add_option("INPUT", options.input, "MP4 file")->type_name("FILE")->required();
-    CLI::Option *const json = command.add_flag("--json", options.json, "tell it as JSON");
+    CLI::Option *const json = command.add_flag("--json", options.json, "print the report as JSON");
     command
         .add_option_function<std::string>(
             "--html", [&options](const std::string &page) { options.page = page; },
-            "tell it as a page for a browser, in this file; without a name, on standard output")
+            "write the report as a page for a browser to this file; without a name, to standard "
+            "output")
         ->type_name("FILE")
         ->expected(0, 1)
         ->excludes(json);
@@ -213,18 +217,18 @@ static int report_mistake(const std::string &command, const std::string &what)
     return static_cast<int>(exit_code::usage);
 }
 
-// Says which files the recording takes its two streams from.
+// Sets the files that the recording takes its two streams from.
 static command_line choose_inputs(record_options options, const std::string &input)
 {
     if (!input.empty() && !options.video.empty() && !options.audio.empty()) {
-        return report_mistake("record ", "INPUT is not needed beside --video and --audio");
+        return report_mistake("record ", "INPUT is not needed with --video and --audio");
     }
     for (std::string *const file : {&options.video, &options.audio}) {
         if (file->empty()) {
             *file = input;
         }
         if (file->empty()) {
-            return report_mistake("record ", "name one INPUT, or the files --video and --audio");
+            return report_mistake("record ", "give one INPUT, or both --video and --audio");
         }
     }
     return options;
@@ -260,7 +264,7 @@ command_line options_parse(int argc, const char *const *argv)
     }
     if (app.got_subcommand("mux")) {
         return mux.video.empty() && mux.audio.empty()
-                   ? report_mistake("mux ", "name --video, --audio or both")
+                   ? report_mistake("mux ", "give --video, --audio or both")
                    : command_line(mux);
     }
     if (app.got_subcommand("info")) {

@@ -7,10 +7,10 @@
 #include <variant>
 
 struct record_options {
-    std::string video; // input files; the same one when it holds both
+    std::string video; // input files; the same one if it holds both
     std::string audio;
     std::string output;
-    std::optional<std::string> frame_rate; // as given: a number or a fraction
+    std::optional<std::string> frame_rate; // a number or a fraction, as given
     bool force = false;
     bool card = false;
     bool realtime = false;
@@ -29,35 +29,36 @@ struct encode_options {
     bool force = false;
 };
 
-// Which memory the muxer writes through.
+// The memory that the muxer writes through.
 struct mux_memory {
-    bool own = false;                                        // the muxer's own
-    int output = 0x100000, video = 0xC0000, audio = 0x80000; // bytes, as the recorder lends them
-    int close = 0x300000;                                    // bytes lent for the close
+    bool is_own = false; // allocated by the muxer itself
+    int output = 0x100000, video = 0xC0000,
+        audio = 0x80000;  // bytes lent; the recorder's by default
+    int close = 0x300000; // bytes lent for the close
 };
 
 struct mux_options {
     std::string video; // input files; empty: no such track
     std::string audio;
     std::string output;
-    std::optional<std::string> frame_rate; // as given: a number or a fraction
+    std::optional<std::string> frame_rate; // a number or a fraction, as given
     mux_memory memory;
-    bool wide_offsets = false; // of 64 bits
+    bool wide_offsets = false; // chunk offsets of 64 bits
     bool append = false;       // the tables are appended as files
     bool force = false;
 };
 
 struct info_options {
     std::string input;
-    std::optional<std::string> page; // where the HTML page goes; empty: to standard output
+    std::optional<std::string> page; // the HTML page's file; empty: standard output
     bool json = false;
     bool force = false;
 };
 
-// What to do; a number when all is said, and the program is to exit with it.
+// The options of the chosen command, or an exit code when nothing is left to do.
 using command_line = std::variant<int, record_options, encode_options, mux_options, info_options>;
 
-// Reads the command line; help, version and mistakes are answered here.
+// Reads the command line. Prints help, version and mistakes.
 command_line options_parse(int argc, const char *const *argv);
 
 #endif // CLIENT_OPTIONS_H

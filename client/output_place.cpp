@@ -4,16 +4,10 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <fcntl.h>
 #include <filesystem>
 #include <sys/stat.h>
 #include <unistd.h>
-
-[[noreturn]] static void fail(const std::string &what)
-{
-    throw failure(exit_code::output, what + ": " + std::strerror(errno));
-}
 
 output_place::~output_place()
 {
@@ -52,7 +46,7 @@ std::unique_ptr<output_place> output_place_open(const std::string &output, bool 
     }
     place->directory = open(path.directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (place->directory < 0 || faccessat(place->directory, ".", W_OK | X_OK, AT_EACCESS) != 0) {
-        fail(path.directory);
+        fail_with_errno(exit_code::output, path.directory);
     }
     struct stat status = {};
     if (fstatat(place->directory, place->name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0) {
@@ -63,7 +57,7 @@ std::unique_ptr<output_place> output_place_open(const std::string &output, bool 
             throw failure(exit_code::output, output + ": exists already (--force replaces it)");
         }
     } else if (errno != ENOENT) {
-        fail(output);
+        fail_with_errno(exit_code::output, output);
     }
     return place;
 }
@@ -85,7 +79,7 @@ bool output_place_take(const output_place &place, int from, const std::string &f
     if (renameat2(from, from_name.c_str(), place.directory, name, flags) == 0) {
         return true;
     }
-    return errno == EINVAL && // a file system without the flag
+    return errno == EINVAL && // the file system does not know the flag
            faccessat(place.directory, name, F_OK, AT_SYMLINK_NOFOLLOW) != 0 &&
            renameat(from, from_name.c_str(), place.directory, name) == 0;
 }

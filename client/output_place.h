@@ -1,4 +1,4 @@
-// Where a finished file goes: looked at before anything is made, and taken as a whole at the end.
+// The output file: checked before any work starts, replaced atomically at the end.
 #ifndef CLIENT_OUTPUT_PLACE_H
 #define CLIENT_OUTPUT_PLACE_H
 
@@ -6,7 +6,7 @@
 #include <memory>
 #include <string>
 
-// The two parts of an output's path; of a link's target where there is one.
+// The two parts of an output's path, or of its target if the output is a link.
 struct output_path {
     std::string directory;
     std::string name;
@@ -14,13 +14,13 @@ struct output_path {
 
 output_path output_path_of(const std::string &output);
 
-// The path of something else in the output's directory.
+// returns: the path of another name in the output's directory
 std::string output_path_text(const output_path &path, const std::string &name);
 
 struct output_place {
     int directory = -1;
     std::string directory_path;
-    std::string name;   // of the finished file there
+    std::string name;   // in the directory
     bool force = false; // an existing file may be replaced
 
     output_place() = default;
@@ -29,15 +29,18 @@ struct output_place {
     ~output_place();
 };
 
-// Checks that the file may be written, without touching anything. throws `failure`.
+// Checks that the output may be written, and changes nothing.
+// returns: the place; throws `failure`
 std::unique_ptr<output_place> output_place_open(const std::string &output, bool force);
 
-// Refuses an output that is one of the inputs. throws `failure`.
+// Refuses an output that is one of the inputs.
+// throws: `failure`
 void output_place_check_inputs(const std::string &output,
                                std::initializer_list<std::string> inputs);
 
-// Moves a file of the same file system, named in the directory `from`, to the place.
-// returns false with errno when it cannot.
+// Moves a file of the same file system to the output's place.
+// in: from, from_name: the file's directory and its name there
+// returns: false with errno when it cannot be moved
 [[nodiscard]] bool output_place_take(const output_place &place, int from,
                                      const std::string &from_name);
 

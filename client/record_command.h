@@ -1,11 +1,12 @@
-// One run of the command: from the input files to the finished recording.
+// tdmbrec record: from the input files to the finished recording.
 #ifndef CLIENT_RECORD_COMMAND_H
 #define CLIENT_RECORD_COMMAND_H
 
 #include "client/options.h"
 
-// Records, reports on standard error and standard output, and returns the exit code. Call before
-// any thread exists.
-int record(const record_options &options);
+// Records, and reports on standard error and standard output.
+// returns: the exit code
+// thread: the only one
+int record_run(const record_options &options);
 
 #endif // CLIENT_RECORD_COMMAND_H

@@ -18,11 +18,6 @@
 
 static constexpr char kCardProperty[] = "qvr.sdcard.db.status";
 
-[[noreturn]] static void fail(exit_code code, const std::string &what)
-{
-    throw failure(code, what + ": " + std::strerror(errno));
-}
-
 storage_root::~storage_root()
 {
     storage_discard(*this);
@@ -49,7 +44,7 @@ static void use_storage_itself(storage_root &root)
         throw failure(exit_code::storage, storage_refusal(errno));
     }
     if (flock(root.scratch, LOCK_EX | LOCK_NB) != 0) {
-        throw failure(exit_code::storage, "another recording is using /mnt/sdcard");
+        storage_refuse_in_use();
     }
     root.is_shared = true;
 }
@@ -58,12 +53,12 @@ static void provide_card(storage_root &root)
 {
     root.made_card = mkdirat(root.scratch, kCardName, 0700) == 0;
     if (!root.made_card && errno != EEXIST) {
-        fail(exit_code::storage, "the card cannot be provided");
+        fail_with_errno(exit_code::storage, "the card cannot be provided");
     }
     host_set_property(kCardProperty, "available");
 }
 
-// In /mnt/sdcard there may be recordings that were left.
+// Avoids the recordings that earlier commands left in /mnt/sdcard.
 static std::string choose_shared_name(const storage_root &root, const std::string &folder)
 {
     const std::string stem = folder + "tdmbrec-" + std::to_string(getpid());
@@ -83,11 +78,11 @@ static void choose_name(storage_root &root, bool card)
         return;
     }
     root.record_name = choose_shared_name(root, folder);
-    // For whoever finds the folder; a file system without links has to do without.
+    // Leads from the folder to the recording, where the file system has links.
     (void)symlinkat(storage_component_path(root).c_str(), root.folder.descriptor, kRecordingName);
 }
 
-// The path may mean something else to this process since /mnt has changed.
+// The folder shown below /mnt may hide the path from this process.
 static bool is_in_sight(const storage_root &root)
 {
     struct stat opened = {};
@@ -103,7 +98,7 @@ static void provide_folder(storage_root &root)
     if (storage_show(root.folder.descriptor)) {
         root.scratch = openat(root.folder.descriptor, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
         if (root.scratch < 0) {
-            fail(exit_code::output, root.folder.name);
+            fail_with_errno(exit_code::output, root.folder.name);
         }
     } else {
         use_storage_itself(root);
@@ -168,7 +163,7 @@ bool storage_is_out_of_sight(const storage_root &root)
     return root.was_in_sight && !is_in_sight(root);
 }
 
-// Whether the shell's limit is what keeps the file from growing.
+// returns: whether the shell's limit for files stops the recording
 static bool is_at_limit(const storage_root &root)
 {
     struct rlimit limit = {};
@@ -176,7 +171,8 @@ static bool is_at_limit(const storage_root &root)
            storage_recorded_bytes(root) >= limit.rlim_cur;
 }
 
-// Writes a little into the recording's folder. returns the reason why that fails, or 0.
+// Writes a block to the storage.
+// returns: the errno of the failure, or 0
 static int probe(const storage_root &root)
 {
     static constexpr char kName[] = "probe";
@@ -185,7 +181,7 @@ static int probe(const storage_root &root)
     if (file < 0) {
         return errno;
     }
-    errno = ENOSPC; // for a write in part
+    errno = ENOSPC; // the reason for a partial write, which sets none
     const bool is_written =
         write(file, kBlock.data(), kBlock.size()) == static_cast<ssize_t>(kBlock.size()) &&
         fsync(file) == 0;
@@ -226,7 +222,7 @@ static bool copy_bytes(int from, int to)
     return copied == 0 && fsync(to) == 0;
 }
 
-// The way to another file system: a copy that then takes the place of the link.
+// For a recording on another file system. The copy replaces the link.
 static bool copy_to_folder(const storage_root &root, int recording)
 {
     const int folder = root.folder.descriptor;
@@ -255,7 +251,7 @@ void storage_settle(storage_root &root)
 {
     const int recording = storage_open_recording(root);
     if (recording < 0) {
-        fail(exit_code::component, "the recorder component left no file");
+        fail_with_errno(exit_code::component, "the recorder component left no file");
     }
     const bool settled =
         fsync(recording) == 0 && (!root.is_shared || move_to_folder(root, recording));
@@ -263,7 +259,7 @@ void storage_settle(storage_root &root)
     close(recording);
     if (!settled) {
         errno = error;
-        fail(exit_code::output, "the file cannot be brought to the output's directory");
+        fail_with_errno(exit_code::output, "the file cannot be brought to the output's directory");
     }
 }
 
@@ -271,7 +267,7 @@ void storage_publish(storage_root &root)
 {
     const file_place place = place_of_recording(root);
     if (!output_place_take(*root.place, place.directory, place.name)) {
-        fail(exit_code::output, "the file cannot take the name " + root.place->name);
+        fail_with_errno(exit_code::output, "the file cannot take the name " + root.place->name);
     }
     storage_discard(root);
 }
@@ -287,14 +283,14 @@ unfinished_recording storage_look(const storage_root &root)
     return recording;
 }
 
-// Removes the component's files from /mnt/sdcard, or names them after the recording that is kept,
-// so that the next one does not write over them.
+// Removes the muxer's tables from /mnt/sdcard. Those of a recording that is kept are renamed after
+// it, so that the next recording does not overwrite them.
 static void clear_tables(const storage_root &root, bool is_kept)
 {
     const size_t slash = root.record_name.find('/');
     const std::string directory =
         slash == std::string::npos ? "" : root.record_name.substr(0, slash + 1);
-    for (const char *const name : kTableNames) {
+    for (const char *const name : kMuxTableNames) {
         const std::string table = directory + name;
         if (is_kept) {
             (void)renameat(root.scratch, table.c_str(), root.scratch,

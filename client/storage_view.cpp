@@ -12,17 +12,19 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-// The name at /mnt/sdcard is a link to a second one beside it, which leads to the folder: so a link
-// that a killed command has left differs from every link that somebody else has made.
+// /mnt/sdcard is a link to a second link beside it, which leads to the folder. This distinguishes
+// the link of a killed command from every other link of that name.
 static constexpr char kMount[] = "/mnt";
 static constexpr char kName[] = "sdcard";
 static constexpr char kOwnLink[] = ".tdmbrec-sdcard";
 
-static bool isolated;        // this process has a mount namespace of its own
-static int linked = -1;      // /mnt, locked, while the link is there
-static std::string refusals; // what was not allowed
-static uid_t user;           // an own namespace may have no name for it
+static bool isolated;        // in the private mount namespace
+static int linked = -1;      // /mnt, locked, while the link exists
+static std::string refusals; // of the system, for the user
+static uid_t user;           // taken before the namespace, which may have no name for it
 
+// Notes the call that failed, with errno.
+// returns: false
 static bool refuse(const std::string &what)
 {
     const int error = errno;
@@ -42,11 +44,11 @@ static bool write_file(const char *path, const std::string &text)
     return is_whole;
 }
 
-// In the new user namespace everyone keeps their numbers. Root would lose the right to other
-// users' files in it, and can link.
+// The user and the group keep their numbers in the new namespace. Not for root, who would lose the
+// right to other users' files, and can make the link.
 static bool enter_user_namespace(void)
 {
-    const gid_t group = getegid(); // within, both are nobody's until they are written down
+    const gid_t group = getegid(); // before the maps are written, the namespace has neither number
     if (user == 0 || unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) {
         return refuse("unshare");
     }
@@ -57,8 +59,8 @@ static bool enter_user_namespace(void)
            write_file("/proc/self/gid_map", gid + " " + gid + " 1");
 }
 
-// As a slave, the namespace keeps its own mounts to itself, and whoever unmounts the output's file
-// system gets the answer that it is in use.
+// A slave hides its own mounts from the system, and still receives the system's: an unmount of the
+// output's file system is refused as busy.
 void storage_isolate(void)
 {
     user = geteuid();
@@ -66,7 +68,7 @@ void storage_isolate(void)
                (mount(nullptr, "/", nullptr, MS_REC | MS_SLAVE, nullptr) == 0 || refuse("mount"));
 }
 
-// Calls with the folder as the current one, which needs no /proc.
+// Makes the call in the folder, which needs no path to it and no /proc.
 template <typename Call>
 static bool call_within(int folder, Call call)
 {
@@ -141,7 +143,7 @@ static bool link_folder(int folder, int directory)
     return is_linked;
 }
 
-// Under a lock of /mnt, that of everyone who has a link there.
+// Locks /mnt as long as the link exists.
 static bool show_link(int folder)
 {
     const int directory = open(kMount, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
@@ -152,7 +154,7 @@ static bool show_link(int folder)
     if (is_free || is_own_link(directory)) {
         if (flock(directory, LOCK_EX | LOCK_NB) != 0) {
             close(directory);
-            throw failure(exit_code::storage, "another recording is using /mnt/sdcard");
+            storage_refuse_in_use();
         }
         if (link_folder(folder, directory)) {
             linked = directory;
@@ -175,6 +177,11 @@ void storage_hide(void)
         close(linked);
         linked = -1;
     }
+}
+
+void storage_refuse_in_use(void)
+{
+    throw failure(exit_code::storage, std::string("another recording is using ") + kStorageMount);
 }
 
 std::string storage_refusal(int error)

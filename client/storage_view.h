@@ -1,8 +1,8 @@
-// How the component comes to see a folder as /mnt/sdcard.
+// Shows a folder to the component as /mnt/sdcard.
 //
-// In a mount namespace of this process's own, the folder is mounted there. Where that is not
-// allowed, as in most containers, whoever may write to /mnt gets a symbolic link there for the time
-// of the recording, provided that nothing else has the name.
+// The folder is mounted there in a private mount namespace. Where that is not allowed, as in most
+// containers, it is a symbolic link there during the recording, if /mnt is writable and nothing
+// else has the name.
 #ifndef CLIENT_STORAGE_VIEW_H
 #define CLIENT_STORAGE_VIEW_H
 
@@ -10,19 +10,26 @@
 
 inline constexpr char kStorageMount[] = "/mnt/sdcard";
 
-// Enters the private mount namespace where that is allowed. Call before any thread exists.
+// Enters the private mount namespace, where that is allowed.
+// thread: the only one
 void storage_isolate(void);
 
-// Shows the folder, a descriptor, at /mnt/sdcard. Paths below /mnt may mean something else from
-// here on. returns false when only what is there already can serve, if anything.
-// throws `failure` when another recording has its folder there.
+// Shows the folder at /mnt/sdcard. Other paths below /mnt may change their meaning.
+// in: folder: its descriptor
+// returns: false when that is not possible; an existing /mnt/sdcard may serve instead; throws
+//          `failure` when another recording has its folder there
 [[nodiscard]] bool storage_show(int folder);
 
-// Takes back what would outlast the process. May be called twice. thread: any.
+// Removes the links, which would outlast the process. May be called twice.
+// thread: any
 void storage_hide(void);
 
-// The sentence for a user whose folder could not be shown, nor that which is there be used.
-// in: what prevents that, an errno.
+// Reports that another recording uses /mnt/sdcard.
+// throws: `failure`
+[[noreturn]] void storage_refuse_in_use(void);
+
+// in: error: errno of the attempt to use the existing /mnt/sdcard
+// returns: the sentence for a user whose folder could not be shown, with all reasons and the remedy
 std::string storage_refusal(int error);
 
 #endif // CLIENT_STORAGE_VIEW_H

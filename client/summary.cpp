@@ -5,16 +5,16 @@
 #include <cmath>
 #include <nlohmann/json.hpp>
 
-static double bit_rate(uint64_t bytes, double seconds)
+static double bit_rate(uint64_t bytes, double duration_s)
 {
-    return seconds > 0 ? static_cast<double>(bytes) * 8 / seconds : 0;
+    return duration_s > 0 ? static_cast<double>(bytes) * 8 / duration_s : 0;
 }
 
-static std::string track_text(const char *name, const track_summary &track, double seconds)
+static std::string track_text(const char *name, const track_summary &track, double duration_s)
 {
     return format_text("  %s  %llu frames, %.0f kbit/s\n", name,
                        static_cast<unsigned long long>(track.frames),
-                       bit_rate(track.bytes, seconds) / 1000);
+                       bit_rate(track.bytes, duration_s) / 1000);
 }
 
 std::string summary_text(const recording_summary &summary)

@@ -1,4 +1,4 @@
-// What is told at the end of a recording, as text and as data.
+// The summary of a recording, as text and as JSON.
 #ifndef CLIENT_SUMMARY_H
 #define CLIENT_SUMMARY_H
 
@@ -10,18 +10,20 @@
 
 struct recording_summary {
     std::string output;
-    std::optional<file_summary> file; // nothing: no file was left
-    std::string ended;                // why, in words
+    std::optional<file_summary> file; // nothing: no file was made
+    std::string ended;                // the reason, for the user
     std::optional<uint32_t> stop_reason;
-    std::string error; // what went wrong first; empty when nothing did
-    std::string kept;  // where what was recorded stays without having taken the output's name
+    std::string error; // the first failure; empty: none
+    std::string kept;  // the place of a recording that did not become the output
     std::vector<std::string> remarks;
     int status = 0; // exit code
     double elapsed_s = 0;
 };
 
-// The summary in a few lines, and as one JSON object; both end in a newline.
+// returns: a few lines, the last one with its newline
 std::string summary_text(const recording_summary &summary);
+
+// returns: one JSON object and a newline
 std::string summary_json(const recording_summary &summary);
 
 #endif // CLIENT_SUMMARY_H

@@ -3,6 +3,7 @@
 #include "client/output_place.h"
 #include "client/report/figures.h"
 
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -29,7 +30,7 @@ static uint64_t read_number(const uint8_t *bytes, unsigned width)
     return number;
 }
 
-// returns 1, 0 at the end of the file, -1 when it cannot be read.
+// returns: 1; 0 at the end of the file; -1 when it cannot be read
 static int read_header(int file, uint64_t at, box_header &header)
 {
     const ssize_t got =
@@ -46,12 +47,12 @@ static int read_header(int file, uint64_t at, box_header &header)
     return 1;
 }
 
-// The component's head, up to the media data, is shorter than this.
+// The component writes less than this before the media data.
 static constexpr uint64_t kHeadBytesMax = 64;
 
 static recording_state judge(int file, uint64_t size)
 {
-    // What is longer than a head without a sign of media data is damaged, not empty.
+    // A longer file without a media data box is damaged, not empty.
     recording_state state =
         size > kHeadBytesMax ? recording_state::unfinished : recording_state::empty;
     box_header header;
@@ -98,8 +99,7 @@ unfinished_recording unfinished_recording_look(int directory, const std::string 
     return recording;
 }
 
-// in: such a folder; the recording's place is that of the folder, or of the file where there is
-// one.
+// returns: the first file with media data; without one, the place is the folder's
 static unfinished_recording look_into(int folder, const std::string &folder_path)
 {
     for (const std::string &name :
@@ -116,7 +116,7 @@ static unfinished_recording look_into(int folder, const std::string &folder_path
 
 static void remove_files(int folder)
 {
-    for (const char *const name : kTableNames) {
+    for (const char *const name : kMuxTableNames) {
         unlinkat(folder, name, 0);
     }
     unlinkat(folder, kRecordingName, 0);
@@ -195,13 +195,13 @@ std::string unfinished_recording_text(const std::string &output,
 std::string kept_text(const unfinished_recording &recording)
 {
     if (recording.file == recording_state::unreachable) {
-        return "what was recorded stays as " + recording.place +
-               ", which cannot be opened: it belongs to another user, or its storage is not there";
+        return "the recorded data is kept as " + recording.place +
+               ", which cannot be opened: it belongs to another user, or its storage is missing";
     }
-    const std::string size = " (" + size_text(recording.bytes) + ") stays as " + recording.place;
+    const std::string size = " (" + size_text(recording.bytes) + ") is kept as " + recording.place;
     return recording.file == recording_state::finished
                ? "the finished file" + size + ": move it to where it is wanted"
-               : "what was recorded" + size +
+               : "the recorded data" + size +
                      ", which players cannot open as it is: keep the folder to have the file "
                      "repaired, or delete it";
 }

@@ -1,32 +1,27 @@
-// What a recording that is not finished consists of on the disk, and what was left of earlier ones.
+// The files of an unfinished recording, and the search for those that earlier commands left.
 #ifndef CLIENT_UNFINISHED_RECORDING_H
 #define CLIENT_UNFINISHED_RECORDING_H
 
 #include "client/locked_folder.h"
 
-#include <array>
 #include <cstdint>
-#include <span>
 #include <string>
 #include <vector>
 
-// The folder beside the output has the output's name with this after it.
-inline constexpr char kRecordingSuffix[] = ".recording";
+inline constexpr char kRecordingSuffix[] = ".recording"; // of the folder beside the output
 
-// In the folder, or below it on the card: the recording, and the component's own files.
+// The recording, in the folder or on the card below it.
 inline constexpr char kRecordingName[] = "recording.mp4";
 inline constexpr char kCardName[] = "tflash";
-inline constexpr std::array<const char *, 6> kTableNames = {
-    "a_stco.tmp", "a_stsz.tmp", "v_stco.tmp", "v_stsz.tmp", "v_stss.tmp", "v_stts_dts.tmp"};
 
-// The copy of a finished recording from another file system, while it is made.
+// The copy of a finished recording from another file system, until it is complete.
 inline constexpr char kCopyName[] = "copy.mp4";
 
 enum class recording_state {
-    empty,      // nothing that was recorded, or no file
-    unfinished, // media data without a whole movie box, or a file that nobody can judge
+    empty,      // no media data, or no file
+    unfinished, // media data without a complete movie box, or a file that cannot be read
     finished,
-    unreachable, // a file that cannot be opened, or a link to storage that is not there
+    unreachable, // a file that cannot be opened, or a link to missing storage
 };
 
 struct unfinished_recording {
@@ -36,23 +31,24 @@ struct unfinished_recording {
     uint64_t bytes = 0;
 };
 
-// Judges a file by its boxes. Its place is the caller's to tell.
+// Judges a file by its boxes.
+// returns: all but the place, which the caller knows
 unfinished_recording unfinished_recording_look(int directory, const std::string &name);
 
-// Removes such a folder, unless it holds media data or what is not of a recording.
+// Removes the folder, unless it holds media data or other files.
 void unfinished_recording_clear(int directory, const locked_folder &folder);
 
-// The recordings to an output that are not finished: under way in another process, or left by one.
+// returns: the unfinished recordings to an output, under way in another process or left by one
 std::vector<unfinished_recording> unfinished_recordings_of(const std::string &output);
 
-// Removes what was left without media data.
+// Removes the folders that were left without media data.
 void unfinished_recordings_clear(const std::string &output);
 
-// One sentence about one of them, without a full stop.
+// returns: one sentence about such a recording, without a full stop
 std::string unfinished_recording_text(const std::string &output,
                                       const unfinished_recording &recording);
 
-// What there is of it, where, and what to do with it; the end of a sentence.
+// returns: its kind, size and place and what to do with it, as the end of a sentence
 std::string kept_text(const unfinished_recording &recording);
 
 #endif // CLIENT_UNFINISHED_RECORDING_H

@@ -2,36 +2,26 @@
 
 #include "client/failure.h"
 
-#include <cerrno>
-#include <cstring>
 #include <fcntl.h>
 #include <mutex>
 #include <sys/file.h>
 #include <unistd.h>
 
-// A command has one folder at most.
-static std::mutex folder_lock;
-static const work_folder *folder_in_use; // under folder_lock
+static std::mutex folder_lock;           // held from an abort to the end of the process
+static const work_folder *folder_in_use; // the only one of the command; under folder_lock
 
-[[noreturn]] static void fail(const std::string &what)
-{
-    throw failure(exit_code::output, what + ": " + std::strerror(errno));
-}
+static constexpr char kFolderSuffix[] = ".part"; // after the output's name
 
-// The folder beside the output has the output's name with this after it.
-static constexpr char kSuffix[] = ".part";
-
-// All that is ever in it: what the commands make, and the muxer's tables.
-static constexpr const char *kFileNames[] = {"stream.aac", "movie.mp4",  "page.html",
-                                             "a_stco.tmp", "a_stsz.tmp", "v_stco.tmp",
-                                             "v_stsz.tmp", "v_stss.tmp", "v_stts_dts.tmp"};
-
-// The commands' own folders have it; what another has made is left alone.
+// Marks a folder that a command has made. A folder without it belongs to someone else.
 static constexpr char kMark[] = ".tdmbrec";
 
+// Removes only the files that a command makes; a folder with any other file stays.
 static void remove_folder(int directory, const locked_folder &folder)
 {
-    for (const char *const name : kFileNames) {
+    for (const char *const name : {kWorkStream, kWorkMovie, kWorkPage}) {
+        unlinkat(folder.descriptor, name, 0);
+    }
+    for (const char *const name : kMuxTableNames) {
         unlinkat(folder.descriptor, name, 0);
     }
     unlinkat(folder.descriptor, kMark, 0);
@@ -43,7 +33,7 @@ static void mark_folder(const locked_folder &folder)
     const int mark =
         openat(folder.descriptor, kMark, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
     if (mark < 0) {
-        fail(folder.name);
+        fail_with_errno(exit_code::output, folder.name);
     }
     close(mark);
 }
@@ -63,18 +53,19 @@ work_folder::~work_folder()
     }
 }
 
-void work_folder_give_up(void)
+void work_folder_abort(void)
 {
-    folder_lock.lock(); // until the process is gone
+    folder_lock.lock();
     if (folder_in_use != nullptr) {
         remove_folder(folder_in_use->place->directory, folder_in_use->folder);
     }
 }
 
-// What a killed command left can be made again from the same inputs.
+// Nothing is lost: the same inputs give the same file again.
 static void remove_left(const output_place &place)
 {
-    for (const std::string &name : locked_folder_names(place.directory, place.name, kSuffix)) {
+    for (const std::string &name :
+         locked_folder_names(place.directory, place.name, kFolderSuffix)) {
         found_folder found;
         if (locked_folder_find(found, place.directory, name, LOCK_EX) &&
             found.state == folder_state::left && is_marked(found.folder)) {
@@ -87,7 +78,7 @@ static void make_folder(work_folder &work)
 {
     const std::lock_guard<std::mutex> guard(folder_lock);
     remove_left(*work.place);
-    work.folder = locked_folder_make(work.place->directory, work.place->name, kSuffix);
+    work.folder = locked_folder_make(work.place->directory, work.place->name, kFolderSuffix);
     folder_in_use = &work;
     mark_folder(work.folder);
 }
@@ -108,7 +99,7 @@ std::string work_folder_path(const work_folder &folder, const std::string &name)
 void work_folder_publish(const work_folder &folder, const std::string &name)
 {
     if (!output_place_take(*folder.place, folder.folder.descriptor, name)) {
-        fail(folder.place->name);
+        fail_with_errno(exit_code::output, folder.place->name);
     }
 }
 
@@ -116,7 +107,7 @@ work_file::work_file(const work_folder &folder, const std::string &name)
     : file(std::fopen(work_folder_path(folder, name).c_str(), "wbx"))
 {
     if (file == nullptr) {
-        fail(folder.place->name);
+        fail_with_errno(exit_code::output, folder.place->name);
     }
 }
 
@@ -130,7 +121,7 @@ work_file::~work_file()
 void work_file_write(work_file &out, std::span<const uint8_t> bytes)
 {
     if (std::fwrite(bytes.data(), 1, bytes.size(), out.file) != bytes.size()) {
-        fail("the output cannot be written");
+        fail_with_errno(exit_code::output, "the output cannot be written");
     }
     out.bytes += bytes.size();
 }
@@ -141,6 +132,6 @@ void work_file_finish(work_file &out)
     const bool closed = std::fclose(out.file) == 0;
     out.file = nullptr;
     if (!written || !closed) {
-        fail("the output cannot be written");
+        fail_with_errno(exit_code::output, "the output cannot be written");
     }
 }

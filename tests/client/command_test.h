@@ -1,4 +1,4 @@
-// A directory of its own for each test of the command, and ways to run shell lines in it.
+// Gives each test of the command its own directory, and runs shell lines in it.
 #ifndef TESTS_CLIENT_COMMAND_TEST_H
 #define TESTS_CLIENT_COMMAND_TEST_H
 
@@ -13,17 +13,19 @@
 #include <sys/wait.h>
 
 #define TDMBREC TDMBREC_COMMAND " "
+#define RECORD TDMBREC "record "
+#define SCRIPTED "TDMBREC_COMPONENT_PATH=" SCRIPTED_COMPONENT
 #define SAMPLE "--video programme.h264 --audio programme.wav "
 #define TIMED_SAMPLE "-fflags +genpts -r 30 -i programme.h264 "
 
-// In a shell line: waits until what is under way has begun to write below a folder.
+// In a shell line: waits until a command has begun to write below a folder.
 #define AWAIT_OUTPUT(folder)                                                                       \
     "for i in $(seq 3000); do find " folder " -type f ! -name \"*.wav\" ! -name \"*.h264\" "       \
     "! -name a.mp4 | grep . && break; sleep 0.1; done >&2; "
 
 using name_set = std::set<std::string>;
 
-inline const name_set SAMPLE_ALONE = {"programme.h264", "programme.wav"};
+inline const name_set kSampleAlone = {"programme.h264", "programme.wav"};
 
 struct command_result {
     int status; // exit code, or 1000 plus the signal that killed it
@@ -52,7 +54,7 @@ class CommandTest : public testing::Test {
         ASSERT_NE(mkdtemp(place.data()), nullptr);
         directory = place;
         setenv("TDMBREC_BUILD", kBuildFolder.c_str(), 1); // for TDMBREC_COMMAND and the like
-        for (const std::string &name : SAMPLE_ALONE) {
+        for (const std::string &name : kSampleAlone) {
             std::filesystem::copy_file(source_file("samples/" + name), directory / name);
         }
     }
@@ -62,7 +64,7 @@ class CommandTest : public testing::Test {
         std::filesystem::remove_all(directory);
     }
 
-    // Runs a shell command line in the directory. Words come from the tests alone.
+    // Runs a shell line in the directory. The words are the tests' own, and need no quotes.
     command_result shell(const std::string &line)
     {
         const std::string place = directory.string() + "-";

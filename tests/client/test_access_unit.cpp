@@ -5,17 +5,16 @@
 using bytes = std::vector<uint8_t>;
 using enum unit_verdict;
 
-// Sets whose identifier is 0; slice headers that begin with first_mb_in_slice 0 and a P, I or B
-// slice_type.
-static const bytes SPS = {0x67, 0x42, 0xC0, 0x0D, 0xDB, 0x05};
-static const bytes PPS = {0x68, 0xCA, 0x8C};
-static const bytes IDR = {0x65, 0x88, 0x84, 0x21};
-static const bytes P_SLICE = {0x41, 0x9A, 0x02};
-static const bytes B_SLICE = {0x01, 0x9E, 0x02}; // slice_type 6
-static const bytes SEI = {0x06, 0x05, 0x01, 0x80};
-static const bytes DELIMITER = {0x09, 0xF0};
-static const bytes SECOND_PPS = {0x68, 0x4C, 0x8C};         // identifier 1
-static const bytes SECOND_SLICE = {0x65, 0x24, 0x44, 0x21}; // first_mb_in_slice 8
+// The sets have identifier 0. The slices have first_mb_in_slice 0 and a P, I or B slice_type.
+static const bytes kSps = {0x67, 0x42, 0xC0, 0x0D, 0xDB, 0x05};
+static const bytes kPps = {0x68, 0xCA, 0x8C};
+static const bytes kIdr = {0x65, 0x88, 0x84, 0x21};
+static const bytes kPSlice = {0x41, 0x9A, 0x02};
+static const bytes kBSlice = {0x01, 0x9E, 0x02}; // slice_type 6
+static const bytes kSei = {0x06, 0x05, 0x01, 0x80};
+static const bytes kDelimiter = {0x09, 0xF0};
+static const bytes kSecondPps = {0x68, 0x4C, 0x8C};         // identifier 1
+static const bytes kSecondSlice = {0x65, 0x24, 0x44, 0x21}; // first_mb_in_slice 8
 
 static bytes operator+(bytes left, const bytes &right)
 {
@@ -35,26 +34,26 @@ static bytes units(std::initializer_list<bytes> nals, const bytes &start_code = 
 static bytes avcc(uint8_t length_bytes)
 {
     const uint8_t coded = static_cast<uint8_t>(0xFC | (length_bytes - 1));
-    return bytes{1, 0x42, 0xC0, 0x0D, coded, 0xE1, 0, 6} + SPS + bytes{1, 0, 3} + PPS;
+    return bytes{1, 0x42, 0xC0, 0x0D, coded, 0xE1, 0, 6} + kSps + bytes{1, 0, 3} + kPps;
 }
 
-TEST(AccessUnitConverter, BecomesAFilesConfigurationAndSamples)
+TEST(AccessUnitConverter, MakesAFilesConfigurationAndSamples)
 {
     access_unit_converter converter;
     access_unit unit;
-    ASSERT_EQ(access_unit_convert(converter, units({SPS, PPS, IDR}), unit), ready);
-    EXPECT_EQ(access_unit_configuration(converter), units({SPS, PPS}));
-    ASSERT_EQ(
-        access_unit_convert(converter = {}, units({SPS, PPS, SECOND_PPS, IDR, SECOND_SLICE}), unit),
-        ready);
-    bytes record = avcc(4) + bytes{0, 3} + SECOND_PPS; // a second picture set behind the first
+    ASSERT_EQ(access_unit_convert(converter, units({kSps, kPps, kIdr}), unit), ready);
+    EXPECT_EQ(access_unit_configuration(converter), units({kSps, kPps}));
+    ASSERT_EQ(access_unit_convert(converter = {},
+                                  units({kSps, kPps, kSecondPps, kIdr, kSecondSlice}), unit),
+              ready);
+    bytes record = avcc(4) + bytes{0, 3} + kSecondPps; // after the first picture set
     record[record.size() - 2 * 5 - 1] = 2;
     EXPECT_EQ(access_unit_configuration(converter), record);
     EXPECT_EQ(access_unit_with_lengths(unit),
-              (bytes{0, 0, 0, 4} + IDR + bytes{0, 0, 0, 4} + SECOND_SLICE));
+              (bytes{0, 0, 0, 4} + kIdr + bytes{0, 0, 0, 4} + kSecondSlice));
 }
 
-// Access units of one stream in turn, and what becomes of them.
+// An access unit of a stream, and the expected result.
 struct step {
     bytes packet;
     unit_verdict verdict;
@@ -71,49 +70,49 @@ static void expect_stream(const bytes &configuration, std::initializer_list<step
         ASSERT_EQ(access_unit_convert(converter, packet, unit), verdict);
         if (verdict == ready) {
             EXPECT_EQ(unit.bytes, expected);
-            EXPECT_EQ(unit.idr, expected[4] == SPS[0]);
-            EXPECT_EQ(unit.bi_predicted, expected == units({B_SLICE}));
+            EXPECT_EQ(unit.idr, expected[4] == kSps[0]);
+            EXPECT_EQ(unit.bi_predicted, expected == units({kBSlice}));
         }
     }
 }
 
-TEST(AccessUnitConverter, ConvertsStartCodesAndReportsWhatCannotBeRecorded)
+TEST(AccessUnitConverter, ConvertsStartCodesAndReportsUnsupportedStreams)
 {
-    const bytes whole = units({SPS, PPS, IDR});
-    const bytes both = units({SPS, PPS, SECOND_PPS, IDR, SECOND_SLICE});
-    const bytes mixed = units({DELIMITER}) + units({SPS}, {0, 0, 1}) + units({PPS}) +
-                        units({SEI, IDR}, {0, 0, 1}) + bytes{0, 0} + units({{0x0C, 0xFF, 0x80}});
-    // The sets stand in front of every IDR picture once, and of no other picture.
+    const bytes whole = units({kSps, kPps, kIdr});
+    const bytes both = units({kSps, kPps, kSecondPps, kIdr, kSecondSlice});
+    const bytes mixed = units({kDelimiter}) + units({kSps}, {0, 0, 1}) + units({kPps}) +
+                        units({kSei, kIdr}, {0, 0, 1}) + bytes{0, 0} + units({{0x0C, 0xFF, 0x80}});
+    // The sets are before every IDR picture once, and before no other picture.
     expect_stream({}, {{mixed, ready, whole},
-                       {units({P_SLICE}), ready, units({P_SLICE})},
-                       {units({B_SLICE}, {0, 0, 1}), ready, units({B_SLICE})},
-                       {units({IDR}, {0, 0, 1}), ready, whole},
-                       {units({SPS, SPS, PPS, PPS, PPS, IDR}), ready, whole},
-                       {units({SPS, P_SLICE}), ready, units({P_SLICE})},
+                       {units({kPSlice}), ready, units({kPSlice})},
+                       {units({kBSlice}, {0, 0, 1}), ready, units({kBSlice})},
+                       {units({kIdr}, {0, 0, 1}), ready, whole},
+                       {units({kSps, kSps, kPps, kPps, kPps, kIdr}), ready, whole},
+                       {units({kSps, kPSlice}), ready, units({kPSlice})},
                        {units({{0x62, 0x88, 0x84}}), partitioned}});
-    expect_stream({}, {{units({IDR}), no_sets},
-                       {units({SPS, IDR}), no_sets},
-                       {units({PPS, DELIMITER}), empty},
-                       {units({IDR}), ready, whole}});
-    // Without its first slice a picture is not whole.
-    expect_stream(units({PPS, SECOND_PPS, SPS}, {0, 0, 1}),
-                  {{units({IDR, SECOND_SLICE}), ready, both}, {units({SECOND_SLICE}), malformed}});
+    expect_stream({}, {{units({kIdr}), no_sets},
+                       {units({kSps, kIdr}), no_sets},
+                       {units({kPps, kDelimiter}), empty},
+                       {units({kIdr}), ready, whole}});
+    // A picture without its first slice is damaged.
+    expect_stream(units({kPps, kSecondPps, kSps}, {0, 0, 1}),
+                  {{units({kIdr, kSecondSlice}), ready, both}, {units({kSecondSlice}), malformed}});
 }
 
-TEST(AccessUnitConverter, KeepsTheFirstSetsAndSaysWhichOthersTheStreamHas)
+TEST(AccessUnitConverter, KeepsTheFirstSetsAndReportsOthers)
 {
-    const bytes whole = units({SPS, PPS, IDR}), other = {0x68, 0xCA, 0x88}, none;
+    const bytes whole = units({kSps, kPps, kIdr}), other = {0x68, 0xCA, 0x88}, none;
     const struct {
         bytes packet, others;
         unsigned damaged;
     } steps[] = {{whole, none, 0},
-                 {units({other, IDR}), units({SPS, other}), 0},
-                 {units({IDR}), units({SPS, other}), 0}, // repeated or not, it is what is there
+                 {units({other, kIdr}), units({kSps, other}), 0},
+                 {units({kIdr}), units({kSps, other}), 0}, // not repeated, but still in force
                  {whole, none, 0},
-                 {units({SECOND_PPS, IDR}), units({SPS, PPS, SECOND_PPS}), 0},
-                 {units({IDR}), none, 0}, // not repeated, it was none of the stream's
-                 {units({{0x67, 0x42, 0xC0}, IDR}), none, 1}, // without its identifier
-                 {units({bytes{0x68}, IDR}), none, 2}};
+                 {units({kSecondPps, kIdr}), units({kSps, kPps, kSecondPps}), 0},
+                 {units({kIdr}), none, 0},                     // not repeated, so it was damage
+                 {units({{0x67, 0x42, 0xC0}, kIdr}), none, 1}, // without its identifier
+                 {units({bytes{0x68}, kIdr}), none, 2}};
     access_unit_converter converter;
     access_unit unit;
     for (const auto &[packet, others, damaged] : steps) {
@@ -129,7 +128,8 @@ TEST(AccessUnitConverter, TakesLengthsOfEverySizeWithTheContainersSets)
     for (const uint8_t size : {uint8_t{1}, uint8_t{2}, uint8_t{4}}) {
         bytes length(size);
         length.back() = 4; // of both units
-        expect_stream(avcc(size), {{units({SEI, IDR}, length), ready, units({SPS, PPS, IDR})}});
+        expect_stream(avcc(size),
+                      {{units({kSei, kIdr}, length), ready, units({kSps, kPps, kIdr})}});
     }
 }
 

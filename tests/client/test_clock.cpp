@@ -1,5 +1,5 @@
-// Picture and sound across jumps of the broadcast's clock and losses: programmes that flash and
-// beep once a second are recorded, and both are found again in the decoded recording.
+// Picture and sound across clock jumps and losses. Programmes that flash and beep once a second are
+// recorded, and both are found in the decoded recording.
 #include "tests/client/command_test.h"
 
 #include <algorithm>
@@ -9,8 +9,9 @@
 #include <sstream>
 #include <vector>
 
+static constexpr size_t kPacketBytes = 188;
 static constexpr double kPictureMs = 1000.0 / 30;
-// Second by second, flashes and beeps have one of five levels, from 1 on.
+// The flash and the beep of a second have the same one of five levels.
 static constexpr double kLoudnessStep = 0.15 * 32768;
 static constexpr double kBrightnessStep = 40 * 255.0 / 219; // from limited to full range
 
@@ -21,7 +22,7 @@ struct event {
 
 struct part {
     double video_s, audio_s; // of ten seconds of the programme
-    double clock_s;          // of its begin
+    double clock_s;          // at its begin
 };
 
 struct clock_case {
@@ -31,7 +32,7 @@ struct clock_case {
     bool loses = false; // packets of the sound
 };
 
-static const clock_case cases[] = {
+static const clock_case clock_cases[] = {
     {"no jump", {{8, 8, 10}}, 0},
     {"join", {{8, 8, 10}, {8, 8, 10}}, 1},
     {"hours ahead, sound ends first", {{8, 7.2, 0}, {8, 8, 3600}}, 1},
@@ -49,11 +50,11 @@ static const clock_case cases[] = {
     {"losses", {{8, 8, 10}, {8, 8, 18}, {8, 8, 0}}, 1, true},
 };
 
-// Leaves out TS packets of the second stream, the sound, but none of those around a beep.
+// Leaves out TS packets of the sound, the second stream, but none around a beep.
 static std::string lose_packets(const std::string &stream, double seconds)
 {
     std::vector<size_t> sound;
-    for (size_t at = 0; at < stream.size(); at += 188) {
+    for (size_t at = 0; at < stream.size(); at += kPacketBytes) {
         if ((stream[at + 1] & 0x1F) == 1 && stream[at + 2] == 1) {
             sound.push_back(at);
         }
@@ -63,7 +64,7 @@ static std::string lose_packets(const std::string &stream, double seconds)
         const double phase =
             std::fmod(seconds * static_cast<double>(i) / static_cast<double>(sound.size()), 1);
         if (i % 9 == 0 && (phase < 0.44 || phase > 0.65)) {
-            left.erase(sound[i], 188);
+            left.erase(sound[i], kPacketBytes);
         }
     }
     return left;
@@ -80,13 +81,12 @@ class SharedClock : public CommandTest {
             "-f lavfi -i \"aevalsrc='if(between(mod(t,1),0.5,0.6),0.15*(1+mod(floor(t),5))"
             "*sin(2000*PI*t),0)':s=48000:d=60\" -c:v libx264 -g 1 -bf 0 -pix_fmt yuv420p -c:a mp2 "
             "-b:a 128k programme.mkv");
-        if (made.status != 0 || shell(TDMBREC "record " SAMPLE "-o out.mp4").status == 6) {
+        if (made.status != 0 || shell(RECORD "" SAMPLE "-o out.mp4").status == 6) {
             GTEST_SKIP() << "no ffmpeg here, or no storage: " << made.err;
         }
     }
 
-    // Makes in.ts.
-    void make(const clock_case &which)
+    void make_in_ts(const clock_case &which)
     {
         std::ostringstream inputs;
         std::ostringstream outputs;
@@ -151,17 +151,19 @@ class SharedClock : public CommandTest {
         return found;
     }
 
-    // From each flash to its beep, in ms, unless one of them was cut off.
-    std::vector<double> offsets()
+    // The times from each flash to its beep, unless one of them was cut off.
+    std::vector<double> offsets_ms()
     {
         std::vector<double> found;
         decode();
-        const std::vector<event> sounds = beeps();
+        const std::vector<event> all_beeps = beeps();
         for (const event &flash : flashes()) {
-            const auto beep = std::find_if(sounds.begin(), sounds.end(), [&](const event &sound) {
-                return sound.level == flash.level && std::abs(sound.time_s - flash.time_s) < 2.4;
-            });
-            if (beep != sounds.end()) {
+            const auto beep =
+                std::find_if(all_beeps.begin(), all_beeps.end(), [&](const event &sound) {
+                    return sound.level == flash.level &&
+                           std::abs(sound.time_s - flash.time_s) < 2.4;
+                });
+            if (beep != all_beeps.end()) {
                 found.push_back((beep->time_s - flash.time_s) * 1000);
             }
         }
@@ -171,16 +173,16 @@ class SharedClock : public CommandTest {
 
 TEST_F(SharedClock, KeepsPictureAndSoundTogetherAcrossJumpsAndLosses)
 {
-    for (const clock_case &which : cases) {
+    for (const clock_case &which : clock_cases) {
         SCOPED_TRACE(which.name);
-        make(which);
-        const command_result result = shell(TDMBREC "record in.ts -f -o out.mp4");
+        make_in_ts(which);
+        const command_result result = shell(RECORD "in.ts -f -o out.mp4");
         ASSERT_EQ(result.status, 0) << result.err;
         const std::string jumps =
             "jumps of the clock closed: " + std::to_string(which.jumps) + "\n";
         EXPECT_EQ(contains(result.err, "jumps"), which.jumps > 0) << result.err;
         EXPECT_EQ(contains(result.err, jumps), which.jumps > 0) << result.err;
-        const std::vector<double> found = offsets();
+        const std::vector<double> found = offsets_ms();
         EXPECT_GE(found.size(), 2 + 6 * (which.parts.size() - 1));
         for (size_t i = 0; i < found.size(); i++) {
             EXPECT_NEAR(found[i], found[i > 0 ? i - 1 : 0], kPictureMs) << i;

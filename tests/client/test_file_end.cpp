@@ -1,4 +1,4 @@
-// Files of every length that a whole file can be cut to.
+// The detection of cut files, for every length of a file.
 #include "client/input/file_end.h"
 
 #include <gtest/gtest.h>
@@ -15,7 +15,7 @@ static bytes operator+(bytes left, const bytes &right)
     return left;
 }
 
-// The lengths at which the file passes for whole.
+// The lengths at which the file counts as complete.
 static std::set<size_t> whole_lengths(const char *format, const bytes &file)
 {
     std::set<size_t> lengths;
@@ -37,7 +37,8 @@ TEST(FileEnd, ShowsInWaveAndMatroskaFilesOfEveryLength)
                        bytes{'L', 'I', 'S', 'T', 3, 0, 0, 0, 1, 2, 3, 0} +
                        bytes{'d', 'a', 't', 'a', 9, 0, 0, 0} + bytes(9);
     std::set<size_t> whole = whole_lengths("wav", wave);
-    EXPECT_EQ(whole.upper_bound(31), whole.find(wave.size())); // the data's head is there by then
+    EXPECT_EQ(whole.upper_bound(31),
+              whole.find(wave.size())); // the header of the data box is complete by then
 
     const bytes block = bytes{0xA3, 0x85} + bytes(5), header = {0x1A, 0x45, 0xDF, 0xA3, 0x81, 7};
     const bytes segment = {0x18, 0x53, 0x80, 0x67}, cluster = {0x1F, 0x43, 0xB6, 0x75};
@@ -45,7 +46,7 @@ TEST(FileEnd, ShowsInWaveAndMatroskaFilesOfEveryLength)
     const bytes sized =
         header + segment + bytes{0x40, 26} + cluster + bytes{0x95} + block + block + block;
     EXPECT_EQ(whole_lengths("matroska,webm", sized), (std::set<size_t>{6, sized.size()}));
-    // Without sizes, the ends of elements are as good as any.
+    // Without sizes, every end of an element may be the end of the file.
     const bytes unsized = header + segment + live + cluster + live + block + block;
     EXPECT_EQ(whole_lengths("matroska,webm", unsized), (std::set<size_t>{6, 18, 30, 37, 44}));
 }
@@ -66,7 +67,8 @@ TEST(FileEnd, ShowsInTransportStreamsOfEveryLength)
     } forms[] = {{plain, 188, 0}, {timed, 192, 0}, {checked, 204, 16}};
     for (const auto &[file, stride, spare] : forms) {
         const std::set<size_t> whole = whole_lengths("mpegts", file);
-        for (size_t size = 9 * stride; size <= file.size(); size++) { // enough to know the form
+        for (size_t size = 9 * stride; size <= file.size();
+             size++) { // enough packets to detect the form
             const bool is_whole = size % stride == 0 || (size + spare) % stride == 0;
             EXPECT_EQ(whole.count(size) > 0, is_whole) << stride << " " << size;
         }

@@ -1,4 +1,4 @@
-// The report on files that are whole, damaged and hostile.
+// The report on intact, damaged and hostile files.
 #include "client/report/figures.h"
 #include "client/report/info_page.h"
 #include "client/report/info_text.h"
@@ -24,7 +24,7 @@ class InfoCommand : public CommandTest {
         ASSERT_GT(whole.size(), 500000u);
     }
 
-    // The report in every form; only the text is looked at.
+    // returns: the report as text; the other forms are made as well
     static std::string report_on(std::span<const uint8_t> image)
     {
         const media_report report = media_report_make("name", image);
@@ -33,8 +33,8 @@ class InfoCommand : public CommandTest {
         return info_text(report);
     }
 
-    // The position behind the n-th box of this type.
-    size_t behind(const std::string &type, unsigned number = 0) const
+    // returns: the position after the n-th type field with these characters
+    size_t after(const std::string &type, unsigned number = 0) const
     {
         auto at = std::search(whole.begin(), whole.end(), type.begin(), type.end());
         for (; number > 0; number--) {
@@ -43,11 +43,11 @@ class InfoCommand : public CommandTest {
         return static_cast<size_t>(at - whole.begin()) + 4;
     }
 
-    // What a browser makes of the report's page 400 pixels wide.
-    json on_a_telephone()
+    // returns: measurements of the report's page, shown by a browser 400 pixels wide
+    json show_on_a_telephone()
     {
         std::string page = shell(TDMBREC "info a.mp4 --html").out;
-        // The browser is to complain of whatever the page wants to load.
+        // The browser must report whatever the page tries to load.
         page.insert(page.find("<head>") + 6, R"(<meta http-equiv="Content-Security-Policy"
         content="default-src 'none'; style-src 'unsafe-inline'">)");
         std::ofstream(directory / "page.html") << page;
@@ -74,13 +74,13 @@ onload = () => {
             "--enable-logging=stderr --user-data-dir=$PWD/profile "
             "--dump-dom file://$PWD/telephone.html");
         EXPECT_EQ(shown.status, 0) << shown.err;
-        EXPECT_FALSE(contains(shown.err, "CONSOLE")) << shown.err; // also of a nan
+        EXPECT_FALSE(contains(shown.err, "CONSOLE")) << shown.err; // also for a nan
         const size_t begin = shown.out.find("<body>{") + 6;
         return json::parse(shown.out.substr(begin, shown.out.rfind('}') + 1 - begin), nullptr,
                            false);
     }
 
-    bytes whole; // sound is track 1, pictures are track 2
+    bytes whole; // track 1 is audio, track 2 is video
 };
 
 TEST_F(InfoCommand, PrintsWhatAnIntactFileHolds)
@@ -98,18 +98,18 @@ TEST_F(InfoCommand, PrintsWhatAnIntactFileHolds)
     EXPECT_TRUE(sound.status == 1 && contains(sound.out, "Fault    this is not an MP4 file\n"));
 }
 
-TEST_F(InfoCommand, IsAPageThatABrowserShowsWholeOnATelephone)
+TEST_F(InfoCommand, IsAPageThatFitsATelephone)
 {
     if (shell("command -v chromium").status != 0) {
         GTEST_SKIP() << "no Chromium";
     }
-    const json told = on_a_telephone();
-    ASSERT_TRUE(told.is_object());
-    EXPECT_EQ(told["width"], 400);
-    EXPECT_EQ(told["needed"], 400);
-    EXPECT_EQ(told["beside"], 0);
-    EXPECT_EQ(told["charts"], 3);
-    EXPECT_GT(told["bars"], 30);
+    const json shown = show_on_a_telephone();
+    ASSERT_TRUE(shown.is_object());
+    EXPECT_EQ(shown["width"], 400);
+    EXPECT_EQ(shown["needed"], 400);
+    EXPECT_EQ(shown["beside"], 0);
+    EXPECT_EQ(shown["charts"], 3);
+    EXPECT_GT(shown["bars"], 30);
 
     const json report = json::parse(shell(TDMBREC "info a.mp4 --json").out);
     std::vector<std::string> figures = {format_text(" (%d bytes), ", report["bytes"].get<int>())};
@@ -124,60 +124,58 @@ TEST_F(InfoCommand, IsAPageThatABrowserShowsWholeOnATelephone)
                          number("most_bits_per_second") / 1000)});
     }
     for (const std::string &figure : figures) {
-        EXPECT_TRUE(contains(told["text"], figure)) << figure << told["text"];
+        EXPECT_TRUE(contains(shown["text"], figure)) << figure << shown["text"];
     }
 }
 
 TEST_F(InfoCommand, NamesEveryFault)
 {
-    const size_t stts_of_pictures = behind("stts", 1);
+    const size_t stts_of_pictures = after("stts", 1);
     const struct {
         size_t at;
         bytes patch;
-        const char *told;
+        const char *finding;
     } cases[] = {
-        {behind("moov"), {'x', 'x', 'x', 'x'}, "Fault    box "},
-        {behind("mdat") - 4, {'f', 'r', 'e', 'e'}, "track 1: 470 frames outside the media data"},
-        {behind("mvhd") + 12, {0, 0, 0, 0}, "the movie has a time scale of 0"},
-        {behind("mvhd") + 96, {0, 0, 0, 1}, "the next track's number is already used"},
-        {behind("tkhd", 1) + 12, {0, 0, 0, 1}, "track number 1 is used twice"},
-        {behind("mdhd", 1) + 16, {0, 0, 0, 9}, "track 2: its media header says 0.000 s"},
-        {behind("stco", 1) + 12, {0x7F, 0}, "1 frame outside the media data, the first is frame 2"},
-        {behind("stco") + 4, {0, 0, 1, 0}, "track 1: the chunks do not hold all samples"},
-        {behind("stco") + 4,
-         {0xFF, 0xFF, 0xFF, 0xFF},
-         "track 1: table stco is longer than its box"},
-        {behind("stsc") + 8, {0, 0, 0, 2}, "track 1: the chunks do not hold all samples"},
-        {behind("stsz") + 8, {0xFF, 0, 0, 0}, "track 1: table stsz is longer than its box"},
-        {behind("stsz") + 4, {0, 0, 0, 1, 0xFF, 0, 0, 0}, "Note     track 1: too many samples"},
-        {behind("stsz", 1) + 4, {0, 4, 0, 0}, "Note     track 2: its frames share so many bytes"},
-        {behind("stsz", 1) + 12, {0, 0, 0, 9}, "track 2: 1 frame with wrong NAL unit lengths"},
-        {behind("stss") + 8, {0, 0, 0, 2}, "track 2: does not begin with a key frame"},
-        {behind("stss") + 12, {0, 0, 0, 30}, "1 frame marked as key frame without an IDR picture"},
-        {behind("stss") + 12, {0, 0, 9, 9}, "track 2: stss names samples that"},
-        {behind("stss") + 12, {0, 0, 0, 1}, "track 2: stss is not in order"},
-        {behind("avcC") - 4, {'x'}, "track 2: has no parameter sets"},
-        {behind("esds") - 4, {'x'}, "track 1: has no decoder configuration"},
+        {after("moov"), {'x', 'x', 'x', 'x'}, "Fault    box "},
+        {after("mdat") - 4, {'f', 'r', 'e', 'e'}, "track 1: 470 frames outside the media data"},
+        {after("mvhd") + 12, {0, 0, 0, 0}, "the movie has a time scale of 0"},
+        {after("mvhd") + 96, {0, 0, 0, 1}, "the next track's number is already used"},
+        {after("tkhd", 1) + 12, {0, 0, 0, 1}, "track number 1 is used twice"},
+        {after("mdhd", 1) + 16, {0, 0, 0, 9}, "track 2: its media header says 0.000 s"},
+        {after("stco", 1) + 12, {0x7F, 0}, "1 frame outside the media data, the first is frame 2"},
+        {after("stco") + 4, {0, 0, 1, 0}, "track 1: the chunks do not hold all samples"},
+        {after("stco") + 4, {0xFF, 0xFF, 0xFF, 0xFF}, "track 1: table stco is longer than its box"},
+        {after("stsc") + 8, {0, 0, 0, 2}, "track 1: the chunks do not hold all samples"},
+        {after("stsz") + 8, {0xFF, 0, 0, 0}, "track 1: table stsz is longer than its box"},
+        {after("stsz") + 4, {0, 0, 0, 1, 0xFF, 0, 0, 0}, "Note     track 1: too many samples"},
+        {after("stsz", 1) + 4, {0, 4, 0, 0}, "Note     track 2: its frames share so many bytes"},
+        {after("stsz", 1) + 12, {0, 0, 0, 9}, "track 2: 1 frame with wrong NAL unit lengths"},
+        {after("stss") + 8, {0, 0, 0, 2}, "track 2: does not begin with a key frame"},
+        {after("stss") + 12, {0, 0, 0, 30}, "1 frame marked as key frame without an IDR picture"},
+        {after("stss") + 12, {0, 0, 9, 9}, "track 2: stss names samples that"},
+        {after("stss") + 12, {0, 0, 0, 1}, "track 2: stss is not in order"},
+        {after("avcC") - 4, {'x'}, "track 2: has no parameter sets"},
+        {after("esds") - 4, {'x'}, "track 1: has no decoder configuration"},
         {stts_of_pictures - 4, {'x'}, "track 2: table stts is missing"},
         {stts_of_pictures + 12, {0, 4, 0, 0}, "           gap of 2.8"},
         {stts_of_pictures + 8, {0, 1}, "track 2: stts has times for more samples"},
     };
-    for (const auto &[at, patch, told] : cases) {
+    for (const auto &[at, patch, finding] : cases) {
         bytes image = whole;
         std::copy(patch.begin(), patch.end(), image.begin() + static_cast<ptrdiff_t>(at));
         const std::string text = report_on(image);
-        EXPECT_TRUE(contains(text, told)) << told << "\n" << text;
+        EXPECT_TRUE(contains(text, finding)) << finding << "\n" << text;
     }
 }
 
-TEST_F(InfoCommand, SurvivesWhatIsCutAndWhatIsBent)
+TEST_F(InfoCommand, SurvivesCutAndDamagedFiles)
 {
     for (size_t size = 1; size < whole.size(); size += size < whole.size() - 9000 ? 9973u : 61u) {
         EXPECT_TRUE(contains(report_on({whole.data(), size}), "Fault")) << size;
     }
     const char *const given = std::getenv("SEED");
     std::mt19937 random(given != nullptr ? static_cast<unsigned>(std::atoi(given)) : 1u);
-    const size_t movie = behind("moov");
+    const size_t movie = after("moov");
     for (int round = 0; round < 400; round++) {
         bytes image = whole;
         for (int flips = 1 + round % 8; flips > 0; flips--) {
@@ -186,7 +184,7 @@ TEST_F(InfoCommand, SurvivesWhatIsCutAndWhatIsBent)
         }
         report_on(image);
     }
-    bytes nested; // moov in moov, as deep as the file is long
+    bytes nested; // moov in moov, down to the end of the file
     for (uint32_t left = 1 << 20; left > 8; left -= 8) {
         nested.insert(nested.end(),
                       {0, static_cast<uint8_t>(left >> 16), static_cast<uint8_t>(left >> 8),

@@ -1,23 +1,21 @@
-// What was recorded outlives whatever ends the recording: faults are put under the running command.
+// Recorded data survives whatever ends the recording: faults are injected into the running command.
 #include "tests/client/command_test.h"
 
 #include <nlohmann/json.hpp>
 
 namespace fs = std::filesystem;
 
-#define RECORD TDMBREC "record "
-#define SCRIPTED "TDMBREC_COMPONENT_PATH=" SCRIPTED_COMPONENT
 #define FOLDER "b.mp4.recording"
 #define LEFT FOLDER "/recording.mp4"
 #define SLOW "--realtime --frame-rate 10 --video $IN/noise.h264 --audio $IN/programme.wav -o b.mp4 "
 
-// Runs the command in the background, and waits until the component has written media data.
+// Records in the background, and waits until the component has written media data.
 #define UNDER_WAY                                                                                  \
     RECORD SLOW "& p=$!; until [ -s " LEFT " ]; do kill -0 $p || break; sleep 0.05; done; "
 
 class KeptRecording : public CommandTest {
   protected:
-    // In the directory: the sample recorded as whole, and as torn without its movie box.
+    // Records the sample to the file whole, and copies it to torn without the movie box.
     void record_whole()
     {
         const command_result made =
@@ -27,7 +25,7 @@ class KeptRecording : public CommandTest {
         }
     }
 
-    // Half a minute of pictures that fill the component's cache within a second.
+    // Makes half a minute of pictures that fill the component's cache within a second.
     void make_noise()
     {
         const command_result made = ffmpeg(
@@ -39,7 +37,7 @@ class KeptRecording : public CommandTest {
     }
 };
 
-TEST_F(KeptRecording, NamesTheFileBesideWhatWentWrongAndAWholeOneTakesItsPlace)
+TEST_F(KeptRecording, ReportsFileAndFaultAndPublishesACompleteFile)
 {
     record_whole();
     const struct {
@@ -50,11 +48,9 @@ TEST_F(KeptRecording, NamesTheFileBesideWhatWentWrongAndAWholeOneTakesItsPlace)
         {"torn", "", 8, "tdmbrec: the recorder component could not finish the file\n"},
         {"torn", "SCRIPT_FAIL=later", 8, "refuses a buffer (0x80001001)\n"},
         {"torn", "SCRIPT_BUFFERS=20 SCRIPT_REASON=5", 8, "tdmbrec: writing the file failed\n"},
-        {"torn", "SCRIPT_BUFFERS=20 SCRIPT_REASON=7", 8, "the component was destroyed\n"},
-        {"torn", "SCRIPT_FAIL=stop TDMBREC_PATIENCE=1", 8, "does not finish the file ("},
         {"torn", "SCRIPT_STALL=99999999 TDMBREC_PATIENCE=1", 8, " buffers (0x80001011)\n"},
         {"whole", "SCRIPT_FAIL=stop TDMBREC_PATIENCE=1", 8, "does not finish the file ("},
-        {"empty", "SCRIPT_BUFFERS=20 SCRIPT_REASON=4", 14, "the file could not be begun\n"},
+        {"empty", "SCRIPT_BUFFERS=20 SCRIPT_REASON=4", 14, "the file could not be opened\n"},
         {"no_stsz", "", 8, "no picture: track 1: table stsz is missing\n"},
         {"no_stts", "", 0, "may not play everywhere: track 1: table stts is missing"},
         {"whole", "SCRIPT_FAIL=later", 7, "refuses a buffer (0x80001001)\n"},
@@ -70,7 +66,7 @@ TEST_F(KeptRecording, NamesTheFileBesideWhatWentWrongAndAWholeOneTakesItsPlace)
         EXPECT_EQ(result.status, status);
         EXPECT_TRUE(contains(result.err, fault)) << result.err;
         const bool is_kept = status == 8;
-        EXPECT_EQ(contains(result.err, ") stays as " LEFT), is_kept) << result.err;
+        EXPECT_EQ(contains(result.err, ") is kept as " LEFT), is_kept) << result.err;
         EXPECT_EQ(contains(result.out, "\"kept\": \"" LEFT "\""), is_kept) << result.out;
         EXPECT_EQ(contains(result.out, "\"output\": null"), is_kept || status == 14) << result.out;
         const std::string place = is_kept ? LEFT : "b.mp4";
@@ -79,7 +75,7 @@ TEST_F(KeptRecording, NamesTheFileBesideWhatWentWrongAndAWholeOneTakesItsPlace)
     }
 }
 
-TEST_F(KeptRecording, SurvivesWhatHappensToTheStorage)
+TEST_F(KeptRecording, SurvivesChangesOfTheStorage)
 {
     make_noise();
     const struct {
@@ -93,7 +89,7 @@ TEST_F(KeptRecording, SurvivesWhatHappensToTheStorage)
         {"120m",
          UNDER_WAY "kill -STOP $p; kill -TERM $p; kill -HUP $p; "
                    "kill -CONT $p; wait $p; [ $? -gt 128 ]",
-         0, "tdmbrec: given up; ", true},
+         0, "tdmbrec: aborted; ", true},
         {"120m", UNDER_WAY "rm " LEFT "; wait $p", 5, LEFT " was deleted or moved\n", false},
         {"120m", UNDER_WAY "rm -r " FOLDER "; wait $p", 5,
          "tdmbrec: the recording is gone: the folder " FOLDER " was deleted\n", false},
@@ -101,16 +97,16 @@ TEST_F(KeptRecording, SurvivesWhatHappensToTheStorage)
          "cannot take the name b.mp4: File exists\ntdmbrec: the finished file (", true},
         {"120m", "ulimit -f 4000; " RECORD SLOW "--json", 8,
          "failed: it has reached the shell's limit for files (ulimit -f)\n", true},
-        // In /mnt/sdcard itself, the folder beside the output leads to it.
+        // The recording is in /mnt/sdcard itself, and the folder holds a link to it.
         {"120m",
          "mount -t tmpfs none /mnt; mkdir /mnt/sdcard; ulimit -f 4000; " FORBID
          " unshare " RECORD SLOW,
-         8, ") stays as /mnt/sdcard/tdmbrec-", true},
-        // All space is gone before the component looks at it again.
+         8, ") is kept as /mnt/sdcard/tdmbrec-", true},
+        // The space is full before the component checks it again.
         {"65m", UNDER_WAY "kill -STOP $p; cat /dev/zero > full; kill -CONT $p; wait $p", 8,
-         "the free space is used up (the recorder leaves 52.4 MB)\ntdmbrec: what was recorded (",
+         "the free space is used up (the recorder leaves 52.4 MB)\ntdmbrec: the recorded data (",
          true},
-        // In use it cannot be unmounted; taken out of sight, it is finished all the same.
+        // The storage in use cannot be unmounted. Detached, it still gets the finished file.
         {"120m", UNDER_WAY "cd ..; umount d; umount -l d; kill -TERM $p; wait $p", 5,
          "d: target is busy.\ntdmbrec: b.mp4 is finished, but its directory was moved, or its "
          "storage unmounted\n",
@@ -132,12 +128,12 @@ TEST_F(KeptRecording, SurvivesWhatHappensToTheStorage)
     }
 }
 
-TEST_F(KeptRecording, ReportsWhatWasLeftAndWhatIsUnderWay)
+TEST_F(KeptRecording, IsReportedWhenLeftAndWhenUnderWay)
 {
     make_noise();
     setenv("IN", ".", 1);
     const std::string now = "tdmbrec: b.mp4: is being recorded now, as " LEFT;
-    const std::string left = "b.mp4: an earlier recording was not finished; what was recorded (";
+    const std::string left = "b.mp4: an earlier recording was not finished; the recorded data (";
     const command_result live =
         shell(UNDER_WAY RECORD SAMPLE "-f -o b.mp4; s=$?; " TDMBREC "info b.mp4; kill -9 $p; "
                                       "exit $s");
@@ -147,40 +143,40 @@ TEST_F(KeptRecording, ReportsWhatWasLeftAndWhatIsUnderWay)
     const command_result info = shell(TDMBREC "info b.mp4");
     EXPECT_EQ(info.status, 3);
     EXPECT_TRUE(contains(info.err, "tdmbrec: note: " + left)) << info.err;
-    // Another recording to the same output has a folder of its own.
+    // Another recording to the same output has its own folder.
     const command_result next = shell(RECORD SAMPLE "-o b.mp4");
     EXPECT_EQ(next.status, 0);
     EXPECT_TRUE(contains(next.err, "tdmbrec: warning: " + left)) << next.err;
     EXPECT_EQ(shell("cksum " LEFT).out, before);
     EXPECT_EQ(shell("ulimit -f 900; " RECORD SAMPLE "-f -o b.mp4").status, 8);
     EXPECT_TRUE(fs::exists(directory / FOLDER "-2/recording.mp4"));
-    // A file that ended before its media data is not worth keeping, another's file is.
+    // A file that ends before its media data is removed; a file of someone else is kept.
     shell("head -c 36 b.mp4 > " FOLDER "-2/recording.mp4; mkdir " FOLDER "-3 " FOLDER "-4; "
           "echo > " FOLDER "-4/mine; " RECORD SAMPLE "-f -o b.mp4");
     EXPECT_EQ(names(), (name_set{"b.mp4", FOLDER, FOLDER "-4", "noise.h264", "programme.h264",
                                  "programme.wav"}));
 }
 
-TEST_F(KeptRecording, ClearsNothingAwayThatMayBeARecordingOrIsNotItsOwn)
+TEST_F(KeptRecording, IsNotRemovedNorAreFilesOfOthers)
 {
     record_whole();
-    const std::string left = "; what was recorded (", unreachable = ", which cannot be opened: ";
+    const std::string left = "; the recorded data (", unreachable = ", which cannot be opened: ";
     const struct {
-        std::string made; // before the command, which then must find all of it unchanged
+        std::string made; // before the command, which must change none of it
         std::string program, sentence;
     } cases[] = {
         {"mkdir other; cp torn other/copy.mp4; echo > other/v_stco.tmp; ln -s other " FOLDER,
          RECORD SAMPLE "-o b.mp4", ""},
         {"mkdir " FOLDER "; cp torn " FOLDER "/copy.mp4", RECORD SAMPLE "-o b.mp4",
-         left + "580 kB) stays as " FOLDER "/copy.mp4"},
+         left + "580 kB) is kept as " FOLDER "/copy.mp4"},
         {"mkdir " FOLDER "; ln -s /gone/r.mp4 " LEFT, RECORD SAMPLE "-o b.mp4",
-         "b.mp4: an earlier recording was not finished; what was recorded stays as " LEFT +
+         "b.mp4: an earlier recording was not finished; the recorded data is kept as " LEFT +
              unreachable},
         {"mkdir " FOLDER "; { printf '\\177'; tail -c +2 torn; } > " LEFT, RECORD SAMPLE "-o b.mp4",
          left},
         {"mkdir b.mp4.part; cp torn b.mp4.part/movie.mp4; echo > b.mp4.part/stream.aac",
          TDMBREC "mux --video programme.h264 -o b.mp4", ""},
-        // Others may look at the same time.
+        // Another command may look at the same time.
         {"mkdir " FOLDER "; cp torn " LEFT, "flock -s " FOLDER " " TDMBREC "info b.mp4", left},
         {"mkdir " FOLDER "; cp torn " LEFT "; chmod 0 " FOLDER,
          "if [ $(id -u) = 0 ]; then drop='setpriv --inh-caps=-all --bounding-set=-all'; fi; "
@@ -199,7 +195,7 @@ TEST_F(KeptRecording, ClearsNothingAwayThatMayBeARecordingOrIsNotItsOwn)
         EXPECT_FALSE(contains(result.err, "being recorded now")) << result.err;
         EXPECT_EQ(shell(list).out, before) << result.err;
     }
-    // Names that begin alike and are too long for the folder's.
+    // Output names that begin alike and are too long for a folder's name.
     const std::string info = TDMBREC "info " + std::string(241, 'n');
     shell("ulimit -f 300; " RECORD SAMPLE "-o " + std::string(241, 'n') + "1234567890");
     EXPECT_TRUE(contains(shell(info + "1234567890").err, left));

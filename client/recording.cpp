@@ -1,0 +1,59 @@
+#include "client/recording.h"
+
+#include "client/report/figures.h"
+#include "client/terminal.h"
+
+void recording_warn(recording &self, const std::vector<std::string> &remarks)
+{
+    for (const std::string &remark : remarks) {
+        terminal_say("tdmbrec: warning: " + remark);
+        self.summary.remarks.push_back(remark);
+    }
+}
+
+void recording_note_failure(recording &self, const failure &what)
+{
+    if (self.summary.error.empty()) {
+        self.summary.error = what.what();
+        self.summary.status = static_cast<int>(what.code);
+    }
+}
+
+void recording_note_storage_failure(recording &self, exit_code code, const std::string &sentence)
+{
+    const std::string trouble = storage_trouble(*self.storage);
+    recording_note_failure(self, failure(code, sentence + (trouble.empty() ? "" : ": " + trouble)));
+}
+
+static std::string reason_text(uint32_t reason)
+{
+    switch (reason) {
+    case TDMBREC_STOP_STORAGE:
+        return "the storage is not usable";
+    case TDMBREC_STOP_STORAGE_FULL:
+        return "the free space is used up (the recorder leaves " + size_text(kFreeBytesKept) + ")";
+    case TDMBREC_STOP_MUX_OPEN:
+        return "the file could not be opened";
+    case TDMBREC_STOP_WRITE:
+        return "writing the file failed";
+    case TDMBREC_STOP_SIZE_LIMIT:
+        return "the file reached its size limit";
+    case TDMBREC_STOP_DESTROYED:
+        return "the component was destroyed";
+    default:
+        return "the component gave an unknown reason";
+    }
+}
+
+void recording_note_stop(recording &self, uint32_t reason)
+{
+    const exit_code code = exit_code_plus(exit_code::stop_reason, static_cast<int>(reason));
+    self.summary.ended = reason_text(reason);
+    const bool is_of_storage = reason == TDMBREC_STOP_STORAGE || reason == TDMBREC_STOP_MUX_OPEN ||
+                               reason == TDMBREC_STOP_WRITE;
+    if (is_of_storage) {
+        recording_note_storage_failure(self, code, self.summary.ended);
+    } else {
+        recording_note_failure(self, failure(code, self.summary.ended));
+    }
+}
