@@ -93,7 +93,7 @@ static OMX_ERRORTYPE on_event(OMX_HANDLETYPE, OMX_PTR app_data, OMX_EVENTTYPE ev
             self.state = static_cast<OMX_STATETYPE>(data2);
         } else if (event == OMX_EventError) {
             note_error(self, static_cast<OMX_ERRORTYPE>(data1), false);
-        } else if (static_cast<uint32_t>(event) == TDMBREC_EVENT_END_OF_RECORDING) {
+        } else if (event == TDMBREC_EVENT_END_OF_RECORDING) {
             self.stop_reason = data2;
         }
     }
@@ -229,10 +229,9 @@ il_session_ptr il_session_open(void)
     return self;
 }
 
-static void set_vendor(il_session &self, uint32_t index, void *record, const char *predicate)
+static void set_vendor(il_session &self, OMX_INDEXTYPE index, void *record, const char *predicate)
 {
-    check(self.component->SetParameter(self.component, static_cast<OMX_INDEXTYPE>(index), record),
-          predicate);
+    check(self.component->SetParameter(self.component, index, record), predicate);
 }
 
 void il_session_start(il_session &self, const std::string &path, unsigned sample_rate)

@@ -63,7 +63,7 @@ uint32_t count_leading_sets(const access_unit_t *access_unit)
 
 static void count_leading_set(uint32_t type, const nal_unit_t *unit, access_unit_t *access_unit)
 {
-    if (type == kNalTypePps) {
+    if (type == kUnitTypePps) {
         access_unit->pps_count++;
         return;
     }
@@ -99,7 +99,7 @@ static void count_unit(const uint8_t *data, const nal_unit_t *unit, access_unit_
         return;
     }
     const uint32_t type = get_nal_type(data, unit);
-    if (is_leading && (type == kNalTypeSps || type == kNalTypePps)) {
+    if (is_leading && (type == kUnitTypeSps || type == kUnitTypePps)) {
         count_leading_set(type, unit, access_unit);
     } else {
         count_picture_unit(type, unit, access_unit);
@@ -129,10 +129,10 @@ static uint32_t rewrite_units(const uint8_t *data, uint32_t length, bool has_len
         const uint32_t unit_bytes = unit.end - unit.start;
         if (unit_bytes > 0) {
             // In place no unit moves up: its length takes no more room than its start code had.
-            static_assert(kNalLengthBytes == kStartCodeBytes);
-            memmove(out + written + kNalLengthBytes, data + unit.start, unit_bytes);
+            static_assert(kUnitLengthBytes == kStartCodeBytes);
+            memmove(out + written + kUnitLengthBytes, data + unit.start, unit_bytes);
             write_be32(out + written, has_lengths ? unit_bytes : 1);
-            written += kNalLengthBytes + unit_bytes;
+            written += kUnitLengthBytes + unit_bytes;
         }
     }
     return written;

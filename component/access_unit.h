@@ -4,14 +4,14 @@
 
 #include <cstdint>
 
-inline constexpr uint32_t kStartCodeBytes = 4; // of the long form
-inline constexpr uint32_t kNalLengthBytes = 4;
-inline constexpr uint32_t kLeastSpsBytes = 4; // header, profile, constraints, level
+inline constexpr uint32_t kStartCodeBytes = 4;  // of the long form
+inline constexpr uint32_t kUnitLengthBytes = 4; // of the length that takes the code's place
+inline constexpr uint32_t kLeastSpsBytes = 4;   // header, profile, constraints, level
 
 // nal_unit_type
 // source: ITU-T H.264, Table 7-1
-inline constexpr uint32_t kNalTypeSps = 7;
-inline constexpr uint32_t kNalTypePps = 8;
+inline constexpr uint32_t kUnitTypeSps = 7;
+inline constexpr uint32_t kUnitTypePps = 8;
 
 // One unit, without its trailing zeros. Offsets are in bytes from the start of the data.
 struct nal_unit_t {

@@ -1,6 +1,7 @@
 #include "component/end_reports.h"
 
 #include "component/client_events.h"
+#include "component/private_record.h"
 #include "component/process_state.h"
 
 #include <algorithm>
@@ -61,7 +62,7 @@ static void append(tdmbrec_end_t *report)
     *last = report;
 }
 
-// The component may be gone afterwards: its destructor waits for no more than this.
+// The component may be gone afterwards: its destructor only waits for its ends to leave the queue.
 static void take_out(tdmbrec_end_t *report)
 {
     tdmbrec_end_t **link = &first_end;

@@ -37,7 +37,7 @@ int QVR_FILE_fclose(void *file)
 size_t QVR_FILE_fread(void *buffer, size_t size, size_t count, void *file)
 {
     const size_t result = fread(buffer, size, count, static_cast<FILE *>(file));
-    if (static_cast<ptrdiff_t>(result) < 0) { // never; fixed by the design
+    if (static_cast<ptrdiff_t>(result) < 0) { // never
         __android_log_print(ANDROID_LOG_ERROR, kLogTag, "In %s : read  error\n", __func__);
     }
     return result;
@@ -46,7 +46,7 @@ size_t QVR_FILE_fread(void *buffer, size_t size, size_t count, void *file)
 size_t QVR_FILE_fwrite(const void *buffer, size_t size, size_t count, void *file)
 {
     const size_t result = fwrite(buffer, size, count, static_cast<FILE *>(file));
-    if (static_cast<ptrdiff_t>(result) < 0) { // never; fixed by the design
+    if (static_cast<ptrdiff_t>(result) < 0) { // never
         __android_log_print(ANDROID_LOG_ERROR, kLogTag, "In %s : write  error\n", __func__);
     }
     return result;

@@ -80,8 +80,8 @@ static void fill_input(omx_tdmbrec_component_PrivateType *self)
     input->m_iHour = 17;
     input->m_iMinute = 5;
     input->m_iSecond = 18;
-    input->m_iVideoWidth = kFrameWidth;
-    input->m_iVideoHeight = kFrameHeight;
+    input->m_iVideoWidth = TDMBREC_PICTURE_WIDTH;
+    input->m_iVideoHeight = TDMBREC_PICTURE_HEIGHT;
     input->m_iVideoFrameRate = 1000 * kFramesPerSecond;
     memcpy(&input->m_uiVideoFourCC, "avc1", 4);
     input->m_pbyVideoPrivate = self->aucVideoConfig;

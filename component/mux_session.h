@@ -4,9 +4,7 @@
 
 #include "component/private_record.h"
 
-// What the video port and the file state, whatever the pictures are.
-inline constexpr int kFrameWidth = 320;  // pixels
-inline constexpr int kFrameHeight = 240; // pixels
+// The port and the file declare it, whatever the rate of the pictures.
 inline constexpr int kFramesPerSecond = 30;
 
 // Opens the session with the captured parameter sets; without any, the muxer takes them from the

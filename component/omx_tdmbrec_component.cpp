@@ -62,8 +62,8 @@ static OMX_ERRORTYPE allocate_ports(omx_base_sink_PrivateType *sink)
 static void describe_video_port(omx_base_port_PrivateType *port)
 {
     OMX_PARAM_PORTDEFINITIONTYPE *const definition = &port->stPortDefinition;
-    definition->format.video.nFrameWidth = kFrameWidth;
-    definition->format.video.nFrameHeight = kFrameHeight;
+    definition->format.video.nFrameWidth = TDMBREC_PICTURE_WIDTH;
+    definition->format.video.nFrameHeight = TDMBREC_PICTURE_HEIGHT;
     definition->format.video.xFramerate = kFramesPerSecond; // not Q16, unlike the field
     definition->nBufferSize = TDMBREC_PORT_BUFFER_BYTES;
 }
@@ -74,7 +74,6 @@ static void describe_audio_port(omx_base_port_PrivateType *port)
     port->stPortDefinition.format.audio.eEncoding = OMX_AUDIO_CodingPCM;
     port->stPortDefinition.nBufferSize = TDMBREC_PORT_BUFFER_BYTES;
     audio_port->stAudioFormat.nPortIndex = TDMBREC_PORT_AUDIO;
-    audio_port->stAudioFormat.nIndex = 0;
     audio_port->stAudioFormat.eEncoding = OMX_AUDIO_CodingPCM;
 }
 

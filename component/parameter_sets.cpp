@@ -34,7 +34,7 @@ static uint32_t read_exp_golomb(const uint8_t *bytes, uint32_t count)
 
 static uint32_t read_id(const uint8_t *data, const nal_unit_t *unit)
 {
-    const uint32_t offset = get_nal_type(data, unit) == kNalTypeSps ? kSpsIdOffset : kPpsIdOffset;
+    const uint32_t offset = get_nal_type(data, unit) == kUnitTypeSps ? kSpsIdOffset : kPpsIdOffset;
     const uint32_t at = unit->start + offset;
     return at < unit->end ? read_exp_golomb(data + at, unit->end - at) : 0;
 }
@@ -64,7 +64,7 @@ static uint8_t *make_room(omx_tdmbrec_component_PrivateType *self, uint32_t type
     uint8_t *const sets = self->aucKeptSets;
     const uint32_t kept_bytes = self->uiKeptSetsLen;
     self->uiKeptSetsLen += set_bytes;
-    if (type == kNalTypePps) {
+    if (type == kUnitTypePps) {
         return sets + kept_bytes;
     }
     memmove(sets + set_bytes, sets, kept_bytes);
@@ -76,7 +76,7 @@ static void keep_set(omx_tdmbrec_component_PrivateType *self, const uint8_t *dat
 {
     const uint32_t unit_bytes = unit->end - unit->start;
     const uint32_t type = get_nal_type(data, unit);
-    if (type == kNalTypeSps && unit_bytes < kLeastSpsBytes) {
+    if (type == kUnitTypeSps && unit_bytes < kLeastSpsBytes) {
         return;
     }
     drop_same_set(self, type, read_id(data, unit));

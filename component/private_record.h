@@ -13,6 +13,9 @@
 
 inline constexpr uint32_t kKeptSetsBytes = 4096;
 
+using base_set_callbacks_t = OMX_ERRORTYPE (*)(OMX_HANDLETYPE handle, OMX_CALLBACKTYPE *callbacks,
+                                               OMX_PTR app_data);
+
 // "Atomic" fields are accessed through component/shared_fields.h only; the others belong to the
 // thread that the comment of their group names.
 struct omx_tdmbrec_component_PrivateType {
@@ -92,8 +95,7 @@ struct omx_tdmbrec_component_PrivateType {
     uint8_t bInBandParameterSets; // the file carries its parameter sets in the access units
     uint8_t *pucVideoFrame;       // room for access units that grow; null until one does
     uint32_t uiVideoFrameSize;    // its bytes
-    OMX_ERRORTYPE(*pfnBaseSetCallbacks)
-    (OMX_HANDLETYPE handle, OMX_CALLBACKTYPE *callbacks, OMX_PTR app_data);
+    base_set_callbacks_t pfnBaseSetCallbacks;
 
     // Parameter sets without their picture (component/parameter_sets.h): the buffer thread while
     // recording, the stop procedure after it.

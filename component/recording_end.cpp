@@ -117,7 +117,8 @@ bool take_recording(omx_tdmbrec_component_PrivateType *self)
 void begin_stop(OMX_COMPONENTTYPE *component, tdmbrec_stop_reason_t reason)
 {
     store_shared(global_uc_stop_type, static_cast<uint8_t>(reason));
-    pthread_t thread; // unused: the thread itself publishes its handle before anyone can miss it
+    pthread_t
+        thread; // unused: the thread itself publishes its handle before it can end the recording
     if (pthread_create(&thread, nullptr, omx_tdmbrec_stop_thread, component) != 0) {
         run_stop_procedure(component);
     }

@@ -8,7 +8,8 @@
 
 #include "component/private_record.h"
 
-// Ends the active recording on the client's request; waits for the buffer in hand, not for the end.
+// Ends the active recording on the client's request; waits until the current buffer is recorded,
+// not for the end.
 // thread: any of the client's, also in its event handler
 void stop_recording(OMX_COMPONENTTYPE *component);
 

@@ -22,25 +22,33 @@ enum {
     TDMBREC_PATH_BYTES = 128,
     TDMBREC_NAME_PART_1_BYTES = 22,
     TDMBREC_NAME_PART_2_BYTES = 128,
+    TDMBREC_PICTURE_WIDTH = 320, // what port and file declare; the pictures may differ
+    TDMBREC_PICTURE_HEIGHT = 240,
     TDMBREC_AUDIO_BIT_RATE = 128000,      // bit/s
     TDMBREC_LEAST_FREE_KIB = 51200,       // at or below this the storage is full
     TDMBREC_FILE_LIMIT_BYTES = 1800000000 // a file that has passed this ends its recording
 };
 
-// Vendor parameters of OMX_SetParameter: values of OMX_INDEXTYPE.
-enum {
-    TDMBREC_INDEX_NAME_PART_1 = 0x7F00002A, // TDMBREC_NAME_PART_1_BYTES
-    TDMBREC_INDEX_NAME_PART_2 = 0x7F00002B, // TDMBREC_NAME_PART_2_BYTES
-    TDMBREC_INDEX_OUTPUT_PATH = 0x7F00002C, // TDMBREC_PATH_BYTES, of the next recording
-    TDMBREC_INDEX_START = 0x7F00002D,       // any non-null record
-    TDMBREC_INDEX_STOP = 0x7F00002E         // any non-null record
-};
+#ifdef __cplusplus
+#define TDMBREC_INDEX(number) static_cast<OMX_INDEXTYPE>(number)
+#define TDMBREC_EVENT(number) static_cast<OMX_EVENTTYPE>(number)
+#else
+#define TDMBREC_INDEX(number) ((OMX_INDEXTYPE)(number))
+#define TDMBREC_EVENT(number) ((OMX_EVENTTYPE)(number))
+#endif
 
-// Events of the component: values of OMX_EVENTTYPE.
-enum {
-    TDMBREC_EVENT_END_OF_RECORDING = 0x7F000005, // data: 0 and the tdmbrec_stop_reason_t
-    TDMBREC_EVENT_END_OF_STREAM = 5 // data: 0 and 1; the number that the broadcast player expects
-};
+// Vendor parameters of OMX_SetParameter.
+#define TDMBREC_INDEX_NAME_PART_1 TDMBREC_INDEX(0x7F00002A) // TDMBREC_NAME_PART_1_BYTES
+#define TDMBREC_INDEX_NAME_PART_2 TDMBREC_INDEX(0x7F00002B) // TDMBREC_NAME_PART_2_BYTES
+#define TDMBREC_INDEX_OUTPUT_PATH                                                                  \
+    TDMBREC_INDEX(0x7F00002C)                         // TDMBREC_PATH_BYTES, of the next recording
+#define TDMBREC_INDEX_START TDMBREC_INDEX(0x7F00002D) // any non-null record
+#define TDMBREC_INDEX_STOP TDMBREC_INDEX(0x7F00002E)  // any non-null record
+
+// Events of the component. The end of a recording carries 0 and the tdmbrec_stop_reason_t; the end
+// of stream carries 0 and 1, with the number that the broadcast player expects.
+#define TDMBREC_EVENT_END_OF_RECORDING TDMBREC_EVENT(0x7F000005)
+#define TDMBREC_EVENT_END_OF_STREAM TDMBREC_EVENT(5)
 
 // Why a recording ended.
 typedef enum tdmbrec_stop_reason_t {

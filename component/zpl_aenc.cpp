@@ -14,16 +14,16 @@ static constexpr char kRuler[] = "----------------------------------------------
 static_assert(sizeof(kRuler) == 51 + 1);
 
 static tdmbrec_encoder_function_t gspfAEnc;
-static AacEncAudioInfo gstAudioInfo;
-static AacEncStreamInfo gstStreamInfo;
-static AacEncInitParams gstInitParams;
-static AacEncCallbacks *gpstCallbacks;
+static AacEncAudioInfo audio_info;
+static AacEncStreamInfo stream_info;
+static AacEncInitParams init_params;
+static AacEncCallbacks *callbacks;
 static uint8_t *gpucStreamBuffer;
 static uint8_t *gpucPcmBuffer;
-static int32_t giSampleBits;
-static int32_t giChannels;
-static int32_t giSamplesPerChannel;
-static uint64_t gullOutputBytes; // fixed by the design, not read
+static int32_t sample_bits;
+static int32_t channels;
+static int32_t samples_per_channel;
+static uint64_t output_bytes; // the total; nothing reads it
 
 static void log_settings(const zpl_aenc_t *zpl)
 {
@@ -41,18 +41,17 @@ static void log_settings(const zpl_aenc_t *zpl)
 
 static void fill_records(const zpl_aenc_t *zpl, const zpl_aenc_init_t *init, int32_t output_type)
 {
-    gstAudioInfo.sampleRate = zpl->m_iAudioSamplePerSec;
-    gstAudioInfo.channels = zpl->m_iAudioChannels;
-    gstAudioInfo.deinterleave = 1;
-    giSampleBits =
-        zpl->m_iAudioBitsPerSample != 0 ? zpl->m_iAudioBitsPerSample : kDefaultSampleBits;
-    gstStreamInfo.bitRate = zpl->m_iAudioBitRates;
-    gstStreamInfo.channels = zpl->m_iAudioChannels;
-    gstInitParams.audioInfo = &gstAudioInfo;
-    gstInitParams.streamInfo = &gstStreamInfo;
-    memcpy(gstInitParams.reservedWords, init->aucFirstPcm + kReservedWordsOffset,
-           sizeof(gstInitParams.reservedWords));
-    gstInitParams.outputFormat =
+    audio_info.sampleRate = zpl->m_iAudioSamplePerSec;
+    audio_info.channels = zpl->m_iAudioChannels;
+    audio_info.deinterleave = 1;
+    sample_bits = zpl->m_iAudioBitsPerSample != 0 ? zpl->m_iAudioBitsPerSample : kDefaultSampleBits;
+    stream_info.bitRate = zpl->m_iAudioBitRates;
+    stream_info.channels = zpl->m_iAudioChannels;
+    init_params.audioInfo = &audio_info;
+    init_params.streamInfo = &stream_info;
+    memcpy(init_params.reservedWords, init->aucFirstPcm + kReservedWordsOffset,
+           sizeof(init_params.reservedWords));
+    init_params.outputFormat =
         output_type == kZplOutputAdts ? AACENC_FORMAT_ADTS : AACENC_FORMAT_RAW;
 }
 
@@ -62,23 +61,23 @@ static void free_buffers(const tdmbrec_memory_functions_t *memory)
     gpucPcmBuffer = nullptr;
     memory->pfnFree(gpucStreamBuffer);
     gpucStreamBuffer = nullptr;
-    memory->pfnFree(gpstCallbacks);
-    gpstCallbacks = nullptr;
+    memory->pfnFree(callbacks);
+    callbacks = nullptr;
 }
 
 static int32_t allocate_callbacks(const tdmbrec_memory_functions_t *memory)
 {
-    gpstCallbacks = static_cast<AacEncCallbacks *>(memory->pfnMalloc(sizeof(AacEncCallbacks)));
-    if (gpstCallbacks == nullptr) {
+    callbacks = static_cast<AacEncCallbacks *>(memory->pfnMalloc(sizeof(AacEncCallbacks)));
+    if (callbacks == nullptr) {
         return -1;
     }
-    *gpstCallbacks = {.allocate = memory->pfnMalloc,
-                      .release = memory->pfnFree,
-                      .copy = memory->pfnMemcpy,
-                      .fill = memory->pfnMemset,
-                      .reallocate = memory->pfnRealloc,
-                      .move = memory->pfnMemmove};
-    gstInitParams.callbacks = gpstCallbacks;
+    *callbacks = {.allocate = memory->pfnMalloc,
+                  .release = memory->pfnFree,
+                  .copy = memory->pfnMemcpy,
+                  .fill = memory->pfnMemset,
+                  .reallocate = memory->pfnRealloc,
+                  .move = memory->pfnMemmove};
+    init_params.callbacks = callbacks;
     return 0;
 }
 
@@ -90,7 +89,7 @@ static int32_t allocate_buffers(const zpl_aenc_t *zpl)
                             ": [ZPL_CORE] zpl_aenc_init gpucStreamBuffer allocation fail\n");
         return -1;
     }
-    gstStreamInfo.output = gpucStreamBuffer;
+    stream_info.output = gpucStreamBuffer;
     const size_t pcm_bytes = static_cast<size_t>(kSamplesPerChannel) *
                              static_cast<size_t>(zpl->m_iAudioChannels) * sizeof(int16_t);
     gpucPcmBuffer = static_cast<uint8_t *>(zpl->pstMemory->pfnMalloc(pcm_bytes));
@@ -99,7 +98,7 @@ static int32_t allocate_buffers(const zpl_aenc_t *zpl)
                             ": [ZPL_CORE] zpl_aenc_init gpucPcmBuffer allocation fail\n");
         return -1;
     }
-    gstAudioInfo.pcm = static_cast<const int16_t *>(static_cast<const void *>(gpucPcmBuffer));
+    audio_info.pcm = static_cast<const int16_t *>(static_cast<const void *>(gpucPcmBuffer));
     return 0;
 }
 
@@ -109,7 +108,7 @@ static int32_t open_encoder(zpl_aenc_t *zpl)
         return 0;
     }
     __android_log_print(ANDROID_LOG_INFO, kZplLogTag, "@@@@@ init Start");
-    const int32_t result = gspfAEnc(AACENC_OP_INIT, &zpl->hEncoder, &gstInitParams, nullptr);
+    const int32_t result = gspfAEnc(AACENC_OP_INIT, &zpl->hEncoder, &init_params, nullptr);
     if (result < 0) {
         __android_log_print(ANDROID_LOG_ERROR, kZplLogTag,
                             ": [ZPL_CORE:Err%d] gspfAEnc AUDIO_INIT failed \n", result);
@@ -123,23 +122,23 @@ static int32_t open_encoder(zpl_aenc_t *zpl)
 // Takes the frame's geometry from the encoder.
 static int32_t take_geometry(zpl_aenc_t *zpl, int32_t result)
 {
-    if (gstStreamInfo.channels == 0 || gstStreamInfo.sampleRate == 0 ||
-        gstStreamInfo.samplesPerChannel == 0) {
+    if (stream_info.channels == 0 || stream_info.sampleRate == 0 ||
+        stream_info.samplesPerChannel == 0) {
         __android_log_print(ANDROID_LOG_ERROR, kZplLogTag,
                             ": [ZPL_CORE] Error invalid paramters [ch:%d, samplerate: %d, "
                             "bitPersample%d, samplePerchannel%d]\n",
-                            gstStreamInfo.channels, gstStreamInfo.sampleRate, giSampleBits,
-                            gstStreamInfo.samplesPerChannel);
+                            stream_info.channels, stream_info.sampleRate, sample_bits,
+                            stream_info.samplesPerChannel);
         if (zpl->hEncoder != nullptr) {
             (void)gspfAEnc(AACENC_OP_CLOSE, &zpl->hEncoder, nullptr, nullptr);
         }
         return -1;
     }
     __android_log_print(ANDROID_LOG_ERROR, kZplLogTag,
-                        ": [ZPL_CORE] [channel:%4d, samplerate :%4d] \n", gstStreamInfo.channels,
-                        gstStreamInfo.sampleRate);
-    giChannels = gstStreamInfo.channels;
-    giSamplesPerChannel = gstStreamInfo.samplesPerChannel;
+                        ": [ZPL_CORE] [channel:%4d, samplerate :%4d] \n", stream_info.channels,
+                        stream_info.sampleRate);
+    channels = stream_info.channels;
+    samples_per_channel = stream_info.samplesPerChannel;
     __android_log_print(ANDROID_LOG_INFO, kZplLogTag, "### Enc Init Done, ret(%d)", result);
     return result;
 }
@@ -163,10 +162,10 @@ int32_t zpl_aenc_init(zpl_aenc_t *zpl, const zpl_aenc_init_t *init, int32_t aenc
         gspfAEnc = nullptr;
         return -1;
     }
-    zpl->pstMemory->pfnMemset(&gstAudioInfo, 0, sizeof(gstAudioInfo));
-    zpl->pstMemory->pfnMemset(&gstStreamInfo, 0, sizeof(gstStreamInfo));
-    zpl->pstMemory->pfnMemset(&gstInitParams, 0, sizeof(gstInitParams));
-    gullOutputBytes = 0;
+    zpl->pstMemory->pfnMemset(&audio_info, 0, sizeof(audio_info));
+    zpl->pstMemory->pfnMemset(&stream_info, 0, sizeof(stream_info));
+    zpl->pstMemory->pfnMemset(&init_params, 0, sizeof(init_params));
+    output_bytes = 0;
     log_settings(zpl);
     fill_records(zpl, init, output_type);
     const int32_t result = init_with_buffers(zpl);
@@ -178,7 +177,7 @@ int32_t zpl_aenc_init(zpl_aenc_t *zpl, const zpl_aenc_init_t *init, int32_t aenc
 
 uint32_t zpl_aenc_getSamplesSize(void)
 {
-    return static_cast<uint32_t>(giSampleBits / 8 * giChannels * giSamplesPerChannel);
+    return static_cast<uint32_t>(sample_bits / 8 * channels * samples_per_channel);
 }
 
 int32_t zpl_aenc_encode(zpl_aenc_t *zpl, const zpl_aenc_init_t *, const zpl_aenc_input_t *input,
@@ -192,17 +191,16 @@ int32_t zpl_aenc_encode(zpl_aenc_t *zpl, const zpl_aenc_init_t *, const zpl_aenc
     }
     // Aligned: the PCM is whole frames after the start of an allocated block, and a frame has an
     // even number of bytes.
-    gstAudioInfo.pcm = reinterpret_cast<const int16_t *>(static_cast<const void *>(input->pPcm));
-    const int32_t result =
-        gspfAEnc(AACENC_OP_ENCODE, &zpl->hEncoder, &gstAudioInfo, &gstStreamInfo);
+    audio_info.pcm = reinterpret_cast<const int16_t *>(static_cast<const void *>(input->pPcm));
+    const int32_t result = gspfAEnc(AACENC_OP_ENCODE, &zpl->hEncoder, &audio_info, &stream_info);
     if (result < 0) {
         __android_log_print(ANDROID_LOG_ERROR, kZplLogTag,
                             ": [ZPL_CORE] ZPL_Audio_Enc_run error\n");
         return result;
     }
-    zpl->iOutputLength = gstStreamInfo.outputBytes;
-    zpl->pOutput = gstStreamInfo.output;
-    gullOutputBytes += static_cast<uint64_t>(gstStreamInfo.outputBytes);
+    zpl->iOutputLength = stream_info.outputBytes;
+    zpl->pOutput = stream_info.output;
+    output_bytes += static_cast<uint64_t>(stream_info.outputBytes);
     return 0;
 }
 

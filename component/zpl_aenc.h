@@ -10,9 +10,9 @@
 #include <cstdint>
 
 inline constexpr int32_t kZplTypeAac = 0;    // aenc_type: the only one
-inline constexpr int32_t kZplOutputAdts = 2; // output_type; unused, fixed by the design
+inline constexpr int32_t kZplOutputAdts = 2; // output_type; unused
 
-// The component uses kZplStateRun alone; the others are fixed by the design.
+// The component uses kZplStateRun alone.
 enum zpl_state_t : int32_t {
     kZplStateOff = 0, // encoding does nothing
     kZplStateInitialise = 1,

@@ -13,7 +13,7 @@ static uint32_t count_units(const Bytes &frame)
 {
     uint32_t count = 0;
     for (fuzz_input input = {frame}; !input.left.empty(); count++) {
-        const size_t length = static_cast<size_t>(input.number(kNalLengthBytes));
+        const size_t length = static_cast<size_t>(input.number(kUnitLengthBytes));
         require(length > 0 && input.take(length).size() == length,
                 "a length leads to the next one");
     }

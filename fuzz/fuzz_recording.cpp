@@ -23,7 +23,7 @@ static std::atomic<uint32_t> ends; // recordings reported
 static OMX_ERRORTYPE handle_event(OMX_HANDLETYPE, OMX_PTR, OMX_EVENTTYPE event, OMX_U32, OMX_U32,
                                   OMX_PTR)
 {
-    if (static_cast<uint32_t>(event) == TDMBREC_EVENT_END_OF_RECORDING) {
+    if (event == TDMBREC_EVENT_END_OF_RECORDING) {
         ends++;
     }
     return OMX_ErrorNone;
@@ -46,8 +46,8 @@ static void start(OMX_COMPONENTTYPE *component)
 {
     char path[TDMBREC_PATH_BYTES] = {};
     std::memcpy(path, kOutputPath, sizeof(kOutputPath));
-    (void)OMX_SetParameter(component, OMX_INDEXTYPE(TDMBREC_INDEX_OUTPUT_PATH), path);
-    (void)OMX_SetParameter(component, OMX_INDEXTYPE(TDMBREC_INDEX_START), path);
+    (void)OMX_SetParameter(component, TDMBREC_INDEX_OUTPUT_PATH, path);
+    (void)OMX_SetParameter(component, TDMBREC_INDEX_START, path);
 }
 
 static frame_totals frames_of(const mp4_reader::movie &movie, const std::string &handler)
@@ -81,7 +81,7 @@ static void check_file()
 static void finish(OMX_COMPONENTTYPE *component, uint32_t ends_before)
 {
     OMX_U32 any = 0;
-    (void)OMX_SetParameter(component, OMX_INDEXTYPE(TDMBREC_INDEX_STOP), &any);
+    (void)OMX_SetParameter(component, TDMBREC_INDEX_STOP, &any);
     for (int i = 0; ends == ends_before && i < 100000; i++) {
         usleep(20);
     }
@@ -143,7 +143,7 @@ static void take_step(OMX_COMPONENTTYPE *component, fuzz_input &input, int64_t *
     if (step == 6) {
         host_fail_call(kHostCallMalloc, input.u8(), 1);
     } else if (step == 7) {
-        host_set_storage(0, 100000, 51200 + input.u8());
+        host_set_storage(0, 100000, TDMBREC_LEAST_FREE_KIB + input.u8());
     } else {
         const int64_t time = take_time(input, *ts_us);
         *ts_us = step < 3 ? time : *ts_us;

@@ -1,9 +1,7 @@
 #include "client/input/programme_input.h"
 
 #include "client/failure.h"
-
-// The size that the component writes into every file, whatever the pictures have.
-static constexpr int kAnnouncedWidth = 320, kAnnouncedHeight = 240;
+#include "component/tdmbrec_interface.h"
 
 static int64_t video_time_us(const programme_input &programme)
 {
@@ -114,11 +112,11 @@ std::vector<std::string> programme_opening_remarks(const programme_input &progra
     const video_input &video = *programme.video;
     const AVCodecParameters &picture = *video.file->stream->codecpar;
     std::vector<std::string> remarks;
-    if (picture.width != kAnnouncedWidth || picture.height != kAnnouncedHeight) {
+    if (picture.width != TDMBREC_PICTURE_WIDTH || picture.height != TDMBREC_PICTURE_HEIGHT) {
         remarks.push_back(video.file->path + ": has pictures of " + std::to_string(picture.width) +
                           "x" + std::to_string(picture.height) + "; the file will announce " +
-                          std::to_string(kAnnouncedWidth) + "x" + std::to_string(kAnnouncedHeight) +
-                          ", which some players go by");
+                          std::to_string(TDMBREC_PICTURE_WIDTH) + "x" +
+                          std::to_string(TDMBREC_PICTURE_HEIGHT) + ", which some players go by");
     }
     remark(remarks, *video.file, "pictures left out before the first IDR picture", video.leading);
     return remarks;

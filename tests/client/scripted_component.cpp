@@ -35,8 +35,7 @@ static void note(const std::string &line)
 static void end_recording(OMX_HANDLETYPE component, OMX_U32 reason)
 {
     recording = false;
-    callbacks.EventHandler(component, app_data, OMX_EVENTTYPE(TDMBREC_EVENT_END_OF_RECORDING), 0,
-                           reason, nullptr);
+    callbacks.EventHandler(component, app_data, TDMBREC_EVENT_END_OF_RECORDING, 0, reason, nullptr);
 }
 
 static OMX_ERRORTYPE send_command(OMX_HANDLETYPE component, OMX_COMMANDTYPE command,
@@ -57,23 +56,22 @@ static OMX_ERRORTYPE get_parameter(OMX_HANDLETYPE, OMX_INDEXTYPE, OMX_PTR record
 
 static OMX_ERRORTYPE set_parameter(OMX_HANDLETYPE component, OMX_INDEXTYPE index, OMX_PTR record)
 {
-    const OMX_U32 number = static_cast<OMX_U32>(index);
     if (index == OMX_IndexParamAudioPcm) {
         const auto &format = *static_cast<OMX_AUDIO_PARAM_PCMMODETYPE *>(record);
         note("rate " + std::to_string(format.nSamplingRate));
-    } else if (number == TDMBREC_INDEX_OUTPUT_PATH) {
+    } else if (index == TDMBREC_INDEX_OUTPUT_PATH) {
         std::string path(static_cast<const char *>(record), TDMBREC_PATH_BYTES);
         path.erase(path.find_last_not_of('\0') + 1);
         note("path " + path); // with any byte that is not a padding zero
         record_path = path;
-    } else if (number == TDMBREC_INDEX_START) {
+    } else if (index == TDMBREC_INDEX_START) {
         note("start");
         recording = true;
         if (!script("SCRIPT_FILE").empty()) {
             std::filesystem::copy_file(script("SCRIPT_FILE"), record_path);
         }
         return script("SCRIPT_FAIL") == "start" ? OMX_ErrorUndefined : OMX_ErrorNone;
-    } else if (number == TDMBREC_INDEX_STOP) {
+    } else if (index == TDMBREC_INDEX_STOP) {
         note("stop");
         if (recording && script("SCRIPT_FAIL") != "stop") {
             end_recording(component, TDMBREC_STOP_CLIENT);

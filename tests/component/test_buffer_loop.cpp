@@ -54,12 +54,12 @@ TEST_F(BufferLoop, GivesBackWhatItHoldsWhenAPortIsFlushed)
 
 TEST_F(BufferLoop, ReportsTheEndOfStreamOnlyForThatFlagAlone)
 {
-    constexpr OMX_EVENTTYPE kEndOfStream{TDMBREC_EVENT_END_OF_STREAM};
     const auto client = make_client();
     client->to_executing();
     client->send(0, some_data, 0, OMX_BUFFERFLAG_EOS | OMX_BUFFERFLAG_ENDOFFRAME);
     client->send(1, {}, 0, OMX_BUFFERFLAG_EOS);
-    EXPECT_EQ(client->events(kEndOfStream), (std::vector<IlEvent>{{kEndOfStream, 0, 1, nullptr}}));
+    EXPECT_EQ(client->events(TDMBREC_EVENT_END_OF_STREAM),
+              (std::vector<IlEvent>{{TDMBREC_EVENT_END_OF_STREAM, 0, 1, nullptr}}));
     client->to_loaded();
 }
 

@@ -34,24 +34,24 @@ TEST_F(Recording, StopsWithTheReasonOfItsPathStorageOrSize)
     EXPECT_TRUE(has_logged("In QVR_FILE_fopen : File Handle[0x00000000]\n"));
     host_fail_call(kHostCallDfget, 0, 1);
     EXPECT_EQ(end_of(kRecording), 0u);
-    host_set_storage(0, 8000000, 51200);
+    host_set_storage(0, 8000000, TDMBREC_LEAST_FREE_KIB);
     EXPECT_EQ(end_of(kRecording), 0u) << "full, but no file was ever opened";
     EXPECT_TRUE(has_logged("             8000000               51200\n"));
     host_fail_call(kHostCallDfopen, 0, 1);
     EXPECT_EQ(end_of(kRecording), 0u) << "it never began";
-    host_set_storage(0, 8000000, 51201);
+    host_set_storage(0, 8000000, TDMBREC_LEAST_FREE_KIB + 1);
     EXPECT_EQ(client->start(), OMX_ErrorNone);
     send_programme(*client, 3);
-    EXPECT_EQ(client->count(kEventEndOfRecording), 7u) << "room enough";
-    host_set_storage(0, 8000000, 51200);
+    EXPECT_EQ(client->count(TDMBREC_EVENT_END_OF_RECORDING), 7u) << "room enough";
+    host_set_storage(0, 8000000, TDMBREC_LEAST_FREE_KIB);
     send_programme(*client, 1, 3);
     EXPECT_EQ(client->wait_for_end(), 2u);
-    host_set_storage(0, 8000000, 51201);
+    host_set_storage(0, 8000000, TDMBREC_LEAST_FREE_KIB + 1);
     EXPECT_EQ(client->start(), OMX_ErrorNone);
-    set_put_result(0, 1800000000);
+    set_put_result(0, TDMBREC_FILE_LIMIT_BYTES);
     send_programme(*client, 3);
-    EXPECT_EQ(client->count(kEventEndOfRecording), 8u) << "as large as a file may be";
-    set_put_result(0, 1800000001);
+    EXPECT_EQ(client->count(TDMBREC_EVENT_END_OF_RECORDING), 8u) << "as large as a file may be";
+    set_put_result(0, TDMBREC_FILE_LIMIT_BYTES + 1);
     send_programme(*client, 1, 3);
     EXPECT_EQ(client->wait_for_end(), 6u);
     client->to_loaded();
@@ -79,7 +79,7 @@ TEST_F(Recording, CanBeStartedAndStoppedAtWillFromTheEventOfItsEnd)
     std::atomic<int> rounds = 0;
     std::promise<void> handled;
     client->on_event = [&](const IlEvent &event) {
-        if (event.event == kEventEndOfRecording && rounds++ == 0) {
+        if (event.event == TDMBREC_EVENT_END_OF_RECORDING && rounds++ == 0) {
             EXPECT_EQ(client->start(), OMX_ErrorNone);
             (void)client->post(0, sample_programme().access_units[0], video_time_us(0));
             EXPECT_EQ(client->stop(), OMX_ErrorNone);
@@ -91,20 +91,20 @@ TEST_F(Recording, CanBeStartedAndStoppedAtWillFromTheEventOfItsEnd)
     EXPECT_EQ(client->start(), OMX_ErrorNone) << "from two threads at once";
     handled.get_future().wait();
     client->destroy();
-    EXPECT_EQ(client->count(kEventEndOfRecording), 3u);
+    EXPECT_EQ(client->count(TDMBREC_EVENT_END_OF_RECORDING), 3u);
 }
 
 TEST_F(Recording, IsOverWhenTheComponentGoesAlsoForAClientThatStartsAtEveryEnd)
 {
     const auto client = make_recorder();
     client->on_event = [&](const IlEvent &event) {
-        if (event.event == kEventEndOfRecording) {
+        if (event.event == TDMBREC_EVENT_END_OF_RECORDING) {
             (void)client->start();
         }
     };
     client->stop();
     client->destroy();
-    EXPECT_LE(client->count(kEventEndOfRecording), 2u);
+    EXPECT_LE(client->count(TDMBREC_EVENT_END_OF_RECORDING), 2u);
 }
 
 TEST_F(Recording, OutlivesAClientThatStartsTwiceAtEveryEndWithoutStorage)
@@ -121,7 +121,7 @@ TEST_F(Recording, OutlivesAClientThatStartsTwiceAtEveryEndWithoutStorage)
     };
     host_fail_call(kHostCallDfopen, 0, UINT32_MAX);
     EXPECT_EQ(client->start(), OMX_ErrorNone);
-    EXPECT_EQ(client->count(kEventEndOfRecording), starts);
+    EXPECT_EQ(client->count(TDMBREC_EVENT_END_OF_RECORDING), starts);
 }
 
 TEST_F(Recording, IsReportedInTheOrderInWhichTheRecordingsEnded)
@@ -133,7 +133,7 @@ TEST_F(Recording, IsReportedInTheOrderInWhichTheRecordingsEnded)
     const auto watch = [&](IlClient &watched, char name,
                            const std::function<void()> &at_first_end) {
         watched.on_event = [&, name, at_first_end](const IlEvent &event) {
-            if (event.event != kEventEndOfRecording) {
+            if (event.event != TDMBREC_EVENT_END_OF_RECORDING) {
                 return;
             }
             EXPECT_FALSE(is_in_event.exchange(true)) << "two at once";
@@ -148,7 +148,7 @@ TEST_F(Recording, IsReportedInTheOrderInWhichTheRecordingsEnded)
     watch(*client, 'A', [&] {
         EXPECT_EQ(client->start(), OMX_ErrorNone);
         send_programme(*client, 3);
-        host_set_storage(0, 8000000, 51200);
+        host_set_storage(0, 8000000, TDMBREC_LEAST_FREE_KIB);
         send_programme(*client, 1, 3);
         host_set_storage(0, 8000000, 4000000);
         for (uint32_t n = 3; n < kMostUnreportedEnds; n++) {
@@ -185,7 +185,7 @@ TEST_F(Recording, EndsForAnotherComponentThatGoesWithinTheEvent)
         other->to_executing();
         std::string ended;
         client->on_event = [&](const IlEvent &event) {
-            if (event.event == kEventEndOfRecording && ended.empty()) {
+            if (event.event == TDMBREC_EVENT_END_OF_RECORDING && ended.empty()) {
                 if (way == '0') {
                     host_fail_call(kHostCallDfopen, 0, 2); // both starts end at once
                 }
@@ -197,10 +197,10 @@ TEST_F(Recording, EndsForAnotherComponentThatGoesWithinTheEvent)
                 refuse_threads(way == 'p' ? 1 : 0); // in place
                 other->destroy();
             }
-            ended += event.event == kEventEndOfRecording ? "client " : "";
+            ended += event.event == TDMBREC_EVENT_END_OF_RECORDING ? "client " : "";
         };
         other->on_event = [&](const IlEvent &event) {
-            if (event.event == kEventEndOfRecording) {
+            if (event.event == TDMBREC_EVENT_END_OF_RECORDING) {
                 if (way != 'w') {
                     host_fail_call(kHostCallDfopen, 0, 1);
                     EXPECT_EQ(client->start(), OMX_ErrorNone);
@@ -244,7 +244,7 @@ TEST_F(Recording, KeepsItsClientFromTheStartToTheReturnOfItsEvent)
     while (change(0) != OMX_ErrorNone) {
         std::this_thread::yield();
     }
-    EXPECT_EQ(client->count(kEventEndOfRecording), 1u);
+    EXPECT_EQ(client->count(TDMBREC_EVENT_END_OF_RECORDING), 1u);
     host_fail_call(kHostCallDfopen, 0, UINT32_MAX);
     std::thread starter([&] {
         for (int i = 0; i < 1000; i++) {
@@ -362,8 +362,9 @@ TEST_F(Recording, SurvivesStopsStartsAndStateChangesWhileItsParametersAndStorage
             host_fail_call(kHostCallDfopen, 0, i % 9 == 0); // there is no storage
             EXPECT_EQ(client->start(), OMX_ErrorNone);
             std::this_thread::sleep_for(std::chrono::milliseconds(i % 7));
-            host_fail_call(kHostCallDfget, 0, i % 5 == 0);               // it vanishes
-            host_set_storage(0, 8000000, i % 11 == 0 ? 51200 : 4000000); // it is full
+            host_fail_call(kHostCallDfget, 0, i % 5 == 0); // it vanishes
+            host_set_storage(0, 8000000,
+                             i % 11 == 0 ? TDMBREC_LEAST_FREE_KIB : 4000000); // it is full
         }
         is_over = true;
     });
@@ -374,8 +375,7 @@ TEST_F(Recording, SurvivesStopsStartsAndStateChangesWhileItsParametersAndStorage
         for (uint32_t i = 0; !is_over; i++) {
             client->set_path(paths[i % 2]);
             for (const auto index : {TDMBREC_INDEX_NAME_PART_1, TDMBREC_INDEX_NAME_PART_2}) {
-                EXPECT_EQ(OMX_SetParameter(client->handle(), OMX_INDEXTYPE(index), name.data()),
-                          OMX_ErrorNone);
+                EXPECT_EQ(OMX_SetParameter(client->handle(), index, name.data()), OMX_ErrorNone);
             }
             EXPECT_EQ(OMX_SetParameter(client->handle(), OMX_IndexParamAudioPcm, &pcm),
                       OMX_ErrorNone);
@@ -392,7 +392,7 @@ TEST_F(Recording, SurvivesStopsStartsAndStateChangesWhileItsParametersAndStorage
     meddler.join();
     setter.join();
     client->destroy();
-    EXPECT_EQ(client->count(kEventEndOfRecording), 61u) << "each recording ended once";
+    EXPECT_EQ(client->count(TDMBREC_EVENT_END_OF_RECORDING), 61u) << "each recording ended once";
     for (const auto &entry : std::filesystem::directory_iterator("/mnt/sdcard")) {
         EXPECT_TRUE(!entry.is_regular_file() || entry.path() == paths[0] ||
                     entry.path() == paths[1])

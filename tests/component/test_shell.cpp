@@ -98,13 +98,13 @@ TEST_F(Shell, TakesItsParametersAndPassesOnTheRest)
     memset(name, 'n', sizeof(name));
     for (const auto index :
          {TDMBREC_INDEX_NAME_PART_1, TDMBREC_INDEX_NAME_PART_2, TDMBREC_INDEX_OUTPUT_PATH}) {
-        EXPECT_EQ(OMX_SetParameter(handle, OMX_INDEXTYPE(index), name), OMX_ErrorNone);
+        EXPECT_EQ(OMX_SetParameter(handle, index, name), OMX_ErrorNone);
     }
     EXPECT_EQ(memcmp(record_of(*client)->szNamePart1, name, TDMBREC_NAME_PART_1_BYTES), 0);
     EXPECT_EQ(memcmp(record_of(*client)->szNamePart2, name, TDMBREC_NAME_PART_2_BYTES), 0);
     EXPECT_EQ(memcmp(szOutFileName, name, TDMBREC_PATH_BYTES), 0);
     EXPECT_EQ(client->stop(), OMX_ErrorNone) << "nothing to stop";
-    EXPECT_EQ(client->count(kEventEndOfRecording), 0u);
+    EXPECT_EQ(client->count(TDMBREC_EVENT_END_OF_RECORDING), 0u);
     OMX_INDEXTYPE index = OMX_IndexMax;
     EXPECT_EQ(handle->GetExtensionIndex(handle, name, &index), OMX_ErrorNone);
     EXPECT_EQ(index, OMX_IndexMax);

@@ -50,7 +50,7 @@ class WriterThreads : public ComponentTest {
     {
         const int32_t length = static_cast<int32_t>(frame.data.size());
         while (QVR_FIFO_GetOneFifo5(fifo, length, frame.time_ms, frame.is_key ? 1 : 0) == 0) {
-            if (client.count(kEventEndOfRecording) > 0) {
+            if (client.count(TDMBREC_EVENT_END_OF_RECORDING) > 0) {
                 return;
             }
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -147,11 +147,11 @@ TEST_F(WriterThreads, EndTheRecordingOnceAfterAFailedWriteAndPastTheLargestFile)
         const auto client = make_recorder();
         start_writers(*client);
         open_file(*client);
-        set_put_result(0, 1800000000); // still within the limit
+        set_put_result(0, TDMBREC_FILE_LIMIT_BYTES); // still within the limit
         feed(*client, QVR_FIFO_AUDIO, frame);
         feed(*client, QVR_FIFO_VIDEO, frame);
         wait_until_written();
-        EXPECT_EQ(client->count(kEventEndOfRecording), 0u);
+        EXPECT_EQ(client->count(TDMBREC_EVENT_END_OF_RECORDING), 0u);
         set_put_result(fails ? -7 : 0, 1800000001);
         if (round >= 2) { // both writers fail, and one of them must run the stop procedure
             refuse_threads(1);
@@ -164,7 +164,7 @@ TEST_F(WriterThreads, EndTheRecordingOnceAfterAFailedWriteAndPastTheLargestFile)
         client->to_loaded();
         EXPECT_EQ(record_of(*client)->stMuxError.m_pszMessage, nullptr)
             << "it belonged to the muxer's context";
-        EXPECT_EQ(client->count(kEventEndOfRecording), 1u);
+        EXPECT_EQ(client->count(TDMBREC_EVENT_END_OF_RECORDING), 1u);
         EXPECT_EQ(first_fault(mp4_reader::read_movie(read_file(kRecording))), "");
         reset_wrapped_calls();
     }
@@ -180,7 +180,7 @@ TEST_F(WriterThreads, MayOutliveTheRecordingOfAProgramThatJoinsThemItself)
         start_writer(*client, QVR_FIFO_AUDIO, &threads[0]);
         start_writer(*client, QVR_FIFO_VIDEO, &threads[1]);
         const bool fails = round % 2 == 0;
-        for (int i = 0; client->count(kEventEndOfRecording) == 0; i++) {
+        for (int i = 0; client->count(TDMBREC_EVENT_END_OF_RECORDING) == 0; i++) {
             feed(*client, QVR_FIFO_AUDIO, {Bytes(100, 1), i, true});
             feed(*client, QVR_FIFO_VIDEO, {Bytes(100, 1), i, true});
             if (i != 300) {
@@ -200,7 +200,7 @@ TEST_F(WriterThreads, MayOutliveTheRecordingOfAProgramThatJoinsThemItself)
             EXPECT_EQ(pthread_join(thread, nullptr), 0);
         }
         client->destroy();
-        EXPECT_EQ(client->count(kEventEndOfRecording), 1u);
+        EXPECT_EQ(client->count(TDMBREC_EVENT_END_OF_RECORDING), 1u);
         EXPECT_EQ(first_fault(mp4_reader::read_movie(read_file(kRecording))), "");
         reset_wrapped_calls();
     }

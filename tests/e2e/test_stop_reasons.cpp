@@ -18,7 +18,7 @@ class StopReason : public RecorderTest {
         picture.resize(bytes, 0xFF);
         picture.back() = 0x80;
         send_time_base(client);
-        for (size_t i = 0; i < most && client.count(kEventEndOfRecording) == 0; i++) {
+        for (size_t i = 0; i < most && client.count(TDMBREC_EVENT_END_OF_RECORDING) == 0; i++) {
             client.send(TDMBREC_PORT_VIDEO, picture, video_time_us(i));
         }
     }

@@ -82,8 +82,7 @@ TEST_F(StateMachine, CommandsAreCheckedBeforeTheyAreQueued)
     }
     EXPECT_EQ(component->ComponentDeInit(component), OMX_ErrorNone); // again in TearDown
     EXPECT_EQ(OMX_GetState(component, &state), OMX_ErrorInvalidComponent);
-    EXPECT_EQ(OMX_SetParameter(component, OMX_INDEXTYPE(TDMBREC_INDEX_STOP), &state),
-              OMX_ErrorInvalidComponent);
+    EXPECT_EQ(OMX_SetParameter(component, TDMBREC_INDEX_STOP, &state), OMX_ErrorInvalidComponent);
     EXPECT_EQ(send(OMX_CommandFlush, OMX_ALL), OMX_ErrorInvalidComponent);
 }
 

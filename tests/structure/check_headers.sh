@@ -14,4 +14,5 @@ for header in "$@"; do
     printf '#include "%s"\n' "$header" | compile -x c++ -std=c++20 -
     printf '#include "%s"\n' "$header" | compile -x c -std=c11 -
 done
-compile -std=c11 -x c tests/structure/published_numbers.c
+compile -x c -std=c11 tests/structure/published_numbers.c
+compile -x c++ -std=c++20 tests/structure/published_numbers.c

@@ -22,7 +22,7 @@ wall aacenc "\"aacenc/|$standard|<(arm_neon|immintrin)\.h>"
 wall component '"(component/|platform/[a-z_]+\.h|mp4mux/mp4_mux\.h|aacenc/aac_enc\.h)|<'
 wall platform '"platform/|<'
 wall mp4read '"mp4read/|<'
-wall client/input '"client/(input/|failure\.h)|<'
+wall client/input '"(client/(input/|failure\.h)|component/tdmbrec_interface\.h)|<'
 wall client/report '"(client/report/|mp4read/)|<'
 wall client '"(client/|mp4read/|component/tdmbrec_interface\.h|platform/(omx_il|host/host_control)\.h|mp4mux/mp4_mux\.h|aacenc/aac_enc\.h)|<'
 

@@ -177,19 +177,19 @@ OMX_ERRORTYPE IlClient::set_path(const std::string &path)
 {
     char record[TDMBREC_PATH_BYTES] = {};
     path.copy(record, sizeof(record));
-    return OMX_SetParameter(handle_, OMX_INDEXTYPE(TDMBREC_INDEX_OUTPUT_PATH), record);
+    return OMX_SetParameter(handle_, TDMBREC_INDEX_OUTPUT_PATH, record);
 }
 
 OMX_ERRORTYPE IlClient::start()
 {
     uint32_t any = 0;
-    return OMX_SetParameter(handle_, OMX_INDEXTYPE(TDMBREC_INDEX_START), &any);
+    return OMX_SetParameter(handle_, TDMBREC_INDEX_START, &any);
 }
 
 OMX_ERRORTYPE IlClient::stop()
 {
     uint32_t any = 0;
-    return OMX_SetParameter(handle_, OMX_INDEXTYPE(TDMBREC_INDEX_STOP), &any);
+    return OMX_SetParameter(handle_, TDMBREC_INDEX_STOP, &any);
 }
 
 void IlClient::start_recording(const std::string &path)
@@ -202,7 +202,7 @@ void IlClient::start_recording(const std::string &path)
 std::optional<uint32_t> IlClient::wait_for_end(int timeout_ms)
 {
     std::vector<IlEvent> ends;
-    if (!wait([&] { return (ends = events(kEventEndOfRecording)).size() > ends_seen_; },
+    if (!wait([&] { return (ends = events(TDMBREC_EVENT_END_OF_RECORDING)).size() > ends_seen_; },
               timeout_ms)) {
         return std::nullopt;
     }

@@ -15,8 +15,6 @@
 #include <string>
 #include <vector>
 
-constexpr OMX_EVENTTYPE kEventEndOfRecording{TDMBREC_EVENT_END_OF_RECORDING};
-
 // Long enough for the busiest machine; only a component that hangs takes longer.
 constexpr int kHangMs = 300000;
 
