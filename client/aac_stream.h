@@ -36,7 +36,8 @@ void aac_stream_open(aac_stream &stream, const aac_settings &settings);
 
 // Encodes one frame.
 // in: interleaved samples, AACENC_FRAME_SAMPLES of each channel
-// returns: the access unit or ADTS frame, valid until the next call; throws `failure`
+// returns: the access unit or ADTS frame, valid until the next call
+// throws: `failure`
 std::span<const uint8_t> aac_stream_encode(aac_stream &stream, std::span<const int16_t> frame);
 
 // The header that makes a sequence of bare access units a stream.

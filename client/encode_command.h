@@ -5,7 +5,8 @@
 #include "client/options.h"
 
 // Encodes, and reports on standard output.
-// returns: the exit code; throws `failure`
+// returns: the exit code
+// throws: `failure`
 int encode_run(const encode_options &options);
 
 #endif // CLIENT_ENCODE_COMMAND_H

@@ -22,8 +22,8 @@ struct file_summary {
 };
 
 // Reads an MP4 file.
-// returns: nothing when there is no movie box, without which no player can open the file; throws
-//          `failure` when the file cannot be read at all
+// returns: nothing when there is no movie box, without which no player can open the file
+// throws: `failure` when the file cannot be read at all
 std::optional<file_summary> finished_file_read(int file);
 
 // returns: one sentence each on the faults and the notes, if there are any

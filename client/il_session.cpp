@@ -36,7 +36,7 @@ static void check(OMX_ERRORTYPE error, const std::string &predicate)
     }
 }
 
-// thread: any, under the lock.
+// thread: any, under the lock
 static void note_error(il_session &self, OMX_ERRORTYPE error, bool is_refusal)
 {
     if (self.error == OMX_ErrorNone) {
@@ -46,7 +46,7 @@ static void note_error(il_session &self, OMX_ERRORTYPE error, bool is_refusal)
 }
 
 // Takes the next buffers to send; the component has none.
-// thread: any, under the lock.
+// thread: any, under the lock
 static std::vector<OMX_BUFFERHEADERTYPE *> take_waiting(il_session &self)
 {
     if (self.error != OMX_ErrorNone) {
@@ -61,7 +61,7 @@ static std::vector<OMX_BUFFERHEADERTYPE *> take_waiting(il_session &self)
     return {};
 }
 
-// thread: any, under the lock.
+// thread: any, under the lock
 static bool is_any_waiting(const il_session &self)
 {
     return std::any_of(self.ports.begin(), self.ports.end(),
@@ -82,7 +82,7 @@ static void send(il_session &self, const std::vector<OMX_BUFFERHEADERTYPE *> &bu
     }
 }
 
-// thread: the component's, as the other two callbacks.
+// thread: the component's, as the other two callbacks
 static OMX_ERRORTYPE on_event(OMX_HANDLETYPE, OMX_PTR app_data, OMX_EVENTTYPE event, OMX_U32 data1,
                               OMX_U32 data2, OMX_PTR)
 {
@@ -125,7 +125,7 @@ static OMX_ERRORTYPE on_fill_buffer_done(OMX_HANDLETYPE, OMX_PTR, OMX_BUFFERHEAD
     return OMX_ErrorNone; // a sink fills nothing
 }
 
-// returns: how long to wait for an answer; a user with a slower disk may set it.
+// returns: how long to wait for an answer; a user with a slower disk may set it
 static int patience_s(void)
 {
     const char *const text = std::getenv("TDMBREC_PATIENCE");
@@ -357,7 +357,7 @@ void il_session_close(il_session_ptr self)
 }
 
 // Discards the waiting run.
-// returns: whether the component is in Executing, without an error, and has no buffers.
+// returns: whether the component is in Executing, without an error, and has no buffers
 static bool can_leave_states(il_session &self)
 {
     const std::lock_guard<std::mutex> guard(self.lock);

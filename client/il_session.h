@@ -48,14 +48,16 @@ struct il_session_deleter {
 };
 using il_session_ptr = std::unique_ptr<il_session, il_session_deleter>;
 
-// returns: whether a component has been left alone; the process must then end without unloading it.
+// returns: whether a component has been left alone; the process must then end without unloading it
 bool il_session_left_alone(void);
 
 // Takes the handle, allocates the buffers and changes the state to Executing. For use between
-// OMX_Init and OMX_Deinit. throws `failure`.
+// OMX_Init and OMX_Deinit.
+// throws: `failure`
 il_session_ptr il_session_open(void);
 
-// Starts a recording. throws `failure`.
+// Starts a recording.
+// throws: `failure`
 // in: path of at most 127 characters; sample rate of the PCM in Hz
 void il_session_start(il_session &self, const std::string &path, unsigned sample_rate);
 
@@ -63,22 +65,24 @@ void il_session_start(il_session &self, const std::string &path, unsigned sample
 // them has come back: first the pictures of a run, then its audio. The component thus receives a
 // programme in the same order each time, and threads are woken seldom. One run may wait while the
 // component has another.
-// throws `failure`, unsupported for more bytes than a buffer holds.
+// throws: `failure`, unsupported for more bytes than a buffer holds
 void il_session_send(il_session &self, uint32_t port, std::span<const uint8_t> bytes,
                      int64_t time_us, uint32_t flags);
 
-// Sends the run so far, for a caller that is about to sleep. throws `failure`.
+// Sends the run so far, for a caller that is about to sleep.
+// throws: `failure`
 void il_session_flush(il_session &self);
 
-// returns: the stop reason when the recording has ended.
+// returns: the stop reason when the recording has ended
 std::optional<uint32_t> il_session_stop_reason(il_session &self);
 
-// Waits for all buffers, asks the component to stop unless it has, and waits for the end. throws
-// `failure`.
-// returns: the stop reason.
+// Waits for all buffers, asks the component to stop unless it has, and waits for the end.
+// throws: `failure`
+// returns: the stop reason
 uint32_t il_session_stop(il_session &self);
 
-// Changes the state to Idle and Loaded, and frees buffers and handle. throws `failure`.
+// Changes the state to Idle and Loaded, and frees buffers and handle.
+// throws: `failure`
 void il_session_close(il_session_ptr self);
 
 #endif // CLIENT_IL_SESSION_H

@@ -5,7 +5,8 @@
 #include "client/options.h"
 
 // Reports on standard output or to a page.
-// returns: the exit code; throws `failure`
+// returns: the exit code
+// throws: `failure`
 int info_run(const info_options &options);
 
 #endif // CLIENT_INFO_COMMAND_H

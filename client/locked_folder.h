@@ -19,8 +19,8 @@ struct locked_folder {
 
 // Makes the folder OUTPUT_NAME SUFFIX; if that name is taken, a number follows the suffix: "-2" and
 // so on.
-// returns: the folder; throws `failure`, also while another process uses such a folder for the same
-//          output
+// returns: the folder
+// throws: `failure`, also while another process uses such a folder for the same output
 locked_folder locked_folder_make(int directory, const std::string &output_name,
                                  const std::string &suffix);
 

@@ -5,7 +5,8 @@
 #include "client/options.h"
 
 // Writes the file, and reports on standard output.
-// returns: the exit code; throws `failure`
+// returns: the exit code
+// throws: `failure`
 int mux_run(const mux_options &options);
 
 #endif // CLIENT_MUX_COMMAND_H

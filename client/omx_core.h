@@ -2,8 +2,8 @@
 #ifndef CLIENT_OMX_CORE_H
 #define CLIENT_OMX_CORE_H
 
-// returns: why a component's library could not be loaded at the last attempt; empty when it was.
-// thread: any, while no other thread calls the core.
+// returns: why a component's library could not be loaded at the last attempt; empty when it was
+// thread: any, while no other thread calls the core
 const char *omx_core_load_error(void);
 
 #endif // CLIENT_OMX_CORE_H

@@ -17,7 +17,7 @@ static constexpr char kRecordFooter[] = R"(Exit status:
   8    the recording is kept, but not as the output; a message says where, and what to do
   10   storage not usable            12   free space used up
   14   the file could not be opened  15   writing failed
-  16   the file reached its size limit of 1,800,000,000 bytes
+  16   the file has passed its size limit of 1,800,000,000 bytes
   17   the component was destroyed during the recording
   130  aborted by the second Ctrl-C (143 SIGTERM, 129 SIGHUP); a message says where the
        recording is kept

@@ -30,7 +30,8 @@ struct output_place {
 };
 
 // Checks that the output may be written, and changes nothing.
-// returns: the place; throws `failure`
+// returns: the place
+// throws: `failure`
 std::unique_ptr<output_place> output_place_open(const std::string &output, bool force);
 
 // Refuses an output that is one of the inputs.

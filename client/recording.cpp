@@ -37,7 +37,7 @@ static std::string reason_text(uint32_t reason)
     case TDMBREC_STOP_WRITE:
         return "writing the file failed";
     case TDMBREC_STOP_SIZE_LIMIT:
-        return "the file reached its size limit";
+        return "the file has passed its size limit";
     case TDMBREC_STOP_DESTROYED:
         return "the component was destroyed";
     default:

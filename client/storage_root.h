@@ -36,7 +36,8 @@ struct storage_root {
 };
 
 // Checks that the output may be written, and changes nothing.
-// returns: the storage; throws `failure`
+// returns: the storage
+// throws: `failure`
 std::unique_ptr<storage_root> storage_open(const std::string &output, bool force);
 
 // Prepares /mnt/sdcard for the component. Other paths below /mnt may change their meaning.

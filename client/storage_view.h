@@ -16,8 +16,8 @@ void storage_isolate(void);
 
 // Shows the folder at /mnt/sdcard. Other paths below /mnt may change their meaning.
 // in: folder: its descriptor
-// returns: false when that is not possible; an existing /mnt/sdcard may serve instead; throws
-//          `failure` when another recording has its folder there
+// returns: false when that is not possible; an existing /mnt/sdcard may serve instead
+// throws: `failure` when another recording has its folder there
 [[nodiscard]] bool storage_show(int folder);
 
 // Removes the links, which would outlast the process. May be called twice.

@@ -27,7 +27,8 @@ struct work_folder {
 };
 
 // Makes the folder, if the output may be written.
-// returns: the folder; throws `failure`
+// returns: the folder
+// throws: `failure`
 std::unique_ptr<work_folder> work_folder_make(const std::string &output, bool force);
 
 // Removes the folder in use before the process ends. No other can be made after it.

@@ -19,15 +19,15 @@ struct reading {
 };
 
 // Adds a fault unless the condition holds.
-// returns: the condition.
+// returns: the condition
 bool check(reading &state, bool valid, const std::string &text);
 
 // Adds a note, not a fault, unless the file is within a limit of this reader.
-// returns: the condition.
+// returns: the condition
 bool limit(reading &state, bool within, const std::string &text);
 
 // Reads a sequence of boxes and those inside them.
-// in: the depth of the sequence; 0 is the file itself, whose last box may have size 0.
+// in: the depth of the sequence; 0 is the file itself, whose last box may have size 0
 std::vector<box> read_boxes(reading &state, bytes image, unsigned depth);
 
 } // namespace mp4_reader

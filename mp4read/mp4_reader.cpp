@@ -12,7 +12,7 @@ namespace mp4_reader {
 static constexpr size_t kMaxTracks = 64;
 
 // Skips version and flags of a header whose times are longer in version 1.
-// returns: the width of its times and durations.
+// returns: the width of its times and durations
 static size_t take_version(cursor &in)
 {
     return in.u32() >> 24 == 1 ? 8 : 4;

@@ -65,9 +65,9 @@ struct movie {
 };
 
 // Reads a file.
-// in: the image of the whole file; an incomplete or damaged one gives faults.
-// returns: what could be read, with the faults.
-// owns: the caller keeps the image as long as it uses the payloads of the boxes.
+// in: the image of the whole file; an incomplete or damaged one gives faults
+// returns: what could be read, with the faults
+// owns: the caller keeps the image as long as it uses the payloads of the boxes
 movie read_movie(std::span<const uint8_t> image);
 
 // As above, in memory that does not grow with the number of samples.
@@ -77,17 +77,17 @@ using sample_sink = std::function<void(track *of, const sample &next)>;
 movie read_movie(std::span<const uint8_t> image, const sample_sink &sink);
 
 // Finds a box by a path such as "moov/trak/tkhd".
-// returns: the first one, or null; it is part of the boxes given.
+// returns: the first one, or null; it is part of the boxes given
 const box *find(const std::vector<box> &boxes, const std::string &path);
 
-// in: a handler such as "vide" or "soun".
-// returns: the first track with it, or null; it is part of the movie.
+// in: a handler such as "vide" or "soun"
+// returns: the first track with it, or null; it is part of the movie
 const track *find_track(const movie &file, const std::string &handler);
 
-// returns: the first fault; empty for an intact file.
+// returns: the first fault; empty for an intact file
 std::string first_fault(const movie &file);
 
-// returns: the four characters of a type, with "?" in place of bytes that cannot be printed.
+// returns: the four characters of a type, with "?" in place of bytes that cannot be printed
 std::string printable(const std::string &type);
 
 } // namespace mp4_reader

@@ -43,7 +43,7 @@ static void read_avcc(reading &state, const box &avcc, avc_configuration &result
 }
 
 // Reads a descriptor's tag and size and advances the outer cursor to the next one.
-// returns: a cursor on the payload.
+// returns: a cursor on the payload
 static cursor read_descriptor(reading &state, cursor &in, uint32_t tag)
 {
     check(state, in.u32(1) == tag, "a descriptor's tag is not " + std::to_string(tag));

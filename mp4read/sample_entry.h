@@ -7,8 +7,8 @@
 namespace mp4_reader {
 
 // Reads the only entry of a stsd box.
-// in: the track, whose handler says what the entry describes.
-// out: its coding, picture size, audio format and decoder configuration.
+// in: the track, whose handler says what the entry describes
+// out: its coding, picture size, audio format and decoder configuration
 void read_sample_entry(reading &state, const box &stsd, track &result);
 
 } // namespace mp4_reader

@@ -7,8 +7,8 @@
 namespace mp4_reader {
 
 // Checks the tables of a stbl box and passes the samples to the sink, in decoding order.
-// in: the track, which the sink receives too.
-// out: its samples_left_out.
+// in: the track, which the sink receives too
+// out: its samples_left_out
 void read_samples(reading &state, const box &stbl, const sample_sink &sink, track &result);
 
 } // namespace mp4_reader

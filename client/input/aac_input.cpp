@@ -57,7 +57,7 @@ static std::vector<uint8_t> make_config(const adts_header &header)
     return {static_cast<uint8_t>(bits >> 8), static_cast<uint8_t>(bits)};
 }
 
-// returns: the next number; bits after the end are 0.
+// returns: the next number; bits after the end are 0
 static unsigned take_bits(bytes data, size_t &position, unsigned count)
 {
     unsigned value = 0;
@@ -108,7 +108,7 @@ static void read_config(aac_input &aac, bytes config)
 }
 
 // Takes the stream's configuration from the first ADTS header.
-// returns: the access unit in a packet.
+// returns: the access unit in a packet
 static bytes unit_in(aac_input &aac, bytes packet)
 {
     if (!aac.is_framed) {

@@ -27,15 +27,16 @@ struct aac_input {
 };
 
 // Opens the AAC of a file and reads its first access unit.
-// in: the video's file, or null; if it is the same file, the streams share its clock.
-// returns: the input; throws `failure`.
+// in: the video's file, or null; if it is the same file, the streams share its clock
+// returns: the input
+// throws: `failure`
 std::unique_ptr<aac_input> aac_input_open(const std::string &path, media_file *video_file);
 
-// returns: the duration of this number of access units.
+// returns: the duration of this number of access units
 int64_t aac_input_span_us(const aac_input &aac, int64_t units);
 
-// returns: the next access unit, valid until the next call; nothing at the end; throws `failure`
-//          when the file cannot be read or the unit cannot be stored.
+// returns: the next access unit, valid until the next call; nothing at the end
+// throws: `failure` when the file cannot be read or the unit cannot be stored
 std::optional<std::span<const uint8_t>> aac_input_next(aac_input &aac);
 
 #endif // CLIENT_INPUT_AAC_INPUT_H

@@ -11,14 +11,14 @@
 inline constexpr std::array<int, 13> kAacRates = {96000, 88200, 64000, 48000, 44100, 32000, 24000,
                                                   22050, 16000, 12000, 11025, 8000,  7350};
 
-// returns: the rate's index; the size of the table for any other rate.
+// returns: the rate's index; the size of the table for any other rate
 inline size_t aac_rate_index(int rate)
 {
     return static_cast<size_t>(std::find(kAacRates.begin(), kAacRates.end(), rate) -
                                kAacRates.begin());
 }
 
-// returns: whether the encoder of this system takes the rate.
+// returns: whether the encoder of this system takes the rate
 inline bool is_encoder_rate(int rate)
 {
     constexpr int kRateMin = 8000, kRateMax = 48000;

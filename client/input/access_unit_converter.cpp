@@ -76,7 +76,7 @@ static unit_verdict put_sets_before(access_unit_converter &converter, access_uni
 }
 
 // Keeps the parameter sets among the NAL units.
-// out: the picture's slices.
+// out: the picture's slices
 static unit_verdict find_slices(access_unit_converter &converter, const std::vector<bytes> &nals,
                                 std::vector<bytes> &slices)
 {
@@ -98,8 +98,8 @@ static unit_verdict find_slices(access_unit_converter &converter, const std::vec
     return slices.empty() ? unit_verdict::empty : unit_verdict::ready;
 }
 
-// out: the unit's flags.
-// returns: false when the picture is not complete.
+// out: the unit's flags
+// returns: false when the picture is not complete
 static bool read_slice_headers(const std::vector<bytes> &slices, access_unit &unit)
 {
     unit.idr = nal_type(slices.front()) == kNalIdr;
@@ -119,7 +119,7 @@ static bool read_slice_headers(const std::vector<bytes> &slices, access_unit &un
 
 // Takes the parameter sets of an AVCDecoderConfigurationRecord: version, profile, compatibility,
 // level, length size, then the sequence sets and the picture sets, each after their count.
-// returns: false when the record is cut.
+// returns: false when the record is cut
 // source: ISO/IEC 14496-15, 5.2.4.1
 static bool take_record(access_unit_converter &converter, bytes record, std::vector<bytes> &sets)
 {

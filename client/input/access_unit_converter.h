@@ -42,34 +42,34 @@ struct access_unit {
 
 // Reads a container's decoder configuration.
 // in: an avcC record, whose first byte is 1, or parameter sets in start-code form; empty for a
-//     stream that carries everything itself.
-// returns: false when it is damaged.
+//     stream that carries everything itself
+// returns: false when it is damaged
 [[nodiscard]] bool access_unit_configure(access_unit_converter &converter,
                                          std::span<const uint8_t> configuration);
 
 // Converts one access unit.
-// in: its bytes in the stream's form.
-// out: the unit, complete only when the result is `ready`.
+// in: its bytes in the stream's form
+// out: the unit, complete only when the result is `ready`
 [[nodiscard]] unit_verdict access_unit_convert(access_unit_converter &converter,
                                                std::span<const uint8_t> packet, access_unit &unit);
 
 // Replaces the parameter sets before a converted IDR picture when those of the first picture turn
 // out to be damaged.
-// in: sets in start-code form, as `other_sets`.
+// in: sets in start-code form, as `other_sets`
 void access_unit_replace_sets(const access_unit_converter &converter, access_unit &unit,
                               std::span<const uint8_t> sets);
 
 // Makes these sets the stream's own from now on.
-// in: sets in start-code form.
+// in: sets in start-code form
 void access_unit_adopt_sets(access_unit_converter &converter, std::span<const uint8_t> sets);
 
-// in: a converter that has converted the first IDR picture.
+// in: a converter that has converted the first IDR picture
 // returns: the decoder configuration for a file: one sequence and one picture set in start-code
-//          form, or an avcC record if there are more.
+//          form, or an avcC record if there are more
 std::vector<uint8_t> access_unit_configuration(const access_unit_converter &converter);
 
-// in: a converted unit.
-// returns: its slices for a file, each after its length (32 bits, big-endian).
+// in: a converted unit
+// returns: its slices for a file, each after its length (32 bits, big-endian)
 std::vector<uint8_t> access_unit_with_lengths(const access_unit &unit);
 
 #endif // CLIENT_INPUT_ACCESS_UNIT_CONVERTER_H

@@ -14,11 +14,13 @@ struct audio_decoder {
     unsigned damaged = 0; // packets that could not be decoded
 };
 
-// returns: the decoder of a file's audio; throws `failure`.
+// returns: the decoder of a file's audio
+// throws: `failure`
 std::unique_ptr<audio_decoder> audio_decoder_open(const std::string &path);
 
 // returns: the next frame that holds samples; null at the end, and while the file's clock waits for
-//          the video; throws `failure` when the file breaks off.
+//          the video
+// throws: `failure` when the file breaks off
 frame_ptr audio_decoder_next(audio_decoder &decoder);
 
 #endif // CLIENT_INPUT_AUDIO_DECODER_H

@@ -22,7 +22,7 @@ static bool same_format(const AVFrame &one, const AVFrame &other)
 }
 
 // Queues the resampled frame.
-// in: a frame, or null for the samples that the resampler still holds.
+// in: a frame, or null for the samples that the resampler still holds
 static void queue_resampled(audio_input &audio, const AVFrame *frame)
 {
     if (audio.resampler == nullptr) {
@@ -85,7 +85,7 @@ static void adapt_resampler(audio_input &audio, AVFrame &frame)
 }
 
 // Decodes the next frame into `held`.
-// returns: false at the end.
+// returns: false at the end
 static bool decode_frame(audio_input &audio)
 {
     audio.held = audio_decoder_next(*audio.decoder);
@@ -94,7 +94,7 @@ static bool decode_frame(audio_input &audio)
 
 // Decides how the held frame joins the queue: after silence if it begins later than the queue ends,
 // without its first samples if it begins earlier.
-// in: the frame's time.
+// in: the frame's time
 static void settle_frame(audio_input &audio, int64_t time_us, int64_t tolerance_us)
 {
     const int64_t tolerance = av_rescale(tolerance_us, audio.rate, kSecondUs);
@@ -108,7 +108,7 @@ static void settle_frame(audio_input &audio, int64_t time_us, int64_t tolerance_
     }
 }
 
-// returns: the held frame's time on the clock's line; without a time stamp, the last frame's end.
+// returns: the held frame's time on the clock's line; without a time stamp, the last frame's end
 static int64_t place_frame(audio_input &audio)
 {
     const AVFrame &frame = *audio.held;
@@ -120,7 +120,7 @@ static int64_t place_frame(audio_input &audio)
 }
 
 // Adds samples to the queue.
-// returns: false at the end.
+// returns: false at the end
 static bool extend_queue(audio_input &audio)
 {
     if (audio.silence_due > 0) {

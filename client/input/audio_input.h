@@ -32,18 +32,20 @@ struct audio_input {
 };
 
 // Opens the audio of a file and decodes its first frame.
-// in: the video's file; if it is the same file, the streams share its clock.
-// returns: the input; throws `failure`.
+// in: the video's file; if it is the same file, the streams share its clock
+// returns: the input
+// throws: `failure`
 std::unique_ptr<audio_input> audio_input_open(const std::string &path, media_file &video_file);
 
 // Sets the time at which the first block begins: samples before it are dropped, gaps after it are
 // filled with silence. Call once, before the first block.
-// in: a time on the file's clock.
+// in: a time on the file's clock
 void audio_input_start_at(audio_input &audio, int64_t origin_us);
 
 // Fills one block. The last one is padded with silence, and a block of silence follows it because
 // the encoder's overlap keeps one frame back.
-// returns: false at the end; throws `failure` when the file cannot be read or resampled.
+// returns: false at the end
+// throws: `failure` when the file cannot be read or resampled
 bool audio_input_next(audio_input &audio, std::span<int16_t, kAudioBlockSamples * 2> block);
 
 #endif // CLIENT_INPUT_AUDIO_INPUT_H

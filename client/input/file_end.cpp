@@ -51,7 +51,7 @@ static uint64_t take_number(const uint8_t *bytes, unsigned width)
     return number;
 }
 
-// in: the longest possible head of an element, or as much of it as the file has.
+// in: the longest possible head of an element, or as much of it as the file has
 // returns: the element; nothing for an invalid head. A cut head gives a begin after the end of the
 //          file.
 static std::optional<element> read_element(std::span<const uint8_t> head, int64_t position)
@@ -106,7 +106,7 @@ static constexpr size_t kPacketBytes = 188, kTimedBytes = 192, kCheckedBytes = 2
 static constexpr uint8_t kSync = 0x47;
 static constexpr size_t kPacketsTried = 8;
 
-// returns: whether packets of this stride end `rest` bytes before the end of the file.
+// returns: whether packets of this stride end `rest` bytes before the end of the file
 static bool has_packets(std::span<const uint8_t> tail, size_t stride, size_t rest)
 {
     for (size_t i = 0; i < kPacketsTried; i++) {

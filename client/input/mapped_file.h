@@ -16,12 +16,13 @@ struct mapped_file {
     ~mapped_file();
 };
 
-// in: an open regular file, which may be closed afterwards.
-// returns: its mapping, or null with errno set.
+// in: an open regular file, which may be closed afterwards
+// returns: its mapping, or null with errno set
 std::unique_ptr<mapped_file> mapped_file_of(int descriptor);
 
 // As above, for a path.
-// returns: the mapping; throws `failure`.
+// returns: the mapping
+// throws: `failure`
 std::unique_ptr<mapped_file> mapped_file_open(const std::string &path);
 
 // Drops the pages read so far from the process's memory; they are read again when they are used.

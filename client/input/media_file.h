@@ -34,13 +34,14 @@ struct media_file {
 
 // Opens a file and picks its best stream of the kind; only this stream is read. The file stays
 // open, so that the path may be replaced later.
-// returns: the file; throws `failure` when it cannot be read or holds no such stream.
+// returns: the file
+// throws: `failure` when it cannot be read or holds no such stream
 std::unique_ptr<media_file> media_file_open(const std::string &path, AVMediaType kind);
 
-// returns: whether the file holds a stream of the kind.
+// returns: whether the file holds a stream of the kind
 bool media_file_has(const media_file &file, AVMediaType kind);
 
-// returns: whether the file is a bare stream of access units, without time stamps.
+// returns: whether the file is a bare stream of access units, without time stamps
 bool media_file_is_raw(const media_file &file);
 
 // Lets two streams share one clock if both are of the same file. Call before the first packet of
@@ -48,14 +49,15 @@ bool media_file_is_raw(const media_file &file);
 void media_file_join(media_file &one, media_file &other);
 
 // returns: the stream's next packet, with time stamps on the clock's line; null at the end, and
-//          while the clock waits for the other stream; throws `failure` when the file breaks off.
+//          while the clock waits for the other stream
+// throws: `failure` when the file breaks off
 packet_ptr media_file_read(media_file &file);
 
-// in: a time stamp in the stream's time base.
-// returns: the time; nothing for AV_NOPTS_VALUE.
+// in: a time stamp in the stream's time base
+// returns: the time; nothing for AV_NOPTS_VALUE
 std::optional<int64_t> media_file_time_us(const media_file &file, int64_t stamp);
 
-// returns: the library's text for an error code.
+// returns: the library's text for an error code
 std::string media_error_text(int error);
 
 #endif // CLIENT_INPUT_MEDIA_FILE_H

@@ -8,7 +8,7 @@ using bytes = std::span<const uint8_t>;
 // Leading zeros of an Exp-Golomb code whose value fits 32 bits.
 static constexpr unsigned kZerosMax = 31;
 
-// returns: the position of the next 00 00 01 at or after `from`; the size when there is none.
+// returns: the position of the next 00 00 01 at or after `from`; the size when there is none
 static size_t find_start_code(bytes data, size_t from)
 {
     for (size_t at = from + 2; at < data.size(); at++) {

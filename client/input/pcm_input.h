@@ -26,12 +26,13 @@ struct pcm_input {
 };
 
 // Opens the audio of a file and decodes its first frame.
-// returns: the input; throws `failure`.
+// returns: the input
+// throws: `failure`
 std::unique_ptr<pcm_input> pcm_input_open(const std::string &path);
 
 // Fills a frame and pads the last one with silence.
-// returns: the samples per channel in it; 0 at the end, also where the file breaks off; throws
-//          `failure` when the audio changes its form.
+// returns: the samples per channel in it; 0 at the end, also where the file breaks off
+// throws: `failure` when the audio changes its form
 size_t pcm_input_next(pcm_input &pcm, std::span<int16_t> frame);
 
 #endif // CLIENT_INPUT_PCM_INPUT_H

@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <vector>
 
-// returns: false for a damaged picture or an error; true also when no picture is due.
+// returns: false for a damaged picture or an error; true also when no picture is due
 static bool is_output_intact(AVCodecContext *codec)
 {
     const frame_ptr frame(av_frame_alloc());

@@ -38,21 +38,22 @@ struct programme_input {
 
 // Opens the programme. If both paths name one file, the streams share its clock; two files begin
 // together.
-// in: the frame rate of raw H.264, if the user gave one.
-// returns: the programme; throws `failure`.
+// in: the frame rate of raw H.264, if the user gave one
+// returns: the programme
+// throws: `failure`
 std::unique_ptr<programme_input> programme_open(const std::string &video_path,
                                                 const std::string &audio_path,
                                                 std::optional<AVRational> frame_rate);
 
-// returns: the next unit; nothing at the end; throws `failure` when the input cannot be read or
-//          recorded.
+// returns: the next unit; nothing at the end
+// throws: `failure` when the input cannot be read or recorded
 std::optional<programme_unit> programme_next(programme_input &programme);
 
 // returns: a sentence for the user on each peculiarity of the input that is known before its first
-//          unit is read.
+//          unit is read
 std::vector<std::string> programme_opening_remarks(const programme_input &programme);
 
-// returns: as above, for what was found while the units were read.
+// returns: as above, for what was found while the units were read
 std::vector<std::string> programme_closing_remarks(const programme_input &programme);
 
 #endif // CLIENT_INPUT_PROGRAMME_INPUT_H

@@ -36,7 +36,7 @@ static std::optional<int64_t> stamp_of(const AVPacket &packet)
     return stamp == AV_NOPTS_VALUE ? std::nullopt : std::optional(stamp);
 }
 
-// returns: of the values that a wrapping time stamp can have, the one nearest to `near`.
+// returns: of the values that a wrapping time stamp can have, the one nearest to `near`
 static int64_t unwrap(const stream_clock &clock, int64_t stamp, int64_t near)
 {
     if (clock.wrap_bits < 1 || clock.wrap_bits > 62) {
@@ -54,7 +54,7 @@ static int64_t microseconds(const stream_clock &clock, int64_t stamp)
     return av_rescale_q(stamp, clock.time_base, kMicroseconds);
 }
 
-// returns: the packet's time stamp without its wraps; nothing without a time stamp.
+// returns: the packet's time stamp without its wraps; nothing without a time stamp
 static std::optional<int64_t> unwrap_next(const stream_clock &clock, const stream_place &place,
                                           const AVPacket &packet)
 {
@@ -72,7 +72,7 @@ static std::optional<int64_t> unwrap_next(const stream_clock &clock, const strea
 }
 
 // Advances to a packet.
-// in: its unwrapped time stamp; without one, the packet begins at the end of the last one.
+// in: its unwrapped time stamp; without one, the packet begins at the end of the last one
 static void advance(const stream_clock &clock, stream_place &place, const AVPacket &packet,
                     std::optional<int64_t> stamp)
 {
@@ -116,7 +116,7 @@ static bool pull(stream_clock &clock)
 }
 
 // returns: the gap after the run that begins with the next packet to be placed; 0 if losses within
-//          the run cannot explain it.
+//          the run cannot explain it
 static int64_t gap_after_run(stream_clock &clock)
 {
     std::optional<int64_t> end; // in the time base
@@ -139,7 +139,7 @@ static int64_t gap_after_run(stream_clock &clock)
 }
 
 // Puts the next packet of `ahead` on the line.
-// in: its unwrapped time stamp.
+// in: its unwrapped time stamp
 static void place_packet(stream_clock &clock, std::optional<int64_t> stamp)
 {
     AVPacket &packet = *clock.ahead[clock.placed];
@@ -169,7 +169,7 @@ static bool has_jumped(const stream_clock &clock, const stream_place &place, int
     return time_us + kJumpBackUs <= place.last_us || time_us > ahead_us + kJumpAheadUs;
 }
 
-// returns: whether the stream is as far ahead of the other one as it is searched.
+// returns: whether the stream is as far ahead of the other one as it is searched
 static bool is_far_ahead(const stream_clock &clock, const stream_place &place, size_t packets)
 {
     return packets >= kLookAheadPackets || place.last_us > clock.other->place.end_us + kLookAheadUs;
@@ -218,8 +218,8 @@ static void note_hidden(search &search, const jump &jump, const search_result &h
 }
 
 // Advances the search over one packet.
-// out: the result at this packet.
-// returns: whether the stream has jumped before it.
+// out: the result at this packet
+// returns: whether the stream has jumped before it
 static bool look_at(const stream_clock &clock, search &search, const jump &jump,
                     const AVPacket &packet, search_result &here)
 {
@@ -283,8 +283,8 @@ static void close_jump_of_both(stream_clock &clock, int64_t stamp, const search_
 }
 
 // Follows the other stream, if it has crossed the jump before, to its offset.
-// out: the time stamp, unwrapped to that clock.
-// returns: whether it has.
+// out: the time stamp, unwrapped to that clock
+// returns: whether it has
 static bool follow_other(stream_clock &clock, int64_t &stamp)
 {
     const stream_clock &other = *clock.other;
@@ -304,7 +304,7 @@ static bool follow_other(stream_clock &clock, int64_t &stamp)
 }
 
 // Closes the jump to the time stamp.
-// returns: false while it depends on packets still to be read where the line continues.
+// returns: false while it depends on packets still to be read where the line continues
 static bool close_jump(stream_clock &clock, int64_t &stamp, int64_t position)
 {
     int64_t end_us = clock.place.end_us;
@@ -332,7 +332,7 @@ static bool close_jump(stream_clock &clock, int64_t &stamp, int64_t position)
 }
 
 // Puts the next packet of `ahead` on the line, after closing the jump before it.
-// returns: false when it has to wait.
+// returns: false when it has to wait
 static bool place_next(stream_clock &clock)
 {
     const AVPacket &packet = *clock.ahead[clock.placed];

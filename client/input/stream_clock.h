@@ -54,7 +54,8 @@ struct stream_clock {
 
 // returns: the next packet, with time stamps on the line; null at the end, and, with `waits` set,
 //          while the packet's place depends on packets of the other stream that are still to be
-//          read; throws the failure that broke the stream off.
+//          read
+// throws: the failure that broke the stream off
 packet_ptr stream_clock_read(stream_clock &clock);
 
 // Lets two streams share one clock.

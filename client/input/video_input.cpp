@@ -32,7 +32,7 @@ static constexpr int64_t kShortestStepUs = 1'000;
     throw failure(exit_code::unsupported, video.file->path + ": " + what);
 }
 
-// returns: a time in the programme, for the user.
+// returns: a time in the programme, for the user
 static std::string clock_text(int64_t time_us)
 {
     char text[48] = "";
@@ -77,7 +77,7 @@ int64_t video_input_interval_us(const video_input &video)
     return av_rescale_q(1, av_inv_q(video.frame_rate), kMicroseconds);
 }
 
-// returns: the path quoted for a shell.
+// returns: the path quoted for a shell
 static std::string quoted(const std::string &path)
 {
     std::string text = "'";
@@ -118,7 +118,7 @@ static void check_order(video_input &video, const AVPacket &packet, const access
     video.decode_us = decode_us;
 }
 
-// returns: the time of the packet's picture.
+// returns: the time of the packet's picture
 static int64_t place_in_time(video_input &video, const AVPacket &packet)
 {
     const int64_t step_us = video_input_interval_us(video);
@@ -226,7 +226,7 @@ static void settle_doubt(video_input &video)
 
 // Before the first unit is returned, the sets before the first picture may be the damaged ones:
 // then no other picture has them, and the first one can also be decoded with the later sets.
-// returns: whether the later sets replaced them.
+// returns: whether the later sets replaced them
 static bool take_later_sets(video_input &video)
 {
     const auto is_idr = [](const video_unit &one) { return one.unit.idr; };
@@ -247,7 +247,7 @@ static bool take_later_sets(video_input &video)
 
 // Other parameter sets before a single IDR picture are taken as damage, unless the picture cannot
 // be decoded without them; before two in turn, they are a change.
-// in: the next IDR picture; null when there is none.
+// in: the next IDR picture; null when there is none
 static void judge_doubt(video_input &video, video_unit *next)
 {
     const access_unit &first = video.doubted.front().unit;
@@ -266,7 +266,7 @@ static void judge_doubt(video_input &video, video_unit *next)
 }
 
 // Reads one unit.
-// returns: false at the end, and while the clock waits.
+// returns: false at the end, and while the clock waits
 static bool read_more(video_input &video)
 {
     std::optional<video_unit> unit;

@@ -36,14 +36,16 @@ struct video_input {
     std::deque<video_unit> ahead;
 };
 
-// in: a number or a fraction, as the user gave it.
-// returns: the frame rate; throws `failure`.
+// in: a number or a fraction, as the user gave it
+// returns: the frame rate
+// throws: `failure`
 std::optional<AVRational> parse_frame_rate(const std::optional<std::string> &text);
 
 // Opens the video of a file. Its clock may be joined to that of the file's audio before
 // video_input_read_ahead().
-// in: the frame rate of raw H.264; without it, the stream's own or the default.
-// returns: the input; throws `failure`.
+// in: the frame rate of raw H.264; without it, the stream's own or the default
+// returns: the input
+// throws: `failure`
 std::unique_ptr<video_input> video_input_open(const std::string &path,
                                               std::optional<AVRational> frame_rate);
 
@@ -51,15 +53,15 @@ std::unique_ptr<video_input> video_input_open(const std::string &path,
 // refused before the recording begins.
 void video_input_read_ahead(video_input &video);
 
-// returns: the time between two pictures at the stream's nominal rate.
+// returns: the time between two pictures at the stream's nominal rate
 int64_t video_input_interval_us(const video_input &video);
 
-// returns: the number of parameter sets left out because they were damaged.
+// returns: the number of parameter sets left out because they were damaged
 unsigned video_input_damaged_sets(const video_input &video);
 
 // returns: the next access unit, the first of them an IDR picture; nothing at the end, and while
-//          the file's clock waits for the audio; throws `failure` when the video cannot be read or
-//          recorded.
+//          the file's clock waits for the audio
+// throws: `failure` when the video cannot be read or recorded
 std::optional<video_unit> video_input_next(video_input &video);
 
 #endif // CLIENT_INPUT_VIDEO_INPUT_H

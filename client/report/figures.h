@@ -5,14 +5,14 @@
 #include <cstdint>
 #include <string>
 
-// in: as for printf.
-// returns: the formatted text, cut to its first 159 characters.
+// in: as for printf
+// returns: the formatted text, cut to its first 159 characters
 __attribute__((format(printf, 1, 2))) std::string format_text(const char *format, ...);
 
-// returns: a duration such as 2:03.4 or 1:02:03.4.
+// returns: a duration such as 2:03.4 or 1:02:03.4
 std::string duration_text(double seconds);
 
-// returns: a size such as 12.3 MB.
+// returns: a size such as 12.3 MB
 std::string size_text(uint64_t bytes);
 
 #endif // CLIENT_REPORT_FIGURES_H

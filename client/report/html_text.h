@@ -4,8 +4,8 @@
 
 #include <string>
 
-// returns: the text with the characters that are markup in HTML escaped, for an element or a
-//          quoted attribute.
+// returns: the text with the characters that are markup in HTML escaped, for an element or a quoted
+//          attribute
 std::string html_text(const std::string &text);
 
 #endif // CLIENT_REPORT_HTML_TEXT_H

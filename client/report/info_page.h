@@ -6,10 +6,10 @@
 
 #include <string>
 
-// returns: the whole page.
+// returns: the whole page
 std::string info_page(const media_report &report);
 
-// returns: "no fault found", or the number of faults.
+// returns: "no fault found", or the number of faults
 std::string verdict_text(const media_report &report);
 
 #endif // CLIENT_REPORT_INFO_PAGE_H

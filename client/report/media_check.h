@@ -15,8 +15,8 @@ struct media_findings {
     std::vector<std::string> remarks; // worth knowing
 };
 
-// in: a movie and the image of the whole file that it was read from.
-// returns: what was found, without the faults that the reader reported.
+// in: a movie and the image of the whole file that it was read from
+// returns: what was found, without the faults that the reader reported
 media_findings media_check(const mp4_reader::movie &movie, std::span<const uint8_t> image);
 
 #endif // CLIENT_REPORT_MEDIA_CHECK_H

@@ -57,7 +57,7 @@ static std::string coding_text(const track &of)
     return mp4_reader::printable(of.coding);
 }
 
-// returns: the frames' durations without the last one, which is arbitrary.
+// returns: the frames' durations without the last one, which is arbitrary
 static std::vector<double> durations_of(const track &of)
 {
     std::vector<double> durations;
@@ -181,8 +181,8 @@ static void compare_arrival(const movie &file, media_report &report)
     }
 }
 
-// in: seconds since 1904.
-// returns: the date; empty for a time that is not set or out of range.
+// in: seconds since 1904
+// returns: the date; empty for a time that is not set or out of range
 static std::string date_text(uint64_t seconds)
 {
     constexpr uint64_t kFrom1904To1970 = 2'082'844'800;

@@ -49,14 +49,14 @@ struct media_report {
     std::vector<std::string> faults, remarks;
 };
 
-// in: the path to show, and the image of the whole file.
-// returns: the report.
+// in: the path to show, and the image of the whole file
+// returns: the report
 media_report media_report_make(const std::string &path, std::span<const uint8_t> image);
 
-// returns: the first track of a kind, or null; it is part of the report.
+// returns: the first track of a kind, or null; it is part of the report
 const track_report *find_track(const media_report &report, const std::string &kind);
 
-// returns: the lead over the whole file; nothing unless it holds both sound and pictures.
+// returns: the lead over the whole file; nothing unless it holds both sound and pictures
 std::optional<lead_range> whole_lead(const media_report &report);
 
 #endif // CLIENT_REPORT_MEDIA_REPORT_H

@@ -33,7 +33,7 @@ static double y_of(const time_chart &chart, double value)
     return kTop + (1 - part) * chart.height;
 }
 
-// returns: the smallest of 1, 2 and 5 times a power of ten that is not below the value.
+// returns: the smallest of 1, 2 and 5 times a power of ten that is not below the value
 static double round_step(double least)
 {
     const double power = std::pow(10, std::floor(std::log10(least)));
@@ -65,7 +65,7 @@ static void add_line(time_chart &chart, const char *style, double x1, double y1,
                     style, x1, y1, x2, y2);
 }
 
-// returns: a time in whole seconds.
+// returns: a time in whole seconds
 static std::string moment_text(double time_s)
 {
     std::string text = duration_text(time_s);

@@ -205,12 +205,17 @@ TEST_F(RecordCommand, IsFinishedAtTheFirstSignalAndAbortedAtTheSecond)
 
 TEST_F(RecordCommand, EndsWithTheReasonForWhichTheComponentStopped)
 {
-    for (const int reason : {0, 2, 4, 5, 6, 7}) {
+    const std::pair<int, std::string> reasons[] = {
+        {0, "the storage is not usable"},          {2, "the free space is used up"},
+        {4, "the file could not be opened"},       {5, "writing the file failed"},
+        {6, "the file has passed its size limit"}, {7, "the component was destroyed"}};
+    for (const auto &[reason, ended] : reasons) {
         const json reported =
             summary(SAMPLE "-o b.mp4",
                     SCRIPTED " SCRIPT_BUFFERS=20 SCRIPT_REASON=" + std::to_string(reason));
         EXPECT_EQ(reported["exit_status"], 10 + reason);
         EXPECT_EQ(reported["stop_reason"], reason);
+        EXPECT_EQ(reported["ended"].get<std::string>().substr(0, ended.size()), ended);
         EXPECT_TRUE(reported["output"].is_null());
         EXPECT_EQ(names(), inputs);
     }

@@ -39,6 +39,7 @@ TEST_F(Refusals, NameTheMistakeAndTouchNothing)
         {"record -o x b.mp4", 4, "b.mp4: its pictures are not in display order"},
         {"record -o x --video b.h264 --audio programme.wav", 4, "b.h264: its pictures are not in"},
         {"record -o x --video ten.h264 --audio programme.wav", 4, "H.264 of the profile High 10; "},
+        {"mux -o x --video four.mkv", 4, "four.mkv: is H.264 of the profile High 4:4:4"},
         {"record -o x four.mkv", 4, "H.264 of the profile High 4:4:4 Predictive; only Baseline, "},
         {"record -o x m.mkv", 4, "m.mkv: its video is mpeg4"},
         {"record -o x --video s.h264 --audio programme.wav", 4, "s.h264: holds no parameter sets"},

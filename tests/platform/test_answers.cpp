@@ -21,7 +21,7 @@ constexpr Command kCommands[] = {
 // One component, whose client sends commands in a row and counts the answers.
 class Session : public FrameworkTest {
   public:
-    // in: is_disabled: port 0 is disabled and has no buffers.
+    // in: is_disabled: port 0 is disabled and has no buffers
     void run(OMX_STATETYPE from, bool is_disabled, std::initializer_list<Command> commands)
     {
         bring_to(from);
@@ -77,7 +77,7 @@ class Session : public FrameworkTest {
         return answers;
     }
 
-    // returns false.
+    // returns: false
     bool change_buffers()
     {
         for (OMX_U32 port = 0; port < kPortCount; port++) {

@@ -132,7 +132,7 @@ TEST_F(StateMachine, AFullCommandQueueRefusesTheNextCommand)
     EXPECT_EQ(accepted, kMessageCapacity - 1);
 }
 
-// returns: how often threads of the process have gone to sleep.
+// returns: how often threads of the process have gone to sleep
 long count_sleeps()
 {
     struct rusage usage = {};

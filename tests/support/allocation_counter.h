@@ -6,7 +6,7 @@
 #include <cstdint>
 
 bool can_count_allocations();
-// returns: the calls of malloc, calloc and realloc since the program began.
+// returns: the calls of malloc, calloc and realloc since the program began
 uint64_t allocation_count();
 
 #endif // TESTS_SUPPORT_ALLOCATION_COUNTER_H

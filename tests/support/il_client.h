@@ -28,7 +28,7 @@ struct IlEvent {
 
 class IlClient {
   public:
-    // in: make installs the callbacks and returns the handle; release frees it.
+    // in: make installs the callbacks and returns the handle; release frees it
     using Make = std::function<OMX_COMPONENTTYPE *(OMX_CALLBACKTYPE *callbacks, void *app_data)>;
     using Release = std::function<void(OMX_COMPONENTTYPE *)>;
     IlClient(const Make &make, Release release);
@@ -50,7 +50,7 @@ class IlClient {
     // Sends one buffer to a port and waits until it is returned.
     void send(OMX_U32 port, std::span<const uint8_t> data, int64_t time_us, OMX_U32 flags = 0);
     // Sends one buffer and does not wait.
-    // returns: its header.
+    // returns: its header
     OMX_BUFFERHEADERTYPE *post(OMX_U32 port, std::span<const uint8_t> data, int64_t time_us,
                                OMX_U32 flags = 0);
     bool wait_until_back(const OMX_BUFFERHEADERTYPE *header, int timeout_ms = kHangMs);
@@ -61,14 +61,14 @@ class IlClient {
     // Goes to Executing, sets the path and starts.
     void start_recording(const std::string &path);
     // Waits for the next end of a recording.
-    // returns: its reason, or nothing after the timeout.
+    // returns: its reason, or nothing after the timeout
     std::optional<uint32_t> wait_for_end(int timeout_ms = kHangMs);
-    // returns: the events so far, all or those of one kind.
+    // returns: the events so far, all or those of one kind
     std::vector<IlEvent> events();
     std::vector<IlEvent> events(OMX_EVENTTYPE kind);
     size_t count(OMX_EVENTTYPE kind);
 
-    // thread: the component's.
+    // thread: the component's
     std::function<void(const IlEvent &)> on_event;
     std::function<void(OMX_BUFFERHEADERTYPE *)> on_buffer_back;
     // Changes a header just before it is sent.

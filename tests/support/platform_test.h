@@ -23,7 +23,7 @@ class PlatformTest : public testing::Test {
     std::vector<LogLine> log();
     bool has_logged(const std::string &text);
     // Called with every log line.
-    // thread: any that logs.
+    // thread: any that logs
     std::function<void(const LogLine &)> on_log;
 
   private:

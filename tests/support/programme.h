@@ -22,15 +22,15 @@ constexpr int64_t kFrameUs = 1000000 / kPicturesPerSecond;
 // Reads samples/programme.h264 and .wav.
 const Programme &sample_programme();
 
-// returns: the time stamp of an access unit, and of a PCM buffer of kPcmBufferBytes.
+// returns: the time stamp of an access unit, and of a PCM buffer of kPcmBufferBytes
 int64_t video_time_us(size_t index);
 int64_t audio_time_us(size_t index);
 
-// returns: one PCM buffer, the last one padded with silence.
+// returns: one PCM buffer, the last one padded with silence
 Bytes pcm_buffer(const Programme &programme, size_t index);
 size_t pcm_buffer_count(const Programme &programme);
 
-// returns: the NAL units of start-code data, without start codes and trailing zeros.
+// returns: the NAL units of start-code data, without start codes and trailing zeros
 std::vector<Bytes> split_nal_units(const Bytes &data);
 // Joins NAL units with 4-byte start codes.
 Bytes join_nal_units(const std::vector<Bytes> &units);

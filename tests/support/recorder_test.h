@@ -19,17 +19,17 @@ class RecorderTest : public PlatformTest {
     void TearDown() override;
 
     static std::unique_ptr<IlClient> make_client();
-    // returns: a client in Executing that records to the path.
+    // returns: a client in Executing that records to the path
     static std::unique_ptr<IlClient> start_recording(const std::string &path = kBuiltInFile);
     // Stops, waits for the end and changes the state to Loaded.
-    // returns: the stop reason.
+    // returns: the stop reason
     static uint32_t finish(IlClient &client);
     static void use_card();
 
     // Expects that our reader and ffmpeg find no fault in the file.
-    // returns: its movie.
+    // returns: its movie
     static mp4_reader::movie expect_plays(const std::string &path = kBuiltInFile);
-    // returns: the NAL units of one video sample.
+    // returns: the NAL units of one video sample
     static std::vector<Bytes> nal_units_of(const Bytes &image, const mp4_reader::sample &sample);
     static void expect_no_scratch_files();
 };

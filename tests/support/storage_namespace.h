@@ -4,8 +4,9 @@
 #define TESTS_SUPPORT_STORAGE_NAMESPACE_H
 
 // Continues in a child process inside such a namespace. A program that only lists its tests
-// continues without one. returns: -1 where the program continues; in the parent, the child's exit
-// status; 1 with a message when the system does not allow namespaces.
+// continues without one.
+// returns: -1 where the program continues; in the parent, the child's exit status; 1 with a message
+//          when the system does not allow namespaces
 int run_in_storage_namespace(int argc, char **argv);
 
 #endif // TESTS_SUPPORT_STORAGE_NAMESPACE_H

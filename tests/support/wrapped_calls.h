@@ -16,7 +16,7 @@ void set_put_result(int32_t result, int64_t file_bytes);
 
 // Notes the kind and time (ms) of every frame for the muxer; with is_instead the muxer does not get
 // it.
-// in: times may be null: notes nothing.
+// in: times may be null: notes nothing
 using NotedTimes = std::vector<std::pair<int, uint32_t>>;
 void note_times(NotedTimes *times, bool is_instead);
 
