@@ -7,6 +7,7 @@
 #include "bench/mux_recording.h"
 #include "bench/process_usage.h"
 #include "bench/programme_frames.h"
+#include "component/tdmbrec_interface.h"
 #include "mp4mux/mp4_mux.h"
 
 #include <algorithm>
@@ -166,7 +167,7 @@ BENCHMARK(over_many_frames)->Iterations(5);
 static double copy_tables(uint64_t bytes, bool from_file)
 {
     static const std::vector<uint8_t> tables(32u << 20, 0x5A);
-    static std::vector<uint8_t> buffer(kCloseBytes);
+    static std::vector<uint8_t> buffer(TDMBREC_CLOSE_MEMORY_BYTES);
     FILE *file = std::fopen(path("plain").c_str(), "wb");
     FILE *scratch = std::fopen(path("tables").c_str(), "wb+");
     std::setvbuf(file, nullptr, _IONBF, 0);

@@ -2,6 +2,7 @@
 
 #include "bench/process_usage.h"
 #include "bench/programme_frames.h"
+#include "component/tdmbrec_interface.h"
 #include "mp4mux/mp4_mux.h"
 
 #include <algorithm>
@@ -13,9 +14,6 @@
 #include <filesystem>
 #include <vector>
 
-static constexpr int32_t kOutputCacheBytes = 0x100000; // the sizes that the recorder lends
-static constexpr int32_t kVideoCacheBytes = 0xC0000;
-static constexpr int32_t kAudioCacheBytes = 0x80000;
 static constexpr double kEstimateError = 64; // bytes
 
 // How the callbacks were used.
@@ -115,19 +113,19 @@ static void *open_recording(std::string &output, const std::string &folder,
     init.m_uiStreamFlags = MUX_STREAM_VIDEO | MUX_STREAM_AUDIO;
     init.m_uiOptions = MUX_OPTION_32BIT_OFFSET;
     init.m_pCacheMem = cache.data();
-    init.m_iCacheSize = kOutputCacheBytes;
-    init.m_iVideoCacheSize = kVideoCacheBytes;
-    init.m_iAudioCacheSize = kAudioCacheBytes;
+    init.m_iCacheSize = TDMBREC_OUTPUT_CACHE_BYTES;
+    init.m_iVideoCacheSize = TDMBREC_VIDEO_CACHE_BYTES;
+    init.m_iAudioCacheSize = TDMBREC_AUDIO_CACHE_BYTES;
     init.m_pszTempDir = folder.c_str();
     mp4_mux_input_t input = {.m_iYear = 2009, .m_iMonth = 9, .m_iDay = 5};
-    input.m_iVideoWidth = 320;
-    input.m_iVideoHeight = 240;
+    input.m_iVideoWidth = TDMBREC_PICTURE_WIDTH;
+    input.m_iVideoHeight = TDMBREC_PICTURE_HEIGHT;
     std::memcpy(&input.m_uiVideoFourCC, "avc1", 4);
     input.m_pbyVideoPrivate = kAvcRecord;
     input.m_iVideoPrivateSize = sizeof(kAvcRecord);
     input.m_iAudioSampleRate = 48000;
     input.m_iAudioChannels = 2;
-    input.m_iAudioCodec = 0xAAC0;
+    input.m_iAudioCodec = MUX_AUDIO_AAC;
     input.m_pbyAudioPrivate = kAudioConfig;
     input.m_iAudioPrivateSize = sizeof(kAudioConfig);
     void *handle = nullptr;
@@ -167,8 +165,8 @@ static int64_t put_frames(void **handle, frame_source &source, uint32_t frames,
 
 static void close_recording(void **handle, recording_figures &figures)
 {
-    static std::vector<uint8_t> memory(kCloseBytes);
-    mp4_mux_closemem_t lent = {memory.data(), kCloseBytes};
+    static std::vector<uint8_t> memory(TDMBREC_CLOSE_MEMORY_BYTES);
+    mp4_mux_closemem_t lent = {memory.data(), TDMBREC_CLOSE_MEMORY_BYTES};
     const double cpu_start = process_cpu_seconds();
     const double wall_start = wall_seconds();
     if (QVR_MP4_MUX(MUX_CLOSE, handle, &lent, nullptr) != 0) {
@@ -180,7 +178,8 @@ static void close_recording(void **handle, recording_figures &figures)
 
 recording_figures record(std::string output, sink kind, uint32_t frames, uint32_t picture_bytes)
 {
-    static std::vector<uint8_t> cache(kOutputCacheBytes + kVideoCacheBytes + kAudioCacheBytes);
+    static std::vector<uint8_t> cache(TDMBREC_OUTPUT_CACHE_BYTES + TDMBREC_VIDEO_CACHE_BYTES +
+                                      TDMBREC_AUDIO_CACHE_BYTES);
     const std::string folder = std::filesystem::path(output).parent_path().string();
     recording_figures figures;
     frame_source source = {.picture_bytes = picture_bytes};
@@ -193,8 +192,9 @@ recording_figures record(std::string output, sink kind, uint32_t frames, uint32_
     close_recording(&handle, figures);
 
     figures.allocations = static_cast<double>(allocations - allocations_at_open);
-    figures.writes_a_cache = static_cast<double>(writes) /
-                             std::ceil(static_cast<double>(source.media_bytes) / kOutputCacheBytes);
+    figures.writes_a_cache =
+        static_cast<double>(writes) /
+        std::ceil(static_cast<double>(source.media_bytes) / double{TDMBREC_OUTPUT_CACHE_BYTES});
     figures.output_bytes = output_bytes;
     figures.scratch_bytes = scratch_bytes;
     if (std::abs(static_cast<double>(estimate_bytes) - static_cast<double>(output_bytes)) >
@@ -203,7 +203,7 @@ recording_figures record(std::string output, sink kind, uint32_t frames, uint32_
     }
     if (figures.allocations != 0) {
         figures.broken_promise = "a frame allocated";
-    } else if (writes > source.media_bytes / kOutputCacheBytes + 1) {
+    } else if (writes > source.media_bytes / TDMBREC_OUTPUT_CACHE_BYTES + 1) {
         figures.broken_promise = "a cache was written more than once";
     }
     return figures;

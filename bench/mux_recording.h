@@ -6,8 +6,6 @@
 #include <cstdint>
 #include <string>
 
-inline constexpr int32_t kCloseBytes = 0x300000; // the memory that the recorder lends to a close
-
 enum class sink { file, null }; // a null sink keeps the output's position alone
 
 struct recording_figures {

@@ -17,9 +17,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-static constexpr int32_t kAacTag = 0xAAC0;
-
-// Sound this late is not noticed beside the picture.
+// Sound this late is not noticed.
 static constexpr int64_t kLateToleranceUs = 40'000;
 
 // Gaps in the sound are reported from this total on.
@@ -47,7 +45,7 @@ static void align_sound(muxing &self, const mux_options &options)
         stream_clock_part(self.audio->file->clock);
         return;
     }
-    const int64_t units = -late_us * self.audio->rate / (int64_t{1'000'000} * kAacUnitSamples);
+    const int64_t units = -late_us * self.audio->rate / (kSecondUs * kAacUnitSamples);
     int64_t skipped = 0;
     while (skipped < units && aac_input_next(*self.audio)) {
         skipped++;
@@ -113,7 +111,7 @@ static void open_output(muxing &self, const mux_options &options, const work_fol
         tracks.m_iAudioSampleRate = self.audio->rate;
         tracks.m_iAudioBitsPerSample = 16;
         tracks.m_iAudioChannels = self.audio->channels;
-        tracks.m_iAudioCodec = kAacTag;
+        tracks.m_iAudioCodec = MUX_AUDIO_AAC;
         tracks.m_pbyAudioPrivate = self.audio->config.data();
         tracks.m_iAudioPrivateSize = static_cast<int32_t>(self.audio->config.size());
     }

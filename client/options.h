@@ -2,6 +2,8 @@
 #ifndef CLIENT_OPTIONS_H
 #define CLIENT_OPTIONS_H
 
+#include "component/tdmbrec_interface.h"
+
 #include <optional>
 #include <string>
 #include <variant>
@@ -32,9 +34,11 @@ struct encode_options {
 // The memory that the muxer writes through.
 struct mux_memory {
     bool is_own = false; // allocated by the muxer itself
-    int output = 0x100000, video = 0xC0000,
-        audio = 0x80000;  // bytes lent; the recorder's by default
-    int close = 0x300000; // bytes lent for the close
+    // Bytes lent: the recorder's by default.
+    int output = TDMBREC_OUTPUT_CACHE_BYTES;
+    int video = TDMBREC_VIDEO_CACHE_BYTES;
+    int audio = TDMBREC_AUDIO_CACHE_BYTES;
+    int close = TDMBREC_CLOSE_MEMORY_BYTES;
 };
 
 struct mux_options {

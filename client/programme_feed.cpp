@@ -20,7 +20,7 @@ static constexpr auto kPauseMax = std::chrono::milliseconds(500); // without a l
 static uint64_t recorded_bytes(const recording &self)
 {
     const uint64_t sent_us = static_cast<uint64_t>(self.sent_us);
-    const uint64_t sent = self.sent_video_bytes + sent_us * kAudioBytesPerSecond / 1'000'000;
+    const uint64_t sent = self.sent_video_bytes + sent_us * kAudioBytesPerSecond / kSecondUs;
     return std::max(storage_recorded_bytes(*self.storage), sent);
 }
 

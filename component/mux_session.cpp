@@ -10,12 +10,9 @@
 #include <cstdlib>
 #include <cstring>
 
-static constexpr size_t kCacheBlockBytes = 0x240000;
-static constexpr int32_t kOutputCacheBytes = 0x100000;
-static constexpr int32_t kVideoCacheBytes = 0xC0000;
-static constexpr int32_t kAudioCacheBytes = 0x80000;
-static_assert(kCacheBlockBytes == kOutputCacheBytes + kVideoCacheBytes + kAudioCacheBytes);
-static constexpr int32_t kCloseMemoryBytes = 0x300000;
+static constexpr size_t kCacheBlockBytes =
+    TDMBREC_OUTPUT_CACHE_BYTES + TDMBREC_VIDEO_CACHE_BYTES + TDMBREC_AUDIO_CACHE_BYTES;
+static_assert(kCacheBlockBytes == 0x240000);
 
 static int c_file_at_end(void *file)
 {
@@ -61,9 +58,9 @@ static void fill_init(omx_tdmbrec_component_PrivateType *self)
     init->m_uiStreamFlags = MUX_STREAM_VIDEO | MUX_STREAM_AUDIO;
     init->m_uiOptions = MUX_OPTION_32BIT_OFFSET;
     init->m_pCacheMem = QVR_malloc(kCacheBlockBytes);
-    init->m_iCacheSize = kOutputCacheBytes;
-    init->m_iVideoCacheSize = kVideoCacheBytes;
-    init->m_iAudioCacheSize = kAudioCacheBytes;
+    init->m_iCacheSize = TDMBREC_OUTPUT_CACHE_BYTES;
+    init->m_iVideoCacheSize = TDMBREC_VIDEO_CACHE_BYTES;
+    init->m_iAudioCacheSize = TDMBREC_AUDIO_CACHE_BYTES;
     init->m_pszTempDir = is_on_removable_storage(self->szRecordingPath) ? kRemovableStorageRoot
                                                                         : kBuiltInStorageRoot;
 }
@@ -111,7 +108,8 @@ static OMX_ERRORTYPE open_session_locked(omx_tdmbrec_component_PrivateType *self
     self->hMux = nullptr;
     fill_init(self);
     fill_input(self);
-    self->stMuxCloseMem = {.m_pMem = QVR_malloc(kCloseMemoryBytes), .m_iSize = kCloseMemoryBytes};
+    self->stMuxCloseMem = {.m_pMem = QVR_malloc(TDMBREC_CLOSE_MEMORY_BYTES),
+                           .m_iSize = TDMBREC_CLOSE_MEMORY_BYTES};
     self->uiFirstVideoPts = 0;
     // Whatever the result, the close must run and free the blocks.
     self->bMuxOpen = 1;

@@ -19,7 +19,6 @@ static constexpr char kAvcDecoderName[] = "OMX.QVR.avcdec";
 static constexpr uint32_t kChannels = 2;
 static constexpr uint32_t kSampleRate = 48000; // Hz
 static constexpr uint32_t kBitsPerSample = 16;
-static constexpr uint32_t kAacCodecTag = 0xAAC0;
 
 // The allocation has cleared the others.
 static void set_initial_fields(omx_tdmbrec_component_PrivateType *self)
@@ -101,7 +100,7 @@ static void set_audio_defaults(omx_tdmbrec_component_PrivateType *self)
     self->uiChannels = kChannels;
     self->uiSampleRate = kSampleRate;
     self->uiBitsPerSample = kBitsPerSample;
-    self->uiAudioCodecTag = kAacCodecTag;
+    self->uiAudioCodecTag = MUX_AUDIO_AAC;
     self->uiBitRate = TDMBREC_AUDIO_BIT_RATE;
 }
 

@@ -37,6 +37,15 @@ enum {
 #define TDMBREC_EVENT(number) ((OMX_EVENTTYPE)(number))
 #endif
 
+// The memory of a recording besides the encoder's: the cache of the file, those of the tables of
+// either track, and the room that the close works in.
+enum {
+    TDMBREC_OUTPUT_CACHE_BYTES = 0x100000,
+    TDMBREC_VIDEO_CACHE_BYTES = 0xC0000,
+    TDMBREC_AUDIO_CACHE_BYTES = 0x80000,
+    TDMBREC_CLOSE_MEMORY_BYTES = 0x300000
+};
+
 // Vendor parameters of OMX_SetParameter.
 #define TDMBREC_INDEX_NAME_PART_1 TDMBREC_INDEX(0x7F00002A) // TDMBREC_NAME_PART_1_BYTES
 #define TDMBREC_INDEX_NAME_PART_2 TDMBREC_INDEX(0x7F00002B) // TDMBREC_NAME_PART_2_BYTES

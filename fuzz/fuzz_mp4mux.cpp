@@ -93,7 +93,7 @@ static void describe(fuzz_input &input, fuzzed_recording &recording)
                        .m_iAudioSampleRate = 48000,
                        .m_iAudioBitsPerSample = 16,
                        .m_iAudioChannels = 2,
-                       .m_iAudioCodec = 0xAAC0};
+                       .m_iAudioCodec = MUX_AUDIO_AAC};
     recording.video_private = PARAMETER_SETS;
     recording.audio_private = AUDIO_CONFIG;
     if (how & 0x20) {

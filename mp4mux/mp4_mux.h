@@ -62,6 +62,11 @@ enum {
     MUX_FRAME_KEY = 1u << 0,
 };
 
+// A value of mp4_mux_input_t::m_iAudioCodec, which is a format tag.
+enum {
+    MUX_AUDIO_AAC = 0xAAC0,
+};
+
 // Lengths of the texts of MUX_GET_VERSION without their terminators.
 enum {
     MUX_VERSION_LENGTH = 16,
@@ -171,7 +176,7 @@ typedef struct mp4_mux_input_t {
     int32_t m_iAudioSampleRate; // Hz, also the audio timescale
     int32_t m_iAudioBitsPerSample;
     int32_t m_iAudioChannels;
-    int32_t m_iAudioCodec;            // format tag, 0xAAC0 = AAC
+    int32_t m_iAudioCodec;            // format tag, such as MUX_AUDIO_AAC
     const uint8_t *m_pbyAudioPrivate; // AAC: the AudioSpecificConfig, or null
     int32_t m_iAudioPrivateSize;
     char m_szAudioLanguage[3]; // ISO 639-2/T, lower case; zeros when unset

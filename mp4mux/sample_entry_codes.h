@@ -17,7 +17,7 @@ enum {
     kAudioTagAc3 = 0x2000,
     kAudioTagDts = 0x2001,
     kAudioTagMp4a = 0x706D,
-    kAudioTagAac = 0xAAC0,
+    kAudioTagAac = MUX_AUDIO_AAC,
     kAudioTagQcelp = 0xCC00,
     kAudioTagEvrc = 0xCD00,
     kAudioTagEvrcB = 0xCD01,

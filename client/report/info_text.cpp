@@ -28,10 +28,10 @@ std::string lead_text(const lead_range &lead)
     const long low = std::lround(lead.low_s * 1000);
     const long high = std::lround(lead.high_s * 1000);
     if (low < 0 && high > 0) {
-        return format_text("sound from %ld ms behind to %ld ms ahead of the picture", -low, high);
+        return format_text("sound from %ld ms late to %ld ms early", -low, high);
     }
-    return high <= 0 ? format_text("sound %ld to %ld ms behind the picture", -high, -low)
-                     : format_text("sound %ld to %ld ms ahead of the picture", low, high);
+    return high <= 0 ? format_text("sound %ld to %ld ms late", -high, -low)
+                     : format_text("sound %ld to %ld ms early", low, high);
 }
 
 static std::string describe_track(const track_report &track, size_t number)

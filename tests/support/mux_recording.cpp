@@ -62,7 +62,7 @@ recording::recording(bool with_64bit, uint32_t flags)
       input{.m_iYear = 2009, .m_iMonth = 9, .m_iDay = 5, .m_iHour = 17, .m_iMinute = 5,
             .m_iSecond = 18, .m_uiVideoTrackID = 77, .m_iVideoWidth = 320, .m_iVideoHeight = 240,
             .m_uiVideoFourCC = code("avc1"), .m_uiAudioTrackID = 78, .m_iAudioSampleRate = 48000,
-            .m_iAudioBitsPerSample = 16, .m_iAudioChannels = 2, .m_iAudioCodec = 0xAAC0}
+            .m_iAudioBitsPerSample = 16, .m_iAudioChannels = 2, .m_iAudioCodec = MUX_AUDIO_AAC}
 // clang-format on
 {
     init.m_uiStreamFlags = flags;
