@@ -22,7 +22,7 @@ static bool port_command_waits(const omx_base_sink_PrivateType *sink, OMX_COMMAN
            omx_base_command_waits(sink, command, OMX_ALL);
 }
 
-// returns: whether the port may get a buffer now; a queued command counts as carried out.
+// returns: whether the port may get a buffer now; a queued command counts as carried out
 static bool may_add_buffer(const omx_base_sink_PrivateType *sink,
                            const omx_base_port_PrivateType *port)
 {
@@ -146,7 +146,7 @@ OMX_ERRORTYPE omx_base_component_AllocateBuffer(OMX_HANDLETYPE handle,
     return add_buffer(handle, header, port_index, app_private, size_bytes, nullptr);
 }
 
-// returns: whether the port is in use and no queued command lets it lose a buffer.
+// returns: whether the port is in use and no queued command lets it lose a buffer
 static bool needs_its_buffers(const omx_base_sink_PrivateType *sink,
                               const omx_base_port_PrivateType *port)
 {

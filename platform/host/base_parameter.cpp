@@ -11,7 +11,7 @@ struct port_head_t {
 };
 
 // Finds the domain of an index.
-// returns: false for an index that names no domain.
+// returns: false for an index that names no domain
 static bool find_domain(OMX_INDEXTYPE index, OMX_PORTDOMAINTYPE *domain)
 {
     switch (index) {
@@ -45,7 +45,7 @@ static OMX_ERRORTYPE get_domain(const omx_base_sink_PrivateType *sink, OMX_PORTD
     return OMX_ErrorNone;
 }
 
-// returns: the size of a port parameter's record, or 0 for another index.
+// returns: the size of a port parameter's record, or 0 for another index
 static size_t port_parameter_size(OMX_INDEXTYPE index)
 {
     switch (index) {
@@ -70,7 +70,8 @@ static bool index_fits_domain(OMX_INDEXTYPE index, OMX_PORTDOMAINTYPE domain)
     return index == OMX_IndexParamPortDefinition || domain == OMX_PortDomainAudio;
 }
 
-// Finds the port that a record names. returns an error when the record or the index is wrong.
+// Finds the port that a record names.
+// returns: OMX_ErrorNone, or an error when the record or the index is wrong
 static OMX_ERRORTYPE find_port(const omx_base_sink_PrivateType *sink, OMX_INDEXTYPE index,
                                const void *parameter, omx_base_port_PrivateType **port)
 {

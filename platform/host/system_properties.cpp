@@ -19,7 +19,7 @@ static pthread_mutex_t lock_properties = PTHREAD_MUTEX_INITIALIZER;
 static std::array<property_t, kPropertyCount> properties; // under lock_properties
 
 // Finds the entry of a key; the empty key finds a free entry.
-// returns: the entry, or null.
+// returns: the entry, or null
 static property_t *find_property(const char *key)
 {
     for (property_t &property : properties) {
