@@ -337,7 +337,8 @@ uint32_t omx_base_collect_held(omx_base_sink_PrivateType *sink, omx_base_port_Pr
     std::array<bool, QUEUE_CAPACITY> queued = {};
     uint32_t count = 0;
     pthread_mutex_lock(&sink->pInternal->lock);
-    while (void *element = queue_take(port->pBufferQueue)) {
+    for (void *element = queue_take(port->pBufferQueue); element != nullptr;
+         element = queue_take(port->pBufferQueue)) {
         OMX_BUFFERHEADERTYPE *header = static_cast<OMX_BUFFERHEADERTYPE *>(element);
         queued[static_cast<size_t>(find_buffer(port, header) - internal->buffers.data())] = true;
         (*collected)[count++] = header;

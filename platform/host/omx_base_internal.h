@@ -12,10 +12,10 @@
 
 #include <array>
 
-constexpr uint32_t kMessageCapacity = 64; // commands that can wait
-constexpr uint32_t kMarkCapacity = 16;    // marks that can wait on one port
-constexpr OMX_U32 kBufferCount = 4;       // of a new port
-constexpr OMX_U32 kBufferCountMin = 1;
+inline constexpr uint32_t kMessageCapacity = 64; // commands that can wait
+inline constexpr uint32_t kMarkCapacity = 16;    // marks that can wait on one port
+inline constexpr OMX_U32 kBufferCount = 4;       // of a new port
+inline constexpr OMX_U32 kBufferCountMin = 1;
 
 // A command for the message thread, with a copy of the mark that it may point to.
 struct omx_base_slot_t {
