@@ -53,15 +53,15 @@ struct access_unit_t {
 
 // Replaces every start code in length bytes of data by the length of the unit after it. Zero bytes
 // that trail a unit and units without a byte are left out.
-// in: data begins with a start code
-// out: data itself when every start code has 4 bytes, else other memory with room for length bytes
-//      and one for every unit
+// in: data: begins with a start code
+// out: out: data itself when every start code has 4 bytes, else other memory with room for length
+//      bytes and one for every unit
 // returns: the bytes written
 [[nodiscard]] uint32_t prefix_lengths(const uint8_t *data, uint32_t length, uint8_t *out);
 
 // Copies the units in length bytes of data, each after a start code of 4 bytes; leaves out what
 // prefix_lengths leaves out.
-// out: other memory than data, with room for length bytes and one for every unit
+// out: out: other memory than data, with room for length bytes and one for every unit
 // returns: the bytes written
 [[nodiscard]] uint32_t copy_units(const uint8_t *data, uint32_t length, uint8_t *out);
 

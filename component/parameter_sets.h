@@ -25,7 +25,7 @@ void keep_parameter_sets(omx_tdmbrec_component_PrivateType *self, const uint8_t 
 
 // Writes the kept parameter sets, sequence parameter sets first, and the picture of an access unit,
 // all with start codes of 4 bytes.
-// out: other memory than data, with room for the sets, length bytes, and one for every unit
+// out: out: other memory than data, with room for the sets, length bytes, and one for every unit
 // returns: the bytes written
 [[nodiscard]] uint32_t join_kept_sets(const omx_tdmbrec_component_PrivateType *self,
                                       const uint8_t *data, uint32_t length,

@@ -36,7 +36,9 @@ struct mp4_mux_format_t {
 
 // Fills a record from a wave-format header and frees extra bytes that it owned. A header of less
 // than 16 bytes changes nothing.
-// in: mux: memory callbacks; unused: anything; header: length bytes
+// in: mux: memory callbacks
+// in: unused: anything
+// in: header: length bytes
 // returns: 0
 MP4_MUX_API int32_t mp4_mux_set_wave_format(mp4_mux_t *mux, void *unused, void *header,
                                             int32_t length, mp4_mux_format_t *format);
