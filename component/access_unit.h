@@ -1,4 +1,5 @@
-// H.264 access units: from start codes (ITU-T H.264 Annex B) to 32-bit big-endian lengths.
+// H.264 access units: from start codes to 32-bit big-endian lengths.
+// source: ITU-T H.264, Annex B
 #ifndef COMPONENT_ACCESS_UNIT_H
 #define COMPONENT_ACCESS_UNIT_H
 

@@ -16,7 +16,8 @@ static constexpr uint32_t kWaveTagFirstPrivate = 0x2001;
 static constexpr int32_t kBitmapHeaderBytes = 40;
 static constexpr int32_t kBitmapFieldBytes = 20;
 
-// ISO/IEC 14496-3, table 1.16: sampling_frequency_index, and table 1.15: extension signalling.
+// sampling_frequency_index, and extension signalling.
+// source: ISO/IEC 14496-3, Tables 1.18 and 1.15
 static constexpr int32_t kSamplingRates[12] = {96000, 88200, 64000, 48000, 44100, 32000,
                                                24000, 22050, 16000, 12000, 11025, 8000};
 static constexpr int32_t kProfileNameOffset = 12;

@@ -178,7 +178,8 @@ static int32_t prepare_video_scratch(mp4_mux_t *mux, mp4_mux_track_t *p_track)
     return attach_scratch_tables(mux, p_track, mux->m_pVideoCache, tables);
 }
 
-// ISO/IEC 14496-12, 8.4.2.3: three letters of 5 bits, each minus 0x60.
+// Three letters of 5 bits, each minus 0x60.
+// source: ISO/IEC 14496-12, 8.4.2.3
 static uint32_t pack_language(const char (&language)[3])
 {
     uint32_t letters[3] = {};
