@@ -21,6 +21,8 @@ static constexpr int32_t kSideAllowance = 102;
 // A channel without a coded line: global_gain, ics_info, one section, the three flags, TNS data.
 static constexpr int32_t kEmptyChannelBits = 8 + 11 + (4 + 2 * 5) + 3 + (2 + 1 + 11 + 2 + 12 * 4);
 
+namespace {
+
 // The coding of one channel, from lines to codewords.
 struct channel_coding {
     const int32_t *spectrum;
@@ -36,6 +38,8 @@ struct channel_coding {
     int32_t band_max[kMaxBands]; // largest power of a band
     int32_t band_bits[kMaxBands];
 };
+
+} // namespace
 
 static int32_t band_width(const AacEncCoderInfo *coder, int32_t band)
 {

@@ -3,12 +3,16 @@
 
 #include <cstring>
 
+namespace {
+
 // The first fields of every port parameter's record.
 struct port_head_t {
     OMX_U32 nSize;
     OMX_VERSIONTYPE nVersion;
     OMX_U32 nPortIndex;
 };
+
+} // namespace
 
 // Finds the domain of an index.
 // returns: false for an index that names no domain
@@ -91,12 +95,16 @@ static OMX_ERRORTYPE find_port(const omx_base_sink_PrivateType *sink, OMX_INDEXT
                : OMX_ErrorBadPortIndex;
 }
 
+namespace {
+
 // The port that a parameter belongs to, or the domain when port is null.
 struct parameter_target_t {
     omx_base_sink_PrivateType *sink;
     omx_base_port_PrivateType *port;
     OMX_PORTDOMAINTYPE domain;
 };
+
+} // namespace
 
 static OMX_ERRORTYPE find_target(OMX_HANDLETYPE component, OMX_INDEXTYPE index,
                                  const void *parameter, parameter_target_t *target)
