@@ -35,7 +35,7 @@ static_assert(sizeof(EncTfState) % sizeof(void *) == 0);
 
 // Places the two states, cleared, and the empty heap at the start of the work block.
 // returns: 0
-int32_t AACEnc_Create(AacEncHandle *handle, uint8_t *work_block);
+[[nodiscard]] int32_t AACEnc_Create(AacEncHandle *handle, uint8_t *work_block);
 
 // Checks the configuration and sets the encoder up for it.
 // returns: 0, or kInitBadConfig for a bad bit rate or number of channels, or kInitBadSampleRate
