@@ -31,6 +31,7 @@ void keep_parameter_sets(omx_tdmbrec_component_PrivateType *self, const uint8_t 
                                       const uint8_t *data, uint32_t length,
                                       const access_unit_t *access_unit, uint8_t *out);
 
+// Discards the kept parameter sets.
 void forget_kept_sets(omx_tdmbrec_component_PrivateType *self);
 
 #endif // COMPONENT_PARAMETER_SETS_H
