@@ -14,8 +14,8 @@
 // returns: 0 or MUX_ERR_CLOSE
 [[nodiscard]] int32_t close_scratch(mp4_mux_bs_t *scratch, const char *name);
 
-// Moves a bitstream's cache, with the bytes not yet written, to a buffer; flushes first if they would
-// not fit.
+// Moves a bitstream's cache, with the bytes not yet written, to a buffer; flushes first if they
+// would not fit.
 // returns: 0 or the flush's error, tag "<reset_write_cache2"
 [[nodiscard]] int32_t reset_write_cache2(mp4_mux_bs_t *bs, uint8_t *buffer, int32_t buffer_bytes);
 
