@@ -242,15 +242,15 @@ static int32_t append_scratch_file(mp4_mux_t *mux, mp4_mux_bs_t *scratch, int64_
         return tag_failure(out->m_pstError, "<append_file", prepared);
     }
     out->m_bSeekDue = 1; // the callback moves the file
-    const int32_t gap = mux->m_pfnAppendFile(out->m_hFile, scratch->m_hFile, 0);
-    if (gap < 0) {
+    const int32_t gap_bytes = mux->m_pfnAppendFile(out->m_hFile, scratch->m_hFile, 0);
+    if (gap_bytes < 0) {
         return fail(out->m_pstError, MUX_ERR_APPEND, "");
     }
     scratch->m_hFile = nullptr; // closed by the callback
     if (mux->m_stFile.m_pfnRemove != nullptr) {
         mux->m_stFile.m_pfnRemove(name);
     }
-    mux->m_uiPendingSize += static_cast<uint32_t>(gap);
+    mux->m_uiPendingSize += static_cast<uint32_t>(gap_bytes);
     const int32_t absorbed = absorb_gap(mux, box_bytes);
     return absorbed < 0 ? tag_failure(out->m_pstError, "<append_file", absorbed) : 0;
 }

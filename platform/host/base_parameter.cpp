@@ -79,13 +79,13 @@ static bool index_fits_domain(OMX_INDEXTYPE index, OMX_PORTDOMAINTYPE domain)
 static OMX_ERRORTYPE find_port(const omx_base_sink_PrivateType *sink, OMX_INDEXTYPE index,
                                const void *parameter, omx_base_port_PrivateType **port)
 {
-    const size_t size = port_parameter_size(index);
-    if (size == 0) {
+    const size_t record_bytes = port_parameter_size(index);
+    if (record_bytes == 0) {
         return OMX_ErrorUnsupportedIndex;
     }
     port_head_t head;
     memcpy(&head, parameter, sizeof(head));
-    const OMX_ERRORTYPE error = omx_base_check_head(head.nSize, head.nVersion, size);
+    const OMX_ERRORTYPE error = omx_base_check_head(head.nSize, head.nVersion, record_bytes);
     if (error != OMX_ErrorNone) {
         return error;
     }
