@@ -4,7 +4,7 @@
 
 #include "component/private_record.h"
 
-// The picture format that the port and the file declare; the pictures may differ.
+// What the video port and the file state, whatever the pictures are.
 inline constexpr int kFrameWidth = 320;  // pixels
 inline constexpr int kFrameHeight = 240; // pixels
 inline constexpr int kFramesPerSecond = 30;
