@@ -12,8 +12,9 @@ void DetermineChInfo(AacEncChInfo *ch_info0, AacEncChInfo *ch_info1, int32_t cha
 
 // Turns the bands from the audio bandwidth up to the highest loud band into noise bands, and clears
 // the lines from that band on.
-// in, out: spectrum: 1024 lines
+// in: spectrum: 1024 lines
 // in: band_widths: lines of each band
+// out: spectrum: without the cleared lines
 // out: coder: noise flags and energies
 // source: ISO/IEC 14496-3, 4.6.13
 void AACENC_CalcPNS(int32_t *spectrum, AacEncCoderInfo *coder, const uint8_t *band_widths,

@@ -78,7 +78,7 @@ static int32_t set_up(AacEncHandle *handle, const AacEncInitParams *params)
     if (!allocate_blocks(handle, params->audioInfo->deinterleave == 1)) {
         return AACENC_ERR_MEMORY;
     }
-    AACEnc_Create(handle, handle->workBlock);
+    (void)AACEnc_Create(handle, handle->workBlock); // always 0
     switch (AACEnc_Init(handle->state, &handle->config)) {
     case 0:
         return AACENC_OK;

@@ -25,9 +25,9 @@ int32_t AACEnc_Create(AacEncHandle *handle, uint8_t *work_block)
     return 0;
 }
 
-void *AACEnc_malloc(size_t size, EncTfState *tf)
+void *AACEnc_malloc(size_t size_bytes, EncTfState *tf)
 {
-    const size_t bytes = heap_bytes(size);
+    const size_t bytes = heap_bytes(size_bytes);
     AACENC_CHECK(bytes <= kWorkBlockBytes - tf->heapUsed);
     uint8_t *memory = tf->heapNext;
     tf->heapNext += bytes;

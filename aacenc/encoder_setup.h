@@ -14,10 +14,10 @@ enum : int32_t {
 };
 
 // returns: bytes that AACEnc_malloc takes from the heap for a record
-constexpr size_t heap_bytes(size_t size)
+constexpr size_t heap_bytes(size_t size_bytes)
 {
     constexpr size_t kAlign = sizeof(void *);
-    return (size + kAlign) & ~(kAlign - 1);
+    return (size_bytes + kAlign) & ~(kAlign - 1);
 }
 
 // Bytes of the two states and of the allocations of EncTfInit and AACEnc_Init, which are always for
@@ -35,7 +35,7 @@ static_assert(sizeof(EncTfState) % sizeof(void *) == 0);
 
 // Places the two states, cleared, and the empty heap at the start of the work block.
 // returns: 0
-int32_t AACEnc_Create(AacEncHandle *handle, uint8_t *work_block);
+[[nodiscard]] int32_t AACEnc_Create(AacEncHandle *handle, uint8_t *work_block);
 
 // Checks the configuration and sets the encoder up for it.
 // returns: 0, or kInitBadConfig for a bad bit rate or number of channels, or kInitBadSampleRate
@@ -48,7 +48,7 @@ void EncTfInit(const AacEncConfig *config, const void *ignored, EncTfState *tf);
 
 // Takes cleared memory from the work block's heap; kWorkBlockBytes covers all allocations.
 // returns: never null
-[[nodiscard]] void *AACEnc_malloc(size_t size, EncTfState *tf);
+[[nodiscard]] void *AACEnc_malloc(size_t size_bytes, EncTfState *tf);
 
 // returns: audio bandwidth in Hz, 0 for an unknown sample rate
 [[nodiscard]] int32_t AACENC_SetBandWidth(int32_t bit_rate_per_channel, int32_t sample_rate);

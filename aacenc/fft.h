@@ -5,8 +5,9 @@
 #include <cstdint>
 
 // Forward complex FFT in place, kernel e^(-j 2 pi t k / n), without scaling.
-// in, out: data: n complex points as pairs (real, imaginary), sum of all magnitudes below 2^31 / 2
+// in: data: n complex points as pairs (real, imaginary), sum of all magnitudes below 2^31 / 2
 // in: n: 512
+// out: data: the transform, in the same form
 void AACENC_gCmplxFft(int32_t *data, int32_t n);
 
 // Third stage: the 8-point groups, with the constant sqrt(1/2).

@@ -13,6 +13,8 @@
 
 static constexpr int32_t kReversed[8] = {0, 4, 2, 6, 1, 5, 3, 7}; // three bits, read backwards
 
+namespace {
+
 // Real and imaginary parts of the points.
 struct split_points {
     alignas(32) int32_t re[kFftPoints];
@@ -31,6 +33,8 @@ struct twiddle_table {
     int32_t cos_q31[kCount];
     int32_t sin_q31[kCount];
 };
+
+} // namespace
 
 template <size_t kCount>
 static constexpr twiddle_table<kCount> list_twiddles(const twiddle (&first)[2])

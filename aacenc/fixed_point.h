@@ -84,6 +84,7 @@ constexpr int64_t mul_q28(int64_t a, int32_t b_q28)
     return (a * b_q28) >> 28;
 }
 
+// a * b in 64 bits, rounded down.
 constexpr int64_t mul_q29(int32_t a, int32_t b_q29)
 {
     return mul_s64(a, b_q29) >> 29;

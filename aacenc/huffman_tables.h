@@ -1,5 +1,6 @@
-// Huffman codebooks of ISO/IEC 14496-3. An entry holds the length of its codeword in bits 24..31
-// and the codeword, right-aligned, in bits 0..23. The comments give the index of a codeword.
+// Huffman codebooks. An entry holds the length of its codeword in bits 24..31 and the codeword,
+// right-aligned, in bits 0..23. The comments give the index of a codeword.
+// source: ISO/IEC 14496-3, Tables 4.A.1 to 4.A.12
 #ifndef AACENC_HUFFMAN_TABLES_H
 #define AACENC_HUFFMAN_TABLES_H
 

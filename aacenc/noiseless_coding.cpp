@@ -13,11 +13,15 @@ static constexpr int32_t kEscapeMark = 16; // in a codeword: the value is in an 
 static constexpr int32_t kEscapeBase = kEscapeMark + 1;
 static constexpr int32_t kSignedZero = 40; // index of all zeros in a signed codebook
 
+namespace {
+
 // Bits of the two codebooks of a class.
 struct book_bits {
     int32_t odd;
     int32_t even;
 };
+
+} // namespace
 
 // Quantised lines are read in the same way as scaled_lines.
 static int32_t line_value(const int32_t *values, int32_t k)

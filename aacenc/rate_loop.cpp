@@ -21,6 +21,8 @@ static constexpr int32_t kSideAllowance = 102;
 // A channel without a coded line: global_gain, ics_info, one section, the three flags, TNS data.
 static constexpr int32_t kEmptyChannelBits = 8 + 11 + (4 + 2 * 5) + 3 + (2 + 1 + 11 + 2 + 12 * 4);
 
+namespace {
+
 // The coding of one channel, from lines to codewords.
 struct channel_coding {
     const int32_t *spectrum;
@@ -36,6 +38,8 @@ struct channel_coding {
     int32_t band_max[kMaxBands]; // largest power of a band
     int32_t band_bits[kMaxBands];
 };
+
+} // namespace
 
 static int32_t band_width(const AacEncCoderInfo *coder, int32_t band)
 {
@@ -144,10 +148,10 @@ static int32_t search_gain(channel_coding *channel, int32_t bit_budget)
     int32_t gain = starting_gain(channel->tf->lastGain, channel->max_power);
     int32_t step = 8;
     for (int32_t trial = 1;; trial++) {
-        const int32_t total = try_gain(channel, gain);
+        const int32_t total_bits = try_gain(channel, gain);
         int32_t next = gain + step;
-        if (total <= bit_budget) {
-            if (bit_budget - total < budget_quarter) {
+        if (total_bits <= bit_budget) {
+            if (bit_budget - total_bits < budget_quarter) {
                 return gain;
             }
             step = step >> 1 != 0 ? step >> 1 : 2;
@@ -225,11 +229,12 @@ static bool drop_top_band(channel_coding *channel)
     return false;
 }
 
-// Enforces the limits that the search ignores: the largest magnitude, `limit` bits and the size of
+// Enforces the limits that the search ignores: the largest magnitude, `limit_bits` and the size of
 // the codeword list. Raises the gain up to kMaxFactorGain, then drops the top bands.
 // out: bits: of the channel
 // returns: the gain
-static int32_t keep_in_syntax(channel_coding *channel, int32_t gain, int32_t limit, int32_t *bits)
+static int32_t keep_in_syntax(channel_coding *channel, int32_t gain, int32_t limit_bits,
+                              int32_t *bits)
 {
     const int32_t searched_gain = gain;
     while (quantise_power(channel->max_power, quantiser_factor(gain)) > kMaxQuantised) {
@@ -239,7 +244,7 @@ static int32_t keep_in_syntax(channel_coding *channel, int32_t gain, int32_t lim
         choose_codebooks(channel, gain);
     }
     settle_gain(channel, gain);
-    for (*bits = channel_bits(channel); *bits > limit || !codewords_fit(channel);
+    for (*bits = channel_bits(channel); *bits > limit_bits || !codewords_fit(channel);
          *bits = channel_bits(channel)) {
         if (gain < kMaxFactorGain) {
             gain++;
@@ -291,9 +296,9 @@ int32_t tf_encode_spectrum_aac(int32_t *const *spectrum, uint8_t window_sequence
 
     const int32_t searched_gain = search_gain(&channel, bit_budget);
     const bool another_follows = ch_info->pair != 0 && ch_info->firstOfPair != 0;
-    const int32_t limit = tf->bitsLeft - (another_follows ? kEmptyChannelBits : 0);
+    const int32_t limit_bits = tf->bitsLeft - (another_follows ? kEmptyChannelBits : 0);
     int32_t bits = 0;
-    tf->lastGain = keep_in_syntax(&channel, searched_gain, limit, &bits);
+    tf->lastGain = keep_in_syntax(&channel, searched_gain, limit_bits, &bits);
     tf->bitsLeft -= bits;
     pack_channel(&channel, reinterpret_cast<uint32_t *>(*spectrum));
     return 0;

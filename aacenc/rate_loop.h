@@ -8,11 +8,12 @@
 #include <cstdint>
 
 // Quantises a channel's spectrum and replaces it with the codeword list.
-// in, out: spectrum: the channel's 1024 lines in a channel buffer; then the codeword list
+// in: spectrum: the channel's 1024 lines in a channel buffer
 // in: bit_budget: of the channel; may be negative
 // in: bitstream: used to count only
-// in, out: tf: `bitsLeft` for this channel and the ones after it; then without this one
-// out: tf: `lastGain` and the work arrays
+// in: tf: `bitsLeft` for this channel and the ones after it
+// out: spectrum: the codeword list
+// out: tf: `bitsLeft` without this channel, `lastGain` and the work arrays
 // out: coder: gain, scalefactors, codebooks and the codeword list
 // returns: 0
 [[nodiscard]] int32_t tf_encode_spectrum_aac(int32_t *const *spectrum, uint8_t window_sequence,

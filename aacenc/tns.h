@@ -10,7 +10,8 @@
 void TnsInit(int32_t sample_rate, AacEncTns *tns);
 
 // Filters the spectrum in place when the prediction gain is high enough, and fills the TNS record.
-// in: nsfb, max_sfb: scalefactor bands of the sample rate, and coded
+// in: nsfb: scalefactor bands of the sample rate
+// in: max_sfb: scalefactor bands coded
 // in: enable: 0 only clears the record's active flag
 // in: work1, work2: 1024 entries each
 // returns: 0, or -2 when the filter range is empty
@@ -28,7 +29,8 @@ void TnsInit(int32_t sample_rate, AacEncTns *tns);
                                            int32_t *reflection_out);
 
 // Quantises reflection coefficients.
-// in, out: reflection: [1..12], Q29; replaced by the values that a decoder reconstructs
+// in: reflection: [1..12], Q29
+// out: reflection: the values that a decoder reconstructs
 // out: indices: [1..12], -7..7
 void QuantizeReflectionCoeffs_fixedVer(int32_t *reflection, int8_t *indices);
 

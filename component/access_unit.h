@@ -1,4 +1,5 @@
-// H.264 access units: from start codes (ITU-T H.264 Annex B) to 32-bit big-endian lengths.
+// H.264 access units: from start codes to 32-bit big-endian lengths.
+// source: ITU-T H.264, Annex B
 #ifndef COMPONENT_ACCESS_UNIT_H
 #define COMPONENT_ACCESS_UNIT_H
 
@@ -53,15 +54,15 @@ struct access_unit_t {
 
 // Replaces every start code in length bytes of data by the length of the unit after it. Zero bytes
 // that trail a unit and units without a byte are left out.
-// in: data begins with a start code
-// out: data itself when every start code has 4 bytes, else other memory with room for length bytes
-//      and one for every unit
+// in: data: begins with a start code
+// out: out: data itself when every start code has 4 bytes, else other memory with room for length
+//      bytes and one for every unit
 // returns: the bytes written
 [[nodiscard]] uint32_t prefix_lengths(const uint8_t *data, uint32_t length, uint8_t *out);
 
 // Copies the units in length bytes of data, each after a start code of 4 bytes; leaves out what
 // prefix_lengths leaves out.
-// out: other memory than data, with room for length bytes and one for every unit
+// out: out: other memory than data, with room for length bytes and one for every unit
 // returns: the bytes written
 [[nodiscard]] uint32_t copy_units(const uint8_t *data, uint32_t length, uint8_t *out);
 

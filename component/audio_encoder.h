@@ -16,8 +16,10 @@ struct tdmbrec_pcm_queue_t {
 };
 
 // Builds the decoder configuration of an AAC LC stream.
-// in: sample_rate: Hz; channels: its low 4 bits are used
-// out: config: 2 bytes; *length: 2
+// in: sample_rate: Hz
+// in: channels: its low 4 bits are used
+// out: config: 2 bytes
+// out: *length: 2
 // returns: 0, or -1 when the sampling rate has no index (nothing is written)
 // source: ISO/IEC 14496-3, 1.6.2.1 AudioSpecificConfig, Table 1.18 samplingFrequencyIndex
 [[nodiscard]] int32_t getAACEncDSI(uint32_t sample_rate, uint32_t channels, uint8_t config[2],

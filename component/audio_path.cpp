@@ -59,8 +59,7 @@ static uint32_t lift_above_last_frame(const omx_tdmbrec_component_PrivateType *s
     return static_cast<uint32_t>(std::min<uint64_t>(time_ms + frames * frame_ms, UINT32_MAX));
 }
 
-// An encoder that fails on every frame never releases an entry: the sum stays at the largest
-// number.
+// Saturates: an encoder that fails on every frame never releases an entry.
 static uint32_t add_bytes(uint32_t a_bytes, uint32_t b_bytes)
 {
     return static_cast<uint32_t>(std::min<uint64_t>(uint64_t{a_bytes} + b_bytes, UINT32_MAX));
@@ -111,10 +110,10 @@ static uint32_t queue_pcm(omx_tdmbrec_component_PrivateType *self, const uint8_t
     tdmbrec_pcm_queue_t *const queue = self->pPcmQueue;
     memmove(self->pucPcmBase, queue->pucRead, queue->uiLength);
     queue->pucRead = self->pucPcmBase;
-    const uint32_t appended = std::min<uint32_t>(length, kPcmQueueBytes - queue->uiLength);
-    memcpy(self->pucPcmBase + queue->uiLength, data, appended);
-    queue->uiLength += appended;
-    return appended;
+    const uint32_t appended_bytes = std::min<uint32_t>(length, kPcmQueueBytes - queue->uiLength);
+    memcpy(self->pucPcmBase + queue->uiLength, data, appended_bytes);
+    queue->uiLength += appended_bytes;
+    return appended_bytes;
 }
 
 // Encodes the oldest frame of the queue.

@@ -18,6 +18,8 @@ static constexpr useconds_t kPollUs = 5000;
 static constexpr int64_t kShortestDelayUs = 5000;
 static constexpr int64_t kLongestDelayUs = 1000000;
 
+namespace {
+
 // The buffer of one port that the thread holds.
 struct held_buffer_t {
     OMX_BUFFERHEADERTYPE *buffer; // null: none
@@ -25,6 +27,8 @@ struct held_buffer_t {
     int64_t delay_us; // from the last refusal to the next offer; 0: never refused
     int64_t retry_us; // when it is offered again
 };
+
+} // namespace
 
 using held_buffers_t = std::array<held_buffer_t, TDMBREC_PORT_COUNT>;
 

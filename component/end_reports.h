@@ -41,6 +41,7 @@ struct tdmbrec_end_t {
 [[nodiscard]] bool owe_report(OMX_COMPONENTTYPE *component);
 
 // Undoes owe_report: the recording does not begin.
+// thread: the start, which holds the claim
 void cancel_report(omx_tdmbrec_component_PrivateType *self);
 
 // Queues the report of the recording that has been closed, releases the claim, and sends the event

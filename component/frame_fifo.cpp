@@ -8,6 +8,8 @@
 #include <cstring>
 #include <optional>
 
+namespace {
+
 enum fifo_state_t : uint8_t { // 0: never initialised
     kFifoEmpty = 1,
     kFifoFull = 2, // all entries are in use, or a frame found no room
@@ -44,6 +46,8 @@ struct frame_fifo_t {
 };
 static_assert(sizeof(void *) != 4 || offsetof(frame_fifo_t, stPosition) ==
                                          sizeof(frame_fifo_t::astEntry) + 4 * sizeof(uint32_t));
+
+} // namespace
 
 static frame_fifo_t fifos[QVR_FIFO_COUNT + 1]; // the last one is never initialised
 

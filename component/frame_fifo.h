@@ -37,7 +37,8 @@ QVR_FIFO_API void QVR_FIFO_InitBuffer(uint32_t fifo, uint32_t size, void *storag
 QVR_FIFO_API int32_t QVR_FIFO_GetLength(uint32_t fifo);
 
 // Reserves room for the next frame.
-// in: length: bytes; time: passed to the consumer unchanged
+// in: length: bytes
+// in: time: passed to the consumer unchanged (ms for the writer threads)
 // returns: 1, or 0 when there is no room. Nothing can then be written or pushed until a frame is
 //          popped or, in a FIFO without frames, a frame that fits is reserved.
 QVR_FIFO_API int32_t QVR_FIFO_GetOneFifo(uint32_t fifo, int32_t length, int64_t time);

@@ -136,7 +136,8 @@ OMX_ERRORTYPE omx_tdmbrec_mp4_mux_Init(omx_tdmbrec_component_PrivateType *self)
 // no frame. A recording without audio gets one frame of silence.
 static void complete_audio_track(omx_tdmbrec_component_PrivateType *self)
 {
-    // ISO/IEC 14496-3 channel_pair_element() with max_sfb 0 in both channels, then END.
+    // channel_pair_element() with max_sfb 0 in both channels, then END.
+    // source: ISO/IEC 14496-3, Tables 4.3 and 4.5
     static constexpr uint8_t kSilentPair[] = {0x20, 0, 0, 0, 0, 0, 0x0E};
     if (self->bVideoWritten == 0 || self->bAudioWritten != 0) {
         return;

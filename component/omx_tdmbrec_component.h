@@ -54,7 +54,7 @@ TDMBREC_API OMX_ERRORTYPE omx_tdmbrec_component_MessageHandler(OMX_COMPONENTTYPE
                                                                omx_base_message_t *message);
 
 // Body of the buffer thread: offers the client's buffers to the buffer callback and returns them.
-// in: the handle
+// in: component: the handle
 // returns: null
 TDMBREC_API void *omx_tdmbrec_component_BufferMgmtFunction(void *component);
 
@@ -66,7 +66,7 @@ TDMBREC_API void omx_tdmbrec_component_BufferMgmtCallback(OMX_COMPONENTTYPE *com
 
 // Body of the stop thread: waits for the buffer callback, closes encoder and file and notifies the
 // client.
-// in: the handle
+// in: component: the handle
 TDMBREC_API void *omx_tdmbrec_stop_thread(void *component);
 
 } // extern "C"

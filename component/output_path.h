@@ -4,7 +4,8 @@
 
 #include "component/private_record.h"
 
-// in: TDMBREC_PATH_BYTES bytes, which may lack a terminator
+// Keeps the path of the next recording.
+// in: record: TDMBREC_PATH_BYTES bytes, which may lack a terminator
 void set_output_path(const void *record);
 
 // Makes the path last set that of this recording.

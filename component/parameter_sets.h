@@ -25,12 +25,13 @@ void keep_parameter_sets(omx_tdmbrec_component_PrivateType *self, const uint8_t 
 
 // Writes the kept parameter sets, sequence parameter sets first, and the picture of an access unit,
 // all with start codes of 4 bytes.
-// out: other memory than data, with room for the sets, length bytes, and one for every unit
+// out: out: other memory than data, with room for the sets, length bytes, and one for every unit
 // returns: the bytes written
 [[nodiscard]] uint32_t join_kept_sets(const omx_tdmbrec_component_PrivateType *self,
                                       const uint8_t *data, uint32_t length,
                                       const access_unit_t *access_unit, uint8_t *out);
 
+// Discards the kept parameter sets.
 void forget_kept_sets(omx_tdmbrec_component_PrivateType *self);
 
 #endif // COMPONENT_PARAMETER_SETS_H

@@ -103,6 +103,7 @@ struct omx_tdmbrec_component_PrivateType {
     uint32_t uiKeptSetsLen;              // its bytes in use
 };
 
+// returns: the component's own record; null before it is attached
 [[nodiscard]] inline omx_tdmbrec_component_PrivateType *private_record(OMX_COMPONENTTYPE *component)
 {
     return static_cast<omx_tdmbrec_component_PrivateType *>(component->pComponentPrivate);

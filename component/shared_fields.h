@@ -12,6 +12,7 @@ template <typename T>
 inline constexpr bool kIsShareable =
     std::is_trivially_copyable_v<T> && __atomic_always_lock_free(sizeof(T), nullptr);
 
+// Read, write and exchange a field in one step.
 template <typename T>
 [[nodiscard]] inline T load_shared(T &field)
 {

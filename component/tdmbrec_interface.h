@@ -89,7 +89,7 @@ TDMBREC_API OMX_ERRORTYPE omx_tdmbrec_component_Init(OMX_COMPONENTTYPE *componen
 // of component/frame_fifo.h to its file: the low 32 bits of a frame's time are its time in the file
 // (ms), its extra word is its flags. Frames wait until the file is open. A failed write and a file
 // past its limit end the recording.
-// in: the handle
+// in: component: the handle
 TDMBREC_API void *omx_tdmbrec_video_thread(void *component);
 TDMBREC_API void *omx_tdmbrec_audio_thread(void *component);
 

@@ -24,7 +24,7 @@ uint32_t add_ms(uint32_t a_ms, uint32_t b_ms)
 }
 
 // Unsigned: the distance of two 64-bit times can need 64 bits.
-// in: ts_us >= base_us
+// in: ts_us: at least base_us
 static uint64_t distance_ms(int64_t ts_us, int64_t base_us)
 {
     return (static_cast<uint64_t>(ts_us) - static_cast<uint64_t>(base_us)) / 1000;

@@ -11,12 +11,16 @@
 
 static constexpr useconds_t kIdleUs = 10000;
 
+namespace {
+
 struct writer_t {
     uint32_t fifo;
     int32_t type; // MUX_TYPE_...
     const char *function;
     int line; // logged with the function, as on the device
 };
+
+} // namespace
 
 static constexpr writer_t kVideoWriter = {QVR_FIFO_VIDEO, MUX_TYPE_VIDEO,
                                           "omx_tdmbrec_video_thread", 2221};

@@ -58,7 +58,8 @@ struct zpl_aenc_input_t {
 };
 
 // Opens the encoder that the instance describes.
-// in: output_type: kZplOutputAdts, else raw access units; encoder: may be null
+// in: output_type: kZplOutputAdts, else raw access units
+// in: encoder: may be null
 // returns: 0, or negative after a failure, when nothing stays allocated
 [[nodiscard]] int32_t zpl_aenc_init(zpl_aenc_t *zpl, const zpl_aenc_init_t *init, int32_t aenc_type,
                                     int32_t output_type, tdmbrec_encoder_function_t encoder);

@@ -12,6 +12,7 @@ struct parameter_sets {
     nal_unit pps;
 };
 
+// returns: the bytes of the record
 [[nodiscard]] size_t avc_record_bytes(const parameter_sets &sets);
 
 // Writes the record; failures are in the error record.

@@ -1,4 +1,5 @@
-// The part of the H.264 syntax that the muxer reads (ITU-T H.264, 7.3.1).
+// The part of the H.264 syntax that the muxer reads.
+// source: ITU-T H.264, 7.3.1
 #ifndef MP4MUX_AVC_SYNTAX_H
 #define MP4MUX_AVC_SYNTAX_H
 

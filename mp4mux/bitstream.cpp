@@ -257,9 +257,9 @@ int32_t bs_lend_space(mp4_mux_bs_t *bs, int32_t max, uint8_t **space)
 int32_t mp4_mux_bs_write_bytes(mp4_mux_bs_t *bs, const void *source, int32_t count)
 {
     const uint8_t *from = static_cast<const uint8_t *>(source);
-    for (int32_t left = count; left > 0;) {
+    for (int32_t left_bytes = count; left_bytes > 0;) {
         uint8_t *space = nullptr;
-        const int32_t part = bs_lend_space(bs, left, &space);
+        const int32_t part = bs_lend_space(bs, left_bytes, &space);
         if (part < 0) {
             bs->m_bTorn = 1;
             return part;
@@ -267,7 +267,7 @@ int32_t mp4_mux_bs_write_bytes(mp4_mux_bs_t *bs, const void *source, int32_t cou
         bs->m_pstMux->m_stMem.m_pfnMemcpy(space, from, static_cast<size_t>(part));
         bs->m_uiFill += static_cast<uint32_t>(part);
         from += part;
-        left -= part;
+        left_bytes -= part;
     }
     return std::max(count, 0);
 }

@@ -38,7 +38,8 @@ struct mp4_mux_bs_t {
 // Opening and closing
 
 // Ties a bitstream to a cache and a file.
-// in: bs: m_pstMux and m_pstError are set; handle: open file, or null to open by name later
+// in: bs: m_pstMux and m_pstError are set
+// in: handle: open file, or null to open by name later
 // returns: 0
 // owns: cache stays the caller's and must outlive the bitstream's use
 MP4_MUX_API int32_t mp4_mux_open_bitstream_from_external_memory(mp4_mux_bs_t *bs, uint8_t *cache,
@@ -146,7 +147,8 @@ MP4_MUX_API int32_t mp4_mux_bs_write_le32(mp4_mux_bs_t *bs, uint32_t value);
 [[nodiscard]] MP4_MUX_API int32_t mp4_mux_bs_read_le64(mp4_mux_bs_t *bs, uint64_t *value);
 
 // Reads a value of mp4_mux_bs_write_value.
-// in/out: previous: the value before; becomes the value read
+// in: *previous: the value before
+// out: *previous: the value read
 // returns: bytes read, an error as above, or MUX_ERR_INVALID for an encoding of over 64 bits
 [[nodiscard]] MP4_MUX_API int32_t mp4_mux_bs_read_value(mp4_mux_bs_t *bs, uint64_t *previous);
 

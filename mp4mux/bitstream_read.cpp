@@ -113,17 +113,17 @@ int32_t bs_borrow_bytes(mp4_mux_bs_t *bs, int32_t max, const uint8_t **bytes)
 static int32_t read_bytes(mp4_mux_bs_t *bs, uint8_t *to, int32_t count,
                           const read_messages &messages)
 {
-    size_t left = count > 0 ? static_cast<size_t>(count) : 0;
-    while (left > 0) {
+    size_t left_bytes = count > 0 ? static_cast<size_t>(count) : 0;
+    while (left_bytes > 0) {
         const uint8_t *from = nullptr;
-        const int32_t part = borrow(bs, left, &from, messages);
+        const int32_t part = borrow(bs, left_bytes, &from, messages);
         if (part < 0) {
             return part;
         }
         bs->m_pstMux->m_stMem.m_pfnMemcpy(to, from, static_cast<size_t>(part));
         bs->m_uiFill += static_cast<uint32_t>(part);
         to += part;
-        left -= static_cast<size_t>(part);
+        left_bytes -= static_cast<size_t>(part);
     }
     return std::max(count, 0);
 }

@@ -100,8 +100,8 @@ char *mp4_mux_asc_time(const mp4_mux_tm_t *tm)
     to = put_digits(to, tm->m_iHour, ':');
     to = put_digits(to, tm->m_iMinute, ':');
     to = put_digits(to, tm->m_iSecond, ' ');
-    to = put_digits(to, tm->m_iYear / 100 + kFirstYear / 100, '\0') -
-         1; // the year's last two digits follow
+    // The year's last two digits replace the terminator after the first two.
+    to = put_digits(to, tm->m_iYear / 100 + kFirstYear / 100, '\0') - 1;
     to = put_digits(to, tm->m_iYear % 100, '\n');
     *to = '\0';
     return text;

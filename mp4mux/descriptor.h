@@ -1,4 +1,5 @@
-// Sizes of the MPEG-4 descriptors (ISO/IEC 14496-1, 7.2.2 and 8.3.3).
+// Sizes of the MPEG-4 descriptors.
+// source: ISO/IEC 14496-1, 7.2.2 and 8.3.3
 #ifndef MP4MUX_DESCRIPTOR_H
 #define MP4MUX_DESCRIPTOR_H
 
@@ -32,6 +33,7 @@ struct descriptor_sizes {
     uint32_t stream;        // payload of the ES_Descriptor
 };
 
+// returns: the sizes with private_bytes of decoder specific info
 [[nodiscard]] constexpr descriptor_sizes sizes_of_descriptors(uint32_t private_bytes)
 {
     descriptor_sizes sizes = {};

@@ -5,6 +5,7 @@
 #include "mp4mux/track.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cstddef>
 
 static size_t load_be32(const uint8_t *from)
@@ -57,6 +58,7 @@ int32_t take_avc_configuration(mp4_mux_t *mux, mp4_mux_track_t *p_track,
     mp4_mux_open_bitstream_from_external_memory(&bs, record, static_cast<int32_t>(record_bytes),
                                                 nullptr);
     write_avc_record(&bs, sets);
+    assert(bs.m_uiFill == record_bytes);
 
     p_track->m_pbyCodecPrivate = record;
     p_track->m_iCodecPrivateSize = static_cast<int32_t>(record_bytes);

@@ -76,7 +76,7 @@ static bool is_sync_sample(const mp4_mux_putstream_t *frame)
     return frame->m_iType == MUX_TYPE_VIDEO && (frame->m_uiFlags & MUX_FRAME_KEY) != 0;
 }
 
-static uint32_t time_since_last(const mp4_mux_track_t *p_track, const mp4_mux_putstream_t *frame)
+static uint32_t ms_since_last(const mp4_mux_track_t *p_track, const mp4_mux_putstream_t *frame)
 {
     return frame->m_uiTimeStamp - p_track->m_uiPrevTimeStamp;
 }
@@ -86,7 +86,7 @@ static uint32_t time_since_last(const mp4_mux_track_t *p_track, const mp4_mux_pu
 static bool put_ended_run(const mp4_mux_t *mux, mp4_mux_track_t *p_track,
                           const mp4_mux_putstream_t *frame)
 {
-    if (time_since_last(p_track, frame) == p_track->m_uiSttsRunDeltaMs ||
+    if (ms_since_last(p_track, frame) == p_track->m_uiSttsRunDeltaMs ||
         p_track->m_iSttsEntryCount == kNoRunYet) {
         return true;
     }
@@ -97,7 +97,7 @@ static bool put_ended_run(const mp4_mux_t *mux, mp4_mux_track_t *p_track,
 // only with the second one and is the duration of the first.
 static void count_duration(mp4_mux_track_t *p_track, const mp4_mux_putstream_t *frame)
 {
-    const uint32_t delta_ms = time_since_last(p_track, frame);
+    const uint32_t delta_ms = ms_since_last(p_track, frame);
     if (delta_ms == p_track->m_uiSttsRunDeltaMs) {
         p_track->m_iSttsRunCount++;
         return;

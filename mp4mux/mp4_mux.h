@@ -100,7 +100,8 @@ typedef int (*mp4_mux_fseek64_fn)(void *handle, int64_t offset, int whence);
 typedef int64_t (*mp4_mux_ftell64_fn)(void *handle);
 
 // Appends the whole file `source` at the end of the file `destination`.
-// in: destination is positioned where the appended data is expected; reserved is 0
+// in: destination: positioned where the appended data is expected
+// in: reserved: 0
 // returns: the gap in bytes from there to where the appended data begins, or a negative number
 // owns: closes source when it succeeds; after a failure source is still the muxer's
 typedef int32_t (*mp4_mux_append_file_fn)(void *destination, void *source, int32_t reserved);

@@ -24,7 +24,7 @@ enum {
     kFileTypeIsomAlias = 5,
 };
 
-// How far a context has come.
+// State of a context.
 enum {
     kMuxStateUnopened = 0, // not open yet, or the open failed
     kMuxStateRecording,    // takes frames

@@ -33,9 +33,11 @@ int32_t fail(mp4_mux_last_error_t *error, int32_t code, const char *message);
 // returns: result
 int32_t tag_failure(mp4_mux_last_error_t *error, const char *tag, int32_t result);
 
+// Forgets the failure.
 void mp4_mux_clear_last_error(mp4_mux_last_error_t *error);
 
-// out: message: points into the record
+// Reads the failure.
+// out: *message: points into the record
 void mp4_mux_get_last_error(const mp4_mux_last_error_t *error, int32_t *code, const char **message,
                             int64_t *aux);
 

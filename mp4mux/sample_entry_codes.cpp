@@ -6,7 +6,8 @@
 
 #include <cstddef>
 
-// ISO/IEC 14496-1, table 5: objectTypeIndication; the speech codecs' are registered user types.
+// objectTypeIndication; those of the speech codecs are registered user types.
+// source: ISO/IEC 14496-1, Table 5
 enum {
     kOtiNone = 0,
     kOtiMpeg4Visual = 0x20,
@@ -135,7 +136,7 @@ int64_t assign_video_codes(mp4_mux_track_t *p_track)
     case fourcc("s263"):
     case fourcc("h263"):
         return kVideoEntryBytes + kD263BoxBytes;
-    case fourcc("avc1"): // private data may still come with the first frame
+    case fourcc("avc1"): // the first frame may still provide private data
         return kVideoEntryBytes + kBoxHeaderBytes + p_track->m_iCodecPrivateSize;
     case fourcc("mp4v"):
         p_track->m_uiObjectTypeIndication = kOtiMpeg4Visual;

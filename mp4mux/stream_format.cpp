@@ -16,7 +16,8 @@ static constexpr uint32_t kWaveTagFirstPrivate = 0x2001;
 static constexpr int32_t kBitmapHeaderBytes = 40;
 static constexpr int32_t kBitmapFieldBytes = 20;
 
-// ISO/IEC 14496-3, table 1.16: sampling_frequency_index, and table 1.15: extension signalling.
+// sampling_frequency_index, and extension signalling.
+// source: ISO/IEC 14496-3, Tables 1.18 and 1.15
 static constexpr int32_t kSamplingRates[12] = {96000, 88200, 64000, 48000, 44100, 32000,
                                                24000, 22050, 16000, 12000, 11025, 8000};
 static constexpr int32_t kProfileNameOffset = 12;
@@ -179,9 +180,9 @@ int32_t mp4_mux_aac_build_config(mp4_mux_t *mux, void *, const uint8_t *profile,
     config[1] = static_cast<uint8_t>((index & 1) << 7 | channels << 3);
     if (with_sbr) {
         if (format->m_iSampleRate <= kMaxHalfRate) {
+            // Unsigned: any given rate may be doubled.
             const uint32_t rate = static_cast<uint32_t>(format->m_iSampleRate);
-            format->m_iSampleRate =
-                static_cast<int32_t>(2 * rate); // unsigned: any given rate may be doubled
+            format->m_iSampleRate = static_cast<int32_t>(2 * rate);
         }
         // syncExtensionType 0x2B7 in 11 bits, extensionAudioObjectType 5 in 5, sbrPresentFlag,
         // extensionSamplingFrequencyIndex 4, three zero bits
@@ -192,17 +193,17 @@ int32_t mp4_mux_aac_build_config(mp4_mux_t *mux, void *, const uint8_t *profile,
     return 0;
 }
 
-int32_t mp4_mux_get_allocated_data(mp4_mux_t *mux, void *, uint32_t size, void **slot)
+int32_t mp4_mux_get_allocated_data(mp4_mux_t *mux, void *, uint32_t size_bytes, void **slot)
 {
-    if (size == 0) {
+    if (size_bytes == 0) {
         return 0;
     }
-    void *memory = mux->m_stMem.m_pfnMalloc(size);
+    void *memory = mux->m_stMem.m_pfnMalloc(size_bytes);
     if (memory == nullptr) {
         return fail(&mux->m_stLastError, MUX_ERR_MEMORY,
                     "Insufficient memory to re-allocate (get_allocated_data)");
     }
-    mux->m_stMem.m_pfnMemset(memory, 0, size);
+    mux->m_stMem.m_pfnMemset(memory, 0, size_bytes);
     *slot = memory;
     return 0;
 }

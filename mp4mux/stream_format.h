@@ -36,7 +36,9 @@ struct mp4_mux_format_t {
 
 // Fills a record from a wave-format header and frees extra bytes that it owned. A header of less
 // than 16 bytes changes nothing.
-// in: mux: memory callbacks; unused: anything; header: length bytes
+// in: mux: memory callbacks
+// in: unused: anything
+// in: header: length bytes
 // returns: 0
 MP4_MUX_API int32_t mp4_mux_set_wave_format(mp4_mux_t *mux, void *unused, void *header,
                                             int32_t length, mp4_mux_format_t *format);
@@ -58,12 +60,12 @@ MP4_MUX_API int32_t mp4_mux_set_bitmap_format(mp4_mux_t *mux, void *unused, void
                                                            int32_t sample_rate,
                                                            mp4_mux_format_t *format);
 
-// Allocates size zeroed bytes; a size of 0 leaves the slot as it is.
+// Allocates zeroed memory; a size of 0 leaves the slot as it is.
 // out: slot: the memory
 // returns: 0 or MUX_ERR_MEMORY
 // owns: the caller, until mp4_mux_clear_allocated_data
 [[nodiscard]] MP4_MUX_API int32_t mp4_mux_get_allocated_data(mp4_mux_t *mux, void *unused,
-                                                             uint32_t size, void **slot);
+                                                             uint32_t size_bytes, void **slot);
 
 // Free the slot's memory and set the slot to null.
 // returns: 0

@@ -47,13 +47,13 @@ bool put_offset(const mp4_mux_t *mux, mp4_mux_track_t *p_track, uint64_t offset)
                             .value = offset});
 }
 
-bool put_size(const mp4_mux_t *mux, mp4_mux_track_t *p_track, uint32_t size)
+bool put_size(const mp4_mux_t *mux, mp4_mux_track_t *p_track, uint32_t sample_bytes)
 {
     return put_record(mux, {.bs = &p_track->m_BsSTSZ,
                             .header_bytes = kSizeTableHeaderBytes,
                             .index = p_track->m_uiSampleCount,
                             .bytes = kSizeRecordBytes,
-                            .value = size});
+                            .value = sample_bytes});
 }
 
 bool put_sync_sample(const mp4_mux_t *mux, mp4_mux_track_t *p_track, uint32_t number)

@@ -15,6 +15,7 @@ inline constexpr int32_t kSizeRecordBytes = 4;
 inline constexpr int32_t kSyncRecordBytes = 4;
 inline constexpr int32_t kRunRecordBytes = 8; // sample count and duration
 
+// returns: the bytes of a chunk offset in the file's tables
 [[nodiscard]] inline int32_t offset_record_bytes(const mp4_mux_t *mux)
 {
     return mux->m_b32BitOffset != 0 ? 4 : 8;
@@ -28,7 +29,7 @@ inline constexpr int32_t kRunRecordBytes = 8; // sample count and duration
 //
 // returns: whether the record is stored as a whole; a failure is in the error record
 [[nodiscard]] bool put_offset(const mp4_mux_t *mux, mp4_mux_track_t *p_track, uint64_t offset);
-[[nodiscard]] bool put_size(const mp4_mux_t *mux, mp4_mux_track_t *p_track, uint32_t size);
+[[nodiscard]] bool put_size(const mp4_mux_t *mux, mp4_mux_track_t *p_track, uint32_t sample_bytes);
 [[nodiscard]] bool put_sync_sample(const mp4_mux_t *mux, mp4_mux_track_t *p_track, uint32_t number);
 [[nodiscard]] bool put_run(const mp4_mux_t *mux, mp4_mux_track_t *p_track, int32_t samples,
                            int32_t ticks);

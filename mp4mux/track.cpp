@@ -22,12 +22,12 @@ enum {
 int32_t set_codec_private(mp4_mux_t *mux, mp4_mux_track_t *p_track, const uint8_t *bytes,
                           int32_t count, const char *message)
 {
-    const size_t size = static_cast<size_t>(count);
-    void *copy = mux->m_stMem.m_pfnMalloc(size);
+    const size_t copy_bytes = static_cast<size_t>(count);
+    void *copy = mux->m_stMem.m_pfnMalloc(copy_bytes);
     if (copy == nullptr) {
         return fail(&mux->m_stLastError, MUX_ERR_MEMORY, message);
     }
-    mux->m_stMem.m_pfnMemcpy(copy, bytes, size);
+    mux->m_stMem.m_pfnMemcpy(copy, bytes, copy_bytes);
     p_track->m_pbyCodecPrivate = static_cast<uint8_t *>(copy);
     p_track->m_iCodecPrivateSize = count;
     return 0;
@@ -178,7 +178,8 @@ static int32_t prepare_video_scratch(mp4_mux_t *mux, mp4_mux_track_t *p_track)
     return attach_scratch_tables(mux, p_track, mux->m_pVideoCache, tables);
 }
 
-// ISO/IEC 14496-12, 8.4.2.3: three letters of 5 bits, each minus 0x60.
+// Three letters of 5 bits, each minus 0x60.
+// source: ISO/IEC 14496-12, 8.4.2.3
 static uint32_t pack_language(const char (&language)[3])
 {
     uint32_t letters[3] = {};

@@ -16,7 +16,7 @@ enum {
 };
 
 // Writes one line with priority and tag.
-// returns: the number of characters, or a negative value.
+// returns: the number of characters, or a negative value
 int __android_log_print(int priority, const char *tag, const char *format, ...)
     __attribute__((format(printf, 3, 4)));
 

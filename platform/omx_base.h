@@ -39,7 +39,7 @@ struct omx_base_port_PrivateType {
     tsem_t *pBufferSem;     // one count for every buffer in the queue
     uint32_t bBeingFlushed; // atomic; changes under the component's lockFlush
     // Returns a buffer to the client through EmptyBufferDone.
-    // thread: the buffer thread; the message thread during a flush. No lock is held.
+    // thread: the buffer thread, or the message thread during a flush; no lock is held
     OMX_ERRORTYPE (*pfnReturnBuffer)(omx_base_port_PrivateType *port, OMX_BUFFERHEADERTYPE *buffer);
     struct omx_base_port_internal_t *pInternal; // the framework's own
 };
@@ -56,9 +56,8 @@ typedef struct omx_base_audio_PortType {
 } omx_base_audio_PortType;
 
 // The sink's private record; a component's own record begins with it.
-// owns: the component allocates it with QVR_calloc and attaches it to the handle before it calls
-// the constructor. It also allocates the ports array and the port records with QVR_calloc. The
-// destructor frees them all.
+// owns: the component allocates it, the ports array and the port records with QVR_calloc, and
+//       attaches it to the handle before it calls the constructor; the destructor frees them all
 struct omx_base_sink_PrivateType {
     OMX_COMPONENTTYPE *pComponent;
     omx_base_port_PrivateType **ppPorts;  // by port index
@@ -79,25 +78,25 @@ struct omx_base_sink_PrivateType {
 };
 
 // Makes the handle a sink component: fills its function table, starts its message thread and sets
-// the state Loaded.
-// in: the private record is attached and zero-filled; name is copied, at most 127 characters.
+// the state Loaded. After a failure, the table's ComponentDeInit releases the half-built component.
+// in: component: its private record is attached and zero-filled
+// in: name: copied, at most 127 characters
 // returns: OMX_ErrorNone, OMX_ErrorBadParameter when a pointer or the record is missing or the
-// record is already constructed, or OMX_ErrorInsufficientResources.
-// owns: after a failure, the table's ComponentDeInit releases the half-built component.
+//          record is already constructed, or OMX_ErrorInsufficientResources
 OMX_ERRORTYPE omx_base_sink_Constructor(OMX_COMPONENTTYPE *component, OMX_STRING name);
 
 // Joins the component's threads in any state, releases its buffers, ports and private record, and
 // clears the handle's private pointer. Buffers that the component still holds are not returned.
-// in: the record may be half-built or missing.
-// returns: OMX_ErrorNone, or OMX_ErrorBadParameter for a null handle.
-// thread: none of the component's own, so not from a callback.
+// in: component: its private record may be half-built or missing
+// returns: OMX_ErrorNone, or OMX_ErrorBadParameter for a null handle
+// thread: none of the component's own, so not from a callback
 OMX_ERRORTYPE omx_base_sink_Destructor(OMX_COMPONENTTYPE *component);
 
 // Prepare the record at *port as an enabled port with 4 buffers. The client may change their number
-// to 1 to QUEUE_CAPACITY; a buffer shorter than nBufferSize is refused.
-// in: *port is zero-filled and has the size of its class.
-// returns: OMX_ErrorNone, OMX_ErrorBadParameter, or OMX_ErrorInsufficientResources.
-// owns: the component may change the port definition until it returns the handle.
+// to 1 to QUEUE_CAPACITY; a buffer shorter than nBufferSize is refused. The component may change
+// the definition until its constructor returns.
+// in: *port: zero-filled, of the size of its class
+// returns: OMX_ErrorNone, OMX_ErrorBadParameter, or OMX_ErrorInsufficientResources
 OMX_ERRORTYPE base_video_port_Constructor(OMX_COMPONENTTYPE *component,
                                           omx_base_port_PrivateType **port, OMX_U32 port_index,
                                           OMX_BOOL is_input);
@@ -117,12 +116,12 @@ OMX_ERRORTYPE omx_base_component_SetParameter(OMX_HANDLETYPE handle, OMX_INDEXTY
 // - OMX_ErrorIncorrectStateTransition for a transition to Idle that Loaded ends,
 // - OMX_ErrorInvalidState for every command that the Invalid state ends.
 // The destructor answers no command.
-// returns: OMX_ErrorNone, or the error that the message thread sends as an event.
-// thread: the message thread.
+// returns: OMX_ErrorNone, or the error that the message thread sends as an event
+// thread: the message thread
 OMX_ERRORTYPE omx_base_component_MessageHandler(OMX_COMPONENTTYPE *component,
                                                 omx_base_message_t *message);
 
-// thread: any.
+// thread: any
 OMX_STATETYPE omx_base_get_state(const omx_base_sink_PrivateType *sink);
 omx_base_transient_t omx_base_get_transient_state(const omx_base_sink_PrivateType *sink);
 

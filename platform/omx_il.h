@@ -1,6 +1,6 @@
 // The part of OpenMAX Integration Layer 1.1 that the recorder, the base framework and the client
 // use. Names and values are the standard's.
-// source: OpenMAX IL Specification, version 1.1.2, chapters 3 and 4.
+// source: OpenMAX IL Specification, version 1.1.2, chapters 3 and 4
 #ifndef PLATFORM_OMX_IL_H
 #define PLATFORM_OMX_IL_H
 

@@ -18,17 +18,20 @@ typedef struct tsem_t {
 } tsem_t;
 
 // Prepares the semaphore with the given count.
-// returns: 0, or an errno value.
-// owns: the caller owns the record.
+// in: tsem: the caller's memory
+// returns: 0, or an errno value
 int tsem_init(tsem_t *tsem, uint32_t count);
 // Releases what tsem_init took.
-// thread: none may be waiting.
+// in: tsem: no thread waits for it
 void tsem_deinit(tsem_t *tsem);
 // Waits for a count above 0 and subtracts one.
+// thread: any
 void tsem_down(tsem_t *tsem);
 // Adds one to the count and wakes one waiter.
+// thread: any
 void tsem_up(tsem_t *tsem);
-// returns: the count at this moment. Only the sole consumer may rely on a count above 0.
+// returns: the count at this moment; only the sole consumer may rely on a count above 0
+// thread: any
 uint32_t tsem_value(tsem_t *tsem);
 
 #define QUEUE_CAPACITY 64 // the most buffers of one port
@@ -42,18 +45,22 @@ typedef struct queue_t {
 } queue_t;
 
 // Prepares an empty queue.
-// returns: 0, or an errno value.
-// owns: the caller owns the record.
+// in: queue: the caller's memory
+// returns: 0, or an errno value
 int queue_init(queue_t *queue);
 // Releases what queue_init took.
+// in: queue: no thread uses it
 void queue_deinit(queue_t *queue);
 // Appends a pointer.
-// returns: 0, or -1 when the queue is full.
+// returns: 0, or -1 when the queue is full
+// thread: any
 int queue(queue_t *queue, void *element);
 // Takes the oldest pointer.
-// returns: the pointer, or null when the queue is empty.
+// returns: the pointer, or null when the queue is empty
+// thread: any
 void *dequeue(queue_t *queue);
-// returns: the number of queued pointers at this moment.
+// returns: the number of queued pointers at this moment
+// thread: any
 uint32_t queue_length(queue_t *queue);
 
 #pragma GCC visibility pop

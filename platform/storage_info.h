@@ -20,19 +20,19 @@ typedef struct df_record_t {
 } df_record_t;
 
 // Opens the storage information.
-// returns: the handle, or null on failure.
-// owns: the caller, until dfclose.
+// returns: the handle, or null on failure
+// owns: the caller, until dfclose
 df_handle_t *dfopen(void);
 
 // Queries one storage anew.
-// in: storage is DF_BUILT_IN or DF_REMOVABLE.
+// in: storage: DF_BUILT_IN or DF_REMOVABLE
 // returns: its record, valid until the next call with this handle, or null when the storage is
-// missing or cannot be queried.
+//          missing or cannot be queried
 const df_record_t *dfget(df_handle_t *handle, int storage);
 
 // Releases the handle.
-// in: handle may be null.
-// returns: 0.
+// in: handle: may be null
+// returns: 0
 int dfclose(df_handle_t *handle);
 
 #pragma GCC visibility pop

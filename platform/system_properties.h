@@ -10,9 +10,9 @@ extern "C" {
 #define PROPERTY_VALUE_MAX 92 // with the terminator
 
 // Copies the value of a property, or the default value when it is not set.
-// in: default_value may be null: the empty text.
-// out: value has PROPERTY_VALUE_MAX bytes.
-// returns: the length of the copied text.
+// in: default_value: null means the empty text
+// out: value: PROPERTY_VALUE_MAX bytes
+// returns: the length of the copied text
 int property_get(const char *key, char *value, const char *default_value);
 
 #pragma GCC visibility pop

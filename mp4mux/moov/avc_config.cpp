@@ -73,15 +73,15 @@ static parameter_sets find_parameter_sets(byte_span data)
     return found;
 }
 
-int32_t isom_write_avcc(mp4_mux_t *mux, const uint8_t *data, int32_t length)
+int32_t isom_write_avcc(mp4_mux_t *mux, const uint8_t *data, int32_t data_bytes)
 {
     mp4_mux_bs_t *bs = mux->m_pBs;
-    if (length < kMinConfigBytes) {
+    if (data_bytes < kMinConfigBytes) {
         return 0;
     }
-    const byte_span bytes = {data, static_cast<size_t>(length)};
+    const byte_span bytes = {data, static_cast<size_t>(data_bytes)};
     if (find_start_code(bytes.first(4), 0) != 0) {
-        (void)mp4_mux_bs_write_bytes(bs, data, length); // a record already
+        (void)mp4_mux_bs_write_bytes(bs, data, data_bytes); // a record already
         return 0;
     }
     const parameter_sets sets = find_parameter_sets(bytes);

@@ -12,6 +12,6 @@
 // exceed 1024 bytes is left out.
 // returns: 0; write failures are in the error record
 // source: ISO/IEC 14496-15, 5.2.4.1; ITU-T H.264, Annex B
-int32_t isom_write_avcc(mp4_mux_t *mux, const uint8_t *data, int32_t length);
+int32_t isom_write_avcc(mp4_mux_t *mux, const uint8_t *data, int32_t data_bytes);
 
 #endif // MP4MUX_MOOV_AVC_CONFIG_H

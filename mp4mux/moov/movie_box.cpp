@@ -53,7 +53,7 @@ static void write_track_times(mp4_mux_bs_t *bs, const mp4_mux_track_t *p_track, 
     }
 }
 
-// ISO/IEC 14496-12, 8.3.2.
+// source: ISO/IEC 14496-12, 8.3.2
 static void write_tkhd_box(mp4_mux_bs_t *bs, const mp4_mux_track_t *p_track)
 {
     const int64_t dur_ticks = duration_ticks(p_track->m_uiLastTimeStamp, kMovieTimeScale);

@@ -6,7 +6,8 @@
 #include "mp4mux/moov/avc_config.h"
 #include "mp4mux/sample_entry_codes.h"
 
-// ISO/IEC 14496-1, table 1: class tags, and 7.2.6.6: streamType with upStream 0 and reserved 1.
+// Class tags, and streamType with upStream 0 and reserved 1.
+// source: ISO/IEC 14496-1, Table 1 and 7.2.6.6
 enum {
     kTagEsDescriptor = 3,
     kTagDecoderConfig = 4,
@@ -35,7 +36,8 @@ static int32_t write_glbl_box(mp4_mux_t *mux, const mp4_mux_track_t *p_track)
     return static_cast<int32_t>(box_bytes);
 }
 
-// ISO/IEC 14496-1, 8.3.3: groups of 7 bits, the highest first, bit 7 set on all but the last.
+// Groups of 7 bits, the highest first, bit 7 set on all but the last.
+// source: ISO/IEC 14496-1, 8.3.3
 static void write_descriptor_size(mp4_mux_bs_t *bs, uint32_t payload)
 {
     for (uint32_t groups = descriptor_size_bytes(payload); groups > 1; groups--) {
@@ -44,7 +46,7 @@ static void write_descriptor_size(mp4_mux_bs_t *bs, uint32_t payload)
     mp4_mux_bs_write_be8(bs, payload & 0x7F);
 }
 
-// ISO/IEC 14496-14, 5.6.1; ISO/IEC 14496-1, 7.2.6.
+// source: ISO/IEC 14496-14, 5.6.1; ISO/IEC 14496-1, 7.2.6
 static int32_t write_esds_box(mp4_mux_t *mux, const mp4_mux_track_t *p_track)
 {
     mp4_mux_bs_t *bs = mux->m_pBs;
@@ -154,8 +156,9 @@ int32_t write_video_box(mp4_mux_t *mux, mp4_mux_track_t *p_track)
     return update_size(bs, start);
 }
 
-// ETSI TS 102 366, Annex F.4: the fields of the bit stream information at the start of a sync
-// frame. Fields that depend on acmod precede lfeon.
+// Packs the fields of the bit stream information at the start of a sync frame. Fields that depend
+// on acmod precede lfeon.
+// source: ETSI TS 102 366, Annex F.4
 static uint32_t ac3_specific_bits(const uint8_t *frame)
 {
     const uint32_t fscod = frame[4] >> 6;

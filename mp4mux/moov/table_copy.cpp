@@ -32,10 +32,10 @@ static bool overlaps(const uint8_t *a, const uint8_t *b, uint32_t bytes)
     return (from_a < from_b ? from_b - from_a : from_a - from_b) < bytes;
 }
 
-int32_t reset_write_cache2(mp4_mux_bs_t *bs, uint8_t *buffer, int32_t size)
+int32_t reset_write_cache2(mp4_mux_bs_t *bs, uint8_t *buffer, int32_t buffer_bytes)
 {
     // Pending bytes that overlap their new place cannot be copied there.
-    if (bs->m_uiFill >= static_cast<uint32_t>(size) ||
+    if (bs->m_uiFill >= static_cast<uint32_t>(buffer_bytes) ||
         (buffer != bs->m_pbyCache && overlaps(buffer, bs->m_pbyCache, bs->m_uiFill))) {
         assert(bs->m_hFile != nullptr);
         const int32_t flushed = mp4_mux_bs_write_flush(bs);
@@ -47,10 +47,10 @@ int32_t reset_write_cache2(mp4_mux_bs_t *bs, uint8_t *buffer, int32_t size)
         bs->m_pstMux->m_stMem.m_pfnMemcpy(buffer, bs->m_pbyCache, bs->m_uiFill);
     }
     bs->m_pbyCache = buffer;
-    bs->m_iCacheSize = size;
+    bs->m_iCacheSize = buffer_bytes;
     if (bs->m_pbyBase != nullptr) {
         bs->m_pbyBase = buffer;
-        bs->m_pbyEnd = buffer + size;
+        bs->m_pbyEnd = buffer + buffer_bytes;
     }
     return 0;
 }
@@ -145,18 +145,18 @@ int32_t calc_stxx_cache(mp4_mux_t *mux, mp4_mux_bs_t *scratch, int32_t work_byte
     return result < 0 ? tag_failure(mux->m_pBs->m_pstError, "<calc_stxx_cache", result) : 0;
 }
 
-static int32_t copy_from_cache(mp4_mux_bs_t *out, const mp4_mux_bs_t *scratch, int64_t length)
+static int32_t copy_from_cache(mp4_mux_bs_t *out, const mp4_mux_bs_t *scratch, int64_t table_bytes)
 {
-    if (length > scratch->m_uiValid) {
+    if (table_bytes > scratch->m_uiValid) {
         return fail(out->m_pstError, MUX_ERR_EOF, "the end of the table");
     }
-    return mp4_mux_bs_write_bytes(out, scratch->m_pbyCache, static_cast<int32_t>(length));
+    return mp4_mux_bs_write_bytes(out, scratch->m_pbyCache, static_cast<int32_t>(table_bytes));
 }
 
 // A table larger than its cache is read straight into the output's, which saves a copy.
-static int32_t copy_large_file(mp4_mux_bs_t *out, mp4_mux_bs_t *scratch, int64_t length)
+static int32_t copy_large_file(mp4_mux_bs_t *out, mp4_mux_bs_t *scratch, int64_t table_bytes)
 {
-    for (int64_t left_bytes = length; left_bytes > 0;) {
+    for (int64_t left_bytes = table_bytes; left_bytes > 0;) {
         uint8_t *space = nullptr;
         const int32_t wanted_bytes = static_cast<int32_t>(std::min<int64_t>(left_bytes, INT32_MAX));
         const int32_t room_bytes = bs_lend_space(out, wanted_bytes, &space);
@@ -174,20 +174,21 @@ static int32_t copy_large_file(mp4_mux_bs_t *out, mp4_mux_bs_t *scratch, int64_t
     return 0;
 }
 
-static int32_t copy_from_file(mp4_mux_bs_t *out, mp4_mux_bs_t *scratch, int64_t length,
+static int32_t copy_from_file(mp4_mux_bs_t *out, mp4_mux_bs_t *scratch, int64_t table_bytes,
                               const char *name)
 {
-    if (length > scratch->m_iCacheSize) {
-        return copy_large_file(out, scratch, length);
+    if (table_bytes > scratch->m_iCacheSize) {
+        return copy_large_file(out, scratch, table_bytes);
     }
     int32_t result = 0;
-    for (int64_t left = length; left > 0 && result >= 0; left -= result) {
+    for (int64_t left_bytes = table_bytes; left_bytes > 0 && result >= 0; left_bytes -= result) {
         const uint8_t *bytes = nullptr;
-        const int32_t got_bytes = bs_borrow_bytes(scratch, static_cast<int32_t>(left), &bytes);
+        const int32_t got_bytes =
+            bs_borrow_bytes(scratch, static_cast<int32_t>(left_bytes), &bytes);
         if (got_bytes < 0) {
             return got_bytes;
         }
-        if (got_bytes == length) { // the whole table: free its storage before the output grows
+        if (got_bytes == table_bytes) { // the whole table: free its storage before the output grows
             result = close_scratch(scratch, name);
         }
         if (result >= 0) {
@@ -198,10 +199,12 @@ static int32_t copy_from_file(mp4_mux_bs_t *out, mp4_mux_bs_t *scratch, int64_t 
     return result;
 }
 
-int32_t bs_direct_copy(mp4_mux_bs_t *out, mp4_mux_bs_t *scratch, int64_t length, const char *name)
+int32_t bs_direct_copy(mp4_mux_bs_t *out, mp4_mux_bs_t *scratch, int64_t table_bytes,
+                       const char *name)
 {
-    const int32_t result = scratch->m_hFile == nullptr ? copy_from_cache(out, scratch, length)
-                                                       : copy_from_file(out, scratch, length, name);
+    const int32_t result = scratch->m_hFile == nullptr
+                               ? copy_from_cache(out, scratch, table_bytes)
+                               : copy_from_file(out, scratch, table_bytes, name);
     return result < 0 ? tag_failure(out->m_pstError, "<bs_direct_copy", result) : 0;
 }
 
@@ -219,18 +222,18 @@ static int32_t prepare_files(mp4_mux_bs_t *out, mp4_mux_bs_t *scratch)
 }
 
 // Extends the table box before the appended one up to it, and seeks to the end of the latter.
-static int32_t absorb_gap(mp4_mux_t *mux, int64_t length)
+static int32_t absorb_gap(mp4_mux_t *mux, int64_t box_bytes)
 {
     mp4_mux_bs_t *out = mux->m_pBs;
     if (mp4_mux_bs_write_fseek_reset(out, mux->m_llPendingPos) != 0) {
         return MUX_ERR_SEEK;
     }
     mp4_mux_bs_write_be32(out, mux->m_uiPendingSize); // unsigned int(32) size;
-    const int64_t end = mux->m_llPendingPos + mux->m_uiPendingSize + length;
+    const int64_t end = mux->m_llPendingPos + mux->m_uiPendingSize + box_bytes;
     return mp4_mux_bs_write_fseek_reset(out, end) == 0 ? 0 : MUX_ERR_SEEK;
 }
 
-static int32_t append_scratch_file(mp4_mux_t *mux, mp4_mux_bs_t *scratch, int64_t length,
+static int32_t append_scratch_file(mp4_mux_t *mux, mp4_mux_bs_t *scratch, int64_t box_bytes,
                                    const char *name)
 {
     mp4_mux_bs_t *out = mux->m_pBs;
@@ -239,33 +242,33 @@ static int32_t append_scratch_file(mp4_mux_t *mux, mp4_mux_bs_t *scratch, int64_
         return tag_failure(out->m_pstError, "<append_file", prepared);
     }
     out->m_bSeekDue = 1; // the callback moves the file
-    const int32_t gap = mux->m_pfnAppendFile(out->m_hFile, scratch->m_hFile, 0);
-    if (gap < 0) {
+    const int32_t gap_bytes = mux->m_pfnAppendFile(out->m_hFile, scratch->m_hFile, 0);
+    if (gap_bytes < 0) {
         return fail(out->m_pstError, MUX_ERR_APPEND, "");
     }
     scratch->m_hFile = nullptr; // closed by the callback
     if (mux->m_stFile.m_pfnRemove != nullptr) {
         mux->m_stFile.m_pfnRemove(name);
     }
-    mux->m_uiPendingSize += static_cast<uint32_t>(gap);
-    const int32_t absorbed = absorb_gap(mux, length);
+    mux->m_uiPendingSize += static_cast<uint32_t>(gap_bytes);
+    const int32_t absorbed = absorb_gap(mux, box_bytes);
     return absorbed < 0 ? tag_failure(out->m_pstError, "<append_file", absorbed) : 0;
 }
 
-int32_t append_file(mp4_mux_t *mux, mp4_mux_bs_t *scratch, int64_t length, const char *name)
+int32_t append_file(mp4_mux_t *mux, mp4_mux_bs_t *scratch, int64_t box_bytes, const char *name)
 {
     if (scratch->m_hFile != nullptr) {
-        const int32_t result = append_scratch_file(mux, scratch, length, name);
+        const int32_t result = append_scratch_file(mux, scratch, box_bytes, name);
         if (result < 0) {
             return result;
         }
     } else {
-        const int32_t result = copy_from_cache(mux->m_pBs, scratch, length);
+        const int32_t result = copy_from_cache(mux->m_pBs, scratch, box_bytes);
         if (result < 0) {
             return tag_failure(mux->m_pBs->m_pstError, "<append_file", result);
         }
     }
     mux->m_llPendingPos += mux->m_uiPendingSize;
-    mux->m_uiPendingSize = static_cast<uint32_t>(length);
+    mux->m_uiPendingSize = static_cast<uint32_t>(box_bytes);
     return 0;
 }

@@ -14,10 +14,10 @@
 // returns: 0 or MUX_ERR_CLOSE
 [[nodiscard]] int32_t close_scratch(mp4_mux_bs_t *scratch, const char *name);
 
-// Moves a bitstream's cache, with the bytes not yet written, to a buffer of size bytes; flushes
-// first if they would not fit.
+// Moves a bitstream's cache, with the bytes not yet written, to a buffer; flushes first if they
+// would not fit.
 // returns: 0 or the flush's error, tag "<reset_write_cache2"
-[[nodiscard]] int32_t reset_write_cache2(mp4_mux_bs_t *bs, uint8_t *buffer, int32_t size);
+[[nodiscard]] int32_t reset_write_cache2(mp4_mux_bs_t *bs, uint8_t *buffer, int32_t buffer_bytes);
 
 // Sizes a scratch table and shares the memory between the output's cache and the table's. A table
 // without a file will be read from the start of its cache; with an append callback a table with a
@@ -26,19 +26,19 @@
 // returns: 0 or a negative code; tag "<calc_stxx_cache"
 [[nodiscard]] int32_t calc_stxx_cache(mp4_mux_t *mux, mp4_mux_bs_t *scratch, int32_t work_bytes);
 
-// Copies the first length bytes of a scratch table to the output. A scratch file that fits its
+// Copies the first table_bytes of a scratch table to the output. A scratch file that fits its
 // cache is closed and removed (name not null) before they are written; a larger one is read
 // straight into the output's cache.
 // returns: 0 or a negative code; tag "<bs_direct_copy"
-[[nodiscard]] int32_t bs_direct_copy(mp4_mux_bs_t *out, mp4_mux_bs_t *scratch, int64_t length,
+[[nodiscard]] int32_t bs_direct_copy(mp4_mux_bs_t *out, mp4_mux_bs_t *scratch, int64_t table_bytes,
                                      const char *name);
 
 // Puts a scratch table that begins with its box header into the output: a file through the append
 // callback, a table without one by copying. If the appended data leaves a gap after the box before
 // it, that box is extended over the gap.
-// in: length: bytes of the box
+// in: box_bytes: size of the box
 // returns: 0 or a negative code; tag "<append_file"; MUX_ERR_APPEND without a message or a tag
-[[nodiscard]] int32_t append_file(mp4_mux_t *mux, mp4_mux_bs_t *scratch, int64_t length,
+[[nodiscard]] int32_t append_file(mp4_mux_t *mux, mp4_mux_bs_t *scratch, int64_t box_bytes,
                                   const char *name);
 
 #endif // MP4MUX_MOOV_TABLE_COPY_H

@@ -22,7 +22,7 @@ static bool port_command_waits(const omx_base_sink_PrivateType *sink, OMX_COMMAN
            omx_base_command_waits(sink, command, OMX_ALL);
 }
 
-// returns: whether the port may get a buffer now; a queued command counts as carried out.
+// returns: whether the port may get a buffer now; a queued command counts as carried out
 static bool may_add_buffer(const omx_base_sink_PrivateType *sink,
                            const omx_base_port_PrivateType *port)
 {
@@ -146,7 +146,7 @@ OMX_ERRORTYPE omx_base_component_AllocateBuffer(OMX_HANDLETYPE handle,
     return add_buffer(handle, header, port_index, app_private, size_bytes, nullptr);
 }
 
-// returns: whether the port is in use and no queued command lets it lose a buffer.
+// returns: whether the port is in use and no queued command lets it lose a buffer
 static bool needs_its_buffers(const omx_base_sink_PrivateType *sink,
                               const omx_base_port_PrivateType *port)
 {
@@ -337,7 +337,8 @@ uint32_t omx_base_collect_held(omx_base_sink_PrivateType *sink, omx_base_port_Pr
     std::array<bool, QUEUE_CAPACITY> queued = {};
     uint32_t count = 0;
     pthread_mutex_lock(&sink->pInternal->lock);
-    while (void *element = queue_take(port->pBufferQueue)) {
+    for (void *element = queue_take(port->pBufferQueue); element != nullptr;
+         element = queue_take(port->pBufferQueue)) {
         OMX_BUFFERHEADERTYPE *header = static_cast<OMX_BUFFERHEADERTYPE *>(element);
         queued[static_cast<size_t>(find_buffer(port, header) - internal->buffers.data())] = true;
         (*collected)[count++] = header;

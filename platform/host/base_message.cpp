@@ -82,7 +82,7 @@ OMX_ERRORTYPE omx_base_component_SendCommand(OMX_HANDLETYPE handle, OMX_COMMANDT
 }
 
 // Carries out the oldest command.
-// thread: the message thread; the lock is held on entry and on return.
+// thread: the message thread; the lock is held on entry and on return
 static void carry_out_command(omx_base_sink_PrivateType *sink)
 {
     omx_base_sink_internal_t *internal = sink->pInternal;

@@ -3,6 +3,8 @@
 
 #include <cstring>
 
+namespace {
+
 // The first fields of every port parameter's record.
 struct port_head_t {
     OMX_U32 nSize;
@@ -10,8 +12,10 @@ struct port_head_t {
     OMX_U32 nPortIndex;
 };
 
+} // namespace
+
 // Finds the domain of an index.
-// returns: false for an index that names no domain.
+// returns: false for an index that names no domain
 static bool find_domain(OMX_INDEXTYPE index, OMX_PORTDOMAINTYPE *domain)
 {
     switch (index) {
@@ -45,7 +49,7 @@ static OMX_ERRORTYPE get_domain(const omx_base_sink_PrivateType *sink, OMX_PORTD
     return OMX_ErrorNone;
 }
 
-// returns: the size of a port parameter's record, or 0 for another index.
+// returns: the size of a port parameter's record, or 0 for another index
 static size_t port_parameter_size(OMX_INDEXTYPE index)
 {
     switch (index) {
@@ -70,17 +74,18 @@ static bool index_fits_domain(OMX_INDEXTYPE index, OMX_PORTDOMAINTYPE domain)
     return index == OMX_IndexParamPortDefinition || domain == OMX_PortDomainAudio;
 }
 
-// Finds the port that a record names. returns an error when the record or the index is wrong.
+// Finds the port that a record names.
+// returns: OMX_ErrorNone, or an error when the record or the index is wrong
 static OMX_ERRORTYPE find_port(const omx_base_sink_PrivateType *sink, OMX_INDEXTYPE index,
                                const void *parameter, omx_base_port_PrivateType **port)
 {
-    const size_t size = port_parameter_size(index);
-    if (size == 0) {
+    const size_t record_bytes = port_parameter_size(index);
+    if (record_bytes == 0) {
         return OMX_ErrorUnsupportedIndex;
     }
     port_head_t head;
     memcpy(&head, parameter, sizeof(head));
-    const OMX_ERRORTYPE error = omx_base_check_head(head.nSize, head.nVersion, size);
+    const OMX_ERRORTYPE error = omx_base_check_head(head.nSize, head.nVersion, record_bytes);
     if (error != OMX_ErrorNone) {
         return error;
     }
@@ -90,12 +95,16 @@ static OMX_ERRORTYPE find_port(const omx_base_sink_PrivateType *sink, OMX_INDEXT
                : OMX_ErrorBadPortIndex;
 }
 
+namespace {
+
 // The port that a parameter belongs to, or the domain when port is null.
 struct parameter_target_t {
     omx_base_sink_PrivateType *sink;
     omx_base_port_PrivateType *port;
     OMX_PORTDOMAINTYPE domain;
 };
+
+} // namespace
 
 static OMX_ERRORTYPE find_target(OMX_HANDLETYPE component, OMX_INDEXTYPE index,
                                  const void *parameter, parameter_target_t *target)

@@ -220,7 +220,7 @@ static void fill_function_table(OMX_COMPONENTTYPE *component)
 }
 
 // Allocates the internal record and initialises its lock.
-// returns: the record, or null when there is no memory.
+// returns: the record, or null when there is no memory
 static omx_base_sink_internal_t *create_internal(const char *name)
 {
     omx_base_sink_internal_t *internal =

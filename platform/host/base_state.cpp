@@ -1,5 +1,5 @@
 // The state machine and the port commands.
-// thread: the message thread.
+// thread: the message thread
 #include "platform/host/omx_base_internal.h"
 
 #include <utility>
@@ -33,7 +33,7 @@ static void send_complete(omx_base_sink_PrivateType *sink, OMX_COMMANDTYPE comma
 
 // Sets the state that a pending transition leads to, if it is complete. One lock covers check and
 // change, so that no buffer is added or freed between them.
-// returns: whether it was complete.
+// returns: whether it was complete
 static bool end_transition(omx_base_sink_PrivateType *sink, omx_base_transient_t transient,
                            OMX_STATETYPE target)
 {
@@ -77,8 +77,8 @@ static void complete_loaded(omx_base_sink_PrivateType *sink)
 }
 
 // Ends the pending change of one port if it is complete.
-// out: the command that asked for the change.
-// returns: how many such commands to answer.
+// out: *command: the command that asked for the change
+// returns: how many such commands to answer
 static uint32_t end_port_change(omx_base_sink_PrivateType *sink, omx_base_port_PrivateType *port,
                                 OMX_COMMANDTYPE *command)
 {

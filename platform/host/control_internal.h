@@ -5,7 +5,7 @@
 #include "platform/host/host_control.h"
 
 // Counts one call.
-// returns: whether it has to fail.
+// returns: whether it must fail
 [[nodiscard]] bool host_call_fails(host_call_t call);
 
 // Reset each unit's settings to their defaults.

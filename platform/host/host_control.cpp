@@ -3,11 +3,15 @@
 #include <array>
 #include <pthread.h>
 
+namespace {
+
 struct call_record_t {
     uint64_t calls;
     uint32_t passes_left;
     uint32_t failures_left; // after the passes; UINT32_MAX: all
 };
+
+} // namespace
 
 static pthread_mutex_t lock_calls = PTHREAD_MUTEX_INITIALIZER;
 static std::array<call_record_t, kHostCallCount> call_records; // under lock_calls

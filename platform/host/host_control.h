@@ -29,19 +29,19 @@ enum host_call_t : uint32_t {
 void host_reset(void);
 
 // Sets a system property.
-// in: key of at most 31 characters (a longer one is ignored), value of at most 91 (the rest is
-// cut); a null value unsets the property.
+// in: key: at most 31 characters; a longer one is ignored
+// in: value: at most 91 characters, the rest is cut; null unsets the property
 void host_set_property(const char *key, const char *value);
 
 // Lets the next `passes` calls succeed and the following `failures` calls fail (UINT32_MAX: all).
 void host_fail_call(host_call_t call, uint32_t passes, uint32_t failures);
 
-// returns: the calls since the last reset, failed ones included.
+// returns: the calls since the last reset, failed ones included
 uint64_t host_call_count(host_call_t call);
 
-// returns: the allocations of QVR_malloc and QVR_calloc that QVR_free has not released.
+// returns: the allocations of QVR_malloc and QVR_calloc that QVR_free has not released
 int64_t host_live_allocations(void);
-// returns: the storage handles that dfclose has not closed.
+// returns: the storage handles that dfclose has not closed
 int64_t host_live_storage_handles(void);
 
 // Makes dfget report these figures for a storage instead of those of the file system.
@@ -51,7 +51,7 @@ void host_set_storage(int storage, unsigned long total_kib, unsigned long free_k
 void host_set_log_level(int priority);
 
 // Receives every log line that passes the level.
-// thread: any that logs, with the log's lock held.
+// thread: any that logs, with the log's lock held
 using host_log_sink_t = void (*)(void *context, int priority, const char *tag, const char *text);
 // Sends the log to a sink instead of standard error; null restores that.
 void host_set_log_sink(host_log_sink_t sink, void *context);

@@ -12,10 +12,10 @@
 
 #include <array>
 
-constexpr uint32_t kMessageCapacity = 64; // commands that can wait
-constexpr uint32_t kMarkCapacity = 16;    // marks that can wait on one port
-constexpr OMX_U32 kBufferCount = 4;       // of a new port
-constexpr OMX_U32 kBufferCountMin = 1;
+inline constexpr uint32_t kMessageCapacity = 64; // commands that can wait
+inline constexpr uint32_t kMarkCapacity = 16;    // marks that can wait on one port
+inline constexpr OMX_U32 kBufferCount = 4;       // of a new port
+inline constexpr OMX_U32 kBufferCountMin = 1;
 
 // A command for the message thread, with a copy of the mark that it may point to.
 struct omx_base_slot_t {
@@ -33,7 +33,7 @@ struct omx_base_sink_internal_t {
     uint32_t first_slot;
     uint32_t slot_count;
     bool ports_changed;      // a transition may be complete, or a port has lost a buffer
-    bool quit;               // the message thread has to end
+    bool quit;               // the message thread must end
     bool buffer_thread_runs; // its body has not returned
     // Not under the lock: the message thread's, then the destructor's, which has joined it.
     bool buffer_thread_joinable;
@@ -74,16 +74,16 @@ struct omx_base_port_internal_t {
 
 // Find the sink of a handle.
 // returns: OMX_ErrorNone, OMX_ErrorBadParameter for a null handle, or OMX_ErrorInvalidComponent
-// when the sink is not constructed; the second function also OMX_ErrorInvalidState.
+//          when the sink is not constructed; the second function also OMX_ErrorInvalidState
 [[nodiscard]] OMX_ERRORTYPE omx_base_find_sink(OMX_HANDLETYPE handle,
                                                omx_base_sink_PrivateType **sink);
 [[nodiscard]] OMX_ERRORTYPE omx_base_find_valid_sink(OMX_HANDLETYPE handle,
                                                      omx_base_sink_PrivateType **sink);
 
-// returns: the number of ports in the domain tables.
+// returns: the number of ports in the domain tables
 [[nodiscard]] OMX_U32 omx_base_port_count(const omx_base_sink_PrivateType *sink);
 
-// returns: the port with this index, or null.
+// returns: the port with this index, or null
 [[nodiscard]] omx_base_port_PrivateType *omx_base_port(const omx_base_sink_PrivateType *sink,
                                                        OMX_U32 port_index);
 
@@ -103,57 +103,57 @@ void omx_base_for_ports(const omx_base_sink_PrivateType *sink, OMX_U32 port_inde
 // Releases everything that a port constructor made, but not the record itself.
 void omx_base_release_port(omx_base_port_PrivateType *port);
 
-// returns: whether the component has its resources: its state is Idle, Executing or Pause.
+// returns: whether the component has its resources: its state is Idle, Executing or Pause
 [[nodiscard]] bool omx_base_has_resources(const omx_base_sink_PrivateType *sink);
 
-// thread: any, under the lock.
+// thread: any, under the lock
 void omx_base_set_state(omx_base_sink_PrivateType *sink, OMX_STATETYPE state,
                         omx_base_transient_t transient_state);
 
 // Calls the client's EventHandler.
-// thread: any, without any lock.
+// thread: any, without any lock
 void omx_base_send_event(omx_base_sink_PrivateType *sink, OMX_EVENTTYPE event, OMX_U32 data1,
                          OMX_U32 data2);
 
 // Starts the message thread.
-// returns: 0, or an errno value.
+// returns: 0, or an errno value
 [[nodiscard]] int omx_base_start_message_thread(omx_base_sink_PrivateType *sink);
 // Ends and joins the message thread; queued commands get no answer.
 void omx_base_join_message_thread(omx_base_sink_PrivateType *sink);
 // Makes the message thread call omx_base_complete_changes.
-// thread: any, under the lock.
+// thread: any, under the lock
 void omx_base_notify_message_thread(omx_base_sink_PrivateType *sink);
-// returns: whether this command is queued or being carried out.
-// thread: any, under the lock.
+// returns: whether this command is queued or being carried out
+// thread: any, under the lock
 [[nodiscard]] bool omx_base_command_waits(const omx_base_sink_PrivateType *sink,
                                           OMX_COMMANDTYPE command, OMX_U32 param);
 
 // Starts the buffer thread, if the component has a body for it.
-// returns: 0, or an errno value.
+// returns: 0, or an errno value
 [[nodiscard]] int omx_base_start_buffer_thread(omx_base_sink_PrivateType *sink);
 // Wakes and joins the buffer thread, which leaves because the state has changed.
 void omx_base_join_buffer_thread(omx_base_sink_PrivateType *sink);
 // Returns every buffer that the component holds on a port (OMX_ALL: on every port) to the client.
-// thread: the message thread.
+// thread: the message thread
 void omx_base_flush(omx_base_sink_PrivateType *sink, OMX_U32 port_index);
 
 // Ends the state transition and the port commands that are complete, and reports ports that lost a
 // buffer.
-// thread: the message thread.
+// thread: the message thread
 void omx_base_complete_changes(omx_base_sink_PrivateType *sink);
 
-// returns: whether each enabled port has all its buffers.
-// thread: any, under the lock.
+// returns: whether each enabled port has all its buffers
+// thread: any, under the lock
 [[nodiscard]] bool omx_base_ports_populated(const omx_base_sink_PrivateType *sink);
-// returns: whether no port has a buffer.
-// thread: any, under the lock.
+// returns: whether no port has a buffer
+// thread: any, under the lock
 [[nodiscard]] bool omx_base_ports_empty(const omx_base_sink_PrivateType *sink);
 
 // Clears is_held and calls EmptyBufferDone; every port's pfnReturnBuffer.
 OMX_ERRORTYPE omx_base_return_buffer(omx_base_port_PrivateType *port, OMX_BUFFERHEADERTYPE *header);
 // Collects the buffers in the queue of a port, oldest first, and empties it; with `all` also the
 // held buffers that are in no queue.
-// returns: their number.
+// returns: their number
 [[nodiscard]] uint32_t
 omx_base_collect_held(omx_base_sink_PrivateType *sink, omx_base_port_PrivateType *port, bool all,
                       std::array<OMX_BUFFERHEADERTYPE *, QUEUE_CAPACITY> *collected);
@@ -175,7 +175,7 @@ OMX_ERRORTYPE omx_base_component_EmptyThisBuffer(OMX_HANDLETYPE handle,
                                                  OMX_BUFFERHEADERTYPE *header);
 
 // Checks the size and version that every record of the standard begins with.
-// returns: OMX_ErrorNone, OMX_ErrorBadParameter, or OMX_ErrorVersionMismatch.
+// returns: OMX_ErrorNone, OMX_ErrorBadParameter, or OMX_ErrorVersionMismatch
 [[nodiscard]] inline OMX_ERRORTYPE omx_base_check_head(OMX_U32 size_bytes, OMX_VERSIONTYPE version,
                                                        size_t expected_bytes)
 {

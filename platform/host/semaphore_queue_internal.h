@@ -5,7 +5,7 @@
 #include "platform/semaphore_queue.h"
 
 // Sets the count to 0.
-// thread: none may be waiting.
+// in: tsem: no thread waits for it
 void tsem_reset(tsem_t *tsem);
 
 // As dequeue, but the controls cannot make it fail.

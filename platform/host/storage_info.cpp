@@ -15,11 +15,15 @@ struct df_handle_t {
     std::array<df_record_t, kStorageCount> records;
 };
 
+namespace {
+
 struct storage_figures_t {
     bool is_set;
     unsigned long total_kib;
     unsigned long free_kib;
 };
+
+} // namespace
 
 static constexpr std::array<df_record_t, kStorageCount> kStorages = {{
     {.pszFileSystem = "sdcard", .pszMountPoint = "/mnt/sdcard"},

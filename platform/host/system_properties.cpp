@@ -10,16 +10,20 @@
 static constexpr size_t kPropertyKeyMax = 32; // with the terminator
 static constexpr size_t kPropertyCount = 64;
 
+namespace {
+
 struct property_t {
     char key[kPropertyKeyMax]; // empty: a free entry
     char value[PROPERTY_VALUE_MAX];
 };
 
+} // namespace
+
 static pthread_mutex_t lock_properties = PTHREAD_MUTEX_INITIALIZER;
 static std::array<property_t, kPropertyCount> properties; // under lock_properties
 
 // Finds the entry of a key; the empty key finds a free entry.
-// returns: the entry, or null.
+// returns: the entry, or null
 static property_t *find_property(const char *key)
 {
     for (property_t &property : properties) {
