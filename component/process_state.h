@@ -32,8 +32,6 @@ extern uint8_t global_uc_stop_type;            // atomic: tdmbrec_stop_reason_t
 // Audio ring: word i is the time (ms) of entry i, word kAudioPtsEntries + i its PCM bytes.
 // thread: the recording's buffer thread
 extern uint32_t global_ui_AUDIO_PTS[2 * kAudioPtsEntries];
-// The component whose recording is being prepared, running or being closed; null when none is.
-extern omx_tdmbrec_component_PrivateType *global_recording_owner; // atomic
 
 enum claim_result_t {
     kClaimGranted,

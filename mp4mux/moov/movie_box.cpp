@@ -53,9 +53,9 @@ static void write_track_times(mp4_mux_bs_t *bs, const mp4_mux_track_t *p_track, 
     }
 }
 
-// source: ISO/IEC 14496-12, 8.3.2
-static void write_tkhd_box(mp4_mux_bs_t *bs, const mp4_mux_track_t *p_track)
+void write_tkhd_box(mp4_mux_t *mux, mp4_mux_track_t *p_track)
 {
+    mp4_mux_bs_t *bs = mux->m_pBs;
     const int64_t dur_ticks = duration_ticks(p_track->m_uiLastTimeStamp, kMovieTimeScale);
     const bool is_long = dur_ticks > kMaxShortDuration;
     const bool is_video = p_track->m_iType == MUX_TYPE_VIDEO;
@@ -143,7 +143,7 @@ static void write_trak_box(mp4_mux_t *mux, mp4_mux_track_t *p_track)
 {
     mp4_mux_bs_t *bs = mux->m_pBs;
     p_track->m_llTrakPos = begin_box(bs, "trak");
-    write_tkhd_box(bs, p_track);
+    write_tkhd_box(mux, p_track);
     (void)write_mdia_box(mux, p_track); // a failure is in the error record
     const uint32_t box_bytes = static_cast<uint32_t>(bs_position(bs) - p_track->m_llTrakPos);
     if (is_in_cache(bs, p_track->m_llTrakPos)) {

@@ -13,4 +13,8 @@
 // source: ISO/IEC 14496-12, 8.2
 [[nodiscard]] int64_t write_moov_box(mp4_mux_t *mux);
 
+// Writes the track header box; a failure is in the error record.
+// source: ISO/IEC 14496-12, 8.3.2
+void write_tkhd_box(mp4_mux_t *mux, mp4_mux_track_t *p_track);
+
 #endif // MP4MUX_MOOV_MOVIE_BOX_H

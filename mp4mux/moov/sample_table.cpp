@@ -69,7 +69,7 @@ struct table_box {
 
 } // namespace
 
-static int32_t write_records(mp4_mux_t *mux, const table_box &table)
+static int32_t write_records(mp4_mux_t *mux, mp4_mux_track_t *p_track, const table_box &table)
 {
     const int64_t records_bytes = int64_t{table.count} * table.record_bytes;
     const int64_t box_bytes = table.header_bytes + records_bytes;
@@ -85,18 +85,18 @@ static int32_t write_records(mp4_mux_t *mux, const table_box &table)
     mp4_mux_bs_write_be32(bs, table.count); // unsigned int(32) entry_count;
     if (mux->m_pfnAppendFile != nullptr) {
         return bs_position(bs) == records_start
-                   ? append_file(mux, table.scratch, box_bytes, table.name)
+                   ? append_file(mux, p_track, table.scratch, box_bytes, table.name)
                    : MUX_ERR_WRITE; // recorded where a byte was dropped
     }
     return bs_direct_copy(mux->m_pBs, table.scratch, records_bytes, table.name);
 }
 
 // Writes a table's box and closes its scratch file.
-static int32_t write_table(mp4_mux_t *mux, const table_box &table)
+static int32_t write_table(mp4_mux_t *mux, mp4_mux_track_t *p_track, const table_box &table)
 {
-    int32_t result = calc_stxx_cache(mux, table.scratch, work_bytes(mux));
+    int32_t result = calc_stxx_cache(mux, p_track, table.scratch, work_bytes(mux));
     if (result >= 0) {
-        result = write_records(mux, table);
+        result = write_records(mux, p_track, table);
     }
     return result < 0 ? tag_failure(&mux->m_stLastError, table.tag, result)
                       : close_scratch(table.scratch, table.name);
@@ -104,24 +104,26 @@ static int32_t write_table(mp4_mux_t *mux, const table_box &table)
 
 static int32_t write_stco_box(mp4_mux_t *mux, mp4_mux_track_t *p_track)
 {
-    return write_table(mux, {.type = mux->m_b32BitOffset != 0 ? "stco" : "co64",
-                             .scratch = &p_track->m_BsSTCO,
-                             .name = p_track->m_szSTCOName,
-                             .tag = "<write_stco_box",
-                             .header_bytes = kTableHeaderBytes,
-                             .count = p_track->m_uiSampleCount,
-                             .record_bytes = offset_record_bytes(mux)});
+    return write_table(mux, p_track,
+                       {.type = mux->m_b32BitOffset != 0 ? "stco" : "co64",
+                        .scratch = &p_track->m_BsSTCO,
+                        .name = p_track->m_szSTCOName,
+                        .tag = "<write_stco_box",
+                        .header_bytes = kTableHeaderBytes,
+                        .count = p_track->m_uiSampleCount,
+                        .record_bytes = offset_record_bytes(mux)});
 }
 
 static int32_t write_stsz_box(mp4_mux_t *mux, mp4_mux_track_t *p_track)
 {
-    return write_table(mux, {.type = "stsz",
-                             .scratch = &p_track->m_BsSTSZ,
-                             .name = p_track->m_szSTSZName,
-                             .tag = "<write_stsz_box",
-                             .header_bytes = kSizeTableHeaderBytes,
-                             .count = p_track->m_uiSampleCount,
-                             .record_bytes = kSizeRecordBytes});
+    return write_table(mux, p_track,
+                       {.type = "stsz",
+                        .scratch = &p_track->m_BsSTSZ,
+                        .name = p_track->m_szSTSZName,
+                        .tag = "<write_stsz_box",
+                        .header_bytes = kSizeTableHeaderBytes,
+                        .count = p_track->m_uiSampleCount,
+                        .record_bytes = kSizeRecordBytes});
 }
 
 // A track without key frames, or of key frames alone, has no such box.
@@ -131,24 +133,26 @@ static int32_t write_stss_box(mp4_mux_t *mux, mp4_mux_track_t *p_track)
     if (syncs == 0 || syncs >= p_track->m_uiSampleCount) {
         return 0;
     }
-    return write_table(mux, {.type = "stss",
-                             .scratch = &p_track->m_BsSTSS,
-                             .name = p_track->m_szSTSSName,
-                             .tag = "<write_stss_box",
-                             .header_bytes = kTableHeaderBytes,
-                             .count = syncs,
-                             .record_bytes = kSyncRecordBytes});
+    return write_table(mux, p_track,
+                       {.type = "stss",
+                        .scratch = &p_track->m_BsSTSS,
+                        .name = p_track->m_szSTSSName,
+                        .tag = "<write_stss_box",
+                        .header_bytes = kTableHeaderBytes,
+                        .count = syncs,
+                        .record_bytes = kSyncRecordBytes});
 }
 
 // The box of the runs of durations: (count, delta) pairs.
 static int32_t write_runs(mp4_mux_t *mux, mp4_mux_track_t *p_track)
 {
-    return write_records(mux, {.type = "stts",
-                               .scratch = &p_track->m_BsSTTSDts,
-                               .name = p_track->m_szSTTSDtsName,
-                               .header_bytes = kTableHeaderBytes,
-                               .count = static_cast<uint32_t>(p_track->m_iSttsEntryCount),
-                               .record_bytes = kRunRecordBytes});
+    return write_records(mux, p_track,
+                         {.type = "stts",
+                          .scratch = &p_track->m_BsSTTSDts,
+                          .name = p_track->m_szSTTSDtsName,
+                          .header_bytes = kTableHeaderBytes,
+                          .count = static_cast<uint32_t>(p_track->m_iSttsEntryCount),
+                          .record_bytes = kRunRecordBytes});
 }
 
 // The nearest whole number, kept within 32 bits.
@@ -180,7 +184,7 @@ static int32_t write_stts_box(mp4_mux_t *mux, mp4_mux_track_t *p_track)
 {
     int32_t result = 0;
     if (p_track->m_iType == MUX_TYPE_VIDEO) {
-        result = calc_stxx_cache(mux, &p_track->m_BsSTTSDts, work_bytes(mux));
+        result = calc_stxx_cache(mux, p_track, &p_track->m_BsSTTSDts, work_bytes(mux));
     }
     if (result >= 0 && p_track->m_iType == MUX_TYPE_VIDEO && p_track->m_iSttsEntryCount >= 2) {
         result = write_runs(mux, p_track);

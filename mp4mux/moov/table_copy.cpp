@@ -136,7 +136,8 @@ static int32_t share_memory(mp4_mux_t *mux, mp4_mux_bs_t *scratch, int32_t work_
                : share_close_memory(mux, scratch, need_bytes, work_bytes);
 }
 
-int32_t calc_stxx_cache(mp4_mux_t *mux, mp4_mux_bs_t *scratch, int32_t work_bytes)
+int32_t calc_stxx_cache(mp4_mux_t *mux, mp4_mux_track_t *, mp4_mux_bs_t *scratch,
+                        int32_t work_bytes)
 {
     if (scratch->m_hFile != nullptr && mux->m_pfnAppendFile != nullptr) {
         return 0;
@@ -255,7 +256,8 @@ static int32_t append_scratch_file(mp4_mux_t *mux, mp4_mux_bs_t *scratch, int64_
     return absorbed < 0 ? tag_failure(out->m_pstError, "<append_file", absorbed) : 0;
 }
 
-int32_t append_file(mp4_mux_t *mux, mp4_mux_bs_t *scratch, int64_t box_bytes, const char *name)
+int32_t append_file(mp4_mux_t *mux, mp4_mux_track_t *, mp4_mux_bs_t *scratch, int64_t box_bytes,
+                    const char *name)
 {
     if (scratch->m_hFile != nullptr) {
         const int32_t result = append_scratch_file(mux, scratch, box_bytes, name);

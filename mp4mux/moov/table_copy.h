@@ -22,9 +22,11 @@
 // Sizes a scratch table and shares the memory between the output's cache and the table's. A table
 // without a file will be read from the start of its cache; with an append callback a table with a
 // file is left alone.
+// in: p_track: unused
 // in: work_bytes: free bytes at the start of the cache block
 // returns: 0 or a negative code; tag "<calc_stxx_cache"
-[[nodiscard]] int32_t calc_stxx_cache(mp4_mux_t *mux, mp4_mux_bs_t *scratch, int32_t work_bytes);
+[[nodiscard]] int32_t calc_stxx_cache(mp4_mux_t *mux, mp4_mux_track_t *p_track,
+                                      mp4_mux_bs_t *scratch, int32_t work_bytes);
 
 // Copies the first table_bytes of a scratch table to the output. A scratch file that fits its
 // cache is closed and removed (name not null) before they are written; a larger one is read
@@ -36,9 +38,10 @@
 // Puts a scratch table that begins with its box header into the output: a file through the append
 // callback, a table without one by copying. If the appended data leaves a gap after the box before
 // it, that box is extended over the gap.
+// in: p_track: unused
 // in: box_bytes: size of the box
 // returns: 0 or a negative code; tag "<append_file"; MUX_ERR_APPEND without a message or a tag
-[[nodiscard]] int32_t append_file(mp4_mux_t *mux, mp4_mux_bs_t *scratch, int64_t box_bytes,
-                                  const char *name);
+[[nodiscard]] int32_t append_file(mp4_mux_t *mux, mp4_mux_track_t *p_track, mp4_mux_bs_t *scratch,
+                                  int64_t box_bytes, const char *name);
 
 #endif // MP4MUX_MOOV_TABLE_COPY_H

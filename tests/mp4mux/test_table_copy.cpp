@@ -98,7 +98,7 @@ class TableCopy : public MuxTest {
         } else {
             scratch.m_uiFill = static_cast<uint32_t>(slice.size());
         }
-        ASSERT_EQ(calc_stxx_cache(&mux, &scratch, c.work_bytes), 0);
+        ASSERT_EQ(calc_stxx_cache(&mux, nullptr, &scratch, c.work_bytes), 0);
         ASSERT_TRUE(is_inside(mux.m_Bs, block) || is_inside(mux.m_Bs, lent));
         ASSERT_TRUE(!t.has_file || is_inside(scratch, block) || is_inside(scratch, lent));
         ASSERT_TRUE(are_apart(mux.m_Bs, scratch));
