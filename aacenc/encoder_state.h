@@ -21,13 +21,6 @@ inline constexpr int32_t kMaxCodewords = kChannelBufferBytes / sizeof(uint32_t);
 inline constexpr uint8_t kOnlyLongSequence = 0; // window_sequence
 inline constexpr uint8_t kSineWindow = 0;       // window_shape
 
-// Codebooks with a meaning of their own.
-inline constexpr uint8_t kZeroBook = 0;
-inline constexpr uint8_t kEscapeBook = 11;
-inline constexpr uint8_t kNoiseBook = 13;
-inline constexpr uint8_t kIntensityBook2 = 14;
-inline constexpr uint8_t kIntensityBook = 15;
-
 // clang-format off
 
 struct AacEncConfig {

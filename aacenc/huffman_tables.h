@@ -6,6 +6,13 @@
 
 #include <cstdint>
 
+// Codebooks with a meaning of their own.
+inline constexpr uint8_t kZeroBook = 0;
+inline constexpr uint8_t kEscapeBook = 11;
+inline constexpr uint8_t kNoiseBook = 13;
+inline constexpr uint8_t kIntensityBook2 = 14;
+inline constexpr uint8_t kIntensityBook = 15;
+
 // signed quadruples, -1..1: ((a * 3 + b) * 3 + c) * 3 + d + 40
 extern const uint32_t huff1[81];
 extern const uint32_t huff2[81];

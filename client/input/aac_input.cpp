@@ -29,8 +29,8 @@ struct adts_header {
 
 static std::optional<adts_header> read_header(bytes data)
 {
-    if (data.size() < kAdtsBytes || data[0] != 0xFF ||
-        (data[1] & 0xF6) != 0xF0) { // syncword, layer
+    // syncword and layer
+    if (data.size() < kAdtsBytes || data[0] != 0xFF || (data[1] & 0xF6) != 0xF0) {
         return std::nullopt;
     }
     const bool has_crc = (data[1] & 1) == 0; // protection_absent

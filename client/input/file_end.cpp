@@ -73,8 +73,8 @@ static std::optional<element> read_element(std::span<const uint8_t> head, int64_
         const uint64_t mask = (uint64_t{1} << 7 * size_bytes) - 1;
         found.id = take_number(head.data(), id_bytes);
         found.size = take_number(&head[id_bytes], size_bytes) & mask;
-        found.has_size =
-            found.size != mask; // all ones: the element ends where its parent's next child begins
+        // All ones: the element ends where its parent's next child begins.
+        found.has_size = found.size != mask;
     }
     return found;
 }

@@ -1,5 +1,6 @@
 #include "aacenc/band_tables.h"
 #include "aacenc/filterbank.h"
+#include "aacenc/huffman_tables.h"
 #include "tests/aacenc/encoder_harness.h"
 #include "tests/support/aac_parser.h"
 #include "tests/support/programme.h"

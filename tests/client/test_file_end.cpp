@@ -67,8 +67,8 @@ TEST(FileEnd, ShowsInTransportStreamsOfEveryLength)
     } forms[] = {{plain, 188, 0}, {timed, 192, 0}, {checked, 204, 16}};
     for (const auto &[file, stride, spare] : forms) {
         const std::set<size_t> whole = whole_lengths("mpegts", file);
-        for (size_t size = 9 * stride; size <= file.size();
-             size++) { // enough packets to detect the form
+        // Nine packets are enough to detect the form.
+        for (size_t size = 9 * stride; size <= file.size(); size++) {
             const bool is_whole = size % stride == 0 || (size + spare) % stride == 0;
             EXPECT_EQ(whole.count(size) > 0, is_whole) << stride << " " << size;
         }

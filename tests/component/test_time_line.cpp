@@ -315,8 +315,8 @@ TEST_F(TimeLine, IsThatOfTheModelInTheFile)
         for (const mp4_reader::sample &sample : mp4_reader::find_track(movie, "vide")->samples) {
             ticks.push_back(sample.time);
         }
-        if (std::count(video.begin(), video.end(), 0u) ==
-            1) { // else the first run of stts is dropped
+        // Otherwise the first run of stts is dropped.
+        if (std::count(video.begin(), video.end(), 0u) == 1) {
             ASSERT_EQ(ticks, video) << "stream " << i;
         }
         ASSERT_EQ(mp4_reader::find_track(movie, "soun")->samples.size(),

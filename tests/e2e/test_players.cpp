@@ -70,10 +70,8 @@ v.play();
             "--disable-component-update "
             "--disable-sync --autoplay-policy=no-user-gesture-required --enable-logging=stderr "
             "--user-data-dir=/mnt/sdcard/profile file:///mnt/sdcard/player.html > log 2>&1 & "
-            "pid=$!; "
-            "cd /mnt/sdcard; for i in $(seq 3000); do grep -q 'page-result:' log && break; sleep "
-            "0.1; "
-            "done; "
+            "pid=$!; cd /mnt/sdcard; "
+            "for i in $(seq 3000); do grep -q 'page-result:' log && break; sleep 0.1; done; "
             "kill $pid; wait $pid; grep -o 'page-result: [^\"]*' log")
             .second;
     const std::string result(output.begin(), output.end());

@@ -1,7 +1,6 @@
 #include "tests/support/aac_parser.h"
 
 #include "aacenc/band_tables.h"
-#include "aacenc/encoder_state.h"
 #include "aacenc/huffman_tables.h"
 
 #include <algorithm>
