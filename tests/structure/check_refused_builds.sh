@@ -3,8 +3,11 @@
 # file, or for a machine whose threads cannot share a word, fails with a message that says so. Flags
 # that the compiler does not have are left out.
 set -eu
-cd "$1"
+root=$1
 shift
+place=$(mktemp -d) # a compiler that counts lines leaves a file where it runs
+trap 'rm -rf "$place"' EXIT
+cd "$place"
 status=0
 tried=0
 
@@ -18,7 +21,7 @@ refuse() {
     printf '#include <cstdint>\n%s\n' "$probe" |
         "$@" $flags -std=c++20 -x c++ -fsyntax-only - 2> /dev/null || return 0
     tried=$((tried + 1))
-    said=$("$@" $flags -std=c++20 -I. -fsyntax-only "$file" 2>&1) || true
+    said=$("$@" $flags -std=c++20 -I"$root" -fsyntax-only "$root/$file" 2>&1) || true
     if ! printf '%s\n' "$said" | grep -q "error.*$message"; then
         echo "$file was not refused with $flags"
         status=1
