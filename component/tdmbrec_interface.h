@@ -15,6 +15,12 @@ extern "C" {
 
 #define TDMBREC_COMPONENT_NAME "OMX.qvr.tdmb.rec"
 
+// A property of the system: milliseconds of programme, as a decimal number. With it, at most so
+// much of a recording is not yet on the storage, and its journal is beside it, as its path with the
+// suffix, until it is finished. Unset, empty or 0: neither.
+#define TDMBREC_CHECKPOINT_PROPERTY "qvr.tdmbrec.checkpoint.ms"
+#define TDMBREC_JOURNAL_SUFFIX ".journal"
+
 enum { TDMBREC_PORT_VIDEO = 0, TDMBREC_PORT_AUDIO = 1, TDMBREC_PORT_COUNT = 2 };
 
 enum {

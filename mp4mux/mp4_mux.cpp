@@ -1,5 +1,6 @@
 #include "mp4mux/mp4_mux.h"
 
+#include "mp4mux/bitstream_file.h"
 #include "mp4mux/c_strings.h"
 #include "mp4mux/frame.h"
 #include "mp4mux/moov/finish.h"
@@ -81,6 +82,25 @@ static int32_t close_mux(void **handle, const mp4_mux_closemem_t *lent)
     return result;
 }
 
+// The tables stay in their caches: they are of use only to the close.
+static int32_t flush_output(mp4_mux_t *mux, int64_t *file_bytes)
+{
+    mp4_mux_clear_last_error(&mux->m_stLastError);
+    if (mux->m_iState != kMuxStateRecording) {
+        return fail(&mux->m_stLastError, MUX_ERR_INVALID, "file is not open for frames");
+    }
+    if (!bs_write_out(&mux->m_Bs)) {
+        mp4_mux_add_err_string("<flush", &mux->m_stLastError);
+        return mux->m_stLastError.m_iCode;
+    }
+    mp4_mux_clear_last_error(
+        &mux->m_stLastError); // a file that cannot report its position is no failure
+    if (file_bytes != nullptr) {
+        *file_bytes = bs_position(&mux->m_Bs);
+    }
+    return 0;
+}
+
 static int32_t get_last_error(const mp4_mux_t *mux, mp4_mux_error_t *error)
 {
     if (error != nullptr) {
@@ -117,6 +137,8 @@ int32_t QVR_MP4_MUX(int32_t op, void **handle, void *param1, void *param2)
     case MUX_PUTFRAME:
         return put_frame(mux, static_cast<const mp4_mux_putstream_t *>(param1),
                          static_cast<int64_t *>(param2));
+    case MUX_FLUSH:
+        return flush_output(mux, static_cast<int64_t *>(param2));
     case MUX_GET_LAST_ERROR:
         return get_last_error(mux, static_cast<mp4_mux_error_t *>(param2));
     case MUX_GET_VERSION:

@@ -22,6 +22,7 @@ enum {
     MUX_PUTFRAME = 2,       // param1: mp4_mux_putstream_t, param2: int64_t or null
     MUX_GET_LAST_ERROR = 3, // param2: mp4_mux_error_t or null
     MUX_GET_VERSION = 3000, // param1, param2: character buffers or null
+    MUX_FLUSH = 3001,       // param2: int64_t or null
 };
 
 // Error codes.
@@ -220,6 +221,10 @@ typedef struct mp4_mux_error_t {
 //                     handle remains for the error query; one more MUX_CLOSE then only releases
 //                     the rest and clears *handle. A file without frames gets no movie box.
 // MUX_GET_LAST_ERROR  returns the last error. The record is cleared by MUX_PUTFRAME and MUX_CLOSE.
+// MUX_FLUSH           writes the cached bytes of the output to its file, so that every frame so far
+// is
+//                     there; param2 receives the file's size then. The finished file does not
+//                     change. After a failure the bytes are still cached. Not after MUX_CLOSE.
 // MUX_GET_VERSION     copies MUX_VERSION_LENGTH characters to param1, MUX_BUILD_DATE_LENGTH digits
 //                     (year, month, day) to param2, each with its terminator.
 //

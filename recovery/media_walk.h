@@ -1,0 +1,55 @@
+// The walk over media data that no table describes: finds the frames from their own syntax.
+//
+// A picture is a sequence of NAL units, each after its length of 4 bytes; it begins with a unit
+// that begins an access unit and ends before the next one that does. A sound frame is a raw data
+// block as our encoder writes it: long windows, no fill element, END, alignment with zeros. Where a
+// place can be read as either, the walk looks ahead until one reading fails. After damage it
+// continues at the first place from which frames follow one another; it never makes up a frame.
+// source: ITU-T H.264, 7.4.1.2.3 (access units); ISO/IEC 14496-3, 4.4.2 (raw data blocks)
+#ifndef RECOVERY_MEDIA_WALK_H
+#define RECOVERY_MEDIA_WALK_H
+
+#include "recovery/media_window.h"
+
+#include <cstdint>
+
+struct walked_frame {
+    int32_t type;          // MUX_TYPE_…
+    bool is_sync;          // a picture with an IDR slice
+    bool has_sets;         // a picture with an SPS and a PPS
+    int64_t offset;        // in the file
+    int32_t size;          // bytes
+    int64_t skipped_bytes; // damaged bytes between the last frame and this one
+};
+
+struct media_walk {
+    media_window *window;
+    int64_t position;       // of the next byte to read
+    int64_t end;            // of the media data
+    int32_t sampling_index; // of the AAC frames, ISO/IEC 14496-3 Table 1.18; from 3 to 11
+    int32_t channels;       // 1 or 2
+};
+
+// Finds the sampling index and the channels at which the sound frames parse.
+// returns: false when no sound frame was found: the walk then finds pictures only
+[[nodiscard]] bool media_walk_find_sound(media_walk *walk);
+
+enum walk_result {
+    kWalkFrame,
+    kWalkEnd,      // no further whole frame: the rest is in skipped_bytes
+    kWalkReadError // the source failed
+};
+
+// Finds the next whole frame at or after walk->position, and moves there. A movie box, even one
+// that is not complete, ends the walk.
+[[nodiscard]] walk_result media_walk_next(media_walk *walk, walked_frame *frame);
+
+// returns: whether the bytes are exactly one picture: units whose lengths add up, with at least one
+//          slice, each ending in its trailing bits and without a sequence that no unit can contain
+[[nodiscard]] bool is_whole_picture(const uint8_t *bytes, int32_t count);
+
+// returns: the bytes of the sound frame at the begin of `bytes`; 0 when none is there or it is cut
+[[nodiscard]] int32_t sound_frame_bytes(const uint8_t *bytes, int32_t count, int32_t sampling_index,
+                                        int32_t channels);
+
+#endif // RECOVERY_MEDIA_WALK_H
