@@ -1,5 +1,6 @@
 #include "component/frame_writer.h"
 
+#include "component/checkpoint.h"
 #include "component/component_log.h"
 #include "component/mux_session.h"
 #include "component/process_state.h"
@@ -19,6 +20,7 @@ static write_result_t put_frame_locked(omx_tdmbrec_component_PrivateType *self,
     if (*mux_result < 0) {
         return kWriteFailed;
     }
+    note_checkpoint_frame(self, frame);
     if (frame->m_iType == MUX_TYPE_AUDIO) {
         self->bAudioWritten = 1;
     } else {

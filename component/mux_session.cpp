@@ -1,5 +1,6 @@
 #include "component/mux_session.h"
 
+#include "component/checkpoint.h"
 #include "component/component_log.h"
 #include "component/file_callbacks.h"
 #include "component/process_state.h"
@@ -121,6 +122,7 @@ static OMX_ERRORTYPE open_session_locked(omx_tdmbrec_component_PrivateType *self
         return OMX_ErrorBadParameter;
     }
     self->iMuxOpenResult = 0;
+    begin_checkpoints(self);
     return OMX_ErrorNone;
 }
 
@@ -149,13 +151,16 @@ static void complete_audio_track(omx_tdmbrec_component_PrivateType *self)
                                  .m_uiTimeStamp2 = 0,
                                  .m_uiFlags = MUX_FRAME_KEY};
     // If this cannot be written, the close that follows reports it.
-    (void)QVR_MP4_MUX(MUX_PUTFRAME, &self->hMux, &frame, nullptr);
+    if (QVR_MP4_MUX(MUX_PUTFRAME, &self->hMux, &frame, nullptr) >= 0) {
+        note_checkpoint_frame(self, &frame);
+    }
 }
 
 OMX_ERRORTYPE close_mux_session(omx_tdmbrec_component_PrivateType *self)
 {
     OMX_ERRORTYPE result = OMX_ErrorNone;
     complete_audio_track(self);
+    finish_checkpoints(self);
     if (QVR_MP4_MUX(MUX_CLOSE, &self->hMux, &self->stMuxCloseMem, nullptr) < 0) {
         fetch_mux_error(self);
         __android_log_print(ANDROID_LOG_ERROR, kLogTag, "[Close:%d] Error:%s \n",
@@ -164,6 +169,7 @@ OMX_ERRORTYPE close_mux_session(omx_tdmbrec_component_PrivateType *self)
         (void)QVR_MP4_MUX(MUX_CLOSE, &self->hMux, nullptr, nullptr);
         result = OMX_ErrorBadParameter;
     }
+    end_checkpoints(self, result == OMX_ErrorNone);
     self->stMuxError.m_pszMessage = nullptr; // the context owned it
     self->hMux = nullptr;
     QVR_free(self->stMuxInit.m_pCacheMem);

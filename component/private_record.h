@@ -58,6 +58,7 @@ struct omx_tdmbrec_component_PrivateType {
     mp4_mux_input_t stMuxInput;
     mp4_mux_error_t stMuxError;
     mp4_mux_closemem_t stMuxCloseMem;
+    struct tdmbrec_checkpoint_t *pCheckpoint; // component/checkpoint.h; null: none are made
 
     // Time line: the buffer thread while recording, the stop procedure after it.
     uint8_t ucBufferPort;    // port of the buffer handed to the callback

@@ -93,6 +93,12 @@ void journal_begin_group(journal_group_t *group, uint64_t session, uint64_t medi
 [[nodiscard]] bool journal_add_frame(journal_group_t *group, const journal_frame_t *frame,
                                      const void *data);
 
+// returns: whether a frame more may be refused
+[[nodiscard]] inline bool journal_is_nearly_full(const journal_group_t *group)
+{
+    return group->used_bytes + 2 * kJournalRecordBytes + kJournalSumBytes > kJournalGroupBytes;
+}
+
 // Completes the group.
 // returns: the number of bytes to write, from group->bytes
 [[nodiscard]] uint32_t journal_end_group(journal_group_t *group);

@@ -1,0 +1,90 @@
+#include "component/storage_sync.h"
+
+#include "component/component_log.h"
+
+#include <cerrno>
+#include <cstring>
+#include <unistd.h>
+
+// returns: whether there is something to sync; false: the thread ends
+static bool wait_for_request(storage_sync_t *sync)
+{
+    pthread_mutex_lock(&sync->lock);
+    while (sync->bDue == 0 && sync->bEnding == 0) {
+        pthread_cond_wait(&sync->condChanged, &sync->lock);
+    }
+    const bool is_due = sync->bEnding == 0;
+    sync->bDue = 0;
+    pthread_mutex_unlock(&sync->lock);
+    return is_due;
+}
+
+// The media first, so that the device rarely has a record without its frame. A device that refuses
+// once is not asked again.
+static void *sync_storage(void *context)
+{
+    storage_sync_t *const sync = static_cast<storage_sync_t *>(context);
+    bool is_first = true;
+    bool has_failed = false;
+    while (wait_for_request(sync)) {
+        if (has_failed) {
+            continue;
+        }
+        if (fdatasync(sync->iMedia) != 0) {
+            __android_log_print(ANDROID_LOG_ERROR, kLogTag, "Checkpoint: nothing is synced: %s\n",
+                                strerror(errno));
+            has_failed = true;
+            continue;
+        }
+        if (sync->iJournal >= 0) {
+            (void)fdatasync(sync->iJournal);
+        }
+        if (is_first && sync->iDirectory >= 0) {
+            (void)fsync(sync->iDirectory); // not every file system can
+        }
+        is_first = false;
+    }
+    return nullptr;
+}
+
+bool start_storage_sync(storage_sync_t *sync)
+{
+    sync->bDue = 0;
+    sync->bEnding = 0;
+    sync->bStarted = 0;
+    pthread_mutex_init(&sync->lock, nullptr);
+    pthread_cond_init(&sync->condChanged, nullptr);
+    if (pthread_create(&sync->hThread, nullptr, sync_storage, sync) != 0) {
+        pthread_cond_destroy(&sync->condChanged);
+        pthread_mutex_destroy(&sync->lock);
+        return false;
+    }
+    sync->bStarted = 1;
+    return true;
+}
+
+void request_storage_sync(storage_sync_t *sync)
+{
+    if (sync->bStarted == 0) {
+        return;
+    }
+    pthread_mutex_lock(&sync->lock);
+    sync->bDue = 1;
+    pthread_cond_signal(&sync->condChanged);
+    pthread_mutex_unlock(&sync->lock);
+}
+
+void stop_storage_sync(storage_sync_t *sync)
+{
+    if (sync->bStarted == 0) {
+        return;
+    }
+    pthread_mutex_lock(&sync->lock);
+    sync->bEnding = 1;
+    pthread_cond_signal(&sync->condChanged);
+    pthread_mutex_unlock(&sync->lock);
+    (void)pthread_join(sync->hThread, nullptr);
+    pthread_cond_destroy(&sync->condChanged);
+    pthread_mutex_destroy(&sync->lock);
+    sync->bStarted = 0;
+}
