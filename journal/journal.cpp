@@ -92,13 +92,13 @@ static uint64_t take_varint(byte_reader *in)
     return 0;
 }
 
+static_assert(std::endian::native == std::endian::little,
+              "the words of a checksum are little-endian");
+
 static uint32_t load_word(const uint8_t *bytes)
 {
     uint32_t word = 0;
     memcpy(&word, bytes, sizeof(word));
-    if constexpr (std::endian::native == std::endian::big) {
-        word = word >> 24 | (word >> 8 & 0xFF00) | (word & 0xFF00) << 8 | word << 24;
-    }
     return word;
 }
 

@@ -42,8 +42,8 @@ struct journal_frame_t {
     uint32_t flags; // MUX_FRAME_…
 };
 
-// A checksum over bytes that arrive in parts. Each part is a sequence of 32-bit numbers, the last
-// one completed with zeros.
+// A checksum over bytes that arrive in parts. Each part is a sequence of little-endian
+// 32-bit numbers, the last one completed with zeros.
 struct journal_sum_t {
     uint32_t first;
     uint32_t second;

@@ -21,6 +21,7 @@ for compiler in ${*:-g++-12 clang++-14 clang++-16 clang++-19}; do
 done
 
 echo "clang++-14 with its own standard library"
-for source in mp4mux/*.cpp mp4mux/moov/*.cpp aacenc/*.cpp component/*.cpp platform/host/*.cpp; do
+for source in mp4mux/*.cpp mp4mux/moov/*.cpp aacenc/*.cpp journal/*.cpp recovery/*.cpp component/*.cpp \
+    platform/host/*.cpp; do
     clang++-14 -std=c++20 -stdlib=libc++ -fno-exceptions -fno-rtti -fsyntax-only -I. "$source"
 done
