@@ -1,9 +1,11 @@
-// Calls of the component whose results a test can change (link with -Wl,--wrap=pthread_create and
-// -Wl,--wrap=QVR_MP4_MUX).
+// Calls of the component whose results a test can change or see (link with -Wl,--wrap= for each
+// function that wrapped_calls.cpp wraps).
 #ifndef TESTS_SUPPORT_WRAPPED_CALLS_H
 #define TESTS_SUPPORT_WRAPPED_CALLS_H
 
 #include <cstdint>
+#include <functional>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -19,6 +21,13 @@ void set_put_result(int32_t result, int64_t file_bytes);
 // in: times may be null: notes nothing
 using NotedTimes = std::vector<std::pair<int, uint32_t>>;
 void note_times(NotedTimes *times, bool is_instead);
+
+// Notes every call that the component makes of its files: its name and its bytes or file name. The
+// hook, which may be null, is called before each and makes it fail when it returns true.
+// thread: any that records
+using NotedCalls = std::vector<std::string>;
+using FileCallHook = std::function<bool(const std::string &)>;
+void note_file_calls(NotedCalls *calls, FileCallHook hook);
 
 // Undoes all of the above.
 void reset_wrapped_calls();
