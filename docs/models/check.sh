@@ -1,6 +1,6 @@
 #!/bin/sh
 # Checks the models of this folder in every order of their threads' steps, and that their known-bad
-# variants fail, in about 20 seconds. Needs spin and a C compiler; writes only to build/models.
+# variants fail, in about 40 seconds. Needs spin and a C compiler; writes only to build/models.
 set -eu
 models=$(cd "$(dirname "$0")" && pwd)
 build=$models/../../build/models
@@ -45,10 +45,14 @@ fails frame_fifo -DNO_GAP
 
 holds recordings -DBUFFERS -DWRITER -DOTHER -DNO_THREADS -DSTARTS=1
 holds recordings -DBUFFERS -DSTARTS=2
+holds recordings -DBUFFERS -DSYNC -DWRITER -DNO_THREADS -DSTARTS=1
+holds recordings -DBUFFERS -DSYNC -DSTARTS=2
 holds recordings -DOTHER -DNO_THREADS -DSTARTS=2
 holds recordings -DOTHER -DSTARTS=3 -DEVENT_CALLS=1
 fails recordings -DBUFFERS -DSTARTS=2 -DIDLE_LATE
 fails recordings -DBUFFERS -DSTARTS=2 -DCLEAR_APART
 fails recordings -DBUFFERS -DSTARTS=2 -DOUT_OF_TURN
 fails recordings -DBUFFERS -DSTARTS=2 -DCLAIM_EARLY
+fails recordings -DBUFFERS -DSYNC -DSTARTS=1 -DNO_JOIN
+fails recordings -DBUFFERS -DSYNC -DSTARTS=1 -DDUE_KEPT
 fails recordings -DOTHER -DSTARTS=2 -DNO_EXEMPTION

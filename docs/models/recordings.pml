@@ -1,7 +1,8 @@
 // The life of recordings in one process, as in component/recording_begin.cpp, recording_end.cpp,
-// end_reports.cpp and buffer_callback.cpp. It has two components, their clients,
-// the buffer thread and a writer thread of the first, a stop thread for every end, starts and a
-// destruction from the client's event handler, and the destructors.
+// end_reports.cpp, buffer_callback.cpp and storage_sync.cpp. It has two components, their clients,
+// the buffer thread and a writer thread of the first, the thread that waits for the storage (SYNC),
+// a stop thread for every end, starts and a destruction from the client's event handler, and the
+// destructors.
 //
 // Checked in every order of the steps:
 // - each recording is reported once, with the reason of the thread that ended it, or 0 when no file
@@ -9,6 +10,7 @@
 // - the reports are sent one at a time, in the order in which the recordings ended (a component
 //   that is being destroyed keeps only the order of its own);
 // - one thread at a time uses the session and the storage handle;
+// - the files are synced only while they are open, and closed after the last sync of the thread;
 // - nothing of a component is used after its destructor has returned;
 // - no thread waits for ever.
 //
@@ -17,7 +19,8 @@
 // Known-bad variants, which must fail: IDLE_LATE clears bCallbackIdle after the gate, CLEAR_APART
 // tests and clears bRecording in two steps, OUT_OF_TURN sends a report before its turn,
 // CLAIM_EARLY releases the claim before the end is queued, NO_EXEMPTION lets a component that is
-// being destroyed wait for the reports of others.
+// being destroyed wait for the reports of others, NO_JOIN closes the files without waiting for the
+// thread that syncs them, DUE_KEPT lets that thread clear a request after it has served it.
 
 #define COMPONENTS 2
 #define NOBODY 255
@@ -44,6 +47,9 @@ bool bIsLeaving[COMPONENTS];
 byte global_recording_owner = NOBODY;
 byte global_uc_stop_type;
 bool has_writer; // hVideoWriterThread of component 0
+bool has_sync;   // the thread of storage_sync.cpp, of the recording under way
+bool bDue;       // of storage_sync.cpp
+bool bEnding;
 byte owed[COMPONENTS]; // entries of astEnd in use
 
 // The queue of ends; the first is at index 0.
@@ -69,6 +75,8 @@ bool is_joinable[COMPONENTS];
 byte clients[COMPONENTS] = 1;
 bool is_other_destroyed;
 bool is_writer_started;
+bool is_syncing;
+bool is_written; // by the buffer thread, after the begin of the last sync
 
 inline take_recording(c, reason, is_taken)
 {
@@ -294,8 +302,13 @@ proctype stop_procedure(byte c; bool may_wait; bool is_writer; chan starter)
 
     bCallbackIdle[c];
     c != 0 || is_writer || !has_writer; // joined
+    bEnding = true;                     // stop_storage_sync
+#ifndef NO_JOIN
+    !has_sync;
+#endif
     d_step { // the session is closed
-        assert(!is_gone[c] && !is_inside && global_recording_owner == c);
+        assert(!is_gone[c] && !is_inside && global_recording_owner == c && !is_syncing);
+        bEnding = false;
         reason = (bMuxOpen[c] -> global_uc_stop_type : STORAGE);
         bMuxOpen[c] = false;
         n = number[c];
@@ -382,6 +395,16 @@ proctype buffer_thread(byte c)
                 is_inside = true;
                 bMuxOpen[c] = true
             }
+#ifdef SYNC
+            atomic { // open_session_locked, make_checkpoint
+                is_written = true;
+                bDue = true;
+                if
+                :: !has_sync -> has_sync = true; run sync_thread(c)
+                :: else -> skip
+                fi
+            }
+#endif
             is_inside = false;
             if
             :: take_recording(c, FULL, is_taken)
@@ -399,6 +422,36 @@ proctype buffer_thread(byte c)
         fi
     od;
     is_joinable[c] = false
+}
+
+// What was written before a request is synced by it, unless the recording ends first: the stop then
+// syncs the files.
+proctype sync_thread(byte c)
+{
+    do
+    :: atomic { bEnding -> break }
+    :: atomic { bDue && !bEnding ->
+            assert(!is_gone[c] && bMuxOpen[c]);
+#ifndef DUE_KEPT
+            bDue = false;
+#endif
+            is_written = false;
+            is_syncing = true
+        }
+        d_step {
+            assert(!is_gone[c] && bMuxOpen[c]);
+#ifdef DUE_KEPT
+            bDue = false;
+#endif
+            is_syncing = false
+        }
+        assert(!is_written || bDue || bEnding)
+    od;
+    atomic {
+        bDue = false;
+        is_written = false;
+        has_sync = false
+    }
 }
 
 // Its handle is in the component's record.
