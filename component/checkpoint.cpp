@@ -125,13 +125,17 @@ static int open_directory(const char *path)
     return open(directory, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
 }
 
-// The muxer keeps its handle to itself. The device's own word on what is written serves as well
-// through another descriptor of the same file.
+static int open_media(const omx_tdmbrec_component_PrivateType *self)
+{
+    return open(self->szRecordingPath, O_RDONLY | O_CLOEXEC);
+}
+
+// The muxer keeps its handle to itself. Another descriptor of the same file serves as well.
 static void open_sync(const omx_tdmbrec_component_PrivateType *self,
                       tdmbrec_checkpoint_t *checkpoint)
 {
     storage_sync_t *const sync = &checkpoint->stSync;
-    sync->iMedia = open(self->szRecordingPath, O_RDONLY | O_CLOEXEC);
+    sync->iMedia = open_media(self);
     sync->iDirectory = open_directory(self->szRecordingPath);
     if (sync->iMedia < 0 || !start_storage_sync(sync)) {
         log_failure("nothing is synced");
@@ -258,6 +262,14 @@ static void close_descriptor(int *descriptor)
     *descriptor = -1;
 }
 
+static bool is_media_synced(const omx_tdmbrec_component_PrivateType *self, storage_sync_t *sync)
+{
+    if (sync->iMedia < 0) {
+        sync->iMedia = open_media(self);
+    }
+    return sync->iMedia >= 0 && fdatasync(sync->iMedia) == 0;
+}
+
 void end_checkpoints(omx_tdmbrec_component_PrivateType *self, bool is_closed)
 {
     tdmbrec_checkpoint_t *const checkpoint = self->pCheckpoint;
@@ -265,7 +277,7 @@ void end_checkpoints(omx_tdmbrec_component_PrivateType *self, bool is_closed)
         return;
     }
     storage_sync_t *const sync = &checkpoint->stSync;
-    if (is_closed && sync->iJournal >= 0 && sync->iMedia >= 0 && fdatasync(sync->iMedia) == 0) {
+    if (is_closed && sync->iJournal >= 0 && is_media_synced(self, sync)) {
         (void)unlink(checkpoint->szJournalPath);
     }
     close_descriptor(&sync->iMedia);

@@ -2,7 +2,8 @@
 // releases everything, and a close that succeeds leaves a valid file.
 //
 // Input: how it is opened (4 bytes), the streams if they may be anything, what fails (4 bytes),
-// then the frames: kind, distance in time, size, and the first bytes of some.
+// then the frames: kind (with a flush after some), distance in time, size, and the first bytes of
+// some.
 #include "fuzz/input.h"
 #include "mp4read/mp4_reader.h"
 #include "tests/support/mux_callbacks.h"
@@ -136,6 +137,9 @@ static void put_frames(fuzz_input &input, fuzzed_recording &recording)
         if (QVR_MP4_MUX(MUX_PUTFRAME, &recording.handle, &frame, &estimate) >= 0) {
             recording.frame_count[type]++;
             recording.media_bytes += bytes.size();
+        }
+        if (kind & 32) {
+            (void)QVR_MP4_MUX(MUX_FLUSH, &recording.handle, nullptr, nullptr);
         }
     }
 }

@@ -2,8 +2,8 @@
 // consumed or kept whole, every recording is reported once, nothing leaks, and a finished file is
 // valid and contains every frame that the muxer took.
 //
-// Input: up to 3 recordings: writes and sampling rate (1 byte), caches (1), the number of steps
-// (1), then the steps, see take_step.
+// Input: up to 3 recordings: writes, sampling rate and checkpoints (1 byte), caches (1), the number
+// of steps (1), then the steps, see take_step.
 #include "component/omx_tdmbrec_component.h"
 #include "component/private_record.h"
 #include "fuzz/input.h"
@@ -163,6 +163,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     for (int i = 0; i < 3 && !input.left.empty(); i++) {
         const uint32_t budget = input.u8();
         environment.writes_left = budget < 128 ? UINT32_MAX : budget - 128;
+        host_set_property(TDMBREC_CHECKPOINT_PROPERTY, budget & 8 ? "40" : nullptr);
         const uint32_t caches = input.u8();
         environment.cache_units = caches < 64 ? 0 : 1 + caches % 64;
         host_set_storage(0, 100000, 60000);
