@@ -194,14 +194,14 @@ static unit_sequel look_after_unit(media_walk *walk, const picture_reading *pict
     if (sound.bytes != 0) {
         return kSequelOther;
     }
-    const bool is_cut_sound = sound.is_cut && walk->end - offset >= kLeastCutBytes;
     if (is_head && next->unit_bytes <= walk->end - offset - kUnitLengthBytes) {
         return kSequelUnit;
     }
-    if (place == kUnitBelongs && next->unit_bytes <= kLongestFrameBytes) {
-        return is_cut_sound ? kSequelUnknown : kSequelCut;
+    if (sound.is_cut) {
+        return walk->end - offset >= kLeastCutBytes ? kSequelOther : kSequelUnknown;
     }
-    return is_cut_sound ? kSequelOther : kSequelUnknown;
+    const bool is_rest = place == kUnitBelongs && next->unit_bytes <= kLongestFrameBytes;
+    return is_rest ? kSequelCut : kSequelUnknown;
 }
 
 static void note_unit(const unit_head *head, picture_reading *picture)
