@@ -134,7 +134,7 @@ static int32_t close_muxer(remuxer *mux, mp4_mux_closemem_t *close_memory)
 }
 
 int32_t remux_frames(recovery_job *job, const mp4_mux_init_t *output,
-                     mp4_mux_closemem_t *close_memory)
+                     mp4_mux_closemem_t *close_memory, bool *is_discarded)
 {
     remuxer mux = {.job = job};
     int32_t result = open_muxer(&mux, output);
@@ -146,6 +146,9 @@ int32_t remux_frames(recovery_job *job, const mp4_mux_init_t *output,
     }
     if (result != RECOVERY_DONE) { // the first failure is the one to report
         const recovery_report_t failed = *job->report;
+        if (is_discarded != nullptr) {
+            *is_discarded = true;
+        }
         (void)close_muxer(&mux, nullptr);
         *job->report = failed;
         return result;
