@@ -6,7 +6,11 @@
 void frame_stream_begin(frame_stream *stream, media_window *media, const media_bounds *bounds,
                         const journal_frames *journal, sound_format sound)
 {
-    *stream = {.media = media, .bounds = *bounds, .sound = sound, .last_end = bounds->begin};
+    *stream = {.media = media,
+               .bounds = *bounds,
+               .sound = sound,
+               .lesson_begin = bounds->begin,
+               .last_end = bounds->begin};
     stream->walk = {.window = media,
                     .position = bounds->begin,
                     .end = bounds->begin,
@@ -17,6 +21,31 @@ void frame_stream_begin(frame_stream *stream, media_window *media, const media_b
         stream->journal = *journal;
         stream->journal.media_end = bounds->begin;
     }
+}
+
+// Keeps the begin of the group that ends here, and of those before it, if all of it is intact.
+static void note_lesson(frame_stream *stream)
+{
+    static constexpr int64_t kEnoughBytes = 1 << 17;
+    const journal_frames *const journal = &stream->journal;
+    const int64_t begin = static_cast<int64_t>(journal->group.media_begin);
+    if (!journal->has_matched) {
+        stream->lesson_begin = journal->frame_offset;
+    } else if (begin - stream->lesson_begin > kEnoughBytes) {
+        stream->lesson_begin = begin;
+    }
+}
+
+// Lets the walk see frames that are known, so that it knows the pictures of this recording.
+static void teach_walk(frame_stream *stream, int64_t position)
+{
+    walked_frame known;
+    stream->walk.position = std::min(stream->lesson_begin, position);
+    while (stream->walk.position < position &&
+           media_walk_next(&stream->walk, &known) == kWalkFrame) {
+    }
+    stream->walk.position = position;
+    stream->lesson_begin = position;
 }
 
 // Continues at `position` with the next group, or with the walk up to it, or up to the end.
@@ -37,9 +66,11 @@ static stream_result open_next_part(frame_stream *stream, int64_t position)
     }
     const int64_t end = stream->has_group ? stream->journal.frame_offset : stream->bounds.end;
     stream->walk.end = std::min(end, stream->media->file_bytes);
-    stream->walk.position = std::min(position, stream->walk.end);
     stream->part = stream->has_group && position == end ? kPartGroup : kPartWalk;
-    return kStreamFrame;
+    if (stream->part == kPartWalk) {
+        teach_walk(stream, std::min(position, stream->walk.end));
+    }
+    return stream->media->has_failed ? kStreamReadError : kStreamFrame;
 }
 
 // The walk also ends before a movie box.
@@ -95,6 +126,7 @@ stream_result frame_stream_next(frame_stream *stream, stream_frame *frame)
             result = open_next_part(stream, stream->bounds.begin);
         } else if (stream->part == kPartGroup) {
             if (!journal_frames_next(&stream->journal, &journaled)) {
+                note_lesson(stream);
                 result = open_next_part(stream, stream->journal.frame_offset);
             } else if (journaled.is_whole) {
                 *frame = {.type = journaled.type,
@@ -112,6 +144,7 @@ stream_result frame_stream_next(frame_stream *stream, stream_frame *frame)
             }
             if (result == kStreamEnd && stream->has_group) {
                 stream->part = kPartGroup;
+                stream->lesson_begin = stream->journal.frame_offset;
             } else if (result == kStreamEnd) {
                 end_stream(stream);
             }

@@ -30,8 +30,9 @@ struct frame_stream {
     bool has_group; // its frames come after those of the walk
     stream_part part;
     media_walk walk;
-    int64_t last_end;  // of the last whole frame
-    int64_t media_end; // at the end: of the media data
+    int64_t lesson_begin; // of intact frames that the walk can learn from; they end where it begins
+    int64_t last_end;     // of the last whole frame
+    int64_t media_end;    // at the end: of the media data
 };
 
 // in: journal: or null; begun, before its first group

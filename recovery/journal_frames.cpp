@@ -131,7 +131,7 @@ static bool is_whole_by_syntax(const journal_frames *frames, const journaled_fra
     if (frame->type == MUX_TYPE_VIDEO) {
         return is_whole_picture(bytes, frame_bytes);
     }
-    return frames->sound.sampling_index >= 0 &&
+    return frames->sound.sampling_index > 0 &&
            sound_frame_bytes(bytes, frame_bytes, frames->sound.sampling_index,
                              frames->sound.channels) == frame_bytes;
 }

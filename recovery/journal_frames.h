@@ -9,7 +9,7 @@
 
 // The settings by which sound frames parse.
 struct sound_format {
-    int32_t sampling_index; // below 0: none
+    int32_t sampling_index; // 0: none
     int32_t channels;
 };
 

@@ -34,7 +34,7 @@ static sound_format format_of(int32_t sample_rate, int32_t channels)
     const int32_t index = sampling_index_of(sample_rate);
     const bool is_known = index >= kLeastSamplingIndex && index <= kMostSamplingIndex &&
                           (channels == 1 || channels == 2);
-    return is_known ? sound_format{index, channels} : sound_format{-1, 0};
+    return is_known ? sound_format{index, channels} : sound_format{};
 }
 
 // Reads the head of the journal, if there is one.
@@ -106,7 +106,7 @@ static int32_t find_settings(recovery_job *job)
     const int32_t found_rate = has_sound ? sample_rate_of(walk.sampling_index) : kUsualSampleRate;
     const int32_t sample_rate = job->input->sample_rate != 0 ? job->input->sample_rate : found_rate;
     const int32_t channels = has_sound ? walk.channels : kUsualChannels;
-    job->sound = has_sound ? format_of(sample_rate, channels) : sound_format{-1, 0};
+    job->sound = has_sound ? format_of(sample_rate, channels) : sound_format{};
     fill_recorder_settings(&job->settings, sample_rate, channels);
     return RECOVERY_DONE;
 }
@@ -124,7 +124,7 @@ static int32_t check_input(recovery_job *job)
         (input->configuration == nullptr && input->configuration_bytes > 0)) {
         return fail_recovery(job, RECOVERY_ERR_INVALID, "The decoder configuration is missing");
     }
-    if (input->sample_rate != 0 && format_of(input->sample_rate, 1).sampling_index < 0) {
+    if (input->sample_rate != 0 && format_of(input->sample_rate, 1).sampling_index == 0) {
         return fail_recovery(job, RECOVERY_ERR_INVALID,
                              "The sampling rate is none that the recorder has");
     }
