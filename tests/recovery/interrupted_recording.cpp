@@ -74,8 +74,7 @@ static std::vector<frame> make_frames(const options &how)
     return frames;
 }
 
-// The parameter sets of the sample programme.
-static Bytes programme_sets()
+Bytes programme_sets()
 {
     std::vector<Bytes> sets;
     for (const Bytes &unit : split_nal_units(sample_programme().access_units[0])) {
@@ -138,6 +137,26 @@ static void make_journal(recording *of)
         of->journal_ends.push_back(of->journal.size());
         of->journaled.push_back(i);
     }
+}
+
+Bytes make_group(uint64_t media_begin, const std::vector<uint32_t> &frame_bytes)
+{
+    using mux_test::number, mux_test::operator+;
+    Bytes records;
+    for (const uint32_t bytes : frame_bytes) {
+        uint64_t size = uint64_t{bytes} << 2;
+        for (; size > 0x7F; size >>= 7) {
+            records.push_back(static_cast<uint8_t>(0x80 | (size & 0x7F)));
+        }
+        records.push_back(static_cast<uint8_t>(size));
+        records.push_back(2); // a time
+    }
+    const Bytes group = mux_test::bytes("'JGRP'") +
+                        number(kJournalGroupHeaderBytes + records.size() + kJournalSumBytes) +
+                        number(frame_bytes.size()) + number(media_begin, 8) + number(0) + records;
+    journal_sum_t sum = journal_sum_begin(kSession);
+    journal_sum_add(&sum, group.data(), group.size());
+    return group + number(journal_sum_end(&sum));
 }
 
 Bytes normal_stop(const recording &of, const std::vector<size_t> &numbers)
@@ -237,27 +256,63 @@ recovery_target_t target_of(memory_file *file)
     return {.context = file, .write_at = write_at, .set_size = set_size, .sync = sync};
 }
 
-result recover(const Bytes &media, const Bytes *journal)
+namespace {
+
+// The input of a recovery, with its files.
+struct input_files {
+    memory_file journal;
+    recovery_source_t journal_source = source_of(&journal);
+    recovery_input_t input = {};
+
+    input_files(memory_file *media, const Bytes *journal_bytes, const Bytes &configuration)
+    {
+        journal.bytes = journal_bytes != nullptr ? *journal_bytes : Bytes{};
+        input.media = source_of(media);
+        input.journal = journal_bytes != nullptr ? &journal_source : nullptr;
+        input.configuration = configuration.data();
+        input.configuration_bytes = static_cast<int32_t>(configuration.size());
+        mux_test::reset_world();
+    }
+};
+
+} // namespace
+
+static void check_result(const result &got)
+{
+    EXPECT_EQ(got.code == RECOVERY_DONE, got.report.message[0] == '\0') << got.report.message;
+    EXPECT_EQ(mux_test::leftovers(), "");
+}
+
+result recover(const Bytes &media, const Bytes *journal, const Bytes &configuration)
 {
     memory_file media_file = {media};
-    memory_file journal_file = {journal != nullptr ? *journal : Bytes{}};
-    const recovery_source_t journal_source = source_of(&journal_file);
-    const recovery_input_t input = {.media = source_of(&media_file),
-                                    .journal = journal != nullptr ? &journal_source : nullptr};
-    mux_test::reset_world();
+    const input_files files(&media_file, journal, configuration);
     mux_test::recording r;
     r.init.m_pOutput = r.output.data();
     result got = {};
     recovery_report_t scanned = {};
-    const int32_t scan_code = recovery_scan(&input, &scanned);
-    got.code = recovery_write(&input, &r.init, nullptr, &got.report);
+    const int32_t scan_code = recovery_scan(&files.input, &scanned);
+    got.code = recovery_write(&files.input, &r.init, nullptr, &got.report);
     if (got.code != RECOVERY_ERR_CONFIGURATION) {
         EXPECT_EQ(scan_code, got.code);
         EXPECT_EQ(std::memcmp(&scanned, &got.report, sizeof(scanned)), 0);
     }
     got.file = got.code == RECOVERY_DONE ? mux_test::world.files["out.mp4"].bytes : Bytes{};
-    EXPECT_EQ(got.code == RECOVERY_DONE, got.report.message[0] == '\0') << got.report.message;
-    EXPECT_EQ(mux_test::leftovers(), "");
+    check_result(got);
+    return got;
+}
+
+result finish_in_place(memory_file *media, const Bytes *journal, const Bytes &configuration,
+                       mux_test::cache_layout layout)
+{
+    const input_files files(media, journal, configuration);
+    const recovery_target_t target = target_of(media);
+    mux_test::recording r;
+    r.set_cache(layout);
+    result got = {};
+    got.code = recovery_in_place(&files.input, &target, &r.init, nullptr, &got.report);
+    got.file = media->bytes;
+    check_result(got);
     return got;
 }
 

@@ -40,6 +40,9 @@ struct recording {
 };
 recording make_recording(const options &how);
 
+// A group that describes frames of these sizes, whose checksum is not that of any media data.
+Bytes make_group(uint64_t media_begin, const std::vector<uint32_t> &frame_bytes);
+
 // returns: the file of a normal stop after the frames whose numbers are given
 Bytes normal_stop(const recording &of, const std::vector<size_t> &numbers);
 Bytes normal_stop(const recording &of, size_t frames); // after the first ones
@@ -60,7 +63,15 @@ struct result {
 
 // Runs recovery_write; recovery_scan must agree with it.
 // in: journal: or null
-result recover(const Bytes &media, const Bytes *journal);
+// in: configuration: of the input
+result recover(const Bytes &media, const Bytes *journal, const Bytes &configuration = {});
+
+// Runs recovery_in_place on the file, which is also in the result.
+// in: layout: of the muxer's caches
+result finish_in_place(memory_file *media, const Bytes *journal, const Bytes &configuration = {},
+                       mux_test::cache_layout layout = mux_test::cache_layout::own);
+
+Bytes programme_sets(); // the parameter sets of the sample programme, with start codes
 
 } // namespace recovery_test
 
