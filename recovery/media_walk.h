@@ -22,12 +22,22 @@ struct walked_frame {
     int64_t skipped_bytes; // damaged bytes between the last frame and this one
 };
 
+// The caller sets the first five fields; all others begin as 0.
 struct media_walk {
     media_window *window;
     int64_t position;       // of the next byte to read
     int64_t end;            // of the media data
     int32_t sampling_index; // of the AAC frames, ISO/IEC 14496-3 Table 1.18; from 3 to 11
     int32_t channels;       // 1 or 2
+
+    // What the walk knows from the frames so far.
+    uint32_t first_types[2];    // a bit for each type of a first unit, of pictures without and with
+                                // an IDR slice
+    int32_t least_slices;       // of a picture
+    int32_t most_slices;        // of a picture
+    int64_t longest_unit_bytes; // of a picture
+    int64_t paid_position;      // up to here, the way has paid for the work below
+    int64_t work_bytes;         // looked at in vain or twice, less what the way has paid for
 };
 
 // Finds the sampling index and the channels at which the sound frames parse.

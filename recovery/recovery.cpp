@@ -1,0 +1,92 @@
+#include "recovery/recovery.h"
+
+#include "recovery/in_place.h"
+#include "recovery/recovery_job.h"
+#include "recovery/remux.h"
+
+#include <cstring>
+
+static constexpr int32_t kPassesOfScan = 2;
+static constexpr int32_t kPassesOfWrite = 2;
+
+// returns: RECOVERY_DONE when the frames can be muxed
+static int32_t scan_job(recovery_job *job, int32_t passes)
+{
+    *job->report = {};
+    const int32_t result = open_job(job, passes);
+    return result == RECOVERY_DONE ? scan_frames(job) : result;
+}
+
+int32_t recovery_scan(const recovery_input_t *input, recovery_report_t *report)
+{
+    if (input == nullptr || report == nullptr) {
+        return RECOVERY_ERR_INVALID;
+    }
+    recovery_job job = {.input = input, .report = report};
+    int32_t result = scan_job(&job, kPassesOfScan);
+    const bool is_asked = input->frame != nullptr || input->hole != nullptr;
+    if (result == RECOVERY_DONE && (is_asked || job.times.inexact_frames > 0)) {
+        result = visit_frames(&job, nullptr, nullptr);
+    }
+    close_job(&job);
+    return result;
+}
+
+int32_t recovery_write(const recovery_input_t *input, const mp4_mux_init_t *output,
+                       mp4_mux_closemem_t *close_memory, recovery_report_t *report)
+{
+    if (input == nullptr || output == nullptr || report == nullptr) {
+        return RECOVERY_ERR_INVALID;
+    }
+    recovery_job job = {.input = input, .report = report};
+    int32_t result = scan_job(&job, kPassesOfWrite);
+    if (result == RECOVERY_DONE) {
+        result = remux_frames(&job, output, close_memory, nullptr);
+    }
+    close_job(&job);
+    return result;
+}
+
+static int32_t finish_job_in_place(recovery_job *job, in_place_file *file,
+                                   mp4_mux_closemem_t *close_memory)
+{
+    if (job->report->holes > 0) {
+        return fail_recovery(job, RECOVERY_ERR_HOLES,
+                             "The recording has holes: it cannot be finished in place");
+    }
+    const uint8_t *const head = show_part(&job->media, 0, kRecorderHeadBytes);
+    if (head == nullptr) {
+        return fail_to_read(job);
+    }
+    memcpy(file->found, head, kRecorderHeadBytes);
+    file->kept_end = job->last_end;
+    const mp4_mux_init_t init = use_in_place(file);
+    int32_t result = remux_frames(job, &init, close_memory, &file->is_discarded);
+    release_in_place();
+    if (result == RECOVERY_DONE && !finish_in_place(file)) {
+        result = RECOVERY_ERR_WRITE;
+    }
+    return file->has_failed ? fail_recovery(job, result, "The recording cannot be written")
+                            : result;
+}
+
+int32_t recovery_in_place(const recovery_input_t *input, const recovery_target_t *target,
+                          const mp4_mux_init_t *scratch, mp4_mux_closemem_t *close_memory,
+                          recovery_report_t *report)
+{
+    if (input == nullptr || target == nullptr || scratch == nullptr || report == nullptr) {
+        return RECOVERY_ERR_INVALID;
+    }
+    recovery_job job = {.input = input, .report = report};
+    in_place_file file = {.target = target, .scratch = scratch};
+    int32_t result = scan_job(&job, kPassesOfWrite);
+    if (result == RECOVERY_DONE && job.bounds.begin != kRecorderHeadBytes) {
+        result = fail_recovery(&job, RECOVERY_ERR_FORMAT,
+                               "The recording has a head that the recorder does not write");
+    }
+    if (result == RECOVERY_DONE) {
+        result = finish_job_in_place(&job, &file, close_memory);
+    }
+    close_job(&job);
+    return result;
+}

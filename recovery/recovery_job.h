@@ -1,0 +1,64 @@
+// One recovery: what its steps share.
+#ifndef RECOVERY_RECOVERY_JOB_H
+#define RECOVERY_RECOVERY_JOB_H
+
+#include "recovery/frame_stream.h"
+#include "recovery/frame_times.h"
+#include "recovery/recovery.h"
+
+#include <cstdint>
+
+struct recovery_job {
+    const recovery_input_t *input;
+    recovery_report_t *report;
+    media_window media;
+    media_window journal;
+    media_bounds bounds;
+    bool has_journal; // it is used
+    journal_frames journal_begin;
+    journal_settings_t settings; // of the journal, or those that every recording has
+    sound_format sound;
+    frame_times times;
+
+    // What the scan finds.
+    int64_t sets_offset; // of the first picture with an SPS and a PPS
+    int32_t sets_bytes;  // of that picture; 0 for none
+    bool starts_with_sets;
+    bool has_only_silence; // one sound frame, that which completes a recording without sound
+    int64_t last_end;      // of the last whole frame
+    uint8_t *record;       // decoder configuration made from the media
+
+    int64_t passed_bytes; // of the passes before this one
+    int64_t next_progress_bytes;
+    int32_t passes;
+};
+
+// The sound frame that the recorder adds to a recording with pictures alone.
+inline constexpr uint8_t kSilentFrame[] = {0x20, 0, 0, 0, 0, 0, 0x0E};
+
+// Sets the message of a failure.
+// returns: code
+int32_t fail_recovery(recovery_job *job, int32_t code, const char *message);
+
+// Opens the files and decides what to use.
+// in: job: input and report are set, all else is zero
+// in: passes: over the media data
+// returns: RECOVERY_DONE or RECOVERY_ERR_…; the job is to be closed in either case
+[[nodiscard]] int32_t open_job(recovery_job *job, int32_t passes);
+
+// Frees the memory.
+void close_job(recovery_job *job);
+
+// Finds the frames and fills the report.
+[[nodiscard]] int32_t scan_frames(recovery_job *job);
+
+// Passes each frame of a second pass to `visit`, and frames and holes to the caller's callbacks.
+// in: visit: returns 0 to continue; may be null
+// returns: RECOVERY_DONE, RECOVERY_ERR_…, or what visit returned
+[[nodiscard]] int32_t visit_frames(recovery_job *job, void *context,
+                                   int32_t (*visit)(void *context, const recovery_frame_t *frame));
+
+// returns: the result of the failure that the window had
+int32_t fail_to_read(recovery_job *job);
+
+#endif // RECOVERY_RECOVERY_JOB_H

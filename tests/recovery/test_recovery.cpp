@@ -1,0 +1,188 @@
+// Recordings that are interrupted anywhere, with the journals that a crash or a hostile hand
+// leaves.
+#include "tests/recovery/interrupted_recording.h"
+
+#include <algorithm>
+
+using namespace recovery_test;
+using mux_test::operator+;
+
+namespace {
+
+const options kSetups[] = {
+    {.name = "sets in the configuration"},
+    {.name = "sets in band", .has_sets_in_band = true},
+    {.name = "no sound", .has_sound = false, .pictures = 8},
+    {.name = "mono", .channels = 1, .pictures = 8},
+    {.name = "one group", .frames_of_group = 100, .pictures = 8},
+};
+
+size_t whole_frames(const recording &of, size_t media_bytes)
+{
+    return static_cast<size_t>(std::count_if(of.ends.begin(), of.ends.end(),
+                                             [&](size_t end) { return end <= media_bytes; }));
+}
+
+Bytes cut(const Bytes &bytes, size_t count)
+{
+    return {bytes.begin(), bytes.begin() + static_cast<ptrdiff_t>(count)};
+}
+
+TEST(Recovery, EqualsTheNormalStopWhereverTheMediaIsCut)
+{
+    for (const options &how : kSetups) {
+        const recording r = make_recording(how);
+        std::vector<Bytes> expected;
+        for (size_t frames = 0; frames <= r.frames.size(); frames++) {
+            expected.push_back(normal_stop(r, frames));
+        }
+        const size_t first_frames = r.ends[2];
+        const size_t last_frames = r.ends[r.ends.size() - 4];
+        for (size_t bytes = 0; bytes <= r.media.size(); bytes++) {
+            if (bytes > first_frames && bytes < last_frames && bytes % 41 != 0) {
+                continue; // the middle is like the rest
+            }
+            const result got = recover(cut(r.media, bytes), &r.journal);
+            const size_t frames = whole_frames(r, bytes);
+            ASSERT_EQ(got.code, frames == 0 ? RECOVERY_ERR_NOTHING : RECOVERY_DONE)
+                << how.name << ", " << bytes << " bytes: " << got.report.message;
+            ASSERT_EQ(got.report.pictures + got.report.sounds, frames);
+            ASSERT_TRUE(frames == 0 || got.file == expected[frames])
+                << how.name << ", " << bytes << " bytes";
+        }
+    }
+}
+
+TEST(Recovery, PassesOverHoles)
+{
+    const recording r = make_recording(kSetups[0]);
+    const Bytes sets = programme_sets();
+    const struct {
+        const char *name;
+        std::vector<size_t> lost; // frames
+        bool has_journal;
+    } cases[] = {
+        {"one", {7}, true},
+        {"two in a row, in two groups", {5, 6}, true},
+        {"the first frame, in two places", {0, 9}, true},
+        {"a group and the last frame", {6, 7, 8, 9, 10, 11, r.frames.size() - 1}, true},
+    };
+    for (const auto &tried : cases) {
+        Bytes media = r.media;
+        std::vector<size_t> left;
+        for (size_t i = 0; i < r.frames.size(); i++) {
+            if (std::find(tried.lost.begin(), tried.lost.end(), i) == tried.lost.end()) {
+                left.push_back(i);
+                continue;
+            }
+            std::fill_n(media.end() - static_cast<ptrdiff_t>(r.media.size() - r.ends[i]) -
+                            static_cast<ptrdiff_t>(r.frames[i].bytes.size()),
+                        r.frames[i].bytes.size(), uint8_t{0});
+        }
+        const result got = recover(media, tried.has_journal ? &r.journal : nullptr, sets);
+        EXPECT_EQ(got.file == normal_stop(r, left), true) << tried.name;
+        memory_file file = {media};
+        const result in_place = finish_in_place(&file, &r.journal);
+        EXPECT_EQ(in_place.code, RECOVERY_ERR_HOLES) << tried.name;
+        EXPECT_EQ(file.bytes == media, true) << tried.name;
+    }
+}
+
+TEST(Recovery, FinishesInPlaceWhereverItIsInterrupted)
+{
+    const Bytes sets = programme_sets();
+    for (const options &how : kSetups) {
+        const recording r = make_recording(how);
+        const Bytes half_journal = cut(r.journal, r.journal_ends[r.journal_ends.size() / 2]);
+        const Bytes media = cut(r.media, r.media.size() - 5);
+        for (const Bytes *journal :
+             {&r.journal, &half_journal, static_cast<const Bytes *>(nullptr)}) {
+            const mux_test::cache_layout layout =
+                how.has_sound ? mux_test::cache_layout::own : mux_test::cache_layout::tiny;
+            memory_file undisturbed = {media};
+            const result expected = finish_in_place(&undisturbed, journal, sets, layout);
+            ASSERT_EQ(expected.code, RECOVERY_DONE) << how.name << expected.report.message;
+            ASSERT_TRUE(journal != &r.journal ||
+                        expected.file == normal_stop(r, r.frames.size() - 1));
+            ASSERT_TRUE(expected.file == recover(media, journal, sets).file) << how.name;
+            size_t calls = 1;
+            for (memory_file file = {media, calls};
+                 finish_in_place(&file, journal, sets, layout).code != RECOVERY_DONE;
+                 file = {media, ++calls}) {
+                file.calls_left = SIZE_MAX;
+                const result again = finish_in_place(&file, journal, sets);
+                ASSERT_TRUE(again.file == expected.file)
+                    << how.name << ", call " << calls << ": " << again.report.message;
+            }
+            EXPECT_GT(calls, how.has_sound ? 5u : 100u) << how.name;
+        }
+    }
+}
+
+Bytes flipped(Bytes bytes, size_t place)
+{
+    bytes[place] ^= 1;
+    return bytes;
+}
+
+// The groups of a journal, its head included as the first one, with others in their places.
+Bytes join(const recording &r, const std::vector<size_t> &groups, const Bytes &other = {})
+{
+    Bytes journal;
+    for (const size_t i : groups) {
+        const size_t begin = i == 0 ? 0 : r.journal_ends[i - 1];
+        const auto from = r.journal.begin();
+        journal = journal + Bytes(from + static_cast<ptrdiff_t>(begin),
+                                  from + static_cast<ptrdiff_t>(r.journal_ends[i]));
+    }
+    return journal + other;
+}
+
+TEST(Recovery, UsesOfAJournalWhatDescribesTheMedia)
+{
+    const recording r = make_recording({.name = "four groups and a rest", .pictures = 11});
+    const recording other = make_recording({.name = "other", .sample_rate = 32000, .pictures = 9});
+    const uint32_t all = static_cast<uint32_t>(r.frames.size());
+    ASSERT_GT(r.journal_ends.size(), 5u);
+    const struct {
+        const char *name;
+        Bytes journal;
+        int32_t use;
+        uint32_t journaled_frames;
+        uint32_t lost_frames = 0;
+    } cases[] = {
+        {"whole", r.journal, RECOVERY_JOURNAL_USED, all},
+        {"empty", {}, RECOVERY_JOURNAL_DAMAGED, 0},
+        {"cut in its head", cut(r.journal, 40), RECOVERY_JOURNAL_DAMAGED, 0},
+        {"damaged head", flipped(r.journal, 30), RECOVERY_JOURNAL_DAMAGED, 0},
+        {"other version", flipped(r.journal, 4), RECOVERY_JOURNAL_OTHER_VERSION, 0},
+        {"of another recording", other.journal, RECOVERY_JOURNAL_OTHER_FILE, 0},
+        {"head alone", join(r, {0}), RECOVERY_JOURNAL_USED, 0},
+        {"cut in its second group", cut(r.journal, r.journal_ends[2] - 1), RECOVERY_JOURNAL_USED,
+         6},
+        {"damaged second group", flipped(r.journal, r.journal_ends[1] + 50), RECOVERY_JOURNAL_USED,
+         all - 6},
+        {"without its second group", join(r, {0, 1, 3}), RECOVERY_JOURNAL_USED, 12},
+        {"a group twice", join(r, {0, 1, 1, 2}), RECOVERY_JOURNAL_USED, 12},
+        {"a group after a later one", join(r, {0, 2, 1}), RECOVERY_JOURNAL_USED, 6},
+        {"a group within another one", join(r, {0, 1, 2}, make_group(r.ends[7], {20, 30})),
+         RECOVERY_JOURNAL_USED, 12},
+        {"a group of the largest sizes",
+         join(r, {0, 1, 2, 3}, make_group(r.ends[17], std::vector<uint32_t>(2700, INT32_MAX))),
+         RECOVERY_JOURNAL_USED, 18, all - 18},
+        {"a group after all files", join(r, {0, 1, 2}, make_group(INT64_MAX - 5, {3, 900})),
+         RECOVERY_JOURNAL_USED, 12},
+        {"frames of nothing", join(r, {0, 1}, make_group(r.ends[5], {0, 0, 0})),
+         RECOVERY_JOURNAL_USED, 6},
+    };
+    for (const auto &tried : cases) {
+        const result got = recover(r.media, &tried.journal, programme_sets());
+        EXPECT_EQ(got.code, RECOVERY_DONE) << tried.name << ": " << got.report.message;
+        EXPECT_EQ(got.report.journal, tried.use) << tried.name;
+        EXPECT_EQ(got.report.journaled_frames, tried.journaled_frames) << tried.name;
+        EXPECT_EQ(got.report.pictures + got.report.sounds, all - tried.lost_frames) << tried.name;
+        EXPECT_EQ(got.report.holes, 0u) << tried.name;
+    }
+}
+
+} // namespace
