@@ -101,6 +101,14 @@ static void add_record(CLI::App &app, record_options &options, std::string &inpu
     add_frame_rate(command, options.frame_rate);
     command.add_flag("--realtime", options.realtime, "record no faster than the programme runs");
     command.add_flag("--card", options.card, "record to the removable card's root");
+    command
+        .add_option(
+            "--checkpoint", options.checkpoint_s,
+            "bring the recording to the storage so often that a power cut costs at most this "
+            "much of it; 0: when the recorder's cache of 1 MiB is full")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(0.0, kCheckpointMaxS))
+        ->capture_default_str();
     command.add_flag("--json", options.json, "print the summary as JSON");
     command.add_flag("-v,--verbose", options.verbosity,
                      "show the component's log; given twice, all of it");

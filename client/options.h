@@ -8,6 +8,8 @@
 #include <string>
 #include <variant>
 
+inline constexpr double kCheckpointMaxS = 3600;
+
 struct record_options {
     std::string video; // input files; the same one if it holds both
     std::string audio;
@@ -17,6 +19,7 @@ struct record_options {
     bool card = false;
     bool realtime = false;
     bool json = false;
+    double checkpoint_s = 1; // of programme, between checkpoints; 0: none
     int verbosity = 0;
 };
 
