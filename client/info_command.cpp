@@ -2,12 +2,17 @@
 
 #include "client/failure.h"
 #include "client/input/mapped_file.h"
+#include "client/input/shell_word.h"
 #include "client/report/info_page.h"
 #include "client/report/info_text.h"
 #include "client/report/media_report.h"
 #include "client/terminal.h"
 #include "client/unfinished_recording.h"
 #include "client/work_folder.h"
+
+#include <cstring>
+#include <fcntl.h>
+#include <string_view>
 
 static void write_page(const info_options &options, const std::string &page)
 {
@@ -19,6 +24,25 @@ static void write_page(const info_options &options, const std::string &page)
     work_folder_publish(*folder, kWorkPage);
 }
 
+// A recording begins with these boxes, and the recovery takes no other file.
+static bool is_recording(std::span<const uint8_t> image)
+{
+    static constexpr std::string_view kHead("\0\0\0\x14"
+                                            "ftyp3g2a",
+                                            12);
+    return image.size() >= kHead.size() &&
+           std::memcmp(image.data(), kHead.data(), kHead.size()) == 0;
+}
+
+static void note_recovery(const info_options &options, std::span<const uint8_t> image)
+{
+    if (is_recording(image) &&
+        unfinished_recording_look(AT_FDCWD, options.input).file == recording_state::unfinished) {
+        terminal_say("tdmbrec: note: to get the recorded data back: tdmbrec recover " +
+                     shell_word(options.input));
+    }
+}
+
 int info_run(const info_options &options)
 {
     for (const unfinished_recording &other : unfinished_recordings_of(options.input)) {
@@ -28,6 +52,7 @@ int info_run(const info_options &options)
     if (file->bytes.empty()) {
         throw failure(exit_code::input, options.input + ": is empty");
     }
+    note_recovery(options, file->bytes);
     const media_report report = media_report_make(options.input, file->bytes);
     std::string text;
     if (options.page) {

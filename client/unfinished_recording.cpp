@@ -1,5 +1,6 @@
 #include "client/unfinished_recording.h"
 
+#include "client/input/shell_word.h"
 #include "client/output_place.h"
 #include "client/report/figures.h"
 
@@ -108,10 +109,11 @@ static unfinished_recording look_into(int folder, const std::string &folder_path
         unfinished_recording recording = unfinished_recording_look(folder, name);
         if (recording.file != recording_state::empty) {
             recording.place = folder_path + "/" + name;
+            recording.source = folder_path;
             return recording;
         }
     }
-    return {.place = folder_path};
+    return {.place = folder_path, .source = folder_path};
 }
 
 static void remove_files(int folder)
@@ -119,8 +121,9 @@ static void remove_files(int folder)
     for (const char *const name : kMuxTableNames) {
         unlinkat(folder, name, 0);
     }
-    unlinkat(folder, kRecordingName, 0);
-    unlinkat(folder, kCopyName, 0);
+    for (const char *const name : {kRecordingName, kJournalName, kCopyName}) {
+        unlinkat(folder, name, 0);
+    }
 }
 
 void unfinished_recording_clear(int directory, const locked_folder &folder)
@@ -202,6 +205,6 @@ std::string kept_text(const unfinished_recording &recording)
     return recording.file == recording_state::finished
                ? "the finished file" + size + ": move it to where it is wanted"
                : "the recorded data" + size +
-                     ", which players cannot open as it is: keep the folder to have the file "
-                     "repaired, or delete it";
+                     ", which players cannot open as it is; to get it back: tdmbrec recover " +
+                     shell_word(recording.source);
 }
