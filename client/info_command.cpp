@@ -10,10 +10,6 @@
 #include "client/unfinished_recording.h"
 #include "client/work_folder.h"
 
-#include <cstring>
-#include <fcntl.h>
-#include <string_view>
-
 static void write_page(const info_options &options, const std::string &page)
 {
     const std::unique_ptr<work_folder> folder = work_folder_make(*options.page, options.force);
@@ -22,25 +18,6 @@ static void write_page(const info_options &options, const std::string &page)
     work_file_write(out, {reinterpret_cast<const uint8_t *>(page.data()), page.size()});
     work_file_finish(out);
     work_folder_publish(*folder, kWorkPage);
-}
-
-// A recording begins with these boxes, and the recovery takes no other file.
-static bool is_recording(std::span<const uint8_t> image)
-{
-    static constexpr std::string_view kHead("\0\0\0\x14"
-                                            "ftyp3g2a",
-                                            12);
-    return image.size() >= kHead.size() &&
-           std::memcmp(image.data(), kHead.data(), kHead.size()) == 0;
-}
-
-static void note_recovery(const info_options &options, std::span<const uint8_t> image)
-{
-    if (is_recording(image) &&
-        unfinished_recording_look(AT_FDCWD, options.input).file == recording_state::unfinished) {
-        terminal_say("tdmbrec: note: to get the recorded data back: tdmbrec recover " +
-                     shell_word(options.input));
-    }
 }
 
 int info_run(const info_options &options)
@@ -52,7 +29,10 @@ int info_run(const info_options &options)
     if (file->bytes.empty()) {
         throw failure(exit_code::input, options.input + ": is empty");
     }
-    note_recovery(options, file->bytes);
+    if (is_broken_recording(options.input)) {
+        terminal_say("tdmbrec: note: to get the recorded data back: tdmbrec recover " +
+                     shell_word(options.input));
+    }
     const media_report report = media_report_make(options.input, file->bytes);
     std::string text;
     if (options.page) {

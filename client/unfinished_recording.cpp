@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <string_view>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -98,6 +99,24 @@ unfinished_recording unfinished_recording_look(int directory, const std::string 
     }
     close(file);
     return recording;
+}
+
+bool is_broken_recording(const std::string &path)
+{
+    static constexpr std::string_view kHead("\0\0\0\x14"
+                                            "ftyp3g2a",
+                                            12);
+    if (unfinished_recording_look(AT_FDCWD, path).file != recording_state::unfinished) {
+        return false;
+    }
+    std::array<char, kHead.size()> head = {};
+    const int file = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    const ssize_t got = file >= 0 ? read(file, head.data(), head.size()) : -1;
+    if (file >= 0) {
+        close(file);
+    }
+    return got == static_cast<ssize_t>(head.size()) &&
+           std::memcmp(head.data(), kHead.data(), head.size()) == 0;
 }
 
 // returns: the first file with media data; without one, the place is the folder's

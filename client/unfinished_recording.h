@@ -40,6 +40,9 @@ struct unfinished_recording {
 // returns: all but the place, which the caller knows
 unfinished_recording unfinished_recording_look(int directory, const std::string &name);
 
+// returns: whether a file begins as the recorder's files do, and has no movie box
+bool is_broken_recording(const std::string &path);
+
 // Removes the folder, unless it holds media data or other files.
 void unfinished_recording_clear(int directory, const locked_folder &folder);
 
