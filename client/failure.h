@@ -17,11 +17,16 @@ enum class exit_code : int {
     storage = 6,      // the component's storage cannot be provided
     component = 7,    // the component is missing or failed
     kept = 8,         // the recording is kept, but not under the output's name
+    nothing = 9,      // nothing to recover
     stop_reason = 10, // plus the reason for which the component ended the recording
+    recovered = 20,   // plus what is less than perfect: kRecoveredWith…
     aborted = 128,    // plus the number of the signal
 };
 
-// The code of a family that adds a number to its base: stop_reason and aborted.
+// Numbers that are added to exit_code::recovered, unless both are 0.
+enum : int { kRecoveredWithHoles = 1, kRecoveredWithGuess = 2 };
+
+// The code of a family that adds a number to its base: stop_reason, recovered and aborted.
 inline exit_code exit_code_plus(exit_code base, int number)
 {
     return static_cast<exit_code>(static_cast<int>(base) + number);

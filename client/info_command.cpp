@@ -2,6 +2,7 @@
 
 #include "client/failure.h"
 #include "client/input/mapped_file.h"
+#include "client/input/shell_word.h"
 #include "client/report/info_page.h"
 #include "client/report/info_text.h"
 #include "client/report/media_report.h"
@@ -27,6 +28,10 @@ int info_run(const info_options &options)
     const std::unique_ptr<mapped_file> file = mapped_file_open(options.input);
     if (file->bytes.empty()) {
         throw failure(exit_code::input, options.input + ": is empty");
+    }
+    if (is_broken_recording(options.input)) {
+        terminal_say("tdmbrec: note: to get the recorded data back: tdmbrec recover " +
+                     shell_word(options.input));
     }
     const media_report report = media_report_make(options.input, file->bytes);
     std::string text;

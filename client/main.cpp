@@ -6,6 +6,7 @@
 #include "client/mux_command.h"
 #include "client/options.h"
 #include "client/record_command.h"
+#include "client/recover_command.h"
 #include "client/terminal.h"
 #include "client/work_folder.h"
 
@@ -47,6 +48,12 @@ static int run(const mux_options &options)
 static int run(const info_options &options)
 {
     return info_run(options);
+}
+
+static int run(const recover_options &options)
+{
+    handle_signals();
+    return recover_run(options);
 }
 
 // A file opened later must not get the number of a closed standard stream, or messages would go

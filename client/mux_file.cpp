@@ -61,9 +61,8 @@ static int32_t append_file(void *destination, void *source, int32_t)
     return static_cast<int32_t>(begin - expected);
 }
 
-static mp4_mux_init_t make_init(const mux_options &options)
+void mux_file_set_callbacks(mp4_mux_init_t &init)
 {
-    mp4_mux_init_t init = {};
     init.m_pfnMalloc = std::malloc;
     init.m_pfnFree = std::free;
     init.m_pfnMemcmp = std::memcmp;
@@ -91,6 +90,17 @@ static mp4_mux_init_t make_init(const mux_options &options)
         return fseeko(file_of(handle), offset, whence);
     };
     init.m_pfnFtell64 = [](void *handle) -> int64_t { return ftello(file_of(handle)); };
+}
+
+std::string mux_file_write_error(void)
+{
+    return write_error != 0 ? std::strerror(write_error) : "";
+}
+
+static mp4_mux_init_t make_init(const mux_options &options)
+{
+    mp4_mux_init_t init = {};
+    mux_file_set_callbacks(init);
     init.m_pfnAppendFile = options.append ? append_file : nullptr;
     init.m_uiOptions = options.wide_offsets ? 0 : MUX_OPTION_32BIT_OFFSET;
     init.m_uiStreamFlags = (options.video.empty() ? 0 : MUX_STREAM_VIDEO) |
@@ -106,11 +116,10 @@ static void check(mux_file &out, int32_t result, const char *what)
     mp4_mux_error_t error = {};
     (void)QVR_MP4_MUX(MUX_GET_LAST_ERROR, &out.handle, nullptr, &error);
     const std::string message = error.m_pszMessage != nullptr ? error.m_pszMessage : "no memory";
-    const std::string reason =
-        write_error != 0 ? std::strerror(write_error) + std::string("; ") : "";
+    const std::string reason = mux_file_write_error();
     throw failure(result == MUX_ERR_CACHE_SIZE ? exit_code::usage : exit_code::output,
-                  std::string("the muxer cannot ") + what + ": " + reason + message + " (" +
-                      std::to_string(result) + ")");
+                  std::string("the muxer cannot ") + what + ": " + reason +
+                      (reason.empty() ? "" : "; ") + message + " (" + std::to_string(result) + ")");
 }
 
 mux_file::~mux_file()

@@ -21,6 +21,12 @@ struct mux_file {
     ~mux_file();
 };
 
+// Sets the memory and file callbacks, with files of the C library.
+void mux_file_set_callbacks(mp4_mux_init_t &init);
+
+// returns: the system's reason for the first write that failed; empty before it
+std::string mux_file_write_error(void);
+
 // Opens the muxer and begins the file.
 // in: path, scratch: of the file, and of the folder for the muxer's tables with a slash at its end
 // throws: `failure`

@@ -66,6 +66,31 @@ static constexpr char kInfoFooter[] =
   5    the report or the page cannot be written
 A note reports a recording to the file that is under way, or was left unfinished.)";
 
+static constexpr char kRecoverFooter[] =
+    R"(BROKEN is the file of an interrupted recording; the folder NAME.recording that "record" left; or a
+folder that holds such folders, files with a journal (NAME.journal), or recordings without a movie
+box. It is only read, and never deleted. Without --output the file gets a name beside BROKEN that
+does not exist yet.
+
+With the journal, the result has the same bytes as a normal end after its last complete frame.
+Without it, the times follow from the order of the frames, and the decoder configuration comes from
+the pictures, from --like, from --parameter-sets, from another recording in the same folder, or
+from --guess, whichever is the first that a decoder accepts with the first 30 pictures.
+
+Exit status:
+  0    everything that is complete came back
+  2    wrong command line
+  3    BROKEN cannot be read, is not a recording, holds no complete picture, or is being recorded
+  4    no decoder configuration was found; or --in-place on a file with holes
+  5    the output cannot be written
+  7    the muxer failed
+  9    nothing to recover: the file is finished, or nothing is in the folder
+  21   recovered, with holes: damaged parts in the middle are left out
+  22   recovered, with a guessed decoder configuration
+  23   both
+  130  stopped by Ctrl-C (143 SIGTERM, 129 SIGHUP); no file is left
+Of several recordings, the first failure decides.)";
+
 static constexpr int kMemoryBytesMax = 1 << 28;
 
 static void add_output(CLI::App &command, std::string &output, bool &force, const char *what)
@@ -101,6 +126,14 @@ static void add_record(CLI::App &app, record_options &options, std::string &inpu
     add_frame_rate(command, options.frame_rate);
     command.add_flag("--realtime", options.realtime, "record no faster than the programme runs");
     command.add_flag("--card", options.card, "record to the removable card's root");
+    command
+        .add_option(
+            "--checkpoint", options.checkpoint_s,
+            "bring the recording to the storage so often that a power cut costs at most this "
+            "much of it; 0: when the recorder's cache of 1 MiB is full")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(0.0, kCheckpointMaxS))
+        ->capture_default_str();
     command.add_flag("--json", options.json, "print the summary as JSON");
     command.add_flag("-v,--verbose", options.verbosity,
                      "show the component's log; given twice, all of it");
@@ -197,6 +230,47 @@ static void add_info(CLI::App &app, info_options &options)
     command.add_flag("-f,--force", options.force, "replace an existing page");
 }
 
+static void add_recover(CLI::App &app, recover_options &options)
+{
+    CLI::App &command = *app.add_subcommand("recover", "Bring back an interrupted recording");
+    command.footer(kRecoverFooter);
+    command.add_option("BROKEN", options.broken, "file or folder of the recording")
+        ->type_name("PATH")
+        ->required();
+    CLI::Option *const output =
+        command.add_option("-o,--output", options.output, "the MP4 file to make")
+            ->type_name("FILE");
+    command.add_flag("-f,--force", options.force, "replace an existing output when finished");
+    command
+        .add_option("--like", options.like,
+                    "take the decoder configuration from this recording of the same channel")
+        ->type_name("MP4");
+    command
+        .add_option("--parameter-sets", options.parameter_sets,
+                    "take it from this file: H.264 with start codes, or MP4")
+        ->type_name("FILE");
+    command.add_flag("--guess", options.guess,
+                     "search for a configuration with which the pictures decode; brightness and "
+                     "colours may be wrong");
+    command
+        .add_option("--rate", options.sample_rate,
+                    "sampling rate of the sound, without a journal (default: the one at which it "
+                    "can be read)")
+        ->type_name("HZ")
+        ->check(CLI::IsMember({8000, 11025, 12000, 16000, 22050, 24000, 32000, 44100, 48000}));
+    command
+        .add_option("--frame-rate", options.frame_rate,
+                    "pictures per second, without a journal, as 25 or 30000/1001 (default: the "
+                    "rate that fits best)")
+        ->type_name("RATE");
+    command
+        .add_flag("--in-place", options.in_place,
+                  "finish BROKEN itself, for a full storage; it can be recovered as before when "
+                  "this is interrupted")
+        ->excludes(output);
+    command.add_flag("--json", options.json, "print the outcome as JSON");
+}
+
 static std::string mistake_text(const CLI::App &app, const CLI::ParseError &mistake, int argc,
                                 const char *const *argv)
 {
@@ -240,6 +314,7 @@ command_line options_parse(int argc, const char *const *argv)
     encode_options encode;
     mux_options mux;
     info_options info;
+    recover_options recover;
     std::string input;
     CLI::App app("Records an H.264 programme with sound to an MP4 file, through the recorder's "
                  "OpenMAX IL component; the other commands use its parts alone.",
@@ -250,6 +325,7 @@ command_line options_parse(int argc, const char *const *argv)
     add_encode(app, encode);
     add_mux(app, mux);
     add_info(app, info);
+    add_recover(app, recover);
     try {
         app.parse(argc, argv);
     } catch (const CLI::Success &asked) { // help or version
@@ -269,6 +345,9 @@ command_line options_parse(int argc, const char *const *argv)
     }
     if (app.got_subcommand("info")) {
         return info;
+    }
+    if (app.got_subcommand("recover")) {
+        return recover;
     }
     return choose_inputs(record, input);
 }

@@ -8,6 +8,8 @@
 #include <string>
 #include <variant>
 
+inline constexpr double kCheckpointMaxS = 3600;
+
 struct record_options {
     std::string video; // input files; the same one if it holds both
     std::string audio;
@@ -17,6 +19,7 @@ struct record_options {
     bool card = false;
     bool realtime = false;
     bool json = false;
+    double checkpoint_s = 1; // of programme, between checkpoints; 0: none
     int verbosity = 0;
 };
 
@@ -59,8 +62,22 @@ struct info_options {
     bool force = false;
 };
 
+struct recover_options {
+    std::string broken; // a file, or a folder
+    std::string output; // empty: beside it
+    std::string like;   // a recording of the same channel
+    std::string parameter_sets;
+    std::optional<std::string> frame_rate;
+    int sample_rate = 0; // Hz; 0: the one at which the sound parses
+    bool guess = false;
+    bool in_place = false;
+    bool force = false;
+    bool json = false;
+};
+
 // The options of the chosen command, or an exit code when nothing is left to do.
-using command_line = std::variant<int, record_options, encode_options, mux_options, info_options>;
+using command_line =
+    std::variant<int, record_options, encode_options, mux_options, info_options, recover_options>;
 
 // Reads the command line. Prints help, version and mistakes.
 command_line options_parse(int argc, const char *const *argv);

@@ -5,8 +5,10 @@
 #include "client/recording.h"
 #include "client/report/figures.h"
 #include "client/terminal.h"
+#include "platform/host/host_control.h"
 #include "platform/omx_il.h"
 
+#include <cmath>
 #include <mutex>
 #include <unistd.h>
 
@@ -64,6 +66,13 @@ static void look_for_others(recording &self)
     recording_warn(self, remarks);
 }
 
+// in: checkpoint_s: at most kCheckpointMaxS; the shortest that is not 0 is one millisecond
+static void set_checkpoint(double checkpoint_s)
+{
+    const long checkpoint_ms = std::lround(std::ceil(checkpoint_s * 1000));
+    host_set_property(TDMBREC_CHECKPOINT_PROPERTY, std::to_string(checkpoint_ms).c_str());
+}
+
 static void open_all(recording &self)
 {
     const record_options &options = self.options;
@@ -77,6 +86,7 @@ static void open_all(recording &self)
     use_storage(self.storage.get());
     storage_provide(*self.storage, options.card);
     check_free_space(*self.storage);
+    set_checkpoint(options.checkpoint_s);
     self.component = il_session_open();
 }
 

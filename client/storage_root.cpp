@@ -63,8 +63,10 @@ static std::string choose_shared_name(const storage_root &root, const std::strin
 {
     const std::string stem = folder + "tdmbrec-" + std::to_string(getpid());
     std::string name = stem + ".mp4";
-    for (int number = 2; faccessat(root.scratch, name.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0;
-         number++) {
+    const auto is_taken = [&root](const std::string &file) {
+        return faccessat(root.scratch, file.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0;
+    };
+    for (int number = 2; is_taken(name) || is_taken(name + TDMBREC_JOURNAL_SUFFIX); number++) {
         name = stem + "-" + std::to_string(number) + ".mp4";
     }
     return name;
@@ -78,8 +80,10 @@ static void choose_name(storage_root &root, bool card)
         return;
     }
     root.record_name = choose_shared_name(root, folder);
-    // Leads from the folder to the recording, where the file system has links.
-    (void)symlinkat(storage_component_path(root).c_str(), root.folder.descriptor, kRecordingName);
+    // Lead from the folder to the recording and its journal, where the file system has links.
+    const std::string path = storage_component_path(root);
+    (void)symlinkat(path.c_str(), root.folder.descriptor, kRecordingName);
+    (void)symlinkat((path + TDMBREC_JOURNAL_SUFFIX).c_str(), root.folder.descriptor, kJournalName);
 }
 
 // The folder shown below /mnt may hide the path from this process.
@@ -280,6 +284,7 @@ unfinished_recording storage_look(const storage_root &root)
     recording.place = is_beside ? output_path_text({root.place->directory_path, ""},
                                                    root.folder.name + "/" + place.name)
                                 : storage_component_path(root);
+    recording.source = output_path_text({root.place->directory_path, ""}, root.folder.name);
     return recording;
 }
 
@@ -318,6 +323,7 @@ void storage_discard(storage_root &root)
     }
     if (root.is_shared && !root.record_name.empty()) {
         unlinkat(root.scratch, root.record_name.c_str(), 0);
+        unlinkat(root.scratch, (root.record_name + TDMBREC_JOURNAL_SUFFIX).c_str(), 0);
         unlinkat(root.folder.descriptor, kRecordingName, 0); // the link to it
     }
     if (root.made_card) {

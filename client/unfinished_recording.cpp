@@ -1,5 +1,6 @@
 #include "client/unfinished_recording.h"
 
+#include "client/input/shell_word.h"
 #include "client/output_place.h"
 #include "client/report/figures.h"
 
@@ -7,6 +8,7 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <string_view>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -99,6 +101,24 @@ unfinished_recording unfinished_recording_look(int directory, const std::string 
     return recording;
 }
 
+bool is_broken_recording(const std::string &path)
+{
+    static constexpr std::string_view kHead("\0\0\0\x14"
+                                            "ftyp3g2a",
+                                            12);
+    if (unfinished_recording_look(AT_FDCWD, path).file != recording_state::unfinished) {
+        return false;
+    }
+    std::array<char, kHead.size()> head = {};
+    const int file = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    const ssize_t got = file >= 0 ? read(file, head.data(), head.size()) : -1;
+    if (file >= 0) {
+        close(file);
+    }
+    return got == static_cast<ssize_t>(head.size()) &&
+           std::memcmp(head.data(), kHead.data(), head.size()) == 0;
+}
+
 // returns: the first file with media data; without one, the place is the folder's
 static unfinished_recording look_into(int folder, const std::string &folder_path)
 {
@@ -108,10 +128,11 @@ static unfinished_recording look_into(int folder, const std::string &folder_path
         unfinished_recording recording = unfinished_recording_look(folder, name);
         if (recording.file != recording_state::empty) {
             recording.place = folder_path + "/" + name;
+            recording.source = folder_path;
             return recording;
         }
     }
-    return {.place = folder_path};
+    return {.place = folder_path, .source = folder_path};
 }
 
 static void remove_files(int folder)
@@ -119,8 +140,9 @@ static void remove_files(int folder)
     for (const char *const name : kMuxTableNames) {
         unlinkat(folder, name, 0);
     }
-    unlinkat(folder, kRecordingName, 0);
-    unlinkat(folder, kCopyName, 0);
+    for (const char *const name : {kRecordingName, kJournalName, kCopyName}) {
+        unlinkat(folder, name, 0);
+    }
 }
 
 void unfinished_recording_clear(int directory, const locked_folder &folder)
@@ -202,6 +224,6 @@ std::string kept_text(const unfinished_recording &recording)
     return recording.file == recording_state::finished
                ? "the finished file" + size + ": move it to where it is wanted"
                : "the recorded data" + size +
-                     ", which players cannot open as it is: keep the folder to have the file "
-                     "repaired, or delete it";
+                     ", which players cannot open as it is; to get it back: tdmbrec recover " +
+                     shell_word(recording.source);
 }

@@ -3,6 +3,7 @@
 #define CLIENT_UNFINISHED_RECORDING_H
 
 #include "client/locked_folder.h"
+#include "component/tdmbrec_interface.h"
 
 #include <cstdint>
 #include <string>
@@ -13,6 +14,9 @@ inline constexpr char kRecordingSuffix[] = ".recording"; // of the folder beside
 // The recording, in the folder or on the card below it.
 inline constexpr char kRecordingName[] = "recording.mp4";
 inline constexpr char kCardName[] = "tflash";
+
+// The journal beside the recording, until that is finished.
+inline constexpr char kJournalName[] = "recording.mp4" TDMBREC_JOURNAL_SUFFIX;
 
 // The copy of a finished recording from another file system, until it is complete.
 inline constexpr char kCopyName[] = "copy.mp4";
@@ -25,7 +29,8 @@ enum class recording_state {
 };
 
 struct unfinished_recording {
-    std::string place; // of the file, for the user
+    std::string place;  // of the file, for the user
+    std::string source; // what "tdmbrec recover" takes
     folder_state folder = folder_state::left;
     recording_state file = recording_state::empty;
     uint64_t bytes = 0;
@@ -34,6 +39,9 @@ struct unfinished_recording {
 // Judges a file by its boxes.
 // returns: all but the place, which the caller knows
 unfinished_recording unfinished_recording_look(int directory, const std::string &name);
+
+// returns: whether a file begins as the recorder's files do, and has no movie box
+bool is_broken_recording(const std::string &path);
 
 // Removes the folder, unless it holds media data or other files.
 void unfinished_recording_clear(int directory, const locked_folder &folder);

@@ -2,6 +2,7 @@
 
 #include "client/failure.h"
 
+#include <cerrno>
 #include <fcntl.h>
 #include <mutex>
 #include <sys/file.h>
@@ -94,6 +95,20 @@ std::unique_ptr<work_folder> work_folder_make(const std::string &output, bool fo
 std::string work_folder_path(const work_folder &folder, const std::string &name)
 {
     return "/proc/self/fd/" + std::to_string(folder.folder.descriptor) + "/" + name;
+}
+
+void work_folder_sync(const work_folder &folder, const std::string &name)
+{
+    const int file = openat(folder.folder.descriptor, name.c_str(), O_RDONLY | O_CLOEXEC);
+    const bool synced = file >= 0 && fsync(file) == 0;
+    const int error = errno;
+    if (file >= 0) {
+        close(file);
+    }
+    if (!synced) {
+        errno = error;
+        fail_with_errno(exit_code::output, folder.place->name);
+    }
 }
 
 void work_folder_publish(const work_folder &folder, const std::string &name)

@@ -38,6 +38,10 @@ void work_folder_abort(void);
 // returns: the path of a file in the folder, valid as long as the record
 std::string work_folder_path(const work_folder &folder, const std::string &name);
 
+// Brings a finished file of the folder to the storage.
+// throws: `failure`
+void work_folder_sync(const work_folder &folder, const std::string &name);
+
 // Moves a finished file of the folder to the output's place.
 // throws: `failure`
 void work_folder_publish(const work_folder &folder, const std::string &name);

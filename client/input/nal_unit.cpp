@@ -110,6 +110,19 @@ static std::optional<unsigned> read_bit(nal_head &head)
     return byte >> (7 - head.at_bits++ % 8) & 1u;
 }
 
+std::optional<unsigned> nal_head_u(nal_head &head, unsigned bits)
+{
+    unsigned value = 0;
+    for (unsigned i = 0; i < bits; i++) {
+        const std::optional<unsigned> bit = read_bit(head);
+        if (!bit) {
+            return std::nullopt;
+        }
+        value = value << 1 | *bit;
+    }
+    return value;
+}
+
 std::optional<unsigned> nal_head_ue(nal_head &head)
 {
     unsigned zeros = 0;
@@ -119,13 +132,6 @@ std::optional<unsigned> nal_head_ue(nal_head &head)
             return std::nullopt;
         }
     }
-    unsigned suffix = 0;
-    for (unsigned i = 0; i < zeros; i++) {
-        bit = read_bit(head);
-        if (!bit) {
-            return std::nullopt;
-        }
-        suffix = suffix << 1 | *bit;
-    }
-    return bit ? std::optional<unsigned>((1u << zeros) - 1 + suffix) : std::nullopt;
+    const std::optional<unsigned> suffix = nal_head_u(head, zeros);
+    return bit && suffix ? std::optional<unsigned>((1u << zeros) - 1 + *suffix) : std::nullopt;
 }

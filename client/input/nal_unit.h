@@ -47,4 +47,8 @@ nal_head nal_head_open(std::span<const uint8_t> nal, size_t skipped_bytes);
 // returns: the next ue(v); nothing when it is cut or exceeds 32 bits
 [[nodiscard]] std::optional<unsigned> nal_head_ue(nal_head &head);
 
+// in: bits: at most 32
+// returns: the next u(bits); nothing when it is cut
+[[nodiscard]] std::optional<unsigned> nal_head_u(nal_head &head, unsigned bits);
+
 #endif // CLIENT_INPUT_NAL_UNIT_H

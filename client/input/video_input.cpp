@@ -3,6 +3,7 @@
 #include "client/failure.h"
 #include "client/input/nal_unit.h"
 #include "client/input/picture_check.h"
+#include "client/input/shell_word.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -77,19 +78,9 @@ int64_t video_input_interval_us(const video_input &video)
     return av_rescale_q(1, av_inv_q(video.frame_rate), kMicroseconds);
 }
 
-// returns: the path quoted for a shell
-static std::string quoted(const std::string &path)
-{
-    std::string text = "'";
-    for (const char letter : path) {
-        text += letter == '\'' ? std::string("'\\''") : std::string(1, letter);
-    }
-    return text + "'";
-}
-
 static std::string recoding_hint(const video_input &video)
 {
-    return "; re-encode it without them: ffmpeg -i " + quoted(video.file->path) +
+    return "; re-encode it without them: ffmpeg -i " + shell_word(video.file->path) +
            " -c:v libx264 -bf 0 -pix_fmt yuv420p -c:a copy new.mkv";
 }
 

@@ -1,0 +1,393 @@
+#include "client/recover_job.h"
+
+#include "client/failure.h"
+#include "client/input/shell_word.h"
+#include "client/input/video_input.h"
+#include "client/interruption.h"
+#include "client/mux_file.h"
+#include "client/recover_configuration.h"
+#include "client/recover_file.h"
+#include "client/report/figures.h"
+#include "client/terminal.h"
+#include "client/work_folder.h"
+
+#include <cctype>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <unistd.h>
+
+namespace fs = std::filesystem;
+
+struct frame_place {
+    int64_t offset;
+    int32_t bytes;
+};
+
+struct recover_job {
+    const recover_options &options;
+    const broken_recording &broken;
+    recover_outcome &outcome;
+    recover_file media;
+    recover_file journal;
+    std::array<recover_file, RECOVERY_TABLE_COUNT> tables;
+    recovery_source_t journal_source = {};
+    std::array<recovery_source_t, RECOVERY_TABLE_COUNT> table_sources = {};
+    recovery_input_t input = {};
+    std::vector<frame_place> trial; // of the pictures that a configuration is tried with
+    uint32_t last_ms = 0;           // of the last frame
+};
+
+static recover_job &job_of(void *context)
+{
+    return *static_cast<recover_job *>(context);
+}
+
+static int32_t show_progress(void *context, int64_t done_bytes, int64_t all_bytes)
+{
+    const recover_job &self = job_of(context);
+    if (all_bytes > 0) {
+        terminal_show_progress(
+            "Recovering  " + self.broken.path +
+            format_text("  %d %%", static_cast<int>(100 * done_bytes / all_bytes)));
+    }
+    return interruption_signal();
+}
+
+static void note_frame(void *context, const recovery_frame_t *frame)
+{
+    recover_job &self = job_of(context);
+    self.last_ms = frame->time_ms;
+    const bool is_key = (frame->flags & MUX_FRAME_KEY) != 0;
+    if (frame->type == MUX_TYPE_VIDEO && self.trial.size() < kTrialPictures &&
+        (is_key || !self.trial.empty())) {
+        self.trial.push_back({frame->offset, frame->size});
+    }
+}
+
+static void note_hole(void *context, const recovery_hole_t *hole)
+{
+    recover_job &self = job_of(context);
+    const recover_hole place = {hole->offset, hole->bytes, self.last_ms};
+    if (hole->is_end != 0) {
+        self.outcome.end = place;
+    } else {
+        self.outcome.holes.push_back(place);
+    }
+}
+
+static void open_media(recover_job &self)
+{
+    const std::string &path = self.broken.path;
+    if (self.broken.is_in_use) {
+        throw failure(exit_code::input, path + ": is being recorded now");
+    }
+    if (!recover_file_open(self.media, path, self.options.in_place)) {
+        const std::string reason = errno == EINVAL ? "is not a regular file" : std::strerror(errno);
+        throw failure(exit_code::input, path + ": " + reason);
+    }
+    self.input.media = recover_file_source(self.media);
+}
+
+// A file beside the recording that cannot be read is left out.
+static const recovery_source_t *open_beside(recover_job &self, recover_file &file,
+                                            recovery_source_t &source, const std::string &path)
+{
+    if (path.empty()) {
+        return nullptr;
+    }
+    if (!recover_file_open(file, path, false)) {
+        self.outcome.remarks.push_back(path + ": " + std::strerror(errno) + "; not used");
+        return nullptr;
+    }
+    source = recover_file_source(file);
+    return &source;
+}
+
+static void open_all(recover_job &self)
+{
+    open_media(self);
+    self.input.journal = open_beside(self, self.journal, self.journal_source, self.broken.journal);
+    for (size_t i = 0; i < self.tables.size(); i++) {
+        self.input.tables[i] =
+            open_beside(self, self.tables[i], self.table_sources[i], self.broken.tables[i]);
+    }
+    if (const auto rate = parse_frame_rate(self.options.frame_rate)) {
+        self.input.frame_rate_num = static_cast<uint32_t>(rate->num);
+        self.input.frame_rate_den = static_cast<uint32_t>(rate->den);
+    }
+    self.input.sample_rate = self.options.sample_rate;
+    self.input.context = &self;
+    self.input.progress = show_progress;
+    self.input.frame = note_frame;
+    self.input.hole = note_hole;
+}
+
+static picture_list read_trial(recover_job &self)
+{
+    picture_list pictures;
+    const recovery_source_t source = recover_file_source(self.media);
+    for (const frame_place &place : self.trial) {
+        std::vector<uint8_t> picture(static_cast<size_t>(place.bytes));
+        if (source.read_at(source.context, place.offset, picture.data(), place.bytes) ==
+            place.bytes) {
+            pictures.push_back(std::move(picture));
+        }
+    }
+    return pictures;
+}
+
+static std::string finished_text(const recover_job &self)
+{
+    std::string text = self.broken.path + ": nothing to recover: the file is finished";
+    if (!self.broken.left.empty()) {
+        text += "; to move it to its place: mv " + shell_word(self.broken.path) + " " +
+                shell_word(self.broken.output);
+    }
+    return text + (self.broken.journal.empty()
+                       ? ""
+                       : "; " + self.broken.journal + " is not needed any more");
+}
+
+static std::string no_configuration_text(const recover_job &self)
+{
+    return self.broken.path +
+           ": the pictures have no decoder configuration, and there is no journal of the "
+           "recording. It can come from another recording of the same channel (--like MP4), from "
+           "parameter sets (--parameter-sets FILE)" +
+           (self.options.guess ? "" : ", or be guessed (--guess)");
+}
+
+// in: output_error: the system's reason for a failed write
+[[noreturn]] static void fail(const recover_job &self, int32_t result,
+                              const std::string &output_error)
+{
+    const std::string &path = self.broken.path;
+    std::string message = self.outcome.report.message;
+    if (!message.empty()) { // it follows the path
+        message[0] = static_cast<char>(std::tolower(static_cast<unsigned char>(message[0])));
+    }
+    const std::string reason = self.media.error != 0 ? std::strerror(self.media.error) : message;
+    switch (result) {
+    case RECOVERY_ERR_CANCELLED:
+        throw failure(exit_code_plus(exit_code::aborted, interruption_signal()),
+                      self.options.in_place ? "stopped; nothing is changed"
+                                            : "stopped; no file is made");
+    case RECOVERY_ERR_READ:
+        throw failure(exit_code::input, path + ": cannot be read: " + reason);
+    case RECOVERY_ERR_WRITE:
+        throw failure(exit_code::output, (self.options.in_place ? path : self.outcome.output) +
+                                             ": " + (output_error.empty() ? reason : output_error));
+    case RECOVERY_ERR_WHOLE:
+        throw failure(exit_code::nothing, finished_text(self));
+    case RECOVERY_ERR_CONFIGURATION:
+        throw failure(exit_code::unsupported, no_configuration_text(self));
+    case RECOVERY_ERR_FORMAT:
+    case RECOVERY_ERR_NOTHING:
+        throw failure(exit_code::input, path + ": " + message);
+    case RECOVERY_ERR_HOLES:
+        throw failure(exit_code::unsupported,
+                      path + ": has holes, and can only be recovered to another file: "
+                             "leave out --in-place");
+    default:
+        throw failure(exit_code::component, path + ": " + message);
+    }
+}
+
+using attempt = int32_t (*)(recover_job &self, const work_folder &folder);
+
+static int32_t run_once(recover_job &self, const work_folder &folder, attempt run)
+{
+    self.outcome.holes.clear();
+    self.outcome.end.reset();
+    self.trial.clear();
+    self.last_ms = 0;
+    const int32_t result = run(self, folder);
+    terminal_show_progress("");
+    return result;
+}
+
+// A recording without a journal and without parameter sets in band gets them from elsewhere.
+static int32_t run_with_configuration(recover_job &self, const work_folder &folder, attempt run)
+{
+    const int32_t first = run_once(self, folder, run);
+    if (first != RECOVERY_ERR_CONFIGURATION) {
+        return first;
+    }
+    if (self.trial.empty()) {
+        recovery_report_t report;
+        (void)recovery_scan(&self.input, &report);
+    }
+    const std::optional<found_configuration> found = recover_configuration_find(
+        self.options, self.broken, read_trial(self), self.outcome.remarks);
+    if (!found) {
+        return first;
+    }
+    self.outcome.configuration = found->source;
+    self.outcome.is_guess = found->is_guess;
+    self.input.configuration = found->bytes.data();
+    self.input.configuration_bytes = static_cast<int32_t>(found->bytes.size());
+    return run_once(self, folder, run);
+}
+
+// The caches of the recorder.
+struct lent_memory {
+    std::vector<uint8_t> cache, close;
+    mp4_mux_closemem_t close_memory = {};
+};
+
+static mp4_mux_init_t make_init(lent_memory &memory, const std::string &scratch)
+{
+    const mux_memory sizes;
+    memory.cache.resize(static_cast<size_t>(sizes.output) + static_cast<size_t>(sizes.video) +
+                        static_cast<size_t>(sizes.audio));
+    memory.close.resize(static_cast<size_t>(sizes.close));
+    memory.close_memory = {.m_pMem = memory.close.data(), .m_iSize = sizes.close};
+    mp4_mux_init_t init = {};
+    mux_file_set_callbacks(init);
+    init.m_pCacheMem = memory.cache.data();
+    init.m_iCacheSize = sizes.output;
+    init.m_iVideoCacheSize = sizes.video;
+    init.m_iAudioCacheSize = sizes.audio;
+    init.m_pszTempDir = scratch.c_str();
+    return init;
+}
+
+static int32_t write_file(recover_job &self, const work_folder &folder)
+{
+    lent_memory memory;
+    const std::string scratch = work_folder_path(folder, "");
+    std::string path = work_folder_path(folder, kWorkMovie);
+    mp4_mux_init_t init = make_init(memory, scratch);
+    init.m_pOutput = path.data();
+    return recovery_write(&self.input, &init, &memory.close_memory, &self.outcome.report);
+}
+
+static int32_t finish_in_place(recover_job &self, const work_folder &folder)
+{
+    lent_memory memory;
+    const std::string scratch = work_folder_path(folder, "");
+    const mp4_mux_init_t init = make_init(memory, scratch);
+    const recovery_target_t target = recover_file_target(self.media);
+    return recovery_in_place(&self.input, &target, &init, &memory.close_memory,
+                             &self.outcome.report);
+}
+
+static void read_back(recover_job &self, int file)
+{
+    self.outcome.file = file >= 0 ? finished_file_read(file) : std::nullopt;
+    if (!self.outcome.file) {
+        throw failure(exit_code::component, "the recovered file is not valid");
+    }
+    for (const std::string &remark : finished_file_remarks(*self.outcome.file)) {
+        self.outcome.remarks.push_back(remark);
+    }
+}
+
+static void recover_to_output(recover_job &self)
+{
+    const std::string output =
+        self.options.output.empty() ? self.broken.output : self.options.output;
+    self.outcome.output = output;
+    const std::unique_ptr<work_folder> folder = work_folder_make(output, self.options.force);
+    output_place_check_inputs(output, {self.broken.path, self.broken.journal, self.options.like,
+                                       self.options.parameter_sets});
+    const int32_t result = run_with_configuration(self, *folder, write_file);
+    if (result != RECOVERY_DONE) {
+        fail(self, result, mux_file_write_error());
+    }
+    work_folder_sync(*folder, kWorkMovie);
+    const int file = openat(folder->folder.descriptor, kWorkMovie, O_RDONLY | O_CLOEXEC);
+    read_back(self, file);
+    close(file);
+    work_folder_publish(*folder, kWorkMovie);
+    (void)fsync(folder->place->directory); // not every file system can
+}
+
+// The file is on the storage: its journal is not needed any more.
+static void remove_journal(const recover_job &self)
+{
+    if (self.broken.journal.empty()) {
+        return;
+    }
+    const fs::path path = self.broken.journal; // or a link to it
+    std::error_code ignored;
+    fs::remove(fs::canonical(path, ignored), ignored);
+    fs::remove(path, ignored);
+    const std::string parent = path.has_parent_path() ? path.parent_path().string() : ".";
+    const int directory = open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (directory >= 0) {
+        (void)fsync(directory);
+        close(directory);
+    }
+}
+
+// The muxer's scratch files are elsewhere: the storage of the recording may be full.
+static void recover_in_place(recover_job &self)
+{
+    self.outcome.is_in_place = true;
+    const fs::path scratch = fs::temp_directory_path() / ("tdmbrec-" + std::to_string(getpid()));
+    const std::unique_ptr<work_folder> folder = work_folder_make(scratch, true);
+    const int32_t result = run_with_configuration(self, *folder, finish_in_place);
+    if (result != RECOVERY_DONE) {
+        const int error = self.media.error;
+        fail(self, result, error != 0 ? std::strerror(error) : mux_file_write_error());
+    }
+    self.outcome.output = self.broken.path;
+    read_back(self, self.media.descriptor);
+    remove_journal(self);
+}
+
+// returns: what the cut frame was, from its first bytes
+static std::string end_kind(recover_job &self)
+{
+    static constexpr size_t kLengthBytes = 4;
+    uint8_t head[kLengthBytes + 1] = {};
+    const recovery_source_t source = recover_file_source(self.media);
+    if (source.read_at(source.context, self.outcome.end->offset, head, sizeof head) < 2) {
+        return "a frame";
+    }
+    const int id_syn_ele = head[0] >> 5; // of AAC: 0 a single channel, 1 a pair
+    const bool is_length = head[0] == 0; // of less than 16 MiB
+    const int nal_unit_type = head[kLengthBytes] & 0x1F;
+    const bool is_picture = is_length && (head[1] | head[2] | head[3]) != 0 &&
+                            (head[kLengthBytes] & 0x80) == 0 && nal_unit_type != 0 &&
+                            nal_unit_type <= 9;
+    return is_picture                                                     ? "a picture"
+           : id_syn_ele == self.outcome.report.channels - 1 && !is_length ? "a sound frame"
+                                                                          : "no frame";
+}
+
+static void complete_outcome(recover_job &self)
+{
+    recover_outcome &outcome = self.outcome;
+    if (outcome.end) {
+        outcome.end_kind = end_kind(self);
+    }
+    if (outcome.report.configuration_from == RECOVERY_FROM_JOURNAL) {
+        outcome.configuration = "the journal";
+    } else if (outcome.report.configuration_from == RECOVERY_FROM_MEDIA) {
+        outcome.configuration = "the pictures themselves";
+        const trial_verdict verdict = picture_trial_run({}, read_trial(self));
+        if (!is_accepted(verdict)) {
+            outcome.remarks.push_back("the decoder complains about the first pictures with the "
+                                      "parameter sets in them");
+        }
+    }
+    const int flaws = (outcome.report.holes != 0 ? kRecoveredWithHoles : 0) |
+                      (outcome.is_guess ? kRecoveredWithGuess : 0);
+    outcome.status = flaws != 0 ? static_cast<int>(exit_code_plus(exit_code::recovered, flaws)) : 0;
+}
+
+void recover_job_run(const recover_options &options, const broken_recording &broken,
+                     recover_outcome &outcome)
+{
+    recover_job self = {.options = options, .broken = broken, .outcome = outcome};
+    open_all(self);
+    if (options.in_place) {
+        recover_in_place(self);
+    } else {
+        recover_to_output(self);
+    }
+    complete_outcome(self);
+}

@@ -1,0 +1,32 @@
+// Finds what interrupted recordings have left.
+#ifndef CLIENT_RECOVER_SEARCH_H
+#define CLIENT_RECOVER_SEARCH_H
+
+#include "client/locked_folder.h"
+#include "recovery/recovery.h"
+
+#include <array>
+#include <memory>
+#include <string>
+#include <vector>
+
+// An interrupted recording. Its folder stays locked as long as the record exists.
+struct broken_recording {
+    std::string path;                                     // of the media, for the user
+    std::string journal;                                  // empty: there is none
+    std::array<std::string, RECOVERY_TABLE_COUNT> tables; // scratch files; empty: there is none
+    std::string output;     // a name beside it that does not exist yet, for the recovered file
+    std::string neighbours; // the folder in which other recordings of the channel may be
+    std::string left;       // the folder that "record" left; empty for a file of its own
+    std::unique_ptr<found_folder> lock; // null: the recording is in no folder that is locked
+    bool is_in_use = false;             // another process writes it, or recovers it in place
+};
+
+// Looks at a file; at a folder that "record" left; or into any other folder for such folders, for
+// files with a journal, and for files that begin as a recording and have no movie box.
+// in: to_change: the recordings will be changed
+// returns: what was found, sorted; empty when a folder holds nothing
+// throws: `failure` when the path cannot be read
+std::vector<broken_recording> recover_search(const std::string &path, bool to_change);
+
+#endif // CLIENT_RECOVER_SEARCH_H
