@@ -43,14 +43,14 @@ static void look_up_time(recovery_job *job, stream_frame *frame)
     }
 }
 
-// Notes the first picture with parameter sets, and a sound frame of silence.
-// returns: false when the frame cannot be shown
+// Notes the first picture with parameter sets, and whether the only sound is the silence at the
+// end. returns: false when the frame cannot be shown
 static bool inspect_frame(recovery_job *job, const stream_frame *frame)
 {
     const recovery_report_t *const report = job->report;
     const bool is_picture = frame->type == MUX_TYPE_VIDEO;
+    job->has_only_silence = false;
     if (is_picture ? job->sets_bytes != 0 : report->sounds != 0) {
-        job->has_only_silence = job->has_only_silence && is_picture;
         return true;
     }
     const uint8_t *const bytes = show_part(&job->media, frame->offset, frame->size);
@@ -58,7 +58,7 @@ static bool inspect_frame(recovery_job *job, const stream_frame *frame)
         return frame->size == 0;
     }
     if (!is_picture) {
-        job->has_only_silence = frame->size == sizeof(kSilentFrame) && !frame->is_journaled &&
+        job->has_only_silence = frame->size == sizeof(kSilentFrame) &&
                                 memcmp(bytes, kSilentFrame, sizeof(kSilentFrame)) == 0;
         return true;
     }
@@ -199,7 +199,8 @@ static int32_t pass_frame(recovery_job *job, const stream_frame *frame, void *co
                           int32_t (*visit)(void *context, const recovery_frame_t *frame))
 {
     const uint32_t time_ms = frame_times_next(&job->times, frame);
-    const bool is_silence = frame->type == MUX_TYPE_AUDIO && job->has_only_silence;
+    const bool is_silence =
+        frame->type == MUX_TYPE_AUDIO && !frame->is_timed && job->has_only_silence;
     const recovery_frame_t passed = {.type = frame->type,
                                      .flags = frame->flags,
                                      .offset = frame->offset,

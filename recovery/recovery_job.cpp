@@ -1,5 +1,6 @@
 #include "recovery/recovery_job.h"
 
+#include "recovery/movie_check.h"
 #include "recovery/recorder_settings.h"
 
 #include <cstdio>
@@ -145,6 +146,15 @@ static int32_t find_media(recovery_job *job)
     return find_media_bounds(&job->media, &job->bounds) ? RECOVERY_DONE : fail_to_read(job);
 }
 
+// A recording can have all of its movie box and lack media data: a storage writes in any order.
+static bool is_whole(recovery_job *job)
+{
+    const media_bounds *const bounds = &job->bounds;
+    const bool is_of_recorder = bounds->begin == kRecorderHeadBytes;
+    return bounds->has_movie && !bounds->is_movie_cut &&
+           !(is_of_recorder && has_lost_media(&job->media, bounds->begin, bounds->end));
+}
+
 // What the head of the file says counts only without a journal.
 static int32_t judge_bounds(recovery_job *job)
 {
@@ -154,7 +164,7 @@ static int32_t judge_bounds(recovery_job *job)
     if (job->bounds.head == kHeadForeign) {
         return fail_recovery(job, RECOVERY_ERR_FORMAT, "The file is not one of the recorder");
     }
-    if (job->bounds.has_movie && !job->bounds.is_movie_cut) {
+    if (is_whole(job)) {
         return fail_recovery(job, RECOVERY_ERR_WHOLE,
                              "The recording is complete: there is nothing to recover");
     }
