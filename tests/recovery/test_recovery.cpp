@@ -15,6 +15,7 @@ const options kSetups[] = {
     {.name = "no sound", .has_sound = false, .pictures = 8},
     {.name = "mono", .channels = 1, .pictures = 8},
     {.name = "one group", .frames_of_group = 100, .pictures = 8},
+    {.name = "several slices", .slices = 3},
 };
 
 size_t whole_frames(const recording &of, size_t media_bytes)
@@ -49,6 +50,25 @@ TEST(Recovery, EqualsTheNormalStopWhereverTheMediaIsCut)
             ASSERT_EQ(got.report.pictures + got.report.sounds, frames);
             ASSERT_TRUE(frames == 0 || got.file == expected[frames])
                 << how.name << ", " << bytes << " bytes";
+        }
+    }
+}
+
+// The frames after the last group come back by their own syntax.
+TEST(Recovery, ContinuesAfterTheJournal)
+{
+    for (const options &how : kSetups) {
+        const recording r = make_recording(how);
+        const size_t groups = r.journal_ends.size() > 2 ? r.journal_ends.size() / 2 : 0;
+        const Bytes journal = cut(r.journal, r.journal_ends[groups]);
+        const size_t journaled = r.journaled[groups];
+        const size_t first_bytes = journaled > 0 ? r.ends[journaled - 1] : 0;
+        for (size_t bytes = first_bytes; bytes <= r.media.size(); bytes++) {
+            const result got = recover(cut(r.media, bytes), &journal);
+            const size_t frames = whole_frames(r, bytes);
+            ASSERT_EQ(got.report.pictures + got.report.sounds, frames)
+                << how.name << ", " << bytes << " bytes: " << got.report.message;
+            ASSERT_EQ(got.report.journaled_frames, journaled);
         }
     }
 }
