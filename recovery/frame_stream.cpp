@@ -134,6 +134,7 @@ stream_result frame_stream_next(frame_stream *stream, stream_frame *frame)
                           .offset = journaled.offset,
                           .size = static_cast<int32_t>(journaled.bytes),
                           .time_ms = journaled.time_ms,
+                          .is_timed = true,
                           .is_journaled = true};
                 return pass_frame(stream, frame);
             }

@@ -14,7 +14,8 @@ struct stream_frame {
     uint32_t flags;
     int64_t offset;
     int32_t size;
-    uint32_t time_ms; // of a journaled frame
+    uint32_t time_ms; // if it is known
+    bool is_timed;
     bool is_journaled;
     int64_t skipped_bytes; // between the last frame and this one
 };

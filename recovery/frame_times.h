@@ -14,6 +14,7 @@ struct frame_times {
     uint32_t delta_ms[2];
     bool has_time[2];
     int64_t inexact_frames;
+    int64_t inexact_pictures;
 };
 
 void frame_times_note(frame_times *times, const stream_frame *frame);

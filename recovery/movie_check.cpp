@@ -1,5 +1,6 @@
 #include "recovery/movie_check.h"
 
+#include <algorithm>
 #include <cstring>
 #include <initializer_list>
 
@@ -7,6 +8,8 @@ static constexpr int64_t kBoxHeaderBytes = 8;
 static constexpr int64_t kTableHeaderBytes = 16;     // with version, flags and count
 static constexpr int64_t kSizeTableHeaderBytes = 20; // stsz has one field more
 static constexpr int kMostDepth = 8;
+static constexpr int64_t kChunkBytes = 1 << 16;
+static constexpr int64_t kLostZeros = 128; // what is lost is at least a block of the storage
 
 namespace {
 
@@ -179,4 +182,24 @@ bool is_movie_complete(media_window *window, int64_t position)
         }
     }
     return check.has_header && check.tracks > 0;
+}
+
+bool has_lost_media(media_window *window, int64_t begin, int64_t end)
+{
+    int64_t zeros = 0;
+    int64_t available = 0;
+    for (int64_t at = begin; at < end; at += available) {
+        const uint8_t *const bytes =
+            media_window_show(window, at, std::min(kChunkBytes, end - at), &available);
+        if (bytes == nullptr) {
+            return false;
+        }
+        for (int64_t i = 0; i < available && zeros < kLostZeros; i++) {
+            zeros = bytes[i] == 0 ? zeros + 1 : 0;
+        }
+        if (zeros >= kLostZeros) {
+            return true;
+        }
+    }
+    return false;
 }

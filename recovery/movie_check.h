@@ -11,4 +11,7 @@
 // in: position: of the movie box
 [[nodiscard]] bool is_movie_complete(media_window *window, int64_t position);
 
+// Looks for a part of the media data that never reached the storage: more zeros than any frame has.
+[[nodiscard]] bool has_lost_media(media_window *window, int64_t begin, int64_t end);
+
 #endif // RECOVERY_MOVIE_CHECK_H

@@ -1,5 +1,6 @@
 #include "recovery/recovery.h"
 
+#include "recovery/frame_passes.h"
 #include "recovery/in_place.h"
 #include "recovery/recovery_job.h"
 #include "recovery/remux.h"

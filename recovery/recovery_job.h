@@ -5,6 +5,7 @@
 #include "recovery/frame_stream.h"
 #include "recovery/frame_times.h"
 #include "recovery/recovery.h"
+#include "recovery/scratch_tables.h"
 
 #include <cstdint>
 
@@ -19,6 +20,8 @@ struct recovery_job {
     journal_settings_t settings; // of the journal, or those that every recording has
     sound_format sound;
     frame_times times;
+    scratch_tables tables;
+    bool has_tables; // they give times
 
     // What the scan finds.
     int64_t sets_offset; // of the first picture with an SPS and a PPS
@@ -28,13 +31,10 @@ struct recovery_job {
     int64_t last_end;      // of the last whole frame
     uint8_t *record;       // decoder configuration made from the media
 
-    int64_t passed_bytes; // of the passes before this one
-    int64_t next_progress_bytes;
+    int64_t passed_bytes;   // of the passes before this one
+    int64_t progress_bytes; // as last reported
     int32_t passes;
 };
-
-// The sound frame that the recorder adds to a recording with pictures alone.
-inline constexpr uint8_t kSilentFrame[] = {0x20, 0, 0, 0, 0, 0, 0x0E};
 
 // Sets the message of a failure.
 // returns: code
@@ -48,15 +48,6 @@ int32_t fail_recovery(recovery_job *job, int32_t code, const char *message);
 
 // Frees the memory.
 void close_job(recovery_job *job);
-
-// Finds the frames and fills the report.
-[[nodiscard]] int32_t scan_frames(recovery_job *job);
-
-// Passes each frame of a second pass to `visit`, and frames and holes to the caller's callbacks.
-// in: visit: returns 0 to continue; may be null
-// returns: RECOVERY_DONE, RECOVERY_ERR_…, or what visit returned
-[[nodiscard]] int32_t visit_frames(recovery_job *job, void *context,
-                                   int32_t (*visit)(void *context, const recovery_frame_t *frame));
 
 // returns: the result of the failure that the window had
 int32_t fail_to_read(recovery_job *job);

@@ -1,5 +1,6 @@
 #include "recovery/remux.h"
 
+#include "recovery/frame_passes.h"
 #include "recovery/recorder_settings.h"
 
 #include <cstdio>

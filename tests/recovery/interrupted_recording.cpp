@@ -34,6 +34,23 @@ static std::vector<Bytes> encode_sounds(const options &how, size_t count)
     return sounds;
 }
 
+// The slices of a picture, whose first macroblocks have other numbers, up to four.
+static std::vector<Bytes> make_slices(const options &how, size_t index)
+{
+    static constexpr uint8_t kFirstMacroblocks[] = {0x9A, 0x5A, 0x7A, 0x2A}; // 0, 1, 2, 4
+    std::vector<Bytes> slices;
+    for (size_t i = 0; i < how.slices; i++) {
+        Bytes slice(40 + index * 7 % 50);
+        for (size_t at = 0; at < slice.size(); at++) {
+            slice[at] = static_cast<uint8_t>(1 + (at * 37 + index) % 255);
+        }
+        slice[0] = index % 5 == 0 ? 0x65 : 0x41;
+        slice[1] = kFirstMacroblocks[i];
+        slices.push_back(slice);
+    }
+    return slices;
+}
+
 // A picture as the recorder writes it: each unit after its length.
 static frame make_picture(const options &how, size_t index)
 {
@@ -41,7 +58,9 @@ static frame make_picture(const options &how, size_t index)
                      .bytes = {},
                      .time_ms = static_cast<uint32_t>(index * 1000 / kPicturesPerSecond),
                      .is_key = false};
-    for (const Bytes &unit : split_nal_units(sample_programme().access_units[index])) {
+    for (const Bytes &unit : how.slices > 1
+                                 ? make_slices(how, index)
+                                 : split_nal_units(sample_programme().access_units[index])) {
         const int type = unit[0] & 0x1F;
         picture.is_key = picture.is_key || type == 5;
         if (how.has_sets_in_band || (type != 7 && type != 8)) {

@@ -27,6 +27,7 @@ struct options {
     int32_t sample_rate = 48000;
     size_t frames_of_group = 6;
     size_t pictures = 12;
+    size_t slices = 1; // above 1: of a picture that is made up
 };
 
 struct recording {

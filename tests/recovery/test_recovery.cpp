@@ -15,6 +15,7 @@ const options kSetups[] = {
     {.name = "no sound", .has_sound = false, .pictures = 8},
     {.name = "mono", .channels = 1, .pictures = 8},
     {.name = "one group", .frames_of_group = 100, .pictures = 8},
+    {.name = "several slices", .slices = 3},
 };
 
 size_t whole_frames(const recording &of, size_t media_bytes)
@@ -49,6 +50,25 @@ TEST(Recovery, EqualsTheNormalStopWhereverTheMediaIsCut)
             ASSERT_EQ(got.report.pictures + got.report.sounds, frames);
             ASSERT_TRUE(frames == 0 || got.file == expected[frames])
                 << how.name << ", " << bytes << " bytes";
+        }
+    }
+}
+
+// The frames after the last group come back by their own syntax.
+TEST(Recovery, ContinuesAfterTheJournal)
+{
+    for (const options &how : kSetups) {
+        const recording r = make_recording(how);
+        const size_t groups = r.journal_ends.size() > 2 ? r.journal_ends.size() / 2 : 0;
+        const Bytes journal = cut(r.journal, r.journal_ends[groups]);
+        const size_t journaled = r.journaled[groups];
+        const size_t first_bytes = journaled > 0 ? r.ends[journaled - 1] : 0;
+        for (size_t bytes = first_bytes; bytes <= r.media.size(); bytes++) {
+            const result got = recover(cut(r.media, bytes), &journal);
+            const size_t frames = whole_frames(r, bytes);
+            ASSERT_EQ(got.report.pictures + got.report.sounds, frames)
+                << how.name << ", " << bytes << " bytes: " << got.report.message;
+            ASSERT_EQ(got.report.journaled_frames, journaled);
         }
     }
 }
@@ -182,6 +202,69 @@ TEST(Recovery, UsesOfAJournalWhatDescribesTheMedia)
         EXPECT_EQ(got.report.journaled_frames, tried.journaled_frames) << tried.name;
         EXPECT_EQ(got.report.pictures + got.report.sounds, all - tried.lost_frames) << tried.name;
         EXPECT_EQ(got.report.holes, 0u) << tried.name;
+    }
+}
+
+Bytes zeroed(Bytes bytes, size_t begin, size_t end)
+{
+    std::fill(bytes.begin() + static_cast<ptrdiff_t>(begin),
+              bytes.begin() + static_cast<ptrdiff_t>(std::min(end, bytes.size())), uint8_t{0});
+    return bytes;
+}
+
+TEST(Recovery, CompletesACloseThatLostAnyBlock)
+{
+    static constexpr size_t kBlockBytes = 512;
+    const recording r = make_recording({.name = "closed", .pictures = 40});
+    const Bytes finished = normal_stop(r, r.frames.size());
+    EXPECT_EQ(recover(finished, nullptr).code, RECOVERY_ERR_WHOLE);
+    EXPECT_EQ(recover(finished, &r.journal).code, RECOVERY_ERR_WHOLE);
+    const size_t media_bytes = r.media.size();
+    for (size_t bytes = media_bytes; bytes < finished.size(); bytes += 3) {
+        ASSERT_TRUE(recover(cut(finished, bytes), &r.journal).file == finished) << bytes;
+    }
+    const size_t first_block = media_bytes / kBlockBytes;
+    for (size_t at = first_block * kBlockBytes; at < finished.size(); at += kBlockBytes) {
+        const Bytes lost = zeroed(finished, std::max(at, media_bytes), at + kBlockBytes);
+        ASSERT_TRUE(lost == finished || recover(lost, &r.journal).file == finished) << at;
+        ASSERT_EQ(recover(lost, nullptr, programme_sets()).code,
+                  lost == finished ? RECOVERY_ERR_WHOLE : RECOVERY_DONE)
+            << at;
+    }
+    for (size_t bytes = 1; bytes <= 4; bytes++) { // of the size of the media data, cut
+        const Bytes torn = zeroed(finished, 28 + 4 - bytes, 32);
+        EXPECT_TRUE(recover(torn, &r.journal).file == finished) << bytes;
+        EXPECT_EQ(recover(cut(torn, media_bytes), nullptr, programme_sets()).report.sounds,
+                  recover(r.media, &r.journal).report.sounds)
+            << bytes;
+    }
+}
+
+TEST(Recovery, RefusesWhatItCannotRecover)
+{
+    const recording r = make_recording(kSetups[0]);
+    const recording other = make_recording(kSetups[1]);
+    const struct {
+        const char *name;
+        Bytes media;
+        const Bytes *journal;
+        int32_t code;
+    } cases[] = {
+        {"nothing", {}, nullptr, RECOVERY_ERR_NOTHING},
+        {"a head alone", cut(r.media, 36), &r.journal, RECOVERY_ERR_NOTHING},
+        {"zeros", Bytes(5000), nullptr, RECOVERY_ERR_NOTHING},
+        {"other bytes", r.journal, nullptr, RECOVERY_ERR_FORMAT},
+        {"no parameter sets", r.media, nullptr, RECOVERY_ERR_CONFIGURATION},
+        {"a lost head", zeroed(r.media, 0, 36), &r.journal, RECOVERY_DONE},
+        {"parameter sets in band", other.media, nullptr, RECOVERY_DONE},
+        {"a lost part of finished media", zeroed(normal_stop(r, 20), 200, 800), &r.journal,
+         RECOVERY_DONE},
+        {"the same in band, without the journal", zeroed(normal_stop(other, 20), 5000, 5512),
+         nullptr, RECOVERY_DONE},
+    };
+    for (const auto &tried : cases) {
+        const result got = recover(tried.media, tried.journal);
+        EXPECT_EQ(got.code, tried.code) << tried.name << ": " << got.report.message;
     }
 }
 
