@@ -49,22 +49,26 @@ static void fail(bit_reader *in, const char *fault)
     }
 }
 
-// returns: at least the next 57 bits, the first one highest
-static uint64_t peek(const bit_reader *in)
+// Written so that compilers make it one load.
+static inline uint64_t read_be64(const uint8_t *bytes)
 {
-    const int32_t first = in->position / 8;
-    uint64_t bits = 0;
+    return uint64_t{bytes[0]} << 56 | uint64_t{bytes[1]} << 48 | uint64_t{bytes[2]} << 40 |
+           uint64_t{bytes[3]} << 32 | uint64_t{bytes[4]} << 24 | uint64_t{bytes[5]} << 16 |
+           uint64_t{bytes[6]} << 8 | uint64_t{bytes[7]};
+}
+
+// returns: at least the next 57 bits, the first one highest
+static inline uint64_t peek(const bit_reader *in)
+{
+    const int32_t first = in->position >> 3; // cheaper than a division of a signed number
     if (first + 8 <= in->count) {
-        const uint8_t *const at = in->bytes + first;
-        for (int32_t i = 0; i < 8; i++) { // one load
-            bits = bits << 8 | at[i];
-        }
-    } else {
-        for (int32_t i = 0; i < 8; i++) {
-            bits = bits << 8 | (first + i < in->count ? in->bytes[first + i] : 0U);
-        }
+        return read_be64(in->bytes + first) << (in->position & 7);
     }
-    return bits << (in->position % 8);
+    uint8_t last[8] = {};
+    for (int32_t i = 0; first + i < in->count; i++) {
+        last[i] = in->bytes[first + i];
+    }
+    return read_be64(last) << (in->position & 7);
 }
 
 static uint32_t get(bit_reader *in, int32_t count)
@@ -191,15 +195,27 @@ static void read_values(bit_reader *in, uint32_t book, const aac_codeword *word,
     }
 }
 
-static void skip_values(bit_reader *in, const aac_codeword *word)
+// Passes over the codewords of a band, with their signs and escapes. Most bits are read here.
+// returns: the largest magnitude, at most kAacEscapeMark
+static uint32_t skip_band(frame_reader *frame, uint32_t book, int32_t width)
 {
-    in->position += static_cast<int32_t>(word->signs);
-    for (uint32_t escapes = word->escapes; escapes != 0; escapes &= escapes - 1) {
-        (void)get_escape(in);
+    bit_reader in = frame->in; // in registers
+    const int32_t group = book <= 4 ? 4 : 2;
+    uint32_t largest = 0;
+    for (int32_t k = 0; k < width; k += group) {
+        const aac_codeword *const word = find_aac_codeword(frame->codewords, book, peek(&in));
+        in.position += static_cast<int32_t>(word->length + word->signs);
+        largest = std::max<uint32_t>(largest, word->largest);
+        for (uint32_t escapes = word->escapes; escapes != 0; escapes &= escapes - 1) {
+            (void)get_escape(&in);
+        }
     }
+    frame->in = in;
+    return largest;
 }
 
-// returns: the largest magnitude, at most kAacEscapeMark
+// Reads the values of a band.
+// returns: as skip_band
 static uint32_t read_band(frame_reader *frame, uint32_t book, int32_t width, int16_t *quantised)
 {
     bit_reader *const in = &frame->in;
@@ -208,11 +224,7 @@ static uint32_t read_band(frame_reader *frame, uint32_t book, int32_t width, int
     for (int32_t k = 0; k < width; k += group) {
         const aac_codeword *const word = find_aac_codeword(frame->codewords, book, peek(in));
         in->position += static_cast<int32_t>(word->length);
-        if (quantised != nullptr) {
-            read_values(in, book, word, quantised + k);
-        } else {
-            skip_values(in, word);
-        }
+        read_values(in, book, word, quantised + k);
         largest = std::max<uint32_t>(largest, word->largest);
     }
     return largest;
@@ -227,8 +239,10 @@ static void read_spectral_data(frame_reader *frame, const channel_state *channel
     for (int32_t band = 0; band < frame->bands && frame->in.fault == nullptr; band++) {
         const uint8_t book = channel->codebook[band];
         if (book != kZeroBook && book != kNoiseBook) {
-            const uint32_t largest = read_band(frame, book, frame->widths[band],
-                                               quantised != nullptr ? quantised + line : nullptr);
+            const int32_t width = frame->widths[band];
+            const uint32_t largest = quantised != nullptr
+                                         ? read_band(frame, book, width, quantised + line)
+                                         : skip_band(frame, book, width);
             if (largest <= kLargest[(book - 1) / 2]) {
                 fail(&frame->in, "codebook for larger values");
             }

@@ -18,10 +18,6 @@ static constexpr int64_t kLeastCutBytes = 8; // of a cut sound frame that looks 
 static constexpr int64_t kFreeWorkBytes = 256 << 20;
 static constexpr int64_t kWorkPerByte = 64;
 
-// A search for the sound tries this many frames at each of so many places.
-static constexpr int32_t kTriedFrames = 64;
-static constexpr int32_t kTriedPlaces = 16;
-
 // Evidence, in points, that a place is where a frame begins. A sound frame is hardly ever found by
 // chance, a picture sometimes.
 static constexpr int32_t kSoundPoints = 2;
@@ -410,7 +406,7 @@ static void learn(media_walk *walk, const picture_reading *picture, bool follows
     }
 }
 
-walk_result media_walk_next(media_walk *walk, walked_frame *frame)
+static walk_result find_next(media_walk *walk, bool skips_damage, walked_frame *frame)
 {
     walk->end = std::min(walk->end, walk->window->file_bytes);
     const int64_t begin = walk->position;
@@ -418,7 +414,8 @@ walk_result media_walk_next(media_walk *walk, walked_frame *frame)
     bool is_found = false;
     if (begin < walk->end && !is_movie_box_at(walk, begin)) {
         pay(walk, begin);
-        is_found = read_frame(walk, begin, &reading) || resynchronise(walk, begin + 1, &reading);
+        is_found = read_frame(walk, begin, &reading) ||
+                   (skips_damage && resynchronise(walk, begin + 1, &reading));
     }
     if (walk->window->has_failed) {
         return kWalkReadError;
@@ -436,90 +433,12 @@ walk_result media_walk_next(media_walk *walk, walked_frame *frame)
     return kWalkFrame;
 }
 
-// Walks at most `frames` frames, or up to the first damage.
-// returns: the number of sound frames
-static int32_t count_sounds(media_walk *walk, int32_t frames, bool to_damage)
+walk_result media_walk_next(media_walk *walk, walked_frame *frame)
 {
-    int32_t sounds = 0;
-    walked_frame frame;
-    for (int32_t i = 0; i < frames || to_damage; i++) {
-        const int64_t begin = walk->position;
-        if (media_walk_next(walk, &frame) != kWalkFrame) {
-            break;
-        }
-        if (to_damage && frame.skipped_bytes > 0) {
-            walk->position = begin;
-            break;
-        }
-        sounds += frame.type == MUX_TYPE_AUDIO ? 1 : 0;
-    }
-    return sounds;
+    return find_next(walk, true, frame);
 }
 
-// Tries every kind of sound from a place on.
-// returns: whether one was found, which is then set
-static bool try_sounds(media_walk *walk)
+walk_result media_walk_next_intact(media_walk *walk, walked_frame *frame)
 {
-    int32_t most_sounds = 0;
-    const media_walk start = *walk;
-    for (int32_t channels = 2; channels >= 1; channels--) {
-        for (int32_t index = kAacFirstSamplingIndex; index <= kAacLastSamplingIndex; index++) {
-            media_walk trial = start;
-            trial.channels = channels;
-            trial.sampling_index = index;
-            const int32_t sounds = count_sounds(&trial, kTriedFrames, false);
-            if (sounds > most_sounds) {
-                most_sounds = sounds;
-                walk->channels = channels;
-                walk->sampling_index = index;
-            }
-        }
-    }
-    return most_sounds > 0;
-}
-
-bool media_walk_find_sound(media_walk *walk)
-{
-    media_walk search = *walk;
-    search.sampling_index = 0;
-    bool is_found = false;
-    for (int32_t i = 0; i < kTriedPlaces && !is_found && search.position < search.end; i++) {
-        (void)count_sounds(&search, 0, true);
-        media_walk trial = search;
-        is_found = try_sounds(&trial);
-        walk->sampling_index = trial.sampling_index;
-        walk->channels = trial.channels;
-        walked_frame frame;
-        if (!is_found && media_walk_next(&search, &frame) != kWalkFrame) {
-            break;
-        }
-    }
-    return is_found;
-}
-
-bool is_whole_picture(const uint8_t *bytes, int32_t count)
-{
-    bool has_slice = false;
-    for (int64_t at = 0; at < count;) {
-        unit_head head;
-        if (!read_unit_head(bytes + at, count - at, &head) ||
-            head.unit_bytes > count - at - kUnitLengthBytes) {
-            return false;
-        }
-        const uint8_t *const unit = bytes + at + kUnitLengthBytes;
-        if (find_damage(unit, head.unit_bytes) < head.unit_bytes ||
-            unit[head.unit_bytes - 1] == 0) {
-            return false;
-        }
-        has_slice = has_slice || is_slice(head.type);
-        at += kUnitLengthBytes + head.unit_bytes;
-    }
-    return has_slice;
-}
-
-int32_t sound_frame_bytes(const uint8_t *bytes, int32_t count, int32_t sampling_index,
-                          int32_t channels)
-{
-    const aac_frame sound = read_aac_frame(bytes, count, sampling_index, nullptr);
-    return sound.channels == channels ? sound.bytes : 0;
+    return find_next(walk, false, frame);
 }

@@ -54,6 +54,10 @@ enum walk_result {
 // that is not complete, ends the walk.
 [[nodiscard]] walk_result media_walk_next(media_walk *walk, walked_frame *frame);
 
+// Finds the frame at walk->position, as media_walk_next, but skips nothing.
+// returns: kWalkEnd also where no frame is there
+[[nodiscard]] walk_result media_walk_next_intact(media_walk *walk, walked_frame *frame);
+
 // returns: whether the bytes are exactly one picture: units whose lengths add up, with at least one
 //          slice, each ending in its trailing bits and without a sequence that no unit can contain
 [[nodiscard]] bool is_whole_picture(const uint8_t *bytes, int32_t count);

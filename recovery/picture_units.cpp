@@ -1,5 +1,7 @@
 #include "recovery/picture_units.h"
 
+#include "recovery/media_walk.h"
+
 #include <algorithm>
 
 static constexpr uint32_t kFirstMbBits = 13; // most of the ue(v) of a first_mb_in_slice below 2^13
@@ -103,4 +105,24 @@ int64_t find_damage(const uint8_t *bytes, int64_t count)
         }
     }
     return count;
+}
+
+bool is_whole_picture(const uint8_t *bytes, int32_t count)
+{
+    bool has_slice = false;
+    for (int64_t at = 0; at < count;) {
+        unit_head head;
+        if (!read_unit_head(bytes + at, count - at, &head) ||
+            head.unit_bytes > count - at - kUnitLengthBytes) {
+            return false;
+        }
+        const uint8_t *const unit = bytes + at + kUnitLengthBytes;
+        if (find_damage(unit, head.unit_bytes) < head.unit_bytes ||
+            unit[head.unit_bytes - 1] == 0) {
+            return false;
+        }
+        has_slice = has_slice || is_slice(head.type);
+        at += kUnitLengthBytes + head.unit_bytes;
+    }
+    return has_slice;
 }
