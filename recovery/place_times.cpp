@@ -38,18 +38,13 @@ struct moments {
 
 } // namespace
 
-void place_times_begin(place_times *times)
-{
-    *times = {.stride = 1};
-}
-
 static void keep_every_second_place(place_times *times)
 {
     for (int32_t i = 0; i < kPlaces / 2; i++) {
         times->places[i] = times->places[2 * i];
     }
     times->place_count = kPlaces / 2;
-    times->stride *= 2;
+    times->stride = std::max(2 * times->stride, 2U);
 }
 
 // Keeps the place of a picture directly after a sound: the other ones of a burst say nothing new.

@@ -2,7 +2,7 @@
 // without a gap; pictures have their places among them. A recording's pictures and sounds are
 // nearly in the order of their times, but either may come first by a constant time, and in bursts.
 //
-// A first pass notes every frame, a second pass asks for its time.
+// A first pass notes every frame, a second pass asks for its time. The record begins with zeros.
 #ifndef RECOVERY_PLACE_TIMES_H
 #define RECOVERY_PLACE_TIMES_H
 
@@ -44,9 +44,6 @@ struct place_times {
     int32_t passed_gaps;
     int64_t lost_pictures; // in the gaps passed
 };
-
-// Begins the first pass.
-void place_times_begin(place_times *times);
 
 // in: type: MUX_TYPE_… of the next frame in the file
 void place_times_note(place_times *times, int32_t type);

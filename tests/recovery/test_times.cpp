@@ -53,7 +53,6 @@ static std::vector<Event> events_of(const Stream &stream)
 static std::unique_ptr<place_times> note_all(const std::vector<Event> &events)
 {
     auto times = std::make_unique<place_times>();
-    place_times_begin(times.get());
     for (const Event &event : events) {
         place_times_note(times.get(), event.type);
     }
@@ -114,7 +113,7 @@ TEST(PlaceTimes, TakeTheKnownRateAndTheDefault)
     EXPECT_EQ(place_times_next(times.get(), MUX_TYPE_VIDEO), 0u);
     EXPECT_EQ(place_times_next(times.get(), MUX_TYPE_VIDEO), 41u);
 
-    place_times_begin(times.get());
+    *times = {};
     place_times_fit(times.get(), 0, {});
     EXPECT_EQ(place_times_next(times.get(), MUX_TYPE_VIDEO), 0u);
     EXPECT_EQ(place_times_next(times.get(), MUX_TYPE_VIDEO), 33u);
