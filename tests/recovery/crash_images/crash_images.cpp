@@ -26,7 +26,7 @@ static constexpr bool kIsSlow = false;
 #endif
 
 static constexpr unsigned kDefaultSeed = 20091005;
-static constexpr size_t kMostSubsetBits = 6;
+static constexpr size_t kMostSubsetBits = 5;
 static constexpr int64_t kLongTornImages = 16; // of each write, of either kind
 static constexpr int kMostPrintedFaults = 3;   // of each kind
 
@@ -89,7 +89,7 @@ static void judge(const recorded_truth &truth, const crash_case &image_case, run
     const bool may_be_stale = image_case.how.stale != nullptr;
     std::string fault = judge_image(truth, image, may_be_stale, &state->figures);
     if (fault.empty() && !may_be_stale &&
-        (state->tried[image_case.kind] % 16 == 0 || !state->options.only.empty())) {
+        (state->tried[image_case.kind] % 48 == 0 || !state->options.only.empty())) {
         fault = judge_in_place(truth, image, &random, &state->figures);
     }
     if (fault.empty()) {

@@ -125,8 +125,9 @@ static void note_frame(void *context, const recovery_frame_t *frame)
     static_cast<std::vector<recovery_frame_t> *>(context)->push_back(*frame);
 }
 
-static void prepare_run(const recorded_truth &truth, const disk_image &image,
-                        const image_facts &facts, recovery_run *run)
+// Where the journal shows the configuration, the caller gives none.
+static void prepare_run(const recorded_truth &truth, const disk_image &image, bool shows_all,
+                        recovery_run *run)
 {
     run->media = file_of(image, truth.media);
     run->journal = file_of(image, truth.journal);
@@ -138,7 +139,7 @@ static void prepare_run(const recorded_truth &truth, const disk_image &image,
         run->table_sources[i] = source_of(&run->tables[i]);
         run->input.tables[i] = run->tables[i].empty() ? nullptr : &run->table_sources[i];
     }
-    if (!facts.has_journal_head) {
+    if (!shows_all) {
         run->input.configuration = truth.settings.video_configuration.data();
         run->input.configuration_bytes =
             static_cast<int32_t>(truth.settings.video_configuration.size());
@@ -339,7 +340,7 @@ std::string judge_image(const recorded_truth &truth, const disk_image &image, bo
 {
     const image_facts facts = facts_of(truth, image);
     recovery_run run;
-    prepare_run(truth, image, facts, &run);
+    prepare_run(truth, image, facts.has_journal_head && !may_be_stale, &run);
     const int32_t code = recovery_scan(&run.input, &run.report);
     if (code == RECOVERY_ERR_WHOLE) {
         return check_finished(truth, run, facts, may_be_stale, figures);
@@ -360,7 +361,7 @@ std::string describe_image(const recorded_truth &truth, const disk_image &image)
 {
     const image_facts facts = facts_of(truth, image);
     recovery_run run;
-    prepare_run(truth, image, facts, &run);
+    prepare_run(truth, image, facts.has_journal_head, &run);
     const int32_t code = recovery_scan(&run.input, &run.report);
     std::string text = "media " + std::to_string(run.media.size()) + " bytes, head " +
                        std::to_string(facts.has_media_head) + "; journal " +
@@ -435,7 +436,7 @@ static std::string repeat_in_place(const recorded_truth &truth, const disk_image
                                    const Bytes &expected)
 {
     recovery_run run;
-    prepare_run(truth, image, facts_of(truth, image), &run);
+    prepare_run(truth, image, facts_of(truth, image).has_journal_head, &run);
     disk_trace trace;
     const int32_t code = finish_in_place(&run, &trace);
     if (code != RECOVERY_DONE && code != RECOVERY_ERR_WHOLE) {
@@ -484,7 +485,7 @@ std::string judge_in_place(const recorded_truth &truth, const disk_image &image,
 {
     const image_facts facts = facts_of(truth, image);
     recovery_run run;
-    prepare_run(truth, image, facts, &run);
+    prepare_run(truth, image, facts.has_journal_head, &run);
     if (recovery_scan(&run.input, &run.report) != RECOVERY_DONE) {
         return ""; // judged by judge_image
     }
