@@ -89,6 +89,7 @@ static void count_frame(recovery_job *job, const stream_frame *frame)
 
 static int32_t scan_stream(recovery_job *job, frame_stream *stream)
 {
+    frame_times_begin(&job->times);
     int32_t result = begin_pass(job, stream);
     while (result == RECOVERY_DONE) {
         stream_frame frame;
@@ -97,14 +98,15 @@ static int32_t scan_stream(recovery_job *job, frame_stream *stream)
             return RECOVERY_DONE;
         case kStreamReadError:
             return fail_to_read(job);
-        case kStreamFrame:
+        case kStreamLostFrame:
             break;
+        case kStreamFrame:
+            if (!inspect_frame(job, &frame)) {
+                return fail_to_read(job);
+            }
+            look_up_time(job, &frame);
+            count_frame(job, &frame);
         }
-        if (!inspect_frame(job, &frame)) {
-            return fail_to_read(job);
-        }
-        look_up_time(job, &frame);
-        count_frame(job, &frame);
         result = report_progress(job, stream->last_end);
     }
     return result;
@@ -132,7 +134,6 @@ static void forget_scan(recovery_job *job)
 {
     recovery_report_t *const report = job->report;
     job->has_tables = false;
-    job->times = {};
     job->sets_bytes = 0;
     report->pictures = 0;
     report->sounds = 0;
@@ -166,6 +167,24 @@ static int32_t judge_scan(recovery_job *job, const frame_stream *stream)
                                                 "No complete picture is in the recording");
 }
 
+// Several rates can have the same syntax: the one counts at which the pictures have a usual rate.
+static void choose_sample_rate(recovery_job *job)
+{
+    static constexpr int32_t kAlike[][3] = {
+        {48000, 44100, 0}, {24000, 22050, 0}, {16000, 12000, 11025}};
+    if (job->has_journal || job->input->sample_rate != 0 || job->sound.sampling_index == 0) {
+        return;
+    }
+    for (const auto &rates : kAlike) {
+        if (rates[0] == job->settings.input.m_iAudioSampleRate) {
+            const int32_t count = rates[2] != 0 ? 3 : 2;
+            const int32_t chosen = place_times_choose_rate(&job->times.places, rates, count);
+            fill_recorder_settings(&job->settings, chosen, job->sound.channels);
+            job->report->sample_rate = chosen;
+        }
+    }
+}
+
 int32_t scan_frames(recovery_job *job)
 {
     recovery_report_t *const report = job->report;
@@ -184,6 +203,9 @@ int32_t scan_frames(recovery_job *job)
         return result;
     }
     end_pass(job);
+    choose_sample_rate(job);
+    frame_times_fit(&job->times, job->settings.input.m_iAudioSampleRate,
+                    {job->input->frame_rate_num, job->input->frame_rate_den});
     return judge_scan(job, &stream);
 }
 
@@ -217,26 +239,37 @@ static int32_t pass_frame(recovery_job *job, const stream_frame *frame, void *co
     return visit != nullptr ? visit(context, &passed) : RECOVERY_DONE;
 }
 
+static void report_rate(const recovery_job *job)
+{
+    const steady_rate rate = frame_times_rate(&job->times);
+    job->report->frame_rate_num = rate.num;
+    job->report->frame_rate_den = rate.den;
+}
+
 int32_t visit_frames(recovery_job *job, void *context,
                      int32_t (*visit)(void *context, const recovery_frame_t *frame))
 {
     frame_stream stream;
     frame_times_rewind(&job->times);
+    scratch_tables_rewind(&job->tables);
     int32_t result = begin_pass(job, &stream);
     while (result == RECOVERY_DONE) {
         stream_frame frame;
         switch (frame_stream_next(&stream, &frame)) {
         case kStreamEnd:
             report_hole(job, stream.last_end, stream.media_end - stream.last_end, 1);
+            report_rate(job);
             end_pass(job);
             return RECOVERY_DONE;
         case kStreamReadError:
             return fail_to_read(job);
-        case kStreamFrame:
+        case kStreamLostFrame:
+            (void)frame_times_next(&job->times, &frame);
             break;
+        case kStreamFrame:
+            look_up_time(job, &frame);
+            result = pass_frame(job, &frame, context, visit);
         }
-        look_up_time(job, &frame);
-        result = pass_frame(job, &frame, context, visit);
         if (result == RECOVERY_DONE) {
             result = report_progress(job, stream.last_end);
         }

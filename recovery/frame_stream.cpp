@@ -49,6 +49,7 @@ static void teach_walk(frame_stream *stream, int64_t position)
 }
 
 // Continues at `position` with the next group, or with the walk up to it, or up to the end.
+// returns: kStreamEnd, of the part before it
 static stream_result open_next_part(frame_stream *stream, int64_t position)
 {
     stream->has_group = false;
@@ -70,7 +71,7 @@ static stream_result open_next_part(frame_stream *stream, int64_t position)
     if (stream->part == kPartWalk) {
         teach_walk(stream, std::min(position, stream->walk.end));
     }
-    return stream->media->has_failed ? kStreamReadError : kStreamFrame;
+    return stream->media->has_failed ? kStreamReadError : kStreamEnd;
 }
 
 // The walk also ends before a movie box.
@@ -95,6 +96,23 @@ static stream_result pass_frame(frame_stream *stream, stream_frame *frame)
     return kStreamFrame;
 }
 
+static stream_result pass_journaled(frame_stream *stream, const journaled_frame *journaled,
+                                    stream_frame *frame)
+{
+    *frame = {.type = journaled->type,
+              .flags = journaled->flags,
+              .offset = journaled->offset,
+              .time_ms = journaled->time_ms,
+              .is_timed = true,
+              .is_journaled = true,
+              .is_lost = !journaled->is_whole};
+    if (frame->is_lost) {
+        return kStreamLostFrame;
+    }
+    frame->size = static_cast<int32_t>(journaled->bytes);
+    return pass_frame(stream, frame);
+}
+
 static stream_result walk_next(frame_stream *stream, stream_frame *frame)
 {
     walked_frame walked = {};
@@ -117,42 +135,44 @@ static stream_result walk_next(frame_stream *stream, stream_frame *frame)
     return kStreamReadError;
 }
 
+// returns: kStreamEnd when another part is next
+static stream_result next_of_group(frame_stream *stream, stream_frame *frame)
+{
+    journaled_frame journaled;
+    if (journal_frames_next(&stream->journal, &journaled)) {
+        return pass_journaled(stream, &journaled, frame);
+    }
+    note_lesson(stream);
+    return open_next_part(stream, stream->journal.frame_offset);
+}
+
+// returns: kStreamEnd when another part is next
+static stream_result next_of_walk(frame_stream *stream, stream_frame *frame)
+{
+    const stream_result result = walk_next(stream, frame);
+    if (result == kStreamEnd && stream->has_group) {
+        stream->part = kPartGroup;
+        stream->lesson_begin = stream->journal.frame_offset;
+    } else if (result == kStreamEnd) {
+        end_stream(stream);
+    }
+    return result;
+}
+
 stream_result frame_stream_next(frame_stream *stream, stream_frame *frame)
 {
-    while (stream->part != kPartEnded) {
-        stream_result result = kStreamFrame;
-        journaled_frame journaled;
-        if (stream->part == kPartNone) {
+    stream_result result = kStreamEnd;
+    while (result == kStreamEnd && stream->part != kPartEnded) {
+        switch (stream->part) {
+        case kPartGroup:
+            result = next_of_group(stream, frame);
+            break;
+        case kPartWalk:
+            result = next_of_walk(stream, frame);
+            break;
+        default:
             result = open_next_part(stream, stream->bounds.begin);
-        } else if (stream->part == kPartGroup) {
-            if (!journal_frames_next(&stream->journal, &journaled)) {
-                note_lesson(stream);
-                result = open_next_part(stream, stream->journal.frame_offset);
-            } else if (journaled.is_whole) {
-                *frame = {.type = journaled.type,
-                          .flags = journaled.flags,
-                          .offset = journaled.offset,
-                          .size = static_cast<int32_t>(journaled.bytes),
-                          .time_ms = journaled.time_ms,
-                          .is_timed = true,
-                          .is_journaled = true};
-                return pass_frame(stream, frame);
-            }
-        } else {
-            result = walk_next(stream, frame);
-            if (result == kStreamFrame) {
-                return result;
-            }
-            if (result == kStreamEnd && stream->has_group) {
-                stream->part = kPartGroup;
-                stream->lesson_begin = stream->journal.frame_offset;
-            } else if (result == kStreamEnd) {
-                end_stream(stream);
-            }
-        }
-        if (result == kStreamReadError || stream->media->has_failed) {
-            return kStreamReadError;
         }
     }
-    return kStreamEnd;
+    return stream->media->has_failed ? kStreamReadError : result;
 }

@@ -17,6 +17,7 @@ struct stream_frame {
     uint32_t time_ms; // if it is known
     bool is_timed;
     bool is_journaled;
+    bool is_lost;          // a journaled frame whose bytes are not there
     int64_t skipped_bytes; // between the last frame and this one
 };
 
@@ -40,7 +41,7 @@ struct frame_stream {
 void frame_stream_begin(frame_stream *stream, media_window *media, const media_bounds *bounds,
                         const journal_frames *journal, sound_format sound);
 
-enum stream_result { kStreamFrame, kStreamEnd, kStreamReadError };
+enum stream_result { kStreamFrame, kStreamLostFrame, kStreamEnd, kStreamReadError };
 
 [[nodiscard]] stream_result frame_stream_next(frame_stream *stream, stream_frame *frame);
 

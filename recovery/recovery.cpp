@@ -5,17 +5,51 @@
 #include "recovery/recovery_job.h"
 #include "recovery/remux.h"
 
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 static constexpr int32_t kPassesOfScan = 2;
 static constexpr int32_t kPassesOfWrite = 2;
 
+// The job is too large for some stacks.
+// returns: null without memory; the report is cleared in either case
+static recovery_job *new_job(const recovery_input_t *input, recovery_report_t *report)
+{
+    *report = {};
+    recovery_job *const job = static_cast<recovery_job *>(calloc(1, sizeof(recovery_job)));
+    if (job == nullptr) {
+        snprintf(report->message, sizeof(report->message), "%s", kNoMemory);
+        return nullptr;
+    }
+    job->input = input;
+    job->report = report;
+    return job;
+}
+
+static void delete_job(recovery_job *job)
+{
+    if (job != nullptr) {
+        close_job(job);
+    }
+    free(job);
+}
+
 // returns: RECOVERY_DONE when the frames can be muxed
 static int32_t scan_job(recovery_job *job, int32_t passes)
 {
-    *job->report = {};
     const int32_t result = open_job(job, passes);
     return result == RECOVERY_DONE ? scan_frames(job) : result;
+}
+
+static int32_t scan_only(recovery_job *job)
+{
+    const recovery_input_t *const input = job->input;
+    const int32_t result = scan_job(job, kPassesOfScan);
+    const bool is_asked = input->frame != nullptr || input->hole != nullptr;
+    return result == RECOVERY_DONE && (is_asked || job->times.inexact_frames > 0)
+               ? visit_frames(job, nullptr, nullptr)
+               : result;
 }
 
 int32_t recovery_scan(const recovery_input_t *input, recovery_report_t *report)
@@ -23,13 +57,9 @@ int32_t recovery_scan(const recovery_input_t *input, recovery_report_t *report)
     if (input == nullptr || report == nullptr) {
         return RECOVERY_ERR_INVALID;
     }
-    recovery_job job = {.input = input, .report = report};
-    int32_t result = scan_job(&job, kPassesOfScan);
-    const bool is_asked = input->frame != nullptr || input->hole != nullptr;
-    if (result == RECOVERY_DONE && (is_asked || job.times.inexact_frames > 0)) {
-        result = visit_frames(&job, nullptr, nullptr);
-    }
-    close_job(&job);
+    recovery_job *const job = new_job(input, report);
+    const int32_t result = job != nullptr ? scan_only(job) : RECOVERY_ERR_MEMORY;
+    delete_job(job);
     return result;
 }
 
@@ -39,12 +69,12 @@ int32_t recovery_write(const recovery_input_t *input, const mp4_mux_init_t *outp
     if (input == nullptr || output == nullptr || report == nullptr) {
         return RECOVERY_ERR_INVALID;
     }
-    recovery_job job = {.input = input, .report = report};
-    int32_t result = scan_job(&job, kPassesOfWrite);
+    recovery_job *const job = new_job(input, report);
+    int32_t result = job != nullptr ? scan_job(job, kPassesOfWrite) : RECOVERY_ERR_MEMORY;
     if (result == RECOVERY_DONE) {
-        result = remux_frames(&job, output, close_memory, nullptr);
+        result = remux_frames(job, output, close_memory, nullptr);
     }
-    close_job(&job);
+    delete_job(job);
     return result;
 }
 
@@ -78,16 +108,16 @@ int32_t recovery_in_place(const recovery_input_t *input, const recovery_target_t
     if (input == nullptr || target == nullptr || scratch == nullptr || report == nullptr) {
         return RECOVERY_ERR_INVALID;
     }
-    recovery_job job = {.input = input, .report = report};
+    recovery_job *const job = new_job(input, report);
     in_place_file file = {.target = target, .scratch = scratch};
-    int32_t result = scan_job(&job, kPassesOfWrite);
-    if (result == RECOVERY_DONE && job.bounds.begin != kRecorderHeadBytes) {
-        result = fail_recovery(&job, RECOVERY_ERR_FORMAT,
+    int32_t result = job != nullptr ? scan_job(job, kPassesOfWrite) : RECOVERY_ERR_MEMORY;
+    if (result == RECOVERY_DONE && job->bounds.begin != kRecorderHeadBytes) {
+        result = fail_recovery(job, RECOVERY_ERR_FORMAT,
                                "The recording has a head that the recorder does not write");
     }
     if (result == RECOVERY_DONE) {
-        result = finish_job_in_place(&job, &file, close_memory);
+        result = finish_job_in_place(job, &file, close_memory);
     }
-    close_job(&job);
+    delete_job(job);
     return result;
 }

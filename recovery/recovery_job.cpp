@@ -24,7 +24,7 @@ int32_t fail_to_read(recovery_job *job)
                              job->journal.has_failed ? "The journal cannot be read"
                                                      : "The recording cannot be read");
     }
-    return fail_recovery(job, RECOVERY_ERR_MEMORY, "There is not enough memory");
+    return fail_recovery(job, RECOVERY_ERR_MEMORY, kNoMemory);
 }
 
 static sound_format format_of(int32_t sample_rate, int32_t channels)

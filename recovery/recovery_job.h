@@ -36,6 +36,8 @@ struct recovery_job {
     int32_t passes;
 };
 
+inline constexpr char kNoMemory[] = "There is not enough memory";
+
 // Sets the message of a failure.
 // returns: code
 int32_t fail_recovery(recovery_job *job, int32_t code, const char *message);

@@ -54,9 +54,8 @@ static int32_t use_configuration(recovery_job *job, mp4_mux_input_t *input)
     }
     job->record = make_avc_record(&sets, &input->m_iVideoPrivateSize);
     input->m_pbyVideoPrivate = job->record;
-    return job->record != nullptr
-               ? RECOVERY_DONE
-               : fail_recovery(job, RECOVERY_ERR_MEMORY, "There is not enough memory");
+    return job->record != nullptr ? RECOVERY_DONE
+                                  : fail_recovery(job, RECOVERY_ERR_MEMORY, kNoMemory);
 }
 
 static int32_t open_muxer(remuxer *mux, const mp4_mux_init_t *output)

@@ -69,6 +69,8 @@ TEST(Recovery, ContinuesAfterTheJournal)
             ASSERT_EQ(got.report.pictures + got.report.sounds, frames)
                 << how.name << ", " << bytes << " bytes: " << got.report.message;
             ASSERT_EQ(got.report.journaled_frames, journaled);
+            ASSERT_TRUE(journaled == 0 || got.file == normal_stop(r, frames))
+                << how.name << ", " << bytes << " bytes";
         }
     }
 }
