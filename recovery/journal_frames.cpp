@@ -153,21 +153,52 @@ bool journal_frames_next(journal_frames *frames, journaled_frame *frame)
     return true;
 }
 
-// returns: whether the frame's place has other bytes, not none
+// returns: whether the frame's place has other bytes, not none; a frame beside lost bytes may have
+//          lost a few of its own
 static bool is_contradicted(const journal_frames *frames, const journaled_frame *frame)
 {
-    if (frame->is_whole || frame->bytes == 0 || frame->bytes > kLongestFrameBytes) {
+    if (frame->is_whole || frame->bytes == 0 || frame->bytes > kLongestFrameBytes ||
+        frame->offset + frame->bytes > frames->media->file_bytes) {
         return false;
     }
-    const uint8_t *const bytes = show_part(frames->media, frame->offset, frame->bytes);
+    const int64_t begin = std::max<int64_t>(frame->offset - kLostZeros, 0);
+    const int64_t end =
+        std::min(frame->offset + frame->bytes + kLostZeros, frames->media->file_bytes);
+    const uint8_t *const bytes = show_part(frames->media, begin, end - begin);
     if (bytes == nullptr) {
         return false;
     }
     int64_t zeros = 0;
-    for (uint32_t i = 0; i < frame->bytes && zeros < kLostZeros; i++) {
+    for (int64_t i = 0; i < end - begin && zeros < kLostZeros; i++) {
         zeros = bytes[i] == 0 ? zeros + 1 : 0;
     }
     return zeros < kLostZeros;
+}
+
+// returns: whether a frame is where the journal's first one is not: the records that could show it
+//          are all for places after the end of the file
+static bool begins_otherwise(journal_frames *frames)
+{
+    if (journal_frames_open_group(frames) != kGroupOpened) {
+        return false;
+    }
+    media_walk walk = {.window = frames->media,
+                       .position = frames->frame_offset,
+                       .end = frames->media->file_bytes,
+                       .sampling_index = frames->sound.sampling_index,
+                       .channels = frames->sound.channels};
+    walked_frame frame = {};
+    return walk.position < walk.end && media_walk_next(&walk, &frame) == kWalkFrame &&
+           frame.offset == frames->frame_offset;
+}
+
+// returns: whether the journal fits, as far as the frames that are whole and those that are others
+//          show
+static bool is_fitting(const journal_frames *begin, int64_t whole_frames, int64_t other_frames)
+{
+    journal_frames frames = *begin;
+    return whole_frames + other_frames > 0 ? whole_frames >= other_frames
+                                           : !begins_otherwise(&frames);
 }
 
 journal_fit find_journal_fit(journal_frames *frames)
@@ -187,8 +218,9 @@ journal_fit find_journal_fit(journal_frames *frames)
         }
     }
     *frames = rewound;
+    const bool fits = is_known || is_fitting(frames, whole_frames, other_frames);
     if (frames->media->has_failed || (!is_known && result == kGroupReadError)) {
         return kJournalFitUnknown;
     }
-    return is_known || whole_frames >= other_frames ? kJournalFits : kJournalOfOtherFile;
+    return fits ? kJournalFits : kJournalOfOtherFile;
 }
