@@ -23,6 +23,14 @@ static constexpr int64_t kTimeErrorTicks = 5 * 90; // of a picture that only the
 static constexpr int kKills = 12;
 static constexpr char kRecovered[] = "/mnt/sdcard/recovered.mp4";
 
+static std::ptrdiff_t count_threads()
+{
+    return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
+}
+
+// Before main(): a sanitizer may have a thread of its own.
+static const std::ptrdiff_t kThreadsAtStart = count_threads();
+
 // The frames of a recording that came back.
 struct Recovered {
     size_t frames;
@@ -169,6 +177,9 @@ class Interruption : public RecorderTest {
         void *const shared = mmap(nullptr, sizeof(std::atomic<uint32_t>), PROT_READ | PROT_WRITE,
                                   MAP_SHARED | MAP_ANONYMOUS, -1, 0);
         auto *const sent = new (shared) std::atomic<uint32_t>(0);
+        while (count_threads() > kThreadsAtStart) { // it may hold a lock of the allocator
+            std::this_thread::yield();
+        }
         const pid_t child = fork();
         if (child == 0) {
             make_checkpoints();
