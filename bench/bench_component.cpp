@@ -5,15 +5,10 @@
 // RECORDER_BENCH=whole in the environment measures idle time for 10 s and adds the long recordings.
 #include "aacenc/aac_enc.h"
 #include "bench/process_usage.h"
-#include "client/failure.h"
-#include "client/il_session.h"
-#include "client/omx_core.h"
+#include "bench/programme_session.h"
 #include "component/tdmbrec_interface.h"
-#include "platform/android_log.h"
-#include "platform/host/host_control.h"
 #include "platform/storage_info.h"
 #include "tests/support/programme.h"
-#include "tests/support/storage_namespace.h"
 
 #include <algorithm>
 #include <benchmark/benchmark.h>
@@ -25,65 +20,14 @@
 #include <string>
 #include <thread>
 
-static constexpr char kOutput[] = "/mnt/sdcard/bench.mp4";
-static constexpr uint32_t kSampleRate = 48000;
 static constexpr int64_t kPictures = 300000;
-static constexpr double kProgrammeSeconds = 10; // the length of the sample programme
-static constexpr uint32_t kLoops = 30;          // of the sample programme
+static constexpr uint32_t kLoops = 30; // of the sample programme
 static constexpr uint32_t kPcmFrameUs = AACENC_FRAME_SAMPLES * 1000000ull / kSampleRate;
 
 static bool runs_whole()
 {
     const char *const wish = std::getenv("RECORDER_BENCH");
     return wish != nullptr && std::string(wish) == "whole";
-}
-
-static void check(benchmark::State &state, bool holds, const char *fault)
-{
-    if (!holds) {
-        state.SkipWithError(fault);
-    }
-}
-
-// Sends a delimiter first: the first buffer of a recording sets its time base.
-static void begin_recording(il_session &session)
-{
-    static constexpr uint8_t kDelimiter[] = {0, 0, 0, 1, 9, 0xF0};
-    il_session_start(session, kOutput, kSampleRate);
-    il_session_send(session, TDMBREC_PORT_VIDEO, kDelimiter, video_time_us(0) - kFrameUs, 0);
-}
-
-static bool end_recording(il_session &session)
-{
-    return il_session_stop(session) == TDMBREC_STOP_CLIENT &&
-           std::filesystem::file_size(kOutput) > 0;
-}
-
-static const std::vector<Bytes> &pcm_buffers()
-{
-    static const std::vector<Bytes> buffers = [] {
-        std::vector<Bytes> all;
-        for (size_t i = 0; i < pcm_buffer_count(sample_programme()); i++) {
-            all.push_back(pcm_buffer(sample_programme(), i));
-        }
-        return all;
-    }();
-    return buffers;
-}
-
-// Sends the sample programme `loops` times: each picture, then the audio up to the next one.
-static void send_programme(il_session &session, uint32_t loops)
-{
-    const std::vector<Bytes> &pictures = sample_programme().access_units;
-    size_t audio = 0;
-    for (size_t i = 0; i < loops * pictures.size(); i++) {
-        il_session_send(session, TDMBREC_PORT_VIDEO, pictures[i % pictures.size()],
-                        video_time_us(i), 0);
-        for (; audio_time_us(audio) < video_time_us(i + 1); audio++) {
-            il_session_send(session, TDMBREC_PORT_AUDIO,
-                            pcm_buffers()[audio % pcm_buffers().size()], audio_time_us(audio), 0);
-        }
-    }
 }
 
 static void report_speed(benchmark::State &state)
@@ -333,21 +277,5 @@ static void register_by_length()
 
 int main(int argc, char **argv)
 {
-    const int status = run_in_storage_namespace(argc, argv);
-    if (status >= 0) {
-        return status;
-    }
-    benchmark::Initialize(&argc, argv);
-    register_by_length();
-    host_set_log_level(ANDROID_LOG_SILENT);
-    if (OMX_Init() != OMX_ErrorNone) {
-        return 1;
-    }
-    try {
-        benchmark::RunSpecifiedBenchmarks();
-    } catch (const failure &error) {
-        std::fprintf(stderr, "bench_component: %s\n", error.what());
-        return 1;
-    }
-    return OMX_Deinit() == OMX_ErrorNone ? 0 : 1;
+    return run_recorder_benchmarks(argc, argv, register_by_length);
 }

@@ -17,6 +17,7 @@ except ImportError:  # needed only for signals: see require
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 SAMPLE_VIDEO = ROOT / 'samples/programme.h264'
 SAMPLE_AUDIO = ROOT / 'samples/programme.wav'
+SAMPLE_SECONDS = 10
 RATE = 48000
 FRAME_SAMPLES = 1024
 LONGEST_DELAY = 4 * FRAME_SAMPLES
@@ -76,6 +77,17 @@ def write_audio_loop(path, seconds):
         loop.setparams(sample.getparams())
         for _ in range(round(seconds * RATE / sample.getnframes())):
             loop.writeframesraw(frames)
+
+
+def write_loop(folder, seconds):
+    """Writes the sample programme over and over. returns: the paths of its video and audio"""
+    video, audio = folder / f'{seconds}.h264', folder / f'{seconds}.wav'
+    picture_bytes = SAMPLE_VIDEO.read_bytes()
+    with open(video, 'wb') as out:
+        for _ in range(round(seconds / SAMPLE_SECONDS)):
+            out.write(picture_bytes)
+    write_audio_loop(audio, seconds)
+    return video, audio
 
 
 def encode_command(tdmbrec, pcm, coded, *options):

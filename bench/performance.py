@@ -19,10 +19,9 @@ import sys
 import tempfile
 import time
 
-from measuring import (ROOT, SAMPLE_VIDEO, encode_command, end, ffmpeg_encode_command,
-                       read_arguments, run, start, table_row, usage_of, write_audio_loop)
+from measuring import (ROOT, SAMPLE_SECONDS, encode_command, end, ffmpeg_encode_command,
+                       read_arguments, run, start, table_row, usage_of, write_loop)
 
-SAMPLE_SECONDS = 10
 RELEASE = ROOT / 'build/measured'
 PORTABLE = ROOT / 'build/portable'
 ARM = ROOT / 'build/arm-library'
@@ -69,17 +68,6 @@ def usage_on_terminal(command):
         os.close(reading)
     longest = max(b - a for a, b in zip(times, times[1:]))
     return end(process), longest
-
-
-def write_loop(folder, seconds):
-    """Writes the sample programme over and over. returns: the paths of its video and audio"""
-    video, audio = folder / f'{seconds}.h264', folder / f'{seconds}.wav'
-    picture_bytes = SAMPLE_VIDEO.read_bytes()
-    with open(video, 'wb') as out:
-        for _ in range(round(seconds / SAMPLE_SECONDS)):
-            out.write(picture_bytes)
-    write_audio_loop(audio, seconds)
-    return video, audio
 
 
 def callgrind(command, folder, *options):

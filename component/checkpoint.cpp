@@ -248,9 +248,9 @@ void finish_checkpoints(omx_tdmbrec_component_PrivateType *self)
     if (checkpoint == nullptr) {
         return;
     }
-    if (flush_media(self, checkpoint)) {
-        write_group(checkpoint);
-    }
+    // Also after a part of the bytes: the records of those frames that got to the file.
+    (void)flush_media(self, checkpoint);
+    write_group(checkpoint);
     stop_storage_sync(&checkpoint->stSync);
 }
 

@@ -11,7 +11,8 @@ namespace fs = std::filesystem;
 
 // Records in the background, and waits until the component has written media data.
 #define UNDER_WAY                                                                                  \
-    RECORD SLOW "& p=$!; until [ -s " LEFT " ]; do kill -0 $p || break; sleep 0.05; done; "
+    RECORD SLOW "& p=$!; until [ -n \"$(find " LEFT                                                \
+                " -size +1k)\" ]; do kill -0 $p || break; sleep 0.05; done; "
 
 class KeptRecording : public CommandTest {
   protected:

@@ -25,7 +25,7 @@ TEST_F(Refusals, NameTheMistakeAndTouchNothing)
         const char *sentence;
     } cases[] = {
         {"", 2, "A subcommand is required"},
-        {"recrod x", 2, "there is no command \"recrod\"; the commands are record, encode, mux, info"},
+        {"recrod x", 2, "there is no command \"recrod\"; the commands are record, encode, mux, info, recover"},
         {"record", 2, "--output is required"},
         {"record -o x", 2, "give one INPUT"},
         {"record -o x --frame-rate many " SAMPLE, 2, "1 to 240, not \"many\""},
