@@ -35,6 +35,7 @@ struct recover_job {
     std::array<recovery_source_t, RECOVERY_TABLE_COUNT> table_sources = {};
     recovery_input_t input = {};
     std::vector<frame_place> trial; // of the pictures that a configuration is tried with
+    bool needs_trial_alone = false; // what comes after them is not wanted
     uint32_t last_ms = 0;           // of the last frame
 };
 
@@ -51,7 +52,8 @@ static int32_t show_progress(void *context, int64_t done_bytes, int64_t all_byte
             "Recovering  " + self.broken.path +
             format_text("  %d %%", static_cast<int>(100 * done_bytes / all_bytes)));
     }
-    return interruption_signal();
+    const bool is_enough = self.needs_trial_alone && self.trial.size() == kTrialPictures;
+    return is_enough ? 1 : interruption_signal();
 }
 
 static void note_frame(void *context, const recovery_frame_t *frame)
@@ -158,6 +160,15 @@ static std::string no_configuration_text(const recover_job &self)
            (self.options.guess ? "" : ", or be guessed (--guess)");
 }
 
+[[noreturn]] static void fail_to_write(const recover_job &self, const std::string &reason)
+{
+    const bool is_in_place = self.options.in_place;
+    const bool is_full = !is_in_place && reason == std::strerror(ENOSPC);
+    throw failure(exit_code::output,
+                  (is_in_place ? self.broken.path : self.outcome.output) + ": " + reason +
+                      (is_full ? "; --in-place finishes the recording itself" : ""));
+}
+
 // in: output_error: the system's reason for a failed write
 [[noreturn]] static void fail(const recover_job &self, int32_t result,
                               const std::string &output_error)
@@ -176,8 +187,7 @@ static std::string no_configuration_text(const recover_job &self)
     case RECOVERY_ERR_READ:
         throw failure(exit_code::input, path + ": cannot be read: " + reason);
     case RECOVERY_ERR_WRITE:
-        throw failure(exit_code::output, (self.options.in_place ? path : self.outcome.output) +
-                                             ": " + (output_error.empty() ? reason : output_error));
+        fail_to_write(self, output_error.empty() ? reason : output_error);
     case RECOVERY_ERR_WHOLE:
         throw failure(exit_code::nothing, finished_text(self));
     case RECOVERY_ERR_CONFIGURATION:
@@ -215,9 +225,11 @@ static int32_t run_with_configuration(recover_job &self, const work_folder &fold
         return first;
     }
     if (self.trial.empty()) {
-        recovery_report_t report;
-        (void)recovery_scan(&self.input, &report);
+        self.needs_trial_alone = true;
+        (void)recovery_scan(&self.input, &self.outcome.report);
+        self.needs_trial_alone = false;
     }
+    interruption_check();
     const std::optional<found_configuration> found = recover_configuration_find(
         self.options, self.broken, read_trial(self), self.outcome.remarks);
     if (!found) {
@@ -355,7 +367,7 @@ static std::string end_kind(recover_job &self)
                             nal_unit_type <= 9;
     return is_picture                                                     ? "a picture"
            : id_syn_ele == self.outcome.report.channels - 1 && !is_length ? "a sound frame"
-                                                                          : "no frame";
+                                                                          : "data of no frame";
 }
 
 static void complete_outcome(recover_job &self)
