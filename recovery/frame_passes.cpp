@@ -66,7 +66,6 @@ static bool inspect_frame(recovery_job *job, const stream_frame *frame)
     if (find_picture_sets(bytes, frame->size, &sets)) {
         job->sets_offset = frame->offset;
         job->sets_bytes = frame->size;
-        job->starts_with_sets = report->pictures == 0;
     }
     return true;
 }

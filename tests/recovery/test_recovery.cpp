@@ -43,7 +43,8 @@ std::vector<size_t> places_to_cut(const recording &r, size_t from)
     std::vector<size_t> places;
     for (size_t bytes = from; bytes <= r.media.size(); bytes++) {
         const auto is_near = [&](size_t end) { return bytes + 8 >= end && bytes <= end + 8; };
-        if (bytes % 97 == 0 || bytes < 40 || std::any_of(r.ends.begin(), r.ends.end(), is_near)) {
+        if (r.how.slices > 1 || bytes % 97 == 0 || bytes < 40 ||
+            std::any_of(r.ends.begin(), r.ends.end(), is_near)) {
             places.push_back(bytes);
         }
     }
@@ -94,16 +95,19 @@ TEST(Recovery, EqualsTheNormalStopAfterTheEndOfTheJournal)
 TEST(Recovery, PassesOverHoles)
 {
     const recording r = make_recording(kSetups[0]);
-    const Bytes sets = programme_sets();
+    const size_t all_groups = r.journal_ends.size() - 1;
     const struct {
         const char *name;
         std::vector<size_t> lost; // frames
-        bool has_journal;
+        size_t groups;            // of the journal
+        size_t media_frames = 0;  // before the end that the head gives
     } cases[] = {
-        {"one", {7}, true},
-        {"two in a row, in two groups", {5, 6}, true},
-        {"the first frame, in two places", {0, 9}, true},
-        {"a group and the last frame", {6, 7, 8, 9, 10, 11, r.frames.size() - 1}, true},
+        {"one", {7}, all_groups},
+        {"two in a row, in two groups", {5, 6}, all_groups},
+        {"the first frame, in two places", {0, 9}, all_groups},
+        {"a group and the last frame", {6, 7, 8, 9, 10, 11, r.frames.size() - 1}, all_groups},
+        {"the last frames of the journal", {10, 11}, 2},
+        {"one where the media data ends as the head has it", {8}, 2, 8},
     };
     for (const auto &tried : cases) {
         Bytes media = r.media;
@@ -111,17 +115,19 @@ TEST(Recovery, PassesOverHoles)
         for (size_t i = 0; i < r.frames.size(); i++) {
             if (std::find(tried.lost.begin(), tried.lost.end(), i) == tried.lost.end()) {
                 left.push_back(i);
-                continue;
+            } else {
+                media = zeroed(media, r.ends[i] - r.frames[i].bytes.size(), r.ends[i]);
             }
-            std::fill_n(media.end() - static_cast<ptrdiff_t>(r.media.size() - r.ends[i]) -
-                            static_cast<ptrdiff_t>(r.frames[i].bytes.size()),
-                        r.frames[i].bytes.size(), uint8_t{0});
         }
-        const result got = recover(media, tried.has_journal ? &r.journal : nullptr, sets);
+        if (tried.media_frames > 0) {
+            const Bytes size = mux_test::number(r.ends[tried.media_frames - 1] - 28);
+            std::copy(size.begin(), size.end(), media.begin() + 28);
+        }
+        const Bytes journal = cut(r.journal, r.journal_ends[tried.groups]);
+        const result got = recover(media, &journal);
         EXPECT_EQ(got.file == normal_stop(r, left), true) << tried.name;
         memory_file file = {media};
-        const result in_place = finish_in_place(&file, &r.journal);
-        EXPECT_EQ(in_place.code, RECOVERY_ERR_HOLES) << tried.name;
+        EXPECT_EQ(finish_in_place(&file, &journal).code, RECOVERY_ERR_HOLES) << tried.name;
         EXPECT_EQ(file.bytes == media, true) << tried.name;
     }
 }
@@ -143,6 +149,9 @@ TEST(Recovery, FinishesInPlaceWhereverItIsInterrupted)
             ASSERT_TRUE(journal != &r.journal ||
                         expected.file == normal_stop(r, r.frames.size() - 1));
             ASSERT_TRUE(expected.file == recover(media, journal, sets).file) << how.name;
+            memory_file without_head = {zeroed(media, 0, 36)};
+            ASSERT_TRUE(expected.file ==
+                        finish_in_place(&without_head, journal, sets, layout).file);
             size_t calls = 1;
             for (memory_file file = {media, calls};
                  finish_in_place(&file, journal, sets, layout).code != RECOVERY_DONE;
@@ -298,12 +307,12 @@ TEST(Recovery, TakesTimesFromTheTablesOfTheRecording)
 TEST(Recovery, CompletesACloseThatLostAnyBlock)
 {
     static constexpr size_t kBlockBytes = 512;
-    const recording r = make_recording({.name = "closed", .pictures = 40});
+    const recording r = make_recording({.name = "closed", .pictures = 290});
     const Bytes finished = normal_stop(r, r.frames.size());
     EXPECT_EQ(recover(finished, nullptr).code, RECOVERY_ERR_WHOLE);
     EXPECT_EQ(recover(finished, &r.journal).code, RECOVERY_ERR_WHOLE);
     const size_t media_bytes = r.media.size();
-    for (size_t bytes = media_bytes; bytes < finished.size(); bytes += 3) {
+    for (size_t bytes = media_bytes; bytes < finished.size(); bytes += 61) {
         ASSERT_TRUE(recover(cut(finished, bytes), &r.journal).file == finished) << bytes;
     }
     const size_t first_block = media_bytes / kBlockBytes;
@@ -314,12 +323,29 @@ TEST(Recovery, CompletesACloseThatLostAnyBlock)
                   lost == finished ? RECOVERY_ERR_WHOLE : RECOVERY_DONE)
             << at;
     }
+    for (size_t bytes = 2; bytes <= 40; bytes++) { // of the last block
+        const Bytes lost = zeroed(finished, finished.size() - bytes, finished.size());
+        EXPECT_TRUE(recover(lost, &r.journal).file == finished) << bytes;
+    }
     for (size_t bytes = 1; bytes <= 4; bytes++) { // of the size of the media data, cut
         const Bytes torn = zeroed(finished, 28 + 4 - bytes, 32);
         EXPECT_TRUE(recover(torn, &r.journal).file == finished) << bytes;
         EXPECT_EQ(recover(cut(torn, media_bytes), nullptr, programme_sets()).report.sounds,
                   recover(r.media, &r.journal).report.sounds)
             << bytes;
+    }
+}
+
+TEST(Recovery, KnowsTheSilenceThatAStopHasAdded)
+{
+    const recording r = make_recording(kSetups[2]);
+    const Bytes finished = normal_stop(r, r.frames.size());
+    for (size_t bytes = r.media.size(); bytes < r.media.size() + 20; bytes++) {
+        for (const size_t groups : {size_t{1}, r.journal_ends.size() - 1}) {
+            const Bytes journal = cut(r.journal, r.journal_ends[groups]);
+            const Bytes media = zeroed(cut(finished, bytes), 28, 32);
+            EXPECT_TRUE(recover(media, &journal).file == finished) << bytes;
+        }
     }
 }
 
