@@ -340,11 +340,14 @@ TEST(Recovery, KnowsTheSilenceThatAStopHasAdded)
 {
     const recording r = make_recording(kSetups[2]);
     const Bytes finished = normal_stop(r, r.frames.size());
+    EXPECT_EQ(recover(finished, &r.journal).code, RECOVERY_ERR_WHOLE);
     for (size_t bytes = r.media.size(); bytes < r.media.size() + 20; bytes++) {
         for (const size_t groups : {size_t{1}, r.journal_ends.size() - 1}) {
             const Bytes journal = cut(r.journal, r.journal_ends[groups]);
             const Bytes media = zeroed(cut(finished, bytes), 28, 32);
-            EXPECT_TRUE(recover(media, &journal).file == finished) << bytes;
+            const result got = recover(media, &journal);
+            EXPECT_TRUE(got.file == finished) << bytes;
+            EXPECT_TRUE(got.report.end_bytes == 0 || bytes != r.media.size() + 7);
         }
     }
 }
