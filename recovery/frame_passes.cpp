@@ -43,32 +43,20 @@ static void look_up_time(recovery_job *job, stream_frame *frame)
     }
 }
 
-// Notes the first picture with parameter sets, and whether the only sound is the silence at the
-// end. returns: false when the frame cannot be shown
+// Notes the first picture with parameter sets.
+// returns: false when the frame cannot be shown
 static bool inspect_frame(recovery_job *job, const stream_frame *frame)
 {
-    const recovery_report_t *const report = job->report;
-    const bool is_picture = frame->type == MUX_TYPE_VIDEO;
-    job->has_only_silence = false;
-    if (is_picture ? job->sets_bytes != 0 : report->sounds != 0) {
+    if (frame->type != MUX_TYPE_VIDEO || job->sets_bytes != 0) {
         return true;
     }
     const uint8_t *const bytes = show_part(&job->media, frame->offset, frame->size);
-    if (bytes == nullptr) {
-        return frame->size == 0;
-    }
-    if (!is_picture) {
-        job->has_only_silence = frame->size == sizeof(kSilentFrame) &&
-                                memcmp(bytes, kSilentFrame, sizeof(kSilentFrame)) == 0;
-        return true;
-    }
     picture_sets sets;
-    if (find_picture_sets(bytes, frame->size, &sets)) {
+    if (bytes != nullptr && find_picture_sets(bytes, frame->size, &sets)) {
         job->sets_offset = frame->offset;
         job->sets_bytes = frame->size;
-        job->starts_with_sets = report->pictures == 0;
     }
-    return true;
+    return bytes != nullptr || frame->size == 0;
 }
 
 static void count_frame(recovery_job *job, const stream_frame *frame)
@@ -153,10 +141,20 @@ static int32_t find_times(const recovery_job *job)
     return job->input->frame_rate_num != 0 ? RECOVERY_FROM_CALLER : RECOVERY_FROM_MEDIA;
 }
 
+// returns: the bytes after the last frame, without the silence that a stop adds
+static int64_t count_end_bytes(recovery_job *job, const frame_stream *stream)
+{
+    const int64_t bytes = stream->media_end - stream->last_end;
+    const uint8_t *const end = bytes == sizeof(kSilentFrame) && job->report->sounds == 0
+                                   ? show_part(&job->media, stream->last_end, bytes)
+                                   : nullptr;
+    return end != nullptr && memcmp(end, kSilentFrame, sizeof(kSilentFrame)) == 0 ? 0 : bytes;
+}
+
 static int32_t judge_scan(recovery_job *job, const frame_stream *stream)
 {
     recovery_report_t *const report = job->report;
-    report->end_bytes = stream->media_end - stream->last_end;
+    report->end_bytes = count_end_bytes(job, stream);
     if (job->bounds.has_movie && !job->bounds.is_movie_cut && report->holes == 0 &&
         report->end_bytes == 0) {
         return fail_recovery(job, RECOVERY_ERR_WHOLE,
@@ -221,13 +219,11 @@ static int32_t pass_frame(recovery_job *job, const stream_frame *frame, void *co
                           int32_t (*visit)(void *context, const recovery_frame_t *frame))
 {
     const uint32_t time_ms = frame_times_next(&job->times, frame);
-    const bool is_silence =
-        frame->type == MUX_TYPE_AUDIO && !frame->is_timed && job->has_only_silence;
     const recovery_frame_t passed = {.type = frame->type,
                                      .flags = frame->flags,
                                      .offset = frame->offset,
                                      .size = frame->size,
-                                     .time_ms = is_silence ? 0 : time_ms,
+                                     .time_ms = time_ms,
                                      .is_journaled = frame->is_journaled ? 1 : 0};
     report_hole(job, frame->offset - frame->skipped_bytes, frame->skipped_bytes, 0);
     if (frame->type == MUX_TYPE_VIDEO) {
@@ -257,7 +253,7 @@ int32_t visit_frames(recovery_job *job, void *context,
         stream_frame frame;
         switch (frame_stream_next(&stream, &frame)) {
         case kStreamEnd:
-            report_hole(job, stream.last_end, stream.media_end - stream.last_end, 1);
+            report_hole(job, stream.last_end, job->report->end_bytes, 1);
             report_rate(job);
             end_pass(job);
             return RECOVERY_DONE;

@@ -51,7 +51,7 @@ uint32_t frame_times_next(frame_times *times, const stream_frame *frame)
 {
     const bool is_sound = frame->type == MUX_TYPE_AUDIO;
     time_grid *const grid = &times->grids[is_sound ? 1 : 0];
-    const uint32_t place_ms = frame->is_lost ? 0 : place_times_next(&times->places, frame->type);
+    const uint32_t place_ms = place_times_next(&times->places, frame->type);
     uint32_t time_ms = frame->time_ms;
     if (!frame->is_timed && grid->frames > 0) {
         return continue_grid(times, is_sound);

@@ -26,8 +26,6 @@ struct recovery_job {
     // What the scan finds.
     int64_t sets_offset; // of the first picture with an SPS and a PPS
     int32_t sets_bytes;  // of that picture; 0 for none
-    bool starts_with_sets;
-    bool has_only_silence; // one sound frame, that which completes a recording without sound
     int64_t last_end;      // of the last whole frame
     uint8_t *record;       // decoder configuration made from the media
 

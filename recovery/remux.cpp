@@ -26,7 +26,7 @@ static int32_t fail_to_write(remuxer *mux, int32_t code)
     return RECOVERY_ERR_WRITE;
 }
 
-// Gives the muxer the configuration that it cannot take from the first picture.
+// Gives the muxer the configuration: the first picture, which may have had it, can be lost.
 static int32_t use_configuration(recovery_job *job, mp4_mux_input_t *input)
 {
     switch (job->report->configuration_from) {
@@ -43,9 +43,6 @@ static int32_t use_configuration(recovery_job *job, mp4_mux_input_t *input)
     default:
         return fail_recovery(job, RECOVERY_ERR_CONFIGURATION,
                              "The recording does not contain the parameter sets of its pictures");
-    }
-    if (job->starts_with_sets) {
-        return RECOVERY_DONE;
     }
     picture_sets sets = {};
     const uint8_t *const bytes = show_part(&job->media, job->sets_offset, job->sets_bytes);

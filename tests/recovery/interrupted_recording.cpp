@@ -56,7 +56,8 @@ static frame make_picture(const options &how, size_t index)
 {
     frame picture = {.type = MUX_TYPE_VIDEO,
                      .bytes = {},
-                     .time_ms = static_cast<uint32_t>(index * 1000 / kPicturesPerSecond),
+                     .time_ms = static_cast<uint32_t>(index * 1000 / kPicturesPerSecond +
+                                                      index * 7 % (how.jitter_ms + 1)),
                      .is_key = false};
     for (const Bytes &unit : how.slices > 1
                                  ? make_slices(how, index)
@@ -279,12 +280,19 @@ namespace {
 
 // The input of a recovery, with its files.
 struct input_files {
-    memory_file journal;
+    memory_file journal, tables[RECOVERY_TABLE_COUNT];
     recovery_source_t journal_source = source_of(&journal);
+    recovery_source_t table_sources[RECOVERY_TABLE_COUNT] = {};
     recovery_input_t input = {};
 
-    input_files(memory_file *media, const Bytes *journal_bytes, const Bytes &configuration)
+    input_files(memory_file *media, const Bytes *journal_bytes, const Bytes &configuration,
+                const Bytes *table_bytes = nullptr)
     {
+        for (size_t i = 0; table_bytes != nullptr && i < RECOVERY_TABLE_COUNT; i++) {
+            tables[i].bytes = table_bytes[i];
+            table_sources[i] = source_of(&tables[i]);
+            input.tables[i] = &table_sources[i];
+        }
         journal.bytes = journal_bytes != nullptr ? *journal_bytes : Bytes{};
         input.media = source_of(media);
         input.journal = journal_bytes != nullptr ? &journal_source : nullptr;
@@ -302,10 +310,11 @@ static void check_result(const result &got)
     EXPECT_EQ(mux_test::leftovers(), "");
 }
 
-result recover(const Bytes &media, const Bytes *journal, const Bytes &configuration)
+result recover(const Bytes &media, const Bytes *journal, const Bytes &configuration,
+               const Bytes *tables)
 {
     memory_file media_file = {media};
-    const input_files files(&media_file, journal, configuration);
+    const input_files files(&media_file, journal, configuration, tables);
     mux_test::recording r;
     r.init.m_pOutput = r.output.data();
     result got = {};

@@ -27,7 +27,8 @@ struct options {
     int32_t sample_rate = 48000;
     size_t frames_of_group = 6;
     size_t pictures = 12;
-    size_t slices = 1; // above 1: of a picture that is made up
+    uint32_t jitter_ms = 0; // of the pictures' times
+    size_t slices = 1;      // above 1: of a picture that is made up
 };
 
 struct recording {
@@ -65,7 +66,9 @@ struct result {
 // Runs recovery_write; recovery_scan must agree with it.
 // in: journal: or null
 // in: configuration: of the input
-result recover(const Bytes &media, const Bytes *journal, const Bytes &configuration = {});
+// in: tables: RECOVERY_TABLE_COUNT of them, or null
+result recover(const Bytes &media, const Bytes *journal, const Bytes &configuration = {},
+               const Bytes *tables = nullptr);
 
 // Runs recovery_in_place on the file, which is also in the result.
 // in: layout: of the muxer's caches

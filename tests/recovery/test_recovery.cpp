@@ -1,5 +1,6 @@
 // Recordings that are interrupted anywhere, with the journals that a crash or a hostile hand
 // leaves.
+#include "mp4read/mp4_reader.h"
 #include "tests/recovery/interrupted_recording.h"
 
 #include <algorithm>
@@ -29,65 +30,84 @@ Bytes cut(const Bytes &bytes, size_t count)
     return {bytes.begin(), bytes.begin() + static_cast<ptrdiff_t>(count)};
 }
 
+Bytes zeroed(Bytes bytes, size_t begin, size_t end)
+{
+    std::fill(bytes.begin() + static_cast<ptrdiff_t>(begin),
+              bytes.begin() + static_cast<ptrdiff_t>(std::min(end, bytes.size())), uint8_t{0});
+    return bytes;
+}
+
+// Places to cut the media at: all about the ends of frames, some between them.
+std::vector<size_t> places_to_cut(const recording &r, size_t from)
+{
+    std::vector<size_t> places;
+    for (size_t bytes = from; bytes <= r.media.size(); bytes++) {
+        const auto is_near = [&](size_t end) { return bytes + 8 >= end && bytes <= end + 8; };
+        if (r.how.slices > 1 || bytes % 97 == 0 || bytes < 40 ||
+            std::any_of(r.ends.begin(), r.ends.end(), is_near)) {
+            places.push_back(bytes);
+        }
+    }
+    return places;
+}
+
+// in: journaled: frames of the journal; without any, times are not those of the recorder
+void expect_normal_stops(const recording &r, const Bytes &journal, size_t journaled,
+                         const std::vector<size_t> &places)
+{
+    std::vector<Bytes> expected;
+    for (size_t frames = 0; frames <= r.frames.size(); frames++) {
+        expected.push_back(normal_stop(r, frames));
+    }
+    for (const size_t bytes : places) {
+        const result got = recover(cut(r.media, bytes), &journal);
+        const size_t frames = whole_frames(r, bytes);
+        ASSERT_EQ(got.code, frames == 0 ? RECOVERY_ERR_NOTHING : RECOVERY_DONE)
+            << r.how.name << ", " << bytes << " bytes: " << got.report.message;
+        ASSERT_EQ(got.report.pictures + got.report.sounds, frames)
+            << r.how.name << ", " << bytes << " bytes";
+        ASSERT_EQ(got.report.journaled_frames, std::min(frames, journaled));
+        ASSERT_TRUE(journaled == 0 || frames == 0 || got.file == expected[frames])
+            << r.how.name << ", " << bytes << " bytes";
+    }
+}
+
 TEST(Recovery, EqualsTheNormalStopWhereverTheMediaIsCut)
 {
     for (const options &how : kSetups) {
         const recording r = make_recording(how);
-        std::vector<Bytes> expected;
-        for (size_t frames = 0; frames <= r.frames.size(); frames++) {
-            expected.push_back(normal_stop(r, frames));
-        }
-        const size_t first_frames = r.ends[2];
-        const size_t last_frames = r.ends[r.ends.size() - 4];
-        for (size_t bytes = 0; bytes <= r.media.size(); bytes++) {
-            if (bytes > first_frames && bytes < last_frames && bytes % 41 != 0) {
-                continue; // the middle is like the rest
-            }
-            const result got = recover(cut(r.media, bytes), &r.journal);
-            const size_t frames = whole_frames(r, bytes);
-            ASSERT_EQ(got.code, frames == 0 ? RECOVERY_ERR_NOTHING : RECOVERY_DONE)
-                << how.name << ", " << bytes << " bytes: " << got.report.message;
-            ASSERT_EQ(got.report.pictures + got.report.sounds, frames);
-            ASSERT_TRUE(frames == 0 || got.file == expected[frames])
-                << how.name << ", " << bytes << " bytes";
-        }
+        expect_normal_stops(r, r.journal, r.frames.size(), places_to_cut(r, 0));
     }
 }
 
-// The frames after the last group come back by their own syntax.
-TEST(Recovery, ContinuesAfterTheJournal)
+// The frames after the last group come back by their own syntax, and continue its times.
+TEST(Recovery, EqualsTheNormalStopAfterTheEndOfTheJournal)
 {
     for (const options &how : kSetups) {
         const recording r = make_recording(how);
         const size_t groups = r.journal_ends.size() > 2 ? r.journal_ends.size() / 2 : 0;
-        const Bytes journal = cut(r.journal, r.journal_ends[groups]);
         const size_t journaled = r.journaled[groups];
-        const size_t first_bytes = journaled > 0 ? r.ends[journaled - 1] : 0;
-        for (size_t bytes = first_bytes; bytes <= r.media.size(); bytes++) {
-            const result got = recover(cut(r.media, bytes), &journal);
-            const size_t frames = whole_frames(r, bytes);
-            ASSERT_EQ(got.report.pictures + got.report.sounds, frames)
-                << how.name << ", " << bytes << " bytes: " << got.report.message;
-            ASSERT_EQ(got.report.journaled_frames, journaled);
-            ASSERT_TRUE(journaled == 0 || got.file == normal_stop(r, frames))
-                << how.name << ", " << bytes << " bytes";
-        }
+        expect_normal_stops(r, cut(r.journal, r.journal_ends[groups]), journaled,
+                            places_to_cut(r, journaled > 0 ? r.ends[journaled - 1] : 0));
     }
 }
 
 TEST(Recovery, PassesOverHoles)
 {
     const recording r = make_recording(kSetups[0]);
-    const Bytes sets = programme_sets();
+    const size_t all_groups = r.journal_ends.size() - 1;
     const struct {
         const char *name;
         std::vector<size_t> lost; // frames
-        bool has_journal;
+        size_t groups;            // of the journal
+        size_t media_frames = 0;  // before the end that the head gives
     } cases[] = {
-        {"one", {7}, true},
-        {"two in a row, in two groups", {5, 6}, true},
-        {"the first frame, in two places", {0, 9}, true},
-        {"a group and the last frame", {6, 7, 8, 9, 10, 11, r.frames.size() - 1}, true},
+        {"one", {7}, all_groups},
+        {"two in a row, in two groups", {5, 6}, all_groups},
+        {"the first frame, in two places", {0, 9}, all_groups},
+        {"a group and the last frame", {6, 7, 8, 9, 10, 11, r.frames.size() - 1}, all_groups},
+        {"the last frames of the journal", {10, 11}, 2},
+        {"one where the media data ends as the head has it", {8}, 2, 8},
     };
     for (const auto &tried : cases) {
         Bytes media = r.media;
@@ -95,17 +115,19 @@ TEST(Recovery, PassesOverHoles)
         for (size_t i = 0; i < r.frames.size(); i++) {
             if (std::find(tried.lost.begin(), tried.lost.end(), i) == tried.lost.end()) {
                 left.push_back(i);
-                continue;
+            } else {
+                media = zeroed(media, r.ends[i] - r.frames[i].bytes.size(), r.ends[i]);
             }
-            std::fill_n(media.end() - static_cast<ptrdiff_t>(r.media.size() - r.ends[i]) -
-                            static_cast<ptrdiff_t>(r.frames[i].bytes.size()),
-                        r.frames[i].bytes.size(), uint8_t{0});
         }
-        const result got = recover(media, tried.has_journal ? &r.journal : nullptr, sets);
+        if (tried.media_frames > 0) {
+            const Bytes size = mux_test::number(r.ends[tried.media_frames - 1] - 28);
+            std::copy(size.begin(), size.end(), media.begin() + 28);
+        }
+        const Bytes journal = cut(r.journal, r.journal_ends[tried.groups]);
+        const result got = recover(media, &journal);
         EXPECT_EQ(got.file == normal_stop(r, left), true) << tried.name;
         memory_file file = {media};
-        const result in_place = finish_in_place(&file, &r.journal);
-        EXPECT_EQ(in_place.code, RECOVERY_ERR_HOLES) << tried.name;
+        EXPECT_EQ(finish_in_place(&file, &journal).code, RECOVERY_ERR_HOLES) << tried.name;
         EXPECT_EQ(file.bytes == media, true) << tried.name;
     }
 }
@@ -127,6 +149,9 @@ TEST(Recovery, FinishesInPlaceWhereverItIsInterrupted)
             ASSERT_TRUE(journal != &r.journal ||
                         expected.file == normal_stop(r, r.frames.size() - 1));
             ASSERT_TRUE(expected.file == recover(media, journal, sets).file) << how.name;
+            memory_file without_head = {zeroed(media, 0, 36)};
+            ASSERT_TRUE(expected.file ==
+                        finish_in_place(&without_head, journal, sets, layout).file);
             size_t calls = 1;
             for (memory_file file = {media, calls};
                  finish_in_place(&file, journal, sets, layout).code != RECOVERY_DONE;
@@ -207,22 +232,87 @@ TEST(Recovery, UsesOfAJournalWhatDescribesTheMedia)
     }
 }
 
-Bytes zeroed(Bytes bytes, size_t begin, size_t end)
+// The scratch tables of the first pictures.
+struct scratch_files {
+    Bytes tables[RECOVERY_TABLE_COUNT];
+};
+
+scratch_files make_tables(const recording &r, size_t pictures, size_t offset_error,
+                          size_t size_error)
 {
-    std::fill(bytes.begin() + static_cast<ptrdiff_t>(begin),
-              bytes.begin() + static_cast<ptrdiff_t>(std::min(end, bytes.size())), uint8_t{0});
-    return bytes;
+    scratch_files files;
+    uint32_t last_ms = 0;
+    for (size_t i = 0; i < r.frames.size() && pictures > 0; i++) {
+        const frame &f = r.frames[i];
+        if (f.type == MUX_TYPE_VIDEO) {
+            const auto add = [&](int table, const Bytes &record) {
+                files.tables[table] = files.tables[table] + record;
+            };
+            const size_t size = f.bytes.size();
+            add(RECOVERY_TABLE_VIDEO_SIZES, mux_test::number(size + size_error));
+            add(RECOVERY_TABLE_VIDEO_OFFSETS, mux_test::number(r.ends[i] - size + offset_error));
+            if (i > 0) {
+                add(RECOVERY_TABLE_VIDEO_DURATIONS,
+                    mux_test::number(1) + mux_test::number((f.time_ms - last_ms) * 90));
+            }
+            last_ms = f.time_ms;
+            pictures--;
+        }
+    }
+    return files;
+}
+
+TEST(Recovery, TakesTimesFromTheTablesOfTheRecording)
+{
+    static constexpr size_t kTabled = 20;
+    const recording r = make_recording({.name = "uneven", .pictures = 30, .jitter_ms = 20});
+    size_t lost = 4;
+    while (r.frames[lost].type != MUX_TYPE_VIDEO) {
+        lost++;
+    }
+    const Bytes with_hole = zeroed(r.media, r.ends[lost - 1], r.ends[lost]);
+    scratch_files no_sizes = make_tables(r, kTabled, 0, 0);
+    no_sizes.tables[RECOVERY_TABLE_VIDEO_SIZES] = {};
+    const struct {
+        const char *name;
+        const Bytes &media;
+        scratch_files tables;
+        int32_t times_from;
+    } cases[] = {
+        {"right", r.media, make_tables(r, kTabled, 0, 0), RECOVERY_FROM_TABLES},
+        {"right, of media with a hole", with_hole, make_tables(r, kTabled, 0, 0),
+         RECOVERY_FROM_TABLES},
+        {"with other offsets", r.media, make_tables(r, kTabled, 1, 0), RECOVERY_FROM_MEDIA},
+        {"with other sizes", r.media, make_tables(r, kTabled, 0, 1), RECOVERY_FROM_MEDIA},
+        {"without sizes", r.media, no_sizes, RECOVERY_FROM_MEDIA},
+    };
+    for (const auto &tried : cases) {
+        const result got = recover(tried.media, nullptr, programme_sets(), tried.tables.tables);
+        EXPECT_EQ(got.report.times_from, tried.times_from) << tried.name;
+        const mp4_reader::movie movie = mp4_reader::read_movie(got.file);
+        const auto &samples = find_track(movie, "vide")->samples;
+        size_t same_times = 0;
+        for (const frame &f : r.frames) {
+            same_times += std::any_of(samples.begin(), samples.end(), [&](const auto &sample) {
+                return f.type == MUX_TYPE_VIDEO && sample.time == f.time_ms * 90;
+            });
+        }
+        const size_t lost_pictures = &tried.media == &with_hole ? 1 : 0;
+        EXPECT_EQ(samples.size(), r.how.pictures - lost_pictures) << tried.name;
+        EXPECT_EQ(same_times >= kTabled - lost_pictures, tried.times_from == RECOVERY_FROM_TABLES)
+            << tried.name;
+    }
 }
 
 TEST(Recovery, CompletesACloseThatLostAnyBlock)
 {
     static constexpr size_t kBlockBytes = 512;
-    const recording r = make_recording({.name = "closed", .pictures = 40});
+    const recording r = make_recording({.name = "closed", .pictures = 290});
     const Bytes finished = normal_stop(r, r.frames.size());
     EXPECT_EQ(recover(finished, nullptr).code, RECOVERY_ERR_WHOLE);
     EXPECT_EQ(recover(finished, &r.journal).code, RECOVERY_ERR_WHOLE);
     const size_t media_bytes = r.media.size();
-    for (size_t bytes = media_bytes; bytes < finished.size(); bytes += 3) {
+    for (size_t bytes = media_bytes; bytes < finished.size(); bytes += 61) {
         ASSERT_TRUE(recover(cut(finished, bytes), &r.journal).file == finished) << bytes;
     }
     const size_t first_block = media_bytes / kBlockBytes;
@@ -233,12 +323,32 @@ TEST(Recovery, CompletesACloseThatLostAnyBlock)
                   lost == finished ? RECOVERY_ERR_WHOLE : RECOVERY_DONE)
             << at;
     }
+    for (size_t bytes = 2; bytes <= 40; bytes++) { // of the last block
+        const Bytes lost = zeroed(finished, finished.size() - bytes, finished.size());
+        EXPECT_TRUE(recover(lost, &r.journal).file == finished) << bytes;
+    }
     for (size_t bytes = 1; bytes <= 4; bytes++) { // of the size of the media data, cut
         const Bytes torn = zeroed(finished, 28 + 4 - bytes, 32);
         EXPECT_TRUE(recover(torn, &r.journal).file == finished) << bytes;
         EXPECT_EQ(recover(cut(torn, media_bytes), nullptr, programme_sets()).report.sounds,
                   recover(r.media, &r.journal).report.sounds)
             << bytes;
+    }
+}
+
+TEST(Recovery, KnowsTheSilenceThatAStopHasAdded)
+{
+    const recording r = make_recording(kSetups[2]);
+    const Bytes finished = normal_stop(r, r.frames.size());
+    EXPECT_EQ(recover(finished, &r.journal).code, RECOVERY_ERR_WHOLE);
+    for (size_t bytes = r.media.size(); bytes < r.media.size() + 20; bytes++) {
+        for (const size_t groups : {size_t{1}, r.journal_ends.size() - 1}) {
+            const Bytes journal = cut(r.journal, r.journal_ends[groups]);
+            const Bytes media = zeroed(cut(finished, bytes), 28, 32);
+            const result got = recover(media, &journal);
+            EXPECT_TRUE(got.file == finished) << bytes;
+            EXPECT_TRUE(got.report.end_bytes == 0 || bytes != r.media.size() + 7);
+        }
     }
 }
 
