@@ -270,11 +270,23 @@ static std::string difference_of(const Bytes &result, const Bytes &expected)
            std::to_string(at.first - result.begin());
 }
 
+// Parameter sets that are only in band are in the pictures that begin a sequence.
+static bool has_lost_sets(const recorded_truth &truth, const std::vector<recovery_frame_t> &frames)
+{
+    return truth.settings.video_configuration.empty() &&
+           std::none_of(frames.begin(), frames.end(), [](const recovery_frame_t &frame) {
+               return frame.type == MUX_TYPE_VIDEO && (frame.flags & MUX_FRAME_KEY) != 0;
+           });
+}
+
 static std::string check_result(const recorded_truth &truth, recovery_run *run)
 {
     const std::vector<recovery_frame_t> scanned = std::exchange(run->frames, {});
     const mp4_mux_init_t output = output_of_muxer();
     const int32_t code = recovery_write(&run->input, &output, nullptr, &run->report);
+    if (code == RECOVERY_ERR_CONFIGURATION && has_lost_sets(truth, scanned)) {
+        return "";
+    }
     if (code != RECOVERY_DONE) {
         return "recovery_write returns " + std::to_string(code) + ", " + run->report.message;
     }
