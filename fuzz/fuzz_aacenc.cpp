@@ -5,7 +5,7 @@
 // rate in units of 500 bit/s (2), flags (1), then the frames, each after its kind (1).
 #include "aacenc/aac_enc.h"
 #include "fuzz/input.h"
-#include "tests/support/aac_parser.h"
+#include "recovery/aac_frame.h"
 
 #include <array>
 #include <cstring>
@@ -74,7 +74,7 @@ static void describe(fuzz_input &input, tested_encoder &encoder)
                       .mpeg2Id = static_cast<int32_t>(flags >> 4 & 1)};
 }
 
-static void encode_frame(fuzz_input &input, tested_encoder &encoder, int sampling_index)
+static void encode_frame(fuzz_input &input, tested_encoder &encoder, int32_t sampling_index)
 {
     static pcm_frame pcm;
     fill_frame(input, pcm);
@@ -88,10 +88,11 @@ static void encode_frame(fuzz_input &input, tested_encoder &encoder, int samplin
     const size_t header_bytes = encoder.params.outputFormat == AACENC_FORMAT_ADTS ? 7 : 0;
     const size_t output_bytes = static_cast<size_t>(encoder.stream.outputBytes);
     require(output_bytes > header_bytes && output_bytes <= output.size(), "the access unit fits");
-    AacFrame frame;
-    const std::string error = parse_raw_data_block(
-        {output.data() + header_bytes, output_bytes - header_bytes}, sampling_index, &frame);
-    require(error.empty(), error);
+    const int32_t unit_bytes = static_cast<int32_t>(output_bytes - header_bytes);
+    const aac_frame frame =
+        read_aac_frame(output.data() + header_bytes, unit_bytes, sampling_index, nullptr);
+    require(frame.fault == nullptr, frame.fault != nullptr ? frame.fault : "");
+    require(frame.bytes == unit_bytes, "the frame fills the access unit");
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
