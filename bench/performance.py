@@ -4,7 +4,7 @@
 usage: bench/performance.py [--quick]
 
 Builds what it measures below build/. --quick shortens every measurement, to try the script, and
-writes nothing. Needs the packages of `scripts/install_dependencies.sh tests`; takes about three
+writes nothing. Needs the packages of `scripts/install_dependencies.sh tests`; takes about five
 minutes on a machine that does nothing else.
 """
 import collections
@@ -31,14 +31,15 @@ BUILDS = [('release', RELEASE, ['-DTDMBREC_TESTS=OFF']),
           ('release', PORTABLE, NO_VECTORS),
           ('arm', ARM, ['-DTDMBREC_TESTS=OFF'])]
 
-# How much is measured: alternating pairs, seconds of programme, and the benchmarks' own settings.
+# How much is measured: alternating pairs, seconds of programme, pairs and seconds of paced recordings,
+# and the benchmarks' own settings.
 Extent = collections.namedtuple('Extent', 'pairs encoder_seconds profile_seconds client_seconds '
-                                          'growth_loops benchmark_options environment')
+                                          'growth_loops paced benchmark_options environment')
 WHOLE = Extent(pairs=5, encoder_seconds=600, profile_seconds=60, client_seconds=(600, 7200),
-               growth_loops=(1, 30, 360, 2160), benchmark_options=[],
+               growth_loops=(1, 30, 360, 2160), paced=(12, 60), benchmark_options=[],
                environment={'RECORDER_BENCH': 'whole'})
 QUICK = Extent(pairs=1, encoder_seconds=60, profile_seconds=20, client_seconds=(10, 60),
-               growth_loops=(1,), benchmark_options=['--benchmark_min_time=0.01'],
+               growth_loops=(1,), paced=(2, 10), benchmark_options=['--benchmark_min_time=0.01'],
                environment={'RECORDER_BENCH': ''})
 
 # The encoder's functions by what they do.
@@ -213,6 +214,53 @@ def measure_component(extent):
          ', '.join(f'{kib / 1024:.1f} MiB after {seconds} s' for seconds, kib in grown))]
 
 
+def paced_cpu_ratio(extent, root):
+    """CPU time of paced recordings with checkpoints, compared with others at the same time without."""
+    pairs, seconds = extent.paced
+    with tempfile.TemporaryDirectory(dir=root) as name:
+        folder = pathlib.Path(name)
+        video, audio = write_loop(folder, seconds)
+        recordings = []
+        for pair in range(pairs):
+            for interval in ('0', '1'):
+                output = folder / f'{pair}-{interval}.mp4'
+                recordings.append((interval, start(
+                    [RELEASE / 'bin/tdmbrec', 'record', '--realtime', '--checkpoint', interval,
+                     '--video', video, '--audio', audio, '--output', output])))
+        cpu_seconds = {'0': [], '1': []}
+        for interval, process in recordings:
+            cpu_seconds[interval].append(end(process).cpu_seconds)
+        return statistics.median(cpu_seconds['1']) / statistics.median(cpu_seconds['0'])
+
+
+def percent_more(ratio):
+    return f'{100 * (ratio - 1):.1f} %'
+
+
+def measure_checkpoints(extent):
+    results = benchmark('bench_checkpoints', extent)
+    fast, slow = ([named(results, f'record_to_storage/checkpoint:{interval}/rate:{rate}/')[0]
+                   for interval in (0, 1000)] for rate in (0, 10000000))
+    plain, checked = fast
+    cpu, = named(results, 'compare_cpu')
+    kbit_per_s = plain['media_bytes'] * 8 / 60 / 1000
+    in_memory, on_disk = (percent_more(paced_cpu_ratio(extent, root))
+                          for root in ('/dev/shm', None))
+    return [
+        ('Checkpoints of 1 s, bytes of the journal', 'at most 0.75 % of 450 kbit/s',
+         f'{100 * checked["journal_bytes"] / checked["media_bytes"]:.2f} % of '
+         f'{kbit_per_s:.0f} kbit/s'),
+        ('Checkpoints of 1 s, writes a minute', 'for information',
+         f'{checked["media_writes"]:.0f} of media data and {checked["journal_writes"]:.0f} of the '
+         f'journal; without checkpoints {plain["media_writes"]:.0f}'),
+        ('Checkpoints of 1 s, additional CPU', 'at most 2 %',
+         f'{in_memory} of a paced recording to memory, {on_disk} to a disk; '
+         f'{percent_more(cpu["ratio"])} when buffer follows buffer without a pause'),
+        ('Checkpoints of 1 s, longest time in one buffer', 'no longer than without them',
+         f'{slow[1]["longest_ms"]:.1f} ms on a storage of 10 MB/s, without them '
+         f'{slow[0]["longest_ms"]:.1f} ms')]
+
+
 def measure_library():
     library = ARM / 'lib/libOMX.QVR.tdmbrec.so'
     with tempfile.NamedTemporaryFile() as stripped:
@@ -290,6 +338,10 @@ in one program. Nothing here is a test: no check fails because a machine is slow
   that only point to shared bytes it copies nothing, and the muxer takes {muxer['shared']:.2f} of its time.
 - The component's speed on one core, as on a device, is measured in CPU time of the process, client
   included. On two cores it is measured in elapsed time, and the buffers' bytes move between the cores.
+- Checkpoints: on the slow storage every write sleeps for the time of its bytes, as if the system had
+  no cache, and every sync for that of all bytes since the last one and 50 ms more. A checkpoint waits
+  for half a second's bytes, a recording without checkpoints for a whole cache of 1 MiB. The CPU time of
+  paced recordings is the median of {extent.paced[0]} pairs at the same time, {extent.paced[1]} s each.
 - The client's memory contains the libraries that read the input, the buffers, and the memory of the
   recording, whose growth has its own row.
 
@@ -320,8 +372,8 @@ def main():
         encoder_rows, profiles = measure_encoder(extent, folder)
         client_rows, client = measure_client(extent, folder)
     muxer_rows, muxer = measure_muxer(extent)
-    rows = (encoder_rows + muxer_rows + measure_component(extent) + measure_library() +
-            client_rows)
+    rows = (encoder_rows + muxer_rows + measure_component(extent) + measure_checkpoints(extent) +
+            measure_library() + client_rows)
     text = page(extent, rows, muxer, profiles, client)
     print(text)
     if extent is WHOLE:

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
@@ -28,8 +29,15 @@ static std::ptrdiff_t count_threads()
     return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
 }
 
-// Before main(): a sanitizer may have a thread of its own.
-static const std::ptrdiff_t kThreadsAtStart = count_threads();
+// Before main(). The first thread of a program can bring one of the sanitizer's or the emulator's,
+// which stays.
+static const std::ptrdiff_t kThreadsAtRest = [] {
+    std::thread([] {}).join();
+    for (int wait_ms = 0; wait_ms < 100 && count_threads() > 1; wait_ms++) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return count_threads();
+}();
 
 // The frames of a recording that came back.
 struct Recovered {
@@ -177,7 +185,7 @@ class Interruption : public RecorderTest {
         void *const shared = mmap(nullptr, sizeof(std::atomic<uint32_t>), PROT_READ | PROT_WRITE,
                                   MAP_SHARED | MAP_ANONYMOUS, -1, 0);
         auto *const sent = new (shared) std::atomic<uint32_t>(0);
-        while (count_threads() > kThreadsAtStart) { // it may hold a lock of the allocator
+        while (count_threads() > kThreadsAtRest) { // it may hold a lock of the allocator
             std::this_thread::yield();
         }
         const pid_t child = fork();

@@ -1,0 +1,29 @@
+// A storage that can be made slow, under the component of this program: the program's own fwrite,
+// write and fdatasync take the place of the C library's (link with
+// -Wl,--export-dynamic-symbol=NAME), and its own buffer callback, which notes the longest call,
+// that of the component's.
+//
+// Slow means: fwrite and write return after the time that their bytes take at the given rate, as
+// without any cache in the system. fdatasync returns after the time that all bytes since the last
+// one take, and 50 ms more. The thread that calls sleeps meanwhile.
+#ifndef BENCH_SLOW_STORAGE_H
+#define BENCH_SLOW_STORAGE_H
+
+#include <cstdint>
+
+struct storage_figures {
+    double media_writes;
+    double media_bytes;
+    double journal_writes;
+    double journal_bytes;
+    double longest_buffer_ms; // that the buffer thread spent in one buffer
+};
+
+// Begins to count.
+// in: bytes_per_second: the rate; 0 for the rate of the memory file system
+void storage_begin(uint64_t bytes_per_second);
+
+// returns: what was counted since the begin
+storage_figures storage_end();
+
+#endif // BENCH_SLOW_STORAGE_H
