@@ -203,7 +203,7 @@ TEST_F(RecoverCommand, GuessesEveryCodingAndRefusesThatOfAnotherChannel)
         SCOPED_TRACE(coding);
         const command_result made =
             shell("rm -f w.mp4 b.mp4 c.mp4; ffmpeg -nostdin -v error -y -f lavfi -i mandelbrot=s=" +
-                  std::string(size) + " -t 3 -pix_fmt yuv420p -c:v libx264 -bf 0 " + coding +
+                  std::string(size) + " -t 1.6 -pix_fmt yuv420p -c:v libx264 -bf 0 " + coding +
                   " v.h264 && " RECORD "--video v.h264 --audio programme.wav -o w.mp4 && "
                   "head -c $(($(grep -abo moov w.mp4 | cut -d : -f 1) - 4)) w.mp4 > b.mp4 && "
                   "printf '\\0\\0\\0\\0' | dd of=b.mp4 bs=1 seek=28 conv=notrunc && mkdir -p a && "
@@ -232,15 +232,26 @@ TEST_F(RecoverCommand, LeavesNothingWhenStopped)
         RECORD SAMPLE
         "-o w.mp4 && { head -c 571124 w.mp4 > media && printf "
         "'\\0\\0\\0\\0' | dd of=media bs=1 seek=28 conv=notrunc && tail -c +37 media > more && "
-        "cp media b.mp4 && for i in $(seq 300); do cat more; done >> b.mp4 && rm media more; }");
+        "cp media b.mp4 && for i in $(seq 100); do cat more; done >> b.mp4 && rm media more; }");
     if (made.status != 0) {
         GTEST_SKIP() << "no storage: " << made.err;
     }
     const name_set before = names();
     const command_result stopped =
-        shell(RECOVER "b.mp4 & p=$!; until [ -e b-recovered.mp4.part/movie.mp4 ]; do "
+        shell(RECOVER "b.mp4 & p=$!; until [ -e b-recovered.mp4.part ]; do "
                       "kill -0 $p || break; done; kill -TERM $p; wait $p");
     EXPECT_EQ(stopped.status, 143) << stopped.out;
     EXPECT_TRUE(contains(stopped.err, "tdmbrec: stopped; no file is made\n")) << stopped.err;
     EXPECT_EQ(names(), before);
+}
+
+TEST_F(RecoverCommand, HasALibraryWhoseExampleCompiles)
+{
+    const std::string root = source_file("");
+    const command_result compiled =
+        shell("sed -n '/^```c$/,/^```$/{/^```/d;p}' " + root +
+              "docs/recovery.md > example.c; [ -s example.c ] "
+              "&& ${CC:-cc} -std=gnu99 -Wall -Wextra -Wpedantic -Werror -fsyntax-only -I " +
+              root + " example.c");
+    EXPECT_EQ(compiled.status, 0) << compiled.err;
 }
