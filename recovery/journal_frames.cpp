@@ -175,8 +175,9 @@ static bool is_contradicted(const journal_frames *frames, const journaled_frame 
     return zeros < kLostZeros;
 }
 
-// returns: whether a frame is where the journal's first one is not: the records that could show it
-//          are all for places after the end of the file
+// returns: whether frames begin where the journal's first one does, which the file is too short
+// for:
+//          the records that could show it are all for places after the end of the file
 static bool begins_otherwise(journal_frames *frames)
 {
     if (journal_frames_open_group(frames) != kGroupOpened) {
@@ -187,9 +188,15 @@ static bool begins_otherwise(journal_frames *frames)
                        .end = frames->media->file_bytes,
                        .sampling_index = frames->sound.sampling_index,
                        .channels = frames->sound.channels};
-    walked_frame frame = {};
-    return walk.position < walk.end && media_walk_next(&walk, &frame) == kWalkFrame &&
-           frame.offset == frames->frame_offset;
+    // One alone may be the begin of the journal's own frame.
+    for (int i = 0; i < 2; i++) {
+        walked_frame frame = {};
+        if (walk.position >= walk.end || media_walk_next(&walk, &frame) != kWalkFrame ||
+            frame.skipped_bytes > 0) {
+            return false;
+        }
+    }
+    return true;
 }
 
 // returns: whether the journal fits, as far as the frames that are whole and those that are others
