@@ -175,10 +175,12 @@ static bool is_contradicted(const journal_frames *frames, const journaled_frame 
     return zeros < kLostZeros;
 }
 
-// returns: whether a frame is where the journal's first one is not: the records that could show it
-//          are all for places after the end of the file
+// returns: whether frames are where the journal's first one is not: the records that could show it
+//          are all for places after the end of the file. One frame may be the begin of the
+//          journal's first one, cut between two slices.
 static bool begins_otherwise(journal_frames *frames)
 {
+    static constexpr int kOtherFrames = 2;
     if (journal_frames_open_group(frames) != kGroupOpened) {
         return false;
     }
@@ -188,8 +190,12 @@ static bool begins_otherwise(journal_frames *frames)
                        .sampling_index = frames->sound.sampling_index,
                        .channels = frames->sound.channels};
     walked_frame frame = {};
-    return walk.position < walk.end && media_walk_next(&walk, &frame) == kWalkFrame &&
-           frame.offset == frames->frame_offset;
+    int found_frames = 0;
+    while (found_frames < kOtherFrames && walk.position < walk.end &&
+           media_walk_next(&walk, &frame) == kWalkFrame && frame.skipped_bytes == 0) {
+        found_frames++;
+    }
+    return found_frames == kOtherFrames;
 }
 
 // returns: whether the journal fits, as far as the frames that are whole and those that are others
