@@ -117,7 +117,7 @@ static void repair_journal(Bytes &journal)
         at += part_bytes;
         fuzz_input group = {std::span<const uint8_t>(journal).subspan(at)};
         (void)group.take(4);
-        part_bytes = group.number(4);
+        part_bytes = static_cast<size_t>(group.number(4));
     }
 }
 

@@ -175,11 +175,12 @@ static bool is_contradicted(const journal_frames *frames, const journaled_frame 
     return zeros < kLostZeros;
 }
 
-// returns: whether frames begin where the journal's first one does, which the file is too short
-// for:
-//          the records that could show it are all for places after the end of the file
+// returns: whether frames are where the journal's first one is not: the records that could show it
+//          are all for places after the end of the file. One frame may be the begin of the
+//          journal's first one, cut between two slices.
 static bool begins_otherwise(journal_frames *frames)
 {
+    static constexpr int kOtherFrames = 2;
     if (journal_frames_open_group(frames) != kGroupOpened) {
         return false;
     }
@@ -188,15 +189,13 @@ static bool begins_otherwise(journal_frames *frames)
                        .end = frames->media->file_bytes,
                        .sampling_index = frames->sound.sampling_index,
                        .channels = frames->sound.channels};
-    // One alone may be the begin of the journal's own frame.
-    for (int i = 0; i < 2; i++) {
-        walked_frame frame = {};
-        if (walk.position >= walk.end || media_walk_next(&walk, &frame) != kWalkFrame ||
-            frame.skipped_bytes > 0) {
-            return false;
-        }
+    walked_frame frame = {};
+    int found_frames = 0;
+    while (found_frames < kOtherFrames && walk.position < walk.end &&
+           media_walk_next(&walk, &frame) == kWalkFrame && frame.skipped_bytes == 0) {
+        found_frames++;
     }
-    return true;
+    return found_frames == kOtherFrames;
 }
 
 // returns: whether the journal fits, as far as the frames that are whole and those that are others
