@@ -35,7 +35,7 @@ namespace {
 enum image_kind { kPrefix, kTorn, kMissing, kOldJournal, kKinds };
 
 struct run_options {
-    size_t seeded_images = kIsSlow ? 100 : 1500; // of each recording
+    size_t seeded_images = kIsSlow ? 100 : 1000; // of each recording
     unsigned seed = kDefaultSeed;
     std::string only; // the image to judge
 };

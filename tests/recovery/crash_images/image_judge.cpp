@@ -10,6 +10,7 @@
 static constexpr size_t kHeadBytes = 36; // of the media, before the first frame
 static constexpr uint32_t kTimeErrorMs = 5;
 static constexpr size_t kFramesForExactTimes = 60; // in the journal
+static constexpr size_t kTellingFrames = 3;        // in the journal: they show whose it is
 
 static const Bytes kSilence = {0x20, 0, 0, 0, 0, 0, 0x0E};
 
@@ -77,6 +78,7 @@ static Bytes file_of(const disk_image &image, size_t file)
 static void require_frames(image_facts *facts)
 {
     bool is_walk_intact = facts->has_journal_head || facts->has_media_head;
+    facts->is_required.clear();
     for (size_t i = 0; i < facts->is_whole.size(); i++) {
         is_walk_intact = facts->is_journaled[i] || (is_walk_intact && facts->is_whole[i]);
         facts->is_required.push_back(facts->is_whole[i] && is_walk_intact);
@@ -364,13 +366,30 @@ static std::string check_refusal(const recorded_truth &truth, const recovery_run
     return "returns " + std::to_string(code) + ", " + run.report.message;
 }
 
+// Of a few journaled frames among those of another recording, no reader can know whose they are.
+static void forget_lost_journal(const recovery_run &run, image_facts *facts)
+{
+    size_t whole = 0;
+    for (size_t i = 0; i < facts->is_whole.size(); i++) {
+        whole += facts->is_whole[i] && facts->is_journaled[i] ? 1u : 0u;
+    }
+    if (run.report.journal == RECOVERY_JOURNAL_OTHER_FILE && whole < kTellingFrames) {
+        facts->is_journaled.assign(facts->is_whole.size(), false);
+        facts->journaled = 0;
+        require_frames(facts);
+    }
+}
+
 std::string judge_image(const recorded_truth &truth, const disk_image &image, bool may_be_stale,
                         judge_figures *figures)
 {
-    const image_facts facts = facts_of(truth, image);
+    image_facts facts = facts_of(truth, image);
     recovery_run run;
     prepare_run(truth, image, facts.has_journal_head && !may_be_stale, &run);
     const int32_t code = recovery_scan(&run.input, &run.report);
+    if (may_be_stale) {
+        forget_lost_journal(run, &facts);
+    }
     if (code == RECOVERY_ERR_WHOLE) {
         return check_finished(truth, run, facts, may_be_stale, figures);
     }
