@@ -10,6 +10,7 @@ static constexpr uint8_t kGroupTag[4] = {'J', 'G', 'R', 'P'};
 static constexpr int64_t kMostSearchedBytes = 1 << 20; // each candidate costs a checksum
 static constexpr int64_t kSumPartBytes = 1 << 16;      // a multiple of the checksum's words
 static constexpr int kEnoughFrames = 8;                // to know whose journal it is
+static constexpr int64_t kTellingFrames = 3;           // no other recording has as many in place
 
 // No frame has as many zeros in a row: bytes that never reached the storage.
 static constexpr int64_t kLostZeros = 16;
@@ -203,8 +204,11 @@ static bool begins_otherwise(journal_frames *frames)
 static bool is_fitting(const journal_frames *begin, int64_t whole_frames, int64_t other_frames)
 {
     journal_frames frames = *begin;
-    return whole_frames + other_frames > 0 ? whole_frames >= other_frames
-                                           : !begins_otherwise(&frames);
+    if (whole_frames + other_frames == 0) {
+        return !begins_otherwise(&frames);
+    }
+    // Lost bytes may be those of an earlier file, in any number of frames.
+    return whole_frames >= std::min(other_frames, kTellingFrames);
 }
 
 journal_fit find_journal_fit(journal_frames *frames)

@@ -35,7 +35,7 @@ namespace {
 enum image_kind { kPrefix, kTorn, kMissing, kOldJournal, kKinds };
 
 struct run_options {
-    size_t seeded_images = kIsSlow ? 100 : 1500; // of each recording
+    size_t seeded_images = kIsSlow ? 100 : 1000; // of each recording
     unsigned seed = kDefaultSeed;
     std::string only; // the image to judge
 };
@@ -96,7 +96,7 @@ static void judge(const recorded_truth &truth, const crash_case &image_case, run
         state->held[image_case.kind]++;
         return;
     }
-    if (++state->faults[fault.substr(0, fault.find(':'))] > kMostPrintedFaults) {
+    if (++state->faults[fault.substr(0, fault.find_first_of(":0123456789"))] > kMostPrintedFaults) {
         return;
     }
     std::printf("%s: %s\n  again: crash_images %zu %u %s\n", name.data(), fault.data(),

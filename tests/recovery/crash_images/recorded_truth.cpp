@@ -231,6 +231,26 @@ static void play_recording(const record_options &options, NotedTimes *times)
     recorder.TearDown();
 }
 
+// Half the interval may pass before a group is written. The trace has the group on the storage
+// before the next one.
+static void check_intervals(const recorded_truth &truth, const char *checkpoint_ms)
+{
+    static constexpr uint32_t kFrameMs = 34; // of the picture that makes the checkpoint due
+    const uint32_t most_ms = static_cast<uint32_t>(std::atoi(checkpoint_ms)) / 2 + kFrameMs;
+    uint32_t last_ms = 0;
+    for (const recorded_group &group : truth.groups) {
+        uint32_t end_ms = last_ms;
+        for (size_t i = group.first_frame; i < group.first_frame + group.frames; i++) {
+            end_ms = std::max(end_ms, truth.frames[i].time_ms);
+        }
+        require(end_ms - last_ms <= most_ms, "a group is too long");
+        last_ms = end_ms;
+    }
+    require(checkpoint_ms[0] == '\0' ||
+                truth.groups.back().first_frame + truth.groups.back().frames == truth.frames.size(),
+            "a frame is not in the journal");
+}
+
 recorded_truth record_with_component(const record_options &options)
 {
     NotedTimes times;
@@ -244,6 +264,7 @@ recorded_truth record_with_component(const record_options &options)
     truth.frames = frames_of(read_file(kRecording), times);
     describe_files(&truth, kRecording);
     require(truth.finished == read_file(kRecording), "the trace lacks a call");
+    check_intervals(truth, options.checkpoint_ms);
     require(finish_recording(truth.settings, truth.frames) == truth.finished,
             "the muxer alone makes another file of " + options.name);
     return truth;
