@@ -179,6 +179,7 @@ TEST(Walk, KnowsWholePictures)
         {"00000006 418000000080", false},      // what no unit contains
         {"00000006 418000000180", false},
         {"00000006 418000000280", false},
+        {"00000007 41808000000280", false},
         {"00000005 4180000000", false}, // an end in zeros
         {"00000003 418800", false},
         {"00000002 09F0", false},   // no slice
@@ -198,6 +199,19 @@ TEST(Walk, KnowsWholePictures)
     }
 }
 
+TEST(Walk, SeesDamageAtEveryPlaceOfALongUnit)
+{
+    constexpr size_t kUnitBytes = 70000;
+    const Bytes head = Bytes(kFirstFrame) + mux_test::number(kUnitBytes);
+    for (size_t at = 65530; at < 65545; at++) {
+        Bytes unit(kUnitBytes, 0xF0);
+        unit[0] = 0x41;
+        EXPECT_EQ(walk_over(head + unit).frames.size(), 1u);
+        unit[at] = unit[at + 1] = unit[at + 2] = 0;
+        EXPECT_EQ(walk_over(head + unit).frames.size(), 0u) << at;
+    }
+}
+
 // A picture ends before the unit that begins the next one; a cut unit may show which.
 TEST(Walk, SplitsPicturesWhereTheStandardDoes)
 {
@@ -213,7 +227,11 @@ TEST(Walk, SplitsPicturesWhereTheStandardDoes)
         {"00000003 41F080 00000009 41F0", "7 "},
         {"00000003 41F080 00000009 4150", ""},
         {"00000003 41F080 00000009 67", "7 "},
+        {"00000003 65F080 00000003 655080 00000003 41F080 00000003 415080 00000003 41F080",
+         "14 14 "}, // a cut between two slices
+        {"00000003 65F080 00000004 41F08000", "7 "},
         {"00000003 41F080 00000100 'moov'", "7 "},
+        {"00000003 41F080 00000100 'moov' 00000003 41F080 00000003 41F080 00000003 41F080", "7 "},
         {"00000003 41F080 00000100 'mo'", "7 "},
     };
     for (const auto &[media, sizes] : kMedia) {
