@@ -15,7 +15,7 @@ static constexpr int64_t kBoxHeaderBytes = 8;
 static constexpr int64_t kLeastCutBytes = 8; // of a cut sound frame that looks like one
 
 // Work at most: this many bytes, and this many for each byte on the way.
-static constexpr int64_t kFreeWorkBytes = 256 << 20;
+static constexpr int64_t kFreeWorkBytes = 2 * kLongestFrameBytes;
 static constexpr int64_t kWorkPerByte = 64;
 
 // Evidence, in points, that a place is where a frame begins. A sound frame is hardly ever found by

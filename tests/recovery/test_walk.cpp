@@ -1,11 +1,15 @@
 #include "mp4mux/mp4_mux.h"
 #include "recovery/media_walk.h"
 #include "tests/recovery/media_files.h"
+#include "tests/support/mux_recording.h"
 
 #include <algorithm>
 #include <cstdio>
+#include <functional>
 #include <gtest/gtest.h>
 #include <random>
+
+using mux_test::operator+;
 
 static constexpr int64_t kFirstFrame = 36; // its offset: after the head
 
@@ -115,4 +119,127 @@ TEST(Walk, InventsNothingWhereBlocksAreZero)
     }
     std::printf("%zu intact frames lost near %zu zeroed blocks\n", lost, holes);
     EXPECT_LT(lost, holes / 4);
+}
+
+// Data that looks like frames everywhere: what is read for each byte stays small.
+TEST(Walk, ReadsHostileDataOnlySoOften)
+{
+    static int64_t read_bytes;
+    constexpr size_t kBytes = 1 << 20;
+    std::mt19937 random(7);
+    const auto fill = [&](const std::function<Bytes(size_t)> &make) {
+        Bytes bytes;
+        while (bytes.size() < kBytes) {
+            const Bytes next = make(kBytes - bytes.size());
+            bytes.insert(bytes.end(), next.begin(), next.end());
+        }
+        return bytes;
+    };
+    const auto unit = [](size_t bytes) { return mux_test::number(bytes) + Bytes{0x41, 0xFF}; };
+    const Bytes files[] = {
+        fill([](size_t) { return Bytes(4096); }),
+        fill([&](size_t) { return Bytes{static_cast<uint8_t>(random())}; }),
+        fill([&](size_t) { return Bytes{static_cast<uint8_t>(random() % 3)}; }),
+        fill([&](size_t rest) { return unit(std::min<size_t>(rest, 1 + random() % 0xFFFFF)); }),
+        fill([&](size_t rest) { return unit((rest - 5) % 0x40000 + 1); }),
+        fill([](size_t) { return mux_test::bytes("00C01888"); }), // mono, or 12 MB of a picture
+    };
+    for (const Bytes &bytes : files) {
+        recovery_source_t source = source_of(bytes);
+        source.read_at = [](void *context, int64_t offset, void *buffer, int64_t count) {
+            read_bytes += count;
+            return source_of(*static_cast<const Bytes *>(context))
+                .read_at(context, offset, buffer, count);
+        };
+        media_window window;
+        ASSERT_TRUE(media_window_open(&window, &source));
+        media_walk walk = {.window = &window,
+                           .end = static_cast<int64_t>(bytes.size()),
+                           .sampling_index = 3,
+                           .channels = 1}; // begins as the length of a picture may
+        read_bytes = 0;
+        walked_frame frame;
+        while (media_walk_next(&walk, &frame) == kWalkFrame) {
+        }
+        EXPECT_LT(read_bytes, 100 * static_cast<int64_t>(bytes.size())) << &bytes - files;
+        media_window_close(&window);
+    }
+}
+
+TEST(Walk, KnowsWholePictures)
+{
+    static constexpr struct {
+        const char *picture;
+        bool is_whole;
+    } kPictures[] = {
+        {"00000003 658880", true},
+        {"00000002 09F0 00000003 658880 00000003 617080", true},
+        {"00000001 0C 00000003 418880", true}, // filler data may be empty
+        {"00000006 418000000380", true},       // emulation prevention
+        {"00000006 418000000080", false},      // what no unit contains
+        {"00000006 418000000180", false},
+        {"00000006 418000000280", false},
+        {"00000007 41808000000280", false},
+        {"00000005 4180000000", false}, // an end in zeros
+        {"00000003 418800", false},
+        {"00000002 09F0", false},   // no slice
+        {"00000004 658880", false}, // cut
+        {"00000003 658880 000000", false},
+        {"00000003 658880 00", false},
+        {"00000000 00000003 658880", false},        // an empty unit
+        {"00000003 E58880", false},                 // forbidden_zero_bit
+        {"00000003 058880", false},                 // an IDR slice that is no reference
+        {"00000003 788880 00000003 658880", false}, // for private use
+        {"", false},
+    };
+    for (const auto &[picture, is_whole] : kPictures) {
+        const Bytes bytes = mux_test::bytes(picture);
+        EXPECT_EQ(is_whole_picture(bytes.data(), static_cast<int32_t>(bytes.size())), is_whole)
+            << picture;
+    }
+}
+
+TEST(Walk, SeesDamageAtEveryPlaceOfALongUnit)
+{
+    constexpr size_t kUnitBytes = 70000;
+    const Bytes head = Bytes(kFirstFrame) + mux_test::number(kUnitBytes);
+    for (size_t at = 65530; at < 65545; at++) {
+        Bytes unit(kUnitBytes, 0xF0);
+        unit[0] = 0x41;
+        EXPECT_EQ(walk_over(head + unit).frames.size(), 1u);
+        unit[at] = unit[at + 1] = unit[at + 2] = 0;
+        EXPECT_EQ(walk_over(head + unit).frames.size(), 0u) << at;
+    }
+}
+
+// A picture ends before the unit that begins the next one; a cut unit may show which.
+TEST(Walk, SplitsPicturesWhereTheStandardDoes)
+{
+    static constexpr struct {
+        const char *media;
+        const char *sizes;
+    } kMedia[] = {
+        {"00000003 65F080 00000003 41F080", "7 7 "},
+        {"00000003 61F080 00000003 65F080 00000003 655080", "7 14 "},
+        {"00000003 41F080 00000003 014080", "7 7 "},
+        {"00000003 41F080 00000002 06F0 00000003 41F080", "7 13 "},
+        {"00000003 42F080 00000003 42F080 00000003 43F080 00000003 44F080", "7 21 "},
+        {"00000003 41F080 00000009 41F0", "7 "},
+        {"00000003 41F080 00000009 4150", ""},
+        {"00000003 41F080 00000009 67", "7 "},
+        {"00000003 65F080 00000003 655080 00000003 41F080 00000003 415080 00000003 41F080",
+         "14 14 "}, // a cut between two slices
+        {"00000003 65F080 00000004 41F08000", "7 "},
+        {"00000003 41F080 00000100 'moov'", "7 "},
+        {"00000003 41F080 00000100 'moov' 00000003 41F080 00000003 41F080 00000003 41F080", "7 "},
+        {"00000003 41F080 00000100 'mo'", "7 "},
+    };
+    for (const auto &[media, sizes] : kMedia) {
+        const Bytes bytes = Bytes(kFirstFrame) + mux_test::bytes(media);
+        std::string found;
+        for (const walked_frame &frame : walk_over(bytes).frames) {
+            found += std::to_string(frame.size) + " ";
+        }
+        EXPECT_EQ(found, sizes) << media;
+    }
 }
