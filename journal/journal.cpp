@@ -222,7 +222,7 @@ static bool take_settings(byte_reader *in, journal_settings_t *settings)
     take_streams(in, &settings->input);
     settings->video_configuration_bytes = static_cast<uint32_t>(take_number(in, 2));
     settings->audio_configuration_bytes = static_cast<uint32_t>(take_number(in, 2));
-    const size_t path_bytes = take_number(in, 2);
+    const uint32_t path_bytes = static_cast<uint32_t>(take_number(in, 2));
     (void)take_number(in, 2);
     if (settings->video_configuration_bytes > kJournalConfigurationBytes ||
         settings->audio_configuration_bytes > kJournalConfigurationBytes ||
