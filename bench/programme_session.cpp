@@ -8,15 +8,7 @@
 #include "tests/support/storage_namespace.h"
 
 #include <cstdio>
-#include <cstdlib>
 #include <filesystem>
-#include <string>
-
-bool runs_whole()
-{
-    const char *const wish = std::getenv("RECORDER_BENCH");
-    return wish != nullptr && std::string(wish) == "whole";
-}
 
 void check(benchmark::State &state, bool holds, const char *fault)
 {

@@ -14,9 +14,6 @@ inline constexpr char kOutput[] = "/mnt/sdcard/bench.mp4";
 inline constexpr uint32_t kSampleRate = 48000;
 inline constexpr double kProgrammeSeconds = 10; // the length of the sample programme
 
-// returns: whether RECORDER_BENCH=whole is in the environment
-bool runs_whole();
-
 // Ends the benchmark unless the condition holds.
 void check(benchmark::State &state, bool holds, const char *fault);
 
