@@ -69,7 +69,7 @@ static void look_for_others(recording &self)
 // in: checkpoint_s: at most kCheckpointMaxS; the shortest that is not 0 is one millisecond
 static void set_checkpoint(double checkpoint_s)
 {
-    const long checkpoint_ms = std::lround(std::ceil(checkpoint_s * 1000));
+    const long checkpoint_ms = checkpoint_s > 0 ? std::lround(std::ceil(checkpoint_s * 1000)) : 0;
     host_set_property(TDMBREC_CHECKPOINT_PROPERTY, std::to_string(checkpoint_ms).c_str());
 }
 

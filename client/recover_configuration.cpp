@@ -200,6 +200,9 @@ std::optional<found_configuration> recover_configuration_find(const recover_opti
 {
     configuration_search self = {.pictures = pictures, .remarks = remarks};
     std::optional<found_configuration> found;
+    if (pictures.empty()) {
+        return found;
+    }
     if (!options.like.empty()) {
         found = take_named(self, options.like, true);
     }

@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-// As many of the first pictures are tried, from the first one with a key frame on.
+// As many of the first pictures are tried, from the first key frame on.
 inline constexpr size_t kTrialPictures = 30;
 
 struct found_configuration {

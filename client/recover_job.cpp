@@ -19,9 +19,13 @@
 
 namespace fs = std::filesystem;
 
+// Pictures that are longer together are not tried.
+static constexpr int64_t kTrialBytesMax = 64 << 20;
+
 struct frame_place {
     int64_t offset;
     int32_t bytes;
+    bool is_key;
 };
 
 struct recover_job {
@@ -52,18 +56,23 @@ static int32_t show_progress(void *context, int64_t done_bytes, int64_t all_byte
             "Recovering  " + self.broken.path +
             format_text("  %d %%", static_cast<int>(100 * done_bytes / all_bytes)));
     }
-    const bool is_enough = self.needs_trial_alone && self.trial.size() == kTrialPictures;
-    return is_enough ? 1 : interruption_signal();
+    const bool is_enough = self.trial.size() == kTrialPictures && self.trial.front().is_key;
+    return self.needs_trial_alone && is_enough ? 1 : interruption_signal();
 }
 
 static void note_frame(void *context, const recovery_frame_t *frame)
 {
     recover_job &self = job_of(context);
     self.last_ms = frame->time_ms;
+    if (frame->type != MUX_TYPE_VIDEO) {
+        return;
+    }
     const bool is_key = (frame->flags & MUX_FRAME_KEY) != 0;
-    if (frame->type == MUX_TYPE_VIDEO && self.trial.size() < kTrialPictures &&
-        (is_key || !self.trial.empty())) {
-        self.trial.push_back({frame->offset, frame->size});
+    if (is_key && !self.trial.empty() && !self.trial.front().is_key) {
+        self.trial.clear(); // a decoder begins with a key frame
+    }
+    if (self.trial.size() < kTrialPictures) {
+        self.trial.push_back({frame->offset, frame->size, is_key});
     }
 }
 
@@ -129,7 +138,12 @@ static picture_list read_trial(recover_job &self)
 {
     picture_list pictures;
     const recovery_source_t source = recover_file_source(self.media);
+    int64_t bytes = 0;
     for (const frame_place &place : self.trial) {
+        bytes += place.bytes;
+        if (bytes > kTrialBytesMax) {
+            break;
+        }
         std::vector<uint8_t> picture(static_cast<size_t>(place.bytes));
         if (source.read_at(source.context, place.offset, picture.data(), place.bytes) ==
             place.bytes) {
@@ -226,7 +240,8 @@ static int32_t run_with_configuration(recover_job &self, const work_folder &fold
     }
     if (self.trial.empty()) {
         self.needs_trial_alone = true;
-        (void)recovery_scan(&self.input, &self.outcome.report);
+        recovery_report_t ignored;
+        (void)recovery_scan(&self.input, &ignored);
         self.needs_trial_alone = false;
     }
     interruption_check();
