@@ -5,6 +5,7 @@
 #include "mp4read/mp4_reader.h"
 #include "platform/android_log.h"
 #include "platform/host/host_control.h"
+#include "tests/recovery/crash_images/disk_image.h"
 #include "tests/support/component_test.h"
 #include "tests/support/mux_callbacks.h"
 #include "tests/support/programme_player.h"
@@ -231,24 +232,47 @@ static void play_recording(const record_options &options, NotedTimes *times)
     recorder.TearDown();
 }
 
-// Half the interval may pass before a group is written. The trace has the group on the storage
-// before the next one.
+// Half the interval may pass until a group is written, the other half while it is synced.
 static void check_intervals(const recorded_truth &truth, const char *checkpoint_ms)
 {
     static constexpr uint32_t kFrameMs = 34; // of the picture that makes the checkpoint due
     const uint32_t most_ms = static_cast<uint32_t>(std::atoi(checkpoint_ms)) / 2 + kFrameMs;
     uint32_t last_ms = 0;
+    size_t frames = 0;
     for (const recorded_group &group : truth.groups) {
         uint32_t end_ms = last_ms;
-        for (size_t i = group.first_frame; i < group.first_frame + group.frames; i++) {
-            end_ms = std::max(end_ms, truth.frames[i].time_ms);
+        for (frames = group.first_frame; frames < group.first_frame + group.frames; frames++) {
+            end_ms = std::max(end_ms, truth.frames[frames].time_ms);
         }
         require(end_ms - last_ms <= most_ms, "a group is too long");
         last_ms = end_ms;
     }
-    require(checkpoint_ms[0] == '\0' ||
-                truth.groups.back().first_frame + truth.groups.back().frames == truth.frames.size(),
-            "a frame is not in the journal");
+    require(truth.groups.empty() || frames == truth.frames.size(), "a frame has no record");
+}
+
+// Media before its records, and the whole file on the storage before the journal is removed.
+static void check_order(const recorded_truth &truth)
+{
+    int64_t media_end = 0;
+    auto group = truth.groups.begin();
+    for (size_t i = 0; i < truth.trace.events.size(); i++) {
+        const disk_event &event = truth.trace.events[i];
+        const int64_t end = event.offset + static_cast<int64_t>(event.bytes.size());
+        if (event.file == truth.media && event.call == disk_call::write) {
+            media_end = std::max(media_end, end);
+        } else if (event.file == truth.journal && event.call == disk_call::write) {
+            for (; group != truth.groups.end() && group->begin < end; group++) {
+                const recorded_frame &last = truth.frames[group->first_frame + group->frames - 1];
+                require(last.offset + static_cast<int64_t>(last.bytes.size()) <= media_end,
+                        "a record is written before its frame");
+            }
+        } else if (event.file == truth.journal && event.call == disk_call::remove) {
+            for (const size_t unsynced : unsynced_events(truth.trace, i)) {
+                require(truth.trace.events[unsynced].file != truth.media,
+                        "the journal is removed before the file is synced");
+            }
+        }
+    }
 }
 
 recorded_truth record_with_component(const record_options &options)
@@ -265,6 +289,7 @@ recorded_truth record_with_component(const record_options &options)
     describe_files(&truth, kRecording);
     require(truth.finished == read_file(kRecording), "the trace lacks a call");
     check_intervals(truth, options.checkpoint_ms);
+    check_order(truth);
     require(finish_recording(truth.settings, truth.frames) == truth.finished,
             "the muxer alone makes another file of " + options.name);
     return truth;
