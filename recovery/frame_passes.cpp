@@ -166,11 +166,14 @@ static int32_t judge_scan(recovery_job *job, const frame_stream *stream)
 }
 
 // Several rates can have the same syntax: the one counts at which the pictures have a usual rate.
+// Of few frames, or with holes, that shows nothing.
 static void choose_sample_rate(recovery_job *job)
 {
+    static constexpr uint32_t kEnoughPictures = 90;
     static constexpr int32_t kAlike[][3] = {
         {48000, 44100, 0}, {24000, 22050, 0}, {16000, 12000, 11025}};
-    if (job->has_journal || job->input->sample_rate != 0 || job->sound.sampling_index == 0) {
+    if (job->has_journal || job->input->sample_rate != 0 || job->sound.sampling_index == 0 ||
+        job->report->holes > 0 || job->report->pictures < kEnoughPictures) {
         return;
     }
     for (const auto &rates : kAlike) {
