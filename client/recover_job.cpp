@@ -22,6 +22,9 @@ namespace fs = std::filesystem;
 // Pictures that are longer together are not tried.
 static constexpr int64_t kTrialBytesMax = 64 << 20;
 
+// A length of four bytes and the header of a NAL unit.
+static constexpr size_t kFrameBeginBytes = 5;
+
 struct frame_place {
     int64_t offset;
     int32_t bytes;
@@ -41,6 +44,7 @@ struct recover_job {
     std::vector<frame_place> trial; // of the pictures that a configuration is tried with
     bool needs_trial_alone = false; // what comes after them is not wanted
     uint32_t last_ms = 0;           // of the last frame
+    std::array<uint8_t, kFrameBeginBytes> end_begin = {}; // of the cut frame
 };
 
 static recover_job &job_of(void *context)
@@ -82,6 +86,9 @@ static void note_hole(void *context, const recovery_hole_t *hole)
     const recover_hole place = {hole->offset, hole->bytes, self.last_ms};
     if (hole->is_end != 0) {
         self.outcome.end = place;
+        self.end_begin = {};
+        const recovery_source_t &media = self.input.media;
+        (void)media.read_at(media.context, hole->offset, self.end_begin.data(), kFrameBeginBytes);
     } else {
         self.outcome.holes.push_back(place);
     }
@@ -153,11 +160,21 @@ static picture_list read_trial(recover_job &self)
     return pictures;
 }
 
+// returns: the path of the file itself, which a link in the folder may lead to
+static std::string file_path(const recover_job &self)
+{
+    std::error_code error;
+    const std::string &path = self.broken.path;
+    const fs::path target =
+        fs::is_symlink(path, error) ? fs::canonical(path, error) : fs::path(path);
+    return error ? path : target.string();
+}
+
 static std::string finished_text(const recover_job &self)
 {
     std::string text = self.broken.path + ": nothing to recover: the file is finished";
     if (!self.broken.left.empty()) {
-        text += "; to move it to its place: mv " + shell_word(self.broken.path) + " " +
+        text += "; to move it to its place: mv " + shell_word(file_path(self)) + " " +
                 shell_word(self.broken.output);
     }
     return text + (self.broken.journal.empty()
@@ -360,29 +377,26 @@ static void recover_in_place(recover_job &self)
         const int error = self.media.error;
         fail(self, result, error != 0 ? std::strerror(error) : mux_file_write_error());
     }
-    self.outcome.output = self.broken.path;
+    self.outcome.output = file_path(self);
     read_back(self, self.media.descriptor);
     remove_journal(self);
 }
 
 // returns: what the cut frame was, from its first bytes
-static std::string end_kind(recover_job &self)
+static std::string end_kind(const recover_job &self)
 {
-    static constexpr size_t kLengthBytes = 4;
-    uint8_t head[kLengthBytes + 1] = {};
-    const recovery_source_t source = recover_file_source(self.media);
-    if (source.read_at(source.context, self.outcome.end->offset, head, sizeof head) < 2) {
-        return "a frame";
+    const std::array<uint8_t, kFrameBeginBytes> &begin = self.end_begin;
+    const int id_syn_ele = begin[0] >> 5; // of AAC: 0 a single channel, 1 a pair
+    const bool is_length = begin[0] == 0; // of less than 16 MiB
+    const int nal_unit_type = begin[4] & 0x1F;
+    const bool is_picture = is_length && (begin[1] | begin[2] | begin[3]) != 0 &&
+                            (begin[4] & 0x80) == 0 && nal_unit_type != 0 && nal_unit_type <= 9;
+    if (is_picture) {
+        return "a picture";
     }
-    const int id_syn_ele = head[0] >> 5; // of AAC: 0 a single channel, 1 a pair
-    const bool is_length = head[0] == 0; // of less than 16 MiB
-    const int nal_unit_type = head[kLengthBytes] & 0x1F;
-    const bool is_picture = is_length && (head[1] | head[2] | head[3]) != 0 &&
-                            (head[kLengthBytes] & 0x80) == 0 && nal_unit_type != 0 &&
-                            nal_unit_type <= 9;
-    return is_picture                                                     ? "a picture"
-           : id_syn_ele == self.outcome.report.channels - 1 && !is_length ? "a sound frame"
-                                                                          : "data of no frame";
+    const bool is_blank = begin == std::array<uint8_t, kFrameBeginBytes>();
+    const bool is_sound = id_syn_ele == self.outcome.report.channels - 1 && !is_blank;
+    return is_sound ? "a sound frame" : "data of no frame";
 }
 
 static void complete_outcome(recover_job &self)

@@ -86,7 +86,7 @@ static std::string advice_text(const recover_outcome &outcome)
         return "";
     }
     return outcome.is_in_place
-               ? "  Next      move " + shell_word(outcome.source) + " to where it is wanted\n"
+               ? "  Next      move " + shell_word(outcome.output) + " to where it is wanted\n"
                : "  Next      delete " + shell_word(outcome.left) + " when the file plays\n";
 }
 

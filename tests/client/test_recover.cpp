@@ -151,12 +151,18 @@ TEST_F(RecoverCommand, FinishesAFileInPlace)
 {
     record_and_kill();
     const command_result result =
-        shell("cp -r " LEFT_BY_KILL " o.mp4.recording; " RECOVER LEFT_BY_KILL " && " RECOVER
+        shell("truncate -s -9 " LEFT_BY_KILL "/recording.mp4; "
+              "cp -r " LEFT_BY_KILL " o.mp4.recording; " RECOVER LEFT_BY_KILL " && " RECOVER
               "--in-place o.mp4.recording");
     EXPECT_EQ(result.status, 0) << result.err;
     EXPECT_EQ(shell("cmp k.mp4 o.mp4.recording/recording.mp4 && ls o.mp4.recording").out,
               "recording.mp4\n");
     EXPECT_TRUE(contains(result.out, "move o.mp4.recording/recording.mp4 to")) << result.out;
+    // Of the cut frame, only the message is left.
+    const size_t cut = result.out.find("  Cut  ");
+    ASSERT_NE(cut, std::string::npos);
+    const std::string line = result.out.substr(cut, result.out.find('\n', cut) - cut);
+    EXPECT_TRUE(contains(result.out.substr(cut + line.size()), line)) << result.out;
 }
 
 TEST_F(RecoverCommand, PrintsAllOfItAsJson)
