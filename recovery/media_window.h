@@ -23,7 +23,8 @@ struct media_window {
 
 // Shows bytes of the file.
 // out: available: at most count; fewer at the end of the file, after a failed read and without
-// memory returns: the bytes, valid until the next call; null when none are available
+//      memory
+// returns: the bytes, valid until the next call; null when none are available
 [[nodiscard]] const uint8_t *media_window_show(media_window *window, int64_t offset, int64_t count,
                                                int64_t *available);
 

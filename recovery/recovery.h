@@ -90,8 +90,10 @@ typedef struct recovery_input_t {
     uint32_t frame_rate_num; // pictures per frame_rate_den seconds, without a journal; 0: the one
     uint32_t frame_rate_den; // ... that fits best
     void *context;           // of the callbacks below, each of which may be null
+    // About every MiB. done_bytes and all_bytes count the passes over the media file.
     // returns: 0 to continue
     int32_t (*progress)(void *context, int64_t done_bytes, int64_t all_bytes);
+    // Once for each, in the order of the file, when all frames have been found.
     void (*frame)(void *context, const recovery_frame_t *frame);
     void (*hole)(void *context, const recovery_hole_t *hole);
 } recovery_input_t;
@@ -143,7 +145,8 @@ int32_t recovery_scan(const recovery_input_t *input, recovery_report_t *report);
 
 // Muxes the frames into a new file.
 // in: output: callbacks, name or handle, scratch directory and cache memory of the muxer. Streams
-//     and options come from the recording.
+//     and options come from the recording. The scratch files have the names of the tables of
+//     `input`: another directory than theirs.
 // in: close_memory: lent for the close; may be null
 // returns: as recovery_scan, or RECOVERY_ERR_WRITE, RECOVERY_ERR_CONFIGURATION
 int32_t recovery_write(const recovery_input_t *input, const mp4_mux_init_t *output,
@@ -153,6 +156,7 @@ int32_t recovery_write(const recovery_input_t *input, const mp4_mux_init_t *outp
 // syncs, writes the size of the media data, syncs. Interrupted at any write, it can be repeated.
 // in: target: writes to the file of input->media
 // in: scratch: as `output` of recovery_write, for the scratch files; its name or handle is not used
+// thread: one at a time on each thread
 // returns: as recovery_write, or RECOVERY_ERR_HOLES, with nothing changed
 int32_t recovery_in_place(const recovery_input_t *input, const recovery_target_t *target,
                           const mp4_mux_init_t *scratch, mp4_mux_closemem_t *close_memory,
