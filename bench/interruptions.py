@@ -5,9 +5,9 @@ usage: bench/interruptions.py [--kills N] [--cuts N] [--seconds S] [--checkpoint
                               [--build FOLDER]
 
 --kills: so many paced recordings, each ended by `kill -9` at a random instant (default 200).
---cuts: so many images of an ext4 file system on which paced recordings are under way, each as a
-power cut would leave it (default 50; four recordings each). They need root and loop devices;
-without them this part is skipped.
+--cuts: so many images of an ext4 file system on which four paced recordings are under way, each
+image as a power cut between two writes to the device would leave it (default 50). They need root
+and loop devices; without them this part is skipped.
 
 Each recovered file has to equal the file of a normal stop after the last frame that is whole in
 what was left, and at most the interval of the checkpoints and half a second of programme may be
@@ -39,10 +39,8 @@ from measuring import ROOT, SAMPLE_SECONDS, run, write_loop
 AT_ONCE = 40         # recordings under way
 CUT_RECORDINGS = 4   # on each image
 SLACK_SECONDS = 0.5  # beyond the interval of the checkpoints
-TIME_ERROR_MS = 5    # of pictures that only the media data describe
 IMAGE_BYTES = 192 << 20
 FILE_HEAD_BYTES = 0x24
-MEDIA_SIZE = slice(0x1c, 0x20)  # written by the close
 
 Frame = collections.namedtuple('Frame', 'end time_ms kind')
 # An interrupted recording: what was left in its folder, and the seconds from its begin to its end.
@@ -50,9 +48,8 @@ Remains = collections.namedtuple('Remains', 'name folder recorded_seconds')
 Outcome = collections.namedtuple('Outcome', 'verdict lost_seconds')
 
 EQUAL = 'equal to the normal stop'
-TIMES = f'equal but for picture times, by at most {TIME_ERROR_MS} ms'
 NOTHING = 'interrupted before the first whole frame was written'
-GOOD = (EQUAL, TIMES, NOTHING)
+GOOD = (EQUAL, NOTHING)
 
 
 class Lab:
@@ -196,7 +193,7 @@ def cut_many(lab, count, chance, memory):
 
 
 def whole_frames(lab, path):
-    """returns: how many of the first frames are whole in the file, and whether more follows"""
+    """returns: how many of the first frames are whole in the file"""
     if not path.is_file():
         return 0
     left = path.read_bytes()
@@ -207,17 +204,6 @@ def whole_frames(lab, path):
             break
         whole += 1
     return whole
-
-
-def differs_in_times_only(lab, recovered, normal):
-    def frames(path):
-        result = subprocess.run([lab.programs / 'normal_stop', path], check=False, text=True,
-                                capture_output=True)
-        return [line.split() for line in result.stdout.splitlines()]
-    ours, theirs = frames(recovered), frames(normal)
-    return (len(ours) == len(theirs) > 0 and
-            all(a[0] == b[0] and a[2] == b[2] and abs(int(a[1]) - int(b[1])) <= TIME_ERROR_MS
-                for a, b in zip(ours, theirs)))
 
 
 def judge(lab, remains):
@@ -235,16 +221,10 @@ def judge(lab, remains):
     if not recovered.exists():
         return Outcome(f'not recovered: {result.stderr.strip()}', lost)
     run([lab.programs / 'normal_stop', lab.whole, whole, normal])
-    if filecmp.cmp(recovered, normal, shallow=False):
-        verdict = EQUAL
-    elif differs_in_times_only(lab, recovered, normal):
-        verdict = TIMES
-    else:
-        verdict = 'different'
+    is_equal = filecmp.cmp(recovered, normal, shallow=False)
     for path in (recovered, normal):
-        if verdict in GOOD:
-            path.unlink()
-    return Outcome(verdict, lost)
+        path.unlink()
+    return Outcome(EQUAL if is_equal else 'different', lost)
 
 
 def report(lab, title, all_remains):

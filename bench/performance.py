@@ -31,8 +31,8 @@ BUILDS = [('release', RELEASE, ['-DTDMBREC_TESTS=OFF']),
           ('release', PORTABLE, NO_VECTORS),
           ('arm', ARM, ['-DTDMBREC_TESTS=OFF'])]
 
-# How much is measured: alternating pairs, seconds of programme, pairs and seconds of paced recordings,
-# and the benchmarks' own settings.
+# How much is measured: alternating pairs, seconds of programme, pairs and seconds of paced
+# recordings, and the benchmarks' own settings.
 Extent = collections.namedtuple('Extent', 'pairs encoder_seconds profile_seconds client_seconds '
                                           'growth_loops paced benchmark_options environment')
 WHOLE = Extent(pairs=5, encoder_seconds=600, profile_seconds=60, client_seconds=(600, 7200),
@@ -215,7 +215,7 @@ def measure_component(extent):
 
 
 def paced_cpu_ratio(extent, root):
-    """CPU time of paced recordings with checkpoints, compared with others at the same time without."""
+    """CPU time of paced recordings with checkpoints, compared with others meanwhile without."""
     pairs, seconds = extent.paced
     with tempfile.TemporaryDirectory(dir=root) as name:
         folder = pathlib.Path(name)
