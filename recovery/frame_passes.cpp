@@ -228,6 +228,7 @@ static int32_t pass_frame(recovery_job *job, const stream_frame *frame, void *co
                                      .size = frame->size,
                                      .time_ms = time_ms,
                                      .is_journaled = frame->is_journaled ? 1 : 0};
+    job->passed_frames++;
     report_hole(job, frame->offset - frame->skipped_bytes, frame->skipped_bytes, 0);
     if (frame->type == MUX_TYPE_VIDEO) {
         job->report->last_ms = time_ms;
@@ -236,6 +237,13 @@ static int32_t pass_frame(recovery_job *job, const stream_frame *frame, void *co
         job->input->frame(job->input->context, &passed);
     }
     return visit != nullptr ? visit(context, &passed) : RECOVERY_DONE;
+}
+
+// A file that changes between the passes, or is read otherwise, must not be finished in place.
+static bool has_same_frames(const recovery_job *job, const frame_stream *stream)
+{
+    return stream->last_end == job->last_end &&
+           job->passed_frames == job->report->pictures + job->report->sounds;
 }
 
 static void report_rate(const recovery_job *job)
@@ -251,11 +259,16 @@ int32_t visit_frames(recovery_job *job, void *context,
     frame_stream stream;
     frame_times_rewind(&job->times);
     scratch_tables_rewind(&job->tables);
+    job->passed_frames = 0;
     int32_t result = begin_pass(job, &stream);
     while (result == RECOVERY_DONE) {
         stream_frame frame;
         switch (frame_stream_next(&stream, &frame)) {
         case kStreamEnd:
+            if (!has_same_frames(job, &stream)) {
+                return fail_recovery(job, RECOVERY_ERR_READ,
+                                     "The recording has changed while it was read");
+            }
             report_hole(job, stream.last_end, job->report->end_bytes, 1);
             report_rate(job);
             end_pass(job);

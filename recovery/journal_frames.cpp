@@ -101,9 +101,6 @@ group_result journal_frames_open_group(journal_frames *frames)
 {
     for (;;) {
         const journal_result_t result = open_group_at(frames, frames->position);
-        if (frames->journal->has_failed) {
-            return kGroupReadError;
-        }
         const int64_t end = result == kJournalRead ? end_of_group(frames) : -1;
         const int64_t begin = static_cast<int64_t>(frames->group.media_begin);
         if (end >= 0 && begin >= frames->media_end) {
@@ -114,7 +111,7 @@ group_result journal_frames_open_group(journal_frames *frames)
             return frames->media->has_failed ? kGroupReadError : kGroupOpened;
         }
         if (!search_group(frames)) {
-            return frames->journal->has_failed ? kGroupReadError : kGroupsEnded;
+            return kGroupsEnded;
         }
     }
 }
@@ -217,8 +214,7 @@ journal_fit find_journal_fit(journal_frames *frames)
     int64_t whole_frames = 0;
     int64_t other_frames = 0;
     bool is_known = false;
-    group_result result = kGroupsEnded;
-    while (!is_known && (result = journal_frames_open_group(frames)) == kGroupOpened) {
+    while (!is_known && journal_frames_open_group(frames) == kGroupOpened) {
         is_known = frames->has_matched && frames->group.frames > 0;
         journaled_frame frame;
         while (!is_known && journal_frames_next(frames, &frame)) {
@@ -229,7 +225,7 @@ journal_fit find_journal_fit(journal_frames *frames)
     }
     *frames = rewound;
     const bool fits = is_known || is_fitting(frames, whole_frames, other_frames);
-    if (frames->media->has_failed || (!is_known && result == kGroupReadError)) {
+    if (frames->media->has_failed) {
         return kJournalFitUnknown;
     }
     return fits ? kJournalFits : kJournalOfOtherFile;

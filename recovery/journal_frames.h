@@ -42,8 +42,8 @@ void journal_frames_begin(journal_frames *frames, media_window *media, media_win
 
 enum group_result {
     kGroupOpened,
-    kGroupsEnded,
-    kGroupReadError // either file
+    kGroupsEnded,   // also where the journal cannot be read
+    kGroupReadError // the media file
 };
 
 // Opens the next group whose frames are after those of the last one. A damaged one is skipped when
@@ -57,7 +57,7 @@ enum group_result {
 enum journal_fit { kJournalFits, kJournalOfOtherFile, kJournalFitUnknown };
 
 // Decides whether a journal describes the media data, and rewinds it.
-// returns: kJournalFitUnknown when a file could not be read
+// returns: kJournalFitUnknown when the media file could not be read
 [[nodiscard]] journal_fit find_journal_fit(journal_frames *frames);
 
 #endif // RECOVERY_JOURNAL_FRAMES_H

@@ -19,12 +19,9 @@ int32_t fail_recovery(recovery_job *job, int32_t code, const char *message)
 
 int32_t fail_to_read(recovery_job *job)
 {
-    if (job->media.has_failed || job->journal.has_failed) {
-        return fail_recovery(job, RECOVERY_ERR_READ,
-                             job->journal.has_failed ? "The journal cannot be read"
-                                                     : "The recording cannot be read");
-    }
-    return fail_recovery(job, RECOVERY_ERR_MEMORY, kNoMemory);
+    return job->media.has_failed
+               ? fail_recovery(job, RECOVERY_ERR_READ, "The recording cannot be read")
+               : fail_recovery(job, RECOVERY_ERR_MEMORY, kNoMemory);
 }
 
 static sound_format format_of(int32_t sample_rate, int32_t channels)
@@ -35,28 +32,22 @@ static sound_format format_of(int32_t sample_rate, int32_t channels)
     return is_known ? sound_format{index, channels} : sound_format{};
 }
 
-// Reads the head of the journal, if there is one.
-// out: head_bytes: of a head that can be used; else 0
-static int32_t read_journal_head(recovery_job *job, uint32_t *head_bytes)
+// Reads the head of the journal. One that cannot be read must not cost the recording.
+// returns: its bytes; 0 when it cannot be used, for the reason that is in the report
+static uint32_t read_journal_head(recovery_job *job)
 {
     recovery_report_t *const report = job->report;
-    *head_bytes = 0;
-    if (job->input->journal == nullptr) {
-        return RECOVERY_DONE;
-    }
-    if (!media_window_open(&job->journal, job->input->journal)) {
-        return fail_recovery(job, RECOVERY_ERR_READ, "The journal cannot be read");
-    }
     int64_t available = 0;
+    uint32_t head_bytes = 0;
     uint16_t version = 0;
-    const uint8_t *const head = media_window_show(&job->journal, 0, kJournalHeadBytes, &available);
-    if (job->journal.has_failed) {
-        return fail_to_read(job);
-    }
+    const uint8_t *const head =
+        media_window_open(&job->journal, job->input->journal)
+            ? media_window_show(&job->journal, 0, kJournalHeadBytes, &available)
+            : nullptr;
     const journal_result_t result = head == nullptr
                                         ? kJournalEnded
                                         : journal_read_head(head, static_cast<size_t>(available),
-                                                            &job->settings, head_bytes, &version);
+                                                            &job->settings, &head_bytes, &version);
     report->journal = RECOVERY_JOURNAL_USED;
     if (result == kJournalOtherVersion) {
         report->journal = RECOVERY_JOURNAL_OTHER_VERSION;
@@ -64,16 +55,14 @@ static int32_t read_journal_head(recovery_job *job, uint32_t *head_bytes)
     } else if (result != kJournalRead || (job->settings.stream_flags & MUX_STREAM_VIDEO) == 0) {
         report->journal = RECOVERY_JOURNAL_DAMAGED;
     }
-    *head_bytes = report->journal == RECOVERY_JOURNAL_USED ? *head_bytes : 0;
-    return RECOVERY_DONE;
+    return report->journal == RECOVERY_JOURNAL_USED ? head_bytes : 0;
 }
 
 static int32_t open_journal(recovery_job *job)
 {
-    uint32_t head_bytes = 0;
-    const int32_t result = read_journal_head(job, &head_bytes);
-    if (result != RECOVERY_DONE || head_bytes == 0) {
-        return result;
+    const uint32_t head_bytes = job->input->journal != nullptr ? read_journal_head(job) : 0;
+    if (head_bytes == 0) {
+        return RECOVERY_DONE;
     }
     const mp4_mux_input_t *const input = &job->settings.input;
     job->sound = format_of(input->m_iAudioSampleRate, input->m_iAudioChannels);
@@ -143,7 +132,9 @@ static int32_t find_media(recovery_job *job)
         return fail_recovery(job, RECOVERY_ERR_READ, "The recording cannot be read");
     }
     job->report->file_bytes = job->media.file_bytes;
-    return find_media_bounds(&job->media, &job->bounds) ? RECOVERY_DONE : fail_to_read(job);
+    const bool is_found = find_media_bounds(&job->media, &job->bounds);
+    const bool has_memory = job->media.buffer != nullptr || job->media.file_bytes == 0;
+    return is_found && has_memory ? RECOVERY_DONE : fail_to_read(job);
 }
 
 // A recording can have all of its movie box and lack media data: a storage writes in any order.

@@ -226,7 +226,14 @@ static bool may_call(memory_file *file)
 
 static int64_t read_at(void *context, int64_t offset, void *buffer, int64_t count)
 {
-    const Bytes &bytes = static_cast<memory_file *>(context)->bytes;
+    memory_file *const file = static_cast<memory_file *>(context);
+    Bytes &bytes = file->bytes;
+    file->reads_to_cut--;
+    bytes.resize(file->reads_to_cut == 0 ? bytes.size() - 10 : bytes.size());
+    file->reads_left -= file->reads_left > 0 ? 1 : 0;
+    if (file->reads_left == 0) {
+        return -1;
+    }
     const int64_t left = std::max<int64_t>(static_cast<int64_t>(bytes.size()) - offset, 0);
     const int64_t got = std::min(count, left);
     std::copy_n(bytes.data() + offset, got, static_cast<uint8_t *>(buffer));
@@ -331,9 +338,10 @@ result recover(const Bytes &media, const Bytes *journal, const Bytes &configurat
 }
 
 result finish_in_place(memory_file *media, const Bytes *journal, const Bytes &configuration,
-                       mux_test::cache_layout layout)
+                       mux_test::cache_layout layout, size_t journal_reads)
 {
-    const input_files files(media, journal, configuration);
+    input_files files(media, journal, configuration);
+    files.journal.reads_left = journal_reads;
     const recovery_target_t target = target_of(media);
     mux_test::recording r;
     r.set_cache(layout);

@@ -52,7 +52,9 @@ Bytes normal_stop(const recording &of, size_t frames); // after the first ones
 // A file in memory, as a source and as a target that ends in a crash.
 struct memory_file {
     Bytes bytes;
-    size_t calls_left = SIZE_MAX; // until every call fails
+    size_t calls_left = SIZE_MAX;   // until every call that changes it fails
+    size_t reads_left = SIZE_MAX;   // until every read fails
+    size_t reads_to_cut = SIZE_MAX; // until the file loses its last bytes
 };
 recovery_source_t source_of(memory_file *file);
 recovery_target_t target_of(memory_file *file);
@@ -72,8 +74,10 @@ result recover(const Bytes &media, const Bytes *journal, const Bytes &configurat
 
 // Runs recovery_in_place on the file, which is also in the result.
 // in: layout: of the muxer's caches
+// in: journal_reads: until every read of the journal fails
 result finish_in_place(memory_file *media, const Bytes *journal, const Bytes &configuration = {},
-                       mux_test::cache_layout layout = mux_test::cache_layout::own);
+                       mux_test::cache_layout layout = mux_test::cache_layout::own,
+                       size_t journal_reads = SIZE_MAX);
 
 Bytes programme_sets(); // the parameter sets of the sample programme, with start codes
 

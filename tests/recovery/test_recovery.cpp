@@ -336,6 +336,34 @@ TEST(Recovery, CompletesACloseThatLostAnyBlock)
     }
 }
 
+TEST(Recovery, SurvivesEachFailingRead)
+{
+    const recording r = make_recording({.name = "long", .frames_of_group = 1, .pictures = 290});
+    const Bytes sets = programme_sets();
+    int failures = 0;
+    for (size_t reads = 1; reads < 20; reads++) {
+        memory_file file = {r.media};
+        const result got =
+            finish_in_place(&file, &r.journal, sets, mux_test::cache_layout::own, reads);
+        EXPECT_EQ(got.code, RECOVERY_DONE) << got.report.message;
+        EXPECT_EQ(got.report.pictures, r.how.pictures);
+        file = {r.media, SIZE_MAX, reads};
+        const result no_media = finish_in_place(&file, &r.journal, sets);
+        failures += no_media.code == RECOVERY_ERR_READ ? 1 : 0;
+        EXPECT_TRUE(no_media.code == RECOVERY_DONE ||
+                    (no_media.code == RECOVERY_ERR_READ && file.bytes == r.media))
+            << reads << no_media.report.message;
+    }
+    EXPECT_GT(failures, 2);
+    for (size_t reads = 1; reads < 8; reads++) {
+        memory_file file = {.bytes = r.media, .reads_to_cut = reads};
+        const result got = finish_in_place(&file, &r.journal);
+        EXPECT_TRUE(got.code == RECOVERY_ERR_READ ||
+                    got.file == normal_stop(r, got.report.pictures + got.report.sounds))
+            << reads;
+    }
+}
+
 TEST(Recovery, KnowsTheSilenceThatAStopHasAdded)
 {
     const recording r = make_recording(kSetups[2]);
