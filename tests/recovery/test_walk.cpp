@@ -14,7 +14,7 @@
 
 using mux_test::operator+;
 
-static constexpr int64_t kFirstFrame = 36; // its offset: after the head
+static constexpr size_t kFirstFrame = 36; // its offset: after the head
 
 struct Walk {
     std::vector<walked_frame> frames;
@@ -29,10 +29,11 @@ static Walk walk_over(const Bytes &bytes)
     const recovery_source_t source = source_of(bytes);
     media_window window;
     EXPECT_TRUE(media_window_open(&window, &source));
-    media_walk walk = {
-        .window = &window, .position = kFirstFrame, .end = static_cast<int64_t>(bytes.size())};
+    media_walk walk = {.window = &window,
+                       .position = int64_t{kFirstFrame},
+                       .end = static_cast<int64_t>(bytes.size())};
     result.has_sound = media_walk_find_sound(&walk);
-    EXPECT_EQ(walk.position, kFirstFrame);
+    EXPECT_EQ(walk.position, int64_t{kFirstFrame});
     result.sampling_index = walk.sampling_index;
     result.channels = walk.channels;
     walked_frame frame;
@@ -105,7 +106,9 @@ TEST(Walk, InventsNothingWhereBlocksAreZero)
                       bytes.begin() + static_cast<ptrdiff_t>(end), 0);
             size_t whole = 0;
             for (const TrueFrame &frame : file.frames) {
-                const auto at = [&](const Bytes &of) { return of.begin() + frame.offset; };
+                const auto at = [&](const Bytes &of) {
+                    return of.begin() + static_cast<ptrdiff_t>(frame.offset);
+                };
                 whole += std::equal(at(bytes), at(bytes) + frame.size, at(file.bytes)) ? 1U : 0U;
             }
             const Walk walk = walk_over(bytes);
@@ -274,7 +277,7 @@ static void add_faults(const MediaFile &file, std::set<std::string> &faults)
         if (frame.type != MUX_TYPE_AUDIO) {
             continue;
         }
-        const auto begin = file.bytes.begin() + frame.offset;
+        const auto begin = file.bytes.begin() + static_cast<ptrdiff_t>(frame.offset);
         Bytes bytes(begin, begin + frame.size);
         if (i % 2 == 0) {
             bytes[1] = 0xFF; // global_gain, with two channels
