@@ -232,11 +232,11 @@ static void play_recording(const record_options &options, NotedTimes *times)
     recorder.TearDown();
 }
 
-// Half the interval may pass until a group is written, the other half while it is synced.
+// Four fifths of the interval may pass until a group is written, the rest while it is synced.
 static void check_intervals(const recorded_truth &truth, const char *checkpoint_ms)
 {
     static constexpr uint32_t kFrameMs = 34; // of the picture that makes the checkpoint due
-    const uint32_t most_ms = static_cast<uint32_t>(std::atoi(checkpoint_ms)) / 2 + kFrameMs;
+    const uint32_t most_ms = static_cast<uint32_t>(std::atoi(checkpoint_ms)) * 4 / 5 + kFrameMs;
     uint32_t last_ms = 0;
     size_t frames = 0;
     for (const recorded_group &group : truth.groups) {
