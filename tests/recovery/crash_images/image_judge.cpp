@@ -413,9 +413,9 @@ std::string describe_image(const recorded_truth &truth, const disk_image &image)
     prepare_run(truth, image, facts.has_journal_head, &run);
     const int32_t code = recovery_scan(&run.input, &run.report);
     std::string text = "media " + std::to_string(run.media.size()) + " bytes, head " +
-                       std::to_string(facts.has_media_head) + "; journal " +
+                       (facts.has_media_head ? "whole" : "lost") + "; journal " +
                        std::to_string(run.journal.size()) + " bytes, head " +
-                       std::to_string(facts.has_journal_head) + "; recovery " +
+                       (facts.has_journal_head ? "whole" : "lost") + "; recovery " +
                        std::to_string(code) + ", journal " + std::to_string(run.report.journal) +
                        ", configuration " + std::to_string(run.report.configuration_from) + ", " +
                        std::to_string(run.report.holes) + " holes\n";
