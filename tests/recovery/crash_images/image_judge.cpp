@@ -19,8 +19,9 @@ static int64_t read_bytes(void *context, int64_t offset, void *buffer, int64_t c
     const Bytes &bytes = *static_cast<const Bytes *>(context);
     const int64_t rest = std::max<int64_t>(static_cast<int64_t>(bytes.size()) - offset, 0);
     const int64_t read = std::min(rest, count);
-    std::copy_n(bytes.begin() + std::min<int64_t>(offset, static_cast<int64_t>(bytes.size())), read,
-                static_cast<uint8_t *>(buffer));
+    if (read > 0) {
+        std::copy_n(bytes.data() + offset, read, static_cast<uint8_t *>(buffer));
+    }
     return read;
 }
 
@@ -65,7 +66,7 @@ static bool has_bytes(const Bytes &image, int64_t begin, const Bytes &bytes, siz
     const size_t end = static_cast<size_t>(begin) + (to - from);
     return end <= image.size() &&
            std::equal(bytes.begin() + static_cast<ptrdiff_t>(from),
-                      bytes.begin() + static_cast<ptrdiff_t>(to), image.begin() + begin);
+                      bytes.begin() + static_cast<ptrdiff_t>(to), image.data() + begin);
 }
 
 static Bytes file_of(const disk_image &image, size_t file)
@@ -235,7 +236,7 @@ static std::vector<recorded_frame> frames_of_result(const recovery_run &run)
     std::vector<recorded_frame> frames;
     bool has_sound = false;
     for (const recovery_frame_t &frame : run.frames) {
-        const auto begin = run.media.begin() + frame.offset;
+        const uint8_t *const begin = run.media.data() + frame.offset;
         frames.push_back({.type = frame.type,
                           .flags = frame.flags,
                           .time_ms = frame.time_ms,
@@ -412,9 +413,9 @@ std::string describe_image(const recorded_truth &truth, const disk_image &image)
     prepare_run(truth, image, facts.has_journal_head, &run);
     const int32_t code = recovery_scan(&run.input, &run.report);
     std::string text = "media " + std::to_string(run.media.size()) + " bytes, head " +
-                       std::to_string(facts.has_media_head) + "; journal " +
+                       (facts.has_media_head ? "whole" : "lost") + "; journal " +
                        std::to_string(run.journal.size()) + " bytes, head " +
-                       std::to_string(facts.has_journal_head) + "; recovery " +
+                       (facts.has_journal_head ? "whole" : "lost") + "; recovery " +
                        std::to_string(code) + ", journal " + std::to_string(run.report.journal) +
                        ", configuration " + std::to_string(run.report.configuration_from) + ", " +
                        std::to_string(run.report.holes) + " holes\n";
@@ -443,7 +444,7 @@ static int32_t write_target(void *context, int64_t offset, const void *bytes, in
     const uint8_t *const from = static_cast<const uint8_t *>(bytes);
     const size_t end = static_cast<size_t>(offset + count);
     target->media->resize(std::max(target->media->size(), end));
-    std::copy_n(from, count, target->media->begin() + offset);
+    std::copy_n(from, count, target->media->data() + offset);
     target->trace.events.push_back({.call = disk_call::write,
                                     .file = 0,
                                     .offset = offset,

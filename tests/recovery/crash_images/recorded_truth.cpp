@@ -58,7 +58,7 @@ static Bytes written_to(const disk_trace &trace, size_t file)
         if (event.file == file && event.call == disk_call::write) {
             const size_t end = static_cast<size_t>(event.offset) + event.bytes.size();
             bytes.resize(std::max(bytes.size(), end));
-            std::copy(event.bytes.begin(), event.bytes.end(), bytes.begin() + event.offset);
+            std::copy(event.bytes.begin(), event.bytes.end(), bytes.data() + event.offset);
         }
     }
     return bytes;
