@@ -25,7 +25,7 @@ static int32_t report_progress(recovery_job *job, int64_t position)
 static int32_t begin_pass(recovery_job *job, frame_stream *stream)
 {
     frame_stream_begin(stream, &job->media, &job->bounds,
-                       job->has_journal ? &job->journal_begin : nullptr, job->sound);
+                       job->has_journal ? &job->journal_begin : nullptr, job->format);
     return report_progress(job, 0);
 }
 
@@ -172,7 +172,7 @@ static void choose_sample_rate(recovery_job *job)
     static constexpr uint32_t kEnoughPictures = 90;
     static constexpr int32_t kAlike[][3] = {
         {48000, 44100, 0}, {24000, 22050, 0}, {16000, 12000, 11025}};
-    if (job->has_journal || job->input->sample_rate != 0 || job->sound.sampling_index == 0 ||
+    if (job->has_journal || job->input->sample_rate != 0 || job->format.sampling_index == 0 ||
         job->report->holes > 0 || job->report->pictures < kEnoughPictures) {
         return;
     }
@@ -180,7 +180,7 @@ static void choose_sample_rate(recovery_job *job)
         if (rates[0] == job->settings.input.m_iAudioSampleRate) {
             const int32_t count = rates[2] != 0 ? 3 : 2;
             const int32_t chosen = place_times_choose_rate(&job->times.places, rates, count);
-            fill_recorder_settings(&job->settings, chosen, job->sound.channels);
+            fill_recorder_settings(&job->settings, chosen, job->format.channels);
             job->report->sample_rate = chosen;
         }
     }

@@ -16,12 +16,12 @@ static constexpr int64_t kTellingFrames = 3;           // no other recording has
 static constexpr int64_t kLostZeros = 16;
 
 void journal_frames_begin(journal_frames *frames, media_window *media, media_window *journal,
-                          uint64_t session, sound_format sound, int64_t head_bytes)
+                          uint64_t session, media_format format, int64_t head_bytes)
 {
     *frames = {.media = media,
                .journal = journal,
                .session = session,
-               .sound = sound,
+               .format = format,
                .position = head_bytes,
                .search_left_bytes = kMostSearchedBytes};
 }
@@ -127,11 +127,11 @@ static bool is_whole_by_syntax(const journal_frames *frames, const journaled_fra
         return false;
     }
     if (frame->type == MUX_TYPE_VIDEO) {
-        return is_whole_picture(bytes, frame_bytes);
+        return is_whole_picture(bytes, frame_bytes, frames->format.takes_zero_ends);
     }
-    return frames->sound.sampling_index > 0 &&
-           sound_frame_bytes(bytes, frame_bytes, frames->sound.sampling_index,
-                             frames->sound.channels) == frame_bytes;
+    return frames->format.sampling_index > 0 &&
+           sound_frame_bytes(bytes, frame_bytes, frames->format.sampling_index,
+                             frames->format.channels) == frame_bytes;
 }
 
 bool journal_frames_next(journal_frames *frames, journaled_frame *frame)
@@ -185,8 +185,9 @@ static bool begins_otherwise(journal_frames *frames)
     media_walk walk = {.window = frames->media,
                        .position = frames->frame_offset,
                        .end = frames->media->file_bytes,
-                       .sampling_index = frames->sound.sampling_index,
-                       .channels = frames->sound.channels};
+                       .sampling_index = frames->format.sampling_index,
+                       .channels = frames->format.channels,
+                       .takes_zero_ends = frames->format.takes_zero_ends};
     walked_frame frame = {};
     int found_frames = 0;
     while (found_frames < kOtherFrames && walk.position < walk.end &&

@@ -7,10 +7,11 @@
 
 #include <cstdint>
 
-// The settings by which sound frames parse.
-struct sound_format {
-    int32_t sampling_index; // 0: none
+// How the frames of a recording are read.
+struct media_format {
+    int32_t sampling_index; // of the sound; 0: none
     int32_t channels;
+    bool takes_zero_ends; // see media_walk
 };
 
 struct journaled_frame {
@@ -26,7 +27,7 @@ struct journal_frames {
     media_window *media;
     media_window *journal;
     uint64_t session;
-    sound_format sound;
+    media_format format;
     int64_t position;          // in the journal, of the next group
     int64_t search_left_bytes; // through which groups after a damaged one may still be searched
     int64_t media_end;         // of the frames of all groups so far
@@ -38,7 +39,7 @@ struct journal_frames {
 // Begins before the first group.
 // in: head_bytes: of the journal's head
 void journal_frames_begin(journal_frames *frames, media_window *media, media_window *journal,
-                          uint64_t session, sound_format sound, int64_t head_bytes);
+                          uint64_t session, media_format format, int64_t head_bytes);
 
 enum group_result {
     kGroupOpened,

@@ -24,12 +24,12 @@ int32_t fail_to_read(recovery_job *job)
                : fail_recovery(job, RECOVERY_ERR_MEMORY, kNoMemory);
 }
 
-static sound_format format_of(int32_t sample_rate, int32_t channels)
+static media_format format_of(int32_t sample_rate, int32_t channels)
 {
     const int32_t index = sampling_index_of(sample_rate);
     const bool is_known = index >= kLeastSamplingIndex && index <= kMostSamplingIndex &&
                           (channels == 1 || channels == 2);
-    return is_known ? sound_format{index, channels} : sound_format{};
+    return is_known ? media_format{.sampling_index = index, .channels = channels} : media_format{};
 }
 
 // Reads the head of the journal. One that cannot be read must not cost the recording.
@@ -58,6 +58,15 @@ static uint32_t read_journal_head(recovery_job *job)
     return report->journal == RECOVERY_JOURNAL_USED ? head_bytes : 0;
 }
 
+static media_walk begin_walk(recovery_job *job)
+{
+    return {.window = &job->media,
+            .position = job->bounds.begin,
+            .end = job->bounds.end,
+            .sampling_index = job->format.sampling_index,
+            .channels = job->format.channels};
+}
+
 static int32_t open_journal(recovery_job *job)
 {
     const uint32_t head_bytes = job->input->journal != nullptr ? read_journal_head(job) : 0;
@@ -65,9 +74,11 @@ static int32_t open_journal(recovery_job *job)
         return RECOVERY_DONE;
     }
     const mp4_mux_input_t *const input = &job->settings.input;
-    job->sound = format_of(input->m_iAudioSampleRate, input->m_iAudioChannels);
+    job->format = format_of(input->m_iAudioSampleRate, input->m_iAudioChannels);
+    const media_walk walk = begin_walk(job);
+    job->format.takes_zero_ends = media_walk_has_zero_ends(&walk);
     journal_frames_begin(&job->journal_begin, &job->media, &job->journal, job->settings.session,
-                         job->sound, head_bytes);
+                         job->format, head_bytes);
     switch (find_journal_fit(&job->journal_begin)) {
     case kJournalFits:
         job->has_journal = true;
@@ -84,8 +95,9 @@ static int32_t open_journal(recovery_job *job)
 // Without a journal the sound's format is that at which its frames parse.
 static int32_t find_settings(recovery_job *job)
 {
-    media_walk walk = {
-        .window = &job->media, .position = job->bounds.begin, .end = job->bounds.end};
+    job->format = {};
+    media_walk walk = begin_walk(job);
+    walk.takes_zero_ends = true; // not known yet
     const bool has_sound = walk.position < walk.end && media_walk_find_sound(&walk);
     if (job->media.has_failed) {
         return fail_to_read(job);
@@ -93,7 +105,12 @@ static int32_t find_settings(recovery_job *job)
     const int32_t found_rate = has_sound ? sample_rate_of(walk.sampling_index) : kUsualSampleRate;
     const int32_t sample_rate = job->input->sample_rate != 0 ? job->input->sample_rate : found_rate;
     const int32_t channels = has_sound ? walk.channels : kUsualChannels;
-    job->sound = has_sound ? format_of(sample_rate, channels) : sound_format{};
+    job->format = has_sound ? format_of(sample_rate, channels) : media_format{};
+    walk = begin_walk(job);
+    job->format.takes_zero_ends = media_walk_has_zero_ends(&walk);
+    if (job->media.has_failed) {
+        return fail_to_read(job);
+    }
     fill_recorder_settings(&job->settings, sample_rate, channels);
     return RECOVERY_DONE;
 }

@@ -18,7 +18,7 @@ struct recovery_job {
     bool has_journal; // it is used
     journal_frames journal_begin;
     journal_settings_t settings; // of the journal, or those that every recording has
-    sound_format sound;
+    media_format format;
     frame_times times;
     scratch_tables tables;
     bool has_tables; // they give times

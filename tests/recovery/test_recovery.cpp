@@ -380,6 +380,32 @@ TEST(Recovery, KnowsTheSilenceThatAStopHasAdded)
     }
 }
 
+// A player that splits access units before the last three bytes of a start code leaves its first
+// byte at the end of the picture before.
+TEST(Recovery, FindsPicturesThatEndInAZero)
+{
+    const recording r = make_recording(kSetups[0]);
+    Bytes media = cut(r.media, 36);
+    Bytes damaged;
+    for (const frame &f : r.frames) {
+        const size_t begin = media.size();
+        media = media + f.bytes;
+        if (f.type == MUX_TYPE_VIDEO) {
+            const Bytes length = mux_test::number(f.bytes.size() - 4 + 1);
+            std::copy(length.begin(), length.end(), media.begin() + static_cast<ptrdiff_t>(begin));
+            media.push_back(0);
+        }
+        if (&f == &r.frames[r.frames.size() / 2]) {
+            damaged = zeroed(media, media.size() - 8, media.size());
+        }
+    }
+    const result got = recover(media, nullptr, programme_sets());
+    EXPECT_EQ(got.report.pictures + got.report.sounds, r.frames.size());
+    EXPECT_EQ(got.report.holes, 0u);
+    const result less = recover(damaged, nullptr, programme_sets());
+    EXPECT_EQ(less.report.pictures + less.report.sounds, r.frames.size() / 2);
+}
+
 TEST(Recovery, RefusesWhatItCannotRecover)
 {
     const recording r = make_recording(kSetups[0]);
