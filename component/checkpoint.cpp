@@ -27,6 +27,7 @@ struct tdmbrec_checkpoint_t {
     uint32_t uiLastMs;     // uiLatestMs at the last checkpoint
     uint32_t uiSounds;     // sound frames since the last checkpoint
     uint8_t bJournaled;    // 0: there is no journal, or it was given up
+    uint8_t bRefused;      // a frame was: bytes of it may be in the file, in no record
     uint8_t bFlushFailed;  // and was logged
     char szJournalPath[TDMBREC_PATH_BYTES + sizeof(TDMBREC_JOURNAL_SUFFIX)];
 };
@@ -230,7 +231,7 @@ void note_checkpoint_frame(omx_tdmbrec_component_PrivateType *self,
                                     .bytes = static_cast<uint32_t>(frame->m_iDataSize),
                                     .time_ms = frame->m_uiTimeStamp,
                                     .flags = frame->m_uiFlags};
-    if (checkpoint->bJournaled != 0 &&
+    if (checkpoint->bJournaled != 0 && checkpoint->bRefused == 0 &&
         !journal_add_frame(&checkpoint->stGroup, &record, frame->m_pbyData)) {
         errno = ENOSPC; // the storage has refused the group for very long
         give_up_journal(checkpoint);
@@ -239,6 +240,13 @@ void note_checkpoint_frame(omx_tdmbrec_component_PrivateType *self,
     checkpoint->uiLatestMs = std::max(checkpoint->uiLatestMs, frame->m_uiTimeStamp);
     if (is_due(self) || journal_is_nearly_full(&checkpoint->stGroup)) {
         make_checkpoint(self);
+    }
+}
+
+void note_refused_frame(omx_tdmbrec_component_PrivateType *self)
+{
+    if (self->pCheckpoint != nullptr) {
+        self->pCheckpoint->bRefused = 1;
     }
 }
 
@@ -262,12 +270,13 @@ static void close_descriptor(int *descriptor)
     *descriptor = -1;
 }
 
+// A device reports bytes that it has lost once only: what comes after a failure proves nothing.
 static bool is_media_synced(const omx_tdmbrec_component_PrivateType *self, storage_sync_t *sync)
 {
     if (sync->iMedia < 0) {
         sync->iMedia = open_media(self);
     }
-    return sync->iMedia >= 0 && fdatasync(sync->iMedia) == 0;
+    return sync->bFailed == 0 && sync->iMedia >= 0 && sync_file(sync->iMedia);
 }
 
 void end_checkpoints(omx_tdmbrec_component_PrivateType *self, bool is_closed)

@@ -17,6 +17,11 @@ void begin_checkpoints(omx_tdmbrec_component_PrivateType *self);
 void note_checkpoint_frame(omx_tdmbrec_component_PrivateType *self,
                            const mp4_mux_putstream_t *frame);
 
+// Notes that the muxer has refused a frame, which ends the recording: where the frames after it are
+// in the file is not known, and the journal does not describe them.
+// thread: as note_checkpoint_frame
+void note_refused_frame(omx_tdmbrec_component_PrivateType *self);
+
 // Makes the last checkpoint, before the muxer's close, and ends the thread.
 // thread: the end of the recording; under lockTDMBRecording
 void finish_checkpoints(omx_tdmbrec_component_PrivateType *self);

@@ -18,6 +18,7 @@ static write_result_t put_frame_locked(omx_tdmbrec_component_PrivateType *self,
     int64_t estimated_bytes = 0;
     *mux_result = QVR_MP4_MUX(MUX_PUTFRAME, &self->hMux, frame, &estimated_bytes);
     if (*mux_result < 0) {
+        note_refused_frame(self);
         return kWriteFailed;
     }
     note_checkpoint_frame(self, frame);

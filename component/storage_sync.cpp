@@ -19,25 +19,33 @@ static bool wait_for_request(storage_sync_t *sync)
     return is_due;
 }
 
+bool sync_file(int descriptor)
+{
+    int result = 0;
+    do {
+        result = fdatasync(descriptor);
+    } while (result != 0 && errno == EINTR);
+    return result == 0;
+}
+
 // The media first, so that the device rarely has a record without its frame. A device that refuses
 // once is not asked again.
 static void *sync_storage(void *context)
 {
     storage_sync_t *const sync = static_cast<storage_sync_t *>(context);
     bool is_first = true;
-    bool has_failed = false;
     while (wait_for_request(sync)) {
-        if (has_failed) {
+        if (sync->bFailed != 0) {
             continue;
         }
-        if (fdatasync(sync->iMedia) != 0) {
+        if (!sync_file(sync->iMedia)) {
             __android_log_print(ANDROID_LOG_ERROR, kLogTag, "Checkpoint: nothing is synced: %s\n",
                                 strerror(errno));
-            has_failed = true;
+            sync->bFailed = 1;
             continue;
         }
         if (sync->iJournal >= 0) {
-            (void)fdatasync(sync->iJournal);
+            (void)sync_file(sync->iJournal);
         }
         if (is_first && sync->iDirectory >= 0) {
             (void)fsync(sync->iDirectory); // not every file system can
@@ -51,10 +59,12 @@ bool start_storage_sync(storage_sync_t *sync)
 {
     sync->bDue = 0;
     sync->bEnding = 0;
+    sync->bFailed = 0;
     sync->bStarted = 0;
     pthread_mutex_init(&sync->lock, nullptr);
     pthread_cond_init(&sync->condChanged, nullptr);
-    if (pthread_create(&sync->hThread, nullptr, sync_storage, sync) != 0) {
+    errno = pthread_create(&sync->hThread, nullptr, sync_storage, sync);
+    if (errno != 0) {
         pthread_cond_destroy(&sync->condChanged);
         pthread_mutex_destroy(&sync->lock);
         return false;

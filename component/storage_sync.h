@@ -16,10 +16,15 @@ struct storage_sync_t {
     uint32_t bStarted; // the starting and the stopping thread
     uint32_t bDue;     // under lock
     uint32_t bEnding;  // under lock
+    uint32_t bFailed;  // the thread; after stop_storage_sync: a sync has failed
 };
 
+// Waits until the file's bytes are on the device.
+// returns: false when the device refuses some, with errno
+[[nodiscard]] bool sync_file(int descriptor);
+
 // Starts the thread for the descriptors in the record.
-// returns: false when there is no thread: requests are then ignored
+// returns: false, with errno, when there is no thread: requests are then ignored
 [[nodiscard]] bool start_storage_sync(storage_sync_t *sync);
 
 // Lets the thread sync what is written so far. Does not wait.

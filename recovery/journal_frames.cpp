@@ -127,7 +127,7 @@ static bool is_whole_by_syntax(const journal_frames *frames, const journaled_fra
         return false;
     }
     if (frame->type == MUX_TYPE_VIDEO) {
-        return is_whole_picture(bytes, frame_bytes, frames->format.takes_zero_ends);
+        return are_whole_units(bytes, frame_bytes, frames->format.takes_zero_ends);
     }
     return frames->format.sampling_index > 0 &&
            sound_frame_bytes(bytes, frame_bytes, frames->format.sampling_index,

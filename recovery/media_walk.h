@@ -65,9 +65,10 @@ enum walk_result {
 // returns: kWalkEnd also where no frame is there
 [[nodiscard]] walk_result media_walk_next_intact(media_walk *walk, walked_frame *frame);
 
-// returns: whether the bytes are exactly one picture: units whose lengths add up, with at least one
-//          slice, each ending in its trailing bits and without a sequence that no unit can contain
-[[nodiscard]] bool is_whole_picture(const uint8_t *bytes, int32_t count, bool takes_zero_ends);
+// returns: whether the bytes are exactly some units: their lengths add up, each ends in its
+// trailing
+//          bits, and none has a sequence that no unit can contain
+[[nodiscard]] bool are_whole_units(const uint8_t *bytes, int32_t count, bool takes_zero_ends);
 
 // returns: the bytes of the sound frame at the begin of `bytes`; 0 when none is there or it is cut
 [[nodiscard]] int32_t sound_frame_bytes(const uint8_t *bytes, int32_t count, int32_t sampling_index,

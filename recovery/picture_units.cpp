@@ -107,9 +107,8 @@ int64_t find_damage(const uint8_t *bytes, int64_t count)
     return count;
 }
 
-bool is_whole_picture(const uint8_t *bytes, int32_t count, bool takes_zero_ends)
+bool are_whole_units(const uint8_t *bytes, int32_t count, bool takes_zero_ends)
 {
-    bool has_slice = false;
     for (int64_t at = 0; at < count;) {
         unit_head head;
         if (!read_unit_head(bytes + at, count - at, &head) ||
@@ -121,8 +120,7 @@ bool is_whole_picture(const uint8_t *bytes, int32_t count, bool takes_zero_ends)
             (unit[head.unit_bytes - 1] == 0 && !takes_zero_ends)) {
             return false;
         }
-        has_slice = has_slice || is_slice(head.type);
         at += kUnitLengthBytes + head.unit_bytes;
     }
-    return has_slice;
+    return count > 0;
 }

@@ -111,6 +111,10 @@ int32_t recovery_in_place(const recovery_input_t *input, const recovery_target_t
     recovery_job *const job = new_job(input, report);
     in_place_file file = {.target = target, .scratch = scratch};
     int32_t result = job != nullptr ? scan_job(job, kPassesOfWrite) : RECOVERY_ERR_MEMORY;
+    // The recorder may have been killed between its last write and its sync.
+    if (result == RECOVERY_ERR_WHOLE && target->sync(target->context) < 0) {
+        result = fail_recovery(job, RECOVERY_ERR_WRITE, "The recording cannot be written");
+    }
     if (result == RECOVERY_DONE && job->bounds.begin != kRecorderHeadBytes) {
         result = fail_recovery(job, RECOVERY_ERR_FORMAT,
                                "The recording has a head that the recorder does not write");

@@ -153,7 +153,8 @@ int32_t recovery_write(const recovery_input_t *input, const mp4_mux_init_t *outp
                        mp4_mux_closemem_t *close_memory, recovery_report_t *report);
 
 // Finishes the media file itself: cuts the bytes after the last whole frame, writes the movie box,
-// syncs, writes the size of the media data, syncs. Interrupted at any write, it can be repeated.
+// syncs, writes the size of the media data, syncs. Interrupted at any write, it can be repeated. A
+// file that is whole is synced only.
 // in: target: writes to the file of input->media
 // in: scratch: as `output` of recovery_write, for the scratch files; its name or handle is not used
 // thread: one at a time on each thread

@@ -256,6 +256,42 @@ TEST_F(Checkpoint, KeepsTheJournalOfAFileThatIsNotFinished)
     client->to_loaded();
 }
 
+// Descriptors that are still open would be a second recording's loss.
+TEST_F(Checkpoint, SyncsTheFileTheJournalAndTheirFolderAndClosesAllOfThem)
+{
+    const auto open_files = [] {
+        const std::filesystem::directory_iterator files("/proc/self/fd");
+        return std::distance(begin(files), end(files));
+    };
+    NotedCalls calls;
+    (void)record("1000", 60);
+    const auto open_before = open_files();
+    (void)record("1000", 60, &calls);
+    EXPECT_EQ(open_files(), open_before);
+    std::erase_if(calls, [](const std::string &call) { return !call.ends_with("sync"); });
+    ASSERT_GE(calls.size(), 5u);
+    EXPECT_EQ(std::count(calls.begin(), calls.end(), "fsync"), 1);
+    EXPECT_EQ(calls[2], "fsync");
+    EXPECT_EQ(calls.size() % 2, 0u) << "each time both files, at the end the recording";
+}
+
+// A device reports lost bytes once: a later sync that succeeds proves nothing.
+TEST_F(Checkpoint, KeepsTheJournalAfterASyncThatFailed)
+{
+    std::atomic<int> syncs = 0;
+    host_set_property(TDMBREC_CHECKPOINT_PROPERTY, "100");
+    note_file_calls(nullptr,
+                    [&](const std::string &call) { return call == "fdatasync" && syncs++ == 0; });
+    const auto client = make_recorder();
+    send_programme(*client, 60);
+    client->stop();
+    EXPECT_EQ(client->wait_for_end(), 1u);
+    EXPECT_EQ(syncs, 1) << "it is not asked again";
+    EXPECT_TRUE(std::filesystem::exists(kJournal));
+    EXPECT_EQ(count_logged("Checkpoint: nothing is synced"), 1u);
+    client->to_loaded();
+}
+
 TEST_F(Checkpoint, TriesAgainWhenTheStorageRefusesAWrite)
 {
     const Bytes file = record(nullptr, 60);

@@ -239,7 +239,7 @@ static std::vector<recorded_truth> make_recordings(run_state *state)
     truths.push_back(record_with_component({"no-sound", "400", 0, 40, false, false}));
     truths.push_back(record_with_component({"sets-in-band", "600", 0, 70, true, true}));
     // Its cache overflows between two checkpoints, and its journal has several pages.
-    truths.push_back(record_with_component({"long", "30000", 0, 20 * pictures / 3, true, false}));
+    truths.push_back(record_with_component({"long", "20000", 0, 20 * pictures / 3, true, false}));
     truths.push_back(record_with_tiny_caches("tiny", truths[0], 60, 7));
     return truths;
 }
