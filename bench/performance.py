@@ -36,7 +36,7 @@ BUILDS = [('release', RELEASE, ['-DTDMBREC_TESTS=OFF']),
 Extent = collections.namedtuple('Extent', 'pairs encoder_seconds profile_seconds client_seconds '
                                           'growth_loops paced benchmark_options environment')
 WHOLE = Extent(pairs=5, encoder_seconds=600, profile_seconds=60, client_seconds=(600, 7200),
-               growth_loops=(1, 30, 360, 2160), paced=(12, 60), benchmark_options=[],
+               growth_loops=(1, 30, 360, 2160), paced=(24, 60), benchmark_options=[],
                environment={'RECORDER_BENCH': 'whole'})
 QUICK = Extent(pairs=1, encoder_seconds=60, profile_seconds=20, client_seconds=(10, 60),
                growth_loops=(1,), paced=(2, 10), benchmark_options=['--benchmark_min_time=0.01'],
