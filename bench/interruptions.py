@@ -12,8 +12,8 @@ and loop devices; without them this part is skipped.
 Each recovered file has to equal the file of a normal stop after the last frame that is whole in
 what was left, and at most the interval of the checkpoints and half a second of programme may be
 lost. What was recorded until the interruption is measured by the clock: from the birth of the
-recording's folder, which is before the first picture is sent, until the process has ended or the
-image is complete. This is more than what was really sent, so that the losses printed are too high
+recording's folder, which is before the first picture is sent, until the kill is sent or the image
+is complete. This is more than what was really sent, so that the losses printed are too high
 rather than too low.
 
 The build folder (default build/release) needs `tdmbrec` and `normal_stop`. The recordings are made
@@ -36,7 +36,8 @@ import time
 
 from measuring import ROOT, SAMPLE_SECONDS, run, write_loop
 
-AT_ONCE = 40         # recordings under way
+AT_ONCE = 30         # recordings under way
+LATEST_START = 2     # seconds, so that they do not all start at the same time
 CUT_RECORDINGS = 4   # on each image
 SLACK_SECONDS = 0.5  # beyond the interval of the checkpoints
 IMAGE_BYTES = 192 << 20
@@ -107,24 +108,27 @@ def recording_folder(output):
     return output.with_name(output.name + '.recording')
 
 
-def kill_one(lab, number, instant):
+def kill_one(lab, number, instant, delay):
+    time.sleep(delay)
     output = lab.folder / f'kill{number}.mp4'
     folder = recording_folder(output)
     process = lab.start_interrupted(output)
     birth = await_birth(folder, process)
     time.sleep(max(birth + instant - time.time(), 0))
     process.send_signal(signal.SIGKILL)
+    done = time.time()
     status = process.wait()
     if status != -signal.SIGKILL:
         sys.exit(f'interruptions.py: a recording ended by itself, with {status}')
-    return Remains(f'kill {number} after {instant:.3f} s', folder, time.time() - birth)
+    return Remains(f'kill {number} after {instant:.3f} s', folder, done - birth)
 
 
 def kill_many(lab, count, chance):
-    instants = [chance.uniform(0.1, lab.seconds - 0.5) for _ in range(count)]
+    jobs = [(number, chance.uniform(0.1, lab.seconds - 0.5), chance.uniform(0, LATEST_START))
+            for number in range(count)]
     process = lab.start(lab.whole, '--checkpoint', '0')
     with concurrent.futures.ThreadPoolExecutor(AT_ONCE) as pool:
-        remains = list(pool.map(lambda job: kill_one(lab, *job), enumerate(instants)))
+        remains = list(pool.map(lambda job: kill_one(lab, *job), jobs))
     lab.take_whole(process)
     return remains
 

@@ -343,7 +343,7 @@ in one program. Nothing here is a test: no check fails because a machine is slow
   included. On two cores it is measured in elapsed time, and the buffers' bytes move between the cores.
 - Checkpoints: on the slow storage every write sleeps for the time of its bytes, as if the system had
   no cache, and every sync for that of all bytes since the last one and 50 ms more. A checkpoint waits
-  for half a second's bytes, a recording without checkpoints for a whole cache of 1 MiB. The CPU time of
+  for the bytes of 0.8 s, a recording without checkpoints for a whole cache of 1 MiB. The CPU time of
   paced recordings is the median of {extent.paced[0]} pairs at the same time, {extent.paced[1]} s each.
 - The client's memory contains the libraries that read the input, the buffers, and the memory of the
   recording, whose growth has its own row.

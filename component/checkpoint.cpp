@@ -187,7 +187,7 @@ static void make_checkpoint(omx_tdmbrec_component_PrivateType *self)
     request_storage_sync(&checkpoint->stSync);
 }
 
-// Half the interval passes until bytes are written, the other half while the device takes them.
+// A fifth of the interval is left to the device for the bytes that a checkpoint writes.
 void begin_checkpoints(omx_tdmbrec_component_PrivateType *self)
 {
     const uint32_t interval_ms = read_interval();
@@ -201,7 +201,7 @@ void begin_checkpoints(omx_tdmbrec_component_PrivateType *self)
         QVR_free(checkpoint);
         return;
     }
-    checkpoint->uiIntervalMs = std::max<uint32_t>(interval_ms / 2, 1);
+    checkpoint->uiIntervalMs = std::max<uint32_t>(interval_ms - interval_ms / 5, 1);
     open_journal(self, checkpoint);
     open_sync(self, checkpoint);
     begin_group(checkpoint);

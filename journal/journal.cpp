@@ -108,23 +108,49 @@ journal_sum_t journal_sum_begin(uint64_t session)
             .second = static_cast<uint32_t>(session >> 32)};
 }
 
-// Two additions a word: every byte of a recording passes through it.
+// Adds whole rows of words, in lanes that a compiler can keep in vectors: every byte of a recording
+// passes through here. With N words, word n counts N - n times in `second`, the first one N times.
+// returns: the bytes added
+static size_t add_rows(journal_sum_t *sum, const uint8_t *bytes, size_t count)
+{
+    static constexpr uint32_t kLanes = 8;
+    static constexpr size_t kRowBytes = 4 * kLanes;
+    const size_t rows = count / kRowBytes;
+    uint32_t first[kLanes] = {};
+    uint32_t second[kLanes] = {};
+    for (size_t row = 0; row < rows; row++) {
+        for (uint32_t lane = 0; lane < kLanes; lane++) {
+            first[lane] += load_word(bytes + kRowBytes * row + 4 * lane);
+            second[lane] += first[lane];
+        }
+    }
+    sum->second += static_cast<uint32_t>(kLanes * rows) * sum->first;
+    for (uint32_t lane = 0; lane < kLanes; lane++) {
+        sum->first += first[lane];
+        sum->second += kLanes * second[lane] - lane * first[lane];
+    }
+    return kRowBytes * rows;
+}
+
+static void add_word(journal_sum_t *sum, uint32_t word)
+{
+    sum->first += word;
+    sum->second += sum->first;
+}
+
 void journal_sum_add(journal_sum_t *sum, const void *bytes, size_t count)
 {
     const uint8_t *from = static_cast<const uint8_t *>(bytes);
-    uint32_t first = sum->first;
-    uint32_t second = sum->second;
-    for (; count >= 4; count -= 4, from += 4) {
-        first += load_word(from);
-        second += first;
+    const size_t row_bytes = add_rows(sum, from, count);
+    from += row_bytes;
+    for (count -= row_bytes; count >= 4; count -= 4, from += 4) {
+        add_word(sum, load_word(from));
     }
     if (count > 0) {
         uint8_t last[4] = {};
         memcpy(last, from, count);
-        first += load_word(last);
-        second += first;
+        add_word(sum, load_word(last));
     }
-    *sum = {.first = first, .second = second};
 }
 
 uint32_t journal_sum_end(const journal_sum_t *sum)

@@ -25,7 +25,7 @@ static int32_t report_progress(recovery_job *job, int64_t position)
 static int32_t begin_pass(recovery_job *job, frame_stream *stream)
 {
     frame_stream_begin(stream, &job->media, &job->bounds,
-                       job->has_journal ? &job->journal_begin : nullptr, job->sound);
+                       job->has_journal ? &job->journal_begin : nullptr, job->format);
     return report_progress(job, 0);
 }
 
@@ -172,7 +172,7 @@ static void choose_sample_rate(recovery_job *job)
     static constexpr uint32_t kEnoughPictures = 90;
     static constexpr int32_t kAlike[][3] = {
         {48000, 44100, 0}, {24000, 22050, 0}, {16000, 12000, 11025}};
-    if (job->has_journal || job->input->sample_rate != 0 || job->sound.sampling_index == 0 ||
+    if (job->has_journal || job->input->sample_rate != 0 || job->format.sampling_index == 0 ||
         job->report->holes > 0 || job->report->pictures < kEnoughPictures) {
         return;
     }
@@ -180,7 +180,7 @@ static void choose_sample_rate(recovery_job *job)
         if (rates[0] == job->settings.input.m_iAudioSampleRate) {
             const int32_t count = rates[2] != 0 ? 3 : 2;
             const int32_t chosen = place_times_choose_rate(&job->times.places, rates, count);
-            fill_recorder_settings(&job->settings, chosen, job->sound.channels);
+            fill_recorder_settings(&job->settings, chosen, job->format.channels);
             job->report->sample_rate = chosen;
         }
     }
@@ -228,6 +228,7 @@ static int32_t pass_frame(recovery_job *job, const stream_frame *frame, void *co
                                      .size = frame->size,
                                      .time_ms = time_ms,
                                      .is_journaled = frame->is_journaled ? 1 : 0};
+    job->passed_frames++;
     report_hole(job, frame->offset - frame->skipped_bytes, frame->skipped_bytes, 0);
     if (frame->type == MUX_TYPE_VIDEO) {
         job->report->last_ms = time_ms;
@@ -236,6 +237,13 @@ static int32_t pass_frame(recovery_job *job, const stream_frame *frame, void *co
         job->input->frame(job->input->context, &passed);
     }
     return visit != nullptr ? visit(context, &passed) : RECOVERY_DONE;
+}
+
+// A file that changes between the passes, or is read otherwise, must not be finished in place.
+static bool has_same_frames(const recovery_job *job, const frame_stream *stream)
+{
+    return stream->last_end == job->last_end &&
+           job->passed_frames == job->report->pictures + job->report->sounds;
 }
 
 static void report_rate(const recovery_job *job)
@@ -251,11 +259,16 @@ int32_t visit_frames(recovery_job *job, void *context,
     frame_stream stream;
     frame_times_rewind(&job->times);
     scratch_tables_rewind(&job->tables);
+    job->passed_frames = 0;
     int32_t result = begin_pass(job, &stream);
     while (result == RECOVERY_DONE) {
         stream_frame frame;
         switch (frame_stream_next(&stream, &frame)) {
         case kStreamEnd:
+            if (!has_same_frames(job, &stream)) {
+                return fail_recovery(job, RECOVERY_ERR_READ,
+                                     "The recording has changed while it was read");
+            }
             report_hole(job, stream.last_end, job->report->end_bytes, 1);
             report_rate(job);
             end_pass(job);

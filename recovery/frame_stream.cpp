@@ -4,18 +4,19 @@
 #include <cstring>
 
 void frame_stream_begin(frame_stream *stream, media_window *media, const media_bounds *bounds,
-                        const journal_frames *journal, sound_format sound)
+                        const journal_frames *journal, media_format format)
 {
     *stream = {.media = media,
                .bounds = *bounds,
-               .sound = sound,
+               .format = format,
                .lesson_begin = bounds->begin,
                .last_end = bounds->begin};
     stream->walk = {.window = media,
                     .position = bounds->begin,
                     .end = bounds->begin,
-                    .sampling_index = sound.sampling_index,
-                    .channels = sound.channels};
+                    .sampling_index = format.sampling_index,
+                    .channels = format.channels,
+                    .takes_zero_ends = format.takes_zero_ends};
     if (journal != nullptr) {
         stream->has_journal = true;
         stream->journal = *journal;

@@ -26,7 +26,7 @@ enum stream_part { kPartNone, kPartGroup, kPartWalk, kPartEnded };
 struct frame_stream {
     media_window *media;
     media_bounds bounds;
-    sound_format sound;
+    media_format format;
     bool has_journal;
     journal_frames journal;
     bool has_group; // its frames come after those of the walk
@@ -39,7 +39,7 @@ struct frame_stream {
 
 // in: journal: or null; begun, before its first group
 void frame_stream_begin(frame_stream *stream, media_window *media, const media_bounds *bounds,
-                        const journal_frames *journal, sound_format sound);
+                        const journal_frames *journal, media_format format);
 
 enum stream_result { kStreamFrame, kStreamLostFrame, kStreamEnd, kStreamReadError };
 

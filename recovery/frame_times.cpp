@@ -13,6 +13,9 @@ void frame_times_begin(frame_times *times)
 
 void frame_times_note(frame_times *times, const stream_frame *frame)
 {
+    if (frame->skipped_bytes > 0) {
+        place_times_note_hole(&times->places);
+    }
     place_times_note(&times->places, frame->type);
     times->inexact_frames += frame->is_timed ? 0 : 1;
     times->inexact_pictures += !frame->is_timed && frame->type == MUX_TYPE_VIDEO ? 1 : 0;

@@ -16,12 +16,12 @@ static constexpr int64_t kTellingFrames = 3;           // no other recording has
 static constexpr int64_t kLostZeros = 16;
 
 void journal_frames_begin(journal_frames *frames, media_window *media, media_window *journal,
-                          uint64_t session, sound_format sound, int64_t head_bytes)
+                          uint64_t session, media_format format, int64_t head_bytes)
 {
     *frames = {.media = media,
                .journal = journal,
                .session = session,
-               .sound = sound,
+               .format = format,
                .position = head_bytes,
                .search_left_bytes = kMostSearchedBytes};
 }
@@ -101,9 +101,6 @@ group_result journal_frames_open_group(journal_frames *frames)
 {
     for (;;) {
         const journal_result_t result = open_group_at(frames, frames->position);
-        if (frames->journal->has_failed) {
-            return kGroupReadError;
-        }
         const int64_t end = result == kJournalRead ? end_of_group(frames) : -1;
         const int64_t begin = static_cast<int64_t>(frames->group.media_begin);
         if (end >= 0 && begin >= frames->media_end) {
@@ -114,7 +111,7 @@ group_result journal_frames_open_group(journal_frames *frames)
             return frames->media->has_failed ? kGroupReadError : kGroupOpened;
         }
         if (!search_group(frames)) {
-            return frames->journal->has_failed ? kGroupReadError : kGroupsEnded;
+            return kGroupsEnded;
         }
     }
 }
@@ -130,11 +127,11 @@ static bool is_whole_by_syntax(const journal_frames *frames, const journaled_fra
         return false;
     }
     if (frame->type == MUX_TYPE_VIDEO) {
-        return is_whole_picture(bytes, frame_bytes);
+        return is_whole_picture(bytes, frame_bytes, frames->format.takes_zero_ends);
     }
-    return frames->sound.sampling_index > 0 &&
-           sound_frame_bytes(bytes, frame_bytes, frames->sound.sampling_index,
-                             frames->sound.channels) == frame_bytes;
+    return frames->format.sampling_index > 0 &&
+           sound_frame_bytes(bytes, frame_bytes, frames->format.sampling_index,
+                             frames->format.channels) == frame_bytes;
 }
 
 bool journal_frames_next(journal_frames *frames, journaled_frame *frame)
@@ -188,8 +185,9 @@ static bool begins_otherwise(journal_frames *frames)
     media_walk walk = {.window = frames->media,
                        .position = frames->frame_offset,
                        .end = frames->media->file_bytes,
-                       .sampling_index = frames->sound.sampling_index,
-                       .channels = frames->sound.channels};
+                       .sampling_index = frames->format.sampling_index,
+                       .channels = frames->format.channels,
+                       .takes_zero_ends = frames->format.takes_zero_ends};
     walked_frame frame = {};
     int found_frames = 0;
     while (found_frames < kOtherFrames && walk.position < walk.end &&
@@ -217,8 +215,7 @@ journal_fit find_journal_fit(journal_frames *frames)
     int64_t whole_frames = 0;
     int64_t other_frames = 0;
     bool is_known = false;
-    group_result result = kGroupsEnded;
-    while (!is_known && (result = journal_frames_open_group(frames)) == kGroupOpened) {
+    while (!is_known && journal_frames_open_group(frames) == kGroupOpened) {
         is_known = frames->has_matched && frames->group.frames > 0;
         journaled_frame frame;
         while (!is_known && journal_frames_next(frames, &frame)) {
@@ -229,7 +226,7 @@ journal_fit find_journal_fit(journal_frames *frames)
     }
     *frames = rewound;
     const bool fits = is_known || is_fitting(frames, whole_frames, other_frames);
-    if (frames->media->has_failed || (!is_known && result == kGroupReadError)) {
+    if (frames->media->has_failed) {
         return kJournalFitUnknown;
     }
     return fits ? kJournalFits : kJournalOfOtherFile;

@@ -7,10 +7,11 @@
 
 #include <cstdint>
 
-// The settings by which sound frames parse.
-struct sound_format {
-    int32_t sampling_index; // 0: none
+// How the frames of a recording are read.
+struct media_format {
+    int32_t sampling_index; // of the sound; 0: none
     int32_t channels;
+    bool takes_zero_ends; // see media_walk
 };
 
 struct journaled_frame {
@@ -26,7 +27,7 @@ struct journal_frames {
     media_window *media;
     media_window *journal;
     uint64_t session;
-    sound_format sound;
+    media_format format;
     int64_t position;          // in the journal, of the next group
     int64_t search_left_bytes; // through which groups after a damaged one may still be searched
     int64_t media_end;         // of the frames of all groups so far
@@ -38,12 +39,12 @@ struct journal_frames {
 // Begins before the first group.
 // in: head_bytes: of the journal's head
 void journal_frames_begin(journal_frames *frames, media_window *media, media_window *journal,
-                          uint64_t session, sound_format sound, int64_t head_bytes);
+                          uint64_t session, media_format format, int64_t head_bytes);
 
 enum group_result {
     kGroupOpened,
-    kGroupsEnded,
-    kGroupReadError // either file
+    kGroupsEnded,   // also where the journal cannot be read
+    kGroupReadError // the media file
 };
 
 // Opens the next group whose frames are after those of the last one. A damaged one is skipped when
@@ -57,7 +58,7 @@ enum group_result {
 enum journal_fit { kJournalFits, kJournalOfOtherFile, kJournalFitUnknown };
 
 // Decides whether a journal describes the media data, and rewinds it.
-// returns: kJournalFitUnknown when a file could not be read
+// returns: kJournalFitUnknown when the media file could not be read
 [[nodiscard]] journal_fit find_journal_fit(journal_frames *frames);
 
 #endif // RECOVERY_JOURNAL_FRAMES_H

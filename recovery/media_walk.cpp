@@ -159,7 +159,7 @@ static bool is_unit_intact(media_walk *walk, int64_t offset, int64_t bytes)
         spend(walk, available);
         done += available;
         if (done == bytes) {
-            return at[available - 1] != 0;
+            return at[available - 1] != 0 || walk->takes_zero_ends;
         }
         done -= kDamageBytes - 1; // it may be at the border
     }

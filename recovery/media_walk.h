@@ -22,13 +22,14 @@ struct walked_frame {
     int64_t skipped_bytes; // damaged bytes between the last frame and this one
 };
 
-// The caller sets the first five fields; all others begin as 0.
+// The caller sets the first six fields; all others begin as 0.
 struct media_walk {
     media_window *window;
     int64_t position;       // of the next byte to read
     int64_t end;            // of the media data
     int32_t sampling_index; // of the AAC frames, ISO/IEC 14496-3 Table 1.18; from 3 to 11
     int32_t channels;       // 1 or 2
+    bool takes_zero_ends;   // a unit may end in a zero or two
 
     // What the walk knows from the frames so far.
     uint32_t first_types[2];    // a bit for each type of a first unit, of pictures without and with
@@ -43,6 +44,12 @@ struct media_walk {
 // Finds the sampling index and the channels at which the sound frames parse.
 // returns: false when no sound frame was found: the walk then finds pictures only
 [[nodiscard]] bool media_walk_find_sound(media_walk *walk);
+
+// Looks for zeros at the ends of units: a player that splits access units before the last three
+// bytes of a start code leaves the first one at the end of the unit before. Else a unit that ends
+// in zeros has lost its end. in: walk: at the first frame, with the sound's format returns: whether
+// the first units of the recording end so
+[[nodiscard]] bool media_walk_has_zero_ends(const media_walk *walk);
 
 enum walk_result {
     kWalkFrame,
@@ -60,7 +67,7 @@ enum walk_result {
 
 // returns: whether the bytes are exactly one picture: units whose lengths add up, with at least one
 //          slice, each ending in its trailing bits and without a sequence that no unit can contain
-[[nodiscard]] bool is_whole_picture(const uint8_t *bytes, int32_t count);
+[[nodiscard]] bool is_whole_picture(const uint8_t *bytes, int32_t count, bool takes_zero_ends);
 
 // returns: the bytes of the sound frame at the begin of `bytes`; 0 when none is there or it is cut
 [[nodiscard]] int32_t sound_frame_bytes(const uint8_t *bytes, int32_t count, int32_t sampling_index,

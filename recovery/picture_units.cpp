@@ -107,7 +107,7 @@ int64_t find_damage(const uint8_t *bytes, int64_t count)
     return count;
 }
 
-bool is_whole_picture(const uint8_t *bytes, int32_t count)
+bool is_whole_picture(const uint8_t *bytes, int32_t count, bool takes_zero_ends)
 {
     bool has_slice = false;
     for (int64_t at = 0; at < count;) {
@@ -118,7 +118,7 @@ bool is_whole_picture(const uint8_t *bytes, int32_t count)
         }
         const uint8_t *const unit = bytes + at + kUnitLengthBytes;
         if (find_damage(unit, head.unit_bytes) < head.unit_bytes ||
-            unit[head.unit_bytes - 1] == 0) {
+            (unit[head.unit_bytes - 1] == 0 && !takes_zero_ends)) {
             return false;
         }
         has_slice = has_slice || is_slice(head.type);

@@ -43,6 +43,9 @@ static void keep_every_second_place(place_times *times)
     for (int32_t i = 0; i < kPlaces / 2; i++) {
         times->places[i] = times->places[2 * i];
     }
+    for (int32_t i = 0; i < times->hole_count; i++) {
+        times->holes[i] = (times->holes[i] + 1) / 2;
+    }
     times->place_count = kPlaces / 2;
     times->stride = std::max(2 * times->stride, 2U);
 }
@@ -73,6 +76,14 @@ void place_times_note(place_times *times, int32_t type)
         times->pictures++;
     }
     times->follows_sound = is_sound;
+}
+
+void place_times_note_hole(place_times *times)
+{
+    if (times->hole_count < kMostGaps) {
+        times->holes[times->hole_count++] = times->place_count;
+    }
+    times->follows_sound = false;
 }
 
 static place_range used_places(const place_times *times)
@@ -164,6 +175,21 @@ static int32_t find_changes(place_times *times, const place_range &range, double
     return count;
 }
 
+// Adds the holes to the changes.
+// in: changes: room for 2 * kMostGaps
+// returns: their number
+static int32_t add_holes(const place_times *times, const place_range &range, int32_t *changes,
+                         int32_t count)
+{
+    for (int32_t i = 0; i < times->hole_count; i++) {
+        if (times->holes[i] > 0 && times->holes[i] < range.count) {
+            changes[count++] = times->holes[i];
+        }
+    }
+    std::sort(changes, changes + count);
+    return static_cast<int32_t>(std::unique(changes, changes + count) - changes);
+}
+
 // Adds the moments of the places [begin, end) about their means.
 static void add_part(const place_range &range, int32_t begin, int32_t end, double sound_ms,
                      moments *sums)
@@ -247,7 +273,7 @@ static void find_gaps(place_times *times, const place_range &range, const int32_
         }
         if (i == 0) {
             highest_ms = mean_ms;
-        } else if (mean_ms > highest_ms + kLeastGapMs / 2) {
+        } else if (mean_ms > highest_ms + kLeastGapMs / 2 && times->gap_count < kMostGaps) {
             times->gaps[times->gap_count++] = {
                 .last_before = range.first[begin - 1].picture,
                 .first_after = range.first[begin].picture,
@@ -270,13 +296,14 @@ static bool measure(place_times *times, int32_t sample_rate, int32_t *changes, i
     const double sound_ms = 1000.0 * kFrameSamples / sample_rate;
     const double picture_ms = measure_roughly(times, range, sound_ms);
     *count = find_changes(times, range, sound_ms, picture_ms, changes);
+    *count = add_holes(times, range, changes, *count);
     *sums = sum_parts(range, changes, *count, sound_ms);
     return sums->square_pictures > 0 && sums->product > 0;
 }
 
 void place_times_fit(place_times *times, int32_t sample_rate, steady_rate known)
 {
-    int32_t changes[kMostGaps];
+    int32_t changes[2 * kMostGaps];
     int32_t count = 0;
     moments sums;
     times->sound_rate = {static_cast<uint32_t>(std::max(sample_rate, 1)), kFrameSamples};
@@ -296,7 +323,7 @@ int32_t place_times_choose_rate(place_times *times, const int32_t *sample_rates,
     int32_t best = 0;
     double least_drift_ms = 0;
     for (int32_t i = 0; i < count; i++) {
-        int32_t changes[kMostGaps];
+        int32_t changes[2 * kMostGaps];
         int32_t change_count = 0;
         moments sums;
         if (!measure(times, sample_rates[i], changes, &change_count, &sums)) {

@@ -37,6 +37,8 @@ struct place_times {
     double scratch[kPlaces];
     picture_gap gaps[kMostGaps];
     int32_t gap_count;
+    int32_t holes[kMostGaps]; // first place after each; those beyond so many are not noted
+    int32_t hole_count;
 
     // Known after the fit.
     steady_rate sound_rate;
@@ -47,6 +49,10 @@ struct place_times {
 
 // in: type: MUX_TYPE_… of the next frame in the file
 void place_times_note(place_times *times, int32_t type);
+
+// Notes that frames of both kinds are lost before the next one: what is before the hole says
+// nothing about the rate after it.
+void place_times_note_hole(place_times *times);
 
 // Ends the first pass.
 // in: sample_rate: Hz

@@ -19,44 +19,35 @@ int32_t fail_recovery(recovery_job *job, int32_t code, const char *message)
 
 int32_t fail_to_read(recovery_job *job)
 {
-    if (job->media.has_failed || job->journal.has_failed) {
-        return fail_recovery(job, RECOVERY_ERR_READ,
-                             job->journal.has_failed ? "The journal cannot be read"
-                                                     : "The recording cannot be read");
-    }
-    return fail_recovery(job, RECOVERY_ERR_MEMORY, kNoMemory);
+    return job->media.has_failed
+               ? fail_recovery(job, RECOVERY_ERR_READ, "The recording cannot be read")
+               : fail_recovery(job, RECOVERY_ERR_MEMORY, kNoMemory);
 }
 
-static sound_format format_of(int32_t sample_rate, int32_t channels)
+static media_format format_of(int32_t sample_rate, int32_t channels)
 {
     const int32_t index = sampling_index_of(sample_rate);
     const bool is_known = index >= kLeastSamplingIndex && index <= kMostSamplingIndex &&
                           (channels == 1 || channels == 2);
-    return is_known ? sound_format{index, channels} : sound_format{};
+    return is_known ? media_format{.sampling_index = index, .channels = channels} : media_format{};
 }
 
-// Reads the head of the journal, if there is one.
-// out: head_bytes: of a head that can be used; else 0
-static int32_t read_journal_head(recovery_job *job, uint32_t *head_bytes)
+// Reads the head of the journal. One that cannot be read must not cost the recording.
+// returns: its bytes; 0 when it cannot be used, for the reason that is in the report
+static uint32_t read_journal_head(recovery_job *job)
 {
     recovery_report_t *const report = job->report;
-    *head_bytes = 0;
-    if (job->input->journal == nullptr) {
-        return RECOVERY_DONE;
-    }
-    if (!media_window_open(&job->journal, job->input->journal)) {
-        return fail_recovery(job, RECOVERY_ERR_READ, "The journal cannot be read");
-    }
     int64_t available = 0;
+    uint32_t head_bytes = 0;
     uint16_t version = 0;
-    const uint8_t *const head = media_window_show(&job->journal, 0, kJournalHeadBytes, &available);
-    if (job->journal.has_failed) {
-        return fail_to_read(job);
-    }
+    const uint8_t *const head =
+        media_window_open(&job->journal, job->input->journal)
+            ? media_window_show(&job->journal, 0, kJournalHeadBytes, &available)
+            : nullptr;
     const journal_result_t result = head == nullptr
                                         ? kJournalEnded
                                         : journal_read_head(head, static_cast<size_t>(available),
-                                                            &job->settings, head_bytes, &version);
+                                                            &job->settings, &head_bytes, &version);
     report->journal = RECOVERY_JOURNAL_USED;
     if (result == kJournalOtherVersion) {
         report->journal = RECOVERY_JOURNAL_OTHER_VERSION;
@@ -64,21 +55,30 @@ static int32_t read_journal_head(recovery_job *job, uint32_t *head_bytes)
     } else if (result != kJournalRead || (job->settings.stream_flags & MUX_STREAM_VIDEO) == 0) {
         report->journal = RECOVERY_JOURNAL_DAMAGED;
     }
-    *head_bytes = report->journal == RECOVERY_JOURNAL_USED ? *head_bytes : 0;
-    return RECOVERY_DONE;
+    return report->journal == RECOVERY_JOURNAL_USED ? head_bytes : 0;
+}
+
+static media_walk begin_walk(recovery_job *job)
+{
+    return {.window = &job->media,
+            .position = job->bounds.begin,
+            .end = job->bounds.end,
+            .sampling_index = job->format.sampling_index,
+            .channels = job->format.channels};
 }
 
 static int32_t open_journal(recovery_job *job)
 {
-    uint32_t head_bytes = 0;
-    const int32_t result = read_journal_head(job, &head_bytes);
-    if (result != RECOVERY_DONE || head_bytes == 0) {
-        return result;
+    const uint32_t head_bytes = job->input->journal != nullptr ? read_journal_head(job) : 0;
+    if (head_bytes == 0) {
+        return RECOVERY_DONE;
     }
     const mp4_mux_input_t *const input = &job->settings.input;
-    job->sound = format_of(input->m_iAudioSampleRate, input->m_iAudioChannels);
+    job->format = format_of(input->m_iAudioSampleRate, input->m_iAudioChannels);
+    const media_walk walk = begin_walk(job);
+    job->format.takes_zero_ends = media_walk_has_zero_ends(&walk);
     journal_frames_begin(&job->journal_begin, &job->media, &job->journal, job->settings.session,
-                         job->sound, head_bytes);
+                         job->format, head_bytes);
     switch (find_journal_fit(&job->journal_begin)) {
     case kJournalFits:
         job->has_journal = true;
@@ -95,8 +95,9 @@ static int32_t open_journal(recovery_job *job)
 // Without a journal the sound's format is that at which its frames parse.
 static int32_t find_settings(recovery_job *job)
 {
-    media_walk walk = {
-        .window = &job->media, .position = job->bounds.begin, .end = job->bounds.end};
+    job->format = {};
+    media_walk walk = begin_walk(job);
+    walk.takes_zero_ends = true; // not known yet
     const bool has_sound = walk.position < walk.end && media_walk_find_sound(&walk);
     if (job->media.has_failed) {
         return fail_to_read(job);
@@ -104,7 +105,12 @@ static int32_t find_settings(recovery_job *job)
     const int32_t found_rate = has_sound ? sample_rate_of(walk.sampling_index) : kUsualSampleRate;
     const int32_t sample_rate = job->input->sample_rate != 0 ? job->input->sample_rate : found_rate;
     const int32_t channels = has_sound ? walk.channels : kUsualChannels;
-    job->sound = has_sound ? format_of(sample_rate, channels) : sound_format{};
+    job->format = has_sound ? format_of(sample_rate, channels) : media_format{};
+    walk = begin_walk(job);
+    job->format.takes_zero_ends = media_walk_has_zero_ends(&walk);
+    if (job->media.has_failed) {
+        return fail_to_read(job);
+    }
     fill_recorder_settings(&job->settings, sample_rate, channels);
     return RECOVERY_DONE;
 }
@@ -143,7 +149,9 @@ static int32_t find_media(recovery_job *job)
         return fail_recovery(job, RECOVERY_ERR_READ, "The recording cannot be read");
     }
     job->report->file_bytes = job->media.file_bytes;
-    return find_media_bounds(&job->media, &job->bounds) ? RECOVERY_DONE : fail_to_read(job);
+    const bool is_found = find_media_bounds(&job->media, &job->bounds);
+    const bool has_memory = job->media.buffer != nullptr || job->media.file_bytes == 0;
+    return is_found && has_memory ? RECOVERY_DONE : fail_to_read(job);
 }
 
 // A recording can have all of its movie box and lack media data: a storage writes in any order.

@@ -18,16 +18,17 @@ struct recovery_job {
     bool has_journal; // it is used
     journal_frames journal_begin;
     journal_settings_t settings; // of the journal, or those that every recording has
-    sound_format sound;
+    media_format format;
     frame_times times;
     scratch_tables tables;
     bool has_tables; // they give times
 
     // What the scan finds.
-    int64_t sets_offset; // of the first picture with an SPS and a PPS
-    int32_t sets_bytes;  // of that picture; 0 for none
-    int64_t last_end;    // of the last whole frame
-    uint8_t *record;     // decoder configuration made from the media
+    int64_t sets_offset;    // of the first picture with an SPS and a PPS
+    int32_t sets_bytes;     // of that picture; 0 for none
+    int64_t last_end;       // of the last whole frame
+    uint32_t passed_frames; // of the pass that uses them
+    uint8_t *record;        // decoder configuration made from the media
 
     int64_t passed_bytes;   // of the passes before this one
     int64_t progress_bytes; // as last reported

@@ -16,7 +16,9 @@ static constexpr unsigned kReferenceCounts[] = {1, 2, 3, 4, 5, 6, 7, 8, 16};
 
 static constexpr int kUsualQp = 26, kQpMax = 51;
 
-static constexpr size_t kWidthsMax = 8; // pairs of widths that are tried
+// Pairs of widths that are tried, and the contradictions that they have more than the best one.
+static constexpr size_t kWidthsMax = 8;
+static constexpr unsigned kContradictionsMore = 2;
 
 struct search {
     std::span<const std::vector<uint8_t>> pictures;
@@ -108,6 +110,9 @@ configuration_guess_make(std::span<const std::vector<uint8_t>> pictures,
     set_values values;
     const std::vector<number_widths> widths = slice_numbers_find(pictures, values.pps_number);
     for (size_t i = 0; i < std::min(widths.size(), kWidthsMax); i++) {
+        if (widths[i].contradictions > widths[0].contradictions + kContradictionsMore) {
+            break; // a search in vain ends soon
+        }
         values.frame_num_bits = widths[i].frame_num_bits;
         values.order_bits = widths[i].order_bits;
         if (try_widths(self, values)) {

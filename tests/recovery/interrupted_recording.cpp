@@ -6,7 +6,6 @@
 #include <algorithm>
 
 static constexpr uint64_t kSession = 0x0123456789ABCDEF;
-static constexpr size_t kFramesOfGroup = 6;
 
 static journal_settings_t journal_settings_of(const muxer_settings &muxer)
 {
@@ -31,7 +30,7 @@ static void add_to_journal(interrupted_recording *made, const uint8_t *bytes, si
     made->journaled.push_back(frames);
 }
 
-static void make_journal(interrupted_recording *made)
+static void make_journal(interrupted_recording *made, size_t frames_of_group)
 {
     uint8_t head[kJournalHeadBytes];
     const journal_settings_t settings = journal_settings_of(made->settings);
@@ -39,7 +38,7 @@ static void make_journal(interrupted_recording *made)
     static journal_group_t group;
     for (size_t i = 0; i < made->frames.size();) {
         journal_begin_group(&group, kSession, static_cast<uint64_t>(made->frames[i].offset));
-        const size_t end = std::min(i + kFramesOfGroup, made->frames.size());
+        const size_t end = std::min(i + frames_of_group, made->frames.size());
         for (; i < end; i++) {
             const muxed_frame &frame = made->frames[i];
             const journal_frame_t record = {frame.type, static_cast<uint32_t>(frame.bytes.size()),
@@ -71,7 +70,7 @@ Bytes make_group(uint64_t media_begin, const std::vector<uint32_t> &frame_bytes)
     return group + number(journal_sum_end(&sum));
 }
 
-interrupted_recording make_interrupted(const recording_options &how)
+interrupted_recording make_interrupted(const recording_options &how, size_t frames_of_group)
 {
     interrupted_recording made = {make_known_recording(how), {}, {}, {}, {}, {}};
     const muxed_frame &last = made.frames.back();
@@ -81,6 +80,6 @@ interrupted_recording make_interrupted(const recording_options &how)
     for (const muxed_frame &frame : made.frames) {
         made.ends.push_back(static_cast<size_t>(frame.offset) + frame.bytes.size());
     }
-    make_journal(&made);
+    make_journal(&made, frames_of_group);
     return made;
 }

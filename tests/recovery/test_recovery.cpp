@@ -50,11 +50,13 @@ Bytes cut(const Bytes &bytes, size_t count)
     return {bytes.begin(), bytes.begin() + static_cast<ptrdiff_t>(count)};
 }
 
-Bytes zeroed(Bytes bytes, size_t begin, size_t end)
+Bytes zeroed(const Bytes &bytes, size_t begin, size_t end)
 {
-    std::fill(bytes.begin() + static_cast<ptrdiff_t>(begin),
-              bytes.begin() + static_cast<ptrdiff_t>(std::min(end, bytes.size())), uint8_t{0});
-    return bytes;
+    Bytes result = bytes;
+    for (size_t at = begin; at < std::min(end, bytes.size()); at++) {
+        result.at(at) = 0;
+    }
+    return result;
 }
 
 // Places to cut the media at: all about the ends of frames, some between them.
@@ -350,6 +352,36 @@ TEST(Recovery, CompletesACloseThatLostAnyBlock)
     }
 }
 
+TEST(Recovery, SurvivesEachFailingRead)
+{
+    const interrupted_recording r =
+        make_interrupted({.name = "long", .pictures = 290}, 1); // a frame in each group
+    int failures = 0;
+    for (size_t reads = 1; reads < 20; reads++) {
+        interrupted_files files = {r.media, r.journal, programme_sets()};
+        files.journal_reads = reads;
+        const recovered got = recover_in_place(&files);
+        EXPECT_EQ(got.code, RECOVERY_DONE) << got.report.message;
+        EXPECT_EQ(got.report.pictures, static_cast<uint32_t>(r.how.pictures));
+        files = {r.media, r.journal, programme_sets()};
+        files.media_reads = reads;
+        const recovered no_media = recover_in_place(&files);
+        failures += no_media.code == RECOVERY_ERR_READ ? 1 : 0;
+        EXPECT_TRUE(no_media.code == RECOVERY_DONE ||
+                    (no_media.code == RECOVERY_ERR_READ && files.media == r.media))
+            << reads << no_media.report.message;
+    }
+    EXPECT_GT(failures, 2);
+    for (size_t reads = 1; reads < 8; reads++) {
+        interrupted_files files = {r.media, r.journal};
+        files.reads_to_cut = reads;
+        const recovered got = recover_in_place(&files);
+        EXPECT_TRUE(got.code == RECOVERY_ERR_READ ||
+                    got.file == stop_after(r, got.report.pictures + got.report.sounds))
+            << reads;
+    }
+}
+
 TEST(Recovery, KnowsTheSilenceThatAStopHasAdded)
 {
     const interrupted_recording r = make_interrupted(kSetups[2]);
@@ -364,6 +396,32 @@ TEST(Recovery, KnowsTheSilenceThatAStopHasAdded)
             EXPECT_TRUE(got.report.end_bytes == 0 || bytes != r.media.size() + 7);
         }
     }
+}
+
+// A player that splits access units before the last three bytes of a start code leaves its first
+// byte at the end of the picture before.
+TEST(Recovery, FindsPicturesThatEndInAZero)
+{
+    const interrupted_recording r = make_interrupted(kSetups[0]);
+    Bytes media = cut(r.media, 36);
+    Bytes damaged;
+    for (const muxed_frame &f : r.frames) {
+        const size_t begin = media.size();
+        media = media + f.bytes;
+        if (f.type == MUX_TYPE_VIDEO) {
+            const Bytes length = mux_test::number(f.bytes.size() - 4 + 1);
+            std::copy(length.begin(), length.end(), media.begin() + static_cast<ptrdiff_t>(begin));
+            media.push_back(0);
+        }
+        if (&f == &r.frames[r.frames.size() / 2]) {
+            damaged = zeroed(media, media.size() - 8, media.size());
+        }
+    }
+    const recovered got = recover({media, std::nullopt, programme_sets()});
+    EXPECT_EQ(got.report.pictures + got.report.sounds, r.frames.size());
+    EXPECT_EQ(got.report.holes, 0u);
+    const recovered less = recover({damaged, std::nullopt, programme_sets()});
+    EXPECT_EQ(less.report.pictures + less.report.sounds, r.frames.size() / 2);
 }
 
 TEST(Recovery, RefusesWhatItCannotRecover)

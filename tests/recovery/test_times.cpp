@@ -100,6 +100,27 @@ TEST(PlaceTimes, KeepATimeWithoutPictures)
     }
 }
 
+// The first picture after the hole is later than the ones that are left say, by less than a gap.
+TEST(PlaceTimes, MeasureTheRateOnBothSidesOfAHole)
+{
+    for (const steady_rate rate : {steady_rate{15, 1}, {25, 1}, {30, 1}}) {
+        for (const size_t lost : {3u, 6u, 12u}) {
+            std::vector<Event> events = events_of({rate, 5, 0, 1, 1, 0, 0});
+            const auto middle = events.begin() + static_cast<ptrdiff_t>(events.size() / 2);
+            events.erase(middle, middle + static_cast<ptrdiff_t>(lost));
+            place_times times = {};
+            for (size_t i = 0; i < events.size(); i++) {
+                if (i == (events.size() + lost) / 2) {
+                    place_times_note_hole(&times);
+                }
+                place_times_note(&times, events[i].type);
+            }
+            place_times_fit(&times, 48000, {});
+            EXPECT_EQ(frame_ms(times.picture_rate), frame_ms(rate)) << lost;
+        }
+    }
+}
+
 TEST(PlaceTimes, MeasureAnUnlikelyRate)
 {
     EXPECT_LE(worst_error_ms({{27, 1}, 300, 0, 1, 1, 0, 0}), 20u);

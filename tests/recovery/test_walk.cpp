@@ -248,7 +248,8 @@ TEST(Walk, KnowsWholePictures)
     };
     for (const auto &[picture, is_whole] : kPictures) {
         const Bytes bytes = mux_test::bytes(picture);
-        EXPECT_EQ(is_whole_picture(bytes.data(), static_cast<int32_t>(bytes.size())), is_whole)
+        EXPECT_EQ(is_whole_picture(bytes.data(), static_cast<int32_t>(bytes.size()), false),
+                  is_whole)
             << picture;
     }
 }

@@ -27,17 +27,45 @@ recovery_source_t source_of(const Bytes &bytes)
 
 namespace {
 
+// A file whose reads fail.
+struct failing_source {
+    Bytes *bytes;
+    size_t reads_left;
+    size_t reads_to_cut;
+};
+
+int64_t read_or_fail(void *context, int64_t offset, void *buffer, int64_t count)
+{
+    static constexpr size_t kCutBytes = 10;
+    failing_source *const source = static_cast<failing_source *>(context);
+    source->reads_left -= source->reads_left > 0 ? 1 : 0;
+    source->reads_to_cut--;
+    if (source->reads_to_cut == 0) {
+        source->bytes->resize(source->bytes->size() - kCutBytes);
+    }
+    return source->reads_left == 0 ? -1 : read_at(source->bytes, offset, buffer, count);
+}
+
+int64_t size_of_failing(void *context)
+{
+    return size_of(static_cast<failing_source *>(context)->bytes);
+}
+
 // The input of a recovery. Its frames go to `result`.
 struct run_input {
+    failing_source media_file = {};
+    failing_source journal_file = {};
     recovery_source_t journal = {};
     recovery_source_t tables[RECOVERY_TABLE_COUNT] = {};
     recovery_input_t input = {};
 
     run_input(const interrupted_files &files, recovered *result)
     {
-        input.media = source_of(files.media);
+        media_file = {const_cast<Bytes *>(&files.media), files.media_reads, files.reads_to_cut};
+        input.media = {&media_file, read_or_fail, size_of_failing};
         if (files.journal) {
-            journal = source_of(*files.journal);
+            journal_file = {const_cast<Bytes *>(&*files.journal), files.journal_reads, SIZE_MAX};
+            journal = {&journal_file, read_or_fail, size_of_failing};
             input.journal = &journal;
         }
         for (size_t i = 0; i < RECOVERY_TABLE_COUNT; i++) {

@@ -14,6 +14,9 @@ struct interrupted_files {
     std::optional<Bytes> journal = {};
     Bytes configuration = {}; // of the input
     Bytes tables[RECOVERY_TABLE_COUNT] = {};
+    size_t journal_reads = SIZE_MAX; // until every read fails
+    size_t media_reads = SIZE_MAX;   // the same
+    size_t reads_to_cut = SIZE_MAX;  // until the media file loses its last bytes
 };
 
 struct recovered {

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+static constexpr size_t kPageSize = kPageBytes; // in memory
+
 namespace {
 
 // One file while its image is made: as the program sees it, and what is on the storage.
@@ -22,20 +24,18 @@ static size_t pages_of(int64_t bytes)
 
 static void store_page(file_state *file, size_t page)
 {
-    const size_t begin = page * kPageBytes;
-    const size_t end = std::min(begin + kPageBytes, file->seen.size());
+    const size_t begin = page * kPageSize;
+    const size_t end = std::min(begin + kPageSize, file->seen.size());
     if (file->is_there.size() <= page) {
         file->is_there.resize(page + 1);
-        file->pages.resize((page + 1) * kPageBytes);
+        file->pages.resize((page + 1) * kPageSize);
     }
     file->is_there[page] = true;
+    uint8_t *const to = file->pages.data() + begin;
+    std::fill_n(to, kPageSize, uint8_t{0});
     if (begin < end) {
-        std::copy(file->seen.begin() + static_cast<ptrdiff_t>(begin),
-                  file->seen.begin() + static_cast<ptrdiff_t>(end),
-                  file->pages.begin() + static_cast<ptrdiff_t>(begin));
+        std::copy(file->seen.data() + begin, file->seen.data() + end, to);
     }
-    std::fill(file->pages.begin() + static_cast<ptrdiff_t>(std::max(begin, end)),
-              file->pages.begin() + static_cast<ptrdiff_t>(begin + kPageBytes), uint8_t{0});
 }
 
 template <typename IsThere>
@@ -46,7 +46,7 @@ static void apply_write(const disk_event &event, size_t bytes, bool has_all_size
     if (static_cast<int64_t>(file->seen.size()) < end) {
         file->seen.resize(static_cast<size_t>(end));
     }
-    std::copy_n(event.bytes.begin(), bytes, file->seen.begin() + event.offset);
+    std::copy_n(event.bytes.begin(), bytes, file->seen.data() + event.offset);
     for (size_t page = static_cast<size_t>(event.offset / kPageBytes); page < pages_of(end);
          page++) {
         if (is_there(static_cast<int64_t>(page))) {

@@ -30,7 +30,7 @@ static bool has_bytes(const Bytes &image, int64_t begin, const Bytes &bytes, siz
     const size_t end = static_cast<size_t>(begin) + (to - from);
     return end <= image.size() &&
            std::equal(bytes.begin() + static_cast<ptrdiff_t>(from),
-                      bytes.begin() + static_cast<ptrdiff_t>(to), image.begin() + begin);
+                      bytes.begin() + static_cast<ptrdiff_t>(to), image.data() + begin);
 }
 
 static Bytes file_of(const disk_image &image, size_t file)
@@ -186,7 +186,7 @@ static std::vector<muxed_frame> frames_of_result(const recovered &run, const Byt
 {
     std::vector<muxed_frame> frames;
     for (const recovery_frame_t &frame : run.frames) {
-        const auto begin = media.begin() + frame.offset;
+        const uint8_t *const begin = media.data() + frame.offset;
         frames.push_back({.type = frame.type,
                           .flags = frame.flags,
                           .time_ms = frame.time_ms,
@@ -337,9 +337,9 @@ std::string describe_image(const recorded_truth &truth, const disk_image &image)
     const interrupted_files files = files_of(truth, image, facts.has_journal_head);
     const recovered run = scan_files(files);
     std::string text = "media " + std::to_string(files.media.size()) + " bytes, head " +
-                       std::to_string(facts.has_media_head) + "; journal " +
+                       (facts.has_media_head ? "whole" : "lost") + "; journal " +
                        std::to_string(file_of(image, truth.journal).size()) + " bytes, head " +
-                       std::to_string(facts.has_journal_head) + "; recovery " +
+                       (facts.has_journal_head ? "whole" : "lost") + "; recovery " +
                        std::to_string(run.code) + ", journal " +
                        std::to_string(run.report.journal) + ", configuration " +
                        std::to_string(run.report.configuration_from) + ", " +

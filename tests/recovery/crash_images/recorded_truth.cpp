@@ -50,7 +50,7 @@ static Bytes written_to(const disk_trace &trace, size_t file)
         if (event.file == file && event.call == disk_call::write) {
             const size_t end = static_cast<size_t>(event.offset) + event.bytes.size();
             bytes.resize(std::max(bytes.size(), end));
-            std::copy(event.bytes.begin(), event.bytes.end(), bytes.begin() + event.offset);
+            std::copy(event.bytes.begin(), event.bytes.end(), bytes.data() + event.offset);
         }
     }
     return bytes;
@@ -115,12 +115,13 @@ static Bytes repeat_picture_parameter_set(const Bytes &access_unit)
     return join_nal_units(units);
 }
 
-// Every group is synced before the next buffer, so that the trace is the same in every run.
-static void wait_for_checkpoint(const record_options &options, const std::string &media)
+// Every group is synced, after its media, before the next buffer, so that the trace is the same in
+// every run.
+static void wait_for_checkpoint(const record_options &options)
 {
+    static const std::string journal = std::string(kRecording) + TDMBREC_JOURNAL_SUFFIX;
     if (options.checkpoint_ms[0] != '\0') {
-        require(wait_until_synced(media) && wait_until_synced(media + TDMBREC_JOURNAL_SUFFIX),
-                "a checkpoint is not synced");
+        require(wait_until_synced(journal), "a checkpoint is not synced");
     }
 }
 
@@ -135,12 +136,12 @@ static void send_pictures(IlClient &client, const record_options &options)
         client.send(TDMBREC_PORT_VIDEO,
                     options.has_sets_in_band ? repeat_picture_parameter_set(unit) : unit,
                     video_time_us(i));
-        wait_for_checkpoint(options, kRecording);
+        wait_for_checkpoint(options);
         for (; options.has_sound && audio_time_us(audio) < video_time_us(i + 1); audio++) {
             client.send(TDMBREC_PORT_AUDIO,
                         pcm_buffer(programme, audio % pcm_buffer_count(programme)),
                         audio_time_us(audio));
-            wait_for_checkpoint(options, kRecording);
+            wait_for_checkpoint(options);
         }
     }
 }
@@ -163,11 +164,11 @@ static void play_recording(const record_options &options, traced_mux *mux)
     recorder.TearDown();
 }
 
-// Half the interval may pass until a group is written, the other half while it is synced.
+// Four fifths of the interval may pass until a group is written, the rest while it is synced.
 static void check_intervals(const recorded_truth &truth, const char *checkpoint_ms)
 {
     static constexpr uint32_t kFrameMs = 34; // of the picture that makes the checkpoint due
-    const uint32_t most_ms = static_cast<uint32_t>(std::atoi(checkpoint_ms)) / 2 + kFrameMs;
+    const uint32_t most_ms = static_cast<uint32_t>(std::atoi(checkpoint_ms)) * 4 / 5 + kFrameMs;
     uint32_t last_ms = 0;
     size_t frames = 0;
     for (const recorded_group &group : truth.groups) {
