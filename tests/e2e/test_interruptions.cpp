@@ -3,7 +3,7 @@
 #include "platform/host/host_control.h"
 #include "tests/support/programme_player.h"
 #include "tests/support/recorder_test.h"
-#include "tests/support/recover_file.h"
+#include "tests/support/recovery_run.h"
 
 #include <algorithm>
 #include <atomic>
@@ -21,7 +21,6 @@
 
 static constexpr uint32_t kCheckpointMs = 1000;
 static constexpr int kKills = 12;
-static constexpr char kRecovered[] = "/mnt/sdcard/recovered.mp4";
 
 static std::ptrdiff_t count_threads()
 {
@@ -75,11 +74,6 @@ class Interruption : public RecorderTest {
             std::filesystem::remove(path + TDMBREC_JOURNAL_SUFFIX);
         }
     }
-    void TearDown() override
-    {
-        std::filesystem::remove(kRecovered);
-        RecorderTest::TearDown();
-    }
 
     static void make_checkpoints()
     {
@@ -130,15 +124,19 @@ class Interruption : public RecorderTest {
     Recovered expect_recovered(const std::string &path) const
     {
         const size_t frames = whole_frames_within(std::filesystem::file_size(path));
-        const recovered_file recovered = recover_file(path, kRecovered);
+        interrupted_files files = {read_file(path)};
+        if (std::filesystem::exists(path + TDMBREC_JOURNAL_SUFFIX)) {
+            files.journal = read_file(path + TDMBREC_JOURNAL_SUFFIX);
+        }
+        const recovered recovered = recover_files(files);
         EXPECT_EQ(recovered.report.holes, 0u);
         if (frames == 0) {
-            EXPECT_NE(recovered.result, RECOVERY_DONE); // the file can still be empty
+            EXPECT_NE(recovered.code, RECOVERY_DONE); // the file can still be empty
             return {0, true};
         }
-        EXPECT_EQ(recovered.result, RECOVERY_DONE) << recovered.report.message;
+        EXPECT_EQ(recovered.code, RECOVERY_DONE) << recovered.report.message;
         EXPECT_EQ(recovered.report.journal, RECOVERY_JOURNAL_USED);
-        EXPECT_TRUE(read_file(kRecovered) == stop_after(frames)) << frames << " frames";
+        EXPECT_TRUE(recovered.file == stop_after(frames)) << frames << " frames";
         return {frames, recovered.report.journaled_frames == frames};
     }
 

@@ -2,24 +2,44 @@
 // leaves.
 #include "mp4read/mp4_reader.h"
 #include "tests/recovery/interrupted_recording.h"
+#include "tests/support/mux_recording.h"
+#include "tests/support/recovery_run.h"
 
 #include <algorithm>
+#include <cstring>
 
-using namespace recovery_test;
 using mux_test::operator+;
 
 namespace {
 
-const options kSetups[] = {
-    {.name = "sets in the configuration"},
-    {.name = "sets in band", .has_sets_in_band = true},
-    {.name = "no sound", .has_sound = false, .pictures = 8},
+const recording_options kSetups[] = {
+    {.name = "sets in the configuration", .pictures = 12},
+    {.name = "sets in band", .has_sets = true, .pictures = 12},
+    {.name = "no sound", .channels = 0, .pictures = 8},
     {.name = "mono", .channels = 1, .pictures = 8},
-    {.name = "one group", .frames_of_group = 100, .pictures = 8},
-    {.name = "several slices", .slices = 3},
+    {.name = "several slices", .is_made = true, .slices = 3, .slice_bytes = 60, .pictures = 12},
 };
 
-size_t whole_frames(const recording &of, size_t media_bytes)
+// Recovers into another file; a scan must agree with that.
+recovered recover(const interrupted_files &files)
+{
+    const recovered scanned = scan_files(files);
+    const recovered result = recover_files(files);
+    if (result.code != RECOVERY_ERR_CONFIGURATION) {
+        EXPECT_EQ(scanned.code, result.code);
+        EXPECT_EQ(std::memcmp(&scanned.report, &result.report, sizeof(result.report)), 0);
+    }
+    EXPECT_EQ(result.code == RECOVERY_DONE, result.report.message[0] == '\0');
+    return result;
+}
+
+Bytes stop_after(const known_recording &recording, size_t frames)
+{
+    const auto begin = recording.frames.begin();
+    return normal_stop(recording.settings, {begin, begin + static_cast<ptrdiff_t>(frames)});
+}
+
+size_t whole_frames(const interrupted_recording &of, size_t media_bytes)
 {
     return static_cast<size_t>(std::count_if(of.ends.begin(), of.ends.end(),
                                              [&](size_t end) { return end <= media_bytes; }));
@@ -30,15 +50,17 @@ Bytes cut(const Bytes &bytes, size_t count)
     return {bytes.begin(), bytes.begin() + static_cast<ptrdiff_t>(count)};
 }
 
-Bytes zeroed(Bytes bytes, size_t begin, size_t end)
+Bytes zeroed(const Bytes &bytes, size_t begin, size_t end)
 {
-    std::fill(bytes.begin() + static_cast<ptrdiff_t>(begin),
-              bytes.begin() + static_cast<ptrdiff_t>(std::min(end, bytes.size())), uint8_t{0});
-    return bytes;
+    Bytes result = bytes;
+    for (size_t at = begin; at < std::min(end, bytes.size()); at++) {
+        result.at(at) = 0;
+    }
+    return result;
 }
 
 // Places to cut the media at: all about the ends of frames, some between them.
-std::vector<size_t> places_to_cut(const recording &r, size_t from)
+std::vector<size_t> places_to_cut(const interrupted_recording &r, size_t from)
 {
     std::vector<size_t> places;
     for (size_t bytes = from; bytes <= r.media.size(); bytes++) {
@@ -52,15 +74,15 @@ std::vector<size_t> places_to_cut(const recording &r, size_t from)
 }
 
 // in: journaled: frames of the journal; without any, times are not those of the recorder
-void expect_normal_stops(const recording &r, const Bytes &journal, size_t journaled,
+void expect_normal_stops(const interrupted_recording &r, const Bytes &journal, size_t journaled,
                          const std::vector<size_t> &places)
 {
     std::vector<Bytes> expected;
     for (size_t frames = 0; frames <= r.frames.size(); frames++) {
-        expected.push_back(normal_stop(r, frames));
+        expected.push_back(stop_after(r, frames));
     }
     for (const size_t bytes : places) {
-        const result got = recover(cut(r.media, bytes), &journal);
+        const recovered got = recover({cut(r.media, bytes), journal});
         const size_t frames = whole_frames(r, bytes);
         ASSERT_EQ(got.code, frames == 0 ? RECOVERY_ERR_NOTHING : RECOVERY_DONE)
             << r.how.name << ", " << bytes << " bytes: " << got.report.message;
@@ -74,8 +96,8 @@ void expect_normal_stops(const recording &r, const Bytes &journal, size_t journa
 
 TEST(Recovery, EqualsTheNormalStopWhereverTheMediaIsCut)
 {
-    for (const options &how : kSetups) {
-        const recording r = make_recording(how);
+    for (const recording_options &how : kSetups) {
+        const interrupted_recording r = make_interrupted(how);
         expect_normal_stops(r, r.journal, r.frames.size(), places_to_cut(r, 0));
     }
 }
@@ -83,8 +105,8 @@ TEST(Recovery, EqualsTheNormalStopWhereverTheMediaIsCut)
 // The frames after the last group come back by their own syntax, and continue its times.
 TEST(Recovery, EqualsTheNormalStopAfterTheEndOfTheJournal)
 {
-    for (const options &how : kSetups) {
-        const recording r = make_recording(how);
+    for (const recording_options &how : kSetups) {
+        const interrupted_recording r = make_interrupted(how);
         const size_t groups = r.journal_ends.size() > 2 ? r.journal_ends.size() / 2 : 0;
         const size_t journaled = r.journaled[groups];
         expect_normal_stops(r, cut(r.journal, r.journal_ends[groups]), journaled,
@@ -94,7 +116,7 @@ TEST(Recovery, EqualsTheNormalStopAfterTheEndOfTheJournal)
 
 TEST(Recovery, PassesOverHoles)
 {
-    const recording r = make_recording(kSetups[0]);
+    const interrupted_recording r = make_interrupted(kSetups[0]);
     const size_t all_groups = r.journal_ends.size() - 1;
     const struct {
         const char *name;
@@ -111,10 +133,10 @@ TEST(Recovery, PassesOverHoles)
     };
     for (const auto &tried : cases) {
         Bytes media = r.media;
-        std::vector<size_t> left;
+        std::vector<muxed_frame> left;
         for (size_t i = 0; i < r.frames.size(); i++) {
             if (std::find(tried.lost.begin(), tried.lost.end(), i) == tried.lost.end()) {
-                left.push_back(i);
+                left.push_back(r.frames[i]);
             } else {
                 media = zeroed(media, r.ends[i] - r.frames[i].bytes.size(), r.ends[i]);
             }
@@ -123,45 +145,39 @@ TEST(Recovery, PassesOverHoles)
             const Bytes size = mux_test::number(r.ends[tried.media_frames - 1] - 28);
             std::copy(size.begin(), size.end(), media.begin() + 28);
         }
-        const Bytes journal = cut(r.journal, r.journal_ends[tried.groups]);
-        const result got = recover(media, &journal);
-        EXPECT_EQ(got.file == normal_stop(r, left), true) << tried.name;
-        memory_file file = {media};
-        EXPECT_EQ(finish_in_place(&file, &journal).code, RECOVERY_ERR_HOLES) << tried.name;
-        EXPECT_EQ(file.bytes == media, true) << tried.name;
+        interrupted_files files = {media, cut(r.journal, r.journal_ends[tried.groups])};
+        EXPECT_TRUE(recover(files).file == normal_stop(r.settings, left)) << tried.name;
+        EXPECT_EQ(recover_in_place(&files).code, RECOVERY_ERR_HOLES) << tried.name;
+        EXPECT_TRUE(files.media == media) << tried.name;
     }
 }
 
 TEST(Recovery, FinishesInPlaceWhereverItIsInterrupted)
 {
-    const Bytes sets = programme_sets();
-    for (const options &how : kSetups) {
-        const recording r = make_recording(how);
-        const Bytes half_journal = cut(r.journal, r.journal_ends[r.journal_ends.size() / 2]);
+    for (const recording_options &how : kSetups) {
+        const interrupted_recording r = make_interrupted(how);
         const Bytes media = cut(r.media, r.media.size() - 5);
-        for (const Bytes *journal :
-             {&r.journal, &half_journal, static_cast<const Bytes *>(nullptr)}) {
-            const mux_test::cache_layout layout =
-                how.has_sound ? mux_test::cache_layout::own : mux_test::cache_layout::tiny;
-            memory_file undisturbed = {media};
-            const result expected = finish_in_place(&undisturbed, journal, sets, layout);
-            ASSERT_EQ(expected.code, RECOVERY_DONE) << how.name << expected.report.message;
-            ASSERT_TRUE(journal != &r.journal ||
-                        expected.file == normal_stop(r, r.frames.size() - 1));
-            ASSERT_TRUE(expected.file == recover(media, journal, sets).file) << how.name;
-            memory_file without_head = {zeroed(media, 0, 36)};
-            ASSERT_TRUE(expected.file ==
-                        finish_in_place(&without_head, journal, sets, layout).file);
-            size_t calls = 1;
-            for (memory_file file = {media, calls};
-                 finish_in_place(&file, journal, sets, layout).code != RECOVERY_DONE;
-                 file = {media, ++calls}) {
-                file.calls_left = SIZE_MAX;
-                const result again = finish_in_place(&file, journal, sets);
-                ASSERT_TRUE(again.file == expected.file)
+        const bool has_tiny_caches = how.channels == 0;
+        const std::optional<Bytes> journals[] = {
+            r.journal, cut(r.journal, r.journal_ends[r.journal_ends.size() / 2]), std::nullopt};
+        for (const std::optional<Bytes> &journal : journals) {
+            const interrupted_files left = {media, journal, programme_sets()};
+            const Bytes expected = recover(left).file;
+            ASSERT_TRUE(journal != r.journal || expected == stop_after(r, r.frames.size() - 1));
+            interrupted_files without_head = {zeroed(media, 0, kHeadBytes), journal,
+                                              programme_sets()};
+            ASSERT_TRUE(expected == recover_in_place(&without_head).file) << how.name;
+            int32_t code = RECOVERY_ERR_WRITE;
+            size_t calls = 0;
+            while (code != RECOVERY_DONE) {
+                interrupted_files files = left;
+                code = recover_in_place(&files, nullptr, ++calls, has_tiny_caches).code;
+                ASSERT_TRUE(code == RECOVERY_DONE || code == RECOVERY_ERR_WRITE) << code;
+                const recovered again = recover_in_place(&files);
+                ASSERT_TRUE(again.file == expected)
                     << how.name << ", call " << calls << ": " << again.report.message;
             }
-            EXPECT_GT(calls, how.has_sound ? 5u : 100u) << how.name;
+            EXPECT_GT(calls, has_tiny_caches ? 100u : 5u) << how.name;
         }
     }
 }
@@ -173,7 +189,8 @@ Bytes flipped(Bytes bytes, size_t place)
 }
 
 // The groups of a journal, its head included as the first one, with others in their places.
-Bytes join(const recording &r, const std::vector<size_t> &groups, const Bytes &other = {})
+Bytes join(const interrupted_recording &r, const std::vector<size_t> &groups,
+           const Bytes &other = {})
 {
     Bytes journal;
     for (const size_t i : groups) {
@@ -187,8 +204,10 @@ Bytes join(const recording &r, const std::vector<size_t> &groups, const Bytes &o
 
 TEST(Recovery, UsesOfAJournalWhatDescribesTheMedia)
 {
-    const recording r = make_recording({.name = "four groups and a rest", .pictures = 11});
-    const recording other = make_recording({.name = "other", .sample_rate = 32000, .pictures = 9});
+    const interrupted_recording r =
+        make_interrupted({.name = "four groups and a rest", .pictures = 11});
+    const interrupted_recording other =
+        make_interrupted({.name = "other", .sample_rate = 32000, .lead = 1, .pictures = 9});
     const uint32_t all = static_cast<uint32_t>(r.frames.size());
     ASSERT_GT(r.journal_ends.size(), 5u);
     const struct {
@@ -223,7 +242,7 @@ TEST(Recovery, UsesOfAJournalWhatDescribesTheMedia)
          RECOVERY_JOURNAL_USED, 6},
     };
     for (const auto &tried : cases) {
-        const result got = recover(r.media, &tried.journal, programme_sets());
+        const recovered got = recover({r.media, tried.journal, programme_sets()});
         EXPECT_EQ(got.code, RECOVERY_DONE) << tried.name << ": " << got.report.message;
         EXPECT_EQ(got.report.journal, tried.use) << tried.name;
         EXPECT_EQ(got.report.journaled_frames, tried.journaled_frames) << tried.name;
@@ -232,18 +251,14 @@ TEST(Recovery, UsesOfAJournalWhatDescribesTheMedia)
     }
 }
 
-// The scratch tables of the first pictures.
-struct scratch_files {
-    Bytes tables[RECOVERY_TABLE_COUNT];
-};
-
-scratch_files make_tables(const recording &r, size_t pictures, size_t offset_error,
-                          size_t size_error)
+// The media and the scratch tables of the first pictures.
+interrupted_files with_tables(const interrupted_recording &r, size_t pictures, size_t offset_error,
+                              size_t size_error)
 {
-    scratch_files files;
+    interrupted_files files = {r.media, std::nullopt, programme_sets()};
     uint32_t last_ms = 0;
     for (size_t i = 0; i < r.frames.size() && pictures > 0; i++) {
-        const frame &f = r.frames[i];
+        const muxed_frame &f = r.frames[i];
         if (f.type == MUX_TYPE_VIDEO) {
             const auto add = [&](int table, const Bytes &record) {
                 files.tables[table] = files.tables[table] + record;
@@ -265,41 +280,42 @@ scratch_files make_tables(const recording &r, size_t pictures, size_t offset_err
 TEST(Recovery, TakesTimesFromTheTablesOfTheRecording)
 {
     static constexpr size_t kTabled = 20;
-    const recording r = make_recording({.name = "uneven", .pictures = 30, .jitter_ms = 20});
+    const interrupted_recording r =
+        make_interrupted({.name = "uneven", .pictures = 30, .jitter_ms = 20});
     size_t lost = 4;
     while (r.frames[lost].type != MUX_TYPE_VIDEO) {
         lost++;
     }
-    const Bytes with_hole = zeroed(r.media, r.ends[lost - 1], r.ends[lost]);
-    scratch_files no_sizes = make_tables(r, kTabled, 0, 0);
+    interrupted_files with_hole = with_tables(r, kTabled, 0, 0);
+    with_hole.media = zeroed(r.media, r.ends[lost - 1], r.ends[lost]);
+    interrupted_files no_sizes = with_tables(r, kTabled, 0, 0);
     no_sizes.tables[RECOVERY_TABLE_VIDEO_SIZES] = {};
     const struct {
         const char *name;
-        const Bytes &media;
-        scratch_files tables;
+        interrupted_files files;
         int32_t times_from;
+        size_t lost_pictures = 0;
     } cases[] = {
-        {"right", r.media, make_tables(r, kTabled, 0, 0), RECOVERY_FROM_TABLES},
-        {"right, of media with a hole", with_hole, make_tables(r, kTabled, 0, 0),
-         RECOVERY_FROM_TABLES},
-        {"with other offsets", r.media, make_tables(r, kTabled, 1, 0), RECOVERY_FROM_MEDIA},
-        {"with other sizes", r.media, make_tables(r, kTabled, 0, 1), RECOVERY_FROM_MEDIA},
-        {"without sizes", r.media, no_sizes, RECOVERY_FROM_MEDIA},
+        {"right", with_tables(r, kTabled, 0, 0), RECOVERY_FROM_TABLES},
+        {"right, of media with a hole", with_hole, RECOVERY_FROM_TABLES, 1},
+        {"with other offsets", with_tables(r, kTabled, 1, 0), RECOVERY_FROM_MEDIA},
+        {"with other sizes", with_tables(r, kTabled, 0, 1), RECOVERY_FROM_MEDIA},
+        {"without sizes", no_sizes, RECOVERY_FROM_MEDIA},
     };
     for (const auto &tried : cases) {
-        const result got = recover(tried.media, nullptr, programme_sets(), tried.tables.tables);
+        const recovered got = recover(tried.files);
         EXPECT_EQ(got.report.times_from, tried.times_from) << tried.name;
         const mp4_reader::movie movie = mp4_reader::read_movie(got.file);
         const auto &samples = find_track(movie, "vide")->samples;
         size_t same_times = 0;
-        for (const frame &f : r.frames) {
+        for (const muxed_frame &f : r.frames) {
             same_times += std::any_of(samples.begin(), samples.end(), [&](const auto &sample) {
                 return f.type == MUX_TYPE_VIDEO && sample.time == f.time_ms * 90;
             });
         }
-        const size_t lost_pictures = &tried.media == &with_hole ? 1 : 0;
-        EXPECT_EQ(samples.size(), r.how.pictures - lost_pictures) << tried.name;
-        EXPECT_EQ(same_times >= kTabled - lost_pictures, tried.times_from == RECOVERY_FROM_TABLES)
+        EXPECT_EQ(samples.size() + tried.lost_pictures, size_t(r.how.pictures)) << tried.name;
+        EXPECT_EQ(same_times + tried.lost_pictures >= kTabled,
+                  tried.times_from == RECOVERY_FROM_TABLES)
             << tried.name;
     }
 }
@@ -307,73 +323,75 @@ TEST(Recovery, TakesTimesFromTheTablesOfTheRecording)
 TEST(Recovery, CompletesACloseThatLostAnyBlock)
 {
     static constexpr size_t kBlockBytes = 512;
-    const recording r = make_recording({.name = "closed", .pictures = 290});
-    const Bytes finished = normal_stop(r, r.frames.size());
-    EXPECT_EQ(recover(finished, nullptr).code, RECOVERY_ERR_WHOLE);
-    EXPECT_EQ(recover(finished, &r.journal).code, RECOVERY_ERR_WHOLE);
+    const interrupted_recording r = make_interrupted({.name = "closed", .pictures = 290});
+    const Bytes &finished = r.finished;
+    EXPECT_EQ(recover({finished}).code, RECOVERY_ERR_WHOLE);
+    EXPECT_EQ(recover({finished, r.journal}).code, RECOVERY_ERR_WHOLE);
     const size_t media_bytes = r.media.size();
     for (size_t bytes = media_bytes; bytes < finished.size(); bytes += 61) {
-        ASSERT_TRUE(recover(cut(finished, bytes), &r.journal).file == finished) << bytes;
+        ASSERT_TRUE(recover({cut(finished, bytes), r.journal}).file == finished) << bytes;
     }
     const size_t first_block = media_bytes / kBlockBytes;
     for (size_t at = first_block * kBlockBytes; at < finished.size(); at += kBlockBytes) {
         const Bytes lost = zeroed(finished, std::max(at, media_bytes), at + kBlockBytes);
-        ASSERT_TRUE(lost == finished || recover(lost, &r.journal).file == finished) << at;
-        ASSERT_EQ(recover(lost, nullptr, programme_sets()).code,
+        ASSERT_TRUE(lost == finished || recover({lost, r.journal}).file == finished) << at;
+        ASSERT_EQ(recover({lost, std::nullopt, programme_sets()}).code,
                   lost == finished ? RECOVERY_ERR_WHOLE : RECOVERY_DONE)
             << at;
     }
     for (size_t bytes = 2; bytes <= 40; bytes++) { // of the last block
         const Bytes lost = zeroed(finished, finished.size() - bytes, finished.size());
-        EXPECT_TRUE(recover(lost, &r.journal).file == finished) << bytes;
+        EXPECT_TRUE(recover({lost, r.journal}).file == finished) << bytes;
     }
     for (size_t bytes = 1; bytes <= 4; bytes++) { // of the size of the media data, cut
         const Bytes torn = zeroed(finished, 28 + 4 - bytes, 32);
-        EXPECT_TRUE(recover(torn, &r.journal).file == finished) << bytes;
-        EXPECT_EQ(recover(cut(torn, media_bytes), nullptr, programme_sets()).report.sounds,
-                  recover(r.media, &r.journal).report.sounds)
+        EXPECT_TRUE(recover({torn, r.journal}).file == finished) << bytes;
+        EXPECT_EQ(recover({cut(torn, media_bytes), std::nullopt, programme_sets()}).report.sounds,
+                  recover({r.media, r.journal}).report.sounds)
             << bytes;
     }
 }
 
 TEST(Recovery, SurvivesEachFailingRead)
 {
-    const recording r = make_recording({.name = "long", .frames_of_group = 1, .pictures = 290});
-    const Bytes sets = programme_sets();
+    const interrupted_recording r =
+        make_interrupted({.name = "long", .pictures = 290}, 1); // a frame in each group
     int failures = 0;
     for (size_t reads = 1; reads < 20; reads++) {
-        memory_file file = {r.media};
-        const result got =
-            finish_in_place(&file, &r.journal, sets, mux_test::cache_layout::own, reads);
+        interrupted_files files = {r.media, r.journal, programme_sets()};
+        files.journal_reads = reads;
+        const recovered got = recover_in_place(&files);
         EXPECT_EQ(got.code, RECOVERY_DONE) << got.report.message;
-        EXPECT_EQ(got.report.pictures, r.how.pictures);
-        file = {r.media, SIZE_MAX, reads};
-        const result no_media = finish_in_place(&file, &r.journal, sets);
+        EXPECT_EQ(got.report.pictures, static_cast<uint32_t>(r.how.pictures));
+        files = {r.media, r.journal, programme_sets()};
+        files.media_reads = reads;
+        const recovered no_media = recover_in_place(&files);
         failures += no_media.code == RECOVERY_ERR_READ ? 1 : 0;
         EXPECT_TRUE(no_media.code == RECOVERY_DONE ||
-                    (no_media.code == RECOVERY_ERR_READ && file.bytes == r.media))
+                    (no_media.code == RECOVERY_ERR_READ && files.media == r.media))
             << reads << no_media.report.message;
     }
     EXPECT_GT(failures, 2);
     for (size_t reads = 1; reads < 8; reads++) {
-        memory_file file = {.bytes = r.media, .reads_to_cut = reads};
-        const result got = finish_in_place(&file, &r.journal);
+        interrupted_files files = {r.media, r.journal};
+        files.reads_to_cut = reads;
+        const recovered got = recover_in_place(&files);
         EXPECT_TRUE(got.code == RECOVERY_ERR_READ ||
-                    got.file == normal_stop(r, got.report.pictures + got.report.sounds))
+                    got.file == stop_after(r, got.report.pictures + got.report.sounds))
             << reads;
     }
 }
 
 TEST(Recovery, KnowsTheSilenceThatAStopHasAdded)
 {
-    const recording r = make_recording(kSetups[2]);
-    const Bytes finished = normal_stop(r, r.frames.size());
-    EXPECT_EQ(recover(finished, &r.journal).code, RECOVERY_ERR_WHOLE);
+    const interrupted_recording r = make_interrupted(kSetups[2]);
+    const Bytes &finished = r.finished;
+    EXPECT_EQ(recover({finished, r.journal}).code, RECOVERY_ERR_WHOLE);
     for (size_t bytes = r.media.size(); bytes < r.media.size() + 20; bytes++) {
         for (const size_t groups : {size_t{1}, r.journal_ends.size() - 1}) {
             const Bytes journal = cut(r.journal, r.journal_ends[groups]);
             const Bytes media = zeroed(cut(finished, bytes), 28, 32);
-            const result got = recover(media, &journal);
+            const recovered got = recover({media, journal});
             EXPECT_TRUE(got.file == finished) << bytes;
             EXPECT_TRUE(got.report.end_bytes == 0 || bytes != r.media.size() + 7);
         }
@@ -384,10 +402,10 @@ TEST(Recovery, KnowsTheSilenceThatAStopHasAdded)
 // byte at the end of the picture before.
 TEST(Recovery, FindsPicturesThatEndInAZero)
 {
-    const recording r = make_recording(kSetups[0]);
+    const interrupted_recording r = make_interrupted(kSetups[0]);
     Bytes media = cut(r.media, 36);
     Bytes damaged;
-    for (const frame &f : r.frames) {
+    for (const muxed_frame &f : r.frames) {
         const size_t begin = media.size();
         media = media + f.bytes;
         if (f.type == MUX_TYPE_VIDEO) {
@@ -399,37 +417,37 @@ TEST(Recovery, FindsPicturesThatEndInAZero)
             damaged = zeroed(media, media.size() - 8, media.size());
         }
     }
-    const result got = recover(media, nullptr, programme_sets());
+    const recovered got = recover({media, std::nullopt, programme_sets()});
     EXPECT_EQ(got.report.pictures + got.report.sounds, r.frames.size());
     EXPECT_EQ(got.report.holes, 0u);
-    const result less = recover(damaged, nullptr, programme_sets());
+    const recovered less = recover({damaged, std::nullopt, programme_sets()});
     EXPECT_EQ(less.report.pictures + less.report.sounds, r.frames.size() / 2);
 }
 
 TEST(Recovery, RefusesWhatItCannotRecover)
 {
-    const recording r = make_recording(kSetups[0]);
-    const recording other = make_recording(kSetups[1]);
+    const interrupted_recording r = make_interrupted(kSetups[0]);
+    const interrupted_recording other = make_interrupted(kSetups[1]);
     const struct {
         const char *name;
         Bytes media;
-        const Bytes *journal;
+        std::optional<Bytes> journal;
         int32_t code;
     } cases[] = {
-        {"nothing", {}, nullptr, RECOVERY_ERR_NOTHING},
-        {"a head alone", cut(r.media, 36), &r.journal, RECOVERY_ERR_NOTHING},
-        {"zeros", Bytes(5000), nullptr, RECOVERY_ERR_NOTHING},
-        {"other bytes", r.journal, nullptr, RECOVERY_ERR_FORMAT},
-        {"no parameter sets", r.media, nullptr, RECOVERY_ERR_CONFIGURATION},
-        {"a lost head", zeroed(r.media, 0, 36), &r.journal, RECOVERY_DONE},
-        {"parameter sets in band", other.media, nullptr, RECOVERY_DONE},
-        {"a lost part of finished media", zeroed(normal_stop(r, 20), 200, 800), &r.journal,
+        {"nothing", {}, std::nullopt, RECOVERY_ERR_NOTHING},
+        {"a head alone", cut(r.media, 36), r.journal, RECOVERY_ERR_NOTHING},
+        {"zeros", Bytes(5000), std::nullopt, RECOVERY_ERR_NOTHING},
+        {"other bytes", r.journal, std::nullopt, RECOVERY_ERR_FORMAT},
+        {"no parameter sets", r.media, std::nullopt, RECOVERY_ERR_CONFIGURATION},
+        {"a lost head", zeroed(r.media, 0, 36), r.journal, RECOVERY_DONE},
+        {"parameter sets in band", other.media, std::nullopt, RECOVERY_DONE},
+        {"a lost part of finished media", zeroed(stop_after(r, 20), 200, 800), r.journal,
          RECOVERY_DONE},
-        {"the same in band, without the journal", zeroed(normal_stop(other, 20), 5000, 5512),
-         nullptr, RECOVERY_DONE},
+        {"the same in band, without the journal", zeroed(stop_after(other, 20), 5000, 5512),
+         std::nullopt, RECOVERY_DONE},
     };
     for (const auto &tried : cases) {
-        const result got = recover(tried.media, tried.journal);
+        const recovered got = recover({tried.media, tried.journal});
         EXPECT_EQ(got.code, tried.code) << tried.name << ": " << got.report.message;
     }
 }

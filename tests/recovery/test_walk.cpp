@@ -1,8 +1,9 @@
-#include "mp4mux/mp4_mux.h"
+#include "aacenc/band_tables.h"
 #include "recovery/aac_frame.h"
 #include "recovery/media_walk.h"
-#include "tests/recovery/media_files.h"
+#include "tests/recovery/known_recording.h"
 #include "tests/support/mux_recording.h"
+#include "tests/support/recovery_run.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -14,7 +15,51 @@
 
 using mux_test::operator+;
 
-static constexpr size_t kFirstFrame = 36; // its offset: after the head
+static constexpr int64_t kFirstFrame = kHeadBytes;
+
+// clang-format off
+static constexpr recording_options kRecordings[] = {
+    // is_made, slices, slice_bytes, has_sets, rate, ch, bit/s, pns, tns, ms, lead
+    {"programme",           false, 1, 4000, false, 48000, 2, 128000, 0, 0, 0,  2},
+    {"programme, mono",     false, 1, 4000, false, 48000, 1,  64000, 0, 1, 0, -3},
+    {"mid/side",            true,  1, 4000, true,  44100, 2,  96000, 0, 0, 1,  0},
+    {"noise bands",         true,  4, 4000, false, 32000, 2,  64000, 1, 0, 0,  1},
+    {"shaped noise, mono",  true,  4, 4000, true,  24000, 1,  24000, 1, 1, 0,  9},
+    {"uneven slices",       true,  0, 4000, true,  22050, 2,  64000, 0, 1, 0, -1},
+    {"uneven slices, mono", true,  0, 4000, false, 16000, 1,  32000, 0, 0, 0,  0},
+    {"12 kHz",              false, 1, 4000, false, 12000, 2,  32000, 0, 1, 0,  4},
+    {"11 kHz, mono",        true,  1, 4000, true,  11025, 1,  16000, 1, 0, 0,  0},
+    {"8 kHz, mono",         true,  1, 4000, false,  8000, 1,  16000, 0, 1, 0,  1},
+    {"no sound",            true,  2, 4000, true,      0, 0,      0, 0, 0, 0,  0},
+};
+// clang-format on
+
+// One for each row of the table.
+static const std::vector<known_recording> &recordings()
+{
+    static const std::vector<known_recording> made = [] {
+        std::vector<known_recording> all;
+        for (const recording_options &how : kRecordings) {
+            all.push_back(make_known_recording(how));
+        }
+        return all;
+    }();
+    return made;
+}
+
+static int64_t end_of(const muxed_frame &frame)
+{
+    return frame.offset + static_cast<int64_t>(frame.bytes.size());
+}
+
+// returns: the lowest index of a rate with the same bands
+static int32_t sampling_index_of(const recording_options &how)
+{
+    const auto rate = std::find(SampleRates, SampleRates + 9, how.sample_rate);
+    const auto same = std::find(sr_info_index, sr_info_index + 9,
+                                sr_info_index[std::min<ptrdiff_t>(rate - SampleRates, 8)]);
+    return how.channels == 0 ? 0 : static_cast<int32_t>(same - sr_info_index) + 3;
+}
 
 struct Walk {
     std::vector<walked_frame> frames;
@@ -29,11 +74,10 @@ static Walk walk_over(const Bytes &bytes)
     const recovery_source_t source = source_of(bytes);
     media_window window;
     EXPECT_TRUE(media_window_open(&window, &source));
-    media_walk walk = {.window = &window,
-                       .position = int64_t{kFirstFrame},
-                       .end = static_cast<int64_t>(bytes.size())};
+    media_walk walk = {
+        .window = &window, .position = kFirstFrame, .end = static_cast<int64_t>(bytes.size())};
     result.has_sound = media_walk_find_sound(&walk);
-    EXPECT_EQ(walk.position, int64_t{kFirstFrame});
+    EXPECT_EQ(walk.position, kFirstFrame);
     result.sampling_index = walk.sampling_index;
     result.channels = walk.channels;
     walked_frame frame;
@@ -46,44 +90,41 @@ static Walk walk_over(const Bytes &bytes)
     return result;
 }
 
-// returns: whether a frame that was found is one of those before `end` and outside the hole
-static bool is_true(const MediaFile &file, const walked_frame &found)
+// returns: whether a frame that was found is one of the recording
+static bool is_true(const known_recording &recording, const walked_frame &found)
 {
     const auto frame =
-        std::lower_bound(file.frames.begin(), file.frames.end(), found.offset,
-                         [](const TrueFrame &a, int64_t offset) { return a.offset < offset; });
-    return frame != file.frames.end() && frame->offset == found.offset &&
-           frame->size == found.size && frame->type == found.type &&
-           frame->is_sync == found.is_sync;
-}
-
-static std::vector<TrueFrame> whole_frames(const MediaFile &file, int64_t end)
-{
-    std::vector<TrueFrame> whole = file.frames;
-    std::erase_if(whole, [&](const TrueFrame &frame) { return frame.offset + frame.size > end; });
-    return whole;
+        std::lower_bound(recording.frames.begin(), recording.frames.end(), found.offset,
+                         [](const muxed_frame &a, int64_t offset) { return a.offset < offset; });
+    return frame != recording.frames.end() && frame->offset == found.offset &&
+           end_of(*frame) == found.offset + found.size && frame->type == found.type &&
+           (found.is_sync || found.type == MUX_TYPE_AUDIO) == (frame->flags != 0);
 }
 
 TEST(Walk, FindsEveryWholeFrameOfACutFileAndNoOther)
 {
-    for (const MediaFile &file : media_files()) {
-        SCOPED_TRACE(file.name);
+    for (const known_recording &recording : recordings()) {
+        SCOPED_TRACE(recording.how.name);
         std::mt19937 random(20);
         for (int i = 0; i < 20; i++) {
-            const size_t cut = i == 0 ? file.bytes.size()
-                                      : kFirstFrame + random() % (file.bytes.size() - kFirstFrame);
+            const size_t cut =
+                i == 0 ? recording.finished.size()
+                       : kFirstFrame + random() % (recording.finished.size() - kFirstFrame);
             SCOPED_TRACE(cut);
-            const Bytes bytes(file.bytes.begin(), file.bytes.begin() + static_cast<ptrdiff_t>(cut));
-            const std::vector<TrueFrame> whole = whole_frames(file, static_cast<int64_t>(cut));
+            const Bytes bytes(recording.finished.begin(),
+                              recording.finished.begin() + static_cast<ptrdiff_t>(cut));
+            const auto whole = std::count_if(
+                recording.frames.begin(), recording.frames.end(),
+                [&](const auto &frame) { return end_of(frame) <= static_cast<int64_t>(cut); });
             const Walk walk = walk_over(bytes);
-            EXPECT_EQ(walk.frames.size(), whole.size());
+            EXPECT_EQ(walk.frames.size(), static_cast<size_t>(whole));
             for (const walked_frame &frame : walk.frames) {
-                EXPECT_TRUE(is_true(file, frame)) << frame.offset;
+                EXPECT_TRUE(is_true(recording, frame)) << frame.offset;
                 EXPECT_EQ(frame.skipped_bytes, 0);
             }
             if (i == 0) {
-                EXPECT_EQ(walk.channels, file.channels);
-                EXPECT_EQ(walk.sampling_index, file.sampling_index);
+                EXPECT_EQ(walk.channels, recording.how.channels);
+                EXPECT_EQ(walk.sampling_index, sampling_index_of(recording.how));
             }
         }
     }
@@ -93,30 +134,31 @@ TEST(Walk, InventsNothingWhereBlocksAreZero)
 {
     constexpr size_t kBlock = 4096;
     size_t holes = 0, lost = 0;
-    for (const MediaFile &file : media_files()) {
-        SCOPED_TRACE(file.name);
+    for (const known_recording &recording : recordings()) {
+        SCOPED_TRACE(recording.how.name);
         std::mt19937 random(4);
-        const int64_t media_end = file.frames.back().offset + file.frames.back().size;
+        const int64_t media_end = end_of(recording.frames.back());
         for (int i = 0; i < 40; i++) {
-            Bytes bytes = file.bytes;
+            Bytes bytes = recording.finished;
             const size_t block = random() % (static_cast<size_t>(media_end) / kBlock);
             const size_t begin = std::max<size_t>(block * kBlock, kFirstFrame);
             const size_t end = std::min((block + 1) * kBlock, static_cast<size_t>(media_end));
             std::fill(bytes.begin() + static_cast<ptrdiff_t>(begin),
                       bytes.begin() + static_cast<ptrdiff_t>(end), 0);
             size_t whole = 0;
-            for (const TrueFrame &frame : file.frames) {
-                const auto at = [&](const Bytes &of) {
-                    return of.begin() + static_cast<ptrdiff_t>(frame.offset);
-                };
-                whole += std::equal(at(bytes), at(bytes) + frame.size, at(file.bytes)) ? 1U : 0U;
+            for (const muxed_frame &frame : recording.frames) {
+                whole +=
+                    std::equal(frame.bytes.begin(), frame.bytes.end(), bytes.begin() + frame.offset)
+                        ? 1U
+                        : 0U;
             }
             const Walk walk = walk_over(bytes);
             size_t found = 0;
             for (const walked_frame &frame : walk.frames) {
-                EXPECT_TRUE(is_true(file, frame)) << "block " << block << " at " << frame.offset
-                                                  << " " << frame.size << " " << frame.type;
-                found += is_true(file, frame) ? 1U : 0U;
+                EXPECT_TRUE(is_true(recording, frame))
+                    << "block " << block << " at " << frame.offset << " " << frame.size << " "
+                    << frame.type;
+                found += is_true(recording, frame) ? 1U : 0U;
             }
             holes++;
             lost += whole - std::min(found, whole);
@@ -266,20 +308,19 @@ TEST(Walk, SplitsPicturesWhereTheStandardDoes)
 }
 
 // Adds the faults that changes of a bit in the sound frames lead to.
-static void add_faults(const MediaFile &file, std::set<std::string> &faults)
+static void add_faults(const known_recording &recording, std::set<std::string> &faults)
 {
     const auto read = [&](const Bytes &bytes) {
         const aac_frame frame = read_aac_frame(bytes.data(), static_cast<int32_t>(bytes.size()),
-                                               file.sampling_index, nullptr);
+                                               sampling_index_of(recording.how), nullptr);
         faults.insert(frame.fault != nullptr ? frame.fault : "");
     };
-    for (size_t i = 0; i < file.frames.size(); i += 9) {
-        const TrueFrame &frame = file.frames[i];
+    for (size_t i = 0; i < recording.frames.size(); i += 9) {
+        const muxed_frame &frame = recording.frames[i];
         if (frame.type != MUX_TYPE_AUDIO) {
             continue;
         }
-        const auto begin = file.bytes.begin() + static_cast<ptrdiff_t>(frame.offset);
-        Bytes bytes(begin, begin + frame.size);
+        Bytes bytes = frame.bytes;
         if (i % 2 == 0) {
             bytes[1] = 0xFF; // global_gain, with two channels
         }
@@ -294,8 +335,8 @@ static void add_faults(const MediaFile &file, std::set<std::string> &faults)
 TEST(AacFrame, IsRefusedWithWhatTheEncoderNeverWrites)
 {
     std::set<std::string> faults;
-    for (const MediaFile &file : media_files()) {
-        add_faults(file, faults);
+    for (const known_recording &recording : recordings()) {
+        add_faults(recording, faults);
     }
     EXPECT_THAT(
         faults,

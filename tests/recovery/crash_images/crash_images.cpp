@@ -2,7 +2,7 @@
 //
 // Usage: crash_images [SEEDED-IMAGES [SEED [IMAGE]]]
 //
-// Records with the component and with the muxer alone, and traces every file call. Then recovers
+// Records with the component and traces every file call. Then recovers
 // the files as they are after each call (prefix), with the last write torn at each sector and at
 // odd places (torn), and with unsynced writes missing, in all their subsets where they are few,
 // else in seeded ones (missing), and with the journal of an earlier recording (stale). Each result
@@ -229,18 +229,18 @@ static recorded_truth with_slow_syncs(recorded_truth truth)
 static std::vector<recorded_truth> make_recordings(run_state *state)
 {
     const size_t pictures = kIsSlow ? 45 : 120;
-    const recorded_truth earlier = record_with_component({"earlier", "1000", 120, 90, true, false});
+    const recorded_truth earlier = record_with_component({"earlier", "1000", 120, 90, true});
     state->stale_media = earlier.finished;
     state->stale_journal = earlier.journal_bytes;
     std::vector<recorded_truth> truths;
-    truths.push_back(record_with_component({"checkpoints", "1000", 0, pictures, true, false}));
+    truths.push_back(record_with_component({"checkpoints", "1000", 0, pictures, true}));
     truths.push_back(with_slow_syncs(truths[0]));
-    truths.push_back(record_with_component({"off", "", 0, pictures, true, false}));
-    truths.push_back(record_with_component({"no-sound", "400", 0, 40, false, false}));
+    truths.push_back(record_with_component({"off", "", 0, pictures, true}));
+    truths.push_back(record_with_component({"no-sound", "400", 0, 40, false}));
     truths.push_back(record_with_component({"sets-in-band", "600", 0, 70, true, true}));
     // Its cache overflows between two checkpoints, and its journal has several pages.
-    truths.push_back(record_with_component({"long", "20000", 0, 20 * pictures / 3, true, false}));
-    truths.push_back(record_with_tiny_caches("tiny", truths[0], 60, 7));
+    truths.push_back(record_with_component({"long", "20000", 0, 20 * pictures / 3, true}));
+    truths.push_back(record_with_component({"tiny", "100", 0, 24, true, false, true}));
     return truths;
 }
 

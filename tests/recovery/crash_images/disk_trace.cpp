@@ -147,24 +147,57 @@ disk_trace end_disk_trace()
     return std::exchange(trace, {});
 }
 
-// The part of wrapped_calls.h that the fixture needs: its own unit wraps the same calls.
-static NotedTimes *noted_times; // changes only between recordings
-
-void note_times(NotedTimes *times, bool)
-{
-    noted_times = times;
-}
-
+// The fixture resets the calls that its own unit wraps.
 void reset_wrapped_calls()
 {
-    noted_times = nullptr;
+}
+
+static traced_mux *traced; // changes only between recordings
+static bool has_tiny_caches;
+
+void trace_mux(traced_mux *mux, bool use_tiny_caches)
+{
+    traced = mux;
+    has_tiny_caches = use_tiny_caches;
+}
+
+static void note_settings(mp4_mux_init_t *init, const mp4_mux_input_t *input)
+{
+    const uint8_t *const video = input->m_pbyVideoPrivate;
+    const uint8_t *const audio = input->m_pbyAudioPrivate;
+    traced->settings = {.stream_flags = init->m_uiStreamFlags,
+                        .options = init->m_uiOptions,
+                        .input = *input,
+                        .video_configuration = Bytes(video, video + input->m_iVideoPrivateSize),
+                        .audio_configuration = Bytes(audio, audio + input->m_iAudioPrivateSize)};
+    if (has_tiny_caches) { // the video tables are cut after a record of one kind, others between
+        init->m_iCacheSize = 700;
+        init->m_iVideoCacheSize = 150;
+        init->m_iAudioCacheSize = 90;
+    }
+}
+
+static void note_frame(const mp4_mux_putstream_t *frame)
+{
+    static constexpr int64_t kFirstFrame = 36;
+    std::vector<muxed_frame> *const frames = &traced->frames;
+    const int64_t offset =
+        frames->empty() ? kFirstFrame
+                        : frames->back().offset + static_cast<int64_t>(frames->back().bytes.size());
+    frames->push_back({.type = frame->m_iType,
+                       .flags = frame->m_uiFlags,
+                       .time_ms = frame->m_uiTimeStamp,
+                       .offset = offset,
+                       .bytes = Bytes(frame->m_pbyData, frame->m_pbyData + frame->m_iDataSize)});
 }
 
 WRAPPED int32_t __wrap_QVR_MP4_MUX(int32_t op, void **handle, void *param1, void *param2)
 {
-    if (op == MUX_PUTFRAME && noted_times != nullptr) {
-        const auto *const frame = static_cast<const mp4_mux_putstream_t *>(param1);
-        noted_times->emplace_back(frame->m_iType, frame->m_uiTimeStamp);
+    if (op == MUX_OPEN && traced != nullptr) {
+        note_settings(static_cast<mp4_mux_init_t *>(param1),
+                      static_cast<const mp4_mux_input_t *>(param2));
+    } else if (op == MUX_PUTFRAME && traced != nullptr) {
+        note_frame(static_cast<const mp4_mux_putstream_t *>(param1));
     }
     return __real_QVR_MP4_MUX(op, handle, param1, param2);
 }

@@ -3,7 +3,7 @@
 #ifndef TESTS_RECOVERY_CRASH_IMAGES_DISK_TRACE_H
 #define TESTS_RECOVERY_CRASH_IMAGES_DISK_TRACE_H
 
-#include "tests/support/programme.h"
+#include "tests/support/normal_stop.h"
 
 #include <string>
 #include <vector>
@@ -38,5 +38,15 @@ void begin_disk_trace(const std::string &folder);
 bool wait_until_synced(const std::string &name);
 
 disk_trace end_disk_trace();
+
+// What the component gives to the muxer.
+struct traced_mux {
+    muxer_settings settings;
+    std::vector<muxed_frame> frames;
+};
+
+// Notes it for the next recording; null: nothing.
+// in: has_tiny_caches: the muxer gets only a few bytes of its caches
+void trace_mux(traced_mux *mux, bool has_tiny_caches);
 
 #endif // TESTS_RECOVERY_CRASH_IMAGES_DISK_TRACE_H

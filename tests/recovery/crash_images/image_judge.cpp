@@ -1,11 +1,8 @@
 #include "tests/recovery/crash_images/image_judge.h"
 
-#include "component/tdmbrec_interface.h"
-#include "tests/support/mux_callbacks.h"
+#include "tests/support/recovery_run.h"
 
 #include <algorithm>
-#include <cstring>
-#include <utility>
 
 static constexpr size_t kHeadBytes = 36; // of the media, before the first frame
 static constexpr uint32_t kTimeErrorMs = 5;
@@ -14,40 +11,7 @@ static constexpr size_t kTellingFrames = 3;        // in the journal: they show 
 
 static const Bytes kSilence = {0x20, 0, 0, 0, 0, 0, 0x0E};
 
-static int64_t read_bytes(void *context, int64_t offset, void *buffer, int64_t count)
-{
-    const Bytes &bytes = *static_cast<const Bytes *>(context);
-    const int64_t rest = std::max<int64_t>(static_cast<int64_t>(bytes.size()) - offset, 0);
-    const int64_t read = std::min(rest, count);
-    if (read > 0) {
-        std::copy_n(bytes.data() + offset, read, static_cast<uint8_t *>(buffer));
-    }
-    return read;
-}
-
-static int64_t size_of_bytes(void *context)
-{
-    return static_cast<int64_t>(static_cast<const Bytes *>(context)->size());
-}
-
-static recovery_source_t source_of(Bytes *bytes)
-{
-    return {.context = bytes, .read_at = read_bytes, .size = size_of_bytes};
-}
-
 namespace {
-
-// An image as the recovery sees it, and what it reports.
-struct recovery_run {
-    Bytes media;
-    Bytes journal;
-    Bytes tables[RECOVERY_TABLE_COUNT];
-    recovery_source_t journal_source;
-    recovery_source_t table_sources[RECOVERY_TABLE_COUNT];
-    recovery_input_t input = {};
-    recovery_report_t report = {};
-    std::vector<recovery_frame_t> frames = {};
-};
 
 // What an image has of the truth.
 struct image_facts {
@@ -97,7 +61,7 @@ static image_facts facts_of(const recorded_truth &truth, const disk_image &image
     image_facts facts;
     const Bytes media = file_of(image, truth.media);
     const Bytes journal = file_of(image, truth.journal);
-    for (const recorded_frame &frame : truth.frames) {
+    for (const muxed_frame &frame : truth.frames) {
         facts.is_whole.push_back(
             has_bytes(media, frame.offset, frame.bytes, 0, frame.bytes.size()));
     }
@@ -123,32 +87,19 @@ static image_facts facts_of(const recorded_truth &truth, const disk_image &image
     return facts;
 }
 
-static void note_frame(void *context, const recovery_frame_t *frame)
-{
-    static_cast<std::vector<recovery_frame_t> *>(context)->push_back(*frame);
-}
-
 // Where the journal shows the configuration, the caller gives none.
-static void prepare_run(const recorded_truth &truth, const disk_image &image, bool shows_all,
-                        recovery_run *run)
+static interrupted_files files_of(const recorded_truth &truth, const disk_image &image,
+                                  bool shows_all)
 {
-    run->media = file_of(image, truth.media);
-    run->journal = file_of(image, truth.journal);
-    run->journal_source = source_of(&run->journal);
-    run->input.media = source_of(&run->media);
-    run->input.journal = image[truth.journal] ? &run->journal_source : nullptr;
+    interrupted_files files = {.media = file_of(image, truth.media),
+                               .journal = image[truth.journal]};
     for (size_t i = 0; i < RECOVERY_TABLE_COUNT; i++) {
-        run->tables[i] = file_of(image, truth.tables[i]);
-        run->table_sources[i] = source_of(&run->tables[i]);
-        run->input.tables[i] = run->tables[i].empty() ? nullptr : &run->table_sources[i];
+        files.tables[i] = file_of(image, truth.tables[i]);
     }
     if (!shows_all) {
-        run->input.configuration = truth.settings.video_configuration.data();
-        run->input.configuration_bytes =
-            static_cast<int32_t>(truth.settings.video_configuration.size());
+        files.configuration = truth.settings.video_configuration;
     }
-    run->input.context = &run->frames;
-    run->input.frame = note_frame;
+    return files;
 }
 
 static std::string describe(const char *what, const recovery_frame_t &frame)
@@ -182,7 +133,7 @@ static std::string check_time(const recorded_truth &truth, const image_facts &fa
 
 // Matches what came back with the truth.
 // out: is_back: for each frame of the truth
-static std::string check_frames(const recorded_truth &truth, const recovery_run &run,
+static std::string check_frames(const recorded_truth &truth, const recovered &run,
                                 const image_facts &facts, bool may_be_stale,
                                 std::vector<bool> *is_back, judge_figures *figures)
 {
@@ -190,7 +141,7 @@ static std::string check_frames(const recorded_truth &truth, const recovery_run 
     for (const recovery_frame_t &frame : run.frames) {
         const auto found = std::lower_bound(
             truth.frames.begin(), truth.frames.end(), frame.offset,
-            [](const recorded_frame &a, int64_t offset) { return a.offset < offset; });
+            [](const muxed_frame &a, int64_t offset) { return a.offset < offset; });
         const size_t i = static_cast<size_t>(found - truth.frames.begin());
         if (found == truth.frames.end() || found->offset != frame.offset ||
             static_cast<int32_t>(found->bytes.size()) != frame.size || found->type != frame.type) {
@@ -231,37 +182,18 @@ static std::string check_frames(const recorded_truth &truth, const recovery_run 
 }
 
 // returns: the frames as they must be in the result
-static std::vector<recorded_frame> frames_of_result(const recovery_run &run)
+static std::vector<muxed_frame> frames_of_result(const recovered &run, const Bytes &media)
 {
-    std::vector<recorded_frame> frames;
-    bool has_sound = false;
+    std::vector<muxed_frame> frames;
     for (const recovery_frame_t &frame : run.frames) {
-        const uint8_t *const begin = run.media.data() + frame.offset;
+        const uint8_t *const begin = media.data() + frame.offset;
         frames.push_back({.type = frame.type,
                           .flags = frame.flags,
                           .time_ms = frame.time_ms,
                           .offset = frame.offset,
                           .bytes = Bytes(begin, begin + frame.size)});
-        has_sound = has_sound || frame.type == MUX_TYPE_AUDIO;
-    }
-    if (!has_sound) {
-        frames.push_back({.type = MUX_TYPE_AUDIO, .flags = MUX_FRAME_KEY, .bytes = kSilence});
     }
     return frames;
-}
-
-static mp4_mux_init_t output_of_muxer()
-{
-    static Bytes caches(0x240000);
-    static char name[] = "result.mp4";
-    mux_test::reset_world();
-    mp4_mux_init_t init = mux_test::make_callbacks(false);
-    init.m_pOutput = name;
-    init.m_pCacheMem = caches.data();
-    init.m_iCacheSize = TDMBREC_OUTPUT_CACHE_BYTES;
-    init.m_iVideoCacheSize = TDMBREC_VIDEO_CACHE_BYTES;
-    init.m_iAudioCacheSize = TDMBREC_AUDIO_CACHE_BYTES;
-    return init;
 }
 
 static std::string difference_of(const Bytes &result, const Bytes &expected)
@@ -286,9 +218,9 @@ static bool has_lost_sets(const recorded_truth &truth, const std::vector<recover
 
 // Sound frames of two rates can look the same; which one it is shows in their number beside the
 // pictures, unless some are missing.
-static recorded_settings settings_of_result(const recorded_truth &truth, const recovery_run &run)
+static muxer_settings settings_of_result(const recorded_truth &truth, const recovered &run)
 {
-    recorded_settings settings = truth.settings;
+    muxer_settings settings = truth.settings;
     const recovery_report_t &report = run.report;
     if (report.journal != RECOVERY_JOURNAL_USED && report.sample_rate == 44100 &&
         (report.holes > 0 || run.frames.size() < kFramesForExactTimes)) {
@@ -298,29 +230,23 @@ static recorded_settings settings_of_result(const recorded_truth &truth, const r
     return settings;
 }
 
-static std::string check_result(const recorded_truth &truth, recovery_run *run)
+static std::string check_result(const recorded_truth &truth, const interrupted_files &files,
+                                const recovered &scanned)
 {
-    const std::vector<recovery_frame_t> scanned = std::exchange(run->frames, {});
-    const mp4_mux_init_t output = output_of_muxer();
-    const int32_t code = recovery_write(&run->input, &output, nullptr, &run->report);
-    if (code == RECOVERY_ERR_CONFIGURATION && has_lost_sets(truth, scanned)) {
+    const recovered result = recover_files(files);
+    if (result.code == RECOVERY_ERR_CONFIGURATION && has_lost_sets(truth, scanned.frames)) {
         return "";
     }
-    if (code != RECOVERY_DONE) {
-        return "recovery_write returns " + std::to_string(code) + ", " + run->report.message;
+    if (result.code != RECOVERY_DONE) {
+        return "recovery_write returns " + std::to_string(result.code) + ", " +
+               result.report.message;
     }
-    const Bytes result = mux_test::world.files["result.mp4"].bytes;
-    mux_test::world.files.erase("result.mp4");
-    if (!mux_test::leftovers().empty()) {
-        return "the muxer leaves " + mux_test::leftovers();
-    }
-    run->frames = scanned;
-    return difference_of(result,
-                         finish_recording(settings_of_result(truth, *run), frames_of_result(*run)));
+    return difference_of(result.file, normal_stop(settings_of_result(truth, result),
+                                                  frames_of_result(scanned, files.media)));
 }
 
 // The result of frames from the first one on, with their times, is that of a normal stop.
-static bool is_normal_stop(const recorded_truth &truth, const recovery_run &run)
+static bool is_normal_stop(const recorded_truth &truth, const recovered &run)
 {
     for (size_t i = 0; i < run.frames.size(); i++) {
         if (run.frames[i].offset != truth.frames[i].offset ||
@@ -332,18 +258,18 @@ static bool is_normal_stop(const recorded_truth &truth, const recovery_run &run)
 }
 
 // A file with its movie box is finished, whatever its media lacks.
-static std::string check_finished(const recorded_truth &truth, const recovery_run &run,
+static std::string check_finished(const recorded_truth &truth, const Bytes &media,
                                   const image_facts &facts, bool may_be_stale,
                                   judge_figures *figures)
 {
     const size_t end = static_cast<size_t>(truth.media_end);
-    const bool has_head = has_bytes(run.media, 0, truth.finished, 0, kHeadBytes);
+    const bool has_head = has_bytes(media, 0, truth.finished, 0, kHeadBytes);
     if (!has_head && may_be_stale) { // the begin of another recording, with its movie box
         figures->stale++;
         return "";
     }
     if (!has_head ||
-        !has_bytes(run.media, truth.media_end, truth.finished, end, truth.finished.size())) {
+        !has_bytes(media, truth.media_end, truth.finished, end, truth.finished.size())) {
         return "takes an unfinished file for a finished one";
     }
     figures->finished_holes +=
@@ -351,24 +277,24 @@ static std::string check_finished(const recorded_truth &truth, const recovery_ru
     return "";
 }
 
-static std::string check_refusal(const recorded_truth &truth, const recovery_run &run,
-                                 const image_facts &facts, int32_t code)
+static std::string check_refusal(const recorded_truth &truth, const recovered &run,
+                                 const image_facts &facts)
 {
     bool must_come_back = false;
     for (size_t i = 0; i < truth.frames.size(); i++) {
         must_come_back =
             must_come_back || (facts.is_required[i] && truth.frames[i].type == MUX_TYPE_VIDEO);
     }
-    const bool is_expected =
-        code == RECOVERY_ERR_NOTHING || (code == RECOVERY_ERR_FORMAT && !facts.has_media_head);
+    const bool is_expected = run.code == RECOVERY_ERR_NOTHING ||
+                             (run.code == RECOVERY_ERR_FORMAT && !facts.has_media_head);
     if (is_expected && !must_come_back) {
         return "";
     }
-    return "returns " + std::to_string(code) + ", " + run.report.message;
+    return "returns " + std::to_string(run.code) + ", " + run.report.message;
 }
 
 // Of a few journaled frames among those of another recording, no reader can know whose they are.
-static void forget_lost_journal(const recovery_run &run, image_facts *facts)
+static void forget_lost_journal(const recovered &run, image_facts *facts)
 {
     size_t whole = 0;
     for (size_t i = 0; i < facts->is_whole.size(); i++) {
@@ -385,17 +311,16 @@ std::string judge_image(const recorded_truth &truth, const disk_image &image, bo
                         judge_figures *figures)
 {
     image_facts facts = facts_of(truth, image);
-    recovery_run run;
-    prepare_run(truth, image, facts.has_journal_head && !may_be_stale, &run);
-    const int32_t code = recovery_scan(&run.input, &run.report);
+    const interrupted_files files = files_of(truth, image, facts.has_journal_head && !may_be_stale);
+    const recovered run = scan_files(files);
     if (may_be_stale) {
         forget_lost_journal(run, &facts);
     }
-    if (code == RECOVERY_ERR_WHOLE) {
-        return check_finished(truth, run, facts, may_be_stale, figures);
+    if (run.code == RECOVERY_ERR_WHOLE) {
+        return check_finished(truth, files.media, facts, may_be_stale, figures);
     }
-    if (code != RECOVERY_DONE) {
-        return check_refusal(truth, run, facts, code);
+    if (run.code != RECOVERY_DONE) {
+        return check_refusal(truth, run, facts);
     }
     std::vector<bool> is_back;
     const std::string fault = check_frames(truth, run, facts, may_be_stale, &is_back, figures);
@@ -403,21 +328,21 @@ std::string judge_image(const recorded_truth &truth, const disk_image &image, bo
         return fault;
     }
     figures->equal_to_stop += is_normal_stop(truth, run) ? 1u : 0u;
-    return check_result(truth, &run);
+    return check_result(truth, files, run);
 }
 
 std::string describe_image(const recorded_truth &truth, const disk_image &image)
 {
     const image_facts facts = facts_of(truth, image);
-    recovery_run run;
-    prepare_run(truth, image, facts.has_journal_head, &run);
-    const int32_t code = recovery_scan(&run.input, &run.report);
-    std::string text = "media " + std::to_string(run.media.size()) + " bytes, head " +
+    const interrupted_files files = files_of(truth, image, facts.has_journal_head);
+    const recovered run = scan_files(files);
+    std::string text = "media " + std::to_string(files.media.size()) + " bytes, head " +
                        (facts.has_media_head ? "whole" : "lost") + "; journal " +
-                       std::to_string(run.journal.size()) + " bytes, head " +
+                       std::to_string(file_of(image, truth.journal).size()) + " bytes, head " +
                        (facts.has_journal_head ? "whole" : "lost") + "; recovery " +
-                       std::to_string(code) + ", journal " + std::to_string(run.report.journal) +
-                       ", configuration " + std::to_string(run.report.configuration_from) + ", " +
+                       std::to_string(run.code) + ", journal " +
+                       std::to_string(run.report.journal) + ", configuration " +
+                       std::to_string(run.report.configuration_from) + ", " +
                        std::to_string(run.report.holes) + " holes\n";
     for (size_t i = 0; i < truth.frames.size(); i++) { // with capitals for journaled frames
         const bool is_picture = truth.frames[i].type == MUX_TYPE_VIDEO;
@@ -428,71 +353,34 @@ std::string describe_image(const recorded_truth &truth, const disk_image &image)
     return text + "\n";
 }
 
-namespace {
-
-// A file that is finished in place, with the trace of what is done to it.
-struct traced_target {
-    Bytes *media;
-    disk_trace trace;
-};
-
-} // namespace
-
-static int32_t write_target(void *context, int64_t offset, const void *bytes, int64_t count)
+// returns: what a recovery in place has done to the media file, as a trace of one file
+static disk_trace trace_of(const std::vector<target_call> &calls)
 {
-    traced_target *const target = static_cast<traced_target *>(context);
-    const uint8_t *const from = static_cast<const uint8_t *>(bytes);
-    const size_t end = static_cast<size_t>(offset + count);
-    target->media->resize(std::max(target->media->size(), end));
-    std::copy_n(from, count, target->media->data() + offset);
-    target->trace.events.push_back({.call = disk_call::write,
-                                    .file = 0,
-                                    .offset = offset,
-                                    .bytes = Bytes(from, from + count)});
-    return 0;
-}
-
-static int32_t cut_target(void *context, int64_t bytes)
-{
-    traced_target *const target = static_cast<traced_target *>(context);
-    target->media->resize(static_cast<size_t>(bytes));
-    target->trace.events.push_back({.call = disk_call::cut, .file = 0, .offset = bytes});
-    return 0;
-}
-
-static int32_t sync_target(void *context)
-{
-    std::vector<disk_event> *const events = &static_cast<traced_target *>(context)->trace.events;
-    events->push_back({.call = disk_call::sync, .file = 0, .begun_at = events->size()});
-    return 0;
-}
-
-static int32_t finish_in_place(recovery_run *run, disk_trace *trace)
-{
-    traced_target target = {.media = &run->media, .trace = {.names = {"media"}}};
-    const recovery_target_t callbacks = {
-        .context = &target, .write_at = write_target, .set_size = cut_target, .sync = sync_target};
-    const mp4_mux_init_t scratch = output_of_muxer();
-    run->frames.clear();
-    const int32_t code =
-        recovery_in_place(&run->input, &callbacks, &scratch, nullptr, &run->report);
-    *trace = target.trace;
-    return code;
+    disk_trace trace = {.names = {"media"}, .events = {}};
+    for (const target_call &call : calls) {
+        const disk_call kind = call.kind == target_call::write      ? disk_call::write
+                               : call.kind == target_call::set_size ? disk_call::cut
+                                                                    : disk_call::sync;
+        trace.events.push_back({.call = kind,
+                                .file = 0,
+                                .offset = call.offset,
+                                .bytes = call.bytes,
+                                .begun_at = trace.events.size()});
+    }
+    return trace;
 }
 
 // Recovers what a recovery in place has left, once more in place.
 static std::string repeat_in_place(const recorded_truth &truth, const disk_image &image,
                                    const Bytes &expected)
 {
-    recovery_run run;
-    prepare_run(truth, image, facts_of(truth, image).has_journal_head, &run);
-    disk_trace trace;
-    const int32_t code = finish_in_place(&run, &trace);
-    if (code != RECOVERY_DONE && code != RECOVERY_ERR_WHOLE) {
-        return "the second recovery in place returns " + std::to_string(code) + ", " +
+    interrupted_files files = files_of(truth, image, facts_of(truth, image).has_journal_head);
+    const recovered run = recover_in_place(&files);
+    if (run.code != RECOVERY_DONE && run.code != RECOVERY_ERR_WHOLE) {
+        return "the second recovery in place returns " + std::to_string(run.code) + ", " +
                run.report.message;
     }
-    return difference_of(run.media, expected);
+    return difference_of(run.file, expected);
 }
 
 static std::string judge_cuts(const recorded_truth &truth, const disk_image &image,
@@ -532,23 +420,21 @@ static std::string judge_cuts(const recorded_truth &truth, const disk_image &ima
 std::string judge_in_place(const recorded_truth &truth, const disk_image &image,
                            std::minstd_rand *random, judge_figures *figures)
 {
-    const image_facts facts = facts_of(truth, image);
-    recovery_run run;
-    prepare_run(truth, image, facts.has_journal_head, &run);
-    if (recovery_scan(&run.input, &run.report) != RECOVERY_DONE) {
+    interrupted_files files = files_of(truth, image, facts_of(truth, image).has_journal_head);
+    const recovered scanned = scan_files(files);
+    if (scanned.code != RECOVERY_DONE) {
         return ""; // judged by judge_image
     }
-    const bool has_holes = run.report.holes > 0;
-    const Bytes expected = finish_recording(truth.settings, frames_of_result(run));
-    disk_trace trace;
-    const int32_t code = finish_in_place(&run, &trace);
-    if (code == RECOVERY_ERR_HOLES && has_holes) {
-        return trace.events.empty() ? "" : "a file with holes is changed";
+    const Bytes expected = normal_stop(truth.settings, frames_of_result(scanned, files.media));
+    std::vector<target_call> calls;
+    const recovered run = recover_in_place(&files, &calls);
+    if (run.code == RECOVERY_ERR_HOLES && scanned.report.holes > 0) {
+        return calls.empty() ? "" : "a file with holes is changed";
     }
-    if (code != RECOVERY_DONE) {
-        return "recovery_in_place returns " + std::to_string(code) + ", " + run.report.message;
+    if (run.code != RECOVERY_DONE) {
+        return "recovery_in_place returns " + std::to_string(run.code) + ", " + run.report.message;
     }
-    const std::string fault = difference_of(run.media, expected);
-    return fault.empty() ? judge_cuts(truth, image, trace, expected, random, figures)
+    const std::string fault = difference_of(run.file, expected);
+    return fault.empty() ? judge_cuts(truth, image, trace_of(calls), expected, random, figures)
                          : "in place: " + fault;
 }

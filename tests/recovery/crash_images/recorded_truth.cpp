@@ -1,26 +1,18 @@
 #include "tests/recovery/crash_images/recorded_truth.h"
 
-#include "component/file_callbacks.h"
 #include "journal/journal.h"
-#include "mp4read/mp4_reader.h"
 #include "platform/android_log.h"
 #include "platform/host/host_control.h"
 #include "tests/recovery/crash_images/disk_image.h"
 #include "tests/support/component_test.h"
-#include "tests/support/mux_callbacks.h"
 #include "tests/support/programme_player.h"
-#include "tests/support/wrapped_calls.h"
 
 #include <algorithm>
 #include <cstdlib>
-#include <cstring>
-#include <fcntl.h>
 #include <filesystem>
 #include <stdexcept>
-#include <unistd.h>
 
 static constexpr char kFolder[] = "/mnt/sdcard/";
-static constexpr char kCodecAvc[] = "avc1";
 
 static void require(bool is_true, const std::string &what)
 {
@@ -110,57 +102,6 @@ static void describe_files(recorded_truth *truth, const std::string &media)
         truth->frames.back().offset + static_cast<int64_t>(truth->frames.back().bytes.size());
 }
 
-// The frames of a finished file in their order, with the times at which they were put.
-static std::vector<recorded_frame> frames_of(const Bytes &file, const NotedTimes &times)
-{
-    const mp4_reader::movie movie = mp4_reader::read_movie(file);
-    require(movie.faults.empty(), "a finished recording has faults");
-    std::vector<recorded_frame> frames;
-    for (const mp4_reader::track &track : movie.tracks) {
-        const bool is_video = track.handler == "vide";
-        for (const mp4_reader::sample &sample : track.samples) {
-            const uint8_t *const from = file.data() + sample.offset;
-            frames.push_back({.type = is_video ? MUX_TYPE_VIDEO : MUX_TYPE_AUDIO,
-                              .flags = !is_video || sample.sync ? uint32_t{MUX_FRAME_KEY} : 0u,
-                              .offset = static_cast<int64_t>(sample.offset),
-                              .bytes = Bytes(from, from + sample.size)});
-        }
-    }
-    std::sort(frames.begin(), frames.end(),
-              [](const auto &a, const auto &b) { return a.offset < b.offset; });
-    require(frames.size() == times.size(), "a finished recording lacks a frame");
-    for (size_t i = 0; i < frames.size(); i++) {
-        require(frames[i].type == times[i].first, "the frames are not in their order");
-        frames[i].time_ms = times[i].second;
-    }
-    return frames;
-}
-
-// Those of a recording of the sample programme.
-static recorded_settings settings_of_component(const Bytes &parameter_sets)
-{
-    recorded_settings settings = {.stream_flags = MUX_STREAM_VIDEO | MUX_STREAM_AUDIO,
-                                  .options = MUX_OPTION_32BIT_OFFSET,
-                                  .input = {.m_iYear = 2009,
-                                            .m_iMonth = 9,
-                                            .m_iDay = 5,
-                                            .m_iWeekDay = 1,
-                                            .m_iHour = 17,
-                                            .m_iMinute = 5,
-                                            .m_iSecond = 18,
-                                            .m_iVideoWidth = TDMBREC_PICTURE_WIDTH,
-                                            .m_iVideoHeight = TDMBREC_PICTURE_HEIGHT,
-                                            .m_iVideoFrameRate = 30000,
-                                            .m_iAudioSampleRate = kPcmSamplesPerSecond,
-                                            .m_iAudioBitsPerSample = 16,
-                                            .m_iAudioChannels = 2,
-                                            .m_iAudioCodec = MUX_AUDIO_AAC},
-                                  .video_configuration = parameter_sets,
-                                  .audio_configuration = {0x11, 0x90}};
-    std::memcpy(&settings.input.m_uiVideoFourCC, kCodecAvc, 4);
-    return settings;
-}
-
 // Two picture parameter sets do not fit the decoder configuration: all sets stay in band.
 static Bytes repeat_picture_parameter_set(const Bytes &access_unit)
 {
@@ -174,22 +115,13 @@ static Bytes repeat_picture_parameter_set(const Bytes &access_unit)
     return join_nal_units(units);
 }
 
-static Bytes parameter_sets_of(const Bytes &access_unit)
+// Every group is synced, after its media, before the next buffer, so that the trace is the same in
+// every run.
+static void wait_for_checkpoint(const record_options &options)
 {
-    std::vector<Bytes> units = split_nal_units(access_unit);
-    std::erase_if(units, [](const Bytes &unit) {
-        const int type = unit[0] & 0x1F;
-        return type != 7 && type != 8;
-    });
-    return join_nal_units(units);
-}
-
-// Every group is synced before the next buffer, so that the trace is the same in every run.
-static void wait_for_checkpoint(const record_options &options, const std::string &media)
-{
+    static const std::string journal = std::string(kRecording) + TDMBREC_JOURNAL_SUFFIX;
     if (options.checkpoint_ms[0] != '\0') {
-        require(wait_until_synced(media) && wait_until_synced(media + TDMBREC_JOURNAL_SUFFIX),
-                "a checkpoint is not synced");
+        require(wait_until_synced(journal), "a checkpoint is not synced");
     }
 }
 
@@ -204,21 +136,21 @@ static void send_pictures(IlClient &client, const record_options &options)
         client.send(TDMBREC_PORT_VIDEO,
                     options.has_sets_in_band ? repeat_picture_parameter_set(unit) : unit,
                     video_time_us(i));
-        wait_for_checkpoint(options, kRecording);
+        wait_for_checkpoint(options);
         for (; options.has_sound && audio_time_us(audio) < video_time_us(i + 1); audio++) {
             client.send(TDMBREC_PORT_AUDIO,
                         pcm_buffer(programme, audio % pcm_buffer_count(programme)),
                         audio_time_us(audio));
-            wait_for_checkpoint(options, kRecording);
+            wait_for_checkpoint(options);
         }
     }
 }
 
-static void play_recording(const record_options &options, NotedTimes *times)
+static void play_recording(const record_options &options, traced_mux *mux)
 {
     Recorder recorder;
     recorder.SetUp();
-    note_times(times, false);
+    trace_mux(mux, options.has_tiny_caches);
     host_set_log_level(ANDROID_LOG_SILENT);
     host_set_property(TDMBREC_CHECKPOINT_PROPERTY, options.checkpoint_ms);
     {
@@ -228,7 +160,7 @@ static void play_recording(const record_options &options, NotedTimes *times)
         require(client->wait_for_end() == TDMBREC_STOP_CLIENT, "the recording did not end");
         client->to_loaded();
     }
-    note_times(nullptr, false);
+    trace_mux(nullptr, false);
     recorder.TearDown();
 }
 
@@ -262,7 +194,7 @@ static void check_order(const recorded_truth &truth)
             media_end = std::max(media_end, end);
         } else if (event.file == truth.journal && event.call == disk_call::write) {
             for (; group != truth.groups.end() && group->begin < end; group++) {
-                const recorded_frame &last = truth.frames[group->first_frame + group->frames - 1];
+                const muxed_frame &last = truth.frames[group->first_frame + group->frames - 1];
                 require(last.offset + static_cast<int64_t>(last.bytes.size()) <= media_end,
                         "a record is written before its frame");
             }
@@ -277,188 +209,18 @@ static void check_order(const recorded_truth &truth)
 
 recorded_truth record_with_component(const record_options &options)
 {
-    NotedTimes times;
+    traced_mux mux;
     begin_disk_trace(kFolder);
-    play_recording(options, &times);
-    recorded_truth truth = {.name = options.name, .trace = end_disk_trace()};
-    truth.settings = settings_of_component(
-        options.has_sets_in_band
-            ? Bytes{}
-            : parameter_sets_of(sample_programme().access_units[options.first_picture]));
-    truth.frames = frames_of(read_file(kRecording), times);
+    play_recording(options, &mux);
+    recorded_truth truth = {.name = options.name,
+                            .trace = end_disk_trace(),
+                            .settings = mux.settings,
+                            .frames = mux.frames};
     describe_files(&truth, kRecording);
     require(truth.finished == read_file(kRecording), "the trace lacks a call");
     check_intervals(truth, options.checkpoint_ms);
     check_order(truth);
-    require(finish_recording(truth.settings, truth.frames) == truth.finished,
+    require(normal_stop(truth.settings, truth.frames) == truth.finished,
             "the muxer alone makes another file of " + options.name);
-    return truth;
-}
-
-static mp4_mux_putstream_t put_record_of(const recorded_frame &frame)
-{
-    return {.m_pbyData = frame.bytes.data(),
-            .m_iDataSize = static_cast<int32_t>(frame.bytes.size()),
-            .m_iType = frame.type,
-            .m_uiTimeStamp = frame.time_ms,
-            .m_uiTimeStamp2 = frame.time_ms,
-            .m_uiFlags = frame.flags};
-}
-
-static void set_configurations(const recorded_settings &settings, mp4_mux_input_t *input)
-{
-    *input = settings.input;
-    input->m_pbyVideoPrivate = settings.video_configuration.data();
-    input->m_iVideoPrivateSize = static_cast<int32_t>(settings.video_configuration.size());
-    input->m_pbyAudioPrivate = settings.audio_configuration.data();
-    input->m_iAudioPrivateSize = static_cast<int32_t>(settings.audio_configuration.size());
-}
-
-Bytes finish_recording(const recorded_settings &settings, const std::vector<recorded_frame> &frames)
-{
-    static Bytes caches(0x240000);
-    static char name[] = "reference.mp4";
-    mux_test::reset_world();
-    mp4_mux_init_t init = mux_test::make_callbacks(false);
-    init.m_pOutput = name;
-    init.m_uiStreamFlags = settings.stream_flags;
-    init.m_uiOptions = settings.options;
-    init.m_pCacheMem = caches.data();
-    init.m_iCacheSize = TDMBREC_OUTPUT_CACHE_BYTES;
-    init.m_iVideoCacheSize = TDMBREC_VIDEO_CACHE_BYTES;
-    init.m_iAudioCacheSize = TDMBREC_AUDIO_CACHE_BYTES;
-    mp4_mux_input_t input;
-    set_configurations(settings, &input);
-    void *handle = nullptr;
-    require(QVR_MP4_MUX(MUX_OPEN, &handle, &init, &input) >= 0, "the muxer cannot open");
-    for (const recorded_frame &frame : frames) {
-        mp4_mux_putstream_t put = put_record_of(frame);
-        require(QVR_MP4_MUX(MUX_PUTFRAME, &handle, &put, nullptr) >= 0, "a frame is refused");
-    }
-    require(QVR_MP4_MUX(MUX_CLOSE, &handle, nullptr, nullptr) >= 0, "the muxer cannot close");
-    return mux_test::world.files.at(name).bytes;
-}
-
-namespace {
-
-// A recording without the component.
-struct small_recorder {
-    void *handle;
-    int journal;
-    uint64_t session;
-    int64_t media_end;
-    journal_group_t group;
-};
-
-} // namespace
-
-static void write_journal(int journal, const uint8_t *bytes, size_t count)
-{
-    require(write(journal, bytes, count) == static_cast<ssize_t>(count), "no journal");
-}
-
-static void begin_journal(const recorded_settings &settings, small_recorder *recorder)
-{
-    journal_settings_t head = {.session = recorder->session,
-                               .stream_flags = settings.stream_flags,
-                               .options = settings.options,
-                               .input = settings.input};
-    std::copy(settings.video_configuration.begin(), settings.video_configuration.end(),
-              head.video_configuration);
-    head.video_configuration_bytes = static_cast<uint32_t>(settings.video_configuration.size());
-    std::copy(settings.audio_configuration.begin(), settings.audio_configuration.end(),
-              head.audio_configuration);
-    head.audio_configuration_bytes = static_cast<uint32_t>(settings.audio_configuration.size());
-    std::strcpy(head.path, kRecording);
-    uint8_t bytes[kJournalHeadBytes];
-    write_journal(recorder->journal, bytes, journal_write_head(&head, bytes));
-}
-
-static void make_checkpoint(small_recorder *recorder, int media)
-{
-    require(QVR_MP4_MUX(MUX_FLUSH, &recorder->handle, nullptr, &recorder->media_end) >= 0,
-            "the muxer cannot flush");
-    if (recorder->group.frames > 0) {
-        const uint32_t bytes = journal_end_group(&recorder->group);
-        write_journal(recorder->journal, recorder->group.bytes, bytes);
-    }
-    journal_begin_group(&recorder->group, recorder->session,
-                        static_cast<uint64_t>(recorder->media_end));
-    require(fdatasync(media) == 0 && fdatasync(recorder->journal) == 0, "no sync");
-}
-
-static void fill_small_init(const recorded_settings &settings, mp4_mux_init_t *init)
-{
-    // The video tables are cut after a record of one kind, the others between two.
-    static constexpr int32_t kCacheBytes[] = {700, 150, 90};
-    static uint8_t caches[kCacheBytes[0] + kCacheBytes[1] + kCacheBytes[2]];
-    static char name[sizeof(kRecording)];
-    std::strcpy(name, kRecording);
-    *init = {.m_pfnMalloc = std::malloc,
-             .m_pfnFree = std::free,
-             .m_pfnMemcpy = std::memcpy,
-             .m_pfnMemset = std::memset,
-             .m_pfnRealloc = std::realloc,
-             .m_pfnFopen = QVR_FILE_fopen,
-             .m_pfnFread = QVR_FILE_fread,
-             .m_pfnFseek = QVR_FILE_fseek,
-             .m_pfnFtell = QVR_FILE_ftell,
-             .m_pfnFclose = QVR_FILE_fclose,
-             .m_pfnFwrite = QVR_FILE_fwrite,
-             .m_pfnRemove = std::remove,
-             .m_pOutput = name,
-             .m_uiStreamFlags = settings.stream_flags,
-             .m_uiOptions = settings.options,
-             .m_pCacheMem = caches,
-             .m_iCacheSize = kCacheBytes[0],
-             .m_iVideoCacheSize = kCacheBytes[1],
-             .m_iAudioCacheSize = kCacheBytes[2],
-             .m_pszTempDir = "/mnt/sdcard"};
-}
-
-recorded_truth record_with_tiny_caches(const std::string &name, const recorded_truth &frames_of,
-                                       size_t frames, size_t group_frames)
-{
-    recorded_truth truth = {.name = name, .settings = frames_of.settings};
-    truth.frames.assign(frames_of.frames.begin(),
-                        frames_of.frames.begin() + static_cast<ptrdiff_t>(frames));
-    std::filesystem::remove(kRecording);
-    begin_disk_trace(kFolder);
-    static small_recorder recorder;
-    recorder = {.session = 0x1234567890ABCDEF};
-    mp4_mux_init_t init;
-    fill_small_init(truth.settings, &init);
-    mp4_mux_input_t input;
-    set_configurations(truth.settings, &input);
-    host_set_log_level(ANDROID_LOG_SILENT);
-    require(QVR_MP4_MUX(MUX_OPEN, &recorder.handle, &init, &input) >= 0, "the muxer cannot open");
-    // The muxer opens the file with the first bytes that it writes.
-    require(QVR_MP4_MUX(MUX_FLUSH, &recorder.handle, nullptr, nullptr) >= 0, "no file");
-    const std::string journal = std::string(kRecording) + TDMBREC_JOURNAL_SUFFIX;
-    recorder.journal = open(journal.data(), O_WRONLY | O_CREAT | O_TRUNC, 0666);
-    const int media = open(kRecording, O_RDONLY);
-    begin_journal(truth.settings, &recorder);
-    make_checkpoint(&recorder, media);
-    for (const recorded_frame &frame : truth.frames) {
-        mp4_mux_putstream_t put = put_record_of(frame);
-        require(QVR_MP4_MUX(MUX_PUTFRAME, &recorder.handle, &put, nullptr) >= 0, "no frame");
-        const journal_frame_t record = {.type = frame.type,
-                                        .bytes = static_cast<uint32_t>(frame.bytes.size()),
-                                        .time_ms = frame.time_ms,
-                                        .flags = frame.flags};
-        require(journal_add_frame(&recorder.group, &record, frame.bytes.data()), "a full group");
-        if (recorder.group.frames >= group_frames) {
-            make_checkpoint(&recorder, media);
-        }
-    }
-    make_checkpoint(&recorder, media);
-    require(QVR_MP4_MUX(MUX_CLOSE, &recorder.handle, nullptr, nullptr) >= 0, "no close");
-    require(fdatasync(media) == 0 && unlink(journal.data()) == 0, "the journal is left");
-    close(recorder.journal);
-    close(media);
-    truth.trace = end_disk_trace();
-    describe_files(&truth, kRecording);
-    require(finish_recording(truth.settings, truth.frames) == truth.finished,
-            "tiny caches make another file");
     return truth;
 }

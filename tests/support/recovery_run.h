@@ -1,0 +1,51 @@
+// Recoveries of files in memory.
+#ifndef TESTS_SUPPORT_RECOVERY_RUN_H
+#define TESTS_SUPPORT_RECOVERY_RUN_H
+
+#include "recovery/recovery.h"
+#include "tests/support/programme.h"
+
+#include <optional>
+#include <vector>
+
+// What an interrupted recording has left.
+struct interrupted_files {
+    Bytes media;
+    std::optional<Bytes> journal = {};
+    Bytes configuration = {}; // of the input
+    Bytes tables[RECOVERY_TABLE_COUNT] = {};
+    size_t journal_reads = SIZE_MAX; // until every read fails
+    size_t media_reads = SIZE_MAX;   // the same
+    size_t reads_to_cut = SIZE_MAX;  // until the media file loses its last bytes
+};
+
+struct recovered {
+    int32_t code;
+    recovery_report_t report;
+    std::vector<recovery_frame_t> frames;
+    Bytes file; // of a recovery that succeeded
+};
+
+// A call of a recovery in place.
+struct target_call {
+    enum { write, set_size, sync } kind;
+    int64_t offset; // of a write, or the size
+    Bytes bytes;
+};
+
+// The bytes must stay where they are.
+recovery_source_t source_of(const Bytes &bytes);
+
+recovered scan_files(const interrupted_files &files);
+
+// Writes another file in memory.
+recovered recover_files(const interrupted_files &files);
+
+// Finishes the media file.
+// in: calls_left: until every call fails; a write that fails first has written its first half
+// in: has_tiny_caches: those of the muxer; else as large as the recorder's
+// out: calls: those that succeeded; may be null
+recovered recover_in_place(interrupted_files *files, std::vector<target_call> *calls = nullptr,
+                           size_t calls_left = SIZE_MAX, bool has_tiny_caches = false);
+
+#endif // TESTS_SUPPORT_RECOVERY_RUN_H
