@@ -8,7 +8,7 @@ namespace fs = std::filesystem;
 using nlohmann::json;
 
 #define RECOVER TDMBREC "recover "
-#define LEFT_BY_KILL "k.mp4.recording"
+#define LEFT "k.mp4.recording"
 #define JOURNAL "recording.mp4.journal"
 
 struct frame {
@@ -42,16 +42,19 @@ class RecoverCommand : public CommandTest {
         return frames;
     }
 
-    // Records the sample whole, and kills another recording of it. The last group of that one's
-    // journal is then followed by frames, and the file ends within a frame.
-    void record_and_kill()
+    // Records the sample whole, and interrupts another recording of it by a limit for its size, at
+    // once, or by a kill. The last group of its journal is then followed by frames, and the file
+    // ends within a frame.
+    void record_and_interrupt(bool is_killed = false)
     {
+        const std::string record = RECORD "--checkpoint 0.5 " SAMPLE "-o k.mp4 ";
+        const std::string kill =
+            "{ " + record +
+            "--realtime & p=$!; until [ $(stat -c %s " LEFT "/" JOURNAL " || echo 0) -gt 900 ]; do "
+            "kill -0 $p || exit 1; sleep 0.05; done; kill -9 $p; wait $p; true; }";
         const command_result made =
-            shell(RECORD SAMPLE
-                  "-o whole.mp4 && mkdir aside && mv whole.mp4 aside && "
-                  "{ " RECORD "--realtime --checkpoint 0.5 " SAMPLE "-o k.mp4 & p=$!; "
-                  "until [ $(stat -c %s " LEFT_BY_KILL "/" JOURNAL " || echo 0) -gt 900 ]; do "
-                  "kill -0 $p || exit 1; sleep 0.05; done; kill -9 $p; wait $p; true; }");
+            shell(RECORD SAMPLE "-o whole.mp4 && mkdir aside && mv whole.mp4 aside && " +
+                  (is_killed ? kill : "(ulimit -f 300; " + record + "); [ -e " LEFT " ]"));
         if (made.status != 0) {
             GTEST_SKIP() << "no storage: " << made.err;
         }
@@ -60,11 +63,11 @@ class RecoverCommand : public CommandTest {
 
 TEST_F(RecoverCommand, BringsAKilledRecordingBackExactly)
 {
-    record_and_kill();
-    const std::string before = shell("cksum " LEFT_BY_KILL "/*").out;
-    const command_result result = shell(RECOVER LEFT_BY_KILL);
+    record_and_interrupt(true);
+    const std::string before = shell("cksum " LEFT "/*").out;
+    const command_result result = shell(RECOVER LEFT);
     EXPECT_EQ(result.status, 0) << result.err;
-    EXPECT_EQ(shell("cksum " LEFT_BY_KILL "/*").out, before);
+    EXPECT_EQ(shell("cksum " LEFT "/*").out, before);
     for (const char *const handler : {"vide", "soun"}) {
         const std::vector<frame> whole = frames_of("aside/whole.mp4", handler);
         const std::vector<frame> back = frames_of("k.mp4", handler);
@@ -86,13 +89,13 @@ TEST_F(RecoverCommand, BringsAKilledRecordingBackExactly)
 
 TEST_F(RecoverCommand, SaysWhatCameBackAndFromWhere)
 {
-    record_and_kill();
+    record_and_interrupt();
     const std::string media = "k/recording.mp4 ", alone = "rm k/" JOURNAL "; ";
     const std::string zero =
         "dd if=/dev/zero of=" + media + "bs=4096 seek=9 count=1 conv=notrunc; ";
     const std::string as_left = "mv k o.mp4.recording; ";
     const struct {
-        std::string change; // of the folder k, a copy of what the kill left
+        std::string change; // of the folder k, a copy of what was left
         std::string line;
         int status;
         const char *output;   // empty: none is made
@@ -133,7 +136,7 @@ TEST_F(RecoverCommand, SaysWhatCameBackAndFromWhere)
         {"", "missing", 3, "", "missing: No such file or directory\n"},
         {"", "/dev/null", 3, "", "/dev/null: is not a regular file\n"},
     };
-    const std::string clean = "rm -rf k o*; cp -r " LEFT_BY_KILL " k; ";
+    const std::string clean = "rm -rf k o*; cp -r " LEFT " k; ";
     for (const auto &[change, line, status, output, sentence] : cases) {
         const std::string all = clean + change + RECOVER + line;
         SCOPED_TRACE(all);
@@ -149,11 +152,10 @@ TEST_F(RecoverCommand, SaysWhatCameBackAndFromWhere)
 
 TEST_F(RecoverCommand, FinishesAFileInPlace)
 {
-    record_and_kill();
-    const command_result result =
-        shell("truncate -s -9 " LEFT_BY_KILL "/recording.mp4; "
-              "cp -r " LEFT_BY_KILL " o.mp4.recording; " RECOVER LEFT_BY_KILL " && " RECOVER
-              "--in-place o.mp4.recording");
+    record_and_interrupt();
+    const command_result result = shell("truncate -s -9 " LEFT "/recording.mp4; "
+                                        "cp -r " LEFT " o.mp4.recording; " RECOVER LEFT
+                                        " && " RECOVER "--in-place o.mp4.recording");
     EXPECT_EQ(result.status, 0) << result.err;
     EXPECT_EQ(shell("cmp k.mp4 o.mp4.recording/recording.mp4 && ls o.mp4.recording").out,
               "recording.mp4\n");
@@ -167,11 +169,11 @@ TEST_F(RecoverCommand, FinishesAFileInPlace)
 
 TEST_F(RecoverCommand, PrintsAllOfItAsJson)
 {
-    record_and_kill();
-    const std::string media = LEFT_BY_KILL "/recording.mp4";
+    record_and_interrupt();
+    const std::string media = LEFT "/recording.mp4";
     shell("for at in 5 20; do dd if=/dev/zero of=" + media +
           " bs=4096 seek=$at count=1 conv=notrunc; done; truncate -s -9 " + media);
-    const command_result result = shell(RECOVER "--json " LEFT_BY_KILL);
+    const command_result result = shell(RECOVER "--json " LEFT);
     EXPECT_EQ(result.status, 21) << result.err;
     const json report = json::parse(result.out, nullptr, false);
     ASSERT_TRUE(report.is_object() && report["recordings"].size() == 1) << result.out;
