@@ -175,7 +175,7 @@ static std::string finished_text(const recover_job &self)
     std::string text = self.broken.path + ": nothing to recover: the file is finished";
     if (!self.broken.left.empty()) {
         text += "; to move it to its place: mv " + shell_word(file_path(self)) + " " +
-                shell_word(self.broken.output);
+                shell_word(recover_output_of(self.broken));
     }
     return text + (self.broken.journal.empty()
                        ? ""
@@ -330,10 +330,12 @@ static void read_back(recover_job &self, int file)
 
 static void recover_to_output(recover_job &self)
 {
-    const std::string output =
-        self.options.output.empty() ? self.broken.output : self.options.output;
+    const bool is_named = !self.options.output.empty();
+    const std::string output = is_named ? self.options.output : recover_output_of(self.broken);
     self.outcome.output = output;
-    const std::unique_ptr<work_folder> folder = work_folder_make(output, self.options.force);
+    // A name that was chosen here belongs to no file that the user wants to have replaced.
+    const std::unique_ptr<work_folder> folder =
+        work_folder_make(output, is_named && self.options.force);
     output_place_check_inputs(output, {self.broken.path, self.broken.journal, self.options.like,
                                        self.options.parameter_sets});
     const int32_t result = run_with_configuration(self, *folder, write_file);

@@ -47,10 +47,10 @@ static void lock_folder(broken_recording &found, const fs::path &folder, bool to
     found.is_in_use = is_there && found.lock->state == folder_state::in_use;
 }
 
-// returns: DIRECTORY/STEM SUFFIX EXTENSION, or with a number, as a path that does not exist
-static std::string choose_output(const fs::path &directory, const std::string &name,
-                                 const std::string &suffix)
+std::string recover_output_of(const broken_recording &broken)
 {
+    const fs::path directory = broken.output_folder;
+    const std::string &name = broken.output_name, &suffix = broken.output_suffix;
     const fs::path stem = fs::path(name).stem();
     const std::string extension =
         fs::path(name).has_extension() ? fs::path(name).extension().string() : ".mp4";
@@ -119,12 +119,15 @@ static broken_recording look_at_file(const fs::path &file, bool to_change)
         const fs::path beside = folder.parent_path();
         found.left = folder.string();
         found.neighbours = beside.empty() ? "." : beside.string();
-        found.output = choose_output(beside, output_name, "");
+        found.output_folder = beside.string();
+        found.output_name = output_name;
         lock_folder(found, folder, to_change);
     } else {
         const fs::path beside = file.parent_path();
         found.neighbours = beside.empty() ? "." : beside.string();
-        found.output = choose_output(beside, file.filename(), "-recovered");
+        found.output_folder = beside.string();
+        found.output_name = file.filename();
+        found.output_suffix = "-recovered";
         lock_folder(found, found.neighbours, false);
         found.lock.reset(); // other commands may use the same folder
     }

@@ -130,6 +130,8 @@ TEST_F(RecoverCommand, SaysWhatCameBackAndFromWhere)
          "k/o.mp4", "k/m.mp4: "},
         {"mkdir k/l; mv k/r* k/l; cp -r k/l k/m.mp4.recording; mv k/l k/o.mp4.recording; ",
          "k -o o.mp4", 2, "", "k: holds 2 recordings, and --output names only one file\n"},
+        {"mkdir k/l; mv k/r* k/l; cp -r k/l k/o.mp4.recording-2; mv k/l k/o.mp4.recording; ",
+         "-f k", 0, "k/o.mp4", "k/o-recovered.mp4: "},
         {"rm k/*; ", "k", 9, "", "k: nothing to recover: no interrupted recording is in it\n"},
         {": > " + media + "; ", media, 3, "", "recording.mp4: no complete picture is in the reco"},
         {"", "programme.wav", 3, "", "programme.wav: the file is not one of the recorder\n"},
