@@ -97,13 +97,18 @@ static void note_hole(void *context, const recovery_hole_t *hole)
 static void open_media(recover_job &self)
 {
     const std::string &path = self.broken.path;
-    if (self.broken.is_in_use) {
-        throw failure(exit_code::input, path + ": is being recorded now");
-    }
+    const auto refuse_if = [&](bool is_in_use) {
+        if (is_in_use) {
+            throw failure(exit_code::input,
+                          path + ": is being recorded, or recovered by another command, now");
+        }
+    };
+    refuse_if(self.broken.is_in_use);
     if (!recover_file_open(self.media, path, self.options.in_place)) {
         const std::string reason = errno == EINVAL ? "is not a regular file" : std::strerror(errno);
         throw failure(exit_code::input, path + ": " + reason);
     }
+    refuse_if(!recover_file_lock(self.media, self.options.in_place));
     self.input.media = recover_file_source(self.media);
 }
 

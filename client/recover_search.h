@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-// An interrupted recording. Its folder stays locked as long as the record exists.
+// An interrupted recording. Its folders stay locked as long as the record exists.
 struct broken_recording {
     std::string path;                                     // of the media, for the user
     std::string journal;                                  // empty: there is none
@@ -20,8 +20,9 @@ struct broken_recording {
     std::string output_suffix; // between the stem of the name and its extension
     std::string neighbours;    // the folder in which other recordings of the channel may be
     std::string left;          // the folder that "record" left; empty for a file of its own
-    std::unique_ptr<found_folder> lock; // null: the recording is in no folder that is locked
-    bool is_in_use = false;             // another process writes it, or recovers it in place
+    // The folders of "record" that hold the file or a link to it.
+    std::vector<std::unique_ptr<found_folder>> locks;
+    bool is_in_use = false; // another process has locked one of them
 };
 
 // Looks at a file; at a folder that "record" left; or into any other folder for such folders, for

@@ -94,6 +94,7 @@ TEST_F(RecoverCommand, SaysWhatCameBackAndFromWhere)
     const std::string zero =
         "dd if=/dev/zero of=" + media + "bs=4096 seek=9 count=1 conv=notrunc; ";
     const std::string as_left = "mv k o.mp4.recording; ";
+    const char *const now = ": is being recorded, or recovered by another command, now\n";
     const struct {
         std::string change; // of the folder k, a copy of what was left
         std::string line;
@@ -122,7 +123,15 @@ TEST_F(RecoverCommand, SaysWhatCameBackAndFromWhere)
         {"echo > o.mp4; ", media + "-o o.mp4", 5, "", "o.mp4: exists already"},
         {"echo > o.mp4; ", media + "-f -o o.mp4", 0, "o.mp4", ""},
         {"ulimit -f 100; ", media + "-o o.mp4", 5, "", "o.mp4: File too large\n"},
-        {as_left + "flock o.mp4.recording ", "o.mp4.recording", 3, "", "is being recorded now\n"},
+        {as_left + "flock o.mp4.recording ", "o.mp4.recording", 3, "", now},
+        {"flock k ", media + "-o o.mp4", 3, "", now},
+        {as_left + "ln -s o.mp4.recording/recording.mp4 o; flock -s o.mp4.recording ",
+         "--in-place o", 3, "", now},
+        {"flock -s " + media, media + "--in-place", 3, "", now},
+        {"flock " + media, media + "-o o.mp4", 3, "", now},
+        {as_left + "mkdir k; ln -s ../o.mp4.recording k/l; ", "k/l", 0, "o.mp4",
+         "/o.mp4.recording when the file plays"},
+        {as_left + "ln -s o.mp4.recording/recording.mp4 o; ", ".", 0, "o.mp4", ""},
         {"", "aside/whole.mp4", 9, "", "nothing to recover: the file is finished\n"},
         {as_left + "cp aside/whole.mp4 o.mp4.recording/recording.mp4; ", "o.mp4.recording", 9, "",
          "to move it to its place: mv o.mp4.recording/recording.mp4 o.mp4; "},
