@@ -250,8 +250,8 @@ static void add_recover(CLI::App &app, recover_options &options)
                     "take it from this file: H.264 with start codes, or MP4")
         ->type_name("FILE");
     command.add_flag("--guess", options.guess,
-                     "search for a configuration with which the pictures decode; brightness and "
-                     "colours may be wrong");
+                     "search for a configuration with which the pictures decode; size, brightness "
+                     "and colours may be wrong");
     command
         .add_option("--rate", options.sample_rate,
                     "sampling rate of the sound, without a journal (default: the one at which it "

@@ -105,7 +105,7 @@ std::string recover_text(const recover_outcome &outcome)
                         static_cast<long long>(report.media_bytes),
                         static_cast<long long>(report.file_bytes));
     text += "  Decoder   configuration from " + outcome.configuration +
-            (outcome.is_guess ? ": brightness and colours may be wrong" : "") + "\n";
+            (outcome.is_guess ? ": size, brightness and colours may be wrong" : "") + "\n";
     text += "  Times     " + times_text(report) + "\n" + journal_text(report);
     if (outcome.end) {
         text += "  Cut       " + outcome.end_kind + ", " + place_text(*outcome.end) + "\n";
