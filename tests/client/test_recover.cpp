@@ -217,6 +217,7 @@ TEST_F(RecoverCommand, GuessesEveryCodingAndRefusesThatOfAnotherChannel)
         {"176x144", "-profile:v baseline -preset ultrafast", "a guess of 176 x 144 pixels: "},
         {"352x288", "-profile:v main -qp 20", "a guess of 352 x 288 pixels: "},
         {"320x240", "-profile:v high -slices 2", "a guess of 320 x 240 pixels: "},
+        {"480x320", "-profile:v baseline", "a guess of 480 x 320 pixels: "},
     };
     for (const auto &[size, coding, guess] : cases) {
         SCOPED_TRACE(coding);
@@ -236,9 +237,22 @@ TEST_F(RecoverCommand, GuessesEveryCodingAndRefusesThatOfAnotherChannel)
         EXPECT_EQ(refused.status, 4) << refused.out;
         EXPECT_TRUE(contains(refused.err, "s/s.mp4: its decoder configuration is not that of the "))
             << refused.err;
+        // A finished recording of another channel in the same folder is refused as well.
+        const command_result neighbour =
+            shell("cp s/s.mp4 .; " RECOVER "b.mp4 -o c.mp4; s=$?; rm s.mp4; exit $s");
+        EXPECT_EQ(neighbour.status, 4) << neighbour.out;
+        EXPECT_TRUE(contains(neighbour.err, ": s.mp4: its decoder configuration is not that of "))
+            << neighbour.err;
         const command_result result = shell(RECOVER "b.mp4 -o c.mp4 --guess");
         EXPECT_EQ(result.status, 22) << result.err;
         EXPECT_TRUE(contains(result.out, guess)) << result.out;
+        // The guess in the new file does not become the finding of the next recovery.
+        const command_result next = shell(RECOVER "b.mp4 -o d.mp4");
+        EXPECT_EQ(next.status, 4) << next.out;
+        EXPECT_TRUE(contains(next.err, ": c.mp4: its decoder configuration is a guess; not used\n"))
+            << next.err;
+        EXPECT_EQ(
+            shell(RECOVER "b.mp4 -f -o d.mp4 --like c.mp4; s=$?; rm -f d.mp4; exit $s").status, 22);
         // All pictures decode, not only those that the guess was tried with.
         const command_result decoded = ffmpeg("-i c.mp4 -f null -");
         EXPECT_TRUE(decoded.status == 0 && decoded.err.empty()) << decoded.err;
