@@ -105,7 +105,10 @@ static void open_media(recover_job &self)
     };
     refuse_if(self.broken.is_in_use);
     if (!recover_file_open(self.media, path, self.options.in_place)) {
-        const std::string reason = errno == EINVAL ? "is not a regular file" : std::strerror(errno);
+        const std::string reason = errno == EINVAL ? "is not a regular file"
+                                   : errno == EACCES
+                                       ? "cannot be opened: it may belong to another user"
+                                       : std::strerror(errno);
         throw failure(exit_code::input, path + ": " + reason);
     }
     refuse_if(!recover_file_lock(self.media, self.options.in_place));

@@ -155,10 +155,12 @@ static broken_recording look_at_file(const fs::path &file, bool to_change)
 // returns: the recording in a folder that "record" left; empty when there is none
 static fs::path file_in(const fs::path &folder)
 {
-    std::error_code missing;
+    std::error_code error;
     for (const fs::path &name :
          {fs::path(kRecordingName), fs::path(kCardName) / kRecordingName, fs::path(kCopyName)}) {
-        if (fs::exists(fs::symlink_status(folder / name, missing))) {
+        // What cannot be looked at may be a recording: opening it gives the reason.
+        if (fs::exists(fs::symlink_status(folder / name, error)) ||
+            error == std::errc::permission_denied) {
             return folder / name;
         }
     }
