@@ -358,10 +358,11 @@ static void recover_to_output(recover_job &self)
     (void)fsync(folder->place->directory); // not every file system can
 }
 
-// The file is on the storage: its journal is not needed any more.
+// The file is on the storage: its journal is not needed any more. One that was not used may be that
+// of another recording.
 static void remove_journal(const recover_job &self)
 {
-    if (self.broken.journal.empty()) {
+    if (self.outcome.report.journal != RECOVERY_JOURNAL_USED) {
         return;
     }
     const fs::path path = self.broken.journal; // or a link to it
