@@ -193,8 +193,9 @@ static std::string finished_text(const recover_job &self)
 static std::string no_configuration_text(const recover_job &self)
 {
     return self.broken.path +
-           ": the pictures have no decoder configuration, and there is no journal of the "
-           "recording. It can come from another recording of the same channel (--like MP4), from "
+           ": the pictures have no decoder configuration, and the recording has no " +
+           (self.broken.journal.empty() ? "journal" : "journal that can be used") +
+           ". It can come from another recording of the same channel (--like MP4), from "
            "parameter sets (--parameter-sets FILE)" +
            (self.options.guess ? "" : ", or be guessed (--guess)");
 }
@@ -213,6 +214,10 @@ static std::string no_configuration_text(const recover_job &self)
                               const std::string &output_error)
 {
     const std::string &path = self.broken.path;
+    const std::string journal_flaw = recover_journal_flaw(self.outcome.report);
+    if (!journal_flaw.empty()) {
+        self.outcome.remarks.push_back(self.broken.journal + ": " + journal_flaw);
+    }
     std::string message = self.outcome.report.message;
     if (!message.empty()) { // it follows the path
         message[0] = static_cast<char>(std::tolower(static_cast<unsigned char>(message[0])));

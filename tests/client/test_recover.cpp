@@ -93,6 +93,8 @@ TEST_F(RecoverCommand, SaysWhatCameBackAndFromWhere)
     const std::string media = "k/recording.mp4 ", alone = "rm k/" JOURNAL "; ";
     const std::string zero =
         "dd if=/dev/zero of=" + media + "bs=4096 seek=9 count=1 conv=notrunc; ";
+    const std::string other_version =
+        "printf '\\377' | dd of=k/" JOURNAL " bs=1 seek=5 conv=notrunc; ";
     const std::string as_left = "mv k o.mp4.recording; ";
     const char *const now = ": is being recorded, or recovered by another command, now\n";
     const struct {
@@ -111,8 +113,8 @@ TEST_F(RecoverCommand, SaysWhatCameBackAndFromWhere)
         {"truncate -s -70 " + media + "; ", media + "-o o.mp4", 0, "o.mp4", "\n  Cut       a "},
         {zero, media + "-o o.mp4", 21, "o.mp4", "\n  Hole      "},
         {zero, media + "--in-place", 4, "", "has holes, and can only be recovered to another file"},
-        {"printf '\\377' | dd of=k/" JOURNAL " bs=1 seek=5 conv=notrunc; ",
-         media + "-o o.mp4 --like aside/whole.mp4", 0, "o.mp4", "Journal   of version 255, which"},
+        {other_version, media + "-o o.mp4 --like aside/whole.mp4", 0, "o.mp4",
+         "Journal   of version 255, which"},
         {alone, media + "-o o.mp4", 4, "", "(--parameter-sets FILE), or be guessed (--guess)\n"},
         {alone, media + "-o o.mp4 --like aside/whole.mp4", 0, "o.mp4", "from aside/whole.mp4\n"},
         {alone + "cp aside/whole.mp4 k/; ", media + "-o o.mp4", 0, "o.mp4", "from k/whole.mp4\n"},
@@ -141,13 +143,23 @@ TEST_F(RecoverCommand, SaysWhatCameBackAndFromWhere)
          "k -o o.mp4", 2, "", "k: holds 2 recordings, and --output names only one file\n"},
         {"mkdir k/l; mv k/r* k/l; cp -r k/l k/o.mp4.recording-2; mv k/l k/o.mp4.recording; ",
          "-f k", 0, "k/o.mp4", "k/o-recovered.mp4: "},
+        {"mkdir k/l; mv k/r* k/l; cp -r k/l k/m.mp4.recording; mv k/l k/o.mp4.recording; "
+         "dd if=/dev/zero of=k/m.mp4.recording/recording.mp4 bs=4096 seek=9 count=1 conv=notrunc; ",
+         "k", 21, "k/o.mp4", "\n  Hole      "},
+        {"cp aside/whole.mp4 " + media + "; ", "k", 9, "", "journal is not needed any more\n"},
+        {as_left + "chmod 0 o.mp4.recording; if [ $(id -u) = 0 ]; then "
+                   "drop='setpriv --inh-caps=-all --bounding-set=-all'; fi; $drop ",
+         ".", 3, "", "recording.mp4: cannot be opened: it may belong to another user\n"},
+        {other_version, media + "--in-place --like aside/whole.mp4 && ls k/" JOURNAL, 0, "",
+         "\nk/" JOURNAL "\n"},
+        {other_version, media + "-o o.mp4", 4, "", JOURNAL ": of version 255, which"},
         {"rm k/*; ", "k", 9, "", "k: nothing to recover: no interrupted recording is in it\n"},
         {": > " + media + "; ", media, 3, "", "recording.mp4: no complete picture is in the reco"},
         {"", "programme.wav", 3, "", "programme.wav: the file is not one of the recorder\n"},
         {"", "missing", 3, "", "missing: No such file or directory\n"},
         {"", "/dev/null", 3, "", "/dev/null: is not a regular file\n"},
     };
-    const std::string clean = "rm -rf k o*; cp -r " LEFT " k; ";
+    const std::string clean = "chmod -f 700 o*; rm -rf k o*; cp -r " LEFT " k; ";
     for (const auto &[change, line, status, output, sentence] : cases) {
         const std::string all = clean + change + RECOVER + line;
         SCOPED_TRACE(all);
@@ -203,6 +215,10 @@ TEST_F(RecoverCommand, PrintsAllOfItAsJson)
     const int64_t all = one["media_bytes"].get<int64_t>() + one["hole_bytes"].get<int64_t>() +
                         one["cut"]["bytes"].get<int64_t>();
     EXPECT_EQ(one["source_bytes"], all + 36);
+    const json missing = json::parse(shell(RECOVER "--json missing").out, nullptr, false);
+    EXPECT_EQ(missing, json({{"recordings", json::array()},
+                             {"error", "missing: No such file or directory"},
+                             {"exit_status", 3}}));
     const json failed = json::parse(shell(RECOVER "--json k.mp4").out, nullptr, false);
     EXPECT_EQ(failed["recordings"][0]["error"], "k.mp4: nothing to recover: the file is finished");
 }
