@@ -111,6 +111,8 @@ TEST_F(RecoverCommand, SaysWhatCameBackAndFromWhere)
         {"", media + "-o o.mp4", 0, "o.mp4", " pictures and "},
         {"", "k", 0, "k/recording-recovered.mp4", "k/recording-recovered.mp4: "},
         {"truncate -s -70 " + media + "; ", media + "-o o.mp4", 0, "o.mp4", "\n  Cut       a "},
+        {"head -c 4000 /dev/zero >> " + media + "; ", media + "-o o.mp4", 0, "o.mp4",
+         "\n  Cut       data of no frame, "},
         {zero, media + "-o o.mp4", 21, "o.mp4", "\n  Hole      "},
         {zero, media + "--in-place", 4, "", "has holes, and can only be recovered to another file"},
         {other_version, media + "-o o.mp4 --like aside/whole.mp4", 0, "o.mp4",
