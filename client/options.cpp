@@ -103,8 +103,8 @@ static void add_frame_rate(CLI::App &command, std::optional<std::string> &frame_
 {
     command
         .add_option("--frame-rate", frame_rate,
-                    "pictures per second of raw H.264, as 25 or 30000/1001 (default: as the "
-                    "stream says, else 30)")
+                    "pictures per second of raw H.264, as 25 or 30000/1001\n"
+                    "(default: as the stream says, else 30)")
         ->type_name("RATE");
 }
 
@@ -127,10 +127,9 @@ static void add_record(CLI::App &app, record_options &options, std::string &inpu
     command.add_flag("--realtime", options.realtime, "record no faster than the programme runs");
     command.add_flag("--card", options.card, "record to the removable card's root");
     command
-        .add_option(
-            "--checkpoint", options.checkpoint_s,
-            "bring the recording to the storage so often that a power cut costs at most this "
-            "much of it; 0: when the recorder's cache of 1 MiB is full")
+        .add_option("--checkpoint", options.checkpoint_s,
+                    "most of the programme that a power cut may cost;\n"
+                    "0: no checkpoints; the recorder's cache of 1 MiB and the system's are lost")
         ->type_name("SECONDS")
         ->check(CLI::Range(0.0, kCheckpointMaxS))
         ->capture_default_str();
@@ -250,23 +249,23 @@ static void add_recover(CLI::App &app, recover_options &options)
                     "take it from this file: H.264 with start codes, or MP4")
         ->type_name("FILE");
     command.add_flag("--guess", options.guess,
-                     "search for a configuration with which the pictures decode; brightness and "
-                     "colours may be wrong");
+                     "search for a configuration with which the pictures decode;\n"
+                     "size, brightness and colours may be wrong");
     command
         .add_option("--rate", options.sample_rate,
-                    "sampling rate of the sound, without a journal (default: the one at which it "
-                    "can be read)")
+                    "sampling rate of the sound, without a journal\n"
+                    "(default: the one at which it can be read)")
         ->type_name("HZ")
         ->check(CLI::IsMember({8000, 11025, 12000, 16000, 22050, 24000, 32000, 44100, 48000}));
     command
         .add_option("--frame-rate", options.frame_rate,
-                    "pictures per second, without a journal, as 25 or 30000/1001 (default: the "
-                    "rate that fits best)")
+                    "pictures per second, without a journal, as 25 or 30000/1001\n"
+                    "(default: the rate that fits best)")
         ->type_name("RATE");
     command
         .add_flag("--in-place", options.in_place,
-                  "finish BROKEN itself, for a full storage; it can be recovered as before when "
-                  "this is interrupted")
+                  "finish BROKEN itself, for a full storage;\n"
+                  "when this is interrupted, it can be recovered as before")
         ->excludes(output);
     command.add_flag("--json", options.json, "print the outcome as JSON");
 }

@@ -69,9 +69,8 @@ static std::vector<broken_recording> search(const recover_options &options)
     return found;
 }
 
-int recover_run(const recover_options &options)
+static int recover_found(const recover_options &options, std::vector<recover_outcome> &outcomes)
 {
-    std::vector<recover_outcome> outcomes;
     for (const broken_recording &broken : search(options)) {
         outcomes.push_back(recover(options, broken));
         say(options, outcomes.back());
@@ -79,9 +78,23 @@ int recover_run(const recover_options &options)
             break;
         }
     }
-    const int status = status_of(outcomes);
+    return status_of(outcomes);
+}
+
+int recover_run(const recover_options &options)
+{
+    std::vector<recover_outcome> outcomes;
+    std::string error;
+    int status = 0;
+    try {
+        status = recover_found(options, outcomes);
+    } catch (const failure &what) {
+        error = what.what();
+        status = static_cast<int>(what.code);
+        terminal_say("tdmbrec: " + error);
+    }
     if (options.json) {
-        terminal_print(recover_json(outcomes, status));
+        terminal_print(recover_json(outcomes, error, status));
     }
     return status;
 }

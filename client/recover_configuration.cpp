@@ -4,6 +4,7 @@
 #include "client/input/access_unit_converter.h"
 #include "client/input/configuration_guess.h"
 #include "client/input/mapped_file.h"
+#include "client/input/parameter_set_writer.h"
 #include "client/interruption.h"
 #include "client/terminal.h"
 #include "mp4read/mp4_reader.h"
@@ -46,6 +47,16 @@ static bytes sets_of(std::span<const uint8_t> configuration)
         sets.insert(sets.end(), set.bytes.begin(), set.bytes.end());
     }
     return sets;
+}
+
+// returns: whether the configuration comes from a file that was recovered with a guess
+static bool is_guess(std::span<const uint8_t> configuration)
+{
+    access_unit_converter converter;
+    return !configuration.empty() && access_unit_configure(converter, configuration) &&
+           std::any_of(converter.sets.begin(), converter.sets.end(), [](const parameter_set &set) {
+               return parameter_set_is_written_here(set.bytes);
+           });
 }
 
 // returns: parameter sets after start codes as a configuration for a file
@@ -117,6 +128,7 @@ static std::optional<found_configuration> take_named(configuration_search &self,
     if (!accept(self, found.bytes, path, true)) {
         return std::nullopt;
     }
+    found.is_guess = is_guess(found.bytes);
     return found;
 }
 
@@ -157,7 +169,10 @@ static std::optional<found_configuration> take_neighbour(configuration_search &s
             }
             read++;
             found_configuration found = {.bytes = record_of(file->bytes), .source = path};
-            if (accept(self, found.bytes, path, false)) {
+            if (is_guess(found.bytes)) {
+                self.remarks.push_back(path.string() +
+                                       ": its decoder configuration is a guess; not used");
+            } else if (accept(self, found.bytes, path, false)) {
                 return found;
             }
         } catch (const failure &) { // it is not the user's choice

@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -29,6 +30,12 @@ bool recover_file_open(recover_file &file, const std::string &path, bool to_writ
     file.descriptor = descriptor;
     file.path = path;
     return true;
+}
+
+bool recover_file_lock(const recover_file &file, bool to_write)
+{
+    const int lock = to_write ? LOCK_EX : LOCK_SH;
+    return flock(file.descriptor, lock | LOCK_NB) == 0 || errno != EWOULDBLOCK;
 }
 
 static recover_file &file_of(void *context)

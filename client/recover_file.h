@@ -22,6 +22,11 @@ struct recover_file {
 // returns: false with errno
 [[nodiscard]] bool recover_file_open(recover_file &file, const std::string &path, bool to_write);
 
+// Locks the open file against other recoveries, where the file system can.
+// in: to_write: against any other one, not only against one that writes
+// returns: false when another process has locked it
+[[nodiscard]] bool recover_file_lock(const recover_file &file, bool to_write);
+
 // returns: the callbacks on the open file, which use the record
 recovery_source_t recover_file_source(recover_file &file);
 recovery_target_t recover_file_target(recover_file &file);

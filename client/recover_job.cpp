@@ -11,6 +11,7 @@
 #include "client/terminal.h"
 #include "client/work_folder.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cstring>
 #include <fcntl.h>
@@ -23,7 +24,8 @@ namespace fs = std::filesystem;
 static constexpr int64_t kTrialBytesMax = 64 << 20;
 
 // A length of four bytes and the header of a NAL unit.
-static constexpr size_t kFrameBeginBytes = 5;
+static constexpr int64_t kLengthBytes = 4;
+static constexpr int64_t kFrameBeginBytes = kLengthBytes + 1;
 
 struct frame_place {
     int64_t offset;
@@ -44,7 +46,8 @@ struct recover_job {
     std::vector<frame_place> trial; // of the pictures that a configuration is tried with
     bool needs_trial_alone = false; // what comes after them is not wanted
     uint32_t last_ms = 0;           // of the last frame
-    std::array<uint8_t, kFrameBeginBytes> end_begin = {}; // of the cut frame
+    uint8_t end_begin = 0;          // the first byte after the last whole frame
+    bool has_cut_picture = false;   // there
 };
 
 static recover_job &job_of(void *context)
@@ -80,15 +83,38 @@ static void note_frame(void *context, const recovery_frame_t *frame)
     }
 }
 
+// returns: whether NAL units follow one another up to the end of the file, where the picture ends
+static bool is_cut_picture(const recovery_source_t &media, const recover_hole &end)
+{
+    static constexpr int kUnitsMax = 1000; // most of a picture
+    int64_t at = 0;
+    for (int unit = 0; unit < kUnitsMax && at < end.bytes; unit++) {
+        uint8_t begin[kFrameBeginBytes] = {};
+        if (at > 0 && end.bytes - at < kFrameBeginBytes) {
+            return true;
+        }
+        (void)media.read_at(media.context, end.offset + at, begin, kFrameBeginBytes);
+        const int64_t unit_bytes = begin[1] << 16 | begin[2] << 8 | begin[3]; // less than 16 MiB
+        const int nal_unit_type = begin[4] & 0x1F;
+        if (begin[0] != 0 || unit_bytes == 0 || (begin[4] & 0x80) != 0 || nal_unit_type == 0 ||
+            nal_unit_type > 9) {
+            return false;
+        }
+        at += kLengthBytes + unit_bytes;
+    }
+    return at >= end.bytes;
+}
+
 static void note_hole(void *context, const recovery_hole_t *hole)
 {
     recover_job &self = job_of(context);
     const recover_hole place = {hole->offset, hole->bytes, self.last_ms};
     if (hole->is_end != 0) {
         self.outcome.end = place;
-        self.end_begin = {};
+        // In place, these bytes will be cut off.
         const recovery_source_t &media = self.input.media;
-        (void)media.read_at(media.context, hole->offset, self.end_begin.data(), kFrameBeginBytes);
+        (void)media.read_at(media.context, hole->offset, &self.end_begin, sizeof self.end_begin);
+        self.has_cut_picture = is_cut_picture(media, place);
     } else {
         self.outcome.holes.push_back(place);
     }
@@ -97,13 +123,21 @@ static void note_hole(void *context, const recovery_hole_t *hole)
 static void open_media(recover_job &self)
 {
     const std::string &path = self.broken.path;
-    if (self.broken.is_in_use) {
-        throw failure(exit_code::input, path + ": is being recorded now");
-    }
+    const auto refuse_if = [&](bool is_in_use) {
+        if (is_in_use) {
+            throw failure(exit_code::input,
+                          path + ": is being recorded, or recovered by another command, now");
+        }
+    };
+    refuse_if(self.broken.is_in_use);
     if (!recover_file_open(self.media, path, self.options.in_place)) {
-        const std::string reason = errno == EINVAL ? "is not a regular file" : std::strerror(errno);
+        const std::string reason = errno == EINVAL ? "is not a regular file"
+                                   : errno == EACCES
+                                       ? "cannot be opened: it may belong to another user"
+                                       : std::strerror(errno);
         throw failure(exit_code::input, path + ": " + reason);
     }
+    refuse_if(!recover_file_lock(self.media, self.options.in_place));
     self.input.media = recover_file_source(self.media);
 }
 
@@ -175,7 +209,7 @@ static std::string finished_text(const recover_job &self)
     std::string text = self.broken.path + ": nothing to recover: the file is finished";
     if (!self.broken.left.empty()) {
         text += "; to move it to its place: mv " + shell_word(file_path(self)) + " " +
-                shell_word(self.broken.output);
+                shell_word(recover_output_of(self.broken));
     }
     return text + (self.broken.journal.empty()
                        ? ""
@@ -185,8 +219,9 @@ static std::string finished_text(const recover_job &self)
 static std::string no_configuration_text(const recover_job &self)
 {
     return self.broken.path +
-           ": the pictures have no decoder configuration, and there is no journal of the "
-           "recording. It can come from another recording of the same channel (--like MP4), from "
+           ": the pictures have no decoder configuration, and the recording has no " +
+           (self.broken.journal.empty() ? "journal" : "journal that can be used") +
+           ". It can come from another recording of the same channel (--like MP4), from "
            "parameter sets (--parameter-sets FILE)" +
            (self.options.guess ? "" : ", or be guessed (--guess)");
 }
@@ -205,6 +240,10 @@ static std::string no_configuration_text(const recover_job &self)
                               const std::string &output_error)
 {
     const std::string &path = self.broken.path;
+    const std::string journal_flaw = recover_journal_flaw(self.outcome.report);
+    if (!journal_flaw.empty()) {
+        self.outcome.remarks.push_back(self.broken.journal + ": " + journal_flaw);
+    }
     std::string message = self.outcome.report.message;
     if (!message.empty()) { // it follows the path
         message[0] = static_cast<char>(std::tolower(static_cast<unsigned char>(message[0])));
@@ -330,10 +369,12 @@ static void read_back(recover_job &self, int file)
 
 static void recover_to_output(recover_job &self)
 {
-    const std::string output =
-        self.options.output.empty() ? self.broken.output : self.options.output;
+    const bool is_named = !self.options.output.empty();
+    const std::string output = is_named ? self.options.output : recover_output_of(self.broken);
     self.outcome.output = output;
-    const std::unique_ptr<work_folder> folder = work_folder_make(output, self.options.force);
+    // A name that was chosen here belongs to no file that the user wants to have replaced.
+    const std::unique_ptr<work_folder> folder =
+        work_folder_make(output, is_named && self.options.force);
     output_place_check_inputs(output, {self.broken.path, self.broken.journal, self.options.like,
                                        self.options.parameter_sets});
     const int32_t result = run_with_configuration(self, *folder, write_file);
@@ -348,10 +389,11 @@ static void recover_to_output(recover_job &self)
     (void)fsync(folder->place->directory); // not every file system can
 }
 
-// The file is on the storage: its journal is not needed any more.
+// The file is on the storage: its journal is not needed any more. One that was not used may be that
+// of another recording.
 static void remove_journal(const recover_job &self)
 {
-    if (self.broken.journal.empty()) {
+    if (self.outcome.report.journal != RECOVERY_JOURNAL_USED) {
         return;
     }
     const fs::path path = self.broken.journal; // or a link to it
@@ -382,20 +424,17 @@ static void recover_in_place(recover_job &self)
     remove_journal(self);
 }
 
-// returns: what the cut frame was, from its first bytes
+// returns: what the cut frame was
 static std::string end_kind(const recover_job &self)
 {
-    const std::array<uint8_t, kFrameBeginBytes> &begin = self.end_begin;
-    const int id_syn_ele = begin[0] >> 5; // of AAC: 0 a single channel, 1 a pair
-    const bool is_length = begin[0] == 0; // of less than 16 MiB
-    const int nal_unit_type = begin[4] & 0x1F;
-    const bool is_picture = is_length && (begin[1] | begin[2] | begin[3]) != 0 &&
-                            (begin[4] & 0x80) == 0 && nal_unit_type != 0 && nal_unit_type <= 9;
-    if (is_picture) {
+    static constexpr int64_t kChannelBytesMax = 6144 / 8; // of an AAC frame
+    if (self.has_cut_picture) {
         return "a picture";
     }
-    const bool is_blank = begin == std::array<uint8_t, kFrameBeginBytes>();
-    const bool is_sound = id_syn_ele == self.outcome.report.channels - 1 && !is_blank;
+    const int id_syn_ele = self.end_begin >> 5; // 0 a single channel, 1 a pair
+    const int channels = self.outcome.report.channels;
+    const bool is_sound = id_syn_ele == channels - 1 && self.end_begin != 0 &&
+                          self.outcome.end->bytes < kChannelBytesMax * channels;
     return is_sound ? "a sound frame" : "data of no frame";
 }
 

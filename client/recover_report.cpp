@@ -46,24 +46,29 @@ static std::string times_text(const recovery_report_t &report)
     }
     return "exact, from the journal" +
            (rest == 0 ? ""
-                      : "; " + count_text(rest, "frame") + " after its end at a steady rate" +
+                      : "; " + count_text(rest, "frame") + " without a record at a steady rate" +
                             frame_rate_text(report));
+}
+
+std::string recover_journal_flaw(const recovery_report_t &report)
+{
+    switch (report.journal) {
+    case RECOVERY_JOURNAL_DAMAGED:
+        return "damaged; not used";
+    case RECOVERY_JOURNAL_OTHER_VERSION:
+        return format_text("of version %u, which this command does not read; not used",
+                           report.journal_version);
+    case RECOVERY_JOURNAL_OTHER_FILE:
+        return "of another recording; not used";
+    default:
+        return "";
+    }
 }
 
 static std::string journal_text(const recovery_report_t &report)
 {
-    switch (report.journal) {
-    case RECOVERY_JOURNAL_DAMAGED:
-        return "  Journal   damaged; not used\n";
-    case RECOVERY_JOURNAL_OTHER_VERSION:
-        return format_text(
-            "  Journal   of version %u, which this command does not read; not used\n",
-            report.journal_version);
-    case RECOVERY_JOURNAL_OTHER_FILE:
-        return "  Journal   of another recording; not used\n";
-    default:
-        return "";
-    }
+    const std::string flaw = recover_journal_flaw(report);
+    return flaw.empty() ? "" : "  Journal   " + flaw + "\n";
 }
 
 static std::string holes_text(const recover_outcome &outcome)
@@ -105,7 +110,7 @@ std::string recover_text(const recover_outcome &outcome)
                         static_cast<long long>(report.media_bytes),
                         static_cast<long long>(report.file_bytes));
     text += "  Decoder   configuration from " + outcome.configuration +
-            (outcome.is_guess ? ": brightness and colours may be wrong" : "") + "\n";
+            (outcome.is_guess ? ": size, brightness and colours may be wrong" : "") + "\n";
     text += "  Times     " + times_text(report) + "\n" + journal_text(report);
     if (outcome.end) {
         text += "  Cut       " + outcome.end_kind + ", " + place_text(*outcome.end) + "\n";
@@ -183,9 +188,14 @@ static json outcome_json(const recover_outcome &outcome)
     return object;
 }
 
-std::string recover_json(const std::vector<recover_outcome> &outcomes, int status)
+std::string recover_json(const std::vector<recover_outcome> &outcomes, const std::string &error,
+                         int status)
 {
-    json object = {{"recordings", json::array()}, {"exit_status", status}};
+    json object = {{"recordings", json::array()}};
+    if (!error.empty()) {
+        object["error"] = error;
+    }
+    object["exit_status"] = status;
     for (const recover_outcome &outcome : outcomes) {
         object["recordings"].push_back(outcome_json(outcome));
     }

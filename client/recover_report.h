@@ -37,7 +37,12 @@ struct recover_outcome {
 // returns: a few lines, the last one with its newline
 std::string recover_text(const recover_outcome &outcome);
 
+// returns: why the journal was not used, without a full stop; empty when it was, or is missing
+std::string recover_journal_flaw(const recovery_report_t &report);
+
+// in: error: why there are no recordings; empty when there are
 // returns: one JSON object and a newline
-std::string recover_json(const std::vector<recover_outcome> &outcomes, int status);
+std::string recover_json(const std::vector<recover_outcome> &outcomes, const std::string &error,
+                         int status);
 
 #endif // CLIENT_RECOVER_REPORT_H

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <fcntl.h>
 #include <filesystem>
+#include <set>
 #include <sys/file.h>
 #include <unistd.h>
 
@@ -33,24 +34,10 @@ static fs::path full_path(const fs::path &path)
     return error ? path : full;
 }
 
-static void lock_folder(broken_recording &found, const fs::path &folder, bool to_change)
+std::string recover_output_of(const broken_recording &broken)
 {
-    const fs::path full = full_path(folder);
-    const int directory = open(full.parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (directory < 0) {
-        return;
-    }
-    found.lock = std::make_unique<found_folder>();
-    const bool is_there =
-        locked_folder_find(*found.lock, directory, full.filename(), to_change ? LOCK_EX : LOCK_SH);
-    close(directory);
-    found.is_in_use = is_there && found.lock->state == folder_state::in_use;
-}
-
-// returns: DIRECTORY/STEM SUFFIX EXTENSION, or with a number, as a path that does not exist
-static std::string choose_output(const fs::path &directory, const std::string &name,
-                                 const std::string &suffix)
-{
+    const fs::path directory = broken.output_folder;
+    const std::string &name = broken.output_name, &suffix = broken.output_suffix;
     const fs::path stem = fs::path(name).stem();
     const std::string extension =
         fs::path(name).has_extension() ? fs::path(name).extension().string() : ".mp4";
@@ -107,27 +94,60 @@ static fs::path left_folder_of(const fs::path &file, std::string &output_name)
         folder = full_path(folder.empty() ? "." : folder);
         folder = folder.filename() == kCardName ? folder.parent_path() : folder;
     }
+    std::error_code error;
+    folder = fs::is_symlink(folder, error) ? full_path(folder) : folder;
     return is_left_folder(folder.filename(), output_name) ? folder : fs::path();
+}
+
+// Other commands may use the folder of a file that "record" did not make: its lock is not kept.
+static void lock_folder(broken_recording &found, const fs::path &folder, int lock, bool to_keep)
+{
+    const int directory = open(folder.parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (directory < 0) {
+        return;
+    }
+    std::unique_ptr<found_folder> place = std::make_unique<found_folder>();
+    const bool is_there = locked_folder_find(*place, directory, folder.filename(), lock);
+    close(directory);
+    found.is_in_use |= is_there && place->state == folder_state::in_use;
+    if (to_keep) {
+        found.locks.push_back(std::move(place));
+    }
+}
+
+// A link may lead from one folder of "record" into another, or from anywhere into one.
+static void lock_folders(broken_recording &found, bool to_change)
+{
+    fs::path locked;
+    for (const fs::path &file : {fs::path(found.path), full_path(found.path)}) {
+        std::string output_name;
+        const fs::path left = left_folder_of(file, output_name);
+        const fs::path beside = file.has_parent_path() ? file.parent_path() : ".";
+        const fs::path folder = full_path(left.empty() ? beside : left);
+        if (folder != locked) { // a second lock would wait for the first one
+            const bool is_left = !left.empty();
+            lock_folder(found, folder, is_left && to_change ? LOCK_EX : LOCK_SH, is_left);
+        }
+        locked = folder;
+    }
 }
 
 static broken_recording look_at_file(const fs::path &file, bool to_change)
 {
     broken_recording found = {.path = file.string()};
     std::string output_name;
-    const fs::path folder = left_folder_of(file, output_name);
-    if (!folder.empty()) {
-        const fs::path beside = folder.parent_path();
-        found.left = folder.string();
-        found.neighbours = beside.empty() ? "." : beside.string();
-        found.output = choose_output(beside, output_name, "");
-        lock_folder(found, folder, to_change);
-    } else {
-        const fs::path beside = file.parent_path();
-        found.neighbours = beside.empty() ? "." : beside.string();
-        found.output = choose_output(beside, file.filename(), "-recovered");
-        lock_folder(found, found.neighbours, false);
-        found.lock.reset(); // other commands may use the same folder
+    fs::path folder = left_folder_of(file, output_name);
+    if (folder.empty()) {
+        folder = left_folder_of(full_path(file), output_name);
     }
+    const bool is_left = !folder.empty();
+    const fs::path beside = is_left ? folder.parent_path() : file.parent_path();
+    found.left = folder.string();
+    found.neighbours = beside.empty() ? "." : beside.string();
+    found.output_folder = beside.string();
+    found.output_name = is_left ? output_name : file.filename().string();
+    found.output_suffix = is_left ? "" : "-recovered";
+    lock_folders(found, to_change);
     find_companions(found);
     return found;
 }
@@ -135,10 +155,12 @@ static broken_recording look_at_file(const fs::path &file, bool to_change)
 // returns: the recording in a folder that "record" left; empty when there is none
 static fs::path file_in(const fs::path &folder)
 {
-    std::error_code missing;
+    std::error_code error;
     for (const fs::path &name :
          {fs::path(kRecordingName), fs::path(kCardName) / kRecordingName, fs::path(kCopyName)}) {
-        if (fs::exists(fs::symlink_status(folder / name, missing))) {
+        // What cannot be looked at may be a recording: opening it gives the reason.
+        if (fs::exists(fs::symlink_status(folder / name, error)) ||
+            error == std::errc::permission_denied) {
             return folder / name;
         }
     }
@@ -158,6 +180,7 @@ static void look_into_folder(const fs::path &folder, bool to_change,
         throw failure(exit_code::input, folder.string() + ": " + error.message());
     }
     std::sort(names.begin(), names.end());
+    std::set<fs::path> seen; // a link beside its target is the same recording
     for (const fs::path &name : names) {
         std::string output_name;
         const bool is_folder = fs::is_directory(fs::symlink_status(name, error));
@@ -169,7 +192,7 @@ static void look_into_folder(const fs::path &folder, bool to_change,
                     is_broken_recording(name))) {
             file = name;
         }
-        if (!file.empty()) {
+        if (!file.empty() && seen.insert(full_path(file)).second) {
             list.push_back(
                 look_at_file(folder == "." ? file.lexically_relative(".") : file, to_change));
         }

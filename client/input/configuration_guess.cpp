@@ -5,12 +5,14 @@
 
 #include <algorithm>
 
-// The common sizes of such programmes, the most common first.
+// The common sizes of such programmes, the most common first. Of one width the greatest height
+// comes first: a decoder does not complain about data below the picture, but about data that are
+// missing.
 static constexpr struct {
     unsigned width, height;
-} kSizes[] = {{320, 240}, {352, 288}, {176, 144}, {320, 192}, {320, 180}, {224, 176}, {240, 180},
-              {256, 192}, {160, 120}, {400, 240}, {480, 272}, {480, 320}, {640, 360}, {640, 480},
-              {720, 480}, {720, 576}, {128, 96},  {240, 320}, {800, 480}, {1280, 720}};
+} kSizes[] = {{320, 240}, {352, 288}, {176, 144}, {320, 192}, {320, 180}, {224, 176}, {240, 320},
+              {240, 180}, {256, 192}, {160, 120}, {400, 240}, {480, 320}, {480, 272}, {640, 480},
+              {640, 360}, {720, 576}, {720, 480}, {128, 96},  {800, 480}, {1280, 720}};
 
 static constexpr unsigned kReferenceCounts[] = {1, 2, 3, 4, 5, 6, 7, 8, 16};
 

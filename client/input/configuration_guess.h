@@ -1,8 +1,8 @@
 // Searches for parameter sets with which pictures decode that have lost theirs.
 //
 // The slice headers show how many bits the numbers in them take; what remains is tried with a
-// decoder. A parser cannot see the offsets of the quantiser, nor the cropping: brightness, colours
-// and the edges may be wrong.
+// decoder. It cannot notice wrong offsets of the quantiser, wrong cropping, or a height that is too
+// small: size, brightness and colours may be wrong.
 #ifndef CLIENT_INPUT_CONFIGURATION_GUESS_H
 #define CLIENT_INPUT_CONFIGURATION_GUESS_H
 

@@ -1,11 +1,17 @@
 #include "client/input/parameter_set_writer.h"
 
+#include "client/input/nal_unit.h"
+
 #include <algorithm>
 
 static constexpr unsigned kMacroblock = 16;                          // pixels
 static constexpr unsigned kBaseline = 66, kMain = 77, kHigh = 100;   // profile_idc
 static constexpr uint8_t kSpsHeader = 0x67, kPpsHeader = 0x68;       // nal_ref_idc 3
 static constexpr uint8_t kConstrained = 0xC0, kUnconstrained = 0x40; // constraint_set0, 1
+
+// pic_init_qs has a meaning only for SP and SI slices, which these profiles do not have: it marks
+// the sets as ours. Others leave it at 26, or repeat the quantiser of the pictures.
+static constexpr int kMarkQs = 1;
 
 struct bit_writer {
     std::vector<uint8_t> bytes;
@@ -139,7 +145,7 @@ static void append_picture_set(std::vector<uint8_t> &sets, const set_values &val
     put(out, values.has_weights, 1);             // weighted_pred_flag
     put(out, 0, 2);                              // weighted_bipred_idc
     put_se(out, values.initial_qp - 26);         // pic_init_qp_minus26
-    put_se(out, 0);                              // pic_init_qs_minus26
+    put_se(out, kMarkQs - 26);                   // pic_init_qs_minus26
     put_se(out, 0);                              // chroma_qp_index_offset
     put(out, values.has_deblocking, 1);          // deblocking_filter_control_present_flag
     put(out, values.has_closed_intra, 1);        // constrained_intra_pred_flag
@@ -159,4 +165,26 @@ std::vector<uint8_t> parameter_sets_write(const set_values &values)
     append_sequence_set(sets, values);
     append_picture_set(sets, values);
     return sets;
+}
+
+bool parameter_set_is_written_here(std::span<const uint8_t> nal)
+{
+    if (nal.empty() || nal_type(nal) != kNalPps) {
+        return false;
+    }
+    nal_head head = nal_head_open(nal, 0);
+    // clang-format off
+    (void)nal_head_ue(head);                     // pic_parameter_set_id
+    (void)nal_head_ue(head);                     // seq_parameter_set_id
+    (void)nal_head_u(head, 1);                   // entropy_coding_mode_flag
+    (void)nal_head_u(head, 1);                   // bottom_field_pic_order_in_frame_present_flag
+    (void)nal_head_ue(head);                     // num_slice_groups_minus1
+    (void)nal_head_ue(head);                     // num_ref_idx_l0_default_active_minus1
+    (void)nal_head_ue(head);                     // num_ref_idx_l1_default_active_minus1
+    (void)nal_head_u(head, 1);                   // weighted_pred_flag
+    (void)nal_head_u(head, 2);                   // weighted_bipred_idc
+    (void)nal_head_ue(head);                     // pic_init_qp_minus26
+    const auto qs = nal_head_ue(head);           // pic_init_qs_minus26
+    // clang-format on
+    return qs == 2u * (26 - kMarkQs); // se(v) of a negative number
 }

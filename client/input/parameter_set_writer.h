@@ -3,6 +3,7 @@
 #define CLIENT_INPUT_PARAMETER_SET_WRITER_H
 
 #include <cstdint>
+#include <span>
 #include <vector>
 
 // Progressive 4:2:0 pictures of 8 bits. What is not here has the value that is usual.
@@ -23,5 +24,9 @@ struct set_values {
 // returns: a sequence and a picture parameter set, each after a start code
 // source: ISO/IEC 14496-10, 7.3.2.1 and 7.3.2.2
 std::vector<uint8_t> parameter_sets_write(const set_values &values);
+
+// in: nal: any NAL unit
+// returns: whether it is a picture parameter set that was written here: a guess
+[[nodiscard]] bool parameter_set_is_written_here(std::span<const uint8_t> nal);
 
 #endif // CLIENT_INPUT_PARAMETER_SET_WRITER_H

@@ -8,7 +8,7 @@ namespace fs = std::filesystem;
 using nlohmann::json;
 
 #define RECOVER TDMBREC "recover "
-#define LEFT_BY_KILL "k.mp4.recording"
+#define LEFT "k.mp4.recording"
 #define JOURNAL "recording.mp4.journal"
 
 struct frame {
@@ -42,16 +42,19 @@ class RecoverCommand : public CommandTest {
         return frames;
     }
 
-    // Records the sample whole, and kills another recording of it. The last group of that one's
-    // journal is then followed by frames, and the file ends within a frame.
-    void record_and_kill()
+    // Records the sample whole, and interrupts another recording of it by a limit for its size, at
+    // once, or by a kill. The last group of its journal is then followed by frames, and the file
+    // ends within a frame.
+    void record_and_interrupt(bool is_killed = false)
     {
+        const std::string record = RECORD "--checkpoint 0.5 " SAMPLE "-o k.mp4 ";
+        const std::string kill =
+            "{ " + record +
+            "--realtime & p=$!; until [ $(stat -c %s " LEFT "/" JOURNAL " || echo 0) -gt 900 ]; do "
+            "kill -0 $p || exit 1; sleep 0.05; done; kill -9 $p; wait $p; true; }";
         const command_result made =
-            shell(RECORD SAMPLE
-                  "-o whole.mp4 && mkdir aside && mv whole.mp4 aside && "
-                  "{ " RECORD "--realtime --checkpoint 0.5 " SAMPLE "-o k.mp4 & p=$!; "
-                  "until [ $(stat -c %s " LEFT_BY_KILL "/" JOURNAL " || echo 0) -gt 900 ]; do "
-                  "kill -0 $p || exit 1; sleep 0.05; done; kill -9 $p; wait $p; true; }");
+            shell(RECORD SAMPLE "-o whole.mp4 && mkdir aside && mv whole.mp4 aside && " +
+                  (is_killed ? kill : "(ulimit -f 300; " + record + "); [ -e " LEFT " ]"));
         if (made.status != 0) {
             GTEST_SKIP() << "no storage: " << made.err;
         }
@@ -60,11 +63,11 @@ class RecoverCommand : public CommandTest {
 
 TEST_F(RecoverCommand, BringsAKilledRecordingBackExactly)
 {
-    record_and_kill();
-    const std::string before = shell("cksum " LEFT_BY_KILL "/*").out;
-    const command_result result = shell(RECOVER LEFT_BY_KILL);
+    record_and_interrupt(true);
+    const std::string before = shell("cksum " LEFT "/*").out;
+    const command_result result = shell(RECOVER LEFT);
     EXPECT_EQ(result.status, 0) << result.err;
-    EXPECT_EQ(shell("cksum " LEFT_BY_KILL "/*").out, before);
+    EXPECT_EQ(shell("cksum " LEFT "/*").out, before);
     for (const char *const handler : {"vide", "soun"}) {
         const std::vector<frame> whole = frames_of("aside/whole.mp4", handler);
         const std::vector<frame> back = frames_of("k.mp4", handler);
@@ -86,13 +89,16 @@ TEST_F(RecoverCommand, BringsAKilledRecordingBackExactly)
 
 TEST_F(RecoverCommand, SaysWhatCameBackAndFromWhere)
 {
-    record_and_kill();
+    record_and_interrupt();
     const std::string media = "k/recording.mp4 ", alone = "rm k/" JOURNAL "; ";
     const std::string zero =
         "dd if=/dev/zero of=" + media + "bs=4096 seek=9 count=1 conv=notrunc; ";
+    const std::string other_version =
+        "printf '\\377' | dd of=k/" JOURNAL " bs=1 seek=5 conv=notrunc; ";
     const std::string as_left = "mv k o.mp4.recording; ";
+    const char *const now = ": is being recorded, or recovered by another command, now\n";
     const struct {
-        std::string change; // of the folder k, a copy of what the kill left
+        std::string change; // of the folder k, a copy of what was left
         std::string line;
         int status;
         const char *output;   // empty: none is made
@@ -105,10 +111,12 @@ TEST_F(RecoverCommand, SaysWhatCameBackAndFromWhere)
         {"", media + "-o o.mp4", 0, "o.mp4", " pictures and "},
         {"", "k", 0, "k/recording-recovered.mp4", "k/recording-recovered.mp4: "},
         {"truncate -s -70 " + media + "; ", media + "-o o.mp4", 0, "o.mp4", "\n  Cut       a "},
+        {"head -c 4000 /dev/zero >> " + media + "; ", media + "-o o.mp4", 0, "o.mp4",
+         "\n  Cut       data of no frame, "},
         {zero, media + "-o o.mp4", 21, "o.mp4", "\n  Hole      "},
         {zero, media + "--in-place", 4, "", "has holes, and can only be recovered to another file"},
-        {"printf '\\377' | dd of=k/" JOURNAL " bs=1 seek=5 conv=notrunc; ",
-         media + "-o o.mp4 --like aside/whole.mp4", 0, "o.mp4", "Journal   of version 255, which"},
+        {other_version, media + "-o o.mp4 --like aside/whole.mp4", 0, "o.mp4",
+         "Journal   of version 255, which"},
         {alone, media + "-o o.mp4", 4, "", "(--parameter-sets FILE), or be guessed (--guess)\n"},
         {alone, media + "-o o.mp4 --like aside/whole.mp4", 0, "o.mp4", "from aside/whole.mp4\n"},
         {alone + "cp aside/whole.mp4 k/; ", media + "-o o.mp4", 0, "o.mp4", "from k/whole.mp4\n"},
@@ -119,7 +127,15 @@ TEST_F(RecoverCommand, SaysWhatCameBackAndFromWhere)
         {"echo > o.mp4; ", media + "-o o.mp4", 5, "", "o.mp4: exists already"},
         {"echo > o.mp4; ", media + "-f -o o.mp4", 0, "o.mp4", ""},
         {"ulimit -f 100; ", media + "-o o.mp4", 5, "", "o.mp4: File too large\n"},
-        {as_left + "flock o.mp4.recording ", "o.mp4.recording", 3, "", "is being recorded now\n"},
+        {as_left + "flock o.mp4.recording ", "o.mp4.recording", 3, "", now},
+        {"flock k ", media + "-o o.mp4", 3, "", now},
+        {as_left + "ln -s o.mp4.recording/recording.mp4 o; flock -s o.mp4.recording ",
+         "--in-place o", 3, "", now},
+        {"flock -s " + media, media + "--in-place", 3, "", now},
+        {"flock " + media, media + "-o o.mp4", 3, "", now},
+        {as_left + "mkdir k; ln -s ../o.mp4.recording k/l; ", "k/l", 0, "o.mp4",
+         "/o.mp4.recording when the file plays"},
+        {as_left + "ln -s o.mp4.recording/recording.mp4 o; ", ".", 0, "o.mp4", ""},
         {"", "aside/whole.mp4", 9, "", "nothing to recover: the file is finished\n"},
         {as_left + "cp aside/whole.mp4 o.mp4.recording/recording.mp4; ", "o.mp4.recording", 9, "",
          "to move it to its place: mv o.mp4.recording/recording.mp4 o.mp4; "},
@@ -127,13 +143,25 @@ TEST_F(RecoverCommand, SaysWhatCameBackAndFromWhere)
          "k/o.mp4", "k/m.mp4: "},
         {"mkdir k/l; mv k/r* k/l; cp -r k/l k/m.mp4.recording; mv k/l k/o.mp4.recording; ",
          "k -o o.mp4", 2, "", "k: holds 2 recordings, and --output names only one file\n"},
+        {"mkdir k/l; mv k/r* k/l; cp -r k/l k/o.mp4.recording-2; mv k/l k/o.mp4.recording; ",
+         "-f k", 0, "k/o.mp4", "k/o-recovered.mp4: "},
+        {"mkdir k/l; mv k/r* k/l; cp -r k/l k/m.mp4.recording; mv k/l k/o.mp4.recording; "
+         "dd if=/dev/zero of=k/m.mp4.recording/recording.mp4 bs=4096 seek=9 count=1 conv=notrunc; ",
+         "k", 21, "k/o.mp4", "\n  Hole      "},
+        {"cp aside/whole.mp4 " + media + "; ", "k", 9, "", "journal is not needed any more\n"},
+        {as_left + "chmod 0 o.mp4.recording; if [ $(id -u) = 0 ]; then "
+                   "drop='setpriv --inh-caps=-all --bounding-set=-all'; fi; $drop ",
+         ".", 3, "", "recording.mp4: cannot be opened: it may belong to another user\n"},
+        {other_version, media + "--in-place --like aside/whole.mp4 && ls k/" JOURNAL, 0, "",
+         "\nk/" JOURNAL "\n"},
+        {other_version, media + "-o o.mp4", 4, "", JOURNAL ": of version 255, which"},
         {"rm k/*; ", "k", 9, "", "k: nothing to recover: no interrupted recording is in it\n"},
         {": > " + media + "; ", media, 3, "", "recording.mp4: no complete picture is in the reco"},
         {"", "programme.wav", 3, "", "programme.wav: the file is not one of the recorder\n"},
         {"", "missing", 3, "", "missing: No such file or directory\n"},
         {"", "/dev/null", 3, "", "/dev/null: is not a regular file\n"},
     };
-    const std::string clean = "rm -rf k o*; cp -r " LEFT_BY_KILL " k; ";
+    const std::string clean = "chmod -f 700 o*; rm -rf k o*; cp -r " LEFT " k; ";
     for (const auto &[change, line, status, output, sentence] : cases) {
         const std::string all = clean + change + RECOVER + line;
         SCOPED_TRACE(all);
@@ -149,11 +177,10 @@ TEST_F(RecoverCommand, SaysWhatCameBackAndFromWhere)
 
 TEST_F(RecoverCommand, FinishesAFileInPlace)
 {
-    record_and_kill();
-    const command_result result =
-        shell("truncate -s -9 " LEFT_BY_KILL "/recording.mp4; "
-              "cp -r " LEFT_BY_KILL " o.mp4.recording; " RECOVER LEFT_BY_KILL " && " RECOVER
-              "--in-place o.mp4.recording");
+    record_and_interrupt();
+    const command_result result = shell("truncate -s -9 " LEFT "/recording.mp4; "
+                                        "cp -r " LEFT " o.mp4.recording; " RECOVER LEFT
+                                        " && " RECOVER "--in-place o.mp4.recording");
     EXPECT_EQ(result.status, 0) << result.err;
     EXPECT_EQ(shell("cmp k.mp4 o.mp4.recording/recording.mp4 && ls o.mp4.recording").out,
               "recording.mp4\n");
@@ -167,11 +194,11 @@ TEST_F(RecoverCommand, FinishesAFileInPlace)
 
 TEST_F(RecoverCommand, PrintsAllOfItAsJson)
 {
-    record_and_kill();
-    const std::string media = LEFT_BY_KILL "/recording.mp4";
+    record_and_interrupt();
+    const std::string media = LEFT "/recording.mp4";
     shell("for at in 5 20; do dd if=/dev/zero of=" + media +
           " bs=4096 seek=$at count=1 conv=notrunc; done; truncate -s -9 " + media);
-    const command_result result = shell(RECOVER "--json " LEFT_BY_KILL);
+    const command_result result = shell(RECOVER "--json " LEFT);
     EXPECT_EQ(result.status, 21) << result.err;
     const json report = json::parse(result.out, nullptr, false);
     ASSERT_TRUE(report.is_object() && report["recordings"].size() == 1) << result.out;
@@ -190,6 +217,10 @@ TEST_F(RecoverCommand, PrintsAllOfItAsJson)
     const int64_t all = one["media_bytes"].get<int64_t>() + one["hole_bytes"].get<int64_t>() +
                         one["cut"]["bytes"].get<int64_t>();
     EXPECT_EQ(one["source_bytes"], all + 36);
+    const json missing = json::parse(shell(RECOVER "--json missing").out, nullptr, false);
+    EXPECT_EQ(missing, json({{"recordings", json::array()},
+                             {"error", "missing: No such file or directory"},
+                             {"exit_status", 3}}));
     const json failed = json::parse(shell(RECOVER "--json k.mp4").out, nullptr, false);
     EXPECT_EQ(failed["recordings"][0]["error"], "k.mp4: nothing to recover: the file is finished");
 }
@@ -204,6 +235,7 @@ TEST_F(RecoverCommand, GuessesEveryCodingAndRefusesThatOfAnotherChannel)
         {"176x144", "-profile:v baseline -preset ultrafast", "a guess of 176 x 144 pixels: "},
         {"352x288", "-profile:v main -qp 20", "a guess of 352 x 288 pixels: "},
         {"320x240", "-profile:v high -slices 2", "a guess of 320 x 240 pixels: "},
+        {"480x320", "-profile:v baseline", "a guess of 480 x 320 pixels: "},
     };
     for (const auto &[size, coding, guess] : cases) {
         SCOPED_TRACE(coding);
@@ -223,9 +255,22 @@ TEST_F(RecoverCommand, GuessesEveryCodingAndRefusesThatOfAnotherChannel)
         EXPECT_EQ(refused.status, 4) << refused.out;
         EXPECT_TRUE(contains(refused.err, "s/s.mp4: its decoder configuration is not that of the "))
             << refused.err;
+        // A finished recording of another channel in the same folder is refused as well.
+        const command_result neighbour =
+            shell("cp s/s.mp4 .; " RECOVER "b.mp4 -o c.mp4; s=$?; rm s.mp4; exit $s");
+        EXPECT_EQ(neighbour.status, 4) << neighbour.out;
+        EXPECT_TRUE(contains(neighbour.err, ": s.mp4: its decoder configuration is not that of "))
+            << neighbour.err;
         const command_result result = shell(RECOVER "b.mp4 -o c.mp4 --guess");
         EXPECT_EQ(result.status, 22) << result.err;
         EXPECT_TRUE(contains(result.out, guess)) << result.out;
+        // The guess in the new file does not become the finding of the next recovery.
+        const command_result next = shell(RECOVER "b.mp4 -o d.mp4");
+        EXPECT_EQ(next.status, 4) << next.out;
+        EXPECT_TRUE(contains(next.err, ": c.mp4: its decoder configuration is a guess; not used\n"))
+            << next.err;
+        EXPECT_EQ(
+            shell(RECOVER "b.mp4 -f -o d.mp4 --like c.mp4; s=$?; rm -f d.mp4; exit $s").status, 22);
         // All pictures decode, not only those that the guess was tried with.
         const command_result decoded = ffmpeg("-i c.mp4 -f null -");
         EXPECT_TRUE(decoded.status == 0 && decoded.err.empty()) << decoded.err;
