@@ -133,9 +133,10 @@ TEST_F(RecoverCommand, SaysWhatCameBackAndFromWhere)
          "--in-place o", 3, "", now},
         {"flock -s " + media, media + "--in-place", 3, "", now},
         {"flock " + media, media + "-o o.mp4", 3, "", now},
-        {as_left + "mkdir k; ln -s ../o.mp4.recording k/l; ", "k/l", 0, "o.mp4",
+        {as_left + "mkdir k; ln -s ../o.mp4.recording k/l.recording; ", "k/l.recording", 0, "o.mp4",
          "/o.mp4.recording when the file plays"},
-        {as_left + "ln -s o.mp4.recording/recording.mp4 o; ", ".", 0, "o.mp4", ""},
+        {as_left + "mkdir k; mv o.mp4.recording k; ln -s o.mp4.recording/recording.mp4 k/o; ",
+         "--in-place k", 0, "k/o", ""},
         {"", "aside/whole.mp4", 9, "", "nothing to recover: the file is finished\n"},
         {as_left + "cp aside/whole.mp4 o.mp4.recording/recording.mp4; ", "o.mp4.recording", 9, "",
          "to move it to its place: mv o.mp4.recording/recording.mp4 o.mp4; "},
@@ -149,9 +150,9 @@ TEST_F(RecoverCommand, SaysWhatCameBackAndFromWhere)
          "dd if=/dev/zero of=k/m.mp4.recording/recording.mp4 bs=4096 seek=9 count=1 conv=notrunc; ",
          "k", 21, "k/o.mp4", "\n  Hole      "},
         {"cp aside/whole.mp4 " + media + "; ", "k", 9, "", "journal is not needed any more\n"},
-        {as_left + "chmod 0 o.mp4.recording; if [ $(id -u) = 0 ]; then "
-                   "drop='setpriv --inh-caps=-all --bounding-set=-all'; fi; $drop ",
-         ".", 3, "", "recording.mp4: cannot be opened: it may belong to another user\n"},
+        {as_left + "mkdir k; mv o.mp4.recording k; chmod 0 k/o.mp4.recording; if [ $(id -u) = 0 ]; "
+                   "then drop='setpriv --inh-caps=-all --bounding-set=-all'; fi; $drop ",
+         "k", 3, "", "recording.mp4: cannot be opened: it may belong to another user\n"},
         {other_version, media + "--in-place --like aside/whole.mp4 && ls k/" JOURNAL, 0, "",
          "\nk/" JOURNAL "\n"},
         {other_version, media + "-o o.mp4", 4, "", JOURNAL ": of version 255, which"},
@@ -161,7 +162,7 @@ TEST_F(RecoverCommand, SaysWhatCameBackAndFromWhere)
         {"", "missing", 3, "", "missing: No such file or directory\n"},
         {"", "/dev/null", 3, "", "/dev/null: is not a regular file\n"},
     };
-    const std::string clean = "chmod -f 700 o*; rm -rf k o*; cp -r " LEFT " k; ";
+    const std::string clean = "chmod -f 700 k/*; rm -rf k o*; cp -r " LEFT " k; ";
     for (const auto &[change, line, status, output, sentence] : cases) {
         const std::string all = clean + change + RECOVER + line;
         SCOPED_TRACE(all);
