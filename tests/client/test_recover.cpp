@@ -68,6 +68,9 @@ TEST_F(RecoverCommand, BringsAKilledRecordingBackExactly)
     const command_result result = shell(RECOVER LEFT);
     EXPECT_EQ(result.status, 0) << result.err;
     EXPECT_EQ(shell("cksum " LEFT "/*").out, before);
+    const std::string note = shell(TDMBREC "info k.mp4").err;
+    EXPECT_TRUE(contains(note, "; k.mp4 is complete, and may have been recovered from it\n"))
+        << note;
     for (const char *const handler : {"vide", "soun"}) {
         const std::vector<frame> whole = frames_of("aside/whole.mp4", handler);
         const std::vector<frame> back = frames_of("k.mp4", handler);
@@ -137,6 +140,11 @@ TEST_F(RecoverCommand, SaysWhatCameBackAndFromWhere)
          "/o.mp4.recording when the file plays"},
         {as_left + "mkdir k; mv o.mp4.recording k; ln -s o.mp4.recording/recording.mp4 k/o; ",
          "--in-place k", 0, "k/o", ""},
+        {"TMPDIR=missing ", media + "--in-place", 5, "", "(TMPDIR): No such file or directory\n"},
+        {"mkdir t; export TMPDIR=t; p=t/tdmbrec-$(printf %s-%x $(stat -c '%D %i' " + media +
+             ")).part; mkdir $p; : > $p/.tdmbrec; ",
+         media + "--in-place && rmdir t", 0, "", ""},
+        {"", media + "--in-place --force", 2, "", "--force excludes --in-place\n"},
         {"", "aside/whole.mp4", 9, "", "nothing to recover: the file is finished\n"},
         {as_left + "cp aside/whole.mp4 o.mp4.recording/recording.mp4; ", "o.mp4.recording", 9, "",
          "to move it to its place: mv o.mp4.recording/recording.mp4 o.mp4; "},
