@@ -239,7 +239,8 @@ static void add_recover(CLI::App &app, recover_options &options)
     CLI::Option *const output =
         command.add_option("-o,--output", options.output, "the MP4 file to make")
             ->type_name("FILE");
-    command.add_flag("-f,--force", options.force, "replace an existing output when finished");
+    CLI::Option *const force =
+        command.add_flag("-f,--force", options.force, "replace an existing output when finished");
     command
         .add_option("--like", options.like,
                     "take the decoder configuration from this recording of the same channel")
@@ -266,7 +267,8 @@ static void add_recover(CLI::App &app, recover_options &options)
         .add_flag("--in-place", options.in_place,
                   "finish BROKEN itself, for a full storage;\n"
                   "when this is interrupted, it can be recovered as before")
-        ->excludes(output);
+        ->excludes(output)
+        ->excludes(force);
     command.add_flag("--json", options.json, "print the outcome as JSON");
 }
 

@@ -16,6 +16,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
@@ -408,12 +409,28 @@ static void remove_journal(const recover_job &self)
     }
 }
 
+// The name is that of the media file, so that the next recovery removes what a killed one has left.
+static std::string scratch_path(const recover_job &self)
+{
+    std::error_code error;
+    const fs::path directory = fs::temp_directory_path(error);
+    if (error) {
+        throw failure(exit_code::output,
+                      "the folder for temporary files (TMPDIR): " + error.message());
+    }
+    struct stat status = {};
+    (void)fstat(self.media.descriptor, &status);
+    return (directory / format_text("tdmbrec-%llx-%llx",
+                                    static_cast<unsigned long long>(status.st_dev),
+                                    static_cast<unsigned long long>(status.st_ino)))
+        .string();
+}
+
 // The muxer's scratch files are elsewhere: the storage of the recording may be full.
 static void recover_in_place(recover_job &self)
 {
     self.outcome.is_in_place = true;
-    const fs::path scratch = fs::temp_directory_path() / ("tdmbrec-" + std::to_string(getpid()));
-    const std::unique_ptr<work_folder> folder = work_folder_make(scratch, true);
+    const std::unique_ptr<work_folder> folder = work_folder_make(scratch_path(self), true);
     const int32_t result = run_with_configuration(self, *folder, finish_in_place);
     if (result != RECOVERY_DONE) {
         const int error = self.media.error;

@@ -208,10 +208,15 @@ std::string unfinished_recording_text(const std::string &output,
         return output + ": is being recorded now, as " + recording.place;
     }
     const bool is_finished = recording.file == recording_state::finished;
+    const bool is_there =
+        unfinished_recording_look(AT_FDCWD, output).file == recording_state::finished;
     return output +
            (is_finished ? ": an earlier recording did not get this name; "
                         : ": an earlier recording was not finished; ") +
-           kept_text(recording);
+           kept_text(recording) +
+           (is_there && !is_finished
+                ? "; " + output + " is complete, and may have been recovered from it"
+                : "");
 }
 
 std::string kept_text(const unfinished_recording &recording)

@@ -68,6 +68,9 @@ TEST_F(RecoverCommand, BringsAKilledRecordingBackExactly)
     const command_result result = shell(RECOVER LEFT);
     EXPECT_EQ(result.status, 0) << result.err;
     EXPECT_EQ(shell("cksum " LEFT "/*").out, before);
+    const std::string note = shell(TDMBREC "info k.mp4").err;
+    EXPECT_TRUE(contains(note, "; k.mp4 is complete, and may have been recovered from it\n"))
+        << note;
     for (const char *const handler : {"vide", "soun"}) {
         const std::vector<frame> whole = frames_of("aside/whole.mp4", handler);
         const std::vector<frame> back = frames_of("k.mp4", handler);
@@ -133,9 +136,15 @@ TEST_F(RecoverCommand, SaysWhatCameBackAndFromWhere)
          "--in-place o", 3, "", now},
         {"flock -s " + media, media + "--in-place", 3, "", now},
         {"flock " + media, media + "-o o.mp4", 3, "", now},
-        {as_left + "mkdir k; ln -s ../o.mp4.recording k/l; ", "k/l", 0, "o.mp4",
+        {as_left + "mkdir k; ln -s ../o.mp4.recording k/l.recording; ", "k/l.recording", 0, "o.mp4",
          "/o.mp4.recording when the file plays"},
-        {as_left + "ln -s o.mp4.recording/recording.mp4 o; ", ".", 0, "o.mp4", ""},
+        {as_left + "mkdir k; mv o.mp4.recording k; ln -s o.mp4.recording/recording.mp4 k/o; ",
+         "--in-place k", 0, "k/o", ""},
+        {"TMPDIR=missing ", media + "--in-place", 5, "", "(TMPDIR): No such file or directory\n"},
+        {"mkdir t; export TMPDIR=t; p=t/tdmbrec-$(printf %s-%x $(stat -c '%D %i' " + media +
+             ")).part; mkdir $p; : > $p/.tdmbrec; ",
+         media + "--in-place && rmdir t", 0, "", ""},
+        {"", media + "--in-place --force", 2, "", "--force excludes --in-place\n"},
         {"", "aside/whole.mp4", 9, "", "nothing to recover: the file is finished\n"},
         {as_left + "cp aside/whole.mp4 o.mp4.recording/recording.mp4; ", "o.mp4.recording", 9, "",
          "to move it to its place: mv o.mp4.recording/recording.mp4 o.mp4; "},
@@ -149,9 +158,9 @@ TEST_F(RecoverCommand, SaysWhatCameBackAndFromWhere)
          "dd if=/dev/zero of=k/m.mp4.recording/recording.mp4 bs=4096 seek=9 count=1 conv=notrunc; ",
          "k", 21, "k/o.mp4", "\n  Hole      "},
         {"cp aside/whole.mp4 " + media + "; ", "k", 9, "", "journal is not needed any more\n"},
-        {as_left + "chmod 0 o.mp4.recording; if [ $(id -u) = 0 ]; then "
-                   "drop='setpriv --inh-caps=-all --bounding-set=-all'; fi; $drop ",
-         ".", 3, "", "recording.mp4: cannot be opened: it may belong to another user\n"},
+        {as_left + "mkdir k; mv o.mp4.recording k; chmod 0 k/o.mp4.recording; if [ $(id -u) = 0 ]; "
+                   "then drop='setpriv --inh-caps=-all --bounding-set=-all'; fi; $drop ",
+         "k", 3, "", "recording.mp4: cannot be opened: it may belong to another user\n"},
         {other_version, media + "--in-place --like aside/whole.mp4 && ls k/" JOURNAL, 0, "",
          "\nk/" JOURNAL "\n"},
         {other_version, media + "-o o.mp4", 4, "", JOURNAL ": of version 255, which"},
@@ -161,7 +170,7 @@ TEST_F(RecoverCommand, SaysWhatCameBackAndFromWhere)
         {"", "missing", 3, "", "missing: No such file or directory\n"},
         {"", "/dev/null", 3, "", "/dev/null: is not a regular file\n"},
     };
-    const std::string clean = "chmod -f 700 o*; rm -rf k o*; cp -r " LEFT " k; ";
+    const std::string clean = "chmod -f 700 k/*; rm -rf k o*; cp -r " LEFT " k; ";
     for (const auto &[change, line, status, output, sentence] : cases) {
         const std::string all = clean + change + RECOVER + line;
         SCOPED_TRACE(all);
