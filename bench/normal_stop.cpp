@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <exception>
 #include <fstream>
 #include <string>
 #include <vector>
@@ -95,7 +96,7 @@ static void write_file(const std::string &path, const Bytes &bytes)
     }
 }
 
-int main(int argc, char **argv)
+static void run(int argc, char **argv)
 {
     if (argc != 2 && argc != 4) {
         give_up("usage: normal_stop RECORDING [FRAMES OUTPUT]");
@@ -103,7 +104,7 @@ int main(int argc, char **argv)
     const source_recording source = read_recording(argv[1]);
     if (argc == 2) {
         list_frames(source);
-        return 0;
+        return;
     }
     const size_t count = std::strtoul(argv[2], nullptr, 10);
     if (count == 0 || count > source.frames.size()) {
@@ -113,5 +114,14 @@ int main(int argc, char **argv)
         give_up("the recording has other times or settings than those found here");
     }
     write_file(argv[3], make_file(source, count));
+}
+
+int main(int argc, char **argv)
+{
+    try {
+        run(argc, argv);
+    } catch (const std::exception &failure) {
+        give_up(failure.what());
+    }
     return 0;
 }

@@ -240,7 +240,7 @@ static std::vector<recorded_truth> make_recordings(run_state *state)
     truths.push_back(record_with_component({"sets-in-band", "600", 0, 70, true, true}));
     // Its cache overflows between two checkpoints, and its journal has several pages.
     truths.push_back(record_with_component({"long", "20000", 0, 20 * pictures / 3, true}));
-    truths.push_back(record_with_component({"tiny", "100", 0, 24, true, false, true}));
+    truths.push_back(record_with_component({"tiny", "50", 0, 24, true, false, true}));
     return truths;
 }
 

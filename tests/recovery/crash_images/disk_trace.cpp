@@ -198,6 +198,8 @@ WRAPPED int32_t __wrap_QVR_MP4_MUX(int32_t op, void **handle, void *param1, void
                       static_cast<const mp4_mux_input_t *>(param2));
     } else if (op == MUX_PUTFRAME && traced != nullptr) {
         note_frame(static_cast<const mp4_mux_putstream_t *>(param1));
+    } else if (op == MUX_CLOSE && has_tiny_caches) {
+        param1 = nullptr; // no memory for the close: it writes in small parts, too
     }
     return __real_QVR_MP4_MUX(op, handle, param1, param2);
 }
