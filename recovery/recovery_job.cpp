@@ -98,14 +98,14 @@ static int32_t find_settings(recovery_job *job)
     job->format = {};
     media_walk walk = begin_walk(job);
     walk.takes_zero_ends = true; // not known yet
-    const bool has_sound = walk.position < walk.end && media_walk_find_sound(&walk);
+    const bool has_audio = walk.position < walk.end && media_walk_find_sound(&walk);
     if (job->media.has_failed) {
         return fail_to_read(job);
     }
-    const int32_t found_rate = has_sound ? sample_rate_of(walk.sampling_index) : kUsualSampleRate;
+    const int32_t found_rate = has_audio ? sample_rate_of(walk.sampling_index) : kUsualSampleRate;
     const int32_t sample_rate = job->input->sample_rate != 0 ? job->input->sample_rate : found_rate;
-    const int32_t channels = has_sound ? walk.channels : kUsualChannels;
-    job->format = has_sound ? format_of(sample_rate, channels) : media_format{};
+    const int32_t channels = has_audio ? walk.channels : kUsualChannels;
+    job->format = has_audio ? format_of(sample_rate, channels) : media_format{};
     walk = begin_walk(job);
     job->format.takes_zero_ends = media_walk_has_zero_ends(&walk);
     if (job->media.has_failed) {

@@ -64,7 +64,7 @@ static int32_t sampling_index_of(const recording_options &how)
 struct Walk {
     std::vector<walked_frame> frames;
     int64_t end_bytes; // after the last frame
-    bool has_sound;
+    bool has_audio;
     int32_t sampling_index, channels;
 };
 
@@ -76,7 +76,7 @@ static Walk walk_over(const Bytes &bytes)
     EXPECT_TRUE(media_window_open(&window, &source));
     media_walk walk = {
         .window = &window, .position = kFirstFrame, .end = static_cast<int64_t>(bytes.size())};
-    result.has_sound = media_walk_find_sound(&walk);
+    result.has_audio = media_walk_find_sound(&walk);
     EXPECT_EQ(walk.position, kFirstFrame);
     result.sampling_index = walk.sampling_index;
     result.channels = walk.channels;

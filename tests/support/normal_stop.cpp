@@ -78,12 +78,12 @@ Bytes normal_stop(const muxer_settings &settings, const std::vector<muxed_frame>
     input.m_iAudioPrivateSize = static_cast<int32_t>(settings.audio_configuration.size());
     void *handle = nullptr;
     call_muxer(MUX_OPEN, &handle, &init, &input);
-    bool has_sound = false;
+    bool has_audio = false;
     for (const muxed_frame &frame : frames) {
         put_frame(&handle, frame);
-        has_sound = has_sound || frame.type == MUX_TYPE_AUDIO;
+        has_audio = has_audio || frame.type == MUX_TYPE_AUDIO;
     }
-    if (!has_sound) {
+    if (!has_audio) {
         put_frame(&handle, {.type = MUX_TYPE_AUDIO, .flags = MUX_FRAME_KEY, .bytes = kSilence});
     }
     call_muxer(MUX_CLOSE, &handle, nullptr, nullptr);

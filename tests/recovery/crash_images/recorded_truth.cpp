@@ -137,7 +137,7 @@ static void send_pictures(IlClient &client, const record_options &options)
                     options.has_sets_in_band ? repeat_picture_parameter_set(unit) : unit,
                     video_time_us(i));
         wait_for_checkpoint(options);
-        for (; options.has_sound && audio_time_us(audio) < video_time_us(i + 1); audio++) {
+        for (; options.has_audio && audio_time_us(audio) < video_time_us(i + 1); audio++) {
             client.send(TDMBREC_PORT_AUDIO,
                         pcm_buffer(programme, audio % pcm_buffer_count(programme)),
                         audio_time_us(audio));

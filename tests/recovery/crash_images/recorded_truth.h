@@ -38,7 +38,7 @@ struct record_options {
     const char *checkpoint_ms; // the property; empty: none
     size_t first_picture;      // of the sample programme
     size_t pictures;
-    bool has_sound;
+    bool has_audio;
     bool has_sets_in_band = false;
     bool has_tiny_caches = false; // of the muxer
 };
