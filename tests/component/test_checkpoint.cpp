@@ -172,19 +172,22 @@ TEST_F(Checkpoint, LetsOnlyItsOwnThreadAndTheStopWaitForTheStorage)
 {
     pthread_t buffer_thread = {};
     std::atomic<int> syncs = 0;
-    std::promise<void> release;
+    std::promise<void> begin, release;
     const std::shared_future<void> released = release.get_future().share();
     host_set_property(TDMBREC_CHECKPOINT_PROPERTY, "100");
     note_file_calls(nullptr, [&](const std::string &call) {
         if (call.starts_with("write ")) {
             buffer_thread = pthread_self(); // the only one that writes groups before the stop
         } else if (call == "fdatasync" && syncs++ == 0) {
+            begin.set_value();
             released.wait(); // a device that does not answer
         }
         return false;
     });
     const auto client = make_recorder();
-    send_programme(*client, 60);
+    send_programme(*client, 10);
+    begin.get_future().wait();
+    send_programme(*client, 50, 10);
     EXPECT_EQ(syncs, 1) << "the buffers were consumed meanwhile";
     const JournalContent content = read_journal(read_file(kJournal), read_file(kRecording));
     EXPECT_GT(content.frames.size(), 100u);
@@ -263,13 +266,26 @@ TEST_F(Checkpoint, SyncsTheFileTheJournalAndTheirFolderAndClosesAllOfThem)
         const std::filesystem::directory_iterator files("/proc/self/fd");
         return std::distance(begin(files), end(files));
     };
-    NotedCalls calls;
     (void)record("1000", 60);
     const auto open_before = open_files();
-    (void)record("1000", 60, &calls);
+    NotedCalls calls;
+    std::promise<void> first;
+    note_file_calls(&calls, [&](const std::string &call) {
+        if (call == "fsync") {
+            first.set_value();
+        }
+        return false;
+    });
+    const auto client = make_recorder();
+    send_programme(*client, 10);
+    first.get_future().wait();
+    send_programme(*client, 50, 10);
+    client->stop();
+    EXPECT_EQ(client->wait_for_end(), 1u);
+    client->to_loaded();
     EXPECT_EQ(open_files(), open_before);
     std::erase_if(calls, [](const std::string &call) { return !call.ends_with("sync"); });
-    ASSERT_GE(calls.size(), 5u);
+    ASSERT_GE(calls.size(), 4u);
     EXPECT_EQ(std::count(calls.begin(), calls.end(), "fsync"), 1);
     EXPECT_EQ(calls[2], "fsync");
     EXPECT_EQ(calls.size() % 2, 0u) << "each time both files, at the end the recording";
@@ -279,11 +295,19 @@ TEST_F(Checkpoint, SyncsTheFileTheJournalAndTheirFolderAndClosesAllOfThem)
 TEST_F(Checkpoint, KeepsTheJournalAfterASyncThatFailed)
 {
     std::atomic<int> syncs = 0;
+    std::promise<void> failed;
+    on_log = [&](const LogLine &line) {
+        if (line.text.starts_with("Checkpoint: nothing is synced")) {
+            failed.set_value();
+        }
+    };
     host_set_property(TDMBREC_CHECKPOINT_PROPERTY, "100");
     note_file_calls(nullptr,
                     [&](const std::string &call) { return call == "fdatasync" && syncs++ == 0; });
     const auto client = make_recorder();
-    send_programme(*client, 60);
+    send_programme(*client, 10);
+    failed.get_future().wait();
+    send_programme(*client, 50, 10);
     client->stop();
     EXPECT_EQ(client->wait_for_end(), 1u);
     EXPECT_EQ(syncs, 1) << "it is not asked again";
