@@ -171,7 +171,7 @@ TEST(Recovery, FinishesInPlaceWhereverItIsInterrupted)
             size_t calls = 0;
             while (code != RECOVERY_DONE) {
                 interrupted_files files = left;
-                code = recover_in_place(&files, nullptr, ++calls, has_tiny_caches).code;
+                code = recover_in_place(&files, ++calls, has_tiny_caches).code;
                 ASSERT_TRUE(code == RECOVERY_DONE || code == RECOVERY_ERR_WRITE) << code;
                 const recovered again = recover_in_place(&files);
                 ASSERT_TRUE(again.file == expected)

@@ -84,7 +84,6 @@ struct run_input {
 // A media file that is finished in place.
 struct media_target {
     Bytes *media;
-    std::vector<target_call> *calls;
     size_t calls_left;
 };
 
@@ -98,33 +97,28 @@ static void check_muxer()
 }
 
 // returns: whether the call succeeds
-static bool note_call(media_target *target, target_call call)
+static bool count_call(media_target *target)
 {
     target->calls_left -= target->calls_left > 0 ? 1 : 0;
-    if (target->calls_left > 0 && target->calls != nullptr) {
-        target->calls->push_back(std::move(call));
-    }
     return target->calls_left > 0;
 }
 
 static int32_t write_at(void *context, int64_t offset, const void *from, int64_t count)
 {
     media_target *const target = static_cast<media_target *>(context);
-    const uint8_t *const bytes = static_cast<const uint8_t *>(from);
     const bool was_dead = target->calls_left == 0;
-    const bool is_whole =
-        note_call(target, {target_call::write, offset, Bytes(bytes, bytes + count)});
+    const bool is_whole = count_call(target);
     const int64_t written = is_whole ? count : was_dead ? 0 : count / 2;
     const size_t end = static_cast<size_t>(offset + written);
     target->media->resize(std::max(target->media->size(), end));
-    std::copy_n(bytes, written, target->media->data() + offset);
+    std::copy_n(static_cast<const uint8_t *>(from), written, target->media->data() + offset);
     return is_whole ? 0 : -1;
 }
 
 static int32_t set_size(void *context, int64_t bytes)
 {
     media_target *const target = static_cast<media_target *>(context);
-    if (!note_call(target, {target_call::set_size, bytes, {}})) {
+    if (!count_call(target)) {
         return -1;
     }
     target->media->resize(static_cast<size_t>(bytes));
@@ -133,7 +127,7 @@ static int32_t set_size(void *context, int64_t bytes)
 
 static int32_t sync(void *context)
 {
-    return note_call(static_cast<media_target *>(context), {target_call::sync, 0, {}}) ? 0 : -1;
+    return count_call(static_cast<media_target *>(context)) ? 0 : -1;
 }
 
 recovered scan_files(const interrupted_files &files)
@@ -156,12 +150,11 @@ recovered recover_files(const interrupted_files &files)
     return result;
 }
 
-recovered recover_in_place(interrupted_files *files, std::vector<target_call> *calls,
-                           size_t calls_left, bool has_tiny_caches)
+recovered recover_in_place(interrupted_files *files, size_t calls_left, bool has_tiny_caches)
 {
     recovered result = {};
     const run_input run(*files, &result);
-    media_target media = {&files->media, calls, calls_left};
+    media_target media = {&files->media, calls_left};
     const recovery_target_t target = {
         .context = &media, .write_at = write_at, .set_size = set_size, .sync = sync};
     mp4_mux_init_t scratch = memory_output();

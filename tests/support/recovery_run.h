@@ -26,13 +26,6 @@ struct recovered {
     Bytes file; // of a recovery that succeeded
 };
 
-// A call of a recovery in place.
-struct target_call {
-    enum { write, set_size, sync } kind;
-    int64_t offset; // of a write, or the size
-    Bytes bytes;
-};
-
 // The bytes must stay where they are.
 recovery_source_t source_of(const Bytes &bytes);
 
@@ -44,8 +37,7 @@ recovered recover_files(const interrupted_files &files);
 // Finishes the media file.
 // in: calls_left: until every call fails; a write that fails first has written its first half
 // in: has_tiny_caches: those of the muxer; else as large as the recorder's
-// out: calls: those that succeeded; may be null
-recovered recover_in_place(interrupted_files *files, std::vector<target_call> *calls = nullptr,
-                           size_t calls_left = SIZE_MAX, bool has_tiny_caches = false);
+recovered recover_in_place(interrupted_files *files, size_t calls_left = SIZE_MAX,
+                           bool has_tiny_caches = false);
 
 #endif // TESTS_SUPPORT_RECOVERY_RUN_H

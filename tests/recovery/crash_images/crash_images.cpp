@@ -18,6 +18,7 @@
 #include <cstdlib>
 #include <gtest/gtest.h>
 #include <map>
+#include <random>
 
 #if defined(TDMBREC_EMULATED) || defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 static constexpr bool kIsSlow = true;
@@ -101,12 +102,11 @@ static void judge(const recorded_truth &truth, const crash_case &image_case, run
     if (!state->options.only.empty()) {
         std::printf("%s", describe_image(truth, image).data());
     }
-    std::minstd_rand random(decide(state->options.seed, image_case.how.events, 0));
     state->tried[image_case.kind]++;
     const bool may_be_stale = image_case.how.stale != nullptr;
     std::string fault = judge_image(truth, image, may_be_stale, &state->figures);
     if (fault.empty() && is_judged_in_place(truth, image_case, image, *state)) {
-        fault = judge_in_place(truth, image, &random, &state->figures);
+        fault = judge_in_place(truth, image, &state->figures);
     }
     if (fault.empty()) {
         state->held[image_case.kind]++;

@@ -61,20 +61,6 @@ static void apply_write(const disk_event &event, size_t bytes, bool has_all_size
     }
 }
 
-static void apply_cut(int64_t bytes, bool is_there, file_state *file)
-{
-    file->seen.resize(static_cast<size_t>(bytes));
-    if (!is_there) {
-        return;
-    }
-    file->bytes = bytes;
-    file->is_there.resize(std::min(file->is_there.size(), pages_of(bytes)));
-    file->pages.resize(file->is_there.size() * kPageBytes);
-    if (bytes % kPageBytes != 0 && file->is_there.size() == pages_of(bytes)) {
-        store_page(file, pages_of(bytes) - 1);
-    }
-}
-
 static Bytes contents_of(const file_state &file, const Bytes *stale)
 {
     Bytes bytes(pages_of(file.bytes) * kPageBytes);
@@ -117,24 +103,9 @@ std::vector<size_t> unsynced_events(const disk_trace &trace, size_t events)
     return unsynced;
 }
 
-static std::vector<file_state> begin_states(const disk_trace &trace, const disk_image &before)
+disk_image make_disk_image(const disk_trace &trace, const crash &crash)
 {
     std::vector<file_state> files(trace.names.size());
-    for (size_t i = 0; i < before.size(); i++) {
-        if (before[i]) {
-            files[i] = {.seen = *before[i], .exists = true};
-            files[i].bytes = static_cast<int64_t>(before[i]->size());
-            for (size_t page = 0; page < pages_of(files[i].bytes); page++) {
-                store_page(&files[i], page);
-            }
-        }
-    }
-    return files;
-}
-
-disk_image make_disk_image(const disk_trace &trace, const crash &crash, const disk_image &before)
-{
-    std::vector<file_state> files = begin_states(trace, before);
     const std::vector<size_t> synced = synced_ends(trace, crash.events);
     const size_t events = crash.events + (crash.torn_bytes > 0 ? 1 : 0);
     for (size_t i = 0; i < events; i++) {
@@ -153,9 +124,6 @@ disk_image make_disk_image(const disk_trace &trace, const crash &crash, const di
                         i < crash.events ? event.bytes.size()
                                          : static_cast<size_t>(crash.torn_bytes),
                         crash.has_all_sizes, is_there, file);
-            break;
-        case disk_call::cut:
-            apply_cut(event.offset, is_there(0), file);
             break;
         case disk_call::remove:
             file->exists = file->exists && !is_there(0);

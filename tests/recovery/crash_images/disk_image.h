@@ -27,9 +27,7 @@ struct crash {
     const Bytes *stale = nullptr; // repeated in these pages; null: zeros
 };
 
-// in: before: the files before the trace; empty: none
-disk_image make_disk_image(const disk_trace &trace, const crash &crash,
-                           const disk_image &before = {});
+disk_image make_disk_image(const disk_trace &trace, const crash &crash);
 
 // returns: the events before `events`, syncs apart, that no returned sync covers
 std::vector<size_t> unsynced_events(const disk_trace &trace, size_t events);

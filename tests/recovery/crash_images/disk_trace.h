@@ -11,7 +11,6 @@
 enum class disk_call {
     create, // an empty file, in place of what was there
     write,
-    cut, // the file ends at the offset
     sync,
     remove
 };

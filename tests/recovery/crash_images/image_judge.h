@@ -6,7 +6,6 @@
 #include "tests/recovery/crash_images/recorded_truth.h"
 
 #include <cstdint>
-#include <random>
 #include <string>
 
 struct judge_figures {
@@ -31,9 +30,8 @@ std::string judge_image(const recorded_truth &truth, const disk_image &image, bo
 //          colon when bytes are missing
 std::string describe_image(const recorded_truth &truth, const disk_image &image);
 
-// Recovers in place, cuts that at every call and in every order of unsynced writes, and recovers
-// again.
+// Recovers in place, cuts that at every call, and recovers again.
 std::string judge_in_place(const recorded_truth &truth, const disk_image &image,
-                           std::minstd_rand *random, judge_figures *figures);
+                           judge_figures *figures);
 
 #endif // TESTS_RECOVERY_CRASH_IMAGES_IMAGE_JUDGE_H
