@@ -31,6 +31,11 @@ static void put(bit_writer &out, unsigned value, unsigned width) // u(n)
     }
 }
 
+static void put_flag(bit_writer &out, bool is_set)
+{
+    put(out, is_set ? 1 : 0, 1);
+}
+
 static void put_ue(bit_writer &out, unsigned value) // ue(v)
 {
     unsigned zeros = 0;
@@ -118,7 +123,7 @@ static void append_sequence_set(std::vector<uint8_t> &sets, const set_values &va
     put_ue(out, rows - 1);                       // pic_height_in_map_units_minus1
     put(out, 1, 1);                              // frame_mbs_only_flag
     put(out, 1, 1);                              // direct_8x8_inference_flag
-    put(out, cut_right + cut_bottom != 0, 1);    // frame_cropping_flag
+    put_flag(out, cut_right + cut_bottom != 0);  // frame_cropping_flag
     if (cut_right + cut_bottom != 0) {
         put_ue(out, 0);                          // frame_crop_left_offset
         put_ue(out, cut_right / 2);              // frame_crop_right_offset
@@ -137,18 +142,18 @@ static void append_picture_set(std::vector<uint8_t> &sets, const set_values &val
     put(out, kPpsHeader, 8);
     put_ue(out, values.pps_number);              // pic_parameter_set_id
     put_ue(out, 0);                              // seq_parameter_set_id
-    put(out, values.has_arithmetic, 1);          // entropy_coding_mode_flag
+    put_flag(out, values.has_arithmetic);        // entropy_coding_mode_flag
     put(out, 0, 1);                              // bottom_field_pic_order_in_frame_present_flag
     put_ue(out, 0);                              // num_slice_groups_minus1
     put_ue(out, values.references - 1);          // num_ref_idx_l0_default_active_minus1
     put_ue(out, 0);                              // num_ref_idx_l1_default_active_minus1
-    put(out, values.has_weights, 1);             // weighted_pred_flag
+    put_flag(out, values.has_weights);           // weighted_pred_flag
     put(out, 0, 2);                              // weighted_bipred_idc
     put_se(out, values.initial_qp - 26);         // pic_init_qp_minus26
     put_se(out, kMarkQs - 26);                   // pic_init_qs_minus26
     put_se(out, 0);                              // chroma_qp_index_offset
-    put(out, values.has_deblocking, 1);          // deblocking_filter_control_present_flag
-    put(out, values.has_closed_intra, 1);        // constrained_intra_pred_flag
+    put_flag(out, values.has_deblocking);        // deblocking_filter_control_present_flag
+    put_flag(out, values.has_closed_intra);      // constrained_intra_pred_flag
     put(out, 0, 1);                              // redundant_pic_cnt_present_flag
     if (values.has_8x8) {
         put(out, 1, 1);                          // transform_8x8_mode_flag

@@ -309,9 +309,11 @@ TEST(Recovery, TakesTimesFromTheTablesOfTheRecording)
         const auto &samples = find_track(movie, "vide")->samples;
         size_t same_times = 0;
         for (const muxed_frame &f : r.frames) {
-            same_times += std::any_of(samples.begin(), samples.end(), [&](const auto &sample) {
-                return f.type == MUX_TYPE_VIDEO && sample.time == f.time_ms * 90;
-            });
+            const bool is_there =
+                std::any_of(samples.begin(), samples.end(), [&](const auto &sample) {
+                    return f.type == MUX_TYPE_VIDEO && sample.time == f.time_ms * 90;
+                });
+            same_times += is_there ? 1 : 0;
         }
         EXPECT_EQ(samples.size() + tried.lost_pictures, size_t(r.how.pictures)) << tried.name;
         EXPECT_EQ(same_times + tried.lost_pictures >= kTabled,
