@@ -27,17 +27,28 @@ class Checkpoint : public ComponentTest {
         ComponentTest::TearDown();
     }
 
-    // Records frames of the sample.
-    // returns: the finished file; `calls` gets the file calls
-    static Bytes record(const char *interval_ms, size_t frames, NotedCalls *calls = nullptr)
+    // returns: a client that has sent frames of the sample
+    static auto start(const char *interval_ms, size_t frames)
     {
         host_set_property(TDMBREC_CHECKPOINT_PROPERTY, interval_ms);
-        note_file_calls(calls, nullptr);
-        const auto client = make_recorder();
+        auto client = make_recorder();
         send_programme(*client, frames);
-        client->stop();
-        EXPECT_EQ(client->wait_for_end(), 1u);
-        client->to_loaded();
+        return client;
+    }
+
+    static void finish(IlClient &client)
+    {
+        client.stop();
+        EXPECT_EQ(client.wait_for_end(), 1u);
+        client.to_loaded();
+    }
+
+    // Records 60 frames.
+    // returns: the finished file; `calls` gets the file calls
+    static Bytes record(const char *interval_ms, NotedCalls *calls = nullptr)
+    {
+        note_file_calls(calls, nullptr);
+        finish(*start(interval_ms, 60));
         note_file_calls(nullptr, nullptr);
         return read_file(kRecording);
     }
@@ -59,14 +70,16 @@ struct JournalContent {
 };
 
 // Reads the journal against the file: every group must describe bytes that are there.
-static JournalContent read_journal(const Bytes &journal, const Bytes &media)
+static JournalContent read_journal()
 {
+    const Bytes journal = read_file(kJournal), media = read_file(kRecording);
     JournalContent content = {};
     uint32_t head_bytes = 0;
     uint16_t version = 0;
     EXPECT_EQ(
         journal_read_head(journal.data(), journal.size(), &content.settings, &head_bytes, &version),
         kJournalRead);
+    EXPECT_STREQ(content.settings.path, kRecording);
     for (size_t at = head_bytes; at < journal.size();) {
         journal_group_reader_t group;
         if (journal_open_group(&group, &journal[at], journal.size() - at,
@@ -92,21 +105,21 @@ static JournalContent read_journal(const Bytes &journal, const Bytes &media)
 TEST_F(Checkpoint, IsOffWithoutANumberAndThenLeavesEveryFileCallAsItWas)
 {
     NotedCalls expected;
-    const Bytes file = record(nullptr, 60, &expected);
+    const Bytes file = record(nullptr, &expected);
     EXPECT_EQ(std::count(expected.begin(), expected.end(), "fdatasync"), 0);
     for (const char *const value : {"", "0", "-1", "1000 ms", "x"}) {
         NotedCalls calls;
-        EXPECT_EQ(record(value, 60, &calls), file);
+        EXPECT_EQ(record(value, &calls), file);
         EXPECT_EQ(calls, expected) << value;
     }
 }
 
 TEST_F(Checkpoint, ChangesNoByteOfTheFileAndRemovesTheJournalWithTheMovieBoxOnTheStorage)
 {
-    const Bytes file = record(nullptr, 60);
+    const Bytes file = record(nullptr);
     for (const char *const value : {"1", "100", "1000", "99999999999999999999"}) {
         NotedCalls calls;
-        EXPECT_EQ(record(value, 60, &calls), file) << value;
+        EXPECT_EQ(record(value, &calls), file) << value;
         EXPECT_FALSE(std::filesystem::exists(kJournal));
         ASSERT_GE(calls.size(), 3u);
         const std::vector<std::string> last(calls.end() - 3, calls.end());
@@ -127,10 +140,10 @@ TEST_F(Checkpoint, LeavesAtMostTheIntervalOutOfTheFileAndTheJournal)
             if (times.empty()) {
                 continue;
             }
-            const Bytes media = read_file(kRecording);
-            const JournalContent content = read_journal(read_file(kJournal), media);
+            const JournalContent content = read_journal();
             EXPECT_LE(content.frames.size(), times.size());
-            EXPECT_EQ(content.frames.empty() ? 36 : content.media_end, media.size());
+            EXPECT_EQ(content.frames.empty() ? 36 : content.media_end,
+                      std::filesystem::file_size(kRecording));
             uint32_t latest_ms = 0, journaled_ms = 0;
             for (size_t n = 0; n < times.size(); n++) {
                 latest_ms = std::max(latest_ms, times[n].second);
@@ -147,34 +160,12 @@ TEST_F(Checkpoint, LeavesAtMostTheIntervalOutOfTheFileAndTheJournal)
     }
 }
 
-TEST_F(Checkpoint, KeepsTheSettingsOfTheMuxerInTheJournal)
-{
-    host_set_property(TDMBREC_CHECKPOINT_PROPERTY, "100");
-    const auto client = make_recorder();
-    send_programme(*client, 10);
-    const auto *const self = record_of(*client);
-    const journal_settings_t settings =
-        read_journal(read_file(kJournal), read_file(kRecording)).settings;
-    EXPECT_STREQ(settings.path, kRecording);
-    EXPECT_EQ(settings.stream_flags, MUX_STREAM_VIDEO | MUX_STREAM_AUDIO);
-    EXPECT_EQ(settings.options, MUX_OPTION_32BIT_OFFSET);
-    EXPECT_EQ(settings.input.m_iAudioSampleRate, 48000);
-    EXPECT_EQ(settings.input.m_iYear, 2009);
-    ASSERT_EQ(settings.video_configuration_bytes, self->ucVideoConfigLen);
-    EXPECT_EQ(memcmp(settings.video_configuration, self->aucVideoConfig, self->ucVideoConfigLen),
-              0);
-    ASSERT_EQ(settings.audio_configuration_bytes, 2u);
-    EXPECT_EQ(settings.audio_configuration[0], 0x11);
-    client->destroy();
-}
-
 TEST_F(Checkpoint, LetsOnlyItsOwnThreadAndTheStopWaitForTheStorage)
 {
     pthread_t buffer_thread = {};
     std::atomic<int> syncs = 0;
     std::promise<void> begin, release;
     const std::shared_future<void> released = release.get_future().share();
-    host_set_property(TDMBREC_CHECKPOINT_PROPERTY, "100");
     note_file_calls(nullptr, [&](const std::string &call) {
         if (call.starts_with("write ")) {
             buffer_thread = pthread_self(); // the only one that writes groups before the stop
@@ -184,12 +175,11 @@ TEST_F(Checkpoint, LetsOnlyItsOwnThreadAndTheStopWaitForTheStorage)
         }
         return false;
     });
-    const auto client = make_recorder();
-    send_programme(*client, 10);
+    const auto client = start("100", 10);
     begin.get_future().wait();
     send_programme(*client, 50, 10);
     EXPECT_EQ(syncs, 1) << "the buffers were consumed meanwhile";
-    const JournalContent content = read_journal(read_file(kJournal), read_file(kRecording));
+    const JournalContent content = read_journal();
     EXPECT_GT(content.frames.size(), 100u);
     note_file_calls(nullptr, [&](const std::string &call) {
         if (call == "fdatasync") {
@@ -206,10 +196,10 @@ TEST_F(Checkpoint, LetsOnlyItsOwnThreadAndTheStopWaitForTheStorage)
 
 TEST_F(Checkpoint, GivesUpAJournalThatCannotBeWrittenWithOneLine)
 {
-    const Bytes file = record(nullptr, 60);
+    const Bytes file = record(nullptr);
     const auto log_of = [&](const std::string &place) {
         const size_t before = count_logged("Checkpoint: ");
-        EXPECT_EQ(record("100", 60), file) << place;
+        EXPECT_EQ(record("100"), file) << place;
         return count_logged("Checkpoint: ") - before;
     };
     std::filesystem::create_directory(kJournal);
@@ -219,17 +209,14 @@ TEST_F(Checkpoint, GivesUpAJournalThatCannotBeWrittenWithOneLine)
     EXPECT_EQ(log_of("a full storage"), 1u);
     EXPECT_TRUE(has_logged("Checkpoint: the journal is given up: No space left on device\n"));
 
-    host_set_property(TDMBREC_CHECKPOINT_PROPERTY, "100");
     note_file_calls(nullptr, [](const std::string &call) {
         if (call.starts_with("open ") && call.ends_with(TDMBREC_JOURNAL_SUFFIX)) {
             refuse_threads(1);
         }
         return false;
     });
-    const auto client = make_recorder();
-    send_programme(*client, 60);
-    EXPECT_GT(read_journal(read_file(kJournal), read_file(kRecording)).frames.size(), 100u)
-        << "without the thread that waits";
+    const auto client = start("100", 60);
+    EXPECT_GT(read_journal().frames.size(), 100u) << "without the thread that waits";
     client->destroy();
     EXPECT_TRUE(has_logged("Checkpoint: nothing is synced: "));
     EXPECT_EQ(read_file(kRecording), file);
@@ -237,9 +224,7 @@ TEST_F(Checkpoint, GivesUpAJournalThatCannotBeWrittenWithOneLine)
 
 TEST_F(Checkpoint, KeepsTheJournalOfAFileThatIsNotFinished)
 {
-    host_set_property(TDMBREC_CHECKPOINT_PROPERTY, "1000");
-    const auto client = make_recorder();
-    send_programme(*client, 60);
+    const auto client = start("1000", 60);
     set_put_result(MUX_ERR_WRITE, 0);
     send_programme(*client, 1, 60);
     EXPECT_EQ(client->wait_for_end(), 5u);
@@ -253,7 +238,7 @@ TEST_F(Checkpoint, KeepsTheJournalOfAFileThatIsNotFinished)
     client->stop();
     EXPECT_EQ(client->wait_for_end(), 1u);
     EXPECT_TRUE(has_logged("[Close:"));
-    const JournalContent content = read_journal(read_file(kJournal), read_file(kRecording));
+    const JournalContent content = read_journal();
     EXPECT_GT(read_file(kJournal).size(), before.size()) << "with the last group";
     EXPECT_EQ(content.media_end, read_file(kRecording).size());
     client->to_loaded();
@@ -266,7 +251,7 @@ TEST_F(Checkpoint, SyncsTheFileTheJournalAndTheirFolderAndClosesAllOfThem)
         const std::filesystem::directory_iterator files("/proc/self/fd");
         return std::distance(begin(files), end(files));
     };
-    (void)record("1000", 60);
+    (void)record("1000");
     const auto open_before = open_files();
     NotedCalls calls;
     std::promise<void> first;
@@ -276,13 +261,10 @@ TEST_F(Checkpoint, SyncsTheFileTheJournalAndTheirFolderAndClosesAllOfThem)
         }
         return false;
     });
-    const auto client = make_recorder();
-    send_programme(*client, 10);
+    const auto client = start("1000", 10);
     first.get_future().wait();
     send_programme(*client, 50, 10);
-    client->stop();
-    EXPECT_EQ(client->wait_for_end(), 1u);
-    client->to_loaded();
+    finish(*client);
     EXPECT_EQ(open_files(), open_before);
     std::erase_if(calls, [](const std::string &call) { return !call.ends_with("sync"); });
     ASSERT_GE(calls.size(), 4u);
@@ -301,11 +283,9 @@ TEST_F(Checkpoint, KeepsTheJournalAfterASyncThatFailed)
             failed.set_value();
         }
     };
-    host_set_property(TDMBREC_CHECKPOINT_PROPERTY, "100");
     note_file_calls(nullptr,
                     [&](const std::string &call) { return call == "fdatasync" && syncs++ == 0; });
-    const auto client = make_recorder();
-    send_programme(*client, 10);
+    const auto client = start("100", 10);
     failed.get_future().wait();
     send_programme(*client, 50, 10);
     client->stop();
@@ -318,16 +298,14 @@ TEST_F(Checkpoint, KeepsTheJournalAfterASyncThatFailed)
 
 TEST_F(Checkpoint, TriesAgainWhenTheStorageRefusesAWrite)
 {
-    const Bytes file = record(nullptr, 60);
-    host_set_property(TDMBREC_CHECKPOINT_PROPERTY, "100");
+    const Bytes file = record(nullptr);
     int writes = 0;
     note_file_calls(nullptr, [&](const std::string &call) {
         return call.starts_with("fwrite ") && ++writes % 2 == 0;
     });
-    const auto client = make_recorder();
-    send_programme(*client, 60);
+    const auto client = start("100", 60);
     note_file_calls(nullptr, nullptr);
-    const JournalContent content = read_journal(read_file(kJournal), read_file(kRecording));
+    const JournalContent content = read_journal();
     EXPECT_GT(content.frames.size(), 100u);
     EXPECT_EQ(count_logged("Checkpoint: the cached bytes cannot be written"), 1u);
     client->destroy();

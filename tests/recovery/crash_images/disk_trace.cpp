@@ -21,11 +21,9 @@
 extern "C" {
 int32_t __real_QVR_MP4_MUX(int32_t, void **, void *, void *);
 FILE *__real_fopen(const char *, const char *);
-int __real_fclose(FILE *);
 size_t __real_fwrite(const void *, size_t, size_t, FILE *);
 int __real_remove(const char *);
 int __real_open(const char *, int, ...);
-int __real_close(int);
 ssize_t __real_write(int, const void *, size_t);
 int __real_fsync(int);
 int __real_fdatasync(int);
@@ -60,6 +58,7 @@ static void note_open(const char *name, int descriptor, bool is_created)
 {
     const std::lock_guard guard(lock);
     if (descriptor < 0 || !is_traced(name)) {
+        file_of_descriptor.erase(descriptor); // of a file that was closed
         return;
     }
     const size_t file = index_of(name);
@@ -67,12 +66,6 @@ static void note_open(const char *name, int descriptor, bool is_created)
     if (is_created) {
         trace.events.push_back({.call = disk_call::create, .file = file});
     }
-}
-
-static void note_close(int descriptor)
-{
-    const std::lock_guard guard(lock);
-    file_of_descriptor.erase(descriptor);
 }
 
 static void note_write(int descriptor, int64_t offset, const void *bytes, int64_t count)
@@ -211,12 +204,6 @@ WRAPPED FILE *__wrap_fopen(const char *name, const char *mode)
     return file;
 }
 
-WRAPPED int __wrap_fclose(FILE *file)
-{
-    note_close(fileno(file));
-    return __real_fclose(file);
-}
-
 WRAPPED size_t __wrap_fwrite(const void *bytes, size_t size, size_t count, FILE *file)
 {
     const int64_t offset = ftell(file);
@@ -252,12 +239,6 @@ WRAPPED int __wrap_open(const char *name, int flags, ...)
     const int descriptor = __real_open(name, flags, mode);
     note_open(name, descriptor, (flags & O_CREAT) != 0);
     return descriptor;
-}
-
-WRAPPED int __wrap_close(int descriptor)
-{
-    note_close(descriptor);
-    return __real_close(descriptor);
 }
 
 WRAPPED ssize_t __wrap_write(int descriptor, const void *bytes, size_t count)

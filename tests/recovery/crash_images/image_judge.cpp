@@ -112,15 +112,11 @@ static std::string describe(const char *what, const recovery_frame_t &frame)
 // Journaled times are exact, and those after a journal continue the steady stream exactly. Without
 // one they are nearly so, unless a hole hides how much is missing.
 static std::string check_time(const recorded_truth &truth, const image_facts &facts, size_t i,
-                              const recovery_frame_t &frame, bool has_holes, judge_figures *figures)
+                              const recovery_frame_t &frame, bool has_holes)
 {
     const uint32_t expected_ms = truth.frames[i].time_ms;
     const uint32_t error_ms =
         std::max(frame.time_ms, expected_ms) - std::min(frame.time_ms, expected_ms);
-    if (!facts.is_journaled[i]) {
-        figures->extrapolated++;
-        figures->off_by_ms += error_ms != 0 ? 1u : 0u;
-    }
     const bool is_exact = facts.is_journaled[i] || facts.journaled >= kFramesForExactTimes;
     const uint32_t allowed_ms = is_exact ? 0 : kTimeErrorMs;
     const bool is_known =
@@ -132,12 +128,10 @@ static std::string check_time(const recorded_truth &truth, const image_facts &fa
 }
 
 // Matches what came back with the truth.
-// out: is_back: for each frame of the truth
 static std::string check_frames(const recorded_truth &truth, const recovered &run,
-                                const image_facts &facts, bool may_be_stale,
-                                std::vector<bool> *is_back, judge_figures *figures)
+                                const image_facts &facts, bool may_be_stale, judge_figures *figures)
 {
-    is_back->assign(truth.frames.size(), false);
+    std::vector<bool> is_back(truth.frames.size());
     for (const recovery_frame_t &frame : run.frames) {
         const auto found = std::lower_bound(
             truth.frames.begin(), truth.frames.end(), frame.offset,
@@ -148,34 +142,29 @@ static std::string check_frames(const recorded_truth &truth, const recovered &ru
             if (!may_be_stale || frame.is_journaled != 0) {
                 return describe("an invented frame", frame);
             }
-            figures->stale++;
             continue;
         }
-        if ((*is_back)[i]) {
+        if (is_back[i]) {
             return describe("a frame that comes back twice", frame);
         }
-        (*is_back)[i] = true;
+        is_back[i] = true;
         const bool is_mixed = !facts.is_whole[i];
         if (is_mixed && !may_be_stale) {
             return describe("a frame that lacks bytes", frame);
         }
-        figures->mixed += is_mixed ? 1u : 0u;
         if (!is_mixed && frame.flags != found->flags) {
             return describe("wrong flags", frame);
         }
-        const std::string fault = check_time(truth, facts, i, frame, run.report.holes > 0, figures);
+        const std::string fault = check_time(truth, facts, i, frame, run.report.holes > 0);
         if (!fault.empty()) {
             return fault;
         }
         figures->frames++;
     }
     for (size_t i = 0; i < truth.frames.size(); i++) {
-        if (facts.is_whole[i] && !(*is_back)[i]) {
-            if (facts.is_required[i] && !is_silence(truth, i)) {
-                return "frame " + std::to_string(i) + " of " + std::to_string(truth.frames.size()) +
-                       " does not come back";
-            }
-            figures->lost++;
+        if (facts.is_required[i] && !is_back[i] && !is_silence(truth, i)) {
+            return "frame " + std::to_string(i) + " of " + std::to_string(truth.frames.size()) +
+                   " does not come back";
         }
     }
     return "";
@@ -245,35 +234,19 @@ static std::string check_result(const recorded_truth &truth, const interrupted_f
                                                   frames_of_result(scanned, files.media)));
 }
 
-// The result of frames from the first one on, with their times, is that of a normal stop.
-static bool is_normal_stop(const recorded_truth &truth, const recovered &run)
-{
-    for (size_t i = 0; i < run.frames.size(); i++) {
-        if (run.frames[i].offset != truth.frames[i].offset ||
-            run.frames[i].time_ms != truth.frames[i].time_ms) {
-            return false;
-        }
-    }
-    return true;
-}
-
 // A file with its movie box is finished, whatever its media lacks.
 static std::string check_finished(const recorded_truth &truth, const Bytes &media,
-                                  const image_facts &facts, bool may_be_stale,
-                                  judge_figures *figures)
+                                  bool may_be_stale)
 {
     const size_t end = static_cast<size_t>(truth.media_end);
     const bool has_head = has_bytes(media, 0, truth.finished, 0, kHeadBytes);
     if (!has_head && may_be_stale) { // the begin of another recording, with its movie box
-        figures->stale++;
         return "";
     }
     if (!has_head ||
         !has_bytes(media, truth.media_end, truth.finished, end, truth.finished.size())) {
         return "takes an unfinished file for a finished one";
     }
-    figures->finished_holes +=
-        std::count(facts.is_whole.begin(), facts.is_whole.end(), false) > 0 ? 1u : 0u;
     return "";
 }
 
@@ -317,40 +290,13 @@ std::string judge_image(const recorded_truth &truth, const disk_image &image, bo
         forget_lost_journal(run, &facts);
     }
     if (run.code == RECOVERY_ERR_WHOLE) {
-        return check_finished(truth, files.media, facts, may_be_stale, figures);
+        return check_finished(truth, files.media, may_be_stale);
     }
     if (run.code != RECOVERY_DONE) {
         return check_refusal(truth, run, facts);
     }
-    std::vector<bool> is_back;
-    const std::string fault = check_frames(truth, run, facts, may_be_stale, &is_back, figures);
-    if (!fault.empty()) {
-        return fault;
-    }
-    figures->equal_to_stop += is_normal_stop(truth, run) ? 1u : 0u;
-    return check_result(truth, files, run);
-}
-
-std::string describe_image(const recorded_truth &truth, const disk_image &image)
-{
-    const image_facts facts = facts_of(truth, image);
-    const interrupted_files files = files_of(truth, image, facts.has_journal_head);
-    const recovered run = scan_files(files);
-    std::string text = "media " + std::to_string(files.media.size()) + " bytes, head " +
-                       (facts.has_media_head ? "whole" : "lost") + "; journal " +
-                       std::to_string(file_of(image, truth.journal).size()) + " bytes, head " +
-                       (facts.has_journal_head ? "whole" : "lost") + "; recovery " +
-                       std::to_string(run.code) + ", journal " +
-                       std::to_string(run.report.journal) + ", configuration " +
-                       std::to_string(run.report.configuration_from) + ", " +
-                       std::to_string(run.report.holes) + " holes\n";
-    for (size_t i = 0; i < truth.frames.size(); i++) { // with capitals for journaled frames
-        const bool is_picture = truth.frames[i].type == MUX_TYPE_VIDEO;
-        const char *const letters = is_picture ? "Pp" : "Ss";
-        const char letter = letters[facts.is_journaled[i] ? 0 : 1];
-        text += facts.is_whole[i] ? letter : (facts.is_journaled[i] ? ':' : '.');
-    }
-    return text + "\n";
+    const std::string fault = check_frames(truth, run, facts, may_be_stale, figures);
+    return fault.empty() ? check_result(truth, files, run) : fault;
 }
 
 std::string judge_in_place(const recorded_truth &truth, const disk_image &image,

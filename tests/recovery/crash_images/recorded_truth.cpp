@@ -3,12 +3,10 @@
 #include "journal/journal.h"
 #include "platform/android_log.h"
 #include "platform/host/host_control.h"
-#include "tests/recovery/crash_images/disk_image.h"
 #include "tests/support/component_test.h"
 #include "tests/support/programme_player.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <filesystem>
 #include <stdexcept>
 
@@ -164,31 +162,12 @@ static void play_recording(const record_options &options, traced_mux *mux)
     recorder.TearDown();
 }
 
-// Four fifths of the interval may pass until a group is written, the rest while it is synced.
-static void check_intervals(const recorded_truth &truth, const char *checkpoint_ms)
-{
-    static constexpr uint32_t kFrameMs = 34; // of the picture that makes the checkpoint due
-    const uint32_t most_ms = static_cast<uint32_t>(std::atoi(checkpoint_ms)) * 4 / 5 + kFrameMs;
-    uint32_t last_ms = 0;
-    size_t frames = 0;
-    for (const recorded_group &group : truth.groups) {
-        uint32_t end_ms = last_ms;
-        for (frames = group.first_frame; frames < group.first_frame + group.frames; frames++) {
-            end_ms = std::max(end_ms, truth.frames[frames].time_ms);
-        }
-        require(end_ms - last_ms <= most_ms, "a group is too long");
-        last_ms = end_ms;
-    }
-    require(truth.groups.empty() || frames == truth.frames.size(), "a frame has no record");
-}
-
-// Media before its records, and the whole file on the storage before the journal is removed.
+// Media before its records.
 static void check_order(const recorded_truth &truth)
 {
     int64_t media_end = 0;
     auto group = truth.groups.begin();
-    for (size_t i = 0; i < truth.trace.events.size(); i++) {
-        const disk_event &event = truth.trace.events[i];
+    for (const disk_event &event : truth.trace.events) {
         const int64_t end = event.offset + static_cast<int64_t>(event.bytes.size());
         if (event.file == truth.media && event.call == disk_call::write) {
             media_end = std::max(media_end, end);
@@ -197,11 +176,6 @@ static void check_order(const recorded_truth &truth)
                 const muxed_frame &last = truth.frames[group->first_frame + group->frames - 1];
                 require(last.offset + static_cast<int64_t>(last.bytes.size()) <= media_end,
                         "a record is written before its frame");
-            }
-        } else if (event.file == truth.journal && event.call == disk_call::remove) {
-            for (const size_t unsynced : unsynced_events(truth.trace, i)) {
-                require(truth.trace.events[unsynced].file != truth.media,
-                        "the journal is removed before the file is synced");
             }
         }
     }
@@ -218,7 +192,6 @@ recorded_truth record_with_component(const record_options &options)
                             .frames = mux.frames};
     describe_files(&truth, kRecording);
     require(truth.finished == read_file(kRecording), "the trace lacks a call");
-    check_intervals(truth, options.checkpoint_ms);
     check_order(truth);
     require(normal_stop(truth.settings, truth.frames) == truth.finished,
             "the muxer alone makes another file of " + options.name);
