@@ -2,10 +2,8 @@
 #include "recovery/place_times.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <gtest/gtest.h>
 #include <memory>
-#include <random>
 #include <vector>
 
 struct Stream {

@@ -69,7 +69,8 @@ static uint32_t decide(uint32_t seed, size_t event, int64_t page)
     return static_cast<uint32_t>(x >> 32);
 }
 
-// The recovery in place takes as long as fifty others. Whose close was cut needs it most.
+// A recovery in place, cut at each call, takes as long as ten others. Whose close was cut needs it
+// most.
 static bool is_judged_in_place(const recorded_truth &truth, const crash_case &image_case,
                                const disk_image &image, const run_state &state)
 {

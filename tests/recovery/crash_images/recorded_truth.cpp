@@ -7,6 +7,7 @@
 #include "tests/support/programme_player.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <filesystem>
 #include <stdexcept>
 
@@ -162,6 +163,24 @@ static void play_recording(const record_options &options, traced_mux *mux)
     recorder.TearDown();
 }
 
+// Four fifths of the interval may pass until a group is written, the rest while it is synced.
+static void check_intervals(const recorded_truth &truth, const char *checkpoint_ms)
+{
+    static constexpr uint32_t kFrameMs = 34; // of the picture that makes the checkpoint due
+    const uint32_t most_ms = static_cast<uint32_t>(std::atoi(checkpoint_ms)) * 4 / 5 + kFrameMs;
+    uint32_t last_ms = 0;
+    size_t frames = 0;
+    for (const recorded_group &group : truth.groups) {
+        uint32_t end_ms = last_ms;
+        for (frames = group.first_frame; frames < group.first_frame + group.frames; frames++) {
+            end_ms = std::max(end_ms, truth.frames[frames].time_ms);
+        }
+        require(end_ms - last_ms <= most_ms, "a group is too long");
+        last_ms = end_ms;
+    }
+    require(truth.groups.empty() || frames == truth.frames.size(), "a frame has no record");
+}
+
 // Media before its records.
 static void check_order(const recorded_truth &truth)
 {
@@ -192,6 +211,7 @@ recorded_truth record_with_component(const record_options &options)
                             .frames = mux.frames};
     describe_files(&truth, kRecording);
     require(truth.finished == read_file(kRecording), "the trace lacks a call");
+    check_intervals(truth, options.checkpoint_ms);
     check_order(truth);
     require(normal_stop(truth.settings, truth.frames) == truth.finished,
             "the muxer alone makes another file of " + options.name);
