@@ -92,7 +92,7 @@ static JournalContent read_journal()
         journal_frame_t frame;
         while (journal_next_frame(&group, &frame)) {
             EXPECT_LE(content.media_end + frame.bytes, media.size());
-            journal_sum_add(&sum, &media[content.media_end], frame.bytes);
+            journal_sum_add(&sum, &media[static_cast<size_t>(content.media_end)], frame.bytes);
             content.media_end += frame.bytes;
             content.frames.push_back(frame);
         }

@@ -75,7 +75,8 @@ interrupted_recording make_interrupted(const recording_options &how, size_t fram
     interrupted_recording made = {make_known_recording(how), {}, {}, {}, {}, {}};
     const muxed_frame &last = made.frames.back();
     const auto begin = made.finished.begin();
-    made.media.assign(begin, begin + last.offset + static_cast<ptrdiff_t>(last.bytes.size()));
+    made.media.assign(begin, begin + static_cast<ptrdiff_t>(last.offset) +
+                                 static_cast<ptrdiff_t>(last.bytes.size()));
     std::fill_n(made.media.begin() + 28, 4, uint8_t{0}); // the size of the media data
     for (const muxed_frame &frame : made.frames) {
         made.ends.push_back(static_cast<size_t>(frame.offset) + frame.bytes.size());

@@ -106,9 +106,9 @@ static Walk walk_over_rest(const known_recording &recording, const Bytes &bytes,
 {
     *whole = 0;
     for (const muxed_frame &frame : recording.frames) {
-        const bool is_whole =
-            end_of(frame) <= static_cast<int64_t>(bytes.size()) &&
-            std::equal(frame.bytes.begin(), frame.bytes.end(), bytes.begin() + frame.offset);
+        const bool is_whole = end_of(frame) <= static_cast<int64_t>(bytes.size()) &&
+                              std::equal(frame.bytes.begin(), frame.bytes.end(),
+                                         bytes.begin() + static_cast<ptrdiff_t>(frame.offset));
         *whole += is_whole ? 1U : 0U;
     }
     const Walk walk = walk_over(bytes);
@@ -126,7 +126,7 @@ TEST(Walk, FindsEveryWholeFrameOfACutFileAndNoOther)
         for (int i = 0; i < 20; i++) {
             Bytes bytes = recording.finished;
             if (i > 0) {
-                bytes.resize(kFirstFrame + random() % (bytes.size() - kFirstFrame));
+                bytes.resize(kHeadBytes + random() % (bytes.size() - kHeadBytes));
             }
             SCOPED_TRACE(bytes.size());
             size_t whole = 0;
