@@ -150,7 +150,7 @@ for step in $steps; do
     esac
 done
 missing=$(sh scripts/install_dependencies.sh --missing tests)
-echo "The steps are: $steps. All steps together take about 25 minutes on two cores."
+echo "The steps are: $steps."
 if [ -n "$missing" ]; then
     echo "First these Debian packages and their dependencies are installed, in about 5 minutes: $missing"
 fi
