@@ -1,6 +1,7 @@
 #include "client/options.h"
 
 #include "client/failure.h"
+#include "client/time_span.h"
 
 #include <CLI/CLI.hpp>
 #include <cstdio>
@@ -108,6 +109,25 @@ static void add_frame_rate(CLI::App &command, std::optional<std::string> &frame_
         ->type_name("RATE");
 }
 
+// Adds an option that takes a length of time.
+static void add_length(CLI::App &command, const char *name, int64_t &length_us, const char *what)
+{
+    command
+        .add_option_function<std::string>(
+            name,
+            [name, &length_us](const std::string &text) {
+                const std::optional<int64_t> length = time_span_us(text);
+                if (!length) {
+                    throw CLI::ValidationError(std::string(name) +
+                                               " takes a time as 90, 1:30 or 1h30m, not \"" + text +
+                                               "\"");
+                }
+                length_us = *length;
+            },
+            what)
+        ->type_name("TIME");
+}
+
 static void add_record(CLI::App &app, record_options &options, std::string &input)
 {
     CLI::App &command = *app.add_subcommand("record", "Record a programme to an MP4 file");
@@ -125,6 +145,20 @@ static void add_record(CLI::App &app, record_options &options, std::string &inpu
     add_output(command, options.output, options.force, "the MP4 file to make");
     add_frame_rate(command, options.frame_rate);
     command.add_flag("--realtime", options.realtime, "record no faster than the programme runs");
+    add_length(command, "--duration", options.duration_us, "end after this much of the programme");
+    command.add_flag(
+        "--split", options.split,
+        "continue in NAME-002.mp4 and so on, without a gap, before the recorder's limit\n"
+        "of 1.8 GB and where the parameter sets of the video change; in the output's\n"
+        "name, %Y, %m, %d, %H, %M and %S stand for the time at which a file begins");
+    add_length(command, "--split-every", options.split_every_us,
+               "also continue in another file each time this much is recorded");
+    command
+        .add_option("--split-size", options.split_size_mb,
+                    "also continue in another file when one has this many millions of bytes")
+        ->type_name("MB")
+        ->check(CLI::Range(kSplitSizeMbMin, kSplitSizeMbMax));
+    command.add_flag("!--no-audio", options.with_audio, "record the pictures without sound");
     command.add_flag("--card", options.card, "record to the removable card's root");
     command
         .add_option("--checkpoint", options.checkpoint_s,
@@ -298,11 +332,12 @@ static command_line choose_inputs(record_options options, const std::string &inp
     if (!input.empty() && !options.video.empty() && !options.audio.empty()) {
         return report_mistake("record ", "INPUT is not needed with --video and --audio");
     }
+    options.split = options.split || options.split_every_us > 0 || options.split_size_mb > 0;
     for (std::string *const file : {&options.video, &options.audio}) {
         if (file->empty()) {
             *file = input;
         }
-        if (file->empty()) {
+        if (file->empty() && (options.with_audio || file == &options.video)) {
             return report_mistake("record ", "give one INPUT, or both --video and --audio");
         }
     }

@@ -5,6 +5,7 @@
 #include "client/terminal.h"
 
 #include <algorithm>
+#include <utility>
 
 using steady = std::chrono::steady_clock;
 
@@ -19,22 +20,25 @@ static constexpr auto kPauseMax = std::chrono::milliseconds(500); // without a l
 // At least what was sent: the file grows in steps of the component's cache.
 static uint64_t recorded_bytes(const recording &self)
 {
-    const uint64_t sent_us = static_cast<uint64_t>(self.sent_us);
-    const uint64_t sent = self.sent_video_bytes + sent_us * kAudioBytesPerSecond / kSecondUs;
-    return std::max(storage_recorded_bytes(*self.storage), sent);
+    const recording_part &part = self.part;
+    const uint64_t sent_us =
+        static_cast<uint64_t>(std::max<int64_t>(self.sent_us - part.begin_us, 0));
+    const uint64_t sent = part.sent_video_bytes + sent_us * kAudioBytesPerSecond / kSecondUs;
+    return std::max(storage_recorded_bytes(*part.storage), sent);
 }
 
 // The component does not notice that its open file was deleted or moved.
 static void check_file(recording &self)
 {
-    if (storage_has_recording(*self.storage)) {
-        self.has_file = true;
-    } else if (self.has_file) {
-        const std::string trouble = storage_trouble(*self.storage);
-        throw failure(exit_code::output, "the recording is gone: " +
-                                             (trouble.empty() ? storage_look(*self.storage).place +
-                                                                    " was deleted or moved"
-                                                              : trouble));
+    const storage_root &storage = *self.part.storage;
+    if (storage_has_recording(storage)) {
+        self.part.has_file = true;
+    } else if (self.part.has_file) {
+        const std::string trouble = storage_trouble(storage);
+        throw failure(exit_code::output,
+                      "the recording is gone: " +
+                          (trouble.empty() ? storage_look(storage).place + " was deleted or moved"
+                                           : trouble));
     }
 }
 
@@ -45,7 +49,7 @@ static void show_progress(const recording &self, steady::time_point now)
     terminal_show_progress("Recording  " + duration_text(sent_s) + "  " +
                            size_text(recorded_bytes(self)) +
                            format_text("  %.1fx", elapsed_s > 0 ? sent_s / elapsed_s : 0) +
-                           "  free " + size_text(storage_free_bytes(*self.storage)));
+                           "  free " + size_text(storage_free_bytes(*self.part.storage)));
 }
 
 void programme_feed_watch(recording &self)
@@ -58,26 +62,88 @@ void programme_feed_watch(recording &self)
     }
 }
 
-// An access unit delimiter alone, one picture before the programme: it sets the component's time
-// base and gives it nothing to write, so that the first picture already has a time.
-static void send_time_base(recording &self)
+// Begins the file at a block of the sound, so that all blocks are those of one long recording. The
+// first picture is shown up to one block too early; the others are in step.
+//
+// An access unit delimiter alone, one picture before, sets the component's time base and gives it
+// nothing to write, so that the first picture already has a time.
+static void begin_file(recording &self, int64_t picture_us)
 {
     static const uint8_t delimiter[] = {0, 0, 0, 1, 0x09, 0xF0};
     const int64_t interval_us = video_input_interval_us(*self.programme->video);
-    self.lead_us = (interval_us + 999) / 1000 * 1000; // the component counts milliseconds
+    recording_part &part = self.part;
+    part.picture_us = picture_us;
+    part.begin_us =
+        std::min(picture_us, programme_sound_time_us(*self.programme).value_or(picture_us));
+    part.lead_us = (interval_us + 999) / 1000 * 1000; // the component counts milliseconds
     il_session_send(*self.component, TDMBREC_PORT_VIDEO, delimiter, kTimeBaseUs,
                     OMX_BUFFERFLAG_ENDOFFRAME);
 }
 
+static void send_picture(recording &self, const programme_unit &unit)
+{
+    recording_part &part = self.part;
+    const bool is_first = part.sent_video_bytes == 0;
+    if (is_first) {
+        begin_file(self, unit.time_us);
+    }
+    const int64_t time_us = is_first ? part.begin_us : unit.time_us;
+    const uint32_t flags = OMX_BUFFERFLAG_ENDOFFRAME | (unit.idr ? OMX_BUFFERFLAG_SYNCFRAME : 0);
+    il_session_send(*self.component, TDMBREC_PORT_VIDEO, unit.bytes,
+                    kTimeBaseUs + part.lead_us + time_us - part.begin_us, flags);
+    part.sent_video_bytes += unit.bytes.size();
+}
+
+static void send_sound(recording &self, const programme_unit &unit)
+{
+    const recording_part &part = self.part;
+    const int64_t in_file_us = unit.time_us - part.begin_us;
+    if (self.component->sound != nullptr) {
+        il_session_send_coded(*self.component, unit.bytes, in_file_us / 1000);
+    } else {
+        il_session_send(*self.component, TDMBREC_PORT_AUDIO, unit.bytes,
+                        kTimeBaseUs + part.lead_us + in_file_us, 0);
+    }
+}
+
+// A file begins with a picture that needs no other.
 static void send_unit(recording &self, const programme_unit &unit)
 {
-    const int64_t time_us = kTimeBaseUs + self.lead_us + unit.time_us;
-    const bool is_video = unit.kind == unit_kind::video;
-    const uint32_t flags = OMX_BUFFERFLAG_ENDOFFRAME | (unit.idr ? OMX_BUFFERFLAG_SYNCFRAME : 0);
-    il_session_send(*self.component, is_video ? TDMBREC_PORT_VIDEO : TDMBREC_PORT_AUDIO, unit.bytes,
-                    time_us, is_video ? flags : 0);
+    const bool has_begun = self.part.sent_video_bytes > 0;
+    if (unit.kind == unit_kind::video && (has_begun || unit.idr)) {
+        send_picture(self, unit);
+    } else if (unit.kind == unit_kind::audio && has_begun) {
+        send_sound(self, unit);
+    }
     self.sent_us = std::max(self.sent_us, unit.time_us);
-    self.sent_video_bytes += is_video ? unit.bytes.size() : 0;
+}
+
+// returns: whether the picture begins the next file
+static bool begins_next_file(const recording &self, const programme_unit &unit)
+{
+    const record_options &options = self.options;
+    if (!options.split || !unit.idr || self.part.sent_video_bytes == 0) {
+        return false;
+    }
+    const bool is_time =
+        options.split_every_us > 0 &&
+        unit.time_us / options.split_every_us > self.part.picture_us / options.split_every_us;
+    const int most_mb = options.split_size_mb > 0 ? options.split_size_mb : kSplitSizeMbMax;
+    return unit.new_format || is_time ||
+           recorded_bytes(self) >= static_cast<uint64_t>(most_mb) * 1'000'000;
+}
+
+// What is to be done with a unit, where the user has limited the recording's duration.
+enum class limit_verdict { inside, outside, end };
+
+static limit_verdict judge_limit(const recording &self, const programme_unit &unit)
+{
+    const int64_t limit_us = self.options.duration_us;
+    if (limit_us == 0 || unit.time_us < limit_us) {
+        return limit_verdict::inside;
+    }
+    const bool has_sound = programme_sound_time_us(*self.programme).has_value();
+    return unit.kind == unit_kind::video && has_sound ? limit_verdict::outside : limit_verdict::end;
 }
 
 // Sleeps until the moment; gaps of the programme do not stop the progress line.
@@ -98,25 +164,51 @@ static bool pause_until(recording &self, steady::time_point moment)
 // Without a picture there is no file to finish.
 static void end_by_user(recording &self, int signal)
 {
-    if (self.sent_video_bytes == 0) {
+    if (self.part.sent_video_bytes == 0 && self.summary.earlier.empty()) {
         throw failure(exit_code_plus(exit_code::aborted, signal),
                       "stopped before the first picture; no file is made");
     }
     self.summary.ended = "stopped by the user";
 }
 
-void programme_feed_send(recording &self)
+// returns: the next unit inside the recording's duration; nothing at the end
+static std::optional<programme_unit> next_unit(recording &self)
 {
-    send_time_base(self);
-    while (!il_session_stop_reason(*self.component)) {
-        if (const int signal = interruption_signal()) {
-            end_by_user(self, signal);
-            return;
-        }
+    if (self.held) {
+        return std::exchange(self.held, std::nullopt);
+    }
+    for (;;) {
         const std::optional<programme_unit> unit = programme_next(*self.programme);
         if (!unit) {
             self.summary.ended = "end of the programme";
-            return;
+            return std::nullopt;
+        }
+        switch (judge_limit(self, *unit)) {
+        case limit_verdict::inside:
+            return unit;
+        case limit_verdict::outside:
+            break;
+        case limit_verdict::end:
+            self.summary.ended = "the duration is over";
+            return std::nullopt;
+        }
+    }
+}
+
+feed_end programme_feed_send(recording &self)
+{
+    while (!il_session_stop_reason(*self.component)) {
+        if (const int signal = interruption_signal()) {
+            end_by_user(self, signal);
+            return feed_end::complete;
+        }
+        const std::optional<programme_unit> unit = next_unit(self);
+        if (!unit) {
+            return feed_end::complete;
+        }
+        if (begins_next_file(self, *unit)) {
+            self.held = unit;
+            return feed_end::next_file;
         }
         if (self.options.realtime &&
             pause_until(self, self.begun + std::chrono::microseconds(unit->time_us))) {
@@ -128,4 +220,5 @@ void programme_feed_send(recording &self)
         }
         programme_feed_watch(self);
     }
+    return feed_end::component;
 }

@@ -4,9 +4,15 @@
 
 #include "client/recording.h"
 
-// Sends the programme until it, the component or the user ends it, and notes which in the summary.
+enum class feed_end {
+    complete,  // the programme or the user has ended; the summary says which
+    component, // the component has ended the recording
+    next_file, // the programme continues in another file
+};
+
+// Sends the programme to the file that is being recorded.
 // throws: `failure`
-void programme_feed_send(recording &self);
+feed_end programme_feed_send(recording &self);
 
 // Checks that the recording's file is still there and renews the progress line, at most five times
 // a second.

@@ -21,7 +21,7 @@ void recording_note_failure(recording &self, const failure &what)
 
 void recording_note_storage_failure(recording &self, exit_code code, const std::string &sentence)
 {
-    const std::string trouble = storage_trouble(*self.storage);
+    const std::string trouble = storage_trouble(*self.part.storage);
     recording_note_failure(self, failure(code, sentence + (trouble.empty() ? "" : ": " + trouble)));
 }
 

@@ -6,9 +6,6 @@
 #include <algorithm>
 #include <array>
 
-// Other rates than the encoder's are resampled to this one.
-static constexpr int kDefaultRate = 48000;
-
 static constexpr size_t kChannels = 2;
 
 // A time stamp this close to the running count of samples is taken as rounded. A lost frame is

@@ -13,6 +13,9 @@
 
 inline constexpr size_t kAudioBlockSamples = 1024; // per channel
 
+// Other rates than the encoder's are resampled to this one (Hz).
+inline constexpr int kDefaultRate = 48000;
+
 struct audio_input {
     std::unique_ptr<audio_decoder> decoder;
     resampler_ptr resampler;

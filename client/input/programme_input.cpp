@@ -14,30 +14,65 @@ static int64_t audio_time_us(const programme_input &programme)
                       programme.audio->rate);
 }
 
+int programme_sample_rate(const programme_input &programme)
+{
+    return programme.audio != nullptr ? programme.audio->rate : kDefaultRate;
+}
+
+int64_t programme_block_us(const programme_input &programme)
+{
+    return av_rescale(kAudioBlockSamples, kSecondUs, programme_sample_rate(programme));
+}
+
+std::optional<int64_t> programme_sound_time_us(const programme_input &programme)
+{
+    return programme.has_audio ? std::optional(audio_time_us(programme)) : std::nullopt;
+}
+
+// Opens the sound, unless the file of both streams has none.
+// returns: whether it has none
+static bool open_audio(programme_input &programme, const std::string &video_path,
+                       const std::string &audio_path)
+{
+    media_file &file = *programme.video->file;
+    const bool is_lacking = video_path == audio_path && !media_file_has(file, AVMEDIA_TYPE_AUDIO);
+    if (!is_lacking) {
+        programme.audio = audio_input_open(audio_path, file);
+    }
+    return is_lacking;
+}
+
+static void begin_audio(programme_input &programme)
+{
+    stream_clock &clock = programme.video->file->clock;
+    const int64_t between_us =
+        clock.other != nullptr ? 0 : programme.audio->begin_us - programme.video->begin_us;
+    audio_input_start_at(*programme.audio,
+                         programme.origin_us + between_us + programme_block_us(programme));
+    clock.may_wait = true;
+    programme.audio->decoder->file->clock.may_wait = true;
+    programme.has_audio = audio_input_next(*programme.audio, programme.next_audio);
+}
+
 std::unique_ptr<programme_input> programme_open(const std::string &video_path,
                                                 const std::string &audio_path,
-                                                std::optional<AVRational> frame_rate)
+                                                const programme_settings &settings)
 {
     std::unique_ptr<programme_input> programme = std::make_unique<programme_input>();
-    programme->video = video_input_open(video_path, frame_rate);
-    media_file &file = *programme->video->file;
-    const bool lacks_audio = video_path == audio_path && !media_file_has(file, AVMEDIA_TYPE_AUDIO);
-    if (!lacks_audio) {
-        programme->audio = audio_input_open(audio_path, file);
-    }
+    programme->video = video_input_open(video_path, settings.frame_rate);
+    programme->video->may_change = settings.may_change;
+    const bool lacks_audio = settings.with_audio && open_audio(*programme, video_path, audio_path);
     video_input_read_ahead(*programme->video);
     if (lacks_audio) {
         throw failure(exit_code::input,
-                      audio_path + ": holds no audio (name another file with --audio)");
+                      audio_path + ": holds no audio (name another file with --audio, or add "
+                                   "--no-audio)");
     }
     programme->next_video = video_input_next(*programme->video);
     programme->origin_us = programme->next_video->time_us;
-    const int64_t between_us =
-        file.clock.other != nullptr ? 0 : programme->audio->begin_us - programme->video->begin_us;
-    audio_input_start_at(*programme->audio, programme->origin_us + between_us);
-    file.clock.may_wait = true;
-    programme->audio->decoder->file->clock.may_wait = true;
-    programme->has_audio = audio_input_next(*programme->audio, programme->next_audio);
+    if (programme->audio != nullptr) {
+        begin_audio(*programme);
+    }
     return programme;
 }
 
@@ -83,19 +118,23 @@ std::optional<programme_unit> programme_next(programme_input &programme)
         }
         return std::nullopt;
     }
+    // A picture waits for the sound that ends before it.
     const bool video_first =
         programme.next_video &&
-        (!programme.has_audio || video_time_us(programme) <= audio_time_us(programme));
+        (!programme.has_audio ||
+         video_time_us(programme) < audio_time_us(programme) + programme_block_us(programme));
     if (video_first) {
         programme.given = unit_kind::video;
-        const access_unit &unit = programme.next_video->unit;
-        return programme_unit{unit_kind::video, video_time_us(programme), unit.bytes, unit.idr};
+        const video_unit &next = *programme.next_video;
+        return programme_unit{unit_kind::video, video_time_us(programme), next.unit.bytes,
+                              next.unit.idr, next.new_format};
     }
     programme.given = unit_kind::audio;
     const std::span<const int16_t> samples = programme.next_audio;
     return programme_unit{unit_kind::audio,
                           audio_time_us(programme),
                           {reinterpret_cast<const uint8_t *>(samples.data()), samples.size_bytes()},
+                          false,
                           false};
 }
 
@@ -125,12 +164,16 @@ std::vector<std::string> programme_opening_remarks(const programme_input &progra
 std::vector<std::string> programme_closing_remarks(const programme_input &programme)
 {
     const video_input &video = *programme.video;
-    const audio_input &audio = *programme.audio;
-    const media_file &audio_file = *audio.decoder->file;
     std::vector<std::string> remarks;
     remark(remarks, *video.file, "damaged access units left out", video.damaged);
     remark(remarks, *video.file, "damaged parameter sets left out",
            video_input_damaged_sets(video));
+    if (programme.audio == nullptr) {
+        remark(remarks, *video.file, "jumps of the clock closed", video.file->clock.jumps);
+        return remarks;
+    }
+    const audio_input &audio = *programme.audio;
+    const media_file &audio_file = *audio.decoder->file;
     remark(remarks, audio_file, "damaged audio packets left out", audio.decoder->damaged);
     if (video.file->clock.other != nullptr) {
         remark(remarks, audio_file, "jumps of the clock closed",

@@ -17,16 +17,26 @@
 enum class unit_kind { video, audio };
 
 // The content of one buffer; the bytes are valid until the next unit is read.
+//
+// The encoder delays the sound by one block. The sound is therefore given one block ahead, with the
+// time of the block before, and without the first block.
 struct programme_unit {
     unit_kind kind;
     int64_t time_us; // since the programme's first picture
     std::span<const uint8_t> bytes;
-    bool idr; // a video unit that can be decoded by itself
+    bool idr;        // a video unit that can be decoded by itself
+    bool new_format; // an IDR picture after a change of the parameter sets
+};
+
+struct programme_settings {
+    std::optional<AVRational> frame_rate; // of raw H.264, if the user gave one
+    bool with_audio = true;
+    bool may_change = false; // the parameter sets may change
 };
 
 struct programme_input {
     std::unique_ptr<video_input> video;
-    std::unique_ptr<audio_input> audio;
+    std::unique_ptr<audio_input> audio;   // null without sound
     int64_t origin_us = 0;                // time of the first picture on the video file's clock
     std::optional<video_unit> next_video; // none at the end
     std::array<int16_t, kAudioBlockSamples * 2> next_audio = {};
@@ -38,12 +48,21 @@ struct programme_input {
 
 // Opens the programme. If both paths name one file, the streams share its clock; two files begin
 // together.
-// in: the frame rate of raw H.264, if the user gave one
+// in: audio_path: not used without audio
 // returns: the programme
 // throws: `failure`
 std::unique_ptr<programme_input> programme_open(const std::string &video_path,
                                                 const std::string &audio_path,
-                                                std::optional<AVRational> frame_rate);
+                                                const programme_settings &settings);
+
+// returns: the sampling rate of the sound that is given, the encoder's usual one without sound (Hz)
+int programme_sample_rate(const programme_input &programme);
+
+// returns: the duration of a block of sound
+int64_t programme_block_us(const programme_input &programme);
+
+// returns: the time of the next unit of sound; nothing when there is none
+std::optional<int64_t> programme_sound_time_us(const programme_input &programme);
 
 // returns: the next unit; nothing at the end
 // throws: `failure` when the input cannot be read or recorded

@@ -208,9 +208,8 @@ static std::optional<video_unit> read_unit(video_input &video)
                       "; a recording can hold only one set of them");
 }
 
-static void settle_doubt(video_input &video)
+static void release_doubted(video_input &video)
 {
-    video.damaged_sets++;
     std::move(video.doubted.begin(), video.doubted.end(), std::back_inserter(video.ahead));
     video.doubted.clear();
 }
@@ -236,6 +235,23 @@ static bool take_later_sets(video_input &video)
     return true;
 }
 
+// Continues with the parameter sets of the doubted units, where the user allows it.
+static void take_change(video_input &video)
+{
+    if (!video.may_change) {
+        refuse_change(video);
+    }
+    const std::vector<uint8_t> sets = video.doubted.front().unit.other_sets;
+    for (video_unit &one : video.doubted) {
+        if (one.unit.idr) {
+            access_unit_replace_sets(video.converter, one.unit, sets);
+        }
+    }
+    video.doubted.front().new_format = true;
+    access_unit_adopt_sets(video.converter, sets);
+    check_profile(video);
+}
+
 // Other parameter sets before a single IDR picture are taken as damage, unless the picture cannot
 // be decoded without them; before two in turn, they are a change.
 // in: the next IDR picture; null when there is none
@@ -246,14 +262,16 @@ static void judge_doubt(video_input &video, video_unit *next)
     if (is_repeated) {
         access_unit second = next->unit;
         access_unit_replace_sets(video.converter, second, first.other_sets);
-        if (!take_later_sets(video)) {
-            refuse_change(video);
-        }
         next->unit = std::move(second);
-    } else if (next == nullptr && !picture_decodes(first.bytes)) {
-        refuse_change(video);
     }
-    settle_doubt(video);
+    if (is_repeated && take_later_sets(video)) {
+        video.damaged_sets++;
+    } else if (is_repeated || (next == nullptr && !picture_decodes(first.bytes))) {
+        take_change(video);
+    } else {
+        video.damaged_sets++;
+    }
+    release_doubted(video);
 }
 
 // Reads one unit.

@@ -33,7 +33,7 @@ TEST_F(Refusals, NameTheMistakeAndTouchNothing)
         {"record -o x missing.ts", 3, "missing.ts: No such file"},
         {"record -o x /dev/zero", 3, "/dev/zero: is not a regular file"},
         {"record -o x --video programme.h264 --audio kept.mp4", 3, "kept.mp4: not readable as"},
-        {"record -o x programme.h264", 3, "holds no audio (name another file with --audio)"},
+        {"record -o x programme.h264", 3, "holds no audio (name another file with --audio, or add --no-audio)"},
         {"record -o kept.mp4 " SAMPLE, 5, "exists already"},
         {"record -o folder -f " SAMPLE, 5, "not a regular file"},
         {"record -o programme.wav -f " SAMPLE, 5, "is an input"},
