@@ -14,6 +14,9 @@ static constexpr int64_t kTimeBaseUs = 1'000'000;
 
 static constexpr uint64_t kAudioBytesPerSecond = TDMBREC_AUDIO_BIT_RATE / 8;
 
+// The longest time without a look at the storage, while there is sound.
+static constexpr int64_t kLookIntervalUs = 1'000'000;
+
 static constexpr auto kWatchInterval = std::chrono::milliseconds(200);
 static constexpr auto kPauseMax = std::chrono::milliseconds(500); // without a look at the file
 
@@ -92,6 +95,22 @@ static void send_picture(recording &self, const programme_unit &unit)
     il_session_send(*self.component, TDMBREC_PORT_VIDEO, unit.bytes,
                     kTimeBaseUs + part.lead_us + time_us - part.begin_us, flags);
     part.sent_video_bytes += unit.bytes.size();
+    part.looked_us = time_us - part.begin_us;
+}
+
+// The component looks at the storage with the buffers of its ports. Coded sound comes another way,
+// and is watched here while the pictures are missing.
+static void check_free_space(recording &self, int64_t in_file_us)
+{
+    if (in_file_us - self.part.looked_us <= kLookIntervalUs) {
+        return;
+    }
+    self.part.looked_us = in_file_us;
+    if (storage_free_bytes(*self.part.storage) <= kFreeBytesKept) {
+        throw failure(exit_code_plus(exit_code::stop_reason, TDMBREC_STOP_STORAGE_FULL),
+                      "the free space is used up (the recorder leaves " +
+                          size_text(kFreeBytesKept) + ")");
+    }
 }
 
 static void send_sound(recording &self, const programme_unit &unit)
@@ -99,6 +118,7 @@ static void send_sound(recording &self, const programme_unit &unit)
     const recording_part &part = self.part;
     const int64_t in_file_us = unit.time_us - part.begin_us;
     if (self.component->sound != nullptr) {
+        check_free_space(self, in_file_us);
         il_session_send_coded(*self.component, unit.bytes, in_file_us / 1000);
     } else {
         il_session_send(*self.component, TDMBREC_PORT_AUDIO, unit.bytes,

@@ -239,6 +239,7 @@ static void open_next_file(recording &self)
     summary.earlier.push_back({summary.output, summary.begin_s, *summary.file});
     summary.file.reset();
     open_output(self);
+    look_for_others(self);
     provide_storage(self);
 }
 

@@ -29,6 +29,7 @@ struct recording_part {
     int64_t begin_us = 0;   // of the file
     int64_t lead_us = 0;    // from the component's time base to the beginning
     uint64_t sent_video_bytes = 0;
+    int64_t looked_us = 0; // in the file, when the component last had a buffer of the video
 };
 
 struct recording {
