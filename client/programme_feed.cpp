@@ -113,10 +113,12 @@ static void check_free_space(recording &self, int64_t in_file_us)
     }
 }
 
+// Each block has its own time, with which the frames have their exact duration in the file; it is
+// given at the time of the block before.
 static void send_sound(recording &self, const programme_unit &unit)
 {
     const recording_part &part = self.part;
-    const int64_t in_file_us = unit.time_us - part.begin_us;
+    const int64_t in_file_us = unit.time_us + programme_block_us(*self.programme) - part.begin_us;
     if (self.component->sound != nullptr) {
         check_free_space(self, in_file_us);
         il_session_send_coded(*self.component, unit.bytes, in_file_us / 1000);

@@ -276,6 +276,6 @@ TEST_F(RecordCommand, SendsRunsOfPicturesAndSoundLikeTheBroadcastPlayer)
     // set.
     EXPECT_TRUE(buffers["video"].starts_with("video 1000000 6 0 9\nvideo 1040000 "));
     EXPECT_TRUE(contains(buffers["video"].substr(0, 60), " 0 103\nvideo 1080000 "));
-    EXPECT_TRUE(buffers["audio"].starts_with("audio 1040000 4096 "));
-    EXPECT_TRUE(contains(buffers["audio"].substr(0, 60), "\naudio 1061333 4096 "));
+    EXPECT_TRUE(buffers["audio"].starts_with("audio 1061333 4096 "));
+    EXPECT_TRUE(contains(buffers["audio"].substr(0, 60), "\naudio 1082666 4096 "));
 }
