@@ -165,6 +165,7 @@ int main(int argc, char **argv)
     sound.file = fopen(argv[2], "rb");
     fail_if(pictures == NULL || sound.file == NULL, "an input cannot be opened");
     const size_t video_bytes = fread(video, 1, sizeof video, pictures);
+    fclose(pictures);
     read_frame(&sound);
     const uint8_t *const h = sound.frame;
     sound.rate = rates[h[2] >> 2 & 15];
@@ -217,5 +218,6 @@ int main(int argc, char **argv)
     put_pictures(&mux, video, video_bytes, &sound);
     put_sound(&mux, &sound, INT64_MAX);
     run_mux(MUX_CLOSE, &mux, NULL, NULL);
+    fclose(sound.file);
     return EXIT_SUCCESS;
 }
