@@ -28,7 +28,8 @@ std::string summary_text(const recording_summary &summary)
            format_text(" (%llu bytes)\n", static_cast<unsigned long long>(file.bytes)) +
            track_text("Video", file.video, file.duration_s) +
            track_text("Audio", file.audio, file.duration_s) + "  Ended  " + summary.ended +
-           format_text("; took %.1f s, %.1f times real time\n", summary.elapsed_s, speed);
+           "; took " + elapsed_text(summary.elapsed_s) +
+           format_text(", %.1f times real time\n", speed);
 }
 
 std::string summary_json(const recording_summary &summary)
