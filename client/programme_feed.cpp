@@ -42,10 +42,10 @@ static void show_progress(const recording &self, steady::time_point now)
 {
     const double sent_s = static_cast<double>(self.sent_us) / 1e6;
     const double elapsed_s = std::chrono::duration<double>(now - self.begun).count();
-    terminal_show_progress("Recording  " + duration_text(sent_s) + "  " +
-                           size_text(recorded_bytes(self)) +
-                           format_text("  %.1fx", elapsed_s > 0 ? sent_s / elapsed_s : 0) +
-                           "  free " + size_text(storage_free_bytes(*self.storage)));
+    terminal_show_progress_parts({"Recording  " + duration_text(sent_s),
+                                  size_text(recorded_bytes(self)),
+                                  format_text("%.1fx", elapsed_s > 0 ? sent_s / elapsed_s : 0),
+                                  "free " + size_text(storage_free_bytes(*self.storage))});
 }
 
 void programme_feed_watch(recording &self)
