@@ -80,7 +80,13 @@ static void open_all(recording &self)
     self.storage = storage_open(options.output, options.force);
     output_place_check_inputs(options.output, {options.video, options.audio});
     look_for_others(self);
-    self.programme = programme_open(options.video, options.audio, frame_rate);
+    self.programme = programme_open(
+        {.video = options.video,
+         .audio = options.audio,
+         .frame_rate = frame_rate,
+         .pcm_rate = options.pcm_rate,
+         .start_at = options.start_at,
+         .on_wait = [&self](double silent_s) { return programme_feed_wait(self, silent_s); }});
     recording_warn(self, programme_opening_remarks(*self.programme));
     (void)OMX_Init(); // loads the component before the storage can hide its path
     use_storage(self.storage.get());

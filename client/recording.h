@@ -26,6 +26,7 @@ struct recording {
     il_session_ptr component;
     std::chrono::steady_clock::time_point begun;
     std::chrono::steady_clock::time_point shown; // the progress line
+    double silent_s = 0;                         // nothing has arrived from a live source
     bool has_file = false;                       // the recording's file has been seen
     bool is_published = false;
     int64_t lead_us = 0; // from the time base to the first picture

@@ -6,6 +6,7 @@
 #include "client/input/video_input.h"
 
 #include <array>
+#include <chrono>
 #include <cstdint>
 #include <exception>
 #include <memory>
@@ -36,14 +37,25 @@ struct programme_input {
     std::exception_ptr fault;       // the failure that broke off one stream of the file
 };
 
+// What a programme is read from.
+struct programme_source {
+    std::string video; // the same one as `audio` if it holds both
+    std::string audio;
+    std::optional<AVRational> frame_rate; // of raw H.264, if the user gave one
+    int pcm_rate = 0;                     // Hz, of audio that is bare 16-bit stereo PCM; 0: is not
+    std::optional<std::chrono::system_clock::time_point> start_at; // none: at once
+    wait_hook on_wait; // called while live sources and start_at are waited for; may be empty
+};
+
 // Opens the programme. If both paths name one file, the streams share its clock; two files begin
-// together.
-// in: the frame rate of raw H.264, if the user gave one
+// together. A live source begins with what it sends at start_at.
 // returns: the programme
 // throws: `failure`
-std::unique_ptr<programme_input> programme_open(const std::string &video_path,
-                                                const std::string &audio_path,
-                                                std::optional<AVRational> frame_rate);
+std::unique_ptr<programme_input> programme_open(const programme_source &source);
+
+// Ends the live sources of the programme after what was received.
+// returns: whether it has any
+bool programme_stop_live(programme_input &programme);
 
 // returns: the next unit; nothing at the end
 // throws: `failure` when the input cannot be read or recorded
