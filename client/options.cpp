@@ -1,6 +1,7 @@
 #include "client/options.h"
 
 #include "client/failure.h"
+#include "client/start_time.h"
 #include "client/time_span.h"
 
 #include <CLI/CLI.hpp>
@@ -92,6 +93,8 @@ Exit status:
   130  stopped by Ctrl-C (143 SIGTERM, 129 SIGHUP); no file is left
 Of several recordings, the first failure decides.)";
 
+static constexpr int kPcmRateMin = 1000, kPcmRateMax = 384000; // Hz
+
 static constexpr int kMemoryBytesMax = 1 << 28;
 
 static void add_output(CLI::App &command, std::string &output, bool &force, const char *what)
@@ -128,20 +131,46 @@ static void add_length(CLI::App &command, const char *name, int64_t &length_us, 
         ->type_name("TIME");
 }
 
+static void add_live(CLI::App &command, record_options &options)
+{
+    command
+        .add_option("--pcm", options.pcm_rate,
+                    "the input of --audio is bare PCM of this rate: 16-bit little-endian stereo")
+        ->type_name("HZ")
+        ->check(CLI::Range(kPcmRateMin, kPcmRateMax));
+    command
+        .add_option_function<std::string>(
+            "--start-at",
+            [&options](const std::string &text) {
+                const auto now = std::chrono::system_clock::now();
+                const std::string mistake = start_time_read(text, now, options.start_at.emplace());
+                if (!mistake.empty()) {
+                    throw CLI::ValidationError(mistake);
+                }
+            },
+            "wait until this local time: HH:MM or HH:MM:SS, today or tomorrow, or with YYYY-MM-DD "
+            "before it; what a pipe sends until then is left out")
+        ->type_name("TIME");
+}
+
 static void add_record(CLI::App &app, record_options &options, std::string &input)
 {
     CLI::App &command = *app.add_subcommand("record", "Record a programme to an MP4 file");
     command.footer(kRecordFooter);
-    command.add_option("INPUT", input, "file with video and audio: MPEG-TS, MP4 or Matroska")
-        ->type_name("FILE");
+    command
+        .add_option("INPUT", input,
+                    "video and audio: a file (MPEG-TS, MP4 or Matroska), a pipe (\"-\" is standard "
+                    "input), or what FFmpeg opens (udp://, rtp://, tcp://, http:// ...)")
+        ->type_name("INPUT");
     command
         .add_option("--video", options.video,
-                    "take the video from this file: raw H.264 or one of the above")
-        ->type_name("FILE");
+                    "take the video from this input: raw H.264 or one of the above")
+        ->type_name("INPUT");
     command
         .add_option("--audio", options.audio,
-                    "take the audio from this file: WAV or one of the above")
-        ->type_name("FILE");
+                    "take the audio from this input: WAV or one of the above")
+        ->type_name("INPUT");
+    add_live(command, options);
     add_output(command, options.output, options.force, "the MP4 file to make");
     add_frame_rate(command, options.frame_rate);
     command.add_flag("--realtime", options.realtime, "record no faster than the programme runs");
@@ -333,6 +362,9 @@ static command_line choose_inputs(record_options options, const std::string &inp
         return report_mistake("record ", "INPUT is not needed with --video and --audio");
     }
     options.split = options.split || options.split_every_us > 0 || options.split_size_mb > 0;
+    if (options.pcm_rate > 0 && options.audio.empty()) {
+        return report_mistake("record ", "--pcm needs --audio");
+    }
     for (std::string *const file : {&options.video, &options.audio}) {
         if (file->empty()) {
             *file = input;

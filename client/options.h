@@ -4,6 +4,7 @@
 
 #include "component/tdmbrec_interface.h"
 
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -19,6 +20,8 @@ struct record_options {
     std::string audio;
     std::string output;
     std::optional<std::string> frame_rate; // a number or a fraction, as given
+    int pcm_rate = 0;                      // Hz, if the audio is bare 16-bit stereo PCM
+    std::optional<std::chrono::system_clock::time_point> start_at; // none: at once
     bool force = false;
     bool card = false;
     bool realtime = false;

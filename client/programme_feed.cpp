@@ -5,6 +5,7 @@
 #include "client/terminal.h"
 
 #include <algorithm>
+#include <cmath>
 #include <utility>
 
 using steady = std::chrono::steady_clock;
@@ -19,6 +20,8 @@ static constexpr int64_t kLookIntervalUs = 1'000'000;
 
 static constexpr auto kWatchInterval = std::chrono::milliseconds(200);
 static constexpr auto kPauseMax = std::chrono::milliseconds(500); // without a look at the file
+
+static constexpr double kSilenceShownS = 2;
 
 // At least what was sent: the file grows in steps of the component's cache.
 static uint64_t recorded_bytes(const recording &self)
@@ -45,14 +48,23 @@ static void check_file(recording &self)
     }
 }
 
+static std::string silence_text(double silent_s)
+{
+    return format_text("nothing arrives for %.0f s", std::floor(silent_s));
+}
+
 static void show_progress(const recording &self, steady::time_point now)
 {
     const double sent_s = static_cast<double>(self.sent_us) / 1e6;
     const double elapsed_s = std::chrono::duration<double>(now - self.begun).count();
-    terminal_show_progress("Recording  " + duration_text(sent_s) + "  " +
-                           size_text(recorded_bytes(self)) +
-                           format_text("  %.1fx", elapsed_s > 0 ? sent_s / elapsed_s : 0) +
-                           "  free " + size_text(storage_free_bytes(*self.part.storage)));
+    std::vector<std::string> parts = {"Recording  " + duration_text(sent_s),
+                                      size_text(recorded_bytes(self))};
+    if (self.silent_s >= kSilenceShownS) {
+        parts.push_back(silence_text(self.silent_s));
+    }
+    parts.push_back(format_text("%.1fx", elapsed_s > 0 ? sent_s / elapsed_s : 0));
+    parts.push_back("free " + size_text(storage_free_bytes(*self.part.storage)));
+    terminal_show_progress_parts(std::move(parts));
 }
 
 void programme_feed_watch(recording &self)
@@ -193,6 +205,47 @@ static void end_by_user(recording &self, int signal)
     self.summary.ended = "stopped by the user";
 }
 
+// Shows what the start of the programme waits for.
+static void show_wait(const recording &self)
+{
+    const auto &start_at = self.options.start_at;
+    const std::chrono::duration<double> left =
+        start_at ? *start_at - std::chrono::system_clock::now() : std::chrono::seconds(0);
+    std::vector<std::string> parts = {left.count() > 0 ? "Waiting for the start in " +
+                                                             duration_text(left.count())
+                                                       : "Waiting for the first picture"};
+    if (self.silent_s >= kSilenceShownS) {
+        parts.push_back(silence_text(self.silent_s));
+    }
+    terminal_show_progress_parts(std::move(parts));
+}
+
+bool programme_feed_wait(recording &self, double silent_s)
+{
+    const int signal = interruption_signal();
+    self.silent_s = silent_s;
+    if (self.programme == nullptr) { // it is being opened
+        if (signal != 0) {
+            end_by_user(self, signal);
+        }
+        show_wait(self);
+        return false;
+    }
+    il_session_flush(*self.component);
+    programme_feed_watch(self);
+    return signal != 0 || il_session_stop_reason(*self.component).has_value();
+}
+
+// A live source also ends because the user or the component asked for it.
+static void end_at_the_end(recording &self)
+{
+    if (const int signal = interruption_signal()) {
+        end_by_user(self, signal);
+    } else {
+        self.summary.ended = "end of the programme";
+    }
+}
+
 // returns: the next unit inside the recording's duration; nothing at the end
 static std::optional<programme_unit> next_unit(recording &self)
 {
@@ -201,8 +254,9 @@ static std::optional<programme_unit> next_unit(recording &self)
     }
     for (;;) {
         const std::optional<programme_unit> unit = programme_next(*self.programme);
+        self.silent_s = 0;
         if (!unit) {
-            self.summary.ended = "end of the programme";
+            end_at_the_end(self);
             return std::nullopt;
         }
         switch (judge_limit(self, *unit)) {
@@ -220,7 +274,8 @@ static std::optional<programme_unit> next_unit(recording &self)
 feed_end programme_feed_send(recording &self)
 {
     while (!il_session_stop_reason(*self.component)) {
-        if (const int signal = interruption_signal()) {
+        const int signal = interruption_signal();
+        if (signal != 0 && !programme_stop_live(*self.programme)) {
             end_by_user(self, signal);
             return feed_end::complete;
         }

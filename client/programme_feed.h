@@ -19,4 +19,10 @@ feed_end programme_feed_send(recording &self);
 // throws: `failure` when the file was deleted or moved
 void programme_feed_watch(recording &self);
 
+// As above, while a live source is read or waited for: what has arrived is recorded first.
+// in: how long nothing has arrived
+// returns: whether the recording is to end
+// throws: also for the user's signal before the first picture
+bool programme_feed_wait(recording &self, double silent_s);
+
 #endif // CLIENT_PROGRAMME_FEED_H

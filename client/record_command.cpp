@@ -95,13 +95,18 @@ static void provide_storage(recording &self)
 static void open_all(recording &self)
 {
     const record_options &options = self.options;
-    const programme_settings settings = {.frame_rate = parse_frame_rate(options.frame_rate),
-                                         .with_audio = options.with_audio,
-                                         .may_change = options.split};
     open_output(self);
     output_place_check_inputs(self.summary.output, {options.video, options.audio});
     look_for_others(self);
-    self.programme = programme_open(options.video, options.audio, settings);
+    self.programme = programme_open(
+        {.video = options.video,
+         .audio = options.audio,
+         .with_audio = options.with_audio,
+         .may_change = options.split,
+         .frame_rate = parse_frame_rate(options.frame_rate),
+         .pcm_rate = options.pcm_rate,
+         .start_at = options.start_at,
+         .on_wait = [&self](double silent_s) { return programme_feed_wait(self, silent_s); }});
     recording_warn(self, programme_opening_remarks(*self.programme));
     (void)OMX_Init(); // loads the component before the storage can hide its path
     provide_storage(self);

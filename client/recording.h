@@ -42,6 +42,7 @@ struct recording {
     std::optional<programme_unit> held; // the picture with which the next file begins
     std::chrono::steady_clock::time_point begun;
     std::chrono::steady_clock::time_point shown; // the progress line
+    double silent_s = 0;                         // nothing has arrived from a live source
     int64_t sent_us = 0;                         // of the programme
 };
 

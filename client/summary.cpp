@@ -57,7 +57,8 @@ std::string summary_text(const recording_summary &summary)
     const double speed = summary.elapsed_s > 0 ? sum.duration_s / summary.elapsed_s : 0;
     return text + track_text("Video", sum.video, sum.duration_s) +
            track_text("Audio", sum.audio, sum.duration_s) + "  Ended  " + summary.ended +
-           format_text("; took %.1f s, %.1f times real time\n", summary.elapsed_s, speed);
+           "; took " + elapsed_text(summary.elapsed_s) +
+           format_text(", %.1f times real time\n", speed);
 }
 
 static nlohmann::ordered_json track_json(const track_summary &track, double duration_s)

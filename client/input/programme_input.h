@@ -6,6 +6,7 @@
 #include "client/input/video_input.h"
 
 #include <array>
+#include <chrono>
 #include <cstdint>
 #include <exception>
 #include <memory>
@@ -28,12 +29,6 @@ struct programme_unit {
     bool new_format; // an IDR picture after a change of the parameter sets
 };
 
-struct programme_settings {
-    std::optional<AVRational> frame_rate; // of raw H.264, if the user gave one
-    bool with_audio = true;
-    bool may_change = false; // the parameter sets may change
-};
-
 struct programme_input {
     std::unique_ptr<video_input> video;
     std::unique_ptr<audio_input> audio;   // null without sound
@@ -46,14 +41,27 @@ struct programme_input {
     std::exception_ptr fault;       // the failure that broke off one stream of the file
 };
 
+// What a programme is read from.
+struct programme_source {
+    std::string video; // the same one as `audio` if it holds both
+    std::string audio; // not used without audio
+    bool with_audio = true;
+    bool may_change = false;              // the parameter sets may change
+    std::optional<AVRational> frame_rate; // of raw H.264, if the user gave one
+    int pcm_rate = 0;                     // Hz, of audio that is bare 16-bit stereo PCM; 0: is not
+    std::optional<std::chrono::system_clock::time_point> start_at; // none: at once
+    wait_hook on_wait; // called while live sources and start_at are waited for; may be empty
+};
+
 // Opens the programme. If both paths name one file, the streams share its clock; two files begin
-// together.
-// in: audio_path: not used without audio
+// together. A live source begins with what it sends at start_at.
 // returns: the programme
 // throws: `failure`
-std::unique_ptr<programme_input> programme_open(const std::string &video_path,
-                                                const std::string &audio_path,
-                                                const programme_settings &settings);
+std::unique_ptr<programme_input> programme_open(const programme_source &source);
+
+// Ends the live sources of the programme after what was received.
+// returns: whether it has any
+bool programme_stop_live(programme_input &programme);
 
 // returns: the sampling rate of the sound that is given, the encoder's usual one without sound (Hz)
 int programme_sample_rate(const programme_input &programme);

@@ -16,6 +16,10 @@ extern "C" {
 // Within this many units, reordered pictures and changed or damaged parameter sets mostly show.
 static constexpr size_t kReadAheadUnits = 100;
 
+// Of a live source, whose recording is not to begin seconds late, unless the stream announces
+// reordered pictures.
+static constexpr size_t kLiveReadAheadUnits = 16;
+
 // At most this many units are held back while their parameter sets may be damaged.
 static constexpr size_t kDoubtedUnitsMax = 1000;
 
@@ -308,8 +312,15 @@ unsigned video_input_damaged_sets(const video_input &video)
 std::unique_ptr<video_input> video_input_open(const std::string &path,
                                               std::optional<AVRational> frame_rate)
 {
+    return video_input_of(media_file_open(path, AVMEDIA_TYPE_VIDEO), frame_rate);
+}
+
+std::unique_ptr<video_input> video_input_of(std::unique_ptr<media_file> file,
+                                            std::optional<AVRational> frame_rate)
+{
     std::unique_ptr<video_input> video = std::make_unique<video_input>();
-    video->file = media_file_open(path, AVMEDIA_TYPE_VIDEO);
+    video->file = std::move(file);
+    const std::string &path = video->file->path;
     const AVCodecParameters &codec = *video->file->stream->codecpar;
     if (codec.codec_id != AV_CODEC_ID_H264) {
         refuse(*video, std::string("its video is ") + avcodec_get_name(codec.codec_id) +
@@ -333,9 +344,11 @@ std::unique_ptr<video_input> video_input_open(const std::string &path,
 
 void video_input_read_ahead(video_input &video)
 {
+    const bool is_short =
+        video.file->live != nullptr && video.file->stream->codecpar->video_delay == 0;
+    const size_t units = is_short ? kLiveReadAheadUnits : kReadAheadUnits;
     try {
-        while ((video.ahead.size() < kReadAheadUnits || !video.doubted.empty()) &&
-               read_more(video)) {
+        while ((video.ahead.size() < units || !video.doubted.empty()) && read_more(video)) {
         }
     } catch (const failure &broken) {
         if (broken.code != exit_code::input || !video.begun) {

@@ -51,6 +51,10 @@ std::optional<AVRational> parse_frame_rate(const std::optional<std::string> &tex
 std::unique_ptr<video_input> video_input_open(const std::string &path,
                                               std::optional<AVRational> frame_rate);
 
+// As above, for a file that has been opened.
+std::unique_ptr<video_input> video_input_of(std::unique_ptr<media_file> file,
+                                            std::optional<AVRational> frame_rate);
+
 // Reads the first units. Throws `failure` for a stream that cannot be recorded, so that it is
 // refused before the recording begins.
 void video_input_read_ahead(video_input &video);

@@ -31,7 +31,7 @@ TEST_F(Refusals, NameTheMistakeAndTouchNothing)
         {"record -o x --frame-rate many " SAMPLE, 2, "1 to 240, not \"many\""},
         {"record -o x --checkpoint 4000 " SAMPLE, 2, "--checkpoint: Value 4000 not in range"},
         {"record -o x missing.ts", 3, "missing.ts: No such file"},
-        {"record -o x /dev/zero", 3, "/dev/zero: is not a regular file"},
+        {"record -o x /dev/zero", 3, "/dev/zero: not readable as raw"},
         {"record -o x --video programme.h264 --audio kept.mp4", 3, "kept.mp4: not readable as"},
         {"record -o x programme.h264", 3, "holds no audio (name another file with --audio, or add --no-audio)"},
         {"record -o kept.mp4 " SAMPLE, 5, "exists already"},
