@@ -188,7 +188,8 @@ TEST_F(RecordCommand, IsFinishedAtTheFirstSignalAndAbortedAtTheSecond)
 {
     const std::string background = RECORD SAMPLE "--realtime -f -o a.mp4 ";
     const command_result once =
-        shell(background + "--json & " AWAIT_OUTPUT(".") "kill -TERM $!; wait $!");
+        shell(background +
+              "--json & " AWAIT_OUTPUT(".") "kill -TERM $!; sleep 0.05; kill -TERM $!; wait $!");
     EXPECT_EQ(once.status, 0) << once.err;
     EXPECT_EQ(json::parse(once.out)["ended"], "stopped by the user");
     EXPECT_LT(json::parse(once.out)["video"]["frames"], 300);
