@@ -175,11 +175,12 @@ static void add_record(CLI::App &app, record_options &options, std::string &inpu
     add_frame_rate(command, options.frame_rate);
     command.add_flag("--realtime", options.realtime, "record no faster than the programme runs");
     add_length(command, "--duration", options.duration_us, "end after this much of the programme");
-    command.add_flag(
-        "--split", options.split,
+    command.add_flag_function(
+        "--split,!--no-split", [&options](int64_t count) { options.split = count > 0; },
         "continue in NAME-002.mp4 and so on, without a gap, before the recorder's limit\n"
-        "of 1.8 GB and where the parameter sets of the video change; in the output's\n"
-        "name, %Y, %m, %d, %H, %M and %S stand for the time at which a file begins");
+        "of 1.8 GB and where the parameter sets of the video change (default for live\n"
+        "inputs); in the output's name, %Y, %m, %d, %H, %M and %S then stand for the time\n"
+        "at which a file begins");
     add_length(command, "--split-every", options.split_every_us,
                "also continue in another file each time this much is recorded");
     command
@@ -361,7 +362,9 @@ static command_line choose_inputs(record_options options, const std::string &inp
     if (!input.empty() && !options.video.empty() && !options.audio.empty()) {
         return report_mistake("record ", "INPUT is not needed with --video and --audio");
     }
-    options.split = options.split || options.split_every_us > 0 || options.split_size_mb > 0;
+    if (options.split_every_us > 0 || options.split_size_mb > 0) {
+        options.split = true;
+    }
     if (options.pcm_rate > 0 && options.audio.empty()) {
         return report_mistake("record ", "--pcm needs --audio");
     }

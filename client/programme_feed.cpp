@@ -156,7 +156,7 @@ static void send_unit(recording &self, const programme_unit &unit)
 static bool begins_next_file(const recording &self, const programme_unit &unit)
 {
     const record_options &options = self.options;
-    if (!options.split || !unit.idr || self.part.sent_video_bytes == 0) {
+    if (!self.splits || !unit.idr || self.part.sent_video_bytes == 0) {
         return false;
     }
     const bool is_time =

@@ -112,7 +112,8 @@ static void open_all(recording &self)
     provide_storage(self);
     set_checkpoint(options.checkpoint_s);
     self.component = il_session_open();
-    if (options.split && self.programme->audio != nullptr) {
+    self.splits = self.programme->video->may_change;
+    if (self.splits && self.programme->audio != nullptr) {
         self.component->sound = coded_sound_open(programme_sample_rate(*self.programme));
     }
     self.component->on_wait = [&self] { programme_feed_watch(self); };
@@ -151,7 +152,7 @@ static bool end_recording(recording &self, bool continues)
     const std::function<void()> on_wait = std::exchange(self.component->on_wait, nullptr);
     try {
         const uint32_t reason = il_session_stop(*self.component);
-        const bool is_full = self.options.split && reason == TDMBREC_STOP_SIZE_LIMIT;
+        const bool is_full = self.splits && reason == TDMBREC_STOP_SIZE_LIMIT;
         self.summary.stop_reason = reason;
         if (is_full || (continues && reason == TDMBREC_STOP_CLIENT)) {
             self.component->on_wait = on_wait;
@@ -321,11 +322,11 @@ int record_run(const record_options &options)
     storage_isolate();
     interruption_listen(abort_recording);
     terminal_follow_component(options.verbosity);
-    recording self = {
-        .options = options,
-        .outputs = {.pattern = options.output,
-                    .has_times = options.split && options.output.find('%') != std::string::npos,
-                    .force = options.force}};
+    recording self = {.options = options,
+                      .outputs = {.pattern = options.output,
+                                  .has_times = options.split.value_or(false) &&
+                                               options.output.find('%') != std::string::npos,
+                                  .force = options.force}};
     self.summary.output = options.output;
     self.begun = steady::now();
     try {

@@ -39,6 +39,7 @@ struct recording {
     il_session_ptr component;
     output_series outputs;
     recording_part part;
+    bool splits = false;                // continues in further files
     std::optional<programme_unit> held; // the picture with which the next file begins
     std::chrono::steady_clock::time_point begun;
     std::chrono::steady_clock::time_point shown; // the progress line

@@ -328,6 +328,18 @@ static void push(live_queue &queue, packet_ptr packet)
     queue.packets.push_back({std::move(packet), step_us});
 }
 
+// The demuxer returns what it held of a stream that has moved to another identifier at the end.
+// returns: whether the packet is of the queue's stream, and follows its last one
+static bool belongs_to(live_queue &queue, const AVPacket &packet)
+{
+    if (queue.stream == nullptr || packet.stream_index != queue.stream->index ||
+        (packet.pos >= 0 && packet.pos < queue.position)) {
+        return false;
+    }
+    queue.position = std::max(queue.position, packet.pos);
+    return true;
+}
+
 static packet_ptr pop(live_queue &queue)
 {
     packet_ptr packet = std::move(queue.packets.front().packet);
@@ -383,8 +395,7 @@ packet_ptr live_source_read(live_source &source, AVMediaType kind, bool &is_late
         }
         packet_ptr packet = demux(source);
         for (live_queue *const queue : {&wanted, &other}) {
-            if (packet != nullptr && queue->stream != nullptr &&
-                packet->stream_index == queue->stream->index) {
+            if (packet != nullptr && belongs_to(*queue, *packet)) {
                 push(*queue, std::move(packet));
             }
         }

@@ -37,6 +37,7 @@ struct live_queue {
     std::deque<entry> packets;
     int64_t span_us = 0;
     std::optional<int64_t> last_us; // time stamp of the last packet
+    int64_t position = -1;          // of the last packet in the stream
 };
 
 struct live_source {

@@ -45,6 +45,8 @@ void media_format_open(AVFormatContext *&format, AVIOContext *io, const std::str
     } else { // for raw H.264 that states none; other formats ignore it
         av_dict_set_int(&options, "framerate", kDefaultFrameRate, 0);
     }
+    // A transport stream that moves its programme to other packet identifiers continues.
+    av_dict_set_int(&options, "merge_pmt_versions", 1, 0);
     const AVInputFormat *const fixed = is_pcm ? av_find_input_format(pcm_format_name) : nullptr;
     int error = avformat_open_input(&format, path.c_str(), fixed, &options);
     av_dict_free(&options);

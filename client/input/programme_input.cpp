@@ -160,7 +160,7 @@ std::unique_ptr<programme_input> programme_open(const programme_source &source)
     begin_live(live, source);
     programme->video = video_input_of(open_file(live.video, source.video, AVMEDIA_TYPE_VIDEO, 0),
                                       source.frame_rate);
-    programme->video->may_change = source.may_change;
+    programme->video->may_change = source.may_change.value_or(live.video != nullptr);
     const bool lacks_audio = source.with_audio && open_audio(*programme, live, source);
     video_input_read_ahead(*programme->video);
     if (lacks_audio) {

@@ -46,7 +46,7 @@ struct programme_source {
     std::string video; // the same one as `audio` if it holds both
     std::string audio; // not used without audio
     bool with_audio = true;
-    bool may_change = false;              // the parameter sets may change
+    std::optional<bool> may_change;       // the parameter sets; by default those of a live source
     std::optional<AVRational> frame_rate; // of raw H.264, if the user gave one
     int pcm_rate = 0;                     // Hz, of audio that is bare 16-bit stereo PCM; 0: is not
     std::optional<std::chrono::system_clock::time_point> start_at; // none: at once
