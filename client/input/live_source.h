@@ -46,7 +46,11 @@ struct live_source {
     AVIOContext *remote = nullptr; // opened by a protocol
     bool is_rtp = false;           // the protocol's packets begin with RTP headers
     std::vector<uint8_t> datagram; // what is left of the last one
-    AVIOContext *io = nullptr;     // of the demuxer
+    // The programme's other source, which is also read while this one is waited for: one writer may
+    // fill both.
+    live_source *companion = nullptr;
+    std::deque<uint8_t> backlog; // what was read in this way
+    AVIOContext *io = nullptr;   // of the demuxer
     AVFormatContext *format = nullptr;
     live_queue video, audio;
     bool begun = false; // the programme has begun: see live_source_read()
