@@ -362,6 +362,18 @@ static void push(live_queue &queue, packet_ptr packet)
     queue.packets.push_back({std::move(packet), step_us});
 }
 
+// Queues a packet of the stream. After a stop, the demuxer returns what it has begun, of which the
+// last packet may be incomplete.
+static void take(live_source &source, live_queue &queue, packet_ptr packet)
+{
+    if (source.stopped) {
+        std::swap(packet, queue.doubted);
+    }
+    if (packet != nullptr) {
+        push(queue, std::move(packet));
+    }
+}
+
 static packet_ptr pop(live_queue &queue)
 {
     packet_ptr packet = std::move(queue.packets.front().packet);
@@ -382,8 +394,7 @@ static packet_ptr demux(live_source &source)
     do {
         error = av_read_frame(source.format, packet.get());
     } while (error == AVERROR(EAGAIN));
-    // After a refusal, the demuxer returns the incomplete packets that it has begun.
-    if (error >= 0 && !source.stopped) {
+    if (error >= 0) {
         return packet;
     }
     source.ended = true;
@@ -419,7 +430,8 @@ packet_ptr live_source_read(live_source &source, AVMediaType kind, bool &is_late
         for (live_queue *const queue : {&wanted, &other}) {
             if (packet != nullptr && queue->stream != nullptr &&
                 packet->stream_index == queue->stream->index) {
-                push(*queue, std::move(packet));
+                take(source, *queue, std::move(packet));
+                break;
             }
         }
     }

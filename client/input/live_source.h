@@ -37,6 +37,7 @@ struct live_queue {
     std::deque<entry> packets;
     int64_t span_us = 0;
     std::optional<int64_t> last_us; // time stamp of the last packet
+    packet_ptr doubted;             // after a stop: complete if another one follows
 };
 
 struct live_source {
