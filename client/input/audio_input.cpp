@@ -96,7 +96,12 @@ static void settle_frame(audio_input &audio, int64_t time_us, int64_t tolerance_
 {
     const int64_t tolerance = av_rescale(tolerance_us, audio.rate, kSecondUs);
     const int64_t begin = av_rescale(time_us - audio.origin_us, audio.rate, kSecondUs);
-    const int64_t away = begin - (audio.placed - audio.skip_due);
+    int64_t away = begin - (audio.placed - audio.skip_due);
+    if (away > tolerance) { // a gap before the origin needs no silence
+        const int64_t unheard = std::min(away, audio.skip_due);
+        audio.skip_due -= unheard;
+        away -= unheard;
+    }
     if (away > tolerance) {
         audio.silence_due = away;
         audio.placed += away;

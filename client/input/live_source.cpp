@@ -26,11 +26,11 @@ static constexpr int64_t kStepMaxUs = kSecondUs;
 // Room in a pipe for a writer that fills its outputs in turn.
 static constexpr int kPipeBytes = 1 << 20;
 
+// How much is read ahead from the source that is not waited for.
+static constexpr size_t kBacklogBytesMax = 1 << 24;
+
 // What the check of the end needs.
 static constexpr size_t kHeadBytes = 4096, kTailBytes = 4096;
-
-// An input of 30 pictures a second then begins within a second of its first packets.
-static constexpr int64_t kAnalysedUs = kSecondUs;
 
 static constexpr size_t kDatagramBytesMax = 1 << 16;
 
@@ -120,13 +120,47 @@ static int on_interrupt(void *opaque)
     return keep_waiting(*static_cast<live_source *>(opaque)) ? 0 : 1;
 }
 
+// Waits for data of the source or of its companion.
+// returns: as poll(), for the source alone
+static int await_data(live_source &source, milliseconds time)
+{
+    live_source *const other = source.companion;
+    const bool has_room = other != nullptr && other->backlog.size() < kBacklogBytesMax;
+    pollfd waited[] = {{source.descriptor, POLLIN, 0},
+                       {has_room ? other->descriptor : -1, POLLIN, 0}};
+    const int ready = poll(waited, std::size(waited), static_cast<int>(time.count()));
+    if (ready <= 0) {
+        return ready;
+    }
+    if (waited[1].revents != 0) {
+        std::array<uint8_t, kIoBufferBytes> bytes;
+        const ssize_t got = read(other->descriptor, bytes.data(), bytes.size());
+        other->backlog.insert(other->backlog.end(), bytes.data(),
+                              bytes.data() + std::max<ssize_t>(got, 0));
+        if (got <= 0) { // its own reader will meet this again
+            source.companion = nullptr;
+        }
+    }
+    return waited[0].revents != 0 ? 1 : 0;
+}
+
+static int read_backlog(live_source &source, uint8_t *buffer, size_t size)
+{
+    const size_t taken = std::min(size, source.backlog.size());
+    const auto end = source.backlog.begin() + static_cast<ptrdiff_t>(taken);
+    std::copy(source.backlog.begin(), end, buffer);
+    source.backlog.erase(source.backlog.begin(), end);
+    return static_cast<int>(taken);
+}
+
 static int read_descriptor(live_source &source, uint8_t *buffer, size_t size)
 {
+    if (!source.backlog.empty()) {
+        return read_backlog(source, buffer, size);
+    }
     for (;;) {
-        pollfd waited = {source.descriptor, POLLIN, 0};
         const bool is_first = source.hook_called < source.read_begun;
-        const milliseconds step = is_first ? kShortWait : kHookInterval;
-        const int ready = poll(&waited, 1, static_cast<int>(step.count()));
+        const int ready = await_data(source, is_first ? kShortWait : kHookInterval);
         if (ready < 0 && errno != EINTR) {
             return AVERROR(errno);
         }
@@ -268,7 +302,7 @@ void live_source_begin(live_source &source, int pcm_rate)
     }
     try {
         media_format_open(source.format, source.io, source.path,
-                          {.pcm_rate = pcm_rate, .analysed_us = kAnalysedUs});
+                          {.pcm_rate = pcm_rate, .is_live = true});
     } catch (const failure &) {
         if (!source.fault && source.received_bytes > 0) {
             throw;
@@ -340,6 +374,18 @@ static bool belongs_to(live_queue &queue, const AVPacket &packet)
     return true;
 }
 
+// Queues a packet of the stream. After a stop, the demuxer returns what it has begun, of which the
+// last packet may be incomplete.
+static void take(live_source &source, live_queue &queue, packet_ptr packet)
+{
+    if (source.stopped) {
+        std::swap(packet, queue.doubted);
+    }
+    if (packet != nullptr) {
+        push(queue, std::move(packet));
+    }
+}
+
 static packet_ptr pop(live_queue &queue)
 {
     packet_ptr packet = std::move(queue.packets.front().packet);
@@ -360,8 +406,7 @@ static packet_ptr demux(live_source &source)
     do {
         error = av_read_frame(source.format, packet.get());
     } while (error == AVERROR(EAGAIN));
-    // After a refusal, the demuxer returns the incomplete packets that it has begun.
-    if (error >= 0 && !source.stopped) {
+    if (error >= 0) {
         return packet;
     }
     source.ended = true;
@@ -396,7 +441,8 @@ packet_ptr live_source_read(live_source &source, AVMediaType kind, bool &is_late
         packet_ptr packet = demux(source);
         for (live_queue *const queue : {&wanted, &other}) {
             if (packet != nullptr && belongs_to(*queue, *packet)) {
-                push(*queue, std::move(packet));
+                take(source, *queue, std::move(packet));
+                break;
             }
         }
     }
@@ -416,12 +462,10 @@ static bool has_input(std::span<live_source *const> sources, milliseconds time)
     std::vector<pollfd> waited;
     for (const live_source *const source : sources) {
         if (!source->ended) {
-            const bool is_buffered = source->io->buf_ptr < source->io->buf_end;
-            time = is_buffered ? milliseconds(0) : time;
-            waited.push_back({source->descriptor, POLLIN, 0});
-            if (is_buffered) {
+            if (source->io->buf_ptr < source->io->buf_end || !source->backlog.empty()) {
                 return true;
             }
+            waited.push_back({source->descriptor, POLLIN, 0});
         }
     }
     return poll(waited.data(), waited.size(), static_cast<int>(time.count())) > 0;

@@ -38,6 +38,7 @@ struct live_queue {
     int64_t span_us = 0;
     std::optional<int64_t> last_us; // time stamp of the last packet
     int64_t position = -1;          // of the last packet in the stream
+    packet_ptr doubted;             // after a stop: complete if another one follows
 };
 
 struct live_source {
@@ -47,7 +48,11 @@ struct live_source {
     AVIOContext *remote = nullptr; // opened by a protocol
     bool is_rtp = false;           // the protocol's packets begin with RTP headers
     std::vector<uint8_t> datagram; // what is left of the last one
-    AVIOContext *io = nullptr;     // of the demuxer
+    // The programme's other source, which is also read while this one is waited for: one writer may
+    // fill both.
+    live_source *companion = nullptr;
+    std::deque<uint8_t> backlog; // what was read in this way
+    AVIOContext *io = nullptr;   // of the demuxer
     AVFormatContext *format = nullptr;
     live_queue video, audio;
     bool begun = false; // the programme has begun: see live_source_read()

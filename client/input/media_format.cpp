@@ -2,27 +2,21 @@
 
 #include "client/failure.h"
 
+#include <cstring>
 #include <new>
 
 // The formats that are read. Others could make the demuxer open further files.
 static const char format_names[] = "h264,aac,mpegts,mov,mp4,m4a,3gp,3g2,mj2,matroska,webm,wav";
 static const char pcm_format_name[] = "s16le";
 
+// A stream without time stamps is otherwise analysed for seconds.
+static constexpr int64_t kLiveRawAnalysedUs = 1'000'000;
+
 std::string media_error_text(int error)
 {
     char text[AV_ERROR_MAX_STRING_SIZE] = "";
     av_make_error_string(text, sizeof text, error);
     return text;
-}
-
-static void set_probe(AVFormatContext &format, const media_probe &probe)
-{
-    if (probe.analysed_us > 0) {
-        format.max_analyze_duration = probe.analysed_us;
-    }
-    if (probe.frame_rate_pictures > 0) {
-        format.fps_probe_size = probe.frame_rate_pictures;
-    }
 }
 
 void media_format_open(AVFormatContext *&format, AVIOContext *io, const std::string &path,
@@ -37,7 +31,6 @@ void media_format_open(AVFormatContext *&format, AVIOContext *io, const std::str
     format->pb = io;
     format->flags |= AVFMT_FLAG_CUSTOM_IO;
     format->format_whitelist = av_strdup(is_pcm ? pcm_format_name : format_names);
-    set_probe(*format, probe);
     AVDictionary *options = nullptr;
     if (is_pcm) {
         av_dict_set_int(&options, "sample_rate", probe.pcm_rate, 0);
@@ -51,6 +44,8 @@ void media_format_open(AVFormatContext *&format, AVIOContext *io, const std::str
     int error = avformat_open_input(&format, path.c_str(), fixed, &options);
     av_dict_free(&options);
     if (error == 0) {
+        const bool is_raw = std::strcmp(format->iformat->name, "h264") == 0;
+        format->max_analyze_duration = probe.is_live && is_raw ? kLiveRawAnalysedUs : 0;
         error = avformat_find_stream_info(format, nullptr);
     }
     if (error < 0) {

@@ -11,11 +11,10 @@ extern "C" {
 inline constexpr int kDefaultFrameRate = 30; // of raw H.264 that states none
 inline constexpr int kIoBufferBytes = 1 << 16;
 
-// How an input is probed. Zeros: as the library does it.
+// How an input is probed.
 struct media_probe {
     int pcm_rate = 0; // Hz, of bare 16-bit stereo PCM, which is not probed
-    int64_t analysed_us = 0;
-    int frame_rate_pictures = 0;
+    bool is_live = false;
 };
 
 // in: io: the input, which the format does not own

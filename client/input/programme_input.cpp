@@ -83,6 +83,11 @@ static live_pair open_live(const programme_source &source)
     } else if (source.with_audio && live_source_is(audio)) {
         live.audio = live_source_open(audio, source.on_wait);
     }
+    const bool are_two = live.video != nullptr && live.audio != nullptr && live.video != live.audio;
+    if (are_two && live.video->descriptor >= 0 && live.audio->descriptor >= 0) {
+        live.video->companion = live.audio.get();
+        live.audio->companion = live.video.get();
+    }
     return live;
 }
 
