@@ -101,7 +101,7 @@ class Il : public FrameworkTest {
 };
 
 struct IlRow {
-    const char *name;
+    const char *name; // of the row in docs/openmax-il.md
     void (*expect)(Il &il);
 };
 

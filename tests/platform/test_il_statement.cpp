@@ -1,4 +1,8 @@
 #include "tests/platform/il_statement.h"
+#include "tests/support/own_files.h"
+
+#include <fstream>
+#include <set>
 
 namespace {
 
@@ -23,5 +27,21 @@ TEST_P(Statement, Holds)
 
 INSTANTIATE_TEST_SUITE_P(, Statement, testing::ValuesIn(all_rows()),
                          [](const auto &test) { return std::string(test.param.name); });
+
+TEST(StatementPage, HasTheRowsOfTheTests)
+{
+    std::multiset<std::string> tested;
+    for (const IlRow &row : all_rows()) {
+        tested.insert(row.name);
+    }
+    std::multiset<std::string> written;
+    std::ifstream page(source_file("docs/openmax-il.md"));
+    for (std::string line; std::getline(page, line);) {
+        if (line.starts_with("| `")) {
+            written.insert(line.substr(3, line.find('`', 3) - 3));
+        }
+    }
+    EXPECT_EQ(written, tested);
+}
 
 } // namespace
