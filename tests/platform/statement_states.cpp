@@ -61,14 +61,17 @@ const IlRow kRows[] = {
      }},
     {"TheWayToIdleCanBeGivenUp",
      [](Il &il) {
-         il.command(OMX_CommandStateSet, OMX_StateIdle);
-         EXPECT_EQ(il.allocate(0), OMX_ErrorNone);
-         il.command(OMX_CommandStateSet, OMX_StateExecuting);
-         il.expect_error(OMX_ErrorIncorrectStateTransition);
-         il.command(OMX_CommandStateSet, OMX_StateLoaded);
-         il.expect_error(OMX_ErrorIncorrectStateTransition); // of the transition to Idle
-         il.free_buffers(0);
-         il.expect_complete(OMX_CommandStateSet, OMX_StateLoaded);
+         for (OMX_STATETYPE from : {OMX_StateLoaded, OMX_StateWaitForResources}) {
+             il.bring_to(from);
+             il.command(OMX_CommandStateSet, OMX_StateIdle);
+             EXPECT_EQ(il.allocate(0), OMX_ErrorNone);
+             il.command(OMX_CommandStateSet, OMX_StateExecuting);
+             il.expect_error(OMX_ErrorIncorrectStateTransition);
+             il.command(OMX_CommandStateSet, OMX_StateLoaded);
+             il.expect_error(OMX_ErrorIncorrectStateTransition); // of the transition to Idle
+             il.free_buffers(0);
+             il.expect_complete(OMX_CommandStateSet, OMX_StateLoaded);
+         }
      }},
     {"NothingEndsAWaitForResources",
      [](Il &il) {
