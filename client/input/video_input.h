@@ -3,6 +3,7 @@
 #define CLIENT_INPUT_VIDEO_INPUT_H
 
 #include "client/input/access_unit_converter.h"
+#include "client/input/loss.h"
 #include "client/input/media_file.h"
 
 #include <cstdint>
@@ -10,6 +11,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 struct video_unit {
     access_unit unit;
@@ -34,6 +36,8 @@ struct video_input {
     unsigned damaged_sets = 0;      // without those that the converter has counted
     std::deque<video_unit> doubted; // begins with an IDR picture after other parameter sets
     std::deque<video_unit> ahead;
+    std::vector<int64_t> steps_us; // from picture to picture, the last few in a ring
+    std::vector<loss> losses;      // on the clock's line
 };
 
 // in: a number or a fraction, as the user gave it
