@@ -207,6 +207,7 @@ static void report(recording &self, const std::string &kept)
 {
     const recording_summary &summary = self.summary;
     if (self.programme != nullptr) {
+        self.summary.losses = self.programme->losses;
         recording_warn(self, programme_closing_remarks(*self.programme));
     }
     for (const std::string &sentence : {summary.error, kept}) {

@@ -17,6 +17,38 @@ static std::string track_text(const char *name, const track_summary &track, doub
                        bit_rate(track.bytes, duration_s) / 1000);
 }
 
+static std::string state_text(const loss_account &losses)
+{
+    const std::string missing = loss_account_text(losses);
+    return std::string("  State  ") + loss_verdict(losses) +
+           (missing.empty() ? "" : ": " + missing) + "\n";
+}
+
+static double seconds(int64_t time_us)
+{
+    return static_cast<double>(time_us) / 1e6;
+}
+
+static void add_losses(nlohmann::ordered_json &json, const loss_account &losses)
+{
+    json["verdict"] = loss_verdict(losses);
+    json["lost_seconds"] = {
+        {"video", seconds(loss_account_missing(losses, loss_track::video).length_us)},
+        {"audio", seconds(loss_account_missing(losses, loss_track::audio).length_us)}};
+    json["losses"] = nlohmann::ordered_json::array();
+    for (const loss &one : losses.entries) {
+        json["losses"].push_back({{"track", loss_track_name(one.track)},
+                                  {"at_seconds", seconds(one.at_us)},
+                                  {"seconds", seconds(one.length_us)},
+                                  {"what", loss_what(one.kind)},
+                                  {"done", loss_done(one.kind)},
+                                  {"units", one.units}});
+    }
+    if (losses.unlisted > 0) {
+        json["losses_not_listed"] = losses.unlisted;
+    }
+}
+
 std::string summary_text(const recording_summary &summary)
 {
     if (!summary.file) {
@@ -27,7 +59,8 @@ std::string summary_text(const recording_summary &summary)
     return summary.output + ": " + duration_text(file.duration_s) + ", " + size_text(file.bytes) +
            format_text(" (%llu bytes)\n", static_cast<unsigned long long>(file.bytes)) +
            track_text("Video", file.video, file.duration_s) +
-           track_text("Audio", file.audio, file.duration_s) + "  Ended  " + summary.ended +
+           track_text("Audio", file.audio, file.duration_s) + state_text(summary.losses) +
+           "  Ended  " + summary.ended +
            format_text("; took %.1f s, %.1f times real time\n", summary.elapsed_s, speed);
 }
 
@@ -57,6 +90,7 @@ std::string summary_json(const recording_summary &summary)
         json["bytes"] = file.bytes;
         json["video"] = track(file.video);
         json["audio"] = track(file.audio);
+        add_losses(json, summary.losses);
     }
     json["elapsed_seconds"] = std::round(summary.elapsed_s * 1000) / 1000;
     json["warnings"] = summary.remarks;

@@ -3,6 +3,13 @@
 #include "client/failure.h"
 #include "component/tdmbrec_interface.h"
 
+#include <algorithm>
+#include <functional>
+#include <limits>
+
+// Sound and pictures may end this far from each other: a broadcast that is cut anywhere ends so.
+static constexpr int64_t kEndToleranceUs = 1 * kSecondUs;
+
 static int64_t video_time_us(const programme_input &programme)
 {
     return programme.next_video->time_us - programme.origin_us;
@@ -74,18 +81,90 @@ static void refill_to_the_end(programme_input &programme)
     }
 }
 
+// Takes over the losses that a stream has noted up to a time of the programme.
+// in: the programme's begin on the line of these losses
+static void take_losses(programme_input &programme, std::vector<loss> &noted, int64_t origin_us,
+                        int64_t until_us)
+{
+    const auto is_later = [=](const loss &one) { return one.at_us - origin_us > until_us; };
+    const auto rest = std::stable_partition(noted.begin(), noted.end(), std::not_fn(is_later));
+    for (auto one = noted.begin(); one != rest; one++) {
+        one->at_us -= origin_us;
+        if (one->at_us >= 0) {
+            loss_account_add(programme.losses, *one);
+        }
+    }
+    noted.erase(noted.begin(), rest);
+}
+
+static void take_all_losses(programme_input &programme, int64_t until_us)
+{
+    video_input &video = *programme.video;
+    audio_input &audio = *programme.audio;
+    stream_clock &clock = video.file->clock;
+    if (clock.other == nullptr) { // each has its own clock
+        for (loss &one : clock.losses) {
+            one.track = loss_track::video;
+        }
+        for (loss &one : audio.decoder->file->clock.losses) {
+            one.track = loss_track::audio;
+        }
+    }
+    take_losses(programme, clock.losses, programme.origin_us, until_us);
+    take_losses(programme, video.losses, programme.origin_us, until_us);
+    take_losses(programme, audio.decoder->file->clock.losses, audio.origin_us, until_us);
+    take_losses(programme, audio.decoder->losses, audio.origin_us, until_us);
+    take_losses(programme, audio.losses, 0, until_us);
+}
+
+// Completes the account at the end of the programme.
+static void account_for_end(programme_input &programme)
+{
+    take_all_losses(programme, std::numeric_limits<int64_t>::max() / 2);
+    const video_input &video = *programme.video;
+    const int64_t video_end_us =
+        *video.last_us + video_input_interval_us(video) - programme.origin_us;
+    const int64_t audio_end_us = audio_input_end_us(*programme.audio);
+    if (audio_end_us + kEndToleranceUs < video_end_us) {
+        loss_account_add(programme.losses, {loss_track::audio, loss_kind::sound_ended, audio_end_us,
+                                            video_end_us - audio_end_us, 0});
+    } else if (video_end_us + kEndToleranceUs < audio_end_us) {
+        loss_account_add(programme.losses, {loss_track::video, loss_kind::pictures_ended,
+                                            video_end_us, audio_end_us - video_end_us, 0});
+    }
+}
+
+// Completes the account where the input breaks off.
+static void account_for_break(programme_input &programme)
+{
+    account_for_end(programme);
+    const int64_t end_us =
+        std::max(*programme.video->last_us - programme.origin_us, audio_time_us(programme));
+    loss_account_add(programme.losses, {loss_track::both, loss_kind::broken_off, end_us, 0, 0});
+}
+
 std::optional<programme_unit> programme_next(programme_input &programme)
 {
-    refill_to_the_end(programme);
+    try {
+        refill_to_the_end(programme);
+    } catch (const failure &broken) {
+        if (broken.code == exit_code::input) {
+            account_for_break(programme);
+        }
+        throw;
+    }
     if (!programme.next_video && !programme.has_audio) {
         if (programme.fault) {
+            account_for_break(programme);
             std::rethrow_exception(programme.fault);
         }
+        account_for_end(programme);
         return std::nullopt;
     }
     const bool video_first =
         programme.next_video &&
         (!programme.has_audio || video_time_us(programme) <= audio_time_us(programme));
+    take_all_losses(programme, video_first ? video_time_us(programme) : audio_time_us(programme));
     if (video_first) {
         programme.given = unit_kind::video;
         const access_unit &unit = programme.next_video->unit;
@@ -124,20 +203,10 @@ std::vector<std::string> programme_opening_remarks(const programme_input &progra
 
 std::vector<std::string> programme_closing_remarks(const programme_input &programme)
 {
-    const video_input &video = *programme.video;
-    const audio_input &audio = *programme.audio;
-    const media_file &audio_file = *audio.decoder->file;
     std::vector<std::string> remarks;
-    remark(remarks, *video.file, "damaged access units left out", video.damaged);
-    remark(remarks, *video.file, "damaged parameter sets left out",
-           video_input_damaged_sets(video));
-    remark(remarks, audio_file, "damaged audio packets left out", audio.decoder->damaged);
-    if (video.file->clock.other != nullptr) {
-        remark(remarks, audio_file, "jumps of the clock closed",
-               video.file->clock.jumps + audio_file.clock.jumps);
-        return remarks;
+    if (!loss_account_is_complete(programme.losses)) {
+        remarks.push_back(programme.video->file->path +
+                          ": parts of the programme are missing or damaged (--json lists them)");
     }
-    remark(remarks, *video.file, "jumps of the video's clock closed", video.file->clock.jumps);
-    remark(remarks, audio_file, "jumps of the audio's clock closed", audio_file.clock.jumps);
     return remarks;
 }

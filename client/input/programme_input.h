@@ -3,6 +3,7 @@
 #define CLIENT_INPUT_PROGRAMME_INPUT_H
 
 #include "client/input/audio_input.h"
+#include "client/input/loss.h"
 #include "client/input/video_input.h"
 
 #include <array>
@@ -34,6 +35,7 @@ struct programme_input {
     int64_t audio_blocks = 0;
     std::optional<unit_kind> given; // kind of the last unit returned
     std::exception_ptr fault;       // the failure that broke off one stream of the file
+    loss_account losses;            // up to the last unit returned, and all at the end
 };
 
 // Opens the programme. If both paths name one file, the streams share its clock; two files begin
