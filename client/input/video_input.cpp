@@ -179,11 +179,13 @@ static void judge(video_input &video, unit_verdict verdict)
 }
 
 // Notes an access unit that is left out, and one in which bytes are missing or wrong although its
-// form is valid.
+// form is valid. The demuxer ends a unit where the next one begins, and marks it as it marks that
+// one.
 static void note_damage(video_input &video, unit_verdict verdict, const AVPacket &packet,
                         int64_t time_us)
 {
-    const bool is_corrupt = (packet.flags & AV_PKT_FLAG_CORRUPT) != 0;
+    const bool is_corrupt = video.next_is_corrupt;
+    video.next_is_corrupt = (packet.flags & AV_PKT_FLAG_CORRUPT) != 0;
     if (verdict == unit_verdict::malformed) {
         note_loss(video, loss_kind::pictures_left_out, time_us, usual_step_us(video), 1);
     } else if (verdict == unit_verdict::ready && is_corrupt) {

@@ -26,9 +26,10 @@ struct video_input {
     std::optional<int64_t> last_us;               // time of the last packet in the programme
     std::optional<int64_t> display_us, decode_us; // time stamps of the last packet
     int64_t packets = 0;
-    int64_t begin_us = 0; // of the file's first packet
-    bool begun = false;   // the first IDR picture has been found
-    bool given = false;   // a unit has been returned
+    int64_t begin_us = 0;         // of the file's first packet
+    bool begun = false;           // the first IDR picture has been found
+    bool given = false;           // a unit has been returned
+    bool next_is_corrupt = false; // the demuxer has said so
     bool lacked_sets = false;
     unsigned leading = 0; // access units before the first IDR picture
     unsigned damaged = 0;
