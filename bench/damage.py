@@ -57,9 +57,11 @@ MARKED = 0x80              # transport_error_indicator, in the second byte
 SOUND = {'mp2': (1152 / 48000, lambda stream, at: 288),
          'aac': (1024 / 48000, adts_bytes)}
 
-# What a pattern did: the packets that are lost or marked, those with wrong bits, and the jumps of
-# the clock as (first packet, seconds by which the clock differs afterwards).
-Pattern = collections.namedtuple('Pattern', 'number coding lost marked bits jumps wraps names')
+# What a pattern did: the packets that are lost, those that are lost at a jump of the clock, those
+# that are marked, those with wrong bits, and the jumps of the clock as (first packet, seconds by
+# which the clock differs afterwards).
+Pattern = collections.namedtuple('Pattern',
+                                 'number coding lost cut marked bits jumps wraps names')
 Event = collections.namedtuple('Event', 'seconds identity')
 
 
@@ -105,7 +107,7 @@ def packets_between(base, begin, seconds, tracks):
 
 def make_pattern(base, coding, number, seed):
     chance = random.Random(f'{seed} {number}')
-    lost, marked, bits, jumps, names = set(), set(), {}, [], []
+    lost, cut, marked, bits, jumps, names = set(), set(), set(), {}, [], []
     for seconds in places(chance):
         begin = base.index_at(seconds) + chance.randrange(5)
         name = chance.choice(('burst', 'burst', 'bursts', 'out', 'jump', 'splice', 'marked',
@@ -128,11 +130,11 @@ def make_pattern(base, coding, number, seed):
             far = chance.choice((chance.uniform(15, 60), chance.uniform(60, 90000)))
             jumps.append((begin, chance.choice((-1, 1)) * far))
             if name == 'splice':
-                lost.update(packets_between(base, begin, chance.uniform(0.2, 1.5),
-                                            (VIDEO, AUDIO)))
+                cut.update(packets_between(base, begin, chance.uniform(0.2, 1.5),
+                                           (VIDEO, AUDIO)))
         names.append(f'{name} {"+".join(tracks)} at {seconds:.2f}')
     wraps = chance.random() < 0.25
-    return Pattern(number, coding, lost, marked, bits, jumps, wraps, names)
+    return Pattern(number, coding, lost, cut, marked, bits, jumps, wraps, names)
 
 
 def flip_bits(data, seed):
@@ -154,7 +156,7 @@ def apply(base, pattern):
     image = []
     for index, packet in enumerate(base.packets):
         clock += round(jumps.get(index, 0) * CLOCK_HZ)
-        if index in pattern.lost:
+        if index in pattern.lost or index in pattern.cut:
             continue
         data = move_clock(packet.data, clock, PIDS.values())
         if index in pattern.marked:
@@ -229,7 +231,7 @@ class Judge:
         lengths = []
         for track in (VIDEO, AUDIO):
             at = index
-            while at in self.pattern.lost or (at < len(self.base.packets) and
+            while at in self.pattern.cut or (at < len(self.base.packets) and
                                               self.base.packets[at].track != track):
                 at += 1
             before = next(i for i in range(index - 1, 0, -1)
@@ -246,10 +248,12 @@ class Judge:
         shifts, sum_of_shifts = [], 0
         for (index, seconds), one in zip(self.pattern.jumps, reported):
             away = abs(one['seconds'] - seconds - self._lost_seconds(index))
+            away = min(away, abs(away - CLOCK_TICKS / CLOCK_HZ))  # the clock wraps
             self.require(away < 2 * PICTURE,
                          f'a jump of {seconds:.3f} s is reported as {one["seconds"]:.3f} s')
             self.note('length of a jump', away)
             sum_of_shifts += seconds - one['seconds']
+            sum_of_shifts -= round(sum_of_shifts * CLOCK_HZ / CLOCK_TICKS) * CLOCK_TICKS / CLOCK_HZ
             shifts.append((index, sum_of_shifts))
         return shifts
 
@@ -299,11 +303,9 @@ class Judge:
 
     def check_lists(self):
         damaged = self.pattern.lost | self.pattern.marked | set(self.pattern.bits)
-        jumps = {first for first, _ in self.pattern.jumps}
         slack = {VIDEO: PICTURE, AUDIO: self.base.seconds_of_frame[AUDIO]}
         for track in (VIDEO, AUDIO):
-            reach = 1
-            allowed = self.spans(damaged | jumps_nearby(self.base, jumps), track, reach)
+            allowed = self.spans(damaged, track, 1) + self.around_jumps(track)
             reported = self.reported(track)
             for begin, end in reported:
                 self.require(is_covered(begin, end, allowed, slack[track]),
@@ -314,8 +316,26 @@ class Judge:
                 self.require(near, f'{track} {begin:.3f} to {end:.3f} s is damaged, but not '
                              'reported')
 
-    def check_missing_sound(self):
+    def around_jumps(self, track):
+        """returns: the times in which the tracks cross a jump one by one, and what is cut there"""
+        found = []
+        for index, _ in self.pattern.jumps:
+            nearby = jumps_nearby(self.base, {index})
+            found += self.spans({i for i in nearby if i < index}, track, 0)
+            found += self.spans({i for i in nearby | self.pattern.cut if i >= index}, track, 0)
+        return found
+
+    def lost_sound(self):
+        """returns: the frames of sound that are lost, with all those of a PES packet without its head"""
         lost = self.base.frames_in(self.pattern.lost, AUDIO)
+        headless = {self.base.packets[i].pes for i in self.pattern.lost
+                    if self.base.packets[i].track == AUDIO and
+                    begins_pes(self.base.packets[i].data)}
+        return lost | {number for number, pes in enumerate(self.base.pes_of_frame[AUDIO])
+                       if pes in headless}
+
+    def check_missing_sound(self):
+        lost = self.lost_sound()
         frame = self.base.seconds_of_frame[AUDIO]
         if self.pattern.jumps or self.pattern.bits or self.pattern.marked:
             return
@@ -342,6 +362,7 @@ class Judge:
 
     def check_sync(self, events, base_events):
         packets = self.pattern.lost | self.pattern.marked | set(self.pattern.bits)
+        packets = packets | self.pattern.cut
         packets = packets | jumps_nearby(self.base, {first for first, _ in self.pattern.jumps})
         damaged = {VIDEO: self.base.frames_in(packets, VIDEO),
                    AUDIO: {self.base.packets[i].pes for i in packets
