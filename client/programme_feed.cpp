@@ -78,6 +78,7 @@ static void send_unit(recording &self, const programme_unit &unit)
                     time_us, is_video ? flags : 0);
     self.sent_us = std::max(self.sent_us, unit.time_us);
     self.sent_video_bytes += is_video ? unit.bytes.size() : 0;
+    (is_video ? self.sent_pictures : self.sent_sound_frames)++;
 }
 
 // Sleeps until the moment; gaps of the programme do not stop the progress line.

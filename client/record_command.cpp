@@ -207,8 +207,7 @@ static void report(recording &self, const std::string &kept)
 {
     const recording_summary &summary = self.summary;
     if (self.programme != nullptr) {
-        self.summary.losses = self.programme->losses;
-        recording_warn(self, programme_closing_remarks(*self.programme));
+        recording_account_for_losses(self);
     }
     for (const std::string &sentence : {summary.error, kept}) {
         if (!sentence.empty()) {

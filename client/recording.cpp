@@ -25,6 +25,42 @@ void recording_note_storage_failure(recording &self, exit_code code, const std::
     recording_note_failure(self, failure(code, sentence + (trouble.empty() ? "" : ": " + trouble)));
 }
 
+// in: the frames of a track that were sent and that the file holds, and the time of one
+static void compare_frames(recording &self, loss_kind kind, uint64_t sent, uint64_t held,
+                           int64_t frame_us)
+{
+    if (held < sent) {
+        const bool is_video = kind == loss_kind::pictures_unrecorded;
+        loss_account_add(self.summary.losses,
+                         {is_video ? loss_track::video : loss_track::audio, kind, self.sent_us,
+                          static_cast<int64_t>(sent - held) * frame_us,
+                          static_cast<unsigned>(sent - held)});
+    }
+}
+
+static void compare_with_file(recording &self)
+{
+    // A component that ends the recording itself leaves out what is on its way.
+    if (!self.summary.file || self.summary.stop_reason != TDMBREC_STOP_CLIENT) {
+        return;
+    }
+    const file_summary &file = *self.summary.file;
+    compare_frames(self, loss_kind::pictures_unrecorded, self.sent_pictures, file.video.frames,
+                   video_input_interval_us(*self.programme->video));
+    compare_frames(self, loss_kind::sound_unrecorded, self.sent_sound_frames, file.audio.frames,
+                   static_cast<int64_t>(kAudioBlockSamples) * kSecondUs /
+                       self.programme->audio->rate);
+}
+
+void recording_account_for_losses(recording &self)
+{
+    self.summary.losses = self.programme->losses;
+    compare_with_file(self);
+    if (!loss_account_is_complete(self.summary.losses)) {
+        recording_warn(self, {"parts of the programme are missing or damaged (--json lists them)"});
+    }
+}
+
 static std::string reason_text(uint32_t reason)
 {
     switch (reason) {

@@ -31,6 +31,7 @@ struct recording {
     int64_t lead_us = 0; // from the time base to the first picture
     int64_t sent_us = 0; // of the programme
     uint64_t sent_video_bytes = 0;
+    uint64_t sent_pictures = 0, sent_sound_frames = 0;
 };
 
 // Prints the remarks as warnings and adds them to the summary.
@@ -41,6 +42,10 @@ void recording_note_failure(recording &self, const failure &what);
 
 // As above, with the state of the storage added to the sentence.
 void recording_note_storage_failure(recording &self, exit_code code, const std::string &sentence);
+
+// Gives the summary the losses of the programme, and those of the component: what it was sent, but
+// has not recorded.
+void recording_account_for_losses(recording &self);
 
 // Notes the reason for which the component itself ended the recording.
 // in: reason: tdmbrec_stop_reason_t

@@ -13,11 +13,11 @@ enum class loss_track { video, audio, both };
 
 enum class loss_kind {
     pictures_missing,
-    pictures_left_out, // damaged
-    pictures_damaged,  // kept
-    pictures_ended,    // earlier than the sound
-    pictures_unrecorded,
-    sets_left_out, // damaged parameter sets
+    pictures_left_out,   // damaged
+    pictures_damaged,    // kept
+    pictures_ended,      // earlier than the sound
+    pictures_unrecorded, // by the component, somewhere before this time
+    sets_left_out,       // damaged parameter sets
     sound_missing,
     sound_overlaps,
     sound_left_out, // damaged

@@ -200,13 +200,3 @@ std::vector<std::string> programme_opening_remarks(const programme_input &progra
     remark(remarks, *video.file, "pictures left out before the first IDR picture", video.leading);
     return remarks;
 }
-
-std::vector<std::string> programme_closing_remarks(const programme_input &programme)
-{
-    std::vector<std::string> remarks;
-    if (!loss_account_is_complete(programme.losses)) {
-        remarks.push_back(programme.video->file->path +
-                          ": parts of the programme are missing or damaged (--json lists them)");
-    }
-    return remarks;
-}

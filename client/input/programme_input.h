@@ -55,7 +55,4 @@ std::optional<programme_unit> programme_next(programme_input &programme);
 //          unit is read
 std::vector<std::string> programme_opening_remarks(const programme_input &programme);
 
-// returns: as above, for what was found while the units were read
-std::vector<std::string> programme_closing_remarks(const programme_input &programme);
-
 #endif // CLIENT_INPUT_PROGRAMME_INPUT_H

@@ -231,6 +231,17 @@ TEST_F(RecordCommand, EndsWithTheReasonForWhichTheComponentStopped)
     }
 }
 
+TEST_F(RecordCommand, CountsWhatTheComponentDidNotRecord)
+{
+    ffmpeg("-i programme.h264 -c copy -frames:v 100 few.h264");
+    ASSERT_EQ(record("--video few.h264 --audio programme.wav -o few.mp4").status, 0);
+    const json reported = summary(SAMPLE "-o b.mp4", "SCRIPT_FILE=few.mp4 " SCRIPTED);
+    EXPECT_EQ(reported["verdict"], "damaged");
+    ASSERT_EQ(reported["losses"].size(), 1u);
+    EXPECT_EQ(reported["losses"][0]["units"], 200);
+    EXPECT_NEAR(reported["lost_seconds"]["video"].get<double>(), 200.0 / 30, 0.01);
+}
+
 TEST_F(RecordCommand, ShowsProgressWhileTheComponentTakesLong)
 {
     const command_result result = shell("export SCRIPT_STALL=4000 " SCRIPTED
