@@ -2,6 +2,8 @@
 
 #include "client/failure.h"
 
+#include <utility>
+
 std::unique_ptr<audio_decoder> audio_decoder_open(const std::string &path)
 {
     std::unique_ptr<audio_decoder> audio = std::make_unique<audio_decoder>();
@@ -18,6 +20,11 @@ std::unique_ptr<audio_decoder> audio_decoder_open(const std::string &path)
         throw failure(exit_code::unsupported, path + ": its audio (" +
                                                   avcodec_get_name(parameters.codec_id) +
                                                   ") cannot be decoded");
+    }
+    if (parameters.codec_id == AV_CODEC_ID_AAC && parameters.extradata_size == 0) {
+        stream_clock &clock = audio->file->clock;
+        audio->frames = {.source = std::move(clock.source), .time_base = clock.time_base};
+        clock.source = [&frames = audio->frames] { return adts_frames_read(frames); };
     }
     return audio;
 }
