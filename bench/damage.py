@@ -338,7 +338,7 @@ class Judge:
         return found
 
     def lost_sound(self):
-        """returns: the frames of sound that are lost, with all those of a PES packet without its head"""
+        """returns: the frames of sound that are lost, with all of a PES packet without its head"""
         lost = self.base.frames_in(self.pattern.lost, AUDIO)
         headless = {self.base.packets[i].pes for i in self.pattern.lost
                     if self.base.packets[i].track == AUDIO and
