@@ -187,7 +187,7 @@ std::string loss_account_text(const loss_account &account)
     static constexpr struct {
         loss_kind kind;
         const char *what;
-    } counted[] = {
+    } kCounted[] = {
         {loss_kind::pictures_damaged, "damaged pictures kept: "},
         {loss_kind::sets_left_out, "damaged parameter sets left out: "},
         {loss_kind::sound_left_out, "damaged packets of sound left out: "},
@@ -197,7 +197,7 @@ std::string loss_account_text(const loss_account &account)
     std::string text;
     append_missing(text, "pictures", loss_account_missing(account, loss_track::video));
     append_missing(text, "sound", loss_account_missing(account, loss_track::audio));
-    for (const auto &[kind, what] : counted) {
+    for (const auto &[kind, what] : kCounted) {
         const loss_total &total = account.totals[static_cast<size_t>(kind)];
         if (total.places > 0) {
             append(text, what + std::to_string(total.units > 0 ? total.units : total.places));

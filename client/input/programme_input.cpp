@@ -4,8 +4,8 @@
 #include "component/tdmbrec_interface.h"
 
 #include <algorithm>
-#include <functional>
 #include <limits>
+#include <utility>
 
 // Sound and pictures may end this far from each other: a broadcast that is cut anywhere ends so.
 static constexpr int64_t kEndToleranceUs = 1 * kSecondUs;
@@ -86,15 +86,18 @@ static void refill_to_the_end(programme_input &programme)
 static void take_losses(programme_input &programme, std::vector<loss> &noted, int64_t origin_us,
                         int64_t until_us)
 {
-    const auto is_later = [=](const loss &one) { return one.at_us - origin_us > until_us; };
-    const auto rest = std::stable_partition(noted.begin(), noted.end(), std::not_fn(is_later));
-    for (auto one = noted.begin(); one != rest; one++) {
-        one->at_us -= origin_us;
-        if (one->at_us >= 0) {
-            loss_account_add(programme.losses, *one);
+    std::vector<loss> later;
+    for (loss one : noted) {
+        if (one.at_us - origin_us > until_us) {
+            later.push_back(one);
+            continue;
+        }
+        one.at_us -= origin_us;
+        if (one.at_us >= 0) { // else before the programme
+            loss_account_add(programme.losses, one);
         }
     }
-    noted.erase(noted.begin(), rest);
+    noted = std::move(later);
 }
 
 static void take_all_losses(programme_input &programme, int64_t until_us)
