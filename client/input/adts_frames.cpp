@@ -27,8 +27,8 @@ static constexpr size_t kRunPacketsMax = 256; // also where none is whole
 // So many frames in turn with another header are a change of the stream.
 static constexpr unsigned kFramesOfChange = 3;
 
-// The longest hole within a run whose place is taken as known.
-static constexpr int64_t kHoleMaxS = 1;
+// With a longer overlap, the clock has jumped in the hole.
+static constexpr int64_t kOverlapMaxS = 1;
 
 static uint32_t head_at(bytes data, size_t at)
 {
@@ -152,8 +152,8 @@ static int64_t begin_of_frames(const adts_frames &frames, const damaged_run &run
         return begin;
     }
     const int64_t hole = run.next->pts - length - begin;
-    const bool is_known = hole > 0 && hole < av_rescale_q(kHoleMaxS, {1, 1}, frames.time_base);
-    return is_known ? begin + hole : begin;
+    const bool overlaps = hole < 0 && hole > -av_rescale_q(kOverlapMaxS, {1, 1}, frames.time_base);
+    return overlaps ? begin : begin + hole;
 }
 
 static void split_run(adts_frames &frames, const damaged_run &run)

@@ -13,7 +13,7 @@
 #include <optional>
 
 struct adts_frames {
-    std::function<packet_ptr(void)> source; // returns null at the end; throws
+    std::function<packet_ptr(void)> source; // returns null at the end; throws; 33-bit time stamps
     AVRational time_base = {1, 1};
     std::optional<uint32_t> head; // the part of the header that does not change
     packet_ptr held; // the last frame: one with a hole seems whole until the next packet

@@ -2,7 +2,14 @@
 
 #include "client/failure.h"
 
+#include <cstring>
 #include <utility>
+
+// Its sound, if it is AAC of this kind, is in the form of ADTS.
+static bool is_broadcast(const media_file &file)
+{
+    return std::strcmp(file.format->iformat->name, "mpegts") == 0;
+}
 
 std::unique_ptr<audio_decoder> audio_decoder_open(const std::string &path)
 {
@@ -21,7 +28,7 @@ std::unique_ptr<audio_decoder> audio_decoder_open(const std::string &path)
                                                   avcodec_get_name(parameters.codec_id) +
                                                   ") cannot be decoded");
     }
-    if (parameters.codec_id == AV_CODEC_ID_AAC && parameters.extradata_size == 0) {
+    if (parameters.codec_id == AV_CODEC_ID_AAC && is_broadcast(*audio->file)) {
         stream_clock &clock = audio->file->clock;
         audio->frames = {.source = std::move(clock.source), .time_base = clock.time_base};
         clock.source = [&frames = audio->frames] { return adts_frames_read(frames); };
