@@ -223,17 +223,35 @@ static bool can_begin(video_input &video, const access_unit &unit)
     return false;
 }
 
+// Only one profile has data partitions. In others, a wrong bit has made one.
+static bool may_have_partitions(const video_input &video)
+{
+    return std::any_of(video.converter.sets.begin(), video.converter.sets.end(),
+                       [](const parameter_set &set) {
+                           return set.type == kNalSps && set.bytes.size() > 1 &&
+                                  set.bytes[1] == FF_PROFILE_H264_EXTENDED;
+                       });
+}
+
+static unit_verdict convert(video_input &video, const AVPacket &packet, access_unit &unit)
+{
+    const unsigned damaged_sets = video.converter.damaged_sets;
+    const unit_verdict verdict =
+        access_unit_convert(video.converter, {packet.data, static_cast<size_t>(packet.size)}, unit);
+    if (video.converter.damaged_sets > damaged_sets) {
+        note_loss(video, loss_kind::sets_left_out, video.last_us.value_or(0), 0,
+                  video.converter.damaged_sets - damaged_sets);
+    }
+    return verdict == unit_verdict::partitioned && !may_have_partitions(video)
+               ? unit_verdict::malformed
+               : verdict;
+}
+
 static std::optional<video_unit> read_unit(video_input &video)
 {
     while (const packet_ptr packet = media_file_read(*video.file)) {
         access_unit unit;
-        const unsigned damaged_sets = video.converter.damaged_sets;
-        const unit_verdict verdict = access_unit_convert(
-            video.converter, {packet->data, static_cast<size_t>(packet->size)}, unit);
-        if (video.converter.damaged_sets > damaged_sets) {
-            note_loss(video, loss_kind::sets_left_out, video.last_us.value_or(0), 0,
-                      video.converter.damaged_sets - damaged_sets);
-        }
+        const unit_verdict verdict = convert(video, *packet, unit);
         if (verdict == unit_verdict::empty) {
             continue;
         }

@@ -155,6 +155,10 @@ TEST_F(RecordCommand, TreatsOneOtherParameterSetAsDamageAndTwoAsAChange)
                 << at << result.out;
         }
     }
+    std::string partition = whole; // of a picture that is no IDR picture
+    partition[whole.find("\0\0\1\x41"s) + 3] = '\x42';
+    EXPECT_TRUE(contains(mux(partition).out, "299 pictures"));
+
     ffmpeg("-i programme.h264 -vf scale=160:-2 -c:v libx264 -g 60 -bf 0 other.h264");
     const command_result changed = shell("cat programme.h264 other.h264 > bent.h264; " RECORD
                                          "--video bent.h264 --audio programme.wav -f -o x");
