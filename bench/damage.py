@@ -122,7 +122,8 @@ def make_pattern(base, coding, number, seed):
             for each in range(begin, begin + 120, 40):
                 lost.update(packets_from(base, each, tracks, chance.randint(1, 4)))
         elif name == 'out':
-            lost.update(packets_between(base, seconds, chance.uniform(0.5, 5), tracks))
+            longest = min(5, SECONDS - 1 - seconds)  # the end of the stream shows no loss
+            lost.update(packets_between(base, seconds, chance.uniform(0.5, longest), tracks))
         elif name == 'marked':
             marked.update(packets_from(base, begin, tracks, chance.randint(1, 6)))
         elif name == 'bits':

@@ -112,18 +112,24 @@ static damaged_run take_run(adts_frames &frames, packet_ptr first)
     return run;
 }
 
+struct found_frame {
+    bytes data;
+    bool is_after_hole; // bytes of no frame are before it
+};
+
 // returns: the frames in the bytes
-static std::vector<bytes> find_frames(bytes data, uint32_t head)
+static std::vector<found_frame> find_frames(bytes data, uint32_t head)
 {
-    std::vector<bytes> found;
-    size_t at = 0;
+    std::vector<found_frame> found;
+    size_t at = 0, end = 0; // the latter of the last frame
     while (data.size() - at >= kHeaderBytes) {
         const size_t size = frame_bytes_at(data, at);
         const size_t rest = data.size() - at;
         const bool is_frame = head_at(data, at) == head && size >= kHeaderBytes && size <= rest &&
                               (rest - size < kHeaderBytes || head_at(data, at + size) == head);
         if (is_frame) {
-            found.push_back(data.subspan(at, size));
+            found.push_back({data.subspan(at, size), at > end});
+            end = at + size;
         }
         at += is_frame ? size : 1;
     }
@@ -143,19 +149,23 @@ static packet_ptr make_packet(bytes frame, const AVPacket &like)
     return packet;
 }
 
-// The bytes are missing where the run begins, so that its frames end where the next packet begins.
-// returns: the time stamp of the first of the frames
-static int64_t begin_of_frames(const adts_frames &frames, const damaged_run &run, int64_t length)
+// returns: how much later than its frames the run ends, by the time stamp of the packet after it
+static int64_t missing_in_run(const adts_frames &frames, const damaged_run &run, size_t count)
 {
-    const int64_t begin = run.packets.front()->pts;
-    if (run.next == nullptr || run.next->pos < 0 || run.next->pts == AV_NOPTS_VALUE) {
-        return begin;
+    const AVPacket &first = *run.packets.front();
+    if (run.next == nullptr || run.next->pos < 0 || run.next->pts == AV_NOPTS_VALUE ||
+        first.pts == AV_NOPTS_VALUE) {
+        return 0;
     }
-    const int64_t hole = run.next->pts - length - begin;
-    const bool overlaps = hole < 0 && hole > -av_rescale_q(kOverlapMaxS, {1, 1}, frames.time_base);
-    return overlaps ? begin : begin + hole;
+    const int64_t end = first.pts + static_cast<int64_t>(count) * first.duration;
+    const int64_t missing = run.next->pts - end;
+    const bool overlaps =
+        missing < 0 && missing > -av_rescale_q(kOverlapMaxS, {1, 1}, frames.time_base);
+    return overlaps ? 0 : missing;
 }
 
+// Puts what is missing in the run where it has holes. Of several, each has lost one frame at least;
+// the last one gets the rest, so that the frames after it are where they belong.
 static void split_run(adts_frames &frames, const damaged_run &run)
 {
     std::vector<uint8_t> joined;
@@ -164,17 +174,27 @@ static void split_run(adts_frames &frames, const damaged_run &run)
         joined.insert(joined.end(), data.begin(), data.end());
     }
     const AVPacket &first = *run.packets.front();
-    const std::vector<bytes> found = find_frames(joined, *frames.head);
-    const int64_t count = static_cast<int64_t>(found.size());
-    const int64_t begin = begin_of_frames(frames, run, count * first.duration);
-    for (int64_t i = 0; i < count; i++) {
-        packet_ptr packet = make_packet(found[static_cast<size_t>(i)], first);
+    const std::vector<found_frame> found = find_frames(joined, *frames.head);
+    int64_t missing = missing_in_run(frames, run, found.size());
+    int64_t holes = std::count_if(found.begin(), found.end(),
+                                  [](const found_frame &one) { return one.is_after_hole; });
+    int64_t pts = first.pts;
+    for (const found_frame &one : found) {
+        if (one.is_after_hole) {
+            holes--;
+            const int64_t share =
+                holes == 0 ? missing : std::min(std::max<int64_t>(missing, 0), first.duration);
+            pts += first.pts != AV_NOPTS_VALUE ? share : 0;
+            missing -= share;
+        }
+        packet_ptr packet = make_packet(one.data, first);
         if (first.pts != AV_NOPTS_VALUE) {
-            packet->pts = begin + i * first.duration;
-            packet->dts = packet->pts;
+            packet->pts = pts;
+            packet->dts = pts;
+            pts += first.duration;
         }
         packet->duration = first.duration;
-        packet->pos = i == 0 ? first.pos : -1;
+        packet->pos = &one == &found.front() ? first.pos : -1;
         frames.ready.push_back(std::move(packet));
     }
 }
