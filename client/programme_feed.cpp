@@ -107,6 +107,7 @@ static void send_picture(recording &self, const programme_unit &unit)
     il_session_send(*self.component, TDMBREC_PORT_VIDEO, unit.bytes,
                     kTimeBaseUs + part.lead_us + time_us - part.begin_us, flags);
     part.sent_video_bytes += unit.bytes.size();
+    part.sent_pictures++;
     part.looked_us = time_us - part.begin_us;
 }
 
@@ -129,7 +130,8 @@ static void check_free_space(recording &self, int64_t in_file_us)
 // given at the time of the block before.
 static void send_sound(recording &self, const programme_unit &unit)
 {
-    const recording_part &part = self.part;
+    recording_part &part = self.part;
+    part.sent_sound_frames++;
     const int64_t in_file_us = unit.time_us + programme_block_us(*self.programme) - part.begin_us;
     if (self.component->sound != nullptr) {
         check_free_space(self, in_file_us);
@@ -140,13 +142,22 @@ static void send_sound(recording &self, const programme_unit &unit)
     }
 }
 
-// A file begins with a picture that needs no other.
+// A file begins with a picture that needs no other. Where the component itself has ended the last
+// file, in the middle of a group of pictures, the units up to the next such picture are lost.
 static void send_unit(recording &self, const programme_unit &unit)
 {
+    const bool is_video = unit.kind == unit_kind::video;
     const bool has_begun = self.part.sent_video_bytes > 0;
-    if (unit.kind == unit_kind::video && (has_begun || unit.idr)) {
+    if (!has_begun && !unit.idr) {
+        const int64_t length_us = is_video ? video_input_interval_us(*self.programme->video)
+                                           : programme_block_us(*self.programme);
+        loss_account_add(self.programme->losses,
+                         {is_video ? loss_track::video : loss_track::audio,
+                          is_video ? loss_kind::pictures_unrecorded : loss_kind::sound_unrecorded,
+                          unit.time_us, length_us, 1});
+    } else if (is_video) {
         send_picture(self, unit);
-    } else if (unit.kind == unit_kind::audio && has_begun) {
+    } else {
         send_sound(self, unit);
     }
     self.sent_us = std::max(self.sent_us, unit.time_us);

@@ -242,8 +242,11 @@ static bool record_file(recording &self)
 static void open_next_file(recording &self)
 {
     recording_summary &summary = self.summary;
-    summary.earlier.push_back({summary.output, summary.begin_s, *summary.file});
+    recording_account_for_losses(self);
+    summary.earlier.push_back(
+        {summary.output, summary.begin_s, *summary.file, std::move(summary.losses)});
     summary.file.reset();
+    summary.losses = {};
     open_output(self);
     look_for_others(self);
     provide_storage(self);
@@ -275,11 +278,23 @@ static std::string find_kept(recording &self)
     return kept_text(left);
 }
 
+static void warn_of_losses(recording &self)
+{
+    bool is_complete = loss_account_is_complete(self.summary.losses);
+    for (const recorded_file &one : self.summary.earlier) {
+        is_complete = is_complete && loss_account_is_complete(one.losses);
+    }
+    if (!is_complete) {
+        recording_warn(self, {"parts of the programme are missing or damaged (--json lists them)"});
+    }
+}
+
 static void report(recording &self, const std::string &kept)
 {
     const recording_summary &summary = self.summary;
     if (self.programme != nullptr) {
-        recording_warn(self, programme_closing_remarks(*self.programme));
+        recording_account_for_losses(self);
+        warn_of_losses(self);
     }
     for (const std::string &sentence : {summary.error, kept}) {
         if (!sentence.empty()) {

@@ -29,6 +29,7 @@ struct recording_part {
     int64_t begin_us = 0;   // of the file
     int64_t lead_us = 0;    // from the component's time base to the beginning
     uint64_t sent_video_bytes = 0;
+    uint64_t sent_pictures = 0, sent_sound_frames = 0;
     int64_t looked_us = 0; // in the file, when the component last had a buffer of the video
 };
 
@@ -55,6 +56,10 @@ void recording_note_failure(recording &self, const failure &what);
 
 // As above, with the state of the storage added to the sentence.
 void recording_note_storage_failure(recording &self, exit_code code, const std::string &sentence);
+
+// Gives the summary the losses of the programme, and those of the component: what it was sent, but
+// has not recorded.
+void recording_account_for_losses(recording &self);
 
 // Notes the reason for which the component itself ended the recording.
 // in: reason: tdmbrec_stop_reason_t

@@ -22,7 +22,7 @@ static std::vector<recorded_file> finished_files(const recording_summary &summar
 {
     std::vector<recorded_file> files = summary.earlier;
     if (summary.file) {
-        files.push_back({summary.output, summary.begin_s, *summary.file});
+        files.push_back({summary.output, summary.begin_s, *summary.file, summary.losses});
     }
     return files;
 }
@@ -41,6 +41,55 @@ static file_summary sum_of(const std::vector<recorded_file> &files)
     return sum;
 }
 
+// returns: the account of all files, with times from the programme's begin
+static loss_account losses_of(const std::vector<recorded_file> &files)
+{
+    if (files.size() == 1) {
+        return files.front().losses;
+    }
+    loss_account sum;
+    for (const recorded_file &file : files) {
+        for (loss one : file.losses.entries) {
+            one.at_us += std::llround(file.begin_s * 1e6);
+            loss_account_add(sum, one);
+        }
+        sum.unlisted += file.losses.unlisted;
+    }
+    return sum;
+}
+
+static std::string state_text(const loss_account &losses)
+{
+    const std::string missing = loss_account_text(losses);
+    return std::string("  State  ") + loss_verdict(losses) +
+           (missing.empty() ? "" : ": " + missing) + "\n";
+}
+
+static double seconds(int64_t time_us)
+{
+    return static_cast<double>(time_us) / 1e6;
+}
+
+static void put_losses(nlohmann::ordered_json &json, const loss_account &losses)
+{
+    json["verdict"] = loss_verdict(losses);
+    json["lost_seconds"] = {
+        {"video", seconds(loss_account_missing(losses, loss_track::video).length_us)},
+        {"audio", seconds(loss_account_missing(losses, loss_track::audio).length_us)}};
+    json["losses"] = nlohmann::ordered_json::array();
+    for (const loss &one : losses.entries) {
+        json["losses"].push_back({{"track", loss_track_name(one.track)},
+                                  {"at_seconds", seconds(one.at_us)},
+                                  {"seconds", seconds(one.length_us)},
+                                  {"what", loss_what(one.kind)},
+                                  {"done", loss_done(one.kind)},
+                                  {"units", one.units}});
+    }
+    if (losses.unlisted > 0) {
+        json["losses_not_listed"] = losses.unlisted;
+    }
+}
+
 std::string summary_text(const recording_summary &summary)
 {
     const std::vector<recorded_file> files = finished_files(summary);
@@ -49,15 +98,17 @@ std::string summary_text(const recording_summary &summary)
     }
     std::string text;
     for (const recorded_file &one : files) {
+        const bool is_marked = files.size() > 1 && !loss_account_is_complete(one.losses);
         text += one.output + ": " + duration_text(one.file.duration_s) + ", " +
                 size_text(one.file.bytes) +
-                format_text(" (%llu bytes)\n", static_cast<unsigned long long>(one.file.bytes));
+                format_text(" (%llu bytes)%s\n", static_cast<unsigned long long>(one.file.bytes),
+                            is_marked ? ", damaged" : "");
     }
     const file_summary sum = sum_of(files);
     const double speed = summary.elapsed_s > 0 ? sum.duration_s / summary.elapsed_s : 0;
     return text + track_text("Video", sum.video, sum.duration_s) +
-           track_text("Audio", sum.audio, sum.duration_s) + "  Ended  " + summary.ended +
-           "; took " + elapsed_text(summary.elapsed_s) +
+           track_text("Audio", sum.audio, sum.duration_s) + state_text(losses_of(files)) +
+           "  Ended  " + summary.ended + "; took " + elapsed_text(summary.elapsed_s) +
            format_text(", %.1f times real time\n", speed);
 }
 
@@ -84,6 +135,7 @@ static nlohmann::ordered_json files_json(const std::vector<recorded_file> &files
         json["output"] = one.output;
         json["begin_seconds"] = one.begin_s;
         put_contents(json, one.file);
+        put_losses(json, one.losses);
         list.push_back(std::move(json));
     }
     return list;
@@ -106,6 +158,7 @@ std::string summary_json(const recording_summary &summary)
     }
     if (!files.empty()) {
         put_contents(json, sum_of(files));
+        put_losses(json, losses_of(files));
         json["files"] = files_json(files);
     }
     json["elapsed_seconds"] = std::round(summary.elapsed_s * 1000) / 1000;

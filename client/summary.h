@@ -3,6 +3,7 @@
 #define CLIENT_SUMMARY_H
 
 #include "client/finished_file.h"
+#include "client/input/loss.h"
 
 #include <optional>
 #include <string>
@@ -13,6 +14,7 @@ struct recorded_file {
     std::string output;
     double begin_s; // in the programme
     file_summary file;
+    loss_account losses; // with times from the file's begin
 };
 
 struct recording_summary {
@@ -25,6 +27,7 @@ struct recording_summary {
     std::string error; // the first failure; empty: none
     std::string kept;  // the place of a recording that did not become the output
     std::vector<std::string> remarks;
+    loss_account losses;
     int status = 0; // exit code
     double elapsed_s = 0;
 };

@@ -64,8 +64,14 @@ static void read_movie_header(reading &state, const box &mvhd, movie &result)
 
 static void read_tracks(reading &state, const box &moov, const sample_sink &sink, movie &result)
 {
-    check(state, find(moov.children, "mvex") == nullptr,
-          "the movie continues in fragments, which are not read");
+    const box *const mvex = find(moov.children, "mvex");
+    result.is_fragmented = mvex != nullptr;
+    const box *const mehd = mvex != nullptr ? find(mvex->children, "mehd") : nullptr;
+    if (mehd != nullptr) {
+        cursor in = {mehd->payload};
+        result.duration = in.number(take_version(in)); // with the fragments
+    }
+    limit(state, mvex == nullptr, "the movie continues in fragments, whose frames are not read");
     for (const box &each : moov.children) {
         if (each.type == "trak" &&
             limit(state, result.tracks.size() < kMaxTracks, "too many tracks to read them all")) {

@@ -60,6 +60,7 @@ struct movie {
     uint64_t creation_time = 0; // in seconds since 1904
     uint64_t duration = 0;      // in ticks of the movie
     uint32_t timescale = 0, next_track_id = 0;
+    bool is_fragmented = false;      // the movie continues in fragments, whose frames are not read
     std::vector<std::string> faults; // in the order found, without repeats, at most a hundred
     std::vector<std::string> notes;  // what the reader left out, which is no fault of the file
 };

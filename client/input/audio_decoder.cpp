@@ -2,6 +2,15 @@
 
 #include "client/failure.h"
 
+#include <cstring>
+#include <utility>
+
+// Its sound, if it is AAC of this kind, is in the form of ADTS.
+static bool is_broadcast(const media_file &file)
+{
+    return std::strcmp(file.format->iformat->name, "mpegts") == 0;
+}
+
 std::unique_ptr<audio_decoder> audio_decoder_open(const std::string &path)
 {
     return audio_decoder_of(media_file_open(path, AVMEDIA_TYPE_AUDIO));
@@ -25,7 +34,37 @@ std::unique_ptr<audio_decoder> audio_decoder_of(std::unique_ptr<media_file> file
                                                   avcodec_get_name(parameters.codec_id) +
                                                   ") cannot be decoded");
     }
+    if (parameters.codec_id == AV_CODEC_ID_AAC && is_broadcast(*audio->file)) {
+        stream_clock &clock = audio->file->clock;
+        audio->frames = {.source = std::move(clock.source), .time_base = clock.time_base};
+        clock.source = [&frames = audio->frames] { return adts_frames_read(frames); };
+    }
     return audio;
+}
+
+// Notes that the last packet cannot be decoded. What it held is missing from its begin on, and is
+// noted there when the next frame shows how long that is.
+static void note_damaged(audio_decoder &audio)
+{
+    audio.damaged++;
+    loss_note(audio.losses, {loss_track::audio, loss_kind::sound_left_out, audio.packet_us, 0, 1});
+}
+
+static void follow_packet(audio_decoder &audio, const AVPacket &packet)
+{
+    const stream_clock &clock = audio.file->clock;
+    const int64_t duration_us = av_rescale_q(packet.duration, clock.time_base, kMicroseconds);
+    audio.packet_us = media_file_time_us(*audio.file, packet.pts).value_or(audio.packet_end_us);
+    audio.packet_end_us = audio.packet_us + duration_us;
+}
+
+// Notes a packet that the decoder has taken although bytes of it are missing or wrong.
+static void note_corrupt(audio_decoder &audio, const AVPacket &packet)
+{
+    if ((packet.flags & AV_PKT_FLAG_CORRUPT) != 0) {
+        loss_note(audio.losses, {loss_track::audio, loss_kind::sound_damaged, audio.packet_us,
+                                 audio.packet_end_us - audio.packet_us, 1});
+    }
 }
 
 frame_ptr audio_decoder_next(audio_decoder &audio)
@@ -42,16 +81,23 @@ frame_ptr audio_decoder_next(audio_decoder &audio)
             }
             continue;
         }
-        audio.damaged += error != AVERROR(EAGAIN) ? 1 : 0;
+        if (error != AVERROR(EAGAIN)) {
+            note_damaged(audio);
+        }
         const packet_ptr packet = media_file_read(*audio.file);
         if (audio.file->clock.waits) {
             return nullptr;
+        }
+        if (packet != nullptr) {
+            follow_packet(audio, *packet);
         }
         if (avcodec_send_packet(audio.codec.get(), packet.get()) < 0) {
             if (packet == nullptr) { // the decoder knows of the end already
                 return nullptr;
             }
-            audio.damaged++;
+            note_damaged(audio);
+        } else if (packet != nullptr) {
+            note_corrupt(audio, *packet);
         }
     }
 }

@@ -5,12 +5,16 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdlib>
 
 static constexpr size_t kChannels = 2;
 
 // A time stamp this close to the running count of samples is taken as rounded. A lost frame is
 // further away, and the whole range is shorter than a picture.
 static constexpr int64_t kDriftToleranceUs = 15'000;
+
+// Sound that begins at most this much later than the pictures is not missing there.
+static constexpr int64_t kLateBeginUs = 1 * kSecondUs;
 
 static bool same_format(const AVFrame &one, const AVFrame &other)
 {
@@ -89,6 +93,36 @@ static bool decode_frame(audio_input &audio)
     return audio.held != nullptr;
 }
 
+static int64_t time_of_samples(const audio_input &audio, int64_t samples)
+{
+    return av_rescale(samples, kSecondUs, audio.rate);
+}
+
+static void note_loss(audio_input &audio, loss_kind kind, int64_t at, int64_t samples)
+{
+    loss_note(audio.losses, {loss_track::audio, kind, time_of_samples(audio, at),
+                             time_of_samples(audio, samples), 0});
+}
+
+// Notes what is missing before the held frame, or overlaps it.
+// in: the distance in samples from the end of the queue to the frame
+static void note_step(audio_input &audio, int64_t away)
+{
+    const int64_t end = audio.placed - audio.skip_due;
+    const int64_t missing = audio.waited + std::max<int64_t>(away, 0);
+    if (missing > 0) {
+        note_loss(audio, loss_kind::sound_missing, end - audio.waited, missing);
+    }
+    if (away < 0) {
+        note_loss(audio, loss_kind::sound_overlaps, end, -away);
+    }
+}
+
+int64_t audio_input_end_us(const audio_input &audio)
+{
+    return time_of_samples(audio, audio.placed - audio.skip_due - audio.waited);
+}
+
 // Decides how the held frame joins the queue: after silence if it begins later than the queue ends,
 // without its first samples if it begins earlier.
 // in: the frame's time
@@ -102,6 +136,8 @@ static void settle_frame(audio_input &audio, int64_t time_us, int64_t tolerance_
         audio.skip_due -= unheard;
         away -= unheard;
     }
+    note_step(audio, std::abs(away) > tolerance ? away : 0);
+    audio.waited = 0;
     if (away > tolerance) {
         audio.silence_due = away;
         audio.placed += away;
@@ -145,6 +181,7 @@ static bool extend_queue(audio_input &audio)
     } else if (audio.decoder->file->clock.waits) {
         audio.silence_due = kAudioBlockSamples;
         audio.placed += audio.silence_due;
+        audio.waited += audio.silence_due;
     } else {
         audio.drained = true;
         queue_resampled(audio, nullptr);
@@ -182,6 +219,9 @@ void audio_input_start_at(audio_input &audio, int64_t origin_us)
         stream_clock_part(audio.decoder->file->clock);
     }
     settle_frame(audio, audio.begin_us, 0);
+    std::erase_if(audio.losses, [](const loss &first) {
+        return first.kind == loss_kind::sound_overlaps || first.length_us < kLateBeginUs;
+    });
 }
 
 bool audio_input_next(audio_input &audio, std::span<int16_t, kAudioBlockSamples * 2> block)

@@ -3,9 +3,15 @@
 #include "client/failure.h"
 #include "component/tdmbrec_interface.h"
 
+#include <algorithm>
+#include <limits>
 #include <string_view>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
+
+// Sound and pictures may end this far from each other: a broadcast that is cut anywhere ends so.
+static constexpr int64_t kEndToleranceUs = 1 * kSecondUs;
 
 static int64_t video_time_us(const programme_input &programme)
 {
@@ -231,13 +237,102 @@ static void refill_to_the_end(programme_input &programme)
     }
 }
 
+// Takes over the losses that a stream has noted up to a time of the programme.
+// in: the programme's begin on the line of these losses
+static void take_losses(programme_input &programme, std::vector<loss> &noted, int64_t origin_us,
+                        int64_t until_us)
+{
+    std::vector<loss> later;
+    for (loss one : noted) {
+        if (one.at_us - origin_us > until_us) {
+            later.push_back(one);
+            continue;
+        }
+        one.at_us -= origin_us;
+        if (one.at_us >= 0) { // else before the programme
+            loss_account_add(programme.losses, one);
+        }
+    }
+    noted = std::move(later);
+}
+
+// For streams of which each has its own clock.
+static void set_track(std::vector<loss> &losses, loss_track track)
+{
+    for (loss &one : losses) {
+        one.track = track;
+    }
+}
+
+static void take_all_losses(programme_input &programme, int64_t until_us)
+{
+    video_input &video = *programme.video;
+    stream_clock &clock = video.file->clock;
+    if (clock.other == nullptr) {
+        set_track(clock.losses, loss_track::video);
+    }
+    take_losses(programme, clock.losses, programme.origin_us, until_us);
+    take_losses(programme, video.losses, programme.origin_us, until_us);
+    if (programme.audio == nullptr) {
+        return;
+    }
+    audio_input &audio = *programme.audio;
+    audio_decoder &decoder = *audio.decoder;
+    const int64_t ahead_us = programme_block_us(programme); // the sound begins one block later
+    if (clock.other == nullptr) {
+        set_track(decoder.file->clock.losses, loss_track::audio);
+    }
+    take_losses(programme, decoder.file->clock.losses, audio.origin_us - ahead_us, until_us);
+    take_losses(programme, decoder.losses, audio.origin_us - ahead_us, until_us);
+    take_losses(programme, audio.losses, -ahead_us, until_us);
+}
+
+// Completes the account at the end of the programme.
+static void account_for_end(programme_input &programme)
+{
+    take_all_losses(programme, std::numeric_limits<int64_t>::max() / 2);
+    const video_input &video = *programme.video;
+    const int64_t video_end_us =
+        *video.last_us + video_input_interval_us(video) - programme.origin_us;
+    if (programme.audio == nullptr) {
+        return;
+    }
+    const int64_t audio_end_us =
+        audio_input_end_us(*programme.audio) + programme_block_us(programme);
+    if (audio_end_us + kEndToleranceUs < video_end_us) {
+        loss_account_add(programme.losses, {loss_track::audio, loss_kind::sound_ended, audio_end_us,
+                                            video_end_us - audio_end_us, 0});
+    } else if (video_end_us + kEndToleranceUs < audio_end_us) {
+        loss_account_add(programme.losses, {loss_track::video, loss_kind::pictures_ended,
+                                            video_end_us, audio_end_us - video_end_us, 0});
+    }
+}
+
+// Completes the account where the input breaks off.
+static void account_for_break(programme_input &programme)
+{
+    account_for_end(programme);
+    const int64_t end_us = std::max(*programme.video->last_us - programme.origin_us,
+                                    programme.audio != nullptr ? audio_time_us(programme) : 0);
+    loss_account_add(programme.losses, {loss_track::both, loss_kind::broken_off, end_us, 0, 0});
+}
+
 std::optional<programme_unit> programme_next(programme_input &programme)
 {
-    refill_to_the_end(programme);
+    try {
+        refill_to_the_end(programme);
+    } catch (const failure &broken) {
+        if (broken.code == exit_code::input) {
+            account_for_break(programme);
+        }
+        throw;
+    }
     if (!programme.next_video && !programme.has_audio) {
         if (programme.fault) {
+            account_for_break(programme);
             std::rethrow_exception(programme.fault);
         }
+        account_for_end(programme);
         return std::nullopt;
     }
     // A picture waits for the sound that ends before it.
@@ -245,6 +340,7 @@ std::optional<programme_unit> programme_next(programme_input &programme)
         programme.next_video &&
         (!programme.has_audio ||
          video_time_us(programme) < audio_time_us(programme) + programme_block_us(programme));
+    take_all_losses(programme, video_first ? video_time_us(programme) : audio_time_us(programme));
     if (video_first) {
         programme.given = unit_kind::video;
         const video_unit &next = *programme.next_video;
@@ -280,29 +376,5 @@ std::vector<std::string> programme_opening_remarks(const programme_input &progra
                           std::to_string(TDMBREC_PICTURE_HEIGHT) + ", which some players go by");
     }
     remark(remarks, *video.file, "pictures left out before the first IDR picture", video.leading);
-    return remarks;
-}
-
-std::vector<std::string> programme_closing_remarks(const programme_input &programme)
-{
-    const video_input &video = *programme.video;
-    std::vector<std::string> remarks;
-    remark(remarks, *video.file, "damaged access units left out", video.damaged);
-    remark(remarks, *video.file, "damaged parameter sets left out",
-           video_input_damaged_sets(video));
-    if (programme.audio == nullptr) {
-        remark(remarks, *video.file, "jumps of the clock closed", video.file->clock.jumps);
-        return remarks;
-    }
-    const audio_input &audio = *programme.audio;
-    const media_file &audio_file = *audio.decoder->file;
-    remark(remarks, audio_file, "damaged audio packets left out", audio.decoder->damaged);
-    if (video.file->clock.other != nullptr) {
-        remark(remarks, audio_file, "jumps of the clock closed",
-               video.file->clock.jumps + audio_file.clock.jumps);
-        return remarks;
-    }
-    remark(remarks, *video.file, "jumps of the video's clock closed", video.file->clock.jumps);
-    remark(remarks, audio_file, "jumps of the audio's clock closed", audio_file.clock.jumps);
     return remarks;
 }

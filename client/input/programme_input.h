@@ -3,6 +3,7 @@
 #define CLIENT_INPUT_PROGRAMME_INPUT_H
 
 #include "client/input/audio_input.h"
+#include "client/input/loss.h"
 #include "client/input/video_input.h"
 
 #include <array>
@@ -39,6 +40,7 @@ struct programme_input {
     int64_t audio_blocks = 0;
     std::optional<unit_kind> given; // kind of the last unit returned
     std::exception_ptr fault;       // the failure that broke off one stream of the file
+    loss_account losses;            // up to the last unit returned, and all at the end
 };
 
 // What a programme is read from.
@@ -79,8 +81,5 @@ std::optional<programme_unit> programme_next(programme_input &programme);
 // returns: a sentence for the user on each peculiarity of the input that is known before its first
 //          unit is read
 std::vector<std::string> programme_opening_remarks(const programme_input &programme);
-
-// returns: as above, for what was found while the units were read
-std::vector<std::string> programme_closing_remarks(const programme_input &programme);
 
 #endif // CLIENT_INPUT_PROGRAMME_INPUT_H

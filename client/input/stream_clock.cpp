@@ -271,6 +271,17 @@ static search_result find_crossing(stream_clock &clock, const jump &jump)
     return found.outcome != search_outcome::crossed && is_hidden ? search.hidden : found;
 }
 
+// Lets the line continue at another offset.
+// in: the time stamp of the first packet after the jump
+static void change_offset(stream_clock &clock, int64_t stamp, int64_t offset_us)
+{
+    loss_note(clock.losses,
+              {loss_track::both, loss_kind::clock_jump, microseconds(clock, stamp) + offset_us,
+               clock.offset_us - offset_us, 0});
+    clock.offset_us = offset_us;
+    clock.jumps++;
+}
+
 // Gives both streams, which have crossed, one offset.
 static void close_jump_of_both(stream_clock &clock, int64_t stamp, const search_result &crossing)
 {
@@ -278,10 +289,10 @@ static void close_jump_of_both(stream_clock &clock, int64_t stamp, const search_
     while (other.placed < crossing.index) {
         place_packet(other, unwrap_next(other, other.place, *other.ahead[other.placed]));
     }
-    clock.offset_us = std::max(clock.place.end_us - microseconds(clock, stamp),
-                               crossing.end_us - microseconds(other, crossing.stamp));
+    change_offset(clock, stamp,
+                  std::max(clock.place.end_us - microseconds(clock, stamp),
+                           crossing.end_us - microseconds(other, crossing.stamp)));
     other.offset_us = clock.offset_us;
-    clock.jumps++;
     place_packet(other, crossing.stamp);
 }
 
@@ -329,8 +340,7 @@ static bool close_jump(stream_clock &clock, int64_t &stamp, int64_t position)
             end_us = std::max(end_us, result.end_us);
         }
     }
-    clock.offset_us = end_us - microseconds(clock, stamp);
-    clock.jumps++;
+    change_offset(clock, stamp, end_us - microseconds(clock, stamp));
     return true;
 }
 

@@ -8,12 +8,14 @@
 #define CLIENT_INPUT_STREAM_CLOCK_H
 
 #include "client/input/av_ptr.h"
+#include "client/input/loss.h"
 
 #include <cstdint>
 #include <deque>
 #include <exception>
 #include <functional>
 #include <optional>
+#include <vector>
 
 inline constexpr int64_t kSecondUs = 1'000'000;
 inline constexpr AVRational kMicroseconds = {1, 1'000'000}; // as a time base
@@ -41,8 +43,9 @@ struct stream_clock {
     bool spreads_gaps = false;     // see run_shift_us
 
     stream_place place;
-    int64_t offset_us = 0; // from time stamps to the line
-    unsigned jumps = 0;    // closed by this stream, for both
+    int64_t offset_us = 0;    // from time stamps to the line
+    unsigned jumps = 0;       // closed by this stream, for both
+    std::vector<loss> losses; // these jumps, on the line
     // A demuxer may split packets out of larger ones. Of such a run, only the first packet has a
     // time stamp and a position of its own; the others count on from it, whatever was lost between
     // them. They are moved by half of the gap after the run, so that none is off by more than that.

@@ -32,6 +32,9 @@ static constexpr int kFrameRateMin = 1, kFrameRateMax = 240;
 // The distance given to pictures whose times do not rise.
 static constexpr int64_t kShortestStepUs = 1'000;
 
+// The usual time between two pictures is the median of this many.
+static constexpr size_t kUsualSteps = 15;
+
 [[noreturn]] static void refuse(const video_input &video, const std::string &what)
 {
     throw failure(exit_code::unsupported, video.file->path + ": " + what);
@@ -113,6 +116,39 @@ static void check_order(video_input &video, const AVPacket &packet, const access
     video.decode_us = decode_us;
 }
 
+static void note_loss(video_input &video, loss_kind kind, int64_t at_us, int64_t length_us,
+                      unsigned units)
+{
+    if (video.begun) { // what comes before the recording is not missing in it
+        loss_note(video.losses, {loss_track::video, kind, at_us, length_us, units});
+    }
+}
+
+// returns: the usual time between two pictures: a stream may have fewer than its nominal rate
+static int64_t usual_step_us(const video_input &video)
+{
+    std::vector<int64_t> sorted = video.steps_us;
+    const auto middle = sorted.begin() + static_cast<ptrdiff_t>(sorted.size() / 2);
+    std::nth_element(sorted.begin(), middle, sorted.end());
+    return std::max(video_input_interval_us(video), sorted.empty() ? 0 : *middle);
+}
+
+// Notes the pictures that are missing before a picture.
+static void note_step(video_input &video, int64_t time_us)
+{
+    const int64_t step_us = time_us - *video.last_us;
+    const int64_t usual_us = usual_step_us(video);
+    if (step_us > usual_us + usual_us / 2) {
+        note_loss(video, loss_kind::pictures_missing, *video.last_us + usual_us, step_us - usual_us,
+                  static_cast<unsigned>((step_us - usual_us + usual_us / 2) / usual_us));
+    }
+    if (video.steps_us.size() < kUsualSteps) {
+        video.steps_us.push_back(step_us);
+    } else {
+        video.steps_us[static_cast<size_t>(video.packets) % kUsualSteps] = step_us;
+    }
+}
+
 // returns: the time of the packet's picture
 static int64_t place_in_time(video_input &video, const AVPacket &packet)
 {
@@ -146,6 +182,21 @@ static void judge(video_input &video, unit_verdict verdict)
     }
 }
 
+// Notes an access unit that is left out, and one in which bytes are missing or wrong although its
+// form is valid. The demuxer ends a unit where the next one begins, and marks it as it marks that
+// one.
+static void note_damage(video_input &video, unit_verdict verdict, const AVPacket &packet,
+                        int64_t time_us)
+{
+    const bool is_corrupt = video.next_is_corrupt;
+    video.next_is_corrupt = (packet.flags & AV_PKT_FLAG_CORRUPT) != 0;
+    if (verdict == unit_verdict::malformed) {
+        note_loss(video, loss_kind::pictures_left_out, time_us, usual_step_us(video), 1);
+    } else if (verdict == unit_verdict::ready && is_corrupt) {
+        note_loss(video, loss_kind::pictures_damaged, time_us, usual_step_us(video), 1);
+    }
+}
+
 static void check_profile(const video_input &video)
 {
     for (const parameter_set &set : video.converter.sets) {
@@ -176,21 +227,48 @@ static bool can_begin(video_input &video, const access_unit &unit)
     return false;
 }
 
+// Only one profile has data partitions. In others, a wrong bit has made one.
+static bool may_have_partitions(const video_input &video)
+{
+    return std::any_of(video.converter.sets.begin(), video.converter.sets.end(),
+                       [](const parameter_set &set) {
+                           return set.type == kNalSps && set.bytes.size() > 1 &&
+                                  set.bytes[1] == FF_PROFILE_H264_EXTENDED;
+                       });
+}
+
+static unit_verdict convert(video_input &video, const AVPacket &packet, access_unit &unit)
+{
+    const unsigned damaged_sets = video.converter.damaged_sets;
+    const unit_verdict verdict =
+        access_unit_convert(video.converter, {packet.data, static_cast<size_t>(packet.size)}, unit);
+    if (video.converter.damaged_sets > damaged_sets) {
+        note_loss(video, loss_kind::sets_left_out, video.last_us.value_or(0), 0,
+                  video.converter.damaged_sets - damaged_sets);
+    }
+    return verdict == unit_verdict::partitioned && !may_have_partitions(video)
+               ? unit_verdict::malformed
+               : verdict;
+}
+
 static std::optional<video_unit> read_unit(video_input &video)
 {
     while (const packet_ptr packet = media_file_read(*video.file)) {
         access_unit unit;
-        const unit_verdict verdict = access_unit_convert(
-            video.converter, {packet->data, static_cast<size_t>(packet->size)}, unit);
+        const unit_verdict verdict = convert(video, *packet, unit);
         if (verdict == unit_verdict::empty) {
             continue;
         }
         const int64_t time_us = place_in_time(video, *packet);
+        if (video.last_us) {
+            note_step(video, time_us);
+        }
         video.last_us = time_us;
         if (video.packets++ == 0) {
             video.begin_us = time_us;
         }
         judge(video, verdict);
+        note_damage(video, verdict, *packet, time_us);
         if (verdict != unit_verdict::ready) {
             continue;
         }
@@ -268,12 +346,13 @@ static void judge_doubt(video_input &video, video_unit *next)
         access_unit_replace_sets(video.converter, second, first.other_sets);
         next->unit = std::move(second);
     }
-    if (is_repeated && take_later_sets(video)) {
+    const bool is_damage =
+        is_repeated ? take_later_sets(video) : next != nullptr || picture_decodes(first.bytes);
+    if (is_damage) {
         video.damaged_sets++;
-    } else if (is_repeated || (next == nullptr && !picture_decodes(first.bytes))) {
-        take_change(video);
+        note_loss(video, loss_kind::sets_left_out, video.doubted.front().time_us, 0, 1);
     } else {
-        video.damaged_sets++;
+        take_change(video);
     }
     release_doubted(video);
 }

@@ -3,6 +3,7 @@
 #define CLIENT_INPUT_VIDEO_INPUT_H
 
 #include "client/input/access_unit_converter.h"
+#include "client/input/loss.h"
 #include "client/input/media_file.h"
 
 #include <cstdint>
@@ -10,6 +11,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 struct video_unit {
     access_unit unit;
@@ -25,10 +27,11 @@ struct video_input {
     std::optional<int64_t> last_us;               // time of the last packet in the programme
     std::optional<int64_t> display_us, decode_us; // time stamps of the last packet
     int64_t packets = 0;
-    int64_t begin_us = 0;    // of the file's first packet
-    bool begun = false;      // the first IDR picture has been found
-    bool given = false;      // a unit has been returned
-    bool may_change = false; // the parameter sets may change; otherwise a change is refused
+    int64_t begin_us = 0;         // of the file's first packet
+    bool begun = false;           // the first IDR picture has been found
+    bool given = false;           // a unit has been returned
+    bool may_change = false;      // the parameter sets may change; otherwise a change is refused
+    bool next_is_corrupt = false; // the demuxer has said so
     bool lacked_sets = false;
     unsigned leading = 0; // access units before the first IDR picture
     unsigned damaged = 0;
@@ -36,6 +39,8 @@ struct video_input {
     unsigned damaged_sets = 0;      // without those that the converter has counted
     std::deque<video_unit> doubted; // begins with an IDR picture after other parameter sets
     std::deque<video_unit> ahead;
+    std::vector<int64_t> steps_us; // from picture to picture, the last few in a ring
+    std::vector<loss> losses;      // on the clock's line
 };
 
 // in: a number or a fraction, as the user gave it

@@ -71,8 +71,10 @@ static std::string count_text(size_t count, const std::string &one, const std::s
 
 std::string verdict_text(const media_report &report)
 {
-    return report.faults.empty() ? "no fault found"
-                                 : count_text(report.faults.size(), "fault", "faults") + " found";
+    const std::string faults = report.faults.empty()
+                                   ? "no fault found"
+                                   : count_text(report.faults.size(), "fault", "faults") + " found";
+    return report.fragments > 0 ? faults : faults + "; " + state_text(report);
 }
 
 static std::string section(const std::string &title, const std::string &note,
@@ -106,7 +108,7 @@ static std::string row(const std::string &name, const std::vector<std::string> &
 // One column for each track.
 static std::string track_table(const media_report &report)
 {
-    std::vector<std::string> coding, frames, length, rate, keys, gaps;
+    std::vector<std::string> coding, frames, length, rate, keys, gaps, silences;
     std::string names = "<tr><th></th>";
     for (const track_report &track : report.tracks) {
         names += "<th scope=\"col\">" + format_text("Track %zu: ", gaps.size() + 1) +
@@ -123,11 +125,15 @@ static std::string track_table(const media_report &report)
             (track.key_distance_s > 0 ? format_text(", at most %.2f s apart", track.key_distance_s)
                                       : ""));
         gaps.push_back(track.gaps.empty() ? "none" : std::to_string(track.gaps.size()));
+        silences.push_back(track.kind != "Audio"    ? ""
+                           : track.silences.empty() ? "none"
+                                                    : std::to_string(track.silences.size()));
     }
     return section("Tracks", "",
                    "<div class=\"wide\"><table>\n" + names + "</tr>\n" + row("Coding", coding) +
                        row("Frames", frames) + row("Length", length) + row("Bit rate", rate) +
-                       row("Key frames", keys) + row("Gaps", gaps) + "</table></div>\n");
+                       row("Key frames", keys) + row("Gaps", gaps) + row("Silence", silences) +
+                       "</table></div>\n");
 }
 
 static std::string span_text(double begin_s, double end_s)
@@ -189,31 +195,34 @@ static std::string lead_chart(const media_report &report)
                        span_text(lead.time_s, end_s) + lead_text(lead));
     }
     time_chart_level(chart, "zero", 0);
-    return section("Sound against picture",
-                   "by how many milliseconds the sound was ahead of each picture when that was "
-                   "written; negative where it was late",
-                   time_chart_svg(chart, "Sound ahead of the picture over time"));
+    return section("Interleaving",
+                   "by how many milliseconds the sound next to each picture in the file is later "
+                   "than it; this is the order of writing, not of playing",
+                   time_chart_svg(chart, "Interleaving of sound and pictures over time"));
 }
 
 static std::string gap_table(const media_report &report)
 {
     std::string rows;
-    size_t listed = 0, all = 0;
-    for (const track_report &track : report.tracks) {
-        all += track.gaps.size();
-        for (const time_gap &gap : track.gaps) {
-            if (listed++ < kGapsListed) {
-                rows += row(html_text(track.kind),
-                            {duration_text(gap.begin_s), format_text("%.3f s", gap.length_s)});
+    size_t all = 0;
+    const auto add = [&](const std::string &name, const std::vector<time_gap> &gaps) {
+        for (const time_gap &gap : gaps) {
+            if (all++ < kGapsListed) {
+                rows +=
+                    row(name, {duration_text(gap.begin_s), format_text("%.3f s", gap.length_s)});
             }
         }
+    };
+    for (const track_report &track : report.tracks) {
+        add(html_text(track.kind), track.gaps);
+        add("Silence", track.silences);
     }
     if (all == 0) {
         return "";
     }
     const std::string note =
         all > kGapsListed ? format_text("the first %zu of %zu", kGapsListed, all) : "";
-    return section("Gaps", note,
+    return section("Gaps and silence", note,
                    "<div class=\"wide\"><table>\n<tr><th scope=\"col\">Track</th><th "
                    "scope=\"col\">From</th><th scope=\"col\">Length</th></tr>\n" +
                        rows + "</table></div>\n");
@@ -265,8 +274,8 @@ std::string info_page(const media_report &report)
         "</p>\n";
     std::string verdict = verdict_text(report);
     verdict[0] = verdict[0] == 'n' ? 'N' : verdict[0];
-    page += std::string("<p class=\"verdict ") + (report.faults.empty() ? "good" : "bad") + "\">" +
-            verdict + "</p>\n";
+    page += std::string("<p class=\"verdict ") + (is_damaged(report) ? "bad" : "good") + "\">" +
+            html_text(verdict) + "</p>\n";
     page += list("Faults", report.faults) + list("Notes", report.remarks);
     if (!report.tracks.empty()) {
         page += track_table(report);

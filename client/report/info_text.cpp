@@ -28,10 +28,28 @@ std::string lead_text(const lead_range &lead)
     const long low = std::lround(lead.low_s * 1000);
     const long high = std::lround(lead.high_s * 1000);
     if (low < 0 && high > 0) {
-        return format_text("sound from %ld ms late to %ld ms early", -low, high);
+        return format_text("sound from %ld ms after to %ld ms before its picture", -low, high);
     }
-    return high <= 0 ? format_text("sound %ld to %ld ms late", -high, -low)
-                     : format_text("sound %ld to %ld ms early", low, high);
+    return high <= 0 ? format_text("sound %ld to %ld ms after its picture", -high, -low)
+                     : format_text("sound %ld to %ld ms before its picture", low, high);
+}
+
+// returns: a line for each gap
+static std::string gap_lines(const char *name, const std::vector<time_gap> &gaps)
+{
+    std::string text;
+    double sum_s = 0;
+    for (size_t i = 0; i < gaps.size(); i++) {
+        sum_s += gaps[i].length_s;
+        if (i < kGapsListed) {
+            text += "           " + (name + format_text(" of %.3f s at ", gaps[i].length_s)) +
+                    duration_text(gaps[i].begin_s) + "\n";
+        }
+    }
+    if (gaps.size() > kGapsListed) {
+        text += format_text("           %zu times %s in all, %.3f s\n", gaps.size(), name, sum_s);
+    }
+    return text;
 }
 
 static std::string describe_track(const track_report &track, size_t number)
@@ -53,19 +71,7 @@ static std::string describe_track(const track_report &track, size_t number)
                                       : "") +
             "\n";
     }
-    double missing_s = 0;
-    for (size_t i = 0; i < track.gaps.size(); i++) {
-        const time_gap &gap = track.gaps[i];
-        missing_s += gap.length_s;
-        if (i < kGapsListed) {
-            text += "           gap of " + format_text("%.3f s at ", gap.length_s) +
-                    duration_text(gap.begin_s) + "\n";
-        }
-    }
-    if (track.gaps.size() > kGapsListed) {
-        text += format_text("           %zu gaps in all, %.3f s\n", track.gaps.size(), missing_s);
-    }
-    return text;
+    return text + gap_lines("gap", track.gaps) + gap_lines("silence", track.silences);
 }
 
 std::string info_text(const media_report &report)
@@ -78,8 +84,11 @@ std::string info_text(const media_report &report)
         text += describe_track(report.tracks[i], i + 1);
     }
     if (const std::optional<lead_range> lead = whole_lead(report)) {
-        text += "  Order    in the file, " + lead_text(*lead) + "\n";
+        text += "  Order    interleaving: " + lead_text(*lead) + "\n";
     }
+    text += report.fragments > 0 ? format_text("  Parts    %llu fragments\n",
+                                               static_cast<unsigned long long>(report.fragments))
+                                 : "  State    " + state_text(report) + "\n";
     for (const std::string &remark : report.remarks) {
         text += "  Note     " + remark + "\n";
     }
@@ -87,6 +96,15 @@ std::string info_text(const media_report &report)
         text += "  Fault    " + fault + "\n";
     }
     return text + (report.faults.empty() ? "  No fault found.\n" : "");
+}
+
+static nlohmann::ordered_json gaps_json(const std::vector<time_gap> &gaps)
+{
+    nlohmann::ordered_json json = nlohmann::ordered_json::array();
+    for (const time_gap &gap : gaps) {
+        json.push_back({{"begin_seconds", gap.begin_s}, {"length_seconds", gap.length_s}});
+    }
+    return json;
 }
 
 static nlohmann::ordered_json track_json(const track_report &track)
@@ -109,9 +127,9 @@ static nlohmann::ordered_json track_json(const track_report &track)
         json["key_frames"] = track.keys_s.size();
         json["longest_key_frame_distance_seconds"] = track.key_distance_s;
     }
-    json["gaps"] = nlohmann::ordered_json::array();
-    for (const time_gap &gap : track.gaps) {
-        json["gaps"].push_back({{"begin_seconds", gap.begin_s}, {"length_seconds", gap.length_s}});
+    json["gaps"] = gaps_json(track.gaps);
+    if (track.kind == "Audio") {
+        json["silences"] = gaps_json(track.silences);
     }
     return json;
 }
@@ -128,7 +146,13 @@ std::string info_json(const media_report &report)
         json["tracks"].push_back(track_json(track));
     }
     if (const std::optional<lead_range> lead = whole_lead(report)) {
-        json["sound_ahead_seconds"] = {{"least", lead->low_s}, {"most", lead->high_s}};
+        json["interleaving_seconds"] = {{"least", lead->low_s}, {"most", lead->high_s}};
+    }
+    if (report.fragments > 0) {
+        json["fragments"] = report.fragments;
+    } else {
+        json["verdict"] = is_damaged(report) ? "damaged" : "complete";
+        json["sound_after_pictures_seconds"] = report.ends_apart_s;
     }
     json["notes"] = report.remarks;
     json["faults"] = report.faults;

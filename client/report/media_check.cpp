@@ -86,7 +86,8 @@ static double end_of(const track &of)
 
 static bool is_read_whole(const movie &file)
 {
-    return std::all_of(file.tracks.begin(), file.tracks.end(),
+    return !file.is_fragmented &&
+           std::all_of(file.tracks.begin(), file.tracks.end(),
                        [](const track &each) { return each.samples_left_out == 0; });
 }
 
@@ -236,11 +237,13 @@ static void check_times(checker &self, const track &of)
 static void check_track(checker &self, const track &of)
 {
     if (of.samples.empty()) {
-        self.fault("holds no frames");
+        if (!self.file.is_fragmented) {
+            self.fault("holds no frames");
+        }
         return;
     }
     check_places(self, of);
-    if (of.samples_left_out == 0) {
+    if (is_read_whole(self.file)) {
         check_times(self, of);
     }
     if (of.handler == "vide" && of.coding == "avc1") {
@@ -261,7 +264,8 @@ static void check_movie(checker &self)
         }
         longest = std::max(longest, end_of(each));
     }
-    if (!ids.empty() && self.file.next_track_id <= *ids.rbegin()) {
+    // Writers of fragmented files leave this number as it is before the tracks are known.
+    if (!ids.empty() && self.file.next_track_id <= *ids.rbegin() && !self.file.is_fragmented) {
         self.fault("the next track's number is already used");
     }
     if (self.file.timescale == 0) {

@@ -1,5 +1,6 @@
 #include "client/report/media_report.h"
 
+#include "client/report/figures.h"
 #include "client/report/media_check.h"
 
 #include <algorithm>
@@ -18,6 +19,13 @@ static constexpr double kLongestS = 1e7; // longer times occur only in damaged f
 // A frame that lasts this much longer than usual leaves a gap.
 static constexpr double kGapFactor = 1.5;
 static constexpr double kGapToleranceS = 0.005;
+
+// Sound and pictures may end this far from each other.
+static constexpr double kEndToleranceS = 0.5;
+
+// So many equal frames are a run of silence; longer ones hold sound.
+static constexpr size_t kSilentFramesMin = 3;
+static constexpr uint32_t kSilentBytesMax = 64;
 
 static double seconds_at(const track &of, uint64_t ticks)
 {
@@ -90,6 +98,35 @@ static void find_gaps(const track &of, track_report &report)
     report.frame_s = even_s / static_cast<double>(durations.size() - report.gaps.size());
 }
 
+static bool is_equal_frame(const track &of, size_t index, std::span<const uint8_t> image)
+{
+    const sample &one = of.samples[index], &before = of.samples[index - 1];
+    const uint64_t end = image.size();
+    return one.size == before.size && one.size <= kSilentBytesMax && one.size > 0 &&
+           one.offset <= end - std::min<uint64_t>(one.size, end) &&
+           before.offset <= end - std::min<uint64_t>(one.size, end) &&
+           std::equal(image.begin() + static_cast<ptrdiff_t>(one.offset),
+                      image.begin() + static_cast<ptrdiff_t>(one.offset + one.size),
+                      image.begin() + static_cast<ptrdiff_t>(before.offset));
+}
+
+// Finds the runs of digital silence: an encoder gives all their frames the same few bytes.
+static void find_silences(const track &of, std::span<const uint8_t> image, track_report &report)
+{
+    size_t run = 1;
+    for (size_t i = 1; i < of.samples.size(); i++) {
+        if (is_equal_frame(of, i, image)) {
+            run++;
+            continue;
+        }
+        if (run >= kSilentFramesMin && run < i) { // else it begins the sound
+            const double begin_s = seconds_at(of, of.samples[i - run].time);
+            report.silences.push_back({begin_s, seconds_at(of, of.samples[i].time) - begin_s});
+        }
+        run = 1;
+    }
+}
+
 static void find_key_frames(const track &of, track_report &report)
 {
     const bool all = std::all_of(of.samples.begin(), of.samples.end(),
@@ -133,7 +170,7 @@ static double end_of(const track &of)
                                     seconds_at(of, of.samples.back().duration);
 }
 
-static track_report report_track(const track &of, double bin_s)
+static track_report report_track(const track &of, double bin_s, std::span<const uint8_t> image)
 {
     track_report report;
     report.kind = of.handler == "vide"   ? "Video"
@@ -147,6 +184,9 @@ static track_report report_track(const track &of, double bin_s)
     report.frames = of.samples.size();
     report.duration_s = end_of(of);
     find_gaps(of, report);
+    if (of.handler == "soun") {
+        find_silences(of, image, report);
+    }
     find_key_frames(of, report);
     count_bits(of, bin_s, report);
     return report;
@@ -181,6 +221,27 @@ static void compare_arrival(const movie &file, media_report &report)
     }
 }
 
+static void compare_ends(media_report &report)
+{
+    const track_report *const video = find_track(report, "Video");
+    const track_report *const audio = find_track(report, "Audio");
+    if (video != nullptr && audio != nullptr && video->frames > 0 && audio->frames > 0) {
+        report.ends_apart_s = audio->duration_s - video->duration_s;
+    }
+}
+
+static void read_fragments(const movie &file, media_report &report)
+{
+    if (file.is_fragmented) {
+        report.fragments = static_cast<uint64_t>(
+            std::count_if(file.boxes.begin(), file.boxes.end(),
+                          [](const mp4_reader::box &each) { return each.type == "moof"; }));
+        const double header_s =
+            file.timescale == 0 ? 0 : static_cast<double>(file.duration) / file.timescale;
+        report.duration_s = std::max(report.duration_s, std::min(header_s, kLongestS));
+    }
+}
+
 // in: seconds since 1904
 // returns: the date; empty for a time that is not set or out of range
 static std::string date_text(uint64_t seconds)
@@ -206,9 +267,11 @@ media_report media_report_make(const std::string &path, std::span<const uint8_t>
     }
     report.bin_s = std::max(1.0, std::ceil(report.duration_s / kMaxBins));
     for (const track &each : file.tracks) {
-        report.tracks.push_back(report_track(each, report.bin_s));
+        report.tracks.push_back(report_track(each, report.bin_s, image));
     }
     compare_arrival(file, report);
+    compare_ends(report);
+    read_fragments(file, report);
     media_findings found = media_check(file, image);
     report.faults = file.faults;
     report.faults.insert(report.faults.end(), found.faults.begin(), found.faults.end());
@@ -235,4 +298,41 @@ std::optional<lead_range> whole_lead(const media_report &report)
         whole.high_s = std::max(whole.high_s, each.high_s);
     }
     return whole;
+}
+
+bool is_damaged(const media_report &report)
+{
+    return !report.faults.empty() || std::abs(report.ends_apart_s) > kEndToleranceS ||
+           std::any_of(report.tracks.begin(), report.tracks.end(),
+                       [](const track_report &each) { return !each.gaps.empty(); });
+}
+
+static void append(std::string &text, const std::string &part)
+{
+    text += (text.empty() ? "" : ", ") + part;
+}
+
+std::string state_text(const media_report &report)
+{
+    std::string missing;
+    for (const track_report &each : report.tracks) {
+        double length_s = 0;
+        for (const time_gap &gap : each.gaps) {
+            length_s += gap.length_s;
+        }
+        if (!each.gaps.empty()) {
+            append(missing, (each.kind == "Video"   ? "pictures"
+                             : each.kind == "Audio" ? "sound"
+                                                    : each.kind) +
+                                format_text(" %.3f s in %zu place%s", length_s, each.gaps.size(),
+                                            each.gaps.size() == 1 ? "" : "s"));
+        }
+    }
+    if (std::abs(report.ends_apart_s) > kEndToleranceS) {
+        append(missing,
+               std::string(report.ends_apart_s > 0 ? "the pictures end" : "the sound ends") +
+                   format_text(" %.3f s early", std::abs(report.ends_apart_s)));
+    }
+    return std::string(is_damaged(report) ? "damaged" : "complete") +
+           (missing.empty() ? "" : ": " + missing);
 }

@@ -29,10 +29,11 @@ struct track_report {
     std::vector<double> keys_s; // times of key frames; empty if every frame is one
     double key_distance_s = 0;  // the longest from one to the next
     std::vector<time_gap> gaps;
+    std::vector<time_gap> silences; // frames of digital silence between others
 };
 
-// How far the sound was ahead of the picture, negative where it was late, in a section of the file.
-// Frames are compared in the order in which they were written.
+// The interleaving in a section of the file: by how much the sound that is written next to a
+// picture is later than it. Negative: it is earlier. A player does not depend on this order.
 struct lead_range {
     double time_s = 0;
     double low_s = 0, high_s = 0;
@@ -46,6 +47,8 @@ struct media_report {
     double bin_s = 1;    // the length of a bin of the bit rates
     std::vector<track_report> tracks;
     std::vector<lead_range> leads;
+    double ends_apart_s = 0; // positive: the sound ends after the pictures
+    uint64_t fragments = 0;  // whose frames are not read
     std::vector<std::string> faults, remarks;
 };
 
@@ -55,6 +58,13 @@ media_report media_report_make(const std::string &path, std::span<const uint8_t>
 
 // returns: the first track of a kind, or null; it is part of the report
 const track_report *find_track(const media_report &report, const std::string &kind);
+
+// returns: whether pictures or sound are missing, as far as the file shows it, or the file has a
+//          fault
+bool is_damaged(const media_report &report);
+
+// returns: "complete" or "damaged", and what is missing
+std::string state_text(const media_report &report);
 
 // returns: the lead over the whole file; nothing unless it holds both sound and pictures
 std::optional<lead_range> whole_lead(const media_report &report);

@@ -155,6 +155,10 @@ TEST_F(RecordCommand, TreatsOneOtherParameterSetAsDamageAndTwoAsAChange)
                 << at << result.out;
         }
     }
+    std::string partition = whole; // of a picture that is no IDR picture
+    partition[whole.find("\0\0\1\x41"s) + 3] = '\x42';
+    EXPECT_TRUE(contains(mux(partition).out, "299 pictures"));
+
     ffmpeg("-i programme.h264 -vf scale=160:-2 -c:v libx264 -g 60 -bf 0 other.h264");
     const command_result changed = shell("cat programme.h264 other.h264 > bent.h264; " RECORD
                                          "--video bent.h264 --audio programme.wav -f -o x");
@@ -230,6 +234,17 @@ TEST_F(RecordCommand, EndsWithTheReasonForWhichTheComponentStopped)
         EXPECT_EQ(contains(result.err, "/nowhere.so"), contains(environment, "/nowhere.so"));
         EXPECT_EQ(names(), inputs);
     }
+}
+
+TEST_F(RecordCommand, CountsWhatTheComponentDidNotRecord)
+{
+    ffmpeg("-i programme.h264 -c copy -frames:v 100 few.h264");
+    ASSERT_EQ(record("--video few.h264 --audio programme.wav -o few.mp4").status, 0);
+    const json reported = summary(SAMPLE "-o b.mp4", "SCRIPT_FILE=few.mp4 " SCRIPTED);
+    EXPECT_EQ(reported["verdict"], "damaged");
+    ASSERT_EQ(reported["losses"].size(), 1u);
+    EXPECT_EQ(reported["losses"][0]["units"], 200);
+    EXPECT_NEAR(reported["lost_seconds"]["video"].get<double>(), 200.0 / 30, 0.01);
 }
 
 TEST_F(RecordCommand, ShowsProgressWhileTheComponentTakesLong)

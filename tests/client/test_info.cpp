@@ -11,6 +11,7 @@
 
 using bytes = std::vector<uint8_t>;
 using nlohmann::json;
+using namespace std::string_literals;
 
 class InfoCommand : public CommandTest {
   protected:
@@ -165,6 +166,32 @@ TEST_F(InfoCommand, NamesEveryFault)
         std::copy(patch.begin(), patch.end(), image.begin() + static_cast<ptrdiff_t>(at));
         const std::string text = report_on(image);
         EXPECT_TRUE(contains(text, finding)) << finding << "\n" << text;
+    }
+}
+
+TEST_F(InfoCommand, ReportsWhatIsMissingWithoutCallingItAFault)
+{
+    if (ffmpeg("-version").status != 0) {
+        GTEST_SKIP() << "no ffmpeg here";
+    }
+    ffmpeg("-i programme.wav -t 9 -af \"volume=0:enable='between(t,3,4)'\" hole.wav");
+    shell(TDMBREC "encode hole.wav -o hole.aac");
+    shell(TDMBREC "mux --video programme.h264 --audio hole.aac -o hole.mp4");
+    ffmpeg("-i a.mp4 -c copy -movflags frag_keyframe+empty_moov fragments.mp4");
+    const struct {
+        const char *file, *verdict, *line;
+    } cases[] = {
+        {"a.mp4", "complete", "  State    complete\n"},
+        {"hole.mp4", "damaged", "           silence of 0.9"},
+        {"hole.mp4", "damaged", "  State    damaged: the sound ends 0.9"},
+        {"fragments.mp4", nullptr, "  Parts    10 fragments\n"},
+    };
+    for (const auto &[file, verdict, line] : cases) {
+        const command_result shown = shell(TDMBREC "info "s + file);
+        EXPECT_EQ(shown.status, 0) << shown.out;
+        EXPECT_TRUE(contains(shown.out, line)) << shown.out;
+        const json report = json::parse(shell(TDMBREC "info --json "s + file).out);
+        EXPECT_EQ(report.value("verdict", json()), verdict == nullptr ? json() : json(verdict));
     }
 }
 
