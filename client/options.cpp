@@ -188,6 +188,10 @@ static void add_record(CLI::App &app, record_options &options, std::string &inpu
                     "also continue in another file when one has this many millions of bytes")
         ->type_name("MB")
         ->check(CLI::Range(kSplitSizeMbMin, kSplitSizeMbMax));
+    add_length(
+        command, "--reconnect", options.reconnect_us,
+        "when a live input ends, wait this long for it to come back, and continue in another\n"
+        "file; not for standard input");
     command.add_flag("!--no-audio", options.with_audio, "record the pictures without sound");
     command.add_flag("--card", options.card, "record to the removable card's root");
     command
@@ -361,6 +365,10 @@ static command_line choose_inputs(record_options options, const std::string &inp
 {
     if (!input.empty() && !options.video.empty() && !options.audio.empty()) {
         return report_mistake("record ", "INPUT is not needed with --video and --audio");
+    }
+    if (options.reconnect_us > 0 &&
+        (options.video == "-" || options.audio == "-" || input == "-")) {
+        return report_mistake("record ", "--reconnect needs an input that can be opened again");
     }
     if (options.split_every_us > 0 || options.split_size_mb > 0) {
         options.split = true;

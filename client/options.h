@@ -28,6 +28,7 @@ struct record_options {
     bool with_audio = true;
     bool json = false;
     int64_t duration_us = 0;    // of the programme; 0: all of it
+    int64_t reconnect_us = 0;   // for which a live input may be away; 0: its end is the end
     std::optional<bool> split;  // continue in further files; by default for live sources
     int64_t split_every_us = 0; // of the programme; 0: not by time
     int split_size_mb = 0;      // of a file, in millions of bytes; 0: not by size

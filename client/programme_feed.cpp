@@ -184,7 +184,7 @@ enum class limit_verdict { inside, outside, end };
 static limit_verdict judge_limit(const recording &self, const programme_unit &unit)
 {
     const int64_t limit_us = self.options.duration_us;
-    if (limit_us == 0 || unit.time_us < limit_us) {
+    if (limit_us == 0 || self.earlier_us + unit.time_us < limit_us) {
         return limit_verdict::inside;
     }
     const bool has_sound = programme_sound_time_us(*self.programme).has_value();
@@ -240,7 +240,7 @@ bool programme_feed_wait(recording &self, double silent_s)
             end_by_user(self, signal);
         }
         show_wait(self);
-        return false;
+        return signal != 0;
     }
     il_session_flush(*self.component);
     programme_feed_watch(self);
@@ -248,17 +248,19 @@ bool programme_feed_wait(recording &self, double silent_s)
 }
 
 // A live source also ends because the user or the component asked for it.
-static void end_at_the_end(recording &self)
+static feed_end end_at_the_end(recording &self)
 {
     if (const int signal = interruption_signal()) {
         end_by_user(self, signal);
-    } else {
-        self.summary.ended = "end of the programme";
+        return feed_end::complete;
     }
+    self.summary.ended = "end of the programme";
+    return feed_end::source;
 }
 
+// out: end: why there is no unit
 // returns: the next unit inside the recording's duration; nothing at the end
-static std::optional<programme_unit> next_unit(recording &self)
+static std::optional<programme_unit> next_unit(recording &self, feed_end &end)
 {
     if (self.held) {
         return std::exchange(self.held, std::nullopt);
@@ -267,7 +269,7 @@ static std::optional<programme_unit> next_unit(recording &self)
         const std::optional<programme_unit> unit = programme_next(*self.programme);
         self.silent_s = 0;
         if (!unit) {
-            end_at_the_end(self);
+            end = end_at_the_end(self);
             return std::nullopt;
         }
         switch (judge_limit(self, *unit)) {
@@ -277,6 +279,7 @@ static std::optional<programme_unit> next_unit(recording &self)
             break;
         case limit_verdict::end:
             self.summary.ended = "the duration is over";
+            end = feed_end::complete;
             return std::nullopt;
         }
     }
@@ -290,9 +293,10 @@ feed_end programme_feed_send(recording &self)
             end_by_user(self, signal);
             return feed_end::complete;
         }
-        const std::optional<programme_unit> unit = next_unit(self);
+        feed_end end = feed_end::complete;
+        const std::optional<programme_unit> unit = next_unit(self, end);
         if (!unit) {
-            return feed_end::complete;
+            return end;
         }
         if (begins_next_file(self, *unit)) {
             self.held = unit;

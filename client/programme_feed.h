@@ -5,7 +5,8 @@
 #include "client/recording.h"
 
 enum class feed_end {
-    complete,  // the programme or the user has ended; the summary says which
+    complete,  // the user or the duration has ended it; the summary says which
+    source,    // the programme has ended
     component, // the component has ended the recording
     next_file, // the programme continues in another file
 };

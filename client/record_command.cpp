@@ -2,6 +2,7 @@
 
 #include "client/interruption.h"
 #include "client/programme_feed.h"
+#include "client/reconnection.h"
 #include "client/recording.h"
 #include "client/report/figures.h"
 #include "client/terminal.h"
@@ -92,30 +93,27 @@ static void provide_storage(recording &self)
     check_free_space(storage);
 }
 
+// One encoder serves all files of a programme.
+static void open_encoder(recording &self)
+{
+    self.component->sound = self.splits && self.programme->audio != nullptr
+                                ? coded_sound_open(programme_sample_rate(*self.programme))
+                                : nullptr;
+}
+
 static void open_all(recording &self)
 {
     const record_options &options = self.options;
     open_output(self);
     output_place_check_inputs(self.summary.output, {options.video, options.audio});
     look_for_others(self);
-    self.programme = programme_open(
-        {.video = options.video,
-         .audio = options.audio,
-         .with_audio = options.with_audio,
-         .may_change = options.split,
-         .frame_rate = parse_frame_rate(options.frame_rate),
-         .pcm_rate = options.pcm_rate,
-         .start_at = options.start_at,
-         .on_wait = [&self](double silent_s) { return programme_feed_wait(self, silent_s); }});
-    recording_warn(self, programme_opening_remarks(*self.programme));
+    recording_open_programme(self);
     (void)OMX_Init(); // loads the component before the storage can hide its path
     provide_storage(self);
     set_checkpoint(options.checkpoint_s);
     self.component = il_session_open();
     self.splits = self.programme->video->may_change;
-    if (self.splits && self.programme->audio != nullptr) {
-        self.component->sound = coded_sound_open(programme_sample_rate(*self.programme));
-    }
+    open_encoder(self);
     self.component->on_wait = [&self] { programme_feed_watch(self); };
 }
 
@@ -219,6 +217,37 @@ static void note_broken_feed(recording &self, const failure &broken)
                              : "the rest of the input could not be recorded";
 }
 
+// Keeps the finished file for the summary.
+static void keep_file(recording &self)
+{
+    recording_summary &summary = self.summary;
+    recording_account_for_losses(self);
+    summary.earlier.push_back(
+        {summary.output, summary.begin_s, *summary.file, std::move(summary.losses)});
+    summary.file.reset();
+    summary.losses = {};
+}
+
+// Waits for the input to come back.
+// returns: whether the recording continues
+static bool reconnect(recording &self)
+{
+    const std::optional<failure> broken_off = std::exchange(self.broken_off, std::nullopt);
+    keep_file(self);
+    if (reconnection_await(self)) {
+        if (broken_off) {
+            recording_warn(self, {broken_off->what()});
+        }
+        open_encoder(self);
+        return true;
+    }
+    if (broken_off) {
+        note_broken_feed(self, *broken_off);
+    }
+    (void)end_recording(self, false);
+    return false;
+}
+
 // Records one file.
 // returns: whether the recording continues in another one
 static bool record_file(recording &self)
@@ -232,21 +261,27 @@ static bool record_file(recording &self)
         if (self.part.sent_video_bytes == 0 && self.summary.earlier.empty()) {
             throw;
         }
-        note_broken_feed(self, broken);
+        if (broken.code == exit_code::input && reconnection_is_wanted(self)) {
+            self.broken_off = broken;
+            end = feed_end::source;
+        } else {
+            note_broken_feed(self, broken);
+        }
     }
-    self.summary.begin_s = static_cast<double>(self.part.begin_us) / 1e6;
-    return finish(self, end == feed_end::next_file);
+    const bool may_come_back = end == feed_end::source && reconnection_is_wanted(self);
+    self.summary.begin_s = static_cast<double>(self.earlier_us + self.part.begin_us) / 1e6;
+    const bool can_continue = finish(self, end == feed_end::next_file || may_come_back);
+    if (can_continue && may_come_back) {
+        return reconnect(self);
+    }
+    if (can_continue) {
+        keep_file(self);
+    }
+    return can_continue;
 }
 
-// Keeps the finished file for the summary.
 static void open_next_file(recording &self)
 {
-    recording_summary &summary = self.summary;
-    recording_account_for_losses(self);
-    summary.earlier.push_back(
-        {summary.output, summary.begin_s, *summary.file, std::move(summary.losses)});
-    summary.file.reset();
-    summary.losses = {};
     open_output(self);
     look_for_others(self);
     provide_storage(self);

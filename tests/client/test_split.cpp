@@ -147,3 +147,23 @@ TEST_F(SplitRecording, EndsAtTheDurationAndNeedsNoSound)
         EXPECT_EQ(record(SAMPLE "-o x.mp4 --duration '" + std::string(wrong) + "'").status, 2);
     }
 }
+
+TEST_F(SplitRecording, WaitsForALiveInputToComeBack)
+{
+    ASSERT_EQ(ffmpeg(TIMED_SAMPLE "-i programme.wav -c:v copy -c:a mp2 -f mpegts in.ts").status, 0);
+    const command_result result =
+        shell("mkfifo f; { cat in.ts > f; sleep 1; cat in.ts > f; sleep 1; head -c 200001 in.ts > "
+              "f; } & " RECORD "f -o part.mp4 --reconnect 3 --duration 23 --json");
+    EXPECT_EQ(result.status, 3) << result.err; // the third time, it breaks off
+    EXPECT_TRUE(contains(result.err, "the input ended, and came back after ")) << result.err;
+    const json reported = json::parse(result.out);
+    ASSERT_EQ(reported["files"].size(), 3u);
+    for (const json &file : reported["files"]) {
+        const bool is_whole = file["output"] != "part-003.mp4";
+        EXPECT_EQ(file["verdict"], is_whole ? "complete" : "damaged") << file;
+        EXPECT_TRUE(is_whole ? file["video"]["frames"] == 300 : file["video"]["frames"] < 90)
+            << file;
+    }
+    EXPECT_EQ(frames("part.mp4", "a"), frames("part-002.mp4", "a"));
+    EXPECT_EQ(record("- -o x.mp4 --reconnect 3").status, 2);
+}
