@@ -4,28 +4,21 @@
 #define CLIENT_INPUT_LIVE_SOURCE_H
 
 #include "client/input/av_ptr.h"
+#include "client/input/live_io.h"
 #include "client/input/stream_clock.h"
 
-#include <array>
 #include <chrono>
 #include <cstdint>
 #include <deque>
 #include <exception>
-#include <functional>
 #include <memory>
 #include <optional>
 #include <span>
 #include <string>
-#include <vector>
 
 extern "C" {
 #include <libavformat/avformat.h>
 }
-
-// Called at least every 200 ms while an input is read or waited for.
-// in: how long nothing has arrived
-// returns: true to end the input here; it may throw
-using wait_hook = std::function<bool(double silent_s)>;
 
 // The packets of one stream that were read on the way to those of the other one.
 struct live_queue {
@@ -42,27 +35,11 @@ struct live_queue {
 };
 
 struct live_source {
-    std::string path;
-    wait_hook on_wait;
-    int descriptor = -1;
-    AVIOContext *remote = nullptr; // opened by a protocol
-    bool is_rtp = false;           // the protocol's packets begin with RTP headers
-    std::vector<uint8_t> datagram; // what is left of the last one
-    // The programme's other source, which is also read while this one is waited for: one writer may
-    // fill both.
-    live_source *companion = nullptr;
-    std::deque<uint8_t> backlog; // what was read in this way
-    AVIOContext *io = nullptr;   // of the demuxer
+    live_io io;
     AVFormatContext *format = nullptr;
     live_queue video, audio;
     bool begun = false; // the programme has begun: see live_source_read()
 
-    int64_t received_bytes = 0;
-    std::vector<uint8_t> head, tail;                  // the first and the last bytes received
-    std::chrono::steady_clock::time_point read_begun; // the read that is under way
-    std::chrono::steady_clock::time_point hook_called;
-    bool stops = false;   // ends where the demuxer needs more data
-    bool stopped = false; // the demuxer has been refused more data
     bool ended = false;
     std::exception_ptr fault; // with which it ended
 
@@ -71,9 +48,6 @@ struct live_source {
     live_source &operator=(const live_source &) = delete;
     ~live_source();
 };
-
-// returns: whether the name is that of an input to be read in this way
-bool live_source_is(const std::string &path);
 
 // Opens the descriptor of a local input, without waiting for its writer.
 // returns: the source

@@ -175,7 +175,7 @@ std::unique_ptr<media_file> media_file_of(const std::shared_ptr<live_source> &li
                                           AVMediaType kind)
 {
     std::unique_ptr<media_file> file = std::make_unique<media_file>();
-    file->path = live->path;
+    file->path = live->io.path;
     file->live = live;
     file->format = live->format;
     pick_stream(*file, kind);

@@ -69,8 +69,8 @@ static bool is_same_input(const live_source &video, const std::string &audio_pat
 {
     struct stat one = {};
     struct stat other = {};
-    return video.path == audio_path ||
-           (video.descriptor >= 0 && fstat(video.descriptor, &one) == 0 &&
+    return video.io.path == audio_path ||
+           (video.io.descriptor >= 0 && fstat(video.io.descriptor, &one) == 0 &&
             stat(audio_path.c_str(), &other) == 0 && one.st_dev == other.st_dev &&
             one.st_ino == other.st_ino);
 }
@@ -81,18 +81,18 @@ static live_pair open_live(const programme_source &source)
     live_pair live;
     const std::string video = local_name(source.video);
     const std::string audio = local_name(source.audio);
-    if (live_source_is(video)) {
+    if (live_io_is(video)) {
         live.video = live_source_open(video, source.on_wait);
     }
     if (live.video != nullptr && is_same_input(*live.video, audio)) {
         live.audio = live.video;
-    } else if (source.with_audio && live_source_is(audio)) {
+    } else if (source.with_audio && live_io_is(audio)) {
         live.audio = live_source_open(audio, source.on_wait);
     }
     const bool are_two = live.video != nullptr && live.audio != nullptr && live.video != live.audio;
-    if (are_two && live.video->descriptor >= 0 && live.audio->descriptor >= 0) {
-        live.video->companion = live.audio.get();
-        live.audio->companion = live.video.get();
+    if (are_two && live.video->io.descriptor >= 0 && live.audio->io.descriptor >= 0) {
+        live.video->io.companion = &live.audio->io;
+        live.audio->io.companion = &live.video->io;
     }
     return live;
 }
@@ -103,7 +103,7 @@ static std::vector<live_source *> sources_of(const live_pair &live, bool are_loc
     std::vector<live_source *> found;
     for (live_source *const source : {live.video.get(), live.audio.get()}) {
         const bool is_known = !found.empty() && found.front() == source;
-        if (source != nullptr && !is_known && (source->descriptor >= 0) == are_local) {
+        if (source != nullptr && !is_known && (source->io.descriptor >= 0) == are_local) {
             found.push_back(source);
         }
     }

@@ -171,8 +171,9 @@ TEST_F(LiveInput, DoesNotStopForAStreamThatStaysAway)
         EXPECT_TRUE(is_late);
         const live_queue &other = stream == 0 ? source->audio : source->video;
         EXPECT_NEAR(static_cast<double>(other.span_us), 3e6, 1e5);
-        while (source->stops = false, live_source_read(*source, AVMEDIA_TYPE_VIDEO, is_late) ||
-                                          live_source_read(*source, AVMEDIA_TYPE_AUDIO, is_late)) {
+        while (source->io.stops = false,
+               live_source_read(*source, AVMEDIA_TYPE_VIDEO, is_late) ||
+                   live_source_read(*source, AVMEDIA_TYPE_AUDIO, is_late)) {
         }
         writer.join();
     }
