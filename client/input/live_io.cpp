@@ -183,7 +183,8 @@ static void strip_rtp(std::vector<uint8_t> &packet)
     const bool has_padding = (packet[0] & 0x20) != 0;
     size_t begin = kHeaderBytes + size_t{4} * (packet[0] & 0x0F);
     if ((packet[0] & 0x10) != 0 && begin + kExtensionHeadBytes <= packet.size()) {
-        begin += kExtensionHeadBytes + size_t{4} * (packet[begin + 2] << 8 | packet[begin + 3]);
+        begin +=
+            kExtensionHeadBytes + size_t{4} * (size_t{packet[begin + 2]} << 8 | packet[begin + 3]);
     }
     const size_t padding = has_padding ? packet.back() : 0;
     const size_t end = packet.size() - std::min(padding, packet.size());

@@ -42,7 +42,7 @@ class LiveInput : public CommandTest {
 TEST_F(LiveInput, GivesTheFramesThatTheFileGives)
 {
     static constexpr char kPair[] = RECORD SAMPLE;
-    static constexpr struct {
+    static const struct {
         const char *as_file;
         const char *live;
     } cases[] = {
@@ -85,7 +85,7 @@ TEST_F(LiveInput, TakesWhatTheNetworkBrings)
 
 TEST_F(LiveInput, EndsWithTheSourceAndBreaksOffWhereTheFormatShowsIt)
 {
-    static constexpr struct {
+    static const struct {
         const char *line;
         int status;
         const char *sentence;
@@ -193,7 +193,7 @@ TEST(StartTime, IsTheNextSuchMoment)
     setenv("TZ", "UTC", 1);
     using wall = std::chrono::system_clock;
     static constexpr time_t kNow = 1'772'280'000; // 2026-02-28 12:00:00
-    static constexpr struct {
+    static const struct {
         const char *text;
         long after_s; // 0: refused
     } cases[] = {
