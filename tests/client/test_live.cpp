@@ -132,7 +132,7 @@ TEST_F(LiveInput, IsFinishedAtOnceWhenItsSourceHangs)
                                         "packet=size -of csv=p=0 live.mp4")
                                       .out;
     EXPECT_TRUE(all.starts_with(got_sizes)) << got_sizes;
-    EXPECT_GE(std::count(got_sizes.begin(), got_sizes.end(), '\n') + 1,
+    EXPECT_EQ(std::count(got_sizes.begin(), got_sizes.end(), '\n') + 1,
               std::count(all.begin(), all.end(), '\n'));
     // Before the first picture there is nothing to finish.
     const command_result none =
