@@ -305,8 +305,8 @@ bool live_io_read_kept(const live_io &io, int64_t position, std::span<uint8_t> b
     const int64_t tail_begin = io.received_bytes - static_cast<int64_t>(io.tail.size());
     const bool is_in_tail = position >= tail_begin;
     const std::vector<uint8_t> &kept = is_in_tail ? io.tail : io.head;
-    const size_t from = static_cast<size_t>(position - (is_in_tail ? tail_begin : 0));
-    if (from > kept.size() || bytes.size() > kept.size() - from) {
+    const int64_t from = position - (is_in_tail ? tail_begin : 0);
+    if (from + static_cast<int64_t>(bytes.size()) > static_cast<int64_t>(kept.size())) {
         return false;
     }
     std::copy_n(kept.begin() + static_cast<ptrdiff_t>(from), bytes.size(), bytes.begin());

@@ -58,6 +58,9 @@ static std::string break_text(const live_source &source, int error)
     if (source.io.context->error < 0 && source.io.context->error != AVERROR_EOF) {
         return media_error_text(source.io.context->error);
     }
+    if (source.io.context->seekable != 0) { // it has not been read in order
+        return "";
+    }
     return file_cut_text(
         source.format->iformat->name,
         [&source](int64_t position, std::span<uint8_t> bytes) {
