@@ -56,7 +56,7 @@ typedef struct AacEncAudioInfo {
     const int16_t *pcm;          // 0: in (encode): interleaved pairs, or the first or only channel
     const int16_t *pcmSecond;    // 4: in (encode): second channel, read unless `deinterleave` is 1
     uint8_t reserved8[88];       // 8
-    int32_t sampleRate;          // 96: in (init): Hz
+    int32_t sampleRate;          // 96: in (init): Hz, one of the nine AAC rates from 8000 to 48000
     int32_t reserved100;         // 100
     int32_t deinterleave;        // 104: in (init, encode): 1 = `pcm` holds interleaved pairs
     int32_t channels;            // 108: in (init): 1 or 2
@@ -99,7 +99,9 @@ typedef struct AacEncInitParams {
 //                     failure it stores null and keeps nothing.
 //   AACENC_OP_ENCODE  arg3 = AacEncAudioInfo, arg4 = AacEncStreamInfo. Encodes one frame of
 //                     AACENC_FRAME_SAMPLES samples per channel, 16-bit aligned. A null PCM pointer
-//                     means the PCM of the previous frame. On failure `outputBytes` is unchanged.
+//                     means the PCM of the previous frame. The decoded sound is one frame late: a
+//                     frame of silence after the last one completes it. On failure `outputBytes` is
+//                     unchanged.
 //   AACENC_OP_CLOSE   arg3 and arg4 unused. Releases everything and stores null.
 // in: handle: the caller's handle variable, null while nothing is open
 // returns: AACENC_OK or one of the errors above

@@ -21,6 +21,9 @@ static std::atomic<uint64_t> rate; // bytes per second, 0: not slow
 static std::atomic<uint64_t> media_writes, media_bytes, journal_writes, journal_bytes;
 static std::atomic<uint64_t> unsynced_bytes;
 static std::atomic<int64_t> longest_buffer_ns;
+static std::atomic<storage_stall> stall_kind;
+static std::atomic<int64_t> next_stall_ns; // 0: none is to come
+static std::atomic<steady::time_point> stall_end;
 
 void storage_begin(uint64_t bytes_per_second)
 {
@@ -28,6 +31,22 @@ void storage_begin(uint64_t bytes_per_second)
     media_writes = media_bytes = journal_writes = journal_bytes = unsynced_bytes = 0;
     longest_buffer_ns = 0;
     is_counting = true;
+}
+
+void storage_stall_next(storage_stall kind, std::chrono::milliseconds time)
+{
+    stall_kind = kind;
+    next_stall_ns = std::chrono::nanoseconds(time).count();
+}
+
+static void begin_stall(storage_stall kind)
+{
+    if (stall_kind == kind) {
+        const std::chrono::nanoseconds time(next_stall_ns.exchange(0));
+        if (time.count() > 0) {
+            stall_end = steady::now() + time;
+        }
+    }
 }
 
 storage_figures storage_end()
@@ -67,6 +86,9 @@ static void note_write(std::atomic<uint64_t> &writes, std::atomic<uint64_t> &byt
         bytes += count;
         unsynced_bytes += count;
         sleep_for_bytes(count);
+        if (stall_kind == kStallOfAll) {
+            std::this_thread::sleep_until(stall_end.load());
+        }
     }
 }
 
@@ -76,6 +98,7 @@ __attribute__((visibility("default"))) size_t fwrite(const void *buffer, size_t 
                                                      FILE *file)
 {
     static const auto next = find_next<decltype(&fwrite)>(RTLD_NEXT, "fwrite");
+    begin_stall(kStallOfAll);
     note_write(media_writes, media_bytes, size * count);
     return next(buffer, size, count, file);
 }
@@ -94,6 +117,8 @@ __attribute__((visibility("default"))) int fdatasync(int file)
         sleep_for_bytes(unsynced_bytes.exchange(0));
         std::this_thread::sleep_for(kSyncTime);
     }
+    begin_stall(kStallOfSyncs);
+    std::this_thread::sleep_until(stall_end.load());
     return next(file);
 }
 

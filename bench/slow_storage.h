@@ -1,14 +1,17 @@
-// A storage that can be made slow, under the component of this program: the program's own fwrite,
-// write and fdatasync take the place of the C library's (link with
+// A storage that can be made slow or stalled, under the component of this program: the program's
+// own fwrite, write and fdatasync take the place of the C library's (link with
 // -Wl,--export-dynamic-symbol=NAME), and its own buffer callback, which notes the longest call,
 // that of the component's.
 //
 // Slow means: fwrite and write return after the time that their bytes take at the given rate, as
 // without any cache in the system. fdatasync returns after the time that all bytes since the last
 // one take, and 50 ms more. The thread that calls sleeps meanwhile.
+//
+// Stalled means: no call returns before the end of the stall.
 #ifndef BENCH_SLOW_STORAGE_H
 #define BENCH_SLOW_STORAGE_H
 
+#include <chrono>
 #include <cstdint>
 
 struct storage_figures {
@@ -22,6 +25,14 @@ struct storage_figures {
 // Begins to count.
 // in: bytes_per_second: the rate; 0 for the rate of the memory file system
 void storage_begin(uint64_t bytes_per_second);
+
+enum storage_stall {
+    kStallOfAll,  // of fwrite, write and fdatasync; begins with an fwrite
+    kStallOfSyncs // of fdatasync: the system's cache takes what is written
+};
+
+// Stalls the storage for this long, from the next call with which such a stall begins.
+void storage_stall_next(storage_stall kind, std::chrono::milliseconds time);
 
 // returns: what was counted since the begin
 storage_figures storage_end();

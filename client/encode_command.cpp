@@ -51,13 +51,13 @@ static void report(const encode_options &options, const encoding &self, double e
     const double coded_s = static_cast<double>(self.frames * AACENC_FRAME_SAMPLES) / self.pcm->rate;
     terminal_print(
         options.output +
-        format_text(": %s of %d Hz %s, %llu frames, %s, %.1f kbit/s; took %.2f s, %.0f times real "
+        format_text(": %s of %d Hz %s, %llu frames, %s, %.1f kbit/s; took %s, %.0f times real "
                     "time\n",
                     duration_text(read_s).c_str(), self.pcm->rate,
                     self.pcm->channels == 2 ? "stereo" : "mono",
                     static_cast<unsigned long long>(self.frames), size_text(self.bytes).c_str(),
-                    static_cast<double>(self.bytes) * 8 / coded_s / 1000, elapsed_s,
-                    elapsed_s > 0 ? read_s / elapsed_s : 0));
+                    static_cast<double>(self.bytes) * 8 / coded_s / 1000,
+                    elapsed_text(elapsed_s).c_str(), elapsed_s > 0 ? read_s / elapsed_s : 0));
 }
 
 // returns: the exit code

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <thread>
 #include <utility>
 
 // A run is half of them; the other half is filled while the component has the run. A programme has
@@ -133,6 +134,15 @@ static int patience_s(void)
     return seconds > 0 && seconds <= 1'000'000 ? seconds : kDefaultPatienceS;
 }
 
+[[noreturn]] static void fail_silent(il_session &self, const char *action)
+{
+    {
+        const std::lock_guard<std::mutex> guard(self.lock);
+        self.is_silent = true;
+    }
+    fail(std::string("does not ") + action, OMX_ErrorTimeout);
+}
+
 // Waits until the condition holds; it is evaluated under the lock. The checks are counted, not the
 // time: a signal may have stopped the process meanwhile.
 template <typename Condition>
@@ -154,8 +164,8 @@ static void await(il_session &self, const char *action, Condition condition)
         fail(self.is_refusal ? "refuses a buffer" : "reported an error", self.error);
     }
     if (!reached) {
-        self.is_silent = true;
-        fail(std::string("does not ") + action, OMX_ErrorTimeout);
+        guard.unlock();
+        fail_silent(self, action);
     }
 }
 
@@ -259,8 +269,18 @@ void il_session_start(il_session &self, const std::string &path, unsigned sample
     check(self.component->SetParameter(self.component, OMX_IndexParamAudioPcm, &pcm),
           "refuses the sampling rate");
 
+    {
+        const std::lock_guard<std::mutex> guard(self.lock);
+        self.stop_reason.reset();
+    }
+    if (self.sound != nullptr) {
+        coded_sound_clear(*self.sound);
+    }
     uint32_t any_record = 0;
     set_vendor(self, TDMBREC_INDEX_START, &any_record, "refuses to start");
+    if (self.sound != nullptr) {
+        coded_sound_start(*self.sound, self.component);
+    }
 }
 
 static void return_buffer(il_session &self, uint32_t port, OMX_BUFFERHEADERTYPE *buffer)
@@ -269,7 +289,29 @@ static void return_buffer(il_session &self, uint32_t port, OMX_BUFFERHEADERTYPE 
     self.ports[port].free.push_back(buffer);
 }
 
-void il_session_flush(il_session &self)
+// Passes the coded sound to the component after the pictures of its run, and waits until it is
+// written: the order of the frames is then the same each time.
+static void flush_sound(il_session &self)
+{
+    if (self.sound == nullptr || self.sound->waiting.empty()) {
+        return;
+    }
+    await_buffers(self);
+    static const int most_ms = patience_s() * 1000;
+    for (int waited_ms = 1; !coded_sound_pass(*self.sound) && !il_session_stop_reason(self);
+         waited_ms++) {
+        if (waited_ms == most_ms) {
+            fail_silent(self, "take its sound");
+        }
+        if (waited_ms % kCheckInterval.count() == 0 && self.on_wait) {
+            self.on_wait();
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    self.sound->waiting.clear();
+}
+
+static void flush_buffers(il_session &self)
 {
     await(self, "take its buffers", [&] { return !is_any_waiting(self); });
     std::unique_lock<std::mutex> guard(self.lock);
@@ -281,6 +323,12 @@ void il_session_flush(il_session &self)
         guard.unlock();
         send(self, next);
     }
+}
+
+void il_session_flush(il_session &self)
+{
+    flush_buffers(self);
+    flush_sound(self);
 }
 
 static OMX_BUFFERHEADERTYPE *take_buffer(il_session &self, uint32_t port)
@@ -315,6 +363,16 @@ void il_session_send(il_session &self, uint32_t port, std::span<const uint8_t> b
     }
 }
 
+void il_session_send_coded(il_session &self, std::span<const uint8_t> block, int64_t time_ms)
+{
+    std::array<int16_t, 2 * AACENC_FRAME_SAMPLES> samples;
+    std::memcpy(samples.data(), block.data(), sizeof samples);
+    coded_sound_add(*self.sound, samples, time_ms);
+    if (self.sound->waiting.size() >= self.ports[TDMBREC_PORT_AUDIO].all.size() / 2) {
+        il_session_flush(self);
+    }
+}
+
 std::optional<uint32_t> il_session_stop_reason(il_session &self)
 {
     const std::lock_guard<std::mutex> guard(self.lock);
@@ -328,6 +386,9 @@ uint32_t il_session_stop(il_session &self)
     uint32_t any_record = 0;
     set_vendor(self, TDMBREC_INDEX_STOP, &any_record, "refuses to stop");
     await(self, "finish the file", [&] { return self.stop_reason.has_value(); });
+    if (self.sound != nullptr) {
+        coded_sound_end(*self.sound);
+    }
     return *il_session_stop_reason(self);
 }
 
@@ -376,6 +437,17 @@ static bool is_silent(il_session &self)
     return self.is_silent;
 }
 
+// Ends the recording, whose writer thread uses the component's handle.
+static void end_sound(il_session &self)
+{
+    if (self.sound == nullptr || !self.sound->is_written || is_silent(self)) {
+        return;
+    }
+    uint32_t any_record = 0;
+    (void)self.component->SetParameter(self.component, TDMBREC_INDEX_STOP, &any_record);
+    coded_sound_end(*self.sound);
+}
+
 void il_session_deleter::operator()(il_session *session) const
 {
     if (session->component != nullptr) {
@@ -385,6 +457,7 @@ void il_session_deleter::operator()(il_session *session) const
             }
         } catch (const failure &) { // an earlier failure is being reported
         }
+        end_sound(*session);
         if (is_silent(*session)) { // its threads may still use the session
             is_left_alone = true;
             return;

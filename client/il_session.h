@@ -3,6 +3,7 @@
 #ifndef CLIENT_IL_SESSION_H
 #define CLIENT_IL_SESSION_H
 
+#include "client/coded_sound.h"
 #include "component/tdmbrec_interface.h"
 #include "platform/omx_il.h"
 
@@ -39,6 +40,7 @@ struct il_session {
     std::optional<uint32_t> stop_reason;   // tdmbrec_stop_reason_t, when the recording has ended
     bool is_silent = false;                // an answer did not come in time
     std::function<void()> on_wait;         // called twice a second during a wait
+    std::unique_ptr<coded_sound> sound;    // for coded sound; null when the component encodes it
 };
 
 // Frees the handle in any state of the session. A component that did not answer in time is left
@@ -56,7 +58,7 @@ bool il_session_left_alone(void);
 // throws: `failure`
 il_session_ptr il_session_open(void);
 
-// Starts a recording.
+// Starts a recording, after the end of the last one.
 // throws: `failure`
 // in: path of at most 127 characters; sample rate of the PCM in Hz
 void il_session_start(il_session &self, const std::string &path, unsigned sample_rate);
@@ -68,6 +70,11 @@ void il_session_start(il_session &self, const std::string &path, unsigned sample
 // throws: `failure`, unsupported for more bytes than a buffer holds
 void il_session_send(il_session &self, uint32_t port, std::span<const uint8_t> bytes,
                      int64_t time_us, uint32_t flags);
+
+// Encodes one block of 1024 samples of both channels and sends it, in a run as above.
+// in: time_ms: in the file, which has a picture already
+// throws: `failure`
+void il_session_send_coded(il_session &self, std::span<const uint8_t> block, int64_t time_ms);
 
 // Sends the run so far, for a caller that is about to sleep.
 // throws: `failure`

@@ -8,6 +8,10 @@
 #include <thread>
 #include <unistd.h>
 
+using steady = std::chrono::steady_clock;
+
+static constexpr std::chrono::milliseconds kSameSignal(200);
+
 static std::mutex lock;
 // Never destroyed: the listening thread stays until the process ends.
 static std::condition_variable &changed = *new std::condition_variable;
@@ -36,6 +40,24 @@ void interruption_block(void)
     std::signal(SIGXFSZ, SIG_IGN);
 }
 
+// A program that ends this one may signal the process and then its group, as timeout(1) does: the
+// same signal within a moment is the first one again.
+static int wait_for_second(const sigset_t &signals, int first)
+{
+    const auto end = steady::now() + kSameSignal;
+    for (auto left = kSameSignal; left.count() > 0;
+         left = std::chrono::duration_cast<std::chrono::milliseconds>(end - steady::now())) {
+        const timespec patience = {0, static_cast<long>(left.count()) * 1'000'000};
+        const int signal = sigtimedwait(&signals, nullptr, &patience);
+        if (signal > 0 && signal != first) {
+            return signal;
+        }
+    }
+    int second = 0;
+    sigwait(&signals, &second);
+    return second;
+}
+
 // If the second signal is already pending, the first does not begin an orderly end.
 static void listen(void (*on_abort)(void))
 {
@@ -50,7 +72,7 @@ static void listen(void (*on_abort)(void))
             requested = first;
         }
         changed.notify_all();
-        sigwait(&signals, &second);
+        second = wait_for_second(signals, first);
     }
     on_abort();
     _exit(static_cast<int>(exit_code_plus(exit_code::aborted, second)));

@@ -216,13 +216,13 @@ static void report(const mux_options &options, const muxing &self, const file_su
     }
     terminal_print(
         options.output +
-        format_text(": %s, %s (%llu bytes; the muxer estimated %lld), %llu pictures, %llu sound "
-                    "frames; took %.2f s\n",
-                    duration_text(file.duration_s).c_str(), size_text(file.bytes).c_str(),
-                    static_cast<unsigned long long>(file.bytes),
-                    static_cast<long long>(self.out.estimate),
-                    static_cast<unsigned long long>(file.video.frames),
-                    static_cast<unsigned long long>(file.audio.frames), elapsed_s));
+        format_text(
+            ": %s, %s (%llu bytes; the muxer estimated %lld), %llu pictures, %llu sound "
+            "frames; took %s\n",
+            duration_text(file.duration_s).c_str(), size_text(file.bytes).c_str(),
+            static_cast<unsigned long long>(file.bytes), static_cast<long long>(self.out.estimate),
+            static_cast<unsigned long long>(file.video.frames),
+            static_cast<unsigned long long>(file.audio.frames), elapsed_text(elapsed_s).c_str()));
 }
 
 int mux_run(const mux_options &options)

@@ -61,6 +61,13 @@ const char *omx_core_load_error(void)
     return load_error;
 }
 
+void *omx_core_symbol(const char *name, const char *symbol)
+{
+    const std::lock_guard<std::mutex> guard(core_lock);
+    const component_row *const row = find_component(name);
+    return row != nullptr && row->loaded != nullptr ? dlsym(row->loaded, symbol) : nullptr;
+}
+
 // Loads every library now: the client may mount another file system before it takes a handle.
 OMX_ERRORTYPE OMX_Init(void)
 {

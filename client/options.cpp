@@ -1,6 +1,8 @@
 #include "client/options.h"
 
 #include "client/failure.h"
+#include "client/start_time.h"
+#include "client/time_span.h"
 
 #include <CLI/CLI.hpp>
 #include <cstdio>
@@ -91,6 +93,8 @@ Exit status:
   130  stopped by Ctrl-C (143 SIGTERM, 129 SIGHUP); no file is left
 Of several recordings, the first failure decides.)";
 
+static constexpr int kPcmRateMin = 1000, kPcmRateMax = 384000; // Hz
+
 static constexpr int kMemoryBytesMax = 1 << 28;
 
 static void add_output(CLI::App &command, std::string &output, bool &force, const char *what)
@@ -108,23 +112,83 @@ static void add_frame_rate(CLI::App &command, std::optional<std::string> &frame_
         ->type_name("RATE");
 }
 
+// Adds an option that takes a length of time.
+static void add_length(CLI::App &command, const char *name, int64_t &length_us, const char *what)
+{
+    command
+        .add_option_function<std::string>(
+            name,
+            [name, &length_us](const std::string &text) {
+                const std::optional<int64_t> length = time_span_us(text);
+                if (!length) {
+                    throw CLI::ValidationError(std::string(name) +
+                                               " takes a time as 90, 1:30 or 1h30m, not \"" + text +
+                                               "\"");
+                }
+                length_us = *length;
+            },
+            what)
+        ->type_name("TIME");
+}
+
+static void add_live(CLI::App &command, record_options &options)
+{
+    command
+        .add_option("--pcm", options.pcm_rate,
+                    "the input of --audio is bare PCM of this rate: 16-bit little-endian stereo")
+        ->type_name("HZ")
+        ->check(CLI::Range(kPcmRateMin, kPcmRateMax));
+    command
+        .add_option_function<std::string>(
+            "--start-at",
+            [&options](const std::string &text) {
+                const auto now = std::chrono::system_clock::now();
+                const std::string mistake = start_time_read(text, now, options.start_at.emplace());
+                if (!mistake.empty()) {
+                    throw CLI::ValidationError(mistake);
+                }
+            },
+            "wait until this local time: HH:MM or HH:MM:SS, today or tomorrow, or with YYYY-MM-DD "
+            "before it; what a pipe sends until then is left out")
+        ->type_name("TIME");
+}
+
 static void add_record(CLI::App &app, record_options &options, std::string &input)
 {
     CLI::App &command = *app.add_subcommand("record", "Record a programme to an MP4 file");
     command.footer(kRecordFooter);
-    command.add_option("INPUT", input, "file with video and audio: MPEG-TS, MP4 or Matroska")
-        ->type_name("FILE");
+    command
+        .add_option("INPUT", input,
+                    "video and audio: a file (MPEG-TS, MP4 or Matroska), a pipe (\"-\" is standard "
+                    "input), or what FFmpeg opens (udp://, rtp://, tcp://, http:// ...)")
+        ->type_name("INPUT");
     command
         .add_option("--video", options.video,
-                    "take the video from this file: raw H.264 or one of the above")
-        ->type_name("FILE");
+                    "take the video from this input: raw H.264 or one of the above")
+        ->type_name("INPUT");
     command
         .add_option("--audio", options.audio,
-                    "take the audio from this file: WAV or one of the above")
-        ->type_name("FILE");
+                    "take the audio from this input: WAV or one of the above")
+        ->type_name("INPUT");
+    add_live(command, options);
     add_output(command, options.output, options.force, "the MP4 file to make");
     add_frame_rate(command, options.frame_rate);
     command.add_flag("--realtime", options.realtime, "record no faster than the programme runs");
+    add_length(command, "--duration", options.duration_us, "end after this much of the programme");
+    command.add_flag_function(
+        "--split,!--no-split", [&options](int64_t count) { options.split = count > 0; },
+        "continue in NAME-002.mp4 and so on, without a gap, before the recorder's limit\n"
+        "of 1.8 GB and where the parameter sets of the video change (default for live\n"
+        "inputs); in the output's name, %Y, %m, %d, %H, %M and %S then stand for the time\n"
+        "at which a file begins");
+    add_length(command, "--split-every", options.split_every_us,
+               "also continue in another file each time this much is recorded");
+    command
+        .add_option("--split-size", options.split_size_mb,
+                    "also continue in another file when one has this many millions of bytes")
+        ->type_name("MB")
+        ->check(CLI::Range(kSplitSizeMbMin, kSplitSizeMbMax));
+    command.add_flag("!--no-audio", options.with_audio, "record the pictures without sound");
     command.add_flag("--card", options.card, "record to the removable card's root");
     command
         .add_option("--checkpoint", options.checkpoint_s,
@@ -298,11 +362,17 @@ static command_line choose_inputs(record_options options, const std::string &inp
     if (!input.empty() && !options.video.empty() && !options.audio.empty()) {
         return report_mistake("record ", "INPUT is not needed with --video and --audio");
     }
+    if (options.split_every_us > 0 || options.split_size_mb > 0) {
+        options.split = true;
+    }
+    if (options.pcm_rate > 0 && options.audio.empty()) {
+        return report_mistake("record ", "--pcm needs --audio");
+    }
     for (std::string *const file : {&options.video, &options.audio}) {
         if (file->empty()) {
             *file = input;
         }
-        if (file->empty()) {
+        if (file->empty() && (options.with_audio || file == &options.video)) {
             return report_mistake("record ", "give one INPUT, or both --video and --audio");
         }
     }

@@ -4,22 +4,34 @@
 
 #include "component/tdmbrec_interface.h"
 
+#include <chrono>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <variant>
 
 inline constexpr double kCheckpointMaxS = 3600;
 
+// Below the recorder's limit of 1,800,000,000 bytes by more than the distance of two key frames.
+inline constexpr int kSplitSizeMbMin = 1, kSplitSizeMbMax = 1750;
+
 struct record_options {
     std::string video; // input files; the same one if it holds both
     std::string audio;
     std::string output;
     std::optional<std::string> frame_rate; // a number or a fraction, as given
+    int pcm_rate = 0;                      // Hz, if the audio is bare 16-bit stereo PCM
+    std::optional<std::chrono::system_clock::time_point> start_at; // none: at once
     bool force = false;
     bool card = false;
     bool realtime = false;
+    bool with_audio = true;
     bool json = false;
-    double checkpoint_s = 1; // of programme, between checkpoints; 0: none
+    int64_t duration_us = 0;    // of the programme; 0: all of it
+    std::optional<bool> split;  // continue in further files; by default for live sources
+    int64_t split_every_us = 0; // of the programme; 0: not by time
+    int split_size_mb = 0;      // of a file, in millions of bytes; 0: not by size
+    double checkpoint_s = 1;    // of programme, between checkpoints; 0: none
     int verbosity = 0;
 };
 

@@ -9,8 +9,10 @@
 #include "platform/omx_il.h"
 
 #include <cmath>
+#include <functional>
 #include <mutex>
 #include <unistd.h>
+#include <utility>
 
 using steady = std::chrono::steady_clock;
 
@@ -55,9 +57,9 @@ static void check_free_space(const storage_root &storage)
 static void look_for_others(recording &self)
 {
     std::vector<std::string> remarks;
-    unfinished_recordings_clear(self.options.output);
-    for (const unfinished_recording &other : unfinished_recordings_of(self.options.output)) {
-        const std::string text = unfinished_recording_text(self.options.output, other);
+    unfinished_recordings_clear(self.summary.output);
+    for (const unfinished_recording &other : unfinished_recordings_of(self.summary.output)) {
+        const std::string text = unfinished_recording_text(self.summary.output, other);
         if (other.folder == folder_state::in_use) {
             throw failure(exit_code::output, text);
         }
@@ -73,27 +75,54 @@ static void set_checkpoint(double checkpoint_s)
     host_set_property(TDMBREC_CHECKPOINT_PROPERTY, std::to_string(checkpoint_ms).c_str());
 }
 
+// Takes the next name for the recording's file, and checks it.
+static void open_output(recording &self)
+{
+    self.part = {};
+    self.summary.output = output_series_next(self.outputs);
+    self.part.storage = storage_open(self.summary.output, self.options.force);
+}
+
+// Shows the component the storage for the file.
+static void provide_storage(recording &self)
+{
+    storage_root &storage = *self.part.storage;
+    use_storage(&storage);
+    storage_provide(storage, self.options.card);
+    check_free_space(storage);
+}
+
 static void open_all(recording &self)
 {
     const record_options &options = self.options;
-    const std::optional<AVRational> frame_rate = parse_frame_rate(options.frame_rate);
-    self.storage = storage_open(options.output, options.force);
-    output_place_check_inputs(options.output, {options.video, options.audio});
+    open_output(self);
+    output_place_check_inputs(self.summary.output, {options.video, options.audio});
     look_for_others(self);
-    self.programme = programme_open(options.video, options.audio, frame_rate);
+    self.programme = programme_open(
+        {.video = options.video,
+         .audio = options.audio,
+         .with_audio = options.with_audio,
+         .may_change = options.split,
+         .frame_rate = parse_frame_rate(options.frame_rate),
+         .pcm_rate = options.pcm_rate,
+         .start_at = options.start_at,
+         .on_wait = [&self](double silent_s) { return programme_feed_wait(self, silent_s); }});
     recording_warn(self, programme_opening_remarks(*self.programme));
     (void)OMX_Init(); // loads the component before the storage can hide its path
-    use_storage(self.storage.get());
-    storage_provide(*self.storage, options.card);
-    check_free_space(*self.storage);
+    provide_storage(self);
     set_checkpoint(options.checkpoint_s);
     self.component = il_session_open();
+    self.splits = self.programme->video->may_change;
+    if (self.splits && self.programme->audio != nullptr) {
+        self.component->sound = coded_sound_open(programme_sample_rate(*self.programme));
+    }
+    self.component->on_wait = [&self] { programme_feed_watch(self); };
 }
 
 // Reads the file back: the component reports a reason, not whether the file is complete.
 static void read_recording(recording &self)
 {
-    const int file = storage_open_recording(*self.storage);
+    const int file = storage_open_recording(*self.part.storage);
     if (file < 0) {
         return;
     }
@@ -114,14 +143,21 @@ static void read_recording(recording &self)
     }
 }
 
-// Ends the recording at the component, which is then released, or left alone if it does not answer.
-static void end_recording(recording &self)
+// Ends the recording at the component, which is released after the last file, or left alone if it
+// does not answer.
+// returns: whether the recording can continue in another file
+static bool end_recording(recording &self, bool continues)
 {
-    self.component->on_wait = nullptr;
     terminal_show_progress("Finishing ...");
+    const std::function<void()> on_wait = std::exchange(self.component->on_wait, nullptr);
     try {
         const uint32_t reason = il_session_stop(*self.component);
+        const bool is_full = self.splits && reason == TDMBREC_STOP_SIZE_LIMIT;
         self.summary.stop_reason = reason;
+        if (is_full || (continues && reason == TDMBREC_STOP_CLIENT)) {
+            self.component->on_wait = on_wait;
+            return true;
+        }
         if (reason != TDMBREC_STOP_CLIENT) {
             recording_note_stop(self, reason);
         }
@@ -131,69 +167,108 @@ static void end_recording(recording &self)
         self.summary.ended = "the component failed";
     }
     self.component.reset(); // after a failure, its release may still finish the file
+    return false;
 }
 
 static void publish(recording &self)
 {
-    storage_settle(*self.storage);
+    storage_root &storage = *self.part.storage;
+    storage_settle(storage);
     const std::lock_guard<std::mutex> guard(storage_lock);
-    storage_publish(*self.storage);
+    storage_publish(storage);
     storage_in_use = nullptr;
-    self.is_published = true;
+    self.part.is_published = true;
 }
 
-static void finish(recording &self)
+// Finishes the file.
+// returns: whether the recording can continue in another one
+static bool finish(recording &self, bool continues)
 {
-    end_recording(self);
+    const bool can_continue = end_recording(self, continues);
     if (il_session_left_alone()) { // it may still write to the file
-        return;
+        return false;
+    }
+    if (self.part.sent_video_bytes == 0 && !self.summary.earlier.empty()) {
+        return false; // the recording has ended before this file began
     }
     read_recording(self);
     if (!self.summary.file) {
         recording_note_storage_failure(self, exit_code::component,
                                        "the recorder component could not finish the file");
-        return;
+        return false;
     }
     publish(self);
     recording_warn(self, finished_file_remarks(*self.summary.file));
-    if (storage_is_out_of_sight(*self.storage)) {
+    if (storage_is_out_of_sight(*self.part.storage)) {
         recording_note_failure(self,
                                failure(exit_code::output, self.summary.output +
                                                               " is finished, but its directory was "
                                                               "moved, or its storage unmounted"));
+        return false;
     }
+    return can_continue;
+}
+
+// The part before a failure is worth keeping; the exit code says that it is not all.
+static void note_broken_feed(recording &self, const failure &broken)
+{
+    recording_note_failure(self, broken);
+    self.summary.ended = broken.code == exit_code::component ? "the component failed"
+                         : broken.code == exit_code::output
+                             ? "the recording is gone"
+                             : "the rest of the input could not be recorded";
+}
+
+// Records one file.
+// returns: whether the recording continues in another one
+static bool record_file(recording &self)
+{
+    il_session_start(*self.component, storage_component_path(*self.part.storage),
+                     static_cast<unsigned>(programme_sample_rate(*self.programme)));
+    feed_end end = feed_end::complete;
+    try {
+        end = programme_feed_send(self);
+    } catch (const failure &broken) {
+        if (self.part.sent_video_bytes == 0 && self.summary.earlier.empty()) {
+            throw;
+        }
+        note_broken_feed(self, broken);
+    }
+    self.summary.begin_s = static_cast<double>(self.part.begin_us) / 1e6;
+    return finish(self, end == feed_end::next_file);
+}
+
+// Keeps the finished file for the summary.
+static void open_next_file(recording &self)
+{
+    recording_summary &summary = self.summary;
+    recording_account_for_losses(self);
+    summary.earlier.push_back(
+        {summary.output, summary.begin_s, *summary.file, std::move(summary.losses)});
+    summary.file.reset();
+    summary.losses = {};
+    open_output(self);
+    look_for_others(self);
+    provide_storage(self);
 }
 
 static void run(recording &self)
 {
     open_all(self);
     self.begun = steady::now();
-    self.component->on_wait = [&self] { programme_feed_watch(self); };
-    il_session_start(*self.component, storage_component_path(*self.storage),
-                     static_cast<unsigned>(self.programme->audio->rate));
-    try {
-        programme_feed_send(self);
-    } catch (const failure &broken) {
-        if (self.sent_video_bytes == 0) {
-            throw;
-        }
-        // The part before the failure is worth keeping; the exit code says that it is not all.
-        recording_note_failure(self, broken);
-        self.summary.ended = broken.code == exit_code::component ? "the component failed"
-                             : broken.code == exit_code::output
-                                 ? "the recording is gone"
-                                 : "the rest of the input could not be recorded";
+    while (record_file(self)) {
+        open_next_file(self);
     }
-    finish(self);
 }
 
 // returns: the sentence on a recording that did not become the output; empty if there is none
 static std::string find_kept(recording &self)
 {
-    if (self.storage == nullptr || self.is_published || self.storage->record_name.empty()) {
+    if (self.part.storage == nullptr || self.part.is_published ||
+        self.part.storage->record_name.empty()) {
         return "";
     }
-    const unfinished_recording left = storage_look(*self.storage);
+    const unfinished_recording left = storage_look(*self.part.storage);
     if (left.file == recording_state::empty) {
         return "";
     }
@@ -203,20 +278,32 @@ static std::string find_kept(recording &self)
     return kept_text(left);
 }
 
+static void warn_of_losses(recording &self)
+{
+    bool is_complete = loss_account_is_complete(self.summary.losses);
+    for (const recorded_file &one : self.summary.earlier) {
+        is_complete = is_complete && loss_account_is_complete(one.losses);
+    }
+    if (!is_complete) {
+        recording_warn(self, {"parts of the programme are missing or damaged (--json lists them)"});
+    }
+}
+
 static void report(recording &self, const std::string &kept)
 {
     const recording_summary &summary = self.summary;
     if (self.programme != nullptr) {
         recording_account_for_losses(self);
+        warn_of_losses(self);
     }
     for (const std::string &sentence : {summary.error, kept}) {
         if (!sentence.empty()) {
             terminal_say("tdmbrec: " + sentence);
         }
     }
-    const std::string text = self.options.json ? summary_json(summary)
-                             : summary.file    ? summary_text(summary)
-                                               : "";
+    const std::string text = self.options.json                          ? summary_json(summary)
+                             : summary.file || !summary.earlier.empty() ? summary_text(summary)
+                                                                        : "";
     try {
         terminal_print(text);
     } catch (const failure &what) {
@@ -233,7 +320,7 @@ static void close_all(recording &self)
         _exit(self.summary.status); // the component's threads may still run and write
     }
     use_storage(nullptr);
-    self.storage.reset();
+    self.part.storage.reset();
     (void)OMX_Deinit();
 }
 
@@ -250,7 +337,11 @@ int record_run(const record_options &options)
     storage_isolate();
     interruption_listen(abort_recording);
     terminal_follow_component(options.verbosity);
-    recording self = {.options = options};
+    recording self = {.options = options,
+                      .outputs = {.pattern = options.output,
+                                  .has_times = options.split.value_or(false) &&
+                                               options.output.find('%') != std::string::npos,
+                                  .force = options.force}};
     self.summary.output = options.output;
     self.begun = steady::now();
     try {

@@ -3,6 +3,8 @@
 #include "client/report/figures.h"
 #include "client/terminal.h"
 
+#include <limits>
+
 void recording_warn(recording &self, const std::vector<std::string> &remarks)
 {
     for (const std::string &remark : remarks) {
@@ -21,7 +23,7 @@ void recording_note_failure(recording &self, const failure &what)
 
 void recording_note_storage_failure(recording &self, exit_code code, const std::string &sentence)
 {
-    const std::string trouble = storage_trouble(*self.storage);
+    const std::string trouble = storage_trouble(*self.part.storage);
     recording_note_failure(self, failure(code, sentence + (trouble.empty() ? "" : ": " + trouble)));
 }
 
@@ -31,33 +33,38 @@ static void compare_frames(recording &self, loss_kind kind, uint64_t sent, uint6
 {
     if (held < sent) {
         const bool is_video = kind == loss_kind::pictures_unrecorded;
-        loss_account_add(self.summary.losses,
-                         {is_video ? loss_track::video : loss_track::audio, kind, self.sent_us,
-                          static_cast<int64_t>(sent - held) * frame_us,
-                          static_cast<unsigned>(sent - held)});
+        loss_account_add(self.summary.losses, {is_video ? loss_track::video : loss_track::audio,
+                                               kind, self.sent_us - self.part.begin_us,
+                                               static_cast<int64_t>(sent - held) * frame_us,
+                                               static_cast<unsigned>(sent - held)});
     }
 }
 
 static void compare_with_file(recording &self)
 {
     // A component that ends the recording itself leaves out what is on its way.
-    if (!self.summary.file || self.summary.stop_reason != TDMBREC_STOP_CLIENT) {
+    const std::optional<uint32_t> reason = self.summary.stop_reason;
+    const bool continues = self.splits && reason == TDMBREC_STOP_SIZE_LIMIT;
+    if (!self.summary.file || (reason != TDMBREC_STOP_CLIENT && !continues)) {
         return;
     }
     const file_summary &file = *self.summary.file;
-    compare_frames(self, loss_kind::pictures_unrecorded, self.sent_pictures, file.video.frames,
+    compare_frames(self, loss_kind::pictures_unrecorded, self.part.sent_pictures, file.video.frames,
                    video_input_interval_us(*self.programme->video));
-    compare_frames(self, loss_kind::sound_unrecorded, self.sent_sound_frames, file.audio.frames,
-                   static_cast<int64_t>(kAudioBlockSamples) * kSecondUs /
-                       self.programme->audio->rate);
+    compare_frames(self, loss_kind::sound_unrecorded, self.part.sent_sound_frames,
+                   file.audio.frames, programme_block_us(*self.programme));
 }
 
 void recording_account_for_losses(recording &self)
 {
-    self.summary.losses = self.programme->losses;
+    loss_account &losses = self.programme->losses;
+    const int64_t begin_us = self.part.begin_us;
+    const int64_t end_us = self.held ? self.held->time_us : std::numeric_limits<int64_t>::max();
+    const bool is_all = begin_us == 0 && !self.held;
+    self.summary.losses = is_all ? losses : loss_account_of(losses, begin_us, end_us);
     compare_with_file(self);
-    if (!loss_account_is_complete(self.summary.losses)) {
-        recording_warn(self, {"parts of the programme are missing or damaged (--json lists them)"});
+    if (self.held) {
+        loss_account_forget(losses, end_us);
     }
 }
 

@@ -1,4 +1,4 @@
-// One recording of the command, and what is noted about it for the summary.
+// One recording of the command, in one file or several, and what is noted about it for the summary.
 #ifndef CLIENT_RECORDING_H
 #define CLIENT_RECORDING_H
 
@@ -6,32 +6,46 @@
 #include "client/il_session.h"
 #include "client/input/programme_input.h"
 #include "client/options.h"
+#include "client/output_series.h"
 #include "client/storage_root.h"
 #include "client/summary.h"
 
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 // With this much free space or less, the component does not record.
 inline constexpr uint64_t kFreeBytesKept = uint64_t{TDMBREC_LEAST_FREE_KIB} * 1024;
 
+// The file that is being recorded.
+struct recording_part {
+    std::unique_ptr<storage_root> storage;
+    bool has_file = false; // the recording's file has been seen
+    bool is_published = false;
+    int64_t picture_us = 0; // the first picture's time in the programme
+    int64_t begin_us = 0;   // of the file
+    int64_t lead_us = 0;    // from the component's time base to the beginning
+    uint64_t sent_video_bytes = 0;
+    uint64_t sent_pictures = 0, sent_sound_frames = 0;
+    int64_t looked_us = 0; // in the file, when the component last had a buffer of the video
+};
+
 struct recording {
     const record_options &options;
     recording_summary summary;
-    std::unique_ptr<storage_root> storage;
     std::unique_ptr<programme_input> programme;
     il_session_ptr component;
+    output_series outputs;
+    recording_part part;
+    bool splits = false;                // continues in further files
+    std::optional<programme_unit> held; // the picture with which the next file begins
     std::chrono::steady_clock::time_point begun;
     std::chrono::steady_clock::time_point shown; // the progress line
-    bool has_file = false;                       // the recording's file has been seen
-    bool is_published = false;
-    int64_t lead_us = 0; // from the time base to the first picture
-    int64_t sent_us = 0; // of the programme
-    uint64_t sent_video_bytes = 0;
-    uint64_t sent_pictures = 0, sent_sound_frames = 0;
+    double silent_s = 0;                         // nothing has arrived from a live source
+    int64_t sent_us = 0;                         // of the programme
 };
 
 // Prints the remarks as warnings and adds them to the summary.

@@ -19,6 +19,7 @@ static constexpr char kName[] = "sdcard";
 static constexpr char kOwnLink[] = ".tdmbrec-sdcard";
 
 static bool isolated;        // in the private mount namespace
+static bool is_mounted;      // the folder
 static int linked = -1;      // /mnt, locked, while the link exists
 static std::string refusals; // of the system, for the user
 static uid_t user;           // taken before the namespace, which may have no name for it
@@ -105,6 +106,7 @@ static bool mount_folder(int folder)
     if (makes_name && !shown) {
         umount2(kMount, MNT_DETACH);
     }
+    is_mounted = shown;
     return shown;
 }
 
@@ -172,6 +174,10 @@ bool storage_show(int folder)
 
 void storage_hide(void)
 {
+    if (is_mounted) { // a removed folder would refuse the next mount
+        umount2(kStorageMount, MNT_DETACH);
+        is_mounted = false;
+    }
     if (linked >= 0) {
         remove_links(linked);
         close(linked);

@@ -20,7 +20,7 @@ void storage_isolate(void);
 // throws: `failure` when another recording has its folder there
 [[nodiscard]] bool storage_show(int folder);
 
-// Removes the links, which would outlast the process. May be called twice.
+// Removes the links, which would outlast the process, and the mount. May be called twice.
 // thread: any
 void storage_hide(void);
 

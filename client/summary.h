@@ -9,8 +9,18 @@
 #include <string>
 #include <vector>
 
-struct recording_summary {
+// A finished file of a recording that continues in another one.
+struct recorded_file {
     std::string output;
+    double begin_s; // in the programme
+    file_summary file;
+    loss_account losses; // with times from the file's begin
+};
+
+struct recording_summary {
+    std::vector<recorded_file> earlier;
+    std::string output;
+    double begin_s = 0;               // of the output
     std::optional<file_summary> file; // nothing: no file was made
     std::string ended;                // the reason, for the user
     std::optional<uint32_t> stop_reason;

@@ -3,6 +3,7 @@
 #define CLIENT_TERMINAL_H
 
 #include <string>
+#include <vector>
 
 // Writes a line above the progress line.
 // thread: any
@@ -12,6 +13,10 @@ void terminal_say(const std::string &line);
 // terminal.
 // thread: any
 void terminal_show_progress(const std::string &line);
+
+// As above, for a line of parts, the most important first: those that a narrow terminal has no room
+// for are left out.
+void terminal_show_progress_parts(std::vector<std::string> parts);
 
 // Writes the component's log lines to standard error.
 // in: verbosity: 0 for errors, 1 also for routine messages, 2 for everything

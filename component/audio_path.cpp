@@ -2,6 +2,7 @@
 
 #include "component/audio_encoder.h"
 #include "component/component_log.h"
+#include "component/losses.h"
 #include "component/process_state.h"
 #include "component/time_line.h"
 #include "component/zpl_aenc.h"
@@ -38,6 +39,7 @@ static bool initialise_encoder(omx_tdmbrec_component_PrivateType *self,
     if (zpl_aenc_init(&self->stZplAenc, &self->stZplAencInit, self->iAencType, self->iAencOutput,
                       self->pfnAacEnc) < 0) {
         __android_log_print(ANDROID_LOG_ERROR, kLogTag, "Audio Dec init error.");
+        note_loss(self, kLostEncoder);
         return false;
     }
     self->uiAacInputSize = zpl_aenc_getSamplesSize();
@@ -130,6 +132,7 @@ static void encode_frame(omx_tdmbrec_component_PrivateType *self, mp4_mux_putstr
     if (result < 0) {
         __android_log_print(ANDROID_LOG_ERROR, kLogTag, "zpl_audio_dec_run error: %ld",
                             static_cast<long>(result));
+        note_loss(self, kLostSoundFrameUncoded);
         return;
     }
     self->uiLastAudioPts = frame_time(self);
@@ -168,6 +171,7 @@ write_result_t handle_audio_buffer(omx_tdmbrec_component_PrivateType *self,
     uint32_t left_bytes = buffer->nFilledLen;
     buffer->nFilledLen = 0;
     if (self->uiFirstVideoPts == 0 || self->uiFirstVideoPts > time_ms) {
+        note_loss(self, kLostSoundBeforePicture);
         return kWriteNothing;
     }
     queue_time(self, time_ms, left_bytes);

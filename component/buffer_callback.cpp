@@ -3,6 +3,7 @@
 #include "component/audio_path.h"
 #include "component/component_log.h"
 #include "component/frame_writer.h"
+#include "component/losses.h"
 #include "component/omx_tdmbrec_component.h"
 #include "component/private_record.h"
 #include "component/recording_end.h"
@@ -70,6 +71,7 @@ static stop_demand_t record_buffer(omx_tdmbrec_component_PrivateType *self,
         __android_log_print(ANDROID_LOG_ERROR, kLogTag,
                             "Buffer beyond its allocation: %u + %u of %u bytes, dropped\n",
                             buffer->nOffset, buffer->nFilledLen, buffer->nAllocLen);
+        note_loss(self, kLostBeyondAllocation);
         buffer->nFilledLen = 0;
         return std::nullopt;
     }

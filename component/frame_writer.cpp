@@ -2,6 +2,7 @@
 
 #include "component/checkpoint.h"
 #include "component/component_log.h"
+#include "component/losses.h"
 #include "component/mux_session.h"
 #include "component/process_state.h"
 
@@ -19,6 +20,8 @@ static write_result_t put_frame_locked(omx_tdmbrec_component_PrivateType *self,
     *mux_result = QVR_MP4_MUX(MUX_PUTFRAME, &self->hMux, frame, &estimated_bytes);
     if (*mux_result < 0) {
         note_refused_frame(self);
+        note_loss(self,
+                  frame->m_iType == MUX_TYPE_AUDIO ? kLostSoundFrameRefused : kLostPictureRefused);
         return kWriteFailed;
     }
     note_checkpoint_frame(self, frame);
@@ -63,7 +66,12 @@ void log_mux_error(omx_tdmbrec_component_PrivateType *self, int32_t mux_result,
 write_result_t write_frame(omx_tdmbrec_component_PrivateType *self, mp4_mux_putstream_t *frame)
 {
     const uint32_t origin_ms = self->uiFirstVideoPts;
-    if (frame->m_iType == 0 || origin_ms == 0 || origin_ms > frame->m_uiTimeStamp) {
+    if (frame->m_iType == 0) {
+        return kWriteNothing;
+    }
+    // The times of pictures only rise: this is sound that was queued before the first one.
+    if (origin_ms == 0 || origin_ms > frame->m_uiTimeStamp) {
+        note_loss(self, kLostSoundFrameBeforePicture);
         return kWriteNothing;
     }
     frame->m_uiTimeStamp -= origin_ms;

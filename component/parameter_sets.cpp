@@ -1,6 +1,7 @@
 #include "component/parameter_sets.h"
 
 #include "component/component_log.h"
+#include "component/losses.h"
 
 #include <cstring>
 
@@ -77,6 +78,7 @@ static void keep_set(omx_tdmbrec_component_PrivateType *self, const uint8_t *dat
     const uint32_t unit_bytes = unit->end - unit->start;
     const uint32_t type = get_nal_type(data, unit);
     if (type == kUnitTypeSps && unit_bytes < kLeastSpsBytes) {
+        note_loss(self, kLostParameterSet);
         return;
     }
     drop_same_set(self, type, read_id(data, unit));
@@ -84,6 +86,7 @@ static void keep_set(omx_tdmbrec_component_PrivateType *self, const uint8_t *dat
     if (to == nullptr) {
         __android_log_print(ANDROID_LOG_ERROR, kLogTag,
                             "No room for a parameter set: %u bytes dropped\n", unit_bytes);
+        note_loss(self, kLostParameterSet);
         return;
     }
     write_be32(to, 1);

@@ -3,6 +3,7 @@
 #define COMPONENT_PRIVATE_RECORD_H
 
 #include "component/end_reports.h"
+#include "component/losses.h"
 #include "component/tdmbrec_interface.h"
 #include "component/zpl_aenc.h"
 #include "mp4mux/mp4_mux.h"
@@ -102,6 +103,8 @@ struct omx_tdmbrec_component_PrivateType {
     // recording, the stop procedure after it.
     uint8_t aucKeptSets[kKeptSetsBytes]; // with start codes of 4 bytes
     uint32_t uiKeptSetsLen;              // its bytes in use
+
+    tdmbrec_losses_t stLosses; // component/losses.h names the threads
 };
 
 // returns: the component's own record; null before it is attached

@@ -4,6 +4,7 @@
 #include "component/audio_path.h"
 #include "component/end_reports.h"
 #include "component/frame_writer.h"
+#include "component/losses.h"
 #include "component/mux_session.h"
 #include "component/name_parts.h"
 #include "component/omx_tdmbrec_component.h"
@@ -64,6 +65,7 @@ static OMX_ERRORTYPE close_recording_locked(omx_tdmbrec_component_PrivateType *s
         *reason = TDMBREC_STOP_STORAGE;
         store_shared<uint8_t>(global_uc_stop_type, TDMBREC_STOP_STORAGE);
     }
+    report_losses(self);
     reset_recording(self);
     return result;
 }

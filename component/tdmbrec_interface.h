@@ -1,5 +1,6 @@
 // What a player needs of the recorder component, besides OpenMAX IL itself: port 0 takes H.264
 // access units, port 1 takes 16-bit PCM, and the component records both into an MP4 file.
+// examples/minimal_player.c is a whole player.
 #ifndef COMPONENT_TDMBREC_INTERFACE_H
 #define COMPONENT_TDMBREC_INTERFACE_H
 
@@ -21,7 +22,13 @@ extern "C" {
 #define TDMBREC_CHECKPOINT_PROPERTY "qvr.tdmbrec.checkpoint.ms"
 #define TDMBREC_JOURNAL_SUFFIX ".journal"
 
-enum { TDMBREC_PORT_VIDEO = 0, TDMBREC_PORT_AUDIO = 1, TDMBREC_PORT_COUNT = 2 };
+// Buffers are recorded in Executing, in the order of their port; the ports take turns. A buffer has
+// been recorded, or dropped, when it comes back. Its flags are not needed.
+enum {
+    TDMBREC_PORT_VIDEO = 0, // one access unit per buffer, whose bytes the component changes
+    TDMBREC_PORT_AUDIO = 1, // dropped until the first access unit has come back
+    TDMBREC_PORT_COUNT = 2
+};
 
 enum {
     TDMBREC_PORT_BUFFER_BYTES = 0x100000,

@@ -1,6 +1,7 @@
 #include "component/time_line.h"
 
 #include "component/component_log.h"
+#include "component/losses.h"
 #include "component/process_state.h"
 #include "component/shared_fields.h"
 
@@ -48,6 +49,7 @@ static void log_rollback(const char *kind, uint32_t backup_ms, uint8_t count)
 static void repair_audio_rollback(omx_tdmbrec_component_PrivateType *self, int64_t ts_us)
 {
     count_rollback(&self->ucAudioRollbackCount);
+    note_loss(self, kRepairedAudioClock);
     self->uiBackupAudioPts = self->uiLastAudioPts;
     self->llAudioBaseTime = ts_us;
     log_rollback("AUDIO", self->uiBackupAudioPts, self->ucAudioRollbackCount);
@@ -56,9 +58,18 @@ static void repair_audio_rollback(omx_tdmbrec_component_PrivateType *self, int64
 static void repair_video_rollback(omx_tdmbrec_component_PrivateType *self, int64_t ts_us)
 {
     count_rollback(&self->ucVideoRollbackCount);
+    note_loss(self, kRepairedVideoClock);
     self->uiBackupVideoPts = self->uiLastVideoPts;
     self->llVideoBaseTime = ts_us;
     log_rollback("VIDEO", self->uiBackupVideoPts, self->ucVideoRollbackCount);
+}
+
+static uint32_t limit_time(omx_tdmbrec_component_PrivateType *self, uint64_t time_ms)
+{
+    if (time_ms > UINT32_MAX) {
+        note_loss(self, kRepairedLateTime);
+    }
+    return saturate_ms(time_ms);
 }
 
 static uint32_t map_audio_time(omx_tdmbrec_component_PrivateType *self, int64_t ts_us)
@@ -71,7 +82,7 @@ static uint32_t map_audio_time(omx_tdmbrec_component_PrivateType *self, int64_t 
         time_ms += static_cast<uint64_t>(self->uiAudioFrameMs) + self->uiBackupAudioPts;
     }
     self->llLastAudioTime = ts_us;
-    return saturate_ms(time_ms);
+    return limit_time(self, time_ms);
 }
 
 static uint32_t map_video_time(omx_tdmbrec_component_PrivateType *self, int64_t ts_us)
@@ -81,7 +92,7 @@ static uint32_t map_video_time(omx_tdmbrec_component_PrivateType *self, int64_t 
         time_ms += static_cast<uint64_t>(self->uiVideoIntervalMs) + self->uiBackupVideoPts;
     }
     self->llLastVideoTime = ts_us;
-    return saturate_ms(time_ms);
+    return limit_time(self, time_ms);
 }
 
 bool map_time_stamp(omx_tdmbrec_component_PrivateType *self, int64_t ts_us, uint32_t *time_ms)
@@ -94,10 +105,12 @@ bool map_time_stamp(omx_tdmbrec_component_PrivateType *self, int64_t ts_us, uint
         return true;
     }
     if (self->llAudioBaseTime == 0) {
+        note_loss(self, kLostSoundBeforePicture);
         return false;
     }
     if (!is_video) {
         if (ts_us < self->llAudioBaseTime) {
+            note_loss(self, kLostSoundBeforeTimeBase);
             return false;
         }
         *time_ms = map_audio_time(self, ts_us);

@@ -3,6 +3,7 @@
 #include "component/access_unit.h"
 #include "component/component_log.h"
 #include "component/frame_writer.h"
+#include "component/losses.h"
 #include "component/mux_session.h"
 #include "component/parameter_sets.h"
 #include "component/time_line.h"
@@ -86,8 +87,9 @@ static uint8_t *get_frame_memory(omx_tdmbrec_component_PrivateType *self, uint32
     return self->pucVideoFrame;
 }
 
-static void log_missing_memory(uint32_t length)
+static void note_missing_memory(omx_tdmbrec_component_PrivateType *self, uint32_t length)
 {
+    note_loss(self, kLostPictureMemory);
     __android_log_print(ANDROID_LOG_ERROR, kLogTag,
                         "No memory for an access unit: %u bytes dropped\n", length);
 }
@@ -106,7 +108,7 @@ static void make_frame(omx_tdmbrec_component_PrivateType *self, uint8_t *data, u
             out = get_frame_memory(self, length + unit_count);
         }
         if (out == nullptr) {
-            log_missing_memory(length);
+            note_missing_memory(self, length);
             return;
         }
         frame_bytes = prefix_lengths(data, length, out);
@@ -190,12 +192,22 @@ static bool join_with_kept_sets(omx_tdmbrec_component_PrivateType *self, uint8_t
     uint8_t *const memory =
         get_frame_memory(self, self->uiKeptSetsLen + *length + access_unit->picture_unit_count);
     if (memory == nullptr) {
-        log_missing_memory(*length);
+        note_missing_memory(self, *length);
         return false;
     }
     *length = join_kept_sets(self, *data, *length, access_unit, memory);
     *data = memory;
     return describe_access_unit(memory, *length, access_unit);
+}
+
+// Leaves out a picture before the first one of the file.
+static void skip_picture(omx_tdmbrec_component_PrivateType *self, uint32_t time_ms)
+{
+    note_loss(self, self->iMuxOpenResult == 0 && time_ms == 0 ? kLostPictureAtTimeZero
+                                                              : kLostPictureBeforeSets);
+    if (self->uiFirstVideoPts != 0 && !has_written_frames(self)) {
+        self->uiFirstVideoPts = 0; // the pictures arrive through the port: audio waits for them
+    }
 }
 
 // returns: false when the file could not be opened
@@ -213,8 +225,8 @@ static bool handle_picture(omx_tdmbrec_component_PrivateType *self, uint8_t *dat
     }
     if (self->bFileBegun != 0) {
         make_picture_frame(self, data, length, access_unit, frame);
-    } else if (access_unit->has_slice && self->uiFirstVideoPts != 0 && !has_written_frames(self)) {
-        self->uiFirstVideoPts = 0; // the pictures arrive through the port: audio waits for them
+    } else if (access_unit->has_slice) {
+        skip_picture(self, time_ms);
     }
     return true;
 }
@@ -228,6 +240,7 @@ static bool handle_access_unit(omx_tdmbrec_component_PrivateType *self, uint8_t 
     if (length > kLargestAccessUnit || !describe_access_unit(data, length, &access_unit)) {
         __android_log_print(ANDROID_LOG_ERROR, kLogTag,
                             "No access unit after a start code: %u bytes dropped\n", length);
+        note_loss(self, kLostVideoBuffer);
         return true;
     }
     if (has_parameter_sets(&access_unit)) {

@@ -107,7 +107,8 @@ typedef int64_t (*mp4_mux_ftell64_fn)(void *handle);
 // owns: closes source when it succeeds; after a failure source is still the muxer's
 typedef int32_t (*mp4_mux_append_file_fn)(void *destination, void *source, int32_t reserved);
 
-// Open parameters. On a 32-bit device these are 41 words of 32 bits.
+// Open parameters. On a 32-bit device these are 41 words of 32 bits. A callback is required unless
+// its comment says otherwise.
 typedef struct mp4_mux_init_t {
     mp4_mux_malloc_fn m_pfnMalloc;
     mp4_mux_free_fn m_pfnFree;
@@ -115,7 +116,7 @@ typedef struct mp4_mux_init_t {
     mp4_mux_memcpy_fn m_pfnMemcpy;
     mp4_mux_memmove_fn m_pfnMemmove; // not called
     mp4_mux_memset_fn m_pfnMemset;
-    mp4_mux_realloc_fn m_pfnRealloc; // only for the AAC configuration builder
+    mp4_mux_realloc_fn m_pfnRealloc; // only for the AAC configuration builder; may be null
     void *m_apReserved1[9];          // zero
     mp4_mux_fopen_fn m_pfnFopen;     // always called with mode "wb+"
     mp4_mux_fread_fn m_pfnFread;
@@ -132,11 +133,13 @@ typedef struct mp4_mux_init_t {
     void *m_pOutput;                 // name of the output file, or an open handle
     uint32_t m_uiStreamFlags;        // MUX_STREAM_…
     uint32_t m_uiOptions;      // MUX_OPTION_…; without both 64-bit callbacks offsets are 32-bit
-    void *m_pCacheMem;         // memory for all write caches, or null: the muxer allocates its own
+    void *m_pCacheMem;         // memory for all write caches; null: the muxer allocates its own and
+                               // does not read the sizes
     int32_t m_iCacheSize;      // bytes of m_pCacheMem for the output file
     int32_t m_iVideoCacheSize; // bytes of it for the video tables; when this or the next is 0,
     int32_t m_iAudioCacheSize; // ... for the audio tables: all three are pooled and divided again
-    const char *m_pszTempDir;  // directory of the scratch files; null or empty: the current one
+    const char *m_pszTempDir; // directory of the scratch files, whose names are fixed: one for each
+                              // open muxer; null or empty: the current one
     mp4_mux_append_file_fn m_pfnAppendFile; // may be null
 } mp4_mux_init_t;
 
@@ -167,19 +170,21 @@ typedef struct mp4_mux_input_t {
     const mp4_mux_userbox_t *m_pstUserBox; // array, or null
     uint32_t m_uiUserBoxCount;
     const mp4_mux_ftyp_t *m_pstFtyp; // or null
-    uint32_t m_uiVideoTrackID;
+    uint32_t m_uiVideoTrackID;       // for a track without frames; others are numbered, audio first
     int32_t m_iVideoWidth;
     int32_t m_iVideoHeight;
     int32_t m_iVideoFrameRate;        // frames per 1000 s; not read
     uint32_t m_uiVideoFourCC;         // sample-entry type in memory order, "avc1"
-    const uint8_t *m_pbyVideoPrivate; // decoder configuration: avcC record or Annex B, or null
+    const uint8_t *m_pbyVideoPrivate; // decoder configuration: avcC record or Annex B; null: that
+                                      // of the first frame, which then has the parameter sets
     int32_t m_iVideoPrivateSize;
-    uint32_t m_uiAudioTrackID;
+    uint32_t m_uiAudioTrackID;  // as for video
     int32_t m_iAudioSampleRate; // Hz, also the audio timescale
     int32_t m_iAudioBitsPerSample;
     int32_t m_iAudioChannels;
     int32_t m_iAudioCodec;            // format tag, such as MUX_AUDIO_AAC
-    const uint8_t *m_pbyAudioPrivate; // AAC: the AudioSpecificConfig, or null
+    const uint8_t *m_pbyAudioPrivate; // AAC: the AudioSpecificConfig, without which the sound
+                                      // cannot be decoded
     int32_t m_iAudioPrivateSize;
     char m_szAudioLanguage[3]; // ISO 639-2/T, lower case; zeros when unset
 } mp4_mux_input_t;
@@ -189,7 +194,7 @@ typedef struct mp4_mux_putstream_t {
     const uint8_t *m_pbyData; // video: NAL units, each after its length (32 bits, big-endian)
     int32_t m_iDataSize;
     int32_t m_iType;         // MUX_TYPE_…
-    uint32_t m_uiTimeStamp;  // decoding time in ms
+    uint32_t m_uiTimeStamp;  // decoding time in ms; all sound frames get one duration, the mean
     uint32_t m_uiTimeStamp2; // not read
     uint32_t m_uiFlags;      // MUX_FRAME_…
 } mp4_mux_putstream_t;
@@ -222,8 +227,7 @@ typedef struct mp4_mux_error_t {
 //                     the rest and clears *handle. A file without frames gets no movie box.
 // MUX_GET_LAST_ERROR  returns the last error. The record is cleared by MUX_PUTFRAME and MUX_CLOSE.
 // MUX_FLUSH           writes the cached bytes of the output to its file, so that every frame so far
-// is
-//                     there; param2 receives the file's size then. The finished file does not
+//                     is there; param2 receives the file's size then. The finished file does not
 //                     change. After a failure the bytes are still cached. Not after MUX_CLOSE.
 // MUX_GET_VERSION     copies MUX_VERSION_LENGTH characters to param1, MUX_BUILD_DATE_LENGTH digits
 //                     (year, month, day) to param2, each with its terminator.

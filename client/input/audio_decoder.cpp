@@ -13,8 +13,14 @@ static bool is_broadcast(const media_file &file)
 
 std::unique_ptr<audio_decoder> audio_decoder_open(const std::string &path)
 {
+    return audio_decoder_of(media_file_open(path, AVMEDIA_TYPE_AUDIO));
+}
+
+std::unique_ptr<audio_decoder> audio_decoder_of(std::unique_ptr<media_file> file)
+{
     std::unique_ptr<audio_decoder> audio = std::make_unique<audio_decoder>();
-    audio->file = media_file_open(path, AVMEDIA_TYPE_AUDIO);
+    audio->file = std::move(file);
+    const std::string &path = audio->file->path;
     const AVCodecParameters &parameters = *audio->file->stream->codecpar;
     const AVCodec *const decoder = avcodec_find_decoder(parameters.codec_id);
     audio->codec.reset(avcodec_alloc_context3(decoder));

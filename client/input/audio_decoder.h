@@ -23,6 +23,7 @@ struct audio_decoder {
 // returns: the decoder of a file's audio
 // throws: `failure`
 std::unique_ptr<audio_decoder> audio_decoder_open(const std::string &path);
+std::unique_ptr<audio_decoder> audio_decoder_of(std::unique_ptr<media_file> file);
 
 // returns: the next frame that holds samples; null at the end, and while the file's clock waits for
 //          the video

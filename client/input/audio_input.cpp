@@ -7,9 +7,6 @@
 #include <array>
 #include <cstdlib>
 
-// Other rates than the encoder's are resampled to this one.
-static constexpr int kDefaultRate = 48000;
-
 static constexpr size_t kChannels = 2;
 
 // A time stamp this close to the running count of samples is taken as rounded. A lost frame is
@@ -133,7 +130,12 @@ static void settle_frame(audio_input &audio, int64_t time_us, int64_t tolerance_
 {
     const int64_t tolerance = av_rescale(tolerance_us, audio.rate, kSecondUs);
     const int64_t begin = av_rescale(time_us - audio.origin_us, audio.rate, kSecondUs);
-    const int64_t away = begin - (audio.placed - audio.skip_due);
+    int64_t away = begin - (audio.placed - audio.skip_due);
+    if (away > tolerance) { // a gap before the origin needs no silence
+        const int64_t unheard = std::min(away, audio.skip_due);
+        audio.skip_due -= unheard;
+        away -= unheard;
+    }
     note_step(audio, std::abs(away) > tolerance ? away : 0);
     audio.waited = 0;
     if (away > tolerance) {
@@ -187,23 +189,30 @@ static bool extend_queue(audio_input &audio)
     return true;
 }
 
-std::unique_ptr<audio_input> audio_input_open(const std::string &path, media_file &video_file)
+std::unique_ptr<audio_input> audio_input_of(std::unique_ptr<media_file> file,
+                                            media_file &video_file)
 {
     std::unique_ptr<audio_input> audio = std::make_unique<audio_input>();
-    audio->decoder = audio_decoder_open(path);
-    media_file_join(*audio->decoder->file, video_file);
-    audio->decoder->file->clock.spreads_gaps = true;
-    if (!decode_frame(*audio)) {
-        throw failure(exit_code::input, path + ": holds no audio that can be decoded");
+    audio->decoder = audio_decoder_of(std::move(file));
+    media_file &input = *audio->decoder->file;
+    media_file_join(input, video_file);
+    input.clock.spreads_gaps = true;
+    const bool has_frame = decode_frame(*audio);
+    if (!has_frame && !input.clock.waits) {
+        throw failure(exit_code::input, input.path + ": holds no audio that can be decoded");
     }
-    const int rate = audio->held->sample_rate;
+    const int rate = has_frame ? audio->held->sample_rate : input.stream->codecpar->sample_rate;
     audio->rate = is_encoder_rate(rate) ? rate : kDefaultRate;
-    audio->begin_us = place_frame(*audio);
+    audio->begin_us = has_frame ? place_frame(*audio) : 0;
     return audio;
 }
 
 void audio_input_start_at(audio_input &audio, int64_t origin_us)
 {
+    if (audio.held == nullptr) { // it is late, and begins with silence
+        audio.origin_us = origin_us;
+        return;
+    }
     const bool apart = origin_us < audio.begin_us - kAlignmentMaxUs;
     audio.origin_us = apart ? audio.begin_us : origin_us;
     if (apart) {

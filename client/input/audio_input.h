@@ -13,6 +13,9 @@
 
 inline constexpr size_t kAudioBlockSamples = 1024; // per channel
 
+// Other rates than the encoder's are resampled to this one (Hz).
+inline constexpr int kDefaultRate = 48000;
+
 struct audio_input {
     std::unique_ptr<audio_decoder> decoder;
     resampler_ptr resampler;
@@ -33,11 +36,12 @@ struct audio_input {
     size_t queue_read = 0;
 };
 
-// Opens the audio of a file and decodes its first frame.
+// Takes the audio of a file and decodes its first frame.
 // in: the video's file; if it is the same file, the streams share its clock
 // returns: the input
 // throws: `failure`
-std::unique_ptr<audio_input> audio_input_open(const std::string &path, media_file &video_file);
+std::unique_ptr<audio_input> audio_input_of(std::unique_ptr<media_file> file,
+                                            media_file &video_file);
 
 // Sets the time at which the first block begins: samples before it are dropped, gaps after it are
 // filled with silence. Call once, before the first block.

@@ -8,19 +8,14 @@
 #include <span>
 #include <unistd.h>
 
-static bool read_at(int file, int64_t position, std::span<uint8_t> bytes)
-{
-    return pread(file, bytes.data(), bytes.size(), position) == static_cast<ssize_t>(bytes.size());
-}
-
 // RIFF: chunks of a name, a size (little-endian) and data; the audio is in the chunk "data".
-static bool is_cut_wave(int file, int64_t size)
+static bool is_cut_wave(const byte_reader &read_at, int64_t size)
 {
     static constexpr int kChunksMax = 1000;
     static constexpr uint32_t kSizeUnknown = 0x7FFF0000; // or more, from writers that cannot seek
     int64_t position = 12;                               // after "RIFF", its size and "WAVE"
     std::array<uint8_t, 8> head = {};
-    for (int i = 0; i < kChunksMax && read_at(file, position, head); i++) {
+    for (int i = 0; i < kChunksMax && read_at(position, head); i++) {
         const uint32_t chunk_bytes =
             head[4] | uint32_t{head[5]} << 8 | uint32_t{head[6]} << 16 | uint32_t{head[7]} << 24;
         position += int64_t{8} + chunk_bytes;
@@ -79,7 +74,7 @@ static std::optional<element> read_element(std::span<const uint8_t> head, int64_
     return found;
 }
 
-static bool is_cut_matroska(int file, int64_t size)
+static bool is_cut_matroska(const byte_reader &read_at, int64_t size)
 {
     std::array<uint8_t, kIdBytesMax + kSizeBytesMax> head = {};
     int64_t position = 0;
@@ -88,7 +83,7 @@ static bool is_cut_matroska(int file, int64_t size)
             static_cast<size_t>(std::min<int64_t>(head.size(), size - position));
         const std::span<uint8_t> bytes(head.data(), head_bytes);
         const std::optional<element> found =
-            read_at(file, position, bytes) ? read_element(bytes, position) : std::nullopt;
+            read_at(position, bytes) ? read_element(bytes, position) : std::nullopt;
         if (!found) {
             return false; // damaged, not cut
         }
@@ -123,11 +118,11 @@ struct packet_row {
     size_t rest; // after the last packet
 };
 
-static std::optional<packet_row> find_packets(int file, int64_t size)
+static std::optional<packet_row> find_packets(const byte_reader &read_at, int64_t size)
 {
     std::array<uint8_t, (kPacketsTried + 1) * kCheckedBytes> block = {};
     const std::span<uint8_t> tail(block.data(), std::min(block.size(), static_cast<size_t>(size)));
-    if (!read_at(file, size - static_cast<int64_t>(tail.size()), tail)) {
+    if (!read_at(size - static_cast<int64_t>(tail.size()), tail)) {
         return std::nullopt;
     }
     for (const size_t stride : {kPacketBytes, kTimedBytes, kCheckedBytes}) {
@@ -141,9 +136,9 @@ static std::optional<packet_row> find_packets(int file, int64_t size)
 }
 
 // A recorded broadcast may end anywhere, but not within a packet.
-static bool is_cut_transport_stream(int file, int64_t size)
+static bool is_cut_transport_stream(const byte_reader &read_at, int64_t size)
 {
-    const std::optional<packet_row> row = find_packets(file, size);
+    const std::optional<packet_row> row = find_packets(read_at, size);
     if (!row) {
         return false; // damaged, not cut
     }
@@ -151,7 +146,7 @@ static bool is_cut_transport_stream(int file, int64_t size)
     return row->rest != 0 && row->rest != whole_rest;
 }
 
-std::string file_cut_text(const char *format, int file, int64_t size)
+std::string file_cut_text(const char *format, const byte_reader &file, int64_t size)
 {
     if (std::strcmp(format, "wav") == 0) {
         return is_cut_wave(file, size) ? "the file is shorter than its header says" : "";
@@ -163,4 +158,13 @@ std::string file_cut_text(const char *format, int file, int64_t size)
         return is_cut_transport_stream(file, size) ? "its last packet is incomplete" : "";
     }
     return "";
+}
+
+std::string file_cut_text(const char *format, int file, int64_t size)
+{
+    const auto read_at = [file](int64_t position, std::span<uint8_t> bytes) {
+        return pread(file, bytes.data(), bytes.size(), position) ==
+               static_cast<ssize_t>(bytes.size());
+    };
+    return file_cut_text(format, read_at, size);
 }

@@ -9,14 +9,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-// The formats that are read. Others could make the demuxer open further files.
-static const char format_names[] = "h264,aac,mpegts,mov,mp4,m4a,3gp,3g2,mj2,matroska,webm,wav";
-
-static constexpr int kIoBufferBytes = 1 << 16;
-
 media_file::~media_file()
 {
-    avformat_close_input(&format);
+    if (live == nullptr) {
+        avformat_close_input(&format);
+    }
     if (io != nullptr) {
         av_freep(&io->buffer);
         avio_context_free(&io);
@@ -24,13 +21,6 @@ media_file::~media_file()
     if (descriptor >= 0) {
         close(descriptor);
     }
-}
-
-std::string media_error_text(int error)
-{
-    char text[AV_ERROR_MAX_STRING_SIZE] = "";
-    av_make_error_string(text, sizeof text, error);
-    return text;
 }
 
 static int read_io(void *opaque, uint8_t *buffer, int size)
@@ -88,30 +78,14 @@ static void open_descriptor(media_file &file)
     file.size = status.st_size;
 }
 
-static void open_format(media_file &file)
+static void open_format(media_file &file, int pcm_rate)
 {
     uint8_t *const buffer = static_cast<uint8_t *>(av_malloc(kIoBufferBytes));
     file.io = avio_alloc_context(buffer, kIoBufferBytes, 0, &file, read_io, nullptr, seek_io);
-    file.format = avformat_alloc_context();
-    if (buffer == nullptr || file.io == nullptr || file.format == nullptr) {
+    if (buffer == nullptr || file.io == nullptr) {
         throw std::bad_alloc();
     }
-    file.format->pb = file.io;
-    file.format->flags |= AVFMT_FLAG_CUSTOM_IO;
-    file.format->format_whitelist = av_strdup(format_names);
-    AVDictionary *options = nullptr; // for raw H.264 that states none; other formats ignore it
-    av_dict_set_int(&options, "framerate", kDefaultFrameRate, 0);
-    int error = avformat_open_input(&file.format, file.path.c_str(), nullptr, &options);
-    av_dict_free(&options);
-    if (error == 0) {
-        error = avformat_find_stream_info(file.format, nullptr);
-    }
-    if (error < 0) {
-        throw failure(exit_code::input,
-                      file.path +
-                          ": not readable as raw H.264, WAV, ADTS, MPEG-TS, MP4 or Matroska (" +
-                          media_error_text(error) + ")");
-    }
+    media_format_open(file.format, file.io, file.path, {.pcm_rate = pcm_rate});
 }
 
 bool media_file_has(const media_file &file, AVMediaType kind)
@@ -173,24 +147,42 @@ static void set_clock(media_file &file)
     file.clock.wrap_bits = file.stream->pts_wrap_bits;
 }
 
-std::unique_ptr<media_file> media_file_open(const std::string &path, AVMediaType kind)
+static void pick_stream(media_file &file, AVMediaType kind)
 {
-    av_log_set_level(AV_LOG_QUIET); // this program reports in its own words
+    const int index = av_find_best_stream(file.format, kind, -1, -1, nullptr, 0);
+    if (index < 0) {
+        throw failure(exit_code::input, file.path + ": holds no " + av_get_media_type_string(kind));
+    }
+    file.stream = file.format->streams[index];
+    set_clock(file);
+}
+
+std::unique_ptr<media_file> media_file_open(const std::string &path, AVMediaType kind, int pcm_rate)
+{
     std::unique_ptr<media_file> file = std::make_unique<media_file>();
     file->path = path;
     open_descriptor(*file);
-    open_format(*file);
-    const int index = av_find_best_stream(file->format, kind, -1, -1, nullptr, 0);
-    if (index < 0) {
-        throw failure(exit_code::input, path + ": holds no " + av_get_media_type_string(kind));
-    }
+    open_format(*file, pcm_rate);
+    pick_stream(*file, kind);
     for (unsigned i = 0; i < file->format->nb_streams; i++) {
-        if (i != static_cast<unsigned>(index)) {
-            file->format->streams[i]->discard = AVDISCARD_ALL;
-        }
+        AVStream *const stream = file->format->streams[i];
+        stream->discard = stream == file->stream ? stream->discard : AVDISCARD_ALL;
     }
-    file->stream = file->format->streams[index];
-    set_clock(*file);
+    return file;
+}
+
+std::unique_ptr<media_file> media_file_of(const std::shared_ptr<live_source> &live,
+                                          AVMediaType kind)
+{
+    std::unique_ptr<media_file> file = std::make_unique<media_file>();
+    file->path = live->path;
+    file->live = live;
+    file->format = live->format;
+    pick_stream(*file, kind);
+    (kind == AVMEDIA_TYPE_VIDEO ? live->video : live->audio).stream = file->stream;
+    file->clock.source = [clock = &file->clock, live, kind] {
+        return live_source_read(*live, kind, clock->is_late);
+    };
     return file;
 }
 
@@ -198,6 +190,10 @@ void media_file_join(media_file &one, media_file &other)
 {
     struct stat first = {};
     struct stat second = {};
+    if (one.live != nullptr && one.live == other.live) {
+        stream_clock_join(one.clock, other.clock);
+        return;
+    }
     if (fstat(one.descriptor, &first) != 0 || fstat(other.descriptor, &second) != 0 ||
         first.st_dev != second.st_dev || first.st_ino != second.st_ino) {
         return;

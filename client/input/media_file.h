@@ -1,8 +1,10 @@
-// One stream of one input file.
+// One stream of one input.
 #ifndef CLIENT_INPUT_MEDIA_FILE_H
 #define CLIENT_INPUT_MEDIA_FILE_H
 
 #include "client/input/av_ptr.h"
+#include "client/input/live_source.h"
+#include "client/input/media_format.h"
 #include "client/input/stream_clock.h"
 
 #include <cstdint>
@@ -14,10 +16,9 @@ extern "C" {
 #include <libavformat/avformat.h>
 }
 
-inline constexpr int kDefaultFrameRate = 30; // of raw H.264 that states none
-
 struct media_file {
     std::string path;
+    std::shared_ptr<live_source> live; // then the owner of the format; the next four are not used
     int descriptor = -1;
     int64_t position = 0; // next byte that the demuxer reads
     int64_t size = 0;
@@ -34,9 +35,15 @@ struct media_file {
 
 // Opens a file and picks its best stream of the kind; only this stream is read. The file stays
 // open, so that the path may be replaced later.
+// in: pcm_rate: of bare 16-bit stereo PCM in Hz; 0 for other formats
 // returns: the file
 // throws: `failure` when it cannot be read or holds no such stream
-std::unique_ptr<media_file> media_file_open(const std::string &path, AVMediaType kind);
+std::unique_ptr<media_file> media_file_open(const std::string &path, AVMediaType kind,
+                                            int pcm_rate = 0);
+
+// As above, for a live source that has begun.
+std::unique_ptr<media_file> media_file_of(const std::shared_ptr<live_source> &live,
+                                          AVMediaType kind);
 
 // returns: whether the file holds a stream of the kind
 bool media_file_has(const media_file &file, AVMediaType kind);
@@ -56,8 +63,5 @@ packet_ptr media_file_read(media_file &file);
 // in: a time stamp in the stream's time base
 // returns: the time; nothing for AV_NOPTS_VALUE
 std::optional<int64_t> media_file_time_us(const media_file &file, int64_t stamp);
-
-// returns: the library's text for an error code
-std::string media_error_text(int error);
 
 #endif // CLIENT_INPUT_MEDIA_FILE_H

@@ -96,14 +96,17 @@ static void drop_wild_stamps(const stream_clock &clock, AVPacket &packet)
         packet.duration, 0, av_rescale_q(kJumpAheadUs, kMicroseconds, clock.time_base));
 }
 
+// Reads a packet into `ahead`.
+// returns: false at the end, and when the packet is late
 static bool pull(stream_clock &clock)
 {
+    clock.is_late = false;
     if (clock.ended) {
         return false;
     }
     try {
         packet_ptr packet = clock.source();
-        clock.ended = packet == nullptr;
+        clock.ended = packet == nullptr && !clock.is_late;
         if (packet != nullptr) {
             drop_wild_stamps(clock, *packet);
             clock.ahead.push_back(std::move(packet));
@@ -112,7 +115,7 @@ static bool pull(stream_clock &clock)
         clock.fault = std::current_exception();
         clock.ended = true;
     }
-    return !clock.ended;
+    return !clock.ended && !clock.is_late;
 }
 
 // returns: the gap after the run that begins with the next packet to be placed; 0 if losses within
@@ -376,6 +379,7 @@ packet_ptr stream_clock_read(stream_clock &clock)
         if (clock.fault) {
             std::rethrow_exception(clock.fault);
         }
+        clock.waits = clock.is_late;
         return nullptr;
     }
     if (clock.placed == 0 && clock.other != nullptr) {

@@ -32,7 +32,9 @@ struct stream_place {
 };
 
 struct stream_clock {
-    std::function<packet_ptr(void)> source; // returns null at the end; throws
+    // Returns null at the end, and, with is_late set, when it has no packet yet; throws.
+    std::function<packet_ptr(void)> source;
+    bool is_late = false; // the source may return a packet later
     AVRational time_base = kMicroseconds;
     int wrap_bits = 64;            // width of the time stamps
     int64_t step_us = 0;           // between two packets; 0: their duration
@@ -56,8 +58,8 @@ struct stream_clock {
 };
 
 // returns: the next packet, with time stamps on the line; null at the end, and, with `waits` set,
-//          while the packet's place depends on packets of the other stream that are still to be
-//          read
+//          while the packet is late, or its place depends on packets of the other stream that are
+//          still to be read
 // throws: the failure that broke the stream off
 packet_ptr stream_clock_read(stream_clock &clock);
 

@@ -16,6 +16,10 @@ extern "C" {
 // Within this many units, reordered pictures and changed or damaged parameter sets mostly show.
 static constexpr size_t kReadAheadUnits = 100;
 
+// Of a live source, whose recording is not to begin seconds late, unless the stream announces
+// reordered pictures.
+static constexpr size_t kLiveReadAheadUnits = 16;
+
 // At most this many units are held back while their parameter sets may be damaged.
 static constexpr size_t kDoubtedUnitsMax = 1000;
 
@@ -286,10 +290,8 @@ static std::optional<video_unit> read_unit(video_input &video)
                       "; a recording can hold only one set of them");
 }
 
-static void settle_doubt(video_input &video)
+static void release_doubted(video_input &video)
 {
-    video.damaged_sets++;
-    note_loss(video, loss_kind::sets_left_out, video.doubted.front().time_us, 0, 1);
     std::move(video.doubted.begin(), video.doubted.end(), std::back_inserter(video.ahead));
     video.doubted.clear();
 }
@@ -315,6 +317,23 @@ static bool take_later_sets(video_input &video)
     return true;
 }
 
+// Continues with the parameter sets of the doubted units, where the user allows it.
+static void take_change(video_input &video)
+{
+    if (!video.may_change) {
+        refuse_change(video);
+    }
+    const std::vector<uint8_t> sets = video.doubted.front().unit.other_sets;
+    for (video_unit &one : video.doubted) {
+        if (one.unit.idr) {
+            access_unit_replace_sets(video.converter, one.unit, sets);
+        }
+    }
+    video.doubted.front().new_format = true;
+    access_unit_adopt_sets(video.converter, sets);
+    check_profile(video);
+}
+
 // Other parameter sets before a single IDR picture are taken as damage, unless the picture cannot
 // be decoded without them; before two in turn, they are a change.
 // in: the next IDR picture; null when there is none
@@ -325,14 +344,17 @@ static void judge_doubt(video_input &video, video_unit *next)
     if (is_repeated) {
         access_unit second = next->unit;
         access_unit_replace_sets(video.converter, second, first.other_sets);
-        if (!take_later_sets(video)) {
-            refuse_change(video);
-        }
         next->unit = std::move(second);
-    } else if (next == nullptr && !picture_decodes(first.bytes)) {
-        refuse_change(video);
     }
-    settle_doubt(video);
+    const bool is_damage =
+        is_repeated ? take_later_sets(video) : next != nullptr || picture_decodes(first.bytes);
+    if (is_damage) {
+        video.damaged_sets++;
+        note_loss(video, loss_kind::sets_left_out, video.doubted.front().time_us, 0, 1);
+    } else {
+        take_change(video);
+    }
+    release_doubted(video);
 }
 
 // Reads one unit.
@@ -369,8 +391,15 @@ unsigned video_input_damaged_sets(const video_input &video)
 std::unique_ptr<video_input> video_input_open(const std::string &path,
                                               std::optional<AVRational> frame_rate)
 {
+    return video_input_of(media_file_open(path, AVMEDIA_TYPE_VIDEO), frame_rate);
+}
+
+std::unique_ptr<video_input> video_input_of(std::unique_ptr<media_file> file,
+                                            std::optional<AVRational> frame_rate)
+{
     std::unique_ptr<video_input> video = std::make_unique<video_input>();
-    video->file = media_file_open(path, AVMEDIA_TYPE_VIDEO);
+    video->file = std::move(file);
+    const std::string &path = video->file->path;
     const AVCodecParameters &codec = *video->file->stream->codecpar;
     if (codec.codec_id != AV_CODEC_ID_H264) {
         refuse(*video, std::string("its video is ") + avcodec_get_name(codec.codec_id) +
@@ -394,9 +423,11 @@ std::unique_ptr<video_input> video_input_open(const std::string &path,
 
 void video_input_read_ahead(video_input &video)
 {
+    const bool is_short =
+        video.file->live != nullptr && video.file->stream->codecpar->video_delay == 0;
+    const size_t units = is_short ? kLiveReadAheadUnits : kReadAheadUnits;
     try {
-        while ((video.ahead.size() < kReadAheadUnits || !video.doubted.empty()) &&
-               read_more(video)) {
+        while ((video.ahead.size() < units || !video.doubted.empty()) && read_more(video)) {
         }
     } catch (const failure &broken) {
         if (broken.code != exit_code::input || !video.begun) {

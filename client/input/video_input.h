@@ -16,6 +16,7 @@
 struct video_unit {
     access_unit unit;
     int64_t time_us;
+    bool new_format = false; // an IDR picture after a change of the parameter sets
 };
 
 struct video_input {
@@ -29,6 +30,7 @@ struct video_input {
     int64_t begin_us = 0;         // of the file's first packet
     bool begun = false;           // the first IDR picture has been found
     bool given = false;           // a unit has been returned
+    bool may_change = false;      // the parameter sets may change; otherwise a change is refused
     bool next_is_corrupt = false; // the demuxer has said so
     bool lacked_sets = false;
     unsigned leading = 0; // access units before the first IDR picture
@@ -53,6 +55,10 @@ std::optional<AVRational> parse_frame_rate(const std::optional<std::string> &tex
 // throws: `failure`
 std::unique_ptr<video_input> video_input_open(const std::string &path,
                                               std::optional<AVRational> frame_rate);
+
+// As above, for a file that has been opened.
+std::unique_ptr<video_input> video_input_of(std::unique_ptr<media_file> file,
+                                            std::optional<AVRational> frame_rate);
 
 // Reads the first units. Throws `failure` for a stream that cannot be recorded, so that it is
 // refused before the recording begins.

@@ -26,6 +26,12 @@ std::string duration_text(double seconds)
     return format_text("%lld:%02lld.%lld", minutes, tenths / 10 % 60, tenths % 10);
 }
 
+std::string elapsed_text(double seconds)
+{
+    const long long elapsed_ms = std::llround(seconds * 1000);
+    return elapsed_ms < 1000 ? format_text("%lld ms", elapsed_ms) : format_text("%.1f s", seconds);
+}
+
 std::string size_text(uint64_t bytes)
 {
     const double size = static_cast<double>(bytes);

@@ -160,8 +160,7 @@ static OMX_ERRORTYPE check_transition(OMX_STATETYPE from, omx_base_transient_t t
                                       OMX_STATETYPE target)
 {
     if (transient != OMX_TransStateNone) { // only the transition to Idle can be given up
-        return transient == OMX_TransStateLoadedToIdle && from == OMX_StateLoaded &&
-                       target == OMX_StateLoaded
+        return transient == OMX_TransStateLoadedToIdle && target == OMX_StateLoaded
                    ? OMX_ErrorNone
                    : OMX_ErrorIncorrectStateTransition;
     }
@@ -190,7 +189,7 @@ static OMX_ERRORTYPE change_state(omx_base_sink_PrivateType *sink, OMX_STATETYPE
         omx_base_complete_changes(sink);
         return OMX_ErrorNone;
     }
-    if (target == OMX_StateLoaded && from != OMX_StateWaitForResources) {
+    if (target == OMX_StateLoaded) {
         set_state(sink, from, OMX_TransStateIdleToLoaded);
         if (transient == OMX_TransStateLoadedToIdle) { // the answer to that command
             omx_base_send_event(sink, OMX_EventError, OMX_ErrorIncorrectStateTransition, 0);

@@ -25,7 +25,7 @@ TEST_F(StorageView, IsAMountOrALinkAndOtherwiseIsReportedAsMissing)
     if (shell("unshare -rm mount -t tmpfs none /mnt").status != 0) {
         GTEST_SKIP() << "this system allows no mount namespace";
     }
-    const std::string recorded = "0\n580087\n", no_unshare = FORBID " unshare ";
+    const std::string recorded = "0\n579573\n", no_unshare = FORBID " unshare ";
     const std::string no_proc = // the loader cannot find the libraries beside the command there
         "mount -t tmpfs none /proc; export LD_LIBRARY_PATH=$TDMBREC_BUILD/lib";
     const std::string other_user = "unshare -U --map-user=7 --map-group=7 ";

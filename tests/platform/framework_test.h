@@ -20,7 +20,7 @@ using Event = std::array<OMX_U32, 3>; // OMX_EVENTTYPE and its two data
 using BufferList = std::vector<OMX_BUFFERHEADERTYPE *>;
 
 class FrameworkTest : public PlatformTest {
-  protected:
+  public:
     FrameworkTest()
     {
         for (OMX_U32 port = 0; port < kPortCount; port++) {

@@ -26,7 +26,7 @@ wall platform '"platform/|<'
 wall mp4read '"mp4read/|<'
 wall client/input '"(client/(input/|failure\.h)|component/tdmbrec_interface\.h)|<'
 wall client/report '"(client/report/|mp4read/)|<'
-wall client '"(client/|mp4read/|recovery/recovery\.h|component/tdmbrec_interface\.h|platform/(omx_il|host/host_control)\.h|mp4mux/mp4_mux\.h|aacenc/aac_enc\.h)|<'
+wall client '"(client/|mp4read/|recovery/recovery\.h|component/(tdmbrec_interface|frame_fifo)\.h|platform/(omx_il|host/host_control)\.h|mp4mux/mp4_mux\.h|aacenc/aac_enc\.h)|<'
 
 # Not every standard library for devices has it; component/shared_fields.h is for all of them.
 if grep -rnE 'atomic_ref *[<(]' --include='*.cpp' --include='*.h' mp4mux aacenc component platform; then
