@@ -111,7 +111,8 @@ def packets_between(base, begin_seconds, seconds, tracks):
 def make_pattern(base, coding, number, seed):
     chance = random.Random(f'{seed} {number}')
     lost, cut, marked, bits, jumps, names = set(), set(), set(), {}, [], []
-    for seconds in places(chance):
+    begins = places(chance)
+    for seconds, after in zip(begins, begins[1:] + [SECONDS]):
         begin = base.index_at(seconds) + chance.randrange(5)
         name = chance.choice(('burst', 'burst', 'bursts', 'out', 'jump', 'splice', 'marked',
                               'bits'))
@@ -122,7 +123,8 @@ def make_pattern(base, coding, number, seed):
             for each in range(begin, begin + 120, 40):
                 lost.update(packets_from(base, each, tracks, chance.randint(1, 4)))
         elif name == 'out':
-            longest = min(5, SECONDS - 1 - seconds)  # the end of the stream shows no loss
+            # Until the next damage, and not to the end of the stream, which shows no loss.
+            longest = min(5, after - seconds - 1)
             lost.update(packets_between(base, seconds, chance.uniform(0.5, longest), tracks))
         elif name == 'marked':
             marked.update(packets_from(base, begin, tracks, chance.randint(1, 6)))
@@ -487,7 +489,8 @@ def main():
                     worst[name] = max(worst[name], value)
                 if judge.problems:
                     print(f'pattern {pattern.number} ({pattern.coding}'
-                          f'{", wraps" if pattern.wraps else ""}: {"; ".join(pattern.names)}):')
+                          f'{", wraps" if pattern.wraps else ""}: {"; ".join(pattern.names)}):',
+                          flush=True)
                     for problem in judge.problems[:6]:
                         print(f'  {problem}')
     print(f'seed {options.seed}: {options.patterns} patterns, {held} held; {compared} flashes with '
