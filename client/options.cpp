@@ -3,6 +3,7 @@
 #include "client/failure.h"
 #include "client/start_time.h"
 #include "client/time_span.h"
+#include "client/version.h"
 
 #include <CLI/CLI.hpp>
 #include <cstdio>
@@ -398,7 +399,7 @@ command_line options_parse(int argc, const char *const *argv)
     CLI::App app("Records an H.264 programme with sound to an MP4 file, through the recorder's "
                  "OpenMAX IL component; the other commands use its parts alone.",
                  "tdmbrec");
-    app.set_version_flag("--version", "tdmbrec " TDMBREC_VERSION);
+    app.set_version_flag("--version", version_text);
     app.require_subcommand(1);
     add_record(app, record, input);
     add_encode(app, encode);

@@ -2,8 +2,8 @@
 # Installs the packages, builds the recorder in every way and runs all tests.
 #
 #   sh scripts/check.sh             everything
-#   sh scripts/check.sh STEP ...    some of: format tidy try spin bench fuzz compilers coverage
-#                                   32bit arm asan-ubsan tsan clang release
+#   sh scripts/check.sh STEP ...    some of: format tidy try packages spin bench fuzz compilers
+#                                   coverage 32bit arm asan-ubsan tsan clang release
 set -eu
 cd "$(dirname "$0")/.."
 case ${1:-} in
@@ -12,7 +12,8 @@ case ${1:-} in
     exit 0
     ;;
 esac
-all='format tidy try spin bench fuzz compilers coverage 32bit arm asan-ubsan tsan clang release'
+all='format tidy try packages spin bench fuzz compilers coverage 32bit arm asan-ubsan tsan clang'
+all="$all release"
 steps=${*:-$all}
 jobs=$(nproc)
 not_checked_out='the step format needs git and a folder that git has checked out'
@@ -103,6 +104,9 @@ run_step() {
     try)
         check_try
         ;;
+    packages)
+        sh scripts/check_packages.sh
+        ;;
     spin)
         sh docs/models/check.sh
         ;;
@@ -145,7 +149,7 @@ for step in $steps; do
     case $step in
     spin | fuzz) ;;
     format) [ -e .git ] || fail "$not_checked_out" ;;
-    try) sh scripts/require_storage.sh command ;;
+    try | packages) sh scripts/require_storage.sh command ;;
     *) sh scripts/require_storage.sh tests ;;
     esac
 done

@@ -30,8 +30,8 @@ one=$place/one
 two=$place/two/deeper
 for tree in "$one" "$two"; do
     mkdir -p "$tree"
-    (cd "$root" && cp -R CMakeLists.txt cmake mp4mux aacenc journal recovery platform component mp4read client \
-        "$tree")
+    (cd "$root" && cp -R CMakeLists.txt cmake packaging mp4mux aacenc journal recovery platform \
+        component mp4read client "$tree")
     configure "$tree" -G Ninja -D CMAKE_BUILD_TYPE=RelWithDebInfo \
         -D TDMBREC_CLIENT=OFF -D TDMBREC_TESTS=OFF -D TDMBREC_BENCH=OFF
     build "$tree"
