@@ -24,7 +24,7 @@ recording has to hold:
   picture.
 
 The build folder (default build/release) needs `tdmbrec`. Also needs ffmpeg. The 1,000 patterns take
-about ten minutes on two processors.
+about seven minutes on two processors.
 """
 import argparse
 import array
