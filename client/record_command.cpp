@@ -108,6 +108,10 @@ static void open_all(recording &self)
     output_place_check_inputs(self.summary.output, {options.video, options.audio});
     look_for_others(self);
     recording_open_programme(self);
+    if (options.start_at && self.outputs.has_times) { // the file begins now
+        self.outputs.names.clear();
+        open_output(self);
+    }
     (void)OMX_Init(); // loads the component before the storage can hide its path
     provide_storage(self);
     set_checkpoint(options.checkpoint_s);
