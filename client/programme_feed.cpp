@@ -15,7 +15,7 @@ static constexpr int64_t kTimeBaseUs = 1'000'000;
 
 static constexpr uint64_t kAudioBytesPerSecond = TDMBREC_AUDIO_BIT_RATE / 8;
 
-// The longest time without a look at the storage, while there is sound.
+// The longest time without a look at the storage while the sound continues.
 static constexpr int64_t kLookIntervalUs = 1'000'000;
 
 static constexpr auto kWatchInterval = std::chrono::milliseconds(200);
@@ -187,8 +187,8 @@ static limit_verdict judge_limit(const recording &self, const programme_unit &un
     if (limit_us == 0 || self.earlier_us + unit.time_us < limit_us) {
         return limit_verdict::inside;
     }
-    const bool has_sound = programme_sound_time_us(*self.programme).has_value();
-    return unit.kind == unit_kind::video && has_sound ? limit_verdict::outside : limit_verdict::end;
+    const bool has_audio = programme_sound_time_us(*self.programme).has_value();
+    return unit.kind == unit_kind::video && has_audio ? limit_verdict::outside : limit_verdict::end;
 }
 
 // Sleeps until the moment; gaps of the programme do not stop the progress line.

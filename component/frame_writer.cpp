@@ -69,7 +69,7 @@ write_result_t write_frame(omx_tdmbrec_component_PrivateType *self, mp4_mux_puts
     if (frame->m_iType == 0) {
         return kWriteNothing;
     }
-    // The times of pictures only rise: this is sound that was queued before the first one.
+    // The times of pictures only rise: samples were queued before the first one.
     if (origin_ms == 0 || origin_ms > frame->m_uiTimeStamp) {
         note_loss(self, kLostSoundFrameBeforePicture);
         return kWriteNothing;
