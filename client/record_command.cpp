@@ -153,7 +153,11 @@ static bool end_recording(recording &self, bool continues)
     terminal_show_progress("Finishing ...");
     const std::function<void()> on_wait = std::exchange(self.component->on_wait, nullptr);
     try {
-        const uint32_t reason = il_session_stop(*self.component);
+        const bool is_asked = !il_session_stop_reason(*self.component);
+        uint32_t reason = il_session_stop(*self.component);
+        if (is_asked && self.part.sent_video_bytes == 0 && !self.summary.earlier.empty()) {
+            reason = TDMBREC_STOP_CLIENT; // without a file, the component blames the storage
+        }
         const bool is_full = self.splits && reason == TDMBREC_STOP_SIZE_LIMIT;
         self.summary.stop_reason = reason;
         if (is_full || (continues && reason == TDMBREC_STOP_CLIENT)) {
