@@ -335,10 +335,10 @@ static void warn_of_losses(recording &self)
 static void report(recording &self, const std::string &kept)
 {
     const recording_summary &summary = self.summary;
-    if (self.programme != nullptr) {
+    if (self.programme != nullptr) { // else its losses are those of the earlier files
         recording_account_for_losses(self);
-        warn_of_losses(self);
     }
+    warn_of_losses(self);
     for (const std::string &sentence : {summary.error, kept}) {
         if (!sentence.empty()) {
             terminal_say("tdmbrec: " + sentence);
