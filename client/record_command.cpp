@@ -153,7 +153,11 @@ static bool end_recording(recording &self, bool continues)
     terminal_show_progress("Finishing ...");
     const std::function<void()> on_wait = std::exchange(self.component->on_wait, nullptr);
     try {
-        const uint32_t reason = il_session_stop(*self.component);
+        const bool is_asked = !il_session_stop_reason(*self.component);
+        uint32_t reason = il_session_stop(*self.component);
+        if (is_asked && self.part.sent_video_bytes == 0 && !self.summary.earlier.empty()) {
+            reason = TDMBREC_STOP_CLIENT; // without a file, the component blames the storage
+        }
         const bool is_full = self.splits && reason == TDMBREC_STOP_SIZE_LIMIT;
         self.summary.stop_reason = reason;
         if (is_full || (continues && reason == TDMBREC_STOP_CLIENT)) {
@@ -331,10 +335,10 @@ static void warn_of_losses(recording &self)
 static void report(recording &self, const std::string &kept)
 {
     const recording_summary &summary = self.summary;
-    if (self.programme != nullptr) {
+    if (self.programme != nullptr) { // else its losses are those of the earlier files
         recording_account_for_losses(self);
-        warn_of_losses(self);
     }
+    warn_of_losses(self);
     for (const std::string &sentence : {summary.error, kept}) {
         if (!sentence.empty()) {
             terminal_say("tdmbrec: " + sentence);

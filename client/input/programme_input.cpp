@@ -4,6 +4,7 @@
 #include "component/tdmbrec_interface.h"
 
 #include <algorithm>
+#include <array>
 #include <limits>
 #include <string_view>
 #include <sys/stat.h>
@@ -150,11 +151,16 @@ static bool open_audio(programme_input &programme, const live_pair &live,
     return is_lacking;
 }
 
+// returns: the files of the streams; null where there is no sound
+static std::array<media_file *, 2> files_of(const programme_input &programme)
+{
+    return {programme.video->file.get(),
+            programme.audio != nullptr ? programme.audio->decoder->file.get() : nullptr};
+}
+
 static void begin_streams(programme_input &programme)
 {
-    media_file *const audio =
-        programme.audio != nullptr ? programme.audio->decoder->file.get() : nullptr;
-    for (media_file *const one : {programme.video->file.get(), audio}) {
+    for (media_file *const one : files_of(programme)) {
         if (one != nullptr) {
             one->clock.may_wait = true;
         }
@@ -194,9 +200,8 @@ std::unique_ptr<programme_input> programme_open(const programme_source &source)
 bool programme_stop_live(programme_input &programme)
 {
     bool has_any = false;
-    for (const media_file *const file :
-         {programme.video->file.get(), programme.audio->decoder->file.get()}) {
-        if (file->live != nullptr) {
+    for (const media_file *const file : files_of(programme)) {
+        if (file != nullptr && file->live != nullptr) {
             live_source_stop(*file->live);
             has_any = true;
         }

@@ -143,6 +143,11 @@ TEST_F(SplitRecording, EndsAtTheDurationAndNeedsNoSound)
     EXPECT_TRUE(frames("whole.mp4", "a").starts_with(frames("brief.mp4", "a")));
     const json silent = summary("--video programme.h264 --no-audio -o silent.mp4 --split-every 5");
     EXPECT_EQ(all_frames(silent, "v"), frames("whole.mp4", "v"));
+    // The stop mostly comes while the third file is being prepared.
+    const command_result stopped = shell(
+        RECORD SAMPLE "-o stop.mp4 --split-every 1 & for i in $(seq 999); do [ -e stop-002.mp4 "
+                      "] && break; sleep 0.01; done; kill -TERM $!; wait $!");
+    EXPECT_EQ(stopped.status, 0) << stopped.err;
     for (const char *const wrong : {"0", "-1", "1:60", "1h2h", "5x", "1e9", "nan", "1:2:3:4", ""}) {
         EXPECT_EQ(record(SAMPLE "-o x.mp4 --duration '" + std::string(wrong) + "'").status, 2);
     }
