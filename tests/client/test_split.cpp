@@ -143,6 +143,7 @@ TEST_F(SplitRecording, EndsAtTheDurationAndNeedsNoSound)
     EXPECT_TRUE(frames("whole.mp4", "a").starts_with(frames("brief.mp4", "a")));
     const json silent = summary("--video programme.h264 --no-audio -o silent.mp4 --split-every 5");
     EXPECT_EQ(all_frames(silent, "v"), frames("whole.mp4", "v"));
+    EXPECT_TRUE(contains(shell(TDMBREC "info silent.mp4").out, "  State    complete\n"));
     for (const char *const wrong : {"0", "-1", "1:60", "1h2h", "5x", "1e9", "nan", "1:2:3:4", ""}) {
         EXPECT_EQ(record(SAMPLE "-o x.mp4 --duration '" + std::string(wrong) + "'").status, 2);
     }
