@@ -26,6 +26,9 @@ static constexpr char kRecordFooter[] = R"(Exit status:
        recording is kept
 After 3, 4, 7, 12, 15 and 16 the output holds everything recorded until then, if anything was.
 
+A live input, which is no file, is recorded as it arrives. The summary says whether the recording
+is complete or damaged, which the exit status does not; --json lists what is missing.
+
 During the recording the file is in the folder OUTPUT.recording beside the output, which is
 locked. Nothing that was recorded is ever deleted: a file that cannot become the output stays in
 that folder, also when the command is killed, and the next "record" or "info" of the output reports
@@ -67,7 +70,9 @@ static constexpr char kInfoFooter[] =
   2    wrong command line
   3    the file cannot be read
   5    the report or the page cannot be written
-A note reports a recording to the file that is under way, or was left unfinished.)";
+
+A valid file that misses parts of its programme has the state "damaged", but nothing is wrong with
+it. A note reports a recording to the file that is under way, or was left unfinished.)";
 
 static constexpr char kRecoverFooter[] =
     R"(BROKEN is the file of an interrupted recording; the folder NAME.recording that "record" left; or a
@@ -169,7 +174,7 @@ static void add_record(CLI::App &app, record_options &options, std::string &inpu
         ->type_name("INPUT");
     command
         .add_option("--audio", options.audio,
-                    "take the audio from this input: WAV or one of the above")
+                    "take the audio from this input: WAV, ADTS or one of the above")
         ->type_name("INPUT");
     add_live(command, options);
     add_output(command, options.output, options.force, "the MP4 file to make");

@@ -221,11 +221,12 @@ static void compare_arrival(const movie &file, media_report &report)
     }
 }
 
-static void compare_ends(media_report &report)
+static void compare_ends(const movie &file, media_report &report)
 {
     const track_report *const video = find_track(report, "Video");
     const track_report *const audio = find_track(report, "Audio");
-    if (video != nullptr && audio != nullptr && video->frames > 0 && audio->frames > 0) {
+    if (video != nullptr && audio != nullptr && video->frames > 0 && audio->frames > 0 &&
+        has_sound(*mp4_reader::find_track(file, "soun"))) {
         report.ends_apart_s = audio->duration_s - video->duration_s;
     }
 }
@@ -270,7 +271,7 @@ media_report media_report_make(const std::string &path, std::span<const uint8_t>
         report.tracks.push_back(report_track(each, report.bin_s, image));
     }
     compare_arrival(file, report);
-    compare_ends(report);
+    compare_ends(file, report);
     read_fragments(file, report);
     media_findings found = media_check(file, image);
     report.faults = file.faults;

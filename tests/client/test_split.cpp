@@ -148,6 +148,7 @@ TEST_F(SplitRecording, EndsAtTheDurationAndNeedsNoSound)
         RECORD SAMPLE "-o stop.mp4 --split-every 1 & for i in $(seq 999); do [ -e stop-002.mp4 "
                       "] && break; sleep 0.01; done; kill -TERM $!; wait $!");
     EXPECT_EQ(stopped.status, 0) << stopped.err;
+    EXPECT_TRUE(contains(shell(TDMBREC "info silent.mp4").out, "  State    complete\n"));
     for (const char *const wrong : {"0", "-1", "1:60", "1h2h", "5x", "1e9", "nan", "1:2:3:4", ""}) {
         EXPECT_EQ(record(SAMPLE "-o x.mp4 --duration '" + std::string(wrong) + "'").status, 2);
     }
