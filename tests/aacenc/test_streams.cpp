@@ -286,18 +286,3 @@ TEST(Streams, ToolsAppearWhenTheyAreOn)
     EXPECT_EQ(noise_bands({.bit_rate = 64000, .pns = 1, .mpeg2_id = 1}), 0);
     EXPECT_EQ(noise_bands({.bit_rate = 64000}), 0);
 }
-
-TEST(Streams, TheProgrammeGivesTheSameStreamEverywhere)
-{
-    const std::vector<int16_t> &pcm = sample_programme().pcm;
-    Encoder encoder(EncoderOptions{});
-    uint64_t hash = kHashStart;
-    size_t bytes = 0;
-    for (size_t at = 0; at + 2048 <= pcm.size(); at += 2048) {
-        const std::vector<uint8_t> unit = encoder.encode(pcm.data() + at);
-        hash = stream_hash(hash, unit);
-        bytes += unit.size();
-    }
-    EXPECT_EQ(hash, kProgrammeStreamHash) << std::hex << hash;
-    EXPECT_EQ(bytes, kProgrammeStreamBytes);
-}
