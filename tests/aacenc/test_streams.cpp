@@ -1,5 +1,4 @@
 #include "aacenc/band_tables.h"
-#include "aacenc/filterbank.h"
 #include "aacenc/huffman_tables.h"
 #include "recovery/aac_frame.h"
 #include "tests/aacenc/encoder_harness.h"
@@ -7,7 +6,6 @@
 #include "tests/support/stream_hash.h"
 
 #include <algorithm>
-#include <cmath>
 #include <cstdint>
 #include <cstdlib>
 #include <fstream>
@@ -33,22 +31,6 @@ struct Stream {
     std::vector<aac_frame_values> frames;
     std::vector<uint8_t> adts;
 };
-
-// The lines that a decoder makes of the quantised values: before TNS synthesis and mid/side,
-// without noise.
-static std::vector<double> lines_of(const aac_channel_values &channel, int sampling_index)
-{
-    std::vector<double> lines;
-    const uint8_t *row = sr_info_aac[sr_info_index[sampling_index - kAacFirstSamplingIndex]];
-    for (int band = 0; band < row[0]; band++) {
-        const double step = std::exp2(0.25 * (channel.scalefactor[band] - 100));
-        for (int i = 0; i < row[band + 1]; i++) {
-            const int value = channel.quantised[lines.size()];
-            lines.push_back(std::copysign(std::pow(std::abs(value), 4.0 / 3) * step, value));
-        }
-    }
-    return lines;
-}
 
 // The stream carries the values that the coder quantised last.
 static void expect_quantised(Encoder &encoder, const aac_frame_values &frame)
@@ -78,11 +60,11 @@ static void expect_account(Encoder &encoder, int32_t frame_bits, int32_t unit_bi
 
 // Encodes a signal and parses every access unit.
 static Stream encode_and_parse(const EncoderOptions &options, const std::vector<int16_t> &pcm,
-                               int32_t mid_side = 0)
+                               size_t mid_side = 0)
 {
     Stream stream;
     Encoder encoder(options);
-    encoder.state()->midSide = mid_side;
+    encoder.state()->midSide = static_cast<int32_t>(mid_side);
     const size_t samples = 1024 * static_cast<size_t>(options.channels);
     uint32_t total_bits = 0;
     for (size_t at = 0; at + samples <= pcm.size(); at += samples) {
@@ -196,10 +178,15 @@ static void keep_stream(const std::string &path, const MatrixPoint &point, const
         << stream.adts.size() << ' ' << stream.frames.size() << ' ' << describe(point) << '\n';
 }
 
+// Of the streams of an ordinary run, which every machine makes bit for bit.
+static constexpr uint64_t kMatrixHash = 0x12f4e4d4a172f5f9;
+
 // Every combination of sample rate, bit rate, channels, framing, ID bit, tools and signal: one in
-// 29 of them in an ordinary run, all with AAC_MATRIX=whole. AAC_STREAMS names a folder for them.
+// 29 of them in an ordinary run, all with AAC_MATRIX=whole. Every second one may use mid/side.
+// AAC_STREAMS names a folder for them.
 TEST(Streams, EveryConfigurationObeysTheSyntax)
 {
+    uint64_t hash = kHashStart;
     const char *folder = std::getenv("AAC_STREAMS");
     const bool whole = std::getenv("AAC_MATRIX") != nullptr;
     const std::vector<MatrixPoint> points = matrix_points();
@@ -210,51 +197,14 @@ TEST(Streams, EveryConfigurationObeysTheSyntax)
             std::to_string(point.options.sample_rate) + "_" + std::to_string(channels);
         SCOPED_TRACE(group + ": " + describe(point));
         const Stream stream = encode_and_parse(
-            point.options, render(matrix_signal(point.signal, turn), channels, whole ? 32 : 12));
+            point.options, render(matrix_signal(point.signal, turn), channels, whole ? 32 : 12),
+            turn % 2); // mid/side
+        hash = stream_hash(hash, stream.adts);
         if (folder != nullptr) {
             keep_stream(std::string(folder) + "/" + group, point, stream);
         }
     }
-}
-
-// returns: energy of the input's lines below the bandwidth over that of a decoder's error
-static double spectral_snr_db(int32_t bit_rate, int32_t mid_side = 0)
-{
-    constexpr int kSamplingIndex = 3;
-    const EncoderOptions options = {.bit_rate = bit_rate};
-    const std::vector<int16_t> pcm = render(programme(0, 0), 2, 100);
-    const std::vector<aac_frame_values> frames = encode_and_parse(options, pcm, mid_side).frames;
-    const size_t bandwidth = static_cast<size_t>(Encoder(options).tf()->bwLines);
-    double energy = 0;
-    double error_energy = 0;
-    for (size_t frame = 1; frame < frames.size(); frame++) {
-        EXPECT_EQ(frames[frame].has_mid_side, mid_side);
-        const std::vector<double> first = lines_of(frames[frame].channel[0], kSamplingIndex);
-        const std::vector<double> second = lines_of(frames[frame].channel[1], kSamplingIndex);
-        for (size_t ch = 0; ch < 2; ch++) {
-            int16_t samples[2048];
-            for (size_t i = 0; i < 2048; i++) {
-                samples[i] = pcm[2 * (1024 * (frame - 1) + i) + ch];
-            }
-            int32_t lines[1024];
-            buffer2freq(samples + 1024, lines, samples, 1);
-            for (size_t k = 0; k < bandwidth; k++) {
-                const double decoded = mid_side ? first[k] + (ch == 0 ? second[k] : -second[k])
-                                                : (ch == 0 ? first : second)[k];
-                energy += std::pow(lines[k], 2);
-                error_energy += std::pow(decoded - lines[k], 2);
-            }
-        }
-    }
-    return 10 * std::log10(energy / error_energy);
-}
-
-TEST(Streams, DecodedLinesAreThoseOfTheInput)
-{
-    EXPECT_GT(spectral_snr_db(64000), 15.5);
-    EXPECT_GT(spectral_snr_db(128000), 18.0);
-    EXPECT_GT(spectral_snr_db(256000), 20.0);
-    EXPECT_GT(spectral_snr_db(128000, 1), 18.0);
+    EXPECT_TRUE(whole || hash == kMatrixHash) << std::hex << hash;
 }
 
 TEST(Streams, ToolsAppearWhenTheyAreOn)
@@ -279,19 +229,4 @@ TEST(Streams, ToolsAppearWhenTheyAreOn)
     EXPECT_GT(noise_bands({.bit_rate = 64000, .pns = 1}), 19 * 2 * 20);
     EXPECT_EQ(noise_bands({.bit_rate = 64000, .pns = 1, .mpeg2_id = 1}), 0);
     EXPECT_EQ(noise_bands({.bit_rate = 64000}), 0);
-}
-
-TEST(Streams, TheProgrammeGivesTheSameStreamEverywhere)
-{
-    const std::vector<int16_t> &pcm = sample_programme().pcm;
-    Encoder encoder(EncoderOptions{});
-    uint64_t hash = kHashStart;
-    size_t bytes = 0;
-    for (size_t at = 0; at + 2048 <= pcm.size(); at += 2048) {
-        const std::vector<uint8_t> unit = encoder.encode(pcm.data() + at);
-        hash = stream_hash(hash, unit);
-        bytes += unit.size();
-    }
-    EXPECT_EQ(hash, kProgrammeStreamHash) << std::hex << hash;
-    EXPECT_EQ(bytes, kProgrammeStreamBytes);
 }

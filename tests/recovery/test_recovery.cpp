@@ -139,36 +139,6 @@ TEST(Recovery, PassesOverHoles)
     }
 }
 
-TEST(Recovery, FinishesInPlaceWhereverItIsInterrupted)
-{
-    for (const recording_options &how : kSetups) {
-        const interrupted_recording r = make_interrupted(how);
-        const Bytes media = cut(r.media, r.media.size() - 5);
-        const bool has_tiny_caches = how.channels == 0;
-        const std::optional<Bytes> journals[] = {
-            r.journal, cut(r.journal, r.journal_ends[r.journal_ends.size() / 2]), std::nullopt};
-        for (const std::optional<Bytes> &journal : journals) {
-            const interrupted_files left = {media, journal, programme_sets()};
-            const Bytes expected = recover(left).file;
-            ASSERT_TRUE(journal != r.journal || expected == stop_after(r, r.frames.size() - 1));
-            interrupted_files without_head = {zeroed(media, 0, kHeadBytes), journal,
-                                              programme_sets()};
-            ASSERT_TRUE(expected == recover_in_place(&without_head).file) << how.name;
-            int32_t code = RECOVERY_ERR_WRITE;
-            size_t calls = 0;
-            while (code != RECOVERY_DONE) {
-                interrupted_files files = left;
-                code = recover_in_place(&files, ++calls, has_tiny_caches).code;
-                ASSERT_TRUE(code == RECOVERY_DONE || code == RECOVERY_ERR_WRITE) << code;
-                const recovered again = recover_in_place(&files);
-                ASSERT_TRUE(again.file == expected)
-                    << how.name << ", call " << calls << ": " << again.report.message;
-            }
-            EXPECT_GT(calls, has_tiny_caches ? 100u : 5u) << how.name;
-        }
-    }
-}
-
 Bytes flipped(Bytes bytes, size_t place)
 {
     bytes[place] ^= 1;

@@ -80,7 +80,7 @@ void IlClient::set_state(OMX_STATETYPE state)
     change_state(state, [] {});
 }
 
-void IlClient::to_executing(uint32_t buffer_bytes)
+void IlClient::to_executing()
 {
     change_state(OMX_StateIdle, [&] {
         size_t buffers = 0;
@@ -94,9 +94,9 @@ void IlClient::to_executing(uint32_t buffer_bytes)
             buffers_[port].resize(definition.nBufferCountActual);
             buffers += definition.nBufferCountActual;
             for (OMX_BUFFERHEADERTYPE *&header : buffers_[port]) {
-                ASSERT_EQ(OMX_AllocateBuffer(handle_, &header, port, nullptr,
-                                             std::max(buffer_bytes, definition.nBufferSize)),
-                          OMX_ErrorNone);
+                ASSERT_EQ(
+                    OMX_AllocateBuffer(handle_, &header, port, nullptr, definition.nBufferSize),
+                    OMX_ErrorNone);
             }
         }
         const std::lock_guard lock(mutex_);
@@ -139,8 +139,7 @@ OMX_BUFFERHEADERTYPE *IlClient::take_free_buffer(OMX_U32 port)
     return header;
 }
 
-OMX_BUFFERHEADERTYPE *IlClient::post(OMX_U32 port, std::span<const uint8_t> data, int64_t time_us,
-                                     OMX_U32 flags)
+OMX_BUFFERHEADERTYPE *IlClient::post(OMX_U32 port, std::span<const uint8_t> data, int64_t time_us)
 {
     OMX_BUFFERHEADERTYPE *const header = take_free_buffer(port);
     if (header == nullptr) {
@@ -152,10 +151,7 @@ OMX_BUFFERHEADERTYPE *IlClient::post(OMX_U32 port, std::span<const uint8_t> data
     header->nOffset = 0;
     header->nFilledLen = static_cast<OMX_U32>(data.size());
     header->nTimeStamp = time_us;
-    header->nFlags = flags;
-    if (before_empty) {
-        before_empty(header);
-    }
+    header->nFlags = 0;
     EXPECT_EQ(OMX_EmptyThisBuffer(handle_, header), OMX_ErrorNone);
     return header;
 }
@@ -166,9 +162,9 @@ bool IlClient::wait_until_back(const OMX_BUFFERHEADERTYPE *header, int timeout_m
                 timeout_ms);
 }
 
-void IlClient::send(OMX_U32 port, std::span<const uint8_t> data, int64_t time_us, OMX_U32 flags)
+void IlClient::send(OMX_U32 port, std::span<const uint8_t> data, int64_t time_us)
 {
-    const OMX_BUFFERHEADERTYPE *const header = post(port, data, time_us, flags);
+    const OMX_BUFFERHEADERTYPE *const header = post(port, data, time_us);
     ASSERT_NE(header, nullptr);
     ASSERT_TRUE(wait_until_back(header)) << "port " << port << " at " << time_us << " us";
 }

@@ -42,17 +42,16 @@ class IlClient {
     }
 
     // Change the state and allocate or free its buffers; each waits for the component's answer.
-    void to_executing(uint32_t buffer_bytes = TDMBREC_PORT_BUFFER_BYTES);
+    void to_executing();
     void set_state(OMX_STATETYPE state);
     void to_loaded();
     void destroy();
 
     // Sends one buffer to a port and waits until it is returned.
-    void send(OMX_U32 port, std::span<const uint8_t> data, int64_t time_us, OMX_U32 flags = 0);
+    void send(OMX_U32 port, std::span<const uint8_t> data, int64_t time_us);
     // Sends one buffer and does not wait.
     // returns: its header
-    OMX_BUFFERHEADERTYPE *post(OMX_U32 port, std::span<const uint8_t> data, int64_t time_us,
-                               OMX_U32 flags = 0);
+    OMX_BUFFERHEADERTYPE *post(OMX_U32 port, std::span<const uint8_t> data, int64_t time_us);
     bool wait_until_back(const OMX_BUFFERHEADERTYPE *header, int timeout_ms = kHangMs);
 
     OMX_ERRORTYPE set_path(const std::string &path);
@@ -71,8 +70,6 @@ class IlClient {
     // thread: the component's
     std::function<void(const IlEvent &)> on_event;
     std::function<void(OMX_BUFFERHEADERTYPE *)> on_buffer_back;
-    // Changes a header just before it is sent.
-    std::function<void(OMX_BUFFERHEADERTYPE *)> before_empty;
 
   private:
     static OMX_ERRORTYPE event_handler(OMX_HANDLETYPE, OMX_PTR self, OMX_EVENTTYPE, OMX_U32,

@@ -71,29 +71,6 @@ mp4_reader::movie RecorderTest::expect_plays(const std::string &path)
     return movie;
 }
 
-std::vector<Bytes> RecorderTest::nal_units_of(const Bytes &image, const mp4_reader::sample &sample)
-{
-    std::vector<Bytes> units;
-    size_t at = static_cast<size_t>(sample.offset);
-    const size_t end = at + sample.size;
-    while (at + 4 <= end) {
-        size_t length = 0;
-        for (size_t i = 0; i < 4; i++) {
-            length = length << 8 | image[at + i];
-        }
-        at += 4;
-        if (length > end - at) {
-            ADD_FAILURE() << "a NAL unit is longer than its sample";
-            return units;
-        }
-        units.emplace_back(image.begin() + static_cast<ptrdiff_t>(at),
-                           image.begin() + static_cast<ptrdiff_t>(at + length));
-        at += length;
-    }
-    EXPECT_EQ(at, end);
-    return units;
-}
-
 void RecorderTest::expect_no_scratch_files()
 {
     for (const char *const folder : {"/mnt/sdcard", "/mnt/sdcard/tflash"}) {

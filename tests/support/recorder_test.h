@@ -29,8 +29,6 @@ class RecorderTest : public PlatformTest {
     // Expects that our reader and ffmpeg find no fault in the file.
     // returns: its movie
     static mp4_reader::movie expect_plays(const std::string &path = kBuiltInFile);
-    // returns: the NAL units of one video sample
-    static std::vector<Bytes> nal_units_of(const Bytes &image, const mp4_reader::sample &sample);
     static void expect_no_scratch_files();
 };
 

@@ -150,19 +150,14 @@ recovered recover_files(const interrupted_files &files)
     return result;
 }
 
-recovered recover_in_place(interrupted_files *files, size_t calls_left, bool has_tiny_caches)
+recovered recover_in_place(interrupted_files *files, size_t calls_left)
 {
     recovered result = {};
     const run_input run(*files, &result);
     media_target media = {&files->media, calls_left};
     const recovery_target_t target = {
         .context = &media, .write_at = write_at, .set_size = set_size, .sync = sync};
-    mp4_mux_init_t scratch = memory_output();
-    if (has_tiny_caches) {
-        scratch.m_iCacheSize = 8;
-        scratch.m_iVideoCacheSize = 17;
-        scratch.m_iAudioCacheSize = 9;
-    }
+    const mp4_mux_init_t scratch = memory_output();
     result.code = recovery_in_place(&run.input, &target, &scratch, nullptr, &result.report);
     check_muxer();
     result.file = files->media;

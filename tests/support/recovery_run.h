@@ -36,8 +36,6 @@ recovered recover_files(const interrupted_files &files);
 
 // Finishes the media file.
 // in: calls_left: until every call fails; a write that fails first has written its first half
-// in: has_tiny_caches: those of the muxer; else as large as the recorder's
-recovered recover_in_place(interrupted_files *files, size_t calls_left = SIZE_MAX,
-                           bool has_tiny_caches = false);
+recovered recover_in_place(interrupted_files *files, size_t calls_left = SIZE_MAX);
 
 #endif // TESTS_SUPPORT_RECOVERY_RUN_H

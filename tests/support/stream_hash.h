@@ -9,7 +9,6 @@
 
 // The audio: raw access units of the whole frames, stereo, 128000 bit/s.
 inline constexpr uint64_t kProgrammeStreamHash = 0xb9348974d61266c3;
-inline constexpr size_t kProgrammeStreamBytes = 158494;
 
 // The recording of the whole programme, sent in the order of its times.
 inline constexpr uint64_t kProgrammeFileHash = 0xf88a44d3386368f4;
