@@ -316,7 +316,7 @@ static void check_media_data(checker &self)
     }
 }
 
-bool has_sound(const track &audio)
+bool carries_audio(const track &audio)
 {
     return audio.samples.size() != 1 || audio.samples.front().size > kSilentFrameBytesMax;
 }
@@ -328,7 +328,7 @@ static void compare_ends(checker &self)
     if (video == nullptr || audio == nullptr || !is_read_whole(self.file)) {
         return;
     }
-    if (!has_sound(*audio)) {
+    if (!carries_audio(*audio)) {
         self.remark("the sound is one frame of silence: the programme was recorded without sound");
         return;
     }

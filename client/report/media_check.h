@@ -19,9 +19,8 @@ struct media_findings {
 // returns: what was found, without the faults that the reader reported
 media_findings media_check(const mp4_reader::movie &movie, std::span<const uint8_t> image);
 
-// returns: false where the recorder was given no sound: its only frame is then one of silence,
-// because
-//          players refuse an empty track
-bool has_sound(const mp4_reader::track &audio);
+// returns: false where the recorder was given no sound: the only frame is then one of silence,
+//          because players refuse an empty track
+bool carries_audio(const mp4_reader::track &audio);
 
 #endif // CLIENT_REPORT_MEDIA_CHECK_H

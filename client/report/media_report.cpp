@@ -226,7 +226,7 @@ static void compare_ends(const movie &file, media_report &report)
     const track_report *const video = find_track(report, "Video");
     const track_report *const audio = find_track(report, "Audio");
     if (video != nullptr && audio != nullptr && video->frames > 0 && audio->frames > 0 &&
-        has_sound(*mp4_reader::find_track(file, "soun"))) {
+        carries_audio(*mp4_reader::find_track(file, "soun"))) {
         report.ends_apart_s = audio->duration_s - video->duration_s;
     }
 }
