@@ -12,8 +12,8 @@ static double bit_rate(uint64_t bytes, double duration_s)
 
 static std::string track_text(const char *name, const track_summary &track, double duration_s)
 {
-    return format_text("  %s  %llu frames, %.0f kbit/s\n", name,
-                       static_cast<unsigned long long>(track.frames),
+    return format_text("  %s  %llu frame%s, %.0f kbit/s\n", name,
+                       static_cast<unsigned long long>(track.frames), track.frames == 1 ? "" : "s",
                        bit_rate(track.bytes, duration_s) / 1000);
 }
 

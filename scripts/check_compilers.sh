@@ -6,6 +6,12 @@
 #   sh scripts/check_compilers.sh [COMPILER ...]
 set -eu
 cd "$(dirname "$0")/.."
+case ${1:-} in
+-h | --help)
+    sed -n 's/^#   *//p' scripts/check_compilers.sh
+    exit 0
+    ;;
+esac
 
 for compiler in ${*:-g++-12 clang++-14 clang++-16 clang++-19}; do
     echo "$compiler"

@@ -56,7 +56,8 @@ static std::string describe_track(const track_report &track, size_t number)
 {
     std::string text = format_text("  Track %zu  ", number) + track.kind + ", " +
                        track_text(track) + "\n           " +
-                       format_text("%llu frames", static_cast<unsigned long long>(track.frames));
+                       format_text("%llu frame%s", static_cast<unsigned long long>(track.frames),
+                                   track.frames == 1 ? "" : "s");
     if (track.frame_s > 0) {
         text += format_text(" at %.2f a second", 1 / track.frame_s);
     }
