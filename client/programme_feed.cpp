@@ -148,9 +148,9 @@ static void send_unit(recording &self, const programme_unit &unit)
 {
     const bool is_video = unit.kind == unit_kind::video;
     const bool has_begun = self.part.sent_video_bytes > 0;
+    const int64_t length_us = is_video ? video_input_interval_us(*self.programme->video)
+                                       : programme_block_us(*self.programme);
     if (!has_begun && !unit.idr) {
-        const int64_t length_us = is_video ? video_input_interval_us(*self.programme->video)
-                                           : programme_block_us(*self.programme);
         loss_account_add(self.programme->losses,
                          {is_video ? loss_track::video : loss_track::audio,
                           is_video ? loss_kind::pictures_unrecorded : loss_kind::sound_unrecorded,
@@ -160,7 +160,7 @@ static void send_unit(recording &self, const programme_unit &unit)
     } else {
         send_sound(self, unit);
     }
-    self.sent_us = std::max(self.sent_us, unit.time_us);
+    self.sent_us = std::max(self.sent_us, unit.time_us + length_us);
 }
 
 // returns: whether the picture begins the next file

@@ -1,5 +1,6 @@
 #include "client/record_command.h"
 
+#include "client/input/live_io.h"
 #include "client/interruption.h"
 #include "client/programme_feed.h"
 #include "client/reconnection.h"
@@ -382,7 +383,7 @@ int record_run(const record_options &options)
     terminal_follow_component(options.verbosity);
     recording self = {.options = options,
                       .outputs = {.pattern = options.output,
-                                  .has_times = options.split.value_or(false) &&
+                                  .has_times = options.split.value_or(live_io_is(options.video)) &&
                                                options.output.find('%') != std::string::npos,
                                   .force = options.force}};
     self.summary.output = options.output;

@@ -46,7 +46,7 @@ struct recording {
     std::chrono::steady_clock::time_point shown; // the progress line
     std::optional<failure> broken_off;           // of the input, which may come back
     double silent_s = 0;                         // nothing has arrived from a live source
-    int64_t sent_us = 0;                         // of the programme
+    int64_t sent_us = 0;                         // of the programme, to the end of the last unit
     int64_t earlier_us = 0; // of the programmes before, whose input has come back
 };
 

@@ -53,7 +53,7 @@ static loss_account losses_of(const std::vector<recorded_file> &files)
             one.at_us += std::llround(file.begin_s * 1e6);
             loss_account_add(sum, one);
         }
-        sum.unlisted += file.losses.unlisted;
+        loss_account_add_unlisted(sum, file.losses);
     }
     return sum;
 }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <iterator>
+#include <utility>
 
 // More than an input can note before a programme takes the losses over.
 static constexpr size_t kNotedMax = 4000;
@@ -123,13 +124,42 @@ loss_account loss_account_of(const loss_account &account, int64_t begin_us, int6
         loss_account_add(part, one);
     }
     const bool may_hold_more = account.entries.empty() || end_us > account.entries.back().at_us;
-    part.unlisted = may_hold_more ? account.unlisted : 0;
+    if (may_hold_more) {
+        loss_account_add_unlisted(part, account);
+    }
     return part;
+}
+
+void loss_account_add_unlisted(loss_account &account, const loss_account &other)
+{
+    if (other.unlisted == 0) {
+        return;
+    }
+    std::array<loss_total, kLossKinds> rest = other.totals;
+    for (const loss &one : other.entries) {
+        loss_total &total = rest[static_cast<size_t>(one.kind)];
+        total.places--;
+        total.units -= one.units;
+        total.length_us -= one.length_us;
+    }
+    for (size_t kind = 0; kind < kLossKinds; kind++) {
+        loss_total &total = account.totals[kind];
+        total.places += rest[kind].places;
+        total.units += rest[kind].units;
+        total.length_us += rest[kind].length_us;
+    }
+    account.unlisted += other.unlisted;
 }
 
 void loss_account_forget(loss_account &account, int64_t until_us)
 {
-    std::erase_if(account.entries, [=](const loss &one) { return end_of(one) < until_us; });
+    loss_account rest;
+    for (const loss &one : account.entries) {
+        if (end_of(one) >= until_us) {
+            loss_account_add(rest, one);
+        }
+    }
+    account = std::move(rest);
 }
 
 loss_total loss_account_missing(const loss_account &account, loss_track track)

@@ -66,7 +66,10 @@ bool loss_account_is_complete(const loss_account &account);
 // returns: the account of a part of the programme, with times from its begin
 loss_account loss_account_of(const loss_account &account, int64_t begin_us, int64_t end_us);
 
-// Removes what ended before a time, which makes room in the list.
+// Adds the losses that another account does not list.
+void loss_account_add_unlisted(loss_account &account, const loss_account &other);
+
+// Removes what ended before a time, and what is not listed, which makes room in the list.
 void loss_account_forget(loss_account &account, int64_t until_us);
 
 // returns: how much of a track the recording lacks; what is damaged but kept does not count

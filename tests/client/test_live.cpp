@@ -136,8 +136,9 @@ TEST_F(LiveInput, IsFinishedAtOnceWhenItsSourceHangs)
               std::count(all.begin(), all.end(), '\n'));
     const command_result silent =
         shell("(head -c 300000 in.ts; exec sleep 30) > one & timeout --foreground -s TERM 3 " RECORD
-              "one --no-audio -f -o live.mp4; kill $!");
+              "one --no-audio -o live%%.mp4; kill $!");
     EXPECT_TRUE(contains(silent.out, "stopped by the user")) << silent.err;
+    EXPECT_TRUE(contains(silent.out, "live%.mp4: 0:")) << silent.out;
     // Before the first picture there is nothing to finish.
     const command_result none =
         shell("sleep 30 > one & timeout --foreground -s TERM 2 " RECORD "one -o none.mp4; kill $!");

@@ -59,7 +59,11 @@ TEST(LossAccount, IsCutOutByTimeAndStaysBounded)
     EXPECT_TRUE(loss_account_is_complete(loss_account_of(account, 10'500'000, 10'900'000)));
     EXPECT_FALSE(loss_account_is_complete(loss_account_of(account, 1'200'000'000, 1'300'000'000)));
 
+    const loss_account whole = loss_account_of(account, 0, 1'500'000'000);
+    EXPECT_EQ(loss_account_missing(whole, loss_track::audio).length_us, 1500 * 500'000);
+
     loss_account_forget(account, 900'000'000);
+    EXPECT_TRUE(loss_account_is_complete(loss_account_of(account, 1'200'000'000, 1'300'000'000)));
     loss_account_add(account, pictures(loss_kind::pictures_missing, 1'600'000'000, 1));
     EXPECT_EQ(account.entries.front().at_us, 900'000'000);
     EXPECT_EQ(account.entries.back().kind, loss_kind::pictures_missing);

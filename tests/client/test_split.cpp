@@ -171,5 +171,6 @@ TEST_F(SplitRecording, WaitsForALiveInputToComeBack)
             << file;
     }
     EXPECT_EQ(frames("part.mp4", "a"), frames("part-002.mp4", "a"));
+    EXPECT_GE(reported["files"][1]["begin_seconds"], 10);
     EXPECT_EQ(record("- -o x.mp4 --reconnect 3").status, 2);
 }
