@@ -170,9 +170,12 @@ static bool begins_next_file(const recording &self, const programme_unit &unit)
     if (!self.splits || !unit.idr || self.part.sent_video_bytes == 0) {
         return false;
     }
+    // A key picture may be placed a little early by the stream's clock.
+    const int64_t every_us = std::max<int64_t>(options.split_every_us, 1);
+    const int64_t early_us = video_input_interval_us(*self.programme->video) / 2;
     const bool is_time =
         options.split_every_us > 0 &&
-        unit.time_us / options.split_every_us > self.part.picture_us / options.split_every_us;
+        (unit.time_us + early_us) / every_us > (self.part.picture_us + early_us) / every_us;
     const int most_mb = options.split_size_mb > 0 ? options.split_size_mb : kSplitSizeMbMax;
     return unit.new_format || is_time ||
            recorded_bytes(self) >= static_cast<uint64_t>(most_mb) * 1'000'000;
