@@ -179,7 +179,8 @@ static void add_record(CLI::App &app, record_options &options, std::string &inpu
     add_live(command, options);
     add_output(command, options.output, options.force, "the MP4 file to make");
     add_frame_rate(command, options.frame_rate);
-    command.add_flag("--realtime", options.realtime, "record no faster than the programme runs");
+    command.add_flag("--realtime", options.realtime,
+                     "record a file no faster than the programme runs");
     add_length(command, "--duration", options.duration_us, "end after this much of the programme");
     command.add_flag_function(
         "--split,!--no-split", [&options](int64_t count) { options.split = count > 0; },

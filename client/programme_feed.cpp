@@ -290,6 +290,8 @@ static std::optional<programme_unit> next_unit(recording &self, feed_end &end)
 
 feed_end programme_feed_send(recording &self)
 {
+    // What a live input sends is recorded as it arrives.
+    const bool is_paced = self.options.realtime && self.programme->video->file->live == nullptr;
     while (!il_session_stop_reason(*self.component)) {
         const int signal = interruption_signal();
         if (signal != 0 && !programme_stop_live(*self.programme)) {
@@ -305,12 +307,11 @@ feed_end programme_feed_send(recording &self)
             self.held = unit;
             return feed_end::next_file;
         }
-        if (self.options.realtime &&
-            pause_until(self, self.begun + std::chrono::microseconds(unit->time_us))) {
+        if (is_paced && pause_until(self, self.begun + std::chrono::microseconds(unit->time_us))) {
             continue;
         }
         send_unit(self, *unit);
-        if (self.options.realtime) {
+        if (is_paced) {
             il_session_flush(*self.component);
         }
         programme_feed_watch(self);

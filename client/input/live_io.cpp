@@ -268,6 +268,7 @@ static void connect(live_io &io)
     // Datagrams that come while the recorder is busy are lost; the connection is not.
     av_dict_set(&options, "overrun_nonfatal", "1", 0);
     const AVIOInterruptCB interrupt = {on_interrupt, &io};
+    av_log_set_level(AV_LOG_QUIET); // this program reports in its own words
     avformat_network_init();
     const int error = avio_open2(&io.remote, url.c_str(), AVIO_FLAG_READ, &interrupt, &options);
     av_dict_free(&options);
