@@ -104,8 +104,9 @@ TEST_F(KeptRecording, SurvivesChangesOfTheStorage)
          " unshare " RECORD SLOW,
          8, ") is kept as /mnt/sdcard/tdmbrec-", true},
         // The space is full before the component checks it again.
-        {"65m", UNDER_WAY "kill -STOP $p; cat /dev/zero > full; kill -CONT $p; wait $p", 8,
-         "the free space is used up (the recorder leaves 52.4 MB)\ntdmbrec: the recorded data (",
+        // By then the cache holds more pictures than there is room for in the file's last block.
+        {"65m", UNDER_WAY "sleep 0.3; kill -STOP $p; cat /dev/zero > full; kill -CONT $p; wait $p",
+         8, "the free space is used up (the recorder leaves 52.4 MB)\ntdmbrec: the recorded data (",
          true},
         // The storage in use cannot be unmounted. Detached, it still gets the finished file.
         {"120m", UNDER_WAY "cd ..; umount d; umount -l d; kill -TERM $p; wait $p", 5,
