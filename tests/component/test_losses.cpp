@@ -10,7 +10,7 @@
 
 using Step = std::function<void(IlClient &)>;
 
-struct Row {
+struct LossRow {
     std::vector<Step> steps;
     std::string line; // of the log; empty: none
 };
@@ -100,7 +100,7 @@ TEST_F(Losses, AreCountedInOneLineAndOnlyThoseOfTheirRecording)
     Bytes short_code = picture;
     short_code.erase(short_code.begin());
     const Step base = video({0, 0, 0, 1, 9, 0xF0}, -100);
-    const std::vector<Row> rows = {
+    const std::vector<LossRow> rows = {
         {{[](IlClient &client) { send_programme(client, 40); }}, ""},
         {{sound(0), base, video(picture, 40), sound(80), sound(-120), video(key_picture, 120),
           sound(119), sound(120)},
@@ -129,7 +129,7 @@ TEST_F(Losses, AreCountedInOneLineAndOnlyThoseOfTheirRecording)
     const auto client = make_client();
     client->to_executing();
     client->set_path(kRecording);
-    for (const Row &row : rows) {
+    for (const LossRow &row : rows) {
         reset_wrapped_calls();
         EXPECT_EQ(client->start(), OMX_ErrorNone);
         for (const Step &step : row.steps) {
