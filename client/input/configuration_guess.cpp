@@ -22,7 +22,7 @@ static constexpr int kUsualQp = 26, kQpMax = 51;
 static constexpr size_t kWidthsMax = 8;
 static constexpr unsigned kContradictionsMore = 2;
 
-struct search {
+struct guess {
     std::span<const std::vector<uint8_t>> pictures;
     const std::function<void()> &on_trial;
     std::optional<configuration_guess> best;
@@ -34,7 +34,7 @@ static size_t badness(const trial_verdict &verdict)
 }
 
 // returns: whether the search is over
-static bool try_values(search &self, const set_values &values)
+static bool try_values(guess &self, const set_values &values)
 {
     self.on_trial();
     std::vector<uint8_t> sets = parameter_sets_write(values);
@@ -47,7 +47,7 @@ static bool try_values(search &self, const set_values &values)
 }
 
 // Tries what only the pictures after the first one depend on.
-static bool try_prediction(search &self, set_values values)
+static bool try_prediction(guess &self, set_values values)
 {
     for (const bool has_weights : {false, true}) {
         for (const unsigned references : kReferenceCounts) {
@@ -65,7 +65,7 @@ static bool try_prediction(search &self, set_values values)
 }
 
 // Tries the values with the first picture alone, which most values fail.
-static bool try_first(search &self, const set_values &values)
+static bool try_first(guess &self, const set_values &values)
 {
     self.on_trial();
     const trial_verdict first =
@@ -74,7 +74,7 @@ static bool try_first(search &self, const set_values &values)
 }
 
 // Arithmetic coding begins with the quantiser's parameter, so that a wrong one shows.
-static bool try_quantisers(search &self, set_values values)
+static bool try_quantisers(guess &self, set_values values)
 {
     const int last = values.has_arithmetic ? 2 * kUsualQp : 0;
     for (int step = 0; step <= last; step++) {
@@ -87,7 +87,7 @@ static bool try_quantisers(search &self, set_values values)
 }
 
 // Tries what the first picture depends on.
-static bool try_widths(search &self, set_values values)
+static bool try_widths(guess &self, set_values values)
 {
     for (const auto &[width, height] : kSizes) {
         for (unsigned bits = 0; bits < 8; bits++) {
@@ -108,7 +108,7 @@ std::optional<configuration_guess>
 configuration_guess_make(std::span<const std::vector<uint8_t>> pictures,
                          const std::function<void()> &on_trial)
 {
-    search self = {.pictures = pictures, .on_trial = on_trial};
+    guess self = {.pictures = pictures, .on_trial = on_trial};
     set_values values;
     const std::vector<number_widths> widths = slice_numbers_find(pictures, values.pps_number);
     for (size_t i = 0; i < std::min(widths.size(), kWidthsMax); i++) {
