@@ -2,6 +2,7 @@
 #ifndef AACENC_FIXED_POINT_H
 #define AACENC_FIXED_POINT_H
 
+#include <cstddef>
 #include <cstdint>
 
 #ifdef TDMBREC_CHECKED
@@ -101,15 +102,29 @@ constexpr int32_t mul_sub_q31(int32_t a, int32_t c_q31, int32_t b, int32_t d_q31
     return narrow_s32((static_cast<int64_t>(mulhi(a, c_q31)) - mulhi(b, d_q31)) * 2);
 }
 
+// The value over 2^28, rounded down, which fits in 32 bits. On a 32-bit processor the halves are
+// shifted one by one: compilers would continue with 64 bits and multiply them in three products.
+constexpr int32_t over_2_28(int64_t value)
+{
+    AACENC_CHECK(value >> 28 == static_cast<int32_t>(value >> 28));
+    if constexpr (sizeof(size_t) > sizeof(int32_t)) {
+        return static_cast<int32_t>(value >> 28);
+    } else {
+        const auto high = static_cast<uint32_t>(static_cast<uint64_t>(value) >> 32);
+        const auto low = static_cast<uint32_t>(value);
+        return static_cast<int32_t>(high << 4 | low >> 28);
+    }
+}
+
 // a * c + b * d and a * c - b * d of 16-bit samples, times 2^-28, rounded down.
 constexpr int32_t mul_add_q28(int16_t a, int32_t c_q28, int16_t b, int32_t d_q28)
 {
-    return narrow_s32((mul_s64(a, c_q28) + mul_s64(b, d_q28)) >> 28);
+    return over_2_28(mul_s64(a, c_q28) + mul_s64(b, d_q28));
 }
 
 constexpr int32_t mul_sub_q28(int16_t a, int32_t c_q28, int16_t b, int32_t d_q28)
 {
-    return narrow_s32((mul_s64(a, c_q28) - mul_s64(b, d_q28)) >> 28);
+    return over_2_28(mul_s64(a, c_q28) - mul_s64(b, d_q28));
 }
 
 #endif // AACENC_FIXED_POINT_H
