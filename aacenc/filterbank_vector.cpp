@@ -43,8 +43,8 @@ static constexpr twiddle_table<kCount> list_twiddles(const twiddle (&first)[2])
     twiddle before = first[0];
     twiddle t = first[1];
     for (size_t i = 0; i < kCount; i++) {
-        table.cos_q31[i] = t.cos_q31;
-        table.sin_q31[i] = t.sin_q31;
+        table.cos_q31[i] = narrow_s32(t.cos_q31);
+        table.sin_q31[i] = narrow_s32(t.sin_q31);
         advance(&before, t);
         const twiddle next = before;
         before = t;
