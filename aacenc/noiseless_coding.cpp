@@ -23,25 +23,14 @@ struct book_bits {
 
 } // namespace
 
-// Quantised lines are read in the same way as scaled_lines.
-static int32_t line_value(const int32_t *values, int32_t k)
-{
-    return values[k];
-}
-
-static int32_t line_magnitude(const int32_t *values, int32_t k)
-{
-    return std::abs(values[k]);
-}
-
-// returns: index of the codeword for kGroup lines from k on, of kBase values each; the index of a
+// returns: index of the codeword for kGroup values of kBase possible ones each; the index of a
 // signed codebook includes the signs
-template <int32_t kGroup, int32_t kBase, bool kSigned, typename Lines>
-static int32_t codeword_index(const Lines &lines, int32_t k)
+template <int32_t kGroup, int32_t kBase, bool kSigned>
+static int32_t codeword_index(const int32_t *values)
 {
     int32_t index = 0;
-    for (int32_t i = k; i < k + kGroup; i++) {
-        index = index * kBase + (kSigned ? line_value(lines, i) : line_magnitude(lines, i));
+    for (int32_t i = 0; i < kGroup; i++) {
+        index = index * kBase + (kSigned ? values[i] : std::abs(values[i]));
     }
     return kSigned ? index + kSignedZero : index;
 }
@@ -62,45 +51,43 @@ static int32_t escape_index(int32_t first, int32_t second)
 }
 
 // Sums the bits of both codebooks in the halves of one word; 1024 lines do not fill a half.
-template <int32_t kGroup, int32_t kBase, bool kSigned, typename Lines>
-static book_bits count_class(const uint32_t *class_table, const Lines &lines, int32_t count)
+template <int32_t kGroup, int32_t kBase, bool kSigned>
+static book_bits count_class(const uint32_t *class_table, const int32_t *values, int32_t count)
 {
     uint32_t bits = 0;
     for (int32_t k = 0; k < count; k += kGroup) {
-        bits += class_table[codeword_index<kGroup, kBase, kSigned>(lines, k)];
+        bits += class_table[codeword_index<kGroup, kBase, kSigned>(values + k)];
     }
     return {static_cast<int32_t>(bits & 0xFFFF), static_cast<int32_t>(bits >> 16)};
 }
 
-template <typename Lines>
-static int32_t count_escape_book(const Lines &lines, int32_t count)
+static int32_t count_escape_book(const int32_t *values, int32_t count)
 {
     int32_t bits = 0;
     for (int32_t k = 0; k < count; k += 2) {
-        const int32_t first = line_magnitude(lines, k);
-        const int32_t second = line_magnitude(lines, k + 1);
+        const int32_t first = std::abs(values[k]);
+        const int32_t second = std::abs(values[k + 1]);
         bits += bits11[escape_index(first, second)] + escape_bits(first) + escape_bits(second);
     }
     return bits;
 }
 
 // in: odd_book: the odd-numbered codebook of the class
-template <typename Lines>
-static book_bits class_bits(int32_t odd_book, const Lines &lines, int32_t count)
+static book_bits class_bits(int32_t odd_book, const int32_t *values, int32_t count)
 {
     switch (odd_book) {
     case 1:
-        return count_class<4, 3, true>(bits1_2, lines, count);
+        return count_class<4, 3, true>(bits1_2, values, count);
     case 3:
-        return count_class<4, 3, false>(bits3_4, lines, count);
+        return count_class<4, 3, false>(bits3_4, values, count);
     case 5:
-        return count_class<2, 9, true>(bits5_6, lines, count);
+        return count_class<2, 9, true>(bits5_6, values, count);
     case 7:
-        return count_class<2, 8, false>(bits7_8, lines, count);
+        return count_class<2, 8, false>(bits7_8, values, count);
     case 9:
-        return count_class<2, 13, false>(bits9_10, lines, count);
+        return count_class<2, 13, false>(bits9_10, values, count);
     case kEscapeBook:
-        return {count_escape_book(lines, count), 0};
+        return {count_escape_book(values, count), 0};
     default:
         return {0, 0};
     }
@@ -111,13 +98,13 @@ static uint8_t odd_book_for(int32_t max)
     return max <= 1 ? 1 : max <= 2 ? 3 : max <= 4 ? 5 : max <= 7 ? 7 : max <= 12 ? 9 : kEscapeBook;
 }
 
-book_choice choose_codebook(const scaled_lines &lines, int32_t count, int32_t max)
+book_choice choose_codebook(const int32_t *values, int32_t count, int32_t max)
 {
     if (max == 0) {
         return {kZeroBook, 0};
     }
     const uint8_t book = odd_book_for(max);
-    const book_bits bits = class_bits(book, lines, count);
+    const book_bits bits = class_bits(book, values, count);
     if (book == kEscapeBook || bits.odd <= bits.even) {
         return {book, bits.odd};
     }
@@ -161,7 +148,7 @@ static uint32_t *pack_class(const uint32_t *table, const int32_t *values, int32_
                             uint32_t *out)
 {
     for (int32_t k = 0; k < count; k += kGroup) {
-        *out++ = table[codeword_index<kGroup, kBase, kSigned>(values, k)];
+        *out++ = table[codeword_index<kGroup, kBase, kSigned>(values + k)];
         if (!kSigned) {
             out = pack_signs(values + k, kGroup, out);
         }

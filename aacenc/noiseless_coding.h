@@ -3,8 +3,6 @@
 #ifndef AACENC_NOISELESS_CODING_H
 #define AACENC_NOISELESS_CODING_H
 
-#include "aacenc/quantiser.h"
-
 #include <cstdint>
 
 inline constexpr int32_t kMaxQuantised = 8191; // largest magnitude of the escape codebook
@@ -15,8 +13,8 @@ struct book_choice {
 };
 
 // Picks the shorter of a band's two candidate codebooks, on a tie the lower-numbered one.
-// in: max: largest quantised magnitude of the lines
-[[nodiscard]] book_choice choose_codebook(const scaled_lines &lines, int32_t count, int32_t max);
+// in: max: largest magnitude of the values
+[[nodiscard]] book_choice choose_codebook(const int32_t *values, int32_t count, int32_t max);
 
 // Not used by the search, which counts while it chooses.
 // returns: bits of the values in a codebook, signs and escapes included; 0 for any other codebook

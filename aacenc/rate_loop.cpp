@@ -37,6 +37,7 @@ struct channel_coding {
     int32_t side_bits;
     int32_t band_max[kMaxBands]; // largest power of a band
     int32_t band_bits[kMaxBands];
+    bool band_raised[kMaxBands]; // its powers are known
 };
 
 } // namespace
@@ -56,7 +57,7 @@ static bool band_silent(const channel_coding *channel, int32_t band)
     return bits == 0;
 }
 
-// Raises the lines to the power 3/4 and finds the largest power of each band.
+// Finds the largest power of each band.
 static void find_powers(channel_coding *channel)
 {
     const AacEncCoderInfo *coder = channel->coder;
@@ -65,9 +66,8 @@ static void find_powers(channel_coding *channel)
         channel->bands--;
     }
     for (int32_t band = 0; band < channel->bands; band++) {
-        const int32_t start = coder->swbOffset[band];
-        channel->band_max[band] =
-            raise_lines(channel->spectrum + start, band_width(coder, band), channel->power + start);
+        channel->band_max[band] = power_three_quarters(
+            largest_magnitude(channel->spectrum + coder->swbOffset[band], band_width(coder, band)));
         channel->max_power = std::max(channel->max_power, channel->band_max[band]);
     }
 }
@@ -85,38 +85,37 @@ static int32_t starting_gain(int32_t last_gain, int32_t max_power)
     return gain < kLowestStart || gain > kHighestGain ? kLowestStart : gain;
 }
 
-// Chooses the codebook of each band and counts its spectral bits.
+// Quantises a band. Its lines are raised when the first trial needs them; many bands are never
+// needed, because even their largest line becomes zero.
+static void quantise_band(channel_coding *channel, int32_t band, int32_t factor_q32)
+{
+    const int32_t start = channel->coder->swbOffset[band];
+    const int32_t width = band_width(channel->coder, band);
+    if (!channel->band_raised[band]) {
+        raise_lines(channel->spectrum + start, width, channel->power + start);
+        channel->band_raised[band] = true;
+    }
+    quantise_lines(channel->spectrum + start, channel->power + start, factor_q32, width,
+                   channel->quantised + start);
+}
+
+// Quantises each band, chooses its codebook and counts its spectral bits.
 static void choose_codebooks(channel_coding *channel, int32_t gain)
 {
     AacEncCoderInfo *coder = channel->coder;
-    const int32_t factor_q29 = quantiser_factor(gain);
+    const int32_t factor_q32 = quantiser_factor(gain);
     for (int32_t band = 0; band < channel->bands; band++) {
-        const int32_t max = quantise_power(channel->band_max[band], factor_q29);
+        const int32_t max = quantise_power(channel->band_max[band], factor_q32);
         book_choice choice = {kZeroBook, 0};
         if (max != 0 && coder->noiseFlag[band]) {
             choice.book = kNoiseBook;
         } else if (max != 0) {
-            const int32_t start = coder->swbOffset[band];
-            choice =
-                choose_codebook({channel->spectrum + start, channel->power + start, factor_q29},
-                                band_width(coder, band), max);
+            quantise_band(channel, band, factor_q32);
+            choice = choose_codebook(channel->quantised + coder->swbOffset[band],
+                                     band_width(coder, band), max);
         }
         coder->codebook[band] = choice.book;
         channel->band_bits[band] = choice.bits;
-    }
-}
-
-// Quantises the bands that have spectral data.
-static void quantise_bands(channel_coding *channel, int32_t gain)
-{
-    const AacEncCoderInfo *coder = channel->coder;
-    const int32_t factor_q29 = quantiser_factor(gain);
-    for (int32_t band = 0; band < channel->bands; band++) {
-        if (coder->codebook[band] != kZeroBook && coder->codebook[band] != kNoiseBook) {
-            const int32_t start = coder->swbOffset[band];
-            quantise_lines({channel->spectrum + start, channel->power + start, factor_q29},
-                           band_width(coder, band), channel->quantised + start);
-        }
     }
 }
 
@@ -182,12 +181,11 @@ static void bound_noise_steps(AacEncCoderInfo *coder, int32_t bands)
     }
 }
 
-// Quantises the channel and sets its scalefactors. The quantiser's factor is constant from
+// Sets the scalefactors. The quantiser's factor is constant from
 // kMaxFactorGain on, and so is the scalefactor.
 static void settle_gain(channel_coding *channel, int32_t gain)
 {
     AacEncCoderInfo *coder = channel->coder;
-    quantise_bands(channel, gain);
     const int32_t scalefactor = std::min(gain, kMaxFactorGain) + kScalefactorOffset;
     std::fill_n(coder->scalefactor, channel->tf->sfbTotal, scalefactor);
     coder->globalGain = scalefactor;

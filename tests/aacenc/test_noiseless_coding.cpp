@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <cstdlib>
 #include <gtest/gtest.h>
 #include <numeric>
 #include <vector>
@@ -40,18 +39,16 @@ TEST(NoiselessCoding, CountedBitsAreThoseOfTheCodewords)
         const int32_t middle = static_cast<int32_t>(choices / 2);
         const int32_t largest = is_signed ? middle : magnitudes[choices - 1];
         for (size_t group = 0; group < choices * choices * choices * choices; group++) {
-            int32_t powers[4];
             int32_t values[4];
             for (size_t k = 0, rest = group; k < 4; k++, rest /= choices) {
                 const int32_t magnitude = magnitudes[rest % choices];
                 values[k] = is_signed ? magnitude - middle : k % 2 != 0 ? -magnitude : magnitude;
-                powers[k] = std::abs(values[k]);
             }
             const int32_t odd_bits = packed_bits(odd, values);
             const int32_t even_bits = packed_bits(even, values);
             ASSERT_EQ(output_bits_check(odd, values, 4), odd_bits) << odd << ' ' << group;
             ASSERT_EQ(output_bits_check(even, values, 4), even_bits) << even << ' ' << group;
-            const book_choice choice = choose_codebook({values, powers, 1 << 29}, 4, largest);
+            const book_choice choice = choose_codebook(values, 4, largest);
             ASSERT_EQ(choice.book, even_bits < odd_bits ? even : odd) << group;
             ASSERT_EQ(choice.bits, std::min(even_bits, odd_bits)) << group;
         }

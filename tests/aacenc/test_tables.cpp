@@ -33,8 +33,8 @@ TEST(Tables, FollowTheirFormulas)
     for (int i = 0; i < 100; i++) {
         EXPECT_EQ(quantfac_table[i], std::floor(std::exp2(29 - 3 * (99 - i) / 16.0))) << i;
     }
-    EXPECT_EQ(quantiser_factor(-5), 1 << 29);
-    EXPECT_EQ(quantiser_factor(200), quantiser_factor(99));
+    EXPECT_EQ(quantiser_factor(kMinFactorGain), quantfac_table[93] * 8);
+    EXPECT_EQ(quantiser_factor(200), 8 * 1386);
     for (int i = 0; i < 32; i++) {
         EXPECT_NEAR(AacLc_Enc_cLog2Table[i], 32768 * (1 + std::log2(1 + i / 32.0)), 2.0) << i;
     }
