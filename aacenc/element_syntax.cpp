@@ -143,6 +143,11 @@ static int32_t put_difference(AacEncBitstream *bs, int32_t difference, int32_t l
     return index >= 0 && index < limit ? put_entry(bs, huff12[index], write) : 0;
 }
 
+int32_t difference_bits(int32_t difference)
+{
+    return put_difference(nullptr, difference, kScalefactorLimit, 0);
+}
+
 int32_t write_scalefactor_bitstream(AacEncBitstream *bs, int32_t write,
                                     const AacEncCoderInfo *coder, const EncTfState *tf)
 {

@@ -13,15 +13,20 @@ static constexpr int32_t kEscapeMark = 16; // in a codeword: the value is in an 
 static constexpr int32_t kEscapeBase = kEscapeMark + 1;
 static constexpr int32_t kSignedZero = 40; // index of all zeros in a signed codebook
 
-namespace {
+// Bits of the two codebooks of a class: of the odd-numbered one in the low half of a word. 1024
+// lines do not fill a half.
+using class_bits = uint32_t;
+static constexpr class_bits kNoPartner = 0xFFFFU << 16; // of the escape codebook
 
-// Bits of the two codebooks of a class.
-struct book_bits {
-    int32_t odd;
-    int32_t even;
-};
+static int32_t odd_bits(class_bits bits)
+{
+    return static_cast<int32_t>(bits & 0xFFFF);
+}
 
-} // namespace
+static int32_t even_bits(class_bits bits)
+{
+    return static_cast<int32_t>(bits >> 16);
+}
 
 // returns: index of the codeword for kGroup values of kBase possible ones each; the index of a
 // signed codebook includes the signs
@@ -50,18 +55,17 @@ static int32_t escape_index(int32_t first, int32_t second)
     return std::min(first, kEscapeMark) * kEscapeBase + std::min(second, kEscapeMark);
 }
 
-// Sums the bits of both codebooks in the halves of one word; 1024 lines do not fill a half.
 template <int32_t kGroup, int32_t kBase, bool kSigned>
-static book_bits count_class(const uint32_t *class_table, const int32_t *values, int32_t count)
+static class_bits count_class(const uint32_t *class_table, const int32_t *values, int32_t count)
 {
-    uint32_t bits = 0;
+    class_bits bits = 0;
     for (int32_t k = 0; k < count; k += kGroup) {
         bits += class_table[codeword_index<kGroup, kBase, kSigned>(values + k)];
     }
-    return {static_cast<int32_t>(bits & 0xFFFF), static_cast<int32_t>(bits >> 16)};
+    return bits;
 }
 
-static int32_t count_escape_book(const int32_t *values, int32_t count)
+static class_bits count_escape_book(const int32_t *values, int32_t count)
 {
     int32_t bits = 0;
     for (int32_t k = 0; k < count; k += 2) {
@@ -69,11 +73,11 @@ static int32_t count_escape_book(const int32_t *values, int32_t count)
         const int32_t second = std::abs(values[k + 1]);
         bits += bits11[escape_index(first, second)] + escape_bits(first) + escape_bits(second);
     }
-    return bits;
+    return static_cast<uint32_t>(bits) | kNoPartner;
 }
 
 // in: odd_book: the odd-numbered codebook of the class
-static book_bits class_bits(int32_t odd_book, const int32_t *values, int32_t count)
+static class_bits count_bits(int32_t odd_book, const int32_t *values, int32_t count)
 {
     switch (odd_book) {
     case 1:
@@ -86,29 +90,21 @@ static book_bits class_bits(int32_t odd_book, const int32_t *values, int32_t cou
         return count_class<2, 8, false>(bits7_8, values, count);
     case 9:
         return count_class<2, 13, false>(bits9_10, values, count);
-    case kEscapeBook:
-        return {count_escape_book(values, count), 0};
     default:
-        return {0, 0};
+        return count_escape_book(values, count);
     }
 }
 
-static uint8_t odd_book_for(int32_t max)
-{
-    return max <= 1 ? 1 : max <= 2 ? 3 : max <= 4 ? 5 : max <= 7 ? 7 : max <= 12 ? 9 : kEscapeBook;
-}
+// The odd-numbered codebook of a largest magnitude.
+static constexpr uint8_t kOddBook[14] = {1, 1, 3, 5, 5, 7, 7, 7, 9, 9, 9, 9, 9, kEscapeBook};
 
-book_choice choose_codebook(const int32_t *values, int32_t count, int32_t max)
+int32_t choose_codebook(const int32_t *values, int32_t count, int32_t max, uint8_t *book)
 {
-    if (max == 0) {
-        return {kZeroBook, 0};
-    }
-    const uint8_t book = odd_book_for(max);
-    const book_bits bits = class_bits(book, values, count);
-    if (book == kEscapeBook || bits.odd <= bits.even) {
-        return {book, bits.odd};
-    }
-    return {static_cast<uint8_t>(book + 1), bits.even};
+    const uint8_t odd_book = kOddBook[std::min(max, 13)];
+    const class_bits bits = count_bits(odd_book, values, count);
+    const bool even = even_bits(bits) < odd_bits(bits);
+    *book = static_cast<uint8_t>(odd_book + (even ? 1 : 0));
+    return even ? even_bits(bits) : odd_bits(bits);
 }
 
 int32_t output_bits_check(int32_t book, const int32_t *values, int32_t count)
@@ -116,17 +112,14 @@ int32_t output_bits_check(int32_t book, const int32_t *values, int32_t count)
     if (book < 1 || book > kEscapeBook) {
         return 0;
     }
-    const book_bits bits = class_bits((book - 1) | 1, values, count);
-    return book % 2 != 0 ? bits.odd : bits.even;
+    const class_bits bits = count_bits((book - 1) | 1, values, count);
+    return book % 2 != 0 ? odd_bits(bits) : even_bits(bits);
 }
 
-static uint32_t *pack_signs(const int32_t *values, int32_t count, uint32_t *out)
+static uint32_t *pack_sign(int32_t value, uint32_t *out)
 {
-    for (int32_t i = 0; i < count; i++) {
-        *out = 1U << 24 | (values[i] < 0 ? 1U : 0U); // overwritten when the value is 0
-        out += values[i] != 0 ? 1 : 0;
-    }
-    return out;
+    *out = 1U << 24 | static_cast<uint32_t>(value) >> 31; // overwritten when the value is 0
+    return out + (value != 0 ? 1 : 0);
 }
 
 static uint32_t *pack_escape(int32_t magnitude, uint32_t *out)
@@ -148,9 +141,11 @@ static uint32_t *pack_class(const uint32_t *table, const int32_t *values, int32_
                             uint32_t *out)
 {
     for (int32_t k = 0; k < count; k += kGroup) {
-        *out++ = table[codeword_index<kGroup, kBase, kSigned>(values + k)];
-        if (!kSigned) {
-            out = pack_signs(values + k, kGroup, out);
+        int32_t group[4]; // a copy stays in registers while the entries are written
+        std::copy_n(values + k, kGroup, group);
+        *out++ = table[codeword_index<kGroup, kBase, kSigned>(group)];
+        for (int32_t i = 0; !kSigned && i < kGroup; i++) {
+            out = pack_sign(group[i], out);
         }
     }
     return out;
@@ -159,10 +154,13 @@ static uint32_t *pack_class(const uint32_t *table, const int32_t *values, int32_
 static uint32_t *pack_escape_book(const int32_t *values, int32_t count, uint32_t *out)
 {
     for (int32_t k = 0; k < count; k += 2) {
-        *out++ = huff11[escape_index(std::abs(values[k]), std::abs(values[k + 1]))];
-        out = pack_signs(values + k, 2, out);
-        out = pack_escape(std::abs(values[k]), out);
-        out = pack_escape(std::abs(values[k + 1]), out);
+        const int32_t first = values[k];
+        const int32_t second = values[k + 1];
+        *out++ = huff11[escape_index(std::abs(first), std::abs(second))];
+        out = pack_sign(first, out);
+        out = pack_sign(second, out);
+        out = pack_escape(std::abs(first), out);
+        out = pack_escape(std::abs(second), out);
     }
     return out;
 }

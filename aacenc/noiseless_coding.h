@@ -7,14 +7,12 @@
 
 inline constexpr int32_t kMaxQuantised = 8191; // largest magnitude of the escape codebook
 
-struct book_choice {
-    uint8_t book;
-    int32_t bits;
-};
-
 // Picks the shorter of a band's two candidate codebooks, on a tie the lower-numbered one.
-// in: max: largest magnitude of the values
-[[nodiscard]] book_choice choose_codebook(const int32_t *values, int32_t count, int32_t max);
+// in: max: largest magnitude of the values, not 0
+// out: book: the codebook
+// returns: the bits of the values in it
+[[nodiscard]] int32_t choose_codebook(const int32_t *values, int32_t count, int32_t max,
+                                      uint8_t *book);
 
 // Not used by the search, which counts while it chooses.
 // returns: bits of the values in a codebook, signs and escapes included; 0 for any other codebook

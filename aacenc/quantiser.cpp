@@ -12,13 +12,8 @@ static constexpr uint8_t kLineOfZeros[19] = {
     4, 4, 4, 4, 4, 4, 4, 4, 3, 3, 2, 2, 2, 1, 1, 1, 0, 0, 0,
 };
 
-// in: powers, lines: CalcPow34 and CalcPow_RageTable, whose addresses a loop keeps in registers
-static int32_t raise(uint32_t magnitude, const int16_t *powers, const power_line *lines)
+static int32_t power_on_line(const power_line &line, uint32_t magnitude)
 {
-    if (magnitude < std::size(CalcPow34)) {
-        return powers[magnitude];
-    }
-    const power_line &line = lines[kLineOfZeros[std::countl_zero(magnitude)]];
     const uint64_t past_start = magnitude - static_cast<uint32_t>(line.start);
     return line.base +
            static_cast<int32_t>((past_start * static_cast<uint32_t>(line.slope_q32)) >> 32);
@@ -26,24 +21,34 @@ static int32_t raise(uint32_t magnitude, const int16_t *powers, const power_line
 
 int32_t power_three_quarters(uint32_t magnitude)
 {
-    return raise(magnitude, CalcPow34, CalcPow_RageTable);
+    if (magnitude < std::size(CalcPow34)) {
+        return CalcPow34[magnitude];
+    }
+    return power_on_line(CalcPow_RageTable[kLineOfZeros[std::countl_zero(magnitude)]], magnitude);
 }
 
 uint32_t largest_magnitude(const int32_t *spectrum, int32_t count)
 {
-    uint32_t largest = 0;
-    for (int32_t k = 0; k < count; k++) {
-        largest = std::max(largest, abs_u32(spectrum[k]));
+    int32_t lowest = 0;
+    int32_t highest = 0;
+    for (int32_t k = 0; k < count; k += 4) {
+        for (int32_t i = k; i < k + 4; i++) {
+            lowest = std::min(lowest, spectrum[i]);
+            highest = std::max(highest, spectrum[i]);
+        }
     }
-    return largest;
+    return std::max(abs_u32(lowest), abs_u32(highest));
 }
 
 void raise_lines(const int32_t *spectrum, int32_t count, int32_t *power)
 {
-    const int16_t *powers = CalcPow34;
-    const power_line *lines = CalcPow_RageTable;
+    const power_line first_line = CalcPow_RageTable[0]; // of most lines that are not in CalcPow34
+    const uint32_t first_end = static_cast<uint32_t>(CalcPow_RageTable[1].start);
     for (int32_t k = 0; k < count; k++) {
-        power[k] = raise(abs_u32(spectrum[k]), powers, lines);
+        const uint32_t magnitude = abs_u32(spectrum[k]);
+        power[k] = magnitude < std::size(CalcPow34) ? CalcPow34[magnitude]
+                   : magnitude < first_end          ? power_on_line(first_line, magnitude)
+                                                    : power_three_quarters(magnitude);
     }
 }
 
@@ -56,8 +61,10 @@ int32_t quantiser_factor(int32_t gain)
 void quantise_lines(const int32_t *spectrum, const int32_t *power, int32_t factor_q32,
                     int32_t count, int32_t *quantised)
 {
-    for (int32_t k = 0; k < count; k++) {
-        const int32_t magnitude = quantise_power(power[k], factor_q32);
-        quantised[k] = spectrum[k] > 0 ? magnitude : -magnitude;
+    for (int32_t k = 0; k < count; k += 4) {
+        for (int32_t i = k; i < k + 4; i++) {
+            const int32_t sign = spectrum[i] >> 31; // 0 or -1
+            quantised[i] = (quantise_power(power[i], factor_q32) ^ sign) - sign;
+        }
     }
 }

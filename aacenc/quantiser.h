@@ -1,4 +1,4 @@
-// Quantisation with the power law x^(3/4).
+// Quantisation with the power law x^(3/4). `count` is a number of lines, a multiple of 4.
 #ifndef AACENC_QUANTISER_H
 #define AACENC_QUANTISER_H
 
