@@ -28,14 +28,64 @@ static int32_t even_bits(class_bits bits)
     return static_cast<int32_t>(bits >> 16);
 }
 
-// returns: index of the codeword for kGroup values of kBase possible ones each; the index of a
+namespace {
+
+// A quantised line. What a codebook does not need is not computed.
+struct coded_line {
+    int32_t magnitude;
+    int32_t value; // with its sign
+};
+
+// The same lines if the largest value is 1, or 2: they are quantised by comparison.
+struct ones_lines : band_lines {};
+struct twos_lines : band_lines {};
+
+} // namespace
+
+static coded_line take_line(const int32_t *values, int32_t k)
+{
+    return {std::abs(values[k]), values[k]};
+}
+
+static coded_line store_line(const band_lines &lines, int32_t k, int32_t magnitude)
+{
+    const int32_t sign = lines.spectrum[k] >> 31; // 0 or -1
+    const int32_t value = (magnitude ^ sign) - sign;
+    lines.quantised[k] = value;
+    return {magnitude, value};
+}
+
+static coded_line take_line(const band_lines &lines, int32_t k)
+{
+    return store_line(lines, k, quantise_power(lines.power[k], lines.step.factor_q32));
+}
+
+static coded_line take_line(const ones_lines &lines, int32_t k)
+{
+    const int32_t line = lines.spectrum[k];
+    const int32_t least = lines.step.least_one;
+    const int32_t value = (line >= least ? 1 : 0) - (line <= -least ? 1 : 0);
+    lines.quantised[k] = value;
+    return {std::abs(value), value};
+}
+
+static coded_line take_line(const twos_lines &lines, int32_t k)
+{
+    const int32_t magnitude = std::abs(lines.spectrum[k]);
+    return store_line(lines, k,
+                      (magnitude >= lines.step.least_one ? 1 : 0) +
+                          (magnitude >= lines.step.least_two ? 1 : 0));
+}
+
+// returns: index of the codeword for kGroup lines of kBase possible values each; the index of a
 // signed codebook includes the signs
-template <int32_t kGroup, int32_t kBase, bool kSigned>
-static int32_t codeword_index(const int32_t *values)
+template <int32_t kGroup, int32_t kBase, bool kSigned, typename Lines>
+static int32_t codeword_index(const Lines &lines, int32_t k)
 {
     int32_t index = 0;
-    for (int32_t i = 0; i < kGroup; i++) {
-        index = index * kBase + (kSigned ? values[i] : std::abs(values[i]));
+    for (int32_t i = k; i < k + kGroup; i++) {
+        const coded_line line = take_line(lines, i);
+        index = index * kBase + (kSigned ? line.value : line.magnitude);
     }
     return kSigned ? index + kSignedZero : index;
 }
@@ -55,53 +105,58 @@ static int32_t escape_index(int32_t first, int32_t second)
     return std::min(first, kEscapeMark) * kEscapeBase + std::min(second, kEscapeMark);
 }
 
-template <int32_t kGroup, int32_t kBase, bool kSigned>
-static class_bits count_class(const uint32_t *class_table, const int32_t *values, int32_t count)
+template <int32_t kGroup, int32_t kBase, bool kSigned, typename Lines>
+static class_bits count_class(const uint32_t *class_table, Lines lines, int32_t count)
 {
     class_bits bits = 0;
     for (int32_t k = 0; k < count; k += kGroup) {
-        bits += class_table[codeword_index<kGroup, kBase, kSigned>(values + k)];
+        bits += class_table[codeword_index<kGroup, kBase, kSigned>(lines, k)];
     }
     return bits;
 }
 
-static class_bits count_escape_book(const int32_t *values, int32_t count)
+template <typename Lines>
+static class_bits count_escape_book(Lines lines, int32_t count)
 {
     int32_t bits = 0;
     for (int32_t k = 0; k < count; k += 2) {
-        const int32_t first = std::abs(values[k]);
-        const int32_t second = std::abs(values[k + 1]);
+        const int32_t first = take_line(lines, k).magnitude;
+        const int32_t second = take_line(lines, k + 1).magnitude;
         bits += bits11[escape_index(first, second)] + escape_bits(first) + escape_bits(second);
     }
     return static_cast<uint32_t>(bits) | kNoPartner;
 }
 
+// in: ones, twos: the same lines, for the codebooks of values up to 1 and 2
 // in: odd_book: the odd-numbered codebook of the class
-static class_bits count_bits(int32_t odd_book, const int32_t *values, int32_t count)
+template <typename Ones, typename Twos, typename Lines>
+static class_bits count_bits(int32_t odd_book, const Ones &ones, const Twos &twos,
+                             const Lines &lines, int32_t count)
 {
     switch (odd_book) {
     case 1:
-        return count_class<4, 3, true>(bits1_2, values, count);
+        return count_class<4, 3, true>(bits1_2, ones, count);
     case 3:
-        return count_class<4, 3, false>(bits3_4, values, count);
+        return count_class<4, 3, false>(bits3_4, twos, count);
     case 5:
-        return count_class<2, 9, true>(bits5_6, values, count);
+        return count_class<2, 9, true>(bits5_6, lines, count);
     case 7:
-        return count_class<2, 8, false>(bits7_8, values, count);
+        return count_class<2, 8, false>(bits7_8, lines, count);
     case 9:
-        return count_class<2, 13, false>(bits9_10, values, count);
+        return count_class<2, 13, false>(bits9_10, lines, count);
     default:
-        return count_escape_book(values, count);
+        return count_escape_book(lines, count);
     }
 }
 
 // The odd-numbered codebook of a largest magnitude.
 static constexpr uint8_t kOddBook[14] = {1, 1, 3, 5, 5, 7, 7, 7, 9, 9, 9, 9, 9, kEscapeBook};
 
-int32_t choose_codebook(const int32_t *values, int32_t count, int32_t max, uint8_t *book)
+int32_t choose_codebook(const band_lines &lines, int32_t count, int32_t max, uint8_t *book)
 {
     const uint8_t odd_book = kOddBook[std::min(max, 13)];
-    const class_bits bits = count_bits(odd_book, values, count);
+    const class_bits bits =
+        count_bits(odd_book, ones_lines{lines}, twos_lines{lines}, lines, count);
     const bool even = even_bits(bits) < odd_bits(bits);
     *book = static_cast<uint8_t>(odd_book + (even ? 1 : 0));
     return even ? even_bits(bits) : odd_bits(bits);
@@ -112,7 +167,7 @@ int32_t output_bits_check(int32_t book, const int32_t *values, int32_t count)
     if (book < 1 || book > kEscapeBook) {
         return 0;
     }
-    const class_bits bits = count_bits((book - 1) | 1, values, count);
+    const class_bits bits = count_bits((book - 1) | 1, values, values, values, count);
     return book % 2 != 0 ? odd_bits(bits) : even_bits(bits);
 }
 
@@ -143,7 +198,7 @@ static uint32_t *pack_class(const uint32_t *table, const int32_t *values, int32_
     for (int32_t k = 0; k < count; k += kGroup) {
         int32_t group[4]; // a copy stays in registers while the entries are written
         std::copy_n(values + k, kGroup, group);
-        *out++ = table[codeword_index<kGroup, kBase, kSigned>(group)];
+        *out++ = table[codeword_index<kGroup, kBase, kSigned>(group, 0)];
         for (int32_t i = 0; !kSigned && i < kGroup; i++) {
             out = pack_sign(group[i], out);
         }

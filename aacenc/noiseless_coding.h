@@ -3,15 +3,26 @@
 #ifndef AACENC_NOISELESS_CODING_H
 #define AACENC_NOISELESS_CODING_H
 
+#include "aacenc/quantiser.h"
+
 #include <cstdint>
 
 inline constexpr int32_t kMaxQuantised = 8191; // largest magnitude of the escape codebook
 
-// Picks the shorter of a band's two candidate codebooks, on a tie the lower-numbered one.
-// in: max: largest magnitude of the values, not 0
+// The lines of a band and how to quantise them.
+struct band_lines {
+    const int32_t *spectrum;
+    const int32_t *power; // magnitudes to the power 3/4; only read for a largest value above 2
+    int32_t *quantised;   // out
+    gain_step step;
+};
+
+// Quantises a band and picks the shorter of its two candidate codebooks, on a tie the
+// lower-numbered one.
+// in: max: largest quantised magnitude of the lines, not 0
 // out: book: the codebook
-// returns: the bits of the values in it
-[[nodiscard]] int32_t choose_codebook(const int32_t *values, int32_t count, int32_t max,
+// returns: the bits of the lines in it
+[[nodiscard]] int32_t choose_codebook(const band_lines &lines, int32_t count, int32_t max,
                                       uint8_t *book);
 
 // Not used by the search, which counts while it chooses.

@@ -52,19 +52,10 @@ void raise_lines(const int32_t *spectrum, int32_t count, int32_t *power)
     }
 }
 
-int32_t quantiser_factor(int32_t gain)
+gain_step step_of_gain(int32_t gain)
 {
     AACENC_CHECK(gain >= kMinFactorGain);
-    return quantfac_table[std::max(kMaxFactorGain - gain, 0)] << (32 - 29);
-}
-
-void quantise_lines(const int32_t *spectrum, const int32_t *power, int32_t factor_q32,
-                    int32_t count, int32_t *quantised)
-{
-    for (int32_t k = 0; k < count; k += 4) {
-        for (int32_t i = k; i < k + 4; i++) {
-            const int32_t sign = spectrum[i] >> 31; // 0 or -1
-            quantised[i] = (quantise_power(power[i], factor_q32) ^ sign) - sign;
-        }
-    }
+    const int32_t bounded = std::min(gain, kMaxFactorGain);
+    return {quantfac_table[kMaxFactorGain - bounded] << (32 - 29), least_magnitude[bounded][0],
+            least_magnitude[bounded][1]};
 }

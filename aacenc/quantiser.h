@@ -19,9 +19,15 @@ inline constexpr uint32_t kQuarter_q32 = 1U << 30;
 // returns: its power 3/4, which never falls when the magnitude rises
 [[nodiscard]] int32_t power_three_quarters(uint32_t magnitude);
 
+// How a gain quantises; constant from kMaxFactorGain on.
+struct gain_step {
+    int32_t factor_q32; // 2^(-3g/16), below 0.5
+    int32_t least_one;  // the least magnitude of a line that is quantised to 1
+    int32_t least_two;  // the least one that is quantised to 2
+};
+
 // in: gain: at least kMinFactorGain
-// returns: the quantiser factor of a gain, Q32, below 0.5; constant from kMaxFactorGain on
-[[nodiscard]] int32_t quantiser_factor(int32_t gain);
+[[nodiscard]] gain_step step_of_gain(int32_t gain);
 
 // returns: the quantised value of a power; rounds up from 3/4
 [[nodiscard]] inline int32_t quantise_power(int32_t power, int32_t factor_q32)
@@ -38,10 +44,5 @@ inline constexpr uint32_t kQuarter_q32 = 1U << 30;
 // Raises the magnitudes of lines to the power 3/4.
 // out: power: `count` entries
 void raise_lines(const int32_t *spectrum, int32_t count, int32_t *power);
-
-// Quantises the powers of lines and gives them the signs of the lines.
-// out: quantised: `count` entries
-void quantise_lines(const int32_t *spectrum, const int32_t *power, int32_t factor_q32,
-                    int32_t count, int32_t *quantised);
 
 #endif // AACENC_QUANTISER_H

@@ -95,18 +95,22 @@ static int32_t starting_gain(int32_t last_gain, int32_t max_power)
     return gain < kLowestStart || gain > kHighestGain ? kLowestStart : gain;
 }
 
-// Quantises a band. Its lines are raised when the first trial needs them; many bands are never
-// needed, because even their largest line becomes zero.
-static void quantise_band(channel_coding *channel, int32_t band, int32_t factor_q32)
+// Quantises a band and chooses its codebook. The lines are raised when the first trial needs their
+// powers.
+// in: max: largest quantised magnitude, not 0
+// returns: spectral bits
+static int32_t code_band(channel_coding *channel, int32_t band, const gain_step &step, int32_t max)
 {
     const int32_t start = channel->coder->swbOffset[band];
     const int32_t width = band_width(channel->coder, band);
-    if (!channel->band_raised[band]) {
-        raise_lines(channel->spectrum + start, width, channel->power + start);
+    const int32_t *spectrum = channel->spectrum + start;
+    int32_t *power = channel->power + start;
+    if (max > 2 && !channel->band_raised[band]) {
+        raise_lines(spectrum, width, power);
         channel->band_raised[band] = true;
     }
-    quantise_lines(channel->spectrum + start, channel->power + start, factor_q32, width,
-                   channel->quantised + start);
+    return choose_codebook({spectrum, power, channel->quantised + start, step}, width, max,
+                           &channel->coder->codebook[band]);
 }
 
 static void count_sections(channel_coding *channel)
@@ -120,24 +124,22 @@ static void count_sections(channel_coding *channel)
 static bool choose_codebooks(channel_coding *channel, int32_t gain, int32_t most_bits)
 {
     AacEncCoderInfo *coder = channel->coder;
-    const int32_t factor_q32 = quantiser_factor(gain);
+    const gain_step step = step_of_gain(gain);
     int32_t bits = 0;
     channel->coded_bands = 0;
     channel->has_noise = false;
     for (int32_t band = 0; band < channel->bands && bits <= most_bits; band++) {
-        const int32_t max = quantise_power(channel->band_max[band], factor_q32);
-        uint8_t book = kZeroBook;
+        const int32_t max = quantise_power(channel->band_max[band], step.factor_q32);
         int32_t band_bits = 0;
-        if (max != 0 && coder->noiseFlag[band]) {
-            book = kNoiseBook;
+        if (max == 0) {
+            coder->codebook[band] = kZeroBook;
+        } else if (coder->noiseFlag[band]) {
+            coder->codebook[band] = kNoiseBook;
             channel->has_noise = true;
-        } else if (max != 0) {
-            quantise_band(channel, band, factor_q32);
-            band_bits = choose_codebook(channel->quantised + coder->swbOffset[band],
-                                        band_width(coder, band), max, &book);
+        } else {
+            band_bits = code_band(channel, band, step, max);
             channel->coded_bands++;
         }
-        coder->codebook[band] = book;
         channel->band_bits[band] = band_bits;
         bits += band_bits;
     }
@@ -202,7 +204,7 @@ static int32_t search_gain(channel_coding *channel, int32_t bit_budget)
 static void bound_noise_steps(channel_coding *channel, int32_t gain)
 {
     AacEncCoderInfo *coder = channel->coder;
-    const int32_t factor_q32 = quantiser_factor(gain);
+    const int32_t factor_q32 = step_of_gain(gain).factor_q32;
     bool first = true;
     int32_t last = 0;
     for (int32_t band = 0; band < channel->bands; band++) {
@@ -279,7 +281,7 @@ static int32_t keep_in_syntax(channel_coding *channel, int32_t gain, int32_t lim
                               int32_t *bits)
 {
     const int32_t searched_gain = gain;
-    while (quantise_power(channel->max_power, quantiser_factor(gain)) > kMaxQuantised) {
+    while (quantise_power(channel->max_power, step_of_gain(gain).factor_q32) > kMaxQuantised) {
         gain++;
     }
     bool counted = gain == searched_gain;

@@ -33,8 +33,6 @@ TEST(Tables, FollowTheirFormulas)
     for (int i = 0; i < 100; i++) {
         EXPECT_EQ(quantfac_table[i], std::floor(std::exp2(29 - 3 * (99 - i) / 16.0))) << i;
     }
-    EXPECT_EQ(quantiser_factor(kMinFactorGain), quantfac_table[93] * 8);
-    EXPECT_EQ(quantiser_factor(200), 8 * 1386);
     for (int i = 0; i < 32; i++) {
         EXPECT_NEAR(AacLc_Enc_cLog2Table[i], 32768 * (1 + std::log2(1 + i / 32.0)), 2.0) << i;
     }
@@ -66,6 +64,24 @@ TEST(Tables, PowersFollowTheCurve)
         EXPECT_EQ(power_three_quarters(start), line.base);
         EXPECT_NEAR(power_three_quarters(start - 1), line.base, 1);
         EXPECT_NEAR(line.base, std::pow(start, 0.75), 1);
+    }
+}
+
+static int32_t quantise_magnitude(int32_t magnitude, int32_t gain)
+{
+    return quantise_power(power_three_quarters(static_cast<uint32_t>(magnitude)),
+                          step_of_gain(gain).factor_q32);
+}
+
+TEST(Quantiser, EachGainHasItsFactorAndItsLeastMagnitudes)
+{
+    for (int32_t gain = kMinFactorGain; gain <= 200; gain++) {
+        const gain_step step = step_of_gain(gain);
+        EXPECT_EQ(step.factor_q32, quantfac_table[std::max(99 - gain, 0)] * 8);
+        EXPECT_EQ(quantise_magnitude(step.least_one - 1, gain), 0) << gain;
+        EXPECT_EQ(quantise_magnitude(step.least_one, gain), 1) << gain;
+        EXPECT_EQ(quantise_magnitude(step.least_two - 1, gain), 1) << gain;
+        EXPECT_EQ(quantise_magnitude(step.least_two, gain), 2) << gain;
     }
 }
 
