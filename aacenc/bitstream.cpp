@@ -47,7 +47,7 @@ int32_t bitstream_put_entries(AacEncBitstream *bitstream, const uint32_t *entrie
         const int32_t length = static_cast<int32_t>(*entry >> 24);
         const uint32_t code = *entry & 0xFFFFFF;
         AACENC_CHECK(length <= 24 && code >> length == 0);
-        if (length < free_bits) {
+        if (length < free_bits) [[likely]] {
             word = word << length | code;
             free_bits -= length;
         } else { // the word is partly used, because no entry fills an empty one

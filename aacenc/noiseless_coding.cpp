@@ -152,14 +152,25 @@ static class_bits count_bits(int32_t odd_book, const Ones &ones, const Twos &two
 // The odd-numbered codebook of a largest magnitude.
 static constexpr uint8_t kOddBook[14] = {1, 1, 3, 5, 5, 7, 7, 7, 9, 9, 9, 9, 9, kEscapeBook};
 
-int32_t choose_codebook(const band_lines &lines, int32_t count, int32_t max, uint8_t *book)
+// returns: the bits of the shorter codebook
+static int32_t shorter_book(uint8_t odd_book, class_bits bits, uint8_t *book)
 {
-    const uint8_t odd_book = kOddBook[std::min(max, 13)];
-    const class_bits bits =
-        count_bits(odd_book, ones_lines{lines}, twos_lines{lines}, lines, count);
     const bool even = even_bits(bits) < odd_bits(bits);
     *book = static_cast<uint8_t>(odd_book + (even ? 1 : 0));
     return even ? even_bits(bits) : odd_bits(bits);
+}
+
+int32_t choose_codebook(const band_lines &lines, int32_t count, int32_t max, uint8_t *book)
+{
+    const uint8_t odd_book = kOddBook[std::min(max, 13)];
+    return shorter_book(
+        odd_book, count_bits(odd_book, ones_lines{lines}, twos_lines{lines}, lines, count), book);
+}
+
+int32_t choose_codebook(const int32_t *values, int32_t count, int32_t max, uint8_t *book)
+{
+    const uint8_t odd_book = kOddBook[std::min(max, 13)];
+    return shorter_book(odd_book, count_bits(odd_book, values, values, values, count), book);
 }
 
 int32_t output_bits_check(int32_t book, const int32_t *values, int32_t count)

@@ -25,6 +25,10 @@ struct band_lines {
 [[nodiscard]] int32_t choose_codebook(const band_lines &lines, int32_t count, int32_t max,
                                       uint8_t *book);
 
+// As above, for values that are quantised already.
+[[nodiscard]] int32_t choose_codebook(const int32_t *values, int32_t count, int32_t max,
+                                      uint8_t *book);
+
 // Not used by the search, which counts while it chooses.
 // returns: bits of the values in a codebook, signs and escapes included; 0 for any other codebook
 // source: ISO/IEC 14496-3, 4.6.3

@@ -6,6 +6,7 @@
 #include "aacenc/huffman_tables.h"
 #include "aacenc/noiseless_coding.h"
 #include "aacenc/quantiser.h"
+#include "aacenc/quantiser_vector.h"
 
 #include <algorithm>
 
@@ -36,6 +37,7 @@ struct channel_coding {
     AacEncCoderInfo *coder;
     AacEncBitstream *bitstream;
     const EncTfState *tf;
+    bool vectors; // takes vector code
     int32_t tns_bits;
     int32_t fixed_bits; // all but TNS data, sections, scalefactors and spectral data
     int32_t bands;      // up to the last band that is not silent
@@ -71,13 +73,14 @@ static int32_t used_lines(const int32_t *spectrum)
 static void find_powers(channel_coding *channel)
 {
     const AacEncCoderInfo *coder = channel->coder;
+    auto *const largest = channel->vectors ? largest_magnitude_vector : largest_magnitude;
     const int32_t lines = used_lines(channel->spectrum);
     while (coder->swbOffset[channel->bands] < lines) {
         channel->bands++;
     }
     for (int32_t band = 0; band < channel->bands; band++) {
         channel->band_max[band] = power_three_quarters(
-            largest_magnitude(channel->spectrum + coder->swbOffset[band], band_width(coder, band)));
+            largest(channel->spectrum + coder->swbOffset[band], band_width(coder, band)));
         channel->max_power = std::max(channel->max_power, channel->band_max[band]);
     }
 }
@@ -106,8 +109,13 @@ static int32_t code_band(channel_coding *channel, int32_t band, const gain_step 
     const int32_t *spectrum = channel->spectrum + start;
     int32_t *power = channel->power + start;
     if (max > 2 && !channel->band_raised[band]) {
-        raise_lines(spectrum, width, power);
+        (channel->vectors ? raise_lines_vector : raise_lines)(spectrum, width, power);
         channel->band_raised[band] = true;
+    }
+    if (channel->vectors) {
+        int32_t *quantised = channel->quantised + start;
+        quantise_lines_vector(spectrum, power, step, width, max, quantised);
+        return choose_codebook(quantised, width, max, &channel->coder->codebook[band]);
     }
     return choose_codebook({spectrum, power, channel->quantised + start, step}, width, max,
                            &channel->coder->codebook[band]);
@@ -317,6 +325,16 @@ static void pack_channel(channel_coding *channel, uint32_t *list)
     AACENC_CHECK(coder->codewordCount <= kMaxCodewords);
 }
 
+// A checked build runs the plain code, which checks its ranges.
+static bool takes_vectors()
+{
+#ifdef TDMBREC_CHECKED
+    return false;
+#else
+    return vector_quantiser_available();
+#endif
+}
+
 int32_t tf_encode_spectrum_aac(int32_t *const *spectrum, uint8_t window_sequence,
                                int32_t bit_budget, AacEncBitstream *bitstream,
                                AacEncCoderInfo *coder, const AacEncChInfo *ch_info, EncTfState *tf)
@@ -330,6 +348,7 @@ int32_t tf_encode_spectrum_aac(int32_t *const *spectrum, uint8_t window_sequence
         .coder = coder,
         .bitstream = bitstream,
         .tf = tf,
+        .vectors = takes_vectors(),
         .tns_bits = WriteTNSData(coder, bitstream, 0),
         .fixed_bits = kGainBits + (ch_info->commonWindow != 0 ? 0 : kIcsInfoBits) + kFlagBits,
     };

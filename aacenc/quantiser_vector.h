@@ -1,0 +1,28 @@
+// The quantiser in vector code, for the processors of vector_s32.h. Each function gives the same
+// numbers as its plain version. `count` is a multiple of 4.
+#ifndef AACENC_QUANTISER_VECTOR_H
+#define AACENC_QUANTISER_VECTOR_H
+
+#include "aacenc/quantiser.h"
+
+#include <cstdint>
+
+// Where `count` is not a multiple of 8, this many entries after the last one are overwritten.
+inline constexpr int32_t kVectorOverrun = 4;
+
+// returns: whether the build and the processor have the vectors
+[[nodiscard]] bool vector_quantiser_available();
+
+// As largest_magnitude.
+[[nodiscard]] uint32_t largest_magnitude_vector(const int32_t *spectrum, int32_t count);
+
+// As raise_lines. Reads and overwrites kVectorOverrun.
+void raise_lines_vector(const int32_t *spectrum, int32_t count, int32_t *power);
+
+// Quantises lines as choose_codebook does. Reads and overwrites kVectorOverrun.
+// in: power: only read for a `max` above 2
+// in: max: largest quantised magnitude of the lines
+void quantise_lines_vector(const int32_t *spectrum, const int32_t *power, const gain_step &step,
+                           int32_t count, int32_t max, int32_t *quantised);
+
+#endif // AACENC_QUANTISER_VECTOR_H
