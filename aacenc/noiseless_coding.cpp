@@ -122,7 +122,11 @@ static class_bits count_escape_book(Lines lines, int32_t count)
     for (int32_t k = 0; k < count; k += 2) {
         const int32_t first = take_line(lines, k).magnitude;
         const int32_t second = take_line(lines, k + 1).magnitude;
-        bits += bits11[escape_index(first, second)] + escape_bits(first) + escape_bits(second);
+        if ((first | second) < kEscapeMark) {
+            bits += bits11[first * kEscapeBase + second];
+        } else {
+            bits += bits11[escape_index(first, second)] + escape_bits(first) + escape_bits(second);
+        }
     }
     return static_cast<uint32_t>(bits) | kNoPartner;
 }
