@@ -5,13 +5,14 @@
 #include "aacenc/fixed_point.h"
 #include "aacenc/huffman_tables.h"
 #include "aacenc/quantiser.h"
+#include "aacenc/quantiser_vector.h"
+#include "aacenc/vector_s32.h"
 
 #include <algorithm>
 #include <cstdlib>
 
 static constexpr int32_t kEscapeMark = 16; // in a codeword: the value is in an escape
 static constexpr int32_t kEscapeBase = kEscapeMark + 1;
-static constexpr int32_t kSignedZero = 40; // index of all zeros in a signed codebook
 
 // Bits of the two codebooks of a class: of the odd-numbered one in the low half of a word. 1024
 // lines do not fill a half.
@@ -171,9 +172,16 @@ int32_t choose_codebook(const band_lines &lines, int32_t count, int32_t max, uin
         odd_book, count_bits(odd_book, ones_lines{lines}, twos_lines{lines}, lines, count), book);
 }
 
-int32_t choose_codebook(const int32_t *values, int32_t count, int32_t max, uint8_t *book)
+int32_t choose_codebook_vector(const band_lines &lines, int32_t count, int32_t max, uint8_t *book)
 {
     const uint8_t odd_book = kOddBook[std::min(max, 13)];
+#if AACENC_VECTOR && !defined(__ARM_NEON)
+    if (odd_book != kEscapeBook) {
+        return shorter_book(odd_book, quantise_and_count_vector(lines, count, odd_book), book);
+    }
+#endif
+    quantise_lines_vector(lines, count, max);
+    const int32_t *values = lines.quantised;
     return shorter_book(odd_book, count_bits(odd_book, values, values, values, count), book);
 }
 

@@ -9,6 +9,8 @@
 
 inline constexpr int32_t kMaxQuantised = 8191; // largest magnitude of the escape codebook
 
+inline constexpr int32_t kSignedZero = 40; // index of all zeros in a signed codebook
+
 // The lines of a band and how to quantise them.
 struct band_lines {
     const int32_t *spectrum;
@@ -25,9 +27,9 @@ struct band_lines {
 [[nodiscard]] int32_t choose_codebook(const band_lines &lines, int32_t count, int32_t max,
                                       uint8_t *book);
 
-// As above, for values that are quantised already.
-[[nodiscard]] int32_t choose_codebook(const int32_t *values, int32_t count, int32_t max,
-                                      uint8_t *book);
+// As choose_codebook, in vector code.
+[[nodiscard]] int32_t choose_codebook_vector(const band_lines &lines, int32_t count, int32_t max,
+                                             uint8_t *book);
 
 // Not used by the search, which counts while it chooses.
 // returns: bits of the values in a codebook, signs and escapes included; 0 for any other codebook

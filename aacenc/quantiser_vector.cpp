@@ -1,5 +1,6 @@
 #include "aacenc/quantiser_vector.h"
 
+#include "aacenc/codebook_bits.h"
 #include "aacenc/quantiser_tables.h"
 #include "aacenc/vector_s32.h"
 
@@ -147,25 +148,95 @@ VECTOR_CODE void raise_lines_vector(const int32_t *spectrum, int32_t count, int3
 
 #endif
 
-VECTOR_CODE void quantise_lines_vector(const int32_t *spectrum, const int32_t *power,
-                                       const gain_step &step, int32_t count, int32_t max,
-                                       int32_t *quantised)
+// Quantises eight lines of a band whose largest value is 1 or 2.
+VECTOR_INLINE vec_s32 quantise_low(const band_lines &lines, int32_t k)
+{
+    const vec_s32 eight = load(lines.spectrum + k);
+    const vec_s32 magnitude = magnitudes(eight);
+    const vec_s32 ones_and_twos =
+        add(at_least(magnitude, lines.step.least_one), at_least(magnitude, lines.step.least_two));
+    return with_signs(sub(splat(0), ones_and_twos), eight);
+}
+
+// Quantises eight lines of any other band.
+VECTOR_INLINE vec_s32 quantise_high(const band_lines &lines, int32_t k)
+{
+    return with_signs(quantise_powers(load(lines.power + k), lines.step.factor_q32),
+                      load(lines.spectrum + k));
+}
+
+VECTOR_CODE void quantise_lines_vector(const band_lines &lines, int32_t count, int32_t max)
 {
     if (max <= 2) {
         for (int32_t k = 0; k < count; k += 8) {
-            const vec_s32 lines = load(spectrum + k);
-            const vec_s32 magnitude = magnitudes(lines);
-            const vec_s32 ones_and_twos =
-                add(at_least(magnitude, step.least_one), at_least(magnitude, step.least_two));
-            store(quantised + k, with_signs(sub(splat(0), ones_and_twos), lines));
+            store(lines.quantised + k, quantise_low(lines, k));
         }
     } else {
         for (int32_t k = 0; k < count; k += 8) {
-            store(quantised + k, with_signs(quantise_powers(load(power + k), step.factor_q32),
-                                            load(spectrum + k)));
+            store(lines.quantised + k, quantise_high(lines, k));
         }
     }
 }
+
+#if !defined(__ARM_NEON)
+
+// Bits of the codewords for eight lines, from the table of a class: in four lanes for pairs, in the
+// lower two for quadruples.
+template <int32_t kGroup, int16_t kBase, bool kSigned>
+VECTOR_INLINE __m128i codeword_bits(const uint32_t *class_table, vec_s32 eight)
+{
+    const __m128i values =
+        _mm_packs_epi32(_mm256_castsi256_si128(eight), _mm256_extracti128_si256(eight, 1));
+    const auto weigh = [](__m128i digits, int16_t base) VECTOR_CODE {
+        return _mm_madd_epi16(digits, _mm_set1_epi32(1 << 16 | base));
+    };
+    __m128i index = weigh(kSigned ? values : _mm_abs_epi16(values), kBase);
+    if (kGroup == 4) {
+        index = weigh(_mm_packs_epi32(index, index), kBase * kBase);
+    }
+    const int *zero = reinterpret_cast<const int *>(class_table) + (kSigned ? kSignedZero : 0);
+    return _mm_i32gather_epi32(zero, index, 4);
+}
+
+template <int32_t kGroup, int16_t kBase, bool kSigned>
+VECTOR_CODE static uint32_t quantise_and_count(const uint32_t *class_table, band_lines lines,
+                                               int32_t count)
+{
+    __m128i bits = _mm_setzero_si128();
+    for (int32_t k = 0; k < count; k += 8) {
+        const vec_s32 eight = kGroup == 4 ? quantise_low(lines, k) : quantise_high(lines, k);
+        store(lines.quantised + k, eight);
+        __m128i eight_bits = codeword_bits<kGroup, kBase, kSigned>(class_table, eight);
+        if (k + 4 == count) { // the band ends after the lower half
+            eight_bits = kGroup == 4 ? _mm_blend_epi32(_mm_setzero_si128(), eight_bits, 1)
+                                     : _mm_move_epi64(eight_bits);
+        }
+        bits = _mm_add_epi32(bits, eight_bits);
+    }
+    if (kGroup == 2) {
+        bits = _mm_add_epi32(bits, _mm_unpackhi_epi64(bits, bits));
+    }
+    return static_cast<uint32_t>(_mm_cvtsi128_si32(bits)) +
+           static_cast<uint32_t>(_mm_extract_epi32(bits, 1));
+}
+
+uint32_t quantise_and_count_vector(const band_lines &lines, int32_t count, int32_t odd_book)
+{
+    switch (odd_book) {
+    case 1:
+        return quantise_and_count<4, 3, true>(bits1_2, lines, count);
+    case 3:
+        return quantise_and_count<4, 3, false>(bits3_4, lines, count);
+    case 5:
+        return quantise_and_count<2, 9, true>(bits5_6, lines, count);
+    case 7:
+        return quantise_and_count<2, 8, false>(bits7_8, lines, count);
+    default:
+        return quantise_and_count<2, 13, false>(bits9_10, lines, count);
+    }
+}
+
+#endif
 
 bool vector_quantiser_available()
 {
@@ -188,8 +259,7 @@ void raise_lines_vector(const int32_t *, int32_t, int32_t *)
 {
 }
 
-void quantise_lines_vector(const int32_t *, const int32_t *, const gain_step &, int32_t, int32_t,
-                           int32_t *)
+void quantise_lines_vector(const band_lines &, int32_t, int32_t)
 {
 }
 

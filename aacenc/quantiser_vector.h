@@ -3,6 +3,7 @@
 #ifndef AACENC_QUANTISER_VECTOR_H
 #define AACENC_QUANTISER_VECTOR_H
 
+#include "aacenc/noiseless_coding.h"
 #include "aacenc/quantiser.h"
 
 #include <cstdint>
@@ -20,9 +21,14 @@ inline constexpr int32_t kVectorOverrun = 4;
 void raise_lines_vector(const int32_t *spectrum, int32_t count, int32_t *power);
 
 // Quantises lines as choose_codebook does. Reads and overwrites kVectorOverrun.
-// in: power: only read for a `max` above 2
 // in: max: largest quantised magnitude of the lines
-void quantise_lines_vector(const int32_t *spectrum, const int32_t *power, const gain_step &step,
-                           int32_t count, int32_t max, int32_t *quantised);
+void quantise_lines_vector(const band_lines &lines, int32_t count, int32_t max);
+
+// Quantises lines and counts their bits in two codebooks. Reads and overwrites kVectorOverrun. Only
+// on x86: NEON cannot look up a table of this size by vector.
+// in: odd_book: the odd-numbered codebook of the class, below kEscapeBook
+// returns: bits of both codebooks, as in the tables of codebook_bits.h
+[[nodiscard]] uint32_t quantise_and_count_vector(const band_lines &lines, int32_t count,
+                                                 int32_t odd_book);
 
 #endif // AACENC_QUANTISER_VECTOR_H

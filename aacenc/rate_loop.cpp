@@ -112,13 +112,9 @@ static int32_t code_band(channel_coding *channel, int32_t band, const gain_step 
         (channel->vectors ? raise_lines_vector : raise_lines)(spectrum, width, power);
         channel->band_raised[band] = true;
     }
-    if (channel->vectors) {
-        int32_t *quantised = channel->quantised + start;
-        quantise_lines_vector(spectrum, power, step, width, max, quantised);
-        return choose_codebook(quantised, width, max, &channel->coder->codebook[band]);
-    }
-    return choose_codebook({spectrum, power, channel->quantised + start, step}, width, max,
-                           &channel->coder->codebook[band]);
+    const auto choose = channel->vectors ? choose_codebook_vector : choose_codebook;
+    return choose({spectrum, power, channel->quantised + start, step}, width, max,
+                  &channel->coder->codebook[band]);
 }
 
 static void count_sections(channel_coding *channel)

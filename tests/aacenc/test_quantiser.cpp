@@ -56,8 +56,11 @@ static void expect_vectors_equal(const int32_t *band, int32_t count, const gain_
         int32_t quantised[24];
         int32_t quantised_by_vector[24];
         uint8_t book = 0;
-        (void)choose_codebook({band, powers, quantised, step}, count, max, &book);
-        quantise_lines_vector(band, powers, step, count, max, quantised_by_vector);
+        uint8_t book_by_vector = 0;
+        ASSERT_EQ(choose_codebook_vector({band, powers, quantised_by_vector, step}, count, max,
+                                         &book_by_vector),
+                  choose_codebook({band, powers, quantised, step}, count, max, &book));
+        ASSERT_EQ(book_by_vector, book);
         ASSERT_TRUE(std::equal(quantised, quantised + count, quantised_by_vector));
     }
 }
