@@ -232,13 +232,16 @@ static uint32_t *pack_class(const uint32_t *table, const int32_t *values, int32_
 static uint32_t *pack_escape_book(const int32_t *values, int32_t count, uint32_t *out)
 {
     for (int32_t k = 0; k < count; k += 2) {
-        const int32_t first = values[k];
-        const int32_t second = values[k + 1];
-        *out++ = huff11[escape_index(std::abs(first), std::abs(second))];
-        out = pack_sign(first, out);
-        out = pack_sign(second, out);
-        out = pack_escape(std::abs(first), out);
-        out = pack_escape(std::abs(second), out);
+        const int32_t first = std::abs(values[k]);
+        const int32_t second = std::abs(values[k + 1]);
+        const bool escapes = (first | second) >= kEscapeMark;
+        *out++ = huff11[escapes ? escape_index(first, second) : first * kEscapeBase + second];
+        out = pack_sign(values[k], out);
+        out = pack_sign(values[k + 1], out);
+        if (escapes) {
+            out = pack_escape(first, out);
+            out = pack_escape(second, out);
+        }
     }
     return out;
 }
