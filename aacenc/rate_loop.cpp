@@ -313,6 +313,10 @@ static void pack_channel(channel_coding *channel, uint32_t *list)
     AacEncCoderInfo *coder = channel->coder;
     uint32_t *end = list;
     for (int32_t band = 0; band < channel->tf->sfbTotal; band++) {
+        if (coder->codebook[band] == kZeroBook) {
+            *end++ = 0;
+            continue;
+        }
         end = pack_codewords(coder->codebook[band], channel->quantised + coder->swbOffset[band],
                              band_width(coder, band), end);
     }
