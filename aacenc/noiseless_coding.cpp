@@ -194,56 +194,60 @@ int32_t output_bits_check(int32_t book, const int32_t *values, int32_t count)
     return book % 2 != 0 ? odd_bits(bits) : even_bits(bits);
 }
 
-static uint32_t *pack_sign(int32_t value, uint32_t *out)
+// returns: the entries of the list with the sign of a value that is not 0
+static size_t pack_sign(int32_t value, uint32_t *list, size_t entries)
 {
-    *out = 1U << 24 | static_cast<uint32_t>(value) >> 31; // overwritten when the value is 0
-    return out + (value != 0 ? 1 : 0);
+    list[entries] = 1U << 24 | static_cast<uint32_t>(value) >> 31; // overwritten for the value 0
+    return entries + (value != 0 ? 1 : 0);
 }
 
-static uint32_t *pack_escape(int32_t magnitude, uint32_t *out)
+static size_t pack_escape(int32_t magnitude, uint32_t *list, size_t entries)
 {
     if (magnitude < kEscapeMark) {
-        return out;
+        return entries;
     }
     AACENC_CHECK(magnitude <= kMaxQuantised);
     const int32_t prefix = escape_prefix(magnitude);
     const int32_t ones = ((1 << prefix) - 1) << (prefix + 5);
     const int32_t low_bits = magnitude - (1 << (prefix + 4));
-    *out++ = static_cast<uint32_t>(escape_bits(magnitude)) << 24 |
-             static_cast<uint32_t>(ones + low_bits);
-    return out;
+    list[entries] = static_cast<uint32_t>(escape_bits(magnitude)) << 24 |
+                    static_cast<uint32_t>(ones + low_bits);
+    return entries + 1;
 }
 
 template <int32_t kGroup, int32_t kBase, bool kSigned>
 static uint32_t *pack_class(const uint32_t *table, const int32_t *values, int32_t count,
-                            uint32_t *out)
+                            uint32_t *list)
 {
+    size_t entries = 0;
     for (int32_t k = 0; k < count; k += kGroup) {
         int32_t group[4]; // a copy stays in registers while the entries are written
         std::copy_n(values + k, kGroup, group);
-        *out++ = table[codeword_index<kGroup, kBase, kSigned>(group, 0)];
+        list[entries++] = table[codeword_index<kGroup, kBase, kSigned>(group, 0)];
         for (int32_t i = 0; !kSigned && i < kGroup; i++) {
-            out = pack_sign(group[i], out);
+            entries = pack_sign(group[i], list, entries);
         }
     }
-    return out;
+    return list + entries;
 }
 
-static uint32_t *pack_escape_book(const int32_t *values, int32_t count, uint32_t *out)
+static uint32_t *pack_escape_book(const int32_t *values, int32_t count, uint32_t *list)
 {
+    size_t entries = 0;
     for (int32_t k = 0; k < count; k += 2) {
         const int32_t first = std::abs(values[k]);
         const int32_t second = std::abs(values[k + 1]);
         const bool escapes = (first | second) >= kEscapeMark;
-        *out++ = huff11[escapes ? escape_index(first, second) : first * kEscapeBase + second];
-        out = pack_sign(values[k], out);
-        out = pack_sign(values[k + 1], out);
+        list[entries++] =
+            huff11[escapes ? escape_index(first, second) : first * kEscapeBase + second];
+        entries = pack_sign(values[k], list, entries);
+        entries = pack_sign(values[k + 1], list, entries);
         if (escapes) {
-            out = pack_escape(first, out);
-            out = pack_escape(second, out);
+            entries = pack_escape(first, list, entries);
+            entries = pack_escape(second, list, entries);
         }
     }
-    return out;
+    return list + entries;
 }
 
 int32_t count_codewords(int32_t book, const int32_t *values, int32_t count)
