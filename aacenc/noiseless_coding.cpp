@@ -61,11 +61,18 @@ static coded_line take_line(const band_lines &lines, int32_t k)
     return store_line(lines, k, quantise_power(lines.power[k], lines.step.factor_q32));
 }
 
+// returns: 1 if line >= least, else 0; without a branch or a flag
+// in: line, least: magnitudes below 2^30, as those of all values up to 2 are
+static int32_t reaches(int32_t line, int32_t least)
+{
+    return static_cast<int32_t>(static_cast<uint32_t>(least - 1 - line) >> 31);
+}
+
 static coded_line take_line(const ones_lines &lines, int32_t k)
 {
     const int32_t line = lines.spectrum[k];
-    const int32_t least = lines.step.least_one;
-    const int32_t value = (line >= least ? 1 : 0) - (line <= -least ? 1 : 0);
+    const int32_t value =
+        reaches(line, lines.step.least_one) - reaches(-line, lines.step.least_one);
     lines.quantised[k] = value;
     return {std::abs(value), value};
 }
@@ -74,8 +81,8 @@ static coded_line take_line(const twos_lines &lines, int32_t k)
 {
     const int32_t magnitude = std::abs(lines.spectrum[k]);
     return store_line(lines, k,
-                      (magnitude >= lines.step.least_one ? 1 : 0) +
-                          (magnitude >= lines.step.least_two ? 1 : 0));
+                      reaches(magnitude, lines.step.least_one) +
+                          reaches(magnitude, lines.step.least_two));
 }
 
 // returns: index of the codeword for kGroup lines of kBase possible values each; the index of a
