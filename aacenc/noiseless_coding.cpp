@@ -37,7 +37,7 @@ struct coded_line {
     int32_t value; // with its sign
 };
 
-// The same lines if the largest value is 1, or 2: they are quantised by comparison.
+// The lines of a band whose largest value is 1, or 2. They are quantised by comparison.
 struct ones_lines : band_lines {};
 struct twos_lines : band_lines {};
 

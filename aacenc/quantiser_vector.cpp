@@ -204,10 +204,14 @@ VECTOR_CODE static uint32_t quantise_and_count(const uint32_t *class_table, band
 {
     __m128i bits = _mm_setzero_si128();
     for (int32_t k = 0; k < count; k += 8) {
-        const vec_s32 eight = kGroup == 4 ? quantise_low(lines, k) : quantise_high(lines, k);
+        vec_s32 eight = kGroup == 4 ? quantise_low(lines, k) : quantise_high(lines, k);
         store(lines.quantised + k, eight);
+        const bool half = k + 4 == count;
+        if (half) { // the other lines are of the next band, and any value is possible there
+            eight = _mm256_zextsi128_si256(_mm256_castsi256_si128(eight));
+        }
         __m128i eight_bits = codeword_bits<kGroup, kBase, kSigned>(class_table, eight);
-        if (k + 4 == count) { // the band ends after the lower half
+        if (half) {
             eight_bits = kGroup == 4 ? _mm_blend_epi32(_mm_setzero_si128(), eight_bits, 1)
                                      : _mm_move_epi64(eight_bits);
         }

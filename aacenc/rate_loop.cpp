@@ -123,8 +123,8 @@ static void count_sections(channel_coding *channel)
 }
 
 // Quantises each band, chooses its codebook and counts. Stops once the spectral bits exceed
-// `most_bits`.
-// returns: whether it has come to the end
+// `most_bits`: what is not counted yet only adds to them, so the channel exceeds it too.
+// returns: whether it has come to the end; if not, only that is known of the gain
 static bool choose_codebooks(channel_coding *channel, int32_t gain, int32_t most_bits)
 {
     AacEncCoderInfo *coder = channel->coder;
