@@ -12,32 +12,25 @@
 
 static vec_s32 magnitudes(vec_s32 v)
 {
-    return {vabsq_s32(v.low), vabsq_s32(v.high)};
-}
-
-static int32x4_t with_signs(int32x4_t magnitude, int32x4_t v)
-{
-    const int32x4_t sign = vshrq_n_s32(v, 31);
-    return vsubq_s32(veorq_s32(magnitude, sign), sign);
+    return vabsq_s32(v);
 }
 
 static vec_s32 with_signs(vec_s32 magnitude, vec_s32 v)
 {
-    return {with_signs(magnitude.low, v.low), with_signs(magnitude.high, v.high)};
+    const vec_s32 sign = vshrq_n_s32(v, 31);
+    return vsubq_s32(veorq_s32(magnitude, sign), sign);
 }
 
 // -1 where v >= bound, else 0
 static vec_s32 at_least(vec_s32 v, int32_t bound)
 {
-    return {vreinterpretq_s32_u32(vcgeq_s32(v.low, vdupq_n_s32(bound))),
-            vreinterpretq_s32_u32(vcgeq_s32(v.high, vdupq_n_s32(bound)))};
+    return vreinterpretq_s32_u32(vcgeq_s32(v, vdupq_n_s32(bound)));
 }
 
 // As quantise_power: the instruction makes (2 * p * f + 2^31) >> 32.
 static vec_s32 quantise_powers(vec_s32 power, int32_t factor_q32)
 {
-    return {vshrq_n_s32(vqrdmulhq_n_s32(power.low, factor_q32), 1),
-            vshrq_n_s32(vqrdmulhq_n_s32(power.high, factor_q32), 1)};
+    return vshrq_n_s32(vqrdmulhq_n_s32(power, factor_q32), 1);
 }
 
 uint32_t largest_magnitude_vector(const int32_t *spectrum, int32_t count)
@@ -148,17 +141,17 @@ VECTOR_CODE void raise_lines_vector(const int32_t *spectrum, int32_t count, int3
 
 #endif
 
-// Quantises eight lines of a band whose largest value is 1 or 2.
+// Quantises the lines of a vector, of a band whose largest value is 1 or 2.
 VECTOR_INLINE vec_s32 quantise_low(const band_lines &lines, int32_t k)
 {
-    const vec_s32 eight = load(lines.spectrum + k);
-    const vec_s32 magnitude = magnitudes(eight);
+    const vec_s32 v = load(lines.spectrum + k);
+    const vec_s32 magnitude = magnitudes(v);
     const vec_s32 ones_and_twos =
         add(at_least(magnitude, lines.step.least_one), at_least(magnitude, lines.step.least_two));
-    return with_signs(sub(splat(0), ones_and_twos), eight);
+    return with_signs(sub(splat(0), ones_and_twos), v);
 }
 
-// Quantises eight lines of any other band.
+// Quantises the lines of a vector, of any other band.
 VECTOR_INLINE vec_s32 quantise_high(const band_lines &lines, int32_t k)
 {
     return with_signs(quantise_powers(load(lines.power + k), lines.step.factor_q32),
@@ -168,11 +161,11 @@ VECTOR_INLINE vec_s32 quantise_high(const band_lines &lines, int32_t k)
 VECTOR_CODE void quantise_lines_vector(const band_lines &lines, int32_t count, int32_t max)
 {
     if (max <= 2) {
-        for (int32_t k = 0; k < count; k += 8) {
+        for (int32_t k = 0; k < count; k += kLanes) {
             store(lines.quantised + k, quantise_low(lines, k));
         }
     } else {
-        for (int32_t k = 0; k < count; k += 8) {
+        for (int32_t k = 0; k < count; k += kLanes) {
             store(lines.quantised + k, quantise_high(lines, k));
         }
     }

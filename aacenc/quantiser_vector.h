@@ -8,7 +8,7 @@
 
 #include <cstdint>
 
-// Where `count` is not a multiple of 8, this many entries after the last one are overwritten.
+// At most this many entries after the last one are overwritten: vectors may have eight lanes.
 inline constexpr int32_t kVectorOverrun = 4;
 
 // returns: whether the build and the processor have the vectors
