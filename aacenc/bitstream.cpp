@@ -8,12 +8,12 @@ static void open_next_byte(AacEncBitstream *bitstream)
     bitstream->bytes[++bitstream->byteIndex] = 0;
 }
 
-// returns: the next byte
 static uint8_t *store_u32(uint8_t *out, uint32_t value)
 {
-    for (int32_t i = 0; i < 4; i++) {
-        out[i] = static_cast<uint8_t>(value >> (24 - 8 * i));
-    }
+    out[0] = static_cast<uint8_t>(value >> 24);
+    out[1] = static_cast<uint8_t>(value >> 16);
+    out[2] = static_cast<uint8_t>(value >> 8);
+    out[3] = static_cast<uint8_t>(value);
     return out + 4;
 }
 
@@ -41,23 +41,28 @@ int32_t bitstream_put_entries(AacEncBitstream *bitstream, const uint32_t *entrie
 {
     const int32_t bits_before = AACENC_BsBufferNumBit(bitstream);
     uint8_t *out = bitstream->bytes + bitstream->byteIndex;
-    uint64_t pending = uint32_t{*out} >> bitstream->freeBits; // only its low bits are valid
-    int32_t pending_bits = 8 - bitstream->freeBits;
+    uint32_t word = uint32_t{*out} >> bitstream->freeBits; // only its low bits are valid
+    int32_t free_bits = 24 + bitstream->freeBits;
     for (const uint32_t *entry = entries; entry != entries + count; entry++) {
         const int32_t length = static_cast<int32_t>(*entry >> 24);
-        AACENC_CHECK(length <= 24 && ((*entry & 0xFFFFFF) >> length) == 0);
-        pending = pending << length | (*entry & 0xFFFFFF);
-        pending_bits += length;
-        if (pending_bits >= 32) {
-            pending_bits -= 32;
-            out = store_u32(out, static_cast<uint32_t>(pending >> pending_bits));
+        const uint32_t code = *entry & 0xFFFFFF;
+        AACENC_CHECK(length <= 24 && code >> length == 0);
+        if (length < free_bits) [[likely]] {
+            word = word << length | code;
+            free_bits -= length;
+        } else { // the word is partly used, because no entry fills an empty one
+            const int32_t rest = length - free_bits;
+            out = store_u32(out, word << free_bits | code >> rest);
+            word = code;
+            free_bits = 32 - rest;
         }
     }
-    for (; pending_bits >= 8; pending_bits -= 8) {
-        *out++ = static_cast<uint8_t>(pending >> (pending_bits - 8));
+    int32_t word_bits = 32 - free_bits;
+    for (; word_bits >= 8; word_bits -= 8) {
+        *out++ = static_cast<uint8_t>(word >> (word_bits - 8));
     }
-    *out = static_cast<uint8_t>(pending << (8 - pending_bits));
-    bitstream->freeBits = 8 - pending_bits;
+    *out = static_cast<uint8_t>(word << (8 - word_bits));
+    bitstream->freeBits = 8 - word_bits;
     bitstream->byteIndex = static_cast<int32_t>(out - bitstream->bytes);
     return AACENC_BsBufferNumBit(bitstream) - bits_before;
 }

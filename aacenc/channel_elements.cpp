@@ -105,7 +105,7 @@ void MSEncode(int32_t *const *spectra, AacEncChInfo *ch_info0, AacEncChInfo *ch_
     for (int32_t k = 0; k < lines; k++) {
         const int32_t left_half = spectra[0][k] / 2;
         const int32_t right_half = spectra[1][k] / 2;
-        spectra[0][k] = add_s32(left_half, right_half);
-        spectra[1][k] = sub_s32(left_half, right_half);
+        spectra[0][k] = narrow_s32(add_s32(left_half, right_half));
+        spectra[1][k] = narrow_s32(sub_s32(left_half, right_half));
     }
 }

@@ -143,6 +143,11 @@ static int32_t put_difference(AacEncBitstream *bs, int32_t difference, int32_t l
     return index >= 0 && index < limit ? put_entry(bs, huff12[index], write) : 0;
 }
 
+int32_t difference_bits(int32_t difference)
+{
+    return put_difference(nullptr, difference, kScalefactorLimit, 0);
+}
+
 int32_t write_scalefactor_bitstream(AacEncBitstream *bs, int32_t write,
                                     const AacEncCoderInfo *coder, const EncTfState *tf)
 {
@@ -150,13 +155,22 @@ int32_t write_scalefactor_bitstream(AacEncBitstream *bs, int32_t write,
     int32_t last_noise = coder->globalGain;
     int32_t last_position = 0;
     bool first_noise = true;
+    int32_t equal = 0; // scalefactors without a difference: a zero bit each, put together
     int32_t bits = 0;
     for (int32_t sfb = 0; sfb < tf->maxSfb; sfb++) {
+        const uint8_t book = coder->codebook[sfb];
         const int32_t scalefactor = coder->scalefactor[sfb];
         const int32_t energy = coder->noiseEnergy[sfb];
-        switch (coder->codebook[sfb]) {
-        case kZeroBook:
-            break;
+        if (book == kZeroBook) {
+            continue;
+        }
+        if (book <= kEscapeBook && scalefactor == last && equal < 32) {
+            equal++;
+            continue;
+        }
+        bits += put(bs, 0, equal, write);
+        equal = 0;
+        switch (book) {
         case kNoiseBook:
             if (first_noise) { // dpcm_noise_nrg
                 bits += put(bs, energy - last_noise + kNoisePcmOffset, kNoisePcmBits, write);
@@ -177,7 +191,7 @@ int32_t write_scalefactor_bitstream(AacEncBitstream *bs, int32_t write,
             break;
         }
     }
-    return bits;
+    return bits + put(bs, 0, equal, write);
 }
 
 int32_t WriteTNSData(const AacEncCoderInfo *coder, AacEncBitstream *bs, int32_t write)

@@ -52,6 +52,9 @@ int32_t sort_book_numbers(const AacEncCoderInfo *coder, AacEncBitstream *bs, int
 int32_t write_scalefactor_bitstream(AacEncBitstream *bs, int32_t write,
                                     const AacEncCoderInfo *coder, const EncTfState *tf);
 
+// returns: bits of a difference between the scalefactors of spectral bands
+[[nodiscard]] int32_t difference_bits(int32_t difference);
+
 // tns_data_present and tns_data() from the channel's TNS record.
 // returns: bits
 // source: ISO/IEC 14496-3, Tables 4.50 and 4.54

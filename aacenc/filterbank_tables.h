@@ -11,7 +11,8 @@ extern const int32_t MDCT_WINDOW[1024];
 // saturated. Q31; the sine of entry k is entry 256 - k.
 extern const int32_t CPLX_COEFF[257];
 
-// Every 8th, 4th and 2nd entry of CPLX_COEFF.
+// Every 16th, 8th, 4th and 2nd entry of CPLX_COEFF.
+extern const int32_t CPLX_COEFF_16TH[17];
 extern const int32_t CPLX_COEFF_8TH[33];
 extern const int32_t CPLX_COEFF_4TH[65];
 extern const int32_t CPLX_COEFF_2ND[129];

@@ -13,8 +13,8 @@ inline constexpr int32_t kSqrtHalf_q31 = 1518500224;
 // A twiddle factor cos + j sin. The angle decreases by 2 pi / 2048 from one factor of a sequence to
 // the next: next = before + 2j sin(-2 pi / 2048) * current.
 struct twiddle {
-    int32_t cos_q31;
-    int32_t sin_q31;
+    word_s32 cos_q31;
+    word_s32 sin_q31;
 };
 
 inline constexpr int32_t kTwiceSinStep_q31 = -13176773;

@@ -5,43 +5,95 @@
 #include "aacenc/fixed_point.h"
 #include "aacenc/huffman_tables.h"
 #include "aacenc/quantiser.h"
+#include "aacenc/quantiser_vector.h"
+#include "aacenc/vector_s32.h"
 
 #include <algorithm>
 #include <cstdlib>
 
 static constexpr int32_t kEscapeMark = 16; // in a codeword: the value is in an escape
 static constexpr int32_t kEscapeBase = kEscapeMark + 1;
-static constexpr int32_t kSignedZero = 40; // index of all zeros in a signed codebook
+
+// Bits of the two codebooks of a class: of the odd-numbered one in the low half of a word. 1024
+// lines do not fill a half.
+using class_bits = uint32_t;
+static constexpr class_bits kNoPartner = 0xFFFFU << 16; // of the escape codebook
+
+static int32_t odd_bits(class_bits bits)
+{
+    return static_cast<int32_t>(bits & 0xFFFF);
+}
+
+static int32_t even_bits(class_bits bits)
+{
+    return static_cast<int32_t>(bits >> 16);
+}
 
 namespace {
 
-// Bits of the two codebooks of a class.
-struct book_bits {
-    int32_t odd;
-    int32_t even;
+// A quantised line. What a codebook does not need is not computed.
+struct coded_line {
+    int32_t magnitude;
+    int32_t value; // with its sign
 };
+
+// The lines of a band whose largest value is 1, or 2. They are quantised by comparison.
+struct ones_lines : band_lines {};
+struct twos_lines : band_lines {};
 
 } // namespace
 
-// Quantised lines are read in the same way as scaled_lines.
-static int32_t line_value(const int32_t *values, int32_t k)
+static coded_line take_line(const int32_t *values, int32_t k)
 {
-    return values[k];
+    return {std::abs(values[k]), values[k]};
 }
 
-static int32_t line_magnitude(const int32_t *values, int32_t k)
+static coded_line store_line(const band_lines &lines, int32_t k, int32_t magnitude)
 {
-    return std::abs(values[k]);
+    const int32_t sign = lines.spectrum[k] >> 31; // 0 or -1
+    const int32_t value = (magnitude ^ sign) - sign;
+    lines.quantised[k] = value;
+    return {magnitude, value};
 }
 
-// returns: index of the codeword for kGroup lines from k on, of kBase values each; the index of a
+static coded_line take_line(const band_lines &lines, int32_t k)
+{
+    return store_line(lines, k, quantise_power(lines.power[k], lines.step.factor_q32));
+}
+
+// returns: 1 if line >= least, else 0; without a branch or a flag
+// in: line, least: magnitudes below 2^30, as those of all values up to 2 are
+static int32_t reaches(int32_t line, int32_t least)
+{
+    return static_cast<int32_t>(static_cast<uint32_t>(least - 1 - line) >> 31);
+}
+
+static coded_line take_line(const ones_lines &lines, int32_t k)
+{
+    const int32_t line = lines.spectrum[k];
+    const int32_t value =
+        reaches(line, lines.step.least_one) - reaches(-line, lines.step.least_one);
+    lines.quantised[k] = value;
+    return {std::abs(value), value};
+}
+
+static coded_line take_line(const twos_lines &lines, int32_t k)
+{
+    const int32_t magnitude = std::abs(lines.spectrum[k]);
+    return store_line(lines, k,
+                      reaches(magnitude, lines.step.least_one) +
+                          reaches(magnitude, lines.step.least_two));
+}
+
+// returns: index of the codeword for kGroup lines of kBase possible values each; the index of a
 // signed codebook includes the signs
 template <int32_t kGroup, int32_t kBase, bool kSigned, typename Lines>
 static int32_t codeword_index(const Lines &lines, int32_t k)
 {
     int32_t index = 0;
     for (int32_t i = k; i < k + kGroup; i++) {
-        index = index * kBase + (kSigned ? line_value(lines, i) : line_magnitude(lines, i));
+        const coded_line line = take_line(lines, i);
+        index = index * kBase + (kSigned ? line.value : line.magnitude);
     }
     return kSigned ? index + kSignedZero : index;
 }
@@ -61,67 +113,83 @@ static int32_t escape_index(int32_t first, int32_t second)
     return std::min(first, kEscapeMark) * kEscapeBase + std::min(second, kEscapeMark);
 }
 
-// Sums the bits of both codebooks in the halves of one word; 1024 lines do not fill a half.
 template <int32_t kGroup, int32_t kBase, bool kSigned, typename Lines>
-static book_bits count_class(const uint32_t *class_table, const Lines &lines, int32_t count)
+static class_bits count_class(const uint32_t *class_table, Lines lines, int32_t count)
 {
-    uint32_t bits = 0;
+    class_bits bits = 0;
     for (int32_t k = 0; k < count; k += kGroup) {
         bits += class_table[codeword_index<kGroup, kBase, kSigned>(lines, k)];
-    }
-    return {static_cast<int32_t>(bits & 0xFFFF), static_cast<int32_t>(bits >> 16)};
-}
-
-template <typename Lines>
-static int32_t count_escape_book(const Lines &lines, int32_t count)
-{
-    int32_t bits = 0;
-    for (int32_t k = 0; k < count; k += 2) {
-        const int32_t first = line_magnitude(lines, k);
-        const int32_t second = line_magnitude(lines, k + 1);
-        bits += bits11[escape_index(first, second)] + escape_bits(first) + escape_bits(second);
     }
     return bits;
 }
 
-// in: odd_book: the odd-numbered codebook of the class
 template <typename Lines>
-static book_bits class_bits(int32_t odd_book, const Lines &lines, int32_t count)
+static class_bits count_escape_book(Lines lines, int32_t count)
+{
+    int32_t bits = 0;
+    for (int32_t k = 0; k < count; k += 2) {
+        const int32_t first = take_line(lines, k).magnitude;
+        const int32_t second = take_line(lines, k + 1).magnitude;
+        if ((first | second) < kEscapeMark) {
+            bits += bits11[first * kEscapeBase + second];
+        } else {
+            bits += bits11[escape_index(first, second)] + escape_bits(first) + escape_bits(second);
+        }
+    }
+    return static_cast<uint32_t>(bits) | kNoPartner;
+}
+
+// in: ones, twos: the same lines, for the codebooks of values up to 1 and 2
+// in: odd_book: the odd-numbered codebook of the class
+template <typename Ones, typename Twos, typename Lines>
+static class_bits count_bits(int32_t odd_book, const Ones &ones, const Twos &twos,
+                             const Lines &lines, int32_t count)
 {
     switch (odd_book) {
     case 1:
-        return count_class<4, 3, true>(bits1_2, lines, count);
+        return count_class<4, 3, true>(bits1_2, ones, count);
     case 3:
-        return count_class<4, 3, false>(bits3_4, lines, count);
+        return count_class<4, 3, false>(bits3_4, twos, count);
     case 5:
         return count_class<2, 9, true>(bits5_6, lines, count);
     case 7:
         return count_class<2, 8, false>(bits7_8, lines, count);
     case 9:
         return count_class<2, 13, false>(bits9_10, lines, count);
-    case kEscapeBook:
-        return {count_escape_book(lines, count), 0};
     default:
-        return {0, 0};
+        return count_escape_book(lines, count);
     }
 }
 
-static uint8_t odd_book_for(int32_t max)
+// The odd-numbered codebook of a largest magnitude.
+static constexpr uint8_t kOddBook[14] = {1, 1, 3, 5, 5, 7, 7, 7, 9, 9, 9, 9, 9, kEscapeBook};
+
+// returns: the bits of the shorter codebook
+static int32_t shorter_book(uint8_t odd_book, class_bits bits, uint8_t *book)
 {
-    return max <= 1 ? 1 : max <= 2 ? 3 : max <= 4 ? 5 : max <= 7 ? 7 : max <= 12 ? 9 : kEscapeBook;
+    const bool even = even_bits(bits) < odd_bits(bits);
+    *book = static_cast<uint8_t>(odd_book + (even ? 1 : 0));
+    return even ? even_bits(bits) : odd_bits(bits);
 }
 
-book_choice choose_codebook(const scaled_lines &lines, int32_t count, int32_t max)
+int32_t choose_codebook(const band_lines &lines, int32_t count, int32_t max, uint8_t *book)
 {
-    if (max == 0) {
-        return {kZeroBook, 0};
+    const uint8_t odd_book = kOddBook[std::min(max, 13)];
+    return shorter_book(
+        odd_book, count_bits(odd_book, ones_lines{lines}, twos_lines{lines}, lines, count), book);
+}
+
+int32_t choose_codebook_vector(const band_lines &lines, int32_t count, int32_t max, uint8_t *book)
+{
+    const uint8_t odd_book = kOddBook[std::min(max, 13)];
+#if AACENC_VECTOR && !defined(__ARM_NEON)
+    if (odd_book != kEscapeBook) {
+        return shorter_book(odd_book, quantise_and_count_vector(lines, count, odd_book), book);
     }
-    const uint8_t book = odd_book_for(max);
-    const book_bits bits = class_bits(book, lines, count);
-    if (book == kEscapeBook || bits.odd <= bits.even) {
-        return {book, bits.odd};
-    }
-    return {static_cast<uint8_t>(book + 1), bits.even};
+#endif
+    quantise_lines_vector(lines, count, max);
+    const int32_t *values = lines.quantised;
+    return shorter_book(odd_book, count_bits(odd_book, values, values, values, count), book);
 }
 
 int32_t output_bits_check(int32_t book, const int32_t *values, int32_t count)
@@ -129,55 +197,64 @@ int32_t output_bits_check(int32_t book, const int32_t *values, int32_t count)
     if (book < 1 || book > kEscapeBook) {
         return 0;
     }
-    const book_bits bits = class_bits((book - 1) | 1, values, count);
-    return book % 2 != 0 ? bits.odd : bits.even;
+    const class_bits bits = count_bits((book - 1) | 1, values, values, values, count);
+    return book % 2 != 0 ? odd_bits(bits) : even_bits(bits);
 }
 
-static uint32_t *pack_signs(const int32_t *values, int32_t count, uint32_t *out)
+// returns: the entries of the list with the sign of a value that is not 0
+static size_t pack_sign(int32_t value, uint32_t *list, size_t entries)
 {
-    for (int32_t i = 0; i < count; i++) {
-        *out = 1U << 24 | (values[i] < 0 ? 1U : 0U); // overwritten when the value is 0
-        out += values[i] != 0 ? 1 : 0;
-    }
-    return out;
+    list[entries] = 1U << 24 | static_cast<uint32_t>(value) >> 31; // overwritten for the value 0
+    return entries + (value != 0 ? 1 : 0);
 }
 
-static uint32_t *pack_escape(int32_t magnitude, uint32_t *out)
+static size_t pack_escape(int32_t magnitude, uint32_t *list, size_t entries)
 {
     if (magnitude < kEscapeMark) {
-        return out;
+        return entries;
     }
     AACENC_CHECK(magnitude <= kMaxQuantised);
     const int32_t prefix = escape_prefix(magnitude);
     const int32_t ones = ((1 << prefix) - 1) << (prefix + 5);
     const int32_t low_bits = magnitude - (1 << (prefix + 4));
-    *out++ = static_cast<uint32_t>(escape_bits(magnitude)) << 24 |
-             static_cast<uint32_t>(ones + low_bits);
-    return out;
+    list[entries] = static_cast<uint32_t>(escape_bits(magnitude)) << 24 |
+                    static_cast<uint32_t>(ones + low_bits);
+    return entries + 1;
 }
 
 template <int32_t kGroup, int32_t kBase, bool kSigned>
 static uint32_t *pack_class(const uint32_t *table, const int32_t *values, int32_t count,
-                            uint32_t *out)
+                            uint32_t *list)
 {
+    size_t entries = 0;
     for (int32_t k = 0; k < count; k += kGroup) {
-        *out++ = table[codeword_index<kGroup, kBase, kSigned>(values, k)];
-        if (!kSigned) {
-            out = pack_signs(values + k, kGroup, out);
+        int32_t group[4]; // a copy stays in registers while the entries are written
+        std::copy_n(values + k, kGroup, group);
+        list[entries++] = table[codeword_index<kGroup, kBase, kSigned>(group, 0)];
+        for (int32_t i = 0; !kSigned && i < kGroup; i++) {
+            entries = pack_sign(group[i], list, entries);
         }
     }
-    return out;
+    return list + entries;
 }
 
-static uint32_t *pack_escape_book(const int32_t *values, int32_t count, uint32_t *out)
+static uint32_t *pack_escape_book(const int32_t *values, int32_t count, uint32_t *list)
 {
+    size_t entries = 0;
     for (int32_t k = 0; k < count; k += 2) {
-        *out++ = huff11[escape_index(std::abs(values[k]), std::abs(values[k + 1]))];
-        out = pack_signs(values + k, 2, out);
-        out = pack_escape(std::abs(values[k]), out);
-        out = pack_escape(std::abs(values[k + 1]), out);
+        const int32_t first = std::abs(values[k]);
+        const int32_t second = std::abs(values[k + 1]);
+        const bool escapes = (first | second) >= kEscapeMark;
+        list[entries++] =
+            huff11[escapes ? escape_index(first, second) : first * kEscapeBase + second];
+        entries = pack_sign(values[k], list, entries);
+        entries = pack_sign(values[k + 1], list, entries);
+        if (escapes) {
+            entries = pack_escape(first, list, entries);
+            entries = pack_escape(second, list, entries);
+        }
     }
-    return out;
+    return list + entries;
 }
 
 int32_t count_codewords(int32_t book, const int32_t *values, int32_t count)

@@ -9,14 +9,27 @@
 
 inline constexpr int32_t kMaxQuantised = 8191; // largest magnitude of the escape codebook
 
-struct book_choice {
-    uint8_t book;
-    int32_t bits;
+inline constexpr int32_t kSignedZero = 40; // index of all zeros in a signed codebook
+
+// The lines of a band and how to quantise them.
+struct band_lines {
+    const int32_t *spectrum;
+    const int32_t *power; // magnitudes to the power 3/4; only read for a largest value above 2
+    int32_t *quantised;   // out
+    gain_step step;
 };
 
-// Picks the shorter of a band's two candidate codebooks, on a tie the lower-numbered one.
-// in: max: largest quantised magnitude of the lines
-[[nodiscard]] book_choice choose_codebook(const scaled_lines &lines, int32_t count, int32_t max);
+// Quantises a band and picks the shorter of its two candidate codebooks, on a tie the
+// lower-numbered one.
+// in: max: largest quantised magnitude of the lines, not 0
+// out: book: the codebook
+// returns: the bits of the lines in it
+[[nodiscard]] int32_t choose_codebook(const band_lines &lines, int32_t count, int32_t max,
+                                      uint8_t *book);
+
+// As choose_codebook, in vector code.
+[[nodiscard]] int32_t choose_codebook_vector(const band_lines &lines, int32_t count, int32_t max,
+                                             uint8_t *book);
 
 // Not used by the search, which counts while it chooses.
 // returns: bits of the values in a codebook, signs and escapes included; 0 for any other codebook

@@ -14,6 +14,9 @@ struct power_line {
 // Quantiser factor of index i: 2^(-3 * (99 - i) / 16), truncated. Q29.
 extern const int32_t quantfac_table[100];
 
+// The least magnitude of a line that is quantised to 1, and to 2, by gain.
+extern const int32_t least_magnitude[100][2];
+
 // floor(x^(3/4)) for x = 0..8191.
 extern const int16_t CalcPow34[8192];
 

@@ -6,6 +6,7 @@
 #include "aacenc/huffman_tables.h"
 #include "aacenc/noiseless_coding.h"
 #include "aacenc/quantiser.h"
+#include "aacenc/quantiser_vector.h"
 
 #include <algorithm>
 
@@ -18,8 +19,13 @@ static constexpr int32_t kMostPairEntries = 5;     // a codeword, two signs, two
 // Allowance of a trial for all that it does not count, such as global_gain, ics_info and the flags.
 static constexpr int32_t kSideAllowance = 102;
 
-// A channel without a coded line: global_gain, ics_info, one section, the three flags, TNS data.
-static constexpr int32_t kEmptyChannelBits = 8 + 11 + (4 + 2 * 5) + 3 + (2 + 1 + 11 + 2 + 12 * 4);
+static constexpr int32_t kGainBits = 8;
+static constexpr int32_t kIcsInfoBits = 11;
+static constexpr int32_t kFlagBits = 2; // pulse_data_present, gain_control_data_present
+
+// A channel without a coded line, with one section and TNS data.
+static constexpr int32_t kEmptyChannelBits =
+    kGainBits + kIcsInfoBits + (4 + 2 * 5) + kFlagBits + (1 + 2 + 1 + 11 + 2 + 12 * 4);
 
 namespace {
 
@@ -31,12 +37,18 @@ struct channel_coding {
     AacEncCoderInfo *coder;
     AacEncBitstream *bitstream;
     const EncTfState *tf;
-    int32_t common_window;
-    int32_t bands;     // up to the last band that is not silent
-    int32_t max_power; // of all lines
-    int32_t side_bits;
+    bool vectors; // takes vector code
+    int32_t tns_bits;
+    int32_t fixed_bits; // all but TNS data, sections, scalefactors and spectral data
+    int32_t bands;      // up to the last band that is not silent
+    int32_t max_power;  // of all lines
+    int32_t spectral_bits;
+    int32_t section_bits;
+    int32_t coded_bands;         // with spectral data
+    bool has_noise;              // a band of the noise codebook
     int32_t band_max[kMaxBands]; // largest power of a band
     int32_t band_bits[kMaxBands];
+    bool band_raised[kMaxBands]; // its powers are known
 };
 
 } // namespace
@@ -46,28 +58,29 @@ static int32_t band_width(const AacEncCoderInfo *coder, int32_t band)
     return coder->swbOffset[band + 1] - coder->swbOffset[band];
 }
 
-static bool band_silent(const channel_coding *channel, int32_t band)
+// returns: the end of the lines that are not silent, a multiple of 4
+static int32_t used_lines(const int32_t *spectrum)
 {
-    uint32_t bits = 0;
-    for (int32_t k = channel->coder->swbOffset[band]; k < channel->coder->swbOffset[band + 1];
-         k++) {
-        bits |= static_cast<uint32_t>(channel->spectrum[k]);
+    int32_t lines = kFrameLines;
+    while (lines > 0 && (spectrum[lines - 4] | spectrum[lines - 3] | spectrum[lines - 2] |
+                         spectrum[lines - 1]) == 0) {
+        lines -= 4;
     }
-    return bits == 0;
+    return lines;
 }
 
-// Raises the lines to the power 3/4 and finds the largest power of each band.
+// Finds the largest power of each band.
 static void find_powers(channel_coding *channel)
 {
     const AacEncCoderInfo *coder = channel->coder;
-    channel->bands = channel->tf->sfbTotal;
-    while (channel->bands > 0 && band_silent(channel, channel->bands - 1)) {
-        channel->bands--;
+    auto *const largest = channel->vectors ? largest_magnitude_vector : largest_magnitude;
+    const int32_t lines = used_lines(channel->spectrum);
+    while (coder->swbOffset[channel->bands] < lines) {
+        channel->bands++;
     }
     for (int32_t band = 0; band < channel->bands; band++) {
-        const int32_t start = coder->swbOffset[band];
-        channel->band_max[band] =
-            raise_lines(channel->spectrum + start, band_width(coder, band), channel->power + start);
+        channel->band_max[band] = power_three_quarters(
+            largest(channel->spectrum + coder->swbOffset[band], band_width(coder, band)));
         channel->max_power = std::max(channel->max_power, channel->band_max[band]);
     }
 }
@@ -85,59 +98,84 @@ static int32_t starting_gain(int32_t last_gain, int32_t max_power)
     return gain < kLowestStart || gain > kHighestGain ? kLowestStart : gain;
 }
 
-// Chooses the codebook of each band and counts its spectral bits.
-static void choose_codebooks(channel_coding *channel, int32_t gain)
+// Quantises a band and chooses its codebook. The lines are raised when the first trial needs their
+// powers.
+// in: max: largest quantised magnitude, not 0
+// returns: spectral bits
+static int32_t code_band(channel_coding *channel, int32_t band, const gain_step &step, int32_t max)
 {
-    AacEncCoderInfo *coder = channel->coder;
-    const int32_t factor_q29 = quantiser_factor(gain);
-    for (int32_t band = 0; band < channel->bands; band++) {
-        const int32_t max = quantise_power(channel->band_max[band], factor_q29);
-        book_choice choice = {kZeroBook, 0};
-        if (max != 0 && coder->noiseFlag[band]) {
-            choice.book = kNoiseBook;
-        } else if (max != 0) {
-            const int32_t start = coder->swbOffset[band];
-            choice =
-                choose_codebook({channel->spectrum + start, channel->power + start, factor_q29},
-                                band_width(coder, band), max);
-        }
-        coder->codebook[band] = choice.book;
-        channel->band_bits[band] = choice.bits;
+    const int32_t start = channel->coder->swbOffset[band];
+    const int32_t width = band_width(channel->coder, band);
+    const int32_t *spectrum = channel->spectrum + start;
+    int32_t *power = channel->power + start;
+    if (max > 2 && !channel->band_raised[band]) {
+        (channel->vectors ? raise_lines_vector : raise_lines)(spectrum, width, power);
+        channel->band_raised[band] = true;
     }
+    const auto choose = channel->vectors ? choose_codebook_vector : choose_codebook;
+    return choose({spectrum, power, channel->quantised + start, step}, width, max,
+                  &channel->coder->codebook[band]);
 }
 
-// Quantises the bands that have spectral data.
-static void quantise_bands(channel_coding *channel, int32_t gain)
+static void count_sections(channel_coding *channel)
+{
+    channel->section_bits = sort_book_numbers(channel->coder, channel->bitstream, 0, channel->tf);
+}
+
+// Quantises each band, chooses its codebook and counts. Stops once the spectral bits exceed
+// `most_bits`: what is not counted yet only adds to them, so the channel exceeds it too.
+// returns: whether it has come to the end; if not, only that is known of the gain
+static bool choose_codebooks(channel_coding *channel, int32_t gain, int32_t most_bits)
+{
+    AacEncCoderInfo *coder = channel->coder;
+    const gain_step step = step_of_gain(gain);
+    int32_t bits = 0;
+    channel->coded_bands = 0;
+    channel->has_noise = false;
+    for (int32_t band = 0; band < channel->bands && bits <= most_bits; band++) {
+        const int32_t max = quantise_power(channel->band_max[band], step.factor_q32);
+        int32_t band_bits = 0;
+        if (max == 0) {
+            coder->codebook[band] = kZeroBook;
+        } else if (coder->noiseFlag[band]) {
+            coder->codebook[band] = kNoiseBook;
+            channel->has_noise = true;
+        } else {
+            band_bits = code_band(channel, band, step, max);
+            channel->coded_bands++;
+        }
+        channel->band_bits[band] = band_bits;
+        bits += band_bits;
+    }
+    channel->spectral_bits = bits;
+    if (bits > most_bits) {
+        return false;
+    }
+    count_sections(channel);
+    return true;
+}
+
+// returns: the bits of all scalefactors, which are equal
+static int32_t scalefactor_bits(const channel_coding *channel)
 {
     const AacEncCoderInfo *coder = channel->coder;
-    const int32_t factor_q29 = quantiser_factor(gain);
-    for (int32_t band = 0; band < channel->bands; band++) {
-        if (coder->codebook[band] != kZeroBook && coder->codebook[band] != kNoiseBook) {
-            const int32_t start = coder->swbOffset[band];
-            quantise_lines({channel->spectrum + start, channel->power + start, factor_q29},
-                           band_width(coder, band), channel->quantised + start);
-        }
+    if (channel->has_noise || channel->coded_bands == 0) {
+        return write_scalefactor_bitstream(channel->bitstream, 0, coder, channel->tf);
     }
+    return difference_bits(coder->scalefactor[0] - coder->globalGain) +
+           (channel->coded_bands - 1) * difference_bits(0);
 }
 
-static int32_t spectral_bits(const channel_coding *channel)
+// returns: the channel's bits with a gain, as the search counts them; more than `most_bits` when it
+// stopped because of them
+static int32_t try_gain(channel_coding *channel, int32_t gain, int32_t most_bits)
 {
-    int32_t bits = 0;
-    for (int32_t band = 0; band < channel->bands; band++) {
-        bits += channel->band_bits[band];
+    if (!choose_codebooks(channel, gain, most_bits)) {
+        return INT32_MAX;
     }
-    return bits;
-}
-
-// returns: the channel's bits with a gain, as the search counts them
-static int32_t try_gain(channel_coding *channel, int32_t gain)
-{
-    AacEncCoderInfo *coder = channel->coder;
-    choose_codebooks(channel, gain);
-    coder->globalGain = gain; // a rough count: all scalefactors are still 0
-    return sort_book_numbers(coder, channel->bitstream, 0, channel->tf) + spectral_bits(channel) +
-           channel->side_bits +
-           write_scalefactor_bitstream(channel->bitstream, 0, coder, channel->tf);
+    channel->coder->globalGain = gain; // a rough count: all scalefactors are still 0
+    return channel->section_bits + channel->spectral_bits + channel->tns_bits + kSideAllowance +
+           scalefactor_bits(channel);
 }
 
 // Searches for a gain that takes more than three quarters of the budget, but not more than all of
@@ -148,8 +186,9 @@ static int32_t search_gain(channel_coding *channel, int32_t bit_budget)
     int32_t gain = starting_gain(channel->tf->lastGain, channel->max_power);
     int32_t step = 8;
     for (int32_t trial = 1;; trial++) {
-        const int32_t total_bits = try_gain(channel, gain);
         int32_t next = gain + step;
+        const bool last = trial == kTrials || next > kHighestGain; // its codebooks may be needed
+        const int32_t total_bits = try_gain(channel, gain, last ? INT32_MAX : bit_budget);
         if (total_bits <= bit_budget) {
             if (bit_budget - total_bits < budget_quarter) {
                 return gain;
@@ -164,13 +203,16 @@ static int32_t search_gain(channel_coding *channel, int32_t bit_budget)
     }
 }
 
-// Limits the differences between noise energies to those of the scalefactor codebook.
-static void bound_noise_steps(AacEncCoderInfo *coder, int32_t bands)
+// Limits the differences between the noise energies of a gain's noise bands to those of the
+// scalefactor codebook.
+static void bound_noise_steps(channel_coding *channel, int32_t gain)
 {
+    AacEncCoderInfo *coder = channel->coder;
+    const int32_t factor_q32 = step_of_gain(gain).factor_q32;
     bool first = true;
     int32_t last = 0;
-    for (int32_t band = 0; band < bands; band++) {
-        if (coder->codebook[band] != kNoiseBook) {
+    for (int32_t band = 0; band < channel->bands; band++) {
+        if (!coder->noiseFlag[band] || quantise_power(channel->band_max[band], factor_q32) == 0) {
             continue;
         }
         int32_t &energy = coder->noiseEnergy[band];
@@ -182,23 +224,20 @@ static void bound_noise_steps(AacEncCoderInfo *coder, int32_t bands)
     }
 }
 
-// Quantises the channel and sets its scalefactors. The quantiser's factor is constant from
-// kMaxFactorGain on, and so is the scalefactor.
-static void settle_gain(channel_coding *channel, int32_t gain)
+// Sets the scalefactors. The quantiser's factor is constant from kMaxFactorGain on, and so is the
+// scalefactor.
+static void set_scalefactors(channel_coding *channel, int32_t gain)
 {
     AacEncCoderInfo *coder = channel->coder;
-    quantise_bands(channel, gain);
     const int32_t scalefactor = std::min(gain, kMaxFactorGain) + kScalefactorOffset;
     std::fill_n(coder->scalefactor, channel->tf->sfbTotal, scalefactor);
     coder->globalGain = scalefactor;
-    bound_noise_steps(coder, channel->bands);
 }
 
 static int32_t channel_bits(const channel_coding *channel)
 {
-    return write_channel_side(channel->coder, channel->common_window, channel->bitstream, 0,
-                              channel->tf) +
-           spectral_bits(channel);
+    return channel->fixed_bits + channel->tns_bits + channel->section_bits +
+           scalefactor_bits(channel) + channel->spectral_bits;
 }
 
 static bool codewords_fit(const channel_coding *channel)
@@ -217,12 +256,21 @@ static bool codewords_fit(const channel_coding *channel)
     return entries <= kMaxCodewords;
 }
 
+static bool fits(const channel_coding *channel, int32_t limit_bits)
+{
+    return channel_bits(channel) <= limit_bits && codewords_fit(channel);
+}
+
 static bool drop_top_band(channel_coding *channel)
 {
     for (int32_t band = channel->bands - 1; band >= 0; band--) {
-        if (channel->coder->codebook[band] != kZeroBook) {
-            channel->coder->codebook[band] = kZeroBook;
+        uint8_t &book = channel->coder->codebook[band];
+        if (book != kZeroBook) {
+            channel->coded_bands -= book != kNoiseBook ? 1 : 0;
+            book = kZeroBook;
+            channel->spectral_bits -= channel->band_bits[band];
             channel->band_bits[band] = 0;
+            count_sections(channel);
             return true;
         }
     }
@@ -237,23 +285,23 @@ static int32_t keep_in_syntax(channel_coding *channel, int32_t gain, int32_t lim
                               int32_t *bits)
 {
     const int32_t searched_gain = gain;
-    while (quantise_power(channel->max_power, quantiser_factor(gain)) > kMaxQuantised) {
+    while (quantise_power(channel->max_power, step_of_gain(gain).factor_q32) > kMaxQuantised) {
         gain++;
     }
-    if (gain != searched_gain) {
-        choose_codebooks(channel, gain);
-    }
-    settle_gain(channel, gain);
-    for (*bits = channel_bits(channel); *bits > limit_bits || !codewords_fit(channel);
-         *bits = channel_bits(channel)) {
-        if (gain < kMaxFactorGain) {
-            gain++;
-            choose_codebooks(channel, gain);
-            settle_gain(channel, gain);
-        } else if (!drop_top_band(channel)) {
+    bool counted = gain == searched_gain;
+    for (;; gain++) {
+        const bool last = gain >= kMaxFactorGain; // its codebooks are needed
+        counted = counted || choose_codebooks(channel, gain, last ? INT32_MAX : limit_bits);
+        bound_noise_steps(channel, gain);
+        set_scalefactors(channel, gain);
+        if (last || (counted && fits(channel, limit_bits))) {
             break;
         }
+        counted = false;
     }
+    while (!fits(channel, limit_bits) && drop_top_band(channel)) {
+    }
+    *bits = channel_bits(channel);
     return gain;
 }
 
@@ -265,12 +313,26 @@ static void pack_channel(channel_coding *channel, uint32_t *list)
     AacEncCoderInfo *coder = channel->coder;
     uint32_t *end = list;
     for (int32_t band = 0; band < channel->tf->sfbTotal; band++) {
+        if (coder->codebook[band] == kZeroBook) {
+            *end++ = 0;
+            continue;
+        }
         end = pack_codewords(coder->codebook[band], channel->quantised + coder->swbOffset[band],
                              band_width(coder, band), end);
     }
     coder->codewords = list;
     coder->codewordCount = static_cast<int32_t>(end - list);
     AACENC_CHECK(coder->codewordCount <= kMaxCodewords);
+}
+
+// A checked build runs the plain code, which checks its ranges.
+static bool takes_vectors()
+{
+#ifdef TDMBREC_CHECKED
+    return false;
+#else
+    return vector_quantiser_available();
+#endif
 }
 
 int32_t tf_encode_spectrum_aac(int32_t *const *spectrum, uint8_t window_sequence,
@@ -286,10 +348,11 @@ int32_t tf_encode_spectrum_aac(int32_t *const *spectrum, uint8_t window_sequence
         .coder = coder,
         .bitstream = bitstream,
         .tf = tf,
-        .common_window = ch_info->commonWindow,
+        .vectors = takes_vectors(),
+        .tns_bits = WriteTNSData(coder, bitstream, 0),
+        .fixed_bits = kGainBits + (ch_info->commonWindow != 0 ? 0 : kIcsInfoBits) + kFlagBits,
     };
     coder->windowSequence = window_sequence;
-    channel.side_bits = WriteTNSData(coder, bitstream, 0) + kSideAllowance;
     std::fill_n(coder->scalefactor, tf->sfbTotal, 0);
     std::fill_n(coder->codebook, tf->sfbTotal, kZeroBook);
     find_powers(&channel);
@@ -300,6 +363,8 @@ int32_t tf_encode_spectrum_aac(int32_t *const *spectrum, uint8_t window_sequence
     int32_t bits = 0;
     tf->lastGain = keep_in_syntax(&channel, searched_gain, limit_bits, &bits);
     tf->bitsLeft -= bits;
+    AACENC_CHECK(bits == write_channel_side(coder, ch_info->commonWindow, bitstream, 0, tf) +
+                             channel.spectral_bits);
     pack_channel(&channel, reinterpret_cast<uint32_t *>(*spectrum));
     return 0;
 }

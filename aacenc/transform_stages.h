@@ -13,106 +13,161 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
 
-// z := (x + jy)(cos + j sin)
+// A point in registers.
+template <typename Word>
+struct fft_point {
+    Word re;
+    Word im;
+};
+
 template <typename Number>
-static void rotate(Number x, Number y, const twiddle &t, Number *z)
+static auto load_point(const Number *z)
 {
-    z[0] = mul_sub_q31(x, t.cos_q31, y, t.sin_q31);
-    z[1] = mul_add_q31(y, t.cos_q31, x, t.sin_q31);
+    return fft_point<decltype(negate_s32(*z))>{z[0], z[1]};
+}
+
+template <typename Word, typename Number>
+static void store_point(const fft_point<Word> &point, Number *z)
+{
+    z[0] = static_cast<Number>(point.re);
+    z[1] = static_cast<Number>(point.im);
+}
+
+// returns: (x + jy)(cos + j sin)
+template <typename Word>
+static fft_point<Word> rotate(const fft_point<Word> &z, const twiddle &t)
+{
+    return {mul_sub_q31(z.re, t.cos_q31, z.im, t.sin_q31),
+            mul_add_q31(z.im, t.cos_q31, z.re, t.sin_q31)};
 }
 
 // Products of a 16-bit sample and Q29, over 2^28: twice the windowed sample.
 // out |u| < 2 * 32768 * sqrt(2) < 2^17
-template <typename Number, typename Sample>
-static Number fold_previous(const Sample *prev, int32_t i)
+template <typename Sample>
+static auto fold_previous(const Sample *prev, int32_t i)
 {
     return mul_sub_q28(prev[kFrameLines - 1 - i], MDCT_WINDOW[kFrameLines - 1 - i], prev[i],
                        MDCT_WINDOW[i]);
 }
 
-template <typename Number, typename Sample>
-static Number fold_current(const Sample *cur, int32_t i)
+template <typename Sample>
+static auto fold_current(const Sample *cur, int32_t i)
 {
     return mul_add_q28(cur[kFrameLines - 1 - i], MDCT_WINDOW[i], cur[i],
                        MDCT_WINDOW[kFrameLines - 1 - i]);
 }
 
+// The place of an even-numbered point in the bit-reversed order of 512 points. The point after it
+// is half of them further.
+inline constexpr auto kReversed = [] {
+    std::array<uint16_t, kFftPoints / 2> places = {};
+    for (uint32_t i = 0; i < kFftPoints / 2; i++) {
+        for (uint32_t bit = 1; bit < kFftPoints / 2; bit *= 2) {
+            places[i] = static_cast<uint16_t>(places[i] * 2 + ((i & bit) != 0 ? 1 : 0));
+        }
+    }
+    return places;
+}();
+
 // The folded sequence is the current frame from i = 511 down, then the previous one from i = 0 up.
 // A point pairs an even place from the start with an odd one from the end.
+// out: z: the points, in bit-reversed order
 template <typename Number, typename Sample>
 static void fold_and_twiddle(const Sample *cur, const Sample *prev, Number *z)
 {
     twiddle odd = kPreTwiddle[0];
     twiddle even = kPreTwiddle[1];
-    for (int32_t i = kFftPoints - 1; i > 0; i -= 4, z += 4) {
-        rotate(fold_current<Number>(cur, i), fold_previous<Number>(prev, i), even, z);
+    const uint16_t *place = kReversed.data();
+    for (int32_t i = kFftPoints - 1; i > 0; i -= 4) {
+        Number *point = z + 2 * *place++;
+        const fft_point first = {fold_current(cur, i), fold_previous(prev, i)};
+        store_point(rotate(first, even), point);
         advance(&odd, even);
-        rotate(fold_current<Number>(cur, i - 2), fold_previous<Number>(prev, i - 2), odd, z + 2);
+        const fft_point second = {fold_current(cur, i - 2), fold_previous(prev, i - 2)};
+        store_point(rotate(second, odd), point + kFftPoints);
         advance(&even, odd);
     }
-    for (int32_t i = 0; i < kFftPoints; i += 4, z += 4) {
-        rotate(fold_previous<Number>(prev, i), fold_current<Number>(cur, i), even, z);
+    for (int32_t i = 0; i < kFftPoints; i += 4) {
+        Number *point = z + 2 * *place++;
+        const fft_point first = {fold_previous(prev, i), fold_current(cur, i)};
+        store_point(rotate(first, even), point);
         advance(&odd, even);
-        rotate(fold_previous<Number>(prev, i + 2), fold_current<Number>(cur, i + 2), odd, z + 2);
+        const fft_point second = {fold_previous(prev, i + 2), fold_current(cur, i + 2)};
+        store_point(rotate(second, odd), point + kFftPoints);
         advance(&even, odd);
     }
 }
 
-// The places of two points that bit reversal exchanges.
-struct point_swap {
-    uint16_t low;
-    uint16_t high;
-};
-
-inline constexpr auto kSwaps = [] {
-    std::array<point_swap, 240> swaps = {}; // the other 32 of the 512 points keep their places
-    size_t count = 0;
-    for (uint32_t i = 0; i < kFftPoints; i++) {
-        uint32_t reversed = 0;
-        for (uint32_t bit = 1; bit < kFftPoints; bit *= 2) {
-            reversed = reversed * 2 + ((i & bit) != 0);
-        }
-        if (i < reversed) {
-            swaps[count++] = {static_cast<uint16_t>(2 * i), static_cast<uint16_t>(2 * reversed)};
-        }
-    }
-    return swaps;
-}();
-
-template <typename Number>
-static void reverse_bits(Number *data)
+// a, b := a + b, a - b; kTurned: with -j b
+template <bool kTurned, typename Word>
+static void butterfly(fft_point<Word> *a, fft_point<Word> *b)
 {
-    constexpr size_t kPointBytes = 2 * sizeof(Number);
-    for (const point_swap &swap : kSwaps) {
-        Number point[2];
-        std::memcpy(point, data + swap.low, kPointBytes);
-        std::memcpy(data + swap.low, data + swap.high, kPointBytes);
-        std::memcpy(data + swap.high, point, kPointBytes);
-    }
+    const fft_point<Word> before = *a;
+    const fft_point<Word> turned = kTurned ? fft_point<Word>{b->im, negate_s32(b->re)} : *b;
+    *a = {add_s32(before.re, turned.re), add_s32(before.im, turned.im)};
+    *b = {sub_s32(before.re, turned.re), sub_s32(before.im, turned.im)};
 }
 
-// a, b := a + (re, im), a - (re, im)
-template <typename Number>
-static void butterfly(Number *a, Number *b, Number re, Number im)
+// a, b := a + W b, a - W b, where W is cos - j sin, or -j times that; null: 1. The sums of the high
+// halves of products are doubled in the last step.
+template <bool kTurned, typename Word>
+static void butterfly(fft_point<Word> *a, fft_point<Word> *b, const twiddle *w)
 {
-    b[0] = sub_s32(a[0], re);
-    b[1] = sub_s32(a[1], im);
-    a[0] = add_s32(a[0], re);
-    a[1] = add_s32(a[1], im);
+    if (w == nullptr) {
+        butterfly<kTurned>(a, b);
+        return;
+    }
+    const Word half_re = add_s32(mulhi(b->re, w->cos_q31), mulhi(b->im, w->sin_q31));
+    const Word half_im = sub_s32(mulhi(b->im, w->cos_q31), mulhi(b->re, w->sin_q31));
+    const auto re = add_sub_twice(a->re, kTurned ? half_im : half_re);
+    const auto im = add_sub_twice(a->im, kTurned ? half_re : half_im);
+    *a = {re.sum, kTurned ? im.difference : im.sum};
+    *b = {re.difference, kTurned ? im.sum : im.difference};
 }
 
-// The first two stages of the FFT: twiddles 1 and -j only.
+// Two stages, of `span` and of twice that, on four points that are `span` apart.
+// in: w1: of the first stage; kTurned: to be turned by -j
+// in: w2: of the second stage, whose second pair turns it by -j
+template <bool kTurned, typename Number>
+[[gnu::always_inline]] static inline void combine_four(Number *z, int32_t span, const twiddle *w1,
+                                                       const twiddle *w2)
+{
+    auto z0 = load_point(z);
+    auto z1 = load_point(z + 2 * span);
+    auto z2 = load_point(z + 4 * span);
+    auto z3 = load_point(z + 6 * span);
+    butterfly<kTurned>(&z0, &z1, w1);
+    butterfly<kTurned>(&z2, &z3, w1);
+    butterfly<false>(&z0, &z2, w2);
+    butterfly<true>(&z1, &z3, w2);
+    store_point(z0, z);
+    store_point(z1, z + 2 * span);
+    store_point(z2, z + 4 * span);
+    store_point(z3, z + 6 * span);
+}
+
+// The first two stages of the FFT.
 template <typename Number>
 static void transform_quads(Number *data, int32_t points)
 {
     for (Number *p = data; p != data + 2 * points; p += 8) {
-        butterfly(p, p + 2, p[2], p[3]);
-        butterfly(p + 4, p + 6, p[6], p[7]);
-        butterfly(p, p + 4, p[4], p[5]);
-        butterfly(p + 2, p + 6, p[7], negate_s32(p[6]));
+        combine_four<false>(p, 1, nullptr, nullptr);
     }
+}
+
+// One butterfly of the third stage.
+template <bool kHalfTurned, bool kTurned, typename Number>
+[[gnu::always_inline]] static inline void combine_two(Number *z, int32_t c_q31)
+{
+    auto a = load_point(z);
+    auto b = load_point(z + 8);
+    if (kHalfTurned) {
+        b = {mul_q31(add_s32(b.im, b.re), c_q31), mul_q31(sub_s32(b.im, b.re), c_q31)};
+    }
+    butterfly<kTurned>(&a, &b);
+    store_point(a, z);
+    store_point(b, z + 8);
 }
 
 // The third stage: as AACE_FFT_sInnerLoop_Stg2.
@@ -120,42 +175,43 @@ template <typename Number>
 static void transform_eights(Number *data, int32_t groups, int32_t c_q31)
 {
     for (Number *p = data; p != data + 16 * groups; p += 16) {
-        butterfly(p, p + 8, p[8], p[9]);
-        const Number sum1 = mul_q31(add_s32(p[11], p[10]), c_q31);
-        const Number difference1 = mul_q31(sub_s32(p[11], p[10]), c_q31);
-        butterfly(p + 2, p + 10, sum1, difference1);
-        butterfly(p + 4, p + 12, p[13], negate_s32(p[12]));
-        const Number sum3 = mul_q31(add_s32(p[15], p[14]), c_q31);
-        const Number difference3 = mul_q31(sub_s32(p[15], p[14]), c_q31);
-        butterfly(p + 6, p + 14, difference3, negate_s32(sum3));
+        combine_two<false, false>(p, c_q31);
+        combine_two<true, false>(p + 2, c_q31);
+        combine_two<false, true>(p + 4, c_q31);
+        combine_two<true, true>(p + 6, c_q31);
     }
 }
 
-// One group of a later stage: as AACE_FFT_sInnerLoop.
-template <typename Number>
-static Number *transform_group(Number *data, const int32_t *table, int32_t span, int32_t stride)
+// returns: the factor of an entry of the table, e^(-j 2 pi entry / 1024)
+static twiddle fft_twiddle(int32_t entry)
 {
-    Number *a = data;
-    Number *b = data + 2 * span;
-    butterfly(a, b, b[0], b[1]);
-    butterfly(a + span, b + span, b[span + 1], negate_s32(b[span]));
-    const int32_t *cosine = table;
-    const int32_t *sine = table + kQuarterWave;
-    for (int32_t k = 1; k < span / 2; k++) {
-        cosine += stride;
-        sine -= stride;
-        a += 2;
-        b += 2;
-        // W = cos - j sin
-        const Number re = mul_add_q31(b[0], *cosine, b[1], *sine);
-        const Number im = mul_sub_q31(b[1], *cosine, b[0], *sine);
-        butterfly(a, b, re, im);
-        // a quarter turn further: -jW
-        const Number turned_re = mul_sub_q31(b[span + 1], *cosine, b[span], *sine);
-        const Number turned_im = mul_add_q31(b[span], *cosine, b[span + 1], *sine);
-        butterfly(a + span, b + span, turned_re, negate_s32(turned_im));
+    return {CPLX_COEFF[entry], CPLX_COEFF[kQuarterWave - entry]};
+}
+
+// Two of the later stages, of kSpan and of twice that: half of the fours of a group, of which the
+// first one does not need w1.
+// in: from: entry of the table with the first w2
+template <bool kTurned, int32_t kSpan, typename Number>
+static void combine_fours(Number *z, int32_t from)
+{
+    constexpr int32_t kStep = kQuarterWave / kSpan;
+    for (int32_t k = 1; k < kSpan / 2; k++) {
+        const twiddle w1 = fft_twiddle(2 * k * kStep);
+        const twiddle w2 = fft_twiddle(from + k * kStep);
+        combine_four<kTurned>(z + 2 * k, kSpan, &w1, &w2);
     }
-    return data + 4 * span;
+}
+
+template <int32_t kSpan, typename Number>
+static void transform_groups(Number *data, int32_t points)
+{
+    const twiddle eighth = fft_twiddle(kQuarterWave / 2);
+    for (Number *p = data; p != data + 2 * points; p += 8 * kSpan) {
+        combine_four<false>(p, kSpan, nullptr, nullptr);
+        combine_fours<false, kSpan>(p, 0);
+        combine_four<true>(p + kSpan, kSpan, nullptr, &eighth);
+        combine_fours<true, kSpan>(p + kSpan, kQuarterWave / 2);
+    }
 }
 
 // Rotates the low point by t and the high one by the conjugate of `next`, and unfolds them to
@@ -163,14 +219,14 @@ static Number *transform_group(Number *data, const int32_t *table, int32_t span,
 template <typename Number>
 static void unfold(Number *low, Number *high, const twiddle &t, const twiddle &next)
 {
-    Number turned[2];
-    rotate(low[0], low[1], t, turned);
-    const Number high_re = mul_add_q31(high[0], next.cos_q31, high[1], next.sin_q31);
-    const Number high_im = mul_sub_q31(high[1], next.cos_q31, high[0], next.sin_q31);
-    low[0] = turned[0];
-    high[1] = negate_s32(turned[1]);
-    low[1] = high_re;
-    high[0] = high_im;
+    const auto low_point = rotate(load_point(low), t);
+    const auto z = load_point(high);
+    const auto high_re = mul_add_q31(z.re, next.cos_q31, z.im, next.sin_q31);
+    const auto high_im = mul_sub_q31(z.im, next.cos_q31, z.re, next.sin_q31);
+    low[0] = static_cast<Number>(low_point.re);
+    low[1] = static_cast<Number>(high_re);
+    high[0] = static_cast<Number>(high_im);
+    high[1] = static_cast<Number>(negate_s32(low_point.im));
 }
 
 template <typename Number>

@@ -1,5 +1,5 @@
-// Vectors of eight 32-bit integers: AVX2 on x86, checked at run time, and NEON on ARM, chosen by
-// the build. AACENC_VECTOR is 0 where there are none.
+// Vectors of 32-bit integers: eight with AVX2 on x86, checked at run time, and four with NEON on
+// ARM, chosen by the build. AACENC_VECTOR is 0 where there are none.
 #ifndef AACENC_VECTOR_S32_H
 #define AACENC_VECTOR_S32_H
 
@@ -16,8 +16,9 @@
 #define VECTOR_INLINE VECTOR_CODE static inline
 
 using vec_s32 = __m256i;
+inline constexpr int32_t kLanes = 8;
 
-// Eight numbers at even places and eight at odd places.
+// Two vectors: the numbers at even places and those at odd places.
 struct even_odd {
     vec_s32 even;
     vec_s32 odd;
@@ -134,7 +135,7 @@ VECTOR_INLINE void store_even_odd(int32_t *to, vec_s32 even, vec_s32 odd)
     store(to + 8, _mm256_permute2x128_si256(low, high, 0x31));
 }
 
-// Turns eight rows into columns.
+// Turns kLanes rows into columns.
 VECTOR_INLINE void transpose(vec_s32 *rows)
 {
     vec_s32 pairs[8];
@@ -162,12 +163,10 @@ VECTOR_INLINE void transpose(vec_s32 *rows)
 #define VECTOR_CODE
 #define VECTOR_INLINE static inline
 
-struct vec_s32 {
-    int32x4_t low;
-    int32x4_t high;
-};
+using vec_s32 = int32x4_t;
+inline constexpr int32_t kLanes = 4;
 
-// Eight numbers at even places and eight at odd places.
+// Two vectors: the numbers at even places and those at odd places.
 struct even_odd {
     vec_s32 even;
     vec_s32 odd;
@@ -180,36 +179,33 @@ static inline bool vectors_available()
 
 static inline vec_s32 load(const int32_t *from)
 {
-    return {vld1q_s32(from), vld1q_s32(from + 4)};
+    return vld1q_s32(from);
 }
 
 static inline void store(int32_t *to, vec_s32 v)
 {
-    vst1q_s32(to, v.low);
-    vst1q_s32(to + 4, v.high);
+    vst1q_s32(to, v);
 }
 
 static inline vec_s32 splat(int32_t value)
 {
-    return {vdupq_n_s32(value), vdupq_n_s32(value)};
+    return vdupq_n_s32(value);
 }
 
 static inline vec_s32 add(vec_s32 a, vec_s32 b)
 {
-    return {vaddq_s32(a.low, b.low), vaddq_s32(a.high, b.high)};
+    return vaddq_s32(a, b);
 }
 
 static inline vec_s32 sub(vec_s32 a, vec_s32 b)
 {
-    return {vsubq_s32(a.low, b.low), vsubq_s32(a.high, b.high)};
+    return vsubq_s32(a, b);
 }
 
 // As the functions of fixed_point.h, which clear the lowest bit of the product.
 static inline vec_s32 mul_q31(vec_s32 a, vec_s32 c)
 {
-    const int32x4_t even = vdupq_n_s32(-2);
-    return {vandq_s32(vqdmulhq_s32(a.low, c.low), even),
-            vandq_s32(vqdmulhq_s32(a.high, c.high), even)};
+    return vandq_s32(vqdmulhq_s32(a, c), vdupq_n_s32(-2));
 }
 
 static inline vec_s32 mul_add_q31(vec_s32 a, vec_s32 c, vec_s32 b, vec_s32 d)
@@ -223,7 +219,7 @@ static inline vec_s32 mul_sub_q31(vec_s32 a, vec_s32 c, vec_s32 b, vec_s32 d)
 }
 
 // (a * c + b * d) >> 28; fits in 32 bits
-static inline int32x4_t mul_add_q28(int32x4_t a, int32x4_t c, int32x4_t b, int32x4_t d)
+static inline vec_s32 mul_add_q28(vec_s32 a, vec_s32 c, vec_s32 b, vec_s32 d)
 {
     const int64x2_t low =
         vmlal_s32(vmull_s32(vget_low_s32(a), vget_low_s32(c)), vget_low_s32(b), vget_low_s32(d));
@@ -232,75 +228,47 @@ static inline int32x4_t mul_add_q28(int32x4_t a, int32x4_t c, int32x4_t b, int32
     return vcombine_s32(vshrn_n_s64(low, 28), vshrn_n_s64(high, 28));
 }
 
-static inline vec_s32 mul_add_q28(vec_s32 a, vec_s32 c, vec_s32 b, vec_s32 d)
-{
-    return {mul_add_q28(a.low, c.low, b.low, d.low), mul_add_q28(a.high, c.high, b.high, d.high)};
-}
-
-static inline int32x4_t reverse(int32x4_t v)
+static inline vec_s32 reverse(vec_s32 v)
 {
     const int32x4_t pairs = vrev64q_s32(v);
     return vcombine_s32(vget_high_s32(pairs), vget_low_s32(pairs));
 }
 
-static inline vec_s32 reverse(vec_s32 v)
-{
-    return {reverse(v.high), reverse(v.low)};
-}
-
 // v with its first lane from `other`
 static inline vec_s32 with_first(vec_s32 v, vec_s32 other)
 {
-    return {vsetq_lane_s32(vgetq_lane_s32(other.low, 0), v.low, 0), v.high};
+    return vsetq_lane_s32(vgetq_lane_s32(other, 0), v, 0);
 }
 
-// Splits 16 samples in memory.
+// Splits eight samples in memory.
 static inline even_odd load_even_odd(const int16_t *from)
 {
-    const int16x8x2_t pairs = vld2q_s16(from);
-    return {{vmovl_s16(vget_low_s16(pairs.val[0])), vmovl_s16(vget_high_s16(pairs.val[0]))},
-            {vmovl_s16(vget_low_s16(pairs.val[1])), vmovl_s16(vget_high_s16(pairs.val[1]))}};
+    const int16x4x2_t pairs = vld2_s16(from);
+    return {vmovl_s16(pairs.val[0]), vmovl_s16(pairs.val[1])};
 }
 
-// Splits 16 integers in memory.
+// Splits eight integers in memory.
 static inline even_odd load_even_odd(const int32_t *from)
 {
-    const int32x4x2_t low = vld2q_s32(from);
-    const int32x4x2_t high = vld2q_s32(from + 8);
-    return {{low.val[0], high.val[0]}, {low.val[1], high.val[1]}};
+    const int32x4x2_t pairs = vld2q_s32(from);
+    return {pairs.val[0], pairs.val[1]};
 }
 
 static inline void store_even_odd(int32_t *to, vec_s32 even, vec_s32 odd)
 {
-    const int32x4x2_t low = {{even.low, odd.low}};
-    const int32x4x2_t high = {{even.high, odd.high}};
-    vst2q_s32(to, low);
-    vst2q_s32(to + 8, high);
+    const int32x4x2_t pairs = {{even, odd}};
+    vst2q_s32(to, pairs);
 }
 
-// Turns four rows into columns.
-static inline void transpose(int32x4_t *a, int32x4_t *b, int32x4_t *c, int32x4_t *d)
-{
-    const int32x4x2_t ab = vtrnq_s32(*a, *b);
-    const int32x4x2_t cd = vtrnq_s32(*c, *d);
-    *a = vcombine_s32(vget_low_s32(ab.val[0]), vget_low_s32(cd.val[0]));
-    *b = vcombine_s32(vget_low_s32(ab.val[1]), vget_low_s32(cd.val[1]));
-    *c = vcombine_s32(vget_high_s32(ab.val[0]), vget_high_s32(cd.val[0]));
-    *d = vcombine_s32(vget_high_s32(ab.val[1]), vget_high_s32(cd.val[1]));
-}
-
-// Turns eight rows into columns.
+// Turns kLanes rows into columns.
 static inline void transpose(vec_s32 *rows)
 {
-    for (int32_t i = 0; i < 8; i += 4) {
-        transpose(&rows[i].low, &rows[i + 1].low, &rows[i + 2].low, &rows[i + 3].low);
-        transpose(&rows[i].high, &rows[i + 1].high, &rows[i + 2].high, &rows[i + 3].high);
-    }
-    for (int32_t i = 0; i < 4; i++) {
-        const int32x4_t corner = rows[i].high;
-        rows[i].high = rows[i + 4].low;
-        rows[i + 4].low = corner;
-    }
+    const int32x4x2_t first = vtrnq_s32(rows[0], rows[1]);
+    const int32x4x2_t last = vtrnq_s32(rows[2], rows[3]);
+    rows[0] = vcombine_s32(vget_low_s32(first.val[0]), vget_low_s32(last.val[0]));
+    rows[1] = vcombine_s32(vget_low_s32(first.val[1]), vget_low_s32(last.val[1]));
+    rows[2] = vcombine_s32(vget_high_s32(first.val[0]), vget_high_s32(last.val[0]));
+    rows[3] = vcombine_s32(vget_high_s32(first.val[1]), vget_high_s32(last.val[1]));
 }
 
 #else

@@ -44,9 +44,10 @@ QUICK = Extent(pairs=1, encoder_seconds=60, profile_seconds=20, client_seconds=(
 
 # The encoder's functions by what they do.
 STAGES = {'transform': 'transform_|AACENC_gCmplxFft|AACE_FFT|buffer2freq|leave_rows',
-          'rate loop and packing': 'raise_lines|choose_codebook|pack_codewords|quantise|'
-                                   'sort_book_numbers|settle_gain|tf_encode_spectrum_aac',
-          'writing of elements': 'bitstream_put|write_|Write|BsPutBit',
+          'rate loop and packing': 'largest_magnitude|raise_lines|power_three|choose_codebook|'
+                                   'quantise|count_|pack_codewords|sort_book_numbers|'
+                                   'step_of_gain|tf_encode_spectrum_aac',
+          'writing of elements': 'bitstream_put|write_|Write|BsPutBit|difference_bits',
           'other': ''}
 
 
