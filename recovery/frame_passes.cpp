@@ -25,7 +25,7 @@ static int32_t report_progress(recovery_job *job, int64_t position)
 static int32_t begin_pass(recovery_job *job, frame_stream *stream)
 {
     frame_stream_begin(stream, &job->media, &job->bounds,
-                       job->has_journal ? &job->journal_begin : nullptr, job->format);
+                       job->has_journal ? &job->journal_begin : nullptr, job->format, &job->notes);
     return report_progress(job, 0);
 }
 
@@ -78,6 +78,7 @@ static void count_frame(recovery_job *job, const stream_frame *frame)
 static int32_t scan_stream(recovery_job *job, frame_stream *stream)
 {
     frame_times_begin(&job->times);
+    walk_notes_begin(&job->notes);
     int32_t result = begin_pass(job, stream);
     while (result == RECOVERY_DONE) {
         stream_frame frame;
@@ -259,6 +260,7 @@ int32_t visit_frames(recovery_job *job, void *context,
     frame_stream stream;
     frame_times_rewind(&job->times);
     scratch_tables_rewind(&job->tables);
+    walk_notes_rewind(&job->notes);
     job->passed_frames = 0;
     int32_t result = begin_pass(job, &stream);
     while (result == RECOVERY_DONE) {

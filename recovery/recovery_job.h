@@ -21,6 +21,7 @@ struct recovery_job {
     media_format format;
     frame_times times;
     scratch_tables tables;
+    walk_notes notes;
     bool has_tables; // they give times
 
     // What the scan finds.
