@@ -354,10 +354,31 @@ static int32_t read_elements(frame_reader *frame)
     return channels;
 }
 
+int32_t announced_aac_bands(const uint8_t *bytes, int32_t count)
+{
+    const uint64_t bits = peek_at(bytes, count, 0);
+    const uint64_t id = bits >> 61; // id_syn_ele
+    const bool has_common_window = id == 1 && (bits >> 56 & 1) != 0;
+    const int32_t ics_info = has_common_window ? 8 : id == 1 ? 16 : 15;
+    const uint64_t head = bits << ics_info >> 53; // as read_ics_info reads it
+    const bool is_head = id <= 1 && (bits >> 57 & 0xF) == 0 && head >> 7 == 0 && (head & 1) == 0;
+    return is_head ? static_cast<int32_t>(head >> 1 & 0x3F) : 0;
+}
+
+static const uint8_t *row_of(int32_t sampling_index)
+{
+    return sr_info_aac[sr_info_index[sampling_index - kAacFirstSamplingIndex]];
+}
+
+int32_t aac_bands_of(int32_t sampling_index)
+{
+    return row_of(sampling_index)[0];
+}
+
 aac_frame read_aac_frame(const uint8_t *bytes, int32_t count, int32_t sampling_index,
                          aac_frame_values *values)
 {
-    const uint8_t *const row = sr_info_aac[sr_info_index[sampling_index - kAacFirstSamplingIndex]];
+    const uint8_t *const row = row_of(sampling_index);
     frame_reader frame = {.in = {.bytes = bytes, .count = std::min(count, kAacMostFrameBytes + 1)},
                           .codewords = get_aac_codewords(),
                           .widths = row + 1,

@@ -379,6 +379,9 @@ static void add_faults(const known_recording &recording, std::set<std::string> &
         const aac_frame plain = read_aac_frame(bytes.data(), count, sampling_index, &values);
         EXPECT_EQ(frame.fault, plain.fault);
         EXPECT_EQ(frame.bits, plain.bits);
+        if (plain.fault == nullptr) {
+            EXPECT_EQ(announced_aac_bands(bytes.data(), count), values.bands);
+        }
         faults.insert(frame.fault != nullptr ? frame.fault : "");
     };
     for (size_t i = 0; i < recording.frames.size(); i += 9) {
