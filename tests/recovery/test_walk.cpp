@@ -1,6 +1,7 @@
 #include "aacenc/band_tables.h"
 #include "recovery/aac_frame.h"
 #include "recovery/media_walk.h"
+#include "recovery/picture_units.h"
 #include "recovery/walk_notes.h"
 #include "tests/recovery/known_recording.h"
 #include "tests/support/mux_recording.h"
@@ -251,6 +252,28 @@ TEST(Walk, KnowsWholePictures)
         EXPECT_EQ(are_whole_units(bytes.data(), static_cast<int32_t>(bytes.size()), false),
                   is_whole)
             << picture;
+    }
+}
+
+TEST(Walk, SeesTheFirstDamageOfAnyBytes)
+{
+    static constexpr uint8_t kBytes[] = {0, 0, 0, 1, 2, 3, 128, 255};
+    std::mt19937 random(11);
+    for (int round = 0; round < 100000; round++) {
+        Bytes bytes(random() % 40);
+        const uint32_t others = random() % 8; // of the bytes that may be zero
+        for (uint8_t &byte : bytes) {
+            byte = kBytes[std::max<size_t>(random() % 8, others)];
+        }
+        size_t first = 0;
+        while (first + 2 < bytes.size() &&
+               (bytes[first] != 0 || bytes[first + 1] != 0 || bytes[first + 2] > 2)) {
+            first++;
+        }
+        first = first + 2 < bytes.size() ? first : bytes.size();
+        ASSERT_EQ(find_damage(bytes.data(), static_cast<int64_t>(bytes.size())),
+                  static_cast<int64_t>(first))
+            << round;
     }
 }
 
