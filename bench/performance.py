@@ -21,6 +21,7 @@ import time
 
 from measuring import (ROOT, SAMPLE_SECONDS, encode_command, end, ffmpeg_encode_command,
                        read_arguments, run, start, table_row, usage_of, write_loop)
+from recovery_rows import recovery_rows
 
 RELEASE = ROOT / 'build/measured'
 PORTABLE = ROOT / 'build/portable'
@@ -376,6 +377,7 @@ def main():
         encoder_rows, profiles = measure_encoder(extent, folder)
         client_rows, client = measure_client(extent, folder)
         checkpoint_rows = measure_checkpoints(extent, folder)
+        checkpoint_rows += recovery_rows(RELEASE / 'bin', extent is QUICK, folder)
     muxer_rows, muxer = measure_muxer(extent)
     rows = (encoder_rows + muxer_rows + measure_component(extent) + checkpoint_rows +
             measure_library() + client_rows)

@@ -4,10 +4,6 @@
 #include "client/input/mapped_file.h"
 #include "mp4read/mp4_reader.h"
 
-// The mapped pages are released each time this many frames have been read: a file may be larger
-// than the memory.
-static constexpr uint64_t kFramesToRelease = 1 << 14;
-
 static void count(track_summary &summary, const mp4_reader::sample &frame)
 {
     summary.frames++;
@@ -29,11 +25,10 @@ std::optional<file_summary> finished_file_read(int file)
     file_summary summary = {.bytes = mapped->bytes.size()};
     const auto count_frame = [&](const mp4_reader::track *of, const mp4_reader::sample &frame) {
         count(of->handler == "vide" ? summary.video : summary.audio, frame);
-        if ((summary.video.frames + summary.audio.frames) % kFramesToRelease == 0) {
-            mapped_file_release(*mapped);
-        }
     };
-    const mp4_reader::movie movie = mp4_reader::read_movie(mapped->bytes, count_frame);
+    // A file may be larger than the memory.
+    const mp4_reader::movie movie =
+        mp4_reader::read_movie(mapped->bytes, count_frame, [&] { mapped_file_release(*mapped); });
     if (mp4_reader::find(movie.boxes, "moov") == nullptr) {
         return std::nullopt;
     }

@@ -33,7 +33,8 @@ int info_run(const info_options &options)
         terminal_say("tdmbrec: note: to get the recorded data back: tdmbrec recover " +
                      shell_word(options.input));
     }
-    const media_report report = media_report_make(options.input, file->bytes);
+    const media_report report =
+        media_report_make(options.input, file->bytes, [&] { mapped_file_release(*file); });
     std::string text;
     if (options.page) {
         const std::string page = info_page(report);

@@ -6,13 +6,14 @@
 #include "client/input/picture_trial.h"
 #include "client/options.h"
 #include "client/recover_search.h"
+#include "recovery/recovery.h"
 
 #include <optional>
 #include <string>
 #include <vector>
 
 // As many of the first pictures are tried, from the first key frame on.
-inline constexpr size_t kTrialPictures = 30;
+inline constexpr size_t kTrialPictures = RECOVERY_FIRST_PICTURES;
 
 struct found_configuration {
     std::vector<uint8_t> bytes; // for recovery_input_t

@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cstring>
+#include <exception>
 #include <fcntl.h>
 #include <filesystem>
 #include <sys/stat.h>
@@ -44,11 +45,12 @@ struct recover_job {
     recovery_source_t journal_source = {};
     std::array<recovery_source_t, RECOVERY_TABLE_COUNT> table_sources = {};
     recovery_input_t input = {};
-    std::vector<frame_place> trial; // of the pictures that a configuration is tried with
-    bool needs_trial_alone = false; // what comes after them is not wanted
-    uint32_t last_ms = 0;           // of the last frame
-    uint8_t end_begin = 0;          // the first byte after the last whole frame
-    bool has_cut_picture = false;   // there
+    std::vector<frame_place> trial;           // of the pictures that a configuration is tried with
+    std::optional<found_configuration> found; // where the recording has none
+    std::exception_ptr thrown;                // by a callback
+    uint32_t last_ms = 0;                     // of the last frame
+    uint8_t end_begin = 0;                    // the first byte after the last whole frame
+    bool has_cut_picture = false;             // there
 };
 
 static recover_job &job_of(void *context)
@@ -64,8 +66,7 @@ static int32_t show_progress(void *context, int64_t done_bytes, int64_t all_byte
             "Recovering  " + self.broken.path +
             format_text("  %d %%", static_cast<int>(100 * done_bytes / all_bytes)));
     }
-    const bool is_enough = self.trial.size() == kTrialPictures && self.trial.front().is_key;
-    return self.needs_trial_alone && is_enough ? 1 : interruption_signal();
+    return interruption_signal();
 }
 
 static void note_frame(void *context, const recovery_frame_t *frame)
@@ -121,6 +122,52 @@ static void note_hole(void *context, const recovery_hole_t *hole)
     }
 }
 
+static picture_list read_trial(recover_job &self)
+{
+    picture_list pictures;
+    const recovery_source_t source = recover_file_source(self.media);
+    int64_t bytes = 0;
+    for (const frame_place &place : self.trial) {
+        bytes += place.bytes;
+        if (bytes > kTrialBytesMax) {
+            break;
+        }
+        std::vector<uint8_t> picture(static_cast<size_t>(place.bytes));
+        if (source.read_at(source.context, place.offset, picture.data(), place.bytes) ==
+            place.bytes) {
+            pictures.push_back(std::move(picture));
+        }
+    }
+    return pictures;
+}
+
+// A recording without a journal and without parameter sets in band gets them from elsewhere.
+static int32_t configure(void *context, const recovery_frame_t *pictures, int32_t count,
+                         const uint8_t **configuration)
+{
+    recover_job &self = job_of(context);
+    for (int32_t i = 0; i < count; i++) {
+        note_frame(context, pictures + i);
+    }
+    try {
+        terminal_show_progress("");
+        interruption_check();
+        self.found = recover_configuration_find(self.options, self.broken, read_trial(self),
+                                                self.outcome.remarks);
+    } catch (...) { // no exception passes through the library
+        self.thrown = std::current_exception();
+        return -1;
+    }
+    self.trial.clear();
+    if (!self.found) {
+        return 0;
+    }
+    self.outcome.configuration = self.found->source;
+    self.outcome.is_guess = self.found->is_guess;
+    *configuration = self.found->bytes.data();
+    return static_cast<int32_t>(self.found->bytes.size());
+}
+
 static void open_media(recover_job &self)
 {
     const std::string &path = self.broken.path;
@@ -174,25 +221,7 @@ static void open_all(recover_job &self)
     self.input.progress = show_progress;
     self.input.frame = note_frame;
     self.input.hole = note_hole;
-}
-
-static picture_list read_trial(recover_job &self)
-{
-    picture_list pictures;
-    const recovery_source_t source = recover_file_source(self.media);
-    int64_t bytes = 0;
-    for (const frame_place &place : self.trial) {
-        bytes += place.bytes;
-        if (bytes > kTrialBytesMax) {
-            break;
-        }
-        std::vector<uint8_t> picture(static_cast<size_t>(place.bytes));
-        if (source.read_at(source.context, place.offset, picture.data(), place.bytes) ==
-            place.bytes) {
-            pictures.push_back(std::move(picture));
-        }
-    }
-    return pictures;
+    self.input.configure = configure;
 }
 
 // returns: the path of the file itself, which a link in the folder may lead to
@@ -275,45 +304,6 @@ static std::string no_configuration_text(const recover_job &self)
     }
 }
 
-using attempt = int32_t (*)(recover_job &self, const work_folder &folder);
-
-static int32_t run_once(recover_job &self, const work_folder &folder, attempt run)
-{
-    self.outcome.holes.clear();
-    self.outcome.end.reset();
-    self.trial.clear();
-    self.last_ms = 0;
-    const int32_t result = run(self, folder);
-    terminal_show_progress("");
-    return result;
-}
-
-// A recording without a journal and without parameter sets in band gets them from elsewhere.
-static int32_t run_with_configuration(recover_job &self, const work_folder &folder, attempt run)
-{
-    const int32_t first = run_once(self, folder, run);
-    if (first != RECOVERY_ERR_CONFIGURATION) {
-        return first;
-    }
-    if (self.trial.empty()) {
-        self.needs_trial_alone = true;
-        recovery_report_t ignored;
-        (void)recovery_scan(&self.input, &ignored);
-        self.needs_trial_alone = false;
-    }
-    interruption_check();
-    const std::optional<found_configuration> found = recover_configuration_find(
-        self.options, self.broken, read_trial(self), self.outcome.remarks);
-    if (!found) {
-        return first;
-    }
-    self.outcome.configuration = found->source;
-    self.outcome.is_guess = found->is_guess;
-    self.input.configuration = found->bytes.data();
-    self.input.configuration_bytes = static_cast<int32_t>(found->bytes.size());
-    return run_once(self, folder, run);
-}
-
 // The caches of the recorder.
 struct lent_memory {
     std::vector<uint8_t> cache, close;
@@ -337,6 +327,23 @@ static mp4_mux_init_t make_init(lent_memory &memory, const std::string &scratch)
     return init;
 }
 
+// returns: the result
+// throws: what a callback has thrown
+static int32_t end_run(recover_job &self, int32_t result)
+{
+    terminal_show_progress("");
+    if (self.thrown) {
+        std::rethrow_exception(self.thrown);
+    }
+    if (result == RECOVERY_ERR_CONFIGURATION) { // where is the damage, all the same
+        recovery_report_t ignored;
+        (void)recovery_scan(&self.input, &ignored);
+        terminal_show_progress("");
+        interruption_check();
+    }
+    return result;
+}
+
 static int32_t write_file(recover_job &self, const work_folder &folder)
 {
     lent_memory memory;
@@ -344,7 +351,8 @@ static int32_t write_file(recover_job &self, const work_folder &folder)
     std::string path = work_folder_path(folder, kWorkMovie);
     mp4_mux_init_t init = make_init(memory, scratch);
     init.m_pOutput = path.data();
-    return recovery_write(&self.input, &init, &memory.close_memory, &self.outcome.report);
+    return end_run(self,
+                   recovery_write(&self.input, &init, &memory.close_memory, &self.outcome.report));
 }
 
 static int32_t finish_in_place(recover_job &self, const work_folder &folder)
@@ -353,8 +361,8 @@ static int32_t finish_in_place(recover_job &self, const work_folder &folder)
     const std::string scratch = work_folder_path(folder, "");
     const mp4_mux_init_t init = make_init(memory, scratch);
     const recovery_target_t target = recover_file_target(self.media);
-    return recovery_in_place(&self.input, &target, &init, &memory.close_memory,
-                             &self.outcome.report);
+    return end_run(self, recovery_in_place(&self.input, &target, &init, &memory.close_memory,
+                                           &self.outcome.report));
 }
 
 static void read_back(recover_job &self, int file)
@@ -378,7 +386,7 @@ static void recover_to_output(recover_job &self)
         work_folder_make(output, is_named && self.options.force);
     output_place_check_inputs(output, {self.broken.path, self.broken.journal, self.options.like,
                                        self.options.parameter_sets});
-    const int32_t result = run_with_configuration(self, *folder, write_file);
+    const int32_t result = write_file(self, *folder);
     if (result != RECOVERY_DONE) {
         fail(self, result, mux_file_write_error());
     }
@@ -431,7 +439,7 @@ static void recover_in_place(recover_job &self)
 {
     self.outcome.is_in_place = true;
     const std::unique_ptr<work_folder> folder = work_folder_make(scratch_path(self), true);
-    const int32_t result = run_with_configuration(self, *folder, finish_in_place);
+    const int32_t result = finish_in_place(self, *folder);
     if (result != RECOVERY_DONE) {
         const int error = self.media.error;
         fail(self, result, error != 0 ? std::strerror(error) : mux_file_write_error());

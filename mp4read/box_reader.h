@@ -13,6 +13,7 @@ namespace mp4_reader {
 
 // The state of reading one file.
 struct reading {
+    std::function<void()> pause; // see read_movie
     std::vector<std::string> faults, notes;
     std::string where;             // prefix of each fault and note, such as "track 1: "
     size_t boxes = 0, samples = 0; // read so far

@@ -107,10 +107,11 @@ static void read_image(reading &state, bytes image, const sample_sink &sink, mov
     }
 }
 
-movie read_movie(std::span<const uint8_t> image, const sample_sink &sink)
+movie read_movie(std::span<const uint8_t> image, const sample_sink &sink,
+                 const std::function<void()> &pause)
 {
     movie result;
-    reading state;
+    reading state = {.pause = pause};
     read_image(state, image, sink, result);
     result.faults = std::move(state.faults);
     result.notes = std::move(state.notes);

@@ -4,6 +4,8 @@
 #ifndef MP4READ_MP4_READER_H
 #define MP4READ_MP4_READER_H
 
+#include "mp4read/sample_list.h"
+
 #include <cstdint>
 #include <functional>
 #include <span>
@@ -17,16 +19,6 @@ struct box {
     uint64_t size = 0; // with the header; up to the end of the file where that says 0
     std::span<const uint8_t> payload; // within the image
     std::vector<box> children;
-};
-
-struct sample {
-    uint64_t offset = 0; // from the begin of the file
-    uint32_t size = 0;
-    uint64_t time = 0; // in ticks of the track
-    uint32_t duration = 0;
-    bool sync = false;
-
-    bool operator==(const sample &) const = default;
 };
 
 struct avc_configuration {
@@ -50,7 +42,8 @@ struct track {
     uint32_t sample_rate = 0, channels = 0;          // of an audio track, in Hz
     avc_configuration avc;
     stream_descriptors esds;
-    std::vector<sample> samples;
+    sample_list list;              // of the samples; it needs the image
+    std::vector<sample> samples;   // the same, if they are wanted in memory
     uint64_t samples_left_out = 0; // at the track's end, because of the reader's own limit
 };
 
@@ -74,8 +67,11 @@ movie read_movie(std::span<const uint8_t> image);
 // As above, in memory that does not grow with the number of samples.
 // in: a sink that gets each sample, in decoding order, in place of the track's `samples`. The track
 //     is complete but for the samples when its first one arrives.
+// in: a function that is called each time that a part of the tables has been read, also when the
+//     lists of the tracks are; may be empty
 using sample_sink = std::function<void(track *of, const sample &next)>;
-movie read_movie(std::span<const uint8_t> image, const sample_sink &sink);
+movie read_movie(std::span<const uint8_t> image, const sample_sink &sink,
+                 const std::function<void()> &pause = {});
 
 // Finds a box by a path such as "moov/trak/tkhd".
 // returns: the first one, or null; it is part of the boxes given

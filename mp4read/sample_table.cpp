@@ -5,57 +5,29 @@
 namespace mp4_reader {
 
 static constexpr size_t kMaxSamples = 1 << 22; // of all tracks together
+static constexpr size_t kRecordsToPause = 1 << 12;
 
-// The records of a table box: each has the same number of fields, each field the same width.
-struct table {
-    bytes records;
-    size_t fields = 1, width = 4;
-
-    size_t size() const
-    {
-        return records.size() / (fields * width);
+static void pause_at(const std::function<void()> &pause, size_t record)
+{
+    if (record % kRecordsToPause == 0 && pause) {
+        pause();
     }
-    uint64_t at(size_t record, size_t field = 0) const
-    {
-        return cursor{records.subspan((record * fields + field) * width)}.number(width);
-    }
-};
-
-struct sample_tables {
-    uint64_t count = 0;
-    uint32_t common_size = 0; // 0: each sample has its own in `sizes`
-    table sizes;
-    table chunks, chunk_runs;
-    uint64_t held = 0; // samples that the chunks have room for
-    table time_runs;
-    table sync_numbers;
-    bool all_sync = true;
-};
-
-// A walk through the tables from sample to sample, which ends with the last one in a chunk.
-struct sample_walk {
-    const sample_tables &tables;
-    size_t sample = 0, chunk = 0; // the next ones
-    size_t chunk_run = 0, time_run = 0, sync = 0;
-    uint64_t left_in_chunk = 0, left_in_time_run = 0;
-    uint64_t offset = 0, time = 0;
-    uint32_t duration = 0;
-};
+}
 
 static void enter_chunk(sample_walk &walk)
 {
-    const table &runs = walk.tables.chunk_runs;
+    const table &runs = walk.tables->chunk_runs;
     if (walk.chunk_run + 1 < runs.size() && runs.at(walk.chunk_run + 1) == walk.chunk + 1) {
         walk.chunk_run++;
     }
-    walk.offset = walk.tables.chunks.at(walk.chunk++);
+    walk.offset = walk.tables->chunks.at(walk.chunk++);
     walk.left_in_chunk = runs.at(walk.chunk_run, 1);
 }
 
 // Samples after the last run have no duration.
 static void enter_time_run(sample_walk &walk)
 {
-    const table &runs = walk.tables.time_runs;
+    const table &runs = walk.tables->time_runs;
     walk.duration = 0;
     for (; walk.left_in_time_run == 0 && walk.time_run < runs.size(); walk.time_run++) {
         walk.left_in_time_run = runs.at(walk.time_run, 0);
@@ -65,15 +37,15 @@ static void enter_time_run(sample_walk &walk)
 
 static bool is_sync(sample_walk &walk)
 {
-    const table &numbers = walk.tables.sync_numbers;
+    const table &numbers = walk.tables->sync_numbers;
     while (walk.sync < numbers.size() && numbers.at(walk.sync) <= walk.sample) {
         walk.sync++;
     }
-    return walk.tables.all_sync ||
+    return walk.tables->all_sync ||
            (walk.sync < numbers.size() && numbers.at(walk.sync) == walk.sample + 1);
 }
 
-static sample next_sample(sample_walk &walk)
+sample next_sample(sample_walk &walk)
 {
     if (walk.left_in_chunk == 0) {
         enter_chunk(walk);
@@ -82,9 +54,9 @@ static sample next_sample(sample_walk &walk)
         enter_time_run(walk);
     }
     const sample next = {.offset = walk.offset,
-                         .size = walk.tables.common_size != 0
-                                     ? walk.tables.common_size
-                                     : static_cast<uint32_t>(walk.tables.sizes.at(walk.sample)),
+                         .size = walk.tables->common_size != 0
+                                     ? walk.tables->common_size
+                                     : static_cast<uint32_t>(walk.tables->sizes.at(walk.sample)),
                          .time = walk.time,
                          .duration = walk.duration,
                          .sync = is_sync(walk)};
@@ -94,6 +66,30 @@ static sample next_sample(sample_walk &walk)
     walk.left_in_time_run -= walk.left_in_time_run > 0 ? 1 : 0;
     walk.sample++;
     return next;
+}
+
+sample_iterator sample_list::begin() const
+{
+    sample_iterator at = {.list = this, .walk = {.tables = &tables}};
+    if (count > 0) {
+        at.current = next_sample(at.walk);
+    }
+    return at;
+}
+
+sample_iterator &sample_iterator::operator++()
+{
+    index++;
+    if (index < list->count) {
+        current = next_sample(walk);
+    }
+    pause_at(list->pause, index);
+    return *this;
+}
+
+bool sample_iterator::operator==(std::default_sentinel_t) const
+{
+    return index >= list->count;
 }
 
 // Reads a table of records after their count. The box may be longer than they are.
@@ -154,6 +150,7 @@ static void read_times(reading &state, const box &stbl, sample_tables &result)
     uint64_t timed = 0;
     for (size_t run = 0; run < result.time_runs.size(); run++) {
         timed += result.time_runs.at(run);
+        pause_at(state.pause, run);
     }
     check(state, timed <= result.count || result.count == 0,
           "stts has times for more samples than there are");
@@ -174,6 +171,7 @@ static void read_sync_numbers(reading &state, const box &stbl, sample_tables &re
               "stss names samples that the track does not have");
         check(state, i == 0 || number > last, "stss is not in order");
         last = number;
+        pause_at(state.pause, i);
     }
 }
 
@@ -191,9 +189,15 @@ void read_samples(reading &state, const box &stbl, const sample_sink &sink, trac
         count = room;
     }
     state.samples += static_cast<size_t>(count);
-    sample_walk walk = {tables};
-    for (uint64_t i = 0; i < std::min(count, tables.held); i++) {
-        sink(&result, next_sample(walk));
+    result.list = {.tables = tables,
+                   .count = static_cast<size_t>(std::min(count, tables.held)),
+                   .pause = state.pause};
+    if (result.list.count > 0) {
+        result.list.first = *result.list.begin();
+    }
+    for (const sample &next : result.list) {
+        result.list.last = next;
+        sink(&result, next);
     }
 }
 

@@ -14,9 +14,9 @@ static std::span<const uint32_t> get_codebook(uint32_t book)
     return {book == kAacScalefactorBook ? huff12 : huff_table[book - 1], kCodes[book - 1]};
 }
 
-static aac_codeword make_word(uint32_t index, uint32_t length, uint32_t signs)
+static aac_codeword make_word(uint32_t index, uint32_t bits, uint32_t signs)
 {
-    return {.index = index & 0x7FF, .length = length & 0x1F, .signs = signs & 0xF};
+    return {.bits = bits & 0x1F, .index = index & 0x7FF, .signs = signs & 0xF};
 }
 
 // Describes a codeword by its values.
@@ -36,7 +36,7 @@ static aac_codeword describe_codeword(uint32_t book, uint32_t index, uint32_t le
         signs += magnitude != 0 && !is_signed_aac_book(book) ? 1U : 0U;
         escapes |= book == kEscapeBook && magnitude == kAacEscapeMark ? 1U << i : 0U;
     }
-    aac_codeword word = make_word(index, length, signs);
+    aac_codeword word = make_word(index, length + signs, signs);
     word.largest = largest & 0x1F;
     word.escapes = escapes & 3;
     return word;
@@ -75,7 +75,7 @@ static uint32_t make_branches(std::span<const uint32_t> codebook, aac_codeword *
         }
     }
     for (uint32_t i = 0; i < 1U << kAacRootBits; i++) {
-        if (roots[i].length == kAacBranch) {
+        if (roots[i].bits == kAacBranch) {
             roots[i] = make_word(used_entries, kAacBranch, roots[i].signs);
             used_entries += 1U << roots[i].signs;
         }

@@ -10,14 +10,15 @@ inline constexpr uint32_t kAacEscapeMark = 16;      // a value of the escape cod
 
 // What an entry says about its codeword. All codebooks are complete: each entry is of a codeword.
 struct aac_codeword {
+    uint32_t bits : 5;    // with the sign bits after it; of a longer codeword: kAacBranch
     uint32_t index : 11;  // in the codebook; of a longer codeword: the first entry of its branch
-    uint32_t length : 5;  // in bits; of a longer codeword: kAacBranch
-    uint32_t signs : 4;   // sign bits after it; of a longer codeword: bits of the second look
+    uint32_t signs : 4;   // sign bits; of a longer codeword: bits of the second look
     uint32_t largest : 5; // magnitude of its values
     uint32_t escapes : 2; // bits 0 and 1: the first, the second value is in an escape
 };
 inline constexpr uint32_t kAacBranch = 31;
 inline constexpr uint32_t kAacBranchEntries = 1754; // of all longer codewords
+inline constexpr int32_t kAacMostWordBits = 20;     // with its signs
 
 struct aac_codeword_tables {
     aac_codeword roots[kAacScalefactorBook + 1][1U << kAacRootBits]; // by codebook; 0 is empty
@@ -34,7 +35,7 @@ struct aac_codeword_tables {
                                                            uint32_t book, uint64_t bits)
 {
     const aac_codeword *const root = &tables->roots[book][bits >> (64 - kAacRootBits)];
-    if (root->length != kAacBranch) {
+    if (root->bits != kAacBranch) {
         return root;
     }
     return &tables->branches[root->index + (bits << kAacRootBits >> (64 - root->signs))];

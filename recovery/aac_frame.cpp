@@ -5,6 +5,7 @@
 #include "recovery/aac_codewords.h"
 
 #include <algorithm>
+#include <bit>
 #include <cstddef>
 
 static constexpr uint32_t kReservedBook = 12;
@@ -12,7 +13,8 @@ static constexpr int32_t kNoiseOffset = 256; // of the first noise energy
 static constexpr int32_t kSectionEscape = 31;
 static constexpr int32_t kMostChannelBits = 6144;
 static constexpr uint32_t kMostTnsOrder = 12;
-static constexpr uint32_t kLongestEscapePrefix = 12; // of 8191
+static constexpr uint32_t kLeastEscapeBits = 4; // after a prefix of no ones
+static constexpr uint32_t kMostEscapeOnes = 8;  // of the prefix of 8191
 
 namespace {
 
@@ -57,18 +59,28 @@ static inline uint64_t read_be64(const uint8_t *bytes)
            uint64_t{bytes[6]} << 8 | uint64_t{bytes[7]};
 }
 
+// Bits of which some may be after the end of the data.
+static uint64_t peek_last(const uint8_t *bytes, int32_t count, int32_t first)
+{
+    uint8_t last[8] = {};
+    for (int32_t i = 0; first + i < count; i++) {
+        last[i] = bytes[first + i];
+    }
+    return read_be64(last);
+}
+
+static inline uint64_t peek_at(const uint8_t *bytes, int32_t count, int32_t position)
+{
+    const int32_t first = position >> 3; // cheaper than a division of a signed number
+    const uint64_t bits =
+        first + 8 <= count ? read_be64(bytes + first) : peek_last(bytes, count, first);
+    return bits << (position & 7);
+}
+
 // returns: at least the next 57 bits, the first one highest
 static inline uint64_t peek(const bit_reader *in)
 {
-    const int32_t first = in->position >> 3; // cheaper than a division of a signed number
-    if (first + 8 <= in->count) {
-        return read_be64(in->bytes + first) << (in->position & 7);
-    }
-    uint8_t last[8] = {};
-    for (int32_t i = 0; first + i < in->count; i++) {
-        last[i] = in->bytes[first + i];
-    }
-    return read_be64(last) << (in->position & 7);
+    return peek_at(in->bytes, in->count, in->position);
 }
 
 static uint32_t get(bit_reader *in, int32_t count)
@@ -113,30 +125,30 @@ static void read_section_data(frame_reader *frame, channel_state *channel)
     }
 }
 
-static int32_t get_difference(frame_reader *frame)
+static int32_t get_difference(bit_reader *in, const aac_codeword_tables *codewords)
 {
-    const aac_codeword *const word =
-        find_aac_codeword(frame->codewords, kAacScalefactorBook, peek(&frame->in));
-    frame->in.position += static_cast<int32_t>(word->length);
+    const aac_codeword *const word = find_aac_codeword(codewords, kAacScalefactorBook, peek(in));
+    in->position += static_cast<int32_t>(word->bits);
     return static_cast<int32_t>(word->index) - kScalefactorZero;
 }
 
 static void read_scalefactors(frame_reader *frame, const channel_state *channel,
                               int16_t *scalefactors)
 {
-    bit_reader *const in = &frame->in;
+    bit_reader in = frame->in; // in registers
     int32_t last = channel->global_gain;
     int32_t noise = channel->global_gain - kNoiseOffset;
     bool is_first_noise = true;
     for (int32_t band = 0; band < frame->bands; band++) {
         const uint8_t book = channel->codebook[band];
         if (book == kNoiseBook) {
-            noise += is_first_noise ? static_cast<int32_t>(get(in, 9)) : get_difference(frame);
+            noise += is_first_noise ? static_cast<int32_t>(get(&in, 9))
+                                    : get_difference(&in, frame->codewords);
             is_first_noise = false;
         } else if (book != kZeroBook) {
-            last += get_difference(frame);
+            last += get_difference(&in, frame->codewords);
             if (last < 0 || last > UINT8_MAX) {
-                fail(in, "scalefactor out of range");
+                fail(&in, "scalefactor out of range");
             }
         }
         if (scalefactors != nullptr) {
@@ -144,6 +156,7 @@ static void read_scalefactors(frame_reader *frame, const channel_state *channel,
             scalefactors[band] = static_cast<int16_t>(value);
         }
     }
+    frame->in = in;
 }
 
 static void read_tns_data(bit_reader *in)
@@ -168,15 +181,15 @@ static void read_tns_data(bit_reader *in)
 
 static int32_t get_escape(bit_reader *in)
 {
-    uint32_t prefix = 4;
-    while (prefix <= kLongestEscapePrefix && get(in, 1) == 1) {
-        prefix++;
-    }
-    if (prefix > kLongestEscapePrefix) {
+    const uint32_t ones = static_cast<uint32_t>(std::countl_one(peek(in)));
+    if (ones > kMostEscapeOnes) {
+        in->position += static_cast<int32_t>(kMostEscapeOnes) + 1;
         fail(in, "escape above 8191");
         return 0;
     }
-    return (1 << prefix) + static_cast<int32_t>(get(in, static_cast<int32_t>(prefix)));
+    in->position += static_cast<int32_t>(ones) + 1;
+    const uint32_t length = ones + kLeastEscapeBits;
+    return (1 << length) + static_cast<int32_t>(get(in, static_cast<int32_t>(length)));
 }
 
 // Reads signs and escapes after a codeword and stores its values.
@@ -195,22 +208,39 @@ static void read_values(bit_reader *in, uint32_t book, const aac_codeword *word,
     }
 }
 
-// Passes over the codewords of a band, with their signs and escapes. Most bits are read here.
+static void skip_escapes(bit_reader *in, uint32_t escapes)
+{
+    for (; escapes != 0; escapes &= escapes - 1) {
+        (void)get_escape(in);
+    }
+}
+
+// Passes over the codewords of a band, with their signs and escapes. Most bits are read here: they
+// are looked at in a register, which is filled for two codewords.
 // returns: the largest magnitude, at most kAacEscapeMark
 static uint32_t skip_band(frame_reader *frame, uint32_t book, int32_t width)
 {
-    bit_reader in = frame->in; // in registers
-    const int32_t group = book <= 4 ? 4 : 2;
+    const aac_codeword_tables *const codewords = frame->codewords;
+    const uint8_t *const bytes = frame->in.bytes;
+    const int32_t count = frame->in.count;
+    int32_t position = frame->in.position;
+    const int32_t words = book <= 4 ? width / 4 : width / 2;
+    uint64_t bits = 0;
     uint32_t largest = 0;
-    for (int32_t k = 0; k < width; k += group) {
-        const aac_codeword *const word = find_aac_codeword(frame->codewords, book, peek(&in));
-        in.position += static_cast<int32_t>(word->length + word->signs);
+    for (int32_t k = 0; k < words; k++) {
+        bits = k % 2 == 0 ? peek_at(bytes, count, position) : bits;
+        const aac_codeword *const word = find_aac_codeword(codewords, book, bits);
+        bits <<= word->bits;
+        position += static_cast<int32_t>(word->bits);
         largest = std::max<uint32_t>(largest, word->largest);
-        for (uint32_t escapes = word->escapes; escapes != 0; escapes &= escapes - 1) {
-            (void)get_escape(&in);
+        if (word->escapes != 0) {
+            frame->in.position = position;
+            skip_escapes(&frame->in, word->escapes);
+            position = frame->in.position;
+            bits = peek_at(bytes, count, position);
         }
     }
-    frame->in = in;
+    frame->in.position = position;
     return largest;
 }
 
@@ -223,7 +253,7 @@ static uint32_t read_band(frame_reader *frame, uint32_t book, int32_t width, int
     uint32_t largest = 0;
     for (int32_t k = 0; k < width; k += group) {
         const aac_codeword *const word = find_aac_codeword(frame->codewords, book, peek(in));
-        in->position += static_cast<int32_t>(word->length);
+        in->position += static_cast<int32_t>(word->bits - word->signs);
         read_values(in, book, word, quantised + k);
         largest = std::max<uint32_t>(largest, word->largest);
     }
@@ -324,10 +354,31 @@ static int32_t read_elements(frame_reader *frame)
     return channels;
 }
 
+int32_t announced_aac_bands(const uint8_t *bytes, int32_t count)
+{
+    const uint64_t bits = peek_at(bytes, count, 0);
+    const uint64_t id = bits >> 61; // id_syn_ele
+    const bool has_common_window = id == 1 && (bits >> 56 & 1) != 0;
+    const int32_t ics_info = has_common_window ? 8 : id == 1 ? 16 : 15;
+    const uint64_t head = bits << ics_info >> 53; // as read_ics_info reads it
+    const bool is_head = id <= 1 && (bits >> 57 & 0xF) == 0 && head >> 7 == 0 && (head & 1) == 0;
+    return is_head ? static_cast<int32_t>(head >> 1 & 0x3F) : 0;
+}
+
+static const uint8_t *row_of(int32_t sampling_index)
+{
+    return sr_info_aac[sr_info_index[sampling_index - kAacFirstSamplingIndex]];
+}
+
+int32_t aac_bands_of(int32_t sampling_index)
+{
+    return row_of(sampling_index)[0];
+}
+
 aac_frame read_aac_frame(const uint8_t *bytes, int32_t count, int32_t sampling_index,
                          aac_frame_values *values)
 {
-    const uint8_t *const row = sr_info_aac[sr_info_index[sampling_index - kAacFirstSamplingIndex]];
+    const uint8_t *const row = row_of(sampling_index);
     frame_reader frame = {.in = {.bytes = bytes, .count = std::min(count, kAacMostFrameBytes + 1)},
                           .codewords = get_aac_codewords(),
                           .widths = row + 1,

@@ -37,6 +37,13 @@ struct aac_frame {
     int32_t channels;
 };
 
+// Looks at the head of a frame alone.
+// returns: the number of bands that it announces; 0 when no frame begins so
+[[nodiscard]] int32_t announced_aac_bands(const uint8_t *bytes, int32_t count);
+
+// returns: the number of bands that every frame has
+[[nodiscard]] int32_t aac_bands_of(int32_t sampling_index);
+
 // Reads the frame at the begin of `bytes`; more bytes may follow it.
 // in: sampling_index: ISO/IEC 14496-3, Table 1.18; from kAacFirstSamplingIndex to the last one
 // out: values: what the frame contains, of use only without a fault; may be null

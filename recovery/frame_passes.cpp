@@ -25,7 +25,7 @@ static int32_t report_progress(recovery_job *job, int64_t position)
 static int32_t begin_pass(recovery_job *job, frame_stream *stream)
 {
     frame_stream_begin(stream, &job->media, &job->bounds,
-                       job->has_journal ? &job->journal_begin : nullptr, job->format);
+                       job->has_journal ? &job->journal_begin : nullptr, job->format, &job->notes);
     return report_progress(job, 0);
 }
 
@@ -59,6 +59,23 @@ static bool inspect_frame(recovery_job *job, const stream_frame *frame)
     return bytes != nullptr || frame->size == 0;
 }
 
+// Keeps the first pictures from the first key frame on, with which a decoder begins.
+static void note_first_picture(recovery_job *job, const stream_frame *frame)
+{
+    const bool is_key = (frame->flags & MUX_FRAME_KEY) != 0;
+    int32_t *const count = &job->first_picture_count;
+    if (is_key && *count > 0 && (job->first_pictures[0].flags & MUX_FRAME_KEY) == 0) {
+        *count = 0;
+    }
+    if (*count < RECOVERY_FIRST_PICTURES) {
+        job->first_pictures[(*count)++] = {.type = frame->type,
+                                           .flags = frame->flags,
+                                           .offset = frame->offset,
+                                           .size = frame->size,
+                                           .is_journaled = frame->is_journaled ? 1 : 0};
+    }
+}
+
 static void count_frame(recovery_job *job, const stream_frame *frame)
 {
     recovery_report_t *const report = job->report;
@@ -72,12 +89,15 @@ static void count_frame(recovery_job *job, const stream_frame *frame)
     frame_times_note(&job->times, frame);
     if (frame->type == MUX_TYPE_VIDEO) {
         report->last_ms = frame->time_ms;
+        note_first_picture(job, frame);
     }
 }
 
 static int32_t scan_stream(recovery_job *job, frame_stream *stream)
 {
     frame_times_begin(&job->times);
+    walk_notes_begin(&job->notes);
+    job->first_picture_count = 0;
     int32_t result = begin_pass(job, stream);
     while (result == RECOVERY_DONE) {
         stream_frame frame;
@@ -259,6 +279,7 @@ int32_t visit_frames(recovery_job *job, void *context,
     frame_stream stream;
     frame_times_rewind(&job->times);
     scratch_tables_rewind(&job->tables);
+    walk_notes_rewind(&job->notes);
     job->passed_frames = 0;
     int32_t result = begin_pass(job, &stream);
     while (result == RECOVERY_DONE) {

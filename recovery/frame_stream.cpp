@@ -4,11 +4,12 @@
 #include <cstring>
 
 void frame_stream_begin(frame_stream *stream, media_window *media, const media_bounds *bounds,
-                        const journal_frames *journal, media_format format)
+                        const journal_frames *journal, media_format format, walk_notes *notes)
 {
     *stream = {.media = media,
                .bounds = *bounds,
                .format = format,
+               .notes = notes,
                .lesson_begin = bounds->begin,
                .last_end = bounds->begin};
     stream->walk = {.window = media,
@@ -42,7 +43,7 @@ static void teach_walk(frame_stream *stream, int64_t position)
 {
     walked_frame known;
     stream->walk.position = std::min(stream->lesson_begin, position);
-    while (stream->walk.position < position &&
+    while (!stream->notes->is_replayed && stream->walk.position < position &&
            media_walk_next(&stream->walk, &known) == kWalkFrame) {
     }
     stream->walk.position = position;
@@ -114,12 +115,35 @@ static stream_result pass_journaled(frame_stream *stream, const journaled_frame 
     return pass_frame(stream, frame);
 }
 
+// Walks, and notes what is found.
+static walk_result find_walked(frame_stream *stream, walked_frame *walked)
+{
+    const walk_result result = stream->walk.position < stream->walk.end
+                                   ? media_walk_next(&stream->walk, walked)
+                                   : kWalkEnd;
+    walk_notes_add(stream->notes, result == kWalkFrame ? walked : nullptr);
+    return result;
+}
+
+// Takes what an earlier walk has noted.
+static walk_result replay_walked(frame_stream *stream, walked_frame *walked)
+{
+    if (!walk_notes_next(stream->notes, stream->walk.position, walked)) {
+        return kWalkEnd;
+    }
+    if (show_part(stream->media, walked->offset, walked->size) == nullptr) {
+        stream->media->has_failed = true; // the file has become shorter
+        return kWalkReadError;
+    }
+    stream->walk.position = walked->offset + walked->size;
+    return kWalkFrame;
+}
+
 static stream_result walk_next(frame_stream *stream, stream_frame *frame)
 {
     walked_frame walked = {};
-    const walk_result result = stream->walk.position < stream->walk.end
-                                   ? media_walk_next(&stream->walk, &walked)
-                                   : kWalkEnd;
+    const walk_result result =
+        stream->notes->is_replayed ? replay_walked(stream, &walked) : find_walked(stream, &walked);
     switch (result) {
     case kWalkFrame:
         *frame = {.type = walked.type,

@@ -6,6 +6,7 @@
 #include "recovery/journal_frames.h"
 #include "recovery/media_bounds.h"
 #include "recovery/media_walk.h"
+#include "recovery/walk_notes.h"
 
 #include <cstdint>
 
@@ -32,14 +33,16 @@ struct frame_stream {
     bool has_group; // its frames come after those of the walk
     stream_part part;
     media_walk walk;
+    walk_notes *notes;    // written, or replayed in place of the walk
     int64_t lesson_begin; // of intact frames that the walk can learn from; they end where it begins
     int64_t last_end;     // of the last whole frame
     int64_t media_end;    // at the end: of the media data
 };
 
 // in: journal: or null; begun, before its first group
+// in: notes: begun or rewound
 void frame_stream_begin(frame_stream *stream, media_window *media, const media_bounds *bounds,
-                        const journal_frames *journal, media_format format);
+                        const journal_frames *journal, media_format format, walk_notes *notes);
 
 enum stream_result { kStreamFrame, kStreamLostFrame, kStreamEnd, kStreamReadError };
 

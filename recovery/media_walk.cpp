@@ -130,8 +130,15 @@ static aac_frame try_sound(media_walk *walk, int64_t offset)
     if (bytes == nullptr || !begins_sound(walk, bytes[0])) {
         return {};
     }
-    const aac_frame sound =
-        read_aac_frame(bytes, static_cast<int32_t>(available), walk->sampling_index, nullptr);
+    tried_sound *const last = &walk->last_sound;
+    if (last->offset != offset || last->bytes != available ||
+        last->sampling_index != walk->sampling_index) {
+        *last = {.offset = offset,
+                 .bytes = static_cast<int32_t>(available),
+                 .sampling_index = walk->sampling_index};
+        last->sound = read_aac_frame(bytes, last->bytes, last->sampling_index, nullptr);
+    }
+    const aac_frame sound = last->sound;
     spend(walk, sound.bits);
     return sound.channels == walk->channels ? sound : aac_frame{};
 }

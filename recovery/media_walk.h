@@ -9,6 +9,7 @@
 #ifndef RECOVERY_MEDIA_WALK_H
 #define RECOVERY_MEDIA_WALK_H
 
+#include "recovery/aac_frame.h"
 #include "recovery/media_window.h"
 
 #include <cstdint>
@@ -20,6 +21,14 @@ struct walked_frame {
     int64_t offset;        // in the file
     int32_t size;          // bytes
     int64_t skipped_bytes; // damaged bytes between the last frame and this one
+};
+
+// A place that was tried as a sound frame.
+struct tried_sound {
+    int64_t offset;
+    int32_t bytes; // that could be read; 0: no place
+    int32_t sampling_index;
+    aac_frame sound;
 };
 
 // The caller sets the first six fields; all others begin as 0.
@@ -39,6 +48,7 @@ struct media_walk {
     int64_t longest_unit_bytes; // of a picture
     int64_t paid_position;      // up to here, the way has paid for the work below
     int64_t work_bytes;         // looked at in vain or twice, less what the way has paid for
+    tried_sound last_sound;     // a place is often tried as the end of a frame, then as a begin
 };
 
 // Finds the sampling index and the channels at which the sound frames parse.

@@ -3,6 +3,8 @@
 #include "recovery/media_walk.h"
 
 #include <algorithm>
+#include <bit>
+#include <cstring>
 
 static constexpr uint32_t kFirstMbBits = 13; // most of the ue(v) of a first_mb_in_slice below 2^13
 
@@ -90,17 +92,26 @@ unit_place place_unit(const unit_head *head, const unit_head *last_slice)
     return is_after ? kUnitBelongs : kUnitBegins;
 }
 
-// Two zeros always include a byte at an odd offset, so that only these are looked at.
+static_assert(std::endian::native == std::endian::little, "the first byte is the lowest one");
+
+// returns: a word whose lowest bit that is set is in the first of 8 bytes that is zero; 0 without
+// one
+static uint64_t find_zero(const uint8_t *bytes)
+{
+    uint64_t word = 0;
+    memcpy(&word, bytes, sizeof(word));
+    return (word - 0x0101010101010101) & ~word & 0x8080808080808080;
+}
+
 int64_t find_damage(const uint8_t *bytes, int64_t count)
 {
-    for (int64_t i = 1; i < count; i += 2) {
-        if (bytes[i] != 0) {
-            continue;
+    static constexpr int64_t kWordBytes = 8;
+    for (int64_t i = 0; i + 2 < count; i++) {
+        if (i + kWordBytes <= count) {
+            const uint64_t zero = find_zero(bytes + i);
+            i += zero == 0 ? kWordBytes - 1 : std::countr_zero(zero) / 8;
         }
-        if (bytes[i - 1] == 0 && i + 1 < count && bytes[i + 1] <= 2) {
-            return i - 1;
-        }
-        if (i + 2 < count && bytes[i + 1] == 0 && bytes[i + 2] <= 2) {
+        if (i + 2 < count && bytes[i] == 0 && bytes[i + 1] == 0 && bytes[i + 2] <= 2) {
             return i;
         }
     }

@@ -42,6 +42,13 @@ static int32_t scan_job(recovery_job *job, int32_t passes)
     return result == RECOVERY_DONE ? scan_frames(job) : result;
 }
 
+// in: files: of the muxer, in whose folder more than a few notes are kept
+static int32_t scan_to_write(recovery_job *job, const mp4_mux_init_t *files)
+{
+    job->notes.files = files;
+    return scan_job(job, kPassesOfWrite);
+}
+
 static int32_t scan_only(recovery_job *job)
 {
     const recovery_input_t *const input = job->input;
@@ -70,7 +77,7 @@ int32_t recovery_write(const recovery_input_t *input, const mp4_mux_init_t *outp
         return RECOVERY_ERR_INVALID;
     }
     recovery_job *const job = new_job(input, report);
-    int32_t result = job != nullptr ? scan_job(job, kPassesOfWrite) : RECOVERY_ERR_MEMORY;
+    int32_t result = job != nullptr ? scan_to_write(job, output) : RECOVERY_ERR_MEMORY;
     if (result == RECOVERY_DONE) {
         result = remux_frames(job, output, close_memory, nullptr);
     }
@@ -110,7 +117,7 @@ int32_t recovery_in_place(const recovery_input_t *input, const recovery_target_t
     }
     recovery_job *const job = new_job(input, report);
     in_place_file file = {.target = target, .scratch = scratch};
-    int32_t result = job != nullptr ? scan_job(job, kPassesOfWrite) : RECOVERY_ERR_MEMORY;
+    int32_t result = job != nullptr ? scan_to_write(job, scratch) : RECOVERY_ERR_MEMORY;
     // The recorder may have been killed between its last write and its sync.
     if (result == RECOVERY_ERR_WHOLE && target->sync(target->context) < 0) {
         result = fail_recovery(job, RECOVERY_ERR_WRITE, "The recording cannot be written");

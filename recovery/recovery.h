@@ -78,6 +78,9 @@ typedef struct recovery_hole_t {
     int32_t is_end; // 1: the cut frame at the end of the file, which is no hole
 } recovery_hole_t;
 
+// The pictures that a decoder configuration can be tried with, at most.
+enum { RECOVERY_FIRST_PICTURES = 30 };
+
 typedef struct recovery_input_t {
     recovery_source_t media;
     const recovery_source_t *journal;                      // or null
@@ -96,6 +99,13 @@ typedef struct recovery_input_t {
     // Once for each, in the order of the file, when all frames have been found.
     void (*frame)(void *context, const recovery_frame_t *frame);
     void (*hole)(void *context, const recovery_hole_t *hole);
+    // When the frames have been found, before anything is written, and there is no decoder
+    // configuration for them.
+    // in: pictures: the first ones, from the first key frame on; without times
+    // out: configuration: as above; it stays valid until the recovery ends
+    // returns: its bytes, 0 when there is none, or below 0 to end the recovery
+    int32_t (*configure)(void *context, const recovery_frame_t *pictures, int32_t count,
+                         const uint8_t **configuration);
 } recovery_input_t;
 
 // Where something was taken from.

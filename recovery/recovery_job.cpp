@@ -217,6 +217,7 @@ void close_job(recovery_job *job)
     media_window_close(&job->media);
     media_window_close(&job->journal);
     scratch_tables_close(&job->tables);
+    walk_notes_close(&job->notes);
     free(job->record);
     job->record = nullptr;
 }

@@ -21,11 +21,14 @@ struct recovery_job {
     media_format format;
     frame_times times;
     scratch_tables tables;
+    walk_notes notes;
     bool has_tables; // they give times
 
     // What the scan finds.
-    int64_t sets_offset;    // of the first picture with an SPS and a PPS
-    int32_t sets_bytes;     // of that picture; 0 for none
+    int64_t sets_offset; // of the first picture with an SPS and a PPS
+    int32_t sets_bytes;  // of that picture; 0 for none
+    recovery_frame_t first_pictures[RECOVERY_FIRST_PICTURES]; // from the first key frame on
+    int32_t first_picture_count;
     int64_t last_end;       // of the last whole frame
     uint32_t passed_frames; // of the pass that uses them
     uint8_t *record;        // decoder configuration made from the media

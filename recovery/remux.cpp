@@ -26,6 +26,26 @@ static int32_t fail_to_write(remuxer *mux, int32_t code)
     return RECOVERY_ERR_WRITE;
 }
 
+static int32_t ask_for_configuration(recovery_job *job, mp4_mux_input_t *input)
+{
+    const recovery_input_t *const caller = job->input;
+    const int32_t bytes =
+        caller->configure != nullptr
+            ? caller->configure(caller->context, job->first_pictures, job->first_picture_count,
+                                &input->m_pbyVideoPrivate)
+            : 0;
+    if (bytes < 0) {
+        return fail_recovery(job, RECOVERY_ERR_CANCELLED, "The recovery was cancelled");
+    }
+    if (bytes == 0) {
+        return fail_recovery(job, RECOVERY_ERR_CONFIGURATION,
+                             "The recording does not contain the parameter sets of its pictures");
+    }
+    input->m_iVideoPrivateSize = bytes;
+    job->report->configuration_from = RECOVERY_FROM_CALLER;
+    return RECOVERY_DONE;
+}
+
 // Gives the muxer the configuration: the first picture, which may have had it, can be lost.
 static int32_t use_configuration(recovery_job *job, mp4_mux_input_t *input)
 {
@@ -41,8 +61,7 @@ static int32_t use_configuration(recovery_job *job, mp4_mux_input_t *input)
     case RECOVERY_FROM_MEDIA:
         break;
     default:
-        return fail_recovery(job, RECOVERY_ERR_CONFIGURATION,
-                             "The recording does not contain the parameter sets of its pictures");
+        return ask_for_configuration(job, input);
     }
     picture_sets sets = {};
     const uint8_t *const bytes = show_part(&job->media, job->sets_offset, job->sets_bytes);

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <optional>
 #include <set>
 
 using mp4_reader::movie;
@@ -82,9 +83,8 @@ static double seconds_of(uint64_t ticks, uint32_t timescale)
 
 static double end_of(const track &of)
 {
-    return of.samples.empty()
-               ? 0
-               : seconds_of(of.samples.back().time + of.samples.back().duration, of.timescale);
+    return of.list.empty() ? 0
+                           : seconds_of(of.list.last.time + of.list.last.duration, of.timescale);
 }
 
 static bool is_read_whole(const movie &file)
@@ -155,8 +155,8 @@ static void check_pictures(checker &self, const track &video)
     const size_t length_bytes =
         video.avc.record.size() > 4 ? (video.avc.record[4] & 3u) + 1 : size_t{4};
     tally broken, empty, no_idr;
-    for (size_t i = 0; i < video.samples.size(); i++) {
-        const sample &each = video.samples[i];
+    for (auto at = video.list.begin(); at != video.list.end(); ++at) {
+        const sample &each = *at;
         if (!is_in_media_data(self, each)) {
             continue;
         }
@@ -168,17 +168,17 @@ static void check_pictures(checker &self, const track &video)
         const picture found = look_at_picture(
             self.image.subspan(static_cast<size_t>(each.offset), each.size), length_bytes);
         if (!found.is_complete) {
-            broken.add(i);
+            broken.add(at.index);
         } else if (!found.has_slice) {
-            empty.add(i);
+            empty.add(at.index);
         } else if (each.sync && !found.is_idr) {
-            no_idr.add(i);
+            no_idr.add(at.index);
         }
     }
     self.fault(broken, "with wrong NAL unit lengths");
     self.fault(empty, "without a picture");
     self.fault(no_idr, "marked as key frame without an IDR picture");
-    if (!video.samples.empty() && !video.samples.front().sync) {
+    if (!video.list.empty() && !video.list.first.sync) {
         self.fault("does not begin with a key frame");
     }
 }
@@ -195,10 +195,9 @@ static void check_audio(checker &self, const track &audio)
         return;
     }
     static constexpr double kFrameSamples = 1024;
-    const double held =
-        static_cast<double>(audio.samples.size()) * kFrameSamples / audio.sample_rate;
+    const double held = static_cast<double>(audio.list.size()) * kFrameSamples / audio.sample_rate;
     const double given = end_of(audio);
-    if (std::abs(held - given) > kDurationToleranceS && audio.samples.size() > 1) {
+    if (std::abs(held - given) > kDurationToleranceS && audio.list.size() > 1) {
         self.remark("its frames hold " + seconds_text(held) + " of sound but are given " +
                     seconds_text(given));
     }
@@ -207,11 +206,11 @@ static void check_audio(checker &self, const track &audio)
 static void check_places(checker &self, const track &of)
 {
     tally outside, empty;
-    for (size_t i = 0; i < of.samples.size(); i++) {
-        if (of.samples[i].size == 0) {
-            empty.add(i);
-        } else if (!is_in_media_data(self, of.samples[i])) {
-            outside.add(i);
+    for (auto at = of.list.begin(); at != of.list.end(); ++at) {
+        if (at->size == 0) {
+            empty.add(at.index);
+        } else if (!is_in_media_data(self, *at)) {
+            outside.add(at.index);
         }
     }
     self.fault(outside, "outside the media data");
@@ -239,7 +238,7 @@ static void check_times(checker &self, const track &of)
 
 static void check_track(checker &self, const track &of)
 {
-    if (of.samples.empty()) {
+    if (of.list.empty()) {
         if (!self.file.is_fragmented) {
             self.fault("holds no frames");
         }
@@ -285,40 +284,102 @@ static void check_movie(checker &self)
     }
 }
 
-// Reports frames that share bytes, and bytes of the media data that belong to no frame.
-static void check_media_data(checker &self)
+// The bytes of frames so far, in the order of the file.
+struct coverage {
+    uint64_t covered = 0, end = 0;
+    size_t shared = 0; // frames that share bytes with another
+
+    void add(const range &frame)
+    {
+        shared += frame.begin < end ? 1 : 0;
+        covered += frame.end > end ? frame.end - std::max(frame.begin, end) : 0;
+        end = std::max(end, frame.end);
+    }
+};
+
+static range range_of(const sample &frame)
+{
+    return {frame.offset, frame.offset + frame.size};
+}
+
+// Moves to the next frame that has bytes in the media data.
+static void skip_others(const checker &self, const track &of, mp4_reader::sample_iterator &at)
+{
+    while (at != of.list.end() && (at->size == 0 || !is_in_media_data(self, *at))) {
+        ++at;
+    }
+}
+
+// Takes the frames of all tracks in the order of the file.
+// returns: nothing when those of a track are not in this order
+static std::optional<coverage> cover_in_order(const checker &self)
+{
+    std::vector<mp4_reader::sample_iterator> heads;
+    for (const track &each : self.file.tracks) {
+        heads.push_back(each.list.begin());
+        skip_others(self, each, heads.back());
+    }
+    coverage sum;
+    uint64_t last = 0;
+    for (;;) {
+        size_t next = heads.size();
+        for (size_t i = 0; i < heads.size(); i++) {
+            if (heads[i] != std::default_sentinel &&
+                (next == heads.size() || heads[i]->offset < heads[next]->offset)) {
+                next = i;
+            }
+        }
+        if (next == heads.size()) {
+            return sum;
+        }
+        if (heads[next]->offset < last) {
+            return std::nullopt;
+        }
+        last = heads[next]->offset;
+        sum.add(range_of(*heads[next]));
+        skip_others(self, self.file.tracks[next], ++heads[next]);
+    }
+}
+
+static coverage cover_sorted(const checker &self)
 {
     std::vector<range> used;
     for (const track &each : self.file.tracks) {
-        for (const sample &frame : each.samples) {
+        for (const sample &frame : each.list) {
             if (frame.size > 0 && is_in_media_data(self, frame)) {
-                used.push_back({frame.offset, frame.offset + frame.size});
+                used.push_back(range_of(frame));
             }
         }
     }
     std::sort(used.begin(), used.end());
-    uint64_t covered = 0, end = 0;
-    size_t shared = 0;
+    coverage sum;
     for (const range &each : used) {
-        shared += each.begin < end ? 1 : 0;
-        covered += each.end > end ? each.end - std::max(each.begin, end) : 0;
-        end = std::max(end, each.end);
+        sum.add(each);
     }
-    if (shared > 0) {
-        self.fault("frames that share bytes with another: " + std::to_string(shared));
+    return sum;
+}
+
+// Reports frames that share bytes, and bytes of the media data that belong to no frame.
+static void check_media_data(checker &self)
+{
+    const std::optional<coverage> in_order = cover_in_order(self);
+    const coverage sum = in_order ? *in_order : cover_sorted(self);
+    if (sum.shared > 0) {
+        self.fault("frames that share bytes with another: " + std::to_string(sum.shared));
     }
     uint64_t all = 0;
     for (const range &each : self.media_data) {
         all += each.end - each.begin;
     }
-    if (all > covered && is_read_whole(self.file)) {
-        self.remark("bytes of the media data that no frame uses: " + std::to_string(all - covered));
+    if (all > sum.covered && is_read_whole(self.file)) {
+        self.remark("bytes of the media data that no frame uses: " +
+                    std::to_string(all - sum.covered));
     }
 }
 
 bool carries_audio(const track &audio)
 {
-    return audio.samples.size() != 1 || audio.samples.front().size > kSilentFrameBytesMax;
+    return audio.list.size() != 1 || audio.list.first.size > kSilentFrameBytesMax;
 }
 
 static void compare_ends(checker &self)

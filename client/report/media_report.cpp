@@ -65,42 +65,53 @@ static std::string coding_text(const track &of)
     return mp4_reader::printable(of.coding);
 }
 
-// returns: the frames' durations without the last one, which is arbitrary
-static std::vector<double> durations_of(const track &of)
+// returns: the median of the frames' durations without the last one, which is arbitrary; found by
+//          its upper and its lower half, in memory that does not grow with the frames
+static uint32_t median_duration(const track &of)
 {
-    std::vector<double> durations;
-    for (size_t i = 0; i + 1 < of.samples.size(); i++) {
-        durations.push_back(seconds_at(of, of.samples[i].duration));
+    size_t rank = (of.list.size() - 1) / 2;
+    uint32_t upper = 0;
+    for (const unsigned shift : {16u, 0u}) {
+        std::vector<size_t> counts(1 << 16);
+        size_t left = of.list.size() - 1;
+        for (auto at = of.list.begin(); left > 0; ++at, left--) {
+            if (shift == 16 || at->duration >> 16 == upper) {
+                counts[at->duration >> shift & 0xFFFF]++;
+            }
+        }
+        uint32_t half = 0;
+        for (; rank >= counts[half]; half++) {
+            rank -= counts[half];
+        }
+        upper = upper << 16 | half;
     }
-    return durations;
+    return upper;
 }
 
 // Finds the gaps: frames that last much longer than the median. The other frames give frame_s.
 static void find_gaps(const track &of, track_report &report)
 {
-    const std::vector<double> durations = durations_of(of);
-    if (durations.empty()) {
+    if (of.list.size() < 2) {
         return;
     }
-    std::vector<double> sorted = durations;
-    const auto middle = sorted.begin() + static_cast<ptrdiff_t>(sorted.size() / 2);
-    std::nth_element(sorted.begin(), middle, sorted.end());
-    const double usual_s = *middle;
+    const double usual_s = seconds_at(of, median_duration(of));
+    const size_t durations = of.list.size() - 1;
     double even_s = 0;
-    for (size_t i = 0; i < durations.size(); i++) {
-        if (durations[i] > usual_s * kGapFactor + kGapToleranceS) {
-            report.gaps.push_back(
-                {seconds_at(of, of.samples[i].time) + usual_s, durations[i] - usual_s});
+    size_t left = durations;
+    for (auto at = of.list.begin(); left > 0; ++at, left--) {
+        const double duration_s = seconds_at(of, at->duration);
+        if (duration_s > usual_s * kGapFactor + kGapToleranceS) {
+            report.gaps.push_back({seconds_at(of, at->time) + usual_s, duration_s - usual_s});
         } else {
-            even_s += durations[i];
+            even_s += duration_s;
         }
     }
-    report.frame_s = even_s / static_cast<double>(durations.size() - report.gaps.size());
+    report.frame_s = even_s / static_cast<double>(durations - report.gaps.size());
 }
 
-static bool is_equal_frame(const track &of, size_t index, std::span<const uint8_t> image)
+static bool are_equal_frames(const sample &one, const sample &before,
+                             std::span<const uint8_t> image)
 {
-    const sample &one = of.samples[index], &before = of.samples[index - 1];
     const uint64_t end = image.size();
     return one.size == before.size && one.size <= kSilentBytesMax && one.size > 0 &&
            one.offset <= end - std::min<uint64_t>(one.size, end) &&
@@ -113,27 +124,37 @@ static bool is_equal_frame(const track &of, size_t index, std::span<const uint8_
 // Finds the runs of digital silence: an encoder gives all their frames the same few bytes.
 static void find_silences(const track &of, std::span<const uint8_t> image, track_report &report)
 {
-    size_t run = 1;
-    for (size_t i = 1; i < of.samples.size(); i++) {
-        if (is_equal_frame(of, i, image)) {
+    size_t run = 0;
+    uint64_t run_time = 0;
+    size_t index = 0;
+    sample before;
+    for (const sample &one : of.list) {
+        if (index > 0 && are_equal_frames(one, before, image)) {
             run++;
-            continue;
+        } else {
+            if (run >= kSilentFramesMin && run < index) { // else it begins the sound
+                const double begin_s = seconds_at(of, run_time);
+                report.silences.push_back({begin_s, seconds_at(of, one.time) - begin_s});
+            }
+            run = 1;
+            run_time = one.time;
         }
-        if (run >= kSilentFramesMin && run < i) { // else it begins the sound
-            const double begin_s = seconds_at(of, of.samples[i - run].time);
-            report.silences.push_back({begin_s, seconds_at(of, of.samples[i].time) - begin_s});
-        }
-        run = 1;
+        before = one;
+        index++;
     }
 }
 
 static void find_key_frames(const track &of, track_report &report)
 {
-    const bool all = std::all_of(of.samples.begin(), of.samples.end(),
-                                 [](const sample &each) { return each.sync; });
-    for (size_t i = 0; i < of.samples.size() && !all; i++) {
-        if (of.samples[i].sync) {
-            report.keys_s.push_back(seconds_at(of, of.samples[i].time));
+    size_t keys = 0;
+    for (const sample &each : of.list) {
+        keys += each.sync ? 1 : 0;
+    }
+    if (keys < of.list.size()) {
+        for (const sample &each : of.list) {
+            if (each.sync) {
+                report.keys_s.push_back(seconds_at(of, each.time));
+            }
         }
     }
     for (size_t i = 1; i < report.keys_s.size(); i++) {
@@ -146,7 +167,7 @@ static void count_bits(const track &of, double bin_s, track_report &report)
 {
     const size_t bins = static_cast<size_t>(report.duration_s / bin_s) + 1;
     report.rates.resize(std::min(bins, kMaxBins + 1));
-    for (const sample &each : of.samples) {
+    for (const sample &each : of.list) {
         const size_t bin = static_cast<size_t>(seconds_at(of, each.time) / bin_s);
         report.bytes += each.size;
         report.rates[std::min(bin, report.rates.size() - 1)] += 8.0 * each.size / bin_s;
@@ -165,9 +186,9 @@ static void count_bits(const track &of, double bin_s, track_report &report)
 
 static double end_of(const track &of)
 {
-    return of.samples.empty() ? 0
-                              : seconds_at(of, of.samples.back().time) +
-                                    seconds_at(of, of.samples.back().duration);
+    return of.list.empty()
+               ? 0
+               : seconds_at(of, of.list.last.time) + seconds_at(of, of.list.last.duration);
 }
 
 static track_report report_track(const track &of, double bin_s, std::span<const uint8_t> image)
@@ -181,7 +202,7 @@ static track_report report_track(const track &of, double bin_s, std::span<const 
     report.height = of.height;
     report.sample_rate = of.sample_rate;
     report.channels = of.channels;
-    report.frames = of.samples.size();
+    report.frames = of.list.size();
     report.duration_s = end_of(of);
     find_gaps(of, report);
     if (of.handler == "soun") {
@@ -202,16 +223,16 @@ static void compare_arrival(const movie &file, media_report &report)
         return;
     }
     const double bin_s = report.bin_s / 2;
-    size_t heard = 0; // audio frames before the picture
-    for (const sample &picture : video->samples) {
-        while (heard < audio->samples.size() && audio->samples[heard].offset < picture.offset) {
-            heard++;
+    auto heard = audio->list.begin(); // after the audio frames before the picture
+    for (const sample &picture : video->list) {
+        while (heard != audio->list.end() && heard->offset < picture.offset) {
+            ++heard;
         }
-        if (heard == 0 || heard == audio->samples.size()) { // the sound has not begun, or has ended
+        if (heard.index == 0 || heard == audio->list.end()) { // no sound yet, or no more
             continue;
         }
         const double time_s = seconds_at(*video, picture.time);
-        const double lead_s = seconds_at(*audio, audio->samples[heard].time) - time_s;
+        const double lead_s = seconds_at(*audio, heard->time) - time_s;
         if (report.leads.empty() || time_s >= report.leads.back().time_s + bin_s) {
             report.leads.push_back({time_s, lead_s, lead_s});
         }
@@ -258,9 +279,10 @@ static std::string date_text(uint64_t seconds)
     return text.data();
 }
 
-media_report media_report_make(const std::string &path, std::span<const uint8_t> image)
+media_report media_report_make(const std::string &path, std::span<const uint8_t> image,
+                               const std::function<void()> &pause)
 {
-    const movie file = mp4_reader::read_movie(image);
+    const movie file = mp4_reader::read_movie(image, [](track *, const sample &) {}, pause);
     media_report report = {.path = path, .bytes = image.size()};
     report.created = date_text(file.creation_time);
     for (const track &each : file.tracks) {

@@ -5,6 +5,7 @@
 #include "mp4read/mp4_reader.h"
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <span>
 #include <string>
@@ -53,8 +54,10 @@ struct media_report {
 };
 
 // in: the path to show, and the image of the whole file
+// in: a function that is called again and again, when parts of the image need not stay in memory
 // returns: the report
-media_report media_report_make(const std::string &path, std::span<const uint8_t> image);
+media_report media_report_make(const std::string &path, std::span<const uint8_t> image,
+                               const std::function<void()> &pause = {});
 
 // returns: the first track of a kind, or null; it is part of the report
 const track_report *find_track(const media_report &report, const std::string &kind);

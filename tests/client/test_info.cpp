@@ -132,6 +132,7 @@ TEST_F(InfoCommand, IsAPageThatFitsATelephone)
 TEST_F(InfoCommand, NamesEveryFault)
 {
     const size_t stts_of_pictures = after("stts", 1);
+    const auto first_place = whole.begin() + static_cast<ptrdiff_t>(after("stco", 1) + 8);
     const struct {
         size_t at;
         bytes patch;
@@ -144,6 +145,8 @@ TEST_F(InfoCommand, NamesEveryFault)
         {after("tkhd", 1) + 12, {0, 0, 0, 1}, "track number 1 is used twice"},
         {after("mdhd", 1) + 16, {0, 0, 0, 9}, "track 2: its media header says 0.000 s"},
         {after("stco", 1) + 12, {0x7F, 0}, "1 frame outside the media data, the first is frame 2"},
+        {after("stco", 1) + 12, {first_place, first_place + 4}, "share bytes with another: 1"},
+        {after("stco", 1) + 8, {first_place + 8, first_place + 12}, "share bytes with another: 7"},
         {after("stco") + 4, {0, 0, 1, 0}, "track 1: the chunks do not hold all samples"},
         {after("stco") + 4, {0xFF, 0xFF, 0xFF, 0xFF}, "track 1: table stco is longer than its box"},
         {after("stsc") + 8, {0, 0, 0, 2}, "track 1: the chunks do not hold all samples"},

@@ -290,7 +290,7 @@ TEST_F(RecoverCommand, LeavesNothingWhenStopped)
         RECORD SAMPLE
         "-o w.mp4 && { head -c 571124 w.mp4 > media && printf "
         "'\\0\\0\\0\\0' | dd of=media bs=1 seek=28 conv=notrunc && tail -c +37 media > more && "
-        "cp media b.mp4 && for i in $(seq 100); do cat more; done >> b.mp4 && rm media more; }");
+        "cp media b.mp4 && for i in $(seq 200); do cat more; done >> b.mp4 && rm media more; }");
     if (made.status != 0) {
         GTEST_SKIP() << "no storage: " << made.err;
     }

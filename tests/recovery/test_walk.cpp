@@ -1,6 +1,8 @@
 #include "aacenc/band_tables.h"
 #include "recovery/aac_frame.h"
 #include "recovery/media_walk.h"
+#include "recovery/picture_units.h"
+#include "recovery/walk_notes.h"
 #include "tests/recovery/known_recording.h"
 #include "tests/support/mux_recording.h"
 #include "tests/support/recovery_run.h"
@@ -253,6 +255,28 @@ TEST(Walk, KnowsWholePictures)
     }
 }
 
+TEST(Walk, SeesTheFirstDamageOfAnyBytes)
+{
+    static constexpr uint8_t kBytes[] = {0, 0, 0, 1, 2, 3, 128, 255};
+    std::mt19937 random(11);
+    for (int round = 0; round < 100000; round++) {
+        Bytes bytes(random() % 40);
+        const uint32_t others = random() % 8; // of the bytes that may be zero
+        for (uint8_t &byte : bytes) {
+            byte = kBytes[std::max<size_t>(random() % 8, others)];
+        }
+        size_t first = 0;
+        while (first + 2 < bytes.size() &&
+               (bytes[first] != 0 || bytes[first + 1] != 0 || bytes[first + 2] > 2)) {
+            first++;
+        }
+        first = first + 2 < bytes.size() ? first : bytes.size();
+        ASSERT_EQ(find_damage(bytes.data(), static_cast<int64_t>(bytes.size())),
+                  static_cast<int64_t>(first))
+            << round;
+    }
+}
+
 TEST(Walk, SeesDamageAtEveryPlaceOfALongUnit)
 {
     constexpr size_t kUnitBytes = 70000;
@@ -306,12 +330,81 @@ TEST(Walk, SplitsPicturesWhereTheStandardDoes)
     }
 }
 
+// Notes of more walks than the buffer holds come back, or none do.
+TEST(WalkNotes, AreWholeOrNotUsed)
+{
+    static constexpr struct {
+        const char *name;
+        bool has_files;
+        mux_test::failure fail;
+        int frames;
+        bool is_replayed;
+    } kCases[] = {
+        {"no files", false, {}, 1000, true},
+        {"no files, too many", false, {}, 50000, false},
+        {"files", true, {}, 50000, true},
+        {"no file", true, {.kind = mux_test::call::fopen, .at = 1}, 50000, false},
+        {"no room", true, {.kind = mux_test::call::fwrite, .at = 2, .partial = true}, 50000, false},
+        {"no room at the end", true, {.kind = mux_test::call::fwrite, .at = 4}, 50000, false},
+        {"no rewind", true, {.kind = mux_test::call::fseek, .at = 1}, 50000, false},
+    };
+    const auto make_frame = [](int i, int64_t end) {
+        const int64_t skipped_bytes = i % 1000 == 999 ? int64_t{i} << 20 : 0;
+        return walked_frame{.type = i % 3 == 0 ? MUX_TYPE_AUDIO : MUX_TYPE_VIDEO,
+                            .is_sync = i % 3 == 1,
+                            .offset = end + skipped_bytes,
+                            .size = i % 7 == 0 ? int32_t{kLongestFrameBytes} : i,
+                            .skipped_bytes = skipped_bytes};
+    };
+    for (const auto &tried : kCases) {
+        SCOPED_TRACE(tried.name);
+        mux_test::reset_world();
+        mux_test::world.fail = tried.fail;
+        const mp4_mux_init_t files = mux_test::make_callbacks(false);
+        static walk_notes notes;
+        notes = {.files = tried.has_files ? &files : nullptr};
+        walk_notes_begin(&notes);
+        int64_t end = 0;
+        for (int i = 0; i < tried.frames; i++) {
+            const walked_frame frame = make_frame(i, end);
+            walk_notes_add(&notes, i % 500 == 250 ? nullptr : &frame);
+            end = i % 500 == 250 ? end : frame.offset + frame.size;
+        }
+        walk_notes_rewind(&notes);
+        EXPECT_EQ(notes.is_replayed, tried.is_replayed);
+        end = 0;
+        for (int i = 0; i < tried.frames && notes.is_replayed; i++) {
+            const walked_frame expected = make_frame(i, end);
+            walked_frame frame;
+            ASSERT_EQ(walk_notes_next(&notes, end, &frame), i % 500 != 250) << i;
+            if (i % 500 != 250) {
+                ASSERT_TRUE(frame.type == expected.type && frame.is_sync == expected.is_sync &&
+                            frame.offset == expected.offset && frame.size == expected.size &&
+                            frame.skipped_bytes == expected.skipped_bytes)
+                    << i;
+                end = frame.offset + frame.size;
+            }
+        }
+        walk_notes_close(&notes);
+        EXPECT_EQ(mux_test::leftovers(), "");
+    }
+}
+
 // Adds the faults that changes of a bit in the sound frames lead to.
 static void add_faults(const known_recording &recording, std::set<std::string> &faults)
 {
+    // Without the values it reads otherwise, for speed.
     const auto read = [&](const Bytes &bytes) {
-        const aac_frame frame = read_aac_frame(bytes.data(), static_cast<int32_t>(bytes.size()),
-                                               sampling_index_of(recording.how), nullptr);
+        const int32_t count = static_cast<int32_t>(bytes.size());
+        const int32_t sampling_index = sampling_index_of(recording.how);
+        static aac_frame_values values;
+        const aac_frame frame = read_aac_frame(bytes.data(), count, sampling_index, nullptr);
+        const aac_frame plain = read_aac_frame(bytes.data(), count, sampling_index, &values);
+        EXPECT_EQ(frame.fault, plain.fault);
+        EXPECT_EQ(frame.bits, plain.bits);
+        if (plain.fault == nullptr) {
+            EXPECT_EQ(announced_aac_bands(bytes.data(), count), values.bands);
+        }
         faults.insert(frame.fault != nullptr ? frame.fault : "");
     };
     for (size_t i = 0; i < recording.frames.size(); i += 9) {
