@@ -6,32 +6,16 @@
 #include "bench/programme_session.h"
 #include "bench/slow_storage.h"
 #include "component/tdmbrec_interface.h"
-#include "platform/host/host_control.h"
 
 #include <algorithm>
 #include <chrono>
 #include <cmath>
-#include <cstdlib>
 #include <filesystem>
-#include <string>
 
 using steady = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
-static constexpr int64_t kSlowBytesPerSecond = 10000000;
-static constexpr int64_t kIntervalMs = 1000;
 static constexpr uint32_t kLoopsPerMinute = 6; // of the sample programme
-
-static bool runs_whole()
-{
-    const char *const wish = std::getenv("RECORDER_BENCH");
-    return wish != nullptr && std::string(wish) == "whole";
-}
-
-static void use_checkpoints(int64_t interval_ms)
-{
-    host_set_property(TDMBREC_CHECKPOINT_PROPERTY, std::to_string(interval_ms).c_str());
-}
 
 // in: share: of the values that are not greater than the one returned
 static double quantile(std::vector<int64_t> values, double share)
@@ -154,7 +138,7 @@ static void begin_recordings(benchmark::State &state)
 }
 BENCHMARK(begin_recordings)
     ->ArgNames({"rate", "checkpoint"})
-    ->ArgsProduct({{0, kSlowBytesPerSecond}, {0, kIntervalMs}})
+    ->ArgsProduct({{0, kSlowBytesPerSecond}, {0, kCheckpointMs}})
     ->Iterations(1)
     ->UseRealTime()
     ->Unit(benchmark::kMillisecond);
@@ -165,7 +149,7 @@ static void register_storages()
     if (runs_whole()) {
         stalls_ms = {0, 100, 500, 2000};
     }
-    for (const int64_t interval_ms : {int64_t{0}, kIntervalMs}) {
+    for (const int64_t interval_ms : {int64_t{0}, kCheckpointMs}) {
         const auto add = [&](int64_t rate, int64_t stall_ms, int64_t runs) {
             benchmark::RegisterBenchmark("handle_buffers", handle_buffers)
                 ->ArgNames({"rate", "stall", "checkpoint"})

@@ -6,12 +6,10 @@
 #include "bench/programme_session.h"
 #include "bench/slow_storage.h"
 #include "component/tdmbrec_interface.h"
-#include "platform/host/host_control.h"
 
 #include <algorithm>
 #include <array>
 #include <chrono>
-#include <cstdlib>
 #include <string>
 #include <thread>
 
@@ -137,12 +135,12 @@ static port_feeds play_through_stall(benchmark::State &state, il_session &sessio
 }
 
 // Records the programme to a storage that stalls once.
-static port_feeds record_through_stall(benchmark::State &state, uint64_t bytes_per_second,
+static port_feeds record_through_stall(benchmark::State &state, int64_t bytes_per_second,
                                        storage_stall kind, milliseconds stall)
 {
     il_session_ptr session = il_session_open();
     begin_recording(*session);
-    storage_begin(bytes_per_second);
+    storage_begin(static_cast<uint64_t>(bytes_per_second));
     il_session_send(*session, TDMBREC_PORT_VIDEO, unit_of(TDMBREC_PORT_VIDEO, 0), video_time_us(0),
                     0);
     hand_in(*session); // no sound before the first picture
@@ -153,11 +151,6 @@ static port_feeds record_through_stall(benchmark::State &state, uint64_t bytes_p
     check(state, has_frames(feeds[TDMBREC_PORT_VIDEO].sent, feeds[TDMBREC_PORT_AUDIO].sent),
           "the file lacks frames of buffers that came back");
     return feeds;
-}
-
-static void use_checkpoints(int64_t interval_ms)
-{
-    host_set_property(TDMBREC_CHECKPOINT_PROPERTY, std::to_string(interval_ms).c_str());
 }
 
 // range: stall in ms; interval of the checkpoints in ms; storage_stall
@@ -172,27 +165,30 @@ static void ride_out_stall(benchmark::State &state)
     }
 }
 
-// The longest stall with which so many buffers suffice, on a slow storage: the stalled write still
-// takes its own time after the stall, in which no buffer comes back either. A negative result:
-// they do not last for that time alone.
-// range: stall in ms, which is longer; interval of the checkpoints in ms
+// The longest stall with which so many buffers suffice: the stalled write still takes its own time
+// after the stall, in which no buffer comes back either.
+// returns: ms; less than 0 when the buffers do not last for that time alone
+static double find_longest_stall_ms(const stalled_call &call, steady::time_point more_needed_since)
+{
+    const std::chrono::duration<double, std::milli> time =
+        more_needed_since - call.begin - call.own_time;
+    return time.count();
+}
+
+// range: stall in ms, which lasts longer than the buffers; interval of the checkpoints in ms
 static void outlast_buffers(benchmark::State &state)
 {
-    static constexpr uint64_t kSlowBytesPerSecond = 10000000;
-    static constexpr std::array<size_t, 7> kBufferCounts = {4, 8, 16, 32, 64, 151, 235};
     use_checkpoints(state.range(1));
     for (auto _ : state) {
         const port_feeds feeds = record_through_stall(state, kSlowBytesPerSecond, kStallOfAll,
                                                       milliseconds(state.range(0)));
         const stalled_call call = storage_stalled_call();
         for (size_t port = 0; port < feeds.size(); port++) {
-            for (const size_t count : kBufferCounts) {
-                const std::vector<steady::time_point> &needed_since = feeds[port].needed_since;
+            const std::vector<steady::time_point> &needed_since = feeds[port].needed_since;
+            for (const size_t count : {4u, 8u, 16u, 32u, 64u, 151u, 235u}) {
                 if (needed_since.size() > count) {
-                    const std::chrono::duration<double, std::milli> time =
-                        needed_since[count] - call.begin - call.own_time;
                     state.counters[std::to_string(port) + "_" + std::to_string(count)] =
-                        time.count();
+                        find_longest_stall_ms(call, needed_since[count]);
                 }
             }
         }
@@ -201,11 +197,9 @@ static void outlast_buffers(benchmark::State &state)
 
 static void register_stalls()
 {
-    static constexpr int64_t kIntervalMs = 1000;
-    const char *const wish = std::getenv("RECORDER_BENCH");
     std::vector<int64_t> stalls_ms = {100};
     int64_t outlasting_ms = 400;
-    if (wish != nullptr && std::string(wish) == "whole") {
+    if (runs_whole()) {
         stalls_ms = {0, 100, 500, 1000, 2000, 5000};
         outlasting_ms = 8500;
     }
@@ -213,13 +207,13 @@ static void register_stalls()
                              ->ArgNames({"stall", "checkpoint", "syncs_only"});
     for (const int64_t stall_ms : stalls_ms) {
         stalls->Args({stall_ms, 0, kStallOfAll});
-        stalls->Args({stall_ms, kIntervalMs, kStallOfAll});
-        stalls->Args({stall_ms, kIntervalMs, kStallOfSyncs});
+        stalls->Args({stall_ms, kCheckpointMs, kStallOfAll});
+        stalls->Args({stall_ms, kCheckpointMs, kStallOfSyncs});
     }
     auto *const buffers = benchmark::RegisterBenchmark("outlast_buffers", outlast_buffers)
                               ->ArgNames({"stall", "checkpoint"})
                               ->Args({outlasting_ms, 0})
-                              ->Args({outlasting_ms, kIntervalMs});
+                              ->Args({outlasting_ms, kCheckpointMs});
     for (auto *const rows : {stalls, buffers}) {
         rows->Iterations(1)->UseRealTime()->Unit(benchmark::kMillisecond);
     }

@@ -9,13 +9,26 @@
 #include "tests/support/storage_namespace.h"
 
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
+#include <string>
 
 void check(benchmark::State &state, bool holds, const char *fault)
 {
     if (!holds) {
         state.SkipWithError(fault);
     }
+}
+
+bool runs_whole()
+{
+    const char *const wish = std::getenv("RECORDER_BENCH");
+    return wish != nullptr && std::string(wish) == "whole";
+}
+
+void use_checkpoints(int64_t interval_ms)
+{
+    host_set_property(TDMBREC_CHECKPOINT_PROPERTY, std::to_string(interval_ms).c_str());
 }
 
 void begin_recording(il_session &session)

@@ -12,10 +12,17 @@
 
 inline constexpr char kOutput[] = "/mnt/sdcard/bench.mp4";
 inline constexpr uint32_t kSampleRate = 48000;
+inline constexpr int64_t kCheckpointMs = 1000;  // the interval, where checkpoints are made
 inline constexpr double kProgrammeSeconds = 10; // the length of the sample programme
 
 // Ends the benchmark unless the condition holds.
 void check(benchmark::State &state, bool holds, const char *fault);
+
+// returns: whether RECORDER_BENCH=whole in the environment asks for the long measurements
+bool runs_whole();
+
+// Sets the interval of the checkpoints of the recordings that begin later; 0: none are made.
+void use_checkpoints(int64_t interval_ms);
 
 // Sends a delimiter first: the first buffer of a recording sets its time base.
 void begin_recording(il_session &session);

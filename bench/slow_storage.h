@@ -18,6 +18,8 @@
 #include <cstdint>
 #include <vector>
 
+inline constexpr int64_t kSlowBytesPerSecond = 10000000;
+
 struct storage_figures {
     double media_writes;
     double media_bytes;
