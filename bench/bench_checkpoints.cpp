@@ -3,21 +3,11 @@
 #include "bench/process_usage.h"
 #include "bench/programme_session.h"
 #include "bench/slow_storage.h"
-#include "component/tdmbrec_interface.h"
-#include "platform/host/host_control.h"
 
 #include <algorithm>
 #include <cmath>
-#include <string>
 
-static constexpr uint32_t kSlowBytesPerSecond = 10000000;
 static constexpr uint32_t kLoops = 6; // of the sample programme
-static constexpr int64_t kIntervalMs = 1000;
-
-static void use_checkpoints(int64_t interval_ms)
-{
-    host_set_property(TDMBREC_CHECKPOINT_PROPERTY, std::to_string(interval_ms).c_str());
-}
 
 static void record(benchmark::State &state)
 {
@@ -48,7 +38,7 @@ static void record_to_storage(benchmark::State &state)
 }
 BENCHMARK(record_to_storage)
     ->ArgNames({"checkpoint", "rate"})
-    ->ArgsProduct({{0, kIntervalMs}, {0, kSlowBytesPerSecond}})
+    ->ArgsProduct({{0, kCheckpointMs}, {0, kSlowBytesPerSecond}})
     ->Iterations(5)
     ->UseRealTime()
     ->Unit(benchmark::kMillisecond);

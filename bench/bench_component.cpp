@@ -17,18 +17,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <string>
 #include <thread>
 
 static constexpr int64_t kPictures = 300000;
 static constexpr uint32_t kLoops = 30; // of the sample programme
 static constexpr uint32_t kPcmFrameUs = AACENC_FRAME_SAMPLES * 1000000ull / kSampleRate;
-
-static bool runs_whole()
-{
-    const char *const wish = std::getenv("RECORDER_BENCH");
-    return wish != nullptr && std::string(wish) == "whole";
-}
 
 static void report_speed(benchmark::State &state)
 {

@@ -19,6 +19,7 @@ import sys
 import tempfile
 import time
 
+from buffer_rows import buffer_sections
 from measuring import (ROOT, SAMPLE_SECONDS, encode_command, end, ffmpeg_encode_command,
                        read_arguments, run, start, table_row, usage_of, write_loop)
 from recovery_rows import recovery_rows
@@ -382,6 +383,7 @@ def main():
     rows = (encoder_rows + muxer_rows + measure_component(extent) + checkpoint_rows +
             measure_library() + client_rows)
     text = page(extent, rows, muxer, profiles, client)
+    text += buffer_sections(benchmark, extent)
     print(text)
     if extent is WHOLE:
         (ROOT / 'docs/performance.md').write_text(text, encoding='utf-8')
