@@ -129,8 +129,8 @@ VECTOR_INLINE vec_points times_factor(vec_points z, const factor &w)
 // in: w1: of the first stage; kTurned: to be turned by -j
 // in: w2: of the second stage, whose second pair turns it by -j
 template <bool kTurned>
-VECTOR_INLINE void combine_four(split_points *points, int32_t at, int32_t span, const factor &w1,
-                                const factor &w2)
+[[gnu::always_inline]] VECTOR_INLINE void
+combine_four(split_points *points, int32_t at, int32_t span, const factor &w1, const factor &w2)
 {
     vec_points z0 = load_points(points, at);
     vec_points z1 = times_factor(load_points(points, at + span), w1);
