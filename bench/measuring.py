@@ -123,3 +123,15 @@ def decibels(ratio):
 
 def table_row(cells):
     return '| ' + ' | '.join(cells) + ' |'
+
+
+def table(head, rows):
+    return ''.join(table_row(row) + '\n' for row in [head, ['---'] * len(head), *rows])
+
+
+def profile_table(costs, count, name):
+    total = sum(costs.values())
+    largest = sorted(costs.items(), key=lambda item: -item[1])[:count]
+    return table([name, 'Instructions per second', 'Share'],
+                 [(f'`{key}`', f'{cost / 1e3:.0f} k', f'{100 * cost / total:.1f} %')
+                  for key, cost in largest])
