@@ -8,17 +8,25 @@ from measuring import ROOT, run
 RELEASE = ROOT / 'build/measured'
 PORTABLE = ROOT / 'build/portable'
 ARM = ROOT / 'build/arm-library'
-NO_VECTORS = ['-DTDMBREC_VECTOR=OFF', '-DCMAKE_CXX_FLAGS=-fno-tree-vectorize',
-              '-DTDMBREC_TESTS=OFF', '-DTDMBREC_BENCH=OFF']
-BUILDS = [('release', RELEASE, ['-DTDMBREC_TESTS=OFF']),
-          ('release', PORTABLE, NO_VECTORS),
-          ('arm', ARM, ['-DTDMBREC_TESTS=OFF'])]
+PLAIN_ARM = ROOT / 'build/arm-plain'
+NO_VECTORS = ['-DTDMBREC_VECTOR=OFF', '-DCMAKE_CXX_FLAGS=-fno-tree-vectorize']
+ONLY_LIBRARY = ['-DTDMBREC_TESTS=OFF', '-DTDMBREC_BENCH=OFF']
+BUILDS = {
+    RELEASE: ('release', ['-DTDMBREC_TESTS=OFF'], ['all']),
+    PORTABLE: ('release', NO_VECTORS + ONLY_LIBRARY, ['all', 'encode_frames']),
+    ARM: ('arm', ONLY_LIBRARY, ['all', 'encode_frames']),
+    # The processor's option leaves the compiler no vectors.
+    PLAIN_ARM: ('arm', ONLY_LIBRARY + ['-DTDMBREC_VECTOR=OFF',
+                                       '-DCMAKE_CXX_FLAGS=-march=armv7-a+fp'], ['encode_frames']),
+}
 
 
-def build():
-    for preset, folder, settings in BUILDS:
+def build(*folders):
+    """Builds in the folders, or in all of them."""
+    for folder in folders or BUILDS:
+        preset, settings, targets = BUILDS[folder]
         run(['cmake', '--fresh', '--preset', preset, '-B', folder] + settings, cwd=ROOT)
-        run(['cmake', '--build', folder, '-j', os.cpu_count()])
+        run(['cmake', '--build', folder, '-j', os.cpu_count(), '--target', *targets])
 
 
 def benchmark(program, extent, names='.'):

@@ -29,12 +29,14 @@ from recovery_rows import recovery_rows
 # How much is measured: alternating pairs, seconds of programme, pairs and seconds of paced
 # recordings, and the benchmarks' own settings.
 Extent = collections.namedtuple('Extent', 'pairs encoder_seconds profile_seconds client_seconds '
-                                          'growth_loops paced benchmark_options environment')
+                                          'growth_loops paced arm_seconds benchmark_options '
+                                          'environment')
 WHOLE = Extent(pairs=5, encoder_seconds=600, profile_seconds=60, client_seconds=(600, 7200),
-               growth_loops=(1, 30, 360, 2160), paced=(24, 60), benchmark_options=[],
-               environment={'RECORDER_BENCH': 'whole'})
+               growth_loops=(1, 30, 360, 2160), paced=(24, 60), arm_seconds=(1, 11),
+               benchmark_options=[], environment={'RECORDER_BENCH': 'whole'})
 QUICK = Extent(pairs=1, encoder_seconds=60, profile_seconds=20, client_seconds=(10, 60),
-               growth_loops=(1,), paced=(2, 10), benchmark_options=['--benchmark_min_time=0.01'],
+               growth_loops=(1,), paced=(2, 10), arm_seconds=(1, 2),
+               benchmark_options=['--benchmark_min_time=0.01'],
                environment={'RECORDER_BENCH': ''})
 
 
@@ -201,7 +203,7 @@ def machine():
     compiler = run(['c++', '--version']).splitlines()[0]
     return (f'{model.group(1) if model else "unknown processor"}, {os.cpu_count()} cores; '
             f'{compiler}; release preset (`-O3 -DNDEBUG`); portable build: '
-            f'`{" ".join(NO_VECTORS[:2])}`; {datetime.date.today()}.')
+            f'`{" ".join(NO_VECTORS)}`; {datetime.date.today()}.')
 
 
 def page(extent, rows, muxer, profiles, client):
