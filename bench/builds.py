@@ -13,7 +13,8 @@ NO_VECTORS = ['-DTDMBREC_VECTOR=OFF', '-DCMAKE_CXX_FLAGS=-fno-tree-vectorize']
 ONLY_LIBRARY = ['-DTDMBREC_TESTS=OFF', '-DTDMBREC_BENCH=OFF']
 BUILDS = {
     RELEASE: ('release', ['-DTDMBREC_TESTS=OFF'], ['all']),
-    PORTABLE: ('release', NO_VECTORS + ONLY_LIBRARY, ['all', 'encode_frames']),
+    PORTABLE: ('release', NO_VECTORS + ['-DTDMBREC_BENCH=OFF'],
+               ['tdmbrec', 'encode_frames', 'fuzz_aacenc']),
     ARM: ('arm', ONLY_LIBRARY, ['all', 'encode_frames']),
     # The processor's option leaves the compiler no vectors.
     PLAIN_ARM: ('arm', ONLY_LIBRARY + ['-DTDMBREC_VECTOR=OFF',

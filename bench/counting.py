@@ -70,6 +70,14 @@ def write_streams(path, streams):
             file.write(stream.pcm[:frames * FRAME_SAMPLES].astype('int16').tobytes())
 
 
+def count_on_x86(build_folder, stream, folder):
+    """Instructions of the encoder by function."""
+    path = folder / 'stream'
+    write_streams(path, [stream])
+    return by(callgrind([build_folder / 'bin/encode_frames', path], folder,
+                        '--toggle-collect=QVR_AAC_ENC'), 0)
+
+
 def count_on_arm(build_folder, stream, folder):
     """Instructions by function of encode_frames for 32-bit ARM.
 
@@ -88,4 +96,33 @@ def count_on_arm(build_folder, stream, folder):
     for line in run(['c++filt', '-p'], input=lines).splitlines():
         count, function = line.split(' ', 1)
         costs[function] = costs.get(function, 0) + int(count)
+    return costs
+
+
+def per_frame(count, build_folder, stream, first, end, folder):
+    """Instructions by function of a frame, as `count` counts, on average from `first` to `end`."""
+    few, many = (count(build_folder, stream._replace(pcm=stream.pcm[:frames * FRAME_SAMPLES]),
+                       folder) for frames in (first, end))
+    return {function: (cost - few.get(function, 0)) / (end - first)
+            for function, cost in many.items()}
+
+
+def frame_costs(command, folder):
+    """Instructions of each call of the encoder, those that open and close one included."""
+    out = folder / 'calls.out'
+    run(['valgrind', '--tool=callgrind', f'--callgrind-out-file={out}', '--combine-dumps=yes',
+         '--dump-after=QVR_AAC_ENC', '--toggle-collect=QVR_AAC_ENC'] + command)
+    return [int(total) for total in re.findall(r'^totals: (\d+)', out.read_text(), re.M)][:-1]
+
+
+def stream_frame_costs(build_folder, streams, folder):
+    """Instructions of each frame of each stream."""
+    path = folder / 'streams'
+    write_streams(path, streams)
+    calls = frame_costs([build_folder / 'bin/encode_frames', path], folder)
+    costs = []
+    for stream in streams:
+        frames = len(stream.pcm) // FRAME_SAMPLES
+        costs.append(calls[1:1 + frames])
+        calls = calls[frames + 2:]
     return costs

@@ -3,7 +3,9 @@ import re
 import statistics
 
 from builds import ARM, PLAIN_ARM, PORTABLE, RELEASE
-from counting import Stream, by, count_on_arm, per_second
+from counting import (Stream, by, count_on_arm, count_on_x86, per_frame, per_second,
+                      stream_frame_costs)
+from hostile_sound import WORST, render
 from measuring import (FRAME_SAMPLES, RATE, SAMPLE_AUDIO, encode_command, ffmpeg_encode_command,
                        numpy, read_pcm, require, table, usage_of, write_audio_loop, write_loop)
 from quality import make_signals
@@ -16,6 +18,8 @@ STAGES = {'transform': 'transform_|AACENC_gCmplxFft|AACE_FFT|buffer2freq|leave_r
           'writing of elements': 'bitstream_put|write_|Write|BsPutBit|difference_bits',
           'other': ''}
 
+MUSIC_FRAMES = 375  # its four chords once
+
 # The builds whose instructions are counted, and how many millions a second of sound may take.
 COUNTED = [('x86 with vectors', RELEASE, 5), ('portable x86', PORTABLE, 9.5),
            ('32-bit ARM with NEON', ARM, 6), ('plain 32-bit ARM', PLAIN_ARM, 10.5)]
@@ -27,13 +31,10 @@ def encode_with(build_folder, audio, folder):
 
 def profile_on_arm(build_folder, extent, folder):
     """Instructions per second of audio, by function: a long stream less a short one."""
-    pcm = read_pcm(SAMPLE_AUDIO)
-    lengths = [round(seconds * RATE / FRAME_SAMPLES) for seconds in extent.arm_seconds]
-    few, many = (count_on_arm(build_folder,
-                              Stream(numpy.resize(pcm, (frames * FRAME_SAMPLES, 2))), folder)
-                 for frames in lengths)
-    seconds = (lengths[1] - lengths[0]) * FRAME_SAMPLES / RATE
-    return {function: (count - few.get(function, 0)) / seconds for function, count in many.items()}
+    first, end = (round(seconds * RATE / FRAME_SAMPLES) for seconds in extent.arm_seconds)
+    loop = Stream(numpy.resize(read_pcm(SAMPLE_AUDIO), (end * FRAME_SAMPLES, 2)))
+    costs = per_frame(count_on_arm, build_folder, loop, first, end, folder)
+    return {function: cost * RATE / FRAME_SAMPLES for function, cost in costs.items()}
 
 
 def profile_encoder(build_folder, extent, folder):
@@ -67,14 +68,37 @@ def measure_times(extent, signals, folder):
                     f'portable build {seconds / plain:.0f}')]
 
 
+def measure_worst_frames(music, folder):
+    """returns: the rows, and the instructions by function of a frame of music and the worst ones"""
+    builds = [(count_on_x86, PORTABLE), (count_on_arm, PLAIN_ARM), (count_on_arm, ARM)]
+    average = [per_frame(*build, music, 0, len(music.pcm) // FRAME_SAMPLES, folder)
+               for build in builds]
+    rows, profiles = [], {'music, average': average[0]}
+    for name, sound in WORST.items():
+        stream = render(*sound)
+        costs, = stream_frame_costs(PORTABLE, [stream], folder)
+        worst = costs.index(max(costs))
+        frames = [per_frame(*build, stream, worst, worst + 1, folder) for build in builds]
+        ratios = [sum(frame.values()) / sum(music_frame.values())
+                  for frame, music_frame in zip(frames, average)]
+        rows.append((f'Encoder, worst frame found compared with the average of music, {name}',
+                     'at most 1.6 times', f'{ratios[0]:.2f} times on portable x86; '
+                     f'{ratios[1]:.2f} on plain 32-bit ARM, {ratios[2]:.2f} with NEON'))
+        profiles[name] = frames[0]
+    return rows, profiles
+
+
 def measure_encoder(extent, folder):
     require('espeak-ng', 'sox')
-    rows = measure_times(extent, make_signals(folder), folder)
+    signals = make_signals(folder)
+    rows = measure_times(extent, signals, folder)
     profiles = [profile_encoder(build_folder, extent, folder) for _, build_folder, _ in COUNTED]
     rows += [(f'Encoder, instructions per second of stereo, {name}', f'at most {millions} million',
               f'{sum(profile.values()) / 1e6:.1f} million')
              for (name, _, millions), profile in zip(COUNTED, profiles)]
-    return rows, profiles
+    music = Stream(read_pcm(signals['music'])[:MUSIC_FRAMES * FRAME_SAMPLES])
+    worst_rows, worst_profiles = measure_worst_frames(music, folder)
+    return rows + worst_rows, encoder_profile(profiles, worst_profiles)
 
 
 def stage_of(function):
@@ -83,32 +107,37 @@ def stage_of(function):
 
 def stage_table(profiles):
     sums = {stage: [0] * len(profiles) for stage in STAGES}
-    for column, costs in enumerate(profiles):
+    for column, costs in enumerate(profiles.values()):
         for function, cost in costs.items():
             sums[stage_of(function)][column] += cost / 1e6
     sums['whole'] = [sum(column) for column in zip(*sums.values())]
-    return table(['Stage'] + [name for name, _, _ in COUNTED],
+    return table(['Stage', *profiles],
                  [[stage] + [f'{cost:.2f}' for cost in costs] for stage, costs in sums.items()])
 
 
-def function_table(profiles):
+def function_table(profiles, count):
     """The functions that cost most in one of the profiles, in thousands."""
     most = {}
-    for function, cost in (item for costs in profiles for item in costs.items()):
+    for function, cost in (item for costs in profiles.values() for item in costs.items()):
         most[function] = max(cost, most.get(function, 0))
-    names = sorted(most, key=most.get, reverse=True)[:16]
-    return table(['Function'] + [name for name, _, _ in COUNTED],
+    names = sorted(most, key=most.get, reverse=True)[:count]
+    return table(['Function', *profiles],
                  [[f'`{name}`'] + [f'{costs[name] / 1e3:.0f}' if name in costs else ''
-                                   for costs in profiles] for name in names])
+                                   for costs in profiles.values()] for name in names])
 
 
-def encoder_profile(profiles):
+def encoder_profile(profiles, worst_profiles):
     """returns: a section of the page"""
+    by_build = dict(zip([name for name, _, _ in COUNTED], profiles))
     return f'''## Where the encoder's time goes
 
 48 kHz stereo at 128 kbit/s. By stage, million instructions per second of sound:
 
-{stage_table(profiles)}
+{stage_table(by_build)}
 By function, thousand instructions per second of sound; without a number, it is part of others:
 
-{function_table(profiles)}'''
+{function_table(by_build, 16)}
+The worst frames that a search has found (`bench/worst_frame.py`; the sounds are in
+`bench/hostile_sound.py`), portable x86, thousand instructions per frame:
+
+{function_table(worst_profiles, 14)}'''

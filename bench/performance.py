@@ -21,7 +21,7 @@ import time
 from buffer_rows import buffer_sections
 from builds import ARM, NO_VECTORS, RELEASE, benchmark, build, named
 from counting import by, per_second
-from encoder_rows import encoder_profile, measure_encoder
+from encoder_rows import measure_encoder
 from measuring import (ROOT, SAMPLE_SECONDS, end, profile_table, read_arguments, run, start, table,
                        usage_of, write_loop)
 from recovery_rows import recovery_rows
@@ -206,7 +206,7 @@ def machine():
             f'`{" ".join(NO_VECTORS)}`; {datetime.date.today()}.')
 
 
-def page(extent, rows, muxer, profiles, client):
+def page(extent, rows, muxer, encoder_profile, client):
     return f'''# Performance
 
 Written by `bench/performance.py`. {machine()}
@@ -229,7 +229,7 @@ in one program. Nothing here is a test: no check fails because a machine is slow
 - The client's memory contains the libraries that read the input, the buffers, and the memory of the
   recording, whose growth has its own row.
 
-{encoder_profile(profiles)}
+{encoder_profile}
 ## Where a recording's time goes
 
 By library, instructions per second of programme, `tdmbrec record` from raw H.264 and WAV.
@@ -246,7 +246,7 @@ def main():
     build()
     with tempfile.TemporaryDirectory() as name:
         folder = pathlib.Path(name)
-        encoder_rows, profiles = measure_encoder(extent, folder)
+        encoder_rows, encoder_profile = measure_encoder(extent, folder)
         client_rows, client = measure_client(extent, folder)
         checkpoint_rows = measure_checkpoints(extent, folder)
         checkpoint_rows += recovery_rows(RELEASE / 'bin', extent is QUICK, folder)
@@ -257,7 +257,7 @@ def main():
             *checkpoint_rows,
             *measure_library(),
             *client_rows]
-    text = page(extent, rows, muxer, profiles, client)
+    text = page(extent, rows, muxer, encoder_profile, client)
     text += buffer_sections(benchmark, extent)
     print(text)
     if extent is WHOLE:
