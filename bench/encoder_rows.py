@@ -137,6 +137,9 @@ def encoder_profile(profiles, worst_profiles):
 By function, thousand instructions per second of sound; without a number, it is part of others:
 
 {function_table(by_build, 16)}
+The ARM builds are of `-march=armv7-a+simd` and `-march=armv7-a+fp`. A static program that only
+encodes runs under `qemu-arm`; the numbers are those of `-singlestep -d exec,nochain`.
+
 The worst frames that a search has found (`bench/worst_frame.py`; the sounds are in
 `bench/hostile_sound.py`), portable x86, thousand instructions per frame:
 
