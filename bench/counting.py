@@ -30,6 +30,12 @@ END {
 '''
 
 
+def short_name(function):
+    """Without the types of its arguments, its template and its result."""
+    words = re.split(r'[(<]', function.replace('(anonymous namespace)::', ''))[0].split()
+    return words[-1] if words else function
+
+
 def callgrind(command, folder, *options):
     """Instructions by function and object: {(function, object): count}."""
     out = folder / 'callgrind.out'
@@ -38,7 +44,7 @@ def callgrind(command, folder, *options):
     costs = {}
     for count, name in re.findall(r'^ *([\d,]+) \([ \d.]+%\)  (\S.*)$', listing, re.M):
         library = re.search(r'\[(.*)\]$', name)
-        function = re.sub(r'^[^:]*:(void )?|(\(.*)? \[.*$', '', name)
+        function = short_name(re.sub(r'^[^:]*:| \[.*$', '', name))
         key = function, os.path.basename(library.group(1)) if library else ''
         if name != 'PROGRAM TOTALS':
             costs[key] = costs.get(key, 0) + int(count.replace(',', ''))
@@ -95,6 +101,7 @@ def count_on_arm(build_folder, stream, folder):
     costs = {}
     for line in run(['c++filt', '-p'], input=lines).splitlines():
         count, function = line.split(' ', 1)
+        function = short_name(function)
         costs[function] = costs.get(function, 0) + int(count)
     return costs
 
