@@ -75,13 +75,13 @@ HOSTILE = [
 # The worst that a search has found.
 WORST = {
     'recorder\'s settings': (Settings(22050, 2, 128000, 0, 0), [
-        Layer('signs', 0, SAMPLES, 7, 2, 92286, 'other'),
-        Layer('square', 0, SAMPLES, 334, 22, 30076, 'inverted'),
-        Layer('constant', 1747, SAMPLES, 29189, 1, 0, 'other'),
-        Layer('constant', 1024, 8041, 8, 1, 0, 'silent'),
-        Layer('constant', 7168, 8102, 3, 1, 0, 'same')]),
-    'any settings': (Settings(32000, 2, 192000, 1, 1), [
-        Layer('impulses', 2089, 5226, 235, 671, 0, 'same'),
-        Layer('square', 0, 8031, 2, 35, 0, 'same'),
-        Layer('constant', 3072, SAMPLES, 1619, 1, 0, 'same')]),
+        Layer('noise', 0, 6824, 38, 1, 55763, 'same'),
+        Layer('square', 2048, SAMPLES, 462, 4, 0, 'inverted'),
+        Layer('tone', 3072, 6305, 539, 925, 0, 'other'),
+        Layer('impulses', 5120, SAMPLES, 30557, 1, 0, 'other')]),
+    'any settings': (Settings(32000, 2, 288000, 1, 1), [
+        Layer('impulses', 2062, 4970, 235, 669, 0, 'other'),
+        Layer('signs', 0, 7785, 2, 1, 35402, 'same'),
+        Layer('constant', 797, SAMPLES, 29707, 1, 0, 'other'),
+        Layer('impulses', 4096, 4770, 22, 1, 0, 'same')]),
 }
