@@ -1,15 +1,11 @@
 """The sections of docs/performance.md on the way of a buffer and the start of a recording."""
-from measuring import table_row
+from measuring import table
 
 SLOW = 10000000
 STORAGES = {(0, 0): 'memory', (SLOW, 0): '10 MB/s', (SLOW, 100): '10 MB/s, stalls of 0.1 s',
             (SLOW, 500): '10 MB/s, stalls of 0.5 s', (SLOW, 2000): '10 MB/s, stalls of 2 s'}
 CHECKPOINTS = {0: 'none', 1000: '1 s'}
 BUFFERS = (4, 8, 16, 32, 64, 151, 235)
-
-
-def table(head, rows):
-    return ''.join(table_row(row) + '\n' for row in [head, ['---'] * len(head), *rows])
 
 
 def time_text(time_ns):

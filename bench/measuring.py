@@ -70,13 +70,15 @@ def usage_of(command):
     return end(start(command))
 
 
-def write_audio_loop(path, seconds):
-    """Writes the sample's audio over and over."""
-    with wave.open(str(SAMPLE_AUDIO)) as sample, wave.open(str(path), 'wb') as loop:
+def write_audio_loop(path, seconds, source=SAMPLE_AUDIO):
+    """Writes the audio of a WAV file over and over."""
+    with wave.open(str(source)) as sample, wave.open(str(path), 'wb') as loop:
         frames = sample.readframes(sample.getnframes())
+        left_bytes = round(seconds * RATE) * sample.getnchannels() * sample.getsampwidth()
         loop.setparams(sample.getparams())
-        for _ in range(round(seconds * RATE / sample.getnframes())):
-            loop.writeframesraw(frames)
+        while left_bytes > 0:
+            loop.writeframesraw(frames[:left_bytes])
+            left_bytes -= len(frames)
 
 
 def write_loop(folder, seconds):
@@ -123,3 +125,15 @@ def decibels(ratio):
 
 def table_row(cells):
     return '| ' + ' | '.join(cells) + ' |'
+
+
+def table(head, rows):
+    return ''.join(table_row(row) + '\n' for row in [head, ['---'] * len(head), *rows])
+
+
+def profile_table(costs, count, name):
+    total = sum(costs.values())
+    largest = sorted(costs.items(), key=lambda item: -item[1])[:count]
+    return table([name, 'Instructions per second', 'Share'],
+                 [(f'`{key}`', f'{cost / 1e3:.0f} k', f'{100 * cost / total:.1f} %')
+                  for key, cost in largest])

@@ -9,7 +9,6 @@ minutes on a machine that does nothing else.
 """
 import collections
 import datetime
-import json
 import os
 import pathlib
 import pty
@@ -20,43 +19,25 @@ import tempfile
 import time
 
 from buffer_rows import buffer_sections
-from measuring import (ROOT, SAMPLE_SECONDS, encode_command, end, ffmpeg_encode_command,
-                       read_arguments, run, start, table_row, usage_of, write_loop)
+from builds import ARM, NO_VECTORS, RELEASE, benchmark, build, named
+from counting import by, per_second
+from encoder_rows import measure_encoder
+from measuring import (ROOT, SAMPLE_SECONDS, end, profile_table, read_arguments, run, start, table,
+                       usage_of, write_loop)
 from recovery_rows import recovery_rows
-
-RELEASE = ROOT / 'build/measured'
-PORTABLE = ROOT / 'build/portable'
-ARM = ROOT / 'build/arm-library'
-NO_VECTORS = ['-DTDMBREC_VECTOR=OFF', '-DCMAKE_CXX_FLAGS=-fno-tree-vectorize',
-              '-DTDMBREC_TESTS=OFF', '-DTDMBREC_BENCH=OFF']
-BUILDS = [('release', RELEASE, ['-DTDMBREC_TESTS=OFF']),
-          ('release', PORTABLE, NO_VECTORS),
-          ('arm', ARM, ['-DTDMBREC_TESTS=OFF'])]
 
 # How much is measured: alternating pairs, seconds of programme, pairs and seconds of paced
 # recordings, and the benchmarks' own settings.
 Extent = collections.namedtuple('Extent', 'pairs encoder_seconds profile_seconds client_seconds '
-                                          'growth_loops paced benchmark_options environment')
+                                          'growth_loops paced arm_seconds benchmark_options '
+                                          'environment')
 WHOLE = Extent(pairs=5, encoder_seconds=600, profile_seconds=60, client_seconds=(600, 7200),
-               growth_loops=(1, 30, 360, 2160), paced=(24, 60), benchmark_options=[],
-               environment={'RECORDER_BENCH': 'whole'})
+               growth_loops=(1, 30, 360, 2160), paced=(24, 60), arm_seconds=(1, 11),
+               benchmark_options=[], environment={'RECORDER_BENCH': 'whole'})
 QUICK = Extent(pairs=1, encoder_seconds=60, profile_seconds=20, client_seconds=(10, 60),
-               growth_loops=(1,), paced=(2, 10), benchmark_options=['--benchmark_min_time=0.01'],
+               growth_loops=(1,), paced=(2, 10), arm_seconds=(1, 2),
+               benchmark_options=['--benchmark_min_time=0.01'],
                environment={'RECORDER_BENCH': ''})
-
-# The encoder's functions by what they do.
-STAGES = {'transform': 'transform_|AACENC_gCmplxFft|AACE_FFT|buffer2freq|leave_rows',
-          'rate loop and packing': 'largest_magnitude|raise_lines|power_three|choose_codebook|'
-                                   'quantise|count_|pack_codewords|sort_book_numbers|'
-                                   'step_of_gain|tf_encode_spectrum_aac',
-          'writing of elements': 'bitstream_put|write_|Write|BsPutBit|difference_bits',
-          'other': ''}
-
-
-def build():
-    for preset, folder, settings in BUILDS:
-        run(['cmake', '--fresh', '--preset', preset, '-B', folder] + settings, cwd=ROOT)
-        run(['cmake', '--build', folder, '-j', os.cpu_count()])
 
 
 def usage_on_terminal(command):
@@ -74,86 +55,9 @@ def usage_on_terminal(command):
     return end(process), longest
 
 
-def callgrind(command, folder, *options):
-    """Instructions by function and object: {(function, object): count}."""
-    out = folder / 'callgrind.out'
-    run(['valgrind', '--tool=callgrind', f'--callgrind-out-file={out}', *options] + command)
-    listing = run(['callgrind_annotate', '--threshold=100', '--show=Ir', out])
-    costs = {}
-    for count, name in re.findall(r'^ *([\d,]+) \([ \d.]+%\)  (\S.*)$', listing, re.M):
-        library = re.search(r'\[(.*)\]$', name)
-        function = re.sub(r'^[^:]*:(void )?|(\(.*)? \[.*$', '', name)
-        key = function, os.path.basename(library.group(1)) if library else ''
-        if name != 'PROGRAM TOTALS':
-            costs[key] = costs.get(key, 0) + int(count.replace(',', ''))
-    return costs
-
-
-def per_second(command_for, seconds, folder, *options):
-    """Instructions per second of programme: a long run less a short one."""
-    short = SAMPLE_SECONDS
-    few = callgrind(command_for(short), folder, *options)
-    many = callgrind(command_for(seconds), folder, *options)
-    return {key: (count - few.get(key, 0)) / (seconds - short) for key, count in many.items()}
-
-
-def by(costs, index):
-    sums = {}
-    for key, cost in costs.items():
-        sums[key[index]] = sums.get(key[index], 0) + cost
-    return sums
-
-
-def encode_with(build_folder, audio, folder):
-    return encode_command(build_folder / 'bin/tdmbrec', audio, folder / 'out.aac')
-
-
 def record_with(video, audio, folder):
     return [RELEASE / 'bin/tdmbrec', 'record', '--video', video, '--audio', audio,
             '--output', folder / 'out.mp4', '--force']
-
-
-def profile_encoder(build_folder, extent, folder):
-    """Instructions per second of audio, by function."""
-    return by(per_second(lambda s: encode_with(build_folder, write_loop(folder, s)[1], folder),
-                         extent.profile_seconds, folder, '--toggle-collect=QVR_AAC_ENC'), 0)
-
-
-def measure_encoder(extent, folder):
-    seconds = extent.encoder_seconds
-    _, audio = write_loop(folder, seconds)
-    ffmpeg = ffmpeg_encode_command(audio, folder / 'other.aac', 'fast', 128000)
-    pairs = [(usage_of(encode_with(RELEASE, audio, folder)).cpu_seconds,
-              usage_of(ffmpeg).cpu_seconds) for _ in range(extent.pairs)]
-    ours, other = map(statistics.median, zip(*pairs))
-    ratio = statistics.median(b / a for a, b in pairs)
-    plain = usage_of(encode_with(PORTABLE, audio, folder)).cpu_seconds
-    profiles = [profile_encoder(build_folder, extent, folder)
-                for build_folder in (RELEASE, PORTABLE)]
-    total = sum(profiles[1].values())
-    rows = [
-        ('Encoder, CPU compared with `ffmpeg -aac_coder fast`', 'at least 8 times as fast',
-         f'{ratio:.1f} times: {ours:.2f} s, {other:.2f} s for {seconds} s of sound'),
-        ('Encoder, times real time', '1,000', f'{seconds / ours:.0f}; portable build '
-         f'{seconds / plain:.0f}'),
-        ('Encoder, portable build, instructions per second of stereo', 'at most 15 million',
-         f'{total / 1e6:.1f} million')]
-    return rows, profiles
-
-
-def benchmark(program, extent, names='.'):
-    arguments = [RELEASE / 'bin' / program, '--benchmark_format=json',
-                 f'--benchmark_filter={names}', *extent.benchmark_options]
-    result = run(arguments, env={**os.environ, **extent.environment})
-    results = json.loads(result[result.index('{'):])['benchmarks']
-    for entry in results:
-        if entry.get('error_occurred'):
-            sys.exit(f'{program}: {entry["name"]}: {entry["error_message"]}')
-    return results
-
-
-def named(results, prefix):
-    return [entry for entry in results if entry['name'].startswith(prefix)]
 
 
 def measure_muxer(extent):
@@ -293,42 +197,16 @@ def measure_client(extent, folder):
              f'{stale_seconds:.2f} s while {long} s are recorded')], profile
 
 
-def table(head, rows):
-    return ''.join(table_row(row) + '\n' for row in [head, ['---'] * len(head), *rows])
-
-
-def profile_table(costs, count, name):
-    total = sum(costs.values())
-    largest = sorted(costs.items(), key=lambda item: -item[1])[:count]
-    return table([name, 'Instructions per second', 'Share'],
-                 [(f'`{key}`', f'{cost / 1e3:.0f} k', f'{100 * cost / total:.1f} %')
-                  for key, cost in largest])
-
-
-def stage_of(function):
-    return next(stage for stage, names in STAGES.items() if re.match(names, function))
-
-
-def stage_table(profiles):
-    sums = {stage: [0] * len(profiles) for stage in STAGES}
-    for column, costs in enumerate(profiles):
-        for function, cost in costs.items():
-            sums[stage_of(function)][column] += cost / 1e6
-    sums['whole'] = [sum(column) for column in zip(*sums.values())]
-    return table(['Stage', '`-O3`', 'Portable'],
-                 [[stage] + [f'{cost:.2f}' for cost in costs] for stage, costs in sums.items()])
-
-
 def machine():
     with open('/proc/cpuinfo', encoding='ascii') as info:
         model = re.search(r'model name\s*: (.*)', info.read())
     compiler = run(['c++', '--version']).splitlines()[0]
     return (f'{model.group(1) if model else "unknown processor"}, {os.cpu_count()} cores; '
             f'{compiler}; release preset (`-O3 -DNDEBUG`); portable build: '
-            f'`{" ".join(NO_VECTORS[:2])}`; {datetime.date.today()}.')
+            f'`{" ".join(NO_VECTORS)}`; {datetime.date.today()}.')
 
 
-def page(extent, rows, muxer, profiles, client):
+def page(extent, rows, muxer, encoder_profile, client):
     return f'''# Performance
 
 Written by `bench/performance.py`. {machine()}
@@ -351,14 +229,7 @@ in one program. Nothing here is a test: no check fails because a machine is slow
 - The client's memory contains the libraries that read the input, the buffers, and the memory of the
   recording, whose growth has its own row.
 
-## Where the encoder's time goes
-
-By stage, million instructions per second of sound:
-
-{stage_table(profiles)}
-By function, portable build, 48 kHz stereo at 128 kbit/s:
-
-{profile_table(profiles[1], 14, 'Function')}
+{encoder_profile}
 ## Where a recording's time goes
 
 By library, instructions per second of programme, `tdmbrec record` from raw H.264 and WAV.
@@ -375,14 +246,18 @@ def main():
     build()
     with tempfile.TemporaryDirectory() as name:
         folder = pathlib.Path(name)
-        encoder_rows, profiles = measure_encoder(extent, folder)
+        encoder_rows, encoder_profile = measure_encoder(extent, folder)
         client_rows, client = measure_client(extent, folder)
         checkpoint_rows = measure_checkpoints(extent, folder)
         checkpoint_rows += recovery_rows(RELEASE / 'bin', extent is QUICK, folder)
     muxer_rows, muxer = measure_muxer(extent)
-    rows = (encoder_rows + muxer_rows + measure_component(extent) + checkpoint_rows +
-            measure_library() + client_rows)
-    text = page(extent, rows, muxer, profiles, client)
+    rows = [*encoder_rows,
+            *muxer_rows,
+            *measure_component(extent),
+            *checkpoint_rows,
+            *measure_library(),
+            *client_rows]
+    text = page(extent, rows, muxer, encoder_profile, client)
     text += buffer_sections(benchmark, extent)
     print(text)
     if extent is WHOLE:

@@ -23,7 +23,7 @@ tests)
         valgrind spin git libc++-14-dev libc++abi-14-dev gstreamer1.0-tools gstreamer1.0-plugins-base
         gstreamer1.0-plugins-base-apps gstreamer1.0-plugins-good gstreamer1.0-plugins-bad
         gstreamer1.0-libav mpv chromium faad mkvtoolnix mediainfo python3 python3-numpy util-linux
-        groff-base lintian debootstrap dpkg-dev"
+        groff-base lintian debootstrap dpkg-dev sox espeak-ng"
     ;;
 *)
     sed -n 's/^#   //p' "$0" >&2
