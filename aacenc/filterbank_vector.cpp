@@ -186,10 +186,11 @@ VECTOR_CODE static void fold_and_twiddle(const int16_t *cur, const int16_t *prev
         const int32_t second = kFftPoints / 2 + i / 2;
         const vec_points in_first = {reverse(current.odd), reverse(previous.odd)};
         const vec_points in_second = {previous.even, current.even};
-        store_points(points, place_in_rows(first),
+        const int32_t place = place_in_rows(second);
+        // The bits of a block's number are the inverse of those of its mirror image.
+        store_points(points, kFftPoints - kLanes - place,
                      times(in_first, load_factors(kPreTwiddles, first)));
-        store_points(points, place_in_rows(second),
-                     times(in_second, load_factors(kPreTwiddles, second)));
+        store_points(points, place, times(in_second, load_factors(kPreTwiddles, second)));
     }
 }
 
