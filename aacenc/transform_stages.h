@@ -21,6 +21,12 @@ struct fft_point {
     Word im;
 };
 
+template <typename Word>
+static fft_point<Word> point_of(const Word &re, const Word &im)
+{
+    return {re, im};
+}
+
 template <typename Number>
 static auto load_point(const Number *z)
 {
@@ -81,19 +87,19 @@ static void fold_and_twiddle(const Sample *cur, const Sample *prev, Number *z)
     const uint16_t *place = kReversed.data();
     for (int32_t i = kFftPoints - 1; i > 0; i -= 4) {
         Number *point = z + 2 * *place++;
-        const fft_point first = {fold_current(cur, i), fold_previous(prev, i)};
+        const auto first = point_of(fold_current(cur, i), fold_previous(prev, i));
         store_point(rotate(first, even), point);
         advance(&odd, even);
-        const fft_point second = {fold_current(cur, i - 2), fold_previous(prev, i - 2)};
+        const auto second = point_of(fold_current(cur, i - 2), fold_previous(prev, i - 2));
         store_point(rotate(second, odd), point + kFftPoints);
         advance(&even, odd);
     }
     for (int32_t i = 0; i < kFftPoints; i += 4) {
         Number *point = z + 2 * *place++;
-        const fft_point first = {fold_previous(prev, i), fold_current(cur, i)};
+        const auto first = point_of(fold_previous(prev, i), fold_current(cur, i));
         store_point(rotate(first, even), point);
         advance(&odd, even);
-        const fft_point second = {fold_previous(prev, i + 2), fold_current(cur, i + 2)};
+        const auto second = point_of(fold_previous(prev, i + 2), fold_current(cur, i + 2));
         store_point(rotate(second, odd), point + kFftPoints);
         advance(&even, odd);
     }
