@@ -14,7 +14,6 @@ static constexpr int32_t kLowestStart = 40;
 static constexpr int32_t kHighestGain = 200;
 static constexpr int32_t kTrials = 5;
 static constexpr int32_t kScalefactorOffset = 100; // gain 0 is the standard's step size of 1
-static constexpr int32_t kMostPairEntries = 5;     // a codeword, two signs, two escapes
 
 // Allowance of a trial for all that it does not count, such as global_gain, ics_info and the flags.
 static constexpr int32_t kSideAllowance = 102;
@@ -244,7 +243,16 @@ static bool codewords_fit(const channel_coding *channel)
 {
     const AacEncCoderInfo *coder = channel->coder;
     const int32_t bands = channel->tf->sfbTotal;
-    if (coder->swbOffset[channel->bands] * kMostPairEntries / 2 + bands <= kMaxCodewords) {
+    const int32_t lines = coder->swbOffset[channel->bands];
+    // Of two lines: a codeword and two signs, and two escapes in the escape codebook.
+    int32_t most_entries = bands + lines / 2 * 3;
+    if (most_entries + lines <= kMaxCodewords) {
+        return true;
+    }
+    for (int32_t band = 0; band < channel->bands; band++) {
+        most_entries += coder->codebook[band] == kEscapeBook ? band_width(coder, band) : 0;
+    }
+    if (most_entries <= kMaxCodewords) {
         return true;
     }
     int32_t entries = bands - channel->bands;
