@@ -184,10 +184,16 @@ static int32_t search_gain(channel_coding *channel, int32_t bit_budget)
     const int32_t budget_quarter = bit_budget >> 2;
     int32_t gain = starting_gain(channel->tf->lastGain, channel->max_power);
     int32_t step = 8;
-    for (int32_t trial = 1;; trial++) {
+    int32_t gains[kTrials];
+    int32_t results_bits[kTrials];
+    for (int32_t trial = 0;; trial++) {
         int32_t next = gain + step;
-        const bool last = trial == kTrials || next > kHighestGain; // its codebooks may be needed
-        const int32_t total_bits = try_gain(channel, gain, last ? INT32_MAX : bit_budget);
+        // Its codebooks may be needed.
+        const bool last = trial == kTrials - 1 || next > kHighestGain;
+        const auto earlier = std::find(gains, gains + trial, gain) - gains;
+        const int32_t total_bits = !last && earlier < trial
+                                       ? results_bits[earlier]
+                                       : try_gain(channel, gain, last ? INT32_MAX : bit_budget);
         if (total_bits <= bit_budget) {
             if (bit_budget - total_bits < budget_quarter) {
                 return gain;
@@ -195,9 +201,11 @@ static int32_t search_gain(channel_coding *channel, int32_t bit_budget)
             step = step >> 1 != 0 ? step >> 1 : 2;
             next = gain - step;
         }
-        if (next > kHighestGain || trial == kTrials) {
+        if (next > kHighestGain || trial == kTrials - 1) {
             return gain;
         }
+        gains[trial] = gain;
+        results_bits[trial] = total_bits;
         gain = next;
     }
 }
