@@ -97,23 +97,39 @@ static int32_t starting_gain(int32_t last_gain, int32_t max_power)
     return gain < kLowestStart || gain > kHighestGain ? kLowestStart : gain;
 }
 
-// Quantises a band and chooses its codebook. The lines are raised when the first trial needs their
-// powers.
+// Chooses the codebook of a band. The lines are raised when the first trial needs their powers.
+// in: lines: of the channel
 // in: max: largest quantised magnitude, not 0
 // returns: spectral bits
-static int32_t code_band(channel_coding *channel, int32_t band, const gain_step &step, int32_t max)
+static int32_t code_band(channel_coding *channel, int32_t band, band_lines *lines, int32_t max)
 {
     const int32_t start = channel->coder->swbOffset[band];
     const int32_t width = band_width(channel->coder, band);
-    const int32_t *spectrum = channel->spectrum + start;
-    int32_t *power = channel->power + start;
     if (max > 2 && !channel->band_raised[band]) {
-        (channel->vectors ? raise_lines_vector : raise_lines)(spectrum, width, power);
+        (channel->vectors ? raise_lines_vector : raise_lines)(channel->spectrum + start, width,
+                                                              channel->power + start);
         channel->band_raised[band] = true;
     }
-    const auto choose = channel->vectors ? choose_codebook_vector : choose_codebook;
-    return choose({spectrum, power, channel->quantised + start, step}, width, max,
-                  &channel->coder->codebook[band]);
+    lines->spectrum = channel->spectrum + start;
+    lines->power = channel->power + start;
+    return (channel->vectors ? choose_codebook_vector : choose_codebook)(
+        *lines, width, max, &channel->coder->codebook[band]);
+}
+
+// Quantises the bands that have spectral data.
+static void quantise_bands(const channel_coding *channel, int32_t gain)
+{
+    const AacEncCoderInfo *coder = channel->coder;
+    const auto quantise = channel->vectors ? quantise_lines_vector : quantise_lines;
+    const gain_step step = step_of_gain(gain);
+    for (int32_t band = 0; band < channel->bands; band++) {
+        const int32_t start = coder->swbOffset[band];
+        if (coder->codebook[band] != kZeroBook && coder->codebook[band] <= kEscapeBook) {
+            const int32_t max = quantise_power(channel->band_max[band], step.factor_q32);
+            quantise({channel->spectrum + start, channel->power + start, step},
+                     band_width(coder, band), max, channel->quantised + start);
+        }
+    }
 }
 
 static void count_sections(channel_coding *channel)
@@ -121,18 +137,18 @@ static void count_sections(channel_coding *channel)
     channel->section_bits = sort_book_numbers(channel->coder, channel->bitstream, 0, channel->tf);
 }
 
-// Quantises each band, chooses its codebook and counts. Stops once the spectral bits exceed
+// Chooses the codebook of each band and counts. Stops once the spectral bits exceed
 // `most_bits`: what is not counted yet only adds to them, so the channel exceeds it too.
 // returns: whether it has come to the end; if not, only that is known of the gain
 static bool choose_codebooks(channel_coding *channel, int32_t gain, int32_t most_bits)
 {
     AacEncCoderInfo *coder = channel->coder;
-    const gain_step step = step_of_gain(gain);
+    band_lines lines = {nullptr, nullptr, step_of_gain(gain)};
     int32_t bits = 0;
     channel->coded_bands = 0;
     channel->has_noise = false;
     for (int32_t band = 0; band < channel->bands && bits <= most_bits; band++) {
-        const int32_t max = quantise_power(channel->band_max[band], step.factor_q32);
+        const int32_t max = quantise_power(channel->band_max[band], lines.step.factor_q32);
         int32_t band_bits = 0;
         if (max == 0) {
             coder->codebook[band] = kZeroBook;
@@ -140,7 +156,7 @@ static bool choose_codebooks(channel_coding *channel, int32_t gain, int32_t most
             coder->codebook[band] = kNoiseBook;
             channel->has_noise = true;
         } else {
-            band_bits = code_band(channel, band, step, max);
+            band_bits = code_band(channel, band, &lines, max);
             channel->coded_bands++;
         }
         channel->band_bits[band] = band_bits;
@@ -247,7 +263,7 @@ static int32_t channel_bits(const channel_coding *channel)
            scalefactor_bits(channel) + channel->spectral_bits;
 }
 
-static bool codewords_fit(const channel_coding *channel)
+static bool codewords_fit(const channel_coding *channel, int32_t gain)
 {
     const AacEncCoderInfo *coder = channel->coder;
     const int32_t bands = channel->tf->sfbTotal;
@@ -263,6 +279,7 @@ static bool codewords_fit(const channel_coding *channel)
     if (most_entries <= kMaxCodewords) {
         return true;
     }
+    quantise_bands(channel, gain);
     int32_t entries = bands - channel->bands;
     for (int32_t band = 0; band < channel->bands; band++) {
         entries +=
@@ -272,9 +289,9 @@ static bool codewords_fit(const channel_coding *channel)
     return entries <= kMaxCodewords;
 }
 
-static bool fits(const channel_coding *channel, int32_t limit_bits)
+static bool fits(const channel_coding *channel, int32_t gain, int32_t limit_bits)
 {
-    return channel_bits(channel) <= limit_bits && codewords_fit(channel);
+    return channel_bits(channel) <= limit_bits && codewords_fit(channel, gain);
 }
 
 static bool drop_top_band(channel_coding *channel)
@@ -310,12 +327,12 @@ static int32_t keep_in_syntax(channel_coding *channel, int32_t gain, int32_t lim
         counted = counted || choose_codebooks(channel, gain, last ? INT32_MAX : limit_bits);
         bound_noise_steps(channel, gain);
         set_scalefactors(channel, gain);
-        if (last || (counted && fits(channel, limit_bits))) {
+        if (last || (counted && fits(channel, gain, limit_bits))) {
             break;
         }
         counted = false;
     }
-    while (!fits(channel, limit_bits) && drop_top_band(channel)) {
+    while (!fits(channel, gain, limit_bits) && drop_top_band(channel)) {
     }
     *bits = channel_bits(channel);
     return gain;
@@ -381,6 +398,7 @@ int32_t tf_encode_spectrum_aac(int32_t *const *spectrum, uint8_t window_sequence
     tf->bitsLeft -= bits;
     AACENC_CHECK(bits == write_channel_side(coder, ch_info->commonWindow, bitstream, 0, tf) +
                              channel.spectral_bits);
+    quantise_bands(&channel, tf->lastGain);
     pack_channel(&channel, reinterpret_cast<uint32_t *>(*spectrum));
     return 0;
 }

@@ -57,10 +57,12 @@ static void expect_vectors_equal(const int32_t *band, int32_t count, const gain_
         int32_t quantised_by_vector[24];
         uint8_t book = 0;
         uint8_t book_by_vector = 0;
-        ASSERT_EQ(choose_codebook_vector({band, powers, quantised_by_vector, step}, count, max,
-                                         &book_by_vector),
-                  choose_codebook({band, powers, quantised, step}, count, max, &book));
+        const band_lines lines = {band, powers, step};
+        ASSERT_EQ(choose_codebook_vector(lines, count, max, &book_by_vector),
+                  choose_codebook(lines, count, max, &book));
         ASSERT_EQ(book_by_vector, book);
+        quantise_lines(lines, count, max, quantised);
+        quantise_lines_vector(lines, count, max, quantised_by_vector);
         ASSERT_TRUE(std::equal(quantised, quantised + count, quantised_by_vector));
     }
 }
