@@ -29,15 +29,13 @@ int32_t power_three_quarters(uint32_t magnitude)
 
 uint32_t largest_magnitude(const int32_t *spectrum, int32_t count)
 {
-    int32_t lowest = 0;
-    int32_t highest = 0;
+    uint32_t largest = 0;
     for (int32_t k = 0; k < count; k += 4) {
         for (int32_t i = k; i < k + 4; i++) {
-            lowest = std::min(lowest, spectrum[i]);
-            highest = std::max(highest, spectrum[i]);
+            largest = std::max(largest, abs_u32(spectrum[i]));
         }
     }
-    return std::max(abs_u32(lowest), abs_u32(highest));
+    return largest;
 }
 
 void raise_lines(const int32_t *spectrum, int32_t count, int32_t *power)

@@ -179,8 +179,11 @@ VECTOR_INLINE vec_s32 coded_values(const band_lines &lines, int32_t k)
         return quantise_high(lines, k);
     }
     const vec_s32 v = load(lines.spectrum + k);
-    const vec_s32 magnitude = kGroup == 4 ? quantise_low(lines, v) : quantise_high(lines, k);
-    return kSigned ? with_signs(magnitude, v) : magnitude;
+    if constexpr (kGroup == 4 && kSigned) { // values up to 1
+        return sub(at_least(sub(splat(0), v), lines.step.least_one),
+                   at_least(v, lines.step.least_one));
+    }
+    return kSigned ? with_signs(quantise_high(lines, k), v) : quantise_low(lines, v);
 }
 
 #if defined(__ARM_NEON)

@@ -116,18 +116,31 @@ static int32_t code_band(channel_coding *channel, int32_t band, band_lines *line
         *lines, width, max, &channel->coder->codebook[band]);
 }
 
-// Quantises the bands that have spectral data.
+// returns: the largest quantised magnitude of a band, 3 for all above 2, 0 without spectral data
+static int32_t quantised_max(const channel_coding *channel, int32_t band, int32_t factor_q32)
+{
+    const uint8_t book = channel->coder->codebook[band];
+    return book == kZeroBook || book == kNoiseBook
+               ? 0
+               : std::min(quantise_power(channel->band_max[band], factor_q32), 3);
+}
+
+// Quantises the bands that have spectral data, neighbours of the same kind together.
 static void quantise_bands(const channel_coding *channel, int32_t gain)
 {
-    const AacEncCoderInfo *coder = channel->coder;
+    const int32_t *offsets = channel->coder->swbOffset;
     const auto quantise = channel->vectors ? quantise_lines_vector : quantise_lines;
     const gain_step step = step_of_gain(gain);
-    for (int32_t band = 0; band < channel->bands; band++) {
-        const int32_t start = coder->swbOffset[band];
-        if (coder->codebook[band] != kZeroBook && coder->codebook[band] <= kEscapeBook) {
-            const int32_t max = quantise_power(channel->band_max[band], step.factor_q32);
+    for (int32_t band = 0, end = 0; band < channel->bands; band = end) {
+        const int32_t start = offsets[band];
+        const int32_t max = quantised_max(channel, band, step.factor_q32);
+        for (end = band + 1;
+             end < channel->bands && quantised_max(channel, end, step.factor_q32) == max;) {
+            end++;
+        }
+        if (max != 0) {
             quantise({channel->spectrum + start, channel->power + start, step},
-                     band_width(coder, band), max, channel->quantised + start);
+                     offsets[end] - start, max, channel->quantised + start);
         }
     }
 }
