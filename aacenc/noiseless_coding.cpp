@@ -207,8 +207,8 @@ int32_t output_bits_check(int32_t book, const int32_t *values, int32_t count)
 // returns: the entries of the list with the sign of a value that is not 0
 static size_t pack_sign(int32_t value, uint32_t *list, size_t entries)
 {
-    list[entries] = 1U << 24 | static_cast<uint32_t>(value) >> 31; // overwritten for the value 0
-    return entries + (value != 0 ? 1 : 0);
+    list[entries] = 1U << 24 | static_cast<uint32_t>(value) >> 31;    // overwritten for the value 0
+    return entries + (static_cast<uint32_t>(-std::abs(value)) >> 31); // 1 without a flag
 }
 
 static size_t pack_escape(int32_t magnitude, uint32_t *list, size_t entries)
@@ -231,8 +231,10 @@ static uint32_t *pack_class(const uint32_t *table, const int32_t *values, int32_
 {
     size_t entries = 0;
     for (int32_t k = 0; k < count; k += kGroup) {
-        int32_t group[4]; // a copy stays in registers while the entries are written
-        std::copy_n(values + k, kGroup, group);
+        int32_t group[4]; // in registers while the entries are written
+        for (int32_t i = 0; i < kGroup; i++) {
+            group[i] = values[k + i];
+        }
         list[entries++] = table[codeword_index<kGroup, kBase, kSigned>(group, 0)];
         for (int32_t i = 0; !kSigned && i < kGroup; i++) {
             entries = pack_sign(group[i], list, entries);
