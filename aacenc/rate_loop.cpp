@@ -28,6 +28,14 @@ static constexpr int32_t kEmptyChannelBits =
 
 namespace {
 
+// What works on the lines of a band: plain code, or vector code.
+struct line_code {
+    uint32_t (*largest_magnitude)(const int32_t *spectrum, int32_t count);
+    void (*raise)(const int32_t *spectrum, int32_t count, int32_t *power);
+    int32_t (*choose_codebook)(const band_lines &lines, int32_t count, int32_t max, uint8_t *book);
+    void (*quantise)(const band_lines &lines, int32_t count, int32_t max, int32_t *quantised);
+};
+
 // The coding of one channel, from lines to codewords.
 struct channel_coding {
     const int32_t *spectrum;
@@ -36,7 +44,7 @@ struct channel_coding {
     AacEncCoderInfo *coder;
     AacEncBitstream *bitstream;
     const EncTfState *tf;
-    bool vectors; // takes vector code
+    const line_code *code;
     int32_t tns_bits;
     int32_t fixed_bits; // all but TNS data, sections, scalefactors and spectral data
     int32_t bands;      // up to the last band that is not silent
@@ -51,6 +59,11 @@ struct channel_coding {
 };
 
 } // namespace
+
+static constexpr line_code kPlainCode = {largest_magnitude, raise_lines, choose_codebook,
+                                         quantise_lines};
+static constexpr line_code kVectorCode = {largest_magnitude_vector, raise_lines_vector,
+                                          choose_codebook_vector, quantise_lines_vector};
 
 static int32_t band_width(const AacEncCoderInfo *coder, int32_t band)
 {
@@ -72,14 +85,13 @@ static int32_t used_lines(const int32_t *spectrum)
 static void find_powers(channel_coding *channel)
 {
     const AacEncCoderInfo *coder = channel->coder;
-    auto *const largest = channel->vectors ? largest_magnitude_vector : largest_magnitude;
     const int32_t lines = used_lines(channel->spectrum);
     while (coder->swbOffset[channel->bands] < lines) {
         channel->bands++;
     }
     for (int32_t band = 0; band < channel->bands; band++) {
-        channel->band_max[band] = power_three_quarters(
-            largest(channel->spectrum + coder->swbOffset[band], band_width(coder, band)));
+        channel->band_max[band] = power_three_quarters(channel->code->largest_magnitude(
+            channel->spectrum + coder->swbOffset[band], band_width(coder, band)));
         channel->max_power = std::max(channel->max_power, channel->band_max[band]);
     }
 }
@@ -106,14 +118,12 @@ static int32_t code_band(channel_coding *channel, int32_t band, band_lines *line
     const int32_t start = channel->coder->swbOffset[band];
     const int32_t width = band_width(channel->coder, band);
     if (max > 2 && !channel->band_raised[band]) {
-        (channel->vectors ? raise_lines_vector : raise_lines)(channel->spectrum + start, width,
-                                                              channel->power + start);
+        channel->code->raise(channel->spectrum + start, width, channel->power + start);
         channel->band_raised[band] = true;
     }
     lines->spectrum = channel->spectrum + start;
     lines->power = channel->power + start;
-    return (channel->vectors ? choose_codebook_vector : choose_codebook)(
-        *lines, width, max, &channel->coder->codebook[band]);
+    return channel->code->choose_codebook(*lines, width, max, &channel->coder->codebook[band]);
 }
 
 // returns: the largest quantised magnitude of a band, 3 for all above 2, 0 without spectral data
@@ -129,7 +139,6 @@ static int32_t quantised_max(const channel_coding *channel, int32_t band, int32_
 static void quantise_bands(const channel_coding *channel, int32_t gain)
 {
     const int32_t *offsets = channel->coder->swbOffset;
-    const auto quantise = channel->vectors ? quantise_lines_vector : quantise_lines;
     const gain_step step = step_of_gain(gain);
     for (int32_t band = 0, end = 0; band < channel->bands; band = end) {
         const int32_t start = offsets[band];
@@ -139,8 +148,8 @@ static void quantise_bands(const channel_coding *channel, int32_t gain)
             end++;
         }
         if (max != 0) {
-            quantise({channel->spectrum + start, channel->power + start, step},
-                     offsets[end] - start, max, channel->quantised + start);
+            channel->code->quantise({channel->spectrum + start, channel->power + start, step},
+                                    offsets[end] - start, max, channel->quantised + start);
         }
     }
 }
@@ -394,7 +403,7 @@ int32_t tf_encode_spectrum_aac(int32_t *const *spectrum, uint8_t window_sequence
         .coder = coder,
         .bitstream = bitstream,
         .tf = tf,
-        .vectors = takes_vectors(),
+        .code = takes_vectors() ? &kVectorCode : &kPlainCode,
         .tns_bits = WriteTNSData(coder, bitstream, 0),
         .fixed_bits = kGainBits + (ch_info->commonWindow != 0 ? 0 : kIcsInfoBits) + kFlagBits,
     };
