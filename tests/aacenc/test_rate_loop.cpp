@@ -105,7 +105,7 @@ static int32_t plain_search(AacEncCoderInfo *coder, const int32_t *spectrum, int
 TEST_F(RateLoop, SearchEqualsThePlainOne)
 {
     std::mt19937 random(12);
-    for (int i = 0; i < 2000; i++) {
+    for (int i = 0; i < 600; i++) {
         SCOPED_TRACE(i);
         const int fall = static_cast<int>(random() % 200) + 64; // lines for half the amplitude
         const int loudest = 11 + static_cast<int>(random() % 12);
