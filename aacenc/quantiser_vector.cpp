@@ -159,16 +159,19 @@ VECTOR_INLINE vec_s32 quantise_high(const band_lines &lines, int32_t k)
 VECTOR_CODE void quantise_lines_vector(const band_lines &lines, int32_t count, int32_t max,
                                        int32_t *quantised)
 {
+    const int32_t whole = count / kLanes * kLanes;
     if (max <= 2) {
-        for (int32_t k = 0; k < count; k += kLanes) {
+        for (int32_t k = 0; k < whole; k += kLanes) {
             const vec_s32 v = load(lines.spectrum + k);
             store(quantised + k, with_signs(quantise_low(lines, v), v));
         }
     } else {
-        for (int32_t k = 0; k < count; k += kLanes) {
+        for (int32_t k = 0; k < whole; k += kLanes) {
             store(quantised + k, with_signs(quantise_high(lines, k), load(lines.spectrum + k)));
         }
     }
+    quantise_lines({lines.spectrum + whole, lines.power + whole, lines.step}, count - whole, max,
+                   quantised + whole);
 }
 
 // What a codebook is indexed with: quadruples of values up to 2, or pairs.

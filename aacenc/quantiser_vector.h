@@ -20,7 +20,7 @@ inline constexpr int32_t kVectorOverrun = 4;
 // As raise_lines. Reads and overwrites kVectorOverrun.
 void raise_lines_vector(const int32_t *spectrum, int32_t count, int32_t *power);
 
-// As quantise_lines. Reads and overwrites kVectorOverrun.
+// As quantise_lines.
 void quantise_lines_vector(const band_lines &lines, int32_t count, int32_t max, int32_t *quantised);
 
 // Quantises lines and counts their bits in two codebooks. Reads kVectorOverrun.

@@ -57,7 +57,7 @@ static void expect_vectors_equal(const int32_t *band, int32_t count, const gain_
     const int32_t max = quantise_power(power_three_quarters(largest), step.factor_q32);
     if (max > 0) {
         int32_t quantised[24];
-        int32_t quantised_by_vector[24];
+        int32_t quantised_by_vector[24] = {};
         uint8_t book = 0;
         uint8_t book_by_vector = 0;
         const band_lines lines = {band, powers, step};
@@ -68,6 +68,7 @@ static void expect_vectors_equal(const int32_t *band, int32_t count, const gain_
         quantise_lines(lines, count, max, quantised);
         (vectors ? quantise_lines_vector : quantise_lines)(lines, count, max, quantised_by_vector);
         ASSERT_TRUE(std::equal(quantised, quantised + count, quantised_by_vector));
+        ASSERT_EQ(std::count(quantised_by_vector + count, quantised_by_vector + 24, 0), 24 - count);
     }
 }
 
