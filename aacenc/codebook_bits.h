@@ -12,7 +12,7 @@ extern const uint32_t bits5_6[81];
 extern const uint32_t bits7_8[64];
 extern const uint32_t bits9_10[169];
 
-// Book 11 has no partner.
-extern const uint8_t bits11[289];
+// Book 11 has no partner. Three more entries are for loads of four.
+extern const uint8_t bits11[289 + 3];
 
 #endif // AACENC_CODEBOOK_BITS_H

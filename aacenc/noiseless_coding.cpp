@@ -6,18 +6,13 @@
 #include "aacenc/huffman_tables.h"
 #include "aacenc/quantiser.h"
 #include "aacenc/quantiser_vector.h"
-#include "aacenc/vector_s32.h"
 
 #include <algorithm>
 #include <cstdlib>
 
-static constexpr int32_t kEscapeMark = 16; // in a codeword: the value is in an escape
-static constexpr int32_t kEscapeBase = kEscapeMark + 1;
-
 // Bits of the two codebooks of a class: of the odd-numbered one in the low half of a word. 1024
 // lines do not fill a half.
 using class_bits = uint32_t;
-static constexpr class_bits kNoPartner = 0xFFFFU << 16; // of the escape codebook
 
 static int32_t odd_bits(class_bits bits)
 {
@@ -31,34 +26,20 @@ static int32_t even_bits(class_bits bits)
 
 namespace {
 
-// A quantised line. What a codebook does not need is not computed.
-struct coded_line {
-    int32_t magnitude;
-    int32_t value; // with its sign
-};
-
 // The lines of a band whose largest value is 1, or 2. They are quantised by comparison.
 struct ones_lines : band_lines {};
 struct twos_lines : band_lines {};
 
 } // namespace
 
-static coded_line take_line(const int32_t *values, int32_t k)
+static int32_t magnitude_of(const int32_t *values, int32_t k)
 {
-    return {std::abs(values[k]), values[k]};
+    return std::abs(values[k]);
 }
 
-static coded_line store_line(const band_lines &lines, int32_t k, int32_t magnitude)
+static int32_t magnitude_of(const band_lines &lines, int32_t k)
 {
-    const int32_t sign = lines.spectrum[k] >> 31; // 0 or -1
-    const int32_t value = (magnitude ^ sign) - sign;
-    lines.quantised[k] = value;
-    return {magnitude, value};
-}
-
-static coded_line take_line(const band_lines &lines, int32_t k)
-{
-    return store_line(lines, k, quantise_power(lines.power[k], lines.step.factor_q32));
+    return quantise_power(lines.power[k], lines.step.factor_q32);
 }
 
 // returns: 1 if line >= least, else 0; without a branch or a flag
@@ -68,21 +49,28 @@ static int32_t reaches(int32_t line, int32_t least)
     return static_cast<int32_t>(static_cast<uint32_t>(least - 1 - line) >> 31);
 }
 
-static coded_line take_line(const ones_lines &lines, int32_t k)
-{
-    const int32_t line = lines.spectrum[k];
-    const int32_t value =
-        reaches(line, lines.step.least_one) - reaches(-line, lines.step.least_one);
-    lines.quantised[k] = value;
-    return {std::abs(value), value};
-}
-
-static coded_line take_line(const twos_lines &lines, int32_t k)
+static int32_t magnitude_of(const twos_lines &lines, int32_t k)
 {
     const int32_t magnitude = std::abs(lines.spectrum[k]);
-    return store_line(lines, k,
-                      reaches(magnitude, lines.step.least_one) +
-                          reaches(magnitude, lines.step.least_two));
+    return reaches(magnitude, lines.step.least_one) + reaches(magnitude, lines.step.least_two);
+}
+
+static int32_t value_of(const int32_t *values, int32_t k)
+{
+    return values[k];
+}
+
+static int32_t value_of(const ones_lines &lines, int32_t k)
+{
+    const int32_t line = lines.spectrum[k];
+    return reaches(line, lines.step.least_one) - reaches(-line, lines.step.least_one);
+}
+
+template <typename Lines>
+static int32_t value_of(const Lines &lines, int32_t k)
+{
+    const int32_t sign = lines.spectrum[k] >> 31; // 0 or -1
+    return (magnitude_of(lines, k) ^ sign) - sign;
 }
 
 // returns: index of the codeword for kGroup lines of kBase possible values each; the index of a
@@ -92,8 +80,7 @@ static int32_t codeword_index(const Lines &lines, int32_t k)
 {
     int32_t index = 0;
     for (int32_t i = k; i < k + kGroup; i++) {
-        const coded_line line = take_line(lines, i);
-        index = index * kBase + (kSigned ? line.value : line.magnitude);
+        index = index * kBase + (kSigned ? value_of(lines, i) : magnitude_of(lines, i));
     }
     return kSigned ? index + kSignedZero : index;
 }
@@ -113,12 +100,14 @@ static int32_t escape_index(int32_t first, int32_t second)
     return std::min(first, kEscapeMark) * kEscapeBase + std::min(second, kEscapeMark);
 }
 
-template <int32_t kGroup, int32_t kBase, bool kSigned, typename Lines>
-static class_bits count_class(const uint32_t *class_table, Lines lines, int32_t count)
+template <int32_t kGroup, int32_t kBase, bool kSigned, typename Entry, typename Lines>
+static class_bits count_class(const Entry *class_table, Lines lines, int32_t count)
 {
     class_bits bits = 0;
-    for (int32_t k = 0; k < count; k += kGroup) {
-        bits += class_table[codeword_index<kGroup, kBase, kSigned>(lines, k)];
+    for (int32_t k = 0; k < count; k += 4) {
+        for (int32_t group = k; group < k + 4; group += kGroup) {
+            bits += class_table[codeword_index<kGroup, kBase, kSigned>(lines, group)];
+        }
     }
     return bits;
 }
@@ -128,8 +117,8 @@ static class_bits count_escape_book(Lines lines, int32_t count)
 {
     int32_t bits = 0;
     for (int32_t k = 0; k < count; k += 2) {
-        const int32_t first = take_line(lines, k).magnitude;
-        const int32_t second = take_line(lines, k + 1).magnitude;
+        const int32_t first = magnitude_of(lines, k);
+        const int32_t second = magnitude_of(lines, k + 1);
         if ((first | second) < kEscapeMark) {
             bits += bits11[first * kEscapeBase + second];
         } else {
@@ -172,6 +161,27 @@ static int32_t shorter_book(uint8_t odd_book, class_bits bits, uint8_t *book)
     return even ? even_bits(bits) : odd_bits(bits);
 }
 
+template <typename Lines>
+static void quantise_all(Lines lines, int32_t count, int32_t *quantised)
+{
+    for (int32_t k = 0; k < count; k += 4) {
+        for (int32_t i = k; i < k + 4; i++) {
+            quantised[i] = value_of(lines, i);
+        }
+    }
+}
+
+void quantise_lines(const band_lines &lines, int32_t count, int32_t max, int32_t *quantised)
+{
+    if (max <= 1) {
+        quantise_all(ones_lines{lines}, count, quantised);
+    } else if (max == 2) {
+        quantise_all(twos_lines{lines}, count, quantised);
+    } else {
+        quantise_all(lines, count, quantised);
+    }
+}
+
 int32_t choose_codebook(const band_lines &lines, int32_t count, int32_t max, uint8_t *book)
 {
     const uint8_t odd_book = kOddBook[std::min(max, 13)];
@@ -182,14 +192,7 @@ int32_t choose_codebook(const band_lines &lines, int32_t count, int32_t max, uin
 int32_t choose_codebook_vector(const band_lines &lines, int32_t count, int32_t max, uint8_t *book)
 {
     const uint8_t odd_book = kOddBook[std::min(max, 13)];
-#if AACENC_VECTOR && !defined(__ARM_NEON)
-    if (odd_book != kEscapeBook) {
-        return shorter_book(odd_book, quantise_and_count_vector(lines, count, odd_book), book);
-    }
-#endif
-    quantise_lines_vector(lines, count, max);
-    const int32_t *values = lines.quantised;
-    return shorter_book(odd_book, count_bits(odd_book, values, values, values, count), book);
+    return shorter_book(odd_book, count_bits_vector(lines, count, odd_book), book);
 }
 
 int32_t output_bits_check(int32_t book, const int32_t *values, int32_t count)
@@ -204,8 +207,8 @@ int32_t output_bits_check(int32_t book, const int32_t *values, int32_t count)
 // returns: the entries of the list with the sign of a value that is not 0
 static size_t pack_sign(int32_t value, uint32_t *list, size_t entries)
 {
-    list[entries] = 1U << 24 | static_cast<uint32_t>(value) >> 31; // overwritten for the value 0
-    return entries + (value != 0 ? 1 : 0);
+    list[entries] = 1U << 24 | static_cast<uint32_t>(value) >> 31;    // overwritten for the value 0
+    return entries + (static_cast<uint32_t>(-std::abs(value)) >> 31); // 1 without a flag
 }
 
 static size_t pack_escape(int32_t magnitude, uint32_t *list, size_t entries)
@@ -228,8 +231,10 @@ static uint32_t *pack_class(const uint32_t *table, const int32_t *values, int32_
 {
     size_t entries = 0;
     for (int32_t k = 0; k < count; k += kGroup) {
-        int32_t group[4]; // a copy stays in registers while the entries are written
-        std::copy_n(values + k, kGroup, group);
+        int32_t group[4]; // in registers while the entries are written
+        for (int32_t i = 0; i < kGroup; i++) {
+            group[i] = values[k + i];
+        }
         list[entries++] = table[codeword_index<kGroup, kBase, kSigned>(group, 0)];
         for (int32_t i = 0; !kSigned && i < kGroup; i++) {
             entries = pack_sign(group[i], list, entries);

@@ -11,16 +11,24 @@ inline constexpr int32_t kMaxQuantised = 8191; // largest magnitude of the escap
 
 inline constexpr int32_t kSignedZero = 40; // index of all zeros in a signed codebook
 
+inline constexpr int32_t kEscapeMark = 16; // in a codeword: the value is in an escape
+inline constexpr int32_t kEscapeBase = kEscapeMark + 1;
+inline constexpr uint32_t kNoPartner = 0xFFFFU << 16; // even-numbered bits of the escape codebook
+
 // The lines of a band and how to quantise them.
 struct band_lines {
     const int32_t *spectrum;
     const int32_t *power; // magnitudes to the power 3/4; only read for a largest value above 2
-    int32_t *quantised;   // out
     gain_step step;
 };
 
-// Quantises a band and picks the shorter of its two candidate codebooks, on a tie the
-// lower-numbered one.
+// Quantises a band with the signs of its spectrum.
+// in: max: largest quantised magnitude of the lines
+// out: quantised: `count` entries
+void quantise_lines(const band_lines &lines, int32_t count, int32_t max, int32_t *quantised);
+
+// Picks the shorter of the two candidate codebooks of a quantised band, on a tie the lower-numbered
+// one.
 // in: max: largest quantised magnitude of the lines, not 0
 // out: book: the codebook
 // returns: the bits of the lines in it

@@ -29,26 +29,26 @@ int32_t power_three_quarters(uint32_t magnitude)
 
 uint32_t largest_magnitude(const int32_t *spectrum, int32_t count)
 {
-    int32_t lowest = 0;
-    int32_t highest = 0;
+    uint32_t largest = 0;
     for (int32_t k = 0; k < count; k += 4) {
         for (int32_t i = k; i < k + 4; i++) {
-            lowest = std::min(lowest, spectrum[i]);
-            highest = std::max(highest, spectrum[i]);
+            largest = std::max(largest, abs_u32(spectrum[i]));
         }
     }
-    return std::max(abs_u32(lowest), abs_u32(highest));
+    return largest;
 }
 
 void raise_lines(const int32_t *spectrum, int32_t count, int32_t *power)
 {
     const power_line first_line = CalcPow_RageTable[0]; // of most lines that are not in CalcPow34
     const uint32_t first_end = static_cast<uint32_t>(CalcPow_RageTable[1].start);
-    for (int32_t k = 0; k < count; k++) {
-        const uint32_t magnitude = abs_u32(spectrum[k]);
-        power[k] = magnitude < std::size(CalcPow34) ? CalcPow34[magnitude]
-                   : magnitude < first_end          ? power_on_line(first_line, magnitude)
-                                                    : power_three_quarters(magnitude);
+    for (int32_t k = 0; k < count; k += 4) {
+        for (int32_t i = k; i < k + 4; i++) {
+            const uint32_t magnitude = abs_u32(spectrum[i]);
+            power[i] = magnitude < std::size(CalcPow34) ? CalcPow34[magnitude]
+                       : magnitude < first_end          ? power_on_line(first_line, magnitude)
+                                                        : power_three_quarters(magnitude);
+        }
     }
 }
 

@@ -20,15 +20,13 @@ inline constexpr int32_t kVectorOverrun = 4;
 // As raise_lines. Reads and overwrites kVectorOverrun.
 void raise_lines_vector(const int32_t *spectrum, int32_t count, int32_t *power);
 
-// Quantises lines as choose_codebook does. Reads and overwrites kVectorOverrun.
-// in: max: largest quantised magnitude of the lines
-void quantise_lines_vector(const band_lines &lines, int32_t count, int32_t max);
+// As quantise_lines.
+void quantise_lines_vector(const band_lines &lines, int32_t count, int32_t max, int32_t *quantised);
 
-// Quantises lines and counts their bits in two codebooks. Reads and overwrites kVectorOverrun. Only
-// on x86: NEON cannot look up a table of this size by vector.
-// in: odd_book: the odd-numbered codebook of the class, below kEscapeBook
-// returns: bits of both codebooks, as in the tables of codebook_bits.h
-[[nodiscard]] uint32_t quantise_and_count_vector(const band_lines &lines, int32_t count,
-                                                 int32_t odd_book);
+// Quantises lines and counts their bits in two codebooks. Reads kVectorOverrun.
+// in: odd_book: the odd-numbered codebook of the class
+// returns: bits of both codebooks, as in the tables of codebook_bits.h; the even-numbered ones of
+// the escape codebook are kNoPartner
+[[nodiscard]] uint32_t count_bits_vector(const band_lines &lines, int32_t count, int32_t odd_book);
 
 #endif // AACENC_QUANTISER_VECTOR_H

@@ -14,7 +14,6 @@ static constexpr int32_t kLowestStart = 40;
 static constexpr int32_t kHighestGain = 200;
 static constexpr int32_t kTrials = 5;
 static constexpr int32_t kScalefactorOffset = 100; // gain 0 is the standard's step size of 1
-static constexpr int32_t kMostPairEntries = 5;     // a codeword, two signs, two escapes
 
 // Allowance of a trial for all that it does not count, such as global_gain, ics_info and the flags.
 static constexpr int32_t kSideAllowance = 102;
@@ -29,6 +28,14 @@ static constexpr int32_t kEmptyChannelBits =
 
 namespace {
 
+// What works on the lines of a band: plain code, or vector code.
+struct line_code {
+    uint32_t (*largest_magnitude)(const int32_t *spectrum, int32_t count);
+    void (*raise)(const int32_t *spectrum, int32_t count, int32_t *power);
+    int32_t (*choose_codebook)(const band_lines &lines, int32_t count, int32_t max, uint8_t *book);
+    void (*quantise)(const band_lines &lines, int32_t count, int32_t max, int32_t *quantised);
+};
+
 // The coding of one channel, from lines to codewords.
 struct channel_coding {
     const int32_t *spectrum;
@@ -37,7 +44,7 @@ struct channel_coding {
     AacEncCoderInfo *coder;
     AacEncBitstream *bitstream;
     const EncTfState *tf;
-    bool vectors; // takes vector code
+    const line_code *code;
     int32_t tns_bits;
     int32_t fixed_bits; // all but TNS data, sections, scalefactors and spectral data
     int32_t bands;      // up to the last band that is not silent
@@ -52,6 +59,11 @@ struct channel_coding {
 };
 
 } // namespace
+
+static constexpr line_code kPlainCode = {largest_magnitude, raise_lines, choose_codebook,
+                                         quantise_lines};
+static constexpr line_code kVectorCode = {largest_magnitude_vector, raise_lines_vector,
+                                          choose_codebook_vector, quantise_lines_vector};
 
 static int32_t band_width(const AacEncCoderInfo *coder, int32_t band)
 {
@@ -73,14 +85,13 @@ static int32_t used_lines(const int32_t *spectrum)
 static void find_powers(channel_coding *channel)
 {
     const AacEncCoderInfo *coder = channel->coder;
-    auto *const largest = channel->vectors ? largest_magnitude_vector : largest_magnitude;
     const int32_t lines = used_lines(channel->spectrum);
     while (coder->swbOffset[channel->bands] < lines) {
         channel->bands++;
     }
     for (int32_t band = 0; band < channel->bands; band++) {
-        channel->band_max[band] = power_three_quarters(
-            largest(channel->spectrum + coder->swbOffset[band], band_width(coder, band)));
+        channel->band_max[band] = power_three_quarters(channel->code->largest_magnitude(
+            channel->spectrum + coder->swbOffset[band], band_width(coder, band)));
         channel->max_power = std::max(channel->max_power, channel->band_max[band]);
     }
 }
@@ -98,23 +109,49 @@ static int32_t starting_gain(int32_t last_gain, int32_t max_power)
     return gain < kLowestStart || gain > kHighestGain ? kLowestStart : gain;
 }
 
-// Quantises a band and chooses its codebook. The lines are raised when the first trial needs their
-// powers.
+// Chooses the codebook of a band. The lines are raised when the first trial needs their powers.
+// in: lines: of the channel
 // in: max: largest quantised magnitude, not 0
 // returns: spectral bits
-static int32_t code_band(channel_coding *channel, int32_t band, const gain_step &step, int32_t max)
+static int32_t code_band(channel_coding *channel, int32_t band, band_lines *lines, int32_t max)
 {
     const int32_t start = channel->coder->swbOffset[band];
     const int32_t width = band_width(channel->coder, band);
-    const int32_t *spectrum = channel->spectrum + start;
-    int32_t *power = channel->power + start;
     if (max > 2 && !channel->band_raised[band]) {
-        (channel->vectors ? raise_lines_vector : raise_lines)(spectrum, width, power);
+        channel->code->raise(channel->spectrum + start, width, channel->power + start);
         channel->band_raised[band] = true;
     }
-    const auto choose = channel->vectors ? choose_codebook_vector : choose_codebook;
-    return choose({spectrum, power, channel->quantised + start, step}, width, max,
-                  &channel->coder->codebook[band]);
+    lines->spectrum = channel->spectrum + start;
+    lines->power = channel->power + start;
+    return channel->code->choose_codebook(*lines, width, max, &channel->coder->codebook[band]);
+}
+
+// returns: the largest quantised magnitude of a band, 3 for all above 2, 0 without spectral data
+static int32_t quantised_max(const channel_coding *channel, int32_t band, int32_t factor_q32)
+{
+    const uint8_t book = channel->coder->codebook[band];
+    return book == kZeroBook || book == kNoiseBook
+               ? 0
+               : std::min(quantise_power(channel->band_max[band], factor_q32), 3);
+}
+
+// Quantises the bands that have spectral data, neighbours of the same kind together.
+static void quantise_bands(const channel_coding *channel, int32_t gain)
+{
+    const int32_t *offsets = channel->coder->swbOffset;
+    const gain_step step = step_of_gain(gain);
+    for (int32_t band = 0, end = 0; band < channel->bands; band = end) {
+        const int32_t start = offsets[band];
+        const int32_t max = quantised_max(channel, band, step.factor_q32);
+        for (end = band + 1;
+             end < channel->bands && quantised_max(channel, end, step.factor_q32) == max;) {
+            end++;
+        }
+        if (max != 0) {
+            channel->code->quantise({channel->spectrum + start, channel->power + start, step},
+                                    offsets[end] - start, max, channel->quantised + start);
+        }
+    }
 }
 
 static void count_sections(channel_coding *channel)
@@ -122,18 +159,18 @@ static void count_sections(channel_coding *channel)
     channel->section_bits = sort_book_numbers(channel->coder, channel->bitstream, 0, channel->tf);
 }
 
-// Quantises each band, chooses its codebook and counts. Stops once the spectral bits exceed
+// Chooses the codebook of each band and counts. Stops once the spectral bits exceed
 // `most_bits`: what is not counted yet only adds to them, so the channel exceeds it too.
 // returns: whether it has come to the end; if not, only that is known of the gain
 static bool choose_codebooks(channel_coding *channel, int32_t gain, int32_t most_bits)
 {
     AacEncCoderInfo *coder = channel->coder;
-    const gain_step step = step_of_gain(gain);
+    band_lines lines = {nullptr, nullptr, step_of_gain(gain)};
     int32_t bits = 0;
     channel->coded_bands = 0;
     channel->has_noise = false;
     for (int32_t band = 0; band < channel->bands && bits <= most_bits; band++) {
-        const int32_t max = quantise_power(channel->band_max[band], step.factor_q32);
+        const int32_t max = quantise_power(channel->band_max[band], lines.step.factor_q32);
         int32_t band_bits = 0;
         if (max == 0) {
             coder->codebook[band] = kZeroBook;
@@ -141,7 +178,7 @@ static bool choose_codebooks(channel_coding *channel, int32_t gain, int32_t most
             coder->codebook[band] = kNoiseBook;
             channel->has_noise = true;
         } else {
-            band_bits = code_band(channel, band, step, max);
+            band_bits = code_band(channel, band, &lines, max);
             channel->coded_bands++;
         }
         channel->band_bits[band] = band_bits;
@@ -185,10 +222,16 @@ static int32_t search_gain(channel_coding *channel, int32_t bit_budget)
     const int32_t budget_quarter = bit_budget >> 2;
     int32_t gain = starting_gain(channel->tf->lastGain, channel->max_power);
     int32_t step = 8;
-    for (int32_t trial = 1;; trial++) {
+    int32_t gains[kTrials];
+    int32_t results_bits[kTrials];
+    for (int32_t trial = 0;; trial++) {
         int32_t next = gain + step;
-        const bool last = trial == kTrials || next > kHighestGain; // its codebooks may be needed
-        const int32_t total_bits = try_gain(channel, gain, last ? INT32_MAX : bit_budget);
+        // Its codebooks may be needed.
+        const bool last = trial == kTrials - 1 || next > kHighestGain;
+        const auto earlier = std::find(gains, gains + trial, gain) - gains;
+        const int32_t total_bits = !last && earlier < trial
+                                       ? results_bits[earlier]
+                                       : try_gain(channel, gain, last ? INT32_MAX : bit_budget);
         if (total_bits <= bit_budget) {
             if (bit_budget - total_bits < budget_quarter) {
                 return gain;
@@ -196,9 +239,11 @@ static int32_t search_gain(channel_coding *channel, int32_t bit_budget)
             step = step >> 1 != 0 ? step >> 1 : 2;
             next = gain - step;
         }
-        if (next > kHighestGain || trial == kTrials) {
+        if (next > kHighestGain || trial == kTrials - 1) {
             return gain;
         }
+        gains[trial] = gain;
+        results_bits[trial] = total_bits;
         gain = next;
     }
 }
@@ -240,13 +285,23 @@ static int32_t channel_bits(const channel_coding *channel)
            scalefactor_bits(channel) + channel->spectral_bits;
 }
 
-static bool codewords_fit(const channel_coding *channel)
+static bool codewords_fit(const channel_coding *channel, int32_t gain)
 {
     const AacEncCoderInfo *coder = channel->coder;
     const int32_t bands = channel->tf->sfbTotal;
-    if (coder->swbOffset[channel->bands] * kMostPairEntries / 2 + bands <= kMaxCodewords) {
+    const int32_t lines = coder->swbOffset[channel->bands];
+    // Of two lines: a codeword and two signs, and two escapes in the escape codebook.
+    int32_t most_entries = bands + lines / 2 * 3;
+    if (most_entries + lines <= kMaxCodewords) {
         return true;
     }
+    for (int32_t band = 0; band < channel->bands; band++) {
+        most_entries += coder->codebook[band] == kEscapeBook ? band_width(coder, band) : 0;
+    }
+    if (most_entries <= kMaxCodewords) {
+        return true;
+    }
+    quantise_bands(channel, gain);
     int32_t entries = bands - channel->bands;
     for (int32_t band = 0; band < channel->bands; band++) {
         entries +=
@@ -256,9 +311,9 @@ static bool codewords_fit(const channel_coding *channel)
     return entries <= kMaxCodewords;
 }
 
-static bool fits(const channel_coding *channel, int32_t limit_bits)
+static bool fits(const channel_coding *channel, int32_t gain, int32_t limit_bits)
 {
-    return channel_bits(channel) <= limit_bits && codewords_fit(channel);
+    return channel_bits(channel) <= limit_bits && codewords_fit(channel, gain);
 }
 
 static bool drop_top_band(channel_coding *channel)
@@ -294,12 +349,12 @@ static int32_t keep_in_syntax(channel_coding *channel, int32_t gain, int32_t lim
         counted = counted || choose_codebooks(channel, gain, last ? INT32_MAX : limit_bits);
         bound_noise_steps(channel, gain);
         set_scalefactors(channel, gain);
-        if (last || (counted && fits(channel, limit_bits))) {
+        if (last || (counted && fits(channel, gain, limit_bits))) {
             break;
         }
         counted = false;
     }
-    while (!fits(channel, limit_bits) && drop_top_band(channel)) {
+    while (!fits(channel, gain, limit_bits) && drop_top_band(channel)) {
     }
     *bits = channel_bits(channel);
     return gain;
@@ -348,7 +403,7 @@ int32_t tf_encode_spectrum_aac(int32_t *const *spectrum, uint8_t window_sequence
         .coder = coder,
         .bitstream = bitstream,
         .tf = tf,
-        .vectors = takes_vectors(),
+        .code = takes_vectors() ? &kVectorCode : &kPlainCode,
         .tns_bits = WriteTNSData(coder, bitstream, 0),
         .fixed_bits = kGainBits + (ch_info->commonWindow != 0 ? 0 : kIcsInfoBits) + kFlagBits,
     };
@@ -365,6 +420,7 @@ int32_t tf_encode_spectrum_aac(int32_t *const *spectrum, uint8_t window_sequence
     tf->bitsLeft -= bits;
     AACENC_CHECK(bits == write_channel_side(coder, ch_info->commonWindow, bitstream, 0, tf) +
                              channel.spectral_bits);
+    quantise_bands(&channel, tf->lastGain);
     pack_channel(&channel, reinterpret_cast<uint32_t *>(*spectrum));
     return 0;
 }

@@ -1,7 +1,9 @@
 #include "aacenc/tns.h"
 
 #include "aacenc/fixed_point.h"
+#include "aacenc/quantiser.h"
 #include "aacenc/tns_tables.h"
+#include "aacenc/tns_vector.h"
 
 #include <algorithm>
 #include <bit>
@@ -15,9 +17,7 @@ static constexpr int32_t kOne_q29 = 1 << 29;
 static constexpr int32_t kSmallest_q29 = 53687091;   // 0.1: a coefficient up to here counts as zero
 static constexpr int32_t kGainThreshold_q14 = 22938; // 1.4
 
-// Shifts of the autocorrelation, before and after the sum.
-static constexpr int32_t kProductShift = 9;
-static constexpr int32_t kSumShift = 11;
+static constexpr int32_t kSumShift = 11; // of the autocorrelation, after the sum
 
 int32_t AACENC_snorm_l2(int64_t value, int64_t *normalised)
 {
@@ -45,29 +45,33 @@ void TnsInit(int32_t sample_rate, AacEncTns *tns)
     }
 }
 
+uint64_t lagged_sum(const int32_t *lines, int32_t count, int32_t lag)
+{
+    uint64_t sum = 0;
+    for (int32_t n = 0; n < count; n++) {
+        sum += static_cast<uint64_t>(mul_s64(lines[n + lag], lines[n]) >> kProductShift);
+    }
+    return sum;
+}
+
+// A checked build runs the plain code, which checks its ranges.
+static bool takes_vectors()
+{
+#ifdef TDMBREC_CHECKED
+    return false;
+#else
+    return vector_tns_available();
+#endif
+}
+
 // out |r| <= 2^52: up to 1024 products of 2^62, shifted by 20. Only the sum of squares can reach
 // 2^63, and is therefore unsigned.
 static void autocorrelate(int32_t line_count, const int32_t *lines, int64_t *r)
 {
-    uint64_t energy = 0;
-    int64_t sums[kMaxTnsOrder + 1] = {};
-    for (int32_t n = 0; n < line_count; n++) {
-        energy += static_cast<uint64_t>(mul_s64(lines[n], lines[n])) >> kProductShift;
-    }
-    int32_t n = 0;
-    for (; n + kMaxTnsOrder < line_count; n++) {
-        for (int32_t lag = 1; lag <= kMaxTnsOrder; lag++) {
-            sums[lag] += mul_s64(lines[n + lag], lines[n]) >> kProductShift;
-        }
-    }
-    for (; n < line_count; n++) {
-        for (int32_t lag = 1; n + lag < line_count; lag++) {
-            sums[lag] += mul_s64(lines[n + lag], lines[n]) >> kProductShift;
-        }
-    }
-    r[0] = static_cast<int64_t>(energy >> kSumShift);
+    const auto sum = takes_vectors() ? lagged_sum_vector : lagged_sum;
+    r[0] = static_cast<int64_t>(sum(lines, line_count, 0) >> kSumShift);
     for (int32_t lag = 1; lag <= kMaxTnsOrder; lag++) {
-        r[lag] = sums[lag] >> kSumShift;
+        r[lag] = static_cast<int64_t>(sum(lines, line_count - lag, lag)) >> kSumShift;
     }
 }
 
@@ -150,17 +154,59 @@ int32_t StepUp_fixedVer(int32_t order, const int32_t *reflection, int32_t *direc
     return 0;
 }
 
-void TnsInvFilter_fixedVer04(int32_t line_count, int32_t *lines, int32_t order,
-                             const int32_t *direct_form, int32_t *work)
+// returns: whether the lines are below 2^28 and all sums of the filter below 2^31
+static bool sums_are_small(int32_t line_count, const int32_t *lines, int32_t order,
+                           const int32_t *direct_form)
 {
-    std::copy_n(lines, line_count, work);
-    for (int32_t n = 0; n < line_count; n++) {
+    const uint32_t largest = largest_magnitude(lines, line_count);
+    uint64_t gain_q29 = 0;
+    for (int32_t i = 0; i <= order; i++) {
+        gain_q29 += abs_u32(direct_form[i]);
+    }
+    constexpr uint32_t kRounding = kMaxTnsOrder;
+    return largest < 1U << 28 && (gain_q29 * largest >> 29) + kRounding < 1U << 31;
+}
+
+void filter_small_lines(const int32_t *work, int32_t first, int32_t end, const int32_t *direct_form,
+                        int32_t *lines)
+{
+    for (int32_t n = first; n < end; n++) {
+        word_s32 error = work[n];
+        for (int32_t i = 1; i <= kMaxTnsOrder; i++) {
+            error += mulhi(work[n - i] * (1 << (32 - 29)), direct_form[i]);
+        }
+        lines[n] = static_cast<int32_t>(error);
+    }
+}
+
+static void filter_lines(const int32_t *work, int32_t end, int32_t order,
+                         const int32_t *direct_form, int32_t *lines)
+{
+    for (int32_t n = 0; n < end; n++) {
         int64_t error = work[n];
         for (int32_t i = 1; i <= std::min(n, order); i++) {
             error += mul_q29(work[n - i], direct_form[i]);
         }
         lines[n] = sat32(error);
     }
+}
+
+void TnsInvFilter_fixedVer04(int32_t line_count, int32_t *lines, int32_t order,
+                             const int32_t *direct_form, int32_t *work)
+{
+    std::copy_n(lines, line_count, work);
+    if (line_count <= kMaxTnsOrder || !sums_are_small(line_count, lines, order, direct_form)) {
+        filter_lines(work, line_count, order, direct_form, lines);
+        return;
+    }
+    int32_t all_taps[kMaxTnsOrder + 1] = {};
+    std::copy_n(direct_form, order + 1, all_taps);
+    filter_lines(work, kMaxTnsOrder, order, direct_form, lines);
+    int32_t n = kMaxTnsOrder;
+    if (takes_vectors()) {
+        n = filter_small_lines_vector(work, n, line_count, all_taps, lines);
+    }
+    filter_small_lines(work, n, line_count, all_taps, lines);
 }
 
 // Sets the small coefficients at the top to zero.

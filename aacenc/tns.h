@@ -6,6 +6,8 @@
 
 #include <cstdint>
 
+inline constexpr int32_t kProductShift = 9; // of the autocorrelation, before the sum
+
 // Sets the filter range and order for a sample rate.
 void TnsInit(int32_t sample_rate, AacEncTns *tns);
 
@@ -28,6 +30,10 @@ void TnsInit(int32_t sample_rate, AacEncTns *tns);
 [[nodiscard]] int32_t LevinsonDurbin_fixed(int32_t line_count, const int32_t *lines,
                                            int32_t *reflection_out);
 
+// returns: the sum of lines[n + lag] * lines[n] over 2^kProductShift, each rounded down, modulo
+// 2^64
+[[nodiscard]] uint64_t lagged_sum(const int32_t *lines, int32_t count, int32_t lag);
+
 // Quantises reflection coefficients.
 // in: reflection: [1..12], Q29
 // out: reflection: the values that a decoder reconstructs
@@ -46,6 +52,12 @@ void QuantizeReflectionCoeffs_fixedVer(int32_t *reflection, int8_t *indices);
 // in: work: `line_count` entries
 void TnsInvFilter_fixedVer04(int32_t line_count, int32_t *lines, int32_t order,
                              const int32_t *direct_form, int32_t *work);
+
+// Filters lines as TnsInvFilter_fixedVer04 does, from `first`, at least kMaxTnsOrder, to `end`.
+// in: work: the lines, below 2^28; all sums are below 2^31
+// in: direct_form: [1..kMaxTnsOrder], Q29
+void filter_small_lines(const int32_t *work, int32_t first, int32_t end, const int32_t *direct_form,
+                        int32_t *lines);
 
 // out: normalised: the value shifted left until the bit below its sign bit differs from it
 // returns: the number of places, 0 for the value 0

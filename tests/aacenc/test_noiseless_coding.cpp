@@ -58,9 +58,10 @@ TEST(NoiselessCoding, CountedBitsAreThoseOfTheCodewords)
             ASSERT_EQ(output_bits_check(even, values, 4), even_bits) << even << ' ' << group;
             uint8_t book = 0;
             int32_t quantised[4];
-            ASSERT_EQ(choose_codebook({spectrum, powers, quantised, step}, 4, largest, &book),
-                      std::min(even_bits, odd_bits));
+            const band_lines lines = {spectrum, powers, step};
+            ASSERT_EQ(choose_codebook(lines, 4, largest, &book), std::min(even_bits, odd_bits));
             ASSERT_EQ(book, even_bits < odd_bits ? even : odd) << group;
+            quantise_lines(lines, 4, largest, quantised);
             ASSERT_TRUE(std::equal(values, values + 4, quantised)) << odd << ' ' << group;
         }
     }

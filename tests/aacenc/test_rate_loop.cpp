@@ -1,11 +1,15 @@
+#include "aacenc/element_syntax.h"
 #include "aacenc/huffman_tables.h"
 #include "aacenc/noiseless_coding.h"
+#include "aacenc/quantiser.h"
 #include "aacenc/rate_loop.h"
 #include "tests/aacenc/encoder_harness.h"
 
 #include <algorithm>
 #include <cstdint>
+#include <cstdlib>
 #include <gtest/gtest.h>
+#include <random>
 #include <vector>
 
 struct RateLoop : SilentChannel {
@@ -45,6 +49,81 @@ TEST_F(RateLoop, GainFollowsTheSteps)
     // A low gain starts from the spectrum: 2^26 gives 6 / 3 * 16, below 40; 2^31 gives 11 / 3 * 16.
     EXPECT_EQ(code(39, -1000, 0, 4, 1 << 26), 72);
     EXPECT_EQ(code(39, -1000, 0, 4, INT32_MIN), 80);
+}
+
+// Chooses the codebooks of a gain. All scalefactors are 0.
+// returns: the bits of a trial
+static int32_t plain_trial(AacEncCoderInfo *coder, const int32_t *spectrum, int32_t gain,
+                           const EncTfState *tf)
+{
+    static constexpr int32_t kLargest[6] = {0, 1, 2, 4, 7, 12}; // of the codebooks below 2 * i
+    int32_t bits = 102 + WriteTNSData(coder, tf->bitstream, 0);
+    coder->globalGain = gain;
+    for (int32_t band = 0; band < tf->sfbTotal; band++) {
+        std::vector<int32_t> values;
+        int32_t max = 0;
+        for (int32_t k = coder->swbOffset[band]; k < coder->swbOffset[band + 1]; k++) {
+            const auto line = static_cast<uint32_t>(std::abs(spectrum[k]));
+            const int32_t magnitude =
+                quantise_power(power_three_quarters(line), step_of_gain(gain).factor_q32);
+            values.push_back(spectrum[k] < 0 ? -magnitude : magnitude);
+            max = std::max(max, magnitude);
+        }
+        const auto pair = std::lower_bound(kLargest, kLargest + 6, max) - kLargest;
+        const int32_t odd = max == 0 ? 0 : static_cast<int32_t>(2 * pair - 1);
+        const int32_t even = odd == 0 || odd == kEscapeBook ? odd : odd + 1;
+        const int32_t count = static_cast<int32_t>(values.size());
+        const int32_t odd_bits = output_bits_check(odd, values.data(), count);
+        const int32_t even_bits = output_bits_check(even, values.data(), count);
+        coder->codebook[band] = static_cast<uint8_t>(even_bits < odd_bits ? even : odd);
+        bits += std::min(odd_bits, even_bits);
+    }
+    return bits + sort_book_numbers(coder, tf->bitstream, 0, tf) +
+           write_scalefactor_bitstream(tf->bitstream, 0, coder, tf);
+}
+
+// The search without a shortcut.
+static int32_t plain_search(AacEncCoderInfo *coder, const int32_t *spectrum, int32_t budget,
+                            int32_t gain, const EncTfState *tf)
+{
+    std::fill_n(coder->scalefactor, kMaxBands, 0);
+    int32_t step = 8;
+    for (int trial = 1;; trial++) {
+        const int32_t left = budget - plain_trial(coder, spectrum, gain, tf);
+        if (left >= 0 && left >= budget >> 2) {
+            step = step / 2 != 0 ? step / 2 : 2;
+        }
+        const int32_t next = left < 0 ? gain + step : gain - step;
+        if ((left >= 0 && left < budget >> 2) || next > 200 || trial == 5) {
+            return gain;
+        }
+        gain = next;
+    }
+}
+
+// Steps up and back to a gain, counts that stop early, and all ends of the search.
+TEST_F(RateLoop, SearchEqualsThePlainOne)
+{
+    std::mt19937 random(12);
+    for (int i = 0; i < 600; i++) {
+        SCOPED_TRACE(i);
+        const int fall = static_cast<int>(random() % 200) + 64; // lines for half the amplitude
+        const int loudest = 11 + static_cast<int>(random() % 12);
+        for (int k = 0; k < kFrameLines; k++) {
+            spectrum[k] = static_cast<int32_t>(random()) >> std::min(loudest + k / fall, 31);
+        }
+        const int32_t budget = static_cast<int32_t>(random() % 4000) - 100;
+        const int32_t start_gain = 40 + static_cast<int32_t>(random() % (i % 10 == 0 ? 161 : 40));
+        AacEncCoderInfo plain = *coder;
+        tf->lastGain = start_gain;
+        tf->bitsLeft = 1 << 20;
+        const int32_t gain = plain_search(&plain, spectrum, budget, start_gain, tf);
+        ASSERT_EQ(tf_encode_spectrum_aac(&tf->channelBuffer[0], kOnlyLongSequence, budget,
+                                         tf->bitstream, coder, tf->chInfo[0], tf),
+                  0);
+        ASSERT_EQ(tf->lastGain, gain);
+        ASSERT_TRUE(std::equal(coder->codebook, coder->codebook + tf->sfbTotal, plain.codebook));
+    }
 }
 
 TEST_F(RateLoop, AChannelNeverPassesTheAccessUnit)

@@ -1,4 +1,5 @@
 #include "aacenc/tns.h"
+#include "aacenc/tns_vector.h"
 #include "tests/aacenc/encoder_harness.h"
 
 #include <algorithm>
@@ -127,6 +128,45 @@ TEST_F(Tools, OnlyPredictableLinesAreWorthAFilter)
     }
     const std::vector<int32_t> no_lines(50, 1024);
     EXPECT_EQ(shape(no_lines.data()), -2);
+}
+
+// Small and large lines, the filter's sums up to their limit and past it, of all orders and ends.
+TEST(Tns, FilterAndSumsAreExact)
+{
+    std::mt19937 random(11);
+    const auto lagged = vector_tns_available() ? lagged_sum_vector : lagged_sum;
+    for (int i = 0; i < 1000; i++) {
+        SCOPED_TRACE(i);
+        const int32_t order = i % 13;
+        const int32_t count = static_cast<int32_t>(random() % 100) + 1;
+        int32_t direct_form[13] = {1 << 29};
+        for (int32_t tap = 1; tap <= order; tap++) {
+            direct_form[tap] = static_cast<int32_t>(random()) >> (i % 7);
+        }
+        int32_t original[112];
+        for (int32_t &line : original) {
+            line = static_cast<int32_t>(random()) >> (i % 11);
+        }
+        uint64_t sum = 0;
+        for (int32_t n = 0; n < count; n++) {
+            const int64_t product = int64_t{original[n]} * original[n + order];
+            sum += static_cast<uint64_t>(product >> 9);
+        }
+        ASSERT_EQ(lagged(original, count, order), sum);
+
+        int32_t filtered[112];
+        int32_t work[112];
+        std::copy_n(original, 112, filtered);
+        TnsInvFilter_fixedVer04(count, filtered, order, direct_form, work);
+        for (int32_t n = 0; n < count; n++) {
+            int64_t error = original[n];
+            for (int32_t tap = 1; tap <= std::min(n, order); tap++) {
+                error += int64_t{direct_form[tap]} * original[n - tap] >> 29;
+            }
+            ASSERT_EQ(filtered[n], std::clamp<int64_t>(error, INT32_MIN, INT32_MAX)) << n;
+        }
+        ASSERT_TRUE(std::equal(filtered + count, filtered + 112, original + count));
+    }
 }
 
 TEST_F(Tools, TnsStaysInRangeOnAnyLines)
