@@ -189,7 +189,7 @@ static void transform_eights(Number *data, int32_t groups, int32_t c_q31)
 }
 
 // returns: the factor of an entry of the table, e^(-j 2 pi entry / 1024)
-static twiddle fft_twiddle(int32_t entry)
+inline twiddle fft_twiddle(int32_t entry)
 {
     return {CPLX_COEFF[entry], CPLX_COEFF[kQuarterWave - entry]};
 }
