@@ -4,7 +4,7 @@
 usage: bench/performance.py [--quick]
 
 Builds what it measures below build/. --quick shortens every measurement, to try the script, and
-writes nothing. Needs the packages of `scripts/install_dependencies.sh tests`; takes about five
+writes nothing. Needs the packages of `scripts/install_dependencies.sh tests`; takes about nine
 minutes on a machine that does nothing else.
 """
 import collections
