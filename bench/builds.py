@@ -10,10 +10,10 @@ PORTABLE = ROOT / 'build/portable'
 ARM = ROOT / 'build/arm-library'
 PLAIN_ARM = ROOT / 'build/arm-plain'
 NO_VECTORS = ['-DTDMBREC_VECTOR=OFF', '-DCMAKE_CXX_FLAGS=-fno-tree-vectorize']
-ONLY_LIBRARY = ['-DTDMBREC_TESTS=OFF', '-DTDMBREC_BENCH=OFF']
+ONLY_LIBRARY = ['-DTDMBREC_TESTS=OFF', '-DTDMBREC_BENCH=OFF', '-DTDMBREC_COUNT=ON']
 BUILDS = {
     RELEASE: ('release', ['-DTDMBREC_TESTS=OFF'], ['all']),
-    PORTABLE: ('release', NO_VECTORS + ['-DTDMBREC_BENCH=OFF'],
+    PORTABLE: ('release', NO_VECTORS + ['-DTDMBREC_BENCH=OFF', '-DTDMBREC_COUNT=ON'],
                ['tdmbrec', 'encode_frames', 'fuzz_aacenc']),
     ARM: ('arm', ONLY_LIBRARY, ['all', 'encode_frames']),
     # The processor's option leaves the compiler no vectors.
