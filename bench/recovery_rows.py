@@ -15,8 +15,9 @@ HEAD_BYTES = 36        # before the media data
 RUNS = 2
 LEAST_SPEED = 'at least 300 MB/s; memory flat'
 
-# A command's speed over the media data, and what it used.
-Speed = collections.namedtuple('Speed', 'megabytes_per_second cpu_seconds resident_mib')
+# A command's speed over the media data, and what it used; user_seconds is without the kernel.
+Speed = collections.namedtuple('Speed', 'megabytes_per_second cpu_seconds user_seconds '
+                                        'resident_mib')
 
 
 def speed_of(command, media_bytes, prepare=lambda: None):
@@ -28,7 +29,8 @@ def speed_of(command, media_bytes, prepare=lambda: None):
         usage = usage_of(command)
         rate = media_bytes / 1e6 / (time.monotonic() - begin)
         if best is None or rate > best.megabytes_per_second:
-            best = Speed(rate, usage.cpu_seconds, usage.resident_kib / 1024)
+            best = Speed(rate, usage.cpu_seconds, usage.user_seconds,
+                         usage.resident_kib / 1024)
     return best
 
 
@@ -68,7 +70,8 @@ def measure_one(programs, source, loops, folder):
 
 
 def cell(short, long):
-    return (f'{long.megabytes_per_second:.0f} MB/s, {long.cpu_seconds:.1f} s of CPU; '
+    return (f'{long.megabytes_per_second:.0f} MB/s, {long.cpu_seconds:.1f} s of CPU, '
+            f'{long.user_seconds:.1f} s of it outside the kernel; '
             f'{short.resident_mib:.0f} and {long.resident_mib:.0f} MiB resident')
 
 

@@ -20,7 +20,7 @@ tests)
     packages="$packages clang clang-16 clang-19 clang-format-19 clang-tidy-19 libclang-rt-14-dev
         libclang-rt-19-dev g++-12-multilib
         g++-12-arm-linux-gnueabihf qemu-user libgtest-dev libgmock-dev googletest libbenchmark-dev
-        valgrind spin git libc++-14-dev libc++abi-14-dev gstreamer1.0-tools gstreamer1.0-plugins-base
+        valgrind spin git time libc++-14-dev libc++abi-14-dev gstreamer1.0-tools gstreamer1.0-plugins-base
         gstreamer1.0-plugins-base-apps gstreamer1.0-plugins-good gstreamer1.0-plugins-bad
         gstreamer1.0-libav mpv chromium faad mkvtoolnix mediainfo python3 python3-numpy util-linux
         groff-base lintian debootstrap dpkg-dev sox espeak-ng"
