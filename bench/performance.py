@@ -227,7 +227,7 @@ in one program. Nothing here is a test: no check fails because a machine is slow
   for the bytes of 0.8 s, a recording without checkpoints for a whole cache of 1 MiB. The CPU time of
   paced recordings is the median of {extent.paced[0]} pairs at the same time, {extent.paced[1]} s each.
 - Recovery without a journal parses every sound frame, because only its last bit shows where the next
-  frame begins; that is nearly all of its time outside the kernel. A new file adds the kernel's time
+  frame begins; that is most of its time outside the kernel. A new file adds the kernel's time
   for reading and writing all bytes. The files are in the system's cache.
 - The client's memory contains the libraries that read the input, the buffers, and the memory of the
   recording, whose growth has its own row.
