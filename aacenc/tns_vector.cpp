@@ -20,7 +20,8 @@ static uint64_t sum_of_products(const int32_t *a, const int32_t *b, int32_t coun
     for (int32_t n = 0; n < count; n += kLanes) {
         add_products(&sums, load(a + n), load(b + n));
     }
-    return static_cast<uint64_t>(vgetq_lane_s64(sums, 0) + vgetq_lane_s64(sums, 1));
+    const uint64x2_t lanes = vreinterpretq_u64_s64(sums); // together up to 2^63
+    return vgetq_lane_u64(lanes, 0) + vgetq_lane_u64(lanes, 1);
 }
 
 // As mul_q29, of a line below 2^28. The instruction makes (2 * a * b) >> 32.
