@@ -19,7 +19,7 @@ static constexpr char kMark[] = ".tdmbrec";
 // Removes only the files that a command makes; a folder with any other file stays.
 static void remove_folder(int directory, const locked_folder &folder)
 {
-    for (const char *const name : {kWorkStream, kWorkMovie, kWorkPage}) {
+    for (const char *const name : {kWorkStream, kWorkMovie, kWorkPage, kWorkNotes}) {
         unlinkat(folder.descriptor, name, 0);
     }
     for (const char *const name : kMuxTableNames) {

@@ -15,6 +15,7 @@
 inline constexpr char kWorkStream[] = "stream.aac";
 inline constexpr char kWorkMovie[] = "movie.mp4";
 inline constexpr char kWorkPage[] = "page.html";
+inline constexpr char kWorkNotes[] = "walk.tmp"; // made by the recovery without a journal
 
 struct work_folder {
     std::unique_ptr<output_place> place;

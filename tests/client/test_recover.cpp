@@ -144,7 +144,7 @@ TEST_F(RecoverCommand, SaysWhatCameBackAndFromWhere)
          "--in-place k", 0, "k/o", ""},
         {"TMPDIR=missing ", media + "--in-place", 5, "", "(TMPDIR): No such file or directory\n"},
         {"mkdir t; export TMPDIR=t; p=t/tdmbrec-$(printf %s-%x $(stat -c '%D %i' " + media +
-             ")).part; mkdir $p; : > $p/.tdmbrec; ",
+             ")).part; mkdir $p; touch $p/.tdmbrec $p/walk.tmp; ",
          media + "--in-place && rmdir t", 0, "", ""},
         {"", media + "--in-place --force", 2, "", "--force excludes --in-place\n"},
         {as_left + "cp aside/whole.mp4 o.mp4.recording/recording.mp4; ", "o.mp4.recording", 9, "",
